@@ -1,0 +1,51 @@
+/* The peripheral manager's client: votes that keep a peripheral (the modem) powered.
+ *
+ * The manager powers a peripheral while at least one voter is connected. On the way up it tells every registered voter
+ * 2 then 3, on the way down 0 then 1, and waits for each voter's acknowledgement, up to a time-out, before the next
+ * step. A voter that dies takes its vote with it. */
+#ifndef PM_SERVICE_H
+#define PM_SERVICE_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum pm_event {
+  EVENT_PERIPH_GOING_OFFLINE = 0,
+  EVENT_PERIPH_IS_OFFLINE = 1,
+  EVENT_PERIPH_GOING_ONLINE = 2,
+  EVENT_PERIPH_IS_ONLINE = 3,
+};
+
+enum {
+  PM_RET_SUCCESS = 0,
+  PM_RET_FAILED = -1,
+  PM_RET_UNSUPPORTED = -2,
+};
+
+typedef void (*pm_client_event_cb)(void* client_data, enum pm_event event);
+
+/* Registers a voter for a device. The callback runs on a thread of the manager's client.
+ *
+ * state   out: the peripheral's state as the event that led to it
+ * handle  out: the voter's handle; untouched on an error */
+int pm_client_register(pm_client_event_cb cb, void* client_data, const char* device_name, const char* client_name,
+                       enum pm_event* state, void** handle);
+
+/* Casts the voter's vote for power. */
+int pm_client_connect(void* handle);
+
+/* Withdraws it. */
+int pm_client_disconnect(void* handle);
+
+/* Ends the registration; the handle is void afterwards. */
+int pm_client_unregister(void* handle);
+
+/* Acknowledges an event that the callback was given. */
+int pm_client_event_acknowledge(void* handle, enum pm_event event);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,17 @@
+/* What the QMI client framework needs from its operating system: one block a handle, owned by the handle's user. */
+#ifndef QMI_CCI_TARGET_EXT_H
+#define QMI_CCI_TARGET_EXT_H
+
+#include <pthread.h>
+#include <stdint.h>
+
+typedef struct {
+  uint32_t sig_set;
+  uint32_t timed_out;
+  uint32_t clock;
+  pthread_cond_t cond;
+  pthread_condattr_t attr;
+  pthread_mutex_t mutex;
+} qmi_client_os_params;
+
+#endif

@@ -1,0 +1,125 @@
+/* The QMI client framework: connections to a modem's services.
+ *
+ * Callbacks run on threads of the framework, never on a sender's. Indications of one handle arrive in order; a slow
+ * callback of one handle does not hold up another handle. A synchronous send from inside a callback is allowed.
+ *
+ * When a service goes away, every send that waits on the handle ends with QMI_SERVICE_ERR, the error callback is called
+ * once with that code, and later sends answer it.
+ */
+#ifndef QMI_CLIENT_H
+#define QMI_CLIENT_H
+
+#include <stdint.h>
+
+#include "qmi_cci_target_ext.h"
+#include "qmi_idl_lib.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct qmi_client_struct* qmi_client_type;
+typedef void* qmi_txn_handle;
+typedef unsigned int qmi_service_instance;
+typedef int qmi_client_error_type;
+
+#define QMI_CLIENT_INSTANCE_ANY 0xffff
+
+typedef enum {
+  QMI_CLIENT_SERVICE_COUNT_INC = 0,
+  QMI_CLIENT_SERVICE_COUNT_DEC = 1,
+} qmi_client_notify_event_type;
+
+/* Transport codes; the codec's codes of qmi_idl_lib.h are answered unchanged. */
+enum {
+  QMI_NO_ERR = 0,
+  QMI_INTERNAL_ERR = -1,
+  QMI_SERVICE_ERR = -2, /* the service went away */
+  QMI_TIMEOUT_ERR = -3,
+  QMI_EXTENDED_ERR = -4,
+  QMI_PORT_NOT_OPEN_ERR = -5,
+  QMI_MEMCOPY_ERROR = -13,
+  QMI_INVALID_TXN = -14,
+  QMI_CLIENT_ALLOC_FAILURE = -15,
+  QMI_CLIENT_TRANSPORT_ERR = -16,
+  QMI_CLIENT_PARAM_ERR = -17,
+  QMI_CLIENT_INVALID_CLNT = -18,
+  QMI_CLIENT_FW_NOT_UP = -19,
+  QMI_CLIENT_INVALID_SIG = -20,
+  QMI_XPORT_BUSY_ERR = -21,
+};
+
+/* An indication: its wire bytes from the first TLV on, valid only during the call. */
+typedef void (*qmi_client_ind_cb)(qmi_client_type user_handle, unsigned int msg_id, void* ind_buf,
+                                  unsigned int ind_buf_len, void* ind_cb_data);
+
+/* The end of an asynchronous transaction; the structure is the one that was given to the send. */
+typedef void (*qmi_client_recv_msg_async_cb)(qmi_client_type user_handle, unsigned int msg_id, void* resp_c_struct,
+                                             unsigned int resp_c_struct_len, void* resp_cb_data,
+                                             qmi_client_error_type transp_err);
+
+typedef void (*qmi_client_error_cb)(qmi_client_type user_handle, qmi_client_error_type error, void* err_cb_data);
+
+typedef void (*qmi_client_notify_cb)(qmi_client_type user_handle, qmi_idl_service_object_type service_obj,
+                                     qmi_client_notify_event_type service_event, void* notify_cb_data);
+
+/* Connects to a service. Where it is absent, waits up to `timeout` milliseconds for it.
+ *
+ * ind_cb   may be null: indications are dropped
+ * os_params kept by the framework until the handle is released
+ * user_handle  out: the handle; null on an error
+ *
+ * Returns 0, QMI_TIMEOUT_ERR when the service is absent, QMI_CLIENT_PARAM_ERR for a null service object or handle
+ * pointer, or another transport code. */
+qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
+                                               qmi_service_instance instance_id, qmi_client_ind_cb ind_cb,
+                                               void* ind_cb_data, qmi_client_os_params* os_params, uint32_t timeout,
+                                               qmi_client_type* user_handle);
+
+/* A handle that tells when a service comes and goes; it can send nothing. */
+qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service_obj, qmi_client_os_params* os_params,
+                                               qmi_client_type* user_handle);
+
+/* Where the service already went away the callback is called during the registration and QMI_SERVICE_ERR is answered.
+ */
+qmi_client_error_type qmi_client_register_error_cb(qmi_client_type user_handle, qmi_client_error_cb err_cb,
+                                                   void* err_cb_data);
+
+/* Where the service is there already the callback is called during the registration with
+ * QMI_CLIENT_SERVICE_COUNT_INC. */
+qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle, qmi_client_notify_cb notify_cb,
+                                                    void* notify_cb_data);
+
+/* Sends a request and waits for its response.
+ *
+ * req_c_struct, resp_c_struct   structures of the message, encoded and decoded by the framework; the response's is
+ *                               zeroed before it is decoded
+ * resp_c_struct_len             at least the message's structure size, else QMI_IDL_LIB_BUFFER_TOO_SMALL
+ * timeout_msecs                 0: waits without end
+ *
+ * Returns 0 when a response was decoded (whatever its result says), a transport code, or a codec code. A null handle
+ * answers QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. */
+qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
+                                               unsigned int req_c_struct_len, void* resp_c_struct,
+                                               unsigned int resp_c_struct_len, unsigned int timeout_msecs);
+
+/* Sends a request; the callback gets the response. The response structure must stay valid until then. */
+qmi_client_error_type qmi_client_send_msg_async(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
+                                                unsigned int req_c_struct_len, void* resp_c_struct,
+                                                unsigned int resp_c_struct_len, qmi_client_recv_msg_async_cb resp_cb,
+                                                void* resp_cb_data, qmi_txn_handle* txn_handle);
+
+/* Decodes wire bytes (from the first TLV on) into a structure. Returns 0 or a codec code. */
+qmi_client_error_type qmi_client_message_decode(qmi_client_type user_handle, qmi_idl_type_of_message_type req_resp_ind,
+                                                unsigned int message_id, const void* p_src, unsigned int src_len,
+                                                void* p_dst, unsigned int dst_len);
+
+/* Ends a handle: returns when none of its callbacks runs any more and none will start, except when called from one of
+ * them. Transactions that are under way get no callback. */
+qmi_client_error_type qmi_client_release(qmi_client_type user_handle);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
