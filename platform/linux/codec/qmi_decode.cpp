@@ -1,6 +1,9 @@
 // The decoder: takes the TLVs of a message one by one, looks each up in the message's description and fills the
 // structure. This is where bytes from outside the process are first read, so every length is checked before use.
 //
+// A structure is filled front to back as a rule, so it is not zeroed as a whole: Output zeroes what the elements leave
+// out. An array of aggregates is decoded by a plan of its members, made once for all entries.
+//
 // Functions that take wire bytes return where they stopped; a null return stands for an error, which is in
 // `input.error` then.
 #include <cstring>
@@ -16,6 +19,7 @@ constexpr uint8_t kResultTlv = 0x02;         // of every response
 constexpr uint8_t kFirstOptionalTlv = 0x10;  // an unknown TLV below is one that the sender wants understood
 constexpr size_t kStandardResultLength = 4;
 
+// The value of one TLV.
 struct Input {
   const uint8_t* end;
   int32_t error;
@@ -33,30 +37,87 @@ struct Input {
   }
 };
 
+// The structure that is being filled: all bytes before `filled_` have been written.
+class Output {
+ public:
+  explicit Output(uint8_t* structure) : filled_(structure) {}
+
+  // Answers `to` for the caller to write `length` bytes there, after zeroing what lies between it and the bytes before.
+  uint8_t* claim(uint8_t* to, size_t length) {
+    if (to > filled_) std::memset(filled_, 0, static_cast<size_t>(to - filled_));
+    if (to + length > filled_) filled_ = to + length;
+    return to;
+  }
+
+ private:
+  uint8_t* filled_;
+};
+
 uint16_t read_u16(const uint8_t* at) {
   return static_cast<uint16_t>(at[0] | at[1] << 8);
 }
 
-const uint8_t* get_string(const Element& element, bool is_whole_tlv, const uint8_t* at, uint8_t* to, Input& input) {
-  size_t length = element.maximum;
-  if (element.is_variable && is_whole_tlv) {
-    length = static_cast<size_t>(input.end - at);
-  } else if (element.is_variable) {
-    const size_t width = element.has_wide_count ? 2 : 1;
-    if (!input.has(at, width)) return nullptr;
-    length = element.has_wide_count ? read_u16(at) : *at;
-    at += width;
+// memcpy for lengths that are mostly a few bytes.
+inline void copy(uint8_t* to, const uint8_t* from, size_t length) {
+  if (length > 16) {
+    std::memcpy(to, from, length);
+  } else if (length >= 8) {
+    uint64_t first, last;
+    std::memcpy(&first, from, 8);
+    std::memcpy(&last, from + length - 8, 8);
+    std::memcpy(to, &first, 8);
+    std::memcpy(to + length - 8, &last, 8);
+  } else if (length >= 4) {
+    uint32_t first, last;
+    std::memcpy(&first, from, 4);
+    std::memcpy(&last, from + length - 4, 4);
+    std::memcpy(to, &first, 4);
+    std::memcpy(to + length - 4, &last, 4);
+  } else {
+    for (size_t i = 0; i < length; ++i) to[i] = from[i];
   }
-  if (length > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
+}
+
+// Bytes that stand in the structure as they do on the wire.
+inline const uint8_t* get_bytes(size_t length, const uint8_t* at, uint8_t* to, Input& input, Output& output) {
   if (!input.has(at, length)) return nullptr;
-  std::memcpy(to, at, length);
-  if (element.is_variable) to[length] = 0;
+  copy(output.claim(to, length), at, length);
   return at + length;
 }
 
-const uint8_t* get_enumerations(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input) {
+inline const uint8_t* get_wire_count(const Element& element, const uint8_t* at, uint32_t& count, Input& input) {
+  const size_t width = element.has_wide_count ? 2 : 1;
+  if (!input.has(at, width)) return nullptr;
+  count = element.has_wide_count ? read_u16(at) : *at;
+  if (count > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
+  return at + width;
+}
+
+// The count of a variable array whose elements begin at `to`.
+inline const uint8_t* get_count(const Element& element, const uint8_t* at, uint32_t& count, uint8_t* to, Input& input,
+                                Output& output) {
+  at = get_wire_count(element, at, count, input);
+  if (at != nullptr) std::memcpy(output.claim(to - element.count_distance, sizeof count), &count, sizeof count);
+  return at;
+}
+
+const uint8_t* get_string(const Element& element, bool is_whole_tlv, const uint8_t* at, uint8_t* to, Input& input,
+                          Output& output) {
+  if (!element.is_variable) return get_bytes(element.maximum, at, to, input, output);
+  auto length = static_cast<uint32_t>(input.end - at);
+  if (!is_whole_tlv) at = get_wire_count(element, at, length, input);
+  if (at == nullptr) return nullptr;
+  if (length > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
+  at = get_bytes(length, at, to, input, output);
+  if (at != nullptr) *output.claim(to + length, 1) = 0;
+  return at;
+}
+
+const uint8_t* get_enumerations(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input,
+                                Output& output) {
   const size_t width = kWireWidth[element.kind];
   if (!input.has(at, count * width)) return nullptr;
+  output.claim(to, count * sizeof(uint32_t));
   for (uint32_t i = 0; i < count; ++i, at += width, to += sizeof(uint32_t)) {
     const uint32_t value = width == 1 ? *at : read_u16(at);
     std::memcpy(to, &value, sizeof value);
@@ -64,42 +125,97 @@ const uint8_t* get_enumerations(const Element& element, uint32_t count, const ui
   return at;
 }
 
-const uint8_t* get_element(const Element& element, bool is_whole_tlv, const uint8_t* at, uint8_t* structure,
-                           Input& input);
-
-const uint8_t* get_aggregates(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input) {
-  for (uint32_t i = 0; i < count; ++i, to += element.aggregate_stride) {
-    for (const uint8_t* description = element.aggregate; *description != QMI_IDL_TYPE_END;) {
-      Element member;
-      description = read_element(description, *element.aggregate_table, member);
-      at = get_element(member, false, at, to, input);
-      if (at == nullptr) return nullptr;
-    }
-  }
-  return at;
-}
+const uint8_t* get_aggregates(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input,
+                              Output& output);
 
 const uint8_t* get_element(const Element& element, bool is_whole_tlv, const uint8_t* at, uint8_t* structure,
-                           Input& input) {
+                           Input& input, Output& output) {
   uint8_t* const to = structure + element.offset;
-  if (element.kind == QMI_IDL_KIND_STRING) return get_string(element, is_whole_tlv, at, to, input);
+  if (element.kind == QMI_IDL_KIND_STRING) return get_string(element, is_whole_tlv, at, to, input, output);
 
   uint32_t count = element.maximum;
-  if (element.is_variable) {
-    const size_t width = element.has_wide_count ? 2 : 1;
-    if (!input.has(at, width)) return nullptr;
-    count = element.has_wide_count ? read_u16(at) : *at;
-    at += width;
-    if (count > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
-    std::memcpy(to - element.count_distance, &count, sizeof count);
-  }
-  if (element.kind == QMI_IDL_KIND_AGGREGATE) return get_aggregates(element, count, at, to, input);
-  if (is_enumeration(element.kind)) return get_enumerations(element, count, at, to, input);
+  if (element.is_variable) at = get_count(element, at, count, to, input, output);
+  if (at == nullptr) return nullptr;
+  if (element.kind == QMI_IDL_KIND_AGGREGATE) return get_aggregates(element, count, at, to, input, output);
+  if (is_enumeration(element.kind)) return get_enumerations(element, count, at, to, input, output);
+  return get_bytes(size_t{count} * kWireWidth[element.kind], at, to, input, output);
+}
 
-  const size_t length = size_t{count} * kWireWidth[element.kind];
-  if (!input.has(at, length)) return nullptr;
-  std::memcpy(to, at, length);
-  return at + length;
+// The members of an aggregate, read once for all entries of an array. Neighbours that stand side by side in the
+// structure as they do on the wire are one run of bytes.
+class Plan {
+ public:
+  Plan(const uint8_t* aggregate, const TypeTable& table) : rest_(aggregate), table_(table) {
+    while (*rest_ != QMI_IDL_TYPE_END && length_ < kCapacity) {
+      Step& step = steps_[length_];
+      rest_ = read_element(rest_, table, step.member);
+      step.form = Form::kOther;
+      if (step.member.kind <= QMI_IDL_KIND_8_BYTES) {
+        step.width = kWireWidth[step.member.kind];
+        step.form = step.member.is_variable ? Form::kCountedBytes : Form::kRun;
+        step.run = step.width * step.member.maximum;
+      }
+      if (length_ > 0 && continues(steps_[length_ - 1], step)) {
+        steps_[length_ - 1].run += step.run;
+      } else {
+        ++length_;
+      }
+    }
+  }
+
+  const uint8_t* run(const uint8_t* at, uint8_t* structure, Input& input, Output& output) const {
+    for (const Step *step = steps_, *end = steps_ + length_; step != end; ++step) {
+      uint8_t* const to = structure + step->member.offset;
+      if (step->form == Form::kRun) {
+        at = get_bytes(step->run, at, to, input, output);
+      } else if (step->form == Form::kCountedBytes) {
+        uint32_t count;
+        at = get_count(step->member, at, count, to, input, output);
+        if (at == nullptr) return nullptr;
+        at = get_bytes(size_t{count} * step->width, at, to, input, output);
+      } else {
+        at = get_element(step->member, false, at, structure, input, output);
+      }
+      if (at == nullptr) return nullptr;
+    }
+    for (const uint8_t* description = rest_; *description != QMI_IDL_TYPE_END && at != nullptr;) {
+      Element member;
+      description = read_element(description, table_, member);
+      at = get_element(member, false, at, structure, input, output);
+    }
+    return at;
+  }
+
+ private:
+  static constexpr size_t kCapacity = 12;  // members that do not fit are read anew for each entry
+
+  enum class Form : uint8_t { kRun, kCountedBytes, kOther };
+
+  struct Step {
+    Element member;
+    Form form;
+    uint8_t width;  // of one integer
+    uint32_t run;   // bytes of a run
+  };
+
+  static bool continues(const Step& before, const Step& step) {
+    return before.form == Form::kRun && step.form == Form::kRun &&
+           before.member.offset + before.run == step.member.offset;
+  }
+
+  Step steps_[kCapacity];
+  size_t length_ = 0;
+  const uint8_t* rest_;
+  const TypeTable& table_;
+};
+
+const uint8_t* get_aggregates(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input,
+                              Output& output) {
+  const Plan plan(element.aggregate, *element.aggregate_table);
+  for (uint32_t i = 0; i < count && at != nullptr; ++i, to += element.aggregate_stride) {
+    at = plan.run(at, to, input, output);
+  }
+  return at;
 }
 
 // A set of TLV types.
@@ -155,18 +271,18 @@ class DescribedTlvs {
   const TypeTable& table_;
 };
 
-int32_t get_value(const TlvHead& head, const Element& element, const uint8_t* value, size_t length,
-                  uint8_t* structure) {
+int32_t get_value(const TlvHead& head, const Element& element, const uint8_t* value, size_t length, uint8_t* structure,
+                  Output& output) {
   Input input{value + length, QMI_IDL_LIB_NO_ERR};
-  const uint8_t* const stop = get_element(element, true, value, structure, input);
+  const uint8_t* const stop = get_element(element, true, value, structure, input, output);
   if (stop == nullptr) return input.error;
   if (stop != input.end) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
-  if (head.is_optional) structure[element.offset - head.flag_distance] = 1;
+  if (head.is_optional) *output.claim(structure + element.offset - head.flag_distance, 1) = 1;
   return QMI_IDL_LIB_NO_ERR;
 }
 
 int32_t get_message(const MessageDescription& message, bool is_response, const uint8_t* at, size_t length,
-                    uint8_t* structure) {
+                    uint8_t* structure, Output& output) {
   const uint8_t* const end = at + length;
   DescribedTlvs described(message);
   TypeSet seen;
@@ -186,7 +302,7 @@ int32_t get_message(const MessageDescription& message, bool is_response, const u
       if (type < kFirstOptionalTlv) return QMI_IDL_LIB_UNKNOWN_MANDATORY_TLV;
       continue;
     }
-    const int32_t error = get_value(head, element, value, value_length, structure);
+    const int32_t error = get_value(head, element, value, value_length, structure, output);
     if (error != QMI_IDL_LIB_NO_ERR) return error;
     if (is_response && type == kResultTlv && value_length == kStandardResultLength)
       reports_failure = read_u16(value) != 0;
@@ -200,12 +316,20 @@ int32_t get_message(const MessageDescription& message, bool is_response, const u
 int32_t decode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                const uint8_t* bytes, size_t length, void* structure, size_t structure_length) {
   MessageDescription message;
-  const int32_t error = find_message(service, type, msg_id, message);
+  int32_t error = find_message(service, type, msg_id, message);
   if (error != QMI_IDL_LIB_NO_ERR) return error;
   if (structure == nullptr || (bytes == nullptr && length != 0)) return QMI_IDL_LIB_PARAMETER_ERR;
   if (structure_length < message.structure_length) return QMI_IDL_LIB_BUFFER_TOO_SMALL;
-  std::memset(structure, 0, message.structure_length);
-  return get_message(message, type == QMI_IDL_RESPONSE, bytes, length, static_cast<uint8_t*>(structure));
+
+  auto* const to = static_cast<uint8_t*>(structure);
+  Output output(to);
+  error = get_message(message, type == QMI_IDL_RESPONSE, bytes, length, to, output);
+  if (error == QMI_IDL_LIB_NO_ERR) {
+    output.claim(to + message.structure_length, 0);
+  } else {
+    std::memset(to, 0, message.structure_length);
+  }
+  return error;
 }
 
 }  // namespace pelmar::platform
