@@ -40,7 +40,7 @@ struct Tlv {
 };
 
 inline constexpr size_t kMaxTlvs = 16;
-inline constexpr size_t kMaxElements = 8;
+inline constexpr size_t kMaxElements = 12;
 
 struct Message {
   qmi_idl_type_of_message_type direction;

@@ -1,0 +1,39 @@
+// The SAR service's description: its message rows and the object that is computed from them.
+#include "sar_messages.h"
+#include "service_tables.h"
+
+namespace pelmar::platform {
+namespace {
+
+using namespace sar;
+using qmi_idl::mandatory;
+using qmi_idl::optional;
+
+constexpr std::array<qmi_idl::Type, 0> kTypes = {};
+constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(RfSetStateResponse, header));
+
+// clang-format off
+constexpr qmi_idl::Message kMessages[] = {
+    sized({QMI_IDL_REQUEST, QMI_SAR_RF_SET_STATE_V01, sizeof(RfSetStateRequest), 0, {
+        mandatory(0x01, QMI_IDL_FIELD(RfSetStateRequest, state))}}),
+    sized({QMI_IDL_REQUEST, QMI_SAR_RF_GET_STATE_V01, sizeof(RfGetStateRequest), 0}),
+
+    sized({QMI_IDL_RESPONSE, QMI_SAR_RF_SET_STATE_V01, sizeof(RfSetStateResponse), 0, {kResult}}),
+    sized({QMI_IDL_RESPONSE, QMI_SAR_RF_GET_STATE_V01, sizeof(RfGetStateResponse), 0, {
+        kResult,
+        optional(0x10, offsetof(RfGetStateResponse, state_valid), QMI_IDL_FIELD(RfGetStateResponse, state))}}),
+};
+// clang-format on
+
+constinit const qmi_idl_service_object kService = ServiceTables<kTypes, kMessages>::service(
+    SAR_SERVICE_ID_V01, SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS);
+
+}  // namespace
+}  // namespace pelmar::platform
+
+extern "C" [[gnu::visibility("default")]] qmi_idl_service_object_type sar_get_service_object_internal_v01(
+    int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
+  const bool matches = idl_maj_version == SAR_V01_IDL_MAJOR_VERS && idl_min_version == SAR_V01_IDL_MINOR_VERS &&
+                       library_version == SAR_V01_IDL_TOOL_VERS;
+  return matches ? &pelmar::platform::kService : nullptr;
+}
