@@ -1,0 +1,173 @@
+// The two sinks and their masks.
+//
+// Nothing here is a log site: every message goes straight to the system log, with no prefix and no mask test, because
+// log sites call these functions.
+
+// The checked variants that fortified headers put in the place of vsyslog have another name; the platform answers to
+// this one.
+#undef _FORTIFY_SOURCE
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "cutils/properties.h"
+#include "pelmar_log_site.h"
+
+uint32_t g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
+
+namespace pelmar::log {
+
+constinit PrintMask g_logcat_print_mask;
+constinit PrintMask g_shell_print_mask;
+
+namespace {
+
+struct Sink {
+  PrintMask& mask;
+  const char* name;
+  const char* property;
+  const char* variable;
+  const char* widened_as;  // what merge, add and set call the mask; remove and close always name the variable
+};
+
+constexpr Sink kLogcat{g_logcat_print_mask, "logcat", "persist.vendor.radio.adb_log_ka", "g_pelmar_logcat_print_mask",
+                       "pelmar_hal_set_logcat_print_mask"};
+constexpr Sink kShell{g_shell_print_mask, "shell", "persist.vendor.radio.adb_log_shell", "g_pelmar_shell_print_mask",
+                      "g_pelmar_shell_print_mask"};
+
+constexpr char kAllLevelsText[] = "65535";
+
+uint32_t levels_of(const Sink& sink) {
+  return sink.mask.levels.load(std::memory_order_relaxed);
+}
+
+// Changes a mask between the two lines that tell of it. The change itself is one step, so that no other thread's is
+// lost.
+template <typename Change>
+void change_mask(const Sink& sink, const char* verb, const char* called, const char* operand_name, uint32_t operand,
+                 Change change) {
+  pelmar_utils_syslog_dbg("%s, old %s 0x%x, %s 0x%x", verb, called, levels_of(sink), operand_name, operand);
+  change(sink.mask.levels);
+  pelmar_utils_syslog_dbg("new %s 0x%x", called, levels_of(sink));
+}
+
+using Levels = std::atomic<uint32_t>;
+
+void merge_mask(const Sink& sink, uint32_t mask) {
+  change_mask(sink, "merge", sink.widened_as, "merge_mask", mask,
+              [mask](Levels& levels) { levels.fetch_and(mask, std::memory_order_relaxed); });
+}
+
+void add_mask(const Sink& sink, uint32_t mask) {
+  change_mask(sink, "add", sink.widened_as, "add_mask", mask,
+              [mask](Levels& levels) { levels.fetch_or(mask, std::memory_order_relaxed); });
+}
+
+void remove_mask(const Sink& sink, uint32_t mask) {
+  change_mask(sink, "remove", sink.variable, "rm_mask", mask,
+              [mask](Levels& levels) { levels.fetch_and(~mask, std::memory_order_relaxed); });
+}
+
+void set_mask(const Sink& sink, uint32_t mask) {
+  change_mask(sink, "set", sink.widened_as, "dst_mask", mask,
+              [mask](Levels& levels) { levels.store(mask, std::memory_order_relaxed); });
+}
+
+void close(const Sink& sink) {
+  pelmar_utils_syslog_dbg("close, %s 0x%x", sink.variable, levels_of(sink));
+  sink.mask.levels.store(0, std::memory_order_relaxed);
+}
+
+// Marked as loaded first: what the merge calls may log. Two threads that merge at once AND the same value in.
+void load_mask(const Sink& sink) {
+  sink.mask.loaded.store(true, std::memory_order_relaxed);
+  char value[256] = {};
+  property_get(sink.property, value, kAllLevelsText);
+  merge_mask(sink, static_cast<uint32_t>(std::atoi(value)));
+  const uint32_t levels = levels_of(sink);
+  pelmar_utils_syslog_dbg("%s print is %s, %s 0x%x", sink.name, levels != 0 ? "started" : "stoped", sink.variable,
+                          levels);
+}
+
+bool passes(const Sink& sink, int32_t level) {
+  if (!sink.mask.loaded.load(std::memory_order_relaxed)) load_mask(sink);
+  return sink.mask.passes(level);
+}
+
+}  // namespace
+}  // namespace pelmar::log
+
+using namespace pelmar::log;
+
+extern "C" {
+
+void pelmar_utils_syslog_err(const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  vsyslog(LOG_ERR, fmt, arguments);
+  va_end(arguments);
+}
+
+void pelmar_utils_syslog_dbg(const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  vsyslog(LOG_DEBUG, fmt, arguments);
+  va_end(arguments);
+}
+
+int32_t pelmar_utils_format_log_msg(char* buf, int32_t size, const char* fmt, ...) {
+  if (buf == nullptr || size < 1) return 0;
+  va_list arguments;
+  va_start(arguments, fmt);
+  const int32_t length = std::vsnprintf(buf, static_cast<size_t>(size), fmt, arguments);
+  va_end(arguments);
+  return length;
+}
+
+bool pelmar_hal_get_logcat_print_flag(int32_t level) {
+  return passes(kLogcat, level);
+}
+bool pelmar_hal_get_shell_print_flag(int32_t level) {
+  return passes(kShell, level);
+}
+
+void pelmar_hal_merge_logcat_print_mask(uint32_t mask) {
+  merge_mask(kLogcat, mask);
+}
+void pelmar_hal_add_logcat_print_mask(uint32_t mask) {
+  add_mask(kLogcat, mask);
+}
+void pelmar_hal_remove_logcat_print_mask(uint32_t mask) {
+  remove_mask(kLogcat, mask);
+}
+void pelmar_hal_set_logcat_print_mask(uint32_t mask) {
+  set_mask(kLogcat, mask);
+}
+void pelmar_utils_close_logcat_print(void) {
+  close(kLogcat);
+}
+
+void pelmar_hal_merge_shell_print_mask(uint32_t mask) {
+  merge_mask(kShell, mask);
+}
+void pelmar_hal_add_shell_print_mask(uint32_t mask) {
+  add_mask(kShell, mask);
+}
+void pelmar_hal_remove_shell_print_mask(uint32_t mask) {
+  remove_mask(kShell, mask);
+}
+void pelmar_hal_set_shell_print_mask(uint32_t mask) {
+  set_mask(kShell, mask);
+}
+void pelmar_hal_close_shell_print(void) {
+  close(kShell);
+}
+
+void pelmar_hal_close_print(void) {
+  g_logcat_print_mask.levels.store(0, std::memory_order_relaxed);
+  g_shell_print_mask.levels.store(0, std::memory_order_relaxed);
+}
+}
