@@ -1,0 +1,346 @@
+/* The client interface to the cellular modem.
+ *
+ * A process calls modem_api_init() once, opens one client for each service that it needs with modem_api_init_client(),
+ * and names that client in every later call:
+ *
+ *     int32_t client;
+ *     if (modem_api_init() == MODEM_API_SUCCESS &&
+ *         modem_api_init_client(MODEM_API_CLIENT_VS, on_event, on_status, &client) == MODEM_API_SUCCESS) {
+ *       uint8_t data[MODEM_API_MAX_ITEM_BYTES];
+ *       uint32_t length = sizeof(data);
+ *       if (modem_api_read_nv(client, 10, 0, 0, data, &length) == MODEM_API_SUCCESS) ...
+ *       modem_api_free_client(client);
+ *     }
+ *     modem_api_release();
+ *
+ * Only processes named "qcrilNrd", "mtb" or "modem_api_test" are served. The client table is the process's own; at most
+ * one client of each type is open in a process.
+ *
+ * Threads: commands may be called from any thread; each blocks its caller for up to 30 s. Open and free clients from
+ * one thread at a time. Callbacks run on threads of the QMI framework (the status callback also on the thread that
+ * opens the client) and must not block for long.
+ *
+ * Results: every function answers a modem_api_result. Commands answer MODEM_API_ERR_INVALID_CLIENT for an id that names
+ * no client of the command's type whose service is up, the codes named at each declaration, and else what the modem's
+ * answer maps to (modem_api_map_qmi_error_to_modem_api).
+ */
+#ifndef MODEM_API_H
+#define MODEM_API_H
+
+#include <stdint.h>
+
+#include "common_v01.h"
+#include "pelmar_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef int32_t modem_api_result;
+
+enum {
+  MODEM_API_SUCCESS = 0,
+  MODEM_API_ERR_GENERIC = 1,       /* a failure that no other code names */
+  MODEM_API_RESP_END = 2,          /* never returned: the last call of an asynchronous exchange */
+  MODEM_API_ERR_NO_MEMORY = 3,     /* also an output that is null or too small */
+  MODEM_API_ERR_NOT_SUPPORTED = 4, /* by the library (client type, event) or by the modem */
+  MODEM_API_ERR_INVALID_PARAM = 5,
+  MODEM_API_ERR_NOT_INITIALIZED = 6, /* the process is not on the white list, or the client has no event callback */
+  MODEM_API_ERR_INVALID_CLIENT = 7,
+  MODEM_API_ERR_NOT_READY = 8,       /* the device is not ready */
+  MODEM_API_ERR_SERVICE_PENDING = 9, /* a client of this type exists and its service is not up */
+  MODEM_API_ERR_ABORTED = 10,
+  MODEM_API_ERR_TIMEOUT = 11,
+  MODEM_API_ERR_TRANSPORT = 12,
+  MODEM_API_ERR_NO_EFFECT = 13,
+  MODEM_API_ERR_NO_FREE_CLIENT = 14,
+  MODEM_API_ERR_ALREADY_INITIALIZED = 15 /* a client of this type exists and its service is up */
+};
+
+/* Client types: one for each service connection that a process can have. */
+typedef uint32_t modem_api_client_type;
+
+enum {
+  MODEM_API_CLIENT_VS = 0,    /* the vendor-specific service */
+  MODEM_API_CLIENT_SAR = 1,   /* the SAR service */
+  MODEM_API_CLIENT_NAS_0 = 2, /* the NAS service, bound to subscription 0 */
+  MODEM_API_CLIENT_NAS_1 = 3, /* the NAS service, bound to subscription 1 */
+  MODEM_API_CLIENT_TYPES = 4
+};
+
+enum { MODEM_API_MAX_CLIENTS = 10 }; /* slots of the client table; a client id is a slot, 0 to 9 */
+
+/* State of a client's connection to its service. */
+typedef uint32_t operational_status;
+
+enum {
+  OPERATIONAL_STATUS_IDLE = 0,
+  OPERATIONAL_STATUS_CONNECTING = 1,
+  OPERATIONAL_STATUS_FAILED = 2,
+  OPERATIONAL_STATUS_UP = 3,
+  OPERATIONAL_STATUS_DOWN = 4, /* this and what follows: SAR and NAS clients alone */
+  OPERATIONAL_STATUS_RELEASED = 5,
+  OPERATIONAL_STATUS_RECONNECTING = 6,
+  OPERATIONAL_STATUS_RECONNECT_FAILED = 7
+};
+
+/* Notices of the status callback. */
+enum { MODEM_API_NOTICE_SERVICE_DOWN = 0x10001, MODEM_API_NOTICE_SERVICE_UP = 0x10002 };
+
+/* Modem events. */
+typedef uint32_t modem_api_event;
+
+enum {
+  MODEM_API_EVENT_VS_STATUS = 2,   /* struct modem_api_vs_status_event; reported without subscription */
+  MODEM_API_EVENT_VS_REPORT_A = 3, /* struct modem_api_vs_report_a_event */
+  MODEM_API_EVENT_VS_REPORT_B = 4, /* struct modem_api_vs_report_b_event */
+  MODEM_API_EVENT_VS_REPORT_C = 5, /* struct modem_api_vs_report_c_event */
+  MODEM_API_EVENT_COUNT = 6
+};
+
+/* A modem event. `payload` (`length` bytes, laid out as the event's structure) is valid only during the call. */
+typedef void (*modem_api_event_cb)(uint32_t event, const uint8_t* payload, uint32_t length);
+
+/* A service came up or went down: a MODEM_API_NOTICE_* value and the client type (not the client id). */
+typedef void (*modem_api_status_cb)(uint32_t notice, uint32_t client_type);
+
+/* The answer of an asynchronous command. `data` is null but for the call that brings the response's data; that block
+ * then belongs to the callback, which gives it back with hydra_free_adv(). `result` is a modem_api_result, or
+ * MODEM_API_RESP_END in the last call of a successful exchange. */
+typedef void (*modem_api_response_cb)(const uint8_t* data, uint32_t length, void* user_data, uint32_t result);
+
+enum {
+  MODEM_API_MAX_PASS_THROUGH_BYTES = 512,
+  MODEM_API_MAX_ITEM_BYTES = 256,     /* data of an NV item, EFS item or file, RF NV item */
+  MODEM_API_MAX_PATH_CHARACTERS = 100 /* a longer EFS path is cut */
+};
+
+/* --- payloads of the events --- */
+
+enum {
+  MODEM_API_EVENT_DATA_BYTES = 700,
+  MODEM_API_EVENT_RECORDS = 10,
+  MODEM_API_EVENT_SECONDARY_RECORDS = 5,
+  MODEM_API_EVENT_ENTRIES = 100
+};
+
+typedef struct modem_api_vs_status_event {
+  uint32_t value;
+  uint8_t flag1; /* 0 or 1 */
+  uint8_t flag2; /* 0 or 1 */
+  uint8_t reserved[2];
+} modem_api_vs_status_event;
+
+/* One reported statistics value. */
+typedef struct modem_api_event_record {
+  uint32_t id;                              /* statistics identifier */
+  uint8_t data[MODEM_API_EVENT_DATA_BYTES]; /* zero beyond data_len */
+  uint32_t data_len;                        /* bytes, 0 to 700 */
+  uint16_t sub;
+  uint16_t sub_high;
+} modem_api_event_record;
+
+typedef struct modem_api_vs_report_a_event {
+  uint32_t value;
+  modem_api_event_record records[MODEM_API_EVENT_RECORDS]; /* zero beyond record_count */
+  uint32_t record_count;                                   /* 0 to 10 */
+  modem_api_event_record secondary[MODEM_API_EVENT_SECONDARY_RECORDS];
+  uint32_t secondary_count; /* 0 to 5 */
+  uint32_t trailer;         /* 0xFFFFFFFF: not reported */
+} modem_api_vs_report_a_event;
+
+typedef struct modem_api_vs_report_b_event {
+  uint32_t value;
+  uint32_t entries[MODEM_API_EVENT_ENTRIES]; /* zero beyond entry_count */
+  uint32_t entry_count;                      /* 0 to 100 */
+  uint16_t first;
+  uint16_t second;
+} modem_api_vs_report_b_event;
+
+typedef struct modem_api_vs_report_c_event {
+  uint8_t value;
+} modem_api_vs_report_c_event;
+
+/* --- lifecycle --- */
+
+/* Sets the library up for this process. Call it before anything else.
+ * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_NOT_INITIALIZED when the process is not on the white list. */
+PELMAR_EXPORT modem_api_result modem_api_init(void);
+
+/* Undoes modem_api_init(): clears the client table. It releases no client; free every client first.
+ * Returns MODEM_API_SUCCESS. */
+PELMAR_EXPORT modem_api_result modem_api_release(void);
+
+/* Opens a client and connects it to its service; blocks for up to about ten seconds while the service is absent.
+ *
+ * type       a MODEM_API_CLIENT_* value
+ * event_cb   receives modem events (vendor-specific clients alone); may be null
+ * status_cb  receives service-up and service-down notices; may be null. Service-up is told before this returns.
+ * client_id  out: 0 to 9; written on success alone
+ *
+ * Returns MODEM_API_SUCCESS, MODEM_API_ERR_NOT_INITIALIZED (white list), MODEM_API_ERR_NO_MEMORY,
+ * MODEM_API_ERR_NOT_SUPPORTED (unknown type), MODEM_API_ERR_SERVICE_PENDING or MODEM_API_ERR_ALREADY_INITIALIZED (the
+ * process has a client of this type), MODEM_API_ERR_NO_FREE_CLIENT, or MODEM_API_ERR_GENERIC (the service did not
+ * answer). */
+PELMAR_EXPORT modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
+                                                     modem_api_status_cb status_cb, int32_t* client_id);
+
+/* Releases a client's connection and frees the client. A vendor-specific, SAR or NAS client can be opened again after
+ * another modem_api_init().
+ * Returns MODEM_API_SUCCESS (also for a slot that is free already), or MODEM_API_ERR_INVALID_CLIENT for an id that is
+ * negative or 10 and more. */
+PELMAR_EXPORT modem_api_result modem_api_free_client(int32_t client_id);
+
+/* Not for clients: the service connections report their status here. */
+PELMAR_EXPORT void modem_api_operational_status_cb(uint32_t client_type, uint32_t status);
+
+/* Whether this process is on the white list: 1 or 0. */
+PELMAR_EXPORT int32_t modem_api_check_white_list(void);
+
+/* --- pass-through commands --- */
+
+/* The result of a QMI exchange: its transport code and, for transport codes 0 and -2, the response's header (never
+ * null). */
+PELMAR_EXPORT modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code,
+                                                                    const qmi_response_type_v01* response);
+
+/* Sends an opaque payload to the vendor-specific service and waits for its outcome; response data is not returned.
+ *
+ * payload  `length` bytes, 0 to 512
+ *
+ * Returns MODEM_API_ERR_INVALID_PARAM for a payload that is too long. */
+PELMAR_EXPORT modem_api_result modem_api_common_command(int32_t client_id, const uint8_t* payload, int32_t length);
+
+/* The same without waiting. On success the callback runs twice, with the data and then with MODEM_API_RESP_END; on a
+ * failure once, with the result.
+ *
+ * user_data  handed to the callback as it is
+ *
+ * Returns the outcome of the send; MODEM_API_ERR_INVALID_PARAM for a null callback or a payload that is too long,
+ * MODEM_API_ERR_NO_MEMORY. The callback runs only when MODEM_API_SUCCESS is returned. */
+PELMAR_EXPORT modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
+                                                              void* user_data, modem_api_response_cb callback);
+
+/* Not for clients: the end of an asynchronous exchange. Takes the response and the callback record, both from
+ * hydra_malloc_adv(), and frees them. */
+PELMAR_EXPORT void modem_api_process_response(uint32_t msg_id, void* response, uint32_t response_length,
+                                              void* callback_record, int32_t transport_code);
+
+/* --- events --- */
+
+/* Subscribes a vendor-specific client to event 3, 4 or 5. It has effect with the next modem_api_set_vs_event_report().
+ * Returns MODEM_API_SUCCESS (also for an event that is subscribed already), MODEM_API_ERR_NOT_SUPPORTED for another
+ * event, MODEM_API_ERR_NOT_INITIALIZED for a client of another type or without event callback, or
+ * MODEM_API_ERR_INVALID_CLIENT for a negative id. */
+PELMAR_EXPORT modem_api_result modem_api_add_modem_event(int32_t client_id, int32_t event);
+
+/* The reverse; MODEM_API_ERR_NO_EFFECT for an event that is not subscribed. */
+PELMAR_EXPORT modem_api_result modem_api_remove_modem_event(int32_t client_id, int32_t event);
+
+/* Tells the modem which events the client subscribed. */
+PELMAR_EXPORT modem_api_result modem_api_set_vs_event_report(int32_t client_id);
+
+/* Registers a NAS client for the modem's NAS indications.
+ * sub  0: the client is of type MODEM_API_CLIENT_NAS_0; any other: of MODEM_API_CLIENT_NAS_1 */
+PELMAR_EXPORT modem_api_result modem_api_util_enable_networking_indications(int32_t client_id, int32_t sub);
+
+/* --- NV items, EFS items and files, RF NV items (vendor-specific clients) ---
+ *
+ * Items and qualifiers go to the modem unchanged. Reads: `length` is the capacity of `data` in bytes on entry and the
+ * item's size after a success; MODEM_API_ERR_NO_MEMORY for a null pointer or an item that does not fit, with both
+ * untouched. Writes: 0 to 256 bytes; MODEM_API_ERR_NO_MEMORY for null data, MODEM_API_ERR_INVALID_PARAM for more. */
+
+PELMAR_EXPORT modem_api_result modem_api_read_nv(int32_t client_id, uint32_t item, uint8_t qualifier, uint16_t index,
+                                                 uint8_t* data, uint32_t* length);
+PELMAR_EXPORT modem_api_result modem_api_write_nv(int32_t client_id, uint32_t item, uint8_t qualifier, uint16_t index,
+                                                  const uint8_t* data, uint32_t length);
+PELMAR_EXPORT modem_api_result modem_api_delete_nv(int32_t client_id, uint32_t item, uint8_t qualifier, uint16_t index);
+
+/* EFS items addressed by number. */
+PELMAR_EXPORT modem_api_result modem_api_read_efs(int32_t client_id, uint32_t item, uint16_t qualifier, uint8_t* data,
+                                                  uint32_t* length);
+PELMAR_EXPORT modem_api_result modem_api_write_efs(int32_t client_id, uint32_t item, uint16_t qualifier,
+                                                   const uint8_t* data, uint32_t length);
+PELMAR_EXPORT modem_api_result modem_api_delete_efs(int32_t client_id, uint32_t item, uint16_t qualifier);
+
+/* EFS files addressed by path: never null, cut after 100 characters. */
+PELMAR_EXPORT modem_api_result modem_api_read_efs_path(int32_t client_id, const char* path, uint16_t qualifier,
+                                                       uint8_t index, uint8_t* data, uint32_t* length);
+PELMAR_EXPORT modem_api_result modem_api_write_efs_path(int32_t client_id, const char* path, uint16_t qualifier,
+                                                        uint8_t index, const uint8_t* data, uint32_t length);
+PELMAR_EXPORT modem_api_result modem_api_delete_efs_path(int32_t client_id, const char* path, uint16_t qualifier,
+                                                         uint8_t index);
+
+PELMAR_EXPORT modem_api_result modem_api_read_rfnv(int32_t client_id, uint32_t item, uint8_t* data, uint32_t* length);
+PELMAR_EXPORT modem_api_result modem_api_write_rfnv(int32_t client_id, uint32_t item, const uint8_t* data,
+                                                    uint32_t length);
+PELMAR_EXPORT modem_api_result modem_api_delete_rfnv(int32_t client_id, uint32_t item);
+
+/* Asks the modem to write its EFS to storage. `value` and `option` are sent when mode is 0; else they go out as 0. */
+PELMAR_EXPORT modem_api_result modem_api_efs_sync(int32_t client_id, int8_t mode, uint32_t value, uint16_t option);
+
+/* --- radio controls --- */
+
+/* Tells the modem that the phone is about to power off (vendor-specific clients). */
+PELMAR_EXPORT modem_api_result modem_api_notify_shutdown(int32_t client_id);
+
+/* Resets the modem (vendor-specific clients). */
+PELMAR_EXPORT modem_api_result modem_api_reset_modem(int32_t client_id);
+
+/* Sets the RF state of the SAR service (SAR clients). */
+PELMAR_EXPORT modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uint32_t state);
+
+/* Reads the DRX setting of subscription 0 (MODEM_API_CLIENT_NAS_0).
+ *
+ * valid  out: 1 when the modem gave a value
+ * drx    out: the value
+ *
+ * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem answered. */
+PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* valid, uint32_t* drx);
+
+/* Reads where a subscription is camped. All outputs must be there; what the modem does not report reads 0.
+ *
+ * sub                   0: a MODEM_API_CLIENT_NAS_0 client; any other: a MODEM_API_CLIENT_NAS_1 client
+ * intra_pci             out, 8: physical cell ids of the LTE cells on the serving frequency
+ * inter_earfcn          out, 3: frequencies (EARFCN) of the other LTE frequencies
+ * inter_pci             out, 24: their physical cell ids, eight a frequency
+ * timing_advance_valid  out: 1 when timing_advance is reported
+ * timing_advance        out: LTE timing advance
+ * nr_arfcn_valid        out: 1 when nr_arfcn is reported
+ * nr_arfcn              out: NR ARFCN
+ *
+ * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_GENERIC when the modem answered with a failure. */
+PELMAR_EXPORT modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_t* intra_pci,
+                                                       uint16_t* inter_earfcn, uint16_t* inter_pci,
+                                                       uint8_t* timing_advance_valid, uint32_t* timing_advance,
+                                                       uint8_t* nr_arfcn_valid, uint32_t* nr_arfcn);
+
+enum { MODEM_API_MAX_LOCKED_CELLS = 60 };
+
+/* Locks LTE to a list of cells; an empty list ends the lock.
+ *
+ * count   0 to 60: more is a programming error
+ * values  `count` frequencies (EARFCN); the low 16 bits go out
+ * params  `count` physical cell ids */
+PELMAR_EXPORT modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count,
+                                                           const uint32_t* values, const uint32_t* params);
+
+/* Switches TRM avoidance. */
+PELMAR_EXPORT modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_t sub, uint8_t value);
+
+/* Disables NR: mode 1 or 2; any other goes out as 0 (NR enabled). */
+PELMAR_EXPORT modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode);
+
+#ifdef __cplusplus
+}
+
+static_assert(sizeof(modem_api_vs_status_event) == 8, "layout of event 2");
+static_assert(sizeof(modem_api_event_record) == 712, "layout of an event record");
+static_assert(sizeof(modem_api_vs_report_a_event) == 10696, "layout of event 3");
+static_assert(sizeof(modem_api_vs_report_b_event) == 412, "layout of event 4");
+static_assert(sizeof(modem_api_vs_report_c_event) == 1, "layout of event 5");
+#endif
+
+#include "modem_api_stats.h"
+
+#endif

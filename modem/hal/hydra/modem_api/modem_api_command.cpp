@@ -1,0 +1,179 @@
+// Result codes, and the pass-through command in its two forms.
+#include "modem_api_command.h"
+
+#include <algorithm>
+
+namespace pelmar {
+namespace {
+
+struct ErrorMapping {
+  uint32_t error;
+  modem_api_result result;
+};
+
+// QMI errors that have a result of their own; every other is MODEM_API_ERR_GENERIC.
+constexpr ErrorMapping kErrorMappings[] = {
+    {QMI_ERR_NONE_V01, MODEM_API_SUCCESS},
+    {QMI_ERR_ABORTED_V01, MODEM_API_ERR_ABORTED},
+    {QMI_ERR_MISSING_ARG_V01, MODEM_API_ERR_INVALID_PARAM},
+    {QMI_ERR_ARG_TOO_LONG_V01, MODEM_API_ERR_INVALID_PARAM},
+    {QMI_ERR_OP_NETWORK_UNSUPPORTED_V01, MODEM_API_ERR_NOT_SUPPORTED},
+    {QMI_ERR_NO_EFFECT_V01, MODEM_API_SUCCESS},
+    {QMI_ERR_REQUESTED_NUM_UNSUPPORTED_V01, MODEM_API_ERR_NOT_SUPPORTED},
+    {QMI_ERR_INVALID_ARG_V01, MODEM_API_ERR_INVALID_PARAM},
+    {QMI_ERR_INVALID_INDEX_V01, MODEM_API_ERR_INVALID_PARAM},
+    {QMI_ERR_DEVICE_NOT_READY_V01, MODEM_API_ERR_NOT_READY},
+    {QMI_ERR_BUNDLING_NOT_SUPPORTED_V01, MODEM_API_ERR_NOT_SUPPORTED},
+    {QMI_ERR_NOT_SUPPORTED_V01, MODEM_API_ERR_NOT_SUPPORTED},
+};
+
+modem_api_result map_response(const vs::ResponseHeader& response) {
+  if (response.result == QMI_RESULT_SUCCESS_V01) return MODEM_API_SUCCESS;
+  if (response.result != QMI_RESULT_FAILURE_V01) return MODEM_API_ERR_GENERIC;
+  const ErrorMapping* const row =
+      std::find_if(std::begin(kErrorMappings), std::end(kErrorMappings),
+                   [&](const ErrorMapping& entry) { return entry.error == response.error; });
+  return row != std::end(kErrorMappings) ? row->result : MODEM_API_ERR_GENERIC;
+}
+
+modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* response) {
+  switch (transport_code) {
+    case QMI_NO_ERR:
+    case QMI_SERVICE_ERR:  // read like a success: callers hand in a response that says so where none came
+      return map_response(*response);
+    case QMI_TIMEOUT_ERR:
+      return MODEM_API_ERR_TIMEOUT;
+    case QMI_INTERNAL_ERR:
+    case QMI_PORT_NOT_OPEN_ERR:
+      return MODEM_API_ERR_TRANSPORT;
+    default:
+      return MODEM_API_ERR_GENERIC;
+  }
+}
+
+bool is_too_long(int32_t length) {
+  return length > MODEM_API_MAX_PASS_THROUGH_BYTES;
+}
+
+bool is_missing(const uint8_t* payload, int32_t length) {
+  return payload == nullptr && length > 0;
+}
+
+// A negative length goes out as it is: the codec refuses it.
+void fill(vs::PassThroughRequest& request, const uint8_t* payload, int32_t length) {
+  request.payload_len = static_cast<uint32_t>(length);
+  if (length > 0) std::memcpy(request.payload, payload, static_cast<size_t>(length));
+}
+
+modem_api_result send_pass_through(int32_t client_id, const uint8_t* payload, int32_t length) {
+  const char* const function = "modem_api_common_command";
+  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
+  if (check != MODEM_API_SUCCESS) return check;
+  if (is_too_long(length)) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
+  if (is_missing(payload, length)) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
+  Zeroed<vs::PassThroughRequest> request;
+  fill(request, payload, length);
+  Zeroed<vs::PassThroughResponse> response;
+  return exchange_vs(vs::kPassThrough, request, response);
+}
+
+// Whom an asynchronous answer goes to.
+struct CallbackRecord {
+  modem_api_response_cb callback;
+  void* user_data;
+};
+static_assert(sizeof(void*) != 8 || sizeof(CallbackRecord) == 16);
+
+template <typename T>
+TracedPtr<T> allocate(const char* function, int32_t line) {
+  return TracedPtr<T>(static_cast<T*>(hydra_malloc_adv(sizeof(T), function, line)));
+}
+
+modem_api_result send_pass_through_async(int32_t client_id, const uint8_t* payload, int32_t length, void* user_data,
+                                         modem_api_response_cb callback) {
+  const char* const function = "modem_api_common_command_async";
+  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
+  if (check != MODEM_API_SUCCESS) return check;
+  if (callback == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
+  if (is_too_long(length)) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
+  if (is_missing(payload, length)) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
+  auto response = allocate<vs::PassThroughResponse>(function, __LINE__);
+  if (response == nullptr) return unexpected_null(function, MODEM_API_ERR_NO_MEMORY);
+  Zeroed<vs::PassThroughRequest> request;
+  fill(request, payload, length);
+  auto record = allocate<CallbackRecord>(function, __LINE__);
+  if (record == nullptr) return MODEM_API_ERR_NO_MEMORY;
+  *record = {callback, user_data};
+
+  // From here on both blocks belong to the exchange; a send that is refused does not give them back.
+  const vs::ResponseHeader no_answer_yet = {};
+  const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest),
+                                                response.release(), sizeof(vs::PassThroughResponse), record.release());
+  return modem_api_map_qmi_error_to_modem_api(code, &no_answer_yet);
+}
+
+// Hands the response's data to the callback in a block of its own, which the client frees.
+void deliver_data(const vs::PassThroughResponse& response, const CallbackRecord& record) {
+  const uint32_t length = std::min<uint32_t>(response.data_len, vs::kMaxPassThroughBytes);
+  auto* const block = static_cast<uint8_t*>(hydra_malloc_adv(length, "modem_api_common_command_cb_handler", __LINE__));
+  if (block == nullptr) {
+    record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
+    return;
+  }
+  std::memcpy(block, response.data, length);
+  record.callback(block, length, record.user_data, MODEM_API_SUCCESS);
+}
+
+void answer(uint32_t msg_id, const void* response, uint32_t response_length, const CallbackRecord& record,
+            int32_t transport_code) {
+  if (response == nullptr || response_length == 0) {
+    record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
+    return;
+  }
+  const modem_api_result result =
+      modem_api_map_qmi_error_to_modem_api(transport_code, static_cast<const vs::ResponseHeader*>(response));
+  if (result != MODEM_API_SUCCESS) {
+    record.callback(nullptr, 0, record.user_data, static_cast<uint32_t>(result));
+    return;
+  }
+  if (msg_id == vs::kPassThrough) deliver_data(*static_cast<const vs::PassThroughResponse*>(response), record);
+  record.callback(nullptr, 0, record.user_data, MODEM_API_RESP_END);
+}
+
+}  // namespace
+
+modem_api_result unexpected_condition(const char* function, modem_api_result error) {
+  PELMAR_LOG_ERROR_AS(function, "Unexpected condition, return error %d!", error);
+  return error;
+}
+
+modem_api_result unexpected_null(const char* function, modem_api_result error) {
+  PELMAR_LOG_ERROR_AS(function, "Unexpected NULL pointer, return error %d!", error);
+  return error;
+}
+
+}  // namespace pelmar
+
+modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code, const qmi_response_type_v01* response) {
+  PELMAR_RETURN_LOGGED(pelmar::map_outcome(transport_code, response));
+}
+
+modem_api_result modem_api_common_command(int32_t client_id, const uint8_t* payload, int32_t length) {
+  PELMAR_RETURN_LOGGED(pelmar::send_pass_through(client_id, payload, length));
+}
+
+modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
+                                                void* user_data, modem_api_response_cb callback) {
+  PELMAR_RETURN_LOGGED(pelmar::send_pass_through_async(client_id, payload, length, user_data, callback));
+}
+
+void modem_api_process_response(uint32_t msg_id, void* response, uint32_t response_length, void* callback_record,
+                                int32_t transport_code) {
+  PELMAR_LOG_ENTRY();
+  const pelmar::TracedPtr<void> owned_response(response);
+  const pelmar::TracedPtr<pelmar::CallbackRecord> record(static_cast<pelmar::CallbackRecord*>(callback_record));
+  if (record != nullptr && record->callback != nullptr) {
+    pelmar::answer(msg_id, response, response_length, *record, transport_code);
+  }
+  PELMAR_LOG_EXIT();
+}

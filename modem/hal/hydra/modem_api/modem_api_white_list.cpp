@@ -1,0 +1,32 @@
+// Which processes may use the library: by exact name, compiled in.
+#include <cstring>
+
+#include "modem_api.h"
+#include "pelmar_log_site.h"
+#include "pelmar_process.h"
+
+namespace {
+
+constexpr const char* kWhiteList[] = {"qcrilNrd", "mtb", "modem_api_test"};
+
+bool is_listed(const char* name) {
+  for (const char* listed : kWhiteList) {
+    if (std::strcmp(name, listed) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int32_t modem_api_check_white_list() {
+  PELMAR_LOG_ENTRY();
+  const char* const name = pelmar_utils_get_pid_name();
+  const int32_t passes = is_listed(name) ? 1 : 0;
+  if (passes != 0) {
+    PELMAR_LOG_DEBUG("check pass, p_id: %d, p_name: %s", pelmar_utils_get_pid_number(), name);
+  } else {
+    PELMAR_LOG_DEBUG("check fail, p_id: %d, p_name: %s", pelmar_utils_get_pid_number(), name);
+  }
+  PELMAR_LOG_EXIT_RET(passes);
+  return passes;
+}

@@ -1,0 +1,146 @@
+// Opening, releasing and sending on a service connection.
+#include "service_client.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "pelmar_log_site.h"
+#include "shared_word.h"
+
+namespace pelmar {
+namespace {
+
+constexpr int kRetries = 9;
+constexpr unsigned kRetryPauseSeconds = 1;
+constexpr uint32_t kInitInstanceTimeout = 4;
+
+using Phase = ServiceClientState::Phase;
+
+// Field by field: other threads may be reading.
+void clear_context(const ContextFields& context) {
+  store(*context.service_object, qmi_idl_service_object_type{});
+  store(*context.client_handle, qmi_client_type{});
+  std::memset(context.os_params, 0, sizeof(*context.os_params));
+  if (context.notifier_handle != nullptr) store(*context.notifier_handle, qmi_client_type{});
+  store(*context.response_cb, qmi_client_recv_msg_async_cb{});
+  store(*context.event_cb, modem_api_event_cb{});
+  store(*context.status_cb, modem_api_operational_status_fn{});
+  store(*context.connected, uint8_t{0});
+}
+
+int attempt(const ServiceClient& client, qmi_client_type* handle) {
+  *handle = nullptr;
+  const int code =
+      qmi_client_init_instance(load(*client.context.service_object), QMI_CLIENT_INSTANCE_ANY, client.entry.indication,
+                               nullptr, client.context.os_params, kInitInstanceTimeout, handle);
+  // The binding follows every attempt and precedes the test of its outcome; after a failure it goes out on a null
+  // handle and fails.
+  if (client.after_attempt != nullptr) client.after_attempt(*handle);
+  return code;
+}
+
+}  // namespace
+
+bool is_stale(const ServiceClient& client, uint32_t generation) {
+  return client.state.generation.load() != generation;
+}
+
+void prepare(const ServiceClient& client) {
+  client.state.generation.fetch_add(1);
+  WorkerLock lock(client.state);
+  clear_context(client.context);
+  store(*client.context.response_cb, client.entry.command);
+  store(*client.context.service_object, client.service_object());
+}
+
+void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback) {
+  store(*client.context.status_cb, callback);
+}
+
+void report(const ServiceClient& client, operational_status status) {
+  const modem_api_operational_status_fn callback = load(*client.context.status_cb);
+  if (callback != nullptr) callback(client.type, status);
+}
+
+bool connect_handles(const ServiceClient& client) {
+  const char* const function = client.names.init_handles;
+  const uint32_t generation = client.state.generation.load();
+  WorkerLock lock(client.state);
+  client.state.phase.store(Phase::kConnecting);
+
+  qmi_client_type handle = nullptr;
+  int code = QMI_INTERNAL_ERR;
+  for (int number = 0; number <= kRetries; ++number) {
+    if (number > 0) sleep(kRetryPauseSeconds);
+    if (is_stale(client, generation)) return false;
+    if (number > 0 || client.logs_first_try) {
+      PELMAR_LOG_DEBUG_AS(function, "Trying qmi_client_init_instance() try # %d port[%d]", number,
+                          QMI_CLIENT_INSTANCE_ANY);
+    }
+    code = attempt(client, &handle);
+    if (code == QMI_NO_ERR) break;
+  }
+  PELMAR_LOG_DEBUG_AS(function, "qmi_client_init_instance returned (%d)", code);
+  if (code != QMI_NO_ERR) {
+    PELMAR_LOG_DEBUG_AS(function, "qmi_client_init_instance returned failure(%d)", code);
+    return false;
+  }
+  if (is_stale(client, generation)) {
+    qmi_client_release(handle);
+    return false;
+  }
+  store(*client.context.client_handle, handle);
+  if (client.before_error_callback != nullptr) client.before_error_callback();
+  qmi_client_register_error_cb(handle, client.entry.service_down, nullptr);
+  store(*client.context.connected, uint8_t{1});
+  return true;
+}
+
+void finish_connecting(const ServiceClient& client) {
+  const bool lost = client.state.phase.exchange(Phase::kSteady) == Phase::kLostWhileConnecting;
+  if (lost && load(*client.context.client_handle) != nullptr) suspend(client);
+}
+
+bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
+  const char* const function = client.names.init;
+  PELMAR_LOG_ENTRY_AS(function);
+  WorkerLock lock(client.state);
+  store(*client.context.event_cb, event_cb);
+  PELMAR_LOG_DEBUG_AS(function, "Client connecting to QMI FW");
+  report(client, OPERATIONAL_STATUS_CONNECTING);
+  if (client.names.master_port != nullptr) {
+    PELMAR_LOG_DEBUG_AS(client.names.master_port, "using port %d", QMI_CLIENT_INSTANCE_ANY);
+  }
+  const bool connected = connect_handles(client);
+  PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d)", connected);
+  report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_FAILED);
+  finish_connecting(client);
+  return connected;
+}
+
+void release(const ServiceClient& client) {
+  report(client, OPERATIONAL_STATUS_IDLE);
+  client.state.generation.fetch_add(1);
+  WorkerLock lock(client.state);
+  store(*client.context.connected, uint8_t{0});
+  const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
+  if (handle != nullptr) qmi_client_release(handle);
+  // A notifier that is held is dropped without release.
+  clear_context(client.context);
+}
+
+int32_t send_sync(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                  uint32_t response_length) {
+  return qmi_client_send_msg_sync(load(*client.context.client_handle), msg_id, request, request_length, response,
+                                  response_length, kSendTimeoutMs);
+}
+
+int32_t send_async(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                   uint32_t response_length, void* callback_data) {
+  qmi_txn_handle transaction = nullptr;  // dropped: no request is ever cancelled
+  return qmi_client_send_msg_async(load(*client.context.client_handle), msg_id, request, request_length, response,
+                                   response_length, load(*client.context.response_cb), callback_data, &transaction);
+}
+
+}  // namespace pelmar

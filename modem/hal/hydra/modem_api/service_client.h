@@ -1,0 +1,155 @@
+// One engine for the library's connections to the modem's services.
+//
+// A service client is a description (ServiceClient): where its exported context lies, its entry points, the names that
+// its log lines carry, and what sets it apart. The exported functions of each service (vs/, sar/, nas/) hand their
+// description to the functions below.
+//
+// Threads. The exported contexts are plain words read and written from any thread, each by itself. Whatever connects or
+// releases holds the client's worker lock, so that a release that comes in the middle of a reconnection waits until the
+// reconnection has seen it and has let go of what it made; the lock is recursive, since a status callback may free its
+// client. Framework callback threads never take it.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "modem_api.h"
+#include "qmi_client.h"
+#include "sar_client.h"
+#include "vs_client.h"
+
+namespace pelmar {
+
+inline constexpr uint32_t kSendTimeoutMs = 30000;
+
+// The fields of an exported context. A client without notifier does not reconnect.
+struct ContextFields {
+  qmi_idl_service_object_type* service_object;
+  qmi_client_type* client_handle;
+  qmi_client_os_params* os_params;
+  qmi_client_type* notifier_handle;
+  qmi_client_recv_msg_async_cb* response_cb;
+  modem_api_event_cb* event_cb;
+  modem_api_operational_status_fn* status_cb;
+  uint8_t* connected;
+};
+
+constexpr ContextFields fields_of(vs_client_context& context) {
+  return {&context.service_object, &context.client_handle, &context.os_params, nullptr,
+          &context.response_cb,    &context.event_cb,      &context.status_cb, &context.connected};
+}
+
+constexpr ContextFields fields_of(reconnecting_client_context& context) {
+  return {&context.service_object, &context.client_handle, &context.os_params, &context.notifier_handle,
+          &context.response_cb,    &context.event_cb,      &context.status_cb, &context.connected};
+}
+
+// The framework's callbacks and the detached threads; null where a client has none.
+struct EntryPoints {
+  qmi_client_recv_msg_async_cb command;
+  qmi_client_ind_cb indication;
+  qmi_client_error_cb service_down;
+  qmi_client_notify_cb service_up;
+  void* (*release_thread)(void*);
+  void* (*resume_thread)(void*);
+};
+
+// Function names of log lines that are written here.
+struct LogNames {
+  const char* init;
+  const char* master_port;  // null: the port is not logged
+  const char* init_handles;
+  const char* unsol_ind;
+  const char* service_down;
+  const char* suspend;
+  const char* resume;
+  const char* release_thread;
+  const char* ind_hdlr;
+};
+
+// What a client says and does about an indication.
+struct IndicationRules {
+  const char* no_event_callback;  // error texts
+  const char* no_memory;
+  bool needs_size;  // an indication without a size is refused, else handled without decoding
+  // Delivers a decoded indication; false: it is unknown. Null: every indication is.
+  bool (*deliver)(uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb);
+};
+
+struct ServiceClientState;
+
+struct ServiceClient {
+  modem_api_client_type type;
+  ContextFields context;
+  EntryPoints entry;
+  LogNames names;
+  IndicationRules indications;
+  bool logs_first_try;
+  qmi_idl_service_object_type (*service_object)();
+  void (*after_attempt)(qmi_client_type handle);  // after every attempt, also a failed one; null: nothing
+  void (*before_error_callback)();                // once connected; null: nothing
+  ServiceClientState& state;
+};
+
+// What the engine remembers of a client beside its exported context.
+struct ServiceClientState {
+  // Whether a connection is being made, and whether its service went down before it was reported up: that loss is
+  // handled after the report, so that statuses arrive in order.
+  enum class Phase : uint8_t { kSteady, kConnecting, kLostWhileConnecting };
+
+  pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+  std::atomic<uint32_t> generation{1};  // counts releases; a worker of an older one stops
+  std::atomic<Phase> phase{Phase::kSteady};
+  std::atomic<uint32_t> resuming{0};  // the generation whose resume thread is on its way; 0: none
+};
+
+// Holds a client's worker lock.
+class WorkerLock {
+ public:
+  explicit WorkerLock(ServiceClientState& state) : mutex_(state.worker) { pthread_mutex_lock(&mutex_); }
+  ~WorkerLock() { pthread_mutex_unlock(&mutex_); }
+  WorkerLock(const WorkerLock&) = delete;
+  WorkerLock& operator=(const WorkerLock&) = delete;
+
+ private:
+  pthread_mutex_t& mutex_;
+};
+
+// --- connection (service_client.cpp) ---
+
+// Clears the context, stores the response callback and the service object.
+void prepare(const ServiceClient& client);
+// The ten attempts. True when the client is connected.
+bool connect_handles(const ServiceClient& client);
+// Opens the client on the caller's thread, with its own log lines. True when it is up.
+bool open(const ServiceClient& client, modem_api_event_cb event_cb);
+void release(const ServiceClient& client);
+void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback);
+void report(const ServiceClient& client, operational_status status);
+
+int32_t send_sync(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                  uint32_t response_length);
+int32_t send_async(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                   uint32_t response_length, void* callback_data);
+
+// Marks the connection attempt that began last as reported; handles a service that went down meanwhile.
+void finish_connecting(const ServiceClient& client);
+// Whether the client was released since `generation`.
+bool is_stale(const ServiceClient& client, uint32_t generation);
+
+// --- reconnection (service_client_reconnect.cpp) ---
+
+void suspend(const ServiceClient& client);
+void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error);
+void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event);
+void release_after_service_down(const ServiceClient& client, void* generation);
+void resume_after_service_up(const ServiceClient& client, void* generation);
+
+// --- indications (service_client_indication.cpp) ---
+
+void handle_indication(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* buffer,
+                       uint32_t length);
+
+}  // namespace pelmar

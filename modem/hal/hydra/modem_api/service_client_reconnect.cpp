@@ -1,0 +1,107 @@
+// A reconnecting client between the loss of its service and its return.
+//
+//   service down  -> report 4, release thread: drop the dead handle, report 5, wait for the service with a notifier
+//   service up    -> report 6, resume thread: drop the notifier, connect again, report 3 or 7
+//
+// Both threads are detached and carry the generation in which they were started; a client that was released since
+// leaves them nothing to do. Null as their argument means the present one.
+#include <pthread.h>
+
+#include "pelmar_log_site.h"
+#include "service_client.h"
+#include "shared_word.h"
+
+namespace pelmar {
+namespace {
+
+using Phase = ServiceClientState::Phase;
+
+bool start_detached(void* (*routine)(void*), uint32_t generation) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const int result =
+      pthread_create(&thread, &attributes, routine, reinterpret_cast<void*>(static_cast<uintptr_t>(generation)));
+  pthread_attr_destroy(&attributes);
+  return result == 0;
+}
+
+bool is_present(const ServiceClient& client, void* generation) {
+  return generation == nullptr || !is_stale(client, static_cast<uint32_t>(reinterpret_cast<uintptr_t>(generation)));
+}
+
+void wait_for_service(const ServiceClient& client) {
+  const char* const function = client.names.release_thread;
+  qmi_client_type notifier = load(*client.context.notifier_handle);
+  if (notifier == nullptr) {
+    const int code =
+        qmi_client_notifier_init(load(*client.context.service_object), client.context.os_params, &notifier);
+    PELMAR_LOG_DEBUG_AS(function, "qmi_client_notifier_init return %d", code);
+    if (code != QMI_NO_ERR) return;
+    store(*client.context.notifier_handle, notifier);
+  }
+  const int code = qmi_client_register_notify_cb(notifier, client.entry.service_up, nullptr);
+  PELMAR_LOG_ERROR_AS(function, "qmi_client_register_notify_cb %d", code);
+}
+
+}  // namespace
+
+void suspend(const ServiceClient& client) {
+  if (client.context.notifier_handle == nullptr) return;
+  const uint32_t generation = client.state.generation.load();
+  PELMAR_LOG_ENTRY_AS(client.names.suspend);
+  report(client, OPERATIONAL_STATUS_DOWN);
+  if (!start_detached(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
+  PELMAR_LOG_EXIT_AS(client.names.suspend);
+}
+
+void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error) {
+  PELMAR_LOG_ERROR_AS(client.names.service_down, "service down with error %d", error);
+  const qmi_client_type held = load(*client.context.client_handle);
+  const bool dropped_earlier = handle != nullptr && held != nullptr && handle != held;
+  if (dropped_earlier) return;
+  Phase phase = Phase::kConnecting;
+  if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
+  suspend(client);
+}
+
+void release_after_service_down(const ServiceClient& client, void* generation) {
+  WorkerLock lock(client.state);
+  if (!is_present(client, generation)) return;
+  store(*client.context.connected, uint8_t{0});
+  const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
+  if (handle != nullptr) qmi_client_release(handle);
+  report(client, OPERATIONAL_STATUS_RELEASED);
+  if (is_present(client, generation)) wait_for_service(client);
+}
+
+void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event) {
+  if (event != QMI_CLIENT_SERVICE_COUNT_INC) return;
+  const uint32_t generation = client.state.generation.load();
+  if (client.state.resuming.exchange(generation) == generation) return;  // its thread is on the way already
+  PELMAR_LOG_ENTRY_AS(client.names.resume);
+  report(client, OPERATIONAL_STATUS_RECONNECTING);
+  if (!start_detached(client.entry.resume_thread, generation)) {
+    client.state.resuming.store(0);
+    report(client, OPERATIONAL_STATUS_RECONNECT_FAILED);
+  }
+  PELMAR_LOG_EXIT_AS(client.names.resume);
+}
+
+void resume_after_service_up(const ServiceClient& client, void* generation) {
+  WorkerLock lock(client.state);
+  if (!is_present(client, generation)) return;
+  const qmi_client_type notifier = exchange(*client.context.notifier_handle, qmi_client_type{});
+  if (notifier != nullptr) qmi_client_release(notifier);
+  client.state.resuming.store(0);
+
+  // A notifier that an earlier release dropped may announce the service to a client that has its connection.
+  const bool connected = load(*client.context.client_handle) != nullptr || connect_handles(client);
+  if (is_present(client, generation)) {
+    report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_RECONNECT_FAILED);
+  }
+  finish_connecting(client);
+}
+
+}  // namespace pelmar

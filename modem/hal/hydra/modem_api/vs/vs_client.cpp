@@ -1,0 +1,60 @@
+// The vendor-specific service client: the connection that carries the library's own commands and brings modem events.
+//
+// It does not come back by itself: a lost service is logged and nothing else, and later sends answer the framework's
+// code.
+#include "vs_client.h"
+
+#include "service_client_functions.h"
+#include "vs_events.h"
+#include "vs_messages.h"
+
+vs_client_context vs_client_info;
+
+namespace {
+
+qmi_idl_service_object_type get_service_object() {
+  using namespace pelmar::vs;
+  return vs_get_service_object_internal_v01(kIdlMajorVersion, kIdlMinorVersion, kIdlLibraryVersion);
+}
+
+constinit pelmar::ServiceClientState g_vs_client_state;
+
+constexpr pelmar::ServiceClient kVsClient = {
+    .type = MODEM_API_CLIENT_VS,
+    .context = pelmar::fields_of(vs_client_info),
+    .entry = {.command = vs_client_command_cb,
+              .indication = vs_client_unsol_ind_cb,
+              .service_down = vs_client_service_down_event,
+              .service_up = nullptr,
+              .release_thread = nullptr,
+              .resume_thread = nullptr},
+    .names = {.init = "vs_client_init",
+              .master_port = "vs_client_get_master_port",
+              .init_handles = "vs_client_init",
+              .unsol_ind = "vs_client_unsol_ind_cb",
+              .service_down = "vs_client_service_down_event",
+              .suspend = nullptr,
+              .resume = nullptr,
+              .release_thread = nullptr,
+              .ind_hdlr = "vs_client_ind_hdlr"},
+    .indications = {.no_event_callback = "The hydra is not inited, do nothing",
+                    .no_memory = "decoded_payload is NULL",
+                    .needs_size = true,
+                    .deliver = pelmar::vs::deliver_event},
+    .logs_first_try = true,
+    .service_object = get_service_object,
+    .after_attempt = nullptr,
+    .before_error_callback = nullptr,
+    .state = g_vs_client_state,
+};
+
+}  // namespace
+
+PELMAR_SERVICE_CLIENT_FUNCTIONS(vs, kVsClient)
+
+qmi_idl_service_object_type vs_init() {
+  PELMAR_LOG_ENTRY();
+  pelmar::prepare(kVsClient);
+  PELMAR_LOG_EXIT();
+  return vs_client_info.service_object;
+}
