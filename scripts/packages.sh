@@ -1,0 +1,32 @@
+# Shared by the scripts at the root: what they need of Debian, and how they build. Sourced by bash.
+
+PACKAGES_BUILD="g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev"
+PACKAGES_TEST="libgtest-dev libgmock-dev libqmi-utils python3"
+PACKAGES_CI="clang clang-format clang-tidy libclang-rt-14-dev libc++-14-dev libc++abi-14-dev"
+
+# need_packages PACKAGE...: installs what is missing as root; else says what to install and ends the script.
+need_packages() {
+  local package missing=()
+  for package in "$@"; do
+    dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null | grep -q '^ii' || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    printf 'These Debian packages are missing; install them and call again:\n  apt-get install %s\n' "${missing[*]}" >&2
+    exit 1
+  fi
+  echo "installing: ${missing[*]}"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# configure DIRECTORY [CMAKE ARGUMENTS...]: prepares a build directory, with ccache where it is installed.
+configure() {
+  local directory=$1
+  shift
+  local launcher=()
+  if command -v ccache >/dev/null; then
+    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
+  cmake -S . -B "$directory" -G Ninja "${launcher[@]}" "$@" >/dev/null
+}
