@@ -1,0 +1,45 @@
+// The words of an operator's command, taken one after the other.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pelmar::sim {
+
+// Says what is wrong with a command and what to write instead.
+class CommandError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class Arguments {
+ public:
+  explicit Arguments(std::string_view line);
+
+  bool is_empty() const { return next_ == words_.size(); }
+
+  // Each takes the next word; `what` names it in the error. Numbers are decimal or 0x....
+  std::string word(std::string_view what);
+  uint64_t number(std::string_view what, uint64_t max);
+  bool flag(std::string_view what);  // 0 or 1
+  std::vector<uint8_t> hex(std::string_view what, size_t max_bytes);
+
+  // Takes the next word if it is that one.
+  bool accept(std::string_view keyword);
+
+  // Nothing may be left.
+  void end() const;
+
+ private:
+  std::vector<std::string> words_;
+  size_t next_ = 0;
+};
+
+// Nothing for a text that is no number.
+std::optional<uint64_t> parse_number(std::string_view text);
+
+}  // namespace pelmar::sim

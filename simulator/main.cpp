@@ -1,0 +1,86 @@
+// modem_sim: a simulated modem, and the operator's commands to one.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "control_client.h"
+#include "serve.h"
+
+namespace {
+
+using pelmar::sim::ControlClientOptions;
+using pelmar::sim::SimulationOptions;
+
+constexpr const char* kControlVariable = "PELMAR_SIM_CONTROL";
+
+std::string control_socket_in(const std::string& storage) {
+  return storage + "/control";
+}
+
+CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
+  CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
+  serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
+      ->default_val("@qmi-proxy");
+  serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
+      ->required();
+  serve->add_option("--control", options.control, "the operator's socket (default: control in the storage directory)");
+  serve->add_option("--max-entries", options.max_entries, "stored items and files at most; then storage is full")
+      ->capture_default_str();
+  serve->add_option("--starting-ms", "not ready for that long after the start")
+      ->each([&](const std::string& ms) { options.starting_time = std::chrono::milliseconds(std::stoll(ms)); })
+      ->check(CLI::Range(0, 3'600'000));
+  serve->add_option("--reset-ms", "not ready for that long after a client resets the modem (default: 200)")
+      ->each([&](const std::string& ms) { options.reset_time = std::chrono::milliseconds(std::stoll(ms)); })
+      ->check(CLI::Range(0, 3'600'000));
+  serve->add_option("--exit-when-idle", "end when no client was connected for that many seconds")
+      ->each([&](const std::string& s) { options.exit_when_idle = std::chrono::seconds(std::stoll(s)); })
+      ->check(CLI::Range(1, 1'000'000));
+  return serve;
+}
+
+CLI::App* add_ctl(CLI::App& app, ControlClientOptions& options, std::string& storage) {
+  CLI::App* const ctl = app.add_subcommand("ctl", "send a command to a running modem");
+  auto* const socket = ctl->add_option("--control", options.socket, "the operator's socket")->envname(kControlVariable);
+  ctl->add_option("--storage", storage, "the modem's storage directory, which has the operator's socket in it")
+      ->excludes(socket);
+  ctl->add_flag("--json", options.json, "print the answer as JSON");
+  ctl->prefix_command();
+  ctl->footer(pelmar::sim::describe_commands());
+  return ctl;
+}
+
+int run_ctl(const CLI::App& ctl, ControlClientOptions options, const std::string& storage) {
+  if (!storage.empty()) options.socket = control_socket_in(storage);
+  if (options.socket.empty()) {
+    throw std::runtime_error(std::string("no control socket named: give --control, --storage or set ") +
+                             kControlVariable);
+  }
+  for (const std::string& word : ctl.remaining())
+    options.command.append(options.command.empty() ? "" : " ").append(word);
+  if (options.command.empty()) throw std::runtime_error("no command given: 'modem_sim ctl --help' lists them");
+  return pelmar::sim::send_control_command(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("A simulated modem that speaks QMI over QMUX", "modem_sim");
+  app.require_subcommand(1);
+  SimulationOptions serve_options;
+  ControlClientOptions ctl_options;
+  std::string ctl_storage;
+  CLI::App* const serve = add_serve(app, serve_options);
+  CLI::App* const ctl = add_ctl(app, ctl_options, ctl_storage);
+  CLI11_PARSE(app, argc, argv);
+
+  try {
+    if (*ctl) return run_ctl(*ctl, ctl_options, ctl_storage);
+    if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
+    if (*serve) pelmar::sim::serve(serve_options);
+    return 0;
+  } catch (const std::exception& error) {
+    fprintf(stderr, "modem_sim: %s\n", error.what());
+    return 1;
+  }
+}
