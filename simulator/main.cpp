@@ -4,7 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "control_client.h"
+#include "console/control_client.h"
 #include "serve.h"
 
 namespace {

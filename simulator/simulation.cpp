@@ -4,6 +4,14 @@
 
 namespace pelmar::sim {
 
+template <class S, class... Arguments>
+S* Simulation::add_service(Arguments&&... arguments) {
+  auto service = std::make_unique<S>(std::forward<Arguments>(arguments)...);
+  S* const added = service.get();
+  modem.add(std::move(service));
+  return added;
+}
+
 Simulation::Simulation(const SimulationOptions& options)
     : storage(options.storage, options.max_entries),
       modem(loop),
@@ -11,9 +19,9 @@ Simulation::Simulation(const SimulationOptions& options)
       connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
       console(loop, options.control, *this) {
   auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
-  auto vendor_specific = std::make_unique<VsService>(storage, reset);
-  vs = vendor_specific.get();
-  modem.add(std::move(vendor_specific));
+  nas = add_service<NasService>();
+  sar = add_service<SarService>();
+  vs = add_service<VsService>(storage, reset);
   modem.attach(connections);
   if (options.starting_time.count() > 0) modem.restart(options.starting_time);
 }

@@ -6,14 +6,16 @@
 #include <optional>
 #include <string>
 
-#include "connection.h"
-#include "console.h"
-#include "event_loop.h"
-#include "exchange.h"
-#include "faults.h"
-#include "modem.h"
-#include "storage.h"
-#include "vs_service.h"
+#include "console/console.h"
+#include "io/event_loop.h"
+#include "qmi/connection.h"
+#include "qmi/exchange.h"
+#include "qmi/faults.h"
+#include "qmi/modem.h"
+#include "services/nas_service.h"
+#include "services/sar_service.h"
+#include "services/vs_service.h"
+#include "storage/storage.h"
 
 namespace pelmar::sim {
 
@@ -41,7 +43,15 @@ struct Simulation {
   Exchange exchange;
   Connections connections;
   Console console;
-  VsService* vs = nullptr;  // lives in the modem
+
+  // These live in the modem.
+  VsService* vs;
+  SarService* sar;
+  NasService* nas;
+
+ private:
+  template <class S, class... Arguments>
+  S* add_service(Arguments&&... arguments);
 };
 
 }  // namespace pelmar::sim

@@ -1,0 +1,40 @@
+// What the operator can tell the modem, as rows: a name, how to write it, what it does.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
+#include <span>
+#include <string_view>
+
+#include "console/arguments.h"
+
+namespace pelmar::sim {
+
+struct Simulation;
+
+using Json = nlohmann::ordered_json;
+
+struct Command {
+  std::string_view name;
+  std::string_view arguments;
+  std::string_view summary;
+  // Throws CommandError. The answer's fields; "ok" is added.
+  Json (*run)(Simulation& simulation, Arguments& arguments);
+};
+
+// The groups, in the order in which help shows them.
+std::span<const Command> service_commands();
+std::span<const Command> fault_commands();
+std::span<const Command> indication_commands();
+std::span<const Command> general_commands();
+
+struct CommandGroup {
+  std::string_view title;
+  std::span<const Command> commands;
+};
+std::span<const CommandGroup> command_groups();
+
+// Runs one line. Never throws; an unknown or wrong command is an answer.
+Json run_command(Simulation& simulation, std::string_view line);
+
+}  // namespace pelmar::sim

@@ -1,0 +1,46 @@
+#include "console/console.h"
+
+#include <algorithm>
+
+namespace pelmar::sim {
+
+namespace {
+
+constexpr Stream::Bounds kBounds{64 * 1024, 4 << 20};
+
+}  // namespace
+
+class Console::Session final : private Stream::Reader {
+ public:
+  Session(Console& console, UniqueFd fd) : console_(console), stream_(console.loop_, std::move(fd), *this, kBounds) {}
+
+ private:
+  size_t on_bytes(std::span<const uint8_t> bytes) override {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    size_t used = 0;
+    for (size_t end = text.find('\n'); end != text.npos && stream_.is_open(); end = text.find('\n', used)) {
+      const std::string answer = run_command(console_.simulation_, text.substr(used, end - used)).dump() + '\n';
+      used = end + 1;
+      stream_.send({reinterpret_cast<const uint8_t*>(answer.data()), answer.size()});
+    }
+    return used;
+  }
+
+  void on_closed(std::string_view) override {
+    console_.loop_.post([this] { console_.sessions_.erase(this); });
+  }
+
+  Console& console_;
+  Stream stream_;
+};
+
+Console::~Console() = default;
+
+Console::Console(EventLoop& loop, const std::string& socket, Simulation& simulation)
+    : loop_(loop), simulation_(simulation), listener_(loop, socket, [this](UniqueFd fd) {
+        auto session = std::make_unique<Session>(*this, std::move(fd));
+        Session* const key = session.get();
+        sessions_.emplace(key, std::move(session));
+      }) {}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,99 @@
+#include "console/control_client.h"
+
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "console/commands.h"
+#include "io/local_socket.h"
+
+namespace pelmar::sim {
+
+namespace {
+
+constexpr size_t kUsageColumn = 44;
+
+std::string exchange_line(int fd, const std::string& line) {
+  if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+    throw std::runtime_error("the modem ended before it took the command: start it again");
+  }
+  std::string answer;
+  char bytes[4096];
+  for (ssize_t count; !answer.ends_with('\n') && (count = recv(fd, bytes, sizeof bytes, 0)) > 0;) {
+    answer.append(bytes, static_cast<size_t>(count));
+  }
+  if (!answer.ends_with('\n')) throw std::runtime_error("the modem ended before it answered: start it again");
+  return answer;
+}
+
+void print(const Json& value, int depth);
+
+void print_field(const std::string& name, const Json& value, int depth) {
+  printf("%*s%s:", depth * 2, "", name.c_str());
+  if (value.is_structured() && !value.empty()) {
+    printf("\n");
+    return print(value, depth + 1);
+  }
+  printf(" %s\n", value.is_string() ? value.get<std::string>().c_str() : value.empty() ? "none" : value.dump().c_str());
+}
+
+// Objects as lines "name: value"; the elements of an array one a line where they are flat.
+void print(const Json& value, int depth) {
+  if (value.is_object()) {
+    for (const auto& [name, field] : value.items()) print_field(name, field, depth);
+    return;
+  }
+  for (const Json& element : value) {
+    if (!element.is_object()) {
+      printf("%*s%s\n", depth * 2, "", element.dump().c_str());
+      continue;
+    }
+    const char* separator = "- ";
+    printf("%*s", depth * 2, "");
+    for (const auto& [name, field] : element.items()) {
+      printf("%s%s %s", separator, name.c_str(),
+             field.is_string() ? field.get<std::string>().c_str() : field.dump().c_str());
+      separator = ", ";
+    }
+    printf("\n");
+  }
+}
+
+}  // namespace
+
+int send_control_command(const ControlClientOptions& options) {
+  const UniqueFd fd = connect_local(options.socket);
+  const std::string line = exchange_line(fd.get(), options.command + '\n');
+  Json answer = Json::parse(line);
+  const bool ok = answer.value("ok", false);
+  if (options.json) {
+    fputs(line.c_str(), stdout);
+  } else if (!ok) {
+    fprintf(stderr, "modem_sim: %s\n", answer.value("error", "refused").c_str());
+  } else {
+    answer.erase("ok");
+    if (answer.empty()) printf("done\n");
+    print(answer, 0);
+  }
+  return ok ? 0 : 1;
+}
+
+std::string describe_commands() {
+  std::string text = "Commands:\n";
+  for (const CommandGroup& group : command_groups()) {
+    text.append("\n").append(group.title).append(":\n");
+    for (const Command& command : group.commands) {
+      std::string usage = "  " + std::string(command.name) + ' ' + std::string(command.arguments);
+      if (usage.size() < kUsageColumn) {
+        usage.resize(kUsageColumn, ' ');
+      } else {
+        usage.append("\n").append(kUsageColumn, ' ');
+      }
+      text.append(usage).append(command.summary).append("\n");
+    }
+  }
+  return text;
+}
+
+}  // namespace pelmar::sim

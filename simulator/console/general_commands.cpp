@@ -1,0 +1,160 @@
+// What the modem holds and has done, values to be fixed, and the end.
+#include "console/command_helpers.h"
+#include "io/hex.h"
+#include "simulation.h"
+
+namespace pelmar::sim {
+
+namespace {
+
+Json describe(const Modem::Slot& slot) {
+  Json clients = Json::array();
+  slot.clients.for_each([&](uint8_t client, Connection& owner) {
+    clients.push_back({{"id", client}, {"connection", owner.number()}, {"process", owner.process()}});
+  });
+  const Service& service = *slot.service;
+  const std::string version = std::to_string(service.major_version()) + '.' + std::to_string(service.minor_version());
+  return {{"name", service.name()},
+          {"id", service.id()},
+          {"version", version},
+          {"up", slot.is_up},
+          {"clients", std::move(clients)}};
+}
+
+std::string_view kind_text(FaultKind kind) {
+  switch (kind) {
+    case FaultKind::kDelay:
+      return "delay";
+    case FaultKind::kError:
+      return "error";
+    case FaultKind::kSilence:
+      return "silence";
+    case FaultKind::kCut:
+      return "cut";
+    case FaultKind::kGarbage:
+      return "garbage";
+    case FaultKind::kCloseHalf:
+      return "die connection";
+    case FaultKind::kDieHalf:
+      return "die modem";
+  }
+  return "";
+}
+
+Json describe(Simulation& simulation, const FaultRow& row) {
+  const Modem::Slot* const slot = row.service ? simulation.modem.find(*row.service) : nullptr;
+  const Service* const service = slot != nullptr ? slot->service.get() : nullptr;
+  Json fault = {{"kind", kind_text(row.fault.kind)}};
+  if (row.service) fault["service"] = service != nullptr ? service->name() : "ctl";
+  if (row.message) fault["message"] = message_text(service, *row.message);
+  if (row.times_left) fault["times_left"] = *row.times_left;
+  return fault;
+}
+
+Json describe_radio(NasService& nas) {
+  Json subscriptions = Json::array();
+  for (size_t number = 0; number < NasService::kSubscriptions; ++number) {
+    const NasService::Subscription& subscription = nas.subscription(number);
+    const LteSite* const serving = subscription.radio.serving();
+    std::string cell = "none";
+    if (serving != nullptr) cell = std::to_string(serving->earfcn) + ':' + std::to_string(serving->physical_cell_id);
+    subscriptions.push_back({{"sub", number},
+                             {"serving_cell", cell},
+                             {"locked_cells", subscription.radio.lock().size()},
+                             {"nr", subscription.radio.has_nr()},
+                             {"nr_disable_mode", subscription.radio.nr_disable_mode()},
+                             {"drx", subscription.drx},
+                             {"avoid_trm", subscription.avoid_trm}});
+  }
+  return subscriptions;
+}
+
+Json status(Simulation& simulation, Arguments& arguments) {
+  arguments.end();
+  Json services = Json::array();
+  for (const Modem::Slot& slot : simulation.modem.slots()) services.push_back(describe(slot));
+  Json faults = Json::array();
+  for (const FaultRow& row : simulation.faults.rows()) faults.push_back(describe(simulation, row));
+  Json connections = Json::array();
+  simulation.connections.for_each([&](Connection& connection) {
+    connections.push_back({{"number", connection.number()}, {"process", connection.process()}});
+  });
+  const Exchange::Counters& counters = simulation.exchange.counters();
+  const Storage& storage = simulation.storage;
+  return {
+      {"state", simulation.modem.state() == Modem::State::kReady ? "ready" : "starting"},
+      {"services", std::move(services)},
+      {"connections", std::move(connections)},
+      {"faults", std::move(faults)},
+      {"counters",
+       {{"connections", simulation.connections.accepted()},
+        {"dropped_connections", counters.dropped_connections},
+        {"requests", counters.requests},
+        {"failures", counters.failures},
+        {"faults", counters.faults},
+        {"ignored_frames", counters.ignored},
+        {"indications", simulation.modem.indications()},
+        {"shutdown_notices", simulation.vs->shutdown_notices()}}},
+      {"storage",
+       {{"nv", storage.nv.count()},
+        {"efs", storage.efs.count()},
+        {"rfnv", storage.rfnv.count()},
+        {"efs_paths", storage.files.count()}}},
+      {"statistics",
+       {{"reporters", simulation.vs->statistics().reporters()},
+        {"registrations", simulation.vs->statistics().registrations()}}},
+      {"sar_rf_state", simulation.sar->state()},
+      {"radio", describe_radio(*simulation.nas)},
+  };
+}
+
+Json fix_statistic(Simulation& simulation, Arguments& arguments) {
+  const auto sub = static_cast<uint16_t>(arguments.number("SUB", Statistics::kSubscriptions - 1));
+  const auto id = static_cast<uint32_t>(arguments.number("ID", UINT32_MAX));
+  std::vector<uint8_t> bytes = arguments.hex("HEX", vs::kMaxDataBytes);
+  arguments.end();
+  simulation.vs->statistics().set_value(sub, id, std::move(bytes));
+  return Json::object();
+}
+
+Json fix_drx(Simulation& simulation, Arguments& arguments) {
+  const size_t sub = arguments.number("SUB", NasService::kSubscriptions - 1);
+  simulation.nas->subscription(sub).drx = static_cast<uint32_t>(arguments.number("VALUE", UINT32_MAX));
+  arguments.end();
+  return Json::object();
+}
+
+Json help(Simulation&, Arguments& arguments) {
+  arguments.end();
+  Json answer;
+  for (const CommandGroup& group : command_groups()) {
+    Json& commands = answer[std::string(group.title)];
+    for (const Command& command : group.commands) {
+      const std::string usage = std::string(command.name) + ' ' + std::string(command.arguments);
+      commands[usage] = command.summary;
+    }
+  }
+  return answer;
+}
+
+Json quit(Simulation& simulation, Arguments& arguments) {
+  arguments.end();
+  simulation.loop.post([&simulation] { simulation.loop.stop(); });
+  return Json::object();
+}
+
+constexpr Command kCommands[] = {
+    {"status", "", "services, clients, connections, faults, counters", status},
+    {"statistic", "SUB ID HEX", "fix the value of a statistics identifier", fix_statistic},
+    {"drx", "SUB VALUE", "fix the DRX value of a subscription until the service restarts", fix_drx},
+    {"help", "", "list the commands", help},
+    {"quit", "", "end the simulated modem", quit},
+};
+
+}  // namespace
+
+std::span<const Command> general_commands() {
+  return kCommands;
+}
+
+}  // namespace pelmar::sim

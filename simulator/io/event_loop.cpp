@@ -1,0 +1,109 @@
+#include "io/event_loop.h"
+
+#include <sys/timerfd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace pelmar::sim {
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+}  // namespace
+
+EventLoop::EventLoop()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)), timer_fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  if (!epoll_) fail("epoll_create1");
+  if (!timer_fd_) fail("timerfd_create");
+  watch(timer_fd_.get(), EPOLLIN, timers_);
+}
+
+void EventLoop::watch(int fd, uint32_t events, Watcher& watcher) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = &watcher;
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) fail("epoll_ctl");
+}
+
+void EventLoop::change(int fd, uint32_t events, Watcher& watcher) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = &watcher;
+  epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void EventLoop::unwatch(int fd, Watcher& watcher) {
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  for (int i = 0; i < batch_size_; ++i) {
+    if (batch_[i].data.ptr == &watcher) batch_[i].data.ptr = nullptr;
+  }
+}
+
+EventLoop::TimerId EventLoop::after(Clock::duration delay, Task task) {
+  TimerId id{Clock::now() + delay, ++last_timer_};
+  auto place = pending_timers_.emplace(id, std::move(task)).first;
+  if (place == pending_timers_.begin()) arm_timer();
+  return id;
+}
+
+void EventLoop::cancel(const TimerId& timer) {
+  pending_timers_.erase(timer);
+}
+
+void EventLoop::post(Task task) {
+  posted_.push_back(std::move(task));
+}
+
+void EventLoop::run() {
+  running_ = true;
+  while (running_) {
+    batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, -1);
+    if (batch_size_ < 0 && errno != EINTR) fail("epoll_wait");
+    for (int i = 0; i < batch_size_; ++i) {
+      if (auto* watcher = static_cast<Watcher*>(batch_[i].data.ptr)) watcher->on_ready(batch_[i].events);
+    }
+    batch_size_ = 0;
+    run_posted();
+  }
+}
+
+void EventLoop::run_posted() {
+  while (!posted_.empty()) {
+    std::vector<Task> tasks = std::move(posted_);
+    posted_.clear();
+    for (Task& task : tasks) task();
+  }
+}
+
+void EventLoop::arm_timer() {
+  if (pending_timers_.empty()) return;
+  auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(pending_timers_.begin()->first.first - Clock::now());
+  if (wait.count() < 1) wait = std::chrono::nanoseconds(1);  // zero would disarm the timer
+  itimerspec spec{};
+  spec.it_value.tv_sec = wait.count() / 1'000'000'000;
+  spec.it_value.tv_nsec = wait.count() % 1'000'000'000;
+  timerfd_settime(timer_fd_.get(), 0, &spec, nullptr);
+}
+
+void EventLoop::run_due_timers() {
+  const auto now = Clock::now();
+  while (!pending_timers_.empty() && pending_timers_.begin()->first.first <= now) {
+    Task task = std::move(pending_timers_.begin()->second);
+    pending_timers_.erase(pending_timers_.begin());
+    task();
+  }
+  arm_timer();
+}
+
+void EventLoop::Timers::on_ready(uint32_t) {
+  uint64_t expirations = 0;
+  while (read(loop_.timer_fd_.get(), &expirations, sizeof expirations) > 0) {
+  }
+  loop_.run_due_timers();
+}
+
+}  // namespace pelmar::sim

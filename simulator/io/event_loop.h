@@ -1,0 +1,77 @@
+// The one thread of the simulated modem: waits for descriptors and timers and calls what belongs to them.
+//
+// Everything runs on the thread that calls run(); nothing here is locked. After unwatch() a watcher is not called
+// again, also not for an event of the batch under way, so it may be destroyed by a posted task.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "io/unique_fd.h"
+
+namespace pelmar::sim {
+
+class EventLoop {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Task = std::function<void()>;
+  using TimerId = std::pair<Clock::time_point, uint64_t>;
+
+  class Watcher {
+   public:
+    virtual ~Watcher() = default;
+    // events: the EPOLL... bits that are true now.
+    virtual void on_ready(uint32_t events) = 0;
+  };
+
+  // Throws std::system_error where the kernel refuses a descriptor.
+  EventLoop();
+
+  void watch(int fd, uint32_t events, Watcher& watcher);
+  void change(int fd, uint32_t events, Watcher& watcher);
+  void unwatch(int fd, Watcher& watcher);
+
+  TimerId after(Clock::duration delay, Task task);
+  // A timer that has run or was cancelled already is left alone.
+  void cancel(const TimerId& timer);
+
+  // Runs the task once the events at hand are done with: the place to destroy a watcher.
+  void post(Task task);
+
+  void run();
+  void stop() { running_ = false; }
+
+ private:
+  class Timers : public Watcher {
+   public:
+    explicit Timers(EventLoop& loop) : loop_(loop) {}
+    void on_ready(uint32_t events) override;
+
+   private:
+    EventLoop& loop_;
+  };
+
+  void arm_timer();
+  void run_due_timers();
+  void run_posted();
+
+  static constexpr int kBatch = 64;
+
+  UniqueFd epoll_;
+  UniqueFd timer_fd_;
+  Timers timers_{*this};
+  std::map<TimerId, Task> pending_timers_;
+  uint64_t last_timer_ = 0;
+  std::vector<Task> posted_;
+  epoll_event batch_[kBatch];
+  int batch_size_ = 0;
+  bool running_ = false;
+};
+
+}  // namespace pelmar::sim

@@ -1,0 +1,39 @@
+// Unix stream sockets named by a path or, as "@name", by a name of the abstract namespace.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "io/event_loop.h"
+#include "io/unique_fd.h"
+
+namespace pelmar::sim {
+
+// Connects; throws std::runtime_error with what to do about it.
+UniqueFd connect_local(const std::string& name);
+
+// A listening socket on the event loop. A socket file whose process is dead is replaced; a live one is refused with a
+// std::runtime_error that says so. The file goes with the listener.
+class LocalListener final : public EventLoop::Watcher {
+ public:
+  using Accept = std::function<void(UniqueFd)>;
+
+  LocalListener(EventLoop& loop, std::string name, Accept accept);
+  ~LocalListener() override;
+  LocalListener(const LocalListener&) = delete;
+  LocalListener& operator=(const LocalListener&) = delete;
+
+  const std::string& name() const { return name_; }
+  void on_ready(uint32_t events) override;
+
+ private:
+  void pause_accepting();
+
+  EventLoop& loop_;
+  const std::string name_;
+  const Accept accept_;
+  UniqueFd fd_;
+  EventLoop::TimerId pause_{};
+};
+
+}  // namespace pelmar::sim

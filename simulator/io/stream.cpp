@@ -1,0 +1,97 @@
+#include "io/stream.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace pelmar::sim {
+
+namespace {
+
+std::string_view reason_of(int error) {
+  return error == ECONNRESET || error == EPIPE ? Stream::kClosedByPeer : strerror(error);
+}
+
+}  // namespace
+
+Stream::Stream(EventLoop& loop, UniqueFd fd, Reader& reader, Bounds bounds)
+    : loop_(loop),
+      fd_(std::move(fd)),
+      reader_(reader),
+      bounds_(bounds),
+      input_(std::make_unique_for_overwrite<uint8_t[]>(bounds.input)) {
+  loop_.watch(fd_.get(), EPOLLIN, *this);
+}
+
+Stream::~Stream() {
+  if (fd_) loop_.unwatch(fd_.get(), *this);
+}
+
+void Stream::on_ready(uint32_t events) {
+  if (events & EPOLLOUT) flush();
+  if (is_open() && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) receive();
+}
+
+void Stream::receive() {
+  // One read a wake-up: a peer that sends without pause must not keep the others waiting.
+  const ssize_t count = recv(fd_.get(), input_.get() + received_, bounds_.input - received_, MSG_DONTWAIT);
+  if (count == 0) return close(kClosedByPeer);
+  if (count < 0) {
+    if (errno != EAGAIN && errno != EINTR) close(reason_of(errno));
+    return;
+  }
+  received_ += static_cast<size_t>(count);
+  hand_over();
+}
+
+void Stream::hand_over() {
+  const size_t used = reader_.on_bytes({input_.get(), received_});
+  if (!is_open()) return;
+  received_ -= used;
+  if (received_ != 0 && used != 0) memmove(input_.get(), input_.get() + used, received_);
+  if (received_ == bounds_.input) close("more input than one message can have");
+}
+
+void Stream::send(std::span<const uint8_t> bytes) {
+  if (!is_open()) return;
+  if (waiting_.empty()) {
+    const ssize_t count = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0 && errno != EAGAIN && errno != EINTR) return close(reason_of(errno));
+    bytes = bytes.subspan(count < 0 ? 0 : static_cast<size_t>(count));
+    if (bytes.empty()) return;
+    loop_.change(fd_.get(), EPOLLIN | EPOLLOUT, *this);
+  }
+  if (waiting_.size() - taken_ + bytes.size() > bounds_.output) return close("does not read what it is sent");
+  waiting_.insert(waiting_.end(), bytes.begin(), bytes.end());
+}
+
+void Stream::flush() {
+  const ssize_t count =
+      ::send(fd_.get(), waiting_.data() + taken_, waiting_.size() - taken_, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (count < 0) {
+    if (errno != EAGAIN && errno != EINTR) close(reason_of(errno));
+    return;
+  }
+  taken_ += static_cast<size_t>(count);
+  if (taken_ < waiting_.size()) {
+    if (taken_ >= bounds_.output / 2) {
+      waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<ptrdiff_t>(taken_));
+      taken_ = 0;
+    }
+    return;
+  }
+  waiting_.clear();
+  taken_ = 0;
+  loop_.change(fd_.get(), EPOLLIN, *this);
+  reader_.on_drained();
+}
+
+void Stream::close(std::string_view reason) {
+  if (!is_open()) return;
+  loop_.unwatch(fd_.get(), *this);
+  fd_.reset();
+  reader_.on_closed(reason);
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,70 @@
+#include "qmi/connection.h"
+
+#include <sys/socket.h>
+
+namespace pelmar::sim {
+
+namespace {
+
+pid_t process_at_other_end(int fd) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
+}  // namespace
+
+Connection::Connection(EventLoop& loop, UniqueFd fd, uint64_t number, Connections& connections, Handler& handler)
+    : connections_(connections),
+      handler_(handler),
+      number_(number),
+      stream_(loop, std::move(fd), *this, {qmux::kMaxFrameBytes, kMaxWaitingBytes}),
+      process_(process_at_other_end(stream_.fd())) {}
+
+size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
+  size_t used = 0;
+  while (is_open()) {
+    const qmux::Front front = qmux::parse_front(bytes.subspan(used));
+    if (front.state == qmux::Front::State::kIncomplete) break;
+    if (front.state == qmux::Front::State::kBroken) {
+      close(front.problem);
+      break;
+    }
+    handler_.on_frame(*this, front.frame);
+    used += front.size;
+  }
+  return used;
+}
+
+void Connection::on_closed(std::string_view reason) {
+  handler_.on_gone(*this, reason);
+  connections_.remove(*this);
+}
+
+Connections::Connections(EventLoop& loop, const std::string& socket, Connection::Handler& handler,
+                         std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle)
+    : loop_(loop),
+      handler_(handler),
+      idle_limit_(idle_limit),
+      on_idle_(std::move(on_idle)),
+      listener_(loop, socket, [this](UniqueFd fd) { accept(std::move(fd)); }) {
+  wait_for_clients();
+}
+
+void Connections::accept(UniqueFd fd) {
+  loop_.cancel(idle_timer_);
+  const uint64_t number = ++last_number_;
+  open_.emplace(number, std::make_shared<Connection>(loop_, std::move(fd), number, *this, handler_));
+}
+
+void Connections::remove(Connection& connection) {
+  loop_.post([last_reference = connection.shared_from_this()] {});
+  open_.erase(connection.number());
+  if (open_.empty()) wait_for_clients();
+}
+
+void Connections::wait_for_clients() {
+  if (idle_limit_) idle_timer_ = loop_.after(*idle_limit_, on_idle_);
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,98 @@
+// A connection of a QMUX client, and the set of them that one socket serves.
+//
+// A connection is in its set until it closes and lives until the loop is done with it; who keeps it for later holds a
+// weak pointer.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "io/local_socket.h"
+#include "io/stream.h"
+#include "qmi/qmux.h"
+
+namespace pelmar::sim {
+
+class Connections;
+
+class Connection final : public std::enable_shared_from_this<Connection>, private Stream::Reader {
+ public:
+  class Handler {
+   public:
+    virtual void on_frame(Connection& connection, const qmux::Frame& frame) = 0;
+    // The last call for this connection.
+    virtual void on_gone(Connection& connection, std::string_view reason) = 0;
+
+   protected:
+    ~Handler() = default;
+  };
+
+  // Bytes that may wait for a client that does not read, before it is dropped.
+  static constexpr size_t kMaxWaitingBytes = 1 << 20;
+
+  Connection(EventLoop& loop, UniqueFd fd, uint64_t number, Connections& connections, Handler& handler);
+
+  uint64_t number() const { return number_; }
+  pid_t process() const { return process_; }  // of the client; 0 where it is not known
+  bool is_open() const { return stream_.is_open(); }
+
+  void send(std::span<const uint8_t> bytes) { stream_.send(bytes); }
+  void close(std::string_view reason) { stream_.close(reason); }
+
+  // True while nothing waits for the client to read.
+  bool is_drained() const { return stream_.is_drained(); }
+
+ private:
+  size_t on_bytes(std::span<const uint8_t> bytes) override;
+  void on_closed(std::string_view reason) override;
+
+  Connections& connections_;
+  Handler& handler_;
+  const uint64_t number_;
+  Stream stream_;
+  const pid_t process_;
+};
+
+class Connections final {
+ public:
+  // idle_limit: after that long without a client, on_idle is called.
+  Connections(EventLoop& loop, const std::string& socket, Connection::Handler& handler,
+              std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle);
+
+  size_t count() const { return open_.size(); }
+  uint64_t accepted() const { return last_number_; }
+
+  // Calls f(connection); f may close connections.
+  template <class F>
+  void for_each(F f) {
+    for (auto next = open_.begin(); next != open_.end();) {
+      const std::shared_ptr<Connection> connection = (next++)->second;
+      f(*connection);
+    }
+  }
+
+ private:
+  friend class Connection;
+
+  void accept(UniqueFd fd);
+  void remove(Connection& connection);
+  void wait_for_clients();
+
+  EventLoop& loop_;
+  Connection::Handler& handler_;
+  const std::optional<EventLoop::Clock::duration> idle_limit_;
+  const EventLoop::Task on_idle_;
+  std::map<uint64_t, std::shared_ptr<Connection>> open_;
+  uint64_t last_number_ = 0;
+  EventLoop::TimerId idle_timer_{};
+  LocalListener listener_;
+};
+
+}  // namespace pelmar::sim

@@ -1,0 +1,146 @@
+#include "qmi/exchange.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "qmi/control_service.h"
+#include "qmi_codec.h"
+
+namespace pelmar::sim {
+
+namespace {
+
+constexpr int kStatusOfSuddenDeath = 70;
+
+QmiError error_of_codec(int32_t codec_error) {
+  switch (codec_error) {
+    case QMI_IDL_LIB_NO_ERR:
+      return QMI_ERR_NONE_V01;
+    case QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND:
+      return QMI_ERR_INVALID_MESSAGE_ID_V01;
+    case QMI_IDL_LIB_MISSING_TLV:
+      return QMI_ERR_MISSING_ARG_V01;
+    case QMI_IDL_LIB_ARRAY_TOO_BIG:
+    case QMI_IDL_LIB_BUFFER_TOO_SMALL:
+      return QMI_ERR_ARG_TOO_LONG_V01;
+    default:
+      return QMI_ERR_MALFORMED_MSG_V01;
+  }
+}
+
+}  // namespace
+
+void Exchange::on_frame(Connection& connection, const qmux::Frame& frame) {
+  const auto request = qmux::parse_request(frame);
+  if (!request) {
+    ++counters_.ignored;
+    return;
+  }
+  ++counters_.requests;
+  const std::optional<Fault> fault = faults_.take(frame.service, request->id);
+
+  writer_.start(frame.service, frame.client, qmux::Kind::kResponse, request->transaction, request->id);
+  QmiError error = QMI_ERR_NONE_V01;
+  if (fault && fault->kind == FaultKind::kError) {
+    error = fault->error;
+  } else if (frame.service == qmux::kControlService) {
+    error = answer_control_message(connection, *request);
+  } else {
+    error = answer_service_message(connection, frame, *request);
+  }
+  if (error != QMI_ERR_NONE_V01) {
+    ++counters_.failures;
+    writer_.add_result(error);
+  }
+
+  const auto response = writer_.finish();
+  if (!fault) return connection.send(response);
+  ++counters_.faults;
+  deliver(connection, frame, response, *fault);
+}
+
+void Exchange::on_gone(Connection& connection, std::string_view reason) {
+  if (reason != Stream::kClosedByPeer) ++counters_.dropped_connections;
+  modem_.disconnect(connection);
+}
+
+QmiError Exchange::answer_control_message(Connection& connection, const qmux::Message& request) {
+  if (!request.is_whole) return QMI_ERR_MALFORMED_MSG_V01;
+  ControlAnswer answer;
+  const QmiError error = answer_control(modem_, connection, request.id, request.tlvs, answer);
+  if (error != QMI_ERR_NONE_V01) return error;
+  writer_.add_result(QMI_ERR_NONE_V01);
+  if (answer.tlv != 0) writer_.add_tlv(answer.tlv, std::span(answer.value).first(answer.size));
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError Exchange::answer_service_message(Connection& connection, const qmux::Frame& frame,
+                                          const qmux::Message& request) {
+  if (modem_.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
+  Modem::Slot* slot = modem_.find_running(frame.service);
+  if (slot == nullptr || slot->clients.owner(frame.client) != &connection) return QMI_ERR_INVALID_CLIENT_ID_V01;
+  Service& service = *slot->service;
+  const MessageRow* row = service.find(request.id);
+  if (row == nullptr) return QMI_ERR_INVALID_MESSAGE_ID_V01;
+  if (!request.is_whole) return QMI_ERR_MALFORMED_MSG_V01;
+
+  const int32_t decoded = platform::decode(service.object(), QMI_IDL_REQUEST, request.id, request.tlvs.data(),
+                                           request.tlvs.size(), request_.bytes, sizeof request_.bytes);
+  if (decoded != QMI_IDL_LIB_NO_ERR) return error_of_codec(decoded);
+
+  memset(response_.bytes, 0, row->response_size);
+  const QmiError error = row->answer(service, frame.client, request_.bytes, response_.bytes);
+  if (error != QMI_ERR_NONE_V01) return error;
+
+  size_t length = 0;
+  const auto room = writer_.room();
+  const int32_t encoded = platform::encode(service.object(), QMI_IDL_RESPONSE, request.id, response_.bytes,
+                                           row->response_size, room.data(), room.size(), &length);
+  if (encoded != QMI_IDL_LIB_NO_ERR) return QMI_ERR_ENCODING_V01;
+  writer_.grow(length);
+  return QMI_ERR_NONE_V01;
+}
+
+void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
+                       const Fault& fault) {
+  switch (fault.kind) {
+    case FaultKind::kError:
+      return connection.send(response);
+    case FaultKind::kSilence:
+      return;
+    case FaultKind::kGarbage:
+      return connection.send(fault.garbage);
+    case FaultKind::kDelay:
+      return deliver_later(connection, frame, response, fault.delay);
+    case FaultKind::kCut: {
+      const size_t size = std::min(response.size(), qmux::kFrameHeaderBytes + fault.cut_to);
+      std::vector<uint8_t> cut(response.begin(), response.begin() + static_cast<ptrdiff_t>(size));
+      qmux::write_u16(&cut[1], static_cast<uint16_t>(size - 1));
+      return connection.send(cut);
+    }
+    case FaultKind::kCloseHalf:
+      connection.send(response.first(response.size() / 2));
+      return connection.close("closed by a fault");
+    case FaultKind::kDieHalf:
+      connection.send(response.first(response.size() / 2));
+      _exit(kStatusOfSuddenDeath);
+  }
+}
+
+void Exchange::deliver_later(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
+                             EventLoop::Clock::duration delay) {
+  std::vector<uint8_t> copy(response.begin(), response.end());
+  loop_.after(delay, [this, receiver = connection.weak_from_this(), service = frame.service, client = frame.client,
+                      late = std::move(copy)] {
+    const auto alive = receiver.lock();
+    if (!alive) return;
+    const Modem::Slot* slot = modem_.find_running(service);
+    const bool is_addressed = slot != nullptr && slot->clients.owner(client) == alive.get();
+    if (service == qmux::kControlService || is_addressed) alive->send(late);
+  });
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,93 @@
+#include "qmi/modem.h"
+
+#include <algorithm>
+
+#include "qmi/control_service.h"
+
+namespace pelmar::sim {
+
+void Modem::add(std::unique_ptr<Service> service) {
+  slots_.push_back({std::move(service), {}, true});
+  for (Slot& slot : slots_) slot_by_id_[slot.service->id()] = &slot;
+}
+
+Modem::Slot* Modem::find(std::string_view name) {
+  const auto slot =
+      std::find_if(slots_.begin(), slots_.end(), [&](Slot& each) { return each.service->name() == name; });
+  return slot == slots_.end() ? nullptr : &*slot;
+}
+
+Modem::Slot* Modem::find_running(uint8_t service) {
+  Slot* slot = find(service);
+  return state_ == State::kReady && slot != nullptr && slot->is_up ? slot : nullptr;
+}
+
+void Modem::take_down(Slot& slot) {
+  slot.is_up = false;
+  slot.clients.for_each([&](uint8_t client, Connection& owner) {
+    free_client(slot, client);
+    const uint8_t revoked[] = {slot.service->id(), client};
+    writer_.start(qmux::kControlService, 0, qmux::Kind::kIndication, 0, kControlRevokeClientId);
+    writer_.add_tlv(0x01, revoked);
+    owner.send(writer_.finish());
+  });
+  slot.service->restarted();
+}
+
+void Modem::restart(std::chrono::milliseconds starting_time) {
+  for (Slot& slot : slots_) {
+    slot.clients.for_each([&](uint8_t client, Connection&) { free_client(slot, client); });
+    slot.service->restarted();
+    slot.is_up = true;
+  }
+  loop_.cancel(start_timer_);
+  state_ = starting_time.count() > 0 ? State::kStarting : State::kReady;
+  if (state_ == State::kStarting) start_timer_ = loop_.after(starting_time, [this] { state_ = State::kReady; });
+  broadcast(qmux::kControlService, kControlSync, {});
+}
+
+void Modem::disconnect(Connection& connection) {
+  for (Slot& slot : slots_) {
+    slot.clients.for_each([&](uint8_t client, Connection& owner) {
+      if (&owner == &connection) free_client(slot, client);
+    });
+  }
+}
+
+bool Modem::release(Slot& slot, uint8_t client, const Connection& owner) {
+  if (slot.clients.owner(client) != &owner) return false;
+  free_client(slot, client);
+  return true;
+}
+
+void Modem::free_client(Slot& slot, uint8_t client) {
+  slot.clients.release(client);
+  slot.service->client_gone(client);
+}
+
+size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
+                       const std::function<bool(uint8_t client)>& wants) {
+  size_t sent = 0;
+  slot.clients.for_each([&](uint8_t client, Connection& owner) {
+    if (!wants(client)) return;
+    writer_.start(slot.service->id(), client, qmux::Kind::kIndication, 0, message);
+    writer_.add_tlvs(tlvs);
+    owner.send(writer_.finish());
+    ++sent;
+  });
+  indications_ += sent;
+  return sent;
+}
+
+size_t Modem::broadcast(uint8_t service, uint16_t message, std::span<const uint8_t> tlvs) {
+  if (connections_ == nullptr) return 0;
+  const uint8_t client = service == qmux::kControlService ? 0 : qmux::kBroadcastClient;
+  writer_.start(service, client, qmux::Kind::kIndication, 0, message);
+  writer_.add_tlvs(tlvs);
+  const auto frame = writer_.finish();
+  connections_->for_each([&](Connection& connection) { connection.send(frame); });
+  indications_ += connections_->count();
+  return connections_->count();
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,146 @@
+#include "services/nas_service.h"
+
+#include <algorithm>
+
+namespace pelmar::sim {
+
+namespace {
+
+using Subscriptions = std::array<NasService::Subscription, NasService::kSubscriptions>;
+
+Subscriptions fresh_subscriptions() {
+  return {{{RadioPicture(0), 7}, {RadioPicture(1), 8}}};
+}
+
+// How the phone weighs cells while idle; the same everywhere in the picture.
+constexpr uint8_t kPriority = 5;
+constexpr uint8_t kSearchThreshold = 31;
+constexpr uint8_t kThresholdLow = 6;
+constexpr uint8_t kThresholdHigh = 14;
+constexpr int16_t kLeastRsrp = -1240;  // of a suitable cell
+
+uint32_t put_cells(const std::vector<LteSite>& sites, nas::LteCell (&cells)[nas::kMaxLteCells]) {
+  const size_t count = std::min(sites.size(), std::size(cells));
+  std::transform(sites.begin(), sites.begin() + static_cast<ptrdiff_t>(count), cells, [](const LteSite& site) {
+    return nas::LteCell{site.physical_cell_id, site.rsrq, site.rsrp, site.rssi,
+                        static_cast<int16_t>(site.rsrp - kLeastRsrp)};
+  });
+  return static_cast<uint32_t>(count);
+}
+
+void put_serving_frequency(const RadioPicture& radio, const LteSite& serving, nas::LteIntraFrequency& out) {
+  const Carrier& carrier = radio.carrier();
+  out.is_idle = 1;
+  std::copy(std::begin(carrier.plmn), std::end(carrier.plmn), out.plmn);
+  out.tracking_area_code = carrier.tracking_area_code;
+  out.global_cell_id = serving.global_cell_id;
+  out.earfcn = serving.earfcn;
+  out.serving_cell_id = serving.physical_cell_id;
+  out.priority = kPriority;
+  out.s_non_intra_search = kSearchThreshold;
+  out.threshold_low = kThresholdLow;
+  out.s_intra_search = kSearchThreshold;
+  out.cell_count = put_cells(radio.sites_on(serving.earfcn), out.cells);
+}
+
+void put_other_frequencies(const RadioPicture& radio, nas::LteInterFrequency& out) {
+  out.is_idle = 1;
+  for (const uint16_t earfcn : radio.other_frequencies()) {
+    if (out.frequency_count == nas::kMaxLteFrequencies) return;
+    nas::LteFrequency& frequency = out.frequencies[out.frequency_count++];
+    frequency.earfcn = earfcn;
+    frequency.threshold_low = kThresholdLow;
+    frequency.threshold_high = kThresholdHigh;
+    frequency.priority = kPriority - 1;
+    frequency.cell_count = put_cells(radio.sites_on(earfcn), frequency.cells);
+  }
+}
+
+}  // namespace
+
+constexpr std::array<MessageRow, 7> NasService::kMessages = {{
+    Answers<&NasService::register_indications>::row(QMI_NAS_REGISTER_INDICATIONS_V01, "register-indications"),
+    Answers<&NasService::set_system_selection>::row(QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01,
+                                                    "set-system-selection-preference"),
+    Answers<&NasService::get_cell_location>::row(QMI_NAS_GET_CELL_LOCATION_INFO_V01, "get-cell-location-info"),
+    Answers<&NasService::bind_subscription>::row(QMI_NAS_BIND_SUBSCRIPTION_V01, "bind-subscription"),
+    Answers<&NasService::get_drx>::row(QMI_NAS_GET_DRX_V01, "get-drx"),
+    Answers<&NasService::set_avoid_trm>::row(QMI_NAS_SET_AVOID_TRM_V01, "set-avoid-trm"),
+    Answers<&NasService::set_lte_cell_lock>::row(QMI_NAS_SET_LTE_CELL_LOCK_V01, "set-lte-cell-lock"),
+}};
+
+NasService::NasService()
+    : Service(
+          "nas",
+          nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS),
+          kMessages),
+      subscriptions_(fresh_subscriptions()) {}
+
+void NasService::client_gone(uint8_t client) {
+  bound_[client] = 0;
+  wants_serving_system_.reset(client);
+}
+
+void NasService::restarted() {
+  subscriptions_ = fresh_subscriptions();
+}
+
+QmiError NasService::register_indications(uint8_t client, const nas::RegisterIndicationsRequest& request,
+                                          nas::PlainResponse&) {
+  if (request.serving_system.valid) wants_serving_system_[client] = request.serving_system.wanted != 0;
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError NasService::set_system_selection(uint8_t client, const nas::SetSystemSelectionPreferenceRequest& request,
+                                          nas::PlainResponse&) {
+  if (!request.nr_disable_mode_valid) return QMI_ERR_NONE_V01;
+  const auto mode = static_cast<NrDisableMode>(request.nr_disable_mode);
+  if (mode > NrDisableMode::kNonStandalone) return QMI_ERR_INVALID_ARG_V01;
+  of(client).radio.set_nr_disable_mode(mode);
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError NasService::get_cell_location(uint8_t client, const nas::EmptyRequest&, nas::CellLocationResponse& response) {
+  const RadioPicture& radio = of(client).radio;
+  const LteSite* const serving = radio.serving();
+  if (serving == nullptr) return QMI_ERR_NONE_V01;  // out of service: nothing to tell
+  response.intra_frequency_valid = 1;
+  put_serving_frequency(radio, *serving, response.intra_frequency);
+  response.inter_frequency_valid = 1;
+  put_other_frequencies(radio, response.inter_frequency);
+  response.timing_advance_valid = 1;
+  response.timing_advance = radio.carrier().timing_advance_us;
+  response.nr_arfcn_valid = radio.has_nr();
+  response.nr_arfcn = radio.carrier().nr_arfcn;
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError NasService::bind_subscription(uint8_t client, const nas::BindSubscriptionRequest& request,
+                                       nas::PlainResponse&) {
+  if (request.subscription >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  bound_[client] = static_cast<uint8_t>(request.subscription);
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError NasService::get_drx(uint8_t client, const nas::EmptyRequest&, nas::GetDrxResponse& response) {
+  response.drx_valid = 1;
+  response.drx = of(client).drx;
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError NasService::set_avoid_trm(uint8_t client, const nas::SetAvoidTrmRequest& request, nas::PlainResponse&) {
+  of(client).avoid_trm = request.value;
+  return QMI_ERR_NONE_V01;
+}
+
+// An entry's value is the physical cell id, its parameter the EARFCN; no entries end the lock.
+QmiError NasService::set_lte_cell_lock(uint8_t client, const nas::SetLteCellLockRequest& request, nas::PlainResponse&) {
+  std::vector<CellOfLock> cells;
+  for (const nas::LteCellLock& lock : std::span(request.locks).first(request.lock_count)) {
+    cells.push_back({lock.value, lock.parameter});
+  }
+  of(client).radio.lock(std::move(cells));
+  return QMI_ERR_NONE_V01;
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,44 @@
+// Files and directories below an open directory, reached without following any symbolic link.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "io/unique_fd.h"
+#include "qmi/service.h"
+
+namespace pelmar::sim {
+
+// The QMI error by which a service tells of a failed file operation.
+QmiError error_of_errno(int error);
+
+// One component, no path. An empty result leaves errno.
+UniqueFd open_directory(int parent, const char* name);
+UniqueFd open_or_create_directory(int parent, const char* name);
+
+// One component, which throws std::runtime_error where it cannot be had.
+UniqueFd require_directory(int parent, const char* name);
+
+// Nothing where the entry is no regular file, cannot be read or has more than `limit` bytes.
+std::optional<std::vector<uint8_t>> read_file(int directory, const char* name, size_t limit);
+
+// Puts the bytes into a file in `scratch`, then moves it to its place at once: a reader of the place sees the old
+// content or the new one, also after a crash. Both directories are on one file system.
+QmiError replace_file(int scratch, int directory, const char* name, std::span<const uint8_t> bytes);
+
+struct Entry {
+  std::string name;
+  bool is_directory;
+};
+
+// Tells the operator of a stored file that is not used.
+void warn_ignored(const std::string& path, const char* why);
+
+// Regular files and directories, sorted by name.
+std::vector<Entry> list_directory(int directory);
+
+}  // namespace pelmar::sim
