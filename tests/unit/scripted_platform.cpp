@@ -1,0 +1,525 @@
+#include "scripted_platform.h"
+
+#include <cutils/properties.h>
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <regex>
+
+#include "qmi_codec.h"
+
+// One handle of the scripted framework.
+struct qmi_client_struct {
+  qmi_idl_service_object_type service = nullptr;
+  qmi_client_ind_cb ind_cb = nullptr;
+  void* ind_data = nullptr;
+  qmi_client_error_cb error_cb = nullptr;
+  void* error_data = nullptr;
+  qmi_client_notify_cb notify_cb = nullptr;
+  void* notify_data = nullptr;
+  bool is_open = true;
+};
+
+namespace scripted {
+
+std::map<std::string, std::string> properties;
+std::vector<PropertyWrite> property_writes;
+std::vector<unsigned> sleeps;
+std::function<void(unsigned)> on_sleep;
+std::function<Answer(const Call&)> on_send;
+std::function<int(const Call&)> on_send_async;
+std::function<int(int)> on_init_instance;
+int notifier_init_result = 0;
+int register_notify_result = 0;
+std::vector<PmCall> pm_calls;
+std::map<std::string, int> pm_results;
+pm_client_event_cb pm_callback = nullptr;
+void* pm_callback_data = nullptr;
+
+namespace {
+
+struct PendingSend {
+  qmi_client_type handle;
+  unsigned msg_id;
+  void* response;
+  unsigned response_length;
+  qmi_client_recv_msg_async_cb callback;
+  void* data;
+};
+
+struct HeldThread {
+  void* (*routine)(void*);
+  void* argument;
+};
+
+// Never destroyed: detached threads of the library may outlive main().
+struct State {
+  std::mutex lock;
+  std::vector<LogLine> log;
+  std::map<std::string, int> reads;
+  std::vector<Call> calls;
+  std::vector<std::unique_ptr<qmi_client_struct>> handles;
+  std::deque<PendingSend> pending;
+  std::deque<HeldThread> held;
+  qmi_client_type last_connection = nullptr;
+  qmi_client_type last_notifier = nullptr;
+  int attempts = 0;
+};
+
+State& state() {
+  static State* const instance = new State;
+  return *instance;
+}
+
+using Guard = std::lock_guard<std::mutex>;
+
+std::atomic<size_t> g_failing_size{SIZE_MAX};
+std::atomic<Threads> g_threads{Threads::kRun};
+
+void record(Call call) {
+  Guard guard(state().lock);
+  state().calls.push_back(std::move(call));
+}
+
+qmi_client_type new_handle(qmi_idl_service_object_type service) {
+  Guard guard(state().lock);
+  state().handles.push_back(std::make_unique<qmi_client_struct>());
+  state().handles.back()->service = service;
+  return state().handles.back().get();
+}
+
+std::vector<uint8_t> bytes_of(const void* data, size_t length) {
+  const auto* const bytes = static_cast<const uint8_t*>(data);
+  return bytes == nullptr ? std::vector<uint8_t>() : std::vector<uint8_t>(bytes, bytes + length);
+}
+
+void fill_response(void* response, size_t length, const std::vector<uint8_t>& bytes) {
+  if (response == nullptr) return;
+  std::memset(response, 0, length);
+  std::memcpy(response, bytes.data(), std::min(length, bytes.size()));
+}
+
+}  // namespace
+
+// --- system log ---
+
+std::vector<LogLine> log_lines() {
+  Guard guard(state().lock);
+  return state().log;
+}
+
+void clear_log() {
+  Guard guard(state().lock);
+  state().log.clear();
+}
+
+std::vector<std::string> log_bodies() {
+  static const std::regex prefix(R"(^(?:SUB\[\d+\]|\[[^\]]*\])\[[^\]:]+:\d+\] )");
+  std::vector<std::string> bodies;
+  for (const LogLine& line : log_lines()) {
+    const std::string level = line.priority == LOG_ERR ? "E" : line.priority == LOG_DEBUG ? "D" : "?";
+    std::smatch match;
+    const bool prefixed = std::regex_search(line.text, match, prefix);
+    bodies.push_back(prefixed ? level + " " + match.suffix().str() : level + "|" + line.text);
+  }
+  return bodies;
+}
+
+bool logged(const std::string& body) {
+  const auto bodies = log_bodies();
+  return std::find(bodies.begin(), bodies.end(), body) != bodies.end();
+}
+
+std::vector<std::string> messages() {
+  std::vector<std::string> bodies = log_bodies();
+  std::erase_if(bodies, [](const std::string& body) {
+    return body.find(": function entry ----") != std::string::npos || body.find(": function exit") != std::string::npos;
+  });
+  return bodies;
+}
+
+// --- properties, allocation, threads ---
+
+int reads_of(const std::string& name) {
+  Guard guard(state().lock);
+  return state().reads[name];
+}
+
+FailAllocationOf::FailAllocationOf(size_t size) {
+  g_failing_size = size;
+}
+FailAllocationOf::~FailAllocationOf() {
+  g_failing_size = SIZE_MAX;
+}
+
+void set_threads(Threads behaviour) {
+  g_threads = behaviour;
+}
+
+size_t held_threads() {
+  Guard guard(state().lock);
+  return state().held.size();
+}
+
+void run_held() {
+  while (true) {
+    HeldThread thread;
+    {
+      Guard guard(state().lock);
+      if (state().held.empty()) return;
+      thread = state().held.front();
+      state().held.pop_front();
+    }
+    // A thread of its own: the library must not count on the caller's.
+    struct Run {
+      static void* start(void* argument) {
+        const auto* const held = static_cast<HeldThread*>(argument);
+        return held->routine(held->argument);
+      }
+    };
+    const Threads behaviour = g_threads.exchange(Threads::kRun);
+    pthread_t id;
+    pthread_create(&id, nullptr, Run::start, &thread);
+    g_threads = behaviour;
+    pthread_join(id, nullptr);
+  }
+}
+
+// --- QMI ---
+
+std::vector<Call> calls() {
+  Guard guard(state().lock);
+  return state().calls;
+}
+
+std::vector<Call> calls(const std::string& name) {
+  std::vector<Call> selected = calls();
+  std::erase_if(selected, [&](const Call& call) { return call.name != name; });
+  return selected;
+}
+
+void clear_calls() {
+  Guard guard(state().lock);
+  state().calls.clear();
+}
+
+std::vector<std::string> call_names() {
+  std::vector<std::string> names;
+  for (const Call& call : calls()) names.push_back(call.name);
+  return names;
+}
+
+std::vector<uint8_t> header(uint32_t result, uint32_t error) {
+  const uint32_t words[] = {result, error};
+  return bytes_of(words, sizeof(words));
+}
+
+qmi_client_type last_connection() {
+  Guard guard(state().lock);
+  return state().last_connection;
+}
+
+qmi_client_type last_notifier() {
+  Guard guard(state().lock);
+  return state().last_notifier;
+}
+
+bool is_open(qmi_client_type handle) {
+  Guard guard(state().lock);
+  return handle->is_open;
+}
+
+size_t open_handles() {
+  Guard guard(state().lock);
+  return static_cast<size_t>(std::count_if(state().handles.begin(), state().handles.end(),
+                                           [](const auto& handle) { return handle->is_open; }));
+}
+
+void indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes) {
+  std::vector<uint8_t> bytes = wire_bytes;
+  handle->ind_cb(handle, msg_id, bytes.data(), static_cast<unsigned>(bytes.size()), handle->ind_data);
+}
+
+void lose_service(qmi_client_type handle, int error) {
+  handle->error_cb(handle, error, handle->error_data);
+}
+
+void announce_service(qmi_client_type notifier, qmi_client_notify_event_type event) {
+  notifier->notify_cb(notifier, notifier->service, event, notifier->notify_data);
+}
+
+void complete_send(const std::vector<uint8_t>& response, int code) {
+  PendingSend send;
+  {
+    Guard guard(state().lock);
+    send = state().pending.front();
+    state().pending.pop_front();
+  }
+  fill_response(send.response, send.response_length, response);
+  send.callback(send.handle, send.msg_id, send.response, send.response_length, send.data, code);
+}
+
+std::vector<uint8_t> encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
+                            const void* structure, size_t length) {
+  std::vector<uint8_t> bytes(16384);
+  size_t size = 0;
+  if (pelmar::platform::encode(service, type, msg_id, structure, length, bytes.data(), bytes.size(), &size) != 0) {
+    std::abort();
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+// --- standard output ---
+
+CaptureOutput::CaptureOutput() : saved_(dup(STDOUT_FILENO)), file_(memfd_create("stdout", 0)) {
+  std::fflush(stdout);
+  dup2(file_, STDOUT_FILENO);
+}
+
+CaptureOutput::~CaptureOutput() {
+  std::fflush(stdout);
+  dup2(saved_, STDOUT_FILENO);
+  close(saved_);
+  close(file_);
+}
+
+std::string CaptureOutput::text() {
+  std::fflush(stdout);
+  std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_END)), '\0');
+  const ssize_t size = pread(file_, text.data(), text.size(), 0);
+  text.resize(size < 0 ? 0 : static_cast<size_t>(size));
+  return text;
+}
+
+}  // namespace scripted
+
+using namespace scripted;
+
+extern "C" {
+
+// --- C library ---
+
+void vsyslog(int priority, const char* format, va_list arguments) {
+  char text[16384];
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  Guard guard(state().lock);
+  state().log.push_back({priority, text});
+}
+
+unsigned sleep(unsigned seconds) {
+  {
+    Guard guard(state().lock);
+    sleeps.push_back(seconds);
+  }
+  if (on_sleep) on_sleep(seconds);
+  return 0;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SCRIPTED_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SCRIPTED_SANITIZED 1
+#endif
+#endif
+
+#ifndef SCRIPTED_SANITIZED
+void* __libc_malloc(size_t size);
+
+void* malloc(size_t size) {
+  return size == g_failing_size.load() ? nullptr : __libc_malloc(size);
+}
+
+bool scripted::FailAllocationOf::is_supported() {
+  return true;
+}
+#else
+bool scripted::FailAllocationOf::is_supported() {
+  return false;
+}
+#endif
+
+// A sanitizer that is linked statically stands in front of the C library here.
+int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) {
+  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+  static const auto create = __interceptor_pthread_create != nullptr
+                                 ? &__interceptor_pthread_create
+                                 : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+  switch (g_threads.load()) {
+    case Threads::kFail:
+      return EAGAIN;
+    case Threads::kHold: {
+      Guard guard(state().lock);
+      state().held.push_back({routine, argument});
+      *thread = pthread_self();
+      return 0;
+    }
+    case Threads::kRun:
+      break;
+  }
+  return create(thread, attributes, routine, argument);
+}
+
+// --- properties ---
+
+int property_get(const char* name, char* value, const char* default_value) {
+  Guard guard(state().lock);
+  ++state().reads[name];
+  const auto found = properties.find(name);
+  const std::string text = found != properties.end() ? found->second : default_value == nullptr ? "" : default_value;
+  std::memcpy(value, text.c_str(), text.size() + 1);
+  return static_cast<int>(text.size());
+}
+
+int property_set(const char* name, const char* value) {
+  Guard guard(state().lock);
+  properties[name] = value;
+  property_writes.push_back({name, value});
+  return 0;
+}
+
+// --- QMI ---
+
+qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service, qmi_service_instance instance,
+                                               qmi_client_ind_cb ind_cb, void* ind_data, qmi_client_os_params*,
+                                               uint32_t timeout, qmi_client_type* handle) {
+  Call call{.name = "init_instance", .msg_id = instance, .timeout = timeout};
+  record(call);
+  int attempt = 0;
+  {
+    Guard guard(state().lock);
+    attempt = state().attempts++;
+  }
+  const int code = service == nullptr ? QMI_CLIENT_PARAM_ERR : on_init_instance ? on_init_instance(attempt) : 0;
+  if (code != 0) return code;
+  *handle = new_handle(service);
+  (*handle)->ind_cb = ind_cb;
+  (*handle)->ind_data = ind_data;
+  Guard guard(state().lock);
+  state().last_connection = *handle;
+  return 0;
+}
+
+qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service, qmi_client_os_params*,
+                                               qmi_client_type* handle) {
+  record({.name = "notifier_init"});
+  if (notifier_init_result != 0) return notifier_init_result;
+  *handle = new_handle(service);
+  Guard guard(state().lock);
+  state().last_notifier = *handle;
+  return 0;
+}
+
+qmi_client_error_type qmi_client_register_error_cb(qmi_client_type handle, qmi_client_error_cb callback, void* data) {
+  record({.name = "register_error_cb", .handle = handle});
+  handle->error_cb = callback;
+  handle->error_data = data;
+  return 0;
+}
+
+qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type handle, qmi_client_notify_cb callback, void* data) {
+  record({.name = "register_notify_cb", .handle = handle});
+  if (register_notify_result != 0) return register_notify_result;
+  handle->notify_cb = callback;
+  handle->notify_data = data;
+  return 0;
+}
+
+qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type handle, unsigned msg_id, void* request,
+                                               unsigned request_length, void* response, unsigned response_length,
+                                               unsigned timeout) {
+  const Call call{.name = "send_msg_sync",
+                  .handle = handle,
+                  .msg_id = msg_id,
+                  .request = bytes_of(request, request_length),
+                  .response_length = response_length,
+                  .timeout = timeout};
+  record(call);
+  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  const Answer answer = on_send ? on_send(call) : Answer{};
+  if (answer.code == 0 || !answer.response.empty()) fill_response(response, response_length, answer.response);
+  return answer.code;
+}
+
+qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned msg_id, void* request,
+                                                unsigned request_length, void* response, unsigned response_length,
+                                                qmi_client_recv_msg_async_cb callback, void* data,
+                                                qmi_txn_handle* transaction) {
+  const Call call{.name = "send_msg_async",
+                  .handle = handle,
+                  .msg_id = msg_id,
+                  .request = bytes_of(request, request_length),
+                  .response_length = response_length};
+  record(call);
+  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  const int code = on_send_async ? on_send_async(call) : 0;
+  Guard guard(state().lock);
+  if (code == 0) state().pending.push_back({handle, msg_id, response, response_length, callback, data});
+  *transaction = nullptr;
+  return code;
+}
+
+qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_type_of_message_type type,
+                                                unsigned msg_id, const void* bytes, unsigned length, void* structure,
+                                                unsigned structure_length) {
+  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  return pelmar::platform::decode(handle->service, type, static_cast<uint16_t>(msg_id),
+                                  static_cast<const uint8_t*>(bytes), length, structure, structure_length);
+}
+
+qmi_client_error_type qmi_client_release(qmi_client_type handle) {
+  record({.name = "release", .handle = handle});
+  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  Guard guard(state().lock);
+  handle->is_open = false;
+  return 0;
+}
+
+// --- peripheral manager ---
+
+int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
+                       enum pm_event* state_out, void** handle) {
+  pm_calls.push_back({.name = "register", .device = device, .client = client});
+  const int result = pm_results["register"];
+  if (result != 0) return result;
+  static char voter;
+  pm_callback = callback;
+  pm_callback_data = data;
+  *state_out = EVENT_PERIPH_IS_OFFLINE;
+  *handle = &voter;
+  return 0;
+}
+
+int pm_client_connect(void* handle) {
+  pm_calls.push_back({.name = "connect", .handle = handle});
+  return pm_results["connect"];
+}
+
+int pm_client_disconnect(void* handle) {
+  pm_calls.push_back({.name = "disconnect", .handle = handle});
+  return pm_results["disconnect"];
+}
+
+int pm_client_unregister(void* handle) {
+  pm_calls.push_back({.name = "unregister", .handle = handle});
+  return pm_results["unregister"];
+}
+
+int pm_client_event_acknowledge(void* handle, enum pm_event event) {
+  pm_calls.push_back({.name = "event_acknowledge", .handle = handle, .event = event});
+  return 0;
+}
+}

@@ -1,0 +1,158 @@
+// A platform under the library that does what a test says and records what it was asked.
+//
+// The test executable defines the platform's operations (qmi_client_*, property_*, pm_client_*, vsyslog, sleep) and
+// exports them, so that libpelmar_modemapi.so finds them at load time. Nothing sleeps. The codec behind message
+// decoding and the service objects are the real ones. Recording is guarded: the library may call from any thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "pm-service.h"
+#include "qmi_client.h"
+
+namespace scripted {
+
+// --- system log ---
+
+struct LogLine {
+  int priority;
+  std::string text;
+};
+
+std::vector<LogLine> log_lines();
+void clear_log();
+
+// Bodies, each behind its level and function, such as "E vs_client_init: body", with process, file and line left out;
+// lines without prefix as "E|text".
+std::vector<std::string> log_bodies();
+// Whether such a line was written.
+bool logged(const std::string& body);
+// Those of the lines that are about no entry or exit of a function.
+std::vector<std::string> messages();
+
+// --- properties ---
+
+extern std::map<std::string, std::string> properties;
+
+struct PropertyWrite {
+  std::string name;
+  std::string value;
+  bool operator==(const PropertyWrite&) const = default;
+};
+extern std::vector<PropertyWrite> property_writes;
+// How often a property was read.
+int reads_of(const std::string& name);
+
+// --- time ---
+
+extern std::vector<unsigned> sleeps;            // seconds, in order
+extern std::function<void(unsigned)> on_sleep;  // runs instead of a sleep; may be empty
+
+// --- allocation and threads ---
+
+// Makes every malloc of exactly `size` bytes fail while it lives. Not under sanitizers, which own malloc.
+class FailAllocationOf {
+ public:
+  explicit FailAllocationOf(size_t size);
+  ~FailAllocationOf();
+  FailAllocationOf(const FailAllocationOf&) = delete;
+  FailAllocationOf& operator=(const FailAllocationOf&) = delete;
+  static bool is_supported();
+};
+
+// What pthread_create does.
+enum class Threads { kRun, kFail, kHold };
+void set_threads(Threads behaviour);
+// With kHold: how many threads were asked for and not run; run_held() runs them one by one, each on a real thread that
+// it waits for, also those that are asked for meanwhile.
+size_t held_threads();
+void run_held();
+
+// --- QMI ---
+
+// One call of the framework that the library made.
+struct Call {
+  std::string name;  // without "qmi_client_"
+  qmi_client_type handle = nullptr;
+  unsigned msg_id = 0;
+  std::vector<uint8_t> request = {};
+  unsigned response_length = 0;
+  unsigned timeout = 0;
+
+  bool operator==(const Call&) const = default;
+};
+
+std::vector<Call> calls();
+std::vector<Call> calls(const std::string& name);
+void clear_calls();
+// The names of all calls in order.
+std::vector<std::string> call_names();
+
+struct Answer {
+  int code = 0;
+  std::vector<uint8_t> response = {};  // the beginning of the response structure; the rest is zero
+};
+
+// A response structure that begins with a header.
+std::vector<uint8_t> header(uint32_t result, uint32_t error);
+
+extern std::function<Answer(const Call&)> on_send;        // answers synchronous sends; empty: success
+extern std::function<int(const Call&)> on_send_async;     // the outcome of an asynchronous send; empty: 0
+extern std::function<int(int attempt)> on_init_instance;  // outcome by attempt, from 0; empty: 0
+extern int notifier_init_result;
+extern int register_notify_result;
+
+// The connection that was opened last (by qmi_client_init_instance or qmi_client_notifier_init).
+qmi_client_type last_connection();
+qmi_client_type last_notifier();
+bool is_open(qmi_client_type handle);
+size_t open_handles();
+
+// The framework calling back, on the caller's thread.
+void indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes);
+void lose_service(qmi_client_type handle, int error = QMI_SERVICE_ERR);
+void announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
+// Ends the oldest asynchronous send with a response structure (its beginning) and a transport code.
+void complete_send(const std::vector<uint8_t>& response, int code = 0);
+
+// Encodes a decoded structure as wire bytes, with the real codec.
+std::vector<uint8_t> encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
+                            const void* structure, size_t length);
+
+// --- peripheral manager ---
+
+struct PmCall {
+  std::string name;  // without "pm_client_"
+  void* handle = nullptr;
+  int event = -1;
+  std::string device = {};
+  std::string client = {};
+
+  bool operator==(const PmCall&) const = default;
+};
+extern std::vector<PmCall> pm_calls;
+extern std::map<std::string, int> pm_results;  // by name; 0 where none is given
+extern pm_client_event_cb pm_callback;
+extern void* pm_callback_data;
+
+// --- standard output ---
+
+// What is written to standard output while it lives.
+class CaptureOutput {
+ public:
+  CaptureOutput();
+  ~CaptureOutput();
+  CaptureOutput(const CaptureOutput&) = delete;
+  CaptureOutput& operator=(const CaptureOutput&) = delete;
+  std::string text();
+
+ private:
+  int saved_;
+  int file_;
+};
+
+}  // namespace scripted
