@@ -1,0 +1,99 @@
+// Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full.
+//
+//   fuzz_seeds DIRECTORY      writes DIRECTORY/<target>/...
+//
+// They are made, not kept, so that they follow the services' descriptions. Inputs worth keeping, above all those that
+// once found something, are in fuzz/corpus/<target>/.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "messages.h"
+
+namespace pelmar::fuzz {
+namespace {
+
+// Sets what a description knows: flags, at most `most` elements everywhere, texts of `most` characters.
+class Fill final : public StructureVisitor {
+ public:
+  explicit Fill(uint32_t most) : most_(most) {}
+
+  void on_valid_flag(uint8_t& flag) override { flag = most_ > 0 ? 1 : 0; }
+  void on_count(uint8_t* count, uint32_t maximum) override {
+    const uint32_t value = std::min(most_, maximum);
+    std::memcpy(count, &value, sizeof value);
+  }
+  void on_text(std::span<uint8_t> text) override {
+    const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(most_, text.size() - 1));
+    std::fill(text.begin(), end, 'a');
+    std::fill(end, text.end(), 0);
+  }
+
+ private:
+  const uint32_t most_;
+};
+
+Bytes make_structure(const CatalogueMessage& message, uint32_t most) {
+  Bytes structure(message.structure_length, most > 0 ? 0x11 : 0);
+  Fill fill(most);
+  walk(message, structure, fill);
+  return structure;
+}
+
+class SeedWriter {
+ public:
+  explicit SeedWriter(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+  void write(const char* target, const std::string& name, const Bytes& head, const Bytes& rest) {
+    const std::filesystem::path folder = directory_ / target;
+    std::filesystem::create_directories(folder);
+    std::ofstream file(folder / name, std::ios::binary);
+    put(file, head);
+    put(file, rest);
+  }
+
+ private:
+  static void put(std::ofstream& file, const Bytes& bytes) {
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+
+  const std::filesystem::path directory_;
+};
+
+constexpr struct {
+  const char* name;
+  uint32_t most;
+} kSizes[] = {{"empty", 0}, {"one", 1}, {"full", UINT32_MAX}};
+
+void write_codec_seeds(SeedWriter& writer) {
+  for (size_t choice = 0; choice < catalogue().size(); ++choice) {
+    const CatalogueMessage& message = catalogue()[choice];
+    for (const auto& size : kSizes) {
+      char name[64];
+      std::snprintf(name, sizeof name, "%02x-%d-%04x-%s", static_cast<unsigned>(message.service->service_id),
+                    static_cast<int>(message.type), static_cast<unsigned>(message.id), size.name);
+      const Bytes structure = make_structure(message, size.most);
+      Bytes wire;
+      require(encode(message, structure, message.max_wire_length, wire) == QMI_IDL_LIB_NO_ERR);
+      const auto number = static_cast<uint8_t>(choice);
+      writer.write("decode", name, {number}, wire);
+      writer.write("encode", name, {number, 0xFF, 0xFF}, structure);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pelmar::fuzz
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: fuzz_seeds DIRECTORY\n");
+    return 2;
+  }
+  pelmar::fuzz::SeedWriter writer(argv[1]);
+  pelmar::fuzz::write_codec_seeds(writer);
+  return 0;
+}
