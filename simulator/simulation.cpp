@@ -17,6 +17,7 @@ Simulation::Simulation(const SimulationOptions& options)
       modem(loop),
       exchange(loop, modem, faults),
       connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
+      stream(loop, modem),
       console(loop, options.control, *this) {
   auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
   nas = add_service<NasService>();

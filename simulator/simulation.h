@@ -12,6 +12,7 @@
 #include "qmi/exchange.h"
 #include "qmi/faults.h"
 #include "qmi/modem.h"
+#include "services/event_stream.h"
 #include "services/nas_service.h"
 #include "services/sar_service.h"
 #include "services/vs_service.h"
@@ -42,6 +43,7 @@ struct Simulation {
   Modem modem;
   Exchange exchange;
   Connections connections;
+  EventStream stream;
   Console console;
 
   // These live in the modem.

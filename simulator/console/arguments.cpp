@@ -1,5 +1,6 @@
 #include "console/arguments.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "io/hex.h"
@@ -48,6 +49,16 @@ std::vector<uint8_t> Arguments::hex(std::string_view what, size_t max_bytes) {
 bool Arguments::accept(std::string_view keyword) {
   if (is_empty() || words_[next_] != keyword) return false;
   ++next_;
+  return true;
+}
+
+bool Arguments::accept_words(std::string_view words) {
+  const Arguments wanted(words);
+  if (words_.size() - next_ < wanted.words_.size()) return false;
+  if (!std::equal(wanted.words_.begin(), wanted.words_.end(), words_.begin() + static_cast<ptrdiff_t>(next_))) {
+    return false;
+  }
+  next_ += wanted.words_.size();
   return true;
 }
 

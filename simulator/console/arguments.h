@@ -31,6 +31,9 @@ class Arguments {
   // Takes the next word if it is that one.
   bool accept(std::string_view keyword);
 
+  // Takes the next words if they are those, which are separated by single spaces.
+  bool accept_words(std::string_view words);
+
   // Nothing may be left.
   void end() const;
 

@@ -7,10 +7,11 @@ namespace pelmar::sim {
 
 namespace {
 
-const Command* find_command(std::string_view name) {
+// The command whose name the line begins with; its words are taken.
+const Command* take_command(Arguments& arguments) {
   for (const CommandGroup& group : command_groups()) {
     for (const Command& command : group.commands) {
-      if (command.name == name) return &command;
+      if (arguments.accept_words(command.name)) return &command;
     }
   }
   return nullptr;
@@ -39,9 +40,8 @@ std::span<const CommandGroup> command_groups() {
 Json run_command(Simulation& simulation, std::string_view line) {
   Arguments arguments(line);
   if (arguments.is_empty()) return refusal("empty command: 'help' lists the commands");
-  const std::string name = arguments.word("command");
-  const Command* const command = find_command(name);
-  if (command == nullptr) return refusal("unknown command '" + name + "': 'help' lists the commands");
+  const Command* const command = take_command(arguments);
+  if (command == nullptr) return refusal("unknown command '" + std::string(line) + "': 'help' lists the commands");
   try {
     Json answer = {{"ok", true}};
     answer.update(command->run(simulation, arguments));

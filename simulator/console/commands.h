@@ -15,7 +15,7 @@ struct Simulation;
 using Json = nlohmann::ordered_json;
 
 struct Command {
-  std::string_view name;
+  std::string_view name;  // one word or several
   std::string_view arguments;
   std::string_view summary;
   // Throws CommandError. The answer's fields; "ok" is added.

@@ -10,6 +10,7 @@ namespace pelmar::sim {
 namespace {
 
 constexpr size_t kMaxTlvBytes = 60'000;
+constexpr uint64_t kMaxStreamIntervalUs = 60'000'000;
 
 struct Recipients {
   bool broadcast = false;
@@ -102,48 +103,55 @@ vs::ReportCIndication take_report_c(Arguments& arguments) {
   return {static_cast<uint8_t>(arguments.number("VALUE", UINT8_MAX))};
 }
 
-template <auto Take>
-Json send_event(Simulation& simulation, Arguments& arguments, uint16_t message) {
+template <uint16_t Message, auto Take>
+Json event(Simulation& simulation, Arguments& arguments) {
   const auto structure = Take(arguments);
   const auto recipients =
-      take_recipients(arguments, [&](uint8_t client) { return simulation.vs->wants(client, message); });
+      take_recipients(arguments, [&](uint8_t client) { return simulation.vs->wants(client, Message); });
   arguments.end();
   std::vector<uint8_t> tlvs(kMaxTlvBytes);
   size_t length = 0;
-  const int32_t result = platform::encode(simulation.vs->object(), QMI_IDL_INDICATION, message, &structure,
+  const int32_t result = platform::encode(simulation.vs->object(), QMI_IDL_INDICATION, Message, &structure,
                                           sizeof structure, tlvs.data(), tlvs.size(), &length);
   if (result != QMI_IDL_LIB_NO_ERR) throw CommandError("the event cannot be encoded");
   tlvs.resize(length);
-  return send(simulation, *simulation.modem.find(simulation.vs->id()), message, tlvs, recipients);
+  return send(simulation, *simulation.modem.find(simulation.vs->id()), Message, tlvs, recipients);
 }
 
-struct Event {
-  uint64_t number;
-  uint16_t message;
-  Json (*send)(Simulation& simulation, Arguments& arguments, uint16_t message);
-};
+// --- streams ---
 
-constexpr Event kEvents[] = {
-    {2, vs::kStatusIndication, send_event<take_status>},
-    {3, vs::kReportAIndication, send_event<take_report_a>},
-    {4, vs::kReportBIndication, send_event<take_report_b>},
-    {5, vs::kReportCIndication, send_event<take_report_c>},
-};
+Json stream(Simulation& simulation, Arguments& arguments) {
+  EventStream::Plan plan{};
+  plan.count = static_cast<uint32_t>(arguments.number("COUNT", UINT32_MAX));
+  if (arguments.accept("every")) {
+    plan.interval = std::chrono::microseconds(arguments.number("MICROSECONDS", kMaxStreamIntervalUs));
+  }
+  if (arguments.accept("to")) plan.client = static_cast<uint8_t>(arguments.number("CLIENT", ClientIds::kHighest));
+  arguments.end();
+  const auto client = simulation.stream.start(plan);
+  if (!client) throw CommandError("no client asked for event 3: let one ask, or name one with 'to CLIENT'");
+  return {{"client", *client}};
+}
 
-Json event(Simulation& simulation, Arguments& arguments) {
-  const uint64_t number = arguments.number("event", 5);
-  const auto row =
-      std::find_if(std::begin(kEvents), std::end(kEvents), [&](const Event& e) { return e.number == number; });
-  if (row == std::end(kEvents)) throw CommandError("the events are 2 to 5");
-  return row->send(simulation, arguments, row->message);
+Json stop_stream(Simulation& simulation, Arguments& arguments) {
+  arguments.end();
+  simulation.stream.stop();
+  return {{"sent", simulation.stream.sent()}};
 }
 
 constexpr Command kCommands[] = {
     {"indication", "SERVICE MESSAGE HEX [to CLIENT|each|broadcast]", "send an indication with these TLVs", indication},
-    {"event",
-     "2 VALUE FLAG1 FLAG2 | 3 VALUE [record SUB:ID:HEX]... [secondary SUB:ID:HEX]... [trailer N] | "
-     "4 VALUE ENTRIES FIRST SECOND | 5 VALUE  [to CLIENT|each|broadcast]",
-     "send a vendor-specific event to those that asked for it", event},
+    {"event 2", "VALUE FLAG1 FLAG2 [to CLIENT|each|broadcast]", "send event 2 to all clients",
+     event<vs::kStatusIndication, take_status>},
+    {"event 3", "VALUE [record SUB:ID:HEX]... [secondary SUB:ID:HEX]... [trailer N] [to CLIENT|each|broadcast]",
+     "send event 3 to those that asked for it", event<vs::kReportAIndication, take_report_a>},
+    {"event 4", "VALUE ENTRIES FIRST SECOND [to CLIENT|each|broadcast]", "send event 4 to those that asked for it",
+     event<vs::kReportBIndication, take_report_b>},
+    {"event 5", "VALUE [to CLIENT|each|broadcast]", "send event 5 to those that asked for it",
+     event<vs::kReportCIndication, take_report_c>},
+    {"stream stop", "", "end the stream", stop_stream},
+    {"stream", "COUNT [every MICROSECONDS] [to CLIENT]",
+     "send COUNT largest events 3, numbered from 0, as fast as they are read", stream},
 };
 
 }  // namespace

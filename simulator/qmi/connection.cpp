@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <utility>
+
 namespace pelmar::sim {
 
 namespace {
@@ -34,6 +36,11 @@ size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
     used += front.size;
   }
   return used;
+}
+
+void Connection::on_drained() {
+  const EventLoop::Task task = std::exchange(when_drained_, nullptr);
+  if (task) task();
 }
 
 void Connection::on_closed(std::string_view reason) {

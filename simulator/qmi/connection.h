@@ -48,9 +48,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
 
   // True while nothing waits for the client to read.
   bool is_drained() const { return stream_.is_drained(); }
+  // Calls once, when that becomes true again.
+  void when_drained(EventLoop::Task task) { when_drained_ = std::move(task); }
 
  private:
   size_t on_bytes(std::span<const uint8_t> bytes) override;
+  void on_drained() override;
   void on_closed(std::string_view reason) override;
 
   Connections& connections_;
@@ -58,6 +61,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   const uint64_t number_;
   Stream stream_;
   const pid_t process_;
+  EventLoop::Task when_drained_;
 };
 
 class Connections final {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "qmi/control_service.h"
+#include "qmi_codec.h"
 
 namespace pelmar::sim {
 
@@ -77,6 +78,21 @@ size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tl
   });
   indications_ += sent;
   return sent;
+}
+
+bool Modem::indicate(Slot& slot, uint8_t client, uint16_t message, const void* structure, size_t size) {
+  Connection* const owner = slot.clients.owner(client);
+  if (owner == nullptr) return false;
+  writer_.start(slot.service->id(), client, qmux::Kind::kIndication, 0, message);
+  const auto room = writer_.room();
+  size_t length = 0;
+  const int32_t result = platform::encode(slot.service->object(), QMI_IDL_INDICATION, message, structure, size,
+                                          room.data(), room.size(), &length);
+  if (result != QMI_IDL_LIB_NO_ERR) return false;
+  writer_.grow(length);
+  owner->send(writer_.finish());
+  ++indications_;
+  return true;
 }
 
 size_t Modem::broadcast(uint8_t service, uint16_t message, std::span<const uint8_t> tlvs) {

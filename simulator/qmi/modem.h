@@ -60,6 +60,8 @@ class Modem {
   // Sends to the clients that `wants` accepts, each by its id; returns how many.
   size_t indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
                   const std::function<bool(uint8_t client)>& wants);
+  // Sends to one client, from the message's structure. False where nobody holds the id or the structure is unfit.
+  bool indicate(Slot& slot, uint8_t client, uint16_t message, const void* structure, size_t size);
   // Sends one indication to all clients of every connection; returns to how many connections.
   size_t broadcast(uint8_t service, uint16_t message, std::span<const uint8_t> tlvs);
 

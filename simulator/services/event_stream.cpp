@@ -1,0 +1,85 @@
+#include "services/event_stream.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "qmi_codec.h"
+#include "services/vs_service.h"
+
+namespace pelmar::sim {
+
+namespace {
+
+constexpr uint32_t kBurst = 4;  // indications until the others have their turn
+
+void fill(vs::DataRecord& record, uint32_t id) {
+  record.id = id;
+  record.data_len = vs::kMaxDataBytes;
+  std::iota(std::begin(record.data), std::end(record.data), static_cast<uint8_t>(id));
+}
+
+void fill(vs::ReportAIndication& report) {
+  report.record_count = vs::kMaxDataRecords;
+  for (uint32_t i = 0; i < vs::kMaxDataRecords; ++i) fill(report.records[i], i);
+  report.secondary_valid = 1;
+  report.secondary_count = vs::kMaxSecondaryDataRecords;
+  for (uint32_t i = 0; i < vs::kMaxSecondaryDataRecords; ++i) fill(report.secondary[i], i);
+  report.trailer_valid = 1;
+}
+
+}  // namespace
+
+std::optional<uint8_t> EventStream::start(const Plan& plan) {
+  Modem::Slot& slot = *modem_.find(static_cast<uint8_t>(vs::kServiceId));
+  const auto& service = static_cast<const VsService&>(*slot.service);
+  std::optional<uint8_t> found;
+  slot.clients.for_each([&](uint8_t client, Connection&) {
+    const bool fits = plan.client ? client == *plan.client : service.wants(client, vs::kReportAIndication);
+    if (fits && !found) found = client;
+  });
+  if (!found) return std::nullopt;
+  plan_ = plan;
+  client_ = *found;
+  next_ = 0;
+  started_ = EventLoop::Clock::now();
+  fill(report_);
+  loop_.after({}, [this, stream = ++stream_] { run(stream); });
+  return found;
+}
+
+void EventStream::stop() {
+  plan_.count = next_;
+  ++stream_;
+}
+
+Connection* EventStream::receiver() {
+  Modem::Slot* const slot = modem_.find_running(static_cast<uint8_t>(vs::kServiceId));
+  return slot == nullptr ? nullptr : slot->clients.owner(client_);
+}
+
+// How many should have been sent by now.
+uint32_t EventStream::due() const {
+  if (plan_.interval.count() == 0) return plan_.count;
+  const auto passed = (EventLoop::Clock::now() - started_) / plan_.interval + 1;
+  return static_cast<uint32_t>(std::min<int64_t>(passed, plan_.count));
+}
+
+void EventStream::run(uint64_t stream) {
+  Connection* const connection = receiver();
+  if (stream != stream_ || connection == nullptr) return;
+  const uint32_t end = std::min(due(), next_ + kBurst);
+  while (next_ < end && connection->is_drained()) send_next();
+  if (next_ == plan_.count) return;
+  const auto again = [this, stream] { run(stream); };
+  if (!connection->is_drained()) return connection->when_drained(again);
+  const auto next_due = started_ + plan_.interval * next_;
+  loop_.after(std::max(next_due - EventLoop::Clock::now(), EventLoop::Clock::duration::zero()), again);
+}
+
+void EventStream::send_next() {
+  report_.value = report_.trailer = next_++;
+  modem_.indicate(*modem_.find(static_cast<uint8_t>(vs::kServiceId)), client_, vs::kReportAIndication, &report_,
+                  sizeof report_);
+}
+
+}  // namespace pelmar::sim
