@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform_export.h"
 #include "qmi_codec.h"
 
 // The common table has one type, the standard response: result and error, 2 bytes each on the wire.
@@ -10,7 +11,7 @@ static constexpr uint8_t kStandardResponse[] = {
 };
 static constexpr qmi_idl_type_table_entry kCommonTypes[] = {{8, kStandardResponse}};
 
-extern "C" [[gnu::visibility("default")]] constexpr qmi_idl_type_table_object common_qmi_idl_type_table_object_v01 = {
+extern "C" PELMAR_PLATFORM_EXPORT constexpr qmi_idl_type_table_object common_qmi_idl_type_table_object_v01 = {
     1, 0, 0, kCommonTypes, nullptr, nullptr, nullptr,
 };
 
@@ -42,9 +43,9 @@ int32_t message_size(qmi_idl_service_object_type service, qmi_idl_type_of_messag
 
 }  // namespace pelmar::platform
 
-extern "C" [[gnu::visibility("default")]] int32_t qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type service,
-                                                                                   qmi_idl_type_of_message_type type,
-                                                                                   uint16_t msg_id, uint32_t* length) {
+extern "C" PELMAR_PLATFORM_EXPORT int32_t qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type service,
+                                                                           qmi_idl_type_of_message_type type,
+                                                                           uint16_t msg_id, uint32_t* length) {
   if (length == nullptr) return QMI_IDL_LIB_PARAMETER_ERR;
   pelmar::platform::MessageSize size;
   const int32_t error = pelmar::platform::message_size(service, type, msg_id, &size);

@@ -1,5 +1,6 @@
 // The NAS service's description: its type and message rows and the object that is computed from them.
 #include "nas_messages.h"
+#include "platform_export.h"
 #include "service_tables.h"
 
 // Each type's row is followed by what members of that type are to the codec.
@@ -145,8 +146,8 @@ constinit const qmi_idl_service_object kService = ServiceTables<kTypes, kMessage
 }  // namespace
 }  // namespace pelmar::platform
 
-extern "C" [[gnu::visibility("default")]] qmi_idl_service_object_type nas_get_service_object_internal_v01(
-    int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
+extern "C" PELMAR_PLATFORM_EXPORT qmi_idl_service_object_type
+nas_get_service_object_internal_v01(int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
   const bool matches = idl_maj_version == NAS_V01_IDL_MAJOR_VERS && idl_min_version == NAS_V01_IDL_MINOR_VERS &&
                        library_version == NAS_V01_IDL_TOOL_VERS;
   return matches ? &pelmar::platform::kService : nullptr;

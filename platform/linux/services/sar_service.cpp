@@ -1,4 +1,5 @@
 // The SAR service's description: its message rows and the object that is computed from them.
+#include "platform_export.h"
 #include "sar_messages.h"
 #include "service_tables.h"
 
@@ -31,8 +32,8 @@ constinit const qmi_idl_service_object kService = ServiceTables<kTypes, kMessage
 }  // namespace
 }  // namespace pelmar::platform
 
-extern "C" [[gnu::visibility("default")]] qmi_idl_service_object_type sar_get_service_object_internal_v01(
-    int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
+extern "C" PELMAR_PLATFORM_EXPORT qmi_idl_service_object_type
+sar_get_service_object_internal_v01(int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
   const bool matches = idl_maj_version == SAR_V01_IDL_MAJOR_VERS && idl_min_version == SAR_V01_IDL_MINOR_VERS &&
                        library_version == SAR_V01_IDL_TOOL_VERS;
   return matches ? &pelmar::platform::kService : nullptr;

@@ -1,0 +1,181 @@
+// The life of a client handle: its thread, its callbacks and its end.
+#include "client.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "qmi_codec.h"
+
+namespace pelmar::platform {
+namespace {
+
+// How long a release waits for the modem to confirm that the client id is free.
+constexpr Deadline::Milliseconds kEndTimeout{500};
+
+int create_poll() {
+  const int poll = ::epoll_create1(EPOLL_CLOEXEC);
+  if (poll < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+  return poll;
+}
+
+void add_to_poll(int poll, int descriptor, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = descriptor;
+  if (::epoll_ctl(poll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+  }
+}
+
+}  // namespace
+
+Client::Client(qmi_idl_service_object_type service, IndicationCallback indication,
+               std::unique_ptr<Connection> connection, qmi_client_type handle)
+    : service_(service),
+      indication_(indication),
+      connection_(std::move(connection)),
+      handle_(handle),
+      poll_(create_poll()) {}
+
+Client::~Client() {
+  ::close(poll_);
+}
+
+void Client::start() {
+  // Held until the thread is stored: the thread asks first thing who it is.
+  const Lock lock(mutex_);
+  add_to_poll(poll_, thread_.descriptor(), EPOLLIN);
+  add_to_poll(poll_, connection_->descriptor(), EPOLLONESHOT);
+  dispatch_arrivals();  // what came together with the client id
+  if (!is_gone_) poll_connection(true);
+  thread_.start([self = shared_from_this()] { self->run(); });
+}
+
+void Client::run() {
+  Lock lock(mutex_);
+  while (!is_stopping_) {
+    if (!events_.empty()) {
+      const Event event = std::move(events_.front());
+      events_.pop_front();
+      lock.unlock();
+      deliver(event);
+      lock.lock();
+    } else if (is_error_due_) {
+      is_error_due_ = false;
+      const auto function = error_function_;
+      void* const data = error_data_;
+      lock.unlock();
+      function(handle_, QMI_SERVICE_ERR, data);
+      lock.lock();
+    } else {
+      wait_for_work(lock);
+    }
+  }
+  if (thread_.is_started()) return;  // the releasing thread waits for this one and ends the connection
+  lock.unlock();
+  end_connection(Deadline::after(kEndTimeout));
+}
+
+void Client::wait_for_work(Lock& lock) {
+  is_idle_ = true;
+  lock.unlock();
+  std::array<epoll_event, 2> ready{};
+  const int count = ::epoll_wait(poll_, ready.data(), static_cast<int>(ready.size()), -1);
+  lock.lock();
+  is_idle_ = false;
+  for (int i = 0; i < count; ++i) {
+    if (ready[static_cast<size_t>(i)].data.fd == thread_.descriptor()) {
+      thread_.acknowledge();
+      continue;
+    }
+    is_polled_ = false;  // it reports once
+    if (reader_ != nullptr || is_stopping_ || is_gone_) continue;
+    const ReadStatus status = connection_->read(Deadline::now());
+    dispatch_arrivals();
+    if (status == ReadStatus::kGone) service_gone();
+    if (!is_gone_) poll_connection(true);
+  }
+}
+
+void Client::deliver(const Event& event) const {
+  if (const auto* const indication = std::get_if<Indication>(&event)) {
+    if (indication_.function == nullptr) return;
+    // The interface takes the bytes as writable; they are this event's own copy.
+    indication_.function(handle_, indication->id, const_cast<uint8_t*>(indication->tlvs.data()),
+                         static_cast<unsigned>(indication->tlvs.size()), indication_.data);
+    return;
+  }
+  const auto& transaction = std::get<Transaction>(event);
+  transaction.callback.function(handle_, transaction.request.id, transaction.request.response,
+                                static_cast<unsigned>(transaction.request.response_length), transaction.callback.data,
+                                transaction.answer);
+}
+
+int32_t Client::register_error_callback(qmi_client_error_cb function, void* data) {
+  {
+    const Lock lock(mutex_);
+    error_function_ = function;
+    error_data_ = data;
+    if (!is_gone_) return QMI_NO_ERR;
+    is_error_due_ = false;
+  }
+  if (function != nullptr) caller_callbacks_.run([&] { function(handle_, QMI_SERVICE_ERR, data); });
+  return QMI_SERVICE_ERR;
+}
+
+int32_t Client::decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length,
+                       void* structure, size_t structure_length) const {
+  return platform::decode(service_, type, id, static_cast<const uint8_t*>(bytes), length, structure, structure_length);
+}
+
+void Client::release() {
+  {
+    const Lock lock(mutex_);
+    is_stopping_ = true;
+    transactions_.clear();
+    events_.clear();
+    while (!waiters_.empty()) finish(*waiters_.back(), QMI_CLIENT_INVALID_CLNT);
+    send_ended_.notify_all();
+    thread_.wake();
+  }
+  if (thread_.is_current()) {
+    thread_.finish();  // run() ends the connection
+    return;
+  }
+  thread_.finish();
+  caller_callbacks_.wait_for_others();
+  end_connection(Deadline::after(kEndTimeout));
+}
+
+void Client::surrender(const Deadline& deadline) {
+  {
+    const Lock lock(mutex_);
+    is_stopping_ = true;
+    thread_.wake();
+  }
+  end_connection(deadline);
+}
+
+// No send can begin any more, but one may be under way.
+void Client::end_connection(const Deadline& deadline) {
+  Lock lock(mutex_);
+  if (std::exchange(is_ended_, true) || is_gone_) return;
+  const bool can_send = send_ended_.wait_until(lock, deadline.at(), [this] { return !is_sending_; });
+  is_sending_ = true;
+  const bool can_read = reader_ == nullptr && waiters_.empty();
+  lock.unlock();
+  if (!can_send) {
+    connection_->shut_down();
+  } else if (can_read) {
+    connection_->close(deadline);
+  } else {
+    connection_->abandon();
+  }
+}
+
+}  // namespace pelmar::platform

@@ -1,0 +1,150 @@
+// A client handle: one connection to a service, its transactions and its callbacks.
+//
+// Who reads the connection: at rest the handle's own thread, which also runs every callback. A synchronous sender takes
+// the reading over while it waits, so that its answer costs no wake-up of a second thread: the thread's poll of the
+// connection is disarmed for that time. The reader hands out all that it reads: answers to the senders that wait for
+// them, indications and asynchronous answers to the thread's queue. When its own answer is in it passes the reading
+// on to another waiting sender, or back to the thread.
+//
+// One mutex guards all state. It is not held while a read waits, while bytes are sent, or during a callback.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <variant>
+#include <vector>
+
+#include "framework_thread.h"
+#include "qmi_client.h"
+#include "transport.h"
+
+namespace pelmar::platform {
+
+class Client : public std::enable_shared_from_this<Client> {
+ public:
+  struct IndicationCallback {
+    qmi_client_ind_cb function;
+    void* data;
+  };
+
+  struct Request {
+    uint16_t id;
+    const void* structure;
+    size_t structure_length;
+    void* response;
+    size_t response_length;
+  };
+
+  struct ResponseCallback {
+    qmi_client_recv_msg_async_cb function;
+    void* data;
+  };
+
+  Client(qmi_idl_service_object_type service, IndicationCallback indication, std::unique_ptr<Connection> connection,
+         qmi_client_type handle);
+  ~Client();
+
+  // The answers of these are transport or codec codes.
+  void start();
+  int32_t send_sync(const Request& request, const Deadline& deadline);
+  int32_t send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction);
+  int32_t register_error_callback(qmi_client_error_cb function, void* data);
+  int32_t decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length, void* structure,
+                 size_t structure_length) const;
+
+  // Ends the handle. Senders that still wait end with QMI_CLIENT_INVALID_CLNT.
+  void release();
+
+  // Gives the client id back at the process's end, whatever the handle's threads are doing.
+  void surrender(const Deadline& deadline);
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+
+  // A synchronous sender, on its stack.
+  struct Waiter {
+    explicit Waiter(const Request& sent) : request(sent) {}
+
+    const Request& request;
+    uint16_t transaction = 0;
+    bool is_done = false;
+    bool is_asleep = false;  // waits for `changed`
+    int32_t answer = QMI_NO_ERR;
+    std::condition_variable changed;  // done, or made the reader
+  };
+
+  struct Transaction {
+    uint16_t number;
+    Request request;
+    ResponseCallback callback;
+    int32_t answer;
+  };
+
+  struct Indication {
+    uint16_t id;
+    std::vector<uint8_t> tlvs;
+  };
+
+  using Event = std::variant<Indication, Transaction>;
+
+  // client_send.cpp
+  int32_t check_response_length(const Request& request) const;
+  int32_t begin_send(Lock& lock, const Deadline& deadline);
+  int32_t transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline);
+  void end_send();
+  int32_t wait_for_answer(Lock& lock, Waiter& waiter, const Deadline& deadline);
+  uint16_t new_transaction();
+  bool is_pending(uint16_t transaction) const;
+
+  // client_receive.cpp
+  void dispatch_arrivals();
+  void dispatch_response(const Message& message);
+  int32_t decode_response(const Request& request, const Message& message) const;
+  void finish(Waiter& waiter, int32_t answer);
+  void service_gone();
+  void take_reading(Waiter& waiter);
+  void pass_reading();
+  void poll_connection(bool armed);
+  void push(Event event);
+  void wake_thread();
+
+  // client.cpp
+  void run();
+  void wait_for_work(Lock& lock);
+  void deliver(const Event& event) const;
+  void end_connection(const Deadline& deadline);
+
+  const qmi_idl_service_object_type service_;
+  const IndicationCallback indication_;
+  const std::unique_ptr<Connection> connection_;
+  const qmi_client_type handle_;
+  const int poll_;  // an epoll descriptor: the connection and the thread's wake-up
+
+  std::mutex mutex_;
+  bool is_gone_ = false;      // the service went away
+  bool is_stopping_ = false;  // the handle is released
+  bool is_ended_ = false;     // the connection was ended towards the modem
+
+  bool is_sending_ = false;  // somebody owns the connection's sending side
+  std::condition_variable send_ended_;
+
+  Waiter* reader_ = nullptr;  // null: the thread
+  bool is_polled_ = false;    // the thread's poll of the connection is armed
+  bool is_idle_ = false;      // the thread waits for something to do
+
+  uint16_t last_transaction_ = 0;
+  std::vector<Waiter*> waiters_;           // not done yet
+  std::vector<Transaction> transactions_;  // asynchronous ones under way
+  std::deque<Event> events_;               // for the thread, in the order of arrival
+
+  qmi_client_error_cb error_function_ = nullptr;
+  void* error_data_ = nullptr;
+  bool is_error_due_ = false;  // the thread has to call the error callback
+
+  CallerCallbacks caller_callbacks_;
+  FrameworkThread thread_;
+};
+
+}  // namespace pelmar::platform

@@ -1,0 +1,112 @@
+// What arrives on a client handle's connection: to whom it goes, and who reads it. Everything here needs the mutex.
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "client.h"
+#include "qmi_codec.h"
+
+namespace pelmar::platform {
+
+void Client::dispatch_arrivals() {
+  Message message;
+  for (;;) {
+    switch (connection_->next(message)) {
+      case Arrival::kNone:
+        return;
+      case Arrival::kServiceGone:
+        service_gone();
+        return;
+      case Arrival::kMessage:
+        break;
+    }
+    if (message.kind == MessageKind::kResponse) {
+      dispatch_response(message);
+    } else {
+      push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});
+    }
+  }
+}
+
+// A response that nobody waits for came too late, and is dropped.
+void Client::dispatch_response(const Message& message) {
+  for (Waiter* const waiter : waiters_) {
+    if (waiter->transaction != message.transaction || waiter->request.id != message.id) continue;
+    finish(*waiter, decode_response(waiter->request, message));
+    return;
+  }
+  for (auto entry = transactions_.begin(); entry != transactions_.end(); ++entry) {
+    if (entry->number != message.transaction || entry->request.id != message.id) continue;
+    entry->answer = decode_response(entry->request, message);
+    Transaction done = *entry;
+    transactions_.erase(entry);
+    push(done);
+    return;
+  }
+}
+
+int32_t Client::decode_response(const Request& request, const Message& message) const {
+  if (!message.length_agrees) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
+  return decode(QMI_IDL_RESPONSE, request.id, message.tlvs, message.length, request.response, request.response_length);
+}
+
+void Client::finish(Waiter& waiter, int32_t answer) {
+  waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &waiter));
+  waiter.answer = answer;
+  waiter.is_done = true;
+  waiter.changed.notify_one();
+}
+
+void Client::service_gone() {
+  if (std::exchange(is_gone_, true)) return;
+  connection_->shut_down();  // ends a send that waits, too
+  while (!waiters_.empty()) finish(*waiters_.back(), QMI_SERVICE_ERR);
+  for (Transaction& transaction : std::exchange(transactions_, {})) {
+    transaction.answer = QMI_SERVICE_ERR;
+    push(transaction);
+  }
+  is_error_due_ = error_function_ != nullptr;
+  send_ended_.notify_all();
+  wake_thread();
+}
+
+void Client::take_reading(Waiter& waiter) {
+  reader_ = &waiter;
+  poll_connection(false);
+}
+
+void Client::pass_reading() {
+  reader_ = nullptr;
+  if (is_gone_ || is_stopping_) return;
+  const auto next =
+      std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->is_asleep; });
+  if (next == waiters_.end()) return poll_connection(true);
+  reader_ = *next;
+  reader_->changed.notify_one();
+}
+
+// Arms or disarms the thread's poll. It reports once: also a connection that hung up, which cannot be disarmed
+// otherwise, keeps no thread busy.
+void Client::poll_connection(bool armed) {
+  if (is_polled_ == armed) return;
+  is_polled_ = armed;
+  epoll_event event{};
+  event.events = armed ? EPOLLIN | EPOLLONESHOT : EPOLLONESHOT;
+  event.data.fd = connection_->descriptor();
+  ::epoll_ctl(poll_, EPOLL_CTL_MOD, connection_->descriptor(), &event);
+}
+
+void Client::push(Event event) {
+  if (is_stopping_) return;
+  events_.push_back(std::move(event));
+  wake_thread();
+}
+
+void Client::wake_thread() {
+  if (!is_idle_) return;
+  is_idle_ = false;  // once is enough
+  thread_.wake();
+}
+
+}  // namespace pelmar::platform

@@ -1,0 +1,147 @@
+// Sends of a client handle, and how a synchronous sender waits.
+#include <algorithm>
+#include <memory>
+
+#include "client.h"
+#include "qmi_codec.h"
+
+namespace pelmar::platform {
+namespace {
+
+// An asynchronous send has no time-out of its own; a connection that takes nothing for this long is busy.
+constexpr Deadline::Milliseconds kAsyncSendTimeout{5000};
+
+}  // namespace
+
+int32_t Client::send_sync(const Request& request, const Deadline& deadline) {
+  int32_t error = check_response_length(request);
+  if (error != QMI_NO_ERR) return error;
+
+  Waiter waiter(request);
+  Lock lock(mutex_);
+  error = begin_send(lock, deadline);
+  if (error != QMI_NO_ERR) return error;
+  waiter.transaction = new_transaction();
+  waiters_.push_back(&waiter);
+  if (reader_ == nullptr) take_reading(waiter);
+  error = transmit(lock, request, waiter.transaction, deadline);
+  if (error != QMI_NO_ERR && !waiter.is_done) finish(waiter, error);
+  return wait_for_answer(lock, waiter, deadline);
+}
+
+int32_t Client::send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction) {
+  int32_t error = check_response_length(request);
+  if (error != QMI_NO_ERR) return error;
+
+  const Deadline deadline = Deadline::after(kAsyncSendTimeout);
+  Lock lock(mutex_);
+  error = begin_send(lock, deadline);
+  if (error != QMI_NO_ERR) return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
+  const uint16_t number = new_transaction();
+  transactions_.push_back({number, request, callback, QMI_NO_ERR});
+  if (transaction != nullptr) *transaction = reinterpret_cast<qmi_txn_handle>(uintptr_t{number});
+  error = transmit(lock, request, number, deadline);
+  if (error == QMI_NO_ERR) return QMI_NO_ERR;
+
+  const auto own = std::find_if(transactions_.begin(), transactions_.end(),
+                                [number](const Transaction& entry) { return entry.number == number; });
+  if (own == transactions_.end()) return QMI_NO_ERR;  // its end is told by the callback already
+  transactions_.erase(own);
+  return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
+}
+
+int32_t Client::check_response_length(const Request& request) const {
+  MessageSize size;
+  const int32_t error = message_size(service_, QMI_IDL_RESPONSE, request.id, &size);
+  if (error != QMI_IDL_LIB_NO_ERR) return error;
+  if (request.response == nullptr) return QMI_CLIENT_PARAM_ERR;
+  return request.response_length < size.structure_length ? QMI_IDL_LIB_BUFFER_TOO_SMALL : QMI_IDL_LIB_NO_ERR;
+}
+
+// On success the caller owns the sending side until end_send().
+int32_t Client::begin_send(Lock& lock, const Deadline& deadline) {
+  const auto is_free = [this] { return !is_sending_ || is_gone_ || is_stopping_; };
+  if (deadline.is_none()) {
+    send_ended_.wait(lock, is_free);
+  } else if (!is_free() && !send_ended_.wait_until(lock, deadline.at(), is_free)) {
+    return QMI_TIMEOUT_ERR;
+  }
+  if (is_stopping_) return QMI_CLIENT_INVALID_CLNT;
+  if (is_gone_) return QMI_SERVICE_ERR;
+  is_sending_ = true;
+  return QMI_NO_ERR;
+}
+
+void Client::end_send() {
+  is_sending_ = false;
+  send_ended_.notify_all();
+}
+
+// Encodes and sends; ends the send in any case.
+int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline) {
+  lock.unlock();
+  SendStatus status = connection_->has_unsent() ? connection_->flush(deadline) : SendStatus::kSent;
+  int32_t error = QMI_NO_ERR;
+  if (status == SendStatus::kSent) {
+    uint8_t* const buffer = connection_->message_buffer();
+    size_t length = 0;
+    error = encode(service_, QMI_IDL_REQUEST, request.id, request.structure, request.structure_length,
+                   buffer + kMessageHeaderLength, connection_->message_capacity() - kMessageHeaderLength, &length);
+    if (error == QMI_NO_ERR) {
+      store_message_header(buffer, MessageKind::kRequest, transaction, request.id, length);
+      status = connection_->send(kMessageHeaderLength + length);
+    }
+  }
+  lock.lock();
+  if (status == SendStatus::kBlocked) {
+    // The modem may have to be read before it takes more, so the reading is not kept meanwhile.
+    if (reader_ != nullptr && reader_->transaction == transaction) pass_reading();
+    lock.unlock();
+    status = connection_->flush(deadline);
+    lock.lock();
+  }
+  if (status == SendStatus::kGone) service_gone();
+  end_send();
+  if (status == SendStatus::kGone) return QMI_SERVICE_ERR;
+  return status == SendStatus::kTimedOut ? QMI_TIMEOUT_ERR : error;
+}
+
+int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter, const Deadline& deadline) {
+  while (!waiter.is_done) {
+    if (reader_ == nullptr) take_reading(waiter);
+    if (reader_ == &waiter) {
+      lock.unlock();
+      const ReadStatus status = connection_->read(deadline);
+      lock.lock();
+      dispatch_arrivals();
+      if (status == ReadStatus::kGone) service_gone();
+    } else {
+      waiter.is_asleep = true;
+      if (deadline.is_none()) {
+        waiter.changed.wait(lock);
+      } else {
+        waiter.changed.wait_until(lock, deadline.at());
+      }
+      waiter.is_asleep = false;
+    }
+    if (!waiter.is_done && deadline.has_passed()) finish(waiter, QMI_TIMEOUT_ERR);
+  }
+  if (reader_ == &waiter) pass_reading();
+  return waiter.answer;
+}
+
+uint16_t Client::new_transaction() {
+  do {
+    ++last_transaction_;
+  } while (last_transaction_ == 0 || is_pending(last_transaction_));
+  return last_transaction_;
+}
+
+bool Client::is_pending(uint16_t transaction) const {
+  return std::any_of(waiters_.begin(), waiters_.end(),
+                     [transaction](const Waiter* waiter) { return waiter->transaction == transaction; }) ||
+         std::any_of(transactions_.begin(), transactions_.end(),
+                     [transaction](const Transaction& entry) { return entry.number == transaction; });
+}
+
+}  // namespace pelmar::platform

@@ -1,0 +1,40 @@
+// A point in time by which something must have happened, or none.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+namespace pelmar::platform {
+
+class Deadline {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Milliseconds = std::chrono::milliseconds;
+
+  static Deadline none() { return Deadline(); }
+  static Deadline after(Milliseconds total) { return Deadline(total); }
+  static Deadline now() { return Deadline(Milliseconds(0)); }
+
+  bool is_none() const { return is_none_; }
+  bool has_passed() const { return !is_none_ && Clock::now() >= at_; }
+  Clock::time_point at() const { return at_; }
+
+  // The whole time that the deadline began with; 0 where there is none.
+  Milliseconds total() const { return total_; }
+
+  // Rounded up, so that a wait of this length does not end early; 0 where there is none.
+  Milliseconds remaining() const {
+    if (is_none_) return Milliseconds(0);
+    return std::max(Milliseconds(0), std::chrono::ceil<Milliseconds>(at_ - Clock::now()));
+  }
+
+ private:
+  Deadline() : is_none_(true), total_(0) {}
+  explicit Deadline(Milliseconds total) : is_none_(false), total_(total), at_(Clock::now() + total) {}
+
+  bool is_none_;
+  Milliseconds total_;
+  Clock::time_point at_;
+};
+
+}  // namespace pelmar::platform

@@ -1,0 +1,55 @@
+// What client and notifier handles share: a thread that runs their callbacks, and the rule of their release.
+//
+// A release returns when no callback of the handle runs any more, except where it is called from one of them.
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace pelmar::platform {
+
+// A thread that serves one handle, with a descriptor to wake it by. All signals are left to the program's own threads.
+class FrameworkThread {
+ public:
+  FrameworkThread();
+  ~FrameworkThread();
+  FrameworkThread(const FrameworkThread&) = delete;
+  FrameworkThread& operator=(const FrameworkThread&) = delete;
+
+  // `body` keeps alive whatever it needs; it ends by itself once it was told to.
+  void start(std::function<void()> body);
+
+  bool is_started() const { return thread_.joinable(); }
+  bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }
+
+  // Readable after wake() until acknowledge().
+  int descriptor() const { return wake_; }
+  void wake();
+  void acknowledge();
+
+  // Waits for the thread's end. On the thread itself, leaves it to end alone.
+  void finish();
+
+ private:
+  int wake_;
+  std::thread thread_;
+};
+
+// Callbacks that run on a caller's thread, during a registration.
+class CallerCallbacks {
+ public:
+  void run(const std::function<void()>& callback);
+
+  // Waits until none runs on another thread than this.
+  void wait_for_others();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::vector<std::thread::id> running_;
+};
+
+}  // namespace pelmar::platform

@@ -1,0 +1,59 @@
+// The live handles of one kind. A handle is a number in the form of a pointer, never used twice in a process, so a
+// stale or made-up handle is told from a live one.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "qmi_client.h"
+
+namespace pelmar::platform {
+
+inline qmi_client_type new_handle() {
+  static std::atomic<uintptr_t> last{0};
+  constexpr uintptr_t kStep = 16;  // looks like an address to whoever checks alignment
+  return reinterpret_cast<qmi_client_type>(last.fetch_add(kStep, std::memory_order_relaxed) + kStep);
+}
+
+template <typename T>
+class HandleTable {
+ public:
+  void add(qmi_client_type handle, std::shared_ptr<T> object) {
+    const std::lock_guard lock(mutex_);
+    objects_.emplace(handle, std::move(object));
+  }
+
+  // Null for a handle that is none.
+  std::shared_ptr<T> find(qmi_client_type handle) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = objects_.find(handle);
+    return found == objects_.end() ? nullptr : found->second;
+  }
+
+  // Of several callers with one handle a single one gets the object.
+  std::shared_ptr<T> remove(qmi_client_type handle) {
+    const std::lock_guard lock(mutex_);
+    const auto found = objects_.find(handle);
+    if (found == objects_.end()) return nullptr;
+    std::shared_ptr<T> object = std::move(found->second);
+    objects_.erase(found);
+    return object;
+  }
+
+  std::vector<std::shared_ptr<T>> all() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::shared_ptr<T>> list;
+    for (const auto& entry : objects_) list.push_back(entry.second);
+    return list;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::unordered_map<qmi_client_type, std::shared_ptr<T>> objects_;
+};
+
+}  // namespace pelmar::platform

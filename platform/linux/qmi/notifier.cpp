@@ -1,0 +1,84 @@
+#include "notifier.h"
+
+#include <poll.h>
+
+#include <iterator>
+#include <utility>
+
+namespace pelmar::platform {
+namespace {
+
+// How long a service may have come or gone before it is noticed, where nothing tells of it.
+constexpr int kAbsentIntervalMs = 200;
+constexpr int kPresentIntervalMs = 1000;
+
+}  // namespace
+
+Notifier::Notifier(qmi_idl_service_object_type service, std::unique_ptr<ServiceWatch> watch, qmi_client_type handle)
+    : service_(service), watch_(std::move(watch)), handle_(handle) {}
+
+int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
+  if (function == nullptr) return QMI_CLIENT_PARAM_ERR;
+  Lock lock(mutex_);
+  function_ = function;
+  data_ = data;
+  const bool is_first = !std::exchange(is_registered_, true);
+  if (is_first) {
+    lock.unlock();
+    const bool is_there = watch_->look().is_there;
+    lock.lock();
+    is_there_ = is_there;
+  }
+  if (is_there_ && !is_stopping_) {
+    lock.unlock();
+    caller_callbacks_.run([&] { function(handle_, service_, QMI_CLIENT_SERVICE_COUNT_INC, data); });
+    lock.lock();
+  }
+  // The callback may have led to the handle's release.
+  if (is_first && !is_stopping_) thread_.start([self = shared_from_this()] { self->run(); });
+  return QMI_NO_ERR;
+}
+
+void Notifier::run() {
+  Lock lock(mutex_);
+  while (!is_stopping_) {
+    const bool was_there = is_there_;
+    lock.unlock();
+    wait_for_news(was_there);
+    lock.lock();
+    if (is_stopping_) return;
+    lock.unlock();
+    const Presence presence = watch_->look();
+    lock.lock();
+    if (presence.went_meanwhile && is_there_) tell(lock, false);
+    if (presence.is_there != is_there_) tell(lock, presence.is_there);
+  }
+}
+
+void Notifier::tell(Lock& lock, bool is_there) {
+  if (is_stopping_) return;
+  is_there_ = is_there;
+  const auto function = function_;
+  void* const data = data_;
+  lock.unlock();
+  function(handle_, service_, is_there ? QMI_CLIENT_SERVICE_COUNT_INC : QMI_CLIENT_SERVICE_COUNT_DEC, data);
+  lock.lock();
+}
+
+void Notifier::wait_for_news(bool is_there) const {
+  pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
+  ::poll(wait_for, std::size(wait_for), is_there ? kPresentIntervalMs : kAbsentIntervalMs);
+}
+
+void Notifier::release() {
+  {
+    const Lock lock(mutex_);
+    is_stopping_ = true;
+    thread_.wake();
+  }
+  const bool is_own_callback = thread_.is_current();
+  thread_.finish();
+  if (!is_own_callback) caller_callbacks_.wait_for_others();
+}
+
+}  // namespace pelmar::platform

@@ -1,0 +1,192 @@
+// The framework's functions as the phone declares them: handles are looked up, arguments checked, the rest is the
+// client's or the notifier's.
+#include "qmi_client.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "client.h"
+#include "handle_table.h"
+#include "notifier.h"
+#include "platform_export.h"
+#include "qmi_idl_lib_internal.h"
+#include "transport.h"
+
+namespace pelmar::platform {
+namespace {
+
+// An absent service is looked for again after these times, ever more slowly.
+constexpr Deadline::Milliseconds kFirstRetry{1};
+constexpr Deadline::Milliseconds kSlowestRetry{100};
+
+// All connections together may hold up a process's end for this long.
+constexpr Deadline::Milliseconds kExitTimeout{300};
+
+// Never destroyed: framework threads may run until the process is gone.
+HandleTable<Client>& clients() {
+  static auto* const table = new HandleTable<Client>;
+  return *table;
+}
+
+HandleTable<Notifier>& notifiers() {
+  static auto* const table = new HandleTable<Notifier>;
+  return *table;
+}
+
+// A modem has few client ids: a process that ends without having released its handles gives them back all the same.
+void surrender_at_exit() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    clients();
+    std::atexit([] {
+      const Deadline deadline = Deadline::after(kExitTimeout);
+      for (const auto& client : clients().all()) client->surrender(deadline);
+    });
+  });
+}
+
+int32_t open_connection(qmi_idl_service_object_type service, const Deadline& deadline,
+                        std::unique_ptr<Connection>& connection) {
+  const size_t message_capacity = kMessageHeaderLength + service->max_msg_len;
+  for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
+    const int32_t error = default_transport().open(service->service_id, message_capacity, connection);
+    if (error != QMI_TIMEOUT_ERR || deadline.has_passed()) return error;
+    std::this_thread::sleep_for(std::min(pause, deadline.remaining()));
+  }
+}
+
+Deadline send_deadline(unsigned timeout_ms) {
+  return timeout_ms == 0 ? Deadline::none() : Deadline::after(Deadline::Milliseconds(timeout_ms));
+}
+
+// Nothing is thrown at the callers, who may know no exceptions.
+template <typename Operation>
+qmi_client_error_type guarded(Operation operation) {
+  try {
+    return operation();
+  } catch (const std::exception&) {
+    return QMI_INTERNAL_ERR;
+  }
+}
+
+}  // namespace
+}  // namespace pelmar::platform
+
+using namespace pelmar::platform;
+
+extern "C" {
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
+                                                                      qmi_service_instance /*instance_id*/,
+                                                                      qmi_client_ind_cb ind_cb, void* ind_cb_data,
+                                                                      qmi_client_os_params* /*os_params*/,
+                                                                      uint32_t timeout, qmi_client_type* user_handle) {
+  if (user_handle == nullptr) return QMI_CLIENT_PARAM_ERR;
+  *user_handle = nullptr;
+  if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
+  return guarded([&]() -> qmi_client_error_type {
+    surrender_at_exit();
+    std::unique_ptr<Connection> connection;
+    const int32_t error = open_connection(service_obj, Deadline::after(Deadline::Milliseconds(timeout)), connection);
+    if (error != QMI_NO_ERR) return error;
+
+    const qmi_client_type handle = new_handle();
+    const auto client = std::make_shared<Client>(service_obj, Client::IndicationCallback{ind_cb, ind_cb_data},
+                                                 std::move(connection), handle);
+    clients().add(handle, client);
+    *user_handle = handle;  // before a callback can bring it up
+    try {
+      client->start();
+    } catch (...) {
+      *user_handle = nullptr;
+      clients().remove(handle);
+      client->release();
+      throw;
+    }
+    return QMI_NO_ERR;
+  });
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service_obj,
+                                                                      qmi_client_os_params* /*os_params*/,
+                                                                      qmi_client_type* user_handle) {
+  if (user_handle == nullptr) return QMI_CLIENT_PARAM_ERR;
+  *user_handle = nullptr;
+  if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
+  return guarded([&]() -> qmi_client_error_type {
+    const qmi_client_type handle = new_handle();
+    notifiers().add(
+        handle, std::make_shared<Notifier>(service_obj, default_transport().watch(service_obj->service_id), handle));
+    *user_handle = handle;
+    return QMI_NO_ERR;
+  });
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_register_error_cb(qmi_client_type user_handle,
+                                                                          qmi_client_error_cb err_cb,
+                                                                          void* err_cb_data) {
+  const auto client = clients().find(user_handle);
+  return client != nullptr ? client->register_error_callback(err_cb, err_cb_data) : QMI_CLIENT_INVALID_CLNT;
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
+                                                                           qmi_client_notify_cb notify_cb,
+                                                                           void* notify_cb_data) {
+  const auto notifier = notifiers().find(user_handle);
+  if (notifier == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  return guarded([&] { return notifier->register_callback(notify_cb, notify_cb_data); });
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id,
+                                                                      void* req_c_struct, unsigned int req_c_struct_len,
+                                                                      void* resp_c_struct,
+                                                                      unsigned int resp_c_struct_len,
+                                                                      unsigned int timeout_msecs) {
+  const auto client = clients().find(user_handle);
+  if (client == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (msg_id > UINT16_MAX) return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+  const Client::Request request = {static_cast<uint16_t>(msg_id), req_c_struct, req_c_struct_len, resp_c_struct,
+                                   resp_c_struct_len};
+  return client->send_sync(request, send_deadline(timeout_msecs));
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type
+qmi_client_send_msg_async(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
+                          unsigned int req_c_struct_len, void* resp_c_struct, unsigned int resp_c_struct_len,
+                          qmi_client_recv_msg_async_cb resp_cb, void* resp_cb_data, qmi_txn_handle* txn_handle) {
+  const auto client = clients().find(user_handle);
+  if (client == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (resp_cb == nullptr) return QMI_CLIENT_PARAM_ERR;
+  if (msg_id > UINT16_MAX) return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+  const Client::Request request = {static_cast<uint16_t>(msg_id), req_c_struct, req_c_struct_len, resp_c_struct,
+                                   resp_c_struct_len};
+  return client->send_async(request, {resp_cb, resp_cb_data}, txn_handle);
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_message_decode(qmi_client_type user_handle,
+                                                                       qmi_idl_type_of_message_type req_resp_ind,
+                                                                       unsigned int message_id, const void* p_src,
+                                                                       unsigned int src_len, void* p_dst,
+                                                                       unsigned int dst_len) {
+  const auto client = clients().find(user_handle);
+  if (client == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (message_id > UINT16_MAX) return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
+  return client->decode(req_resp_ind, static_cast<uint16_t>(message_id), p_src, src_len, p_dst, dst_len);
+}
+
+PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_release(qmi_client_type user_handle) {
+  if (const auto client = clients().remove(user_handle)) {
+    client->release();
+  } else if (const auto notifier = notifiers().remove(user_handle)) {
+    notifier->release();
+  } else {
+    return QMI_CLIENT_INVALID_CLNT;
+  }
+  return QMI_NO_ERR;
+}
+
+}  // extern "C"

@@ -1,0 +1,169 @@
+#include "qmux_link.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "common_v01.h"
+#include "qmi_message.h"
+
+namespace pelmar::platform {
+namespace {
+
+// A modem that takes longer to answer a CTL request counts as absent.
+constexpr Deadline::Milliseconds kControlTimeout{2000};
+
+constexpr uint8_t kControlRequest = 0;
+constexpr uint8_t kControlResponse = 1;
+constexpr uint8_t kControlIndication = 2;
+
+constexpr uint8_t kValueTlv = 0x01;
+constexpr uint8_t kResultTlv = 0x02;
+constexpr size_t kTlvHeaderLength = 3;
+
+struct Value {
+  const uint8_t* bytes = nullptr;
+  size_t length = 0;
+};
+
+Value find_tlv(uint8_t type, const uint8_t* at, size_t length) {
+  while (length >= kTlvHeaderLength) {
+    const size_t value_length = load_u16(at + 1);
+    if (value_length > length - kTlvHeaderLength) break;
+    if (at[0] == type) return {at + kTlvHeaderLength, value_length};
+    at += kTlvHeaderLength + value_length;
+    length -= kTlvHeaderLength + value_length;
+  }
+  return {};
+}
+
+Value find_tlv(uint8_t type, const Frame& frame) {
+  return find_tlv(type, frame.message + kControlHeaderLength, frame.length - kControlHeaderLength);
+}
+
+bool is_control(const Frame& frame, uint8_t flags) {
+  return frame.service == kControlService && frame.message[0] == flags;
+}
+
+std::string from_environment(const char* name, const char* otherwise) {
+  const char* const value = std::getenv(name);
+  return value != nullptr && *value != '\0' ? value : otherwise;
+}
+
+}  // namespace
+
+bool load_control_indication(const Frame& frame, ControlIndication& indication) {
+  if (!is_control(frame, kControlIndication)) return false;
+  indication = {ControlIndication::kOther, 0, 0};
+  switch (static_cast<ControlMessage>(load_u16(frame.message + 2))) {
+    case ControlMessage::kSync:
+      indication.event = ControlIndication::kRestarted;
+      break;
+    case ControlMessage::kRevokeClientId:
+      if (const Value value = find_tlv(kValueTlv, frame); value.length >= 2) {
+        indication = {ControlIndication::kRevoked, value.bytes[0], value.bytes[1]};
+      }
+      break;
+    default:
+      break;
+  }
+  return true;
+}
+
+bool QmuxLink::open() {
+  if (!stream_.connect(from_environment("PELMAR_QMI_SOCKET", "@qmi-proxy"))) return false;
+  reader_ = FrameReader();
+  const std::string device = from_environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
+  const Bytes path(device.begin(), device.end());
+  if (exchange(ControlMessage::kOpenProxy, path, Deadline::after(kControlTimeout), nullptr) == Answer::kSuccess) {
+    return true;
+  }
+  close();
+  return false;
+}
+
+QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services) {
+  constexpr size_t kEntryLength = 5;  // u8 service, u16 major, u16 minor
+  Bytes value;
+  const Answer answer = exchange(ControlMessage::kGetVersionInfo, {}, Deadline::after(kControlTimeout), &value);
+  if (answer != Answer::kSuccess) return answer;
+  services.clear();
+  const size_t count = value.empty() ? 0 : value[0];
+  for (size_t i = 0; i < count && 1 + (i + 1) * kEntryLength <= value.size(); ++i) {
+    services.push_back(value[1 + i * kEntryLength]);
+  }
+  return answer;
+}
+
+QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client) {
+  Bytes value;
+  const Answer answer =
+      exchange(ControlMessage::kAllocateClientId, {service}, Deadline::after(kControlTimeout), &value);
+  if (answer != Answer::kSuccess) return answer;
+  if (value.size() < 2 || value[0] != service) return Answer::kFailure;
+  client = value[1];
+  return answer;
+}
+
+QmuxLink::Answer QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
+  return exchange(ControlMessage::kReleaseClientId, {service, client}, deadline, nullptr);
+}
+
+SendStatus QmuxLink::send_release_client_id(uint8_t service, uint8_t client) {
+  return request(ControlMessage::kReleaseClientId, {service, client}, Deadline::now());
+}
+
+ReadStatus QmuxLink::read(const Deadline& deadline) {
+  uint8_t* const space = reader_.space();
+  size_t received = 0;
+  const ReadStatus status = stream_.receive(space, reader_.room(), deadline, received);
+  if (status == ReadStatus::kRead) reader_.add(received);
+  return status;
+}
+
+SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {
+  const size_t tlvs_length = value.empty() ? 0 : kTlvHeaderLength + value.size();
+  Bytes frame(kQmuxHeaderLength + kControlHeaderLength);
+  store_qmux_header(frame.data(), kControlService, 0, kControlHeaderLength + tlvs_length);
+  transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
+  uint8_t* const header = frame.data() + kQmuxHeaderLength;
+  header[0] = kControlRequest;
+  header[1] = transaction_;
+  store_u16(header + 2, static_cast<uint16_t>(id));
+  store_u16(header + 4, tlvs_length);
+  if (!value.empty()) {
+    frame.push_back(kValueTlv);
+    frame.push_back(static_cast<uint8_t>(value.size()));
+    frame.push_back(static_cast<uint8_t>(value.size() >> 8));
+    frame.insert(frame.end(), value.begin(), value.end());
+  }
+  const SendStatus status = stream_.send(frame.data(), frame.size());
+  return status == SendStatus::kBlocked ? stream_.flush(deadline) : status;
+}
+
+QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,
+                                    Bytes* answer_value) {
+  if (request(id, value, deadline) != SendStatus::kSent) return Answer::kNoAnswer;
+  for (;;) {
+    Frame frame;
+    while (reader_.next(frame)) {
+      ControlIndication indication;
+      if (load_control_indication(frame, indication)) saw_restart_ |= indication.event == ControlIndication::kRestarted;
+      if (!is_control(frame, kControlResponse) || frame.message[1] != transaction_ ||
+          load_u16(frame.message + 2) != static_cast<uint16_t>(id)) {
+        continue;
+      }
+      const Value result = find_tlv(kResultTlv, frame);
+      if (result.length != 4) return Answer::kFailure;
+      if (load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01) {
+        return load_u16(result.bytes + 2) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Answer::kClientIdsExhausted
+                                                                              : Answer::kFailure;
+      }
+      const Value found = find_tlv(kValueTlv, frame);
+      if (answer_value != nullptr) answer_value->assign(found.bytes, found.bytes + found.length);
+      return Answer::kSuccess;
+    }
+    if (deadline.has_passed() || read(deadline) != ReadStatus::kRead) return Answer::kNoAnswer;
+  }
+}
+
+}  // namespace pelmar::platform

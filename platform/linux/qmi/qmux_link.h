@@ -1,0 +1,69 @@
+// One socket connection to a QMUX proxy: frames both ways, and exchanges with the modem's CTL service.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "deadline.h"
+#include "qmux_frame.h"
+#include "socket_stream.h"
+
+namespace pelmar::platform {
+
+enum class ControlMessage : uint16_t {
+  kGetVersionInfo = 0x0021,
+  kAllocateClientId = 0x0022,
+  kReleaseClientId = 0x0023,
+  kRevokeClientId = 0x0024,
+  kSync = 0x0027,
+  kOpenProxy = 0xFF00,
+};
+
+// What an indication of the CTL service says.
+struct ControlIndication {
+  enum { kOther, kRevoked, kRestarted } event;
+  uint8_t service;  // kRevoked: whose client id
+  uint8_t client;
+};
+
+// A message of the CTL service that is an indication; false for all others.
+bool load_control_indication(const Frame& frame, ControlIndication& indication);
+
+class QmuxLink {
+ public:
+  // Connects to the proxy and has it open the modem's device. False where nobody answers, or answers with failure.
+  bool open();
+  void close() { stream_.close(); }
+  bool is_open() const { return stream_.is_open(); }
+
+  // Answers of exchanges with the modem. A modem that does not answer in time, or is gone, is kNoAnswer.
+  enum class Answer { kSuccess, kNoAnswer, kClientIdsExhausted, kFailure };
+
+  // The services that the modem offers.
+  Answer get_services(std::vector<uint8_t>& services);
+  Answer allocate_client_id(uint8_t service, uint8_t& client);
+  Answer release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
+  SendStatus send_release_client_id(uint8_t service, uint8_t client);
+
+  // Whether an exchange since the last call came across the news that the modem restarted.
+  bool take_restart() { return std::exchange(saw_restart_, false); }
+
+  SocketStream& stream() { return stream_; }
+  const SocketStream& stream() const { return stream_; }
+  ReadStatus read(const Deadline& deadline);
+  bool next(Frame& frame) { return reader_.next(frame); }
+
+ private:
+  using Bytes = std::vector<uint8_t>;
+
+  SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
+  Answer exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* answer_value);
+
+  SocketStream stream_;
+  FrameReader reader_;
+  uint8_t transaction_ = 0;
+  bool saw_restart_ = false;
+};
+
+}  // namespace pelmar::platform

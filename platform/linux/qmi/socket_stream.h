@@ -1,0 +1,49 @@
+// A connected Unix stream socket with bounded waits. It never raises SIGPIPE and its descriptor is not inherited by
+// programs that are executed.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "deadline.h"
+#include "transport.h"
+
+namespace pelmar::platform {
+
+class SocketStream {
+ public:
+  SocketStream() = default;
+  SocketStream(SocketStream&& other) noexcept;
+  SocketStream& operator=(SocketStream&& other) noexcept;
+  ~SocketStream();
+
+  // Connects to a path, or to an abstract name written as @NAME.
+  bool connect(const std::string& address);
+
+  bool is_open() const { return descriptor_ >= 0; }
+  int descriptor() const { return descriptor_; }
+
+  // Sends without waiting. What the socket does not take is kept for flush(), which must have sent it before the next
+  // send.
+  SendStatus send(const uint8_t* bytes, size_t length);
+  bool has_unsent() const { return !unsent_.empty(); }
+  SendStatus flush(const Deadline& deadline);
+
+  // Receives at least one byte.
+  ReadStatus receive(uint8_t* to, size_t room, const Deadline& deadline, size_t& received);
+
+  void shut_down();
+  void close();
+
+ private:
+  bool blocks_for(const Deadline& deadline);
+  bool wait(short events, const Deadline& deadline);
+
+  int descriptor_ = -1;
+  std::vector<uint8_t> unsent_;
+  Deadline::Milliseconds receive_timeout_{0};  // as the socket has it; 0: none
+};
+
+}  // namespace pelmar::platform

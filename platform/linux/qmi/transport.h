@@ -1,0 +1,84 @@
+// The seam between the client framework and what carries its messages.
+//
+// A transport opens connections to services and watches whether a service is there. The framework above it knows
+// messages, transactions and callbacks; the transport below knows addresses, framing and how a peer goes away. QMUX
+// over a proxy's stream socket is the one that exists (qmux_transport.h); a datagram transport, where a connection is a
+// socket and a message a datagram, implements the same three classes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "deadline.h"
+#include "qmi_message.h"
+
+namespace pelmar::platform {
+
+enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
+enum class ReadStatus { kRead, kTimedOut, kGone };
+enum class Arrival { kNone, kMessage, kServiceGone };
+
+// A connection to one service. One thread at a time sends and one at a time reads; the two may be different.
+class Connection {
+ public:
+  virtual ~Connection() = default;
+
+  // Readable when read() has something to read.
+  virtual int descriptor() const = 0;
+
+  // Where the next message is written, header and TLVs, before it is sent.
+  virtual uint8_t* message_buffer() = 0;
+  virtual size_t message_capacity() const = 0;
+
+  // Sends the message in the buffer without waiting. kBlocked: flush() must see to the rest before the next send.
+  virtual SendStatus send(size_t length) = 0;
+  virtual bool has_unsent() const = 0;
+  virtual SendStatus flush(const Deadline& deadline) = 0;
+
+  // Reads what arrives until the deadline, at least once.
+  virtual ReadStatus read(const Deadline& deadline) = 0;
+
+  // The next message among what has been read; its bytes are valid until the next read.
+  virtual Arrival next(Message& message) = 0;
+
+  // Ends the connection for the modem too, and waits for its answer until the deadline. Needs the sending and the
+  // reading side.
+  virtual void close(const Deadline& deadline) = 0;
+
+  // The same without an answer, needs the sending side only.
+  virtual void abandon() = 0;
+
+  // Makes a send or read that is under way on another thread, and all later ones, end with kGone.
+  virtual void shut_down() = 0;
+};
+
+struct Presence {
+  bool is_there;
+  bool went_meanwhile;  // it was away at some time since the last look
+};
+
+class ServiceWatch {
+ public:
+  virtual ~ServiceWatch() = default;
+
+  virtual Presence look() = 0;
+
+  // Readable when another look may find something new; -1 where only time can tell.
+  virtual int descriptor() const = 0;
+};
+
+class Transport {
+ public:
+  virtual ~Transport() = default;
+
+  // Returns 0, QMI_TIMEOUT_ERR where the service is absent, or another transport code. Does not wait for a service.
+  virtual int32_t open(uint32_t service, size_t message_capacity, std::unique_ptr<Connection>& connection) = 0;
+
+  virtual std::unique_ptr<ServiceWatch> watch(uint32_t service) = 0;
+};
+
+// The transport of this machine.
+Transport& default_transport();
+
+}  // namespace pelmar::platform
