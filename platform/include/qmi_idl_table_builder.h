@@ -286,4 +286,56 @@ constexpr size_t largest(const Messages& messages) {
   return maximum;
 }
 
+// --- a whole service ---
+
+// A row whose size on the wire nobody states: it is what its TLVs give.
+constexpr Message sized(Message message) {
+  message.wire_maximum = static_cast<uint16_t>(wire_maximum(message));
+  return message;
+}
+
+// The framework's tables of one service: its types in the order of their indices, its messages in the order of their
+// numbers within a direction.
+template <const auto& kTypes, const auto& kMessages>
+struct ServiceTables {
+  static constexpr auto kEncodedTypes = encode_rows<kTypes>();
+  static constexpr auto kEncodedMessages = encode_rows<kMessages>();
+  static constexpr auto kTypeEntries = type_table<kTypes, kEncodedTypes>();
+  static constexpr auto kMessageEntries = message_table<kMessages, kEncodedMessages>();
+  static constexpr auto kRequests = service_messages<kMessages, QMI_IDL_REQUEST>();
+  static constexpr auto kResponses = service_messages<kMessages, QMI_IDL_RESPONSE>();
+  static constexpr auto kIndications = service_messages<kMessages, QMI_IDL_INDICATION>();
+
+  static const qmi_idl_type_table_object kTypeTable;
+  static constexpr const qmi_idl_type_table_object* kReferencedTables[] = {&kTypeTable,
+                                                                           &common_qmi_idl_type_table_object_v01};
+
+  static constexpr qmi_idl_service_object service(uint32_t id, uint32_t major, uint32_t minor, uint32_t library) {
+    static_assert(rows_hold(kMessages));
+    static_assert(sorted_by_id(kRequests) && sorted_by_id(kResponses) && sorted_by_id(kIndications));
+    return {
+        .library_version = library,
+        .idl_version = major,
+        .service_id = id,
+        .max_msg_len = largest(kMessages),
+        .n_msgs = {kRequests.size(), kResponses.size(), kIndications.size()},
+        .msgid_to_msg = {kRequests.data(), kResponses.data(), kIndications.data()},
+        .p_type_table = &kTypeTable,
+        .idl_minor_version = minor,
+        .parent_service_obj = nullptr,
+    };
+  }
+};
+
+template <const auto& kTypes, const auto& kMessages>
+constinit const qmi_idl_type_table_object ServiceTables<kTypes, kMessages>::kTypeTable = {
+    .n_types = kTypeEntries.size(),
+    .n_messages = kMessageEntries.size(),
+    .n_referenced_tables = std::size(kReferencedTables) - 1,
+    .p_types = kTypeEntries.data(),
+    .p_messages = kMessageEntries.data(),
+    .p_referenced_tables = kReferencedTables,
+    .p_ranges = nullptr,
+};
+
 }  // namespace pelmar::qmi_idl

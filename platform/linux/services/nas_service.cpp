@@ -1,7 +1,7 @@
 // The NAS service's description: its type and message rows and the object that is computed from them.
 #include "nas_messages.h"
 #include "platform_export.h"
-#include "service_tables.h"
+#include "qmi_idl_table_builder.h"
 
 // Each type's row is followed by what members of that type are to the codec.
 namespace pelmar::qmi_idl {
@@ -77,6 +77,8 @@ namespace {
 using namespace nas;
 using qmi_idl::mandatory;
 using qmi_idl::optional;
+using qmi_idl::ServiceTables;
+using qmi_idl::sized;
 
 constexpr std::array kTypes = {qmi_idl::kLteCell, qmi_idl::kLteIntraFrequency, qmi_idl::kLteFrequency,
                                qmi_idl::kLteInterFrequency, qmi_idl::kLteCellLock};

@@ -1,7 +1,7 @@
 // The SAR service's description: its message rows and the object that is computed from them.
 #include "platform_export.h"
+#include "qmi_idl_table_builder.h"
 #include "sar_messages.h"
-#include "service_tables.h"
 
 namespace pelmar::platform {
 namespace {
@@ -9,6 +9,8 @@ namespace {
 using namespace sar;
 using qmi_idl::mandatory;
 using qmi_idl::optional;
+using qmi_idl::ServiceTables;
+using qmi_idl::sized;
 
 constexpr std::array<qmi_idl::Type, 0> kTypes = {};
 constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(RfSetStateResponse, header));

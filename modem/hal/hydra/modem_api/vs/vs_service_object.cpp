@@ -196,38 +196,10 @@ constexpr Message kMessages[] = {
 };
 // clang-format on
 
-static_assert(qmi_idl::rows_hold(kMessages));
+using Tables = qmi_idl::ServiceTables<kTypes, kMessages>;
+
 static_assert(qmi_idl::largest(kMessages) == 10672);
-static_assert(std::size(kMessages) == 52);
-
-constexpr auto kEncodedTypes = qmi_idl::encode_rows<kTypes>();
-constexpr auto kEncodedMessages = qmi_idl::encode_rows<kMessages>();
-constexpr auto kTypeTable = qmi_idl::type_table<kTypes, kEncodedTypes>();
-constexpr auto kMessageTable = qmi_idl::message_table<kMessages, kEncodedMessages>();
-constexpr auto kRequests = qmi_idl::service_messages<kMessages, QMI_IDL_REQUEST>();
-constexpr auto kResponses = qmi_idl::service_messages<kMessages, QMI_IDL_RESPONSE>();
-constexpr auto kIndications = qmi_idl::service_messages<kMessages, QMI_IDL_INDICATION>();
-
-static_assert(kRequests.size() == 24 && kResponses.size() == 24 && kIndications.size() == 4);
-static_assert(qmi_idl::sorted_by_id(kRequests) && qmi_idl::sorted_by_id(kResponses) &&
-              qmi_idl::sorted_by_id(kIndications));
-
-struct TypeTable {
-  static const qmi_idl_type_table_object kObject;
-};
-
-constexpr const qmi_idl_type_table_object* kReferencedTables[] = {&TypeTable::kObject,
-                                                                  &common_qmi_idl_type_table_object_v01};
-
-constinit const qmi_idl_type_table_object TypeTable::kObject = {
-    .n_types = kTypeTable.size(),
-    .n_messages = kMessageTable.size(),
-    .n_referenced_tables = std::size(kReferencedTables) - 1,
-    .p_types = kTypeTable.data(),
-    .p_messages = kMessageTable.data(),
-    .p_referenced_tables = kReferencedTables,
-    .p_ranges = nullptr,
-};
+static_assert(Tables::kRequests.size() == 24 && Tables::kResponses.size() == 24 && Tables::kIndications.size() == 4);
 
 }  // namespace
 }  // namespace pelmar::vs
@@ -236,17 +208,8 @@ using namespace pelmar::vs;
 
 extern "C" {
 
-constinit const qmi_idl_service_object vs_qmi_idl_service_object_v01 = {
-    .library_version = kIdlLibraryVersion,
-    .idl_version = kIdlMajorVersion,
-    .service_id = kServiceId,
-    .max_msg_len = pelmar::qmi_idl::largest(kMessages),
-    .n_msgs = {kRequests.size(), kResponses.size(), kIndications.size()},
-    .msgid_to_msg = {kRequests.data(), kResponses.data(), kIndications.data()},
-    .p_type_table = &TypeTable::kObject,
-    .idl_minor_version = kIdlMinorVersion,
-    .parent_service_obj = nullptr,
-};
+constinit const qmi_idl_service_object vs_qmi_idl_service_object_v01 =
+    Tables::service(kServiceId, kIdlMajorVersion, kIdlMinorVersion, kIdlLibraryVersion);
 
 qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
                                                                int32_t library_version) {
