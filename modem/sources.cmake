@@ -23,3 +23,19 @@ set(PELMAR_CLIENT_SOURCES
   hal/hydra/modem_api/vs/vs_client.cpp
   hal/hydra/modem_api/vs/vs_events.cpp
 )
+
+# The common utilities and the traced allocation.
+set(PELMAR_UTILS_SOURCES
+  hal/hydra/hydra_common/hydra_mem.cpp
+  hal/utils/src/pelmar_utils_cmn_build_type.cpp
+  hal/utils/src/pelmar_utils_cmn_file.cpp
+  hal/utils/src/pelmar_utils_cmn_identity.cpp
+  hal/utils/src/pelmar_utils_cmn_list.cpp
+  hal/utils/src/pelmar_utils_cmn_log.cpp
+  hal/utils/src/pelmar_utils_cmn_process.cpp
+  hal/utils/src/pelmar_utils_cmn_property.cpp
+  hal/utils/src/pelmar_utils_cmn_ssr.cpp
+  hal/utils/src/pelmar_utils_cmn_string.cpp
+  hal/utils/src/pelmar_utils_cmn_sub.cpp
+  hal/utils/src/pelmar_utils_cmn_thread.cpp
+)

@@ -1,0 +1,198 @@
+// Traced allocation: zeroed blocks and the list of those that are alive while tracing is on.
+//
+// Tracing is decided once, by the first allocation. The lock guards the list; the tracing flag is also read without it,
+// so that allocations of an untraced process take no lock.
+#include "hydra_mem.h"
+
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include "cutils/properties.h"
+#include "pelmar_lock.h"
+#include "pelmar_log_site.h"
+
+namespace pelmar {
+namespace {
+
+struct hydra_mem_trace_node {
+  hydra_mem_trace_node* prev;  // older
+  hydra_mem_trace_node* next;  // newer
+  void* ptr;
+  uint64_t size;
+  int32_t pid;
+  const char* func;
+  int32_t year, month, day, hour, min, sec;  // local time; month from 1, year in full
+};
+
+constexpr char kTraceProperty[] = "persist.hydra.mem_trace";
+constexpr size_t kProcessNameBytes = 50;
+
+std::atomic<bool> hydra_mem_inited{false};
+std::atomic<bool> hydra_mem_trace_on{false};
+constinit Lock hydra_mem_trace_lock;
+hydra_mem_trace_node* hydra_mem_trace_head = nullptr;
+hydra_mem_trace_node* hydra_mem_trace_tail = nullptr;
+uint64_t hydra_mem_trace_count = 0;  // for whoever looks at a core dump
+
+bool tracing() {
+  return hydra_mem_trace_on.load(std::memory_order_relaxed);
+}
+
+void hydra_mem_init() {
+  char value[PROPERTY_VALUE_MAX] = {};
+  if (property_get(kTraceProperty, value, nullptr) < 1) {
+    PELMAR_LOG_DEBUG("HYDRA_MEM_TRACE_PROP not exist");
+    return;
+  }
+  if (std::strcmp(value, "true") == 0) hydra_mem_trace_on.store(true, std::memory_order_relaxed);
+}
+
+void stamp_local_time(hydra_mem_trace_node& node) {
+  timeval now;
+  tm local;
+  if (gettimeofday(&now, nullptr) != 0 || localtime_r(&now.tv_sec, &local) == nullptr) return;
+  node.year = local.tm_year + 1900;
+  node.month = local.tm_mon + 1;
+  node.day = local.tm_mday;
+  node.hour = local.tm_hour;
+  node.min = local.tm_min;
+  node.sec = local.tm_sec;
+}
+
+// A block whose record cannot be allocated is simply not traced.
+void trace(void* block, size_t size, const char* func) {
+  auto* const node = static_cast<hydra_mem_trace_node*>(std::calloc(1, sizeof(hydra_mem_trace_node)));
+  if (node == nullptr) return;
+  node->ptr = block;
+  node->size = size;
+  node->pid = getpid();
+  node->func = func;
+  stamp_local_time(*node);
+
+  const std::lock_guard lock(hydra_mem_trace_lock);
+  node->prev = hydra_mem_trace_tail;
+  (hydra_mem_trace_tail != nullptr ? hydra_mem_trace_tail->next : hydra_mem_trace_head) = node;
+  hydra_mem_trace_tail = node;
+  ++hydra_mem_trace_count;
+}
+
+// The oldest record of an address is the one that goes: the block is given back before its record, so the address may
+// have been handed out, and recorded, again meanwhile.
+void untrace(const void* block) {
+  const std::lock_guard lock(hydra_mem_trace_lock);
+  auto* node = hydra_mem_trace_head;
+  while (node != nullptr && node->ptr != block) node = node->next;
+  if (node == nullptr) return;
+  (node->prev != nullptr ? node->prev->next : hydra_mem_trace_head) = node->next;
+  (node->next != nullptr ? node->next->prev : hydra_mem_trace_tail) = node->prev;
+  --hydra_mem_trace_count;
+  std::free(node);
+}
+
+// The last part of a process's program path; empty when it cannot be read.
+void hydra_mem_get_proc_name(int32_t pid, char (&name)[kProcessNameBytes]) {
+  name[0] = '\0';
+  char path[50];
+  std::snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    PELMAR_LOG_ERROR("failed to open proc_entry=%s, errno=[%d:%s]", path, errno, std::strerror(errno));
+    return;
+  }
+  char command[kProcessNameBytes];
+  const ssize_t length = read(file, command, sizeof(command) - 1);
+  if (length <= 0) {
+    PELMAR_LOG_ERROR("read failed errno=[%d:%s]", errno, std::strerror(errno));
+  } else {
+    command[length] = '\0';
+    const char* const slash = std::strrchr(command, '/');
+    std::snprintf(name, sizeof(name), "%s", slash != nullptr ? slash + 1 : command);
+  }
+  close(file);
+}
+
+// Appends one record to what is left of the dump. Returns the entry's length, or 0 when it does not fit whole.
+size_t write_entry(const hydra_mem_trace_node& node, char* out, size_t room) {
+  char process[kProcessNameBytes];
+  hydra_mem_get_proc_name(node.pid, process);
+  const int length =
+      std::snprintf(out, room,
+                    "\r\n\t<TraceMemData address=\"0x%p\" size=\"0x%lx\" caller_proc=\"%s\" caller_func=\"%s\" "
+                    "time=\"%d:%d:%d day%d, month%d, year%d\"/>",
+                    node.ptr, static_cast<unsigned long>(node.size), process, node.func, node.hour, node.min, node.sec,
+                    node.day, node.month, node.year);
+  const bool fits = length > 0 && static_cast<size_t>(length) < room;
+  return fits ? static_cast<size_t>(length) : 0;
+}
+
+// False when the room ran out; the text then ends behind the last whole entry.
+bool write_entries(char* buf, size_t size) {
+  size_t offset = 0;
+  for (const auto* node = hydra_mem_trace_head; node != nullptr; node = node->next) {
+    const size_t length = write_entry(*node, buf + offset, size - offset);
+    if (length == 0) {
+      if (size > offset) std::memset(buf + offset, 0, size - offset);
+      return false;
+    }
+    offset += length;
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+extern "C" {
+
+void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
+  PELMAR_LOG_ENTRY();
+  if (!hydra_mem_inited.load(std::memory_order_relaxed) && !hydra_mem_inited.exchange(true)) hydra_mem_init();
+  void* const block = std::malloc(size);
+  if (block == nullptr) {
+    PELMAR_LOG_ERROR("Fail to allocate memory");
+  } else {
+    std::memset(block, 0, size);
+    if (tracing()) trace(block, size, func);
+  }
+  PELMAR_LOG_EXIT();
+  return block;
+}
+
+void hydra_free_adv(void* ptr, const char*, int32_t) {
+  PELMAR_LOG_ENTRY();
+  if (ptr != nullptr) {
+    const void* const address = ptr;
+    std::free(ptr);
+    if (tracing()) untrace(address);
+  }
+  PELMAR_LOG_EXIT();
+}
+
+// The whole walk holds the lock, so that no record is freed under it; a thread that wants the list waits.
+int32_t hydra_mem_trace_dump(char* buf, int32_t size) {
+  PELMAR_LOG_ENTRY();
+  const size_t room = buf != nullptr && size > 0 ? static_cast<size_t>(size) : 0;
+  bool whole;
+  {
+    const std::lock_guard lock(hydra_mem_trace_lock);
+    const bool was_on = hydra_mem_trace_on.exchange(false, std::memory_order_relaxed);
+    if (room > 0) std::memset(buf, 0, room);
+    whole = write_entries(buf, room);
+    if (!whole) PELMAR_LOG_ERROR("Not enough memory");
+    hydra_mem_trace_on.store(was_on, std::memory_order_relaxed);
+  }
+  PELMAR_LOG_EXIT_RET(whole);
+  return whole ? 1 : 0;
+}
+}

@@ -1,0 +1,44 @@
+// Property values as the library keeps them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "pelmar_lock.h"
+#include "pelmar_property.h"
+
+namespace pelmar {
+
+using PropertyValue = char[PELMAR_PROPERTY_BUFFER_BYTES];
+
+// A value that is read on the first question of the process and kept. Threads that ask first at the same time wait for
+// the one that reads, so that the text is never seen half written.
+class KeptProperty {
+ public:
+  constexpr KeptProperty(const char* name, const char* default_value) : name_(name), default_(default_value) {}
+
+  const char* value() {
+    if (!read_.load(std::memory_order_acquire)) {
+      const std::lock_guard lock(reading_);
+      if (!read_.load(std::memory_order_relaxed)) {
+        pelmar_get_property_value(name_, value_, default_);
+        read_.store(true, std::memory_order_release);
+      }
+    }
+    return value_;
+  }
+
+ private:
+  const char* name_;
+  const char* default_;
+  std::atomic<bool> read_{false};
+  Lock reading_;
+  PropertyValue value_{};
+};
+
+// Decimal integers, through the exported reading and writing.
+int32_t read_int_property(const char* name, int32_t default_value);
+void write_int_property(const char* name, int32_t value);
+
+}  // namespace pelmar

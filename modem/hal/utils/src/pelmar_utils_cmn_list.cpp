@@ -1,0 +1,105 @@
+// Whether a configuration list names this device, its region, its build type, a string or a number.
+#include <cstring>
+#include <type_traits>
+
+#include "pelmar_log_site.h"
+#include "pelmar_property.h"
+
+namespace pelmar {
+namespace {
+
+bool find_string(const char* const* list, uint32_t count, const char* str) {
+  constexpr const char* kFunction = "pelmar_string_list_contain";
+  if (str == nullptr) {
+    PELMAR_LOG_ERROR_AS(kFunction, "str is NULL");
+    return false;
+  }
+  if (list == nullptr) {
+    PELMAR_LOG_ERROR_AS(kFunction, "str_list is NULL");
+    return false;
+  }
+  if (count == 0) {
+    PELMAR_LOG_ERROR_AS(kFunction, "size_list(%u) can not <= 0", count);
+    return false;
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    if (list[i] != nullptr && std::strstr(str, list[i]) != nullptr) {
+      PELMAR_LOG_DEBUG_AS(kFunction, "find str: %s, size_list(%u)", str, count);
+      return true;
+    }
+  }
+  PELMAR_LOG_ERROR_AS(kFunction, "not find str: %s, size_list(%u)", str, count);
+  return false;
+}
+
+// The lists of every width; `type` is the width's name in the messages.
+template <typename Element>
+bool find_number(const char* function, const char* type, const Element* list, uint32_t count,
+                 std::make_signed_t<Element> value) {
+  if (list == nullptr) {
+    PELMAR_LOG_ERROR_AS(function, "num_list[%s] is NULL", type);
+    return false;
+  }
+  if (count == 0) {
+    PELMAR_LOG_ERROR_AS(function, "size_list[%s](%u) can not <= 0", type, count);
+    return false;
+  }
+  const long number = value;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (static_cast<std::make_signed_t<Element>>(list[i]) == value) {
+      PELMAR_LOG_DEBUG_AS(function, "find number[%s]: %ld, size_list(%u)", type, number, count);
+      return true;
+    }
+  }
+  PELMAR_LOG_ERROR_AS(function, "not find number[%s]: %ld, size_list(%u)", type, number, count);
+  return false;
+}
+
+bool has_build_type(const int8_t* list, uint32_t count) {
+  const auto* const elements = reinterpret_cast<const uint8_t*>(list);
+  return pelmar_int8_list_contain(elements, count, PELMAR_BUILD_TYPE_ALL) ||
+         pelmar_int8_list_contain(elements, count, static_cast<int8_t>(pelmar_build_type_get()));
+}
+
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+extern "C" {
+
+bool pelmar_string_list_contain(const char* const* list, uint32_t count, const char* str) {
+  PELMAR_RETURN_LOGGED(find_string(list, count, str));
+}
+
+// The words that stand for all match like any text: an entry that is a part of the word is enough.
+bool pelmar_device_name_list_contain(const char* const* list, uint32_t count) {
+  PELMAR_RETURN_LOGGED(pelmar_string_list_contain(list, count, "all_product") ||
+                       pelmar_string_list_contain(list, count, pelmar_device_name_get()));
+}
+
+bool pelmar_build_region_list_contain(const char* const* list, uint32_t count) {
+  PELMAR_RETURN_LOGGED(pelmar_string_list_contain(list, count, "all_region") ||
+                       pelmar_string_list_contain(list, count, pelmar_build_region_get()));
+}
+
+bool pelmar_build_type_list_contain(const int8_t* list, uint32_t count) {
+  PELMAR_RETURN_LOGGED(has_build_type(list, count));
+}
+
+bool pelmar_int8_list_contain(const uint8_t* list, uint32_t count, int8_t value) {
+  PELMAR_RETURN_LOGGED(find_number(__func__, "int8", list, count, value));
+}
+
+bool pelmar_int16_list_contain(const uint16_t* list, uint32_t count, int16_t value) {
+  PELMAR_RETURN_LOGGED(find_number(__func__, "int16", list, count, value));
+}
+
+bool pelmar_int32_list_contain(const uint32_t* list, uint32_t count, int32_t value) {
+  PELMAR_RETURN_LOGGED(find_number(__func__, "int32", list, count, value));
+}
+
+bool pelmar_int64_list_contain(const uint64_t* list, uint32_t count, int64_t value) {
+  PELMAR_RETURN_LOGGED(find_number(__func__, "int64", list, count, value));
+}
+}

@@ -1,0 +1,243 @@
+// The name and id of the process that the library runs in.
+//
+// Every log line carries the name, so the two functions that read it for the lines write straight to the system log.
+// A name is built in a buffer that only its reader sees and then published for good, so that nobody reads it half
+// written: a thread that asks during the first read gets what was published before, at first the empty name.
+#include "pelmar_process.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "pelmar_log_site.h"
+#include "pelmar_string.h"
+
+namespace pelmar {
+namespace {
+
+constexpr size_t kLineBytes = 256;
+constexpr int kLineLimit = 253;      // characters read of a file's first line
+constexpr size_t kStatusNameAt = 6;  // behind "Name:" and a tab
+constexpr size_t kNameBytes = sizeof(pelmar_pid_info::p_name);
+
+using Line = char[kLineBytes];
+using Name = char[kNameBytes];
+
+std::atomic<const char*> g_name{""};
+std::atomic<int32_t> g_id{0};
+pelmar_pid_info g_pid_info;
+
+const char* name() {
+  return g_name.load(std::memory_order_acquire);
+}
+void publish(const char* text) {
+  g_name.store(text, std::memory_order_release);
+}
+
+// True for the first caller. The flag goes up before the work: there is one attempt in a process, failed or not.
+bool first(std::atomic<bool>& asked) {
+  return !asked.load(std::memory_order_relaxed) && !asked.exchange(true, std::memory_order_relaxed);
+}
+
+void format_path(Line& path, int32_t id, const char* file) {
+  std::snprintf(path, sizeof(path), "/proc/%d/%s", id, file);
+}
+
+bool read_first_line(FILE* file, Line& line) {
+  return std::fgets(line, kLineLimit + 1, file) != nullptr;
+}
+
+void copy(Name& out, const char* text) {
+  std::snprintf(out, sizeof(out), "%s", text);
+}
+
+// The program path up to its first NUL, which ends the path in a command-line file.
+bool read_name_from_command_line(Name& out) {
+  Line path;
+  format_path(path, getpid(), "cmdline");
+  FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) {
+    pelmar_utils_syslog_err("fopen fail");
+    return false;
+  }
+  Line line = {};
+  if (!read_first_line(file, line)) {
+    pelmar_utils_syslog_err("pelmar_get_current_pid_name, fgets fail");
+    std::fclose(file);
+    return false;
+  }
+  pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, proc_pid_buf = %s", line);
+  const char* const slash = std::strrchr(line, '/');
+  if (slash == nullptr) {
+    pelmar_utils_syslog_err("pelmar_get_current_pid_name, proc_pid_buf should be name");
+  }
+  copy(out, slash != nullptr ? slash + 1 : line);
+  pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, str_pid_name: %s", slash != nullptr ? slash : line);
+  pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, g_pid_info.p_name = %s", out);
+  std::fclose(file);
+  return true;
+}
+
+// Trimming logs, and a log line may publish the name from the command line; `out` is nobody else's meanwhile.
+bool read_name_from_status(Name& out) {
+  Line path;
+  format_path(path, getpid(), "status");
+  FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) {
+    pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fopen fail");
+    return false;
+  }
+  Line line = {};
+  if (!read_first_line(file, line)) {
+    pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fgets fail");
+    std::fclose(file);
+    return false;
+  }
+  pelmar_utils_syslog_dbg("pelmar_get_current_pid_name_ex, proc_pid_buf = %s", line);
+  copy(out, line + kStatusNameAt);
+  pelmar_str_trim(out, kNameBytes - 1);
+  pelmar_utils_syslog_dbg("pelmar_get_current_pid_name_ex, g_pid_info.p_name = %s", out);
+  std::fclose(file);
+  return true;
+}
+
+// The function's name stands in its log lines.
+void pelmar_get_name_by_pid(pelmar_pid_info& info) {
+  Line path;
+  format_path(path, info.p_id, "cmdline");
+  PELMAR_LOG_DEBUG("proc_pid_path: %s", path);
+  FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) {
+    PELMAR_LOG_ERROR("fopen fail");
+    return;
+  }
+  Line line = {};
+  if (!read_first_line(file, line)) {
+    PELMAR_LOG_ERROR("fgets fail");
+    std::fclose(file);
+    return;
+  }
+  PELMAR_LOG_DEBUG("proc_pid_buf: %s", line);
+  const char* const slash = std::strrchr(line, '/');
+  if (slash == nullptr) PELMAR_LOG_DEBUG("proc_pid_buf should be name");
+  copy(info.p_name, slash != nullptr ? slash + 1 : line);
+  if (&info == &g_pid_info) publish(info.p_name);
+  PELMAR_LOG_DEBUG("str_pid_name: %s", slash != nullptr ? slash : line);
+  PELMAR_LOG_DEBUG("p_pid_info->p_name: %s", info.p_name);
+  PELMAR_LOG_DEBUG("close fp");
+  std::fclose(file);
+}
+
+// The process's own record: its name is the published one, empty from here until it is read again.
+void fill_own_record() {
+  static std::atomic<bool> asked{false};
+  if (first(asked)) pelmar_get_current_pid_info(&g_pid_info);
+}
+
+// Whether the entry of /proc is the process to be found. Its first line is read, but what is compared is a candidate
+// name that nothing fills: only the empty task name is ever the same.
+bool is_task(const char* entry_name, const char* task_name) {
+  constexpr const char* kFunction = "pelmar_get_pid_by_name";
+  Line path;
+  if (std::snprintf(path, sizeof(path), "/proc/%s/status", entry_name) >= static_cast<int>(sizeof(path))) return false;
+  FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) return false;
+  Line line = {};
+  const char* const candidate = "";
+  bool same = false;
+  if (read_first_line(file, line)) {
+    PELMAR_LOG_DEBUG_AS(kFunction, "proc_pid_buf: %s", line);
+    PELMAR_LOG_DEBUG_AS(kFunction, "task_name_tmp: %s, task_name: %s", candidate, task_name);
+    same = std::strcmp(task_name, candidate) == 0;
+    if (same) {
+      PELMAR_LOG_DEBUG_AS(kFunction, "pid: %d", std::atoi(entry_name));
+    } else {
+      PELMAR_LOG_DEBUG_AS(kFunction, "continue, task_name is not same with task_name_tmp");
+    }
+  }
+  std::fclose(file);
+  return same;
+}
+
+bool is_process_directory(const dirent& entry) {
+  return entry.d_type == DT_DIR && std::strcmp(entry.d_name, ".") != 0 && std::strcmp(entry.d_name, "..") != 0;
+}
+
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+extern "C" {
+
+const char* pelmar_get_current_pid_name(void) {
+  static std::atomic<bool> asked{false};
+  static Name from_command_line;
+  if (first(asked) && read_name_from_command_line(from_command_line)) publish(from_command_line);
+  return name();
+}
+
+void pelmar_get_current_pid_info(pelmar_pid_info* info) {
+  PELMAR_LOG_ENTRY();
+  if (info == nullptr) {
+    PELMAR_LOG_ERROR("p_pid_info is NULL");
+  } else {
+    if (info == &g_pid_info) publish("");
+    *info = {.p_id = getpid(), .p_name = {}};
+    if (info == &g_pid_info) g_id.store(info->p_id, std::memory_order_relaxed);
+    pelmar_get_name_by_pid(*info);
+    PELMAR_LOG_DEBUG("p_id: %d, p_name: %s", info->p_id, info->p_name);
+  }
+  PELMAR_LOG_EXIT();
+}
+
+const char* pelmar_utils_get_pid_name(void) {
+  fill_own_record();
+  return name();
+}
+
+int32_t pelmar_utils_get_pid_number(void) {
+  fill_own_record();
+  return g_id.load(std::memory_order_relaxed);
+}
+
+uint32_t pelmar_get_qcril_process_instance_id(void) {
+  PELMAR_RETURN_LOGGED(__atomic_load_n(&g_pelmar_qcril_ril_process_instance_id, __ATOMIC_RELAXED));
+}
+}
+
+const char* pelmar_get_current_pid_name_ex() {
+  static std::atomic<bool> asked{false};
+  static Name from_status;
+  if (first(asked) && read_name_from_status(from_status)) publish(from_status);
+  return name();
+}
+
+void pelmar_get_pid_by_name(int32_t* pid, const char* task_name) {
+  PELMAR_LOG_ENTRY();
+  DIR* processes = nullptr;
+  if (pid == nullptr) {
+    PELMAR_LOG_ERROR("pid fail");
+  } else if (task_name == nullptr) {
+    PELMAR_LOG_ERROR("task_name fail");
+  } else {
+    PELMAR_LOG_DEBUG("task_name: %s", task_name);
+    processes = opendir("/proc");
+    if (processes == nullptr) PELMAR_LOG_ERROR("opendir fail");
+  }
+  if (processes != nullptr) {
+    while (const dirent* const entry = readdir(processes)) {
+      if (is_process_directory(*entry) && is_task(entry->d_name, task_name)) {
+        *pid = std::atoi(entry->d_name);
+        break;
+      }
+    }
+    PELMAR_LOG_DEBUG("close dir");
+    closedir(processes);
+  }
+  PELMAR_LOG_EXIT();
+}

@@ -1,0 +1,136 @@
+// Guarded access to the platform's properties, and its echo in the log.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cutils/properties.h"
+#include "pelmar_log_site.h"
+#include "pelmar_property_value.h"
+
+namespace pelmar {
+namespace {
+
+enum EchoState : int32_t { kEchoOff = 0, kEchoOn = 1, kEchoUndecided = 2 };
+
+std::atomic<int32_t> g_echo_state{kEchoUndecided};
+
+// A name as the platform gets it.
+struct CutName {
+  explicit CutName(const char* name) { std::snprintf(text, sizeof(text), "%s", name); }
+  char text[PELMAR_PROPERTY_BUFFER_BYTES];
+};
+
+// Reads through a buffer of this library's size, so that a caller's is never overrun.
+void read_property(const CutName& name, PropertyValue& value, const char* default_value) {
+  property_get(name.text, value, default_value);
+  value[sizeof(value) - 1] = '\0';
+}
+
+// Two threads that decide at once decide the same. The decision is told without a log site: it is part of logging.
+bool echo_is_on() {
+  if (g_echo_state.load(std::memory_order_relaxed) == kEchoUndecided) {
+    PropertyValue value = {};
+    property_get("persist.vendor.radio.print_prop", value, "1");
+    const bool on = std::strcmp(value, "1") == 0;
+    g_echo_state.store(on ? kEchoOn : kEchoOff, std::memory_order_relaxed);
+    pelmar_utils_syslog_dbg("prop print is %s", on ? "started" : "stoped");
+  }
+  return g_echo_state.load(std::memory_order_relaxed) == kEchoOn;
+}
+
+}  // namespace
+
+int32_t read_int_property(const char* name, int32_t default_value) {
+  char default_text[12];
+  std::snprintf(default_text, sizeof(default_text), "%d", default_value);
+  PropertyValue value = {};
+  pelmar_get_property_value(name, value, default_text);
+  return std::atoi(value);
+}
+
+void write_int_property(const char* name, int32_t value) {
+  char text[12];
+  std::snprintf(text, sizeof(text), "%d", value);
+  pelmar_set_property_value(name, text);
+}
+
+}  // namespace pelmar
+
+using namespace pelmar;
+
+bool pelmar_utils_get_prop_print_flag() {
+  return echo_is_on();
+}
+
+void pelmar_print_property_value(const char* name) {
+  if (!echo_is_on()) return;
+  if (name == nullptr) {
+    PELMAR_LOG_ERROR("property_name is null");
+    return;
+  }
+  const CutName cut_name(name);
+  PropertyValue value = {};
+  read_property(cut_name, value, "null_val");
+  PELMAR_LOG_DEBUG("%s: %s", cut_name.text, value);
+}
+
+extern "C" {
+
+void pelmar_get_property_value(const char* name, char* value, const char* default_value) {
+  PELMAR_LOG_ENTRY();
+  if (name == nullptr) {
+    PELMAR_LOG_ERROR("property_name is null");
+  } else if (value == nullptr) {
+    PELMAR_LOG_ERROR("property_value is null");
+  } else if (default_value == nullptr) {
+    PELMAR_LOG_ERROR("default_property_value is null");
+  } else {
+    const CutName cut_name(name);
+    PropertyValue text = {};
+    read_property(cut_name, text, default_value);
+    std::memcpy(value, text, std::strlen(text) + 1);
+    if (echo_is_on()) PELMAR_LOG_DEBUG("%s: %s", cut_name.text, value);
+  }
+  PELMAR_LOG_EXIT();
+}
+
+// A value of exactly 92 bytes goes to the platform, whose own limit is one less: what is stored is then its decision,
+// and the echo shows it.
+void pelmar_set_property_value(const char* name, const char* value) {
+  PELMAR_LOG_ENTRY();
+  if (name == nullptr) {
+    PELMAR_LOG_ERROR("property_name is null");
+  } else if (value == nullptr) {
+    PELMAR_LOG_ERROR("property_value is null");
+  } else if (const size_t length = std::strlen(value); length > PELMAR_PROPERTY_WRITE_MAX_BYTES) {
+    PELMAR_LOG_ERROR("property_value len(%u) is out of range(%d)", static_cast<unsigned>(length),
+                     PELMAR_PROPERTY_WRITE_MAX_BYTES);
+  } else {
+    property_set(CutName(name).text, value);
+    pelmar_print_property_value(name);
+  }
+  PELMAR_LOG_EXIT();
+}
+
+void pelmar_set_property_value_to_int(const char* name, int32_t value) {
+  PELMAR_LOG_ENTRY();
+  write_int_property(name, value);
+  PELMAR_LOG_EXIT();
+}
+
+int32_t pelmar_get_property_value_from_int(const char* name, int32_t* value, int32_t default_value) {
+  PELMAR_LOG_ENTRY();
+  int32_t number = default_value;
+  if (name == nullptr) {
+    PELMAR_LOG_ERROR("property_name is null");
+  } else if (value == nullptr) {
+    PELMAR_LOG_ERROR("property_value is null");
+  } else {
+    number = read_int_property(name, default_value);
+    *value = number;
+  }
+  PELMAR_LOG_EXIT_RET(number);
+  return number;
+}
+}

@@ -1,0 +1,174 @@
+// The choice between restarting the modem alone and dumping its memory when it crashes. All state is in properties.
+#include <unistd.h>
+
+#include <cstring>
+
+#include "pelmar_log_site.h"
+#include "pelmar_property_value.h"
+#include "pelmar_ssr.h"
+#include "pelmar_string.h"
+
+namespace pelmar {
+namespace {
+
+constexpr char kLevel[] = "persist.vendor.ssr.restart_level";
+constexpr char kSavedLevel[] = "persist.vendor.ssr.type_bak";
+constexpr char kSavedFlag[] = "persist.vendor.ssr.type_bak_flag";
+constexpr char kWaitSeconds[] = "persist.radio.ssr_wait_s";
+constexpr char kRestart[] = "ALL_ENABLE";
+constexpr char kDump[] = "ALL_DISABLE";
+constexpr char kNoLevel[] = "CONFIG_EMPTY";
+constexpr int32_t kDefaultWaitSeconds = 5;
+constexpr int kStartFlag = 0;  // the one start mode: with properties
+
+static_assert(sizeof(kNoLevel) - 1 == PELMAR_SSR_NAME_MIN_BYTES);
+
+struct Property {
+  explicit Property(const char* name) { pelmar_get_property_value(name, text, ""); }
+  bool empty() const { return text[0] == '\0'; }
+  bool equals(const char* other) const { return pelmar_str_cmp(text, other) == PELMAR_STR_SAME; }
+  PropertyValue text = {};
+};
+
+void save_level(const char* level) {
+  pelmar_set_property_value(kSavedLevel, level);
+  pelmar_set_property_value(kSavedFlag, "yes");
+}
+
+int32_t read_type() {
+  constexpr const char* kFunction = "pelmar_get_modem_ssr_type";
+  const Property flag(kSavedFlag);
+  const Property saved(kSavedLevel);
+  const Property level(kLevel);
+  const auto answer = [&level](const char* name, int32_t type) {
+    PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_%s: %s, type: %d", name, level.text, type);
+    return type;
+  };
+
+  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag: %d, ssr_type_bak: %s, ssr_type_bak_flag: %s", kStartFlag,
+                      saved.text, flag.text);
+  if (flag.empty()) {
+    save_level(level.text);
+    PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d, and save", level.text,
+                        MODEM_RESTART_LEVEL_ID_DEF);
+    return MODEM_RESTART_LEVEL_ID_DEF;
+  }
+  if (level.equals(saved.text)) return answer("DEF", MODEM_RESTART_LEVEL_ID_DEF);
+  if (level.equals(kRestart)) return answer("SSR", MODEM_RESTART_LEVEL_ID_SSR);
+  if (level.equals(kDump) || level.empty()) return answer("DUMP", MODEM_RESTART_LEVEL_ID_DUMP);
+  return answer("INVALID", MODEM_RESTART_LEVEL_ID_INVALID);
+}
+
+// A level that a type can be switched to, and how its messages call it.
+struct Target {
+  const char* level;
+  const char* name;
+  const char* in_force;
+};
+
+int32_t write_type(int32_t type) {
+  constexpr const char* kFunction = "pelmar_set_modem_ssr_type";
+  const Property flag(kSavedFlag);
+  const Property level(kLevel);
+  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", kStartFlag, type, flag.text);
+
+  PropertyValue saved = {};
+  Target target;
+  switch (type) {
+    case MODEM_RESTART_LEVEL_ID_DEF:
+      if (flag.empty()) {
+        PELMAR_LOG_DEBUG_AS(kFunction, "PROP - NO ssr type def, do nothing");
+        return 0;
+      }
+      pelmar_get_property_value(kSavedLevel, saved, "");
+      target = {saved, "DEF", "PROP - ssr type is def, do nothing"};
+      break;
+    case MODEM_RESTART_LEVEL_ID_DUMP:
+      target = {kDump, "DUMP", "ssr type is disable, do nothing"};
+      break;
+    case MODEM_RESTART_LEVEL_ID_SSR:
+      target = {kRestart, "SSR", "ssr type is enable, do nothing"};
+      break;
+    default:
+      PELMAR_LOG_DEBUG_AS(kFunction, "PELMAR_SSR_START_WITH_PROP, invalid ssr type");
+      return 0;
+  }
+  if (level.equals(target.level)) {
+    PELMAR_LOG_DEBUG_AS(kFunction, "%s", target.in_force);
+    return 0;
+  }
+  PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_%s: %s", target.name, target.level);
+  pelmar_set_property_value(kLevel, target.level);
+
+  // What a first set saves is the level that it has just written, not the one before: a get is expected to come first.
+  if (flag.empty()) {
+    save_level(target.level);
+  } else {
+    PELMAR_LOG_DEBUG_AS(kFunction, "PELMAR_SSR_START_WITH_PROP, already bak");
+  }
+  return 1;
+}
+
+// "CONFIG_EMPTY" is copied whole even into less room than that: the smallest buffer is part of the interface.
+void copy_level(char* name, uint32_t room) {
+  constexpr const char* kFunction = "pelmar_get_modem_ssr_type_name";
+  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag = %d, in_len: %d", kStartFlag, static_cast<int>(room));
+  Property level(kLevel);
+  auto length = static_cast<uint32_t>(std::strlen(level.text));
+  PELMAR_LOG_DEBUG_AS(kFunction, "out_len: %d, ssr_level: %s", static_cast<int>(length), level.text);
+  if (room < length) {
+    length = room;
+    PELMAR_LOG_DEBUG_AS(kFunction, "out_len is out of range, set it to in_len, out_len: %d", static_cast<int>(length));
+  }
+  const char* text = level.text;
+  if (length < 1) {
+    text = kNoLevel;
+    length = PELMAR_SSR_NAME_MIN_BYTES;
+    PELMAR_LOG_DEBUG_AS(kFunction, "out_len is invalid, set name to invalid, out_len: %d", static_cast<int>(length));
+  }
+  std::memcpy(name, text, length);
+  PELMAR_LOG_DEBUG_AS(kFunction, "out_len: %d, name: %.*s", static_cast<int>(length), static_cast<int>(length), name);
+}
+
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+extern "C" {
+
+int32_t pelmar_get_modem_ssr_type(void) {
+  PELMAR_RETURN_LOGGED(read_type());
+}
+
+int32_t pelmar_set_modem_ssr_type(int32_t type) {
+  PELMAR_RETURN_LOGGED(write_type(type));
+}
+
+void pelmar_get_modem_ssr_type_name(char* name, uint32_t* in_out_len) {
+  PELMAR_LOG_ENTRY();
+  if (name == nullptr) {
+    PELMAR_LOG_DEBUG("name is NULL");
+  } else if (in_out_len == nullptr) {
+    PELMAR_LOG_DEBUG("in_out_len is NULL");
+  } else {
+    copy_level(name, *in_out_len);
+  }
+  PELMAR_LOG_EXIT();
+}
+
+int32_t pelmar_modem_ssr_wait_s(int32_t wait_s) {
+  PELMAR_LOG_ENTRY();
+  const int32_t seconds = wait_s < 0 ? read_int_property(kWaitSeconds, kDefaultWaitSeconds) : wait_s;
+  PELMAR_LOG_DEBUG("ssr wait_s = %d", seconds);
+  if (seconds < 1) {
+    PELMAR_LOG_DEBUG("modem ssr will not wait");
+  } else {
+    PELMAR_LOG_DEBUG("wait-start(%ds) ...", seconds);
+    sleep(static_cast<unsigned>(seconds));
+    PELMAR_LOG_DEBUG("wait-end(%ds)", seconds);
+  }
+  PELMAR_LOG_EXIT_RET(seconds);
+  return seconds;
+}
+}
