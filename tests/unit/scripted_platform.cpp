@@ -39,6 +39,7 @@ std::function<void(unsigned)> on_sleep;
 std::function<Answer(const Call&)> on_send;
 std::function<int(const Call&)> on_send_async;
 std::function<int(int)> on_init_instance;
+std::function<int(unsigned, uint8_t*, unsigned)> on_decode;
 int notifier_init_result = 0;
 int register_notify_result = 0;
 std::vector<PmCall> pm_calls;
@@ -476,6 +477,7 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_
                                                 unsigned msg_id, const void* bytes, unsigned length, void* structure,
                                                 unsigned structure_length) {
   if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (on_decode) return on_decode(msg_id, static_cast<uint8_t*>(structure), structure_length);
   return pelmar::platform::decode(handle->service, type, static_cast<uint16_t>(msg_id),
                                   static_cast<const uint8_t*>(bytes), length, structure, structure_length);
 }

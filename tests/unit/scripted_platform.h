@@ -103,6 +103,8 @@ std::vector<uint8_t> header(uint32_t result, uint32_t error);
 extern std::function<Answer(const Call&)> on_send;        // answers synchronous sends; empty: success
 extern std::function<int(const Call&)> on_send_async;     // the outcome of an asynchronous send; empty: 0
 extern std::function<int(int attempt)> on_init_instance;  // outcome by attempt, from 0; empty: 0
+// Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
+extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)> on_decode;
 extern int notifier_init_result;
 extern int register_notify_result;
 
