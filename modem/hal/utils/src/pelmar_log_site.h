@@ -81,16 +81,28 @@ template <typename... Arguments>
 
 [[gnu::format(printf, 1, 2)]] inline void check_format(const char*, ...) {}
 
+// The lines that most sites are, out of line.
+[[gnu::cold, gnu::visibility("hidden")]] void write_entry(const char* function, const char* file, int line);
+[[gnu::cold, gnu::visibility("hidden")]] void write_exit(const char* function, const char* file, int line);
+[[gnu::cold, gnu::visibility("hidden")]] void write_exit_ret(const char* function, const char* file, int line, int ret);
+
 }  // namespace pelmar::log
 
-#define PELMAR_LOG_LINE(level, function, body, ...)                                        \
-  do {                                                                                     \
-    if (false) ::pelmar::log::check_format(body __VA_OPT__(, ) __VA_ARGS__);               \
-    if (::pelmar::log::may_pass(level)) [[unlikely]] {                                     \
-      ::pelmar::log::write_line({level, __LINE__, __FILE_NAME__, function},                \
-                                {"SUB[%d][%s:%d] %s: " body, "[%s][%s:%d] %s: " body,      \
-                                 "RIL[%s:%d] %s: " body "\n"} __VA_OPT__(, ) __VA_ARGS__); \
-    }                                                                                      \
+#define PELMAR_LOG_FORMATS(body) \
+  { "SUB[%d][%s:%d] %s: " body, "[%s][%s:%d] %s: " body, "RIL[%s:%d] %s: " body "\n" }
+
+#define PELMAR_LOG_IF_OPEN(level, write)               \
+  do {                                                 \
+    if (::pelmar::log::may_pass(level)) [[unlikely]] { \
+      write;                                           \
+    }                                                  \
+  } while (0)
+
+#define PELMAR_LOG_LINE(level, function, body, ...)                                                            \
+  do {                                                                                                         \
+    if (false) ::pelmar::log::check_format(body __VA_OPT__(, ) __VA_ARGS__);                                   \
+    PELMAR_LOG_IF_OPEN(level, ::pelmar::log::write_line({level, __LINE__, __FILE_NAME__, function},            \
+                                                        PELMAR_LOG_FORMATS(body) __VA_OPT__(, ) __VA_ARGS__)); \
   } while (0)
 
 #define PELMAR_LOG_ERROR_AS(function, ...) PELMAR_LOG_LINE(::pelmar::log::kError, function, __VA_ARGS__)
@@ -99,10 +111,13 @@ template <typename... Arguments>
 #define PELMAR_LOG_DEBUG(...) PELMAR_LOG_DEBUG_AS(__func__, __VA_ARGS__)
 
 // What every exported operation writes on entry and on leaving, without or with its result.
-#define PELMAR_LOG_ENTRY_AS(function) PELMAR_LOG_DEBUG_AS(function, "function entry ------------->")
-#define PELMAR_LOG_EXIT_AS(function) PELMAR_LOG_DEBUG_AS(function, "function exit <-------------")
+#define PELMAR_LOG_ENTRY_AS(function) \
+  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug, ::pelmar::log::write_entry(function, __FILE_NAME__, __LINE__))
+#define PELMAR_LOG_EXIT_AS(function) \
+  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug, ::pelmar::log::write_exit(function, __FILE_NAME__, __LINE__))
 #define PELMAR_LOG_EXIT_RET_AS(function, ret) \
-  PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d) <-------------", static_cast<int>(ret))
+  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug,   \
+                     ::pelmar::log::write_exit_ret(function, __FILE_NAME__, __LINE__, static_cast<int>(ret)))
 #define PELMAR_LOG_ENTRY() PELMAR_LOG_ENTRY_AS(__func__)
 #define PELMAR_LOG_EXIT() PELMAR_LOG_EXIT_AS(__func__)
 #define PELMAR_LOG_EXIT_RET(ret) PELMAR_LOG_EXIT_RET_AS(__func__, ret)

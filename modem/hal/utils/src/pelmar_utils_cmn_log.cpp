@@ -1,7 +1,7 @@
 // The two sinks and their masks.
 //
-// Nothing here is a log site: every message goes straight to the system log, with no prefix and no mask test, because
-// log sites call these functions.
+// Nothing here is a log site: every message of the masks goes straight to the system log, with no prefix and no mask
+// test, because log sites call these functions.
 
 // The checked variants that fortified headers put in the place of vsyslog have another name; the platform answers to
 // this one.
@@ -98,6 +98,19 @@ bool passes(const Sink& sink, int32_t level) {
 }
 
 }  // namespace
+
+void write_entry(const char* function, const char* file, int line) {
+  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function entry ------------->"));
+}
+
+void write_exit(const char* function, const char* file, int line) {
+  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function exit <-------------"));
+}
+
+void write_exit_ret(const char* function, const char* file, int line, int ret) {
+  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function exit, ret(%d) <-------------"), ret);
+}
+
 }  // namespace pelmar::log
 
 using namespace pelmar::log;
