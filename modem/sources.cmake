@@ -39,3 +39,12 @@ set(PELMAR_UTILS_SOURCES
   hal/utils/src/pelmar_utils_cmn_sub.cpp
   hal/utils/src/pelmar_utils_cmn_thread.cpp
 )
+
+# Hydra, and the vote for the modem's power.
+set(PELMAR_HYDRA_SOURCES
+  hal/hydra/modem_api/modem_api_peripheral_mng.cpp
+  hal/hydra/modem_api/modem_hydra_mgr_client.cpp
+  hal/hydra/modem_api/modem_hydra_mgr_fetch.cpp
+  hal/hydra/modem_api/modem_hydra_mgr_metrics.cpp
+  hal/hydra/modem_api/modem_hydra_mgr_tx_power.cpp
+)

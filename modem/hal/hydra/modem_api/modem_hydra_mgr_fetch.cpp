@@ -1,0 +1,133 @@
+#include "modem_hydra_mgr_fetch.h"
+
+#include <bit>
+#include <cstring>
+
+#include "modem_api_command.h"
+#include "modem_hydra.h"
+#include "modem_hydra_mgr_client.h"
+#include "pelmar_log_site.h"
+
+namespace pelmar {
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "fields are copied as they stand in a value");
+
+constexpr int kMaxValueBytes = MODEM_API_STATS_VALUE_BYTES;
+constexpr uint32_t kSubscriptions = 2;
+
+// The last fetched value. A fetch that fails leaves the bytes zero and the cursor where it was.
+struct FetchedValue {
+  uint8_t bytes[kMaxValueBytes];
+  int32_t data_left;    // bytes that are not taken yet
+  int32_t data_count;   // bytes that are taken: the offset of the next field
+  uint32_t id;          // of the last value that came
+  uint32_t length;      // as the modem gave it, also when it was refused
+  uint32_t request_no;  // running count of requests; its low 16 bits go out as the slot
+};
+
+constinit FetchedValue g_value = {};
+
+bool ensure_open(const char* function) {
+  if (modem_hydra_api_is_inited() != 0) return true;
+  PELMAR_LOG_ERROR_AS(function, "The hydra is not inited, will init it");
+  modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb);
+  if (modem_hydra_api_is_inited() != 0) return true;
+  PELMAR_LOG_ERROR_AS(function, "The hydra init failed, will do nothing");
+  return false;
+}
+
+// Whether the modem's answer is the one value that was asked for; keeps the value's length.
+bool is_expected(const char* function, uint32_t sub, uint32_t id, const stats_para_data& answer) {
+  const stats_para_entry& entry = answer.entries[0];
+  const int number = static_cast<int>(g_value.request_no);
+  const int asked_sub = static_cast<int>(sub);
+  const int asked_id = static_cast<int>(id);
+  const int count = static_cast<int>(answer.para_num);
+  if (count == 0) {
+    PELMAR_LOG_ERROR_AS(function, "Fail to get data, empty, number = %d, sub = %d, ret id_num = %d, id = %d", number,
+                        asked_sub, count, asked_id);
+    return false;
+  }
+  if (count != 1) {
+    PELMAR_LOG_ERROR_AS(function, "Fail to get data, id num error, number = %d, sub = %d, ret id_num = %d, id = %d",
+                        number, asked_sub, count, asked_id);
+    return false;
+  }
+  if (entry.id != id) {
+    PELMAR_LOG_ERROR_AS(function,
+                        "Fail to get data, ret_id(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
+                        static_cast<int>(entry.id), number, asked_sub, count, asked_id);
+    return false;
+  }
+  const auto entry_sub = static_cast<uint16_t>(entry.sub);
+  if (entry_sub != static_cast<uint16_t>(sub)) {
+    PELMAR_LOG_ERROR_AS(function,
+                        "Fail to get data, ret_sub(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
+                        entry_sub, number, asked_sub, count, asked_id);
+    return false;
+  }
+  g_value.length = entry.value_len;
+  if (g_value.length == 0 || g_value.length > kMaxValueBytes) {
+    PELMAR_LOG_ERROR_AS(function,
+                        "Fail to get data, data_len(%d) is invalid, should be in (0, %d], number = %d, sub = %d, "
+                        "ret id_num = %d, id = %d",
+                        static_cast<int>(g_value.length), kMaxValueBytes, number, asked_sub, count, asked_id);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+constinit Lock g_decoder_lock;
+
+uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id) {
+  g_value.length = 0;
+  std::memset(g_value.bytes, 0, sizeof(g_value.bytes));
+  if (!ensure_open(__func__)) return 1;
+  if (sub >= kSubscriptions) {
+    PELMAR_LOG_ERROR("modem_api_get_stats_parameter, sub(%d) is invalid", static_cast<int>(sub));
+    return 1;
+  }
+  Zeroed<stats_para_data> data;
+  data.para_num = 1;
+  data.entries[0].sub = sub;
+  data.entries[0].id = id;
+  ++g_value.request_no;
+  const modem_api_result ret =
+      modem_hydra_get_stats_parameter(static_cast<uint16_t>(sub), static_cast<uint16_t>(g_value.request_no), &data);
+  if (ret != MODEM_API_SUCCESS) {
+    PELMAR_LOG_ERROR("Fail to get data fail, number = %d, ret = %d, sub = %d, id = %d",
+                     static_cast<int>(g_value.request_no), ret, static_cast<int>(sub), static_cast<int>(id));
+    return 1;
+  }
+  if (!is_expected(__func__, sub, id, data)) return 1;
+  PELMAR_LOG_DEBUG("Success to get data, number = %d, sub = %d, ret id_num = %d, id = %d, data_len = %d",
+                   static_cast<int>(g_value.request_no), static_cast<int>(sub), static_cast<int>(data.para_num),
+                   static_cast<int>(id), static_cast<int>(g_value.length));
+  std::memcpy(g_value.bytes, data.entries[0].value, g_value.length);
+  g_value.data_count = 0;
+  g_value.data_left = static_cast<int32_t>(g_value.length);
+  g_value.id = id;
+  return 0;
+}
+
+bool take_field(const char* decoder, const MetricField& field, void* record) {
+  if (g_value.data_left < field.width) {
+    PELMAR_LOG_ERROR_AS(decoder, "g_hydra_data_left(%d) is not enough for %s, id(0x%x)", g_value.data_left, field.name,
+                        g_value.id);
+    return false;
+  }
+  if (g_value.data_count < 0) {
+    PELMAR_LOG_ERROR_AS(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
+                        g_value.id);
+    return false;
+  }
+  std::memcpy(static_cast<uint8_t*>(record) + field.offset, g_value.bytes + g_value.data_count, field.width);
+  g_value.data_count += field.width;
+  g_value.data_left -= field.width;
+  return true;
+}
+
+}  // namespace pelmar
