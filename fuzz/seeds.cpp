@@ -1,4 +1,5 @@
-// Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full.
+// Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full; and what the
+// two ends of a QMUX stream send each other.
 //
 //   fuzz_seeds DIRECTORY      writes DIRECTORY/<target>/...
 //
@@ -68,7 +69,45 @@ constexpr struct {
   uint32_t most;
 } kSizes[] = {{"empty", 0}, {"one", 1}, {"full", UINT32_MAX}};
 
-void write_codec_seeds(SeedWriter& writer) {
+constexpr uint8_t kToModem = 0x00;
+constexpr uint8_t kFromModem = 0x80;
+
+void append_u16(Bytes& bytes, size_t value) {
+  bytes.insert(bytes.end(), {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)});
+}
+
+void store_frame_length(Bytes& frame) {
+  frame[1] = static_cast<uint8_t>(frame.size() - 1);
+  frame[2] = static_cast<uint8_t>((frame.size() - 1) >> 8);
+}
+
+// A service message in its frame, as the one or the other end sends it.
+void write_frame_seeds(SeedWriter& writer, const CatalogueMessage& message, const char* name, const Bytes& wire) {
+  constexpr uint8_t kClient = 5;
+  constexpr uint8_t kFlags[] = {0, 2, 4};
+  const bool is_request = message.type == QMI_IDL_REQUEST;
+  const auto service = static_cast<uint8_t>(message.service->service_id);
+  Bytes frame = {0x01, 0, 0, is_request ? kToModem : kFromModem, service, kClient, kFlags[message.type]};
+  append_u16(frame, message.type == QMI_IDL_INDICATION ? 0 : 1);
+  append_u16(frame, message.id);
+  append_u16(frame, wire.size());
+  frame.insert(frame.end(), wire.begin(), wire.end());
+  store_frame_length(frame);
+  if (is_request) {
+    writer.write("modem_frames", name, {}, frame);
+  } else {
+    writer.write("framework_frames", name, {7}, frame);
+    writer.write("transport", name, {1}, frame);
+  }
+}
+
+void write_indication_seeds(SeedWriter& writer, const char* name, const Bytes& wire) {
+  for (const uint8_t choice : {0, 1, 2, 3, 4}) {
+    writer.write("indication", name + std::to_string(choice), {choice}, wire);
+  }
+}
+
+void write_message_seeds(SeedWriter& writer) {
   for (size_t choice = 0; choice < catalogue().size(); ++choice) {
     const CatalogueMessage& message = catalogue()[choice];
     for (const auto& size : kSizes) {
@@ -81,8 +120,41 @@ void write_codec_seeds(SeedWriter& writer) {
       const auto number = static_cast<uint8_t>(choice);
       writer.write("decode", name, {number}, wire);
       writer.write("encode", name, {number, 0xFF, 0xFF}, structure);
+      write_frame_seeds(writer, message, name, wire);
+      if (message.type == QMI_IDL_INDICATION) write_indication_seeds(writer, name, wire);
     }
   }
+}
+
+// A frame of the CTL service with one TLV.
+Bytes control_frame(uint8_t direction, uint8_t flags, uint8_t transaction, uint16_t id, uint8_t tlv, Bytes value) {
+  value.insert(value.begin(), {tlv, static_cast<uint8_t>(value.size()), 0});
+  Bytes frame = {0x01, 0, 0, direction, 0, 0, flags, transaction};
+  append_u16(frame, id);
+  append_u16(frame, value.size());
+  frame.insert(frame.end(), value.begin(), value.end());
+  store_frame_length(frame);
+  return frame;
+}
+
+void write_control_seeds(SeedWriter& writer) {
+  constexpr uint8_t kRequest = 0, kResponse = 1, kIndication = 2;
+  constexpr uint8_t kService = 0xE4;
+  const Bytes device = {'/', 'd', 'e', 'v'};
+  writer.write("modem_frames", "proxy-open", {}, control_frame(kToModem, kRequest, 1, 0xFF00, 0x01, device));
+  writer.write("modem_frames", "allocate", {}, control_frame(kToModem, kRequest, 2, 0x0022, 0x01, {kService}));
+  writer.write("modem_frames", "release", {}, control_frame(kToModem, kRequest, 3, 0x0023, 0x01, {kService, 5}));
+
+  const Bytes revoke = control_frame(kFromModem, kIndication, 0, 0x0024, 0x01, {kService, 5});
+  const Bytes success = control_frame(kFromModem, kResponse, 1, 0xFF00, 0x02, {0, 0, 0, 0});
+  const Bytes failure = control_frame(kFromModem, kResponse, 1, 0xFF00, 0x02, {1, 0, 5, 0});
+  for (const uint8_t cut : {0, 1}) {
+    writer.write("framework_frames", "revoke-" + std::to_string(cut), {cut}, revoke);
+    writer.write("framework_frames", "success-" + std::to_string(cut), {cut}, success);
+  }
+  writer.write("transport", "refused", {0}, failure);
+  writer.write("transport", "opened-halfway", {0}, success);
+  writer.write("transport", "revoked", {1}, revoke);
 }
 
 }  // namespace
@@ -94,6 +166,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   pelmar::fuzz::SeedWriter writer(argv[1]);
-  pelmar::fuzz::write_codec_seeds(writer);
+  pelmar::fuzz::write_message_seeds(writer);
+  pelmar::fuzz::write_control_seeds(writer);
   return 0;
 }

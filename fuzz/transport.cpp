@@ -1,0 +1,122 @@
+// The framework's transport over a real socket, against a modem that answers with any bytes.
+//
+//   input: u8 flags, the modem's bytes. Flag 1: the bytes come after the answers that open a connection.
+//
+// The modem sends all it has at once and closes. Whatever it sent, opening ends, every message lies inside what was
+// read, and after the end of the stream nothing more comes.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "messages.h"
+#include "qmi_client.h"
+#include "qmux_transport.h"
+#include "vs_messages.h"
+
+using namespace pelmar::fuzz;
+using namespace pelmar::platform;
+
+namespace {
+
+// A peer on an abstract socket, serving one connection after the other from a thread of its own.
+class Peer {
+ public:
+  Peer() {
+    const std::string name = "pelmar-fuzz-" + std::to_string(getpid());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    require(bind(listener_, reinterpret_cast<const sockaddr*>(&address), length) == 0 && listen(listener_, 4) == 0);
+    setenv("PELMAR_QMI_SOCKET", ("@" + name).c_str(), 1);
+    std::thread([this] { serve(); }).detach();
+  }
+
+  // What the next connection is sent.
+  void set_answer(Bytes answer) {
+    const std::lock_guard lock(mutex_);
+    answer_ = std::move(answer);
+  }
+
+ private:
+  void serve() {
+    for (;;) {
+      const int connection = accept(listener_, nullptr, nullptr);
+      if (connection < 0) continue;
+      Bytes answer;
+      {
+        const std::lock_guard lock(mutex_);
+        answer = answer_;
+      }
+      send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
+      shutdown(connection, SHUT_WR);
+      char drain[256];
+      while (recv(connection, drain, sizeof drain, 0) > 0) continue;
+      close(connection);
+    }
+  }
+
+  int listener_;
+  std::mutex mutex_;
+  Bytes answer_;
+};
+
+Peer& peer() {
+  static auto* const instance = new Peer;
+  return *instance;
+}
+
+constexpr uint8_t kService = 0xE4;
+constexpr uint8_t kClient = 5;
+
+// The modem's answers while a connection is opened: the proxy is open, there is the service, this is the client id.
+constexpr uint8_t kOpening[] = {
+    0x01, 18, 0,    0x80, 0,        0, 1, 1, 0x00, 0xFF, 7,  0, 0x02,     4,       0, 0, 0, 0,    0,  //
+    0x01, 27, 0,    0x80, 0,        0, 1, 2, 0x21, 0x00, 16, 0, 0x02,     4,       0, 0, 0, 0,    0,
+    0x01, 6,  0,    1,    kService, 1, 0, 2, 0,    0x01, 23, 0, 0x80,     0,       0, 1, 3, 0x22, 0x00,
+    12,   0,  0x02, 4,    0,        0, 0, 0, 0,    0x01, 2,  0, kService, kClient,
+};
+
+void read_messages(Connection& connection) {
+  for (ReadStatus status = ReadStatus::kRead;;
+       status = connection.read(Deadline::after(Deadline::Milliseconds(5000)))) {
+    Message message;
+    for (Arrival arrival; (arrival = connection.next(message)) != Arrival::kNone;) {
+      if (arrival == Arrival::kServiceGone) continue;
+      const Bytes copy(message.tlvs, message.tlvs + message.length);
+    }
+    if (status == ReadStatus::kRead) continue;
+    require(status == ReadStatus::kGone && connection.next(message) == Arrival::kNone);
+    return;
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  Bytes answer;
+  const bool opens = data[0] & 1;
+  if (opens) answer.assign(std::begin(kOpening), std::end(kOpening));
+  answer.insert(answer.end(), data + 1, data + size);
+  peer().set_answer(std::move(answer));
+
+  QmuxTransport transport;
+  std::unique_ptr<Connection> connection;
+  const int32_t error = transport.open(kService, 1024, connection);
+  require((error == QMI_NO_ERR) == (connection != nullptr));
+  require(!opens || connection != nullptr);
+  if (connection == nullptr) return 0;
+  read_messages(*connection);
+  connection->close(Deadline::now());
+  return 0;
+}
