@@ -114,7 +114,7 @@ int32_t encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type
   if (error != QMI_IDL_LIB_NO_ERR) return error;
   if (structure_length < message.structure_length) return QMI_IDL_LIB_BUFFER_TOO_SMALL;
   if (message.tlvs == nullptr) return QMI_IDL_LIB_NO_ERR;
-  if (structure == nullptr || out == nullptr) return QMI_IDL_LIB_PARAMETER_ERR;
+  if (structure == nullptr || (out == nullptr && capacity != 0)) return QMI_IDL_LIB_PARAMETER_ERR;
 
   const auto* const from = static_cast<const uint8_t*>(structure);
   Output output{out + capacity, QMI_IDL_LIB_NO_ERR};

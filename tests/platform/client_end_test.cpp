@@ -1,0 +1,144 @@
+// How client handles end: the service goes away, the handle is released, the process ends.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "client_fixture.h"
+
+namespace pelmar::platform {
+namespace {
+
+using Events = std::vector<std::string>;
+
+class ServiceGoes : public ClientTest, public testing::WithParamInterface<const char*> {
+ protected:
+  void go(uint8_t client) {
+    const std::string how = GetParam();
+    if (how == "revoked") {
+      modem_.revoke(0, kNasId, client);
+    } else if (how == "restarted") {
+      modem_.announce_restart(0);
+    } else {
+      modem_.close_connection(0);
+    }
+  }
+
+  // The modem of this test knows no void ids: what the client must not give back, the test takes away.
+  void TearDown() override { modem_.void_client_ids(); }
+};
+
+TEST_P(ServiceGoes, EverySendEndsAtOnce) {
+  const qmi_client_type handle = connect();
+  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
+  nas::GetDrxResponse async_response{};
+  ASSERT_EQ(send_async(handle, async_response, this), QMI_NO_ERR);
+  modem_.receive();
+  auto first = sender(handle, 0);
+  modem_.receive();
+  auto second = sender(handle, 0);
+  const ScriptedRequest request = modem_.receive();
+  modem_.indicate(0, kNasId, request.client, 1, {});
+  modem_.revoke(0, kNasId, static_cast<uint8_t>(request.client + 1));  // somebody else's
+  go(request.client);
+  EXPECT_EQ(first.get().first, QMI_SERVICE_ERR);
+  EXPECT_EQ(second.get().first, QMI_SERVICE_ERR);
+  EXPECT_EQ(events(3), (Events{"indication 1 (0)", "response 137 -2", "error -2"}));
+
+  nas::GetDrxResponse response{};
+  EXPECT_EQ(get_drx(handle, response), QMI_SERVICE_ERR);
+  EXPECT_EQ(send_async(handle, async_response, this), QMI_SERVICE_ERR);
+  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
+  EXPECT_EQ(events(4).back(), "error -2 on the caller's thread");
+  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_EQ(events(4).size(), 4u) << "one call for each registration";
+}
+
+TEST_P(ServiceGoes, TheHandlesThreadNoticesToo) {
+  const qmi_client_type handle = connect();
+  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
+  go(1);
+  EXPECT_EQ(events(1), (Events{"error -2"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
+  const qmi_client_type handle = connect();
+  std::atomic<bool> is_over{false};
+  set_on_indication([&](qmi_client_type) {
+    std::this_thread::sleep_for(milliseconds(50));
+    is_over = true;
+  });
+  nas::GetDrxResponse response{};
+  ASSERT_EQ(send_async(handle, response, this), QMI_NO_ERR);
+  const ScriptedRequest request = modem_.receive();
+  modem_.indicate(0, kNasId, 0xFF, 1, {});
+  modem_.indicate(0, kNasId, 0xFF, 2, {});
+  modem_.respond(request, ScriptedModem::drx_response(1));
+  events(1);
+  EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
+  EXPECT_TRUE(is_over);
+  EXPECT_TRUE(modem_.client_ids().empty());
+  std::this_thread::sleep_for(milliseconds(20));
+  EXPECT_EQ(events(1), (Events{"indication 1 (0)"}));
+}
+
+TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
+  const qmi_client_type handle = connect();
+  set_on_indication([&](qmi_client_type self) {
+    nas::GetDrxResponse response{};
+    const int released = qmi_client_release(self);
+    note("released " + std::to_string(released) + ", then " + std::to_string(get_drx(self, response)));
+  });
+  modem_.indicate(0, kNasId, 0xFF, 1, {});
+  modem_.indicate(0, kNasId, 0xFF, 2, {});
+  EXPECT_EQ(events(2), (Events{"indication 1 (0)", "released 0, then -18"}));
+  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_EQ(qmi_client_release(handle), QMI_CLIENT_INVALID_CLNT);
+  EXPECT_EQ(events(2).size(), 2u);
+}
+
+TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
+  const qmi_client_type handle = connect();
+  auto first = sender(handle, 0), second = sender(handle, 0);
+  modem_.receive();
+  modem_.receive();
+  EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
+  EXPECT_EQ(first.get().first, QMI_CLIENT_INVALID_CLNT);
+  EXPECT_EQ(second.get().first, QMI_CLIENT_INVALID_CLNT);
+  EXPECT_FALSE(modem_.is_connected(0));
+}
+
+// Forks before the modem's threads are there; the child waits for the modem.
+TEST(ProcessEnd, GivesClientIdsBack) {
+  const std::string path = "/tmp/scripted-modem-" + std::to_string(::getpid());
+  int connected[2], ended[2];
+  ASSERT_EQ(::pipe(connected) + ::pipe(ended), 0);
+  const pid_t child = ::fork();
+  char byte = 0;
+  if (child == 0) {
+    ::setenv("PELMAR_QMI_SOCKET", path.c_str(), 1);
+    qmi_client_type handle = nullptr;
+    const int error = qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 5000, &handle);
+    if (error != 0 || ::write(connected[1], "c", 1) != 1 || ::read(ended[0], &byte, 1) != 1) ::_exit(1);
+    std::exit(0);
+  }
+  {
+    ScriptedModem modem({kNasId});
+    ASSERT_EQ(::read(connected[0], &byte, 1), 1);
+    EXPECT_EQ(modem.client_ids().size(), 1u);
+    ASSERT_EQ(::write(ended[1], "e", 1), 1);
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(modem.client_ids().empty());
+  }
+  for (const int descriptor : {connected[0], connected[1], ended[0], ended[1]}) ::close(descriptor);
+}
+
+}  // namespace
+}  // namespace pelmar::platform

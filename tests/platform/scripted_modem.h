@@ -1,0 +1,95 @@
+// A modem behind a QMUX proxy, played by the test: it answers the CTL service by itself and leaves the requests of all
+// other services to the test, one by one. While it lives PELMAR_QMI_SOCKET names its socket.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace pelmar::platform {
+
+using Bytes = std::vector<uint8_t>;
+
+struct ScriptedRequest {
+  int connection;  // number of the connection that it came by, from 0
+  uint8_t service;
+  uint8_t client;
+  uint16_t transaction;
+  uint16_t id;
+  Bytes tlvs;
+};
+
+class ScriptedModem {
+ public:
+  explicit ScriptedModem(std::set<uint8_t> services);
+  ~ScriptedModem();
+
+  void set_services(std::set<uint8_t> services);
+  void set_client_id_limit(size_t limit);
+  void set_version_info(bool is_answered);
+  // Answers every request of a service at once with success, and an indication of the same number before it.
+  void set_echo(bool on);
+  void set_reading(bool on);
+
+  // The next request of a service; nothing within two seconds is an error of the test.
+  ScriptedRequest receive();
+  size_t request_count();
+
+  void respond(const ScriptedRequest& request, const Bytes& tlvs = kSuccess);
+  void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs);
+  void revoke(int connection, uint8_t service, uint8_t client);
+  void announce_restart(int connection);
+  void close_connection(int connection);
+  void send_raw(int connection, const Bytes& bytes);
+
+  // Service and id of all that are allocated; nothing frees them but a client's release, or the test.
+  std::set<std::pair<uint8_t, uint8_t>> client_ids();
+  void void_client_ids();
+  bool is_connected(int connection);  // still, after two seconds
+
+  static Bytes frame(uint8_t service, uint8_t client, const Bytes& message);
+  static Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs);
+  static Bytes drx_response(uint32_t value);
+
+  static const Bytes kSuccess;
+
+ private:
+  struct Peer {
+    int socket;
+    std::thread thread;
+    std::mutex sending;
+    bool is_open = true;
+  };
+
+  void accept_peers();
+  void serve(int connection, Peer& peer);
+  void handle_control(int connection, const Bytes& message);
+  Peer& peer(int connection);
+
+  std::string path_;
+  int listener_;
+  std::thread acceptor_;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::list<Peer> peers_;
+  std::set<uint8_t> services_;
+  std::set<std::pair<uint8_t, uint8_t>> client_ids_;
+  std::deque<ScriptedRequest> requests_;
+  uint8_t last_client_id_ = 0;
+  size_t limit_ = 10;
+  bool answers_version_info_ = true;
+  bool echoes_ = false;
+  bool is_reading_ = true;
+};
+
+}  // namespace pelmar::platform
