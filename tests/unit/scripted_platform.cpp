@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <utility>
 
 #include "qmi_codec.h"
 
@@ -28,6 +30,7 @@ struct qmi_client_struct {
   qmi_client_notify_cb notify_cb = nullptr;
   void* notify_data = nullptr;
   bool is_open = true;
+  int running_callbacks = 0;
 };
 
 namespace scripted {
@@ -40,6 +43,7 @@ std::function<Answer(const Call&)> on_send;
 std::function<int(const Call&)> on_send_async;
 std::function<int(int)> on_init_instance;
 std::function<int(unsigned, uint8_t*, unsigned)> on_decode;
+std::function<void(const Call&)> on_registered;
 int notifier_init_result = 0;
 int register_notify_result = 0;
 std::vector<PmCall> pm_calls;
@@ -66,6 +70,7 @@ struct HeldThread {
 // Never destroyed: detached threads of the library may outlive main().
 struct State {
   std::mutex lock;
+  std::condition_variable callback_ended;
   std::vector<LogLine> log;
   std::map<std::string, int> reads;
   std::vector<Call> calls;
@@ -90,6 +95,35 @@ std::atomic<Threads> g_threads{Threads::kRun};
 void record(Call call) {
   Guard guard(state().lock);
   state().calls.push_back(std::move(call));
+}
+
+// The handle whose callback this thread is in.
+thread_local qmi_client_type t_calling_back = nullptr;
+
+// Runs a callback of a handle with its data.
+template <typename Callback, typename Run>
+bool call_back(qmi_client_type handle, Callback qmi_client_struct::*callback, void* qmi_client_struct::*data, Run run) {
+  std::unique_lock<std::mutex> guard(state().lock);
+  const Callback function = handle->*callback;
+  if (!handle->is_open || function == nullptr) return false;
+  void* const argument = handle->*data;
+  ++handle->running_callbacks;
+  guard.unlock();
+  const qmi_client_type outer = std::exchange(t_calling_back, handle);
+  run(function, argument);
+  t_calling_back = outer;
+  guard.lock();
+  --handle->running_callbacks;
+  state().callback_ended.notify_all();
+  return true;
+}
+
+template <typename Callback>
+void register_callback(qmi_client_type handle, Callback qmi_client_struct::*callback, Callback function,
+                       void* qmi_client_struct::*data, void* argument) {
+  Guard guard(state().lock);
+  handle->*callback = function;
+  handle->*data = argument;
 }
 
 qmi_client_type new_handle(qmi_idl_service_object_type service) {
@@ -246,17 +280,21 @@ size_t open_handles() {
                                            [](const auto& handle) { return handle->is_open; }));
 }
 
-void indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes) {
+bool indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes) {
   std::vector<uint8_t> bytes = wire_bytes;
-  handle->ind_cb(handle, msg_id, bytes.data(), static_cast<unsigned>(bytes.size()), handle->ind_data);
+  return call_back(handle, &qmi_client_struct::ind_cb, &qmi_client_struct::ind_data, [&](auto function, void* data) {
+    function(handle, msg_id, bytes.data(), static_cast<unsigned>(bytes.size()), data);
+  });
 }
 
-void lose_service(qmi_client_type handle, int error) {
-  handle->error_cb(handle, error, handle->error_data);
+bool lose_service(qmi_client_type handle, int error) {
+  return call_back(handle, &qmi_client_struct::error_cb, &qmi_client_struct::error_data,
+                   [&](auto function, void* data) { function(handle, error, data); });
 }
 
-void announce_service(qmi_client_type notifier, qmi_client_notify_event_type event) {
-  notifier->notify_cb(notifier, notifier->service, event, notifier->notify_data);
+bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type event) {
+  return call_back(notifier, &qmi_client_struct::notify_cb, &qmi_client_struct::notify_data,
+                   [&](auto function, void* data) { function(notifier, notifier->service, event, data); });
 }
 
 void complete_send(const std::vector<uint8_t>& response, int code) {
@@ -425,17 +463,19 @@ qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type servi
 }
 
 qmi_client_error_type qmi_client_register_error_cb(qmi_client_type handle, qmi_client_error_cb callback, void* data) {
-  record({.name = "register_error_cb", .handle = handle});
-  handle->error_cb = callback;
-  handle->error_data = data;
+  const Call call{.name = "register_error_cb", .handle = handle};
+  record(call);
+  register_callback(handle, &qmi_client_struct::error_cb, callback, &qmi_client_struct::error_data, data);
+  if (on_registered) on_registered(call);
   return 0;
 }
 
 qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type handle, qmi_client_notify_cb callback, void* data) {
-  record({.name = "register_notify_cb", .handle = handle});
+  const Call call{.name = "register_notify_cb", .handle = handle};
+  record(call);
   if (register_notify_result != 0) return register_notify_result;
-  handle->notify_cb = callback;
-  handle->notify_data = data;
+  register_callback(handle, &qmi_client_struct::notify_cb, callback, &qmi_client_struct::notify_data, data);
+  if (on_registered) on_registered(call);
   return 0;
 }
 
@@ -449,7 +489,7 @@ qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type handle, unsigned 
                   .response_length = response_length,
                   .timeout = timeout};
   record(call);
-  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (handle == nullptr || !is_open(handle)) return QMI_CLIENT_INVALID_CLNT;
   const Answer answer = on_send ? on_send(call) : Answer{};
   if (answer.code == 0 || !answer.response.empty()) fill_response(response, response_length, answer.response);
   return answer.code;
@@ -465,7 +505,7 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
                   .request = bytes_of(request, request_length),
                   .response_length = response_length};
   record(call);
-  if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  if (handle == nullptr || !is_open(handle)) return QMI_CLIENT_INVALID_CLNT;
   const int code = on_send_async ? on_send_async(call) : 0;
   Guard guard(state().lock);
   if (code == 0) state().pending.push_back({handle, msg_id, response, response_length, callback, data});
@@ -485,8 +525,10 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_
 qmi_client_error_type qmi_client_release(qmi_client_type handle) {
   record({.name = "release", .handle = handle});
   if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
-  Guard guard(state().lock);
+  std::unique_lock<std::mutex> guard(state().lock);
   handle->is_open = false;
+  const int own = t_calling_back == handle ? 1 : 0;
+  state().callback_ended.wait(guard, [&] { return handle->running_callbacks <= own; });
   return 0;
 }
 

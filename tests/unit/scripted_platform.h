@@ -105,6 +105,7 @@ extern std::function<int(const Call&)> on_send_async;     // the outcome of an a
 extern std::function<int(int attempt)> on_init_instance;  // outcome by attempt, from 0; empty: 0
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
 extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)> on_decode;
+extern std::function<void(const Call&)> on_registered;  // runs at the end of a register_*_cb; may be empty
 extern int notifier_init_result;
 extern int register_notify_result;
 
@@ -114,10 +115,11 @@ qmi_client_type last_notifier();
 bool is_open(qmi_client_type handle);
 size_t open_handles();
 
-// The framework calling back, on the caller's thread.
-void indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes);
-void lose_service(qmi_client_type handle, int error = QMI_SERVICE_ERR);
-void announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
+// The framework calling back, on the caller's thread. False: the handle is released or has no such callback. A release
+// waits for the end of the handle's callbacks, but for one that it is called from.
+bool indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes);
+bool lose_service(qmi_client_type handle, int error = QMI_SERVICE_ERR);
+bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
 // Ends the oldest asynchronous send with a response structure (its beginning) and a transport code.
 void complete_send(const std::vector<uint8_t>& response, int code = 0);
 
