@@ -1,0 +1,113 @@
+// The program: how it starts, how it ends, and how the operator talks to it.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+
+#include "io/local_socket.h"
+#include "qmux_client.h"
+#include "sim_process.h"
+
+namespace pelmar::sim::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Process, SignalsEndItAndItsSocketFiles) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    ScratchDirectory directory;
+    SimProcess modem(directory);
+    EXPECT_TRUE(fs::exists(modem.socket()));
+    EXPECT_EQ(modem.end(signal), 0);
+    EXPECT_FALSE(fs::exists(modem.socket()));
+    EXPECT_FALSE(fs::exists(directory.path("storage/control")));
+  }
+}
+
+TEST(Process, SocketsOfADeadModemAreReplacedAndThoseOfALiveOneRefused) {
+  ScratchDirectory directory;
+  {
+    SimProcess modem(directory);
+    EXPECT_EQ(modem.end(SIGKILL), -SIGKILL);
+    EXPECT_TRUE(fs::exists(modem.socket()));
+  }
+  SimProcess modem(directory);
+  const Outcome same_socket =
+      run_program({MODEM_SIM, "serve", "--socket", modem.socket(), "--storage", directory.path("other")});
+  EXPECT_EQ(same_socket.status, 1);
+  EXPECT_NE(same_socket.output.find("another process serves socket"), std::string::npos) << same_socket.output;
+  const Outcome same_storage =
+      run_program({MODEM_SIM, "serve", "--socket", directory.path("q2"), "--storage", directory.path("storage")});
+  EXPECT_EQ(same_storage.status, 1);
+  EXPECT_NE(same_storage.output.find("in use by another modem_sim"), std::string::npos) << same_storage.output;
+  EXPECT_NE(QmuxClient(modem.socket()).allocate(0xE4), 0) << "the live one is not disturbed";
+
+  const Outcome a_file = run_program({MODEM_SIM, "serve", "--socket", MODEM_SIM, "--storage", directory.path("other")});
+  EXPECT_EQ(a_file.status, 1);
+  EXPECT_NE(a_file.output.find("is no socket"), std::string::npos) << a_file.output;
+  EXPECT_TRUE(fs::exists(MODEM_SIM));
+}
+
+TEST(Process, AbstractNamesWorkToo) {
+  ScratchDirectory directory;
+  const std::string name = "@" + directory.path("name");
+  EventLoop loop;
+  const LocalListener first(loop, name, [](UniqueFd) {});
+  EXPECT_TRUE(connect_local(name));
+  EXPECT_THROW(LocalListener(loop, name, [](UniqueFd) {}), std::runtime_error);
+}
+
+TEST(Process, EndsWhenNobodyIsConnectedForTheTimeGiven) {
+  ScratchDirectory directory;
+  SimProcess modem(directory, {"--exit-when-idle", "1"});
+  {
+    QmuxClient client(modem.socket());
+    EXPECT_FALSE(client.is_closed_by_modem(1500)) << "a connected client keeps it";
+  }
+  const auto left = std::chrono::steady_clock::now();
+  EXPECT_EQ(modem.end(0), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - left, std::chrono::milliseconds(900));
+}
+
+TEST(Process, IsNotReadyWhileItStarts) {
+  ScratchDirectory directory;
+  SimProcess modem(directory, {"--starting-ms", "200"});
+  QmuxClient client(modem.socket());
+  EXPECT_EQ(client.control(0x0022, tlv(0x01, {0xE4})).error(), 52);
+  while (client.allocate(0xE4) == 0) {
+  }
+}
+
+TEST(Process, TheOperatorsProgramTellsSuccessFromFailure) {
+  ScratchDirectory directory;
+  SimProcess modem(directory);
+  const std::string storage = directory.path("storage");
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    const char* output;
+  } cases[] = {
+      {{"ctl", "--storage", storage, "service", "sar", "down"}, 0, "service: sar\nup: false\n"},
+      {{"ctl", "--control", storage + "/control", "--json", "service", "sar", "up"}, 0, "{\"ok\":true,\"service\":"},
+      {{"ctl", "--storage", storage, "status"}, 0, "state: ready\n"},
+      {{"ctl", "--storage", storage, "explode"}, 1, "unknown command 'explode'"},
+      {{"ctl", "--storage", storage}, 1, "no command given"},
+      {{"ctl", "--storage", directory.path("nowhere"), "status"}, 1, "cannot connect to"},
+      {{"ctl", "--help"}, 0, "service SERVICE up|down"},
+      {{"ctl", "--storage", storage, "quit"}, 0, "done"},
+  };
+  for (const auto& each : cases) {
+    std::vector<std::string> arguments = {MODEM_SIM};
+    arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
+    const Outcome outcome = run_program(arguments);
+    EXPECT_EQ(outcome.status, each.status) << outcome.output;
+    EXPECT_NE(outcome.output.find(each.output), std::string::npos) << outcome.output;
+  }
+  EXPECT_EQ(modem.end(0), 0);
+}
+
+}  // namespace
+
+}  // namespace pelmar::sim::test

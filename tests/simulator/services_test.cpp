@@ -1,0 +1,276 @@
+// What the services answer, and that what was set has its effect.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "nas_messages.h"
+#include "qmux_client.h"
+#include "sar_messages.h"
+#include "sim_process.h"
+#include "vs_messages.h"
+#include "vs_service_object.h"
+
+namespace pelmar::sim::test {
+
+namespace {
+
+// One client of one service.
+class Client {
+ public:
+  Client(const SimProcess& modem, qmi_idl_service_object_type object)
+      : connection_(modem.socket()),
+        object_(object),
+        id_(connection_.allocate(static_cast<uint8_t>(object->service_id))) {}
+
+  template <class Response, class Request>
+  Response call(uint16_t message, const Request& request, uint16_t expected_error = 0) {
+    Response response{};
+    EXPECT_EQ(connection_.call(object_, id_, message, request, response), expected_error) << "message " << message;
+    return response;
+  }
+
+  QmuxClient& connection() { return connection_; }
+  uint8_t id() const { return id_; }
+
+ private:
+  QmuxClient connection_;
+  qmi_idl_service_object_type object_;
+  uint8_t id_;
+};
+
+class VsClient : public Client {
+ public:
+  explicit VsClient(const SimProcess& modem) : Client(modem, &vs_qmi_idl_service_object_v01) {}
+  void want_events(bool ab, bool c) {
+    call<vs::PlainResponse>(vs::kSetEventReport, vs::SetEventReportRequest{1, ab, 1, c});
+  }
+};
+
+class NasClient : public Client {
+ public:
+  NasClient(const SimProcess& modem, uint32_t sub)
+      : Client(modem, nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS,
+                                                          NAS_V01_IDL_TOOL_VERS)) {
+    call<nas::PlainResponse>(QMI_NAS_BIND_SUBSCRIPTION_V01, nas::BindSubscriptionRequest{sub});
+  }
+  nas::CellLocationResponse cells() {
+    return call<nas::CellLocationResponse>(QMI_NAS_GET_CELL_LOCATION_INFO_V01, nas::EmptyRequest{});
+  }
+  void lock(const std::vector<nas::LteCellLock>& cells) {
+    nas::SetLteCellLockRequest request{};
+    request.lock_count = static_cast<uint32_t>(cells.size());
+    std::copy(cells.begin(), cells.end(), request.locks);
+    request.option_valid = request.option = 1;
+    call<nas::PlainResponse>(QMI_NAS_SET_LTE_CELL_LOCK_V01, request);
+  }
+  void disable_nr(uint32_t mode, uint16_t error = 0) {
+    nas::SetSystemSelectionPreferenceRequest request{};
+    request.nr_disable_mode_valid = 1;
+    request.nr_disable_mode = mode;
+    call<nas::PlainResponse>(QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, request, error);
+  }
+};
+
+class Services : public testing::Test {
+ protected:
+  ScratchDirectory directory_;
+  SimProcess modem_{directory_};
+};
+
+TEST_F(Services, APassThroughCommandComesBackWhole) {
+  VsClient client(modem_);
+  vs::PassThroughRequest request{};
+  request.payload_len = vs::kMaxPassThroughBytes;
+  for (size_t i = 0; i < vs::kMaxPassThroughBytes; ++i) request.payload[i] = static_cast<uint8_t>(i * 7);
+  const auto response = client.call<vs::PassThroughResponse>(vs::kPassThrough, request);
+  EXPECT_EQ(response.data_len, request.payload_len);
+  EXPECT_TRUE(std::equal(std::begin(request.payload), std::end(request.payload), response.data));
+}
+
+TEST_F(Services, EventsGoToThoseThatAskedForThem) {
+  VsClient ab(modem_);
+  VsClient c(modem_);
+  ab.want_events(true, false);
+  c.want_events(false, true);
+  EXPECT_EQ(modem_.operator_command("event 2 258 1 0")["sent"], 2);
+  EXPECT_EQ(modem_.operator_command("event 3 7 record 1:82:0102 secondary 0:5: trailer 9")["sent"], 1);
+  EXPECT_EQ(modem_.operator_command("event 4 7 0a0b 1 2")["sent"], 1);
+  EXPECT_EQ(modem_.operator_command("event 5 3")["sent"], 1);
+  EXPECT_EQ(modem_.operator_command("event 5 4 to " + std::to_string(ab.id()))["sent"], 1);
+  c.want_events(false, false);
+  EXPECT_EQ(modem_.operator_command("event 5 3")["sent"], 0);
+
+  const Bytes status = tlv(0x01, {2, 1, 0, 0}) + tlv(0x02, {1}) + tlv(0x03, {0});
+  const Bytes report_a = tlv(0x01, {7, 0, 0, 0}) + tlv(0x02, {1, 1, 0, 0, 0, 82, 0, 0, 0, 2, 0, 1, 2}) +
+                         tlv(0x10, {1, 0, 0, 0, 0, 5, 0, 0, 0, 0, 0}) + tlv(0x11, {9, 0, 0, 0});
+  const Bytes report_b = tlv(0x01, {7, 0, 0, 0}) + tlv(0x02, {2, 10, 11}) + tlv(0x03, {1, 0}) + tlv(0x04, {2, 0});
+  const std::pair<uint16_t, Bytes> to_ab[] = {
+      {0x0004, status}, {0x0203, report_a}, {0x0204, report_b}, {0x0601, tlv(0x01, {4})}};
+  for (const auto& [message, tlvs] : to_ab) {
+    const auto received = ab.connection().receive();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->flags, 4);
+    EXPECT_EQ(received->client, ab.id());
+    EXPECT_EQ(received->transaction, 0);
+    EXPECT_EQ(received->message, message);
+    EXPECT_EQ(received->tlvs, tlvs) << message;
+  }
+}
+
+TEST_F(Services, AStreamIsCompleteAndInOrder) {
+  VsClient client(modem_);
+  client.want_events(true, false);
+  modem_.operator_command("stream 500");
+  for (uint32_t i = 0; i < 500; ++i) {
+    const auto received = client.connection().receive();
+    ASSERT_TRUE(received) << i;
+    ASSERT_EQ(received->tlvs.size(), 10672u);
+    EXPECT_EQ(received->value(0x01), (Bytes{static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8), 0, 0}));
+  }
+  modem_.operator_command("stream 4000000 every 1000");
+  ASSERT_TRUE(client.connection().receive());
+  EXPECT_EQ(
+      client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, vs::GetFeatureStatusRequest{300}, 42).enabled, 0)
+      << "the stream lets requests through";
+}
+
+TEST_F(Services, FeaturesAreSwitched) {
+  VsClient client(modem_);
+  const vs::GetFeatureStatusRequest get{2};
+  EXPECT_EQ(client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, get).enabled, 0);
+  client.call<vs::PlainResponse>(vs::kSetFeatureStatus, vs::SetFeatureStatusRequest{2, 1, 1, 1});
+  const auto on = client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, get);
+  EXPECT_EQ(on.enabled, 1);
+  EXPECT_EQ(on.effective, 1);
+}
+
+TEST_F(Services, StatisticsIdsAreGrantedAndVoidWithTheirClient) {
+  VsClient client(modem_);
+  VsClient other(modem_);
+  const vs::SetStatsReportStatusRequest enable{1, 0, 0};
+  for (uint32_t id = 0; id < 10; ++id) {
+    const auto granted = client.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable);
+    EXPECT_EQ(granted.stats_client_id_valid, 1);
+    EXPECT_EQ(granted.stats_client_id, id);
+  }
+  other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable, 5);
+  const auto disable = [](uint32_t id) { return vs::SetStatsReportStatusRequest{0, 1, id}; };
+  other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, disable(4), 41);
+  client.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, disable(4));
+  EXPECT_EQ(other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable).stats_client_id, 4u);
+
+  auto entries = std::make_unique<vs::RegisterStatsRequest>();
+  entries->stats_client_id = 4;
+  entries->entry_count = 2;
+  entries->entries[0].stats_id = 0x52;
+  entries->entries[1].stats_id = 0x67;
+  client.call<vs::PlainResponse>(vs::kRegisterStats, *entries, 41);
+  other.call<vs::PlainResponse>(vs::kRegisterStats, *entries);
+  EXPECT_EQ(modem_.operator_command("status")["statistics"]["registrations"], 2);
+  other.call<vs::PlainResponse>(vs::kDeregisterStats, vs::DeregisterStatsRequest{4, 1, {0x52}, 0, 0, 0, 0});
+  other.call<vs::PlainResponse>(vs::kDeregisterStats, vs::DeregisterStatsRequest{4, 1, {0x52}, 0, 0, 0, 0}, 26);
+  client.connection().close();
+  while (modem_.operator_command("status")["statistics"]["reporters"] != 1) {
+  }
+}
+
+TEST_F(Services, StatisticsValuesAreReadAndCleared) {
+  VsClient client(modem_);
+  modem_.operator_command("statistic 1 0x52 0102ff");
+  auto request = std::make_unique<vs::GetStatsParameterRequest>();
+  request->sub = 1;
+  request->record_count = 2;
+  request->records[0].id = 0x52;
+  request->records[1].id = 0x53;
+  auto read = [&] {
+    return std::make_unique<vs::GetStatsParameterResponse>(
+        client.call<vs::GetStatsParameterResponse>(vs::kGetStatsParameter, *request));
+  };
+  auto response = read();
+  ASSERT_EQ(response->record_count, 2u);
+  EXPECT_EQ(response->records[0].sub, 1);
+  EXPECT_EQ(response->records[0].id, 0x52u);
+  EXPECT_EQ(Bytes(response->records[0].data, response->records[0].data + 3), (Bytes{1, 2, 0xFF}));
+  EXPECT_EQ(response->records[1].data_len, 0u);
+  client.call<vs::PlainResponse>(vs::kClearStatsParameter, vs::ClearStatsParameterRequest{1, 0, 1, {0x52}});
+  response = read();
+  EXPECT_EQ(response->records[0].data_len, 3u);
+  EXPECT_EQ(Bytes(response->records[0].data, response->records[0].data + 3), Bytes(3, 0));
+}
+
+TEST_F(Services, SarKeepsItsStateUntilItRestarts) {
+  const auto object = sar_get_service_object_internal_v01(1, 15, 6);
+  Client client(modem_, object);
+  client.call<sar::RfSetStateResponse>(QMI_SAR_RF_SET_STATE_V01, sar::RfSetStateRequest{3, {}});
+  client.call<sar::RfSetStateResponse>(QMI_SAR_RF_SET_STATE_V01, sar::RfSetStateRequest{21, {}}, 48);
+  EXPECT_EQ(client.call<sar::RfGetStateResponse>(QMI_SAR_RF_GET_STATE_V01, sar::RfGetStateRequest{}).state, 3u);
+  modem_.operator_command("service sar down");
+  modem_.operator_command("service sar up");
+  EXPECT_EQ(
+      Client(modem_, object).call<sar::RfGetStateResponse>(QMI_SAR_RF_GET_STATE_V01, sar::RfGetStateRequest{}).state,
+      0u);
+}
+
+TEST_F(Services, TheSubscriptionsSeeCellsOfTheirOwn) {
+  NasClient first(modem_, 0);
+  NasClient second(modem_, 1);
+  const auto a = first.cells();
+  const auto b = second.cells();
+  for (const auto* each : {&a, &b}) {
+    ASSERT_TRUE(each->intra_frequency_valid && each->inter_frequency_valid && each->nr_arfcn_valid);
+    EXPECT_EQ(each->intra_frequency.cells[0].physical_cell_id, each->intra_frequency.serving_cell_id);
+    EXPECT_GT(each->intra_frequency.cell_count, 1u);
+    EXPECT_GT(each->inter_frequency.frequency_count, 1u);
+    for (uint32_t i = 1; i < each->intra_frequency.cell_count; ++i) {
+      EXPECT_LE(each->intra_frequency.cells[i].rsrp, each->intra_frequency.cells[i - 1].rsrp);
+    }
+  }
+  EXPECT_NE(a.intra_frequency.global_cell_id, b.intra_frequency.global_cell_id);
+  EXPECT_NE(a.nr_arfcn, b.nr_arfcn);
+  first.call<nas::PlainResponse>(QMI_NAS_BIND_SUBSCRIPTION_V01, nas::BindSubscriptionRequest{2}, 48);
+  EXPECT_NE(first.call<nas::GetDrxResponse>(QMI_NAS_GET_DRX_V01, nas::EmptyRequest{}).drx,
+            second.call<nas::GetDrxResponse>(QMI_NAS_GET_DRX_V01, nas::EmptyRequest{}).drx);
+  first.call<nas::PlainResponse>(QMI_NAS_SET_AVOID_TRM_V01, nas::SetAvoidTrmRequest{5});
+  const auto radio = modem_.operator_command("status")["radio"];
+  EXPECT_EQ(radio[0]["avoid_trm"], 5);
+  EXPECT_EQ(radio[1]["avoid_trm"], 0);
+}
+
+TEST_F(Services, ALockedPhoneCampsOnAnAllowedCell) {
+  NasClient first(modem_, 0);
+  NasClient second(modem_, 1);
+  const auto before = first.cells();
+  const uint32_t of_second = second.cells().intra_frequency.global_cell_id;
+  const nas::LteFrequency& other = before.inter_frequency.frequencies[0];
+  const nas::LteCell target = other.cells[1];
+  first.lock({{1, 1}, {target.physical_cell_id, other.earfcn}});
+  const auto locked = first.cells();
+  EXPECT_EQ(locked.intra_frequency.earfcn, other.earfcn);
+  EXPECT_EQ(locked.intra_frequency.serving_cell_id, target.physical_cell_id);
+  EXPECT_EQ(locked.intra_frequency.cells[0].physical_cell_id, target.physical_cell_id) << "the serving cell leads";
+  EXPECT_EQ(locked.inter_frequency.frequencies[0].earfcn, before.intra_frequency.earfcn);
+  EXPECT_EQ(second.cells().intra_frequency.global_cell_id, of_second);
+  first.lock({{1, 1}});
+  EXPECT_FALSE(first.cells().intra_frequency_valid) << "no such cell: out of service";
+  first.lock({});
+  EXPECT_EQ(first.cells().intra_frequency.global_cell_id, before.intra_frequency.global_cell_id);
+}
+
+TEST_F(Services, DisablingNrTakesItsCarrierAway) {
+  NasClient first(modem_, 0);
+  NasClient second(modem_, 1);
+  for (const uint32_t mode : {1u, 2u}) {
+    first.disable_nr(mode);
+    EXPECT_FALSE(first.cells().nr_arfcn_valid);
+    EXPECT_TRUE(first.cells().intra_frequency_valid);
+    EXPECT_TRUE(second.cells().nr_arfcn_valid);
+    first.disable_nr(0);
+    EXPECT_TRUE(first.cells().nr_arfcn_valid);
+  }
+  first.disable_nr(3, 48);
+}
+
+}  // namespace
+
+}  // namespace pelmar::sim::test
