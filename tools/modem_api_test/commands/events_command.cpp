@@ -1,0 +1,77 @@
+// events: follows everything that the modem reports by itself, until a count, a time, or Ctrl-C.
+#include <optional>
+#include <string>
+
+#include "command_line.h"
+#include "commands/commands.h"
+#include "event_text.h"
+#include "failure.h"
+#include "options.h"
+#include "time_text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+struct EventValues {
+  uint32_t count = 0;    // 0: no limit
+  uint32_t seconds = 0;  // 0: no limit
+  bool with_services = false;
+};
+
+void subscribe(const Context& context) {
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  for (int32_t event = MODEM_API_EVENT_VS_REPORT_A; event < MODEM_API_EVENT_COUNT; ++event) {
+    check(modem_api_add_modem_event(client, event), "subscribing to event " + std::to_string(event));
+  }
+  check(modem_api_set_vs_event_report(client), "asking the modem to report events");
+}
+
+void tell_dropped(const Context& context) {
+  const size_t dropped = context.inbox.take_dropped();
+  if (dropped == 0) return;
+  context.output.print(
+      {{"time", utc_text(WallClock::now())}, {"notice", "dropped"}, {"events", dropped}},
+      local_text(WallClock::now()) + "  " + std::to_string(dropped) + " events were dropped: the output is too slow");
+}
+
+void follow_events(const Context& context, const EventValues& values) {
+  const Signals::Follower follower(context.signals);
+  subscribe(context);
+  if (values.with_services) {
+    for (const auto type : {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1}) {
+      context.session.open(type);
+    }
+  }
+  context.output.print({{"time", utc_text(WallClock::now())}, {"notice", "following"}},
+                       local_text(WallClock::now()) + "  following the modem's events; Ctrl-C ends");
+  std::optional<Clock::time_point> deadline;
+  if (values.seconds > 0) deadline = Clock::now() + std::chrono::seconds(values.seconds);
+
+  uint32_t seen = 0;
+  while (values.count == 0 || seen < values.count) {
+    const auto arrival = context.inbox.next(deadline);
+    if (!arrival) break;
+    seen += std::holds_alternative<Event>(*arrival) ? 1 : 0;
+    const Description description = std::visit([](const auto& each) { return describe(each); }, *arrival);
+    context.output.print(description.document, description.text);
+    tell_dropped(context);
+  }
+  if (seen < values.count && !context.inbox.is_interrupted()) {
+    throw Failure("waiting for events",
+                  "only " + std::to_string(seen) + " of " + std::to_string(values.count) + " came in " +
+                      std::to_string(values.seconds) + " seconds",
+                  "Wait longer with --for SECONDS.");
+  }
+}
+
+}  // namespace
+
+void add_events_command(CommandLine& line) {
+  auto [command, values] = line.add("events", "follow the modem's events as they arrive", follow_events);
+  add_number(command, "--count", values.count, "end after that many events");
+  add_number(command, "--for", values.seconds, "end after that many seconds")->type_name("SECONDS");
+  command.add_flag("--services", values.with_services, "also follow the SAR and NAS services going down and up");
+}
+
+}  // namespace pelmar::cli

@@ -1,0 +1,140 @@
+// info: which modem, which of its services are there, and what this build and process are to the library.
+#include <string>
+
+#include "command_line.h"
+#include "commands/commands.h"
+#include "failure.h"
+#include "pelmar_process.h"
+#include "pelmar_property.h"
+#include "qmi_client.h"
+#include "qmi_idl_lib_internal.h"
+#include "services.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+struct NoValues {};
+
+struct ServiceState {
+  bool is_up = false;
+  std::string text;  // up, absent, or why it cannot be opened
+};
+
+// Asks the framework, which knows at once: opening an absent service would take ten seconds.
+bool is_present(qmi_idl_service_object_type object) {
+  qmi_client_type notifier = nullptr;
+  qmi_client_os_params parameters{};
+  if (qmi_client_notifier_init(object, &parameters, &notifier) != QMI_NO_ERR) return false;
+  bool is_there = false;
+  const auto on_presence = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
+                              void* data) {
+    if (event == QMI_CLIENT_SERVICE_COUNT_INC) *static_cast<bool*>(data) = true;
+  };
+  qmi_client_register_notify_cb(notifier, on_presence, &is_there);
+  qmi_client_release(notifier);
+  return is_there;
+}
+
+ServiceState probe(const Context& context, const ServiceRow& service) {
+  if (!is_present(service.object())) return {false, "absent"};
+  try {
+    context.session.open(service.type);
+    return {true, "up"};
+  } catch (const Failure& failure) {
+    return {false, failure.reason()};
+  }
+}
+
+// --- build and process ---
+
+struct Question {
+  const char* name;
+  bool (*answer)();
+};
+
+constexpr Question kBuildQuestions[] = {
+    {"certification", pelmar_is_cert_version}, {"factory", pelmar_is_factory_version_ex},
+    {"native", pelmar_is_native_version},      {"stable", pelmar_is_stable_version},
+    {"development", pelmar_is_dev_version},    {"pre_release", pelmar_is_pre_version},
+    {"test_keys", pelmar_is_test_build},       {"root", pelmar_is_root_version},
+    {"user", pelmar_is_user_version},          {"mass_production", pelmar_is_mp_version},
+    {"china", pelmar_is_china_version},        {"single_sim", pelmar_get_single_sim_flag},
+};
+
+constexpr const char* kBuildTypes[] = {"all",    "pre-release", "factory",    "certification",
+                                       "stable", "native",      "development"};
+
+// The library answers "NULL" for a region that is not set.
+std::string or_none(const std::string& text) {
+  return text.empty() || text == "NULL" ? "none" : text;
+}
+
+Json build_json() {
+  Json build;
+  const int32_t type = pelmar_build_type_get();
+  build["type"] = type >= 0 && type < static_cast<int32_t>(std::size(kBuildTypes)) ? kBuildTypes[type] : "unknown";
+  build["device"] = or_none(pelmar_device_name_get());
+  build["device_type"] = pelmar_get_pelmar_device_type();
+  build["manufacturer_id"] = pelmar_get_pelmar_manufacturer_id();
+  build["region"] = or_none(pelmar_build_region_get());
+  build["configured_region"] = or_none(pelmar_vendor_build_region_get());
+  build["default_data_sub"] = pelmar_get_default_data_sub();
+  for (const Question& question : kBuildQuestions) build["is"][question.name] = question.answer();
+  return build;
+}
+
+std::string build_text(const Json& build) {
+  std::string text = "build\n";
+  for (const auto& [name, value] : build.items()) {
+    if (value.is_object()) continue;
+    std::string label = "  " + name;
+    label.resize(std::max(label.size(), size_t{20}), ' ');
+    text += label + "  " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
+  }
+  text += "  is                  ";
+  for (const auto& [name, value] : build["is"].items()) text += value.get<bool>() ? " " + name : "";
+  return text;
+}
+
+void show_info(const Context& context, const NoValues&) {
+  const ModemChoice& modem = context.session.modem();
+  Json document = {{"modem", {{"socket", modem.socket()}, {"own", modem.is_own()}}}};
+  std::string text = "modem\n  socket                " + modem.socket() + "\n";
+  if (modem.is_own()) {
+    document["modem"]["storage"] = modem.storage();
+    text += "  storage               " + modem.storage() + " (a simulated modem of this program's own)\n";
+  }
+  text += "services\n";
+  bool is_any_up = false;
+  for (const ServiceRow& service : services()) {
+    const ServiceState state = probe(context, service);
+    is_any_up |= state.is_up;
+    const qmi_idl_service_object_type object = service.object();
+    const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
+    document["services"].push_back({{"service", service.name},
+                                    {"id", object->service_id},
+                                    {"version", version},
+                                    {"up", state.is_up},
+                                    {"state", state.text}});
+    std::string label = std::string("  ") + service.name + " " + version;
+    label.resize(std::max(label.size(), size_t{22}), ' ');
+    text += label + "  " + state.text + "\n";
+  }
+  document["build"] = build_json();
+  document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
+  text += build_text(document["build"]) + "\nprocess\n  name                  " + pelmar_utils_get_pid_name();
+  context.output.print(document, text);
+  if (!is_any_up) {
+    throw Failure("connecting to the modem", "none of its services is up",
+                  "Check that a modem serves " + modem.socket() + "; --modem SOCKET names another one.");
+  }
+}
+
+}  // namespace
+
+void add_info_command(CommandLine& line) {
+  line.add("info", "show the modem, its services, and this build's identity", show_info);
+}
+
+}  // namespace pelmar::cli

@@ -1,0 +1,190 @@
+// nv, efs, efs-path and rfnv: each reads, writes and deletes items of one kind. What differs between the four is a row.
+#include <string>
+#include <utility>
+
+#include "command_line.h"
+#include "commands/commands.h"
+#include "failure.h"
+#include "options.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+struct Address {
+  uint32_t item = 0;
+  std::string path;
+  uint16_t qualifier = 0;
+  uint16_t index = 0;
+};
+
+// Limits are 0 where a kind has no such part.
+struct Kind {
+  const char* command;
+  const char* title;
+  const char* summary;
+  bool by_path;
+  int64_t max_qualifier;
+  int64_t max_index;
+  modem_api_result (*read)(int32_t client, const Address& address, uint8_t* data, uint32_t* length);
+  modem_api_result (*write)(int32_t client, const Address& address, const uint8_t* data, uint32_t length);
+  modem_api_result (*remove)(int32_t client, const Address& address);
+};
+
+uint8_t narrow(uint16_t value) {
+  return static_cast<uint8_t>(value);
+}
+
+constexpr Kind kKinds[] = {
+    {"nv", "NV item", "NV items, by number", false, UINT8_MAX, UINT16_MAX,
+     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
+       return modem_api_read_nv(client, a.item, narrow(a.qualifier), a.index, data, length);
+     },
+     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
+       return modem_api_write_nv(client, a.item, narrow(a.qualifier), a.index, data, length);
+     },
+     [](int32_t client, const Address& a) {
+       return modem_api_delete_nv(client, a.item, narrow(a.qualifier), a.index);
+     }},
+
+    {"efs", "EFS item", "EFS items, by number", false, UINT16_MAX, 0,
+     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
+       return modem_api_read_efs(client, a.item, a.qualifier, data, length);
+     },
+     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
+       return modem_api_write_efs(client, a.item, a.qualifier, data, length);
+     },
+     [](int32_t client, const Address& a) { return modem_api_delete_efs(client, a.item, a.qualifier); }},
+
+    {"efs-path", "EFS file", "EFS files, by path", true, UINT16_MAX, UINT8_MAX,
+     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
+       return modem_api_read_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index), data, length);
+     },
+     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
+       return modem_api_write_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index), data, length);
+     },
+     [](int32_t client, const Address& a) {
+       return modem_api_delete_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index));
+     }},
+
+    {"rfnv", "RF NV item", "RF NV items, by number", false, 0, 0,
+     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
+       return modem_api_read_rfnv(client, a.item, data, length);
+     },
+     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
+       return modem_api_write_rfnv(client, a.item, data, length);
+     },
+     [](int32_t client, const Address& a) { return modem_api_delete_rfnv(client, a.item); }},
+};
+
+std::string title_of(const Kind& kind, const Address& address) {
+  std::string title = std::string(kind.title) + " " + (kind.by_path ? address.path : std::to_string(address.item));
+  if (address.qualifier != 0) title += ", qualifier " + std::to_string(address.qualifier);
+  if (address.index != 0) title += ", index " + std::to_string(address.index);
+  return title;
+}
+
+Json json_of(const Kind& kind, const Address& address) {
+  Json object;
+  if (kind.by_path) object["path"] = address.path;
+  if (!kind.by_path) object["item"] = address.item;
+  if (kind.max_qualifier > 0) object["qualifier"] = address.qualifier;
+  if (kind.max_index > 0) object["index"] = address.index;
+  return object;
+}
+
+void add_address(CLI::App& command, const Kind& kind, Address& address) {
+  if (kind.by_path) {
+    // The library cuts a longer path, and would address another file.
+    const auto is_short = [](const std::string& path) -> std::string {
+      if (path.size() <= MODEM_API_MAX_PATH_CHARACTERS) return "";
+      return "a path has at most " + std::to_string(MODEM_API_MAX_PATH_CHARACTERS) + " characters";
+    };
+    command.add_option("path", address.path, "the file's path")->required()->check(is_short)->type_name("PATH");
+  } else {
+    add_number(command, "item", address.item, "the item's number")->required();
+  }
+  if (kind.max_qualifier > 0) {
+    add_number(command, "--qualifier", address.qualifier, "the qualifier (0)", kind.max_qualifier);
+  }
+  if (kind.max_index > 0) add_number(command, "--index", address.index, "the index (0)", kind.max_index);
+}
+
+constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
+                                  "Nothing may be stored there: write it first, or check number, qualifier and index."};
+constexpr Advice kTooMuchData = {MODEM_API_ERR_INVALID_PARAM, "An item has at most 256 bytes: write less."};
+static_assert(MODEM_API_MAX_ITEM_BYTES == 256);
+constexpr Advice kNoRoom = {MODEM_API_ERR_GENERIC, "The modem may have no room left, or not allow it there."};
+
+struct ReadValues {
+  Address address;
+  DataOutput output;
+};
+
+void read_item(const Context& context, const Kind& kind, const ReadValues& values) {
+  const std::string title = title_of(kind, values.address);
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
+  auto length = static_cast<uint32_t>(bytes.size());
+  check(kind.read(client, values.address, bytes.data(), &length), "reading " + title, {kNothingThere});
+  bytes.resize(length);
+  values.output.report(context.output, bytes, json_of(kind, values.address), title);
+}
+
+struct WriteValues {
+  Address address;
+  DataInput input;
+};
+
+void write_item(const Context& context, const Kind& kind, const WriteValues& values) {
+  const std::string title = title_of(kind, values.address);
+  const Bytes bytes = values.input.read();
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  const uint8_t nothing = 0;  // the library wants a pointer also for no bytes
+  const uint8_t* const data = bytes.empty() ? &nothing : bytes.data();
+  check(kind.write(client, values.address, data, static_cast<uint32_t>(bytes.size())), "writing " + title,
+        {kTooMuchData, kNoRoom});
+  Json document = json_of(kind, values.address);
+  document["written"] = bytes.size();
+  context.output.print(document, title + ": " + byte_count(bytes.size()) + " written");
+}
+
+void delete_item(const Context& context, const Kind& kind, const Address& address) {
+  const std::string title = title_of(kind, address);
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  check(kind.remove(client, address), "deleting " + title, {kNothingThere});
+  Json document = json_of(kind, address);
+  document["deleted"] = true;
+  context.output.print(document, title + ": deleted");
+}
+
+// The action of a family's command: the function, with the row that it works on.
+template <class Values>
+auto on(const Kind& kind, void (*action)(const Context&, const Kind&, const Values&)) {
+  return [&kind, action](const Context& context, const Values& values) { action(context, kind, values); };
+}
+
+}  // namespace
+
+void add_item_commands(CommandLine& line) {
+  for (const Kind& kind : kKinds) {
+    CLI::App& group = line.add_group(kind.command, std::string("read, write and delete ") + kind.summary);
+    const std::string what = std::string(" an ") + kind.title;
+    {
+      auto [command, values] = line.add<ReadValues>(group, "read", "read" + what, on(kind, read_item));
+      add_address(command, kind, values.address);
+      values.output.add_to(command);
+    }
+    {
+      auto [command, values] = line.add<WriteValues>(group, "write", "write" + what, on(kind, write_item));
+      add_address(command, kind, values.address);
+      values.input.add_to(command);
+    }
+    {
+      auto [command, address] = line.add<Address>(group, "delete", "delete" + what, on(kind, delete_item));
+      add_address(command, kind, address);
+    }
+  }
+}
+
+}  // namespace pelmar::cli

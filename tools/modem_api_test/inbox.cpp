@@ -1,0 +1,77 @@
+#include "inbox.h"
+
+#include <utility>
+
+namespace pelmar::cli {
+
+namespace {
+
+constexpr size_t kMostWaiting = 4096;
+
+}  // namespace
+
+std::atomic<Inbox*> Inbox::current_{nullptr};
+
+Inbox::Inbox() {
+  current_ = this;
+}
+
+// All clients are freed by now: no callback runs any more.
+Inbox::~Inbox() {
+  current_ = nullptr;
+}
+
+void Inbox::receive_event(uint32_t id, const uint8_t* payload, uint32_t length) {
+  if (Inbox* const inbox = current_) inbox->put(Event{WallClock::now(), id, {payload, payload + length}});
+}
+
+void Inbox::receive_notice(uint32_t notice, uint32_t client_type) {
+  if (Inbox* const inbox = current_) inbox->put(Notice{WallClock::now(), notice, client_type});
+}
+
+void Inbox::put(Arrival arrival) {
+  const std::lock_guard lock(mutex_);
+  if (arrivals_.size() == kMostWaiting) {
+    ++dropped_;
+    return;
+  }
+  arrivals_.push_back(std::move(arrival));
+  changed_.notify_all();
+}
+
+std::optional<Arrival> Inbox::next(std::optional<Clock::time_point> deadline) {
+  std::unique_lock lock(mutex_);
+  const auto is_ready = [this] { return is_interrupted_ || !arrivals_.empty(); };
+  if (deadline) {
+    changed_.wait_until(lock, *deadline, is_ready);
+  } else {
+    changed_.wait(lock, is_ready);
+  }
+  if (is_interrupted_ || arrivals_.empty()) return std::nullopt;
+  Arrival arrival = std::move(arrivals_.front());
+  arrivals_.pop_front();
+  return arrival;
+}
+
+bool Inbox::pause_until(Clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  return !changed_.wait_until(lock, deadline, [this] { return is_interrupted_; });
+}
+
+void Inbox::interrupt() {
+  const std::lock_guard lock(mutex_);
+  is_interrupted_ = true;
+  changed_.notify_all();
+}
+
+bool Inbox::is_interrupted() const {
+  const std::lock_guard lock(mutex_);
+  return is_interrupted_;
+}
+
+size_t Inbox::take_dropped() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(dropped_, 0);
+}
+
+}  // namespace pelmar::cli

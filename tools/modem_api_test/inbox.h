@@ -1,0 +1,74 @@
+// What arrives while a command follows the modem: modem events, notices of services going up and down, and the user's
+// wish to end.
+//
+// The library's callbacks carry no user data, so there is one inbox in the process. They run on the framework's threads
+// and only copy; the following command takes out what came, in order. Where it is too slow the newest are dropped and
+// counted, never the framework held up.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <variant>
+#include <vector>
+
+namespace pelmar::cli {
+
+using WallClock = std::chrono::system_clock;
+using Clock = std::chrono::steady_clock;
+
+struct Event {
+  WallClock::time_point time;
+  uint32_t id;
+  std::vector<uint8_t> payload;  // laid out as the event's structure of modem_api.h
+};
+
+struct Notice {
+  WallClock::time_point time;
+  uint32_t notice;       // MODEM_API_NOTICE_*
+  uint32_t client_type;  // MODEM_API_CLIENT_*
+};
+
+using Arrival = std::variant<Event, Notice>;
+
+class Inbox {
+ public:
+  Inbox();
+  ~Inbox();
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+
+  // The library's callbacks.
+  static void receive_event(uint32_t id, const uint8_t* payload, uint32_t length);
+  static void receive_notice(uint32_t notice, uint32_t client_type);
+
+  // The next arrival; nothing when the time is up or the user wishes to end. Without a deadline it waits for either.
+  std::optional<Arrival> next(std::optional<Clock::time_point> deadline);
+
+  // Waits for that time, whatever arrives. False when the user wishes to end.
+  bool pause_until(Clock::time_point deadline);
+
+  // Called by the signal thread.
+  void interrupt();
+  bool is_interrupted() const;
+
+  // Events that were dropped since the last call.
+  size_t take_dropped();
+
+ private:
+  void put(Arrival arrival);
+
+  static std::atomic<Inbox*> current_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Arrival> arrivals_;
+  size_t dropped_ = 0;
+  bool is_interrupted_ = false;
+};
+
+}  // namespace pelmar::cli

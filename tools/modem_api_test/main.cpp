@@ -1,0 +1,49 @@
+// modem_api_test: the library's command-line client.
+#include <exception>
+#include <optional>
+
+#include "command_line.h"
+
+namespace {
+
+using namespace pelmar::cli;
+
+// Whatever ended the command, as a failure that can be told.
+std::optional<Failure> run_command(const CommandLine& line, const Context& context) {
+  try {
+    line.run(context);
+    return std::nullopt;
+  } catch (const Failure& failure) {
+    return failure;
+  } catch (const std::exception& error) {
+    return Failure("the command", error.what());
+  }
+}
+
+int run(const CommandLine& line) {
+  const Settings& settings = line.settings();
+  Output output(settings.json);
+  Inbox inbox;
+  Session session(settings.modem, settings.verbose);
+  Signals signals(inbox, [&session] { session.close(); });
+  const std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
+  // A signal frees the clients under a command that waits, so what the command says after it is of no interest.
+  if (const int signal = signals.finish()) return 128 + signal;
+  if (!failure) return kExitSuccess;
+  output.report(*failure);
+  return failure->exit_status();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CommandLine line;
+  if (const auto status = line.parse(argc, argv)) return *status;
+  Signals::block();
+  try {
+    return run(line);
+  } catch (const Failure& failure) {
+    remark(failure.what());
+    return failure.exit_status();
+  }
+}

@@ -1,0 +1,70 @@
+#include "output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "unique_fd.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+constexpr const char* kProgram = "modem_api_test";
+
+FILE* take_standard_output() {
+  fflush(stdout);
+  UniqueFd own(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (!own) own.reset(open("/dev/full", O_WRONLY | O_CLOEXEC));  // closed: what is written is lost, and that is told
+  FILE* const stream = fdopen(own.get(), "w");
+  if (stream == nullptr) throw Failure::of_system("opening the standard output");
+  own.release();
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+  return stream;
+}
+
+}  // namespace
+
+Output::Output(bool json) : stream_(take_standard_output()), is_json_(json) {}
+
+Output::~Output() {
+  fclose(stream_);
+}
+
+void Output::print(const Json& document, std::string_view text) {
+  std::string line;
+  if (is_json_) {
+    line = document.dump(-1, ' ', false, Json::error_handler_t::replace);
+    text = line;
+  }
+  bool is_written = fwrite(text.data(), 1, text.size(), stream_) == text.size();
+  if (!text.ends_with('\n')) is_written = fputc('\n', stream_) != EOF && is_written;
+  flush(is_written);
+}
+
+void Output::write(std::span<const uint8_t> bytes) {
+  flush(fwrite(bytes.data(), 1, bytes.size(), stream_) == bytes.size());
+}
+
+void Output::flush(bool is_written) {
+  if (fflush(stream_) == 0 && is_written) return;
+  if (errno == EPIPE) throw Failure::of_closed_output();
+  throw Failure::of_system("writing the output");
+}
+
+void Output::report(const Failure& failure) {
+  if (failure.is_silent()) return;
+  remark(failure.what());
+  if (!is_json_) return;
+  fprintf(stream_, "%s\n", failure.json().dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+  fflush(stream_);
+}
+
+void remark(const std::string& text) {
+  fflush(stdout);
+  fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+}
+
+}  // namespace pelmar::cli

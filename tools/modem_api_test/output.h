@@ -1,0 +1,47 @@
+// The program's own standard output: a document for people, or one line of JSON for scripts.
+//
+// The library's shell log goes to standard output too. So that the program's output stays clean, it keeps the real
+// standard output to itself and points descriptor 1 at standard error.
+#pragma once
+
+#include <cstdio>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "bytes.h"
+#include "failure.h"
+#include "json.h"
+
+namespace pelmar::cli {
+
+class Output {
+ public:
+  // Takes standard output over; once in a process, before any other thread writes.
+  explicit Output(bool json);
+  ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  bool is_json() const { return is_json_; }
+
+  // Writes the one or the other; the text's last line end is added where it is missing. Throws when it cannot.
+  void print(const Json& document, std::string_view text);
+
+  // The bytes as they are.
+  void write(std::span<const uint8_t> bytes);
+
+  // Tells a failure on standard error, and as JSON here too.
+  void report(const Failure& failure);
+
+ private:
+  void flush(bool is_written);
+
+  FILE* stream_;
+  const bool is_json_;
+};
+
+// A remark for the person at the terminal, on standard error.
+void remark(const std::string& text);
+
+}  // namespace pelmar::cli

@@ -1,0 +1,13 @@
+// Times of arrivals as text.
+#pragma once
+
+#include <string>
+
+#include "inbox.h"
+
+namespace pelmar::cli {
+
+std::string local_text(WallClock::time_point time);  // "08:15:30.125", for people
+std::string utc_text(WallClock::time_point time);    // "2024-05-17T06:15:30.125Z", for scripts
+
+}  // namespace pelmar::cli
