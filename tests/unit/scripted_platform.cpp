@@ -375,9 +375,15 @@ unsigned sleep(unsigned seconds) {
 
 #ifndef SCRIPTED_SANITIZED
 void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
 
 void* malloc(size_t size) {
   return size == g_failing_size.load() ? nullptr : __libc_malloc(size);
+}
+
+// What a compiler may make of a malloc whose block is zeroed.
+void* calloc(size_t count, size_t size) {
+  return count * size == g_failing_size.load() ? nullptr : __libc_calloc(count, size);
 }
 
 bool scripted::FailAllocationOf::is_supported() {

@@ -54,7 +54,7 @@ extern std::function<void(unsigned)> on_sleep;  // runs instead of a sleep; may 
 
 // --- allocation and threads ---
 
-// Makes every malloc of exactly `size` bytes fail while it lives. Not under sanitizers, which own malloc.
+// Makes every malloc and calloc of exactly `size` bytes fail while it lives. Not under sanitizers, which own malloc.
 class FailAllocationOf {
  public:
   explicit FailAllocationOf(size_t size);
