@@ -88,8 +88,10 @@ bool write_whole(int file, std::string_view value) {
 
 fs::path temporary_path(const fs::path& path) {
   static std::atomic<unsigned> count{0};
-  const std::string suffix = std::to_string(::getpid()) + "." + std::to_string(count.fetch_add(1));
-  return path.parent_path() / ("." + path.filename().string() + "." + suffix);
+  std::string name(1, '.');
+  name.append(path.filename()).append(1, '.').append(std::to_string(::getpid()));
+  name.append(1, '.').append(std::to_string(count.fetch_add(1)));
+  return path.parent_path() / name;
 }
 
 // A property that is set once is linked to its name, which only one of several writers can do.
