@@ -1,0 +1,227 @@
+// Commands and events through the whole client side to modem_sim in another process, beside bare sockets that carry the
+// same bytes between two processes.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "allocation_count.h"
+#include "modem_api.h"
+#include "peers.h"
+#include "pelmar_log.h"
+
+namespace pelmar::bench {
+namespace {
+
+constexpr uint32_t kItem = 10;
+constexpr uint32_t kItemBytes = 128;
+
+// QMUX header, message header, TLVs: item, qualifier and index; result and the item's data with its count.
+constexpr size_t kReadNvRequestBytes = 6 + 7 + (3 + 4) + (3 + 1) + (3 + 2);
+constexpr size_t kReadNvResponseBytes = 6 + 7 + (3 + 4) + (3 + 2 + kItemBytes);
+constexpr size_t kLargestIndicationBytes = 6 + 7 + 10672;
+
+constexpr uint32_t kStreamEvents = 2000;
+constexpr uint32_t kStreamIntervalUs = 50;  // 20,000 a second
+
+// --- events ---
+
+// Counts the events of a stream, which are numbered from 0.
+class EventCounter {
+ public:
+  void expect(uint32_t events) {
+    const std::lock_guard lock(mutex_);
+    seen_ = 0;
+    lost_ = 0;
+    expected_ = events;
+  }
+
+  void add(const uint8_t* payload) {
+    const std::lock_guard lock(mutex_);
+    modem_api_vs_report_a_event event;
+    std::memcpy(&event.value, payload, sizeof event.value);
+    if (event.value != seen_) ++lost_;
+    if (++seen_ == expected_) all_seen_.notify_one();
+  }
+
+  // False when events were lost.
+  bool wait() {
+    std::unique_lock lock(mutex_);
+    return all_seen_.wait_for(lock, std::chrono::seconds(20), [this] { return seen_ >= expected_; }) && lost_ == 0;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable all_seen_;
+  uint32_t expected_ = 0;
+  uint32_t seen_ = 0;
+  uint32_t lost_ = 0;
+};
+
+EventCounter g_events;
+
+void on_event(uint32_t event, const uint8_t* payload, uint32_t) {
+  if (event == MODEM_API_EVENT_VS_REPORT_A) g_events.add(payload);
+}
+
+// --- the two ends ---
+
+// Answers a request's bytes with a response's, and after each stream of commands' numbers: see serve_stream().
+void serve_ping_pong(const LocalStream& stream) {
+  uint8_t request[kReadNvRequestBytes];
+  const uint8_t response[kReadNvResponseBytes] = {};
+  while (stream.receive_all(request, sizeof request) && stream.send_all(response, sizeof response)) continue;
+}
+
+// Sends as many indications' bytes as each request says.
+void serve_stream(const LocalStream& stream) {
+  const std::vector<uint8_t> indication(kLargestIndicationBytes);
+  uint32_t count;
+  while (stream.receive_all(&count, sizeof count)) {
+    for (uint32_t i = 0; i < count; ++i) stream.send_all(indication.data(), indication.size());
+  }
+}
+
+struct Setup {
+  Child ping_pong{serve_ping_pong};
+  Child stream{serve_stream};
+  SimulatedModem modem;
+  int32_t vs_client = -1;
+  int32_t nas_client = -1;
+};
+
+Setup* g_setup;
+
+// --- round trips ---
+
+void read_nv_end_to_end(benchmark::State& state) {
+  uint8_t data[MODEM_API_MAX_ITEM_BYTES];
+  for (auto _ : state) {
+    uint32_t length = sizeof data;
+    if (modem_api_read_nv(g_setup->vs_client, kItem, 0, 0, data, &length) != MODEM_API_SUCCESS ||
+        length != kItemBytes) {
+      state.SkipWithError("the item was not read");
+      break;
+    }
+  }
+}
+BENCHMARK(read_nv_end_to_end)->UseRealTime();
+
+void bare_ping_pong(benchmark::State& state) {
+  const LocalStream& stream = g_setup->ping_pong.stream();
+  const uint8_t request[kReadNvRequestBytes] = {};
+  uint8_t response[kReadNvResponseBytes];
+  for (auto _ : state) {
+    if (!stream.send_all(request, sizeof request) || !stream.receive_all(response, sizeof response)) {
+      state.SkipWithError("the peer is gone");
+      break;
+    }
+  }
+}
+BENCHMARK(bare_ping_pong)->UseRealTime();
+
+// --- the stream of the largest event ---
+
+void event_stream(benchmark::State& state) {
+  const Allocations before = allocations();
+  for (auto _ : state) {
+    g_events.expect(kStreamEvents);
+    g_setup->modem.command("stream " + std::to_string(kStreamEvents));
+    if (!g_events.wait()) state.SkipWithError("events were lost");
+  }
+  const Allocations after = allocations();
+  state.SetItemsProcessed(state.iterations() * kStreamEvents);
+  state.counters["blocks_left"] =
+      static_cast<double>(after.taken - before.taken) - static_cast<double>(after.given_back - before.given_back);
+}
+BENCHMARK(event_stream)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void bare_stream(benchmark::State& state) {
+  const LocalStream& stream = g_setup->stream.stream();
+  std::vector<uint8_t> buffer(65536);
+  const uint32_t count = kStreamEvents;
+  for (auto _ : state) {
+    stream.send_all(&count, sizeof count);
+    for (size_t left = count * kLargestIndicationBytes; left > 0;) {
+      const size_t received = stream.receive(buffer.data(), std::min(left, buffer.size()));
+      if (received == 0) std::exit(1);
+      left -= received;
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kStreamEvents);
+}
+BENCHMARK(bare_stream)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// --- a second connection, alone and beside the stream ---
+
+void get_drx(benchmark::State& state) {
+  for (auto _ : state) {
+    uint8_t valid = 0;
+    uint32_t drx = 0;
+    modem_api_get_drx(g_setup->nas_client, &valid, &drx);
+    if (valid == 0) state.SkipWithError("no value came");
+  }
+}
+
+void second_connection_idle(benchmark::State& state) {
+  get_drx(state);
+}
+BENCHMARK(second_connection_idle)->UseRealTime();
+
+void second_connection_beside_stream(benchmark::State& state) {
+  g_setup->modem.command("stream 4294967295 every " + std::to_string(kStreamIntervalUs));
+  get_drx(state);
+  g_setup->modem.command("stream stop");
+}
+BENCHMARK(second_connection_beside_stream)->UseRealTime();
+
+// --- start ---
+
+bool succeeded(modem_api_result result, const char* what) {
+  if (result != MODEM_API_SUCCESS) std::fprintf(stderr, "bench_end_to_end: %s: result %d\n", what, result);
+  return result == MODEM_API_SUCCESS;
+}
+
+bool open_clients() {
+  pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_ERROR);
+  pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_ERROR);
+  pelmar_hal_close_print();
+  int32_t& vs = g_setup->vs_client;
+  const uint8_t data[kItemBytes] = {1, 2, 3};
+  return succeeded(modem_api_init(), "init") &&
+         succeeded(modem_api_init_client(MODEM_API_CLIENT_VS, on_event, nullptr, &vs), "vendor-specific client") &&
+         succeeded(modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, nullptr, &g_setup->nas_client), "NAS") &&
+         succeeded(modem_api_write_nv(vs, kItem, 0, 0, data, kItemBytes), "write") &&
+         succeeded(modem_api_add_modem_event(vs, MODEM_API_EVENT_VS_REPORT_A), "event") &&
+         succeeded(modem_api_set_vs_event_report(vs), "event report");
+}
+
+}  // namespace
+}  // namespace pelmar::bench
+
+// Runs under a name that the library serves: the process starts itself again as "mtb".
+int main(int argc, char** argv) {
+  using namespace pelmar::bench;
+  char name[] = "/bench/mtb";
+  if (std::strcmp(argv[0], name) != 0) {
+    argv[0] = name;
+    execv("/proc/self/exe", argv);
+    return 1;
+  }
+  Setup setup;
+  g_setup = &setup;
+  setenv("PELMAR_QMI_SOCKET", setup.modem.socket().c_str(), 1);
+  setenv("PELMAR_PROPERTY_DIR", setup.modem.socket().append("-properties").c_str(), 1);
+  if (!open_clients()) return 1;
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  modem_api_free_client(setup.nas_client);
+  modem_api_free_client(setup.vs_client);
+  return 0;
+}
