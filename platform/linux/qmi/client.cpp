@@ -76,7 +76,7 @@ void Client::run() {
       wait_for_work(lock);
     }
   }
-  if (thread_.is_started()) return;  // the releasing thread waits for this one and ends the connection
+  if (thread_.is_started()) return;  // the releasing thread waits for this one, and then ends the connection
   lock.unlock();
   end_connection(Deadline::after(kEndTimeout));
 }
@@ -155,8 +155,9 @@ void Client::release() {
 void Client::surrender(const Deadline& deadline) {
   {
     const Lock lock(mutex_);
-    is_stopping_ = true;
+    if (std::exchange(is_stopping_, true)) return;  // a release is under way
     thread_.wake();
+    thread_.detach();
   }
   end_connection(deadline);
 }

@@ -43,12 +43,12 @@ void FrameworkThread::acknowledge() {
 }
 
 void FrameworkThread::finish() {
-  if (!thread_.joinable()) return;
-  if (is_current()) {
-    thread_.detach();
-  } else {
-    thread_.join();
-  }
+  if (is_current()) return detach();
+  if (thread_.joinable()) thread_.join();
+}
+
+void FrameworkThread::detach() {
+  if (thread_.joinable()) thread_.detach();
 }
 
 void CallerCallbacks::run(const std::function<void()>& callback) {

@@ -32,6 +32,7 @@ class FrameworkThread {
 
   // Waits for the thread's end. On the thread itself, leaves it to end alone.
   void finish();
+  void detach();
 
  private:
   int wake_;
