@@ -1,0 +1,132 @@
+#!/usr/bin/env python3
+"""Prints the table of goals from the JSON results of the benchmark programs in a directory."""
+import json
+import platform
+import statistics
+import sys
+from pathlib import Path
+
+MET, MISSED = "ok", "MISS"
+
+
+class Results:
+    def __init__(self, directory):
+        self.runs = {}
+        self.context = {}
+        for path in sorted(Path(directory).glob("*.json")):
+            content = json.loads(path.read_text())
+            self.context = content["context"]
+            for run in content["benchmarks"]:
+                if run["run_type"] != "iteration":
+                    continue
+                if run.get("error_occurred"):
+                    sys.exit(f"{run['name']}: {run['error_message']}")
+                name = run["name"].split("/")[0]
+                self.runs.setdefault(name, []).append(run)
+
+    def has(self, name):
+        return name in self.runs
+
+    def median(self, name, field):
+        return statistics.median(run[field] for run in self.runs[name])
+
+
+def nanoseconds(value):
+    return f"{value:,.1f} ns" if value < 1e4 else f"{value / 1e3:,.1f} us"
+
+
+def at_most(name, beside, limit, field):
+    """A time that may be at most `limit` times another."""
+
+    def row(results):
+        one, other = results.median(name, field), results.median(beside, field)
+        ratio = one / other
+        return nanoseconds(one), nanoseconds(other), f"{ratio:.2f}", f"<= {limit:g}", ratio <= limit
+
+    return name, beside, row
+
+
+def faster(name, beside, least):
+    """A time that must be at least `least` times shorter than another."""
+
+    def row(results):
+        one, other = results.median(name, "cpu_time"), results.median(beside, "cpu_time")
+        ratio = other / one
+        return nanoseconds(one), nanoseconds(other), f"{ratio:.1f}", f">= {least:g}", ratio >= least
+
+    return name, beside, row
+
+
+def bounded(name, field, limit, show):
+    """A figure with a bound of its own."""
+
+    def row(results):
+        value = results.median(name, field)
+        return show(value), "", "", f"<= {show(limit)}", value <= limit
+
+    return name, None, row
+
+
+def event_rate(name, beside, enough):
+    def row(results):
+        rate, bare = results.median(name, "items_per_second"), results.median(beside, "items_per_second")
+        goal = min(enough, bare / 2)
+        return f"{rate:,.0f}/s", f"{bare:,.0f}/s", f"{rate / bare:.2f}", f">= {goal:,.0f}/s", rate >= goal
+
+    return name, beside, row
+
+
+def count(value):
+    return f"{value:g}"
+
+
+# Time on the processor where one thread works; passing time where two processes talk.
+ROWS = [
+    ("decode the largest indication : clear and copy its structure",
+     at_most("decode_largest_indication", "clear_and_copy_largest_structure", 2, "cpu_time")),
+    ("encode a 256-byte NV write : libqmi-glib, typed writers", faster("encode_nv_write", "qmi_glib_nv_write", 40)),
+    ("modem_api_read_nv, instant platform, logs closed",
+     bounded("read_nv_instant_platform", "cpu_time", 150, nanoseconds)),
+    ("  its heap allocations", bounded("read_nv_instant_platform", "allocations", 0, count)),
+    ("suppressed log site, both sinks", bounded("suppressed_log_site", "cpu_time", 2, nanoseconds)),
+    ("  arguments evaluated", bounded("suppressed_log_site", "arguments_evaluated", 0, count)),
+    ("modem_api_read_nv from modem_sim : bare ping-pong",
+     at_most("read_nv_end_to_end", "bare_ping_pong", 1.3, "real_time")),
+    ("event 3, largest, from modem_sim : bare stream of the same bytes",
+     event_rate("event_stream", "bare_stream", 20_000)),
+    ("  heap blocks left behind", bounded("event_stream", "blocks_left", 0, count)),
+    ("second connection beside 20,000 events/s : idle",
+     at_most("second_connection_beside_stream", "second_connection_idle", 1.3, "real_time")),
+]
+
+
+def main():
+    results = Results(sys.argv[1])
+    table = [("what", "measured", "beside", "ratio", "goal", "")]
+    for title, (name, beside, row) in ROWS:
+        missing = [needed for needed in (name, beside) if needed and not results.has(needed)]
+        if missing:
+            table.append((title, "", "", "", "", f"skipped: {missing[0]} is not built here"))
+            continue
+        *cells, met = row(results)
+        table.append((title, *cells, MET if met else MISSED))
+
+    widths = [max(len(line[i]) for line in table) for i in range(5)]
+    for line in table:
+        cells = [line[0].ljust(widths[0])] + [line[i].rjust(widths[i]) for i in range(1, 5)] + [line[5]]
+        print("  ".join(cells).rstrip())
+    context = results.context
+    load = context.get("load_avg", [])
+    print(f"\n{model()}, {context['num_cpus']} processors, Linux {platform.release()}, "
+          f"load while measuring {load[0] if load else 'unknown'}; medians of {len(next(iter(results.runs.values())))}")
+
+
+def model():
+    for line in Path("/proc/cpuinfo").read_text().splitlines():
+        if line.startswith("model name"):
+            return line.split(":", 1)[1].strip()
+    return platform.machine()
+
+
+if __name__ == "__main__":
+    main()
