@@ -39,7 +39,7 @@ modem_api_result map_response(const vs::ResponseHeader& response) {
 modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* response) {
   switch (transport_code) {
     case QMI_NO_ERR:
-    case QMI_SERVICE_ERR:  // read like a success: callers hand in a response that says so where none came
+    case QMI_SERVICE_ERR:  // read like a success: a response that nobody filled says that all went well
       return map_response(*response);
     case QMI_TIMEOUT_ERR:
       return MODEM_API_ERR_TIMEOUT;

@@ -1,0 +1,41 @@
+// A test of the library in this process and in others, over the Linux platform, against a simulated modem.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "modem_api.h"
+#include "sim_process.h"
+
+namespace pelmar::system_test {
+
+class ModemTest : public testing::Test {
+ protected:
+  ModemTest() {
+    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
+    start_modem();
+    setenv("PELMAR_QMI_SOCKET", modem_->socket().c_str(), 1);
+  }
+
+  void start_modem() { modem_ = std::make_unique<sim::test::SimProcess>(directory_); }
+  sim::test::SimProcess& modem() { return *modem_; }
+  void tell(const std::string& command) { modem_->operator_command(command); }
+  std::string path(const std::string& name) const { return directory_.path(name); }
+
+  static int32_t open(modem_api_client_type type, modem_api_event_cb event_cb = nullptr,
+                      modem_api_status_cb status_cb = nullptr) {
+    EXPECT_EQ(modem_api_init(), MODEM_API_SUCCESS);
+    int32_t client = -1;
+    EXPECT_EQ(modem_api_init_client(type, event_cb, status_cb, &client), MODEM_API_SUCCESS);
+    return client;
+  }
+
+ private:
+  sim::test::ScratchDirectory directory_;
+  std::unique_ptr<sim::test::SimProcess> modem_;
+};
+
+}  // namespace pelmar::system_test
