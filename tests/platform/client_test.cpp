@@ -17,7 +17,7 @@ TEST_F(ClientTest, ConnectsWhereTheServiceIsThere) {
   EXPECT_EQ(qmi_client_init_instance(nullptr, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_CLIENT_PARAM_ERR);
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, nullptr), QMI_CLIENT_PARAM_ERR);
 
-  modem_.set_services({0x11});
+  modem_.offer({0x11});
   const auto begin = Clock::now();
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 50, &handle), QMI_TIMEOUT_ERR);
   EXPECT_GE(Clock::now() - begin, milliseconds(50));
@@ -25,21 +25,21 @@ TEST_F(ClientTest, ConnectsWhereTheServiceIsThere) {
 
   auto late = std::async(std::launch::async, [this] {
     std::this_thread::sleep_for(milliseconds(50));
-    modem_.set_services({kNasId});
+    modem_.offer({kNasId});
   });
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 2000, &handle), QMI_NO_ERR);
   EXPECT_EQ(modem_.client_ids().size(), 1u);
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_EQ(modem_.client_ids().size(), 0u);
 
-  modem_.set_client_id_limit(0);
+  modem_.set(&ScriptedModem::Behaviour::client_id_limit, size_t{0});
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_CLIENT_ALLOC_FAILURE);
   ::setenv("PELMAR_QMI_SOCKET", "@no-such-modem", 1);
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_TIMEOUT_ERR);
 }
 
 TEST_F(ClientTest, GivesUpOnAModemThatDoesNotAnswer) {
-  modem_.set_version_info(false);
+  modem_.set(&ScriptedModem::Behaviour::answers_version_info, false);
   qmi_client_type handle = nullptr;
   const auto begin = Clock::now();
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_TIMEOUT_ERR);
@@ -212,7 +212,7 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
   nas::SetLteCellLockRequest lock{};
   lock.lock_count = nas::kMaxCellLocks;
   nas::PlainResponse response{};
-  modem_.set_reading(false);
+  modem_.set(&ScriptedModem::Behaviour::reads, false);
   int error = QMI_NO_ERR;
   size_t sent = 0;
   const auto begin = Clock::now();
@@ -222,7 +222,7 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
     ASSERT_EQ(error, QMI_TIMEOUT_ERR);
   }
   EXPECT_LT(Clock::now() - begin, milliseconds(2000));
-  modem_.set_reading(true);
+  modem_.set(&ScriptedModem::Behaviour::reads, true);
   auto next = sender(handle);
   for (ScriptedRequest request = modem_.receive();; request = modem_.receive()) {
     if (request.id != kDrx) {
@@ -237,7 +237,7 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
 
 TEST_F(ClientTest, ManySendersShareOneHandle) {
   const qmi_client_type handle = connect();
-  modem_.set_echo(true);
+  modem_.set(&ScriptedModem::Behaviour::echoes, true);
   constexpr int kSenders = 4, kSends = 200;
   std::atomic<int> good{0};
   std::vector<std::future<void>> senders;

@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 struct Inner {
   uint8_t small;
   uint32_t name_kind;
-  char name[5];  // at most 4 characters
+  char name[5];
 };
 
 struct Outer {
@@ -32,69 +32,34 @@ struct All {
   uint32_t result;
   uint32_t error;
   uint64_t eight;
-  char text[4];  // at most 3 characters
+  char text[4];
   uint8_t outer_valid;
   Outer outer;
+  uint8_t undescribed[300];
   uint8_t tail_valid;
   uint32_t tail_count;
   uint16_t tail[300];
 };
+static_assert(sizeof(Inner) == 16 && offsetof(Outer, enumerations) == 40 && offsetof(All, tail) == 0x017C);
 
-constexpr uint8_t low(size_t value) {
-  return value & 0xFF;
-}
-constexpr uint8_t high(size_t value) {
-  return value >> 8;
-}
-
-constexpr uint8_t kInner[] = {QMI_IDL_KIND_1_BYTE,
-                              offsetof(Inner, small),
-                              QMI_IDL_MORE_FLAGS | QMI_IDL_KIND_ENUM_1_BYTE,
-                              0,
-                              offsetof(Inner, name_kind),
-                              QMI_IDL_ARRAY | QMI_IDL_VARIABLE_LENGTH | QMI_IDL_KIND_STRING,
-                              offsetof(Inner, name),
-                              4,
-                              QMI_IDL_TYPE_END};
-constexpr uint8_t kOuter[] = {QMI_IDL_KIND_2_BYTES,
-                              offsetof(Outer, first),
-                              QMI_IDL_ARRAY | QMI_IDL_VARIABLE_LENGTH | QMI_IDL_KIND_AGGREGATE,
-                              offsetof(Outer, inner),
-                              2,
-                              offsetof(Outer, inner) - offsetof(Outer, count),
-                              0,
-                              0,
-                              QMI_IDL_ARRAY | QMI_IDL_KIND_ENUM_2_BYTES,
-                              offsetof(Outer, enumerations),
-                              2,
-                              QMI_IDL_TYPE_END};
+// clang-format off
+constexpr uint8_t kInner[] = {
+    0x00, 0,                                        // u8
+    0x0C, 0x00, 4,                                  // enumeration of 1 byte, with a further flags byte
+    0x56, 8, 4,                                     // string of up to 4
+    0x20};
+constexpr uint8_t kOuter[] = {
+    0x01, 0,                                        // u16
+    0x57, 8, 2, 4, 0, 0,                            // up to 2 Inner, counted 4 bytes before
+    0x45, 40, 2,                                    // 2 enumerations of 2 bytes
+    0x20};
 constexpr uint8_t kMessage[] = {
-    0x02,
-    QMI_IDL_KIND_AGGREGATE,
-    0,
-    0,
-    1,
-    0x03,
-    QMI_IDL_KIND_8_BYTES,
-    offsetof(All, eight),
-    0x04,
-    QMI_IDL_ARRAY | QMI_IDL_VARIABLE_LENGTH | QMI_IDL_KIND_STRING,
-    offsetof(All, text),
-    3,
-    QMI_IDL_TLV_OPTIONAL | (offsetof(All, outer) - offsetof(All, outer_valid)),
-    0x10,
-    QMI_IDL_KIND_AGGREGATE,
-    offsetof(All, outer),
-    1,
-    0,
-    QMI_IDL_TLV_LAST | QMI_IDL_TLV_OPTIONAL | (offsetof(All, tail) - offsetof(All, tail_valid)),
-    0x11,
-    QMI_IDL_OFFSET_16 | QMI_IDL_ARRAY | QMI_IDL_SIZE_16 | QMI_IDL_VARIABLE_LENGTH | QMI_IDL_KIND_2_BYTES,
-    low(offsetof(All, tail)),
-    high(offsetof(All, tail)),
-    low(300),
-    high(300),
-    offsetof(All, tail) - offsetof(All, tail_count)};
+    0x02, 0x07, 0, 0, 1,                            // standard response
+    0x03, 0x03, 8,                                  // u64
+    0x04, 0x56, 16, 3,                              // string of up to 3
+    0x44, 0x10, 0x07, 24, 1, 0,                     // optional, flag 4 bytes before: Outer
+    0xC8, 0x11, 0xF1, 0x7C, 0x01, 0x2C, 0x01, 4};   // last, optional, flag 8 bytes before: up to 300 u16
+// clang-format on
 
 constexpr qmi_idl_type_table_entry kTypes[] = {{sizeof(Inner), kInner}, {sizeof(Outer), kOuter}};
 constexpr qmi_idl_message_table_entry kMessages[] = {{sizeof(All), kMessage}, {1, nullptr}};
@@ -106,12 +71,8 @@ const qmi_idl_service_object kService = {6, 1, 0x77, 700, {3, 3, 0}, {kIds, kIds
 const Bytes kResult = {0x02, 4, 0, 0, 0, 0, 0};
 const Bytes kEight = {0x03, 8, 0, 8, 7, 6, 5, 4, 3, 2, 1};
 const Bytes kText = {0x04, 2, 0, 'h', 'i'};
-const Bytes kOuterTlv = {0x10, 17,   0,                      // 17 bytes:
-                         0x34, 0x12,                         // first
-                         2,                                  // inner:
-                         1,    0x80, 4, 'a', 'b', 'c', 'd',  //
-                         2,    0xFF, 0,                      //
-                         0xFF, 0xFF, 1, 0};                  // enumerations
+// Its first, the count and the members of inner, its enumerations.
+const Bytes kOuterTlv = {0x10, 17, 0, 0x34, 0x12, 2, 1, 0x80, 4, 'a', 'b', 'c', 'd', 2, 0xFF, 0, 0xFF, 0xFF, 1, 0};
 const Bytes kTail = {0x11, 6, 0, 2, 0, 0xAA, 0xBB, 0xCC, 0xDD};
 
 Bytes join(std::initializer_list<Bytes> parts) {

@@ -32,9 +32,9 @@ TEST_F(NotifierTest, TellsAtRegistrationAndOfEveryChange) {
   EXPECT_EQ(qmi_client_register_notify_cb(handle, nullptr, nullptr), QMI_CLIENT_PARAM_ERR);
   EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
   EXPECT_EQ(events(0), (Events{"event 0"})) << "before the registration returns";
-  modem_.set_services({});
+  modem_.offer({});
   EXPECT_EQ(events(2), (Events{"event 0", "event 1"}));
-  modem_.set_services({kNasId});
+  modem_.offer({kNasId});
   EXPECT_EQ(events(3), (Events{"event 0", "event 1", "event 0"}));
   modem_.announce_restart(0);
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}));
@@ -42,12 +42,12 @@ TEST_F(NotifierTest, TellsAtRegistrationAndOfEveryChange) {
 }
 
 TEST_F(NotifierTest, TellsNothingOfAnAbsentServiceAndMayBeReleasedByItsCallback) {
-  modem_.set_services({});
+  modem_.offer({});
   const qmi_client_type handle = create();
   EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
   EXPECT_EQ(events(0), Events{});
   releases_ = true;
-  modem_.set_services({kNasId});
+  modem_.offer({kNasId});
   EXPECT_EQ(events(1), (Events{"event 0"}));
   EXPECT_EQ(qmi_client_release(handle), QMI_CLIENT_INVALID_CLNT);
 }

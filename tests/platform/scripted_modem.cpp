@@ -46,8 +46,8 @@ Bytes control_message(uint8_t flags, uint8_t transaction, uint16_t id, const Byt
 
 const Bytes ScriptedModem::kSuccess = {0x02, 4, 0, 0, 0, 0, 0};
 
-ScriptedModem::ScriptedModem(std::set<uint8_t> services)
-    : path_("/tmp/scripted-modem-" + std::to_string(::getpid())), services_(std::move(services)) {
+ScriptedModem::ScriptedModem(std::set<uint8_t> services) : path_("/tmp/scripted-modem-" + std::to_string(::getpid())) {
+  behaviour_.services = std::move(services);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path_.data(), path_.size());
@@ -65,7 +65,7 @@ ScriptedModem::~ScriptedModem() {
   acceptor_.join();
   ::close(listener_);
   ::unlink(path_.c_str());
-  set_reading(true);
+  set(&Behaviour::reads, true);
   for (Peer& peer : peers_) {
     ::shutdown(peer.socket, SHUT_RDWR);
     peer.thread.join();
@@ -88,7 +88,7 @@ void ScriptedModem::serve(int connection, Peer& peer) {
   for (;;) {
     {
       std::unique_lock lock(mutex_);
-      changed_.wait(lock, [this] { return is_reading_; });
+      changed_.wait(lock, [this] { return behaviour_.reads; });
     }
     Bytes header(6);
     if (!read_whole(peer.socket, header.data(), header.size())) break;
@@ -101,7 +101,7 @@ void ScriptedModem::serve(int connection, Peer& peer) {
     const ScriptedRequest request = {connection,      header[4],       header[5],
                                      u16(message, 1), u16(message, 3), Bytes(message.begin() + 7, message.end())};
     std::unique_lock lock(mutex_);
-    if (!echoes_) {
+    if (!behaviour_.echoes) {
       requests_.push_back(request);
       changed_.notify_all();
       continue;
@@ -121,14 +121,14 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
     const std::lock_guard lock(mutex_);
     switch (u16(message, 2)) {
       case 0x0021:
-        if (!answers_version_info_) return;
+        if (!behaviour_.answers_version_info) return;
         answer.push_back(0x01);
-        append_u16(answer, 1 + 5 * services_.size());
-        answer.push_back(static_cast<uint8_t>(services_.size()));
-        for (const uint8_t service : services_) answer.insert(answer.end(), {service, 1, 0, 0, 0});
+        append_u16(answer, 1 + 5 * behaviour_.services.size());
+        answer.push_back(static_cast<uint8_t>(behaviour_.services.size()));
+        for (const uint8_t service : behaviour_.services) answer.insert(answer.end(), {service, 1, 0, 0, 0});
         break;
       case 0x0022:
-        if (client_ids_.size() >= limit_) {
+        if (client_ids_.size() >= behaviour_.client_id_limit) {
           answer = {0x02, 4, 0, 1, 0, 5, 0};
         } else {
           client_ids_.insert({message[9], ++last_client_id_});
@@ -145,32 +145,6 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
     }
   }
   send_raw(connection, frame(0, 0, control_message(1, message[1], u16(message, 2), answer)));
-}
-
-void ScriptedModem::set_services(std::set<uint8_t> services) {
-  const std::lock_guard lock(mutex_);
-  services_ = std::move(services);
-}
-
-void ScriptedModem::set_client_id_limit(size_t limit) {
-  const std::lock_guard lock(mutex_);
-  limit_ = limit;
-}
-
-void ScriptedModem::set_version_info(bool is_answered) {
-  const std::lock_guard lock(mutex_);
-  answers_version_info_ = is_answered;
-}
-
-void ScriptedModem::set_echo(bool on) {
-  const std::lock_guard lock(mutex_);
-  echoes_ = on;
-}
-
-void ScriptedModem::set_reading(bool on) {
-  const std::lock_guard lock(mutex_);
-  is_reading_ = on;
-  changed_.notify_all();
 }
 
 ScriptedRequest ScriptedModem::receive() {

@@ -6,9 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
-#include <map>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -33,12 +31,22 @@ class ScriptedModem {
   explicit ScriptedModem(std::set<uint8_t> services);
   ~ScriptedModem();
 
-  void set_services(std::set<uint8_t> services);
-  void set_client_id_limit(size_t limit);
-  void set_version_info(bool is_answered);
-  // Answers every request of a service at once with success, and an indication of the same number before it.
-  void set_echo(bool on);
-  void set_reading(bool on);
+  // What the test may change at any time.
+  struct Behaviour {
+    std::set<uint8_t> services;
+    size_t client_id_limit = 10;
+    bool answers_version_info = true;
+    bool reads = true;
+    bool echoes = false;  // every request has an indication of its number and a successful response at once
+  };
+
+  template <typename T>
+  void set(T Behaviour::*field, T value) {
+    const std::lock_guard lock(mutex_);
+    behaviour_.*field = std::move(value);
+    changed_.notify_all();
+  }
+  void offer(std::set<uint8_t> services) { set(&Behaviour::services, std::move(services)); }
 
   // The next request of a service; nothing within two seconds is an error of the test.
   ScriptedRequest receive();
@@ -82,14 +90,10 @@ class ScriptedModem {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::list<Peer> peers_;
-  std::set<uint8_t> services_;
+  Behaviour behaviour_;
   std::set<std::pair<uint8_t, uint8_t>> client_ids_;
   std::deque<ScriptedRequest> requests_;
   uint8_t last_client_id_ = 0;
-  size_t limit_ = 10;
-  bool answers_version_info_ = true;
-  bool echoes_ = false;
-  bool is_reading_ = true;
 };
 
 }  // namespace pelmar::platform

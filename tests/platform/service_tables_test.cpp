@@ -7,8 +7,6 @@
 #include "nas_messages.h"
 #include "qmi_codec.h"
 #include "sar_messages.h"
-#include "vs_messages.h"
-#include "vs_service_object.h"
 
 namespace pelmar::platform {
 namespace {
@@ -92,29 +90,6 @@ TEST(ServiceTables, SarStateOnTheWire) {
   response.state = 5;
   EXPECT_EQ(encoded(kSar, QMI_IDL_RESPONSE, QMI_SAR_RF_GET_STATE_V01, response),
             (Bytes{0x02, 4, 0, 0, 0, 0, 0, 0x10, 4, 0, 5, 0, 0, 0}));
-}
-
-TEST(ServiceTables, TheLargestIndicationFillsTheServicesMaximum) {
-  vs::ReportAIndication sent;
-  std::memset(&sent, 0, sizeof sent);
-  sent.record_count = vs::kMaxDataRecords;
-  sent.secondary_valid = sent.trailer_valid = 1;
-  sent.secondary_count = vs::kMaxSecondaryDataRecords;
-  sent.trailer = 0x11223344;
-  for (auto& record : sent.records) {
-    record = {1, 2, 3, vs::kMaxDataBytes, {}};
-    std::memset(record.data, 0x5A, sizeof record.data);
-  }
-  sent.secondary[4].data_len = vs::kMaxDataBytes;
-  for (auto& record : sent.secondary) record.data_len = vs::kMaxDataBytes;
-  const Bytes wire = encoded(&vs_qmi_idl_service_object_v01, QMI_IDL_INDICATION, vs::kReportAIndication, sent);
-  EXPECT_EQ(wire.size(), 10672u);
-  vs::ReportAIndication received;
-  std::memset(&received, 0xEE, sizeof received);
-  ASSERT_EQ(decode(&vs_qmi_idl_service_object_v01, QMI_IDL_INDICATION, vs::kReportAIndication, wire.data(), wire.size(),
-                   &received, sizeof received),
-            0);
-  EXPECT_EQ(std::memcmp(&sent, &received, sizeof sent), 0);
 }
 
 }  // namespace
