@@ -80,12 +80,22 @@ int talk(char**) {
   return modem_api_free_client(g_client);
 }
 
+// Opens a SAR client, waits for the end of its input and then some microseconds, and exits with all open.
+int leave(char** arguments) {
+  if (modem_api_init() != MODEM_API_SUCCESS) return 1;
+  if (modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &g_client) != MODEM_API_SUCCESS) return 1;
+  say("open");
+  wait_for_end_of_input();
+  usleep(static_cast<useconds_t>(std::atoi(arguments[0])));
+  return 0;
+}
+
 struct Role {
   const char* name;
   int (*run)(char** arguments);
 };
 
-constexpr Role kRoles[] = {{"init", init}, {"hold", hold}, {"items", items}, {"talk", talk}};
+constexpr Role kRoles[] = {{"init", init}, {"hold", hold}, {"items", items}, {"talk", talk}, {"leave", leave}};
 
 }  // namespace
 
