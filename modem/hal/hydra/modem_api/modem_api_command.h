@@ -14,10 +14,13 @@
 
 namespace pelmar {
 
-// A request or response structure with every byte zero, padding included.
+// A request or response structure with every byte zero, padding included. It stays where it was made: a copy, such as
+// one that a function returns in registers, may carry other bytes in its padding.
 template <typename Structure>
 struct Zeroed : Structure {
   Zeroed() { std::memset(static_cast<Structure*>(this), 0, sizeof(Structure)); }
+  Zeroed(const Zeroed&) = delete;
+  Zeroed& operator=(const Zeroed&) = delete;
 };
 
 // Logs under the name of the refusing command and returns `error`.

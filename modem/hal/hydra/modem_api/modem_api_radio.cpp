@@ -172,8 +172,7 @@ modem_api_result get_cell_info(const char* function, int32_t client_id, int32_t 
   return response.header.result == QMI_RESULT_SUCCESS_V01 ? MODEM_API_SUCCESS : MODEM_API_ERR_GENERIC;
 }
 
-Zeroed<SetLteCellLockRequest> cell_lock_request(uint32_t count, const uint32_t* values, const uint32_t* params) {
-  Zeroed<SetLteCellLockRequest> request;
+void put_cells(SetLteCellLockRequest& request, uint32_t count, const uint32_t* values, const uint32_t* params) {
   // A count beyond the capacity goes out as it is, and the codec refuses it; the cells beyond are not read.
   request.count = count;
   for (uint32_t i = 0; i < count && i < MODEM_API_MAX_LOCKED_CELLS; ++i) {
@@ -182,14 +181,11 @@ Zeroed<SetLteCellLockRequest> cell_lock_request(uint32_t count, const uint32_t* 
   }
   request.trailer_valid = 1;
   request.trailer = 1;
-  return request;
 }
 
-Zeroed<SetSystemSelectionRequest> nr_disable_request(int32_t mode) {
-  Zeroed<SetSystemSelectionRequest> request;
+void put_nr_disable_mode(SetSystemSelectionRequest& request, int32_t mode) {
   request.nr_disable_mode_valid = 1;
   request.nr_disable_mode = mode == 1 || mode == 2 ? static_cast<uint32_t>(mode) : 0;
-  return request;
 }
 
 }  // namespace
@@ -226,7 +222,8 @@ modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_
 
 modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count, const uint32_t* values,
                                              const uint32_t* params) {
-  auto request = cell_lock_request(count, values, params);
+  Zeroed<SetLteCellLockRequest> request;
+  put_cells(request, count, values, params);
   PELMAR_RETURN_LOGGED(
       send_nas_control(__func__, client_id, static_cast<int32_t>(sub), QMI_NAS_SET_LTE_CELL_LOCK_V01, request));
 }
@@ -236,7 +233,8 @@ modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_t sub, uint8_t
 }
 
 modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode) {
-  auto request = nr_disable_request(mode);
+  Zeroed<SetSystemSelectionRequest> request;
+  put_nr_disable_mode(request, mode);
   PELMAR_RETURN_LOGGED(
       send_nas_control(__func__, client_id, sub, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, request));
 }
