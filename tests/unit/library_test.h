@@ -39,6 +39,12 @@ inline std::vector<uint8_t> structure(size_t size, const std::string& content) {
   return result;
 }
 
+inline void PrintTo(const Call& call, std::ostream* out) {
+  *out << call.name << " 0x" << std::hex << call.msg_id << " on " << call.handle << ", request";
+  for (const uint8_t byte : call.request) *out << ' ' << int{byte};
+  *out << std::dec << ", response of " << call.response_length << ", time-out " << call.timeout;
+}
+
 // A block of the traced allocator that is alive.
 struct Block {
   uint8_t* address;
