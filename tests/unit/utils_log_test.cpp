@@ -1,0 +1,187 @@
+// Log lines, the masks of both sinks and the property echo.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "hydra_mem.h"
+#include "settled_log.h"
+
+namespace scripted {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+// All lines since the last call, each behind its priority.
+Lines texts() {
+  Lines texts;
+  for (const LogLine& line : log_lines()) texts.push_back(std::to_string(line.priority) + " " + line.text);
+  clear_log();
+  return texts;
+}
+
+TEST(LogSite, FirstLineMergesEachMaskAndReadsTheName) {
+  CaptureOutput output;
+  pelmar_check_sub_id(1);
+  const std::string site = R"(\[pelmar_utils_cmn_sub\.cpp:[0-9]+] pelmar_check_sub_id: function )";
+  EXPECT_THAT(texts(), ElementsAre("7 merge, old pelmar_hal_set_logcat_print_mask 0xffff, merge_mask 0xffff",
+                                   "7 new pelmar_hal_set_logcat_print_mask 0xffff",
+                                   "7 logcat print is started, g_pelmar_logcat_print_mask 0xffff",
+                                   "7 pelmar_get_current_pid_name, proc_pid_buf = /scripted/mtb",
+                                   "7 pelmar_get_current_pid_name, str_pid_name: /mtb",
+                                   "7 pelmar_get_current_pid_name, g_pid_info.p_name = mtb",
+                                   MatchesRegex(R"(7 \[mtb])" + site + "entry ------------->"),
+                                   "7 merge, old g_pelmar_shell_print_mask 0xffff, merge_mask 0xffff",
+                                   "7 new g_pelmar_shell_print_mask 0xffff",
+                                   "7 shell print is started, g_pelmar_shell_print_mask 0xffff",
+                                   MatchesRegex(R"(7 \[mtb])" + site + R"(exit, ret\(1\) <-------------)")));
+  EXPECT_THAT(output.text(),
+              MatchesRegex("RIL" + site + "entry ------------->\nRIL" + site + "exit, ret\\(1\\) <-------------\n"));
+}
+
+TEST(LogSite, CarriesTheInstanceOnceTheHostToldItAndReadsNoName) {
+  CaptureOutput output;
+  g_pelmar_qcril_ril_process_instance_id = 1;
+  EXPECT_EQ(pelmar_get_qcril_process_instance_id(), 1U);
+  texts();
+  pelmar_str_find_right(nullptr, 'x');
+  const Lines lines = texts();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_THAT(lines[1], MatchesRegex(R"(3 SUB\[1]\[pelmar_utils_cmn_string\.cpp:[0-9]+] pelmar_str_find_right: )"
+                                     "str_in is null"));
+  EXPECT_EQ(output.text().find("SUB"), std::string::npos);
+  g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
+  pelmar_check_sub_id(0);
+  EXPECT_EQ(texts()[0].find("7 pelmar_get_current_pid_name, proc_pid_buf"), 0U);
+}
+
+struct MaskCase {
+  const char* property;
+  bool error_passes;
+  bool debug_passes;
+  const char* state;
+};
+
+class MaskProperty : public testing::TestWithParam<MaskCase> {};
+
+TEST_P(MaskProperty, NarrowsTheMaskOnce) {
+  const MaskCase& param = GetParam();
+  properties["persist.vendor.radio.adb_log_ka"] = param.property;
+  properties["persist.vendor.radio.adb_log_shell"] = param.property;
+  pelmar_hal_set_logcat_print_mask(0xFFFFFFFF);  // narrowed like any other
+  for (const auto passes : {pelmar_hal_get_logcat_print_flag, pelmar_hal_get_shell_print_flag}) {
+    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_ERROR), param.error_passes);
+    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_DEBUG), param.debug_passes);
+    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_ERROR | PELMAR_LOG_LEVEL_DEBUG), param.error_passes && param.debug_passes);
+  }
+  EXPECT_TRUE(logged("D|logcat print is " + std::string(param.state)));
+  EXPECT_EQ(reads_of("persist.vendor.radio.adb_log_ka"), 1);
+
+  settle_log();
+  CaptureOutput output;
+  pelmar_str_find_right(nullptr, 'x');
+  const std::string written = output.text();
+  const long lines = (param.error_passes ? 1 : 0) + (param.debug_passes ? 2 : 0);
+  EXPECT_EQ(log_lines().size(), static_cast<size_t>(lines));
+  EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), lines);
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, MaskProperty,
+                         testing::Values(MaskCase{"1", true, false, "started, g_pelmar_logcat_print_mask 0x1"},
+                                         MaskCase{"4", false, true, "started, g_pelmar_logcat_print_mask 0x4"},
+                                         MaskCase{"0", false, false, "stoped, g_pelmar_logcat_print_mask 0x0"},
+                                         MaskCase{"debug", false, false, "stoped, g_pelmar_logcat_print_mask 0x0"}));
+
+TEST(Masks, OperationsTellOfThemselvesWhateverTheMask) {
+  const struct {
+    void (*operation)(uint32_t);
+    uint32_t mask;
+    const char* verb;
+    std::string name;
+    const char* before;
+    const char* after;
+  } cases[] = {
+      {pelmar_hal_set_logcat_print_mask, 0xF5, "set", "pelmar_hal_set_logcat", "0xffff, dst_mask 0xf5", "0xf5"},
+      {pelmar_hal_merge_logcat_print_mask, 0x3C, "merge", "pelmar_hal_set_logcat", "0xf5, merge_mask 0x3c", "0x34"},
+      {pelmar_hal_add_logcat_print_mask, 0x3, "add", "pelmar_hal_set_logcat", "0x34, add_mask 0x3", "0x37"},
+      {pelmar_hal_remove_logcat_print_mask, 0x11, "remove", "g_pelmar_logcat", "0x37, rm_mask 0x11", "0x26"},
+      {pelmar_hal_set_shell_print_mask, 0xF5, "set", "g_pelmar_shell", "0xffff, dst_mask 0xf5", "0xf5"},
+      {pelmar_hal_merge_shell_print_mask, 0x3C, "merge", "g_pelmar_shell", "0xf5, merge_mask 0x3c", "0x34"},
+      {pelmar_hal_add_shell_print_mask, 0x3, "add", "g_pelmar_shell", "0x34, add_mask 0x3", "0x37"},
+      {pelmar_hal_remove_shell_print_mask, 0x11, "remove", "g_pelmar_shell", "0x37, rm_mask 0x11", "0x26"},
+  };
+  for (const auto& change : cases) {
+    change.operation(change.mask);
+    const std::string name = change.name + "_print_mask ";
+    EXPECT_THAT(texts(), ElementsAre(std::string("7 ") + change.verb + ", old " + name + change.before,
+                                     "7 new " + name + change.after));
+  }
+  pelmar_utils_close_logcat_print();
+  pelmar_hal_close_shell_print();
+  pelmar_hal_close_print();
+  EXPECT_THAT(texts(),
+              ElementsAre("7 close, g_pelmar_logcat_print_mask 0x26", "7 close, g_pelmar_shell_print_mask 0x26"));
+  EXPECT_FALSE(pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_ERROR));
+}
+
+TEST(SystemLog, WritesBothPrioritiesThroughClosedMasks) {
+  pelmar_hal_close_print();
+  pelmar_utils_syslog_err("error %d", 1);
+  pelmar_utils_syslog_dbg("debug %s", "2");
+  EXPECT_THAT(texts(), ElementsAre("3 error 1", "7 debug 2"));
+
+  char buffer[8] = "before";
+  EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 0, "%d", 1), 0);
+  EXPECT_EQ(pelmar_utils_format_log_msg(nullptr, 8, "%d", 1), 0);
+  EXPECT_STREQ(buffer, "before");
+  EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 4, "%d", 123456), 6);
+  EXPECT_STREQ(buffer, "123");
+}
+
+class PropertyEcho : public testing::TestWithParam<std::pair<const char*, bool>> {};
+
+TEST_P(PropertyEcho, IsOnForExactlyOneAndDecidedOnce) {
+  const auto [value, on] = GetParam();
+  if (value != nullptr) properties["persist.vendor.radio.print_prop"] = value;
+  EXPECT_EQ(pelmar_utils_get_prop_print_flag(), on);
+  EXPECT_THAT(texts(), ElementsAre(on ? "7 prop print is started" : "7 prop print is stoped"));
+  properties["persist.vendor.radio.print_prop"] = on ? "0" : "1";
+  settle_log();
+  pelmar_print_property_value("ro.unset");
+  pelmar_print_property_value(nullptr);
+  pelmar_get_pelmar_device_type();
+  EXPECT_EQ(messages(), !on ? Lines{}
+                            : (Lines{"D pelmar_print_property_value: ro.unset: null_val",
+                                     "E pelmar_print_property_value: property_name is null",
+                                     "D pelmar_get_property_value: ro.radio.device_type: 0"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, PropertyEcho,
+                         testing::Values(std::pair{nullptr, true}, std::pair{"1", true}, std::pair{"11", false},
+                                         std::pair{"true", false}, std::pair{"", false}));
+
+// For the thread sanitizer above all: everything that is decided by its first caller, by several callers at once.
+TEST(Threads, AskForTheFirstTimeTogether) {
+  properties = {{"persist.hydra.mem_trace", "true"}, {"ro.product.device", "lynx"}};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      EXPECT_STREQ(pelmar_device_name_get(), "lynx");
+      EXPECT_STREQ(pelmar_vendor_build_region_get(), "NULL");
+      EXPECT_TRUE(pelmar_is_pre_version());
+      pelmar_get_current_pid_name_ex();
+      pelmar_utils_get_pid_number();
+      pelmar_hal_add_shell_print_mask(2);
+      hydra_free_adv(hydra_malloc_adv(64, __func__, __LINE__), __func__, __LINE__);
+      char dump[2048];
+      hydra_mem_trace_dump(dump, sizeof(dump));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_STREQ(pelmar_get_current_pid_name(), "mtb");
+}
+
+}  // namespace
+}  // namespace scripted
