@@ -84,8 +84,8 @@ Outcome run_program(const std::vector<std::string>& arguments) {
   return {wait_for_end(process), std::move(text)};
 }
 
-SimProcess::SimProcess(const ScratchDirectory& directory, std::vector<std::string> options)
-    : socket_(directory.path("qmux")), control_(directory.path("storage/control")) {
+SimProcess::SimProcess(const ScratchDirectory& directory, std::vector<std::string> options, const std::string& socket)
+    : socket_(socket.empty() ? directory.path("qmux") : socket), control_(directory.path("storage/control")) {
   std::vector<std::string> arguments = {MODEM_SIM, "serve",     "--socket",
                                         socket_,   "--storage", directory.path("storage")};
   arguments.insert(arguments.end(), options.begin(), options.end());

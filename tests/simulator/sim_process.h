@@ -32,8 +32,9 @@ Outcome run_program(const std::vector<std::string>& arguments);
 
 class SimProcess {
  public:
-  // Returns when the modem is ready; fails the test where it does not become so.
-  explicit SimProcess(const ScratchDirectory& directory, std::vector<std::string> options = {});
+  // Returns when the modem is ready; fails the test where it does not become so. No socket named: one in the directory.
+  explicit SimProcess(const ScratchDirectory& directory, std::vector<std::string> options = {},
+                      const std::string& socket = "");
   ~SimProcess();
   SimProcess(const SimProcess&) = delete;
   SimProcess& operator=(const SimProcess&) = delete;
