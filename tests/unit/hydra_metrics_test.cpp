@@ -1,0 +1,199 @@
+// Decoders: which value each asks for, where its fields go, and what becomes of values that are too short.
+#include <atomic>
+#include <sstream>
+#include <thread>
+
+#include "hydra_test.h"
+#include "pelmar_log.h"
+
+namespace {
+
+using namespace scripted;
+
+using Decode = uint8_t (*)(uint32_t sub, void* record);
+
+template <typename Record, uint8_t (*decoder)(uint32_t, Record*)>
+uint8_t decode(uint32_t sub, void* record) {
+  return decoder(sub, static_cast<Record*>(record));
+}
+
+// Fields are written "name:width@offset", in the order of the value; the offset is the record's.
+struct Metric {
+  std::string logged_as;
+  size_t record_size;
+  std::vector<std::pair<uint32_t, Decode>> decoders;  // by statistics identifier
+  std::string fields;
+};
+
+// clang-format off
+#define DECODER(Record) decode<Record, Record##_get>
+#define LTE(carrier) decode<modem_hydra_lte_srv_meas_info, modem_hydra_lte_srv_meas_info_get_for_##carrier>
+#define NR(carrier) decode<modem_hydra_nr5g_srv_meas_info, modem_hydra_nr5g_srv_meas_info_get_for_##carrier>
+const Metric kMetrics[] = {
+    {"modem_hydra_lte_srv_meas_info_get", 80,
+     {{0x52, LTE(pcc)}, {0x67, LTE(scc1)}, {0x68, LTE(scc2)}, {0x69, LTE(scc3)}, {0x6a, LTE(scc4)}, {0x6b, LTE(scc5)},
+      {0x6c, LTE(scc6)}},
+     "version:1@0 version_ssmr:1@1 earfcn:4@4 pci:2@8 is_srv_cell:1@10 rx_valid:2@12 "
+     "rsrp_rx0:4@16 rsrq_rx0:4@32 rssi_rx0:4@48 snr_rx0:4@64 rsrp_rx1:4@20 rsrq_rx1:4@36 rssi_rx1:4@52 snr_rx1:4@68 "
+     "rsrp_rx2:4@24 rsrq_rx2:4@40 rssi_rx2:4@56 snr_rx2:4@72 rsrp_rx3:4@28 rsrq_rx3:4@44 rssi_rx3:4@60 snr_rx3:4@76"},
+    {"modem_hydra_nr5g_srv_meas_info_get", 24, {{0x87, NR(pcc)}, {0x06, NR(scc1)}, {0x07, NR(scc2)}},
+     "version:4@0 rsrp_rx0:4@4 rsrp_rx1:4@8 rsrp_rx2:4@12 rsrp_rx3:4@16 rsrq:4@20"},
+    {"modem_hydra_nr5g_ll1_fw_rx_control_agc_get", 20, {{0x5e, DECODER(modem_hydra_nr5g_ll1_fw_rx_control_agc)}},
+     "version:4@0 rssi0:4@4 rssi1:4@8 rssi2:4@12 rssi3:4@16"},
+    {"modem_hydra_nr5g_ll1_fw_serving_ftl_get", 20, {{0x70, DECODER(modem_hydra_nr5g_ll1_fw_serving_ftl)}},
+     "version:4@0 snr0:4@4 snr1:4@8 snr2:4@12 snr3:4@16"},
+    {"modem_hydra_nr5g_ml1_antenna_switch_diversity_get", 16,
+     {{0x71, DECODER(modem_hydra_nr5g_ml1_antenna_switch_diversity)}},
+     "version:4@0 ant_rx_0_old:1@4 ant_rx_0_new:1@5 ant_rx_1_old:1@6 ant_rx_1_new:1@7 ant_rx_2_old:1@8 "
+     "ant_rx_2_new:1@9 ant_rx_3_old:1@10 ant_rx_3_new:1@11 ant_tx_0_old:1@12 ant_tx_0_new:1@13 ant_tx_1_old:1@14 "
+     "ant_tx_1_new:1@15"},
+    {"modem_hydra_wcdma_pn_search_edition2_get", 12, {{0x6e, DECODER(modem_hydra_wcdma_pn_search_edition2)}},
+     "version:1@0 rx_agc_0:4@4 rx_agc_1:4@8"},
+    {"modem_hydra_gsm_l1_rx_diversity_metrics_get", 12, {{0x6f, DECODER(modem_hydra_gsm_l1_rx_diversity_metrics)}},
+     "version:1@0 rx_prx:4@4 rx_drx:4@8"},
+    {"modem_hydra_mcs_trm_asdiv_get", 8, {{0x64, DECODER(modem_hydra_mcs_trm_asdiv)}},
+     "version:1@0 ant_number:1@1 ant_switch_path:2@2 sig_path:2@4 old_config:1@6 new_config:1@7"},
+    {"modem_hydra_lte_pusch_power_info_get", 10, {{0x62, DECODER(modem_hydra_lte_pusch_power_info)}},
+     "version:1@0 pusch_tx_power:2@2 dl_path_loss:1@4 max_power:2@6 pusch_ex_tx_power:2@8"},
+    {"modem_hydra_nr5g_mac_ul_phy_ch_power_info_get", 52, {{0x5a, DECODER(modem_hydra_nr5g_mac_ul_phy_ch_power_info)}},
+     "version_hook:4@0 tx_power_pusch:4@4 tx_power_pucch:4@8 tx_power_srs:4@12 tx_power_prach:4@16 mtpl_pusch:4@20 "
+     "mtpl_pucch:4@24 mtpl_srs:4@28 mtpl_prach:4@32 pathloss:4@36 pathloss:4@40 pathloss:4@44 pathloss:4@48"},
+};
+// clang-format on
+
+// What is left of a value in a record: its whole fields, up to the first that it has not whole.
+struct Expected {
+  Bytes record;
+  std::string complaint;  // empty: none
+};
+
+Expected expected_of(const Metric& metric, uint32_t id, const Bytes& value) {
+  Bytes record(metric.record_size);
+  std::istringstream fields(metric.fields);
+  size_t at = 0;
+  for (std::string field; fields >> field;) {
+    const size_t width = std::stoul(field.substr(field.find(':') + 1));
+    if (at + width > value.size()) {
+      std::ostringstream complaint;
+      complaint << "E g_hydra_data_left(" << value.size() - at << ") is not enough for "
+                << field.substr(0, field.find(':')) << ", id(0x" << std::hex << id << ")";
+      return {record, complaint.str()};
+    }
+    std::memcpy(&record[std::stoul(field.substr(field.find('@') + 1))], &value[at], width);
+    at += width;
+  }
+  return {record, ""};
+}
+
+// A value long enough for every metric, with bytes of its own.
+Bytes long_value(uint32_t sub, uint32_t id) {
+  Bytes value(80);
+  for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(1 + i + id * 3 + sub * 101);
+  return value;
+}
+
+class HydraMetrics : public HydraTest {};
+
+// From values of every length; the carriers beside the first from a whole one.
+TEST_F(HydraMetrics, FillWhatTheValueHas) {
+  open_hydra();
+  for (const Metric& metric : kMetrics) {
+    for (const auto& [id, decoder] : metric.decoders) {
+      const uint32_t sub = id % 2;
+      const size_t whole = long_value(sub, id).size();
+      for (size_t length = id == metric.decoders[0].first ? 1 : whole; length <= whole; ++length) {
+        SCOPED_TRACE(metric.logged_as + " from " + std::to_string(length) + " bytes");
+        Bytes& value = values[{sub, id}] = long_value(sub, id);
+        value.resize(length);
+        const auto [expected, complaint] = expected_of(metric, id, value);
+        Bytes record(metric.record_size, 0xEE);
+        forget();
+        EXPECT_EQ(decoder(sub, record.data()), complaint.empty());
+        EXPECT_EQ(record, expected);
+        EXPECT_EQ(lines_of(metric.logged_as)[1],
+                  complaint.empty() ? "D function exit, ret = 1 <-------------" : complaint);
+      }
+    }
+  }
+}
+
+TEST_F(HydraMetrics, ReadNumbersInLittleEndian) {
+  values[{0, 0x52}] = bytes(
+      "01 02 14050000 F701 01 0F00"
+      "A6FFFFFF F6FFFFFF BEFFFFFF 0C000000  A5FFFFFF F5FFFFFF BDFFFFFF 0B000000"
+      "A4FFFFFF F4FFFFFF BCFFFFFF 0A000000  A3FFFFFF F3FFFFFF BBFFFFFF FEFFFFFF");
+  modem_hydra_lte_srv_meas_info cell = {};
+  ASSERT_EQ(modem_hydra_lte_srv_meas_info_get_for_pcc(0, &cell), 1);
+  EXPECT_EQ(cell.earfcn, 1300u);
+  EXPECT_EQ(cell.pci, 503);
+  EXPECT_THAT(cell.rsrp, testing::ElementsAre(-90, -91, -92, -93));
+  EXPECT_THAT(cell.snr, testing::ElementsAre(12, 11, 10, -2));
+}
+
+TEST_F(HydraMetrics, RefuseWithoutTouchingTheRecord) {
+  open_hydra();
+  for (const Metric& metric : kMetrics) {
+    const auto& [id, decoder] = metric.decoders.front();
+    const std::string id_text = metric.decoders.size() > 1 ? ", id = " + std::to_string(id) : "";
+    const std::string exit = "D function exit, ret = 0 <-------------";
+    forget();
+    EXPECT_EQ(decoder(0, nullptr), 0);
+    EXPECT_EQ(lines_of(metric.logged_as),
+              (Lines{"D sub = 0" + id_text + ", ptr_hydra_data = 0x0", "E ptr_hydra_data is NULL", exit}));
+    EXPECT_TRUE(calls().empty());
+    Bytes record(metric.record_size, 0xEE);
+    EXPECT_EQ(decoder(2, record.data()), 0);  // there is no such subscription
+    EXPECT_EQ(lines_of(metric.logged_as)[4], "E modem_hydra_data_get failed");
+    EXPECT_THAT(record, testing::Each(0xEE));
+  }
+}
+
+TEST_F(HydraMetrics, SystemModeIsTheFirstStacks) {
+  const std::tuple<std::string, uint32_t, std::string> cases[] = {
+      {"01 0C000000", 12, "D sub = 1"},
+      {"03 09000000 0C000000 0C000000", 9, "D sub = 1"},
+      {"00 09000000", MODEM_SYS_MODE_UNKNOWN, "D sub = 1"},
+      {"01 090000", MODEM_SYS_MODE_UNKNOWN, "E g_hydra_data_left(3) is not enough for rat, id(0x2c)"},
+      {"", MODEM_SYS_MODE_UNKNOWN, "E modem_hydra_data_get failed"},
+  };
+  open_hydra();
+  for (const auto& [value, rat, line] : cases) {
+    values[{1, 0x2c}] = bytes(value);
+    EXPECT_EQ(modem_sys_mode_get(1), rat);
+    const Lines lines = lines_of("modem_sys_mode_get");
+    EXPECT_EQ(*(lines.end() - 2), line);
+    EXPECT_EQ(lines.back(), "D function exit, rat = " + std::to_string(static_cast<int32_t>(rat)) + " <-------------");
+  }
+}
+
+TEST_F(HydraMetrics, ThreadsNeverMixValues) {
+  open_hydra();
+  pelmar_hal_close_print();
+  for (const uint32_t sub : {0u, 1u}) {
+    for (const Metric& metric : kMetrics) {
+      for (const auto& [id, decoder] : metric.decoders) values[{sub, id}] = long_value(sub, id);
+    }
+    values[{sub, 0x2c}] = bytes(sub == 0 ? "02 09000000" : "02 0C000000");
+  }
+  std::atomic<int> wrong = 0;
+  const auto read_everything = [&](uint32_t sub) {
+    for (const Metric& metric : kMetrics) {
+      for (const auto& [id, decoder] : metric.decoders) {
+        Bytes record(metric.record_size, 0xEE);
+        if (decoder(sub, record.data()) != 1) ++wrong;
+        if (record != expected_of(metric, id, long_value(sub, id)).record) ++wrong;
+      }
+    }
+    if (modem_sys_mode_get(sub) != (sub == 0 ? MODEM_SYS_MODE_LTE : MODEM_SYS_MODE_NR)) ++wrong;
+  };
+  std::vector<std::thread> threads;
+  for (uint32_t thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (uint32_t round = 0; round < 10; ++round) read_everything((thread + round) % 2);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
