@@ -40,31 +40,7 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   return code;
 }
 
-}  // namespace
-
-bool is_stale(const ServiceClient& client, uint32_t generation) {
-  return client.state.generation.load() != generation;
-}
-
-void prepare(const ServiceClient& client) {
-  client.state.generation.fetch_add(1);
-  WorkerLock lock(client.state);
-  clear_context(client.context);
-  store(*client.context.response_cb, client.entry.command);
-  store(*client.context.service_object, client.service_object());
-}
-
-void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback) {
-  store(*client.context.status_cb, callback);
-}
-
-void report(const ServiceClient& client, operational_status status) {
-  const modem_api_operational_status_fn callback = load(*client.context.status_cb);
-  if (callback != nullptr) callback(client.type, status);
-}
-
-bool connect_handles(const ServiceClient& client) {
-  const char* const function = client.names.init_handles;
+bool make_attempts(const ServiceClient& client, const char* function) {
   const uint32_t generation = client.state.generation.load();
   WorkerLock lock(client.state);
   client.state.phase.store(Phase::kConnecting);
@@ -95,6 +71,38 @@ bool connect_handles(const ServiceClient& client) {
   qmi_client_register_error_cb(handle, client.entry.service_down, nullptr);
   store(*client.context.connected, uint8_t{1});
   return true;
+}
+
+}  // namespace
+
+bool is_stale(const ServiceClient& client, uint32_t generation) {
+  return client.state.generation.load() != generation;
+}
+
+void prepare(const ServiceClient& client) {
+  client.state.generation.fetch_add(1);
+  WorkerLock lock(client.state);
+  clear_context(client.context);
+  store(*client.context.response_cb, client.entry.command);
+  store(*client.context.service_object, client.service_object());
+}
+
+void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback) {
+  store(*client.context.status_cb, callback);
+}
+
+void report(const ServiceClient& client, operational_status status) {
+  const modem_api_operational_status_fn callback = load(*client.context.status_cb);
+  if (callback != nullptr) callback(client.type, status);
+}
+
+bool connect_handles(const ServiceClient& client) {
+  const char* const function = client.names.init_handles;
+  if (function == nullptr) return make_attempts(client, client.names.init);
+  PELMAR_LOG_ENTRY_AS(function);
+  const bool connected = make_attempts(client, function);
+  PELMAR_LOG_EXIT_RET_AS(function, connected);
+  return connected;
 }
 
 void finish_connecting(const ServiceClient& client) {

@@ -59,8 +59,8 @@ struct EntryPoints {
 // Function names of log lines that are written here.
 struct LogNames {
   const char* init;
-  const char* master_port;  // null: the port is not logged
-  const char* init_handles;
+  const char* master_port;   // null: the port is not logged
+  const char* init_handles;  // null: the attempts are a part of init
   const char* unsol_ind;
   const char* service_down;
   const char* suspend;
@@ -121,7 +121,7 @@ class WorkerLock {
 
 // Clears the context, stores the response callback and the service object.
 void prepare(const ServiceClient& client);
-// The ten attempts. True when the client is connected.
+// The ten attempts, with the lines of their own operation. True when the client is connected.
 bool connect_handles(const ServiceClient& client);
 // Opens the client on the caller's thread, with its own log lines. True when it is up.
 bool open(const ServiceClient& client, modem_api_event_cb event_cb);

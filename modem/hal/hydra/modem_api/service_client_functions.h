@@ -64,10 +64,8 @@
     PELMAR_LOG_EXIT();                                                                                                \
   }                                                                                                                   \
   bool prefix##_client_init_client_handles() {                                                                        \
-    PELMAR_LOG_ENTRY();                                                                                               \
     const bool connected = pelmar::connect_handles(client);                                                           \
     pelmar::finish_connecting(client);                                                                                \
-    PELMAR_LOG_EXIT_RET(connected);                                                                                   \
     return connected;                                                                                                 \
   }                                                                                                                   \
   void prefix##_client_service_up_event(qmi_client_type, qmi_idl_service_object_type,                                 \

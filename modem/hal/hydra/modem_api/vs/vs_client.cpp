@@ -30,7 +30,7 @@ constexpr pelmar::ServiceClient kVsClient = {
               .resume_thread = nullptr},
     .names = {.init = "vs_client_init",
               .master_port = "vs_client_get_master_port",
-              .init_handles = "vs_client_init",
+              .init_handles = nullptr,
               .unsol_ind = "vs_client_unsol_ind_cb",
               .service_down = "vs_client_service_down_event",
               .suspend = nullptr,
