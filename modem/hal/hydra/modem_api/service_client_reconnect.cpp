@@ -58,8 +58,7 @@ void suspend(const ServiceClient& client) {
 
 void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error) {
   PELMAR_LOG_ERROR_AS(client.names.service_down, "service down with error %d", error);
-  const qmi_client_type held = load(*client.context.client_handle);
-  const bool dropped_earlier = handle != nullptr && held != nullptr && handle != held;
+  const bool dropped_earlier = handle != nullptr && handle != load(*client.context.client_handle);
   if (dropped_earlier) return;
   Phase phase = Phase::kConnecting;
   if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
