@@ -6,7 +6,6 @@
 #include "network_access_service_v01.h"
 #include "qmi_codec.h"
 #include "specific_absorption_rate_v01.h"
-#include "vs_messages.h"
 #include "vs_service_object.h"
 
 namespace pelmar::fuzz {
@@ -18,7 +17,7 @@ using platform::TypeTable;
 
 std::vector<CatalogueMessage> make_catalogue() {
   const qmi_idl_service_object_type services[] = {
-      vs_get_service_object_internal_v01(vs::kIdlMajorVersion, vs::kIdlMinorVersion, vs::kIdlLibraryVersion),
+      &vs_qmi_idl_service_object_v01,
       sar_get_service_object_internal_v01(SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS),
       nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS),
   };

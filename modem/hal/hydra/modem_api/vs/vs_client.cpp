@@ -7,6 +7,7 @@
 #include "service_client_functions.h"
 #include "vs_events.h"
 #include "vs_messages.h"
+#include "vs_service_object.h"
 
 vs_client_context vs_client_info;
 
@@ -51,6 +52,16 @@ constexpr pelmar::ServiceClient kVsClient = {
 }  // namespace
 
 PELMAR_SERVICE_CLIENT_FUNCTIONS(vs, kVsClient)
+
+qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
+                                                               int32_t library_version) {
+  using namespace pelmar::vs;
+  PELMAR_LOG_ENTRY();
+  const bool matches = idl_major == kIdlMajorVersion && idl_minor == static_cast<int32_t>(kIdlMinorVersion) &&
+                       library_version == static_cast<int32_t>(kIdlLibraryVersion);
+  PELMAR_LOG_EXIT();
+  return matches ? &vs_qmi_idl_service_object_v01 : nullptr;
+}
 
 qmi_idl_service_object_type vs_init() {
   PELMAR_LOG_ENTRY();

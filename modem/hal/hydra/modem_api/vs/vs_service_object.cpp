@@ -206,15 +206,5 @@ static_assert(Tables::kRequests.size() == 24 && Tables::kResponses.size() == 24 
 
 using namespace pelmar::vs;
 
-extern "C" {
-
 constinit const qmi_idl_service_object vs_qmi_idl_service_object_v01 =
     Tables::service(kServiceId, kIdlMajorVersion, kIdlMinorVersion, kIdlLibraryVersion);
-
-qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
-                                                               int32_t library_version) {
-  const bool matches = idl_major == kIdlMajorVersion && idl_minor == static_cast<int32_t>(kIdlMinorVersion) &&
-                       library_version == static_cast<int32_t>(kIdlLibraryVersion);
-  return matches ? &vs_qmi_idl_service_object_v01 : nullptr;
-}
-}
