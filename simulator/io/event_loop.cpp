@@ -61,12 +61,14 @@ void EventLoop::post(Task task) {
 void EventLoop::run() {
   running_ = true;
   while (running_) {
-    batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, -1);
+    const bool is_timer_due = has_due_timer();
+    batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, is_timer_due ? 0 : -1);
     if (batch_size_ < 0 && errno != EINTR) fail("epoll_wait");
     for (int i = 0; i < batch_size_; ++i) {
       if (auto* watcher = static_cast<Watcher*>(batch_[i].data.ptr)) watcher->on_ready(batch_[i].events);
     }
     batch_size_ = 0;
+    if (is_timer_due) run_due_timers();
     run_posted();
   }
 }
@@ -79,10 +81,15 @@ void EventLoop::run_posted() {
   }
 }
 
+bool EventLoop::has_due_timer() const {
+  return !pending_timers_.empty() && pending_timers_.begin()->first.first <= Clock::now();
+}
+
+// A timer that is due already needs no interrupt: run() looks before it waits.
 void EventLoop::arm_timer() {
   if (pending_timers_.empty()) return;
-  auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(pending_timers_.begin()->first.first - Clock::now());
-  if (wait.count() < 1) wait = std::chrono::nanoseconds(1);  // zero would disarm the timer
+  const std::chrono::nanoseconds wait = pending_timers_.begin()->first.first - Clock::now();
+  if (wait.count() < 1) return;
   itimerspec spec{};
   spec.it_value.tv_sec = wait.count() / 1'000'000'000;
   spec.it_value.tv_nsec = wait.count() % 1'000'000'000;
@@ -101,9 +108,7 @@ void EventLoop::run_due_timers() {
 
 void EventLoop::Timers::on_ready(uint32_t) {
   uint64_t expirations = 0;
-  while (read(loop_.timer_fd_.get(), &expirations, sizeof expirations) > 0) {
-  }
-  loop_.run_due_timers();
+  if (read(loop_.timer_fd_.get(), &expirations, sizeof expirations) > 0) loop_.run_due_timers();
 }
 
 }  // namespace pelmar::sim

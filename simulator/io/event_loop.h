@@ -57,6 +57,7 @@ class EventLoop {
     EventLoop& loop_;
   };
 
+  bool has_due_timer() const;
   void arm_timer();
   void run_due_timers();
   void run_posted();

@@ -12,6 +12,9 @@ namespace {
 
 constexpr uint32_t kBurst = 4;  // indications until the others have their turn
 
+// A wake-up by the timer costs more than an indication, so a fast stream wakes seldom and sends several at once.
+constexpr std::chrono::microseconds kShortestPause{200};
+
 void fill(vs::DataRecord& record, uint32_t id) {
   record.id = id;
   record.data_len = vs::kMaxDataBytes;
@@ -64,6 +67,12 @@ uint32_t EventStream::due() const {
   return static_cast<uint32_t>(std::min<int64_t>(passed, plan_.count));
 }
 
+EventLoop::Clock::duration EventStream::pause() const {
+  if (next_ < due()) return {};
+  const auto next_due = started_ + plan_.interval * next_;
+  return std::max<EventLoop::Clock::duration>(next_due - EventLoop::Clock::now(), kShortestPause);
+}
+
 void EventStream::run(uint64_t stream) {
   Connection* const connection = receiver();
   if (stream != stream_ || connection == nullptr) return;
@@ -72,8 +81,7 @@ void EventStream::run(uint64_t stream) {
   if (next_ == plan_.count) return;
   const auto again = [this, stream] { run(stream); };
   if (!connection->is_drained()) return connection->when_drained(again);
-  const auto next_due = started_ + plan_.interval * next_;
-  loop_.after(std::max(next_due - EventLoop::Clock::now(), EventLoop::Clock::duration::zero()), again);
+  loop_.after(pause(), again);
 }
 
 void EventStream::send_next() {

@@ -35,6 +35,7 @@ class EventStream {
   void run(uint64_t stream);
   void send_next();
   uint32_t due() const;
+  EventLoop::Clock::duration pause() const;
 
   EventLoop& loop_;
   Modem& modem_;
