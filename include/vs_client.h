@@ -33,7 +33,10 @@ typedef struct vs_client_context {
 
 extern PELMAR_EXPORT vs_client_context vs_client_info;
 
-/* The service's object, for exactly (1, 2, 6); else null. */
+/* The description of the service, for the framework's codec. */
+extern PELMAR_EXPORT const struct qmi_idl_service_object vs_qmi_idl_service_object_v01;
+
+/* The same for exactly (1, 2, 6); else null. */
 PELMAR_EXPORT qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
                                                                              int32_t library_version);
 
