@@ -128,9 +128,9 @@ bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
 }
 
 void release(const ServiceClient& client) {
-  report(client, OPERATIONAL_STATUS_IDLE);
   client.state.generation.fetch_add(1);
   WorkerLock lock(client.state);
+  report(client, OPERATIONAL_STATUS_IDLE);  // now that no worker reports any more
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
   if (handle != nullptr) qmi_client_release(handle);
