@@ -50,6 +50,11 @@ class EventCounter {
     if (++seen_ == expected_) all_seen_.notify_one();
   }
 
+  uint32_t seen() const {
+    const std::lock_guard lock(mutex_);
+    return seen_;
+  }
+
   // False when events were lost.
   bool wait() {
     std::unique_lock lock(mutex_);
@@ -57,7 +62,7 @@ class EventCounter {
   }
 
  private:
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable all_seen_;
   uint32_t expected_ = 0;
   uint32_t seen_ = 0;
@@ -72,7 +77,7 @@ void on_event(uint32_t event, const uint8_t* payload, uint32_t) {
 
 // --- the two ends ---
 
-// Answers a request's bytes with a response's, and after each stream of commands' numbers: see serve_stream().
+// Answers a request's bytes with a response's.
 void serve_ping_pong(const LocalStream& stream) {
   uint8_t request[kReadNvRequestBytes];
   const uint8_t response[kReadNvResponseBytes] = {};
@@ -175,8 +180,11 @@ void second_connection_idle(benchmark::State& state) {
 BENCHMARK(second_connection_idle)->UseRealTime();
 
 void second_connection_beside_stream(benchmark::State& state) {
+  g_events.expect(UINT32_MAX);
   g_setup->modem.command("stream 4294967295 every " + std::to_string(kStreamIntervalUs));
+  const uint32_t before = g_events.seen();
   get_drx(state);
+  state.counters["events_per_second"] = benchmark::Counter(g_events.seen() - before, benchmark::Counter::kIsRate);
   g_setup->modem.command("stream stop");
 }
 BENCHMARK(second_connection_beside_stream)->UseRealTime();

@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Builds the benchmarks (Release, in build/bench), runs them and prints one table: what was measured, beside what, the
 # goal and whether it was met. Every row compares figures of the same run, whose rounds alternate.
-# usage: bench/run.sh [REPETITIONS]      default 15; a machine that is busy with other things needs more
+#
+# Where it is allowed to, what talks to other processes runs at real-time priority, so that what else the machine does
+# stays out of the figures. PELMAR_BENCH_PRIORITY=normal leaves the priority alone.
+# usage: bench/run.sh [REPETITIONS]      default 15
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/packages.sh
@@ -13,12 +16,19 @@ configure "$build" -DCMAKE_BUILD_TYPE=Release -DPELMAR_BENCH=ON -DPELMAR_TESTS=O
 programs=(bench_codec bench_library bench_log_site bench_end_to_end)
 cmake --build "$build" --target "${programs[@]}" >/dev/null
 
+priority=() note="normal priority"
+if [ "${PELMAR_BENCH_PRIORITY:-}" != normal ] && chrt -f 10 true 2>/dev/null; then
+  priority=(chrt -f 10) note="real-time priority where processes talk"
+fi
+
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 for program in "${programs[@]}"; do
   echo "running $program ..." >&2
-  timeout 900 "$build/bin/$program" --benchmark_repetitions="$repetitions" --benchmark_enable_random_interleaving=true \
+  prefix=()
+  [ "$program" = bench_end_to_end ] && prefix=("${priority[@]}")
+  timeout 900 "${prefix[@]}" "$build/bin/$program" --benchmark_repetitions="$repetitions" --benchmark_enable_random_interleaving=true \
     --benchmark_min_time=0.1 --benchmark_out="$results/$program.json" --benchmark_out_format=json >"$results/log" 2>&1 ||
     { cat "$results/log" >&2; exit 1; }
 done
-python3 bench/report.py "$results"
+python3 bench/report.py "$results" "$note"
