@@ -102,6 +102,23 @@ TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
   EXPECT_EQ(events(2).size(), 2u);
 }
 
+TEST_F(ClientTest, ReleaseWaitsForACallbackDuringARegistration) {
+  const qmi_client_type handle = connect();
+  modem_.close_connection(0);
+  qmi_client_register_error_cb(handle, on_error, this);
+  events(1);
+  std::promise<void> go_on;
+  const auto wait = [](qmi_client_type, qmi_client_error_type, void* data) {
+    static_cast<std::promise<void>*>(data)->get_future().wait();
+  };
+  auto registration = std::async(std::launch::async, [&] { qmi_client_register_error_cb(handle, wait, &go_on); });
+  EXPECT_EQ(registration.wait_for(milliseconds(50)), std::future_status::timeout);
+  auto release = std::async(std::launch::async, [&] { qmi_client_release(handle); });
+  EXPECT_EQ(release.wait_for(milliseconds(50)), std::future_status::timeout);
+  go_on.set_value();
+  modem_.void_client_ids();
+}
+
 TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
   const qmi_client_type handle = connect();
   auto first = sender(handle, 0), second = sender(handle, 0);
