@@ -98,7 +98,8 @@ qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
  * timeout_msecs                 0: waits without end
  *
  * Returns 0 when a response was decoded (whatever its result says), a transport code, or a codec code. A null handle
- * answers QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. */
+ * answers QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. On Linux a send that ends with
+ * QMI_SERVICE_ERR leaves a response whose header says failure. */
 qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
                                                unsigned int req_c_struct_len, void* resp_c_struct,
                                                unsigned int resp_c_struct_len, unsigned int timeout_msecs);

@@ -49,6 +49,8 @@ TEST_P(ServiceGoes, EverySendEndsAtOnce) {
 
   nas::GetDrxResponse response{};
   EXPECT_EQ(get_drx(handle, response), QMI_SERVICE_ERR);
+  EXPECT_EQ(response.header.result, uint32_t{QMI_RESULT_FAILURE_V01}) << "a lost exchange must not look well";
+  EXPECT_EQ(async_response.header.result, uint32_t{QMI_RESULT_FAILURE_V01});
   EXPECT_EQ(send_async(handle, async_response, this), QMI_SERVICE_ERR);
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
   EXPECT_EQ(events(4).back(), "error -2 on the caller's thread");

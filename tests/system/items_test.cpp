@@ -169,7 +169,9 @@ TEST_F(ItemsTest, AModemThatDiesInTheMiddleOfAResponseEndsTheCallAtOnce) {
   uint8_t data[4] = {42};
   uint32_t length = sizeof(data);
   const auto start = std::chrono::steady_clock::now();
-  modem_api_read_nv(client, 1, 0, 0, data, &length);
+  EXPECT_EQ(modem_api_read_nv(client, 1, 0, 0, data, &length), MODEM_API_ERR_GENERIC);
+  EXPECT_EQ(data[0], 42) << "no part of an answer that broke off";
+  EXPECT_EQ(modem_api_write_nv(client, 1, 0, 0, &byte, 1), MODEM_API_ERR_GENERIC) << "not while the service is gone";
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
   EXPECT_EQ(modem().end(0), 70);
   EXPECT_EQ(modem_api_free_client(client), MODEM_API_SUCCESS);

@@ -91,6 +91,7 @@ class Client : public std::enable_shared_from_this<Client> {
 
   // client_send.cpp
   int32_t check_response_length(const Request& request) const;
+  static void mark_lost(const Request& request);
   int32_t begin_send(Lock& lock, const Deadline& deadline);
   int32_t transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline);
   void end_send();

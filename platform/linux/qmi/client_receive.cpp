@@ -61,8 +61,12 @@ void Client::finish(Waiter& waiter, int32_t answer) {
 void Client::service_gone() {
   if (std::exchange(is_gone_, true)) return;
   connection_->shut_down();  // ends a send that waits, too
-  while (!waiters_.empty()) finish(*waiters_.back(), QMI_SERVICE_ERR);
+  while (!waiters_.empty()) {
+    mark_lost(waiters_.back()->request);
+    finish(*waiters_.back(), QMI_SERVICE_ERR);
+  }
   for (Transaction& transaction : std::exchange(transactions_, {})) {
+    mark_lost(transaction.request);
     transaction.answer = QMI_SERVICE_ERR;
     push(transaction);
   }

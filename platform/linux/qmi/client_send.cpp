@@ -1,8 +1,10 @@
 // Sends of a client handle, and how a synchronous sender waits.
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "client.h"
+#include "common_v01.h"
 #include "qmi_codec.h"
 
 namespace pelmar::platform {
@@ -20,6 +22,7 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) {
   Waiter waiter(request);
   Lock lock(mutex_);
   error = begin_send(lock, deadline);
+  if (error == QMI_SERVICE_ERR) mark_lost(request);
   if (error != QMI_NO_ERR) return error;
   waiter.transaction = new_transaction();
   waiters_.push_back(&waiter);
@@ -36,6 +39,7 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   const Deadline deadline = Deadline::after(kAsyncSendTimeout);
   Lock lock(mutex_);
   error = begin_send(lock, deadline);
+  if (error == QMI_SERVICE_ERR) mark_lost(request);
   if (error != QMI_NO_ERR) return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
   const uint16_t number = new_transaction();
   transactions_.push_back({number, request, callback, QMI_NO_ERR});
@@ -48,6 +52,12 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   if (own == transactions_.end()) return QMI_NO_ERR;  // its end is told by the callback already
   transactions_.erase(own);
   return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
+}
+
+// A reader of the response's header alone must not take an exchange that was lost for one that went well.
+void Client::mark_lost(const Request& request) {
+  const qmi_response_type_v01 lost = {QMI_RESULT_FAILURE_V01, QMI_ERR_INTERNAL_V01};
+  if (request.response_length >= sizeof(lost)) std::memcpy(request.response, &lost, sizeof(lost));
 }
 
 int32_t Client::check_response_length(const Request& request) const {

@@ -105,11 +105,13 @@ modem_api_result send_pass_through_async(int32_t client_id, const uint8_t* paylo
   if (record == nullptr) return MODEM_API_ERR_NO_MEMORY;
   *record = {callback, user_data};
 
-  // From here on both blocks belong to the exchange; a send that is refused does not give them back.
-  const vs::ResponseHeader no_answer_yet = {};
-  const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest),
-                                                response.release(), sizeof(vs::PassThroughResponse), record.release());
-  return modem_api_map_qmi_error_to_modem_api(code, &no_answer_yet);
+  // From here on both blocks belong to the exchange; a send that is refused does not give them back. An accepted one
+  // may have ended already, so that its response is not looked at.
+  vs::PassThroughResponse* const buffer = response.release();
+  const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest), buffer,
+                                                sizeof(vs::PassThroughResponse), record.release());
+  const vs::ResponseHeader header = code == QMI_NO_ERR ? vs::ResponseHeader{} : buffer->header;
+  return modem_api_map_qmi_error_to_modem_api(code, &header);
 }
 
 // Hands the response's data to the callback in a block of its own, which the client frees.
