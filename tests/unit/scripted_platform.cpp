@@ -141,7 +141,7 @@ std::vector<uint8_t> bytes_of(const void* data, size_t length) {
 void fill_response(void* response, size_t length, const std::vector<uint8_t>& bytes) {
   if (response == nullptr) return;
   std::memset(response, 0, length);
-  std::memcpy(response, bytes.data(), std::min(length, bytes.size()));
+  std::copy_n(bytes.begin(), std::min(length, bytes.size()), static_cast<uint8_t*>(response));
 }
 
 }  // namespace
