@@ -62,9 +62,7 @@ int run_ctl(const CLI::App& ctl, ControlClientOptions options, const std::string
   return pelmar::sim::send_control_command(options);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("A simulated modem that speaks QMI over QMUX", "modem_sim");
   app.require_subcommand(1);
   SimulationOptions serve_options;
@@ -74,11 +72,17 @@ int main(int argc, char** argv) {
   CLI::App* const ctl = add_ctl(app, ctl_options, ctl_storage);
   CLI11_PARSE(app, argc, argv);
 
+  if (*ctl) return run_ctl(*ctl, ctl_options, ctl_storage);
+  if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
+  if (*serve) pelmar::sim::serve(serve_options);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    if (*ctl) return run_ctl(*ctl, ctl_options, ctl_storage);
-    if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
-    if (*serve) pelmar::sim::serve(serve_options);
-    return 0;
+    return run(argc, argv);
   } catch (const std::exception& error) {
     fprintf(stderr, "modem_sim: %s\n", error.what());
     return 1;

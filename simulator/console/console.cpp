@@ -6,7 +6,12 @@ namespace pelmar::sim {
 
 namespace {
 
-constexpr Stream::Bounds kBounds{64 * 1024, 4 << 20};
+constexpr Stream::Bounds kBounds{size_t{64} << 10, size_t{4} << 20};
+
+// An answer may quote bytes of the command that are no text; they are replaced.
+std::string as_line(const Json& answer) {
+  return answer.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
 
 }  // namespace
 
@@ -19,7 +24,7 @@ class Console::Session final : private Stream::Reader {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     size_t used = 0;
     for (size_t end = text.find('\n'); end != text.npos && stream_.is_open(); end = text.find('\n', used)) {
-      const std::string answer = run_command(console_.simulation_, text.substr(used, end - used)).dump() + '\n';
+      const std::string answer = as_line(run_command(console_.simulation_, text.substr(used, end - used)));
       used = end + 1;
       stream_.send({reinterpret_cast<const uint8_t*>(answer.data()), answer.size()});
     }

@@ -30,7 +30,9 @@ Recipients take_recipients(Arguments& arguments, std::function<bool(uint8_t)> by
 
 Json send(Simulation& simulation, Modem::Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
           const Recipients& recipients) {
-  if (!slot.is_up) throw CommandError("service " + std::string(slot.service->name()) + " is down");
+  if (simulation.modem.find_running(slot.service->id()) == nullptr) {
+    throw CommandError("service " + std::string(slot.service->name()) + " is down");
+  }
   const size_t sent = recipients.broadcast ? simulation.modem.broadcast(slot.service->id(), message, tlvs)
                                            : simulation.modem.indicate(slot, message, tlvs, recipients.wants);
   return {{"sent", sent}, {"bytes", tlvs.size()}};

@@ -27,7 +27,6 @@ class EventStream {
   std::optional<uint8_t> start(const Plan& plan);
   void stop();
 
-  bool is_running() const { return next_ < plan_.count; }
   uint32_t sent() const { return next_; }
 
  private:

@@ -120,6 +120,7 @@ TEST_F(Faults, WrongCommandsSayWhatIsWrong) {
     const char* error;
   } cases[] = {
       {"", "empty command"},
+      {"\xFF\xFE", "unknown command"},
       {"explode", "unknown command 'explode'"},
       {"delay", "missing MS"},
       {"delay soon", "'soon' is no MS"},

@@ -114,7 +114,7 @@ uint8_t QmuxClient::allocate(uint8_t service) {
 
 uint16_t QmuxClient::call(qmi_idl_service_object_type object, uint8_t client, uint16_t message, const void* request,
                           size_t request_size, void* response, size_t response_size) {
-  Bytes bytes(16 * 1024);
+  Bytes bytes(size_t{16} << 10);
   size_t length = 0;
   EXPECT_EQ(
       platform::encode(object, QMI_IDL_REQUEST, message, request, request_size, bytes.data(), bytes.size(), &length),

@@ -163,13 +163,13 @@ TEST_F(StorageTest, TheServiceAnswersFromIt) {
   const Bytes path_key = tlv(0x01, {'a', '/', 'b'}) + tlv(0x02, {0, 0}) + tlv(0x03, {0});
   const Bytes data = {3, 0, 'a', 'b', 'c'};
   const struct {
-    uint16_t read, write, remove;
     Bytes key;
+    uint16_t read, write, remove;
     uint8_t data_tlv;
-  } families[] = {{0x0100, 0x0101, 0x0102, nv_key, 0x04},
-                  {0x0103, 0x0104, 0x0105, tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, {2, 0}), 0x03},
-                  {0x0106, 0x0107, 0x0108, path_key, 0x04},
-                  {0x0109, 0x010A, 0x010B, tlv(0x01, {10, 0, 0, 0}), 0x02}};
+  } families[] = {{nv_key, 0x0100, 0x0101, 0x0102, 0x04},
+                  {tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, {2, 0}), 0x0103, 0x0104, 0x0105, 0x03},
+                  {path_key, 0x0106, 0x0107, 0x0108, 0x04},
+                  {tlv(0x01, {10, 0, 0, 0}), 0x0109, 0x010A, 0x010B, 0x02}};
   for (const auto& family : families) {
     const auto ask = [&](uint16_t message, const Bytes& more) {
       return client.ask(0xE4, id, message, family.key + more);
