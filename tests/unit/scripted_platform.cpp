@@ -91,6 +91,7 @@ using Guard = std::lock_guard<std::mutex>;
 
 std::atomic<size_t> g_failing_size{SIZE_MAX};
 std::atomic<Threads> g_threads{Threads::kRun};
+thread_local bool t_runs_held_thread = false;
 
 void record(Call call) {
   Guard guard(state().lock);
@@ -222,10 +223,10 @@ void run_held() {
         return held->routine(held->argument);
       }
     };
-    const Threads behaviour = g_threads.exchange(Threads::kRun);
     pthread_t id;
+    t_runs_held_thread = true;
     pthread_create(&id, nullptr, Run::start, &thread);
-    g_threads = behaviour;
+    t_runs_held_thread = false;
     pthread_join(id, nullptr);
   }
 }
@@ -403,7 +404,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   static const auto create = __interceptor_pthread_create != nullptr
                                  ? &__interceptor_pthread_create
                                  : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  switch (g_threads.load()) {
+  switch (t_runs_held_thread ? Threads::kRun : g_threads.load()) {
     case Threads::kFail:
       return EAGAIN;
     case Threads::kHold: {
