@@ -8,73 +8,69 @@
 namespace pelmar {
 namespace {
 
-enum class Test { kFirstCharacterIs, kEquals, kDiffersFrom, kContains };
+enum Test { kFirstCharacterIs, kEquals, kDiffersFrom, kContains };
+
+// A yes/no question to one property, and the words that tell the answer: "factory version" or "non factory version".
+struct Question {
+  const char* function;
+  const char* property;
+  const char* default_value;
+  Test test;
+  const char* operand;
+  const char* subject;
+  const char* negation;
+};
+
+constexpr char kNone[] = "NULL";
+constexpr char kCert[] = "ro.cust.test";
+constexpr char kRegion[] = "ro.orbo.build.region";
+constexpr char kProfile[] = "ro.vendor.radio.build_profile";
+
+constexpr Question kFactory{
+    "pelmar_is_factory_version", "ro.boot.factorybuild", "", kFirstCharacterIs, "1", "factory", "non"};
+constexpr Question kCtCert{"pelmar_is_ct_cert_version", kCert, kNone, kEquals, "ct", "ct test", "not"};
+constexpr Question kCmCert{"pelmar_is_cm_cert_version", kCert, kNone, kEquals, "cm", "cmcc test", "not"};
+constexpr Question kCuCert{"pelmar_is_cu_cert_version", kCert, kNone, kEquals, "cu", "cu test", "not"};
+constexpr Question kAnyCert{"pelmar_is_cert_version", kCert, kNone, kDiffersFrom, kNone, "cert", "non"};
+constexpr Question kChina{"pelmar_is_china_version", "ro.vendor.radio.build_region", "", kEquals, "cn", "china", "not"};
+constexpr Question kTest{"pelmar_is_test_build", "ro.build.tags", "test-keys", kDiffersFrom,
+                         "release-keys",         "test",          "non"};
+constexpr Question kNative{"pelmar_is_native_version", kProfile, kNone, kContains, "native", "native", "non"};
+constexpr Question kFactoryEx{"pelmar_is_factory_version_ex", kProfile, kNone, kContains, "factory", "factory", "non"};
+constexpr Question kRoot{"pelmar_is_root_version", "ro.debuggable", kNone, kEquals, "1", "root", "non"};
+constexpr Question kMp{"pelmar_is_mp_version", "ro.boot.hwlevel", kNone, kEquals, "MP", "mp", "non"};
+constexpr Question kOrbo{"pelmar_is_orbo_version", kRegion, kNone, kDiffersFrom, kNone, "orbo", "non"};
+constexpr Question kUser{"pelmar_is_user_version", "ro.build.type", "user", kEquals, "user", "user", "non"};
 
 bool holds(Test test, const char* value, const char* operand) {
   switch (test) {
-    case Test::kFirstCharacterIs:
+    case kFirstCharacterIs:
       return value[0] == operand[0];
-    case Test::kEquals:
+    case kEquals:
       return std::strcmp(value, operand) == 0;
-    case Test::kDiffersFrom:
+    case kDiffersFrom:
       return std::strcmp(value, operand) != 0;
-    case Test::kContains:
+    case kContains:
       return std::strstr(value, operand) != nullptr;
   }
   return false;
 }
 
-// A yes/no question to one property, and what is logged with the answer.
-struct Question {
-  const char* function;
-  KeptProperty property;
-  Test test;
-  const char* operand;
-  const char* yes;
-  const char* no;
-};
-
-bool ask(Question& question) {
-  PELMAR_LOG_ENTRY_AS(question.function);
-  const char* const value = question.property.value();
-  const bool answer = holds(question.test, value, question.operand);
-  PELMAR_LOG_DEBUG_AS(question.function, "%s, val = %s, ret = %d", answer ? question.yes : question.no, value, answer);
-  PELMAR_LOG_EXIT_RET_AS(question.function, answer);
-  return answer;
+bool answer(const Question& question, const char* value) {
+  const bool yes = holds(question.test, value, question.operand);
+  PELMAR_LOG_DEBUG_AS(question.function, "%s%s%s version, val = %s, ret = %d", yes ? "" : question.negation,
+                      yes ? "" : " ", question.subject, value, yes);
+  PELMAR_LOG_EXIT_RET_AS(question.function, yes);
+  return yes;
 }
 
-constexpr char kNone[] = "NULL";
-constexpr char kCertification[] = "ro.cust.test";
-constexpr char kProfile[] = "ro.vendor.radio.build_profile";
-
-constinit Question g_factory{"pelmar_is_factory_version", {"ro.boot.factorybuild", ""}, Test::kFirstCharacterIs, "1",
-                             "factory version",           "non factory version"};
-constinit Question g_ct_cert{"pelmar_is_ct_cert_version", {kCertification, kNone}, Test::kEquals, "ct",
-                             "ct test version",           "not ct test version"};
-constinit Question g_cm_cert{"pelmar_is_cm_cert_version", {kCertification, kNone}, Test::kEquals, "cm",
-                             "cmcc test version",         "not cmcc test version"};
-constinit Question g_cu_cert{"pelmar_is_cu_cert_version", {kCertification, kNone}, Test::kEquals, "cu",
-                             "cu test version",           "not cu test version"};
-constinit Question g_cert{"pelmar_is_cert_version", {kCertification, kNone}, Test::kDiffersFrom, kNone,
-                          "cert version",           "non cert version"};
-constinit Question g_china{
-    "pelmar_is_china_version", {"ro.vendor.radio.build_region", ""}, Test::kEquals, "cn", "china version",
-    "not china version"};
-constinit Question g_test_build{"pelmar_is_test_build", {"ro.build.tags", "test-keys"},
-                                Test::kDiffersFrom,     "release-keys",
-                                "test version",         "non test version"};
-constinit Question g_native{"pelmar_is_native_version", {kProfile, kNone},   Test::kContains, "native",
-                            "native version",           "non native version"};
-constinit Question g_factory_ex{
-    "pelmar_is_factory_version_ex", {kProfile, kNone}, Test::kContains, "factory", "factory version",
-    "non factory version"};
-constinit Question g_root{"pelmar_is_root_version", {"ro.debuggable", kNone}, Test::kEquals, "1",
-                          "root version",           "non root version"};
-constinit Question g_mp{"pelmar_is_mp_version", {"ro.boot.hwlevel", kNone}, Test::kEquals, "MP", "mp version",
-                        "non mp version"};
-constinit Question g_orbo{"pelmar_is_orbo_version", {"ro.orbo.build.region", kNone},
-                          Test::kDiffersFrom,       kNone,
-                          "orbo version",           "non orbo version"};
+// Each question keeps a value of its own, also where several ask one property.
+template <const Question& question>
+bool ask() {
+  static constinit KeptProperty property{question.property, question.default_value};
+  PELMAR_LOG_ENTRY_AS(question.function);
+  return answer(question, property.value());
+}
 
 // A number of which only the first call of the process keeps hold: later calls answer 0.
 int32_t first_answer(std::atomic<bool>& asked, const char* property) {
@@ -101,40 +97,40 @@ using namespace pelmar;
 extern "C" {
 
 bool pelmar_is_factory_version(void) {
-  return ask(g_factory);
+  return ask<kFactory>();
 }
 bool pelmar_is_ct_cert_version(void) {
-  return ask(g_ct_cert);
+  return ask<kCtCert>();
 }
 bool pelmar_is_cm_cert_version(void) {
-  return ask(g_cm_cert);
+  return ask<kCmCert>();
 }
 bool pelmar_is_cu_cert_version(void) {
-  return ask(g_cu_cert);
+  return ask<kCuCert>();
 }
 bool pelmar_is_cert_version(void) {
-  return ask(g_cert);
+  return ask<kAnyCert>();
 }
 bool pelmar_is_china_version(void) {
-  return ask(g_china);
+  return ask<kChina>();
 }
 bool pelmar_is_test_build(void) {
-  return ask(g_test_build);
+  return ask<kTest>();
 }
 bool pelmar_is_native_version(void) {
-  return ask(g_native);
+  return ask<kNative>();
 }
 bool pelmar_is_factory_version_ex(void) {
-  return ask(g_factory_ex);
+  return ask<kFactoryEx>();
 }
 bool pelmar_is_root_version(void) {
-  return ask(g_root);
+  return ask<kRoot>();
 }
 bool pelmar_is_mp_version(void) {
-  return ask(g_mp);
+  return ask<kMp>();
 }
 bool pelmar_is_orbo_version(void) {
-  return ask(g_orbo);
+  return ask<kOrbo>();
 }
 
 // The one question whose value is not kept, only that it was read: from the second call on the empty string is tested.
@@ -142,11 +138,10 @@ bool pelmar_is_user_version(void) {
   static std::atomic<bool> read{false};
   PELMAR_LOG_ENTRY();
   PropertyValue value = {};
-  if (!read.exchange(true, std::memory_order_relaxed)) pelmar_get_property_value("ro.build.type", value, "user");
-  const bool answer = std::strcmp(value, "user") == 0;
-  PELMAR_LOG_DEBUG("%s, val = %s, ret = %d", answer ? "user version" : "non user version", value, answer);
-  PELMAR_LOG_EXIT_RET(answer);
-  return answer;
+  if (!read.exchange(true, std::memory_order_relaxed)) {
+    pelmar_get_property_value(kUser.property, value, kUser.default_value);
+  }
+  return answer(kUser, value);
 }
 
 int32_t pelmar_get_pelmar_manufacturer_id(void) {
@@ -166,12 +161,12 @@ void pelmar_set_pelmar_manufacturer_id(int32_t id) {
 }
 
 const char* pelmar_device_name_get(void) {
-  static KeptProperty device{"ro.product.device", ""};
+  static constinit KeptProperty device{"ro.product.device", ""};
   return tell_text(__func__, "device_name", device);
 }
 
 const char* pelmar_build_region_get(void) {
-  static KeptProperty region{"ro.orbo.build.region", kNone};
+  static constinit KeptProperty region{kRegion, kNone};
   return tell_text(__func__, "build_region", region);
 }
 
