@@ -138,7 +138,7 @@ size_t write_entry(const hydra_mem_trace_node& node, char* out, size_t room) {
 bool write_entries(char* buf, size_t size) {
   size_t offset = 0;
   for (const auto* node = hydra_mem_trace_head; node != nullptr; node = node->next) {
-    const size_t length = write_entry(*node, buf + offset, size - offset);
+    const size_t length = offset + 1 < size ? write_entry(*node, buf + offset, size - offset) : 0;
     if (length == 0) {
       if (size > offset) std::memset(buf + offset, 0, size - offset);
       return false;
