@@ -10,7 +10,11 @@
 extern "C" {
 #endif
 
-enum pm_event {
+enum pm_event
+#ifdef __cplusplus
+    : int /* as in C, where it holds any int */
+#endif
+{
   EVENT_PERIPH_GOING_OFFLINE = 0,
   EVENT_PERIPH_IS_OFFLINE = 1,
   EVENT_PERIPH_GOING_ONLINE = 2,

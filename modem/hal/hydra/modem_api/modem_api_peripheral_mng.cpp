@@ -18,8 +18,9 @@ namespace {
 
 modem_api_peripheral_mng_connection& g_connection = modem_api_peripheral_mng_conn_info;
 
-// The manager's callback takes an int-sized enumeration for the event.
-const auto kNotifier = reinterpret_cast<pm_client_event_cb>(modem_api_pm_event_notifier);
+void on_event(void* client_data, pm_event event) {
+  modem_api_pm_event_notifier(client_data, event);
+}
 
 // The handle goes straight into the record: the first event may come before the registration returns.
 int32_t register_voter(const char* function, const char* device_name) {
@@ -27,7 +28,7 @@ int32_t register_voter(const char* function, const char* device_name) {
   void* const previous_handle = load(g_connection.handle);
   pm_event state = EVENT_PERIPH_IS_OFFLINE;
   const int ret =
-      pm_client_register(kNotifier, &g_connection, g_connection.name, "MODEM_API", &state, &g_connection.handle);
+      pm_client_register(on_event, &g_connection, g_connection.name, "MODEM_API", &state, &g_connection.handle);
   if (ret != 0) {
     store(g_connection.handle, previous_handle);
     PELMAR_LOG_ERROR_AS(function, "Failed to register for %s\n", g_connection.name);
