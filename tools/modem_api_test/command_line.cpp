@@ -29,6 +29,12 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
   try {
     app_.parse(argc, argv);
     return std::nullopt;
+  } catch (const CLI::RequiredError& error) {
+    // CLI11 misses the command first, and only then sees the word that is none.
+    const std::vector<std::string> words = app_.remaining(true);
+    if (words.empty()) return app_.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    remark("there is no command '" + words.front() + "'; --help lists them");
+    return kExitUsage;
   } catch (const CLI::ParseError& error) {
     return app_.exit(error) == 0 ? kExitSuccess : kExitUsage;
   }

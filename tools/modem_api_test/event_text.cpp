@@ -106,14 +106,12 @@ constexpr EventRow kEvents[] = {
     {MODEM_API_EVENT_VS_REPORT_C, "report_c", "report C", put_payload<modem_api_vs_report_c_event>},
 };
 
-}  // namespace
-
-Description describe(const Event& event) {
+Description describe_event(const Arrival& event) {
   Description out;
-  out.document = {{"time", utc_text(event.time)}, {"event", event.id}};
-  out.text = local_text(event.time) + "  event " + std::to_string(event.id) + ": ";
+  out.document = {{"time", utc_text(event.time)}, {"event", event.number}};
+  out.text = local_text(event.time) + "  event " + std::to_string(event.number) + ": ";
   for (const EventRow& row : kEvents) {
-    if (row.id != event.id) continue;
+    if (row.id != event.number) continue;
     out.document["name"] = row.name;
     out.text += std::string(row.title) + ", ";
     if (row.put(out, event.payload)) return out;
@@ -123,12 +121,18 @@ Description describe(const Event& event) {
   return out;
 }
 
-Description describe(const Notice& notice) {
-  const bool is_up = notice.notice == MODEM_API_NOTICE_SERVICE_UP;
+Description describe_notice(const Arrival& notice) {
+  const bool is_up = notice.number == MODEM_API_NOTICE_SERVICE_UP;
   const ServiceRow& service = service_of(notice.client_type);
   return {
       {{"time", utc_text(notice.time)}, {"notice", is_up ? "service_up" : "service_down"}, {"service", service.name}},
       local_text(notice.time) + "  " + service.title + " is " + (is_up ? "up" : "down")};
+}
+
+}  // namespace
+
+Description describe(const Arrival& arrival) {
+  return arrival.kind == Arrival::Kind::kEvent ? describe_event(arrival) : describe_notice(arrival);
 }
 
 }  // namespace pelmar::cli

@@ -14,7 +14,6 @@ struct Description {
 };
 
 // A payload shorter than its event's structure is shown as the bytes that it is.
-Description describe(const Event& event);
-Description describe(const Notice& notice);
+Description describe(const Arrival& arrival);
 
 }  // namespace pelmar::cli

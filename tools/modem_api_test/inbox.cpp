@@ -22,11 +22,12 @@ Inbox::~Inbox() {
 }
 
 void Inbox::receive_event(uint32_t id, const uint8_t* payload, uint32_t length) {
-  if (Inbox* const inbox = current_) inbox->put(Event{WallClock::now(), id, {payload, payload + length}});
+  if (Inbox* const inbox = current_)
+    inbox->put({Arrival::Kind::kEvent, WallClock::now(), id, 0, {payload, payload + length}});
 }
 
 void Inbox::receive_notice(uint32_t notice, uint32_t client_type) {
-  if (Inbox* const inbox = current_) inbox->put(Notice{WallClock::now(), notice, client_type});
+  if (Inbox* const inbox = current_) inbox->put({Arrival::Kind::kNotice, WallClock::now(), notice, client_type, {}});
 }
 
 void Inbox::put(Arrival arrival) {
@@ -48,7 +49,7 @@ std::optional<Arrival> Inbox::next(std::optional<Clock::time_point> deadline) {
     changed_.wait(lock, is_ready);
   }
   if (is_interrupted_ || arrivals_.empty()) return std::nullopt;
-  Arrival arrival = std::move(arrivals_.front());
+  std::optional<Arrival> arrival(std::move(arrivals_.front()));
   arrivals_.pop_front();
   return arrival;
 }

@@ -13,7 +13,6 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <variant>
 #include <vector>
 
 namespace pelmar::cli {
@@ -21,19 +20,15 @@ namespace pelmar::cli {
 using WallClock = std::chrono::system_clock;
 using Clock = std::chrono::steady_clock;
 
-struct Event {
-  WallClock::time_point time;
-  uint32_t id;
-  std::vector<uint8_t> payload;  // laid out as the event's structure of modem_api.h
-};
+struct Arrival {
+  enum class Kind { kEvent, kNotice };
 
-struct Notice {
+  Kind kind;
   WallClock::time_point time;
-  uint32_t notice;       // MODEM_API_NOTICE_*
-  uint32_t client_type;  // MODEM_API_CLIENT_*
+  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*
+  uint32_t client_type;          // of a notice: MODEM_API_CLIENT_*
+  std::vector<uint8_t> payload;  // of an event: laid out as the event's structure of modem_api.h
 };
-
-using Arrival = std::variant<Event, Notice>;
 
 class Inbox {
  public:

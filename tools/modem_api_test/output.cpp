@@ -13,10 +13,20 @@ namespace {
 
 constexpr const char* kProgram = "modem_api_test";
 
+// A descriptor that the caller closed must not become a socket's, which what is printed would go into. Standard output
+// becomes one that cannot be written to, so that the loss is told.
+void fill_standard_descriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) >= 0) continue;
+    if (open(fd == STDOUT_FILENO ? "/dev/full" : "/dev/null", O_RDWR) < 0)
+      throw Failure::of_system("opening /dev/null");
+  }
+}
+
 FILE* take_standard_output() {
+  fill_standard_descriptors();
   fflush(stdout);
   UniqueFd own(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  if (!own) own.reset(open("/dev/full", O_WRONLY | O_CLOEXEC));  // closed: what is written is lost, and that is told
   FILE* const stream = fdopen(own.get(), "w");
   if (stream == nullptr) throw Failure::of_system("opening the standard output");
   own.release();

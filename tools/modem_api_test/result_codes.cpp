@@ -13,8 +13,8 @@ constexpr const char* kAskInfo = "'modem_api_test info' shows which services are
 // By code: a row stands at its code.
 constexpr ResultCode kResultCodes[] = {
     {MODEM_API_SUCCESS, "MODEM_API_SUCCESS", "success", ""},
-    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the modem refused, for a reason that has no code of its own",
-     "--verbose shows what the library did."},
+    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC",
+     "it was refused, or failed, for a reason that has no code of its own", "--verbose shows what the library did."},
     {MODEM_API_RESP_END, "MODEM_API_RESP_END", "the exchange has ended", ""},
     {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the answer",
      "Free some memory and try again."},

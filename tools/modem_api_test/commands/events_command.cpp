@@ -36,27 +36,30 @@ void tell_dropped(const Context& context) {
 }
 
 void follow_events(const Context& context, const EventValues& values) {
-  const Signals::Follower follower(context.signals);
   subscribe(context);
   if (values.with_services) {
     for (const auto type : {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1}) {
       context.session.open(type);
     }
   }
+  const Signals::Follower follower(context.signals);
+  uint32_t seen = 0;
+  const auto show_until = [&](std::optional<Clock::time_point> deadline) {
+    while (values.count == 0 || seen < values.count) {
+      const auto arrival = context.inbox.next(deadline);
+      if (!arrival) return;
+      seen += arrival->kind == Arrival::Kind::kEvent ? 1 : 0;
+      const Description description = describe(*arrival);
+      context.output.print(description.document, description.text);
+      tell_dropped(context);
+    }
+  };
+  show_until(Clock::now());  // that the services came up
   context.output.print({{"time", utc_text(WallClock::now())}, {"notice", "following"}},
                        local_text(WallClock::now()) + "  following the modem's events; Ctrl-C ends");
   std::optional<Clock::time_point> deadline;
   if (values.seconds > 0) deadline = Clock::now() + std::chrono::seconds(values.seconds);
-
-  uint32_t seen = 0;
-  while (values.count == 0 || seen < values.count) {
-    const auto arrival = context.inbox.next(deadline);
-    if (!arrival) break;
-    seen += std::holds_alternative<Event>(*arrival) ? 1 : 0;
-    const Description description = std::visit([](const auto& each) { return describe(each); }, *arrival);
-    context.output.print(description.document, description.text);
-    tell_dropped(context);
-  }
+  show_until(deadline);
   if (seen < values.count && !context.inbox.is_interrupted()) {
     throw Failure("waiting for events",
                   "only " + std::to_string(seen) + " of " + std::to_string(values.count) + " came in " +

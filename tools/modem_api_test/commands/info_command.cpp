@@ -89,11 +89,12 @@ std::string build_text(const Json& build) {
   for (const auto& [name, value] : build.items()) {
     if (value.is_object()) continue;
     std::string label = "  " + name;
-    label.resize(std::max(label.size(), size_t{20}), ' ');
+    label.resize(std::max(label.size(), size_t{22}), ' ');
     text += label + "  " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
   }
-  text += "  is                  ";
-  for (const auto& [name, value] : build["is"].items()) text += value.get<bool>() ? " " + name : "";
+  text += "  is                    ";
+  for (const auto& [name, value] : build["is"].items())
+    if (value.get<bool>()) text += name + " ";
   return text;
 }
 

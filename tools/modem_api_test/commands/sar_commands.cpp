@@ -38,12 +38,10 @@ class Holder {
     const Signals::Follower follower(context_.signals);
     bool is_up = true;
     while (const auto arrival = context_.inbox.next(deadline)) {
-      const auto* const notice = std::get_if<Notice>(&*arrival);
-      if (notice == nullptr) continue;
-      const bool comes_up = notice->notice == MODEM_API_NOTICE_SERVICE_UP;
+      const bool comes_up = arrival->number == MODEM_API_NOTICE_SERVICE_UP;
       if (comes_up == is_up) continue;  // also the notice of the first connection
       is_up = comes_up;
-      tell(notice->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
+      tell(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
       if (is_up) set();
       if (is_up) tell(WallClock::now(), "set", "SAR RF state " + std::to_string(state_) + " set again");
     }

@@ -1,0 +1,192 @@
+// The program as its users run it: exit status, clean output, a modem of its own, and an end that frees the modem's
+// client ids.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "sim_process.h"
+
+namespace pelmar::cli {
+namespace {
+
+using sim::test::Outcome;
+using sim::test::run_program;
+using sim::test::ScratchDirectory;
+using sim::test::SimProcess;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class ProgramTest : public testing::Test {
+ protected:
+  ProgramTest() {
+    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
+    unsetenv("PELMAR_QMI_SOCKET");
+  }
+
+  // A script in which `client` is the program; its standard error goes to its own.
+  static Outcome shell(const std::string& script) {
+    return run_program({"/bin/sh", "-c", "client() { " MODEM_API_TEST " \"$@\"; }\n" + script});
+  }
+
+  std::string path(const std::string& name) const { return directory_.path(name); }
+  const ScratchDirectory& directory() const { return directory_; }
+
+ private:
+  ScratchDirectory directory_;
+};
+
+class ModemProgramTest : public ProgramTest {
+ protected:
+  ModemProgramTest() { setenv("PELMAR_QMI_SOCKET", modem_.socket().c_str(), 1); }
+
+  // The clients that the modem knows, over all services.
+  size_t clients() const {
+    size_t count = 0;
+    for (const auto& service : modem_.operator_command("status").at("services")) count += service.at("clients").size();
+    return count;
+  }
+
+  const SimProcess& modem() const { return modem_; }
+
+ private:
+  SimProcess modem_{directory()};
+};
+
+TEST_F(ModemProgramTest, WritesReadsAndDeletesEveryKindOfItem) {
+  for (const char* item :
+       {"nv %s 10 --qualifier 1 --index 2", "efs %s 10 --qualifier 3", "efs-path %s /nv/a --index 4", "rfnv %s 10"}) {
+    const auto with = [item](const char* verb) {
+      char text[128];
+      snprintf(text, sizeof text, item, verb);
+      return std::string("client ") + text;
+    };
+    const std::string file = path("data");
+    EXPECT_EQ(shell(with("write") + " --text 'some text'").status, 0) << item;
+    EXPECT_THAT(shell(with("read")).output, HasSubstr("73 6f 6d 65 20 74 65 78 74  ")) << item;
+    EXPECT_THAT(shell(with("read") + " @" + file + " && cat " + file).output, EndsWith("\nsome text")) << item;
+    EXPECT_EQ(shell(with("read") + " --output -").output, "some text") << item;
+    EXPECT_EQ(shell(with("write") + " @" + file + " && " + with("read") + " -o -").status, 0) << item;
+    EXPECT_EQ(shell(with("delete")).status, 0) << item;
+    const Outcome gone = shell(with("read"));
+    EXPECT_EQ(gone.status, 1) << item;
+    EXPECT_THAT(gone.output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)")) << item;
+  }
+}
+
+TEST_F(ModemProgramTest, RefusalsNameTheCodeAndLeaveTheItem) {
+  const Outcome refused = shell("client nv write 1 0a && head -c 257 /dev/zero > " + path("long") +
+                                " && client nv write 1 @" + path("long") + " --json 2>/dev/null");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.output, HasSubstr(R"("code":5,"name":"MODEM_API_ERR_INVALID_PARAM")"));
+  EXPECT_EQ(shell("client nv read 1 --json").output, R"({"item":1,"qualifier":0,"index":0,"length":1,"data":"0a"})"
+                                                     "\n");
+}
+
+TEST_F(ModemProgramTest, LogLinesOfTheLibraryStayOutOfTheOutput) {
+  EXPECT_EQ(shell("client raw 01 --verbose --json 2>/dev/null").output, "{\"accepted\":1}\n");
+  EXPECT_THAT(shell("client raw 01 --verbose 2>&1 >/dev/null").output, HasSubstr("RIL["));
+  EXPECT_EQ(shell("client raw 01 2>&1 >/dev/null").output, "");
+  // With nothing to print to, what the library prints must not end up in a connection to the modem.
+  EXPECT_EQ(shell("client raw 01 --verbose <&- >&- 2>&-").status, 1);
+  EXPECT_EQ(shell("client raw 01 >/dev/full 2>/dev/null").status, 1);
+}
+
+TEST_F(ModemProgramTest, AsynchronousCommandShowsDataAndEnd) {
+  EXPECT_EQ(shell("client raw --async --text ping --json").output,
+            "{\"sent\":4}\n"
+            "{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
+            "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n");
+}
+
+TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
+  for (const char* command : {"reset", "shutdown-notice", "lock lte 1850:101", "nr-mode 1"}) {
+    const Outcome refused = shell(std::string("client ") + command + " </dev/null");
+    EXPECT_EQ(refused.status, 1) << command;
+    EXPECT_THAT(refused.output, HasSubstr("--yes")) << command;
+    EXPECT_EQ(shell(std::string("client ") + command + " --yes").status, 0) << command;
+    shell("sleep 0.5");  // the modem resets
+  }
+}
+
+TEST_F(ModemProgramTest, FollowsEventsUntilTheCount) {
+  const Outcome outcome = shell("{ sleep 1; " MODEM_SIM " ctl --control " + path("storage/control") +
+                                " event 5 9 >/dev/null; } & client events --count 1 --for 30 --json");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.output, HasSubstr(R"("event":5,"name":"report_c","value":9})"));
+  const Outcome none = shell("client events --count 1 --for 1");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_THAT(none.output, HasSubstr("only 0 of 1"));
+}
+
+TEST_F(ModemProgramTest, HoldsTheSarStateOverARestartOfTheService) {
+  const std::string control = MODEM_SIM " ctl --control " + path("storage/control") + " service sar ";
+  const Outcome outcome = shell("{ sleep 1; " + control + "down; sleep 0.3; " + control +
+                                "up; } >/dev/null & client sar set 3 --hold 4 --json");
+  EXPECT_EQ(outcome.status, 0);
+  for (const char* step : {R"("sar":"down")", R"("sar":"up")"}) EXPECT_THAT(outcome.output, HasSubstr(step));
+}
+
+TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
+  modem().operator_command("silence vs");
+  const struct {
+    const char* command;
+    const char* signal;
+    int status;
+  } kCases[] = {{"nv read 1", "INT", 130}, {"raw 01 --async", "TERM", 143}, {"events", "HUP", 129}};
+  for (const auto& each : kCases) {
+    // exec: $! is the client itself. A shell's background process ignores SIGINT; the client must end all the same.
+    const Outcome outcome = shell(std::string("(exec " MODEM_API_TEST " ") + each.command +
+                                  ") >/dev/null 2>&1 & sleep 1; kill -" + each.signal + " $!; wait $!");
+    EXPECT_EQ(outcome.status, each.status) << each.command;
+    EXPECT_EQ(clients(), 0U) << each.command;
+  }
+}
+
+// --- the program's own modem ---
+
+class OwnModemTest : public ProgramTest {
+ protected:
+  OwnModemTest() {
+    setenv("XDG_STATE_HOME", path("state").c_str(), 1);
+    std::filesystem::create_directory(path("run"));
+    setenv("XDG_RUNTIME_DIR", path("run").c_str(), 1);
+    setenv("PELMAR_MODEM_SIM", MODEM_SIM, 1);
+  }
+  ~OwnModemTest() override { shell(quit()); }
+
+  std::string quit() const {
+    return MODEM_SIM " ctl --storage " + path("state/pelmar/modem") + " quit >/dev/null 2>&1";
+  }
+};
+
+TEST_F(OwnModemTest, StartsOnceForManyAndKeepsItsStorage) {
+  const Outcome many = shell(
+      "for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i & pids=\"$pids $!\"; done\n"
+      "for pid in $pids; do wait $pid || exit 1; done");
+  EXPECT_EQ(many.status, 0) << many.output;
+  EXPECT_EQ(shell(quit() + "; client nv read 7 -o - | od -An -tx1").output, " 07\n");
+}
+
+TEST_F(OwnModemTest, TellsWhyTheModemDoesNotStart) {
+  setenv("PELMAR_MODEM_SIM", "/no/such/program", 1);
+  Outcome outcome = shell("client nv read 1");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.output, HasSubstr("/no/such/program: No such file or directory"));
+
+  setenv("PELMAR_MODEM_SIM", MODEM_SIM, 1);
+  setenv("XDG_RUNTIME_DIR", path(std::string(100, 'a')).c_str(), 1);
+  std::filesystem::create_directory(path(std::string(100, 'a')));
+  outcome = shell("client nv read 1");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.output,
+              StartsWith("modem_api_test: starting the simulated modem failed: modem_sim: socket name"));
+}
+
+}  // namespace
+}  // namespace pelmar::cli
