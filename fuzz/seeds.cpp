@@ -11,8 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
-#include "messages.h"
+#include "frames.h"
 
 namespace pelmar::fuzz {
 namespace {
@@ -69,32 +70,11 @@ constexpr struct {
   uint32_t most;
 } kSizes[] = {{"empty", 0}, {"one", 1}, {"full", UINT32_MAX}};
 
-constexpr uint8_t kToModem = 0x00;
-constexpr uint8_t kFromModem = 0x80;
-
-void append_u16(Bytes& bytes, size_t value) {
-  bytes.insert(bytes.end(), {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)});
-}
-
-void store_frame_length(Bytes& frame) {
-  frame[1] = static_cast<uint8_t>(frame.size() - 1);
-  frame[2] = static_cast<uint8_t>((frame.size() - 1) >> 8);
-}
-
-// A service message in its frame, as the one or the other end sends it.
 void write_frame_seeds(SeedWriter& writer, const CatalogueMessage& message, const char* name, const Bytes& wire) {
-  constexpr uint8_t kClient = 5;
-  constexpr uint8_t kFlags[] = {0, 2, 4};
-  const bool is_request = message.type == QMI_IDL_REQUEST;
-  const auto service = static_cast<uint8_t>(message.service->service_id);
-  Bytes frame = {0x01, 0, 0, is_request ? kToModem : kFromModem, service, kClient, kFlags[message.type]};
-  append_u16(frame, message.type == QMI_IDL_INDICATION ? 0 : 1);
-  append_u16(frame, message.id);
-  append_u16(frame, wire.size());
-  frame.insert(frame.end(), wire.begin(), wire.end());
-  store_frame_length(frame);
-  if (is_request) {
+  const Bytes frame = service_frame(message, wire);
+  if (message.type == QMI_IDL_REQUEST) {
     writer.write("modem_frames", name, {}, frame);
+    writer.write("modem", name, {1}, frame);
   } else {
     writer.write("framework_frames", name, {7}, frame);
     writer.write("transport", name, {1}, frame);
@@ -126,32 +106,28 @@ void write_message_seeds(SeedWriter& writer) {
   }
 }
 
-// A frame of the CTL service with one TLV.
-Bytes control_frame(uint8_t direction, uint8_t flags, uint8_t transaction, uint16_t id, uint8_t tlv, Bytes value) {
-  value.insert(value.begin(), {tlv, static_cast<uint8_t>(value.size()), 0});
-  Bytes frame = {0x01, 0, 0, direction, 0, 0, flags, transaction};
-  append_u16(frame, id);
-  append_u16(frame, value.size());
-  frame.insert(frame.end(), value.begin(), value.end());
-  store_frame_length(frame);
-  return frame;
-}
-
 void write_control_seeds(SeedWriter& writer) {
-  constexpr uint8_t kRequest = 0, kResponse = 1, kIndication = 2;
   constexpr uint8_t kService = 0xE4;
-  const Bytes device = {'/', 'd', 'e', 'v'};
-  writer.write("modem_frames", "proxy-open", {}, control_frame(kToModem, kRequest, 1, 0xFF00, 0x01, device));
-  writer.write("modem_frames", "allocate", {}, control_frame(kToModem, kRequest, 2, 0x0022, 0x01, {kService}));
-  writer.write("modem_frames", "release", {}, control_frame(kToModem, kRequest, 3, 0x0023, 0x01, {kService, 5}));
-
-  const Bytes revoke = control_frame(kFromModem, kIndication, 0, 0x0024, 0x01, {kService, 5});
-  const Bytes success = control_frame(kFromModem, kResponse, 1, 0xFF00, 0x02, {0, 0, 0, 0});
-  const Bytes failure = control_frame(kFromModem, kResponse, 1, 0xFF00, 0x02, {1, 0, 5, 0});
-  for (const uint8_t cut : {0, 1}) {
-    writer.write("framework_frames", "revoke-" + std::to_string(cut), {cut}, revoke);
-    writer.write("framework_frames", "success-" + std::to_string(cut), {cut}, success);
+  const auto request = [](uint16_t id, Bytes value) {
+    return control_frame(ControlKind::kRequest, 1, id, 0x01, std::move(value));
+  };
+  const std::pair<const char*, Bytes> requests[] = {
+      {"proxy-open", request(0xFF00, {'/', 'd', 'e', 'v'})},
+      {"version-info", request(0x0021, {})},
+      {"allocate", request(0x0022, {kService})},
+      {"release", request(0x0023, {kService, kClient})},
+      {"sync", request(0x0027, {})},
+  };
+  for (const auto& [name, frame] : requests) {
+    writer.write("modem_frames", name, {}, frame);
+    writer.write("modem", name, {0}, frame);
   }
+
+  const Bytes revoke = control_frame(ControlKind::kIndication, 0, 0x0024, 0x01, {kService, kClient});
+  const Bytes success = control_frame(ControlKind::kResponse, 1, 0xFF00, 0x02, {0, 0, 0, 0});
+  const Bytes failure = control_frame(ControlKind::kResponse, 1, 0xFF00, 0x02, {1, 0, 5, 0});
+  writer.write("framework_frames", "revoke", {7}, revoke);
+  writer.write("framework_frames", "success", {7}, success);
   writer.write("transport", "refused", {0}, failure);
   writer.write("transport", "opened-halfway", {0}, success);
   writer.write("transport", "revoked", {1}, revoke);

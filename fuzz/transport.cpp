@@ -16,10 +16,9 @@
 #include <string>
 #include <thread>
 
-#include "messages.h"
+#include "frames.h"
 #include "qmi_client.h"
 #include "qmux_transport.h"
-#include "vs_messages.h"
 
 using namespace pelmar::fuzz;
 using namespace pelmar::platform;
@@ -76,15 +75,24 @@ Peer& peer() {
 }
 
 constexpr uint8_t kService = 0xE4;
-constexpr uint8_t kClient = 5;
 
-// The modem's answers while a connection is opened: the proxy is open, there is the service, this is the client id.
-constexpr uint8_t kOpening[] = {
-    0x01, 18, 0,    0x80, 0,        0, 1, 1, 0x00, 0xFF, 7,  0, 0x02,     4,       0, 0, 0, 0,    0,  //
-    0x01, 27, 0,    0x80, 0,        0, 1, 2, 0x21, 0x00, 16, 0, 0x02,     4,       0, 0, 0, 0,    0,
-    0x01, 6,  0,    1,    kService, 1, 0, 2, 0,    0x01, 23, 0, 0x80,     0,       0, 1, 3, 0x22, 0x00,
-    12,   0,  0x02, 4,    0,        0, 0, 0, 0,    0x01, 2,  0, kService, kClient,
-};
+// The modem's answers while a connection is opened: the proxy is open, there is the service, this is the client id. The
+// result is looked for first, so it may be left to a TLV of its own behind the value.
+Bytes opening() {
+  Bytes answers;
+  const auto answer = [&](uint8_t transaction, uint16_t id, Bytes value) {
+    constexpr uint8_t kSuccess[] = {0x02, 4, 0, 0, 0, 0, 0};
+    Bytes frame = control_frame(ControlKind::kResponse, transaction, id, 0x01, std::move(value));
+    frame.insert(frame.end(), std::begin(kSuccess), std::end(kSuccess));
+    frame[1] = static_cast<uint8_t>(frame[1] + sizeof kSuccess);
+    frame[10] = static_cast<uint8_t>(frame[10] + sizeof kSuccess);
+    answers.insert(answers.end(), frame.begin(), frame.end());
+  };
+  answer(1, 0xFF00, {});
+  answer(2, 0x0021, {1, kService, 1, 0, 2, 0});
+  answer(3, 0x0022, {kService, kClient});
+  return answers;
+}
 
 void read_messages(Connection& connection) {
   for (ReadStatus status = ReadStatus::kRead;;
@@ -104,9 +112,9 @@ void read_messages(Connection& connection) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  Bytes answer;
+  static const Bytes kOpening = opening();
   const bool opens = data[0] & 1;
-  if (opens) answer.assign(std::begin(kOpening), std::end(kOpening));
+  Bytes answer = opens ? kOpening : Bytes();
   answer.insert(answer.end(), data + 1, data + size);
   peer().set_answer(std::move(answer));
 
