@@ -35,19 +35,27 @@ struct qmi_client_struct {
 
 namespace scripted {
 
-std::map<std::string, std::string> properties;
-std::vector<PropertyWrite> property_writes;
-std::vector<unsigned> sleeps;
-std::function<void(unsigned)> on_sleep;
-std::function<Answer(const Call&)> on_send;
-std::function<int(const Call&)> on_send_async;
-std::function<int(int)> on_init_instance;
-std::function<int(unsigned, uint8_t*, unsigned)> on_decode;
-std::function<void(const Call&)> on_registered;
+// Turns into an object of any type, never to be destroyed.
+constexpr struct {
+  template <typename T>
+  operator T&() const {
+    return *new T;
+  }
+} kNewObject;
+
+std::map<std::string, std::string>& properties = kNewObject;
+std::vector<PropertyWrite>& property_writes = kNewObject;
+std::vector<unsigned>& sleeps = kNewObject;
+std::function<void(unsigned)>& on_sleep = kNewObject;
+std::function<Answer(const Call&)>& on_send = kNewObject;
+std::function<int(const Call&)>& on_send_async = kNewObject;
+std::function<int(int)>& on_init_instance = kNewObject;
+std::function<int(unsigned, uint8_t*, unsigned)>& on_decode = kNewObject;
+std::function<void(const Call&)>& on_registered = kNewObject;
 int notifier_init_result = 0;
 int register_notify_result = 0;
-std::vector<PmCall> pm_calls;
-std::map<std::string, int> pm_results;
+std::vector<PmCall>& pm_calls = kNewObject;
+std::map<std::string, int>& pm_results = kNewObject;
 pm_client_event_cb pm_callback = nullptr;
 void* pm_callback_data = nullptr;
 

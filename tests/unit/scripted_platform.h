@@ -16,6 +16,8 @@
 
 namespace scripted {
 
+// What tests set and read below is never destroyed: detached threads of the library may outlive main().
+
 // --- system log ---
 
 struct LogLine {
@@ -36,21 +38,21 @@ std::vector<std::string> messages();
 
 // --- properties ---
 
-extern std::map<std::string, std::string> properties;
+extern std::map<std::string, std::string>& properties;
 
 struct PropertyWrite {
   std::string name;
   std::string value;
   bool operator==(const PropertyWrite&) const = default;
 };
-extern std::vector<PropertyWrite> property_writes;
+extern std::vector<PropertyWrite>& property_writes;
 // How often a property was read.
 int reads_of(const std::string& name);
 
 // --- time ---
 
-extern std::vector<unsigned> sleeps;            // seconds, in order
-extern std::function<void(unsigned)> on_sleep;  // runs instead of a sleep; may be empty
+extern std::vector<unsigned>& sleeps;            // seconds, in order
+extern std::function<void(unsigned)>& on_sleep;  // runs instead of a sleep; may be empty
 
 // --- allocation and threads ---
 
@@ -100,12 +102,12 @@ struct Answer {
 // A response structure that begins with a header.
 std::vector<uint8_t> header(uint32_t result, uint32_t error);
 
-extern std::function<Answer(const Call&)> on_send;        // answers synchronous sends; empty: success
-extern std::function<int(const Call&)> on_send_async;     // the outcome of an asynchronous send; empty: 0
-extern std::function<int(int attempt)> on_init_instance;  // outcome by attempt, from 0; empty: 0
+extern std::function<Answer(const Call&)>& on_send;        // answers synchronous sends; empty: success
+extern std::function<int(const Call&)>& on_send_async;     // the outcome of an asynchronous send; empty: 0
+extern std::function<int(int attempt)>& on_init_instance;  // outcome by attempt, from 0; empty: 0
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
-extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)> on_decode;
-extern std::function<void(const Call&)> on_registered;  // runs at the end of a register_*_cb; may be empty
+extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)>& on_decode;
+extern std::function<void(const Call&)>& on_registered;  // runs at the end of a register_*_cb; may be empty
 extern int notifier_init_result;
 extern int register_notify_result;
 
@@ -138,8 +140,8 @@ struct PmCall {
 
   bool operator==(const PmCall&) const = default;
 };
-extern std::vector<PmCall> pm_calls;
-extern std::map<std::string, int> pm_results;  // by name; 0 where none is given
+extern std::vector<PmCall>& pm_calls;
+extern std::map<std::string, int>& pm_results;  // by name; 0 where none is given
 extern pm_client_event_cb pm_callback;
 extern void* pm_callback_data;
 
