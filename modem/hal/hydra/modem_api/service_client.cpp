@@ -80,11 +80,12 @@ bool is_stale(const ServiceClient& client, uint32_t generation) {
 }
 
 void prepare(const ServiceClient& client) {
-  client.state.generation.fetch_add(1);
+  const uint32_t generation = client.state.generation.fetch_add(1) + 1;
   WorkerLock lock(client.state);
   clear_context(client.context);
   store(*client.context.response_cb, client.entry.command);
   store(*client.context.service_object, client.service_object());
+  client.state.prepared.store(generation);
 }
 
 void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback) {

@@ -100,7 +100,8 @@ struct ServiceClientState {
   enum class Phase : uint8_t { kSteady, kConnecting, kLostWhileConnecting };
 
   pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-  std::atomic<uint32_t> generation{1};  // counts releases; a worker of an older one stops
+  std::atomic<uint32_t> generation{1};  // counts preparations and releases; a worker of an older one stops
+  std::atomic<uint32_t> prepared{1};    // the generation of the last preparation; an older one: the client is released
   std::atomic<Phase> phase{Phase::kSteady};
   std::atomic<uint32_t> resuming{0};  // the generation whose resume thread is on its way; 0: none
 };
@@ -136,7 +137,7 @@ int32_t send_async(const ServiceClient& client, uint32_t msg_id, void* request, 
 
 // Marks the connection attempt that began last as reported; handles a service that went down meanwhile.
 void finish_connecting(const ServiceClient& client);
-// Whether the client was released since `generation`.
+// Whether the client was released or prepared since `generation`.
 bool is_stale(const ServiceClient& client, uint32_t generation);
 
 // --- reconnection (service_client_reconnect.cpp) ---

@@ -4,7 +4,8 @@
 //   service up    -> report 6, resume thread: drop the notifier, connect again, report 3 or 7
 //
 // Both threads are detached and carry the generation in which they were started; a client that was released since
-// leaves them nothing to do. Null as their argument means the present one.
+// leaves them nothing to do. Null as their argument means the present one. A released client takes no notice of its
+// service, of which a handle on its way out or a dropped notifier may still tell.
 #include <pthread.h>
 
 #include "pelmar_log_site.h"
@@ -48,8 +49,8 @@ void wait_for_service(const ServiceClient& client) {
 }  // namespace
 
 void suspend(const ServiceClient& client) {
-  if (client.context.notifier_handle == nullptr) return;
-  const uint32_t generation = client.state.generation.load();
+  const uint32_t generation = client.state.prepared.load();
+  if (client.context.notifier_handle == nullptr || is_stale(client, generation)) return;
   PELMAR_LOG_ENTRY_AS(client.names.suspend);
   report(client, OPERATIONAL_STATUS_DOWN);
   if (!start_detached(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
@@ -76,8 +77,8 @@ void release_after_service_down(const ServiceClient& client, void* generation) {
 }
 
 void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event) {
-  if (event != QMI_CLIENT_SERVICE_COUNT_INC) return;
-  const uint32_t generation = client.state.generation.load();
+  const uint32_t generation = client.state.prepared.load();
+  if (event != QMI_CLIENT_SERVICE_COUNT_INC || is_stale(client, generation)) return;
   if (client.state.resuming.exchange(generation) == generation) return;  // its thread is on the way already
   PELMAR_LOG_ENTRY_AS(client.names.resume);
   report(client, OPERATIONAL_STATUS_RECONNECTING);
