@@ -92,8 +92,9 @@ class CommandTest : public LibraryTest {
     const std::pair<Answer, modem_api_result> outcomes[] = {{{0, header(1, 52)}, MODEM_API_ERR_NOT_READY},
                                                             {{-2, header(1, 4)}, MODEM_API_ERR_ABORTED},
                                                             {{-3, {}}, MODEM_API_ERR_TIMEOUT}};
-    for (const auto& [answer, result] : outcomes) {
-      on_send = [&](const Call&) { return answer; };
+    for (const auto& outcome : outcomes) {
+      const modem_api_result result = outcome.second;
+      on_send = [&](const Call&) { return outcome.first; };
       EXPECT_EQ(run(row, static_cast<int32_t>(row.type)), result);
       const std::string line = "D " + row.name + ": " + row.outcome_line + std::to_string(result);
       EXPECT_EQ(logged(line), !row.outcome_line.empty()) << line;
