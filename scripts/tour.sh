@@ -39,7 +39,10 @@ fail() {
 tell() {
   local word line='$'
   for word in "$@"; do
-    case $word in *[!A-Za-z0-9_./:@,=+-]*|'') word="'$word'" ;; esac
+    case $word in
+      '&') ;;
+      *[!A-Za-z0-9_./:@,=+-]* | '') word="'$word'" ;;
+    esac
     line+=" $word"
   done
   printf '\n%s%s%s\n' "$bold" "$line" "$plain"

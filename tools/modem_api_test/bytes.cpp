@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "failure.h"
+#include "json.h"
 
 namespace pelmar::cli {
 

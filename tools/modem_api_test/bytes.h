@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "json.h"
+#include "json_fwd.h"
 
 namespace pelmar::cli {
 

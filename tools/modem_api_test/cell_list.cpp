@@ -4,6 +4,7 @@
 #include <span>
 
 #include "failure.h"
+#include "json.h"
 #include "options.h"
 
 namespace pelmar::cli {

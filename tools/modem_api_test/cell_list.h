@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "json.h"
+#include "json_fwd.h"
 
 namespace pelmar::cli {
 

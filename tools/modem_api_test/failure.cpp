@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "json.h"
 #include "result_codes.h"
 
 namespace pelmar::cli {

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "json.h"
+#include "json_fwd.h"
 #include "modem_api.h"
 
 namespace pelmar::cli {

@@ -1,10 +1,6 @@
-// The JSON type of the program: fields keep the order in which they are written.
+// The JSON type of the program, whole.
 #pragma once
 
 #include <nlohmann/json.hpp>
 
-namespace pelmar::cli {
-
-using Json = nlohmann::ordered_json;
-
-}  // namespace pelmar::cli
+#include "json_fwd.h"

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "json.h"
 
 namespace pelmar::cli {
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "json.h"
 #include "unique_fd.h"
 
 namespace pelmar::cli {

@@ -11,7 +11,7 @@
 
 #include "bytes.h"
 #include "failure.h"
-#include "json.h"
+#include "json_fwd.h"
 
 namespace pelmar::cli {
 

@@ -7,6 +7,7 @@
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
+#include "json.h"
 #include "options.h"
 #include "services.h"
 

@@ -6,6 +6,7 @@
 #include "commands/commands.h"
 #include "event_text.h"
 #include "failure.h"
+#include "json.h"
 #include "options.h"
 #include "time_text.h"
 
@@ -27,13 +28,38 @@ void subscribe(const Context& context) {
   check(modem_api_set_vs_event_report(client), "asking the modem to report events");
 }
 
-void tell_dropped(const Context& context) {
-  const size_t dropped = context.inbox.take_dropped();
-  if (dropped == 0) return;
-  context.output.print(
-      {{"time", utc_text(WallClock::now())}, {"notice", "dropped"}, {"events", dropped}},
-      local_text(WallClock::now()) + "  " + std::to_string(dropped) + " events were dropped: the output is too slow");
-}
+// Prints what arrives, and counts the events among it.
+class Follower {
+ public:
+  Follower(const Context& context, uint32_t limit) : context_(context), limit_(limit) {}
+
+  // Until the limit, the deadline, or the user's wish to end.
+  void follow(std::optional<Clock::time_point> deadline) {
+    while (!is_complete()) {
+      const auto arrival = context_.inbox.next(deadline);
+      if (!arrival) return;
+      seen_ += arrival->kind == Arrival::Kind::kEvent ? 1 : 0;
+      const Description description = describe(*arrival);
+      context_.output.print(description.document, description.text);
+      if (const size_t dropped = context_.inbox.take_dropped()) {
+        tell("dropped", std::to_string(dropped) + " events were dropped: the output is too slow");
+      }
+    }
+  }
+
+  void tell(const char* notice, const std::string& text) const {
+    const auto now = WallClock::now();
+    context_.output.print({{"time", utc_text(now)}, {"notice", notice}, {"text", text}}, local_text(now) + "  " + text);
+  }
+
+  bool is_complete() const { return limit_ > 0 && seen_ == limit_; }
+  uint32_t seen() const { return seen_; }
+
+ private:
+  const Context& context_;
+  const uint32_t limit_;
+  uint32_t seen_ = 0;
+};
 
 void follow_events(const Context& context, const EventValues& values) {
   subscribe(context);
@@ -42,30 +68,18 @@ void follow_events(const Context& context, const EventValues& values) {
       context.session.open(type);
     }
   }
-  const Signals::Follower follower(context.signals);
-  uint32_t seen = 0;
-  const auto show_until = [&](std::optional<Clock::time_point> deadline) {
-    while (values.count == 0 || seen < values.count) {
-      const auto arrival = context.inbox.next(deadline);
-      if (!arrival) return;
-      seen += arrival->kind == Arrival::Kind::kEvent ? 1 : 0;
-      const Description description = describe(*arrival);
-      context.output.print(description.document, description.text);
-      tell_dropped(context);
-    }
-  };
-  show_until(Clock::now());  // that the services came up
-  context.output.print({{"time", utc_text(WallClock::now())}, {"notice", "following"}},
-                       local_text(WallClock::now()) + "  following the modem's events; Ctrl-C ends");
+  const Signals::Follower ends_by_itself(context.signals);
+  Follower follower(context, values.count);
+  follower.follow(Clock::now());  // that the services came up
+  follower.tell("following", "following the modem's events; Ctrl-C ends");
   std::optional<Clock::time_point> deadline;
   if (values.seconds > 0) deadline = Clock::now() + std::chrono::seconds(values.seconds);
-  show_until(deadline);
-  if (seen < values.count && !context.inbox.is_interrupted()) {
-    throw Failure("waiting for events",
-                  "only " + std::to_string(seen) + " of " + std::to_string(values.count) + " came in " +
-                      std::to_string(values.seconds) + " seconds",
-                  "Wait longer with --for SECONDS.");
-  }
+  follower.follow(deadline);
+  if (values.count == 0 || follower.is_complete() || context.inbox.is_interrupted()) return;
+  throw Failure("waiting for events",
+                "only " + std::to_string(follower.seen()) + " of " + std::to_string(values.count) + " came in " +
+                    std::to_string(values.seconds) + " seconds",
+                "Wait longer with --for SECONDS.");
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 // info: which modem, which of its services are there, and what this build and process are to the library.
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
+#include "json.h"
 #include "pelmar_process.h"
 #include "pelmar_property.h"
 #include "qmi_client.h"
@@ -15,6 +18,19 @@ namespace pelmar::cli {
 namespace {
 
 struct NoValues {};
+
+// What is told, for scripts and for people.
+struct Report {
+  Json document;
+  std::string text;
+
+  void heading(const char* title) { text.append(title).append("\n"); }
+  void row(std::string label, const std::string& value) {
+    constexpr size_t kLabelWidth = 20;
+    label.resize(std::max(label.size(), kLabelWidth), ' ');
+    text.append("  ").append(label).append("  ").append(value).append("\n");
+  }
+};
 
 struct ServiceState {
   bool is_up = false;
@@ -70,8 +86,8 @@ std::string or_none(const std::string& text) {
   return text.empty() || text == "NULL" ? "none" : text;
 }
 
-Json build_json() {
-  Json build;
+void put_build(Report& report) {
+  Json& build = report.document["build"];
   const int32_t type = pelmar_build_type_get();
   build["type"] = type >= 0 && type < static_cast<int32_t>(std::size(kBuildTypes)) ? kBuildTypes[type] : "unknown";
   build["device"] = or_none(pelmar_device_name_get());
@@ -80,56 +96,67 @@ Json build_json() {
   build["region"] = or_none(pelmar_build_region_get());
   build["configured_region"] = or_none(pelmar_vendor_build_region_get());
   build["default_data_sub"] = pelmar_get_default_data_sub();
-  for (const Question& question : kBuildQuestions) build["is"][question.name] = question.answer();
-  return build;
-}
-
-std::string build_text(const Json& build) {
-  std::string text = "build\n";
+  report.heading("build");
   for (const auto& [name, value] : build.items()) {
-    if (value.is_object()) continue;
-    std::string label = "  " + name;
-    label.resize(std::max(label.size(), size_t{22}), ' ');
-    text += label + "  " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
+    report.row(name, value.is_string() ? value.get<std::string>() : value.dump());
   }
-  text += "  is                    ";
-  for (const auto& [name, value] : build["is"].items())
-    if (value.get<bool>()) text += name + " ";
-  return text;
+  std::string properties;
+  for (const Question& question : kBuildQuestions) {
+    const bool answer = question.answer();
+    build["is"][question.name] = answer;
+    if (answer) properties.append(properties.empty() ? "" : ", ").append(question.name);
+  }
+  report.row("is", properties);
 }
 
-void show_info(const Context& context, const NoValues&) {
-  const ModemChoice& modem = context.session.modem();
-  Json document = {{"modem", {{"socket", modem.socket()}, {"own", modem.is_own()}}}};
-  std::string text = "modem\n  socket                " + modem.socket() + "\n";
-  if (modem.is_own()) {
-    document["modem"]["storage"] = modem.storage();
-    text += "  storage               " + modem.storage() + " (a simulated modem of this program's own)\n";
-  }
-  text += "services\n";
+void put_process(Report& report) {
+  const std::string name = pelmar_utils_get_pid_name();
+  const int32_t id = pelmar_utils_get_pid_number();
+  report.document["process"] = {{"name", name}, {"id", id}};
+  report.heading("process");
+  report.row("name", name);
+  report.row("id", std::to_string(id));
+}
+
+void put_modem(Report& report, const ModemChoice& modem) {
+  report.document["modem"] = {{"socket", modem.socket()}, {"own", modem.is_own()}};
+  report.heading("modem");
+  report.row("socket", modem.socket());
+  if (!modem.is_own()) return;
+  report.document["modem"]["storage"] = modem.storage();
+  report.row("storage", modem.storage() + " (a simulated modem of this program's own)");
+}
+
+// Whether any is up.
+bool put_services(Report& report, const Context& context) {
   bool is_any_up = false;
+  report.heading("services");
   for (const ServiceRow& service : services()) {
     const ServiceState state = probe(context, service);
     is_any_up |= state.is_up;
     const qmi_idl_service_object_type object = service.object();
     const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
-    document["services"].push_back({{"service", service.name},
-                                    {"id", object->service_id},
-                                    {"version", version},
-                                    {"up", state.is_up},
-                                    {"state", state.text}});
-    std::string label = std::string("  ") + service.name + " " + version;
-    label.resize(std::max(label.size(), size_t{22}), ' ');
-    text += label + "  " + state.text + "\n";
+    report.document["services"].push_back({{"service", service.name},
+                                           {"id", object->service_id},
+                                           {"version", version},
+                                           {"up", state.is_up},
+                                           {"state", state.text}});
+    report.row(std::string(service.name) + " " + version, state.text);
   }
-  document["build"] = build_json();
-  document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
-  text += build_text(document["build"]) + "\nprocess\n  name                  " + pelmar_utils_get_pid_name();
-  context.output.print(document, text);
-  if (!is_any_up) {
-    throw Failure("connecting to the modem", "none of its services is up",
-                  "Check that a modem serves " + modem.socket() + "; --modem SOCKET names another one.");
-  }
+  return is_any_up;
+}
+
+void show_info(const Context& context, const NoValues&) {
+  Report report;
+  const ModemChoice& modem = context.session.modem();
+  put_modem(report, modem);
+  const bool is_any_up = put_services(report, context);
+  put_build(report);
+  put_process(report);
+  context.output.print(report.document, report.text);
+  if (is_any_up) return;
+  throw Failure("connecting to the modem", "none of its services is up",
+                "Check that a modem serves " + modem.socket() + "; --modem SOCKET names another one.");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
+#include "json.h"
 #include "options.h"
 
 namespace pelmar::cli {

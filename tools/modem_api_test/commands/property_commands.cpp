@@ -5,6 +5,7 @@
 #include "commands/commands.h"
 #include "cutils/properties.h"
 #include "failure.h"
+#include "json.h"
 
 namespace pelmar::cli {
 

@@ -10,6 +10,7 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "hydra_mem.h"
+#include "json.h"
 #include "options.h"
 #include "result_codes.h"
 
