@@ -179,6 +179,8 @@ TEST_F(HydraClient, KeepsItsStatisticsIdForEver) {
   EXPECT_EQ(free_lines().front(),
             "D modem_hydra_stats_set_report_status, FALSE, result = 0, g_hydra_stats_client_id = 12");
   EXPECT_EQ(modem_hydra_api_deinit(), MODEM_API_SUCCESS);
+  EXPECT_FALSE(is_open(last_connection()));
+  EXPECT_EQ(modem_hydra_api_is_inited(), 0);
   EXPECT_EQ(modem_hydra_stats_client_is_inited(), 1);
   open_hydra();
   EXPECT_EQ(modem_hydra_deregister_modem_stats_data(0, 0, 1, 4, &id, 1), MODEM_API_SUCCESS);

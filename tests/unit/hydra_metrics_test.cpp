@@ -176,6 +176,12 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
     values[{sub, 0x2c}] = bytes(sub == 0 ? "02 09000000" : "02 0C000000");
   }
   std::atomic<int> wrong = 0;
+  std::atomic<int> fetching = 0;
+  tamper = [&](vs::GetStatsParameterResponse&) {
+    if (++fetching > 1) ++wrong;
+    std::this_thread::yield();
+    --fetching;
+  };
   const auto read_everything = [&](uint32_t sub) {
     for (const Metric& metric : kMetrics) {
       for (const auto& [id, decoder] : metric.decoders) {
@@ -186,9 +192,11 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
     }
     if (modem_sys_mode_get(sub) != (sub == 0 ? MODEM_SYS_MODE_LTE : MODEM_SYS_MODE_NR)) ++wrong;
   };
+  std::atomic<int> waiting = 8;
   std::vector<std::thread> threads;
   for (uint32_t thread = 0; thread < 8; ++thread) {
     threads.emplace_back([&, thread] {
+      for (--waiting; waiting > 0;) std::this_thread::yield();
       for (uint32_t round = 0; round < 10; ++round) read_everything((thread + round) % 2);
     });
   }

@@ -123,12 +123,12 @@ modem_api_result modem_hydra_set_vs_event_report() {
   return is_open(__func__) ? modem_api_set_vs_event_report(g_hydra_client_id.get()) : kNothingDone;
 }
 
-// The grant of an enable is kept; a disable sends the id that is held and leaves it.
+// An enable that fails leaves the id as it was; a disable sends the one that is held.
 modem_api_result modem_hydra_set_modem_stats_report_status(uint8_t flag) {
   if (!is_open(__func__)) return kNothingDone;
   auto stats_client_id = static_cast<uint32_t>(g_hydra_stats_client_id.get());
   const modem_api_result ret = modem_api_set_modem_stats_report_status(g_hydra_client_id.get(), flag, &stats_client_id);
-  if (ret == MODEM_API_SUCCESS && flag != 0) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
+  if (flag != 0) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
   return ret;
 }
 
