@@ -16,7 +16,6 @@ namespace scripted {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 
 constexpr char kTrace[] = "persist.hydra.mem_trace";

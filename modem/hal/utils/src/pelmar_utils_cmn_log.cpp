@@ -135,6 +135,7 @@ int32_t pelmar_utils_format_log_msg(char* buf, int32_t size, const char* fmt, ..
   if (buf == nullptr || size < 1) return 0;
   va_list arguments;
   va_start(arguments, fmt);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is started right above
   const int32_t length = std::vsnprintf(buf, static_cast<size_t>(size), fmt, arguments);
   va_end(arguments);
   return length;
