@@ -11,12 +11,16 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "frames.h"
 
 namespace pelmar::fuzz {
 namespace {
+
+// Texts are paths, so this one tries to leave.
+constexpr std::string_view kPath = "../../x/";
 
 // Sets what a description knows: flags, at most `most` elements everywhere, texts of `most` characters.
 class Fill final : public StructureVisitor {
@@ -30,7 +34,8 @@ class Fill final : public StructureVisitor {
   }
   void on_text(std::span<uint8_t> text) override {
     const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(most_, text.size() - 1));
-    std::fill(text.begin(), end, 'a');
+    size_t at = 0;
+    std::generate(text.begin(), end, [&at] { return static_cast<uint8_t>(kPath[at++ % kPath.size()]); });
     std::fill(end, text.end(), 0);
   }
 
