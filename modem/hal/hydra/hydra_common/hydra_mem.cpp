@@ -87,10 +87,10 @@ void trace(void* block, size_t size, const char* func) {
 
 // The oldest record of an address is the one that goes: the block is given back before its record, so the address may
 // have been handed out, and recorded, again meanwhile.
-void untrace(const void* block) {
+void untrace(uintptr_t address) {
   const std::lock_guard lock(hydra_mem_trace_lock);
   auto* node = hydra_mem_trace_head;
-  while (node != nullptr && node->ptr != block) node = node->next;
+  while (node != nullptr && reinterpret_cast<uintptr_t>(node->ptr) != address) node = node->next;
   if (node == nullptr) return;
   (node->prev != nullptr ? node->prev->next : hydra_mem_trace_head) = node->next;
   (node->next != nullptr ? node->next->prev : hydra_mem_trace_tail) = node->prev;
@@ -172,9 +172,10 @@ void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
 void hydra_free_adv(void* ptr, const char*, int32_t) {
   PELMAR_LOG_ENTRY();
   if (ptr != nullptr) {
-    const void* const block = ptr;
+    // Compared, never followed; volatile, because compilers warn of any number that came from a freed pointer.
+    const volatile uintptr_t address = reinterpret_cast<uintptr_t>(ptr);
     std::free(ptr);
-    if (tracing()) untrace(block);  // NOLINT(clang-analyzer-unix.Malloc): compared, never followed
+    if (tracing()) untrace(address);
   }
   PELMAR_LOG_EXIT();
 }
