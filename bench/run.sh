@@ -4,6 +4,7 @@
 #
 # Where it is allowed to, what talks to other processes runs at real-time priority, so that what else the machine does
 # stays out of the figures. PELMAR_BENCH_PRIORITY=normal leaves the priority alone.
+# The rows of libqmi-glib need the packages libqmi-glib-dev and libmbim-glib-dev.
 # usage: bench/run.sh [REPETITIONS]      default 15
 set -euo pipefail
 cd "$(dirname "$0")/.."
