@@ -67,6 +67,18 @@ TEST_F(Connections, TenIdsAServiceOverAllConnections) {
   EXPECT_NE(next, released) << "a late message for the old id would find somebody";
 }
 
+TEST_F(Connections, AnIdInUseIsPassedOverWhenTheNumbersBeginAgain) {
+  auto client = connect();
+  const uint8_t held = client->allocate(kVs);
+  for (int i = 0; i < 300; ++i) {
+    const uint8_t id = client->allocate(kVs);
+    ASSERT_NE(id, held);
+    ASSERT_NE(id, 0);
+    ASSERT_NE(id, 0xFF) << "addresses all clients";
+    ASSERT_EQ(client->control(0x0023, tlv(0x01, {kVs, id})).error(), 0);
+  }
+}
+
 TEST_F(Connections, IdsOfAConnectionThatClosesAreFree) {
   for (int round = 0; round < 3; ++round) {
     auto client = connect();

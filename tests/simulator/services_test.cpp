@@ -237,6 +237,21 @@ TEST_F(Services, TheSubscriptionsSeeCellsOfTheirOwn) {
   EXPECT_EQ(radio[1]["avoid_trm"], 0);
 }
 
+TEST_F(Services, ARecycledIdForgetsItsSubscription) {
+  constexpr uint8_t kNas = 3;
+  QmuxClient client(modem_.socket());
+  const uint8_t id = client.allocate(kNas);
+  const Bytes unbound = client.ask(kNas, id, 0x0089).value(0x10);
+  client.ask(kNas, id, 0x0045, tlv(0x01, {1}));
+  EXPECT_NE(client.ask(kNas, id, 0x0089).value(0x10), unbound);
+  uint8_t next = id;
+  do {
+    client.control(0x0023, tlv(0x01, {kNas, next}));
+    next = client.allocate(kNas);
+  } while (next != id && next != 0);
+  EXPECT_EQ(client.ask(kNas, next, 0x0089).value(0x10), unbound);
+}
+
 TEST_F(Services, ALockedPhoneCampsOnAnAllowedCell) {
   NasClient first(modem_, 0);
   NasClient second(modem_, 1);
@@ -251,6 +266,9 @@ TEST_F(Services, ALockedPhoneCampsOnAnAllowedCell) {
   EXPECT_EQ(locked.intra_frequency.cells[0].physical_cell_id, target.physical_cell_id) << "the serving cell leads";
   EXPECT_EQ(locked.inter_frequency.frequencies[0].earfcn, before.intra_frequency.earfcn);
   EXPECT_EQ(second.cells().intra_frequency.global_cell_id, of_second);
+  second.lock({{1, 1}});
+  EXPECT_FALSE(second.cells().intra_frequency_valid);
+  EXPECT_TRUE(first.cells().intra_frequency_valid);
   first.lock({{1, 1}});
   EXPECT_FALSE(first.cells().intra_frequency_valid) << "no such cell: out of service";
   first.lock({});
