@@ -2,9 +2,9 @@
 #include "modem_hydra_mgr_fetch.h"
 
 #include <bit>
-#include <cstddef>
 #include <cstring>
 
+#include "modem_api_command.h"
 #include "modem_hydra.h"
 #include "modem_hydra_mgr_client.h"
 #include "pelmar_log_site.h"
@@ -91,8 +91,7 @@ uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id) {
     PELMAR_LOG_ERROR("modem_api_get_stats_parameter, sub(%d) is invalid", static_cast<int>(sub));
     return 1;
   }
-  stats_para_data data;  // zero as far as it is read: the entries behind the first are only written
-  std::memset(&data, 0, offsetof(stats_para_data, entries[1]));
+  Zeroed<stats_para_data> data;
   data.para_num = 1;
   data.entries[0].sub = sub;
   data.entries[0].id = id;
