@@ -23,7 +23,7 @@ void read_nv_instant_platform(benchmark::State& state) {
   response.data_len = kItemBytes;
   std::memset(response.data, 0x5A, kItemBytes);
   instant_platform::set_response(&response, sizeof response);
-  uint8_t data[MODEM_API_MAX_ITEM_BYTES];
+  uint8_t data[MODEM_API_MAX_ITEM_BYTES] = {};
   uint64_t failures = 0;
   const auto read = [&] {
     uint32_t length = sizeof data;

@@ -51,7 +51,7 @@ void walk_element(const Element& element, uint8_t* structure, StructureVisitor& 
     for (const uint8_t* description = element.aggregate; *description != QMI_IDL_TYPE_END;) {
       Element member;
       description = platform::read_element(description, *element.aggregate_table, member);
-      walk_element(member, at + i * element.aggregate_stride, visitor);
+      walk_element(member, at + size_t{i} * element.aggregate_stride, visitor);
     }
   }
 }
