@@ -134,7 +134,9 @@ modem_api_result init_client(modem_api_client_type type, modem_api_event_cb even
   const ClientType& row = kClientTypes[type];
   row.set_status_callback(modem_api_operational_status_cb);
   if (!row.init(event_cb)) {
-    g_client_table.slots[static_cast<size_t>(id)].take();
+    TableLock lock;
+    ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
+    if (modem_api_client* const failed = slot.claim()) slot.remove(failed);
     return MODEM_API_ERR_GENERIC;
   }
   *client_id = id;
@@ -151,26 +153,34 @@ modem_api_result free_client(int32_t client_id) {
     PELMAR_LOG_ERROR_AS(function, "invalid client_id %d", client_id);
     return MODEM_API_ERR_INVALID_CLIENT;
   }
-  TableLock lock;
-  const modem_api_client* const record = slot->get();
+  modem_api_client* record;
+  {
+    TableLock lock;
+    record = slot->claim();
+  }
   if (record == nullptr) {
     PELMAR_LOG_ERROR_AS(function, "client already freed");
     return MODEM_API_SUCCESS;
   }
-  kClientTypes[record->type].release();
-  slot->take();
+  // Not under the table lock: callbacks that the release waits for may need it.
+  if (record->type < MODEM_API_CLIENT_TYPES) kClientTypes[record->type].release();
+  TableLock lock;
+  slot->remove(record);
   return MODEM_API_SUCCESS;
 }
 
 // Returns the status callback, when the status is one that clients are told of.
 modem_api_status_cb update_status(ClientSlot& slot, int32_t client_id, uint32_t type, uint32_t status) {
-  PinnedClient client(slot);
-  if (!client || client->type != type) return nullptr;
-  client->status.store(status);
+  modem_api_status_cb callback;
+  {
+    PinnedClient client(slot);
+    if (!client || client->type != type) return nullptr;
+    client->status.store(status);
+    callback = client->status_cb;
+  }
   PELMAR_LOG_DEBUG_AS("modem_api_operational_status_cb", "client type %d, client id %d, operational_status %d",
                       static_cast<int>(type), client_id, static_cast<int>(status));
-  const bool is_notice = status == OPERATIONAL_STATUS_UP || status == OPERATIONAL_STATUS_DOWN;
-  return is_notice ? client->status_cb : nullptr;
+  return status == OPERATIONAL_STATUS_UP || status == OPERATIONAL_STATUS_DOWN ? callback : nullptr;
 }
 
 void relay_status(uint32_t type, uint32_t status) {

@@ -6,10 +6,19 @@ namespace pelmar {
 
 constinit ClientTable g_client_table;
 
-TracedPtr<modem_api_client> ClientSlot::take() {
-  modem_api_client* record = record_.exchange(nullptr, std::memory_order_seq_cst);
+modem_api_client* ClientSlot::claim() {
+  modem_api_client* const record = get();
+  if (record == claimed_) return nullptr;
+  claimed_ = record;
+  return record;
+}
+
+void ClientSlot::remove(modem_api_client* claimed) {
+  if (claimed_ == claimed) claimed_ = nullptr;
+  modem_api_client* expected = claimed;
+  if (!record_.compare_exchange_strong(expected, nullptr, std::memory_order_seq_cst)) return;
   while (pins_.load(std::memory_order_seq_cst) != 0) sched_yield();
-  return TracedPtr<modem_api_client>(record);
+  TracedDelete()(claimed);
 }
 
 bool is_ready(int32_t client_id, modem_api_client_type type) {

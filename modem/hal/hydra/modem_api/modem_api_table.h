@@ -3,6 +3,10 @@
 // Records are read by commands and service connections without a lock, while another thread may be freeing one. A
 // reader therefore pins the slot for as long as it looks at the record (a few instructions, never during a send or a
 // callback), and whoever frees a record empties the slot first and waits until nobody has it pinned.
+//
+// Freeing a client releases its connection, which waits for callbacks; these may use the table. A thread therefore
+// claims the record under the table lock, releases the connection without it, and takes the lock again to remove the
+// record.
 #pragma once
 
 #include <pthread.h>
@@ -35,8 +39,10 @@ class ClientSlot {
   bool is_empty() const { return get() == nullptr; }
   void put(TracedPtr<modem_api_client> record) { record_.store(record.release(), std::memory_order_seq_cst); }
 
-  // Empties the slot; the record is the caller's, and nobody looks at it any more.
-  TracedPtr<modem_api_client> take();
+  // The record, for the caller to free; null for an empty slot, or when somebody is freeing it. With the table lock.
+  modem_api_client* claim();
+  // Frees a claimed record, unless the slot was emptied meanwhile: an abandoned record stays. With the table lock.
+  void remove(modem_api_client* claimed);
   // Empties the slot and leaves the record to itself.
   void abandon() { record_.store(nullptr, std::memory_order_seq_cst); }
 
@@ -45,6 +51,7 @@ class ClientSlot {
 
   std::atomic<modem_api_client*> record_{nullptr};
   std::atomic<uint32_t> pins_{0};
+  const modem_api_client* claimed_ = nullptr;  // guarded by the table lock
 };
 
 // A look at a slot's record, which stays valid as long as this lives.
