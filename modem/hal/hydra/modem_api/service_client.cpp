@@ -42,7 +42,6 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
 
 bool make_attempts(const ServiceClient& client, const char* function) {
   const uint32_t generation = client.state.generation.load();
-  WorkerLock lock(client.state);
   client.state.phase.store(Phase::kConnecting);
 
   qmi_client_type handle = nullptr;
@@ -63,6 +62,7 @@ bool make_attempts(const ServiceClient& client, const char* function) {
     return false;
   }
   if (is_stale(client, generation)) {
+    const Aside aside(client.state);
     qmi_client_release(handle);
     return false;
   }
@@ -75,17 +75,25 @@ bool make_attempts(const ServiceClient& client, const char* function) {
 
 }  // namespace
 
+thread_local constinit uint32_t InCallback::depth_ = 0;
+
+void WorkerLock::wait_for_callbacks() {
+  if (InCallback::is_now()) return;
+  while (state_.aside != 0) pthread_cond_wait(&state_.came_back, &state_.worker);
+}
+
 bool is_stale(const ServiceClient& client, uint32_t generation) {
   return client.state.generation.load() != generation;
 }
 
 void prepare(const ServiceClient& client) {
-  const uint32_t generation = client.state.generation.fetch_add(1) + 1;
+  client.state.generation.fetch_add(1);
   WorkerLock lock(client.state);
+  lock.wait_for_callbacks();
   clear_context(client.context);
   store(*client.context.response_cb, client.entry.command);
   store(*client.context.service_object, client.service_object());
-  client.state.prepared.store(generation);
+  client.state.prepared.store(client.state.generation.fetch_add(1) + 1);
 }
 
 void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback) {
@@ -94,6 +102,7 @@ void set_status_callback(const ServiceClient& client, modem_api_operational_stat
 
 void report(const ServiceClient& client, operational_status status) {
   const modem_api_operational_status_fn callback = load(*client.context.status_cb);
+  const InCallback in_callback;
   if (callback != nullptr) callback(client.type, status);
 }
 
@@ -103,6 +112,14 @@ bool connect_handles(const ServiceClient& client) {
   PELMAR_LOG_ENTRY_AS(function);
   const bool connected = make_attempts(client, function);
   PELMAR_LOG_EXIT_RET_AS(function, connected);
+  return connected;
+}
+
+bool connect_silently(const ServiceClient& client) {
+  WorkerLock lock(client.state);
+  const bool connected = connect_handles(client);
+  const Aside aside(client.state);
+  finish_connecting(client);
   return connected;
 }
 
@@ -123,6 +140,7 @@ bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
   }
   const bool connected = connect_handles(client);
   PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d)", connected);
+  const Aside aside(client.state);
   report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_FAILED);
   finish_connecting(client);
   return connected;
@@ -131,12 +149,18 @@ bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
 void release(const ServiceClient& client) {
   client.state.generation.fetch_add(1);
   WorkerLock lock(client.state);
+  lock.wait_for_callbacks();
+  const uint32_t generation = client.state.generation.fetch_add(1) + 1;
   report(client, OPERATIONAL_STATUS_IDLE);  // now that no worker reports any more
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
-  if (handle != nullptr) qmi_client_release(handle);
-  // A notifier that is held is dropped without release.
-  clear_context(client.context);
+  if (handle != nullptr) {
+    const Aside aside(client.state);
+    qmi_client_release(handle);
+  }
+  // A notifier that is held is dropped without release. Whoever prepared or released the client meanwhile has cleared
+  // the context, or is about to.
+  if (!is_stale(client, generation)) clear_context(client.context);
 }
 
 int32_t send_sync(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,

@@ -4,10 +4,11 @@
 // its log lines carry, and what sets it apart. The exported functions of each service (vs/, sar/, nas/) hand their
 // description to the functions below.
 //
-// Threads. The exported contexts are plain words read and written from any thread, each by itself. Whatever connects or
-// releases holds the client's worker lock, so that a release that comes in the middle of a reconnection waits until the
-// reconnection has seen it and has let go of what it made; the lock is recursive, since a status callback may free its
-// client. Framework callback threads never take it.
+// Threads. The exported contexts are plain words read and written from any thread, each by itself. Whatever connects,
+// prepares or releases holds the client's worker lock, so that a release that comes in the middle of a reconnection
+// waits until the reconnection has seen it and has let go of what it made. Callbacks may open and free clients: nobody
+// holds the lock while a callback that reaches the library's users runs or is waited for, and a thread that is in such
+// a callback waits for no other one.
 #pragma once
 
 #include <pthread.h>
@@ -100,8 +101,13 @@ struct ServiceClientState {
   enum class Phase : uint8_t { kSteady, kConnecting, kLostWhileConnecting };
 
   pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-  std::atomic<uint32_t> generation{1};  // counts preparations and releases; a worker of an older one stops
-  std::atomic<uint32_t> prepared{1};    // the generation of the last preparation; an older one: the client is released
+  pthread_cond_t came_back = PTHREAD_COND_INITIALIZER;
+  uint32_t aside = 0;  // workers that left the lock for a callback; guarded by the lock
+
+  // Moves on when a preparation or release begins, so that workers stop, and again when it has the lock, so that the
+  // last to have it decides. A worker of an older one stops.
+  std::atomic<uint32_t> generation{1};
+  std::atomic<uint32_t> prepared{1};  // the generation of the last preparation; an older one: the client is released
   std::atomic<Phase> phase{Phase::kSteady};
   std::atomic<uint32_t> resuming{0};  // the generation whose resume thread is on its way; 0: none
 };
@@ -109,21 +115,59 @@ struct ServiceClientState {
 // Holds a client's worker lock.
 class WorkerLock {
  public:
-  explicit WorkerLock(ServiceClientState& state) : mutex_(state.worker) { pthread_mutex_lock(&mutex_); }
-  ~WorkerLock() { pthread_mutex_unlock(&mutex_); }
+  explicit WorkerLock(ServiceClientState& state) : state_(state) { pthread_mutex_lock(&state_.worker); }
+  ~WorkerLock() { pthread_mutex_unlock(&state_.worker); }
   WorkerLock(const WorkerLock&) = delete;
   WorkerLock& operator=(const WorkerLock&) = delete;
 
+  // Waits until no worker is aside, unless this thread is in a callback itself: that one's end might wait for this.
+  void wait_for_callbacks();
+
  private:
-  pthread_mutex_t& mutex_;
+  ServiceClientState& state_;
+};
+
+// Leaves a worker lock that this thread holds, for a callback or for the end of one.
+class Aside {
+ public:
+  explicit Aside(ServiceClientState& state) : state_(state) {
+    ++state_.aside;
+    pthread_mutex_unlock(&state_.worker);
+  }
+  ~Aside() {
+    pthread_mutex_lock(&state_.worker);
+    --state_.aside;
+    pthread_cond_broadcast(&state_.came_back);
+  }
+  Aside(const Aside&) = delete;
+  Aside& operator=(const Aside&) = delete;
+
+ private:
+  ServiceClientState& state_;
+};
+
+// While it lives, this thread is in a callback that reaches the library's users.
+class InCallback {
+ public:
+  InCallback() { ++depth_; }
+  ~InCallback() { --depth_; }
+  InCallback(const InCallback&) = delete;
+  InCallback& operator=(const InCallback&) = delete;
+
+  static bool is_now() { return depth_ != 0; }
+
+ private:
+  static thread_local constinit uint32_t depth_;
 };
 
 // --- connection (service_client.cpp) ---
 
 // Clears the context, stores the response callback and the service object.
 void prepare(const ServiceClient& client);
-// The ten attempts, with the lines of their own operation. True when the client is connected.
+// The ten attempts, with the lines of their own operation, under the worker lock. True when the client is connected.
 bool connect_handles(const ServiceClient& client);
+// The same by itself: nothing is reported, but for a service that went down meanwhile.
+bool connect_silently(const ServiceClient& client);
 // Opens the client on the caller's thread, with its own log lines. True when it is up.
 bool open(const ServiceClient& client, modem_api_event_cb event_cb);
 void release(const ServiceClient& client);

@@ -40,6 +40,7 @@
   void prefix##_client_command_cb(qmi_client_type, unsigned int msg_id, void* response, unsigned int response_length, \
                                   void* callback_data, qmi_client_error_type transport_error) {                       \
     PELMAR_LOG_ENTRY();                                                                                               \
+    const pelmar::InCallback in_callback;                                                                             \
     modem_api_process_response(msg_id, response, response_length, callback_data, transport_error);                    \
     PELMAR_LOG_EXIT();                                                                                                \
   }                                                                                                                   \
@@ -63,11 +64,7 @@
     pelmar::prepare(client);                                                                                          \
     PELMAR_LOG_EXIT();                                                                                                \
   }                                                                                                                   \
-  bool prefix##_client_init_client_handles() {                                                                        \
-    const bool connected = pelmar::connect_handles(client);                                                           \
-    pelmar::finish_connecting(client);                                                                                \
-    return connected;                                                                                                 \
-  }                                                                                                                   \
+  bool prefix##_client_init_client_handles() { return pelmar::connect_silently(client); }                             \
   void prefix##_client_service_up_event(qmi_client_type, qmi_idl_service_object_type,                                 \
                                         qmi_client_notify_event_type event, void*) {                                  \
     PELMAR_LOG_ENTRY();                                                                                               \

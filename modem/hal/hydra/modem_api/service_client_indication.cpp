@@ -12,6 +12,7 @@ namespace {
 
 void deliver(const ServiceClient& client, uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb) {
   PELMAR_LOG_DEBUG_AS(client.names.ind_hdlr, "Handling indication msg 0x%x", msg_id);
+  const InCallback in_callback;
   const bool known = client.indications.deliver != nullptr && client.indications.deliver(msg_id, decoded, event_cb);
   if (!known) PELMAR_LOG_ERROR_AS(client.names.ind_hdlr, "Unknown indication msg %0x", msg_id);
 }

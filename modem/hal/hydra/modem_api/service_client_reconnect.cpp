@@ -71,7 +71,11 @@ void release_after_service_down(const ServiceClient& client, void* generation) {
   if (!is_present(client, generation)) return;
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
-  if (handle != nullptr) qmi_client_release(handle);
+  if (handle != nullptr) {
+    const Aside aside(client.state);
+    qmi_client_release(handle);
+  }
+  if (!is_present(client, generation)) return;
   report(client, OPERATIONAL_STATUS_RELEASED);
   if (is_present(client, generation)) wait_for_service(client);
 }
@@ -98,6 +102,7 @@ void resume_after_service_up(const ServiceClient& client, void* generation) {
 
   // A notifier that an earlier release dropped may announce the service to a client that has its connection.
   const bool connected = load(*client.context.client_handle) != nullptr || connect_handles(client);
+  const Aside aside(client.state);
   if (is_present(client, generation)) {
     report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_RECONNECT_FAILED);
   }
