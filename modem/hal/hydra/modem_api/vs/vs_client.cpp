@@ -5,6 +5,7 @@
 #include "vs_client.h"
 
 #include "service_client_functions.h"
+#include "shared_word.h"
 #include "vs_events.h"
 #include "vs_messages.h"
 #include "vs_service_object.h"
@@ -67,5 +68,5 @@ qmi_idl_service_object_type vs_init() {
   PELMAR_LOG_ENTRY();
   pelmar::prepare(kVsClient);
   PELMAR_LOG_EXIT();
-  return vs_client_info.service_object;
+  return pelmar::load(vs_client_info.service_object);
 }
