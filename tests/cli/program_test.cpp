@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -18,6 +19,7 @@ using sim::test::Outcome;
 using sim::test::run_program;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
+using Clock = std::chrono::steady_clock;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -59,23 +61,28 @@ class ModemProgramTest : public ProgramTest {
 };
 
 TEST_F(ModemProgramTest, WritesReadsAndDeletesEveryKindOfItem) {
-  for (const char* item :
-       {"nv %s 10 --qualifier 1 --index 2", "efs %s 10 --qualifier 3", "efs-path %s /nv/a --index 4", "rfnv %s 10"}) {
-    const auto with = [item](const char* verb) {
-      char text[128];
-      snprintf(text, sizeof text, item, verb);
-      return std::string("client ") + text;
+  const struct {
+    const char* kind;
+    const char* address;
+  } kItems[] = {{"nv", "10 --qualifier 1 --index 2"},
+                {"efs", "10 --qualifier 3"},
+                {"efs-path", "/nv/a --index 4"},
+                {"rfnv", "10"}};
+  for (const auto& item : kItems) {
+    SCOPED_TRACE(item.kind);
+    const auto with = [&item](const std::string& verb) {
+      return "client " + std::string(item.kind) + " " + verb + " " + item.address;
     };
     const std::string file = path("data");
-    EXPECT_EQ(shell(with("write") + " --text 'some text'").status, 0) << item;
-    EXPECT_THAT(shell(with("read")).output, HasSubstr("73 6f 6d 65 20 74 65 78 74  ")) << item;
-    EXPECT_THAT(shell(with("read") + " @" + file + " && cat " + file).output, EndsWith("\nsome text")) << item;
-    EXPECT_EQ(shell(with("read") + " --output -").output, "some text") << item;
-    EXPECT_EQ(shell(with("write") + " @" + file + " && " + with("read") + " -o -").status, 0) << item;
-    EXPECT_EQ(shell(with("delete")).status, 0) << item;
+    EXPECT_EQ(shell(with("write") + " --text 'some text'").status, 0);
+    EXPECT_THAT(shell(with("read")).output, HasSubstr("73 6f 6d 65 20 74 65 78 74  "));
+    EXPECT_THAT(shell(with("read") + " @" + file + " && cat " + file).output, EndsWith("\nsome text"));
+    EXPECT_EQ(shell(with("write") + " 00 && " + with("write") + " @" + file).status, 0);
+    EXPECT_EQ(shell(with("read") + " --output -").output, "some text");
+    EXPECT_EQ(shell(with("delete")).status, 0);
     const Outcome gone = shell(with("read"));
-    EXPECT_EQ(gone.status, 1) << item;
-    EXPECT_THAT(gone.output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)")) << item;
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_THAT(gone.output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)"));
   }
 }
 
@@ -140,10 +147,12 @@ TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
     int status;
   } kCases[] = {{"nv read 1", "INT", 130}, {"raw 01 --async", "TERM", 143}, {"events", "HUP", 129}};
   for (const auto& each : kCases) {
+    const Clock::time_point start = Clock::now();
     // exec: $! is the client itself. A shell's background process ignores SIGINT; the client must end all the same.
     const Outcome outcome = shell(std::string("(exec " MODEM_API_TEST " ") + each.command +
                                   ") >/dev/null 2>&1 & sleep 1; kill -" + each.signal + " $!; wait $!");
     EXPECT_EQ(outcome.status, each.status) << each.command;
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10)) << each.command << ": no answer comes for 30 s";
     EXPECT_EQ(clients(), 0U) << each.command;
   }
 }

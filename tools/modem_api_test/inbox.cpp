@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "hydra_mem.h"
+
 namespace pelmar::cli {
 
 namespace {
@@ -28,6 +30,13 @@ void Inbox::receive_event(uint32_t id, const uint8_t* payload, uint32_t length) 
 
 void Inbox::receive_notice(uint32_t notice, uint32_t client_type) {
   if (Inbox* const inbox = current_) inbox->put({Arrival::Kind::kNotice, WallClock::now(), notice, client_type, {}});
+}
+
+void Inbox::receive_response(const uint8_t* data, uint32_t length, void* /*user_data*/, uint32_t result) {
+  if (Inbox* const inbox = current_) {
+    inbox->put({Arrival::Kind::kResponse, WallClock::now(), result, 0, {data, data + length}});
+  }
+  hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
 }
 
 void Inbox::put(Arrival arrival) {

@@ -1,9 +1,9 @@
-// What arrives while a command follows the modem: modem events, notices of services going up and down, and the user's
-// wish to end.
+// What arrives while a command follows the modem: modem events, notices of services going up and down, answers of
+// asynchronous commands, and the user's wish to end.
 //
-// The library's callbacks carry no user data, so there is one inbox in the process. They run on the framework's threads
-// and only copy; the following command takes out what came, in order. Where it is too slow the newest are dropped and
-// counted, never the framework held up.
+// The library's event callbacks carry no user data, so there is one inbox in the process. They run on the framework's
+// threads and only copy; the following command takes out what came, in order. Where it is too slow the newest are
+// dropped and counted, never the framework held up.
 #pragma once
 
 #include <atomic>
@@ -21,13 +21,13 @@ using WallClock = std::chrono::system_clock;
 using Clock = std::chrono::steady_clock;
 
 struct Arrival {
-  enum class Kind { kEvent, kNotice };
+  enum class Kind { kEvent, kNotice, kResponse };
 
   Kind kind;
   WallClock::time_point time;
-  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*
+  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, or the response's result
   uint32_t client_type;          // of a notice: MODEM_API_CLIENT_*
-  std::vector<uint8_t> payload;  // of an event: laid out as the event's structure of modem_api.h
+  std::vector<uint8_t> payload;  // of an event, laid out as its structure in modem_api.h; of a response
 };
 
 class Inbox {
@@ -40,6 +40,7 @@ class Inbox {
   // The library's callbacks.
   static void receive_event(uint32_t id, const uint8_t* payload, uint32_t length);
   static void receive_notice(uint32_t notice, uint32_t client_type);
+  static void receive_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result);
 
   // The next arrival; nothing when the time is up or the user wishes to end. Without a deadline it waits for either.
   std::optional<Arrival> next(std::optional<Clock::time_point> deadline);

@@ -1,15 +1,9 @@
 // raw: a pass-through command to the vendor-specific service, waited for or asynchronous.
 #include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <memory>
-#include <mutex>
-#include <optional>
 
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
-#include "hydra_mem.h"
 #include "json.h"
 #include "options.h"
 #include "result_codes.h"
@@ -29,56 +23,26 @@ struct RawValues {
   bool is_async = false;
 };
 
-// The callbacks of one asynchronous exchange, in order. They run on a thread of the framework.
-class Exchange {
- public:
-  struct Callback {
-    bool has_data;
-    Bytes data;
-    uint32_t result;
-  };
-
-  static void on_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result) {
-    Callback callback = {data != nullptr, {data, data + length}, result};
-    hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
-    auto& exchange = *static_cast<Exchange*>(user_data);
-    const std::lock_guard lock(exchange.mutex_);
-    exchange.callbacks_.push_back(std::move(callback));
-    exchange.changed_.notify_all();
-  }
-
-  std::optional<Callback> next(std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_until(lock, deadline, [this] { return !callbacks_.empty(); })) return std::nullopt;
-    Callback callback = std::move(callbacks_.front());
-    callbacks_.pop_front();
-    return callback;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<Callback> callbacks_;
-};
-
 void print_data(Output& output, const Bytes& bytes) {
   Json document = {{"callback", "data"}};
   put_bytes(document, bytes);
   output.print(document, "data: " + byte_count(bytes.size()) + "\n" + hex_dump(bytes, 2));
 }
 
-void follow(const Context& context, Exchange& exchange) {
-  const auto deadline = std::chrono::steady_clock::now() + kAnswerPatience;
-  for (;;) {
-    const auto callback = exchange.next(deadline);
-    if (!callback) throw Failure::of_result(kStep, MODEM_API_ERR_TIMEOUT);
-    if (callback->result == MODEM_API_RESP_END) {
-      context.output.print({{"callback", "end"}, {"name", describe_result(MODEM_API_RESP_END).name}}, "end");
-      return;
+// Until the last callback of the exchange.
+void follow(const Context& context) {
+  const auto deadline = Clock::now() + kAnswerPatience;
+  const Signals::Follower ends_by_itself(context.signals);
+  while (const auto arrival = context.inbox.next(deadline)) {
+    if (arrival->kind != Arrival::Kind::kResponse) continue;
+    if (arrival->number == MODEM_API_RESP_END) {
+      const char* const name = describe_result(MODEM_API_RESP_END).name;
+      return context.output.print({{"callback", "end"}, {"name", name}}, "end");
     }
-    check(static_cast<modem_api_result>(callback->result), kStep);
-    if (callback->has_data) print_data(context.output, callback->data);
+    check(static_cast<modem_api_result>(arrival->number), kStep);
+    print_data(context.output, arrival->payload);
   }
+  if (!context.inbox.is_interrupted()) throw Failure::of_result(kStep, MODEM_API_ERR_TIMEOUT);
 }
 
 void send_raw(const Context& context, const RawValues& values) {
@@ -90,12 +54,10 @@ void send_raw(const Context& context, const RawValues& values) {
     const std::string text = "pass-through command: " + byte_count(bytes.size()) + " accepted";
     return context.output.print({{"accepted", bytes.size()}}, text);
   }
-  // It outlives the client, whose callbacks use it.
-  static Exchange exchange;
-  check(modem_api_common_command_async(client, bytes.data(), length, &exchange, Exchange::on_response), kStep,
+  check(modem_api_common_command_async(client, bytes.data(), length, nullptr, Inbox::receive_response), kStep,
         {kTooMuchData});
   context.output.print({{"sent", bytes.size()}}, "pass-through command: " + byte_count(bytes.size()) + " sent");
-  follow(context, exchange);
+  follow(context);
 }
 
 }  // namespace
