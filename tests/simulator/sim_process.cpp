@@ -24,6 +24,7 @@ constexpr int kPatienceMs = 20'000;
 // Starts a program with standard output and error in a pipe, whose reading end is stored.
 pid_t start(const std::vector<std::string>& arguments, UniqueFd& output) {
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   int ends[2] = {-1, -1};
