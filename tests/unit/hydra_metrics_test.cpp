@@ -88,7 +88,8 @@ Expected expected_of(const Metric& metric, uint32_t id, const Bytes& value) {
 // A value long enough for every metric, with bytes of its own.
 Bytes long_value(uint32_t sub, uint32_t id) {
   Bytes value(80);
-  for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(1 + i + id * 3 + sub * 101);
+  uint32_t next = 1 + id * 3 + sub * 101;
+  for (uint8_t& byte : value) byte = static_cast<uint8_t>(next++);
   return value;
 }
 
