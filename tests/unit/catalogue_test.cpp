@@ -1,4 +1,6 @@
 // The vendor-specific service as a modem sees it: every message byte for byte, and what the service says of itself.
+#include <algorithm>
+#include <array>
 #include <set>
 
 #include "library_test.h"
@@ -10,17 +12,23 @@ namespace {
 
 using namespace scripted;
 
-// An array: where its count stands and how far it may go; of structures that hold an array themselves also where those
-// are. A string is its own count.
+// An array: where its count stands and how far it may go; of structures that hold an array themselves also how far they
+// lie apart, where the count is in them and how far it may go. The count of a string is its length.
 struct Array {
   size_t count_offset;
   uint32_t maximum;
-  size_t first_element = 0;
   size_t element_size = 0;
   size_t nested_count_offset = 0;
   uint32_t nested_maximum = 0;
 
-  bool is_string() const { return maximum == 100 && count_offset == 0; }
+  void set_count(std::vector<uint8_t>& content, uint32_t count) const {
+    const bool is_string = maximum == 100 && count_offset == 0;
+    is_string ? std::memset(content.data(), 'x', count) : std::memcpy(&content[count_offset], &count, sizeof(count));
+  }
+  void set_nested_count(std::vector<uint8_t>& content, size_t index, uint32_t count) const {
+    if (nested_maximum == 0) return;
+    std::memcpy(&content[count_offset + 4 + index * element_size + nested_count_offset], &count, sizeof(count));
+  }
 };
 
 struct Message {
@@ -51,9 +59,9 @@ const std::string kEntries =
     "        E5E6E7E8 00 12 5152535455565758 6162636465666768 42 ";
 const std::string kResult = "02 0400 0100 1A00 ";
 const std::string kResultHeader = "0:010000001A000000 ";
-constexpr Array kRecordsAt8 = {4, 10, 8, 712, 8, 700};
 
 std::vector<Message> all_messages() {
+  // clang-format off
   std::vector<Message> rows = {
       {kRequest, 0x0000, 516, 517, "01 0500 0300 A1A2A3", "0:03000000A1A2A3", {{0, 512}}},
       {kRequest, 0x0001, 4, 8, "10 0100 A1 11 0100 A2", "0:01A101A2"},
@@ -63,21 +71,11 @@ std::vector<Message> all_messages() {
       {kRequest, 0x0101, 268, 277, kItem + "04 0400 0200 D1D2", "0:A1A2A3A4 4:B1 6:C1C2 8:02 12:D1D2", {{8, 256}}},
       {kRequest, 0x0102, 8, 16, kItem, "0:A1A2A3A4 4:B1 6:C1C2"},
       {kRequest, 0x0103, 8, 12, kWord + "02 0200 C1C2", "0:A1A2A3A4 4:C1C2"},
-      {kRequest,
-       0x0104,
-       268,
-       273,
-       kWord + "02 0200 C1C2 03 0400 0200 D1D2",
-       "0:A1A2A3A4 4:C1C2 8:02 12:D1D2",
+      {kRequest, 0x0104, 268, 273, kWord + "02 0200 C1C2 03 0400 0200 D1D2", "0:A1A2A3A4 4:C1C2 8:02 12:D1D2",
        {{8, 256}}},
       {kRequest, 0x0105, 8, 12, kWord + "02 0200 C1C2", "0:A1A2A3A4 4:C1C2"},
       {kRequest, 0x0106, 106, 112, kPath, "0:2F6E7631 102:C1C2 104:B1", {{0, 100}}},
-      {kRequest,
-       0x0107,
-       368,
-       373,
-       kPath + "04 0400 0200 D1D2",
-       "0:2F6E7631 102:C1C2 104:B1 108:02 112:D1D2",
+      {kRequest, 0x0107, 368, 373, kPath + "04 0400 0200 D1D2", "0:2F6E7631 102:C1C2 104:B1 108:02 112:D1D2",
        {{0, 100}, {108, 256}}},
       {kRequest, 0x0108, 106, 112, kPath, "0:2F6E7631 102:C1C2 104:B1", {{0, 100}}},
       {kRequest, 0x0109, 4, 7, kWord, "0:A1A2A3A4"},
@@ -85,28 +83,14 @@ std::vector<Message> all_messages() {
       {kRequest, 0x010B, 4, 7, kWord, "0:A1A2A3A4"},
       {kRequest, 0x010C, 12, 16, "01 0100 B1 02 0400 A1A2A3A4 03 0200 C1C2", "0:B1 4:A1A2A3A4 8:C1C2"},
       {kRequest, 0x0200, 8, 11, "01 0100 B1 10 0400 A1A2A3A4", "0:B101 4:A1A2A3A4"},
-      {kRequest,
-       0x0201,
-       5616,
-       4321,
-       kWord + "02 " + kEntries + kSubsAfter,
+      {kRequest, 0x0201, 5616, 4321, kWord + "02 " + kEntries + kSubsAfter,
        "0:A1A2A3A4 4:02 8:E1E2E3E4 12:02 16:F1F2F3F4F5F6F7F8 36:11 40:21222324252627283132333435363738 56:41 "
        "64:E5E6E7E8 92:12 96:51525354555657586162636465666768 112:42 5608:01 5610:C1C201 5614:C3C4",
-       {{4, 100, 8, 56, 4, 5}}},
-      {kRequest,
-       0x0202,
-       416,
-       421,
-       kWord + "02 " + kIds + kSubsAfter,
-       "0:A1A2A3A4 4:02 8:E1E2E3E4E5E6E7E8 408:01 410:C1C201 414:C3C4",
-       {{4, 100}}},
-      {kRequest,
-       0x0207,
-       7128,
-       7114,
-       kSubs + "03 " + kRecords,
-       "0:C1C2C3C4 4:02 8:0102030405060708 16:03 20:D1D2D3 720:1112131415161718",
-       {kRecordsAt8}},
+       {{4, 100, 56, 4, 5}}},
+      {kRequest, 0x0202, 416, 421, kWord + "02 " + kIds + kSubsAfter,
+       "0:A1A2A3A4 4:02 8:E1E2E3E4E5E6E7E8 408:01 410:C1C201 414:C3C4", {{4, 100}}},
+      {kRequest, 0x0207, 7128, 7114, kSubs + "03 " + kRecords,
+       "0:C1C2C3C4 4:02 8:0102030405060708 16:03 20:D1D2D3 720:1112131415161718", {{4, 10, 712, 8, 700}}},
       {kRequest, 0x0208, 48, 54, kSubs + "03 " + kIds, "0:C1C2C3C4 4:02 8:E1E2E3E4E5E6E7E8", {{4, 10}}},
       {kRequest, 0x0400, 1, 0, "", ""},
       {kRequest, 0x0401, 1, 0, "", ""},
@@ -114,32 +98,20 @@ std::vector<Message> all_messages() {
       {kResponse, 0x0000, 524, 528, kResult + "03 0500 0300 A1A2A3", kResultHeader + "8:03 12:A1A2A3", {{8, 512}}},
       {kResponse, 0x0002, 12, 19, kResult + "03 0100 B1 04 0100 B2", kResultHeader + "8:B1B2"},
       {kResponse, 0x0200, 16, 18, kResult + "10 0400 A1A2A3A4", kResultHeader + "8:01 12:A1A2A3A4"},
-      {kResponse,
-       0x0207,
-       7136,
-       7115,
-       kResult + "10 " + kRecords,
+      {kResponse, 0x0207, 7136, 7115, kResult + "10 " + kRecords,
        kResultHeader + "8:01 12:02 16:0102030405060708 24:03 28:D1D2D3 728:1112131415161718",
-       {{12, 10, 16, 712, 8, 700}}},
+       {{12, 10, 712, 8, 700}}},
 
       {kIndication, 0x0004, 8, 15, kWord + "02 0100 B1 03 0100 B2", "0:A1A2A3A4 4:B1B2"},
-      {kIndication,
-       0x0203,
-       10704,
-       10672,
-       kWord + "02 " + kRecords + "10 0E00 01 " + kRecord + "11 0400 A5A6A7A8",
+      {kIndication, 0x0203, 10704, 10672, kWord + "02 " + kRecords + "10 0E00 01 " + kRecord + "11 0400 A5A6A7A8",
        "0:A1A2A3A4 4:02 8:0102030405060708 16:03 20:D1D2D3 720:1112131415161718 "
        "7128:01 7132:01 7136:0102030405060708 7144:03 7148:D1D2D3 10696:01 10700:A5A6A7A8",
-       {kRecordsAt8, {7132, 5, 7136, 712, 8, 700}}},
-      {kIndication,
-       0x0204,
-       112,
-       121,
-       kWord + "02 0400 03 D1D2D3 03 0200 C1C2 04 0200 C3C4",
-       "0:A1A2A3A4 4:03 8:D1D2D3 108:C1C2C3C4",
-       {{4, 100}}},
+       {{4, 10, 712, 8, 700}, {7132, 5, 712, 8, 700}}},
+      {kIndication, 0x0204, 112, 121, kWord + "02 0400 03 D1D2D3 03 0200 C1C2 04 0200 C3C4",
+       "0:A1A2A3A4 4:03 8:D1D2D3 108:C1C2C3C4", {{4, 100}}},
       {kIndication, 0x0601, 1, 4, "01 0100 B1", "0:B1"},
   };
+  // clang-format on
   for (const uint16_t id : {0x0100, 0x0103, 0x0106, 0x0109}) {
     rows.push_back(
         {kResponse, id, 268, 272, kResult + "03 0400 0200 D1D2", kResultHeader + "8:02 12:D1D2", {{8, 256}}});
@@ -180,20 +152,6 @@ class VsCatalogue : public testing::Test {
     EXPECT_EQ(decoded, content);
   }
 
-  static void set_count(std::vector<uint8_t>& content, const Array& array, uint32_t count) {
-    if (array.is_string()) {
-      std::memset(content.data(), 'x', count);
-    } else {
-      std::memcpy(&content[array.count_offset], &count, sizeof(count));
-    }
-  }
-
-  static void set_nested_count(std::vector<uint8_t>& content, const Array& array, size_t index, uint32_t count) {
-    if (array.nested_maximum == 0) return;
-    const size_t element = array.first_element + index * array.element_size;
-    std::memcpy(&content[element + array.nested_count_offset], &count, sizeof(count));
-  }
-
   const std::vector<Message> messages_ = all_messages();
   const qmi_idl_service_object_type service_ = vs_get_service_object_internal_v01(1, 2, 6);
 };
@@ -211,8 +169,8 @@ TEST_F(VsCatalogue, EveryMessageHasItsBytesAndSize) {
   }
   for (const auto type : {kRequest, kResponse, kIndication}) {
     std::vector<uint16_t> stated;  // in the order of the table, which the framework searches by halves
-    for (size_t i = 0; i < service_->n_msgs[type]; ++i)
-      stated.push_back(service_->msgid_to_msg[type][i].qmi_message_id);
+    const auto* const first = service_->msgid_to_msg[type];
+    std::for_each(first, first + service_->n_msgs[type], [&](auto& row) { stated.push_back(row.qmi_message_id); });
     EXPECT_EQ(stated, std::vector<uint16_t>(ids[type].begin(), ids[type].end()));
   }
 }
@@ -238,18 +196,17 @@ TEST_F(VsCatalogue, EveryArrayIsBounded) {
     SCOPED_TRACE(testing::Message() << "message " << std::hex << message.id << " of type " << message.type);
     std::vector<uint8_t> full = structure(message.size, message.content);
     for (const Array& array : message.arrays) {
-      set_count(full, array, array.maximum);
-      for (size_t i = 0; i < array.maximum; ++i) set_nested_count(full, array, i, array.nested_maximum);
+      array.set_count(full, array.maximum);
+      for (size_t i = 0; i < array.maximum; ++i) array.set_nested_count(full, i, array.nested_maximum);
     }
     EXPECT_EQ(encode(message, full).wire.size(), message.max_wire - (message.type == kResponse ? 4U : 0U));
     for (const Array& array : message.arrays) {
       std::vector<uint8_t> too_many = full;
-      set_count(too_many, array, array.maximum + 1);
+      array.set_count(too_many, array.maximum + 1);
       EXPECT_EQ(encode(message, too_many).code, QMI_IDL_LIB_ARRAY_TOO_BIG);
-      if (array.nested_maximum == 0) continue;
       too_many = full;
-      set_nested_count(too_many, array, array.maximum - 1, array.nested_maximum + 1);
-      EXPECT_EQ(encode(message, too_many).code, QMI_IDL_LIB_ARRAY_TOO_BIG);
+      array.set_nested_count(too_many, array.maximum - 1, array.nested_maximum + 1);
+      EXPECT_EQ(encode(message, too_many).code, array.nested_maximum == 0 ? 0 : QMI_IDL_LIB_ARRAY_TOO_BIG);
     }
   }
 }
@@ -276,13 +233,11 @@ TEST_F(VsCatalogue, DescribesItself) {
 }
 
 TEST_F(VsCatalogue, IsForOneVersion) {
-  EXPECT_NE(service_, nullptr);
-  const struct {
-    uint32_t major;
-    int32_t minor, library;
-  } others[] = {{1, 2, 5}, {1, 2, 7}, {1, 1, 6}, {1, 3, 6}, {0, 2, 6}, {2, 2, 6}, {6, 2, 1}};
-  for (const auto& other : others) {
-    EXPECT_EQ(vs_get_service_object_internal_v01(other.major, other.minor, other.library), nullptr);
+  EXPECT_EQ(service_, &vs_qmi_idl_service_object_v01);
+  using Version = std::array<int32_t, 3>;
+  for (const auto& [major, minor, library] :
+       {Version{1, 2, 5}, {1, 2, 7}, {1, 1, 6}, {1, 3, 6}, {0, 2, 6}, {2, 2, 6}, {6, 2, 1}}) {
+    EXPECT_EQ(vs_get_service_object_internal_v01(static_cast<uint32_t>(major), minor, library), nullptr);
   }
 }
 

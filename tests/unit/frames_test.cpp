@@ -12,44 +12,35 @@ class Frames : public LibraryTest {};
 TEST_F(Frames, EveryOperationIsLoggedInAndOut) {
   static int32_t id;
   static uint8_t bytes[8];
-  const struct {
-    std::string name;
-    std::function<void()> call;
-    std::string exit = "function exit <-------------";
-  } operations[] = {
-      {"modem_api_init", [] { modem_api_init(); }, "function exit, ret(0) <-------------"},
-      {"modem_api_check_white_list", [] { modem_api_check_white_list(); }, "function exit, ret(1) <-------------"},
-      {"modem_api_init_client", [] { modem_api_init_client(4, nullptr, nullptr, &id); },
-       "function exit, ret(4) <-------------"},
-      {"modem_api_free_client", [] { modem_api_free_client(-1); }, "function exit, ret(7) <-------------"},
-      {"modem_api_operational_status_cb", [] { modem_api_operational_status_cb(1, 3); }},
-      {"modem_api_release", [] { modem_api_release(); }, "function exit, ret(0) <-------------"},
-      {"modem_api_map_qmi_error_to_modem_api", [] { modem_api_map_qmi_error_to_modem_api(-3, nullptr); },
-       "function exit, ret(11) <-------------"},
-      {"modem_api_common_command", [] { modem_api_common_command(0, nullptr, 0); },
-       "function exit, ret(7) <-------------"},
-      {"modem_api_common_command_async", [] { modem_api_common_command_async(0, nullptr, 0, nullptr, nullptr); },
-       "function exit, ret(7) <-------------"},
-      {"modem_api_process_response", [] { modem_api_process_response(0, nullptr, 0, nullptr, 0); }},
-      {"vs_get_service_object_internal_v01", [] { vs_get_service_object_internal_v01(1, 2, 6); }},
-      {"vs_init", [] { vs_init(); }},
-      {"vs_client_set_operational_status_callback", [] { vs_client_set_operational_status_callback(nullptr); }},
+  const std::string plain = "function exit <-------------";
+  const auto ret = [](int result) { return "function exit, ret(" + std::to_string(result) + ") <-------------"; };
+  const std::tuple<std::string, void (*)(), std::string> operations[] = {
+      {"modem_api_init", [] { modem_api_init(); }, ret(0)},
+      {"modem_api_check_white_list", [] { modem_api_check_white_list(); }, ret(1)},
+      {"modem_api_init_client", [] { modem_api_init_client(4, nullptr, nullptr, &id); }, ret(4)},
+      {"modem_api_free_client", [] { modem_api_free_client(-1); }, ret(7)},
+      {"modem_api_operational_status_cb", [] { modem_api_operational_status_cb(1, 3); }, plain},
+      {"modem_api_release", [] { modem_api_release(); }, ret(0)},
+      {"modem_api_map_qmi_error_to_modem_api", [] { modem_api_map_qmi_error_to_modem_api(-3, nullptr); }, ret(11)},
+      {"modem_api_common_command_async", [] { modem_api_common_command_async(0, bytes, 0, &id, nullptr); }, ret(7)},
+      {"modem_api_process_response", [] { modem_api_process_response(0, nullptr, 0, nullptr, 0); }, plain},
+      {"vs_get_service_object_internal_v01", [] { vs_get_service_object_internal_v01(1, 2, 6); }, plain},
+      {"vs_init", [] { vs_init(); }, plain},
+      {"vs_client_set_operational_status_callback", [] { vs_client_set_operational_status_callback(nullptr); }, plain},
       {"vs_client_init", [] { vs_client_init(nullptr); }, "function exit, ret(1)"},
-      {"vs_client_send_msg_sync", [] { vs_client_send_msg_sync(0, bytes, 8, bytes, 8); },
-       "function exit, ret(0) <-------------"},
-      {"vs_client_send_msg_async", [] { vs_client_send_msg_async(0, bytes, 8, bytes, 8, nullptr); },
-       "function exit, ret(0) <-------------"},
-      {"vs_client_command_cb", [] { vs_client_command_cb(nullptr, 0, nullptr, 0, nullptr, 0); }},
-      {"vs_client_unsol_ind_cb", [] { vs_client_unsol_ind_cb(nullptr, 0, bytes, 0, nullptr); }},
-      {"vs_client_service_down_event", [] { vs_client_service_down_event(nullptr, -2, nullptr); }},
-      {"vs_client_release", [] { vs_client_release(); }, "function exit, ret(1) <-------------"},
+      {"vs_client_send_msg_sync", [] { vs_client_send_msg_sync(0, bytes, 8, bytes, 8); }, ret(0)},
+      {"vs_client_send_msg_async", [] { vs_client_send_msg_async(0, bytes, 8, bytes, 8, nullptr); }, ret(0)},
+      {"vs_client_command_cb", [] { vs_client_command_cb(nullptr, 0, nullptr, 0, nullptr, 0); }, plain},
+      {"vs_client_unsol_ind_cb", [] { vs_client_unsol_ind_cb(nullptr, 0, bytes, 0, nullptr); }, plain},
+      {"vs_client_service_down_event", [] { vs_client_service_down_event(nullptr, -2, nullptr); }, plain},
+      {"vs_client_release", [] { vs_client_release(); }, ret(1)},
   };
-  for (const auto& operation : operations) {
+  for (const auto& [name, call, exit] : operations) {
     forget();
-    operation.call();
-    ASSERT_FALSE(log_bodies().empty()) << operation.name;
-    EXPECT_EQ(log_bodies().front(), "D " + operation.name + ": function entry ------------->");
-    EXPECT_EQ(log_bodies().back(), "D " + operation.name + ": " + operation.exit);
+    call();
+    ASSERT_FALSE(log_bodies().empty()) << name;
+    EXPECT_EQ(log_bodies().front(), "D " + name + ": function entry ------------->");
+    EXPECT_EQ(log_bodies().back(), "D " + name + ": " + exit);
   }
 }
 
