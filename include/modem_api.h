@@ -320,8 +320,8 @@ enum { MODEM_API_MAX_LOCKED_CELLS = 60 };
 /* Locks LTE to a list of cells; an empty list ends the lock.
  *
  * count   0 to 60: more is a programming error
- * values  `count` frequencies (EARFCN); the low 16 bits go out
- * params  `count` physical cell ids */
+ * values  `count` physical cell ids; the low 16 bits go out
+ * params  `count` frequencies (EARFCN) */
 PELMAR_EXPORT modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count,
                                                            const uint32_t* values, const uint32_t* params);
 
