@@ -83,7 +83,7 @@ void DataInput::add_to(CLI::App& command) {
   command.add_option("--text", text, "the data as text")->type_name("TEXT")->excludes(option);
 }
 
-Bytes DataInput::read() const {
+Bytes DataInput::parse() const {
   if (text) return {text->begin(), text->end()};
   if (words.empty()) {
     throw Failure::of_usage("no data is given", "Give pairs of hexadecimal digits (\"0a 1b\"), --text TEXT or @FILE.");
@@ -92,6 +92,12 @@ Bytes DataInput::read() const {
   std::string digits;
   for (const std::string& word : words) digits.append(digits.empty() ? "" : " ").append(word);
   return parse_hex(digits);
+}
+
+Bytes DataInput::read() const {
+  Bytes bytes = parse();
+  bytes.reserve(1);  // the library takes no null pointer, also for no bytes
+  return bytes;
 }
 
 void DataOutput::add_to(CLI::App& command) {

@@ -40,8 +40,11 @@ struct DataInput {
 
   void add_to(CLI::App& command);
 
-  // Throws where nothing is given, or what is given is no data.
+  // Throws where nothing is given, or what is given is no data. Also of no bytes the pointer is not null.
   Bytes read() const;
+
+ private:
+  Bytes parse() const;
 };
 
 // Where data that was read goes besides the report: nowhere, a file (@FILE, --output FILE), or - for standard output.

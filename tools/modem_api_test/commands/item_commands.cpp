@@ -141,9 +141,7 @@ void write_item(const Context& context, const Kind& kind, const WriteValues& val
   const std::string title = title_of(kind, values.address);
   const Bytes bytes = values.input.read();
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  const uint8_t nothing = 0;  // the library wants a pointer also for no bytes
-  const uint8_t* const data = bytes.empty() ? &nothing : bytes.data();
-  check(kind.write(client, values.address, data, static_cast<uint32_t>(bytes.size())), "writing " + title,
+  check(kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size())), "writing " + title,
         {kTooMuchData, kNoRoom});
   Json document = json_of(kind, values.address);
   document["written"] = bytes.size();
