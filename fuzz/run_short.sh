@@ -42,7 +42,7 @@ for program in "$build"/bin/fuzz_*; do
   fi
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$scratch/log")
   coverage=$(grep -o 'cov: [0-9]*' "$scratch/log" | tail -n 1)
-  printf 'fuzz: %-12s %3d s, %9d inputs, %3d seeds, %s: no finding\n' "$target" "$seconds" "$runs" \
+  printf 'fuzz: %-16s %3d s, %9d inputs, %3d seeds, %s: no finding\n' "$target" "$seconds" "$runs" \
     "$(find "${inputs[@]:1}" -type f | wc -l)" "$coverage"
   ran=$((ran + 1))
 done
