@@ -120,7 +120,7 @@ constexpr Tlv optional(uint8_t type, size_t valid_offset, Element element) {
 
 constexpr size_t wire_maximum(const Element& element) {
   const size_t count_size = element.variable ? (element.has_16_bit_size() ? 2 : 1) : 0;
-  return count_size + element.item_wire_size * (element.is_array() ? element.capacity : 1u);
+  return count_size + size_t{element.item_wire_size} * (element.is_array() ? element.capacity : 1u);
 }
 
 constexpr size_t wire_maximum(const Message& message) {

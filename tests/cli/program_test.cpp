@@ -50,7 +50,8 @@ class ModemProgramTest : public ProgramTest {
   // The clients that the modem knows, over all services.
   size_t clients() const {
     size_t count = 0;
-    for (const auto& service : modem_.operator_command("status").at("services")) count += service.at("clients").size();
+    const nlohmann::json status = modem_.operator_command("status");
+    for (const auto& service : status.at("services")) count += service.at("clients").size();
     return count;
   }
 

@@ -160,7 +160,7 @@ bool add_prefix(const char* in, char* out, int32_t outlen, const char* prefix) {
     return false;
   }
   std::memmove(out + prefix_len, in, in_len + 1);
-  std::memcpy(out, prefix, prefix_len);
+  std::memcpy(out, prefix, prefix_len);  // NOLINT(bugprone-not-null-terminated-result): the text that follows is
   return true;
 }
 
