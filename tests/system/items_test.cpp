@@ -19,7 +19,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 
 using Bytes = std::vector<uint8_t>;
 
