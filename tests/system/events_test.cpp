@@ -43,9 +43,10 @@ class EventsTest : public ModemTest {
     return payload;
   }
 
-  static inline std::mutex lock_;
-  static inline std::condition_variable changed_;
-  static inline std::vector<Event> events_;
+  // Never destroyed: events come until the process is gone.
+  static inline std::mutex& lock_ = *new std::mutex;
+  static inline std::condition_variable& changed_ = *new std::condition_variable;
+  static inline std::vector<Event>& events_ = *new std::vector<Event>;
 };
 
 TEST_F(EventsTest, EachEventArrivesWithItsPayload) {

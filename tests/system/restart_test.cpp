@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -49,9 +50,11 @@ class Statuses {
   }
 
  private:
-  static inline std::mutex lock_;
-  static inline std::condition_variable changed_;
-  static inline std::vector<uint32_t> lists_[MODEM_API_CLIENT_TYPES];
+  // Never destroyed: connections report until the process is gone.
+  static inline std::mutex& lock_ = *new std::mutex;
+  static inline std::condition_variable& changed_ = *new std::condition_variable;
+  static inline std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>& lists_ =
+      *new std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>;
 };
 
 class RestartTest : public ModemTest {
