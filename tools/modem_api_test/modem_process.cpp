@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kProgram = "modem_sim";
 constexpr const char* kProgramVariable = "PELMAR_MODEM_SIM";
 constexpr const char* kIdleSeconds = "60";
-constexpr std::chrono::seconds kReadyPatience{10};
+constexpr std::chrono::seconds kReadyPatience{20};
 constexpr std::string_view kReadyLine = "modem_sim: ready on ";
 
 std::string find_program() {

@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kStep = "starting the simulated modem";
 constexpr auto kAnswerPatience = 2s;
-constexpr auto kLockPatience = 15s;
+constexpr auto kLockPatience = 45s;
 constexpr int kAttempts = 5;  // the modem of an earlier run may be on its way out and still hold the storage
 constexpr auto kPauseBetweenAttempts = 100ms;
 
