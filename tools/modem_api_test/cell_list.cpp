@@ -47,6 +47,7 @@ std::vector<Cell> parse_cells(const std::vector<std::string>& words) {
                             "A lock takes at most " + std::to_string(MODEM_API_MAX_LOCKED_CELLS) + " cells.");
   }
   std::vector<Cell> cells;
+  cells.reserve(words.size());
   for (const std::string& word : words) cells.push_back(parse_cell(word));
   return cells;
 }

@@ -15,7 +15,7 @@ namespace pelmar::cli {
 
 namespace {
 
-constexpr size_t kMostInputBytes = 64 * 1024;  // far above what any message takes: the library refuses it in its words
+constexpr size_t kMostInputBytes = 65536;  // far above what any message takes: the library refuses it in its words
 
 using File = std::unique_ptr<FILE, decltype(&fclose)>;
 
