@@ -1,14 +1,21 @@
 // The program as its users run it: exit status, clean output, a modem of its own, and an end that frees the modem's
 // client ids.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
+#include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "sim_process.h"
 
@@ -53,6 +60,50 @@ class ModemProgramTest : public ProgramTest {
     const nlohmann::json status = modem_.operator_command("status");
     for (const auto& service : status.at("services")) count += service.at("clients").size();
     return count;
+  }
+
+  // Starts the program with its output in a file. It ignores SIGINT as a shell's background process does.
+  pid_t start_in_background(std::vector<const char*> arguments) const {
+    arguments.insert(arguments.begin(), MODEM_API_TEST);
+    arguments.push_back(nullptr);
+    const pid_t process = fork();
+    if (process == 0) {
+      signal(SIGINT, SIG_IGN);
+      dup2(open(path("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+      execv(MODEM_API_TEST, const_cast<char* const*>(arguments.data()));
+      _exit(127);
+    }
+    return process;
+  }
+
+  // Ends a program started in the background. Exit status, or 1000 and the signal that killed it.
+  static int end(pid_t process, int signal) {
+    kill(process, signal);
+    int status = 0;
+    EXPECT_EQ(waitpid(process, &status, 0), process);
+    return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+  std::string output() const {
+    std::ifstream file(path("output"));
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  static bool becomes_true(const std::function<bool()>& condition) {
+    const Clock::time_point end = Clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+      if (Clock::now() > end) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+
+  bool comes_to_print(const std::string& text) const {
+    return becomes_true([&] { return output().find(text) != std::string::npos; });
+  }
+
+  bool modem_comes_to_have(size_t count) const {
+    return becomes_true([&] { return clients() == count; });
   }
 
   const SimProcess& modem() const { return modem_; }
@@ -118,43 +169,48 @@ TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmat
     EXPECT_EQ(refused.status, 1) << command;
     EXPECT_THAT(refused.output, HasSubstr("--yes")) << command;
     EXPECT_EQ(shell(std::string("client ") + command + " --yes").status, 0) << command;
-    shell("sleep 0.5");  // the modem resets
+    EXPECT_TRUE(becomes_true([&] { return modem().operator_command("status").at("state") == "ready"; }))
+        << "after reset";
   }
 }
 
 TEST_F(ModemProgramTest, FollowsEventsUntilTheCount) {
-  const Outcome outcome = shell("{ sleep 1; " MODEM_SIM " ctl --control " + path("storage/control") +
-                                " event 5 9 >/dev/null; } & client events --count 1 --for 30 --json");
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_THAT(outcome.output, HasSubstr(R"("event":5,"name":"report_c","value":9})"));
+  const pid_t process = start_in_background({"events", "--count", "1", "--json"});
+  EXPECT_TRUE(becomes_true([&] {
+    modem().operator_command("event 5 9");
+    return !output().empty();
+  }));
+  EXPECT_EQ(end(process, 0), 0);
+  EXPECT_THAT(output(), HasSubstr(R"("event":5,"name":"report_c","value":9})"));
   const Outcome none = shell("client events --count 1 --for 1");
   EXPECT_EQ(none.status, 1);
   EXPECT_THAT(none.output, HasSubstr("only 0 of 1"));
 }
 
 TEST_F(ModemProgramTest, HoldsTheSarStateOverARestartOfTheService) {
-  const std::string control = MODEM_SIM " ctl --control " + path("storage/control") + " service sar ";
-  const Outcome outcome = shell("{ sleep 1; " + control + "down; sleep 0.3; " + control +
-                                "up; } >/dev/null & client sar set 3 --hold 4 --json");
-  EXPECT_EQ(outcome.status, 0);
-  for (const char* step : {R"("sar":"down")", R"("sar":"up")"}) EXPECT_THAT(outcome.output, HasSubstr(step));
+  const pid_t process = start_in_background({"sar", "set", "3", "--hold", "3600", "--json"});
+  EXPECT_TRUE(comes_to_print(R"("sar":"set")")) << output();
+  modem().operator_command("service sar down");
+  EXPECT_TRUE(comes_to_print(R"("sar":"down")")) << output();
+  modem().operator_command("service sar up");
+  EXPECT_TRUE(comes_to_print(R"("sar":"up")")) << output();
+  EXPECT_EQ(end(process, SIGINT), 130);
 }
 
 TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
   modem().operator_command("silence vs");
   const struct {
-    const char* command;
-    const char* signal;
-    int status;
-  } kCases[] = {{"nv read 1", "INT", 130}, {"raw 01 --async", "TERM", 143}, {"events", "HUP", 129}};
+    std::vector<const char*> command;
+    int signal;
+  } kCases[] = {{{"nv", "read", "1"}, SIGINT}, {{"raw", "01", "--async"}, SIGTERM}, {{"events"}, SIGHUP}};
   for (const auto& each : kCases) {
+    SCOPED_TRACE(each.command[0]);
+    const pid_t process = start_in_background(each.command);
+    EXPECT_TRUE(modem_comes_to_have(1));
     const Clock::time_point start = Clock::now();
-    // exec: $! is the client itself. A shell's background process ignores SIGINT; the client must end all the same.
-    const Outcome outcome = shell(std::string("(exec " MODEM_API_TEST " ") + each.command +
-                                  ") >/dev/null 2>&1 & sleep 1; kill -" + each.signal + " $!; wait $!");
-    EXPECT_EQ(outcome.status, each.status) << each.command;
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10)) << each.command << ": no answer comes for 30 s";
-    EXPECT_EQ(clients(), 0U) << each.command;
+    EXPECT_EQ(end(process, each.signal), 128 + each.signal);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20)) << "no answer comes for 30 s";
+    EXPECT_TRUE(modem_comes_to_have(0));
   }
 }
 

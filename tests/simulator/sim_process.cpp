@@ -19,7 +19,7 @@ namespace pelmar::sim::test {
 
 namespace {
 
-constexpr int kPatienceMs = 20'000;
+constexpr int kPatienceMs = 60'000;
 
 // Starts a program with standard output and error in a pipe, whose reading end is stored.
 pid_t start(const std::vector<std::string>& arguments, UniqueFd& output) {
