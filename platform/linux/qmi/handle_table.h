@@ -13,29 +13,30 @@
 
 namespace pelmar::platform {
 
-inline qmi_client_type new_handle() {
+template <typename Handle = qmi_client_type>
+Handle new_handle() {
   static std::atomic<uintptr_t> last{0};
   constexpr uintptr_t kStep = 16;  // looks like an address to whoever checks alignment
-  return reinterpret_cast<qmi_client_type>(last.fetch_add(kStep, std::memory_order_relaxed) + kStep);
+  return reinterpret_cast<Handle>(last.fetch_add(kStep, std::memory_order_relaxed) + kStep);
 }
 
-template <typename T>
+template <typename T, typename Handle = qmi_client_type>
 class HandleTable {
  public:
-  void add(qmi_client_type handle, std::shared_ptr<T> object) {
+  void add(Handle handle, std::shared_ptr<T> object) {
     const std::lock_guard lock(mutex_);
     objects_.emplace(handle, std::move(object));
   }
 
   // Null for a handle that is none.
-  std::shared_ptr<T> find(qmi_client_type handle) const {
+  std::shared_ptr<T> find(Handle handle) const {
     const std::lock_guard lock(mutex_);
     const auto found = objects_.find(handle);
     return found == objects_.end() ? nullptr : found->second;
   }
 
   // Of several callers with one handle a single one gets the object.
-  std::shared_ptr<T> remove(qmi_client_type handle) {
+  std::shared_ptr<T> remove(Handle handle) {
     const std::lock_guard lock(mutex_);
     const auto found = objects_.find(handle);
     if (found == objects_.end()) return nullptr;
@@ -53,7 +54,7 @@ class HandleTable {
 
  private:
   mutable std::mutex mutex_;
-  std::unordered_map<qmi_client_type, std::shared_ptr<T>> objects_;
+  std::unordered_map<Handle, std::shared_ptr<T>> objects_;
 };
 
 }  // namespace pelmar::platform

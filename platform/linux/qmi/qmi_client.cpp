@@ -94,7 +94,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
     const int32_t error = open_connection(service_obj, Deadline::after(Deadline::Milliseconds(timeout)), connection);
     if (error != QMI_NO_ERR) return error;
 
-    const qmi_client_type handle = new_handle();
+    const qmi_client_type handle = new_handle<>();
     const auto client = std::make_shared<Client>(service_obj, Client::IndicationCallback{ind_cb, ind_cb_data},
                                                  std::move(connection), handle);
     clients().add(handle, client);
@@ -118,7 +118,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_notifier_init(qmi_idl_se
   *user_handle = nullptr;
   if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
   return guarded([&]() -> qmi_client_error_type {
-    const qmi_client_type handle = new_handle();
+    const qmi_client_type handle = new_handle<>();
     notifiers().add(
         handle, std::make_shared<Notifier>(service_obj, default_transport().watch(service_obj->service_id), handle));
     *user_handle = handle;

@@ -1,0 +1,70 @@
+#include "manager_link.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace pelmar::platform::power {
+namespace {
+
+// Frames are small: a manager that lets them pile up until the socket is full is not at work.
+constexpr Deadline::Milliseconds kSendTimeout{1000};
+
+std::string environment(const char* name) {
+  const char* const value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+std::string manager_socket() {
+  if (std::string own = environment("PELMAR_PM_SOCKET"); !own.empty()) return own;
+  const std::string modem = environment("PELMAR_QMI_SOCKET");
+  return default_manager_socket(modem.empty() ? "@qmi-proxy" : modem);
+}
+
+bool ManagerLink::send(const Request& request) {
+  const std::vector<uint8_t> frame = to_frame(request);
+  SendStatus status = stream_.send(frame.data(), frame.size());
+  if (status == SendStatus::kBlocked) status = stream_.flush(Deadline::after(kSendTimeout));
+  return status == SendStatus::kSent;
+}
+
+bool ManagerLink::receive(Reply& reply, const Deadline& deadline) {
+  for (;;) {
+    size_t size = 0;
+    switch (take_front({bytes_, received_}, reply, size)) {
+      case Front::kComplete:
+        received_ -= size;
+        std::memmove(bytes_, bytes_ + size, received_);
+        return true;
+      case Front::kBroken:
+        return false;
+      case Front::kIncomplete:
+        break;
+    }
+    size_t count = 0;
+    const ReadStatus status = stream_.receive(bytes_ + received_, sizeof bytes_ - received_, deadline, count);
+    if (status != ReadStatus::kRead) return false;
+    received_ += count;
+  }
+}
+
+std::optional<Count> ask_for_count(const std::string& socket) {
+  const Deadline deadline = Deadline::after(kAnswerTimeout);
+  ManagerLink link;
+  Reply reply;
+  if (!link.open(socket) || !link.send(AskStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
+  const auto* const status = std::get_if<Status>(&reply);
+  if (status == nullptr) return std::nullopt;
+  Count count = {status->state, {}};
+  for (size_t left = status->voters; left > 0; --left) {
+    if (!link.receive(reply, deadline)) return std::nullopt;
+    auto* const entry = std::get_if<VoterEntry>(&reply);
+    if (entry == nullptr) return std::nullopt;
+    count.voters.push_back(std::move(*entry));
+  }
+  return count;
+}
+
+}  // namespace pelmar::platform::power
