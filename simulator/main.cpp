@@ -36,6 +36,13 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   serve->add_option("--exit-when-idle", "end when no client was connected for that many seconds")
       ->each([&](const std::string& s) { options.exit_when_idle = std::chrono::seconds(std::stoll(s)); })
       ->check(CLI::Range(1, 1'000'000));
+  serve->add_option("--seed", options.seed, "which radio weather the phone meets on its way")->capture_default_str();
+  serve->add_option("--report-ms", "between two reports of registered statistics (default: 1000)")
+      ->each([&](const std::string& ms) { options.report_period = std::chrono::milliseconds(std::stoll(ms)); })
+      ->check(CLI::Range(10, 3'600'000));
+  serve->add_option("--clock-ms", "hold the modem's clock at that time; the operator moves it")
+      ->each([&](const std::string& ms) { options.held_clock = std::chrono::milliseconds(std::stoll(ms)); })
+      ->check(CLI::Range(0, 1'000'000'000));
   return serve;
 }
 

@@ -14,16 +14,20 @@ S* Simulation::add_service(Arguments&&... arguments) {
 
 Simulation::Simulation(const SimulationOptions& options)
     : storage(options.storage, options.max_entries),
+      pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
+      statistics(clock, pictures),
       modem(loop),
       exchange(loop, modem, faults),
       connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
       stream(loop, modem),
+      reports(loop, modem, clock, statistics, options.report_period),
       console(loop, options.control, *this) {
   auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
-  nas = add_service<NasService>();
+  nas = add_service<NasService>(clock, pictures);
   sar = add_service<SarService>();
-  vs = add_service<VsService>(storage, reset);
+  vs = add_service<VsService>(storage, reset, statistics);
   modem.attach(connections);
+  if (options.held_clock) clock.hold_at(*options.held_clock);
   if (options.starting_time.count() > 0) modem.restart(options.starting_time);
 }
 

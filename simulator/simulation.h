@@ -8,14 +8,18 @@
 
 #include "console/console.h"
 #include "io/event_loop.h"
+#include "modem_clock.h"
 #include "qmi/connection.h"
 #include "qmi/exchange.h"
 #include "qmi/faults.h"
 #include "qmi/modem.h"
+#include "radio/radio_picture.h"
 #include "services/event_stream.h"
 #include "services/nas_service.h"
 #include "services/sar_service.h"
 #include "services/vs_service.h"
+#include "statistics/statistic_reports.h"
+#include "statistics/statistics.h"
 #include "storage/storage.h"
 
 namespace pelmar::sim {
@@ -28,6 +32,9 @@ struct SimulationOptions {
   std::chrono::milliseconds starting_time{0};  // not ready for that long after the start
   std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client
   std::optional<std::chrono::seconds> exit_when_idle;
+  uint64_t seed = 1;  // of the radio picture
+  std::optional<ModemClock::Time> held_clock;
+  std::chrono::milliseconds report_period{1000};
 };
 
 struct Simulation {
@@ -40,10 +47,14 @@ struct Simulation {
   EventLoop loop;
   Storage storage;
   Faults faults;
+  ModemClock clock;
+  RadioPictures pictures;
+  Statistics statistics;
   Modem modem;
   Exchange exchange;
   Connections connections;
   EventStream stream;
+  StatisticReports reports;
   Console console;
 
   // These live in the modem.

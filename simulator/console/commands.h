@@ -26,6 +26,7 @@ struct Command {
 std::span<const Command> service_commands();
 std::span<const Command> fault_commands();
 std::span<const Command> indication_commands();
+std::span<const Command> statistic_commands();
 std::span<const Command> general_commands();
 
 struct CommandGroup {

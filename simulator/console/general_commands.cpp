@@ -1,6 +1,5 @@
-// What the modem holds and has done, values to be fixed, and the end.
+// What the modem holds and has done, and the end.
 #include "console/command_helpers.h"
-#include "io/hex.h"
 #include "simulation.h"
 
 namespace pelmar::sim {
@@ -51,18 +50,21 @@ Json describe(Simulation& simulation, const FaultRow& row) {
   return fault;
 }
 
-Json describe_radio(NasService& nas) {
+Json describe_radio(const Simulation& simulation) {
   Json subscriptions = Json::array();
-  for (size_t number = 0; number < NasService::kSubscriptions; ++number) {
-    const NasService::Subscription& subscription = nas.subscription(number);
-    const LteSite* const serving = subscription.radio.serving();
+  for (size_t number = 0; number < kSubscriptions; ++number) {
+    const NasService::Subscription& subscription = simulation.nas->subscription(number);
+    const RadioPicture& picture = simulation.pictures[number];
+    const RadioSample radio = picture.sample(simulation.clock.now());
     std::string cell = "none";
-    if (serving != nullptr) cell = std::to_string(serving->earfcn) + ':' + std::to_string(serving->physical_cell_id);
+    if (const SeenCell* const serving = radio.serving()) {
+      cell = std::to_string(serving->site->earfcn) + ':' + std::to_string(serving->site->physical_cell_id);
+    }
     subscriptions.push_back({{"sub", number},
                              {"serving_cell", cell},
-                             {"locked_cells", subscription.radio.lock().size()},
-                             {"nr", subscription.radio.has_nr()},
-                             {"nr_disable_mode", subscription.radio.nr_disable_mode()},
+                             {"locked_cells", picture.lock().size()},
+                             {"nr", radio.has_nr()},
+                             {"nr_disable_mode", picture.nr_disable_mode()},
                              {"drx", subscription.drx},
                              {"avoid_trm", subscription.avoid_trm}});
   }
@@ -83,6 +85,7 @@ Json status(Simulation& simulation, Arguments& arguments) {
   const Storage& storage = simulation.storage;
   return {
       {"state", simulation.modem.state() == Modem::State::kReady ? "ready" : "starting"},
+      {"clock_ms", simulation.clock.now().count()},
       {"services", std::move(services)},
       {"connections", std::move(connections)},
       {"faults", std::move(faults)},
@@ -101,24 +104,16 @@ Json status(Simulation& simulation, Arguments& arguments) {
         {"rfnv", storage.rfnv.count()},
         {"efs_paths", storage.files.count()}}},
       {"statistics",
-       {{"reporters", simulation.vs->statistics().reporters()},
-        {"registrations", simulation.vs->statistics().registrations()}}},
+       {{"reporters", simulation.statistics.granted()},
+        {"registrations", simulation.statistics.registrations()},
+        {"period_ms", simulation.reports.period().count()}}},
       {"sar_rf_state", simulation.sar->state()},
-      {"radio", describe_radio(*simulation.nas)},
+      {"radio", describe_radio(simulation)},
   };
 }
 
-Json fix_statistic(Simulation& simulation, Arguments& arguments) {
-  const auto sub = static_cast<uint16_t>(arguments.number("SUB", Statistics::kSubscriptions - 1));
-  const auto id = static_cast<uint32_t>(arguments.number("ID", UINT32_MAX));
-  std::vector<uint8_t> bytes = arguments.hex("HEX", vs::kMaxDataBytes);
-  arguments.end();
-  simulation.vs->statistics().set_value(sub, id, std::move(bytes));
-  return Json::object();
-}
-
 Json fix_drx(Simulation& simulation, Arguments& arguments) {
-  const size_t sub = arguments.number("SUB", NasService::kSubscriptions - 1);
+  const size_t sub = arguments.number("SUB", kSubscriptions - 1);
   simulation.nas->subscription(sub).drx = static_cast<uint32_t>(arguments.number("VALUE", UINT32_MAX));
   arguments.end();
   return Json::object();
@@ -145,7 +140,6 @@ Json quit(Simulation& simulation, Arguments& arguments) {
 
 constexpr Command kCommands[] = {
     {"status", "", "services, clients, connections, faults, counters", status},
-    {"statistic", "SUB ID HEX", "fix the value of a statistics identifier", fix_statistic},
     {"drx", "SUB VALUE", "fix the DRX value of a subscription until the service restarts", fix_drx},
     {"help", "", "list the commands", help},
     {"quit", "", "end the simulated modem", quit},

@@ -1,16 +1,13 @@
 #include "services/nas_service.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace pelmar::sim {
 
 namespace {
 
-using Subscriptions = std::array<NasService::Subscription, NasService::kSubscriptions>;
-
-Subscriptions fresh_subscriptions() {
-  return {{{RadioPicture(0), 7}, {RadioPicture(1), 8}}};
-}
+constexpr std::array<NasService::Subscription, kSubscriptions> kFreshSubscriptions = {{{7}, {8}}};
 
 // How the phone weighs cells while idle; the same everywhere in the picture.
 constexpr uint8_t kPriority = 5;
@@ -19,20 +16,27 @@ constexpr uint8_t kThresholdLow = 6;
 constexpr uint8_t kThresholdHigh = 14;
 constexpr int16_t kLeastRsrp = -1240;  // of a suitable cell
 
-uint32_t put_cells(const std::vector<LteSite>& sites, nas::LteCell (&cells)[nas::kMaxLteCells]) {
-  const size_t count = std::min(sites.size(), std::size(cells));
-  std::transform(sites.begin(), sites.begin() + static_cast<ptrdiff_t>(count), cells, [](const LteSite& site) {
-    return nas::LteCell{site.physical_cell_id, site.rsrq, site.rsrp, site.rssi,
-                        static_cast<int16_t>(site.rsrp - kLeastRsrp)};
-  });
+int16_t tenths(double level) {
+  return static_cast<int16_t>(std::lround(level * 10));
+}
+
+nas::LteCell describe(const SeenCell& cell) {
+  const int16_t rsrp = tenths(cell.levels.rsrp);
+  return {cell.site->physical_cell_id, tenths(cell.levels.rsrq), rsrp, tenths(cell.levels.rssi),
+          static_cast<int16_t>(rsrp - kLeastRsrp)};
+}
+
+uint32_t put_cells(const std::vector<SeenCell>& seen, nas::LteCell (&cells)[nas::kMaxLteCells]) {
+  const size_t count = std::min(seen.size(), std::size(cells));
+  std::transform(seen.begin(), seen.begin() + static_cast<ptrdiff_t>(count), cells, describe);
   return static_cast<uint32_t>(count);
 }
 
-void put_serving_frequency(const RadioPicture& radio, const LteSite& serving, nas::LteIntraFrequency& out) {
-  const Carrier& carrier = radio.carrier();
+void put_serving_frequency(const RadioSample& radio, const LteSite& serving, nas::LteIntraFrequency& out) {
+  const Network& network = *radio.network;
   out.is_idle = 1;
-  std::copy(std::begin(carrier.plmn), std::end(carrier.plmn), out.plmn);
-  out.tracking_area_code = carrier.tracking_area_code;
+  std::copy(std::begin(network.plmn), std::end(network.plmn), out.plmn);
+  out.tracking_area_code = network.tracking_area_code;
   out.global_cell_id = serving.global_cell_id;
   out.earfcn = serving.earfcn;
   out.serving_cell_id = serving.physical_cell_id;
@@ -40,10 +44,10 @@ void put_serving_frequency(const RadioPicture& radio, const LteSite& serving, na
   out.s_non_intra_search = kSearchThreshold;
   out.threshold_low = kThresholdLow;
   out.s_intra_search = kSearchThreshold;
-  out.cell_count = put_cells(radio.sites_on(serving.earfcn), out.cells);
+  out.cell_count = put_cells(radio.cells_on(serving.earfcn), out.cells);
 }
 
-void put_other_frequencies(const RadioPicture& radio, nas::LteInterFrequency& out) {
+void put_other_frequencies(const RadioSample& radio, nas::LteInterFrequency& out) {
   out.is_idle = 1;
   for (const uint16_t earfcn : radio.other_frequencies()) {
     if (out.frequency_count == nas::kMaxLteFrequencies) return;
@@ -52,8 +56,14 @@ void put_other_frequencies(const RadioPicture& radio, nas::LteInterFrequency& ou
     frequency.threshold_low = kThresholdLow;
     frequency.threshold_high = kThresholdHigh;
     frequency.priority = kPriority - 1;
-    frequency.cell_count = put_cells(radio.sites_on(earfcn), frequency.cells);
+    frequency.cell_count = put_cells(radio.cells_on(earfcn), frequency.cells);
   }
+}
+
+// The time that a signal takes to the cell and back.
+uint32_t timing_advance_us(const RadioSample& radio) {
+  constexpr double kMicrosecondsPerMetre = 2 / 299.8;
+  return static_cast<uint32_t>(std::lround(radio.serving_distance * kMicrosecondsPerMetre));
 }
 
 }  // namespace
@@ -69,12 +79,14 @@ constexpr std::array<MessageRow, 7> NasService::kMessages = {{
     Answers<&NasService::set_lte_cell_lock>::row(QMI_NAS_SET_LTE_CELL_LOCK_V01, "set-lte-cell-lock"),
 }};
 
-NasService::NasService()
+NasService::NasService(const ModemClock& clock, RadioPictures& pictures)
     : Service(
           "nas",
           nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS),
           kMessages),
-      subscriptions_(fresh_subscriptions()) {}
+      clock_(clock),
+      pictures_(pictures),
+      subscriptions_(kFreshSubscriptions) {}
 
 void NasService::client_gone(uint8_t client) {
   bound_[client] = 0;
@@ -82,7 +94,8 @@ void NasService::client_gone(uint8_t client) {
 }
 
 void NasService::restarted() {
-  subscriptions_ = fresh_subscriptions();
+  subscriptions_ = kFreshSubscriptions;
+  for (RadioPicture& picture : pictures_) picture.forget_orders();
 }
 
 QmiError NasService::register_indications(uint8_t client, const nas::RegisterIndicationsRequest& request,
@@ -96,22 +109,22 @@ QmiError NasService::set_system_selection(uint8_t client, const nas::SetSystemSe
   if (!request.nr_disable_mode_valid) return QMI_ERR_NONE_V01;
   const auto mode = static_cast<NrDisableMode>(request.nr_disable_mode);
   if (mode > NrDisableMode::kNonStandalone) return QMI_ERR_INVALID_ARG_V01;
-  of(client).radio.set_nr_disable_mode(mode);
+  picture_of(client).set_nr_disable_mode(mode);
   return QMI_ERR_NONE_V01;
 }
 
 QmiError NasService::get_cell_location(uint8_t client, const nas::EmptyRequest&, nas::CellLocationResponse& response) {
-  const RadioPicture& radio = of(client).radio;
-  const LteSite* const serving = radio.serving();
+  const RadioSample radio = picture_of(client).sample(clock_.now());
+  const SeenCell* const serving = radio.serving();
   if (serving == nullptr) return QMI_ERR_NONE_V01;  // out of service: nothing to tell
   response.intra_frequency_valid = 1;
-  put_serving_frequency(radio, *serving, response.intra_frequency);
+  put_serving_frequency(radio, *serving->site, response.intra_frequency);
   response.inter_frequency_valid = 1;
   put_other_frequencies(radio, response.inter_frequency);
   response.timing_advance_valid = 1;
-  response.timing_advance = radio.carrier().timing_advance_us;
+  response.timing_advance = timing_advance_us(radio);
   response.nr_arfcn_valid = radio.has_nr();
-  response.nr_arfcn = radio.carrier().nr_arfcn;
+  response.nr_arfcn = radio.nr[0].arfcn;
   return QMI_ERR_NONE_V01;
 }
 
@@ -139,7 +152,7 @@ QmiError NasService::set_lte_cell_lock(uint8_t client, const nas::SetLteCellLock
   for (const nas::LteCellLock& lock : std::span(request.locks).first(request.lock_count)) {
     cells.push_back({lock.value, lock.parameter});
   }
-  of(client).radio.lock(std::move(cells));
+  picture_of(client).lock(std::move(cells));
   return QMI_ERR_NONE_V01;
 }
 

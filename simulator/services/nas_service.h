@@ -6,23 +6,21 @@
 #include <bitset>
 #include <cstdint>
 
+#include "modem_clock.h"
 #include "nas_messages.h"
 #include "qmi/service.h"
-#include "services/radio_picture.h"
+#include "radio/radio_picture.h"
 
 namespace pelmar::sim {
 
 class NasService final : public Service {
  public:
-  static constexpr size_t kSubscriptions = RadioPicture::kSubscriptions;
-
   struct Subscription {
-    RadioPicture radio;
     uint32_t drx;  // the paging cycle's number: 6 to 9 for 32 to 256 frames
     uint8_t avoid_trm = 0;
   };
 
-  NasService();
+  NasService(const ModemClock& clock, RadioPictures& pictures);
 
   Subscription& subscription(size_t number) { return subscriptions_[number]; }
 
@@ -33,6 +31,7 @@ class NasService final : public Service {
   static const std::array<MessageRow, 7> kMessages;
 
   Subscription& of(uint8_t client) { return subscriptions_[bound_[client]]; }
+  RadioPicture& picture_of(uint8_t client) { return pictures_[bound_[client]]; }
 
   QmiError register_indications(uint8_t client, const nas::RegisterIndicationsRequest& request, nas::PlainResponse&);
   QmiError set_system_selection(uint8_t client, const nas::SetSystemSelectionPreferenceRequest& request,
@@ -43,6 +42,8 @@ class NasService final : public Service {
   QmiError set_avoid_trm(uint8_t client, const nas::SetAvoidTrmRequest& request, nas::PlainResponse&);
   QmiError set_lte_cell_lock(uint8_t client, const nas::SetLteCellLockRequest& request, nas::PlainResponse&);
 
+  const ModemClock& clock_;
+  RadioPictures& pictures_;
   std::array<Subscription, kSubscriptions> subscriptions_;
   std::array<uint8_t, 256> bound_{};       // by client id: the subscription
   std::bitset<256> wants_serving_system_;  // by client id

@@ -36,12 +36,19 @@ FileTree::Key key_of(const vs::WriteEfsPathRequest& request) {
   return {request.path, request.qualifier, request.index};
 }
 
+// The first option of a registration names a subscription; without it both are meant.
+template <class Request>
+std::optional<uint16_t> subscription_of(const Request& request) {
+  return request.option1_valid ? std::optional(request.option1) : std::nullopt;
+}
+
 }  // namespace
 
-VsService::VsService(Storage& storage, std::function<void()> reset_modem)
+VsService::VsService(Storage& storage, std::function<void()> reset_modem, Statistics& statistics)
     : Service("vs", &vs_qmi_idl_service_object_v01, kMessages),
       storage_(storage),
-      reset_modem_(std::move(reset_modem)) {}
+      reset_modem_(std::move(reset_modem)),
+      statistics_(statistics) {}
 
 bool VsService::wants(uint8_t client, uint16_t indication) const {
   switch (indication) {
@@ -135,32 +142,29 @@ QmiError VsService::set_stats_report_status(uint8_t client, const vs::SetStatsRe
 }
 
 QmiError VsService::register_stats(uint8_t client, const vs::RegisterStatsRequest& request, vs::PlainResponse&) {
-  return statistics_.add(client, request.stats_client_id, std::span(request.entries).first(request.entry_count));
+  return statistics_.add(client, request.stats_client_id, subscription_of(request),
+                         std::span(request.entries).first(request.entry_count));
 }
 
 QmiError VsService::deregister_stats(uint8_t client, const vs::DeregisterStatsRequest& request, vs::PlainResponse&) {
-  return statistics_.remove(client, request.stats_client_id, std::span(request.ids).first(request.id_count));
+  return statistics_.remove(client, request.stats_client_id, subscription_of(request),
+                            std::span(request.ids).first(request.id_count));
 }
 
 QmiError VsService::get_stats_parameter(uint8_t, const vs::GetStatsParameterRequest& request,
                                         vs::GetStatsParameterResponse& response) {
-  if (request.sub >= Statistics::kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  if (request.sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
   response.records_valid = 1;
   response.record_count = request.record_count;
   for (uint32_t i = 0; i < request.record_count; ++i) {
-    vs::DataRecord& record = response.records[i];
-    record.sub = request.sub;
-    record.id = request.records[i].id;
-    const std::span<const uint8_t> value = statistics_.value(request.sub, record.id);
-    record.data_len = static_cast<uint32_t>(value.size());
-    std::copy(value.begin(), value.end(), record.data);
+    statistics_.read({request.sub, request.records[i].id}, response.records[i]);
   }
   return QMI_ERR_NONE_V01;
 }
 
 QmiError VsService::clear_stats_parameter(uint8_t, const vs::ClearStatsParameterRequest& request, vs::PlainResponse&) {
-  if (request.sub >= Statistics::kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
-  for (const uint32_t id : std::span(request.ids).first(request.id_count)) statistics_.clear_value(request.sub, id);
+  if (request.sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  for (const uint32_t id : std::span(request.ids).first(request.id_count)) statistics_.clear({request.sub, id});
   return QMI_ERR_NONE_V01;
 }
 

@@ -10,7 +10,7 @@
 #include <map>
 
 #include "qmi/service.h"
-#include "services/statistics.h"
+#include "statistics/statistics.h"
 #include "storage/storage.h"
 #include "vs_messages.h"
 
@@ -19,12 +19,11 @@ namespace pelmar::sim {
 class VsService final : public Service {
  public:
   // reset_modem is called for a client that asks for it, and acts after the answer went out.
-  VsService(Storage& storage, std::function<void()> reset_modem);
+  VsService(Storage& storage, std::function<void()> reset_modem, Statistics& statistics);
 
   // Whether the client has asked for the indication; the status indication comes unasked.
   bool wants(uint8_t client, uint16_t indication) const;
 
-  Statistics& statistics() { return statistics_; }
   uint64_t shutdown_notices() const { return shutdown_notices_; }
 
   void client_gone(uint8_t client) override;
@@ -66,7 +65,7 @@ class VsService final : public Service {
 
   Storage& storage_;
   const std::function<void()> reset_modem_;
-  Statistics statistics_;
+  Statistics& statistics_;
   std::bitset<256> reports_ab_;  // by client id
   std::bitset<256> reports_c_;
   std::map<uint32_t, Feature> features_;

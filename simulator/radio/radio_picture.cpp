@@ -1,0 +1,225 @@
+#include "radio/radio_picture.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "radio/smooth_noise.h"
+
+namespace pelmar::sim {
+
+namespace {
+
+constexpr double kFading = 2.5;            // dB, at most
+constexpr double kNoisePower = -124;       // dBm, of one subcarrier in a receiver
+constexpr double kDistortion = 0.001;      // share of the signal that the phone itself turns into noise
+constexpr double kLoad = 0.6;              // share of a neighbour's subcarriers that are in use
+constexpr double kSubcarriers = 12 * 100;  // of a carrier; 100 blocks of twelve
+constexpr double kBlocksInDb = 20;
+
+// The weakest cells that carriers are added for, and from which on NR carries the data.
+constexpr double kLeastLteLevel = -108;
+constexpr double kLeastNrLevel = -109;
+constexpr double kLeastNrDataLevel = -101;
+
+// The levels of neighbouring technologies at 100 m from an LTE site.
+constexpr double kWcdmaPower = -66;
+constexpr double kGsmPower = -59;
+
+// Fading goes with a frequency and a place, or with a technology.
+enum NoiseStream : uint64_t { kLteStream = 0x1000, kNrStream = 0x2000, kWcdmaStream = 0x3000, kGsmStream = 0x4000 };
+
+double to_milliwatts(double dbm) {
+  return std::pow(10, dbm / 10);
+}
+
+double to_db(double ratio) {
+  return 10 * std::log10(ratio);
+}
+
+// Of a signal among others, all as received on a free main antenna, on a chain with that gain.
+Levels levels_of(double signal, double others, double gain) {
+  const double factor = to_milliwatts(gain);
+  const double noise = to_milliwatts(kNoisePower);
+  const double received = to_milliwatts(signal) * factor;
+  const double disturbance = others * factor * kLoad + received * kDistortion + noise;
+  Levels levels{};
+  levels.rsrp = signal + gain;
+  levels.rssi = to_db(kSubcarriers * (received * kLoad + disturbance));
+  levels.rsrq = kBlocksInDb + levels.rsrp - levels.rssi;
+  levels.snr = to_db(received / disturbance);
+  return levels;
+}
+
+size_t chains_of(uint16_t earfcn) {
+  return is_low_band(earfcn) ? 2 : kChains;
+}
+
+double best_gain(const Antennas& antennas, size_t chains) {
+  double best = antennas.gain_of_chain(0);
+  for (size_t chain = 1; chain < chains; ++chain) best = std::max(best, antennas.gain_of_chain(chain));
+  return best;
+}
+
+// Open-loop control: the power grows with the loss, from a base and by a share of it.
+struct PowerControl {
+  double reference;  // dBm, what the cell sends a reference signal with
+  double base;       // dBm
+  double share;
+  double max_power;  // dBm
+};
+constexpr PowerControl kLteControl = {18, -78, 0.8, 23};
+constexpr PowerControl kNrControl = {20, -76, 0.8, 26};
+
+Uplink uplink_of(double signal, const Antennas& antennas, const PowerControl& control) {
+  Uplink uplink;
+  uplink.path_loss = control.reference - (signal + antennas.gains[Antennas::of_transmitter(0, antennas.config)]);
+  uplink.demanded_power = control.base + control.share * uplink.path_loss;
+  uplink.max_power = control.max_power;
+  return uplink;
+}
+
+std::array<Levels, kChains> chains_of_signal(double signal, double others, const Antennas& antennas, size_t count) {
+  std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
+  for (size_t i = 0; i < count; ++i) chains[i] = levels_of(signal, others, antennas.gain_of_chain(i));
+  return chains;
+}
+
+LteCarrier carrier_of(const SeenCell& cell, const Antennas& antennas) {
+  const size_t chains = chains_of(cell.site->earfcn);
+  LteCarrier carrier;
+  carrier.is_there = true;
+  carrier.earfcn = cell.site->earfcn;
+  carrier.physical_cell_id = cell.site->physical_cell_id;
+  carrier.measured_chains = static_cast<uint16_t>((1u << chains) - 1);
+  carrier.chains = chains_of_signal(cell.signal, cell.others, antennas, chains);
+  return carrier;
+}
+
+const SeenCell* strongest_on(const std::vector<SeenCell>& cells, uint16_t earfcn) {
+  const SeenCell* best = nullptr;
+  for (const SeenCell& cell : cells) {
+    if (cell.site->earfcn == earfcn && (best == nullptr || cell.mean > best->mean)) best = &cell;
+  }
+  return best;
+}
+
+// Each other frequency keeps its place among the carriers, also while its cells do not reach.
+void add_lte_carriers(RadioSample& sample, const SeenCell& serving) {
+  sample.lte[0] = carrier_of(serving, sample.antennas);
+  size_t place = 1;
+  for (const uint16_t earfcn : sample.other_frequencies()) {
+    if (place == kLteCarriers) return;
+    const SeenCell& cell = *strongest_on(sample.cells, earfcn);
+    if (cell.mean >= kLeastLteLevel) sample.lte[place] = carrier_of(cell, sample.antennas);
+    ++place;
+  }
+}
+
+// The strongest of a carrier's places, and the others of it together.
+struct NrSignal {
+  double mean = -INFINITY;
+  double signal = -INFINITY;
+  double others = 0;  // mW
+};
+
+NrSignal nr_signal(const NrFrequency& frequency, const Place& phone, double fading) {
+  NrSignal found;
+  for (const Place& place : frequency.places) {
+    const double mean = level_at(frequency.power, distance(phone, place));
+    found.others += to_milliwatts(mean);
+    found.mean = std::max(found.mean, mean);
+  }
+  found.others -= to_milliwatts(found.mean);
+  found.signal = found.mean + fading;
+  return found;
+}
+
+}  // namespace
+
+// --- LTE ---
+
+bool RadioPicture::may_camp_on(const LteSite& site) const {
+  return lock_.empty() || std::any_of(lock_.begin(), lock_.end(), [&](const CellOfLock& cell) {
+           return cell.earfcn == site.earfcn && cell.physical_cell_id == site.physical_cell_id;
+         });
+}
+
+std::vector<SeenCell> RadioPicture::measure_cells(const Place& phone, double seconds, const Antennas& antennas) const {
+  std::vector<SeenCell> cells;
+  for (const LteSite& site : network_->sites) {
+    const double mean = level_at(site.power, distance(phone, site.place));
+    const double fading = kFading * smooth_noise(seed_, kLteStream + site.global_cell_id, seconds);
+    cells.push_back({&site, mean, mean + fading, 0, {}});
+  }
+  for (SeenCell& cell : cells) {
+    for (const SeenCell& other : cells) {
+      if (&other != &cell && other.site->earfcn == cell.site->earfcn) cell.others += to_milliwatts(other.signal);
+    }
+    cell.levels = levels_of(cell.signal, cell.others, best_gain(antennas, chains_of(cell.site->earfcn)));
+  }
+  return cells;
+}
+
+std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell>& cells) const {
+  std::optional<size_t> best;
+  for (size_t i = 0; i < cells.size(); ++i) {
+    if (may_camp_on(*cells[i].site) && (!best || cells[i].mean > cells[*best].mean)) best = i;
+  }
+  return best;
+}
+
+// --- NR and the rest ---
+
+// The further carriers come with the first one.
+void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double seconds) const {
+  for (size_t i = 0; i < std::min(kNrCarriers, network_->nr_frequencies.size()); ++i) {
+    const NrFrequency& frequency = network_->nr_frequencies[i];
+    const double fading = kFading * smooth_noise(seed_, kNrStream + frequency.arfcn, seconds);
+    const NrSignal heard = nr_signal(frequency, phone, fading);
+    if (heard.mean < kLeastNrLevel) {
+      if (i == 0) return;
+      continue;
+    }
+    NrCarrier& carrier = sample.nr[i];
+    carrier.is_there = true;
+    carrier.arfcn = frequency.arfcn;
+    carrier.chains = chains_of_signal(heard.signal, heard.others, sample.antennas, kChains);
+    carrier.rsrq = levels_of(heard.signal, heard.others, best_gain(sample.antennas, kChains)).rsrq;
+    if (i > 0) continue;
+    sample.nr_uplink = uplink_of(heard.signal, sample.antennas, kNrControl);
+    if (heard.mean >= kLeastNrDataLevel) sample.mode = SystemMode::kNr;
+  }
+}
+
+void RadioPicture::measure_other_technologies(RadioSample& sample, const Place& phone, double seconds) const {
+  double nearest = INFINITY;
+  for (const LteSite& site : network_->sites) nearest = std::min(nearest, distance(phone, site.place));
+  const uint64_t network = network_->tracking_area_code;
+  const double wcdma = level_at(kWcdmaPower, nearest) + kFading * smooth_noise(seed_, kWcdmaStream + network, seconds);
+  const double gsm = level_at(kGsmPower, nearest) + kFading * smooth_noise(seed_, kGsmStream + network, seconds);
+  for (size_t chain = 0; chain < sample.wcdma_levels.size(); ++chain) {
+    sample.wcdma_levels[chain] = wcdma + sample.antennas.gain_of_chain(chain);
+    sample.gsm_levels[chain] = gsm + sample.antennas.gain_of_chain(chain);
+  }
+}
+
+RadioSample RadioPicture::sample(ModemClock::Time time) const {
+  const double seconds = std::chrono::duration<double>(time).count();
+  const Place phone = place_at(seconds);
+  RadioSample sample;
+  sample.network = network_;
+  sample.antennas = antennas_at(time, seed_);
+  sample.cells = measure_cells(phone, seconds, sample.antennas);
+  sample.serving_cell = find_serving_cell(sample.cells);
+  if (const SeenCell* const serving = sample.serving()) {
+    sample.mode = SystemMode::kLte;
+    sample.serving_distance = distance(phone, serving->site->place);
+    add_lte_carriers(sample, *serving);
+    sample.lte_uplink = uplink_of(serving->signal, sample.antennas, kLteControl);
+    if (nr_disable_mode_ == NrDisableMode::kNone) add_nr(sample, phone, seconds);
+  }
+  measure_other_technologies(sample, phone, seconds);
+  return sample;
+}
+
+}  // namespace pelmar::sim

@@ -1,0 +1,148 @@
+#include "statistics/statistics.h"
+
+#include <algorithm>
+
+namespace pelmar::sim {
+
+namespace {
+
+// Calls f(subscription) for the one that is named, or for all.
+template <class F>
+void for_each_subscription(std::optional<uint16_t> named, F f) {
+  for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
+    if (!named || *named == sub) f(sub);
+  }
+}
+
+}  // namespace
+
+// --- who reports what ---
+
+Statistics::Reporter* Statistics::find(uint8_t client, uint32_t reporter) {
+  if (reporter >= kMaxReporters || reporters_[reporter].client != client) return nullptr;
+  return &reporters_[reporter];
+}
+
+QmiError Statistics::grant(uint8_t client, uint32_t& reporter) {
+  const auto free = std::find_if(reporters_.begin(), reporters_.end(), [](const Reporter& r) { return !r.client; });
+  if (free == reporters_.end()) return QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+  free->client = client;
+  reporter = static_cast<uint32_t>(free - reporters_.begin());
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError Statistics::revoke(uint8_t client, uint32_t reporter) {
+  Reporter* const found = find(client, reporter);
+  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
+  *found = {};
+  return QMI_ERR_NONE_V01;
+}
+
+void Statistics::client_gone(uint8_t client) {
+  for (Reporter& reporter : reporters_) {
+    if (reporter.client == client) reporter = {};
+  }
+}
+
+void Statistics::restarted() {
+  reporters_ = {};
+  cleared_.clear();
+}
+
+QmiError Statistics::add(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
+                         std::span<const vs::StatsEntry> entries) {
+  Reporter* const found = find(client, reporter);
+  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
+  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  std::set<Key> registered = found->registered;
+  for (const vs::StatsEntry& entry : entries) {
+    for_each_subscription(sub, [&](uint16_t each) { registered.insert({each, entry.stats_id}); });
+  }
+  const auto of_second = registered.lower_bound({1, 0});
+  const auto counts = {std::distance(registered.begin(), of_second), std::distance(of_second, registered.end())};
+  if (std::max(counts) > kMaxRegistered) return QMI_ERR_REQUESTED_NUM_UNSUPPORTED_V01;
+  found->registered = std::move(registered);
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError Statistics::remove(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
+                            std::span<const uint32_t> ids) {
+  Reporter* const found = find(client, reporter);
+  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
+  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  size_t removed = 0;
+  for (const uint32_t id : ids) {
+    for_each_subscription(sub, [&](uint16_t each) { removed += found->registered.erase({each, id}); });
+  }
+  return removed == 0 ? QMI_ERR_NO_EFFECT_V01 : QMI_ERR_NONE_V01;
+}
+
+size_t Statistics::granted() const {
+  return static_cast<size_t>(
+      std::count_if(reporters_.begin(), reporters_.end(), [](const Reporter& r) { return r.client.has_value(); }));
+}
+
+size_t Statistics::registrations() const {
+  size_t count = 0;
+  for (const Reporter& reporter : reporters_) count += reporter.registered.size();
+  return count;
+}
+
+// --- values ---
+
+RadioSample Statistics::sample(Key key) const {
+  RadioSample sample = pictures_[key.sub].sample(clock_.now());
+  const auto cleared = cleared_.find(key);
+  if (cleared != cleared_.end() && sample.antennas.switched_at <= cleared->second) {
+    sample.antennas.previous_config = sample.antennas.config;
+  }
+  return sample;
+}
+
+void Statistics::read(Key key, vs::DataRecord& record) const {
+  record.sub = key.sub;
+  record.id = key.id;
+  record.data_len = 0;
+  const auto fix = fixes_.find(key);
+  if (fix != fixes_.end() && fix->second.bytes) {
+    record.data_len = static_cast<uint32_t>(fix->second.bytes->size());
+    std::copy(fix->second.bytes->begin(), fix->second.bytes->end(), record.data);
+    return;
+  }
+  const StatisticRow* const row = find_statistic(key.id);
+  if (row == nullptr) return;
+  const RadioSample radio = sample(key);
+  if (fix == fixes_.end() && !row->is_there(radio, row->carrier)) return;
+  std::array<double, kMaxFields> numbers{};
+  for (size_t i = 0; i < row->fields.size(); ++i) {
+    const StatisticField& field = row->fields[i];
+    numbers[i] = field.read(radio, row->carrier);
+    if (fix == fixes_.end()) continue;
+    const auto fixed = fix->second.fields.find(field.name);
+    if (fixed != fix->second.fields.end()) numbers[i] = fixed->second;
+  }
+  record.data_len = static_cast<uint32_t>(pack(*row, numbers, record.data));
+}
+
+void Statistics::clear(Key key) {
+  if (find_statistic(key.id) != nullptr) cleared_[key] = clock_.now();
+  const auto fix = fixes_.find(key);
+  if (fix == fixes_.end() || !fix->second.bytes) return;
+  std::fill(fix->second.bytes->begin(), fix->second.bytes->end(), uint8_t{0});
+}
+
+void Statistics::fix(Key key, std::vector<uint8_t> bytes) {
+  fixes_[key] = {std::move(bytes), {}};
+}
+
+void Statistics::fix(Key key, const StatisticField& field, double number) {
+  Fix& fix = fixes_[key];
+  fix.bytes.reset();
+  fix.fields[field.name] = number;
+}
+
+bool Statistics::release(Key key) {
+  return fixes_.erase(key) > 0;
+}
+
+}  // namespace pelmar::sim
