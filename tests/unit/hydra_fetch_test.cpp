@@ -1,4 +1,7 @@
 // The fetch of a value, under the shortest of decoders: what is asked, and which answers are refused.
+#include <atomic>
+#include <thread>
+
 #include "hydra_test.h"
 
 namespace {
@@ -69,6 +72,23 @@ TEST_F(HydraFetch, ChecksTheAnswerInOrder) {
     line.replace(line.find('#'), 1, std::to_string(i + 1));
     EXPECT_EQ(lines_of("modem_hydra_data_get"), Lines{line});
   }
+}
+
+// Opening hydra for a first reading must not wait for a callback that waits for its turn to read.
+TEST_F(HydraFetch, OpensBesideACallbackThatReads) {
+  modem_api_init();
+  static std::thread first_reader;
+  static std::atomic<int> readings{0};
+  const auto on_notice = [](uint32_t notice, uint32_t) {
+    if (notice != MODEM_API_NOTICE_SERVICE_UP) return;
+    first_reader = std::thread([] { readings += fetch(1); });
+    while (lines_of("modem_hydra_api_init_ex").empty()) std::this_thread::yield();
+    readings += fetch(1);
+  };
+  int32_t client = -1;
+  modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, on_notice, &client);
+  first_reader.join();
+  EXPECT_EQ(readings, 2);
 }
 
 }  // namespace

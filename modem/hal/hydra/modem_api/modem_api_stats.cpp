@@ -158,15 +158,16 @@ modem_api_result get_stats_parameter(const char* function, int32_t client_id, ui
     PELMAR_LOG_DEBUG_AS(function, "stats_para_data is null");
     return MODEM_API_ERR_INVALID_PARAM;
   }
-  if (data->para_num < 1 || data->para_num > MODEM_API_STATS_ENTRIES) {
-    PELMAR_LOG_DEBUG_AS(function, "para_num(%d) is invalid", static_cast<int>(data->para_num));
+  const uint32_t count = data->para_num;
+  if (count < 1 || count > MODEM_API_STATS_ENTRIES) {
+    PELMAR_LOG_DEBUG_AS(function, "para_num(%d) is invalid", static_cast<int>(count));
     return MODEM_API_ERR_INVALID_PARAM;
   }
   Zeroed<vs::GetStatsParameterRequest> request;
   request.sub = sub;
   request.slot = slot;
-  request.record_count = data->para_num;
-  for (uint32_t i = 0; i < data->para_num; ++i) {
+  request.record_count = count;
+  for (uint32_t i = 0; i < count; ++i) {
     // The entry's subscription is not sent.
     request.records[i].id = data->entries[i].id;
     request.records[i].data_len = data->entries[i].value_len;

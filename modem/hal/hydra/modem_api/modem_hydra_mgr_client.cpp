@@ -128,7 +128,7 @@ modem_api_result modem_hydra_set_modem_stats_report_status(uint8_t flag) {
   if (!is_open(__func__)) return kNothingDone;
   auto stats_client_id = static_cast<uint32_t>(g_hydra_stats_client_id.get());
   const modem_api_result ret = modem_api_set_modem_stats_report_status(g_hydra_client_id.get(), flag, &stats_client_id);
-  if (flag != 0) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
+  if (flag != 0 && ret == MODEM_API_SUCCESS) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
   return ret;
 }
 

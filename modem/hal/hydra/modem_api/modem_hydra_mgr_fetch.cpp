@@ -8,6 +8,7 @@
 #include "modem_hydra.h"
 #include "modem_hydra_mgr_client.h"
 #include "pelmar_log_site.h"
+#include "service_client.h"
 
 namespace pelmar {
 namespace {
@@ -32,6 +33,7 @@ constinit FetchedValue g_value = {};
 bool ensure_open(const char* function) {
   if (modem_hydra_api_is_inited() != 0) return true;
   PELMAR_LOG_ERROR_AS(function, "The hydra is not inited, will init it");
+  const InCallback waits_for_no_callback;  // which might itself be waiting for its turn to read
   modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb);
   if (modem_hydra_api_is_inited() != 0) return true;
   PELMAR_LOG_ERROR_AS(function, "The hydra init failed, will do nothing");
