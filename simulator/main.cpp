@@ -5,10 +5,12 @@
 #include <string>
 
 #include "console/control_client.h"
+#include "manager_protocol.h"
 #include "serve.h"
 
 namespace {
 
+namespace platform = pelmar::platform;
 using pelmar::sim::ControlClientOptions;
 using pelmar::sim::SimulationOptions;
 
@@ -16,6 +18,21 @@ constexpr const char* kControlVariable = "PELMAR_SIM_CONTROL";
 
 std::string control_socket_in(const std::string& storage) {
   return storage + "/control";
+}
+
+void add_peripheral_manager(CLI::App& serve, SimulationOptions& options) {
+  serve
+      .add_option("--pm-socket", options.pm_socket,
+                  "have a peripheral manager on this socket: the modem has power while a process votes for it (without "
+                  "a name: .pm added to the clients' socket)")
+      ->expected(0, 1)
+      ->type_name("SOCKET");
+  serve.add_option("--pm-device", options.pm_device, "the modem's name at the peripheral manager")
+      ->check([](const std::string& name) { return platform::power::is_good_name(name) ? "" : "is no name"; })
+      ->capture_default_str();
+  serve.add_option("--pm-ack-ms", "what a voter has for acknowledging a step of the power (default: 2000)")
+      ->each([&](const std::string& ms) { options.pm_acknowledge_limit = std::chrono::milliseconds(std::stoll(ms)); })
+      ->check(CLI::Range(1, 3'600'000));
 }
 
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
@@ -30,9 +47,10 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   serve->add_option("--starting-ms", "not ready for that long after the start")
       ->each([&](const std::string& ms) { options.starting_time = std::chrono::milliseconds(std::stoll(ms)); })
       ->check(CLI::Range(0, 3'600'000));
-  serve->add_option("--reset-ms", "not ready for that long after a client resets the modem (default: 200)")
+  serve->add_option("--reset-ms", "not ready for that long after a reset by a client, or a crash (default: 200)")
       ->each([&](const std::string& ms) { options.reset_time = std::chrono::milliseconds(std::stoll(ms)); })
       ->check(CLI::Range(0, 3'600'000));
+  add_peripheral_manager(*serve, options);
   serve->add_option("--exit-when-idle", "end when no client was connected for that many seconds")
       ->each([&](const std::string& s) { options.exit_when_idle = std::chrono::seconds(std::stoll(s)); })
       ->check(CLI::Range(1, 1'000'000));
@@ -81,6 +99,9 @@ int run(int argc, char** argv) {
 
   if (*ctl) return run_ctl(*ctl, ctl_options, ctl_storage);
   if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
+  if (serve->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {
+    serve_options.pm_socket = platform::power::default_manager_socket(serve_options.socket);
+  }
   if (*serve) pelmar::sim::serve(serve_options);
   return 0;
 }

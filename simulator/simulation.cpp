@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "power/crash_dump.h"
+
 namespace pelmar::sim {
 
 template <class S, class... Arguments>
@@ -17,6 +19,8 @@ Simulation::Simulation(const SimulationOptions& options)
       pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
       statistics(clock, pictures),
       modem(loop),
+      power(modem, {options.starting_time, options.reset_time},
+            [this, directory = options.storage] { return write_crash_dump(directory, *this); }),
       exchange(loop, modem, faults),
       connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
       stream(loop, modem),
@@ -28,7 +32,14 @@ Simulation::Simulation(const SimulationOptions& options)
   vs = add_service<VsService>(storage, reset, statistics);
   modem.attach(connections);
   if (options.held_clock) clock.hold_at(*options.held_clock);
-  if (options.starting_time.count() > 0) modem.restart(options.starting_time);
+  if (!options.pm_socket.empty()) {
+    power.switch_power(false);
+    manager.emplace(loop,
+                    PeripheralManager::Options{options.pm_socket, options.pm_device, options.pm_acknowledge_limit},
+                    [this](bool on) { return power.switch_power(on); });
+  } else if (options.starting_time.count() > 0) {
+    modem.restart(options.starting_time);
+  }
 }
 
 }  // namespace pelmar::sim

@@ -9,6 +9,8 @@
 #include "console/console.h"
 #include "io/event_loop.h"
 #include "modem_clock.h"
+#include "power/modem_power.h"
+#include "power/peripheral_manager.h"
 #include "qmi/connection.h"
 #include "qmi/exchange.h"
 #include "qmi/faults.h"
@@ -30,7 +32,10 @@ struct SimulationOptions {
   std::string control;
   size_t max_entries = Storage::kDefaultMaxEntries;
   std::chrono::milliseconds starting_time{0};  // not ready for that long after the start
-  std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client
+  std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client, or a crash
+  std::string pm_socket;                       // of the peripheral manager; empty: none, the modem always has power
+  std::string pm_device = "modem";             // what voters call the modem
+  std::chrono::milliseconds pm_acknowledge_limit{2000};
   std::optional<std::chrono::seconds> exit_when_idle;
   uint64_t seed = 1;  // of the radio picture
   std::optional<ModemClock::Time> held_clock;
@@ -51,6 +56,8 @@ struct Simulation {
   RadioPictures pictures;
   Statistics statistics;
   Modem modem;
+  ModemPower power;
+  std::optional<PeripheralManager> manager;
   Exchange exchange;
   Connections connections;
   EventStream stream;

@@ -28,13 +28,14 @@ std::string usage_of(const Command& command) {
 }  // namespace
 
 std::span<const CommandGroup> command_groups() {
-  static const std::array<CommandGroup, 5> groups = {{
+  static const auto groups = std::to_array<CommandGroup>({
       {"Services and the modem", service_commands()},
+      {"Power and crashes", power_commands()},
       {"Faults of the next responses", fault_commands()},
       {"Indications", indication_commands()},
       {"Radio values over time", statistic_commands()},
       {"The rest", general_commands()},
-  }};
+  });
   return groups;
 }
 

@@ -24,6 +24,7 @@ struct Command {
 
 // The groups, in the order in which help shows them.
 std::span<const Command> service_commands();
+std::span<const Command> power_commands();
 std::span<const Command> fault_commands();
 std::span<const Command> indication_commands();
 std::span<const Command> statistic_commands();

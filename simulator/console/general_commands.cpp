@@ -6,6 +6,18 @@ namespace pelmar::sim {
 
 namespace {
 
+std::string_view state_text(Modem::State state) {
+  switch (state) {
+    case Modem::State::kReady:
+      return "ready";
+    case Modem::State::kStarting:
+      return "starting";
+    case Modem::State::kOff:
+      return "off";
+  }
+  return "";
+}
+
 Json describe(const Modem::Slot& slot) {
   Json clients = Json::array();
   slot.clients.for_each([&](uint8_t client, Connection& owner) {
@@ -84,7 +96,7 @@ Json status(Simulation& simulation, Arguments& arguments) {
   const Exchange::Counters& counters = simulation.exchange.counters();
   const Storage& storage = simulation.storage;
   return {
-      {"state", simulation.modem.state() == Modem::State::kReady ? "ready" : "starting"},
+      {"state", state_text(simulation.modem.state())},
       {"clock_ms", simulation.clock.now().count()},
       {"services", std::move(services)},
       {"connections", std::move(connections)},

@@ -36,15 +36,35 @@ void Modem::take_down(Slot& slot) {
 }
 
 void Modem::restart(std::chrono::milliseconds starting_time) {
+  if (state_ == State::kOff) return;
+  void_all_clients();
+  start(starting_time);
+  broadcast(qmux::kControlService, kControlSync, {});
+}
+
+void Modem::turn_off() {
+  void_all_clients();
+  loop_.cancel(start_timer_);
+  state_ = State::kOff;
+  broadcast(qmux::kControlService, kControlSync, {});
+}
+
+void Modem::turn_on(std::chrono::milliseconds starting_time) {
+  if (state_ == State::kOff) start(starting_time);
+}
+
+void Modem::start(std::chrono::milliseconds starting_time) {
+  loop_.cancel(start_timer_);
+  state_ = starting_time.count() > 0 ? State::kStarting : State::kReady;
+  if (state_ == State::kStarting) start_timer_ = loop_.after(starting_time, [this] { state_ = State::kReady; });
+}
+
+void Modem::void_all_clients() {
   for (Slot& slot : slots_) {
     slot.clients.for_each([&](uint8_t client, Connection&) { free_client(slot, client); });
     slot.service->restarted();
     slot.is_up = true;
   }
-  loop_.cancel(start_timer_);
-  state_ = starting_time.count() > 0 ? State::kStarting : State::kReady;
-  if (state_ == State::kStarting) start_timer_ = loop_.after(starting_time, [this] { state_ = State::kReady; });
-  broadcast(qmux::kControlService, kControlSync, {});
 }
 
 void Modem::disconnect(Connection& connection) {

@@ -1,7 +1,8 @@
 // The modem behind the connections: its services, who holds which client id, and whether it runs.
 //
 // A service that goes down tells each of its clients with a revoke indication; a modem that restarts tells every
-// connection with a sync indication. Either way the ids are void at once. Connections stay.
+// connection with a sync indication, and so does one that is turned off. Either way the ids are void at once.
+// Connections stay.
 #pragma once
 
 #include <chrono>
@@ -29,7 +30,7 @@ class Modem {
     bool is_up = true;
   };
 
-  enum class State { kReady, kStarting };
+  enum class State { kReady, kStarting, kOff };
 
   explicit Modem(EventLoop& loop) : loop_(loop) {}
 
@@ -49,8 +50,12 @@ class Modem {
   void bring_up(Slot& slot) { slot.is_up = true; }
 
   // All ids are void; until the time is over the modem has no services and is not ready. Services that were down come
-  // up.
+  // up. A modem that is off stays off.
   void restart(std::chrono::milliseconds starting_time);
+
+  // Without services and not ready until it is turned on; a modem that is on already is left alone.
+  void turn_off();
+  void turn_on(std::chrono::milliseconds starting_time);
 
   // Frees what the connection held.
   void disconnect(Connection& connection);
@@ -69,6 +74,8 @@ class Modem {
 
  private:
   void free_client(Slot& slot, uint8_t client);
+  void void_all_clients();
+  void start(std::chrono::milliseconds starting_time);
 
   EventLoop& loop_;
   Connections* connections_ = nullptr;

@@ -1,0 +1,77 @@
+// The peripheral manager: counts the votes of all processes for the modem's power, and switches it.
+//
+// The modem has power while at least one voter votes. Every registered voter is told of each step: 2 and then 3 on the
+// way up, 0 and then 1 on the way down. The next step is taken when all that were told have acknowledged, or when the
+// time for that is over. A change that votes ask for in the middle of a way begins when that way is at its end. A voter
+// is a connection, and its vote goes with the connection or with its process, whichever ends first.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "io/event_loop.h"
+#include "io/local_socket.h"
+#include "manager_protocol.h"
+#include "power/voter_session.h"
+
+namespace pelmar::sim {
+
+class PeripheralManager final : private VoterSession::Owner {
+ public:
+  struct Options {
+    std::string socket;
+    std::string device;                           // the only peripheral
+    std::chrono::milliseconds acknowledge_limit;  // for one step
+  };
+
+  // Switches the power; returns how long that takes.
+  using Switch = std::function<std::chrono::milliseconds(bool on)>;
+
+  // Connections at one time, voters or not.
+  static constexpr size_t kMostConnections = 64;
+
+  // The modem is without power at first. Throws std::runtime_error where the socket cannot be had.
+  PeripheralManager(EventLoop& loop, const Options& options, Switch switch_power);
+
+  pm_event state() const { return state_; }
+  size_t votes() const;
+  std::vector<platform::power::VoterEntry> voters() const;
+  uint64_t overdue_acknowledgements() const { return overdue_; }
+
+ private:
+  void on_request(VoterSession& session, const platform::power::Request& request) override;
+  void on_gone(VoterSession& session) override;
+
+  void accept(UniqueFd fd);
+  int enrol(VoterSession& session, const platform::power::Register& names);
+  int set_vote(VoterSession& session, bool votes);
+  int strike_off(VoterSession& session);
+  void tell_count(VoterSession& session) const;
+  bool is_waiting() const;
+  void advance_later();
+  void advance();
+  void tell(pm_event event);
+  void give_up_waiting();
+  void switch_power(bool on);
+
+  EventLoop& loop_;
+  const std::string device_;
+  const std::chrono::milliseconds acknowledge_limit_;
+  const Switch switch_power_;
+  pm_event state_ = EVENT_PERIPH_IS_OFFLINE;
+  bool is_telling_ = false;    // acknowledgements of the state's event are missing
+  bool is_switching_ = false;  // the power is being switched
+  EventLoop::TimerId timer_{};
+  uint64_t overdue_ = 0;
+  uint64_t last_number_ = 0;
+  std::map<uint64_t, std::unique_ptr<VoterSession>> sessions_;
+  LocalListener listener_;
+};
+
+}  // namespace pelmar::sim
