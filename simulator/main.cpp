@@ -2,7 +2,9 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "console/control_client.h"
 #include "manager_protocol.h"
@@ -58,6 +60,7 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   serve->add_option("--report-ms", "between two reports of registered statistics (default: 1000)")
       ->each([&](const std::string& ms) { options.report_period = std::chrono::milliseconds(std::stoll(ms)); })
       ->check(CLI::Range(10, 3'600'000));
+  serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
   serve->add_option("--clock-ms", "hold the modem's clock at that time; the operator moves it")
       ->each([&](const std::string& ms) { options.held_clock = std::chrono::milliseconds(std::stoll(ms)); })
       ->check(CLI::Range(0, 1'000'000'000));
@@ -81,8 +84,9 @@ int run_ctl(const CLI::App& ctl, ControlClientOptions options, const std::string
     throw std::runtime_error(std::string("no control socket named: give --control, --storage or set ") +
                              kControlVariable);
   }
-  for (const std::string& word : ctl.remaining())
-    options.command.append(options.command.empty() ? "" : " ").append(word);
+  std::vector<std::string> words = ctl.remaining();
+  if (words.size() == 2 && words[0] == "scenario" && words[1] != "stop") words[1] = std::filesystem::absolute(words[1]);
+  for (const std::string& word : words) options.command.append(options.command.empty() ? "" : " ").append(word);
   if (options.command.empty()) throw std::runtime_error("no command given: 'modem_sim ctl --help' lists them");
   return pelmar::sim::send_control_command(options);
 }

@@ -32,6 +32,7 @@ Simulation::Simulation(const SimulationOptions& options)
   vs = add_service<VsService>(storage, reset, statistics);
   modem.attach(connections);
   if (options.held_clock) clock.hold_at(*options.held_clock);
+  if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
     manager.emplace(loop,

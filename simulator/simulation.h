@@ -40,10 +40,11 @@ struct SimulationOptions {
   uint64_t seed = 1;  // of the radio picture
   std::optional<ModemClock::Time> held_clock;
   std::chrono::milliseconds report_period{1000};
+  std::string scenario;  // a file, played from the start
 };
 
 struct Simulation {
-  // Throws std::runtime_error where a socket or the storage cannot be had.
+  // Throws std::runtime_error where a socket, the storage or the scenario cannot be had.
   explicit Simulation(const SimulationOptions& options);
 
   // Returns after loop.stop().

@@ -46,6 +46,12 @@ std::vector<uint8_t> Arguments::hex(std::string_view what, size_t max_bytes) {
   return *bytes;
 }
 
+std::string Arguments::rest(std::string_view what) {
+  std::string text = word(what);
+  while (!is_empty()) text.append(" ").append(words_[next_++]);
+  return text;
+}
+
 bool Arguments::accept(std::string_view keyword) {
   if (is_empty() || words_[next_] != keyword) return false;
   ++next_;

@@ -22,11 +22,17 @@ class Arguments {
 
   bool is_empty() const { return next_ == words_.size(); }
 
+  // The next word, which is there.
+  std::string_view peek() const { return words_[next_]; }
+
   // Each takes the next word; `what` names it in the error. Numbers are decimal or 0x....
   std::string word(std::string_view what);
   uint64_t number(std::string_view what, uint64_t max);
   bool flag(std::string_view what);  // 0 or 1
   std::vector<uint8_t> hex(std::string_view what, size_t max_bytes);
+
+  // Takes the words that are left, with single spaces between them.
+  std::string rest(std::string_view what);
 
   // Takes the next word if it is that one.
   bool accept(std::string_view keyword);

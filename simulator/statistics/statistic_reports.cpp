@@ -62,7 +62,7 @@ void StatisticReports::report(Modem::Slot& slot, uint8_t client, uint32_t report
   values_.value = reporter;
   values_.trailer_valid = 1;
   values_.trailer = static_cast<uint32_t>(clock_.now().count());
-  for (const Statistics::Key& key : of.registered) {
+  for (const StatisticKey& key : of.registered) {
     if (key.sub != sub) continue;
     vs::DataRecord& record = values_.records[values_.record_count++];
     statistics_.read(key, record);

@@ -4,6 +4,7 @@
 // number is; its unit is stated beside its rows. A number that does not fit its field is cut to the field's range.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -56,6 +57,13 @@ inline constexpr size_t kMaxFields = 22;
 inline constexpr size_t kMaxPackedBytes = 75;
 
 std::span<const StatisticRow> statistic_rows();
+
+// One value: a statistics identifier of a subscription.
+struct StatisticKey {
+  uint16_t sub;
+  uint32_t id;
+  auto operator<=>(const StatisticKey&) const = default;
+};
 
 // Null for an identifier or name that the modem has no value for.
 const StatisticRow* find_statistic(uint32_t id);

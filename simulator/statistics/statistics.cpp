@@ -54,7 +54,7 @@ QmiError Statistics::add(uint8_t client, uint32_t reporter, std::optional<uint16
   Reporter* const found = find(client, reporter);
   if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
   if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
-  std::set<Key> registered = found->registered;
+  std::set<StatisticKey> registered = found->registered;
   for (const vs::StatsEntry& entry : entries) {
     for_each_subscription(sub, [&](uint16_t each) { registered.insert({each, entry.stats_id}); });
   }
@@ -90,7 +90,7 @@ size_t Statistics::registrations() const {
 
 // --- values ---
 
-RadioSample Statistics::sample(Key key) const {
+RadioSample Statistics::sample(StatisticKey key) const {
   RadioSample sample = pictures_[key.sub].sample(clock_.now());
   const auto cleared = cleared_.find(key);
   if (cleared != cleared_.end() && sample.antennas.switched_at <= cleared->second) {
@@ -99,7 +99,43 @@ RadioSample Statistics::sample(Key key) const {
   return sample;
 }
 
-void Statistics::read(Key key, vs::DataRecord& record) const {
+double Statistics::seconds_played() const {
+  if (!scenario_) return 0;
+  return std::max(std::chrono::duration<double>(clock_.now() - scenario_->start).count(), 0.0);
+}
+
+void Statistics::play(Scenario scenario) {
+  scenario_ = Playing{std::move(scenario), clock_.now()};
+}
+
+void Statistics::Numbers::replace(const std::array<std::optional<double>, kMaxFields>& by) {
+  for (size_t i = 0; i < by.size(); ++i) fields[i] = by[i].value_or(fields[i]);
+}
+
+Statistics::Numbers Statistics::numbers(StatisticKey key, const StatisticRow& row) const {
+  const RadioSample radio = sample(key);
+  Numbers numbers;
+  for (size_t i = 0; i < row.fields.size(); ++i) numbers.fields[i] = row.fields[i].read(radio, row.carrier);
+  if (row.is_there(radio, row.carrier)) numbers.source = Source::kRadio;
+  if (const auto played = scenario_ ? scenario_->scenario.at(key, seconds_played()) : std::nullopt) {
+    numbers.source = played->is_there ? Source::kScenario : Source::kNone;
+    numbers.replace(played->fields);
+  }
+  const auto fix = fixes_.find(key);
+  if (fix != fixes_.end()) {
+    numbers.source = Source::kOperator;
+    numbers.replace(fix->second.fields);
+  }
+  return numbers;
+}
+
+Statistics::Source Statistics::source(StatisticKey key) const {
+  if (fixes_.contains(key)) return Source::kOperator;
+  const StatisticRow* const row = find_statistic(key.id);
+  return row != nullptr ? numbers(key, *row).source : Source::kNone;
+}
+
+void Statistics::read(StatisticKey key, vs::DataRecord& record) const {
   record.sub = key.sub;
   record.id = key.id;
   record.data_len = 0;
@@ -111,37 +147,29 @@ void Statistics::read(Key key, vs::DataRecord& record) const {
   }
   const StatisticRow* const row = find_statistic(key.id);
   if (row == nullptr) return;
-  const RadioSample radio = sample(key);
-  if (fix == fixes_.end() && !row->is_there(radio, row->carrier)) return;
-  std::array<double, kMaxFields> numbers{};
-  for (size_t i = 0; i < row->fields.size(); ++i) {
-    const StatisticField& field = row->fields[i];
-    numbers[i] = field.read(radio, row->carrier);
-    if (fix == fixes_.end()) continue;
-    const auto fixed = fix->second.fields.find(field.name);
-    if (fixed != fix->second.fields.end()) numbers[i] = fixed->second;
-  }
-  record.data_len = static_cast<uint32_t>(pack(*row, numbers, record.data));
+  const Numbers value = numbers(key, *row);
+  if (value.source == Source::kNone) return;
+  record.data_len = static_cast<uint32_t>(pack(*row, value.fields, record.data));
 }
 
-void Statistics::clear(Key key) {
+void Statistics::clear(StatisticKey key) {
   if (find_statistic(key.id) != nullptr) cleared_[key] = clock_.now();
   const auto fix = fixes_.find(key);
   if (fix == fixes_.end() || !fix->second.bytes) return;
   std::fill(fix->second.bytes->begin(), fix->second.bytes->end(), uint8_t{0});
 }
 
-void Statistics::fix(Key key, std::vector<uint8_t> bytes) {
+void Statistics::fix(StatisticKey key, std::vector<uint8_t> bytes) {
   fixes_[key] = {std::move(bytes), {}};
 }
 
-void Statistics::fix(Key key, const StatisticField& field, double number) {
+void Statistics::fix(StatisticKey key, size_t field, double number) {
   Fix& fix = fixes_[key];
   fix.bytes.reset();
-  fix.fields[field.name] = number;
+  fix.fields[field] = number;
 }
 
-bool Statistics::release(Key key) {
+bool Statistics::release(StatisticKey key) {
   return fixes_.erase(key) > 0;
 }
 

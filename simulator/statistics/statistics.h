@@ -11,13 +11,13 @@
 #include <optional>
 #include <set>
 #include <span>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "modem_clock.h"
 #include "qmi/service.h"
 #include "radio/radio_picture.h"
+#include "scenario/scenario.h"
 #include "statistics/statistic_rows.h"
 #include "vs_messages.h"
 
@@ -28,19 +28,13 @@ class Statistics {
   static constexpr uint32_t kMaxReporters = 10;
   static constexpr ptrdiff_t kMaxRegistered = vs::kMaxEventEntries;  // of a reporter, for each subscription
 
-  struct Key {
-    uint16_t sub;
-    uint32_t id;
-    auto operator<=>(const Key&) const = default;
-  };
-
   Statistics(const ModemClock& clock, const RadioPictures& pictures) : clock_(clock), pictures_(pictures) {}
 
   // --- who reports what ---
 
   struct Reporter {
     std::optional<uint8_t> client;  // nothing: not granted
-    std::set<Key> registered;
+    std::set<StatisticKey> registered;
     uint16_t reports = 0;
   };
 
@@ -60,31 +54,56 @@ class Statistics {
   // --- values ---
 
   // Fills in the record's value; its length is 0 where the modem has none for the identifier.
-  void read(Key key, vs::DataRecord& record) const;
+  void read(StatisticKey key, vs::DataRecord& record) const;
 
   // What has happened counts from now on: an antenna switch before is forgotten, bytes that the operator fixed are
   // zero.
-  void clear(Key key);
+  void clear(StatisticKey key);
 
-  void fix(Key key, std::vector<uint8_t> bytes);
-  void fix(Key key, const StatisticField& field, double number);  // a field of the identifier
-  // The value is the radio picture's again. False where nothing was fixed.
-  bool release(Key key);
+  void fix(StatisticKey key, std::vector<uint8_t> bytes);
+  void fix(StatisticKey key, size_t field, double number);  // a field by its place in the identifier's row
+  // Nothing of the value is fixed any more. False where nothing was.
+  bool release(StatisticKey key);
+
+  // Where the value comes from: of several, the highest.
+  enum class Source { kNone, kRadio, kScenario, kOperator };
+  Source source(StatisticKey key) const;
+
+  // Begins now, in the place of an earlier one.
+  void play(Scenario scenario);
+  void stop_playing() { scenario_.reset(); }
+  const Scenario* playing() const { return scenario_ ? &scenario_->scenario : nullptr; }
+  double seconds_played() const;
 
  private:
   struct Fix {
     std::optional<std::vector<uint8_t>> bytes;  // the whole value
-    std::map<std::string_view, double> fields;
+    std::array<std::optional<double>, kMaxFields> fields;
+  };
+
+  struct Playing {
+    Scenario scenario;
+    ModemClock::Time start;
+  };
+
+  // A value before it is packed.
+  struct Numbers {
+    Source source = Source::kNone;
+    std::array<double, kMaxFields> fields{};
+
+    void replace(const std::array<std::optional<double>, kMaxFields>& by);
   };
 
   Reporter* find(uint8_t client, uint32_t reporter);
-  RadioSample sample(Key key) const;
+  RadioSample sample(StatisticKey key) const;
+  Numbers numbers(StatisticKey key, const StatisticRow& row) const;
 
   const ModemClock& clock_;
   const RadioPictures& pictures_;
   std::array<Reporter, kMaxReporters> reporters_;
-  std::map<Key, Fix> fixes_;
-  std::map<Key, ModemClock::Time> cleared_;
+  std::map<StatisticKey, Fix> fixes_;
+  std::map<StatisticKey, ModemClock::Time> cleared_;
+  std::optional<Playing> scenario_;
 };
 
 }  // namespace pelmar::sim

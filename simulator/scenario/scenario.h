@@ -1,0 +1,71 @@
+// A scenario: what statistics values are over time, instead of what the radio picture says.
+//
+// It is a set of tracks. A track gives fields of one statistics value of one subscription their numbers at points of
+// time, counted in seconds from the scenario's start; between points they are interpolated or stay, before the first
+// and after the last point they are that point's. A value with a track is there also where the picture has none, unless
+// the track of its presence says otherwise. The JSON form is in docs/simulator.md.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "statistics/statistic_rows.h"
+
+namespace pelmar::sim {
+
+// What a scenario says of one value at one moment.
+struct ScenarioNumbers {
+  bool is_there = false;
+  std::array<std::optional<double>, kMaxFields> fields;
+};
+
+class Scenario {
+ public:
+  // The place of the presence among a track's fields.
+  static constexpr size_t kPresence = kMaxFields;
+
+  struct Point {
+    double seconds;
+    std::vector<double> numbers;  // one a field
+  };
+
+  struct Track {
+    StatisticKey key;
+    std::vector<size_t> fields;  // places in the value's row, or kPresence, which is 0 or 1 and never interpolated
+    bool is_stepped = false;
+    std::vector<Point> points;  // one at least, by time
+  };
+
+  Scenario(std::string description, double repeat, std::vector<Track> tracks)
+      : description_(std::move(description)), repeat_(repeat), tracks_(std::move(tracks)) {}
+
+  const std::string& description() const { return description_; }
+  double repeat() const { return repeat_; }  // begins anew after that many seconds; 0: never
+  const std::vector<Track>& tracks() const { return tracks_; }
+
+  // Nothing where the value has no track.
+  std::optional<ScenarioNumbers> at(const StatisticKey& key, double seconds) const;
+
+ private:
+  std::string description_;
+  double repeat_;
+  std::vector<Track> tracks_;
+};
+
+// Names the place in the text, such as "tracks[2].points[0]", or its line and column where it is no JSON.
+class ScenarioError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+Scenario parse_scenario(std::string_view text);
+
+// The error begins with the path.
+Scenario load_scenario(const std::string& path);
+
+}  // namespace pelmar::sim
