@@ -1,13 +1,13 @@
 #include "event_text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <span>
 
 #include "bytes.h"
 #include "modem_api.h"
 #include "services.h"
+#include "statistic_values.h"
 #include "time_text.h"
 
 namespace pelmar::cli {
@@ -18,12 +18,6 @@ constexpr uint32_t kNoTrailer = 0xFFFFFFFF;
 constexpr size_t kIndent = 14;  // the width of a time and its blanks
 constexpr size_t kBytesInText = 24;
 
-std::string hex_number(uint32_t number) {
-  char text[16];
-  snprintf(text, sizeof text, "0x%x", number);
-  return text;
-}
-
 // Counts come from the modem; the library bounds them, and so does this.
 template <class Element, size_t N>
 std::span<const Element> counted(const Element (&elements)[N], uint32_t count) {
@@ -33,16 +27,20 @@ std::span<const Element> counted(const Element (&elements)[N], uint32_t count) {
 std::string record_line(const char* kind, const modem_api_event_record& record) {
   const auto bytes = counted(record.data, record.data_len);
   const auto shown = bytes.first(std::min(bytes.size(), kBytesInText));
+  const std::string fields = statistic_fields_text(record.id, bytes);
   return "\n" + std::string(kIndent, ' ') + kind + " sub " + std::to_string(record.sub) + " id " +
-         hex_number(record.id) + ", " + byte_count(bytes.size()) + (bytes.empty() ? "" : ": ") + to_hex(shown, " ") +
-         (shown.size() < bytes.size() ? " ..." : "");
+         statistic_text(record.id) + ", " + byte_count(bytes.size()) + (bytes.empty() ? "" : ": ") +
+         to_hex(shown, " ") + (shown.size() < bytes.size() ? " ..." : "") +
+         (fields.empty() ? "" : "\n" + std::string(kIndent + 2, ' ') + fields);
 }
 
 Json records_json(std::span<const modem_api_event_record> records) {
   Json list = Json::array();
   for (const modem_api_event_record& record : records) {
     Json object = {{"sub", record.sub}, {"id", record.id}};
-    put_bytes(object, counted(record.data, record.data_len));
+    const auto bytes = counted(record.data, record.data_len);
+    put_bytes(object, bytes);
+    put_statistic(object, record.id, bytes);
     list.push_back(std::move(object));
   }
   return list;

@@ -24,6 +24,7 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   bool is_json() const { return is_json_; }
+  int descriptor() const { return fileno(stream_); }
 
   // Writes the one or the other; the text's last line end is added where it is missing. Throws when it cannot.
   void print(const Json& document, std::string_view text);

@@ -1,6 +1,7 @@
 #include "services.h"
 
 #include "network_access_service_v01.h"
+#include "qmi_client.h"
 #include "specific_absorption_rate_v01.h"
 #include "vs_client.h"
 
@@ -41,6 +42,20 @@ std::span<const ServiceRow> services() {
 
 const ServiceRow& service_of(modem_api_client_type type) {
   return kServices[type];
+}
+
+bool is_present(const ServiceRow& service) {
+  qmi_client_type notifier = nullptr;
+  qmi_client_os_params parameters{};
+  if (qmi_client_notifier_init(service.object(), &parameters, &notifier) != QMI_NO_ERR) return false;
+  bool is_there = false;
+  const auto on_presence = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
+                              void* data) {
+    if (event == QMI_CLIENT_SERVICE_COUNT_INC) *static_cast<bool*>(data) = true;
+  };
+  qmi_client_register_notify_cb(notifier, on_presence, &is_there);
+  qmi_client_release(notifier);
+  return is_there;
 }
 
 modem_api_client_type nas_client_of(uint32_t sub) {

@@ -19,6 +19,10 @@ std::span<const ServiceRow> services();
 
 const ServiceRow& service_of(modem_api_client_type type);
 
+// Whether the modem has the service now. Asks the framework, which knows at once: opening an absent service would take
+// ten seconds.
+bool is_present(const ServiceRow& service);
+
 // The NAS client type of a subscription, 0 or 1.
 modem_api_client_type nas_client_of(uint32_t sub);
 

@@ -4,6 +4,7 @@
 
 #include "failure.h"
 #include "inbox.h"
+#include "modem_hydra.h"
 #include "output.h"
 #include "pelmar_log.h"
 #include "services.h"
@@ -30,28 +31,50 @@ void Session::initialise() {
   is_initialised_ = true;
 }
 
-int32_t Session::open(modem_api_client_type type) {
+void Session::prepare() {
   const std::string problem = modem().problem();
   if (!problem.empty()) {
     remark("nobody serves " + modem().socket() + " (" + problem + "); trying for ten seconds");
   }
   initialise();
+}
+
+std::string Session::absence_advice() {
+  return "No such service answered on " + modem().socket() +
+         ". 'modem_api_test info' shows what is there; --modem SOCKET names another modem.";
+}
+
+int32_t Session::open(modem_api_client_type type) {
+  prepare();
   int32_t client = -1;
   const modem_api_result result = modem_api_init_client(type, Inbox::receive_event, Inbox::receive_notice, &client);
-  const std::string advice = "No such service answered on " + modem().socket() +
-                             ". 'modem_api_test info' shows what is there; --modem SOCKET names another modem.";
+  const std::string advice = absence_advice();
   check(result, std::string("connecting to ") + service_of(type).title, {{MODEM_API_ERR_GENERIC, advice.c_str()}});
   const std::lock_guard lock(mutex_);
   clients_.push_back(client);
   return client;
 }
 
+void Session::open_hydra() {
+  if (!is_initialised_) prepare();
+  {
+    const std::lock_guard lock(mutex_);
+    is_hydra_open_ = true;  // whatever becomes of it: closing does no harm
+  }
+  if (modem_hydra_api_init() != 0) return;
+  throw Failure(std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title, "the service is not up",
+                absence_advice());
+}
+
 void Session::close() {
   std::vector<int32_t> clients;
+  bool closes_hydra = false;
   {
     const std::lock_guard lock(mutex_);
     clients.swap(clients_);
+    closes_hydra = std::exchange(is_hydra_open_, false);
   }
+  if (closes_hydra) modem_hydra_api_deinit();
   for (const int32_t client : clients) modem_api_free_client(client);
 }
 

@@ -27,12 +27,18 @@ class Session {
   // Opens a client whose events and notices go to the inbox. Throws where the service does not come up.
   int32_t open(modem_api_client_type type);
 
-  // Frees the clients that are open. Also called by the signal thread while a command waits; does nothing the second
-  // time.
+  // Opens hydra, again where it is open already. It drops the other clients of the process: a command uses the one or
+  // the others. Throws where the service does not come up.
+  void open_hydra();
+
+  // Frees the clients that are open, and hydra's. Also called by the signal thread while a command waits; does nothing
+  // the second time.
   void close();
 
  private:
   void initialise();
+  void prepare();
+  std::string absence_advice();
 
   const std::string named_modem_;
   std::optional<ModemChoice> modem_;
@@ -40,6 +46,7 @@ class Session {
 
   std::mutex mutex_;
   std::vector<int32_t> clients_;
+  bool is_hydra_open_ = false;
 };
 
 }  // namespace pelmar::cli

@@ -39,4 +39,18 @@ std::string utc_text(WallClock::time_point time) {
   return text;
 }
 
+std::optional<WallClock::time_point> parse_utc_text(const std::string& text) {
+  tm utc{};
+  int milliseconds = 0;
+  int length = 0;
+  const int fields = sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ%n", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
+                            &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &milliseconds, &length);
+  if (fields != 7 || static_cast<size_t>(length) != text.size()) return std::nullopt;
+  utc.tm_year -= 1900;
+  utc.tm_mon -= 1;
+  const auto time = WallClock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(milliseconds);
+  if (utc_text(time) != text) return std::nullopt;  // a field was out of its range
+  return time;
+}
+
 }  // namespace pelmar::cli

@@ -9,7 +9,6 @@
 #include "json.h"
 #include "pelmar_process.h"
 #include "pelmar_property.h"
-#include "qmi_client.h"
 #include "qmi_idl_lib_internal.h"
 #include "services.h"
 
@@ -37,23 +36,8 @@ struct ServiceState {
   std::string text;  // up, absent, or why it cannot be opened
 };
 
-// Asks the framework, which knows at once: opening an absent service would take ten seconds.
-bool is_present(qmi_idl_service_object_type object) {
-  qmi_client_type notifier = nullptr;
-  qmi_client_os_params parameters{};
-  if (qmi_client_notifier_init(object, &parameters, &notifier) != QMI_NO_ERR) return false;
-  bool is_there = false;
-  const auto on_presence = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
-                              void* data) {
-    if (event == QMI_CLIENT_SERVICE_COUNT_INC) *static_cast<bool*>(data) = true;
-  };
-  qmi_client_register_notify_cb(notifier, on_presence, &is_there);
-  qmi_client_release(notifier);
-  return is_there;
-}
-
 ServiceState probe(const Context& context, const ServiceRow& service) {
-  if (!is_present(service.object())) return {false, "absent"};
+  if (!is_present(service)) return {false, "absent"};
   try {
     context.session.open(service.type);
     return {true, "up"};

@@ -1,0 +1,194 @@
+// signal: what the radio receives, read once, watched, recorded, or drawn from a recording.
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command_line.h"
+#include "commands/commands.h"
+#include "failure.h"
+#include "json.h"
+#include "options.h"
+#include "signal/listeners.h"
+#include "signal/plot.h"
+#include "signal/reading_text.h"
+#include "signal/source.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+constexpr uint32_t kUsualRate = 2;
+constexpr uint32_t kHighestRate = 50;
+
+struct SignalValues {
+  std::optional<uint32_t> sub;
+  bool watch = false;
+  std::optional<uint32_t> rate;
+  uint32_t count = 0;    // 0: no limit
+  uint32_t seconds = 0;  // 0: no limit
+  std::string csv;
+  std::string plot;
+  std::string from;
+
+  bool is_series() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !plot.empty(); }
+  std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
+};
+
+// --- one reading ---
+
+void show_once(const Context& context, const SignalValues& values) {
+  SignalSource source(context.session);
+  const std::vector<uint32_t> subs = values.subs();
+  const auto reading = source.read(subs);
+  if (!reading) throw Failure("reading the signal", source.problem(), "Check that the modem is alive, then try again.");
+  context.output.print(reading_json(*reading), reading_text(*reading));
+}
+
+// --- pictures ---
+
+void write_plot(const Recording& recording, const std::string& path) {
+  if (recording.is_empty()) {
+    throw Failure("drawing '" + path + "'", "the recording has no carrier in it",
+                  "'modem_api_test signal' shows them.");
+  }
+  std::ofstream file(path);
+  file << plot_svg(recording);
+  if (!file.flush()) throw Failure::of_system("writing the file '" + path + "'");
+}
+
+void draw_from_file(const Context& context, const SignalValues& values) {
+  std::ifstream file(values.from);
+  if (!file) throw Failure::of_system("reading the file '" + values.from + "'");
+  Recording recording;
+  recording.add_csv(file, "the file '" + values.from + "'");
+  write_plot(recording, values.plot);
+  context.output.print({{"from", values.from}, {"plot", values.plot}},
+                       "picture of " + values.from + " written to " + values.plot);
+}
+
+// --- a series of readings ---
+
+class Series {
+ public:
+  Series(const Context& context, const SignalValues& values)
+      : context_(context), values_(values), source_(context.session), subs_(values.subs()) {
+    const uint32_t rate = values.rate.value_or(kUsualRate);
+    period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
+    if (!values.csv.empty()) listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv));
+    if (!values.plot.empty()) listeners_.push_back(std::make_unique<Recorder>(recording_));
+    if (auto shown = make_presentation(rate)) listeners_.push_back(std::move(shown));
+  }
+
+  // Until the count, the time, or the user's wish to end.
+  void run() {
+    const Signals::Follower ends_by_itself(context_.signals);
+    Clock::time_point next = Clock::now();
+    const Clock::time_point end =
+        values_.seconds > 0 ? next + std::chrono::seconds(values_.seconds) : Clock::time_point::max();
+    while (!is_complete() && next < end && context_.inbox.pause_until(next)) {
+      take();
+      next = std::max(next + period_, Clock::now());
+    }
+    listeners_.clear();
+  }
+
+  void finish() const {
+    if (!values_.plot.empty()) write_plot(recording_, values_.plot);
+    report_files();
+    if (context_.inbox.is_interrupted() || values_.count == 0 || is_complete()) return;
+    throw Failure("recording the signal",
+                  "only " + std::to_string(readings_) + " of " + std::to_string(values_.count) + " readings came in " +
+                      std::to_string(values_.seconds) + " seconds",
+                  "Wait longer with --for SECONDS, or read faster with --rate N.");
+  }
+
+ private:
+  std::unique_ptr<SignalListener> make_presentation(uint32_t rate) const {
+    Output& output = context_.output;
+    if (output.is_json()) return std::make_unique<JsonLines>(output);
+    if (values_.csv == "-") return nullptr;
+    if (values_.watch && is_screen(output)) {
+      return std::make_unique<LiveWatch>(output, context_.session.modem().socket(), rate);
+    }
+    const bool is_quiet = !values_.watch && (!values_.csv.empty() || !values_.plot.empty());
+    return is_quiet ? nullptr : std::make_unique<LogWatch>(output, !values_.watch);
+  }
+
+  bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
+
+  void take() {
+    const auto reading = source_.read(subs_);
+    for (const auto& listener : listeners_) {
+      if (reading) {
+        listener->take(*reading);
+      } else {
+        listener->miss(source_.problem());
+      }
+    }
+    readings_ += reading ? 1 : 0;
+  }
+
+  void report_files() const {
+    Json document = {{"readings", readings_}};
+    std::string text;
+    for (const auto& [word, path] : {std::pair("csv", values_.csv), std::pair("plot", values_.plot)}) {
+      if (path.empty() || path == "-") continue;
+      document[word] = path;
+      text += (text.empty() ? " written to " : " and ") + path;
+    }
+    if (text.empty() || values_.csv == "-") return;
+    context_.output.print(document, std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings") + text);
+  }
+
+  const Context& context_;
+  const SignalValues& values_;
+  SignalSource source_;
+  const std::vector<uint32_t> subs_;
+  Clock::duration period_{};
+  std::vector<std::unique_ptr<SignalListener>> listeners_;
+  Recording recording_;
+  uint32_t readings_ = 0;
+};
+
+void refuse_contradictions(const Context& context, const SignalValues& values) {
+  if (!values.from.empty() && values.plot.empty()) {
+    throw Failure::of_usage("--from names a recording, but nothing is to be made of it", "Add --plot FILE.svg.");
+  }
+  const bool reads = values.watch || values.rate || values.count > 0 || values.seconds > 0 || !values.csv.empty();
+  if (!values.from.empty() && reads) {
+    throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
+                            "Leave out --from, or all but --plot.");
+  }
+  if (values.csv == "-" && (context.output.is_json() || values.watch)) {
+    throw Failure::of_usage("--csv - wants the standard output for itself", "Give --csv a file.");
+  }
+}
+
+void run_signal(const Context& context, const SignalValues& values) {
+  refuse_contradictions(context, values);
+  if (!values.from.empty()) return draw_from_file(context, values);
+  if (!values.is_series()) return show_once(context, values);
+  Series series(context, values);
+  series.run();
+  series.finish();
+}
+
+}  // namespace
+
+void add_signal_command(CommandLine& line) {
+  auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
+  add_number(command, "--sub", "the subscription, 0 or 1 (both)", 0, 1,
+             [&sub = values.sub](int64_t value) { sub = static_cast<uint32_t>(value); });
+  command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
+  add_number(command, "--rate", "readings a second (2)", 1, kHighestRate,
+             [&rate = values.rate](int64_t value) { rate = static_cast<uint32_t>(value); });
+  add_number(command, "--count", values.count, "end after that many readings");
+  add_number(command, "--for", values.seconds, "end after that many seconds")->type_name("SECONDS");
+  command.add_option("--csv", values.csv, "record to this file (-: standard output)")->type_name("FILE");
+  command.add_option("--plot", values.plot, "draw RSRP and SNR over time, as SVG")->type_name("FILE");
+  command.add_option("--from", values.from, "draw this CSV recording, instead of reading")->type_name("FILE");
+}
+
+}  // namespace pelmar::cli

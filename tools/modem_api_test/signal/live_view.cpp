@@ -1,0 +1,252 @@
+#include "signal/live_view.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "signal/bars.h"
+#include "signal/reading_text.h"
+#include "time_text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+constexpr const char* kPlain = "\033[0m";
+constexpr const char* kBold = "\033[1m";
+constexpr const char* kDim = "\033[2m";
+constexpr const char* kAlarm = "\033[1;31m";
+constexpr const char* kGood = "\033[32m";
+constexpr const char* kFair = "\033[33m";
+constexpr const char* kPoor = "\033[31m";
+
+constexpr double kGoodRsrp = -95;
+constexpr double kFairRsrp = -110;
+constexpr double kLeastNumber = -999;  // that the columns have room for
+constexpr double kMostNumber = 999;
+constexpr double kLeastHistorySpan = 12;  // dB: smaller changes look small
+
+// Widths of the columns; 0: the column is left out.
+struct Layout {
+  size_t place = 0;  // channel and PCI
+  size_t bar = 0;
+  size_t history = 0;
+};
+
+constexpr size_t kNameWidth = 8;
+constexpr size_t kPlaceWidth = 11;
+constexpr size_t kLevelWidth = 5;
+constexpr size_t kSnrWidth = 6;
+constexpr size_t kUsualBar = 4;
+constexpr size_t kMostBar = 16;
+constexpr size_t kLeastHistory = 6;
+constexpr size_t kUsualHistory = 18;
+constexpr size_t kMostHistory = 100;
+
+// Columns of the terminal that are not given away yet.
+class Columns {
+ public:
+  explicit Columns(size_t count) : left_(count) {}
+
+  // False, and nothing taken, where there are not enough.
+  bool take(size_t count) {
+    if (count > left_) return false;
+    left_ -= count;
+    return true;
+  }
+
+ private:
+  size_t left_;
+};
+
+// Numbers come first, then where they were measured, then bars, then the history.
+Layout layout_of(size_t columns) {
+  Layout layout;
+  Columns left(columns);
+  if (!left.take(kNameWidth + kChains * kLevelWidth + kSnrWidth)) return layout;
+  if (left.take(kPlaceWidth)) layout.place = kPlaceWidth;
+  while (layout.bar < kUsualBar && left.take(kChains * (layout.bar == 0 ? 2 : 1))) ++layout.bar;
+  if (layout.bar == kUsualBar && left.take(1 + kLeastHistory)) layout.history = kLeastHistory;
+  if (layout.history == 0) return layout;
+  while (layout.history < kUsualHistory && left.take(1)) ++layout.history;
+  while (layout.bar < kMostBar && left.take(kChains)) ++layout.bar;
+  while (layout.history < kMostHistory && left.take(1)) ++layout.history;
+  return layout;
+}
+
+std::string left_aligned(std::string text, size_t width) {
+  text.resize(std::max(text.size(), width), ' ');
+  return text;
+}
+
+std::string right_aligned(const std::string& text, size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
+template <class Number>
+std::string text_or_dash(const std::optional<Number>& value) {
+  return value ? std::to_string(*value) : "-";
+}
+
+// What a line is worth when there are too few rows: the largest goes first.
+enum Rank { kKeep, kPrimary, kHeading, kSecondary, kGain, kAntennas, kSpace };
+
+struct Line {
+  std::string text;
+  Rank rank;
+};
+
+class View {
+ public:
+  View(const Reading& reading, const History& history, const LiveState& state, TerminalSize size, bool with_colour)
+      : reading_(reading),
+        history_(history),
+        state_(state),
+        size_(size),
+        with_colour_(with_colour),
+        layout_(layout_of(size.columns)) {}
+
+  std::vector<std::string> lines() {
+    add_headings();
+    for (const SubscriptionReading& sub : reading_.subs) add_subscription(sub);
+    const size_t hidden = hide_surplus();
+    std::vector<std::string> lines = {status(hidden)};
+    for (const Line& line : lines_) lines.push_back(clip(line.text, size_.columns));
+    return lines;
+  }
+
+ private:
+  std::string coloured(const char* colour, const std::string& text) const {
+    return with_colour_ ? colour + text + kPlain : text;
+  }
+
+  std::string status(size_t hidden) const {
+    if (!state_.trouble.empty()) return clip(coloured(kAlarm, state_.trouble), size_.columns);
+    std::string text;
+    if (hidden > 0) text = "(" + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
+    text += local_text(reading_.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
+            std::to_string(state_.rate) + " a second  Ctrl-C ends  " + state_.modem;
+    return clip(coloured(kBold, text), size_.columns);
+  }
+
+  void add_headings() {
+    std::string text = std::string(kNameWidth, ' ');
+    if (layout_.place > 0) text += right_aligned("channel PCI", layout_.place);
+    for (size_t chain = 0; chain < kChains; ++chain) {
+      text += left_aligned("  rx" + std::to_string(chain), chain_width());
+    }
+    text += right_aligned("SNR", kSnrWidth);
+    if (layout_.history > 0) text += " RSRP, " + std::to_string(layout_.history) + " s";
+    lines_.push_back({text, kHeading});
+  }
+
+  size_t chain_width() const { return kLevelWidth + (layout_.bar > 0 ? layout_.bar + 1 : 0); }
+
+  void add_subscription(const SubscriptionReading& sub) {
+    if (lines_.size() > 1) lines_.push_back({"", kSpace});
+    lines_.push_back({coloured(kBold, "subscription " + std::to_string(sub.sub) + ": " + state_text(sub)), kKeep});
+    if (sub.carriers.empty()) lines_.push_back({"no carrier", kPrimary});
+    for (const Carrier& carrier : sub.carriers) add_carrier(sub.sub, carrier);
+    for (const GainRow& row : gain_rows(sub)) {
+      lines_.push_back({name_and_place(std::string(row.title) + " rx", "") + chains(row.levels, kRssiRange), kGain});
+    }
+    if (const std::string text = antennas_text(sub); !text.empty()) lines_.push_back({"antennas " + text, kAntennas});
+  }
+
+  void add_carrier(uint32_t sub, const Carrier& carrier) {
+    const std::string place =
+        right_aligned(text_or_dash(carrier.channel), 7) + right_aligned(text_or_dash(carrier.pci), 4);
+    std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpRange);
+    text += right_aligned(level_text(strongest(carrier.snr)), kSnrWidth);
+    if (layout_.history > 0) {
+      text += " " + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan);
+    }
+    lines_.push_back({text, carrier.name.index == 0 ? kPrimary : kSecondary});
+  }
+
+  std::string name_and_place(const std::string& name, const std::string& place) const {
+    return left_aligned(name, kNameWidth) + (layout_.place > 0 ? left_aligned(place, layout_.place) : "");
+  }
+
+  // Whole dB and a bar for each chain.
+  std::string chains(const Levels& levels, LevelRange range) const {
+    std::string text;
+    for (const double level : levels) {
+      text += right_aligned(whole_level_text(std::clamp(level, kLeastNumber, kMostNumber)), kLevelWidth);
+      if (layout_.bar > 0) text += " " + coloured(colour_of(level), bar(level, range, layout_.bar));
+    }
+    return text;
+  }
+
+  const char* colour_of(double level) const {
+    if (!state_.trouble.empty()) return kDim;
+    if (level >= kGoodRsrp) return kGood;
+    return level >= kFairRsrp ? kFair : kPoor;
+  }
+
+  // Until the lines and the status fit. Returns how many went.
+  size_t hide_surplus() {
+    size_t hidden = 0;
+    const size_t most = std::max<size_t>(size_.rows, 2) - 1;
+    while (lines_.size() > most) {
+      const auto least = std::max_element(lines_.rbegin(), lines_.rend(),
+                                          [](const Line& a, const Line& b) { return a.rank < b.rank; });
+      hidden += least->rank == kSpace ? 0 : 1;
+      lines_.erase(std::next(least).base());
+    }
+    return hidden;
+  }
+
+  const Reading& reading_;
+  const History& history_;
+  const LiveState& state_;
+  const TerminalSize size_;
+  const bool with_colour_;
+  const Layout layout_;
+  std::vector<Line> lines_;
+};
+
+// The length of the character or colour sequence at the start; `columns` becomes what it takes on the screen.
+size_t next_element(std::string_view text, size_t& columns) {
+  columns = 0;
+  if (text.starts_with('\033')) return std::min(text.size(), text.find('m') + 1);
+  columns = 1;
+  size_t length = 1;
+  while (length < text.size() && (static_cast<uint8_t>(text[length]) & 0xC0) == 0x80) ++length;
+  return length;
+}
+
+}  // namespace
+
+size_t display_width(std::string_view text) {
+  size_t width = 0;
+  while (!text.empty()) {
+    size_t columns = 0;
+    text.remove_prefix(next_element(text, columns));
+    width += columns;
+  }
+  return width;
+}
+
+std::string clip(std::string_view text, size_t columns) {
+  std::string clipped;
+  bool is_coloured = false;
+  while (!text.empty()) {
+    size_t taken = 0;
+    const size_t length = next_element(text, taken);
+    if (taken > columns) break;
+    const std::string_view element = text.substr(0, length);
+    if (taken == 0) is_coloured = element != kPlain;
+    clipped += element;
+    columns -= taken;
+    text.remove_prefix(length);
+  }
+  if (is_coloured) clipped += kPlain;
+  return clipped;
+}
+
+std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
+                                   TerminalSize size, bool with_colour) {
+  return View(reading, history, state, size, with_colour).lines();
+}
+
+}  // namespace pelmar::cli

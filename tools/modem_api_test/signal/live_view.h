@@ -1,0 +1,37 @@
+// The picture of `signal --watch`: lines that fit a terminal of any size, from the last reading and the history.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "signal/history.h"
+#include "signal/reading.h"
+
+namespace pelmar::cli {
+
+struct TerminalSize {
+  size_t columns = 80;
+  size_t rows = 24;
+};
+
+struct LiveState {
+  std::string modem;    // its socket
+  std::string trouble;  // why there is no reading now; empty: there is
+  size_t readings = 0;
+  uint32_t rate = 0;
+};
+
+// None is wider than the terminal, and there are no more than it has rows: what matters least is left out, and counted
+// in the first line. A reading that is out of date is shown dimmed below the trouble.
+std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
+                                   TerminalSize size, bool with_colour);
+
+// Columns that the text takes: characters, without colour sequences.
+size_t display_width(std::string_view text);
+
+// The text's first `columns` columns; colours end with it.
+std::string clip(std::string_view text, size_t columns);
+
+}  // namespace pelmar::cli

@@ -1,0 +1,252 @@
+#include "signal/plot.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <iterator>
+
+#include "signal/axis.h"
+#include "time_text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+using Track = Recording::Track;
+
+// Places in the picture, in its units.
+constexpr double kWidth = 1000;
+constexpr double kHeight = 660;
+constexpr double kLeft = 76;
+constexpr double kRight = 830;
+constexpr double kFirstPanelTop = 72;
+constexpr double kPanelHeight = 240;
+constexpr double kPanelGap = 34;
+constexpr double kLegendLeft = 852;
+constexpr double kLegendStep = 22;
+constexpr int kMostLevelTicks = 7;
+constexpr int kMostTimeTicks = 9;
+
+// A gap between two points that is so many times the usual one interrupts the line: the modem was away.
+constexpr double kGapFactor = 4;
+
+// Points that stand closer than this are drawn as their highest and lowest.
+constexpr double kResolution = 0.5;
+
+// A carrier has its colour in every picture; subscriptions differ by their dashes.
+constexpr const char* kLteColours[] = {"#0072b2", "#d55e00", "#009e73", "#e69f00", "#cc79a7", "#56b4e9", "#8c564b"};
+constexpr const char* kNrColours[] = {"#000000", "#7f7f7f", "#bcbd22"};
+constexpr const char* kDashes[kSubscriptions] = {"", R"( stroke-dasharray="7 4")"};
+
+struct Panel {
+  const char* title;
+  double TrackPoint::*level;
+  double top;
+};
+
+constexpr Panel kPanels[] = {
+    {"RSRP [dBm]", &TrackPoint::rsrp, kFirstPanelTop},
+    {"SNR [dB]", &TrackPoint::snr, kFirstPanelTop + kPanelHeight + kPanelGap},
+};
+
+std::string number(double value) {
+  char text[32];
+  snprintf(text, sizeof text, "%.1f", value);
+  return text;
+}
+
+std::string label(double value) {
+  char text[32];
+  snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+std::string line(double x1, double y1, double x2, double y2, const char* attributes) {
+  return "<line x1=\"" + number(x1) + "\" y1=\"" + number(y1) + "\" x2=\"" + number(x2) + "\" y2=\"" + number(y2) +
+         "\" " + attributes + "/>\n";
+}
+
+struct Point {
+  double x;
+  double y;
+};
+
+// At most two points a column of the picture, whatever the recording's length.
+std::vector<Point> thinned(const std::vector<Point>& points) {
+  std::vector<Point> thin;
+  const auto column = [](const Point& point) { return std::floor(point.x / kResolution); };
+  for (auto begin = points.begin(); begin != points.end();) {
+    const auto end =
+        std::find_if(begin, points.end(), [&](const Point& point) { return column(point) != column(*begin); });
+    const auto [low, high] = std::minmax_element(begin, end, [](const Point& a, const Point& b) { return a.y < b.y; });
+    thin.push_back(*std::min(low, high));
+    if (low != high) thin.push_back(*std::max(low, high));
+    begin = end;
+  }
+  return thin;
+}
+
+std::string words(double x, double y, const std::string& text, const std::string& attributes = "") {
+  return "<text x=\"" + number(x) + "\" y=\"" + number(y) + "\" " + attributes + ">" + text + "</text>\n";
+}
+
+double seconds_between(WallClock::time_point from, WallClock::time_point to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
+// Above this time between two points, in seconds, the line is interrupted.
+double gap_of(const Track& track) {
+  std::vector<double> steps;
+  for (size_t i = 1; i < track.size(); ++i) steps.push_back(seconds_between(track[i - 1].time, track[i].time));
+  if (steps.empty()) return 0;
+  const auto middle = steps.begin() + static_cast<ptrdiff_t>(steps.size() / 2);
+  std::nth_element(steps.begin(), middle, steps.end());
+  return *middle * kGapFactor;
+}
+
+class Picture {
+ public:
+  explicit Picture(const Recording& recording) : recording_(recording) {
+    start_ = recording.tracks().begin()->second.front().time;
+    end_ = start_;
+    for (const auto& [key, track] : recording.tracks()) {
+      start_ = std::min(start_, track.front().time);
+      end_ = std::max(end_, track.back().time);
+    }
+    time_ = time_axis(seconds_between(start_, end_), kMostTimeTicks);
+  }
+
+  std::string draw() {
+    begin();
+    for (const Panel& panel : kPanels) draw_panel(panel);
+    draw_time_labels();
+    draw_legend();
+    return svg_ + "</svg>\n";
+  }
+
+ private:
+  void begin() {
+    const std::string size = "width=\"" + number(kWidth) + "\" height=\"" + number(kHeight) + "\"";
+    svg_ = "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " + number(kWidth) + " " +
+           number(kHeight) + "\" font-family=\"Helvetica, Arial, sans-serif\" font-size=\"13\" fill=\"#222\">\n" +
+           "<rect " + size + " fill=\"#fff\"/>\n";
+    svg_ += words(kLeft, 30, "Signal of the serving carriers", R"(font-size="19" font-weight="bold")");
+    const double length = seconds_between(start_, end_);
+    svg_ += words(kLeft, 52, start_text() + " UTC, " + number(length) + " s; strongest receive chain of each carrier",
+                  "fill=\"#555\"");
+  }
+
+  // "2026-11-21 10:02:03".
+  std::string start_text() const {
+    std::string text = utc_text(start_).substr(0, 19);
+    text[10] = ' ';
+    return text;
+  }
+
+  double x_of(double seconds) const { return kLeft + time_.share(seconds) * (kRight - kLeft); }
+
+  static double y_of(const Panel& panel, const Axis& axis, double level) {
+    return panel.top + (1 - axis.share(level)) * kPanelHeight;
+  }
+
+  // Of all that the panel shows.
+  Axis axis_of(const Panel& panel) const {
+    double low = NAN;
+    double high = NAN;
+    for (const auto& [key, track] : recording_.tracks()) {
+      for (const TrackPoint& point : track) {
+        low = std::fmin(low, point.*panel.level);
+        high = std::fmax(high, point.*panel.level);
+      }
+    }
+    return std::isnan(low) ? level_axis(0, 1, kMostLevelTicks) : level_axis(low, high, kMostLevelTicks);
+  }
+
+  void draw_panel(const Panel& panel) {
+    const Axis axis = axis_of(panel);
+    const double bottom = panel.top + kPanelHeight;
+    for (const double tick : axis.ticks()) {
+      const double y = y_of(panel, axis, tick);
+      svg_ += line(kLeft, y, kRight, y, "stroke=\"#ddd\"");
+      svg_ += words(kLeft - 8, y + 4.5, label(tick), "text-anchor=\"end\"");
+    }
+    for (const double tick : time_.ticks()) {
+      svg_ += line(x_of(tick), panel.top, x_of(tick), bottom, "stroke=\"#eee\"");
+      svg_ += line(x_of(tick), bottom, x_of(tick), bottom + 5, "stroke=\"#444\"");
+    }
+    const double middle = panel.top + kPanelHeight / 2;
+    svg_ +=
+        words(24, middle, panel.title, "text-anchor=\"middle\" transform=\"rotate(-90 24 " + number(middle) + ")\"");
+    for (const auto& [key, track] : recording_.tracks()) draw_track(panel, axis, style_of(key), track);
+    svg_ += "<rect x=\"" + number(kLeft) + "\" y=\"" + number(panel.top) + "\" width=\"" + number(kRight - kLeft) +
+            "\" height=\"" + number(kPanelHeight) + "\" fill=\"none\" stroke=\"#444\"/>\n";
+  }
+
+  static std::string style_of(const Recording::Key& key) {
+    const auto& [sub, carrier] = key;
+    const bool is_lte = carrier.technology == Technology::kLte;
+    const char* const colour = is_lte ? kLteColours[carrier.index % std::size(kLteColours)]
+                                      : kNrColours[carrier.index % std::size(kNrColours)];
+    return "fill=\"none\" stroke-width=\"1.7\" stroke-linejoin=\"round\" stroke-linecap=\"round\" stroke=\"" +
+           std::string(colour) + "\"" + kDashes[sub % kSubscriptions];
+  }
+
+  void draw_track(const Panel& panel, const Axis& axis, const std::string& style, const Track& track) {
+    const double gap = gap_of(track);
+    std::vector<Point> run;
+    const TrackPoint* last = nullptr;
+    for (const TrackPoint& point : track) {
+      const double level = point.*panel.level;
+      const bool is_interrupted = last != nullptr && seconds_between(last->time, point.time) > gap;
+      if (std::isnan(level) || is_interrupted) finish_run(run, style);
+      if (std::isnan(level)) continue;
+      run.push_back({x_of(seconds_between(start_, point.time)), y_of(panel, axis, level)});
+      last = &point;
+    }
+    finish_run(run, style);
+  }
+
+  // A lone point is drawn as a dot.
+  void finish_run(std::vector<Point>& run, const std::string& style) {
+    if (run.empty()) return;
+    std::vector<Point> points = thinned(run);
+    if (points.size() == 1) points.push_back(points.front());
+    svg_ += "<polyline " + style + " points=\"";
+    for (const Point& point : points) svg_ += number(point.x) + "," + number(point.y) + " ";
+    svg_.back() = '"';
+    svg_ += "/>\n";
+    run.clear();
+  }
+
+  void draw_time_labels() {
+    const double bottom = kPanels[1].top + kPanelHeight;
+    for (const double tick : time_.ticks()) {
+      svg_ += words(x_of(tick), bottom + 20, time_label(time_, tick), "text-anchor=\"middle\"");
+    }
+    svg_ += words((kLeft + kRight) / 2, bottom + 44, "time since the start [" + time_unit(time_) + "]",
+                  "text-anchor=\"middle\"");
+  }
+
+  void draw_legend() {
+    double y = kFirstPanelTop + 8;
+    for (const auto& [key, track] : recording_.tracks()) {
+      svg_ += line(kLegendLeft, y, kLegendLeft + 30, y, style_of(key).c_str());
+      svg_ += words(kLegendLeft + 38, y + 4.5, "sub " + std::to_string(key.first) + " " + text_of(key.second));
+      y += kLegendStep;
+    }
+  }
+
+  const Recording& recording_;
+  WallClock::time_point start_;
+  WallClock::time_point end_;
+  Axis time_{};
+  std::string svg_;
+};
+
+}  // namespace
+
+std::string plot_svg(const Recording& recording) {
+  return Picture(recording).draw();
+}
+
+}  // namespace pelmar::cli

@@ -1,0 +1,106 @@
+// One reading of the radio of the subscriptions, as every form of output takes it: plain data, without the library.
+//
+// Levels are in dB or dBm, one a receive chain. What the modem did not measure is not a number.
+#pragma once
+
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "inbox.h"
+
+namespace pelmar::cli {
+
+inline constexpr uint32_t kSubscriptions = 2;
+inline constexpr size_t kChains = 4;
+inline constexpr double kNoLevel = std::numeric_limits<double>::quiet_NaN();
+
+using Levels = std::array<double, kChains>;
+inline constexpr Levels kNoLevels = {kNoLevel, kNoLevel, kNoLevel, kNoLevel};
+
+// The level of the strongest chain; no level where none measured.
+double strongest(const Levels& levels);
+bool has_level(const Levels& levels);
+
+enum class Technology { kLte, kNr };
+
+// Which carrier of a subscription: 0 is the primary one, others count the secondary ones.
+struct CarrierName {
+  Technology technology = Technology::kLte;
+  uint32_t index = 0;
+
+  auto operator<=>(const CarrierName&) const = default;
+};
+
+std::string text_of(Technology technology);    // "LTE", for people
+std::string text_of(const CarrierName& name);  // "LTE pcc", "NR scc1", for people
+std::string word_of(const CarrierName& name);  // "lte_pcc", "nr_scc1", for scripts
+std::optional<CarrierName> carrier_of_word(const std::string& word);
+
+struct Carrier {
+  CarrierName name;
+  std::optional<uint32_t> channel;
+  std::optional<uint32_t> pci;
+  Levels rsrp = kNoLevels;
+  Levels rsrq = kNoLevels;  // NR reports one for all chains: the first
+  Levels rssi = kNoLevels;
+  Levels snr = kNoLevels;
+};
+
+// Antennas of a chain before and after the last switch.
+struct AntennaSwitch {
+  uint32_t before = 0;
+  uint32_t now = 0;
+};
+
+// The antenna switching of the transmit resource manager.
+struct TransmitSwitching {
+  uint32_t antennas = 0;
+  uint32_t switch_path = 0;
+  uint32_t signal_path = 0;
+  AntennaSwitch configuration;
+};
+
+struct SubscriptionReading {
+  uint32_t sub = 0;
+  std::optional<uint32_t> mode;     // MODEM_SYS_MODE_*, or another number
+  std::optional<int32_t> tx_power;  // dBm
+  std::vector<Carrier> carriers;
+  Levels wcdma_gain = kNoLevels;
+  Levels gsm_gain = kNoLevels;
+  std::vector<AntennaSwitch> rx_antennas;  // of NR; by chain
+  std::vector<AntennaSwitch> tx_antennas;
+  std::optional<TransmitSwitching> transmit_switching;
+
+  // Whether the modem had any value.
+  bool has_values() const { return mode || !carriers.empty() || !rx_antennas.empty() || transmit_switching; }
+};
+
+struct Reading {
+  WallClock::time_point time;
+  std::vector<SubscriptionReading> subs;
+};
+
+// "LTE", "NR", "mode 5"; "no mode".
+std::string mode_text(const std::optional<uint32_t>& mode);
+
+// "-84.5"; "-" for no level.
+std::string level_text(double level);
+
+// "-85"; "-" for no level.
+std::string whole_level_text(double level);
+
+// The receive gain by technology, where chains have one: what NR's carrier has as RSSI, and what the others measure.
+struct GainRow {
+  const char* title;
+  const char* word;
+  Levels levels;
+};
+std::vector<GainRow> gain_rows(const SubscriptionReading& reading);
+
+}  // namespace pelmar::cli

@@ -1,0 +1,166 @@
+#include "signal/recording.h"
+
+#include <charconv>
+
+#include "failure.h"
+#include "options.h"
+#include "time_text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+struct LevelColumns {
+  const char* name;
+  const char* unit;
+  Levels Carrier::*levels;
+};
+
+constexpr LevelColumns kLevels[] = {
+    {"rsrp", "dbm", &Carrier::rsrp},
+    {"rsrq", "db", &Carrier::rsrq},
+    {"rssi", "dbm", &Carrier::rssi},
+    {"snr", "db", &Carrier::snr},
+};
+
+std::string column_name(const LevelColumns& columns, size_t chain) {
+  return std::string(columns.name) + "_" + std::to_string(chain) + "_" + columns.unit;
+}
+
+template <class Number>
+std::string cell(const std::optional<Number>& value) {
+  return value ? std::to_string(*value) : "";
+}
+
+std::string cell(double level) {
+  return std::isnan(level) ? "" : level_text(level);
+}
+
+// The antennas of the primary NR carrier's chains; empty for any other.
+std::string antenna_cell(const SubscriptionReading& sub, const Carrier& carrier, size_t chain) {
+  const bool is_known = carrier.name == CarrierName{Technology::kNr, 0} && chain < sub.rx_antennas.size();
+  return is_known ? std::to_string(sub.rx_antennas[chain].now) : "";
+}
+
+std::vector<std::string> split(const std::string& line) {
+  std::vector<std::string> cells(1);
+  for (const char character : line) {
+    if (character == ',') {
+      cells.emplace_back();
+    } else if (character != '\r') {
+      cells.back() += character;
+    }
+  }
+  return cells;
+}
+
+// Rows of one file, by the names of its columns.
+class CsvReader {
+ public:
+  CsvReader(std::istream& stream, std::string name) : stream_(stream), name_(std::move(name)) {
+    next();
+    for (size_t i = 0; i < cells_.size(); ++i) columns_[cells_[i]] = i;
+    if (!columns_.contains("time") || !columns_.contains("carrier")) {
+      throw Failure("reading " + name_, "its first line does not name the columns of a recording",
+                    "Record one with 'modem_api_test signal --csv FILE'.");
+    }
+  }
+
+  bool next() {
+    std::string line;
+    if (!std::getline(stream_, line)) return false;
+    ++line_;
+    cells_ = split(line);
+    return true;
+  }
+
+  // Empty also for a column that the file has not.
+  std::string cell(const std::string& column) const {
+    const auto found = columns_.find(column);
+    return found != columns_.end() && found->second < cells_.size() ? cells_[found->second] : "";
+  }
+
+  template <class Value>
+  Value require(const std::optional<Value>& value, const std::string& column) const {
+    if (value) return *value;
+    throw Failure("reading " + name_,
+                  "line " + std::to_string(line_) + ": '" + cell(column) + "' is no " + column + " of a recording");
+  }
+
+  double level(const std::string& column) const {
+    const std::string text = cell(column);
+    if (text.empty()) return kNoLevel;
+    double value = 0;
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool is_number = error == std::errc() && stop == text.data() + text.size() && std::isfinite(value);
+    return require(is_number ? std::optional(value) : std::nullopt, column);
+  }
+
+  Levels levels(const LevelColumns& columns) const {
+    Levels levels = kNoLevels;
+    for (size_t chain = 0; chain < kChains; ++chain) levels[chain] = level(column_name(columns, chain));
+    return levels;
+  }
+
+ private:
+  std::istream& stream_;
+  const std::string name_;
+  size_t line_ = 0;
+  std::map<std::string, size_t> columns_;
+  std::vector<std::string> cells_;
+};
+
+// Of times as a file keeps them, so that its picture is that of the recording itself.
+TrackPoint point_of(WallClock::time_point time, const Carrier& carrier) {
+  return {std::chrono::floor<std::chrono::milliseconds>(time), strongest(carrier.rsrp), strongest(carrier.snr)};
+}
+
+}  // namespace
+
+std::string csv_header() {
+  std::string line = "time,sub,mode,tx_power_dbm,carrier,channel,pci";
+  for (const LevelColumns& columns : kLevels) {
+    for (size_t chain = 0; chain < kChains; ++chain) line += "," + column_name(columns, chain);
+  }
+  for (size_t chain = 0; chain < kChains; ++chain) line += ",rx_antenna_" + std::to_string(chain);
+  return line + "\n";
+}
+
+std::string csv_rows(const Reading& reading) {
+  std::string rows;
+  for (const SubscriptionReading& sub : reading.subs) {
+    for (const Carrier& carrier : sub.carriers) {
+      rows += utc_text(reading.time) + "," + std::to_string(sub.sub) + "," + cell(sub.mode) + "," + cell(sub.tx_power) +
+              "," + word_of(carrier.name) + "," + cell(carrier.channel) + "," + cell(carrier.pci);
+      for (const LevelColumns& columns : kLevels) {
+        for (const double level : carrier.*columns.levels) rows += "," + cell(level);
+      }
+      for (size_t chain = 0; chain < kChains; ++chain) rows += "," + antenna_cell(sub, carrier, chain);
+      rows += "\n";
+    }
+  }
+  return rows;
+}
+
+void Recording::add(const Reading& reading) {
+  for (const SubscriptionReading& sub : reading.subs) {
+    for (const Carrier& carrier : sub.carriers) {
+      tracks_[{sub.sub, carrier.name}].push_back(point_of(reading.time, carrier));
+    }
+  }
+}
+
+void Recording::add_csv(std::istream& stream, const std::string& name) {
+  CsvReader reader(stream, name);
+  while (reader.next()) {
+    if (reader.cell("time").empty()) continue;
+    const auto time = reader.require(parse_utc_text(reader.cell("time")), "time");
+    const auto sub = reader.require(parse_number(reader.cell("sub"), 0, kSubscriptions - 1), "sub");
+    Carrier carrier;
+    carrier.name = reader.require(carrier_of_word(reader.cell("carrier")), "carrier");
+    for (const LevelColumns& columns : kLevels) carrier.*columns.levels = reader.levels(columns);
+    tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point_of(time, carrier));
+  }
+}
+
+}  // namespace pelmar::cli

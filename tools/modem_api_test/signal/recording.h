@@ -1,0 +1,45 @@
+// A recording of readings: rows of a CSV file, one a carrier and reading, and the tracks of the carriers over time that
+// are drawn from it.
+#pragma once
+
+#include <istream>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "signal/reading.h"
+
+namespace pelmar::cli {
+
+// Names of the columns, units included, with the line's end.
+std::string csv_header();
+
+// A row for each carrier of the reading; empty cells where there is no value. Times are UTC.
+std::string csv_rows(const Reading& reading);
+
+// What is drawn of a carrier at one time: the levels of its strongest chains.
+struct TrackPoint {
+  WallClock::time_point time;
+  double rsrp;
+  double snr;
+};
+
+class Recording {
+ public:
+  using Track = std::vector<TrackPoint>;
+  using Key = std::pair<uint32_t, CarrierName>;  // subscription and carrier
+
+  void add(const Reading& reading);
+
+  // Adds the rows of a CSV file; columns are found by their names. Throws a Failure that names the line of a bad row.
+  void add_csv(std::istream& stream, const std::string& name);
+
+  const std::map<Key, Track>& tracks() const { return tracks_; }
+  bool is_empty() const { return tracks_.empty(); }
+
+ private:
+  std::map<Key, Track> tracks_;
+};
+
+}  // namespace pelmar::cli

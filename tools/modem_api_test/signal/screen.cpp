@@ -1,0 +1,93 @@
+#include "signal/screen.h"
+
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string_view>
+
+namespace pelmar::cli {
+
+namespace {
+
+// The second screen, no cursor, no line breaks of the terminal's own.
+constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l\033[2J";
+constexpr std::string_view kLeave = "\033[0m\033[?7h\033[?25h\033[?1049l";
+
+constexpr int kDeadlySignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+std::atomic<int> g_terminal{-1};
+
+// Safe in a signal handler.
+void tell_terminal(int terminal, std::string_view sequence) {
+  if (terminal >= 0 && write(terminal, sequence.data(), sequence.size()) < 0) return;  // it is gone
+}
+
+void leave() {
+  tell_terminal(g_terminal.exchange(-1), kLeave);
+}
+
+// Most signals are waited for elsewhere; one that gets here ends the process.
+void leave_and_die(int signal) {
+  leave();
+  ::signal(signal, SIG_DFL);
+  raise(signal);
+}
+
+void leave_while_stopped(int /*signal*/) {
+  tell_terminal(g_terminal, kLeave);
+  raise(SIGSTOP);
+  tell_terminal(g_terminal, kEnter);
+}
+
+void handle(int number, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+bool is_screen(const Output& output) {
+  const char* const terminal = getenv("TERM");
+  return isatty(output.descriptor()) != 0 && terminal != nullptr && std::string_view(terminal) != "dumb" &&
+         *terminal != '\0';
+}
+
+bool wants_colour() {
+  const char* const no_colour = getenv("NO_COLOR");
+  return no_colour == nullptr || *no_colour == '\0';
+}
+
+Screen::Screen(Output& output) : output_(output) {
+  static const int registered = std::atexit(leave);
+  static_cast<void>(registered);
+  for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
+  handle(SIGTSTP, leave_while_stopped);
+  g_terminal = output.descriptor();
+  tell_terminal(g_terminal, kEnter);
+}
+
+Screen::~Screen() {
+  leave();
+  for (const int signal : kDeadlySignals) handle(signal, SIG_DFL);
+  handle(SIGTSTP, SIG_DFL);
+}
+
+TerminalSize Screen::size() const {
+  winsize size{};
+  if (ioctl(output_.descriptor(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return {};
+  return {size.ws_col, size.ws_row};
+}
+
+void Screen::draw(const std::vector<std::string>& lines) {
+  std::string text = "\033[H";
+  for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
+  text += "\033[J";
+  output_.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+}
+
+}  // namespace pelmar::cli
