@@ -1,0 +1,25 @@
+/* A program outside the tree, in C and, under another name, in C++: it writes an item and reads it back. */
+#include <stdio.h>
+#include <string.h>
+
+#include "modem_api.h"
+#include "modem_hydra.h"
+#include "pelmar_utils_cmn.h"
+
+int main(void) {
+  static const uint8_t written[] = {1, 2, 3};
+  uint8_t read[16] = {0};
+  uint32_t length = sizeof(read);
+  int32_t client = -1;
+  int32_t result = modem_api_init();
+  if (result == MODEM_API_SUCCESS) result = modem_api_init_client(MODEM_API_CLIENT_VS, NULL, NULL, &client);
+  if (result == MODEM_API_SUCCESS) result = modem_api_write_nv(client, 7, 0, 0, written, sizeof(written));
+  if (result == MODEM_API_SUCCESS) result = modem_api_read_nv(client, 7, 0, 0, read, &length);
+  if (result != MODEM_API_SUCCESS || length != sizeof(written) || memcmp(read, written, sizeof(written)) != 0) {
+    printf("result %d, length %u\n", (int)result, (unsigned)length);
+    return 1;
+  }
+  modem_api_free_client(client);
+  modem_api_release();
+  return 0;
+}
