@@ -74,6 +74,16 @@ Json garbage(Simulation& simulation, Arguments& arguments) {
   return add(simulation, arguments, std::move(fault));
 }
 
+Json repeat(Simulation& simulation, Arguments& arguments) {
+  return add(simulation, arguments, Fault(FaultKind::kRepeat));
+}
+
+Json reorder(Simulation& simulation, Arguments& arguments) {
+  Fault fault(FaultKind::kReorder);
+  fault.delay = std::chrono::milliseconds(arguments.number("MS", kMaxDelayMs));
+  return add(simulation, arguments, std::move(fault));
+}
+
 Json die(Simulation& simulation, Arguments& arguments) {
   const std::string what = arguments.word("connection or modem");
   if (what != "connection" && what != "modem") throw CommandError("'" + what + "' is neither connection nor modem");
@@ -102,6 +112,9 @@ constexpr Command kCommands[] = {
     {"cut", "BYTES [SERVICE|any [MESSAGE|any [COUNT]]]", "send only the message's first BYTES, in a frame of that size",
      cut},
     {"garbage", "HEX|random [SERVICE|any [MESSAGE|any [COUNT]]]", "send bytes that are no message instead", garbage},
+    {"repeat", "[SERVICE|any [MESSAGE|any [COUNT]]]", "send the answer twice", repeat},
+    {"reorder", "MS [SERVICE|any [MESSAGE|any [COUNT]]]",
+     "answer behind the connection's next answer, or MS milliseconds late where none comes", reorder},
     {"die", "connection|modem [SERVICE|any [MESSAGE|any [COUNT]]]",
      "send half of the frame, then close the connection or end the process", die},
     {"inject", "HEX|random", "send bytes to every connection now", inject},

@@ -44,6 +44,10 @@ std::string_view kind_text(FaultKind kind) {
       return "cut";
     case FaultKind::kGarbage:
       return "garbage";
+    case FaultKind::kRepeat:
+      return "repeat";
+    case FaultKind::kReorder:
+      return "reorder";
     case FaultKind::kCloseHalf:
       return "die connection";
     case FaultKind::kDieHalf:

@@ -57,7 +57,10 @@ void Exchange::on_frame(Connection& connection, const qmux::Frame& frame) {
   }
 
   const auto response = writer_.finish();
-  if (!fault) return connection.send(response);
+  if (!fault) {
+    connection.send(response);
+    return send_held(connection);
+  }
   ++counters_.faults;
   deliver(connection, frame, response, *fault);
 }
@@ -106,6 +109,9 @@ QmiError Exchange::answer_service_message(Connection& connection, const qmux::Fr
 
 void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
                        const Fault& fault) {
+  const auto keep = [&]() -> LateResponse {
+    return {connection.weak_from_this(), frame.service, frame.client, {response.begin(), response.end()}};
+  };
   switch (fault.kind) {
     case FaultKind::kError:
       return connection.send(response);
@@ -114,7 +120,13 @@ void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::sp
     case FaultKind::kGarbage:
       return connection.send(fault.garbage);
     case FaultKind::kDelay:
-      return deliver_later(connection, frame, response, fault.delay);
+      loop_.after(fault.delay, [this, late = keep()] { send_late(late); });
+      return;
+    case FaultKind::kRepeat:
+      connection.send(response);
+      return connection.send(response);
+    case FaultKind::kReorder:
+      return hold_back(keep(), fault.delay);
     case FaultKind::kCut: {
       const size_t size = std::min(response.size(), qmux::kFrameHeaderBytes + fault.cut_to);
       std::vector<uint8_t> cut(response.begin(), response.begin() + static_cast<ptrdiff_t>(size));
@@ -130,17 +142,30 @@ void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::sp
   }
 }
 
-void Exchange::deliver_later(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
-                             EventLoop::Clock::duration delay) {
-  std::vector<uint8_t> copy(response.begin(), response.end());
-  loop_.after(delay, [this, receiver = connection.weak_from_this(), service = frame.service, client = frame.client,
-                      late = std::move(copy)] {
-    const auto alive = receiver.lock();
-    if (!alive) return;
-    const Modem::Slot* slot = modem_.find_running(service);
-    const bool is_addressed = slot != nullptr && slot->clients.owner(client) == alive.get();
-    if (service == qmux::kControlService || is_addressed) alive->send(late);
+void Exchange::hold_back(LateResponse response, EventLoop::Clock::duration limit) {
+  const auto held = held_.insert(held_.end(), {std::move(response), {}});
+  held->limit = loop_.after(limit, [this, held] {
+    send_late(held->response);
+    held_.erase(held);
   });
+}
+
+void Exchange::send_held(const Connection& connection) {
+  for (auto next = held_.begin(); next != held_.end();) {
+    const auto held = next++;
+    if (held->response.receiver.lock().get() != &connection) continue;
+    loop_.cancel(held->limit);
+    send_late(held->response);
+    held_.erase(held);
+  }
+}
+
+void Exchange::send_late(const LateResponse& response) {
+  const auto receiver = response.receiver.lock();
+  if (!receiver) return;
+  const Modem::Slot* const slot = modem_.find_running(response.service);
+  const bool is_addressed = slot != nullptr && slot->clients.owner(response.client) == receiver.get();
+  if (response.service == qmux::kControlService || is_addressed) receiver->send(response.bytes);
 }
 
 }  // namespace pelmar::sim

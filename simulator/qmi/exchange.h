@@ -6,8 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <memory>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "io/event_loop.h"
 #include "qmi/connection.h"
@@ -37,14 +40,28 @@ class Exchange final : public Connection::Handler {
     uint8_t bytes[16 * 1024];
   };
 
+  // A response on its way, for whoever then still has the client id that it goes to.
+  struct LateResponse {
+    std::weak_ptr<Connection> receiver;
+    uint8_t service;
+    uint8_t client;
+    std::vector<uint8_t> bytes;
+  };
+
+  struct HeldResponse {
+    LateResponse response;
+    EventLoop::TimerId limit;
+  };
+
   void on_frame(Connection& connection, const qmux::Frame& frame) override;
   void on_gone(Connection& connection, std::string_view reason) override;
 
   QmiError answer_control_message(Connection& connection, const qmux::Message& request);
   QmiError answer_service_message(Connection& connection, const qmux::Frame& frame, const qmux::Message& request);
   void deliver(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
-  void deliver_later(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
-                     EventLoop::Clock::duration delay);
+  void hold_back(LateResponse response, EventLoop::Clock::duration limit);
+  void send_held(const Connection& connection);
+  void send_late(const LateResponse& response);
 
   EventLoop& loop_;
   Modem& modem_;
@@ -52,6 +69,7 @@ class Exchange final : public Connection::Handler {
   qmux::FrameWriter writer_;
   Structure request_;
   Structure response_;
+  std::list<HeldResponse> held_;  // behind the next response of their connections
   Counters counters_;
 };
 

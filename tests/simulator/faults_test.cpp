@@ -80,6 +80,38 @@ TEST_F(Faults, GarbageComesInsteadOfTheAnswer) {
   EXPECT_EQ(client_.receive_raw(100), (Bytes{1, 2}));
 }
 
+TEST_F(Faults, ARepeatedAnswerComesTwice) {
+  modem_.operator_command("repeat vs any 1");
+  const Received answer = ask();
+  const auto again = client_.receive();
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->transaction, answer.transaction);
+  EXPECT_EQ(again->tlvs, answer.tlvs);
+  EXPECT_EQ(ask().error(), 0) << "once";
+}
+
+TEST_F(Faults, AReorderedAnswerComesBehindTheNextOfItsConnection) {
+  modem_.operator_command("reorder 60000 vs 0x0000 2");
+  QmuxClient other(modem_.socket());
+  const uint8_t other_id = other.allocate(kVs);
+  send();
+  send();
+  EXPECT_EQ(other.ask(kVs, other_id, 0x0002, tlv(0x01, {1, 0, 0, 0})).message, 0x0002);
+  const Received next = client_.ask(kVs, id_, 0x0002, tlv(0x01, {1, 0, 0, 0}));
+  for (int behind = 2; behind >= 1; --behind) {
+    const auto late = client_.receive();
+    ASSERT_TRUE(late);
+    EXPECT_EQ(late->message, 0x0000);
+    EXPECT_EQ(late->transaction, next.transaction - behind) << "in their own order";
+  }
+}
+
+TEST_F(Faults, AReorderedAnswerWaitsForNoOtherBeyondItsLimit) {
+  modem_.operator_command("reorder 50 vs any 1");
+  EXPECT_EQ(ask().error(), 0);
+  EXPECT_EQ(ask().error(), 0);
+}
+
 TEST_F(Faults, HalfAnAnswerAndTheEndOfTheConnection) {
   modem_.operator_command("die connection vs any 1");
   send();
