@@ -26,6 +26,8 @@ trap 'rm -rf "$scratch"' EXIT
 findings=$build/fuzz-findings
 mkdir -p "$findings"
 "$build/bin/fuzz_seeds" "$scratch/seeds"
+mkdir "$scratch/seeds/scenario"
+cp docs/*.json "$scratch/seeds/scenario"
 
 ran=0
 for program in "$build"/bin/fuzz_*; do

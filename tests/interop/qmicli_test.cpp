@@ -32,7 +32,8 @@ class QmicliTest : public testing::Test {
     }
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
     setenv("PELMAR_QMI_SOCKET", "@qmi-proxy", 1);
-    modem_ = std::make_unique<sim::test::SimProcess>(directory_, std::vector<std::string>{}, "@qmi-proxy");
+    modem_ =
+        std::make_unique<sim::test::SimProcess>(directory_, std::vector<std::string>{"--clock-ms", "0"}, "@qmi-proxy");
   }
 
   static std::string qmicli(const std::string& action) {
