@@ -34,7 +34,7 @@ def runtime(library):
     """What the C and C++ runtimes beneath the library define."""
     lines = subprocess.run(["ldd", library], check=True, capture_output=True, text=True).stdout
     paths = re.findall(r"(/\S+)", lines)
-    known = re.compile(r"/(ld-linux|lib(c|m|gcc_s|stdc\+\+|c\+\+\w*)\.so)")
+    known = re.compile(r"/(ld-linux|lib(c|m|gcc_s|stdc\+\+|c\+\+\w*|unwind)\.so)")
     strangers = [path for path in paths if not known.search(path)]
     return {name for path in paths for name, _ in symbols(path, "--defined-only")}, strangers
 

@@ -21,7 +21,7 @@ void store_qmux_header(uint8_t* at, uint8_t service, uint8_t client, size_t mess
   at[5] = client;
 }
 
-FrameReader::FrameReader() : buffer_(std::make_unique_for_overwrite<uint8_t[]>(kCapacity)) {}
+FrameReader::FrameReader() : buffer_(new uint8_t[kCapacity]) {}  // its bytes are written before they are read
 
 uint8_t* FrameReader::space() {
   if (begin_ > 0) {

@@ -22,7 +22,7 @@ class QmuxConnection final : public Connection {
         service_(service),
         client_(client),
         capacity_(std::min(message_capacity, kMaxMessageLength)),
-        frame_(std::make_unique_for_overwrite<uint8_t[]>(kQmuxHeaderLength + capacity_)) {}
+        frame_(new uint8_t[kQmuxHeaderLength + capacity_]) {}
 
   int descriptor() const override { return link_.stream().descriptor(); }
   uint8_t* message_buffer() override { return frame_.get() + kQmuxHeaderLength; }

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# The exported interface (functions, variables, and the layout of every type that they reach) against its stored
+# description, abi/libpelmar_modemapi.abi. A change that is meant is stored with `update` and goes into the same commit.
+# usage: scripts/abi.sh check|update BUILD_DIRECTORY      a build with debug information
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/packages.sh
+need_packages abigail-tools
+usage='usage: scripts/abi.sh check|update BUILD_DIRECTORY'
+action=${1:?$usage} library=${2:?$usage}/lib/libpelmar_modemapi.so
+stored=abi/libpelmar_modemapi.abi
+
+case $action in
+  check)
+    if ! abidiff --no-show-locs "$stored" "$library"; then
+      echo "The exported interface differs from $stored. If that is meant: scripts/abi.sh update ${2}" >&2
+      exit 1
+    fi
+    echo "interface: as stored"
+    ;;
+  update)
+    abidw --no-show-locs --no-corpus-path --no-comp-dir-path "$library" |
+      sed "s|path='$PWD/|path='|" >"$stored"
+    ;;
+  *)
+    echo "$usage" >&2
+    exit 2
+    ;;
+esac
