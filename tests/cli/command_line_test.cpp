@@ -68,6 +68,14 @@ TEST(CommandLine, TakesEveryCommand) {
                            "sar set 4294967295 --hold 5",
                            "shutdown-notice",
                            "reset --yes",
+                           "power vote --for 1 --device modem",
+                           "power release",
+                           "power status",
+                           "power watch --count 4 --for 2",
+                           "ssr get",
+                           "ssr set dump",
+                           "ssr name",
+                           "ssr wait 0",
                            "props get a",
                            "props set a b",
                            "props list"}) {
@@ -101,6 +109,9 @@ TEST(CommandLine, RefusesWhatItCannotCarryOut) {
                                                           "sar",
                                                           "props get",
                                                           "reset now",
+                                                          "power",
+                                                          "ssr set invalid",
+                                                          "ssr wait -1",
                                                           "info --bogus"}) {
     EXPECT_EQ(parse(text), 2) << text;
   }

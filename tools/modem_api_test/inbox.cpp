@@ -39,6 +39,10 @@ void Inbox::receive_response(const uint8_t* data, uint32_t length, void* /*user_
   hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
 }
 
+void Inbox::receive_power_step(uint32_t event) {
+  if (Inbox* const inbox = current_) inbox->put({Arrival::Kind::kPowerStep, WallClock::now(), event, 0, {}});
+}
+
 void Inbox::put(Arrival arrival) {
   const std::lock_guard lock(mutex_);
   if (arrivals_.size() == kMostWaiting) {

@@ -1,5 +1,5 @@
 // What arrives while a command follows the modem: modem events, notices of services going up and down, answers of
-// asynchronous commands, and the user's wish to end.
+// asynchronous commands, steps of the modem's power, and the user's wish to end.
 //
 // The library's event callbacks carry no user data, so there is one inbox in the process. They run on the framework's
 // threads and only copy; the following command takes out what came, in order. Where it is too slow the newest are
@@ -21,11 +21,11 @@ using WallClock = std::chrono::system_clock;
 using Clock = std::chrono::steady_clock;
 
 struct Arrival {
-  enum class Kind { kEvent, kNotice, kResponse };
+  enum class Kind { kEvent, kNotice, kResponse, kPowerStep };
 
   Kind kind;
   WallClock::time_point time;
-  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, or the response's result
+  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, the response's result, or enum pm_event
   uint32_t client_type;          // of a notice: MODEM_API_CLIENT_*
   std::vector<uint8_t> payload;  // of an event, laid out as its structure in modem_api.h; of a response
 };
@@ -41,6 +41,9 @@ class Inbox {
   static void receive_event(uint32_t id, const uint8_t* payload, uint32_t length);
   static void receive_notice(uint32_t notice, uint32_t client_type);
   static void receive_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result);
+
+  // From the peripheral manager's thread.
+  static void receive_power_step(uint32_t event);
 
   // The next arrival; nothing when the time is up or the user wishes to end. Without a deadline it waits for either.
   std::optional<Arrival> next(std::optional<Clock::time_point> deadline);
