@@ -2,6 +2,7 @@
 #include "client.h"
 
 #include <sys/epoll.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "qmi_codec.h"
+#include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
 namespace {
@@ -60,9 +62,13 @@ void Client::run() {
   Lock lock(mutex_);
   while (!is_stopping_) {
     if (!events_.empty()) {
-      const Event event = std::move(events_.front());
-      events_.pop_front();
+      const Event event = take_event();
+      const size_t dropped = std::exchange(dropped_, 0);
       lock.unlock();
+      if (dropped > 0) {
+        syslog(LOG_WARNING, "QMI service 0x%02x: a client's callbacks are too slow, %zu indications were dropped",
+               static_cast<unsigned>(service_->service_id), dropped);
+      }
       deliver(event);
       lock.lock();
     } else if (is_error_due_) {
@@ -79,6 +85,13 @@ void Client::run() {
   if (thread_.is_started()) return;  // the releasing thread waits for this one, and then ends the connection
   lock.unlock();
   end_connection(Deadline::after(kEndTimeout));
+}
+
+Client::Event Client::take_event() {
+  Event event = std::move(events_.front());
+  events_.pop_front();
+  waiting_bytes_ -= waiting_bytes_of(event);
+  return event;
 }
 
 void Client::wait_for_work(Lock& lock) {
@@ -139,6 +152,7 @@ void Client::release() {
     is_stopping_ = true;
     transactions_.clear();
     events_.clear();
+    waiting_bytes_ = 0;
     while (!waiters_.empty()) finish(*waiters_.back(), QMI_CLIENT_INVALID_CLNT);
     send_ended_.notify_all();
     thread_.wake();

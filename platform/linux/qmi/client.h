@@ -6,6 +6,9 @@
 // them, indications and asynchronous answers to the thread's queue. When its own answer is in it passes the reading
 // on to another waiting sender, or back to the thread.
 //
+// While a sender reads, indications pile up behind a slow callback. They have a bound, beyond which the oldest are
+// dropped: the sender's answer is behind them in the same stream, and the callback may be what waits for the sender.
+//
 // One mutex guards all state. It is not held while a read waits, while bytes are sent, or during a callback.
 #pragma once
 
@@ -89,6 +92,10 @@ class Client : public std::enable_shared_from_this<Client> {
 
   using Event = std::variant<Indication, Transaction>;
 
+  // Of indications that wait for a callback: some thousand of the largest.
+  static constexpr size_t kMostWaitingBytes = size_t{64} << 20;
+  static size_t waiting_bytes_of(const Event& event);
+
   // client_send.cpp
   int32_t check_response_length(const Request& request) const;
   static void mark_lost(const Request& request);
@@ -109,10 +116,12 @@ class Client : public std::enable_shared_from_this<Client> {
   void pass_reading();
   void poll_connection(bool armed);
   void push(Event event);
+  void drop_oldest_indication();
   void wake_thread();
 
   // client.cpp
   void run();
+  Event take_event();
   void wait_for_work(Lock& lock);
   void deliver(const Event& event) const;
   void end_connection(const Deadline& deadline);
@@ -139,6 +148,8 @@ class Client : public std::enable_shared_from_this<Client> {
   std::vector<Waiter*> waiters_;           // not done yet
   std::vector<Transaction> transactions_;  // asynchronous ones under way
   std::deque<Event> events_;               // for the thread, in the order of arrival
+  size_t waiting_bytes_ = 0;               // of the indications among them
+  size_t dropped_ = 0;                     // indications, not yet told to the log
 
   qmi_client_error_cb error_function_ = nullptr;
   void* error_data_ = nullptr;

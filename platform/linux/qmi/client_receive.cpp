@@ -103,8 +103,24 @@ void Client::poll_connection(bool armed) {
 
 void Client::push(Event event) {
   if (is_stopping_) return;
+  waiting_bytes_ += waiting_bytes_of(event);
   events_.push_back(std::move(event));
+  while (waiting_bytes_ > kMostWaitingBytes) drop_oldest_indication();
   wake_thread();
+}
+
+// Asynchronous answers are kept: each has a caller, and their number is bounded by that of transactions.
+void Client::drop_oldest_indication() {
+  const auto oldest = std::find_if(events_.begin(), events_.end(),
+                                   [](const Event& event) { return std::holds_alternative<Indication>(event); });
+  waiting_bytes_ -= waiting_bytes_of(*oldest);
+  events_.erase(oldest);
+  ++dropped_;
+}
+
+size_t Client::waiting_bytes_of(const Event& event) {
+  const auto* const indication = std::get_if<Indication>(&event);
+  return indication != nullptr ? sizeof(Event) + indication->tlvs.size() : 0;
 }
 
 void Client::wake_thread() {
