@@ -154,6 +154,7 @@ TEST(ProcessEnd, GivesClientIdsBack) {
     int status = -1;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
+    for (int i = 0; i < 3000 && !modem.client_ids().empty(); ++i) std::this_thread::sleep_for(milliseconds(10));
     EXPECT_TRUE(modem.client_ids().empty());
   }
   for (const int descriptor : {connected[0], connected[1], ended[0], ended[1]}) ::close(descriptor);
