@@ -170,8 +170,7 @@ void Client::surrender(const Deadline& deadline) {
   {
     const Lock lock(mutex_);
     if (std::exchange(is_stopping_, true)) return;  // a release is under way
-    thread_.wake();
-    thread_.detach();
+    thread_.wake();  // and leave it running: only a detached one would end the connection itself
   }
   end_connection(deadline);
 }

@@ -32,7 +32,6 @@ class FrameworkThread {
 
   // Waits for the thread's end. On the thread itself, leaves it to end alone.
   void finish();
-  void detach();
 
  private:
   int wake_;
