@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "radio/smooth_noise.h"
 
@@ -115,10 +116,12 @@ void add_lte_carriers(RadioSample& sample, const SeenCell& serving) {
   }
 }
 
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
 // The strongest of a carrier's places, and the others of it together.
 struct NrSignal {
-  double mean = -INFINITY;
-  double signal = -INFINITY;
+  double mean = -kInfinity;
+  double signal = -kInfinity;
   double others = 0;  // mW
 };
 
@@ -192,7 +195,7 @@ void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double second
 }
 
 void RadioPicture::measure_other_technologies(RadioSample& sample, const Place& phone, double seconds) const {
-  double nearest = INFINITY;
+  double nearest = kInfinity;
   for (const LteSite& site : network_->sites) nearest = std::min(nearest, distance(phone, site.place));
   const uint64_t network = network_->tracking_area_code;
   const double wcdma = level_at(kWcdmaPower, nearest) + kFading * smooth_noise(seed_, kWcdmaStream + network, seconds);
