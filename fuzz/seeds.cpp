@@ -1,5 +1,5 @@
-// Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full; and what the
-// two ends of a QMUX stream send each other.
+// Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full; what the
+// two ends of a QMUX stream send each other; and conversations with the peripheral manager.
 //
 //   fuzz_seeds DIRECTORY      writes DIRECTORY/<target>/...
 //
@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "frames.h"
+#include "manager_protocol.h"
 
 namespace pelmar::fuzz {
 namespace {
@@ -138,6 +139,28 @@ void write_control_seeds(SeedWriter& writer) {
   writer.write("transport", "revoked", {1}, revoke);
 }
 
+// Whole conversations with the peripheral manager, as either end sends them.
+void write_power_seeds(SeedWriter& writer) {
+  using namespace platform::power;
+  Bytes voter;
+  for (const Request& request :
+       std::initializer_list<Request>{Register{"modem", "voter"}, Vote{}, Acknowledge{EVENT_PERIPH_GOING_ONLINE},
+                                      Acknowledge{EVENT_PERIPH_IS_ONLINE}, AskStatus{}, Withdraw{}, Unregister{}}) {
+    const Bytes frame = to_frame(request);
+    writer.write("peripheral_manager", "request-" + std::to_string(request.index()), {}, frame);
+    voter.insert(voter.end(), frame.begin(), frame.end());
+  }
+  writer.write("peripheral_manager", "requests", {}, voter);
+  Bytes manager;
+  for (const Reply& reply : std::initializer_list<Reply>{
+           Answer{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE}, Event{EVENT_PERIPH_GOING_OFFLINE},
+           Status{EVENT_PERIPH_IS_ONLINE, 1}, VoterEntry{0x01020304, true, std::string(kMaxNameBytes, 'n')}}) {
+    const Bytes frame = to_frame(reply);
+    manager.insert(manager.end(), frame.begin(), frame.end());
+  }
+  writer.write("peripheral_manager", "replies", {}, manager);
+}
+
 }  // namespace
 }  // namespace pelmar::fuzz
 
@@ -149,5 +172,6 @@ int main(int argc, char** argv) {
   pelmar::fuzz::SeedWriter writer(argv[1]);
   pelmar::fuzz::write_message_seeds(writer);
   pelmar::fuzz::write_control_seeds(writer);
+  pelmar::fuzz::write_power_seeds(writer);
   return 0;
 }

@@ -13,6 +13,7 @@
 #include "client_process.h"
 #include "modem_test.h"
 #include "nas_client.h"
+#include "pelmar_ssr.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -111,6 +112,26 @@ TEST_F(RestartTest, TheWholeModemComesBack) {
     ASSERT_TRUE(Statuses::wait_for(type, OPERATIONAL_STATUS_UP));
     EXPECT_THAT(Statuses::of(type), ElementsAre(4, 5, 6, 3));
   }
+  EXPECT_EQ(set_state(1), MODEM_API_SUCCESS);
+  EXPECT_EQ(avoid_trm(1), MODEM_API_SUCCESS);
+}
+
+TEST_F(RestartTest, ACrashedModemIsSeenAsServicesThatGoAndComeBack) {
+  const auto expect_to_be_back = [] {
+    for (uint32_t type = MODEM_API_CLIENT_SAR; type <= MODEM_API_CLIENT_NAS_1; ++type) {
+      ASSERT_TRUE(Statuses::wait_for(type, OPERATIONAL_STATUS_UP));
+      EXPECT_THAT(Statuses::of(type), ElementsAre(4, 5, 6, 3));
+    }
+  };
+  ASSERT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP), 1);
+  tell("crash");
+  for (uint32_t type = MODEM_API_CLIENT_SAR; type <= MODEM_API_CLIENT_NAS_1; ++type) {
+    ASSERT_TRUE(Statuses::wait_for(type, OPERATIONAL_STATUS_RELEASED));
+  }
+  EXPECT_NE(set_state(1), MODEM_API_SUCCESS);
+  EXPECT_EQ(modem().operator_command("status").at("state"), "off");
+  tell("start");
+  expect_to_be_back();
   EXPECT_EQ(set_state(1), MODEM_API_SUCCESS);
   EXPECT_EQ(avoid_trm(1), MODEM_API_SUCCESS);
 }

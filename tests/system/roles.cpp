@@ -9,7 +9,9 @@
 
 #include "client_process.h"
 #include "modem_api.h"
+#include "modem_api_peripheral_mng.h"
 #include "pelmar_log.h"
+#include "pm-service.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -90,12 +92,50 @@ int leave(char** arguments) {
   return 0;
 }
 
+// Votes for the modem's power until its input ends.
+int vote(char**) {
+  if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
+  say("voted");
+  wait_for_end_of_input();
+  modem_api_peripheral_mng_release_vote();
+  modem_api_peripheral_mng_deinit();
+  return 0;
+}
+
+// The same, with a child that has the connection too and outlives its parent.
+int vote_with_heir(char** arguments) {
+  if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
+  if (fork() == 0) {
+    wait_for_end_of_input();
+    _exit(0);
+  }
+  return vote(arguments);
+}
+
+// Votes, and acknowledges nothing.
+int vote_mutely(char**) {
+  void* handle = nullptr;
+  pm_event state = EVENT_PERIPH_IS_OFFLINE;
+  if (pm_client_register([](void*, pm_event) {}, nullptr, "modem", "mute", &state, &handle) != 0) return 1;
+  if (pm_client_connect(handle) != 0) return 1;
+  say("voted");
+  wait_for_end_of_input();
+  return pm_client_unregister(handle);
+}
+
 struct Role {
   const char* name;
   int (*run)(char** arguments);
 };
 
-constexpr Role kRoles[] = {{"init", init}, {"hold", hold}, {"items", items}, {"talk", talk}, {"leave", leave}};
+constexpr Role kRoles[] = {{"init", init},
+                           {"hold", hold},
+                           {"items", items},
+                           {"talk", talk},
+                           {"leave", leave},
+                           {"vote", vote},
+                           {"vote_with_heir", vote_with_heir},
+                           {"vote_mutely", vote_mutely}};
 
 }  // namespace
 

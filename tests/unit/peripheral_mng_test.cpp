@@ -1,4 +1,6 @@
 // The vote for the modem's power, over a scripted peripheral manager.
+#include <string_view>
+
 #include "library_test.h"
 #include "modem_api_peripheral_mng.h"
 #include "pelmar_log.h"
@@ -23,6 +25,15 @@ class PeripheralManager : public testing::Test {
     return called;
   }
 };
+
+TEST_F(PeripheralManager, RecordsAreZeroAtLoad) {
+  const auto is_zero = [](const auto& record) {
+    const std::string_view bytes(reinterpret_cast<const char*>(&record), sizeof record);
+    return bytes.find_first_not_of('\0') == bytes.npos;
+  };
+  EXPECT_TRUE(is_zero(connection()));
+  EXPECT_TRUE(is_zero(esoc_info));
+}
 
 TEST_F(PeripheralManager, RegistersUnderANameThatFits) {
   const std::string name(40, 'm');

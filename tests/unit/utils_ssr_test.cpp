@@ -62,6 +62,17 @@ TEST(RestartType, FirstSetSavesTheLevelItWrote) {
   EXPECT_EQ(set_said().back(), "PROP - ssr type is def, do nothing");
 }
 
+TEST(RestartType, SetWritesDumpAlsoOverALevelThatIsNone) {
+  settle_log();
+  for (const char* level : {"", "related", "ALL_ENABLE"}) {
+    properties = {{kLevel, level}, {kSaved, "x"}, {kFlag, "yes"}};
+    EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP), 1);
+    EXPECT_EQ(set_said()[1], "PROP - MODEM_RESTART_LEVEL_ID_DUMP: ALL_DISABLE");
+    EXPECT_EQ(properties[kLevel], "ALL_DISABLE");
+  }
+  EXPECT_EQ(properties[kSaved], "x") << "saved once";
+}
+
 TEST(RestartType, GetNamesTheLevel) {
   const struct {
     std::string level;
