@@ -1,4 +1,5 @@
-// The library's own share of a command: modem_api_read_nv() over a platform that answers at once, both logs closed.
+// The library's own share of commands, over a platform that answers at once, both logs closed: reading an NV item, and
+// a statistics value with and without its decoding.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include "allocation_count.h"
 #include "instant_platform.h"
 #include "modem_api.h"
+#include "modem_api_stats.h"
+#include "modem_hydra.h"
 #include "pelmar_log.h"
 #include "vs_messages.h"
 
@@ -38,13 +41,66 @@ void read_nv_instant_platform(benchmark::State& state) {
 BENCHMARK(read_nv_instant_platform);
 
 bool open_client() {
-  if (modem_api_init() != MODEM_API_SUCCESS ||
-      modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &g_client) != MODEM_API_SUCCESS) {
-    return false;
-  }
-  pelmar_hal_close_print();
-  return true;
+  return modem_api_init() == MODEM_API_SUCCESS &&
+         modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &g_client) == MODEM_API_SUCCESS;
 }
+
+// --- statistics ---
+
+constexpr uint32_t kLteCell = 0x52;
+constexpr uint32_t kLteCellBytes = 75;
+constexpr uint8_t kLastByte = 0x5A;
+
+// Has the platform answer one value, the serving cell's.
+void answer_lte_cell() {
+  static vs::GetStatsParameterResponse response;  // the platform keeps the address
+  response = {};
+  response.records_valid = 1;
+  response.record_count = 1;
+  response.records[0].id = kLteCell;
+  response.records[0].data_len = kLteCellBytes;
+  response.records[0].data[kLteCellBytes - 1] = kLastByte;
+  instant_platform::set_response(&response, sizeof response);
+}
+
+// Runs the reading, which tells whether it has what the platform answered.
+template <class Reading>
+void count_readings(benchmark::State& state, Reading read) {
+  answer_lte_cell();
+  uint64_t failures = 0;
+  const uint64_t before = allocations().taken;
+  for (auto _ : state) failures += read() ? 0 : 1;
+  state.counters["allocations"] = static_cast<double>(allocations().taken - before);
+  if (failures != 0) state.SkipWithError("the value was not read");
+}
+
+void get_stats_parameter_instant_platform(benchmark::State& state) {
+  static stats_para_data data;
+  count_readings(state, [] {
+    data.para_num = 1;
+    data.entries[0].id = kLteCell;
+    data.entries[0].value_len = 0;
+    const modem_api_result result = modem_api_get_stats_parameter(g_client, 0, 0, &data);
+    benchmark::DoNotOptimize(&data);
+    return result == MODEM_API_SUCCESS && data.entries[0].value[kLteCellBytes - 1] == kLastByte;
+  });
+}
+BENCHMARK(get_stats_parameter_instant_platform);
+
+// Hydra's client takes the place of the other one.
+void decode_lte_cell_instant_platform(benchmark::State& state) {
+  modem_api_free_client(g_client);
+  if (modem_hydra_api_init() == 0) return state.SkipWithError("hydra does not open");
+  modem_hydra_lte_srv_meas_info record{};
+  count_readings(state, [&record] {
+    const uint8_t is_read = modem_hydra_lte_srv_meas_info_get_for_pcc(0, &record);
+    benchmark::DoNotOptimize(&record);
+    return is_read != 0 && record.snr[3] == kLastByte << 24;
+  });
+  modem_hydra_api_deinit();
+  if (!open_client()) state.SkipWithError("the library does not start again");
+}
+BENCHMARK(decode_lte_cell_instant_platform);
 
 }  // namespace
 }  // namespace pelmar::bench
@@ -64,6 +120,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bench_library: the library does not start\n");
     return 1;
   }
+  pelmar_hal_close_print();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;

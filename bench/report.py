@@ -113,6 +113,9 @@ ROWS = [
     ("modem_api_read_nv, instant platform, logs closed",
      bounded("read_nv_instant_platform", "cpu_time", 150, nanoseconds)),
     ("  its heap allocations", bounded("read_nv_instant_platform", "allocations", 0, count)),
+    ("decode a statistics value : modem_api_get_stats_parameter, one entry",
+     at_most("decode_lte_cell_instant_platform", "get_stats_parameter_instant_platform", 3, "cpu_time")),
+    ("  its heap allocations", bounded("decode_lte_cell_instant_platform", "allocations", 0, count)),
     ("suppressed log site, both sinks", bounded("suppressed_log_site", "cpu_time", 2, nanoseconds)),
     ("  arguments evaluated", bounded("suppressed_log_site", "arguments_evaluated", 0, count)),
     ("modem_api_read_nv from modem_sim : bare ping-pong",
@@ -124,6 +127,8 @@ ROWS = [
      at_most("second_connection_beside_stream", "second_connection_idle", 1.3, "real_time")),
     ("  events a second meanwhile",
      at_least("second_connection_beside_stream", "events_per_second", 19_900, lambda value: f"{value:,.0f}/s")),
+    ("signal --watch, 10 readings a second for 20 s, of one core",
+     bounded("signal_watch", "core_percent", 5, lambda value: f"{value:.2f} %")),
 ]
 
 

@@ -14,7 +14,7 @@ build=build/bench
 
 need_packages $PACKAGES_BUILD libbenchmark-dev python3
 configure "$build" -DCMAKE_BUILD_TYPE=Release -DPELMAR_BENCH=ON -DPELMAR_TESTS=OFF
-programs=(bench_codec bench_library bench_log_site bench_end_to_end)
+programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_signal_watch)
 cmake --build "$build" --target "${programs[@]}" >/dev/null
 
 priority=() note="normal priority"
@@ -27,6 +27,7 @@ trap 'rm -rf "$results"' EXIT
 for program in "${programs[@]}"; do
   echo "running $program ..." >&2
   prefix=() rounds=$repetitions seconds=0.1
+  [ "$program" != bench_signal_watch ] || rounds=1  # one watch of many readings
   if [ "$program" = bench_end_to_end ]; then  # many short rounds, some of them undisturbed
     prefix=("${priority[@]}") rounds=$((repetitions * 4)) seconds=0.025
   fi

@@ -1,0 +1,70 @@
+// What the client's live view takes of a processor: its whole time, in user and system mode, over a watch of ten
+// readings a second on a terminal of its own.
+#include <benchmark/benchmark.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+#include "peers.h"
+
+namespace pelmar::bench {
+namespace {
+
+constexpr const char* kSeconds = "20";
+constexpr const char* kReadingsASecond = "10";
+constexpr winsize kTerminalSize = {24, 80, 0, 0};
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_of(const timeval& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+[[noreturn]] void run_client(const std::string& modem) {
+  setenv("PELMAR_QMI_SOCKET", modem.c_str(), 1);
+  setenv("TERM", "xterm", 1);
+  execl(PELMAR_CLIENT, "modem_api_test", "signal", "--watch", "--rate", kReadingsASecond, "--for", kSeconds, nullptr);
+  std::perror(PELMAR_CLIENT);
+  _exit(127);
+}
+
+// Takes what is drawn until the client ends. Returns how many bytes that was.
+size_t drain(int terminal) {
+  char bytes[4096];
+  size_t total = 0;
+  for (ssize_t count = read(terminal, bytes, sizeof bytes); count > 0; count = read(terminal, bytes, sizeof bytes)) {
+    total += static_cast<size_t>(count);
+  }
+  close(terminal);
+  return total;
+}
+
+void signal_watch(benchmark::State& state) {
+  const SimulatedModem modem;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    int terminal = -1;
+    const pid_t client = forkpty(&terminal, nullptr, nullptr, &kTerminalSize);
+    if (client < 0) return state.SkipWithError("there is no terminal");
+    if (client == 0) run_client(modem.socket());
+    const size_t drawn = drain(terminal);
+    int status = 0;
+    rusage usage{};
+    if (wait4(client, &status, 0, &usage) != client || status != 0) return state.SkipWithError("the client failed");
+    const double passed = std::chrono::duration<double>(Clock::now() - start).count();
+    const double busy = seconds_of(usage.ru_utime) + seconds_of(usage.ru_stime);
+    state.counters["core_percent"] = 100 * busy / passed;
+    state.counters["drawn_bytes"] = static_cast<double>(drawn);
+  }
+}
+BENCHMARK(signal_watch)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+}  // namespace pelmar::bench
+
+BENCHMARK_MAIN();
