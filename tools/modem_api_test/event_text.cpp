@@ -28,10 +28,13 @@ std::string record_line(const char* kind, const modem_api_event_record& record) 
   const auto bytes = counted(record.data, record.data_len);
   const auto shown = bytes.first(std::min(bytes.size(), kBytesInText));
   const std::string fields = statistic_fields_text(record.id, bytes);
-  return "\n" + std::string(kIndent, ' ') + kind + " sub " + std::to_string(record.sub) + " id " +
-         statistic_text(record.id) + ", " + byte_count(bytes.size()) + (bytes.empty() ? "" : ": ") +
-         to_hex(shown, " ") + (shown.size() < bytes.size() ? " ..." : "") +
-         (fields.empty() ? "" : "\n" + std::string(kIndent + 2, ' ') + fields);
+  std::string text = "\n";
+  text.append(kIndent, ' ').append(kind).append(" sub ").append(std::to_string(record.sub));
+  text.append(" id ").append(statistic_text(record.id)).append(", ").append(byte_count(bytes.size()));
+  if (!bytes.empty()) text.append(": ").append(to_hex(shown, " "));
+  if (shown.size() < bytes.size()) text.append(" ...");
+  if (!fields.empty()) text.append("\n").append(kIndent + 2, ' ').append(fields);
+  return text;
 }
 
 Json records_json(std::span<const modem_api_event_record> records) {
@@ -71,7 +74,7 @@ void put(Description& out, const modem_api_vs_report_b_event& event) {
   out.document.update({{"value", event.value}, {"entries", entries}, {"first", event.first}, {"second", event.second}});
   out.text += "value " + std::to_string(event.value) + ", first " + std::to_string(event.first) + ", second " +
               std::to_string(event.second) + ", entries";
-  for (const uint32_t entry : entries) out.text += " " + std::to_string(entry);
+  for (const uint32_t entry : entries) out.text += ' ' + std::to_string(entry);
   if (entries.empty()) out.text += " none";
 }
 

@@ -120,7 +120,7 @@ std::string statistic_fields_text(uint32_t id, std::span<const uint8_t> value) {
   const Json fields = fields_json(*row, value);
   std::string text;
   for (const auto& [name, number] : fields.items()) {
-    text += (text.empty() ? "" : ", ") + name + " " + number.dump();
+    text += (text.empty() ? "" : ", ") + name + ' ' + number.dump();
   }
   return text;
 }

@@ -122,7 +122,7 @@ class View {
   std::string status(size_t hidden) const {
     if (!state_.trouble.empty()) return clip(coloured(kAlarm, state_.trouble), size_.columns);
     std::string text;
-    if (hidden > 0) text = "(" + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
+    if (hidden > 0) text = '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
     text += local_text(reading_.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
             std::to_string(state_.rate) + " a second  Ctrl-C ends  " + state_.modem;
     return clip(coloured(kBold, text), size_.columns);
@@ -158,7 +158,7 @@ class View {
     std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpRange);
     text += right_aligned(level_text(strongest(carrier.snr)), kSnrWidth);
     if (layout_.history > 0) {
-      text += " " + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan);
+      text += ' ' + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan);
     }
     lines_.push_back({text, carrier.name.index == 0 ? kPrimary : kSecondary});
   }
@@ -172,7 +172,7 @@ class View {
     std::string text;
     for (const double level : levels) {
       text += right_aligned(whole_level_text(std::clamp(level, kLeastNumber, kMostNumber)), kLevelWidth);
-      if (layout_.bar > 0) text += " " + coloured(colour_of(level), bar(level, range, layout_.bar));
+      if (layout_.bar > 0) text += ' ' + coloured(colour_of(level), bar(level, range, layout_.bar));
     }
     return text;
   }
@@ -186,7 +186,7 @@ class View {
   // Until the lines and the status fit. Returns how many went.
   size_t hide_surplus() {
     size_t hidden = 0;
-    const size_t most = std::max<size_t>(size_.rows, 2) - 1;
+    const size_t most = std::max<size_t>(size_.rows, 1) - 1;
     while (lines_.size() > most) {
       const auto least = std::max_element(lines_.rbegin(), lines_.rend(),
                                           [](const Line& a, const Line& b) { return a.rank < b.rank; });

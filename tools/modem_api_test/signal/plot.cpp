@@ -212,7 +212,7 @@ class Picture {
     std::vector<Point> points = thinned(run);
     if (points.size() == 1) points.push_back(points.front());
     svg_ += "<polyline " + style + " points=\"";
-    for (const Point& point : points) svg_ += number(point.x) + "," + number(point.y) + " ";
+    for (const Point& point : points) svg_ += number(point.x) + ',' + number(point.y) + " ";
     svg_.back() = '"';
     svg_ += "/>\n";
     run.clear();
@@ -231,7 +231,7 @@ class Picture {
     double y = kFirstPanelTop + 8;
     for (const auto& [key, track] : recording_.tracks()) {
       svg_ += line(kLegendLeft, y, kLegendLeft + 30, y, style_of(key).c_str());
-      svg_ += words(kLegendLeft + 38, y + 4.5, "sub " + std::to_string(key.first) + " " + text_of(key.second));
+      svg_ += words(kLegendLeft + 38, y + 4.5, "sub " + std::to_string(key.first) + ' ' + text_of(key.second));
       y += kLegendStep;
     }
   }

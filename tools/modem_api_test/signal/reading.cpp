@@ -32,7 +32,7 @@ std::string text_of(Technology technology) {
 }
 
 std::string text_of(const CarrierName& name) {
-  return text_of(name.technology) + " " + position(name.index);
+  return text_of(name.technology) + ' ' + position(name.index);
 }
 
 std::string word_of(const CarrierName& name) {

@@ -79,8 +79,8 @@ std::string carriers_text(const SubscriptionReading& sub, Technology technology)
     if (text.empty()) text = "  " + text_of(technology);
     for (; index < carrier.name.index; ++index) text += " -";
     ++index;
-    text += " " + whole_level_text(strongest(carrier.rsrp));
-    if (has_level(carrier.snr)) text += "/" + whole_level_text(strongest(carrier.snr));
+    text += ' ' + whole_level_text(strongest(carrier.rsrp));
+    if (has_level(carrier.snr)) text += '/' + whole_level_text(strongest(carrier.snr));
   }
   return text;
 }
@@ -92,8 +92,8 @@ void append_switches(std::string& text, const char* title, const std::vector<Ant
   bool is_switched = false;
   text += (text.empty() ? "" : ", ") + std::string(title);
   for (const AntennaSwitch& each : switches) {
-    text += " " + std::to_string(each.now);
-    before += " " + std::to_string(each.before);
+    text += ' ' + std::to_string(each.now);
+    before += ' ' + std::to_string(each.before);
     is_switched |= each.now != each.before;
   }
   if (is_switched) text += " (was" + before + ")";

@@ -24,7 +24,7 @@ constexpr LevelColumns kLevels[] = {
 };
 
 std::string column_name(const LevelColumns& columns, size_t chain) {
-  return std::string(columns.name) + "_" + std::to_string(chain) + "_" + columns.unit;
+  return std::string(columns.name) + '_' + std::to_string(chain) + "_" + columns.unit;
 }
 
 template <class Number>
@@ -120,7 +120,7 @@ TrackPoint point_of(WallClock::time_point time, const Carrier& carrier) {
 std::string csv_header() {
   std::string line = "time,sub,mode,tx_power_dbm,carrier,channel,pci";
   for (const LevelColumns& columns : kLevels) {
-    for (size_t chain = 0; chain < kChains; ++chain) line += "," + column_name(columns, chain);
+    for (size_t chain = 0; chain < kChains; ++chain) line += ',' + column_name(columns, chain);
   }
   for (size_t chain = 0; chain < kChains; ++chain) line += ",rx_antenna_" + std::to_string(chain);
   return line + "\n";
@@ -130,12 +130,12 @@ std::string csv_rows(const Reading& reading) {
   std::string rows;
   for (const SubscriptionReading& sub : reading.subs) {
     for (const Carrier& carrier : sub.carriers) {
-      rows += utc_text(reading.time) + "," + std::to_string(sub.sub) + "," + cell(sub.mode) + "," + cell(sub.tx_power) +
-              "," + word_of(carrier.name) + "," + cell(carrier.channel) + "," + cell(carrier.pci);
+      rows += utc_text(reading.time) + ',' + std::to_string(sub.sub) + ',' + cell(sub.mode) + ',' + cell(sub.tx_power) +
+              "," + word_of(carrier.name) + ',' + cell(carrier.channel) + ',' + cell(carrier.pci);
       for (const LevelColumns& columns : kLevels) {
-        for (const double level : carrier.*columns.levels) rows += "," + cell(level);
+        for (const double level : carrier.*columns.levels) rows += ',' + cell(level);
       }
-      for (size_t chain = 0; chain < kChains; ++chain) rows += "," + antenna_cell(sub, carrier, chain);
+      for (size_t chain = 0; chain < kChains; ++chain) rows += ',' + antenna_cell(sub, carrier, chain);
       rows += "\n";
     }
   }
