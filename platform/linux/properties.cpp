@@ -61,7 +61,7 @@ std::string boot_id() {
 }
 
 fs::path directory_of(std::string_view name) {
-  static const std::string boot = boot_id();
+  static const auto& boot = *new std::string(boot_id());  // threads may ask until the process is gone
   return property_directory() / (name.starts_with("persist.") ? "persist" : boot);
 }
 

@@ -141,8 +141,8 @@ std::unique_ptr<ServiceWatch> QmuxTransport::watch(uint32_t service) {
 }
 
 Transport& default_transport() {
-  static QmuxTransport transport;
-  return transport;
+  static auto* const transport = new QmuxTransport;  // never destroyed: threads may use it until the process is gone
+  return *transport;
 }
 
 }  // namespace pelmar::platform
