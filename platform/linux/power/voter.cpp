@@ -24,6 +24,7 @@ int Voter::enrol(const std::string& socket, const Register& names, pm_event& sta
 void Voter::start() {
   // Held until both threads are stored: the callback's asks who it is when it ends the voter.
   const Lock lock(mutex_);
+  if (is_ending_) return;  // somebody was faster with the handle
   reader_.start([self = shared_from_this()] { self->read(); });
   caller_.start([self = shared_from_this()] { self->run_callbacks(); });
 }
