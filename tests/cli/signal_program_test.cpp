@@ -1,0 +1,247 @@
+// The live view on a terminal, recordings, and the statistics commands, as users run them.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim_process.h"
+
+namespace pelmar::cli {
+namespace {
+
+using sim::test::Outcome;
+using sim::test::run_program;
+using sim::test::ScratchDirectory;
+using sim::test::SimProcess;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{60};
+const std::string kEnter = "\033[?1049h";
+const std::string kLeave = "\033[?25h\033[?1049l";
+
+// The client on a terminal of its own.
+class Terminal {
+ public:
+  explicit Terminal(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), MODEM_API_TEST);
+    arguments.push_back(nullptr);
+    const winsize size{24, 80, 0, 0};
+    process_ = forkpty(&terminal_, nullptr, nullptr, &size);
+    if (process_ != 0) return;
+    setenv("TERM", "xterm", 1);
+    execv(MODEM_API_TEST, const_cast<char* const*>(arguments.data()));
+    _exit(127);
+  }
+
+  ~Terminal() {
+    if (process_ > 0) end(SIGKILL);
+    close(terminal_);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  // Whether the text comes to be drawn, behind what was waited for before.
+  bool shows(const std::string& text) {
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    while (drawn_.find(text, seen_) == drawn_.npos) {
+      if (Clock::now() > deadline || !receive()) return false;
+    }
+    seen_ = drawn_.find(text, seen_) + text.size();
+    return true;
+  }
+
+  void type(char key) const { EXPECT_EQ(write(terminal_, &key, 1), 1); }
+  void send(int signal) const { kill(process_, signal); }
+
+  // Sends the signal, if any, and takes what is drawn until the end. Exit status, or minus the signal.
+  int end(int signal = 0) {
+    if (signal != 0) send(signal);
+    while (receive()) {
+    }
+    int status = 0;
+    if (waitpid(process_, &status, 0) != process_) return -1;
+    process_ = -1;
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+  const std::string& drawn() const { return drawn_; }
+
+ private:
+  bool receive() {
+    pollfd waiting{terminal_, POLLIN, 0};
+    char bytes[4096];
+    if (poll(&waiting, 1, 1000 * static_cast<int>(kPatience.count())) != 1) return false;
+    const ssize_t count = read(terminal_, bytes, sizeof bytes);
+    if (count <= 0) return false;
+    drawn_.append(bytes, static_cast<size_t>(count));
+    return true;
+  }
+
+  int terminal_ = -1;
+  pid_t process_ = -1;
+  std::string drawn_;
+  size_t seen_ = 0;
+};
+
+class SignalProgramTest : public testing::Test {
+ protected:
+  SignalProgramTest() {
+    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
+    setenv("PELMAR_QMI_SOCKET", modem_.socket().c_str(), 1);
+  }
+
+  static Outcome shell(const std::string& script) {
+    return run_program({"/bin/sh", "-c", "client() { " MODEM_API_TEST " \"$@\"; }\n" + script});
+  }
+
+  static std::string content(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+  }
+
+  // The screen was given back once, and nothing was drawn at places of its own after that.
+  static void expect_clean(const Terminal& terminal) {
+    const std::string& drawn = terminal.drawn();
+    const size_t left = drawn.rfind(kLeave);
+    ASSERT_NE(left, drawn.npos);
+    EXPECT_LT(drawn.rfind(kEnter), left);
+    const std::string after = drawn.substr(left + kLeave.size());
+    for (const char* sequence : {"\033[H", "\033[J", "\033[?"}) EXPECT_EQ(after.find(sequence), after.npos);
+  }
+
+  std::string path(const std::string& name) const { return directory_.path(name); }
+  SimProcess& modem() { return modem_; }
+
+ private:
+  ScratchDirectory directory_;
+  SimProcess modem_{directory_};
+};
+
+// --- the live view ---
+
+TEST_F(SignalProgramTest, LiveViewLeavesTheTerminalCleanOnCtrlC) {
+  Terminal terminal({"signal", "--watch", "--rate", "20"});
+  ASSERT_TRUE(terminal.shows("subscription 1"));
+  ASSERT_TRUE(terminal.shows("3 readings")) << "it goes on";
+  terminal.type('\003');
+  EXPECT_EQ(terminal.end(), 128 + SIGINT);
+  expect_clean(terminal);
+  const std::string last = terminal.drawn().substr(terminal.drawn().rfind(kLeave));
+  EXPECT_THAT(last, HasSubstr("subscription 1")) << "the last picture stays";
+}
+
+TEST_F(SignalProgramTest, LiveViewSurvivesARestartOfTheModem) {
+  Terminal terminal({"signal", "--watch", "--rate", "20"});
+  ASSERT_TRUE(terminal.shows("2 readings"));
+  modem().operator_command("restart 300");
+  ASSERT_TRUE(terminal.shows("MODEM AWAY"));
+  ASSERT_TRUE(terminal.shows(" readings, 20 a second"));
+  EXPECT_EQ(terminal.end(SIGTERM), 128 + SIGTERM);
+  expect_clean(terminal);
+}
+
+TEST_F(SignalProgramTest, LiveViewLeavesTheTerminalCleanWhereTheModemIsGone) {
+  Terminal terminal({"signal", "--watch", "--rate", "20"});
+  ASSERT_TRUE(terminal.shows("2 readings"));
+  modem().end(SIGKILL);
+  ASSERT_TRUE(terminal.shows("MODEM AWAY"));
+  ASSERT_TRUE(terminal.shows("its vendor-specific service is down"));
+  EXPECT_EQ(terminal.end(SIGINT), 128 + SIGINT);
+  expect_clean(terminal);
+}
+
+TEST_F(SignalProgramTest, EvenTheSecondSignalLeavesTheTerminalClean) {
+  Terminal terminal({"signal", "--watch", "--rate", "20"});
+  ASSERT_TRUE(terminal.shows("2 readings"));
+  modem().operator_command("silence vs");
+  modem().operator_command("status");
+  terminal.send(SIGINT);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  terminal.end(SIGINT);
+  expect_clean(terminal);
+}
+
+TEST_F(SignalProgramTest, WatchesInLinesWhereThereIsNoTerminal) {
+  const Outcome outcome = shell("client signal --watch --rate 50 --count 3");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.output, AllOf(HasSubstr("  sub 0  "), HasSubstr("  sub 1  "), Not(HasSubstr("\033"))));
+}
+
+// --- recordings ---
+
+TEST_F(SignalProgramTest, RecordsAndDraws) {
+  const std::string csv = path("a.csv");
+  const Outcome outcome = shell("client signal --rate 50 --count 4 --json --csv " + csv + " --plot " + path("a.svg"));
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  std::istringstream lines(outcome.output);
+  size_t readings = 0;
+  for (std::string line; std::getline(lines, line);) readings += nlohmann::json::parse(line).contains("subscriptions");
+  EXPECT_EQ(readings, 4U);
+  EXPECT_THAT(content(path("a.svg")), StartsWith("<svg "));
+  EXPECT_EQ(shell("client signal --from " + csv + " --plot " + path("b.svg")).status, 0);
+  EXPECT_EQ(content(path("b.svg")), content(path("a.svg")));
+  EXPECT_EQ(shell("client signal --rate 50 --count 2 --csv - | cut -d, -f5 | grep -c lte_pcc").output, "4\n");
+  EXPECT_EQ(shell("client signal --count 1 --csv " + csv).output, "1 reading written to " + csv + "\n");
+}
+
+TEST_F(SignalProgramTest, RefusesWhatContradictsItself) {
+  for (const char* options : {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json",
+                              "--csv - --watch", "--rate 0", "--sub 2"}) {
+    EXPECT_EQ(shell("client signal " + std::string(options)).status, 2) << options;
+  }
+  for (const std::string& options :
+       std::vector<std::string>{"--csv /no/such/directory/a.csv", "--from /no/such/file --plot " + path("a.svg"),
+                                "--count 1 --plot /no/such/directory/a.svg", "--count 100 --for 1"}) {
+    EXPECT_EQ(shell("client signal " + options).status, 1) << options;
+  }
+}
+
+// --- the statistics commands ---
+
+TEST_F(SignalProgramTest, FeatureIsSwitchedAndShown) {
+  EXPECT_EQ(shell("client feature on && client feature off --number 7 && client feature").output,
+            "modem feature 2: on\nmodem feature 7: off\nmodem feature 2: on\n");
+}
+
+TEST_F(SignalProgramTest, StatisticsAreReadAndCleared) {
+  modem().operator_command("statistic 1 antenna-switch old_config=1 new_config=3");
+  modem().operator_command("statistic 1 0x1234 00ff10");
+  const Outcome read = shell("client stats get antenna-switch 0x1234 nr-scc2 --sub 1");
+  EXPECT_THAT(read.output, AllOf(HasSubstr("statistic 0x64 (antenna-switch): 8 bytes"), HasSubstr("new_config 3"),
+                                 HasSubstr("statistic 0x1234: 3 bytes\n  0000  00 ff 10 "),
+                                 HasSubstr("statistic 0x07 (nr-scc2): no value")));
+  EXPECT_THAT(shell("client stats clear 0x1234 --sub 1 && client stats get 0x1234 --sub 1 --json").output,
+              HasSubstr(R"("data":"000000")"));
+  EXPECT_EQ(shell("client stats get 1 2 3 4 5 6 7 8 9 10 11").status, 2);
+}
+
+TEST_F(SignalProgramTest, AStatisticsClientIdIsOfOneProgram) {
+  EXPECT_EQ(shell("client stats report on --json").output, "{\"report\":true,\"stats_client_id\":0}\n");
+  for (const char* command : {"report off --client 0", "deregister lte-pcc --client 0"}) {
+    const Outcome refused = shell("client stats " + std::string(command));
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.output, HasSubstr("valid in the program that it was granted to")) << command;
+  }
+  EXPECT_EQ(shell("client stats report off").status, 2);
+}
+
+}  // namespace
+}  // namespace pelmar::cli
