@@ -11,6 +11,8 @@ namespace pelmar::cli {
 
 namespace {
 
+constexpr std::chrono::milliseconds kLogPeriod{950};  // a second, however the readings fall
+
 std::string since_text(WallClock::time_point start) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(WallClock::now() - start).count();
   return std::to_string(seconds) + " s";
@@ -67,10 +69,9 @@ void LogWatch::tell(const std::string& text) const {
 }
 
 void LogWatch::take(const Reading& reading) {
-  using namespace std::chrono_literals;
   if (!std::exchange(has_heading_, true)) tell(kReadingLineHeading);
   if (std::exchange(is_lost_, false)) tell(local_text(reading.time) + "  the modem is back");
-  if (!every_reading_ && reading.time - told_ < 1s) return;
+  if (!every_reading_ && reading.time - told_ < kLogPeriod) return;
   told_ = reading.time;
   tell(reading_line(reading));
 }
