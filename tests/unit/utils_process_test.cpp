@@ -57,6 +57,13 @@ TEST(ProcessNameEx, KeepsTheNameWhenTheStatusCannotBeRead) {
   EXPECT_THAT(messages(), ElementsAre("E|pelmar_get_current_pid_name_ex, fopen fail"));
 }
 
+TEST(ProcessNameEx, KeepsTheNameWhenTheStatusIsEmpty) {
+  settle_log();
+  redirect_opens("/status", file_with(""));
+  EXPECT_STREQ(pelmar_get_current_pid_name_ex(), "mtb");
+  EXPECT_THAT(messages(), ElementsAre("E|pelmar_get_current_pid_name_ex, fgets fail"));
+}
+
 TEST(ProcessInfo, IsReadAnewWithEveryStepLogged) {
   settle_log();
   const std::string pid = std::to_string(getpid());
@@ -81,6 +88,11 @@ TEST(ProcessInfo, IsReadAnewWithEveryStepLogged) {
   EXPECT_STREQ(info.p_name, "");
   EXPECT_TRUE(logged("E pelmar_get_name_by_pid: fopen fail"));
   EXPECT_TRUE(logged("D pelmar_get_current_pid_info: p_id: " + pid + ", p_name: "));
+
+  redirect_opens("/cmdline", file_with(""));
+  pelmar_get_current_pid_info(&info);
+  EXPECT_STREQ(info.p_name, "");
+  EXPECT_TRUE(logged("E pelmar_get_name_by_pid: fgets fail"));
 
   clear_log();
   pelmar_get_current_pid_info(nullptr);

@@ -29,6 +29,9 @@ TEST(PropertyAccess, RefusesNullAndLongValues) {
   EXPECT_EQ(new_messages("pelmar_get_property_value"),
             (Lines{"E property_name is null", "E property_value is null", "E default_property_value is null"}));
   EXPECT_EQ(pelmar_get_property_value_from_int(nullptr, &number, 3), 3);
+  EXPECT_EQ(pelmar_get_property_value_from_int("a", nullptr, 3), 3);
+  EXPECT_EQ(new_messages("pelmar_get_property_value_from_int"),
+            (Lines{"E property_name is null", "E property_value is null"}));
   EXPECT_STREQ(value, "untouched");
   EXPECT_EQ(number, 7);
   clear_log();

@@ -144,6 +144,9 @@ TEST(Strings, FindAndPrint) {
   pelmar_str_print(print);
   EXPECT_EQ(new_messages("pelmar_str_print"),
             (Lines{"D Will print str(len = 2): h\xE9", "D str[0] = h(104)", "D str[1] = \xE9(233)"}));
+  clear_log();
+  pelmar_str_print(nullptr);
+  EXPECT_EQ(new_messages("pelmar_str_print"), Lines{"E str is NULL"});
 }
 
 std::string content_of(const std::string& path) {
