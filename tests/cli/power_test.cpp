@@ -7,13 +7,13 @@
 #include <string>
 #include <thread>
 
+#include "client_program.h"
 #include "sim_process.h"
 
 namespace pelmar::cli {
 namespace {
 
 using sim::test::Outcome;
-using sim::test::run_program;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
 using testing::HasSubstr;
@@ -25,11 +25,6 @@ class PowerTest : public testing::Test {
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
     setenv("PELMAR_QMI_SOCKET", directory_.path("qmux").c_str(), 1);
     unsetenv("PELMAR_PM_SOCKET");
-  }
-
-  // A script in which `client` is the program.
-  static Outcome shell(const std::string& script) {
-    return run_program({"/bin/sh", "-c", "client() { " MODEM_API_TEST " \"$@\"; }\n" + script});
   }
 
   static std::string output(const std::string& arguments) { return shell("client " + arguments).output; }

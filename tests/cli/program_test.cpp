@@ -17,13 +17,13 @@
 #include <thread>
 #include <vector>
 
+#include "client_program.h"
 #include "sim_process.h"
 
 namespace pelmar::cli {
 namespace {
 
 using sim::test::Outcome;
-using sim::test::run_program;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
 using Clock = std::chrono::steady_clock;
@@ -36,11 +36,6 @@ class ProgramTest : public testing::Test {
   ProgramTest() {
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
     unsetenv("PELMAR_QMI_SOCKET");
-  }
-
-  // A script in which `client` is the program; its standard error goes to its own.
-  static Outcome shell(const std::string& script) {
-    return run_program({"/bin/sh", "-c", "client() { " MODEM_API_TEST " \"$@\"; }\n" + script});
   }
 
   std::string path(const std::string& name) const { return directory_.path(name); }

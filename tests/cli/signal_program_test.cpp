@@ -17,13 +17,13 @@
 #include <thread>
 #include <vector>
 
+#include "client_program.h"
 #include "sim_process.h"
 
 namespace pelmar::cli {
 namespace {
 
 using sim::test::Outcome;
-using sim::test::run_program;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
 using testing::AllOf;
@@ -105,10 +105,6 @@ class SignalProgramTest : public testing::Test {
   SignalProgramTest() {
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
     setenv("PELMAR_QMI_SOCKET", modem_.socket().c_str(), 1);
-  }
-
-  static Outcome shell(const std::string& script) {
-    return run_program({"/bin/sh", "-c", "client() { " MODEM_API_TEST " \"$@\"; }\n" + script});
   }
 
   static std::string content(const std::string& path) {
