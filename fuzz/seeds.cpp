@@ -1,5 +1,5 @@
 // Writes the inputs that the fuzzers start from: every message empty, with one of everything, and full; what the
-// two ends of a QMUX stream send each other; and conversations with the peripheral manager.
+// two ends of a QMUX stream send each other; statistics answers; and conversations with the peripheral manager.
 //
 //   fuzz_seeds DIRECTORY      writes DIRECTORY/<target>/...
 //
@@ -10,12 +10,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "frames.h"
 #include "manager_protocol.h"
+#include "vs_messages.h"
 
 namespace pelmar::fuzz {
 namespace {
@@ -139,6 +141,29 @@ void write_control_seeds(SeedWriter& writer) {
   writer.write("transport", "revoked", {1}, revoke);
 }
 
+// Answers that reach a decoder.
+void write_statistics_seeds(SeedWriter& writer) {
+  const auto is_answer = [](const CatalogueMessage& message) {
+    return message.type == QMI_IDL_RESPONSE && message.id == vs::kGetStatsParameter &&
+           message.structure_length == sizeof(vs::GetStatsParameterResponse);
+  };
+  const auto message = std::find_if(catalogue().begin(), catalogue().end(), is_answer);
+  for (const uint32_t id : {0x52, 0x67, 0x6C, 0x87, 0x06, 0x64, 0x62, 0x5A, 0x2C}) {
+    for (const uint16_t sub : {0, 1}) {
+      auto answer = std::make_unique<vs::GetStatsParameterResponse>();
+      answer->records_valid = 1;
+      answer->record_count = 1;
+      answer->records[0].sub = sub;
+      answer->records[0].id = id;
+      answer->records[0].data_len = vs::kMaxDataBytes;
+      const auto* const bytes = reinterpret_cast<const uint8_t*>(answer.get());
+      Bytes wire;
+      require(encode(*message, {bytes, bytes + sizeof(*answer)}, message->max_wire_length, wire) == QMI_IDL_LIB_NO_ERR);
+      writer.write("statistics", std::to_string(id) + '-' + std::to_string(sub), {}, wire);
+    }
+  }
+}
+
 // Whole conversations with the peripheral manager, as either end sends them.
 void write_power_seeds(SeedWriter& writer) {
   using namespace platform::power;
@@ -173,5 +198,6 @@ int main(int argc, char** argv) {
   pelmar::fuzz::write_message_seeds(writer);
   pelmar::fuzz::write_control_seeds(writer);
   pelmar::fuzz::write_power_seeds(writer);
+  pelmar::fuzz::write_statistics_seeds(writer);
   return 0;
 }
