@@ -78,7 +78,7 @@ class Series {
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     if (!values.csv.empty()) listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv));
     if (!values.plot.empty()) listeners_.push_back(std::make_unique<Recorder>(recording_));
-    if (auto shown = make_presentation(rate)) listeners_.push_back(std::move(shown));
+    listeners_.push_back(make_presentation(rate));
   }
 
   // Until the count, the time, or the user's wish to end.
@@ -108,12 +108,13 @@ class Series {
   std::unique_ptr<SignalListener> make_presentation(uint32_t rate) const {
     Output& output = context_.output;
     if (output.is_json()) return std::make_unique<JsonLines>(output);
-    if (values_.csv == "-") return nullptr;
+    if (values_.csv == "-") return std::make_unique<AwayRemarks>();
     if (values_.watch && is_screen(output)) {
       return std::make_unique<LiveWatch>(output, context_.session.modem().socket(), rate);
     }
     const bool is_quiet = !values_.watch && (!values_.csv.empty() || !values_.plot.empty());
-    return is_quiet ? nullptr : std::make_unique<LogWatch>(output, !values_.watch);
+    if (is_quiet) return std::make_unique<AwayRemarks>();
+    return std::make_unique<LogWatch>(output, !values_.watch);
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }

@@ -24,9 +24,9 @@ double round_step(double least) {
 
 std::vector<double> Axis::ticks() const {
   std::vector<double> ticks;
-  const double first = std::ceil(low / step - 1e-9);
-  const double last = std::floor(high / step + 1e-9);
-  for (double i = first; i <= last; ++i) ticks.push_back(i * step + 0.0);  // no negative zero
+  const auto first = std::lround(std::ceil(low / step - 1e-9));
+  const auto last = std::lround(std::floor(high / step + 1e-9));
+  for (auto i = first; i <= last; ++i) ticks.push_back(static_cast<double>(i) * step);
   return ticks;
 }
 

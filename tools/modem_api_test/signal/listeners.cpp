@@ -93,6 +93,16 @@ void JsonLines::miss(const std::string& problem) {
   output_.print({{"time", utc_text(WallClock::now())}, {"notice", "modem_away"}, {"reason", problem}}, "");
 }
 
+// --- remarks ---
+
+void AwayRemarks::take(const Reading& /*reading*/) {
+  if (std::exchange(is_lost_, false)) remark("the modem is back");
+}
+
+void AwayRemarks::miss(const std::string& problem) {
+  if (!std::exchange(is_lost_, true)) remark("the modem is away: " + problem + "; waiting for it");
+}
+
 // --- CSV ---
 
 CsvFile::CsvFile(Output& output, std::string path)

@@ -75,6 +75,16 @@ class JsonLines : public SignalListener {
   bool is_lost_ = false;
 };
 
+// Nothing but remarks, on standard error, that the modem went away and came back.
+class AwayRemarks : public SignalListener {
+ public:
+  void take(const Reading& reading) override;
+  void miss(const std::string& problem) override;
+
+ private:
+  bool is_lost_ = false;
+};
+
 // A CSV file, or standard output for "-". Every reading is in the file before the next one is taken.
 class CsvFile : public SignalListener {
  public:

@@ -34,7 +34,7 @@ struct CarrierName {
   Technology technology = Technology::kLte;
   uint32_t index = 0;
 
-  auto operator<=>(const CarrierName&) const = default;
+  auto operator<=>(const CarrierName&) const = default;  // NOLINT(modernize-use-nullptr): it sees its own expansion
 };
 
 std::string text_of(Technology technology);    // "LTE", for people
