@@ -117,4 +117,8 @@ std::string SimProcess::refused_command(const std::string& line) const {
   return answer.value("error", "");
 }
 
+nlohmann::json SimProcess::try_command(const std::string& line) const {
+  return send_line(control_, line);
+}
+
 }  // namespace pelmar::sim::test

@@ -45,6 +45,8 @@ class SimProcess {
   // Sends a line to the control socket. operator_command() expects success; refused_command() returns the error.
   nlohmann::json operator_command(const std::string& line) const;
   std::string refused_command(const std::string& line) const;
+  // Where either will do.
+  nlohmann::json try_command(const std::string& line) const;
 
   // Sends a signal (0: none) and waits for the end. Exit status, or minus the signal that killed it.
   int end(int signal);

@@ -1,18 +1,13 @@
 #include "client_process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace pelmar::system_test {
-namespace {
-
-constexpr int kPatienceMs = 30'000;
-
-}  // namespace
-
 ClientProcess::ClientProcess(const std::string& name, const std::vector<std::string>& role_and_arguments) {
   std::vector<std::string> arguments = {"/system/" + name, "--role"};
   arguments.insert(arguments.end(), role_and_arguments.begin(), role_and_arguments.end());
@@ -42,11 +37,11 @@ ClientProcess::~ClientProcess() {
   close(output_);
 }
 
-std::string ClientProcess::line() {
+std::string ClientProcess::line(int patience_ms) {
   pollfd waiting{output_, POLLIN, 0};
   char bytes[4096];
   while (buffered_.find('\n') == std::string::npos) {
-    if (poll(&waiting, 1, kPatienceMs) != 1) return "";
+    if (poll(&waiting, 1, patience_ms) != 1) return "";
     const ssize_t count = read(output_, bytes, sizeof(bytes));
     if (count <= 0) return "";
     buffered_.append(bytes, static_cast<size_t>(count));
@@ -61,6 +56,11 @@ std::string ClientProcess::rest() {
   std::string text;
   for (std::string next = line(); !next.empty(); next = line()) text += next + '\n';
   return text;
+}
+
+void ClientProcess::tell(const std::string& line) {
+  const std::string text = line + '\n';
+  EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
 void ClientProcess::finish() {

@@ -24,10 +24,11 @@ class ClientProcess {
   ClientProcess& operator=(const ClientProcess&) = delete;
 
   // The next line of the process's standard output, without its end; "" when it says nothing for long or ended.
-  std::string line();
+  std::string line(int patience_ms = 30'000);
   std::string rest();  // all that follows, up to the process's end
 
-  void finish();            // closes its standard input, which tells a waiting role to end
+  void tell(const std::string& line);  // to its standard input
+  void finish();                       // closes its standard input, which tells a waiting role to end
   int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
   pid_t process() const { return process_; }
 

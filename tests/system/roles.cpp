@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "chaos/client_role.h"
 #include "client_process.h"
 #include "modem_api.h"
 #include "modem_api_peripheral_mng.h"
@@ -133,6 +134,7 @@ constexpr Role kRoles[] = {{"init", init},
                            {"items", items},
                            {"talk", talk},
                            {"leave", leave},
+                           {"chaos", chaos::run_client},
                            {"vote", vote},
                            {"vote_with_heir", vote_with_heir},
                            {"vote_mutely", vote_mutely}};
