@@ -58,7 +58,8 @@ TEST_F(ClientTest, TheOldestIndicationsAreDroppedWhereTooManyWait) {
 }  // namespace pelmar::platform
 
 // Stands in front of the C library's.
-extern "C" [[gnu::visibility("default")]] void syslog(int /*priority*/, const char* format, ...) {
+extern "C" [[gnu::visibility("default"), gnu::format(printf, 2, 3)]] void syslog(int /*priority*/, const char* format,
+                                                                                 ...) {
   char line[256];
   va_list arguments;
   va_start(arguments, format);
