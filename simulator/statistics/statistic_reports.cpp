@@ -44,7 +44,10 @@ void StatisticReports::send_due() {
     if (!reporter.client || reporter.registered.empty()) continue;
     if (!service.wants(*reporter.client, vs::kReportAIndication)) continue;
     ++reporter.reports;
-    for (uint16_t sub = 0; sub < kSubscriptions; ++sub) report(*slot, *reporter.client, number, sub, reporter);
+    // A client that is gone is noticed by a send to it, which ends its registrations at once.
+    const uint8_t client = *reporter.client;
+    const Statistics::Reporter copy = reporter;
+    for (uint16_t sub = 0; sub < kSubscriptions; ++sub) report(*slot, client, number, sub, copy);
   }
 }
 

@@ -23,6 +23,9 @@ TEST(Scenario, TheExampleSaysWhatItDescribes) {
   EXPECT_EQ(number_of(tunnel, "lte-uplink", "dl_path_loss", 39), 103) << "after its last point";
   EXPECT_TRUE(tunnel.at({0, 0x87}, 10)->is_there);
   EXPECT_FALSE(tunnel.at({0, 0x87}, 27.9)->is_there);
+  for (const char* chain : {"rsrp_rx0", "rsrp_rx1", "rsrp_rx2", "rsrp_rx3"}) {
+    EXPECT_LT(number_of(tunnel, "lte-pcc", chain, 20), -1100) << "no chain stays strong in the tunnel";
+  }
   EXPECT_FALSE(tunnel.at({1, 0x52}, 10)) << "nothing of the second subscription";
 }
 

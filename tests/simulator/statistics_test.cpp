@@ -1,5 +1,8 @@
 // The statistics feature from the outside: values by the modem's clock, reports, and what the operator fixes.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cmath>
@@ -8,6 +11,7 @@
 #include <map>
 #include <memory>
 
+#include "io/local_socket.h"
 #include "service_clients.h"
 
 namespace pelmar::sim::test {
@@ -238,6 +242,24 @@ TEST_F(StatisticsTest, ARegistrationEndsWithItsClientOrService) {
   next.add(reporter, {0x52}, 0, 41);
   advance(1000);
   EXPECT_TRUE(next.reports().empty());
+}
+
+// The modem notices it by the first of the report's events, in the middle of its work.
+TEST_F(StatisticsTest, AClientMayDieBeforeItsReport) {
+  std::vector<uint32_t> ids(100);
+  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
+  client_.add(client_.enable_reports(), ids, std::nullopt);
+  const UniqueFd operators = connect_local(directory_.path("storage/control"));
+  advance(0);  // answered after the modem has accepted what connected before
+  ASSERT_EQ(kill(modem_.process(), SIGSTOP), 0);
+  int status = 0;
+  ASSERT_EQ(waitpid(modem_.process(), &status, WUNTRACED), modem_.process());
+  const std::string line = "clock advance 100000\n";
+  ASSERT_EQ(write(operators.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
+  client_.connection().close();
+  ASSERT_EQ(kill(modem_.process(), SIGCONT), 0);
+  StatisticsClient next(modem_);
+  EXPECT_EQ(next.enable_reports(), 0u) << "the first reporter's place is free again";
 }
 
 TEST_F(StatisticsTest, ARunningClockReportsByItself) {
