@@ -82,7 +82,7 @@ void Client::run() {
       wait_for_work(lock);
     }
   }
-  if (thread_.is_started()) return;  // the releasing thread waits for this one, and then ends the connection
+  if (!ends_alone_) return;  // whoever releases or surrenders the handle ends the connection
   lock.unlock();
   end_connection(Deadline::after(kEndTimeout));
 }
@@ -158,7 +158,8 @@ void Client::release() {
     thread_.wake();
   }
   if (thread_.is_current()) {
-    thread_.finish();  // run() ends the connection
+    ends_alone_ = true;
+    thread_.detach();
     return;
   }
   thread_.finish();
@@ -170,7 +171,8 @@ void Client::surrender(const Deadline& deadline) {
   {
     const Lock lock(mutex_);
     if (std::exchange(is_stopping_, true)) return;  // a release is under way
-    thread_.wake();  // and leave it running: only a detached one would end the connection itself
+    thread_.wake();
+    thread_.detach();
   }
   end_connection(deadline);
 }

@@ -136,6 +136,7 @@ class Client : public std::enable_shared_from_this<Client> {
   bool is_gone_ = false;      // the service went away
   bool is_stopping_ = false;  // the handle is released
   bool is_ended_ = false;     // the connection was ended towards the modem
+  bool ends_alone_ = false;   // released in its own callback: run() ends the connection; the thread's own
 
   bool is_sending_ = false;  // somebody owns the connection's sending side
   std::condition_variable send_ended_;

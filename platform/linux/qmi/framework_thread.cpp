@@ -43,8 +43,12 @@ void FrameworkThread::acknowledge() {
 }
 
 void FrameworkThread::finish() {
-  if (is_current()) return thread_.detach();
+  if (is_current()) return detach();
   if (thread_.joinable()) thread_.join();
+}
+
+void FrameworkThread::detach() {
+  if (thread_.joinable()) thread_.detach();
 }
 
 void CallerCallbacks::run(const std::function<void()>& callback) {

@@ -22,7 +22,6 @@ class FrameworkThread {
   // `body` keeps alive whatever it needs; it ends by itself once it was told to.
   void start(std::function<void()> body);
 
-  bool is_started() const { return thread_.joinable(); }
   bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }
 
   // Readable after wake() until acknowledge().
@@ -32,6 +31,7 @@ class FrameworkThread {
 
   // Waits for the thread's end. On the thread itself, leaves it to end alone.
   void finish();
+  void detach();
 
  private:
   int wake_;
