@@ -22,8 +22,8 @@ void add_hydra_commands(CommandLine& line);
 void add_stats_commands(CommandLine& line);
 void add_cell_commands(CommandLine& line);
 void add_sar_commands(CommandLine& line);
+void add_modem_commands(CommandLine& line);
 void add_power_commands(CommandLine& line);
-void add_vote_commands(CommandLine& line);
 void add_ssr_commands(CommandLine& line);
 void add_property_commands(CommandLine& line);
 

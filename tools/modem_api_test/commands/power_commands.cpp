@@ -1,42 +1,250 @@
-// shutdown-notice and reset: what concerns the modem as a whole.
+// power: this process's vote for the modem's power, who else votes, and the steps of the power as they come.
+//
+// A vote belongs to the process that casts it, so `vote` lasts as long as its process, and `release` ends such
+// processes.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
 #include "json.h"
+#include "manager_link.h"
+#include "modem_api_peripheral_mng.h"
 #include "options.h"
+#include "time_text.h"
 
 namespace pelmar::cli {
 
 namespace {
 
-struct PowerCommand {
-  const char* name;
-  const char* summary;
-  const char* effect;  // what is asked about
-  const char* step;
-  const char* done;
-  modem_api_result (*call)(int32_t client);
+using namespace std::chrono_literals;
+using platform::power::Count;
+using platform::power::state_text;
+using platform::power::VoterEntry;
+
+constexpr auto kInterval = 250ms;
+constexpr auto kReleasePatience = 10s;
+constexpr const char* kNoManager =
+    "A simulated modem has one with 'modem_sim serve --pm-socket'; PELMAR_PM_SOCKET or --modem names it.";
+
+// The manager stands beside the modem, where none is named; an empty name names none.
+std::string find_manager(const Context& context) {
+  const char* const named = getenv("PELMAR_PM_SOCKET");
+  if (named == nullptr || *named == '\0') context.session.modem();
+  return platform::power::manager_socket();
+}
+
+Count ask_manager(const std::string& socket, const std::string& step) {
+  const std::optional<Count> count = platform::power::ask_for_count(socket);
+  if (!count) throw Failure(step, "no peripheral manager answers on " + socket, kNoManager);
+  return *count;
+}
+
+Failure lost_manager(const std::string& step) {
+  return {step, "the peripheral manager is gone, and this registration with it", "Repeat the command when it is back."};
+}
+
+void tell(const Context& context, pm_event state, WallClock::time_point time = WallClock::now()) {
+  const Json document = {{"time", utc_text(time)}, {"power", state_text(state)}, {"event", static_cast<int>(state)}};
+  context.output.print(document, local_text(time) + "  modem " + state_text(state));
+}
+
+std::optional<Clock::time_point> deadline_after(uint32_t seconds) {
+  if (seconds == 0) return std::nullopt;
+  return Clock::now() + std::chrono::seconds(seconds);
+}
+
+// --- vote ---
+
+struct VoteValues {
+  std::string device = "modem";
+  uint32_t seconds = 0;  // 0: until a signal
 };
 
-constexpr PowerCommand kCommands[] = {
-    {"shutdown-notice", "tell the modem that the phone is about to power off",
-     "The modem prepares for the phone's end.", "telling the modem of the shutdown", "modem: told of the shutdown",
-     modem_api_notify_shutdown},
-    {"reset", "reset the modem", "The modem restarts; every connection to it is lost for a while.",
-     "resetting the modem", "modem: reset", modem_api_reset_modem},
+// This process's registration through the library.
+class Registration {
+ public:
+  Registration(const std::string& device, const std::string& socket) {
+    if (modem_api_peripheral_mng_init(device.c_str()) == 0) return;
+    throw Failure("registering as a voter for '" + device + "'",
+                  "no peripheral manager answers on " + socket + ", or it knows no such peripheral", kNoManager);
+  }
+  ~Registration() { modem_api_peripheral_mng_deinit(); }
+  Registration(const Registration&) = delete;
+  Registration& operator=(const Registration&) = delete;
 };
+
+// Tells the power's changes while the vote stands.
+void hold(const Context& context, const std::string& socket, std::optional<Clock::time_point> deadline) {
+  std::optional<pm_event> told;
+  do {
+    const pm_event state = ask_manager(socket, "holding the vote").state;
+    if (state != told) tell(context, state);
+    told = state;
+    // A repeated vote changes nothing, and fails where the manager that has it is gone.
+    if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("holding the vote");
+  } while ((!deadline || Clock::now() < *deadline) && context.inbox.pause_until(Clock::now() + kInterval));
+}
+
+void vote(const Context& context, const VoteValues& values) {
+  const std::string socket = find_manager(context);
+  const Signals::Follower ends_by_itself(context.signals);
+  const Registration registration(values.device, socket);
+  if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("voting for the modem's power");
+  context.output.print({{"vote", "cast"}, {"device", values.device}},
+                       "voted for the power of '" + values.device + "'" + (values.seconds > 0 ? "" : "; Ctrl-C ends"));
+  hold(context, socket, deadline_after(values.seconds));
+  modem_api_peripheral_mng_release_vote();
+  context.output.print({{"vote", "released"}, {"device", values.device}}, "vote taken back");
+}
+
+// --- release ---
+
+bool runs_this_program(uint32_t process) {
+  struct stat own {};
+  struct stat other {};
+  return stat("/proc/self/exe", &own) == 0 &&
+         stat(("/proc/" + std::to_string(process) + "/exe").c_str(), &other) == 0 && own.st_dev == other.st_dev &&
+         own.st_ino == other.st_ino;
+}
+
+std::vector<uint32_t> own_votes(const Count& count) {
+  std::vector<uint32_t> processes;
+  for (const VoterEntry& voter : count.voters) {
+    if (voter.votes && runs_this_program(voter.process)) processes.push_back(voter.process);
+  }
+  return processes;
+}
+
+size_t votes(const Count& count) {
+  return static_cast<size_t>(
+      std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
+}
+
+struct NoValues {};
+
+void release(const Context& context, const NoValues&) {
+  constexpr const char* kStep = "releasing the votes of 'power vote'";
+  const std::string socket = find_manager(context);
+  Count count = ask_manager(socket, kStep);
+  const std::vector<uint32_t> processes = own_votes(count);
+  for (const uint32_t process : processes) kill(static_cast<pid_t>(process), SIGTERM);
+  const auto deadline = Clock::now() + kReleasePatience;
+  while (!own_votes(count).empty()) {
+    if (Clock::now() > deadline) throw Failure(kStep, "a process goes on voting", "'power status' shows which.");
+    if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
+    count = ask_manager(socket, kStep);
+  }
+  const std::string left = std::to_string(votes(count)) + " left";
+  context.output.print({{"released", processes}, {"votes", votes(count)}},
+                       "votes: " + std::to_string(processes.size()) + " released, " + left);
+}
+
+// --- status and watch ---
+
+void show_status(const Context& context, const NoValues&) {
+  const Count count = ask_manager(find_manager(context), "asking for the modem's power");
+  Json voters = Json::array();
+  std::string text = std::string("modem ") + state_text(count.state) + ", votes: " + std::to_string(votes(count));
+  for (const VoterEntry& voter : count.voters) {
+    voters.push_back({{"process", voter.process}, {"name", voter.voter}, {"votes", voter.votes}});
+    text +=
+        "\n  process " + std::to_string(voter.process) + ", " + voter.voter + (voter.votes ? ": votes" : ": no vote");
+  }
+  const Json document = {{"power", state_text(count.state)}, {"votes", votes(count)}, {"voters", std::move(voters)}};
+  context.output.print(document, text);
+}
+
+struct WatchValues {
+  std::string device = "modem";
+  uint32_t count = 0;    // 0: no limit
+  uint32_t seconds = 0;  // 0: no limit
+};
+
+// A voter without a vote, which acknowledges each step and passes it on.
+class Watcher {
+ public:
+  Watcher(const std::string& device, const std::string& socket) {
+    const int result = pm_client_register(on_event, this, device.c_str(), "modem_api_test watch", &state_, &handle_);
+    if (result == PM_RET_UNSUPPORTED) throw Failure(kStep, "the peripheral manager knows no '" + device + "'");
+    if (result != PM_RET_SUCCESS) throw Failure(kStep, "no peripheral manager answers on " + socket, kNoManager);
+  }
+  ~Watcher() { pm_client_unregister(handle_); }
+  Watcher(const Watcher&) = delete;
+  Watcher& operator=(const Watcher&) = delete;
+
+  pm_event state() const { return state_; }
+
+  void follow(const Context& context, uint32_t limit, std::optional<Clock::time_point> deadline) const {
+    uint32_t seen = 0;
+    while (limit == 0 || seen < limit) {
+      const auto next_look = Clock::now() + kInterval;
+      const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look);
+      if (arrival) {
+        tell(context, static_cast<pm_event>(arrival->number), arrival->time);
+        ++seen;
+        continue;
+      }
+      if (context.inbox.is_interrupted()) return;
+      if (deadline && Clock::now() >= *deadline) break;
+      // It has no vote to take back; that fails where the manager is gone.
+      if (pm_client_disconnect(handle_) != PM_RET_SUCCESS) throw lost_manager(kStep);
+    }
+    if (seen >= limit) return;
+    throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(limit) + " steps came",
+                  "Wait longer with --for SECONDS.");
+  }
+
+ private:
+  static constexpr const char* kStep = "watching the modem's power";
+
+  static void on_event(void* data, pm_event event) {
+    pm_client_event_acknowledge(static_cast<Watcher*>(data)->handle_, event);
+    Inbox::receive_power_step(event);
+  }
+
+  pm_event state_ = EVENT_PERIPH_IS_OFFLINE;
+  void* handle_ = nullptr;
+};
+
+void watch(const Context& context, const WatchValues& values) {
+  const std::string socket = find_manager(context);
+  const Signals::Follower ends_by_itself(context.signals);
+  const Watcher watcher(values.device, socket);
+  tell(context, watcher.state());
+  watcher.follow(context, values.count, deadline_after(values.seconds));
+}
+
+CLI::Option* add_device(CLI::App& command, std::string& device) {
+  return command.add_option("--device", device, "the peripheral's name at the manager")
+      ->capture_default_str()
+      ->type_name("NAME");
+}
 
 }  // namespace
 
 void add_power_commands(CommandLine& line) {
-  for (const PowerCommand& row : kCommands) {
-    const auto act = [&row](const Context& context, const Confirmation& confirmation) {
-      confirmation.require(row.effect);
-      check(row.call(context.session.open(MODEM_API_CLIENT_VS)), row.step);
-      context.output.print({{"done", row.name}}, row.done);
-    };
-    auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);
-    confirmation.add_to(command);
+  CLI::App& group = line.add_group("power", "votes for the modem's power, at the peripheral manager");
+  {
+    auto [command, values] = line.add<VoteValues>(group, "vote", "vote for power, as long as this command runs", vote);
+    add_device(command, values.device);
+    add_number(command, "--for", values.seconds, "take the vote back after that many seconds")->type_name("SECONDS");
+  }
+  line.add<NoValues>(group, "release", "end every 'power vote' that runs", release);
+  line.add<NoValues>(group, "status", "show the power, the votes, and the voters", show_status);
+  {
+    auto [command, values] = line.add<WatchValues>(group, "watch", "follow the steps of the power as they come", watch);
+    add_device(command, values.device);
+    add_number(command, "--count", values.count, "end after that many steps");
+    add_number(command, "--for", values.seconds, "end after that many seconds")->type_name("SECONDS");
   }
 }
 
