@@ -41,8 +41,10 @@ TxPower read_tx_power(const TxPowerValues& values) {
   if (values.max) return {{{"of", "max"}}, "both subscriptions, the higher one", modem_tx_power_get_for_max_sub()};
   if (values.sub) return {{{"sub", *values.sub}}, subscription(*values.sub), modem_tx_power_get_by_sub(*values.sub)};
   const int32_t sub = pelmar_get_default_data_sub();
-  return {{{"sub", sub}, {"of", "default_data_sub"}},
-          subscription(static_cast<uint32_t>(sub)) + ", of the default data",
+  const bool is_set = sub >= 0;
+  return {{{"sub", is_set ? Json(sub) : Json()}, {"of", "default_data_sub"}},
+          is_set ? subscription(static_cast<uint32_t>(sub)) + ", of the default data"
+                 : "the default data (no subscription is set for it)",
           modem_tx_power_get_for_dds_sub()};
 }
 

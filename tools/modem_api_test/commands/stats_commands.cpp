@@ -95,6 +95,10 @@ struct ReportValues {
   std::optional<uint32_t> client;
 };
 
+constexpr const char* kWhoseId =
+    "A statistics client id belongs to the program that asked for it, and ends with it: the id of any other process,\n"
+    "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
+
 constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
 constexpr Advice kNotGranted = {MODEM_API_ERR_GENERIC,
                                 "A statistics client id is valid in the program that it was granted to."};
@@ -225,8 +229,9 @@ void add_reporting_commands(CommandLine& line, CLI::App& group) {
   {
     auto [command, values] =
         line.add<ReportValues>(group, "report", "ask for a statistics client id, or give it back", switch_reporting);
+    command.footer(kWhoseId);
     command.add_option("state", values.is_on, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    add_number(command, "--client", "off: the statistics client id", 0, UINT32_MAX,
+    add_number(command, "--client", "off: the statistics client id, of this process", 0, UINT32_MAX,
                [&client = values.client](int64_t value) { client = static_cast<uint32_t>(value); });
   }
   {
@@ -240,8 +245,9 @@ void add_reporting_commands(CommandLine& line, CLI::App& group) {
     values.limits.add_to(command);
   }
   auto [command, values] = line.add<RegisterValues>(group, "deregister", "end the reporting of statistics", deregister);
+  command.footer(kWhoseId);
   add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
-  add_number(command, "--client", values.client, "the statistics client id")->required();
+  add_number(command, "--client", values.client, "the statistics client id, of this process")->required();
   add_options(command, values);
 }
 
