@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "readings.h"
 #include "signal/bars.h"
 #include "signal/live_view.h"
@@ -9,16 +11,17 @@
 namespace pelmar::cli {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-std::vector<std::string> view(TerminalSize size, const std::string& trouble = "", bool with_colour = false) {
+std::vector<std::string> view(TerminalSize size, const std::string& trouble = "", const Style& style = {}) {
   const Reading reading = full_reading();
   History history;
-  history.add(reading);
-  return live_view(reading, history, {"@modem", trouble, 12, 10}, size, with_colour);
+  history.add(reading, Clock::time_point());
+  return live_view(reading, history, {"@modem", trouble, 12, 10}, size, style);
 }
 
 TEST(LiveView, ShowsEveryChainOfEveryCarrierIn80Columns) {
@@ -36,10 +39,10 @@ TEST(LiveView, ShowsEveryChainOfEveryCarrierIn80Columns) {
 }
 
 TEST(LiveView, FitsEveryTerminal) {
-  for (const bool with_colour : {false, true}) {
+  for (const auto& [with_colour, glyphs] : {std::pair(false, Glyphs::kBlocks), {true, Glyphs::kAscii}}) {
     for (size_t columns = 1; columns < 260; ++columns) {
       for (const size_t rows : {1, 2, 5, 12, 24, 100}) {
-        const std::vector<std::string> lines = view({columns, rows}, "", with_colour);
+        const std::vector<std::string> lines = view({columns, rows}, "", {with_colour, glyphs});
         ASSERT_LE(lines.size(), rows) << columns;
         for (const std::string& line : lines) ASSERT_LE(display_width(line), columns) << line;
       }
@@ -64,10 +67,10 @@ TEST(LiveView, NarrowTerminalsKeepTheNumbers) {
 }
 
 TEST(LiveView, TellsThatTheModemIsAwayAndKeepsTheLastReading) {
-  const std::vector<std::string> lines = view({80, 24}, "MODEM AWAY 3 s: its service is down", true);
+  const std::vector<std::string> lines = view({80, 24}, "MODEM AWAY 3 s: its service is down", {true});
   EXPECT_THAT(lines[0], HasSubstr("MODEM AWAY 3 s"));
   EXPECT_THAT(lines[3], HasSubstr("\033[2m███"));
-  EXPECT_THAT(view({80, 24}, "", true)[3], HasSubstr("\033[32m███"));
+  EXPECT_THAT(view({80, 24}, "", {true})[3], HasSubstr("\033[32m███"));
   EXPECT_THAT(view({80, 24})[3], Not(HasSubstr("\033")));
 }
 
@@ -78,40 +81,68 @@ TEST(LiveView, ClippedTextEndsItsColours) {
   EXPECT_EQ(display_width("\033[1m█▌\033[0mx"), 3U);
 }
 
+TEST(LiveView, ColoursTellGoodFromPoorRsrpButNotGain) {
+  const std::vector<std::string> lines = view({80, 24}, "", {true});
+  EXPECT_THAT(lines[4], AllOf(HasSubstr("-125 \033[31m"), HasSubstr("-111 \033[31m")));
+  EXPECT_THAT(lines[6], HasSubstr("-60 \033[36m"));
+  EXPECT_THAT(lines[7], AllOf(HasSubstr("-70 \033[36m"), Not(HasSubstr("\033[32m"))));
+}
+
+TEST(LiveView, DrawsInAsciiWhereTheTerminalHasNoBlocks) {
+  for (const std::string& line : view({120, 24}, "", {true, Glyphs::kAscii})) {
+    EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char each) { return (each & 0x80) == 0; })) << line;
+  }
+  EXPECT_EQ(view({80, 24}, "", {false, Glyphs::kAscii})[3],
+            "LTE pcc    1300 101  -80 ###   -81 ###   -82 ###   -83 ###   23.0              +");
+  EXPECT_EQ(glyphs_of("UTF-8"), Glyphs::kBlocks);
+  for (const char* codeset : {"ANSI_X3.4-1968", "ISO-8859-1", ""}) EXPECT_EQ(glyphs_of(codeset), Glyphs::kAscii);
+}
+
+TEST(LiveView, AnEscapeWithoutAColourIsACharacter) {
+  for (const char* text : {"\033", "a\033", "\033[", "\033[1;3", "\033[2J", "\033[1;xm", "\033m"}) {
+    EXPECT_EQ(display_width(text), std::string_view(text).size()) << text + 1;
+    EXPECT_EQ(clip(text, 80), text);
+    EXPECT_EQ(clip(text, 1), std::string(text, 1));
+  }
+}
+
 TEST(Bars, ShowTheLevelWithinTheRange) {
   const struct {
     double level;
     const char* text;
   } kCases[] = {{-200, "▏   "},  {-100, "▏   "}, {-75, "█   "}, {-50, "██  "},
                 {-48.4, "██▏ "}, {0, "████"},    {50, "████"}};
-  for (const auto& each : kCases) EXPECT_EQ(bar(each.level, {-100, 0}, 4), each.text) << each.level;
-  EXPECT_EQ(bar(kNoLevel, {-100, 0}, 4), "    ");
+  for (const auto& each : kCases) EXPECT_EQ(bar(each.level, {-100, 0}, 4, Glyphs::kBlocks), each.text) << each.level;
+  EXPECT_EQ(bar(kNoLevel, {-100, 0}, 4, Glyphs::kBlocks), "    ");
+  EXPECT_EQ(bar(-200, {-100, 0}, 4, Glyphs::kAscii), "#   ");
+  EXPECT_EQ(bar(-30, {-100, 0}, 4, Glyphs::kAscii), "### ");
+  EXPECT_EQ(bar(kNoLevel, {-100, 0}, 4, Glyphs::kAscii), "    ");
 }
 
 TEST(Bars, HistoryIsScaledToItsRangeButNotToNoise) {
   const double levels[] = {-100, kNoLevel, -90, -80};
-  EXPECT_EQ(sparkline(levels, 6, 10), "  ▁ ▅█");
-  EXPECT_EQ(sparkline(levels, 2, 10), "▁█");
+  EXPECT_EQ(sparkline(levels, 6, 10, Glyphs::kBlocks), "  ▁ ▅█");
+  EXPECT_EQ(sparkline(levels, 2, 10, Glyphs::kBlocks), "▁█");
+  EXPECT_EQ(sparkline(levels, 6, 10, Glyphs::kAscii), "  . +@");
   const double steady[] = {-80, -80.1, -80};
-  EXPECT_EQ(sparkline(steady, 3, 12), "▅▄▅");
-  EXPECT_EQ(sparkline({}, 3, 12), "   ");
+  EXPECT_EQ(sparkline(steady, 3, 12, Glyphs::kBlocks), "▅▄▅");
+  EXPECT_EQ(sparkline({}, 3, 12, Glyphs::kBlocks), "   ");
 }
 
-TEST(History, HasAColumnASecond) {
+TEST(History, HasAColumnASecondWhateverTheWallClockSays) {
   History history;
   Reading reading = full_reading();
   const CarrierName carrier{Technology::kLte, 0};
   const auto read_at = [&](int milliseconds, double level) {
-    reading.time = kTestTime + std::chrono::milliseconds(milliseconds);
     reading.subs[0].carriers[0].rsrp = {level, level - 1, kNoLevel, kNoLevel};
-    history.add(reading);
+    history.add(reading, Clock::time_point(std::chrono::milliseconds(milliseconds)));
   };
   read_at(0, -80);
   read_at(500, -81);
   read_at(1000, -82);
   read_at(2300, -83);
   EXPECT_THAT(history.of(0, carrier), ElementsAre(-81, -82, -83));
-  history.add_gap(kTestTime + std::chrono::milliseconds(3100));
+  history.add_gap(Clock::time_point(std::chrono::milliseconds(3100)));
   EXPECT_THAT(history.of(0, carrier), ElementsAre(-81, -82, -83, testing::IsNan()));
   EXPECT_TRUE(history.of(0, {Technology::kLte, 5}).empty());
   for (int second = 4; second < 400; ++second) read_at(1000 * second, -84);

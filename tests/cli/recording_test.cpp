@@ -100,6 +100,28 @@ TEST(Csv, FindsColumnsByName) {
   EXPECT_EQ(recording.tracks().at({1, kPrimary}).front().rsrp, -77);
 }
 
+TEST(Csv, TracksAreInTheOrderOfTime) {
+  const std::string heading = "time,sub,carrier,rsrp_0_dbm\n";
+  const std::string rows[] = {"2023-11-14T22:13:20.007Z,0,lte_pcc,-77\n", "2023-11-14T22:13:21.007Z,0,lte_pcc,-78\n",
+                              "2023-11-14T22:13:22.007Z,0,lte_pcc,-79\n"};
+  EXPECT_EQ(plot_svg(from_csv(heading + rows[2] + rows[0] + rows[1])),
+            plot_svg(from_csv(heading + rows[0] + rows[1] + rows[2])));
+}
+
+TEST(Csv, ARecordingSurvivesThatTheClockIsSetBack) {
+  Recording recording;
+  for (const int seconds : {10, 11, 4, 5, 12}) {
+    Reading reading = full_reading();
+    reading.time += std::chrono::seconds(seconds);
+    recording.add(reading);
+  }
+  std::vector<int64_t> times;
+  for (const TrackPoint& point : recording.tracks().at({0, kPrimary})) {
+    times.push_back(std::chrono::duration_cast<std::chrono::seconds>(point.time - kTestTime).count());
+  }
+  EXPECT_THAT(times, ElementsAre(4, 5, 10, 11, 12));
+}
+
 TEST(Csv, RefusesWhatIsNoRecordingAndShowsTheLine) {
   const struct {
     const char* rows;

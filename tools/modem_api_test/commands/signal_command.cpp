@@ -48,22 +48,35 @@ void show_once(const Context& context, const SignalValues& values) {
 
 // --- pictures ---
 
-void write_plot(const Recording& recording, const std::string& path) {
-  if (recording.is_empty()) {
-    throw Failure("drawing '" + path + "'", "the recording has no carrier in it",
-                  "'modem_api_test signal' shows them.");
+// Open from the start, so that a recording is not made for a file that cannot be written.
+class PlotFile {
+ public:
+  explicit PlotFile(const std::string& path) : path_(path), file_(path) { require(file_.is_open()); }
+
+  void write(const Recording& recording) {
+    if (recording.is_empty()) {
+      throw Failure("drawing '" + path_ + "'", "the recording has no carrier in it",
+                    "'modem_api_test signal' shows them.");
+    }
+    file_ << plot_svg(recording);
+    require(!file_.flush().fail());
   }
-  std::ofstream file(path);
-  file << plot_svg(recording);
-  if (!file.flush()) throw Failure::of_system("writing the file '" + path + "'");
-}
+
+ private:
+  void require(bool is_done) const {
+    if (!is_done) throw Failure::of_system("writing the file '" + path_ + "'");
+  }
+
+  const std::string path_;
+  std::ofstream file_;
+};
 
 void draw_from_file(const Context& context, const SignalValues& values) {
   std::ifstream file(values.from);
   if (!file) throw Failure::of_system("reading the file '" + values.from + "'");
   Recording recording;
   recording.add_csv(file, "the file '" + values.from + "'");
-  write_plot(recording, values.plot);
+  PlotFile(values.plot).write(recording);
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
 }
@@ -77,13 +90,15 @@ class Series {
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     if (!values.csv.empty()) listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv));
-    if (!values.plot.empty()) listeners_.push_back(std::make_unique<Recorder>(recording_));
+    if (!values.plot.empty()) {
+      plot_.emplace(values.plot);
+      listeners_.push_back(std::make_unique<Recorder>(recording_));
+    }
     listeners_.push_back(make_presentation(rate));
   }
 
   // Until the count, the time, or the user's wish to end.
   void run() {
-    const Signals::Follower ends_by_itself(context_.signals);
     Clock::time_point next = Clock::now();
     const Clock::time_point end =
         values_.seconds > 0 ? next + std::chrono::seconds(values_.seconds) : Clock::time_point::max();
@@ -94,8 +109,8 @@ class Series {
     listeners_.clear();
   }
 
-  void finish() const {
-    if (!values_.plot.empty()) write_plot(recording_, values_.plot);
+  void finish() {
+    if (plot_) plot_->write(recording_);
     report_files();
     if (context_.inbox.is_interrupted() || values_.count == 0 || is_complete()) return;
     throw Failure("recording the signal",
@@ -150,6 +165,7 @@ class Series {
   Clock::duration period_{};
   std::vector<std::unique_ptr<SignalListener>> listeners_;
   Recording recording_;
+  std::optional<PlotFile> plot_;
   uint32_t readings_ = 0;
 };
 
@@ -172,6 +188,7 @@ void run_signal(const Context& context, const SignalValues& values) {
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
   Series series(context, values);
+  const Signals::Follower ends_by_itself(context.signals);  // its files are complete before the program ends
   series.run();
   series.finish();
 }

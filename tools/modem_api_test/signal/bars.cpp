@@ -10,6 +10,7 @@ namespace {
 constexpr int kEighths = 8;
 constexpr const char* kRightwards[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉", "█"};
 constexpr const char* kUpwards[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char* kAsciiUpwards[] = {" ", ".", ":", "-", "=", "+", "*", "#", "@"};
 
 double share(double level, LevelRange range) {
   return std::clamp((level - range.low) / (range.high - range.low), 0.0, 1.0);
@@ -29,8 +30,16 @@ LevelRange range_of(std::span<const double> levels, double least_span) {
 
 }  // namespace
 
-std::string bar(double level, LevelRange range, size_t width) {
+Glyphs glyphs_of(std::string_view codeset) {
+  return codeset == "UTF-8" ? Glyphs::kBlocks : Glyphs::kAscii;
+}
+
+std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs) {
   if (std::isnan(level)) return std::string(width, ' ');
+  if (glyphs == Glyphs::kAscii) {
+    const auto columns = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width)));
+    return std::string(columns, '#') + std::string(width - columns, ' ');
+  }
   const auto eighths = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width * kEighths)));
   std::string text;
   for (size_t i = 0; i < eighths / kEighths; ++i) text += kRightwards[kEighths];
@@ -39,12 +48,13 @@ std::string bar(double level, LevelRange range, size_t width) {
   return text;
 }
 
-std::string sparkline(std::span<const double> levels, size_t width, double least_span) {
+std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs) {
   levels = levels.last(std::min(width, levels.size()));
   const LevelRange range = range_of(levels, least_span);
   std::string text(width - levels.size(), ' ');
+  const auto& upwards = glyphs == Glyphs::kBlocks ? kUpwards : kAsciiUpwards;
   for (const double level : levels) {
-    text += std::isnan(level) ? kUpwards[0] : kUpwards[1 + std::lround(share(level, range) * (kEighths - 1))];
+    text += std::isnan(level) ? upwards[0] : upwards[1 + std::lround(share(level, range) * (kEighths - 1))];
   }
   return text;
 }

@@ -8,7 +8,7 @@ constexpr std::chrono::seconds kColumn{1};
 
 }  // namespace
 
-void History::add_gap(WallClock::time_point time) {
+void History::add_gap(Clock::time_point time) {
   if (is_started_ && time - started_ < kColumn) return;
   started_ = is_started_ && time - started_ < 2 * kColumn ? started_ + kColumn : time;
   is_started_ = true;
@@ -18,8 +18,8 @@ void History::add_gap(WallClock::time_point time) {
   }
 }
 
-void History::add(const Reading& reading) {
-  add_gap(reading.time);
+void History::add(const Reading& reading, Clock::time_point time) {
+  add_gap(time);
   for (const SubscriptionReading& sub : reading.subs) {
     for (const Carrier& carrier : sub.carriers) {
       std::vector<double>& levels = levels_[{sub.sub, carrier.name}];

@@ -15,18 +15,19 @@ class History {
  public:
   static constexpr size_t kMostColumns = 240;
 
-  // Takes the RSRP of each carrier's strongest chain.
-  void add(const Reading& reading);
+  // Takes the RSRP of each carrier's strongest chain. Columns go by the steady clock: the reading's own time jumps
+  // where the wall clock is set.
+  void add(const Reading& reading, Clock::time_point time);
 
   // A reading that did not come: the columns move on, and stay empty.
-  void add_gap(WallClock::time_point time);
+  void add_gap(Clock::time_point time);
 
   // Oldest first, up to the present second; no level where the carrier was not there. Empty for one that never was.
   std::span<const double> of(uint32_t sub, const CarrierName& carrier) const;
 
  private:
   bool is_started_ = false;
-  WallClock::time_point started_;  // the present column
+  Clock::time_point started_;  // the present column
   std::map<std::pair<uint32_t, CarrierName>, std::vector<double>> levels_;
 };
 

@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLogPeriod{950};  // a second, however the readings fall
 
-std::string since_text(WallClock::time_point start) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(WallClock::now() - start).count();
+std::string since_text(Clock::time_point start) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
   return std::to_string(seconds) + " s";
 }
 
@@ -23,7 +23,7 @@ std::string since_text(WallClock::time_point start) {
 // --- live view ---
 
 LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
-    : output_(output), screen_(std::make_unique<Screen>(output)), with_colour_(wants_colour()) {
+    : output_(output), screen_(std::make_unique<Screen>(output)), style_{wants_colour(), screen_glyphs()} {
   state_.modem = std::move(modem);
   state_.rate = rate;
 }
@@ -33,7 +33,7 @@ LiveWatch::~LiveWatch() {
   screen_.reset();
   if (state_.readings == 0) return;
   std::string text;
-  for (const std::string& line : live_view(last_, history_, state_, {size.columns, SIZE_MAX}, with_colour_)) {
+  for (const std::string& line : live_view(last_, history_, state_, {size.columns, SIZE_MAX}, style_)) {
     text += line + "\n";
   }
   try {
@@ -44,20 +44,21 @@ LiveWatch::~LiveWatch() {
 }
 
 void LiveWatch::draw() {
-  screen_->draw(live_view(last_, history_, state_, screen_->size(), with_colour_));
+  screen_->draw(live_view(last_, history_, state_, screen_->size(), style_));
 }
 
 void LiveWatch::take(const Reading& reading) {
   last_ = reading;
-  history_.add(reading);
+  history_.add(reading, Clock::now());
   ++state_.readings;
   state_.trouble.clear();
   draw();
 }
 
 void LiveWatch::miss(const std::string& problem) {
-  if (state_.trouble.empty()) lost_ = WallClock::now();
-  history_.add_gap(WallClock::now());
+  const auto now = Clock::now();
+  if (state_.trouble.empty()) lost_ = now;
+  history_.add_gap(now);
   state_.trouble = "MODEM AWAY " + since_text(lost_) + ": " + problem + "; Ctrl-C ends";
   draw();
 }
@@ -71,8 +72,9 @@ void LogWatch::tell(const std::string& text) const {
 void LogWatch::take(const Reading& reading) {
   if (!std::exchange(has_heading_, true)) tell(kReadingLineHeading);
   if (std::exchange(is_lost_, false)) tell(local_text(reading.time) + "  the modem is back");
-  if (!every_reading_ && reading.time - told_ < kLogPeriod) return;
-  told_ = reading.time;
+  const auto now = Clock::now();
+  if (!every_reading_ && told_ && now - *told_ < kLogPeriod) return;
+  told_ = now;
   tell(reading_line(reading));
 }
 

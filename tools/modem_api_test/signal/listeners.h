@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "output.h"
@@ -37,9 +38,9 @@ class LiveWatch : public SignalListener {
 
   Output& output_;
   std::unique_ptr<Screen> screen_;
-  const bool with_colour_;
+  const Style style_;
   LiveState state_;
-  WallClock::time_point lost_;
+  Clock::time_point lost_;
   Reading last_;
   History history_;
 };
@@ -59,7 +60,7 @@ class LogWatch : public SignalListener {
   const bool every_reading_;
   bool is_lost_ = false;
   bool has_heading_ = false;
-  WallClock::time_point told_;
+  std::optional<Clock::time_point> told_;
 };
 
 // A JSON document a reading.

@@ -18,12 +18,32 @@ constexpr const char* kAlarm = "\033[1;31m";
 constexpr const char* kGood = "\033[32m";
 constexpr const char* kFair = "\033[33m";
 constexpr const char* kPoor = "\033[31m";
+constexpr const char* kNeutral = "\033[36m";
 
 constexpr double kGoodRsrp = -95;
 constexpr double kFairRsrp = -110;
 constexpr double kLeastNumber = -999;  // that the columns have room for
 constexpr double kMostNumber = 999;
 constexpr double kLeastHistorySpan = 12;  // dB: smaller changes look small
+
+const char* rsrp_colour(double level) {
+  if (level >= kGoodRsrp) return kGood;
+  return level >= kFairRsrp ? kFair : kPoor;
+}
+
+// There is no good or bad receive gain.
+const char* gain_colour(double /*level*/) {
+  return kNeutral;
+}
+
+// How the bars of one measure are drawn.
+struct Bars {
+  LevelRange range;
+  const char* (*colour)(double level);
+};
+
+constexpr Bars kRsrpBars = {kRsrpRange, rsrp_colour};
+constexpr Bars kGainBars = {kRssiRange, gain_colour};
 
 // Widths of the columns; 0: the column is left out.
 struct Layout {
@@ -97,12 +117,12 @@ struct Line {
 
 class View {
  public:
-  View(const Reading& reading, const History& history, const LiveState& state, TerminalSize size, bool with_colour)
+  View(const Reading& reading, const History& history, const LiveState& state, TerminalSize size, const Style& style)
       : reading_(reading),
         history_(history),
         state_(state),
         size_(size),
-        with_colour_(with_colour),
+        style_(style),
         layout_(layout_of(size.columns)) {}
 
   std::vector<std::string> lines() {
@@ -116,7 +136,7 @@ class View {
 
  private:
   std::string coloured(const char* colour, const std::string& text) const {
-    return with_colour_ ? colour + text + kPlain : text;
+    return style_.with_colour ? colour + text + kPlain : text;
   }
 
   std::string status(size_t hidden) const {
@@ -147,7 +167,7 @@ class View {
     if (sub.carriers.empty()) lines_.push_back({"no carrier", kPrimary});
     for (const Carrier& carrier : sub.carriers) add_carrier(sub.sub, carrier);
     for (const GainRow& row : gain_rows(sub)) {
-      lines_.push_back({name_and_place(std::string(row.title) + " rx", "") + chains(row.levels, kRssiRange), kGain});
+      lines_.push_back({name_and_place(std::string(row.title) + " rx", "") + chains(row.levels, kGainBars), kGain});
     }
     if (const std::string text = antennas_text(sub); !text.empty()) lines_.push_back({"antennas " + text, kAntennas});
   }
@@ -155,10 +175,10 @@ class View {
   void add_carrier(uint32_t sub, const Carrier& carrier) {
     const std::string place =
         right_aligned(text_or_dash(carrier.channel), 7) + right_aligned(text_or_dash(carrier.pci), 4);
-    std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpRange);
+    std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpBars);
     text += right_aligned(level_text(strongest(carrier.snr)), kSnrWidth);
     if (layout_.history > 0) {
-      text += ' ' + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan);
+      text += ' ' + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan, style_.glyphs);
     }
     lines_.push_back({text, carrier.name.index == 0 ? kPrimary : kSecondary});
   }
@@ -168,19 +188,18 @@ class View {
   }
 
   // Whole dB and a bar for each chain.
-  std::string chains(const Levels& levels, LevelRange range) const {
+  std::string chains(const Levels& levels, const Bars& bars) const {
     std::string text;
     for (const double level : levels) {
       text += right_aligned(whole_level_text(std::clamp(level, kLeastNumber, kMostNumber)), kLevelWidth);
-      if (layout_.bar > 0) text += ' ' + coloured(colour_of(level), bar(level, range, layout_.bar));
+      if (layout_.bar > 0)
+        text += ' ' + coloured(colour_of(level, bars), bar(level, bars.range, layout_.bar, style_.glyphs));
     }
     return text;
   }
 
-  const char* colour_of(double level) const {
-    if (!state_.trouble.empty()) return kDim;
-    if (level >= kGoodRsrp) return kGood;
-    return level >= kFairRsrp ? kFair : kPoor;
+  const char* colour_of(double level, const Bars& bars) const {
+    return state_.trouble.empty() ? bars.colour(level) : kDim;
   }
 
   // Until the lines and the status fit. Returns how many went.
@@ -200,15 +219,22 @@ class View {
   const History& history_;
   const LiveState& state_;
   const TerminalSize size_;
-  const bool with_colour_;
+  const Style style_;
   const Layout layout_;
   std::vector<Line> lines_;
 };
 
-// The length of the character or colour sequence at the start; `columns` becomes what it takes on the screen.
+// The length of the colour sequence at the start; 0 where there is none, or not all of it.
+size_t colour_sequence(std::string_view text) {
+  if (!text.starts_with("\033[")) return 0;
+  const size_t end = text.find_first_not_of("0123456789;", 2);
+  return end != text.npos && text[end] == 'm' ? end + 1 : 0;
+}
+
+// The length of the character or colour sequence at the start, never 0; `columns` becomes what it takes on the screen.
 size_t next_element(std::string_view text, size_t& columns) {
   columns = 0;
-  if (text.starts_with('\033')) return std::min(text.size(), text.find('m') + 1);
+  if (const size_t sequence = colour_sequence(text); sequence > 0) return sequence;
   columns = 1;
   size_t length = 1;
   while (length < text.size() && (static_cast<uint8_t>(text[length]) & 0xC0) == 0x80) ++length;
@@ -245,8 +271,8 @@ std::string clip(std::string_view text, size_t columns) {
 }
 
 std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
-                                   TerminalSize size, bool with_colour) {
-  return View(reading, history, state, size, with_colour).lines();
+                                   TerminalSize size, const Style& style) {
+  return View(reading, history, state, size, style).lines();
 }
 
 }  // namespace pelmar::cli

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "signal/bars.h"
 #include "signal/history.h"
 #include "signal/reading.h"
 
@@ -23,12 +24,17 @@ struct LiveState {
   uint32_t rate = 0;
 };
 
-// None is wider than the terminal, and there are no more than it has rows: what matters least is left out, and counted
-// in the first line. A reading that is out of date is shown dimmed below the trouble.
-std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
-                                   TerminalSize size, bool with_colour);
+struct Style {
+  bool with_colour = false;
+  Glyphs glyphs = Glyphs::kBlocks;
+};
 
-// Columns that the text takes: characters, without colour sequences.
+// None is wider than the terminal, and there are no more than it has rows: what matters least is left out, and counted
+// in the first line. A reading that is out of date stays below the trouble; in colour, its bars are dimmed.
+std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
+                                   TerminalSize size, const Style& style);
+
+// Columns that the text takes: characters, without colour sequences. An escape that starts none is a character.
 size_t display_width(std::string_view text);
 
 // The text's first `columns` columns; colours end with it.

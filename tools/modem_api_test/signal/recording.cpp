@@ -1,5 +1,6 @@
 #include "signal/recording.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "failure.h"
@@ -110,6 +111,10 @@ class CsvReader {
   std::vector<std::string> cells_;
 };
 
+bool is_earlier(const TrackPoint& a, const TrackPoint& b) {
+  return a.time < b.time;
+}
+
 // Of times as a file keeps them, so that its picture is that of the recording itself.
 TrackPoint point_of(WallClock::time_point time, const Carrier& carrier) {
   return {std::chrono::floor<std::chrono::milliseconds>(time), strongest(carrier.rsrp), strongest(carrier.snr)};
@@ -145,7 +150,9 @@ std::string csv_rows(const Reading& reading) {
 void Recording::add(const Reading& reading) {
   for (const SubscriptionReading& sub : reading.subs) {
     for (const Carrier& carrier : sub.carriers) {
-      tracks_[{sub.sub, carrier.name}].push_back(point_of(reading.time, carrier));
+      Track& track = tracks_[{sub.sub, carrier.name}];
+      const TrackPoint point = point_of(reading.time, carrier);
+      track.insert(std::upper_bound(track.begin(), track.end(), point, is_earlier), point);
     }
   }
 }
@@ -161,6 +168,7 @@ void Recording::add_csv(std::istream& stream, const std::string& name) {
     for (const LevelColumns& columns : kLevels) carrier.*columns.levels = reader.levels(columns);
     tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point_of(time, carrier));
   }
+  for (auto& [key, track] : tracks_) std::stable_sort(track.begin(), track.end(), is_earlier);
 }
 
 }  // namespace pelmar::cli

@@ -35,6 +35,7 @@ class Recording {
   // Adds the rows of a CSV file; columns are found by their names. Throws a Failure that names the line of a bad row.
   void add_csv(std::istream& stream, const std::string& name);
 
+  // Each in the order of time, also where the wall clock was set back or the rows of a file were not sorted.
   const std::map<Key, Track>& tracks() const { return tracks_; }
   bool is_empty() const { return tracks_.empty(); }
 

@@ -1,5 +1,7 @@
 #include "signal/screen.h"
 
+#include <langinfo.h>
+#include <locale.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@ constexpr std::string_view kLeave = "\033[0m\033[?7h\033[?25h\033[?1049l";
 constexpr int kDeadlySignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 std::atomic<int> g_terminal{-1};
+std::atomic<bool> g_is_shown{false};  // drawing goes to the second screen; signals turn it off on any thread
 
 // Safe in a signal handler.
 void tell_terminal(int terminal, std::string_view sequence) {
@@ -26,6 +29,7 @@ void tell_terminal(int terminal, std::string_view sequence) {
 }
 
 void leave() {
+  g_is_shown = false;
   tell_terminal(g_terminal.exchange(-1), kLeave);
 }
 
@@ -37,9 +41,11 @@ void leave_and_die(int signal) {
 }
 
 void leave_while_stopped(int /*signal*/) {
+  g_is_shown = false;
   tell_terminal(g_terminal, kLeave);
   raise(SIGSTOP);
   tell_terminal(g_terminal, kEnter);
+  g_is_shown = true;
 }
 
 void handle(int number, void (*handler)(int)) {
@@ -62,6 +68,15 @@ bool wants_colour() {
   return no_colour == nullptr || *no_colour == '\0';
 }
 
+// Asks the user's locale, and leaves that of the process as it is.
+Glyphs screen_glyphs() {
+  const locale_t users = newlocale(LC_CTYPE_MASK, "", nullptr);
+  if (users == nullptr) return Glyphs::kAscii;
+  const Glyphs glyphs = glyphs_of(nl_langinfo_l(CODESET, users));
+  freelocale(users);
+  return glyphs;
+}
+
 Screen::Screen(Output& output) : output_(output) {
   static const int registered = std::atexit(leave);
   static_cast<void>(registered);
@@ -69,6 +84,7 @@ Screen::Screen(Output& output) : output_(output) {
   handle(SIGTSTP, leave_while_stopped);
   g_terminal = output.descriptor();
   tell_terminal(g_terminal, kEnter);
+  g_is_shown = true;
 }
 
 Screen::~Screen() {
@@ -84,6 +100,7 @@ TerminalSize Screen::size() const {
 }
 
 void Screen::draw(const std::vector<std::string>& lines) {
+  if (!g_is_shown || g_terminal < 0) return;
   std::string text = "\033[H";
   for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
   text += "\033[J";

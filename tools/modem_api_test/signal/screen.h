@@ -18,6 +18,9 @@ bool is_screen(const Output& output);
 // Whether colours are wanted there: NO_COLOR is not set.
 bool wants_colour();
 
+// What the terminal's character set has.
+Glyphs screen_glyphs();
+
 class Screen {
  public:
   // One at a time.
@@ -28,7 +31,8 @@ class Screen {
 
   TerminalSize size() const;
 
-  // Lines that are no wider than the screen, and no more than it has rows.
+  // Lines that are no wider than the screen, and no more than it has rows. Draws nothing while the terminal is given
+  // back.
   void draw(const std::vector<std::string>& lines);
 
  private:
