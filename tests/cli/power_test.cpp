@@ -2,10 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "client_program.h"
 #include "sim_process.h"
@@ -13,11 +11,11 @@
 namespace pelmar::cli {
 namespace {
 
+using sim::test::comes_true;
 using sim::test::Outcome;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
 using testing::HasSubstr;
-using Clock = std::chrono::steady_clock;
 
 class PowerTest : public testing::Test {
  protected:
@@ -31,11 +29,7 @@ class PowerTest : public testing::Test {
 
   // Whether `power status` comes to tell this.
   static bool comes_to(const std::string& text) {
-    for (const auto end = Clock::now() + std::chrono::seconds(60); Clock::now() < end;) {
-      if (output("power status --json").find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return comes_true([&] { return output("power status --json").find(text) != std::string::npos; });
   }
 
   // Starts a command in the background, which writes its output to that file of the directory.
@@ -79,7 +73,7 @@ TEST_F(PowerTest, TellsThatThereIsNoManagerOrThatItIsGone) {
     EXPECT_EQ(modem.end(SIGKILL), -SIGKILL);
   }
   for (const char* file : {"watch", "vote"}) {
-    while (written(file).find("failed: ") == std::string::npos) continue;  // the test's limit ends it
+    EXPECT_TRUE(comes_true([&] { return written(file).find("failed: ") != std::string::npos; })) << file;
   }
   for (const char* command : {"vote", "release", "status", "watch"}) {
     const Outcome outcome = shell(std::string("client power ") + command);

@@ -11,10 +11,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "client_program.h"
@@ -23,6 +21,7 @@
 namespace pelmar::cli {
 namespace {
 
+using sim::test::comes_true;
 using sim::test::Outcome;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
@@ -84,21 +83,12 @@ class ModemProgramTest : public ProgramTest {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
-  static bool becomes_true(const std::function<bool()>& condition) {
-    const Clock::time_point end = Clock::now() + std::chrono::minutes(1);
-    while (!condition()) {
-      if (Clock::now() > end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-  }
-
   bool comes_to_print(const std::string& text) const {
-    return becomes_true([&] { return output().find(text) != std::string::npos; });
+    return comes_true([&] { return output().find(text) != std::string::npos; });
   }
 
   bool modem_comes_to_have(size_t count) const {
-    return becomes_true([&] { return clients() == count; });
+    return comes_true([&] { return clients() == count; });
   }
 
   const SimProcess& modem() const { return modem_; }
@@ -164,14 +154,14 @@ TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmat
     EXPECT_EQ(refused.status, 1) << command;
     EXPECT_THAT(refused.output, HasSubstr("--yes")) << command;
     EXPECT_EQ(shell(std::string("client ") + command + " --yes").status, 0) << command;
-    EXPECT_TRUE(becomes_true([&] { return modem().operator_command("status").at("state") == "ready"; }))
+    EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("state") == "ready"; }))
         << "after reset";
   }
 }
 
 TEST_F(ModemProgramTest, FollowsEventsUntilTheCount) {
   const pid_t process = start_in_background({"events", "--count", "1", "--json"});
-  EXPECT_TRUE(becomes_true([&] {
+  EXPECT_TRUE(comes_true([&] {
     modem().operator_command("event 5 9");
     return !output().empty();
   }));

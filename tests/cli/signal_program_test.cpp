@@ -14,7 +14,6 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "client_program.h"
@@ -23,6 +22,7 @@
 namespace pelmar::cli {
 namespace {
 
+using sim::test::comes_true;
 using sim::test::Outcome;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
@@ -168,10 +168,10 @@ TEST_F(SignalProgramTest, EvenTheSecondSignalLeavesTheTerminalClean) {
   Terminal terminal({"signal", "--watch", "--rate", "20"});
   ASSERT_TRUE(terminal.shows("2 readings"));
   modem().operator_command("silence vs");
-  modem().operator_command("status");
+  ASSERT_TRUE(comes_true([&] { return modem().operator_command("status").at("counters").at("faults") >= 1; }))
+      << "it waits for an answer";
   terminal.send(SIGINT);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  terminal.end(SIGINT);
+  EXPECT_EQ(terminal.end(SIGTERM), -SIGTERM) << "another signal than the first: two of one kind may arrive as one";
   expect_clean(terminal);
 }
 

@@ -140,12 +140,17 @@ TEST(ProcessEnd, GivesClientIdsBack) {
   const pid_t child = ::fork();
   char byte = 0;
   if (child == 0) {
+    ::close(connected[0]);
+    ::close(ended[1]);
     ::setenv("PELMAR_QMI_SOCKET", path.c_str(), 1);
     qmi_client_type handle = nullptr;
     const int error = qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 5000, &handle);
     if (error != 0 || ::write(connected[1], "c", 1) != 1 || ::read(ended[0], &byte, 1) != 1) ::_exit(1);
     std::exit(0);
   }
+  // The child's ends are its alone: where one of the two processes fails, the other reads the end of its pipe.
+  ::close(connected[1]);
+  ::close(ended[0]);
   {
     ScriptedModem modem({kNasId});
     ASSERT_EQ(::read(connected[0], &byte, 1), 1);
@@ -157,7 +162,8 @@ TEST(ProcessEnd, GivesClientIdsBack) {
     for (int i = 0; i < 3000 && !modem.client_ids().empty(); ++i) std::this_thread::sleep_for(milliseconds(10));
     EXPECT_TRUE(modem.client_ids().empty());
   }
-  for (const int descriptor : {connected[0], connected[1], ended[0], ended[1]}) ::close(descriptor);
+  ::close(connected[0]);
+  ::close(ended[1]);
 }
 
 }  // namespace

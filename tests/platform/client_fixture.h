@@ -73,11 +73,14 @@ class ClientTest : public testing::Test {
     noted_.notify_all();
   }
 
-  // All events so far, when there are `count` at least; after two seconds as many as there are.
+  // All events so far, when there are `count` at least; after a minute as many as there are.
   std::vector<std::string> events(size_t count) {
-    std::unique_lock lock(mutex_);
-    noted_.wait_for(lock, std::chrono::seconds(2), [&] { return events_.size() >= count; });
-    return events_;
+    return events_when([&] { return events_.size() >= count; });
+  }
+
+  // All events so far, when this one is the last; after a minute as many as there are.
+  std::vector<std::string> events_up_to(const std::string& last) {
+    return events_when([&] { return !events_.empty() && events_.back() == last; });
   }
 
   static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
@@ -106,6 +109,13 @@ class ClientTest : public testing::Test {
   nas::PlainResponse async_responses_[4] = {};
 
  private:
+  template <typename Condition>
+  std::vector<std::string> events_when(const Condition& condition) {
+    std::unique_lock lock(mutex_);
+    noted_.wait_for(lock, std::chrono::seconds(60), condition);
+    return events_;
+  }
+
   const std::thread::id test_thread_ = std::this_thread::get_id();
   std::vector<qmi_client_type> handles_;
   std::mutex mutex_;

@@ -3,12 +3,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <list>
-#include <thread>
 
 #include "io/local_socket.h"
 #include "manager_protocol.h"
@@ -117,12 +115,7 @@ class Power : public PropertyTest {
 
   // Whether the manager comes to count so many votes.
   bool comes_to(size_t votes) const {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (manager().at("votes") != votes) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return comes_true([&] { return manager().at("votes") == votes; });
   }
 
   static void pass(RawVoter& voter, int event) {
@@ -288,7 +281,7 @@ TEST_F(Crash, RestartsAloneOrLeavesADumpAndStaysDown) {
     SCOPED_TRACE(each.level);
     set_level(each.level);
     QmuxClient client(modem.socket());
-    while (client.allocate(kVs) == 0) continue;
+    ASSERT_TRUE(comes_true([&] { return client.allocate(kVs) != 0; }));
     const nlohmann::json crash = modem.operator_command("crash");
     EXPECT_EQ(crash.at("restarts"), each.restarts);
     EXPECT_EQ(client.receive()->message, 0x0027);
@@ -299,7 +292,7 @@ TEST_F(Crash, RestartsAloneOrLeavesADumpAndStaysDown) {
       EXPECT_EQ(modem.operator_command("status").at("state"), "off");
       modem.operator_command("start");
     }
-    while (client.allocate(kVs) == 0) continue;
+    ASSERT_TRUE(comes_true([&] { return client.allocate(kVs) != 0; }));
   }
   EXPECT_NE(modem.refused_command("start").find("no crash"), std::string::npos);
 }

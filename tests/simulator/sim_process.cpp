@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "io/local_socket.h"
 
@@ -76,6 +78,15 @@ ScratchDirectory::ScratchDirectory() {
 
 ScratchDirectory::~ScratchDirectory() {
   std::filesystem::remove_all(path_);
+}
+
+bool comes_true(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
 }
 
 Outcome run_program(const std::vector<std::string>& arguments) {

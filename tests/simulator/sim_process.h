@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ class ScratchDirectory {
  private:
   std::string path_;
 };
+
+// Asks every 20 ms whether this holds. False where it does not come to hold within a minute.
+bool comes_true(const std::function<bool()>& condition);
 
 struct Outcome {
   int status;  // exit status, or minus the signal

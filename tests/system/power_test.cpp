@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -16,18 +14,8 @@
 namespace pelmar::system_test {
 namespace {
 
+using sim::test::comes_true;
 using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
-
-constexpr auto kPatience = std::chrono::seconds(60);
-
-bool comes_true(const std::function<bool()>& condition) {
-  for (const auto end = Clock::now() + kPatience; Clock::now() < end;) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
-}
 
 class PowerTest : public ModemTest {
  protected:

@@ -176,9 +176,14 @@ TEST_F(SignalTest, RegisteredStatisticsAreReportedAndDecoded) {
 TEST_F(SignalTest, ReportsOfOneSubscriptionAloneAreAskedForByTheOption) {
   tell("report-period 20");
   tell("clock run");
+  size_t records = 0;
   for (const json& report : client({"stats", "register", "system-mode", "--option1", "1", "--count", "4"})) {
-    for (const json& value : report.value("records", json::array())) EXPECT_EQ(value["sub"], 1);
+    for (const json& value : report.value("records", json::array())) {
+      EXPECT_EQ(value["sub"], 1);
+      ++records;
+    }
   }
+  EXPECT_GE(records, 1U);
 }
 
 }  // namespace
