@@ -22,18 +22,19 @@ void Journal::call(std::string_view operation, modem_api_result result, Clock::d
     problem(name + " answered " + std::to_string(result));
   }
   const int64_t ms = std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
-  for (int64_t longest = longest_ms_; ms > longest && !longest_ms_.compare_exchange_weak(longest, ms);) {
-  }
   if (took > limit) problem(name + " took " + std::to_string(ms) + " ms");
+  const std::lock_guard guard(lock_);
+  if (ms <= longest_ms_) return;
+  longest_ms_ = ms;
+  longest_ = name;
 }
 
 nlohmann::json Journal::take_report() {
-  nlohmann::json report = {{"calls", calls_.exchange(0)},
-                           {"events", events_.exchange(0)},
-                           {"reopenings", reopenings_.exchange(0)},
-                           {"longest_ms", longest_ms_.load()}};
+  nlohmann::json report = {
+      {"calls", calls_.exchange(0)}, {"events", events_.exchange(0)}, {"reopenings", reopenings_.exchange(0)}};
   for (auto& count : results_) report["results"].push_back(count.exchange(0));
   const std::lock_guard guard(lock_);
+  report["longest"] = {{"operation", longest_}, {"ms", longest_ms_}};
   report["problems"] = std::exchange(problems_, {});
   return report;
 }

@@ -40,10 +40,11 @@ class Journal {
 
   std::atomic<uint64_t> calls_{0};
   std::array<std::atomic<uint64_t>, MODEM_API_ERR_ALREADY_INITIALIZED + 1> results_{};
-  std::atomic<int64_t> longest_ms_{0};
   std::atomic<uint64_t> events_{0};
   std::atomic<uint64_t> reopenings_{0};
   std::mutex lock_;
+  int64_t longest_ms_ = 0;
+  std::string longest_;  // the operation
   std::vector<std::string> problems_;
 };
 
