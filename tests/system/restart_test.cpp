@@ -60,7 +60,10 @@ class Statuses {
 
 class RestartTest : public ModemTest {
  protected:
-  RestartTest() {
+  RestartTest() { open_clients(); }
+  explicit RestartTest(const std::vector<std::string>& options) : ModemTest(options) {}
+
+  void open_clients() {
     sar_ = open(MODEM_API_CLIENT_SAR);
     EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, nullptr, &nas_[0]), MODEM_API_SUCCESS);
     EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_1, nullptr, nullptr, &nas_[1]), MODEM_API_SUCCESS);
@@ -134,6 +137,43 @@ TEST_F(RestartTest, ACrashedModemIsSeenAsServicesThatGoAndComeBack) {
   expect_to_be_back();
   EXPECT_EQ(set_state(1), MODEM_API_SUCCESS);
   EXPECT_EQ(avoid_trm(1), MODEM_API_SUCCESS);
+}
+
+class PowerCycleTest : public RestartTest {
+ protected:
+  PowerCycleTest() : RestartTest({"--pm-socket"}) {}
+};
+
+TEST_F(PowerCycleTest, ServicesGoWithTheLastVoteAndComeBackWithTheNext) {
+  unsetenv("PELMAR_PM_SOCKET");
+  const auto comes_to = [&](const std::string& state) {
+    return sim::test::comes_true([&] { return modem().operator_command("power").at("manager").at("state") == state; });
+  };
+  {
+    ClientProcess voter("mtb", {"vote"});
+    ASSERT_EQ(voter.line(), "voted");
+    ASSERT_TRUE(comes_to("on-line"));
+    open_clients();
+    voter.finish();
+    EXPECT_EQ(voter.end(), 0);
+  }
+  for (uint32_t type = MODEM_API_CLIENT_SAR; type <= MODEM_API_CLIENT_NAS_1; ++type) {
+    ASSERT_TRUE(Statuses::wait_for(type, OPERATIONAL_STATUS_RELEASED)) << type;
+  }
+  ASSERT_TRUE(comes_to("off-line"));
+  EXPECT_NE(set_state(1), MODEM_API_SUCCESS);
+  EXPECT_NE(avoid_trm(0), MODEM_API_SUCCESS);
+
+  ClientProcess voter("mtb", {"vote"});
+  ASSERT_EQ(voter.line(), "voted");
+  for (uint32_t type = MODEM_API_CLIENT_SAR; type <= MODEM_API_CLIENT_NAS_1; ++type) {
+    ASSERT_TRUE(Statuses::wait_for(type, OPERATIONAL_STATUS_UP)) << type;
+    EXPECT_THAT(Statuses::of(type), ElementsAre(4, 5, 6, 3)) << type;
+  }
+  EXPECT_EQ(set_state(1), MODEM_API_SUCCESS);
+  EXPECT_EQ(avoid_trm(1), MODEM_API_SUCCESS);
+  voter.finish();
+  EXPECT_EQ(voter.end(), 0);
 }
 
 TEST_F(RestartTest, TwoHundredRestartsUnderTwoSenders) {
