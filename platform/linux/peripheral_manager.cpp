@@ -26,14 +26,15 @@ int register_voter(const Voter::Callback& callback, const Register& names, pm_ev
   if (result != PM_RET_SUCCESS) return result;
 
   void* const own = new_handle<void*>();
-  void* const before = *handle;
+  void* const before = __atomic_load_n(handle, __ATOMIC_ACQUIRE);
   voters().add(own, voter);
   if (state != nullptr) *state = found;
-  *handle = own;  // before a callback can use it
+  // Before a callback can use it. One of an earlier registration may be reading it meanwhile.
+  __atomic_store_n(handle, own, __ATOMIC_RELEASE);
   try {
     voter->start();
   } catch (...) {
-    *handle = before;
+    __atomic_store_n(handle, before, __ATOMIC_RELEASE);
     voters().remove(own);
     voter->end();
     throw;

@@ -93,9 +93,11 @@ int leave(char** arguments) {
   return 0;
 }
 
-// Votes for the modem's power until its input ends.
-int vote(char**) {
-  if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
+bool cast_vote() {
+  return modem_api_peripheral_mng_init("modem") == 0 && modem_api_peripheral_mng_vote() == 0;
+}
+
+int keep_vote() {
   say("voted");
   wait_for_end_of_input();
   modem_api_peripheral_mng_release_vote();
@@ -103,14 +105,19 @@ int vote(char**) {
   return 0;
 }
 
+// Votes for the modem's power until its input ends.
+int vote(char**) {
+  return cast_vote() ? keep_vote() : 1;
+}
+
 // The same, with a child that has the connection too and outlives its parent.
-int vote_with_heir(char** arguments) {
-  if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
+int vote_with_heir(char**) {
+  if (!cast_vote()) return 1;
   if (fork() == 0) {
     wait_for_end_of_input();
     _exit(0);
   }
-  return vote(arguments);
+  return keep_vote();
 }
 
 // Votes, and acknowledges nothing.
