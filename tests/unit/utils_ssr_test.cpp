@@ -136,7 +136,7 @@ TEST(RestartTypeName, CopiesWithoutTerminatorAndNeverNothing) {
   const Lines lines = said("pelmar_get_modem_ssr_type_name");
   EXPECT_EQ(Lines(lines.end() - 5, lines.end()),
             (Lines{"g_ssr_start_flag = 0, in_len: 0", "out_len: 1, ssr_level: x",
-                   "out_len is out of range, set it to in_len, out_len: 0",
+                   "out_len is out of range, set it to in_len, out_len: 1",
                    "out_len is invalid, set name to invalid, out_len: 12", "out_len: 12, name: CONFIG_EMPTY"}));
   char name[16];
   uint32_t length = 16;

@@ -93,7 +93,9 @@ modem_api_result add_record(TracedPtr<modem_api_client> record, int32_t* client_
   TableLock lock;
   for (ClientSlot& slot : g_client_table.slots) {
     const PinnedClient other(slot);
-    if (other && other->type == record->type) return refuse_second_client(record->type, other->status.load());
+    if (!other || other->type != record->type) continue;
+    record.reset();
+    return refuse_second_client(static_cast<modem_api_client_type>(other->type), other->status.load());
   }
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];

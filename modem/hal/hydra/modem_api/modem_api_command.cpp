@@ -172,10 +172,12 @@ modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t
 void modem_api_process_response(uint32_t msg_id, void* response, uint32_t response_length, void* callback_record,
                                 int32_t transport_code) {
   PELMAR_LOG_ENTRY();
-  const pelmar::TracedPtr<void> owned_response(response);
-  const pelmar::TracedPtr<pelmar::CallbackRecord> record(static_cast<pelmar::CallbackRecord*>(callback_record));
-  if (record != nullptr && record->callback != nullptr) {
-    pelmar::answer(msg_id, response, response_length, *record, transport_code);
+  {
+    const pelmar::TracedPtr<void> owned_response(response);
+    const pelmar::TracedPtr<pelmar::CallbackRecord> record(static_cast<pelmar::CallbackRecord*>(callback_record));
+    if (record != nullptr && record->callback != nullptr) {
+      pelmar::answer(msg_id, response, response_length, *record, transport_code);
+    }
   }
   PELMAR_LOG_EXIT();
 }

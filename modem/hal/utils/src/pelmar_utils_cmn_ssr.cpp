@@ -117,8 +117,8 @@ void copy_level(char* name, uint32_t room) {
   auto length = static_cast<uint32_t>(std::strlen(level.text));
   PELMAR_LOG_DEBUG_AS(kFunction, "out_len: %d, ssr_level: %s", static_cast<int>(length), level.text);
   if (room < length) {
-    length = room;
     PELMAR_LOG_DEBUG_AS(kFunction, "out_len is out of range, set it to in_len, out_len: %d", static_cast<int>(length));
+    length = room;
   }
   const char* text = level.text;
   if (length < 1) {
