@@ -26,6 +26,7 @@
 #include <system_error>
 
 #include "platform_export.h"
+#include "unique_fd.h"
 
 namespace pelmar::platform {
 namespace {
@@ -67,11 +68,10 @@ fs::path directory_of(std::string_view name) {
 
 // A file with more than a value, or with anything that no value has, counts as no property.
 bool read_value(const fs::path& path, std::string& value) {
-  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (file < 0) return false;
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!file) return false;
   char bytes[kMaxValueLength + 1];
-  const ssize_t length = ::read(file, bytes, sizeof bytes);
-  ::close(file);
+  const ssize_t length = ::read(file.get(), bytes, sizeof bytes);
   if (length < 0 || static_cast<size_t>(length) > kMaxValueLength) return false;
   value.assign(bytes, static_cast<size_t>(length));
   return value.find('\0') == std::string::npos;

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

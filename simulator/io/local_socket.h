@@ -5,7 +5,7 @@
 #include <string>
 
 #include "io/event_loop.h"
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

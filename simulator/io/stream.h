@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "io/event_loop.h"
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

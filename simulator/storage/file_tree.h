@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 #include "qmi/service.h"
 #include "storage/store_limits.h"
 

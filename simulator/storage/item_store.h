@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 #include "qmi/service.h"
 #include "storage/store_limits.h"
 

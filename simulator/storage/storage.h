@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <string>
 
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 #include "storage/file_tree.h"
 #include "storage/item_store.h"
 #include "storage/store_limits.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "io/unique_fd.h"
+#include "unique_fd.h"
 #include "qmi/service.h"
 
 namespace pelmar::sim::test {

@@ -3,7 +3,6 @@
 
 #include <sys/epoll.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -19,9 +18,9 @@ namespace {
 // How long a release waits for the modem to confirm that the client id is free.
 constexpr Deadline::Milliseconds kEndTimeout{500};
 
-int create_poll() {
-  const int poll = ::epoll_create1(EPOLL_CLOEXEC);
-  if (poll < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+UniqueFd create_poll() {
+  UniqueFd poll(::epoll_create1(EPOLL_CLOEXEC));
+  if (!poll) throw std::system_error(errno, std::generic_category(), "epoll_create1");
   return poll;
 }
 
@@ -44,15 +43,13 @@ Client::Client(qmi_idl_service_object_type service, IndicationCallback indicatio
       handle_(handle),
       poll_(create_poll()) {}
 
-Client::~Client() {
-  ::close(poll_);
-}
+Client::~Client() = default;
 
 void Client::start() {
   // Held until the thread is stored: the thread asks first thing who it is.
   const Lock lock(mutex_);
-  add_to_poll(poll_, thread_.descriptor(), EPOLLIN);
-  add_to_poll(poll_, connection_->descriptor(), EPOLLONESHOT);
+  add_to_poll(poll_.get(), thread_.descriptor(), EPOLLIN);
+  add_to_poll(poll_.get(), connection_->descriptor(), EPOLLONESHOT);
   dispatch_arrivals();  // what came together with the client id
   if (!is_gone_) poll_connection(true);
   thread_.start([self = shared_from_this()] { self->run(); });
@@ -98,7 +95,7 @@ void Client::wait_for_work(Lock& lock) {
   is_idle_ = true;
   lock.unlock();
   std::array<epoll_event, 2> ready{};
-  const int count = ::epoll_wait(poll_, ready.data(), static_cast<int>(ready.size()), -1);
+  const int count = ::epoll_wait(poll_.get(), ready.data(), static_cast<int>(ready.size()), -1);
   lock.lock();
   is_idle_ = false;
   for (int i = 0; i < count; ++i) {

@@ -22,6 +22,7 @@
 #include "framework_thread.h"
 #include "qmi_client.h"
 #include "transport.h"
+#include "unique_fd.h"
 
 namespace pelmar::platform {
 
@@ -130,7 +131,7 @@ class Client : public std::enable_shared_from_this<Client> {
   const IndicationCallback indication_;
   const std::unique_ptr<Connection> connection_;
   const qmi_client_type handle_;
-  const int poll_;  // an epoll descriptor: the connection and the thread's wake-up
+  const UniqueFd poll_;  // an epoll descriptor: the connection and the thread's wake-up
 
   std::mutex mutex_;
   bool is_gone_ = false;      // the service went away

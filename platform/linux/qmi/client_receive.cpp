@@ -98,7 +98,7 @@ void Client::poll_connection(bool armed) {
   epoll_event event{};
   event.events = armed ? EPOLLIN | EPOLLONESHOT : EPOLLONESHOT;
   event.data.fd = connection_->descriptor();
-  ::epoll_ctl(poll_, EPOLL_CTL_MOD, connection_->descriptor(), &event);
+  ::epoll_ctl(poll_.get(), EPOLL_CTL_MOD, connection_->descriptor(), &event);
 }
 
 void Client::push(Event event) {

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,11 +12,7 @@
 namespace pelmar::platform {
 
 FrameworkThread::FrameworkThread() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-}
-
-FrameworkThread::~FrameworkThread() {
-  ::close(wake_);
+  if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
 void FrameworkThread::start(std::function<void()> body) {
@@ -34,12 +29,12 @@ void FrameworkThread::start(std::function<void()> body) {
 }
 
 void FrameworkThread::wake() {
-  ::eventfd_write(wake_, 1);
+  ::eventfd_write(descriptor(), 1);
 }
 
 void FrameworkThread::acknowledge() {
   eventfd_t count;
-  ::eventfd_read(wake_, &count);
+  ::eventfd_read(descriptor(), &count);
 }
 
 void FrameworkThread::finish() {

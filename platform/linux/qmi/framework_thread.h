@@ -9,13 +9,14 @@
 #include <thread>
 #include <vector>
 
+#include "unique_fd.h"
+
 namespace pelmar::platform {
 
 // A thread that serves one handle, with a descriptor to wake it by. All signals are left to the program's own threads.
 class FrameworkThread {
  public:
   FrameworkThread();
-  ~FrameworkThread();
   FrameworkThread(const FrameworkThread&) = delete;
   FrameworkThread& operator=(const FrameworkThread&) = delete;
 
@@ -25,7 +26,7 @@ class FrameworkThread {
   bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }
 
   // Readable after wake() until acknowledge().
-  int descriptor() const { return wake_; }
+  int descriptor() const { return wake_.get(); }
   void wake();
   void acknowledge();
 
@@ -34,7 +35,7 @@ class FrameworkThread {
   void detach();
 
  private:
-  int wake_;
+  const UniqueFd wake_;
   std::thread thread_;
 };
 

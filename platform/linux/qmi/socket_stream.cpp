@@ -4,11 +4,9 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace pelmar::platform {
 namespace {
@@ -35,40 +33,23 @@ bool fill_address(const std::string& name, sockaddr_un& address, socklen_t& leng
 
 }  // namespace
 
-SocketStream::SocketStream(SocketStream&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)),
-      unsent_(std::move(other.unsent_)),
-      receive_timeout_(other.receive_timeout_) {}
-
-SocketStream& SocketStream::operator=(SocketStream&& other) noexcept {
-  close();
-  descriptor_ = std::exchange(other.descriptor_, -1);
-  unsent_ = std::move(other.unsent_);
-  receive_timeout_ = other.receive_timeout_;
-  return *this;
-}
-
-SocketStream::~SocketStream() {
-  close();
-}
-
 bool SocketStream::connect(const std::string& name) {
   sockaddr_un address{};
   socklen_t length = 0;
   if (!fill_address(name, address, length)) return false;
   close();
-  descriptor_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (descriptor_ < 0) return false;
+  descriptor_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!is_open()) return false;
   const timeval timeout = to_timeval(kConnectTimeout);
-  ::setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  if (::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), length) == 0) return true;
+  ::setsockopt(descriptor(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  if (::connect(descriptor(), reinterpret_cast<const sockaddr*>(&address), length) == 0) return true;
   close();
   return false;
 }
 
 SendStatus SocketStream::send(const uint8_t* bytes, size_t length) {
   while (length > 0) {
-    const ssize_t sent = ::send(descriptor_, bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = ::send(descriptor(), bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       bytes += sent;
       length -= static_cast<size_t>(sent);
@@ -95,7 +76,7 @@ SendStatus SocketStream::flush(const Deadline& deadline) {
 
 ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadline, size_t& received) {
   for (;;) {
-    const ssize_t count = ::recv(descriptor_, to, room, blocks_for(deadline) ? 0 : MSG_DONTWAIT);
+    const ssize_t count = ::recv(descriptor(), to, room, blocks_for(deadline) ? 0 : MSG_DONTWAIT);
     if (count > 0) {
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;
@@ -111,14 +92,14 @@ bool SocketStream::blocks_for(const Deadline& deadline) {
   if (!deadline.is_none() && (deadline.total().count() == 0 || deadline.remaining() != deadline.total())) return false;
   if (receive_timeout_ == deadline.total()) return true;
   const timeval timeout = to_timeval(deadline.total());
-  if (::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) return false;
+  if (::setsockopt(descriptor(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) return false;
   receive_timeout_ = deadline.total();
   return true;
 }
 
 bool SocketStream::wait(short events, const Deadline& deadline) {
   if (deadline.has_passed()) return false;
-  pollfd poll_for = {descriptor_, events, 0};
+  pollfd poll_for = {descriptor(), events, 0};
   const auto remaining = deadline.remaining().count();
   const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
   const int ready = ::ppoll(&poll_for, 1, deadline.is_none() ? nullptr : &time, nullptr);
@@ -126,12 +107,11 @@ bool SocketStream::wait(short events, const Deadline& deadline) {
 }
 
 void SocketStream::shut_down() {
-  ::shutdown(descriptor_, SHUT_RDWR);
+  ::shutdown(descriptor(), SHUT_RDWR);
 }
 
 void SocketStream::close() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-  descriptor_ = -1;
+  descriptor_.reset();
   unsent_.clear();
   receive_timeout_ = Deadline::Milliseconds(0);
 }

@@ -9,21 +9,17 @@
 
 #include "deadline.h"
 #include "transport.h"
+#include "unique_fd.h"
 
 namespace pelmar::platform {
 
 class SocketStream {
  public:
-  SocketStream() = default;
-  SocketStream(SocketStream&& other) noexcept;
-  SocketStream& operator=(SocketStream&& other) noexcept;
-  ~SocketStream();
-
   // Connects to a path, or to an abstract name written as @NAME.
   bool connect(const std::string& address);
 
-  bool is_open() const { return descriptor_ >= 0; }
-  int descriptor() const { return descriptor_; }
+  bool is_open() const { return static_cast<bool>(descriptor_); }
+  int descriptor() const { return descriptor_.get(); }
 
   // Sends without waiting. What the socket does not take is kept for flush(), which must have sent it before the next
   // send.
@@ -41,7 +37,7 @@ class SocketStream {
   bool blocks_for(const Deadline& deadline);
   bool wait(short events, const Deadline& deadline);
 
-  int descriptor_ = -1;
+  UniqueFd descriptor_;
   std::vector<uint8_t> unsent_;
   Deadline::Milliseconds receive_timeout_{0};  // as the socket has it; 0: none
 };

@@ -1,28 +1,29 @@
-// A file descriptor with an owner.
+// A file descriptor with one owner, closed with it. Of the platform, the simulated modem and the tools alike.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace pelmar::cli {
+namespace pelmar {
 
 class UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    reset(std::exchange(other.fd_, -1));
+    reset(other.release());
     return *this;
   }
   ~UniqueFd() { reset(); }
 
-  explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
   int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
 
@@ -30,4 +31,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace pelmar::cli
+}  // namespace pelmar
