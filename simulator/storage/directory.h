@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
 #include "qmi/service.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

@@ -14,9 +14,9 @@
 #include <string_view>
 #include <vector>
 
-#include "unique_fd.h"
 #include "qmi/service.h"
 #include "storage/store_limits.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

@@ -11,9 +11,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "unique_fd.h"
 #include "qmi/service.h"
 #include "storage/store_limits.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 

@@ -12,10 +12,10 @@
 #include <cstddef>
 #include <string>
 
-#include "unique_fd.h"
 #include "storage/file_tree.h"
 #include "storage/item_store.h"
 #include "storage/store_limits.h"
+#include "unique_fd.h"
 
 namespace pelmar::sim {
 
