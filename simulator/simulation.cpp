@@ -24,12 +24,12 @@ Simulation::Simulation(const SimulationOptions& options)
       exchange(loop, modem, faults),
       connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
       stream(loop, modem),
-      reports(loop, modem, clock, statistics, options.report_period),
+      reports(loop, modem, clock, reporters, statistics, options.report_period),
       console(loop, options.control, *this) {
   auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
   nas = add_service<NasService>(clock, pictures);
   sar = add_service<SarService>();
-  vs = add_service<VsService>(storage, reset, statistics);
+  vs = add_service<VsService>(storage, reset, reporters, statistics);
   modem.attach(connections);
   if (options.held_clock) clock.hold_at(*options.held_clock);
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));

@@ -55,6 +55,7 @@ struct Simulation {
   Faults faults;
   ModemClock clock;
   RadioPictures pictures;
+  Reporters reporters;
   Statistics statistics;
   Modem modem;
   ModemPower power;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,8 +46,5 @@ class Arguments {
   std::vector<std::string> words_;
   size_t next_ = 0;
 };
-
-// Nothing for a text that is no number.
-std::optional<uint64_t> parse_number(std::string_view text);
 
 }  // namespace pelmar::sim

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "io/numbers.h"
 #include "simulation.h"
 
 namespace pelmar::sim {

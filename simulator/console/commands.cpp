@@ -21,11 +21,11 @@ Json refusal(const std::string& error) {
   return {{"ok", false}, {"error", error}};
 }
 
+}  // namespace
+
 std::string usage_of(const Command& command) {
   return std::string(command.name) + (command.arguments.empty() ? "" : " ") + std::string(command.arguments);
 }
-
-}  // namespace
 
 std::span<const CommandGroup> command_groups() {
   static const auto groups = std::to_array<CommandGroup>({

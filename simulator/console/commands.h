@@ -2,8 +2,8 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
-#include <nlohmann/json_fwd.hpp>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "console/arguments.h"
@@ -21,6 +21,9 @@ struct Command {
   // Throws CommandError. The answer's fields; "ok" is added.
   Json (*run)(Simulation& simulation, Arguments& arguments);
 };
+
+// Its name and arguments.
+std::string usage_of(const Command& command);
 
 // The groups, in the order in which help shows them.
 std::span<const Command> service_commands();

@@ -84,7 +84,7 @@ std::string describe_commands() {
   for (const CommandGroup& group : command_groups()) {
     text.append("\n").append(group.title).append(":\n");
     for (const Command& command : group.commands) {
-      std::string usage = "  " + std::string(command.name) + ' ' + std::string(command.arguments);
+      std::string usage = "  " + usage_of(command) + ' ';
       if (usage.size() < kUsageColumn) {
         usage.resize(kUsageColumn, ' ');
       } else {

@@ -1,4 +1,4 @@
-// What the modem holds and has done, and the end.
+// What the modem holds and has done, the DRX value, and the end.
 #include "console/command_helpers.h"
 #include "simulation.h"
 
@@ -120,8 +120,8 @@ Json status(Simulation& simulation, Arguments& arguments) {
         {"rfnv", storage.rfnv.count()},
         {"efs_paths", storage.files.count()}}},
       {"statistics",
-       {{"reporters", simulation.statistics.granted()},
-        {"registrations", simulation.statistics.registrations()},
+       {{"reporters", simulation.reporters.granted()},
+        {"registrations", simulation.reporters.registrations()},
         {"period_ms", simulation.reports.period().count()}}},
       {"sar_rf_state", simulation.sar->state()},
       {"radio", describe_radio(simulation)},
@@ -141,8 +141,7 @@ Json help(Simulation&, Arguments& arguments) {
   for (const CommandGroup& group : command_groups()) {
     Json& commands = answer[std::string(group.title)];
     for (const Command& command : group.commands) {
-      const std::string usage = std::string(command.name) + ' ' + std::string(command.arguments);
-      commands[usage] = command.summary;
+      commands[usage_of(command)] = command.summary;
     }
   }
   return answer;

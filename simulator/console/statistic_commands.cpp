@@ -4,6 +4,7 @@
 
 #include "console/command_helpers.h"
 #include "io/hex.h"
+#include "io/numbers.h"
 #include "simulation.h"
 
 namespace pelmar::sim {

@@ -28,6 +28,12 @@ Stream::~Stream() {
   if (fd_) loop_.unwatch(fd_.get(), *this);
 }
 
+pid_t Stream::process_at_other_end() const {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
 void Stream::on_ready(uint32_t events) {
   if (events & EPOLLOUT) flush();
   if (is_open() && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) receive();

@@ -5,6 +5,8 @@
 // input buffer without forming anything usable is dropped too.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -50,7 +52,8 @@ class Stream final : public EventLoop::Watcher {
 
   bool is_open() const { return static_cast<bool>(fd_); }
   bool is_drained() const { return waiting_.empty(); }
-  int fd() const { return fd_.get(); }
+  // 0 where it is not known.
+  pid_t process_at_other_end() const;
 
   void on_ready(uint32_t events) override;
 

@@ -15,12 +15,6 @@ namespace {
 // Room for the longest status and some events.
 constexpr Stream::Bounds kBounds{power::kMaxFrameBytes, size_t{32} << 10};
 
-pid_t process_at_other_end(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
-}
-
 // Readable when the process has ended. Debian 12 declares the C library's function for C only.
 UniqueFd open_process(pid_t process) {
   return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
@@ -33,7 +27,7 @@ VoterSession::VoterSession(EventLoop& loop, UniqueFd fd, uint64_t number, Owner&
       owner_(owner),
       number_(number),
       stream_(loop, std::move(fd), *this, kBounds),
-      process_(process_at_other_end(stream_.fd())) {
+      process_(stream_.process_at_other_end()) {
   if (process_ > 0) process_fd_ = open_process(process_);
   if (process_fd_) loop_.watch(process_fd_.get(), EPOLLIN, watch_);
 }

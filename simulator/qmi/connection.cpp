@@ -1,27 +1,15 @@
 #include "qmi/connection.h"
 
-#include <sys/socket.h>
-
 #include <utility>
 
 namespace pelmar::sim {
-
-namespace {
-
-pid_t process_at_other_end(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
-}
-
-}  // namespace
 
 Connection::Connection(EventLoop& loop, UniqueFd fd, uint64_t number, Connections& connections, Handler& handler)
     : connections_(connections),
       handler_(handler),
       number_(number),
       stream_(loop, std::move(fd), *this, {qmux::kMaxFrameBytes, kMaxWaitingBytes}),
-      process_(process_at_other_end(stream_.fd())) {}
+      process_(stream_.process_at_other_end()) {}
 
 size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
   size_t used = 0;

@@ -28,7 +28,6 @@ inline constexpr size_t kFrameHeaderBytes = 6;
 inline constexpr size_t kControlHeaderBytes = 6;
 inline constexpr size_t kServiceHeaderBytes = 7;
 inline constexpr size_t kTlvHeaderBytes = 3;
-inline constexpr size_t kResultTlvBytes = kTlvHeaderBytes + 4;
 inline constexpr size_t kMaxFrameBytes = 1 + 0xFFFF;
 
 enum class Kind : uint8_t { kRequest, kResponse, kIndication };

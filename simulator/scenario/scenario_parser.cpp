@@ -8,7 +8,7 @@
 #include <set>
 #include <utility>
 
-#include "console/arguments.h"
+#include "io/numbers.h"
 #include "scenario/scenario.h"
 
 namespace pelmar::sim {

@@ -90,7 +90,6 @@ NasService::NasService(const ModemClock& clock, RadioPictures& pictures)
 
 void NasService::client_gone(uint8_t client) {
   bound_[client] = 0;
-  wants_serving_system_.reset(client);
 }
 
 void NasService::restarted() {
@@ -98,9 +97,8 @@ void NasService::restarted() {
   for (RadioPicture& picture : pictures_) picture.forget_orders();
 }
 
-QmiError NasService::register_indications(uint8_t client, const nas::RegisterIndicationsRequest& request,
-                                          nas::PlainResponse&) {
-  if (request.serving_system.valid) wants_serving_system_[client] = request.serving_system.wanted != 0;
+// The modem has no indications of its own here: the operator sends them.
+QmiError NasService::register_indications(uint8_t, const nas::RegisterIndicationsRequest&, nas::PlainResponse&) {
   return QMI_ERR_NONE_V01;
 }
 

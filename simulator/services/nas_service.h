@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <bitset>
 #include <cstdint>
 
 #include "modem_clock.h"
@@ -33,7 +32,7 @@ class NasService final : public Service {
   Subscription& of(uint8_t client) { return subscriptions_[bound_[client]]; }
   RadioPicture& picture_of(uint8_t client) { return pictures_[bound_[client]]; }
 
-  QmiError register_indications(uint8_t client, const nas::RegisterIndicationsRequest& request, nas::PlainResponse&);
+  QmiError register_indications(uint8_t, const nas::RegisterIndicationsRequest&, nas::PlainResponse&);
   QmiError set_system_selection(uint8_t client, const nas::SetSystemSelectionPreferenceRequest& request,
                                 nas::PlainResponse&);
   QmiError get_cell_location(uint8_t client, const nas::EmptyRequest&, nas::CellLocationResponse& response);
@@ -45,8 +44,7 @@ class NasService final : public Service {
   const ModemClock& clock_;
   RadioPictures& pictures_;
   std::array<Subscription, kSubscriptions> subscriptions_;
-  std::array<uint8_t, 256> bound_{};       // by client id: the subscription
-  std::bitset<256> wants_serving_system_;  // by client id
+  std::array<uint8_t, 256> bound_{};  // by client id: the subscription
 };
 
 }  // namespace pelmar::sim

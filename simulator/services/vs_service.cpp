@@ -44,10 +44,11 @@ std::optional<uint16_t> subscription_of(const Request& request) {
 
 }  // namespace
 
-VsService::VsService(Storage& storage, std::function<void()> reset_modem, Statistics& statistics)
+VsService::VsService(Storage& storage, std::function<void()> reset_modem, Reporters& reporters, Statistics& statistics)
     : Service("vs", &vs_qmi_idl_service_object_v01, kMessages),
       storage_(storage),
       reset_modem_(std::move(reset_modem)),
+      reporters_(reporters),
       statistics_(statistics) {}
 
 bool VsService::wants(uint8_t client, uint16_t indication) const {
@@ -65,10 +66,11 @@ bool VsService::wants(uint8_t client, uint16_t indication) const {
 void VsService::client_gone(uint8_t client) {
   reports_ab_.reset(client);
   reports_c_.reset(client);
-  statistics_.client_gone(client);
+  reporters_.client_gone(client);
 }
 
 void VsService::restarted() {
+  reporters_.restarted();
   statistics_.restarted();
 }
 
@@ -135,20 +137,20 @@ QmiError VsService::set_stats_report_status(uint8_t client, const vs::SetStatsRe
                                             vs::SetStatsReportStatusResponse& response) {
   if (request.report == 0) {
     if (!request.stats_client_id_valid) return QMI_ERR_MISSING_ARG_V01;
-    return statistics_.revoke(client, request.stats_client_id);
+    return reporters_.revoke(client, request.stats_client_id);
   }
   response.stats_client_id_valid = 1;
-  return statistics_.grant(client, response.stats_client_id);
+  return reporters_.grant(client, response.stats_client_id);
 }
 
 QmiError VsService::register_stats(uint8_t client, const vs::RegisterStatsRequest& request, vs::PlainResponse&) {
-  return statistics_.add(client, request.stats_client_id, subscription_of(request),
-                         std::span(request.entries).first(request.entry_count));
+  return reporters_.add(client, request.stats_client_id, subscription_of(request),
+                        std::span(request.entries).first(request.entry_count));
 }
 
 QmiError VsService::deregister_stats(uint8_t client, const vs::DeregisterStatsRequest& request, vs::PlainResponse&) {
-  return statistics_.remove(client, request.stats_client_id, subscription_of(request),
-                            std::span(request.ids).first(request.id_count));
+  return reporters_.remove(client, request.stats_client_id, subscription_of(request),
+                           std::span(request.ids).first(request.id_count));
 }
 
 QmiError VsService::get_stats_parameter(uint8_t, const vs::GetStatsParameterRequest& request,

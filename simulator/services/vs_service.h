@@ -10,6 +10,7 @@
 #include <map>
 
 #include "qmi/service.h"
+#include "statistics/reporters.h"
 #include "statistics/statistics.h"
 #include "storage/storage.h"
 #include "vs_messages.h"
@@ -19,7 +20,7 @@ namespace pelmar::sim {
 class VsService final : public Service {
  public:
   // reset_modem is called for a client that asks for it, and acts after the answer went out.
-  VsService(Storage& storage, std::function<void()> reset_modem, Statistics& statistics);
+  VsService(Storage& storage, std::function<void()> reset_modem, Reporters& reporters, Statistics& statistics);
 
   // Whether the client has asked for the indication; the status indication comes unasked.
   bool wants(uint8_t client, uint16_t indication) const;
@@ -65,6 +66,7 @@ class VsService final : public Service {
 
   Storage& storage_;
   const std::function<void()> reset_modem_;
+  Reporters& reporters_;
   Statistics& statistics_;
   std::bitset<256> reports_ab_;  // by client id
   std::bitset<256> reports_c_;

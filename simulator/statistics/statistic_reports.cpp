@@ -4,9 +4,15 @@
 
 namespace pelmar::sim {
 
-StatisticReports::StatisticReports(EventLoop& loop, Modem& modem, const ModemClock& clock, Statistics& statistics,
-                                   Period period)
-    : loop_(loop), modem_(modem), clock_(clock), statistics_(statistics), period_(period), due_(clock.now() + period) {
+StatisticReports::StatisticReports(EventLoop& loop, Modem& modem, const ModemClock& clock, Reporters& reporters,
+                                   const Statistics& statistics, Period period)
+    : loop_(loop),
+      modem_(modem),
+      clock_(clock),
+      reporters_(reporters),
+      statistics_(statistics),
+      period_(period),
+      due_(clock.now() + period) {
   wait();
 }
 
@@ -39,20 +45,20 @@ void StatisticReports::send_due() {
   Modem::Slot* const slot = modem_.find_running(static_cast<uint8_t>(vs::kServiceId));
   if (slot == nullptr) return;
   const auto& service = static_cast<const VsService&>(*slot->service);
-  for (uint32_t number = 0; number < Statistics::kMaxReporters; ++number) {
-    Statistics::Reporter& reporter = statistics_.reporters()[number];
+  for (uint32_t number = 0; number < Reporters::kMaxReporters; ++number) {
+    Reporters::Reporter& reporter = reporters_.all()[number];
     if (!reporter.client || reporter.registered.empty()) continue;
     if (!service.wants(*reporter.client, vs::kReportAIndication)) continue;
     ++reporter.reports;
     // A client that is gone is noticed by a send to it, which ends its registrations at once.
     const uint8_t client = *reporter.client;
-    const Statistics::Reporter copy = reporter;
+    const Reporters::Reporter copy = reporter;
     for (uint16_t sub = 0; sub < kSubscriptions; ++sub) report(*slot, client, number, sub, copy);
   }
 }
 
 void StatisticReports::report(Modem::Slot& slot, uint8_t client, uint32_t reporter, uint16_t sub,
-                              const Statistics::Reporter& of) {
+                              const Reporters::Reporter& of) {
   vs::ReportBIndication presence{};
   presence.value = reporter;
   presence.first = sub;

@@ -11,6 +11,7 @@
 #include "io/event_loop.h"
 #include "modem_clock.h"
 #include "qmi/modem.h"
+#include "statistics/reporters.h"
 #include "statistics/statistics.h"
 
 namespace pelmar::sim {
@@ -19,7 +20,8 @@ class StatisticReports {
  public:
   using Period = std::chrono::milliseconds;
 
-  StatisticReports(EventLoop& loop, Modem& modem, const ModemClock& clock, Statistics& statistics, Period period);
+  StatisticReports(EventLoop& loop, Modem& modem, const ModemClock& clock, Reporters& reporters,
+                   const Statistics& statistics, Period period);
 
   Period period() const { return period_; }
   void set_period(Period period);
@@ -30,12 +32,13 @@ class StatisticReports {
  private:
   void send_due();
   void wait();
-  void report(Modem::Slot& slot, uint8_t client, uint32_t reporter, uint16_t sub, const Statistics::Reporter& of);
+  void report(Modem::Slot& slot, uint8_t client, uint32_t reporter, uint16_t sub, const Reporters::Reporter& of);
 
   EventLoop& loop_;
   Modem& modem_;
   const ModemClock& clock_;
-  Statistics& statistics_;
+  Reporters& reporters_;
+  const Statistics& statistics_;
   Period period_;
   ModemClock::Time due_;
   EventLoop::TimerId timer_{};

@@ -4,92 +4,6 @@
 
 namespace pelmar::sim {
 
-namespace {
-
-// Calls f(subscription) for the one that is named, or for all.
-template <class F>
-void for_each_subscription(std::optional<uint16_t> named, F f) {
-  for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
-    if (!named || *named == sub) f(sub);
-  }
-}
-
-}  // namespace
-
-// --- who reports what ---
-
-Statistics::Reporter* Statistics::find(uint8_t client, uint32_t reporter) {
-  if (reporter >= kMaxReporters || reporters_[reporter].client != client) return nullptr;
-  return &reporters_[reporter];
-}
-
-QmiError Statistics::grant(uint8_t client, uint32_t& reporter) {
-  const auto free = std::find_if(reporters_.begin(), reporters_.end(), [](const Reporter& r) { return !r.client; });
-  if (free == reporters_.end()) return QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
-  free->client = client;
-  reporter = static_cast<uint32_t>(free - reporters_.begin());
-  return QMI_ERR_NONE_V01;
-}
-
-QmiError Statistics::revoke(uint8_t client, uint32_t reporter) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
-  *found = {};
-  return QMI_ERR_NONE_V01;
-}
-
-void Statistics::client_gone(uint8_t client) {
-  for (Reporter& reporter : reporters_) {
-    if (reporter.client == client) reporter = {};
-  }
-}
-
-void Statistics::restarted() {
-  reporters_ = {};
-  cleared_.clear();
-}
-
-QmiError Statistics::add(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
-                         std::span<const vs::StatsEntry> entries) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
-  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
-  std::set<StatisticKey> registered = found->registered;
-  for (const vs::StatsEntry& entry : entries) {
-    for_each_subscription(sub, [&](uint16_t each) { registered.insert({each, entry.stats_id}); });
-  }
-  const auto of_second = registered.lower_bound({1, 0});
-  const auto counts = {std::distance(registered.begin(), of_second), std::distance(of_second, registered.end())};
-  if (std::max(counts) > kMaxRegistered) return QMI_ERR_REQUESTED_NUM_UNSUPPORTED_V01;
-  found->registered = std::move(registered);
-  return QMI_ERR_NONE_V01;
-}
-
-QmiError Statistics::remove(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
-                            std::span<const uint32_t> ids) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
-  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
-  size_t removed = 0;
-  for (const uint32_t id : ids) {
-    for_each_subscription(sub, [&](uint16_t each) { removed += found->registered.erase({each, id}); });
-  }
-  return removed == 0 ? QMI_ERR_NO_EFFECT_V01 : QMI_ERR_NONE_V01;
-}
-
-size_t Statistics::granted() const {
-  return static_cast<size_t>(
-      std::count_if(reporters_.begin(), reporters_.end(), [](const Reporter& r) { return r.client.has_value(); }));
-}
-
-size_t Statistics::registrations() const {
-  size_t count = 0;
-  for (const Reporter& reporter : reporters_) count += reporter.registered.size();
-  return count;
-}
-
-// --- values ---
-
 RadioSample Statistics::sample(StatisticKey key) const {
   RadioSample sample = pictures_[key.sub].sample(clock_.now());
   const auto cleared = cleared_.find(key);
@@ -169,8 +83,8 @@ void Statistics::fix(StatisticKey key, size_t field, double number) {
   fix.fields[field] = number;
 }
 
-bool Statistics::release(StatisticKey key) {
-  return fixes_.erase(key) > 0;
+void Statistics::release(StatisticKey key) {
+  fixes_.erase(key);
 }
 
 }  // namespace pelmar::sim
