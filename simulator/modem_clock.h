@@ -5,12 +5,16 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 
 namespace pelmar::sim {
 
 class ModemClock {
  public:
   using Time = std::chrono::milliseconds;
+
+  // Held from its start, or from 0 at the pace of the machine's clock.
+  explicit ModemClock(std::optional<Time> held = {}) : base_(held.value_or(Time{0})), is_held_(held.has_value()) {}
 
   Time now() const { return is_held_ ? base_ : base_ + since(base_instant_); }
   bool is_held() const { return is_held_; }
@@ -32,9 +36,9 @@ class ModemClock {
 
   static Time since(Clock::time_point instant) { return std::chrono::duration_cast<Time>(Clock::now() - instant); }
 
-  Time base_{0};
+  Time base_;
   Clock::time_point base_instant_ = Clock::now();
-  bool is_held_ = false;
+  bool is_held_;
 };
 
 }  // namespace pelmar::sim

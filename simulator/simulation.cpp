@@ -16,6 +16,7 @@ S* Simulation::add_service(Arguments&&... arguments) {
 
 Simulation::Simulation(const SimulationOptions& options)
     : storage(options.storage, options.max_entries),
+      clock(options.held_clock),
       pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
       statistics(clock, pictures),
       modem(loop),
@@ -31,7 +32,6 @@ Simulation::Simulation(const SimulationOptions& options)
   sar = add_service<SarService>();
   vs = add_service<VsService>(storage, reset, reporters, statistics);
   modem.attach(connections);
-  if (options.held_clock) clock.hold_at(*options.held_clock);
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
