@@ -2,13 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <stdexcept>
+
+#include "unix_address.h"
 
 namespace pelmar::sim {
 
@@ -17,32 +16,11 @@ namespace {
 constexpr int kBacklog = 128;
 constexpr std::chrono::milliseconds kPauseWithoutDescriptors{100};
 
-struct Address {
-  sockaddr_un socket{};
-  socklen_t length = 0;
-};
-
-bool is_abstract(const std::string& name) {
-  return name.starts_with('@');
-}
-
-Address address_of(const std::string& name) {
-  Address address;
-  address.socket.sun_family = AF_UNIX;
-  // An abstract name starts with a zero byte and has no terminator; a path needs one.
-  const size_t room = sizeof address.socket.sun_path - (is_abstract(name) ? 0 : 1);
-  if (name.size() < (is_abstract(name) ? 2 : 1) || name.size() > room) {
-    throw std::runtime_error("socket name '" + name + "' must have 1 to " + std::to_string(room) +
-                             " characters: use a shorter path");
-  }
-  std::copy(name.begin(), name.end(), address.socket.sun_path);
-  if (is_abstract(name)) address.socket.sun_path[0] = '\0';
-  address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (is_abstract(name) ? 0 : 1));
-  return address;
-}
-
-const sockaddr* generic(const Address& address) {
-  return reinterpret_cast<const sockaddr*>(&address.socket);
+UnixAddress address_of(const std::string& name) {
+  const auto address = unix_address(name);
+  if (address) return *address;
+  throw std::runtime_error("socket name '" + name + "' must have 1 to " + std::to_string(longest_unix_name(name)) +
+                           " characters: use a shorter path");
 }
 
 UniqueFd new_socket(int flags = 0) {
@@ -51,12 +29,12 @@ UniqueFd new_socket(int flags = 0) {
   return fd;
 }
 
-bool someone_answers(const Address& address) {
+bool someone_answers(const UnixAddress& address) {
   const UniqueFd probe = new_socket();
-  return connect(probe.get(), generic(address), address.length) == 0 || errno != ECONNREFUSED;
+  return connect(probe.get(), address.get(), address.length) == 0 || errno != ECONNREFUSED;
 }
 
-void remove_socket_of_dead_process(const std::string& name, const Address& address) {
+void remove_socket_of_dead_process(const std::string& name, const UnixAddress& address) {
   struct stat file {};
   const bool is_socket = !is_abstract(name) && lstat(name.c_str(), &file) == 0 && S_ISSOCK(file.st_mode);
   if (!is_abstract(name) && !is_socket) {
@@ -68,9 +46,9 @@ void remove_socket_of_dead_process(const std::string& name, const Address& addre
   unlink(name.c_str());
 }
 
-int bind_for_owner_only(int fd, const Address& address) {
+int bind_for_owner_only(int fd, const UnixAddress& address) {
   const mode_t before = umask(0077);
-  const int result = bind(fd, generic(address), address.length);
+  const int result = bind(fd, address.get(), address.length);
   umask(before);
   return result;
 }
@@ -78,9 +56,9 @@ int bind_for_owner_only(int fd, const Address& address) {
 }  // namespace
 
 UniqueFd connect_local(const std::string& name) {
-  const Address address = address_of(name);
+  const UnixAddress address = address_of(name);
   UniqueFd fd = new_socket();
-  if (connect(fd.get(), generic(address), address.length) != 0) {
+  if (connect(fd.get(), address.get(), address.length) != 0) {
     throw std::runtime_error("cannot connect to '" + name + "': " + strerror(errno));
   }
   return fd;
@@ -88,7 +66,7 @@ UniqueFd connect_local(const std::string& name) {
 
 LocalListener::LocalListener(EventLoop& loop, std::string name, Accept accept)
     : loop_(loop), name_(std::move(name)), accept_(std::move(accept)), fd_(new_socket(SOCK_NONBLOCK)) {
-  const Address address = address_of(name_);
+  const UnixAddress address = address_of(name_);
   int result = bind_for_owner_only(fd_.get(), address);
   if (result != 0 && errno == EADDRINUSE) {
     remove_socket_of_dead_process(name_, address);

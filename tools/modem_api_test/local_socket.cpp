@@ -2,12 +2,11 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
+
+#include "unix_address.h"
 
 namespace pelmar::cli {
 
@@ -19,17 +18,10 @@ constexpr uint8_t kGetVersionInfo[] = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00,
 }  // namespace
 
 LocalConnection connect_local(const std::string& name) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const bool is_abstract = name.starts_with('@');
-  // An abstract name starts with a zero byte and has no terminator; a path needs one.
-  if (name.empty() || name.size() + (is_abstract ? 0 : 1) > sizeof address.sun_path) return {{}, ENAMETOOLONG};
-  std::copy(name.begin(), name.end(), address.sun_path);
-  if (is_abstract) address.sun_path[0] = '\0';
-  const size_t length = offsetof(sockaddr_un, sun_path) + name.size() + (is_abstract ? 0 : 1);
-
+  const auto address = unix_address(name);
+  if (!address) return {{}, name.size() > longest_unix_name(name) ? ENAMETOOLONG : EINVAL};
   UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!fd || connect(fd.get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) != 0) {
+  if (!fd || connect(fd.get(), address->get(), address->length) != 0) {
     return {{}, errno};
   }
   return {std::move(fd), 0};

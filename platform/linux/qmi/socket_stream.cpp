@@ -3,10 +3,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 
 #include <cerrno>
-#include <cstring>
+
+#include "unix_address.h"
 
 namespace pelmar::platform {
 namespace {
@@ -18,31 +18,17 @@ timeval to_timeval(Deadline::Milliseconds time) {
   return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
 }
 
-bool fill_address(const std::string& name, sockaddr_un& address, socklen_t& length) {
-  if (name.empty() || name.size() >= sizeof address.sun_path) return false;
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, name.data(), name.size());
-  length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-  if (name[0] == '@') {
-    address.sun_path[0] = '\0';  // an abstract name is not terminated
-  } else {
-    ++length;
-  }
-  return true;
-}
-
 }  // namespace
 
 bool SocketStream::connect(const std::string& name) {
-  sockaddr_un address{};
-  socklen_t length = 0;
-  if (!fill_address(name, address, length)) return false;
+  const auto address = unix_address(name);
+  if (!address) return false;
   close();
   descriptor_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!is_open()) return false;
   const timeval timeout = to_timeval(kConnectTimeout);
   ::setsockopt(descriptor(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  if (::connect(descriptor(), reinterpret_cast<const sockaddr*>(&address), length) == 0) return true;
+  if (::connect(descriptor(), address->get(), address->length) == 0) return true;
   close();
   return false;
 }
