@@ -9,13 +9,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 
+#include "environment.h"
 #include "failure.h"
 #include "unique_fd.h"
 
@@ -33,7 +33,7 @@ constexpr std::chrono::seconds kReadyPatience{20};
 constexpr std::string_view kReadyLine = "modem_sim: ready on ";
 
 std::string find_program() {
-  if (const char* const named = getenv(kProgramVariable); named != nullptr && named[0] != '\0') return named;
+  if (std::string named = environment(kProgramVariable); !named.empty()) return named;
   std::error_code error;
   const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
   for (const fs::path& directory : {here, here.parent_path() / "bin"}) {

@@ -10,13 +10,13 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <thread>
 
+#include "environment.h"
 #include "failure.h"
 #include "local_socket.h"
 #include "modem_process.h"
@@ -43,8 +43,8 @@ struct Place {
 
 // An absolute path of the environment; a relative one counts as unset.
 std::string environment_path(const char* name) {
-  const char* const value = getenv(name);
-  return value != nullptr && value[0] == '/' ? value : "";
+  std::string path = environment(name);
+  return path.starts_with('/') ? path : "";
 }
 
 std::string home() {

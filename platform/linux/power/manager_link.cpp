@@ -1,8 +1,9 @@
 #include "manager_link.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include "environment.h"
 
 namespace pelmar::platform::power {
 namespace {
@@ -10,17 +11,11 @@ namespace {
 // Frames are small: a manager that lets them pile up until the socket is full is not at work.
 constexpr Deadline::Milliseconds kSendTimeout{1000};
 
-std::string environment(const char* name) {
-  const char* const value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
-
 }  // namespace
 
 std::string manager_socket() {
   if (std::string own = environment("PELMAR_PM_SOCKET"); !own.empty()) return own;
-  const std::string modem = environment("PELMAR_QMI_SOCKET");
-  return default_manager_socket(modem.empty() ? "@qmi-proxy" : modem);
+  return default_manager_socket(environment(kModemSocketVariable, kDefaultModemSocket));
 }
 
 bool ManagerLink::send(const Request& request) {

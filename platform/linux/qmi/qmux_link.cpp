@@ -1,9 +1,9 @@
 #include "qmux_link.h"
 
-#include <cstdlib>
 #include <string>
 
 #include "common_v01.h"
+#include "environment.h"
 #include "qmi_message.h"
 
 namespace pelmar::platform {
@@ -44,11 +44,6 @@ bool is_control(const Frame& frame, uint8_t flags) {
   return frame.service == kControlService && frame.message[0] == flags;
 }
 
-std::string from_environment(const char* name, const char* otherwise) {
-  const char* const value = std::getenv(name);
-  return value != nullptr && *value != '\0' ? value : otherwise;
-}
-
 }  // namespace
 
 bool load_control_indication(const Frame& frame, ControlIndication& indication) {
@@ -70,9 +65,9 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication) 
 }
 
 bool QmuxLink::open() {
-  if (!stream_.connect(from_environment("PELMAR_QMI_SOCKET", "@qmi-proxy"))) return false;
+  if (!stream_.connect(environment(kModemSocketVariable, kDefaultModemSocket))) return false;
   reader_ = FrameReader();
-  const std::string device = from_environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
+  const std::string device = environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
   const Bytes path(device.begin(), device.end());
   if (exchange(ControlMessage::kOpenProxy, path, Deadline::after(kControlTimeout), nullptr) == Answer::kSuccess) {
     return true;

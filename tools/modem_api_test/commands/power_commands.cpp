@@ -7,13 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "command_line.h"
 #include "commands/commands.h"
+#include "environment.h"
 #include "failure.h"
 #include "json.h"
 #include "manager_link.h"
@@ -35,10 +35,9 @@ constexpr auto kReleasePatience = 10s;
 constexpr const char* kNoManager =
     "A simulated modem has one with 'modem_sim serve --pm-socket'; PELMAR_PM_SOCKET or --modem names it.";
 
-// The manager stands beside the modem, where none is named; an empty name names none.
+// The manager stands beside the modem, where none is named.
 std::string find_manager(const Context& context) {
-  const char* const named = getenv("PELMAR_PM_SOCKET");
-  if (named == nullptr || *named == '\0') context.session.modem();
+  if (environment("PELMAR_PM_SOCKET").empty()) context.session.modem();
   return platform::power::manager_socket();
 }
 

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "environment.h"
+
 namespace pelmar::cli {
 
 namespace {
@@ -58,14 +60,11 @@ void handle(int number, void (*handler)(int)) {
 }  // namespace
 
 bool is_screen(const Output& output) {
-  const char* const terminal = getenv("TERM");
-  return isatty(output.descriptor()) != 0 && terminal != nullptr && std::string_view(terminal) != "dumb" &&
-         *terminal != '\0';
+  return isatty(output.descriptor()) != 0 && environment("TERM", "dumb") != "dumb";
 }
 
 bool wants_colour() {
-  const char* const no_colour = getenv("NO_COLOR");
-  return no_colour == nullptr || *no_colour == '\0';
+  return environment("NO_COLOR").empty();
 }
 
 // Asks the user's locale, and leaves that of the process as it is.
