@@ -1,8 +1,8 @@
 // The peripheral manager's functions as the phone declares them: handles are looked up, arguments checked, the rest is
 // the voter's.
-#include <exception>
 #include <memory>
 
+#include "guarded.h"
 #include "handle_table.h"
 #include "manager_link.h"
 #include "platform_export.h"
@@ -42,33 +42,26 @@ int register_voter(const Voter::Callback& callback, const Register& names, pm_ev
   return PM_RET_SUCCESS;
 }
 
-// Nothing is thrown at the callers, who may know no exceptions.
-template <typename Operation>
-int guarded(Operation operation) {
-  try {
-    return operation();
-  } catch (const std::exception&) {
-    return PM_RET_FAILED;
-  }
-}
-
 template <typename Operation>
 int with_voter(void* handle, Operation operation) {
   const auto voter = voters().find(handle);
-  return voter != nullptr ? guarded([&] { return operation(*voter); }) : PM_RET_FAILED;
+  return voter != nullptr ? guarded(PM_RET_FAILED, [&] { return operation(*voter); }) : PM_RET_FAILED;
 }
 
 }  // namespace
 }  // namespace pelmar::platform::power
 
 using namespace pelmar::platform::power;
+using pelmar::platform::guarded;
 
 extern "C" {
 
 PELMAR_PLATFORM_EXPORT int pm_client_register(pm_client_event_cb cb, void* client_data, const char* device_name,
                                               const char* client_name, enum pm_event* state, void** handle) {
   if (cb == nullptr || device_name == nullptr || client_name == nullptr || handle == nullptr) return PM_RET_FAILED;
-  return guarded([&] { return register_voter({cb, client_data}, {device_name, client_name}, state, handle); });
+  return guarded(PM_RET_FAILED, [&] {
+    return register_voter({cb, client_data}, {device_name, client_name}, state, handle);
+  });
 }
 
 PELMAR_PLATFORM_EXPORT int pm_client_connect(void* handle) {

@@ -6,7 +6,7 @@
 //
 // A value is written to a file of its own and then given its name, so a reader sees the old value or the new one, never
 // a part. The directory is PELMAR_PROPERTY_DIR, else $XDG_STATE_HOME/pelmar/properties, else the same under
-// ~/.local/state.
+// ~/.local/state, else one of the user's own among the temporary files.
 #include "cutils/properties.h"
 
 #include <fcntl.h>
@@ -17,7 +17,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +24,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "environment.h"
+#include "guarded.h"
 #include "platform_export.h"
 #include "unique_fd.h"
 
@@ -42,17 +43,15 @@ bool is_good_name(std::string_view name) {
          std::all_of(name.begin(), name.end(), [](unsigned char c) { return c > ' ' && c < 0x7F && c != '/'; });
 }
 
-std::string environment(const char* name) {
-  const char* const value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
-
 fs::path property_directory() {
   if (const std::string directory = environment("PELMAR_PROPERTY_DIR"); !directory.empty()) return directory;
   const fs::path below = fs::path("pelmar") / "properties";
   if (const std::string state = environment("XDG_STATE_HOME"); !state.empty()) return state / below;
   if (const std::string home = environment("HOME"); !home.empty()) return home / fs::path(".local/state") / below;
-  return fs::temp_directory_path() / ("pelmar-" + std::to_string(::getuid())) / "properties";
+  std::error_code error;
+  fs::path temporary = fs::temp_directory_path(error);
+  if (error) temporary = "/tmp";
+  return temporary / ("pelmar-" + std::to_string(::getuid())) / "properties";
 }
 
 std::string boot_id() {
@@ -118,12 +117,13 @@ using namespace pelmar::platform;
 extern "C" {
 
 PELMAR_PLATFORM_EXPORT int property_get(const char* name, char* value, const char* default_value) {
-  std::string text;
-  if (name == nullptr || !is_good_name(name) || !read_value(directory_of(name) / name, text) || text.empty()) {
-    text = default_value != nullptr ? default_value : "";
-    text.resize(std::min(text.size(), kMaxValueLength));
-  }
-  std::memcpy(value, text.c_str(), text.size() + 1);
+  std::string stored;
+  const bool is_set = name != nullptr && is_good_name(name) &&
+                      guarded(false, [&] { return read_value(directory_of(name) / name, stored); }) && !stored.empty();
+  std::string_view text = stored;
+  if (!is_set) text = std::string_view(default_value != nullptr ? default_value : "").substr(0, kMaxValueLength);
+  std::memmove(value, text.data(), text.size());  // the default may stand where the value goes
+  value[text.size()] = '\0';
   return static_cast<int>(text.size());
 }
 
@@ -131,7 +131,7 @@ PELMAR_PLATFORM_EXPORT int property_set(const char* name, const char* value) {
   const std::string_view text = value != nullptr ? value : "";
   if (name == nullptr || !is_good_name(name) || text.size() > kMaxValueLength) return -1;
   const bool once = std::string_view(name).starts_with("ro.");
-  return write_value(directory_of(name) / name, text, once) ? 0 : -1;
+  return guarded(false, [&] { return write_value(directory_of(name) / name, text, once); }) ? 0 : -1;
 }
 
 }  // extern "C"

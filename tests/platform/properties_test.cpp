@@ -94,6 +94,16 @@ TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
   EXPECT_EQ(property_set("ro.b", "new"), 0);
 }
 
+TEST_F(Properties, HaveAPlaceWhereTheUserHasNone) {
+  for (const char* name : {"PELMAR_PROPERTY_DIR", "XDG_STATE_HOME", "HOME"}) ::unsetenv(name);
+  ::setenv("TMPDIR", directory_.c_str(), 1);
+  EXPECT_EQ(property_set("persist.a", "1"), 0);
+  EXPECT_EQ(get("persist.a"), "1");
+  EXPECT_EQ(files().size(), 1u);
+  ::setenv("TMPDIR", "/no/such/directory", 1);
+  EXPECT_EQ(get("persist.of-the-properties-test"), "none") << "nothing is thrown";
+}
+
 TEST_F(Properties, ReadsNothingFromAFileThatIsNoProperty) {
   property_set("persist.a", "1");
   const fs::path file = files().at(0);

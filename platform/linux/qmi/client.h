@@ -52,8 +52,9 @@ class Client : public std::enable_shared_from_this<Client> {
 
   // The answers of these are transport or codec codes.
   void start();
-  int32_t send_sync(const Request& request, const Deadline& deadline);
-  int32_t send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction);
+  // A send that has no memory to go on ends the process, as the handle's thread does: it cannot be taken back half-way.
+  int32_t send_sync(const Request& request, const Deadline& deadline) noexcept;
+  int32_t send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction) noexcept;
   int32_t register_error_callback(qmi_client_error_cb function, void* data);
   int32_t decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length, void* structure,
                  size_t structure_length) const;

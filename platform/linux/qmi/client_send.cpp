@@ -15,7 +15,7 @@ constexpr Deadline::Milliseconds kAsyncSendTimeout{5000};
 
 }  // namespace
 
-int32_t Client::send_sync(const Request& request, const Deadline& deadline) {
+int32_t Client::send_sync(const Request& request, const Deadline& deadline) noexcept {
   int32_t error = check_response_length(request);
   if (error != QMI_NO_ERR) return error;
 
@@ -32,7 +32,8 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) {
   return wait_for_answer(lock, waiter, deadline);
 }
 
-int32_t Client::send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction) {
+int32_t Client::send_async(const Request& request, const ResponseCallback& callback,
+                           qmi_txn_handle* transaction) noexcept {
   int32_t error = check_response_length(request);
   if (error != QMI_NO_ERR) return error;
 

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 #include <mutex>
 #include <thread>
 
 #include "client.h"
+#include "guarded.h"
 #include "handle_table.h"
 #include "notifier.h"
 #include "platform_export.h"
@@ -63,16 +63,6 @@ Deadline send_deadline(unsigned timeout_ms) {
   return timeout_ms == 0 ? Deadline::none() : Deadline::after(Deadline::Milliseconds(timeout_ms));
 }
 
-// Nothing is thrown at the callers, who may know no exceptions.
-template <typename Operation>
-qmi_client_error_type guarded(Operation operation) {
-  try {
-    return operation();
-  } catch (const std::exception&) {
-    return QMI_INTERNAL_ERR;
-  }
-}
-
 }  // namespace
 }  // namespace pelmar::platform
 
@@ -88,7 +78,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
   if (user_handle == nullptr) return QMI_CLIENT_PARAM_ERR;
   *user_handle = nullptr;
   if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
-  return guarded([&]() -> qmi_client_error_type {
+  return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
     surrender_at_exit();
     std::unique_ptr<Connection> connection;
     const int32_t error = open_connection(service_obj, Deadline::after(Deadline::Milliseconds(timeout)), connection);
@@ -117,7 +107,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_notifier_init(qmi_idl_se
   if (user_handle == nullptr) return QMI_CLIENT_PARAM_ERR;
   *user_handle = nullptr;
   if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
-  return guarded([&]() -> qmi_client_error_type {
+  return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
     const qmi_client_type handle = new_handle<>();
     notifiers().add(
         handle, std::make_shared<Notifier>(service_obj, default_transport().watch(service_obj->service_id), handle));
@@ -130,7 +120,8 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_register_error_cb(qmi_cl
                                                                           qmi_client_error_cb err_cb,
                                                                           void* err_cb_data) {
   const auto client = clients().find(user_handle);
-  return client != nullptr ? client->register_error_callback(err_cb, err_cb_data) : QMI_CLIENT_INVALID_CLNT;
+  if (client == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  return guarded(QMI_INTERNAL_ERR, [&] { return client->register_error_callback(err_cb, err_cb_data); });
 }
 
 PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
@@ -138,7 +129,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_register_notify_cb(qmi_c
                                                                            void* notify_cb_data) {
   const auto notifier = notifiers().find(user_handle);
   if (notifier == nullptr) return QMI_CLIENT_INVALID_CLNT;
-  return guarded([&] { return notifier->register_callback(notify_cb, notify_cb_data); });
+  return guarded(QMI_INTERNAL_ERR, [&] { return notifier->register_callback(notify_cb, notify_cb_data); });
 }
 
 PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id,
