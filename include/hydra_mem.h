@@ -33,7 +33,9 @@ PELMAR_EXPORT void hydra_free_adv(void* ptr, const char* func, int32_t line);
  *
  *     \r\n\t<TraceMemData address="0x…" size="0x…" caller_proc="…" caller_func="…" time="h:m:s dayD, monthM, yearY"/>
  *
- * buf   zeroed first; holds terminated text afterwards
+ * The address has the prefix 0x, and the C library's own as well where its %p brings one: "0x0x…".
+ *
+ * buf   zeroed first; holds terminated text afterwards. Null is allowed, and has no room
  * size  its bytes
  *
  * Returns 1 when all blocks were written (or there are none), 0 when the next one did not fit. Tracing is off while the

@@ -17,8 +17,9 @@
  * one client of each type is open in a process.
  *
  * Threads: commands may be called from any thread; each blocks its caller for up to 30 s. Open and free clients from
- * one thread at a time. Callbacks run on threads of the QMI framework (the status callback also on the thread that
- * opens the client) and must not block for long.
+ * one thread at a time. Callbacks run on threads of the QMI framework; the status callback also on the thread that
+ * opens the client and, when a service comes back, on one of the library's. They may call this interface,
+ * modem_api_free_client() included, but must not block for long.
  *
  * Results: every function answers a modem_api_result. Commands answer MODEM_API_ERR_INVALID_CLIENT for an id that names
  * no client of the command's type whose service is up, the codes named at each declaration, and else what the modem's
@@ -41,7 +42,7 @@ typedef int32_t modem_api_result;
 enum {
   MODEM_API_SUCCESS = 0,
   MODEM_API_ERR_GENERIC = 1,       /* a failure that no other code names */
-  MODEM_API_RESP_END = 2,          /* never returned: the last call of an asynchronous exchange */
+  MODEM_API_RESP_END = 2,          /* never returned: the last call of a successful asynchronous exchange */
   MODEM_API_ERR_NO_MEMORY = 3,     /* also an output that is null or too small */
   MODEM_API_ERR_NOT_SUPPORTED = 4, /* by the library (client type, event) or by the modem */
   MODEM_API_ERR_INVALID_PARAM = 5,
@@ -175,8 +176,9 @@ PELMAR_EXPORT modem_api_result modem_api_release(void);
  *
  * type       a MODEM_API_CLIENT_* value
  * event_cb   receives modem events (vendor-specific clients alone); may be null
- * status_cb  receives service-up and service-down notices; may be null. Service-up is told before this returns.
- * client_id  out: 0 to 9; written on success alone
+ * status_cb  receives service-up and service-down notices; may be null. The first service-up comes before *client_id is
+ *            written
+ * client_id  out: 0 to 9; written on success alone. Never null
  *
  * Returns MODEM_API_SUCCESS, MODEM_API_ERR_NOT_INITIALIZED (white list), MODEM_API_ERR_NO_MEMORY,
  * MODEM_API_ERR_NOT_SUPPORTED (unknown type), MODEM_API_ERR_SERVICE_PENDING or MODEM_API_ERR_ALREADY_INITIALIZED (the
@@ -185,8 +187,12 @@ PELMAR_EXPORT modem_api_result modem_api_release(void);
 PELMAR_EXPORT modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
                                                      modem_api_status_cb status_cb, int32_t* client_id);
 
-/* Releases a client's connection and frees the client. A vendor-specific, SAR or NAS client can be opened again after
- * another modem_api_init().
+/* Releases a client's connection and frees the client. A client of its type can be opened again after another
+ * modem_api_init().
+ *
+ * Returns when no callback of the client runs any more, except when it is called from a callback. A free of an id that
+ * another thread is freeing already answers at once.
+ *
  * Returns MODEM_API_SUCCESS (also for a slot that is free already), or MODEM_API_ERR_INVALID_CLIENT for an id that is
  * negative or 10 and more. */
 PELMAR_EXPORT modem_api_result modem_api_free_client(int32_t client_id);
@@ -199,26 +205,51 @@ PELMAR_EXPORT int32_t modem_api_check_white_list(void);
 
 /* --- pass-through commands --- */
 
-/* The result of a QMI exchange: its transport code and, for transport codes 0 and -2, the response's header (never
- * null). */
+/* The result of a QMI exchange.
+ *
+ * transport_code  what the platform's send answered (qmi_client.h)
+ * response        the response's header, read for transport codes 0 and -2 alone; never null for these two
+ *
+ *     result                       transport code
+ *     by the response              0 (none), -2 (the service went away)
+ *     MODEM_API_ERR_TRANSPORT      -1 (internal), -5 (port not open)
+ *     MODEM_API_ERR_TIMEOUT        -3 (time-out)
+ *     MODEM_API_ERR_GENERIC        any other
+ *
+ * By the response: MODEM_API_SUCCESS when its result is 0 (success), MODEM_API_ERR_GENERIC when it is neither 0 nor 1
+ * (failure), else
+ *
+ *     result                       error of the response (common_v01.h)
+ *     MODEM_API_SUCCESS            0 (none), 26 (no effect)
+ *     MODEM_API_ERR_ABORTED        4 (aborted)
+ *     MODEM_API_ERR_INVALID_PARAM  17 (missing argument), 19 (argument too long), 48 (invalid argument), 49 (index)
+ *     MODEM_API_ERR_NOT_SUPPORTED  24 (by the network), 42 (number), 77 (bundling), 94 (not supported)
+ *     MODEM_API_ERR_NOT_READY      52 (device not ready)
+ *     MODEM_API_ERR_GENERIC        any other
+ *
+ * Two traps: what the modem calls "no effect" is a success, and so is a service that went away without a word where the
+ * platform leaves the zeroed response untouched (the Linux one writes a failure into it). */
 PELMAR_EXPORT modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code,
                                                                     const qmi_response_type_v01* response);
 
 /* Sends an opaque payload to the vendor-specific service and waits for its outcome; response data is not returned.
  *
- * payload  `length` bytes, 0 to 512
+ * payload  `length` bytes; may be null when there are none
+ * length   0 to 512
  *
- * Returns MODEM_API_ERR_INVALID_PARAM for a payload that is too long. */
+ * Returns MODEM_API_ERR_INVALID_PARAM for a length above 512 and for a null payload with a length above 0. A negative
+ * length is left to the platform's codec, whose refusal reads MODEM_API_ERR_GENERIC. */
 PELMAR_EXPORT modem_api_result modem_api_common_command(int32_t client_id, const uint8_t* payload, int32_t length);
 
-/* The same without waiting. On success the callback runs twice, with the data and then with MODEM_API_RESP_END; on a
- * failure once, with the result.
+/* The same without waiting. On success the callback runs twice, with the data (with MODEM_API_ERR_NO_MEMORY and none
+ * when there is no memory for them) and then with MODEM_API_RESP_END; on a failure once, with the result.
  *
  * user_data  handed to the callback as it is
+ * callback   may run before this returns
  *
- * Returns the outcome of the send; MODEM_API_ERR_INVALID_PARAM for a null callback or a payload that is too long,
- * MODEM_API_ERR_NO_MEMORY. The callback runs only when MODEM_API_SUCCESS is returned, and not once the client is freed:
- * the command's buffers (540 bytes) are then lost. */
+ * Returns the outcome of the send; also MODEM_API_ERR_INVALID_PARAM for a null callback, or MODEM_API_ERR_NO_MEMORY.
+ * The callback runs only when MODEM_API_SUCCESS is returned, and not once the client is freed. In that case, and when
+ * the send is refused, the command's buffers (540 bytes) are lost. */
 PELMAR_EXPORT modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
                                                               void* user_data, modem_api_response_cb callback);
 
@@ -229,16 +260,18 @@ PELMAR_EXPORT void modem_api_process_response(uint32_t msg_id, void* response, u
 
 /* --- events --- */
 
-/* Subscribes a vendor-specific client to event 3, 4 or 5. It has effect with the next modem_api_set_vs_event_report().
- * Returns MODEM_API_SUCCESS (also for an event that is subscribed already), MODEM_API_ERR_NOT_SUPPORTED for another
- * event, MODEM_API_ERR_NOT_INITIALIZED for a client of another type or without event callback, or
- * MODEM_API_ERR_INVALID_CLIENT for a negative id. */
+/* Subscribes a vendor-specific client, whose service need not be up, to event 3, 4 or 5. It has effect with the next
+ * modem_api_set_vs_event_report().
+ * Returns MODEM_API_SUCCESS (also for an event that is subscribed already), MODEM_API_ERR_INVALID_CLIENT for a negative
+ * id, MODEM_API_ERR_NOT_SUPPORTED for another event, or MODEM_API_ERR_NOT_INITIALIZED for any other id that names no
+ * client (10 and more included), a client of another type, or one without event callback. */
 PELMAR_EXPORT modem_api_result modem_api_add_modem_event(int32_t client_id, int32_t event);
 
-/* The reverse; MODEM_API_ERR_NO_EFFECT for an event that is not subscribed. */
+/* The reverse, with the same refusals; MODEM_API_ERR_NO_EFFECT for an event that is not subscribed. */
 PELMAR_EXPORT modem_api_result modem_api_remove_modem_event(int32_t client_id, int32_t event);
 
-/* Tells the modem which events the client subscribed. */
+/* Tells the modem which events the client subscribed. Events 3 and 4 are one switch there: a subscription of either has
+ * both reported, and what is reported is delivered. */
 PELMAR_EXPORT modem_api_result modem_api_set_vs_event_report(int32_t client_id);
 
 /* Registers a NAS client for the modem's NAS indications.
@@ -277,7 +310,8 @@ PELMAR_EXPORT modem_api_result modem_api_write_rfnv(int32_t client_id, uint32_t 
                                                     uint32_t length);
 PELMAR_EXPORT modem_api_result modem_api_delete_rfnv(int32_t client_id, uint32_t item);
 
-/* Asks the modem to write its EFS to storage. `value` and `option` are sent when mode is 0; else they go out as 0. */
+/* Asks the modem to write its EFS to storage. `mode` goes to the modem unchanged, and so do `value` and `option` when
+ * it is 0; else they go out as 0. What they mean is the modem's. */
 PELMAR_EXPORT modem_api_result modem_api_efs_sync(int32_t client_id, int8_t mode, uint32_t value, uint16_t option);
 
 /* --- radio controls --- */
@@ -288,7 +322,8 @@ PELMAR_EXPORT modem_api_result modem_api_notify_shutdown(int32_t client_id);
 /* Resets the modem (vendor-specific clients). */
 PELMAR_EXPORT modem_api_result modem_api_reset_modem(int32_t client_id);
 
-/* Sets the RF state of the SAR service (SAR clients). */
+/* Sets the RF state of the SAR service (SAR clients).
+ * state  passed to the modem unchanged; its meaning is the modem's */
 PELMAR_EXPORT modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uint32_t state);
 
 /* Reads the DRX setting of subscription 0 (MODEM_API_CLIENT_NAS_0).
@@ -296,7 +331,8 @@ PELMAR_EXPORT modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uin
  * valid  out: 1 when the modem gave a value
  * drx    out: the value
  *
- * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem answered. */
+ * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem answered, and
+ * when no answer came. */
 PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* valid, uint32_t* drx);
 
 /* Reads where a subscription is camped. All outputs must be there; what the modem does not report reads 0.
@@ -310,7 +346,8 @@ PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* val
  * nr_arfcn_valid        out: 1 when nr_arfcn is reported
  * nr_arfcn              out: NR ARFCN
  *
- * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_GENERIC when the modem answered with a failure. */
+ * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_GENERIC when the modem answered with a failure. Returns MODEM_API_SUCCESS
+ * also when no answer came in time, or none that could be decoded; everything then reads 0. */
 PELMAR_EXPORT modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_t* intra_pci,
                                                        uint16_t* inter_earfcn, uint16_t* inter_pci,
                                                        uint8_t* timing_advance_valid, uint32_t* timing_advance,
@@ -320,16 +357,23 @@ enum { MODEM_API_MAX_LOCKED_CELLS = 60 };
 
 /* Locks LTE to a list of cells; an empty list ends the lock.
  *
+ * sub     as in modem_api_get_cell_info()
  * count   0 to 60: more is a programming error
  * values  `count` physical cell ids; the low 16 bits go out
  * params  `count` frequencies (EARFCN) */
 PELMAR_EXPORT modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count,
                                                            const uint32_t* values, const uint32_t* params);
 
-/* Switches TRM avoidance. */
+/* Switches TRM avoidance (the transmit resource manager).
+ *
+ * sub    as in modem_api_get_cell_info()
+ * value  0: off, 1: on; passed to the modem unchanged */
 PELMAR_EXPORT modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_t sub, uint8_t value);
 
-/* Disables NR: mode 1 or 2; any other goes out as 0 (NR enabled). */
+/* Disables NR, or enables it.
+ *
+ * sub   as in modem_api_get_cell_info()
+ * mode  1 or 2: disabled; what sets the two apart is the modem's. Any other goes out as 0: enabled */
 PELMAR_EXPORT modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode);
 
 #ifdef __cplusplus

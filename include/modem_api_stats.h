@@ -24,8 +24,8 @@ enum {
 
 /* One statistics value. */
 typedef struct stats_para_entry {
-  uint32_t sub;
-  uint32_t id;
+  uint32_t sub;       /* low 16 bits: the subscription, high ones: the modem's own. Returned only */
+  uint32_t id;        /* statistics identifier */
   uint32_t value_len; /* bytes, at most 700 */
   uint8_t value[MODEM_API_STATS_VALUE_BYTES];
 } stats_para_entry;
@@ -35,7 +35,7 @@ typedef struct stats_para_data {
   stats_para_entry entries[MODEM_API_STATS_ENTRIES];
 } stats_para_data;
 
-/* One statistics registration. */
+/* One statistics registration. What follows the identifier goes to the modem as it is; its meaning is the modem's. */
 typedef struct modem_api_stats_registration {
   uint32_t id;
   uint32_t para_num; /* at most 5; more are cut */
@@ -47,13 +47,15 @@ typedef struct modem_api_stats_registration {
 
 /* Reads the status of a modem feature.
  *
+ * feature    its number at the modem; 2: the statistics
  * enabled    out: 0 or 1; null answers MODEM_API_ERR_INVALID_PARAM (5)
- * effective  out: 0 or 1; must be there */
+ * effective  out: 0 or 1; may be null */
 PELMAR_EXPORT int32_t modem_api_get_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t* enabled,
                                                          uint8_t* effective);
 
 /* Sets the status of a modem feature.
  *
+ * feature       its number at the modem; 2: the statistics
  * enable        0 or 1
  * option_valid  whether `option` is sent
  * option        0 or 1 */
@@ -72,8 +74,9 @@ PELMAR_EXPORT int32_t modem_api_set_modem_stats_report_status(int32_t client_id,
 
 /* Registers statistics for reporting. The options go out when their valid byte is not 0.
  *
- * records       never null
- * record_count  1 and more; what is above 100 is cut
+ * stats_client_id  the granted id
+ * records          `record_count` of them
+ * record_count     1 and more; what is above 100 is cut
  *
  * Returns MODEM_API_ERR_INVALID_PARAM (5) for null records or none. */
 PELMAR_EXPORT int32_t modem_api_register_modem_stats_data(int32_t client_id, uint32_t stats_client_id,
@@ -82,7 +85,12 @@ PELMAR_EXPORT int32_t modem_api_register_modem_stats_data(int32_t client_id, uin
                                                           const modem_api_stats_registration* records,
                                                           uint32_t record_count);
 
-/* The reverse, by statistics identifier. */
+/* The reverse, by statistics identifier.
+ *
+ * ids       `id_count` of them
+ * id_count  1 and more; what is above 100 is cut
+ *
+ * Returns MODEM_API_ERR_INVALID_PARAM (5) for null ids or none. */
 PELMAR_EXPORT int32_t modem_api_deregister_modem_stats_data(int32_t client_id, uint32_t stats_client_id,
                                                             uint8_t option1_valid, uint16_t option1,
                                                             uint8_t option2_valid, uint16_t option2,
@@ -101,8 +109,9 @@ PELMAR_EXPORT int32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t 
 
 /* Clears up to ten statistics values.
  *
- * id_count  1 to 10
- * ids       never null
+ * sub, slot  as in modem_api_get_stats_parameter()
+ * id_count   1 to 10
+ * ids        `id_count` statistics identifiers
  *
  * Returns MODEM_API_ERR_INVALID_PARAM (5) for another count or null ids. */
 PELMAR_EXPORT int32_t modem_api_clear_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot, int32_t id_count,

@@ -14,7 +14,8 @@
  * that opens hydra for the seconds of the connection as well. Everything else is called by one thread at a time.
  *
  * Results: yes/no answers are 1 and 0. While hydra is closed, commands do nothing and answer 0 (MODEM_API_SUCCESS); ask
- * modem_hydra_api_is_inited() where the difference matters.
+ * modem_hydra_api_is_inited() where the difference matters. The registrations also do so while no statistics client id
+ * was ever granted: ask modem_hydra_stats_client_is_inited().
  */
 #ifndef MODEM_HYDRA_H
 #define MODEM_HYDRA_H
@@ -32,7 +33,13 @@ extern "C" {
 /* --- hydra's client --- */
 
 /* Opens hydra, after closing it if it was open. Blocks for up to about ten seconds while the service is absent.
- * The callbacks are those of modem_api_init_client(); without them, events and notices are only logged.
+ *
+ * event_cb   as in modem_api_init_client(). Where it is null, modem_hydra_stats_id_alloc() cannot subscribe to events
+ *            and gets no id
+ * status_cb  as in modem_api_init_client()
+ *
+ * modem_hydra_api_init() has callbacks of its own, which only log.
+ *
  * Returns 1 when hydra is open, else 0. */
 PELMAR_EXPORT uint8_t modem_hydra_api_init(void);
 PELMAR_EXPORT uint8_t modem_hydra_api_init_ex(modem_api_event_cb event_cb, modem_api_status_cb status_cb);
@@ -58,13 +65,17 @@ PELMAR_EXPORT uint8_t modem_hydra_stats_stop(void);
 PELMAR_EXPORT uint8_t modem_hydra_stats_client_is_inited(void);
 
 /* Gives a held id back, subscribes to events 3 and 4, switches reporting on and keeps the id that the modem grants.
- * Returns 1 always: ask modem_hydra_stats_client_is_inited(). */
+ * Returns 1 always. Whether an id was granted tells modem_hydra_stats_client_is_inited(), before the first grant alone:
+ * an earlier id stays where a new one is refused. */
 PELMAR_EXPORT uint8_t modem_hydra_stats_id_alloc(void);
 
 /* Unsubscribes and gives the id back to the modem. */
 PELMAR_EXPORT void modem_hydra_stats_id_free(void);
 
-/* --- statistics commands with hydra's ids; parameters and results of the modem_api_* commands of these names --- */
+/* --- statistics commands with hydra's ids ---
+ *
+ * Parameters and results are those of the modem_api_* commands of these names. The first two do nothing and answer 0,
+ * open or not, as long as the modem has never granted a statistics client id. */
 
 PELMAR_EXPORT modem_api_result modem_hydra_register_modem_stats_data(uint8_t option1_valid, uint16_t option1,
                                                                      uint8_t option2_valid, uint16_t option2,
@@ -86,7 +97,7 @@ PELMAR_EXPORT modem_api_result modem_hydra_clear_stats_parameter(uint16_t sub, u
  *
  * Returns 1 when every field was there. On 0 after a value that was too short, the fields that it had are filled.
  *
- * Levels (RSRP, RSRQ, RSSI, SNR, receive gain), path losses and power limits are the modem's 32-bit words, copied bit
+ * Levels (RSRP, RSRQ, RSSI, SNR, receive gain), path losses, powers and their limits are the modem's words, copied bit
  * for bit: their unit is that of the modem's version of the value (`version`). Suffixes count receive chains or
  * antennas. */
 
@@ -232,9 +243,10 @@ PELMAR_EXPORT uint32_t modem_sys_mode_get(uint32_t sub);
 
 /* --- transmit power ---
  *
- * A signed number in the unit of the modem's uplink power values. MODEM_TX_POWER_NONE: there is none, that is the
- * subscription is on neither LTE nor NR, the value cannot be read, or it is no number that fits. The mode and the power
- * are two readings: the mode may change in between. */
+ * In the unit of the modem's uplink power values. Compare with MODEM_TX_POWER_NONE first, then cast to int32_t: the
+ * number is signed. MODEM_TX_POWER_NONE: there is none, that is the subscription is on neither LTE nor NR, the value
+ * cannot be read, or it is no number that fits. The mode and the power are two readings: the mode may change in
+ * between. */
 
 #define MODEM_TX_POWER_NONE UINT32_C(65535)
 

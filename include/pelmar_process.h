@@ -38,6 +38,8 @@ PELMAR_EXPORT uint32_t pelmar_get_qcril_process_instance_id(void);
 #ifdef __cplusplus
 }
 
+/* --- C++ linkage: for C++ callers alone --- */
+
 /* The same as pelmar_get_current_pid_name(), from the status file, which has at most 15 characters of the name. It is
  * then the name that all of these operations and the log lines give, until another of them reads it for the first
  * time. */

@@ -63,7 +63,7 @@ PELMAR_EXPORT bool pelmar_is_root_version(void);    /* ro.debuggable is "1" */
 PELMAR_EXPORT bool pelmar_is_mp_version(void);      /* ro.boot.hwlevel is "MP" */
 PELMAR_EXPORT bool pelmar_is_orbo_version(void);    /* ro.orbo.build.region is set, to anything but "NULL" */
 
-/* ro.build.type is "user". The first call alone answers it; every later one answers false. */
+/* ro.build.type is "user" or unset. The first call alone answers it; every later one answers false. */
 PELMAR_EXPORT bool pelmar_is_user_version(void);
 
 /* ro.vendor.radio.build_profile contains "native", "factory". */
@@ -83,6 +83,7 @@ PELMAR_EXPORT int32_t pelmar_build_type_get(void);
 PELMAR_EXPORT int32_t pelmar_get_pelmar_manufacturer_id(void);
 PELMAR_EXPORT int32_t pelmar_get_pelmar_device_type(void);
 
+/* Writes ro.vendor.radio.manufacturer_id, as pelmar_set_property_value_to_int() does. */
 PELMAR_EXPORT void pelmar_set_pelmar_manufacturer_id(int32_t id);
 
 /* --- device and region --- */
@@ -102,12 +103,13 @@ PELMAR_EXPORT bool pelmar_vendor_build_region_is_cfged(void);
 
 /* --- lists ---
  * `count` elements at `list`. A null list, a null string and a count of 0 are logged as errors and answer false; so is
- * every miss. */
+ * every miss. Null entries are skipped. */
 
 /* Whether an entry of the list occurs anywhere in `str`; an empty entry occurs in every string. */
 PELMAR_EXPORT bool pelmar_string_list_contain(const char* const* list, uint32_t count, const char* str);
 
-/* The same test for the device name and the build region; "all_product" and "all_region" stand for all of them. */
+/* The same test for the device name and the build region, and before it for "all_product" and "all_region": an entry
+ * that is such a word, or any part of one ("all"), is found on every device. */
 PELMAR_EXPORT bool pelmar_device_name_list_contain(const char* const* list, uint32_t count);
 PELMAR_EXPORT bool pelmar_build_region_list_contain(const char* const* list, uint32_t count);
 

@@ -30,12 +30,14 @@ PELMAR_EXPORT int32_t pelmar_get_modem_ssr_type(void);
 
 /* Switches the restart type.
  * type  MODEM_RESTART_LEVEL_ID_DEF, _SSR or _DUMP
- * Returns 1 when the level was written; 0 when it was in force already, no level is saved, or for another type. */
+ * Returns 1 when the level was written; 0 when it was in force already, for MODEM_RESTART_LEVEL_ID_DEF while no level
+ * is saved, and for another type. */
 PELMAR_EXPORT int32_t pelmar_set_modem_ssr_type(int32_t type);
 
-/* Copies the text of the level in force, "CONFIG_EMPTY" where there is none or no room was named.
+/* Copies the text of the level in force, "CONFIG_EMPTY" where there is none or no room was named. A null argument is
+ * logged, and nothing is copied.
  *
- * name        out: not terminated. At least PELMAR_SSR_NAME_MIN_BYTES, whatever *in_out_len says; zero it first
+ * name        out: not terminated; zero it first. *in_out_len bytes, but at least PELMAR_SSR_NAME_MIN_BYTES
  * in_out_len  in: the most bytes of the level to copy; not updated */
 PELMAR_EXPORT void pelmar_get_modem_ssr_type_name(char* name, uint32_t* in_out_len);
 

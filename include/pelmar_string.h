@@ -89,6 +89,8 @@ PELMAR_EXPORT void pelmar_mem_free(void** p);
 #ifdef __cplusplus
 }
 
+/* --- C++ linkage: for C++ callers alone --- */
+
 /* Logs a string as a whole and then a line for each of its characters. */
 PELMAR_EXPORT void pelmar_str_print(char* str);
 #endif

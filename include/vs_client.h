@@ -45,8 +45,8 @@ PELMAR_EXPORT qmi_idl_service_object_type vs_init(void);
 
 PELMAR_EXPORT void vs_client_set_operational_status_callback(modem_api_operational_status_fn callback);
 
-/* Connects: up to ten attempts one second apart. True on success; a second connection needs no release after a failure,
- * and vs_init() after a release. */
+/* Connects: up to ten attempts one second apart. True on success. After a failure it may be called again; after a
+ * release, vs_init() comes first. */
 PELMAR_EXPORT bool vs_client_init(modem_api_event_cb event_cb);
 
 /* Releases the connection and clears the context. True always. */
