@@ -17,7 +17,7 @@ class ModemChoice {
   bool is_own() const { return !storage_.empty(); }
   const std::string& storage() const { return storage_; }  // of the own modem
 
-  // Who serves the socket: empty when somebody does, else why nobody can be reached.
+  // Why nobody can be reached; empty when somebody serves the socket.
   std::string problem() const;
 
  private:

@@ -72,8 +72,8 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
   }
 }
 
-// A wait that begins now may be left to the socket itself, which remembers its time-out from send to send: one system
-// call instead of two for the usual answer. Later waits for the same answer are shorter and poll.
+// A wait that begins now may be left to the socket itself, which remembers its time-out from one receive to the next:
+// one system call instead of two for the usual answer. Later waits for the same answer are shorter and poll.
 bool SocketStream::blocks_for(const Deadline& deadline) {
   if (!deadline.is_none() && (deadline.total().count() == 0 || deadline.remaining() != deadline.total())) return false;
   if (receive_timeout_ == deadline.total()) return true;
