@@ -207,17 +207,17 @@ TEST_F(RestartTest, TwoHundredRestartsUnderTwoSenders) {
 
   EXPECT_EQ(strange_results, 0);
   EXPECT_LT(longest_ms, 30'000);
+  // The last of the losses may come late, when what was reported last is the return before it.
+  EXPECT_TRUE(sim::test::comes_true(
+      [&] { return set_state(1) == MODEM_API_SUCCESS && avoid_trm(0) == MODEM_API_SUCCESS && client_ids() == 3; }));
   for (uint32_t type = MODEM_API_CLIENT_SAR; type <= MODEM_API_CLIENT_NAS_1; ++type) {
+    EXPECT_TRUE(sim::test::comes_true([&] { return Statuses::of(type).size() % 4 == 0; })) << "type " << type;
     const std::vector<uint32_t> statuses = Statuses::of(type);
-    ASSERT_EQ(statuses.size() % 4, 0u) << "type " << type;
     for (size_t i = 0; i < statuses.size(); ++i) {
       const uint32_t expected[] = {4, 5, 6, 3};
       ASSERT_EQ(statuses[i], expected[i % 4]) << "type " << type << ", status " << i;
     }
   }
-  EXPECT_EQ(set_state(1), MODEM_API_SUCCESS);
-  EXPECT_EQ(avoid_trm(0), MODEM_API_SUCCESS);
-  EXPECT_EQ(client_ids(), 3u);
 }
 
 TEST_F(RestartTest, AClientFreedWhileItsServiceIsAwayHoldsNothing) {
