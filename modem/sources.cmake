@@ -1,4 +1,4 @@
-# The library's sources, relative to modem/; Android.bp lists the same.
+# The library's sources, relative to modem/; Android.bp at the root lists the same.
 set(PELMAR_VS_SERVICE_SOURCES
   hal/hydra/modem_api/vs/vs_service_object.cpp
 )

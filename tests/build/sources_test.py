@@ -1,18 +1,41 @@
-"""Compares the library's sources as they lie in modem/ with the lists that CMake and the phone's build compile.
+"""Compares the library's sources as they lie in modem/ with the lists that CMake and the phone's build compile, and
+checks that the phone's build reaches every header of its own: platform/include, which stands for the phone's headers,
+is not among its directories.
 
-usage: sources_test.py MODEM_DIRECTORY
+usage: sources_test.py PROJECT_DIRECTORY
 """
 import pathlib
 import re
 import sys
 
-modem = pathlib.Path(sys.argv[1])
-present = sorted(str(path.relative_to(modem)) for path in modem.rglob("*.cpp"))
-android = re.search(r"srcs: \[(.*?)\]", (modem / "Android.bp").read_text(), re.S)[1]
-lists = {
-    "sources.cmake": sorted(re.findall(r"^  (\S+\.cpp)$", (modem / "sources.cmake").read_text(), re.M)),
-    "Android.bp": re.findall(r'"(\S+)"', android),
-}
-for name, listed in lists.items():
-    if listed != present:
-        sys.exit(f"{name} is not the sorted list of sources: {sorted(set(listed) ^ set(present)) or 'wrong order'}")
+root = pathlib.Path(sys.argv[1])
+android = (root / "Android.bp").read_text()
+
+
+def android_list(name):
+    return re.findall(r'"(\S+?)"', re.search(rf"\b{name}: \[(.*?)\]", android, re.S)[1])
+
+
+def check_sources():
+    present = sorted(str(path.relative_to(root)) for path in (root / "modem").rglob("*.cpp"))
+    cmake = re.findall(r"^  (\S+\.cpp)$", (root / "modem/sources.cmake").read_text(), re.M)
+    for name, listed in {"sources.cmake": sorted(f"modem/{source}" for source in cmake),
+                         "Android.bp": android_list("srcs")}.items():
+        if listed != present:
+            yield f"{name} is not the sorted list of sources: {sorted(set(listed) ^ set(present)) or 'wrong order'}"
+
+
+def check_includes():
+    directories = [root / path for path in android_list("local_include_dirs") + android_list("export_include_dirs")]
+    yield from (f"Android.bp names no directory of the tree: {path}" for path in directories if not path.is_dir())
+    own = {str(path.relative_to(directory)) for directory in directories for path in directory.rglob("*.h")}
+    phone = {str(path.relative_to(root / "platform/include")) for path in (root / "platform/include").rglob("*.h")}
+    yield from (f"both ours and the phone's: {header}" for header in own & phone)
+    files = {root / source for source in android_list("srcs")} | {path for d in directories for path in d.rglob("*.h")}
+    for file in sorted(files):
+        for header in re.findall(r'^\s*#\s*include "([^"]+)"', file.read_text(), re.M):
+            if header not in own | phone:
+                yield f"{file.relative_to(root)} includes {header}, which Android.bp does not reach"
+
+
+sys.exit("\n".join([*check_sources(), *check_includes()]) or 0)
