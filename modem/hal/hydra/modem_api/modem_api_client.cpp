@@ -1,11 +1,13 @@
 // Setting the library up, opening and freeing clients, and relaying the state of their connections.
 #include <unistd.h>
 
+#include <mutex>
 #include <new>
 
 #include "modem_api_command.h"
 #include "modem_api_table.h"
 #include "nas_client.h"
+#include "pelmar_lock.h"
 #include "pelmar_log_site.h"
 #include "sar_client.h"
 #include "vs_client.h"
@@ -31,16 +33,8 @@ constexpr ClientType kClientTypes[MODEM_API_CLIENT_TYPES] = {
     {nas_1_client_set_operational_status_callback, nas_1_client_init, nas_1_client_release, 1, "nas 0", "nas"},
 };
 
-int32_t g_init_count = 0;  // never above 1
-pthread_mutex_t g_init_lock = PTHREAD_MUTEX_INITIALIZER;
-
-class InitLock {
- public:
-  InitLock() { pthread_mutex_lock(&g_init_lock); }
-  ~InitLock() { pthread_mutex_unlock(&g_init_lock); }
-  InitLock(const InitLock&) = delete;
-  InitLock& operator=(const InitLock&) = delete;
-};
+constinit Lock g_init_lock;
+int32_t g_init_count = 0;  // never above 1; guarded by the init lock
 
 // The table lock is initialised statically: clearing the table needs nothing of it.
 void clear_table() {
@@ -53,7 +47,7 @@ modem_api_result init() {
     return MODEM_API_ERR_NOT_INITIALIZED;
   }
   {
-    InitLock lock;
+    const std::lock_guard lock(g_init_lock);
     if (g_init_count == 0) {
       clear_table();
       g_init_count = 1;
@@ -69,7 +63,7 @@ modem_api_result init() {
 
 // Neither frees records nor releases connections: deliberately shallow.
 modem_api_result release() {
-  InitLock lock;
+  const std::lock_guard lock(g_init_lock);
   if (g_init_count >= 1) {
     clear_table();
     --g_init_count;
@@ -90,7 +84,7 @@ modem_api_result refuse_second_client(modem_api_client_type type, operational_st
 
 // Puts a new record into the first empty slot, unless a client of its type is there.
 modem_api_result add_record(TracedPtr<modem_api_client> record, int32_t* client_id) {
-  TableLock lock;
+  const std::lock_guard lock(g_client_table.lock);
   for (ClientSlot& slot : g_client_table.slots) {
     const PinnedClient other(slot);
     if (!other || other->type != record->type) continue;
@@ -136,7 +130,7 @@ modem_api_result init_client(modem_api_client_type type, modem_api_event_cb even
   const ClientType& row = kClientTypes[type];
   row.set_status_callback(modem_api_operational_status_cb);
   if (!row.init(event_cb)) {
-    TableLock lock;
+    const std::lock_guard lock(g_client_table.lock);
     ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
     if (modem_api_client* const failed = slot.claim()) slot.remove(failed);
     return MODEM_API_ERR_GENERIC;
@@ -157,7 +151,7 @@ modem_api_result free_client(int32_t client_id) {
   }
   modem_api_client* record;
   {
-    TableLock lock;
+    const std::lock_guard lock(g_client_table.lock);
     record = slot->claim();
   }
   if (record == nullptr) {
@@ -166,7 +160,7 @@ modem_api_result free_client(int32_t client_id) {
   }
   // Not under the table lock: callbacks that the release waits for may need it.
   if (record->type < MODEM_API_CLIENT_TYPES) kClientTypes[record->type].release();
-  TableLock lock;
+  const std::lock_guard lock(g_client_table.lock);
   slot->remove(record);
   return MODEM_API_SUCCESS;
 }

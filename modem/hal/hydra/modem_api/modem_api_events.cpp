@@ -2,6 +2,8 @@
 //
 // A subscription changes nothing at the modem until modem_api_set_vs_event_report() tells it; what the modem reports is
 // delivered whatever the subscriptions say.
+#include <mutex>
+
 #include "modem_api_command.h"
 #include "nas_client.h"
 #include "nas_requests.h"
@@ -29,7 +31,7 @@ modem_api_result remove(const char* function, std::atomic<uint8_t>& flag) {
 modem_api_result edit_subscription(const char* function, int32_t client_id, int32_t event,
                                    modem_api_result (*edit)(const char* function, std::atomic<uint8_t>& flag)) {
   if (client_id < 0) return MODEM_API_ERR_INVALID_CLIENT;
-  TableLock lock;
+  const std::lock_guard lock(g_client_table.lock);
   if (event < kFirstSubscribable || event > kLastSubscribable) {
     PELMAR_LOG_ERROR_AS(function, "modem event %d not supported", event);
     return MODEM_API_ERR_NOT_SUPPORTED;

@@ -9,14 +9,13 @@
 // record.
 #pragma once
 
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 #include "modem_api.h"
+#include "pelmar_lock.h"
 #include "traced_ptr.h"
 
 namespace pelmar {
@@ -76,7 +75,7 @@ class PinnedClient {
 
 struct ClientTable {
   std::array<ClientSlot, MODEM_API_MAX_CLIENTS> slots;
-  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // the table lock: freeing clients, editing their event flags
+  Lock lock;  // the table lock: adding and freeing clients, editing their event flags
 
   // The slot of a client id, or null for an id that names none.
   ClientSlot* slot_of(int32_t client_id) {
@@ -85,14 +84,6 @@ struct ClientTable {
 };
 
 extern ClientTable g_client_table;
-
-class TableLock {
- public:
-  TableLock() { pthread_mutex_lock(&g_client_table.lock); }
-  ~TableLock() { pthread_mutex_unlock(&g_client_table.lock); }
-  TableLock(const TableLock&) = delete;
-  TableLock& operator=(const TableLock&) = delete;
-};
 
 // Whether an id names a client of a type whose service is up: what every command asks first.
 bool is_ready(int32_t client_id, modem_api_client_type type);
