@@ -47,8 +47,14 @@ void format_path(Line& path, int32_t id, const char* file) {
   std::snprintf(path, sizeof(path), "/proc/%d/%s", id, file);
 }
 
-bool read_first_line(FILE* file, Line& line) {
-  return std::fgets(line, kLineLimit + 1, file) != nullptr;
+enum class FirstLine { kNoFile, kEmpty, kRead };
+
+FirstLine read_first_line(const char* path, Line& line) {
+  FILE* const file = std::fopen(path, "re");
+  if (file == nullptr) return FirstLine::kNoFile;
+  const bool read = std::fgets(line, kLineLimit + 1, file) != nullptr;
+  std::fclose(file);
+  return read ? FirstLine::kRead : FirstLine::kEmpty;
 }
 
 void copy(Name& out, const char* text) {
@@ -59,17 +65,11 @@ void copy(Name& out, const char* text) {
 bool read_name_from_command_line(Name& out) {
   Line path;
   format_path(path, getpid(), "cmdline");
-  FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) {
-    pelmar_utils_syslog_err("fopen fail");
-    return false;
-  }
   Line line = {};
-  if (!read_first_line(file, line)) {
-    pelmar_utils_syslog_err("pelmar_get_current_pid_name, fgets fail");
-    std::fclose(file);
-    return false;
-  }
+  const FirstLine outcome = read_first_line(path, line);
+  if (outcome == FirstLine::kNoFile) pelmar_utils_syslog_err("fopen fail");
+  if (outcome == FirstLine::kEmpty) pelmar_utils_syslog_err("pelmar_get_current_pid_name, fgets fail");
+  if (outcome != FirstLine::kRead) return false;
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, proc_pid_buf = %s", line);
   const char* const slash = std::strrchr(line, '/');
   if (slash == nullptr) {
@@ -78,7 +78,6 @@ bool read_name_from_command_line(Name& out) {
   copy(out, slash != nullptr ? slash + 1 : line);
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, str_pid_name: %s", slash != nullptr ? slash : line);
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, g_pid_info.p_name = %s", out);
-  std::fclose(file);
   return true;
 }
 
@@ -86,56 +85,56 @@ bool read_name_from_command_line(Name& out) {
 bool read_name_from_status(Name& out) {
   Line path;
   format_path(path, getpid(), "status");
-  FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) {
-    pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fopen fail");
-    return false;
-  }
   Line line = {};
-  if (!read_first_line(file, line)) {
-    pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fgets fail");
-    std::fclose(file);
-    return false;
-  }
+  const FirstLine outcome = read_first_line(path, line);
+  if (outcome == FirstLine::kNoFile) pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fopen fail");
+  if (outcome == FirstLine::kEmpty) pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fgets fail");
+  if (outcome != FirstLine::kRead) return false;
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name_ex, proc_pid_buf = %s", line);
   copy(out, line + kStatusNameAt);
   pelmar_str_trim(out, kNameBytes - 1);
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name_ex, g_pid_info.p_name = %s", out);
-  std::fclose(file);
   return true;
 }
 
+// Whose record is read. The name in the process's own record is the published one: empty as soon as reading begins.
+enum class Record { kOfCaller, kOwn };
+
 // The function's name stands in its log lines.
-void pelmar_get_name_by_pid(pelmar_pid_info& info) {
+void pelmar_get_name_by_pid(pelmar_pid_info& info, Record record) {
   Line path;
   format_path(path, info.p_id, "cmdline");
   PELMAR_LOG_DEBUG("proc_pid_path: %s", path);
-  FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) {
-    PELMAR_LOG_ERROR("fopen fail");
-    return;
-  }
   Line line = {};
-  if (!read_first_line(file, line)) {
-    PELMAR_LOG_ERROR("fgets fail");
-    std::fclose(file);
-    return;
-  }
+  const FirstLine outcome = read_first_line(path, line);
+  if (outcome == FirstLine::kNoFile) PELMAR_LOG_ERROR("fopen fail");
+  if (outcome == FirstLine::kEmpty) PELMAR_LOG_ERROR("fgets fail");
+  if (outcome != FirstLine::kRead) return;
   PELMAR_LOG_DEBUG("proc_pid_buf: %s", line);
   const char* const slash = std::strrchr(line, '/');
   if (slash == nullptr) PELMAR_LOG_DEBUG("proc_pid_buf should be name");
   copy(info.p_name, slash != nullptr ? slash + 1 : line);
-  if (&info == &g_pid_info) publish(info.p_name);
+  if (record == Record::kOwn) publish(info.p_name);
   PELMAR_LOG_DEBUG("str_pid_name: %s", slash != nullptr ? slash : line);
   PELMAR_LOG_DEBUG("p_pid_info->p_name: %s", info.p_name);
   PELMAR_LOG_DEBUG("close fp");
-  std::fclose(file);
 }
 
-// The process's own record: its name is the published one, empty from here until it is read again.
+void read_info(pelmar_pid_info& info, Record record) {
+  if (record == Record::kOwn) publish("");
+  info = {.p_id = getpid(), .p_name = {}};
+  if (record == Record::kOwn) g_id.store(info.p_id, std::memory_order_relaxed);
+  pelmar_get_name_by_pid(info, record);
+  PELMAR_LOG_DEBUG_AS("pelmar_get_current_pid_info", "p_id: %d, p_name: %s", info.p_id, info.p_name);
+}
+
 void fill_own_record() {
   static std::atomic<bool> asked{false};
-  if (first(asked)) pelmar_get_current_pid_info(&g_pid_info);
+  if (!first(asked)) return;
+  constexpr const char* kFunction = "pelmar_get_current_pid_info";
+  PELMAR_LOG_ENTRY_AS(kFunction);
+  read_info(g_pid_info, Record::kOwn);
+  PELMAR_LOG_EXIT_AS(kFunction);
 }
 
 // Whether the entry of /proc is the process to be found. Its first line is read, but what is compared is a candidate
@@ -144,22 +143,17 @@ bool is_task(const char* entry_name, const char* task_name) {
   constexpr const char* kFunction = "pelmar_get_pid_by_name";
   Line path;
   if (std::snprintf(path, sizeof(path), "/proc/%s/status", entry_name) >= static_cast<int>(sizeof(path))) return false;
-  FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) return false;
   Line line = {};
+  if (read_first_line(path, line) != FirstLine::kRead) return false;
   const char* const candidate = "";
-  bool same = false;
-  if (read_first_line(file, line)) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "proc_pid_buf: %s", line);
-    PELMAR_LOG_DEBUG_AS(kFunction, "task_name_tmp: %s, task_name: %s", candidate, task_name);
-    same = std::strcmp(task_name, candidate) == 0;
-    if (same) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "pid: %d", std::atoi(entry_name));
-    } else {
-      PELMAR_LOG_DEBUG_AS(kFunction, "continue, task_name is not same with task_name_tmp");
-    }
+  PELMAR_LOG_DEBUG_AS(kFunction, "proc_pid_buf: %s", line);
+  PELMAR_LOG_DEBUG_AS(kFunction, "task_name_tmp: %s, task_name: %s", candidate, task_name);
+  const bool same = std::strcmp(task_name, candidate) == 0;
+  if (same) {
+    PELMAR_LOG_DEBUG_AS(kFunction, "pid: %d", std::atoi(entry_name));
+  } else {
+    PELMAR_LOG_DEBUG_AS(kFunction, "continue, task_name is not same with task_name_tmp");
   }
-  std::fclose(file);
   return same;
 }
 
@@ -186,11 +180,7 @@ void pelmar_get_current_pid_info(pelmar_pid_info* info) {
   if (info == nullptr) {
     PELMAR_LOG_ERROR("p_pid_info is NULL");
   } else {
-    if (info == &g_pid_info) publish("");
-    *info = {.p_id = getpid(), .p_name = {}};
-    if (info == &g_pid_info) g_id.store(info->p_id, std::memory_order_relaxed);
-    pelmar_get_name_by_pid(*info);
-    PELMAR_LOG_DEBUG("p_id: %d, p_name: %s", info->p_id, info->p_name);
+    read_info(*info, Record::kOfCaller);
   }
   PELMAR_LOG_EXIT();
 }
