@@ -22,11 +22,8 @@ int32_t modem_api_check_white_list() {
   PELMAR_LOG_ENTRY();
   const char* const name = pelmar_utils_get_pid_name();
   const int32_t passes = is_listed(name) ? 1 : 0;
-  if (passes != 0) {
-    PELMAR_LOG_DEBUG("check pass, p_id: %d, p_name: %s", pelmar_utils_get_pid_number(), name);
-  } else {
-    PELMAR_LOG_DEBUG("check fail, p_id: %d, p_name: %s", pelmar_utils_get_pid_number(), name);
-  }
+  const char* const outcome = passes != 0 ? "pass" : "fail";
+  PELMAR_LOG_DEBUG("check %s, p_id: %d, p_name: %s", outcome, pelmar_utils_get_pid_number(), name);
   PELMAR_LOG_EXIT_RET(passes);
   return passes;
 }
