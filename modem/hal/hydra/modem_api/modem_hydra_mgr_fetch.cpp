@@ -85,13 +85,13 @@ bool is_expected(const char* function, uint32_t sub, uint32_t id, const stats_pa
 
 constinit Lock g_decoder_lock;
 
-uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id) {
+bool modem_hydra_data_get(uint32_t sub, uint32_t id) {
   g_value.length = 0;
   std::memset(g_value.bytes, 0, sizeof(g_value.bytes));
-  if (!ensure_open(__func__)) return 1;
+  if (!ensure_open(__func__)) return false;
   if (sub >= kSubscriptions) {
     PELMAR_LOG_ERROR("modem_api_get_stats_parameter, sub(%d) is invalid", static_cast<int>(sub));
-    return 1;
+    return false;
   }
   Zeroed<stats_para_data> data;
   data.para_num = 1;
@@ -103,9 +103,9 @@ uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id) {
   if (ret != MODEM_API_SUCCESS) {
     PELMAR_LOG_ERROR("Fail to get data fail, number = %d, ret = %d, sub = %d, id = %d",
                      static_cast<int>(g_value.request_no), ret, static_cast<int>(sub), static_cast<int>(id));
-    return 1;
+    return false;
   }
-  if (!is_expected(__func__, sub, id, data)) return 1;
+  if (!is_expected(__func__, sub, id, data)) return false;
   PELMAR_LOG_DEBUG("Success to get data, number = %d, sub = %d, ret id_num = %d, id = %d, data_len = %d",
                    static_cast<int>(g_value.request_no), static_cast<int>(sub), static_cast<int>(data.para_num),
                    static_cast<int>(id), static_cast<int>(g_value.length));
@@ -113,7 +113,7 @@ uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id) {
   g_value.data_count = 0;
   g_value.data_left = static_cast<int32_t>(g_value.length);
   g_value.id = id;
-  return 0;
+  return true;
 }
 
 bool take_field(const char* decoder, const MetricField& field, void* record) {
@@ -122,6 +122,7 @@ bool take_field(const char* decoder, const MetricField& field, void* record) {
                         g_value.id);
     return false;
   }
+  // Cannot happen: the count only ever grows by the widths of fields. The check and its message belong to the step.
   if (g_value.data_count < 0) {
     PELMAR_LOG_ERROR_AS(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
                         g_value.id);

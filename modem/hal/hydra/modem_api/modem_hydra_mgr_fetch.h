@@ -21,8 +21,8 @@ struct MetricField {
 };
 
 // Fetches the value of a statistics identifier and sets the cursor to its start; opens hydra when it is closed.
-// Returns 0, or 1 for a failure, which is logged.
-uint8_t modem_hydra_data_get(uint32_t sub, uint32_t id);
+// False for a failure, which is logged.
+bool modem_hydra_data_get(uint32_t sub, uint32_t id);
 
 // Takes the next field off the fetched value. False when the value is used up, which is logged under `decoder`.
 bool take_field(const char* decoder, const MetricField& field, void* record);

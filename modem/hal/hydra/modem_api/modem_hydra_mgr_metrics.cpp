@@ -18,7 +18,7 @@ uint32_t address_of(const void* record) {
 }
 
 bool fetch(const char* decoder, uint32_t sub, uint32_t id) {
-  if (modem_hydra_data_get(sub, id) == 0) return true;
+  if (modem_hydra_data_get(sub, id)) return true;
   PELMAR_LOG_ERROR_AS(decoder, "modem_hydra_data_get failed");
   return false;
 }
