@@ -7,7 +7,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -15,10 +14,9 @@
 #include <optional>
 #include <vector>
 
-namespace pelmar::cli {
+#include "clocks.h"
 
-using WallClock = std::chrono::system_clock;
-using Clock = std::chrono::steady_clock;
+namespace pelmar::cli {
 
 struct Arrival {
   enum class Kind { kEvent, kNotice, kResponse, kPowerStep };

@@ -8,13 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 
+#include "clocks.h"
 #include "environment.h"
 #include "failure.h"
 #include "unique_fd.h"
@@ -24,7 +24,6 @@ namespace pelmar::cli {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 constexpr const char* kProgram = "modem_sim";
 constexpr const char* kProgramVariable = "PELMAR_MODEM_SIM";

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include <system_error>
 #include <thread>
 
+#include "clocks.h"
 #include "environment.h"
 #include "failure.h"
 #include "local_socket.h"
@@ -87,9 +87,9 @@ Place make_place() {
 UniqueFd take_lock(const std::string& path) {
   UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (!lock) throw Failure::of_system("opening " + path);
-  const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+  const auto deadline = Clock::now() + kLockPatience;
   while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
+    if (Clock::now() > deadline) {
       throw Failure(kStep, "another modem_api_test is starting it and does not come to an end",
                     "End that process, which holds " + path + ".");
     }

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "inbox.h"
+#include "clocks.h"
 
 namespace pelmar::cli {
 
