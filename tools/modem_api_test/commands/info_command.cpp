@@ -3,6 +3,7 @@
 #include <iterator>
 #include <string>
 
+#include "columns.h"
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
@@ -16,18 +17,15 @@ namespace pelmar::cli {
 
 namespace {
 
-struct NoValues {};
-
 // What is told, for scripts and for people.
 struct Report {
   Json document;
   std::string text;
 
   void heading(const char* title) { text.append(title).append("\n"); }
-  void row(std::string label, const std::string& value) {
+  void row(const std::string& label, const std::string& value) {
     constexpr size_t kLabelWidth = 20;
-    label.resize(std::max(label.size(), kLabelWidth), ' ');
-    text.append("  ").append(label).append("  ").append(value).append("\n");
+    text.append("  ").append(left_aligned(label, kLabelWidth)).append("  ").append(value).append("\n");
   }
 };
 

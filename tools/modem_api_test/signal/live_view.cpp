@@ -1,8 +1,8 @@
 #include "signal/live_view.h"
 
 #include <algorithm>
-#include <cstdio>
 
+#include "columns.h"
 #include "signal/bars.h"
 #include "signal/reading_text.h"
 #include "time_text.h"
@@ -91,15 +91,6 @@ Layout layout_of(size_t columns) {
   while (layout.bar < kMostBar && left.take(kChains)) ++layout.bar;
   while (layout.history < kMostHistory && left.take(1)) ++layout.history;
   return layout;
-}
-
-std::string left_aligned(std::string text, size_t width) {
-  text.resize(std::max(text.size(), width), ' ');
-  return text;
-}
-
-std::string right_aligned(const std::string& text, size_t width) {
-  return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
 template <class Number>

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "inbox.h"
+#include "clocks.h"
 
 namespace pelmar::cli {
 
@@ -50,6 +50,21 @@ struct Carrier {
   Levels rsrq = kNoLevels;  // NR reports one for all chains: the first
   Levels rssi = kNoLevels;
   Levels snr = kNoLevels;
+};
+
+// What is measured of a carrier: its name and unit for scripts, both for people, and its place.
+struct Measure {
+  const char* word;
+  const char* unit;
+  const char* title;
+  Levels Carrier::*levels;
+};
+
+inline constexpr Measure kMeasures[] = {
+    {"rsrp", "dbm", "RSRP dBm", &Carrier::rsrp},
+    {"rsrq", "db", "RSRQ dB", &Carrier::rsrq},
+    {"rssi", "dbm", "RSSI dBm", &Carrier::rssi},
+    {"snr", "db", "SNR dB", &Carrier::snr},
 };
 
 // Antennas of a chain before and after the last switch.

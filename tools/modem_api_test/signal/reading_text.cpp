@@ -1,7 +1,6 @@
 #include "signal/reading_text.h"
 
-#include <cstdio>
-
+#include "columns.h"
 #include "json.h"
 #include "time_text.h"
 
@@ -9,39 +8,16 @@ namespace pelmar::cli {
 
 namespace {
 
-// A measure of a carrier: its name for scripts, for people, and its place.
-struct Measure {
-  const char* word;
-  const char* title;
-  Levels Carrier::*levels;
-};
-
-constexpr Measure kMeasures[] = {
-    {"rsrp", "RSRP dBm", &Carrier::rsrp},
-    {"rsrq", "RSRQ dB", &Carrier::rsrq},
-    {"rssi", "RSSI dBm", &Carrier::rssi},
-    {"snr", "SNR dB", &Carrier::snr},
-};
-
 // NR's RSSI is shown as its receive gain.
 bool is_shown(const Carrier& carrier, const Measure& measure) {
   return has_level(carrier.*measure.levels) &&
          (carrier.name.technology == Technology::kLte || measure.levels != &Carrier::rssi);
 }
 
-std::string padded(std::string text, size_t width) {
-  text.resize(std::max(text.size(), width), ' ');
-  return text;
-}
-
 // Right-aligned columns of one measure or gain.
 std::string level_columns(const Levels& levels) {
   std::string text;
-  for (const double level : levels) {
-    char column[32];
-    snprintf(column, sizeof column, " %8s", level_text(level).c_str());
-    text += column;
-  }
+  for (const double level : levels) text += ' ' + right_aligned(level_text(level), 8);
   return text;
 }
 
@@ -53,7 +29,7 @@ std::string carrier_heading(const Carrier& carrier) {
 }
 
 void append_row(std::string& text, const std::string& title, const Levels& levels) {
-  text += padded("    " + title, 16) + level_columns(levels) + "\n";
+  text += left_aligned("    " + title, 16) + level_columns(levels) + "\n";
 }
 
 void append_subscription(std::string& text, const SubscriptionReading& reading) {
@@ -159,7 +135,7 @@ std::string antennas_text(const SubscriptionReading& reading) {
 }
 
 std::string reading_text(const Reading& reading) {
-  std::string text = padded(local_text(reading.time), 16);
+  std::string text = left_aligned(local_text(reading.time), 16);
   for (size_t chain = 0; chain < kChains; ++chain) text += "      rx" + std::to_string(chain);
   text += "\n";
   for (const SubscriptionReading& sub : reading.subs) append_subscription(text, sub);
@@ -170,8 +146,8 @@ std::string reading_line(const Reading& reading) {
   std::string text;
   for (const SubscriptionReading& sub : reading.subs) {
     if (!text.empty()) text += "\n";
-    text += local_text(reading.time) + "  sub " + std::to_string(sub.sub) + "  " + padded(mode_text(sub.mode), 4);
-    text += padded(sub.tx_power ? "  tx " + std::to_string(*sub.tx_power) : "", 7);
+    text += local_text(reading.time) + "  sub " + std::to_string(sub.sub) + "  " + left_aligned(mode_text(sub.mode), 4);
+    text += left_aligned(sub.tx_power ? "  tx " + std::to_string(*sub.tx_power) : "", 7);
     for (const Technology technology : {Technology::kLte, Technology::kNr}) text += carriers_text(sub, technology);
   }
   return text;

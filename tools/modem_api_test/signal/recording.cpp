@@ -11,21 +11,8 @@ namespace pelmar::cli {
 
 namespace {
 
-struct LevelColumns {
-  const char* name;
-  const char* unit;
-  Levels Carrier::*levels;
-};
-
-constexpr LevelColumns kLevels[] = {
-    {"rsrp", "dbm", &Carrier::rsrp},
-    {"rsrq", "db", &Carrier::rsrq},
-    {"rssi", "dbm", &Carrier::rssi},
-    {"snr", "db", &Carrier::snr},
-};
-
-std::string column_name(const LevelColumns& columns, size_t chain) {
-  return std::string(columns.name) + '_' + std::to_string(chain) + "_" + columns.unit;
+std::string column_name(const Measure& measure, size_t chain) {
+  return std::string(measure.word) + '_' + std::to_string(chain) + "_" + measure.unit;
 }
 
 template <class Number>
@@ -97,9 +84,9 @@ class CsvReader {
     return require(is_number ? std::optional(value) : std::nullopt, column);
   }
 
-  Levels levels(const LevelColumns& columns) const {
+  Levels levels(const Measure& measure) const {
     Levels levels = kNoLevels;
-    for (size_t chain = 0; chain < kChains; ++chain) levels[chain] = level(column_name(columns, chain));
+    for (size_t chain = 0; chain < kChains; ++chain) levels[chain] = level(column_name(measure, chain));
     return levels;
   }
 
@@ -124,8 +111,8 @@ TrackPoint point_of(WallClock::time_point time, const Carrier& carrier) {
 
 std::string csv_header() {
   std::string line = "time,sub,mode,tx_power_dbm,carrier,channel,pci";
-  for (const LevelColumns& columns : kLevels) {
-    for (size_t chain = 0; chain < kChains; ++chain) line += ',' + column_name(columns, chain);
+  for (const Measure& measure : kMeasures) {
+    for (size_t chain = 0; chain < kChains; ++chain) line += ',' + column_name(measure, chain);
   }
   for (size_t chain = 0; chain < kChains; ++chain) line += ",rx_antenna_" + std::to_string(chain);
   return line + "\n";
@@ -137,8 +124,8 @@ std::string csv_rows(const Reading& reading) {
     for (const Carrier& carrier : sub.carriers) {
       rows += utc_text(reading.time) + ',' + std::to_string(sub.sub) + ',' + cell(sub.mode) + ',' + cell(sub.tx_power) +
               "," + word_of(carrier.name) + ',' + cell(carrier.channel) + ',' + cell(carrier.pci);
-      for (const LevelColumns& columns : kLevels) {
-        for (const double level : carrier.*columns.levels) rows += ',' + cell(level);
+      for (const Measure& measure : kMeasures) {
+        for (const double level : carrier.*measure.levels) rows += ',' + cell(level);
       }
       for (size_t chain = 0; chain < kChains; ++chain) rows += ',' + antenna_cell(sub, carrier, chain);
       rows += "\n";
@@ -165,7 +152,7 @@ void Recording::add_csv(std::istream& stream, const std::string& name) {
     const auto sub = reader.require(parse_number(reader.cell("sub"), 0, kSubscriptions - 1), "sub");
     Carrier carrier;
     carrier.name = reader.require(carrier_of_word(reader.cell("carrier")), "carrier");
-    for (const LevelColumns& columns : kLevels) carrier.*columns.levels = reader.levels(columns);
+    for (const Measure& measure : kMeasures) carrier.*measure.levels = reader.levels(measure);
     tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point_of(time, carrier));
   }
   for (auto& [key, track] : tracks_) std::stable_sort(track.begin(), track.end(), is_earlier);
