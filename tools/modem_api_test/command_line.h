@@ -23,6 +23,9 @@ struct Context {
   Signals& signals;
 };
 
+// Of a command without options.
+struct NoValues {};
+
 struct Settings {
   std::string modem;
   bool json = false;

@@ -78,6 +78,11 @@ CLI::Option* add_subscription(CLI::App& command, uint32_t& target) {
   return add_number(command, "--sub", target, "the subscription, 0 or 1", 1);
 }
 
+CLI::Option* add_subscription(CLI::App& command, std::optional<uint32_t>& target, const std::string& otherwise) {
+  return add_number(command, "--sub", "the subscription, 0 or 1 (" + otherwise + ")", 0, 1,
+                    [&target](int64_t value) { target = static_cast<uint32_t>(value); });
+}
+
 void DataInput::add_to(CLI::App& command) {
   auto* const option = command.add_option("data", words, "hexadecimal digits, or @FILE")->type_name("DATA");
   command.add_option("--text", text, "the data as text")->type_name("TEXT")->excludes(option);

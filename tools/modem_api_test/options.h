@@ -33,6 +33,10 @@ CLI::Option* add_number(CLI::App& command, const std::string& name, Number& targ
 // --sub, 0 or 1.
 CLI::Option* add_subscription(CLI::App& command, uint32_t& target);
 
+// The same for a command that may go without: `otherwise` says which subscriptions it means then.
+CLI::Option* add_subscription(CLI::App& command, std::optional<uint32_t>& target,
+                              const std::string& otherwise = "both");
+
 // Data to send: hexadecimal words, @FILE, or --text TEXT.
 struct DataInput {
   std::vector<std::string> words;

@@ -48,8 +48,6 @@ void show_cell_info(const Context& context, const CellInfoValues& values) {
 
 // --- drx ---
 
-struct NoValues {};
-
 void show_drx(const Context& context, const NoValues&) {
   uint8_t is_valid = 0;
   uint32_t drx = 0;
@@ -74,7 +72,7 @@ struct LockValues {
 
 void lock_cells(const Context& context, const LockValues& values) {
   const std::vector<Cell> cells = parse_cells(values.words);
-  const std::string what = "the LTE cell lock" + of_subscription(values.sub);
+  const std::string what = "LTE cell lock" + of_subscription(values.sub);
   if (!cells.empty()) {
     values.confirmation.require("Subscription " + std::to_string(values.sub) +
                                 " has no service where none of these cells can be received.");
@@ -90,10 +88,10 @@ void lock_cells(const Context& context, const LockValues& values) {
   const int32_t client = open_nas(context, values.sub);
   check(
       modem_api_set_lte_cell_lock(client, values.sub, static_cast<uint32_t>(cells.size()), pcis.data(), earfcns.data()),
-      (cells.empty() ? "clearing " : "setting ") + what);
+      (cells.empty() ? "clearing the " : "setting the ") + what);
   const std::string text =
       cells.empty() ? "cleared" : std::to_string(cells.size()) + (cells.size() == 1 ? " cell" : " cells");
-  context.output.print({{"sub", values.sub}, {"locked", std::move(list)}}, what.substr(4) + ": " + text);
+  context.output.print({{"sub", values.sub}, {"locked", std::move(list)}}, what + ": " + text);
 }
 
 // --- avoid-trm, nr-mode ---
@@ -144,8 +142,7 @@ void add_lock_command(CommandLine& line) {
 void add_cell_commands(CommandLine& line) {
   {
     auto [command, values] = line.add("cell-info", "show where the subscriptions are camped", show_cell_info);
-    add_number(command, "--sub", "the subscription, 0 or 1 (both)", 0, 1,
-               [&sub = values.sub](int64_t value) { sub = static_cast<uint32_t>(value); });
+    add_subscription(command, values.sub);
   }
   line.add("drx", "show the DRX setting of subscription 0", show_drx);
   add_lock_command(line);

@@ -16,10 +16,6 @@ namespace pelmar::cli {
 
 namespace {
 
-void add_optional_subscription(CLI::App& command, const char* help, std::optional<uint32_t>& target) {
-  add_number(command, "--sub", help, 0, 1, [&target](int64_t value) { target = static_cast<uint32_t>(value); });
-}
-
 std::string subscription(uint32_t sub) {
   return "subscription " + std::to_string(sub);
 }
@@ -112,12 +108,12 @@ void use_feature(const Context& context, const FeatureValues& values) {
 void add_hydra_commands(CommandLine& line) {
   {
     auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
-    add_optional_subscription(command, "the subscription, 0 or 1 (that of the default data)", values.sub);
+    add_subscription(command, values.sub, "that of the default data");
     command.add_flag("--max", values.max, "the higher one of both subscriptions")->excludes("--sub");
   }
   {
     auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
-    add_optional_subscription(command, "the subscription, 0 or 1 (both)", values.sub);
+    add_subscription(command, values.sub);
   }
   {
     auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);

@@ -128,8 +128,6 @@ size_t votes(const Count& count) {
       std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
 }
 
-struct NoValues {};
-
 void release(const Context& context, const NoValues&) {
   constexpr const char* kStep = "releasing the votes of 'power vote'";
   const std::string socket = find_manager(context);

@@ -197,8 +197,7 @@ void run_signal(const Context& context, const SignalValues& values) {
 
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
-  add_number(command, "--sub", "the subscription, 0 or 1 (both)", 0, 1,
-             [&sub = values.sub](int64_t value) { sub = static_cast<uint32_t>(value); });
+  add_subscription(command, values.sub);
   command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
   add_number(command, "--rate", "readings a second (2)", 1, kHighestRate,
              [&rate = values.rate](int64_t value) { rate = static_cast<uint32_t>(value); });

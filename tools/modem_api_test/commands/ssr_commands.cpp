@@ -30,8 +30,6 @@ constexpr RestartType kTypes[] = {
 };
 constexpr size_t kSettableTypes = 3;
 
-struct NoValues {};
-
 void get_type(const Context& context, const NoValues&) {
   const int32_t type = pelmar_get_modem_ssr_type();
   const RestartType& row = kTypes[std::clamp<int32_t>(type, 0, std::size(kTypes) - 1)];
