@@ -9,12 +9,8 @@ namespace pelmar::cli {
 
 namespace {
 
-constexpr uint32_t kVsMajor = 1;
-constexpr int32_t kVsMinor = 2;
-constexpr int32_t kVsTool = 6;
-
 qmi_idl_service_object_type vs_object() {
-  return vs_get_service_object_internal_v01(kVsMajor, kVsMinor, kVsTool);
+  return &vs_qmi_idl_service_object_v01;
 }
 
 qmi_idl_service_object_type sar_object() {
