@@ -92,8 +92,6 @@ TEST(Cells, ArePairsOfEarfcnAndPci) {
 
 TEST(Cells, InformationLeavesOutWhatIsNotReported) {
   CellInfo info;
-  EXPECT_EQ(info.json().dump(),
-            R"({"serving_frequency":{"pci":[]},"other_frequencies":[],"timing_advance":null,"nr_arfcn":null})");
   info.intra_pci = {120, 0, 7};
   info.inter_earfcn = {6300, 0, 100};
   info.inter_pci[0] = 5;
@@ -105,6 +103,17 @@ TEST(Cells, InformationLeavesOutWhatIsNotReported) {
             R"({"earfcn":100,"pci":[0,9]}],"timing_advance":null,"nr_arfcn":640000})");
   EXPECT_THAT(info.text(), HasSubstr("PCI 120, 0, 7\n"));
   EXPECT_THAT(info.text(), EndsWith("timing advance         none\n  NR                     ARFCN 640000"));
+}
+
+TEST(Cells, InformationWithoutAnyMayBeOfAModemThatDidNotAnswer) {
+  CellInfo info;
+  EXPECT_EQ(info.text(), "  no cell, or no answer");
+  EXPECT_EQ(info.json().dump(),
+            R"({"serving_frequency":{"pci":[]},"other_frequencies":[],"timing_advance":null,"nr_arfcn":null,)"
+            R"("remark":"no cell, or no answer"})");
+  info.timing_advance_valid = 1;
+  EXPECT_THAT(info.text(), HasSubstr("no cell\n")) << "that of an answer";
+  EXPECT_FALSE(info.json().contains("remark"));
 }
 
 TEST(Failure, TellsStepReasonCodeAndAdvice) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <span>
 
+#include "columns.h"
 #include "failure.h"
 #include "json.h"
 #include "options.h"
@@ -13,6 +14,7 @@ namespace {
 
 constexpr int64_t kHighestEarfcn = 262143;
 constexpr int64_t kHighestPci = 503;
+constexpr const char* kNothingReported = "no cell, or no answer";
 
 // A list ends where the zeros begin that fill it up.
 std::span<const uint16_t> reported(std::span<const uint16_t> cells) {
@@ -52,6 +54,13 @@ std::vector<Cell> parse_cells(const std::vector<std::string>& words) {
   return cells;
 }
 
+bool CellInfo::is_empty() const {
+  const auto is_zero = [](uint16_t value) { return value == 0; };
+  return std::all_of(intra_pci.begin(), intra_pci.end(), is_zero) &&
+         std::all_of(inter_earfcn.begin(), inter_earfcn.end(), is_zero) &&
+         std::all_of(inter_pci.begin(), inter_pci.end(), is_zero) && timing_advance_valid == 0 && nr_arfcn_valid == 0;
+}
+
 Json CellInfo::json() const {
   Json others = Json::array();
   for (size_t i = 0; i < kFrequencies; ++i) {
@@ -61,18 +70,19 @@ Json CellInfo::json() const {
   Json object = {{"serving_frequency", {{"pci", reported(intra_pci)}}}, {"other_frequencies", std::move(others)}};
   object["timing_advance"] = timing_advance_valid != 0 ? Json(timing_advance) : Json();
   object["nr_arfcn"] = nr_arfcn_valid != 0 ? Json(nr_arfcn) : Json();
+  if (is_empty()) object["remark"] = kNothingReported;
   return object;
 }
 
 std::string CellInfo::text() const {
+  if (is_empty()) return std::string("  ") + kNothingReported;
   const auto serving = reported(intra_pci);
   std::string text = "  LTE serving frequency  " + (serving.empty() ? "no cell" : "PCI " + join(serving)) + "\n";
   for (size_t i = 0; i < kFrequencies; ++i) {
     const auto cells = reported(std::span(inter_pci).subspan(i * kCells, kCells));
     if (inter_earfcn[i] == 0 && cells.empty()) continue;
-    std::string frequency = "EARFCN " + std::to_string(inter_earfcn[i]);
-    frequency.resize(std::max(frequency.size(), size_t{21}), ' ');
-    text += "  " + frequency + "  " + (cells.empty() ? "no cell" : "PCI " + join(cells)) + "\n";
+    text += "  " + left_aligned("EARFCN " + std::to_string(inter_earfcn[i]), 21) + "  " +
+            (cells.empty() ? "no cell" : "PCI " + join(cells)) + "\n";
   }
   text += "  timing advance         " + (timing_advance_valid != 0 ? std::to_string(timing_advance) : "none") + "\n";
   text += "  NR                     " + (nr_arfcn_valid != 0 ? "ARFCN " + std::to_string(nr_arfcn) : "none");

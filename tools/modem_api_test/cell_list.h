@@ -18,7 +18,9 @@ struct Cell {
 // "EARFCN:PCI" words; the single word "clear" gives none. Throws a usage Failure for anything else.
 std::vector<Cell> parse_cells(const std::vector<std::string>& words);
 
-// What modem_api_get_cell_info() fills; what the modem does not report is 0.
+// What modem_api_get_cell_info() fills; what the modem does not report is 0. The library answers the same, a success,
+// for a modem that has no cell and for one that does not answer in time: an empty information says that it may be
+// either.
 struct CellInfo {
   static constexpr size_t kCells = 8;
   static constexpr size_t kFrequencies = 3;
@@ -31,6 +33,7 @@ struct CellInfo {
   uint8_t nr_arfcn_valid = 0;
   uint32_t nr_arfcn = 0;
 
+  bool is_empty() const;
   Json json() const;
   std::string text() const;
 };
