@@ -1,4 +1,4 @@
-// The live view on a terminal, recordings, and the statistics commands, as users run them.
+// The live view on a terminal and recordings, as users run them.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,15 +17,12 @@
 #include <vector>
 
 #include "client_program.h"
-#include "sim_process.h"
 
 namespace pelmar::cli {
 namespace {
 
 using sim::test::comes_true;
 using sim::test::Outcome;
-using sim::test::ScratchDirectory;
-using sim::test::SimProcess;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
@@ -100,13 +97,8 @@ class Terminal {
   size_t seen_ = 0;
 };
 
-class SignalProgramTest : public testing::Test {
+class SignalProgramTest : public ProgramWithModemTest {
  protected:
-  SignalProgramTest() {
-    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    setenv("PELMAR_QMI_SOCKET", modem_.socket().c_str(), 1);
-  }
-
   static std::string content(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
@@ -122,13 +114,6 @@ class SignalProgramTest : public testing::Test {
     const std::string after = drawn.substr(left + kLeave.size());
     for (const char* sequence : {"\033[H", "\033[J", "\033[?"}) EXPECT_EQ(after.find(sequence), after.npos);
   }
-
-  std::string path(const std::string& name) const { return directory_.path(name); }
-  SimProcess& modem() { return modem_; }
-
- private:
-  ScratchDirectory directory_;
-  SimProcess modem_{directory_};
 };
 
 // --- the live view ---
@@ -208,35 +193,6 @@ TEST_F(SignalProgramTest, RefusesWhatContradictsItself) {
                                 "--count 1 --plot /no/such/directory/a.svg", "--count 100 --for 1"}) {
     EXPECT_EQ(shell("client signal " + options).status, 1) << options;
   }
-}
-
-// --- the statistics commands ---
-
-TEST_F(SignalProgramTest, FeatureIsSwitchedAndShown) {
-  EXPECT_EQ(shell("client feature on && client feature off --number 7 && client feature").output,
-            "modem feature 2: on\nmodem feature 7: off\nmodem feature 2: on\n");
-}
-
-TEST_F(SignalProgramTest, StatisticsAreReadAndCleared) {
-  modem().operator_command("statistic 1 antenna-switch old_config=1 new_config=3");
-  modem().operator_command("statistic 1 0x1234 00ff10");
-  const Outcome read = shell("client stats get antenna-switch 0x1234 nr-scc2 --sub 1");
-  EXPECT_THAT(read.output, AllOf(HasSubstr("statistic 0x64 (antenna-switch): 8 bytes"), HasSubstr("new_config 3"),
-                                 HasSubstr("statistic 0x1234: 3 bytes\n  0000  00 ff 10 "),
-                                 HasSubstr("statistic 0x07 (nr-scc2): no value")));
-  EXPECT_THAT(shell("client stats clear 0x1234 --sub 1 && client stats get 0x1234 --sub 1 --json").output,
-              HasSubstr(R"("data":"000000")"));
-  EXPECT_EQ(shell("client stats get 1 2 3 4 5 6 7 8 9 10 11").status, 2);
-}
-
-TEST_F(SignalProgramTest, AStatisticsClientIdIsOfOneProgram) {
-  EXPECT_EQ(shell("client stats report on --json").output, "{\"report\":true,\"stats_client_id\":0}\n");
-  for (const char* command : {"report off --client 0", "deregister lte-pcc --client 0"}) {
-    const Outcome refused = shell("client stats " + std::string(command));
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_THAT(refused.output, HasSubstr("valid in the program that it was granted to")) << command;
-  }
-  EXPECT_EQ(shell("client stats report off").status, 2);
 }
 
 }  // namespace
