@@ -1,8 +1,7 @@
 // Radio controls: one exchange a call, with the service that belongs to the client's type.
-//
-// NAS messages are filled and read by the offsets of the platform's NAS structures.
 #include "modem_api_command.h"
 #include "nas_client.h"
+#include "nas_structures.h"
 #include "network_access_service_v01.h"
 #include "sar_client.h"
 #include "specific_absorption_rate_v01.h"
@@ -10,83 +9,11 @@
 namespace pelmar {
 namespace {
 
-// --- structures ---
-
 struct SetSarRfStateRequest {
   uint32_t state;
   uint8_t undescribed[28];
 };
 static_assert(sizeof(SetSarRfStateRequest) == 32);
-
-struct GetDrxResponse {
-  vs::ResponseHeader header;
-  uint8_t valid;
-  uint32_t drx;
-};
-static_assert(sizeof(GetDrxResponse) == 16 && offsetof(GetDrxResponse, drx) == 12);
-
-struct LockedCell {
-  uint16_t value;
-  uint32_t param;
-};
-
-struct SetLteCellLockRequest {
-  uint32_t count;
-  LockedCell cells[MODEM_API_MAX_LOCKED_CELLS];
-  uint8_t trailer_valid;
-  uint8_t trailer;
-};
-static_assert(sizeof(SetLteCellLockRequest) == 488 && offsetof(SetLteCellLockRequest, trailer_valid) == 484);
-static_assert(sizeof(LockedCell) == 8 && offsetof(LockedCell, param) == 4);
-
-struct SetSystemSelectionRequest {
-  uint8_t undescribed1[488];
-  uint8_t nr_disable_mode_valid;
-  uint32_t nr_disable_mode;
-  uint8_t undescribed2[296];
-};
-static_assert(sizeof(SetSystemSelectionRequest) == 792 && offsetof(SetSystemSelectionRequest, nr_disable_mode) == 492);
-
-// Of a cell, only its number is read: the physical cell id.
-struct LteCell {
-  uint16_t pci;
-  uint16_t levels[4];
-};
-static_assert(sizeof(LteCell) == 10);
-
-constexpr size_t kCellsOfFrequency = 8;
-constexpr size_t kInterFrequencies = 3;
-
-struct InterFrequency {
-  uint16_t earfcn;
-  uint8_t undescribed[10];
-  LteCell cells[kCellsOfFrequency];
-};
-static_assert(sizeof(InterFrequency) == 92 && offsetof(InterFrequency, cells) == 12);
-
-struct CellLocationResponse {
-  vs::ResponseHeader header;
-  uint8_t undescribed1[444];
-  LteCell intra_cells[kCellsOfFrequency];
-  uint8_t undescribed2[12];
-  InterFrequency inter_frequencies[kInterFrequencies];
-  uint8_t undescribed3[2312];
-  uint8_t timing_advance_valid;
-  uint32_t timing_advance;
-  uint8_t undescribed4[8];
-  uint8_t nr_arfcn_valid;
-  uint32_t nr_arfcn;
-  uint8_t undescribed5[628];
-};
-static_assert(sizeof(CellLocationResponse) == 3784);
-static_assert(offsetof(CellLocationResponse, intra_cells) == 452);
-static_assert(offsetof(CellLocationResponse, inter_frequencies) == 544);
-static_assert(offsetof(CellLocationResponse, timing_advance_valid) == 3132);
-static_assert(offsetof(CellLocationResponse, timing_advance) == 3136);
-static_assert(offsetof(CellLocationResponse, nr_arfcn_valid) == 3148);
-static_assert(offsetof(CellLocationResponse, nr_arfcn) == 3152);
-
-// --- commands ---
 
 // A vendor-specific command without content.
 modem_api_result send_empty(const char* function, int32_t client_id, vs::MessageId msg_id) {
@@ -121,7 +48,7 @@ modem_api_result get_drx(const char* function, int32_t client_id, uint8_t* valid
   const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_NAS_0);
   if (check != MODEM_API_SUCCESS) return check;
   Zeroed<vs::EmptyRequest> request;
-  Zeroed<GetDrxResponse> response;
+  Zeroed<nas::GetDrxResponse> response;
   const int32_t code =
       nas_0_client_send_msg_sync(QMI_NAS_GET_DRX_V01, &request, sizeof(request), &response, sizeof(response));
   PELMAR_LOG_DEBUG_AS(function, "qmi_error %d", code);
@@ -141,12 +68,13 @@ struct CellInfo {
   uint32_t* nr_arfcn;
 };
 
-void copy_cells(const CellLocationResponse& response, const CellInfo& out) {
-  for (size_t j = 0; j < kCellsOfFrequency; ++j) out.intra_pci[j] = response.intra_cells[j].pci;
-  for (size_t i = 0; i < kInterFrequencies; ++i) {
-    const InterFrequency& frequency = response.inter_frequencies[i];
+void copy_cells(const nas::CellLocationResponse& response, const CellInfo& out) {
+  for (size_t j = 0; j < nas::kCellsOfFrequency; ++j) out.intra_pci[j] = response.intra_cells[j].pci;
+  for (size_t i = 0; i < nas::kInterFrequencies; ++i) {
+    const nas::InterFrequency& frequency = response.inter_frequencies[i];
     out.inter_earfcn[i] = frequency.earfcn;
-    for (size_t j = 0; j < kCellsOfFrequency; ++j) out.inter_pci[kCellsOfFrequency * i + j] = frequency.cells[j].pci;
+    uint16_t* const pcis = out.inter_pci + nas::kCellsOfFrequency * i;
+    for (size_t j = 0; j < nas::kCellsOfFrequency; ++j) pcis[j] = frequency.cells[j].pci;
   }
   *out.timing_advance_valid = response.timing_advance_valid;
   *out.timing_advance = response.timing_advance;
@@ -160,7 +88,7 @@ modem_api_result get_cell_info(const char* function, int32_t client_id, int32_t 
   const modem_api_result check = check_client(function, client_id, client.type);
   if (check != MODEM_API_SUCCESS) return check;
   Zeroed<vs::EmptyRequest> request;
-  Zeroed<CellLocationResponse> response;
+  Zeroed<nas::CellLocationResponse> response;
   const int32_t code =
       client.send(QMI_NAS_GET_CELL_LOCATION_INFO_V01, &request, sizeof(request), &response, sizeof(response));
   PELMAR_LOG_DEBUG_AS(function, "qmi_error %d", code);
@@ -172,7 +100,7 @@ modem_api_result get_cell_info(const char* function, int32_t client_id, int32_t 
   return response.header.result == QMI_RESULT_SUCCESS_V01 ? MODEM_API_SUCCESS : MODEM_API_ERR_GENERIC;
 }
 
-void put_cells(SetLteCellLockRequest& request, uint32_t count, const uint32_t* values, const uint32_t* params) {
+void put_cells(nas::SetLteCellLockRequest& request, uint32_t count, const uint32_t* values, const uint32_t* params) {
   // A count beyond the capacity goes out as it is, and the codec refuses it; the cells beyond are not read.
   request.count = count;
   for (uint32_t i = 0; i < count && i < MODEM_API_MAX_LOCKED_CELLS; ++i) {
@@ -183,7 +111,7 @@ void put_cells(SetLteCellLockRequest& request, uint32_t count, const uint32_t* v
   request.trailer = 1;
 }
 
-void put_nr_disable_mode(SetSystemSelectionRequest& request, int32_t mode) {
+void put_nr_disable_mode(nas::SetSystemSelectionRequest& request, int32_t mode) {
   request.nr_disable_mode_valid = 1;
   request.nr_disable_mode = mode == 1 || mode == 2 ? static_cast<uint32_t>(mode) : 0;
 }
@@ -222,7 +150,7 @@ modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_
 
 modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count, const uint32_t* values,
                                              const uint32_t* params) {
-  Zeroed<SetLteCellLockRequest> request;
+  Zeroed<nas::SetLteCellLockRequest> request;
   put_cells(request, count, values, params);
   PELMAR_RETURN_LOGGED(
       send_nas_control(__func__, client_id, static_cast<int32_t>(sub), QMI_NAS_SET_LTE_CELL_LOCK_V01, request));
@@ -233,7 +161,7 @@ modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_t sub, uint8_t
 }
 
 modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode) {
-  Zeroed<SetSystemSelectionRequest> request;
+  Zeroed<nas::SetSystemSelectionRequest> request;
   put_nr_disable_mode(request, mode);
   PELMAR_RETURN_LOGGED(
       send_nas_control(__func__, client_id, sub, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, request));

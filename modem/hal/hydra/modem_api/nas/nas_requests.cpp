@@ -1,6 +1,7 @@
 #include "nas_requests.h"
 
 #include "common_v01.h"
+#include "nas_structures.h"
 #include "network_access_service_v01.h"
 #include "service_client.h"
 
