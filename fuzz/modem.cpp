@@ -19,7 +19,7 @@
 
 using namespace pelmar::fuzz;
 using pelmar::sim::Simulation;
-using pelmar::sim::UniqueFd;
+using pelmar::UniqueFd;
 
 namespace {
 

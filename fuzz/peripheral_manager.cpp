@@ -25,7 +25,7 @@ using namespace pelmar::platform::power;
 using pelmar::sim::EventLoop;
 using pelmar::sim::LocalListener;
 using pelmar::sim::PeripheralManager;
-using pelmar::sim::UniqueFd;
+using pelmar::UniqueFd;
 
 namespace {
 
