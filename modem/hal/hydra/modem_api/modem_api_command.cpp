@@ -154,6 +154,11 @@ modem_api_result unexpected_null(const char* function, modem_api_result error) {
   return error;
 }
 
+modem_api_result log_result(const char* function, modem_api_result result) {
+  PELMAR_LOG_DEBUG_AS(function, "result %d", result);
+  return result;
+}
+
 }  // namespace pelmar
 
 modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code, const qmi_response_type_v01* response) {

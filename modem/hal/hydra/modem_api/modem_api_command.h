@@ -27,6 +27,9 @@ struct Zeroed : Structure {
 modem_api_result unexpected_condition(const char* function, modem_api_result error);
 modem_api_result unexpected_null(const char* function, modem_api_result error);
 
+// Logs the result of an exchange under the name of its command and returns it.
+modem_api_result log_result(const char* function, modem_api_result result);
+
 // MODEM_API_SUCCESS when the id names a ready client of the type.
 inline modem_api_result check_client(const char* function, int32_t client_id, modem_api_client_type type) {
   if (is_ready(client_id, type)) return MODEM_API_SUCCESS;

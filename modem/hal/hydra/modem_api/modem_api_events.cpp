@@ -63,7 +63,7 @@ modem_api_result send_event_report(const char* function, int32_t client_id) {
     const PinnedClient client(*slot);
     const bool ready = client && client->type == MODEM_API_CLIENT_VS && client->status.load() == OPERATIONAL_STATUS_UP;
     if (!ready) return unexpected_condition(function, MODEM_API_ERR_INVALID_CLIENT);
-    request = report_request(*client.operator->());
+    request = report_request(*client);
   }
   return exchange_vs(vs::kSetEventReport, request);
 }

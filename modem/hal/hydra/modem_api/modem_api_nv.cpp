@@ -25,7 +25,7 @@ modem_api_result read_item(const char* function, int32_t client_id, MessageId ms
   item.put_into(request);
   Zeroed<vs::ReadResponse> response;
   const modem_api_result result = exchange_vs(msg_id, request, response);
-  if (logs_result(msg_id)) PELMAR_LOG_DEBUG_AS(function, "result %d", result);
+  if (logs_result(msg_id)) log_result(function, result);
   if (result != MODEM_API_SUCCESS) return result;
   // What the response holds bounds the copy as well: a length beyond it is no item.
   if (*length < response.data_len || response.data_len > sizeof(response.data)) return MODEM_API_ERR_NO_MEMORY;
@@ -47,7 +47,7 @@ modem_api_result write_item(const char* function, int32_t client_id, MessageId m
   request.data_len = length;
   std::memcpy(request.data, data, length);
   const modem_api_result result = exchange_vs(msg_id, request);
-  if (logs_result(msg_id)) PELMAR_LOG_DEBUG_AS(function, "result %d", result);
+  if (logs_result(msg_id)) log_result(function, result);
   return result;
 }
 

@@ -31,9 +31,7 @@ modem_api_result send_control(const char* function, int32_t client_id, modem_api
   if (check != MODEM_API_SUCCESS) return check;
   Zeroed<vs::PlainResponse> response;
   const int32_t code = send(msg_id, &request, sizeof(request), &response, sizeof(response));
-  const modem_api_result result = modem_api_map_qmi_error_to_modem_api(code, &response.header);
-  PELMAR_LOG_DEBUG_AS(function, "result %d", result);
-  return result;
+  return log_result(function, modem_api_map_qmi_error_to_modem_api(code, &response.header));
 }
 
 template <typename Request>

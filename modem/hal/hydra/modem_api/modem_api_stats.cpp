@@ -27,19 +27,6 @@ void set_options(Request& request, const Options& options) {
   if (options.second_valid != 0) request.option2 = options.second;
 }
 
-template <typename Request, typename Response>
-modem_api_result exchange_logged(const char* function, vs::MessageId msg_id, Request& request, Response& response) {
-  const modem_api_result result = exchange_vs(msg_id, request, response);
-  PELMAR_LOG_DEBUG_AS(function, "result %d", result);
-  return result;
-}
-
-template <typename Request>
-modem_api_result exchange_logged(const char* function, vs::MessageId msg_id, Request& request) {
-  Zeroed<vs::PlainResponse> response;
-  return exchange_logged(function, msg_id, request, response);
-}
-
 modem_api_result get_feature_status(const char* function, int32_t client_id, uint32_t feature, uint8_t* enabled,
                                     uint8_t* effective) {
   const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
@@ -48,7 +35,7 @@ modem_api_result get_feature_status(const char* function, int32_t client_id, uin
   Zeroed<vs::GetFeatureStatusRequest> request;
   request.feature = feature;
   Zeroed<vs::GetFeatureStatusResponse> response;
-  const modem_api_result result = exchange_logged(function, vs::kGetFeatureStatus, request, response);
+  const modem_api_result result = log_result(function, exchange_vs(vs::kGetFeatureStatus, request, response));
   if (result != MODEM_API_SUCCESS) return result;
   *enabled = response.enabled;
   if (effective != nullptr) *effective = response.effective;
@@ -64,7 +51,7 @@ modem_api_result set_feature_status(const char* function, int32_t client_id, uin
   request.enable = enable;
   request.option_valid = option_valid;
   request.option = option;
-  return exchange_logged(function, vs::kSetFeatureStatus, request);
+  return log_result(function, exchange_vs(vs::kSetFeatureStatus, request));
 }
 
 modem_api_result set_report_status(const char* function, int32_t client_id, uint8_t report, uint32_t* stats_client_id) {
@@ -79,7 +66,7 @@ modem_api_result set_report_status(const char* function, int32_t client_id, uint
     request.stats_client_id = *stats_client_id;
   }
   Zeroed<vs::SetStatsReportStatusResponse> response;
-  const modem_api_result result = exchange_logged(function, vs::kSetStatsReportStatus, request, response);
+  const modem_api_result result = log_result(function, exchange_vs(vs::kSetStatsReportStatus, request, response));
   if (report == 0 || result != MODEM_API_SUCCESS) return result;
   if (response.stats_client_id_valid == 0) return MODEM_API_ERR_GENERIC;
   *stats_client_id = response.stats_client_id;
@@ -107,7 +94,7 @@ modem_api_result register_stats(const char* function, int32_t client_id, uint32_
   set_options(request, options);
   request.entry_count = std::min<uint32_t>(record_count, vs::kMaxRegistrations);
   for (uint32_t i = 0; i < request.entry_count; ++i) copy_registration(records[i], request.entries[i]);
-  return exchange_logged(function, vs::kRegisterStats, request);
+  return log_result(function, exchange_vs(vs::kRegisterStats, request));
 }
 
 modem_api_result deregister_stats(const char* function, int32_t client_id, uint32_t stats_client_id,
@@ -121,7 +108,7 @@ modem_api_result deregister_stats(const char* function, int32_t client_id, uint3
   set_options(request, options);
   request.id_count = std::min<uint32_t>(id_count, vs::kMaxRegistrations);
   std::copy_n(ids, request.id_count, request.ids);
-  return exchange_logged(function, vs::kDeregisterStats, request);
+  return log_result(function, exchange_vs(vs::kDeregisterStats, request));
 }
 
 // The value as a log line shows it: its first word, and the bytes that follow as text.

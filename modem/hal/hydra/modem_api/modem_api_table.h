@@ -20,7 +20,8 @@
 
 namespace pelmar {
 
-// One open client.
+// One open client. The library itself never reads `pid`: it is for whoever looks at the record in a memory dump, and
+// for such a reader every field has its place, which is asserted.
 struct modem_api_client {
   modem_api_client_type type;
   int32_t pid;  // of the opener
@@ -67,6 +68,7 @@ class PinnedClient {
   explicit operator bool() const { return record_ != nullptr; }
   const modem_api_client* operator->() const { return record_; }
   modem_api_client* operator->() { return record_; }
+  const modem_api_client& operator*() const { return *record_; }
 
  private:
   ClientSlot& slot_;
