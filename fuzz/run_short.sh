@@ -33,7 +33,7 @@ ran=0
 for program in "$build"/bin/fuzz_*; do
   target=${program##*/fuzz_}
   [ "$target" = seeds ] && continue
-  mkdir -p "$scratch/found/$target"
+  mkdir -p "$scratch/found/$target" "$scratch/seeds/$target"
   inputs=("$scratch/found/$target" "$scratch/seeds/$target")
   [ -d "fuzz/corpus/$target" ] && inputs+=("fuzz/corpus/$target")
   if ! timeout $((seconds + 120)) "$program" -max_total_time="$seconds" -max_len=12288 -timeout=20 -print_final_stats=1 \
