@@ -1,24 +1,14 @@
-#include "scripted_platform.h"
-
-#include <cutils/properties.h>
-#include <dlfcn.h>
-#include <sys/mman.h>
-#include <syslog.h>
-#include <unistd.h>
-
+// The QMI framework: handles, sends that a test answers, and callbacks that a test sets off. The codec is the real one.
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <mutex>
-#include <regex>
 #include <utility>
 
 #include "qmi_codec.h"
+#include "scripted_platform.h"
+#include "scripted_state.h"
 
 // One handle of the scripted framework.
 struct qmi_client_struct {
@@ -35,18 +25,6 @@ struct qmi_client_struct {
 
 namespace scripted {
 
-// Turns into an object of any type, never to be destroyed.
-constexpr struct {
-  template <typename T>
-  operator T&() const {
-    return *new T;
-  }
-} kNewObject;
-
-std::map<std::string, std::string>& properties = kNewObject;
-std::vector<PropertyWrite>& property_writes = kNewObject;
-std::vector<unsigned>& sleeps = kNewObject;
-std::function<void(unsigned)>& on_sleep = kNewObject;
 std::function<Answer(const Call&)>& on_send = kNewObject;
 std::function<int(const Call&)>& on_send_async = kNewObject;
 std::function<int(int)>& on_init_instance = kNewObject;
@@ -54,10 +32,6 @@ std::function<int(unsigned, uint8_t*, unsigned)>& on_decode = kNewObject;
 std::function<void(const Call&)>& on_registered = kNewObject;
 int notifier_init_result = 0;
 int register_notify_result = 0;
-std::vector<PmCall>& pm_calls = kNewObject;
-std::map<std::string, int>& pm_results = kNewObject;
-pm_client_event_cb pm_callback = nullptr;
-void* pm_callback_data = nullptr;
 
 namespace {
 
@@ -70,21 +44,12 @@ struct PendingSend {
   void* data;
 };
 
-struct HeldThread {
-  void* (*routine)(void*);
-  void* argument;
-};
-
-// Never destroyed: detached threads of the library may outlive main().
 struct State {
   std::mutex lock;
   std::condition_variable callback_ended;
-  std::vector<LogLine> log;
-  std::map<std::string, int> reads;
   std::vector<Call> calls;
   std::vector<std::unique_ptr<qmi_client_struct>> handles;
   std::deque<PendingSend> pending;
-  std::deque<HeldThread> held;
   qmi_client_type last_connection = nullptr;
   qmi_client_type last_notifier = nullptr;
   int attempts = 0;
@@ -94,12 +59,6 @@ State& state() {
   static State* const instance = new State;
   return *instance;
 }
-
-using Guard = std::lock_guard<std::mutex>;
-
-std::atomic<size_t> g_failing_size{SIZE_MAX};
-std::atomic<Threads> g_threads{Threads::kRun};
-thread_local bool t_runs_held_thread = false;
 
 void record(Call call) {
   Guard guard(state().lock);
@@ -154,92 +113,6 @@ void fill_response(void* response, size_t length, const std::vector<uint8_t>& by
 }
 
 }  // namespace
-
-// --- system log ---
-
-std::vector<LogLine> log_lines() {
-  Guard guard(state().lock);
-  return state().log;
-}
-
-void clear_log() {
-  Guard guard(state().lock);
-  state().log.clear();
-}
-
-std::vector<std::string> log_bodies() {
-  static const std::regex prefix(R"(^(?:SUB\[\d+\]|\[[^\]]*\])\[[^\]:]+:\d+\] )");
-  std::vector<std::string> bodies;
-  for (const LogLine& line : log_lines()) {
-    const std::string level = line.priority == LOG_ERR ? "E" : line.priority == LOG_DEBUG ? "D" : "?";
-    std::smatch match;
-    const bool prefixed = std::regex_search(line.text, match, prefix);
-    bodies.push_back(prefixed ? level + " " + match.suffix().str() : level + "|" + line.text);
-  }
-  return bodies;
-}
-
-bool logged(const std::string& body) {
-  const auto bodies = log_bodies();
-  return std::find(bodies.begin(), bodies.end(), body) != bodies.end();
-}
-
-std::vector<std::string> messages() {
-  std::vector<std::string> bodies = log_bodies();
-  std::erase_if(bodies, [](const std::string& body) {
-    return body.find(": function entry ----") != std::string::npos || body.find(": function exit") != std::string::npos;
-  });
-  return bodies;
-}
-
-// --- properties, allocation, threads ---
-
-int reads_of(const std::string& name) {
-  Guard guard(state().lock);
-  return state().reads[name];
-}
-
-FailAllocationOf::FailAllocationOf(size_t size) {
-  g_failing_size = size;
-}
-FailAllocationOf::~FailAllocationOf() {
-  g_failing_size = SIZE_MAX;
-}
-
-void set_threads(Threads behaviour) {
-  g_threads = behaviour;
-}
-
-size_t held_threads() {
-  Guard guard(state().lock);
-  return state().held.size();
-}
-
-void run_held() {
-  while (true) {
-    HeldThread thread;
-    {
-      Guard guard(state().lock);
-      if (state().held.empty()) return;
-      thread = state().held.front();
-      state().held.pop_front();
-    }
-    // A thread of its own: the library must not count on the caller's.
-    struct Run {
-      static void* start(void* argument) {
-        const auto* const held = static_cast<HeldThread*>(argument);
-        return held->routine(held->argument);
-      }
-    };
-    pthread_t id;
-    t_runs_held_thread = true;
-    pthread_create(&id, nullptr, Run::start, &thread);
-    t_runs_held_thread = false;
-    pthread_join(id, nullptr);
-  }
-}
-
-// --- QMI ---
 
 std::vector<Call> calls() {
   Guard guard(state().lock);
@@ -328,124 +201,11 @@ std::vector<uint8_t> encode(qmi_idl_service_object_type service, qmi_idl_type_of
   return bytes;
 }
 
-// --- standard output ---
-
-CaptureOutput::CaptureOutput() : saved_(dup(STDOUT_FILENO)), file_(memfd_create("stdout", 0)) {
-  std::fflush(stdout);
-  dup2(file_, STDOUT_FILENO);
-}
-
-CaptureOutput::~CaptureOutput() {
-  std::fflush(stdout);
-  dup2(saved_, STDOUT_FILENO);
-  close(saved_);
-  close(file_);
-}
-
-std::string CaptureOutput::text() {
-  std::fflush(stdout);
-  std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_END)), '\0');
-  const ssize_t size = pread(file_, text.data(), text.size(), 0);
-  text.resize(size < 0 ? 0 : static_cast<size_t>(size));
-  return text;
-}
-
 }  // namespace scripted
 
 using namespace scripted;
 
 extern "C" {
-
-// --- C library ---
-
-void vsyslog(int priority, const char* format, va_list arguments) {
-  char text[16384];
-  std::vsnprintf(text, sizeof(text), format, arguments);
-  Guard guard(state().lock);
-  state().log.push_back({priority, text});
-}
-
-unsigned sleep(unsigned seconds) {
-  {
-    Guard guard(state().lock);
-    sleeps.push_back(seconds);
-  }
-  if (on_sleep) on_sleep(seconds);
-  return 0;
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SCRIPTED_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SCRIPTED_SANITIZED 1
-#endif
-#endif
-
-#ifndef SCRIPTED_SANITIZED
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-
-void* malloc(size_t size) {
-  return size == g_failing_size.load() ? nullptr : __libc_malloc(size);
-}
-
-// What a compiler may make of a malloc whose block is zeroed.
-void* calloc(size_t count, size_t size) {
-  return count * size == g_failing_size.load() ? nullptr : __libc_calloc(count, size);
-}
-
-bool scripted::FailAllocationOf::is_supported() {
-  return true;
-}
-#else
-bool scripted::FailAllocationOf::is_supported() {
-  return false;
-}
-#endif
-
-// A sanitizer that is linked statically stands in front of the C library here.
-int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
-
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = __interceptor_pthread_create != nullptr
-                                 ? &__interceptor_pthread_create
-                                 : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  switch (t_runs_held_thread ? Threads::kRun : g_threads.load()) {
-    case Threads::kFail:
-      return EAGAIN;
-    case Threads::kHold: {
-      Guard guard(state().lock);
-      state().held.push_back({routine, argument});
-      *thread = pthread_self();
-      return 0;
-    }
-    case Threads::kRun:
-      break;
-  }
-  return create(thread, attributes, routine, argument);
-}
-
-// --- properties ---
-
-int property_get(const char* name, char* value, const char* default_value) {
-  Guard guard(state().lock);
-  ++state().reads[name];
-  const auto found = properties.find(name);
-  const std::string text = found != properties.end() ? found->second : default_value == nullptr ? "" : default_value;
-  std::memcpy(value, text.c_str(), text.size() + 1);
-  return static_cast<int>(text.size());
-}
-
-int property_set(const char* name, const char* value) {
-  Guard guard(state().lock);
-  properties[name] = value;
-  property_writes.push_back({name, value});
-  return 0;
-}
-
-// --- QMI ---
 
 qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service, qmi_service_instance instance,
                                                qmi_client_ind_cb ind_cb, void* ind_data, qmi_client_os_params*,
@@ -544,41 +304,6 @@ qmi_client_error_type qmi_client_release(qmi_client_type handle) {
   handle->is_open = false;
   const int own = t_calling_back == handle ? 1 : 0;
   state().callback_ended.wait(guard, [&] { return handle->running_callbacks <= own; });
-  return 0;
-}
-
-// --- peripheral manager ---
-
-int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
-                       enum pm_event* state_out, void** handle) {
-  pm_calls.push_back({.name = "register", .device = device, .client = client});
-  const int result = pm_results["register"];
-  if (result != 0) return result;
-  static char voter;
-  pm_callback = callback;
-  pm_callback_data = data;
-  *state_out = EVENT_PERIPH_IS_OFFLINE;
-  *handle = &voter;
-  return 0;
-}
-
-int pm_client_connect(void* handle) {
-  pm_calls.push_back({.name = "connect", .handle = handle});
-  return pm_results["connect"];
-}
-
-int pm_client_disconnect(void* handle) {
-  pm_calls.push_back({.name = "disconnect", .handle = handle});
-  return pm_results["disconnect"];
-}
-
-int pm_client_unregister(void* handle) {
-  pm_calls.push_back({.name = "unregister", .handle = handle});
-  return pm_results["unregister"];
-}
-
-int pm_client_event_acknowledge(void* handle, enum pm_event event) {
-  pm_calls.push_back({.name = "event_acknowledge", .handle = handle, .event = event});
   return 0;
 }
 }
