@@ -90,14 +90,34 @@ TEST_F(HydraClient, ReadsAndSwitchesTheFeature) {
   EXPECT_EQ(lines_of("modem_hydra_set_feature_status"), (Lines{"D ret = 0", "D ret = 8"}));
 }
 
-// One step after the other: what changes, what is then done, what is sent, and what the switching writes but its exit.
-TEST_F(HydraClient, SwitchesReportingUntilAStepFails) {
+class HydraReporting : public HydraClient {
+ protected:
+  // What changes, what is then done, what is sent, and what the switching writes but its exit.
   struct Step {
     std::function<void()> change;
     bool allocates;
     Lines requests;
     Lines lines;
   };
+
+  static void take(const Step& step) {
+    step.change();
+    forget();
+    if (step.allocates) {
+      EXPECT_EQ(modem_hydra_stats_id_alloc(), 1);
+    } else {
+      modem_hydra_stats_id_free();
+    }
+    std::vector<Bytes> expected;
+    for (const std::string& request : step.requests) expected.push_back(bytes(request));
+    EXPECT_EQ(requests(), expected);
+    Lines lines = lines_of("modem_hydra_stats_set_report_status");
+    std::erase(lines, "D function exit <-------------");
+    EXPECT_EQ(lines, step.lines);
+  }
+};
+
+TEST_F(HydraReporting, SwitchesUntilAStepFails) {
   const std::string events_on = "01 01 01 00";
   const std::string events_off = "01 00 01 00";
   const std::string on = "01 00 0000 00000000";
@@ -144,21 +164,7 @@ TEST_F(HydraClient, SwitchesReportingUntilAStepFails) {
        {flag_off + "3", "D disable, modem_api_ret = 6", remove + " fail, modem_api_ret = 6"}},
   };
   open_hydra();
-  for (const Step& step : steps) {
-    step.change();
-    forget();
-    if (step.allocates) {
-      EXPECT_EQ(modem_hydra_stats_id_alloc(), 1);
-    } else {
-      modem_hydra_stats_id_free();
-    }
-    std::vector<Bytes> expected;
-    for (const std::string& request : step.requests) expected.push_back(bytes(request));
-    EXPECT_EQ(requests(), expected);
-    Lines lines = lines_of("modem_hydra_stats_set_report_status");
-    std::erase(lines, "D function exit <-------------");
-    EXPECT_EQ(lines, step.lines);
-  }
+  for (const Step& step : steps) take(step);
 }
 
 TEST_F(HydraClient, KeepsItsStatisticsIdForEver) {
