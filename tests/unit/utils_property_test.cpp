@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include "settled_log.h"
 
 namespace scripted {
@@ -131,6 +133,10 @@ struct Build {
   int32_t type;
   const char* name;  // in the line that tells of it
 };
+
+void PrintTo(const Build& build, std::ostream* stream) {
+  *stream << build.cert << ", " << build.profile << ", " << build.version;
+}
 
 class BuildType : public testing::TestWithParam<Build> {};
 
