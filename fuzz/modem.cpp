@@ -18,8 +18,8 @@
 #include "simulation.h"
 
 using namespace pelmar::fuzz;
-using pelmar::sim::Simulation;
 using pelmar::UniqueFd;
+using pelmar::sim::Simulation;
 
 namespace {
 

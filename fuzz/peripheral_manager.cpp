@@ -22,10 +22,10 @@
 using namespace pelmar::fuzz;
 using namespace pelmar::platform;
 using namespace pelmar::platform::power;
+using pelmar::UniqueFd;
 using pelmar::sim::EventLoop;
 using pelmar::sim::LocalListener;
 using pelmar::sim::PeripheralManager;
-using pelmar::UniqueFd;
 
 namespace {
 

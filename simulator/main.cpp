@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "console/control_client.h"
+#include "environment.h"
 #include "manager_protocol.h"
 #include "serve.h"
 
@@ -40,7 +41,7 @@ void add_peripheral_manager(CLI::App& serve, SimulationOptions& options) {
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
-      ->default_val("@qmi-proxy");
+      ->default_val(pelmar::kDefaultModemSocket);
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();
   serve->add_option("--control", options.control, "the operator's socket (default: control in the storage directory)");

@@ -154,8 +154,7 @@ TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmat
     EXPECT_EQ(refused.status, 1) << command;
     EXPECT_THAT(refused.output, HasSubstr("--yes")) << command;
     EXPECT_EQ(shell(std::string("client ") + command + " --yes").status, 0) << command;
-    EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("state") == "ready"; }))
-        << "after reset";
+    EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("state") == "ready"; })) << "after reset";
   }
 }
 
