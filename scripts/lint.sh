@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the format of every source, and lints what a build directory compiles of it. Tests are not linted: the checks
-# ask of them what only code that runs for long needs.
+# Checks the format of every source, and lints what a build directory compiles of it. Tests and fuzz targets are not
+# linted: the checks ask of them what only code that runs for long needs.
 # usage: scripts/lint.sh BUILD_DIRECTORY
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,7 +13,7 @@ echo "format: clean"
 sources=$(python3 - "$build/compile_commands.json" <<'PY'
 import json, os, sys
 files = {os.path.relpath(entry["file"]) for entry in json.load(open(sys.argv[1]))}
-print("\n".join(sorted(f for f in files if not f.startswith(("..", "build", "tests")))))
+print("\n".join(sorted(f for f in files if not f.startswith(("..", "build", "fuzz", "tests")))))
 PY
 )
 printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 4 clang-tidy -p "$build" --quiet
