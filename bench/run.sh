@@ -32,7 +32,8 @@ for program in "${programs[@]}"; do
     prefix=("${priority[@]}") rounds=$((repetitions * 4)) seconds=0.025
   fi
   timeout 900 "${prefix[@]}" "$build/bin/$program" --benchmark_repetitions="$rounds" \
-    --benchmark_enable_random_interleaving=true --benchmark_min_time="$seconds" --benchmark_out="$results/$program.json" --benchmark_out_format=json >"$results/log" 2>&1 ||
+    --benchmark_enable_random_interleaving=true --benchmark_min_time="$seconds" \
+    --benchmark_out="$results/$program.json" --benchmark_out_format=json >"$results/log" 2>&1 ||
     { cat "$results/log" >&2; exit 1; }
 done
 python3 bench/report.py "$results" "$note"
