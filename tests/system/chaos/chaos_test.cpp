@@ -26,7 +26,7 @@ namespace {
 constexpr uint64_t kShortSeconds = 12;
 constexpr std::chrono::seconds kShortestStorm{4};
 constexpr std::chrono::seconds kLongestStorm{20};
-constexpr int kPatienceMs = 120'000;
+constexpr int kPatienceMs = 300'000;  // more than a client process has for all that it waits for
 
 // What a process may grow by after its first rounds, besides what it says that it lost.
 constexpr size_t kRoundsOfWarmUp = 5;
