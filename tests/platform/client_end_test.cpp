@@ -15,14 +15,14 @@ using Events = std::vector<std::string>;
 
 class ServiceGoes : public ClientTest, public testing::WithParamInterface<const char*> {
  protected:
-  void go(uint8_t client) {
+  void go(uint8_t client, int connection = 0) {
     const std::string how = GetParam();
     if (how == "revoked") {
-      modem_.revoke(0, kNasId, client);
+      modem_.revoke(connection, kNasId, client);
     } else if (how == "restarted") {
-      modem_.announce_restart(0);
+      modem_.announce_restart(connection);
     } else {
-      modem_.close_connection(0);
+      modem_.close_connection(connection);
     }
   }
 
@@ -63,6 +63,21 @@ TEST_P(ServiceGoes, TheHandlesThreadNoticesToo) {
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
   go(1);
   EXPECT_EQ(events(1), (Events{"error -2"}));
+}
+
+// An id may be void before its answer arrives: who kept it would be answered nothing but errors.
+TEST_P(ServiceGoes, BeforeAClientIdArrives) {
+  modem_.set(&ScriptedModem::Behaviour::before_next_id, std::function([this](int connection, uint8_t client) {
+    modem_.void_client_ids();
+    go(client, connection);
+  }));
+  const qmi_client_type handle = connect(5000);
+  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 2}}));
+  auto answer = sender(handle);
+  const ScriptedRequest request = modem_.receive();
+  EXPECT_EQ(request.client, 2);
+  modem_.respond(request, ScriptedModem::drx_response(9));
+  EXPECT_EQ(answer.get(), Outcome(0, 9));
 }
 
 INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed"),

@@ -36,9 +36,10 @@ class ClientTest : public testing::Test {
     EXPECT_TRUE(modem_.client_ids().empty()) << "every client id is given back";
   }
 
-  qmi_client_type connect() {
+  qmi_client_type connect(uint32_t timeout = 4) {
     qmi_client_type handle = nullptr;
-    EXPECT_EQ(qmi_client_init_instance(kNas, QMI_CLIENT_INSTANCE_ANY, on_indication, this, nullptr, 4, &handle), 0);
+    EXPECT_EQ(qmi_client_init_instance(kNas, QMI_CLIENT_INSTANCE_ANY, on_indication, this, nullptr, timeout, &handle),
+              0);
     handles_.push_back(handle);
     return handle;
   }

@@ -117,6 +117,7 @@ void ScriptedModem::serve(int connection, Peer& peer) {
 
 void ScriptedModem::handle_control(int connection, const Bytes& message) {
   Bytes answer = kSuccess;
+  std::function<void()> before_answer;
   {
     const std::lock_guard lock(mutex_);
     switch (u16(message, 2)) {
@@ -133,6 +134,9 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
         } else {
           client_ids_.insert({message[9], ++last_client_id_});
           answer.insert(answer.end(), {0x01, 2, 0, message[9], last_client_id_});
+          if (const auto before = std::exchange(behaviour_.before_next_id, nullptr)) {
+            before_answer = [=, client = last_client_id_] { before(connection, client); };
+          }
         }
         break;
       case 0x0023:
@@ -144,6 +148,7 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
         break;
     }
   }
+  if (before_answer) before_answer();
   send_raw(connection, frame(0, 0, control_message(1, message[1], u16(message, 2), answer)));
 }
 

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <set>
@@ -37,6 +38,7 @@ class ScriptedModem {
     size_t client_id_limit = 10;
     bool answers_version_info = true;
     bool reads = true;
+    std::function<void(int connection, uint8_t client)> before_next_id;  // is answered
     bool echoes = false;  // every request has an indication of its number and a successful response at once
   };
 

@@ -90,13 +90,19 @@ QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services) {
 }
 
 QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client) {
+  saw_restart_ = false;
+  revoked_.clear();
   Bytes value;
   const Answer answer =
       exchange(ControlMessage::kAllocateClientId, {service}, Deadline::after(kControlTimeout), &value);
   if (answer != Answer::kSuccess) return answer;
   if (value.size() < 2 || value[0] != service) return Answer::kFailure;
   client = value[1];
-  return answer;
+  if (take_restart()) {  // whether the id is one of the restarted modem cannot be told
+    send_release_client_id(service, client);
+    return Answer::kNoAnswer;
+  }
+  return revoked_.count({service, client}) != 0 ? Answer::kNoAnswer : Answer::kSuccess;
 }
 
 QmuxLink::Answer QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
@@ -142,7 +148,10 @@ QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const
     Frame frame;
     while (reader_.next(frame)) {
       ControlIndication indication;
-      if (load_control_indication(frame, indication)) saw_restart_ |= indication.event == ControlIndication::kRestarted;
+      if (load_control_indication(frame, indication)) {
+        saw_restart_ |= indication.event == ControlIndication::kRestarted;
+        if (indication.event == ControlIndication::kRevoked) revoked_.insert({indication.service, indication.client});
+      }
       if (!is_control(frame, kControlResponse) || frame.message[1] != transaction_ ||
           load_u16(frame.message + 2) != static_cast<uint16_t>(id)) {
         continue;

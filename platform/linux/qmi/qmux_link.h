@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -42,6 +43,7 @@ class QmuxLink {
 
   // The services that the modem offers.
   Answer get_services(std::vector<uint8_t>& services);
+  // An id that the modem takes back before its answer arrives is no answer.
   Answer allocate_client_id(uint8_t service, uint8_t& client);
   Answer release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
   SendStatus send_release_client_id(uint8_t service, uint8_t client);
@@ -64,6 +66,7 @@ class QmuxLink {
   FrameReader reader_;
   uint8_t transaction_ = 0;
   bool saw_restart_ = false;
+  std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id, which the allocation under way came across
 };
 
 }  // namespace pelmar::platform
