@@ -219,6 +219,44 @@ TEST_P(Reconnect, DropsEveryIndication) {
   EXPECT_TRUE(events.empty());
 }
 
+// The framework's answer goes to the callback of the exchange, and both of its blocks are freed.
+TEST_P(Reconnect, EndsAsynchronousExchanges) {
+  static std::vector<uint32_t> told;
+  told.clear();
+  const modem_api_response_cb callback = [](const uint8_t*, uint32_t, void*, uint32_t result) {
+    told.push_back(result);
+  };
+  std::vector<uint8_t> request = {1, 2, 3, 4};
+  const auto send = [&] {
+    void* const record = hydra_malloc_adv(16, "test", 0);
+    void* const fields[] = {reinterpret_cast<void*>(callback), nullptr};
+    std::memcpy(record, fields, sizeof fields);
+    void* const response = hydra_malloc_adv(8, "test", 0);
+    forget();
+    return connection_.send_async(0x0089, request.data(), 4, response, 8, record);
+  };
+  EXPECT_EQ(connection_.send_async(0x0089, request.data(), 4, request.data(), 4, nullptr), QMI_CLIENT_INVALID_CLNT);
+  const qmi_client_type handle = open();
+  const std::pair<Answer, uint32_t> outcomes[] = {
+      {{0, header(0, 0)}, MODEM_API_RESP_END}, {{0, header(1, 52)}, MODEM_API_ERR_NOT_READY}, {{-3, {}}, 11}};
+  for (const auto& [answer, result] : outcomes) {
+    EXPECT_EQ(send(), QMI_NO_ERR);
+    EXPECT_EQ(calls(), std::vector<Call>({{.name = "send_msg_async",
+                                           .handle = handle,
+                                           .msg_id = 0x0089,
+                                           .request = request,
+                                           .response_length = 8}}));
+    EXPECT_EQ(log_bodies(),
+              (Lines{entry("send_msg_async"), line("send_msg_async", "function exit, ret(0) <-------------")}));
+    clear_log();
+    complete_send(answer.response, answer.code);
+    EXPECT_EQ(log_bodies().front(), entry("command_cb"));
+    EXPECT_EQ(log_bodies().back(), exit("command_cb"));
+    EXPECT_EQ(std::exchange(told, {}), std::vector<uint32_t>{result});
+    EXPECT_TRUE(live_blocks().empty());
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(, Reconnect, testing::ValuesIn(kConnections), [](const auto& row) { return row.param.name; });
 
 // What clients see of a restart: notices, refusals while it lasts, and nothing of it on the other subscription.
