@@ -162,7 +162,7 @@ TEST_F(ModemProgramTest, FollowsEventsUntilTheCount) {
   const pid_t process = start_in_background({"events", "--count", "1", "--json"});
   EXPECT_TRUE(comes_true([&] {
     modem().operator_command("event 5 9");
-    return !output().empty();
+    return output().find(R"("event":5)") != std::string::npos;
   }));
   EXPECT_EQ(end(process, 0), 0);
   EXPECT_THAT(output(), HasSubstr(R"("event":5,"name":"report_c","value":9})"));
@@ -195,7 +195,7 @@ TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
     EXPECT_TRUE(modem_comes_to_have(1));
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(end(process, each.signal), 128 + each.signal);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20)) << "no answer comes for 30 s";
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(25)) << "no answer comes for 30 s";
     EXPECT_TRUE(modem_comes_to_have(0));
   }
 }

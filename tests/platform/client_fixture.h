@@ -33,7 +33,7 @@ class ClientTest : public testing::Test {
 
   ~ClientTest() override {
     for (const qmi_client_type handle : handles_) qmi_client_release(handle);
-    EXPECT_TRUE(modem_.client_ids().empty()) << "every client id is given back";
+    EXPECT_TRUE(modem_.comes_to_hold_no_ids()) << "every client id is given back";
   }
 
   qmi_client_type connect(uint32_t timeout = 4) {
@@ -44,12 +44,12 @@ class ClientTest : public testing::Test {
     return handle;
   }
 
-  static int get_drx(qmi_client_type handle, nas::GetDrxResponse& response, unsigned timeout = 5000) {
+  static int get_drx(qmi_client_type handle, nas::GetDrxResponse& response, unsigned timeout = 60'000) {
     uint8_t request = 0;
     return qmi_client_send_msg_sync(handle, kDrx, &request, 1, &response, sizeof response, timeout);
   }
 
-  static std::future<Outcome> sender(qmi_client_type handle, unsigned timeout = 5000) {
+  static std::future<Outcome> sender(qmi_client_type handle, unsigned timeout = 60'000) {
     return std::async(std::launch::async, [=] {
       nas::GetDrxResponse response{};
       const int error = get_drx(handle, response, timeout);

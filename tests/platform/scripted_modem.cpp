@@ -13,7 +13,7 @@
 namespace pelmar::platform {
 namespace {
 
-constexpr auto kPatience = std::chrono::seconds(2);
+constexpr auto kPatience = std::chrono::seconds(60);
 
 bool read_whole(int socket, uint8_t* to, size_t length) {
   while (length > 0) {
@@ -201,6 +201,11 @@ void ScriptedModem::send_raw(int connection, const Bytes& bytes) {
 std::set<std::pair<uint8_t, uint8_t>> ScriptedModem::client_ids() {
   const std::lock_guard lock(mutex_);
   return client_ids_;
+}
+
+bool ScriptedModem::comes_to_hold_no_ids() {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, kPatience, [this] { return client_ids_.empty(); });
 }
 
 void ScriptedModem::void_client_ids() {

@@ -50,7 +50,7 @@ class ScriptedModem {
   }
   void offer(std::set<uint8_t> services) { set(&Behaviour::services, std::move(services)); }
 
-  // The next request of a service; nothing within two seconds is an error of the test.
+  // The next request of a service; nothing within a minute is an error of the test.
   ScriptedRequest receive();
   size_t request_count();
 
@@ -63,8 +63,9 @@ class ScriptedModem {
 
   // Service and id of all that are allocated; nothing frees them but a client's release, or the test.
   std::set<std::pair<uint8_t, uint8_t>> client_ids();
+  bool comes_to_hold_no_ids();  // within a minute: a release does not wait for a slow modem
   void void_client_ids();
-  bool is_connected(int connection);  // still, after two seconds
+  bool is_connected(int connection);  // still, after a minute
 
   static Bytes frame(uint8_t service, uint8_t client, const Bytes& message);
   static Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs);

@@ -222,9 +222,11 @@ TEST_F(VoterTest, ACallbackMayUseItsHandleAndEndIt) {
 
 // An event that nobody acknowledges for long holds up no question, and late acknowledgements still go out.
 TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItself) {
+  std::promise<void> entered;
   std::promise<void> go_on;
   std::atomic<bool> is_over{false};
   act_ = [&, waited = go_on.get_future().share()](pm_event event) {
+    entered.set_value();
     waited.wait();
     pm_client_event_acknowledge(handle_, event);
     std::this_thread::sleep_for(50ms);  // time for an end that does not wait to be seen
@@ -232,6 +234,7 @@ TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItself) {
   };
   enrol();
   manager_.send(Event{EVENT_PERIPH_GOING_OFFLINE});
+  entered.get_future().wait();
   EXPECT_EQ(answered(pm_client_connect, Vote{}), PM_RET_SUCCESS);
   manager_.send(Event{EVENT_PERIPH_IS_OFFLINE});
   EXPECT_EQ(answered(pm_client_disconnect, Withdraw{}), PM_RET_SUCCESS);

@@ -38,10 +38,10 @@ class QmuxClient {
   void send_request(uint8_t service, uint8_t client, uint16_t message, const Bytes& tlvs = {});
 
   // Nothing where no whole frame comes in that time, or the connection ends.
-  std::optional<Received> receive(int timeout_ms = 10'000);
+  std::optional<Received> receive(int timeout_ms = 60'000);
   // Whatever comes next, up to a size; empty where the connection ends.
-  Bytes receive_raw(size_t most, int timeout_ms = 10'000);
-  bool is_closed_by_modem(int timeout_ms = 10'000);
+  Bytes receive_raw(size_t most, int timeout_ms = 60'000);
+  bool is_closed_by_modem(int timeout_ms = 60'000);
 
   // Sends and waits for the answer to it; indications on the way are skipped.
   Received ask(uint8_t service, uint8_t client, uint16_t message, const Bytes& tlvs = {});

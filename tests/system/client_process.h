@@ -24,7 +24,7 @@ class ClientProcess {
   ClientProcess& operator=(const ClientProcess&) = delete;
 
   // The next line of the process's standard output, without its end; "" when it says nothing for long or ended.
-  std::string line(int patience_ms = 30'000);
+  std::string line(int patience_ms = 90'000);
   std::string rest();  // all that follows, up to the process's end
 
   void tell(const std::string& line);  // to its standard input

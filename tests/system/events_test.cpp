@@ -32,7 +32,7 @@ class EventsTest : public ModemTest {
   static Payload next(uint32_t id) {
     std::unique_lock guard(lock_);
     Payload payload{};
-    const bool came = changed_.wait_for(guard, 10s, [] { return !events_.empty(); });
+    const bool came = changed_.wait_for(guard, 60s, [] { return !events_.empty(); });
     EXPECT_TRUE(came) << "no event " << id;
     if (!came) return payload;
     const Event event = events_.front();

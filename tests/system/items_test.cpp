@@ -107,7 +107,7 @@ TEST_F(ItemsTest, APassThroughCommandAnswersWithDataAndThenItsEnd) {
   Answers answers;
   ASSERT_EQ(modem_api_common_command_async(client, payload.data(), 512, &answers, Answers::add), MODEM_API_SUCCESS);
   std::unique_lock guard(answers.lock);
-  answers.changed.wait_for(guard, std::chrono::seconds(10), [&] { return answers.calls.size() == 2; });
+  answers.changed.wait_for(guard, std::chrono::seconds(60), [&] { return answers.calls.size() == 2; });
   ASSERT_EQ(answers.calls.size(), 2u);
   EXPECT_EQ(answers.calls[0], (std::pair{payload, uint32_t{MODEM_API_SUCCESS}}));
   EXPECT_EQ(answers.calls[1], (std::pair{Bytes{}, uint32_t{MODEM_API_RESP_END}}));
@@ -151,12 +151,11 @@ TEST_F(ItemsTest, AKilledClientFreesItsId) {
 
 TEST_F(ItemsTest, AClientWaitsForAServiceThatIsAbsentForThreeTries) {
   tell("service vs down");
-  const auto start = std::chrono::steady_clock::now();
   auto opening = std::async(std::launch::async, [] { return open(MODEM_API_CLIENT_VS); });
   std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // tries 0, 1 and 2 fail
+  EXPECT_EQ(opening.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   tell("service vs up");
   const int32_t client = opening.get();
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
   EXPECT_EQ(modem_api_notify_shutdown(client), MODEM_API_SUCCESS);
 }
 
@@ -171,7 +170,7 @@ TEST_F(ItemsTest, AModemThatDiesInTheMiddleOfAResponseEndsTheCallAtOnce) {
   EXPECT_EQ(modem_api_read_nv(client, 1, 0, 0, data, &length), MODEM_API_ERR_GENERIC);
   EXPECT_EQ(data[0], 42) << "no part of an answer that broke off";
   EXPECT_EQ(modem_api_write_nv(client, 1, 0, 0, &byte, 1), MODEM_API_ERR_GENERIC) << "not while the service is gone";
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(25)) << "no command waits for its time-out";
   EXPECT_EQ(modem().end(0), 70);
   EXPECT_EQ(modem_api_free_client(client), MODEM_API_SUCCESS);
 }

@@ -40,7 +40,7 @@ class Callbacks : public LibraryTest {
     std::vector<std::future<void>> ends;
     for (auto& work : works) ends.push_back(std::async(std::launch::async, std::move(work)));
     for (auto& end : ends) {
-      if (end.wait_for(std::chrono::seconds(20)) == std::future_status::ready) continue;
+      if (end.wait_for(std::chrono::seconds(45)) == std::future_status::ready) continue;
       ADD_FAILURE() << "threads wait for each other";
       std::fflush(nullptr);
       std::_Exit(1);

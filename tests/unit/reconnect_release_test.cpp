@@ -1,5 +1,6 @@
 // What ends a connection that comes back by itself: a release at any moment, also under load, and the process's end.
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "reconnect_test.h"
@@ -18,14 +19,14 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
       SCOPED_TRACE(testing::Message() << place << by_other_thread);
       start();
       const qmi_client_type lost = open();
-      std::thread other;
+      std::future<void> other;
       const auto release = [&] {
         if (!by_other_thread) return void(connection_.release());
         set_threads(Threads::kRun);
-        other = std::thread([&] { connection_.release(); });
+        other = std::async(std::launch::async, [&] { connection_.release(); });
         set_threads(Threads::kHold);
         while (!logged(entry("release"))) std::this_thread::yield();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        other.wait_for(std::chrono::milliseconds(200));  // time to get where it ends, or waits for this thread
       };
       bool released = false;
       const auto release_once = [&] {
@@ -42,7 +43,7 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
         return released ? 0 : QMI_TIMEOUT_ERR;
       };
       run_held();
-      if (other.joinable()) other.join();
+      if (other.valid()) other.get();
       EXPECT_EQ(statuses().back(), 0u);
       EXPECT_EQ(statuses().size(), place == kSuspending ? 2u : 4u);
       EXPECT_EQ(open_handles(), place == kResuming ? 1u : 0u);  // a notifier is dropped without release

@@ -23,7 +23,7 @@ namespace {
 
 constexpr uint32_t kMostPauseUs = 1000;  // between two operations of a worker
 constexpr std::chrono::milliseconds kTendInterval{20};
-constexpr std::chrono::seconds kSettlePatience{30};
+constexpr std::chrono::seconds kSettlePatience{90};
 
 // Threads that run the party's operations while they are told to.
 class Workers {
