@@ -90,10 +90,10 @@ void EventLoop::arm_timer() {
   if (pending_timers_.empty()) return;
   const std::chrono::nanoseconds wait = pending_timers_.begin()->first.first - Clock::now();
   if (wait.count() < 1) return;
-  itimerspec spec{};
-  spec.it_value.tv_sec = wait.count() / 1'000'000'000;
-  spec.it_value.tv_nsec = wait.count() % 1'000'000'000;
-  timerfd_settime(timer_fd_.get(), 0, &spec, nullptr);
+  itimerspec expiry{};
+  expiry.it_value.tv_sec = wait.count() / 1'000'000'000;
+  expiry.it_value.tv_nsec = wait.count() % 1'000'000'000;
+  timerfd_settime(timer_fd_.get(), 0, &expiry, nullptr);
 }
 
 void EventLoop::run_due_timers() {
