@@ -150,7 +150,9 @@ QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const
       ControlIndication indication;
       if (load_control_indication(frame, indication)) {
         saw_restart_ |= indication.event == ControlIndication::kRestarted;
-        if (indication.event == ControlIndication::kRevoked) revoked_.insert({indication.service, indication.client});
+        if (indication.event == ControlIndication::kRevoked && id == ControlMessage::kAllocateClientId) {
+          revoked_.insert({indication.service, indication.client});
+        }
       }
       if (!is_control(frame, kControlResponse) || frame.message[1] != transaction_ ||
           load_u16(frame.message + 2) != static_cast<uint16_t>(id)) {
