@@ -40,38 +40,22 @@ TEST(CommandLine, TakesGlobalOptionsOnBothSidesOfTheCommand) {
   }
 }
 
-TEST(CommandLine, TakesEveryCommand) {
+TEST(CommandLine, TakesOptionsUpToTheirLimits) {
   for (const char* text : {"nv read 0xFFFFFFFF --qualifier 255 --index 65535",
-                           "nv write 1 0a 1b",
-                           "nv write 1 --text a",
                            "nv delete 1",
                            "efs read 1 --qualifier 65535",
-                           "efs write 1 @file",
-                           "efs delete 1",
-                           "efs-path read /a @out",
                            "efs-path write /a 00 --index 255",
-                           "efs-path delete /a",
                            "rfnv read 1 -o out",
-                           "rfnv write 1 00",
-                           "rfnv delete 1",
                            "efs-sync --mode -128 --value 1 --option 65535",
-                           "raw 00 --async",
                            "info",
                            "events --count 1 --for 2 --services",
                            "signal",
                            "signal --sub 1 --watch --rate 50 --for 3 --csv a --plot b",
-                           "signal --from a --plot b",
-                           "tx-power",
-                           "tx-power --max",
                            "sys-mode --sub 1",
-                           "feature",
                            "feature on --number 4294967295",
                            "stats get lte-pcc 0x67 --sub 1 --slot 65535 --parameters 0a1b",
                            "stats clear 1 2 3 4 5 6 7 8 9 10",
-                           "stats report on",
-                           "stats report off --client 3",
                            "stats register lte-pcc --parameter 1 2 3 4 5 --option1 1 --option2 65535 --count 3",
-                           "stats deregister 82 --client 0",
                            "cell-info",
                            "cell-info --sub 1",
                            "drx",
@@ -80,19 +64,11 @@ TEST(CommandLine, TakesEveryCommand) {
                            "avoid-trm on --sub 0",
                            "nr-mode 2 -y",
                            "sar set 4294967295 --hold 5",
-                           "shutdown-notice",
-                           "reset --yes",
                            "power vote --for 1 --device modem",
-                           "power release",
-                           "power status",
                            "power watch --count 4 --for 2",
-                           "ssr get",
                            "ssr set dump",
-                           "ssr name",
                            "ssr wait 0",
-                           "props get a",
-                           "props set a b",
-                           "props list"}) {
+                           "props set a b"}) {
     EXPECT_EQ(parse(text), std::nullopt) << text;
   }
 }
@@ -116,7 +92,6 @@ TEST(CommandLine, RefusesWhatItCannotCarryOut) {
                                                           "rfnv read 1 --qualifier 1",
                                                           "efs-path read /" + std::string(100, 'a'),
                                                           "efs-sync --mode 128",
-                                                          "signal --rate 0",
                                                           "signal --rate 51",
                                                           "tx-power --sub 1 --max",
                                                           "feature maybe",

@@ -255,13 +255,5 @@ TEST(StatisticValues, FloatsAndRepeatedNames) {
   EXPECT_EQ(object["fields"]["pathloss"].dump(), "[0.0,1.0,0.0,0.0]");
 }
 
-TEST(StatisticValues, GoByNameOrNumber) {
-  EXPECT_EQ(parse_statistic("lte-scc6"), 0x6cU);
-  EXPECT_EQ(parse_statistic("0x1234"), 0x1234U);
-  EXPECT_EQ(parse_statistic("lte"), std::nullopt);
-  EXPECT_EQ(statistic_text(0x6), "0x06 (nr-scc1)");
-  EXPECT_EQ(statistic_text(0x1234), "0x1234");
-}
-
 }  // namespace
 }  // namespace pelmar::cli

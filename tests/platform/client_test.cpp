@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <stdexcept>
 
 #include "client_fixture.h"
 
@@ -191,18 +190,6 @@ TEST_F(ClientTest, ACallbackMaySendAndHoldsUpNobodyElse) {
   EXPECT_EQ(events(3).back(), "indication 3 (0)");
   go_on.set_value();
   EXPECT_EQ(events(4).back(), "indication 2 (0)");
-}
-
-TEST_F(ClientTest, ReadsThroughGarbageAndPieces) {
-  const qmi_client_type handle = connect();
-  auto sent = sender(handle);
-  const ScriptedRequest request = modem_.receive();
-  Bytes stream(200, 0x01);
-  const Bytes answer = ScriptedModem::frame(
-      kNasId, request.client, ScriptedModem::message(2, request.transaction, kDrx, ScriptedModem::drx_response(9)));
-  stream.insert(stream.end(), answer.begin(), answer.end());
-  for (const uint8_t byte : stream) modem_.send_raw(0, {byte});
-  EXPECT_EQ(sent.get(), (Outcome{QMI_NO_ERR, 9}));
 }
 
 TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {

@@ -304,11 +304,6 @@ TEST_F(VoterTest, AManagerTellsItsCountToWhoeverAsks) {
   ASSERT_TRUE(count);
   EXPECT_EQ(count->state, EVENT_PERIPH_GOING_ONLINE);
   EXPECT_EQ(count->voters, (std::vector<VoterEntry>{{0x01020304, true, "one"}, {5, false, std::string(63, 'x')}}));
-
-  ::unsetenv("PELMAR_PM_SOCKET");
-  ::setenv("PELMAR_QMI_SOCKET", "/run/modem", 1);
-  EXPECT_EQ(manager_socket(), "/run/modem.pm");
-  EXPECT_FALSE(ask_for_count(manager_socket()));
 }
 
 }  // namespace

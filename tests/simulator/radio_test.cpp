@@ -135,14 +135,6 @@ TEST(StatisticRows, AValueIsItsFieldsOneAfterTheOther) {
   const uint8_t expected[] = {1, 0xF6, 0xFF, 0xFF, 23, 0, 0, 0};
   EXPECT_TRUE(std::equal(std::begin(bytes), std::end(bytes), expected)) << "cut to what the fields hold";
   EXPECT_EQ(unpack(WireType::kI16, bytes + 1), -10);
-
-  const StatisticRow& nr = *find_statistic(0x5a);
-  std::array<double, kMaxFields> powers{};
-  powers[1] = -3.5;
-  uint8_t nr_bytes[52];
-  ASSERT_EQ(pack(nr, powers, nr_bytes), sizeof nr_bytes);
-  EXPECT_EQ(unpack(WireType::kFloat, nr_bytes + 4), -3.5);
-  EXPECT_EQ(nr_bytes[7], 0xC0);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // What the services answer, and that what was set has its effect.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 
 #include "nas_messages.h"
@@ -20,16 +19,6 @@ class Services : public testing::Test {
   ScratchDirectory directory_;
   SimProcess modem_{directory_, {"--clock-ms", "0"}};
 };
-
-TEST_F(Services, APassThroughCommandComesBackWhole) {
-  VsClient client(modem_);
-  vs::PassThroughRequest request{};
-  request.payload_len = vs::kMaxPassThroughBytes;
-  for (size_t i = 0; i < vs::kMaxPassThroughBytes; ++i) request.payload[i] = static_cast<uint8_t>(i * 7);
-  const auto response = client.call<vs::PassThroughResponse>(vs::kPassThrough, request);
-  EXPECT_EQ(response.data_len, request.payload_len);
-  EXPECT_TRUE(std::equal(std::begin(request.payload), std::end(request.payload), response.data));
-}
 
 TEST_F(Services, EventsGoToThoseThatAskedForThem) {
   VsClient ab(modem_);

@@ -73,18 +73,6 @@ TEST_F(ItemsTest, EveryKindOfItemIsWrittenReadAndDeleted) {
             MODEM_API_ERR_INVALID_PARAM);
 }
 
-TEST_F(ItemsTest, ItemsOutliveTheModem) {
-  const Bytes data = {9, 8, 7};
-  int32_t client = open(MODEM_API_CLIENT_VS);
-  ASSERT_EQ(modem_api_write_nv(client, 1, 0, 0, data.data(), 3), MODEM_API_SUCCESS);
-  EXPECT_EQ(modem().end(SIGTERM), 0);
-  modem_api_free_client(client);
-  start_modem();
-  client = open(MODEM_API_CLIENT_VS);
-  EXPECT_EQ(read([&](uint8_t* out, uint32_t* length) { return modem_api_read_nv(client, 1, 0, 0, out, length); }),
-            data);
-}
-
 // What an asynchronous command told its callback, in order.
 struct Answers {
   std::mutex lock;

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "modem_api.h"
@@ -17,13 +16,12 @@ namespace pelmar::system_test {
 class ModemTest : public testing::Test {
  protected:
   // options: of the simulated modem.
-  explicit ModemTest(std::vector<std::string> options = {}) : options_(std::move(options)) {
+  explicit ModemTest(const std::vector<std::string>& options = {}) {
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    start_modem();
+    modem_ = std::make_unique<sim::test::SimProcess>(directory_, options);
     setenv("PELMAR_QMI_SOCKET", modem_->socket().c_str(), 1);
   }
 
-  void start_modem() { modem_ = std::make_unique<sim::test::SimProcess>(directory_, options_); }
   sim::test::SimProcess& modem() { return *modem_; }
   void tell(const std::string& command) { modem_->operator_command(command); }
   std::string path(const std::string& name) const { return directory_.path(name); }
@@ -37,7 +35,6 @@ class ModemTest : public testing::Test {
   }
 
  private:
-  const std::vector<std::string> options_;
   sim::test::ScratchDirectory directory_;
   std::unique_ptr<sim::test::SimProcess> modem_;
 };

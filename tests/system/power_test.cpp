@@ -20,10 +20,7 @@ using Bytes = std::vector<uint8_t>;
 class PowerTest : public ModemTest {
  protected:
   // An acknowledgement has so long that a test which waits for one in vain ends by its own limit.
-  explicit PowerTest(const std::string& acknowledge_ms = "600000")
-      : ModemTest({"--pm-socket", "--pm-ack-ms", acknowledge_ms}) {
-    unsetenv("PELMAR_PM_SOCKET");
-  }
+  PowerTest() : ModemTest({"--pm-socket", "--pm-ack-ms", "600000"}) { unsetenv("PELMAR_PM_SOCKET"); }
 
   // Whether the manager comes to count so many votes, and to that state at the end of the way.
   bool comes_to(size_t votes, const std::string& state) {
@@ -67,26 +64,6 @@ TEST_F(PowerTest, AVoteEndsWithItsProcessAlsoWhereAChildHasItsConnection) {
   ASSERT_EQ(voter.line(), "voted");
   ASSERT_TRUE(comes_true([&] { return modem().operator_command("power").at("power"); }));
   EXPECT_EQ(voter.end(SIGKILL), -SIGKILL);
-  EXPECT_TRUE(comes_to(0, "off-line"));
-}
-
-class ImpatientPowerTest : public PowerTest {
- protected:
-  ImpatientPowerTest() : PowerTest("100") {}
-};
-
-TEST_F(ImpatientPowerTest, AVoterThatNeverAcknowledgesHoldsUpNobodyForLong) {
-  ClientProcess mute("mtb", {"vote_mutely"});
-  ASSERT_EQ(mute.line(), "voted");
-  ASSERT_TRUE(comes_to(1, "on-line"));
-  ClientProcess voter("mtb", {"vote"});
-  ASSERT_EQ(voter.line(), "voted");
-  mute.finish();
-  EXPECT_EQ(mute.end(), 0);
-  ASSERT_TRUE(comes_to(1, "on-line"));
-  EXPECT_GE(modem().operator_command("power").at("manager").at("overdue_acknowledgements"), 1);
-  voter.finish();
-  EXPECT_EQ(voter.end(), 0);
   EXPECT_TRUE(comes_to(0, "off-line"));
 }
 

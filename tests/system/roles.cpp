@@ -12,7 +12,6 @@
 #include "modem_api.h"
 #include "modem_api_peripheral_mng.h"
 #include "pelmar_log.h"
-#include "pm-service.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -120,31 +119,15 @@ int vote_with_heir(char**) {
   return keep_vote();
 }
 
-// Votes, and acknowledges nothing.
-int vote_mutely(char**) {
-  void* handle = nullptr;
-  pm_event state = EVENT_PERIPH_IS_OFFLINE;
-  if (pm_client_register([](void*, pm_event) {}, nullptr, "modem", "mute", &state, &handle) != 0) return 1;
-  if (pm_client_connect(handle) != 0) return 1;
-  say("voted");
-  wait_for_end_of_input();
-  return pm_client_unregister(handle);
-}
-
 struct Role {
   const char* name;
   int (*run)(char** arguments);
 };
 
-constexpr Role kRoles[] = {{"init", init},
-                           {"hold", hold},
-                           {"items", items},
-                           {"talk", talk},
-                           {"leave", leave},
-                           {"chaos", chaos::run_client},
-                           {"vote", vote},
-                           {"vote_with_heir", vote_with_heir},
-                           {"vote_mutely", vote_mutely}};
+constexpr Role kRoles[] = {{"init", init},   {"hold", hold},
+                           {"items", items}, {"talk", talk},
+                           {"leave", leave}, {"chaos", chaos::run_client},
+                           {"vote", vote},   {"vote_with_heir", vote_with_heir}};
 
 }  // namespace
 

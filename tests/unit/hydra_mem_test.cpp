@@ -126,14 +126,5 @@ TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
   EXPECT_NE(dump().find("caller_proc=\"" + std::string(49, 'p') + "\""), std::string::npos);
 }
 
-TEST(TracedAllocationFailure, AnswersNull) {
-  if (!FailAllocationOf::is_supported()) GTEST_SKIP();
-  settle_log();
-  const FailAllocationOf failure(12345);
-  EXPECT_EQ(hydra_malloc_adv(12345, "f", 1), nullptr);
-  EXPECT_EQ(new_messages().back(), "E hydra_malloc_adv: Fail to allocate memory");
-  hydra_free_adv(nullptr, "f", 1);
-}
-
 }  // namespace
 }  // namespace scripted

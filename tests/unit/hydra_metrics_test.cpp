@@ -118,19 +118,6 @@ TEST_F(HydraMetrics, FillWhatTheValueHas) {
   }
 }
 
-TEST_F(HydraMetrics, ReadNumbersInLittleEndian) {
-  values[{0, 0x52}] = bytes(
-      "01 02 14050000 F701 01 0F00"
-      "A6FFFFFF F6FFFFFF BEFFFFFF 0C000000  A5FFFFFF F5FFFFFF BDFFFFFF 0B000000"
-      "A4FFFFFF F4FFFFFF BCFFFFFF 0A000000  A3FFFFFF F3FFFFFF BBFFFFFF FEFFFFFF");
-  modem_hydra_lte_srv_meas_info cell = {};
-  ASSERT_EQ(modem_hydra_lte_srv_meas_info_get_for_pcc(0, &cell), 1);
-  EXPECT_EQ(cell.earfcn, 1300u);
-  EXPECT_EQ(cell.pci, 503);
-  EXPECT_THAT(cell.rsrp, testing::ElementsAre(-90, -91, -92, -93));
-  EXPECT_THAT(cell.snr, testing::ElementsAre(12, 11, 10, -2));
-}
-
 TEST_F(HydraMetrics, RefuseWithoutTouchingTheRecord) {
   open_hydra();
   for (const Metric& metric : kMetrics) {

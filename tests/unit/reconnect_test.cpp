@@ -259,24 +259,4 @@ TEST_P(Reconnect, EndsAsynchronousExchanges) {
 
 INSTANTIATE_TEST_SUITE_P(, Reconnect, testing::ValuesIn(kConnections), [](const auto& row) { return row.param.name; });
 
-// What clients see of a restart: notices, refusals while it lasts, and nothing of it on the other subscription.
-TEST_F(LibraryTest, RestartOfOneSubscription) {
-  for (modem_api_client_type type = 0; type < MODEM_API_CLIENT_TYPES; ++type) open(type);
-  const qmi_client_type other = nas_1_client_info.client_handle;
-  forget();
-  set_threads(Threads::kHold);
-  lose_service(nas_0_client_info.client_handle);
-  EXPECT_THAT(notices, ElementsAre(std::pair(MODEM_API_NOTICE_SERVICE_DOWN, MODEM_API_CLIENT_NAS_0)));
-  run_held();
-  announce_service(last_notifier());
-  EXPECT_EQ(modem_api_set_avoid_trm(2, 0, 1), MODEM_API_ERR_INVALID_CLIENT);
-  run_held();
-  EXPECT_EQ(notices.back(), std::pair(uint32_t{MODEM_API_NOTICE_SERVICE_UP}, uint32_t{MODEM_API_CLIENT_NAS_0}));
-  EXPECT_EQ(notices.size(), 2u);
-  for (const Call& call : calls()) EXPECT_NE(call.handle, other);
-  EXPECT_EQ(nas_1_client_info.client_handle, other);
-  EXPECT_EQ(modem_api_set_avoid_trm(2, 0, 1), MODEM_API_SUCCESS);
-  EXPECT_EQ(modem_api_set_avoid_trm(3, 1, 1), MODEM_API_SUCCESS);
-}
-
 }  // namespace

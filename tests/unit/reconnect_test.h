@@ -25,19 +25,16 @@ struct Connection {
   void (*set_status_callback)(modem_api_operational_status_fn);
   decltype(&sar_client_send_msg_sync) send;
   decltype(&sar_client_send_msg_async) send_async;
-  qmi_client_ind_cb indication;
   qmi_client_error_cb service_down;
   void* (*release_thread)(void*);
-  void* (*resume_thread)(void*);
 };
 
 #define CONNECTION(prefix, type, sub)                                                                                  \
   {                                                                                                                    \
 #prefix "_client", type, sub, &prefix##_client_info, prefix##_init, prefix##_client_init,                          \
         prefix##_client_init_client_handles, prefix##_client_release, prefix##_client_set_operational_status_callback, \
-        prefix##_client_send_msg_sync, prefix##_client_send_msg_async, prefix##_client_unsol_ind_cb,                   \
-        prefix##_client_service_down_event, prefix##_client_release_qmi_client_thread,                                 \
-        prefix##_client_resume_qmi_client_thread                                                                       \
+        prefix##_client_send_msg_sync, prefix##_client_send_msg_async, prefix##_client_service_down_event,             \
+        prefix##_client_release_qmi_client_thread                                                                      \
   }
 
 inline const Connection kConnections[] = {CONNECTION(sar, MODEM_API_CLIENT_SAR, -1),

@@ -125,10 +125,6 @@ bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type eve
 // Ends the oldest asynchronous send with a response structure (its beginning) and a transport code.
 void complete_send(const std::vector<uint8_t>& response, int code = 0);
 
-// Encodes a decoded structure as wire bytes, with the real codec.
-std::vector<uint8_t> encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
-                            const void* structure, size_t length);
-
 // --- peripheral manager ---
 
 struct PmCall {

@@ -190,17 +190,6 @@ void complete_send(const std::vector<uint8_t>& response, int code) {
   send.callback(send.handle, send.msg_id, send.response, send.response_length, send.data, code);
 }
 
-std::vector<uint8_t> encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
-                            const void* structure, size_t length) {
-  std::vector<uint8_t> bytes(16384);
-  size_t size = 0;
-  if (pelmar::platform::encode(service, type, msg_id, structure, length, bytes.data(), bytes.size(), &size) != 0) {
-    std::abort();
-  }
-  bytes.resize(size);
-  return bytes;
-}
-
 }  // namespace scripted
 
 using namespace scripted;
