@@ -132,6 +132,8 @@ TEST_F(Command, TellsTheCallbackHowItEnded) {
   std::fill(longest.begin() + 12, longest.end(), 0x5A);
   std::string longest_text;
   for (int i = 0; i < 512; ++i) longest_text += "5a";
+  Bytes beyond = longest;  // its length states a byte more than a response can hold
+  beyond[8] = 1;
   const struct {
     int code;
     Bytes response;
@@ -140,6 +142,7 @@ TEST_F(Command, TellsTheCallbackHowItEnded) {
       {0, structure(524, "8:03 12:070809"), {"070809 0", "- 2"}},
       {0, structure(524, "0:01 4:1A 8:01 12:07"), {"07 0", "- 2"}},
       {0, longest, {longest_text + " 0", "- 2"}},
+      {0, beyond, {longest_text + "00 0", "- 2"}},
       {0, structure(524, ""), {" 0", "- 2"}},
       {0, structure(524, "0:01 4:34 8:01"), {"- 8"}},
       {-3, structure(524, "8:01"), {"- 11"}},
@@ -201,13 +204,16 @@ TEST_F(Command, SurvivesALackOfMemory) {
   expect_refused(524, {failure, "E modem_api_common_command_async: Unexpected NULL pointer, return error 3!"});
   expect_refused(16, {failure});
 
-  ASSERT_EQ(send_async({}), 0);
-  {
-    const FailAllocationOf failing(509);
-    complete_send(structure(524, "8:FD01"));
+  for (const auto& [length, response] : std::map<size_t, const char*>{{509, "8:FD01"}, {UINT32_MAX, "8:FFFFFFFF"}}) {
+    told.clear();
+    ASSERT_EQ(send_async({}), 0);
+    {
+      const FailAllocationOf failing(length);
+      complete_send(structure(524, response));
+    }
+    EXPECT_THAT(told, ElementsAre("- 3", "- 2"));
+    EXPECT_THAT(held_blocks(), IsEmpty());
   }
-  EXPECT_THAT(told, ElementsAre("- 3", "- 2"));
-  EXPECT_THAT(held_blocks(), IsEmpty());
 }
 
 }  // namespace

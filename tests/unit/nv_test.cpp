@@ -140,6 +140,9 @@ TEST_F(Nv, ReadsBringWhatFits) {
                {"8:03", 3, 0, 3},
                {"9:01", 256, 256, 0},
                {"9:01", 256, 255, 3},
+               {"8:2C01", 300, 300, 0},  // what is stated counts, also where a response cannot hold it
+               {"8:2C01", 300, 299, 3},
+               {"8:FFFFFFFF", UINT32_MAX, 512, 3},
                {"0:01 4:32 8:03", 3, 256, 1}};
   for_each(Kind::kRead, [&](const Operation& operation) {
     for (const auto& read : reads) {
@@ -154,7 +157,10 @@ TEST_F(Nv, ReadsBringWhatFits) {
       EXPECT_EQ(operation.call(MODEM_API_CLIENT_VS, data_), read.result);
       EXPECT_EQ(length_, read.result == 0 ? read.size : read.capacity);
       Bytes expected(512, 0xEE);
-      if (read.result == 0) std::fill_n(expected.begin(), read.size, 0x77);
+      if (read.result == 0) {
+        std::fill_n(expected.begin(), read.size, 0);
+        std::fill_n(expected.begin(), std::min(read.size, 256U), 0x77);
+      }
       EXPECT_EQ(buffer_, expected);
     }
   });

