@@ -1,4 +1,7 @@
 // How a connection comes up, is lost and comes back by itself.
+#include <cerrno>
+#include <tuple>
+
 #include "reconnect_test.h"
 #include "vs_client.h"
 
@@ -12,6 +15,15 @@ TEST_P(Reconnect, TriesTenTimesAtMost) {
     SCOPED_TRACE(failures);
     int attempts = 0;
     on_init_instance = [&](int) { return attempts++ < failures ? QMI_TIMEOUT_ERR : 0; };
+    // Signals that cut the pauses short change nothing: the rest of each is waited for.
+    const bool interrupted = failures == 9;
+    on_sleep = [&](unsigned) {
+      if (interrupted) errno = EINTR;
+    };
+    timespec before;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    waits.clear();
+    errno = EINTR;  // from something earlier
     // A binding that the modem refuses changes nothing.
     on_send = [](const Call& call) { return Answer{0, header(call.msg_id == 0x0045, 48)}; };
     const bool up = failures < 10;
@@ -19,6 +31,10 @@ TEST_P(Reconnect, TriesTenTimesAtMost) {
     EXPECT_EQ(connection_.open(on_event), up);
     EXPECT_EQ(statuses(), (Statuses{1, up ? 3u : 2u}));
     EXPECT_EQ(sleeps, std::vector<unsigned>(std::min<size_t>(failures, 9), 1));
+    EXPECT_EQ(waits.size(), interrupted ? 18u : 0u);
+    for (const timespec& end : waits) {
+      EXPECT_GE(std::tie(end.tv_sec, end.tv_nsec), std::tuple(before.tv_sec + 1, before.tv_nsec));
+    }
     EXPECT_EQ(calls(), attempt_calls(failures, last_connection()));
     EXPECT_EQ(connection_.context->client_handle, up ? last_connection() : nullptr);
     EXPECT_EQ(connection_.context->connected, up);
@@ -28,6 +44,7 @@ TEST_P(Reconnect, TriesTenTimesAtMost) {
     EXPECT_EQ(log_bodies(), lines);
     connection_.release();
   }
+  on_sleep = nullptr;
   // The attempts alone report nothing.
   on_init_instance = [](int) { return QMI_TIMEOUT_ERR; };
   start();

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -53,6 +54,8 @@ int reads_of(const std::string& name);
 
 extern std::vector<unsigned>& sleeps;            // seconds, in order
 extern std::function<void(unsigned)>& on_sleep;  // runs instead of a sleep; may be empty
+// Ends of the waits on the monotonic clock, which take no time either: every other one is interrupted by a signal.
+extern std::vector<timespec>& waits;
 
 // --- allocation and threads ---
 

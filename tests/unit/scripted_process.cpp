@@ -1,6 +1,7 @@
 // What the process gives the library: properties, sleeps that take no time, memory that may run out, and threads.
 #include <cutils/properties.h>
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
@@ -15,6 +16,7 @@ std::map<std::string, std::string>& properties = kNewObject;
 std::vector<PropertyWrite>& property_writes = kNewObject;
 std::vector<unsigned>& sleeps = kNewObject;
 std::function<void(unsigned)>& on_sleep = kNewObject;
+std::vector<timespec>& waits = kNewObject;
 
 namespace {
 
@@ -98,6 +100,14 @@ unsigned sleep(unsigned seconds) {
   }
   if (on_sleep) on_sleep(seconds);
   return 0;
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* end, timespec*) {
+  EXPECT_EQ(clock, CLOCK_MONOTONIC);
+  EXPECT_EQ(flags, TIMER_ABSTIME);
+  Guard guard(process().lock);
+  waits.push_back(*end);
+  return waits.size() % 2 == 1 ? EINTR : 0;
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

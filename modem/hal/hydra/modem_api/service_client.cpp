@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "pelmar_log_site.h"
 #include "shared_word.h"
@@ -40,6 +42,18 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   return code;
 }
 
+// One call of sleep(). The time that a signal takes from it is waited for on the clock.
+void pause_between_attempts() {
+  timespec end;
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  end.tv_sec += kRetryPauseSeconds;
+  errno = 0;
+  sleep(kRetryPauseSeconds);
+  if (errno != EINTR) return;
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+  }
+}
+
 bool make_attempts(const ServiceClient& client, const char* function) {
   const uint32_t generation = client.state.generation.load();
   client.state.phase.store(Phase::kConnecting);
@@ -47,7 +61,7 @@ bool make_attempts(const ServiceClient& client, const char* function) {
   qmi_client_type handle = nullptr;
   int code = QMI_INTERNAL_ERR;
   for (int number = 0; number <= kRetries; ++number) {
-    if (number > 0) sleep(kRetryPauseSeconds);
+    if (number > 0) pause_between_attempts();
     if (is_stale(client, generation)) return false;
     if (number > 0 || client.logs_first_try) {
       PELMAR_LOG_DEBUG_AS(function, "Trying qmi_client_init_instance() try # %d port[%d]", number,
