@@ -57,11 +57,16 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
 }
 
 TEST_P(ReconnectRelease, MayBeReleasedByItsStatusCallback) {
-  for (const uint32_t last : {4u, 5u, 6u, 3u}) {
+  for (const auto& [framework, last] : std::vector<std::pair<Framework, uint32_t>>{{Framework::kLinux, 4},
+                                                                                   {Framework::kPhone, 4},
+                                                                                   {Framework::kPhone, 5},
+                                                                                   {Framework::kPhone, 6},
+                                                                                   {Framework::kPhone, 3}}) {
     SCOPED_TRACE(last);
+    set_framework(framework);
     start();
     const qmi_client_type lost = open();
-    reports.react = [&](uint32_t status) {
+    reports.react = [this, last = last](uint32_t status) {
       if (status == last) connection_.release();
     };
     lose_service(lost);

@@ -1,5 +1,8 @@
 // The QMI framework: handles, sends that a test answers, and callbacks that a test sets off. The codec is the real one.
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -65,8 +68,33 @@ void record(Call call) {
   state().calls.push_back(std::move(call));
 }
 
-// The handle whose callback this thread is in.
-thread_local qmi_client_type t_calling_back = nullptr;
+std::atomic<Framework> g_framework{Framework::kLinux};
+
+// The handles whose callbacks this thread is in, the innermost last.
+thread_local std::vector<qmi_client_type> t_calling_back;
+
+int own_callbacks(qmi_client_type handle) {
+  return static_cast<int>(std::count(t_calling_back.begin(), t_calling_back.end(), handle));
+}
+
+// The phone's framework takes nothing in for a handle while a callback of it runs.
+void expect_outside_callbacks(qmi_client_type handle, const char* what) {
+  if (g_framework != Framework::kPhone || own_callbacks(handle) == 0) return;
+  ADD_FAILURE() << what << " inside a callback of its handle: it does not return on the phone";
+}
+
+// Runs a callback of a handle, without the lock.
+template <typename Run>
+void run_callback(std::unique_lock<std::mutex>& guard, qmi_client_type handle, Run run) {
+  ++handle->running_callbacks;
+  guard.unlock();
+  t_calling_back.push_back(handle);
+  run();
+  t_calling_back.pop_back();
+  guard.lock();
+  --handle->running_callbacks;
+  state().callback_ended.notify_all();
+}
 
 // Runs a callback of a handle with its data.
 template <typename Callback, typename Run>
@@ -75,15 +103,26 @@ bool call_back(qmi_client_type handle, Callback qmi_client_struct::*callback, vo
   const Callback function = handle->*callback;
   if (!handle->is_open || function == nullptr) return false;
   void* const argument = handle->*data;
-  ++handle->running_callbacks;
-  guard.unlock();
-  const qmi_client_type outer = std::exchange(t_calling_back, handle);
-  run(function, argument);
-  t_calling_back = outer;
-  guard.lock();
-  --handle->running_callbacks;
-  state().callback_ended.notify_all();
+  run_callback(guard, handle, [&] { run(function, argument); });
   return true;
+}
+
+void end_send(std::unique_lock<std::mutex>& guard, const PendingSend& send, unsigned response_length, int code) {
+  run_callback(guard, send.handle,
+               [&] { send.callback(send.handle, send.msg_id, send.response, response_length, send.data, code); });
+}
+
+// The phone's framework ends what is pending with the callback of each, on this thread.
+void end_pending(std::unique_lock<std::mutex>& guard, qmi_client_type handle, int code) {
+  const auto is_of_handle = [&](const PendingSend& send) { return send.handle == handle; };
+  auto& pending = state().pending;
+  while (g_framework == Framework::kPhone) {
+    const auto found = std::find_if(pending.begin(), pending.end(), is_of_handle);
+    if (found == pending.end()) return;
+    const PendingSend send = *found;
+    pending.erase(found);
+    end_send(guard, send, 0, code);
+  }
 }
 
 template <typename Callback>
@@ -170,6 +209,10 @@ bool indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t
 }
 
 bool lose_service(qmi_client_type handle, int error) {
+  {
+    std::unique_lock<std::mutex> guard(state().lock);
+    end_pending(guard, handle, error);
+  }
   return call_back(handle, &qmi_client_struct::error_cb, &qmi_client_struct::error_data,
                    [&](auto function, void* data) { function(handle, error, data); });
 }
@@ -180,14 +223,15 @@ bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type eve
 }
 
 void complete_send(const std::vector<uint8_t>& response, int code) {
-  PendingSend send;
-  {
-    Guard guard(state().lock);
-    send = state().pending.front();
-    state().pending.pop_front();
-  }
+  std::unique_lock<std::mutex> guard(state().lock);
+  const PendingSend send = state().pending.front();
+  state().pending.pop_front();
   fill_response(send.response, send.response_length, response);
-  send.callback(send.handle, send.msg_id, send.response, send.response_length, send.data, code);
+  end_send(guard, send, send.response_length, code);
+}
+
+void set_framework(Framework framework) {
+  g_framework = framework;
 }
 
 }  // namespace scripted
@@ -254,6 +298,7 @@ qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type handle, unsigned 
                   .timeout = timeout};
   record(call);
   if (handle == nullptr || !is_open(handle)) return QMI_CLIENT_INVALID_CLNT;
+  expect_outside_callbacks(handle, "a synchronous send");
   const Answer answer = on_send ? on_send(call) : Answer{};
   if (answer.code == 0 || !answer.response.empty()) fill_response(response, response_length, answer.response);
   return answer.code;
@@ -289,9 +334,11 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_
 qmi_client_error_type qmi_client_release(qmi_client_type handle) {
   record({.name = "release", .handle = handle});
   if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
+  expect_outside_callbacks(handle, "a release");
   std::unique_lock<std::mutex> guard(state().lock);
   handle->is_open = false;
-  const int own = t_calling_back == handle ? 1 : 0;
+  end_pending(guard, handle, QMI_INTERNAL_ERR);
+  const int own = own_callbacks(handle);
   state().callback_ended.wait(guard, [&] { return handle->running_callbacks <= own; });
   return 0;
 }

@@ -76,8 +76,7 @@ bool make_attempts(const ServiceClient& client, const char* function) {
     return false;
   }
   if (is_stale(client, generation)) {
-    const Aside aside(client.state);
-    qmi_client_release(handle);
+    release_handle(client.state, handle);
     return false;
   }
   store(*client.context.client_handle, handle);
@@ -87,9 +86,37 @@ bool make_attempts(const ServiceClient& client, const char* function) {
   return true;
 }
 
+void* release_on_thread(void* handle) {
+  qmi_client_release(static_cast<qmi_client_type>(handle));
+  return nullptr;
+}
+
 }  // namespace
 
-thread_local constinit uint32_t InCallback::depth_ = 0;
+thread_local constinit const InCallback* InCallback::innermost_ = nullptr;
+
+bool InCallback::is_of(qmi_client_type handle) {
+  const InCallback* callback = innermost_;
+  while (callback != nullptr && callback->handle_ != handle) callback = callback->outer_;
+  return callback != nullptr;
+}
+
+bool start_detached(void* (*routine)(void*), void* argument) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const int result = pthread_create(&thread, &attributes, routine, argument);
+  pthread_attr_destroy(&attributes);
+  return result == 0;
+}
+
+// Nobody waits for the detached thread: it ends after the callback, which may itself be waiting for somebody.
+void release_handle(ServiceClientState& state, qmi_client_type handle) {
+  if (InCallback::is_of(handle) && start_detached(release_on_thread, handle)) return;
+  const Aside aside(state);
+  qmi_client_release(handle);
+}
 
 void WorkerLock::wait_for_callbacks() {
   if (InCallback::is_now()) return;
@@ -168,10 +195,7 @@ void release(const ServiceClient& client) {
   report(client, OPERATIONAL_STATUS_IDLE);  // now that no worker reports any more
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
-  if (handle != nullptr) {
-    const Aside aside(client.state);
-    qmi_client_release(handle);
-  }
+  if (handle != nullptr) release_handle(client.state, handle);
   // A notifier that is held is dropped without release. Whoever prepared or released the client meanwhile has cleared
   // the context, or is about to.
   if (!is_stale(client, generation)) clear_context(client.context);

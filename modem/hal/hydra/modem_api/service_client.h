@@ -146,19 +146,34 @@ class Aside {
   ServiceClientState& state_;
 };
 
-// While it lives, this thread is in a callback that reaches the library's users.
+// While it lives, this thread is in a callback that may reach the library's users. Callbacks nest: a user may release a
+// connection in one, which may call back on the same thread.
 class InCallback {
  public:
-  InCallback() { ++depth_; }
-  ~InCallback() { --depth_; }
+  // handle: the connection whose indication, response or error callback the framework is running; null for any other
+  // callback, which no release of a handle waits for.
+  explicit InCallback(qmi_client_type handle = nullptr) : handle_(handle), outer_(innermost_) { innermost_ = this; }
+  ~InCallback() { innermost_ = outer_; }
   InCallback(const InCallback&) = delete;
   InCallback& operator=(const InCallback&) = delete;
 
-  static bool is_now() { return depth_ != 0; }
+  static bool is_now() { return innermost_ != nullptr; }
+  // Whether the framework is running a callback of the handle on this thread.
+  static bool is_of(qmi_client_type handle);
 
  private:
-  static thread_local constinit uint32_t depth_;
+  static thread_local constinit const InCallback* innermost_;
+
+  const qmi_client_type handle_;
+  const InCallback* const outer_;
 };
+
+// Starts a detached thread. False when there is none to be had.
+bool start_detached(void* (*routine)(void*), void* argument);
+
+// Releases a handle, outside the worker lock that this thread holds. The release waits for the callbacks of the handle,
+// so that inside one of them it would wait for itself: it then runs on a detached thread, where one can be started.
+void release_handle(ServiceClientState& state, qmi_client_type handle);
 
 // --- connection (service_client.cpp) ---
 

@@ -37,10 +37,11 @@
     PELMAR_LOG_EXIT_RET(code);                                                                                        \
     return code;                                                                                                      \
   }                                                                                                                   \
-  void prefix##_client_command_cb(qmi_client_type, unsigned int msg_id, void* response, unsigned int response_length, \
-                                  void* callback_data, qmi_client_error_type transport_error) {                       \
+  void prefix##_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* response,                       \
+                                  unsigned int response_length, void* callback_data,                                  \
+                                  qmi_client_error_type transport_error) {                                            \
     PELMAR_LOG_ENTRY();                                                                                               \
-    const pelmar::InCallback in_callback;                                                                             \
+    const pelmar::InCallback in_callback(handle);                                                                     \
     modem_api_process_response(msg_id, response, response_length, callback_data, transport_error);                    \
     PELMAR_LOG_EXIT();                                                                                                \
   }                                                                                                                   \

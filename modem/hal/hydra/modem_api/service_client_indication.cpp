@@ -10,9 +10,10 @@
 namespace pelmar {
 namespace {
 
-void deliver(const ServiceClient& client, uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb) {
+void deliver(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* decoded,
+             modem_api_event_cb event_cb) {
   PELMAR_LOG_DEBUG_AS(client.names.ind_hdlr, "Handling indication msg 0x%x", msg_id);
-  const InCallback in_callback;
+  const InCallback in_callback(handle);
   const bool known = client.indications.deliver != nullptr && client.indications.deliver(msg_id, decoded, event_cb);
   if (!known) PELMAR_LOG_ERROR_AS(client.names.ind_hdlr, "Unknown indication msg %0x", msg_id);
 }
@@ -37,7 +38,7 @@ void handle_indication(const ServiceClient& client, qmi_client_type handle, uint
     if (rules.needs_size) {
       PELMAR_LOG_ERROR_AS(function, "decoded_payload_len(%d) can not <= 0", static_cast<int>(size));
     } else {
-      deliver(client, msg_id, nullptr, event_cb);
+      deliver(client, handle, msg_id, nullptr, event_cb);
     }
     return;
   }
@@ -55,7 +56,7 @@ void handle_indication(const ServiceClient& client, qmi_client_type handle, uint
     PELMAR_LOG_ERROR_AS(function, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
     return;
   }
-  deliver(client, msg_id, decoded.get(), event_cb);
+  deliver(client, handle, msg_id, decoded.get(), event_cb);
 }
 
 }  // namespace pelmar

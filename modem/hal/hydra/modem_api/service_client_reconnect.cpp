@@ -6,8 +6,6 @@
 // Both threads are detached and carry the generation in which they were started; a client that was released since
 // leaves them nothing to do. Null as their argument means the present one. A released client takes no notice of its
 // service, of which a handle on its way out or a dropped notifier may still tell.
-#include <pthread.h>
-
 #include "pelmar_log_site.h"
 #include "service_client.h"
 #include "shared_word.h"
@@ -17,15 +15,8 @@ namespace {
 
 using Phase = ServiceClientState::Phase;
 
-bool start_detached(void* (*routine)(void*), uint32_t generation) {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  const int result =
-      pthread_create(&thread, &attributes, routine, reinterpret_cast<void*>(static_cast<uintptr_t>(generation)));
-  pthread_attr_destroy(&attributes);
-  return result == 0;
+bool start_worker(void* (*routine)(void*), uint32_t generation) {
+  return start_detached(routine, reinterpret_cast<void*>(static_cast<uintptr_t>(generation)));
 }
 
 bool is_present(const ServiceClient& client, void* generation) {
@@ -53,7 +44,7 @@ void suspend(const ServiceClient& client) {
   if (client.context.notifier_handle == nullptr || is_stale(client, generation)) return;
   PELMAR_LOG_ENTRY_AS(client.names.suspend);
   report(client, OPERATIONAL_STATUS_DOWN);
-  if (!start_detached(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
+  if (!start_worker(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
   PELMAR_LOG_EXIT_AS(client.names.suspend);
 }
 
@@ -61,6 +52,7 @@ void handle_service_down(const ServiceClient& client, qmi_client_type handle, in
   PELMAR_LOG_ERROR_AS(client.names.service_down, "service down with error %d", error);
   const bool dropped_earlier = handle != nullptr && handle != load(*client.context.client_handle);
   if (dropped_earlier) return;
+  const InCallback in_callback(handle);
   Phase phase = Phase::kConnecting;
   if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
   suspend(client);
@@ -71,10 +63,7 @@ void release_after_service_down(const ServiceClient& client, void* generation) {
   if (!is_present(client, generation)) return;
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
-  if (handle != nullptr) {
-    const Aside aside(client.state);
-    qmi_client_release(handle);
-  }
+  if (handle != nullptr) release_handle(client.state, handle);
   if (!is_present(client, generation)) return;
   report(client, OPERATIONAL_STATUS_RELEASED);
   if (is_present(client, generation)) wait_for_service(client);
@@ -86,7 +75,7 @@ void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type
   if (client.state.resuming.exchange(generation) == generation) return;  // its thread is on the way already
   PELMAR_LOG_ENTRY_AS(client.names.resume);
   report(client, OPERATIONAL_STATUS_RECONNECTING);
-  if (!start_detached(client.entry.resume_thread, generation)) {
+  if (!start_worker(client.entry.resume_thread, generation)) {
     client.state.resuming.store(0);
     report(client, OPERATIONAL_STATUS_RECONNECT_FAILED);
   }
