@@ -152,21 +152,42 @@ TEST_P(Reconnect, ReportsWhereItFails) {
   }
 }
 
-// A notifier that is held is registered again, and not made again.
-TEST_P(Reconnect, KeepsItsNotifier) {
-  lose_service(open());
+// Whatever handle it names. A notifier that is held is registered again, and not made again.
+TEST_P(Reconnect, TakesEveryCallForALoss) {
+  const qmi_client_type lost = open();
+  lose_service(lost);
   run_held();
   const qmi_client_type notifier = last_notifier();
   EXPECT_EQ(connection_.context->notifier_handle, notifier);
-  connection_.release_thread(nullptr);
-  EXPECT_EQ(calls("notifier_init").size(), 1u);
-  EXPECT_EQ(calls("register_notify_cb"), std::vector<Call>(2, {.name = "register_notify_cb", .handle = notifier}));
-  // A further announcement while the thread is on its way has no effect.
-  announce_service(notifier);
-  announce_service(notifier);
+  connection_.service_down(lost, -2, nullptr);
   run_held();
-  EXPECT_EQ(statuses(), (Statuses{4, 5, 5, 6, 3}));
-  EXPECT_EQ(open_handles(), 1u);
+  connection_.release_thread(nullptr);
+  EXPECT_EQ(statuses(), (Statuses{4, 5, 4, 5, 5}));
+  EXPECT_EQ(calls("notifier_init").size(), 1u);
+  EXPECT_EQ(calls("register_notify_cb"), std::vector<Call>(3, {.name = "register_notify_cb", .handle = notifier}));
+  // A loss and a further announcement while the thread that connects is started: it connects, once.
+  announce_service(notifier);
+  connection_.service_down(nullptr, -2, nullptr);
+  announce_service(notifier);
+  EXPECT_EQ(held_threads(), 2u);
+  forget();
+  for (int round = 0; round < 2; ++round) {  // first a loss of the connection that has just come back
+    run_held();
+    announce_service(last_notifier());
+    run_held();
+    EXPECT_EQ(statuses(), (round == 0 ? Statuses{3, 5, 6, 3} : Statuses{4, 5, 6, 3}));
+    EXPECT_EQ(open_handles(), 1u);
+    forget();
+    connection_.service_down(lost, -2, nullptr);
+  }
+  // A released client has nothing to lose.
+  connection_.release();
+  run_held();
+  forget();
+  connection_.service_down(lost, -2, nullptr);
+  EXPECT_THAT(messages(), ElementsAre(line("service_down_event", "service down with error -2", 'E')));
+  EXPECT_EQ(statuses(), Statuses());
+  EXPECT_EQ(held_threads(), 0u);
 }
 
 TEST_P(Reconnect, ComesBackToAServiceThatIsThereAlready) {
@@ -189,21 +210,6 @@ TEST_P(Reconnect, TakesALossDuringTheConnectionAfterIt) {
   run_held();
   EXPECT_EQ(statuses(), (Statuses{1, 3, 4, 5, 6, 3, 4, 5, 6, 3}));
   EXPECT_EQ(open_handles(), 1u);
-}
-
-TEST_P(Reconnect, OnlyLogsALossOfADroppedHandle) {
-  const qmi_client_type lost = open();
-  lose_service(lost);
-  run_held();
-  for (const Statuses& expected : {Statuses{4, 5}, Statuses{4, 5, 6, 3}}) {
-    clear_log();
-    connection_.service_down(lost, -2, nullptr);
-    EXPECT_THAT(messages(), ElementsAre(line("service_down_event", "service down with error -2", 'E')));
-    EXPECT_EQ(statuses(), expected);
-    EXPECT_EQ(held_threads(), 0u);
-    announce_service(last_notifier());
-    run_held();
-  }
 }
 
 TEST_P(Reconnect, DropsEveryIndication) {

@@ -4,8 +4,12 @@
 //   service up    -> report 6, resume thread: drop the notifier, connect again, report 3 or 7
 //
 // Both threads are detached and carry the generation in which they were started; a client that was released since
-// leaves them nothing to do. Null as their argument means the present one. A released client takes no notice of its
-// service, of which a handle on its way out or a dropped notifier may still tell.
+// leaves them nothing to do. Null as their argument means the present one. A released client ignores its service, which
+// a handle that is being released or a dropped notifier may still report.
+//
+// Every call for a loss is one, whatever handle it names. One that comes while the client waits for its service reports
+// 4 and 5 again and registers with the notifier that is held; one that comes to a connection that is up drops that
+// connection, and the notifier brings the next one.
 #include "pelmar_log_site.h"
 #include "service_client.h"
 #include "shared_word.h"
@@ -50,8 +54,6 @@ void suspend(const ServiceClient& client) {
 
 void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error) {
   PELMAR_LOG_ERROR_AS(client.names.service_down, "service down with error %d", error);
-  const bool dropped_earlier = handle != nullptr && handle != load(*client.context.client_handle);
-  if (dropped_earlier) return;
   const InCallback in_callback(handle);
   Phase phase = Phase::kConnecting;
   if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
