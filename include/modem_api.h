@@ -19,7 +19,18 @@
  * Threads: commands may be called from any thread; each blocks its caller for up to 30 s. Open and free clients from
  * one thread at a time. Callbacks run on threads of the QMI framework; the status callback also on the thread that
  * opens the client and, when a service comes back, on one of the library's. They may call this interface,
- * modem_api_free_client() included, but must not block for long.
+ * modem_api_free_client() included, but must not block for long, and must not send a command through the connection
+ * whose callback they are: each callback type below says so.
+ *
+ * A modem that goes away: SAR and NAS clients get a service-down notice, come back by themselves and get a service-up
+ * notice. A vendor-specific client gets no notice and does not come back. Its program notices by a SAR or NAS client's
+ * service-down notice, or by a reading of statistics that worked before: modem_api_get_stats_parameter() then returns
+ * MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Other commands are no such test: on the phone they
+ * return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To recover, free every
+ * client of the process, call modem_api_init(), and open them again until that succeeds.
+ *
+ * Lines of the library go to the system log and to standard output. A program that writes to standard output itself
+ * calls pelmar_hal_close_shell_print() (pelmar_log.h) before modem_api_init().
  *
  * Results: every function answers a modem_api_result. Commands answer MODEM_API_ERR_INVALID_CLIENT for an id that names
  * no client of the command's type whose service is up, the codes named at each declaration, and else what the modem's
@@ -99,15 +110,30 @@ enum {
   MODEM_API_EVENT_COUNT = 6
 };
 
-/* A modem event. `payload` (`length` bytes, laid out as the event's structure) is valid only during the call. */
+/* A modem event. `payload` (`length` bytes, laid out as the event's structure) is valid only during the call.
+ *
+ * Send no command of a vendor-specific client inside it: on the phone the connection takes in no response before the
+ * callback returns, so that the command blocks for 30 s and returns MODEM_API_ERR_TIMEOUT. Leave it to another thread.
+ * Commands of other clients work. */
 typedef void (*modem_api_event_cb)(uint32_t event, const uint8_t* payload, uint32_t length);
 
-/* A service came up or went down: a MODEM_API_NOTICE_* value and the client type (not the client id). */
+/* A service came up or went down: a MODEM_API_NOTICE_* value and the client type (not the client id).
+ *
+ * Inside a service-down notice commands of clients of that type return MODEM_API_ERR_INVALID_CLIENT; inside a
+ * service-up notice they work. */
 typedef void (*modem_api_status_cb)(uint32_t notice, uint32_t client_type);
 
-/* The answer of an asynchronous command. `data` is null but for the call that brings the response's data; that block
- * then belongs to the callback, which gives it back with hydra_free_adv(). `result` is a modem_api_result, or
- * MODEM_API_RESP_END in the last call of a successful exchange. */
+/* The response to an asynchronous command.
+ *
+ * data       null but for the call that brings the response's data; that block then belongs to the callback, which
+ *            gives it back with hydra_free_adv()
+ * length     of the data, as the modem states it: bytes beyond the 512 that a response can hold are 0
+ * user_data  the command's
+ * result     a modem_api_result, or MODEM_API_RESP_END in the last call of a successful exchange
+ *
+ * Send no command of a vendor-specific client inside it: on the phone one that waits for its response blocks for 30 s
+ * and returns MODEM_API_ERR_TIMEOUT, and where the callback runs because the service went away, no send returns. Leave
+ * it to another thread. Commands of other clients work. */
 typedef void (*modem_api_response_cb)(const uint8_t* data, uint32_t length, void* user_data, uint32_t result);
 
 enum {
@@ -164,7 +190,13 @@ typedef struct modem_api_vs_report_c_event {
 
 /* --- lifecycle --- */
 
-/* Sets the library up for this process. Call it before anything else.
+/* Sets the library up for this process. Call it before anything else, and before a client type is opened that was open
+ * before.
+ *
+ * Each call also clears the contexts of all four connections, those of open clients included: their commands then
+ * return MODEM_API_ERR_GENERIC, and their connections are never released. Before a reopening, therefore, free all
+ * clients of the process, then call this, then open them.
+ *
  * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_NOT_INITIALIZED when the process is not on the white list. */
 PELMAR_EXPORT modem_api_result modem_api_init(void);
 
@@ -190,8 +222,13 @@ PELMAR_EXPORT modem_api_result modem_api_init_client(modem_api_client_type type,
 /* Releases a client's connection and frees the client. A client of its type can be opened again after another
  * modem_api_init().
  *
- * Returns when no callback of the client runs any more, except when it is called from a callback. A free of an id that
- * another thread is freeing already answers at once.
+ * Returns when no callback of the client runs any more. Inside a callback it does not wait: callbacks of the client
+ * that run then may end later, and the connection whose callback it is called from is released on another thread, after
+ * that callback. Two callbacks of different clients that free each other's client at once wait for each other; so do a
+ * thread that frees a client and a callback of this client that waits for the thread. A free of an id that another
+ * thread is freeing already returns at once.
+ *
+ * Asynchronous commands that are pending: see modem_api_common_command_async().
  *
  * Returns MODEM_API_SUCCESS (also for a slot that is free already), or MODEM_API_ERR_INVALID_CLIENT for an id that is
  * negative or 10 and more. */
@@ -244,12 +281,24 @@ PELMAR_EXPORT modem_api_result modem_api_common_command(int32_t client_id, const
 /* The same without waiting. On success the callback runs twice, with the data (with MODEM_API_ERR_NO_MEMORY and none
  * when there is no memory for them) and then with MODEM_API_RESP_END; on a failure once, with the result.
  *
- * user_data  handed to the callback as it is
+ * user_data  handed to the callback as it is; valid until the callback's last call
  * callback   may run before this returns
  *
  * Returns the outcome of the send; also MODEM_API_ERR_INVALID_PARAM for a null callback, or MODEM_API_ERR_NO_MEMORY.
- * The callback runs only when MODEM_API_SUCCESS is returned, and not once the client is freed. In that case, and when
- * the send is refused, the command's buffers (540 bytes) are lost. */
+ * Where another result than MODEM_API_SUCCESS is returned the callback does not run. When the send is refused, the
+ * command's buffers (540 bytes) are lost. After the loss of the service the phone's framework refuses every send, and
+ * this returns MODEM_API_SUCCESS all the same; the callback does not run.
+ *
+ * A command that is pending ends
+ *
+ *     when                     on the phone                            on Linux
+ *     its client is freed      the callback runs once, with            the callback does not run; the buffers are lost
+ *                              MODEM_API_ERR_NO_MEMORY
+ *     its service goes away    the callback runs once, with            the callback runs once, with
+ *                              MODEM_API_ERR_NO_MEMORY                 MODEM_API_ERR_GENERIC
+ *
+ * The callback of a client that is freed runs on the thread that frees it, inside modem_api_free_client(); when that is
+ * called inside another callback of the client, on another thread, and perhaps after it returned. */
 PELMAR_EXPORT modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
                                                               void* user_data, modem_api_response_cb callback);
 
@@ -281,8 +330,9 @@ PELMAR_EXPORT modem_api_result modem_api_util_enable_networking_indications(int3
 /* --- NV items, EFS items and files, RF NV items (vendor-specific clients) ---
  *
  * Items and qualifiers go to the modem unchanged. Reads: `length` is the capacity of `data` in bytes on entry and the
- * item's size after a success; MODEM_API_ERR_NO_MEMORY for a null pointer or an item that does not fit, with both
- * untouched. Writes: 0 to 256 bytes; MODEM_API_ERR_NO_MEMORY for null data, MODEM_API_ERR_INVALID_PARAM for more. */
+ * item's size, as the modem states it, after a success (bytes beyond the 256 that a response can hold are 0);
+ * MODEM_API_ERR_NO_MEMORY for a null pointer or an item that does not fit, with both untouched. Writes: 0 to 256 bytes;
+ * MODEM_API_ERR_NO_MEMORY for null data, MODEM_API_ERR_INVALID_PARAM for more. */
 
 PELMAR_EXPORT modem_api_result modem_api_read_nv(int32_t client_id, uint32_t item, uint8_t qualifier, uint16_t index,
                                                  uint8_t* data, uint32_t* length);

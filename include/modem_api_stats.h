@@ -3,6 +3,33 @@
  * The modem keeps statistics: values named by an identifier, of one subscription each. A client switches reporting on,
  * is granted a statistics client id, registers the statistics that it wants reported, and reads or clears values.
  * Threads, results and the client check are those of modem_api.h. On any failure the outputs are left as they were.
+ *
+ * A value is its fields one after the other, little-endian, without gaps; what follows the fields named here is the
+ * modem's own. Widths are in bits. Units and signedness are the modem's too, but for what is marked here;
+ * docs/simulator.md has those of the simulated modem. modem_hydra.h decodes each value into a record.
+ *
+ *     id            value                        fields: width
+ *     0x52          LTE primary carrier          version 8, version_ssmr 8, earfcn 32, pci 16, is_srv_cell 8,
+ *                                                rx_valid 16, then rsrp_rx0, rsrq_rx0, rssi_rx0, snr_rx0 32 each,
+ *                                                the same with rx1, rx2 and rx3
+ *     0x67 to 0x6c  LTE secondary carriers 1-6   as 0x52
+ *     0x87          NR primary carrier           version 32, rsrp_rx0 to rsrp_rx3 32 each, rsrq 32
+ *     0x06, 0x07    NR secondary carriers 1, 2   as 0x87
+ *     0x5e          NR receive gain control      version 32, rssi0 to rssi3 32 each
+ *     0x70          NR frequency tracking        version 32, snr0 to snr3 32 each
+ *     0x71          NR antenna switching         version 32, then 8 each: ant_rx_0_old, ant_rx_0_new to ant_rx_3_new,
+ *                                                ant_tx_0_old to ant_tx_1_new
+ *     0x6e          WCDMA cell search            version 8, rx_agc_0 32, rx_agc_1 32
+ *     0x6f          GSM receive levels           version 8, rx_prx 32, rx_drx 32
+ *     0x64          transmit antenna switching   version 8, ant_number 8, ant_switch_path 16, sig_path 16,
+ *                                                old_config 8, new_config 8
+ *     0x2c          system mode                  stack_max 8, then, unless that is 0, rat 32 (9: LTE, 12: NR) of the
+ *                                                first stack
+ *     0x62          LTE uplink power             version 8, pusch_tx_power 16 (signed), dl_path_loss 8, max_power 16,
+ *                                                pusch_ex_tx_power 16
+ *     0x5a          NR uplink power              version_hook 32, tx_power_pusch 32 (a float), then 32 each:
+ *                                                tx_power_pucch, tx_power_srs, tx_power_prach, mtpl_pusch,
+ *                                                mtpl_pucch, mtpl_srs, mtpl_prach, four times pathloss
  */
 #ifndef MODEM_API_STATS_H
 #define MODEM_API_STATS_H

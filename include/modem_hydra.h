@@ -10,6 +10,9 @@
  * process (modem_api_release(), modem_api_init()): every other client of the process is dropped. A process that has
  * clients of its own opens hydra first.
  *
+ * Hydra's client gets no notice when the modem goes away. Readings then return 0, until modem_hydra_api_init() has
+ * opened hydra again; the process frees its own clients before that and opens them afterwards.
+ *
  * Threads: readings may be called from any thread; they take turns, each for up to the 30 s of one command, and the one
  * that opens hydra for the seconds of the connection as well. Everything else is called by one thread at a time.
  *

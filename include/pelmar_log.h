@@ -10,6 +10,10 @@
  * decimal mask of the levels to keep; text that is no number closes the sink. Mask operations change a mask at any
  * time, from any thread; a line that is being written meanwhile may still go by the old mask. They report themselves to
  * the system log at debug level, whatever the masks.
+ *
+ * To keep the library's lines off standard output, call pelmar_hal_close_shell_print() before anything else of the
+ * library, or set the property "persist.vendor.radio.adb_log_shell" to "0" before the process starts: the one is for a
+ * program, the other for every process of the system.
  */
 #ifndef PELMAR_LOG_H
 #define PELMAR_LOG_H

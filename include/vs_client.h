@@ -2,6 +2,9 @@
  *
  * One connection a process. Its users are the operations of modem_api.h; nobody else needs to call it. Opening blocks
  * the caller; callbacks run on the QMI framework's threads.
+ *
+ * The connection neither reports the loss of its service nor comes back: the loss is logged, the handle stays, and
+ * sends return the framework's transport code (-2). modem_api.h says how a program notices and recovers.
  */
 #ifndef VS_CLIENT_H
 #define VS_CLIENT_H
