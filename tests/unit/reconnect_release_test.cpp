@@ -57,17 +57,15 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
 }
 
 TEST_P(ReconnectRelease, MayBeReleasedByItsStatusCallback) {
-  for (const auto& [framework, last] : std::vector<std::pair<Framework, uint32_t>>{{Framework::kLinux, 4},
-                                                                                   {Framework::kPhone, 4},
-                                                                                   {Framework::kPhone, 5},
-                                                                                   {Framework::kPhone, 6},
-                                                                                   {Framework::kPhone, 3}}) {
+  for (const uint32_t last : {4u, 5u, 6u, 3u}) {
     SCOPED_TRACE(last);
-    set_framework(framework);
+    set_framework(Framework::kPhone);
     start();
     const qmi_client_type lost = open();
-    reports.react = [this, last = last](uint32_t status) {
-      if (status == last) connection_.release();
+    reports.react = [&](uint32_t status) {
+      if (status != last) return;
+      connection_.release();
+      EXPECT_EQ(held_threads(), last == 4 ? 1u : 0u);  // only the loss is a callback of the handle
     };
     lose_service(lost);
     run_held();

@@ -190,15 +190,6 @@ TEST_P(Reconnect, TakesEveryCallForALoss) {
   EXPECT_EQ(held_threads(), 0u);
 }
 
-TEST_P(Reconnect, ComesBackToAServiceThatIsThereAlready) {
-  on_registered = [](const Call& call) {
-    if (call.name == "register_notify_cb") announce_service(call.handle);
-  };
-  lose_service(open());
-  run_held();
-  EXPECT_EQ(statuses(), (Statuses{4, 5, 6, 3}));
-}
-
 TEST_P(Reconnect, TakesALossDuringTheConnectionAfterIt) {
   int losses = 2;
   on_registered = [&](const Call& call) {
