@@ -7,9 +7,9 @@
 // leaves them nothing to do. Null as their argument means the present one. A released client ignores its service, which
 // a handle that is being released or a dropped notifier may still report.
 //
-// Every call for a loss is one, whatever handle it names. One that comes while the client waits for its service reports
-// 4 and 5 again and registers with the notifier that is held; one that comes to a connection that is up drops that
-// connection, and the notifier brings the next one.
+// Every service-down call counts as a loss, whatever handle it names. While the client waits for its service, another
+// call reports 4 and 5 again and registers with the notifier that is held; while the connection is up, it drops that
+// connection, and the client reconnects.
 #include "pelmar_log_site.h"
 #include "service_client.h"
 #include "shared_word.h"
