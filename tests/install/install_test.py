@@ -17,7 +17,7 @@ def run(*command, **options):
 
 
 def build_with_cmake(prefix, out, c, cxx):
-    run("cmake", "-S", CLIENTS, "-B", out, f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_C_COMPILER={c}",
+    run("cmake", "-G", "Ninja", "-S", CLIENTS, "-B", out, f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_C_COMPILER={c}",
         f"-DCMAKE_CXX_COMPILER={cxx}", stdout=subprocess.DEVNULL)
     run("cmake", "--build", out, stdout=subprocess.DEVNULL)
     return [out / "c_client" / "mtb", out / "cpp_client" / "mtb"]
