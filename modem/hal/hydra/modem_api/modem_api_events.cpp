@@ -6,7 +6,7 @@
 
 #include "modem_api_command.h"
 #include "nas_client.h"
-#include "nas_structures.h"
+#include "nas_requests.h"
 #include "network_access_service_v01.h"
 
 namespace pelmar {

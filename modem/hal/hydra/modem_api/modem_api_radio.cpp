@@ -1,19 +1,14 @@
 // Radio controls: one exchange a call, with the service that belongs to the client's type.
 #include "modem_api_command.h"
 #include "nas_client.h"
-#include "nas_structures.h"
-#include "network_access_service_v01.h"
+#include "nas_messages.h"
 #include "sar_client.h"
-#include "specific_absorption_rate_v01.h"
+#include "sar_messages.h"
 
 namespace pelmar {
 namespace {
 
-struct SetSarRfStateRequest {
-  uint32_t state;
-  uint8_t undescribed[28];
-};
-static_assert(sizeof(SetSarRfStateRequest) == 32);
+static_assert(MODEM_API_MAX_LOCKED_CELLS == nas::kMaxCellLocks);
 
 // A vendor-specific command without content.
 modem_api_result send_empty(const char* function, int32_t client_id, vs::MessageId msg_id) {
@@ -45,12 +40,12 @@ modem_api_result send_nas_control(const char* function, int32_t client_id, int32
 modem_api_result get_drx(const char* function, int32_t client_id, uint8_t* valid, uint32_t* drx) {
   const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_NAS_0);
   if (check != MODEM_API_SUCCESS) return check;
-  Zeroed<vs::EmptyRequest> request;
+  Zeroed<nas::EmptyRequest> request;
   Zeroed<nas::GetDrxResponse> response;
   const int32_t code =
       nas_0_client_send_msg_sync(QMI_NAS_GET_DRX_V01, &request, sizeof(request), &response, sizeof(response));
   PELMAR_LOG_DEBUG_AS(function, "qmi_error %d", code);
-  *valid = response.valid;
+  *valid = response.drx_valid;
   *drx = response.drx;
   PELMAR_LOG_DEBUG_AS(function, "drx: %d, %d", *valid, static_cast<int>(*drx));
   return MODEM_API_SUCCESS;
@@ -67,12 +62,14 @@ struct CellInfo {
 };
 
 void copy_cells(const nas::CellLocationResponse& response, const CellInfo& out) {
-  for (size_t j = 0; j < nas::kCellsOfFrequency; ++j) out.intra_pci[j] = response.intra_cells[j].pci;
-  for (size_t i = 0; i < nas::kInterFrequencies; ++i) {
-    const nas::InterFrequency& frequency = response.inter_frequencies[i];
+  const auto copy_ids = [](const nas::LteCell(&cells)[nas::kMaxLteCells], uint16_t* ids) {
+    for (size_t i = 0; i < nas::kMaxLteCells; ++i) ids[i] = cells[i].physical_cell_id;
+  };
+  copy_ids(response.intra_frequency.cells, out.intra_pci);
+  for (size_t i = 0; i < nas::kMaxLteFrequencies; ++i) {
+    const nas::LteFrequency& frequency = response.inter_frequency.frequencies[i];
     out.inter_earfcn[i] = frequency.earfcn;
-    uint16_t* const pcis = out.inter_pci + nas::kCellsOfFrequency * i;
-    for (size_t j = 0; j < nas::kCellsOfFrequency; ++j) pcis[j] = frequency.cells[j].pci;
+    copy_ids(frequency.cells, out.inter_pci + nas::kMaxLteCells * i);
   }
   *out.timing_advance_valid = response.timing_advance_valid;
   *out.timing_advance = response.timing_advance;
@@ -85,7 +82,7 @@ modem_api_result get_cell_info(const char* function, int32_t client_id, int32_t 
   const NasClient client = nas_client_of(sub);
   const modem_api_result check = check_client(function, client_id, client.type);
   if (check != MODEM_API_SUCCESS) return check;
-  Zeroed<vs::EmptyRequest> request;
+  Zeroed<nas::EmptyRequest> request;
   Zeroed<nas::CellLocationResponse> response;
   const int32_t code =
       client.send(QMI_NAS_GET_CELL_LOCATION_INFO_V01, &request, sizeof(request), &response, sizeof(response));
@@ -100,16 +97,16 @@ modem_api_result get_cell_info(const char* function, int32_t client_id, int32_t 
 
 void put_cells(nas::SetLteCellLockRequest& request, uint32_t count, const uint32_t* values, const uint32_t* params) {
   // A count beyond the capacity goes out as it is, and the codec refuses it; the cells beyond are not read.
-  request.count = count;
-  for (uint32_t i = 0; i < count && i < MODEM_API_MAX_LOCKED_CELLS; ++i) {
-    request.cells[i].value = static_cast<uint16_t>(values[i]);
-    request.cells[i].param = params[i];
+  request.lock_count = count;
+  for (uint32_t i = 0; i < count && i < nas::kMaxCellLocks; ++i) {
+    request.locks[i].value = static_cast<uint16_t>(values[i]);
+    request.locks[i].parameter = params[i];
   }
-  request.trailer_valid = 1;
-  request.trailer = 1;
+  request.option_valid = 1;
+  request.option = 1;
 }
 
-void put_nr_disable_mode(nas::SetSystemSelectionRequest& request, int32_t mode) {
+void put_nr_disable_mode(nas::SetSystemSelectionPreferenceRequest& request, int32_t mode) {
   request.nr_disable_mode_valid = 1;
   request.nr_disable_mode = mode == 1 || mode == 2 ? static_cast<uint32_t>(mode) : 0;
 }
@@ -128,7 +125,7 @@ modem_api_result modem_api_reset_modem(int32_t client_id) {
 }
 
 modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uint32_t state) {
-  Zeroed<SetSarRfStateRequest> request;
+  Zeroed<sar::RfSetStateRequest> request;
   request.state = state;
   PELMAR_RETURN_LOGGED(send_control(__func__, client_id, MODEM_API_CLIENT_SAR, sar_client_send_msg_sync,
                                     QMI_SAR_RF_SET_STATE_V01, request));
@@ -155,11 +152,12 @@ modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, ui
 }
 
 modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_t sub, uint8_t value) {
-  PELMAR_RETURN_LOGGED(send_nas_control(__func__, client_id, sub, QMI_NAS_SET_AVOID_TRM_V01, value));
+  nas::SetAvoidTrmRequest request = {value};
+  PELMAR_RETURN_LOGGED(send_nas_control(__func__, client_id, sub, QMI_NAS_SET_AVOID_TRM_V01, request));
 }
 
 modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode) {
-  Zeroed<nas::SetSystemSelectionRequest> request;
+  Zeroed<nas::SetSystemSelectionPreferenceRequest> request;
   put_nr_disable_mode(request, mode);
   PELMAR_RETURN_LOGGED(
       send_nas_control(__func__, client_id, sub, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, request));

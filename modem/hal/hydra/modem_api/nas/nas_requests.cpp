@@ -1,21 +1,19 @@
 #include "nas_requests.h"
 
-#include "common_v01.h"
-#include "nas_structures.h"
-#include "network_access_service_v01.h"
 #include "service_client.h"
 
 namespace pelmar::nas {
 
 void bind_subscription(qmi_client_type handle, uint32_t sub) {
-  qmi_response_type_v01 response = {};
-  qmi_client_send_msg_sync(handle, QMI_NAS_BIND_SUBSCRIPTION_V01, &sub, sizeof(sub), &response, sizeof(response),
-                           kSendTimeoutMs);
+  BindSubscriptionRequest request = {sub};
+  PlainResponse response = {};
+  qmi_client_send_msg_sync(handle, QMI_NAS_BIND_SUBSCRIPTION_V01, &request, sizeof(request), &response,
+                           sizeof(response), kSendTimeoutMs);
 }
 
 int32_t register_indications(qmi_client_type handle) {
   RegisterIndicationsRequest request = serving_system_registration();
-  qmi_response_type_v01 response = {};
+  PlainResponse response = {};
   return qmi_client_send_msg_sync(handle, QMI_NAS_REGISTER_INDICATIONS_V01, &request, sizeof(request), &response,
                                   sizeof(response), kSendTimeoutMs);
 }

@@ -3,9 +3,17 @@
 
 #include <cstdint>
 
+#include "nas_messages.h"
 #include "qmi_client.h"
 
 namespace pelmar::nas {
+
+// Names the serving system's indication as a valid field whose value stays 0.
+constexpr RegisterIndicationsRequest serving_system_registration() {
+  RegisterIndicationsRequest request{};
+  request.serving_system.valid = 1;
+  return request;
+}
 
 // Binds a connection to a subscription, 0 or 1. The outcome is ignored: a connection whose binding failed is up all the
 // same.

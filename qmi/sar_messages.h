@@ -1,4 +1,5 @@
-// The structures of the SAR service's messages (0x11) that this platform describes, as their users fill and read them.
+// The structures of the SAR service's messages (0x11), as their users fill and read them. The sizes and offsets are
+// those of the phone's SAR service.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +12,7 @@ namespace pelmar::sar {
 
 struct RfSetStateRequest {
   uint32_t state;
-  uint8_t undescribed[28];  // no TLV
+  uint8_t undescribed[28];  // of TLVs that nobody here uses
 };
 static_assert(sizeof(RfSetStateRequest) == 32 && offsetof(RfSetStateRequest, state) == 0);
 

@@ -1,7 +1,8 @@
-// The structures of the NAS service's messages (0x03) that this platform describes, as their users fill and read them.
+// The structures of the NAS service's messages (0x03), as their users fill and read them.
 //
-// The phone's NAS service has many more TLVs than these; their places in the structures are kept as undescribed bytes,
-// which no TLV of this description fills. Signal levels are in tenths of dB or dBm.
+// The sizes and offsets are those of the phone's NAS service. It has many more TLVs than these: their fields are the
+// undescribed bytes, which stay zero in a request and are not read in a response. Signal levels are in tenths of dB or
+// dBm.
 #pragma once
 
 #include <cstddef>
