@@ -151,10 +151,26 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
   auto first = sender(handle, 0), second = sender(handle, 0);
   modem_.receive();
   modem_.receive();
+  modem_.set(&ScriptedModem::Behaviour::confirms_releases, false);  // a confirmation would wake the sender that reads
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
+  EXPECT_FALSE(modem_.is_connected(0));
+  modem_.close_connection(0);
   EXPECT_EQ(first.get().first, QMI_CLIENT_INVALID_CLNT);
   EXPECT_EQ(second.get().first, QMI_CLIENT_INVALID_CLNT);
+}
+
+// A child that was forked meanwhile holds the connection's descriptor, too.
+TEST_F(ClientTest, ReleaseEndsTheConnectionWhoeverElseHoldsIt) {
+  const qmi_client_type handle = connect();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(120);
+    for (;;) ::pause();
+  }
+  EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_FALSE(modem_.is_connected(0));
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
 }
 
 // Forks before the modem's threads are there; the child waits for the modem.

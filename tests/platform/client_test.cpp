@@ -86,6 +86,24 @@ TEST_F(ClientTest, PutsARequestOnTheWireAndDecodesItsResponse) {
   EXPECT_EQ(request.tlvs, (Bytes{0x01, 1, 0, 1}));
 }
 
+TEST_F(ClientTest, NumbersItsTransactionsFromOneToTheLast) {
+  const qmi_client_type handle = connect();
+  nas::SetLteCellLockRequest refused{};  // takes a number and is not sent
+  refused.lock_count = nas::kMaxCellLocks + 1;
+  for (int i = 0; i < 65'534; ++i) {
+    ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_LTE_CELL_LOCK_V01, &refused, sizeof refused,
+                                        &async_responses_[0], sizeof async_responses_[0], on_response, this, nullptr),
+              QMI_IDL_LIB_ARRAY_TOO_BIG);
+  }
+  for (const uint16_t number : {65'535, 1}) {
+    auto answer = sender(handle);
+    const ScriptedRequest request = modem_.receive();
+    EXPECT_EQ(request.transaction, number);
+    modem_.respond(request, ScriptedModem::drx_response(number));
+    EXPECT_EQ(answer.get(), (Outcome{QMI_NO_ERR, number}));
+  }
+}
+
 TEST_F(ClientTest, DropsLateAndForeignResponses) {
   const qmi_client_type handle = connect();
   nas::GetDrxResponse response{};

@@ -86,9 +86,9 @@ TEST_F(Properties, SetsReadOnlyOnesOnce) {
 TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
   property_set("persist.a", "kept");
   property_set("ro.b", "lost");
-  for (const auto& entry : fs::directory_iterator(directory_)) {
-    if (entry.path().filename() != "persist") fs::rename(entry.path(), directory_ / "the-boot-before");
-  }
+  std::string boot;
+  std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), boot);
+  fs::rename(directory_ / boot, directory_ / "the-boot-before");
   EXPECT_EQ(get("persist.a"), "kept");
   EXPECT_EQ(get("ro.b"), "none");
   EXPECT_EQ(property_set("ro.b", "new"), 0);

@@ -142,6 +142,7 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
       case 0x0023:
         client_ids_.erase({message[9], message[10]});
         changed_.notify_all();
+        if (!behaviour_.confirms_releases) return;
         answer.insert(answer.end(), {0x01, 2, 0, message[9], message[10]});
         break;
       default:

@@ -37,6 +37,7 @@ class ScriptedModem {
     std::set<uint8_t> services;
     size_t client_id_limit = 10;
     bool answers_version_info = true;
+    bool confirms_releases = true;
     bool reads = true;
     std::function<void(int connection, uint8_t client)> before_next_id;  // is answered
     bool echoes = false;  // every request has an indication of its number and a successful response at once

@@ -56,6 +56,18 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
   }
 }
 
+TEST_P(ReconnectRelease, LeavesAnOpeningWithoutAConnection) {
+  for (const int outcome : {0, int{QMI_TIMEOUT_ERR}}) {
+    start();
+    on_init_instance = [&](int) {
+      connection_.release();
+      return outcome;
+    };
+    EXPECT_FALSE(connection_.open(on_event)) << outcome;
+    EXPECT_EQ(open_handles(), 0u) << outcome;
+  }
+}
+
 TEST_P(ReconnectRelease, MayBeReleasedByItsStatusCallback) {
   for (const uint32_t last : {4u, 5u, 6u, 3u}) {
     SCOPED_TRACE(last);

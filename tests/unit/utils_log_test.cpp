@@ -122,10 +122,18 @@ TEST(Masks, OperationsTellOfThemselvesWhateverTheMask) {
   }
   pelmar_utils_close_logcat_print();
   pelmar_hal_close_shell_print();
-  pelmar_hal_close_print();
   EXPECT_THAT(texts(),
               ElementsAre("7 close, g_pelmar_logcat_print_mask 0x26", "7 close, g_pelmar_shell_print_mask 0x26"));
-  EXPECT_FALSE(pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_ERROR));
+  for (const auto passes : {pelmar_hal_get_logcat_print_flag, pelmar_hal_get_shell_print_flag}) {
+    EXPECT_FALSE(passes(PELMAR_LOG_LEVEL_ERROR));
+    pelmar_hal_add_logcat_print_mask(PELMAR_LOG_LEVEL_ERROR);
+    pelmar_hal_add_shell_print_mask(PELMAR_LOG_LEVEL_ERROR);
+    EXPECT_TRUE(passes(PELMAR_LOG_LEVEL_ERROR));
+    clear_log();
+    pelmar_hal_close_print();
+    EXPECT_TRUE(texts().empty());
+    EXPECT_FALSE(passes(PELMAR_LOG_LEVEL_ERROR));
+  }
 }
 
 TEST(SystemLog, WritesBothPrioritiesThroughClosedMasks) {

@@ -1,5 +1,7 @@
 // Strings, file copy, threads and the guarded allocation pair.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -182,6 +184,19 @@ TEST(CopyFile, TruncatesTheTargetAndContinuesWhatWasInterrupted) {
             (Lines{"D src: " + source + ", tgt: " + target, read + "-1", "D Continue to read src file: bytes_read = -1",
                    read + "10240", write + "10000", write + "-1", "D Continue to write tgt file: bytes_read = 10240",
                    write + "240", read + "1", write + "1", read + "0", "D Write done with success."}));
+}
+
+TEST(CopyFile, CreatesTheTargetWithAllThatTheMaskLeaves) {
+  char directory[] = "/tmp/copy-file-XXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string target = std::string(directory) + "/target";
+  umask(027);
+  EXPECT_EQ(pelmar_copy_file(file_with("content").c_str(), target.c_str()), PELMAR_COPY_DONE);
+  struct stat status = {};
+  EXPECT_EQ(stat(target.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0750u);
+  unlink(target.c_str());
+  rmdir(directory);
 }
 
 TEST(CopyFile, FailsWithItsOwnCodes) {
