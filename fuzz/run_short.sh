@@ -15,8 +15,7 @@ esac
 
 if [ $# -eq 1 ]; then
   source scripts/packages.sh
-  configure "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang -DPELMAR_FUZZ=ON -DPELMAR_SANITIZE=address \
-    -DPELMAR_TESTS=OFF
+  configure "$build" --preset address -DPELMAR_TESTS=OFF
   cmake --build "$build" --target fuzz
 fi
 

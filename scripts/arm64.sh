@@ -8,8 +8,7 @@ source scripts/packages.sh
 need_packages $PACKAGES_BUILD $PACKAGES_ARM64
 build=${1:-build/arm64}
 
-configure "$build" --toolchain "$PWD/cmake/aarch64-linux-gnu.cmake" -DPELMAR_TOOLS=OFF \
-  -DPELMAR_GTEST_SOURCE=/usr/src/googletest
+configure "$build" --preset arm64
 cmake --build "$build"
 # Not the one test that starts processes of its own under other names: qemu-user runs just the one it was started for.
 ctest --test-dir "$build" --output-on-failure -j2 -E 'WhiteList.NamesThreeProcesses'

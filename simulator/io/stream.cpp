@@ -16,11 +16,7 @@ std::string_view reason_of(int error) {
 }  // namespace
 
 Stream::Stream(EventLoop& loop, UniqueFd fd, Reader& reader, Bounds bounds)
-    : loop_(loop),
-      fd_(std::move(fd)),
-      reader_(reader),
-      bounds_(bounds),
-      input_(std::make_unique_for_overwrite<uint8_t[]>(bounds.input)) {
+    : loop_(loop), fd_(std::move(fd)), reader_(reader), bounds_(bounds), input_(new uint8_t[bounds.input]) {
   loop_.watch(fd_.get(), EPOLLIN, *this);
 }
 

