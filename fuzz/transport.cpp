@@ -120,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   QmuxTransport transport;
   std::unique_ptr<Connection> connection;
-  const int32_t error = transport.open(kService, 1024, connection);
+  const int32_t error = transport.open(kService, 1024, Deadline::none(), connection);
   require((error == QMI_NO_ERR) == (connection != nullptr));
   require(!opens || connection != nullptr);
   if (connection == nullptr) return 0;

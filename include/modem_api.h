@@ -204,7 +204,9 @@ PELMAR_EXPORT modem_api_result modem_api_init(void);
  * Returns MODEM_API_SUCCESS. */
 PELMAR_EXPORT modem_api_result modem_api_release(void);
 
-/* Opens a client and connects it to its service; blocks for up to about ten seconds while the service is absent.
+/* Opens a client and connects it to its service; blocks for up to about ten seconds while the service is absent, and on
+ * Linux for up to about twenty where a modem is there that does not respond. A NAS client also sends
+ * commands while it opens, each of which blocks for up to 30 s.
  *
  * type       a MODEM_API_CLIENT_* value
  * event_cb   receives modem events (vendor-specific clients alone); may be null

@@ -35,7 +35,7 @@ extern "C" {
 
 /* --- hydra's client --- */
 
-/* Opens hydra, after closing it if it was open. Blocks for up to about ten seconds while the service is absent.
+/* Opens hydra, after closing it if it was open. Blocks for as long as modem_api_init_client().
  *
  * event_cb   as in modem_api_init_client(). Where it is null, modem_hydra_stats_id_alloc() cannot subscribe to events
  *            and gets no id

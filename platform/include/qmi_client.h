@@ -63,14 +63,15 @@ typedef void (*qmi_client_error_cb)(qmi_client_type user_handle, qmi_client_erro
 typedef void (*qmi_client_notify_cb)(qmi_client_type user_handle, qmi_idl_service_object_type service_obj,
                                      qmi_client_notify_event_type service_event, void* notify_cb_data);
 
-/* Connects to a service. Where it is absent, waits up to `timeout` milliseconds for it.
+/* Connects to a service. Where it is absent, waits up to `timeout` milliseconds for it. On Linux the modem has a second
+ * more to respond; the call returns after that time whatever the modem sends.
  *
  * ind_cb   may be null: indications are dropped
  * os_params kept by the framework until the handle is released
  * user_handle  out: the handle; null on an error
  *
- * Returns 0, QMI_TIMEOUT_ERR when the service is absent, QMI_CLIENT_PARAM_ERR for a null service object or handle
- * pointer, or another transport code. */
+ * Returns 0, QMI_TIMEOUT_ERR when the service is absent or the modem does not respond, QMI_CLIENT_PARAM_ERR for a null
+ * service object or handle pointer, or another transport code. */
 qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
                                                qmi_service_instance instance_id, qmi_client_ind_cb ind_cb,
                                                void* ind_cb_data, qmi_client_os_params* os_params, uint32_t timeout,

@@ -46,8 +46,8 @@ TEST(UnixAddress, TheLongestAbstractNameIsReached) {
   const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(::bind(listener.get(), address->get(), address->length), 0);
   ASSERT_EQ(::listen(listener.get(), 1), 0);
-  EXPECT_TRUE(SocketStream().connect(name));
-  EXPECT_FALSE(SocketStream().connect(name + '.'));
+  EXPECT_TRUE(SocketStream().connect(name, Deadline::none()));
+  EXPECT_FALSE(SocketStream().connect(name + '.', Deadline::none()));
 }
 
 TEST(Environment, AnEmptyVariableIsUnset) {

@@ -118,11 +118,12 @@ void ScriptedModem::serve(int connection, Peer& peer) {
 void ScriptedModem::handle_control(int connection, const Bytes& message) {
   Bytes answer = kSuccess;
   std::function<void()> before_answer;
+  std::chrono::milliseconds delay{0};
   {
     const std::lock_guard lock(mutex_);
+    delay = behaviour_.control_delay;
     switch (u16(message, 2)) {
       case 0x0021:
-        if (!behaviour_.answers_version_info) return;
         answer.push_back(0x01);
         append_u16(answer, 1 + 5 * behaviour_.services.size());
         answer.push_back(static_cast<uint8_t>(behaviour_.services.size()));
@@ -150,6 +151,7 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
     }
   }
   if (before_answer) before_answer();
+  std::this_thread::sleep_for(delay);
   send_raw(connection, frame(0, 0, control_message(1, message[1], u16(message, 2), answer)));
 }
 

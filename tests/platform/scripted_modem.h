@@ -2,6 +2,7 @@
 // other services to the test, one by one. While it lives PELMAR_QMI_SOCKET names its socket.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -36,8 +37,8 @@ class ScriptedModem {
   struct Behaviour {
     std::set<uint8_t> services;
     size_t client_id_limit = 10;
-    bool answers_version_info = true;
     bool confirms_releases = true;
+    std::chrono::milliseconds control_delay{0};  // before every response of the CTL service
     bool reads = true;
     std::function<void(int connection, uint8_t client)> before_next_id;  // is answered
     bool echoes = false;  // every request has an indication of its number and a successful response at once

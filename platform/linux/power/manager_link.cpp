@@ -49,7 +49,7 @@ std::optional<Count> ask_for_count(const std::string& socket) {
   const Deadline deadline = Deadline::after(kAnswerTimeout);
   ManagerLink link;
   Reply reply;
-  if (!link.open(socket) || !link.send(AskStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
+  if (!link.open(socket, deadline) || !link.send(AskStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
   const auto* const status = std::get_if<Status>(&reply);
   if (status == nullptr) return std::nullopt;
   Count count = {status->state, {}};

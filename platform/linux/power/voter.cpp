@@ -12,9 +12,10 @@ constexpr size_t kMostEvents = 256;
 }  // namespace
 
 int Voter::enrol(const std::string& socket, const Register& names, pm_event& state) {
+  const Deadline deadline = Deadline::after(kAnswerTimeout);
   Reply reply;
-  if (!link_.open(socket) || !link_.send(names)) return PM_RET_FAILED;
-  if (!link_.receive(reply, Deadline::after(kAnswerTimeout))) return PM_RET_FAILED;
+  if (!link_.open(socket, deadline) || !link_.send(names)) return PM_RET_FAILED;
+  if (!link_.receive(reply, deadline)) return PM_RET_FAILED;
   const auto* const answer = std::get_if<Answer>(&reply);
   if (answer == nullptr) return PM_RET_FAILED;
   state = answer->state;

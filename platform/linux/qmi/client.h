@@ -70,9 +70,10 @@ class Client : public std::enable_shared_from_this<Client> {
 
   // A synchronous sender, on its stack.
   struct Waiter {
-    explicit Waiter(const Request& sent) : request(sent) {}
+    Waiter(const Request& sent, const Deadline& until) : request(sent), deadline(until) {}
 
     const Request& request;
+    const Deadline& deadline;
     uint16_t transaction = 0;
     bool is_done = false;
     bool is_asleep = false;  // waits for `changed`
@@ -104,7 +105,7 @@ class Client : public std::enable_shared_from_this<Client> {
   int32_t begin_send(Lock& lock, const Deadline& deadline);
   int32_t transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline);
   void end_send();
-  int32_t wait_for_answer(Lock& lock, Waiter& waiter, const Deadline& deadline);
+  int32_t wait_for_answer(Lock& lock, Waiter& waiter);
   uint16_t new_transaction();
   bool is_pending(uint16_t transaction) const;
 

@@ -33,7 +33,7 @@ void Client::dispatch_arrivals() {
 void Client::dispatch_response(const Message& message) {
   for (Waiter* const waiter : waiters_) {
     if (waiter->transaction != message.transaction || waiter->request.id != message.id) continue;
-    finish(*waiter, decode_response(waiter->request, message));
+    finish(*waiter, waiter->deadline.has_passed() ? QMI_TIMEOUT_ERR : decode_response(waiter->request, message));
     return;
   }
   for (auto entry = transactions_.begin(); entry != transactions_.end(); ++entry) {

@@ -19,7 +19,7 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
   int32_t error = check_response_length(request);
   if (error != QMI_NO_ERR) return error;
 
-  Waiter waiter(request);
+  Waiter waiter(request, deadline);
   Lock lock(mutex_);
   error = begin_send(lock, deadline);
   if (error == QMI_SERVICE_ERR) mark_lost(request);
@@ -29,7 +29,7 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
   if (reader_ == nullptr) take_reading(waiter);
   error = transmit(lock, request, waiter.transaction, deadline);
   if (error != QMI_NO_ERR && !waiter.is_done) finish(waiter, error);
-  return wait_for_answer(lock, waiter, deadline);
+  return wait_for_answer(lock, waiter);
 }
 
 int32_t Client::send_async(const Request& request, const ResponseCallback& callback,
@@ -117,7 +117,8 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   return status == SendStatus::kTimedOut ? QMI_TIMEOUT_ERR : error;
 }
 
-int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter, const Deadline& deadline) {
+int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
+  const Deadline& deadline = waiter.deadline;
   while (!waiter.is_done) {
     if (reader_ == nullptr) take_reading(waiter);
     if (reader_ == &waiter) {

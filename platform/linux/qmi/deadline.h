@@ -19,9 +19,6 @@ class Deadline {
   bool has_passed() const { return !is_none_ && Clock::now() >= at_; }
   Clock::time_point at() const { return at_; }
 
-  // The whole time that the deadline began with; 0 where there is none.
-  Milliseconds total() const { return total_; }
-
   // Rounded up, so that a wait of this length does not end early; 0 where there is none.
   Milliseconds remaining() const {
     if (is_none_) return Milliseconds(0);
@@ -29,11 +26,10 @@ class Deadline {
   }
 
  private:
-  Deadline() : is_none_(true), total_(0) {}
-  explicit Deadline(Milliseconds total) : is_none_(false), total_(total), at_(Clock::now() + total) {}
+  Deadline() : is_none_(true) {}
+  explicit Deadline(Milliseconds total) : is_none_(false), at_(Clock::now() + total) {}
 
   bool is_none_;
-  Milliseconds total_;
   Clock::time_point at_;
 };
 

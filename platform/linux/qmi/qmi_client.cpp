@@ -23,6 +23,10 @@ namespace {
 constexpr Deadline::Milliseconds kFirstRetry{1};
 constexpr Deadline::Milliseconds kSlowestRetry{100};
 
+// How much longer than the caller's time-out an open may take at a modem that is there: callers wait for a service to
+// appear for a few milliseconds, but a modem may need some hundred for its first response.
+constexpr Deadline::Milliseconds kOpenPatience{1000};
+
 // All connections together may hold up a process's end for this long.
 constexpr Deadline::Milliseconds kExitTimeout{300};
 
@@ -49,11 +53,14 @@ void surrender_at_exit() {
   });
 }
 
-int32_t open_connection(qmi_idl_service_object_type service, const Deadline& deadline,
+int32_t open_connection(qmi_idl_service_object_type service, Deadline::Milliseconds timeout,
                         std::unique_ptr<Connection>& connection) {
+  const Deadline deadline = Deadline::after(timeout);
+  const Deadline response_deadline = Deadline::after(timeout + kOpenPatience);
   const size_t message_capacity = kMessageHeaderLength + service->max_msg_len;
   for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
-    const int32_t error = default_transport().open(service->service_id, message_capacity, connection);
+    const int32_t error =
+        default_transport().open(service->service_id, message_capacity, response_deadline, connection);
     if (error != QMI_TIMEOUT_ERR || deadline.has_passed()) return error;
     std::this_thread::sleep_for(std::min(pause, deadline.remaining()));
   }
@@ -81,7 +88,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
   return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
     surrender_at_exit();
     std::unique_ptr<Connection> connection;
-    const int32_t error = open_connection(service_obj, Deadline::after(Deadline::Milliseconds(timeout)), connection);
+    const int32_t error = open_connection(service_obj, Deadline::Milliseconds(timeout), connection);
     if (error != QMI_NO_ERR) return error;
 
     const qmi_client_type handle = new_handle<>();

@@ -9,9 +9,6 @@
 namespace pelmar::platform {
 namespace {
 
-// A modem that takes longer to answer a CTL request counts as absent.
-constexpr Deadline::Milliseconds kControlTimeout{2000};
-
 constexpr uint8_t kControlRequest = 0;
 constexpr uint8_t kControlResponse = 1;
 constexpr uint8_t kControlIndication = 2;
@@ -64,22 +61,22 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication) 
   return true;
 }
 
-bool QmuxLink::open() {
-  if (!stream_.connect(environment(kModemSocketVariable, kDefaultModemSocket))) return false;
+bool QmuxLink::open(const Deadline& deadline) {
+  if (!stream_.connect(environment(kModemSocketVariable, kDefaultModemSocket), deadline)) return false;
   reader_ = FrameReader();
   const std::string device = environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
   const Bytes path(device.begin(), device.end());
-  if (exchange(ControlMessage::kOpenProxy, path, Deadline::after(kControlTimeout), nullptr) == Answer::kSuccess) {
+  if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Answer::kSuccess) {
     return true;
   }
   close();
   return false;
 }
 
-QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services) {
+QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services, const Deadline& deadline) {
   constexpr size_t kEntryLength = 5;  // u8 service, u16 major, u16 minor
   Bytes value;
-  const Answer answer = exchange(ControlMessage::kGetVersionInfo, {}, Deadline::after(kControlTimeout), &value);
+  const Answer answer = exchange(ControlMessage::kGetVersionInfo, {}, deadline, &value);
   if (answer != Answer::kSuccess) return answer;
   services.clear();
   const size_t count = value.empty() ? 0 : value[0];
@@ -89,12 +86,11 @@ QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services) {
   return answer;
 }
 
-QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client) {
+QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline) {
   saw_restart_ = false;
   revoked_.clear();
   Bytes value;
-  const Answer answer =
-      exchange(ControlMessage::kAllocateClientId, {service}, Deadline::after(kControlTimeout), &value);
+  const Answer answer = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
   if (answer != Answer::kSuccess) return answer;
   if (value.size() < 2 || value[0] != service) return Answer::kFailure;
   client = value[1];

@@ -34,7 +34,7 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication);
 class QmuxLink {
  public:
   // Connects to the proxy and has it open the modem's device. False where nobody answers, or answers with failure.
-  bool open();
+  bool open(const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
@@ -42,9 +42,9 @@ class QmuxLink {
   enum class Answer { kSuccess, kNoAnswer, kClientIdsExhausted, kFailure };
 
   // The services that the modem offers.
-  Answer get_services(std::vector<uint8_t>& services);
+  Answer get_services(std::vector<uint8_t>& services, const Deadline& deadline);
   // An id that the modem takes back before its answer arrives is no answer.
-  Answer allocate_client_id(uint8_t service, uint8_t& client);
+  Answer allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline);
   Answer release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
   SendStatus send_release_client_id(uint8_t service, uint8_t client);
 

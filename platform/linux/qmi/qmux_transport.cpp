@@ -9,6 +9,9 @@
 namespace pelmar::platform {
 namespace {
 
+// A modem that takes longer for a look at its services counts as absent.
+constexpr Deadline::Milliseconds kLookTimeout{2000};
+
 constexpr size_t kMaxMessageLength = UINT16_MAX - (kQmuxHeaderLength - 1);
 
 bool offers(const std::vector<uint8_t>& services, uint8_t service) {
@@ -85,21 +88,22 @@ class QmuxWatch final : public ServiceWatch {
   explicit QmuxWatch(uint8_t service) : service_(service) {}
 
   Presence look() override {
+    const Deadline deadline = Deadline::after(kLookTimeout);
     Presence presence = {false, false};
     if (link_.is_open()) {
-      if (ask(presence)) return presence;
+      if (ask(presence, deadline)) return presence;
       presence.went_meanwhile = true;
     }
-    if (link_.open()) ask(presence);
+    if (link_.open(deadline)) ask(presence, deadline);
     return presence;
   }
 
   int descriptor() const override { return link_.is_open() ? link_.stream().descriptor() : -1; }
 
  private:
-  bool ask(Presence& presence) {
+  bool ask(Presence& presence, const Deadline& deadline) {
     std::vector<uint8_t> services;
-    if (link_.get_services(services) != QmuxLink::Answer::kSuccess) {
+    if (link_.get_services(services, deadline) != QmuxLink::Answer::kSuccess) {
       link_.close();
       return false;
     }
@@ -114,16 +118,18 @@ class QmuxWatch final : public ServiceWatch {
 
 }  // namespace
 
-int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, std::unique_ptr<Connection>& connection) {
+int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Deadline& deadline,
+                            std::unique_ptr<Connection>& connection) {
   if (service == kControlService || service > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service);
   QmuxLink link;
   std::vector<uint8_t> services;
-  if (!link.open() || link.get_services(services) != QmuxLink::Answer::kSuccess || !offers(services, number)) {
+  if (!link.open(deadline) || link.get_services(services, deadline) != QmuxLink::Answer::kSuccess ||
+      !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
   uint8_t client = 0;
-  switch (link.allocate_client_id(number, client)) {
+  switch (link.allocate_client_id(number, client, deadline)) {
     case QmuxLink::Answer::kSuccess:
       break;
     case QmuxLink::Answer::kNoAnswer:

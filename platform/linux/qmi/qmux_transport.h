@@ -11,7 +11,8 @@ namespace pelmar::platform {
 
 class QmuxTransport final : public Transport {
  public:
-  int32_t open(uint32_t service, size_t message_capacity, std::unique_ptr<Connection>& connection) override;
+  int32_t open(uint32_t service, size_t message_capacity, const Deadline& deadline,
+               std::unique_ptr<Connection>& connection) override;
   std::unique_ptr<ServiceWatch> watch(uint32_t service) override;
 };
 

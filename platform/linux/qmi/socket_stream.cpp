@@ -11,24 +11,28 @@
 namespace pelmar::platform {
 namespace {
 
-// A listener that accepts nobody would hold a caller for ever.
-constexpr Deadline::Milliseconds kConnectTimeout{2000};
+// How long one call waits in the socket itself. The kernel ends such a wait late by up to an eighth of it, seconds
+// where it is long: after a short one the rest is waited for by a poll, which is exact.
+constexpr Deadline::Milliseconds kSocketTimeout{100};
 
-timeval to_timeval(Deadline::Milliseconds time) {
-  return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
+bool set_timeout(int descriptor, int option) {
+  const timeval timeout = {0, static_cast<suseconds_t>(std::chrono::microseconds(kSocketTimeout).count())};
+  return ::setsockopt(descriptor, SOL_SOCKET, option, &timeout, sizeof timeout) == 0;
 }
 
 }  // namespace
 
-bool SocketStream::connect(const std::string& name) {
+bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
   const auto address = unix_address(name);
   if (!address) return false;
   close();
   descriptor_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!is_open()) return false;
-  const timeval timeout = to_timeval(kConnectTimeout);
-  ::setsockopt(descriptor(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  if (::connect(descriptor(), address->get(), address->length) == 0) return true;
+  if (is_open() && set_timeout(descriptor(), SO_SNDTIMEO) && set_timeout(descriptor(), SO_RCVTIMEO)) {
+    do {
+      if (::connect(descriptor(), address->get(), address->length) == 0) return true;
+      // A listener that accepts nobody, whose queue is full.
+    } while ((errno == EAGAIN || errno == EINTR) && !deadline.has_passed());
+  }
   close();
   return false;
 }
@@ -62,7 +66,9 @@ SendStatus SocketStream::flush(const Deadline& deadline) {
 
 ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadline, size_t& received) {
   for (;;) {
-    const ssize_t count = ::recv(descriptor(), to, room, blocks_for(deadline) ? 0 : MSG_DONTWAIT);
+    // A wait in the socket costs one system call for the usual response, where a poll before it makes two.
+    const bool blocks = deadline.is_none() || deadline.remaining() >= 2 * kSocketTimeout;
+    const ssize_t count = ::recv(descriptor(), to, room, blocks ? 0 : MSG_DONTWAIT);
     if (count > 0) {
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;
@@ -70,17 +76,6 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
     if (count == 0 || (errno != EAGAIN && errno != EINTR)) return ReadStatus::kGone;
     if (errno == EAGAIN && !wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
   }
-}
-
-// A wait that begins now may be left to the socket itself, which remembers its time-out from one receive to the next:
-// one system call instead of two for the usual answer. Later waits for the same answer are shorter and poll.
-bool SocketStream::blocks_for(const Deadline& deadline) {
-  if (!deadline.is_none() && (deadline.total().count() == 0 || deadline.remaining() != deadline.total())) return false;
-  if (receive_timeout_ == deadline.total()) return true;
-  const timeval timeout = to_timeval(deadline.total());
-  if (::setsockopt(descriptor(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) return false;
-  receive_timeout_ = deadline.total();
-  return true;
 }
 
 bool SocketStream::wait(short events, const Deadline& deadline) {
@@ -99,7 +94,6 @@ void SocketStream::shut_down() {
 void SocketStream::close() {
   descriptor_.reset();
   unsent_.clear();
-  receive_timeout_ = Deadline::Milliseconds(0);
 }
 
 }  // namespace pelmar::platform

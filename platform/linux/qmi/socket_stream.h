@@ -16,7 +16,7 @@ namespace pelmar::platform {
 class SocketStream {
  public:
   // Connects to a path, or to an abstract name written as @NAME.
-  bool connect(const std::string& address);
+  bool connect(const std::string& address, const Deadline& deadline);
 
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
@@ -34,12 +34,10 @@ class SocketStream {
   void close();
 
  private:
-  bool blocks_for(const Deadline& deadline);
   bool wait(short events, const Deadline& deadline);
 
   UniqueFd descriptor_;
   std::vector<uint8_t> unsent_;
-  Deadline::Milliseconds receive_timeout_{0};  // as the socket has it; 0: none
 };
 
 }  // namespace pelmar::platform

@@ -72,8 +72,10 @@ class Transport {
  public:
   virtual ~Transport() = default;
 
-  // Returns 0, QMI_TIMEOUT_ERR where the service is absent, or another transport code. Does not wait for a service.
-  virtual int32_t open(uint32_t service, size_t message_capacity, std::unique_ptr<Connection>& connection) = 0;
+  // Returns 0, QMI_TIMEOUT_ERR where the service is absent or the modem does not respond until the deadline, or another
+  // transport code. Does not wait for a service.
+  virtual int32_t open(uint32_t service, size_t message_capacity, const Deadline& deadline,
+                       std::unique_ptr<Connection>& connection) = 0;
 
   virtual std::unique_ptr<ServiceWatch> watch(uint32_t service) = 0;
 };
