@@ -100,12 +100,16 @@ qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
  *
  * Returns 0 when a response was decoded (whatever its result says), a transport code, or a codec code. A null handle
  * answers QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. On Linux a send that ends with
- * QMI_SERVICE_ERR leaves a response whose header says failure. */
+ * QMI_SERVICE_ERR leaves a response whose header says failure, and one that 2048 transactions of the handle are ahead
+ * of returns QMI_XPORT_BUSY_ERR. */
 qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
                                                unsigned int req_c_struct_len, void* resp_c_struct,
                                                unsigned int resp_c_struct_len, unsigned int timeout_msecs);
 
-/* Sends a request; the callback gets the response. The response structure must stay valid until then. */
+/* Sends a request; the callback gets the response. The response structure must stay valid until then.
+ *
+ * On Linux a handle has 1024 such transactions under way at most, those counted whose callback has not begun yet. A
+ * send beyond them returns QMI_XPORT_BUSY_ERR, as does one that the modem does not take within five seconds. */
 qmi_client_error_type qmi_client_send_msg_async(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
                                                 unsigned int req_c_struct_len, void* resp_c_struct,
                                                 unsigned int resp_c_struct_len, qmi_client_recv_msg_async_cb resp_cb,

@@ -34,6 +34,11 @@ TEST_P(ServiceGoes, EverySendEndsAtOnce) {
   const qmi_client_type handle = connect();
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
   nas::GetDrxResponse async_response{};
+  uint8_t trm = 0;
+  ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_AVOID_TRM_V01, &trm, 1, &async_responses_[0],
+                                      sizeof async_responses_[0], on_response, this, nullptr),
+            QMI_NO_ERR);
+  modem_.receive();
   ASSERT_EQ(send_async(handle, async_response, this), QMI_NO_ERR);
   modem_.receive();
   auto first = sender(handle, 0);
@@ -45,7 +50,7 @@ TEST_P(ServiceGoes, EverySendEndsAtOnce) {
   go(request.client);
   EXPECT_EQ(first.get().first, QMI_SERVICE_ERR);
   EXPECT_EQ(second.get().first, QMI_SERVICE_ERR);
-  EXPECT_EQ(events(3), (Events{"indication 1 (0)", "response 137 -2", "error -2"}));
+  EXPECT_EQ(events(4), (Events{"indication 1 (0)", "response 152 -2", "response 137 -2", "error -2"}));
 
   nas::GetDrxResponse response{};
   EXPECT_EQ(get_drx(handle, response), QMI_SERVICE_ERR);
@@ -53,9 +58,9 @@ TEST_P(ServiceGoes, EverySendEndsAtOnce) {
   EXPECT_EQ(async_response.header.result, uint32_t{QMI_RESULT_FAILURE_V01});
   EXPECT_EQ(send_async(handle, async_response, this), QMI_SERVICE_ERR);
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
-  EXPECT_EQ(events(4).back(), "error -2 on the caller's thread");
+  EXPECT_EQ(events(5).back(), "error -2 on the caller's thread");
   EXPECT_FALSE(modem_.is_connected(0));
-  EXPECT_EQ(events(4).size(), 4u) << "one call for each registration";
+  EXPECT_EQ(events(5).size(), 5u) << "one call for each registration";
 }
 
 TEST_P(ServiceGoes, TheHandlesThreadNoticesToo) {

@@ -211,6 +211,39 @@ TEST_F(ClientTest, ACallbackMaySendAndHoldsUpNobodyElse) {
   EXPECT_EQ(events(4).back(), "indication 2 (0)");
 }
 
+TEST_F(ClientTest, TransactionsUnderWayAreBoundedAndHaveNumbersOfTheirOwn) {
+  constexpr size_t kMost = 1024;
+  const qmi_client_type handle = connect();
+  const auto burn_number = [&] {  // on a request that cannot be encoded
+    nas::GetDrxResponse response{};
+    return qmi_client_send_msg_sync(handle, kDrx, nullptr, 0, &response, sizeof response, 1000);
+  };
+  nas::GetDrxResponse response{};
+  ASSERT_EQ(send_async(handle, response, this), QMI_NO_ERR);
+  const ScriptedRequest first = modem_.receive();
+  for (size_t count = 0; count < UINT16_MAX - kMost / 2; ++count) {
+    ASSERT_EQ(burn_number(), QMI_IDL_LIB_BUFFER_TOO_SMALL);
+  }
+  std::set<uint16_t> numbers = {0, first.transaction};
+  std::vector<ScriptedRequest> requests;
+  int error = QMI_NO_ERR;
+  while (numbers.size() < 1 + 2 * kMost && (error = send_async(handle, response, this)) == QMI_NO_ERR) {
+    requests.push_back(modem_.receive());
+    EXPECT_TRUE(numbers.insert(requests.back().transaction).second) << requests.back().transaction;
+  }
+  EXPECT_EQ(error, QMI_XPORT_BUSY_ERR);
+  ASSERT_EQ(requests.size(), kMost - 1);
+  EXPECT_GT(requests.front().transaction, requests.back().transaction) << "the numbers went round";
+
+  auto sync = sender(handle);
+  modem_.respond(modem_.receive(), ScriptedModem::drx_response(1));
+  EXPECT_EQ(sync.get(), (Outcome{QMI_NO_ERR, 1})) << "who waits for a response finds room";
+  modem_.respond(requests[7], ScriptedModem::drx_response(2));
+  events(1);
+  EXPECT_EQ(send_async(handle, response, this), QMI_NO_ERR);
+  EXPECT_EQ(send_async(handle, response, this), QMI_XPORT_BUSY_ERR);
+}
+
 TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
   const qmi_client_type handle = connect();
   nas::SetLteCellLockRequest lock{};

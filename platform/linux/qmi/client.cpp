@@ -88,6 +88,7 @@ Client::Event Client::take_event() {
   Event event = std::move(events_.front());
   events_.pop_front();
   waiting_bytes_ -= waiting_bytes_of(event);
+  if (std::holds_alternative<Transaction>(event)) --async_count_;
   return event;
 }
 
@@ -147,7 +148,7 @@ void Client::release() {
   {
     const Lock lock(mutex_);
     is_stopping_ = true;
-    transactions_.clear();
+    while (!transactions_.empty()) take(transactions_.begin());
     events_.clear();
     waiting_bytes_ = 0;
     while (!waiters_.empty()) finish(*waiters_.back(), QMI_CLIENT_INVALID_CLNT);

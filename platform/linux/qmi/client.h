@@ -12,8 +12,10 @@
 // One mutex guards all state. It is not held while a read waits, while bytes are sent, or during a callback.
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <variant>
@@ -75,12 +77,14 @@ class Client : public std::enable_shared_from_this<Client> {
     const Request& request;
     const Deadline& deadline;
     uint16_t transaction = 0;
+    size_t place = 0;  // among waiters_
     bool is_done = false;
     bool is_asleep = false;  // waits for `changed`
     int32_t answer = QMI_NO_ERR;
     std::condition_variable changed;  // done, or made the reader
   };
 
+  // An asynchronous one.
   struct Transaction {
     uint16_t number;
     Request request;
@@ -95,6 +99,13 @@ class Client : public std::enable_shared_from_this<Client> {
 
   using Event = std::variant<Indication, Transaction>;
 
+  // Whose response the modem still owes. A number's place in the table is its remainder, so it is found without a
+  // search; a number whose place is taken is not given out. The asynchronous ones fill half of the table at most: the
+  // next free number is soon found, and synchronous senders, one for each thread, find room always.
+  using Slot = std::variant<std::monostate, Waiter*, std::list<Transaction>::iterator>;
+  static constexpr size_t kSlots = 2048;
+  static constexpr size_t kMostAsync = kSlots / 2;
+
   // Of indications that wait for a callback: some thousand of the largest.
   static constexpr size_t kMostWaitingBytes = size_t{64} << 20;
   static size_t waiting_bytes_of(const Event& event);
@@ -107,7 +118,8 @@ class Client : public std::enable_shared_from_this<Client> {
   void end_send();
   int32_t wait_for_answer(Lock& lock, Waiter& waiter);
   uint16_t new_transaction();
-  bool is_pending(uint16_t transaction) const;
+  Slot& slot_of(uint16_t transaction) { return slots_[transaction % kSlots]; }
+  Transaction take(std::list<Transaction>::iterator transaction);
 
   // client_receive.cpp
   void dispatch_arrivals();
@@ -149,11 +161,13 @@ class Client : public std::enable_shared_from_this<Client> {
   bool is_idle_ = false;      // the thread waits for something to do
 
   uint16_t last_transaction_ = 0;
-  std::vector<Waiter*> waiters_;           // not done yet
-  std::vector<Transaction> transactions_;  // asynchronous ones under way
-  std::deque<Event> events_;               // for the thread, in the order of arrival
-  size_t waiting_bytes_ = 0;               // of the indications among them
-  size_t dropped_ = 0;                     // indications, not yet told to the log
+  std::array<Slot, kSlots> slots_;
+  std::vector<Waiter*> waiters_;         // not done yet, in any order
+  std::list<Transaction> transactions_;  // under way, in the order of sending
+  size_t async_count_ = 0;               // of them, and of those among the events
+  std::deque<Event> events_;             // for the thread, in the order of arrival
+  size_t waiting_bytes_ = 0;             // of the indications among them
+  size_t dropped_ = 0;                   // indications, not yet told to the log
 
   qmi_client_error_cb error_function_ = nullptr;
   void* error_data_ = nullptr;

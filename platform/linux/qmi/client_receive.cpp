@@ -31,19 +31,24 @@ void Client::dispatch_arrivals() {
 
 // A response that nobody waits for came too late, and is dropped.
 void Client::dispatch_response(const Message& message) {
-  for (Waiter* const waiter : waiters_) {
-    if (waiter->transaction != message.transaction || waiter->request.id != message.id) continue;
-    finish(*waiter, waiter->deadline.has_passed() ? QMI_TIMEOUT_ERR : decode_response(waiter->request, message));
-    return;
-  }
-  for (auto entry = transactions_.begin(); entry != transactions_.end(); ++entry) {
-    if (entry->number != message.transaction || entry->request.id != message.id) continue;
-    entry->answer = decode_response(entry->request, message);
-    Transaction done = *entry;
-    transactions_.erase(entry);
+  const Slot& slot = slot_of(message.transaction);
+  if (Waiter* const* const found = std::get_if<Waiter*>(&slot)) {
+    Waiter& waiter = **found;
+    if (waiter.transaction != message.transaction || waiter.request.id != message.id) return;
+    finish(waiter, waiter.deadline.has_passed() ? QMI_TIMEOUT_ERR : decode_response(waiter.request, message));
+  } else if (const auto* const entry = std::get_if<std::list<Transaction>::iterator>(&slot)) {
+    if ((*entry)->number != message.transaction || (*entry)->request.id != message.id) return;
+    Transaction done = take(*entry);
+    done.answer = decode_response(done.request, message);
     push(done);
-    return;
   }
+}
+
+Client::Transaction Client::take(std::list<Transaction>::iterator transaction) {
+  const Transaction taken = *transaction;
+  slot_of(taken.number) = std::monostate();
+  transactions_.erase(transaction);
+  return taken;
 }
 
 int32_t Client::decode_response(const Request& request, const Message& message) const {
@@ -52,7 +57,10 @@ int32_t Client::decode_response(const Request& request, const Message& message) 
 }
 
 void Client::finish(Waiter& waiter, int32_t answer) {
-  waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &waiter));
+  slot_of(waiter.transaction) = std::monostate();
+  waiters_[waiter.place] = waiters_.back();
+  waiters_[waiter.place]->place = waiter.place;
+  waiters_.pop_back();
   waiter.answer = answer;
   waiter.is_done = true;
   waiter.changed.notify_one();
@@ -65,10 +73,11 @@ void Client::service_gone() {
     mark_lost(waiters_.back()->request);
     finish(*waiters_.back(), QMI_SERVICE_ERR);
   }
-  for (Transaction& transaction : std::exchange(transactions_, {})) {
-    mark_lost(transaction.request);
-    transaction.answer = QMI_SERVICE_ERR;
-    push(transaction);
+  while (!transactions_.empty()) {
+    Transaction lost = take(transactions_.begin());
+    mark_lost(lost.request);
+    lost.answer = QMI_SERVICE_ERR;
+    push(lost);
   }
   is_error_due_ = error_function_ != nullptr;
   send_ended_.notify_all();
@@ -109,7 +118,7 @@ void Client::push(Event event) {
   wake_thread();
 }
 
-// Asynchronous answers are kept: each has a caller, and their number is bounded by that of transactions.
+// Asynchronous answers are kept: each has a caller, and their number is bounded.
 void Client::drop_oldest_indication() {
   const auto oldest = std::find_if(events_.begin(), events_.end(),
                                    [](const Event& event) { return std::holds_alternative<Indication>(event); });

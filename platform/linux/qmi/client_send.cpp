@@ -25,6 +25,12 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
   if (error == QMI_SERVICE_ERR) mark_lost(request);
   if (error != QMI_NO_ERR) return error;
   waiter.transaction = new_transaction();
+  if (waiter.transaction == 0) {
+    end_send();
+    return QMI_XPORT_BUSY_ERR;
+  }
+  slot_of(waiter.transaction) = &waiter;
+  waiter.place = waiters_.size();
   waiters_.push_back(&waiter);
   if (reader_ == nullptr) take_reading(waiter);
   error = transmit(lock, request, waiter.transaction, deadline);
@@ -42,16 +48,22 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   error = begin_send(lock, deadline);
   if (error == QMI_SERVICE_ERR) mark_lost(request);
   if (error != QMI_NO_ERR) return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
-  const uint16_t number = new_transaction();
-  transactions_.push_back({number, request, callback, QMI_NO_ERR});
+  const uint16_t number = async_count_ < kMostAsync ? new_transaction() : 0;
+  if (number == 0) {
+    end_send();
+    return QMI_XPORT_BUSY_ERR;
+  }
+  ++async_count_;
+  const auto own = transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR});
+  slot_of(number) = own;
   if (transaction != nullptr) *transaction = reinterpret_cast<qmi_txn_handle>(uintptr_t{number});
   error = transmit(lock, request, number, deadline);
   if (error == QMI_NO_ERR) return QMI_NO_ERR;
 
-  const auto own = std::find_if(transactions_.begin(), transactions_.end(),
-                                [number](const Transaction& entry) { return entry.number == number; });
-  if (own == transactions_.end()) return QMI_NO_ERR;  // its end is told by the callback already
-  transactions_.erase(own);
+  // Where the place is free, the callback tells of the end. Nobody else has got it: this send has only just ended.
+  if (std::holds_alternative<std::monostate>(slot_of(number))) return QMI_NO_ERR;
+  take(own);
+  --async_count_;
   return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
 }
 
@@ -142,18 +154,13 @@ int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
   return waiter.answer;
 }
 
+// 0 where too many are under way.
 uint16_t Client::new_transaction() {
+  if (waiters_.size() + transactions_.size() >= kSlots) return 0;
   do {
     ++last_transaction_;
-  } while (last_transaction_ == 0 || is_pending(last_transaction_));
+  } while (last_transaction_ == 0 || !std::holds_alternative<std::monostate>(slot_of(last_transaction_)));
   return last_transaction_;
-}
-
-bool Client::is_pending(uint16_t transaction) const {
-  return std::any_of(waiters_.begin(), waiters_.end(),
-                     [transaction](const Waiter* waiter) { return waiter->transaction == transaction; }) ||
-         std::any_of(transactions_.begin(), transactions_.end(),
-                     [transaction](const Transaction& entry) { return entry.number == transaction; });
 }
 
 }  // namespace pelmar::platform
