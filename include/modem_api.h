@@ -32,6 +32,9 @@
  * Lines of the library go to the system log and to standard output. A program that writes to standard output itself
  * calls pelmar_hal_close_shell_print() (pelmar_log.h) before modem_api_init().
  *
+ * Processes: on Linux a child of fork() cannot use its parent's clients, and whatever it does with them, or its exit,
+ * does them no harm. Their commands return MODEM_API_ERR_GENERIC there. After modem_api_init() it may open its own.
+ *
  * Results: every function answers a modem_api_result. Commands answer MODEM_API_ERR_INVALID_CLIENT for an id that names
  * no client of the command's type whose service is up, the codes named at each declaration, and else what the modem's
  * answer maps to (modem_api_map_qmi_error_to_modem_api).
@@ -205,8 +208,8 @@ PELMAR_EXPORT modem_api_result modem_api_init(void);
 PELMAR_EXPORT modem_api_result modem_api_release(void);
 
 /* Opens a client and connects it to its service; blocks for up to about ten seconds while the service is absent, and on
- * Linux for up to about twenty where a modem is there that does not respond. A NAS client also sends
- * commands while it opens, each of which blocks for up to 30 s.
+ * Linux for up to about twenty where a modem is there that does not respond. A NAS client also sends commands while it
+ * opens, each of which blocks for up to 30 s.
  *
  * type       a MODEM_API_CLIENT_* value
  * event_cb   receives modem events (vendor-specific clients alone); may be null

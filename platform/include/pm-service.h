@@ -2,7 +2,8 @@
  *
  * The manager powers a peripheral while at least one voter is connected. On the way up it tells every registered voter
  * 2 then 3, on the way down 0 then 1, and waits for each voter's acknowledgement, up to a time-out, before the next
- * step. A voter that dies takes its vote with it. */
+ * step. A voter that dies takes its vote with it. A child of fork() has none of its parent's voters on Linux: every use
+ * returns PM_RET_FAILED, and the parent's votes stay. */
 #ifndef PM_SERVICE_H
 #define PM_SERVICE_H
 

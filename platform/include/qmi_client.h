@@ -5,6 +5,9 @@
  *
  * When a service goes away, every send that waits on the handle ends with QMI_SERVICE_ERR, the error callback is called
  * once with that code, and later sends answer it.
+ *
+ * A child of fork() has none of its parent's handles on Linux: every use returns QMI_CLIENT_INVALID_CLNT and does the
+ * parent no harm. It may open handles of its own.
  */
 #ifndef QMI_CLIENT_H
 #define QMI_CLIENT_H

@@ -12,10 +12,8 @@
 namespace pelmar::platform::power {
 namespace {
 
-// Never destroyed: callbacks may run until the process is gone.
 HandleTable<Voter, void*>& voters() {
-  static auto* const table = new HandleTable<Voter, void*>;
-  return *table;
+  return HandleTable<Voter, void*>::of_this_process();
 }
 
 int register_voter(const Voter::Callback& callback, const Register& names, pm_event* state, void** handle) {

@@ -178,6 +178,27 @@ TEST_F(ClientTest, ReleaseEndsTheConnectionWhoeverElseHoldsIt) {
   ::waitpid(child, nullptr, 0);
 }
 
+TEST_F(ClientTest, AChildOfForkLeavesItsParentsHandlesAlone) {
+  const qmi_client_type handle = connect();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    nas::GetDrxResponse response{};
+    const bool refuses = send_async(handle, response, this) == QMI_CLIENT_INVALID_CLNT &&
+                         get_drx(handle, response, 1) == QMI_CLIENT_INVALID_CLNT &&
+                         qmi_client_register_error_cb(handle, on_error, this) == QMI_CLIENT_INVALID_CLNT &&
+                         qmi_client_release(handle) == QMI_CLIENT_INVALID_CLNT;
+    const bool connects = connect() != nullptr;
+    std::exit(refuses && connects ? 0 : 1);  // gives back what is its own
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 1}}));
+  auto sent = sender(handle);
+  modem_.respond(modem_.receive(), ScriptedModem::drx_response(3));
+  EXPECT_EQ(sent.get(), (Outcome{QMI_NO_ERR, 3}));
+}
+
 // Forks before the modem's threads are there; the child waits for the modem.
 TEST(ProcessEnd, GivesClientIdsBack) {
   const std::string path = "/tmp/scripted-modem-" + std::to_string(::getpid());
@@ -213,3 +234,8 @@ TEST(ProcessEnd, GivesClientIdsBack) {
 
 }  // namespace
 }  // namespace pelmar::platform
+
+// A child of fork() may have threads of its own.
+extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}

@@ -95,7 +95,7 @@ void Voter::run_callbacks() {
     const pm_event event = events_.front();
     events_.pop_front();
     lock.unlock();
-    callback_.function(callback_.data, event);
+    FrameworkThread::run_callback([&] { callback_.function(callback_.data, event); });
     lock.lock();
   }
 }

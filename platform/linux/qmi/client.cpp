@@ -18,8 +18,8 @@ namespace {
 // How long a release waits for the modem to confirm that the client id is free.
 constexpr Deadline::Milliseconds kEndTimeout{500};
 
-UniqueFd create_poll() {
-  UniqueFd poll(::epoll_create1(EPOLL_CLOEXEC));
+ProcessFd create_poll() {
+  ProcessFd poll([] { return ::epoll_create1(EPOLL_CLOEXEC); });
   if (!poll) throw std::system_error(errno, std::generic_category(), "epoll_create1");
   return poll;
 }
@@ -66,14 +66,14 @@ void Client::run() {
         syslog(LOG_WARNING, "QMI service 0x%02x: a client's callbacks are too slow, %zu indications were dropped",
                static_cast<unsigned>(service_->service_id), dropped);
       }
-      deliver(event);
+      FrameworkThread::run_callback([&] { deliver(event); });
       lock.lock();
     } else if (is_error_due_) {
       is_error_due_ = false;
       const auto function = error_function_;
       void* const data = error_data_;
       lock.unlock();
-      function(handle_, QMI_SERVICE_ERR, data);
+      FrameworkThread::run_callback([&] { function(handle_, QMI_SERVICE_ERR, data); });
       lock.lock();
     } else {
       wait_for_work(lock);

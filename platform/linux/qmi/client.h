@@ -22,9 +22,9 @@
 #include <vector>
 
 #include "framework_thread.h"
+#include "process_fd.h"
 #include "qmi_client.h"
 #include "transport.h"
-#include "unique_fd.h"
 
 namespace pelmar::platform {
 
@@ -145,7 +145,7 @@ class Client : public std::enable_shared_from_this<Client> {
   const IndicationCallback indication_;
   const std::unique_ptr<Connection> connection_;
   const qmi_client_type handle_;
-  const UniqueFd poll_;  // an epoll descriptor: the connection and the thread's wake-up
+  ProcessFd poll_;  // an epoll descriptor: the connection and the thread's wake-up
 
   std::mutex mutex_;
   bool is_gone_ = false;      // the service went away

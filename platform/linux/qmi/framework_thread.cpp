@@ -11,7 +11,7 @@
 
 namespace pelmar::platform {
 
-FrameworkThread::FrameworkThread() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+FrameworkThread::FrameworkThread() : wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }) {
   if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
@@ -46,18 +46,21 @@ void FrameworkThread::detach() {
   if (thread_.joinable()) thread_.detach();
 }
 
-void CallerCallbacks::run(const std::function<void()>& callback) {
+bool CallerCallbacks::run(const std::function<void()>& callback) {
   const auto self = std::this_thread::get_id();
   {
     const std::lock_guard lock(mutex_);
     running_.push_back(self);
   }
+  const unsigned forks = fork_count();
   callback();
+  if (fork_count() != forks) return false;
   {
     const std::lock_guard lock(mutex_);
     running_.erase(std::find(running_.begin(), running_.end(), self));
   }
   ended_.notify_all();
+  return true;
 }
 
 void CallerCallbacks::wait_for_others() {

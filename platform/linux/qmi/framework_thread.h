@@ -4,12 +4,13 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "unique_fd.h"
+#include "process_fd.h"
 
 namespace pelmar::platform {
 
@@ -25,6 +26,15 @@ class FrameworkThread {
 
   bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }
 
+  // Runs a callback on the thread. In a child of fork() that returns from the callback, this is the one thread, which
+  // has nothing to serve there: the process ends, as it does with its last thread.
+  template <typename Callback>
+  static void run_callback(Callback callback) {
+    const unsigned forks = fork_count();
+    callback();
+    if (fork_count() != forks) std::exit(0);
+  }
+
   // Readable after wake() until acknowledge().
   int descriptor() const { return wake_.get(); }
   void wake();
@@ -35,14 +45,15 @@ class FrameworkThread {
   void detach();
 
  private:
-  const UniqueFd wake_;
+  ProcessFd wake_;
   std::thread thread_;
 };
 
 // Callbacks that run on a caller's thread, during a registration.
 class CallerCallbacks {
  public:
-  void run(const std::function<void()>& callback);
+  // False in a child of fork() that the callback made: the caller must return, and take no lock before.
+  bool run(const std::function<void()>& callback);
 
   // Waits until none runs on another thread than this.
   void wait_for_others();

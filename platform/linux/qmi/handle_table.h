@@ -1,5 +1,5 @@
 // The live handles of one kind. A handle is a number in the form of a pointer, never used twice in a process, so a
-// stale or made-up handle is told from a live one.
+// stale or made-up handle is told from a live one. So is a parent's in a child of fork().
 #pragma once
 
 #include <atomic>
@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "process_fd.h"
 #include "qmi_client.h"
 
 namespace pelmar::platform {
@@ -23,6 +24,18 @@ Handle new_handle() {
 template <typename T, typename Handle = qmi_client_type>
 class HandleTable {
  public:
+  // A child of fork() begins with an empty table of its own, and never touches its parent's: the locks there may be
+  // held by threads that the child does not have. No table is destroyed: threads may use it until the process is gone.
+  static HandleTable& of_this_process() {
+    constinit static std::atomic<HandleTable*> current{nullptr};
+    HandleTable* table = current.load();
+    if (table != nullptr && table->forks_ == fork_count()) return *table;
+    auto* const own = new HandleTable;
+    if (current.compare_exchange_strong(table, own)) return *own;
+    delete own;
+    return *table;
+  }
+
   void add(Handle handle, std::shared_ptr<T> object) {
     const std::lock_guard lock(mutex_);
     objects_.emplace(handle, std::move(object));
@@ -53,6 +66,7 @@ class HandleTable {
   }
 
  private:
+  const unsigned forks_ = fork_count();
   mutable std::mutex mutex_;
   std::unordered_map<Handle, std::shared_ptr<T>> objects_;
 };

@@ -31,7 +31,9 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   }
   if (is_there_ && !is_stopping_) {
     lock.unlock();
-    caller_callbacks_.run([&] { function(handle_, service_, QMI_CLIENT_SERVICE_COUNT_INC, data); });
+    const bool goes_on =
+        caller_callbacks_.run([&] { function(handle_, service_, QMI_CLIENT_SERVICE_COUNT_INC, data); });
+    if (!goes_on) return QMI_CLIENT_INVALID_CLNT;
     lock.lock();
   }
   // The callback may have led to the handle's release.
@@ -61,7 +63,9 @@ void Notifier::tell(Lock& lock, bool is_there) {
   const auto function = function_;
   void* const data = data_;
   lock.unlock();
-  function(handle_, service_, is_there ? QMI_CLIENT_SERVICE_COUNT_INC : QMI_CLIENT_SERVICE_COUNT_DEC, data);
+  FrameworkThread::run_callback([&] {
+    function(handle_, service_, is_there ? QMI_CLIENT_SERVICE_COUNT_INC : QMI_CLIENT_SERVICE_COUNT_DEC, data);
+  });
   lock.lock();
 }
 

@@ -3,9 +3,9 @@
 #include "qmi_client.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "client.h"
@@ -30,26 +30,21 @@ constexpr Deadline::Milliseconds kOpenPatience{1000};
 // All connections together may hold up a process's end for this long.
 constexpr Deadline::Milliseconds kExitTimeout{300};
 
-// Never destroyed: framework threads may run until the process is gone.
 HandleTable<Client>& clients() {
-  static auto* const table = new HandleTable<Client>;
-  return *table;
+  return HandleTable<Client>::of_this_process();
 }
 
 HandleTable<Notifier>& notifiers() {
-  static auto* const table = new HandleTable<Notifier>;
-  return *table;
+  return HandleTable<Notifier>::of_this_process();
 }
 
 // A modem has few client ids: a process that ends without having released its handles gives them back all the same.
 void surrender_at_exit() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    clients();
-    std::atexit([] {
-      const Deadline deadline = Deadline::after(kExitTimeout);
-      for (const auto& client : clients().all()) client->surrender(deadline);
-    });
+  static std::atomic<bool> is_registered{false};
+  if (is_registered.exchange(true)) return;
+  std::atexit([] {
+    const Deadline deadline = Deadline::after(kExitTimeout);
+    for (const auto& client : clients().all()) client->surrender(deadline);
   });
 }
 

@@ -26,7 +26,7 @@ bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
   const auto address = unix_address(name);
   if (!address) return false;
   close();
-  descriptor_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
   if (is_open() && set_timeout(descriptor(), SO_SNDTIMEO) && set_timeout(descriptor(), SO_RCVTIMEO)) {
     do {
       if (::connect(descriptor(), address->get(), address->length) == 0) return true;

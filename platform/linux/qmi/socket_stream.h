@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "deadline.h"
+#include "process_fd.h"
 #include "transport.h"
-#include "unique_fd.h"
 
 namespace pelmar::platform {
 
@@ -36,7 +36,7 @@ class SocketStream {
  private:
   bool wait(short events, const Deadline& deadline);
 
-  UniqueFd descriptor_;
+  ProcessFd descriptor_;
   std::vector<uint8_t> unsent_;
 };
 
