@@ -141,6 +141,18 @@ TEST_F(ClientTest, TellsOfAResponseThatIsCut) {
   EXPECT_EQ(answered_with(ScriptedModem::message(2, 0, kDrx, {})), QMI_IDL_LIB_MISSING_TLV);
 }
 
+TEST_F(ClientTest, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
+  const qmi_client_type handle = connect();
+  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
+  Bytes unfinished = ScriptedModem::frame(kNasId, 1, ScriptedModem::message(4, 0, 1, {}));
+  unfinished[2] = 1;  // 256 bytes more
+  modem_.send_raw(0, unfinished);
+  nas::GetDrxResponse response{};
+  EXPECT_EQ(get_drx(handle, response, 500), QMI_TIMEOUT_ERR);
+  EXPECT_EQ(events(1), (std::vector<std::string>{"error -2"}));
+  EXPECT_EQ(get_drx(handle, response), QMI_SERVICE_ERR);
+}
+
 TEST_F(ClientTest, SendersGetTheirOwnResponsesInAnyOrder) {
   const qmi_client_type handle = connect();
   for (const bool first_comes_first : {true, false}) {

@@ -18,6 +18,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <variant>
 #include <vector>
 
@@ -126,6 +127,7 @@ class Client : public std::enable_shared_from_this<Client> {
   void dispatch_response(const Message& message);
   int32_t decode_response(const Request& request, const Message& message) const;
   void finish(Waiter& waiter, int32_t answer);
+  void end_stalled_stream();
   void service_gone();
   void take_reading(Waiter& waiter);
   void pass_reading();
@@ -159,6 +161,8 @@ class Client : public std::enable_shared_from_this<Client> {
   Waiter* reader_ = nullptr;  // null: the thread
   bool is_polled_ = false;    // the thread's poll of the connection is armed
   bool is_idle_ = false;      // the thread waits for something to do
+
+  std::optional<Deadline::Clock::time_point> partial_since_;  // of the message that was read last, where in part
 
   uint16_t last_transaction_ = 0;
   std::array<Slot, kSlots> slots_;

@@ -8,12 +8,19 @@
 #include "qmi_codec.h"
 
 namespace pelmar::platform {
+namespace {
+
+// Between two parts of a message.
+constexpr Deadline::Milliseconds kLongestPause{100};
+
+}  // namespace
 
 void Client::dispatch_arrivals() {
   Message message;
   for (;;) {
     switch (connection_->next(message)) {
       case Arrival::kNone:
+        partial_since_ = connection_->partial_since();
         return;
       case Arrival::kServiceGone:
         service_gone();
@@ -64,6 +71,14 @@ void Client::finish(Waiter& waiter, int32_t answer) {
   waiter.answer = answer;
   waiter.is_done = true;
   waiter.changed.notify_one();
+}
+
+// A message whose stated length is wrong swallows all that follows it, so a request times out while one waits for its
+// rest. A message that is only slow to come is spared for a while: the next time-out finds it.
+void Client::end_stalled_stream() {
+  if (is_gone_ || !partial_since_ || Deadline::Clock::now() - *partial_since_ < kLongestPause) return;
+  if (!is_sending_ && !connection_->has_unsent()) connection_->abandon();  // gives the client id back
+  service_gone();
 }
 
 void Client::service_gone() {

@@ -148,7 +148,10 @@ int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
       }
       waiter.is_asleep = false;
     }
-    if (!waiter.is_done && deadline.has_passed()) finish(waiter, QMI_TIMEOUT_ERR);
+    if (!waiter.is_done && deadline.has_passed()) {
+      finish(waiter, QMI_TIMEOUT_ERR);
+      end_stalled_stream();
+    }
   }
   if (reader_ == &waiter) pass_reading();
   return waiter.answer;

@@ -44,6 +44,9 @@ class FrameReader {
   // The next whole frame; it is valid until the next space().
   bool next(Frame& frame);
 
+  // After next() returned false: bytes are there that are no whole frame.
+  bool has_partial_frame() const { return begin_ < end_; }
+
  private:
   static constexpr size_t kCapacity = 65536;  // of the longest frame
 

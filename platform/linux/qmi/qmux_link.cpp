@@ -64,6 +64,7 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication) 
 bool QmuxLink::open(const Deadline& deadline) {
   if (!stream_.connect(environment(kModemSocketVariable, kDefaultModemSocket), deadline)) return false;
   reader_ = FrameReader();
+  partial_since_.reset();
   const std::string device = environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
   const Bytes path(device.begin(), device.end());
   if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Answer::kSuccess) {
@@ -115,6 +116,16 @@ ReadStatus QmuxLink::read(const Deadline& deadline) {
   const ReadStatus status = stream_.receive(space, reader_.room(), deadline, received);
   if (status == ReadStatus::kRead) reader_.add(received);
   return status;
+}
+
+bool QmuxLink::next(Frame& frame) {
+  const bool is_whole = reader_.next(frame);
+  if (is_whole || !reader_.has_partial_frame()) {
+    partial_since_.reset();
+  } else if (!partial_since_) {
+    partial_since_ = Deadline::Clock::now();
+  }
+  return is_whole;
 }
 
 SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {

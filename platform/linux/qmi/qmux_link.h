@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -54,7 +55,10 @@ class QmuxLink {
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }
   ReadStatus read(const Deadline& deadline);
-  bool next(Frame& frame) { return reader_.next(frame); }
+  bool next(Frame& frame);
+
+  // After next() returned false: since when a frame has been waiting for its rest.
+  std::optional<Deadline::Clock::time_point> partial_since() const { return partial_since_; }
 
  private:
   using Bytes = std::vector<uint8_t>;
@@ -64,6 +68,7 @@ class QmuxLink {
 
   SocketStream stream_;
   FrameReader reader_;
+  std::optional<Deadline::Clock::time_point> partial_since_;
   uint8_t transaction_ = 0;
   bool saw_restart_ = false;
   std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id, which the allocation under way came across

@@ -53,6 +53,8 @@ class QmuxConnection final : public Connection {
     return Arrival::kNone;
   }
 
+  std::optional<Deadline::Clock::time_point> partial_since() const override { return link_.partial_since(); }
+
   void close(const Deadline& deadline) override {
     link_.release_client_id(service_, client_, deadline);
     shut_down();

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "deadline.h"
 #include "qmi_message.h"
@@ -41,6 +42,9 @@ class Connection {
 
   // The next message among what has been read; its bytes are valid until the next read.
   virtual Arrival next(Message& message) = 0;
+
+  // After next() returned kNone: since when a message has been waiting for its rest; nothing where none is.
+  virtual std::optional<Deadline::Clock::time_point> partial_since() const = 0;
 
   // Ends the connection for the modem too, and waits for its answer until the deadline. Needs the sending and the
   // reading side.
