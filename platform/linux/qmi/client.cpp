@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "observer.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
 
@@ -122,6 +123,7 @@ void Client::deliver(const Event& event) const {
     return;
   }
   const auto& transaction = std::get<Transaction>(event);
+  observe_end(transaction.answer, transaction.request.response, transaction.request.response_length);
   transaction.callback.function(handle_, transaction.request.id, transaction.request.response,
                                 static_cast<unsigned>(transaction.request.response_length), transaction.callback.data,
                                 transaction.answer);

@@ -5,7 +5,9 @@
 #include <utility>
 
 #include "client.h"
+#include "observer.h"
 #include "qmi_codec.h"
+#include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
 namespace {
@@ -28,7 +30,12 @@ void Client::dispatch_arrivals() {
       case Arrival::kMessage:
         break;
     }
-    if (message.kind == MessageKind::kResponse) {
+    const bool is_response = message.kind == MessageKind::kResponse;
+    observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication,
+             service_->service_id,
+             message.id,
+             {message.tlvs, message.length}});
+    if (is_response) {
       dispatch_response(message);
     } else {
       push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});

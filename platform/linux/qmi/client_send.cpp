@@ -5,7 +5,9 @@
 
 #include "client.h"
 #include "common_v01.h"
+#include "observer.h"
 #include "qmi_codec.h"
+#include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
 namespace {
@@ -112,6 +114,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
                    buffer + kMessageHeaderLength, connection_->message_capacity() - kMessageHeaderLength, &length);
     if (error == QMI_NO_ERR) {
       store_message_header(buffer, MessageKind::kRequest, transaction, request.id, length);
+      observe({Observation::Kind::kRequest, service_->service_id, request.id, {buffer + kMessageHeaderLength, length}});
       status = connection_->send(kMessageHeaderLength + length);
     }
   }

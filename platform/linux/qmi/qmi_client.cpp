@@ -12,6 +12,7 @@
 #include "guarded.h"
 #include "handle_table.h"
 #include "notifier.h"
+#include "observer.h"
 #include "platform_export.h"
 #include "qmi_idl_lib_internal.h"
 #include "transport.h"
@@ -144,7 +145,9 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_send_msg_sync(qmi_client
   if (msg_id > UINT16_MAX) return QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND;
   const Client::Request request = {static_cast<uint16_t>(msg_id), req_c_struct, req_c_struct_len, resp_c_struct,
                                    resp_c_struct_len};
-  return client->send_sync(request, send_deadline(timeout_msecs));
+  const int32_t error = client->send_sync(request, send_deadline(timeout_msecs));
+  observe_end(error, resp_c_struct, resp_c_struct_len);
+  return error;
 }
 
 PELMAR_PLATFORM_EXPORT qmi_client_error_type
@@ -180,6 +183,10 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_release(qmi_client_type 
     return QMI_CLIENT_INVALID_CLNT;
   }
   return QMI_NO_ERR;
+}
+
+PELMAR_PLATFORM_EXPORT void pelmar_platform_observe_qmi(Observer observer) {
+  g_observer = observer;
 }
 
 }  // extern "C"

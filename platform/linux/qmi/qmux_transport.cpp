@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "common_v01.h"
+#include "observer.h"
 #include "qmi_client.h"
 #include "qmux_link.h"
 
@@ -137,6 +139,8 @@ int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Dea
     case QmuxLink::Answer::kNoAnswer:
       return QMI_TIMEOUT_ERR;
     case QmuxLink::Answer::kClientIdsExhausted:
+      observe({.kind = Observation::Kind::kEnd, .error = QMI_ERR_CLIENT_IDS_EXHAUSTED_V01});
+      return QMI_CLIENT_ALLOC_FAILURE;
     case QmuxLink::Answer::kFailure:
       return QMI_CLIENT_ALLOC_FAILURE;
   }

@@ -1,0 +1,49 @@
+// What a program may watch of its own QMI traffic: each message, and how each exchange ends. The phone's interface
+// shows a caller of the library neither.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "common_v01.h"
+#include "qmi_client.h"
+
+namespace pelmar::platform {
+
+struct Observation {
+  enum class Kind { kRequest, kResponse, kIndication, kEnd };
+
+  Kind kind;
+  uint32_t service = 0;             // of a message
+  uint16_t message = 0;             // its id
+  std::span<const uint8_t> tlvs{};  // its content, valid only during the call
+  int32_t code = 0;                 // of an end: the framework's code
+  uint32_t error = 0;               // of an end with QMI_NO_ERR: the response's QMI error; 0 for a success
+};
+
+// Messages are shown on the thread that sends or reads them, under a lock of the handle: the observer calls nothing of
+// the framework. The end of a synchronous exchange is shown on the sender's thread before the send returns, that of an
+// asynchronous one on the thread of the callback before it runs, and a client id that the modem refuses on the thread
+// that opens the handle.
+using Observer = void (*)(const Observation&);
+
+inline std::atomic<Observer> g_observer{nullptr};
+
+inline void observe(const Observation& observation) {
+  if (const Observer observer = g_observer.load(std::memory_order_relaxed)) observer(observation);
+}
+
+// The response's structure begins with its header.
+inline void observe_end(int32_t code, const void* response, size_t length) {
+  qmi_response_type_v01 header{};
+  if (code == QMI_NO_ERR && length >= sizeof header) std::memcpy(&header, response, sizeof header);
+  const uint32_t error = header.result == QMI_RESULT_SUCCESS_V01 ? 0 : header.error;
+  observe({.kind = Observation::Kind::kEnd, .code = code, .error = error});
+}
+
+}  // namespace pelmar::platform
+
+// One observer in a process; null ends it.
+extern "C" void pelmar_platform_observe_qmi(pelmar::platform::Observer observer);
