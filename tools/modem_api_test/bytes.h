@@ -1,6 +1,7 @@
 // Bytes as text: hexadecimal digits both ways, dumps for people, and the JSON form that every command uses.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -13,6 +14,12 @@
 namespace pelmar::cli {
 
 using Bytes = std::vector<uint8_t>;
+
+// The elements of an array that a modem has counted, which may count more than there are.
+template <class Element, size_t N>
+std::span<const Element> counted(const Element (&elements)[N], size_t count) {
+  return std::span(elements).first(std::min(count, N));
+}
 
 // Pairs of hexadecimal digits; between the bytes may stand blanks, commas, colons or 0x: "0a1b", "0a 1b", "0x0A,0x1B".
 // Throws a usage Failure that shows the place for anything else.

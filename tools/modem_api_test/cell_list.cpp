@@ -14,7 +14,7 @@ namespace {
 
 constexpr int64_t kHighestEarfcn = 262143;
 constexpr int64_t kHighestPci = 503;
-constexpr const char* kNothingReported = "no cell, or no answer";
+constexpr uint32_t kNoTimingAdvance = 0xFFFFFFFF;
 
 // A list ends where the zeros begin that fill it up.
 std::span<const uint16_t> reported(std::span<const uint16_t> cells) {
@@ -54,11 +54,16 @@ std::vector<Cell> parse_cells(const std::vector<std::string>& words) {
   return cells;
 }
 
+std::optional<uint32_t> CellInfo::known_timing_advance() const {
+  if (timing_advance_valid == 0 || timing_advance == kNoTimingAdvance) return std::nullopt;
+  return timing_advance;
+}
+
 bool CellInfo::is_empty() const {
   const auto is_zero = [](uint16_t value) { return value == 0; };
   return std::all_of(intra_pci.begin(), intra_pci.end(), is_zero) &&
          std::all_of(inter_earfcn.begin(), inter_earfcn.end(), is_zero) &&
-         std::all_of(inter_pci.begin(), inter_pci.end(), is_zero) && timing_advance_valid == 0 && nr_arfcn_valid == 0;
+         std::all_of(inter_pci.begin(), inter_pci.end(), is_zero) && !known_timing_advance() && nr_arfcn_valid == 0;
 }
 
 Json CellInfo::json() const {
@@ -68,14 +73,14 @@ Json CellInfo::json() const {
     if (inter_earfcn[i] != 0 || !cells.empty()) others.push_back({{"earfcn", inter_earfcn[i]}, {"pci", cells}});
   }
   Json object = {{"serving_frequency", {{"pci", reported(intra_pci)}}}, {"other_frequencies", std::move(others)}};
-  object["timing_advance"] = timing_advance_valid != 0 ? Json(timing_advance) : Json();
+  const auto advance = known_timing_advance();
+  object["timing_advance"] = advance ? Json(*advance) : Json();
   object["nr_arfcn"] = nr_arfcn_valid != 0 ? Json(nr_arfcn) : Json();
-  if (is_empty()) object["remark"] = kNothingReported;
   return object;
 }
 
 std::string CellInfo::text() const {
-  if (is_empty()) return std::string("  ") + kNothingReported;
+  if (is_empty()) return "  no cell";
   const auto serving = reported(intra_pci);
   std::string text = "  LTE serving frequency  " + (serving.empty() ? "no cell" : "PCI " + join(serving)) + "\n";
   for (size_t i = 0; i < kFrequencies; ++i) {
@@ -84,7 +89,8 @@ std::string CellInfo::text() const {
     text += "  " + left_aligned("EARFCN " + std::to_string(inter_earfcn[i]), 21) + "  " +
             (cells.empty() ? "no cell" : "PCI " + join(cells)) + "\n";
   }
-  text += "  timing advance         " + (timing_advance_valid != 0 ? std::to_string(timing_advance) : "none") + "\n";
+  const auto advance = known_timing_advance();
+  text += "  timing advance         " + (advance ? std::to_string(*advance) : "not available") + "\n";
   text += "  NR                     " + (nr_arfcn_valid != 0 ? "ARFCN " + std::to_string(nr_arfcn) : "none");
   return text;
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,7 @@ struct Cell {
 // "EARFCN:PCI" words; the single word "clear" gives none. Throws a usage Failure for anything else.
 std::vector<Cell> parse_cells(const std::vector<std::string>& words);
 
-// What modem_api_get_cell_info() fills; what the modem does not report is 0. The library answers the same, a success,
-// for a modem that has no cell and for one that does not answer in time: an empty information says that it may be
-// either.
+// What modem_api_get_cell_info() fills; what the modem does not report is 0.
 struct CellInfo {
   static constexpr size_t kCells = 8;
   static constexpr size_t kFrequencies = 3;
@@ -33,6 +32,8 @@ struct CellInfo {
   uint8_t nr_arfcn_valid = 0;
   uint32_t nr_arfcn = 0;
 
+  // Nothing also where the modem reports it as not available.
+  std::optional<uint32_t> known_timing_advance() const;
   bool is_empty() const;
   Json json() const;
   std::string text() const;

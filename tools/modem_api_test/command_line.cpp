@@ -2,6 +2,7 @@
 
 #include "commands/commands.h"
 #include "failure.h"
+#include "options.h"
 
 namespace pelmar::cli {
 
@@ -21,7 +22,11 @@ CommandLine::CommandLine() : app_("Client of the cellular modem, through libpelm
   app_.add_option("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_QMI_SOCKET)")
       ->type_name("SOCKET");
   app_.add_flag("--json", settings_.json, "print JSON, one document a line");
-  app_.add_flag("-v,--verbose", settings_.verbose, "show the library's log lines, on standard error");
+  app_.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
+  app_.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
+  add_number(app_, "--timeout", "end with an error after that many seconds", 1, UINT32_MAX, [this](int64_t value) {
+    settings_.seconds = static_cast<uint32_t>(value);
+  })->type_name("SECONDS");
   for (const AddCommands add_commands : command_families()) add_commands(*this);
 }
 

@@ -30,6 +30,8 @@ struct Settings {
   std::string modem;
   bool json = false;
   bool verbose = false;
+  bool waits = false;
+  uint32_t seconds = 0;  // 0: without limit
 };
 
 class CommandLine {

@@ -1,13 +1,16 @@
-// Following what a modem reports by itself: prints what arrives, and counts the events among it.
+// Following what a modem reports by itself: prints what arrives, and counts the events among it. Where the modem was
+// away, it opens the clients again and goes on.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "command_line.h"
 #include "inbox.h"
+#include "modem_link.h"
 
 namespace pelmar::cli {
 
@@ -19,24 +22,28 @@ struct FollowLimits {
   void add_to(CLI::App& command);
 };
 
-// Subscribes a client of the vendor-specific service to all events.
-void subscribe_to_events(int32_t client);
-
 class EventFollower {
  public:
-  EventFollower(const Context& context, const FollowLimits& limits) : context_(context), limits_(limits) {}
+  // Opens a client of the vendor-specific service and subscribes it to all events. `prepare` gets that client and does
+  // what the command needs besides; it is called again after a loss, with a new one.
+  EventFollower(const Context& context, const FollowLimits& limits, std::function<void(int32_t client)> prepare);
 
   // What came so far, then `start`, then all that comes up to a limit, or the user's wish to end. Throws where the
-  // count is not reached in time.
-  void follow(const std::string& start);
+  // count is not reached in time, or the modem is away at the end. `start` is printed again when the modem is back.
+  void follow(const std::function<std::string()>& start);
 
  private:
-  void follow_until(std::optional<Clock::time_point> deadline);
-  void tell(const char* notice, const std::string& text) const;
+  void open(const std::function<void(int32_t client)>& prepare);
+  void look(const std::function<std::string()>& start);
+  void follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start);
+  void print(Json document, const std::string& text) const;
   bool is_complete() const { return limits_.count > 0 && seen_ == limits_.count; }
 
   const Context& context_;
   const FollowLimits& limits_;
+  int32_t client_ = -1;
+  ModemLink link_;
+  Clock::time_point next_look_;
   uint32_t seen_ = 0;
 };
 

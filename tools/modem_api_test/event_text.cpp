@@ -18,12 +18,6 @@ constexpr uint32_t kNoTrailer = 0xFFFFFFFF;
 constexpr size_t kIndent = 14;  // the width of a time and its blanks
 constexpr size_t kBytesInText = 24;
 
-// Counts come from the modem; the library bounds them, and so does this.
-template <class Element, size_t N>
-std::span<const Element> counted(const Element (&elements)[N], uint32_t count) {
-  return std::span(elements).first(std::min<size_t>(count, N));
-}
-
 std::string record_line(const char* kind, const modem_api_event_record& record) {
   const auto bytes = counted(record.data, record.data_len);
   const auto shown = bytes.first(std::min(bytes.size(), kBytesInText));

@@ -34,7 +34,7 @@ void Inbox::receive_notice(uint32_t notice, uint32_t client_type) {
 
 void Inbox::receive_response(const uint8_t* data, uint32_t length, void* /*user_data*/, uint32_t result) {
   if (Inbox* const inbox = current_) {
-    inbox->put({Arrival::Kind::kResponse, WallClock::now(), result, 0, {data, data + length}});
+    inbox->put({Arrival::Kind::kResponse, WallClock::now(), result, 0, {data, data + length}, take_last_exchange()});
   }
   hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "clocks.h"
+#include "exchange.h"
 
 namespace pelmar::cli {
 
@@ -26,6 +27,7 @@ struct Arrival {
   uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, the response's result, or enum pm_event
   uint32_t client_type;          // of a notice: MODEM_API_CLIENT_*
   std::vector<uint8_t> payload;  // of an event, laid out as its structure in modem_api.h; of a response
+  std::optional<Exchange> exchange = std::nullopt;  // of a response
 };
 
 class Inbox {

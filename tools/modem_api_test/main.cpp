@@ -24,11 +24,18 @@ int run(const CommandLine& line) {
   const Settings& settings = line.settings();
   Output output(settings.json);
   Inbox inbox;
-  Session session(settings.modem, settings.verbose);
-  Signals signals(inbox, [&session] { session.close(); });
-  const std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
+  Session session(settings.modem, settings.waits, settings.verbose);
+  const Failure time_up("the command", "it was not done in " + std::to_string(settings.seconds) + " s",
+                        "Give it more time with --timeout SECONDS.");
+  Signals signals(
+      inbox, [&session] { session.close(); }, settings.seconds, [&] { output.report(time_up); });
+  std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
   // A signal frees the clients under a command that waits, so what the command says after it is of no interest.
-  if (const int signal = signals.finish()) return 128 + signal;
+  const int end = signals.finish();
+  if (end == Signals::kTimeUp)
+    failure = time_up;
+  else if (end != 0)
+    return 128 + end;
   if (!failure) return kExitSuccess;
   output.report(*failure);
   return failure->exit_status();

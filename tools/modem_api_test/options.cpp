@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <iostream>
 #include <iterator>
-#include <memory>
 
 #include "failure.h"
+#include "files.h"
 #include "json.h"
 
 namespace pelmar::cli {
@@ -16,12 +16,6 @@ namespace pelmar::cli {
 namespace {
 
 constexpr size_t kMostInputBytes = 65536;  // far above what any message takes: the library refuses it in its words
-
-using File = std::unique_ptr<FILE, decltype(&fclose)>;
-
-File open_file(const std::string& path, const char* mode) {
-  return {fopen(path.c_str(), mode), &fclose};
-}
 
 Bytes read_stream(FILE* stream, const std::string& step) {
   Bytes bytes(kMostInputBytes + 1);
@@ -33,7 +27,7 @@ Bytes read_stream(FILE* stream, const std::string& step) {
   return bytes;
 }
 
-Bytes read_file(const std::string& path) {
+Bytes read_data(const std::string& path) {
   const std::string step = "reading the data from " + (path == "-" ? "standard input" : "the file '" + path + "'");
   if (path == "-") return read_stream(stdin, step);
   const File file = open_file(path, "rb");
@@ -93,7 +87,7 @@ Bytes DataInput::parse() const {
   if (words.empty()) {
     throw Failure::of_usage("no data is given", "Give pairs of hexadecimal digits (\"0a 1b\"), --text TEXT or @FILE.");
   }
-  if (words.size() == 1 && words[0].starts_with('@')) return read_file(words[0].substr(1));
+  if (words.size() == 1 && words[0].starts_with('@')) return read_data(words[0].substr(1));
   std::string digits;
   for (const std::string& word : words) digits.append(digits.empty() ? "" : " ").append(word);
   return parse_hex(digits);

@@ -13,8 +13,8 @@ constexpr const char* kAskInfo = "'modem_api_test info' shows which services are
 // By code: a row stands at its code.
 constexpr ResultCode kResultCodes[] = {
     {MODEM_API_SUCCESS, "MODEM_API_SUCCESS", "success", ""},
-    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC",
-     "it was refused, or failed, for a reason that has no code of its own", "--verbose shows what the library did."},
+    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the library refused it, or the modem is not there",
+     "--verbose shows messages and errors."},
     {MODEM_API_RESP_END, "MODEM_API_RESP_END", "the exchange has ended", ""},
     {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the answer",
      "Free some memory and try again."},
@@ -42,7 +42,7 @@ constexpr ResultCode kResultCodes[] = {
 
 constexpr ResultCode kUndocumented = {-1, "undocumented result",
                                       "the library answered a code that it does not document",
-                                      "--verbose shows what the library did."};
+                                      "--verbose shows messages and errors."};
 
 constexpr bool rows_stand_at_their_codes() {
   for (int32_t code = 0; code < static_cast<int32_t>(std::size(kResultCodes)); ++code) {

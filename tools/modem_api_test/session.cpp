@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "failure.h"
@@ -11,13 +13,28 @@
 
 namespace pelmar::cli {
 
-Session::Session(std::string modem, bool verbose) : named_modem_(std::move(modem)) {
-  if (!verbose) pelmar_hal_close_print();
+namespace {
+
+constexpr std::chrono::milliseconds kWaitPeriod{100};
+constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC,
+                              "Other programs have all client ids of the service: end one of them, or reset the modem.",
+                              QMI_ERR_CLIENT_IDS_EXHAUSTED_V01};
+
+}  // namespace
+
+Session::Session(std::string modem, bool waits, bool verbose) : named_modem_(std::move(modem)), waits_(waits) {
+  pelmar_hal_close_print();
+  if (verbose) pelmar_hal_add_shell_print_mask(PELMAR_LOG_LEVEL_ERROR);
+  watch_exchanges(verbose);
 }
 
 Session::~Session() {
+  restart();
+}
+
+void Session::restart() {
   close();
-  if (is_initialised_) modem_api_release();
+  if (std::exchange(is_initialised_, false)) modem_api_release();
 }
 
 const ModemChoice& Session::modem() {
@@ -32,11 +49,25 @@ void Session::initialise() {
 }
 
 void Session::prepare() {
-  const std::string problem = modem().problem();
-  if (!problem.empty()) {
-    remark("nobody serves " + modem().socket() + " (" + problem + "); trying for ten seconds");
+  wait_for_modem();
+  if (const std::string problem = modem().problem(); !problem.empty()) {
+    throw Failure("connecting to the modem", "nobody serves " + modem().socket() + " (" + problem + ")",
+                  "Start the modem, name another with --modem SOCKET, or wait for it with --wait.");
   }
   initialise();
+}
+
+void Session::wait_for_modem() {
+  for (bool is_first = true; waits_; is_first = false) {
+    const std::string problem = modem().problem();
+    if (problem.empty()) return;
+    if (is_first) remark("nobody serves " + modem().socket() + " (" + problem + "); waiting for it");
+    std::this_thread::sleep_for(kWaitPeriod);
+  }
+}
+
+void Session::wait_for(modem_api_client_type service) {
+  while (waits_ && !is_present(service_of(service))) std::this_thread::sleep_for(kWaitPeriod);
 }
 
 std::string Session::absence_advice() {
@@ -46,10 +77,12 @@ std::string Session::absence_advice() {
 
 int32_t Session::open(modem_api_client_type type) {
   prepare();
+  wait_for(type);
   int32_t client = -1;
   const modem_api_result result = modem_api_init_client(type, Inbox::receive_event, Inbox::receive_notice, &client);
   const std::string advice = absence_advice();
-  check(result, std::string("connecting to ") + service_of(type).title, {{MODEM_API_ERR_GENERIC, advice.c_str()}});
+  check(result, std::string("connecting to ") + service_of(type).title,
+        {kNoIdLeft, {MODEM_API_ERR_GENERIC, advice.c_str()}});
   const std::lock_guard lock(mutex_);
   clients_.push_back(client);
   return client;
@@ -57,13 +90,15 @@ int32_t Session::open(modem_api_client_type type) {
 
 void Session::open_hydra() {
   if (!is_initialised_) prepare();
+  wait_for(MODEM_API_CLIENT_VS);
   {
     const std::lock_guard lock(mutex_);
     is_hydra_open_ = true;  // whatever becomes of it: closing does no harm
   }
   if (modem_hydra_api_init() != 0) return;
-  throw Failure(std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title, "the service is not up",
-                absence_advice());
+  const std::string step = std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title;
+  check_response(MODEM_API_SUCCESS, step);
+  throw Failure(step, "the service is not up", absence_advice());
 }
 
 void Session::close() {

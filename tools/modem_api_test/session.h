@@ -15,14 +15,18 @@ namespace pelmar::cli {
 
 class Session {
  public:
-  // `modem`: the socket that --modem named, or empty. `verbose`: the library's log lines go to its shell sink.
-  Session(std::string modem, bool verbose);
+  // `modem`: the socket that --modem named, or empty. `waits`: for a modem that is not there yet. `verbose`: messages,
+  // and the library's errors, go to standard error.
+  Session(std::string modem, bool waits, bool verbose);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
   // The modem, chosen (and started) at the first call.
   const ModemChoice& modem();
+
+  // Returns when somebody serves the modem's socket, or at once where it is not to be waited for.
+  void wait_for_modem();
 
   // Opens a client whose events and notices go to the inbox. Throws where the service does not come up.
   int32_t open(modem_api_client_type type);
@@ -31,6 +35,9 @@ class Session {
   // the others. Throws where the service does not come up.
   void open_hydra();
 
+  // Frees the clients that are open and sets the library up anew, so that they can be opened again.
+  void restart();
+
   // Frees the clients that are open, and hydra's. Also called by the signal thread while a command waits; does nothing
   // the second time.
   void close();
@@ -38,9 +45,11 @@ class Session {
  private:
   void initialise();
   void prepare();
+  void wait_for(modem_api_client_type service);
   std::string absence_advice();
 
   const std::string named_modem_;
+  const bool waits_;
   std::optional<ModemChoice> modem_;
   bool is_initialised_ = false;
 

@@ -6,7 +6,9 @@
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 
 #include "failure.h"
@@ -16,7 +18,8 @@ namespace pelmar::cli {
 namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr std::chrono::seconds kFollowerGrace{2};
+constexpr std::chrono::milliseconds kFollowerGrace{2000};
+constexpr std::chrono::milliseconds kTimeUpGrace{500};
 
 sigset_t all_signals() {
   sigset_t set;
@@ -33,7 +36,11 @@ void Signals::block() {
   signal(SIGPIPE, SIG_IGN);  // told as a failed write
 }
 
-Signals::Signals(Inbox& inbox, std::function<void()> clean_up) : inbox_(inbox), clean_up_(std::move(clean_up)) {
+Signals::Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, std::function<void()> report_time_up)
+    : inbox_(inbox),
+      clean_up_(std::move(clean_up)),
+      deadline_(seconds > 0 ? std::optional(Clock::now() + std::chrono::seconds(seconds)) : std::nullopt),
+      report_time_up_(std::move(report_time_up)) {
   const sigset_t set = all_signals();
   signals_.reset(signalfd(-1, &set, SFD_CLOEXEC));
   finish_.reset(eventfd(0, EFD_CLOEXEC));
@@ -60,22 +67,38 @@ int Signals::finish() {
 
 void Signals::run() {
   pollfd fds[] = {{signals_.get(), POLLIN, 0}, {finish_.get(), POLLIN, 0}};
-  poll(fds, 2, -1);
+  while (poll(fds, 2, milliseconds_left()) == 0) {
+    if (Clock::now() >= *deadline_) return end_process(kTimeUp);
+  }
   signalfd_siginfo info{};
   if (fds[0].revents == 0 || read(signals_.get(), &info, sizeof info) != sizeof info) return;
   end_process(static_cast<int>(info.ssi_signo));
 }
 
-void Signals::end_process(int signal) {
+// For poll(): -1 is for ever. A millisecond more than is left, so that it does not end early.
+int Signals::milliseconds_left() const {
+  if (!deadline_) return -1;
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline_ - Clock::now()).count() + 1;
+  return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
+}
+
+void Signals::end_process(int reason) {
   const sigset_t set = all_signals();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the second one takes the default action
   inbox_.interrupt();
   std::unique_lock lock(mutex_);
-  caught_ = signal;
-  if (followers_ > 0) changed_.wait_for(lock, kFollowerGrace, [this] { return is_finished_; });
+  const bool is_time_up = reason == kTimeUp;
+  caught_ = reason;
+  if (followers_ > 0) {
+    changed_.wait_for(lock, is_time_up ? kTimeUpGrace : kFollowerGrace, [this] { return is_finished_; });
+  }
   if (is_finished_) return;
+  if (is_time_up) {
+    report_time_up_();
+    exit(kExitFailure);
+  }
   clean_up_();
-  exit(128 + signal);
+  exit(128 + reason);
 }
 
 void Signals::count_followers(int change) {

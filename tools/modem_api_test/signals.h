@@ -4,11 +4,16 @@
 // The first signal tells the inbox; a command that follows the modem ends by itself then. Any other is not waited for:
 // the thread frees the clients, so that the modem gets its client ids back, and ends the process with 128 plus the
 // signal's number. The second signal ends the process at once.
+//
+// The same thread ends the program when its time is up. The command may be in a call of the library that lasts as long
+// as the modem wants: so it is not waited for, and the clients are left to the platform, which gives their ids back at
+// the process's end within a bounded time.
 #pragma once
 
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "inbox.h"
@@ -21,7 +26,10 @@ class Signals {
   // Keeps the signals from every thread that starts later. Call it before any does.
   static void block();
 
-  Signals(Inbox& inbox, std::function<void()> clean_up);
+  static constexpr int kTimeUp = -1;
+
+  // `report_time_up` is called before the process ends for that reason, with status 1. 0 seconds: without limit.
+  Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, std::function<void()> report_time_up);
   ~Signals();
 
   // While one lives, the command watches the inbox and ends by itself.
@@ -36,16 +44,20 @@ class Signals {
     Signals& signals_;
   };
 
-  // The command has ended. Returns the signal that came, 0 for none; never returns while the thread ends the process.
+  // The command has ended. Returns the signal that came, kTimeUp, or 0 for neither; never returns while the thread ends
+  // the process.
   int finish();
 
  private:
   void run();
-  void end_process(int signal);
+  int milliseconds_left() const;
+  void end_process(int reason);
   void count_followers(int change);
 
   Inbox& inbox_;
   const std::function<void()> clean_up_;
+  const std::optional<Clock::time_point> deadline_;
+  const std::function<void()> report_time_up_;
   UniqueFd signals_;
   UniqueFd finish_;  // an eventfd: tells the thread that the command has ended
 

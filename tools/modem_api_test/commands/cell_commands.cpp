@@ -34,7 +34,7 @@ void print_cell_info(const Context& context, uint32_t sub) {
   const modem_api_result result = modem_api_get_cell_info(
       open_nas(context, sub), static_cast<int32_t>(sub), info.intra_pci.data(), info.inter_earfcn.data(),
       info.inter_pci.data(), &info.timing_advance_valid, &info.timing_advance, &info.nr_arfcn_valid, &info.nr_arfcn);
-  check(result, "reading the cell information" + of_subscription(sub));
+  check_response(result, "reading the cell information" + of_subscription(sub));
   Json document = {{"sub", sub}};
   document.update(info.json());
   context.output.print(document, "subscription " + std::to_string(sub) + "\n" + info.text());
@@ -51,11 +51,8 @@ void show_cell_info(const Context& context, const CellInfoValues& values) {
 void show_drx(const Context& context, const NoValues&) {
   uint8_t is_valid = 0;
   uint32_t drx = 0;
-  check(modem_api_get_drx(open_nas(context, 0), &is_valid, &drx), "reading the DRX setting");
-  // The library answers success whatever the modem says.
-  if (is_valid == 0) {
-    throw Failure("reading the DRX setting", "the modem gave no value", "--verbose shows what the modem answered.");
-  }
+  check_response(modem_api_get_drx(open_nas(context, 0), &is_valid, &drx), "reading the DRX setting");
+  if (is_valid == 0) throw Failure("reading the DRX setting", "the modem gave no value");
   const std::string cycle = drx_cycle(drx);
   Json document = {{"drx", drx}};
   if (!cycle.empty()) document["cycle"] = cycle;

@@ -13,13 +13,15 @@ struct EventValues {
 };
 
 void follow_events(const Context& context, const EventValues& values) {
-  subscribe_to_events(context.session.open(MODEM_API_CLIENT_VS));
-  if (values.with_services) {
+  const auto open_services = [&](int32_t) {
+    if (!values.with_services) return;
     for (const auto type : {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1}) {
       context.session.open(type);
     }
-  }
-  EventFollower(context, values.limits).follow("following the modem's events; Ctrl-C ends");
+  };
+  EventFollower(context, values.limits, open_services).follow([] {
+    return "following the modem's events; Ctrl-C ends";
+  });
 }
 
 }  // namespace

@@ -48,7 +48,9 @@ void show_tx_power(const Context& context, const TxPowerValues& values) {
   context.session.open_hydra();
   TxPower power = read_tx_power(values);
   if (power.value == MODEM_TX_POWER_NONE) {
-    throw Failure("reading the transmit power of " + power.of, "there is none",
+    const std::string step = "reading the transmit power of " + power.of;
+    check_response(MODEM_API_SUCCESS, step);
+    throw Failure(step, "there is none",
                   "A subscription has one on LTE and NR; 'modem_api_test sys-mode' shows where it is.");
   }
   const auto dbm = static_cast<int32_t>(power.value);
@@ -74,6 +76,7 @@ void show_sys_mode(const Context& context, const SysModeValues& values) {
                          subscription(sub) + ": " + mode_text(mode) + (mode ? " (" + std::to_string(*mode) + ")" : ""));
   }
   if (is_any_known) return;
+  check_response(MODEM_API_SUCCESS, "reading the system mode");
   throw Failure("reading the system mode", "the modem gave none",
                 "'modem_api_test stats get system-mode' shows what it answered.");
 }

@@ -112,10 +112,18 @@ void add_address(CLI::App& command, const Kind& kind, Address& address) {
 }
 
 constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
-                                  "Nothing may be stored there: write it first, or check number, qualifier and index."};
+                                  "Nothing is stored there: write it first, or check number, qualifier and index.",
+                                  QMI_ERR_NO_ENTRY_V01};
+constexpr Advice kNoFile = {MODEM_API_ERR_GENERIC, kNothingThere.text, QMI_ERR_SIM_FILE_NOT_FOUND_V01};
+Advice bad_address(const Kind& kind) {
+  return {MODEM_API_ERR_INVALID_PARAM,
+          kind.by_path ? "The modem takes no such path: check it; it may have no '.', '..' or empty part."
+                       : "The modem takes no such number, qualifier or index: check them.",
+          QMI_ERR_INVALID_ARG_V01};
+}
 constexpr Advice kTooMuchData = {MODEM_API_ERR_INVALID_PARAM, "An item has at most 256 bytes: write less."};
 static_assert(MODEM_API_MAX_ITEM_BYTES == 256);
-constexpr Advice kNoRoom = {MODEM_API_ERR_GENERIC, "The modem may have no room left, or not allow it there."};
+constexpr Advice kNoRoom = {MODEM_API_ERR_GENERIC, "Delete what is not needed.", QMI_ERR_DEVICE_STORAGE_FULL_V01};
 
 struct ReadValues {
   Address address;
@@ -127,7 +135,8 @@ void read_item(const Context& context, const Kind& kind, const ReadValues& value
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
   Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
   auto length = static_cast<uint32_t>(bytes.size());
-  check(kind.read(client, values.address, bytes.data(), &length), "reading " + title, {kNothingThere});
+  check(kind.read(client, values.address, bytes.data(), &length), "reading " + title,
+        {kNothingThere, kNoFile, bad_address(kind)});
   bytes.resize(length);
   values.output.report(context.output, bytes, json_of(kind, values.address), title);
 }
@@ -142,7 +151,7 @@ void write_item(const Context& context, const Kind& kind, const WriteValues& val
   const Bytes bytes = values.input.read();
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
   check(kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size())), "writing " + title,
-        {kTooMuchData, kNoRoom});
+        {bad_address(kind), kTooMuchData, kNoRoom});
   Json document = json_of(kind, values.address);
   document["written"] = bytes.size();
   context.output.print(document, title + ": " + byte_count(bytes.size()) + " written");
@@ -151,7 +160,7 @@ void write_item(const Context& context, const Kind& kind, const WriteValues& val
 void delete_item(const Context& context, const Kind& kind, const Address& address) {
   const std::string title = title_of(kind, address);
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  check(kind.remove(client, address), "deleting " + title, {kNothingThere});
+  check(kind.remove(client, address), "deleting " + title, {kNothingThere, kNoFile, bad_address(kind)});
   Json document = json_of(kind, address);
   document["deleted"] = true;
   context.output.print(document, title + ": deleted");

@@ -123,6 +123,13 @@ std::vector<uint32_t> own_votes(const Count& count) {
   return processes;
 }
 
+// A process that is ending runs nothing any more, while the manager still counts its vote.
+bool is_vote_of(const Count& count, const std::vector<uint32_t>& processes) {
+  return std::any_of(count.voters.begin(), count.voters.end(), [&processes](const VoterEntry& voter) {
+    return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
+  });
+}
+
 size_t votes(const Count& count) {
   return static_cast<size_t>(
       std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
@@ -135,7 +142,7 @@ void release(const Context& context, const NoValues&) {
   const std::vector<uint32_t> processes = own_votes(count);
   for (const uint32_t process : processes) kill(static_cast<pid_t>(process), SIGTERM);
   const auto deadline = Clock::now() + kReleasePatience;
-  while (!own_votes(count).empty()) {
+  while (is_vote_of(count, processes)) {
     if (Clock::now() > deadline) throw Failure(kStep, "a process goes on voting", "'power status' shows which.");
     if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
     count = ask_manager(socket, kStep);

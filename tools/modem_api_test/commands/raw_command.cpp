@@ -39,7 +39,8 @@ void follow(const Context& context) {
       const char* const name = describe_result(MODEM_API_RESP_END).name;
       return context.output.print({{"callback", "end"}, {"name", name}}, "end");
     }
-    check(static_cast<modem_api_result>(arrival->number), kStep);
+    const auto result = static_cast<modem_api_result>(arrival->number);
+    if (result != MODEM_API_SUCCESS) throw Failure::of_result(kStep, result, {}, arrival->exchange);
     print_data(context.output, arrival->payload);
   }
   if (!context.inbox.is_interrupted()) throw Failure::of_result(kStep, MODEM_API_ERR_TIMEOUT);

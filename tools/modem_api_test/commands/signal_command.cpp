@@ -1,13 +1,14 @@
 // signal: what the radio receives, read once, watched, recorded, or drawn from a recording.
-#include <fstream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "command_line.h"
 #include "commands/commands.h"
 #include "failure.h"
+#include "files.h"
 #include "json.h"
 #include "options.h"
 #include "signal/listeners.h"
@@ -31,7 +32,10 @@ struct SignalValues {
   std::string csv;
   std::string plot;
   std::string from;
+  bool append = false;
+  bool force = false;
 
+  bool writes_to_output() const { return csv == "-" || plot == "-"; }
   bool is_series() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !plot.empty(); }
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
@@ -51,32 +55,29 @@ void show_once(const Context& context, const SignalValues& values) {
 // Open from the start, so that a recording is not made for a file that cannot be written.
 class PlotFile {
  public:
-  explicit PlotFile(const std::string& path) : path_(path), file_(path) { require(file_.is_open()); }
+  PlotFile(Output& output, const SignalValues& values)
+      : path_(values.plot),
+        file_(output, path_, values.force ? RecordingFile::Earlier::kReplace : RecordingFile::Earlier::kRefuse) {}
 
   void write(const Recording& recording) {
     if (recording.is_empty()) {
       throw Failure("drawing '" + path_ + "'", "the recording has no carrier in it",
                     "'modem_api_test signal' shows them.");
     }
-    file_ << plot_svg(recording);
-    require(!file_.flush().fail());
+    file_.write(plot_svg(recording));
   }
 
  private:
-  void require(bool is_done) const {
-    if (!is_done) throw Failure::of_system("writing the file '" + path_ + "'");
-  }
-
   const std::string path_;
-  std::ofstream file_;
+  RecordingFile file_;
 };
 
 void draw_from_file(const Context& context, const SignalValues& values) {
-  std::ifstream file(values.from);
-  if (!file) throw Failure::of_system("reading the file '" + values.from + "'");
+  std::istringstream rows(read_file(values.from));
   Recording recording;
-  recording.add_csv(file, "the file '" + values.from + "'");
-  PlotFile(values.plot).write(recording);
+  recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
+  PlotFile(context.output, values).write(recording);
+  if (values.plot == "-") return;
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
 }
@@ -89,9 +90,14 @@ class Series {
       : context_(context), values_(values), source_(context.session), subs_(values.subs()) {
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
-    if (!values.csv.empty()) listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv));
+    if (!values.csv.empty()) {
+      const auto earlier = values.append  ? RecordingFile::Earlier::kAppend
+                           : values.force ? RecordingFile::Earlier::kReplace
+                                          : RecordingFile::Earlier::kRefuse;
+      listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv, earlier));
+    }
     if (!values.plot.empty()) {
-      plot_.emplace(values.plot);
+      plot_.emplace(context.output, values);
       listeners_.push_back(std::make_unique<Recorder>(recording_));
     }
     listeners_.push_back(make_presentation(rate));
@@ -112,7 +118,13 @@ class Series {
   void finish() {
     if (plot_) plot_->write(recording_);
     report_files();
-    if (context_.inbox.is_interrupted() || values_.count == 0 || is_complete()) return;
+    if (context_.inbox.is_interrupted() || is_complete()) return;
+    if (!source_.problem().empty()) {
+      throw Failure("recording the signal",
+                    "the modem is away: " + source_.problem() + "; " + readings_text() + " came before",
+                    "Check that the modem is alive, then try again.");
+    }
+    if (values_.count == 0) return;
     throw Failure("recording the signal",
                   "only " + std::to_string(readings_) + " of " + std::to_string(values_.count) + " readings came in " +
                       std::to_string(values_.seconds) + " seconds",
@@ -123,7 +135,7 @@ class Series {
   std::unique_ptr<SignalListener> make_presentation(uint32_t rate) const {
     Output& output = context_.output;
     if (output.is_json()) return std::make_unique<JsonLines>(output);
-    if (values_.csv == "-") return std::make_unique<AwayRemarks>();
+    if (values_.writes_to_output()) return std::make_unique<AwayRemarks>();
     if (values_.watch && is_screen(output)) {
       return std::make_unique<LiveWatch>(output, context_.session.modem().socket(), rate);
     }
@@ -146,6 +158,8 @@ class Series {
     readings_ += reading ? 1 : 0;
   }
 
+  std::string readings_text() const { return std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings"); }
+
   void report_files() const {
     Json document = {{"readings", readings_}};
     std::string text;
@@ -154,8 +168,8 @@ class Series {
       document[word] = path;
       text += (text.empty() ? " written to " : " and ") + path;
     }
-    if (text.empty() || values_.csv == "-") return;
-    context_.output.print(document, std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings") + text);
+    if (text.empty() || values_.writes_to_output()) return;
+    context_.output.print(document, readings_text() + text);
   }
 
   const Context& context_;
@@ -178,8 +192,12 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
     throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
                             "Leave out --from, or all but --plot.");
   }
-  if (values.csv == "-" && (context.output.is_json() || values.watch)) {
-    throw Failure::of_usage("--csv - wants the standard output for itself", "Give --csv a file.");
+  const bool others_write = context.output.is_json() || values.watch || values.csv == values.plot;
+  if (values.writes_to_output() && others_write) {
+    throw Failure::of_usage("--csv - and --plot - each want the standard output for themselves", "Name a file.");
+  }
+  if (!values.csv.empty() && values.csv == values.plot) {
+    throw Failure::of_usage("--csv and --plot name the same file", "Name two.");
   }
 }
 
@@ -204,8 +222,11 @@ void add_signal_command(CommandLine& line) {
   add_number(command, "--count", values.count, "end after that many readings");
   add_number(command, "--for", values.seconds, "end after that many seconds")->type_name("SECONDS");
   command.add_option("--csv", values.csv, "record to this file (-: standard output)")->type_name("FILE");
-  command.add_option("--plot", values.plot, "draw RSRP and SNR over time, as SVG")->type_name("FILE");
+  command.add_option("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)")
+      ->type_name("FILE");
   command.add_option("--from", values.from, "draw this CSV recording, instead of reading")->type_name("FILE");
+  command.add_flag("--append", values.append, "go on with an existing CSV file");
+  command.add_flag("--force", values.force, "replace existing files");
 }
 
 }  // namespace pelmar::cli

@@ -65,9 +65,9 @@ void get_values(const Context& context, const ValueValues& values) {
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
   check(modem_api_get_stats_parameter(client, static_cast<uint16_t>(values.sub), values.slot, &data),
         "reading statistics " + list_text(values.ids));
-  for (uint32_t i = 0; i < data.para_num; ++i) {
-    const stats_para_entry& entry = data.entries[i];
-    const std::span value(entry.value, entry.value_len);
+  // The modem states the counts: there may be less than they say.
+  for (const stats_para_entry& entry : counted(data.entries, data.para_num)) {
+    const auto value = counted(entry.value, entry.value_len);
     Json document = {{"sub", entry.sub}, {"id", entry.id}};
     put_bytes(document, value);
     put_statistic(document, entry.id, value);
@@ -152,6 +152,7 @@ class Registration {
   }
 
   ~Registration() {
+    if (is_lost_) return;
     const auto count = static_cast<uint32_t>(values_.ids.size());
     modem_api_deregister_modem_stats_data(client_, id_, values_.option1.valid(), values_.option1.value,
                                           values_.option2.valid(), values_.option2.value, values_.ids.data(), count);
@@ -162,6 +163,9 @@ class Registration {
   Registration& operator=(const Registration&) = delete;
 
   uint32_t id() const { return id_; }
+
+  // The modem was away: it has forgotten the registration, and may have granted the id to another program since.
+  void mark_lost() { is_lost_ = true; }
 
  private:
   void enter() const {
@@ -182,15 +186,19 @@ class Registration {
   const int32_t client_;
   const RegisterValues& values_;
   uint32_t id_ = 0;
+  bool is_lost_ = false;
 };
 
 void register_and_follow(const Context& context, const RegisterValues& values) {
-  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  subscribe_to_events(client);
-  const Registration registration(client, values);
-  EventFollower(context, values.limits)
-      .follow("statistics client id " + std::to_string(registration.id()) + ", registered " + list_text(values.ids) +
-              "; Ctrl-C ends");
+  std::optional<Registration> registration;
+  const auto enter = [&](int32_t client) {
+    if (registration) registration->mark_lost();
+    registration.emplace(client, values);
+  };
+  EventFollower(context, values.limits, enter).follow([&] {
+    return "statistics client id " + std::to_string(registration->id()) + ", registered " + list_text(values.ids) +
+           "; Ctrl-C ends";
+  });
 }
 
 void deregister(const Context& context, const RegisterValues& values) {

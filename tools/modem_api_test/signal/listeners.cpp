@@ -1,9 +1,12 @@
 #include "signal/listeners.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "failure.h"
 #include "json.h"
+#include "modem_link.h"
 #include "signal/reading_text.h"
 #include "time_text.h"
 
@@ -71,7 +74,7 @@ void LogWatch::tell(const std::string& text) const {
 
 void LogWatch::take(const Reading& reading) {
   if (!std::exchange(has_heading_, true)) tell(kReadingLineHeading);
-  if (std::exchange(is_lost_, false)) tell(local_text(reading.time) + "  the modem is back");
+  if (std::exchange(is_lost_, false)) tell(local_text(reading.time) + "  " + kBackText);
   const auto now = Clock::now();
   if (!every_reading_ && told_ && now - *told_ < kLogPeriod) return;
   told_ = now;
@@ -80,7 +83,7 @@ void LogWatch::take(const Reading& reading) {
 
 void LogWatch::miss(const std::string& problem) {
   if (std::exchange(is_lost_, true)) return;
-  tell(local_text(WallClock::now()) + "  the modem is away: " + problem + "; waiting for it");
+  tell(local_text(WallClock::now()) + "  " + away_text(problem));
 }
 
 // --- JSON ---
@@ -98,25 +101,27 @@ void JsonLines::miss(const std::string& problem) {
 // --- remarks ---
 
 void AwayRemarks::take(const Reading& /*reading*/) {
-  if (std::exchange(is_lost_, false)) remark("the modem is back");
+  if (std::exchange(is_lost_, false)) remark(kBackText);
 }
 
 void AwayRemarks::miss(const std::string& problem) {
-  if (!std::exchange(is_lost_, true)) remark("the modem is away: " + problem + "; waiting for it");
+  if (!std::exchange(is_lost_, true)) remark(away_text(problem));
 }
 
 // --- CSV ---
 
-CsvFile::CsvFile(Output& output, std::string path)
-    : output_(output), path_(std::move(path)), file_(path_ == "-" ? nullptr : fopen(path_.c_str(), "w"), &fclose) {
-  if (path_ != "-" && file_ == nullptr) throw Failure::of_system("writing the file '" + path_ + "'");
-  write(csv_header());
-}
-
-void CsvFile::write(const std::string& text) {
-  if (file_ == nullptr) return output_.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
-  const bool is_written = fwrite(text.data(), 1, text.size(), file_.get()) == text.size();
-  if (!is_written || fflush(file_.get()) != 0) throw Failure::of_system("writing the file '" + path_ + "'");
+CsvFile::CsvFile(Output& output, const std::string& path, RecordingFile::Earlier earlier)
+    : file_(output, path, earlier) {
+  const std::string before = earlier == RecordingFile::Earlier::kAppend && path != "-" ? read_file(path) : "";
+  const size_t whole = before.rfind('\n') + 1;
+  if (whole < before.size()) {
+    remark("the last line of '" + path + "' is cut, and is left out");
+    if (truncate(path.c_str(), static_cast<off_t>(whole)) != 0) throw Failure::of_system("writing '" + path + "'");
+  }
+  if (whole == 0) file_.write(csv_header());
+  if (whole == 0 || before.starts_with(csv_header())) return;
+  throw Failure("appending to the file '" + path + "'", "its columns are not those of a recording",
+                "Name another file.");
 }
 
 }  // namespace pelmar::cli

@@ -2,11 +2,11 @@
 // hears of every reading, and of the modem going away and coming back.
 #pragma once
 
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "files.h"
 #include "output.h"
 #include "signal/history.h"
 #include "signal/live_view.h"
@@ -89,17 +89,13 @@ class AwayRemarks : public SignalListener {
 // A CSV file, or standard output for "-". Every reading is in the file before the next one is taken.
 class CsvFile : public SignalListener {
  public:
-  // Throws where the file cannot be written.
-  CsvFile(Output& output, std::string path);
+  // Throws where the file cannot be written, and for kAppend where it has other columns.
+  CsvFile(Output& output, const std::string& path, RecordingFile::Earlier earlier);
 
-  void take(const Reading& reading) override { write(csv_rows(reading)); }
+  void take(const Reading& reading) override { file_.write(csv_rows(reading)); }
 
  private:
-  void write(const std::string& text);
-
-  Output& output_;
-  const std::string path_;
-  std::unique_ptr<FILE, decltype(&fclose)> file_;
+  RecordingFile file_;
 };
 
 // Keeps the readings for a picture.

@@ -6,6 +6,7 @@
 
 #include "failure.h"
 #include "options.h"
+#include "output.h"
 #include "time_text.h"
 
 namespace pelmar::cli {
@@ -68,6 +69,10 @@ class CsvReader {
     std::string line;
     if (!std::getline(stream_, line)) return false;
     ++line_;
+    if (stream_.eof() && line_ > 1) {
+      remark(name_ + ": its last line, " + std::to_string(line_) + ", is cut, and is left out");
+      return false;
+    }
     cells_ = split(line);
     return true;
   }
@@ -150,12 +155,13 @@ void Recording::add(const Reading& reading) {
   }
 }
 
-void Recording::add_csv(std::istream& stream, const std::string& name) {
+void Recording::add_csv(std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub) {
   CsvReader reader(stream, name);
   while (reader.next()) {
     if (reader.cell("time").empty()) continue;
     const auto time = reader.require(parse_utc_text(reader.cell("time")), "time");
     const auto sub = reader.require(parse_number(reader.cell("sub"), 0, kSubscriptions - 1), "sub");
+    if (only_sub.value_or(static_cast<uint32_t>(sub)) != sub) continue;
     Carrier carrier;
     carrier.name = reader.require(carrier_of_word(reader.cell("carrier")), "carrier");
     for (const Measure& measure : kMeasures) carrier.*measure.levels = reader.levels(measure);

@@ -4,6 +4,7 @@
 
 #include <istream>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,8 +33,9 @@ class Recording {
 
   void add(const Reading& reading);
 
-  // Adds the rows of a CSV file; columns are found by their names. Throws a Failure that names the line of a bad row.
-  void add_csv(std::istream& stream, const std::string& name);
+  // Adds the rows of a CSV file, of one subscription where it is named; columns are found by their names. A last line
+  // that does not end is cut: it is left out, with a remark. Throws a Failure that names the line of a bad row.
+  void add_csv(std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub = std::nullopt);
 
   // Each in the order of time, also where the wall clock was set back or the rows of a file were not sorted.
   const std::map<Key, Track>& tracks() const { return tracks_; }

@@ -1,13 +1,13 @@
 // Where readings come from: hydra, opened again whenever the modem was away.
 //
-// The connection to the vendor-specific service does not come back by itself, so every reading first asks whether the
-// modem still answers; the values themselves tell nothing about why they are missing.
+// The values themselves show nothing of why they are missing, so every reading first asks whether the modem responds.
 #pragma once
 
 #include <optional>
 #include <span>
 #include <string>
 
+#include "modem_link.h"
 #include "session.h"
 #include "signal/reading.h"
 
@@ -21,13 +21,10 @@ class SignalSource {
   // Nothing while the modem is away; problem() says why then.
   std::optional<Reading> read(std::span<const uint32_t> subs);
 
-  const std::string& problem() const { return problem_; }
+  const std::string& problem() const { return link_.problem(); }
 
  private:
-  void come_back();
-
-  Session& session_;
-  std::string problem_;  // empty: the modem answered last
+  ModemLink link_;
 };
 
 }  // namespace pelmar::cli
