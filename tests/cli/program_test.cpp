@@ -26,8 +26,10 @@ using sim::test::Outcome;
 using sim::test::ScratchDirectory;
 using sim::test::SimProcess;
 using Clock = std::chrono::steady_clock;
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 class ProgramTest : public testing::Test {
@@ -119,7 +121,7 @@ TEST_F(ModemProgramTest, WritesReadsAndDeletesEveryKindOfItem) {
     EXPECT_EQ(shell(with("delete")).status, 0);
     const Outcome gone = shell(with("read"));
     EXPECT_EQ(gone.status, 1);
-    EXPECT_THAT(gone.output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)"));
+    EXPECT_THAT(gone.output, HasSubstr("failed: QMI error 50, no entry (MODEM_API_ERR_GENERIC, 1)"));
   }
 }
 
@@ -128,13 +130,17 @@ TEST_F(ModemProgramTest, RefusalsNameTheCodeAndLeaveTheItem) {
                                 " && client nv write 1 @" + path("long") + " --json 2>/dev/null");
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.output, HasSubstr(R"("code":5,"name":"MODEM_API_ERR_INVALID_PARAM")"));
+  EXPECT_THAT(shell("client efs-path write /../x 00").output,
+              AllOf(HasSubstr("QMI error 48, invalid argument"), HasSubstr("path")));
   EXPECT_EQ(shell("client nv read 1 --json").output, R"({"item":1,"qualifier":0,"index":0,"length":1,"data":"0a"})"
                                                      "\n");
 }
 
 TEST_F(ModemProgramTest, LogLinesOfTheLibraryStayOutOfTheOutput) {
   EXPECT_EQ(shell("client raw 01 --verbose --json 2>/dev/null").output, "{\"accepted\":1}\n");
-  EXPECT_THAT(shell("client raw 01 --verbose 2>&1 >/dev/null").output, HasSubstr("RIL["));
+  EXPECT_THAT(shell("client nv read 1 --verbose 2>&1 >/dev/null").output,
+              AllOf(HasSubstr(": -> service 0xe4 request 0x"), HasSubstr(": <- service 0xe4 response 0x"),
+                    HasSubstr(": the exchange failed: QMI error 50"), Not(HasSubstr("function entry"))));
   EXPECT_EQ(shell("client raw 01 2>&1 >/dev/null").output, "");
   // With nothing to print to, what the library prints must not end up in a connection to the modem.
   EXPECT_EQ(shell("client raw 01 --verbose <&- >&- 2>&-").status, 1);
@@ -158,8 +164,24 @@ TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmat
   }
 }
 
-TEST_F(ModemProgramTest, FollowsEventsUntilTheCount) {
-  const pid_t process = start_in_background({"events", "--count", "1", "--json"});
+TEST_F(ModemProgramTest, NoResponseIsNoSuccess) {
+  modem().operator_command("cut 9 nas 0x43");
+  modem().operator_command("error 3 nas 0x89");
+  EXPECT_THAT(shell("client cell-info").output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)"));
+  EXPECT_THAT(shell("client drx").output, HasSubstr("QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"));
+  modem().operator_command("silence nas");
+  const Outcome late = shell("client cell-info --timeout 1 --json 2>/dev/null");
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.output, HasSubstr("not done in 1 s"));
+  EXPECT_TRUE(modem_comes_to_have(0));
+}
+
+TEST_F(ModemProgramTest, FollowsEventsThroughARestartUntilTheCount) {
+  const pid_t process = start_in_background({"events", "--count", "1", "--services", "--json"});
+  EXPECT_TRUE(comes_to_print(R"("notice":"following")"));
+  modem().operator_command("restart 300");
+  EXPECT_TRUE(comes_to_print(R"("notice":"modem_back")"));
+  EXPECT_THAT(output(), HasSubstr(R"("notice":"modem_away")"));
   EXPECT_TRUE(comes_true([&] {
     modem().operator_command("event 5 9");
     return output().find(R"("event":5)") != std::string::npos;
@@ -198,6 +220,14 @@ TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(25)) << "no answer comes for 30 s";
     EXPECT_TRUE(modem_comes_to_have(0));
   }
+}
+
+TEST_F(ProgramTest, AMissingModemIsWaitedForOnlyOnRequest) {
+  const std::string command = "client --modem " + path("nobody") + " nv read 1";
+  EXPECT_THAT(shell(command).output, HasSubstr("nobody serves " + path("nobody")));
+  const Outcome late = shell(command + " --wait --timeout 1");
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.output, HasSubstr("not done in 1 s"));
 }
 
 // --- the program's own modem ---

@@ -68,10 +68,10 @@ TEST(Time, IsReadBackAsItIsWritten) {
 
 // --- CSV ---
 
-Recording from_csv(const std::string& text) {
+Recording from_csv(const std::string& text, std::optional<uint32_t> only_sub = std::nullopt) {
   std::istringstream stream(text);
   Recording recording;
-  recording.add_csv(stream, "the file 'a'");
+  recording.add_csv(stream, "the file 'a'", only_sub);
   return recording;
 }
 
@@ -98,6 +98,15 @@ TEST(Csv, FindsColumnsByName) {
   const Recording recording =
       from_csv("note,carrier,time,sub,rsrp_2_dbm\r\nx,lte_pcc,2023-11-14T22:13:20.007Z,1,-77\r\n");
   EXPECT_EQ(recording.tracks().at({1, kPrimary}).front().rsrp, -77);
+}
+
+TEST(Csv, IsReadUpToACutLastLine) {
+  const std::string rows =
+      "time,sub,carrier,rsrp_0_dbm\n2023-11-14T22:13:20.007Z,0,lte_pcc,-77\n2023-11-14T22:13:20.007Z,1,lte_pcc,-7";
+  EXPECT_EQ(from_csv(rows).tracks().size(), 1U);
+  EXPECT_EQ(from_csv(rows + "8\n").tracks().size(), 2U);
+  EXPECT_TRUE(from_csv(rows, 1).is_empty());
+  EXPECT_EQ(from_csv(rows + "8\n", 1).tracks().begin()->first, Recording::Key(1, kPrimary));
 }
 
 TEST(Csv, TracksAreInTheOrderOfTime) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -180,12 +181,39 @@ TEST_F(SignalProgramTest, RecordsAndDraws) {
   EXPECT_EQ(shell("client signal --from " + csv + " --plot " + path("b.svg")).status, 0);
   EXPECT_EQ(content(path("b.svg")), content(path("a.svg")));
   EXPECT_EQ(shell("client signal --rate 50 --count 2 --csv - | cut -d, -f5 | grep -c lte_pcc").output, "4\n");
-  EXPECT_EQ(shell("client signal --count 1 --csv " + csv).output, "1 reading written to " + csv + "\n");
+  EXPECT_EQ(shell("client signal --from " + csv + " --plot - | grep -c '^<svg '").output, "1\n");
+}
+
+TEST_F(SignalProgramTest, AnEarlierRecordingIsLostOnlyOnRequest) {
+  const std::string csv = path("a.csv");
+  const std::string record = "client signal --count 1 --csv " + csv;
+  EXPECT_EQ(shell(record).output, "1 reading written to " + csv + "\n");
+  const std::string first = content(csv);
+  EXPECT_THAT(shell(record), testing::Field(&Outcome::status, 1));
+  EXPECT_EQ(content(csv), first);
+  EXPECT_EQ(shell("printf cut >>" + csv + "; " + record + " --append").status, 0);
+  const std::string both = content(csv);
+  EXPECT_THAT(both, StartsWith(first));
+  EXPECT_EQ(std::count(both.begin(), both.end(), '\n'), 2 * std::count(first.begin(), first.end(), '\n') - 1);
+  EXPECT_EQ(shell(record + " --force").status, 0);
+  EXPECT_LT(content(csv).size(), both.size());
+  EXPECT_EQ(shell("client signal --from " + csv + " --plot " + csv).status, 1);
+  EXPECT_THAT(content(csv), StartsWith("time,"));
+}
+
+TEST_F(SignalProgramTest, ARecordingWhoseModemDiesIsAFailure) {
+  modem().operator_command("delay 0 vs any 20");
+  modem().operator_command("die modem vs");
+  const Outcome lost = shell("client signal --for 1 --csv " + path("a.csv"));
+  EXPECT_EQ(lost.status, 1);
+  EXPECT_THAT(lost.output, HasSubstr("0 readings came before"));
+  EXPECT_GT(modem().end(0), 0) << "it died";
 }
 
 TEST_F(SignalProgramTest, RefusesWhatContradictsItself) {
-  for (const char* options : {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json",
-                              "--csv - --watch", "--rate 0", "--sub 2"}) {
+  for (const char* options :
+       {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json", "--csv - --watch", "--csv - --plot -",
+        "--plot - --json", "--csv a --plot a", "--rate 0", "--sub 2"}) {
     EXPECT_EQ(shell("client signal " + std::string(options)).status, 2) << options;
   }
   for (const std::string& options :

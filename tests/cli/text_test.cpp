@@ -96,24 +96,22 @@ TEST(Cells, InformationLeavesOutWhatIsNotReported) {
   info.inter_earfcn = {6300, 0, 100};
   info.inter_pci[0] = 5;
   info.inter_pci[17] = 9;
+  info.timing_advance_valid = 1;
+  info.timing_advance = 0xFFFFFFFF;  // the modem has none
   info.nr_arfcn_valid = 1;
   info.nr_arfcn = 640000;
   EXPECT_EQ(info.json().dump(),
             R"({"serving_frequency":{"pci":[120,0,7]},"other_frequencies":[{"earfcn":6300,"pci":[5]},)"
             R"({"earfcn":100,"pci":[0,9]}],"timing_advance":null,"nr_arfcn":640000})");
   EXPECT_THAT(info.text(), HasSubstr("PCI 120, 0, 7\n"));
-  EXPECT_THAT(info.text(), EndsWith("timing advance         none\n  NR                     ARFCN 640000"));
+  EXPECT_THAT(info.text(), EndsWith("timing advance         not available\n  NR                     ARFCN 640000"));
 }
 
-TEST(Cells, InformationWithoutAnyMayBeOfAModemThatDidNotAnswer) {
+TEST(Cells, InformationWithoutAnyIsNoCell) {
   CellInfo info;
-  EXPECT_EQ(info.text(), "  no cell, or no answer");
-  EXPECT_EQ(info.json().dump(),
-            R"({"serving_frequency":{"pci":[]},"other_frequencies":[],"timing_advance":null,"nr_arfcn":null,)"
-            R"("remark":"no cell, or no answer"})");
+  EXPECT_EQ(info.text(), "  no cell");
   info.timing_advance_valid = 1;
-  EXPECT_THAT(info.text(), HasSubstr("no cell\n")) << "that of an answer";
-  EXPECT_FALSE(info.json().contains("remark"));
+  EXPECT_THAT(info.text(), EndsWith("timing advance         0\n  NR                     none"));
 }
 
 TEST(Failure, TellsStepReasonCodeAndAdvice) {
@@ -125,6 +123,16 @@ TEST(Failure, TellsStepReasonCodeAndAdvice) {
                "  Write less.");
   EXPECT_EQ(failure.json()["error"]["code"], 5);
   EXPECT_EQ(failure.exit_status(), kExitFailure);
+
+  const auto no_entry = Failure::of_result(
+      "reading NV item 1", MODEM_API_ERR_GENERIC,
+      {{MODEM_API_ERR_GENERIC, "no", 51}, {MODEM_API_ERR_GENERIC, "Write it.", 50}}, Exchange{0, 50});
+  EXPECT_STREQ(no_entry.what(),
+               "reading NV item 1 failed: QMI error 50, no entry (MODEM_API_ERR_GENERIC, 1)\n  Write it.");
+  EXPECT_THAT(no_entry.json().dump(), HasSubstr(R"("qmi_error":50,"qmi_error_name":"no entry")"));
+  EXPECT_THAT(Failure::of_result("it", MODEM_API_ERR_NOT_READY, {}, Exchange{0, 52}).what(),
+              HasSubstr("the modem is not ready: QMI error 52, device not ready (MODEM_API_ERR_NOT_READY, 8)"));
+  EXPECT_THAT(Failure::of_exchange("it", {-3, 0}).what(), HasSubstr("(MODEM_API_ERR_TIMEOUT, 11)"));
   EXPECT_THAT(Failure::of_result("it", 77).what(), HasSubstr("(undocumented result, 77)"));
   EXPECT_THAT(Failure::of_result("it", -1).what(), HasSubstr("(undocumented result, -1)"));
 }

@@ -22,9 +22,7 @@ void subscribe_to_events(int32_t client) {
 }
 
 modem_api_result probe(int32_t client) {
-  stats_para_data data{};
-  data.para_num = 1;
-  data.entries[0].id = kProbeStatistic;
+  stats_para_data data = probe_request();
   return modem_api_get_stats_parameter(client, 0, 0, &data);
 }
 

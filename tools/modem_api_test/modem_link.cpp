@@ -49,6 +49,14 @@ void ModemLink::come_back() {
   }
 }
 
+stats_para_data probe_request() {
+  constexpr uint32_t kSystemModeStatistic = 0x2C;
+  stats_para_data data{};
+  data.para_num = 1;
+  data.entries[0].id = kSystemModeStatistic;
+  return data;
+}
+
 std::string away_text(const std::string& problem) {
   return "the modem is away: " + problem + "; waiting for it";
 }

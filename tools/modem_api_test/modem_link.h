@@ -31,8 +31,8 @@ class ModemLink {
   std::string problem_;
 };
 
-// The value that a probe reads: every modem with statistics has it.
-inline constexpr uint32_t kProbeStatistic = 0x2C;
+// What a probe may ask for: a value that every modem with statistics has.
+stats_para_data probe_request();
 
 std::string away_text(const std::string& problem);
 inline constexpr const char* kBackText = "the modem is back";

@@ -11,9 +11,7 @@ namespace pelmar::cli {
 namespace {
 
 modem_api_result probe() {
-  stats_para_data data{};
-  data.para_num = 1;
-  data.entries[0].id = kProbeStatistic;
+  stats_para_data data = probe_request();
   return modem_hydra_get_stats_parameter(0, 0, &data);
 }
 
