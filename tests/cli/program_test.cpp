@@ -99,6 +99,14 @@ class ModemProgramTest : public ProgramTest {
   SimProcess modem_{directory()};
 };
 
+TEST_F(ModemProgramTest, ShowsThePathsControlCharactersAsText) {
+  const std::string path = " \"$(printf '/nv/\\033[1m\\302\\233')\"";
+  constexpr const char* kShown = "/nv/\\x1b[1m\\xc2\\x9b";
+  EXPECT_THAT(shell("client efs-path read" + path).output, HasSubstr(kShown));
+  EXPECT_THAT(shell("client efs-path write" + path + " 00").output, HasSubstr(kShown));
+  EXPECT_THAT(shell("client --json efs-path read" + path).output, HasSubstr(R"(/nv/\u001b[1m\u009b)"));
+}
+
 TEST_F(ModemProgramTest, WritesReadsAndDeletesEveryKindOfItem) {
   const struct {
     const char* kind;

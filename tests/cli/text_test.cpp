@@ -10,6 +10,7 @@
 #include "failure.h"
 #include "modem_api.h"
 #include "options.h"
+#include "printable_text.h"
 
 namespace pelmar::cli {
 namespace {
@@ -64,6 +65,22 @@ TEST(Hex, JsonTellsTextOnlyWhereAllOfItIsPrintable) {
   Json binary;
   put_bytes(binary, Bytes{'o', 0xFF});
   EXPECT_EQ(binary.dump(), R"({"length":2,"data":"6fff"})");
+}
+
+TEST(PrintableText, HasNoControlCharacters) {
+  const struct {
+    std::string_view text;
+    std::string_view printable;
+  } cases[] = {
+      {"modem, \xC3\x89\xE2\x96\x88\xF0\x9F\x93\xB6 \xC2\xA0", "modem, \xC3\x89\xE2\x96\x88\xF0\x9F\x93\xB6 \xC2\xA0"},
+      {std::string_view("\0\t\n\x1b[2J\x7f", 8), "\\x00\\x09\n\\x1b[2J\\x7f"},
+      {"\xC2\x80 \xC2\x9F", "\\xc2\\x80 \\xc2\\x9f"},
+      {"\x80 \x9b \xff", "\\x80 \\x9b \\xff"},
+      {"\xC3", "\\xc3"},
+      {"\xC0\x9B \xE0\x82\x9B \xF0\x80\x82\x9B", "\\xc0\\x9b \\xe0\\x82\\x9b \\xf0\\x80\\x82\\x9b"},
+      {"\xED\xA0\x80 \xF4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},
+  };
+  for (const auto& each : cases) EXPECT_EQ(printable_text(each.text, "\n"), each.printable);
 }
 
 TEST(Number, IsDecimalOrHexadecimalAndInItsRange) {

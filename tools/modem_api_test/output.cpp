@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "json.h"
+#include "printable_text.h"
 #include "unique_fd.h"
 
 namespace pelmar::cli {
@@ -13,6 +14,14 @@ namespace pelmar::cli {
 namespace {
 
 constexpr const char* kProgram = "modem_api_test";
+
+// The control characters that texts of this program are laid out with.
+constexpr std::string_view kLayout = "\n\t";
+
+// ASCII alone, with everything else escaped: a value may hold control characters, which a terminal would act on.
+std::string to_line(const Json& document) {
+  return document.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
 
 // A descriptor that the caller closed must not become a socket's, which what is printed would go into. Standard output
 // becomes one that cannot be written to, so that the loss is told.
@@ -45,14 +54,9 @@ Output::~Output() {
 }
 
 void Output::print(const Json& document, std::string_view text) {
-  std::string line;
-  if (is_json_) {
-    line = document.dump(-1, ' ', false, Json::error_handler_t::replace);
-    text = line;
-  }
-  bool is_written = fwrite(text.data(), 1, text.size(), stream_) == text.size();
-  if (!text.ends_with('\n')) is_written = fputc('\n', stream_) != EOF && is_written;
-  flush(is_written);
+  std::string printed = is_json_ ? to_line(document) : printable_text(text, kLayout);
+  if (!printed.ends_with('\n')) printed += '\n';
+  flush(fwrite(printed.data(), 1, printed.size(), stream_) == printed.size());
 }
 
 void Output::write(std::span<const uint8_t> bytes) {
@@ -69,13 +73,13 @@ void Output::report(const Failure& failure) {
   if (failure.is_silent()) return;
   remark(failure.what());
   if (!is_json_) return;
-  fprintf(stream_, "%s\n", failure.json().dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+  fprintf(stream_, "%s\n", to_line(failure.json()).c_str());
   fflush(stream_);
 }
 
 void remark(const std::string& text) {
   fflush(stdout);
-  fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+  fprintf(stderr, "%s: %s\n", kProgram, printable_text(text, kLayout).c_str());
 }
 
 }  // namespace pelmar::cli

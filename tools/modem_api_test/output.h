@@ -26,7 +26,8 @@ class Output {
   bool is_json() const { return is_json_; }
   int descriptor() const { return fileno(stream_); }
 
-  // Writes the one or the other; the text's last line end is added where it is missing. Throws when it cannot.
+  // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
+  // line ends and tabs are escaped. Throws when it cannot.
   void print(const Json& document, std::string_view text);
 
   // The bytes as they are.

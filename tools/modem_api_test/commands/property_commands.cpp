@@ -6,6 +6,7 @@
 #include "cutils/properties.h"
 #include "failure.h"
 #include "json.h"
+#include "printable_text.h"
 
 namespace pelmar::cli {
 
@@ -93,7 +94,7 @@ void list_properties(const Context& context, const ListValues&) {
                     {"default", property.fallback},
                     {"meaning", property.meaning}});
     const std::string fallback = property.fallback[0] == '\0' ? "" : std::string(", default ") + property.fallback;
-    text.append(property.name).append(": ").append(is_set ? value : "not set" + fallback);
+    text.append(property.name).append(": ").append(is_set ? printable_text(value) : "not set" + fallback);
     text.append("\n    ").append(property.meaning).append("\n");
   }
   context.output.print({{"properties", std::move(list)}}, text);
