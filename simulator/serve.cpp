@@ -37,6 +37,7 @@ class EndSignals final : public EventLoop::Watcher {
 
 void serve(const SimulationOptions& options) {
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead, and is answered so
   Simulation simulation(options);
   const EndSignals signals(simulation.loop);
   printf("modem_sim: ready on %s\n", options.socket.c_str());

@@ -22,7 +22,7 @@ constexpr const char* kNameFormat = "modem-%u.txt";
 
 unsigned next_number(int directory) {
   unsigned last = 0;
-  for (const Entry& entry : list_directory(directory)) {
+  for (const Entry& entry : list_directory(directory, kDirectory)) {
     unsigned number = 0;
     if (sscanf(entry.name.c_str(), kNameFormat, &number) == 1) last = std::max(last, number);
   }

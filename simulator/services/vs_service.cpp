@@ -126,9 +126,8 @@ QmiError VsService::remove(uint8_t, const Request& request, vs::PlainResponse&) 
   return (storage_.*Store).remove(key_of(request));
 }
 
-// Every write is in the file system before its answer: there is nothing left to synchronise.
 QmiError VsService::efs_sync(uint8_t, const vs::EfsSyncRequest&, vs::PlainResponse&) {
-  return QMI_ERR_NONE_V01;
+  return storage_.sync();
 }
 
 // --- statistics ---

@@ -8,8 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
+
+#include "printable_text.h"
 
 namespace pelmar::sim {
 
@@ -44,6 +47,7 @@ QmiError error_of_errno(int error) {
       return QMI_ERR_INVALID_ARG_V01;
     case ENOSPC:
     case EDQUOT:
+    case EFBIG:  // the process may write no larger file
       return QMI_ERR_DEVICE_STORAGE_FULL_V01;
     default:
       return QMI_ERR_INTERNAL_V01;
@@ -61,7 +65,7 @@ UniqueFd open_or_create_directory(int parent, const char* name) {
 
 UniqueFd require_directory(int parent, const char* name) {
   UniqueFd fd = open_or_create_directory(parent, name);
-  if (!fd) throw std::runtime_error(std::string("cannot open ") + name + " in the storage: " + strerror(errno));
+  if (!fd) refuse_directory(name);
   return fd;
 }
 
@@ -86,23 +90,32 @@ QmiError replace_file(int scratch, int directory, const char* name, std::span<co
   return error;
 }
 
-std::vector<Entry> list_directory(int directory) {
+void refuse_directory(const std::string& path) {
+  throw std::runtime_error("cannot open " + printable_text(path) + " in the storage: " + strerror(errno));
+}
+
+std::vector<Entry> list_directory(int directory, const std::string& path) {
   std::vector<Entry> entries;
-  DIR* stream = fdopendir(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (stream == nullptr) return entries;
-  while (const dirent* entry = readdir(stream)) {
+  UniqueFd fd = open_directory(directory, ".");
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(fd ? fdopendir(fd.get()) : nullptr, closedir);
+  if (!stream) refuse_directory(path);
+  fd.release();
+  for (errno = 0; const dirent* entry = readdir(stream.get()); errno = 0) {
     const std::string_view name = entry->d_name;
     struct stat file {};
-    if (name == "." || name == ".." || fstatat(directory, entry->d_name, &file, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISREG(file.st_mode) || S_ISDIR(file.st_mode)) entries.push_back({entry->d_name, S_ISDIR(file.st_mode)});
+    if (name == "." || name == "..") continue;
+    if (fstatat(directory, entry->d_name, &file, AT_SYMLINK_NOFOLLOW) != 0)
+      refuse_directory(path + '/' + entry->d_name);
+    using enum Entry::Kind;
+    entries.push_back({entry->d_name, S_ISREG(file.st_mode) ? kFile : S_ISDIR(file.st_mode) ? kDirectory : kOther});
   }
-  closedir(stream);
+  if (errno != 0) refuse_directory(path);
   std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.name < b.name; });
   return entries;
 }
 
 void warn_ignored(const std::string& path, const char* why) {
-  fprintf(stderr, "modem_sim: ignoring %s: %s\n", path.c_str(), why);
+  fprintf(stderr, "modem_sim: ignoring %s: %s\n", printable_text(path).c_str(), why);
 }
 
 }  // namespace pelmar::sim

@@ -23,6 +23,9 @@ UniqueFd open_or_create_directory(int parent, const char* name);
 // One component, which throws std::runtime_error where it cannot be had.
 UniqueFd require_directory(int parent, const char* name);
 
+// Says which directory of the storage cannot be read, and why by errno.
+[[noreturn]] void refuse_directory(const std::string& path);
+
 // Nothing where the entry is no regular file, cannot be read or has more than `limit` bytes.
 std::optional<std::vector<uint8_t>> read_file(int directory, const char* name, size_t limit);
 
@@ -31,14 +34,16 @@ std::optional<std::vector<uint8_t>> read_file(int directory, const char* name, s
 QmiError replace_file(int scratch, int directory, const char* name, std::span<const uint8_t> bytes);
 
 struct Entry {
+  enum class Kind { kFile, kDirectory, kOther };
   std::string name;
-  bool is_directory;
+  Kind kind;  // of the entry itself: a symbolic link is neither a file nor a directory
 };
 
 // Tells the operator of a stored file that is not used.
 void warn_ignored(const std::string& path, const char* why);
 
-// Regular files and directories, sorted by name.
-std::vector<Entry> list_directory(int directory);
+// The entries, sorted by name. Throws std::runtime_error that names the path where the directory or the kind of an
+// entry cannot be read, since what it holds must not seem to be gone.
+std::vector<Entry> list_directory(int directory, const std::string& path);
 
 }  // namespace pelmar::sim

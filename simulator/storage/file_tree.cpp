@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <optional>
 
 #include "storage/directory.h"
@@ -13,11 +14,22 @@ namespace pelmar::sim {
 
 namespace {
 
+std::string directory_name(uint16_t qualifier, uint8_t index) {
+  return std::to_string(qualifier) + '.' + std::to_string(index);
+}
+
+bool is_qualifier_and_index(const std::string& name) {
+  unsigned qualifier = 0;
+  unsigned index = 0;
+  return sscanf(name.c_str(), "%u.%u", &qualifier, &index) == 2 &&
+         directory_name(static_cast<uint16_t>(qualifier), static_cast<uint8_t>(index)) == name;
+}
+
 // The path of a file below the tree's directory: QUALIFIER.INDEX, then the components without empty ones. Nothing for a
 // path that names no file in the tree.
 std::optional<std::string> normalize(const FileTree::Key& key) {
   if (key.path.empty() || key.path.ends_with('/')) return std::nullopt;
-  std::string path = std::to_string(key.qualifier) + '.' + std::to_string(key.index);
+  std::string path = directory_name(key.qualifier, key.index);
   for (std::string_view rest = key.path; !rest.empty();) {
     const size_t end = std::min(rest.find('/'), rest.size());
     const std::string_view component = rest.substr(0, end);
@@ -61,20 +73,36 @@ void prune(int top, const Place& place) {
 
 FileTree::FileTree(int root, const char* directory, Room& room)
     : root_(root), room_(room), directory_(require_directory(root, directory)) {
-  load(directory_.get(), "");
+  load(directory);
 }
 
-void FileTree::load(int directory, const std::string& prefix) {
-  for (const Entry& entry : list_directory(directory)) {
+// Right below the tree's directory are those of the qualifiers and indices.
+void FileTree::load(const char* tree) {
+  for (const Entry& entry : list_directory(directory_.get(), tree)) {
+    const std::string path = std::string(tree) + '/' + entry.name;
+    if (!is_qualifier_and_index(entry.name)) {
+      warn_ignored(path, "its name is no qualifier and index");
+      continue;
+    }
+    const UniqueFd next = open_directory(directory_.get(), entry.name.c_str());
+    if (!next) refuse_directory(path);
+    load(next.get(), std::string(tree) + '/', entry.name + '/');
+  }
+}
+
+void FileTree::load(int directory, const std::string& tree, const std::string& prefix) {
+  for (const Entry& entry : list_directory(directory, tree + prefix)) {
     const std::string path = prefix + entry.name;
-    if (entry.is_directory) {
+    if (entry.kind == Entry::Kind::kOther) continue;
+    if (entry.kind == Entry::Kind::kDirectory) {
       const UniqueFd next = open_directory(directory, entry.name.c_str());
-      if (next) load(next.get(), path + '/');
+      if (!next) refuse_directory(tree + path);
+      load(next.get(), tree, path + '/');
       continue;
     }
     auto bytes = read_file(directory, entry.name.c_str(), kMaxStoredBytes);
     if (!bytes) {
-      warn_ignored(path, "it cannot be read or has more than 256 bytes");
+      warn_ignored(tree + path, "it cannot be read or has more than 256 bytes");
       continue;
     }
     files_.emplace(path, std::move(*bytes));

@@ -2,7 +2,7 @@
 //
 //   TREE/QUALIFIER.INDEX/the/path    the file's bytes
 //
-// Reads are answered from memory; a write or a delete is on disk before it is answered.
+// Reads are answered from memory; a write or a delete is in the file system before it is answered.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +37,8 @@ class FileTree {
   size_t count() const { return files_.size(); }
 
  private:
-  void load(int directory, const std::string& prefix);
+  void load(const char* tree);
+  void load(int directory, const std::string& tree, const std::string& prefix);
 
   const int root_;
   Room& room_;

@@ -43,10 +43,11 @@ std::optional<ItemStore::Key> ItemStore::parse_file_name(const std::string& name
 }
 
 void ItemStore::load(const char* directory) {
-  for (const Entry& entry : list_directory(directory_.get())) {
+  for (const Entry& entry : list_directory(directory_.get(), directory)) {
+    if (entry.kind == Entry::Kind::kOther) continue;
     const std::string path = std::string(directory) + '/' + entry.name;
     const auto key = parse_file_name(entry.name);
-    if (entry.is_directory || !key) {
+    if (entry.kind == Entry::Kind::kDirectory || !key) {
       warn_ignored(path, "its name is no item's");
       continue;
     }

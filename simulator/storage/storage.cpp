@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+
+#include "storage/directory.h"
 
 namespace pelmar::sim {
 
@@ -37,5 +40,10 @@ Storage::Storage(const std::string& directory, size_t max_entries)
       efs(root_.get(), "efs", 2, room_),
       rfnv(root_.get(), "rfnv", 1, room_),
       files(root_.get(), "efs-path", room_) {}
+
+QmiError Storage::sync() {
+  if (syncfs(root_.get()) != 0) return error_of_errno(errno);
+  return QMI_ERR_NONE_V01;
+}
 
 }  // namespace pelmar::sim

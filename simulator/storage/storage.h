@@ -5,8 +5,9 @@
 //   DIR/rfnv/ITEM                            hexadecimal text
 //   DIR/efs-path/QUALIFIER.INDEX/the/path    the file's bytes
 //
-// All of it is read once at the start; from then on reads are answered from memory. A write or a delete is on disk
-// before it is answered. The directory belongs to one process at a time.
+// All of it is read once at the start; from then on reads are answered from memory. A write or a delete is in the file
+// system before it is answered, so it outlives the process; sync() makes it outlive the machine. The directory belongs
+// to one process at a time.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,9 @@ class Storage {
 
   // Creates the directory where it is missing. Throws std::runtime_error with what to do about it.
   explicit Storage(const std::string& directory, size_t max_entries = kDefaultMaxEntries);
+
+  // Returns when all that was written and deleted is on the disk.
+  QmiError sync();
 
  private:
   UniqueFd root_;

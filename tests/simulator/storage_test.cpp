@@ -1,5 +1,6 @@
 // What is kept, where it is on disk, and that no path leaves its tree.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -138,13 +139,11 @@ TEST_F(StorageTest, AFullStorageTakesOldEntriesOnly) {
 TEST_F(StorageTest, StrangeFilesAreLeftAlone) {
   fs::create_directories(path("nv/1.0.0"));
   fs::create_directories(path("efs-path/0.0"));
-  const std::pair<const char*, std::string> files[] = {{"nv/2.0.0", "no hex"},
-                                                       {"nv/3.0", "01"},
-                                                       {"nv/3.0.0.0", "01"},
-                                                       {"nv/03.0.0", "01"},
-                                                       {"nv/4.0.70000", "01"},
-                                                       {"nv/5.0.0", std::string(5000, '0')},
-                                                       {"efs-path/0.0/big", std::string(257, 'x')}};
+  const std::pair<const char*, std::string> files[] = {
+      {"nv/2.0.0", "no hex"}, {"nv/3.0", "01"},
+      {"nv/3.0.0.0", "01"},   {"nv/03.0.0", "01"},
+      {"nv/4.0.70000", "01"}, {"nv/5.0.0", std::string(5000, '0')},
+      {"efs-path/file", "x"}, {"efs-path/0.0/big", std::string(257, 'x')}};
   for (const auto& [name, text] : files) std::ofstream(path(name)) << text;
   std::ofstream(path("nv/6.0.0")) << "0a0B\n\n 0c";
   ASSERT_EQ(mkfifo(path("efs-path/0.0/pipe").c_str(), 0600), 0);
@@ -153,6 +152,39 @@ TEST_F(StorageTest, StrangeFilesAreLeftAlone) {
   EXPECT_EQ(storage.files.count(), 0u);
   EXPECT_EQ(read(storage.nv, ItemStore::Key{6, 0, 0}), (Bytes{10, 11, 12}));
   EXPECT_EQ(file_text(path("nv/2.0.0")), "no hex");
+}
+
+TEST_F(StorageTest, IsNotUsedWhereADirectoryCannotBeRead) {
+  for (const char* const name : {"nv", "efs", "rfnv", "efs-path", "efs-path/7.1"}) {
+    for (const bool is_link : {false, true}) {
+      const ScratchDirectory directory;
+      const std::string top = directory.path("s/");
+      fs::create_directories(fs::path(top + name).parent_path());
+      if (is_link) fs::create_symlink(top + name, top + name);
+      if (!is_link) std::ofstream(top + name) << "no directory";
+      try {
+        Storage storage(top);
+        ADD_FAILURE() << name;
+      } catch (const std::runtime_error& error) {
+        EXPECT_NE(std::string(error.what()).find(std::string("open ") + name + ' '), std::string::npos) << error.what();
+      }
+    }
+  }
+}
+
+TEST_F(StorageTest, AWriteThatTheSystemRefusesLeavesTheOldContent) {
+  SimProcess modem(directory_);
+  QmuxClient client(modem.socket());
+  const uint8_t id = client.allocate(0xE4);
+  const auto write = [&](const Bytes& value) {
+    return client.ask(0xE4, id, 0x010A, tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, value)).error();
+  };
+  EXPECT_EQ(write({1, 0, 'a'}), 0);
+  const rlimit small = {0, 0};
+  ASSERT_EQ(prlimit(modem.process(), RLIMIT_FSIZE, &small, nullptr), 0);
+  EXPECT_EQ(write({2, 0, 'b', 'c'}), kFull);
+  EXPECT_EQ(client.ask(0xE4, id, 0x0109, tlv(0x01, {10, 0, 0, 0})).value(0x03), (Bytes{1, 0, 'a'}));
+  EXPECT_EQ(file_text(directory_.path("storage/rfnv/10")), "61\n");
 }
 
 TEST_F(StorageTest, TheServiceAnswersFromIt) {
