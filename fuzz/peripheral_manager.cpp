@@ -26,6 +26,7 @@ using pelmar::UniqueFd;
 using pelmar::sim::EventLoop;
 using pelmar::sim::LocalListener;
 using pelmar::sim::PeripheralManager;
+using pelmar::sim::WaitingOutput;
 
 namespace {
 
@@ -92,9 +93,10 @@ class ManagerEnd {
 
   const std::string name_ = socket_name("manager");
   EventLoop loop_;
+  WaitingOutput output_;
   bool is_on_ = false;
   PeripheralManager manager_{
-      loop_, {name_, "modem", std::chrono::hours(1)}, [this](bool on) { return switch_power(on); }};
+      loop_, output_, {name_, "modem", std::chrono::hours(1)}, [this](bool on) { return switch_power(on); }};
 };
 
 class VoterEnd {

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <system_error>
 
+#include "io/memory_reserve.h"
+
 namespace pelmar::sim {
 
 namespace {
@@ -39,6 +41,8 @@ void serve(const SimulationOptions& options) {
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead, and is answered so
   Simulation simulation(options);
+  MemoryReserve reserve;
+  simulation.loop.after_each_round([&] { return !reserve.restore() && simulation.drop_connection(); });
   const EndSignals signals(simulation.loop);
   printf("modem_sim: ready on %s\n", options.socket.c_str());
   fflush(stdout);

@@ -23,10 +23,10 @@ Simulation::Simulation(const SimulationOptions& options)
       power(modem, {options.starting_time, options.reset_time},
             [this, directory = options.storage] { return write_crash_dump(directory, *this); }),
       exchange(loop, modem, faults),
-      connections(loop, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
+      connections(loop, output, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
       stream(loop, modem),
       reports(loop, modem, clock, reporters, statistics, options.report_period),
-      console(loop, options.control, *this) {
+      console(loop, output, options.control, *this) {
   auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
   nas = add_service<NasService>(clock, pictures);
   sar = add_service<SarService>();
@@ -35,12 +35,16 @@ Simulation::Simulation(const SimulationOptions& options)
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
-    manager.emplace(loop,
+    manager.emplace(loop, output,
                     PeripheralManager::Options{options.pm_socket, options.pm_device, options.pm_acknowledge_limit},
                     [this](bool on) { return power.switch_power(on); });
   } else if (options.starting_time.count() > 0) {
     modem.restart(options.starting_time);
   }
+}
+
+bool Simulation::drop_connection() {
+  return output.drop_longest_waiting() || connections.drop_youngest("there is no memory for it");
 }
 
 }  // namespace pelmar::sim

@@ -50,7 +50,12 @@ struct Simulation {
   // Returns after loop.stop().
   void run() { loop.run(); }
 
+  // Gives up what holds memory: the connection that has read nothing for the longest time, or the youngest. False where
+  // there is none.
+  bool drop_connection();
+
   EventLoop loop;
+  WaitingOutput output;
   Storage storage;
   Faults faults;
   ModemClock clock;

@@ -8,16 +8,18 @@ namespace {
 
 constexpr Stream::Bounds kBounds{size_t{64} << 10, size_t{4} << 20};
 
-// An answer may quote bytes of the command that are no text; they are replaced.
+// ASCII alone, with everything else escaped: an answer may quote control characters, of which a line end would end the
+// answer and others act on a terminal. Bytes that are no text are replaced.
 std::string as_line(const Json& answer) {
-  return answer.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  return answer.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';
 }
 
 }  // namespace
 
 class Console::Session final : private Stream::Reader {
  public:
-  Session(Console& console, UniqueFd fd) : console_(console), stream_(console.loop_, std::move(fd), *this, kBounds) {}
+  Session(Console& console, UniqueFd fd)
+      : console_(console), stream_(console.loop_, console.output_, std::move(fd), *this, kBounds) {}
 
  private:
   size_t on_bytes(std::span<const uint8_t> bytes) override {
@@ -41,8 +43,8 @@ class Console::Session final : private Stream::Reader {
 
 Console::~Console() = default;
 
-Console::Console(EventLoop& loop, const std::string& socket, Simulation& simulation)
-    : loop_(loop), simulation_(simulation), listener_(loop, socket, [this](UniqueFd fd) {
+Console::Console(EventLoop& loop, WaitingOutput& output, const std::string& socket, Simulation& simulation)
+    : loop_(loop), output_(output), simulation_(simulation), listener_(loop, socket, [this](UniqueFd fd) {
         auto session = std::make_unique<Session>(*this, std::move(fd));
         Session* const key = session.get();
         sessions_.emplace(key, std::move(session));

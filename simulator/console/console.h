@@ -16,13 +16,14 @@ namespace pelmar::sim {
 
 class Console {
  public:
-  Console(EventLoop& loop, const std::string& socket, Simulation& simulation);
+  Console(EventLoop& loop, WaitingOutput& output, const std::string& socket, Simulation& simulation);
   ~Console();
 
  private:
   class Session;
 
   EventLoop& loop_;
+  WaitingOutput& output_;
   Simulation& simulation_;
   std::map<Session*, std::unique_ptr<Session>> sessions_;
   LocalListener listener_;

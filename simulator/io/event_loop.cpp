@@ -70,6 +70,7 @@ void EventLoop::run() {
     batch_size_ = 0;
     if (is_timer_due) run_due_timers();
     run_posted();
+    while (after_round_ && after_round_()) run_posted();
   }
 }
 

@@ -44,6 +44,9 @@ class EventLoop {
   // Runs the task once the events at hand are done with: the place to destroy a watcher.
   void post(Task task);
 
+  // Runs at the end of each round of events, and again, once what it has posted has run, as long as it returns true.
+  void after_each_round(std::function<bool()> task) { after_round_ = std::move(task); }
+
   void run();
   void stop() { running_ = false; }
 
@@ -70,6 +73,7 @@ class EventLoop {
   std::map<TimerId, Task> pending_timers_;
   uint64_t last_timer_ = 0;
   std::vector<Task> posted_;
+  std::function<bool()> after_round_;
   epoll_event batch_[kBatch];
   int batch_size_ = 0;
   bool running_ = false;

@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include "unix_address.h"
 
@@ -86,8 +88,17 @@ LocalListener::~LocalListener() {
 
 void LocalListener::on_ready(uint32_t) {
   UniqueFd peer(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  if (peer) return accept_(std::move(peer));
+  if (peer) return hand_over(std::move(peer));
   if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pause_accepting();
+}
+
+// A connection that cannot be served, for lack of memory or because its process is gone, is closed; the others go on.
+void LocalListener::hand_over(UniqueFd peer) {
+  try {
+    accept_(std::move(peer));
+  } catch (const std::bad_alloc&) {
+  } catch (const std::system_error&) {
+  }
 }
 
 // Out of descriptors the pending connection stays pending and would wake the loop without end.

@@ -13,7 +13,8 @@ namespace pelmar::sim {
 UniqueFd connect_local(const std::string& name);
 
 // A listening socket on the event loop. A socket file whose process is dead is replaced; a live one is refused with a
-// std::runtime_error that says so. The file goes with the listener.
+// std::runtime_error that says so. The file goes with the listener. A connection for which `accept` throws
+// std::bad_alloc or std::system_error is closed.
 class LocalListener final : public EventLoop::Watcher {
  public:
   using Accept = std::function<void(UniqueFd)>;
@@ -27,6 +28,7 @@ class LocalListener final : public EventLoop::Watcher {
   void on_ready(uint32_t events) override;
 
  private:
+  void hand_over(UniqueFd peer);
   void pause_accepting();
 
   EventLoop& loop_;

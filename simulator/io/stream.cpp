@@ -4,10 +4,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace pelmar::sim {
 
 namespace {
+
+constexpr std::string_view kNoMemory = "there is no memory for it";
 
 std::string_view reason_of(int error) {
   return error == ECONNRESET || error == EPIPE ? Stream::kClosedByPeer : strerror(error);
@@ -15,8 +18,13 @@ std::string_view reason_of(int error) {
 
 }  // namespace
 
-Stream::Stream(EventLoop& loop, UniqueFd fd, Reader& reader, Bounds bounds)
-    : loop_(loop), fd_(std::move(fd)), reader_(reader), bounds_(bounds), input_(new uint8_t[bounds.input]) {
+Stream::Stream(EventLoop& loop, WaitingOutput& all, UniqueFd fd, Reader& reader, Bounds bounds)
+    : loop_(loop),
+      fd_(std::move(fd)),
+      reader_(reader),
+      bounds_(bounds),
+      input_(new uint8_t[bounds.input]),
+      share_(all, *this) {
   loop_.watch(fd_.get(), EPOLLIN, *this);
 }
 
@@ -31,8 +39,12 @@ pid_t Stream::process_at_other_end() const {
 }
 
 void Stream::on_ready(uint32_t events) {
-  if (events & EPOLLOUT) flush();
-  if (is_open() && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) receive();
+  try {
+    if (events & EPOLLOUT) flush();
+    if (is_open() && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) receive();
+  } catch (const std::bad_alloc&) {
+    close(kNoMemory);
+  }
 }
 
 void Stream::receive() {
@@ -64,8 +76,23 @@ void Stream::send(std::span<const uint8_t> bytes) {
     if (bytes.empty()) return;
     loop_.change(fd_.get(), EPOLLIN | EPOLLOUT, *this);
   }
+  keep(bytes);
+}
+
+void Stream::keep(std::span<const uint8_t> bytes) {
   if (waiting_.size() - taken_ + bytes.size() > bounds_.output) return close("does not read what it is sent");
-  waiting_.insert(waiting_.end(), bytes.begin(), bytes.end());
+  try {
+    waiting_.insert(waiting_.end(), bytes.begin(), bytes.end());
+    share_.set(waiting_.capacity());
+  } catch (const std::bad_alloc&) {
+    close(kNoMemory);
+  }
+}
+
+void Stream::forget_output() {
+  waiting_ = {};
+  taken_ = 0;
+  share_.set(0);
 }
 
 void Stream::flush() {
@@ -76,6 +103,7 @@ void Stream::flush() {
     return;
   }
   taken_ += static_cast<size_t>(count);
+  share_.note_progress();
   if (taken_ < waiting_.size()) {
     if (taken_ >= bounds_.output / 2) {
       waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<ptrdiff_t>(taken_));
@@ -83,8 +111,7 @@ void Stream::flush() {
     }
     return;
   }
-  waiting_.clear();
-  taken_ = 0;
+  forget_output();
   loop_.change(fd_.get(), EPOLLIN, *this);
   reader_.on_drained();
 }
@@ -93,6 +120,7 @@ void Stream::close(std::string_view reason) {
   if (!is_open()) return;
   loop_.unwatch(fd_.get(), *this);
   fd_.reset();
+  forget_output();
   reader_.on_closed(reason);
 }
 

@@ -1,8 +1,8 @@
 // One peer's byte stream on the event loop, with bounded buffers on both sides.
 //
 // A stream never blocks: what the peer does not take waits here, and a peer that lets more than the bound pile up is
-// dropped. A Reader sees the bytes received so far and says how many of them it has used up; a peer that fills the
-// input buffer without forming anything usable is dropped too.
+// dropped; so is one for which there is no memory. A Reader sees the bytes received so far and says how many of them it
+// has used up; a peer that fills the input buffer without forming anything usable is dropped too.
 #pragma once
 
 #include <sys/types.h>
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "io/event_loop.h"
+#include "io/waiting_output.h"
 #include "unique_fd.h"
 
 namespace pelmar::sim {
@@ -41,7 +42,8 @@ class Stream final : public EventLoop::Watcher {
     size_t output;  // bytes that may wait for a slow peer
   };
 
-  Stream(EventLoop& loop, UniqueFd fd, Reader& reader, Bounds bounds);
+  // all: what this and other streams hold is bounded together.
+  Stream(EventLoop& loop, WaitingOutput& all, UniqueFd fd, Reader& reader, Bounds bounds);
   ~Stream() override;
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -61,6 +63,8 @@ class Stream final : public EventLoop::Watcher {
   void receive();
   void hand_over();
   void flush();
+  void keep(std::span<const uint8_t> bytes);
+  void forget_output();
 
   EventLoop& loop_;
   UniqueFd fd_;
@@ -70,6 +74,7 @@ class Stream final : public EventLoop::Watcher {
   size_t received_ = 0;
   std::vector<uint8_t> waiting_;  // output that the kernel has not taken yet, from taken_ on
   size_t taken_ = 0;
+  WaitingOutput::Share share_;
 };
 
 }  // namespace pelmar::sim

@@ -7,8 +7,10 @@ namespace pelmar::sim {
 
 namespace power = platform::power;
 
-PeripheralManager::PeripheralManager(EventLoop& loop, const Options& options, Switch switch_power)
+PeripheralManager::PeripheralManager(EventLoop& loop, WaitingOutput& output, const Options& options,
+                                     Switch switch_power)
     : loop_(loop),
+      output_(output),
       device_(options.device),
       acknowledge_limit_(options.acknowledge_limit),
       switch_power_(std::move(switch_power)),
@@ -34,7 +36,7 @@ void PeripheralManager::accept(UniqueFd fd) {
   if (sessions_.size() == kMostConnections) return;
   const uint64_t number = ++last_number_;
   VoterSession::Owner& self = *this;
-  sessions_.emplace(number, std::make_unique<VoterSession>(loop_, std::move(fd), number, self));
+  sessions_.emplace(number, std::make_unique<VoterSession>(loop_, output_, std::move(fd), number, self));
 }
 
 void PeripheralManager::on_request(VoterSession& session, const power::Request& request) {

@@ -37,7 +37,7 @@ class PeripheralManager final : private VoterSession::Owner {
   static constexpr size_t kMostConnections = 64;
 
   // The modem is without power at first. Throws std::runtime_error where the socket cannot be had.
-  PeripheralManager(EventLoop& loop, const Options& options, Switch switch_power);
+  PeripheralManager(EventLoop& loop, WaitingOutput& output, const Options& options, Switch switch_power);
 
   pm_event state() const { return state_; }
   size_t votes() const;
@@ -61,6 +61,7 @@ class PeripheralManager final : private VoterSession::Owner {
   void switch_power(bool on);
 
   EventLoop& loop_;
+  WaitingOutput& output_;
   const std::string device_;
   const std::chrono::milliseconds acknowledge_limit_;
   const Switch switch_power_;

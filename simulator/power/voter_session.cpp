@@ -4,6 +4,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace pelmar::sim {
@@ -15,18 +17,21 @@ namespace {
 // Room for the longest status and some events.
 constexpr Stream::Bounds kBounds{power::kMaxFrameBytes, size_t{32} << 10};
 
-// Readable when the process has ended. Debian 12 declares the C library's function for C only.
+// Readable when the process has ended. Nothing where the kernel cannot watch processes. Debian 12 declares the C
+// library's function for C only.
 UniqueFd open_process(pid_t process) {
-  return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  UniqueFd fd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  if (!fd && errno != ENOSYS) throw std::system_error(errno, std::generic_category(), "pidfd_open");
+  return fd;
 }
 
 }  // namespace
 
-VoterSession::VoterSession(EventLoop& loop, UniqueFd fd, uint64_t number, Owner& owner)
+VoterSession::VoterSession(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Owner& owner)
     : loop_(loop),
       owner_(owner),
       number_(number),
-      stream_(loop, std::move(fd), *this, kBounds),
+      stream_(loop, output, std::move(fd), *this, kBounds),
       process_(stream_.process_at_other_end()) {
   if (process_ > 0) process_fd_ = open_process(process_);
   if (process_fd_) loop_.watch(process_fd_.get(), EPOLLIN, watch_);

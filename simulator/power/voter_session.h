@@ -27,7 +27,8 @@ class VoterSession final : private Stream::Reader {
     ~Owner() = default;
   };
 
-  VoterSession(EventLoop& loop, UniqueFd fd, uint64_t number, Owner& owner);
+  // Throws std::system_error where the peer's process has ended already, or cannot be watched.
+  VoterSession(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Owner& owner);
   ~VoterSession();
   VoterSession(const VoterSession&) = delete;
   VoterSession& operator=(const VoterSession&) = delete;

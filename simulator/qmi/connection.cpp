@@ -4,11 +4,12 @@
 
 namespace pelmar::sim {
 
-Connection::Connection(EventLoop& loop, UniqueFd fd, uint64_t number, Connections& connections, Handler& handler)
+Connection::Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
+                       Handler& handler)
     : connections_(connections),
       handler_(handler),
       number_(number),
-      stream_(loop, std::move(fd), *this, {qmux::kMaxFrameBytes, kMaxWaitingBytes}),
+      stream_(loop, output, std::move(fd), *this, {qmux::kMaxFrameBytes, kMaxWaitingBytes}),
       process_(stream_.process_at_other_end()) {}
 
 size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
@@ -36,9 +37,11 @@ void Connection::on_closed(std::string_view reason) {
   connections_.remove(*this);
 }
 
-Connections::Connections(EventLoop& loop, const std::string& socket, Connection::Handler& handler,
-                         std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle)
+Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket,
+                         Connection::Handler& handler, std::optional<EventLoop::Clock::duration> idle_limit,
+                         EventLoop::Task on_idle)
     : loop_(loop),
+      output_(output),
       handler_(handler),
       idle_limit_(idle_limit),
       on_idle_(std::move(on_idle)),
@@ -47,9 +50,16 @@ Connections::Connections(EventLoop& loop, const std::string& socket, Connection:
 }
 
 void Connections::accept(UniqueFd fd) {
+  const uint64_t number = last_number_ + 1;
+  open_.emplace(number, std::make_shared<Connection>(loop_, output_, std::move(fd), number, *this, handler_));
+  last_number_ = number;
   loop_.cancel(idle_timer_);
-  const uint64_t number = ++last_number_;
-  open_.emplace(number, std::make_shared<Connection>(loop_, std::move(fd), number, *this, handler_));
+}
+
+bool Connections::drop_youngest(std::string_view reason) {
+  if (open_.empty()) return false;
+  open_.rbegin()->second->close(reason);
+  return true;
 }
 
 void Connections::remove(Connection& connection) {

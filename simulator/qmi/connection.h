@@ -37,7 +37,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   // Bytes that may wait for a client that does not read, before it is dropped.
   static constexpr size_t kMaxWaitingBytes = 1 << 20;
 
-  Connection(EventLoop& loop, UniqueFd fd, uint64_t number, Connections& connections, Handler& handler);
+  Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
+             Handler& handler);
 
   uint64_t number() const { return number_; }
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
@@ -67,10 +68,12 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
 class Connections final {
  public:
   // idle_limit: after that long without a client, on_idle is called.
-  Connections(EventLoop& loop, const std::string& socket, Connection::Handler& handler,
+  Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Connection::Handler& handler,
               std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle);
 
   size_t count() const { return open_.size(); }
+  // Closes the youngest connection. False where there is none.
+  bool drop_youngest(std::string_view reason);
   uint64_t accepted() const { return last_number_; }
 
   // Calls f(connection); f may close connections.
@@ -90,6 +93,7 @@ class Connections final {
   void wait_for_clients();
 
   EventLoop& loop_;
+  WaitingOutput& output_;
   Connection::Handler& handler_;
   const std::optional<EventLoop::Clock::duration> idle_limit_;
   const EventLoop::Task on_idle_;

@@ -20,7 +20,7 @@ QmiError error_of_codec(int32_t codec_error) {
     case QMI_IDL_LIB_NO_ERR:
       return QMI_ERR_NONE_V01;
     case QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND:
-      return QMI_ERR_INVALID_MESSAGE_ID_V01;
+      return QMI_ERR_INVALID_QMI_CMD_V01;
     case QMI_IDL_LIB_MISSING_TLV:
       return QMI_ERR_MISSING_ARG_V01;
     case QMI_IDL_LIB_ARRAY_TOO_BIG:
@@ -87,7 +87,7 @@ QmiError Exchange::answer_service_message(Connection& connection, const qmux::Fr
   if (slot == nullptr || slot->clients.owner(frame.client) != &connection) return QMI_ERR_INVALID_CLIENT_ID_V01;
   Service& service = *slot->service;
   const MessageRow* row = service.find(request.id);
-  if (row == nullptr) return QMI_ERR_INVALID_MESSAGE_ID_V01;
+  if (row == nullptr) return QMI_ERR_INVALID_QMI_CMD_V01;
   if (!request.is_whole) return QMI_ERR_MALFORMED_MSG_V01;
 
   const int32_t decoded = platform::decode(service.object(), QMI_IDL_REQUEST, request.id, request.tlvs.data(),

@@ -1,10 +1,14 @@
 // Who may ask what, and what becomes of connections and client ids when peers misbehave.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <memory>
+#include <new>
+#include <optional>
 #include <random>
 #include <set>
 
+#include "io/stream.h"
 #include "qmux_client.h"
 #include "sim_process.h"
 
@@ -169,7 +173,7 @@ TEST_F(Connections, BytesThatAreNoFramesEndTheirConnectionOnly) {
 TEST_F(Connections, MessagesThatMakeNoSenseAreRefusedOrIgnored) {
   auto client = connect();
   const uint8_t id = client->allocate(kVs);
-  EXPECT_EQ(client->ask(kVs, id, 0x0999).error(), 57);
+  EXPECT_EQ(client->ask(kVs, id, 0x0999).error(), 71);
   EXPECT_EQ(client->ask(kVs, id, kPassThroughMessage).error(), 17);
   EXPECT_EQ(client->ask(kVs, id, kPassThroughMessage, tlv(0x01, {9, 0, 'x'})).error(), 1) << "a count above the bytes";
   EXPECT_EQ(client->ask(kVs, id, kPassThroughMessage, {0x01, 0xFF, 0xFF}).error(), 1) << "a TLV beyond the message";
@@ -233,6 +237,65 @@ TEST_F(Connections, AClientThatDoesNotReadIsDroppedAndBlocksNobody) {
   const auto status = modem_.operator_command("status");
   EXPECT_EQ(status["counters"]["dropped_connections"], 1);
   EXPECT_TRUE(status["services"][2]["clients"].empty()) << "id " << int{id};
+}
+
+// A stream of a small socket, whose other end reads only when it is told to.
+class WaitingStream final : private Stream::Reader {
+ public:
+  WaitingStream(EventLoop& loop, WaitingOutput& all) {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const int least = 1;
+    setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+    peer_.reset(ends[1]);
+    Stream::Reader& reader = *this;
+    stream_.emplace(loop, all, UniqueFd(ends[0]), reader, Stream::Bounds{1024, 1 << 20});
+  }
+
+  bool is_open() const { return stream_->is_open(); }
+  void send(size_t bytes) { stream_->send(Bytes(bytes)); }
+  void let_peer_read_some() {
+    uint8_t bytes[16 << 10];
+    EXPECT_GT(recv(peer_.get(), bytes, sizeof bytes, 0), 0);
+    stream_->on_ready(EPOLLOUT);
+    EXPECT_FALSE(stream_->is_drained());
+  }
+  void receive() {
+    EXPECT_EQ(::send(peer_.get(), "x", 1, 0), 1);
+    stream_->on_ready(EPOLLIN);
+  }
+
+ private:
+  size_t on_bytes(std::span<const uint8_t>) override { throw std::bad_alloc(); }
+  void on_closed(std::string_view) override {}
+
+  UniqueFd peer_;
+  std::optional<Stream> stream_;
+};
+
+TEST(Streams, ShareABoundWhichDropsThoseWhosePeersHaveReadNothingForTheLongestTime) {
+  EventLoop loop;
+  WaitingOutput all(400'000);
+  WaitingStream first(loop, all);
+  WaitingStream second(loop, all);
+  WaitingStream third(loop, all);
+  first.send(150'000);
+  second.send(150'000);
+  first.let_peer_read_some();
+  third.send(150'000);
+  EXPECT_FALSE(second.is_open());
+  EXPECT_TRUE(first.is_open()) << "its peer reads";
+  third.send(250'000);
+  EXPECT_FALSE(first.is_open());
+  EXPECT_TRUE(third.is_open()) << "what the others held counts no more";
+}
+
+TEST(Streams, EndWhereThereIsNoMemoryForThem) {
+  EventLoop loop;
+  WaitingOutput all;
+  WaitingStream stream(loop, all);
+  stream.receive();
+  EXPECT_FALSE(stream.is_open());
 }
 
 TEST_F(Connections, FiftyAtOnce) {

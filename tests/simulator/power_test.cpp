@@ -1,7 +1,10 @@
 // The modem's power: votes, the steps that voters are told of, and crashes.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +15,7 @@
 #include "manager_protocol.h"
 #include "qmux_client.h"
 #include "sim_process.h"
+#include "unix_address.h"
 
 namespace pelmar::sim::test {
 
@@ -27,6 +31,7 @@ constexpr int kSilenceMs = 100;
 // One end of a connection to the manager, which acknowledges nothing by itself.
 class RawVoter {
  public:
+  explicit RawVoter(UniqueFd fd) : fd_(std::move(fd)) {}
   explicit RawVoter(const std::string& socket) : fd_(connect_local(socket)) {}
   RawVoter(const std::string& socket, const std::string& name) : RawVoter(socket) {
     EXPECT_EQ(ask(Register{"modem", name}), 0);
@@ -184,6 +189,26 @@ TEST_F(Power, AVoteGoesWithItsConnection) {
   pass(watcher, 3);  // nobody is left that it waits for
   pass(watcher, 0);
   EXPECT_EQ(silent.ask(Vote{}), -1);
+}
+
+TEST_F(Power, AProcessThatEndedBeforeItWasAcceptedHasNoVote) {
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const auto address = unix_address(socket());
+  Bytes requests = to_frame(Request(Register{"modem", "dead"}));
+  const Bytes vote = to_frame(Request(Vote{}));
+  requests.insert(requests.end(), vote.begin(), vote.end());
+  kill(modem_.process(), SIGSTOP);
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool is_connected = connect(fd.get(), address->get(), address->length) == 0;
+    _exit(is_connected && send(fd.get(), requests.data(), requests.size(), 0) > 0 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  kill(modem_.process(), SIGCONT);
+  ASSERT_EQ(status, 0);
+  EXPECT_TRUE(RawVoter(std::move(fd)).is_closed());
+  EXPECT_EQ(manager().at("votes"), 0);
 }
 
 class ImpatientPower : public Power {
