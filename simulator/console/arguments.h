@@ -15,6 +15,12 @@ class CommandError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Says why the modem cannot do now what a right command asks for.
+class Refusal : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 class Arguments {
  public:
   explicit Arguments(std::string_view line);

@@ -30,7 +30,12 @@ uint16_t take_message(const Service* service, Arguments& arguments) {
       if (row.name == text) return row.id;
     }
   }
-  throw CommandError("no message '" + text + "': a number such as 0x0100, or one of the service's names, is expected");
+  std::string names;
+  if (service != nullptr) {
+    for (const MessageRow& row : service->messages())
+      names.append(names.empty() ? " or one of " : ", ").append(row.name);
+  }
+  throw CommandError("no message '" + text + "': a number such as 0x0100" + names + " is expected");
 }
 
 std::string message_text(const Service* service, uint16_t message) {

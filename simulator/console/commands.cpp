@@ -21,6 +21,12 @@ Json refusal(const std::string& error) {
   return {{"ok", false}, {"error", error}};
 }
 
+Json wrong_usage(const std::string& error) {
+  Json answer = refusal(error);
+  answer["usage"] = true;
+  return answer;
+}
+
 }  // namespace
 
 std::string usage_of(const Command& command) {
@@ -41,15 +47,19 @@ std::span<const CommandGroup> command_groups() {
 
 Json run_command(Simulation& simulation, std::string_view line) {
   Arguments arguments(line);
-  if (arguments.is_empty()) return refusal("empty command: 'help' lists the commands");
+  if (arguments.is_empty()) return wrong_usage("empty command: 'help' lists the commands");
   const Command* const command = take_command(arguments);
-  if (command == nullptr) return refusal("unknown command '" + std::string(line) + "': 'help' lists the commands");
+  if (command == nullptr) {
+    return wrong_usage("unknown command '" + std::string(line) + "': 'help' lists the commands");
+  }
   try {
     Json answer = {{"ok", true}};
     answer.update(command->run(simulation, arguments));
     return answer;
+  } catch (const CommandError& error) {
+    return wrong_usage(std::string(error.what()) + " (usage: " + usage_of(*command) + ")");
   } catch (const std::exception& error) {
-    return refusal(std::string(error.what()) + " (usage: " + usage_of(*command) + ")");
+    return refusal(error.what());
   }
 }
 

@@ -18,7 +18,7 @@ struct Command {
   std::string_view name;  // one word or several
   std::string_view arguments;
   std::string_view summary;
-  // Throws CommandError. The answer's fields; "ok" is added.
+  // Throws CommandError or Refusal. The answer's fields; "ok" is added.
   Json (*run)(Simulation& simulation, Arguments& arguments);
 };
 
@@ -39,7 +39,7 @@ struct CommandGroup {
 };
 std::span<const CommandGroup> command_groups();
 
-// Runs one line. Never throws; an unknown or wrong command is an answer.
+// Runs one line. An unknown or wrong command is an answer, with "usage" true.
 Json run_command(Simulation& simulation, std::string_view line);
 
 }  // namespace pelmar::sim

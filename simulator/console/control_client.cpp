@@ -7,6 +7,7 @@
 
 #include "console/commands.h"
 #include "io/local_socket.h"
+#include "printable_text.h"
 
 namespace pelmar::sim {
 
@@ -27,15 +28,21 @@ std::string exchange_line(int fd, const std::string& line) {
   return answer;
 }
 
+// The modem is a peer: none of its bytes reach the terminal as control characters.
+std::string text_of(const Json& value) {
+  if (value.is_string()) return printable_text(value.get_ref<const std::string&>());
+  return value.dump(-1, ' ', true);
+}
+
 void print(const Json& value, int depth);
 
 void print_field(const std::string& name, const Json& value, int depth) {
-  printf("%*s%s:", depth * 2, "", name.c_str());
+  printf("%*s%s:", depth * 2, "", printable_text(name).c_str());
   if (value.is_structured() && !value.empty()) {
     printf("\n");
     return print(value, depth + 1);
   }
-  printf(" %s\n", value.is_string() ? value.get<std::string>().c_str() : value.empty() ? "none" : value.dump().c_str());
+  printf(" %s\n", value.empty() ? "none" : text_of(value).c_str());
 }
 
 // Objects as lines "name: value"; the elements of an array one a line where they are flat.
@@ -45,15 +52,14 @@ void print(const Json& value, int depth) {
     return;
   }
   for (const Json& element : value) {
+    printf("%*s", depth * 2, "");
     if (!element.is_object()) {
-      printf("%*s%s\n", depth * 2, "", element.dump().c_str());
+      printf("%s\n", text_of(element).c_str());
       continue;
     }
     const char* separator = "- ";
-    printf("%*s", depth * 2, "");
     for (const auto& [name, field] : element.items()) {
-      printf("%s%s %s", separator, name.c_str(),
-             field.is_string() ? field.get<std::string>().c_str() : field.dump().c_str());
+      printf("%s%s %s", separator, printable_text(name).c_str(), text_of(field).c_str());
       separator = ", ";
     }
     printf("\n");
@@ -64,19 +70,19 @@ void print(const Json& value, int depth) {
 
 int send_control_command(const ControlClientOptions& options) {
   const UniqueFd fd = connect_local(options.socket);
-  const std::string line = exchange_line(fd.get(), options.command + '\n');
-  Json answer = Json::parse(line);
+  Json answer = Json::parse(exchange_line(fd.get(), options.command + '\n'));
   const bool ok = answer.value("ok", false);
   if (options.json) {
-    fputs(line.c_str(), stdout);
+    printf("%s\n", answer.dump(-1, ' ', true).c_str());
   } else if (!ok) {
-    fprintf(stderr, "modem_sim: %s\n", answer.value("error", "refused").c_str());
+    fprintf(stderr, "modem_sim: %s\n", printable_text(answer.value("error", "refused")).c_str());
   } else {
     answer.erase("ok");
     if (answer.empty()) printf("done\n");
     print(answer, 0);
   }
-  return ok ? 0 : 1;
+  if (ok) return kExitSuccess;
+  return answer.value("usage", false) ? kExitUsage : kExitFailure;
 }
 
 std::string describe_commands() {

@@ -8,10 +8,12 @@ namespace pelmar::sim {
 struct ControlClientOptions {
   std::string socket;
   std::string command;
-  bool json = false;  // print the answer as it came
+  bool json = false;  // print the answer as JSON
 };
 
-// Sends one command and prints its answer. Returns the exit status: 0 only where the modem did it. Throws
+enum ExitStatus { kExitSuccess = 0, kExitFailure = 1, kExitUsage = 2 };
+
+// Sends one command and prints its answer. Returns the exit status: success only where the modem did it. Throws
 // std::runtime_error where no modem answers.
 int send_control_command(const ControlClientOptions& options);
 

@@ -135,6 +135,14 @@ Json fix_drx(Simulation& simulation, Arguments& arguments) {
   return Json::object();
 }
 
+Json messages(Simulation& simulation, Arguments& arguments) {
+  const Service& service = *take_service(simulation, arguments).service;
+  arguments.end();
+  Json names = Json::array();
+  for (const MessageRow& row : service.messages()) names.push_back(message_text(&service, row.id));
+  return {{"messages", std::move(names)}};
+}
+
 Json help(Simulation&, Arguments& arguments) {
   arguments.end();
   Json answer;
@@ -155,6 +163,7 @@ Json quit(Simulation& simulation, Arguments& arguments) {
 
 constexpr Command kCommands[] = {
     {"status", "", "services, clients, connections, faults, counters", status},
+    {"messages", "SERVICE", "the names and numbers of the service's messages", messages},
     {"drx", "SUB VALUE", "fix the DRX value of a subscription until the service restarts", fix_drx},
     {"help", "", "list the commands", help},
     {"quit", "", "end the simulated modem", quit},

@@ -26,7 +26,7 @@ Json show_power(Simulation& simulation, Arguments& arguments) {
 
 Json crash(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  if (simulation.modem.state() == Modem::State::kOff) throw CommandError("the modem is off: 'power' tells why");
+  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' tells why");
   const ModemPower::Crash crash = simulation.power.crash();
   Json answer = {{"restart_level", crash.level}, {"restarts", crash.dump.empty()}};
   if (!crash.dump.empty()) answer["dump"] = crash.dump;
@@ -35,7 +35,7 @@ Json crash(Simulation& simulation, Arguments& arguments) {
 
 Json start(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  if (!simulation.power.start()) throw CommandError("no crash has left the modem down");
+  if (!simulation.power.start()) throw Refusal("no crash has left the modem down");
   return Json::object();
 }
 

@@ -2,8 +2,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <system_error>
 
 #include "io/local_socket.h"
 #include "qmux_client.h"
@@ -59,6 +63,41 @@ TEST(Process, AbstractNamesWorkToo) {
   EXPECT_THROW(LocalListener(loop, name, [](UniqueFd) {}), std::runtime_error);
 }
 
+TEST(Process, AConnectionThatCannotBeServedEndsAlone) {
+  ScratchDirectory directory;
+  EventLoop loop;
+  int accepted = 0;
+  const LocalListener listener(loop, directory.path("socket"), [&](UniqueFd) {
+    switch (++accepted) {
+      case 1:
+        throw std::bad_alloc();
+      case 2:
+        throw std::system_error(ESRCH, std::generic_category());
+      default:
+        loop.stop();
+    }
+  });
+  const UniqueFd clients[] = {connect_local(listener.name()), connect_local(listener.name()),
+                              connect_local(listener.name())};
+  loop.run();
+  EXPECT_EQ(accepted, 3);
+}
+
+TEST(Process, OptionsThatAreWrongEndItWithStatusTwo) {
+  ScratchDirectory directory;
+  const char* const wrong[][2] = {
+      {"--seed", "-1"},        {"--seed", "18446744073709551616"}, {"--seed", "1x"},      {"--max-entries", "-1"},
+      {"--reset-ms", "-5"},    {"--starting-ms", "3600001"},       {"--report-ms", "9"},  {"--pm-ack-ms", "0"},
+      {"--clock-ms", "1.5"},   {"--exit-when-idle", ""},           {"--reset-ms", "1 2"}, {"--storage", ""},
+      {"--no-such-option", ""}};
+  for (const auto& [option, value] : wrong) {
+    const Outcome outcome = run_program({MODEM_SIM, "serve", "--storage", directory.path("s"), option, value});
+    EXPECT_EQ(outcome.status, 2) << option << ' ' << value << ": " << outcome.output;
+  }
+  EXPECT_FALSE(fs::exists(directory.path("s")));
+  EXPECT_EQ(run_program({MODEM_SIM}).status, 2);
+}
+
 TEST(Process, EndsWhenNobodyIsConnectedForTheTimeGiven) {
   ScratchDirectory directory;
   SimProcess modem(directory, {"--exit-when-idle", "2"});
@@ -80,9 +119,10 @@ TEST(Process, IsNotReadyWhileItStarts) {
   EXPECT_TRUE(comes_true([&] { return client.allocate(0xE4) != 0; }));
 }
 
-TEST(Process, TheOperatorsProgramTellsSuccessFromFailure) {
+TEST(Process, TheOperatorsProgramTellsSuccessFromFailureAndWrongUsage) {
   ScratchDirectory directory;
   SimProcess modem(directory);
+  setenv("PELMAR_SIM_CONTROL", directory.path("another").c_str(), 1);
   const std::string storage = directory.path("storage");
   const struct {
     std::vector<std::string> arguments;
@@ -92,8 +132,13 @@ TEST(Process, TheOperatorsProgramTellsSuccessFromFailure) {
       {{"ctl", "--storage", storage, "service", "sar", "down"}, 0, "service: sar\nup: false\n"},
       {{"ctl", "--control", storage + "/control", "--json", "service", "sar", "up"}, 0, "{\"ok\":true,\"service\":"},
       {{"ctl", "--storage", storage, "status"}, 0, "state: ready\n"},
-      {{"ctl", "--storage", storage, "explode"}, 1, "unknown command 'explode'"},
-      {{"ctl", "--storage", storage}, 1, "no command given"},
+      {{"ctl", "--storage", storage, "messages", "sar"}, 0, "rf-set-state (0x0001)"},
+      {{"ctl", "--storage", storage, "start"}, 1, "no crash has left the modem down"},
+      {{"ctl", "--storage", storage, "\x1b[1mexplode\xc2\x9b"}, 2, "unknown command '\\x1b[1mexplode\\xc2\\x9b'"},
+      {{"ctl", "--storage", storage, "restart", "-1"}, 2, "'-1' is no MS"},
+      {{"ctl", "--storage", storage, "silence", "nas", "x"}, 2, "register-indications, "},
+      {{"ctl", "--storage", storage}, 2, "no command given"},
+      {{"ctl", "status"}, 1, "another"},
       {{"ctl", "--storage", directory.path("nowhere"), "status"}, 1, "cannot connect to"},
       {{"ctl", "--help"}, 0, "service SERVICE up|down"},
       {{"ctl", "--storage", storage, "quit"}, 0, "done"},
@@ -105,6 +150,7 @@ TEST(Process, TheOperatorsProgramTellsSuccessFromFailure) {
     EXPECT_EQ(outcome.status, each.status) << outcome.output;
     EXPECT_NE(outcome.output.find(each.output), std::string::npos) << outcome.output;
   }
+  unsetenv("PELMAR_SIM_CONTROL");
   EXPECT_EQ(modem.end(0), 0);
 }
 
