@@ -92,8 +92,8 @@ class ManagerEnd {
   }
 
   const std::string name_ = socket_name("manager");
-  EventLoop loop_;
   WaitingOutput output_;
+  EventLoop loop_;
   bool is_on_ = false;
   PeripheralManager manager_{
       loop_, output_, {name_, "modem", std::chrono::hours(1)}, [this](bool on) { return switch_power(on); }};

@@ -54,8 +54,8 @@ struct Simulation {
   // there is none.
   bool drop_connection();
 
+  WaitingOutput output;  // before the loop, whose posted tasks hold connections
   EventLoop loop;
-  WaitingOutput output;
   Storage storage;
   Faults faults;
   ModemClock clock;
