@@ -68,14 +68,9 @@ TEST(Process, AConnectionThatCannotBeServedEndsAlone) {
   EventLoop loop;
   int accepted = 0;
   const LocalListener listener(loop, directory.path("socket"), [&](UniqueFd) {
-    switch (++accepted) {
-      case 1:
-        throw std::bad_alloc();
-      case 2:
-        throw std::system_error(ESRCH, std::generic_category());
-      default:
-        loop.stop();
-    }
+    if (++accepted == 1) throw std::bad_alloc();
+    if (accepted == 2) throw std::system_error(ESRCH, std::generic_category());
+    loop.stop();
   });
   const UniqueFd clients[] = {connect_local(listener.name()), connect_local(listener.name()),
                               connect_local(listener.name())};
