@@ -20,6 +20,7 @@
 namespace {
 
 namespace platform = pelmar::platform;
+using pelmar::sim::Admission;
 using pelmar::sim::ControlClientOptions;
 using pelmar::sim::SimulationOptions;
 
@@ -82,6 +83,9 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
       ->default_val(pelmar::kDefaultModemSocket);
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();
+  serve->add_flag_callback(
+      "--any-user", [&] { options.admission = Admission::kEveryUser; },
+      "admit clients and voters of every user on abstract sockets (default: of this user and root)");
   serve->add_option("--control", options.control, "the operator's socket (default: control in the storage directory)");
   add_number(*serve, "--max-entries", "stored items and files at most; then storage is full (default: 4096)", 0,
              SIZE_MAX, [&](uint64_t entries) { options.max_entries = entries; });

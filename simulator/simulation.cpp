@@ -23,7 +23,8 @@ Simulation::Simulation(const SimulationOptions& options)
       power(modem, {options.starting_time, options.reset_time},
             [this, directory = options.storage] { return write_crash_dump(directory, *this); }),
       exchange(loop, modem, faults),
-      connections(loop, output, options.socket, exchange, options.exit_when_idle, [this] { loop.stop(); }),
+      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle,
+                  [this] { loop.stop(); }),
       stream(loop, modem),
       reports(loop, modem, clock, reporters, statistics, options.report_period),
       console(loop, output, options.control, *this) {
@@ -36,7 +37,8 @@ Simulation::Simulation(const SimulationOptions& options)
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
     manager.emplace(loop, output,
-                    PeripheralManager::Options{options.pm_socket, options.pm_device, options.pm_acknowledge_limit},
+                    PeripheralManager::Options{options.pm_socket, options.admission, options.pm_device,
+                                               options.pm_acknowledge_limit},
                     [this](bool on) { return power.switch_power(on); });
   } else if (options.starting_time.count() > 0) {
     modem.restart(options.starting_time);

@@ -8,6 +8,7 @@
 
 #include "console/console.h"
 #include "io/event_loop.h"
+#include "io/local_socket.h"
 #include "modem_clock.h"
 #include "power/modem_power.h"
 #include "power/peripheral_manager.h"
@@ -30,6 +31,7 @@ struct SimulationOptions {
   std::string socket;
   std::string storage;
   std::string control;
+  Admission admission = Admission::kThisUserAndRoot;  // of clients and voters; the operator is always one of these
   size_t max_entries = Storage::kDefaultMaxEntries;
   std::chrono::milliseconds starting_time{0};  // not ready for that long after the start
   std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client, or a crash

@@ -1,7 +1,9 @@
 #include "console/control_client.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
@@ -15,16 +17,28 @@ namespace {
 
 constexpr size_t kUsageColumn = 44;
 
-std::string exchange_line(int fd, const std::string& line) {
+// Far beyond what any command takes.
+constexpr timeval kPatience = {30, 0};
+
+std::string exchange_line(int fd, const std::string& socket, const std::string& line) {
+  const auto fail = [&](const std::string& otherwise) {
+    if (errno == EAGAIN) {
+      throw std::runtime_error("the modem at '" + socket + "' does not respond: continue or restart its process");
+    }
+    const std::string refusal = describe_refusal(fd, socket);
+    throw std::runtime_error(refusal.empty() ? otherwise : "cannot connect to '" + socket + "': " + refusal);
+  };
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
+  errno = 0;
   if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-    throw std::runtime_error("the modem ended before it took the command: start it again");
+    fail("the modem ended before it took the command: start it again");
   }
   std::string answer;
   char bytes[4096];
   for (ssize_t count; !answer.ends_with('\n') && (count = recv(fd, bytes, sizeof bytes, 0)) > 0;) {
     answer.append(bytes, static_cast<size_t>(count));
   }
-  if (!answer.ends_with('\n')) throw std::runtime_error("the modem ended before it answered: start it again");
+  if (!answer.ends_with('\n')) fail("the modem ended before it answered: start it again");
   return answer;
 }
 
@@ -70,7 +84,7 @@ void print(const Json& value, int depth) {
 
 int send_control_command(const ControlClientOptions& options) {
   const UniqueFd fd = connect_local(options.socket);
-  Json answer = Json::parse(exchange_line(fd.get(), options.command + '\n'));
+  Json answer = Json::parse(exchange_line(fd.get(), options.socket, options.command + '\n'));
   const bool ok = answer.value("ok", false);
   if (options.json) {
     printf("%s\n", answer.dump(-1, ' ', true).c_str());

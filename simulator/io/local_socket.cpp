@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -17,6 +18,7 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr std::chrono::milliseconds kPauseWithoutDescriptors{100};
+constexpr std::chrono::seconds kBetweenReports{1};
 
 UnixAddress address_of(const std::string& name) {
   const auto address = unix_address(name);
@@ -25,24 +27,19 @@ UnixAddress address_of(const std::string& name) {
                            " characters: use a shorter path");
 }
 
-UniqueFd new_socket(int flags = 0) {
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
+UniqueFd new_socket() {
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) throw std::runtime_error(std::string("cannot create a socket: ") + strerror(errno));
   return fd;
 }
 
-bool someone_answers(const UnixAddress& address) {
-  const UniqueFd probe = new_socket();
-  return connect(probe.get(), address.get(), address.length) == 0 || errno != ECONNREFUSED;
-}
-
-void remove_socket_of_dead_process(const std::string& name, const UnixAddress& address) {
+void remove_socket_of_dead_process(const std::string& name) {
   struct stat file {};
   const bool is_socket = !is_abstract(name) && lstat(name.c_str(), &file) == 0 && S_ISSOCK(file.st_mode);
   if (!is_abstract(name) && !is_socket) {
     throw std::runtime_error("'" + name + "' exists and is no socket: remove it or name another socket");
   }
-  if (is_abstract(name) || someone_answers(address)) {
+  if (is_abstract(name) || connect_unix(name).error != ECONNREFUSED) {
     throw std::runtime_error("another process serves socket '" + name + "': end it or name another socket");
   }
   unlink(name.c_str());
@@ -58,20 +55,17 @@ int bind_for_owner_only(int fd, const UnixAddress& address) {
 }  // namespace
 
 UniqueFd connect_local(const std::string& name) {
-  const UnixAddress address = address_of(name);
-  UniqueFd fd = new_socket();
-  if (connect(fd.get(), address.get(), address.length) != 0) {
-    throw std::runtime_error("cannot connect to '" + name + "': " + strerror(errno));
-  }
-  return fd;
+  UnixConnection connection = connect_unix(name);
+  if (!connection.fd) throw std::runtime_error("cannot connect to '" + name + "': " + connection.problem);
+  return std::move(connection.fd);
 }
 
-LocalListener::LocalListener(EventLoop& loop, std::string name, Accept accept)
-    : loop_(loop), name_(std::move(name)), accept_(std::move(accept)), fd_(new_socket(SOCK_NONBLOCK)) {
+LocalListener::LocalListener(EventLoop& loop, std::string name, Accept accept, Admission admission)
+    : loop_(loop), name_(std::move(name)), accept_(std::move(accept)), admission_(admission), fd_(new_socket()) {
   const UnixAddress address = address_of(name_);
   int result = bind_for_owner_only(fd_.get(), address);
   if (result != 0 && errno == EADDRINUSE) {
-    remove_socket_of_dead_process(name_, address);
+    remove_socket_of_dead_process(name_);
     result = bind_for_owner_only(fd_.get(), address);
   }
   if (result != 0 || listen(fd_.get(), kBacklog) != 0) {
@@ -88,8 +82,26 @@ LocalListener::~LocalListener() {
 
 void LocalListener::on_ready(uint32_t) {
   UniqueFd peer(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  if (peer) return hand_over(std::move(peer));
-  if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pause_accepting();
+  if (!peer) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pause_accepting();
+    return;
+  }
+  const ucred credentials = peer_of(peer.get());
+  if (!admits(credentials)) return report_refusal(credentials);
+  hand_over(std::move(peer));
+}
+
+bool LocalListener::admits(const ucred& peer) const {
+  return !is_abstract(name_) || admission_ == Admission::kEveryUser || is_trusted(peer);
+}
+
+void LocalListener::report_refusal(const ucred& peer) {
+  ++refused_;
+  const auto now = EventLoop::Clock::now();
+  if (now < next_report_) return;
+  next_report_ = now + kBetweenReports;
+  fprintf(stderr, "modem_sim: refused a connection to '%s' from process %d of user %u (%llu so far; see --any-user)\n",
+          name_.c_str(), static_cast<int>(peer.pid), peer.uid, static_cast<unsigned long long>(refused_));
 }
 
 // A connection that cannot be served, for lack of memory or because its process is gone, is closed; the others go on.

@@ -5,21 +5,25 @@
 #include <string>
 
 #include "io/event_loop.h"
-#include "unique_fd.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim {
 
 // Connects; throws std::runtime_error with what to do about it.
 UniqueFd connect_local(const std::string& name);
 
+// Who may connect to an abstract name. (Who may to a path, its file's owner and mode say: this user and root.)
+enum class Admission { kThisUserAndRoot, kEveryUser };
+
 // A listening socket on the event loop. A socket file whose process is dead is replaced; a live one is refused with a
-// std::runtime_error that says so. The file goes with the listener. A connection for which `accept` throws
-// std::bad_alloc or std::system_error is closed.
+// std::runtime_error that says so. The file goes with the listener. Who is not admitted is disconnected at once, and
+// reported on standard error, at most once a second. A connection for which `accept` throws std::bad_alloc or
+// std::system_error is closed.
 class LocalListener final : public EventLoop::Watcher {
  public:
   using Accept = std::function<void(UniqueFd)>;
 
-  LocalListener(EventLoop& loop, std::string name, Accept accept);
+  LocalListener(EventLoop& loop, std::string name, Accept accept, Admission admission = Admission::kThisUserAndRoot);
   ~LocalListener() override;
   LocalListener(const LocalListener&) = delete;
   LocalListener& operator=(const LocalListener&) = delete;
@@ -29,12 +33,17 @@ class LocalListener final : public EventLoop::Watcher {
 
  private:
   void hand_over(UniqueFd peer);
+  bool admits(const ucred& peer) const;
+  void report_refusal(const ucred& peer);
   void pause_accepting();
 
   EventLoop& loop_;
   const std::string name_;
   const Accept accept_;
+  const Admission admission_;
   UniqueFd fd_;
+  uint64_t refused_ = 0;
+  EventLoop::Clock::time_point next_report_{};
   EventLoop::TimerId pause_{};
 };
 

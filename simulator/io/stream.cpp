@@ -6,6 +6,8 @@
 #include <cstring>
 #include <new>
 
+#include "unix_socket.h"
+
 namespace pelmar::sim {
 
 namespace {
@@ -33,9 +35,7 @@ Stream::~Stream() {
 }
 
 pid_t Stream::process_at_other_end() const {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  return peer_of(fd_.get()).pid;
 }
 
 void Stream::on_ready(uint32_t events) {

@@ -14,7 +14,8 @@ PeripheralManager::PeripheralManager(EventLoop& loop, WaitingOutput& output, con
       device_(options.device),
       acknowledge_limit_(options.acknowledge_limit),
       switch_power_(std::move(switch_power)),
-      listener_(loop, options.socket, [this](UniqueFd fd) { accept(std::move(fd)); }) {}
+      listener_(
+          loop, options.socket, [this](UniqueFd fd) { accept(std::move(fd)); }, options.admission) {}
 
 size_t PeripheralManager::votes() const {
   return static_cast<size_t>(

@@ -26,6 +26,7 @@ class PeripheralManager final : private VoterSession::Owner {
  public:
   struct Options {
     std::string socket;
+    Admission admission;
     std::string device;                           // the only peripheral
     std::chrono::milliseconds acknowledge_limit;  // for one step
   };

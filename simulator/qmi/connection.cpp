@@ -37,7 +37,7 @@ void Connection::on_closed(std::string_view reason) {
   connections_.remove(*this);
 }
 
-Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket,
+Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
                          Connection::Handler& handler, std::optional<EventLoop::Clock::duration> idle_limit,
                          EventLoop::Task on_idle)
     : loop_(loop),
@@ -45,7 +45,8 @@ Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::stri
       handler_(handler),
       idle_limit_(idle_limit),
       on_idle_(std::move(on_idle)),
-      listener_(loop, socket, [this](UniqueFd fd) { accept(std::move(fd)); }) {
+      listener_(
+          loop, socket, [this](UniqueFd fd) { accept(std::move(fd)); }, admission) {
   wait_for_clients();
 }
 

@@ -68,8 +68,9 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
 class Connections final {
  public:
   // idle_limit: after that long without a client, on_idle is called.
-  Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Connection::Handler& handler,
-              std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle);
+  Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
+              Connection::Handler& handler, std::optional<EventLoop::Clock::duration> idle_limit,
+              EventLoop::Task on_idle);
 
   size_t count() const { return open_.size(); }
   // Closes the youngest connection. False where there is none.

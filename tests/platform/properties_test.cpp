@@ -2,12 +2,15 @@
 #include "cutils/properties.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,14 +97,59 @@ TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
   EXPECT_EQ(property_set("ro.b", "new"), 0);
 }
 
-TEST_F(Properties, HaveAPlaceWhereTheUserHasNone) {
+// In a process of its own: a user that the user database does not know sets a property, and sees it or not.
+[[noreturn]] void act_as_homeless_user(uid_t user, bool is_kept) {
+  ::umask(0);
+  bool is_right = ::seteuid(user) == 0;
+  for (int i = 0; i < 2; ++i) {
+    char value[PROPERTY_VALUE_MAX];
+    is_right = is_right && (property_set("persist.a", "1") == 0) == is_kept;
+    property_get("persist.a", value, "none");
+    is_right = is_right && std::strcmp(value, is_kept ? "1" : "none") == 0;
+  }
+  std::_Exit(is_right ? 0 : 1);
+}
+
+TEST_F(Properties, WithoutAHomeAreKeptWhereNobodyElseCanWrite) {
+  if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
+  constexpr uid_t kUser = 61234;
   for (const char* name : {"PELMAR_PROPERTY_DIR", "XDG_STATE_HOME", "HOME"}) ::unsetenv(name);
-  ::setenv("TMPDIR", directory_.c_str(), 1);
-  EXPECT_EQ(property_set("persist.a", "1"), 0);
-  EXPECT_EQ(get("persist.a"), "1");
-  EXPECT_EQ(files().size(), 1u);
-  ::setenv("TMPDIR", "/no/such/directory", 1);
-  EXPECT_EQ(get("persist.of-the-properties-test"), "none") << "nothing is thrown";
+  fs::permissions(directory_, fs::perms::all);
+  const fs::path place = directory_ / ("pelmar-" + std::to_string(kUser));
+  const fs::path elsewhere = directory_ / "elsewhere";
+  const auto make = [](const fs::path& path, uid_t owner, mode_t mode) {
+    fs::create_directories(path / "properties/persist");
+    std::ofstream(path / "properties/persist/persist.a") << "prepared";
+    for (const auto& each : {path / "properties/persist", path / "properties", path}) {
+      EXPECT_EQ(::chown(each.c_str(), owner, owner) + ::chmod(each.c_str(), mode), 0);
+    }
+  };
+  const struct {
+    const char* what;
+    std::function<void()> prepare;
+    bool is_kept;
+  } cases[] = {
+      {"nothing", [] {}, true},
+      {"a directory of its own", [&] { make(place, kUser, 0700); }, true},
+      {"another user's", [&] { make(place, kUser + 1, 0777); }, false},
+      {"open to others", [&] { make(place, kUser, 0750); }, false},
+      {"a link",
+       [&] {
+         make(elsewhere, kUser, 0700);
+         fs::create_directory_symlink(elsewhere, place);
+       },
+       false},
+      {"no temporary files", [] { ::setenv("TMPDIR", "/no/such/directory", 1); }, false},
+  };
+  for (const auto& each : cases) {
+    ::setenv("TMPDIR", directory_.c_str(), 1);
+    each.prepare();
+    EXPECT_EXIT(act_as_homeless_user(kUser, each.is_kept), testing::ExitedWithCode(0),
+                each.is_kept ? "^$" : "^[^\n]*Nothing is kept[^\n]*\n$")
+        << each.what;
+    EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, each.is_kept || fs::is_symlink(place));
+    fs::remove_all(place);
+  }
 }
 
 TEST_F(Properties, ReadsNothingFromAFileThatIsNoProperty) {

@@ -1,7 +1,9 @@
 // The program: how it starts, how it ends, and how the operator talks to it.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -91,6 +93,38 @@ TEST(Process, OptionsThatAreWrongEndItWithStatusTwo) {
   }
   EXPECT_FALSE(fs::exists(directory.path("s")));
   EXPECT_EQ(run_program({MODEM_SIM}).status, 2);
+}
+
+TEST(Process, AnAbstractNameAdmitsThisUserAndRootUnlessOpenedToAll) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
+  ScratchDirectory directory;
+  const struct {
+    uid_t listener, caller;
+    Admission admission;
+    int accepted;
+  } cases[] = {
+      {0, 61234, Admission::kThisUserAndRoot, 0},
+      {0, 61234, Admission::kEveryUser, 1},
+      {61234, 61234, Admission::kThisUserAndRoot, 1},
+  };
+  for (const auto& each : cases) {
+    int accepted = 0;
+    EventLoop loop;
+    const LocalListener listener(
+        loop, "@" + directory.path("name"), [&](UniqueFd) { ++accepted; }, each.admission);
+    ASSERT_EQ(seteuid(each.caller), 0);
+    const UniqueFd caller = connect_local(listener.name());
+    ASSERT_EQ(seteuid(0) + seteuid(each.listener), 0);
+    testing::internal::CaptureStderr();
+    loop.after({}, [&] { loop.stop(); });
+    loop.run();
+    const std::string report = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(accepted, each.accepted);
+    const std::string peer = "process " + std::to_string(getpid()) + " of user 61234";
+    EXPECT_EQ(report.find(peer) != std::string::npos, each.accepted == 0) << report;
+    EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), each.accepted == 0 ? 1 : 0) << report;
+  }
 }
 
 TEST(Process, EndsWhenNobodyIsConnectedForTheTimeGiven) {

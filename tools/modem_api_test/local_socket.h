@@ -1,21 +1,18 @@
-// Connections to a modem's socket: a path, or "@name" of the abstract namespace.
+// What the program finds out about a modem's socket by itself, beside the library's connections.
 #pragma once
 
 #include <chrono>
 #include <string>
 
-#include "unique_fd.h"
+#include "unix_socket.h"
 
 namespace pelmar::cli {
 
-struct LocalConnection {
-  UniqueFd fd;
-  int error;  // 0, or errno's reason for having none
-};
-
-LocalConnection connect_local(const std::string& name);
-
 // Whether a modem answers there: asks it for its services, and waits that long for the first byte of the answer.
-bool answers(const LocalConnection& connection, std::chrono::milliseconds patience);
+bool answers(const UnixConnection& connection, std::chrono::milliseconds patience);
+
+// Why whoever serves the socket cannot be used, and what to do: another user whom this one does not trust or who does
+// not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where nobody serves.
+std::string find_obstacle(const std::string& name);
 
 }  // namespace pelmar::cli

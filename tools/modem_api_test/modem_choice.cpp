@@ -1,11 +1,10 @@
 #include "modem_choice.h"
 
 #include <cstdlib>
-#include <cstring>
 
 #include "environment.h"
-#include "local_socket.h"
 #include "own_modem.h"
+#include "unix_socket.h"
 
 namespace pelmar::cli {
 
@@ -21,8 +20,7 @@ ModemChoice::ModemChoice(const std::string& named)
 }
 
 std::string ModemChoice::problem() const {
-  const int error = connect_local(socket_).error;
-  return error == 0 ? "" : strerror(error);
+  return connect_unix(socket_).problem;
 }
 
 }  // namespace pelmar::cli

@@ -1,7 +1,6 @@
 #include "own_modem.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include "failure.h"
 #include "local_socket.h"
 #include "modem_process.h"
+#include "state_directory.h"
 
 namespace pelmar::cli {
 
@@ -41,19 +41,6 @@ struct Place {
   std::string log;
 };
 
-// An absolute path of the environment; a relative one counts as unset.
-std::string environment_path(const char* name) {
-  std::string path = environment(name);
-  return path.starts_with('/') ? path : "";
-}
-
-std::string home() {
-  if (std::string path = environment_path("HOME"); !path.empty()) return path;
-  const passwd* const user = getpwuid(geteuid());
-  if (user != nullptr && user->pw_dir != nullptr && user->pw_dir[0] == '/') return user->pw_dir;
-  throw Failure(kStep, "this user has no home directory to keep its storage in", "Set HOME or XDG_STATE_HOME.");
-}
-
 // FNV-1a: the same for the same storage in every build.
 std::string digest(std::string_view text) {
   uint32_t value = 2166136261U;
@@ -71,8 +58,11 @@ void make_private_directory(const std::string& path) {
 }
 
 Place make_place() {
-  const std::string state = environment_path("XDG_STATE_HOME");
-  const std::string below = (state.empty() ? home() + "/.local/state" : state) + "/pelmar";
+  const std::string state = user_state_directory();
+  if (state.empty()) {
+    throw Failure(kStep, "this user has no home directory to keep its storage in", "Set HOME or XDG_STATE_HOME.");
+  }
+  const std::string below = state + "/pelmar";
   const std::string storage = below + "/modem";
   make_private_directory(below);
   make_private_directory(storage);
@@ -99,7 +89,7 @@ UniqueFd take_lock(const std::string& path) {
 }
 
 UniqueFd reach(const Place& place) {
-  LocalConnection connection = connect_local(place.socket);
+  UnixConnection connection = connect_unix(place.socket);
   return answers(connection, kAnswerPatience) ? std::move(connection.fd) : UniqueFd();
 }
 

@@ -6,6 +6,7 @@
 
 #include "failure.h"
 #include "inbox.h"
+#include "local_socket.h"
 #include "modem_hydra.h"
 #include "output.h"
 #include "pelmar_log.h"
@@ -49,6 +50,8 @@ void Session::initialise() {
 }
 
 void Session::prepare() {
+  const std::string obstacle = find_obstacle(modem().socket());
+  if (!obstacle.empty()) throw Failure("connecting to the modem at " + modem().socket(), obstacle);
   wait_for_modem();
   if (const std::string problem = modem().problem(); !problem.empty()) {
     throw Failure("connecting to the modem", "nobody serves " + modem().socket() + " (" + problem + ")",

@@ -15,4 +15,10 @@ inline std::string environment(const char* name, const char* otherwise = "") {
   return value != nullptr && *value != '\0' ? value : otherwise;
 }
 
+// An absolute path; a relative one counts as unset.
+inline std::string environment_path(const char* name) {
+  std::string path = environment(name);
+  return path.starts_with('/') ? path : "";
+}
+
 }  // namespace pelmar

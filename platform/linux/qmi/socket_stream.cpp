@@ -4,9 +4,12 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <cerrno>
+#include <syslog.h>
 
-#include "unix_address.h"
+#include <cerrno>
+#include <mutex>
+
+#include "unix_socket.h"
 
 namespace pelmar::platform {
 namespace {
@@ -20,19 +23,30 @@ bool set_timeout(int descriptor, int option) {
   return ::setsockopt(descriptor, SOL_SOCKET, option, &timeout, sizeof timeout) == 0;
 }
 
+// Callers try again and again: a problem that lasts is reported once.
+void report(const std::string& name, const std::string& problem) {
+  static auto& mutex = *new std::mutex;  // threads may connect until the process is gone
+  static auto& last = *new std::string;
+  const std::string line = name + ": " + problem;
+  const std::lock_guard lock(mutex);
+  if (line == last) return;
+  last = line;
+  ::syslog(LOG_ERR, "Cannot connect to %s", line.c_str());
+}
+
 }  // namespace
 
 bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
-  const auto address = unix_address(name);
-  if (!address) return false;
   close();
   descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
-  if (is_open() && set_timeout(descriptor(), SO_SNDTIMEO) && set_timeout(descriptor(), SO_RCVTIMEO)) {
-    do {
-      if (::connect(descriptor(), address->get(), address->length) == 0) return true;
-      // A listener that accepts nobody, whose queue is full.
-    } while ((errno == EAGAIN || errno == EINTR) && !deadline.has_passed());
-  }
+  if (!is_open()) return false;
+  silent_listener_ = name;
+  const ConnectResult result =
+      deadline.is_none() ? connect_unix(descriptor(), name) : connect_unix(descriptor(), name, deadline.remaining());
+  if (result.error == 0 && set_timeout(descriptor(), SO_SNDTIMEO) && set_timeout(descriptor(), SO_RCVTIMEO))
+    return true;
+  const bool is_absent = result.error == ENOENT || result.error == ECONNREFUSED;
+  if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
   return false;
 }
@@ -47,6 +61,7 @@ SendStatus SocketStream::send(const uint8_t* bytes, size_t length) {
       unsent_.assign(bytes, bytes + length);
       return SendStatus::kBlocked;
     } else if (errno != EINTR) {
+      report_refusal();
       return SendStatus::kGone;
     }
   }
@@ -70,10 +85,14 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
     const bool blocks = deadline.is_none() || deadline.remaining() >= 2 * kSocketTimeout;
     const ssize_t count = ::recv(descriptor(), to, room, blocks ? 0 : MSG_DONTWAIT);
     if (count > 0) {
+      silent_listener_.clear();
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;
     }
-    if (count == 0 || (errno != EAGAIN && errno != EINTR)) return ReadStatus::kGone;
+    if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+      report_refusal();
+      return ReadStatus::kGone;
+    }
     if (errno == EAGAIN && !wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
   }
 }
@@ -85,6 +104,12 @@ bool SocketStream::wait(short events, const Deadline& deadline) {
   const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
   const int ready = ::ppoll(&poll_for, 1, deadline.is_none() ? nullptr : &time, nullptr);
   return ready > 0 || (ready < 0 && errno == EINTR) || !deadline.has_passed();
+}
+
+void SocketStream::report_refusal() {
+  if (silent_listener_.empty()) return;
+  const std::string problem = describe_refusal(descriptor(), silent_listener_);
+  if (!problem.empty()) report(silent_listener_, problem);
 }
 
 void SocketStream::shut_down() {

@@ -15,7 +15,8 @@ namespace pelmar::platform {
 
 class SocketStream {
  public:
-  // Connects to a path, or to an abstract name written as @NAME.
+  // Connects to a path, or to an abstract name written as @NAME. A listener that is there but cannot be used, or does
+  // not admit this user, is reported to the system log.
   bool connect(const std::string& address, const Deadline& deadline);
 
   bool is_open() const { return static_cast<bool>(descriptor_); }
@@ -35,8 +36,10 @@ class SocketStream {
 
  private:
   bool wait(short events, const Deadline& deadline);
+  void report_refusal();
 
   ProcessFd descriptor_;
+  std::string silent_listener_;  // its name, until it has sent something
   std::vector<uint8_t> unsent_;
 };
 

@@ -16,6 +16,7 @@
 #include "environment.h"
 #include "failure.h"
 #include "json.h"
+#include "local_socket.h"
 #include "manager_link.h"
 #include "modem_api_peripheral_mng.h"
 #include "options.h"
@@ -41,9 +42,16 @@ std::string find_manager(const Context& context) {
   return platform::power::manager_socket();
 }
 
+// `otherwise`: what else may be the matter where nobody answers.
+Failure no_manager(const std::string& step, const std::string& socket, const std::string& otherwise = "") {
+  const std::string obstacle = find_obstacle(socket);
+  if (!obstacle.empty()) return {step, socket + ": " + obstacle};
+  return {step, "no peripheral manager answers on " + socket + otherwise, kNoManager};
+}
+
 Count ask_manager(const std::string& socket, const std::string& step) {
   const std::optional<Count> count = platform::power::ask_for_count(socket);
-  if (!count) throw Failure(step, "no peripheral manager answers on " + socket, kNoManager);
+  if (!count) throw no_manager(step, socket);
   return *count;
 }
 
@@ -73,8 +81,7 @@ class Registration {
  public:
   Registration(const std::string& device, const std::string& socket) {
     if (modem_api_peripheral_mng_init(device.c_str()) == 0) return;
-    throw Failure("registering as a voter for '" + device + "'",
-                  "no peripheral manager answers on " + socket + ", or it knows no such peripheral", kNoManager);
+    throw no_manager("registering as a voter for '" + device + "'", socket, ", or it knows no such peripheral");
   }
   ~Registration() { modem_api_peripheral_mng_deinit(); }
   Registration(const Registration&) = delete;

@@ -76,7 +76,8 @@ void set_property(const Context& context, const SetValues& values) {
   if (property_set(values.name.c_str(), values.value.c_str()) != 0) {
     throw Failure("setting the property " + values.name, "the platform refused it",
                   "A value has at most " + std::to_string(PROPERTY_VALUE_MAX - 1) +
-                      " characters; a name has no blanks, and one that begins with ro. is set once.");
+                      " characters; a name has no blanks, and one that begins with ro. is set once. The directory that "
+                      "PELMAR_PROPERTY_DIR names, or the user's home, must be writable.");
   }
   context.output.print({{"name", values.name}, {"value", values.value}}, values.name + ": " + values.value);
 }

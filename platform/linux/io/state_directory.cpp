@@ -1,0 +1,99 @@
+#include "state_directory.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "environment.h"
+
+namespace pelmar {
+namespace {
+
+constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+bool belongs_to_user(const struct stat& file) {
+  return S_ISDIR(file.st_mode) && file.st_uid == ::geteuid();
+}
+
+// Daemons' accounts have homes that do not exist or are everybody's, such as /.
+std::string home_of_user_database() {
+  std::vector<char> space(size_t{16} << 10);
+  passwd entry{};
+  passwd* found = nullptr;
+  struct stat home {};
+  if (::getpwuid_r(::geteuid(), &entry, space.data(), space.size(), &found) != 0 || found == nullptr) return "";
+  if (entry.pw_dir == nullptr || entry.pw_dir[0] != '/' || ::stat(entry.pw_dir, &home) != 0) return "";
+  return belongs_to_user(home) ? entry.pw_dir : "";
+}
+
+std::string private_directory() {
+  std::string temporary = environment_path("TMPDIR");
+  if (temporary.empty()) temporary = "/tmp";
+  return temporary + "/pelmar-" + std::to_string(::geteuid());
+}
+
+void warn_once(const std::string& path, int error) {
+  static std::atomic<bool> has_warned{false};
+  if (has_warned.exchange(true)) return;
+  ::syslog(LOG_WARNING, "Nothing is kept in %s: %s. Set HOME or XDG_STATE_HOME to a directory of this user.",
+           path.c_str(), error == EPERM ? "another user owns it, or it is open to others" : std::strerror(error));
+}
+
+}  // namespace
+
+UniqueFd open_directory(const std::string& path, IfMissing if_missing) {
+  std::error_code error;
+  if (if_missing == IfMissing::kMake) std::filesystem::create_directories(path, error);
+  UniqueFd directory(::open(path.c_str(), kOpenFlags));
+  if (!directory && error) errno = error.value();
+  return directory;
+}
+
+UniqueFd open_directory_at(int parent, const std::string& name, IfMissing if_missing) {
+  if (if_missing == IfMissing::kMake && ::mkdirat(parent, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
+  return UniqueFd(::openat(parent, name.c_str(), kOpenFlags));
+}
+
+UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
+  if (if_missing == IfMissing::kMake && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return {};
+  UniqueFd directory(::open(path.c_str(), kOpenFlags | O_NOFOLLOW));
+  struct stat found {};
+  if (!directory || ::fstat(directory.get(), &found) != 0) return {};
+  if (belongs_to_user(found) && (found.st_mode & 0077) == 0) return directory;
+  directory.reset();
+  errno = EPERM;
+  return {};
+}
+
+std::string user_state_directory() {
+  if (std::string state = environment_path("XDG_STATE_HOME"); !state.empty()) return state;
+  std::string home = environment_path("HOME");
+  if (home.empty()) home = home_of_user_database();
+  return home.empty() ? "" : home + "/.local/state";
+}
+
+UniqueFd open_state_directory(const std::string& name, IfMissing if_missing) {
+  UniqueFd directory;
+  std::string path = user_state_directory();
+  if (!path.empty()) {
+    path += "/pelmar/" + name;
+    directory = open_directory(path, if_missing);
+  } else {
+    path = private_directory();
+    const UniqueFd above = open_private_directory(path, if_missing);
+    if (above) directory = open_directory_at(above.get(), name, if_missing);
+  }
+  if (!directory && !(errno == ENOENT && if_missing == IfMissing::kLeave)) warn_once(path, errno);
+  return directory;
+}
+
+}  // namespace pelmar
