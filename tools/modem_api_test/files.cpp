@@ -35,12 +35,12 @@ RecordingFile::RecordingFile(Output& output, std::string path, Earlier earlier)
     is_new_ = false;
     fd.reset(open(path_.c_str(), O_WRONLY | O_CLOEXEC | (earlier == Earlier::kAppend ? O_APPEND : 0)));
     struct stat status {};
-    const bool has_content = fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
-    if (has_content && earlier == Earlier::kRefuse) {
+    const bool is_regular = fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (is_regular && earlier == Earlier::kRefuse) {
       throw Failure("writing the file '" + path_ + "'", "it is there already",
                     "Name another file, or add --force to replace it (--append: to go on with a CSV file).");
     }
-    replaces_ = has_content && earlier == Earlier::kReplace;
+    replaces_ = is_regular && earlier == Earlier::kReplace;
   }
   require(static_cast<bool>(fd));
   file_.reset(fdopen(fd.get(), "w"));
