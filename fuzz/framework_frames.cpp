@@ -44,7 +44,7 @@ template <typename NextLength>
 Transcript read_stream(std::span<const uint8_t> stream, NextLength next_length) {
   Transcript transcript;
   FrameReader reader;
-  while (!stream.empty()) {
+  while (!stream.empty() && !reader.is_broken()) {
     uint8_t* const space = reader.space();
     const size_t length = std::min({next_length(), reader.room(), stream.size()});
     require(length > 0);

@@ -75,7 +75,8 @@ typedef void (*qmi_client_notify_cb)(qmi_client_type user_handle, qmi_idl_servic
  * user_handle  out: the handle; null on an error
  *
  * Returns 0, QMI_TIMEOUT_ERR when the service is absent or the modem does not respond, QMI_CLIENT_PARAM_ERR for a null
- * service object or handle pointer, or another transport code. */
+ * service object or handle pointer, QMI_CLIENT_ALLOC_FAILURE when the modem has no client id left, or another transport
+ * code. */
 qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
                                                qmi_service_instance instance_id, qmi_client_ind_cb ind_cb,
                                                void* ind_cb_data, qmi_client_os_params* os_params, uint32_t timeout,
@@ -91,7 +92,8 @@ qmi_client_error_type qmi_client_register_error_cb(qmi_client_type user_handle, 
                                                    void* err_cb_data);
 
 /* Where the service is there already the callback is called during the registration with
- * QMI_CLIENT_SERVICE_COUNT_INC. */
+ * QMI_CLIENT_SERVICE_COUNT_INC. On Linux a service that was lost within 100 ms of a connection counts as absent for a
+ * while, 10 ms first and at most a second. */
 qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle, qmi_client_notify_cb notify_cb,
                                                     void* notify_cb_data);
 

@@ -1,5 +1,6 @@
 // How client handles end: the service goes away, the handle is released, the process ends.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +22,8 @@ class ServiceGoes : public ClientTest, public testing::WithParamInterface<const 
       modem_.revoke(connection, kNasId, client);
     } else if (how == "restarted") {
       modem_.announce_restart(connection);
+    } else if (how == "garbled") {
+      modem_.send_raw(connection, {0x55});
     } else {
       modem_.close_connection(connection);
     }
@@ -85,8 +88,52 @@ TEST_P(ServiceGoes, BeforeAClientIdArrives) {
   EXPECT_EQ(answer.get(), Outcome(0, 9));
 }
 
-INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed"),
+INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed", "garbled"),
                          [](const auto& test) { return std::string(test.param); });
+
+// Behind a proxy nothing else tells of a void client id.
+class ErrorOfAVoidId : public ClientTest {
+ protected:
+  // An asynchronous request and a synchronous one are under way, and the latter is refused as if the id were void. The
+  // modem is asked for more then.
+  ScriptedRequest be_asked() {
+    handle_ = connect();
+    EXPECT_EQ(qmi_client_register_error_cb(handle_, on_error, this), QMI_NO_ERR);
+    EXPECT_EQ(send_async(handle_, async_response_, this), QMI_NO_ERR);
+    async_ = modem_.receive();
+    sender_ = std::async(std::launch::async, [this] { return get_drx(handle_, response_); });
+    const ScriptedRequest request = modem_.receive();
+    modem_.respond(request, ScriptedModem::refusal(7));
+    const ScriptedRequest question = modem_.receive();
+    EXPECT_EQ(question.client, request.client);
+    EXPECT_NE(question.id, kDrx);
+    return question;
+  }
+
+  qmi_client_type handle_ = nullptr;
+  ScriptedRequest async_;
+  std::future<int> sender_;
+  nas::GetDrxResponse response_{}, async_response_{};
+};
+
+TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmed) {
+  modem_.respond(be_asked(), ScriptedModem::refusal(7));
+  EXPECT_EQ(sender_.get(), QMI_SERVICE_ERR);
+  EXPECT_EQ(events(2), (Events{"response 137 -2", "error -2"}));
+  EXPECT_FALSE(modem_.is_connected(0));
+  modem_.void_client_ids();
+}
+
+TEST_F(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
+  modem_.respond(be_asked(), ScriptedModem::refusal(71));
+  EXPECT_EQ(sender_.get(), QMI_NO_ERR);
+  EXPECT_EQ(response_.header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
+
+  modem_.respond(async_, ScriptedModem::refusal(7));
+  modem_.receive();  // the second question has no response
+  EXPECT_EQ(events(1), (Events{"response 137 0"}));
+  EXPECT_EQ(async_response_.header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
+}
 
 TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
   const qmi_client_type handle = connect();
@@ -202,34 +249,50 @@ TEST_F(ClientTest, AChildOfForkLeavesItsParentsHandlesAlone) {
 // Forks before the modem's threads are there; the child waits for the modem.
 TEST(ProcessEnd, GivesClientIdsBack) {
   const std::string path = "/tmp/scripted-modem-" + std::to_string(::getpid());
-  int connected[2], ended[2];
-  ASSERT_EQ(::pipe(connected) + ::pipe(ended), 0);
-  const pid_t child = ::fork();
-  char byte = 0;
-  if (child == 0) {
+  for (const bool is_killed : {false, true}) {
+    int connected[2], ended[2];
+    ASSERT_EQ(::pipe(connected) + ::pipe(ended), 0);
+    const pid_t child = ::fork();
+    char byte = 0;
+    if (child == 0) {
+      ::close(connected[0]);
+      ::close(ended[1]);
+      ::setenv("PELMAR_QMI_SOCKET", path.c_str(), 1);
+      qmi_client_type handle = nullptr;
+      const int error = qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 60'000, &handle);
+      if (error != 0 || ::write(connected[1], "c", 1) != 1 || ::read(ended[0], &byte, 1) != 1) ::_exit(1);
+      if (is_killed) ::raise(SIGKILL);
+      std::exit(0);
+    }
+    // The child's ends are its alone: where one of the two processes fails, the other reads the end of its pipe.
+    ::close(connected[1]);
+    ::close(ended[0]);
+    {
+      ScriptedModem modem({kNasId});
+      ASSERT_EQ(::read(connected[0], &byte, 1), 1);
+      EXPECT_EQ(modem.client_ids().size(), 1u);
+      modem.set(&ScriptedModem::Behaviour::client_id_limit, size_t{1});
+      qmi_client_type handle = nullptr;
+      const auto connect = [&] {
+        return qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle);
+      };
+      EXPECT_EQ(connect(), QMI_CLIENT_ALLOC_FAILURE) << "the child lives";
+      ASSERT_EQ(::write(ended[1], "e", 1), 1);
+      int status = -1;
+      siginfo_t end{};
+      ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
+      EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
+      // A process that nobody has waited for is as dead as any.
+      if (is_killed) {
+        EXPECT_EQ(connect(), QMI_NO_ERR) << "the next client gives the id back";
+      }
+      qmi_client_release(handle);
+      EXPECT_TRUE(modem.comes_to_hold_no_ids());
+      ::waitpid(child, &status, 0);
+    }
     ::close(connected[0]);
     ::close(ended[1]);
-    ::setenv("PELMAR_QMI_SOCKET", path.c_str(), 1);
-    qmi_client_type handle = nullptr;
-    const int error = qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 60'000, &handle);
-    if (error != 0 || ::write(connected[1], "c", 1) != 1 || ::read(ended[0], &byte, 1) != 1) ::_exit(1);
-    std::exit(0);
   }
-  // The child's ends are its alone: where one of the two processes fails, the other reads the end of its pipe.
-  ::close(connected[1]);
-  ::close(ended[0]);
-  {
-    ScriptedModem modem({kNasId});
-    ASSERT_EQ(::read(connected[0], &byte, 1), 1);
-    EXPECT_EQ(modem.client_ids().size(), 1u);
-    ASSERT_EQ(::write(ended[1], "e", 1), 1);
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    EXPECT_TRUE(modem.comes_to_hold_no_ids());
-  }
-  ::close(connected[0]);
-  ::close(ended[1]);
 }
 
 }  // namespace

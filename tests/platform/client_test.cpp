@@ -31,6 +31,11 @@ TEST_F(ClientTest, ConnectsWhereTheServiceIsThere) {
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_TRUE(modem_.comes_to_hold_no_ids());
 
+  for (const uint8_t nobodys : {uint8_t{0}, uint8_t{0xFF}}) {
+    modem_.set(&ScriptedModem::Behaviour::void_client_id, std::optional(nobodys));
+    EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_CLIENT_ALLOC_FAILURE);
+  }
+  modem_.set(&ScriptedModem::Behaviour::void_client_id, std::optional<uint8_t>());
   modem_.set(&ScriptedModem::Behaviour::client_id_limit, size_t{0});
   EXPECT_EQ(qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle), QMI_CLIENT_ALLOC_FAILURE);
   ::setenv("PELMAR_QMI_SOCKET", "@no-such-modem", 1);

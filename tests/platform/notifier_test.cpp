@@ -10,6 +10,15 @@ using Events = std::vector<std::string>;
 
 class NotifierTest : public ClientTest {
  protected:
+  // Whatever tests of this process did to the service before, it is announced at once.
+  void SetUp() override { connect_for_long(); }
+
+  void connect_for_long() {
+    const qmi_client_type handle = connect();
+    std::this_thread::sleep_for(milliseconds(100));  // as long as it takes to count as lasting
+    qmi_client_release(handle);
+  }
+
   qmi_client_type create() {
     qmi_client_type handle = nullptr;
     EXPECT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
@@ -36,8 +45,10 @@ TEST_F(NotifierTest, TellsAtRegistrationAndOfEveryChange) {
   EXPECT_EQ(events(2), (Events{"event 0", "event 1"}));
   modem_.offer({kNasId});
   EXPECT_EQ(events(3), (Events{"event 0", "event 1", "event 0"}));
-  modem_.announce_restart(0);
+  modem_.announce_restart(1);
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}));
+  modem_.revoke(1, kNasId, 9);
+  EXPECT_EQ(events(7).size(), 7u) << "went and came since the last look";
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
 }
 
@@ -57,7 +68,33 @@ TEST_F(NotifierTest, ReleasedDuringItsRegistrationItLooksNoMore) {
   const qmi_client_type handle = create();
   EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
   EXPECT_EQ(events(1), (Events{"event 0"}));
-  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_FALSE(modem_.is_connected(1));
+}
+
+// 10 ms after the first loss, then ever longer.
+TEST_F(NotifierTest, AnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
+  constexpr int kLosses = 4;
+  const auto begin = Clock::now();
+  for (int loss = 0; loss < kLosses; ++loss) {
+    const qmi_client_type client = connect();
+    qmi_client_register_error_cb(client, on_error, this);
+    modem_.revoke(1 + 2 * loss, kNasId, modem_.client_ids().begin()->second);
+    modem_.void_client_ids();
+    EXPECT_EQ(events_up_to("error -2").back(), "error -2");
+    qmi_client_release(client);
+    const qmi_client_type handle = create();
+    EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+    EXPECT_EQ(events_up_to("event 0").back(), "event 0");
+    qmi_client_release(handle);
+  }
+  EXPECT_GE(Clock::now() - begin, milliseconds(10 + 20 + 40 + 80));
+
+  connect_for_long();
+  const size_t count = events(0).size();
+  const qmi_client_type handle = create();
+  EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  EXPECT_EQ(events(0).size(), count + 1) << "at once again";
+  qmi_client_release(handle);
 }
 
 }  // namespace

@@ -11,7 +11,10 @@
 namespace pelmar::platform {
 namespace {
 
-// Feeds bytes in pieces of `step` and answers the messages that came out, by their ids.
+constexpr unsigned kBroken = 0xFFFFFF;
+
+// Feeds bytes in pieces of `step` and returns the ids of the messages that came out, and kBroken behind the last one
+// where the stream cannot be parsed any more.
 std::vector<unsigned> ids_of(const Bytes& bytes, size_t step) {
   FrameReader reader;
   std::vector<unsigned> ids;
@@ -24,6 +27,7 @@ std::vector<unsigned> ids_of(const Bytes& bytes, size_t step) {
     Frame frame;
     while (reader.next(frame)) ids.push_back(frame.message[3] | frame.message[4] << 8u);
   }
+  if (reader.is_broken()) ids.push_back(kBroken);
   return ids;
 }
 
@@ -44,16 +48,21 @@ TEST(QmuxFrame, CutsWhateverThePieces) {
   }
 }
 
-TEST(QmuxFrame, FindsTheNextFrameBehindGarbage) {
+TEST(QmuxFrame, EndsWhereNoFrameBegins) {
   Bytes toward_modem = indication(9);
   toward_modem[3] = 0x00;
-  const Bytes too_short = {0x01, 8, 0, 0x80, 3, 1, 4, 0, 0};
-  for (const Bytes& garbage : {Bytes{0x55}, Bytes(300, 0x01), toward_modem, too_short, Bytes{0x01, 0xFF, 0xFF, 0x7F}}) {
+  Bytes too_long = indication(1);
+  ++too_long[1];  // takes the next marker
+  const Bytes too_short = {0x01, 4, 0, 0x80, 3};
+  for (const Bytes& begin : {join({indication(1), {0x55}}), join({indication(1), Bytes(300, 0x01)}),
+                             join({indication(1), toward_modem}), too_long, join({indication(1), too_short})}) {
     for (const size_t step : {size_t{1}, size_t{4096}}) {
-      EXPECT_EQ(ids_of(join({indication(1), garbage, indication(2), indication(3)}), step),
-                (std::vector<unsigned>{1, 2, 3}));
+      const auto ids = ids_of(join({begin, indication(2), indication(3)}), step);
+      EXPECT_EQ(ids, (std::vector<unsigned>{1, kBroken})) << step;
     }
   }
+  const Bytes no_message = {0x01, 8, 0, 0x80, 3, 1, 4, 0, 0};
+  EXPECT_EQ(ids_of(join({no_message, indication(2)}), 1), (std::vector<unsigned>{2}));
 }
 
 }  // namespace

@@ -130,8 +130,10 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
         for (const uint8_t service : behaviour_.services) answer.insert(answer.end(), {service, 1, 0, 0, 0});
         break;
       case 0x0022:
-        if (client_ids_.size() >= behaviour_.client_id_limit) {
-          answer = {0x02, 4, 0, 1, 0, 5, 0};
+        if (behaviour_.void_client_id) {
+          answer.insert(answer.end(), {0x01, 2, 0, message[9], *behaviour_.void_client_id});
+        } else if (client_ids_.size() >= behaviour_.client_id_limit) {
+          answer = refusal(5);
         } else {
           client_ids_.insert({message[9], ++last_client_id_});
           answer.insert(answer.end(), {0x01, 2, 0, message[9], last_client_id_});
@@ -242,6 +244,10 @@ Bytes ScriptedModem::message(uint8_t flags, uint16_t transaction, uint16_t id, c
   append_u16(bytes, tlvs.size());
   bytes.insert(bytes.end(), tlvs.begin(), tlvs.end());
   return bytes;
+}
+
+Bytes ScriptedModem::refusal(uint8_t error) {
+  return {0x02, 4, 0, 1, 0, error, 0};
 }
 
 Bytes ScriptedModem::drx_response(uint32_t value) {

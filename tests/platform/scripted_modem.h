@@ -9,6 +9,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -37,6 +38,7 @@ class ScriptedModem {
   struct Behaviour {
     std::set<uint8_t> services;
     size_t client_id_limit = 10;
+    std::optional<uint8_t> void_client_id;  // is given out, and not counted
     bool confirms_releases = true;
     std::chrono::milliseconds control_delay{0};  // before every response of the CTL service
     bool reads = true;
@@ -72,6 +74,7 @@ class ScriptedModem {
   static Bytes frame(uint8_t service, uint8_t client, const Bytes& message);
   static Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs);
   static Bytes drx_response(uint32_t value);
+  static Bytes refusal(uint8_t error);
 
   static const Bytes kSuccess;
 

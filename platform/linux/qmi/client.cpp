@@ -12,6 +12,7 @@
 #include "observer.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
+#include "service_pace.h"
 
 namespace pelmar::platform {
 namespace {
@@ -44,7 +45,9 @@ Client::Client(qmi_idl_service_object_type service, IndicationCallback indicatio
       handle_(handle),
       poll_(create_poll()) {}
 
-Client::~Client() = default;
+Client::~Client() {
+  if (!is_gone_) ServicePace::of(service_->service_id).released(Deadline::Clock::now() - connected_);
+}
 
 void Client::start() {
   // Held until the thread is stored: the thread asks first thing who it is.
@@ -95,11 +98,13 @@ Client::Event Client::take_event() {
 
 void Client::wait_for_work(Lock& lock) {
   is_idle_ = true;
+  const int limit = limit_of_wait();
   lock.unlock();
   std::array<epoll_event, 2> ready{};
-  const int count = ::epoll_wait(poll_.get(), ready.data(), static_cast<int>(ready.size()), -1);
+  const int count = ::epoll_wait(poll_.get(), ready.data(), static_cast<int>(ready.size()), limit);
   lock.lock();
   is_idle_ = false;
+  if (count == 0 && reader_ == nullptr && !is_stopping_ && !is_gone_) dispatch_arrivals();
   for (int i = 0; i < count; ++i) {
     if (ready[static_cast<size_t>(i)].data.fd == thread_.descriptor()) {
       thread_.acknowledge();
@@ -112,6 +117,12 @@ void Client::wait_for_work(Lock& lock) {
     if (status == ReadStatus::kGone) service_gone();
     if (!is_gone_) poll_connection(true);
   }
+}
+
+// In milliseconds; -1 for none. Whoever reads sees to what the connection keeps back.
+int Client::limit_of_wait() const {
+  const Deadline& limit = connection_->doubt_ends();
+  return reader_ != nullptr || is_gone_ || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());
 }
 
 void Client::deliver(const Event& event) const {

@@ -125,6 +125,7 @@ class Client : public std::enable_shared_from_this<Client> {
   // client_receive.cpp
   void dispatch_arrivals();
   void dispatch_response(const Message& message);
+  void ask_in_doubt();
   int32_t decode_response(const Request& request, const Message& message) const;
   void finish(Waiter& waiter, int32_t answer);
   void end_stalled_stream();
@@ -140,6 +141,7 @@ class Client : public std::enable_shared_from_this<Client> {
   void run();
   Event take_event();
   void wait_for_work(Lock& lock);
+  int limit_of_wait() const;
   void deliver(const Event& event) const;
   void end_connection(const Deadline& deadline);
 
@@ -148,6 +150,7 @@ class Client : public std::enable_shared_from_this<Client> {
   const std::unique_ptr<Connection> connection_;
   const qmi_client_type handle_;
   ProcessFd poll_;  // an epoll descriptor: the connection and the thread's wake-up
+  const Deadline::Clock::time_point connected_ = Deadline::Clock::now();
 
   std::mutex mutex_;
   bool is_gone_ = false;      // the service went away

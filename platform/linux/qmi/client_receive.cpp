@@ -8,6 +8,7 @@
 #include "observer.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
+#include "service_pace.h"
 
 namespace pelmar::platform {
 namespace {
@@ -23,6 +24,7 @@ void Client::dispatch_arrivals() {
     switch (connection_->next(message)) {
       case Arrival::kNone:
         partial_since_ = connection_->partial_since();
+        ask_in_doubt();
         return;
       case Arrival::kServiceGone:
         service_gone();
@@ -41,6 +43,11 @@ void Client::dispatch_arrivals() {
       push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});
     }
   }
+}
+
+// Goes out from here, or at the end of the send that is under way.
+void Client::ask_in_doubt() {
+  if (connection_->has_question() && !is_sending_) connection_->ask(new_transaction());
 }
 
 // A response that nobody waits for came too late, and is dropped.
@@ -90,6 +97,7 @@ void Client::end_stalled_stream() {
 
 void Client::service_gone() {
   if (std::exchange(is_gone_, true)) return;
+  ServicePace::of(service_->service_id).lost(Deadline::Clock::now() - connected_);
   connection_->shut_down();  // ends a send that waits, too
   while (!waiters_.empty()) {
     mark_lost(waiters_.back()->request);
@@ -116,7 +124,11 @@ void Client::pass_reading() {
   if (is_gone_ || is_stopping_) return;
   const auto next =
       std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->is_asleep; });
-  if (next == waiters_.end()) return poll_connection(true);
+  if (next == waiters_.end()) {
+    poll_connection(true);
+    if (!connection_->doubt_ends().is_none()) wake_thread();  // which sees to that time from now on
+    return;
+  }
   reader_ = *next;
   reader_->changed.notify_one();
 }

@@ -99,6 +99,7 @@ int32_t Client::begin_send(Lock& lock, const Deadline& deadline) {
 
 void Client::end_send() {
   is_sending_ = false;
+  if (!is_gone_) ask_in_doubt();
   send_ended_.notify_all();
 }
 

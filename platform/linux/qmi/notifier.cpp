@@ -2,20 +2,22 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
+
+#include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
 namespace {
 
 // How long a service may have come or gone before it is noticed, where nothing tells of it.
-constexpr int kAbsentIntervalMs = 200;
-constexpr int kPresentIntervalMs = 1000;
+constexpr Deadline::Milliseconds kInterval{200};
 
 }  // namespace
 
 Notifier::Notifier(qmi_idl_service_object_type service, std::unique_ptr<ServiceWatch> watch, qmi_client_type handle)
-    : service_(service), watch_(std::move(watch)), handle_(handle) {}
+    : service_(service), watch_(std::move(watch)), pace_(ServicePace::of(service->service_id)), handle_(handle) {}
 
 int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   if (function == nullptr) return QMI_CLIENT_PARAM_ERR;
@@ -28,6 +30,10 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
     const bool is_there = watch_->look().is_there;
     lock.lock();
     is_there_ = is_there;
+  }
+  if (is_there_ && pace_.remaining().count() > 0) {
+    is_there_ = false;  // the thread announces it
+    thread_.wake();
   }
   if (is_there_ && !is_stopping_) {
     lock.unlock();
@@ -44,16 +50,15 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
 void Notifier::run() {
   Lock lock(mutex_);
   while (!is_stopping_) {
-    const bool was_there = is_there_;
     lock.unlock();
-    wait_for_news(was_there);
+    wait_for_news();
     lock.lock();
     if (is_stopping_) return;
     lock.unlock();
     const Presence presence = watch_->look();
     lock.lock();
     if (presence.went_meanwhile && is_there_) tell(lock, false);
-    if (presence.is_there != is_there_) tell(lock, presence.is_there);
+    if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0)) tell(lock, presence.is_there);
   }
 }
 
@@ -69,9 +74,13 @@ void Notifier::tell(Lock& lock, bool is_there) {
   lock.lock();
 }
 
-void Notifier::wait_for_news(bool is_there) const {
+void Notifier::wait_for_news() {
+  const Deadline::Milliseconds pause = pace_.remaining();
+  const auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
   pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
-  ::poll(wait_for, std::size(wait_for), is_there ? kPresentIntervalMs : kAbsentIntervalMs);
+  if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
+    thread_.acknowledge();
+  }
 }
 
 void Notifier::release() {

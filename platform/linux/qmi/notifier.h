@@ -1,7 +1,8 @@
 // A notifier handle: tells when a service comes and goes.
 //
 // The first look at the service is part of the registration, on the caller's thread; after it a thread of the handle
-// looks again and again, sooner when the transport has news.
+// looks again and again, sooner when the transport has news. A service that does not stay is announced at its pace
+// (service_pace.h), and counts as absent until then.
 #pragma once
 
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "framework_thread.h"
 #include "qmi_client.h"
+#include "service_pace.h"
 #include "transport.h"
 
 namespace pelmar::platform {
@@ -25,10 +27,11 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
 
   void run();
   void tell(Lock& lock, bool is_there);
-  void wait_for_news(bool is_there) const;
+  void wait_for_news();
 
   const qmi_idl_service_object_type service_;
   const std::unique_ptr<ServiceWatch> watch_;  // used by who registers first, then by the handle's thread
+  ServicePace& pace_;
   const qmi_client_type handle_;
 
   std::mutex mutex_;  // not held during a look or a callback

@@ -11,6 +11,8 @@ namespace pelmar::platform {
 enum class MessageKind : uint8_t { kRequest = 0, kResponse = 2, kIndication = 4 };
 
 inline constexpr size_t kMessageHeaderLength = 7;
+inline constexpr size_t kTlvHeaderLength = 3;
+inline constexpr uint8_t kResultTlv = 0x02;  // of a response: u16 result, u16 error
 
 struct Message {
   MessageKind kind;
@@ -48,6 +50,23 @@ inline bool load_message(const uint8_t* bytes, size_t length, Message& message) 
   message.length = length - kMessageHeaderLength;
   message.length_agrees = load_u16(bytes + 5) == message.length;
   return true;
+}
+
+struct Value {
+  const uint8_t* bytes = nullptr;
+  size_t length = 0;
+};
+
+// The value of the first TLV of that type; no bytes where there is none.
+inline Value find_tlv(uint8_t type, const uint8_t* at, size_t length) {
+  while (length >= kTlvHeaderLength) {
+    const size_t value_length = load_u16(at + 1);
+    if (value_length > length - kTlvHeaderLength) break;
+    if (at[0] == type) return {at + kTlvHeaderLength, value_length};
+    at += kTlvHeaderLength + value_length;
+    length -= kTlvHeaderLength + value_length;
+  }
+  return {};
 }
 
 }  // namespace pelmar::platform

@@ -33,48 +33,21 @@ uint8_t* FrameReader::space() {
 }
 
 bool FrameReader::next(Frame& frame) {
-  for (;;) {
-    size_t length = 0;
-    switch (look(length)) {
-      case Look::kTooFewBytes:
-        return false;
-      case Look::kNoFrame:
-        skip();
-        continue;
-      case Look::kFrame:
-        break;
-    }
+  while (has_partial_frame() && !is_broken_) {
     const uint8_t* const at = buffer_.get() + begin_;
-    frame = {at[4], at[5], at + kQmuxHeaderLength, length - kQmuxHeaderLength};
+    const size_t available = end_ - begin_;
+    is_broken_ = at[0] != kMarker;
+    if (is_broken_ || available < kQmuxHeaderLength) return false;
+
+    const size_t length = 1 + size_t{load_u16(at + 1)};
+    is_broken_ = length < kQmuxHeaderLength || at[3] != kFromModem;
+    if (is_broken_ || available < length) return false;
+
     begin_ += length;
-    in_step_ = true;
-    return true;
+    frame = {at[4], at[5], at + kQmuxHeaderLength, length - kQmuxHeaderLength};
+    if (frame.length >= (frame.service == kControlService ? kControlHeaderLength : kMessageHeaderLength)) return true;
   }
-}
-
-FrameReader::Look FrameReader::look(size_t& frame_length) const {
-  const uint8_t* const at = buffer_.get() + begin_;
-  const size_t available = end_ - begin_;
-  if (available > 0 && at[0] != kMarker) return Look::kNoFrame;
-  if (available < kQmuxHeaderLength) return Look::kTooFewBytes;
-
-  frame_length = 1 + size_t{load_u16(at + 1)};
-  const size_t message_header = at[4] == kControlService ? kControlHeaderLength : kMessageHeaderLength;
-  if (at[3] != kFromModem || frame_length < kQmuxHeaderLength + message_header) return Look::kNoFrame;
-  if (!in_step_) {
-    const size_t headers = kQmuxHeaderLength + message_header;
-    if (available < headers) return Look::kTooFewBytes;
-    if (load_u16(at + headers - 2) != frame_length - headers) return Look::kNoFrame;
-  }
-  return available < frame_length ? Look::kTooFewBytes : Look::kFrame;
-}
-
-// To the next byte that could begin a frame.
-void FrameReader::skip() {
-  const uint8_t* const from = buffer_.get() + begin_ + 1;
-  const auto* const marker = static_cast<const uint8_t*>(std::memchr(from, kMarker, end_ - begin_ - 1));
-  begin_ = marker != nullptr ? static_cast<size_t>(marker - buffer_.get()) : end_;
-  in_step_ = false;
+  return false;
 }
 
 }  // namespace pelmar::platform

@@ -16,6 +16,7 @@ namespace pelmar::platform {
 inline constexpr size_t kQmuxHeaderLength = 6;
 inline constexpr size_t kControlHeaderLength = 6;
 inline constexpr uint8_t kControlService = 0;
+inline constexpr uint8_t kNoClient = 0;
 inline constexpr uint8_t kAllClients = 0xFF;
 
 // Writes the header in front of `message_length` bytes of message.
@@ -30,19 +31,21 @@ struct Frame {
 
 // Cuts the bytes that came from a modem into frames.
 //
-// Where a frame must begin, its own length is trusted. Bytes that begin no frame are skipped, and after them only
-// what has two lengths that agree, the frame's and the message's, counts as a frame.
+// A frame's length is all that tells where the next one begins. Where none begins there, a length was wrong, and any
+// search for another beginning could take a part of a message for a frame: the stream is broken for good.
 class FrameReader {
  public:
   FrameReader();
 
-  // Where the next bytes from the stream go; there is always room.
+  // Where the next bytes from the stream go; there is always room, until the stream is broken.
   uint8_t* space();
   size_t room() const { return kCapacity - end_; }
   void add(size_t length) { end_ += length; }
 
-  // The next whole frame; it is valid until the next space().
+  // The next whole frame that has room for its message's header; it is valid until the next space().
   bool next(Frame& frame);
+
+  bool is_broken() const { return is_broken_; }
 
   // After next() returned false: bytes are there that are no whole frame.
   bool has_partial_frame() const { return begin_ < end_; }
@@ -50,14 +53,10 @@ class FrameReader {
  private:
   static constexpr size_t kCapacity = 65536;  // of the longest frame
 
-  enum class Look { kFrame, kTooFewBytes, kNoFrame };
-  Look look(size_t& frame_length) const;
-  void skip();
-
   std::unique_ptr<uint8_t[]> buffer_;
   size_t begin_ = 0;
   size_t end_ = 0;
-  bool in_step_ = true;  // a frame begins at begin_
+  bool is_broken_ = false;
 };
 
 }  // namespace pelmar::platform

@@ -14,26 +14,8 @@ constexpr uint8_t kControlResponse = 1;
 constexpr uint8_t kControlIndication = 2;
 
 constexpr uint8_t kValueTlv = 0x01;
-constexpr uint8_t kResultTlv = 0x02;
-constexpr size_t kTlvHeaderLength = 3;
 
-struct Value {
-  const uint8_t* bytes = nullptr;
-  size_t length = 0;
-};
-
-Value find_tlv(uint8_t type, const uint8_t* at, size_t length) {
-  while (length >= kTlvHeaderLength) {
-    const size_t value_length = load_u16(at + 1);
-    if (value_length > length - kTlvHeaderLength) break;
-    if (at[0] == type) return {at + kTlvHeaderLength, value_length};
-    at += kTlvHeaderLength + value_length;
-    length -= kTlvHeaderLength + value_length;
-  }
-  return {};
-}
-
-Value find_tlv(uint8_t type, const Frame& frame) {
+Value find_control_tlv(uint8_t type, const Frame& frame) {
   return find_tlv(type, frame.message + kControlHeaderLength, frame.length - kControlHeaderLength);
 }
 
@@ -51,7 +33,7 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication) 
       indication.event = ControlIndication::kRestarted;
       break;
     case ControlMessage::kRevokeClientId:
-      if (const Value value = find_tlv(kValueTlv, frame); value.length >= 2) {
+      if (const Value value = find_control_tlv(kValueTlv, frame); value.length >= 2) {
         indication = {ControlIndication::kRevoked, value.bytes[0], value.bytes[1]};
       }
       break;
@@ -61,11 +43,19 @@ bool load_control_indication(const Frame& frame, ControlIndication& indication) 
   return true;
 }
 
+std::string modem_socket() {
+  return environment(kModemSocketVariable, kDefaultModemSocket);
+}
+
+std::string modem_device() {
+  return environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
+}
+
 bool QmuxLink::open(const Deadline& deadline) {
-  if (!stream_.connect(environment(kModemSocketVariable, kDefaultModemSocket), deadline)) return false;
+  if (!stream_.connect(modem_socket(), deadline)) return false;
   reader_ = FrameReader();
   partial_since_.reset();
-  const std::string device = environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
+  const std::string device = modem_device();
   const Bytes path(device.begin(), device.end());
   if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Answer::kSuccess) {
     return true;
@@ -94,6 +84,7 @@ QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, 
   const Answer answer = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
   if (answer != Answer::kSuccess) return answer;
   if (value.size() < 2 || value[0] != service) return Answer::kFailure;
+  if (value[1] == kNoClient || value[1] == kAllClients) return Answer::kFailure;
   client = value[1];
   if (take_restart()) {  // whether the id is one of the restarted modem cannot be told
     send_release_client_id(service, client);
@@ -108,6 +99,12 @@ QmuxLink::Answer QmuxLink::release_client_id(uint8_t service, uint8_t client, co
 
 SendStatus QmuxLink::send_release_client_id(uint8_t service, uint8_t client) {
   return request(ControlMessage::kReleaseClientId, {service, client}, Deadline::now());
+}
+
+bool QmuxLink::take_revocation(uint8_t service) {
+  const bool is_revoked = revoked_.lower_bound({service, 0}) != revoked_.upper_bound({service, UINT8_MAX});
+  revoked_.clear();
+  return is_revoked;
 }
 
 ReadStatus QmuxLink::read(const Deadline& deadline) {
@@ -157,25 +154,23 @@ QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const
       ControlIndication indication;
       if (load_control_indication(frame, indication)) {
         saw_restart_ |= indication.event == ControlIndication::kRestarted;
-        if (indication.event == ControlIndication::kRevoked && id == ControlMessage::kAllocateClientId) {
-          revoked_.insert({indication.service, indication.client});
-        }
+        if (indication.event == ControlIndication::kRevoked) revoked_.insert({indication.service, indication.client});
       }
       if (!is_control(frame, kControlResponse) || frame.message[1] != transaction_ ||
           load_u16(frame.message + 2) != static_cast<uint16_t>(id)) {
         continue;
       }
-      const Value result = find_tlv(kResultTlv, frame);
+      const Value result = find_control_tlv(kResultTlv, frame);
       if (result.length != 4) return Answer::kFailure;
       if (load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01) {
         return load_u16(result.bytes + 2) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Answer::kClientIdsExhausted
                                                                               : Answer::kFailure;
       }
-      const Value found = find_tlv(kValueTlv, frame);
+      const Value found = find_control_tlv(kValueTlv, frame);
       if (answer_value != nullptr) answer_value->assign(found.bytes, found.bytes + found.length);
       return Answer::kSuccess;
     }
-    if (deadline.has_passed() || read(deadline) != ReadStatus::kRead) return Answer::kNoAnswer;
+    if (reader_.is_broken() || deadline.has_passed() || read(deadline) != ReadStatus::kRead) return Answer::kNoAnswer;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,10 @@ struct ControlIndication {
 // A message of the CTL service that is an indication; false for all others.
 bool load_control_indication(const Frame& frame, ControlIndication& indication);
 
+// Where the modem is: the socket of its proxy, and the device that the proxy is to open.
+std::string modem_socket();
+std::string modem_device();
+
 class QmuxLink {
  public:
   // Connects to the proxy and has it open the modem's device. False where nobody answers, or answers with failure.
@@ -44,18 +49,21 @@ class QmuxLink {
 
   // The services that the modem offers.
   Answer get_services(std::vector<uint8_t>& services, const Deadline& deadline);
-  // An id that the modem takes back before its answer arrives is no answer.
+  // An id that the modem takes back before its response arrives is no response; one that is no client's is a failure.
   Answer allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline);
   Answer release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
   SendStatus send_release_client_id(uint8_t service, uint8_t client);
 
-  // Whether an exchange since the last call came across the news that the modem restarted.
+  // Whether exchanges since the last call came across the news that the modem restarted, or that it revoked somebody's
+  // id of this service.
   bool take_restart() { return std::exchange(saw_restart_, false); }
+  bool take_revocation(uint8_t service);
 
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }
   ReadStatus read(const Deadline& deadline);
   bool next(Frame& frame);
+  bool is_broken() const { return reader_.is_broken(); }
 
   // After next() returned false: since when a frame has been waiting for its rest.
   std::optional<Deadline::Clock::time_point> partial_since() const { return partial_since_; }
@@ -71,7 +79,7 @@ class QmuxLink {
   std::optional<Deadline::Clock::time_point> partial_since_;
   uint8_t transaction_ = 0;
   bool saw_restart_ = false;
-  std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id, which the allocation under way came across
+  std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id, since an allocation began or they were taken
 };
 
 }  // namespace pelmar::platform

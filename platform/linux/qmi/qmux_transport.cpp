@@ -1,8 +1,13 @@
 #include "qmux_transport.h"
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
+#include "client_id_check.h"
+#include "client_id_record.h"
 #include "common_v01.h"
 #include "observer.h"
 #include "qmi_client.h"
@@ -14,20 +19,44 @@ namespace {
 // A modem that takes longer for a look at its services counts as absent.
 constexpr Deadline::Milliseconds kLookTimeout{2000};
 
+// What giving back one id may hold up an open.
+constexpr Deadline::Milliseconds kReleaseTimeout{500};
+
 constexpr size_t kMaxMessageLength = UINT16_MAX - (kQmuxHeaderLength - 1);
 
 bool offers(const std::vector<uint8_t>& services, uint8_t service) {
   return std::find(services.begin(), services.end(), service) != services.end();
 }
 
+const Deadline& earlier(const Deadline& one, const Deadline& other) {
+  if (one.is_none() || other.is_none()) return one.is_none() ? other : one;
+  return one.at() < other.at() ? one : other;
+}
+
+ClientIdRecord record_of_modem() {
+  return ClientIdRecord(modem_socket(), modem_device());
+}
+
+// How often the modem has revoked a client id of the service, so far as this process holds ids.
+std::atomic<uint32_t>& revocations(uint8_t service) {
+  static std::atomic<uint32_t> counts[UINT8_MAX + 1];
+  return counts[service];
+}
+
 class QmuxConnection final : public Connection {
  public:
-  QmuxConnection(QmuxLink link, uint8_t service, uint8_t client, size_t message_capacity)
+  // The record has the id.
+  QmuxConnection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity)
       : link_(std::move(link)),
+        record_(std::move(record)),
         service_(service),
         client_(client),
         capacity_(std::min(message_capacity, kMaxMessageLength)),
         frame_(new uint8_t[kQmuxHeaderLength + capacity_]) {}
+
+  ~QmuxConnection() override {
+    if (is_id_held_) record_.abandon(id());
+  }
 
   int descriptor() const override { return link_.stream().descriptor(); }
   uint8_t* message_buffer() override { return frame_.get() + kQmuxHeaderLength; }
@@ -39,49 +68,85 @@ class QmuxConnection final : public Connection {
   }
   bool has_unsent() const override { return link_.stream().has_unsent(); }
   SendStatus flush(const Deadline& deadline) override { return link_.stream().flush(deadline); }
-  ReadStatus read(const Deadline& deadline) override { return link_.read(deadline); }
+  ReadStatus read(const Deadline& deadline) override { return link_.read(earlier(deadline, doubt_ends())); }
 
   Arrival next(Message& message) override {
     Frame frame;
-    while (link_.next(frame)) {
+    while (!check_.take_kept(message)) {
+      if (!link_.next(frame)) return link_.is_broken() ? Arrival::kServiceGone : Arrival::kNone;
       ControlIndication indication;
       if (load_control_indication(frame, indication)) {
         if (voids_client_id(indication)) return Arrival::kServiceGone;
       } else if (is_for_us(frame) && load_message(frame.message, frame.length, message) &&
                  (frame.client != kAllClients || message.kind == MessageKind::kIndication)) {
-        return Arrival::kMessage;
+        const auto verdict = check_.look(message);
+        if (verdict == ClientIdCheck::Verdict::kDeliver) break;
+        if (verdict == ClientIdCheck::Verdict::kVoid) {
+          forget_all_ids();
+          return Arrival::kServiceGone;
+        }
       }
     }
-    return Arrival::kNone;
+    return Arrival::kMessage;
+  }
+
+  const Deadline& doubt_ends() const override { return check_.deadline(); }
+  bool has_question() const override { return check_.has_question() && !has_unsent(); }
+  void ask(uint16_t transaction) override {
+    uint8_t question[kQmuxHeaderLength + ClientIdCheck::kQuestionLength];
+    store_qmux_header(question, service_, client_, ClientIdCheck::kQuestionLength);
+    check_.store_question(question + kQmuxHeaderLength, transaction);
+    link_.stream().send(question, sizeof question);
   }
 
   std::optional<Deadline::Clock::time_point> partial_since() const override { return link_.partial_since(); }
 
   void close(const Deadline& deadline) override {
-    link_.release_client_id(service_, client_, deadline);
+    if (forget_id() && link_.release_client_id(service_, client_, deadline) == QmuxLink::Answer::kNoAnswer) hold_id();
     shut_down();
   }
 
   void abandon() override {
-    link_.send_release_client_id(service_, client_);
+    if (forget_id() && link_.send_release_client_id(service_, client_) != SendStatus::kSent) hold_id();
     shut_down();
   }
 
   void shut_down() override { link_.stream().shut_down(); }
 
  private:
-  bool voids_client_id(const ControlIndication& indication) const {
-    return indication.event == ControlIndication::kRestarted ||
-           (indication.event == ControlIndication::kRevoked && indication.service == service_ &&
-            indication.client == client_);
+  bool voids_client_id(const ControlIndication& indication) {
+    if (indication.event == ControlIndication::kRestarted) {
+      forget_all_ids();
+      return true;
+    }
+    const bool is_revoked = indication.event == ControlIndication::kRevoked && indication.service == service_ &&
+                            indication.client == client_;
+    if (is_revoked) {
+      forget_id();
+      revocations(service_).fetch_add(1, std::memory_order_relaxed);
+    }
+    return is_revoked;
   }
   bool is_for_us(const Frame& frame) const {
     return frame.service == service_ && (frame.client == client_ || frame.client == kAllClients);
   }
 
+  ClientIdRecord::Id id() const { return {service_, client_}; }
+  void hold_id() {
+    record_.add(id());
+    is_id_held_ = true;
+  }
+  bool forget_id() { return std::exchange(is_id_held_, false) && record_.remove(id()); }
+  void forget_all_ids() {
+    if (std::exchange(is_id_held_, false)) record_.clear();
+  }
+
   QmuxLink link_;
+  const ClientIdRecord record_;
   const uint8_t service_;
   const uint8_t client_;
+  bool is_id_held_ = true;  // as the record says
+  ClientIdCheck check_;
   const size_t capacity_;
   const std::unique_ptr<uint8_t[]> frame_;
 };
@@ -89,11 +154,13 @@ class QmuxConnection final : public Connection {
 // Asks the modem's CTL service again and again over a connection of its own, which holds no client id.
 class QmuxWatch final : public ServiceWatch {
  public:
-  explicit QmuxWatch(uint8_t service) : service_(service) {}
+  explicit QmuxWatch(uint8_t service) : service_(service), revocations_seen_(revocations(service)) {}
 
   Presence look() override {
     const Deadline deadline = Deadline::after(kLookTimeout);
     Presence presence = {false, false};
+    const uint32_t revocations_now = revocations(service_).load(std::memory_order_relaxed);
+    presence.went_meanwhile = std::exchange(revocations_seen_, revocations_now) != revocations_now;
     if (link_.is_open()) {
       if (ask(presence, deadline)) return presence;
       presence.went_meanwhile = true;
@@ -112,13 +179,32 @@ class QmuxWatch final : public ServiceWatch {
       return false;
     }
     presence.is_there = offers(services, service_);
-    presence.went_meanwhile |= link_.take_restart();
+    presence.went_meanwhile |= link_.take_revocation(service_);
+    if (link_.take_restart()) {
+      presence.went_meanwhile = true;
+      record_of_modem().clear();
+    }
     return true;
   }
 
   const uint8_t service_;
+  uint32_t revocations_seen_;
   QmuxLink link_;
 };
+
+// Ids that killed processes have left.
+void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record) {
+  bool responds = true;
+  for (const ClientIdRecord::Id id : ids) {
+    responds = responds && link.release_client_id(id.service, id.client, Deadline::after(kReleaseTimeout)) !=
+                               QmuxLink::Answer::kNoAnswer;
+    if (responds) {
+      record.remove(id);
+    } else {
+      record.abandon(id);
+    }
+  }
+}
 
 }  // namespace
 
@@ -132,19 +218,28 @@ int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Dea
       !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
+  const ClientIdRecord record = record_of_modem();
   uint8_t client = 0;
-  switch (link.allocate_client_id(number, client, deadline)) {
+  QmuxLink::Answer answer = link.allocate_client_id(number, client, deadline);
+  if (answer == QmuxLink::Answer::kClientIdsExhausted) {
+    give_back(record.take_abandoned(), link, record);
+    answer = link.allocate_client_id(number, client, deadline);
+  }
+  switch (answer) {
     case QmuxLink::Answer::kSuccess:
+      give_back(record.add({number, client}), link, record);
       break;
     case QmuxLink::Answer::kNoAnswer:
       return QMI_TIMEOUT_ERR;
     case QmuxLink::Answer::kClientIdsExhausted:
+      syslog(LOG_ERR, "QMI service 0x%02x: no client id is left (QMI error 5, client ids exhausted): %s",
+             unsigned{number}, "end programs that use the modem, or restart it");
       observe({.kind = Observation::Kind::kEnd, .error = QMI_ERR_CLIENT_IDS_EXHAUSTED_V01});
       return QMI_CLIENT_ALLOC_FAILURE;
     case QmuxLink::Answer::kFailure:
       return QMI_CLIENT_ALLOC_FAILURE;
   }
-  connection = std::make_unique<QmuxConnection>(std::move(link), number, client, message_capacity);
+  connection = std::make_unique<QmuxConnection>(std::move(link), record, number, client, message_capacity);
   return QMI_NO_ERR;
 }
 

@@ -37,14 +37,25 @@ class Connection {
   virtual bool has_unsent() const = 0;
   virtual SendStatus flush(const Deadline& deadline) = 0;
 
-  // Reads what arrives until the deadline, at least once.
+  // Reads what arrives until the deadline or doubt_ends(), at least once.
   virtual ReadStatus read(const Deadline& deadline) = 0;
 
-  // The next message among what has been read; its bytes are valid until the next read.
+  // The next message among what has been read; its bytes are valid until the next read. A stream that cannot be parsed
+  // any more is kServiceGone.
   virtual Arrival next(Message& message) = 0;
 
   // After next() returned kNone: since when a message has been waiting for its rest; nothing where none is.
   virtual std::optional<Deadline::Clock::time_point> partial_since() const = 0;
+
+  // A response that makes the connection itself doubtful is kept back by next() until the modem has replied to a
+  // question about it, but not beyond this time, at which next() has to be called again; none where nothing is kept.
+  // To be read by whoever may read.
+  virtual const Deadline& doubt_ends() const = 0;
+
+  // Whether such a question is to be sent, and sending it without waiting, which needs the sending side. The
+  // transaction is one that is not under way.
+  virtual bool has_question() const = 0;
+  virtual void ask(uint16_t transaction) = 0;
 
   // Ends the connection for the modem too, and waits for its answer until the deadline. Needs the sending and the
   // reading side.

@@ -1,0 +1,65 @@
+#include "client_id_check.h"
+
+#include <utility>
+
+#include "common_v01.h"
+
+namespace pelmar::platform {
+namespace {
+
+// Which messages the service has: every service knows this question, or refuses it as an unknown one.
+constexpr uint16_t kGetSupportedMessages = 0x001E;
+
+// How long a response may be kept back.
+constexpr Deadline::Milliseconds kPatience{500};
+
+// A modem that sends responses without end is not kept back any more.
+constexpr size_t kMostKept = 64;
+
+bool says_invalid_client_id(const Message& message) {
+  const Value result = find_tlv(kResultTlv, message.tlvs, message.length);
+  return result.length == 4 && load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01 &&
+         load_u16(result.bytes + 2) == QMI_ERR_INVALID_CLIENT_ID_V01;
+}
+
+}  // namespace
+
+ClientIdCheck::Verdict ClientIdCheck::look(const Message& message) {
+  if (message.kind != MessageKind::kResponse) return Verdict::kDeliver;
+  const bool is_refused = says_invalid_client_id(message);
+  if (message.id == kGetSupportedMessages && message.transaction == question_) {
+    if (is_refused) return Verdict::kVoid;
+    if (state_ == State::kAsked) settle();
+    return Verdict::kKept;
+  }
+  if (!is_refused || kept_.size() == kMostKept) return Verdict::kDeliver;
+  kept_.push_back({message, {message.tlvs, message.tlvs + message.length}});
+  if (state_ == State::kSure) {
+    state_ = State::kToAsk;
+    deadline_ = Deadline::after(kPatience);
+  }
+  return Verdict::kKept;
+}
+
+bool ClientIdCheck::take_kept(Message& message) {
+  if (deadline_.has_passed()) settle();
+  if (state_ != State::kSure || kept_.empty()) return false;
+  message = kept_.front().message;
+  taken_ = std::move(kept_.front().tlvs);
+  message.tlvs = taken_.data();
+  kept_.pop_front();
+  return true;
+}
+
+void ClientIdCheck::store_question(uint8_t* at, uint16_t transaction) {
+  store_message_header(at, MessageKind::kRequest, transaction, kGetSupportedMessages, 0);
+  question_ = transaction;
+  state_ = State::kAsked;
+}
+
+void ClientIdCheck::settle() {
+  state_ = State::kSure;
+  deadline_ = Deadline::none();
+}
+
+}  // namespace pelmar::platform
