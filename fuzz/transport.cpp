@@ -100,6 +100,7 @@ void read_messages(Connection& connection) {
     Message message;
     for (Arrival arrival; (arrival = connection.next(message)) != Arrival::kNone;) {
       if (arrival == Arrival::kServiceGone) continue;
+      if (arrival == Arrival::kBrokenStream) return;
       const Bytes copy(message.tlvs, message.tlvs + message.length);
     }
     if (status == ReadStatus::kRead) continue;

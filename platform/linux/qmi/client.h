@@ -129,6 +129,7 @@ class Client : public std::enable_shared_from_this<Client> {
   int32_t decode_response(const Request& request, const Message& message) const;
   void finish(Waiter& waiter, int32_t answer);
   void end_stalled_stream();
+  void abandon_connection();
   void service_gone();
   void take_reading(Waiter& waiter);
   void pass_reading();

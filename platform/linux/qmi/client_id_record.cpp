@@ -1,7 +1,6 @@
 #include "client_id_record.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -10,21 +9,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <optional>
 #include <sstream>
-#include <system_error>
 #include <thread>
 
 #include "deadline.h"
 #include "environment.h"
+#include "state_directory.h"
 #include "unique_fd.h"
 #include "unix_address.h"
 
 namespace pelmar::platform {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A process that was stopped while it holds the lock must not stop all others.
 constexpr Deadline::Milliseconds kLockTimeout{200};
@@ -117,20 +113,12 @@ std::string escape(const std::string& text) {
   return escaped;
 }
 
-std::string home_of_user() {
-  if (std::string home = environment("HOME"); !home.empty()) return home;
-  char buffer[4096];
-  passwd entry{};
-  passwd* found = nullptr;
-  if (::getpwuid_r(::geteuid(), &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr) return "";
-  return found->pw_dir;
-}
-
-fs::path directory() {
-  if (const fs::path runtime = environment("XDG_RUNTIME_DIR"); runtime.is_absolute()) return runtime / "pelmar";
-  if (const fs::path state = environment("XDG_STATE_HOME"); state.is_absolute()) return state / "pelmar";
-  const fs::path home = home_of_user();
-  return home.is_absolute() ? home / ".local/state/pelmar" : fs::path();
+// $XDG_RUNTIME_DIR ends with the user's last session, and client ids outlive no boot.
+UniqueFd open_place() {
+  if (const std::string runtime = environment_path("XDG_RUNTIME_DIR"); !runtime.empty()) {
+    if (UniqueFd place = open_private_directory(runtime + "/pelmar", IfMissing::kMake)) return place;
+  }
+  return open_state_directory("client-ids", IfMissing::kMake);
 }
 
 bool is_own(int file, mode_t type, mode_t forbidden) {
@@ -149,18 +137,7 @@ bool lock(int file) {
 }
 
 UniqueFd open_locked() {
-  const fs::path path = directory();
-  if (path.empty()) return UniqueFd();
-  const auto open_place = [&] {
-    return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  };
-  UniqueFd place = open_place();
-  if (!place && errno == ENOENT) {
-    std::error_code error;
-    fs::create_directories(path.parent_path(), error);
-    ::mkdir(path.c_str(), 0700);
-    place = open_place();
-  }
+  const UniqueFd place = open_place();
   if (!place || !is_own(place.get(), S_IFDIR, S_IWGRP | S_IWOTH)) return UniqueFd();
   UniqueFd file(
       ::openat(place.get(), "client-ids", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));

@@ -3,8 +3,8 @@
 //
 // An entry names the modem (socket and device), the boot, the owner (process, start time, pid namespace), the service
 // and the id. It is written before the id is used. Entries lie in `client-ids` in $XDG_RUNTIME_DIR/pelmar, else in
-// pelmar below the user's state directory; both are the user's own, and nobody else may write there. Without such a
-// place there is no record, and everything else works.
+// pelmar/client-ids below the user's state directory; both are the user's own, and nobody else may write there. Without
+// such a place there is no record, and everything else works.
 //
 // An id in the record may belong to another program by now, where the modem restarted unnoticed, and any program may
 // give back any id. So the modem's name contains what changes when its socket or device node is made anew, as after a

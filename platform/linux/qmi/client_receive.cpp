@@ -29,6 +29,9 @@ void Client::dispatch_arrivals() {
       case Arrival::kServiceGone:
         service_gone();
         return;
+      case Arrival::kBrokenStream:
+        abandon_connection();
+        return;
       case Arrival::kMessage:
         break;
     }
@@ -45,9 +48,11 @@ void Client::dispatch_arrivals() {
   }
 }
 
-// Goes out from here, or at the end of the send that is under way.
+// Goes out from here, or at the end of the send that is under way. Where no transaction number is free, the next
+// arrival tries again.
 void Client::ask_in_doubt() {
-  if (connection_->has_question() && !is_sending_) connection_->ask(new_transaction());
+  if (!connection_->has_question() || is_sending_) return;
+  if (const uint16_t transaction = new_transaction(); transaction != 0) connection_->ask(transaction);
 }
 
 // A response that nobody waits for came too late, and is dropped.
@@ -91,7 +96,12 @@ void Client::finish(Waiter& waiter, int32_t answer) {
 // rest. A message that is only slow to come is spared for a while: the next time-out finds it.
 void Client::end_stalled_stream() {
   if (is_gone_ || !partial_since_ || Deadline::Clock::now() - *partial_since_ < kLongestPause) return;
-  if (!is_sending_ && !connection_->has_unsent()) connection_->abandon();  // gives the client id back
+  abandon_connection();
+}
+
+// The modem is there, but nothing can be read from it any more: its client id is given back.
+void Client::abandon_connection() {
+  if (!is_gone_ && !is_sending_ && !connection_->has_unsent()) connection_->abandon();
   service_gone();
 }
 

@@ -73,7 +73,7 @@ class QmuxConnection final : public Connection {
   Arrival next(Message& message) override {
     Frame frame;
     while (!check_.take_kept(message)) {
-      if (!link_.next(frame)) return link_.is_broken() ? Arrival::kServiceGone : Arrival::kNone;
+      if (!link_.next(frame)) return link_.is_broken() ? Arrival::kBrokenStream : Arrival::kNone;
       ControlIndication indication;
       if (load_control_indication(frame, indication)) {
         if (voids_client_id(indication)) return Arrival::kServiceGone;

@@ -18,7 +18,7 @@ namespace pelmar::platform {
 
 enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
 enum class ReadStatus { kRead, kTimedOut, kGone };
-enum class Arrival { kNone, kMessage, kServiceGone };
+enum class Arrival { kNone, kMessage, kServiceGone, kBrokenStream };
 
 // A connection to one service. One thread at a time sends and one at a time reads; the two may be different.
 class Connection {
@@ -41,7 +41,7 @@ class Connection {
   virtual ReadStatus read(const Deadline& deadline) = 0;
 
   // The next message among what has been read; its bytes are valid until the next read. A stream that cannot be parsed
-  // any more is kServiceGone.
+  // any more is kBrokenStream.
   virtual Arrival next(Message& message) = 0;
 
   // After next() returned kNone: since when a message has been waiting for its rest; nothing where none is.
