@@ -156,7 +156,7 @@ using namespace pelmar;
 extern "C" {
 
 void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (!hydra_mem_inited.load(std::memory_order_relaxed) && !hydra_mem_inited.exchange(true)) hydra_mem_init();
   // Zeroed by the system where the block is large: a length that a modem made up takes no memory until it is written.
   void* const block = std::calloc(1, size);
@@ -165,24 +165,21 @@ void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
   } else if (tracing()) {
     trace(block, size, func);
   }
-  PELMAR_LOG_EXIT();
   return block;
 }
 
 void hydra_free_adv(void* ptr, const char*, int32_t) {
-  PELMAR_LOG_ENTRY();
-  if (ptr != nullptr) {
-    // Compared, never followed; volatile, because compilers warn of any number that came from a freed pointer.
-    const volatile uintptr_t address = reinterpret_cast<uintptr_t>(ptr);
-    std::free(ptr);
-    if (tracing()) untrace(address);
-  }
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  if (ptr == nullptr) return;
+  // Compared, never followed; volatile, because compilers warn of any number that came from a freed pointer.
+  const volatile uintptr_t address = reinterpret_cast<uintptr_t>(ptr);
+  std::free(ptr);
+  if (tracing()) untrace(address);
 }
 
 // The whole walk holds the lock, so that no record is freed under it; a thread that wants the list waits.
 int32_t hydra_mem_trace_dump(char* buf, int32_t size) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   const size_t room = buf != nullptr && size > 0 ? static_cast<size_t>(size) : 0;
   bool whole;
   {
@@ -193,7 +190,6 @@ int32_t hydra_mem_trace_dump(char* buf, int32_t size) {
     if (!whole) PELMAR_LOG_ERROR("Not enough memory");
     hydra_mem_trace_on.store(was_on, std::memory_order_relaxed);
   }
-  PELMAR_LOG_EXIT_RET(whole);
-  return whole ? 1 : 0;
+  return operation.exit(whole ? 1 : 0);
 }
 }

@@ -15,7 +15,7 @@
 namespace pelmar {
 namespace {
 
-// What a client type opens, and what is said to a second client of the type (with the first one's status).
+// What a client type opens, and its names in the lines that refuse a second client of the type.
 struct ClientType {
   void (*set_status_callback)(modem_api_operational_status_fn callback);
   bool (*init)(modem_api_event_cb event_cb);
@@ -28,7 +28,7 @@ struct ClientType {
 constexpr ClientType kClientTypes[MODEM_API_CLIENT_TYPES] = {
     {vs_client_set_operational_status_callback, vs_client_init, vs_client_release, -1, "vs", "vs"},
     {sar_client_set_operational_status_callback, sar_client_init, sar_client_release, -1, "sar", "sar"},
-    // Both NAS types are called "nas 0" while their service is not up.
+    // Compatibility: both NAS types are called "nas 0" while their service is not up.
     {nas_0_client_set_operational_status_callback, nas_0_client_init, nas_0_client_release, 0, "nas 0", "nas"},
     {nas_1_client_set_operational_status_callback, nas_1_client_init, nas_1_client_release, 1, "nas 0", "nas"},
 };
@@ -41,10 +41,62 @@ void clear_table() {
   for (ClientSlot& slot : g_client_table.slots) slot.abandon();
 }
 
-modem_api_result init() {
+modem_api_result refuse_second_client(const Operation& operation, modem_api_client_type type,
+                                      operational_status status) {
+  if (status != OPERATIONAL_STATUS_UP) {
+    PELMAR_LOG_DEBUG_IN(operation, "Another client init %s client with operational status %d",
+                        kClientTypes[type].pending_name, static_cast<int>(status));
+    return MODEM_API_ERR_SERVICE_PENDING;
+  }
+  PELMAR_LOG_DEBUG_IN(operation, "Already another client init %s client successfully", kClientTypes[type].open_name);
+  return MODEM_API_ERR_ALREADY_INITIALIZED;
+}
+
+// Puts a new record into the first empty slot, unless a client of its type is there.
+modem_api_result add_record(const Operation& operation, TracedPtr<modem_api_client> record, int32_t* client_id) {
+  const std::lock_guard lock(g_client_table.lock);
+  for (ClientSlot& slot : g_client_table.slots) {
+    const PinnedClient other(slot);
+    if (!other || other->type != record->type) continue;
+    record.reset();
+    return refuse_second_client(operation, static_cast<modem_api_client_type>(other->type), other->status.load());
+  }
+  for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
+    ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
+    if (!slot.is_empty()) continue;
+    slot.put(std::move(record));
+    *client_id = id;
+    return MODEM_API_SUCCESS;
+  }
+  PELMAR_LOG_ERROR_IN(operation, "no more client can be added");
+  return MODEM_API_ERR_NO_FREE_CLIENT;
+}
+
+// Returns the status callback where the status is one that it is called with.
+modem_api_status_cb update_status(const Operation& operation, ClientSlot& slot, int32_t client_id, uint32_t type,
+                                  uint32_t status) {
+  modem_api_status_cb callback;
+  {
+    PinnedClient client(slot);
+    if (!client || client->type != type) return nullptr;
+    client->status.store(status);
+    callback = client->status_cb;
+  }
+  PELMAR_LOG_DEBUG_IN(operation, "client type %d, client id %d, operational_status %d", static_cast<int>(type),
+                      client_id, static_cast<int>(status));
+  return status == OPERATIONAL_STATUS_UP || status == OPERATIONAL_STATUS_DOWN ? callback : nullptr;
+}
+
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+modem_api_result modem_api_init() {
+  Operation operation(PELMAR_HERE);
   if (modem_api_check_white_list() == 0) {
-    PELMAR_LOG_ERROR_AS("modem_api_init", "check fail, do nothing");
-    return MODEM_API_ERR_NOT_INITIALIZED;
+    PELMAR_LOG_ERROR("check fail, do nothing");
+    return operation.exit(MODEM_API_ERR_NOT_INITIALIZED);
   }
   {
     const std::lock_guard lock(g_init_lock);
@@ -58,96 +110,71 @@ modem_api_result init() {
   sar_init();
   nas_0_init();
   nas_1_init();
-  return MODEM_API_SUCCESS;
+  return operation.exit(MODEM_API_SUCCESS);
 }
 
-// Neither frees records nor releases connections: deliberately shallow.
-modem_api_result release() {
-  const std::lock_guard lock(g_init_lock);
-  if (g_init_count >= 1) {
-    clear_table();
-    --g_init_count;
+// Compatibility: this neither frees records nor releases connections.
+modem_api_result modem_api_release() {
+  Operation operation(PELMAR_HERE);
+  {
+    const std::lock_guard lock(g_init_lock);
+    if (g_init_count >= 1) {
+      clear_table();
+      --g_init_count;
+    }
   }
-  return MODEM_API_SUCCESS;
+  return operation.exit(MODEM_API_SUCCESS);
 }
 
-modem_api_result refuse_second_client(modem_api_client_type type, operational_status status) {
-  const char* const function = "modem_api_init_client";
-  if (status != OPERATIONAL_STATUS_UP) {
-    PELMAR_LOG_DEBUG_AS(function, "Another client init %s client with operational status %d",
-                        kClientTypes[type].pending_name, static_cast<int>(status));
-    return MODEM_API_ERR_SERVICE_PENDING;
-  }
-  PELMAR_LOG_DEBUG_AS(function, "Already another client init %s client successfully", kClientTypes[type].open_name);
-  return MODEM_API_ERR_ALREADY_INITIALIZED;
-}
-
-// Puts a new record into the first empty slot, unless a client of its type is there.
-modem_api_result add_record(TracedPtr<modem_api_client> record, int32_t* client_id) {
-  const std::lock_guard lock(g_client_table.lock);
-  for (ClientSlot& slot : g_client_table.slots) {
-    const PinnedClient other(slot);
-    if (!other || other->type != record->type) continue;
-    record.reset();
-    return refuse_second_client(static_cast<modem_api_client_type>(other->type), other->status.load());
-  }
-  for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
-    ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
-    if (!slot.is_empty()) continue;
-    slot.put(std::move(record));
-    *client_id = id;
-    return MODEM_API_SUCCESS;
-  }
-  PELMAR_LOG_ERROR_AS("modem_api_init_client", "no more client can be added");
-  return MODEM_API_ERR_NO_FREE_CLIENT;
-}
-
-modem_api_result init_client(modem_api_client_type type, modem_api_event_cb event_cb, modem_api_status_cb status_cb,
-                             int32_t* client_id) {
-  const char* const function = "modem_api_init_client";
+modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
+                                       modem_api_status_cb status_cb, int32_t* client_id) {
+  Operation operation(PELMAR_HERE);
   if (modem_api_check_white_list() == 0) {
-    PELMAR_LOG_ERROR_AS(function, "check fail, do nothing");
-    return MODEM_API_ERR_NOT_INITIALIZED;
+    PELMAR_LOG_ERROR("check fail, do nothing");
+    return operation.exit(MODEM_API_ERR_NOT_INITIALIZED);
   }
-  void* const block = hydra_malloc_adv(sizeof(modem_api_client), function, __LINE__);
+  void* const block = hydra_malloc_adv(sizeof(modem_api_client), __func__, __LINE__);
   if (block == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "could not allocate memory");
-    return MODEM_API_ERR_NO_MEMORY;
+    PELMAR_LOG_ERROR("could not allocate memory");
+    return operation.exit(MODEM_API_ERR_NO_MEMORY);
   }
   TracedPtr<modem_api_client> record(new (block) modem_api_client{});
   if (type >= MODEM_API_CLIENT_TYPES) {
-    PELMAR_LOG_ERROR_AS(function, "modem api client type %d not supported", static_cast<int>(type));
-    return MODEM_API_ERR_NOT_SUPPORTED;
+    PELMAR_LOG_ERROR("modem api client type %d not supported", static_cast<int>(type));
+    record.reset();
+    return operation.exit(MODEM_API_ERR_NOT_SUPPORTED);
   }
   record->type = type;
   record->pid = getpid();
   record->event_cb = event_cb;
   record->status_cb = status_cb;
   int32_t id = 0;
-  const modem_api_result added = add_record(std::move(record), &id);
-  if (added != MODEM_API_SUCCESS) return added;
+  const modem_api_result added = add_record(operation, std::move(record), &id);
+  if (added != MODEM_API_SUCCESS) return operation.exit(added);
 
   const ClientType& row = kClientTypes[type];
   row.set_status_callback(modem_api_operational_status_cb);
   if (!row.init(event_cb)) {
-    const std::lock_guard lock(g_client_table.lock);
-    ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
-    if (modem_api_client* const failed = slot.claim()) slot.remove(failed);
-    return MODEM_API_ERR_GENERIC;
+    {
+      const std::lock_guard lock(g_client_table.lock);
+      ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
+      if (modem_api_client* const failed = slot.claim()) slot.remove(failed);
+    }
+    return operation.exit(MODEM_API_ERR_GENERIC);
   }
   *client_id = id;
-  PELMAR_LOG_DEBUG_AS(function, "new client: type %d, id %d", static_cast<int>(type), id);
+  PELMAR_LOG_DEBUG("new client: type %d, id %d", static_cast<int>(type), id);
   if (row.subscription >= 0) modem_api_util_enable_networking_indications(id, row.subscription);
-  return MODEM_API_SUCCESS;
+  return operation.exit(MODEM_API_SUCCESS);
 }
 
-modem_api_result free_client(int32_t client_id) {
-  const char* const function = "modem_api_free_client";
-  PELMAR_LOG_DEBUG_AS(function, "client_id %d", client_id);
+modem_api_result modem_api_free_client(int32_t client_id) {
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("client_id %d", client_id);
   ClientSlot* const slot = g_client_table.slot_of(client_id);
   if (slot == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "invalid client_id %d", client_id);
-    return MODEM_API_ERR_INVALID_CLIENT;
+    PELMAR_LOG_ERROR("invalid client_id %d", client_id);
+    return operation.exit(MODEM_API_ERR_INVALID_CLIENT);
   }
   modem_api_client* record;
   {
@@ -155,61 +182,25 @@ modem_api_result free_client(int32_t client_id) {
     record = slot->claim();
   }
   if (record == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "client already freed");
-    return MODEM_API_SUCCESS;
+    PELMAR_LOG_ERROR("client already freed");
+    return operation.exit(MODEM_API_SUCCESS);
   }
-  // Not under the table lock: callbacks that the release waits for may need it.
+  // We do not hold the table lock: the release waits for callbacks, which may need it.
   if (record->type < MODEM_API_CLIENT_TYPES) kClientTypes[record->type].release();
-  const std::lock_guard lock(g_client_table.lock);
-  slot->remove(record);
-  return MODEM_API_SUCCESS;
-}
-
-// Returns the status callback, when the status is one that clients are told of.
-modem_api_status_cb update_status(ClientSlot& slot, int32_t client_id, uint32_t type, uint32_t status) {
-  modem_api_status_cb callback;
   {
-    PinnedClient client(slot);
-    if (!client || client->type != type) return nullptr;
-    client->status.store(status);
-    callback = client->status_cb;
+    const std::lock_guard lock(g_client_table.lock);
+    slot->remove(record);
   }
-  PELMAR_LOG_DEBUG_AS("modem_api_operational_status_cb", "client type %d, client id %d, operational_status %d",
-                      static_cast<int>(type), client_id, static_cast<int>(status));
-  return status == OPERATIONAL_STATUS_UP || status == OPERATIONAL_STATUS_DOWN ? callback : nullptr;
-}
-
-void relay_status(uint32_t type, uint32_t status) {
-  const uint32_t notice = status == OPERATIONAL_STATUS_UP ? MODEM_API_NOTICE_SERVICE_UP : MODEM_API_NOTICE_SERVICE_DOWN;
-  for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
-    const modem_api_status_cb callback = update_status(g_client_table.slots[static_cast<size_t>(id)], id, type, status);
-    // The callback may free its client: the record is not looked at any more.
-    if (callback != nullptr) callback(notice, type);
-  }
-}
-
-}  // namespace
-}  // namespace pelmar
-
-modem_api_result modem_api_init() {
-  PELMAR_RETURN_LOGGED(pelmar::init());
-}
-
-modem_api_result modem_api_release() {
-  PELMAR_RETURN_LOGGED(pelmar::release());
-}
-
-modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
-                                       modem_api_status_cb status_cb, int32_t* client_id) {
-  PELMAR_RETURN_LOGGED(pelmar::init_client(type, event_cb, status_cb, client_id));
-}
-
-modem_api_result modem_api_free_client(int32_t client_id) {
-  PELMAR_RETURN_LOGGED(pelmar::free_client(client_id));
+  return operation.exit(MODEM_API_SUCCESS);
 }
 
 void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
-  PELMAR_LOG_ENTRY();
-  pelmar::relay_status(client_type, status);
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  const uint32_t notice = status == OPERATIONAL_STATUS_UP ? MODEM_API_NOTICE_SERVICE_UP : MODEM_API_NOTICE_SERVICE_DOWN;
+  for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
+    ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
+    const modem_api_status_cb callback = update_status(operation, slot, id, client_type, status);
+    // The callback may free its client: the record is not looked at any more.
+    if (callback != nullptr) callback(notice, client_type);
+  }
 }

@@ -2,6 +2,7 @@
 #include "modem_api_command.h"
 
 #include <algorithm>
+#include <new>
 
 namespace pelmar {
 namespace {
@@ -51,68 +52,18 @@ modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* r
   }
 }
 
-bool is_too_long(int32_t length) {
-  return length > MODEM_API_MAX_PASS_THROUGH_BYTES;
-}
-
-bool is_missing(const uint8_t* payload, int32_t length) {
-  return payload == nullptr && length > 0;
-}
-
 // A negative length goes out as it is: the codec refuses it.
 void fill(vs::PassThroughRequest& request, const uint8_t* payload, int32_t length) {
   request.payload_len = static_cast<uint32_t>(length);
   if (length > 0) std::memcpy(request.payload, payload, static_cast<size_t>(length));
 }
 
-modem_api_result send_pass_through(int32_t client_id, const uint8_t* payload, int32_t length) {
-  const char* const function = "modem_api_common_command";
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (is_too_long(length)) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
-  if (is_missing(payload, length)) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  Zeroed<vs::PassThroughRequest> request;
-  fill(request, payload, length);
-  Zeroed<vs::PassThroughResponse> response;
-  return exchange_vs(vs::kPassThrough, request, response);
-}
-
-// Whom an asynchronous answer goes to.
+// The receiver of an asynchronous response.
 struct CallbackRecord {
   modem_api_response_cb callback;
   void* user_data;
 };
 static_assert(sizeof(void*) != 8 || sizeof(CallbackRecord) == 16);
-
-template <typename T>
-TracedPtr<T> allocate(const char* function, int32_t line) {
-  return TracedPtr<T>(static_cast<T*>(hydra_malloc_adv(sizeof(T), function, line)));
-}
-
-modem_api_result send_pass_through_async(int32_t client_id, const uint8_t* payload, int32_t length, void* user_data,
-                                         modem_api_response_cb callback) {
-  const char* const function = "modem_api_common_command_async";
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (callback == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  if (is_too_long(length)) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
-  if (is_missing(payload, length)) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  auto response = allocate<vs::PassThroughResponse>(function, __LINE__);
-  if (response == nullptr) return unexpected_null(function, MODEM_API_ERR_NO_MEMORY);
-  Zeroed<vs::PassThroughRequest> request;
-  fill(request, payload, length);
-  auto record = allocate<CallbackRecord>(function, __LINE__);
-  if (record == nullptr) return MODEM_API_ERR_NO_MEMORY;
-  *record = {callback, user_data};
-
-  // From here on both blocks belong to the exchange; a send that is refused does not give them back. An accepted one
-  // may have ended already, so that its response is not looked at.
-  vs::PassThroughResponse* const buffer = response.release();
-  const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest), buffer,
-                                                sizeof(vs::PassThroughResponse), record.release());
-  const vs::ResponseHeader header = code == QMI_NO_ERR ? vs::ResponseHeader{} : buffer->header;
-  return modem_api_map_qmi_error_to_modem_api(code, &header);
-}
 
 // Hands the response's data to the callback in a block of its own, which the client frees. The block has the length
 // that the modem states; what a response cannot hold is zero.
@@ -127,8 +78,8 @@ void deliver_data(const vs::PassThroughResponse& response, const CallbackRecord&
   record.callback(block, length, record.user_data, MODEM_API_SUCCESS);
 }
 
-void answer(uint32_t msg_id, const void* response, uint32_t response_length, const CallbackRecord& record,
-            int32_t transport_code) {
+void deliver_response(uint32_t msg_id, const void* response, uint32_t response_length, const CallbackRecord& record,
+                      int32_t transport_code) {
   if (response == nullptr || response_length == 0) {
     record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
     return;
@@ -145,45 +96,73 @@ void answer(uint32_t msg_id, const void* response, uint32_t response_length, con
 
 }  // namespace
 
-modem_api_result unexpected_condition(const char* function, modem_api_result error) {
-  PELMAR_LOG_ERROR_AS(function, "Unexpected condition, return error %d!", error);
-  return error;
+modem_api_result Command::refuse(modem_api_result error, int line) {
+  PELMAR_LOG_ERROR_IN(*this, "Unexpected condition, return error %d!", error);
+  return exit(error, line);
 }
 
-modem_api_result unexpected_null(const char* function, modem_api_result error) {
-  PELMAR_LOG_ERROR_AS(function, "Unexpected NULL pointer, return error %d!", error);
-  return error;
+modem_api_result Command::refuse_null(modem_api_result error, int line) {
+  PELMAR_LOG_ERROR_IN(*this, "Unexpected NULL pointer, return error %d!", error);
+  return exit(error, line);
 }
 
-modem_api_result log_result(const char* function, modem_api_result result) {
-  PELMAR_LOG_DEBUG_AS(function, "result %d", result);
+modem_api_result Command::log_result(modem_api_result result) const {
+  PELMAR_LOG_DEBUG_IN(*this, "result %d", result);
   return result;
 }
 
 }  // namespace pelmar
 
+using namespace pelmar;
+
 modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code, const qmi_response_type_v01* response) {
-  PELMAR_RETURN_LOGGED(pelmar::map_outcome(transport_code, response));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(map_outcome(transport_code, response));
 }
 
 modem_api_result modem_api_common_command(int32_t client_id, const uint8_t* payload, int32_t length) {
-  PELMAR_RETURN_LOGGED(pelmar::send_pass_through(client_id, payload, length));
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (length > MODEM_API_MAX_PASS_THROUGH_BYTES) return command.refuse(MODEM_API_ERR_INVALID_PARAM);
+  if (payload == nullptr && length > 0) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  Zeroed<vs::PassThroughRequest> request;
+  fill(request, payload, length);
+  Zeroed<vs::PassThroughResponse> response;
+  return command.exit(exchange_vs(vs::kPassThrough, request, response));
 }
 
 modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t* payload, int32_t length,
                                                 void* user_data, modem_api_response_cb callback) {
-  PELMAR_RETURN_LOGGED(pelmar::send_pass_through_async(client_id, payload, length, user_data, callback));
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (callback == nullptr) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  if (length > MODEM_API_MAX_PASS_THROUGH_BYTES) return command.refuse(MODEM_API_ERR_INVALID_PARAM);
+  if (payload == nullptr && length > 0) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  TracedPtr<void> response(hydra_malloc_adv(sizeof(vs::PassThroughResponse), __func__, __LINE__));
+  if (response == nullptr) return command.refuse_null(MODEM_API_ERR_NO_MEMORY);
+  Zeroed<vs::PassThroughRequest> request;
+  fill(request, payload, length);
+  TracedPtr<void> block(hydra_malloc_adv(sizeof(CallbackRecord), __func__, __LINE__));
+  if (block == nullptr) {
+    response.reset();
+    return command.exit(MODEM_API_ERR_NO_MEMORY);
+  }
+  auto* const record = new (block.release()) CallbackRecord{callback, user_data};
+
+  // From here on both blocks belong to the exchange; a send that is refused does not give them back. An accepted one
+  // may have ended already, so that its response is not looked at.
+  auto* const buffer = static_cast<vs::PassThroughResponse*>(response.release());
+  const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest), buffer,
+                                                sizeof(vs::PassThroughResponse), record);
+  const vs::ResponseHeader header = code == QMI_NO_ERR ? vs::ResponseHeader{} : buffer->header;
+  return command.exit(modem_api_map_qmi_error_to_modem_api(code, &header));
 }
 
 void modem_api_process_response(uint32_t msg_id, void* response, uint32_t response_length, void* callback_record,
                                 int32_t transport_code) {
-  PELMAR_LOG_ENTRY();
-  {
-    const pelmar::TracedPtr<void> owned_response(response);
-    const pelmar::TracedPtr<pelmar::CallbackRecord> record(static_cast<pelmar::CallbackRecord*>(callback_record));
-    if (record != nullptr && record->callback != nullptr) {
-      pelmar::answer(msg_id, response, response_length, *record, transport_code);
-    }
-  }
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  const TracedPtr<void> owned_response(response);
+  const TracedPtr<CallbackRecord> record(static_cast<CallbackRecord*>(callback_record));
+  if (record == nullptr || record->callback == nullptr) return;
+  deliver_response(msg_id, response, response_length, *record, transport_code);
 }

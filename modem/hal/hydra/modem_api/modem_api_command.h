@@ -23,31 +23,32 @@ struct Zeroed : Structure {
   Zeroed& operator=(const Zeroed&) = delete;
 };
 
-// Logs under the name of the refusing command and returns `error`.
-modem_api_result unexpected_condition(const char* function, modem_api_result error);
-modem_api_result unexpected_null(const char* function, modem_api_result error);
+// A command of the client API while it runs: an operation that may refuse its caller, and that logs its outcome.
+class Command : public Operation {
+ public:
+  using Operation::Operation;
 
-// Logs the result of an exchange under the name of its command and returns it.
-modem_api_result log_result(const char* function, modem_api_result result);
+  // The command ends with an error: because of a client, a length or a count, or because of a null pointer.
+  modem_api_result refuse(modem_api_result error, int line = __builtin_LINE());
+  modem_api_result refuse_null(modem_api_result error, int line = __builtin_LINE());
 
-// MODEM_API_SUCCESS when the id names a ready client of the type.
-inline modem_api_result check_client(const char* function, int32_t client_id, modem_api_client_type type) {
-  if (is_ready(client_id, type)) return MODEM_API_SUCCESS;
-  return unexpected_condition(function, MODEM_API_ERR_INVALID_CLIENT);
-}
+  // Logs the result of the exchange and returns it.
+  modem_api_result log_result(modem_api_result result) const;
+};
 
 using SendSync = int32_t (*)(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                              uint32_t response_length);
 
-// The NAS connection of a subscription: 0, or any other number for 1.
-struct NasClient {
+// The connection that a command goes through: its client type, and its send function.
+struct ServiceSender {
   modem_api_client_type type;
   SendSync send;
 };
 
-inline NasClient nas_client_of(int32_t sub) {
-  return sub == 0 ? NasClient{MODEM_API_CLIENT_NAS_0, nas_0_client_send_msg_sync}
-                  : NasClient{MODEM_API_CLIENT_NAS_1, nas_1_client_send_msg_sync};
+// The NAS connection of a subscription: 0, or any other number for 1.
+inline ServiceSender nas_client_of(int32_t sub) {
+  return sub == 0 ? ServiceSender{MODEM_API_CLIENT_NAS_0, nas_0_client_send_msg_sync}
+                  : ServiceSender{MODEM_API_CLIENT_NAS_1, nas_1_client_send_msg_sync};
 }
 
 // One exchange with the vendor-specific service, mapped to its result.
@@ -57,7 +58,7 @@ modem_api_result exchange_vs(vs::MessageId msg_id, Request& request, Response& r
   return modem_api_map_qmi_error_to_modem_api(code, &response.header);
 }
 
-// The same for messages that answer with their outcome alone.
+// The same for messages whose response is their outcome alone.
 template <typename Request>
 modem_api_result exchange_vs(vs::MessageId msg_id, Request& request) {
   Zeroed<vs::PlainResponse> response;

@@ -1,7 +1,7 @@
 // Event subscriptions of vendor-specific clients, and the requests that turn reporting on.
 //
-// A subscription changes nothing at the modem until modem_api_set_vs_event_report() tells it; what the modem reports is
-// delivered whatever the subscriptions say.
+// A subscription changes nothing at the modem until modem_api_set_vs_event_report() sends it. Every event that the
+// modem reports is delivered, whatever the subscriptions are.
 #include <mutex>
 
 #include "modem_api_command.h"
@@ -15,34 +15,23 @@ namespace {
 constexpr int32_t kFirstSubscribable = MODEM_API_EVENT_VS_REPORT_A;
 constexpr int32_t kLastSubscribable = MODEM_API_EVENT_VS_REPORT_C;
 
-// A repeated add succeeds; a repeated remove reports no effect.
-modem_api_result add(const char* function, std::atomic<uint8_t>& flag) {
-  if (flag.exchange(1) != 0) PELMAR_LOG_ERROR_AS(function, "event already added");
-  return MODEM_API_SUCCESS;
-}
-
-modem_api_result remove(const char* function, std::atomic<uint8_t>& flag) {
-  if (flag.exchange(0) != 0) return MODEM_API_SUCCESS;
-  PELMAR_LOG_ERROR_AS(function, "event already removed");
-  return MODEM_API_ERR_NO_EFFECT;
-}
-
-// Hands the flag of a subscribable event to `edit`, under the table lock.
-modem_api_result edit_subscription(const char* function, int32_t client_id, int32_t event,
-                                   modem_api_result (*edit)(const char* function, std::atomic<uint8_t>& flag)) {
+// Sets the flag of a subscribable event to `subscribed` under the table lock and stores its former value.
+modem_api_result exchange_flag(const log::Place& here, int32_t client_id, int32_t event, bool subscribed,
+                               bool& before) {
   if (client_id < 0) return MODEM_API_ERR_INVALID_CLIENT;
   const std::lock_guard lock(g_client_table.lock);
   if (event < kFirstSubscribable || event > kLastSubscribable) {
-    PELMAR_LOG_ERROR_AS(function, "modem event %d not supported", event);
+    PELMAR_LOG_ERROR_AT(here, "modem event %d not supported", event);
     return MODEM_API_ERR_NOT_SUPPORTED;
   }
   ClientSlot* const slot = g_client_table.slot_of(client_id);
   modem_api_client* const client = slot != nullptr ? slot->get() : nullptr;
   if (client == nullptr || client->type != MODEM_API_CLIENT_VS || client->event_cb == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "client not initialized");
+    PELMAR_LOG_ERROR_AT(here, "client not initialized");
     return MODEM_API_ERR_NOT_INITIALIZED;
   }
-  return edit(function, client->event_flags[event]);
+  before = client->event_flags[event].exchange(subscribed ? 1 : 0) != 0;
+  return MODEM_API_SUCCESS;
 }
 
 vs::SetEventReportRequest report_request(const modem_api_client& client) {
@@ -55,49 +44,53 @@ vs::SetEventReportRequest report_request(const modem_api_client& client) {
           .report_c = static_cast<uint8_t>(report_c ? 1 : 0)};
 }
 
-modem_api_result send_event_report(const char* function, int32_t client_id) {
-  vs::SetEventReportRequest request = {};
-  {
-    ClientSlot* const slot = g_client_table.slot_of(client_id);
-    if (slot == nullptr) return unexpected_condition(function, MODEM_API_ERR_INVALID_CLIENT);
-    const PinnedClient client(*slot);
-    const bool ready = client && client->type == MODEM_API_CLIENT_VS && client->status.load() == OPERATIONAL_STATUS_UP;
-    if (!ready) return unexpected_condition(function, MODEM_API_ERR_INVALID_CLIENT);
-    request = report_request(*client);
-  }
-  return exchange_vs(vs::kSetEventReport, request);
-}
-
-modem_api_result enable_networking_indications(const char* function, int32_t client_id, int32_t sub) {
-  const modem_api_result check = check_client(function, client_id, nas_client_of(sub).type);
-  if (check != MODEM_API_SUCCESS) return check;
-  nas::RegisterIndicationsRequest request = nas::serving_system_registration();
-  Zeroed<vs::PlainResponse> response;
-  const int32_t code =
-      nas_client_of(sub).send(QMI_NAS_REGISTER_INDICATIONS_V01, &request, sizeof(request), &response, sizeof(response));
-  const modem_api_result result = modem_api_map_qmi_error_to_modem_api(code, &response.header);
-  PELMAR_LOG_DEBUG_AS(function, "enable_indication result: %d", result);
-  return result;
-}
-
 }  // namespace
 }  // namespace pelmar
 
 using namespace pelmar;
 
+// Compatibility: a repeated add succeeds, while a repeated remove fails with MODEM_API_ERR_NO_EFFECT.
 modem_api_result modem_api_add_modem_event(int32_t client_id, int32_t event) {
-  PELMAR_RETURN_LOGGED(edit_subscription(__func__, client_id, event, add));
+  Operation operation(PELMAR_HERE);
+  bool was_subscribed = false;
+  const modem_api_result result = exchange_flag(operation.here(), client_id, event, true, was_subscribed);
+  if (was_subscribed) PELMAR_LOG_ERROR("event already added");
+  return operation.exit(result);
 }
 
-// Writes no entry and exit lines.
+// Compatibility: this function alone writes no entry and no exit line.
 modem_api_result modem_api_remove_modem_event(int32_t client_id, int32_t event) {
-  return edit_subscription(__func__, client_id, event, remove);
+  bool was_subscribed = false;
+  const modem_api_result result = exchange_flag(PELMAR_HERE, client_id, event, false, was_subscribed);
+  if (result != MODEM_API_SUCCESS || was_subscribed) return result;
+  PELMAR_LOG_ERROR("event already removed");
+  return MODEM_API_ERR_NO_EFFECT;
 }
 
 modem_api_result modem_api_set_vs_event_report(int32_t client_id) {
-  PELMAR_RETURN_LOGGED(send_event_report(__func__, client_id));
+  Command command(PELMAR_HERE);
+  ClientSlot* const slot = g_client_table.slot_of(client_id);
+  if (slot == nullptr) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  vs::SetEventReportRequest request = {};
+  bool is_up = false;
+  {
+    const PinnedClient client(*slot);
+    is_up = client && client->type == MODEM_API_CLIENT_VS && client->status.load() == OPERATIONAL_STATUS_UP;
+    if (is_up) request = report_request(*client);
+  }
+  if (!is_up) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  return command.exit(exchange_vs(vs::kSetEventReport, request));
 }
 
 modem_api_result modem_api_util_enable_networking_indications(int32_t client_id, int32_t sub) {
-  PELMAR_RETURN_LOGGED(enable_networking_indications(__func__, client_id, sub));
+  Command command(PELMAR_HERE);
+  const ServiceSender client = nas_client_of(sub);
+  if (!is_ready(client_id, client.type)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  nas::RegisterIndicationsRequest request = nas::serving_system_registration();
+  Zeroed<vs::PlainResponse> response;
+  const int32_t code =
+      client.send(QMI_NAS_REGISTER_INDICATIONS_V01, &request, sizeof(request), &response, sizeof(response));
+  const modem_api_result result = modem_api_map_qmi_error_to_modem_api(code, &response.header);
+  PELMAR_LOG_DEBUG("enable_indication result: %d", result);
+  return command.exit(result);
 }

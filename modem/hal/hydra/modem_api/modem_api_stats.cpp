@@ -10,67 +10,13 @@
 namespace pelmar {
 namespace {
 
-// The two options of a registration, in the order in which callers give them.
-struct Options {
-  uint8_t first_valid;
-  uint16_t first;
-  uint8_t second_valid;
-  uint16_t second;
-};
-
 // Valid bytes go out as they are; a value only beside a valid byte that is not zero.
 template <typename Request>
-void set_options(Request& request, const Options& options) {
-  request.option1_valid = options.first_valid;
-  if (options.first_valid != 0) request.option1 = options.first;
-  request.option2_valid = options.second_valid;
-  if (options.second_valid != 0) request.option2 = options.second;
-}
-
-modem_api_result get_feature_status(const char* function, int32_t client_id, uint32_t feature, uint8_t* enabled,
-                                    uint8_t* effective) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (enabled == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  Zeroed<vs::GetFeatureStatusRequest> request;
-  request.feature = feature;
-  Zeroed<vs::GetFeatureStatusResponse> response;
-  const modem_api_result result = log_result(function, exchange_vs(vs::kGetFeatureStatus, request, response));
-  if (result != MODEM_API_SUCCESS) return result;
-  *enabled = response.enabled;
-  if (effective != nullptr) *effective = response.effective;
-  return result;
-}
-
-modem_api_result set_feature_status(const char* function, int32_t client_id, uint32_t feature, uint8_t enable,
-                                    uint8_t option_valid, uint8_t option) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  Zeroed<vs::SetFeatureStatusRequest> request;
-  request.feature = feature;
-  request.enable = enable;
-  request.option_valid = option_valid;
-  request.option = option;
-  return log_result(function, exchange_vs(vs::kSetFeatureStatus, request));
-}
-
-modem_api_result set_report_status(const char* function, int32_t client_id, uint8_t report, uint32_t* stats_client_id) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  // The other commands answer a null pointer with MODEM_API_ERR_INVALID_PARAM; this one does not.
-  if (stats_client_id == nullptr) return unexpected_null(function, MODEM_API_ERR_NO_MEMORY);
-  Zeroed<vs::SetStatsReportStatusRequest> request;
-  request.report = report;
-  if (report == 0) {
-    request.stats_client_id_valid = 1;
-    request.stats_client_id = *stats_client_id;
-  }
-  Zeroed<vs::SetStatsReportStatusResponse> response;
-  const modem_api_result result = log_result(function, exchange_vs(vs::kSetStatsReportStatus, request, response));
-  if (report == 0 || result != MODEM_API_SUCCESS) return result;
-  if (response.stats_client_id_valid == 0) return MODEM_API_ERR_GENERIC;
-  *stats_client_id = response.stats_client_id;
-  return MODEM_API_SUCCESS;
+void set_options(Request& request, uint8_t option1_valid, uint16_t option1, uint8_t option2_valid, uint16_t option2) {
+  request.option1_valid = option1_valid;
+  if (option1_valid != 0) request.option1 = option1;
+  request.option2_valid = option2_valid;
+  if (option2_valid != 0) request.option2 = option2;
 }
 
 void copy_registration(const modem_api_stats_registration& from, vs::StatsEntry& to) {
@@ -82,37 +28,8 @@ void copy_registration(const modem_api_stats_registration& from, vs::StatsEntry&
   to.trailer = from.trailer;
 }
 
-modem_api_result register_stats(const char* function, int32_t client_id, uint32_t stats_client_id,
-                                const Options& options, const modem_api_stats_registration* records,
-                                uint32_t record_count) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (records == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  if (record_count == 0) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
-  Zeroed<vs::RegisterStatsRequest> request;
-  request.stats_client_id = stats_client_id;
-  set_options(request, options);
-  request.entry_count = std::min<uint32_t>(record_count, vs::kMaxRegistrations);
-  for (uint32_t i = 0; i < request.entry_count; ++i) copy_registration(records[i], request.entries[i]);
-  return log_result(function, exchange_vs(vs::kRegisterStats, request));
-}
-
-modem_api_result deregister_stats(const char* function, int32_t client_id, uint32_t stats_client_id,
-                                  const Options& options, const uint32_t* ids, uint32_t id_count) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (ids == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
-  if (id_count == 0) return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
-  Zeroed<vs::DeregisterStatsRequest> request;
-  request.stats_client_id = stats_client_id;
-  set_options(request, options);
-  request.id_count = std::min<uint32_t>(id_count, vs::kMaxRegistrations);
-  std::copy_n(ids, request.id_count, request.ids);
-  return log_result(function, exchange_vs(vs::kDeregisterStats, request));
-}
-
 // The value as a log line shows it: its first word, and the bytes that follow as text.
-void log_entry(const char* function, uint32_t index, const stats_para_entry& entry) {
+void log_entry(const Operation& operation, uint32_t index, const stats_para_entry& entry) {
   const bool passes = pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_DEBUG) ||
                       pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_DEBUG);
   if (!passes) return;
@@ -120,7 +37,7 @@ void log_entry(const char* function, uint32_t index, const stats_para_entry& ent
   std::memcpy(&type, entry.value, sizeof(type));
   char text[30] = {};
   pelmar_get_hex_str(text, sizeof(text), entry.value + sizeof(type));
-  PELMAR_LOG_DEBUG_AS(function, "ids[%d] = %d, value_len = %d, type = %d, value: %s", static_cast<int>(index),
+  PELMAR_LOG_DEBUG_IN(operation, "ids[%d] = %d, value_len = %d, type = %d, value: %s", static_cast<int>(index),
                       static_cast<int>(entry.id), static_cast<int>(entry.value_len), type, text);
 }
 
@@ -136,19 +53,98 @@ void copy_values(const vs::GetStatsParameterResponse& response, stats_para_data&
   }
 }
 
-modem_api_result get_stats_parameter(const char* function, int32_t client_id, uint16_t sub, uint16_t slot,
-                                     stats_para_data* data) {
-  PELMAR_LOG_DEBUG_AS(function, "client_id = %d, sub = %d, slot = %d", client_id, sub, slot);
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+int32_t modem_api_get_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t* enabled, uint8_t* effective) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (enabled == nullptr) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  Zeroed<vs::GetFeatureStatusRequest> request;
+  request.feature = feature;
+  Zeroed<vs::GetFeatureStatusResponse> response;
+  const modem_api_result result = command.log_result(exchange_vs(vs::kGetFeatureStatus, request, response));
+  if (result != MODEM_API_SUCCESS) return command.exit(result);
+  *enabled = response.enabled;
+  if (effective != nullptr) *effective = response.effective;
+  return command.exit(MODEM_API_SUCCESS);
+}
+
+int32_t modem_api_set_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t enable, uint8_t option_valid,
+                                           uint8_t option) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  Zeroed<vs::SetFeatureStatusRequest> request;
+  request.feature = feature;
+  request.enable = enable;
+  request.option_valid = option_valid;
+  request.option = option;
+  return command.exit(command.log_result(exchange_vs(vs::kSetFeatureStatus, request)));
+}
+
+int32_t modem_api_set_modem_stats_report_status(int32_t client_id, uint8_t report, uint32_t* stats_client_id) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  // Compatibility: the other commands of this file return MODEM_API_ERR_INVALID_PARAM for a null pointer.
+  if (stats_client_id == nullptr) return command.refuse_null(MODEM_API_ERR_NO_MEMORY);
+  Zeroed<vs::SetStatsReportStatusRequest> request;
+  request.report = report;
+  if (report == 0) {
+    request.stats_client_id_valid = 1;
+    request.stats_client_id = *stats_client_id;
+  }
+  Zeroed<vs::SetStatsReportStatusResponse> response;
+  const modem_api_result result = command.log_result(exchange_vs(vs::kSetStatsReportStatus, request, response));
+  if (report == 0 || result != MODEM_API_SUCCESS) return command.exit(result);
+  if (response.stats_client_id_valid == 0) return command.exit(MODEM_API_ERR_GENERIC);
+  *stats_client_id = response.stats_client_id;
+  return command.exit(MODEM_API_SUCCESS);
+}
+
+int32_t modem_api_register_modem_stats_data(int32_t client_id, uint32_t stats_client_id, uint8_t option1_valid,
+                                            uint16_t option1, uint8_t option2_valid, uint16_t option2,
+                                            const modem_api_stats_registration* records, uint32_t record_count) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (records == nullptr) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  if (record_count == 0) return command.refuse(MODEM_API_ERR_INVALID_PARAM);
+  Zeroed<vs::RegisterStatsRequest> request;
+  request.stats_client_id = stats_client_id;
+  set_options(request, option1_valid, option1, option2_valid, option2);
+  request.entry_count = std::min<uint32_t>(record_count, vs::kMaxRegistrations);
+  for (uint32_t i = 0; i < request.entry_count; ++i) copy_registration(records[i], request.entries[i]);
+  return command.exit(command.log_result(exchange_vs(vs::kRegisterStats, request)));
+}
+
+int32_t modem_api_deregister_modem_stats_data(int32_t client_id, uint32_t stats_client_id, uint8_t option1_valid,
+                                              uint16_t option1, uint8_t option2_valid, uint16_t option2,
+                                              const uint32_t* ids, uint32_t id_count) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (ids == nullptr) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
+  if (id_count == 0) return command.refuse(MODEM_API_ERR_INVALID_PARAM);
+  Zeroed<vs::DeregisterStatsRequest> request;
+  request.stats_client_id = stats_client_id;
+  set_options(request, option1_valid, option1, option2_valid, option2);
+  request.id_count = std::min<uint32_t>(id_count, vs::kMaxRegistrations);
+  std::copy_n(ids, request.id_count, request.ids);
+  return command.exit(command.log_result(exchange_vs(vs::kDeregisterStats, request)));
+}
+
+int32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot, stats_para_data* data) {
+  Command command(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("client_id = %d, sub = %d, slot = %d", client_id, sub, slot);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
   if (data == nullptr) {
-    PELMAR_LOG_DEBUG_AS(function, "stats_para_data is null");
-    return MODEM_API_ERR_INVALID_PARAM;
+    PELMAR_LOG_DEBUG("stats_para_data is null");
+    return command.exit(MODEM_API_ERR_INVALID_PARAM);
   }
   const uint32_t count = data->para_num;
   if (count < 1 || count > MODEM_API_STATS_ENTRIES) {
-    PELMAR_LOG_DEBUG_AS(function, "para_num(%d) is invalid", static_cast<int>(count));
-    return MODEM_API_ERR_INVALID_PARAM;
+    PELMAR_LOG_DEBUG("para_num(%d) is invalid", static_cast<int>(count));
+    return command.exit(MODEM_API_ERR_INVALID_PARAM);
   }
   Zeroed<vs::GetStatsParameterRequest> request;
   request.sub = sub;
@@ -159,69 +155,26 @@ modem_api_result get_stats_parameter(const char* function, int32_t client_id, ui
     request.records[i].id = data->entries[i].id;
     request.records[i].data_len = data->entries[i].value_len;
     std::memcpy(request.records[i].data, data->entries[i].value, sizeof(request.records[i].data));
-    log_entry(function, i, data->entries[i]);
+    log_entry(command, i, data->entries[i]);
   }
   Zeroed<vs::GetStatsParameterResponse> response;
   const modem_api_result result = exchange_vs(vs::kGetStatsParameter, request, response);
-  if (result != MODEM_API_SUCCESS) return result;
-  if (response.records_valid != 1) return MODEM_API_ERR_GENERIC;
+  if (result != MODEM_API_SUCCESS) return command.exit(result);
+  if (response.records_valid != 1) return command.exit(MODEM_API_ERR_GENERIC);
   copy_values(response, *data);
-  return MODEM_API_SUCCESS;
+  return command.exit(MODEM_API_SUCCESS);
 }
 
-modem_api_result clear_stats_parameter(const char* function, int32_t client_id, uint16_t sub, uint16_t slot,
-                                       int32_t id_count, const uint32_t* ids) {
-  const modem_api_result check = check_client(function, client_id, MODEM_API_CLIENT_VS);
-  if (check != MODEM_API_SUCCESS) return check;
-  if (id_count < 1 || id_count > MODEM_API_STATS_ENTRIES) {
-    return unexpected_condition(function, MODEM_API_ERR_INVALID_PARAM);
-  }
-  if (ids == nullptr) return unexpected_null(function, MODEM_API_ERR_INVALID_PARAM);
+int32_t modem_api_clear_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot, int32_t id_count,
+                                        const uint32_t* ids) {
+  Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
+  if (id_count < 1 || id_count > MODEM_API_STATS_ENTRIES) return command.refuse(MODEM_API_ERR_INVALID_PARAM);
+  if (ids == nullptr) return command.refuse_null(MODEM_API_ERR_INVALID_PARAM);
   Zeroed<vs::ClearStatsParameterRequest> request;
   request.sub = sub;
   request.slot = slot;
   request.id_count = static_cast<uint32_t>(id_count);
   std::copy_n(ids, id_count, request.ids);
-  return exchange_vs(vs::kClearStatsParameter, request);
-}
-
-}  // namespace
-}  // namespace pelmar
-
-using namespace pelmar;
-
-int32_t modem_api_get_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t* enabled, uint8_t* effective) {
-  PELMAR_RETURN_LOGGED(get_feature_status(__func__, client_id, feature, enabled, effective));
-}
-
-int32_t modem_api_set_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t enable, uint8_t option_valid,
-                                           uint8_t option) {
-  PELMAR_RETURN_LOGGED(set_feature_status(__func__, client_id, feature, enable, option_valid, option));
-}
-
-int32_t modem_api_set_modem_stats_report_status(int32_t client_id, uint8_t report, uint32_t* stats_client_id) {
-  PELMAR_RETURN_LOGGED(set_report_status(__func__, client_id, report, stats_client_id));
-}
-
-int32_t modem_api_register_modem_stats_data(int32_t client_id, uint32_t stats_client_id, uint8_t option1_valid,
-                                            uint16_t option1, uint8_t option2_valid, uint16_t option2,
-                                            const modem_api_stats_registration* records, uint32_t record_count) {
-  const Options options = {option1_valid, option1, option2_valid, option2};
-  PELMAR_RETURN_LOGGED(register_stats(__func__, client_id, stats_client_id, options, records, record_count));
-}
-
-int32_t modem_api_deregister_modem_stats_data(int32_t client_id, uint32_t stats_client_id, uint8_t option1_valid,
-                                              uint16_t option1, uint8_t option2_valid, uint16_t option2,
-                                              const uint32_t* ids, uint32_t id_count) {
-  const Options options = {option1_valid, option1, option2_valid, option2};
-  PELMAR_RETURN_LOGGED(deregister_stats(__func__, client_id, stats_client_id, options, ids, id_count));
-}
-
-int32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot, stats_para_data* data) {
-  PELMAR_RETURN_LOGGED(get_stats_parameter(__func__, client_id, sub, slot, data));
-}
-
-int32_t modem_api_clear_stats_parameter(int32_t client_id, uint16_t sub, uint16_t slot, int32_t id_count,
-                                        const uint32_t* ids) {
-  PELMAR_RETURN_LOGGED(clear_stats_parameter(__func__, client_id, sub, slot, id_count, ids));
+  return command.exit(exchange_vs(vs::kClearStatsParameter, request));
 }

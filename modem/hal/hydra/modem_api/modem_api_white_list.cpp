@@ -19,11 +19,10 @@ bool is_listed(const char* name) {
 }  // namespace
 
 int32_t modem_api_check_white_list() {
-  PELMAR_LOG_ENTRY();
+  pelmar::Operation operation(PELMAR_HERE);
   const char* const name = pelmar_utils_get_pid_name();
   const int32_t passes = is_listed(name) ? 1 : 0;
   const char* const outcome = passes != 0 ? "pass" : "fail";
   PELMAR_LOG_DEBUG("check %s, p_id: %d, p_name: %s", outcome, pelmar_utils_get_pid_number(), name);
-  PELMAR_LOG_EXIT_RET(passes);
-  return passes;
+  return operation.exit(passes);
 }

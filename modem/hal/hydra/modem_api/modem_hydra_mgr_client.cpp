@@ -16,7 +16,7 @@ constexpr uint32_t kFeature = 2;
 constexpr int32_t kNoId = -1;
 constexpr int32_t kStatsClientIdLimit = 10;  // granted ids are expected below it; another one is kept all the same
 
-// What commands answer while hydra is closed: callers do not see it as an error.
+// The result of commands while hydra is closed: callers do not see it as an error.
 constexpr modem_api_result kNothingDone = MODEM_API_SUCCESS;
 
 class Id {
@@ -32,15 +32,15 @@ class Id {
 constinit Id g_hydra_client_id;
 constinit Id g_hydra_stats_client_id;
 
-bool is_open(const char* function) {
+bool is_open(const log::Place& here) {
   if (modem_hydra_api_is_inited() != 0) return true;
-  PELMAR_LOG_ERROR_AS(function, "The hydra is not inited, do nothing");
+  PELMAR_LOG_ERROR_AT(here, "The hydra is not inited, do nothing");
   return false;
 }
 
-bool has_stats_client(const char* function) {
+bool has_stats_client(const log::Place& here) {
   if (modem_hydra_stats_client_is_inited() != 0) return true;
-  PELMAR_LOG_ERROR_AS(function, "The hydra stats_clien is not inited, do nothing");
+  PELMAR_LOG_ERROR_AT(here, "The hydra stats_clien is not inited, do nothing");
   return false;
 }
 
@@ -50,37 +50,10 @@ void free_client() {
   g_hydra_client_id.set(kNoId);
 }
 
-// Only the id decides whether hydra is open; the result of the opening is not looked at.
-uint8_t open(const char* function, modem_api_event_cb event_cb, modem_api_status_cb status_cb) {
-  PELMAR_LOG_DEBUG_AS(function, "old g_hydra_client_id = %d", g_hydra_client_id.get());
-  free_client();
-  // Deliberate, although it drops every other client of the process.
-  modem_api_release();
-  modem_api_init();
-  int32_t client_id = kNoId;
-  modem_api_init_client(MODEM_API_CLIENT_VS, event_cb, status_cb, &client_id);
-  g_hydra_client_id.set(client_id);
-  PELMAR_LOG_DEBUG_AS(function, "new g_hydra_client_id = %d", client_id);
-  if (g_hydra_client_id.is_set()) return 1;
-  PELMAR_LOG_ERROR_AS(function, "modem_api_init_client failed");
-  return 0;
-}
-
-modem_api_result close(const char* function) {
-  PELMAR_LOG_DEBUG_AS(function, "g_hydra_client_id = %d", g_hydra_client_id.get());
-  free_client();
-  return modem_api_release();
-}
-
-uint8_t answer_is_set(const char* function, const char* name, const Id& id) {
-  PELMAR_LOG_DEBUG_AS(function, "%s = %d", name, id.get());
-  return id.is_set() ? 1 : 0;
-}
-
 // --- the feature ---
 
 uint8_t modem_hydra_get_feature_status(uint8_t* enabled, uint8_t* effective) {
-  if (!is_open(__func__)) return 0;
+  if (!is_open(PELMAR_HERE)) return 0;
   const modem_api_result ret =
       modem_api_get_hydra_feature_status(g_hydra_client_id.get(), kFeature, enabled, effective);
   PELMAR_LOG_DEBUG("ret = %d", ret);
@@ -88,44 +61,30 @@ uint8_t modem_hydra_get_feature_status(uint8_t* enabled, uint8_t* effective) {
 }
 
 uint8_t modem_hydra_set_feature_status(uint8_t enable, uint8_t option_valid, uint8_t option) {
-  if (!is_open(__func__)) return 0;
+  if (!is_open(PELMAR_HERE)) return 0;
   const modem_api_result ret =
       modem_api_set_hydra_feature_status(g_hydra_client_id.get(), kFeature, enable, option_valid, option);
   PELMAR_LOG_DEBUG("ret = %d", ret);
   return ret == MODEM_API_SUCCESS ? 1 : 0;
 }
 
-// A status that cannot be read counts as not started.
-uint8_t is_started(const char* function) {
-  uint8_t enabled = 0;
-  uint8_t effective = 0;
-  const uint8_t result = modem_hydra_get_feature_status(&enabled, &effective);
-  PELMAR_LOG_DEBUG_AS(function, "result = %d, enabled = %d, effective = %d", result, enabled, effective);
-  return enabled;
-}
-
-// `on`: 1 or 0. The feature's three flags go the same way.
-uint8_t switch_feature(const char* function, uint8_t on) {
-  return is_open(function) ? modem_hydra_set_feature_status(on, on, on) : 0;
-}
-
 // --- statistics reporting ---
 
 modem_api_result modem_hydra_add_modem_event(int32_t event) {
-  return is_open(__func__) ? modem_api_add_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
+  return is_open(PELMAR_HERE) ? modem_api_add_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
 }
 
 modem_api_result modem_hydra_remove_modem_event(int32_t event) {
-  return is_open(__func__) ? modem_api_remove_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
+  return is_open(PELMAR_HERE) ? modem_api_remove_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
 }
 
 modem_api_result modem_hydra_set_vs_event_report() {
-  return is_open(__func__) ? modem_api_set_vs_event_report(g_hydra_client_id.get()) : kNothingDone;
+  return is_open(PELMAR_HERE) ? modem_api_set_vs_event_report(g_hydra_client_id.get()) : kNothingDone;
 }
 
 // An enable that fails leaves the id as it was; a disable sends the one that is held.
 modem_api_result modem_hydra_set_modem_stats_report_status(uint8_t flag) {
-  if (!is_open(__func__)) return kNothingDone;
+  if (!is_open(PELMAR_HERE)) return kNothingDone;
   auto stats_client_id = static_cast<uint32_t>(g_hydra_stats_client_id.get());
   const modem_api_result ret = modem_api_set_modem_stats_report_status(g_hydra_client_id.get(), flag, &stats_client_id);
   if (flag != 0 && ret == MODEM_API_SUCCESS) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
@@ -142,65 +101,40 @@ struct EventSwitch {
 constexpr EventSwitch kEnable = {"enable", "modem_hydra_add_modem_event", modem_hydra_add_modem_event};
 constexpr EventSwitch kDisable = {"disable", "modem_hydra_remove_modem_event", modem_hydra_remove_modem_event};
 
-// No effect on the first event: both are as wanted, and the modem has been told.
-bool switch_events(const char* function, const EventSwitch& row) {
+// No effect on the first event: both are as wanted, and the modem has that already.
+bool switch_events(const Operation& operation, const EventSwitch& row) {
   modem_api_result ret = row.set_event(MODEM_API_EVENT_VS_REPORT_A);
-  PELMAR_LOG_DEBUG_AS(function, "%s, modem_api_ret = %d", row.verb, ret);
+  PELMAR_LOG_DEBUG_IN(operation, "%s, modem_api_ret = %d", row.verb, ret);
   if (ret == MODEM_API_ERR_NO_EFFECT) {
-    PELMAR_LOG_DEBUG_AS(function, "%s already done", row.name);
+    PELMAR_LOG_DEBUG_IN(operation, "%s already done", row.name);
     return true;
   }
   if (ret == MODEM_API_SUCCESS) ret = row.set_event(MODEM_API_EVENT_VS_REPORT_B);
   if (ret != MODEM_API_SUCCESS) {
-    PELMAR_LOG_DEBUG_AS(function, "%s fail, modem_api_ret = %d", row.name, ret);
+    PELMAR_LOG_DEBUG_IN(operation, "%s fail, modem_api_ret = %d", row.name, ret);
     return false;
   }
   ret = modem_hydra_set_vs_event_report();
   if (ret == MODEM_API_SUCCESS) return true;
-  PELMAR_LOG_DEBUG_AS(function, "modem_hydra_set_vs_event_report fail, modem_api_ret = %d", ret);
+  PELMAR_LOG_DEBUG_IN(operation, "modem_hydra_set_vs_event_report fail, modem_api_ret = %d", ret);
   return false;
 }
 
-bool switch_reporting(const char* function, uint8_t flag) {
-  if (!switch_events(function, flag != 0 ? kEnable : kDisable)) return false;
+bool switch_reporting(const Operation& operation, uint8_t flag) {
+  if (!switch_events(operation, flag != 0 ? kEnable : kDisable)) return false;
   const modem_api_result ret = modem_hydra_set_modem_stats_report_status(flag);
-  PELMAR_LOG_DEBUG_AS(function, "modem_hydra_set_modem_stats_report_status, modem_api_ret = %d, stats_client_id = %d",
+  PELMAR_LOG_DEBUG_IN(operation, "modem_hydra_set_modem_stats_report_status, modem_api_ret = %d, stats_client_id = %d",
                       ret, g_hydra_stats_client_id.get());
   if (ret == MODEM_API_SUCCESS) return true;
-  PELMAR_LOG_DEBUG_AS(function, "modem_hydra_set_modem_stats_report_status failed, modem_api_ret = %d", ret);
+  PELMAR_LOG_DEBUG_IN(operation, "modem_hydra_set_modem_stats_report_status failed, modem_api_ret = %d", ret);
   return false;
 }
 
 // Returns 0 on success and 1 on a failure. Its own lines go out at debug level, failures included.
 uint8_t modem_hydra_stats_set_report_status(uint8_t flag) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   PELMAR_LOG_DEBUG("flag = %d, stats_client_id = %d", flag, g_hydra_stats_client_id.get());
-  const uint8_t result = switch_reporting(__func__, flag) ? 0 : 1;
-  PELMAR_LOG_EXIT();
-  return result;
-}
-
-// Neither a refused enable nor an id out of range changes the answer.
-uint8_t allocate_stats_id(const char* function) {
-  modem_hydra_stats_id_free();
-  const uint8_t result = modem_hydra_stats_set_report_status(1);
-  const int32_t id = g_hydra_stats_client_id.get();
-  PELMAR_LOG_DEBUG_AS(function, "modem_hydra_stats_set_report_status, TRUE, result = %d, g_hydra_stats_client_id = %d",
-                      result, id);
-  if (id >= kStatsClientIdLimit) {
-    PELMAR_LOG_DEBUG_AS(function, "g_hydra_stats_client_id is out of range, can not >= %d", kStatsClientIdLimit);
-  }
-  return 1;
-}
-
-void free_stats_id(const char* function) {
-  if (modem_hydra_stats_client_is_inited() == 0) {
-    PELMAR_LOG_DEBUG_AS(function, "g_hydra_stats_client_id is not inited");
-    return;
-  }
-  const uint8_t result = modem_hydra_stats_set_report_status(0);
-  PELMAR_LOG_DEBUG_AS(function, "modem_hydra_stats_set_report_status, FALSE, result = %d, g_hydra_stats_client_id = %d",
-                      result, g_hydra_stats_client_id.get());
+  return switch_reporting(operation, flag) ? 0 : 1;
 }
 
 }  // namespace
@@ -219,73 +153,118 @@ void modem_hydra_operational_status_cb(uint32_t notice, uint32_t client_type) {
 using namespace pelmar;
 
 uint8_t modem_hydra_api_init() {
-  PELMAR_RETURN_LOGGED(modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb));
 }
 
+// Only the id decides whether hydra is open; the result of the opening is not looked at.
 uint8_t modem_hydra_api_init_ex(modem_api_event_cb event_cb, modem_api_status_cb status_cb) {
-  PELMAR_RETURN_LOGGED(open(__func__, event_cb, status_cb));
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("old g_hydra_client_id = %d", g_hydra_client_id.get());
+  free_client();
+  // Compatibility: this drops every other client of the process.
+  modem_api_release();
+  modem_api_init();
+  int32_t client_id = kNoId;
+  modem_api_init_client(MODEM_API_CLIENT_VS, event_cb, status_cb, &client_id);
+  g_hydra_client_id.set(client_id);
+  PELMAR_LOG_DEBUG("new g_hydra_client_id = %d", client_id);
+  if (!g_hydra_client_id.is_set()) PELMAR_LOG_ERROR("modem_api_init_client failed");
+  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.is_set() ? 1 : 0));
 }
 
 uint8_t modem_hydra_api_is_inited() {
-  PELMAR_RETURN_LOGGED(answer_is_set(__func__, "g_hydra_client_id", g_hydra_client_id));
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.get());
+  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.is_set() ? 1 : 0));
 }
 
 modem_api_result modem_hydra_api_deinit() {
-  PELMAR_RETURN_LOGGED(close(__func__));
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.get());
+  free_client();
+  return operation.exit(modem_api_release());
 }
 
+// A status that cannot be read counts as not started.
 uint8_t modem_hydra_stats_is_started() {
-  PELMAR_RETURN_LOGGED(is_started(__func__));
+  Operation operation(PELMAR_HERE);
+  uint8_t enabled = 0;
+  uint8_t effective = 0;
+  const uint8_t result = modem_hydra_get_feature_status(&enabled, &effective);
+  PELMAR_LOG_DEBUG("result = %d, enabled = %d, effective = %d", result, enabled, effective);
+  return operation.exit(enabled);
 }
 
 uint8_t modem_hydra_stats_start() {
-  PELMAR_RETURN_LOGGED(switch_feature(__func__, 1));
+  Operation operation(PELMAR_HERE);
+  const bool open = is_open(PELMAR_HERE);
+  return operation.exit(open ? modem_hydra_set_feature_status(1, 1, 1) : uint8_t{0});
 }
 
 uint8_t modem_hydra_stats_stop() {
-  PELMAR_RETURN_LOGGED(switch_feature(__func__, 0));
+  Operation operation(PELMAR_HERE);
+  const bool open = is_open(PELMAR_HERE);
+  return operation.exit(open ? modem_hydra_set_feature_status(0, 0, 0) : uint8_t{0});
 }
 
 uint8_t modem_hydra_stats_client_is_inited() {
-  PELMAR_RETURN_LOGGED(answer_is_set(__func__, "g_hydra_stats_client_id", g_hydra_stats_client_id));
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("g_hydra_stats_client_id = %d", g_hydra_stats_client_id.get());
+  return operation.exit(static_cast<uint8_t>(g_hydra_stats_client_id.is_set() ? 1 : 0));
 }
 
+// Compatibility: the result is 1 also when the modem refused, and when the id is out of range.
 uint8_t modem_hydra_stats_id_alloc() {
-  PELMAR_RETURN_LOGGED(allocate_stats_id(__func__));
+  Operation operation(PELMAR_HERE);
+  modem_hydra_stats_id_free();
+  const uint8_t result = modem_hydra_stats_set_report_status(1);
+  const int32_t id = g_hydra_stats_client_id.get();
+  PELMAR_LOG_DEBUG("modem_hydra_stats_set_report_status, TRUE, result = %d, g_hydra_stats_client_id = %d", result, id);
+  if (id >= kStatsClientIdLimit) {
+    PELMAR_LOG_DEBUG("g_hydra_stats_client_id is out of range, can not >= %d", kStatsClientIdLimit);
+  }
+  return operation.exit(uint8_t{1});
 }
 
 void modem_hydra_stats_id_free() {
-  PELMAR_LOG_ENTRY();
-  free_stats_id(__func__);
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  if (modem_hydra_stats_client_is_inited() == 0) {
+    PELMAR_LOG_DEBUG("g_hydra_stats_client_id is not inited");
+    return;
+  }
+  const uint8_t result = modem_hydra_stats_set_report_status(0);
+  PELMAR_LOG_DEBUG("modem_hydra_stats_set_report_status, FALSE, result = %d, g_hydra_stats_client_id = %d", result,
+                   g_hydra_stats_client_id.get());
 }
 
 modem_api_result modem_hydra_register_modem_stats_data(uint8_t option1_valid, uint16_t option1, uint8_t option2_valid,
                                                        uint16_t option2, const modem_api_stats_registration* records,
                                                        uint32_t record_count) {
-  PELMAR_RETURN_LOGGED(is_open(__func__) && has_stats_client(__func__)
-                           ? modem_api_register_modem_stats_data(
-                                 g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()),
-                                 option1_valid, option1, option2_valid, option2, records, record_count)
-                           : kNothingDone);
+  Operation operation(PELMAR_HERE);
+  if (!is_open(PELMAR_HERE) || !has_stats_client(PELMAR_HERE)) return operation.exit(kNothingDone);
+  return operation.exit(
+      modem_api_register_modem_stats_data(g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()),
+                                          option1_valid, option1, option2_valid, option2, records, record_count));
 }
 
 modem_api_result modem_hydra_deregister_modem_stats_data(uint8_t option1_valid, uint16_t option1, uint8_t option2_valid,
                                                          uint16_t option2, const uint32_t* ids, uint32_t id_count) {
-  PELMAR_RETURN_LOGGED(is_open(__func__) && has_stats_client(__func__)
-                           ? modem_api_deregister_modem_stats_data(
-                                 g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()),
-                                 option1_valid, option1, option2_valid, option2, ids, id_count)
-                           : kNothingDone);
+  Operation operation(PELMAR_HERE);
+  if (!is_open(PELMAR_HERE) || !has_stats_client(PELMAR_HERE)) return operation.exit(kNothingDone);
+  return operation.exit(modem_api_deregister_modem_stats_data(
+      g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()), option1_valid, option1,
+      option2_valid, option2, ids, id_count));
 }
 
 modem_api_result modem_hydra_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para_data* data) {
-  PELMAR_RETURN_LOGGED(is_open(__func__) ? modem_api_get_stats_parameter(g_hydra_client_id.get(), sub, slot, data)
-                                         : kNothingDone);
+  Operation operation(PELMAR_HERE);
+  if (!is_open(PELMAR_HERE)) return operation.exit(kNothingDone);
+  return operation.exit(modem_api_get_stats_parameter(g_hydra_client_id.get(), sub, slot, data));
 }
 
 modem_api_result modem_hydra_clear_stats_parameter(uint16_t sub, uint16_t slot, int32_t id_count, const uint32_t* ids) {
-  PELMAR_RETURN_LOGGED(is_open(__func__)
-                           ? modem_api_clear_stats_parameter(g_hydra_client_id.get(), sub, slot, id_count, ids)
-                           : kNothingDone);
+  Operation operation(PELMAR_HERE);
+  if (!is_open(PELMAR_HERE)) return operation.exit(kNothingDone);
+  return operation.exit(modem_api_clear_stats_parameter(g_hydra_client_id.get(), sub, slot, id_count, ids));
 }

@@ -1,4 +1,4 @@
-// One value at a time: its request, the checks of its answer, and its bytes with the cursor.
+// One value at a time: its request, the checks of the response, and its bytes with the cursor.
 #include "modem_hydra_mgr_fetch.h"
 
 #include <bit>
@@ -30,49 +30,49 @@ struct FetchedValue {
 
 constinit FetchedValue g_value = {};
 
-bool ensure_open(const char* function) {
+bool ensure_open(const log::Place& here) {
   if (modem_hydra_api_is_inited() != 0) return true;
-  PELMAR_LOG_ERROR_AS(function, "The hydra is not inited, will init it");
+  PELMAR_LOG_ERROR_AT(here, "The hydra is not inited, will init it");
   const InCallback waits_for_no_callback;  // which might itself be waiting for its turn to read
   modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb);
   if (modem_hydra_api_is_inited() != 0) return true;
-  PELMAR_LOG_ERROR_AS(function, "The hydra init failed, will do nothing");
+  PELMAR_LOG_ERROR_AT(here, "The hydra init failed, will do nothing");
   return false;
 }
 
-// Whether the modem's answer is the one value that was asked for; keeps the value's length.
-bool is_expected(const char* function, uint32_t sub, uint32_t id, const stats_para_data& answer) {
-  const stats_para_entry& entry = answer.entries[0];
+// Whether the response is the one value that was requested; keeps the value's length.
+bool is_expected(const log::Place& here, uint32_t sub, uint32_t id, const stats_para_data& response) {
+  const stats_para_entry& entry = response.entries[0];
   const int number = static_cast<int>(g_value.request_no);
   const int asked_sub = static_cast<int>(sub);
   const int asked_id = static_cast<int>(id);
-  const int count = static_cast<int>(answer.para_num);
+  const int count = static_cast<int>(response.para_num);
   if (count == 0) {
-    PELMAR_LOG_ERROR_AS(function, "Fail to get data, empty, number = %d, sub = %d, ret id_num = %d, id = %d", number,
+    PELMAR_LOG_ERROR_AT(here, "Fail to get data, empty, number = %d, sub = %d, ret id_num = %d, id = %d", number,
                         asked_sub, count, asked_id);
     return false;
   }
   if (count != 1) {
-    PELMAR_LOG_ERROR_AS(function, "Fail to get data, id num error, number = %d, sub = %d, ret id_num = %d, id = %d",
-                        number, asked_sub, count, asked_id);
+    PELMAR_LOG_ERROR_AT(here, "Fail to get data, id num error, number = %d, sub = %d, ret id_num = %d, id = %d", number,
+                        asked_sub, count, asked_id);
     return false;
   }
   if (entry.id != id) {
-    PELMAR_LOG_ERROR_AS(function,
+    PELMAR_LOG_ERROR_AT(here,
                         "Fail to get data, ret_id(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
                         static_cast<int>(entry.id), number, asked_sub, count, asked_id);
     return false;
   }
   const auto entry_sub = static_cast<uint16_t>(entry.sub);
   if (entry_sub != static_cast<uint16_t>(sub)) {
-    PELMAR_LOG_ERROR_AS(function,
+    PELMAR_LOG_ERROR_AT(here,
                         "Fail to get data, ret_sub(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
                         entry_sub, number, asked_sub, count, asked_id);
     return false;
   }
   g_value.length = entry.value_len;
   if (g_value.length == 0 || g_value.length > kMaxValueBytes) {
-    PELMAR_LOG_ERROR_AS(function,
+    PELMAR_LOG_ERROR_AT(here,
                         "Fail to get data, data_len(%d) is invalid, should be in (0, %d], number = %d, sub = %d, "
                         "ret id_num = %d, id = %d",
                         static_cast<int>(g_value.length), kMaxValueBytes, number, asked_sub, count, asked_id);
@@ -88,7 +88,7 @@ constinit Lock g_decoder_lock;
 bool modem_hydra_data_get(uint32_t sub, uint32_t id) {
   g_value.length = 0;
   std::memset(g_value.bytes, 0, sizeof(g_value.bytes));
-  if (!ensure_open(__func__)) return false;
+  if (!ensure_open(PELMAR_HERE)) return false;
   if (sub >= kSubscriptions) {
     PELMAR_LOG_ERROR("modem_api_get_stats_parameter, sub(%d) is invalid", static_cast<int>(sub));
     return false;
@@ -105,7 +105,7 @@ bool modem_hydra_data_get(uint32_t sub, uint32_t id) {
                      static_cast<int>(g_value.request_no), ret, static_cast<int>(sub), static_cast<int>(id));
     return false;
   }
-  if (!is_expected(__func__, sub, id, data)) return false;
+  if (!is_expected(PELMAR_HERE, sub, id, data)) return false;
   PELMAR_LOG_DEBUG("Success to get data, number = %d, sub = %d, ret id_num = %d, id = %d, data_len = %d",
                    static_cast<int>(g_value.request_no), static_cast<int>(sub), static_cast<int>(data.para_num),
                    static_cast<int>(id), static_cast<int>(g_value.length));
@@ -116,15 +116,15 @@ bool modem_hydra_data_get(uint32_t sub, uint32_t id) {
   return true;
 }
 
-bool take_field(const char* decoder, const MetricField& field, void* record) {
+bool take_field(const log::Place& decoder, const MetricField& field, void* record) {
   if (g_value.data_left < field.width) {
-    PELMAR_LOG_ERROR_AS(decoder, "g_hydra_data_left(%d) is not enough for %s, id(0x%x)", g_value.data_left, field.name,
+    PELMAR_LOG_ERROR_AT(decoder, "g_hydra_data_left(%d) is not enough for %s, id(0x%x)", g_value.data_left, field.name,
                         g_value.id);
     return false;
   }
   // Cannot happen: the count only ever grows by the widths of fields. The check and its message belong to the step.
   if (g_value.data_count < 0) {
-    PELMAR_LOG_ERROR_AS(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
+    PELMAR_LOG_ERROR_AT(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
                         g_value.id);
     return false;
   }

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "pelmar_lock.h"
+#include "pelmar_log_site.h"
 
 namespace pelmar {
 
@@ -24,7 +25,8 @@ struct MetricField {
 // False for a failure, which is logged.
 bool modem_hydra_data_get(uint32_t sub, uint32_t id);
 
-// Takes the next field off the fetched value. False when the value is used up, which is logged under `decoder`.
-bool take_field(const char* decoder, const MetricField& field, void* record);
+// Takes the next field off the fetched value. False when the value is used up, which is logged at `decoder`, the
+// function that decodes.
+bool take_field(const log::Place& decoder, const MetricField& field, void* record);
 
 }  // namespace pelmar

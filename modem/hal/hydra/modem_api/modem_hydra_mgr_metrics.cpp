@@ -17,16 +17,16 @@ uint32_t address_of(const void* record) {
   return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(record));
 }
 
-bool fetch(const char* decoder, uint32_t sub, uint32_t id) {
+bool fetch(const log::Place& decoder, uint32_t sub, uint32_t id) {
   if (modem_hydra_data_get(sub, id)) return true;
-  PELMAR_LOG_ERROR_AS(decoder, "modem_hydra_data_get failed");
+  PELMAR_LOG_ERROR_AT(decoder, "modem_hydra_data_get failed");
   return false;
 }
 
 template <typename Record>
-uint8_t fill(const char* decoder, uint32_t sub, uint32_t id, Record* record) {
+uint8_t fill(const log::Place& decoder, uint32_t sub, uint32_t id, Record* record) {
   if (record == nullptr) {
-    PELMAR_LOG_ERROR_AS(decoder, "ptr_hydra_data is NULL");
+    PELMAR_LOG_ERROR_AT(decoder, "ptr_hydra_data is NULL");
     return 0;
   }
   if (!fetch(decoder, sub, id)) return 0;
@@ -41,35 +41,35 @@ uint8_t fill(const char* decoder, uint32_t sub, uint32_t id, Record* record) {
 enum class Identifier { kFixed, kLogged };
 
 template <typename Record>
-uint8_t decode(const char* decoder, Identifier identifier, uint32_t sub, uint32_t id, Record* record) {
-  PELMAR_LOG_ENTRY_AS(decoder);
+uint8_t decode(const log::Place& decoder, Identifier identifier, uint32_t sub, uint32_t id, Record* record) {
+  PELMAR_LOG_DEBUG_AT(decoder, "function entry ------------->");
   uint8_t ret = 0;
   {
     const std::lock_guard lock(g_decoder_lock);
     if (identifier == Identifier::kLogged) {
-      PELMAR_LOG_DEBUG_AS(decoder, "sub = %d, id = %d, ptr_hydra_data = 0x%x", static_cast<int>(sub),
+      PELMAR_LOG_DEBUG_AT(decoder, "sub = %d, id = %d, ptr_hydra_data = 0x%x", static_cast<int>(sub),
                           static_cast<int>(id), address_of(record));
     } else {
-      PELMAR_LOG_DEBUG_AS(decoder, "sub = %d, ptr_hydra_data = 0x%x", static_cast<int>(sub), address_of(record));
+      PELMAR_LOG_DEBUG_AT(decoder, "sub = %d, ptr_hydra_data = 0x%x", static_cast<int>(sub), address_of(record));
     }
     ret = fill(decoder, sub, id, record);
   }
-  PELMAR_LOG_DEBUG_AS(decoder, "function exit, ret = %d <-------------", ret);
+  PELMAR_LOG_DEBUG_AT(decoder, "function exit, ret = %d <-------------", ret);
   return ret;
 }
 
 uint8_t modem_hydra_lte_srv_meas_info_get(uint32_t sub, uint32_t id, modem_hydra_lte_srv_meas_info* record) {
-  return decode(__func__, Identifier::kLogged, sub, id, record);
+  return decode(PELMAR_HERE, Identifier::kLogged, sub, id, record);
 }
 
 uint8_t modem_hydra_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id, modem_hydra_nr5g_srv_meas_info* record) {
-  return decode(__func__, Identifier::kLogged, sub, id, record);
+  return decode(PELMAR_HERE, Identifier::kLogged, sub, id, record);
 }
 
 // Only the first stack's technology is read, however many there are; with none there is nothing to read.
-uint32_t read_system_mode(const char* decoder, uint32_t sub) {
+uint32_t read_system_mode(const log::Place& decoder, uint32_t sub) {
   const std::lock_guard lock(g_decoder_lock);
-  PELMAR_LOG_DEBUG_AS(decoder, "sub = %d", static_cast<int>(sub));
+  PELMAR_LOG_DEBUG_AT(decoder, "sub = %d", static_cast<int>(sub));
   constexpr uint32_t kSystemModeId = 0x2c;
   if (!fetch(decoder, sub, kSystemModeId)) return MODEM_SYS_MODE_UNKNOWN;
   const auto& [stack_max, rat] = Metric<SystemMode>::kFields;
@@ -88,7 +88,7 @@ using namespace pelmar;
 // Decoders with a statistics identifier of their own.
 #define PELMAR_DECODER(Record, id)                                      \
   uint8_t Record##_get(uint32_t sub, Record* record) {                  \
-    return decode(__func__, Identifier::kFixed, sub, id, record);       \
+    return decode(PELMAR_HERE, Identifier::kFixed, sub, id, record);       \
   }
 PELMAR_DECODER(modem_hydra_nr5g_ll1_fw_rx_control_agc,        0x5e)
 PELMAR_DECODER(modem_hydra_nr5g_ll1_fw_serving_ftl,           0x70)
@@ -103,7 +103,8 @@ PELMAR_DECODER(modem_hydra_nr5g_mac_ul_phy_ch_power_info,     0x5a)
 // Carriers of the serving cell measurements.
 #define PELMAR_CARRIER(Record, carrier, id)                             \
   uint8_t Record##_get_for_##carrier(uint32_t sub, Record* record) {    \
-    PELMAR_RETURN_LOGGED(Record##_get(sub, id, record));                \
+    Operation operation(PELMAR_HERE);                                   \
+    return operation.exit(Record##_get(sub, id, record));               \
   }
 PELMAR_CARRIER(modem_hydra_lte_srv_meas_info,  pcc,  0x52)
 PELMAR_CARRIER(modem_hydra_lte_srv_meas_info,  scc1, 0x67)
@@ -120,8 +121,8 @@ PELMAR_CARRIER(modem_hydra_nr5g_srv_meas_info, scc2, 0x07)
 // clang-format on
 
 uint32_t modem_sys_mode_get(uint32_t sub) {
-  PELMAR_LOG_ENTRY();
-  const uint32_t rat = read_system_mode(__func__, sub);
+  PELMAR_LOG_DEBUG("function entry ------------->");
+  const uint32_t rat = read_system_mode(PELMAR_HERE, sub);
   PELMAR_LOG_DEBUG("function exit, rat = %d <-------------", static_cast<int>(rat));
   return rat;
 }

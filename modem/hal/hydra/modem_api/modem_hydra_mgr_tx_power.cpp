@@ -13,28 +13,28 @@ uint32_t to_power(float value) {
   return fits ? static_cast<uint32_t>(static_cast<int32_t>(value)) : MODEM_TX_POWER_NONE;
 }
 
-uint32_t nr_power(const char* function, uint32_t sub) {
+uint32_t nr_power(const log::Place& here, uint32_t sub) {
   modem_hydra_nr5g_mac_ul_phy_ch_power_info info = {};
   if (modem_hydra_nr5g_mac_ul_phy_ch_power_info_get(sub, &info) != 0) return to_power(info.tx_power_pusch);
-  PELMAR_LOG_ERROR_AS(function, "modem_hydra_nr5g_mac_ul_phy_ch_power_info_get faile");
+  PELMAR_LOG_ERROR_AT(here, "modem_hydra_nr5g_mac_ul_phy_ch_power_info_get faile");
   return MODEM_TX_POWER_NONE;
 }
 
-uint32_t lte_power(const char* function, uint32_t sub) {
+uint32_t lte_power(const log::Place& here, uint32_t sub) {
   modem_hydra_lte_pusch_power_info info = {};
   if (modem_hydra_lte_pusch_power_info_get(sub, &info) != 0) return static_cast<uint32_t>(int32_t{info.pusch_tx_power});
-  PELMAR_LOG_ERROR_AS(function, "modem_hydra_lte_pusch_power_info_get faile");
+  PELMAR_LOG_ERROR_AT(here, "modem_hydra_lte_pusch_power_info_get faile");
   return MODEM_TX_POWER_NONE;
 }
 
-uint32_t power_on(const char* function, uint32_t rat, uint32_t sub) {
+uint32_t power_on(const log::Place& here, uint32_t rat, uint32_t sub) {
   switch (rat) {
     case MODEM_SYS_MODE_NR:
-      return nr_power(function, sub);
+      return nr_power(here, sub);
     case MODEM_SYS_MODE_LTE:
-      return lte_power(function, sub);
+      return lte_power(here, sub);
     default:
-      PELMAR_LOG_ERROR_AS(function, "rat(%d) is invalid", static_cast<int>(rat));
+      PELMAR_LOG_ERROR_AT(here, "rat(%d) is invalid", static_cast<int>(rat));
       return MODEM_TX_POWER_NONE;
   }
 }
@@ -51,17 +51,17 @@ uint32_t higher_power(uint32_t power0, uint32_t power1) {
 using namespace pelmar;
 
 uint32_t modem_tx_power_get_by_sub(uint32_t sub) {
-  // Its entry line tells the mode, and so follows the reading of it.
+  // Compatibility: the entry line follows the reading of the mode.
   const uint32_t rat = modem_sys_mode_get(sub);
-  PELMAR_LOG_ENTRY();
+  PELMAR_LOG_DEBUG("function entry ------------->");
   PELMAR_LOG_DEBUG("sub = %d, rat = %d", static_cast<int>(sub), static_cast<int>(rat));
-  const uint32_t power = power_on(__func__, rat, sub);
+  const uint32_t power = power_on(PELMAR_HERE, rat, sub);
   PELMAR_LOG_DEBUG("function exit, tx_power = %d <-------------", static_cast<int>(power));
   return power;
 }
 
 uint32_t modem_tx_power_get_for_dds_sub() {
-  PELMAR_LOG_ENTRY();
+  PELMAR_LOG_DEBUG("function entry ------------->");
   const int32_t sub = pelmar_get_default_data_sub();
   const uint32_t power = modem_tx_power_get_by_sub(static_cast<uint32_t>(sub));
   PELMAR_LOG_DEBUG("function exit, dds_sub = %d, tx_power = %d <-------------", sub, static_cast<int>(power));
@@ -69,7 +69,7 @@ uint32_t modem_tx_power_get_for_dds_sub() {
 }
 
 uint32_t modem_tx_power_get_for_max_sub() {
-  PELMAR_LOG_ENTRY();
+  PELMAR_LOG_DEBUG("function entry ------------->");
   const uint32_t power0 = modem_tx_power_get_by_sub(0);
   const uint32_t power1 = modem_tx_power_get_by_sub(1);
   const uint32_t power = higher_power(power0, power1);

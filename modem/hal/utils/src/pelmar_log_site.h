@@ -2,6 +2,14 @@
 //
 //     PELMAR_LOG_ERROR("payload is %u bytes, limit %u", length, kLimit);
 //     PELMAR_LOG_DEBUG_AS(client.name, "using port %d", port);   // under another function's name
+//     PELMAR_LOG_DEBUG_IN(operation, "result %d", result);       // from a helper of an exported operation
+//
+// An exported operation logs its entry and its exit through an Operation:
+//
+//     bool pelmar_check_sub_id(uint32_t id) {
+//       Operation operation(PELMAR_HERE);
+//       return operation.exit(id <= 1);
+//     }
 //
 // The prefixes (see pelmar_log.h) and the body become one format string at each site, so that a line is formatted in
 // one call per sink, and the compiler checks the body against its arguments. The system log's line goes out first.
@@ -43,12 +51,16 @@ inline bool may_pass(Level level) {
   return g_logcat_print_mask.may_pass(level) || g_shell_print_mask.may_pass(level);
 }
 
-struct Site {
-  Level level;
-  int line;
-  const char* file;
+// Where a line comes from: the function whose name it carries, and a place in its source.
+struct Place {
   const char* function;
+  const char* file;
+  int line;
 };
+
+constexpr Place place_of(const char* function, const char* file, int line) {
+  return {function, file, line};
+}
 
 // One line's format, with the prefix of each of its three forms.
 struct Formats {
@@ -62,71 +74,101 @@ struct Formats {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 template <typename... Arguments>
-[[gnu::cold, gnu::noinline]] void write_line(const Site& site, const Formats& formats, Arguments... arguments) {
-  if (pelmar_hal_get_logcat_print_flag(site.level)) {
-    const auto write_system_log = site.level == kError ? pelmar_utils_syslog_err : pelmar_utils_syslog_dbg;
+[[gnu::cold, gnu::noinline]] void write_line(Level level, const Place& place, const Formats& formats,
+                                             Arguments... arguments) {
+  if (pelmar_hal_get_logcat_print_flag(level)) {
+    const auto write_system_log = level == kError ? pelmar_utils_syslog_err : pelmar_utils_syslog_dbg;
     const uint32_t instance = __atomic_load_n(&g_pelmar_qcril_ril_process_instance_id, __ATOMIC_RELAXED);
     if (instance != PELMAR_RIL_INSTANCE_UNKNOWN) {
-      write_system_log(formats.instance, static_cast<int>(instance), site.file, site.line, site.function, arguments...);
+      write_system_log(formats.instance, static_cast<int>(instance), place.file, place.line, place.function,
+                       arguments...);
     } else {
-      write_system_log(formats.process, pelmar_get_current_pid_name(), site.file, site.line, site.function,
+      write_system_log(formats.process, pelmar_get_current_pid_name(), place.file, place.line, place.function,
                        arguments...);
     }
   }
-  if (pelmar_hal_get_shell_print_flag(site.level)) {
-    std::printf(formats.shell, site.file, site.line, site.function, arguments...);
+  if (pelmar_hal_get_shell_print_flag(level)) {
+    std::printf(formats.shell, place.file, place.line, place.function, arguments...);
   }
 }
 #pragma GCC diagnostic pop
 
 [[gnu::format(printf, 1, 2)]] inline void check_format(const char*, ...) {}
 
-// The lines that most sites are, out of line.
-[[gnu::cold, gnu::visibility("hidden")]] void write_entry(const char* function, const char* file, int line);
-[[gnu::cold, gnu::visibility("hidden")]] void write_exit(const char* function, const char* file, int line);
-[[gnu::cold, gnu::visibility("hidden")]] void write_exit_ret(const char* function, const char* file, int line, int ret);
+// The lines of entry and exit, out of line: most sites are one of them.
+[[gnu::cold, gnu::visibility("hidden")]] void write_entry(const Place& place);
+[[gnu::cold, gnu::visibility("hidden")]] void write_exit(const Place& place);
+[[gnu::cold, gnu::visibility("hidden")]] void write_exit_result(const Place& place, int result);
+
+// An exported operation while it runs. The constructor logs the entry; exit() logs the exit with a result, and without
+// it the destructor logs the plain exit.
+class Operation {
+ public:
+  explicit Operation(const Place& here) : here_(here) {
+    if (may_pass(kDebug)) [[unlikely]]
+      write_entry(here_);
+  }
+  ~Operation() {
+    if (!has_exited_ && may_pass(kDebug)) [[unlikely]]
+      write_exit(here_);
+  }
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+
+  const Place& here() const { return here_; }
+
+  template <typename Result>
+  Result exit(Result result, int line = __builtin_LINE()) {
+    has_exited_ = true;
+    if (may_pass(kDebug)) [[unlikely]]
+      write_exit_result({here_.function, here_.file, line}, static_cast<int>(result));
+    return result;
+  }
+
+ private:
+  const Place here_;
+  bool has_exited_ = false;
+};
 
 }  // namespace pelmar::log
+
+namespace pelmar {
+using log::Operation;
+}
+
+#define PELMAR_HERE ::pelmar::log::place_of(__func__, __FILE_NAME__, __LINE__)
 
 #define PELMAR_LOG_FORMATS(body) \
   { "SUB[%d][%s:%d] %s: " body, "[%s][%s:%d] %s: " body, "RIL[%s:%d] %s: " body "\n" }
 
-#define PELMAR_LOG_IF_OPEN(level, write)               \
-  do {                                                 \
-    if (::pelmar::log::may_pass(level)) [[unlikely]] { \
-      write;                                           \
-    }                                                  \
+#define PELMAR_LOG_LINE(level, place, body, ...)                                                    \
+  do {                                                                                              \
+    if (false) ::pelmar::log::check_format(body __VA_OPT__(, ) __VA_ARGS__);                        \
+    if (::pelmar::log::may_pass(level)) [[unlikely]] {                                              \
+      ::pelmar::log::write_line(level, place, PELMAR_LOG_FORMATS(body) __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                                               \
   } while (0)
 
-#define PELMAR_LOG_LINE(level, function, body, ...)                                                            \
-  do {                                                                                                         \
-    if (false) ::pelmar::log::check_format(body __VA_OPT__(, ) __VA_ARGS__);                                   \
-    PELMAR_LOG_IF_OPEN(level, ::pelmar::log::write_line({level, __LINE__, __FILE_NAME__, function},            \
-                                                        PELMAR_LOG_FORMATS(body) __VA_OPT__(, ) __VA_ARGS__)); \
-  } while (0)
+#define PELMAR_LOG_ERROR(...) PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_HERE, __VA_ARGS__)
+#define PELMAR_LOG_DEBUG(...) PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_HERE, __VA_ARGS__)
+// In a helper of an operation, with the operation's name and place, or with a place that is handed in.
+#define PELMAR_LOG_ERROR_IN(operation, ...) PELMAR_LOG_LINE(::pelmar::log::kError, (operation).here(), __VA_ARGS__)
+#define PELMAR_LOG_DEBUG_IN(operation, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, (operation).here(), __VA_ARGS__)
+#define PELMAR_LOG_ERROR_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kError, place, __VA_ARGS__)
+#define PELMAR_LOG_DEBUG_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, place, __VA_ARGS__)
 
-#define PELMAR_LOG_ERROR_AS(function, ...) PELMAR_LOG_LINE(::pelmar::log::kError, function, __VA_ARGS__)
-#define PELMAR_LOG_DEBUG_AS(function, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, function, __VA_ARGS__)
-#define PELMAR_LOG_ERROR(...) PELMAR_LOG_ERROR_AS(__func__, __VA_ARGS__)
-#define PELMAR_LOG_DEBUG(...) PELMAR_LOG_DEBUG_AS(__func__, __VA_ARGS__)
+// Under another function's name: of a step that belongs to it.
+#define PELMAR_PLACE_AS(function) ::pelmar::log::place_of(function, __FILE_NAME__, __LINE__)
+#define PELMAR_LOG_ERROR_AS(function, ...) \
+  PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_PLACE_AS(function), __VA_ARGS__)
+#define PELMAR_LOG_DEBUG_AS(function, ...) \
+  PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_PLACE_AS(function), __VA_ARGS__)
 
-// What every exported operation writes on entry and on leaving, without or with its result.
-#define PELMAR_LOG_ENTRY_AS(function) \
-  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug, ::pelmar::log::write_entry(function, __FILE_NAME__, __LINE__))
-#define PELMAR_LOG_EXIT_AS(function) \
-  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug, ::pelmar::log::write_exit(function, __FILE_NAME__, __LINE__))
+// Entry and exit lines of the service clients.
+#define PELMAR_LOG_ENTRY_AS(function) PELMAR_LOG_DEBUG_AS(function, "function entry ------------->")
+#define PELMAR_LOG_EXIT_AS(function) PELMAR_LOG_DEBUG_AS(function, "function exit <-------------")
 #define PELMAR_LOG_EXIT_RET_AS(function, ret) \
-  PELMAR_LOG_IF_OPEN(::pelmar::log::kDebug,   \
-                     ::pelmar::log::write_exit_ret(function, __FILE_NAME__, __LINE__, static_cast<int>(ret)))
+  PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d) <-------------", static_cast<int>(ret))
 #define PELMAR_LOG_ENTRY() PELMAR_LOG_ENTRY_AS(__func__)
 #define PELMAR_LOG_EXIT() PELMAR_LOG_EXIT_AS(__func__)
 #define PELMAR_LOG_EXIT_RET(ret) PELMAR_LOG_EXIT_RET_AS(__func__, ret)
-
-// The whole body of an exported operation whose work is one expression: entry, work, exit, return.
-#define PELMAR_RETURN_LOGGED(work)      \
-  do {                                  \
-    PELMAR_LOG_ENTRY();                 \
-    const auto logged_result = (work);  \
-    PELMAR_LOG_EXIT_RET(logged_result); \
-    return logged_result;               \
-  } while (0)

@@ -12,13 +12,12 @@ constinit KeptProperty g_profile{"ro.vendor.radio.build_profile", "NULL"};
 constinit KeptProperty g_version{"ro.build.version.incremental", ""};
 
 // Certification outranks what the profile says, and "orbo" means a release only with a version that begins with 'V'.
-int32_t build_type() {
-  constexpr const char* kFunction = "pelmar_build_type_get";
+int32_t build_type(const Operation& operation) {
   const char* const profile = g_profile.value();
   const char* const version = g_version.value();
   const auto profile_has = [profile](const char* word) { return std::strstr(profile, word) != nullptr; };
-  const auto found = [=](const char* name, int32_t type) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "PELMAR_BUILD_TYPE_%s(%d), BUILD_PROFILE(%s)", name, type, profile);
+  const auto found = [&](const char* name, int32_t type) {
+    PELMAR_LOG_DEBUG_IN(operation, "PELMAR_BUILD_TYPE_%s(%d), BUILD_PROFILE(%s)", name, type, profile);
     return type;
   };
 
@@ -32,35 +31,33 @@ int32_t build_type() {
     }
     found("PRE", PELMAR_BUILD_TYPE_PRE);
   }
-  PELMAR_LOG_DEBUG_AS(kFunction, "build_type(%d), BUILD_PROFILE(%s), BUILD_VERSION(%s)", PELMAR_BUILD_TYPE_PRE, profile,
+  PELMAR_LOG_DEBUG_IN(operation, "build_type(%d), BUILD_PROFILE(%s), BUILD_VERSION(%s)", PELMAR_BUILD_TYPE_PRE, profile,
                       version);
   return PELMAR_BUILD_TYPE_PRE;
 }
 
-// Whether the build is of one type, decided by the first question. Two threads that decide at once decide the same.
+// Whether the build is of one type, decided by the first call. Two threads that decide at once decide the same.
 class KeptComparison {
  public:
   constexpr explicit KeptComparison(int32_t type) : type_(type) {}
 
   bool holds() {
-    if (answer_.load(std::memory_order_relaxed) == kUndecided) {
-      answer_.store(pelmar_build_type_get() == type_ ? kYes : kNo, std::memory_order_relaxed);
+    if (state_.load(std::memory_order_relaxed) == kUndecided) {
+      state_.store(pelmar_build_type_get() == type_ ? kHolds : kFails, std::memory_order_relaxed);
     }
-    return answer_.load(std::memory_order_relaxed) == kYes;
+    return state_.load(std::memory_order_relaxed) == kHolds;
   }
 
  private:
-  enum Answer : int8_t { kUndecided, kYes, kNo };
+  enum State : int8_t { kUndecided, kHolds, kFails };
   const int32_t type_;
-  std::atomic<Answer> answer_{kUndecided};
+  std::atomic<State> state_{kUndecided};
 };
 
-bool tell(const char* function, const char* name, KeptComparison& comparison) {
-  PELMAR_LOG_ENTRY_AS(function);
-  const bool answer = comparison.holds();
-  PELMAR_LOG_DEBUG_AS(function, "%s%s version, ret = %d", answer ? "" : "non ", name, answer);
-  PELMAR_LOG_EXIT_RET_AS(function, answer);
-  return answer;
+bool check(const Operation& operation, const char* name, KeptComparison& comparison) {
+  const bool holds = comparison.holds();
+  PELMAR_LOG_DEBUG_IN(operation, "%s%s version, ret = %d", holds ? "" : "non ", name, holds);
+  return holds;
 }
 
 constinit KeptComparison g_pre{PELMAR_BUILD_TYPE_PRE};
@@ -75,16 +72,20 @@ using namespace pelmar;
 extern "C" {
 
 int32_t pelmar_build_type_get(void) {
-  PELMAR_RETURN_LOGGED(build_type());
+  Operation operation(PELMAR_HERE);
+  return operation.exit(build_type(operation));
 }
 
 bool pelmar_is_pre_version(void) {
-  return tell(__func__, "pre", g_pre);
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check(operation, "pre", g_pre));
 }
 bool pelmar_is_dev_version(void) {
-  return tell(__func__, "dev", g_dev);
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check(operation, "dev", g_dev));
 }
 bool pelmar_is_stable_version(void) {
-  return tell(__func__, "stable", g_stable);
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check(operation, "stable", g_stable));
 }
 }

@@ -10,7 +10,6 @@
 namespace pelmar {
 namespace {
 
-constexpr const char* kFunction = "pelmar_copy_file";
 constexpr size_t kChunkBytes = 10240;
 
 class File {
@@ -29,39 +28,39 @@ class File {
 };
 
 // Bytes read, 0 at the end, or -1.
-ssize_t read_chunk(int source, char (&chunk)[kChunkBytes]) {
+ssize_t read_chunk(const Operation& operation, int source, char (&chunk)[kChunkBytes]) {
   for (;;) {
     const ssize_t length = read(source, chunk, sizeof(chunk));
     const int error = errno;
-    PELMAR_LOG_DEBUG_AS(kFunction, "Start to read src file: bytes_read = %d, errno = %d, EINTR = %d",
+    PELMAR_LOG_DEBUG_IN(operation, "Start to read src file: bytes_read = %d, errno = %d, EINTR = %d",
                         static_cast<int>(length), error, EINTR);
     if (length >= 0) return length;
     if (error != EINTR) {
-      PELMAR_LOG_ERROR_AS(kFunction, "Error happen during reading src file");
+      PELMAR_LOG_ERROR_IN(operation, "Error happen during reading src file");
       return -1;
     }
-    PELMAR_LOG_DEBUG_AS(kFunction, "Continue to read src file: bytes_read = %d, errno = %d, EINTR = %d",
+    PELMAR_LOG_DEBUG_IN(operation, "Continue to read src file: bytes_read = %d, errno = %d, EINTR = %d",
                         static_cast<int>(length), error, EINTR);
   }
 }
 
-bool write_chunk(int target, const char* chunk, size_t length) {
+bool write_chunk(const Operation& operation, int target, const char* chunk, size_t length) {
   const auto bytes_read = static_cast<int>(length);
   while (length > 0) {
     const ssize_t written = write(target, chunk, length);
     const int error = errno;
-    PELMAR_LOG_DEBUG_AS(kFunction, "Start to write tgt file: bytes_write = %d, errno = %d, EINTR = %d",
+    PELMAR_LOG_DEBUG_IN(operation, "Start to write tgt file: bytes_write = %d, errno = %d, EINTR = %d",
                         static_cast<int>(written), error, EINTR);
     if (written == 0) {  // nothing goes in and nothing is wrong: trying again would never end
-      PELMAR_LOG_ERROR_AS(kFunction, "Error happen during writing tgt file, abort copy");
+      PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file, abort copy");
       return false;
     }
     if (written < 0 && error != EINTR) {
-      PELMAR_LOG_ERROR_AS(kFunction, "Error happen during writing tgt file");
+      PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file");
       return false;
     }
     if (written < 0) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "Continue to write tgt file: bytes_read = %d, errno = %d, EINTR = %d", bytes_read,
+      PELMAR_LOG_DEBUG_IN(operation, "Continue to write tgt file: bytes_read = %d, errno = %d, EINTR = %d", bytes_read,
                           error, EINTR);
       continue;
     }
@@ -71,44 +70,43 @@ bool write_chunk(int target, const char* chunk, size_t length) {
   return true;
 }
 
-int32_t copy_content(int source, int target) {
+int32_t copy_content(const Operation& operation, int source, int target) {
   char chunk[kChunkBytes];
   for (;;) {
-    const ssize_t length = read_chunk(source, chunk);
+    const ssize_t length = read_chunk(operation, source, chunk);
     if (length < 0) return PELMAR_COPY_FAILED;
     if (length == 0) break;
-    if (!write_chunk(target, chunk, static_cast<size_t>(length))) return PELMAR_COPY_FAILED;
+    if (!write_chunk(operation, target, chunk, static_cast<size_t>(length))) return PELMAR_COPY_FAILED;
   }
-  PELMAR_LOG_DEBUG_AS(kFunction, "Write done with success.");
+  PELMAR_LOG_DEBUG_IN(operation, "Write done with success.");
   return PELMAR_COPY_DONE;
-}
-
-int32_t copy_file(const char* source_path, const char* target_path) {
-  if (source_path == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "src is null");
-    return PELMAR_COPY_SOURCE_IS_NULL;
-  }
-  if (target_path == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "tgt is null");
-    return PELMAR_COPY_TARGET_IS_NULL;
-  }
-  const File source(open(source_path, O_RDONLY | O_CLOEXEC));
-  if (!source.is_open()) {
-    PELMAR_LOG_ERROR_AS(kFunction, "src open failed");
-    return PELMAR_COPY_SOURCE_NOT_OPENED;
-  }
-  const File target(open(target_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777));
-  if (!target.is_open()) {
-    PELMAR_LOG_ERROR_AS(kFunction, "tgt open failed");
-    return PELMAR_COPY_TARGET_NOT_OPENED;
-  }
-  PELMAR_LOG_DEBUG_AS(kFunction, "src: %s, tgt: %s", source_path, target_path);
-  return copy_content(source.get(), target.get());
 }
 
 }  // namespace
 }  // namespace pelmar
 
+using namespace pelmar;
+
 extern "C" int32_t pelmar_copy_file(const char* src, const char* tgt) {
-  PELMAR_RETURN_LOGGED(pelmar::copy_file(src, tgt));
+  Operation operation(PELMAR_HERE);
+  if (src == nullptr) {
+    PELMAR_LOG_ERROR("src is null");
+    return operation.exit(PELMAR_COPY_SOURCE_IS_NULL);
+  }
+  if (tgt == nullptr) {
+    PELMAR_LOG_ERROR("tgt is null");
+    return operation.exit(PELMAR_COPY_TARGET_IS_NULL);
+  }
+  const File source(open(src, O_RDONLY | O_CLOEXEC));
+  if (!source.is_open()) {
+    PELMAR_LOG_ERROR("src open failed");
+    return operation.exit(PELMAR_COPY_SOURCE_NOT_OPENED);
+  }
+  const File target(open(tgt, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777));
+  if (!target.is_open()) {
+    PELMAR_LOG_ERROR("tgt open failed");
+    return operation.exit(PELMAR_COPY_TARGET_NOT_OPENED);
+  }
+  PELMAR_LOG_DEBUG("src: %s, tgt: %s", src, tgt);
+  return operation.exit(copy_content(operation, source.get(), target.get()));
 }

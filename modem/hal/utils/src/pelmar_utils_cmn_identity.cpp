@@ -1,4 +1,4 @@
-// What kind of device this is: yes/no questions to properties, names and numbers.
+// What kind of device this is, by its properties: traits of the build, names and numbers.
 #include <atomic>
 #include <cstring>
 
@@ -10,9 +10,9 @@ namespace {
 
 enum Test { kFirstCharacterIs, kEquals, kDiffersFrom, kContains };
 
-// A yes/no question to one property, and the words that tell the answer: "factory version" or "non factory version".
-struct Question {
-  const char* function;
+// A yes-or-no property of the build: one system property compared with an operand. The log line names the result:
+// "factory version" or "non factory version".
+struct BuildTrait {
   const char* property;
   const char* default_value;
   Test test;
@@ -26,21 +26,19 @@ constexpr char kCert[] = "ro.cust.test";
 constexpr char kRegion[] = "ro.orbo.build.region";
 constexpr char kProfile[] = "ro.vendor.radio.build_profile";
 
-constexpr Question kFactory{
-    "pelmar_is_factory_version", "ro.boot.factorybuild", "", kFirstCharacterIs, "1", "factory", "non"};
-constexpr Question kCtCert{"pelmar_is_ct_cert_version", kCert, kNone, kEquals, "ct", "ct test", "not"};
-constexpr Question kCmCert{"pelmar_is_cm_cert_version", kCert, kNone, kEquals, "cm", "cmcc test", "not"};
-constexpr Question kCuCert{"pelmar_is_cu_cert_version", kCert, kNone, kEquals, "cu", "cu test", "not"};
-constexpr Question kAnyCert{"pelmar_is_cert_version", kCert, kNone, kDiffersFrom, kNone, "cert", "non"};
-constexpr Question kChina{"pelmar_is_china_version", "ro.vendor.radio.build_region", "", kEquals, "cn", "china", "not"};
-constexpr Question kTest{"pelmar_is_test_build", "ro.build.tags", "test-keys", kDiffersFrom,
-                         "release-keys",         "test",          "non"};
-constexpr Question kNative{"pelmar_is_native_version", kProfile, kNone, kContains, "native", "native", "non"};
-constexpr Question kFactoryEx{"pelmar_is_factory_version_ex", kProfile, kNone, kContains, "factory", "factory", "non"};
-constexpr Question kRoot{"pelmar_is_root_version", "ro.debuggable", kNone, kEquals, "1", "root", "non"};
-constexpr Question kMp{"pelmar_is_mp_version", "ro.boot.hwlevel", kNone, kEquals, "MP", "mp", "non"};
-constexpr Question kOrbo{"pelmar_is_orbo_version", kRegion, kNone, kDiffersFrom, kNone, "orbo", "non"};
-constexpr Question kUser{"pelmar_is_user_version", "ro.build.type", "user", kEquals, "user", "user", "non"};
+constexpr BuildTrait kFactory{"ro.boot.factorybuild", "", kFirstCharacterIs, "1", "factory", "non"};
+constexpr BuildTrait kCtCert{kCert, kNone, kEquals, "ct", "ct test", "not"};
+constexpr BuildTrait kCmCert{kCert, kNone, kEquals, "cm", "cmcc test", "not"};
+constexpr BuildTrait kCuCert{kCert, kNone, kEquals, "cu", "cu test", "not"};
+constexpr BuildTrait kAnyCert{kCert, kNone, kDiffersFrom, kNone, "cert", "non"};
+constexpr BuildTrait kChina{"ro.vendor.radio.build_region", "", kEquals, "cn", "china", "not"};
+constexpr BuildTrait kTest{"ro.build.tags", "test-keys", kDiffersFrom, "release-keys", "test", "non"};
+constexpr BuildTrait kNative{kProfile, kNone, kContains, "native", "native", "non"};
+constexpr BuildTrait kFactoryEx{kProfile, kNone, kContains, "factory", "factory", "non"};
+constexpr BuildTrait kRoot{"ro.debuggable", kNone, kEquals, "1", "root", "non"};
+constexpr BuildTrait kMp{"ro.boot.hwlevel", kNone, kEquals, "MP", "mp", "non"};
+constexpr BuildTrait kOrbo{kRegion, kNone, kDiffersFrom, kNone, "orbo", "non"};
+constexpr BuildTrait kUser{"ro.build.type", "user", kEquals, "user", "user", "non"};
 
 bool holds(Test test, const char* value, const char* operand) {
   switch (test) {
@@ -56,34 +54,18 @@ bool holds(Test test, const char* value, const char* operand) {
   return false;
 }
 
-bool answer(const Question& question, const char* value) {
-  const bool yes = holds(question.test, value, question.operand);
-  PELMAR_LOG_DEBUG_AS(question.function, "%s%s%s version, val = %s, ret = %d", yes ? "" : question.negation,
-                      yes ? "" : " ", question.subject, value, yes);
-  PELMAR_LOG_EXIT_RET_AS(question.function, yes);
+bool log_outcome(const Operation& operation, const BuildTrait& trait, const char* value) {
+  const bool yes = holds(trait.test, value, trait.operand);
+  PELMAR_LOG_DEBUG_IN(operation, "%s%s%s version, val = %s, ret = %d", yes ? "" : trait.negation, yes ? "" : " ",
+                      trait.subject, value, yes);
   return yes;
 }
 
-// Each question keeps a value of its own, also where several ask one property.
-template <const Question& question>
-bool ask() {
-  static constinit KeptProperty property{question.property, question.default_value};
-  PELMAR_LOG_ENTRY_AS(question.function);
-  return answer(question, property.value());
-}
-
-// A number of which only the first call of the process keeps hold: later calls answer 0.
-int32_t first_answer(std::atomic<bool>& asked, const char* property) {
-  return asked.exchange(true, std::memory_order_relaxed) ? 0 : read_int_property(property, 0);
-}
-
-// A text that is read once, with its name in the log.
-const char* tell_text(const char* function, const char* name, KeptProperty& property) {
-  PELMAR_LOG_ENTRY_AS(function);
-  const char* const value = property.value();
-  PELMAR_LOG_DEBUG_AS(function, "%s: %s", name, value);
-  PELMAR_LOG_EXIT_AS(function);
-  return value;
+// Each trait keeps a value of its own, also where several read one property.
+template <const BuildTrait& trait>
+bool check(const Operation& operation) {
+  static constinit KeptProperty property{trait.property, trait.default_value};
+  return log_outcome(operation, trait, property.value());
 }
 
 constexpr char kManufacturerId[] = "ro.vendor.radio.manufacturer_id";
@@ -97,95 +79,113 @@ using namespace pelmar;
 extern "C" {
 
 bool pelmar_is_factory_version(void) {
-  return ask<kFactory>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kFactory>(operation));
 }
 bool pelmar_is_ct_cert_version(void) {
-  return ask<kCtCert>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kCtCert>(operation));
 }
 bool pelmar_is_cm_cert_version(void) {
-  return ask<kCmCert>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kCmCert>(operation));
 }
 bool pelmar_is_cu_cert_version(void) {
-  return ask<kCuCert>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kCuCert>(operation));
 }
 bool pelmar_is_cert_version(void) {
-  return ask<kAnyCert>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kAnyCert>(operation));
 }
 bool pelmar_is_china_version(void) {
-  return ask<kChina>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kChina>(operation));
 }
 bool pelmar_is_test_build(void) {
-  return ask<kTest>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kTest>(operation));
 }
 bool pelmar_is_native_version(void) {
-  return ask<kNative>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kNative>(operation));
 }
 bool pelmar_is_factory_version_ex(void) {
-  return ask<kFactoryEx>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kFactoryEx>(operation));
 }
 bool pelmar_is_root_version(void) {
-  return ask<kRoot>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kRoot>(operation));
 }
 bool pelmar_is_mp_version(void) {
-  return ask<kMp>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kMp>(operation));
 }
 bool pelmar_is_orbo_version(void) {
-  return ask<kOrbo>();
+  Operation operation(PELMAR_HERE);
+  return operation.exit(check<kOrbo>(operation));
 }
 
-// The one question whose value is not kept, only that it was read: from the second call on the empty string is tested.
+// Compatibility: only the first call reads the property; every later call tests the empty string.
 bool pelmar_is_user_version(void) {
   static std::atomic<bool> read{false};
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   PropertyValue value = {};
   if (!read.exchange(true, std::memory_order_relaxed)) {
     pelmar_get_property_value(kUser.property, value, kUser.default_value);
   }
-  return answer(kUser, value);
+  return operation.exit(log_outcome(operation, kUser, value));
 }
 
+// Compatibility: only the first call of a process reads the number; every later call returns 0.
 int32_t pelmar_get_pelmar_manufacturer_id(void) {
-  static std::atomic<bool> asked{false};
-  PELMAR_RETURN_LOGGED(first_answer(asked, kManufacturerId));
+  static std::atomic<bool> read{false};
+  Operation operation(PELMAR_HERE);
+  const bool is_first = !read.exchange(true, std::memory_order_relaxed);
+  return operation.exit(is_first ? read_int_property(kManufacturerId, 0) : 0);
 }
 
+// Compatibility: as the manufacturer's number.
 int32_t pelmar_get_pelmar_device_type(void) {
-  static std::atomic<bool> asked{false};
-  PELMAR_RETURN_LOGGED(first_answer(asked, "ro.radio.device_type"));
+  static std::atomic<bool> read{false};
+  Operation operation(PELMAR_HERE);
+  const bool is_first = !read.exchange(true, std::memory_order_relaxed);
+  return operation.exit(is_first ? read_int_property("ro.radio.device_type", 0) : 0);
 }
 
 void pelmar_set_pelmar_manufacturer_id(int32_t id) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   write_int_property(kManufacturerId, id);
-  PELMAR_LOG_EXIT();
 }
 
 const char* pelmar_device_name_get(void) {
   static constinit KeptProperty device{"ro.product.device", ""};
-  return tell_text(__func__, "device_name", device);
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("device_name: %s", device.value());
+  return device.value();
 }
 
 const char* pelmar_build_region_get(void) {
   static constinit KeptProperty region{kRegion, kNone};
-  return tell_text(__func__, "build_region", region);
+  Operation operation(PELMAR_HERE);
+  PELMAR_LOG_DEBUG("build_region: %s", region.value());
+  return region.value();
 }
 
-// A buffer a thread: it is filled anew by every call, while other threads may still read theirs.
+// Each thread has a buffer of its own: every call fills it anew, while other threads may still read theirs.
 const char* pelmar_vendor_build_region_get(void) {
   static thread_local PropertyValue region;
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   region[0] = '\0';
   pelmar_get_property_value(kVendorRegion, region, kNone);
-  PELMAR_LOG_EXIT();
   return region;
 }
 
 bool pelmar_vendor_build_region_is_cfged(void) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   PropertyValue region = {};
   pelmar_get_property_value(kVendorRegion, region, kNone);
-  const bool configured = std::strcmp(region, kNone) != 0;
-  PELMAR_LOG_EXIT_RET(configured);
-  return configured;
+  return operation.exit(std::strcmp(region, kNone) != 0);
 }
 }

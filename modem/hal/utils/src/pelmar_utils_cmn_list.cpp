@@ -8,56 +8,26 @@
 namespace pelmar {
 namespace {
 
-bool find_string(const char* const* list, uint32_t count, const char* str) {
-  constexpr const char* kFunction = "pelmar_string_list_contain";
-  if (str == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "str is NULL");
-    return false;
-  }
-  if (list == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "str_list is NULL");
-    return false;
-  }
-  if (count == 0) {
-    PELMAR_LOG_ERROR_AS(kFunction, "size_list(%u) can not <= 0", count);
-    return false;
-  }
-  for (uint32_t i = 0; i < count; ++i) {
-    if (list[i] != nullptr && std::strstr(str, list[i]) != nullptr) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "find str: %s, size_list(%u)", str, count);
-      return true;
-    }
-  }
-  PELMAR_LOG_ERROR_AS(kFunction, "not find str: %s, size_list(%u)", str, count);
-  return false;
-}
-
 // The lists of every width; `type` is the width's name in the messages. No width is beyond long on this processor.
 static_assert(sizeof(long) == sizeof(int64_t));
 template <typename Element>
-bool find_number(const char* function, const char* type, const Element* list, uint32_t count, long value) {
+bool find_number(const Operation& operation, const char* type, const Element* list, uint32_t count, long value) {
   if (list == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "num_list[%s] is NULL", type);
+    PELMAR_LOG_ERROR_IN(operation, "num_list[%s] is NULL", type);
     return false;
   }
   if (count == 0) {
-    PELMAR_LOG_ERROR_AS(function, "size_list[%s](%u) can not <= 0", type, count);
+    PELMAR_LOG_ERROR_IN(operation, "size_list[%s](%u) can not <= 0", type, count);
     return false;
   }
   for (uint32_t i = 0; i < count; ++i) {
     if (static_cast<std::make_signed_t<Element>>(list[i]) == value) {
-      PELMAR_LOG_DEBUG_AS(function, "find number[%s]: %ld, size_list(%u)", type, value, count);
+      PELMAR_LOG_DEBUG_IN(operation, "find number[%s]: %ld, size_list(%u)", type, value, count);
       return true;
     }
   }
-  PELMAR_LOG_ERROR_AS(function, "not find number[%s]: %ld, size_list(%u)", type, value, count);
+  PELMAR_LOG_ERROR_IN(operation, "not find number[%s]: %ld, size_list(%u)", type, value, count);
   return false;
-}
-
-bool has_build_type(const int8_t* list, uint32_t count) {
-  const auto* const elements = reinterpret_cast<const uint8_t*>(list);
-  return pelmar_int8_list_contain(elements, count, PELMAR_BUILD_TYPE_ALL) ||
-         pelmar_int8_list_contain(elements, count, static_cast<int8_t>(pelmar_build_type_get()));
 }
 
 }  // namespace
@@ -68,37 +38,66 @@ using namespace pelmar;
 extern "C" {
 
 bool pelmar_string_list_contain(const char* const* list, uint32_t count, const char* str) {
-  PELMAR_RETURN_LOGGED(find_string(list, count, str));
+  Operation operation(PELMAR_HERE);
+  if (str == nullptr) {
+    PELMAR_LOG_ERROR("str is NULL");
+    return operation.exit(false);
+  }
+  if (list == nullptr) {
+    PELMAR_LOG_ERROR("str_list is NULL");
+    return operation.exit(false);
+  }
+  if (count == 0) {
+    PELMAR_LOG_ERROR("size_list(%u) can not <= 0", count);
+    return operation.exit(false);
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    if (list[i] != nullptr && std::strstr(str, list[i]) != nullptr) {
+      PELMAR_LOG_DEBUG("find str: %s, size_list(%u)", str, count);
+      return operation.exit(true);
+    }
+  }
+  PELMAR_LOG_ERROR("not find str: %s, size_list(%u)", str, count);
+  return operation.exit(false);
 }
 
 // The words that stand for all match like any text: an entry that is a part of the word is enough.
 bool pelmar_device_name_list_contain(const char* const* list, uint32_t count) {
-  PELMAR_RETURN_LOGGED(pelmar_string_list_contain(list, count, "all_product") ||
-                       pelmar_string_list_contain(list, count, pelmar_device_name_get()));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(pelmar_string_list_contain(list, count, "all_product") ||
+                        pelmar_string_list_contain(list, count, pelmar_device_name_get()));
 }
 
 bool pelmar_build_region_list_contain(const char* const* list, uint32_t count) {
-  PELMAR_RETURN_LOGGED(pelmar_string_list_contain(list, count, "all_region") ||
-                       pelmar_string_list_contain(list, count, pelmar_build_region_get()));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(pelmar_string_list_contain(list, count, "all_region") ||
+                        pelmar_string_list_contain(list, count, pelmar_build_region_get()));
 }
 
 bool pelmar_build_type_list_contain(const int8_t* list, uint32_t count) {
-  PELMAR_RETURN_LOGGED(has_build_type(list, count));
+  Operation operation(PELMAR_HERE);
+  const auto* const elements = reinterpret_cast<const uint8_t*>(list);
+  return operation.exit(pelmar_int8_list_contain(elements, count, PELMAR_BUILD_TYPE_ALL) ||
+                        pelmar_int8_list_contain(elements, count, static_cast<int8_t>(pelmar_build_type_get())));
 }
 
 bool pelmar_int8_list_contain(const uint8_t* list, uint32_t count, int8_t value) {
-  PELMAR_RETURN_LOGGED(find_number(__func__, "int8", list, count, value));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(find_number(operation, "int8", list, count, value));
 }
 
 bool pelmar_int16_list_contain(const uint16_t* list, uint32_t count, int16_t value) {
-  PELMAR_RETURN_LOGGED(find_number(__func__, "int16", list, count, value));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(find_number(operation, "int16", list, count, value));
 }
 
 bool pelmar_int32_list_contain(const uint32_t* list, uint32_t count, int32_t value) {
-  PELMAR_RETURN_LOGGED(find_number(__func__, "int32", list, count, value));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(find_number(operation, "int32", list, count, value));
 }
 
 bool pelmar_int64_list_contain(const uint64_t* list, uint32_t count, int64_t value) {
-  PELMAR_RETURN_LOGGED(find_number(__func__, "int64", list, count, value));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(find_number(operation, "int64", list, count, value));
 }
 }

@@ -99,16 +99,16 @@ bool passes(const Sink& sink, int32_t level) {
 
 }  // namespace
 
-void write_entry(const char* function, const char* file, int line) {
-  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function entry ------------->"));
+void write_entry(const Place& place) {
+  write_line(kDebug, place, PELMAR_LOG_FORMATS("function entry ------------->"));
 }
 
-void write_exit(const char* function, const char* file, int line) {
-  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function exit <-------------"));
+void write_exit(const Place& place) {
+  write_line(kDebug, place, PELMAR_LOG_FORMATS("function exit <-------------"));
 }
 
-void write_exit_ret(const char* function, const char* file, int line, int ret) {
-  write_line({kDebug, line, file, function}, PELMAR_LOG_FORMATS("function exit, ret(%d) <-------------"), ret);
+void write_exit_result(const Place& place, int result) {
+  write_line(kDebug, place, PELMAR_LOG_FORMATS("function exit, ret(%d) <-------------"), result);
 }
 
 }  // namespace pelmar::log

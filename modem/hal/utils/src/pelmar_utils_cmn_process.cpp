@@ -131,14 +131,13 @@ void read_info(pelmar_pid_info& info, Record record) {
 void fill_own_record() {
   static std::atomic<bool> asked{false};
   if (!first(asked)) return;
-  constexpr const char* kFunction = "pelmar_get_current_pid_info";
-  PELMAR_LOG_ENTRY_AS(kFunction);
+  Operation operation(PELMAR_PLACE_AS("pelmar_get_current_pid_info"));
   read_info(g_pid_info, Record::kOwn);
-  PELMAR_LOG_EXIT_AS(kFunction);
 }
 
-// Whether the entry of /proc is the process to be found. Its first line is read, but what is compared is a candidate
-// name that nothing fills: only the empty task name is ever the same.
+// Whether the entry of /proc is the wanted process.
+// Compatibility: the first line of its status file is read, but the name that is compared stays empty, so that only
+// the empty task name ever matches.
 bool is_task(const char* entry_name, const char* task_name) {
   constexpr const char* kFunction = "pelmar_get_pid_by_name";
   Line path;
@@ -176,13 +175,12 @@ const char* pelmar_get_current_pid_name(void) {
 }
 
 void pelmar_get_current_pid_info(pelmar_pid_info* info) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (info == nullptr) {
     PELMAR_LOG_ERROR("p_pid_info is NULL");
-  } else {
-    read_info(*info, Record::kOfCaller);
+    return;
   }
-  PELMAR_LOG_EXIT();
+  read_info(*info, Record::kOfCaller);
 }
 
 const char* pelmar_utils_get_pid_name(void) {
@@ -196,7 +194,8 @@ int32_t pelmar_utils_get_pid_number(void) {
 }
 
 uint32_t pelmar_get_qcril_process_instance_id(void) {
-  PELMAR_RETURN_LOGGED(__atomic_load_n(&g_pelmar_qcril_ril_process_instance_id, __ATOMIC_RELAXED));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(__atomic_load_n(&g_pelmar_qcril_ril_process_instance_id, __ATOMIC_RELAXED));
 }
 }
 
@@ -208,26 +207,27 @@ const char* pelmar_get_current_pid_name_ex() {
 }
 
 void pelmar_get_pid_by_name(int32_t* pid, const char* task_name) {
-  PELMAR_LOG_ENTRY();
-  DIR* processes = nullptr;
+  Operation operation(PELMAR_HERE);
   if (pid == nullptr) {
     PELMAR_LOG_ERROR("pid fail");
-  } else if (task_name == nullptr) {
+    return;
+  }
+  if (task_name == nullptr) {
     PELMAR_LOG_ERROR("task_name fail");
-  } else {
-    PELMAR_LOG_DEBUG("task_name: %s", task_name);
-    processes = opendir("/proc");
-    if (processes == nullptr) PELMAR_LOG_ERROR("opendir fail");
+    return;
   }
-  if (processes != nullptr) {
-    while (const dirent* const entry = readdir(processes)) {
-      if (is_process_directory(*entry) && is_task(entry->d_name, task_name)) {
-        *pid = std::atoi(entry->d_name);
-        break;
-      }
+  PELMAR_LOG_DEBUG("task_name: %s", task_name);
+  DIR* const processes = opendir("/proc");
+  if (processes == nullptr) {
+    PELMAR_LOG_ERROR("opendir fail");
+    return;
+  }
+  while (const dirent* const entry = readdir(processes)) {
+    if (is_process_directory(*entry) && is_task(entry->d_name, task_name)) {
+      *pid = std::atoi(entry->d_name);
+      break;
     }
-    PELMAR_LOG_DEBUG("close dir");
-    closedir(processes);
   }
-  PELMAR_LOG_EXIT();
+  PELMAR_LOG_DEBUG("close dir");
+  closedir(processes);
 }

@@ -27,7 +27,7 @@ void read_property(const CutName& name, PropertyValue& value, const char* defaul
   value[sizeof(value) - 1] = '\0';
 }
 
-// Two threads that decide at once decide the same. The decision is told without a log site: it is part of logging.
+// Two threads that decide at once decide the same. This is a part of logging, so it writes no line through a log site.
 bool echo_is_on() {
   if (g_echo_state.load(std::memory_order_relaxed) == kEchoUndecided) {
     PropertyValue value = {};
@@ -78,59 +78,63 @@ void pelmar_print_property_value(const char* name) {
 extern "C" {
 
 void pelmar_get_property_value(const char* name, char* value, const char* default_value) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (name == nullptr) {
     PELMAR_LOG_ERROR("property_name is null");
-  } else if (value == nullptr) {
-    PELMAR_LOG_ERROR("property_value is null");
-  } else if (default_value == nullptr) {
-    PELMAR_LOG_ERROR("default_property_value is null");
-  } else {
-    const CutName cut_name(name);
-    PropertyValue text = {};
-    read_property(cut_name, text, default_value);
-    std::memcpy(value, text, std::strlen(text) + 1);
-    if (echo_is_on()) PELMAR_LOG_DEBUG("%s: %s", cut_name.text, value);
+    return;
   }
-  PELMAR_LOG_EXIT();
+  if (value == nullptr) {
+    PELMAR_LOG_ERROR("property_value is null");
+    return;
+  }
+  if (default_value == nullptr) {
+    PELMAR_LOG_ERROR("default_property_value is null");
+    return;
+  }
+  const CutName cut_name(name);
+  PropertyValue text = {};
+  read_property(cut_name, text, default_value);
+  std::memcpy(value, text, std::strlen(text) + 1);
+  if (echo_is_on()) PELMAR_LOG_DEBUG("%s: %s", cut_name.text, value);
 }
 
-// A value of exactly 92 bytes goes to the platform, whose own limit is one less: what is stored is then its decision,
-// and the echo shows it.
+// Compatibility: a value of exactly 92 bytes is handed to the platform, whose own limit is 91. The platform decides
+// what is stored, and the echo shows it.
 void pelmar_set_property_value(const char* name, const char* value) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (name == nullptr) {
     PELMAR_LOG_ERROR("property_name is null");
-  } else if (value == nullptr) {
+    return;
+  }
+  if (value == nullptr) {
     PELMAR_LOG_ERROR("property_value is null");
-  } else if (const size_t length = std::strlen(value); length > PELMAR_PROPERTY_WRITE_MAX_BYTES) {
+    return;
+  }
+  if (const size_t length = std::strlen(value); length > PELMAR_PROPERTY_WRITE_MAX_BYTES) {
     PELMAR_LOG_ERROR("property_value len(%u) is out of range(%d)", static_cast<unsigned>(length),
                      PELMAR_PROPERTY_WRITE_MAX_BYTES);
-  } else {
-    property_set(CutName(name).text, value);
-    pelmar_print_property_value(name);
+    return;
   }
-  PELMAR_LOG_EXIT();
+  property_set(CutName(name).text, value);
+  pelmar_print_property_value(name);
 }
 
 void pelmar_set_property_value_to_int(const char* name, int32_t value) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   write_int_property(name, value);
-  PELMAR_LOG_EXIT();
 }
 
 int32_t pelmar_get_property_value_from_int(const char* name, int32_t* value, int32_t default_value) {
-  PELMAR_LOG_ENTRY();
-  int32_t number = default_value;
+  Operation operation(PELMAR_HERE);
   if (name == nullptr) {
     PELMAR_LOG_ERROR("property_name is null");
-  } else if (value == nullptr) {
-    PELMAR_LOG_ERROR("property_value is null");
-  } else {
-    number = read_int_property(name, default_value);
-    *value = number;
+    return operation.exit(default_value);
   }
-  PELMAR_LOG_EXIT_RET(number);
-  return number;
+  if (value == nullptr) {
+    PELMAR_LOG_ERROR("property_value is null");
+    return operation.exit(default_value);
+  }
+  *value = read_int_property(name, default_value);
+  return operation.exit(*value);
 }
 }

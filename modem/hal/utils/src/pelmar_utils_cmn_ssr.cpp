@@ -35,50 +35,61 @@ void save_level(const char* level) {
   pelmar_set_property_value(kSavedFlag, "yes");
 }
 
-int32_t read_type() {
-  constexpr const char* kFunction = "pelmar_get_modem_ssr_type";
-  const Property flag(kSavedFlag);
-  const Property saved(kSavedLevel);
-  const Property level(kLevel);
-  const auto answer = [&level](const char* name, int32_t type) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_%s: %s, type: %d", name, level.text, type);
-    return type;
-  };
-
-  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag: %d, ssr_type_bak: %s, ssr_type_bak_flag: %s", kStartFlag,
-                      saved.text, flag.text);
-  if (flag.empty()) {
-    save_level(level.text);
-    PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d, and save", level.text,
-                        MODEM_RESTART_LEVEL_ID_DEF);
-    return MODEM_RESTART_LEVEL_ID_DEF;
-  }
-  if (level.equals(saved.text)) return answer("DEF", MODEM_RESTART_LEVEL_ID_DEF);
-  if (level.equals(kRestart)) return answer("SSR", MODEM_RESTART_LEVEL_ID_SSR);
-  if (level.equals(kDump) || level.empty()) return answer("DUMP", MODEM_RESTART_LEVEL_ID_DUMP);
-  return answer("INVALID", MODEM_RESTART_LEVEL_ID_INVALID);
-}
-
-// A level that a type can be switched to, and how its messages call it.
+// A level that a set can write, and its words in the log.
 struct Target {
   const char* level;
   const char* name;
   const char* in_force;
 };
 
-int32_t write_type(int32_t type) {
-  constexpr const char* kFunction = "pelmar_set_modem_ssr_type";
+}  // namespace
+}  // namespace pelmar
+
+using namespace pelmar;
+
+extern "C" {
+
+int32_t pelmar_get_modem_ssr_type(void) {
+  Operation operation(PELMAR_HERE);
+  const Property flag(kSavedFlag);
+  const Property saved(kSavedLevel);
+  const Property level(kLevel);
+  PELMAR_LOG_DEBUG("g_ssr_start_flag: %d, ssr_type_bak: %s, ssr_type_bak_flag: %s", kStartFlag, saved.text, flag.text);
+  if (flag.empty()) {
+    save_level(level.text);
+    PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_DEF: %s, type: %d, and save", level.text,
+                     MODEM_RESTART_LEVEL_ID_DEF);
+    return operation.exit(MODEM_RESTART_LEVEL_ID_DEF);
+  }
+  const char* name = "INVALID";
+  int32_t type = MODEM_RESTART_LEVEL_ID_INVALID;
+  if (level.equals(saved.text)) {
+    name = "DEF";
+    type = MODEM_RESTART_LEVEL_ID_DEF;
+  } else if (level.equals(kRestart)) {
+    name = "SSR";
+    type = MODEM_RESTART_LEVEL_ID_SSR;
+  } else if (level.equals(kDump) || level.empty()) {
+    name = "DUMP";
+    type = MODEM_RESTART_LEVEL_ID_DUMP;
+  }
+  PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s, type: %d", name, level.text, type);
+  return operation.exit(type);
+}
+
+int32_t pelmar_set_modem_ssr_type(int32_t type) {
+  Operation operation(PELMAR_HERE);
   const Property flag(kSavedFlag);
   const Property level(kLevel);
-  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", kStartFlag, type, flag.text);
+  PELMAR_LOG_DEBUG("g_ssr_start_flag: %d, type: %d, ssr_type_bak_flag: %s", kStartFlag, type, flag.text);
 
   PropertyValue saved = {};
   Target target;
   switch (type) {
     case MODEM_RESTART_LEVEL_ID_DEF:
       if (flag.empty()) {
-        PELMAR_LOG_DEBUG_AS(kFunction, "PROP - NO ssr type def, do nothing");
-        return 0;
+        PELMAR_LOG_DEBUG("PROP - NO ssr type def, do nothing");
+        return operation.exit(0);
       }
       pelmar_get_property_value(kSavedLevel, saved, "");
       target = {saved, "DEF", "PROP - ssr type is def, do nothing"};
@@ -90,85 +101,66 @@ int32_t write_type(int32_t type) {
       target = {kRestart, "SSR", "ssr type is enable, do nothing"};
       break;
     default:
-      PELMAR_LOG_DEBUG_AS(kFunction, "PELMAR_SSR_START_WITH_PROP, invalid ssr type");
-      return 0;
+      PELMAR_LOG_DEBUG("PELMAR_SSR_START_WITH_PROP, invalid ssr type");
+      return operation.exit(0);
   }
   if (level.equals(target.level)) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "%s", target.in_force);
-    return 0;
+    PELMAR_LOG_DEBUG("%s", target.in_force);
+    return operation.exit(0);
   }
-  PELMAR_LOG_DEBUG_AS(kFunction, "PROP - MODEM_RESTART_LEVEL_ID_%s: %s", target.name, target.level);
+  PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s", target.name, target.level);
   pelmar_set_property_value(kLevel, target.level);
 
-  // What a first set saves is the level that it has just written, not the one before: a get is expected to come first.
+  // Compatibility: a first set saves the level that it has just written, not the one before. A get is expected first.
   if (flag.empty()) {
     save_level(target.level);
   } else {
-    PELMAR_LOG_DEBUG_AS(kFunction, "PELMAR_SSR_START_WITH_PROP, already bak");
+    PELMAR_LOG_DEBUG("PELMAR_SSR_START_WITH_PROP, already bak");
   }
-  return 1;
+  return operation.exit(1);
 }
 
-// "CONFIG_EMPTY" is copied whole even into less room than that: the smallest buffer is part of the interface.
-void copy_level(char* name, uint32_t room) {
-  constexpr const char* kFunction = "pelmar_get_modem_ssr_type_name";
-  PELMAR_LOG_DEBUG_AS(kFunction, "g_ssr_start_flag = %d, in_len: %d", kStartFlag, static_cast<int>(room));
-  Property level(kLevel);
+// Compatibility: "CONFIG_EMPTY" is copied whole even into less room than that; callers give at least 12 bytes.
+void pelmar_get_modem_ssr_type_name(char* name, uint32_t* in_out_len) {
+  Operation operation(PELMAR_HERE);
+  if (name == nullptr) {
+    PELMAR_LOG_DEBUG("name is NULL");
+    return;
+  }
+  if (in_out_len == nullptr) {
+    PELMAR_LOG_DEBUG("in_out_len is NULL");
+    return;
+  }
+  const uint32_t room = *in_out_len;
+  PELMAR_LOG_DEBUG("g_ssr_start_flag = %d, in_len: %d", kStartFlag, static_cast<int>(room));
+  const Property level(kLevel);
   auto length = static_cast<uint32_t>(std::strlen(level.text));
-  PELMAR_LOG_DEBUG_AS(kFunction, "out_len: %d, ssr_level: %s", static_cast<int>(length), level.text);
+  PELMAR_LOG_DEBUG("out_len: %d, ssr_level: %s", static_cast<int>(length), level.text);
   if (room < length) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "out_len is out of range, set it to in_len, out_len: %d", static_cast<int>(length));
+    PELMAR_LOG_DEBUG("out_len is out of range, set it to in_len, out_len: %d", static_cast<int>(length));
     length = room;
   }
   const char* text = level.text;
   if (length < 1) {
     text = kNoLevel;
     length = PELMAR_SSR_NAME_MIN_BYTES;
-    PELMAR_LOG_DEBUG_AS(kFunction, "out_len is invalid, set name to invalid, out_len: %d", static_cast<int>(length));
+    PELMAR_LOG_DEBUG("out_len is invalid, set name to invalid, out_len: %d", static_cast<int>(length));
   }
   std::memcpy(name, text, length);
-  PELMAR_LOG_DEBUG_AS(kFunction, "out_len: %d, name: %.*s", static_cast<int>(length), static_cast<int>(length), name);
-}
-
-}  // namespace
-}  // namespace pelmar
-
-using namespace pelmar;
-
-extern "C" {
-
-int32_t pelmar_get_modem_ssr_type(void) {
-  PELMAR_RETURN_LOGGED(read_type());
-}
-
-int32_t pelmar_set_modem_ssr_type(int32_t type) {
-  PELMAR_RETURN_LOGGED(write_type(type));
-}
-
-void pelmar_get_modem_ssr_type_name(char* name, uint32_t* in_out_len) {
-  PELMAR_LOG_ENTRY();
-  if (name == nullptr) {
-    PELMAR_LOG_DEBUG("name is NULL");
-  } else if (in_out_len == nullptr) {
-    PELMAR_LOG_DEBUG("in_out_len is NULL");
-  } else {
-    copy_level(name, *in_out_len);
-  }
-  PELMAR_LOG_EXIT();
+  PELMAR_LOG_DEBUG("out_len: %d, name: %.*s", static_cast<int>(length), static_cast<int>(length), name);
 }
 
 int32_t pelmar_modem_ssr_wait_s(int32_t wait_s) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   const int32_t seconds = wait_s < 0 ? read_int_property(kWaitSeconds, kDefaultWaitSeconds) : wait_s;
   PELMAR_LOG_DEBUG("ssr wait_s = %d", seconds);
   if (seconds < 1) {
     PELMAR_LOG_DEBUG("modem ssr will not wait");
-  } else {
-    PELMAR_LOG_DEBUG("wait-start(%ds) ...", seconds);
-    sleep(static_cast<unsigned>(seconds));
-    PELMAR_LOG_DEBUG("wait-end(%ds)", seconds);
+    return operation.exit(seconds);
   }
-  PELMAR_LOG_EXIT_RET(seconds);
-  return seconds;
+  PELMAR_LOG_DEBUG("wait-start(%ds) ...", seconds);
+  sleep(static_cast<unsigned>(seconds));
+  PELMAR_LOG_DEBUG("wait-end(%ds)", seconds);
+  return operation.exit(seconds);
 }
 }

@@ -18,70 +18,6 @@ int length_of(const char* str) {
   return static_cast<int>(std::strlen(str));
 }
 
-// Returns the length of what is left. Places are printed as the int that every message has.
-int trim(char* str, int max) {
-  constexpr const char* kFunction = "pelmar_str_trim";
-  int start = 0;
-  while (start < max && is_space(str[start])) ++start;
-  if (start == max) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "This string is empty for max cnt, cnt_start = %d(max:%d)", start, max);
-    str[0] = '\0';
-    return 0;
-  }
-
-  int end = start + static_cast<int>(strnlen(str + start, static_cast<size_t>(max - start)));
-  const bool cut = end == max;
-  if (cut) {
-    end = max - 1;
-    PELMAR_LOG_DEBUG_AS(kFunction, "This string has no cut-off character, cnt_end = %d(max:%d), new cnt_end = %d", max,
-                        max, end);
-    str[end] = '\0';
-  }
-  if (end == start) {
-    if (cut) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "This string is all blank characters, cnt_start = %d, cnt_end = %d", start, end);
-    } else if (start > 0) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "This string is empty, cnt_start = %d", start);
-    } else {
-      PELMAR_LOG_DEBUG_AS(kFunction, "This string is empty, cnt_end = %d", end);
-    }
-    str[0] = '\0';
-    return 0;
-  }
-
-  while (is_space(str[end - 1])) str[--end] = '\0';  // ends at str[start] at the latest
-  const int length = end - start;
-  if (start > 0) std::memmove(str, str + start, static_cast<size_t>(length) + 1);
-  return length;
-}
-
-int32_t compare(const char* str1, const char* str2) {
-  constexpr const char* kFunction = "pelmar_str_cmp";
-  if (str1 == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "str1 is null");
-    return PELMAR_STR_FIRST_IS_NULL;
-  }
-  if (str2 == nullptr) {
-    PELMAR_LOG_ERROR_AS(kFunction, "str2 is null");
-    return PELMAR_STR_SECOND_IS_NULL;
-  }
-  const int len1 = length_of(str1);
-  const int len2 = length_of(str2);
-  if (len1 != len2) {
-    PELMAR_LOG_DEBUG_AS(kFunction, "len1(%d) != len2(%d), str1: %s, str2: %s", len1, len2, str1, str2);
-    return PELMAR_STR_LENGTHS_DIFFER;
-  }
-  for (int i = 0; i < len1; ++i) {
-    if (str1[i] != str2[i]) {
-      PELMAR_LOG_DEBUG_AS(kFunction, "str1[%d]('%c') != str2[%d]('%c'), str1(%d): %s, str2(%d): %s", i, str1[i], i,
-                          str2[i], len1, str1, len2, str2);
-      return PELMAR_STR_BYTES_DIFFER;
-    }
-  }
-  PELMAR_LOG_DEBUG_AS(kFunction, "same, str1(%d): %s, str2(%d): %s", len1, str1, len2, str2);
-  return PELMAR_STR_SAME;
-}
-
 // The copy under way of a replacement: `out` is terminated after every piece.
 struct Output {
   char* text;
@@ -96,30 +32,29 @@ struct Output {
   }
 };
 
-void replace(Output out, const char* in, const char* src, const char* dst) {
-  constexpr const char* kFunction = "pelmar_str_rpl";
+void replace(const Operation& operation, Output out, const char* in, const char* src, const char* dst) {
   const int src_len = length_of(src);
   const int dst_len = length_of(dst);
   if (src_len <= 0) {  // also a length that is beyond int
-    PELMAR_LOG_ERROR_AS(kFunction, "src_len(%d) can not <= 0", src_len);
+    PELMAR_LOG_ERROR_IN(operation, "src_len(%d) can not <= 0", src_len);
     return;
   }
   if (dst_len < 0) {
-    PELMAR_LOG_ERROR_AS(kFunction, "dst_len(%d) can not < 0", dst_len);
+    PELMAR_LOG_ERROR_IN(operation, "dst_len(%d) can not < 0", dst_len);
     return;
   }
   const int room = static_cast<int>(out.room);
   while (*in != '\0') {
     if (std::strncmp(in, src, static_cast<size_t>(src_len)) == 0) {
       if (!out.has_room(dst_len)) {
-        PELMAR_LOG_ERROR_AS(kFunction, "len(%d) + dst_len(%d) + 1 >= outlen(%d), abort", out.length, dst_len, room);
+        PELMAR_LOG_ERROR_IN(operation, "len(%d) + dst_len(%d) + 1 >= outlen(%d), abort", out.length, dst_len, room);
         return;
       }
       out.append(dst, dst_len);
       in += src_len;
     } else {
       if (!out.has_room(1)) {
-        PELMAR_LOG_ERROR_AS(kFunction, "len(%d) + 1 + 1 >= outlen(%d), abort", out.length, room);
+        PELMAR_LOG_ERROR_IN(operation, "len(%d) + 1 + 1 >= outlen(%d), abort", out.length, room);
         return;
       }
       out.append(in, 1);
@@ -146,24 +81,6 @@ const char* prefix_refusal(const char* in, const char* out, const char* prefix) 
   return nullptr;
 }
 
-bool add_prefix(const char* in, char* out, int32_t outlen, const char* prefix) {
-  constexpr const char* kFunction = "pelmar_str_add_prefix";
-  if (const char* const refusal = prefix_refusal(in, out, prefix)) {
-    PELMAR_LOG_ERROR_AS(kFunction, "%s", refusal);
-    return false;
-  }
-  const size_t in_len = std::strlen(in);
-  const size_t prefix_len = std::strlen(prefix);
-  if (outlen < 0 || in_len + prefix_len >= static_cast<size_t>(outlen)) {
-    PELMAR_LOG_ERROR_AS(kFunction, "in_len(%d) + prefix_len(%d) can not >= outlen(%d)", static_cast<int>(in_len),
-                        static_cast<int>(prefix_len), outlen);
-    return false;
-  }
-  std::memmove(out + prefix_len, in, in_len + 1);
-  std::memcpy(out, prefix, prefix_len);  // NOLINT(bugprone-not-null-terminated-result): the text that follows is
-  return true;
-}
-
 const char* hex_refusal(const char* hex_str, int32_t str_len, const uint8_t* data) {
   if (hex_str == nullptr) return "hex_str is null";
   if (str_len <= 3) return "str_len is invalid";
@@ -187,71 +104,135 @@ using namespace pelmar;
 
 extern "C" {
 
+// Returns the length of what is left. Places are printed as the int that every message has.
 int pelmar_str_trim(char* str, uint32_t str_len_max) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   const int max = static_cast<int>(std::min<uint32_t>(str_len_max, INT_MAX));
-  int length = 0;
   if (str == nullptr) {
     PELMAR_LOG_ERROR("str is null, str_len_max = %d", max);
-  } else if (max < 2) {
-    PELMAR_LOG_ERROR("str_len_max(%d) can not < 2", max);
-  } else {
-    length = trim(str, max);
+    return operation.exit(0);
   }
-  PELMAR_LOG_EXIT_RET(length);
-  return length;
+  if (max < 2) {
+    PELMAR_LOG_ERROR("str_len_max(%d) can not < 2", max);
+    return operation.exit(0);
+  }
+  int start = 0;
+  while (start < max && is_space(str[start])) ++start;
+  if (start == max) {
+    PELMAR_LOG_DEBUG("This string is empty for max cnt, cnt_start = %d(max:%d)", start, max);
+    str[0] = '\0';
+    return operation.exit(0);
+  }
+
+  int end = start + static_cast<int>(strnlen(str + start, static_cast<size_t>(max - start)));
+  const bool cut = end == max;
+  if (cut) {
+    end = max - 1;
+    PELMAR_LOG_DEBUG("This string has no cut-off character, cnt_end = %d(max:%d), new cnt_end = %d", max, max, end);
+    str[end] = '\0';
+  }
+  if (end == start) {
+    if (cut) {
+      PELMAR_LOG_DEBUG("This string is all blank characters, cnt_start = %d, cnt_end = %d", start, end);
+    } else if (start > 0) {
+      PELMAR_LOG_DEBUG("This string is empty, cnt_start = %d", start);
+    } else {
+      PELMAR_LOG_DEBUG("This string is empty, cnt_end = %d", end);
+    }
+    str[0] = '\0';
+    return operation.exit(0);
+  }
+
+  while (is_space(str[end - 1])) str[--end] = '\0';  // ends at str[start] at the latest
+  const int length = end - start;
+  if (start > 0) std::memmove(str, str + start, static_cast<size_t>(length) + 1);
+  return operation.exit(length);
 }
 
 char* pelmar_str_find_right(const char* str, char c) {
-  PELMAR_LOG_ENTRY();
-  if (str == nullptr) PELMAR_LOG_ERROR("str_in is null");
-  const char* const found = str != nullptr ? std::strrchr(str, c) : nullptr;
-  PELMAR_LOG_EXIT();
-  return const_cast<char*>(found);
+  Operation operation(PELMAR_HERE);
+  if (str == nullptr) {
+    PELMAR_LOG_ERROR("str_in is null");
+    return nullptr;
+  }
+  return const_cast<char*>(std::strrchr(str, c));
 }
 
 int32_t pelmar_str_cmp(const char* str1, const char* str2) {
-  PELMAR_RETURN_LOGGED(compare(str1, str2));
+  Operation operation(PELMAR_HERE);
+  if (str1 == nullptr) {
+    PELMAR_LOG_ERROR("str1 is null");
+    return operation.exit(PELMAR_STR_FIRST_IS_NULL);
+  }
+  if (str2 == nullptr) {
+    PELMAR_LOG_ERROR("str2 is null");
+    return operation.exit(PELMAR_STR_SECOND_IS_NULL);
+  }
+  const int len1 = length_of(str1);
+  const int len2 = length_of(str2);
+  if (len1 != len2) {
+    PELMAR_LOG_DEBUG("len1(%d) != len2(%d), str1: %s, str2: %s", len1, len2, str1, str2);
+    return operation.exit(PELMAR_STR_LENGTHS_DIFFER);
+  }
+  for (int i = 0; i < len1; ++i) {
+    if (str1[i] != str2[i]) {
+      PELMAR_LOG_DEBUG("str1[%d]('%c') != str2[%d]('%c'), str1(%d): %s, str2(%d): %s", i, str1[i], i, str2[i], len1,
+                       str1, len2, str2);
+      return operation.exit(PELMAR_STR_BYTES_DIFFER);
+    }
+  }
+  PELMAR_LOG_DEBUG("same, str1(%d): %s, str2(%d): %s", len1, str1, len2, str2);
+  return operation.exit(PELMAR_STR_SAME);
 }
 
 void pelmar_str_rpl(char* out, char* in, uint32_t outlen, const char* src, const char* dst) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (out != nullptr && outlen > 0) out[0] = '\0';
   if (const char* const refusal = replace_refusal(out, in, src, dst)) {
     PELMAR_LOG_ERROR("%s", refusal);
-  } else {
-    replace({.text = out, .room = outlen}, in, src, dst);
+    return;
   }
-  PELMAR_LOG_EXIT();
+  replace(operation, {.text = out, .room = outlen}, in, src, dst);
 }
 
 bool pelmar_str_add_prefix(const char* in, char* out, int32_t outlen, const char* prefix) {
-  PELMAR_RETURN_LOGGED(add_prefix(in, out, outlen, prefix));
+  Operation operation(PELMAR_HERE);
+  if (const char* const refusal = prefix_refusal(in, out, prefix)) {
+    PELMAR_LOG_ERROR("%s", refusal);
+    return operation.exit(false);
+  }
+  const size_t in_len = std::strlen(in);
+  const size_t prefix_len = std::strlen(prefix);
+  if (outlen < 0 || in_len + prefix_len >= static_cast<size_t>(outlen)) {
+    PELMAR_LOG_ERROR("in_len(%d) + prefix_len(%d) can not >= outlen(%d)", static_cast<int>(in_len),
+                     static_cast<int>(prefix_len), outlen);
+    return operation.exit(false);
+  }
+  std::memmove(out + prefix_len, in, in_len + 1);
+  std::memcpy(out, prefix, prefix_len);  // NOLINT(bugprone-not-null-terminated-result): the text that follows is
+  return operation.exit(true);
 }
 
 bool pelmar_get_hex_str(char* hex_str, int32_t str_len, const uint8_t* ptr_data) {
-  PELMAR_LOG_ENTRY();
-  const char* const refusal = hex_refusal(hex_str, str_len, ptr_data);
-  if (refusal != nullptr) {
+  Operation operation(PELMAR_HERE);
+  if (const char* const refusal = hex_refusal(hex_str, str_len, ptr_data)) {
     PELMAR_LOG_ERROR("%s", refusal);
-  } else {
-    render_hex(hex_str, str_len, ptr_data);
+    return operation.exit(false);
   }
-  PELMAR_LOG_EXIT_RET(refusal == nullptr);
-  return refusal == nullptr;
+  render_hex(hex_str, str_len, ptr_data);
+  return operation.exit(true);
 }
 }
 
 void pelmar_str_print(char* str) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   if (str == nullptr) {
     PELMAR_LOG_ERROR("str is NULL");
-  } else {
-    const int length = length_of(str);
-    PELMAR_LOG_DEBUG("Will print str(len = %d): %s", length, str);
-    for (int i = 0; i < length; ++i) {
-      PELMAR_LOG_DEBUG("str[%d] = %c(%d)", i, str[i], static_cast<unsigned char>(str[i]));
-    }
+    return;
   }
-  PELMAR_LOG_EXIT();
+  const int length = length_of(str);
+  PELMAR_LOG_DEBUG("Will print str(len = %d): %s", length, str);
+  for (int i = 0; i < length; ++i) {
+    PELMAR_LOG_DEBUG("str[%d] = %c(%d)", i, str[i], static_cast<unsigned char>(str[i]));
+  }
 }

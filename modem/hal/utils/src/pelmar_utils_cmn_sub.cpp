@@ -22,44 +22,46 @@ using namespace pelmar;
 extern "C" {
 
 bool pelmar_get_single_sim_flag(void) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   PropertyValue config = {};
   pelmar_get_property_value("persist.radio.multisim.config", config, "dsds");
   const bool single = std::strcmp(config, "ssss") == 0;
   PELMAR_LOG_DEBUG("%s", single ? "single sim version" : "non single sim version");
-  PELMAR_LOG_EXIT_RET(single);
-  return single;
+  return operation.exit(single);
 }
 
 bool pelmar_check_sub_mask(int32_t mask) {
-  PELMAR_RETURN_LOGGED(mask >= 1 && mask <= 3);
+  Operation operation(PELMAR_HERE);
+  return operation.exit(mask >= 1 && mask <= 3);
 }
 
 bool pelmar_check_sub_id(uint32_t id) {
-  PELMAR_RETURN_LOGGED(is_sub(id));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(is_sub(id));
 }
 
 uint32_t pelmar_get_sub_mask_by_id(uint32_t id) {
-  PELMAR_RETURN_LOGGED(is_sub(id) ? 1U << id : 0U);
+  Operation operation(PELMAR_HERE);
+  return operation.exit(is_sub(id) ? 1U << id : 0U);
 }
 
 void pelmar_update_default_data_sub(int32_t sub) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   write_int_property(kDefaultDataSub, sub);
-  PELMAR_LOG_EXIT();
 }
 
 int32_t pelmar_get_default_data_sub(void) {
-  PELMAR_RETURN_LOGGED(read_int_property(kDefaultDataSub, 0));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(read_int_property(kDefaultDataSub, 0));
 }
 
 void pelmar_update_active_call_sub(int32_t sub) {
-  PELMAR_LOG_ENTRY();
+  Operation operation(PELMAR_HERE);
   write_int_property(kActiveCallSub, sub);
-  PELMAR_LOG_EXIT();
 }
 
 int32_t pelmar_get_active_call_sub(void) {
-  PELMAR_RETURN_LOGGED(read_int_property(kActiveCallSub, PELMAR_ACTIVE_CALL_SUB_NONE));
+  Operation operation(PELMAR_HERE);
+  return operation.exit(read_int_property(kActiveCallSub, PELMAR_ACTIVE_CALL_SUB_NONE));
 }
 }

@@ -10,7 +10,7 @@
 namespace pelmar {
 namespace {
 
-int32_t create_detached(void* (*start_routine)(void*), void* arg) {
+int32_t start_detached(void* (*start_routine)(void*), void* arg) {
   pthread_attr_t attributes;
   const int32_t initialised = pthread_attr_init(&attributes);
   if (initialised != 0) return initialised;
@@ -24,35 +24,31 @@ int32_t create_detached(void* (*start_routine)(void*), void* arg) {
 }  // namespace
 }  // namespace pelmar
 
+using namespace pelmar;
+
 extern "C" {
 
 int32_t pelmar_create_pthread(const char* name, void* (*start_routine)(void*), void* arg) {
-  PELMAR_LOG_ENTRY();
-  int32_t result = EINVAL;
+  Operation operation(PELMAR_HERE);
   if (start_routine == nullptr) {
     PELMAR_LOG_ERROR("p_thread_proc_cb is NULL, do nothing");
-  } else {
-    PELMAR_LOG_DEBUG("pthread[%s] will be created", name != nullptr ? name : "Unkown name");
-    result = pelmar::create_detached(start_routine, arg);
-    PELMAR_LOG_DEBUG("result = %d", result);
+    return operation.exit(EINVAL);
   }
-  PELMAR_LOG_EXIT_RET(result);
-  return result;
+  PELMAR_LOG_DEBUG("pthread[%s] will be created", name != nullptr ? name : "Unkown name");
+  const int32_t result = start_detached(start_routine, arg);
+  PELMAR_LOG_DEBUG("result = %d", result);
+  return operation.exit(result);
 }
 
 void* pelmar_mem_malloc(uint32_t size) {
-  PELMAR_LOG_ENTRY();
-  void* const block = size != 0 ? std::malloc(size) : nullptr;
-  PELMAR_LOG_EXIT();
-  return block;
+  Operation operation(PELMAR_HERE);
+  return size != 0 ? std::malloc(size) : nullptr;
 }
 
 void pelmar_mem_free(void** p) {
-  PELMAR_LOG_ENTRY();
-  if (p != nullptr && *p != nullptr) {
-    std::free(*p);
-    *p = nullptr;
-  }
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  if (p == nullptr || *p == nullptr) return;
+  std::free(*p);
+  *p = nullptr;
 }
 }
