@@ -424,18 +424,38 @@ TEST_F(GoldenLog, PeripheralManager) {
   log("deinit", [] { modem_api_peripheral_mng_deinit(); });
 }
 
+constexpr bool (*kTraits[])() = {pelmar_is_factory_version, pelmar_is_ct_cert_version, pelmar_is_cm_cert_version,
+                                 pelmar_is_cu_cert_version, pelmar_is_cert_version,    pelmar_is_china_version,
+                                 pelmar_is_test_build,      pelmar_is_native_version,  pelmar_is_factory_version_ex,
+                                 pelmar_is_root_version,    pelmar_is_mp_version,      pelmar_is_orbo_version,
+                                 pelmar_is_user_version,    pelmar_is_pre_version,     pelmar_is_dev_version,
+                                 pelmar_is_stable_version,  pelmar_get_single_sim_flag};
+
+TEST_F(GoldenLog, IdentityOfABuild) {
+  settle_log();
+  for (const auto& [name, value] : {std::pair{"ro.boot.factorybuild", "1"},
+                                    {"ro.cust.test", "ct"},
+                                    {"ro.vendor.radio.build_region", "cn"},
+                                    {"ro.build.tags", "release-keys"},
+                                    {"ro.vendor.radio.build_profile", "native_factory"},
+                                    {"ro.debuggable", "1"},
+                                    {"ro.boot.hwlevel", "MP"},
+                                    {"ro.orbo.build.region", "eu"},
+                                    {"persist.radio.multisim.config", "ssss"}}) {
+    properties[name] = value;
+  }
+  only_ = "version|MODEM|BUILD";
+  log("traits", [] {
+    for (const auto trait : kTraits) trait();
+  });
+}
+
 TEST_F(GoldenLog, Identity) {
   settle_log();
   for (int round = 0; round < 2; ++round) {  // what is kept, and what only the first call reads
     log("traits", [] {
-      for (const auto trait :
-           {pelmar_is_factory_version, pelmar_is_ct_cert_version, pelmar_is_cm_cert_version, pelmar_is_cu_cert_version,
-            pelmar_is_cert_version, pelmar_is_china_version, pelmar_is_test_build, pelmar_is_native_version,
-            pelmar_is_factory_version_ex, pelmar_is_root_version, pelmar_is_mp_version, pelmar_is_orbo_version,
-            pelmar_is_user_version, pelmar_is_pre_version, pelmar_is_dev_version, pelmar_is_stable_version,
-            pelmar_vendor_build_region_is_cfged, pelmar_get_single_sim_flag}) {
-        trait();
-      }
+      for (const auto trait : kTraits) trait();
+      pelmar_vendor_build_region_is_cfged();
     });
     log("names and numbers", [] {
       pelmar_build_type_get();

@@ -12,92 +12,75 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(ProcessName, WithoutSlashIsTakenWhole) {
-  redirect_opens("/cmdline", file_with(std::string("mtb\0-x", 6)));
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "mtb");
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "mtb");
-  EXPECT_THAT(messages(), ElementsAre("D|pelmar_get_current_pid_name, proc_pid_buf = mtb",
-                                      "E|pelmar_get_current_pid_name, proc_pid_buf should be name",
-                                      "D|pelmar_get_current_pid_name, str_pid_name: mtb",
-                                      "D|pelmar_get_current_pid_name, g_pid_info.p_name = mtb"));
-}
+// What the kernel has of the process, the name that follows, and the lines that are written straight to the system log.
+struct NameCase {
+  const char* file;
+  std::string path;
+  std::string name;
+  Lines lines;
+};
 
-TEST(ProcessName, IsCutTo253CharactersOfThePath) {
-  redirect_opens("/cmdline", file_with("/" + std::string(300, 'n')));
-  EXPECT_EQ(pelmar_get_current_pid_name(), std::string(252, 'n'));
-}
+class ProcessName : public testing::TestWithParam<NameCase> {};
 
-TEST(ProcessName, IsTriedOnce) {
-  redirect_opens("/cmdline", "/nonexistent");
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "");
+// A name is read once, whether or not that succeeds.
+TEST_P(ProcessName, IsTakenFromTheFirstLine) {
+  const NameCase& given = GetParam();
+  const bool by_status = std::string(given.file) == "/status";
+  if (by_status) settle_log();
+  redirect_opens(given.file, given.path);
+  const auto read = by_status ? pelmar_get_current_pid_name_ex : pelmar_get_current_pid_name;
+  EXPECT_EQ(read(), given.name);
   redirect_opens("", "");
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "");
-  EXPECT_THAT(messages(), ElementsAre("E|fopen fail"));
+  EXPECT_EQ(read(), given.name);
+  EXPECT_EQ(pelmar_get_current_pid_name(), given.name);
+  Lines lines = log_bodies();
+  std::erase_if(lines, [](const std::string& line) { return line[1] != '|'; });
+  EXPECT_EQ(lines, given.lines);
 }
 
-TEST(ProcessName, OfAnEmptyFileIsEmpty) {
-  redirect_opens("/cmdline", file_with(""));
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "");
-  EXPECT_THAT(messages(), ElementsAre("E|pelmar_get_current_pid_name, fgets fail"));
-}
+const std::string kName = "D|pelmar_get_current_pid_name, ";
+const std::string kNameEx = "D|pelmar_get_current_pid_name_ex, ";
 
-TEST(ProcessNameEx, IsTrimmedAndReplacesTheName) {
-  redirect_opens("/status", file_with("Name:\t by_status \nUmask: 0\n"));
-  EXPECT_STREQ(pelmar_get_current_pid_name_ex(), "by_status");
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "by_status");
-  EXPECT_TRUE(logged("D|pelmar_get_current_pid_name_ex, proc_pid_buf = Name:\t by_status \n"));
-  EXPECT_TRUE(logged("D|pelmar_get_current_pid_name_ex, g_pid_info.p_name = by_status"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Files, ProcessName,
+    testing::Values(
+        NameCase{"/cmdline",
+                 file_with(std::string("mtb\0-x", 6)),
+                 "mtb",
+                 {kName + "proc_pid_buf = mtb", "E|pelmar_get_current_pid_name, proc_pid_buf should be name",
+                  kName + "str_pid_name: mtb", kName + "g_pid_info.p_name = mtb"}},
+        NameCase{"/cmdline",
+                 file_with("/" + std::string(300, 'n')),
+                 std::string(252, 'n'),
+                 {kName + "proc_pid_buf = /" + std::string(252, 'n'), kName + "str_pid_name: /" + std::string(252, 'n'),
+                  kName + "g_pid_info.p_name = " + std::string(252, 'n')}},
+        NameCase{"/cmdline", "/nonexistent", "", {"E|fopen fail"}},
+        NameCase{"/cmdline", file_with(""), "", {"E|pelmar_get_current_pid_name, fgets fail"}},
+        NameCase{"/status",
+                 file_with("Name:\t by_status \nUmask: 0\n"),
+                 "by_status",
+                 {kNameEx + "proc_pid_buf = Name:\t by_status \n", kNameEx + "g_pid_info.p_name = by_status"}},
+        NameCase{"/status", "/nonexistent", "mtb", {"E|pelmar_get_current_pid_name_ex, fopen fail"}},
+        NameCase{"/status", file_with(""), "mtb", {"E|pelmar_get_current_pid_name_ex, fgets fail"}}));
 
-TEST(ProcessNameEx, KeepsTheNameWhenTheStatusCannotBeRead) {
-  settle_log();
-  redirect_opens("/status", "/nonexistent");
-  EXPECT_STREQ(pelmar_get_current_pid_name_ex(), "mtb");
-  EXPECT_STREQ(pelmar_get_current_pid_name_ex(), "mtb");
-  EXPECT_THAT(messages(), ElementsAre("E|pelmar_get_current_pid_name_ex, fopen fail"));
-}
-
-TEST(ProcessNameEx, KeepsTheNameWhenTheStatusIsEmpty) {
-  settle_log();
-  redirect_opens("/status", file_with(""));
-  EXPECT_STREQ(pelmar_get_current_pid_name_ex(), "mtb");
-  EXPECT_THAT(messages(), ElementsAre("E|pelmar_get_current_pid_name_ex, fgets fail"));
-}
-
-TEST(ProcessInfo, IsReadAnewWithEveryStepLogged) {
-  settle_log();
-  const std::string pid = std::to_string(getpid());
+TEST(ProcessInfo, IsReadAnew) {
   const std::string named = "D pelmar_get_name_by_pid: ";
   pelmar_pid_info info;
-  pelmar_get_current_pid_info(&info);
-  EXPECT_EQ(info.p_id, getpid());
-  EXPECT_STREQ(info.p_name, "mtb");
-  EXPECT_THAT(new_messages(),
-              ElementsAre(named + "proc_pid_path: /proc/" + pid + "/cmdline", named + "proc_pid_buf: /scripted/mtb",
-                          named + "str_pid_name: /mtb", named + "p_pid_info->p_name: mtb", named + "close fp",
-                          "D pelmar_get_current_pid_info: p_id: " + pid + ", p_name: mtb"));
-
-  redirect_opens("/cmdline", file_with("plain"));
-  pelmar_get_current_pid_info(&info);
-  EXPECT_STREQ(info.p_name, "plain");
-  EXPECT_TRUE(logged(named + "proc_pid_buf should be name"));
-
+  const std::tuple<std::string, std::string, std::string> reads[] = {
+      {"/scripted/mtb", "mtb", named + "str_pid_name: /mtb"},
+      {"plain", "plain", named + "proc_pid_buf should be name"},
+      {"", "", "E pelmar_get_name_by_pid: fgets fail"}};
+  for (const auto& [content, name, line] : reads) {
+    redirect_opens("/cmdline", file_with(content));
+    pelmar_get_current_pid_info(&info);
+    EXPECT_EQ(info.p_id, getpid());
+    EXPECT_EQ(info.p_name, name);
+    EXPECT_TRUE(logged(line)) << line;
+  }
   redirect_opens("/cmdline", "/nonexistent");
-  clear_log();
   pelmar_get_current_pid_info(&info);
   EXPECT_STREQ(info.p_name, "");
   EXPECT_TRUE(logged("E pelmar_get_name_by_pid: fopen fail"));
-  EXPECT_TRUE(logged("D pelmar_get_current_pid_info: p_id: " + pid + ", p_name: "));
-
-  redirect_opens("/cmdline", file_with(""));
-  pelmar_get_current_pid_info(&info);
-  EXPECT_STREQ(info.p_name, "");
-  EXPECT_TRUE(logged("E pelmar_get_name_by_pid: fgets fail"));
-
-  clear_log();
-  pelmar_get_current_pid_info(nullptr);
-  EXPECT_THAT(new_messages(), ElementsAre("E pelmar_get_current_pid_info: p_pid_info is NULL"));
-  EXPECT_STREQ(pelmar_get_current_pid_name(), "mtb");
 }
 
 TEST(ProcessInfo, OwnRecordIsFilledByTheFirstQuestion) {
@@ -113,10 +96,6 @@ TEST(ProcessInfo, OwnRecordIsFilledByTheFirstQuestion) {
 TEST(SearchByName, FindsNoNameAndTheEmptyNameAtOnce) {
   settle_log();
   int32_t pid = -7;
-  pelmar_get_pid_by_name(nullptr, "mtb");
-  pelmar_get_pid_by_name(&pid, nullptr);
-  EXPECT_EQ(new_messages("pelmar_get_pid_by_name"), (Lines{"E pid fail", "E task_name fail"}));
-
   pelmar_get_pid_by_name(&pid, "mtb");
   EXPECT_EQ(pid, -7);
   Lines lines = new_messages("pelmar_get_pid_by_name");
