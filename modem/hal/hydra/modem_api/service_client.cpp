@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "pelmar_log_site.h"
+#include "pelmar_thread.h"
 #include "shared_word.h"
 
 namespace pelmar {
@@ -54,7 +55,7 @@ void pause_between_attempts() {
   }
 }
 
-bool make_attempts(const ServiceClient& client, const char* function) {
+bool make_attempts(const ServiceClient& client, const log::Place& here) {
   const uint32_t generation = client.state.generation.load();
   client.state.phase.store(Phase::kConnecting);
 
@@ -64,15 +65,14 @@ bool make_attempts(const ServiceClient& client, const char* function) {
     if (number > 0) pause_between_attempts();
     if (is_stale(client, generation)) return false;
     if (number > 0 || client.logs_first_try) {
-      PELMAR_LOG_DEBUG_AS(function, "Trying qmi_client_init_instance() try # %d port[%d]", number,
-                          QMI_CLIENT_INSTANCE_ANY);
+      PELMAR_LOG_DEBUG_AT(here, "Trying qmi_client_init_instance() try # %d port[%d]", number, QMI_CLIENT_INSTANCE_ANY);
     }
     code = attempt(client, &handle);
     if (code == QMI_NO_ERR) break;
   }
-  PELMAR_LOG_DEBUG_AS(function, "qmi_client_init_instance returned (%d)", code);
+  PELMAR_LOG_DEBUG_AT(here, "qmi_client_init_instance returned (%d)", code);
   if (code != QMI_NO_ERR) {
-    PELMAR_LOG_DEBUG_AS(function, "qmi_client_init_instance returned failure(%d)", code);
+    PELMAR_LOG_DEBUG_AT(here, "qmi_client_init_instance returned failure(%d)", code);
     return false;
   }
   if (is_stale(client, generation)) {
@@ -101,19 +101,9 @@ bool InCallback::is_of(qmi_client_type handle) {
   return callback != nullptr;
 }
 
-bool start_detached(void* (*routine)(void*), void* argument) {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  const int result = pthread_create(&thread, &attributes, routine, argument);
-  pthread_attr_destroy(&attributes);
-  return result == 0;
-}
-
 // Nobody waits for the detached thread: it ends after the callback, which may itself be waiting for somebody.
 void release_handle(ServiceClientState& state, qmi_client_type handle) {
-  if (InCallback::is_of(handle) && start_detached(release_on_thread, handle)) return;
+  if (InCallback::is_of(handle) && start_detached(release_on_thread, handle) == 0) return;
   const Aside aside(state);
   qmi_client_release(handle);
 }
@@ -148,12 +138,9 @@ void report(const ServiceClient& client, operational_status status) {
 }
 
 bool connect_handles(const ServiceClient& client) {
-  const char* const function = client.names.init_handles;
-  if (function == nullptr) return make_attempts(client, client.names.init);
-  PELMAR_LOG_ENTRY_AS(function);
-  const bool connected = make_attempts(client, function);
-  PELMAR_LOG_EXIT_RET_AS(function, connected);
-  return connected;
+  if (client.places.init_handles.function == nullptr) return make_attempts(client, client.places.init);
+  Operation operation(client.places.init_handles);
+  return operation.exit(make_attempts(client, operation.here()), operation.here().line);
 }
 
 bool connect_silently(const ServiceClient& client) {
@@ -170,17 +157,17 @@ void finish_connecting(const ServiceClient& client) {
 }
 
 bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
-  const char* const function = client.names.init;
-  PELMAR_LOG_ENTRY_AS(function);
+  const log::Place& here = client.places.init;
+  PELMAR_LOG_DEBUG_AT(here, "function entry ------------->");
   WorkerLock lock(client.state);
   store(*client.context.event_cb, event_cb);
-  PELMAR_LOG_DEBUG_AS(function, "Client connecting to QMI FW");
+  PELMAR_LOG_DEBUG_AT(here, "Client connecting to QMI FW");
   report(client, OPERATIONAL_STATUS_CONNECTING);
-  if (client.names.master_port != nullptr) {
-    PELMAR_LOG_DEBUG_AS(client.names.master_port, "using port %d", QMI_CLIENT_INSTANCE_ANY);
+  if (client.places.master_port.function != nullptr) {
+    PELMAR_LOG_DEBUG_AT(client.places.master_port, "using port %d", QMI_CLIENT_INSTANCE_ANY);
   }
   const bool connected = connect_handles(client);
-  PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d)", connected);
+  PELMAR_LOG_DEBUG_AT(here, "function exit, ret(%d)", connected);
   const Aside aside(client.state);
   report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_FAILED);
   finish_connecting(client);

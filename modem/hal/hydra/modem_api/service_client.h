@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "modem_api.h"
+#include "pelmar_log_site.h"
 #include "qmi_client.h"
 #include "sar_client.h"
 #include "vs_client.h"
@@ -57,27 +58,34 @@ struct EntryPoints {
   void* (*resume_thread)(void*);
 };
 
-// Function names of log lines that are written here.
-struct LogNames {
-  const char* init;
-  const char* master_port;   // null: the port is not logged
-  const char* init_handles;  // null: the attempts are a part of init
-  const char* unsol_ind;
-  const char* service_down;
-  const char* suspend;
-  const char* resume;
-  const char* release_thread;
-  const char* ind_hdlr;
+// Where the lines of a client's functions come from, for what the engine logs in their names. A place without a
+// function: the client has no such step.
+struct Places {
+  log::Place init;
+  log::Place master_port;
+  log::Place init_handles;  // none: the attempts are a part of init
+  log::Place unsol_ind;
+  log::Place service_down;
+  log::Place suspend;
+  log::Place resume;
+  log::Place release_thread;
+  log::Place ind_hdlr;
 };
 
-// What a client says and does about an indication.
+// How a client handles an indication, and the error texts of its refusals.
 struct IndicationRules {
-  const char* no_event_callback;  // error texts
+  const char* no_event_callback;
   const char* no_memory;
   bool needs_size;  // an indication without a size is refused, else handled without decoding
   // Delivers a decoded indication; false: it is unknown. Null: every indication is.
   bool (*deliver)(uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb);
 };
+
+// Every indication is decoded, logged as unknown and dropped.
+inline constexpr IndicationRules kDropsIndications = {.no_event_callback = "Unexpected NULL pointer!",
+                                                      .no_memory = "Unexpected NULL pointer!",
+                                                      .needs_size = false,
+                                                      .deliver = nullptr};
 
 struct ServiceClientState;
 
@@ -85,7 +93,7 @@ struct ServiceClient {
   modem_api_client_type type;
   ContextFields context;
   EntryPoints entry;
-  LogNames names;
+  Places places;
   IndicationRules indications;
   bool logs_first_try;
   qmi_idl_service_object_type (*service_object)();
@@ -168,9 +176,6 @@ class InCallback {
   const InCallback* const outer_;
 };
 
-// Starts a detached thread. False when there is none to be had.
-bool start_detached(void* (*routine)(void*), void* argument);
-
 // Releases a handle, outside the worker lock that this thread holds. The release waits for the callbacks of the handle,
 // so that inside one of them it would wait for itself: it then runs on a detached thread, where one can be started.
 void release_handle(ServiceClientState& state, qmi_client_type handle);
@@ -207,8 +212,11 @@ void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type
 void release_after_service_down(const ServiceClient& client, void* generation);
 void resume_after_service_up(const ServiceClient& client, void* generation);
 
-// --- indications (service_client_indication.cpp) ---
+// --- responses and indications (service_client_indication.cpp) ---
 
+// Hands the end of an asynchronous exchange to modem_api_process_response().
+void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, uint32_t response_length,
+                     void* callback_data, int32_t transport_error);
 void handle_indication(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* buffer,
                        uint32_t length);
 

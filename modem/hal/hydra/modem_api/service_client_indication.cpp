@@ -1,6 +1,7 @@
-// An indication of a service on its way to the client: sized, decoded into a traced block, delivered, freed.
+// What the framework calls a connection back with: responses, and indications. An indication is sized, decoded into a
+// traced block, delivered and freed.
 //
-// Runs on the framework's callback thread of the connection; nothing outlives the call.
+// This runs on the framework's callback thread of the connection; nothing outlives the call.
 #include "hydra_mem.h"
 #include "pelmar_log_site.h"
 #include "service_client.h"
@@ -12,21 +13,27 @@ namespace {
 
 void deliver(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* decoded,
              modem_api_event_cb event_cb) {
-  PELMAR_LOG_DEBUG_AS(client.names.ind_hdlr, "Handling indication msg 0x%x", msg_id);
+  PELMAR_LOG_DEBUG_AT(client.places.ind_hdlr, "Handling indication msg 0x%x", msg_id);
   const InCallback in_callback(handle);
   const bool known = client.indications.deliver != nullptr && client.indications.deliver(msg_id, decoded, event_cb);
-  if (!known) PELMAR_LOG_ERROR_AS(client.names.ind_hdlr, "Unknown indication msg %0x", msg_id);
+  if (!known) PELMAR_LOG_ERROR_AT(client.places.ind_hdlr, "Unknown indication msg %0x", msg_id);
 }
 
 }  // namespace
 
+void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, uint32_t response_length,
+                     void* callback_data, int32_t transport_error) {
+  const InCallback in_callback(handle);
+  modem_api_process_response(msg_id, response, response_length, callback_data, transport_error);
+}
+
 void handle_indication(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* buffer,
                        uint32_t length) {
-  const char* const function = client.names.unsol_ind;
+  const log::Place& here = client.places.unsol_ind;
   const IndicationRules& rules = client.indications;
   const modem_api_event_cb event_cb = load(*client.context.event_cb);
   if (event_cb == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "%s", rules.no_event_callback);
+    PELMAR_LOG_ERROR_AT(here, "%s", rules.no_event_callback);
     return;
   }
 
@@ -36,16 +43,16 @@ void handle_indication(const ServiceClient& client, qmi_client_type handle, uint
   const bool sized = rules.needs_size ? static_cast<int32_t>(size) > 0 : size != 0;
   if (!sized) {
     if (rules.needs_size) {
-      PELMAR_LOG_ERROR_AS(function, "decoded_payload_len(%d) can not <= 0", static_cast<int>(size));
+      PELMAR_LOG_ERROR_AT(here, "decoded_payload_len(%d) can not <= 0", static_cast<int>(size));
     } else {
       deliver(client, handle, msg_id, nullptr, event_cb);
     }
     return;
   }
 
-  const TracedPtr<void> decoded(hydra_malloc_adv(size, function, __LINE__));
+  const TracedPtr<void> decoded(hydra_malloc_adv(size, here.function, __LINE__));
   if (decoded == nullptr) {
-    PELMAR_LOG_ERROR_AS(function, "%s", rules.no_memory);
+    PELMAR_LOG_ERROR_AT(here, "%s", rules.no_memory);
     return;
   }
   // An indication can come before the handle of its connection is stored.
@@ -53,7 +60,7 @@ void handle_indication(const ServiceClient& client, qmi_client_type handle, uint
   const int code = qmi_client_message_decode(held != nullptr ? held : handle, QMI_IDL_INDICATION, msg_id, buffer,
                                              length, decoded.get(), size);
   if (code != QMI_NO_ERR) {
-    PELMAR_LOG_ERROR_AS(function, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
+    PELMAR_LOG_ERROR_AT(here, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
     return;
   }
   deliver(client, handle, msg_id, decoded.get(), event_cb);

@@ -11,6 +11,7 @@
 // call reports 4 and 5 again and registers with the notifier that is held; while the connection is up, it drops that
 // connection, and the client reconnects.
 #include "pelmar_log_site.h"
+#include "pelmar_thread.h"
 #include "service_client.h"
 #include "shared_word.h"
 
@@ -20,7 +21,7 @@ namespace {
 using Phase = ServiceClientState::Phase;
 
 bool start_worker(void* (*routine)(void*), uint32_t generation) {
-  return start_detached(routine, reinterpret_cast<void*>(static_cast<uintptr_t>(generation)));
+  return start_detached(routine, reinterpret_cast<void*>(static_cast<uintptr_t>(generation))) == 0;
 }
 
 bool is_present(const ServiceClient& client, void* generation) {
@@ -28,17 +29,17 @@ bool is_present(const ServiceClient& client, void* generation) {
 }
 
 void wait_for_service(const ServiceClient& client) {
-  const char* const function = client.names.release_thread;
+  const log::Place& here = client.places.release_thread;
   qmi_client_type notifier = load(*client.context.notifier_handle);
   if (notifier == nullptr) {
     const int code =
         qmi_client_notifier_init(load(*client.context.service_object), client.context.os_params, &notifier);
-    PELMAR_LOG_DEBUG_AS(function, "qmi_client_notifier_init return %d", code);
+    PELMAR_LOG_DEBUG_AT(here, "qmi_client_notifier_init return %d", code);
     if (code != QMI_NO_ERR) return;
     store(*client.context.notifier_handle, notifier);
   }
   const int code = qmi_client_register_notify_cb(notifier, client.entry.service_up, nullptr);
-  PELMAR_LOG_ERROR_AS(function, "qmi_client_register_notify_cb %d", code);
+  PELMAR_LOG_ERROR_AT(here, "qmi_client_register_notify_cb %d", code);
 }
 
 }  // namespace
@@ -46,14 +47,13 @@ void wait_for_service(const ServiceClient& client) {
 void suspend(const ServiceClient& client) {
   const uint32_t generation = client.state.prepared.load();
   if (client.context.notifier_handle == nullptr || is_stale(client, generation)) return;
-  PELMAR_LOG_ENTRY_AS(client.names.suspend);
+  Operation operation(client.places.suspend);
   report(client, OPERATIONAL_STATUS_DOWN);
   if (!start_worker(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
-  PELMAR_LOG_EXIT_AS(client.names.suspend);
 }
 
 void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error) {
-  PELMAR_LOG_ERROR_AS(client.names.service_down, "service down with error %d", error);
+  PELMAR_LOG_ERROR_AT(client.places.service_down, "service down with error %d", error);
   const InCallback in_callback(handle);
   Phase phase = Phase::kConnecting;
   if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
@@ -75,13 +75,12 @@ void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type
   const uint32_t generation = client.state.prepared.load();
   if (event != QMI_CLIENT_SERVICE_COUNT_INC || is_stale(client, generation)) return;
   if (client.state.resuming.exchange(generation) == generation) return;  // its thread is on the way already
-  PELMAR_LOG_ENTRY_AS(client.names.resume);
+  Operation operation(client.places.resume);
   report(client, OPERATIONAL_STATUS_RECONNECTING);
   if (!start_worker(client.entry.resume_thread, generation)) {
     client.state.resuming.store(0);
     report(client, OPERATIONAL_STATUS_RECONNECT_FAILED);
   }
-  PELMAR_LOG_EXIT_AS(client.names.resume);
 }
 
 void resume_after_service_up(const ServiceClient& client, void* generation) {

@@ -163,12 +163,3 @@ using log::Operation;
   PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_PLACE_AS(function), __VA_ARGS__)
 #define PELMAR_LOG_DEBUG_AS(function, ...) \
   PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_PLACE_AS(function), __VA_ARGS__)
-
-// Entry and exit lines of the service clients.
-#define PELMAR_LOG_ENTRY_AS(function) PELMAR_LOG_DEBUG_AS(function, "function entry ------------->")
-#define PELMAR_LOG_EXIT_AS(function) PELMAR_LOG_DEBUG_AS(function, "function exit <-------------")
-#define PELMAR_LOG_EXIT_RET_AS(function, ret) \
-  PELMAR_LOG_DEBUG_AS(function, "function exit, ret(%d) <-------------", static_cast<int>(ret))
-#define PELMAR_LOG_ENTRY() PELMAR_LOG_ENTRY_AS(__func__)
-#define PELMAR_LOG_EXIT() PELMAR_LOG_EXIT_AS(__func__)
-#define PELMAR_LOG_EXIT_RET(ret) PELMAR_LOG_EXIT_RET_AS(__func__, ret)

@@ -6,22 +6,21 @@
 
 #include "pelmar_log_site.h"
 #include "pelmar_string.h"
+#include "pelmar_thread.h"
 
 namespace pelmar {
-namespace {
 
-int32_t start_detached(void* (*start_routine)(void*), void* arg) {
+int32_t start_detached(void* (*routine)(void*), void* argument) {
   pthread_attr_t attributes;
   const int32_t initialised = pthread_attr_init(&attributes);
   if (initialised != 0) return initialised;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
-  const int32_t created = pthread_create(&thread, &attributes, start_routine, arg);
+  const int32_t created = pthread_create(&thread, &attributes, routine, argument);
   pthread_attr_destroy(&attributes);
   return created;
 }
 
-}  // namespace
 }  // namespace pelmar
 
 using namespace pelmar;

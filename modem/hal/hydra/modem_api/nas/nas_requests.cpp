@@ -1,8 +1,13 @@
 #include "nas_requests.h"
 
+#include "network_access_service_v01.h"
 #include "service_client.h"
 
 namespace pelmar::nas {
+
+qmi_idl_service_object_type get_service_object() {
+  return nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS);
+}
 
 void bind_subscription(qmi_client_type handle, uint32_t sub) {
   BindSubscriptionRequest request = {sub};

@@ -8,6 +8,9 @@
 
 namespace pelmar::nas {
 
+// The platform's description of the service.
+qmi_idl_service_object_type get_service_object();
+
 // Names the serving system's indication as a valid field whose value stays 0.
 constexpr RegisterIndicationsRequest serving_system_registration() {
   RegisterIndicationsRequest request{};

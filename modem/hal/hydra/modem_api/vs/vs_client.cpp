@@ -1,10 +1,11 @@
 // The vendor-specific service client: the connection that carries the library's own commands and brings modem events.
 //
-// It does not come back by itself: a lost service is logged and nothing else, and later sends answer the framework's
-// code.
+// Compatibility: it does not come back by itself. A lost service is logged and nothing else, and later sends return the
+// framework's code.
 #include "vs_client.h"
 
-#include "service_client_functions.h"
+#include "pelmar_log_site.h"
+#include "service_client.h"
 #include "shared_word.h"
 #include "vs_events.h"
 #include "vs_messages.h"
@@ -30,15 +31,15 @@ constexpr pelmar::ServiceClient kVsClient = {
               .service_up = nullptr,
               .release_thread = nullptr,
               .resume_thread = nullptr},
-    .names = {.init = "vs_client_init",
-              .master_port = "vs_client_get_master_port",
-              .init_handles = nullptr,
-              .unsol_ind = "vs_client_unsol_ind_cb",
-              .service_down = "vs_client_service_down_event",
-              .suspend = nullptr,
-              .resume = nullptr,
-              .release_thread = nullptr,
-              .ind_hdlr = "vs_client_ind_hdlr"},
+    .places = {.init = PELMAR_PLACE_AS("vs_client_init"),
+               .master_port = PELMAR_PLACE_AS("vs_client_get_master_port"),
+               .init_handles = {},
+               .unsol_ind = PELMAR_PLACE_AS("vs_client_unsol_ind_cb"),
+               .service_down = PELMAR_PLACE_AS("vs_client_service_down_event"),
+               .suspend = {},
+               .resume = {},
+               .release_thread = {},
+               .ind_hdlr = PELMAR_PLACE_AS("vs_client_ind_hdlr")},
     .indications = {.no_event_callback = "The hydra is not inited, do nothing",
                     .no_memory = "decoded_payload is NULL",
                     .needs_size = true,
@@ -52,21 +53,62 @@ constexpr pelmar::ServiceClient kVsClient = {
 
 }  // namespace
 
-PELMAR_SERVICE_CLIENT_FUNCTIONS(vs, kVsClient)
+using namespace pelmar;
 
 qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
                                                                int32_t library_version) {
-  using namespace pelmar::vs;
-  PELMAR_LOG_ENTRY();
-  const bool matches = idl_major == kIdlMajorVersion && idl_minor == static_cast<int32_t>(kIdlMinorVersion) &&
-                       library_version == static_cast<int32_t>(kIdlLibraryVersion);
-  PELMAR_LOG_EXIT();
+  Operation operation(PELMAR_HERE);
+  const bool matches = idl_major == vs::kIdlMajorVersion && idl_minor == static_cast<int32_t>(vs::kIdlMinorVersion) &&
+                       library_version == static_cast<int32_t>(vs::kIdlLibraryVersion);
   return matches ? &vs_qmi_idl_service_object_v01 : nullptr;
 }
 
 qmi_idl_service_object_type vs_init() {
-  PELMAR_LOG_ENTRY();
-  pelmar::prepare(kVsClient);
-  PELMAR_LOG_EXIT();
-  return pelmar::load(vs_client_info.service_object);
+  Operation operation(PELMAR_HERE);
+  prepare(kVsClient);
+  return load(vs_client_info.service_object);
+}
+
+void vs_client_set_operational_status_callback(modem_api_operational_status_fn callback) {
+  Operation operation(PELMAR_HERE);
+  set_status_callback(kVsClient, callback);
+}
+
+bool vs_client_init(modem_api_event_cb event_cb) {
+  return open(kVsClient, event_cb);
+}
+
+bool vs_client_release() {
+  Operation operation(PELMAR_HERE);
+  release(kVsClient);
+  return operation.exit(true);
+}
+
+int32_t vs_client_send_msg_sync(uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                                uint32_t response_length) {
+  Operation operation(PELMAR_HERE);
+  return operation.exit(send_sync(kVsClient, msg_id, request, request_length, response, response_length));
+}
+
+int32_t vs_client_send_msg_async(uint32_t msg_id, void* request, uint32_t request_length, void* response,
+                                 uint32_t response_length, void* callback_data) {
+  Operation operation(PELMAR_HERE);
+  return operation.exit(
+      send_async(kVsClient, msg_id, request, request_length, response, response_length, callback_data));
+}
+
+void vs_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* response, unsigned int response_length,
+                          void* callback_data, qmi_client_error_type transport_error) {
+  Operation operation(PELMAR_HERE);
+  handle_response(handle, msg_id, response, response_length, callback_data, transport_error);
+}
+
+void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* buffer, unsigned int length, void*) {
+  Operation operation(PELMAR_HERE);
+  handle_indication(kVsClient, handle, msg_id, buffer, length);
+}
+
+void vs_client_service_down_event(qmi_client_type handle, qmi_client_error_type error, void*) {
+  Operation operation(PELMAR_HERE);
+  handle_service_down(kVsClient, handle, error);
 }
