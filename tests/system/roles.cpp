@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "chaos/client_role.h"
+#include "chaos/chaos.h"
 #include "client_process.h"
 #include "modem_api.h"
 #include "modem_api_peripheral_mng.h"

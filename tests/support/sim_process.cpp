@@ -1,0 +1,161 @@
+#include "sim_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+#include <utility>
+
+#include "io/local_socket.h"
+
+extern char** environ;
+
+namespace pelmar::sim::test {
+
+namespace {
+
+constexpr int kPatienceMs = 60'000;
+
+// Appends what can be read. False where nothing comes in time or the other end is closed.
+bool append_bytes(int fd, std::string& text, int patience_ms) {
+  pollfd waiting{fd, POLLIN, 0};
+  char bytes[4096];
+  if (poll(&waiting, 1, patience_ms) != 1) return false;
+  const ssize_t count = read(fd, bytes, sizeof(bytes));
+  if (count > 0) text.append(bytes, static_cast<size_t>(count));
+  return count > 0;
+}
+
+std::vector<std::string> serve_arguments(const std::string& socket, const ScratchDirectory& directory,
+                                         const std::vector<std::string>& options) {
+  std::vector<std::string> arguments = {MODEM_SIM, "serve", "--socket", socket, "--storage", directory.path("storage")};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  return arguments;
+}
+
+}  // namespace
+
+ScratchDirectory::ScratchDirectory() {
+  char pattern[] = "/tmp/modem_sim_test.XXXXXX";
+  path_ = mkdtemp(pattern);
+}
+
+ScratchDirectory::~ScratchDirectory() {
+  std::filesystem::remove_all(path_);
+}
+
+bool comes_true(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+Process::Process(const std::string& program, const std::vector<std::string>& arguments, bool errors_to_output) {
+  std::vector<char*> argv;
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  int input[2] = {-1, -1};
+  int output[2] = {-1, -1};
+  EXPECT_EQ(pipe2(input, O_CLOEXEC), 0);
+  EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
+  const UniqueFd reading(input[0]);
+  const UniqueFd writing(output[1]);
+  input_.reset(input[1]);
+  output_.reset(output[0]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+  if (errors_to_output) posix_spawn_file_actions_adddup2(&actions, output[1], STDERR_FILENO);
+  EXPECT_EQ(posix_spawn(&process_, program.c_str(), &actions, nullptr, argv.data(), environ), 0) << program;
+  posix_spawn_file_actions_destroy(&actions);
+}
+
+Process::~Process() {
+  if (process_ > 0) end(SIGKILL);
+}
+
+std::string Process::line(int patience_ms) {
+  size_t end = 0;
+  while ((end = buffered_.find('\n')) == buffered_.npos) {
+    if (!append_bytes(output_.get(), buffered_, patience_ms)) return "";
+  }
+  const std::string first = buffered_.substr(0, end);
+  buffered_.erase(0, end + 1);
+  return first;
+}
+
+std::string Process::rest() {
+  while (append_bytes(output_.get(), buffered_, kPatienceMs)) {
+  }
+  return std::exchange(buffered_, {});
+}
+
+void Process::tell(const std::string& line) {
+  const std::string text = line + '\n';
+  EXPECT_EQ(write(input_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+int Process::end(int signal) {
+  const pid_t process = std::exchange(process_, -1);
+  if (signal != 0) kill(process, signal);
+  int status = 0;
+  if (waitpid(process, &status, 0) != process) return -1;
+  return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+Outcome run_program(const std::vector<std::string>& arguments) {
+  Process process(arguments[0], arguments, true);
+  process.finish();
+  std::string output = process.rest();
+  return {process.end(), std::move(output)};
+}
+
+SimProcess::SimProcess(const ScratchDirectory& directory, const std::vector<std::string>& options,
+                       const std::string& socket)
+    : Process(MODEM_SIM, serve_arguments(socket.empty() ? directory.path("qmux") : socket, directory, options), true),
+      socket_(socket.empty() ? directory.path("qmux") : socket),
+      control_(directory.path("storage/control")) {
+  EXPECT_EQ(line(), "modem_sim: ready on " + socket_);
+  close_output();
+}
+
+SimProcess::~SimProcess() {
+  if (process() <= 0) return;
+  EXPECT_EQ(end(SIGTERM), 0) << "the modem failed to end after SIGTERM";
+}
+
+nlohmann::json SimProcess::try_command(const std::string& line) const {
+  const UniqueFd fd = connect_local(control_);
+  const std::string text = line + '\n';
+  EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+  std::string response;
+  while (response.find('\n') == response.npos && append_bytes(fd.get(), response, kPatienceMs)) {
+  }
+  return nlohmann::json::parse(response);
+}
+
+nlohmann::json SimProcess::operator_command(const std::string& line) const {
+  auto response = try_command(line);
+  EXPECT_TRUE(response.at("ok")) << line << ": " << response;
+  return response;
+}
+
+std::string SimProcess::refused_command(const std::string& line) const {
+  const auto response = try_command(line);
+  EXPECT_FALSE(response.at("ok")) << line;
+  return response.value("error", "");
+}
+
+}  // namespace pelmar::sim::test

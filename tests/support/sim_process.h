@@ -1,0 +1,88 @@
+// Child processes of a test: any program, and the simulated modem.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+
+namespace pelmar::sim::test {
+
+// A directory that goes with the object.
+class ScratchDirectory {
+ public:
+  ScratchDirectory();
+  ~ScratchDirectory();
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+  std::string path(const std::string& name) const { return path_ + '/' + name; }
+
+ private:
+  std::string path_;
+};
+
+// Checks every 20 ms whether this holds. False where it does not come to hold within a minute.
+bool comes_true(const std::function<bool()>& condition);
+
+// A child process whose standard input and output are pipes of the test's.
+class Process {
+ public:
+  // arguments[0] is the name that the process sees of itself. Standard error is the test's, or goes to the output.
+  Process(const std::string& program, const std::vector<std::string>& arguments, bool errors_to_output);
+  ~Process();  // kills it
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  // The next line of output, without its end; "" when none comes in time or the output ended.
+  std::string line(int patience_ms = 90'000);
+  std::string rest();  // all that follows, up to the end of the output
+
+  void tell(const std::string& line);  // to the standard input
+  void finish() { input_.reset(); }    // ends the standard input
+  int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
+  pid_t process() const { return process_; }
+
+ protected:
+  void close_output() { output_.reset(); }
+
+ private:
+  pid_t process_ = -1;
+  UniqueFd input_;
+  UniqueFd output_;
+  std::string buffered_;
+};
+
+struct Outcome {
+  int status;  // exit status, or minus the signal
+  std::string output;
+};
+
+// Runs a program without input to its end; output is what it wrote to standard output and error.
+Outcome run_program(const std::vector<std::string>& arguments);
+
+// A simulated modem with a directory of its own.
+class SimProcess : public Process {
+ public:
+  // Returns when the modem is ready; fails the test where it does not become so. No socket named: one in the directory.
+  explicit SimProcess(const ScratchDirectory& directory, const std::vector<std::string>& options = {},
+                      const std::string& socket = "");
+  ~SimProcess();
+
+  const std::string& socket() const { return socket_; }
+
+  // Sends a line to the control socket. operator_command() expects success; refused_command() returns the error.
+  nlohmann::json operator_command(const std::string& line) const;
+  std::string refused_command(const std::string& line) const;
+  // Where either will do.
+  nlohmann::json try_command(const std::string& line) const;
+
+ private:
+  std::string socket_;
+  std::string control_;
+};
+
+}  // namespace pelmar::sim::test
