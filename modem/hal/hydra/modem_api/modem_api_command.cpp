@@ -40,7 +40,7 @@ modem_api_result map_response(const vs::ResponseHeader& response) {
 modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* response) {
   switch (transport_code) {
     case QMI_NO_ERR:
-    case QMI_SERVICE_ERR:  // read like a success: a response that nobody filled says that all went well
+    case QMI_SERVICE_ERR:  // Compatibility: the response counts, and one that the platform left zeroed is a success.
       return map_response(*response);
     case QMI_TIMEOUT_ERR:
       return MODEM_API_ERR_TIMEOUT;
@@ -149,8 +149,8 @@ modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t
   }
   auto* const record = new (block.release()) CallbackRecord{callback, user_data};
 
-  // From here on both blocks belong to the exchange; a send that is refused does not give them back. An accepted one
-  // may have ended already, so that its response is not looked at.
+  // Compatibility: both blocks belong to the exchange from here on, also when the send is refused; they are then lost.
+  // An accepted exchange may have ended already, so that its response is not looked at.
   auto* const buffer = static_cast<vs::PassThroughResponse*>(response.release());
   const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest), buffer,
                                                 sizeof(vs::PassThroughResponse), record);

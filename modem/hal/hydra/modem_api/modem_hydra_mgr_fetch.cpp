@@ -122,7 +122,7 @@ bool take_field(const log::Place& decoder, const MetricField& field, void* recor
                         g_value.id);
     return false;
   }
-  // Cannot happen: the count only ever grows by the widths of fields. The check and its message belong to the step.
+  // Compatibility: the check and its text stay, although the count only ever grows by the widths of fields.
   if (g_value.data_count < 0) {
     PELMAR_LOG_ERROR_AT(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
                         g_value.id);

@@ -13,6 +13,7 @@ uint32_t to_power(float value) {
   return fits ? static_cast<uint32_t>(static_cast<int32_t>(value)) : MODEM_TX_POWER_NONE;
 }
 
+// Compatibility: both error texts below end in "faile".
 uint32_t nr_power(const log::Place& here, uint32_t sub) {
   modem_hydra_nr5g_mac_ul_phy_ch_power_info info = {};
   if (modem_hydra_nr5g_mac_ul_phy_ch_power_info_get(sub, &info) != 0) return to_power(info.tx_power_pusch);

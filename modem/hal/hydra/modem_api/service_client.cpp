@@ -37,8 +37,8 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   const int code =
       qmi_client_init_instance(load(*client.context.service_object), QMI_CLIENT_INSTANCE_ANY, client.entry.indication,
                                nullptr, client.context.os_params, kInitInstanceTimeout, handle);
-  // The binding follows every attempt and precedes the test of its outcome; after a failure it goes out on a null
-  // handle and fails.
+  // Compatibility: a NAS client's binding follows every attempt, before its outcome is tested; after a failure it is
+  // sent on a null handle and fails.
   if (client.after_attempt != nullptr) client.after_attempt(*handle);
   return code;
 }
@@ -183,8 +183,9 @@ void release(const ServiceClient& client) {
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
   if (handle != nullptr) release_handle(client.state, handle);
-  // A notifier that is held is dropped without release. Whoever prepared or released the client meanwhile has cleared
-  // the context, or is about to.
+  // Compatibility: a notifier that is held is dropped without release, and the service object goes too: an open before
+  // the next preparation fails after its ten attempts. We clear nothing that a later preparation or release has
+  // cleared.
   if (!is_stale(client, generation)) clear_context(client.context);
 }
 

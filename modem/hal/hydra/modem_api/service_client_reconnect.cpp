@@ -38,6 +38,7 @@ void wait_for_service(const ServiceClient& client) {
     if (code != QMI_NO_ERR) return;
     store(*client.context.notifier_handle, notifier);
   }
+  // Compatibility: the code is logged at error level, a success included.
   const int code = qmi_client_register_notify_cb(notifier, client.entry.service_up, nullptr);
   PELMAR_LOG_ERROR_AT(here, "qmi_client_register_notify_cb %d", code);
 }

@@ -30,7 +30,8 @@ struct Sink {
   const char* name;
   const char* property;
   const char* variable;
-  const char* widened_as;  // what merge, add and set call the mask; remove and close always name the variable
+  // Compatibility: what merge, add and set call the mask; remove and close always name the variable.
+  const char* widened_as;
 };
 
 constexpr Sink kLogcat{g_logcat_print_mask, "logcat", "persist.vendor.radio.adb_log_ka", "g_pelmar_logcat_print_mask",

@@ -69,7 +69,7 @@ int32_t pelmar_get_modem_ssr_type(void) {
   } else if (level.equals(kRestart)) {
     name = "SSR";
     type = MODEM_RESTART_LEVEL_ID_SSR;
-  } else if (level.equals(kDump) || level.empty()) {
+  } else if (level.equals(kDump) || level.empty()) {  // Compatibility: an empty level counts as dump.
     name = "DUMP";
     type = MODEM_RESTART_LEVEL_ID_DUMP;
   }

@@ -88,7 +88,7 @@ const char* hex_refusal(const char* hex_str, int32_t str_len, const uint8_t* dat
   return nullptr;
 }
 
-// A byte's piece, " %02X", has room for two characters, so its low digit never shows.
+// Compatibility: a byte's piece, " %02X", has room for two characters, so its low digit never shows.
 void render_hex(char* text, int32_t room, const uint8_t* data) {
   std::memset(text, 0, static_cast<size_t>(room));
   for (int32_t length = 0; length + 3 < room; length += 2) {
@@ -158,6 +158,7 @@ char* pelmar_str_find_right(const char* str, char c) {
   return const_cast<char*>(std::strrchr(str, c));
 }
 
+// Compatibility: of the codes for a difference, PELMAR_STR_BYTES_DIFFER alone is positive.
 int32_t pelmar_str_cmp(const char* str1, const char* str2) {
   Operation operation(PELMAR_HERE);
   if (str1 == nullptr) {
