@@ -85,7 +85,8 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
     const bool blocks = deadline.is_none() || deadline.remaining() >= 2 * kSocketTimeout;
     const ssize_t count = ::recv(descriptor(), to, room, blocks ? 0 : MSG_DONTWAIT);
     if (count > 0) {
-      silent_listener_.clear();
+      // The first bytes come before a second thread can use the stream, which may send while this one receives.
+      if (!silent_listener_.empty()) silent_listener_.clear();
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;
     }
