@@ -198,7 +198,8 @@ typedef struct modem_api_vs_report_c_event {
  *
  * Each call also clears the contexts of all four connections, those of open clients included: their commands then
  * return MODEM_API_ERR_GENERIC, and their connections are never released. Before a reopening, therefore, free all
- * clients of the process, then call this, then open them.
+ * clients of the process, then call this, then open them. Like modem_api_free_client(), it waits for callbacks of the
+ * library's connections, except inside a callback.
  *
  * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_NOT_INITIALIZED when the process is not on the white list. */
 PELMAR_EXPORT modem_api_result modem_api_init(void);

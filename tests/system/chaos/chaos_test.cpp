@@ -106,8 +106,8 @@ class ChaosTest : public testing::Test {
   }
 
   void calm() {
-    tell_all("pause");
     run(random_.element(kCures));
+    tell_all("pause");  // after the cure: what a process has then got back stays
     for (ClientProcess& client : clients_) ASSERT_EQ(reply_of(client), "paused");
     if (HasFailure()) return;
     const uint32_t first_event = next_event_;

@@ -149,6 +149,7 @@ modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_eve
   record->event_cb = event_cb;
   record->status_cb = status_cb;
   int32_t id = 0;
+  const modem_api_client* const own = record.get();
   const modem_api_result added = add_record(operation, std::move(record), &id);
   if (added != MODEM_API_SUCCESS) return operation.exit(added);
 
@@ -158,7 +159,9 @@ modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_eve
     {
       const std::lock_guard lock(g_client_table.lock);
       ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
-      if (modem_api_client* const failed = slot.claim()) slot.remove(failed);
+      // The slot may be another client's by now: modem_api_release() empties the table at any time.
+      modem_api_client* const failed = slot.get() == own ? slot.claim() : nullptr;
+      if (failed != nullptr) slot.remove(failed);
     }
     return operation.exit(MODEM_API_ERR_GENERIC);
   }

@@ -97,17 +97,19 @@ void deliver_response(uint32_t msg_id, const void* response, uint32_t response_l
 }  // namespace
 
 modem_api_result Command::refuse(modem_api_result error, int line) {
-  PELMAR_LOG_ERROR_IN(*this, "Unexpected condition, return error %d!", error);
+  PELMAR_LOG_ERROR_AT(log::place_of(here().function, here().file, line), "Unexpected condition, return error %d!",
+                      error);
   return exit(error, line);
 }
 
 modem_api_result Command::refuse_null(modem_api_result error, int line) {
-  PELMAR_LOG_ERROR_IN(*this, "Unexpected NULL pointer, return error %d!", error);
+  PELMAR_LOG_ERROR_AT(log::place_of(here().function, here().file, line), "Unexpected NULL pointer, return error %d!",
+                      error);
   return exit(error, line);
 }
 
-modem_api_result Command::log_result(modem_api_result result) const {
-  PELMAR_LOG_DEBUG_IN(*this, "result %d", result);
+modem_api_result Command::log_result(modem_api_result result, int line) const {
+  PELMAR_LOG_DEBUG_AT(log::place_of(here().function, here().file, line), "result %d", result);
   return result;
 }
 

@@ -33,7 +33,7 @@ class Command : public Operation {
   modem_api_result refuse_null(modem_api_result error, int line = __builtin_LINE());
 
   // Logs the result of the exchange and returns it.
-  modem_api_result log_result(modem_api_result result) const;
+  modem_api_result log_result(modem_api_result result, int line = __builtin_LINE()) const;
 };
 
 using SendSync = int32_t (*)(uint32_t msg_id, void* request, uint32_t request_length, void* response,

@@ -79,7 +79,9 @@ bool make_attempts(const ServiceClient& client, const log::Place& here) {
     release_handle(client.state, handle);
     return false;
   }
-  store(*client.context.client_handle, handle);
+  // A notifier that an earlier release dropped may have connected the client, unasked.
+  const qmi_client_type unasked = exchange(*client.context.client_handle, handle);
+  if (unasked != nullptr) release_handle(client.state, unasked);
   if (client.before_error_callback != nullptr) client.before_error_callback();
   qmi_client_register_error_cb(handle, client.entry.service_down, nullptr);
   store(*client.context.connected, uint8_t{1});
@@ -137,15 +139,15 @@ void report(const ServiceClient& client, operational_status status) {
   if (callback != nullptr) callback(client.type, status);
 }
 
-bool connect_handles(const ServiceClient& client) {
-  if (client.places.init_handles.function == nullptr) return make_attempts(client, client.places.init);
+bool connect_handles(const ServiceClient& client, const log::Place& here) {
+  if (client.places.init_handles.function == nullptr) return make_attempts(client, here);
   Operation operation(client.places.init_handles);
   return operation.exit(make_attempts(client, operation.here()), operation.here().line);
 }
 
 bool connect_silently(const ServiceClient& client) {
   WorkerLock lock(client.state);
-  const bool connected = connect_handles(client);
+  const bool connected = connect_handles(client, client.places.init_handles);
   const Aside aside(client.state);
   finish_connecting(client);
   return connected;
@@ -156,8 +158,7 @@ void finish_connecting(const ServiceClient& client) {
   if (lost && load(*client.context.client_handle) != nullptr) suspend(client);
 }
 
-bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
-  const log::Place& here = client.places.init;
+bool open(const ServiceClient& client, const log::Place& here, modem_api_event_cb event_cb) {
   PELMAR_LOG_DEBUG_AT(here, "function entry ------------->");
   WorkerLock lock(client.state);
   store(*client.context.event_cb, event_cb);
@@ -166,7 +167,7 @@ bool open(const ServiceClient& client, modem_api_event_cb event_cb) {
   if (client.places.master_port.function != nullptr) {
     PELMAR_LOG_DEBUG_AT(client.places.master_port, "using port %d", QMI_CLIENT_INSTANCE_ANY);
   }
-  const bool connected = connect_handles(client);
+  const bool connected = connect_handles(client, here);
   PELMAR_LOG_DEBUG_AT(here, "function exit, ret(%d)", connected);
   const Aside aside(client.state);
   report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_FAILED);

@@ -58,17 +58,13 @@ struct EntryPoints {
   void* (*resume_thread)(void*);
 };
 
-// Where the lines of a client's functions come from, for what the engine logs in their names. A place without a
-// function: the client has no such step.
+// Names of a client's log lines that no exported function has, with the client's source. A place without a function:
+// the client has no such step.
 struct Places {
-  log::Place init;
   log::Place master_port;
   log::Place init_handles;  // none: the attempts are a part of init
-  log::Place unsol_ind;
-  log::Place service_down;
   log::Place suspend;
   log::Place resume;
-  log::Place release_thread;
   log::Place ind_hdlr;
 };
 
@@ -184,12 +180,13 @@ void release_handle(ServiceClientState& state, qmi_client_type handle);
 
 // Clears the context, stores the response callback and the service object.
 void prepare(const ServiceClient& client);
-// The ten attempts, with the lines of their own operation, under the worker lock. True when the client is connected.
-bool connect_handles(const ServiceClient& client);
+// The ten attempts, with the lines of their own operation where the client has one, else at `here`; under the worker
+// lock. True when the client is connected.
+bool connect_handles(const ServiceClient& client, const log::Place& here);
 // The same by itself: nothing is reported, but for a service that went down meanwhile.
 bool connect_silently(const ServiceClient& client);
 // Opens the client on the caller's thread, with its own log lines. True when it is up.
-bool open(const ServiceClient& client, modem_api_event_cb event_cb);
+bool open(const ServiceClient& client, const log::Place& here, modem_api_event_cb event_cb);
 void release(const ServiceClient& client);
 void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback);
 void report(const ServiceClient& client, operational_status status);
@@ -207,9 +204,9 @@ bool is_stale(const ServiceClient& client, uint32_t generation);
 // --- reconnection (service_client_reconnect.cpp) ---
 
 void suspend(const ServiceClient& client);
-void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error);
+void handle_service_down(const ServiceClient& client, const log::Place& here, qmi_client_type handle, int32_t error);
 void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event);
-void release_after_service_down(const ServiceClient& client, void* generation);
+void release_after_service_down(const ServiceClient& client, const log::Place& here, void* generation);
 void resume_after_service_up(const ServiceClient& client, void* generation);
 
 // --- responses and indications (service_client_indication.cpp) ---
@@ -217,7 +214,7 @@ void resume_after_service_up(const ServiceClient& client, void* generation);
 // Hands the end of an asynchronous exchange to modem_api_process_response().
 void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, uint32_t response_length,
                      void* callback_data, int32_t transport_error);
-void handle_indication(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* buffer,
-                       uint32_t length);
+void handle_indication(const ServiceClient& client, const log::Place& here, qmi_client_type handle, uint32_t msg_id,
+                       const void* buffer, uint32_t length);
 
 }  // namespace pelmar

@@ -27,9 +27,8 @@ void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, ui
   modem_api_process_response(msg_id, response, response_length, callback_data, transport_error);
 }
 
-void handle_indication(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* buffer,
-                       uint32_t length) {
-  const log::Place& here = client.places.unsol_ind;
+void handle_indication(const ServiceClient& client, const log::Place& here, qmi_client_type handle, uint32_t msg_id,
+                       const void* buffer, uint32_t length) {
   const IndicationRules& rules = client.indications;
   const modem_api_event_cb event_cb = load(*client.context.event_cb);
   if (event_cb == nullptr) {
@@ -55,10 +54,8 @@ void handle_indication(const ServiceClient& client, qmi_client_type handle, uint
     PELMAR_LOG_ERROR_AT(here, "%s", rules.no_memory);
     return;
   }
-  // An indication can come before the handle of its connection is stored.
-  const qmi_client_type held = load(*client.context.client_handle);
-  const int code = qmi_client_message_decode(held != nullptr ? held : handle, QMI_IDL_INDICATION, msg_id, buffer,
-                                             length, decoded.get(), size);
+  // Not with the stored handle, which may be another one by now, or not be stored yet.
+  const int code = qmi_client_message_decode(handle, QMI_IDL_INDICATION, msg_id, buffer, length, decoded.get(), size);
   if (code != QMI_NO_ERR) {
     PELMAR_LOG_ERROR_AT(here, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
     return;

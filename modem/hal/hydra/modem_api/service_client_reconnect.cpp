@@ -28,8 +28,7 @@ bool is_present(const ServiceClient& client, void* generation) {
   return generation == nullptr || !is_stale(client, static_cast<uint32_t>(reinterpret_cast<uintptr_t>(generation)));
 }
 
-void wait_for_service(const ServiceClient& client) {
-  const log::Place& here = client.places.release_thread;
+void wait_for_service(const ServiceClient& client, const log::Place& here) {
   qmi_client_type notifier = load(*client.context.notifier_handle);
   if (notifier == nullptr) {
     const int code =
@@ -53,15 +52,15 @@ void suspend(const ServiceClient& client) {
   if (!start_worker(client.entry.release_thread, generation)) report(client, OPERATIONAL_STATUS_IDLE);
 }
 
-void handle_service_down(const ServiceClient& client, qmi_client_type handle, int32_t error) {
-  PELMAR_LOG_ERROR_AT(client.places.service_down, "service down with error %d", error);
+void handle_service_down(const ServiceClient& client, const log::Place& here, qmi_client_type handle, int32_t error) {
+  PELMAR_LOG_ERROR_AT(here, "service down with error %d", error);
   const InCallback in_callback(handle);
   Phase phase = Phase::kConnecting;
   if (client.state.phase.compare_exchange_strong(phase, Phase::kLostWhileConnecting)) return;
   suspend(client);
 }
 
-void release_after_service_down(const ServiceClient& client, void* generation) {
+void release_after_service_down(const ServiceClient& client, const log::Place& here, void* generation) {
   WorkerLock lock(client.state);
   if (!is_present(client, generation)) return;
   store(*client.context.connected, uint8_t{0});
@@ -69,7 +68,7 @@ void release_after_service_down(const ServiceClient& client, void* generation) {
   if (handle != nullptr) release_handle(client.state, handle);
   if (!is_present(client, generation)) return;
   report(client, OPERATIONAL_STATUS_RELEASED);
-  if (is_present(client, generation)) wait_for_service(client);
+  if (is_present(client, generation)) wait_for_service(client, here);
 }
 
 void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event) {
@@ -92,7 +91,8 @@ void resume_after_service_up(const ServiceClient& client, void* generation) {
   client.state.resuming.store(0);
 
   // A notifier that an earlier release dropped may announce the service to a client that has its connection.
-  const bool connected = load(*client.context.client_handle) != nullptr || connect_handles(client);
+  const bool connected =
+      load(*client.context.client_handle) != nullptr || connect_handles(client, client.places.init_handles);
   const Aside aside(client.state);
   if (is_present(client, generation)) {
     report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_RECONNECT_FAILED);

@@ -2,7 +2,7 @@
 //
 //     PELMAR_LOG_ERROR("payload is %u bytes, limit %u", length, kLimit);
 //     PELMAR_LOG_DEBUG_AS(client.name, "using port %d", port);   // under another function's name
-//     PELMAR_LOG_DEBUG_IN(operation, "result %d", result);       // from a helper of an exported operation
+//     PELMAR_LOG_DEBUG_IN(operation, "result %d", result);       // in a helper of an exported operation
 //
 // An exported operation logs its entry and its exit through an Operation:
 //
@@ -151,15 +151,15 @@ using log::Operation;
 
 #define PELMAR_LOG_ERROR(...) PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_HERE, __VA_ARGS__)
 #define PELMAR_LOG_DEBUG(...) PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_HERE, __VA_ARGS__)
-// In a helper of an operation, with the operation's name and place, or with a place that is handed in.
-#define PELMAR_LOG_ERROR_IN(operation, ...) PELMAR_LOG_LINE(::pelmar::log::kError, (operation).here(), __VA_ARGS__)
-#define PELMAR_LOG_DEBUG_IN(operation, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, (operation).here(), __VA_ARGS__)
+// In a helper that several sources share: at the place of the function that called it.
 #define PELMAR_LOG_ERROR_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kError, place, __VA_ARGS__)
 #define PELMAR_LOG_DEBUG_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, place, __VA_ARGS__)
 
-// Under another function's name: of a step that belongs to it.
+// Under another function's name, in the source of that function: of a step that belongs to it.
 #define PELMAR_PLACE_AS(function) ::pelmar::log::place_of(function, __FILE_NAME__, __LINE__)
 #define PELMAR_LOG_ERROR_AS(function, ...) \
   PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_PLACE_AS(function), __VA_ARGS__)
 #define PELMAR_LOG_DEBUG_AS(function, ...) \
   PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_PLACE_AS(function), __VA_ARGS__)
+#define PELMAR_LOG_ERROR_IN(operation, ...) PELMAR_LOG_ERROR_AS((operation).here().function, __VA_ARGS__)
+#define PELMAR_LOG_DEBUG_IN(operation, ...) PELMAR_LOG_DEBUG_AS((operation).here().function, __VA_ARGS__)

@@ -25,14 +25,10 @@ constexpr ServiceClient kClient = {
               .service_up = sar_client_service_up_event,
               .release_thread = sar_client_release_qmi_client_thread,
               .resume_thread = sar_client_resume_qmi_client_thread},
-    .places = {.init = PELMAR_PLACE_AS("sar_client_init"),
-               .master_port = {},
+    .places = {.master_port = {},
                .init_handles = PELMAR_PLACE_AS("sar_client_init_client_handles"),
-               .unsol_ind = PELMAR_PLACE_AS("sar_client_unsol_ind_cb"),
-               .service_down = PELMAR_PLACE_AS("sar_client_service_down_event"),
                .suspend = PELMAR_PLACE_AS("sar_client_enter_suspend"),
                .resume = PELMAR_PLACE_AS("sar_client_enter_resume"),
-               .release_thread = PELMAR_PLACE_AS("sar_client_release_qmi_client_thread"),
                .ind_hdlr = PELMAR_PLACE_AS("sar_client_ind_hdlr")},
     .indications = kDropsIndications,
     .logs_first_try = false,  // Compatibility: only the later attempts are logged.
@@ -58,7 +54,7 @@ void sar_client_set_operational_status_callback(modem_api_operational_status_fn 
 }
 
 bool sar_client_init(modem_api_event_cb event_cb) {
-  return open(kClient, event_cb);
+  return open(kClient, PELMAR_HERE, event_cb);
 }
 
 bool sar_client_init_client_handles() {
@@ -91,12 +87,12 @@ void sar_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* re
 
 void sar_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* buffer, unsigned int length, void*) {
   Operation operation(PELMAR_HERE);
-  handle_indication(kClient, handle, msg_id, buffer, length);
+  handle_indication(kClient, operation.here(), handle, msg_id, buffer, length);
 }
 
 void sar_client_service_down_event(qmi_client_type handle, qmi_client_error_type error, void*) {
   Operation operation(PELMAR_HERE);
-  handle_service_down(kClient, handle, error);
+  handle_service_down(kClient, operation.here(), handle, error);
 }
 
 void sar_client_service_up_event(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
@@ -107,7 +103,7 @@ void sar_client_service_up_event(qmi_client_type, qmi_idl_service_object_type, q
 
 void* sar_client_release_qmi_client_thread(void* generation) {
   Operation operation(PELMAR_HERE);
-  release_after_service_down(kClient, generation);
+  release_after_service_down(kClient, operation.here(), generation);
   return nullptr;
 }
 

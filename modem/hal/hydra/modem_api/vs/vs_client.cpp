@@ -31,14 +31,10 @@ constexpr pelmar::ServiceClient kVsClient = {
               .service_up = nullptr,
               .release_thread = nullptr,
               .resume_thread = nullptr},
-    .places = {.init = PELMAR_PLACE_AS("vs_client_init"),
-               .master_port = PELMAR_PLACE_AS("vs_client_get_master_port"),
+    .places = {.master_port = PELMAR_PLACE_AS("vs_client_get_master_port"),
                .init_handles = {},
-               .unsol_ind = PELMAR_PLACE_AS("vs_client_unsol_ind_cb"),
-               .service_down = PELMAR_PLACE_AS("vs_client_service_down_event"),
                .suspend = {},
                .resume = {},
-               .release_thread = {},
                .ind_hdlr = PELMAR_PLACE_AS("vs_client_ind_hdlr")},
     .indications = {.no_event_callback = "The hydra is not inited, do nothing",
                     .no_memory = "decoded_payload is NULL",
@@ -75,7 +71,7 @@ void vs_client_set_operational_status_callback(modem_api_operational_status_fn c
 }
 
 bool vs_client_init(modem_api_event_cb event_cb) {
-  return open(kVsClient, event_cb);
+  return open(kVsClient, PELMAR_HERE, event_cb);
 }
 
 bool vs_client_release() {
@@ -105,10 +101,10 @@ void vs_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* res
 
 void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* buffer, unsigned int length, void*) {
   Operation operation(PELMAR_HERE);
-  handle_indication(kVsClient, handle, msg_id, buffer, length);
+  handle_indication(kVsClient, operation.here(), handle, msg_id, buffer, length);
 }
 
 void vs_client_service_down_event(qmi_client_type handle, qmi_client_error_type error, void*) {
   Operation operation(PELMAR_HERE);
-  handle_service_down(kVsClient, handle, error);
+  handle_service_down(kVsClient, operation.here(), handle, error);
 }
