@@ -20,7 +20,7 @@
  * one thread at a time. Callbacks run on threads of the QMI framework; the status callback also on the thread that
  * opens the client and, when a service comes back, on one of the library's. They may call this interface,
  * modem_api_free_client() included, but must not block for long, and must not send a command through the connection
- * whose callback they are: each callback type below says so.
+ * whose callback they are: see each callback type below.
  *
  * A modem that goes away: SAR and NAS clients get a service-down notice, come back by themselves and get a service-up
  * notice. A vendor-specific client gets no notice and does not come back. Its program notices by a SAR or NAS client's
@@ -35,9 +35,9 @@
  * Processes: on Linux a child of fork() cannot use its parent's clients, and whatever it does with them, or its exit,
  * does them no harm. Their commands return MODEM_API_ERR_GENERIC there. After modem_api_init() it may open its own.
  *
- * Results: every function answers a modem_api_result. Commands answer MODEM_API_ERR_INVALID_CLIENT for an id that names
+ * Results: every function returns a modem_api_result. Commands return MODEM_API_ERR_INVALID_CLIENT for an id that names
  * no client of the command's type whose service is up, the codes named at each declaration, and else what the modem's
- * answer maps to (modem_api_map_qmi_error_to_modem_api).
+ * response maps to (modem_api_map_qmi_error_to_modem_api).
  */
 #ifndef MODEM_API_H
 #define MODEM_API_H
@@ -221,7 +221,7 @@ PELMAR_EXPORT modem_api_result modem_api_release(void);
  * Returns MODEM_API_SUCCESS, MODEM_API_ERR_NOT_INITIALIZED (white list), MODEM_API_ERR_NO_MEMORY,
  * MODEM_API_ERR_NOT_SUPPORTED (unknown type), MODEM_API_ERR_SERVICE_PENDING or MODEM_API_ERR_ALREADY_INITIALIZED (the
  * process has a client of this type), MODEM_API_ERR_NO_FREE_CLIENT, or MODEM_API_ERR_GENERIC (the service did not
- * answer). */
+ * respond). */
 PELMAR_EXPORT modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
                                                      modem_api_status_cb status_cb, int32_t* client_id);
 
@@ -250,7 +250,7 @@ PELMAR_EXPORT int32_t modem_api_check_white_list(void);
 
 /* The result of a QMI exchange.
  *
- * transport_code  what the platform's send answered (qmi_client.h)
+ * transport_code  what the platform's send returned (qmi_client.h)
  * response        the response's header, read for transport codes 0 and -2 alone; never null for these two
  *
  *     result                       transport code
@@ -325,8 +325,8 @@ PELMAR_EXPORT modem_api_result modem_api_add_modem_event(int32_t client_id, int3
 /* The reverse, with the same refusals; MODEM_API_ERR_NO_EFFECT for an event that is not subscribed. */
 PELMAR_EXPORT modem_api_result modem_api_remove_modem_event(int32_t client_id, int32_t event);
 
-/* Tells the modem which events the client subscribed. Events 3 and 4 are one switch there: a subscription of either has
- * both reported, and what is reported is delivered. */
+/* Sends the modem the events that the client subscribed. Events 3 and 4 are one switch there: a subscription of either
+ * has both reported, and what is reported is delivered. */
 PELMAR_EXPORT modem_api_result modem_api_set_vs_event_report(int32_t client_id);
 
 /* Registers a NAS client for the modem's NAS indications.
@@ -372,7 +372,7 @@ PELMAR_EXPORT modem_api_result modem_api_efs_sync(int32_t client_id, int8_t mode
 
 /* --- radio controls --- */
 
-/* Tells the modem that the phone is about to power off (vendor-specific clients). */
+/* Notifies the modem that the phone is about to power off (vendor-specific clients). */
 PELMAR_EXPORT modem_api_result modem_api_notify_shutdown(int32_t client_id);
 
 /* Resets the modem (vendor-specific clients). */
@@ -387,8 +387,8 @@ PELMAR_EXPORT modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uin
  * valid  out: 1 when the modem gave a value
  * drx    out: the value
  *
- * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem answered, and
- * when no answer came. */
+ * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem responded, and
+ * when no response came. */
 PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* valid, uint32_t* drx);
 
 /* Reads where a subscription is camped. All outputs must be there; what the modem does not report reads 0.
@@ -402,8 +402,8 @@ PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* val
  * nr_arfcn_valid        out: 1 when nr_arfcn is reported
  * nr_arfcn              out: NR ARFCN
  *
- * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_GENERIC when the modem answered with a failure. Returns MODEM_API_SUCCESS
- * also when no answer came in time, or none that could be decoded; everything then reads 0. */
+ * Returns MODEM_API_SUCCESS, or MODEM_API_ERR_GENERIC when the modem responded with a failure. Returns
+ * MODEM_API_SUCCESS also when no response came in time, or none that could be decoded; everything then reads 0. */
 PELMAR_EXPORT modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_t* intra_pci,
                                                        uint16_t* inter_earfcn, uint16_t* inter_pci,
                                                        uint8_t* timing_advance_valid, uint32_t* timing_advance,

@@ -8,7 +8,7 @@
  *     modem_api_peripheral_mng_deinit();
  *
  * Threads: no lock is taken. Initialise before any other thread votes. The manager's power events are acknowledged and
- * logged on a thread of the manager; nobody else is told of them.
+ * logged on a thread of the manager; they reach no other callback.
  */
 #ifndef MODEM_API_PERIPHERAL_MNG_H
 #define MODEM_API_PERIPHERAL_MNG_H

@@ -58,7 +58,7 @@ typedef struct stats_para_entry {
 } stats_para_entry;
 
 typedef struct stats_para_data {
-  uint32_t para_num; /* entries asked for (1 to 10), then entries returned */
+  uint32_t para_num; /* entries requested (1 to 10), then entries returned */
   stats_para_entry entries[MODEM_API_STATS_ENTRIES];
 } stats_para_data;
 
@@ -75,7 +75,7 @@ typedef struct modem_api_stats_registration {
 /* Reads the status of a modem feature.
  *
  * feature    its number at the modem; 2: the statistics
- * enabled    out: 0 or 1; null answers MODEM_API_ERR_INVALID_PARAM (5)
+ * enabled    out: 0 or 1; null returns MODEM_API_ERR_INVALID_PARAM (5)
  * effective  out: 0 or 1; may be null */
 PELMAR_EXPORT int32_t modem_api_get_hydra_feature_status(int32_t client_id, uint32_t feature, uint8_t* enabled,
                                                          uint8_t* effective);
@@ -92,7 +92,7 @@ PELMAR_EXPORT int32_t modem_api_set_hydra_feature_status(int32_t client_id, uint
 /* Switches statistics reporting.
  *
  * report           0: off, else on
- * stats_client_id  off: in, the id to give back; on: out, the id that the modem grants. Null answers
+ * stats_client_id  off: in, the id to give back; on: out, the id that the modem grants. Null returns
  *                  MODEM_API_ERR_NO_MEMORY (3)
  *
  * Returns MODEM_API_ERR_GENERIC (1) when the modem granted no id. */

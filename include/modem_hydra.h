@@ -16,9 +16,9 @@
  * Threads: readings may be called from any thread; they take turns, each for up to the 30 s of one command, and the one
  * that opens hydra for the seconds of the connection as well. Everything else is called by one thread at a time.
  *
- * Results: yes/no answers are 1 and 0. While hydra is closed, commands do nothing and answer 0 (MODEM_API_SUCCESS); ask
+ * Results: yes is 1 and no is 0. While hydra is closed, commands do nothing and return 0 (MODEM_API_SUCCESS); see
  * modem_hydra_api_is_inited() where the difference matters. The registrations also do so while no statistics client id
- * was ever granted: ask modem_hydra_stats_client_is_inited().
+ * was ever granted: see modem_hydra_stats_client_is_inited().
  */
 #ifndef MODEM_HYDRA_H
 #define MODEM_HYDRA_H
@@ -68,7 +68,7 @@ PELMAR_EXPORT uint8_t modem_hydra_stats_stop(void);
 PELMAR_EXPORT uint8_t modem_hydra_stats_client_is_inited(void);
 
 /* Gives a held id back, subscribes to events 3 and 4, switches reporting on and keeps the id that the modem grants.
- * Returns 1 always. Whether an id was granted tells modem_hydra_stats_client_is_inited(), before the first grant alone:
+ * Returns 1 always. modem_hydra_stats_client_is_inited() returns whether an id was ever granted:
  * an earlier id stays where a new one is refused. */
 PELMAR_EXPORT uint8_t modem_hydra_stats_id_alloc(void);
 
@@ -77,7 +77,7 @@ PELMAR_EXPORT void modem_hydra_stats_id_free(void);
 
 /* --- statistics commands with hydra's ids ---
  *
- * Parameters and results are those of the modem_api_* commands of these names. The first two do nothing and answer 0,
+ * Parameters and results are those of the modem_api_* commands of these names. The first two do nothing and return 0,
  * open or not, as long as the modem has never granted a statistics client id. */
 
 PELMAR_EXPORT modem_api_result modem_hydra_register_modem_stats_data(uint8_t option1_valid, uint16_t option1,

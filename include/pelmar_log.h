@@ -81,7 +81,7 @@ PELMAR_EXPORT void pelmar_hal_close_print(void);
 
 /* --- C++ linkage: for C++ callers alone --- */
 
-/* The property echo: whether reads and writes of properties are told to the log at debug level. Decided by the first
+/* The property echo: whether reads and writes of properties are logged at debug level. Decided by the first
  * question in a process: on when "persist.vendor.radio.print_prop" (default "1") is exactly "1". */
 PELMAR_EXPORT bool pelmar_utils_get_prop_print_flag();
 

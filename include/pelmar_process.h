@@ -1,7 +1,7 @@
 /* The process that the library runs in, and a search of the process table.
  *
  * Names are read from the process file system once per process and kept; a process that changes its name later keeps
- * the first one. A thread that asks while another thread reads the name for the first time may get an empty name. Names
+ * the first one. While one thread reads the name for the first time, other threads may get an empty name. Names
  * live as long as the library and are never freed.
  */
 #ifndef PELMAR_PROCESS_H

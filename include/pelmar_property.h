@@ -1,8 +1,8 @@
 /* System properties, and what they say about this device: its build, region, name and subscriptions.
  *
- * Identity answers are read once per process and kept, except where a declaration says that they are read anew. Names
- * are cut after 255 characters. Every operation may be called from any thread. Strings that are returned belong to the
- * library and are never freed.
+ * What identifies the device is read once per process and kept, except where a declaration says that they are read
+ * anew. Names are cut after 255 characters. Every operation may be called from any thread. Strings that are returned
+ * belong to the library and are never freed.
  */
 #ifndef PELMAR_PROPERTY_H
 #define PELMAR_PROPERTY_H
@@ -63,7 +63,7 @@ PELMAR_EXPORT bool pelmar_is_root_version(void);    /* ro.debuggable is "1" */
 PELMAR_EXPORT bool pelmar_is_mp_version(void);      /* ro.boot.hwlevel is "MP" */
 PELMAR_EXPORT bool pelmar_is_orbo_version(void);    /* ro.orbo.build.region is set, to anything but "NULL" */
 
-/* ro.build.type is "user" or unset. The first call alone answers it; every later one answers false. */
+/* ro.build.type is "user" or unset. Only the first call reads it; every later one returns false. */
 PELMAR_EXPORT bool pelmar_is_user_version(void);
 
 /* ro.vendor.radio.build_profile contains "native", "factory". */
@@ -78,8 +78,8 @@ PELMAR_EXPORT bool pelmar_is_stable_version(void);
 /* PELMAR_BUILD_TYPE_*: certification outranks every build profile; a profile that nothing is known of is PRE. */
 PELMAR_EXPORT int32_t pelmar_build_type_get(void);
 
-/* ro.vendor.radio.manufacturer_id and ro.radio.device_type, default 0. The first call alone answers the number; every
- * later one answers 0. */
+/* ro.vendor.radio.manufacturer_id and ro.radio.device_type, default 0. Only the first call returns the number; every
+ * later one returns 0. */
 PELMAR_EXPORT int32_t pelmar_get_pelmar_manufacturer_id(void);
 PELMAR_EXPORT int32_t pelmar_get_pelmar_device_type(void);
 
@@ -102,7 +102,7 @@ PELMAR_EXPORT const char* pelmar_vendor_build_region_get(void);
 PELMAR_EXPORT bool pelmar_vendor_build_region_is_cfged(void);
 
 /* --- lists ---
- * `count` elements at `list`. A null list, a null string and a count of 0 are logged as errors and answer false; so is
+ * `count` elements at `list`. A null list, a null string and a count of 0 are logged as errors and return false; so is
  * every miss. Null entries are skipped. */
 
 /* Whether an entry of the list occurs anywhere in `str`; an empty entry occurs in every string. */

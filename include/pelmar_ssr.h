@@ -24,7 +24,7 @@ enum {
   PELMAR_SSR_NAME_MIN_BYTES = 12,     /* pelmar_get_modem_ssr_type_name() */
 };
 
-/* The restart type in force, MODEM_RESTART_LEVEL_ID_*. While no level is saved, saves the one in force and answers
+/* The restart type in force, MODEM_RESTART_LEVEL_ID_*. While no level is saved, saves the one in force and returns
  * MODEM_RESTART_LEVEL_ID_DEF. */
 PELMAR_EXPORT int32_t pelmar_get_modem_ssr_type(void);
 

@@ -1,7 +1,7 @@
 /* Strings, files, threads and a guarded allocation pair.
  *
  * All are reentrant and keep no state. Refusals (a null pointer, a length out of range) are logged as errors; each
- * operation names what it then answers. Strings are terminated and are neither kept nor freed. A destination must not
+ * operation names what it then returns. Strings are terminated and are neither kept nor freed. A destination must not
  * overlap a source except where that is said.
  */
 #ifndef PELMAR_STRING_H

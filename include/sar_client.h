@@ -37,7 +37,7 @@ typedef struct reconnecting_client_context {
  *   _client_init                             connects: up to ten attempts one second apart; true on success
  *   _client_init_client_handles              the attempts alone
  *   _client_release                          releases the connection and clears the context; true always
- *   _client_set_operational_status_callback  who is told of every change of state
+ *   _client_set_operational_status_callback  called at every change of state
  *   _client_send_msg_sync, _async            as vs_client_send_msg_sync(), vs_client_send_msg_async()
  *   _client_command_cb, _client_unsol_ind_cb, _client_service_down_event, _client_service_up_event
  *                                            the framework's callbacks

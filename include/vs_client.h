@@ -1,10 +1,10 @@
 /* The library's connection to the modem's vendor-specific QMI service (0xE4).
  *
- * One connection a process. Its users are the operations of modem_api.h; nobody else needs to call it. Opening blocks
+ * One connection a process. Its users are the operations of modem_api.h; no other code needs to call it. Opening blocks
  * the caller; callbacks run on the QMI framework's threads.
  *
  * The connection neither reports the loss of its service nor comes back: the loss is logged, the handle stays, and
- * sends return the framework's transport code (-2). modem_api.h says how a program notices and recovers.
+ * sends return the framework's transport code (-2). modem_api.h describes how a program notices and recovers.
  */
 #ifndef VS_CLIENT_H
 #define VS_CLIENT_H
@@ -20,7 +20,7 @@
 extern "C" {
 #endif
 
-/* Told of every change of a connection's state: client type, OPERATIONAL_STATUS_* value. */
+/* Called at every change of a connection's state: client type, OPERATIONAL_STATUS_* value. */
 typedef void (*modem_api_operational_status_fn)(uint32_t client_type, uint32_t status);
 
 /* The connection's context; all zero at load and after a release. */
@@ -29,7 +29,7 @@ typedef struct vs_client_context {
   qmi_client_type client_handle;              /* null: not connected */
   qmi_client_os_params os_params;
   qmi_client_recv_msg_async_cb response_cb;
-  modem_api_event_cb event_cb; /* null: nobody wants events */
+  modem_api_event_cb event_cb; /* null: events are dropped */
   modem_api_operational_status_fn status_cb;
   uint8_t connected; /* 1 while connected */
 } vs_client_context;
@@ -59,8 +59,8 @@ PELMAR_EXPORT bool vs_client_release(void);
 PELMAR_EXPORT int32_t vs_client_send_msg_sync(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                                               uint32_t response_length);
 
-/* The same without waiting: the answer goes to modem_api_process_response() with `callback_data`. Returns the transport
- * code of the send. */
+/* The same without waiting: the response goes to modem_api_process_response() with `callback_data`. Returns the
+ * transport code of the send. */
 PELMAR_EXPORT int32_t vs_client_send_msg_async(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                                                uint32_t response_length, void* callback_data);
 

@@ -41,7 +41,7 @@ std::atomic<bool> hydra_mem_trace_on{false};
 constinit Lock hydra_mem_trace_lock;
 hydra_mem_trace_node* hydra_mem_trace_head = nullptr;
 hydra_mem_trace_node* hydra_mem_trace_tail = nullptr;
-uint64_t hydra_mem_trace_count = 0;  // for whoever looks at a core dump
+uint64_t hydra_mem_trace_count = 0;  // read in core dumps
 
 bool tracing() {
   return hydra_mem_trace_on.load(std::memory_order_relaxed);

@@ -2,7 +2,7 @@
 //
 // Records are read by commands and service connections without a lock, while another thread may be freeing one. A
 // reader therefore pins the slot for as long as it looks at the record (a few instructions, never during a send or a
-// callback), and whoever frees a record empties the slot first and waits until nobody has it pinned.
+// callback), and a thread that frees a record empties the slot first and waits until no reader has it pinned.
 //
 // Freeing a client releases its connection, which waits for callbacks; these may use the table. A thread therefore
 // claims the record under the table lock, releases the connection without it, and takes the lock again to remove the
@@ -20,7 +20,7 @@
 
 namespace pelmar {
 
-// One open client. The library itself never reads `pid`: it is for whoever looks at the record in a memory dump, and
+// One open client. The library itself never reads `pid`: it is there for readers of a memory dump, and
 // for such a reader every field has its place, which is asserted.
 struct modem_api_client {
   modem_api_client_type type;
@@ -87,7 +87,7 @@ struct ClientTable {
 
 extern ClientTable g_client_table;
 
-// Whether an id names a client of a type whose service is up: what every command asks first.
+// Whether an id names a client of a type whose service is up. Every command checks this first.
 bool is_ready(int32_t client_id, modem_api_client_type type);
 
 }  // namespace pelmar

@@ -1,4 +1,4 @@
-// The callbacks with which hydra opens its client when nobody gave others: both only log.
+// The callbacks with which hydra opens its client when its user gave none: both only log.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,8 @@
 // The fetch of one statistics value, and the cursor that takes it apart field by field.
 //
 // A value is a packed sequence of little-endian fields, 1 to 700 bytes, without padding or alignment. There is one
-// fetched value and one cursor in the process: whoever fetches holds the decoder lock until its last field is taken.
+// fetched value and one cursor in the process: a thread that fetches holds the decoder lock until it has taken the last
+// field.
 #pragma once
 
 #include <cstdint>

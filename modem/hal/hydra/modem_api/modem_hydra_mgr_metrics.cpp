@@ -1,7 +1,7 @@
 // The decoders: each fetches one statistics value and walks its rows (modem_hydra_mgr_metrics.h) into a record.
 //
 // A thread holds the decoder lock from before the fetch until after the last field. Lines of a decoder carry its name,
-// whoever writes them.
+// whichever function writes them.
 #include "modem_hydra_mgr_metrics.h"
 
 #include <cstring>

@@ -103,16 +103,16 @@ bool InCallback::is_of(qmi_client_type handle) {
   return callback != nullptr;
 }
 
-// Nobody waits for the detached thread: it ends after the callback, which may itself be waiting for somebody.
+// No thread waits for the detached one: it ends after the callback, which may itself wait for another thread.
 void release_handle(ServiceClientState& state, qmi_client_type handle) {
   if (InCallback::is_of(handle) && start_detached(release_on_thread, handle) == 0) return;
-  const Aside aside(state);
+  const WorkerUnlock unlock(state);
   qmi_client_release(handle);
 }
 
 void WorkerLock::wait_for_callbacks() {
   if (InCallback::is_now()) return;
-  while (state_.aside != 0) pthread_cond_wait(&state_.came_back, &state_.worker);
+  while (state_.unlocked_workers != 0) pthread_cond_wait(&state_.came_back, &state_.worker);
 }
 
 bool is_stale(const ServiceClient& client, uint32_t generation) {
@@ -148,7 +148,7 @@ bool connect_handles(const ServiceClient& client, const log::Place& here) {
 bool connect_silently(const ServiceClient& client) {
   WorkerLock lock(client.state);
   const bool connected = connect_handles(client, client.places.init_handles);
-  const Aside aside(client.state);
+  const WorkerUnlock unlock(client.state);
   finish_connecting(client);
   return connected;
 }
@@ -169,7 +169,7 @@ bool open(const ServiceClient& client, const log::Place& here, modem_api_event_c
   }
   const bool connected = connect_handles(client, here);
   PELMAR_LOG_DEBUG_AT(here, "function exit, ret(%d)", connected);
-  const Aside aside(client.state);
+  const WorkerUnlock unlock(client.state);
   report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_FAILED);
   finish_connecting(client);
   return connected;

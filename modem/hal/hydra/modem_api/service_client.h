@@ -4,11 +4,11 @@
 // its log lines carry, and what sets it apart. The exported functions of each service (vs/, sar/, nas/) hand their
 // description to the functions below.
 //
-// Threads. The exported contexts are plain words read and written from any thread, each by itself. Whatever connects,
-// prepares or releases holds the client's worker lock, so that a release that comes in the middle of a reconnection
-// waits until the reconnection has seen it and has let go of what it made. Callbacks may open and free clients: nobody
-// holds the lock while a callback that reaches the library's users runs or is waited for, and a thread that is in such
-// a callback waits for no other one.
+// Threads. The exported contexts are plain words; any thread reads and writes each of them by itself. A thread that
+// connects, prepares or releases a client (a worker) holds the client's worker lock. A release that comes during a
+// reconnection thus waits until the reconnection has noticed it and has released what it made. Callbacks may open and
+// free clients: no thread holds the lock while it runs a callback of the library's users or waits for one, and a thread
+// inside such a callback does not wait for another callback.
 #pragma once
 
 #include <pthread.h>
@@ -106,14 +106,14 @@ struct ServiceClientState {
 
   pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   pthread_cond_t came_back = PTHREAD_COND_INITIALIZER;
-  uint32_t aside = 0;  // workers that left the lock for a callback; guarded by the lock
+  uint32_t unlocked_workers = 0;  // workers that gave the lock up for a callback; guarded by the lock
 
-  // Moves on when a preparation or release begins, so that workers stop, and again when it has the lock, so that the
-  // last to have it decides. A worker of an older one stops.
+  // Incremented when a preparation or release begins, which cancels running workers, and again under the lock, so that
+  // the last caller wins. A worker of an older generation stops.
   std::atomic<uint32_t> generation{1};
   std::atomic<uint32_t> prepared{1};  // the generation of the last preparation; an older one: the client is released
   std::atomic<Phase> phase{Phase::kSteady};
-  std::atomic<uint32_t> resuming{0};  // the generation whose resume thread is on its way; 0: none
+  std::atomic<uint32_t> resuming{0};  // the generation whose resume thread has been started and not yet run; 0: none
 };
 
 // Holds a client's worker lock.
@@ -124,27 +124,28 @@ class WorkerLock {
   WorkerLock(const WorkerLock&) = delete;
   WorkerLock& operator=(const WorkerLock&) = delete;
 
-  // Waits until no worker is aside, unless this thread is in a callback itself: that one's end might wait for this.
+  // Waits until every worker holds the lock again or has ended. Inside a callback it does not wait: the other callback
+  // might wait for this thread.
   void wait_for_callbacks();
 
  private:
   ServiceClientState& state_;
 };
 
-// Leaves a worker lock that this thread holds, for a callback or for the end of one.
-class Aside {
+// Gives up a worker lock that this thread holds while it runs a callback or waits for one.
+class WorkerUnlock {
  public:
-  explicit Aside(ServiceClientState& state) : state_(state) {
-    ++state_.aside;
+  explicit WorkerUnlock(ServiceClientState& state) : state_(state) {
+    ++state_.unlocked_workers;
     pthread_mutex_unlock(&state_.worker);
   }
-  ~Aside() {
+  ~WorkerUnlock() {
     pthread_mutex_lock(&state_.worker);
-    --state_.aside;
+    --state_.unlocked_workers;
     pthread_cond_broadcast(&state_.came_back);
   }
-  Aside(const Aside&) = delete;
-  Aside& operator=(const Aside&) = delete;
+  WorkerUnlock(const WorkerUnlock&) = delete;
+  WorkerUnlock& operator=(const WorkerUnlock&) = delete;
 
  private:
   ServiceClientState& state_;

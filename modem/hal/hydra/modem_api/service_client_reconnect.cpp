@@ -74,7 +74,7 @@ void release_after_service_down(const ServiceClient& client, const log::Place& h
 void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event) {
   const uint32_t generation = client.state.prepared.load();
   if (event != QMI_CLIENT_SERVICE_COUNT_INC || is_stale(client, generation)) return;
-  if (client.state.resuming.exchange(generation) == generation) return;  // its thread is on the way already
+  if (client.state.resuming.exchange(generation) == generation) return;  // its thread has been started already
   Operation operation(client.places.resume);
   report(client, OPERATIONAL_STATUS_RECONNECTING);
   if (!start_worker(client.entry.resume_thread, generation)) {
@@ -93,7 +93,7 @@ void resume_after_service_up(const ServiceClient& client, void* generation) {
   // A notifier that an earlier release dropped may announce the service to a client that has its connection.
   const bool connected =
       load(*client.context.client_handle) != nullptr || connect_handles(client, client.places.init_handles);
-  const Aside aside(client.state);
+  const WorkerUnlock unlock(client.state);
   if (is_present(client, generation)) {
     report(client, connected ? OPERATIONAL_STATUS_UP : OPERATIONAL_STATUS_RECONNECT_FAILED);
   }

@@ -12,8 +12,8 @@ namespace pelmar {
 
 using PropertyValue = char[PELMAR_PROPERTY_BUFFER_BYTES];
 
-// A value that is read on the first question of the process and kept. Threads that ask first at the same time wait for
-// the one that reads, so that the text is never seen half written.
+// A value that the process reads once and keeps. Threads that need it first at the same time wait for the one that
+// reads, so that no thread sees the text half written.
 class KeptProperty {
  public:
   constexpr KeptProperty(const char* name, const char* default_value) : name_(name), default_(default_value) {}

@@ -11,7 +11,7 @@ namespace {
 constinit KeptProperty g_profile{"ro.vendor.radio.build_profile", "NULL"};
 constinit KeptProperty g_version{"ro.build.version.incremental", ""};
 
-// Certification outranks what the profile says, and "orbo" means a release only with a version that begins with 'V'.
+// Certification outranks the profile, and "orbo" means a release only with a version that begins with 'V'.
 int32_t build_type(const Operation& operation) {
   const char* const profile = g_profile.value();
   const char* const version = g_version.value();

@@ -3,8 +3,7 @@
 // Nothing here is a log site: every message of the masks goes straight to the system log, with no prefix and no mask
 // test, because log sites call these functions.
 
-// The checked variants that fortified headers put in the place of vsyslog have another name; the platform answers to
-// this one.
+// Fortified headers replace vsyslog by a checked variant of another name, which the platform does not define.
 #undef _FORTIFY_SOURCE
 
 #include <syslog.h>
@@ -45,7 +44,7 @@ uint32_t levels_of(const Sink& sink) {
   return sink.mask.levels.load(std::memory_order_relaxed);
 }
 
-// Changes a mask between the two lines that tell of it. The change itself is one step, so that no other thread's is
+// Changes a mask between the two lines that log it. The change itself is one step, so that no other thread's is
 // lost.
 template <typename Change>
 void change_mask(const Sink& sink, const char* verb, const char* called, const char* operand_name, uint32_t operand,

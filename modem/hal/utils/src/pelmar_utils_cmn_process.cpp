@@ -1,8 +1,8 @@
 // The name and id of the process that the library runs in.
 //
 // Every log line carries the name, so the two functions that read it for the lines write straight to the system log.
-// A name is built in a buffer that only its reader sees and then published for good, so that nobody reads it half
-// written: a thread that asks during the first read gets what was published before, at first the empty name.
+// A name is built in a buffer that no other thread sees and then published for good, so that no thread reads it half
+// written. During the first read other threads get what was published before, at first the empty name.
 #include "pelmar_process.h"
 
 #include <dirent.h>
@@ -39,8 +39,8 @@ void publish(const char* text) {
 }
 
 // True for the first caller. The flag goes up before the work: there is one attempt in a process, failed or not.
-bool first(std::atomic<bool>& asked) {
-  return !asked.load(std::memory_order_relaxed) && !asked.exchange(true, std::memory_order_relaxed);
+bool first(std::atomic<bool>& called) {
+  return !called.load(std::memory_order_relaxed) && !called.exchange(true, std::memory_order_relaxed);
 }
 
 void format_path(Line& path, int32_t id, const char* file) {
@@ -81,7 +81,7 @@ bool read_name_from_command_line(Name& out) {
   return true;
 }
 
-// Trimming logs, and a log line may publish the name from the command line; `out` is nobody else's meanwhile.
+// Trimming logs, and a log line may publish the name from the command line; no other thread uses `out` meanwhile.
 bool read_name_from_status(Name& out) {
   Line path;
   format_path(path, getpid(), "status");
@@ -129,8 +129,8 @@ void read_info(pelmar_pid_info& info, Record record) {
 }
 
 void fill_own_record() {
-  static std::atomic<bool> asked{false};
-  if (!first(asked)) return;
+  static std::atomic<bool> called{false};
+  if (!first(called)) return;
   Operation operation(PELMAR_PLACE_AS("pelmar_get_current_pid_info"));
   read_info(g_pid_info, Record::kOwn);
 }
@@ -168,9 +168,9 @@ using namespace pelmar;
 extern "C" {
 
 const char* pelmar_get_current_pid_name(void) {
-  static std::atomic<bool> asked{false};
+  static std::atomic<bool> called{false};
   static Name from_command_line;
-  if (first(asked) && read_name_from_command_line(from_command_line)) publish(from_command_line);
+  if (first(called) && read_name_from_command_line(from_command_line)) publish(from_command_line);
   return name();
 }
 
@@ -200,9 +200,9 @@ uint32_t pelmar_get_qcril_process_instance_id(void) {
 }
 
 const char* pelmar_get_current_pid_name_ex() {
-  static std::atomic<bool> asked{false};
+  static std::atomic<bool> called{false};
   static Name from_status;
-  if (first(asked) && read_name_from_status(from_status)) publish(from_status);
+  if (first(called) && read_name_from_status(from_status)) publish(from_status);
   return name();
 }
 

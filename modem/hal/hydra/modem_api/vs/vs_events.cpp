@@ -1,6 +1,6 @@
 // Each of the four indications becomes one event with a payload of fixed size.
 //
-// The payload lies on the stack and is zero where the indication says nothing; counts and lengths from the modem are
+// The payload lies on the stack and is zero where the indication has no field; counts and lengths from the modem are
 // cut to what the payload holds.
 #include "vs_events.h"
 

@@ -249,7 +249,7 @@ static_assert(sizeof(EmptyRequest) == 1);
 
 // --- responses ---
 
-// The response of every command that answers with its outcome alone.
+// The response to every command whose outcome is all that the modem responds.
 struct PlainResponse {
   ResponseHeader header;
 };
