@@ -64,7 +64,7 @@ void answer_lte_cell() {
 }
 
 // Runs the reading, which tells whether it has what the platform answered.
-template <class Reading>
+template <typename Reading>
 void count_readings(benchmark::State& state, Reading read) {
   answer_lte_cell();
   uint64_t failures = 0;

@@ -32,7 +32,7 @@ namespace {
 
 constexpr int kMostTurns = 1000;  // of the loop, until the manager counts as stuck
 
-template <class Message>
+template <typename Message>
 std::vector<Message> read_stream(std::span<const uint8_t> rest) {
   std::vector<Message> messages;
   for (;;) {

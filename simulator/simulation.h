@@ -79,7 +79,7 @@ struct Simulation {
   NasService* nas;
 
  private:
-  template <class S, class... Arguments>
+  template <typename S, class... Arguments>
   S* add_service(Arguments&&... arguments);
 };
 

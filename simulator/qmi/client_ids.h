@@ -38,7 +38,7 @@ class ClientIds {
   size_t count() const { return count_; }
 
   // Calls f(id, owner); f may release ids.
-  template <class F>
+  template <typename F>
   void for_each(F f) const {
     for (unsigned id = 1; id <= kHighest; ++id) {
       if (owners_[id] != nullptr) f(static_cast<uint8_t>(id), *owners_[id]);

@@ -78,7 +78,7 @@ class Connections final {
   uint64_t accepted() const { return last_number_; }
 
   // Calls f(connection); f may close connections.
-  template <class F>
+  template <typename F>
   void for_each(F f) {
     for (auto next = open_.begin(); next != open_.end();) {
       const std::shared_ptr<Connection> connection = (next++)->second;

@@ -62,7 +62,7 @@ class Service {
 template <auto Method>
 struct Answers;
 
-template <class S, class Request, class Response, QmiError (S::*Method)(uint8_t, const Request&, Response&)>
+template <typename S, class Request, typename Response, QmiError (S::*Method)(uint8_t, const Request&, Response&)>
 struct Answers<Method> {
   static constexpr MessageRow row(uint16_t id, std::string_view name) {
     return {id, name, sizeof(Request), sizeof(Response),

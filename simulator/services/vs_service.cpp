@@ -37,7 +37,7 @@ FileTree::Key key_of(const vs::WriteEfsPathRequest& request) {
 }
 
 // The first option of a registration names a subscription; without it both are meant.
-template <class Request>
+template <typename Request>
 std::optional<uint16_t> subscription_of(const Request& request) {
   return request.option1_valid ? std::optional(request.option1) : std::nullopt;
 }
@@ -107,7 +107,7 @@ QmiError VsService::set_feature_status(uint8_t, const vs::SetFeatureStatusReques
 
 // --- storage ---
 
-template <auto Store, class Request>
+template <auto Store, typename Request>
 QmiError VsService::read(uint8_t, const Request& request, vs::ReadResponse& response) {
   std::span<const uint8_t> bytes;
   if (const QmiError error = (storage_.*Store).read(key_of(request), bytes)) return error;
@@ -116,12 +116,12 @@ QmiError VsService::read(uint8_t, const Request& request, vs::ReadResponse& resp
   return QMI_ERR_NONE_V01;
 }
 
-template <auto Store, class Request>
+template <auto Store, typename Request>
 QmiError VsService::write(uint8_t, const Request& request, vs::PlainResponse&) {
   return (storage_.*Store).write(key_of(request), std::span(request.data).first(request.data_len));
 }
 
-template <auto Store, class Request>
+template <auto Store, typename Request>
 QmiError VsService::remove(uint8_t, const Request& request, vs::PlainResponse&) {
   return (storage_.*Store).remove(key_of(request));
 }

@@ -8,7 +8,7 @@ namespace pelmar::sim {
 namespace {
 
 // Calls f(subscription) for the one that is named, or for all.
-template <class F>
+template <typename F>
 void for_each_subscription(std::optional<uint16_t> named, F f) {
   for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
     if (!named || *named == sub) f(sub);

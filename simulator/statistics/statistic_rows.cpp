@@ -181,7 +181,7 @@ static_assert(bytes_of(kWcdmaSearch) == 9 && bytes_of(kGsmLevels) == 9 && bytes_
 static_assert(bytes_of(kSystemMode) == 5);
 static_assert(kNrAntennas[1].name == "ant_rx_0_old" && kNrCell[1].name == "rsrp_rx0");
 
-template <class Integer>
+template <typename Integer>
 constexpr NumberRange kRangeOf = {static_cast<double>(std::numeric_limits<Integer>::min()),
                                   static_cast<double>(std::numeric_limits<Integer>::max())};
 
@@ -197,7 +197,7 @@ void put(WireType type, double number, uint8_t* bytes) {
   for (size_t i = 0; i < width_of(type); ++i) bytes[i] = static_cast<uint8_t>(integer >> (8 * i));
 }
 
-template <class Value>
+template <typename Value>
 double read_as(const uint8_t* bytes) {
   Value value;
   std::memcpy(&value, bytes, sizeof value);

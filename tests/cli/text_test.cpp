@@ -154,7 +154,7 @@ TEST(Failure, TellsStepReasonCodeAndAdvice) {
   EXPECT_THAT(Failure::of_result("it", -1).what(), HasSubstr("(undocumented result, -1)"));
 }
 
-template <class Payload>
+template <typename Payload>
 Arrival event(uint32_t number, const Payload& payload) {
   Arrival arrival = {
       Arrival::Kind::kEvent, WallClock::time_point(std::chrono::milliseconds(1700000000007)), number, 0, {}};

@@ -51,7 +51,7 @@ class QmuxClient {
   uint8_t allocate(uint8_t service);
 
   // Structure in, structure out, by the service's tables. Returns the QMI error.
-  template <class Request, class Response>
+  template <typename Request, typename Response>
   uint16_t call(qmi_idl_service_object_type object, uint8_t client, uint16_t message, const Request& request,
                 Response& response) {
     return call(object, client, message, &request, sizeof request, &response, sizeof response);

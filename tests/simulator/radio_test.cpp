@@ -17,7 +17,7 @@ using Time = ModemClock::Time;
 constexpr Time kLap{static_cast<int64_t>(kLapSeconds) * 1000};
 
 // Every moment of a lap, for both subscriptions.
-template <class F>
+template <typename F>
 void for_each_moment(Time step, F f) {
   for (size_t sub = 0; sub < kSubscriptions; ++sub) {
     const RadioPicture picture(sub, 1);

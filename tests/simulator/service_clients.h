@@ -23,7 +23,7 @@ class Client {
         object_(object),
         id_(connection_.allocate(static_cast<uint8_t>(object->service_id))) {}
 
-  template <class Response, class Request>
+  template <typename Response, typename Request>
   Response call(uint16_t message, const Request& request, uint16_t expected_error = 0) {
     Response response{};
     EXPECT_EQ(connection_.call(object_, id_, message, request, response), expected_error) << "message " << message;

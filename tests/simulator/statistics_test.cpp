@@ -18,7 +18,7 @@ namespace pelmar::sim::test {
 
 namespace {
 
-template <class Number>
+template <typename Number>
 Number number_at(const Bytes& bytes, size_t at) {
   Number number{};
   EXPECT_LE(at + sizeof number, bytes.size());

@@ -16,7 +16,7 @@ namespace pelmar::cli {
 using Bytes = std::vector<uint8_t>;
 
 // The elements of an array that a modem has counted, which may count more than there are.
-template <class Element, size_t N>
+template <typename Element, size_t N>
 std::span<const Element> counted(const Element (&elements)[N], size_t count) {
   return std::span(elements).first(std::min(count, N));
 }

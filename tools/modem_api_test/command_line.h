@@ -51,13 +51,13 @@ class CommandLine {
 
   // Adds a command: its own sub-command of CLI11, for its options, and the values that they fill, which live until the
   // command has run.
-  template <class Values>
+  template <typename Values>
   std::pair<CLI::App&, Values&> add(const std::string& name, const std::string& summary,
                                     void (*action)(const Context&, const Values&)) {
     return add<Values>(app_, name, summary, action);
   }
 
-  template <class Values, class Action>
+  template <typename Values, typename Action>
   std::pair<CLI::App&, Values&> add(CLI::App& group, const std::string& name, const std::string& summary,
                                     Action action) {
     auto values = std::make_shared<Values>();

@@ -78,7 +78,7 @@ void put(Description& out, const modem_api_vs_report_c_event& event) {
 }
 
 // False where the payload is too short for the structure.
-template <class Payload>
+template <typename Payload>
 bool put_payload(Description& out, std::span<const uint8_t> bytes) {
   if (bytes.size() < sizeof(Payload)) return false;
   Payload payload;

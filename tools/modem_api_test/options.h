@@ -22,7 +22,7 @@ std::optional<int64_t> parse_number(const std::string& text, int64_t min, int64_
 CLI::Option* add_number(CLI::App& command, const std::string& name, const std::string& help, int64_t min, int64_t max,
                         std::function<void(int64_t)> store);
 
-template <class Number>
+template <typename Number>
 CLI::Option* add_number(CLI::App& command, const std::string& name, Number& target, const std::string& help,
                         int64_t max = std::numeric_limits<Number>::max()) {
   static_assert(std::is_integral_v<Number> && sizeof(Number) <= sizeof(uint32_t));

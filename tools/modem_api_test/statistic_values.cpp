@@ -23,7 +23,7 @@ struct StatisticRow {
   Words words = Words::kSigned;
 };
 
-template <class Record>
+template <typename Record>
 constexpr std::span<const MetricField> kFieldsOf = Metric<Record>::kFields;
 
 constexpr auto kLteCell = kFieldsOf<modem_hydra_lte_srv_meas_info>;
@@ -57,7 +57,7 @@ const StatisticRow* find(uint32_t id) {
   return found != std::end(kStatistics) ? found : nullptr;
 }
 
-template <class Number>
+template <typename Number>
 Json number_at(const uint8_t* bytes) {
   Number number;
   std::memcpy(&number, bytes, sizeof number);

@@ -162,7 +162,7 @@ std::optional<Reply> read_reply(uint8_t kind, BodyReader& body) {
   }
 }
 
-template <class Message>
+template <typename Message>
 Front take(std::span<const uint8_t> bytes, std::optional<Message> (*read)(uint8_t kind, BodyReader& body),
            Message& message, size_t& size) {
   if (bytes.empty()) return Front::kIncomplete;

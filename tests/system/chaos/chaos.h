@@ -41,12 +41,12 @@ class Random {
   uint64_t next() { return mixed(state_ += 0x9E3779B97F4A7C15); }
   uint32_t between(uint32_t low, uint32_t high) { return low + static_cast<uint32_t>(next() % (high - low + 1)); }
   bool one_in(uint32_t count) { return between(1, count) == 1; }
-  template <class Table>
+  template <typename Table>
   const auto& element(const Table& table) {
     return table[next() % std::size(table)];
   }
   // A row of a table, as often as its weight says.
-  template <class Table>
+  template <typename Table>
   const auto& row(const Table& table) {
     uint32_t all = 0;
     for (const auto& each : table) all += each.weight;

@@ -167,7 +167,7 @@ void delete_item(const Context& context, const Kind& kind, const Address& addres
 }
 
 // The action of a family's command: the function, with the row that it works on.
-template <class Values>
+template <typename Values>
 auto on(const Kind& kind, void (*action)(const Context&, const Kind&, const Values&)) {
   return [&kind, action](const Context& context, const Values& values) { action(context, kind, values); };
 }

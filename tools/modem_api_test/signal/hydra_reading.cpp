@@ -25,7 +25,7 @@ constexpr uint8_t (*kReadNr[])(uint32_t, NrRecord*) = {
     modem_hydra_nr5g_srv_meas_info_get_for_scc2,
 };
 
-template <class Record>
+template <typename Record>
 std::optional<Record> read(uint8_t (*get)(uint32_t, Record*), uint32_t sub) {
   Record record;
   if (get(sub, &record) == 0) return std::nullopt;

@@ -93,7 +93,7 @@ Layout layout_of(size_t columns) {
   return layout;
 }
 
-template <class Number>
+template <typename Number>
 std::string text_or_dash(const std::optional<Number>& value) {
   return value ? std::to_string(*value) : "-";
 }

@@ -17,7 +17,7 @@ std::string column_name(const Measure& measure, size_t chain) {
   return std::string(measure.word) + '_' + std::to_string(chain) + "_" + measure.unit;
 }
 
-template <class Number>
+template <typename Number>
 std::string cell(const std::optional<Number>& value) {
   return value ? std::to_string(*value) : "";
 }
@@ -83,7 +83,7 @@ class CsvReader {
     return found != columns_.end() && found->second < cells_.size() ? cells_[found->second] : "";
   }
 
-  template <class Value>
+  template <typename Value>
   Value require(const std::optional<Value>& value, const std::string& column) const {
     if (value) return *value;
     throw Failure("reading " + name_,
