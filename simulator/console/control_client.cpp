@@ -1,11 +1,13 @@
 #include "console/control_client.h"
 
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <stdexcept>
+#include <string_view>
 
 #include "console/commands.h"
 #include "io/local_socket.h"
@@ -17,30 +19,63 @@ namespace {
 
 constexpr size_t kUsageColumn = 44;
 
-// Far beyond what any command takes.
-constexpr timeval kPatience = {30, 0};
+// For the command and its whole response: far beyond what any takes.
+constexpr std::chrono::seconds kPatience{30};
 
-std::string exchange_line(int fd, const std::string& socket, const std::string& line) {
-  const auto fail = [&](const std::string& otherwise) {
-    if (errno == EAGAIN) {
-      throw std::runtime_error("the modem at '" + socket + "' does not respond: continue or restart its process");
+// A modem keeps no more for an operator.
+constexpr size_t kMaxResponseBytes = size_t{4} << 20;
+
+// One line to the modem and one back, before a deadline.
+class LineExchange {
+ public:
+  LineExchange(int fd, const std::string& socket) : fd_(fd), socket_(socket) {}
+
+  void send(std::string_view line) {
+    while (!line.empty()) {
+      wait_for(POLLOUT);
+      const ssize_t count = ::send(fd_, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (count < 0 && !is_temporary(errno)) fail("the modem ended before it took the command: start it again");
+      if (count > 0) line.remove_prefix(static_cast<size_t>(count));
     }
-    const std::string refusal = describe_refusal(fd, socket);
-    throw std::runtime_error(refusal.empty() ? otherwise : "cannot connect to '" + socket + "': " + refusal);
-  };
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
-  errno = 0;
-  if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-    fail("the modem ended before it took the command: start it again");
   }
-  std::string answer;
-  char bytes[4096];
-  for (ssize_t count; !answer.ends_with('\n') && (count = recv(fd, bytes, sizeof bytes, 0)) > 0;) {
-    answer.append(bytes, static_cast<size_t>(count));
+
+  std::string receive() {
+    std::string response;
+    while (!response.ends_with('\n')) {
+      wait_for(POLLIN);
+      char bytes[4096];
+      const ssize_t count = recv(fd_, bytes, sizeof bytes, MSG_DONTWAIT);
+      if (count < 0 && is_temporary(errno)) continue;
+      if (count <= 0) fail("the modem ended before it responded: start it again");
+      response.append(bytes, static_cast<size_t>(count));
+      if (response.size() > kMaxResponseBytes) {
+        throw std::runtime_error("what serves '" + socket_ + "' is no modem's operator socket: name another one");
+      }
+    }
+    return response;
   }
-  if (!answer.ends_with('\n')) fail("the modem ended before it answered: start it again");
-  return answer;
-}
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static bool is_temporary(int error) { return error == EAGAIN || error == EINTR; }
+
+  void wait_for(short event) const {
+    pollfd socket{fd_, event, 0};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    if (left > 0 && poll(&socket, 1, static_cast<int>(left)) != 0) return;
+    throw std::runtime_error("the modem at '" + socket_ + "' does not respond: continue or restart its process");
+  }
+
+  [[noreturn]] void fail(const std::string& otherwise) const {
+    const std::string refusal = describe_refusal(fd_, socket_);
+    throw std::runtime_error(refusal.empty() ? otherwise : "cannot connect to '" + socket_ + "': " + refusal);
+  }
+
+  const int fd_;
+  const std::string& socket_;
+  const Clock::time_point deadline_ = Clock::now() + kPatience;
+};
 
 // The modem is a peer: none of its bytes reach the terminal as control characters.
 std::string text_of(const Json& value) {
@@ -84,19 +119,21 @@ void print(const Json& value, int depth) {
 
 int send_control_command(const ControlClientOptions& options) {
   const UniqueFd fd = connect_local(options.socket);
-  Json answer = Json::parse(exchange_line(fd.get(), options.socket, options.command + '\n'));
-  const bool ok = answer.value("ok", false);
+  LineExchange exchange(fd.get(), options.socket);
+  exchange.send(options.command + '\n');
+  Json response = Json::parse(exchange.receive());
+  const bool ok = response.value("ok", false);
   if (options.json) {
-    printf("%s\n", answer.dump(-1, ' ', true).c_str());
+    printf("%s\n", response.dump(-1, ' ', true).c_str());
   } else if (!ok) {
-    fprintf(stderr, "modem_sim: %s\n", printable_text(answer.value("error", "refused")).c_str());
+    fprintf(stderr, "modem_sim: %s\n", printable_text(response.value("error", "refused")).c_str());
   } else {
-    answer.erase("ok");
-    if (answer.empty()) printf("done\n");
-    print(answer, 0);
+    response.erase("ok");
+    if (response.empty()) printf("done\n");
+    print(response, 0);
   }
   if (ok) return kExitSuccess;
-  return answer.value("usage", false) ? kExitUsage : kExitFailure;
+  return response.value("usage", false) ? kExitUsage : kExitFailure;
 }
 
 std::string describe_commands() {

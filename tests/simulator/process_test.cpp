@@ -1,6 +1,7 @@
 // The program: how it starts, how it ends, and how the operator talks to it.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <new>
 #include <system_error>
+#include <thread>
 
 #include "io/local_socket.h"
 #include "qmux_client.h"
@@ -78,6 +80,22 @@ TEST(Process, AConnectionThatCannotBeServedEndsAlone) {
                               connect_local(listener.name())};
   loop.run();
   EXPECT_EQ(accepted, 3);
+}
+
+TEST(Process, ALineWithoutEndDoesNotHoldTheOperatorsProgram) {
+  ScratchDirectory directory;
+  EventLoop loop;
+  const LocalListener listener(loop, directory.path("socket"), [&](UniqueFd operator_program) {
+    const std::string bytes(size_t{64} << 10, ' ');
+    while (send(operator_program.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
+    }
+    loop.stop();
+  });
+  std::thread modem([&] { loop.run(); });
+  const Outcome outcome = run_program({MODEM_SIM, "ctl", "--control", listener.name(), "status"});
+  modem.join();
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.output.find("is no modem's operator socket"), std::string::npos) << outcome.output;
 }
 
 TEST(Process, OptionsThatAreWrongEndItWithStatusTwo) {
