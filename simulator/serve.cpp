@@ -39,10 +39,13 @@ class EndSignals final : public EventLoop::Watcher {
 
 void serve(const SimulationOptions& options) {
   signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead, and is answered so
+  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead, and the response says so
   Simulation simulation(options);
   MemoryReserve reserve;
-  simulation.loop.after_each_round([&] { return !reserve.restore() && simulation.drop_connection(); });
+  simulation.loop.after_each_round([&](bool lacked_memory) {
+    const bool is_restored = reserve.restore();
+    return (lacked_memory || !is_restored) && simulation.drop_connection();
+  });
   const EndSignals signals(simulation.loop);
   printf("modem_sim: ready on %s\n", options.socket.c_str());
   fflush(stdout);

@@ -3,6 +3,7 @@
 #include <sys/timerfd.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
 namespace pelmar::sim {
@@ -65,12 +66,23 @@ void EventLoop::run() {
     batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, is_timer_due ? 0 : -1);
     if (batch_size_ < 0 && errno != EINTR) fail("epoll_wait");
     for (int i = 0; i < batch_size_; ++i) {
-      if (auto* watcher = static_cast<Watcher*>(batch_[i].data.ptr)) watcher->on_ready(batch_[i].events);
+      auto* const watcher = static_cast<Watcher*>(batch_[i].data.ptr);
+      if (watcher != nullptr) attempt([&] { watcher->on_ready(batch_[i].events); });
     }
     batch_size_ = 0;
     if (is_timer_due) run_due_timers();
     run_posted();
-    while (after_round_ && after_round_()) run_posted();
+    while (after_round_ && after_round_(std::exchange(lacked_memory_, false))) run_posted();
+  }
+}
+
+// One call that lacks memory must not end the process, which serves others.
+template <class F>
+void EventLoop::attempt(const F& call) {
+  try {
+    call();
+  } catch (const std::bad_alloc&) {
+    lacked_memory_ = true;
   }
 }
 
@@ -78,7 +90,7 @@ void EventLoop::run_posted() {
   while (!posted_.empty()) {
     std::vector<Task> tasks = std::move(posted_);
     posted_.clear();
-    for (Task& task : tasks) task();
+    for (Task& task : tasks) attempt(task);
   }
 }
 
@@ -102,7 +114,7 @@ void EventLoop::run_due_timers() {
   while (!pending_timers_.empty() && pending_timers_.begin()->first.first <= now) {
     Task task = std::move(pending_timers_.begin()->second);
     pending_timers_.erase(pending_timers_.begin());
-    task();
+    attempt(task);
   }
   arm_timer();
 }

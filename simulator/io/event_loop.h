@@ -45,7 +45,8 @@ class EventLoop {
   void post(Task task);
 
   // Runs at the end of each round of events, and again, once what it has posted has run, as long as it returns true.
-  void after_each_round(std::function<bool()> task) { after_round_ = std::move(task); }
+  // lacked_memory: a call of this round has thrown std::bad_alloc, which gives up that call only.
+  void after_each_round(std::function<bool(bool lacked_memory)> task) { after_round_ = std::move(task); }
 
   void run();
   void stop() { running_ = false; }
@@ -60,6 +61,8 @@ class EventLoop {
     EventLoop& loop_;
   };
 
+  template <class F>
+  void attempt(const F& call);
   bool has_due_timer() const;
   void arm_timer();
   void run_due_timers();
@@ -73,7 +76,8 @@ class EventLoop {
   std::map<TimerId, Task> pending_timers_;
   uint64_t last_timer_ = 0;
   std::vector<Task> posted_;
-  std::function<bool()> after_round_;
+  std::function<bool(bool)> after_round_;
+  bool lacked_memory_ = false;
   epoll_event batch_[kBatch];
   int batch_size_ = 0;
   bool running_ = false;

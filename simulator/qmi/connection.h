@@ -77,12 +77,13 @@ class Connections final {
   bool drop_youngest(std::string_view reason);
   uint64_t accepted() const { return last_number_; }
 
-  // Calls f(connection); f may close connections.
+  // Calls f(connection) for each one that is open when its turn comes. f may close any of them, as every send may.
   template <typename F>
   void for_each(F f) {
-    for (auto next = open_.begin(); next != open_.end();) {
-      const std::shared_ptr<Connection> connection = (next++)->second;
+    for (auto place = open_.begin(); place != open_.end();) {
+      const std::shared_ptr<Connection> connection = place->second;
       f(*connection);
+      place = open_.upper_bound(connection->number());
     }
   }
 

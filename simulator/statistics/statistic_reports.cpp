@@ -25,23 +25,25 @@ void StatisticReports::set_period(Period period) {
 void StatisticReports::clock_changed() {
   if (clock_.now() + period_ < due_) due_ = clock_.now() + period_;  // it went back
   send_due();
-  wait();
 }
 
 void StatisticReports::wait() {
   loop_.cancel(timer_);
   if (clock_.is_held()) return;
-  timer_ = loop_.after(std::max(due_ - clock_.now(), ModemClock::Time{1}), [this] {
-    send_due();
-    wait();
-  });
+  timer_ = loop_.after(std::max(due_ - clock_.now(), ModemClock::Time{1}), [this] { send_due(); });
 }
 
-// A report that was missed is not made up for.
+// A report that was missed is not made up for. The next one is waited for first, so that it also comes after one for
+// which there is no memory.
 void StatisticReports::send_due() {
   const auto now = clock_.now();
-  if (now < due_) return;
-  due_ += period_ * ((now - due_) / period_ + 1);
+  const bool is_due = now >= due_;
+  if (is_due) due_ += period_ * ((now - due_) / period_ + 1);
+  wait();
+  if (is_due) send_reports();
+}
+
+void StatisticReports::send_reports() {
   Modem::Slot* const slot = modem_.find_running(static_cast<uint8_t>(vs::kServiceId));
   if (slot == nullptr) return;
   const auto& service = static_cast<const VsService&>(*slot->service);

@@ -31,6 +31,7 @@ class StatisticReports {
 
  private:
   void send_due();
+  void send_reports();
   void wait();
   void report(Modem::Slot& slot, uint8_t client, uint32_t reporter, uint16_t sub, const Reporters::Reporter& of);
 

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "io/stream.h"
+#include "qmi/connection.h"
 #include "qmux_client.h"
 #include "sim_process.h"
 
@@ -296,6 +297,45 @@ TEST(Streams, EndWhereThereIsNoMemoryForThem) {
   WaitingStream stream(loop, all);
   stream.receive();
   EXPECT_FALSE(stream.is_open());
+}
+
+TEST(Streams, AreLeftOutOfABroadcastThatHasClosedThem) {
+  struct Ignore final : Connection::Handler {
+    void on_frame(Connection&, const qmux::Frame&) override {}
+    void on_gone(Connection&, std::string_view) override {}
+  } handler;
+  ScratchDirectory directory;
+  WaitingOutput all;
+  EventLoop loop;
+  sim::Connections connections(loop, all, directory.path("socket"), Admission::kThisUserAndRoot, handler, {}, {});
+  const UniqueFd silent[] = {connect_local(directory.path("socket")), connect_local(directory.path("socket")),
+                             connect_local(directory.path("socket"))};
+  loop.after_each_round([&](bool) {
+    if (connections.count() == std::size(silent)) loop.stop();
+    return false;
+  });
+  loop.run();
+  std::vector<uint64_t> reached;
+  connections.for_each([&](Connection& connection) {
+    reached.push_back(connection.number());
+    if (connection.number() == 2) connections.drop_youngest("a send to another one has taken the room");
+  });
+  EXPECT_EQ(reached, (std::vector<uint64_t>{1, 2}));
+}
+
+TEST(Streams, GoOnWhereATaskHasNoMemory) {
+  EventLoop loop;
+  std::vector<bool> rounds;
+  loop.after_each_round([&](bool lacked_memory) {
+    rounds.push_back(lacked_memory);
+    return lacked_memory;
+  });
+  loop.post([] { throw std::bad_alloc(); });
+  loop.post([&] { loop.after({}, [] { throw std::bad_alloc(); }); });
+  loop.after({}, [&] { loop.after({}, [&] { loop.stop(); }); });
+  loop.run();
+  EXPECT_EQ(std::count(rounds.begin(), rounds.end(), true), 2);
+  EXPECT_FALSE(rounds.back());
 }
 
 TEST_F(Connections, FiftyAtOnce) {
