@@ -96,8 +96,8 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   add_peripheral_manager(*serve, options);
   add_number(*serve, "--exit-when-idle", "end when no client was connected for that many seconds", 1, 1'000'000,
              [&](uint64_t seconds) { options.exit_when_idle = std::chrono::seconds(seconds); });
-  add_number(*serve, "--seed", "which radio weather the phone meets on its way (default: 1)", 0, UINT64_MAX,
-             [&](uint64_t seed) { options.seed = seed; });
+  add_number(*serve, "--seed", "which fading and which hands on the antennas the radio picture has (default: 1)", 0,
+             UINT64_MAX, [&](uint64_t seed) { options.seed = seed; });
   add_milliseconds(*serve, "--report-ms", "between two reports of registered statistics (default: 1000)", 10, kHourMs,
                    [&](auto ms) { options.report_period = ms; });
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
@@ -118,7 +118,7 @@ CLI::App* add_ctl(CLI::App& app, CtlOptions& options) {
                       std::string("the operator's socket (default: that of --storage, else ") + kControlVariable + ")");
   ctl->add_option("--storage", options.storage, "the modem's storage directory, which has the operator's socket in it")
       ->excludes(socket);
-  ctl->add_flag("--json", options.client.json, "print the answer as JSON");
+  ctl->add_flag("--json", options.client.json, "print the response as JSON");
   ctl->prefix_command();
   ctl->footer(pelmar::sim::describe_commands());
   return ctl;

@@ -22,9 +22,9 @@ Json refusal(const std::string& error) {
 }
 
 Json wrong_usage(const std::string& error) {
-  Json answer = refusal(error);
-  answer["usage"] = true;
-  return answer;
+  Json response = refusal(error);
+  response["usage"] = true;
+  return response;
 }
 
 }  // namespace
@@ -53,9 +53,9 @@ Json run_command(Simulation& simulation, std::string_view line) {
     return wrong_usage("unknown command '" + std::string(line) + "': 'help' lists the commands");
   }
   try {
-    Json answer = {{"ok", true}};
-    answer.update(command->run(simulation, arguments));
-    return answer;
+    Json response = {{"ok", true}};
+    response.update(command->run(simulation, arguments));
+    return response;
   } catch (const CommandError& error) {
     return wrong_usage(std::string(error.what()) + " (usage: " + usage_of(*command) + ")");
   } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-// What the operator can tell the modem, as rows: a name, how to write it, what it does.
+// The operator's commands as rows: a name, how to write it, what it does.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -18,7 +18,7 @@ struct Command {
   std::string_view name;  // one word or several
   std::string_view arguments;
   std::string_view summary;
-  // Throws CommandError or Refusal. The answer's fields; "ok" is added.
+  // Throws CommandError or Refusal. Returns the response's fields; "ok" is added.
   Json (*run)(Simulation& simulation, Arguments& arguments);
 };
 
@@ -39,7 +39,7 @@ struct CommandGroup {
 };
 std::span<const CommandGroup> command_groups();
 
-// Runs one line. An unknown or wrong command is an answer, with "usage" true.
+// Runs one line. The response to an unknown or wrong command has "usage" true.
 Json run_command(Simulation& simulation, std::string_view line);
 
 }  // namespace pelmar::sim

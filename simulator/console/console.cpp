@@ -8,10 +8,10 @@ namespace {
 
 constexpr Stream::Bounds kBounds{size_t{64} << 10, size_t{4} << 20};
 
-// ASCII alone, with everything else escaped: an answer may quote control characters, of which a line end would end the
-// answer and others act on a terminal. Bytes that are no text are replaced.
-std::string as_line(const Json& answer) {
-  return answer.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';
+// ASCII alone, with everything else escaped: a response may quote control characters, of which a line end would end it
+// and others act on a terminal. Bytes that are no text are replaced.
+std::string as_line(const Json& response) {
+  return response.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';
 }
 
 }  // namespace
@@ -26,9 +26,9 @@ class Console::Session final : private Stream::Reader {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     size_t used = 0;
     for (size_t end = text.find('\n'); end != text.npos && stream_.is_open(); end = text.find('\n', used)) {
-      const std::string answer = as_line(run_command(console_.simulation_, text.substr(used, end - used)));
+      const std::string response = as_line(run_command(console_.simulation_, text.substr(used, end - used)));
       used = end + 1;
-      stream_.send({reinterpret_cast<const uint8_t*>(answer.data()), answer.size()});
+      stream_.send({reinterpret_cast<const uint8_t*>(response.data()), response.size()});
     }
     return used;
   }

@@ -1,6 +1,6 @@
-// The operator's socket: one line of text is a command, one line of JSON is its answer.
+// The operator's socket: one line of text is a command, one line of JSON is the response.
 //
-// An answer has "ok"; where that is false, "error" says what to do. Operators are few and trusted, but a line has a
+// A response has "ok"; where that is false, "error" says what to do. Operators are few and trusted, but a line has a
 // bound like everything that comes from outside.
 #pragma once
 

@@ -106,15 +106,15 @@ Json clear(Simulation& simulation, Arguments& arguments) {
 }
 
 constexpr Command kCommands[] = {
-    {"delay", "MS [SERVICE|any [MESSAGE|any [COUNT]]]", "answer MS milliseconds late", delay},
+    {"delay", "MS [SERVICE|any [MESSAGE|any [COUNT]]]", "respond MS milliseconds late", delay},
     {"error", "NUMBER [SERVICE|any [MESSAGE|any [COUNT]]]", "refuse with that QMI error, doing nothing", error},
-    {"silence", "[SERVICE|any [MESSAGE|any [COUNT]]]", "do what is asked and answer nothing", silence},
+    {"silence", "[SERVICE|any [MESSAGE|any [COUNT]]]", "do what is asked without a response", silence},
     {"cut", "BYTES [SERVICE|any [MESSAGE|any [COUNT]]]", "send only the message's first BYTES, in a frame of that size",
      cut},
     {"garbage", "HEX|random [SERVICE|any [MESSAGE|any [COUNT]]]", "send bytes that are no message instead", garbage},
-    {"repeat", "[SERVICE|any [MESSAGE|any [COUNT]]]", "send the answer twice", repeat},
+    {"repeat", "[SERVICE|any [MESSAGE|any [COUNT]]]", "send the response twice", repeat},
     {"reorder", "MS [SERVICE|any [MESSAGE|any [COUNT]]]",
-     "answer behind the connection's next answer, or MS milliseconds late where none comes", reorder},
+     "respond after the connection's next response, or MS milliseconds late where none comes", reorder},
     {"die", "connection|modem [SERVICE|any [MESSAGE|any [COUNT]]]",
      "send half of the frame, then close the connection or end the process", die},
     {"inject", "HEX|random", "send bytes to every connection now", inject},

@@ -145,14 +145,14 @@ Json messages(Simulation& simulation, Arguments& arguments) {
 
 Json help(Simulation&, Arguments& arguments) {
   arguments.end();
-  Json answer;
+  Json response;
   for (const CommandGroup& group : command_groups()) {
-    Json& commands = answer[std::string(group.title)];
+    Json& commands = response[std::string(group.title)];
     for (const Command& command : group.commands) {
       commands[usage_of(command)] = command.summary;
     }
   }
-  return answer;
+  return response;
 }
 
 Json quit(Simulation& simulation, Arguments& arguments) {

@@ -19,18 +19,18 @@ Json describe(const PeripheralManager& manager) {
 
 Json show_power(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  Json answer = {{"power", simulation.power.has_power()}, {"crashed", simulation.power.is_crashed()}};
-  answer["manager"] = simulation.manager ? describe(*simulation.manager) : Json();
-  return answer;
+  Json response = {{"power", simulation.power.has_power()}, {"crashed", simulation.power.is_crashed()}};
+  response["manager"] = simulation.manager ? describe(*simulation.manager) : Json();
+  return response;
 }
 
 Json crash(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' tells why");
+  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' shows why");
   const ModemPower::Crash crash = simulation.power.crash();
-  Json answer = {{"restart_level", crash.level}, {"restarts", crash.dump.empty()}};
-  if (!crash.dump.empty()) answer["dump"] = crash.dump;
-  return answer;
+  Json response = {{"restart_level", crash.level}, {"restarts", crash.dump.empty()}};
+  if (!crash.dump.empty()) response["dump"] = crash.dump;
+  return response;
 }
 
 Json start(Simulation& simulation, Arguments& arguments) {

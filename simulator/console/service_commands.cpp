@@ -22,7 +22,7 @@ Json switch_service(Simulation& simulation, Arguments& arguments) {
 Json restart(Simulation& simulation, Arguments& arguments) {
   const uint64_t ms = arguments.is_empty() ? 0 : arguments.number("MS", kMaxStartingMs);
   arguments.end();
-  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' tells why");
+  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' shows why");
   simulation.modem.restart(std::chrono::milliseconds(ms));
   return {{"starting_ms", ms}, {"connections_told", simulation.connections.count()}};
 }

@@ -79,10 +79,10 @@ Json describe(const Simulation& simulation, StatisticKey key) {
   std::string hex = to_hex_lines(bytes);
   std::replace(hex.begin(), hex.end(), '\n', ' ');
   if (!hex.empty()) hex.pop_back();
-  Json answer = {{"source", kSources[static_cast<size_t>(simulation.statistics.source(key))]}, {"hex", hex}};
+  Json response = {{"source", kSources[static_cast<size_t>(simulation.statistics.source(key))]}, {"hex", hex}};
   const StatisticRow* const row = find_statistic(key.id);
-  if (row == nullptr) return answer;
-  answer["name"] = row->name;
+  if (row == nullptr) return response;
+  response["name"] = row->name;
   Json fields = Json::object();
   size_t at = 0;
   for (const StatisticField& field : row->fields) {
@@ -95,8 +95,8 @@ Json describe(const Simulation& simulation, StatisticKey key) {
     }
     at += width_of(field.type);
   }
-  answer["fields"] = std::move(fields);
-  return answer;
+  response["fields"] = std::move(fields);
+  return response;
 }
 
 Json statistic(Simulation& simulation, Arguments& arguments) {

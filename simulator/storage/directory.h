@@ -13,7 +13,7 @@
 
 namespace pelmar::sim {
 
-// The QMI error by which a service tells of a failed file operation.
+// The QMI error for a failed file operation.
 QmiError error_of_errno(int error);
 
 // One component, no path. An empty result leaves errno.
@@ -39,7 +39,7 @@ struct Entry {
   Kind kind;  // of the entry itself: a symbolic link is neither a file nor a directory
 };
 
-// Tells the operator of a stored file that is not used.
+// Warns the operator of a stored file that is not used.
 void warn_ignored(const std::string& path, const char* why);
 
 // The entries, sorted by name. Throws std::runtime_error that names the path where the directory or the kind of an

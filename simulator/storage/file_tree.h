@@ -2,7 +2,7 @@
 //
 //   TREE/QUALIFIER.INDEX/the/path    the file's bytes
 //
-// Reads are answered from memory; a write or a delete is in the file system before it is answered.
+// Reads return what is in memory; a write or a delete returns when the file system has it.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Items addressed by numbers: one small file of hexadecimal text each, all of them in memory.
 //
-// Reads are answered from memory; a write or a delete is in the file system before it is answered.
+// Reads return what is in memory; a write or a delete returns when the file system has it.
 #pragma once
 
 #include <cstddef>

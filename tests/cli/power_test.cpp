@@ -78,7 +78,7 @@ TEST_F(PowerTest, TellsThatThereIsNoManagerOrThatItIsGone) {
   for (const char* command : {"vote", "release", "status", "watch"}) {
     const Outcome outcome = shell(std::string("client power ") + command);
     EXPECT_EQ(outcome.status, 1) << command;
-    EXPECT_THAT(outcome.output, HasSubstr("no peripheral manager answers on " + directory_.path("qmux.pm")));
+    EXPECT_THAT(outcome.output, HasSubstr("no peripheral manager responds on " + directory_.path("qmux.pm")));
   }
 }
 

@@ -119,7 +119,7 @@ std::optional<Exchange> take_last_exchange() {
 const char* qmi_error_name(uint32_t error) {
   const auto row = std::find_if(std::begin(kErrorNames), std::end(kErrorNames),
                                 [error](const auto& each) { return each.error == error; });
-  return row != std::end(kErrorNames) ? row->name : "an error without a name here";
+  return row != std::end(kErrorNames) ? row->name : "an unknown error";
 }
 
 std::string describe(const Exchange& exchange) {

@@ -117,8 +117,9 @@ constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
 constexpr Advice kNoFile = {MODEM_API_ERR_GENERIC, kNothingThere.text, QMI_ERR_SIM_FILE_NOT_FOUND_V01};
 Advice bad_address(const Kind& kind) {
   return {MODEM_API_ERR_INVALID_PARAM,
-          kind.by_path ? "The modem takes no such path: check it; it may have no '.', '..' or empty part."
-                       : "The modem takes no such number, qualifier or index: check them.",
+          kind.by_path
+              ? "The modem takes no such path: check it; it may have no '.' or '..' part and no '/' at its end."
+              : "The modem takes no such number, qualifier or index: check them.",
           QMI_ERR_INVALID_ARG_V01};
 }
 constexpr Advice kTooMuchData = {MODEM_API_ERR_INVALID_PARAM, "An item has at most 256 bytes: write less."};

@@ -42,11 +42,11 @@ std::string find_manager(const Context& context) {
   return platform::power::manager_socket();
 }
 
-// `otherwise`: what else may be the matter where nobody answers.
+// `otherwise`: what else may be the reason for no response.
 Failure no_manager(const std::string& step, const std::string& socket, const std::string& otherwise = "") {
   const std::string obstacle = find_obstacle(socket);
   if (!obstacle.empty()) return {step, socket + ": " + obstacle};
-  return {step, "no peripheral manager answers on " + socket + otherwise, kNoManager};
+  return {step, "no peripheral manager responds on " + socket + otherwise, kNoManager};
 }
 
 Count ask_manager(const std::string& socket, const std::string& step) {
@@ -88,7 +88,7 @@ class Registration {
   Registration& operator=(const Registration&) = delete;
 };
 
-// Tells the power's changes while the vote stands.
+// Prints the power's changes while the vote stands.
 void hold(const Context& context, const std::string& socket, std::optional<Clock::time_point> deadline) {
   std::optional<pm_event> told;
   do {
@@ -186,7 +186,7 @@ class Watcher {
   Watcher(const std::string& device, const std::string& socket) {
     const int result = pm_client_register(on_event, this, device.c_str(), "modem_api_test watch", &state_, &handle_);
     if (result == PM_RET_UNSUPPORTED) throw Failure(kStep, "the peripheral manager knows no '" + device + "'");
-    if (result != PM_RET_SUCCESS) throw Failure(kStep, "no peripheral manager answers on " + socket, kNoManager);
+    if (result != PM_RET_SUCCESS) throw Failure(kStep, "no peripheral manager responds on " + socket, kNoManager);
   }
   ~Watcher() { pm_client_unregister(handle_); }
   Watcher(const Watcher&) = delete;
