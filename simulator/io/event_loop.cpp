@@ -77,7 +77,7 @@ void EventLoop::run() {
 }
 
 // One call that lacks memory must not end the process, which serves others.
-template <class F>
+template <typename F>
 void EventLoop::attempt(const F& call) {
   try {
     call();

@@ -61,7 +61,7 @@ class EventLoop {
     EventLoop& loop_;
   };
 
-  template <class F>
+  template <typename F>
   void attempt(const F& call);
   bool has_due_timer() const;
   void arm_timer();
