@@ -89,7 +89,7 @@ void LogWatch::miss(const std::string& problem) {
 // --- JSON ---
 
 void JsonLines::take(const Reading& reading) {
-  is_lost_ = false;
+  if (std::exchange(is_lost_, false)) output_.print({{"time", utc_text(reading.time)}, {"notice", "modem_back"}}, "");
   output_.print(reading_json(reading), "");
 }
 
@@ -113,15 +113,16 @@ void AwayRemarks::miss(const std::string& problem) {
 CsvFile::CsvFile(Output& output, const std::string& path, RecordingFile::Earlier earlier)
     : file_(output, path, earlier) {
   const std::string before = earlier == RecordingFile::Earlier::kAppend && path != "-" ? read_file(path) : "";
+  if (!before.starts_with(csv_header()) && !csv_header().starts_with(before)) {
+    throw Failure("appending to the file '" + path + "'", "its columns are not those of a recording",
+                  "Name another file.");
+  }
   const size_t whole = before.rfind('\n') + 1;
   if (whole < before.size()) {
     remark("the last line of '" + path + "' is cut, and is left out");
     if (truncate(path.c_str(), static_cast<off_t>(whole)) != 0) throw Failure::of_system("writing '" + path + "'");
   }
   if (whole == 0) file_.write(csv_header());
-  if (whole == 0 || before.starts_with(csv_header())) return;
-  throw Failure("appending to the file '" + path + "'", "its columns are not those of a recording",
-                "Name another file.");
 }
 
 }  // namespace pelmar::cli
