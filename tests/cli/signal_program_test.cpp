@@ -198,13 +198,25 @@ TEST_F(SignalProgramTest, AnEarlierRecordingIsLostOnlyOnRequest) {
   EXPECT_EQ(shell(record + " --force").status, 0);
   EXPECT_LT(content(csv).size(), both.size());
   EXPECT_EQ(shell("client signal --from " + csv + " --plot " + csv).status, 1);
+  EXPECT_EQ(shell("client signal --from " + csv + " --plot " + path("./a.csv") + " --force").status, 2);
   EXPECT_THAT(content(csv), StartsWith("time,"));
+  // What is no recording stays as it is, and a picture that is refused leaves no new table.
+  for (const char* text : {"one line", "two\nlines"}) {
+    EXPECT_EQ(shell("printf '" + std::string(text) + "' >" + path("b") + "; client signal --count 1 --append --csv " +
+                    path("b"))
+                  .status,
+              1);
+    EXPECT_EQ(content(path("b")), text);
+  }
+  EXPECT_EQ(shell("client signal --count 1 --csv " + path("c") + " --plot " + path("b")).status, 1);
+  EXPECT_EQ(shell("client signal --count 1 --csv " + path("c") + " --plot " + path("./c") + " --force").status, 2);
+  EXPECT_FALSE(std::ifstream(path("c")).is_open());
 }
 
 TEST_F(SignalProgramTest, ARecordingWhoseModemDiesIsAFailure) {
   modem().operator_command("delay 0 vs any 20");
   modem().operator_command("die modem vs");
-  const Outcome lost = shell("client signal --for 1 --csv " + path("a.csv"));
+  const Outcome lost = shell("client signal --for 1 --csv " + path("a.csv") + " --plot " + path("a.svg"));
   EXPECT_EQ(lost.status, 1);
   EXPECT_THAT(lost.output, HasSubstr("0 readings came before"));
   EXPECT_GT(modem().end(0), 0) << "it died";
@@ -213,7 +225,7 @@ TEST_F(SignalProgramTest, ARecordingWhoseModemDiesIsAFailure) {
 TEST_F(SignalProgramTest, RefusesWhatContradictsItself) {
   for (const char* options :
        {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json", "--csv - --watch", "--csv - --plot -",
-        "--plot - --json", "--csv a --plot a", "--rate 0", "--sub 2"}) {
+        "--plot - --json", "--csv a --plot a", "--append", "--csv - --append", "--force", "--rate 0", "--sub 2"}) {
     EXPECT_EQ(shell("client signal " + std::string(options)).status, 2) << options;
   }
   for (const std::string& options :

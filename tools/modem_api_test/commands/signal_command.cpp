@@ -1,4 +1,6 @@
 // signal: what the radio receives, read once, watched, recorded, or drawn from a recording.
+#include <sys/stat.h>
+
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -72,11 +74,23 @@ class PlotFile {
   RecordingFile file_;
 };
 
+// Two names may be of one file.
+void refuse_one_file(const std::string& table, const std::string& picture) {
+  struct stat one {};
+  struct stat other {};
+  const bool are_files = stat(table.c_str(), &one) == 0 && stat(picture.c_str(), &other) == 0;
+  if (are_files && one.st_dev == other.st_dev && one.st_ino == other.st_ino) {
+    throw Failure::of_usage("'" + table + "' and '" + picture + "' are the same file", "Name two.");
+  }
+}
+
 void draw_from_file(const Context& context, const SignalValues& values) {
   std::istringstream rows(read_file(values.from));
   Recording recording;
   recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
-  PlotFile(context.output, values).write(recording);
+  PlotFile file(context.output, values);
+  refuse_one_file(values.from, values.plot);
+  file.write(recording);
   if (values.plot == "-") return;
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
@@ -90,15 +104,17 @@ class Series {
       : context_(context), values_(values), source_(context.session), subs_(values.subs()) {
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
+    // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
+    if (!values.plot.empty()) {
+      plot_.emplace(context.output, values);
+      refuse_one_file(values.csv, values.plot);
+      listeners_.push_back(std::make_unique<Recorder>(recording_));
+    }
     if (!values.csv.empty()) {
       const auto earlier = values.append  ? RecordingFile::Earlier::kAppend
                            : values.force ? RecordingFile::Earlier::kReplace
                                           : RecordingFile::Earlier::kRefuse;
       listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv, earlier));
-    }
-    if (!values.plot.empty()) {
-      plot_.emplace(context.output, values);
-      listeners_.push_back(std::make_unique<Recorder>(recording_));
     }
     listeners_.push_back(make_presentation(rate));
   }
@@ -116,10 +132,13 @@ class Series {
   }
 
   void finish() {
-    if (plot_) plot_->write(recording_);
-    report_files();
-    if (context_.inbox.is_interrupted() || is_complete()) return;
-    if (!source_.problem().empty()) {
+    const bool is_ended = context_.inbox.is_interrupted() || is_complete();
+    const bool is_lost = !is_ended && !source_.problem().empty();
+    const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
+    if (has_picture) plot_->write(recording_);
+    report_files(has_picture);
+    if (is_ended) return;
+    if (is_lost) {
       throw Failure("recording the signal",
                     "the modem is away: " + source_.problem() + "; " + readings_text() + " came before",
                     "Check that the modem is alive, then try again.");
@@ -160,10 +179,11 @@ class Series {
 
   std::string readings_text() const { return std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings"); }
 
-  void report_files() const {
+  void report_files(bool has_picture) const {
     Json document = {{"readings", readings_}};
     std::string text;
-    for (const auto& [word, path] : {std::pair("csv", values_.csv), std::pair("plot", values_.plot)}) {
+    const std::string picture = has_picture ? values_.plot : "";
+    for (const auto& [word, path] : {std::pair("csv", values_.csv), std::pair("plot", picture)}) {
       if (path.empty() || path == "-") continue;
       document[word] = path;
       text += (text.empty() ? " written to " : " and ") + path;
@@ -196,8 +216,11 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
   if (values.writes_to_output() && others_write) {
     throw Failure::of_usage("--csv - and --plot - each want the standard output for themselves", "Name a file.");
   }
-  if (!values.csv.empty() && values.csv == values.plot) {
-    throw Failure::of_usage("--csv and --plot name the same file", "Name two.");
+  const bool writes_csv_file = !values.csv.empty() && values.csv != "-";
+  const bool writes_file = writes_csv_file || (!values.plot.empty() && values.plot != "-");
+  if ((values.append && !writes_csv_file) || (values.force && !writes_file)) {
+    throw Failure::of_usage("--append is about the file of --csv, --force about that of --csv or --plot",
+                            "Name the file, or leave the option out.");
   }
 }
 
