@@ -34,7 +34,14 @@ struct TxPower {
 };
 
 TxPower read_tx_power(const TxPowerValues& values) {
-  if (values.max) return {{{"of", "max"}}, "both subscriptions, the higher one", modem_tx_power_get_for_max_sub()};
+  if (values.max) {
+    // The higher one hides that the other was refused.
+    for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
+      if (modem_tx_power_get_by_sub(sub) != MODEM_TX_POWER_NONE) continue;
+      check_response(MODEM_API_SUCCESS, "reading the transmit power of " + subscription(sub));
+    }
+    return {{{"of", "max"}}, "both subscriptions, the higher one", modem_tx_power_get_for_max_sub()};
+  }
   if (values.sub) return {{{"sub", *values.sub}}, subscription(*values.sub), modem_tx_power_get_by_sub(*values.sub)};
   const int32_t sub = pelmar_get_default_data_sub();
   const bool is_set = sub >= 0;
@@ -66,19 +73,24 @@ struct SysModeValues {
 
 void show_sys_mode(const Context& context, const SysModeValues& values) {
   context.session.open_hydra();
+  constexpr const char* kStep = "reading the system mode";
   bool is_any_known = false;
+  std::optional<Failure> refusal;
   for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
     if (values.sub.value_or(sub) != sub) continue;
     std::optional<uint32_t> mode = modem_sys_mode_get(sub);
+    const auto exchange = take_last_exchange();
     if (mode == MODEM_SYS_MODE_UNKNOWN) mode.reset();
+    if (!mode && !refusal && exchange && !describe(*exchange).empty()) {
+      refusal = Failure::of_exchange(kStep + (" of " + subscription(sub)), *exchange);
+    }
     is_any_known |= mode.has_value();
     context.output.print({{"sub", sub}, {"mode", mode ? Json(*mode) : Json()}, {"name", mode_text(mode)}},
                          subscription(sub) + ": " + mode_text(mode) + (mode ? " (" + std::to_string(*mode) + ")" : ""));
   }
+  if (refusal) throw *refusal;
   if (is_any_known) return;
-  check_response(MODEM_API_SUCCESS, "reading the system mode");
-  throw Failure("reading the system mode", "the modem gave none",
-                "'modem_api_test stats get system-mode' shows what it answered.");
+  throw Failure(kStep, "the modem gave none", "'modem_api_test stats get system-mode' shows what it answered.");
 }
 
 // --- feature ---
