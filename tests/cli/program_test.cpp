@@ -177,6 +177,12 @@ TEST_F(ModemProgramTest, NoResponseIsNoSuccess) {
   modem().operator_command("error 3 nas 0x89");
   EXPECT_THAT(shell("client cell-info").output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)"));
   EXPECT_THAT(shell("client drx").output, HasSubstr("QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"));
+  for (const char* command : {"sys-mode", "tx-power --max"}) {
+    modem().operator_command("error 3 vs any 1");
+    EXPECT_THAT(shell("client " + std::string(command)),
+                AllOf(testing::Field(&Outcome::status, 1),
+                      testing::Field(&Outcome::output, HasSubstr("of subscription 0 failed: QMI error 3"))));
+  }
   modem().operator_command("silence nas");
   const Outcome late = shell("client cell-info --timeout 1 --json 2>/dev/null");
   EXPECT_EQ(late.status, 1);
@@ -236,6 +242,9 @@ TEST_F(ProgramTest, AMissingModemIsWaitedForOnlyOnRequest) {
   const Outcome late = shell(command + " --wait --timeout 1");
   EXPECT_EQ(late.status, 1);
   EXPECT_THAT(late.output, HasSubstr("not done in 1 s"));
+  // Waiting does not mend a name.
+  EXPECT_THAT(shell("client --wait --timeout 20 --modem " + path(std::string(120, 'a')) + " info").output,
+              HasSubstr(" failed: a socket's name has 1 to 107 characters"));
 }
 
 // --- the program's own modem ---

@@ -50,9 +50,7 @@ void Session::initialise() {
 }
 
 void Session::prepare() {
-  const std::string obstacle = find_obstacle(modem().socket());
-  if (!obstacle.empty()) throw Failure("connecting to the modem at " + modem().socket(), obstacle);
-  wait_for_modem();
+  wait_for_listener(modem().socket(), "the modem");
   if (const std::string problem = modem().problem(); !problem.empty()) {
     throw Failure("connecting to the modem", "nobody serves " + modem().socket() + " (" + problem + ")",
                   "Start the modem, name another with --modem SOCKET, or wait for it with --wait.");
@@ -60,11 +58,13 @@ void Session::prepare() {
   initialise();
 }
 
-void Session::wait_for_modem() {
-  for (bool is_first = true; waits_; is_first = false) {
-    const std::string problem = modem().problem();
-    if (problem.empty()) return;
-    if (is_first) remark("nobody serves " + modem().socket() + " (" + problem + "); waiting for it");
+void Session::wait_for_listener(const std::string& socket, const std::string& whom) const {
+  for (bool is_first = true;; is_first = false) {
+    const std::string obstacle = find_obstacle(socket);
+    if (!obstacle.empty()) throw Failure("connecting to " + whom + " at " + socket, obstacle);
+    const std::string problem = connect_unix(socket).problem;
+    if (problem.empty() || !waits_) return;
+    if (is_first) remark("nobody serves " + socket + " (" + problem + "); waiting for it");
     std::this_thread::sleep_for(kWaitPeriod);
   }
 }

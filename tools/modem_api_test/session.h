@@ -25,8 +25,12 @@ class Session {
   // The modem, chosen (and started) at the first call.
   const ModemChoice& modem();
 
-  // Returns when somebody serves the modem's socket, or at once where it is not to be waited for.
-  void wait_for_modem();
+  // Whether to wait for a modem that is not there yet.
+  bool waits() const { return waits_; }
+
+  // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where whoever serves
+  // it cannot be used, and waiting does not mend that.
+  void wait_for_listener(const std::string& socket, const std::string& whom) const;
 
   // Opens a client whose events and notices go to the inbox. Throws where the service does not come up.
   int32_t open(modem_api_client_type type);

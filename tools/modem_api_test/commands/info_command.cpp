@@ -131,7 +131,7 @@ bool put_services(Report& report, const Context& context) {
 void show_info(const Context& context, const NoValues&) {
   Report report;
   const ModemChoice& modem = context.session.modem();
-  context.session.wait_for_modem();
+  context.session.wait_for_listener(modem.socket(), "the modem");
   put_modem(report, modem);
   const bool is_any_up = put_services(report, context);
   put_build(report);

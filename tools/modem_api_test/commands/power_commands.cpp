@@ -39,7 +39,9 @@ constexpr const char* kNoManager =
 // The manager stands beside the modem, where none is named.
 std::string find_manager(const Context& context) {
   if (environment("PELMAR_PM_SOCKET").empty()) context.session.modem();
-  return platform::power::manager_socket();
+  std::string socket = platform::power::manager_socket();
+  if (context.session.waits()) context.session.wait_for_listener(socket, "the peripheral manager");
+  return socket;
 }
 
 // `otherwise`: what else may be the reason for no response.
