@@ -191,16 +191,24 @@ TEST_F(ModemProgramTest, NoResponseIsNoSuccess) {
 }
 
 TEST_F(ModemProgramTest, FollowsEventsThroughARestartUntilTheCount) {
+  modem().operator_command("service nas down");
   const pid_t process = start_in_background({"events", "--count", "1", "--services", "--json"});
   EXPECT_TRUE(comes_to_print(R"("notice":"following")"));
+  EXPECT_THAT(output(), HasSubstr("; the NAS service of subscription 0 is down"));
   modem().operator_command("restart 300");
   EXPECT_TRUE(comes_to_print(R"("notice":"modem_back")"));
   EXPECT_THAT(output(), HasSubstr(R"("notice":"modem_away")"));
+  modem().operator_command("silence vs");
+  EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("counters").at("faults") >= 1; }))
+      << "it waits for a response";
+  const Clock::time_point start = Clock::now();
   EXPECT_TRUE(comes_true([&] {
     modem().operator_command("event 5 9");
     return output().find(R"("event":5)") != std::string::npos;
   }));
   EXPECT_EQ(end(process, 0), 0);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(25)) << "no response comes for 30 s";
+  modem().operator_command("clear");
   EXPECT_THAT(output(), HasSubstr(R"("event":5,"name":"report_c","value":9})"));
   const Outcome none = shell("client events --count 1 --for 1");
   EXPECT_EQ(none.status, 1);

@@ -215,11 +215,36 @@ TEST_F(SignalProgramTest, AnEarlierRecordingIsLostOnlyOnRequest) {
 
 TEST_F(SignalProgramTest, ARecordingWhoseModemDiesIsAFailure) {
   modem().operator_command("delay 0 vs any 20");
+  modem().operator_command("error 52 vs");
+  const Outcome refused = shell("client signal --for 1 --csv " + path("refused.csv"));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.output, AllOf(HasSubstr("QMI error 52"), HasSubstr("0 readings came before")));
+  modem().operator_command("clear");
+  modem().operator_command("delay 0 vs any 20");
   modem().operator_command("die modem vs");
   const Outcome lost = shell("client signal --for 1 --csv " + path("a.csv") + " --plot " + path("a.svg"));
   EXPECT_EQ(lost.status, 1);
   EXPECT_THAT(lost.output, HasSubstr("0 readings came before"));
   EXPECT_GT(modem().end(0), 0) << "it died";
+}
+
+TEST_F(SignalProgramTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
+  // The shell holds the pipe open and reads nothing.
+  const Outcome unread =
+      shell("mkfifo " + path("pipe") + " && exec 3<>" + path("pipe") +
+            " && client --json --timeout 2 signal --rate 50 --watch --plot " + path("a.svg") + " >&3");
+  EXPECT_EQ(unread.status, 1);
+  EXPECT_THAT(unread.output, HasSubstr("not done in 2 s"));
+  EXPECT_THAT(content(path("a.svg")), StartsWith("<svg "));
+
+  const std::string picture = path("b.svg");
+  Terminal terminal({"signal", "--rate", "20", "--watch", "--plot", picture.c_str()});
+  ASSERT_TRUE(terminal.shows("2 readings"));
+  modem().operator_command("silence vs");
+  ASSERT_TRUE(comes_true([&] { return modem().operator_command("status").at("counters").at("faults") >= 1; }));
+  EXPECT_EQ(terminal.end(SIGINT), 128 + SIGINT);
+  EXPECT_THAT(content(path("b.svg")), StartsWith("<svg "));
+  expect_clean(terminal);
 }
 
 TEST_F(SignalProgramTest, RefusesWhatContradictsItself) {

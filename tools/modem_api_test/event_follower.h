@@ -11,6 +11,7 @@
 #include "command_line.h"
 #include "inbox.h"
 #include "modem_link.h"
+#include "modem_thread.h"
 
 namespace pelmar::cli {
 
@@ -24,27 +25,42 @@ struct FollowLimits {
 
 class EventFollower {
  public:
-  // Opens a client of the vendor-specific service and subscribes it to all events. `prepare` gets that client and does
-  // what the command needs besides; it is called again after a loss, with a new one.
-  EventFollower(const Context& context, const FollowLimits& limits, std::function<void(int32_t client)> prepare);
+  // What a command needs besides: `prepare` gets a client that was opened, also again after a loss; `tend` is called
+  // from time to time while the modem is there, `leave` at the end where it still is. They run one at a time, on a
+  // thread of their own, and not while `start` of follow() does.
+  struct Calls {
+    std::function<void(int32_t client)> prepare;
+    std::function<void()> tend;
+    std::function<void()> leave;
+  };
+
+  // Opens a client of the vendor-specific service and subscribes it to all events.
+  EventFollower(const Context& context, const FollowLimits& limits, Calls calls);
 
   // What came so far, then `start`, then all that comes up to a limit, or the user's wish to end. Throws where the
   // count is not reached in time, or the modem is away at the end. `start` is printed again when the modem is back.
   void follow(const std::function<std::string()>& start);
 
  private:
-  void open(const std::function<void(int32_t client)>& prepare);
+  void open();
+  modem_api_result probe() const;
   void look(const std::function<std::string()>& start);
   void follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start);
+  void follow_to_the_end(const std::function<std::string()>& start);
+  std::string problem() const;
   void print(Json document, const std::string& text) const;
   bool is_complete() const { return limits_.count > 0 && seen_ == limits_.count; }
 
   const Context& context_;
   const FollowLimits& limits_;
+  const Calls calls_;
   int32_t client_ = -1;
   ModemLink link_;
+  std::string problem_;  // as it was printed last
+  Clock::time_point last_look_;
   Clock::time_point next_look_;
   uint32_t seen_ = 0;
+  ModemThread thread_;
 };
 
 }  // namespace pelmar::cli

@@ -46,6 +46,7 @@ class Failure : public std::exception {
   const char* what() const noexcept override { return text_.c_str(); }
   int exit_status() const { return status_; }
   const std::string& reason() const { return reason_; }
+  std::string headline() const { return text_.substr(0, text_.find('\n')); }  // without the advice
   bool is_silent() const { return is_silent_; }
   Json json() const;
 

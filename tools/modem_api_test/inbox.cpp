@@ -55,21 +55,34 @@ void Inbox::put(Arrival arrival) {
 
 std::optional<Arrival> Inbox::next(std::optional<Clock::time_point> deadline) {
   std::unique_lock lock(mutex_);
-  const auto is_ready = [this] { return is_interrupted_ || !arrivals_.empty(); };
+  const auto is_ready = [this] { return is_interrupted_ || is_woken_ || !arrivals_.empty(); };
   if (deadline) {
     changed_.wait_until(lock, *deadline, is_ready);
   } else {
     changed_.wait(lock, is_ready);
   }
+  is_woken_ = false;
   if (is_interrupted_ || arrivals_.empty()) return std::nullopt;
   std::optional<Arrival> arrival(std::move(arrivals_.front()));
   arrivals_.pop_front();
   return arrival;
 }
 
-bool Inbox::pause_until(Clock::time_point deadline) {
+bool Inbox::pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over) {
   std::unique_lock lock(mutex_);
-  return !changed_.wait_until(lock, deadline, [this] { return is_interrupted_; });
+  const auto is_ready = [&] { return is_interrupted_ || (is_over && is_over()); };
+  if (deadline) {
+    changed_.wait_until(lock, *deadline, is_ready);
+  } else {
+    changed_.wait(lock, is_ready);
+  }
+  return !is_interrupted_;
+}
+
+void Inbox::wake() {
+  const std::lock_guard lock(mutex_);
+  is_woken_ = true;
+  changed_.notify_all();
 }
 
 void Inbox::interrupt() {

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -45,11 +46,15 @@ class Inbox {
   // From the peripheral manager's thread.
   static void receive_power_step(uint32_t event);
 
-  // The next arrival; nothing when the time is up or the user wishes to end. Without a deadline it waits for either.
+  // The next arrival; nothing when the time is up, the user wishes to end, or wake() was called.
   std::optional<Arrival> next(std::optional<Clock::time_point> deadline);
 
-  // Waits for that time, whatever arrives. False when the user wishes to end.
-  bool pause_until(Clock::time_point deadline);
+  // Waits for that time, whatever arrives, or until it is over, which is looked at with each wake(). False when the
+  // user wishes to end.
+  bool pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over = nullptr);
+
+  // Has a waiting next() or pause_until() look again; next() also where it is called later.
+  void wake();
 
   // Called by the signal thread.
   void interrupt();
@@ -68,6 +73,7 @@ class Inbox {
   std::deque<Arrival> arrivals_;
   size_t dropped_ = 0;
   bool is_interrupted_ = false;
+  bool is_woken_ = false;
 };
 
 }  // namespace pelmar::cli

@@ -27,18 +27,18 @@ int run(const CommandLine& line) {
   Session session(settings.modem, settings.waits, settings.verbose);
   const Failure time_up("the command", "it was not done in " + std::to_string(settings.seconds) + " s",
                         "Give it more time with --timeout SECONDS.");
+  const auto conclude = [&](std::optional<Failure> failure, int end) -> int {
+    // A signal frees the clients under a command that waits, so what the command says after it is of no interest.
+    if (end > 0) return 128 + end;
+    if (end == Signals::kTimeUp) failure = time_up;
+    if (!failure) return kExitSuccess;
+    output.report(*failure);
+    return failure->exit_status();
+  };
   Signals signals(
-      inbox, [&session] { session.close(); }, settings.seconds, [&] { output.report(time_up); });
-  std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
-  // A signal frees the clients under a command that waits, so what the command says after it is of no interest.
-  const int end = signals.finish();
-  if (end == Signals::kTimeUp)
-    failure = time_up;
-  else if (end != 0)
-    return 128 + end;
-  if (!failure) return kExitSuccess;
-  output.report(*failure);
-  return failure->exit_status();
+      inbox, [&session] { session.close(); }, settings.seconds, conclude);
+  const std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
+  return conclude(failure, signals.finish());
 }
 
 }  // namespace

@@ -11,16 +11,12 @@ namespace pelmar::cli {
 
 namespace {
 
-// A modem that refuses what it is asked is there, unless it does not know this client any more.
-bool is_response(modem_api_result result, const std::optional<Exchange>& exchange) {
-  if (result == MODEM_API_SUCCESS) return true;
-  return exchange && exchange->code == QMI_NO_ERR && exchange->error != QMI_ERR_INVALID_CLIENT_ID_V01;
-}
+constexpr uint32_t kDeviceNotReady = 52;  // of a modem without power
 
 }  // namespace
 
-ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe)
-    : open_(std::move(open)), probe_(std::move(probe)) {
+ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value)
+    : open_(std::move(open)), probe_(std::move(probe)), needs_value_(needs_value) {
   open_();
 }
 
@@ -30,9 +26,17 @@ bool ModemLink::is_up() {
     return problem_.empty();
   }
   const modem_api_result result = probe_();
-  if (is_response(result, take_last_exchange())) return true;
-  problem_ = result == MODEM_API_ERR_TIMEOUT ? describe_result(result).meaning : "the connection is lost";
-  return false;
+  const auto exchange = take_last_exchange();
+  if (result == MODEM_API_SUCCESS) return true;
+  const uint32_t refusal = exchange && exchange->code == QMI_NO_ERR ? exchange->error : 0;
+  if (result == MODEM_API_ERR_TIMEOUT) {
+    problem_ = describe_result(result).meaning;
+  } else if (refusal == 0 || refusal == QMI_ERR_INVALID_CLIENT_ID_V01) {
+    problem_ = "the connection is lost";
+  } else if (refusal == kDeviceNotReady || needs_value_) {
+    problem_ = describe(*exchange);
+  }
+  return problem_.empty();
 }
 
 // Opening an absent service would take ten seconds.
@@ -45,7 +49,7 @@ void ModemLink::come_back() {
     open_();
     problem_.clear();
   } catch (const Failure& failure) {
-    problem_ = failure.reason();
+    problem_ = failure.headline();
   }
 }
 

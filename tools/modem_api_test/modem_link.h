@@ -14,8 +14,9 @@ namespace pelmar::cli {
 class ModemLink {
  public:
   // `open` opens the connection, also where it is open already, and throws where it cannot; it is called at once.
-  // `probe` reads something from the modem over that connection.
-  ModemLink(std::function<void()> open, std::function<modem_api_result()> probe);
+  // `probe` reads something from the modem over that connection. A modem that refuses it is there, unless it does not
+  // know this client any more, is not ready, or a value is needed.
+  ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value);
 
   // Whether the modem responds; opens the connection again where the last call found it lost.
   bool is_up();
@@ -28,6 +29,7 @@ class ModemLink {
 
   const std::function<void()> open_;
   const std::function<modem_api_result()> probe_;
+  const bool needs_value_;
   std::string problem_;
 };
 

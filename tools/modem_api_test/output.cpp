@@ -1,9 +1,14 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 
 #include "json.h"
 #include "printable_text.h"
@@ -33,38 +38,52 @@ void fill_standard_descriptors() {
   }
 }
 
-FILE* take_standard_output() {
+UniqueFd take_standard_output() {
   fill_standard_descriptors();
   fflush(stdout);
   UniqueFd own(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  FILE* const stream = fdopen(own.get(), "w");
-  if (stream == nullptr) throw Failure::of_system("opening the standard output");
-  own.release();
+  if (!own) throw Failure::of_system("opening the standard output");
   dup2(STDERR_FILENO, STDOUT_FILENO);
   setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-  return stream;
+  return own;
+}
+
+constexpr int kReaderPatienceMs = 100;
+
+std::atomic<bool> waits_for_readers{true};
+
+// False where it cannot, as errno says. It never waits for a reader inside write(), which nothing could end.
+bool write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    pollfd writable = {fd, POLLOUT, 0};
+    if (poll(&writable, 1, kReaderPatienceMs) != 1) {
+      if (waits_for_readers) continue;
+      errno = ETIMEDOUT;
+      return false;
+    }
+    const ssize_t count = write(fd, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+    if (count < 0 && errno != EINTR && errno != EAGAIN) return false;
+    text.remove_prefix(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+  }
+  return true;
 }
 
 }  // namespace
 
-Output::Output(bool json) : stream_(take_standard_output()), is_json_(json) {}
-
-Output::~Output() {
-  fclose(stream_);
-}
+Output::Output(bool json) : fd_(take_standard_output()), is_json_(json) {}
 
 void Output::print(const Json& document, std::string_view text) {
   std::string printed = is_json_ ? to_line(document) : printable_text(text, kLayout);
   if (!printed.ends_with('\n')) printed += '\n';
-  flush(fwrite(printed.data(), 1, printed.size(), stream_) == printed.size());
+  write_text(printed);
 }
 
 void Output::write(std::span<const uint8_t> bytes) {
-  flush(fwrite(bytes.data(), 1, bytes.size(), stream_) == bytes.size());
+  write_text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
-void Output::flush(bool is_written) {
-  if (fflush(stream_) == 0 && is_written) return;
+void Output::write_text(std::string_view text) {
+  if (write_all(fd_.get(), text)) return;
   if (errno == EPIPE) throw Failure::of_closed_output();
   throw Failure::of_system("writing the output");
 }
@@ -72,14 +91,15 @@ void Output::flush(bool is_written) {
 void Output::report(const Failure& failure) {
   if (failure.is_silent()) return;
   remark(failure.what());
-  if (!is_json_) return;
-  fprintf(stream_, "%s\n", to_line(failure.json()).c_str());
-  fflush(stream_);
+  if (is_json_) write_all(fd_.get(), to_line(failure.json()) + "\n");
+}
+
+void stop_waiting_for_readers() {
+  waits_for_readers = false;
 }
 
 void remark(const std::string& text) {
-  fflush(stdout);
-  fprintf(stderr, "%s: %s\n", kProgram, printable_text(text, kLayout).c_str());
+  write_all(STDERR_FILENO, std::string(kProgram) + ": " + printable_text(text, kLayout) + "\n");
 }
 
 }  // namespace pelmar::cli

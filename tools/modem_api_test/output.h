@@ -4,7 +4,6 @@
 // standard output to itself and points descriptor 1 at standard error.
 #pragma once
 
-#include <cstdio>
 #include <span>
 #include <string>
 #include <string_view>
@@ -12,6 +11,7 @@
 #include "bytes.h"
 #include "failure.h"
 #include "json_fwd.h"
+#include "unique_fd.h"
 
 namespace pelmar::cli {
 
@@ -19,12 +19,11 @@ class Output {
  public:
   // Takes standard output over; once in a process, before any other thread writes.
   explicit Output(bool json);
-  ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
   bool is_json() const { return is_json_; }
-  int descriptor() const { return fileno(stream_); }
+  int descriptor() const { return fd_.get(); }
 
   // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
   // line ends and tabs are escaped. Throws when it cannot.
@@ -37,11 +36,14 @@ class Output {
   void report(const Failure& failure);
 
  private:
-  void flush(bool is_written);
+  void write_text(std::string_view text);
 
-  FILE* stream_;
+  const UniqueFd fd_;
   const bool is_json_;
 };
+
+// From now on what finds no reader within a moment is a failure; before, it is waited for.
+void stop_waiting_for_readers();
 
 // A remark for the person at the terminal, on standard error.
 void remark(const std::string& text);

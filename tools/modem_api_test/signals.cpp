@@ -5,13 +5,16 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
 
 #include "failure.h"
+#include "output.h"
 
 namespace pelmar::cli {
 
@@ -28,19 +31,32 @@ sigset_t all_signals() {
   return set;
 }
 
+std::atomic<int> early_status{-1};  // of a process that does not wait for all its threads
+
+// What was registered to run at exit later than here has run.
+void end_without_flush() {
+  if (early_status >= 0) _exit(early_status);
+}
+
+[[noreturn]] void leave(int status) {
+  early_status = status;
+  exit(status);
+}
+
 }  // namespace
 
 void Signals::block() {
+  atexit(end_without_flush);
   const sigset_t set = all_signals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   signal(SIGPIPE, SIG_IGN);  // told as a failed write
 }
 
-Signals::Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, std::function<void()> report_time_up)
+Signals::Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, Conclude conclude)
     : inbox_(inbox),
       clean_up_(std::move(clean_up)),
       deadline_(seconds > 0 ? std::optional(Clock::now() + std::chrono::seconds(seconds)) : std::nullopt),
-      report_time_up_(std::move(report_time_up)) {
+      conclude_(std::move(conclude)) {
   const sigset_t set = all_signals();
   signals_.reset(signalfd(-1, &set, SFD_CLOEXEC));
   finish_.reset(eventfd(0, EFD_CLOEXEC));
@@ -86,6 +102,7 @@ void Signals::end_process(int reason) {
   const sigset_t set = all_signals();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the second one takes the default action
   inbox_.interrupt();
+  stop_waiting_for_readers();
   std::unique_lock lock(mutex_);
   const bool is_time_up = reason == kTimeUp;
   caught_ = reason;
@@ -93,12 +110,13 @@ void Signals::end_process(int reason) {
     changed_.wait_for(lock, is_time_up ? kTimeUpGrace : kFollowerGrace, [this] { return is_finished_; });
   }
   if (is_finished_) return;
-  if (is_time_up) {
-    report_time_up_();
-    exit(kExitFailure);
-  }
-  clean_up_();
-  exit(128 + reason);
+  if (!is_time_up) clean_up_();
+  leave(conclude_(std::nullopt, reason));
+}
+
+void Signals::end(const std::optional<Failure>& failure) {
+  const int caught = finish();
+  leave(conclude_(failure, caught));
 }
 
 void Signals::count_followers(int change) {

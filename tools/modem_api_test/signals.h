@@ -7,7 +7,8 @@
 //
 // The same thread ends the program when its time is up. The command may be in a call of the library that lasts as long
 // as the modem wants: so it is not waited for, and the clients are left to the platform, which gives their ids back at
-// the process's end within a bounded time.
+// the process's end within a bounded time. Nothing is flushed then: what is printed is written at once, and a stream
+// that another thread waits with would hold the end up.
 #pragma once
 
 #include <condition_variable>
@@ -16,6 +17,7 @@
 #include <optional>
 #include <thread>
 
+#include "failure.h"
 #include "inbox.h"
 #include "unique_fd.h"
 
@@ -28,8 +30,11 @@ class Signals {
 
   static constexpr int kTimeUp = -1;
 
-  // `report_time_up` is called before the process ends for that reason, with status 1. 0 seconds: without limit.
-  Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, std::function<void()> report_time_up);
+  // Reports what a command came to and returns the exit status. `end`: the signal that came, kTimeUp, or 0 for neither.
+  using Conclude = std::function<int(std::optional<Failure> failure, int end)>;
+
+  // 0 seconds: without limit.
+  Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, Conclude conclude);
   ~Signals();
 
   // While one lives, the command watches the inbox and ends by itself.
@@ -48,6 +53,9 @@ class Signals {
   // the process.
   int finish();
 
+  // Concludes the command and ends the process, also where a call of the library is under way on another thread.
+  [[noreturn]] void end(const std::optional<Failure>& failure);
+
  private:
   void run();
   int milliseconds_left() const;
@@ -57,7 +65,7 @@ class Signals {
   Inbox& inbox_;
   const std::function<void()> clean_up_;
   const std::optional<Clock::time_point> deadline_;
-  const std::function<void()> report_time_up_;
+  const Conclude conclude_;
   UniqueFd signals_;
   UniqueFd finish_;  // an eventfd: tells the thread that the command has ended
 

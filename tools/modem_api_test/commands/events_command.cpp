@@ -1,7 +1,11 @@
 // events: follows everything that the modem reports by itself, until a count, a time, or Ctrl-C.
+#include <string>
+#include <vector>
+
 #include "command_line.h"
 #include "commands/commands.h"
 #include "event_follower.h"
+#include "services.h"
 
 namespace pelmar::cli {
 
@@ -13,14 +17,27 @@ struct EventValues {
 };
 
 void follow_events(const Context& context, const EventValues& values) {
-  const auto open_services = [&](int32_t) {
-    if (!values.with_services) return;
-    for (const auto type : {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1}) {
-      context.session.open(type);
-    }
+  // Events do not need the other services: each is opened as soon as it is there.
+  std::vector<modem_api_client_type> absent;
+  const auto open_services = [&] {
+    std::erase_if(absent, [&](modem_api_client_type type) {
+      if (!is_present(service_of(type))) return false;
+      try {
+        context.session.open(type);
+        return true;
+      } catch (const Failure&) {
+        return false;
+      }
+    });
   };
-  EventFollower(context, values.limits, open_services).follow([] {
-    return "following the modem's events; Ctrl-C ends";
+  const auto prepare = [&](int32_t) {
+    if (values.with_services) absent = {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
+    open_services();
+  };
+  EventFollower(context, values.limits, {prepare, open_services, {}}).follow([&] {
+    std::string text = "following the modem's events; Ctrl-C ends";
+    for (const auto type : absent) text += std::string("; ") + service_of(type).title + " is down";
+    return text;
   });
 }
 

@@ -12,6 +12,7 @@
 #include "failure.h"
 #include "files.h"
 #include "json.h"
+#include "modem_thread.h"
 #include "options.h"
 #include "signal/listeners.h"
 #include "signal/plot.h"
@@ -24,6 +25,7 @@ namespace {
 
 constexpr uint32_t kUsualRate = 2;
 constexpr uint32_t kHighestRate = 50;
+constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
 
 struct SignalValues {
   std::optional<uint32_t> sub;
@@ -101,7 +103,7 @@ void draw_from_file(const Context& context, const SignalValues& values) {
 class Series {
  public:
   Series(const Context& context, const SignalValues& values)
-      : context_(context), values_(values), source_(context.session), subs_(values.subs()) {
+      : context_(context), values_(values), source_(context.session), subs_(values.subs()), thread_(context) {
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
@@ -119,28 +121,43 @@ class Series {
     listeners_.push_back(make_presentation(rate));
   }
 
-  // Until the count, the time, or the user's wish to end.
+  // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
   void run() {
+    thread_.run([this] {
+      std::optional<Failure> failure;
+      try {
+        read_all();
+      } catch (const Failure& caught) {
+        failure = caught;
+      }
+      listeners_.clear();
+      if (!failure) return finish();
+      if (plot_ && !recording_.is_empty()) plot_->write(recording_);
+      throw *failure;
+    });
+  }
+
+ private:
+  void read_all() {
     Clock::time_point next = Clock::now();
-    const Clock::time_point end =
-        values_.seconds > 0 ? next + std::chrono::seconds(values_.seconds) : Clock::time_point::max();
-    while (!is_complete() && next < end && context_.inbox.pause_until(next)) {
-      take();
+    std::optional<Clock::time_point> end;
+    if (values_.seconds > 0) end = next + std::chrono::seconds(values_.seconds);
+    while (!is_complete() && (!end || next < *end) && context_.inbox.pause_until(next)) {
+      if (!take(end)) return;
       next = std::max(next + period_, Clock::now());
     }
-    listeners_.clear();
   }
 
   void finish() {
     const bool is_ended = context_.inbox.is_interrupted() || is_complete();
-    const bool is_lost = !is_ended && !source_.problem().empty();
+    const std::string problem = thread_.is_busy() ? "it does not respond" : source_.problem();
+    const bool is_lost = !is_ended && !problem.empty();
     const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
     if (has_picture) plot_->write(recording_);
     report_files(has_picture);
     if (is_ended) return;
     if (is_lost) {
-      throw Failure("recording the signal",
-                    "the modem is away: " + source_.problem() + "; " + readings_text() + " came before",
+      throw Failure("recording the signal", "the modem is away: " + problem + "; " + readings_text() + " came before",
                     "Check that the modem is alive, then try again.");
     }
     if (values_.count == 0) return;
@@ -150,7 +167,6 @@ class Series {
                   "Wait longer with --for SECONDS, or read faster with --rate N.");
   }
 
- private:
   std::unique_ptr<SignalListener> make_presentation(uint32_t rate) const {
     Output& output = context_.output;
     if (output.is_json()) return std::make_unique<JsonLines>(output);
@@ -165,16 +181,20 @@ class Series {
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
 
-  void take() {
-    const auto reading = source_.read(subs_);
+  // False where the reading does not come in time.
+  bool take(std::optional<Clock::time_point> end) {
+    thread_.start([this] { reading_ = source_.read(subs_); });
+    if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
+    if (!thread_.wait(end)) return false;
+    readings_ += reading_ ? 1 : 0;
     for (const auto& listener : listeners_) {
-      if (reading) {
-        listener->take(*reading);
+      if (reading_) {
+        listener->take(*reading_);
       } else {
         listener->miss(source_.problem());
       }
     }
-    readings_ += reading ? 1 : 0;
+    return true;
   }
 
   std::string readings_text() const { return std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings"); }
@@ -200,7 +220,9 @@ class Series {
   std::vector<std::unique_ptr<SignalListener>> listeners_;
   Recording recording_;
   std::optional<PlotFile> plot_;
+  std::optional<Reading> reading_;
   uint32_t readings_ = 0;
+  ModemThread thread_;
 };
 
 void refuse_contradictions(const Context& context, const SignalValues& values) {
@@ -228,10 +250,7 @@ void run_signal(const Context& context, const SignalValues& values) {
   refuse_contradictions(context, values);
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
-  Series series(context, values);
-  const Signals::Follower ends_by_itself(context.signals);  // its files are complete before the program ends
-  series.run();
-  series.finish();
+  Series(context, values).run();
 }
 
 }  // namespace

@@ -138,7 +138,8 @@ struct RegisterValues {
   uint32_t client = 0;
 };
 
-// Statistics client id and registrations of this program; gone with the object.
+// Statistics client id and registrations of this program. A modem that was away has forgotten them, and may have
+// granted the id to another program since: so they are given back on request alone.
 class Registration {
  public:
   Registration(int32_t client, const RegisterValues& values) : client_(client), values_(values) {
@@ -151,8 +152,7 @@ class Registration {
     }
   }
 
-  ~Registration() {
-    if (is_lost_) return;
+  void end() {
     const auto count = static_cast<uint32_t>(values_.ids.size());
     modem_api_deregister_modem_stats_data(client_, id_, values_.option1.valid(), values_.option1.value,
                                           values_.option2.valid(), values_.option2.value, values_.ids.data(), count);
@@ -163,9 +163,6 @@ class Registration {
   Registration& operator=(const Registration&) = delete;
 
   uint32_t id() const { return id_; }
-
-  // The modem was away: it has forgotten the registration, and may have granted the id to another program since.
-  void mark_lost() { is_lost_ = true; }
 
  private:
   void enter() const {
@@ -186,16 +183,13 @@ class Registration {
   const int32_t client_;
   const RegisterValues& values_;
   uint32_t id_ = 0;
-  bool is_lost_ = false;
 };
 
 void register_and_follow(const Context& context, const RegisterValues& values) {
   std::optional<Registration> registration;
-  const auto enter = [&](int32_t client) {
-    if (registration) registration->mark_lost();
-    registration.emplace(client, values);
-  };
-  EventFollower(context, values.limits, enter).follow([&] {
+  const auto enter = [&](int32_t client) { registration.emplace(client, values); };
+  const auto leave = [&] { registration->end(); };
+  EventFollower(context, values.limits, {enter, {}, leave}).follow([&] {
     return "statistics client id " + std::to_string(registration->id()) + ", registered " + list_text(values.ids) +
            "; Ctrl-C ends";
   });

@@ -22,7 +22,7 @@ void open(Session& session) {
 
 }  // namespace
 
-SignalSource::SignalSource(Session& session) : link_([&session] { open(session); }, probe) {}
+SignalSource::SignalSource(Session& session) : link_([&session] { open(session); }, probe, true) {}
 
 // Also a modem that is back at once was away for one reading.
 std::optional<Reading> SignalSource::read(std::span<const uint32_t> subs) {
