@@ -111,6 +111,7 @@ int run_client(char** arguments) {
   const uint64_t seed = std::strtoull(arguments[0], nullptr, 10);
   const auto process = static_cast<uint32_t>(std::atoi(arguments[1]));
   const auto party = process < kClientsProcesses ? make_clients_party(seed, process) : make_hydra_party(seed, process);
+  std::thread([] {}).join();  // with the first thread the thread sanitizer starts one of its own
   const int64_t threads = count_entries<kThreads>();
   const int64_t open_files = count_entries<kOpenFiles>();
 
