@@ -57,7 +57,7 @@ def main(build, c, cxx):
                                scratch / "storage"], stdout=subprocess.PIPE, text=True) as modem:
             assert modem.stdout.readline().startswith("modem_sim: ready"), "the installed modem does not start"
             try:
-                environment = {"PELMAR_QMI_SOCKET": str(socket), "PELMAR_PROPERTY_DIR": str(scratch / "properties")}
+                environment = {"PELMAR_QMI_SOCKET": str(socket), "XDG_STATE_HOME": str(scratch / "state")}
                 for program in programs:
                     run(program, env=os.environ | environment)
             finally:

@@ -62,7 +62,9 @@ void Client::start() {
 void Client::run() {
   Lock lock(mutex_);
   while (!is_stopping_) {
-    if (!events_.empty()) {
+    if (is_gone_ && !is_ended_) {
+      end_lost_connection(lock);
+    } else if (!events_.empty()) {
       const Event event = take_event();
       const size_t dropped = std::exchange(dropped_, 0);
       lock.unlock();
@@ -188,20 +190,32 @@ void Client::surrender(const Deadline& deadline) {
   end_connection(deadline);
 }
 
+// Before the callbacks that report the loss: what they open may need the client id. No send can begin any more, and
+// one that is under way ends soon.
+void Client::end_lost_connection(Lock& lock) {
+  send_ended_.wait(lock, [this] { return !is_sending_; });
+  if (std::exchange(is_ended_, true)) return;
+  is_sending_ = true;
+  lock.unlock();
+  connection_->abandon(Deadline::after(kEndTimeout));
+  lock.lock();
+  end_send();
+}
+
 // No send can begin any more, but one may be under way.
 void Client::end_connection(const Deadline& deadline) {
   Lock lock(mutex_);
-  if (std::exchange(is_ended_, true) || is_gone_) return;
   const bool can_send = send_ended_.wait_until(lock, deadline.at(), [this] { return !is_sending_; });
+  if (std::exchange(is_ended_, true)) return;
   is_sending_ = true;
-  const bool can_read = reader_ == nullptr && waiters_.empty();
+  const bool can_read = !is_gone_ && reader_ == nullptr && waiters_.empty();
   lock.unlock();
   if (!can_send) {
     connection_->shut_down();
   } else if (can_read) {
     connection_->close(deadline);
   } else {
-    connection_->abandon();
+    connection_->abandon(deadline);
   }
 }
 

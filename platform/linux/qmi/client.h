@@ -124,6 +124,8 @@ class Client : public std::enable_shared_from_this<Client> {
 
   // client_receive.cpp
   void dispatch_arrivals();
+  void dispatch(const Message& message);
+  void dispatch_kept();
   void dispatch_response(const Message& message);
   void ask_in_doubt();
   int32_t decode_response(const Request& request, const Message& message) const;
@@ -131,6 +133,7 @@ class Client : public std::enable_shared_from_this<Client> {
   void end_stalled_stream();
   void abandon_connection();
   void service_gone();
+  void lose();
   void take_reading(Waiter& waiter);
   void pass_reading();
   void poll_connection(bool armed);
@@ -144,6 +147,7 @@ class Client : public std::enable_shared_from_this<Client> {
   void wait_for_work(Lock& lock);
   int limit_of_wait() const;
   void deliver(const Event& event) const;
+  void end_lost_connection(Lock& lock);
   void end_connection(const Deadline& deadline);
 
   const qmi_idl_service_object_type service_;
@@ -156,7 +160,7 @@ class Client : public std::enable_shared_from_this<Client> {
   std::mutex mutex_;
   bool is_gone_ = false;      // the service went away
   bool is_stopping_ = false;  // the handle is released
-  bool is_ended_ = false;     // the connection was ended towards the modem
+  bool is_ended_ = false;     // the connection was ended towards the modem, or that is under way
   bool ends_alone_ = false;   // released in its own callback: run() ends the connection; the thread's own
 
   bool is_sending_ = false;  // somebody owns the connection's sending side

@@ -33,7 +33,8 @@ ClientIdCheck::Verdict ClientIdCheck::look(const Message& message) {
     return Verdict::kKept;
   }
   if (!is_refused || kept_.size() == kMostKept) return Verdict::kDeliver;
-  kept_.push_back({message, {message.tlvs, message.tlvs + message.length}});
+  Kept& kept = kept_.emplace_back(Kept{message, {message.tlvs, message.tlvs + message.length}});
+  kept.message.kept_since = Deadline::Clock::now();
   if (state_ == State::kSure) {
     state_ = State::kToAsk;
     deadline_ = Deadline::after(kPatience);

@@ -5,12 +5,13 @@
 // is asked for something on the same id that no service refuses with it: refused all the same, the id is void; else,
 // and where no response comes in time, what was kept back is delivered as it came.
 //
-// One thread at a time uses it, except that deadline() may be read by whoever calls look() and take_kept().
+// One thread at a time uses it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <vector>
 
 #include "deadline.h"
@@ -26,6 +27,9 @@ class ClientIdCheck {
 
   // The next message that was kept back and is to be delivered now, valid until the next call.
   bool take_kept(Message& message);
+
+  // What is kept back is to be delivered, whatever the modem replies.
+  void settle();
 
   // A question is to be sent, which has that length.
   bool has_question() const { return state_ == State::kToAsk; }
@@ -43,10 +47,8 @@ class ClientIdCheck {
     std::vector<uint8_t> tlvs;
   };
 
-  void settle();
-
   State state_ = State::kSure;
-  uint16_t question_ = 0;  // transaction of the last one
+  std::optional<uint16_t> question_;  // transaction of the last one
   Deadline deadline_ = Deadline::none();
   std::deque<Kept> kept_;
   std::vector<uint8_t> taken_;  // the bytes of the message that was taken last

@@ -7,14 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <locale>
 #include <optional>
 #include <sstream>
 #include <thread>
 
 #include "deadline.h"
-#include "environment.h"
 #include "state_directory.h"
 #include "unique_fd.h"
 #include "unix_address.h"
@@ -26,7 +27,9 @@ namespace {
 constexpr Deadline::Milliseconds kLockTimeout{200};
 
 constexpr size_t kMostEntries = 256;
-constexpr size_t kMostBytes = 1 << 16;
+constexpr size_t kMostLineLength = 1024;
+constexpr size_t kMostModemLength = 768;  // leaves room for the other fields of a line
+constexpr size_t kMostBytes = kMostEntries * kMostLineLength;
 constexpr size_t kBlockBytes = 4096;
 
 struct Owner {
@@ -34,14 +37,24 @@ struct Owner {
   std::string pid_namespace;
   pid_t process = 0;  // 0: abandoned
   uint64_t start = 0;
+  uint64_t connection = 0;
   bool operator==(const Owner&) const = default;
 };
 
 struct Entry {
   Owner owner;
   ClientIdRecord::Id id;
+  bool is_void;
   std::string modem;
 };
+
+// Numbers as everybody reads and writes them, whatever the program's own locale is.
+template <typename Stream>
+Stream numbers(const std::string& text = "") {
+  Stream stream(text);
+  stream.imbue(std::locale::classic());
+  return stream;
+}
 
 std::string link_target(const char* path) {
   char target[64];
@@ -69,7 +82,7 @@ std::optional<uint64_t> start_of(pid_t process) {
   const std::string stat = contents("/proc/" + std::to_string(process) + "/stat");
   const size_t name_end = stat.rfind(')');
   if (name_end == std::string::npos) return std::nullopt;
-  std::istringstream rest(stat.substr(name_end + 1));
+  auto rest = numbers<std::istringstream>(stat.substr(name_end + 1));
   std::string state, skipped;
   uint64_t threads = 0, start = 0;
   rest >> state;
@@ -79,13 +92,17 @@ std::optional<uint64_t> start_of(pid_t process) {
   return (state == "Z" || state == "X") && threads <= 1 ? 0 : start;
 }
 
-Owner this_process() {
+// Its start is 0 where /proc is missing or shows another pid namespace: who is dead cannot be told.
+Owner this_owner(uint64_t connection) {
   const pid_t process = ::getpid();
-  return {boot_id(), link_target("/proc/self/ns/pid"), process, start_of(process).value_or(0)};
+  const bool is_seen = link_target("/proc/self") == std::to_string(process);
+  return {boot_id(), link_target("/proc/self/ns/pid"), process, is_seen ? start_of(process).value_or(0) : 0,
+          connection};
 }
 
-// What happens to a process of another pid namespace cannot be seen from here.
+// What happens to a process of another pid namespace or another machine cannot be seen from here.
 bool is_abandoned(const Owner& owner, const Owner& self) {
+  if (owner.boot != self.boot) return false;
   if (owner.process == 0) return true;
   return owner.pid_namespace == self.pid_namespace && start_of(owner.process).value_or(owner.start) != owner.start;
 }
@@ -113,22 +130,14 @@ std::string escape(const std::string& text) {
   return escaped;
 }
 
-// $XDG_RUNTIME_DIR ends with the user's last session, and client ids outlive no boot.
-UniqueFd open_place() {
-  if (const std::string runtime = environment_path("XDG_RUNTIME_DIR"); !runtime.empty()) {
-    if (UniqueFd place = open_private_directory(runtime + "/pelmar", IfMissing::kMake)) return place;
-  }
-  return open_state_directory("client-ids", IfMissing::kMake);
-}
-
 bool is_own(int file, mode_t type, mode_t forbidden) {
   struct stat status {};
   return ::fstat(file, &status) == 0 && (status.st_mode & S_IFMT) == type && status.st_uid == ::geteuid() &&
          (status.st_mode & forbidden) == 0;
 }
 
-bool lock(int file) {
-  const Deadline deadline = Deadline::after(kLockTimeout);
+bool lock(int file, const Deadline& until) {
+  const Deadline deadline = earlier(until, Deadline::after(kLockTimeout));
   while (::flock(file, LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK || deadline.has_passed()) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -136,17 +145,23 @@ bool lock(int file) {
   return true;
 }
 
-UniqueFd open_locked() {
-  const UniqueFd place = open_place();
-  if (!place || !is_own(place.get(), S_IFDIR, S_IWGRP | S_IWOTH)) return UniqueFd();
+// The user's umask may let a group write into new directories.
+bool make_private(int directory) {
+  return is_own(directory, S_IFDIR, S_IWGRP | S_IWOTH) ||
+         (is_own(directory, S_IFDIR, 0) && ::fchmod(directory, S_IRWXU) == 0);
+}
+
+UniqueFd open_locked(const Deadline& deadline) {
+  const UniqueFd place = open_state_directory("client-ids", IfMissing::kMake);
+  if (!place || !make_private(place.get())) return UniqueFd();
   UniqueFd file(
-      ::openat(place.get(), "client-ids", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file || !is_own(file.get(), S_IFREG, S_IRWXG | S_IRWXO) || !lock(file.get())) return UniqueFd();
+      ::openat(place.get(), "record", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!file || !is_own(file.get(), S_IFREG, S_IRWXG | S_IRWXO) || !lock(file.get(), deadline)) return UniqueFd();
   return file;
 }
 
-// What is no entry, or one of another boot, is left out.
-std::vector<Entry> read_entries(int file, const std::string& boot) {
+// What is no entry is left out.
+std::vector<Entry> read_entries(int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0) return {};
   std::string text(std::min(static_cast<size_t>(status.st_size), kMostBytes), '\0');
@@ -156,124 +171,163 @@ std::vector<Entry> read_entries(int file, const std::string& boot) {
   std::vector<Entry> entries;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    Entry entry;
+    auto fields = numbers<std::istringstream>(line);
+    Entry entry{};
     unsigned service = 0, client = 0;
-    fields >> entry.owner.boot >> entry.owner.pid_namespace >> entry.owner.process >> entry.owner.start >> service >>
-        client >> entry.modem;
-    if (!fields || entry.owner.boot != boot || service > UINT8_MAX || client > UINT8_MAX) continue;
+    fields >> entry.owner.boot >> entry.owner.pid_namespace >> entry.owner.process >> entry.owner.start >>
+        entry.owner.connection >> service >> client >> entry.is_void >> entry.modem;
+    if (!fields || line.size() > kMostLineLength || service > UINT8_MAX || client > UINT8_MAX) continue;
     entry.id = {static_cast<uint8_t>(service), static_cast<uint8_t>(client)};
     entries.push_back(std::move(entry));
+    if (entries.size() == kMostEntries) break;
   }
   return entries;
 }
 
 // In whole blocks that are filled with blanks: the file never shrinks, and one write replaces it.
 void write_entries(int file, const std::vector<Entry>& entries) {
-  std::ostringstream text;
+  auto text = numbers<std::ostringstream>();
   for (const Entry& entry : entries) {
     text << entry.owner.boot << ' ' << entry.owner.pid_namespace << ' ' << entry.owner.process << ' '
-         << entry.owner.start << ' ' << unsigned{entry.id.service} << ' ' << unsigned{entry.id.client} << ' '
-         << entry.modem << '\n';
+         << entry.owner.start << ' ' << entry.owner.connection << ' ' << unsigned{entry.id.service} << ' '
+         << unsigned{entry.id.client} << ' ' << entry.is_void << ' ' << entry.modem << '\n';
   }
   std::string bytes = text.str();
   struct stat status {};
-  if (::fstat(file, &status) != 0 || bytes.size() > kMostBytes) return;
+  if (::fstat(file, &status) != 0) return;
   const size_t blocks = (bytes.size() + kBlockBytes - 1) / kBlockBytes;
-  bytes.resize(std::max(blocks * kBlockBytes, static_cast<size_t>(status.st_size)), ' ');
+  const size_t before = std::min(static_cast<size_t>(status.st_size), kMostBytes);
+  bytes.resize(std::max(blocks * kBlockBytes, before), ' ');
   // An id that stays taken harms less than one that is given back while another program uses it.
   if (::pwrite(file, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) ::ftruncate(file, 0);
 }
 
-// `change` takes the entries and this process, and says whether it changed any.
+// `change` takes the entries and this connection as an owner, and says whether it changed any. False where it did not
+// run.
 template <typename Change>
-void update(const Change& change) {
-  const Owner self = this_process();
-  if (self.start == 0 || self.boot.empty()) return;  // no /proc: who is dead cannot be told
-  const UniqueFd file = open_locked();
-  if (!file) return;
-  std::vector<Entry> entries = read_entries(file.get(), self.boot);
+bool update(uint64_t connection, const Deadline& deadline, const Change& change) {
+  const Owner self = this_owner(connection);
+  if (self.start == 0 || self.boot.empty()) return false;
+  const UniqueFd file = open_locked(deadline);
+  if (!file) return false;
+  std::vector<Entry> entries = read_entries(file.get());
   if (change(entries, self)) write_entries(file.get(), entries);
   ::flock(file.get(), LOCK_UN);  // a child that was forked meanwhile has the descriptor, too
+  return true;
 }
 
-// Another modem's socket is not there any more, so nobody can use its entries.
-bool is_past(const std::string& modem) {
-  const size_t name_end = modem.find(',');
-  const std::string socket = modem.substr(0, name_end);
-  if (is_abstract(socket) || socket.find('%') != std::string::npos) return false;
-  return modem.compare(name_end + 1, modem.find(',', name_end + 1) - name_end - 1, identity_of(socket)) != 0;
+auto find_own(std::vector<Entry>& entries, const Owner& self) {
+  return std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) { return entry.owner == self; });
 }
 
-auto find_own(std::vector<Entry>& entries, const std::string& modem, ClientIdRecord::Id id, const Owner& self) {
-  return std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) {
-    return entry.modem == modem && entry.id == id && entry.owner == self;
-  });
+// The first `count` entries, so far as they are the modem's.
+void void_first(std::vector<Entry>& entries, ptrdiff_t count, const std::string& modem, const Owner& self) {
+  const auto end = entries.begin() + count;
+  const auto is_here = [&](const Entry& entry) { return entry.modem == modem && entry.owner.boot == self.boot; };
+  for (auto entry = entries.begin(); entry != end; ++entry) entry->is_void |= is_here(*entry);
+  entries.erase(std::remove_if(entries.begin(), end,
+                               [&](const Entry& entry) { return is_here(entry) && is_abandoned(entry.owner, self); }),
+                end);
 }
 
-std::vector<ClientIdRecord::Id> take_over(std::vector<Entry>& entries, const std::string& modem, const Owner& self) {
+std::vector<ClientIdRecord::Id> take_out_abandoned(std::vector<Entry>& entries, const std::string& modem,
+                                                   const Owner& self) {
   std::vector<ClientIdRecord::Id> ids;
-  for (Entry& entry : entries) {
-    if (entry.modem != modem || !is_abandoned(entry.owner, self)) continue;
-    entry.owner = self;
-    ids.push_back(entry.id);
-  }
+  std::erase_if(entries, [&](const Entry& entry) {
+    if (entry.modem != modem || !is_abandoned(entry.owner, self)) return false;
+    if (!entry.is_void) ids.push_back(entry.id);
+    return true;
+  });
   return ids;
+}
+
+// Live owners' entries stay: these are bounded, too, and what finds no room is not entered.
+bool make_room(std::vector<Entry>& entries, const Owner& self) {
+  if (entries.size() < kMostEntries) return true;
+  const auto oldest = std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) {
+    return entry.owner.boot != self.boot || is_abandoned(entry.owner, self);
+  });
+  if (oldest == entries.end()) return false;
+  entries.erase(oldest);
+  return true;
+}
+
+uint64_t next_connection() {
+  static std::atomic<uint64_t> last{0};
+  return ++last;
 }
 
 }  // namespace
 
 ClientIdRecord::ClientIdRecord(const std::string& socket, const std::string& device)
     : modem_(escape(socket) + ',' + (is_abstract(socket) ? link_target("/proc/self/ns/net") : identity_of(socket)) +
-             ',' + escape(device) + ',' + identity_of(device)) {}
+             ',' + escape(device) + ',' + identity_of(device)),
+      connection_(next_connection()) {}
 
-std::vector<ClientIdRecord::Id> ClientIdRecord::add(Id id) const {
+std::vector<ClientIdRecord::Id> ClientIdRecord::add(Id id, const Deadline& deadline) {
   std::vector<Id> abandoned;
-  update([&](std::vector<Entry>& entries, const Owner& self) {
-    const auto is_here = [&](const Entry& entry) { return entry.modem == modem_; };
-    // What the modem gives out although it is taken was void, and whatever made it void may have done so to all.
-    const auto is_same = [&](const Entry& entry) { return is_here(entry) && entry.id == id; };
-    if (std::any_of(entries.begin(), entries.end(), is_same)) std::erase_if(entries, is_here);
-    abandoned = take_over(entries, modem_, self);
-    std::erase_if(entries, [&](const Entry& entry) { return !is_here(entry) && is_past(entry.modem); });
-    if (entries.size() >= kMostEntries) entries.erase(entries.begin());
-    entries.push_back({self, id, modem_});
+  if (modem_.size() > kMostModemLength) return abandoned;
+  update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    // What the modem gives out although it is taken was void.
+    const auto same = std::find_if(entries.rbegin(), entries.rend(), [&](const Entry& entry) {
+      return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
+    });
+    void_first(entries, entries.rend() - same, modem_, self);
+    abandoned = take_out_abandoned(entries, modem_, self);
+    has_entry_ = make_room(entries, self);
+    if (has_entry_) entries.push_back({self, id, false, modem_});
     return true;
   });
   return abandoned;
 }
 
-bool ClientIdRecord::remove(Id id) const {
-  bool was_there = true;
-  update([&](std::vector<Entry>& entries, const Owner& self) {
-    const auto own = find_own(entries, modem_, id, self);
-    was_there = own != entries.end();
-    if (was_there) entries.erase(own);
-    return was_there;
+bool ClientIdRecord::remove(const Deadline& deadline) {
+  bool is_void = false;
+  const bool is_done = update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    const auto own = find_own(entries, self);
+    if (own == entries.end()) return false;
+    is_void = own->is_void;
+    entries.erase(own);
+    return true;
   });
-  return was_there;
+  // An entry that stays is left to whoever finds this process dead.
+  return is_done ? !is_void : !has_entry_;
 }
 
-void ClientIdRecord::abandon(Id id) const {
-  update([&](std::vector<Entry>& entries, const Owner& self) {
-    const auto own = find_own(entries, modem_, id, self);
-    if (own != entries.end()) own->owner.process = 0;
-    return own != entries.end();
+void ClientIdRecord::restore(const std::vector<Id>& ids, const Deadline& deadline) const {
+  if (ids.empty()) return;
+  update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    Owner nobody = self;
+    nobody.process = 0;
+    for (const Id id : ids) {
+      const bool has_entry = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
+        return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
+      });
+      if (!has_entry && make_room(entries, self)) entries.push_back({nobody, id, false, modem_});
+    }
+    return true;
   });
 }
 
-std::vector<ClientIdRecord::Id> ClientIdRecord::take_abandoned() const {
+std::vector<ClientIdRecord::Id> ClientIdRecord::take_abandoned(const Deadline& deadline) const {
   std::vector<Id> abandoned;
-  update([&](std::vector<Entry>& entries, const Owner& self) {
-    abandoned = take_over(entries, modem_, self);
-    return !abandoned.empty();
+  update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    const size_t count = entries.size();
+    abandoned = take_out_abandoned(entries, modem_, self);
+    return entries.size() != count;
   });
   return abandoned;
 }
 
-void ClientIdRecord::clear() const {
-  update([&](std::vector<Entry>& entries, const Owner&) {
-    return std::erase_if(entries, [&](const Entry& entry) { return entry.modem == modem_; }) > 0;
+void ClientIdRecord::void_own(const Deadline& deadline) {
+  update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    const auto own = find_own(entries, self);
+    if (own == entries.end()) return false;
+    const auto older = own - entries.begin();
+    const bool is_void = own->is_void;  // what made it so did it to the older ones
+    entries.erase(own);
+    if (!is_void) void_first(entries, older, modem_, self);
+    return true;
   });
 }
 

@@ -1,20 +1,26 @@
 // Which client ids of a modem the processes of this user hold, on disk, so that the ids of a process that was killed
 // can be given back: a proxy before a modem does not do that, and a modem has few ids.
 //
-// An entry names the modem (socket and device), the boot, the owner (process, start time, pid namespace), the service
-// and the id. It is written before the id is used. Entries lie in `client-ids` in $XDG_RUNTIME_DIR/pelmar, else in
-// pelmar/client-ids below the user's state directory; both are the user's own, and nobody else may write there. Without
-// such a place there is no record, and everything else works.
+// An entry names the modem (socket and device), the boot, the owner (process, start time, pid namespace, connection),
+// the service and the id. It is written before the id is used. Entries are in the file `record` in pelmar/client-ids
+// below the user's state directory, where nobody else may write. Without such a place there is no record, and
+// everything else works. Entries of another boot may be those of another machine that shares the user's home.
 //
 // An id in the record may belong to another program by now, where the modem restarted unnoticed, and any program may
 // give back any id. So the modem's name contains what changes when its socket or device node is made anew, as after a
-// restart on USB; and whoever learns of a restart in another way, at the latest from an id that the modem gives out a
-// second time, deletes the modem's entries. An id that stays taken harms less than one that is taken from its user.
+// restart on USB. Entries stand in the order of allocation: an id that proves void, at the latest because the modem
+// gives it out a second time, makes those before it void too, and none that was allocated later. A live owner's entry
+// stays, marked as void, until its owner sees the mark. An entry is erased before its id is given back, and no id is
+// entered again once that was sent. An id that stays taken harms less than one that is taken from its user.
+//
+// Each function changes the record in one step. It waits until the deadline for other processes, and never for long.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "deadline.h"
 
 namespace pelmar::platform {
 
@@ -26,27 +32,30 @@ class ClientIdRecord {
     bool operator==(const Id&) const = default;
   };
 
-  // The record of one modem. `socket` is a path or an abstract @NAME, `device` a path.
+  // The record of one modem, for a connection to it. `socket` is a path or an abstract @NAME, `device` a path.
   ClientIdRecord(const std::string& socket, const std::string& device);
 
-  // An id that the modem has given to this process. Returns what take_abandoned() returns.
-  std::vector<Id> add(Id id) const;
+  // Enters the id that the modem has given to this connection. Takes out the ids of dead processes and abandoned ones,
+  // which the caller gives back to the modem or restores.
+  std::vector<Id> add(Id id, const Deadline& deadline);
 
-  // False where the id was void meanwhile, or given to another connection: it must not be given back.
-  bool remove(Id id) const;
+  // Takes out this connection's entry. True where the id is to be given back: it is not void, and nobody else will do
+  // so. An id without an entry is one that could not be entered.
+  bool remove(const Deadline& deadline);
 
-  // Leaves the id, which the modem may still count as taken, to the next take_abandoned().
-  void abandon(Id id) const;
+  // Enters ids as abandoned that are no longer this connection's but may still be taken, except those that have an
+  // entry.
+  void restore(const std::vector<Id>& ids, const Deadline& deadline) const;
 
-  // The ids of dead processes and abandoned ones, to be given back to the modem. They are this process's own now, which
-  // removes or abandons them.
-  std::vector<Id> take_abandoned() const;
+  std::vector<Id> take_abandoned(const Deadline& deadline) const;
 
-  // All ids are void.
-  void clear() const;
+  // This connection's id is void: so are those that were allocated before it.
+  void void_own(const Deadline& deadline);
 
  private:
-  std::string modem_;  // as an entry has it, without white space
+  std::string modem_;    // as an entry has it, without white space
+  uint64_t connection_;  // tells the connections of a process apart
+  bool has_entry_ = false;
 };
 
 }  // namespace pelmar::platform

@@ -33,25 +33,35 @@ void Client::dispatch_arrivals() {
         abandon_connection();
         return;
       case Arrival::kMessage:
-        break;
-    }
-    const bool is_response = message.kind == MessageKind::kResponse;
-    observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication,
-             service_->service_id,
-             message.id,
-             {message.tlvs, message.length}});
-    if (is_response) {
-      dispatch_response(message);
-    } else {
-      push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});
+        dispatch(message);
     }
   }
+}
+
+void Client::dispatch(const Message& message) {
+  const bool is_response = message.kind == MessageKind::kResponse;
+  observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication,
+           service_->service_id,
+           message.id,
+           {message.tlvs, message.length}});
+  if (is_response) {
+    dispatch_response(message);
+  } else {
+    push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});
+  }
+}
+
+// A sender whose time is up may have its response among them.
+void Client::dispatch_kept() {
+  if (is_gone_) return;
+  Message message;
+  while (connection_->end_doubt(message)) dispatch(message);
 }
 
 // Goes out from here, or at the end of the send that is under way. Where no transaction number is free, the next
 // arrival tries again.
 void Client::ask_in_doubt() {
-  if (!connection_->has_question() || is_sending_) return;
+  if (is_sending_ || !connection_->has_question()) return;
   if (const uint16_t transaction = new_transaction(); transaction != 0) connection_->ask(transaction);
 }
 
@@ -61,7 +71,8 @@ void Client::dispatch_response(const Message& message) {
   if (Waiter* const* const found = std::get_if<Waiter*>(&slot)) {
     Waiter& waiter = **found;
     if (waiter.transaction != message.transaction || waiter.request.id != message.id) return;
-    finish(waiter, waiter.deadline.has_passed() ? QMI_TIMEOUT_ERR : decode_response(waiter.request, message));
+    const auto arrived = message.kept_since.value_or(Deadline::Clock::now());
+    finish(waiter, waiter.deadline.has_passed_at(arrived) ? QMI_TIMEOUT_ERR : decode_response(waiter.request, message));
   } else if (const auto* const entry = std::get_if<std::list<Transaction>::iterator>(&slot)) {
     if ((*entry)->number != message.transaction || (*entry)->request.id != message.id) return;
     Transaction done = take(*entry);
@@ -101,14 +112,31 @@ void Client::end_stalled_stream() {
 
 // The modem is there, but nothing can be read from it any more: its client id is given back.
 void Client::abandon_connection() {
-  if (!is_gone_ && !is_sending_ && !connection_->has_unsent()) connection_->abandon();
-  service_gone();
+  if (is_gone_) return;
+  if (is_sending_) {
+    connection_->shut_down();
+  } else {
+    connection_->stop_reading();
+  }
+  lose();
 }
 
 void Client::service_gone() {
-  if (std::exchange(is_gone_, true)) return;
-  ServicePace::of(service_->service_id).lost(Deadline::Clock::now() - connected_);
+  if (is_gone_) return;
   connection_->shut_down();  // ends a send that waits, too
+  lose();
+}
+
+// The handle's thread, or the release, ends the connection towards the modem.
+void Client::lose() {
+  is_gone_ = true;
+  auto& pace = ServicePace::of(service_->service_id);
+  const auto lifetime = Deadline::Clock::now() - connected_;
+  if (is_stopping_) {
+    pace.released(lifetime);
+  } else {
+    pace.lost(lifetime);
+  }
   while (!waiters_.empty()) {
     mark_lost(waiters_.back()->request);
     finish(*waiters_.back(), QMI_SERVICE_ERR);

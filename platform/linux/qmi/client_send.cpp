@@ -138,8 +138,9 @@ int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
   while (!waiter.is_done) {
     if (reader_ == nullptr) take_reading(waiter);
     if (reader_ == &waiter) {
+      const Deadline until = earlier(deadline, connection_->doubt_ends());
       lock.unlock();
-      const ReadStatus status = connection_->read(deadline);
+      const ReadStatus status = connection_->read(until);
       lock.lock();
       dispatch_arrivals();
       if (status == ReadStatus::kGone) service_gone();
@@ -152,7 +153,9 @@ int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
       }
       waiter.is_asleep = false;
     }
-    if (!waiter.is_done && deadline.has_passed()) {
+    if (waiter.is_done || !deadline.has_passed()) continue;
+    dispatch_kept();
+    if (!waiter.is_done) {
       finish(waiter, QMI_TIMEOUT_ERR);
       end_stalled_stream();
     }

@@ -16,7 +16,8 @@ class Deadline {
   static Deadline now() { return Deadline(Milliseconds(0)); }
 
   bool is_none() const { return is_none_; }
-  bool has_passed() const { return !is_none_ && Clock::now() >= at_; }
+  bool has_passed() const { return has_passed_at(Clock::now()); }
+  bool has_passed_at(Clock::time_point time) const { return !is_none_ && time >= at_; }
   Clock::time_point at() const { return at_; }
 
   // Rounded up, so that a wait of this length does not end early; 0 where there is none.
@@ -32,5 +33,10 @@ class Deadline {
   bool is_none_;
   Clock::time_point at_;
 };
+
+inline const Deadline& earlier(const Deadline& one, const Deadline& other) {
+  if (one.is_none() || other.is_none()) return one.is_none() ? other : one;
+  return one.at() < other.at() ? one : other;
+}
 
 }  // namespace pelmar::platform

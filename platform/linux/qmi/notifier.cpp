@@ -14,6 +14,10 @@ namespace {
 // How long a service may have come or gone before it is noticed, where nothing tells of it.
 constexpr Deadline::Milliseconds kInterval{200};
 
+// The rest before the next look after one that found that the service, or the link to the modem, went meanwhile. It
+// grows up to kInterval, for a peer that ends each link at once.
+constexpr Deadline::Milliseconds kFirstRest{10};
+
 }  // namespace
 
 Notifier::Notifier(qmi_idl_service_object_type service, std::unique_ptr<ServiceWatch> watch, qmi_client_type handle)
@@ -48,15 +52,17 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
 }
 
 void Notifier::run() {
+  Deadline::Milliseconds rest{0};
   Lock lock(mutex_);
   while (!is_stopping_) {
     lock.unlock();
-    wait_for_news();
+    wait_for_news(rest);
     lock.lock();
     if (is_stopping_) return;
     lock.unlock();
     const Presence presence = watch_->look();
     lock.lock();
+    rest = presence.went_meanwhile ? std::clamp(2 * rest, kFirstRest, kInterval) : Deadline::Milliseconds(0);
     if (presence.went_meanwhile && is_there_) tell(lock, false);
     if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0)) tell(lock, presence.is_there);
   }
@@ -74,10 +80,11 @@ void Notifier::tell(Lock& lock, bool is_there) {
   lock.lock();
 }
 
-void Notifier::wait_for_news() {
+void Notifier::wait_for_news(Deadline::Milliseconds rest) {
   const Deadline::Milliseconds pause = pace_.remaining();
   const auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
   pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
+  if (rest.count() > 0) ::poll(wait_for, 1, static_cast<int>(rest.count()));
   if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
     thread_.acknowledge();
   }

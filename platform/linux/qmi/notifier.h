@@ -27,7 +27,7 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
 
   void run();
   void tell(Lock& lock, bool is_there);
-  void wait_for_news();
+  void wait_for_news(Deadline::Milliseconds rest);
 
   const qmi_idl_service_object_type service_;
   const std::unique_ptr<ServiceWatch> watch_;  // used by who registers first, then by the handle's thread

@@ -5,6 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+
+#include "deadline.h"
 
 namespace pelmar::platform {
 
@@ -21,6 +24,7 @@ struct Message {
   bool length_agrees;  // the header's length is that of the TLVs that arrived
   const uint8_t* tlvs;
   size_t length;
+  std::optional<Deadline::Clock::time_point> kept_since = std::nullopt;  // where it was kept back
 };
 
 inline uint16_t load_u16(const uint8_t* at) {
@@ -49,6 +53,7 @@ inline bool load_message(const uint8_t* bytes, size_t length, Message& message) 
   message.tlvs = bytes + kMessageHeaderLength;
   message.length = length - kMessageHeaderLength;
   message.length_agrees = load_u16(bytes + 5) == message.length;
+  message.kept_since.reset();
   return true;
 }
 

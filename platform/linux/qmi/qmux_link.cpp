@@ -90,7 +90,7 @@ QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, 
     send_release_client_id(service, client);
     return Answer::kNoAnswer;
   }
-  return revoked_.count({service, client}) != 0 ? Answer::kNoAnswer : Answer::kSuccess;
+  return is_revoked(service, client) ? Answer::kNoAnswer : Answer::kSuccess;
 }
 
 QmuxLink::Answer QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
@@ -127,6 +127,7 @@ bool QmuxLink::next(Frame& frame) {
 
 SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {
   const size_t tlvs_length = value.empty() ? 0 : kTlvHeaderLength + value.size();
+  if (const SendStatus status = stream_.flush(deadline); status != SendStatus::kSent) return status;
   Bytes frame(kQmuxHeaderLength + kControlHeaderLength);
   store_qmux_header(frame.data(), kControlService, 0, kControlHeaderLength + tlvs_length);
   transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
@@ -147,7 +148,7 @@ SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadli
 
 QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,
                                     Bytes* answer_value) {
-  if (request(id, value, deadline) != SendStatus::kSent) return Answer::kNoAnswer;
+  if (request(id, value, deadline) != SendStatus::kSent) return Answer::kNotSent;
   for (;;) {
     Frame frame;
     while (reader_.next(frame)) {

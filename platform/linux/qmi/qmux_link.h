@@ -44,8 +44,9 @@ class QmuxLink {
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
-  // Answers of exchanges with the modem. A modem that does not answer in time, or is gone, is kNoAnswer.
-  enum class Answer { kSuccess, kNoAnswer, kClientIdsExhausted, kFailure };
+  // Answers of exchanges with the modem. A modem that does not answer in time, or is gone, is kNoAnswer; one that
+  // cannot have got the whole request is kNotSent.
+  enum class Answer { kSuccess, kNoAnswer, kNotSent, kClientIdsExhausted, kFailure };
 
   // The services that the modem offers.
   Answer get_services(std::vector<uint8_t>& services, const Deadline& deadline);
@@ -58,6 +59,9 @@ class QmuxLink {
   // id of this service.
   bool take_restart() { return std::exchange(saw_restart_, false); }
   bool take_revocation(uint8_t service);
+
+  // Whether the modem revoked the id since its allocation began, so far as exchanges came across that.
+  bool is_revoked(uint8_t service, uint8_t client) const { return revoked_.count({service, client}) != 0; }
 
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }

@@ -19,18 +19,13 @@ namespace {
 // A modem that takes longer for a look at its services counts as absent.
 constexpr Deadline::Milliseconds kLookTimeout{2000};
 
-// What giving back one id may hold up an open.
+// What giving back the ids of others may hold up an open.
 constexpr Deadline::Milliseconds kReleaseTimeout{500};
 
 constexpr size_t kMaxMessageLength = UINT16_MAX - (kQmuxHeaderLength - 1);
 
 bool offers(const std::vector<uint8_t>& services, uint8_t service) {
   return std::find(services.begin(), services.end(), service) != services.end();
-}
-
-const Deadline& earlier(const Deadline& one, const Deadline& other) {
-  if (one.is_none() || other.is_none()) return one.is_none() ? other : one;
-  return one.at() < other.at() ? one : other;
 }
 
 ClientIdRecord record_of_modem() {
@@ -45,7 +40,7 @@ std::atomic<uint32_t>& revocations(uint8_t service) {
 
 class QmuxConnection final : public Connection {
  public:
-  // The record has the id.
+  // The record has the id, where it can.
   QmuxConnection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity)
       : link_(std::move(link)),
         record_(std::move(record)),
@@ -54,9 +49,7 @@ class QmuxConnection final : public Connection {
         capacity_(std::min(message_capacity, kMaxMessageLength)),
         frame_(new uint8_t[kQmuxHeaderLength + capacity_]) {}
 
-  ~QmuxConnection() override {
-    if (is_id_held_) record_.abandon(id());
-  }
+  ~QmuxConnection() override { abandon(Deadline::after(kReleaseTimeout)); }
 
   int descriptor() const override { return link_.stream().descriptor(); }
   uint8_t* message_buffer() override { return frame_.get() + kQmuxHeaderLength; }
@@ -68,7 +61,7 @@ class QmuxConnection final : public Connection {
   }
   bool has_unsent() const override { return link_.stream().has_unsent(); }
   SendStatus flush(const Deadline& deadline) override { return link_.stream().flush(deadline); }
-  ReadStatus read(const Deadline& deadline) override { return link_.read(earlier(deadline, doubt_ends())); }
+  ReadStatus read(const Deadline& deadline) override { return link_.read(deadline); }
 
   Arrival next(Message& message) override {
     Frame frame;
@@ -82,7 +75,7 @@ class QmuxConnection final : public Connection {
         const auto verdict = check_.look(message);
         if (verdict == ClientIdCheck::Verdict::kDeliver) break;
         if (verdict == ClientIdCheck::Verdict::kVoid) {
-          forget_all_ids();
+          lose_id(IdState::kVoid);
           return Arrival::kServiceGone;
         }
       }
@@ -91,6 +84,10 @@ class QmuxConnection final : public Connection {
   }
 
   const Deadline& doubt_ends() const override { return check_.deadline(); }
+  bool end_doubt(Message& message) override {
+    check_.settle();
+    return check_.take_kept(message);
+  }
   bool has_question() const override { return check_.has_question() && !has_unsent(); }
   void ask(uint16_t transaction) override {
     uint8_t question[kQmuxHeaderLength + ClientIdCheck::kQuestionLength];
@@ -102,27 +99,35 @@ class QmuxConnection final : public Connection {
   std::optional<Deadline::Clock::time_point> partial_since() const override { return link_.partial_since(); }
 
   void close(const Deadline& deadline) override {
-    if (forget_id() && link_.release_client_id(service_, client_, deadline) == QmuxLink::Answer::kNoAnswer) hold_id();
+    if (take_id(deadline) && link_.release_client_id(service_, client_, deadline) == QmuxLink::Answer::kNotSent) {
+      record_.restore({id()}, deadline);
+    }
     shut_down();
   }
 
-  void abandon() override {
-    if (forget_id() && link_.send_release_client_id(service_, client_) != SendStatus::kSent) hold_id();
+  void abandon(const Deadline& deadline) override {
+    if (take_id(deadline) && link_.send_release_client_id(service_, client_) != SendStatus::kSent) {
+      record_.restore({id()}, deadline);
+    }
     shut_down();
   }
+
+  void stop_reading() override { link_.stream().stop_receiving(); }
 
   void shut_down() override { link_.stream().shut_down(); }
 
  private:
+  enum class IdState { kHeld, kRevoked, kVoid, kGone };
+
   bool voids_client_id(const ControlIndication& indication) {
     if (indication.event == ControlIndication::kRestarted) {
-      forget_all_ids();
+      lose_id(IdState::kVoid);
       return true;
     }
     const bool is_revoked = indication.event == ControlIndication::kRevoked && indication.service == service_ &&
                             indication.client == client_;
     if (is_revoked) {
-      forget_id();
+      lose_id(IdState::kRevoked);
       revocations(service_).fetch_add(1, std::memory_order_relaxed);
     }
     return is_revoked;
@@ -132,20 +137,35 @@ class QmuxConnection final : public Connection {
   }
 
   ClientIdRecord::Id id() const { return {service_, client_}; }
-  void hold_id() {
-    record_.add(id());
-    is_id_held_ = true;
+
+  // The record learns of it later, at the connection's end: the reader must not wait for files.
+  void lose_id(IdState how) {
+    IdState held = IdState::kHeld;
+    id_state_.compare_exchange_strong(held, how);
   }
-  bool forget_id() { return std::exchange(is_id_held_, false) && record_.remove(id()); }
-  void forget_all_ids() {
-    if (std::exchange(is_id_held_, false)) record_.clear();
+
+  // True for one caller at most, where the id is to be given back; the record does not have it any more.
+  bool take_id(const Deadline& deadline) {
+    switch (id_state_.exchange(IdState::kGone)) {
+      case IdState::kHeld:
+        return record_.remove(deadline);
+      case IdState::kRevoked:
+        record_.remove(deadline);
+        return false;
+      case IdState::kVoid:
+        record_.void_own(deadline);
+        return false;
+      case IdState::kGone:
+        break;
+    }
+    return false;
   }
 
   QmuxLink link_;
-  const ClientIdRecord record_;
+  ClientIdRecord record_;
   const uint8_t service_;
   const uint8_t client_;
-  bool is_id_held_ = true;  // as the record says
+  std::atomic<IdState> id_state_{IdState::kHeld};  // the reader and who ends the connection may be two threads
   ClientIdCheck check_;
   const size_t capacity_;
   const std::unique_ptr<uint8_t[]> frame_;
@@ -182,7 +202,8 @@ class QmuxWatch final : public ServiceWatch {
     presence.went_meanwhile |= link_.take_revocation(service_);
     if (link_.take_restart()) {
       presence.went_meanwhile = true;
-      record_of_modem().clear();
+      // They are void. Which of the live owners' ids are older than the restart cannot be told from here.
+      record_of_modem().take_abandoned(deadline);
     }
     return true;
   }
@@ -192,18 +213,20 @@ class QmuxWatch final : public ServiceWatch {
   QmuxLink link_;
 };
 
-// Ids that killed processes have left.
-void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record) {
-  bool responds = true;
-  for (const ClientIdRecord::Id id : ids) {
-    responds = responds && link.release_client_id(id.service, id.client, Deadline::after(kReleaseTimeout)) !=
-                               QmuxLink::Answer::kNoAnswer;
-    if (responds) {
-      record.remove(id);
-    } else {
-      record.abandon(id);
-    }
+// Ids that killed processes have left, and that the record does not have any more.
+void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record,
+               const Deadline& end) {
+  const Deadline deadline = earlier(end, Deadline::after(kReleaseTimeout));
+  auto id = ids.begin();
+  auto answer = QmuxLink::Answer::kSuccess;
+  while (id != ids.end() && answer != QmuxLink::Answer::kNoAnswer && !deadline.has_passed()) {
+    answer = link.release_client_id(id->service, id->client, deadline);
+    // What was sent in part goes out before the link's next message.
+    if (answer == QmuxLink::Answer::kNotSent && !link.stream().has_unsent()) break;
+    ++id;
+    if (answer == QmuxLink::Answer::kNotSent) break;
   }
+  record.restore({id, ids.end()}, end);
 }
 
 }  // namespace
@@ -218,18 +241,27 @@ int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Dea
       !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
-  const ClientIdRecord record = record_of_modem();
+  ClientIdRecord record = record_of_modem();
   uint8_t client = 0;
   QmuxLink::Answer answer = link.allocate_client_id(number, client, deadline);
   if (answer == QmuxLink::Answer::kClientIdsExhausted) {
-    give_back(record.take_abandoned(), link, record);
+    give_back(record.take_abandoned(deadline), link, record, deadline);
     answer = link.allocate_client_id(number, client, deadline);
   }
   switch (answer) {
     case QmuxLink::Answer::kSuccess:
-      give_back(record.add({number, client}), link, record);
+      give_back(record.add({number, client}, deadline), link, record, deadline);
+      if (link.take_restart()) {
+        record.void_own(deadline);
+        return QMI_TIMEOUT_ERR;
+      }
+      if (link.is_revoked(number, client)) {
+        record.remove(deadline);
+        return QMI_TIMEOUT_ERR;
+      }
       break;
     case QmuxLink::Answer::kNoAnswer:
+    case QmuxLink::Answer::kNotSent:
       return QMI_TIMEOUT_ERR;
     case QmuxLink::Answer::kClientIdsExhausted:
       syslog(LOG_ERR, "QMI service 0x%02x: no client id is left (QMI error 5, client ids exhausted): %s",

@@ -23,13 +23,14 @@ bool set_timeout(int descriptor, int option) {
   return ::setsockopt(descriptor, SOL_SOCKET, option, &timeout, sizeof timeout) == 0;
 }
 
-// Callers try again and again: a problem that lasts is reported once.
+// Callers try again and again: a problem that lasts is reported once. Where another thread reports, or did so during
+// the fork that made this process, this thread does not.
 void report(const std::string& name, const std::string& problem) {
   static auto& mutex = *new std::mutex;  // threads may connect until the process is gone
   static auto& last = *new std::string;
   const std::string line = name + ": " + problem;
-  const std::lock_guard lock(mutex);
-  if (line == last) return;
+  const std::unique_lock lock(mutex, std::try_to_lock);
+  if (!lock || line == last) return;
   last = line;
   ::syslog(LOG_ERR, "Cannot connect to %s", line.c_str());
 }
@@ -111,6 +112,10 @@ void SocketStream::report_refusal() {
   if (silent_listener_.empty()) return;
   const std::string problem = describe_refusal(descriptor(), silent_listener_);
   if (!problem.empty()) report(silent_listener_, problem);
+}
+
+void SocketStream::stop_receiving() {
+  ::shutdown(descriptor(), SHUT_RD);
 }
 
 void SocketStream::shut_down() {

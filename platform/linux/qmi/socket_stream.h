@@ -31,6 +31,7 @@ class SocketStream {
   // Receives at least one byte.
   ReadStatus receive(uint8_t* to, size_t room, const Deadline& deadline, size_t& received);
 
+  void stop_receiving();
   void shut_down();
   void close();
 

@@ -37,7 +37,7 @@ class Connection {
   virtual bool has_unsent() const = 0;
   virtual SendStatus flush(const Deadline& deadline) = 0;
 
-  // Reads what arrives until the deadline or doubt_ends(), at least once.
+  // Reads what arrives until the deadline, at least once.
   virtual ReadStatus read(const Deadline& deadline) = 0;
 
   // The next message among what has been read; its bytes are valid until the next read. A stream that cannot be parsed
@@ -49,8 +49,10 @@ class Connection {
 
   // A response that makes the connection itself doubtful is kept back by next() until the modem has replied to a
   // question about it, but not beyond this time, at which next() has to be called again; none where nothing is kept.
-  // To be read by whoever may read.
+  // end_doubt() returns what is kept, one by one, before that. These and the question need neither side, but exclude
+  // each other and next().
   virtual const Deadline& doubt_ends() const = 0;
+  virtual bool end_doubt(Message& message) = 0;
 
   // Whether such a question is to be sent, and sending it without waiting, which needs the sending side. The
   // transaction is one that is not under way.
@@ -61,8 +63,12 @@ class Connection {
   // reading side.
   virtual void close(const Deadline& deadline) = 0;
 
-  // The same without an answer, needs the sending side only.
-  virtual void abandon() = 0;
+  // The same without an answer, needs the sending side only; also to be called where the service went away. The
+  // deadline is for other processes. Like close(), it may wait for files: the caller holds no lock that others need.
+  virtual void abandon(const Deadline& deadline) = 0;
+
+  // Makes a read that is under way on another thread, and all later ones, end with kGone.
+  virtual void stop_reading() = 0;
 
   // Makes a send or read that is under way on another thread, and all later ones, end with kGone.
   virtual void shut_down() = 0;
