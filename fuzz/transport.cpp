@@ -37,6 +37,7 @@ class Peer {
     listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     require(bind(listener_, reinterpret_cast<const sockaddr*>(&address), length) == 0 && listen(listener_, 4) == 0);
     setenv("PELMAR_QMI_SOCKET", ("@" + name).c_str(), 1);
+    setenv("XDG_STATE_HOME", "/dev/null", 1);  // no record of client ids
     std::thread([this] { serve(); }).detach();
   }
 

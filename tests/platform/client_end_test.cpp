@@ -114,18 +114,34 @@ TEST_P(ServiceGoes, BeforeAClientIdArrives) {
 INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed", "garbled"),
                          [](const auto& test) { return std::string(test.param); });
 
+TEST_F(ClientTest, ARestartWhileAnAbandonedIdIsGivenBackVoidsTheNewIdToo) {
+  EXPECT_EQ(qmi_client_register_error_cb(connect(), on_error, this), QMI_NO_ERR);
+  modem_.close_connection(0);
+  events(1);
+  modem_.set(&ScriptedModem::Behaviour::before_next_release, std::function([this](int connection) {
+    modem_.void_client_ids();
+    modem_.announce_restart(connection);
+  }));
+  connect(60'000);
+  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 3}}));
+}
+
 // Behind a proxy nothing else tells of a void client id.
 class ErrorOfAVoidId : public ClientTest {
  protected:
   // An asynchronous request and a synchronous one are under way, and the latter is refused as if the id were void. The
-  // modem is asked for more then.
-  ScriptedRequest be_asked() {
+  // modem is asked for more then. Where the modem restarts, a second client connects after that.
+  ScriptedRequest be_asked(bool restarts) {
     handle_ = connect();
     EXPECT_EQ(qmi_client_register_error_cb(handle_, on_error, this), QMI_NO_ERR);
     EXPECT_EQ(send_async(handle_, async_response_, this), QMI_NO_ERR);
     async_ = modem_.receive();
     sender_ = std::async(std::launch::async, [this] { return get_drx(handle_, response_); });
     const ScriptedRequest request = modem_.receive();
+    if (restarts) {
+      modem_.void_client_ids();
+      connect();
+    }
     modem_.respond(request, ScriptedModem::refusal(7));
     const ScriptedRequest question = modem_.receive();
     EXPECT_EQ(question.client, request.client);
@@ -139,16 +155,16 @@ class ErrorOfAVoidId : public ClientTest {
   nas::GetDrxResponse response_{}, async_response_{};
 };
 
-TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmed) {
-  modem_.respond(be_asked(), ScriptedModem::refusal(7));
+TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
+  modem_.respond(be_asked(true), ScriptedModem::refusal(7));
   EXPECT_EQ(sender_.get(), QMI_SERVICE_ERR);
   EXPECT_EQ(events(2), (Events{"response 137 -2", "error -2"}));
   EXPECT_FALSE(modem_.is_connected(0));
-  modem_.void_client_ids();
+  EXPECT_EQ(modem_.client_ids().size(), 1u);
 }
 
 TEST_F(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
-  modem_.respond(be_asked(), ScriptedModem::refusal(71));
+  modem_.respond(be_asked(false), ScriptedModem::refusal(71));
   EXPECT_EQ(sender_.get(), QMI_NO_ERR);
   EXPECT_EQ(response_.header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
 
@@ -232,6 +248,15 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
   modem_.close_connection(0);
   EXPECT_EQ(first.get().first, QMI_CLIENT_INVALID_CLNT);
   EXPECT_EQ(second.get().first, QMI_CLIENT_INVALID_CLNT);
+}
+
+TEST_F(ClientTest, AnIdWhoseReleaseTheModemDidNotConfirmIsNotReleasedAgain) {
+  modem_.set(&ScriptedModem::Behaviour::confirms_releases, false);
+  EXPECT_EQ(qmi_client_release(connect()), QMI_NO_ERR);
+  modem_.take_client_id(kNasId, 1);
+  connect();
+  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 1}, {kNasId, 2}}));
+  modem_.void_client_ids();
 }
 
 // A child that was forked meanwhile holds the connection's descriptor, too.

@@ -144,6 +144,9 @@ void ScriptedModem::handle_control(int connection, const Bytes& message) {
         break;
       case 0x0023:
         client_ids_.erase({message[9], message[10]});
+        if (const auto before = std::exchange(behaviour_.before_next_release, nullptr)) {
+          before_answer = [=] { before(connection); };
+        }
         changed_.notify_all();
         if (!behaviour_.confirms_releases) return;
         answer.insert(answer.end(), {0x01, 2, 0, message[9], message[10]});
@@ -216,6 +219,11 @@ bool ScriptedModem::comes_to_hold_no_ids() {
 void ScriptedModem::void_client_ids() {
   const std::lock_guard lock(mutex_);
   client_ids_.clear();
+}
+
+void ScriptedModem::take_client_id(uint8_t service, uint8_t client) {
+  const std::lock_guard lock(mutex_);
+  client_ids_.insert({service, client});
 }
 
 bool ScriptedModem::is_connected(int connection) {

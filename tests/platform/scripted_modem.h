@@ -43,6 +43,7 @@ class ScriptedModem {
     std::chrono::milliseconds control_delay{0};  // before every response of the CTL service
     bool reads = true;
     std::function<void(int connection, uint8_t client)> before_next_id;  // is answered
+    std::function<void(int connection)> before_next_release;             // is confirmed
     bool echoes = false;  // every request has an indication of its number and a successful response at once
   };
 
@@ -69,7 +70,8 @@ class ScriptedModem {
   std::set<std::pair<uint8_t, uint8_t>> client_ids();
   bool comes_to_hold_no_ids();  // within a minute: a release does not wait for a slow modem
   void void_client_ids();
-  bool is_connected(int connection);  // still, after a minute
+  void take_client_id(uint8_t service, uint8_t client);  // for another program
+  bool is_connected(int connection);                     // still, after a minute
 
   static Bytes frame(uint8_t service, uint8_t client, const Bytes& message);
   static Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs);
