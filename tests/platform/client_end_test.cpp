@@ -253,6 +253,7 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
 TEST_F(ClientTest, AnIdWhoseReleaseTheModemDidNotConfirmIsNotReleasedAgain) {
   modem_.set(&ScriptedModem::Behaviour::confirms_releases, false);
   EXPECT_EQ(qmi_client_release(connect()), QMI_NO_ERR);
+  modem_.set(&ScriptedModem::Behaviour::confirms_releases, true);
   modem_.take_client_id(kNasId, 1);
   connect();
   EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 1}, {kNasId, 2}}));

@@ -303,7 +303,7 @@ void ClientIdRecord::restore(const std::vector<Id>& ids, const Deadline& deadlin
       const bool has_entry = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
         return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
       });
-      if (!has_entry && make_room(entries, self)) entries.push_back({nobody, id, false, modem_});
+      if (!has_entry && make_room(entries, self)) entries.insert(entries.begin(), {nobody, id, false, modem_});
     }
     return true;
   });

@@ -44,7 +44,7 @@ class ClientIdRecord {
   bool remove(const Deadline& deadline);
 
   // Enters ids as abandoned that are no longer this connection's but may still be taken, except those that have an
-  // entry.
+  // entry. They stand before all others, of which they make none void.
   void restore(const std::vector<Id>& ids, const Deadline& deadline) const;
 
   std::vector<Id> take_abandoned(const Deadline& deadline) const;
