@@ -12,7 +12,7 @@ namespace pelmar::sar {
 
 struct RfSetStateRequest {
   uint32_t state;
-  uint8_t undescribed[28];  // of TLVs that nobody here uses
+  uint8_t undescribed[28];  // of TLVs that are not used here
 };
 static_assert(sizeof(RfSetStateRequest) == 32 && offsetof(RfSetStateRequest, state) == 0);
 

@@ -11,8 +11,9 @@ namespace pelmar::cli {
 // Whether a modem answers there: asks it for its services, and waits that long for the first byte of the answer.
 bool answers(const UnixConnection& connection, std::chrono::milliseconds patience);
 
-// Why whoever serves the socket cannot be used, and what to do: another user whom this one does not trust or who does
-// not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where nobody serves.
+// Why the process that serves the socket cannot be used, and what to do: another user whom this one does not trust or
+// who does not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where
+// nobody serves.
 std::string find_obstacle(const std::string& name);
 
 }  // namespace pelmar::cli

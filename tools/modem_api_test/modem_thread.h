@@ -1,5 +1,5 @@
-// Calls of the library on a thread of their own. A call may last as long as the modem wants, so whoever prints starts
-// it here and waits for it no longer than suits.
+// Calls of the library on a thread of their own. A call may last as long as the modem wants, so the thread that prints
+// starts it here and waits for it no longer than suits.
 #pragma once
 
 #include <atomic>
@@ -28,7 +28,7 @@ class ModemThread {
   bool wait(std::optional<Clock::time_point> deadline) const;
 
   // Runs a command that follows the modem; the command ends by itself then. Where a call is still under way behind it,
-  // the process ends here: the call uses what would be destroyed, and nobody waits for it.
+  // the process ends here: the call uses what would be destroyed, and no thread waits for it.
   void run(const std::function<void()>& command);
 
  private:

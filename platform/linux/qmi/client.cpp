@@ -121,7 +121,7 @@ void Client::wait_for_work(Lock& lock) {
   }
 }
 
-// In milliseconds; -1 for none. Whoever reads sees to what the connection keeps back.
+// In milliseconds; -1 for none. The thread that reads also handles what the connection keeps back.
 int Client::limit_of_wait() const {
   const Deadline& limit = connection_->doubt_ends();
   return reader_ != nullptr || is_gone_ || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());

@@ -179,7 +179,7 @@ class Client : public std::enable_shared_from_this<Client> {
   size_t async_count_ = 0;               // of them, and of those among the events
   std::deque<Event> events_;             // for the thread, in the order of arrival
   size_t waiting_bytes_ = 0;             // of the indications among them
-  size_t dropped_ = 0;                   // indications, not yet told to the log
+  size_t dropped_ = 0;                   // indications, not yet logged
 
   qmi_client_error_cb error_function_ = nullptr;
   void* error_data_ = nullptr;

@@ -75,7 +75,7 @@ std::string boot_id() {
   return id;
 }
 
-// In clock ticks since the boot; 0 for a process that is dead, nothing where that cannot be told. The first thread of a
+// In clock ticks since the boot; 0 for a process that is dead, nothing where that is unknown. The first thread of a
 // live process may have ended.
 std::optional<uint64_t> start_of(pid_t process) {
   if (::kill(process, 0) != 0 && errno == ESRCH) return 0;
@@ -92,7 +92,7 @@ std::optional<uint64_t> start_of(pid_t process) {
   return (state == "Z" || state == "X") && threads <= 1 ? 0 : start;
 }
 
-// Its start is 0 where /proc is missing or shows another pid namespace: who is dead cannot be told.
+// Its start is 0 where /proc is missing or shows another pid namespace: whether a process is dead is unknown then.
 Owner this_owner(uint64_t connection) {
   const pid_t process = ::getpid();
   const bool is_seen = link_target("/proc/self") == std::to_string(process);
@@ -202,8 +202,8 @@ void write_entries(int file, const std::vector<Entry>& entries) {
   if (::pwrite(file, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) ::ftruncate(file, 0);
 }
 
-// `change` takes the entries and this connection as an owner, and says whether it changed any. False where it did not
-// run.
+// `change` takes the entries and this connection as an owner, and returns whether it changed any. False where it did
+// not run.
 template <typename Change>
 bool update(uint64_t connection, const Deadline& deadline, const Change& change) {
   const Owner self = this_owner(connection);
@@ -290,7 +290,7 @@ bool ClientIdRecord::remove(const Deadline& deadline) {
     entries.erase(own);
     return true;
   });
-  // An entry that stays is left to whoever finds this process dead.
+  // Another process removes an entry that stays, once it finds this one dead.
   return is_done ? !is_void : !has_entry_;
 }
 

@@ -3,7 +3,7 @@
 //
 // An entry names the modem (socket and device), the boot, the owner (process, start time, pid namespace, connection),
 // the service and the id. It is written before the id is used. Entries are in the file `record` in pelmar/client-ids
-// below the user's state directory, where nobody else may write. Without such a place there is no record, and
+// below the user's state directory, where no other user may write. Without such a place there is no record, and
 // everything else works. Entries of another boot may be those of another machine that shares the user's home.
 //
 // An id in the record may belong to another program by now, where the modem restarted unnoticed, and any program may
@@ -39,8 +39,8 @@ class ClientIdRecord {
   // which the caller gives back to the modem or restores.
   std::vector<Id> add(Id id, const Deadline& deadline);
 
-  // Takes out this connection's entry. True where the id is to be given back: it is not void, and nobody else will do
-  // so. An id without an entry is one that could not be entered.
+  // Takes out this connection's entry. True where the id is to be given back: it is not void, and no other process will
+  // do so. An id without an entry is one that could not be entered.
   bool remove(const Deadline& deadline);
 
   // Enters ids as abandoned that are no longer this connection's but may still be taken, except those that have an
@@ -54,7 +54,7 @@ class ClientIdRecord {
 
  private:
   std::string modem_;    // as an entry has it, without white space
-  uint64_t connection_;  // tells the connections of a process apart
+  uint64_t connection_;  // unique among the connections of a process
   bool has_entry_ = false;
 };
 

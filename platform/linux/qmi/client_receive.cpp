@@ -190,7 +190,7 @@ void Client::push(Event event) {
   wake_thread();
 }
 
-// Asynchronous answers are kept: each has a caller, and their number is bounded.
+// Asynchronous responses are kept: each has a caller, and their number is bounded.
 void Client::drop_oldest_indication() {
   const auto oldest = std::find_if(events_.begin(), events_.end(),
                                    [](const Event& event) { return std::holds_alternative<Indication>(event); });

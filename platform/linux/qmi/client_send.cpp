@@ -62,7 +62,8 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   error = transmit(lock, request, number, deadline);
   if (error == QMI_NO_ERR) return QMI_NO_ERR;
 
-  // Where the place is free, the callback tells of the end. Nobody else has got it: this send has only just ended.
+  // Where the place is free, the exchange has ended, and its callback runs. The place has no new owner yet: this send
+  // has only just ended.
   if (std::holds_alternative<std::monostate>(slot_of(number))) return QMI_NO_ERR;
   take(own);
   --async_count_;

@@ -1,5 +1,5 @@
 // The live handles of one kind. A handle is a number in the form of a pointer, never used twice in a process, so a
-// stale or made-up handle is told from a live one. So is a parent's in a child of fork().
+// stale or made-up handle is not taken for a live one, nor is a parent's in a child of fork().
 #pragma once
 
 #include <atomic>

@@ -31,7 +31,7 @@ struct Frame {
 
 // Cuts the bytes that came from a modem into frames.
 //
-// A frame's length is all that tells where the next one begins. Where none begins there, a length was wrong, and any
+// Only a frame's length shows where the next one begins. Where none begins there, a length was wrong, and any
 // search for another beginning could take a part of a message for a frame: the stream is broken for good.
 class FrameReader {
  public:

@@ -44,7 +44,7 @@ class QmuxLink {
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
-  // Answers of exchanges with the modem. A modem that does not answer in time, or is gone, is kNoAnswer; one that
+  // Outcomes of exchanges with the modem. A modem that does not respond in time, or is gone, is kNoAnswer; one that
   // cannot have got the whole request is kNotSent.
   enum class Answer { kSuccess, kNoAnswer, kNotSent, kClientIdsExhausted, kFailure };
 

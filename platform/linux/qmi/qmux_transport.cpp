@@ -202,7 +202,7 @@ class QmuxWatch final : public ServiceWatch {
     presence.went_meanwhile |= link_.take_revocation(service_);
     if (link_.take_restart()) {
       presence.went_meanwhile = true;
-      // They are void. Which of the live owners' ids are older than the restart cannot be told from here.
+      // They are void. Which of the live owners' ids are older than the restart is unknown here.
       record_of_modem().take_abandoned(deadline);
     }
     return true;

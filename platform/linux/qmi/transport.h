@@ -63,8 +63,9 @@ class Connection {
   // reading side.
   virtual void close(const Deadline& deadline) = 0;
 
-  // The same without an answer, needs the sending side only; also to be called where the service went away. The
-  // deadline is for other processes. Like close(), it may wait for files: the caller holds no lock that others need.
+  // The same without waiting for the response; it needs the sending side only; also to be called where the service went
+  // away. The deadline is for other processes. Like close(), it may wait for files: the caller holds no lock that
+  // others need.
   virtual void abandon(const Deadline& deadline) = 0;
 
   // Makes a read that is under way on another thread, and all later ones, end with kGone.
