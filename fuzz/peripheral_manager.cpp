@@ -95,15 +95,17 @@ class ManagerEnd {
   WaitingOutput output_;
   EventLoop loop_;
   bool is_on_ = false;
-  PeripheralManager manager_{
-      loop_, output_, {name_, "modem", std::chrono::hours(1)}, [this](bool on) { return switch_power(on); }};
+  PeripheralManager manager_{loop_,
+                             output_,
+                             {name_, pelmar::sim::Admission::kThisUserAndRoot, "modem", std::chrono::hours(1)},
+                             [this](bool on) { return switch_power(on); }};
 };
 
 class VoterEnd {
  public:
   void meet(std::span<const uint8_t> bytes, const std::vector<Reply>& expected) {
     ManagerLink link;
-    require(link.open(name_));
+    require(link.open(name_, Deadline::after(Deadline::Milliseconds(5000))));
     loop_.run();  // until the listener has accepted
     send_all(manager_.get(), bytes);
     Reply reply;
