@@ -39,7 +39,7 @@ class EndSignals final : public EventLoop::Watcher {
 
 void serve(const SimulationOptions& options) {
   signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead, and the response says so
+  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead; the response has the error
   Simulation simulation(options);
   MemoryReserve reserve;
   simulation.loop.after_each_round([&](bool lacked_memory) {

@@ -52,8 +52,8 @@ struct Simulation {
   // Returns after loop.stop().
   void run() { loop.run(); }
 
-  // Gives up what holds memory: the connection that has read nothing for the longest time, or the youngest. False where
-  // there is none.
+  // Closes one connection to free its memory: the one that has read nothing for the longest time, or else the youngest.
+  // False where there is none.
   bool drop_connection();
 
   WaitingOutput output;  // before the loop, whose posted tasks hold connections

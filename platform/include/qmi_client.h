@@ -105,10 +105,10 @@ qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
  * resp_c_struct_len             at least the message's structure size, else QMI_IDL_LIB_BUFFER_TOO_SMALL
  * timeout_msecs                 0: waits without end
  *
- * Returns 0 when a response was decoded (whatever its result says), a transport code, or a codec code. A null handle
- * answers QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. On Linux a send that ends with
- * QMI_SERVICE_ERR leaves a response whose header says failure, and one that 2048 transactions of the handle are ahead
- * of returns QMI_XPORT_BUSY_ERR. */
+ * Returns 0 when a response was decoded (whatever its result), a transport code, or a codec code. A null handle
+ * returns QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. On Linux a send that returns
+ * QMI_SERVICE_ERR fills the response's header with a failure, and a send while 2048 transactions of the handle are
+ * pending returns QMI_XPORT_BUSY_ERR. */
 qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
                                                unsigned int req_c_struct_len, void* resp_c_struct,
                                                unsigned int resp_c_struct_len, unsigned int timeout_msecs);

@@ -1,7 +1,7 @@
 // The operator's socket: one line of text is a command, one line of JSON is the response.
 //
-// A response has "ok"; where that is false, "error" says what to do. Operators are few and trusted, but a line has a
-// bound like everything that comes from outside.
+// A response has "ok"; where that is false, "error" is a text for the operator. Operators are few and trusted, but a
+// line has a bound like everything that comes from outside.
 #pragma once
 
 #include <map>

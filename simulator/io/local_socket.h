@@ -12,12 +12,12 @@ namespace pelmar::sim {
 // Connects; throws std::runtime_error with what to do about it.
 UniqueFd connect_local(const std::string& name);
 
-// Who may connect to an abstract name. (Who may to a path, its file's owner and mode say: this user and root.)
+// Who may connect to an abstract name. (The owner and the mode of its file restrict a path to this user and root.)
 enum class Admission { kThisUserAndRoot, kEveryUser };
 
-// A listening socket on the event loop. A socket file whose process is dead is replaced; a live one is refused with a
-// std::runtime_error that says so. The file goes with the listener. Who is not admitted is disconnected at once, and
-// reported on standard error, at most once a second. A connection for which `accept` throws std::bad_alloc or
+// A listening socket on the event loop. A socket file whose process is dead is replaced; where it is alive, the
+// constructor throws std::runtime_error. The file goes with the listener. Who is not admitted is disconnected at once,
+// and reported on standard error, at most once a second. A connection for which `accept` throws std::bad_alloc or
 // std::system_error is closed.
 class LocalListener final : public EventLoop::Watcher {
  public:

@@ -1,8 +1,8 @@
 // One peer's byte stream on the event loop, with bounded buffers on both sides.
 //
 // A stream never blocks: what the peer does not take waits here, and a peer that lets more than the bound pile up is
-// dropped; so is one for which there is no memory. A Reader sees the bytes received so far and says how many of them it
-// has used up; a peer that fills the input buffer without forming anything usable is dropped too.
+// dropped; so is one for which there is no memory. A Reader gets the bytes received so far and returns how many of them
+// it has used up; a peer that fills the input buffer without forming anything usable is dropped too.
 #pragma once
 
 #include <sys/types.h>

@@ -55,7 +55,7 @@ void PeripheralManager::on_request(VoterSession& session, const power::Request& 
   advance_later();
 }
 
-// A voter that comes in the middle of a way is told of the steps that follow.
+// A voter that registers while the modem powers up or down is notified of the steps that follow.
 int PeripheralManager::enrol(VoterSession& session, const power::Register& names) {
   if (!session.name.empty()) return PM_RET_FAILED;
   if (names.device != device_) return PM_RET_UNSUPPORTED;
@@ -111,10 +111,10 @@ void PeripheralManager::advance() {
   }
   const bool is_on = state_ == EVENT_PERIPH_IS_ONLINE;
   const bool is_wanted = votes() > 0;
-  if (is_on != is_wanted) tell(is_wanted ? EVENT_PERIPH_GOING_ONLINE : EVENT_PERIPH_GOING_OFFLINE);
+  if (is_on != is_wanted) notify_voters(is_wanted ? EVENT_PERIPH_GOING_ONLINE : EVENT_PERIPH_GOING_OFFLINE);
 }
 
-void PeripheralManager::tell(pm_event event) {
+void PeripheralManager::notify_voters(pm_event event) {
   state_ = event;
   is_telling_ = true;
   for (const auto& [number, session] : sessions_) {
@@ -137,7 +137,7 @@ void PeripheralManager::switch_power(bool on) {
   is_switching_ = true;
   loop_.after(switch_power_(on), [this, on] {
     is_switching_ = false;
-    tell(on ? EVENT_PERIPH_IS_ONLINE : EVENT_PERIPH_IS_OFFLINE);
+    notify_voters(on ? EVENT_PERIPH_IS_ONLINE : EVENT_PERIPH_IS_OFFLINE);
   });
 }
 

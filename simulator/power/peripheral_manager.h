@@ -1,9 +1,9 @@
 // The peripheral manager: counts the votes of all processes for the modem's power, and switches it.
 //
-// The modem has power while at least one voter votes. Every registered voter is told of each step: 2 and then 3 on the
-// way up, 0 and then 1 on the way down. The next step is taken when all that were told have acknowledged, or when the
-// time for that is over. A change that votes ask for in the middle of a way begins when that way is at its end. A voter
-// is a connection, and its vote goes with the connection or with its process, whichever ends first.
+// The modem has power while at least one voter votes. Every registered voter is notified of each step: 2 and then 3
+// when the modem powers up, 0 and then 1 when it powers down. The next step is taken when all notified voters have
+// acknowledged, or when the time for that is over. A change of the votes meanwhile takes effect after the last step. A
+// voter is a connection, and its vote ends with the connection or with its process, whichever ends first.
 #pragma once
 
 #include <chrono>
@@ -57,7 +57,7 @@ class PeripheralManager final : private VoterSession::Owner {
   bool is_waiting() const;
   void advance_later();
   void advance();
-  void tell(pm_event event);
+  void notify_voters(pm_event event);
   void give_up_waiting();
   void switch_power(bool on);
 

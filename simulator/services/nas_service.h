@@ -1,5 +1,5 @@
 // The NAS service (0x03): network access of two subscriptions. A client asks about the one that it has bound, or about
-// the first. What the subscriptions were told is forgotten when the service restarts.
+// the first. What the subscriptions have set is forgotten when the service restarts.
 #pragma once
 
 #include <array>

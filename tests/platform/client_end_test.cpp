@@ -126,7 +126,7 @@ TEST_F(ClientTest, ARestartWhileAnAbandonedIdIsGivenBackVoidsTheNewIdToo) {
   EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 3}}));
 }
 
-// Behind a proxy nothing else tells of a void client id.
+// Behind a proxy nothing else shows that a client id is void.
 class ErrorOfAVoidId : public ClientTest {
  protected:
   // An asynchronous request and a synchronous one are under way, and the latter is refused as if the id were void. The

@@ -11,7 +11,7 @@ namespace pelmar::cli {
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-// Null where it cannot be opened, as errno says. `mode` as for fopen().
+// Null where it cannot be opened; errno has the reason. `mode` as for fopen().
 File open_file(const std::string& path, const std::string& mode);
 
 // All of a file. Throws where it cannot be read.

@@ -8,7 +8,7 @@ namespace {
 
 using namespace pelmar::cli;
 
-// Whatever ended the command, as a failure that can be told.
+// Whatever ended the command, as a failure that can be reported.
 std::optional<Failure> run_command(const CommandLine& line, const Context& context) {
   try {
     line.run(context);
@@ -28,7 +28,7 @@ int run(const CommandLine& line) {
   const Failure time_up("the command", "it was not done in " + std::to_string(settings.seconds) + " s",
                         "Give it more time with --timeout SECONDS.");
   const auto conclude = [&](std::optional<Failure> failure, int end) -> int {
-    // A signal frees the clients under a command that waits, so what the command says after it is of no interest.
+    // A signal frees the clients under a command that waits, so an error that the command reports after it is dropped.
     if (end > 0) return 128 + end;
     if (end == Signals::kTimeUp) failure = time_up;
     if (!failure) return kExitSuccess;

@@ -29,7 +29,7 @@ std::string to_line(const Json& document) {
 }
 
 // A descriptor that the caller closed must not become a socket's, which what is printed would go into. Standard output
-// becomes one that cannot be written to, so that the loss is told.
+// becomes one that cannot be written to, so that the loss is reported.
 void fill_standard_descriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) >= 0) continue;
@@ -52,7 +52,7 @@ constexpr int kReaderPatienceMs = 100;
 
 std::atomic<bool> waits_for_readers{true};
 
-// False where it cannot, as errno says. It never waits for a reader inside write(), which nothing could end.
+// False where it cannot; errno has the reason. It never waits for a reader inside write(), which nothing could end.
 bool write_all(int fd, std::string_view text) {
   while (!text.empty()) {
     pollfd writable = {fd, POLLOUT, 0};

@@ -49,7 +49,7 @@ void Signals::block() {
   atexit(end_without_flush);
   const sigset_t set = all_signals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signal(SIGPIPE, SIG_IGN);  // told as a failed write
+  signal(SIGPIPE, SIG_IGN);  // the write returns an error instead
 }
 
 Signals::Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, Conclude conclude)

@@ -21,7 +21,7 @@ class FrameworkThread {
   FrameworkThread(const FrameworkThread&) = delete;
   FrameworkThread& operator=(const FrameworkThread&) = delete;
 
-  // `body` keeps alive whatever it needs; it ends by itself once it was told to.
+  // `body` keeps alive whatever it needs; it ends by itself once it is stopped.
   void start(std::function<void()> body);
 
   bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }

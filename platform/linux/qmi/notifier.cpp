@@ -63,12 +63,13 @@ void Notifier::run() {
     const Presence presence = watch_->look();
     lock.lock();
     rest = presence.went_meanwhile ? std::clamp(2 * rest, kFirstRest, kInterval) : Deadline::Milliseconds(0);
-    if (presence.went_meanwhile && is_there_) tell(lock, false);
-    if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0)) tell(lock, presence.is_there);
+    if (presence.went_meanwhile && is_there_) notify(lock, false);
+    if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0))
+      notify(lock, presence.is_there);
   }
 }
 
-void Notifier::tell(Lock& lock, bool is_there) {
+void Notifier::notify(Lock& lock, bool is_there) {
   if (is_stopping_) return;
   is_there_ = is_there;
   const auto function = function_;

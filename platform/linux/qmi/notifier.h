@@ -26,7 +26,7 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
   using Lock = std::unique_lock<std::mutex>;
 
   void run();
-  void tell(Lock& lock, bool is_there);
+  void notify(Lock& lock, bool is_there);
   void wait_for_news(Deadline::Milliseconds rest);
 
   const qmi_idl_service_object_type service_;
@@ -37,7 +37,7 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
   std::mutex mutex_;  // not held during a look or a callback
   bool is_stopping_ = false;
   bool is_registered_ = false;
-  bool is_there_ = false;  // as the callback was told last
+  bool is_there_ = false;  // as the callback was called last
   qmi_client_notify_cb function_ = nullptr;
   void* data_ = nullptr;
 

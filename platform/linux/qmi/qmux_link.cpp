@@ -86,7 +86,7 @@ QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, 
   if (value.size() < 2 || value[0] != service) return Answer::kFailure;
   if (value[1] == kNoClient || value[1] == kAllClients) return Answer::kFailure;
   client = value[1];
-  if (take_restart()) {  // whether the id is one of the restarted modem cannot be told
+  if (take_restart()) {  // the id may be one of the restarted modem, or not
     send_release_client_id(service, client);
     return Answer::kNoAnswer;
   }

@@ -17,7 +17,7 @@ namespace pelmar::cli {
 
 namespace {
 
-// What is told, for scripts and for people.
+// What is printed, for scripts and for people.
 struct Report {
   Json document;
   std::string text;

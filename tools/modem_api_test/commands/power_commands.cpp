@@ -61,7 +61,7 @@ Failure lost_manager(const std::string& step) {
   return {step, "the peripheral manager is gone, and this registration with it", "Repeat the command when it is back."};
 }
 
-void tell(const Context& context, pm_event state, WallClock::time_point time = WallClock::now()) {
+void report(const Context& context, pm_event state, WallClock::time_point time = WallClock::now()) {
   const Json document = {{"time", utc_text(time)}, {"power", state_text(state)}, {"event", static_cast<int>(state)}};
   context.output.print(document, local_text(time) + "  modem " + state_text(state));
 }
@@ -92,11 +92,11 @@ class Registration {
 
 // Prints the power's changes while the vote stands.
 void hold(const Context& context, const std::string& socket, std::optional<Clock::time_point> deadline) {
-  std::optional<pm_event> told;
+  std::optional<pm_event> reported;
   do {
     const pm_event state = ask_manager(socket, "holding the vote").state;
-    if (state != told) tell(context, state);
-    told = state;
+    if (state != reported) report(context, state);
+    reported = state;
     // A repeated vote changes nothing, and fails where the manager that has it is gone.
     if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("holding the vote");
   } while ((!deadline || Clock::now() < *deadline) && context.inbox.pause_until(Clock::now() + kInterval));
@@ -202,7 +202,7 @@ class Watcher {
       const auto next_look = Clock::now() + kInterval;
       const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look);
       if (arrival) {
-        tell(context, static_cast<pm_event>(arrival->number), arrival->time);
+        report(context, static_cast<pm_event>(arrival->number), arrival->time);
         ++seen;
         continue;
       }
@@ -232,7 +232,7 @@ void watch(const Context& context, const WatchValues& values) {
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);
   const Watcher watcher(values.device, socket);
-  tell(context, watcher.state());
+  report(context, watcher.state());
   watcher.follow(context, values.count, deadline_after(values.seconds));
 }
 

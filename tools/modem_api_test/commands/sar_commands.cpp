@@ -31,7 +31,7 @@ class Holder {
     check(modem_api_set_sar_rf_state(client_, state_), "setting SAR RF state " + std::to_string(state_), {kBadState});
   }
 
-  void tell(WallClock::time_point time, const char* what, const std::string& text) const {
+  void report(WallClock::time_point time, const char* what, const std::string& text) const {
     context_.output.print({{"time", utc_text(time)}, {"sar", what}, {"state", state_}}, local_text(time) + "  " + text);
   }
 
@@ -42,9 +42,9 @@ class Holder {
       const bool comes_up = arrival->number == MODEM_API_NOTICE_SERVICE_UP;
       if (comes_up == is_up) continue;  // also the notice of the first connection
       is_up = comes_up;
-      tell(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
+      report(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
       if (is_up) set();
-      if (is_up) tell(WallClock::now(), "set", "SAR RF state " + std::to_string(state_) + " set again");
+      if (is_up) report(WallClock::now(), "set", "SAR RF state " + std::to_string(state_) + " set again");
     }
     if (!is_up) throw Failure::of_result("holding the SAR RF state", MODEM_API_ERR_INVALID_CLIENT);
   }
@@ -60,7 +60,7 @@ void set_state(const Context& context, const SarValues& values) {
   holder.set();
   const std::string text = "SAR RF state " + std::to_string(values.state) + " set";
   if (values.hold_seconds == 0) return context.output.print({{"state", values.state}}, text);
-  holder.tell(WallClock::now(), "set", text);
+  holder.report(WallClock::now(), "set", text);
   holder.hold(Clock::now() + std::chrono::seconds(values.hold_seconds));
 }
 

@@ -68,22 +68,22 @@ void LiveWatch::miss(const std::string& problem) {
 
 // --- log ---
 
-void LogWatch::tell(const std::string& text) const {
+void LogWatch::print(const std::string& text) const {
   output_.print(Json(), text);
 }
 
 void LogWatch::take(const Reading& reading) {
-  if (!std::exchange(has_heading_, true)) tell(kReadingLineHeading);
-  if (std::exchange(is_lost_, false)) tell(local_text(reading.time) + "  " + kBackText);
+  if (!std::exchange(has_heading_, true)) print(kReadingLineHeading);
+  if (std::exchange(is_lost_, false)) print(local_text(reading.time) + "  " + kBackText);
   const auto now = Clock::now();
-  if (!every_reading_ && told_ && now - *told_ < kLogPeriod) return;
-  told_ = now;
-  tell(reading_line(reading));
+  if (!every_reading_ && printed_ && now - *printed_ < kLogPeriod) return;
+  printed_ = now;
+  print(reading_line(reading));
 }
 
 void LogWatch::miss(const std::string& problem) {
   if (std::exchange(is_lost_, true)) return;
-  tell(local_text(WallClock::now()) + "  " + away_text(problem));
+  print(local_text(WallClock::now()) + "  " + away_text(problem));
 }
 
 // --- JSON ---

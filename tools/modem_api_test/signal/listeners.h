@@ -54,13 +54,13 @@ class LogWatch : public SignalListener {
   void miss(const std::string& problem) override;
 
  private:
-  void tell(const std::string& text) const;
+  void print(const std::string& text) const;
 
   Output& output_;
   const bool every_reading_;
   bool is_lost_ = false;
   bool has_heading_ = false;
-  std::optional<Clock::time_point> told_;
+  std::optional<Clock::time_point> printed_;
 };
 
 // A JSON document a reading.
