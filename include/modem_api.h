@@ -25,8 +25,8 @@
  * A modem that goes away: SAR and NAS clients get a service-down notice, come back by themselves and get a service-up
  * notice. A vendor-specific client gets no notice and does not come back. Its program notices by a SAR or NAS client's
  * service-down notice, or by a reading of statistics that worked before: modem_api_get_stats_parameter() then returns
- * MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Other commands are no such test: on the phone they
- * return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To recover, free every
+ * MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Most other commands are no such test: on the phone
+ * they return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To recover, free every
  * client of the process, call modem_api_init(), and open them again until that succeeds.
  *
  * Lines of the library go to the system log and to standard output. A program that writes to standard output itself

@@ -10,8 +10,9 @@
  * process (modem_api_release(), modem_api_init()): every other client of the process is dropped. A process that has
  * clients of its own opens hydra first.
  *
- * Hydra's client gets no notice when the modem goes away. Readings then return 0, until modem_hydra_api_init() has
- * opened hydra again; the process frees its own clients before that and opens them afterwards.
+ * Hydra's client gets no notice when the modem goes away. Readings then fail (0, MODEM_SYS_MODE_UNKNOWN or
+ * MODEM_TX_POWER_NONE), until modem_hydra_api_init() has opened hydra again; the process frees its own clients before
+ * that and opens them afterwards.
  *
  * Threads: readings may be called from any thread; they take turns, each for up to the 30 s of one command, and the one
  * that opens hydra for the seconds of the connection as well. Everything else is called by one thread at a time.
@@ -68,8 +69,8 @@ PELMAR_EXPORT uint8_t modem_hydra_stats_stop(void);
 PELMAR_EXPORT uint8_t modem_hydra_stats_client_is_inited(void);
 
 /* Gives a held id back, subscribes to events 3 and 4, switches reporting on and keeps the id that the modem grants.
- * Returns 1 always. modem_hydra_stats_client_is_inited() returns whether an id was ever granted:
- * an earlier id stays where a new one is refused. */
+ * Returns 1 always. modem_hydra_stats_client_is_inited() returns whether an id was ever granted: an earlier id stays
+ * where a new one is refused. */
 PELMAR_EXPORT uint8_t modem_hydra_stats_id_alloc(void);
 
 /* Unsubscribes and gives the id back to the modem. */

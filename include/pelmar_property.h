@@ -1,8 +1,8 @@
-/* System properties, and what they say about this device: its build, region, name and subscriptions.
+/* System properties, and what they state about this device: its build, region, name and subscriptions.
  *
- * What identifies the device is read once per process and kept, except the values whose declaration
- * states that each call reads them. Names are cut after 255 characters. Every operation may be called from any thread.
- * Strings that are returned belong to the library and are never freed.
+ * What identifies the device is read once per process and kept, except the values whose declaration states that each
+ * call reads them. Names are cut after 255 characters. Every operation may be called from any thread. Strings that are
+ * returned belong to the library and are never freed.
  */
 #ifndef PELMAR_PROPERTY_H
 #define PELMAR_PROPERTY_H

@@ -2,7 +2,7 @@
  *
  * All are reentrant and keep no state. Refusals (a null pointer, a length out of range) are logged as errors; each
  * operation names what it then returns. Strings are terminated and are neither kept nor freed. A destination must not
- * overlap a source except where that is said.
+ * overlap a source except where its declaration permits it.
  */
 #ifndef PELMAR_STRING_H
 #define PELMAR_STRING_H

@@ -2,7 +2,7 @@
 //
 // A service is written as rows: a message with its TLVs, each naming the member of the decoded structure that holds it.
 // Kinds, capacities and distances come from the structure itself, the encoded bytes (qmi_idl_lib_internal.h) and the
-// largest size on the wire from the rows. Nobody writes flag bytes by hand.
+// largest size on the wire from the rows. No flag byte is written by hand.
 #pragma once
 
 #include <array>
@@ -15,7 +15,7 @@
 
 namespace pelmar::qmi_idl {
 
-// One element: where it lives in the structure and how it is told to the codec.
+// One element: where it lives in the structure and how it is described to the codec.
 struct Element {
   uint8_t kind = 0;
   uint16_t offset = 0;
@@ -288,7 +288,7 @@ constexpr size_t largest(const Messages& messages) {
 
 // --- a whole service ---
 
-// A row whose size on the wire nobody states: it is what its TLVs give.
+// A row without a stated size on the wire: the size follows from its TLVs.
 constexpr Message sized(Message message) {
   message.wire_maximum = static_cast<uint16_t>(wire_maximum(message));
   return message;

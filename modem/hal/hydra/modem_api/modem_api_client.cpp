@@ -59,7 +59,7 @@ modem_api_result add_record(const Operation& operation, TracedPtr<modem_api_clie
     const PinnedClient other(slot);
     if (!other || other->type != record->type) continue;
     record.reset();
-    return refuse_second_client(operation, static_cast<modem_api_client_type>(other->type), other->status.load());
+    return refuse_second_client(operation, other->type, other->status.load());
   }
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];

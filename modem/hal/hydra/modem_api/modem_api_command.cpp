@@ -97,19 +97,17 @@ void deliver_response(uint32_t msg_id, const void* response, uint32_t response_l
 }  // namespace
 
 modem_api_result Command::refuse(modem_api_result error, int line) {
-  PELMAR_LOG_ERROR_AT(log::place_of(here().function, here().file, line), "Unexpected condition, return error %d!",
-                      error);
+  PELMAR_LOG_ERROR_AT(here_at(line), "Unexpected condition, return error %d!", error);
   return exit(error, line);
 }
 
 modem_api_result Command::refuse_null(modem_api_result error, int line) {
-  PELMAR_LOG_ERROR_AT(log::place_of(here().function, here().file, line), "Unexpected NULL pointer, return error %d!",
-                      error);
+  PELMAR_LOG_ERROR_AT(here_at(line), "Unexpected NULL pointer, return error %d!", error);
   return exit(error, line);
 }
 
 modem_api_result Command::log_result(modem_api_result result, int line) const {
-  PELMAR_LOG_DEBUG_AT(log::place_of(here().function, here().file, line), "result %d", result);
+  PELMAR_LOG_DEBUG_AT(here_at(line), "result %d", result);
   return result;
 }
 
@@ -163,8 +161,8 @@ modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t
 void modem_api_process_response(uint32_t msg_id, void* response, uint32_t response_length, void* callback_record,
                                 int32_t transport_code) {
   Operation operation(PELMAR_HERE);
-  const TracedPtr<void> owned_response(response);
   const TracedPtr<CallbackRecord> record(static_cast<CallbackRecord*>(callback_record));
+  const TracedPtr<void> owned_response(response);
   if (record == nullptr || record->callback == nullptr) return;
   deliver_response(msg_id, response, response_length, *record, transport_code);
 }

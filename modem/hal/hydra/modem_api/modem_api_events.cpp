@@ -87,7 +87,7 @@ modem_api_result modem_api_util_enable_networking_indications(int32_t client_id,
   const ServiceSender client = nas_client_of(sub);
   if (!is_ready(client_id, client.type)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
   nas::RegisterIndicationsRequest request = nas::serving_system_registration();
-  Zeroed<vs::PlainResponse> response;
+  Zeroed<nas::PlainResponse> response;
   const int32_t code =
       client.send(QMI_NAS_REGISTER_INDICATIONS_V01, &request, sizeof(request), &response, sizeof(response));
   const modem_api_result result = modem_api_map_qmi_error_to_modem_api(code, &response.header);

@@ -1,7 +1,7 @@
 // NV items, EFS items and files, RF NV items: one exchange a call.
 //
 // Each call fills in the item that it addresses; read_item(), write_item() and send() do what is common. Checks run in
-// the order client, pointers, length.
+// the order client, pointers, length; a path is read only after the client check.
 #include <algorithm>
 
 #include "modem_api_command.h"
@@ -131,6 +131,7 @@ modem_api_result modem_api_delete_efs(int32_t client_id, uint32_t item, uint16_t
 modem_api_result modem_api_read_efs_path(int32_t client_id, const char* path, uint16_t qualifier, uint8_t index,
                                          uint8_t* data, uint32_t* length) {
   Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
   Zeroed<vs::EfsPathRequest> request;
   address_efs_path(request, path, qualifier, index);
   return read_item(command, client_id, vs::kReadEfsPath, request, data, length);
@@ -139,6 +140,7 @@ modem_api_result modem_api_read_efs_path(int32_t client_id, const char* path, ui
 modem_api_result modem_api_write_efs_path(int32_t client_id, const char* path, uint16_t qualifier, uint8_t index,
                                           const uint8_t* data, uint32_t length) {
   Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
   Zeroed<vs::WriteEfsPathRequest> request;
   address_efs_path(request, path, qualifier, index);
   return write_item(command, client_id, vs::kWriteEfsPath, request, data, length);
@@ -146,6 +148,7 @@ modem_api_result modem_api_write_efs_path(int32_t client_id, const char* path, u
 
 modem_api_result modem_api_delete_efs_path(int32_t client_id, const char* path, uint16_t qualifier, uint8_t index) {
   Command command(PELMAR_HERE);
+  if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
   Zeroed<vs::EfsPathRequest> request;
   address_efs_path(request, path, qualifier, index);
   return send(command, client_id, vs::kDeleteEfsPath, request);

@@ -26,9 +26,9 @@ template <typename Request>
 modem_api_result send_control(Command& command, int32_t client_id, const ServiceSender& client, uint32_t msg_id,
                               Request& request) {
   if (!is_ready(client_id, client.type)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
-  Zeroed<vs::PlainResponse> response;
+  qmi_response_type_v01 response{};
   const int32_t code = client.send(msg_id, &request, sizeof(request), &response, sizeof(response));
-  return command.exit(command.log_result(modem_api_map_qmi_error_to_modem_api(code, &response.header)));
+  return command.exit(command.log_result(modem_api_map_qmi_error_to_modem_api(code, &response)));
 }
 
 }  // namespace

@@ -20,8 +20,8 @@
 
 namespace pelmar {
 
-// One open client. The library itself never reads `pid`: it is there for readers of a memory dump, and
-// for such a reader every field has its place, which is asserted.
+// One open client. The library itself never reads `pid`: it is there for readers of a memory dump, and for such a
+// reader every field has its place, which is asserted.
 struct modem_api_client {
   modem_api_client_type type;
   int32_t pid;  // of the opener
@@ -39,7 +39,7 @@ class ClientSlot {
   bool is_empty() const { return get() == nullptr; }
   void put(TracedPtr<modem_api_client> record) { record_.store(record.release(), std::memory_order_seq_cst); }
 
-  // The record, for the caller to free; null for an empty slot, or when somebody is freeing it. With the table lock.
+  // The record, for the caller to free; null for an empty slot, or when a thread is freeing it. With the table lock.
   modem_api_client* claim();
   // Frees a claimed record, unless the slot was emptied meanwhile: an abandoned record stays. With the table lock.
   void remove(modem_api_client* claimed);

@@ -198,14 +198,14 @@ uint8_t modem_hydra_stats_is_started() {
 
 uint8_t modem_hydra_stats_start() {
   Operation operation(PELMAR_HERE);
-  const bool open = is_open(PELMAR_HERE);
-  return operation.exit(open ? modem_hydra_set_feature_status(1, 1, 1) : uint8_t{0});
+  if (!is_open(PELMAR_HERE)) return operation.exit(uint8_t{0});
+  return operation.exit(modem_hydra_set_feature_status(1, 1, 1));
 }
 
 uint8_t modem_hydra_stats_stop() {
   Operation operation(PELMAR_HERE);
-  const bool open = is_open(PELMAR_HERE);
-  return operation.exit(open ? modem_hydra_set_feature_status(0, 0, 0) : uint8_t{0});
+  if (!is_open(PELMAR_HERE)) return operation.exit(uint8_t{0});
+  return operation.exit(modem_hydra_set_feature_status(0, 0, 0));
 }
 
 uint8_t modem_hydra_stats_client_is_inited() {

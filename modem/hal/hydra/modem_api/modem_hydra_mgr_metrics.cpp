@@ -88,7 +88,7 @@ using namespace pelmar;
 // Decoders with a statistics identifier of their own.
 #define PELMAR_DECODER(Record, id)                                      \
   uint8_t Record##_get(uint32_t sub, Record* record) {                  \
-    return decode(PELMAR_HERE, Identifier::kFixed, sub, id, record);       \
+    return decode(PELMAR_HERE, Identifier::kFixed, sub, id, record);    \
   }
 PELMAR_DECODER(modem_hydra_nr5g_ll1_fw_rx_control_agc,        0x5e)
 PELMAR_DECODER(modem_hydra_nr5g_ll1_fw_serving_ftl,           0x70)

@@ -81,10 +81,10 @@ bool make_attempts(const ServiceClient& client, const log::Place& here) {
   }
   // A notifier that an earlier release dropped may have connected the client, unasked.
   const qmi_client_type unasked = exchange(*client.context.client_handle, handle);
-  if (unasked != nullptr) release_handle(client.state, unasked);
   if (client.before_error_callback != nullptr) client.before_error_callback();
   qmi_client_register_error_cb(handle, client.entry.service_down, nullptr);
   store(*client.context.connected, uint8_t{1});
+  if (unasked != nullptr) release_handle(client.state, unasked);  // last: another worker may release `handle` meanwhile
   return true;
 }
 

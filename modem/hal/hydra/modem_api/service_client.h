@@ -58,8 +58,8 @@ struct EntryPoints {
   void* (*resume_thread)(void*);
 };
 
-// Names of a client's log lines that no exported function has, with the client's source. A place without a function:
-// the client has no such step.
+// Where the log lines of a client's steps come from: the step's name, in the client's source. A place without a
+// function: the client has no such step.
 struct Places {
   log::Place master_port;
   log::Place init_handles;  // none: the attempts are a part of init

@@ -54,8 +54,9 @@ void handle_indication(const ServiceClient& client, const log::Place& here, qmi_
     PELMAR_LOG_ERROR_AT(here, "%s", rules.no_memory);
     return;
   }
-  // Not with the stored handle, which may be another one by now, or not be stored yet.
-  const int code = qmi_client_message_decode(handle, QMI_IDL_INDICATION, msg_id, buffer, length, decoded.get(), size);
+  const qmi_client_type stored = load(*client.context.client_handle);  // null until the attempts have ended
+  const int code = qmi_client_message_decode(stored != nullptr ? stored : handle, QMI_IDL_INDICATION, msg_id, buffer,
+                                             length, decoded.get(), size);
   if (code != QMI_NO_ERR) {
     PELMAR_LOG_ERROR_AT(here, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
     return;

@@ -1,7 +1,7 @@
 // Log sites: how every source of the library writes a line.
 //
 //     PELMAR_LOG_ERROR("payload is %u bytes, limit %u", length, kLimit);
-//     PELMAR_LOG_DEBUG_AS(client.name, "using port %d", port);   // under another function's name
+//     PELMAR_LOG_DEBUG_AS("get_master_port", "port %d", port);   // under another function's name
 //     PELMAR_LOG_DEBUG_IN(operation, "result %d", result);       // in a helper of an exported operation
 //
 // An exported operation logs its entry and its exit through an Operation:
@@ -116,12 +116,13 @@ class Operation {
   Operation& operator=(const Operation&) = delete;
 
   const Place& here() const { return here_; }
+  Place here_at(int line) const { return {here_.function, here_.file, line}; }
 
   template <typename Result>
   Result exit(Result result, int line = __builtin_LINE()) {
     has_exited_ = true;
     if (may_pass(kDebug)) [[unlikely]]
-      write_exit_result({here_.function, here_.file, line}, static_cast<int>(result));
+      write_exit_result(here_at(line), static_cast<int>(result));
     return result;
   }
 

@@ -1,4 +1,5 @@
-// The two requests that a NAS connection sends for itself.
+// What the two NAS connections share: the description of the service, and the two requests that a connection sends
+// for itself.
 #pragma once
 
 #include <cstdint>

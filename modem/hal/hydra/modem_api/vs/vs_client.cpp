@@ -13,18 +13,18 @@
 
 vs_client_context vs_client_info;
 
+namespace pelmar {
 namespace {
 
 qmi_idl_service_object_type get_service_object() {
-  using namespace pelmar::vs;
-  return vs_get_service_object_internal_v01(kIdlMajorVersion, kIdlMinorVersion, kIdlLibraryVersion);
+  return vs_get_service_object_internal_v01(vs::kIdlMajorVersion, vs::kIdlMinorVersion, vs::kIdlLibraryVersion);
 }
 
-constinit pelmar::ServiceClientState g_vs_client_state;
+constinit ServiceClientState g_state;
 
-constexpr pelmar::ServiceClient kVsClient = {
+constexpr ServiceClient kClient = {
     .type = MODEM_API_CLIENT_VS,
-    .context = pelmar::fields_of(vs_client_info),
+    .context = fields_of(vs_client_info),
     .entry = {.command = vs_client_command_cb,
               .indication = vs_client_unsol_ind_cb,
               .service_down = vs_client_service_down_event,
@@ -39,15 +39,16 @@ constexpr pelmar::ServiceClient kVsClient = {
     .indications = {.no_event_callback = "The hydra is not inited, do nothing",
                     .no_memory = "decoded_payload is NULL",
                     .needs_size = true,
-                    .deliver = pelmar::vs::deliver_event},
+                    .deliver = vs::deliver_event},
     .logs_first_try = true,
     .service_object = get_service_object,
     .after_attempt = nullptr,
     .before_error_callback = nullptr,
-    .state = g_vs_client_state,
+    .state = g_state,
 };
 
 }  // namespace
+}  // namespace pelmar
 
 using namespace pelmar;
 
@@ -61,36 +62,35 @@ qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_majo
 
 qmi_idl_service_object_type vs_init() {
   Operation operation(PELMAR_HERE);
-  prepare(kVsClient);
+  prepare(kClient);
   return load(vs_client_info.service_object);
 }
 
 void vs_client_set_operational_status_callback(modem_api_operational_status_fn callback) {
   Operation operation(PELMAR_HERE);
-  set_status_callback(kVsClient, callback);
+  set_status_callback(kClient, callback);
 }
 
 bool vs_client_init(modem_api_event_cb event_cb) {
-  return open(kVsClient, PELMAR_HERE, event_cb);
+  return open(kClient, PELMAR_HERE, event_cb);
 }
 
 bool vs_client_release() {
   Operation operation(PELMAR_HERE);
-  release(kVsClient);
+  release(kClient);
   return operation.exit(true);
 }
 
 int32_t vs_client_send_msg_sync(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                                 uint32_t response_length) {
   Operation operation(PELMAR_HERE);
-  return operation.exit(send_sync(kVsClient, msg_id, request, request_length, response, response_length));
+  return operation.exit(send_sync(kClient, msg_id, request, request_length, response, response_length));
 }
 
 int32_t vs_client_send_msg_async(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                                  uint32_t response_length, void* callback_data) {
   Operation operation(PELMAR_HERE);
-  return operation.exit(
-      send_async(kVsClient, msg_id, request, request_length, response, response_length, callback_data));
+  return operation.exit(send_async(kClient, msg_id, request, request_length, response, response_length, callback_data));
 }
 
 void vs_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* response, unsigned int response_length,
@@ -101,10 +101,10 @@ void vs_client_command_cb(qmi_client_type handle, unsigned int msg_id, void* res
 
 void vs_client_unsol_ind_cb(qmi_client_type handle, unsigned int msg_id, void* buffer, unsigned int length, void*) {
   Operation operation(PELMAR_HERE);
-  handle_indication(kVsClient, operation.here(), handle, msg_id, buffer, length);
+  handle_indication(kClient, operation.here(), handle, msg_id, buffer, length);
 }
 
 void vs_client_service_down_event(qmi_client_type handle, qmi_client_error_type error, void*) {
   Operation operation(PELMAR_HERE);
-  handle_service_down(kVsClient, operation.here(), handle, error);
+  handle_service_down(kClient, operation.here(), handle, error);
 }
