@@ -1,9 +1,9 @@
 /* The peripheral manager's client: votes that keep a peripheral (the modem) powered.
  *
- * The manager powers a peripheral while at least one voter is connected. On the way up it tells every registered voter
- * 2 then 3, on the way down 0 then 1, and waits for each voter's acknowledgement, up to a time-out, before the next
- * step. A voter that dies takes its vote with it. A child of fork() has none of its parent's voters on Linux: every use
- * returns PM_RET_FAILED, and the parent's votes stay. */
+ * The manager powers a peripheral while at least one voter is connected. It notifies every registered voter of each
+ * step: 2 then 3 when it powers up, 0 then 1 when it powers down. It waits for each voter's acknowledgement, up to a
+ * time-out, before the next step. A voter that dies takes its vote with it. A child of fork() has none of its parent's
+ * voters on Linux: every use returns PM_RET_FAILED, and the parent's votes stay. */
 #ifndef PM_SERVICE_H
 #define PM_SERVICE_H
 

@@ -5,8 +5,8 @@
  *
  * When a service goes away, every send that waits on the handle ends with QMI_SERVICE_ERR, the error callback is called
  * once with that code, and later sends return it. On Linux a service has gone away, too, where what comes from the
- * modem cannot be parsed, where a request times out in the middle of a message that does not go on, and where the modem
- * reports that the handle's client id is void.
+ * modem cannot be parsed, where a request times out in the middle of a message that has not come whole for 100 ms, and
+ * where the modem reports that the handle's client id is void.
  *
  * A child of fork() has none of its parent's handles on Linux: every use returns QMI_CLIENT_INVALID_CLNT and does the
  * parent no harm. It may open handles of its own.

@@ -1,10 +1,13 @@
 // How client handles end: the service goes away, the handle is released, the process ends.
 #include <gtest/gtest.h>
+
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <vector>
@@ -149,6 +152,10 @@ class ErrorOfAVoidId : public ClientTest {
     return question;
   }
 
+  static void on_notice(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event, void* data) {
+    static_cast<ErrorOfAVoidId*>(data)->note("notice " + std::to_string(event));
+  }
+
   qmi_client_type handle_ = nullptr;
   ScriptedRequest async_;
   std::future<int> sender_;
@@ -156,9 +163,17 @@ class ErrorOfAVoidId : public ClientTest {
 };
 
 TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
-  modem_.respond(be_asked(true), ScriptedModem::refusal(7));
+  const ScriptedRequest question = be_asked(true);
+  qmi_client_type notifier = nullptr;
+  ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &notifier), QMI_NO_ERR);
+  EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_notice, this), QMI_NO_ERR);
+  EXPECT_EQ(events(1), (Events{"notice 0"}));
+  modem_.respond(question, ScriptedModem::refusal(7));
   EXPECT_EQ(sender_.get(), QMI_SERVICE_ERR);
-  EXPECT_EQ(events(2), (Events{"response 137 -2", "error -2"}));
+  Events seen = events(5);
+  std::sort(seen.begin(), seen.end());  // the handles' threads run side by side
+  EXPECT_EQ(seen, (Events{"error -2", "notice 0", "notice 0", "notice 1", "response 137 -2"}));
+  EXPECT_EQ(qmi_client_release(notifier), QMI_NO_ERR);
   EXPECT_FALSE(modem_.is_connected(0));
   EXPECT_EQ(modem_.client_ids().size(), 1u);
 }

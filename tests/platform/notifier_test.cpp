@@ -1,4 +1,4 @@
-// Notifier handles: told of a service that comes and goes.
+// Notifier handles: they report a service that comes and goes.
 #include <gtest/gtest.h>
 
 #include "client_fixture.h"
@@ -48,7 +48,7 @@ TEST_F(NotifierTest, TellsAtRegistrationAndOfEveryChange) {
   modem_.announce_restart(1);
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}));
   modem_.revoke(1, kNasId, 9);
-  EXPECT_EQ(events(7).size(), 7u) << "went and came since the last look";
+  EXPECT_EQ(events(7), (Events{"event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
 }
 
@@ -75,19 +75,22 @@ TEST_F(NotifierTest, ReleasedDuringItsRegistrationItLooksNoMore) {
 TEST_F(NotifierTest, AnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
   constexpr int kLosses = 4;
   const auto begin = Clock::now();
+  bool has_lasted = false;  // on a slow machine: the wait is short again then
   for (int loss = 0; loss < kLosses; ++loss) {
+    const auto connected = Clock::now();
     const qmi_client_type client = connect();
     qmi_client_register_error_cb(client, on_error, this);
     modem_.revoke(1 + 2 * loss, kNasId, modem_.client_ids().begin()->second);
     modem_.void_client_ids();
     EXPECT_EQ(events_up_to("error -2").back(), "error -2");
+    has_lasted |= Clock::now() - connected >= milliseconds(100);
     qmi_client_release(client);
     const qmi_client_type handle = create();
     EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
     EXPECT_EQ(events_up_to("event 0").back(), "event 0");
     qmi_client_release(handle);
   }
-  EXPECT_GE(Clock::now() - begin, milliseconds(10 + 20 + 40 + 80));
+  EXPECT_TRUE(has_lasted || Clock::now() - begin >= milliseconds(10 + 20 + 40 + 80));
 
   connect_for_long();
   const size_t count = events(0).size();

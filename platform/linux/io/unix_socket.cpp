@@ -32,7 +32,7 @@ int connect_in_time(int fd, const UnixAddress& address, std::chrono::millisecond
     if (errno != EINTR && errno != EAGAIN) return errno;
     if (Clock::now() >= end) return ETIMEDOUT;
   }
-  set_send_timeout(fd, {});  // later sends wait as they like
+  set_send_timeout(fd, {});  // later sends have no time-out
   return 0;
 }
 

@@ -40,8 +40,8 @@ ucred peer_of(int fd);
 // Whether the peer is of this user or root.
 bool is_trusted(const ucred& peer);
 
-// What to say of a listener that closed this connection before it sent anything. Empty unless the listener may have
-// refused this user: the name is abstract, the listener another user's, and this user is not root.
+// The problem with a listener that closed this connection before it sent anything, for a log. Empty unless the listener
+// may have refused this user: the name is abstract, the listener another user's, and this user is not root.
 std::string describe_refusal(int fd, const std::string& name);
 
 }  // namespace pelmar

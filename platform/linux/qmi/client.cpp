@@ -150,7 +150,8 @@ int32_t Client::register_error_callback(qmi_client_error_cb function, void* data
     if (!is_gone_) return QMI_NO_ERR;
     is_error_due_ = false;
   }
-  if (function != nullptr) caller_callbacks_.run([&] { function(handle_, QMI_SERVICE_ERR, data); });
+  const auto call = [&] { function(handle_, QMI_SERVICE_ERR, data); };
+  if (function != nullptr && !caller_callbacks_.run(call)) return QMI_CLIENT_INVALID_CLNT;
   return QMI_SERVICE_ERR;
 }
 

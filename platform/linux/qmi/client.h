@@ -18,7 +18,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <variant>
 #include <vector>
 
@@ -169,8 +168,6 @@ class Client : public std::enable_shared_from_this<Client> {
   Waiter* reader_ = nullptr;  // null: the thread
   bool is_polled_ = false;    // the thread's poll of the connection is armed
   bool is_idle_ = false;      // the thread waits for something to do
-
-  std::optional<Deadline::Clock::time_point> partial_since_;  // of the message that was read last, where in part
 
   uint16_t last_transaction_ = 0;
   std::array<Slot, kSlots> slots_;

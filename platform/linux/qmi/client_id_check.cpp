@@ -7,7 +7,7 @@
 namespace pelmar::platform {
 namespace {
 
-// Which messages the service has: every service knows this question, or refuses it as an unknown one.
+// Returns which messages the service has. Every service supports it, or refuses it as an unknown message.
 constexpr uint16_t kGetSupportedMessages = 0x001E;
 
 // How long a response may be kept back.
@@ -16,7 +16,7 @@ constexpr Deadline::Milliseconds kPatience{500};
 // A modem that sends responses without end is not kept back any more.
 constexpr size_t kMostKept = 64;
 
-bool says_invalid_client_id(const Message& message) {
+bool has_invalid_client_id_error(const Message& message) {
   const Value result = find_tlv(kResultTlv, message.tlvs, message.length);
   return result.length == 4 && load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01 &&
          load_u16(result.bytes + 2) == QMI_ERR_INVALID_CLIENT_ID_V01;
@@ -26,9 +26,10 @@ bool says_invalid_client_id(const Message& message) {
 
 ClientIdCheck::Verdict ClientIdCheck::look(const Message& message) {
   if (message.kind != MessageKind::kResponse) return Verdict::kDeliver;
-  const bool is_refused = says_invalid_client_id(message);
+  const bool is_refused = has_invalid_client_id_error(message);
   if (message.id == kGetSupportedMessages && message.transaction == question_) {
     if (is_refused) return Verdict::kVoid;
+    question_.reset();  // the number may be that of a later request
     if (state_ == State::kAsked) settle();
     return Verdict::kKept;
   }

@@ -1,4 +1,4 @@
-// Tells a client id that the modem does not know any more from a message that is refused for a reason of its own.
+// Distinguishes a client id that the modem no longer has from a message that is refused for a reason of its own.
 //
 // A modem refuses every message on a void id with one error, and a proxy may keep to itself that ids became void. But
 // a service may use the same error of what a message names. So a response with that error is kept back while the modem

@@ -107,7 +107,7 @@ bool is_abandoned(const Owner& owner, const Owner& self) {
   return owner.pid_namespace == self.pid_namespace && start_of(owner.process).value_or(owner.start) != owner.start;
 }
 
-// Tells a file from its successor of the same name.
+// Differs between a file and its successor of the same name.
 std::string identity_of(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return "-";

@@ -13,8 +13,8 @@
 namespace pelmar::platform {
 namespace {
 
-// Between two parts of a message.
-constexpr Deadline::Milliseconds kLongestPause{100};
+// From a message's first part to its last.
+constexpr Deadline::Milliseconds kLongestMessage{100};
 
 }  // namespace
 
@@ -23,7 +23,6 @@ void Client::dispatch_arrivals() {
   for (;;) {
     switch (connection_->next(message)) {
       case Arrival::kNone:
-        partial_since_ = connection_->partial_since();
         ask_in_doubt();
         return;
       case Arrival::kServiceGone:
@@ -106,7 +105,8 @@ void Client::finish(Waiter& waiter, int32_t answer) {
 // A message whose stated length is wrong swallows all that follows it, so a request times out while one waits for its
 // rest. A message that is only slow to come is spared for a while: the next time-out finds it.
 void Client::end_stalled_stream() {
-  if (is_gone_ || !partial_since_ || Deadline::Clock::now() - *partial_since_ < kLongestPause) return;
+  const auto since = connection_->partial_since();
+  if (is_gone_ || !since || Deadline::Clock::now() - *since < kLongestMessage) return;
   abandon_connection();
 }
 

@@ -1,7 +1,5 @@
 // Sends of a client handle, and how a synchronous sender waits.
-#include <algorithm>
 #include <cstring>
-#include <memory>
 
 #include "client.h"
 #include "common_v01.h"

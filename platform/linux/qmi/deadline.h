@@ -16,7 +16,7 @@ class Deadline {
   static Deadline now() { return Deadline(Milliseconds(0)); }
 
   bool is_none() const { return is_none_; }
-  bool has_passed() const { return has_passed_at(Clock::now()); }
+  bool has_passed() const { return !is_none_ && has_passed_at(Clock::now()); }
   bool has_passed_at(Clock::time_point time) const { return !is_none_ && time >= at_; }
   Clock::time_point at() const { return at_; }
 

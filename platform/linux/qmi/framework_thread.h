@@ -53,7 +53,7 @@ class FrameworkThread {
 class CallerCallbacks {
  public:
   // False in a child of fork() that the callback made: the caller must return, and take no lock before.
-  bool run(const std::function<void()>& callback);
+  [[nodiscard]] bool run(const std::function<void()>& callback);
 
   // Waits until none runs on another thread than this.
   void wait_for_others();

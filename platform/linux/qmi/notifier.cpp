@@ -11,7 +11,7 @@
 namespace pelmar::platform {
 namespace {
 
-// How long a service may have come or gone before it is noticed, where nothing tells of it.
+// How long a service may have come or gone before it is noticed, where the transport does not report it.
 constexpr Deadline::Milliseconds kInterval{200};
 
 // The rest before the next look after one that found that the service, or the link to the modem, went meanwhile. It

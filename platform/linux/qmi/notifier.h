@@ -1,4 +1,4 @@
-// A notifier handle: tells when a service comes and goes.
+// A notifier handle: reports when a service comes and goes.
 //
 // The first look at the service is part of the registration, on the caller's thread; after it a thread of the handle
 // looks again and again, sooner when the transport has news. A service that does not stay is announced at its pace

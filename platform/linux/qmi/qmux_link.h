@@ -39,7 +39,7 @@ std::string modem_device();
 
 class QmuxLink {
  public:
-  // Connects to the proxy and has it open the modem's device. False where nobody answers, or answers with failure.
+  // Connects to the proxy and has it open the modem's device. False where no response comes, or one with a failure.
   bool open(const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }

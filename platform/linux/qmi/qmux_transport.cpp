@@ -32,7 +32,7 @@ ClientIdRecord record_of_modem() {
   return ClientIdRecord(modem_socket(), modem_device());
 }
 
-// How often the modem has revoked a client id of the service, so far as this process holds ids.
+// How often a client id of the service was lost in this process, where a notifier's own link may not see it.
 std::atomic<uint32_t>& revocations(uint8_t service) {
   static std::atomic<uint32_t> counts[UINT8_MAX + 1];
   return counts[service];
@@ -76,6 +76,7 @@ class QmuxConnection final : public Connection {
         if (verdict == ClientIdCheck::Verdict::kDeliver) break;
         if (verdict == ClientIdCheck::Verdict::kVoid) {
           lose_id(IdState::kVoid);
+          revocations(service_).fetch_add(1, std::memory_order_relaxed);
           return Arrival::kServiceGone;
         }
       }
@@ -138,7 +139,7 @@ class QmuxConnection final : public Connection {
 
   ClientIdRecord::Id id() const { return {service_, client_}; }
 
-  // The record learns of it later, at the connection's end: the reader must not wait for files.
+  // The record is updated later, at the connection's end: the reader must not wait for files.
   void lose_id(IdState how) {
     IdState held = IdState::kHeld;
     id_state_.compare_exchange_strong(held, how);
@@ -178,9 +179,8 @@ class QmuxWatch final : public ServiceWatch {
 
   Presence look() override {
     const Deadline deadline = Deadline::after(kLookTimeout);
-    Presence presence = {false, false};
     const uint32_t revocations_now = revocations(service_).load(std::memory_order_relaxed);
-    presence.went_meanwhile = std::exchange(revocations_seen_, revocations_now) != revocations_now;
+    Presence presence = {false, std::exchange(revocations_seen_, revocations_now) != revocations_now};
     if (link_.is_open()) {
       if (ask(presence, deadline)) return presence;
       presence.went_meanwhile = true;
@@ -219,12 +219,11 @@ void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const
   const Deadline deadline = earlier(end, Deadline::after(kReleaseTimeout));
   auto id = ids.begin();
   auto answer = QmuxLink::Answer::kSuccess;
-  while (id != ids.end() && answer != QmuxLink::Answer::kNoAnswer && !deadline.has_passed()) {
+  while (id != ids.end() && answer != QmuxLink::Answer::kNoAnswer && answer != QmuxLink::Answer::kNotSent &&
+         !deadline.has_passed()) {
     answer = link.release_client_id(id->service, id->client, deadline);
     // What was sent in part goes out before the link's next message.
-    if (answer == QmuxLink::Answer::kNotSent && !link.stream().has_unsent()) break;
-    ++id;
-    if (answer == QmuxLink::Answer::kNotSent) break;
+    if (answer != QmuxLink::Answer::kNotSent || link.stream().has_unsent()) ++id;
   }
   record.restore({id, ids.end()}, end);
 }
@@ -271,7 +270,7 @@ int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Dea
     case QmuxLink::Answer::kFailure:
       return QMI_CLIENT_ALLOC_FAILURE;
   }
-  connection = std::make_unique<QmuxConnection>(std::move(link), record, number, client, message_capacity);
+  connection = std::make_unique<QmuxConnection>(std::move(link), std::move(record), number, client, message_capacity);
   return QMI_NO_ERR;
 }
 

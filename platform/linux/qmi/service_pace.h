@@ -1,6 +1,6 @@
 // How soon a service that does not stay is announced again.
 //
-// A client that connects whenever it hears of its service would connect thousands of times a second to a service that
+// A client that connects whenever its service is announced would connect thousands of times a second to a service that
 // goes away right after each connection. So notifiers hold back the news of such a service, ever longer up to a second,
 // until a connection to it lasts. One for each service of the process.
 //

@@ -18,19 +18,20 @@ namespace {
 // where it is long: after a short one the rest is waited for by a poll, which is exact.
 constexpr Deadline::Milliseconds kSocketTimeout{100};
 
-bool set_timeout(int descriptor, int option) {
+bool set_receive_timeout(int descriptor) {
   const timeval timeout = {0, static_cast<suseconds_t>(std::chrono::microseconds(kSocketTimeout).count())};
-  return ::setsockopt(descriptor, SOL_SOCKET, option, &timeout, sizeof timeout) == 0;
+  return ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
 }
 
 // Callers try again and again: a problem that lasts is reported once. Where another thread reports, or did so during
 // the fork that made this process, this thread does not.
 void report(const std::string& name, const std::string& problem) {
-  static auto& mutex = *new std::mutex;  // threads may connect until the process is gone
-  static auto& last = *new std::string;
+  constinit static std::mutex mutex;
   const std::string line = name + ": " + problem;
   const std::unique_lock lock(mutex, std::try_to_lock);
-  if (!lock || line == last) return;
+  if (!lock) return;
+  static auto& last = *new std::string;  // threads may connect until the process is gone
+  if (line == last) return;
   last = line;
   ::syslog(LOG_ERR, "Cannot connect to %s", line.c_str());
 }
@@ -44,8 +45,7 @@ bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
   silent_listener_ = name;
   const ConnectResult result =
       deadline.is_none() ? connect_unix(descriptor(), name) : connect_unix(descriptor(), name, deadline.remaining());
-  if (result.error == 0 && set_timeout(descriptor(), SO_SNDTIMEO) && set_timeout(descriptor(), SO_RCVTIMEO))
-    return true;
+  if (result.error == 0 && set_receive_timeout(descriptor())) return true;
   const bool is_absent = result.error == ENOENT || result.error == ECONNREFUSED;
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();

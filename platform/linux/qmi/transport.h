@@ -59,7 +59,7 @@ class Connection {
   virtual bool has_question() const = 0;
   virtual void ask(uint16_t transaction) = 0;
 
-  // Ends the connection for the modem too, and waits for its answer until the deadline. Needs the sending and the
+  // Ends the connection for the modem too, and waits for its response until the deadline. Needs the sending and the
   // reading side.
   virtual void close(const Deadline& deadline) = 0;
 
