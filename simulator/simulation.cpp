@@ -6,7 +6,7 @@
 
 namespace pelmar::sim {
 
-template <typename S, class... Arguments>
+template <typename S, typename... Arguments>
 S* Simulation::add_service(Arguments&&... arguments) {
   auto service = std::make_unique<S>(std::forward<Arguments>(arguments)...);
   S* const added = service.get();

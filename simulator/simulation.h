@@ -79,7 +79,7 @@ struct Simulation {
   NasService* nas;
 
  private:
-  template <typename S, class... Arguments>
+  template <typename S, typename... Arguments>
   S* add_service(Arguments&&... arguments);
 };
 

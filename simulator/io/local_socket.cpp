@@ -100,7 +100,9 @@ void LocalListener::report_refusal(const ucred& peer) {
   const auto now = EventLoop::Clock::now();
   if (now < next_report_) return;
   next_report_ = now + kBetweenReports;
-  fprintf(stderr, "modem_sim: refused a connection to '%s' from process %d of user %u (%llu so far; see --any-user)\n",
+  fprintf(stderr,
+          "modem_sim: refused a connection to '%s' from process %d of user %u (%llu so far; --any-user admits clients "
+          "and voters)\n",
           name_.c_str(), static_cast<int>(peer.pid), peer.uid, static_cast<unsigned long long>(refused_));
 }
 

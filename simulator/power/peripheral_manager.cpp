@@ -104,7 +104,7 @@ bool PeripheralManager::is_waiting() const {
 
 void PeripheralManager::advance() {
   if (is_waiting()) return;
-  if (std::exchange(is_telling_, false)) {
+  if (std::exchange(awaits_acknowledgements_, false)) {
     loop_.cancel(timer_);
     if (state_ == EVENT_PERIPH_GOING_ONLINE) return switch_power(true);
     if (state_ == EVENT_PERIPH_GOING_OFFLINE) return switch_power(false);
@@ -116,7 +116,7 @@ void PeripheralManager::advance() {
 
 void PeripheralManager::notify_voters(pm_event event) {
   state_ = event;
-  is_telling_ = true;
+  awaits_acknowledgements_ = true;
   for (const auto& [number, session] : sessions_) {
     if (session->name.empty()) continue;
     session->must_acknowledge = true;

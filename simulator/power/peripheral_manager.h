@@ -67,7 +67,7 @@ class PeripheralManager final : private VoterSession::Owner {
   const std::chrono::milliseconds acknowledge_limit_;
   const Switch switch_power_;
   pm_event state_ = EVENT_PERIPH_IS_OFFLINE;
-  bool is_telling_ = false;    // acknowledgements of the state's event are missing
+  bool awaits_acknowledgements_ = false;
   bool is_switching_ = false;  // the power is being switched
   EventLoop::TimerId timer_{};
   uint64_t overdue_ = 0;

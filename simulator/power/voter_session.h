@@ -1,7 +1,7 @@
 // One connection to the peripheral manager: a voter, or somebody who asks.
 //
-// It ends when the peer closes it, breaks the protocol, or lets its answers pile up, and when the peer's process ends:
-// a child may have inherited the connection, but the vote was its parent's.
+// It ends when the peer closes it, breaks the protocol, or does not read its responses, and when the peer's process
+// ends: a child may have inherited the connection, but the vote was its parent's.
 #pragma once
 
 #include <sys/types.h>

@@ -13,13 +13,13 @@
 namespace pelmar::sim {
 
 enum class FaultKind {
-  kDelay,      // answer late
+  kDelay,      // respond late
   kError,      // refuse with an error number, without doing anything
-  kSilence,    // do it and answer nothing
+  kSilence,    // do it without a response
   kCut,        // send only the first bytes of the message; the frame around it stays in step
   kGarbage,    // send bytes that are no message instead
-  kRepeat,     // answer twice
-  kReorder,    // answer behind the next response of the connection
+  kRepeat,     // respond twice
+  kReorder,    // respond after the next response of the connection
   kCloseHalf,  // send half of the frame and close the connection
   kDieHalf,    // send half of the frame and end the process at once
 };
@@ -28,7 +28,7 @@ struct Fault {
   explicit Fault(FaultKind what) : kind(what) {}
 
   FaultKind kind;
-  std::chrono::milliseconds delay{};  // kReorder: after which the answer waits for no other any more
+  std::chrono::milliseconds delay{};  // kReorder: after which the response waits for no other any more
   uint16_t error = 0;
   size_t cut_to = 0;
   std::vector<uint8_t> garbage;

@@ -57,12 +57,12 @@ class Service {
   const std::span<const MessageRow> rows_;
 };
 
-// The row of a message that Method answers: QmiError S::method(uint8_t client, const Request&, Response&). The response
+// The row of a message that Method handles: QmiError S::method(uint8_t client, const Request&, Response&). The response
 // comes zeroed; its header is filled in from the error returned.
 template <auto Method>
 struct Answers;
 
-template <typename S, class Request, typename Response, QmiError (S::*Method)(uint8_t, const Request&, Response&)>
+template <typename S, typename Request, typename Response, QmiError (S::*Method)(uint8_t, const Request&, Response&)>
 struct Answers<Method> {
   static constexpr MessageRow row(uint16_t id, std::string_view name) {
     return {id, name, sizeof(Request), sizeof(Response),

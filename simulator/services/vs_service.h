@@ -1,6 +1,6 @@
 // The vendor-specific service (0xE4): pass-through, event reports, storage, statistics and control of the modem.
 //
-// A pass-through command is answered with its own payload.
+// The response to a pass-through command has the command's payload.
 #pragma once
 
 #include <array>
@@ -19,7 +19,7 @@ namespace pelmar::sim {
 
 class VsService final : public Service {
  public:
-  // reset_modem is called for a client that asks for it, and acts after the answer went out.
+  // reset_modem is called for a client that asks for it, and acts after the response is sent.
   VsService(Storage& storage, std::function<void()> reset_modem, Reporters& reporters, Statistics& statistics);
 
   // Whether the client has asked for the indication; the status indication comes unasked.
@@ -45,11 +45,11 @@ class VsService final : public Service {
   QmiError set_feature_status(uint8_t, const vs::SetFeatureStatusRequest& request, vs::PlainResponse&);
 
   // Store is one of the storage's members; the request says which of its entries.
-  template <auto Store, class Request>
+  template <auto Store, typename Request>
   QmiError read(uint8_t, const Request& request, vs::ReadResponse& response);
-  template <auto Store, class Request>
+  template <auto Store, typename Request>
   QmiError write(uint8_t, const Request& request, vs::PlainResponse&);
-  template <auto Store, class Request>
+  template <auto Store, typename Request>
   QmiError remove(uint8_t, const Request& request, vs::PlainResponse&);
   QmiError efs_sync(uint8_t, const vs::EfsSyncRequest&, vs::PlainResponse&);
 

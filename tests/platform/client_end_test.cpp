@@ -1,11 +1,9 @@
 // How client handles end: the service goes away, the handle is released, the process ends.
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <algorithm>
 
 #include <algorithm>
 #include <atomic>

@@ -77,7 +77,7 @@ void EventFollower::look(const std::function<std::string()>& start) {
 std::string EventFollower::problem() const {
   if (!thread_.is_busy()) return link_.problem();
   if (!problem_.empty() || Clock::now() - last_look_ < kLookPeriod) return problem_;
-  return "it does not respond";
+  return kNoResponseText;
 }
 
 void EventFollower::follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start) {
@@ -86,7 +86,8 @@ void EventFollower::follow_until(std::optional<Clock::time_point> deadline, cons
     if (arrival) {
       const bool is_event = arrival->kind == Arrival::Kind::kEvent;
       seen_ += is_event ? 1 : 0;
-      if (is_event && problem_.empty()) next_look_ = Clock::now() + kLookPeriod;  // the modem is there
+      // An event shows that the modem is there.
+      if (is_event && problem_.empty() && !calls_.tend) next_look_ = Clock::now() + kLookPeriod;
       const Description description = describe(*arrival);
       context_.output.print(description.document, description.text);
     } else if (context_.inbox.is_interrupted() || (deadline && Clock::now() >= *deadline)) {

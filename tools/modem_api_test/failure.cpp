@@ -26,7 +26,7 @@ Failure Failure::of_result(std::string step, modem_api_result code, std::initial
   });
   std::string reason = row.meaning;
   if (exchange && (error != 0 || code == MODEM_API_ERR_GENERIC)) {
-    // What the result leaves open is said by the exchange alone.
+    // Only the exchange has the cause that the result leaves open.
     if (const std::string cause = describe(*exchange); !cause.empty()) {
       reason = code == MODEM_API_ERR_GENERIC ? cause : reason + ": " + cause;
     }

@@ -1,4 +1,4 @@
-// What arrives while a command follows the modem: modem events, notices of services going up and down, answers of
+// What arrives while a command follows the modem: modem events, notices of services going up and down, responses to
 // asynchronous commands, steps of the modem's power, and the user's wish to end.
 //
 // The library's event callbacks carry no user data, so there is one inbox in the process. They run on the framework's

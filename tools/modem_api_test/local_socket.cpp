@@ -18,12 +18,12 @@ constexpr int kRefusalPatienceMs = 100;
 
 }  // namespace
 
-bool answers(const UnixConnection& connection, std::chrono::milliseconds patience) {
+bool responds(const UnixConnection& connection, std::chrono::milliseconds patience) {
   const int fd = connection.fd.get();
   if (fd < 0 || send(fd, kGetVersionInfo, sizeof kGetVersionInfo, MSG_NOSIGNAL) != sizeof kGetVersionInfo) return false;
   pollfd readable = {fd, POLLIN, 0};
-  uint8_t answer[512];
-  return poll(&readable, 1, static_cast<int>(patience.count())) == 1 && recv(fd, answer, sizeof answer, 0) > 0;
+  uint8_t response[512];
+  return poll(&readable, 1, static_cast<int>(patience.count())) == 1 && recv(fd, response, sizeof response, 0) > 0;
 }
 
 std::string find_obstacle(const std::string& name) {

@@ -8,8 +8,9 @@
 
 namespace pelmar::cli {
 
-// Whether a modem answers there: asks it for its services, and waits that long for the first byte of the answer.
-bool answers(const UnixConnection& connection, std::chrono::milliseconds patience);
+// Whether a modem responds there: requests its list of services, and waits that long for the first byte of the
+// response.
+bool responds(const UnixConnection& connection, std::chrono::milliseconds patience);
 
 // Why the process that serves the socket cannot be used, and what to do: another user whom this one does not trust or
 // who does not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where

@@ -10,7 +10,7 @@ namespace pelmar::cli {
 class ModemChoice {
  public:
   // `named`: what --modem gave, or empty. Starts the program's own modem where none is named; throws where it cannot.
-  // Tells the platform the choice through the environment: call it before the library connects.
+  // Passes the choice to the platform through the environment: call it before the library connects.
   explicit ModemChoice(const std::string& named);
 
   const std::string& socket() const { return socket_; }

@@ -4,16 +4,9 @@
 
 #include "failure.h"
 #include "qmi_client.h"
-#include "result_codes.h"
 #include "services.h"
 
 namespace pelmar::cli {
-
-namespace {
-
-constexpr uint32_t kDeviceNotReady = 52;  // of a modem without power
-
-}  // namespace
 
 ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value)
     : open_(std::move(open)), probe_(std::move(probe)), needs_value_(needs_value) {
@@ -30,10 +23,10 @@ bool ModemLink::is_up() {
   if (result == MODEM_API_SUCCESS) return true;
   const uint32_t refusal = exchange && exchange->code == QMI_NO_ERR ? exchange->error : 0;
   if (result == MODEM_API_ERR_TIMEOUT) {
-    problem_ = describe_result(result).meaning;
+    problem_ = kNoResponseText;
   } else if (refusal == 0 || refusal == QMI_ERR_INVALID_CLIENT_ID_V01) {
     problem_ = "the connection is lost";
-  } else if (refusal == kDeviceNotReady || needs_value_) {
+  } else if (refusal == QMI_ERR_DEVICE_NOT_READY_V01 || needs_value_) {
     problem_ = describe(*exchange);
   }
   return problem_.empty();

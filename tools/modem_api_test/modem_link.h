@@ -37,6 +37,7 @@ class ModemLink {
 stats_para_data probe_request();
 
 std::string away_text(const std::string& problem);
+inline constexpr const char* kNoResponseText = "it does not respond";
 inline constexpr const char* kBackText = "the modem is back";
 
 }  // namespace pelmar::cli

@@ -31,7 +31,7 @@ using namespace std::chrono_literals;
 constexpr const char* kStep = "starting the simulated modem";
 constexpr auto kAnswerPatience = 2s;
 constexpr auto kLockPatience = 45s;
-constexpr int kAttempts = 5;  // the modem of an earlier run may be on its way out and still hold the storage
+constexpr int kAttempts = 5;  // the modem of an earlier run may be ending and still hold the storage
 constexpr auto kPauseBetweenAttempts = 100ms;
 
 struct Place {
@@ -90,7 +90,7 @@ UniqueFd take_lock(const std::string& path) {
 
 UniqueFd reach(const Place& place) {
   UnixConnection connection = connect_unix(place.socket);
-  return answers(connection, kAnswerPatience) ? std::move(connection.fd) : UniqueFd();
+  return responds(connection, kAnswerPatience) ? std::move(connection.fd) : UniqueFd();
 }
 
 }  // namespace
@@ -105,7 +105,7 @@ OwnModem reach_own_modem() {
     problem = start_modem_process(place.socket, place.storage, place.log);
     if (!problem.empty()) std::this_thread::sleep_for(kPauseBetweenAttempts);
   }
-  if (problem.empty()) problem = "it started, but does not answer on " + place.socket;
+  if (problem.empty()) problem = "it started, but does not respond on " + place.socket;
   throw Failure(kStep, problem, "Its log is " + place.log + "; --modem SOCKET names another modem.");
 }
 

@@ -16,7 +16,7 @@ constexpr ResultCode kResultCodes[] = {
     {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the library refused it, or the modem is not there",
      "--verbose shows messages and errors."},
     {MODEM_API_RESP_END, "MODEM_API_RESP_END", "the exchange has ended", ""},
-    {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the answer",
+    {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the response",
      "Free some memory and try again."},
     {MODEM_API_ERR_NOT_SUPPORTED, "MODEM_API_ERR_NOT_SUPPORTED", "this modem does not support it",
      "Check the modem's firmware."},
@@ -29,7 +29,7 @@ constexpr ResultCode kResultCodes[] = {
      "It is starting: try again in a moment."},
     {MODEM_API_ERR_SERVICE_PENDING, "MODEM_API_ERR_SERVICE_PENDING", "the service is not up yet", kAskInfo},
     {MODEM_API_ERR_ABORTED, "MODEM_API_ERR_ABORTED", "the modem aborted it", "Try again."},
-    {MODEM_API_ERR_TIMEOUT, "MODEM_API_ERR_TIMEOUT", "the modem did not answer in time",
+    {MODEM_API_ERR_TIMEOUT, "MODEM_API_ERR_TIMEOUT", "the modem did not respond in time",
      "Check that the modem is alive, then try again."},
     {MODEM_API_ERR_TRANSPORT, "MODEM_API_ERR_TRANSPORT", "the connection to the modem is broken",
      "Check that the modem is alive, then try again."},
@@ -41,7 +41,7 @@ constexpr ResultCode kResultCodes[] = {
 };
 
 constexpr ResultCode kUndocumented = {-1, "undocumented result",
-                                      "the library answered a code that it does not document",
+                                      "the library returned a code that it does not document",
                                       "--verbose shows messages and errors."};
 
 constexpr bool rows_stand_at_their_codes() {

@@ -62,8 +62,9 @@ void Session::wait_for_listener(const std::string& socket, const std::string& wh
   for (bool is_first = true;; is_first = false) {
     const std::string obstacle = find_obstacle(socket);
     if (!obstacle.empty()) throw Failure("connecting to " + whom + " at " + socket, obstacle);
+    if (!waits_) return;
     const std::string problem = connect_unix(socket).problem;
-    if (problem.empty() || !waits_) return;
+    if (problem.empty()) return;
     if (is_first) remark("nobody serves " + socket + " (" + problem + "); waiting for it");
     std::this_thread::sleep_for(kWaitPeriod);
   }
@@ -74,7 +75,7 @@ void Session::wait_for(modem_api_client_type service) {
 }
 
 std::string Session::absence_advice() {
-  return "No such service answered on " + modem().socket() +
+  return "No such service responded on " + modem().socket() +
          ". 'modem_api_test info' shows what is there; --modem SOCKET names another modem.";
 }
 

@@ -1,4 +1,5 @@
 // events: follows everything that the modem reports by itself, until a count, a time, or Ctrl-C.
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,8 @@ void follow_events(const Context& context, const EventValues& values) {
     if (values.with_services) absent = {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
     open_services();
   };
-  EventFollower(context, values.limits, {prepare, open_services, {}}).follow([&] {
+  const auto tend = values.with_services ? std::function<void()>(open_services) : nullptr;
+  EventFollower(context, values.limits, {prepare, tend, {}}).follow([&] {
     std::string text = "following the modem's events; Ctrl-C ends";
     for (const auto type : absent) text += std::string("; ") + service_of(type).title + " is down";
     return text;

@@ -90,7 +90,7 @@ void show_sys_mode(const Context& context, const SysModeValues& values) {
   }
   if (refusal) throw *refusal;
   if (is_any_known) return;
-  throw Failure(kStep, "the modem gave none", "'modem_api_test stats get system-mode' shows what it answered.");
+  throw Failure(kStep, "the modem gave none", "'modem_api_test stats get system-mode' shows its response.");
 }
 
 // --- feature ---

@@ -63,7 +63,7 @@ constexpr Question kBuildQuestions[] = {
 constexpr const char* kBuildTypes[] = {"all",    "pre-release", "factory",    "certification",
                                        "stable", "native",      "development"};
 
-// The library answers "NULL" for a region that is not set.
+// The library returns "NULL" for a region that is not set.
 std::string or_none(const std::string& text) {
   return text.empty() || text == "NULL" ? "none" : text;
 }

@@ -19,9 +19,9 @@ struct ModemCommand {
 };
 
 constexpr ModemCommand kCommands[] = {
-    {"shutdown-notice", "tell the modem that the phone is about to power off",
-     "The modem prepares for the phone's end.", "telling the modem of the shutdown", "modem: told of the shutdown",
-     modem_api_notify_shutdown},
+    {"shutdown-notice", "notify the modem that the phone is about to power off",
+     "The modem prepares for the phone's end.", "notifying the modem of the shutdown",
+     "modem: notified of the shutdown", modem_api_notify_shutdown},
     {"reset", "reset the modem", "The modem restarts; every connection to it is lost for a while.",
      "resetting the modem", "modem: reset", modem_api_reset_modem},
 };

@@ -188,7 +188,7 @@ class Watcher {
   Watcher(const std::string& device, const std::string& socket) {
     const int result = pm_client_register(on_event, this, device.c_str(), "modem_api_test watch", &state_, &handle_);
     if (result == PM_RET_UNSUPPORTED) throw Failure(kStep, "the peripheral manager knows no '" + device + "'");
-    if (result != PM_RET_SUCCESS) throw Failure(kStep, "no peripheral manager responds on " + socket, kNoManager);
+    if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
   }
   ~Watcher() { pm_client_unregister(handle_); }
   Watcher(const Watcher&) = delete;

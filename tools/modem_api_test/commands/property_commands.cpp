@@ -22,7 +22,7 @@ struct Property {
 constexpr Property kProperties[] = {
     {"persist.vendor.radio.adb_log_ka", "65535", "levels that pass to the system log: 1 errors, 4 debug"},
     {"persist.vendor.radio.adb_log_shell", "65535", "levels that pass to standard output"},
-    {"persist.vendor.radio.print_prop", "1", "1: properties are told to the log when they are used"},
+    {"persist.vendor.radio.print_prop", "1", "1: properties are logged when they are used"},
     {"persist.hydra.mem_trace", "", "true: live blocks of memory are traced"},
     {"ro.boot.factorybuild", "", "begins with 1: a factory build"},
     {"ro.cust.test", "NULL", "the certification test: ct, cm or cu"},

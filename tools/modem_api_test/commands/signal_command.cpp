@@ -150,7 +150,7 @@ class Series {
 
   void finish() {
     const bool is_ended = context_.inbox.is_interrupted() || is_complete();
-    const std::string problem = thread_.is_busy() ? "it does not respond" : source_.problem();
+    const std::string problem = thread_.is_busy() ? kNoResponseText : source_.problem();
     const bool is_lost = !is_ended && !problem.empty();
     const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
     if (has_picture) plot_->write(recording_);
