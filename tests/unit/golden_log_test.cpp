@@ -3,6 +3,7 @@
 // line numbers, addresses and process ids are left out.
 //
 // After an intended change of a text: PELMAR_GOLDEN=update ./test -R GoldenLog, then review the difference.
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -526,6 +527,7 @@ TEST_F(GoldenLog, Identity) {
     pelmar_modem_ssr_wait_s(0);
     pelmar_modem_ssr_wait_s(2);
   });
+  prctl(PR_SET_NAME, "golden_log");
   log("process", [] {
     pelmar_pid_info info;
     pelmar_get_current_pid_info(&info);

@@ -76,10 +76,11 @@ std::string boot_id() {
 }
 
 // In clock ticks since the boot; 0 for a process that is dead, nothing where that is unknown. The first thread of a
-// live process may have ended.
+// live process may have ended; its line is read, because qemu-user replaces that of its own process.
 std::optional<uint64_t> start_of(pid_t process) {
   if (::kill(process, 0) != 0 && errno == ESRCH) return 0;
-  const std::string stat = contents("/proc/" + std::to_string(process) + "/stat");
+  const std::string number = std::to_string(process);
+  const std::string stat = contents("/proc/" + number + "/task/" + number + "/stat");
   const size_t name_end = stat.rfind(')');
   if (name_end == std::string::npos) return std::nullopt;
   auto rest = numbers<std::istringstream>(stat.substr(name_end + 1));
