@@ -1,19 +1,24 @@
 #!/usr/bin/env bash
 # The exported interface (functions, variables, and the layout of every type that they reach) against its stored
 # description, abi/libpelmar_modemapi.abi. A change that is meant is stored with `update` and goes into the same commit.
-# usage: scripts/abi.sh check|update BUILD_DIRECTORY      a build with debug information
+# usage: scripts/abi.sh check|update
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/packages.sh
-need_packages abigail-tools
-usage='usage: scripts/abi.sh check|update BUILD_DIRECTORY'
-action=${1:?$usage} library=${2:?$usage}/lib/libpelmar_modemapi.so
+need_packages $PACKAGES_BUILD abigail-tools
+usage='usage: scripts/abi.sh check|update'
+action=${1:?$usage}
 stored=abi/libpelmar_modemapi.abi
+
+# The comparison reads debug information.
+configure build/abi -DCMAKE_BUILD_TYPE=Debug -DPELMAR_TESTS=OFF -DPELMAR_TOOLS=OFF
+cmake --build build/abi --target pelmar_modemapi
+library=build/abi/lib/libpelmar_modemapi.so
 
 case $action in
   check)
     if ! abidiff --no-show-locs "$stored" "$library"; then
-      echo "The exported interface differs from $stored. If that is meant: scripts/abi.sh update ${2}" >&2
+      echo "The exported interface differs from $stored. If that is meant: scripts/abi.sh update" >&2
       exit 1
     fi
     echo "interface: as stored"
