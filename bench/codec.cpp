@@ -6,14 +6,13 @@
 
 #include "nv_write.h"
 #include "qmi_codec.h"
-#include "qmi_message.h"
-#include "qmux_frame.h"
-#include "vs_service_object.h"
+#include "qmux.h"
+#include "vs_tables.h"
 
 namespace pelmar::bench {
 namespace {
 
-using namespace platform;
+using namespace qmi;
 
 vs::ReportAIndication largest_indication() {
   vs::ReportAIndication indication;
@@ -30,8 +29,8 @@ std::vector<uint8_t> encoded_largest_indication() {
   const vs::ReportAIndication indication = largest_indication();
   std::vector<uint8_t> wire(UINT16_MAX);
   size_t length = 0;
-  if (encode(&vs_qmi_idl_service_object_v01, QMI_IDL_INDICATION, vs::kReportAIndication, &indication, sizeof indication,
-             wire.data(), wire.size(), &length) != QMI_IDL_LIB_NO_ERR) {
+  if (encode(&vs::kService, QMI_IDL_INDICATION, vs::kReportAIndication, &indication, sizeof indication, wire.data(),
+             wire.size(), &length) != QMI_IDL_LIB_NO_ERR) {
     std::abort();
   }
   wire.resize(length);
@@ -42,8 +41,8 @@ void decode_largest_indication(benchmark::State& state) {
   const std::vector<uint8_t> wire = encoded_largest_indication();
   vs::ReportAIndication structure;
   for (auto _ : state) {
-    const int32_t error = decode(&vs_qmi_idl_service_object_v01, QMI_IDL_INDICATION, vs::kReportAIndication,
-                                 wire.data(), wire.size(), &structure, sizeof structure);
+    const int32_t error = decode(&vs::kService, QMI_IDL_INDICATION, vs::kReportAIndication, wire.data(), wire.size(),
+                                 &structure, sizeof structure);
     if (error != QMI_IDL_LIB_NO_ERR) state.SkipWithError("the indication does not decode");
     benchmark::DoNotOptimize(&structure);
     benchmark::ClobberMemory();
@@ -68,14 +67,14 @@ BENCHMARK(clear_and_copy_largest_structure);
 
 // Returns the frame's length.
 size_t encode_frame(const vs::WriteNvRequest& request, uint8_t* frame, size_t capacity) {
-  constexpr size_t kHeaders = kQmuxHeaderLength + kMessageHeaderLength;
+  constexpr size_t kHeaders = kFrameHeaderLength + kMessageHeaderLength;
   size_t length = 0;
-  if (encode(&vs_qmi_idl_service_object_v01, QMI_IDL_REQUEST, vs::kWriteNv, &request, sizeof request, frame + kHeaders,
+  if (encode(&vs::kService, QMI_IDL_REQUEST, vs::kWriteNv, &request, sizeof request, frame + kHeaders,
              capacity - kHeaders, &length) != QMI_IDL_LIB_NO_ERR) {
     return 0;
   }
-  store_message_header(frame + kQmuxHeaderLength, MessageKind::kRequest, kTransaction, vs::kWriteNv, length);
-  store_qmux_header(frame, vs::kServiceId, kClient, kMessageHeaderLength + length);
+  store_message_header(frame + kFrameHeaderLength, MessageKind::kRequest, kTransaction, vs::kWriteNv, length);
+  store_frame_header(frame, Direction::kToModem, vs::kServiceId, kClient, kMessageHeaderLength + length);
   return kHeaders + length;
 }
 

@@ -82,8 +82,8 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
 qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_type_of_message_type type,
                                                 unsigned msg_id, const void* bytes, unsigned length, void* structure,
                                                 unsigned structure_length) {
-  return pelmar::platform::decode(handle->service, type, static_cast<uint16_t>(msg_id),
-                                  static_cast<const uint8_t*>(bytes), length, structure, structure_length);
+  return pelmar::qmi::decode(handle->service, type, static_cast<uint16_t>(msg_id), static_cast<const uint8_t*>(bytes),
+                             length, structure, structure_length);
 }
 
 qmi_client_error_type qmi_client_release(qmi_client_type) {

@@ -6,9 +6,8 @@
 // is cut.
 #include <algorithm>
 
+#include "frame_reader.h"
 #include "messages.h"
-#include "qmi_message.h"
-#include "qmux_frame.h"
 #include "qmux_link.h"
 
 using namespace pelmar::fuzz;
@@ -16,23 +15,21 @@ using namespace pelmar::platform;
 
 namespace {
 
-void read_frame(const Frame& frame) {
-  const Bytes copy(frame.message, frame.message + frame.length);
-  const Frame alone = {frame.service, frame.client, copy.data(), copy.size()};
-  require(alone.length >= (alone.service == kControlService ? kControlHeaderLength : kMessageHeaderLength));
-  ControlIndication indication;
-  load_control_indication(alone, indication);
-  Message message;
-  if (!load_message(alone.message, alone.length, message)) return;
-  require(message.tlvs >= alone.message && message.tlvs + message.length == alone.message + alone.length);
+void read_frame(const pelmar::qmi::Frame& frame) {
+  const Bytes copy(frame.message.begin(), frame.message.end());
+  const auto message = pelmar::qmi::read_message({frame.service, frame.client, copy});
+  if (!message) return;
+  read_control_indication(*message);
+  require(message->tlvs.data() >= copy.data());
+  require(message->tlvs.data() + message->tlvs.size() == copy.data() + copy.size());
 }
 
 // What the stream says, as one row of bytes.
 class Transcript {
  public:
-  void add(const Frame& frame) {
+  void add(const pelmar::qmi::Frame& frame) {
     bytes_.insert(bytes_.end(), {frame.service, frame.client});
-    bytes_.insert(bytes_.end(), frame.message, frame.message + frame.length);
+    bytes_.insert(bytes_.end(), frame.message.begin(), frame.message.end());
   }
   bool operator==(const Transcript&) const = default;
 
@@ -51,7 +48,7 @@ Transcript read_stream(std::span<const uint8_t> stream, NextLength next_length) 
     std::copy_n(stream.begin(), length, space);
     reader.add(length);
     stream = stream.subspan(length);
-    Frame frame;
+    pelmar::qmi::Frame frame;
     while (reader.next(frame)) {
       read_frame(frame);
       transcript.add(frame);

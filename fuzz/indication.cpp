@@ -82,11 +82,11 @@ void on_event(uint32_t event, const uint8_t* payload, uint32_t length) {
 }
 
 bool decodes(uint16_t id, const Bytes& wire) {
-  pelmar::platform::MessageSize size;
-  if (pelmar::platform::message_size(vs_client_info.service_object, QMI_IDL_INDICATION, id, &size) != 0) return false;
+  pelmar::qmi::MessageSize size;
+  if (pelmar::qmi::message_size(vs_client_info.service_object, QMI_IDL_INDICATION, id, &size) != 0) return false;
   Bytes structure(size.structure_length);
-  return pelmar::platform::decode(vs_client_info.service_object, QMI_IDL_INDICATION, id, wire.data(), wire.size(),
-                                  structure.data(), structure.size()) == QMI_IDL_LIB_NO_ERR;
+  return pelmar::qmi::decode(vs_client_info.service_object, QMI_IDL_INDICATION, id, wire.data(), wire.size(),
+                             structure.data(), structure.size()) == QMI_IDL_LIB_NO_ERR;
 }
 
 }  // namespace

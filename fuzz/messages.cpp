@@ -6,18 +6,18 @@
 #include "network_access_service_v01.h"
 #include "qmi_codec.h"
 #include "specific_absorption_rate_v01.h"
-#include "vs_service_object.h"
+#include "vs_tables.h"
 
 namespace pelmar::fuzz {
 namespace {
 
-using platform::Element;
-using platform::MessageDescription;
-using platform::TypeTable;
+using qmi::Element;
+using qmi::MessageDescription;
+using qmi::TypeTable;
 
 std::vector<CatalogueMessage> make_catalogue() {
   const qmi_idl_service_object_type services[] = {
-      &vs_qmi_idl_service_object_v01,
+      &vs::kService,
       sar_get_service_object_internal_v01(SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS),
       nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS),
   };
@@ -25,8 +25,8 @@ std::vector<CatalogueMessage> make_catalogue() {
   for (const auto service : services) {
     for (const auto type : {QMI_IDL_REQUEST, QMI_IDL_RESPONSE, QMI_IDL_INDICATION}) {
       for (const auto& entry : std::span(service->msgid_to_msg[type], service->n_msgs[type])) {
-        platform::MessageSize size;
-        require(platform::message_size(service, type, entry.qmi_message_id, &size) == QMI_IDL_LIB_NO_ERR);
+        qmi::MessageSize size;
+        require(qmi::message_size(service, type, entry.qmi_message_id, &size) == QMI_IDL_LIB_NO_ERR);
         messages.push_back({service, type, entry.qmi_message_id, size.structure_length, size.max_wire_length});
       }
     }
@@ -50,7 +50,7 @@ void walk_element(const Element& element, uint8_t* structure, StructureVisitor& 
   for (uint32_t i = 0; i < count; ++i) {
     for (const uint8_t* description = element.aggregate; *description != QMI_IDL_TYPE_END;) {
       Element member;
-      description = platform::read_element(description, *element.aggregate_table, member);
+      description = qmi::read_element(description, *element.aggregate_table, member);
       walk_element(member, at + size_t{i} * element.aggregate_stride, visitor);
     }
   }
@@ -66,16 +66,16 @@ const std::vector<CatalogueMessage>& catalogue() {
 int32_t decode(const CatalogueMessage& message, std::span<const uint8_t> wire, Bytes& structure) {
   const Bytes exact(wire.begin(), wire.end());
   structure.assign(message.structure_length, 0xEE);  // what the decoder forgets to write shows
-  return platform::decode(message.service, message.type, message.id, exact.data(), exact.size(), structure.data(),
-                          structure.size());
+  return qmi::decode(message.service, message.type, message.id, exact.data(), exact.size(), structure.data(),
+                     structure.size());
 }
 
 int32_t encode(const CatalogueMessage& message, const Bytes& structure, size_t capacity, Bytes& wire) {
   wire = Bytes(capacity);
   uint8_t nowhere;
   size_t length = 0;
-  const int32_t error = platform::encode(message.service, message.type, message.id, structure.data(), structure.size(),
-                                         capacity > 0 ? wire.data() : &nowhere, capacity, &length);
+  const int32_t error = qmi::encode(message.service, message.type, message.id, structure.data(), structure.size(),
+                                    capacity > 0 ? wire.data() : &nowhere, capacity, &length);
   require(length <= capacity && (error == QMI_IDL_LIB_NO_ERR || length == 0));
   wire.resize(length);
   return error;
@@ -83,13 +83,13 @@ int32_t encode(const CatalogueMessage& message, const Bytes& structure, size_t c
 
 void walk(const CatalogueMessage& message, Bytes& structure, StructureVisitor& visitor) {
   MessageDescription description;
-  require(platform::find_message(message.service, message.type, message.id, description) == QMI_IDL_LIB_NO_ERR);
+  require(qmi::find_message(message.service, message.type, message.id, description) == QMI_IDL_LIB_NO_ERR);
   if (description.tlvs == nullptr) return;
-  platform::TlvHead head;
+  qmi::TlvHead head;
   const uint8_t* at = description.tlvs;
   do {
     Element element;
-    at = platform::read_element(platform::read_tlv_head(at, head), *description.table, element);
+    at = qmi::read_element(qmi::read_tlv_head(at, head), *description.table, element);
     if (head.is_optional) visitor.on_valid_flag(structure[element.offset - head.flag_distance]);
     walk_element(element, structure.data(), visitor);
   } while (!head.is_last);

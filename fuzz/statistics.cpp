@@ -56,8 +56,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Bytes response(sizeof(pelmar::vs::GetStatsParameterResponse));
   const bool decodes =
-      pelmar::platform::decode(vs_client_info.service_object, QMI_IDL_RESPONSE, pelmar::vs::kGetStatsParameter, data,
-                               size, response.data(), response.size()) == QMI_IDL_LIB_NO_ERR;
+      pelmar::qmi::decode(vs_client_info.service_object, QMI_IDL_RESPONSE, pelmar::vs::kGetStatsParameter, data, size,
+                          response.data(), response.size()) == QMI_IDL_LIB_NO_ERR;
   if (!decodes) response.assign(response.size(), 0xFF);  // a failure in its header
   pelmar::instant_platform::set_response(response.data(), response.size());
   for (const auto reading : kReadings) {

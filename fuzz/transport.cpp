@@ -102,7 +102,7 @@ void read_messages(Connection& connection) {
     for (Arrival arrival; (arrival = connection.next(message)) != Arrival::kNone;) {
       if (arrival == Arrival::kServiceGone) continue;
       if (arrival == Arrival::kBrokenStream) return;
-      const Bytes copy(message.tlvs, message.tlvs + message.length);
+      const Bytes copy(message.tlvs.begin(), message.tlvs.end());
     }
     if (status == ReadStatus::kRead) continue;
     require(status == ReadStatus::kGone && connection.next(message) == Arrival::kNone);

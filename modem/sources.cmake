@@ -1,8 +1,4 @@
 # The library's sources, relative to modem/; Android.bp at the root lists the same.
-set(PELMAR_VS_SERVICE_SOURCES
-  hal/hydra/modem_api/vs/vs_service_object.cpp
-)
-
 # The service clients and the client API.
 set(PELMAR_CLIENT_SOURCES
   hal/hydra/modem_api/modem_api_client.cpp
@@ -22,6 +18,7 @@ set(PELMAR_CLIENT_SOURCES
   hal/hydra/modem_api/service_client_reconnect.cpp
   hal/hydra/modem_api/vs/vs_client.cpp
   hal/hydra/modem_api/vs/vs_events.cpp
+  hal/hydra/modem_api/vs/vs_service_object.cpp
 )
 
 # The common utilities and the traced allocation.

@@ -57,17 +57,11 @@ struct Type {
 
 // --- rows from members ---
 
-// Which type of the service's table an aggregate structure is; specialised beside the table.
-template <typename T>
-inline constexpr Element kAggregate = {};
-
-template <>
-inline constexpr Element kAggregate<qmi_response_type_v01> = {
-    // The stated maxima count the standard response with its decoded size of 8 bytes.
-    .kind = QMI_IDL_KIND_AGGREGATE,
-    .item_wire_size = 8,
-    .type_index = 0,
-    .type_table = 1};
+// What a member of a structure's type is to the codec; a service overloads it for its types, beside their rows.
+constexpr Element aggregate_of(const qmi_response_type_v01*) {
+  // The stated maxima count the standard response with its decoded size of 8 bytes.
+  return {.kind = QMI_IDL_KIND_AGGREGATE, .item_wire_size = 8, .type_index = 0, .type_table = 1};
+}
 
 template <typename T>
 constexpr Element element_of(size_t offset) {
@@ -79,7 +73,7 @@ constexpr Element element_of(size_t offset) {
     element.capacity = std::extent_v<T> - 1;
   } else {
     if constexpr (std::is_class_v<Item>) {
-      element = kAggregate<Item>;
+      element = aggregate_of(static_cast<const Item*>(nullptr));
     } else {
       element.kind = sizeof(Item) == 1   ? QMI_IDL_KIND_1_BYTE
                      : sizeof(Item) == 2 ? QMI_IDL_KIND_2_BYTES
@@ -136,6 +130,14 @@ constexpr size_t wire_maximum(const Type& type) {
   size_t total = 0;
   for (const Element& element : type.elements) total += element.item_wire_size == 0 ? 0 : wire_maximum(element);
   return total;
+}
+
+// A member whose type is a row of the service's own types.
+constexpr Element aggregate(const Type& type, uint16_t index) {
+  return {.kind = QMI_IDL_KIND_AGGREGATE,
+          .item_wire_size = static_cast<uint16_t>(wire_maximum(type)),
+          .type_index = index,
+          .type_table = 0};
 }
 
 // --- encoded bytes ---

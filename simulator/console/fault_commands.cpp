@@ -19,7 +19,7 @@ FaultRow take_target(Simulation& simulation, Arguments& arguments, Fault fault) 
   const Service* service = nullptr;
   if (!arguments.is_empty() && !arguments.accept(kAny)) {
     if (arguments.accept("ctl")) {
-      row.service = qmux::kControlService;
+      row.service = qmi::kControlService;
     } else {
       service = take_service(simulation, arguments).service.get();
       row.service = service->id();

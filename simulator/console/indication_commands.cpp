@@ -113,8 +113,8 @@ Json event(Simulation& simulation, Arguments& arguments) {
   arguments.end();
   std::vector<uint8_t> tlvs(kMaxTlvBytes);
   size_t length = 0;
-  const int32_t result = platform::encode(simulation.vs->object(), QMI_IDL_INDICATION, Message, &structure,
-                                          sizeof structure, tlvs.data(), tlvs.size(), &length);
+  const int32_t result = qmi::encode(simulation.vs->object(), QMI_IDL_INDICATION, Message, &structure, sizeof structure,
+                                     tlvs.data(), tlvs.size(), &length);
   if (result != QMI_IDL_LIB_NO_ERR) throw Refusal("the event cannot be encoded");
   tlvs.resize(length);
   return send(simulation, *simulation.modem.find(simulation.vs->id()), Message, tlvs, recipients);

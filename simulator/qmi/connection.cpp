@@ -9,20 +9,20 @@ Connection::Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint
     : connections_(connections),
       handler_(handler),
       number_(number),
-      stream_(loop, output, std::move(fd), *this, {qmux::kMaxFrameBytes, kMaxWaitingBytes}),
+      stream_(loop, output, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}),
       process_(stream_.process_at_other_end()) {}
 
 size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
   size_t used = 0;
   while (is_open()) {
-    const qmux::Front front = qmux::parse_front(bytes.subspan(used));
-    if (front.state == qmux::Front::State::kIncomplete) break;
-    if (front.state == qmux::Front::State::kBroken) {
+    const qmi::Front front = qmi::read_front(bytes.subspan(used), qmi::Direction::kToModem);
+    if (front.state == qmi::Front::State::kIncomplete) break;
+    if (front.state == qmi::Front::State::kBroken) {
       close(front.problem);
       break;
     }
     handler_.on_frame(*this, front.frame);
-    used += front.size;
+    used += front.length;
   }
   return used;
 }

@@ -16,7 +16,7 @@
 
 #include "io/local_socket.h"
 #include "io/stream.h"
-#include "qmi/qmux.h"
+#include "qmux.h"
 
 namespace pelmar::sim {
 
@@ -26,7 +26,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
  public:
   class Handler {
    public:
-    virtual void on_frame(Connection& connection, const qmux::Frame& frame) = 0;
+    virtual void on_frame(Connection& connection, const qmi::Frame& frame) = 0;
     // The last call for this connection.
     virtual void on_gone(Connection& connection, std::string_view reason) = 0;
 

@@ -32,7 +32,7 @@ void put_version(ControlAnswer& answer, uint8_t service, uint16_t major, uint16_
 QmiError get_version_info(const Request& request, ControlAnswer& answer) {
   answer.tlv = kMandatoryTlv;
   put(answer, {0});
-  put_version(answer, qmux::kControlService, kControlMajor, kControlMinor);
+  put_version(answer, qmi::kControlService, kControlMajor, kControlMinor);
   for (const Modem::Slot& slot : request.modem.slots()) {
     const Service& service = *slot.service;
     if (request.modem.find_running(service.id()) == nullptr) continue;
@@ -43,7 +43,7 @@ QmiError get_version_info(const Request& request, ControlAnswer& answer) {
 
 // The mandatory TLV where it has exactly that size; else why not.
 QmiError read_mandatory(const Request& request, size_t size, std::span<const uint8_t>& value) {
-  const auto tlv = qmux::find_tlv(request.tlvs, kMandatoryTlv);
+  const auto tlv = qmi::find_tlv(request.tlvs, kMandatoryTlv);
   if (!tlv) return QMI_ERR_MISSING_ARG_V01;
   if (tlv->size() != size) return QMI_ERR_MALFORMED_MSG_V01;
   value = *tlv;
@@ -76,8 +76,8 @@ QmiError release_client_id(const Request& request, ControlAnswer& answer) {
 }
 
 QmiError set_data_format(const Request& request, ControlAnswer& answer) {
-  const auto wanted = qmux::find_tlv(request.tlvs, kDataFormatTlv);
-  const uint16_t format = wanted && wanted->size() == 2 ? qmux::read_u16(wanted->data()) : kRawIp;
+  const auto wanted = qmi::find_tlv(request.tlvs, kDataFormatTlv);
+  const uint16_t format = wanted && wanted->size() == 2 ? qmi::load_u16(wanted->data()) : kRawIp;
   answer.tlv = kDataFormatTlv;
   put(answer, {static_cast<uint8_t>(format), static_cast<uint8_t>(format >> 8)});
   return QMI_ERR_NONE_V01;

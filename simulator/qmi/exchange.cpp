@@ -33,20 +33,20 @@ QmiError error_of_codec(int32_t codec_error) {
 
 }  // namespace
 
-void Exchange::on_frame(Connection& connection, const qmux::Frame& frame) {
-  const auto request = qmux::parse_request(frame);
-  if (!request) {
+void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
+  const auto request = qmi::read_message(frame);
+  if (!request || request->kind != qmi::MessageKind::kRequest) {
     ++counters_.ignored;
     return;
   }
   ++counters_.requests;
   const std::optional<Fault> fault = faults_.take(frame.service, request->id);
 
-  writer_.start(frame.service, frame.client, qmux::Kind::kResponse, request->transaction, request->id);
+  writer_.start(frame.service, frame.client, qmi::MessageKind::kResponse, request->transaction, request->id);
   QmiError error = QMI_ERR_NONE_V01;
   if (fault && fault->kind == FaultKind::kError) {
     error = fault->error;
-  } else if (frame.service == qmux::kControlService) {
+  } else if (frame.service == qmi::kControlService) {
     error = answer_control_message(connection, *request);
   } else {
     error = answer_service_message(connection, frame, *request);
@@ -70,8 +70,8 @@ void Exchange::on_gone(Connection& connection, std::string_view reason) {
   modem_.disconnect(connection);
 }
 
-QmiError Exchange::answer_control_message(Connection& connection, const qmux::Message& request) {
-  if (!request.is_whole) return QMI_ERR_MALFORMED_MSG_V01;
+QmiError Exchange::answer_control_message(Connection& connection, const qmi::Message& request) {
+  if (!request.length_agrees) return QMI_ERR_MALFORMED_MSG_V01;
   ControlAnswer answer;
   const QmiError error = answer_control(modem_, connection, request.id, request.tlvs, answer);
   if (error != QMI_ERR_NONE_V01) return error;
@@ -80,18 +80,18 @@ QmiError Exchange::answer_control_message(Connection& connection, const qmux::Me
   return QMI_ERR_NONE_V01;
 }
 
-QmiError Exchange::answer_service_message(Connection& connection, const qmux::Frame& frame,
-                                          const qmux::Message& request) {
+QmiError Exchange::answer_service_message(Connection& connection, const qmi::Frame& frame,
+                                          const qmi::Message& request) {
   if (modem_.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
   Modem::Slot* slot = modem_.find_running(frame.service);
   if (slot == nullptr || slot->clients.owner(frame.client) != &connection) return QMI_ERR_INVALID_CLIENT_ID_V01;
   Service& service = *slot->service;
   const MessageRow* row = service.find(request.id);
   if (row == nullptr) return QMI_ERR_INVALID_QMI_CMD_V01;
-  if (!request.is_whole) return QMI_ERR_MALFORMED_MSG_V01;
+  if (!request.length_agrees) return QMI_ERR_MALFORMED_MSG_V01;
 
-  const int32_t decoded = platform::decode(service.object(), QMI_IDL_REQUEST, request.id, request.tlvs.data(),
-                                           request.tlvs.size(), request_.bytes, sizeof request_.bytes);
+  const int32_t decoded = qmi::decode(service.object(), QMI_IDL_REQUEST, request.id, request.tlvs.data(),
+                                      request.tlvs.size(), request_.bytes, sizeof request_.bytes);
   if (decoded != QMI_IDL_LIB_NO_ERR) return error_of_codec(decoded);
 
   memset(response_.bytes, 0, row->response_size);
@@ -100,14 +100,14 @@ QmiError Exchange::answer_service_message(Connection& connection, const qmux::Fr
 
   size_t length = 0;
   const auto room = writer_.room();
-  const int32_t encoded = platform::encode(service.object(), QMI_IDL_RESPONSE, request.id, response_.bytes,
-                                           row->response_size, room.data(), room.size(), &length);
+  const int32_t encoded = qmi::encode(service.object(), QMI_IDL_RESPONSE, request.id, response_.bytes,
+                                      row->response_size, room.data(), room.size(), &length);
   if (encoded != QMI_IDL_LIB_NO_ERR) return QMI_ERR_ENCODING_V01;
   writer_.grow(length);
   return QMI_ERR_NONE_V01;
 }
 
-void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response,
+void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response,
                        const Fault& fault) {
   const auto keep = [&]() -> LateResponse {
     return {connection.weak_from_this(), frame.service, frame.client, {response.begin(), response.end()}};
@@ -128,9 +128,9 @@ void Exchange::deliver(Connection& connection, const qmux::Frame& frame, std::sp
     case FaultKind::kReorder:
       return hold_back(keep(), fault.delay);
     case FaultKind::kCut: {
-      const size_t size = std::min(response.size(), qmux::kFrameHeaderBytes + fault.cut_to);
+      const size_t size = std::min(response.size(), qmi::kFrameHeaderLength + fault.cut_to);
       std::vector<uint8_t> cut(response.begin(), response.begin() + static_cast<ptrdiff_t>(size));
-      qmux::write_u16(&cut[1], static_cast<uint16_t>(size - 1));
+      qmi::store_u16(&cut[1], size - 1);
       return connection.send(cut);
     }
     case FaultKind::kCloseHalf:
@@ -165,7 +165,7 @@ void Exchange::send_late(const LateResponse& response) {
   if (!receiver) return;
   const Modem::Slot* const slot = modem_.find_running(response.service);
   const bool is_addressed = slot != nullptr && slot->clients.owner(response.client) == receiver.get();
-  if (response.service == qmux::kControlService || is_addressed) receiver->send(response.bytes);
+  if (response.service == qmi::kControlService || is_addressed) receiver->send(response.bytes);
 }
 
 }  // namespace pelmar::sim

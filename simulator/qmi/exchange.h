@@ -4,6 +4,7 @@
 // costs no allocation and one send; only faults may copy a frame.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -16,7 +17,7 @@
 #include "qmi/connection.h"
 #include "qmi/faults.h"
 #include "qmi/modem.h"
-#include "qmi/qmux.h"
+#include "qmux.h"
 
 namespace pelmar::sim {
 
@@ -53,12 +54,12 @@ class Exchange final : public Connection::Handler {
     EventLoop::TimerId limit;
   };
 
-  void on_frame(Connection& connection, const qmux::Frame& frame) override;
+  void on_frame(Connection& connection, const qmi::Frame& frame) override;
   void on_gone(Connection& connection, std::string_view reason) override;
 
-  QmiError answer_control_message(Connection& connection, const qmux::Message& request);
-  QmiError answer_service_message(Connection& connection, const qmux::Frame& frame, const qmux::Message& request);
-  void deliver(Connection& connection, const qmux::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
+  QmiError answer_control_message(Connection& connection, const qmi::Message& request);
+  QmiError answer_service_message(Connection& connection, const qmi::Frame& frame, const qmi::Message& request);
+  void deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
   void hold_back(LateResponse response, EventLoop::Clock::duration limit);
   void send_held(const Connection& connection);
   void send_late(const LateResponse& response);
@@ -66,7 +67,8 @@ class Exchange final : public Connection::Handler {
   EventLoop& loop_;
   Modem& modem_;
   Faults& faults_;
-  qmux::FrameWriter writer_;
+  std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
+  qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};
   Structure request_;
   Structure response_;
   std::list<HeldResponse> held_;  // behind the next response of their connections

@@ -28,7 +28,7 @@ void Modem::take_down(Slot& slot) {
   slot.clients.for_each([&](uint8_t client, Connection& owner) {
     free_client(slot, client);
     const uint8_t revoked[] = {slot.service->id(), client};
-    writer_.start(qmux::kControlService, 0, qmux::Kind::kIndication, 0, kControlRevokeClientId);
+    writer_.start(qmi::kControlService, 0, qmi::MessageKind::kIndication, 0, kControlRevokeClientId);
     writer_.add_tlv(0x01, revoked);
     owner.send(writer_.finish());
   });
@@ -39,14 +39,14 @@ void Modem::restart(std::chrono::milliseconds starting_time) {
   if (state_ == State::kOff) return;
   void_all_clients();
   start(starting_time);
-  broadcast(qmux::kControlService, kControlSync, {});
+  broadcast(qmi::kControlService, kControlSync, {});
 }
 
 void Modem::turn_off() {
   void_all_clients();
   loop_.cancel(start_timer_);
   state_ = State::kOff;
-  broadcast(qmux::kControlService, kControlSync, {});
+  broadcast(qmi::kControlService, kControlSync, {});
 }
 
 void Modem::turn_on(std::chrono::milliseconds starting_time) {
@@ -91,7 +91,7 @@ size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tl
   size_t sent = 0;
   slot.clients.for_each([&](uint8_t client, Connection& owner) {
     if (!wants(client)) return;
-    writer_.start(slot.service->id(), client, qmux::Kind::kIndication, 0, message);
+    writer_.start(slot.service->id(), client, qmi::MessageKind::kIndication, 0, message);
     writer_.add_tlvs(tlvs);
     owner.send(writer_.finish());
     ++sent;
@@ -103,11 +103,11 @@ size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tl
 bool Modem::indicate(Slot& slot, uint8_t client, uint16_t message, const void* structure, size_t size) {
   Connection* const owner = slot.clients.owner(client);
   if (owner == nullptr) return false;
-  writer_.start(slot.service->id(), client, qmux::Kind::kIndication, 0, message);
+  writer_.start(slot.service->id(), client, qmi::MessageKind::kIndication, 0, message);
   const auto room = writer_.room();
   size_t length = 0;
-  const int32_t result = platform::encode(slot.service->object(), QMI_IDL_INDICATION, message, structure, size,
-                                          room.data(), room.size(), &length);
+  const int32_t result = qmi::encode(slot.service->object(), QMI_IDL_INDICATION, message, structure, size, room.data(),
+                                     room.size(), &length);
   if (result != QMI_IDL_LIB_NO_ERR) return false;
   writer_.grow(length);
   owner->send(writer_.finish());
@@ -117,8 +117,8 @@ bool Modem::indicate(Slot& slot, uint8_t client, uint16_t message, const void* s
 
 size_t Modem::broadcast(uint8_t service, uint16_t message, std::span<const uint8_t> tlvs) {
   if (connections_ == nullptr) return 0;
-  const uint8_t client = service == qmux::kControlService ? 0 : qmux::kBroadcastClient;
-  writer_.start(service, client, qmux::Kind::kIndication, 0, message);
+  const uint8_t client = service == qmi::kControlService ? 0 : qmi::kAllClients;
+  writer_.start(service, client, qmi::MessageKind::kIndication, 0, message);
   writer_.add_tlvs(tlvs);
   const auto frame = writer_.finish();
   connections_->for_each([&](Connection& connection) { connection.send(frame); });

@@ -5,6 +5,7 @@
 // Connections stay.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -17,8 +18,8 @@
 #include "io/event_loop.h"
 #include "qmi/client_ids.h"
 #include "qmi/connection.h"
-#include "qmi/qmux.h"
 #include "qmi/service.h"
+#include "qmux.h"
 
 namespace pelmar::sim {
 
@@ -83,7 +84,8 @@ class Modem {
   Slot* slot_by_id_[256] = {};
   State state_ = State::kReady;
   EventLoop::TimerId start_timer_{};
-  qmux::FrameWriter writer_;
+  std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
+  qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};
   uint64_t indications_ = 0;
 };
 

@@ -12,8 +12,8 @@ namespace {
 
 bool describes(qmi_idl_service_object_type object, qmi_idl_type_of_message_type type, uint16_t message,
                uint32_t structure_size) {
-  platform::MessageSize size{};
-  return platform::message_size(object, type, message, &size) == QMI_IDL_LIB_NO_ERR &&
+  qmi::MessageSize size{};
+  return qmi::message_size(object, type, message, &size) == QMI_IDL_LIB_NO_ERR &&
          size.structure_length == structure_size;
 }
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "vs_service_object.h"
+#include "vs_tables.h"
 
 namespace pelmar::sim {
 
@@ -45,7 +45,7 @@ std::optional<uint16_t> subscription_of(const Request& request) {
 }  // namespace
 
 VsService::VsService(Storage& storage, std::function<void()> reset_modem, Reporters& reporters, Statistics& statistics)
-    : Service("vs", &vs_qmi_idl_service_object_v01, kMessages),
+    : Service("vs", &vs::kService, kMessages),
       storage_(storage),
       reset_modem_(std::move(reset_modem)),
       reporters_(reporters),

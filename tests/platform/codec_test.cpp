@@ -10,7 +10,7 @@
 
 #include "qmi_idl_lib_internal.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -225,4 +225,4 @@ TEST(Codec, SurvivesAlteredMessages) {
 }
 
 }  // namespace
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi

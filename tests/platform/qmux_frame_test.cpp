@@ -1,5 +1,5 @@
 // Cutting a byte stream into frames.
-#include "qmux_frame.h"
+#include "frame_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -24,8 +24,10 @@ std::vector<unsigned> ids_of(const Bytes& bytes, size_t step) {
     std::memcpy(space, bytes.data() + at, length);
     reader.add(length);
     at += length;
-    Frame frame;
-    while (reader.next(frame)) ids.push_back(frame.message[3] | frame.message[4] << 8u);
+    qmi::Frame frame;
+    while (reader.next(frame)) {
+      if (const auto message = qmi::read_message(frame)) ids.push_back(message->id);
+    }
   }
   if (reader.is_broken()) ids.push_back(kBroken);
   return ids;

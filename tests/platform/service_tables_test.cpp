@@ -8,7 +8,7 @@
 #include "qmi_codec.h"
 #include "sar_messages.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -91,4 +91,4 @@ TEST(ServiceTables, SarStateOnTheWire) {
 }
 
 }  // namespace
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi

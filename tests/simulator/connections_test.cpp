@@ -301,7 +301,7 @@ TEST(Streams, EndWhereThereIsNoMemoryForThem) {
 
 TEST(Streams, AreLeftOutOfABroadcastThatHasClosedThem) {
   struct Ignore final : Connection::Handler {
-    void on_frame(Connection&, const qmux::Frame&) override {}
+    void on_frame(Connection&, const qmi::Frame&) override {}
     void on_gone(Connection&, std::string_view) override {}
   } handler;
   ScratchDirectory directory;

@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 
 #include "io/local_socket.h"
-#include "qmi/qmux.h"
 #include "qmi_codec.h"
+#include "qmux.h"
 
 namespace pelmar::sim::test {
 
@@ -37,7 +37,7 @@ uint16_t Received::error() const {
 }
 
 Bytes Received::value(uint8_t type) const {
-  const auto found = qmux::find_tlv(tlvs, type);
+  const auto found = qmi::find_tlv(tlvs, type);
   return found ? Bytes(found->begin(), found->end()) : Bytes();
 }
 
@@ -116,14 +116,13 @@ uint16_t QmuxClient::call(qmi_idl_service_object_type object, uint8_t client, ui
                           size_t request_size, void* response, size_t response_size) {
   Bytes bytes(size_t{16} << 10);
   size_t length = 0;
-  EXPECT_EQ(
-      platform::encode(object, QMI_IDL_REQUEST, message, request, request_size, bytes.data(), bytes.size(), &length),
-      0);
+  EXPECT_EQ(qmi::encode(object, QMI_IDL_REQUEST, message, request, request_size, bytes.data(), bytes.size(), &length),
+            0);
   bytes.resize(length);
   const Received answer = ask(static_cast<uint8_t>(object->service_id), client, message, bytes);
-  EXPECT_EQ(platform::decode(object, QMI_IDL_RESPONSE, message, answer.tlvs.data(), answer.tlvs.size(), response,
-                             response_size),
-            0);
+  EXPECT_EQ(
+      qmi::decode(object, QMI_IDL_RESPONSE, message, answer.tlvs.data(), answer.tlvs.size(), response, response_size),
+      0);
   return answer.error();
 }
 

@@ -11,7 +11,7 @@
 #include "qmux_client.h"
 #include "sim_process.h"
 #include "vs_messages.h"
-#include "vs_service_object.h"
+#include "vs_tables.h"
 
 namespace pelmar::sim::test {
 
@@ -41,7 +41,7 @@ class Client {
 
 class VsClient : public Client {
  public:
-  explicit VsClient(const SimProcess& modem) : Client(modem, &vs_qmi_idl_service_object_v01) {}
+  explicit VsClient(const SimProcess& modem) : Client(modem, &vs::kService) {}
   void want_events(bool ab, bool c) {
     call<vs::PlainResponse>(vs::kSetEventReport, vs::SetEventReportRequest{1, ab, 1, c});
   }

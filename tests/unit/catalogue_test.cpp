@@ -133,8 +133,8 @@ class VsCatalogue : public testing::Test {
   Encoded encode(const Message& message, const std::vector<uint8_t>& content) const {
     std::vector<uint8_t> wire(16384);
     size_t length = 0;
-    const int32_t code = pelmar::platform::encode(service_, message.type, message.id, content.data(), content.size(),
-                                                  wire.data(), wire.size(), &length);
+    const int32_t code = pelmar::qmi::encode(service_, message.type, message.id, content.data(), content.size(),
+                                             wire.data(), wire.size(), &length);
     wire.resize(length);
     return {code, wire};
   }
@@ -146,8 +146,8 @@ class VsCatalogue : public testing::Test {
     EXPECT_EQ(encode(message, content).wire, wire);
     if (message.wire.empty() && message.size == 1) return;  // the byte of an empty structure has no meaning
     std::vector<uint8_t> decoded(message.size, 0xEE);
-    EXPECT_EQ(pelmar::platform::decode(service_, message.type, message.id, wire.data(), wire.size(), decoded.data(),
-                                       decoded.size()),
+    EXPECT_EQ(pelmar::qmi::decode(service_, message.type, message.id, wire.data(), wire.size(), decoded.data(),
+                                  decoded.size()),
               0);
     EXPECT_EQ(decoded, content);
   }
@@ -162,8 +162,8 @@ TEST_F(VsCatalogue, EveryMessageHasItsBytesAndSize) {
     SCOPED_TRACE(testing::Message() << "message " << std::hex << message.id << " of type " << message.type);
     ids[message.type].insert(message.id);
     expect_bytes(message);
-    pelmar::platform::MessageSize size = {};
-    EXPECT_EQ(pelmar::platform::message_size(service_, message.type, message.id, &size), 0);
+    pelmar::qmi::MessageSize size = {};
+    EXPECT_EQ(pelmar::qmi::message_size(service_, message.type, message.id, &size), 0);
     EXPECT_EQ(size.structure_length, message.size);
     EXPECT_EQ(size.max_wire_length, message.max_wire);
   }

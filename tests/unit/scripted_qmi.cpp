@@ -327,8 +327,8 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_
                                                 unsigned structure_length) {
   if (handle == nullptr) return QMI_CLIENT_INVALID_CLNT;
   if (on_decode) return on_decode(msg_id, static_cast<uint8_t*>(structure), structure_length);
-  return pelmar::platform::decode(handle->service, type, static_cast<uint16_t>(msg_id),
-                                  static_cast<const uint8_t*>(bytes), length, structure, structure_length);
+  return pelmar::qmi::decode(handle->service, type, static_cast<uint16_t>(msg_id), static_cast<const uint8_t*>(bytes),
+                             length, structure, structure_length);
 }
 
 qmi_client_error_type qmi_client_release(qmi_client_type handle) {

@@ -157,7 +157,7 @@ int32_t Client::register_error_callback(qmi_client_error_cb function, void* data
 
 int32_t Client::decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length,
                        void* structure, size_t structure_length) const {
-  return platform::decode(service_, type, id, static_cast<const uint8_t*>(bytes), length, structure, structure_length);
+  return qmi::decode(service_, type, id, static_cast<const uint8_t*>(bytes), length, structure, structure_length);
 }
 
 void Client::release() {

@@ -17,15 +17,15 @@ constexpr Deadline::Milliseconds kPatience{500};
 constexpr size_t kMostKept = 64;
 
 bool has_invalid_client_id_error(const Message& message) {
-  const Value result = find_tlv(kResultTlv, message.tlvs, message.length);
-  return result.length == 4 && load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01 &&
-         load_u16(result.bytes + 2) == QMI_ERR_INVALID_CLIENT_ID_V01;
+  const auto result = qmi::find_tlv(message.tlvs, qmi::kResultTlv);
+  return result && result->size() == qmi::kResultLength && qmi::load_u16(&(*result)[0]) != QMI_RESULT_SUCCESS_V01 &&
+         qmi::load_u16(&(*result)[2]) == QMI_ERR_INVALID_CLIENT_ID_V01;
 }
 
 }  // namespace
 
 ClientIdCheck::Verdict ClientIdCheck::look(const Message& message) {
-  if (message.kind != MessageKind::kResponse) return Verdict::kDeliver;
+  if (message.kind != qmi::MessageKind::kResponse) return Verdict::kDeliver;
   const bool is_refused = has_invalid_client_id_error(message);
   if (message.id == kGetSupportedMessages && message.transaction == question_) {
     if (is_refused) return Verdict::kVoid;
@@ -34,7 +34,7 @@ ClientIdCheck::Verdict ClientIdCheck::look(const Message& message) {
     return Verdict::kKept;
   }
   if (!is_refused || kept_.size() == kMostKept) return Verdict::kDeliver;
-  Kept& kept = kept_.emplace_back(Kept{message, {message.tlvs, message.tlvs + message.length}});
+  Kept& kept = kept_.emplace_back(Kept{message, {message.tlvs.begin(), message.tlvs.end()}});
   kept.message.kept_since = Deadline::Clock::now();
   if (state_ == State::kSure) {
     state_ = State::kToAsk;
@@ -48,13 +48,13 @@ bool ClientIdCheck::take_kept(Message& message) {
   if (state_ != State::kSure || kept_.empty()) return false;
   message = kept_.front().message;
   taken_ = std::move(kept_.front().tlvs);
-  message.tlvs = taken_.data();
+  message.tlvs = taken_;
   kept_.pop_front();
   return true;
 }
 
 void ClientIdCheck::store_question(uint8_t* at, uint16_t transaction) {
-  store_message_header(at, MessageKind::kRequest, transaction, kGetSupportedMessages, 0);
+  qmi::store_message_header(at, qmi::MessageKind::kRequest, transaction, kGetSupportedMessages, 0);
   question_ = transaction;
   state_ = State::kAsked;
 }

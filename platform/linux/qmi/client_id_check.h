@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "deadline.h"
-#include "qmi_message.h"
+#include "transport.h"
 
 namespace pelmar::platform {
 
@@ -33,7 +33,7 @@ class ClientIdCheck {
 
   // A question is to be sent, which has that length.
   bool has_question() const { return state_ == State::kToAsk; }
-  static constexpr size_t kQuestionLength = kMessageHeaderLength;
+  static constexpr size_t kQuestionLength = qmi::kMessageHeaderLength;
   void store_question(uint8_t* at, uint16_t transaction);
 
   // When what is kept back has to be delivered; none where nothing is.

@@ -38,15 +38,13 @@ void Client::dispatch_arrivals() {
 }
 
 void Client::dispatch(const Message& message) {
-  const bool is_response = message.kind == MessageKind::kResponse;
-  observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication,
-           service_->service_id,
-           message.id,
-           {message.tlvs, message.length}});
+  const bool is_response = message.kind == qmi::MessageKind::kResponse;
+  observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication, service_->service_id,
+           message.id, message.tlvs});
   if (is_response) {
     dispatch_response(message);
   } else {
-    push(Indication{message.id, {message.tlvs, message.tlvs + message.length}});
+    push(Indication{message.id, {message.tlvs.begin(), message.tlvs.end()}});
   }
 }
 
@@ -89,7 +87,8 @@ Client::Transaction Client::take(std::list<Transaction>::iterator transaction) {
 
 int32_t Client::decode_response(const Request& request, const Message& message) const {
   if (!message.length_agrees) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
-  return decode(QMI_IDL_RESPONSE, request.id, message.tlvs, message.length, request.response, request.response_length);
+  return decode(QMI_IDL_RESPONSE, request.id, message.tlvs.data(), message.tlvs.size(), request.response,
+                request.response_length);
 }
 
 void Client::finish(Waiter& waiter, int32_t answer) {

@@ -75,8 +75,8 @@ void Client::mark_lost(const Request& request) {
 }
 
 int32_t Client::check_response_length(const Request& request) const {
-  MessageSize size;
-  const int32_t error = message_size(service_, QMI_IDL_RESPONSE, request.id, &size);
+  qmi::MessageSize size;
+  const int32_t error = qmi::message_size(service_, QMI_IDL_RESPONSE, request.id, &size);
   if (error != QMI_IDL_LIB_NO_ERR) return error;
   if (request.response == nullptr) return QMI_CLIENT_PARAM_ERR;
   return request.response_length < size.structure_length ? QMI_IDL_LIB_BUFFER_TOO_SMALL : QMI_IDL_LIB_NO_ERR;
@@ -110,12 +110,16 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   if (status == SendStatus::kSent) {
     uint8_t* const buffer = connection_->message_buffer();
     size_t length = 0;
-    error = encode(service_, QMI_IDL_REQUEST, request.id, request.structure, request.structure_length,
-                   buffer + kMessageHeaderLength, connection_->message_capacity() - kMessageHeaderLength, &length);
+    error = qmi::encode(service_, QMI_IDL_REQUEST, request.id, request.structure, request.structure_length,
+                        buffer + qmi::kMessageHeaderLength, connection_->message_capacity() - qmi::kMessageHeaderLength,
+                        &length);
     if (error == QMI_NO_ERR) {
-      store_message_header(buffer, MessageKind::kRequest, transaction, request.id, length);
-      observe({Observation::Kind::kRequest, service_->service_id, request.id, {buffer + kMessageHeaderLength, length}});
-      status = connection_->send(kMessageHeaderLength + length);
+      qmi::store_message_header(buffer, qmi::MessageKind::kRequest, transaction, request.id, length);
+      observe({Observation::Kind::kRequest,
+               service_->service_id,
+               request.id,
+               {buffer + qmi::kMessageHeaderLength, length}});
+      status = connection_->send(qmi::kMessageHeaderLength + length);
     }
   }
   lock.lock();

@@ -53,7 +53,7 @@ int32_t open_connection(qmi_idl_service_object_type service, Deadline::Milliseco
                         std::unique_ptr<Connection>& connection) {
   const Deadline deadline = Deadline::after(timeout);
   const Deadline response_deadline = Deadline::after(timeout + kOpenPatience);
-  const size_t message_capacity = kMessageHeaderLength + service->max_msg_len;
+  const size_t message_capacity = qmi::kMessageHeaderLength + service->max_msg_len;
   for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
     const int32_t error =
         default_transport().open(service->service_id, message_capacity, response_deadline, connection);

@@ -4,43 +4,24 @@
 
 #include "common_v01.h"
 #include "environment.h"
-#include "qmi_message.h"
 
 namespace pelmar::platform {
 namespace {
 
-constexpr uint8_t kControlRequest = 0;
-constexpr uint8_t kControlResponse = 1;
-constexpr uint8_t kControlIndication = 2;
-
 constexpr uint8_t kValueTlv = 0x01;
-
-Value find_control_tlv(uint8_t type, const Frame& frame) {
-  return find_tlv(type, frame.message + kControlHeaderLength, frame.length - kControlHeaderLength);
-}
-
-bool is_control(const Frame& frame, uint8_t flags) {
-  return frame.service == kControlService && frame.message[0] == flags;
-}
 
 }  // namespace
 
-bool load_control_indication(const Frame& frame, ControlIndication& indication) {
-  if (!is_control(frame, kControlIndication)) return false;
-  indication = {ControlIndication::kOther, 0, 0};
-  switch (static_cast<ControlMessage>(load_u16(frame.message + 2))) {
-    case ControlMessage::kSync:
-      indication.event = ControlIndication::kRestarted;
-      break;
-    case ControlMessage::kRevokeClientId:
-      if (const Value value = find_control_tlv(kValueTlv, frame); value.length >= 2) {
-        indication = {ControlIndication::kRevoked, value.bytes[0], value.bytes[1]};
-      }
-      break;
-    default:
-      break;
+ControlIndication read_control_indication(const qmi::Message& message) {
+  if (message.kind == qmi::MessageKind::kIndication) {
+    const auto id = static_cast<ControlMessage>(message.id);
+    if (id == ControlMessage::kSync) return {ControlIndication::kRestarted, 0, 0};
+    const auto value = qmi::find_tlv(message.tlvs, kValueTlv);
+    if (id == ControlMessage::kRevokeClientId && value && value->size() >= 2) {
+      return {ControlIndication::kRevoked, (*value)[0], (*value)[1]};
+    }
   }
-  return true;
+  return {ControlIndication::kOther, 0, 0};
 }
 
 std::string modem_socket() {
@@ -84,7 +65,7 @@ QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, 
   const Answer answer = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
   if (answer != Answer::kSuccess) return answer;
   if (value.size() < 2 || value[0] != service) return Answer::kFailure;
-  if (value[1] == kNoClient || value[1] == kAllClients) return Answer::kFailure;
+  if (value[1] == qmi::kNoClient || value[1] == qmi::kAllClients) return Answer::kFailure;
   client = value[1];
   if (take_restart()) {  // the id may be one of the restarted modem, or not
     send_release_client_id(service, client);
@@ -115,7 +96,7 @@ ReadStatus QmuxLink::read(const Deadline& deadline) {
   return status;
 }
 
-bool QmuxLink::next(Frame& frame) {
+bool QmuxLink::next(qmi::Frame& frame) {
   const bool is_whole = reader_.next(frame);
   if (is_whole || !reader_.has_partial_frame()) {
     partial_since_.reset();
@@ -126,22 +107,14 @@ bool QmuxLink::next(Frame& frame) {
 }
 
 SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {
-  const size_t tlvs_length = value.empty() ? 0 : kTlvHeaderLength + value.size();
   if (const SendStatus status = stream_.flush(deadline); status != SendStatus::kSent) return status;
-  Bytes frame(kQmuxHeaderLength + kControlHeaderLength);
-  store_qmux_header(frame.data(), kControlService, 0, kControlHeaderLength + tlvs_length);
   transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
-  uint8_t* const header = frame.data() + kQmuxHeaderLength;
-  header[0] = kControlRequest;
-  header[1] = transaction_;
-  store_u16(header + 2, static_cast<uint16_t>(id));
-  store_u16(header + 4, tlvs_length);
-  if (!value.empty()) {
-    frame.push_back(kValueTlv);
-    frame.push_back(static_cast<uint8_t>(value.size()));
-    frame.push_back(static_cast<uint8_t>(value.size() >> 8));
-    frame.insert(frame.end(), value.begin(), value.end());
-  }
+  Bytes bytes(qmi::kFrameHeaderLength + qmi::kControlHeaderLength + qmi::kTlvHeaderLength + value.size());
+  qmi::FrameWriter writer(qmi::Direction::kToModem, bytes);
+  writer.start(qmi::kControlService, qmi::kNoClient, qmi::MessageKind::kRequest, transaction_,
+               static_cast<uint16_t>(id));
+  if (!value.empty()) writer.add_tlv(kValueTlv, value);
+  const auto frame = writer.finish();
   const SendStatus status = stream_.send(frame.data(), frame.size());
   return status == SendStatus::kBlocked ? stream_.flush(deadline) : status;
 }
@@ -150,25 +123,25 @@ QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const
                                     Bytes* answer_value) {
   if (request(id, value, deadline) != SendStatus::kSent) return Answer::kNotSent;
   for (;;) {
-    Frame frame;
+    qmi::Frame frame;
     while (reader_.next(frame)) {
-      ControlIndication indication;
-      if (load_control_indication(frame, indication)) {
-        saw_restart_ |= indication.event == ControlIndication::kRestarted;
-        if (indication.event == ControlIndication::kRevoked) revoked_.insert({indication.service, indication.client});
-      }
-      if (!is_control(frame, kControlResponse) || frame.message[1] != transaction_ ||
-          load_u16(frame.message + 2) != static_cast<uint16_t>(id)) {
+      const auto message = qmi::read_message(frame);
+      if (frame.service != qmi::kControlService || !message) continue;
+      const ControlIndication indication = read_control_indication(*message);
+      saw_restart_ |= indication.event == ControlIndication::kRestarted;
+      if (indication.event == ControlIndication::kRevoked) revoked_.insert({indication.service, indication.client});
+      if (message->kind != qmi::MessageKind::kResponse || message->transaction != transaction_ ||
+          message->id != static_cast<uint16_t>(id)) {
         continue;
       }
-      const Value result = find_control_tlv(kResultTlv, frame);
-      if (result.length != 4) return Answer::kFailure;
-      if (load_u16(result.bytes) != QMI_RESULT_SUCCESS_V01) {
-        return load_u16(result.bytes + 2) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Answer::kClientIdsExhausted
-                                                                              : Answer::kFailure;
+      const auto result = qmi::find_tlv(message->tlvs, qmi::kResultTlv);
+      if (!result || result->size() != qmi::kResultLength) return Answer::kFailure;
+      if (qmi::load_u16(&(*result)[0]) != QMI_RESULT_SUCCESS_V01) {
+        return qmi::load_u16(&(*result)[2]) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Answer::kClientIdsExhausted
+                                                                                : Answer::kFailure;
       }
-      const Value found = find_control_tlv(kValueTlv, frame);
-      if (answer_value != nullptr) answer_value->assign(found.bytes, found.bytes + found.length);
+      const auto found = qmi::find_tlv(message->tlvs, kValueTlv).value_or(std::span<const uint8_t>());
+      if (answer_value != nullptr) answer_value->assign(found.begin(), found.end());
       return Answer::kSuccess;
     }
     if (reader_.is_broken() || deadline.has_passed() || read(deadline) != ReadStatus::kRead) return Answer::kNoAnswer;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "deadline.h"
-#include "qmux_frame.h"
+#include "frame_reader.h"
 #include "socket_stream.h"
 
 namespace pelmar::platform {
@@ -30,8 +30,8 @@ struct ControlIndication {
   uint8_t client;
 };
 
-// A message of the CTL service that is an indication; false for all others.
-bool load_control_indication(const Frame& frame, ControlIndication& indication);
+// Of a message of the CTL service; kOther for one that is no indication.
+ControlIndication read_control_indication(const qmi::Message& message);
 
 // Where the modem is: the socket of its proxy, and the device that the proxy is to open.
 std::string modem_socket();
@@ -66,7 +66,7 @@ class QmuxLink {
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }
   ReadStatus read(const Deadline& deadline);
-  bool next(Frame& frame);
+  bool next(qmi::Frame& frame);
   bool is_broken() const { return reader_.is_broken(); }
 
   // After next() returned false: since when a frame has been waiting for its rest.

@@ -22,7 +22,7 @@ constexpr Deadline::Milliseconds kLookTimeout{2000};
 // What giving back the ids of others may hold up an open.
 constexpr Deadline::Milliseconds kReleaseTimeout{500};
 
-constexpr size_t kMaxMessageLength = UINT16_MAX - (kQmuxHeaderLength - 1);
+constexpr size_t kMaxMessageLength = qmi::kMaxFrameLength - qmi::kFrameHeaderLength;
 
 bool offers(const std::vector<uint8_t>& services, uint8_t service) {
   return std::find(services.begin(), services.end(), service) != services.end();
@@ -47,31 +47,32 @@ class QmuxConnection final : public Connection {
         service_(service),
         client_(client),
         capacity_(std::min(message_capacity, kMaxMessageLength)),
-        frame_(new uint8_t[kQmuxHeaderLength + capacity_]) {}
+        frame_(new uint8_t[qmi::kFrameHeaderLength + capacity_]) {}
 
   ~QmuxConnection() override { abandon(Deadline::after(kReleaseTimeout)); }
 
   int descriptor() const override { return link_.stream().descriptor(); }
-  uint8_t* message_buffer() override { return frame_.get() + kQmuxHeaderLength; }
+  uint8_t* message_buffer() override { return frame_.get() + qmi::kFrameHeaderLength; }
   size_t message_capacity() const override { return capacity_; }
 
   SendStatus send(size_t length) override {
-    store_qmux_header(frame_.get(), service_, client_, length);
-    return link_.stream().send(frame_.get(), kQmuxHeaderLength + length);
+    qmi::store_frame_header(frame_.get(), qmi::Direction::kToModem, service_, client_, length);
+    return link_.stream().send(frame_.get(), qmi::kFrameHeaderLength + length);
   }
   bool has_unsent() const override { return link_.stream().has_unsent(); }
   SendStatus flush(const Deadline& deadline) override { return link_.stream().flush(deadline); }
   ReadStatus read(const Deadline& deadline) override { return link_.read(deadline); }
 
   Arrival next(Message& message) override {
-    Frame frame;
+    qmi::Frame frame;
     while (!check_.take_kept(message)) {
       if (!link_.next(frame)) return link_.is_broken() ? Arrival::kBrokenStream : Arrival::kNone;
-      ControlIndication indication;
-      if (load_control_indication(frame, indication)) {
-        if (voids_client_id(indication)) return Arrival::kServiceGone;
-      } else if (is_for_us(frame) && load_message(frame.message, frame.length, message) &&
-                 (frame.client != kAllClients || message.kind == MessageKind::kIndication)) {
+      const auto arrived = qmi::read_message(frame);
+      if (!arrived) continue;
+      if (frame.service == qmi::kControlService) {
+        if (voids_client_id(read_control_indication(*arrived))) return Arrival::kServiceGone;
+      } else if (is_for_us(frame, arrived->kind)) {
+        message = {*arrived};
         const auto verdict = check_.look(message);
         if (verdict == ClientIdCheck::Verdict::kDeliver) break;
         if (verdict == ClientIdCheck::Verdict::kVoid) {
@@ -91,9 +92,9 @@ class QmuxConnection final : public Connection {
   }
   bool has_question() const override { return check_.has_question() && !has_unsent(); }
   void ask(uint16_t transaction) override {
-    uint8_t question[kQmuxHeaderLength + ClientIdCheck::kQuestionLength];
-    store_qmux_header(question, service_, client_, ClientIdCheck::kQuestionLength);
-    check_.store_question(question + kQmuxHeaderLength, transaction);
+    uint8_t question[qmi::kFrameHeaderLength + ClientIdCheck::kQuestionLength];
+    qmi::store_frame_header(question, qmi::Direction::kToModem, service_, client_, ClientIdCheck::kQuestionLength);
+    check_.store_question(question + qmi::kFrameHeaderLength, transaction);
     link_.stream().send(question, sizeof question);
   }
 
@@ -133,8 +134,10 @@ class QmuxConnection final : public Connection {
     }
     return is_revoked;
   }
-  bool is_for_us(const Frame& frame) const {
-    return frame.service == service_ && (frame.client == client_ || frame.client == kAllClients);
+  bool is_for_us(const qmi::Frame& frame, qmi::MessageKind kind) const {
+    if (frame.service != service_) return false;
+    return kind == qmi::MessageKind::kIndication ? frame.client == client_ || frame.client == qmi::kAllClients
+                                                 : frame.client == client_ && kind == qmi::MessageKind::kResponse;
   }
 
   ClientIdRecord::Id id() const { return {service_, client_}; }
@@ -232,7 +235,7 @@ void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const
 
 int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Deadline& deadline,
                             std::unique_ptr<Connection>& connection) {
-  if (service == kControlService || service > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
+  if (service == qmi::kControlService || service > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service);
   QmuxLink link;
   std::vector<uint8_t> services;

@@ -12,13 +12,17 @@
 #include <optional>
 
 #include "deadline.h"
-#include "qmi_message.h"
+#include "qmux.h"
 
 namespace pelmar::platform {
 
 enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
 enum class ReadStatus { kRead, kTimedOut, kGone };
 enum class Arrival { kNone, kMessage, kServiceGone, kBrokenStream };
+
+struct Message : qmi::Message {
+  std::optional<Deadline::Clock::time_point> kept_since = std::nullopt;  // where it was kept back
+};
 
 // A connection to one service. One thread at a time sends and one at a time reads; the two may be different.
 class Connection {

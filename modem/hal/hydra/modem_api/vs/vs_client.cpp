@@ -9,7 +9,6 @@
 #include "shared_word.h"
 #include "vs_events.h"
 #include "vs_messages.h"
-#include "vs_service_object.h"
 
 vs_client_context vs_client_info;
 

@@ -1,6 +1,6 @@
 // The structures of the vendor-specific service's messages, as its users fill and read them.
 //
-// The service's tables (vs_service_object.cpp) describe exactly these structures; the framework's codec turns them into
+// The service's tables (vs_tables.h) describe exactly these structures; the framework's codec turns them into
 // bytes on the wire and back. An optional TLV has a valid flag of one byte before its value, a variable array a 32-bit
 // count before its elements. Offsets and sizes are part of the interface and are asserted here.
 #pragma once

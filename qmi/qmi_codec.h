@@ -2,7 +2,7 @@
 //
 // The tables (qmi_idl_lib_internal.h has their form) are trusted; bytes from the wire are not: no input makes the codec
 // read or write outside the buffers it was given. It keeps no state, allocates nothing and may run on any thread.
-// "Wire bytes" are the TLVs of one message, without any header. Answers are 0 or a QMI_IDL_LIB_* number.
+// "Wire bytes" are the TLVs of one message, without any header. Results are 0 or a QMI_IDL_LIB_* number.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 #include "qmi_idl_lib.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 
 // Encodes `structure` into `out` and stores the number of bytes written; on an error `out` holds no message and the
 // length is 0.
@@ -35,4 +35,4 @@ struct MessageSize {
 int32_t message_size(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                      MessageSize* size);
 
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi

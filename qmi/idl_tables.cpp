@@ -2,20 +2,9 @@
 
 #include <algorithm>
 
-#include "platform_export.h"
 #include "qmi_codec.h"
 
-// The common table has one type, the standard response: result and error, 2 bytes each on the wire.
-static constexpr uint8_t kStandardResponse[] = {
-    QMI_IDL_KIND_ENUM_2_BYTES, 0, QMI_IDL_KIND_ENUM_2_BYTES, 4, QMI_IDL_TYPE_END,
-};
-static constexpr qmi_idl_type_table_entry kCommonTypes[] = {{8, kStandardResponse}};
-
-extern "C" PELMAR_PLATFORM_EXPORT constexpr qmi_idl_type_table_object common_qmi_idl_type_table_object_v01 = {
-    1, 0, 0, kCommonTypes, nullptr, nullptr, nullptr,
-};
-
-namespace pelmar::platform {
+namespace pelmar::qmi {
 
 int32_t find_message(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                      MessageDescription& message) {
@@ -41,14 +30,4 @@ int32_t message_size(qmi_idl_service_object_type service, qmi_idl_type_of_messag
   return error;
 }
 
-}  // namespace pelmar::platform
-
-extern "C" PELMAR_PLATFORM_EXPORT int32_t qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type service,
-                                                                           qmi_idl_type_of_message_type type,
-                                                                           uint16_t msg_id, uint32_t* length) {
-  if (length == nullptr) return QMI_IDL_LIB_PARAMETER_ERR;
-  pelmar::platform::MessageSize size;
-  const int32_t error = pelmar::platform::message_size(service, type, msg_id, &size);
-  if (error == QMI_IDL_LIB_NO_ERR) *length = size.structure_length;
-  return error;
-}
+}  // namespace pelmar::qmi

@@ -1,22 +1,20 @@
 // The SAR service's description: its message rows and the object that is computed from them.
-#include "platform_export.h"
+#pragma once
+
 #include "qmi_idl_table_builder.h"
 #include "sar_messages.h"
 
-namespace pelmar::platform {
-namespace {
+namespace pelmar::sar {
 
-using namespace sar;
 using qmi_idl::mandatory;
 using qmi_idl::optional;
-using qmi_idl::ServiceTables;
 using qmi_idl::sized;
 
-constexpr std::array<qmi_idl::Type, 0> kTypes = {};
-constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(RfSetStateResponse, header));
+inline constexpr std::array<qmi_idl::Type, 0> kTypes = {};
+inline constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(RfSetStateResponse, header));
 
 // clang-format off
-constexpr qmi_idl::Message kMessages[] = {
+inline constexpr qmi_idl::Message kMessages[] = {
     sized({QMI_IDL_REQUEST, QMI_SAR_RF_SET_STATE_V01, sizeof(RfSetStateRequest), 0, {
         mandatory(0x01, QMI_IDL_FIELD(RfSetStateRequest, state))}}),
     sized({QMI_IDL_REQUEST, QMI_SAR_RF_GET_STATE_V01, sizeof(RfGetStateRequest), 0}),
@@ -28,15 +26,7 @@ constexpr qmi_idl::Message kMessages[] = {
 };
 // clang-format on
 
-constinit const qmi_idl_service_object kService = ServiceTables<kTypes, kMessages>::service(
+inline constinit const qmi_idl_service_object kService = qmi_idl::ServiceTables<kTypes, kMessages>::service(
     SAR_SERVICE_ID_V01, SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS);
 
-}  // namespace
-}  // namespace pelmar::platform
-
-extern "C" PELMAR_PLATFORM_EXPORT qmi_idl_service_object_type
-sar_get_service_object_internal_v01(int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
-  const bool matches = idl_maj_version == SAR_V01_IDL_MAJOR_VERS && idl_min_version == SAR_V01_IDL_MINOR_VERS &&
-                       library_version == SAR_V01_IDL_TOOL_VERS;
-  return matches ? &pelmar::platform::kService : nullptr;
-}
+}  // namespace pelmar::sar

@@ -6,11 +6,10 @@
 
 #include "idl_tables.h"
 #include "qmi_codec.h"
+#include "qmi_tlv.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 namespace {
-
-constexpr size_t kTlvHeaderLength = 3;
 
 struct Output {
   const uint8_t* end;
@@ -98,8 +97,7 @@ uint8_t* put_tlv(const TlvHead& head, const Element& element, const uint8_t* str
   const auto length = static_cast<size_t>(end - value);
   if (length > UINT16_MAX) return output.fail(QMI_IDL_LIB_BUFFER_TOO_SMALL);
   at[0] = head.type;
-  at[1] = static_cast<uint8_t>(length);
-  at[2] = static_cast<uint8_t>(length >> 8);
+  store_u16(at + 1, length);
   return end;
 }
 
@@ -132,4 +130,4 @@ int32_t encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type
   return QMI_IDL_LIB_NO_ERR;
 }
 
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi

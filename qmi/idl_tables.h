@@ -9,7 +9,7 @@
 
 #include "qmi_idl_lib_internal.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 
 static_assert(std::endian::native == std::endian::little, "integers are copied between wire and structure as they are");
 
@@ -98,4 +98,4 @@ struct MessageDescription {
 int32_t find_message(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                      MessageDescription& message);
 
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi

@@ -1,38 +1,25 @@
 // The NAS service's description: its type and message rows and the object that is computed from them.
+#pragma once
+
 #include "nas_messages.h"
-#include "platform_export.h"
 #include "qmi_idl_table_builder.h"
 
+namespace pelmar::nas {
+
+using qmi_idl::mandatory;
+using qmi_idl::optional;
+using qmi_idl::sized;
+
 // Each type's row is followed by what members of that type are to the codec.
-namespace pelmar::qmi_idl {
-
-using nas::LteCell;
-using nas::LteCellLock;
-using nas::LteFrequency;
-using nas::LteInterFrequency;
-using nas::LteIntraFrequency;
-
-namespace {
-
-constexpr Element aggregate(const Type& type, uint16_t index) {
-  return {.kind = QMI_IDL_KIND_AGGREGATE,
-          .item_wire_size = static_cast<uint16_t>(wire_maximum(type)),
-          .type_index = index,
-          .type_table = 0};
+inline constexpr qmi_idl::Type kLteCell = {
+    sizeof(LteCell),
+    {QMI_IDL_FIELD(LteCell, physical_cell_id), QMI_IDL_FIELD(LteCell, rsrq), QMI_IDL_FIELD(LteCell, rsrp),
+     QMI_IDL_FIELD(LteCell, rssi), QMI_IDL_FIELD(LteCell, level)}};
+constexpr qmi_idl::Element aggregate_of(const LteCell*) {
+  return aggregate(kLteCell, 0);
 }
 
-constexpr Type kLteCell = {sizeof(LteCell),
-                           {QMI_IDL_FIELD(LteCell, physical_cell_id), QMI_IDL_FIELD(LteCell, rsrq),
-                            QMI_IDL_FIELD(LteCell, rsrp), QMI_IDL_FIELD(LteCell, rssi), QMI_IDL_FIELD(LteCell, level)}};
-
-}  // namespace
-
-template <>
-inline constexpr Element kAggregate<LteCell> = aggregate(kLteCell, 0);
-
-namespace {
-
-constexpr Type kLteIntraFrequency = {
+inline constexpr qmi_idl::Type kLteIntraFrequency = {
     sizeof(LteIntraFrequency),
     {QMI_IDL_FIELD(LteIntraFrequency, is_idle), QMI_IDL_FIELD(LteIntraFrequency, plmn),
      QMI_IDL_FIELD(LteIntraFrequency, tracking_area_code), QMI_IDL_FIELD(LteIntraFrequency, global_cell_id),
@@ -40,50 +27,36 @@ constexpr Type kLteIntraFrequency = {
      QMI_IDL_FIELD(LteIntraFrequency, priority), QMI_IDL_FIELD(LteIntraFrequency, s_non_intra_search),
      QMI_IDL_FIELD(LteIntraFrequency, threshold_low), QMI_IDL_FIELD(LteIntraFrequency, s_intra_search),
      QMI_IDL_COUNTED(LteIntraFrequency, cell_count, cells)}};
+constexpr qmi_idl::Element aggregate_of(const LteIntraFrequency*) {
+  return aggregate(kLteIntraFrequency, 1);
+}
 
-constexpr Type kLteFrequency = {sizeof(LteFrequency),
-                                {QMI_IDL_FIELD(LteFrequency, earfcn), QMI_IDL_FIELD(LteFrequency, threshold_low),
-                                 QMI_IDL_FIELD(LteFrequency, threshold_high), QMI_IDL_FIELD(LteFrequency, priority),
-                                 QMI_IDL_COUNTED(LteFrequency, cell_count, cells)}};
+inline constexpr qmi_idl::Type kLteFrequency = {
+    sizeof(LteFrequency),
+    {QMI_IDL_FIELD(LteFrequency, earfcn), QMI_IDL_FIELD(LteFrequency, threshold_low),
+     QMI_IDL_FIELD(LteFrequency, threshold_high), QMI_IDL_FIELD(LteFrequency, priority),
+     QMI_IDL_COUNTED(LteFrequency, cell_count, cells)}};
+constexpr qmi_idl::Element aggregate_of(const LteFrequency*) {
+  return aggregate(kLteFrequency, 2);
+}
 
-}  // namespace
-
-template <>
-inline constexpr Element kAggregate<LteIntraFrequency> = aggregate(kLteIntraFrequency, 1);
-template <>
-inline constexpr Element kAggregate<LteFrequency> = aggregate(kLteFrequency, 2);
-
-namespace {
-
-constexpr Type kLteInterFrequency = {
+inline constexpr qmi_idl::Type kLteInterFrequency = {
     sizeof(LteInterFrequency),
     {QMI_IDL_FIELD(LteInterFrequency, is_idle), QMI_IDL_COUNTED(LteInterFrequency, frequency_count, frequencies)}};
+constexpr qmi_idl::Element aggregate_of(const LteInterFrequency*) {
+  return aggregate(kLteInterFrequency, 3);
+}
 
-constexpr Type kLteCellLock = {sizeof(LteCellLock),
-                               {QMI_IDL_FIELD(LteCellLock, value), QMI_IDL_FIELD(LteCellLock, parameter)}};
+inline constexpr qmi_idl::Type kLteCellLock = {
+    sizeof(LteCellLock), {QMI_IDL_FIELD(LteCellLock, value), QMI_IDL_FIELD(LteCellLock, parameter)}};
+constexpr qmi_idl::Element aggregate_of(const LteCellLock*) {
+  return aggregate(kLteCellLock, 4);
+}
 
-}  // namespace
+inline constexpr qmi_idl::Type kTypes[] = {kLteCell, kLteIntraFrequency, kLteFrequency, kLteInterFrequency,
+                                           kLteCellLock};
 
-template <>
-inline constexpr Element kAggregate<LteInterFrequency> = aggregate(kLteInterFrequency, 3);
-template <>
-inline constexpr Element kAggregate<LteCellLock> = aggregate(kLteCellLock, 4);
-
-}  // namespace pelmar::qmi_idl
-
-namespace pelmar::platform {
-namespace {
-
-using namespace nas;
-using qmi_idl::mandatory;
-using qmi_idl::optional;
-using qmi_idl::ServiceTables;
-using qmi_idl::sized;
-
-constexpr std::array kTypes = {qmi_idl::kLteCell, qmi_idl::kLteIntraFrequency, qmi_idl::kLteFrequency,
-                               qmi_idl::kLteInterFrequency, qmi_idl::kLteCellLock};
-
-constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(PlainResponse, header));
+inline constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(PlainResponse, header));
 
 // One kind of indication: its valid flag and value stand at `offset`.
 constexpr qmi_idl::Tlv registration(uint8_t type, size_t offset) {
@@ -98,7 +71,7 @@ constexpr qmi_idl::Element small_enumeration(qmi_idl::Element element) {
 }
 
 // clang-format off
-constexpr qmi_idl::Message kMessages[] = {
+inline constexpr qmi_idl::Message kMessages[] = {
     sized({QMI_IDL_REQUEST, QMI_NAS_REGISTER_INDICATIONS_V01, sizeof(RegisterIndicationsRequest), 0, {
         registration(0x10, 0), registration(0x12, 2),
         registration(0x13, offsetof(RegisterIndicationsRequest, serving_system)),
@@ -142,15 +115,7 @@ constexpr qmi_idl::Message kMessages[] = {
 };
 // clang-format on
 
-constinit const qmi_idl_service_object kService = ServiceTables<kTypes, kMessages>::service(
+inline constinit const qmi_idl_service_object kService = qmi_idl::ServiceTables<kTypes, kMessages>::service(
     NAS_SERVICE_ID_V01, NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS);
 
-}  // namespace
-}  // namespace pelmar::platform
-
-extern "C" PELMAR_PLATFORM_EXPORT qmi_idl_service_object_type
-nas_get_service_object_internal_v01(int32_t idl_maj_version, int32_t idl_min_version, int32_t library_version) {
-  const bool matches = idl_maj_version == NAS_V01_IDL_MAJOR_VERS && idl_min_version == NAS_V01_IDL_MINOR_VERS &&
-                       library_version == NAS_V01_IDL_TOOL_VERS;
-  return matches ? &pelmar::platform::kService : nullptr;
-}
+}  // namespace pelmar::nas

@@ -10,14 +10,12 @@
 
 #include "idl_tables.h"
 #include "qmi_codec.h"
+#include "qmi_tlv.h"
 
-namespace pelmar::platform {
+namespace pelmar::qmi {
 namespace {
 
-constexpr size_t kTlvHeaderLength = 3;
-constexpr uint8_t kResultTlv = 0x02;         // of every response
 constexpr uint8_t kFirstOptionalTlv = 0x10;  // an unknown TLV below is one that the sender wants understood
-constexpr size_t kStandardResultLength = 4;
 
 // The value of one TLV.
 struct Input {
@@ -42,7 +40,7 @@ class Output {
  public:
   explicit Output(uint8_t* structure) : filled_(structure) {}
 
-  // Answers `to` for the caller to write `length` bytes there, after zeroing what lies between it and the bytes before.
+  // Returns `to` for the caller to write `length` bytes there, after zeroing what lies between it and the bytes before.
   uint8_t* claim(uint8_t* to, size_t length) {
     if (to > filled_) std::memset(filled_, 0, static_cast<size_t>(to - filled_));
     if (to + length > filled_) filled_ = to + length;
@@ -52,10 +50,6 @@ class Output {
  private:
   uint8_t* filled_;
 };
-
-uint16_t read_u16(const uint8_t* at) {
-  return static_cast<uint16_t>(at[0] | at[1] << 8);
-}
 
 // memcpy for lengths that are mostly a few bytes.
 inline void copy(uint8_t* to, const uint8_t* from, size_t length) {
@@ -88,7 +82,7 @@ inline const uint8_t* get_bytes(size_t length, const uint8_t* at, uint8_t* to, I
 inline const uint8_t* get_wire_count(const Element& element, const uint8_t* at, uint32_t& count, Input& input) {
   const size_t width = element.has_wide_count ? 2 : 1;
   if (!input.has(at, width)) return nullptr;
-  count = element.has_wide_count ? read_u16(at) : *at;
+  count = element.has_wide_count ? load_u16(at) : *at;
   if (count > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
   return at + width;
 }
@@ -119,7 +113,7 @@ const uint8_t* get_enumerations(const Element& element, uint32_t count, const ui
   if (!input.has(at, count * width)) return nullptr;
   output.claim(to, count * sizeof(uint32_t));
   for (uint32_t i = 0; i < count; ++i, at += width, to += sizeof(uint32_t)) {
-    const uint32_t value = width == 1 ? *at : read_u16(at);
+    const uint32_t value = width == 1 ? *at : load_u16(at);
     std::memcpy(to, &value, sizeof value);
   }
   return at;
@@ -290,7 +284,7 @@ int32_t get_message(const MessageDescription& message, bool is_response, const u
   while (at != end) {
     if (static_cast<size_t>(end - at) < kTlvHeaderLength) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
     const uint8_t type = at[0];
-    const size_t value_length = read_u16(at + 1);
+    const size_t value_length = load_u16(at + 1);
     const uint8_t* const value = at + kTlvHeaderLength;
     if (static_cast<size_t>(end - value) < value_length) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
     at = value + value_length;
@@ -304,8 +298,7 @@ int32_t get_message(const MessageDescription& message, bool is_response, const u
     }
     const int32_t error = get_value(head, element, value, value_length, structure, output);
     if (error != QMI_IDL_LIB_NO_ERR) return error;
-    if (is_response && type == kResultTlv && value_length == kStandardResultLength)
-      reports_failure = read_u16(value) != 0;
+    if (is_response && type == kResultTlv && value_length == kResultLength) reports_failure = load_u16(value) != 0;
   }
   if (reports_failure || described.all_mandatory_are_in(seen)) return QMI_IDL_LIB_NO_ERR;
   return QMI_IDL_LIB_MISSING_TLV;
@@ -332,4 +325,4 @@ int32_t decode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type
   return error;
 }
 
-}  // namespace pelmar::platform
+}  // namespace pelmar::qmi
