@@ -1,7 +1,7 @@
-// What the modem can tell of its radio: each statistics identifier with its fields in the order of its value.
+// The simulated modem's numbers for the statistics values (statistic_tables.h).
 //
-// A value is its fields one after the other, little-endian and without gaps. A field says where in a radio sample its
-// number is; its unit is stated beside its rows. A number that does not fit its field is cut to the field's range.
+// A field says where in a radio sample its number is; its unit is stated beside its rows. A number that does not fit
+// its field is cut to the field's range.
 #pragma once
 
 #include <compare>
@@ -10,30 +10,18 @@
 #include <string_view>
 
 #include "radio/radio_sample.h"
+#include "statistic_tables.h"
 
 namespace pelmar::sim {
 
-enum class WireType : uint8_t { kU8, kU16, kI16, kU32, kI32, kFloat };
+using statistics::width_of;
+using statistics::WireType;
 
 struct NumberRange {
   double least;
   double most;
 };
 
-constexpr size_t width_of(WireType type) {
-  switch (type) {
-    case WireType::kU8:
-      return 1;
-    case WireType::kU16:
-    case WireType::kI16:
-      return 2;
-    case WireType::kU32:
-    case WireType::kI32:
-    case WireType::kFloat:
-      break;
-  }
-  return 4;
-}
 NumberRange range_of(WireType type);
 
 struct StatisticField {
