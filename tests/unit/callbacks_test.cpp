@@ -106,7 +106,7 @@ TEST_P(Callbacks, FreeClients) {
     in_callback = [&](modem_api_client_type) {
       handle = held;
       for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(row.freed), MODEM_API_SUCCESS);
-      EXPECT_EQ(messages().back(), "E modem_api_free_client: client already freed");
+      EXPECT_EQ(lines_of("modem_api_free_client").back(), "E client already freed");
       EXPECT_EQ(held, nullptr);
       EXPECT_EQ(is_open(handle), row.left);
     };

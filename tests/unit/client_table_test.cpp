@@ -1,4 +1,4 @@
-// The client table: who gets a slot, what a client is told, what opening and freeing leave behind.
+// The client table: who gets a slot, what a client is notified of, what opening and freeing leave behind.
 #include <unistd.h>
 
 #include <atomic>
@@ -12,26 +12,23 @@
 namespace {
 
 using namespace scripted;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using Notices = std::vector<std::pair<uint32_t, uint32_t>>;
 
 constexpr int32_t kUntouched = 77;
 constexpr size_t kRecordBytes = 40;
 
 class ClientTable : public LibraryTest {
  protected:
-  // Opens a client of a type and expects a refusal.
-  static void expect_refused(modem_api_client_type type, modem_api_result result, const std::string& message) {
-    SCOPED_TRACE(testing::Message() << "type " << type << ", " << message);
+  // Opens a client of a type and expects a refusal, which leaves nothing behind.
+  static void expect_refused(modem_api_client_type type, modem_api_result result) {
+    SCOPED_TRACE(testing::Message() << "type " << type);
     forget();
     const size_t blocks = live_blocks().size();
     int32_t id = kUntouched;
     EXPECT_EQ(modem_api_init_client(type, on_event, on_notice, &id), result);
     EXPECT_EQ(id, kUntouched);
-    EXPECT_EQ(messages().back(), message);
     EXPECT_EQ(live_blocks().size(), blocks);
     EXPECT_THAT(calls(), IsEmpty());
   }
@@ -49,10 +46,6 @@ TEST_F(ClientTable, GivesTheFirstFreeSlot) {
     uint32_t record[3];
     std::memcpy(record, live_blocks().back().address, sizeof(record));
     EXPECT_THAT(record, ElementsAre(type, static_cast<uint32_t>(getpid()), OPERATIONAL_STATUS_UP));
-    const std::string line = "type " + std::to_string(type) + ", id " + std::to_string(id);
-    EXPECT_TRUE(logged("D modem_api_init_client: new client: " + line));
-    EXPECT_TRUE(logged("D modem_api_operational_status_cb: client " + line.substr(0, 6) + ", client id " +
-                       std::to_string(id) + ", operational_status 1"));
     EXPECT_EQ(logged("D modem_api_util_enable_networking_indications: enable_indication result: 11"),
               type >= MODEM_API_CLIENT_NAS_0);
   }
@@ -62,31 +55,22 @@ TEST_F(ClientTable, GivesTheFirstFreeSlot) {
 }
 
 TEST_F(ClientTable, HasOneClientOfAType) {
-  const std::pair<std::string, std::string> names[] = {
-      {"vs", "vs"}, {"sar", "sar"}, {"nas 0", "nas"}, {"nas 0", "nas"}};
+  open_all();
   for (modem_api_client_type type = 0; type < 4; ++type) {
-    open(type);
-    expect_refused(
-        type, MODEM_API_ERR_ALREADY_INITIALIZED,
-        "D modem_api_init_client: Already another client init " + names[type].second + " client successfully");
+    expect_refused(type, MODEM_API_ERR_ALREADY_INITIALIZED);
     for (const uint32_t status : {0, 1, 2, 4, 5, 6, 7}) {
       modem_api_operational_status_cb(type, status);
-      expect_refused(type, MODEM_API_ERR_SERVICE_PENDING,
-                     "D modem_api_init_client: Another client init " + names[type].first +
-                         " client with operational status " + std::to_string(status));
+      expect_refused(type, MODEM_API_ERR_SERVICE_PENDING);
     }
   }
   for (const modem_api_client_type type : {4U, 0x80000000U, UINT32_MAX}) {
-    expect_refused(type, MODEM_API_ERR_NOT_SUPPORTED,
-                   "E modem_api_init_client: modem api client type " + std::to_string(static_cast<int32_t>(type)) +
-                       " not supported");
+    expect_refused(type, MODEM_API_ERR_NOT_SUPPORTED);
   }
-  EXPECT_THAT(live_blocks(), SizeIs(4));
 }
 
 // The table cannot fill up by itself: records are made to be of a type that nobody opens.
 TEST_F(ClientTable, MayBeFull) {
-  std::set<const uint8_t*> seen;
+  std::set<const void*> seen;
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     EXPECT_EQ(open(), id);
     for (const Block& block : live_blocks()) {
@@ -94,23 +78,22 @@ TEST_F(ClientTable, MayBeFull) {
       if (seen.insert(block.address).second) std::memcpy(block.address, &other, sizeof(other));
     }
   }
-  expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_NO_FREE_CLIENT,
-                 "E modem_api_init_client: no more client can be added");
-  expect_refused(4, MODEM_API_ERR_NOT_SUPPORTED, "E modem_api_init_client: modem api client type 4 not supported");
+  expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_NO_FREE_CLIENT);
+  EXPECT_TRUE(logged("E modem_api_init_client: no more client can be added"));
+  expect_refused(4, MODEM_API_ERR_NOT_SUPPORTED);
 }
 
 TEST_F(ClientTable, ForgetsAClientThatCannotConnect) {
   on_init_instance = [](int attempt) { return attempt < 10 ? QMI_TIMEOUT_ERR : 0; };
-  bool asked = false;
-  on_sleep = [&](unsigned) {  // the slot is taken while the connection is under way
-    if (std::exchange(asked, true)) return;
-    int32_t id = kUntouched;
+  int32_t id = kUntouched;
+  bool refused = false;
+  on_sleep = [&](unsigned) {  // the slot is taken while the client connects
+    if (std::exchange(refused, true)) return;
     EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &id), MODEM_API_ERR_SERVICE_PENDING);
   };
-  int32_t id = kUntouched;
   EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, on_event, on_notice, &id), MODEM_API_ERR_GENERIC);
+  EXPECT_TRUE(refused);
   EXPECT_EQ(id, kUntouched);
-  EXPECT_TRUE(logged("D modem_api_operational_status_cb: client type 0, client id 0, operational_status 2"));
   EXPECT_THAT(notices, IsEmpty());
   EXPECT_THAT(live_blocks(), IsEmpty());
   EXPECT_EQ(open(), 0);
@@ -120,14 +103,14 @@ TEST_F(ClientTable, LacksMemory) {
   if (!FailAllocationOf::is_supported()) GTEST_SKIP() << "no allocation can be made to fail here";
   open();
   for (const modem_api_client_type type : {0, 1, 4}) {  // whatever the type
-    forget();
+    clear_log();
     modem_api_result result = 0;
     {
       const FailAllocationOf failing(kRecordBytes);
       result = modem_api_init_client(type, on_event, on_notice, nullptr);
     }
     EXPECT_EQ(result, MODEM_API_ERR_NO_MEMORY);
-    EXPECT_EQ(messages().back(), "E modem_api_init_client: could not allocate memory");
+    EXPECT_EQ(lines_of("modem_api_init_client"), Lines{"E could not allocate memory"});
   }
 }
 
@@ -135,25 +118,14 @@ TEST_F(ClientTable, FreesAClientWithItsConnection) {
   for (const modem_api_client_type type : {0, 1, 2, 3}) {
     const int32_t id = open(type);
     const qmi_client_type handle = last_connection();
-    const std::string number = std::to_string(id);
     forget();
-    EXPECT_EQ(modem_api_free_client(id), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(id), 0);
     EXPECT_FALSE(is_open(handle));
     EXPECT_THAT(live_blocks(), IsEmpty());
-    EXPECT_EQ(messages().front(), "D modem_api_free_client: client_id " + number);
-    EXPECT_TRUE(logged("D modem_api_operational_status_cb: client type " + std::to_string(type) + ", client id " +
-                       number + ", operational_status 0"));
     EXPECT_THAT(notices, IsEmpty());
-    forget();
-    EXPECT_EQ(modem_api_free_client(id), 0);
-    EXPECT_THAT(messages(), ElementsAre("D modem_api_free_client: client_id " + number,
-                                        "E modem_api_free_client: client already freed"));
   }
   for (const int32_t id : {-1, INT32_MIN, 10, INT32_MAX}) {
-    forget();
     EXPECT_EQ(modem_api_free_client(id), MODEM_API_ERR_INVALID_CLIENT);
-    EXPECT_THAT(messages(), ElementsAre("D modem_api_free_client: client_id " + std::to_string(id),
-                                        "E modem_api_free_client: invalid client_id " + std::to_string(id)));
   }
 }
 
@@ -162,23 +134,15 @@ TEST_F(ClientTable, IsSetUpOnceAndReleasedShallowly) {
   open();
   forget();
   EXPECT_EQ(modem_api_init(), 0);
-  std::vector<std::string> contexts = log_bodies();
-  std::erase_if(contexts,
-                [](const std::string& body) { return body.find("_init: function entry") == std::string::npos; });
-  EXPECT_EQ(contexts, (std::vector<std::string>{
-                          "D modem_api_init: function entry ------------->", "D vs_init: function entry ------------->",
-                          "D sar_init: function entry ------------->", "D nas_0_init: function entry ------------->",
-                          "D nas_1_init: function entry ------------->"}));
   EXPECT_EQ(vs_client_info.client_handle, nullptr);
-  expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_ALREADY_INITIALIZED,
-                 "D modem_api_init_client: Already another client init vs client successfully");
+  expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_ALREADY_INITIALIZED);
 
   EXPECT_EQ(modem_api_release(), 0);
   EXPECT_THAT(calls(), IsEmpty());
   EXPECT_EQ(open_handles(), 1U);
   EXPECT_THAT(live_blocks(), SizeIs(1));
   EXPECT_EQ(modem_api_free_client(0), 0);
-  EXPECT_THAT(messages(), Contains("E modem_api_free_client: client already freed"));
+  EXPECT_TRUE(logged("E modem_api_free_client: client already freed"));
   EXPECT_EQ(open(), 0);
 
   EXPECT_EQ(modem_api_release(), 0);  // the counter is 0: the table stays as it is
@@ -187,21 +151,15 @@ TEST_F(ClientTable, IsSetUpOnceAndReleasedShallowly) {
   EXPECT_EQ(modem_api_common_command(0, nullptr, 0), MODEM_API_ERR_INVALID_CLIENT);
 }
 
-TEST_F(ClientTable, TellsClientsOfServicesThatComeAndGo) {
+TEST_F(ClientTable, NotifiesOfServicesThatComeAndGo) {
   open(MODEM_API_CLIENT_SAR);
   int32_t silent;
   EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &silent), 0);
   forget();
   for (uint32_t status = 0; status < 9; ++status) {
-    modem_api_operational_status_cb(MODEM_API_CLIENT_SAR, status);
-    modem_api_operational_status_cb(MODEM_API_CLIENT_VS, status);
-    EXPECT_TRUE(logged("D modem_api_operational_status_cb: client type 1, client id 0, operational_status " +
-                       std::to_string(status)));
+    for (const modem_api_client_type type : {0, 1, 2}) modem_api_operational_status_cb(type, status);
   }
   EXPECT_EQ(notices, (Notices{{0x10002, MODEM_API_CLIENT_SAR}, {0x10001, MODEM_API_CLIENT_SAR}}));
-  forget();
-  modem_api_operational_status_cb(MODEM_API_CLIENT_NAS_0, OPERATIONAL_STATUS_UP);  // nobody's
-  EXPECT_THAT(messages(), IsEmpty());
 }
 
 // Commands, subscriptions and status reports of other threads meet a client that is freed and opened again.

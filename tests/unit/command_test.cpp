@@ -1,218 +1,266 @@
-// Pass-through commands and the result of every QMI exchange: what is refused, what is sent, who owns which block.
-#include <iomanip>
+// The synchronous commands: what each sends and through which connection, whom all refuse, and what the caller
+// receives. Results and refusals of each command are in the golden log.
+#include "command_rows.h"
 
-#include "client_command.h"
+#include "nas_client.h"
+#include "sar_client.h"
+#include "vs_client.h"
 
 namespace {
 
 using namespace scripted;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Bytes = std::vector<uint8_t>;
 
-TEST(ResultMapping, IsComplete) {
-  std::map<uint32_t, int> results = {{0, 0}, {4, 10}, {26, 0}, {52, 8}};
-  for (const uint32_t error : {17, 19, 48, 49}) results[error] = MODEM_API_ERR_INVALID_PARAM;
-  for (const uint32_t error : {24, 42, 77, 94}) results[error] = MODEM_API_ERR_NOT_SUPPORTED;
-  const std::map<int32_t, int> transport = {{-1, 12}, {-3, 11}, {-4, 1}, {-5, 12}};
-  for (const int32_t code : {INT32_MIN, -51, -18, -6, -5, -4, -3, -2, -1, 0, 1, INT32_MAX}) {
-    for (const uint32_t result : {0U, 1U, 2U, 0xFFFFFFFFU}) {
-      for (uint32_t error = 0xFFFFFFF0; error != 300; ++error) {
-        int expected = 1;
-        if (code == 0 || code == -2) {
-          if (result == 0) expected = 0;
-          if (result == 1 && results.contains(error)) expected = results[error];
-        } else if (transport.contains(code)) {
-          expected = transport.at(code);
-        }
-        const qmi_response_type_v01 response = {result, error};
-        ASSERT_EQ(modem_api_map_qmi_error_to_modem_api(code, &response), expected)
-            << code << ", " << result << ", " << error;
-      }
-    }
-  }
-}
-
-// What the callback was told, one text a call: its data, or "-", and the result.
-std::vector<std::string> told;
-int g_user;
-
-void on_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result) {
-  EXPECT_EQ(user_data, &g_user);
-  std::ostringstream text;
-  for (uint32_t i = 0; i < length; ++i) text << std::hex << std::setw(2) << std::setfill('0') << int{data[i]};
-  told.push_back((data == nullptr ? "-" : text.str()) + " " + std::to_string(result));
-  if (data == nullptr) return;
-  const Block block = live_blocks().back();  // the client's own, of the response's length
-  EXPECT_EQ(block.address, data);
-  EXPECT_EQ(block.size, length);
-  EXPECT_EQ(block.function, "modem_api_common_command_cb_handler");
-  hydra_free_adv(block.address, __func__, __LINE__);
-}
-
-class Command : public CommandTest {
+class Commands : public LibraryTest {
  protected:
-  static int32_t send_async(const Bytes& payload) {
-    return modem_api_common_command_async(MODEM_API_CLIENT_VS, payload.data(), static_cast<int32_t>(payload.size()),
-                                          &g_user, on_response);
-  }
-
-  // The blocks of exchanges under way.
-  std::vector<Block> held_blocks() const {
-    const std::vector<Block> blocks = live_blocks();
-    return {blocks.begin() + static_cast<ptrdiff_t>(idle_blocks_), blocks.end()};
-  }
-
-  const size_t idle_blocks_ = live_blocks().size();
+  Commands() { open_all(); }
 };
 
-TEST_F(Command, SendsUpTo512Bytes) {
-  Bytes payload(512, 0xA7);
+TEST_F(Commands, SendTheirRequestsThroughTheirConnections) {
+  const qmi_client_type connections[] = {vs_client_info.client_handle, sar_client_info.client_handle,
+                                         nas_0_client_info.client_handle, nas_1_client_info.client_handle};
+  for (const CommandRow& row : command_rows()) {
+    SCOPED_TRACE(row.name);
+    forget();
+    row.call(static_cast<int32_t>(row.type));
+    EXPECT_THAT(calls(), ElementsAre(Call{"send_msg_sync", connections[row.type], row.msg_id, row.request,
+                                          row.response_length, 30000}));
+  }
+}
+
+// One command stands for all that share the check.
+TEST_F(Commands, NeedAClientWhoseServiceIsUp) {
+  const auto asynchronous = [](int32_t id) {
+    return modem_api_common_command_async(id, nullptr, 0, nullptr, [](const uint8_t*, uint32_t, void*, uint32_t) {});
+  };
+  for (const std::function<int32_t(int32_t)> command : {modem_api_notify_shutdown, modem_api_set_vs_event_report}) {
+    for (const int32_t id : {INT32_MIN, -1, 1, 2, 3, 4, 9, 10, INT32_MAX}) EXPECT_EQ(command(id), 7) << id;
+    for (const uint32_t status : {0, 1, 2, 4, 5, 6, 7}) {
+      modem_api_operational_status_cb(MODEM_API_CLIENT_VS, status);
+      EXPECT_EQ(command(0), 7) << status;
+      EXPECT_EQ(asynchronous(0), 7) << status;
+    }
+    modem_api_operational_status_cb(MODEM_API_CLIENT_VS, OPERATIONAL_STATUS_UP);
+    EXPECT_EQ(command(0), 0);
+    modem_api_operational_status_cb(MODEM_API_CLIENT_VS, OPERATIONAL_STATUS_DOWN);
+  }
+  EXPECT_THAT(call_names(), ElementsAre("send_msg_sync", "send_msg_sync"));
+}
+
+TEST_F(Commands, PassThrough512Bytes) {
+  const Bytes payload(512, 0xA7);
   Bytes request = structure(516, "1:02");
   std::copy(payload.begin(), payload.end(), request.begin() + 4);
-  const auto sync = [](const Bytes& bytes) {
-    return [bytes](int32_t client) {
-      return modem_api_common_command(client, bytes.data(), static_cast<int32_t>(bytes.size()));
-    };
-  };
-  expect_exchange({"modem_api_common_command", sync(payload), MODEM_API_CLIENT_VS, 0, request, 524});
-  expect_exchange({"modem_api_common_command", sync({}), MODEM_API_CLIENT_VS, 0, Bytes(516), 524});
-  expect_mapped({"modem_api_common_command", sync({}), MODEM_API_CLIENT_VS, 0, Bytes(516), 524});
-
-  forget();
-  EXPECT_EQ(send_async(payload), 0);
-  EXPECT_THAT(calls(), ElementsAre(Call{.name = "send_msg_async",
-                                        .handle = vs_client_info.client_handle,
-                                        .request = request,
-                                        .response_length = 524}));
+  EXPECT_EQ(modem_api_common_command(0, payload.data(), 512), 0);
+  EXPECT_EQ(calls().at(0).request, request);
 }
 
-// The checks of both commands in their order; the asynchronous one checks its callback besides.
-TEST_F(Command, RefusesAndSendsNothing) {
-  const Bytes bytes(513);
-  const struct {
-    int32_t client;
-    const uint8_t* payload;
-    int32_t length;
-    modem_api_response_cb callback;
-    std::string refusal;
-  } refused[] = {
-      {MODEM_API_CLIENT_SAR, bytes.data(), 513, nullptr, "condition, return error 7!"},
-      {MODEM_API_MAX_CLIENTS, bytes.data(), 1, on_response, "condition, return error 7!"},
-      {INT32_MAX, bytes.data(), 1, on_response, "condition, return error 7!"},
-      {MODEM_API_CLIENT_VS, bytes.data(), 513, nullptr, "NULL pointer, return error 5!"},
-      {MODEM_API_CLIENT_VS, bytes.data(), 513, on_response, "condition, return error 5!"},
-      {MODEM_API_CLIENT_VS, bytes.data(), INT32_MAX, on_response, "condition, return error 5!"},
-      {MODEM_API_CLIENT_VS, nullptr, 1, on_response, "NULL pointer, return error 5!"},
-  };
-  for (const auto& call : refused) {
-    const int32_t result = call.refusal.find('7') != std::string::npos ? 7 : 5;
+// Subscriptions alone send nothing.
+TEST_F(Commands, ReportTheEventsThatAreSubscribed) {
+  for (uint8_t subscribed = 0; subscribed < 8; ++subscribed) {
     forget();
-    EXPECT_EQ(modem_api_common_command_async(call.client, call.payload, call.length, &g_user, call.callback), result);
-    EXPECT_THAT(messages(), ElementsAre("E modem_api_common_command_async: Unexpected " + call.refusal));
-    if (call.client == MODEM_API_CLIENT_VS && call.callback == nullptr) continue;
-    forget();
-    EXPECT_EQ(modem_api_common_command(call.client, call.payload, call.length), result);
-    EXPECT_THAT(messages(), ElementsAre("E modem_api_common_command: Unexpected " + call.refusal));
-  }
-  for (const uint32_t status : {0, 1, 2, 4, 5, 6, 7}) {
-    modem_api_operational_status_cb(MODEM_API_CLIENT_VS, status);
-    EXPECT_EQ(modem_api_common_command(MODEM_API_CLIENT_VS, bytes.data(), 1), 7);
-    EXPECT_EQ(send_async({1}), 7);
-  }
-  EXPECT_THAT(calls(), IsEmpty());
-  EXPECT_THAT(told, IsEmpty());
-  EXPECT_THAT(held_blocks(), IsEmpty());
-}
-
-// --- asynchronous exchanges ---
-
-TEST_F(Command, TellsTheCallbackHowItEnded) {
-  Bytes longest = structure(524, "9:02");
-  std::fill(longest.begin() + 12, longest.end(), 0x5A);
-  std::string longest_text;
-  for (int i = 0; i < 512; ++i) longest_text += "5a";
-  Bytes beyond = longest;  // its length states a byte more than a response can hold
-  beyond[8] = 1;
-  const struct {
-    int code;
-    Bytes response;
-    std::vector<std::string> told;
-  } exchanges[] = {
-      {0, structure(524, "8:03 12:070809"), {"070809 0", "- 2"}},
-      {0, structure(524, "0:01 4:1A 8:01 12:07"), {"07 0", "- 2"}},
-      {0, longest, {longest_text + " 0", "- 2"}},
-      {0, beyond, {longest_text + "00 0", "- 2"}},
-      {0, structure(524, ""), {" 0", "- 2"}},
-      {0, structure(524, "0:01 4:34 8:01"), {"- 8"}},
-      {-3, structure(524, "8:01"), {"- 11"}},
-      {-46, structure(524, "8:01"), {"- 1"}},
-  };
-  for (const auto& exchange : exchanges) {
-    told.clear();
-    ASSERT_EQ(send_async({1, 2}), 0);
-    EXPECT_THAT(held_blocks(), ElementsAre(testing::Field(&Block::size, 524), testing::Field(&Block::size, 16)));
-    EXPECT_THAT(told, IsEmpty());
-    complete_send(exchange.response, exchange.code);
-    EXPECT_EQ(told, exchange.told);
-    EXPECT_THAT(held_blocks(), IsEmpty());
-  }
-}
-
-// What the framework hands over is freed whatever it is; other messages than the pass-through bring no data.
-TEST_F(Command, EndsForeignExchanges) {
-  const auto response = [] { return hydra_malloc_adv(524, "test", 0); };
-  const auto record = [](modem_api_response_cb callback) {
-    void* const block = hydra_malloc_adv(16, "test", 0);
-    void* const fields[] = {reinterpret_cast<void*>(callback), &g_user};
-    return std::memcpy(block, fields, sizeof(fields));
-  };
-  vs_client_command_cb(nullptr, 0x0101, response(), 524, record(on_response), 0);
-  modem_api_process_response(0, nullptr, 524, record(on_response), 0);
-  modem_api_process_response(0, response(), 0, record(on_response), -3);
-  modem_api_process_response(0, response(), 524, nullptr, 0);
-  modem_api_process_response(0, response(), 524, record(nullptr), 0);
-  EXPECT_THAT(told, ElementsAre("- 2", "- 3", "- 3"));
-  EXPECT_THAT(held_blocks(), IsEmpty());
-}
-
-// A framework that refuses a send never calls back; the two blocks of the exchange stay behind.
-TEST_F(Command, KeepsTheBlocksOfARefusedSend) {
-  for (const auto& [code, result] : std::map<int, int32_t>{{-1, 12}, {-2, 0}, {-3, 11}, {-18, 1}}) {
-    on_send_async = [code = code](const Call&) { return code; };
-    const size_t held = held_blocks().size();
-    EXPECT_EQ(send_async({1}), result);
-    EXPECT_EQ(held_blocks().size(), held + 2);
-  }
-  EXPECT_THAT(told, IsEmpty());
-}
-
-TEST_F(Command, SurvivesALackOfMemory) {
-  if (!FailAllocationOf::is_supported()) GTEST_SKIP() << "no allocation can be made to fail here";
-  const auto expect_refused = [](size_t size, const std::vector<std::string>& log) {
-    forget();
-    EXPECT_EQ(
-        [&] {
-          const FailAllocationOf failing(size);
-          return send_async({});
-        }(),
-        3);
-    EXPECT_EQ(messages(), log);
-    EXPECT_THAT(calls(), IsEmpty());
-  };
-  const std::string failure = "E hydra_malloc_adv: Fail to allocate memory";
-  expect_refused(524, {failure, "E modem_api_common_command_async: Unexpected NULL pointer, return error 3!"});
-  expect_refused(16, {failure});
-
-  for (const auto& [length, response] : std::map<size_t, const char*>{{509, "8:FD01"}, {UINT32_MAX, "8:FFFFFFFF"}}) {
-    told.clear();
-    ASSERT_EQ(send_async({}), 0);
-    {
-      const FailAllocationOf failing(length);
-      complete_send(structure(524, response));
+    for (int event = 3; event <= 5; ++event) {
+      const bool wanted = (subscribed >> (event - 3) & 1) != 0;
+      wanted ? modem_api_add_modem_event(0, event) : modem_api_remove_modem_event(0, event);
     }
-    EXPECT_THAT(told, ElementsAre("- 3", "- 2"));
-    EXPECT_THAT(held_blocks(), IsEmpty());
+    EXPECT_EQ(modem_api_set_vs_event_report(0), 0);
+    const Bytes request = {1, (subscribed & 3) != 0, 1, (subscribed & 4) != 0};
+    EXPECT_THAT(calls(), ElementsAre(testing::Field(&Call::request, request)));
+  }
+}
+
+TEST_F(Commands, SubscribeThreeEventsOfAClientWithACallback) {
+  EXPECT_EQ(modem_api_free_client(0), 0);
+  for (const auto edit : {modem_api_add_modem_event, modem_api_remove_modem_event}) {
+    for (const int32_t event : {INT32_MIN, 2, 6}) EXPECT_EQ(edit(0, event), MODEM_API_ERR_NOT_SUPPORTED) << event;
+    for (const int32_t id : {0, 1, 4, 10}) EXPECT_EQ(edit(id, 3), MODEM_API_ERR_NOT_INITIALIZED) << id;
+  }
+  modem_api_init();
+  int32_t id = -1;
+  EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &id), 0);
+  EXPECT_EQ(modem_api_add_modem_event(id, 5), MODEM_API_ERR_NOT_INITIALIZED);
+}
+
+// --- items ---
+
+TEST_F(Commands, ReadWhatFits) {
+  const struct {
+    const char* response;
+    uint32_t size, capacity;
+    int32_t result;
+  } reads[] = {{"8:00", 0, 0, 0},
+               {"8:03", 3, 3, 0},
+               {"8:03", 3, 2, 3},
+               {"9:01", 256, 256, 0},
+               {"9:01", 256, 255, 3},
+               {"8:2C01", 300, 300, 0},  // the stated length counts, also where a response cannot hold it
+               {"8:FFFFFFFF", UINT32_MAX, 512, 3},
+               {"0:01 4:32 8:03", 3, 256, 1}};
+  for_each_command("_read_", [&](const CommandRow& row) {
+    for (const auto& read : reads) {
+      SCOPED_TRACE(testing::Message() << row.name << ": " << read.size << " bytes into " << read.capacity);
+      Bytes buffer(512, 0xEE), expected = buffer;
+      uint32_t length = read.capacity;
+      item = {"/nv", buffer.data(), &length, 0};
+      on_send = [&](const Call&) {
+        Bytes response = structure(268, read.response);
+        std::fill(response.begin() + 12, response.end(), 0x77);
+        return Answer{0, response};
+      };
+      EXPECT_EQ(row.call(0), read.result);
+      EXPECT_EQ(length, read.result == 0 ? read.size : read.capacity);
+      if (read.result == 0) {
+        std::fill_n(expected.begin(), read.size, 0);
+        std::fill_n(expected.begin(), std::min(read.size, 256U), 0x77);
+      }
+      EXPECT_EQ(buffer, expected);
+    }
+  });
+}
+
+TEST_F(Commands, WriteUpTo256Bytes) {
+  Bytes data(256, 0xD1);
+  for_each_command("_write_", [&](const CommandRow& row) {
+    const size_t offset = row.request.size() - 260;  // of the length, which the data follows
+    Bytes request = row.request;
+    put(request, offset, 256);
+    std::copy(data.begin(), data.end(), request.begin() + static_cast<ptrdiff_t>(offset) + 4);
+    forget();
+    item = {"/nv", data.data(), nullptr, 256};
+    EXPECT_EQ(row.call(0), 0);
+    EXPECT_EQ(calls().at(0).request, request) << row.name;
+  });
+}
+
+TEST_F(Commands, CutPathsAfter100Characters) {
+  for_each_command("_path", [&](const CommandRow& row) {
+    for (const size_t length : {0, 99, 100, 101, 150}) {
+      const std::string path(length, 'p');
+      forget();
+      item.path = path.c_str();
+      row.call(0);
+      Bytes request = row.request;
+      std::fill_n(request.begin(), 100, 0);
+      std::fill_n(request.begin(), std::min<size_t>(length, 100), 'p');
+      EXPECT_EQ(calls().at(0).request, request) << row.name;
+    }
+  });
+}
+
+// --- what the modem responds ---
+
+TEST_F(Commands, ReturnTheFeatureStatus) {
+  uint8_t enabled = 0xEE, effective = 0xEE;
+  for (const bool succeeds : {false, true}) {
+    on_send = [&](const Call&) { return Answer{0, structure(12, succeeds ? "8:5AA5" : "0:01 4:03 8:5AA5")}; };
+    EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &enabled, &effective), succeeds ? 0 : 1);
+    EXPECT_EQ(enabled, succeeds ? 0x5A : 0xEE);
+    EXPECT_EQ(effective, succeeds ? 0xA5 : 0xEE);
+  }
+  EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &enabled, nullptr), 0);
+}
+
+TEST_F(Commands, ReturnAStatisticsIdThatTheModemGrants) {
+  constexpr uint32_t kUntouched = 0xEEEEEEEE;
+  const struct {
+    uint8_t flag;
+    const char* response;
+    int32_t result;
+    uint32_t id;
+  } rows[] = {{1, "8:00 12:05000080", 1, kUntouched},
+              {1, "8:07 12:05000080", 0, 0x80000005},
+              {2, "8:01 12:05000080", 0, 0x80000005},
+              {0, "8:01 12:05000080", 0, kUntouched},
+              {1, "0:01 4:03 8:01 12:05000080", 1, kUntouched}};
+  for (const auto& row : rows) {
+    on_send = [&](const Call&) { return Answer{0, structure(16, row.response)}; };
+    uint32_t id = kUntouched;
+    EXPECT_EQ(modem_api_set_modem_stats_report_status(0, row.flag, &id), row.result) << row.response;
+    EXPECT_EQ(id, row.id) << row.response;
+  }
+}
+
+TEST_F(Commands, ReturnStatisticsUpToTheirCapacities) {
+  const struct {
+    uint8_t failure, valid;
+    uint32_t count;
+    int32_t result;
+    uint32_t returned;
+  } rows[] = {{0, 1, 0, 0, 0}, {0, 1, 2, 0, 2}, {0, 1, 12, 0, 10}, {0, 1, 0xFFFFFFFF, 0, 10},
+              {0, 0, 2, 1, 1}, {0, 2, 2, 1, 1}, {1, 1, 2, 1, 1}};
+  const uint32_t lengths[] = {700, 900, 3};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.count);
+    Bytes response(7136, 0xAA);
+    std::fill_n(response.begin(), 8, 0);
+    response[0] = response[4] = row.failure;
+    response[8] = row.valid;
+    put(response, 12, row.count);
+    Bytes expected(sizeof(stats_para_data), 0xEE);  // as the caller's record, where nothing is returned
+    put(expected, offsetof(stats_para_data, para_num), row.returned);
+    for (uint32_t k = 0; k < 10; ++k) {
+      const uint32_t words[] = {0x10000 + k, 0xF0000000 + k, lengths[k % 3]};
+      std::memcpy(&response[16 + 712 * k], words, sizeof(words));
+      if (row.result != 0 || k >= row.returned) continue;
+      stats_para_entry entry;
+      std::memset(&entry, 0xEE, sizeof(entry));
+      entry.sub = words[0];
+      entry.id = words[1];
+      entry.value_len = std::min(words[2], 700U);
+      std::memset(entry.value, 0xAA, entry.value_len);
+      std::memcpy(&expected[offsetof(stats_para_data, entries) + k * sizeof(entry)], &entry, sizeof(entry));
+    }
+    on_send = [&](const Call&) { return Answer{0, response}; };
+    stats_para_data data;
+    std::memset(&data, 0xEE, sizeof(data));
+    data.para_num = 1;
+    EXPECT_EQ(modem_api_get_stats_parameter(0, 1, 2, &data), row.result);
+    EXPECT_EQ(std::memcmp(&data, expected.data(), sizeof(data)), 0);
+  }
+}
+
+TEST_F(Commands, ReturnTheDrxWhateverTheOutcome) {
+  const std::tuple<int, const char*, uint8_t, uint32_t> rows[] = {
+      {0, "8:FE777777 12:01000080", 0xFE, 0x80000001}, {0, "0:01 4:5E", 0, 0}, {-3, "", 0, 0}};
+  for (const auto& [code, response, expected_valid, expected_drx] : rows) {
+    on_send = [code = code, response = response](const Call&) { return Answer{code, structure(16, response)}; };
+    uint8_t valid = 0xEE;
+    uint32_t drx = 0xEEEEEEEE;
+    EXPECT_EQ(modem_api_get_drx(MODEM_API_CLIENT_NAS_0, &valid, &drx), 0);
+    EXPECT_EQ(valid, expected_valid);
+    EXPECT_EQ(drx, expected_drx);
+  }
+}
+
+// The result word alone decides the result; the fields are copied whatever it is.
+TEST_F(Commands, ReturnTheCellInfo) {
+  const std::tuple<int, uint32_t, int32_t> outcomes[] = {{0, 0, 0}, {0, 1, 1}, {0, 0x10000, 1}, {-3, 0, 0}, {-3, 2, 1}};
+  for (const auto& [code, word, result] : outcomes) {
+    Bytes response(3784);
+    for (size_t i = 8; i < response.size(); ++i) response[i] = static_cast<uint8_t>(i * i >> 3);
+    put(response, 0, word);
+    on_send = [&, code = code](const Call&) { return Answer{code, response}; };
+    uint16_t intra_pci[8], inter_earfcn[3], inter_pci[24];
+    uint8_t ta_valid, nr_valid;
+    uint32_t ta, nr_arfcn;
+    EXPECT_EQ(modem_api_get_cell_info(MODEM_API_CLIENT_NAS_1, 1, intra_pci, inter_earfcn, inter_pci, &ta_valid, &ta,
+                                      &nr_valid, &nr_arfcn),
+              result);
+    const auto at = [&](size_t offset, auto value) {
+      std::memcpy(&value, &response[offset], sizeof(value));
+      return value;
+    };
+    for (size_t j = 0; j < 8; ++j) EXPECT_EQ(intra_pci[j], at(452 + 10 * j, uint16_t{}));
+    for (size_t i = 0; i < 3; ++i) {
+      EXPECT_EQ(inter_earfcn[i], at(544 + 92 * i, uint16_t{}));
+      for (size_t j = 0; j < 8; ++j) EXPECT_EQ(inter_pci[8 * i + j], at(556 + 92 * i + 10 * j, uint16_t{}));
+    }
+    EXPECT_EQ(ta_valid, at(3132, uint8_t{}));
+    EXPECT_EQ(ta, at(3136, uint32_t{}));
+    EXPECT_EQ(nr_valid, at(3148, uint8_t{}));
+    EXPECT_EQ(nr_arfcn, at(3152, uint32_t{}));
   }
 }
 

@@ -1,6 +1,7 @@
 // The golden log: every exported function is called, with success and into each of its refusals, and what the library
 // writes is compared line by line with a file in golden/. A line stands there with its level, source file and function;
-// line numbers, addresses and process ids are left out.
+// line numbers, addresses and process ids are left out. The lines of entry and exit show who calls whom, and with which
+// result.
 //
 // After an intended change of a text: PELMAR_GOLDEN=update ./test -R GoldenLog, then review the difference.
 #include <sys/prctl.h>
@@ -8,39 +9,46 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 
+#include "command_rows.h"
 #include "modem_api_peripheral_mng.h"
 #include "modem_hydra.h"
-#include "nas_client.h"
 #include "pelmar_ssr.h"
 #include "pelmar_string.h"
 #include "reconnect_test.h"
-#include "scripted_files.h"
-#include "settled_log.h"
 #include "vs_client.h"
 
 namespace {
 
 using namespace scripted;
 
+// Writes `replacement` for every occurrence of `start` with the characters of `rest` that follow it.
+void replace(std::string& text, const std::string& start, const char* rest, const std::string& replacement) {
+  for (size_t at = 0; (at = text.find(start, at)) != text.npos; at += replacement.size()) {
+    const size_t end = std::min(text.find_first_not_of(rest, at + start.size()), text.size());
+    text.replace(at, end - at, replacement);
+  }
+}
+
 std::string normalised(const LogLine& line) {
-  static const std::regex number(R"((\.(?:cpp|h)):\d+\])");
-  static const std::regex address("(ptr_hydra_data = )0x[0-9a-f]+");
-  static const std::regex process("\\b" + std::to_string(getpid()) + "\\b");
-  std::string text = std::regex_replace(line.text, number, "$1]");
-  text = std::regex_replace(text, address, "$1ADDRESS");
-  text = std::regex_replace(text, process, "PID");
-  text = std::regex_replace(text, std::regex("/proc/self/fd/\\d+"), "FILE");
-  text = std::regex_replace(text, std::regex("errno = \\d+"), "errno = N");
-  return (line.priority == 3 ? "E " : "D ") + text;
+  constexpr char kDigits[] = "0123456789";
+  std::string text = (line.priority == 3 ? "E " : "D ") + line.text;
+  replace(text, ".cpp:", kDigits, ".cpp");
+  replace(text, ".h:", kDigits, ".h");
+  replace(text, "ptr_hydra_data = 0x", "0123456789abcdef", "ptr_hydra_data = ADDRESS");
+  replace(text, "/proc/self/fd/", kDigits, "FILE");
+  replace(text, "errno = ", kDigits, "errno = N");
+  const std::string id = std::to_string(getpid());
+  replace(text, "/proc/" + id + "/", "", "/proc/PID/");
+  replace(text, "p_id: " + id + ",", "", "p_id: PID,");
+  return text;
 }
 
 class GoldenLog : public testing::Test {
  protected:
   GoldenLog() { properties["persist.vendor.radio.adb_log_shell"] = "0"; }
 
-  // Calls, and adds what is logged meanwhile under a title of its own: all lines, or those that match.
+  // Calls, and adds what is logged meanwhile under a title of its own: all lines, or those with one of the words.
   template <typename Call>
   void log(const std::string& title, Call call) {
     clear_log();
@@ -48,7 +56,8 @@ class GoldenLog : public testing::Test {
     text_ += "== " + title + "\n";
     for (const LogLine& line : log_lines()) {
       const std::string text = normalised(line);
-      if (std::regex_search(text, only_)) text_ += text + "\n";
+      const auto has = [&](const std::string& word) { return text.find(word) != text.npos; };
+      if (words_.empty() || std::any_of(words_.begin(), words_.end(), has)) text_ += text + "\n";
     }
     clear_log();
   }
@@ -71,179 +80,153 @@ class GoldenLog : public testing::Test {
 
   // A library that is set up, with a client of each type whose id is its type.
   static void open_clients() {
+    settle_log();
     modem_api_init();
-    for (modem_api_client_type type = 0; type < MODEM_API_CLIENT_TYPES; ++type) {
-      int32_t id = -1;
-      ASSERT_EQ(modem_api_init_client(type, on_event, on_notice, &id), 0);
-    }
+    for (modem_api_client_type type = 0; type < MODEM_API_CLIENT_TYPES; ++type) ASSERT_EQ(init_client(type), 0);
   }
 
-  std::regex only_{""};
+  static int32_t init_client(modem_api_client_type type) {
+    int32_t id = -1;
+    return modem_api_init_client(type, on_event, on_notice, &id);
+  }
+
+  Lines words_;
   std::string text_;
 };
 
 TEST_F(GoldenLog, FirstLine) {
   log("the first line of a process", [] { pelmar_check_sub_id(1); });
   log("the property echo", [] { pelmar_print_property_value("ro.unset"); });
+  testing::internal::CaptureStdout();
   g_pelmar_qcril_ril_process_instance_id = 1;
   log("an instance of the radio daemon", [] { pelmar_get_qcril_process_instance_id(); });
+  log("both sinks", [] {
+    pelmar_hal_add_shell_print_mask(0xFFFF);
+    pelmar_str_find_right(nullptr, 'x');
+  });
+  text_ += "== standard output\n" + normalised({7, testing::internal::GetCapturedStdout()});
 }
 
 TEST_F(GoldenLog, ClientTable) {
   settle_log();
-  int32_t id = -1;
-  log("init", [] { modem_api_init(); });
-  log("init_client", [&] { modem_api_init_client(MODEM_API_CLIENT_NAS_0, on_event, on_notice, &id); });
-  log("init_client: open", [&] { modem_api_init_client(MODEM_API_CLIENT_NAS_0, on_event, on_notice, &id); });
-  modem_api_operational_status_cb(MODEM_API_CLIENT_NAS_0, 4);
-  log("init_client: pending", [&] { modem_api_init_client(MODEM_API_CLIENT_NAS_0, on_event, on_notice, &id); });
-  log("init_client: type", [&] { modem_api_init_client(4, on_event, on_notice, &id); });
-  on_init_instance = [](int) { return QMI_TIMEOUT_ERR; };
-  log("init_client: no service", [&] { modem_api_init_client(MODEM_API_CLIENT_SAR, on_event, on_notice, &id); });
-  log("operational_status_cb", [] { modem_api_operational_status_cb(MODEM_API_CLIENT_NAS_0, 3); });
+  for (const char* const title : {"init", "init: again"}) log(title, [] { modem_api_init(); });
+  for (modem_api_client_type type = 0; type <= MODEM_API_CLIENT_TYPES; ++type) {
+    log("init_client", [type] { init_client(type); });
+    log("init_client: open", [type] { init_client(type); });
+    log("operational_status_cb", [type] { modem_api_operational_status_cb(type, 4); });
+    log("init_client: pending", [type] { init_client(type); });
+  }
   log("free_client", [] { modem_api_free_client(0); });
   log("free_client: freed", [] { modem_api_free_client(0); });
   log("free_client: id", [] { modem_api_free_client(-1); });
+  on_init_instance = [](int) { return QMI_TIMEOUT_ERR; };
+  log("init_client: no service", [] { init_client(MODEM_API_CLIENT_VS); });
   log("release", [] { modem_api_release(); });
 }
 
 TEST_F(GoldenLog, Commands) {
-  settle_log();
   open_clients();
-  static const uint8_t payload[513] = {};
+  for (const CommandRow& row : command_rows()) {
+    const auto id = static_cast<int32_t>(row.type);
+    log(row.name, [&] { row.call(id); });
+    log(row.name + ": client", [&] { row.call(id ^ 1); });
+    on_send = [](const Call&) { return Answer{0, header(1, 52)}; };
+    log(row.name + ": refused", [&] { row.call(id); });
+    on_send = [](const Call&) { return Answer{-3, {}}; };
+    log(row.name + ": no response", [&] { row.call(id); });
+    on_send = nullptr;
+  }
+}
+
+// The client is checked first, then pointers, then lengths.
+TEST_F(GoldenLog, Refusals) {
+  open_clients();
+  uint8_t data[513] = {};
+  uint32_t length = 256;
+  for_each_command("_read_", [&](const CommandRow& row) {
+    item = {nullptr, nullptr, nullptr, 257};
+    log(row.name + ": client", [&] { row.call(1); });
+    item = {"/nv", nullptr, &length, 0};
+    log(row.name + ": data", [&] { row.call(0); });
+    item = {"/nv", data, nullptr, 0};
+    log(row.name + ": length", [&] { row.call(0); });
+  });
+  for_each_command("_write_", [&](const CommandRow& row) {
+    item = {nullptr, nullptr, nullptr, 257};
+    log(row.name + ": client", [&] { row.call(1); });
+    log(row.name + ": data", [&] { row.call(0); });
+    item = {nullptr, data, nullptr, 257};
+    log(row.name + ": length", [&] { row.call(0); });
+  });
+  const modem_api_response_cb callback = [](const uint8_t*, uint32_t, void*, uint32_t) {};
+  struct PassThrough {
+    const char* title;
+    int32_t client;
+    const uint8_t* payload;
+    int32_t length;
+    modem_api_response_cb callback;
+  };
+  for (const PassThrough& call : {PassThrough{"client", 1, nullptr, 513, nullptr},
+                                  {"callback", 0, nullptr, 513, nullptr},
+                                  {"length", 0, nullptr, 513, callback},
+                                  {"largest length", 0, data, INT32_MAX, callback},
+                                  {"null", 0, nullptr, 1, callback}}) {
+    const auto& [title, client, payload, size, function] = call;
+    log("common_command: " + std::string(title), [&] { modem_api_common_command(client, payload, size); });
+    log("common_command_async: " + std::string(title),
+        [&] { modem_api_common_command_async(client, payload, size, nullptr, function); });
+  }
+  log("statistics", [] {
+    uint8_t byte = 0;
+    const uint32_t id = 0;
+    const modem_api_stats_registration record = {};
+    stats_para_data values = {};
+    modem_api_get_hydra_feature_status(0, 1, nullptr, &byte);
+    modem_api_set_modem_stats_report_status(0, 0, nullptr);
+    modem_api_set_modem_stats_report_status(0, 1, nullptr);
+    modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 0);
+    modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, &record, 0);
+    modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 0);
+    modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, &id, 0);
+    modem_api_get_stats_parameter(0, 1, 2, nullptr);
+    modem_api_get_stats_parameter(0, 1, 2, &values);
+    values.para_num = 11;
+    modem_api_get_stats_parameter(0, 1, 2, &values);
+    modem_api_clear_stats_parameter(0, 1, 2, 0, nullptr);
+    modem_api_clear_stats_parameter(0, 1, 2, -1, &id);
+    modem_api_clear_stats_parameter(0, 1, 2, 11, nullptr);
+    modem_api_clear_stats_parameter(0, 1, 2, 1, nullptr);
+  });
+}
+
+TEST_F(GoldenLog, AsynchronousCommands) {
+  open_clients();
+  static const uint8_t payload[3] = {};
   const modem_api_response_cb callback = [](const uint8_t* data, uint32_t, void*, uint32_t) {
     if (data != nullptr) hydra_free_adv(const_cast<uint8_t*>(data), "test", 0);
   };
-  log("common_command", [] { modem_api_common_command(0, payload, 3); });
-  log("common_command: client", [] { modem_api_common_command(1, payload, 3); });
-  log("common_command: length", [] { modem_api_common_command(0, payload, 513); });
-  log("common_command: null", [] { modem_api_common_command(0, nullptr, 1); });
   log("common_command_async", [&] { modem_api_common_command_async(0, payload, 3, nullptr, callback); });
   log("its response", [] { complete_send(structure(524, "8:03 12:070809")); });
   modem_api_common_command_async(0, payload, 3, nullptr, callback);
   log("its failure", [] { complete_send({}, -3); });
-  log("common_command_async: client", [&] { modem_api_common_command_async(1, payload, 3, nullptr, callback); });
-  log("common_command_async: callback", [] { modem_api_common_command_async(0, payload, 3, nullptr, nullptr); });
-  log("common_command_async: length", [&] { modem_api_common_command_async(0, payload, 513, nullptr, callback); });
-  log("common_command_async: null", [&] { modem_api_common_command_async(0, nullptr, 1, nullptr, callback); });
   log("map", [] { modem_api_map_qmi_error_to_modem_api(-3, nullptr); });
   log("process_response: nothing", [] { modem_api_process_response(0, nullptr, 0, nullptr, 0); });
 }
 
 TEST_F(GoldenLog, Events) {
-  settle_log();
   open_clients();
-  log("add", [] { modem_api_add_modem_event(0, 3); });
-  log("add: again", [] { modem_api_add_modem_event(0, 3); });
-  log("add: event", [] { modem_api_add_modem_event(0, 2); });
-  log("add: client", [] { modem_api_add_modem_event(1, 3); });
-  log("add: id", [] { modem_api_add_modem_event(-1, 3); });
+  for (const auto& [name, edit] :
+       {std::pair{"add", &modem_api_add_modem_event}, {"remove", &modem_api_remove_modem_event}}) {
+    for (const char* const title : {"", ": again"}) log(name + std::string(title), [&] { edit(0, 3); });
+    log(name + std::string(": event"), [&] { edit(1, 2); });
+    log(name + std::string(": event"), [&] { edit(0, 6); });
+    log(name + std::string(": client"), [&] { edit(1, 3); });
+    log(name + std::string(": id"), [&] { edit(-1, 2); });
+  }
   log("report", [] { modem_api_set_vs_event_report(0); });
   log("report: client", [] { modem_api_set_vs_event_report(1); });
-  log("remove", [] { modem_api_remove_modem_event(0, 3); });
-  log("remove: again", [] { modem_api_remove_modem_event(0, 3); });
-  log("remove: event", [] { modem_api_remove_modem_event(0, 6); });
-  log("remove: client", [] { modem_api_remove_modem_event(1, 3); });
   log("networking indications", [] { modem_api_util_enable_networking_indications(2, 0); });
   log("networking indications: client", [] { modem_api_util_enable_networking_indications(2, 1); });
-}
-
-TEST_F(GoldenLog, Items) {
-  settle_log();
-  open_clients();
-  static uint8_t data[256];
-  static uint32_t length;
-  const std::pair<const char*, modem_api_result (*)(int32_t, uint8_t*, uint32_t*)> reads[] = {
-      {"read_nv", [](int32_t id, uint8_t* to, uint32_t* size) { return modem_api_read_nv(id, 1, 2, 3, to, size); }},
-      {"read_efs", [](int32_t id, uint8_t* to, uint32_t* size) { return modem_api_read_efs(id, 1, 2, to, size); }},
-      {"read_efs_path",
-       [](int32_t id, uint8_t* to, uint32_t* size) { return modem_api_read_efs_path(id, "/a", 1, 2, to, size); }},
-      {"read_rfnv", [](int32_t id, uint8_t* to, uint32_t* size) { return modem_api_read_rfnv(id, 1, to, size); }}};
-  for (const auto& [name, read] : reads) {
-    length = sizeof(data);
-    log(name, [read = read] { read(0, data, &length); });
-    log(name + std::string(": client"), [read = read] { read(1, data, &length); });
-    log(name + std::string(": null"), [read = read] { read(0, nullptr, &length); });
-    on_send = [](const Call&) { return Answer{0, structure(268, "8:03")}; };
-    length = 2;
-    log(name + std::string(": capacity"), [read = read] { read(0, data, &length); });
-    on_send = [](const Call&) { return Answer{0, header(1, 50)}; };
-    log(name + std::string(": failure"), [read = read] { read(0, data, &length); });
-    on_send = nullptr;
-  }
-  const std::pair<const char*, modem_api_result (*)(int32_t, const uint8_t*, uint32_t)> writes[] = {
-      {"write_nv",
-       [](int32_t id, const uint8_t* from, uint32_t n) { return modem_api_write_nv(id, 1, 2, 3, from, n); }},
-      {"write_efs", [](int32_t id, const uint8_t* from, uint32_t n) { return modem_api_write_efs(id, 1, 2, from, n); }},
-      {"write_efs_path",
-       [](int32_t id, const uint8_t* from, uint32_t n) { return modem_api_write_efs_path(id, "/a", 1, 2, from, n); }},
-      {"write_rfnv", [](int32_t id, const uint8_t* from, uint32_t n) { return modem_api_write_rfnv(id, 1, from, n); }}};
-  for (const auto& [name, write] : writes) {
-    log(name, [write = write] { write(0, data, 3); });
-    log(name + std::string(": client"), [write = write] { write(1, data, 3); });
-    log(name + std::string(": null"), [write = write] { write(0, nullptr, 3); });
-    log(name + std::string(": length"), [write = write] { write(0, data, 257); });
-  }
-  for (const int32_t id : {0, 1}) {
-    log("delete_nv", [id] { modem_api_delete_nv(id, 1, 2, 3); });
-    log("delete_efs", [id] { modem_api_delete_efs(id, 1, 2); });
-    log("delete_efs_path", [id] { modem_api_delete_efs_path(id, "/a", 1, 2); });
-    log("delete_rfnv", [id] { modem_api_delete_rfnv(id, 1); });
-    log("efs_sync", [id] { modem_api_efs_sync(id, 0, 1, 2); });
-  }
-}
-
-TEST_F(GoldenLog, RadioControls) {
-  settle_log();
-  open_clients();
-  static const uint32_t cells[] = {1};
-  static uint16_t pci[24];
-  static uint32_t word;
-  static uint8_t byte;
-  for (const int32_t id : {0, 1, 2, 3}) {  // of which one is a client of each control's type
-    log("notify_shutdown", [id] { modem_api_notify_shutdown(id); });
-    log("reset_modem", [id] { modem_api_reset_modem(id); });
-    log("set_sar_rf_state", [id] { modem_api_set_sar_rf_state(id, 5); });
-    log("get_drx", [id] { modem_api_get_drx(id, &byte, &word); });
-    log("get_cell_info", [id] { modem_api_get_cell_info(id, 1, pci, pci, pci, &byte, &word, &byte, &word); });
-    log("set_lte_cell_lock", [id] { modem_api_set_lte_cell_lock(id, 0, 1, cells, cells); });
-    log("set_avoid_trm", [id] { modem_api_set_avoid_trm(id, 1, 1); });
-    log("set_nr_disable_mode", [id] { modem_api_set_nr_disable_mode(id, 0, 2); });
-  }
-}
-
-TEST_F(GoldenLog, Statistics) {
-  settle_log();
-  open_clients();
-  static const uint32_t ids[] = {0x52};
-  static const modem_api_stats_registration records[1] = {};
-  static stats_para_data data = {};
-  static uint8_t on;
-  static uint32_t granted;
-  data.para_num = 1;
-  std::fill(std::begin(data.entries[0].value), std::end(data.entries[0].value), 0x5A);
-  for (const int32_t id : {0, 1}) {
-    log("get_hydra_feature_status", [id] { modem_api_get_hydra_feature_status(id, 2, &on, &on); });
-    log("set_hydra_feature_status", [id] { modem_api_set_hydra_feature_status(id, 2, 1, 1, 1); });
-    log("set_modem_stats_report_status", [id] { modem_api_set_modem_stats_report_status(id, 1, &granted); });
-    log("register_modem_stats_data", [id] { modem_api_register_modem_stats_data(id, 1, 0, 0, 0, 0, records, 1); });
-    log("deregister_modem_stats_data", [id] { modem_api_deregister_modem_stats_data(id, 1, 0, 0, 0, 0, ids, 1); });
-    log("get_stats_parameter", [id] { modem_api_get_stats_parameter(id, 1, 2, &data); });
-    log("clear_stats_parameter", [id] { modem_api_clear_stats_parameter(id, 1, 2, 1, ids); });
-  }
-  log("refusals", [] {
-    modem_api_get_hydra_feature_status(0, 1, nullptr, &on);
-    modem_api_set_modem_stats_report_status(0, 1, nullptr);
-    modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 1);
-    modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, records, 0);
-    modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 1);
-    modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, ids, 0);
-    modem_api_get_stats_parameter(0, 1, 2, nullptr);
-    data.para_num = 11;
-    modem_api_get_stats_parameter(0, 1, 2, &data);
-    modem_api_clear_stats_parameter(0, 1, 2, 11, ids);
-    modem_api_clear_stats_parameter(0, 1, 2, 1, nullptr);
-  });
 }
 
 TEST_F(GoldenLog, VendorSpecificClient) {
@@ -284,12 +267,12 @@ TEST_F(GoldenLog, ReconnectingClients) {
     log("client_init_client_handles", [&] { connection.attempt(); });
     connection.release();
     connection.init();
+    connection.context->service_object = vs_get_service_object_internal_v01(1, 2, 6);  // whose indications have a size
     log("client_init", [&] { connection.open(on_event); });
     log("send", [&] { connection.send(1, bytes_8, 8, bytes_8, 8); });
     void* const response = hydra_malloc_adv(8, "test", 0);
     log("send_async", [&] { connection.send_async(1, bytes_8, 8, response, 8, nullptr); });
     log("response", [] { complete_send({}, -1); });
-    connection.context->service_object = vs_get_service_object_internal_v01(1, 2, 6);
     for (const char* const wire : {"01 0100 07", "01 0200 0707"}) {
       log("indication", [&] { indicate(last_connection(), 0x0601, bytes(wire)); });
     }
@@ -335,18 +318,21 @@ TEST_F(GoldenLog, Hydra) {
     return Answer{0, call.msg_id == 0x0002 ? structure(12, "8:01") : header(0, 0)};
   };
   log("init", [] { modem_hydra_api_init(); });
+  log("init: again", [] { modem_hydra_api_init(); });
   statistics();
   log("id_alloc", [] { modem_hydra_stats_id_alloc(); });
   log("id_free", [] { modem_hydra_stats_id_free(); });
   log("id_free: again", [] { modem_hydra_stats_id_free(); });
   on_send = [](const Call&) { return Answer{0, header(1, 52)}; };
-  log("id_alloc: refused", [] { modem_hydra_stats_id_alloc(); });
+  statistics();
   log("is_inited", [] { modem_hydra_api_is_inited(); });
   log("stats_client_is_inited", [] { modem_hydra_stats_client_is_inited(); });
   log("callbacks", [] { indicate(last_connection(), 0x0601, bytes("01 0100 07")); });
-  log("deinit", [] { modem_hydra_api_deinit(); });
   on_init_instance = [](int) { return QMI_SERVICE_ERR; };
   log("init: no service", [] { modem_hydra_api_init(); });
+  on_init_instance = nullptr;
+  modem_hydra_api_init();
+  log("deinit", [] { modem_hydra_api_deinit(); });
 }
 
 TEST_F(GoldenLog, Decoders) {
@@ -356,16 +342,15 @@ TEST_F(GoldenLog, Decoders) {
   log("no service", [&] { modem_hydra_mcs_trm_asdiv_get(0, &value); });
   on_init_instance = nullptr;
   modem_hydra_api_init();
-  only_ = R"(hydra_mgr_(fetch|metrics|tx_power))";  // what is below is in Hydra.log and Statistics.log
-  static uint32_t length = 0;
-  on_send = [](const Call& call) {  // a value of that many bytes: zero but for the first two
-    std::vector<uint8_t> response(7136);
-    response[8] = response[12] = 1;
-    std::memcpy(&response[16], &call.request[0], 2);   // the subscription
-    std::memcpy(&response[20], &call.request[12], 4);  // the identifier
-    std::memcpy(&response[24], &length, sizeof(length));
-    response[28] = 1;
-    response[29] = call.request[12] == 0x2c ? 9 : 0;
+  words_ = {"hydra_mgr_fetch", "hydra_mgr_metrics", "hydra_mgr_tx_power"};  // what is below is in Hydra.log
+  uint32_t length = 0;
+  uint8_t mode = 9;
+  on_send = [&](const Call& call) {  // a value of that many bytes: zero but for the first two
+    Bytes response = structure(7136, "8:01 12:01 28:01");
+    std::copy_n(call.request.begin(), 2, response.begin() + 16);       // the subscription
+    std::copy_n(call.request.begin() + 12, 4, response.begin() + 20);  // the identifier
+    put(response, 24, length);
+    response[29] = call.request[12] == 0x2c ? mode : 0;
     return Answer{0, response};
   };
   const auto decoders = [this](auto... decoder) { (log("decoder", decoder), ...); };
@@ -395,16 +380,25 @@ TEST_F(GoldenLog, Decoders) {
 #undef PLAIN
   log("null", [] { modem_hydra_mcs_trm_asdiv_get(0, nullptr); });
   log("subscription", [&] { modem_hydra_mcs_trm_asdiv_get(2, &value); });
-  for (const size_t at : {12, 16, 20, 24}) {  // no value, another subscription, another identifier, no length
-    const auto whole = on_send;
-    length = 8;
+  length = 8;
+  for (const uint8_t technology : {12, 5}) {
+    mode = technology;
+    log("tx_power", [] { modem_tx_power_get_by_sub(0); });
+  }
+  // No value, none and several values, another identifier before another subscription, lengths; then what is taken.
+  const auto whole = on_send;
+  for (const char* const change : {"8:00", "12:00", "12:02", "12:FFFFFFFF", "16:33 20:33", "16:33", "24:00", "24:BC02",
+                                   "24:BD02", "24:FFFFFFFF", "18:09"}) {
     on_send = [&](const Call& call) {
       Answer answer = whole(call);
-      answer.response[at] = at == 12 || at == 24 ? 0 : 0x33;
+      std::istringstream fields(change);
+      for (std::string field; fields >> field;) {
+        const Bytes changed = bytes(field.substr(field.find(':') + 1));
+        std::copy(changed.begin(), changed.end(), answer.response.begin() + std::stol(field));
+      }
       return answer;
     };
     log("fetch", [&] { modem_hydra_mcs_trm_asdiv_get(1, &value); });
-    on_send = whole;
   }
   on_send = [](const Call&) { return Answer{-3, {}}; };
   log("no response", [&] { modem_hydra_mcs_trm_asdiv_get(1, &value); });
@@ -445,7 +439,7 @@ TEST_F(GoldenLog, IdentityOfABuild) {
                                     {"persist.radio.multisim.config", "ssss"}}) {
     properties[name] = value;
   }
-  only_ = "version|MODEM|BUILD";
+  words_ = {"version", "MODEM", "BUILD"};
   log("traits", [] {
     for (const auto trait : kTraits) trait();
   });

@@ -1,6 +1,8 @@
-// Decoders: which value each asks for, where its fields go, and what becomes of values that are too short.
+// Decoders: which value each fetches, where its fields go, and what a value that is too short leaves; the transmit
+// power that follows from them.
 #include <atomic>
-#include <sstream>
+#include <limits>
+#include <optional>
 #include <thread>
 
 #include "hydra_test.h"
@@ -111,8 +113,8 @@ TEST_F(HydraMetrics, FillWhatTheValueHas) {
         forget();
         EXPECT_EQ(decoder(sub, record.data()), complaint.empty());
         EXPECT_EQ(record, expected);
-        EXPECT_EQ(lines_of(metric.logged_as)[1],
-                  complaint.empty() ? "D function exit, ret = 1 <-------------" : complaint);
+        const std::string end = complaint.empty() ? "D function exit, ret = 1 <-------------" : complaint;
+        EXPECT_EQ(lines_of(metric.logged_as)[1], end);
       }
     }
   }
@@ -121,37 +123,49 @@ TEST_F(HydraMetrics, FillWhatTheValueHas) {
 TEST_F(HydraMetrics, RefuseWithoutTouchingTheRecord) {
   open_hydra();
   for (const Metric& metric : kMetrics) {
-    const auto& [id, decoder] = metric.decoders.front();
-    const std::string id_text = metric.decoders.size() > 1 ? ", id = " + std::to_string(id) : "";
-    const std::string exit = "D function exit, ret = 0 <-------------";
-    forget();
-    EXPECT_EQ(decoder(0, nullptr), 0);
-    EXPECT_EQ(lines_of(metric.logged_as),
-              (Lines{"D sub = 0" + id_text + ", ptr_hydra_data = 0x0", "E ptr_hydra_data is NULL", exit}));
-    EXPECT_TRUE(calls().empty());
+    const Decode decoder = metric.decoders.front().second;
     Bytes record(metric.record_size, 0xEE);
+    EXPECT_EQ(decoder(0, nullptr), 0);
     EXPECT_EQ(decoder(2, record.data()), 0);  // there is no such subscription
-    EXPECT_EQ(lines_of(metric.logged_as)[4], "E modem_hydra_data_get failed");
+    EXPECT_TRUE(calls().empty());
+    EXPECT_EQ(decoder(0, record.data()), 0);  // there is no value
     EXPECT_THAT(record, testing::Each(0xEE));
+    forget();
   }
 }
 
-TEST_F(HydraMetrics, SystemModeIsTheFirstStacks) {
-  const std::tuple<std::string, uint32_t, std::string> cases[] = {
-      {"01 0C000000", 12, "D sub = 1"},
-      {"03 09000000 0C000000 0C000000", 9, "D sub = 1"},
-      {"00 09000000", MODEM_SYS_MODE_UNKNOWN, "D sub = 1"},
-      {"01 090000", MODEM_SYS_MODE_UNKNOWN, "E g_hydra_data_left(3) is not enough for rat, id(0x2c)"},
-      {"", MODEM_SYS_MODE_UNKNOWN, "E modem_hydra_data_get failed"},
+TEST_F(HydraMetrics, OpenHydraOnDemandAndNumberTheirRequests) {
+  values[{1, 0x64}] = Bytes(8);
+  modem_hydra_mcs_trm_asdiv record = {};
+  on_init_instance = [](int) { return QMI_SERVICE_ERR; };
+  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 0);
+  on_init_instance = nullptr;
+  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);
+  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(2, &record), 0);  // takes no number
+  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);
+  // Subscription, slot, one entry of which only the identifier is set.
+  EXPECT_EQ(calls().back().request, structure(7128, "0:0100 2:0200 4:01000000 12:64000000"));
+}
+
+// Opening hydra for a first reading must not wait for a callback that waits for its turn to read.
+TEST_F(HydraMetrics, OpenHydraBesideACallbackThatReads) {
+  values[{1, 0x64}] = Bytes(8);
+  static std::thread first_reader;
+  static std::atomic<int> readings{0};
+  static const auto read = [] {
+    modem_hydra_mcs_trm_asdiv record = {};
+    readings += modem_hydra_mcs_trm_asdiv_get(1, &record);
   };
-  open_hydra();
-  for (const auto& [value, rat, line] : cases) {
-    values[{1, 0x2c}] = bytes(value);
-    EXPECT_EQ(modem_sys_mode_get(1), rat);
-    const Lines lines = lines_of("modem_sys_mode_get");
-    EXPECT_EQ(*(lines.end() - 2), line);
-    EXPECT_EQ(lines.back(), "D function exit, rat = " + std::to_string(static_cast<int32_t>(rat)) + " <-------------");
-  }
+  const auto on_notice = [](uint32_t notice, uint32_t) {
+    if (notice != MODEM_API_NOTICE_SERVICE_UP) return;
+    first_reader = std::thread(read);
+    while (lines_of("modem_hydra_api_init_ex").empty()) std::this_thread::yield();
+    read();
+  };
+  int32_t client = -1;
+  modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, on_notice, &client);
+  first_reader.join();
+  EXPECT_EQ(readings, 2);
 }
 
 TEST_F(HydraMetrics, ThreadsNeverMixValues) {
@@ -165,7 +179,7 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
   }
   std::atomic<int> wrong = 0;
   std::atomic<int> fetching = 0;
-  tamper = [&](vs::GetStatsParameterResponse&) {
+  on_fetch = [&] {
     if (++fetching > 1) ++wrong;
     std::this_thread::yield();
     --fetching;
@@ -190,6 +204,86 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// --- system mode and transmit power ---
+
+constexpr uint32_t kModeId = 0x2c;
+constexpr uint32_t kLteId = 0x62;
+constexpr uint32_t kNrId = 0x5a;
+constexpr int32_t kNone = 65535;
+
+TEST_F(HydraMetrics, SystemModeIsTheFirstStacks) {
+  open_hydra();
+  const std::pair<const char*, uint32_t> cases[] = {{"01 0C000000", 12},
+                                                    {"03 09000000 0C000000 0C000000", 9},
+                                                    {"00 09000000", MODEM_SYS_MODE_UNKNOWN},
+                                                    {"01 090000", MODEM_SYS_MODE_UNKNOWN},
+                                                    {"", MODEM_SYS_MODE_UNKNOWN}};
+  for (const auto& [value, mode] : cases) {
+    values[{1, kModeId}] = bytes(value);
+    EXPECT_EQ(modem_sys_mode_get(1), mode) << value;
+  }
+}
+
+using Power = std::optional<int16_t>;
+
+class TxPower : public HydraTest {
+ protected:
+  TxPower() { open_hydra(); }
+
+  void set_lte(uint32_t sub, Power power) {
+    values[{sub, kModeId}] = bytes("01 09000000");
+    values[{sub, kLteId}] = Bytes(power ? 8 : 0);
+    if (power) put(values[{sub, kLteId}], 1, *power);
+  }
+
+  static int32_t by_sub(uint32_t sub) { return static_cast<int32_t>(modem_tx_power_get_by_sub(sub)); }
+};
+
+TEST_F(TxPower, OfNrIsCutTowardsZeroAndBounded) {
+  using Float = std::numeric_limits<float>;
+  constexpr int32_t kLowest = std::numeric_limits<int32_t>::min();
+  const std::pair<float, int32_t> cases[] = {
+      {-3.7F, -3},
+      {12.9F, 12},
+      {-0.5F, 0},
+      {-2147483648.0F, kLowest},
+      {-2147483904.0F, kNone},
+      {2147483520.0F, 2147483520},
+      {2147483648.0F, kNone},
+      {Float::infinity(), kNone},
+      {Float::quiet_NaN(), kNone},
+  };
+  values[{1, kModeId}] = bytes("01 0C000000");
+  EXPECT_EQ(by_sub(1), kNone);
+  values[{1, kNrId}] = Bytes(52);
+  for (const auto& [power, expected] : cases) {
+    put(values[{1, kNrId}], 4, power);
+    EXPECT_EQ(by_sub(1), expected) << power;
+  }
+  values[{1, kModeId}] = bytes("01 05000000");
+  EXPECT_EQ(by_sub(1), kNone);
+}
+
+TEST_F(TxPower, OfTheDefaultDataSubscription) {
+  set_lte(0, 5);
+  set_lte(1, 7);
+  for (const auto& [sub, power] : {std::pair{"0", 5U}, {"1", 7U}, {"-1", 65535U}}) {
+    properties["persist.radio.default_data_sub"] = sub;
+    EXPECT_EQ(modem_tx_power_get_for_dds_sub(), power);
+  }
+}
+
+TEST_F(TxPower, TheHigherOneWins) {
+  const std::tuple<Power, Power, int32_t> cases[] = {
+      {{}, -5, -5}, {-5, {}, -5}, {{}, {}, kNone}, {10, 10, 10}, {-20, -5, -5}, {3, -5, 3}, {-5, 3, 3},
+  };
+  for (const auto& [power0, power1, expected] : cases) {
+    set_lte(0, power0);
+    set_lte(1, power1);
+    EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_max_sub()), expected);
+  }
 }
 
 }  // namespace

@@ -1,10 +1,5 @@
-// A modem under hydra: it answers the statistics commands from values that a test gives it.
+// A modem under hydra: it responds to the statistics commands with values that a test gives it.
 #pragma once
-
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "library_test.h"
 #include "modem_hydra.h"
@@ -14,15 +9,11 @@ namespace scripted {
 
 namespace vs = pelmar::vs;
 
-using Bytes = std::vector<uint8_t>;
-using Lines = std::vector<std::string>;
-
 class HydraTest : public LibraryTest {
  protected:
   HydraTest() {
     on_send = [this](const Call& call) {
-      const auto answer = answers.find(call.msg_id);
-      if (answer != answers.end()) return answer->second;
+      if (responses.contains(call.msg_id)) return Answer{0, responses[call.msg_id]};
       return call.msg_id == vs::kGetStatsParameter ? give_value(call) : Answer{};
     };
   }
@@ -33,50 +24,33 @@ class HydraTest : public LibraryTest {
     forget();
   }
 
-  // What a function wrote, as "E body" or "D body", without the usual entry and exit.
-  static Lines lines_of(const std::string& function) {
-    Lines lines;
-    const std::string name = " " + function + ": ";
-    for (const std::string& line : messages_and_exits()) {
-      if (line.compare(1, name.size(), name) == 0) lines.push_back(line.substr(0, 2) + line.substr(1 + name.size()));
-    }
-    return lines;
-  }
-
   static std::vector<Bytes> requests() {
     std::vector<Bytes> requests;
-    for (const Call& call : calls("send_msg_sync")) requests.push_back(call.request);
+    for (const Call& call : calls()) requests.push_back(call.request);
     return requests;
   }
 
-  std::map<std::pair<uint32_t, uint32_t>, Bytes> values;       // by subscription and statistics identifier
-  std::function<void(vs::GetStatsParameterResponse&)> tamper;  // with the answer, before it goes out
-  std::map<unsigned, Answer> answers;                          // to other messages; success where none
+  std::map<std::pair<uint32_t, uint32_t>, Bytes> values;  // by subscription and statistics identifier
+  std::function<void()> on_fetch;                         // runs while a value is fetched; may be empty
+  std::map<unsigned, Bytes> responses;                    // to other messages; success where none
 
  private:
-  static Lines messages_and_exits() {
-    Lines lines = log_bodies();
-    std::erase_if(lines, [](const std::string& line) {
-      return line.ends_with(": function entry ------------->") || line.find(": function exit, ret(") != line.npos;
-    });
-    return lines;
-  }
-
   Answer give_value(const Call& call) const {
-    const auto* const request = reinterpret_cast<const vs::GetStatsParameterRequest*>(call.request.data());
-    vs::GetStatsParameterResponse response = {};
-    vs::DataRecord& record = response.records[0];
-    record = {request->sub, 0, request->records[0].id, 0, {}};
-    const auto value = values.find({record.sub, record.id});
+    Bytes response(sizeof(vs::GetStatsParameterResponse));
+    uint16_t sub = 0;
+    uint32_t id = 0;
+    std::memcpy(&sub, &call.request[0], sizeof(sub));
+    std::memcpy(&id, &call.request[12], sizeof(id));
+    const auto value = values.find({sub, id});
     if (value != values.end()) {
-      response.records_valid = 1;
-      response.record_count = 1;
-      record.data_len = static_cast<uint32_t>(value->second.size());
-      std::copy(value->second.begin(), value->second.end(), record.data);
+      response[8] = response[12] = 1;
+      put(response, 16, sub);
+      put(response, 20, id);
+      put(response, 24, static_cast<uint32_t>(value->second.size()));
+      std::copy(value->second.begin(), value->second.end(), response.begin() + 28);
     }
-    if (tamper) tamper(response);
-    const auto* const begin = reinterpret_cast<const uint8_t*>(&response);
-    return {0, {begin, begin + sizeof(response)}};
+    if (on_fetch) on_fetch();
+    return {0, response};
   }
 };
 

@@ -1,25 +1,23 @@
-// What tests of the client API share: a library that is set up and traces its blocks, what it told its client, and
-// structures written down field by field.
+// What the tests share: structures written down field by field, what clients' callbacks received, and a library that is
+// set up and traces its blocks.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "hydra_mem.h"
 #include "modem_api.h"
+#include "pelmar_utils_cmn.h"
 #include "scripted_platform.h"
 
 namespace scripted {
 
 // Bytes in hexadecimal, grouped by spaces at will.
-inline std::vector<uint8_t> bytes(std::string hex) {
-  std::vector<uint8_t> result;
+inline Bytes bytes(std::string hex) {
+  Bytes result;
   std::erase(hex, ' ');
   for (size_t at = 0; at < hex.size(); at += 2) {
     result.push_back(static_cast<uint8_t>(std::stoul(hex.substr(at, 2), nullptr, 16)));
@@ -27,16 +25,30 @@ inline std::vector<uint8_t> bytes(std::string hex) {
   return result;
 }
 
+template <typename Integer>
+void put(Bytes& structure, size_t offset, Integer value) {
+  ASSERT_LE(offset + sizeof(value), structure.size());
+  std::memcpy(&structure[offset], &value, sizeof(value));
+}
+
 // A structure in memory, zero but for what is given as "offset:hexadecimal bytes", separated by spaces.
-inline std::vector<uint8_t> structure(size_t size, const std::string& content) {
-  std::vector<uint8_t> result(size);
+inline Bytes structure(size_t size, const std::string& content) {
+  Bytes result(size);
   std::istringstream fields(content);
   for (std::string field; fields >> field;) {
-    const std::vector<uint8_t> value = bytes(field.substr(field.find(':') + 1));
+    const Bytes value = bytes(field.substr(field.find(':') + 1));
     const size_t offset = std::stoul(field);
     for (size_t i = 0; i < value.size(); ++i) result.at(offset + i) = value[i];
   }
   return result;
+}
+
+// A response structure that begins with a header.
+inline Bytes header(uint32_t result, uint32_t error) {
+  Bytes response(8);
+  put(response, 0, result);
+  put(response, 4, error);
+  return response;
 }
 
 inline void PrintTo(const Call& call, std::ostream* out) {
@@ -47,29 +59,34 @@ inline void PrintTo(const Call& call, std::ostream* out) {
 
 // A block of the traced allocator that is alive.
 struct Block {
-  uint8_t* address;
+  void* address;
   size_t size;
   std::string function;
 };
 
 inline std::vector<Block> live_blocks() {
-  static const std::regex entry(R"rx(address="0x(\w+)" size="0x(\w+)" caller_proc="[^"]*" caller_func="(\w*)")rx");
-  std::vector<char> text(16384);
-  EXPECT_EQ(hydra_mem_trace_dump(text.data(), static_cast<int32_t>(text.size())), 1);
+  static char text[16384];
+  EXPECT_EQ(hydra_mem_trace_dump(text, sizeof(text)), 1);
   std::vector<Block> blocks;
-  for (std::cregex_iterator found(text.data(), text.data() + text.size(), entry), end; found != end; ++found) {
-    blocks.push_back({reinterpret_cast<uint8_t*>(std::stoull((*found)[1], nullptr, 16)),
-                      static_cast<size_t>(std::stoull((*found)[2], nullptr, 16)), (*found)[3]});
+  for (const char* at = text; (at = std::strstr(at, "address=")) != nullptr; ++at) {
+    Block block = {};
+    char function[64] = {};
+    EXPECT_EQ(std::sscanf(at, "address=\"0x%p\" size=\"0x%zx\" caller_proc=\"%*[^\"]\" caller_func=\"%63[^\"]\"",
+                          &block.address, &block.size, function),
+              3);
+    block.function = function;
+    blocks.push_back(block);
   }
   return blocks;
 }
 
-// What client callbacks received, in order.
-inline std::vector<std::pair<uint32_t, uint32_t>> notices;
+// What the callbacks of clients received, in order.
+using Notices = std::vector<std::pair<uint32_t, uint32_t>>;
+inline Notices notices;
 
 struct Event {
   uint32_t id;
-  std::vector<uint8_t> payload;
+  Bytes payload;
   bool operator==(const Event&) const = default;
 };
 inline std::vector<Event> events;
@@ -79,6 +96,27 @@ inline void on_notice(uint32_t notice, uint32_t type) {
 }
 inline void on_event(uint32_t id, const uint8_t* payload, uint32_t length) {
   events.push_back({id, {payload, payload + length}});
+}
+
+// Past the lines that only the first log line of a process brings.
+inline void settle_log() {
+  pelmar_get_current_pid_name();
+  pelmar_check_sub_id(0);
+  pelmar_utils_get_prop_print_flag();
+  clear_log();
+}
+
+// What one function logged, as "D body" and "E body", without the usual lines of entry and exit.
+inline Lines lines_of(const std::string& function) {
+  Lines lines;
+  for (const std::string& line : log_bodies()) {
+    if (line.compare(1, function.size() + 3, " " + function + ": ") != 0) continue;
+    const std::string body = line.substr(function.size() + 4);
+    const bool usual = body == "function entry ------------->" || body == "function exit <-------------" ||
+                       body.starts_with("function exit, ret(");
+    if (!usual) lines.push_back(line.substr(0, 2) + body);
+  }
+  return lines;
 }
 
 class LibraryTest : public testing::Test {
@@ -94,6 +132,14 @@ class LibraryTest : public testing::Test {
     int32_t id = -1;
     EXPECT_EQ(modem_api_init_client(type, on_event, on_notice, &id), MODEM_API_SUCCESS);
     return id;
+  }
+
+  // Opens a client of each type, whose id is its type.
+  static void open_all() {
+    for (modem_api_client_type type = 0; type < MODEM_API_CLIENT_TYPES; ++type) {
+      EXPECT_EQ(open(type), static_cast<int32_t>(type));
+    }
+    forget();
   }
 
   // Leaves on record only what comes from here on.

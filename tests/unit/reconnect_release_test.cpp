@@ -25,7 +25,7 @@ TEST_P(ReconnectRelease, EndsWithARelease) {
         set_threads(Threads::kRun);
         other = std::async(std::launch::async, [&] { connection_.release(); });
         set_threads(Threads::kHold);
-        while (!logged(entry("release"))) std::this_thread::yield();
+        while (!logged("D " + connection_.name + "_release: function entry ------------->")) std::this_thread::yield();
         other.wait_for(std::chrono::milliseconds(200));  // time to get where it ends, or waits for this thread
       };
       bool released = false;

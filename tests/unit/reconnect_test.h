@@ -2,15 +2,12 @@
 // three descriptions.
 #pragma once
 
-#include <mutex>
-
 #include "library_test.h"
 #include "nas_client.h"
 #include "sar_client.h"
 
 namespace scripted {
 
-using Lines = std::vector<std::string>;
 using Statuses = std::vector<uint32_t>;
 
 struct Connection {
@@ -75,7 +72,6 @@ class Reconnect : public testing::TestWithParam<Connection> {
   }
 
   const Connection& connection_ = GetParam();
-  const bool is_nas_ = connection_.sub >= 0;
 
   void start() {
     connection_.init();
@@ -97,44 +93,18 @@ class Reconnect : public testing::TestWithParam<Connection> {
   }
   Statuses statuses() const { return statuses_of(connection_); }
 
-  std::string line(const char* function, const std::string& text, char level = 'D') const {
-    return level + (" " + connection_.name) + "_" + function + ": " + text;
-  }
-  std::string entry(const char* function) const { return line(function, "function entry ------------->"); }
-  std::string exit(const char* function) const { return line(function, "function exit <-------------"); }
-
-  // What the connection attempts log when so many of them fail.
-  Lines attempt_lines(int failures) const {
-    Lines lines = {entry("init_client_handles")};
-    for (int number = is_nas_ ? 0 : 1; number <= std::min(failures, 9); ++number) {
-      const auto text = "Trying qmi_client_init_instance() try # " + std::to_string(number) + " port[65535]";
-      lines.push_back(line("init_client_handles", text));
-    }
-    const bool failed = failures == 10;
-    lines.push_back(line("init_client_handles",
-                         failed ? "qmi_client_init_instance returned (-3)" : "qmi_client_init_instance returned (0)"));
-    if (failed) lines.push_back(line("init_client_handles", "qmi_client_init_instance returned failure(-3)"));
-    if (is_nas_ && !failed) {
-      lines.insert(lines.end(), {entry("set_networking_indications"),
-                                 line("set_networking_indications", "enable_indication result: 0"),
-                                 line("set_networking_indications", "function exit, ret(0) <-------------")});
-    }
-    lines.push_back(line("init_client_handles",
-                         failed ? "function exit, ret(0) <-------------" : "function exit, ret(1) <-------------"));
-    return lines;
-  }
-
-  // The calls of those attempts, the last of which gives the handle.
+  // The calls of the connection attempts when so many of them fail; the last gives the handle.
   std::vector<Call> attempt_calls(int failures, qmi_client_type handle) const {
     std::vector<Call> calls;
+    const bool is_nas = connection_.sub >= 0;
     for (int number = 0; number <= std::min(failures, 9); ++number) {
       const bool failed = number < failures;
       calls.push_back({.name = "init_instance", .msg_id = 65535, .timeout = 4});
-      const std::vector<uint8_t> bind = {static_cast<uint8_t>(connection_.sub), 0, 0, 0};
-      if (is_nas_) calls.push_back({"send_msg_sync", failed ? nullptr : handle, 0x0045, bind, 8, 30000});
+      const Bytes bind = {static_cast<uint8_t>(connection_.sub), 0, 0, 0};
+      if (is_nas) calls.push_back({"send_msg_sync", failed ? nullptr : handle, 0x0045, bind, 8, 30000});
     }
     if (failures == 10) return calls;
-    if (is_nas_) calls.push_back({"send_msg_sync", handle, 0x0003, structure(175, "4:01"), 8, 30000});
+    if (is_nas) calls.push_back({"send_msg_sync", handle, 0x0003, structure(175, "4:01"), 8, 30000});
     calls.push_back({.name = "register_error_cb", .handle = handle});
     return calls;
   }

@@ -1,4 +1,4 @@
-// A platform under the library that does what a test says and records what it was asked.
+// A platform under the library that does what a test says and records what the library calls.
 //
 // The test executable defines the platform's operations (qmi_client_*, property_*, pm_client_*, vsyslog, sleep) and
 // exports them, so that libpelmar_modemapi.so finds them at load time. Nothing sleeps. The codec behind message
@@ -9,6 +9,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,17 @@
 
 namespace scripted {
 
-// What tests set and read below is never destroyed: detached threads of the library may outlive main().
+using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
+using Guard = std::unique_lock<std::mutex>;
+
+// Turns into an object of any type that is never destroyed: detached threads of the library may outlive main().
+inline constexpr struct {
+  template <typename T>
+  operator T&() const {
+    return *new T;
+  }
+} kNewObject;
 
 // --- system log ---
 
@@ -25,29 +36,18 @@ struct LogLine {
   int priority;
   std::string text;
 };
-
 std::vector<LogLine> log_lines();
 void clear_log();
 
-// Bodies, each behind its level and function, such as "E vs_client_init: body", with process, file and line left out;
+// Each line behind its level and function, such as "E vs_client_init: body", with process, file and line left out;
 // lines without prefix as "E|text".
-std::vector<std::string> log_bodies();
-// Whether such a line was written.
+Lines log_bodies();
 bool logged(const std::string& body);
-// Those of the lines that are about no entry or exit of a function.
-std::vector<std::string> messages();
 
 // --- properties ---
 
 extern std::map<std::string, std::string>& properties;
-
-struct PropertyWrite {
-  std::string name;
-  std::string value;
-  bool operator==(const PropertyWrite&) const = default;
-};
-extern std::vector<PropertyWrite>& property_writes;
-// How often a property was read.
+extern Lines& property_writes;  // "name=value"
 int reads_of(const std::string& name);
 
 // --- time ---
@@ -56,6 +56,18 @@ extern std::vector<unsigned>& sleeps;            // seconds, in order
 extern std::function<void(unsigned)>& on_sleep;  // runs instead of a sleep; may be empty
 // Ends of the waits on the monotonic clock, which take no time either: every other one is interrupted by a signal.
 extern std::vector<timespec>& waits;
+
+// --- files ---
+
+// Opens of a path that ends with `suffix` go to `target`, which need not exist.
+void redirect_opens(const std::string& suffix, const std::string& target);
+// The path of a file in memory with this content.
+std::string file_with(const std::string& content);
+
+// One read() or write(): the number of bytes to let through, at most as many as were requested, or -1 with errno set.
+using Transfer = std::function<long(long requested)>;
+extern Transfer on_read;
+extern Transfer on_write;
 
 // --- allocation and threads ---
 
@@ -72,8 +84,8 @@ class FailAllocationOf {
 // What pthread_create does.
 enum class Threads { kRun, kFail, kHold };
 void set_threads(Threads behaviour);
-// With kHold: how many threads were asked for and not run; run_held() runs them one by one, each on a real thread that
-// it waits for, also those that are asked for meanwhile.
+// With kHold: how many threads were created and not run; run_held() runs them one by one, each on a real thread that
+// it waits for, also those that are created meanwhile.
 size_t held_threads();
 void run_held();
 
@@ -86,33 +98,27 @@ void run_held();
 enum class Framework { kLinux, kPhone };
 void set_framework(Framework framework);
 
-// One call of the framework that the library made.
+// One call of the framework.
 struct Call {
   std::string name;  // without "qmi_client_"
   qmi_client_type handle = nullptr;
-  unsigned msg_id = 0;
-  std::vector<uint8_t> request = {};
+  unsigned msg_id = 0;  // of init_instance: the instance
+  Bytes request = {};
   unsigned response_length = 0;
   unsigned timeout = 0;
 
   bool operator==(const Call&) const = default;
 };
-
 std::vector<Call> calls();
-std::vector<Call> calls(const std::string& name);
+Lines call_names();
 void clear_calls();
-// The names of all calls in order.
-std::vector<std::string> call_names();
 
 struct Answer {
   int code = 0;
-  std::vector<uint8_t> response = {};  // the beginning of the response structure; the rest is zero
+  Bytes response = {};  // the beginning of the response structure; the rest is zero
 };
 
-// A response structure that begins with a header.
-std::vector<uint8_t> header(uint32_t result, uint32_t error);
-
-extern std::function<Answer(const Call&)>& on_send;        // answers synchronous sends; empty: success
+extern std::function<Answer(const Call&)>& on_send;        // the outcome of a synchronous send; empty: success
 extern std::function<int(const Call&)>& on_send_async;     // the outcome of an asynchronous send; empty: 0
 extern std::function<int(int attempt)>& on_init_instance;  // outcome by attempt, from 0; empty: 0
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
@@ -129,42 +135,17 @@ size_t open_handles();
 
 // The framework calling back, on the caller's thread. False: the handle is released or has no such callback. A release
 // waits for the end of the handle's callbacks, but for one that it is called from.
-bool indicate(qmi_client_type handle, unsigned msg_id, const std::vector<uint8_t>& wire_bytes);
-bool lose_service(qmi_client_type handle, int error = QMI_SERVICE_ERR);
+bool indicate(qmi_client_type handle, unsigned msg_id, const Bytes& wire);
+bool lose_service(qmi_client_type handle);
 bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
 // Ends the oldest asynchronous send with a response structure (its beginning) and a transport code.
-void complete_send(const std::vector<uint8_t>& response, int code = 0);
+void complete_send(const Bytes& response, int code = 0);
 
 // --- peripheral manager ---
 
-struct PmCall {
-  std::string name;  // without "pm_client_"
-  void* handle = nullptr;
-  int event = -1;
-  std::string device = {};
-  std::string client = {};
-
-  bool operator==(const PmCall&) const = default;
-};
-extern std::vector<PmCall>& pm_calls;
+extern Lines& pm_calls;                         // without "pm_client_", behind its arguments but the handle
 extern std::map<std::string, int>& pm_results;  // by name; 0 where none is given
 extern pm_client_event_cb pm_callback;
 extern void* pm_callback_data;
-
-// --- standard output ---
-
-// What is written to standard output while it lives.
-class CaptureOutput {
- public:
-  CaptureOutput();
-  ~CaptureOutput();
-  CaptureOutput(const CaptureOutput&) = delete;
-  CaptureOutput& operator=(const CaptureOutput&) = delete;
-  std::string text();
-
- private:
-  int saved_;
-  int file_;
-};
 
 }  // namespace scripted

@@ -1,22 +1,35 @@
-// What the process gives the library: properties, sleeps that take no time, memory that may run out, and threads.
+// What the process gives the library: system log, properties, files, sleeps that take no time, memory that may run out,
+// threads, and the peripheral manager.
 #include <cutils/properties.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdarg>
 #include <cstring>
 #include <deque>
 
 #include "scripted_platform.h"
-#include "scripted_state.h"
 
 namespace scripted {
 
 std::map<std::string, std::string>& properties = kNewObject;
-std::vector<PropertyWrite>& property_writes = kNewObject;
+Lines& property_writes = kNewObject;
 std::vector<unsigned>& sleeps = kNewObject;
 std::function<void(unsigned)>& on_sleep = kNewObject;
 std::vector<timespec>& waits = kNewObject;
+Transfer on_read;
+Transfer on_write;
+Lines& pm_calls = kNewObject;
+std::map<std::string, int>& pm_results = kNewObject;
+pm_client_event_cb pm_callback = nullptr;
+void* pm_callback_data = nullptr;
 
 namespace {
 
@@ -27,24 +40,72 @@ struct HeldThread {
 
 struct Process {
   std::mutex lock;
+  std::vector<LogLine> lines;
   std::map<std::string, int> reads;
   std::deque<HeldThread> held;
 };
+Process& g_process = kNewObject;
 
-Process& process() {
-  static Process* const instance = new Process;
-  return *instance;
-}
-
+std::string g_suffix;
+std::string g_target;
 std::atomic<size_t> g_failing_size{SIZE_MAX};
 std::atomic<Threads> g_threads{Threads::kRun};
 thread_local bool t_runs_held_thread = false;
 
+const char* opened_path(const char* path) {
+  return !g_suffix.empty() && std::string(path).ends_with(g_suffix) ? g_target.c_str() : path;
+}
+
+long let_through(const Transfer& transfer, size_t requested) {
+  return transfer ? transfer(static_cast<long>(requested)) : static_cast<long>(requested);
+}
+
+int record_pm(const std::string& name, const std::string& arguments = "") {
+  pm_calls.push_back(name + arguments);
+  return pm_results[name];
+}
+
 }  // namespace
 
+std::vector<LogLine> log_lines() {
+  Guard guard(g_process.lock);
+  return g_process.lines;
+}
+
+void clear_log() {
+  Guard guard(g_process.lock);
+  g_process.lines.clear();
+}
+
+Lines log_bodies() {
+  Lines bodies;
+  for (const auto& [priority, text] : log_lines()) {
+    const std::string level = priority == LOG_ERR ? "E" : priority == LOG_DEBUG ? "D" : "?";
+    const size_t prefix_end = text.starts_with('[') || text.starts_with("SUB[") ? text.find("] ") : text.npos;
+    bodies.push_back(prefix_end != text.npos ? level + text.substr(prefix_end + 1) : level + "|" + text);
+  }
+  return bodies;
+}
+
+bool logged(const std::string& body) {
+  const Lines bodies = log_bodies();
+  return std::find(bodies.begin(), bodies.end(), body) != bodies.end();
+}
+
 int reads_of(const std::string& name) {
-  Guard guard(process().lock);
-  return process().reads[name];
+  Guard guard(g_process.lock);
+  return g_process.reads[name];
+}
+
+void redirect_opens(const std::string& suffix, const std::string& target) {
+  g_suffix = suffix;
+  g_target = target;
+}
+
+std::string file_with(const std::string& content) {
+  const int file = memfd_create("scripted", 0);
+  EXPECT_EQ(pwrite(file, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+  return "/proc/self/fd/" + std::to_string(file);
 }
 
 FailAllocationOf::FailAllocationOf(size_t size) {
@@ -59,29 +120,20 @@ void set_threads(Threads behaviour) {
 }
 
 size_t held_threads() {
-  Guard guard(process().lock);
-  return process().held.size();
+  Guard guard(g_process.lock);
+  return g_process.held.size();
 }
 
+// Each on a thread of its own: the library must not count on the caller's.
 void run_held() {
-  while (true) {
-    HeldThread thread;
-    {
-      Guard guard(process().lock);
-      if (process().held.empty()) return;
-      thread = process().held.front();
-      process().held.pop_front();
-    }
-    // A thread of its own: the library must not count on the caller's.
-    struct Run {
-      static void* start(void* argument) {
-        const auto* const held = static_cast<HeldThread*>(argument);
-        return held->routine(held->argument);
-      }
-    };
+  while (held_threads() > 0) {
+    Guard guard(g_process.lock);
+    const HeldThread thread = g_process.held.front();
+    g_process.held.pop_front();
+    guard.unlock();
     pthread_t id;
     t_runs_held_thread = true;
-    pthread_create(&id, nullptr, Run::start, &thread);
+    pthread_create(&id, nullptr, thread.routine, thread.argument);
     t_runs_held_thread = false;
     pthread_join(id, nullptr);
   }
@@ -93,11 +145,33 @@ using namespace scripted;
 
 extern "C" {
 
+void vsyslog(int priority, const char* format, va_list arguments) {
+  char text[16384];
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  Guard guard(g_process.lock);
+  g_process.lines.push_back({priority, text});
+}
+
+int property_get(const char* name, char* value, const char* default_value) {
+  Guard guard(g_process.lock);
+  ++g_process.reads[name];
+  const auto found = properties.find(name);
+  const std::string text = found != properties.end() ? found->second : default_value == nullptr ? "" : default_value;
+  std::memcpy(value, text.c_str(), text.size() + 1);
+  return static_cast<int>(text.size());
+}
+
+int property_set(const char* name, const char* value) {
+  Guard guard(g_process.lock);
+  properties[name] = value;
+  property_writes.push_back(std::string(name) + "=" + value);
+  return 0;
+}
+
 unsigned sleep(unsigned seconds) {
-  {
-    Guard guard(process().lock);
-    sleeps.push_back(seconds);
-  }
+  Guard guard(g_process.lock);
+  sleeps.push_back(seconds);
+  guard.unlock();
   if (on_sleep) on_sleep(seconds);
   return 0;
 }
@@ -105,9 +179,32 @@ unsigned sleep(unsigned seconds) {
 int clock_nanosleep(clockid_t clock, int flags, const timespec* end, timespec*) {
   EXPECT_EQ(clock, CLOCK_MONOTONIC);
   EXPECT_EQ(flags, TIMER_ABSTIME);
-  Guard guard(process().lock);
+  Guard guard(g_process.lock);
   waits.push_back(*end);
   return waits.size() % 2 == 1 ? EINTR : 0;
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  static const auto real = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
+  return real(opened_path(path), mode);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
+  va_end(arguments);
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, opened_path(path), flags, mode));
+}
+
+ssize_t read(int file, void* buffer, size_t size) {
+  const long allowed = let_through(on_read, size);
+  return allowed < 0 ? -1 : syscall(SYS_read, file, buffer, allowed);
+}
+
+ssize_t write(int file, const void* buffer, size_t size) {
+  const long allowed = let_through(on_write, size);
+  return allowed < 0 ? -1 : syscall(SYS_write, file, buffer, allowed);
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -148,34 +245,45 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   static const auto create = __interceptor_pthread_create != nullptr
                                  ? &__interceptor_pthread_create
                                  : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  switch (t_runs_held_thread ? Threads::kRun : g_threads.load()) {
-    case Threads::kFail:
-      return EAGAIN;
-    case Threads::kHold: {
-      Guard guard(process().lock);
-      process().held.push_back({routine, argument});
-      *thread = pthread_self();
-      return 0;
-    }
-    case Threads::kRun:
-      break;
-  }
-  return create(thread, attributes, routine, argument);
-}
-
-int property_get(const char* name, char* value, const char* default_value) {
-  Guard guard(process().lock);
-  ++process().reads[name];
-  const auto found = properties.find(name);
-  const std::string text = found != properties.end() ? found->second : default_value == nullptr ? "" : default_value;
-  std::memcpy(value, text.c_str(), text.size() + 1);
-  return static_cast<int>(text.size());
-}
-
-int property_set(const char* name, const char* value) {
-  Guard guard(process().lock);
-  properties[name] = value;
-  property_writes.push_back({name, value});
+  const Threads behaviour = t_runs_held_thread ? Threads::kRun : g_threads.load();
+  if (behaviour == Threads::kRun) return create(thread, attributes, routine, argument);
+  if (behaviour == Threads::kFail) return EAGAIN;
+  Guard guard(g_process.lock);
+  g_process.held.push_back({routine, argument});
+  *thread = pthread_self();
   return 0;
+}
+
+// --- peripheral manager: one voter, whose calls end as a test says ---
+
+int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
+                       enum pm_event* state_out, void** handle) {
+  const int result = record_pm("register", std::string(" ") + device + " " + client);
+  if (result != 0) return result;
+  pm_callback = callback;
+  pm_callback_data = data;
+  *state_out = EVENT_PERIPH_IS_OFFLINE;
+  *handle = &pm_callback;
+  return 0;
+}
+
+int pm_client_connect(void* handle) {
+  EXPECT_EQ(handle, &pm_callback);
+  return record_pm("connect");
+}
+
+int pm_client_disconnect(void* handle) {
+  EXPECT_EQ(handle, &pm_callback);
+  return record_pm("disconnect");
+}
+
+int pm_client_unregister(void* handle) {
+  EXPECT_EQ(handle, &pm_callback);
+  return record_pm("unregister");
+}
+
+int pm_client_event_acknowledge(void* handle, enum pm_event event) {
+  EXPECT_EQ(handle, &pm_callback);
+  return record_pm("event_acknowledge", " " + std::to_string(event));
 }
 }

@@ -1,10 +1,5 @@
 // Property access, and the questions that are answered from properties.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <ostream>
-
-#include "settled_log.h"
+#include "library_test.h"
 
 namespace scripted {
 namespace {
@@ -36,7 +31,7 @@ TEST(PropertyAccess, RefusesNullAndLongValues) {
   pelmar_set_property_value("a", (longest + "x").c_str());
   EXPECT_THAT(property_writes, IsEmpty());
   pelmar_set_property_value("a", longest.c_str());
-  EXPECT_THAT(property_writes, ElementsAre(PropertyWrite{"a", longest}));
+  EXPECT_THAT(property_writes, ElementsAre("a=" + longest));
 }
 
 TEST(PropertyAccess, Integers) {
@@ -102,7 +97,7 @@ TEST(OnceOnly, UserVersionAndNumbersAreReadByTheFirstCallAlone) {
   EXPECT_EQ(pelmar_get_pelmar_device_type(), 2);
   EXPECT_EQ(pelmar_get_pelmar_device_type(), 0);
   pelmar_set_pelmar_manufacturer_id(-1);
-  EXPECT_THAT(property_writes, ElementsAre(PropertyWrite{"ro.vendor.radio.manufacturer_id", "-1"}));
+  EXPECT_THAT(property_writes, ElementsAre("ro.vendor.radio.manufacturer_id=-1"));
 }
 
 struct Build {
@@ -110,44 +105,44 @@ struct Build {
   const char* profile;
   const char* version;
   int32_t type;
-  const char* name;  // in the line that tells of it
+  Lines lines;  // of the type's first reading
 };
-
-void PrintTo(const Build& build, std::ostream* stream) {
-  *stream << build.cert << ", " << build.profile << ", " << build.version;
-}
 
 class BuildType : public testing::TestWithParam<Build> {};
 
 TEST_P(BuildType, FollowsCertificationThenProfileThenVersion) {
-  settle_log();
-  const Build& build = GetParam();
-  properties = {{"ro.vendor.radio.build_profile", build.profile}, {"ro.build.version.incremental", build.version}};
-  properties["ro.cust.test"] = build.cert;
-  EXPECT_EQ(pelmar_is_pre_version(), build.type == PELMAR_BUILD_TYPE_PRE);
-  EXPECT_EQ(pelmar_is_dev_version(), build.type == PELMAR_BUILD_TYPE_DEV);
-  EXPECT_EQ(pelmar_is_stable_version(), build.type == PELMAR_BUILD_TYPE_STABLE);
+  const auto& [cert, profile, version, type, lines] = GetParam();
+  properties = {
+      {"ro.vendor.radio.build_profile", profile}, {"ro.build.version.incremental", version}, {"ro.cust.test", cert}};
+  EXPECT_EQ(pelmar_is_pre_version(), type == PELMAR_BUILD_TYPE_PRE);
+  EXPECT_EQ(pelmar_is_dev_version(), type == PELMAR_BUILD_TYPE_DEV);
+  EXPECT_EQ(pelmar_is_stable_version(), type == PELMAR_BUILD_TYPE_STABLE);
 
   properties.clear();  // what decides was read
   clear_log();
-  EXPECT_EQ(pelmar_build_type_get(), build.type);
-  const std::string type = "(" + std::to_string(build.type) + "), BUILD_PROFILE(" + build.profile + ")";
-  Lines lines;
-  if (build.name != nullptr) lines.push_back("D PELMAR_BUILD_TYPE_" + std::string(build.name) + type);
-  if (build.type == 1) lines.push_back("D build_type" + type + ", BUILD_VERSION(" + build.version + ")");
-  EXPECT_EQ(new_messages("pelmar_build_type_get"), lines);
-  const bool stable = pelmar_is_stable_version();
-  EXPECT_THAT(new_messages(),  // kept: the build type is not asked again
-              ElementsAre(std::string("D pelmar_is_stable_version: ") +
-                          (stable ? "stable version, ret = 1" : "non stable version, ret = 0")));
+  EXPECT_EQ(pelmar_build_type_get(), type);
+  EXPECT_EQ(lines_of("pelmar_build_type_get"), lines);
+  clear_log();
+  pelmar_is_stable_version();
+  EXPECT_EQ(log_lines().size(), 3U);  // kept: the build type is not derived again
 }
+
+const std::string kType = "D PELMAR_BUILD_TYPE_";
 
 INSTANTIATE_TEST_SUITE_P(
     Builds, BuildType,
-    testing::Values(Build{"ct", "native_factory", "V1", 3, "CERT"}, Build{"NULL", "native_factory", "V1", 2, "FACTORY"},
-                    Build{"NULL", "orbo_native", "V1", 5, "NATIVE"}, Build{"NULL", "orbo", "V1.DEV2", 6, "DEV"},
-                    Build{"NULL", "orbo", "V1", 4, "STABLE"}, Build{"NULL", "orbo", "1.DEV", 1, "PRE"},
-                    Build{"NULL", "other", "V1.DEV", 1, nullptr}));
+    testing::Values(
+        Build{"ct", "native_factory", "V1", 3, {kType + "CERT(3), BUILD_PROFILE(native_factory)"}},
+        Build{"NULL", "native_factory", "V1", 2, {kType + "FACTORY(2), BUILD_PROFILE(native_factory)"}},
+        Build{"NULL", "orbo_native", "V1", 5, {kType + "NATIVE(5), BUILD_PROFILE(orbo_native)"}},
+        Build{"NULL", "orbo", "V1.DEV2", 6, {kType + "DEV(6), BUILD_PROFILE(orbo)"}},
+        Build{"NULL", "orbo", "V1", 4, {kType + "STABLE(4), BUILD_PROFILE(orbo)"}},
+        Build{"NULL",
+              "orbo",
+              "1.DEV",
+              1,
+              {kType + "PRE(1), BUILD_PROFILE(orbo)", "D build_type(1), BUILD_PROFILE(orbo), BUILD_VERSION(1.DEV)"}},
+        Build{"NULL", "other", "V1.DEV", 1, {"D build_type(1), BUILD_PROFILE(other), BUILD_VERSION(V1.DEV)"}}));
 
 TEST(Names, AreKeptExceptTheVendorRegion) {
   properties = {{"ro.product.device", "lynx"}, {"persist.vendor.radio.build_region", "eu"}};

@@ -1,8 +1,5 @@
 // The modem's restart type.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "settled_log.h"
+#include "library_test.h"
 
 namespace scripted {
 namespace {
@@ -10,18 +7,18 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kLevel[] = "persist.vendor.ssr.restart_level";
-constexpr char kSaved[] = "persist.vendor.ssr.type_bak";
-constexpr char kFlag[] = "persist.vendor.ssr.type_bak_flag";
+const std::string kLevel = "persist.vendor.ssr.restart_level";
+const std::string kSaved = "persist.vendor.ssr.type_bak";
+const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
 
 TEST(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
   properties[kLevel] = "ALL_DISABLE";
   EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_DEF);
-  EXPECT_THAT(property_writes, ElementsAre(PropertyWrite{kSaved, "ALL_DISABLE"}, PropertyWrite{kFlag, "yes"}));
+  EXPECT_THAT(property_writes, ElementsAre(kSaved + "=ALL_DISABLE", kFlag + "=yes"));
   property_writes.clear();
 
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
-  EXPECT_THAT(property_writes, ElementsAre(PropertyWrite{kLevel, "ALL_ENABLE"}));
+  EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE"));
   EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_SSR);
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 1);
   EXPECT_EQ(properties[kLevel], "ALL_DISABLE");
@@ -30,8 +27,7 @@ TEST(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
 TEST(RestartType, FirstSetSavesTheLevelItWrote) {
   properties[kLevel] = "ALL_DISABLE";
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
-  EXPECT_THAT(property_writes, ElementsAre(PropertyWrite{kLevel, "ALL_ENABLE"}, PropertyWrite{kSaved, "ALL_ENABLE"},
-                                           PropertyWrite{kFlag, "yes"}));
+  EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE", kSaved + "=ALL_ENABLE", kFlag + "=yes"));
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 0);
 }
 

@@ -1,5 +1,4 @@
 // Strings, file copy, threads and the guarded allocation pair.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,8 +10,7 @@
 #include <sstream>
 #include <thread>
 
-#include "scripted_files.h"
-#include "settled_log.h"
+#include "library_test.h"
 
 namespace scripted {
 namespace {
