@@ -1,6 +1,7 @@
 // The synchronous commands: what each sends and through which connection, whom all refuse, and what the caller
 // receives. Results and refusals of each command are in the golden log.
 #include "command_rows.h"
+#include "golden_log.h"
 
 #include "nas_client.h"
 #include "sar_client.h"
@@ -13,9 +14,12 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class Commands : public LibraryTest {
+class Commands : public Golden<LibraryTest> {
  protected:
-  Commands() { open_all(); }
+  Commands() {
+    open_all();
+    reset_golden_log();
+  }
 };
 
 TEST_F(Commands, SendTheirRequestsThroughTheirConnections) {
@@ -28,6 +32,74 @@ TEST_F(Commands, SendTheirRequestsThroughTheirConnections) {
     EXPECT_THAT(calls(), ElementsAre(Call{"send_msg_sync", connections[row.type], row.msg_id, row.request,
                                           row.response_length, 30000}));
   }
+}
+
+TEST_F(Commands, ReturnTheirOutcome) {
+  for (const CommandRow& row : command_rows()) {
+    const auto id = static_cast<int32_t>(row.type);
+    row.call(id);
+    row.call(id ^ 1);
+    for (const Answer& failure : {Answer{0, header(1, 52)}, {-3, {}}}) {
+      on_send = [&](const Call&) { return failure; };
+      row.call(id);
+    }
+    on_send = nullptr;
+  }
+}
+
+// Nothing is sent, and the log has the reasons.
+TEST_F(Commands, CheckTheClientThenPointersThenLengths) {
+  uint8_t data[513] = {};
+  uint32_t length = 256;
+  for_each_command("_read_", [&](const CommandRow& row) {
+    item = {nullptr, nullptr, nullptr, 257};
+    row.call(1);
+    item = {"/nv", nullptr, &length, 0};
+    row.call(0);
+    item = {"/nv", data, nullptr, 0};
+    row.call(0);
+  });
+  for_each_command("_write_", [&](const CommandRow& row) {
+    item = {nullptr, nullptr, nullptr, 257};
+    row.call(1);
+    row.call(0);
+    item = {nullptr, data, nullptr, 257};
+    row.call(0);
+  });
+  const modem_api_response_cb callback = [](const uint8_t*, uint32_t, void*, uint32_t) {};
+  struct PassThrough {
+    int32_t client;
+    const uint8_t* payload;
+    int32_t length;
+    modem_api_response_cb callback;
+  };
+  for (const auto& [client, payload, size, function] : {PassThrough{1, nullptr, 513, nullptr},
+                                                        {0, nullptr, 513, nullptr},
+                                                        {0, nullptr, 513, callback},
+                                                        {0, data, INT32_MAX, callback},
+                                                        {0, nullptr, 1, callback}}) {
+    modem_api_common_command(client, payload, size);
+    modem_api_common_command_async(client, payload, size, nullptr, function);
+  }
+  uint8_t byte = 0;
+  const uint32_t id = 0;
+  const modem_api_stats_registration record = {};
+  stats_para_data values = {};
+  modem_api_get_hydra_feature_status(0, 1, nullptr, &byte);
+  modem_api_set_modem_stats_report_status(0, 0, nullptr);
+  modem_api_set_modem_stats_report_status(0, 1, nullptr);
+  modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 0);
+  modem_api_register_modem_stats_data(0, 1, 0, 0, 0, 0, &record, 0);
+  modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, nullptr, 0);
+  modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, &id, 0);
+  modem_api_get_stats_parameter(0, 1, 2, nullptr);
+  modem_api_get_stats_parameter(0, 1, 2, &values);
+  values.para_num = 11;
+  modem_api_get_stats_parameter(0, 1, 2, &values);
+  modem_api_clear_stats_parameter(0, 1, 2, 0, nullptr);
+  modem_api_clear_stats_parameter(0, 1, 2, -1, &id);
+  modem_api_clear_stats_parameter(0, 1, 2, 11, nullptr);
+  modem_api_clear_stats_parameter(0, 1, 2, 1, nullptr);
 }
 
 // One command stands for all that share the check.

@@ -97,6 +97,12 @@ Bytes long_value(uint32_t sub, uint32_t id) {
 
 class HydraMetrics : public HydraTest {};
 
+// What is below the decoders is in the golden logs of the commands.
+class HydraMetricsLog : public Golden<HydraTest> {
+ protected:
+  HydraMetricsLog() { words_ = {"hydra_mgr_fetch", "hydra_mgr_metrics", "hydra_mgr_tx_power"}; }
+};
+
 // From values of every length; the carriers beside the first from a whole one.
 TEST_F(HydraMetrics, FillWhatTheValueHas) {
   open_hydra();
@@ -120,21 +126,34 @@ TEST_F(HydraMetrics, FillWhatTheValueHas) {
   }
 }
 
-TEST_F(HydraMetrics, RefuseWithoutTouchingTheRecord) {
-  open_hydra();
+TEST_F(HydraMetricsLog, OfEachDecoder) {
   for (const Metric& metric : kMetrics) {
-    const Decode decoder = metric.decoders.front().second;
-    Bytes record(metric.record_size, 0xEE);
-    EXPECT_EQ(decoder(0, nullptr), 0);
-    EXPECT_EQ(decoder(2, record.data()), 0);  // there is no such subscription
-    EXPECT_TRUE(calls().empty());
-    EXPECT_EQ(decoder(0, record.data()), 0);  // there is no value
-    EXPECT_THAT(record, testing::Each(0xEE));
-    forget();
+    for (const auto& [id, decoder] : metric.decoders) {
+      Bytes record(metric.record_size, 0xEE);
+      EXPECT_EQ(decoder(0, nullptr), 0);
+      EXPECT_EQ(decoder(2, record.data()), 0);  // there is no such subscription
+      EXPECT_EQ(decoder(0, record.data()), 0);  // there is no value
+      EXPECT_THAT(record, testing::Each(0xEE));
+      for (const size_t length : {80, 1}) {
+        values[{1, id}] = Bytes(length);
+        decoder(1, record.data());
+      }
+    }
   }
 }
 
-TEST_F(HydraMetrics, OpenHydraOnDemandAndNumberTheirRequests) {
+// No value, none and several values, another identifier before another subscription, lengths; then what is taken.
+TEST_F(HydraMetricsLog, OfResponses) {
+  values[{1, 0x64}] = Bytes(8);
+  for (const char* const change : {"8:00", "12:00", "12:02", "12:FFFFFFFF", "16:33 20:33", "16:33", "24:00", "24:BC02",
+                                   "24:BD02", "24:FFFFFFFF", "18:09"}) {
+    on_fetch = [&](Bytes& response) { write_fields(response, change); };
+    modem_hydra_mcs_trm_asdiv record = {};
+    modem_hydra_mcs_trm_asdiv_get(1, &record);
+  }
+}
+
+TEST_F(HydraMetricsLog, OfHydraOpenedOnDemand) {
   values[{1, 0x64}] = Bytes(8);
   modem_hydra_mcs_trm_asdiv record = {};
   on_init_instance = [](int) { return QMI_SERVICE_ERR; };
@@ -179,7 +198,7 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
   }
   std::atomic<int> wrong = 0;
   std::atomic<int> fetching = 0;
-  on_fetch = [&] {
+  on_fetch = [&](Bytes&) {
     if (++fetching > 1) ++wrong;
     std::this_thread::yield();
     --fetching;
@@ -213,7 +232,7 @@ constexpr uint32_t kLteId = 0x62;
 constexpr uint32_t kNrId = 0x5a;
 constexpr int32_t kNone = 65535;
 
-TEST_F(HydraMetrics, SystemModeIsTheFirstStacks) {
+TEST_F(HydraMetricsLog, SystemModeIsTheFirstStacks) {
   open_hydra();
   const std::pair<const char*, uint32_t> cases[] = {{"01 0C000000", 12},
                                                     {"03 09000000 0C000000 0C000000", 9},
@@ -228,7 +247,7 @@ TEST_F(HydraMetrics, SystemModeIsTheFirstStacks) {
 
 using Power = std::optional<int16_t>;
 
-class TxPower : public HydraTest {
+class TxPower : public HydraMetricsLog {
  protected:
   TxPower() { open_hydra(); }
 

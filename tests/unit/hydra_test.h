@@ -1,7 +1,7 @@
 // A modem under hydra: it responds to the statistics commands with values that a test gives it.
 #pragma once
 
-#include "library_test.h"
+#include "golden_log.h"
 #include "modem_hydra.h"
 #include "vs_messages.h"
 
@@ -31,7 +31,7 @@ class HydraTest : public LibraryTest {
   }
 
   std::map<std::pair<uint32_t, uint32_t>, Bytes> values;  // by subscription and statistics identifier
-  std::function<void()> on_fetch;                         // runs while a value is fetched; may be empty
+  std::function<void(Bytes& response)> on_fetch;          // may change what it gives; may be empty
   std::map<unsigned, Bytes> responses;                    // to other messages; success where none
 
  private:
@@ -49,7 +49,7 @@ class HydraTest : public LibraryTest {
       put(response, 24, static_cast<uint32_t>(value->second.size()));
       std::copy(value->second.begin(), value->second.end(), response.begin() + 28);
     }
-    if (on_fetch) on_fetch();
+    if (on_fetch) on_fetch(response);
     return {0, response};
   }
 };

@@ -31,15 +31,20 @@ void put(Bytes& structure, size_t offset, Integer value) {
   std::memcpy(&structure[offset], &value, sizeof(value));
 }
 
-// A structure in memory, zero but for what is given as "offset:hexadecimal bytes", separated by spaces.
-inline Bytes structure(size_t size, const std::string& content) {
-  Bytes result(size);
+// Writes what is given as "offset:hexadecimal bytes", separated by spaces.
+inline void write_fields(Bytes& structure, const std::string& content) {
   std::istringstream fields(content);
   for (std::string field; fields >> field;) {
     const Bytes value = bytes(field.substr(field.find(':') + 1));
     const size_t offset = std::stoul(field);
-    for (size_t i = 0; i < value.size(); ++i) result.at(offset + i) = value[i];
+    for (size_t i = 0; i < value.size(); ++i) structure.at(offset + i) = value[i];
   }
+}
+
+// A structure in memory, zero but for its fields.
+inline Bytes structure(size_t size, const std::string& content) {
+  Bytes result(size);
+  write_fields(result, content);
   return result;
 }
 

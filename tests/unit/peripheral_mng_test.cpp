@@ -1,20 +1,22 @@
-// The vote for the modem's power, over a scripted peripheral manager. Its lines are in the golden log.
+// The vote for the modem's power, over a scripted peripheral manager.
 #include "modem_api_peripheral_mng.h"
 
 #include <string_view>
 
-#include "library_test.h"
+#include "golden_log.h"
 
 namespace {
 
 using namespace scripted;
 using testing::ElementsAre;
 
+using PeripheralManager = Golden<testing::Test>;
+
 modem_api_peripheral_mng_connection& connection() {
   return modem_api_peripheral_mng_conn_info;
 }
 
-TEST(PeripheralManager, RecordsAreZeroAtLoad) {
+TEST_F(PeripheralManager, RecordsAreZeroAtLoad) {
   const auto is_zero = [](const auto& record) {
     const std::string_view bytes(reinterpret_cast<const char*>(&record), sizeof record);
     return bytes.find_first_not_of('\0') == bytes.npos;
@@ -23,14 +25,14 @@ TEST(PeripheralManager, RecordsAreZeroAtLoad) {
   EXPECT_TRUE(is_zero(esoc_info));
 }
 
-TEST(PeripheralManager, RegistersUnderANameThatFits) {
+TEST_F(PeripheralManager, RegistersUnderANameThatFits) {
   const std::string name(40, 'm');
   EXPECT_EQ(modem_api_peripheral_mng_init(name.c_str()), 0);
   EXPECT_EQ(connection().name, name.substr(0, 31));
   EXPECT_THAT(pm_calls, ElementsAre("register " + name.substr(0, 31) + " MODEM_API"));
 }
 
-TEST(PeripheralManager, IsLeftAloneWithoutRegistration) {
+TEST_F(PeripheralManager, IsLeftAloneWithoutRegistration) {
   pm_results["register"] = -1;
   EXPECT_EQ(modem_api_peripheral_mng_init("modem"), 1);
   EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
@@ -39,7 +41,7 @@ TEST(PeripheralManager, IsLeftAloneWithoutRegistration) {
   EXPECT_THAT(pm_calls, ElementsAre("register modem MODEM_API"));
 }
 
-TEST(PeripheralManager, VotesAndTakesTheVoteBack) {
+TEST_F(PeripheralManager, VotesAndTakesTheVoteBack) {
   modem_api_peripheral_mng_init("modem");
   EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
   modem_api_peripheral_mng_release_vote();

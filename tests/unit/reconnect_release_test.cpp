@@ -9,7 +9,7 @@ namespace {
 
 using namespace scripted;
 
-class ReconnectRelease : public Reconnect {};
+using ReconnectRelease = ReconnectTest;
 
 // A release ends a reconnection wherever it is, and what that had made.
 TEST_P(ReconnectRelease, EndsWithARelease) {

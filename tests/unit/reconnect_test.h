@@ -2,7 +2,7 @@
 // three descriptions.
 #pragma once
 
-#include "library_test.h"
+#include "golden_log.h"
 #include "nas_client.h"
 #include "sar_client.h"
 
@@ -63,9 +63,9 @@ inline Statuses statuses_of(const Connection& connection) {
   return reports.of[connection.type];
 }
 
-class Reconnect : public testing::TestWithParam<Connection> {
+class ReconnectTest : public testing::TestWithParam<Connection> {
  protected:
-  Reconnect() {
+  ReconnectTest() {
     properties["persist.hydra.mem_trace"] = "true";
     properties["persist.vendor.radio.adb_log_shell"] = "0";
     start();

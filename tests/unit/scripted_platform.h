@@ -36,8 +36,10 @@ struct LogLine {
   int priority;
   std::string text;
 };
-std::vector<LogLine> log_lines();
+std::vector<LogLine> log_lines();  // since clear_log()
+std::vector<LogLine> whole_log();  // since reset_golden_log()
 void clear_log();
+void reset_golden_log();
 
 // Each line behind its level and function, such as "E vs_client_init: body", with process, file and line left out;
 // lines without prefix as "E|text".

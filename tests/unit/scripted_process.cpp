@@ -41,6 +41,7 @@ struct HeldThread {
 struct Process {
   std::mutex lock;
   std::vector<LogLine> lines;
+  ptrdiff_t cleared = 0;  // so many of them
   std::map<std::string, int> reads;
   std::deque<HeldThread> held;
 };
@@ -69,12 +70,23 @@ int record_pm(const std::string& name, const std::string& arguments = "") {
 
 std::vector<LogLine> log_lines() {
   Guard guard(g_process.lock);
+  return {g_process.lines.begin() + g_process.cleared, g_process.lines.end()};
+}
+
+std::vector<LogLine> whole_log() {
+  Guard guard(g_process.lock);
   return g_process.lines;
 }
 
 void clear_log() {
   Guard guard(g_process.lock);
+  g_process.cleared = static_cast<ptrdiff_t>(g_process.lines.size());
+}
+
+void reset_golden_log() {
+  Guard guard(g_process.lock);
   g_process.lines.clear();
+  g_process.cleared = 0;
 }
 
 Lines log_bodies() {

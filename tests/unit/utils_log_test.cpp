@@ -4,7 +4,8 @@
 #include <array>
 #include <thread>
 
-#include "library_test.h"
+#include "golden_log.h"
+#include "pelmar_string.h"
 
 namespace scripted {
 namespace {
@@ -18,6 +19,17 @@ Lines texts() {
   for (const LogLine& line : log_lines()) texts.push_back(std::to_string(line.priority) + " " + line.text);
   clear_log();
   return texts;
+}
+
+TEST(LogSite, WritesToBothSinks) {
+  testing::internal::CaptureStdout();
+  pelmar_check_sub_id(1);
+  pelmar_print_property_value("ro.unset");
+  g_pelmar_qcril_ril_process_instance_id = 1;
+  pelmar_str_find_right(nullptr, 'x');
+  std::istringstream written(testing::internal::GetCapturedStdout());
+  for (std::string line; std::getline(written, line);) pelmar_utils_syslog_dbg("stdout: %s", line.c_str());
+  expect_golden_log();
 }
 
 TEST(LogSite, ReadsTheNameOnlyWithoutAnInstance) {

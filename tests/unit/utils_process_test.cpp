@@ -1,7 +1,7 @@
 // The process's own name and id, and the search of the process table.
 #include <unistd.h>
 
-#include "library_test.h"
+#include "golden_log.h"
 
 namespace scripted {
 namespace {
@@ -60,25 +60,22 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"/status", "-", "mtb", {"E|pelmar_get_current_pid_name_ex, fopen fail"}},
         NameCase{"/status", "", "mtb", {"E|pelmar_get_current_pid_name_ex, fgets fail"}}));
 
-TEST(ProcessInfo, IsReadAnew) {
-  const std::tuple<std::string, std::string, std::string> reads[] = {
-      {file_with("/scripted/mtb"), "mtb", "D str_pid_name: /mtb"},
-      {file_with("plain"), "plain", "D proc_pid_buf should be name"},
-      {file_with(""), "", "E fgets fail"},
-      {"/nonexistent", "", "E fopen fail"}};
-  for (const auto& [file, name, line] : reads) {
+using ProcessInfo = Golden<testing::Test>;
+
+TEST_F(ProcessInfo, IsReadAnew) {
+  const std::pair<std::string, const char*> files[] = {
+      {file_with("/scripted/mtb"), "mtb"}, {file_with("plain"), "plain"}, {file_with(""), ""}, {"/nonexistent", ""}};
+  for (const auto& [file, name] : files) {
     redirect_opens("/cmdline", file);
-    clear_log();
     pelmar_pid_info info;
     pelmar_get_current_pid_info(&info);
     EXPECT_EQ(info.p_id, getpid());
-    EXPECT_EQ(info.p_name, name);
-    EXPECT_THAT(lines_of("pelmar_get_name_by_pid"), testing::Contains(line));
+    EXPECT_STREQ(info.p_name, name);
   }
+  pelmar_get_current_pid_info(nullptr);
 }
 
-TEST(ProcessInfo, OwnRecordIsFilledByTheFirstCall) {
-  settle_log();
+TEST_F(ProcessInfo, OwnRecordIsFilledByTheFirstCall) {
   EXPECT_EQ(pelmar_utils_get_pid_number(), getpid());
   EXPECT_FALSE(log_lines().empty());
   clear_log();
@@ -86,6 +83,13 @@ TEST(ProcessInfo, OwnRecordIsFilledByTheFirstCall) {
   EXPECT_STREQ(pelmar_utils_get_pid_name(), "mtb");
   EXPECT_EQ(pelmar_utils_get_pid_number(), getpid());
   EXPECT_THAT(log_lines(), IsEmpty());
+}
+
+TEST_F(ProcessInfo, IsNotSearchedByNothing) {
+  int32_t pid = -7;
+  pelmar_get_pid_by_name(nullptr, "mtb");
+  pelmar_get_pid_by_name(&pid, nullptr);
+  EXPECT_EQ(pid, -7);
 }
 
 TEST(SearchByName, FindsNoNameAndTheEmptyNameAtOnce) {

@@ -1,5 +1,6 @@
 // The modem's restart type.
-#include "library_test.h"
+#include "golden_log.h"
+#include "pelmar_ssr.h"
 
 namespace scripted {
 namespace {
@@ -11,45 +12,40 @@ const std::string kLevel = "persist.vendor.ssr.restart_level";
 const std::string kSaved = "persist.vendor.ssr.type_bak";
 const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
 
-TEST(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
+using RestartType = Golden<testing::Test>;
+
+TEST_F(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
   properties[kLevel] = "ALL_DISABLE";
   EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_DEF);
-  EXPECT_THAT(property_writes, ElementsAre(kSaved + "=ALL_DISABLE", kFlag + "=yes"));
-  property_writes.clear();
-
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
-  EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE"));
   EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_SSR);
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 1);
-  EXPECT_EQ(properties[kLevel], "ALL_DISABLE");
+  EXPECT_THAT(property_writes,
+              ElementsAre(kSaved + "=ALL_DISABLE", kFlag + "=yes", kLevel + "=ALL_ENABLE", kLevel + "=ALL_DISABLE"));
 }
 
-TEST(RestartType, FirstSetSavesTheLevelItWrote) {
+TEST_F(RestartType, FirstSetSavesTheLevelItWrote) {
   properties[kLevel] = "ALL_DISABLE";
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
   EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE", kSaved + "=ALL_ENABLE", kFlag + "=yes"));
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 0);
 }
 
-TEST(RestartType, GetNamesTheLevel) {
-  const struct {
-    const char* level;
-    const char* saved;
-    int32_t type;
-  } cases[] = {{"ALL_ENABLE", "ALL_ENABLE", 0},
-               {"ALL_ENABLE", "x", 1},
-               {"ALL_DISABLE", "x", 2},
-               {"", "x", 2},
-               {"", "", 0},
-               {"related", "x", 3}};
-  for (const auto& level_case : cases) {
-    properties = {{kLevel, level_case.level}, {kSaved, level_case.saved}, {kFlag, "yes"}};
-    EXPECT_EQ(pelmar_get_modem_ssr_type(), level_case.type) << level_case.level;
+TEST_F(RestartType, GetNamesTheLevel) {
+  const std::tuple<const char*, const char*, int32_t> cases[] = {{"ALL_ENABLE", "ALL_ENABLE", 0},
+                                                                 {"ALL_ENABLE", "x", 1},
+                                                                 {"ALL_DISABLE", "x", 2},
+                                                                 {"", "x", 2},
+                                                                 {"", "", 0},
+                                                                 {"related", "x", 3}};
+  for (const auto& [level, saved, type] : cases) {
+    properties = {{kLevel, level}, {kSaved, saved}, {kFlag, "yes"}};
+    EXPECT_EQ(pelmar_get_modem_ssr_type(), type) << level;
   }
   EXPECT_THAT(property_writes, IsEmpty());
 }
 
-TEST(RestartType, SetWritesAnotherLevelAlone) {
+TEST_F(RestartType, SetWritesAnotherLevelAlone) {
   const struct {
     int32_t type;
     const char* level;
@@ -62,32 +58,31 @@ TEST(RestartType, SetWritesAnotherLevelAlone) {
       {-1, "ALL_DISABLE", "yes", 0, "ALL_DISABLE"}, {2, "", "yes", 1, "ALL_DISABLE"},
       {2, "related", "yes", 1, "ALL_DISABLE"},      {2, "ALL_ENABLE", "yes", 1, "ALL_DISABLE"},
   };
-  for (const auto& set_case : cases) {
-    properties = {{kLevel, set_case.level}, {kSaved, "x"}, {kFlag, set_case.flag}};
-    EXPECT_EQ(pelmar_set_modem_ssr_type(set_case.type), set_case.result) << set_case.level;
-    EXPECT_EQ(properties[kLevel], set_case.written);
+  for (const auto& [type, level, flag, result, written] : cases) {
+    properties = {{kLevel, level}, {kSaved, "x"}, {kFlag, flag}};
+    EXPECT_EQ(pelmar_set_modem_ssr_type(type), result) << level;
+    EXPECT_EQ(properties[kLevel], written);
     EXPECT_EQ(properties[kSaved], "x") << "saved once";
   }
 }
 
-TEST(RestartTypeName, CopiesWithoutTerminatorAndNeverNothing) {
-  const struct {
-    const char* level;
-    uint32_t room;
-    std::string name;
-  } cases[] = {
+TEST_F(RestartType, NameIsCopiedWithoutTerminatorAndNeverEmpty) {
+  const std::tuple<const char*, uint32_t, std::string> cases[] = {
       {"ALL_ENABLE", 16, "ALL_ENABLE"}, {"ALL_ENABLE", 3, "ALL"}, {"", 5, "CONFIG_EMPTY"}, {"x", 0, "CONFIG_EMPTY"}};
-  for (const auto& name_case : cases) {
-    properties[kLevel] = name_case.level;
+  uint32_t length = 16;
+  for (const auto& [level, room, wanted] : cases) {
+    properties[kLevel] = level;
     std::string name(16, '#');
-    uint32_t length = name_case.room;
+    length = room;
     pelmar_get_modem_ssr_type_name(name.data(), &length);
-    EXPECT_EQ(name, name_case.name + std::string(16 - name_case.name.size(), '#'));
-    EXPECT_EQ(length, name_case.room);
+    EXPECT_EQ(name, wanted + std::string(16 - wanted.size(), '#'));
+    EXPECT_EQ(length, room);
+    pelmar_get_modem_ssr_type_name(name.data(), nullptr);
   }
+  pelmar_get_modem_ssr_type_name(nullptr, &length);
 }
 
-TEST(RestartWait, SleepsAsRequestedOrConfigured) {
+TEST_F(RestartType, WaitSleepsAsGivenOrConfigured) {
   EXPECT_EQ(pelmar_modem_ssr_wait_s(0), 0);
   EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), 5);
   EXPECT_EQ(pelmar_modem_ssr_wait_s(2), 2);
