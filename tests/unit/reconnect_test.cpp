@@ -27,8 +27,8 @@ TEST_P(Reconnect, TriesTenTimesAtMost) {
     clock_gettime(CLOCK_MONOTONIC, &before);
     waits.clear();
     errno = EINTR;  // from something earlier
-    // A binding that the modem refuses changes nothing.
-    on_send = [](const Call& call) { return Answer{0, header(call.msg_id == 0x0045, 48)}; };
+    // A binding that the modem refuses changes nothing, and neither does a registration without response.
+    on_send = [](const Call& call) { return Answer{call.msg_id == 3 ? -3 : 0, header(call.msg_id == 0x0045, 48)}; };
     const bool up = failures < 10;
     start();
     EXPECT_EQ(connection_.open(on_event), up);

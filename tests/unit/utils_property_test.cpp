@@ -170,7 +170,10 @@ TEST_F(Derived, ListsOfNumbersCompareAtTheirWidth) {
   pelmar_int16_list_contain(halves, 2, -1);
   pelmar_int32_list_contain(words, 2, -1);
   for (const uint32_t count : {2, 1}) pelmar_int64_list_contain(longs, count, int64_t{1} << 40);
+  pelmar_int8_list_contain(bytes, 0, 3);
+  pelmar_int16_list_contain(halves, 0, 3);
   pelmar_int32_list_contain(words, 0, 3);
+  pelmar_int64_list_contain(longs, 0, 3);
   pelmar_int8_list_contain(nullptr, 1, 1);
   pelmar_int16_list_contain(nullptr, 1, 1);
   pelmar_int32_list_contain(nullptr, 1, 1);

@@ -69,7 +69,8 @@ TEST_F(Strings, AreReplacedWithinTheRoom) {
     pelmar_str_rpl(out, const_cast<char*>(in), room, src, dst);
     EXPECT_STREQ(out, wanted);
   }
-  pelmar_str_rpl(nullptr, nullptr, 8, "b", "x");
+  char in[] = "abc";
+  pelmar_str_rpl(nullptr, in, 8, "b", "x");
 }
 
 TEST_F(Strings, TakeAPrefixThatFits) {
@@ -152,9 +153,9 @@ TEST_F(CopyFile, FailsWithItsOwnCodes) {
   }
 }
 
-using Threading = Golden<testing::Test>;
+using ThreadsAndMemory = Golden<testing::Test>;
 
-TEST_F(Threading, RunsThreadsDetachedOrFails) {
+TEST_F(ThreadsAndMemory, RunDetachedOrFail) {
   static std::atomic<bool> ran{false};
   const auto run = [](void*) -> void* { return ran = true, nullptr; };
   EXPECT_EQ(pelmar_create_pthread("worker", run, nullptr), 0);
@@ -164,7 +165,7 @@ TEST_F(Threading, RunsThreadsDetachedOrFails) {
   EXPECT_EQ(pelmar_create_pthread("worker", nullptr, nullptr), EINVAL);
 }
 
-TEST(GuardedAllocation, TakesAndClears) {
+TEST_F(ThreadsAndMemory, AreFreedAndCleared) {
   EXPECT_EQ(pelmar_mem_malloc(0), nullptr);
   void* block = pelmar_mem_malloc(8);
   ASSERT_NE(block, nullptr);

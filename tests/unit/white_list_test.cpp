@@ -9,28 +9,24 @@ namespace {
 
 using namespace scripted;
 
-// What a process of this name expects.
-void expect_service(bool served, const std::string& name) {
+// The part of the test below that runs in a process of another name.
+TEST(WhiteList, ServesThisProcess) {
+  const char* const other_name = std::getenv("SCRIPTED_PROCESS_NAME");
+  const bool served = std::getenv("SCRIPTED_REFUSED") == nullptr;
   EXPECT_EQ(modem_api_check_white_list(), served ? 1 : 0);
-  EXPECT_TRUE(logged(std::string("D modem_api_check_white_list: check ") + (served ? "pass" : "fail") +
-                     ", p_id: " + std::to_string(getpid()) + ", p_name: " + name));
+  EXPECT_TRUE(logged(std::string("D modem_api_check_white_list: check ") + (served ? "pass" : "fail") + ", p_id: " +
+                     std::to_string(getpid()) + ", p_name: " + (other_name == nullptr ? "mtb" : other_name)));
   pelmar_hal_set_logcat_print_mask(PELMAR_LOG_LEVEL_ERROR);
   clear_log();
   int32_t id = -1;
-  EXPECT_EQ(modem_api_init(), served ? MODEM_API_SUCCESS : MODEM_API_ERR_NOT_INITIALIZED);
-  EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &id),
-            served ? MODEM_API_SUCCESS : MODEM_API_ERR_NOT_INITIALIZED);
+  const modem_api_result result = served ? MODEM_API_SUCCESS : MODEM_API_ERR_NOT_INITIALIZED;
+  EXPECT_EQ(modem_api_init(), result);
+  EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &id), result);
   EXPECT_EQ(id, served ? 0 : -1);
   EXPECT_EQ(calls().empty(), !served);
-  EXPECT_EQ(log_bodies(), served ? Lines{}
-                                 : (Lines{"E modem_api_init: check fail, do nothing",
-                                          "E modem_api_init_client: check fail, do nothing"}));
-}
-
-// The part of the test below that runs in a process of another name.
-TEST(WhiteList, ServesThisProcess) {
-  const char* const name = std::getenv("SCRIPTED_PROCESS_NAME");
-  expect_service(std::getenv("SCRIPTED_REFUSED") == nullptr, name == nullptr ? "mtb" : name);
+  const Lines refusals = {"E modem_api_init: check fail, do nothing",
+                          "E modem_api_init_client: check fail, do nothing"};
+  EXPECT_EQ(log_bodies(), served ? Lines{} : refusals);
 }
 
 TEST(WhiteList, NamesThreeProcesses) {
