@@ -1,5 +1,5 @@
 // Callbacks that use the library, over both frameworks: what they may free, and that nobody who frees, prepares or
-// reconnects the same clients waits for a callback with something in hand that the callback may ask for.
+// reconnects the same clients waits for a callback with something in hand that the callback may need.
 #include <algorithm>
 #include <atomic>
 #include <functional>

@@ -37,7 +37,7 @@ class ClientTable : public Golden<LibraryTest> {
 TEST_F(ClientTable, GivesTheFirstFreeSlot) {
   const modem_api_client_type order[] = {MODEM_API_CLIENT_NAS_1, MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_VS,
                                          MODEM_API_CLIENT_NAS_0};
-  on_send = [](const Call&) { return Answer{.code = -3}; };  // a NAS client opens also when it cannot register
+  on_send = [](const Call&) { return Outcome{.code = -3}; };  // a NAS client opens also when it cannot register
   for (int32_t id = 0; id < 4; ++id) {
     const modem_api_client_type type = order[id];
     forget();

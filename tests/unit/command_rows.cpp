@@ -13,44 +13,43 @@ modem_api_client_type nas(int32_t sub) {
   return sub == 0 ? MODEM_API_CLIENT_NAS_0 : MODEM_API_CLIENT_NAS_1;
 }
 
-CommandRow item_row(const char* name, unsigned msg_id, size_t request_length, const std::string& request,
-                    const std::function<int32_t(int32_t)>& call) {
-  const bool reads = std::string(name).find("read") != std::string::npos;
-  return {name, MODEM_API_CLIENT_VS, msg_id, reads ? 268U : 8U, structure(request_length, request), call};
+// A command of items: its request is a structure of a length with fields.
+CommandRow row_of(const char* name, unsigned msg_id, size_t length, const std::string& fields,
+                  int32_t (*call)(int32_t)) {
+  const bool reads = std::string(name).starts_with("read");
+  return {name, MODEM_API_CLIENT_VS, msg_id, reads ? 268U : 8U, structure(length, fields), call};
 }
+
+const std::string kNv = "0:A1A2A3A4 4:B1 6:C1C2 ";
+const std::string kEfs = "0:A1A2A3A4 4:C1C2 ";
+const std::string kPath = "0:2F6E76 102:C1C2 104:B1 ";
+const std::string kRfnv = "0:A1A2A3A4 ";
+
+// In any other mode than 0 the arguments of efs_sync stay behind.
+#define ITEM(name, msg_id, length, fields, ...) \
+  row_of(#name, msg_id, length, fields, [](int32_t id) { return modem_api_##name(id, __VA_ARGS__); })
 
 void add_items(std::vector<CommandRow>& rows) {
   const std::vector<CommandRow> items = {
-      item_row("read_nv", 0x0100, 8, "0:A1A2A3A4 4:B1 6:C1C2",
-               [](int32_t id) { return modem_api_read_nv(id, kItem, 0xB1, 0xC2C1, item.data, item.length); }),
-      item_row("write_nv", 0x0101, 268, "0:A1A2A3A4 4:B1 6:C1C2 8:03 12:D1D2D3",
-               [](int32_t id) { return modem_api_write_nv(id, kItem, 0xB1, 0xC2C1, item.data, item.size); }),
-      item_row("delete_nv", 0x0102, 8, "0:A1A2A3A4 4:B1 6:C1C2",
-               [](int32_t id) { return modem_api_delete_nv(id, kItem, 0xB1, 0xC2C1); }),
-      item_row("read_efs", 0x0103, 8, "0:A1A2A3A4 4:C1C2",
-               [](int32_t id) { return modem_api_read_efs(id, kItem, 0xC2C1, item.data, item.length); }),
-      item_row("write_efs", 0x0104, 268, "0:A1A2A3A4 4:C1C2 8:03 12:D1D2D3",
-               [](int32_t id) { return modem_api_write_efs(id, kItem, 0xC2C1, item.data, item.size); }),
-      item_row("delete_efs", 0x0105, 8, "0:A1A2A3A4 4:C1C2",
-               [](int32_t id) { return modem_api_delete_efs(id, kItem, 0xC2C1); }),
-      item_row("read_efs_path", 0x0106, 106, "0:2F6E76 102:C1C2 104:B1",
-               [](int32_t id) { return modem_api_read_efs_path(id, item.path, 0xC2C1, 0xB1, item.data, item.length); }),
-      item_row("write_efs_path", 0x0107, 368, "0:2F6E76 102:C1C2 104:B1 108:03 112:D1D2D3",
-               [](int32_t id) { return modem_api_write_efs_path(id, item.path, 0xC2C1, 0xB1, item.data, item.size); }),
-      item_row("delete_efs_path", 0x0108, 106, "0:2F6E76 102:C1C2 104:B1",
-               [](int32_t id) { return modem_api_delete_efs_path(id, item.path, 0xC2C1, 0xB1); }),
-      item_row("read_rfnv", 0x0109, 4, "0:A1A2A3A4",
-               [](int32_t id) { return modem_api_read_rfnv(id, kItem, item.data, item.length); }),
-      item_row("write_rfnv", 0x010A, 264, "0:A1A2A3A4 4:03 8:D1D2D3",
-               [](int32_t id) { return modem_api_write_rfnv(id, kItem, item.data, item.size); }),
-      item_row("delete_rfnv", 0x010B, 4, "0:A1A2A3A4", [](int32_t id) { return modem_api_delete_rfnv(id, kItem); }),
-      item_row("efs_sync", 0x010C, 12, "4:A1A2A3A4 8:C1C2",
-               [](int32_t id) { return modem_api_efs_sync(id, 0, kItem, 0xC2C1); }),
-      // In any other mode than 0 the arguments stay behind.
-      item_row("efs_sync", 0x010C, 12, "0:01", [](int32_t id) { return modem_api_efs_sync(id, 1, kItem, 0xC2C1); }),
-      item_row("efs_sync", 0x010C, 12, "0:FF", [](int32_t id) { return modem_api_efs_sync(id, -1, kItem, 0xC2C1); })};
+      ITEM(read_nv, 0x0100, 8, kNv, kItem, 0xB1, 0xC2C1, item.data, item.length),
+      ITEM(write_nv, 0x0101, 268, kNv + "8:03 12:D1D2D3", kItem, 0xB1, 0xC2C1, item.data, item.size),
+      ITEM(delete_nv, 0x0102, 8, kNv, kItem, 0xB1, 0xC2C1),
+      ITEM(read_efs, 0x0103, 8, kEfs, kItem, 0xC2C1, item.data, item.length),
+      ITEM(write_efs, 0x0104, 268, kEfs + "8:03 12:D1D2D3", kItem, 0xC2C1, item.data, item.size),
+      ITEM(delete_efs, 0x0105, 8, kEfs, kItem, 0xC2C1),
+      ITEM(read_efs_path, 0x0106, 106, kPath, item.path, 0xC2C1, 0xB1, item.data, item.length),
+      ITEM(write_efs_path, 0x0107, 368, kPath + "108:03 112:D1D2D3", item.path, 0xC2C1, 0xB1, item.data, item.size),
+      ITEM(delete_efs_path, 0x0108, 106, kPath, item.path, 0xC2C1, 0xB1),
+      ITEM(read_rfnv, 0x0109, 4, kRfnv, kItem, item.data, item.length),
+      ITEM(write_rfnv, 0x010A, 264, kRfnv + "4:03 8:D1D2D3", kItem, item.data, item.size),
+      ITEM(delete_rfnv, 0x010B, 4, kRfnv, kItem),
+      ITEM(efs_sync, 0x010C, 12, "4:A1A2A3A4 8:C1C2", 0, kItem, 0xC2C1),
+      ITEM(efs_sync, 0x010C, 12, "0:01", 1, kItem, 0xC2C1),
+      ITEM(efs_sync, 0x010C, 12, "0:FF", -1, kItem, 0xC2C1)};
   rows.insert(rows.end(), items.begin(), items.end());
 }
+
+#undef ITEM
 
 void add_controls(std::vector<CommandRow>& rows) {
   static const uint8_t payload[] = {0xD1, 0xD2, 0xD3};

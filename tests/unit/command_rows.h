@@ -1,4 +1,4 @@
-// The synchronous commands of the client API, each with arguments that can be told apart and the exchange that it must
+// The synchronous commands of the client API, each with arguments that differ and the exchange that it must
 // make: the golden log calls them, and command_test.cpp compares what they send.
 #pragma once
 

@@ -1,8 +1,7 @@
-// The synchronous commands: what each sends and through which connection, whom all refuse, and what the caller
-// receives. Results and refusals of each command are in the golden log.
+// The synchronous commands: what each sends and through which connection, what it refuses, and what the caller
+// receives.
 #include "command_rows.h"
 #include "golden_log.h"
-
 #include "nas_client.h"
 #include "sar_client.h"
 #include "vs_client.h"
@@ -39,7 +38,7 @@ TEST_F(Commands, ReturnTheirOutcome) {
     const auto id = static_cast<int32_t>(row.type);
     row.call(id);
     row.call(id ^ 1);
-    for (const Answer& failure : {Answer{0, header(1, 52)}, {-3, {}}}) {
+    for (const Outcome& failure : {Outcome{0, header(1, 52)}, {-3, {}}}) {
       on_send = [&](const Call&) { return failure; };
       row.call(id);
     }
@@ -148,6 +147,7 @@ TEST_F(Commands, SubscribeThreeEventsOfAClientWithACallback) {
   for (const auto edit : {modem_api_add_modem_event, modem_api_remove_modem_event}) {
     for (const int32_t event : {INT32_MIN, 2, 6}) EXPECT_EQ(edit(0, event), MODEM_API_ERR_NOT_SUPPORTED) << event;
     for (const int32_t id : {0, 1, 4, 10}) EXPECT_EQ(edit(id, 3), MODEM_API_ERR_NOT_INITIALIZED) << id;
+    for (const int32_t id : {-1, INT32_MIN}) EXPECT_EQ(edit(id, 2), MODEM_API_ERR_INVALID_CLIENT) << id;
   }
   modem_api_init();
   int32_t id = -1;
@@ -179,7 +179,7 @@ TEST_F(Commands, ReadWhatFits) {
       on_send = [&](const Call&) {
         Bytes response = structure(268, read.response);
         std::fill(response.begin() + 12, response.end(), 0x77);
-        return Answer{0, response};
+        return Outcome{0, response};
       };
       EXPECT_EQ(row.call(0), read.result);
       EXPECT_EQ(length, read.result == 0 ? read.size : read.capacity);
@@ -226,7 +226,7 @@ TEST_F(Commands, CutPathsAfter100Characters) {
 TEST_F(Commands, ReturnTheFeatureStatus) {
   uint8_t enabled = 0xEE, effective = 0xEE;
   for (const bool succeeds : {false, true}) {
-    on_send = [&](const Call&) { return Answer{0, structure(12, succeeds ? "8:5AA5" : "0:01 4:03 8:5AA5")}; };
+    on_send = [&](const Call&) { return Outcome{0, structure(12, succeeds ? "8:5AA5" : "0:01 4:03 8:5AA5")}; };
     EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &enabled, &effective), succeeds ? 0 : 1);
     EXPECT_EQ(enabled, succeeds ? 0x5A : 0xEE);
     EXPECT_EQ(effective, succeeds ? 0xA5 : 0xEE);
@@ -247,7 +247,7 @@ TEST_F(Commands, ReturnAStatisticsIdThatTheModemGrants) {
               {0, "8:01 12:05000080", 0, kUntouched},
               {1, "0:01 4:03 8:01 12:05000080", 1, kUntouched}};
   for (const auto& row : rows) {
-    on_send = [&](const Call&) { return Answer{0, structure(16, row.response)}; };
+    on_send = [&](const Call&) { return Outcome{0, structure(16, row.response)}; };
     uint32_t id = kUntouched;
     EXPECT_EQ(modem_api_set_modem_stats_report_status(0, row.flag, &id), row.result) << row.response;
     EXPECT_EQ(id, row.id) << row.response;
@@ -284,7 +284,7 @@ TEST_F(Commands, ReturnStatisticsUpToTheirCapacities) {
       std::memset(entry.value, 0xAA, entry.value_len);
       std::memcpy(&expected[offsetof(stats_para_data, entries) + k * sizeof(entry)], &entry, sizeof(entry));
     }
-    on_send = [&](const Call&) { return Answer{0, response}; };
+    on_send = [&](const Call&) { return Outcome{0, response}; };
     stats_para_data data;
     std::memset(&data, 0xEE, sizeof(data));
     data.para_num = 1;
@@ -297,7 +297,7 @@ TEST_F(Commands, ReturnTheDrxWhateverTheOutcome) {
   const std::tuple<int, const char*, uint8_t, uint32_t> rows[] = {
       {0, "8:FE777777 12:01000080", 0xFE, 0x80000001}, {0, "0:01 4:5E", 0, 0}, {-3, "", 0, 0}};
   for (const auto& [code, response, expected_valid, expected_drx] : rows) {
-    on_send = [code = code, response = response](const Call&) { return Answer{code, structure(16, response)}; };
+    on_send = [code = code, response = response](const Call&) { return Outcome{code, structure(16, response)}; };
     uint8_t valid = 0xEE;
     uint32_t drx = 0xEEEEEEEE;
     EXPECT_EQ(modem_api_get_drx(MODEM_API_CLIENT_NAS_0, &valid, &drx), 0);
@@ -313,7 +313,7 @@ TEST_F(Commands, ReturnTheCellInfo) {
     Bytes response(3784);
     for (size_t i = 8; i < response.size(); ++i) response[i] = static_cast<uint8_t>(i * i >> 3);
     put(response, 0, word);
-    on_send = [&, code = code](const Call&) { return Answer{code, response}; };
+    on_send = [&, code = code](const Call&) { return Outcome{code, response}; };
     uint16_t intra_pci[8], inter_earfcn[3], inter_pci[24];
     uint8_t ta_valid, nr_valid;
     uint32_t ta, nr_arfcn;

@@ -63,7 +63,7 @@ TEST_F(HydraClient, PassesStatisticsCommandsOn) {
                                             structure(5616, "0:0C 4:01 5608:01 5610:02 5612:03 5614:04"),
                                             structure(416, "0:0C 4:01 8:52 408:01 410:02 412:03 414:04"),
                                             structure(7128, "0:05 2:06 4:01"), structure(48, "0:05 2:06 4:01 8:52")}));
-  on_send = [](const Call&) { return Answer{0, header(1, 52)}; };
+  on_send = [](const Call&) { return Outcome{0, header(1, 52)}; };
   use();
 }
 

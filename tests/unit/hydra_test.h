@@ -13,8 +13,8 @@ class HydraTest : public LibraryTest {
  protected:
   HydraTest() {
     on_send = [this](const Call& call) {
-      if (responses.contains(call.msg_id)) return Answer{0, responses[call.msg_id]};
-      return call.msg_id == vs::kGetStatsParameter ? give_value(call) : Answer{};
+      if (responses.contains(call.msg_id)) return Outcome{0, responses[call.msg_id]};
+      return call.msg_id == vs::kGetStatsParameter ? give_value(call) : Outcome{};
     };
   }
   ~HydraTest() override { on_send = nullptr; }
@@ -35,7 +35,7 @@ class HydraTest : public LibraryTest {
   std::map<unsigned, Bytes> responses;                    // to other messages; success where none
 
  private:
-  Answer give_value(const Call& call) const {
+  Outcome give_value(const Call& call) const {
     Bytes response(sizeof(vs::GetStatsParameterResponse));
     uint16_t sub = 0;
     uint32_t id = 0;

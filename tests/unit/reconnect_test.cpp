@@ -28,7 +28,7 @@ TEST_P(Reconnect, TriesTenTimesAtMost) {
     waits.clear();
     errno = EINTR;  // from something earlier
     // A binding that the modem refuses changes nothing, and neither does a registration without response.
-    on_send = [](const Call& call) { return Answer{call.msg_id == 3 ? -3 : 0, header(call.msg_id == 0x0045, 48)}; };
+    on_send = [](const Call& call) { return Outcome{call.msg_id == 3 ? -3 : 0, header(call.msg_id == 0x0045, 48)}; };
     const bool up = failures < 10;
     start();
     EXPECT_EQ(connection_.open(on_event), up);
@@ -194,7 +194,7 @@ TEST_P(Reconnect, EndsAsynchronousExchanges) {
   Bytes request = {1, 2, 3, 4};
   EXPECT_EQ(connection_.send_async(0x0089, request.data(), 4, request.data(), 4, nullptr), QMI_CLIENT_INVALID_CLNT);
   const qmi_client_type handle = open();
-  const std::pair<Answer, uint32_t> outcomes[] = {
+  const std::pair<Outcome, uint32_t> outcomes[] = {
       {{0, header(0, 0)}, MODEM_API_RESP_END}, {{0, header(1, 52)}, MODEM_API_ERR_NOT_READY}, {{-3, {}}, 11}};
   for (const auto& [outcome, result] : outcomes) {
     void* const record = hydra_malloc_adv(16, "test", 0);

@@ -1,4 +1,4 @@
-// A platform under the library that does what a test says and records what the library calls.
+// A platform under the library that does what a test sets and records what the library calls.
 //
 // The test executable defines the platform's operations (qmi_client_*, property_*, pm_client_*, vsyslog, sleep) and
 // exports them, so that libpelmar_modemapi.so finds them at load time. Nothing sleeps. The codec behind message
@@ -115,12 +115,12 @@ std::vector<Call> calls();
 Lines call_names();
 void clear_calls();
 
-struct Answer {
+struct Outcome {
   int code = 0;
   Bytes response = {};  // the beginning of the response structure; the rest is zero
 };
 
-extern std::function<Answer(const Call&)>& on_send;        // the outcome of a synchronous send; empty: success
+extern std::function<Outcome(const Call&)>& on_send;       // the outcome of a synchronous send; empty: success
 extern std::function<int(const Call&)>& on_send_async;     // the outcome of an asynchronous send; empty: 0
 extern std::function<int(int attempt)>& on_init_instance;  // outcome by attempt, from 0; empty: 0
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.

@@ -266,7 +266,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   return 0;
 }
 
-// --- peripheral manager: one voter, whose calls end as a test says ---
+// --- peripheral manager: one voter, whose calls end as a test sets them ---
 
 int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
                        enum pm_event* state_out, void** handle) {

@@ -1,5 +1,5 @@
-// The QMI framework: handles, sends that end as a test says, and callbacks that a test sets off. The codec is the real
-// one.
+// The QMI framework: handles, sends that end as a test sets them, and callbacks that a test sets off. The codec is the
+// real one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,7 +24,7 @@ struct qmi_client_struct {
 
 namespace scripted {
 
-std::function<Answer(const Call&)>& on_send = kNewObject;
+std::function<Outcome(const Call&)>& on_send = kNewObject;
 std::function<int(const Call&)>& on_send_async = kNewObject;
 std::function<int(int)>& on_init_instance = kNewObject;
 std::function<int(unsigned, uint8_t*, unsigned)>& on_decode = kNewObject;
@@ -252,9 +252,9 @@ qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type handle, unsigned 
                                                unsigned timeout) {
   const Call call{"send_msg_sync", handle, msg_id, bytes_of(request, request_length), response_length, timeout};
   if (!takes(call, true)) return QMI_CLIENT_INVALID_CLNT;
-  const Answer answer = on_send ? on_send(call) : Answer{};
-  if (answer.code == 0 || !answer.response.empty()) fill_response(response, response_length, answer.response);
-  return answer.code;
+  const Outcome outcome = on_send ? on_send(call) : Outcome{};
+  if (outcome.code == 0 || !outcome.response.empty()) fill_response(response, response_length, outcome.response);
+  return outcome.code;
 }
 
 qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned msg_id, void* request,

@@ -67,9 +67,9 @@ INSTANTIATE_TEST_SUITE_P(Values, MaskProperty,
 TEST(Masks, LogTheirOwnChanges) {
   const std::pair<void (*)(uint32_t), uint32_t> changes[] = {
       {pelmar_hal_set_logcat_print_mask, 0xF5}, {pelmar_hal_merge_logcat_print_mask, 0x3C},
-      {pelmar_hal_add_logcat_print_mask, 0x3},  {pelmar_hal_remove_logcat_print_mask, 0x11},
+      {pelmar_hal_add_logcat_print_mask, 0x3},  {pelmar_hal_remove_logcat_print_mask, 0x19},
       {pelmar_hal_set_shell_print_mask, 0xF5},  {pelmar_hal_merge_shell_print_mask, 0x3C},
-      {pelmar_hal_add_shell_print_mask, 0x3},   {pelmar_hal_remove_shell_print_mask, 0x11}};
+      {pelmar_hal_add_shell_print_mask, 0x3},   {pelmar_hal_remove_shell_print_mask, 0x19}};
   for (const auto& [change, mask] : changes) change(mask);
   pelmar_utils_close_logcat_print();
   pelmar_hal_close_shell_print();

@@ -63,7 +63,7 @@ const Trait kTraits[] = {
     {pelmar_is_china_version, "ro.vendor.radio.build_region", "cn", "CN"},
     {pelmar_is_test_build, "ro.build.tags", "dev-keys", "release-keys"},
     {pelmar_is_native_version, "ro.vendor.radio.build_profile", "xnativex", "nativ"},
-    {pelmar_is_factory_version_ex, "ro.vendor.radio.build_profile", "factory", "fact"},
+    {pelmar_is_factory_version_ex, "ro.vendor.radio.build_profile", "xfactoryx", "fact"},
     {pelmar_is_root_version, "ro.debuggable", "1", "10"},
     {pelmar_is_mp_version, "ro.boot.hwlevel", "MP", "MP1"},
     {pelmar_is_orbo_version, "ro.orbo.build.region", "eu", "NULL"},

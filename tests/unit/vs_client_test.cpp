@@ -79,7 +79,7 @@ TEST_F(VsClient, ReturnsTheFrameworksCodesUnchanged) {
   };
   expect_codes(QMI_CLIENT_INVALID_CLNT, QMI_CLIENT_INVALID_CLNT);
   connect();
-  on_send = [](const Call&) { return Answer{.code = QMI_XPORT_BUSY_ERR}; };
+  on_send = [](const Call&) { return Outcome{.code = QMI_XPORT_BUSY_ERR}; };
   on_send_async = [](const Call&) { return QMI_CLIENT_TRANSPORT_ERR; };
   expect_codes(QMI_XPORT_BUSY_ERR, QMI_CLIENT_TRANSPORT_ERR);
 }
@@ -145,7 +145,7 @@ TEST_F(VsClient, BoundsTheCountsOfDecodedIndications) {
 }
 
 TEST_F(VsClient, DropsWhatItCannotDeliver) {
-  // A service that has one indication more than the library knows, 0x0777.
+  // A service that has one indication more than the library handles, 0x0777.
   const qmi_idl_service_object_type original = vs_client_info.service_object;
   std::vector<qmi_idl_service_message_table_entry> table(original->msgid_to_msg[QMI_IDL_INDICATION],
                                                          original->msgid_to_msg[QMI_IDL_INDICATION] + 4);
