@@ -88,9 +88,9 @@ TEST_F(AsynchronousCommand, BringsDataAndAnEndOrAFailure) {
   const Bytes longest_data(512, 0x5A);
   Bytes longest = structure(524, "9:02");
   std::copy(longest_data.begin(), longest_data.end(), longest.begin() + 12);
-  Bytes beyond = longest, beyond_data = longest_data;  // states a byte more than a response can hold
-  beyond[8] = 1;
-  beyond_data.push_back(0);
+  Bytes beyond = longest, beyond_data = longest_data;  // states more than a response can hold
+  put(beyond, 8, 768);
+  beyond_data.resize(768);
   const struct {
     int code;
     Bytes response;
