@@ -107,22 +107,21 @@ const qmi_idl_service_object_type kService = &vs_qmi_idl_service_object_v01;
 
 // Encoding the content gives the wire bytes, and decoding those the content.
 void expect_bytes(const Message& message, uint16_t id) {
-  pelmar::platform::MessageSize size = {};
-  EXPECT_EQ(pelmar::platform::message_size(kService, message.type, id, &size), 0);
+  pelmar::qmi::MessageSize size = {};
+  EXPECT_EQ(pelmar::qmi::message_size(kService, message.type, id, &size), 0);
   const Bytes content = structure(size.structure_length, message.content);
   Bytes encoded(16384);
   size_t length = 0;
-  EXPECT_EQ(pelmar::platform::encode(kService, message.type, id, content.data(), content.size(), encoded.data(),
-                                     encoded.size(), &length),
+  EXPECT_EQ(pelmar::qmi::encode(kService, message.type, id, content.data(), content.size(), encoded.data(),
+                                encoded.size(), &length),
             0);
   encoded.resize(length);
   const Bytes wire = bytes(message.wire);
   EXPECT_EQ(encoded, wire);
   if (content.size() == 1 && wire.empty()) return;  // the byte of an empty structure has no meaning
   Bytes decoded(content.size(), 0xEE);
-  EXPECT_EQ(
-      pelmar::platform::decode(kService, message.type, id, wire.data(), wire.size(), decoded.data(), decoded.size()),
-      0);
+  EXPECT_EQ(pelmar::qmi::decode(kService, message.type, id, wire.data(), wire.size(), decoded.data(), decoded.size()),
+            0);
   EXPECT_EQ(decoded, content);
 }
 
