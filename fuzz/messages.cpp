@@ -1,6 +1,8 @@
 #include "messages.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "idl_tables.h"
 #include "network_access_service_v01.h"
@@ -12,16 +14,14 @@ namespace pelmar::fuzz {
 namespace {
 
 using qmi::Element;
-using qmi::MessageDescription;
-using qmi::TypeTable;
 
-std::vector<CatalogueMessage> make_catalogue() {
+std::vector<Message> make_catalogue() {
   const qmi_idl_service_object_type services[] = {
       &vs::kService,
       sar_get_service_object_internal_v01(SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS),
       nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS),
   };
-  std::vector<CatalogueMessage> messages;
+  std::vector<Message> messages;
   for (const auto service : services) {
     for (const auto type : {QMI_IDL_REQUEST, QMI_IDL_RESPONSE, QMI_IDL_INDICATION}) {
       for (const auto& entry : std::span(service->msgid_to_msg[type], service->n_msgs[type])) {
@@ -34,44 +34,51 @@ std::vector<CatalogueMessage> make_catalogue() {
   return messages;
 }
 
-void walk_element(const Element& element, uint8_t* structure, StructureVisitor& visitor) {
+void fill(const Element& element, uint32_t most, uint8_t* structure) {
+  constexpr std::string_view kPath = "../../x/";  // texts are paths, so this one tries to leave
   uint8_t* const at = structure + element.offset;
+  const uint32_t count = element.is_variable ? std::min<uint32_t>(most, element.maximum) : element.maximum;
   if (element.kind == QMI_IDL_KIND_STRING) {
-    if (element.is_variable) visitor.on_text({at, element.maximum + size_t{1}});
+    for (uint32_t i = 0; i < count; ++i) at[i] = static_cast<uint8_t>(kPath[i % kPath.size()]);
+    at[count] = 0;
     return;
   }
-  uint32_t count = element.maximum;
-  if (element.is_variable) {
-    uint8_t* const count_at = at - element.count_distance;
-    visitor.on_count(count_at, element.maximum);
-    std::memcpy(&count, count_at, sizeof count);
-  }
+  if (element.is_variable) std::memcpy(at - element.count_distance, &count, sizeof count);
   if (element.kind != QMI_IDL_KIND_AGGREGATE) return;
   for (uint32_t i = 0; i < count; ++i) {
     for (const uint8_t* description = element.aggregate; *description != QMI_IDL_TYPE_END;) {
       Element member;
       description = qmi::read_element(description, *element.aggregate_table, member);
-      walk_element(member, at + size_t{i} * element.aggregate_stride, visitor);
+      fill(member, most, at + size_t{i} * element.aggregate_stride);
     }
   }
 }
 
+Bytes u16(size_t value) {
+  return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+}
+
+Bytes frame(bool to_modem, uint8_t service, uint8_t client, const Bytes& message) {
+  const uint8_t flags = to_modem ? 0x00 : 0x80;
+  return join({{0x01}, u16(5 + message.size()), {flags, service, client}, message});
+}
+
 }  // namespace
 
-const std::vector<CatalogueMessage>& catalogue() {
-  static const std::vector<CatalogueMessage> messages = make_catalogue();
+const std::vector<Message>& catalogue() {
+  static const std::vector<Message> messages = make_catalogue();
   return messages;
 }
 
-int32_t decode(const CatalogueMessage& message, std::span<const uint8_t> wire, Bytes& structure) {
+int32_t decode(const Message& message, std::span<const uint8_t> wire, Bytes& structure) {
   const Bytes exact(wire.begin(), wire.end());
   structure.assign(message.structure_length, 0xEE);  // what the decoder forgets to write shows
   return qmi::decode(message.service, message.type, message.id, exact.data(), exact.size(), structure.data(),
                      structure.size());
 }
 
-int32_t encode(const CatalogueMessage& message, const Bytes& structure, size_t capacity, Bytes& wire) {
-  wire = Bytes(capacity);
+int32_t encode(const Message& message, const Bytes& structure, size_t capacity, Bytes& wire) {
+  wire.assign(capacity, 0);
   uint8_t nowhere;
   size_t length = 0;
   const int32_t error = qmi::encode(message.service, message.type, message.id, structure.data(), structure.size(),
@@ -81,18 +88,35 @@ int32_t encode(const CatalogueMessage& message, const Bytes& structure, size_t c
   return error;
 }
 
-void walk(const CatalogueMessage& message, Bytes& structure, StructureVisitor& visitor) {
-  MessageDescription description;
+Bytes make_structure(const Message& message, uint32_t most) {
+  Bytes structure(message.structure_length, most > 0 ? 0x11 : 0);
+  qmi::MessageDescription description;
   require(qmi::find_message(message.service, message.type, message.id, description) == QMI_IDL_LIB_NO_ERR);
-  if (description.tlvs == nullptr) return;
-  qmi::TlvHead head;
-  const uint8_t* at = description.tlvs;
-  do {
+  qmi::TlvHead head = {};
+  for (const uint8_t* at = description.tlvs; at != nullptr && !head.is_last;) {
     Element element;
     at = qmi::read_element(qmi::read_tlv_head(at, head), *description.table, element);
-    if (head.is_optional) visitor.on_valid_flag(structure[element.offset - head.flag_distance]);
-    walk_element(element, structure.data(), visitor);
-  } while (!head.is_last);
+    fill(element, most, structure.data());
+  }
+  return structure;
+}
+
+Bytes control_frame(uint8_t kind, uint8_t transaction, uint16_t id, uint8_t tlv, const Bytes& value) {
+  const Bytes tlvs = join({{tlv}, u16(value.size()), value});
+  return frame(kind == 0, 0, 0, join({{kind, transaction}, u16(id), u16(tlvs.size()), tlvs}));
+}
+
+Bytes service_frame(const Message& message, const Bytes& tlvs) {
+  constexpr uint8_t kFlags[] = {0, 2, 4};
+  const Bytes transaction = u16(message.type == QMI_IDL_INDICATION ? 0 : 1);
+  return frame(message.type == QMI_IDL_REQUEST, static_cast<uint8_t>(message.service->service_id), kClient,
+               join({{kFlags[message.type]}, transaction, u16(message.id), u16(tlvs.size()), tlvs}));
+}
+
+Bytes join(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
 }
 
 }  // namespace pelmar::fuzz

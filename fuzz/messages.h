@@ -1,4 +1,4 @@
-// The messages of all services that the project describes, and a walk over a decoded structure.
+// What the fuzz targets share: the messages of all services that the project describes, and QMUX frames.
 //
 // An input picks its message by one byte, so that any byte is a choice and the catalogue may grow.
 #pragma once
@@ -12,7 +12,14 @@
 
 namespace pelmar::fuzz {
 
-struct CatalogueMessage {
+using Bytes = std::vector<uint8_t>;  // the heap block has exactly its size, so that a sanitizer sees each byte beyond
+
+// Ends the process with a finding unless `condition` holds.
+inline void require(bool condition) {
+  if (!condition) __builtin_trap();
+}
+
+struct Message {
   qmi_idl_service_object_type service;
   qmi_idl_type_of_message_type type;
   uint16_t id;
@@ -21,35 +28,26 @@ struct CatalogueMessage {
 };
 
 // Requests, responses and indications of the vendor-specific, SAR and NAS services.
-const std::vector<CatalogueMessage>& catalogue();
+const std::vector<Message>& catalogue();
 
-inline const CatalogueMessage& pick_message(uint8_t choice) {
-  return catalogue()[choice % catalogue().size()];
-}
-
-using Bytes = std::vector<uint8_t>;  // the heap block has exactly its size, so that a sanitizer sees each byte beyond
-
-int32_t decode(const CatalogueMessage& message, std::span<const uint8_t> wire, Bytes& structure);
+int32_t decode(const Message& message, std::span<const uint8_t> wire, Bytes& structure);
 
 // `capacity` bytes of room; `wire` gets the size of the encoded message.
-int32_t encode(const CatalogueMessage& message, const Bytes& structure, size_t capacity, Bytes& wire);
+int32_t encode(const Message& message, const Bytes& structure, size_t capacity, Bytes& wire);
 
-// Called for the parts of a structure that have a rule, in the order of the description. None need be aligned.
-class StructureVisitor {
- public:
-  virtual void on_valid_flag(uint8_t& flag) = 0;
-  virtual void on_count(uint8_t* count, uint32_t maximum) = 0;  // 32 bits; the elements are walked after it
-  virtual void on_text(std::span<uint8_t> text) = 0;            // with the place of its terminator
+// A structure with every TLV, at most `most` elements in each array and characters in each text; with 0 an empty one.
+Bytes make_structure(const Message& message, uint32_t most);
 
- protected:
-  ~StructureVisitor() = default;
-};
+// --- frames ---
 
-void walk(const CatalogueMessage& message, Bytes& structure, StructureVisitor& visitor);
+inline constexpr uint8_t kClient = 1;  // the client id in frames of services
 
-// Ends the process with a finding unless `condition` holds.
-inline void require(bool condition) {
-  if (!condition) __builtin_trap();
-}
+// A message of the CTL service with one TLV; 0 request, 1 response, 2 indication.
+Bytes control_frame(uint8_t kind, uint8_t transaction, uint16_t id, uint8_t tlv, const Bytes& value);
+
+// A service's message, as its transaction 1: requests go to the modem, all others come from it.
+Bytes service_frame(const Message& message, const Bytes& tlvs);
+
+Bytes join(std::initializer_list<Bytes> parts);
 
 }  // namespace pelmar::fuzz

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs every fuzz target for a bounded time, from its made seeds and its kept corpus. Fails on the first finding, whose
-# input it keeps in BUILD_DIRECTORY/fuzz-findings.
+# Runs every fuzz target for a bounded time, from its made seeds. Fails on the first finding, whose input it keeps in
+# BUILD_DIRECTORY/fuzz-findings.
 # usage: fuzz/run_short.sh [BUILD_DIRECTORY] SECONDS      without a build directory it builds in build/fuzz
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,18 +25,18 @@ trap 'rm -rf "$scratch"' EXIT
 findings=$build/fuzz-findings
 mkdir -p "$findings"
 "$build/bin/fuzz_seeds" "$scratch/seeds"
-mkdir "$scratch/seeds/scenario"
-cp docs/*.json "$scratch/seeds/scenario"
+mkdir "$scratch/seeds/files"
+for scenario in docs/*.json; do
+  { printf '\0'; cat "$scenario"; } >"$scratch/seeds/files/$(basename "$scenario")"
+done
 
 ran=0
 for program in "$build"/bin/fuzz_*; do
   target=${program##*/fuzz_}
   [ "$target" = seeds ] && continue
   mkdir -p "$scratch/found/$target" "$scratch/seeds/$target"
-  inputs=("$scratch/found/$target" "$scratch/seeds/$target")
-  [ -d "fuzz/corpus/$target" ] && inputs+=("fuzz/corpus/$target")
   if ! timeout $((seconds + 120)) "$program" -max_total_time="$seconds" -max_len=12288 -timeout=20 -print_final_stats=1 \
-    -artifact_prefix="$findings/$target-" "${inputs[@]}" >"$scratch/log" 2>&1; then
+    -artifact_prefix="$findings/$target-" "$scratch/found/$target" "$scratch/seeds/$target" >"$scratch/log" 2>&1; then
     tail -n 60 "$scratch/log"
     echo "fuzz: $target: FINDING; its input is in $findings; run it again with: $program INPUT"
     exit 1
@@ -44,7 +44,7 @@ for program in "$build"/bin/fuzz_*; do
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$scratch/log")
   coverage=$(grep -o 'cov: [0-9]*' "$scratch/log" | tail -n 1)
   printf 'fuzz: %-16s %3d s, %9d inputs, %3d seeds, %s: no finding\n' "$target" "$seconds" "$runs" \
-    "$(find "${inputs[@]:1}" -type f | wc -l)" "$coverage"
+    "$(find "$scratch/seeds/$target" -type f | wc -l)" "$coverage"
   ran=$((ran + 1))
 done
 [ "$ran" -gt 0 ] || { echo "fuzz: no target is built in $build" >&2; exit 1; }

@@ -8,10 +8,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <vector>
+#include <map>
 
 #include "client_fixture.h"
-#include "unique_fd.h"
 
 namespace {
 
@@ -27,7 +26,7 @@ extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier)
 namespace pelmar::platform {
 namespace {
 
-using Events = std::vector<std::string>;
+using ClientIds = ScriptedModem::ClientIds;
 
 // The thread sanitizer knows none in a child of a process with threads.
 #if defined(__SANITIZE_THREAD__)
@@ -38,6 +37,14 @@ constexpr bool kChildHasThreads = !__has_feature(thread_sanitizer);
 constexpr bool kChildHasThreads = true;
 #endif
 
+// What a modem sends where no frame begins. A frame that is longer than its message takes the next one's first byte.
+const std::map<std::string, Bytes> kBrokenFrames = {
+    {"garbled", {0x55}},
+    {"too_short", {0x01, 4, 0, 0x80, 3, 1}},
+    {"to_the_modem", {0x01, 5, 0, 0x00, 3, 1}},
+    {"too_long", {0x01, 6, 0, 0x80, 3, 1, 0x01, 5, 0, 0x80, 3, 1}},
+};
+
 class ServiceGoes : public ClientTest, public testing::WithParamInterface<const char*> {
  protected:
   void go(uint8_t client, int connection = 0) {
@@ -46,85 +53,83 @@ class ServiceGoes : public ClientTest, public testing::WithParamInterface<const 
       modem_.revoke(connection, kNasId, client);
     } else if (how == "restarted") {
       modem_.announce_restart(connection);
-    } else if (how == "garbled") {
-      modem_.send_raw(connection, {0x55});
-    } else {
+    } else if (how == "closed") {
       modem_.close_connection(connection);
+    } else {
+      modem_.send_raw(connection, kBrokenFrames.at(how));
     }
   }
 
-  // The modem of this test knows no void ids: what the client must not give back, the test takes away.
-  void TearDown() override { modem_.void_client_ids(); }
+  // The modem of this test frees no void ids: what the client must not give back, the test takes away.
+  void TearDown() override { modem_.client_ids.set({}); }
 };
 
 TEST_P(ServiceGoes, EverySendEndsAtOnce) {
-  const qmi_client_type handle = connect();
-  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
-  nas::GetDrxResponse async_response{};
-  uint8_t trm = 0;
-  ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_AVOID_TRM_V01, &trm, 1, &async_responses_[0],
-                                      sizeof async_responses_[0], on_response, this, nullptr),
+  const qmi_client_type handle = connect_with_error_callback();
+  nas::SetAvoidTrmRequest trm{};
+  nas::PlainResponse trm_response{};
+  ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_AVOID_TRM_V01, &trm, sizeof trm, &trm_response,
+                                      sizeof trm_response, on_response, this, nullptr),
             QMI_NO_ERR);
   modem_.receive();
-  ASSERT_EQ(send_async(handle, async_response, this), QMI_NO_ERR);
-  modem_.receive();
-  auto first = sender(handle, 0);
-  modem_.receive();
-  auto second = sender(handle, 0);
-  const ScriptedRequest request = modem_.receive();
-  modem_.indicate(0, kNasId, request.client, 1, {});
-  modem_.revoke(0, kNasId, static_cast<uint8_t>(request.client + 1));  // somebody else's
-  go(request.client);
-  EXPECT_EQ(first.get().first, QMI_SERVICE_ERR);
-  EXPECT_EQ(second.get().first, QMI_SERVICE_ERR);
+  const uint8_t client = begin_async(handle).client;
+  Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
+  modem_.indicate(0, kNasId, client, 1);
+  modem_.revoke(0, kNasId, static_cast<uint8_t>(client + 1));  // somebody else's
+  go(client);
+  for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get().first, QMI_SERVICE_ERR);
   EXPECT_EQ(events(4), (Events{"indication 1 (0)", "response 152 -2", "response 137 -2", "error -2"}));
 
   nas::GetDrxResponse response{};
   EXPECT_EQ(get_drx(handle, response), QMI_SERVICE_ERR);
-  EXPECT_EQ(response.header.result, uint32_t{QMI_RESULT_FAILURE_V01}) << "a lost exchange must not look well";
-  EXPECT_EQ(async_response.header.result, uint32_t{QMI_RESULT_FAILURE_V01});
-  EXPECT_EQ(send_async(handle, async_response, this), QMI_SERVICE_ERR);
+  for (const auto& header : {response.header, async_response_.header}) {
+    EXPECT_EQ(header.result, uint32_t{QMI_RESULT_FAILURE_V01}) << "a lost exchange must not look well";
+  }
+  EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
   EXPECT_EQ(events(5).back(), "error -2 on the caller's thread");
-  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_TRUE(modem_.comes_to_be_closed(0));
   EXPECT_EQ(events(5).size(), 5u) << "one call for each registration";
 }
 
-TEST_P(ServiceGoes, TheHandlesThreadNoticesToo) {
-  const qmi_client_type handle = connect();
+// An id may be void before its response arrives: who kept it would get nothing but errors.
+TEST_P(ServiceGoes, BeforeAClientIdArrivesAndWhileNobodySends) {
+  modem_.on_control.set([this](int connection, uint16_t id, Bytes& tlvs) {
+    if (id != ScriptedModem::kAllocate) return true;
+    modem_.on_control.set(nullptr);
+    modem_.client_ids.set({});
+    go(tlvs.back(), connection);
+    return true;
+  });
+  const qmi_client_type handle = connect(60'000);
+  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 2}}));
+  Exchange exchange = begin(handle);
+  EXPECT_EQ(exchange.request.client, 2);
+  EXPECT_EQ(finish(exchange, 9), Outcome(0, 9));
+
   EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
-  go(1);
+  go(2, exchange.request.connection);
   EXPECT_EQ(events(1), (Events{"error -2"}));
 }
 
-// An id may be void before its answer arrives: who kept it would be answered nothing but errors.
-TEST_P(ServiceGoes, BeforeAClientIdArrives) {
-  modem_.set(&ScriptedModem::Behaviour::before_next_id, std::function([this](int connection, uint8_t client) {
-    modem_.void_client_ids();
-    go(client, connection);
-  }));
-  const qmi_client_type handle = connect(60'000);
-  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 2}}));
-  auto answer = sender(handle);
-  const ScriptedRequest request = modem_.receive();
-  EXPECT_EQ(request.client, 2);
-  modem_.respond(request, ScriptedModem::drx_response(9));
-  EXPECT_EQ(answer.get(), Outcome(0, 9));
-}
-
-INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::Values("revoked", "restarted", "closed", "garbled"),
+INSTANTIATE_TEST_SUITE_P(How, ServiceGoes,
+                         testing::Values("revoked", "restarted", "closed", "garbled", "too_short", "to_the_modem",
+                                         "too_long"),
                          [](const auto& test) { return std::string(test.param); });
 
 TEST_F(ClientTest, ARestartWhileAnAbandonedIdIsGivenBackVoidsTheNewIdToo) {
-  EXPECT_EQ(qmi_client_register_error_cb(connect(), on_error, this), QMI_NO_ERR);
+  connect_with_error_callback();
   modem_.close_connection(0);
   events(1);
-  modem_.set(&ScriptedModem::Behaviour::before_next_release, std::function([this](int connection) {
-    modem_.void_client_ids();
+  modem_.on_control.set([this](int connection, uint16_t id, Bytes&) {
+    if (id != ScriptedModem::kRelease) return true;
+    modem_.on_control.set(nullptr);
+    modem_.client_ids.set({});
     modem_.announce_restart(connection);
-  }));
+    return true;
+  });
   connect(60'000);
-  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 3}}));
+  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 3}}));
 }
 
 // Behind a proxy nothing else shows that a client id is void.
@@ -133,78 +138,63 @@ class ErrorOfAVoidId : public ClientTest {
   // An asynchronous request and a synchronous one are under way, and the latter is refused as if the id were void. The
   // modem is asked for more then. Where the modem restarts, a second client connects after that.
   ScriptedRequest be_asked(bool restarts) {
-    handle_ = connect();
-    EXPECT_EQ(qmi_client_register_error_cb(handle_, on_error, this), QMI_NO_ERR);
-    EXPECT_EQ(send_async(handle_, async_response_, this), QMI_NO_ERR);
-    async_ = modem_.receive();
-    sender_ = std::async(std::launch::async, [this] { return get_drx(handle_, response_); });
+    const qmi_client_type handle = connect_with_error_callback();
+    async_ = begin_async(handle);
+    sender_ = std::async(std::launch::async, [=, this] { return get_drx(handle, response_); });
     const ScriptedRequest request = modem_.receive();
     if (restarts) {
-      modem_.void_client_ids();
+      modem_.client_ids.set({});
       connect();
     }
-    modem_.respond(request, ScriptedModem::refusal(7));
+    modem_.respond(request, refusal(7));
     const ScriptedRequest question = modem_.receive();
     EXPECT_EQ(question.client, request.client);
     EXPECT_NE(question.id, kDrx);
     return question;
   }
 
-  static void on_notice(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event, void* data) {
-    static_cast<ErrorOfAVoidId*>(data)->note("notice " + std::to_string(event));
-  }
-
-  qmi_client_type handle_ = nullptr;
   ScriptedRequest async_;
   std::future<int> sender_;
-  nas::GetDrxResponse response_{}, async_response_{};
+  nas::GetDrxResponse response_{};
 };
 
 TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
   const ScriptedRequest question = be_asked(true);
-  qmi_client_type notifier = nullptr;
-  ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &notifier), QMI_NO_ERR);
-  EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_notice, this), QMI_NO_ERR);
-  EXPECT_EQ(events(1), (Events{"notice 0"}));
-  modem_.respond(question, ScriptedModem::refusal(7));
+  create_notifier();
+  EXPECT_EQ(events(1), (Events{"event 0"}));
+  modem_.respond(question, refusal(7));
   EXPECT_EQ(sender_.get(), QMI_SERVICE_ERR);
   Events seen = events(5);
   std::sort(seen.begin(), seen.end());  // the handles' threads run side by side
-  EXPECT_EQ(seen, (Events{"error -2", "notice 0", "notice 0", "notice 1", "response 137 -2"}));
-  EXPECT_EQ(qmi_client_release(notifier), QMI_NO_ERR);
-  EXPECT_FALSE(modem_.is_connected(0));
-  EXPECT_EQ(modem_.client_ids().size(), 1u);
+  EXPECT_EQ(seen, (Events{"error -2", "event 0", "event 0", "event 1", "response 137 -2"}));
+  EXPECT_TRUE(modem_.comes_to_be_closed(0));
+  EXPECT_EQ(modem_.client_ids.get().size(), 1u);
 }
 
 TEST_F(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
-  modem_.respond(be_asked(false), ScriptedModem::refusal(71));
+  modem_.respond(be_asked(false), refusal(71));
   EXPECT_EQ(sender_.get(), QMI_NO_ERR);
-  EXPECT_EQ(response_.header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
-
-  modem_.respond(async_, ScriptedModem::refusal(7));
+  modem_.respond(async_, refusal(7));
   modem_.receive();  // the second question has no response
   EXPECT_EQ(events(1), (Events{"response 137 0"}));
-  EXPECT_EQ(async_response_.header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
+  for (const auto& header : {response_.header, async_response_.header}) {
+    EXPECT_EQ(header.error, uint32_t{QMI_ERR_INVALID_CLIENT_ID_V01});
+  }
 }
 
 TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
   const qmi_client_type handle = connect();
-  auto reader = sender(handle, 0);
-  modem_.receive();
-  auto waiting = sender(handle, 0);
-  modem_.receive();
+  Exchange reader = begin(handle, 0), waiting = begin(handle, 0);
   std::atomic<bool> is_over{false};
-  set_on_indication([&](qmi_client_type) {
-    waiting.wait();                                 // which a release ends first
+  on_callback_.set([&](qmi_client_type) {
+    waiting.outcome.wait();                         // which a release ends first
     std::this_thread::sleep_for(milliseconds(50));  // time for a release that does not wait to be seen
     is_over = true;
   });
-  nas::GetDrxResponse response{};
-  ASSERT_EQ(send_async(handle, response, this), QMI_NO_ERR);
-  const ScriptedRequest request = modem_.receive();
-  modem_.indicate(0, kNasId, 0xFF, 1, {});
-  modem_.indicate(0, kNasId, 0xFF, 2, {});
-  modem_.respond(request, ScriptedModem::drx_response(1));
+  const ScriptedRequest async = begin_async(handle);
+  modem_.indicate(0, kNasId, 0xFF, 1);
+  modem_.indicate(0, kNasId, 0xFF, 2);
+  modem_.respond(async, drx_response(1));
   events(1);
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_TRUE(is_over);
@@ -215,27 +205,25 @@ TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
 
 TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
   const qmi_client_type handle = connect();
-  set_on_indication([&](qmi_client_type self) {
+  on_callback_.set([&](qmi_client_type self) {
     nas::GetDrxResponse response{};
     const int released = qmi_client_release(self);
     note("released " + std::to_string(released) + ", then " + std::to_string(get_drx(self, response)));
   });
-  modem_.indicate(0, kNasId, 0xFF, 1, {});
-  modem_.indicate(0, kNasId, 0xFF, 2, {});
+  modem_.indicate(0, kNasId, 0xFF, 1);
+  modem_.indicate(0, kNasId, 0xFF, 2);
   EXPECT_EQ(events(2), (Events{"indication 1 (0)", "released 0, then -18"}));
-  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_TRUE(modem_.comes_to_be_closed(0));
   EXPECT_EQ(qmi_client_release(handle), QMI_CLIENT_INVALID_CLNT);
   EXPECT_EQ(events(2).size(), 2u);
 }
 
 TEST_F(ClientTest, ReleaseWaitsForACallbackDuringARegistration) {
-  const qmi_client_type handle = connect();
+  const qmi_client_type handle = connect_with_error_callback();
   modem_.close_connection(0);
-  qmi_client_register_error_cb(handle, on_error, this);
   events(1);
   struct {
-    std::promise<void> entered;
-    std::promise<void> go_on;
+    std::promise<void> entered, go_on;
   } callback;
   const auto wait = [](qmi_client_type, qmi_client_error_type, void* data) {
     auto& self = *static_cast<decltype(callback)*>(data);
@@ -247,30 +235,23 @@ TEST_F(ClientTest, ReleaseWaitsForACallbackDuringARegistration) {
   auto release = std::async(std::launch::async, [&] { qmi_client_release(handle); });
   EXPECT_EQ(release.wait_for(milliseconds(50)), std::future_status::timeout);
   callback.go_on.set_value();
-  modem_.void_client_ids();
+  modem_.client_ids.set({});
 }
 
-TEST_F(ClientTest, ReleaseEndsSendersThatWait) {
+TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
   const qmi_client_type handle = connect();
-  auto first = sender(handle, 0), second = sender(handle, 0);
-  modem_.receive();
-  modem_.receive();
-  modem_.set(&ScriptedModem::Behaviour::confirms_releases, false);  // a confirmation would wake the sender that reads
+  Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
+  // A confirmation would wake the sender that reads.
+  modem_.on_control.set([](int, uint16_t id, Bytes&) { return id != ScriptedModem::kRelease; });
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_FALSE(modem_.is_connected(0));
-  modem_.close_connection(0);
-  EXPECT_EQ(first.get().first, QMI_CLIENT_INVALID_CLNT);
-  EXPECT_EQ(second.get().first, QMI_CLIENT_INVALID_CLNT);
-}
-
-TEST_F(ClientTest, AnIdWhoseReleaseTheModemDidNotConfirmIsNotReleasedAgain) {
-  modem_.set(&ScriptedModem::Behaviour::confirms_releases, false);
-  EXPECT_EQ(qmi_client_release(connect()), QMI_NO_ERR);
-  modem_.set(&ScriptedModem::Behaviour::confirms_releases, true);
-  modem_.take_client_id(kNasId, 1);
+  EXPECT_TRUE(modem_.comes_to_be_closed(0));
+  for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get().first, QMI_CLIENT_INVALID_CLNT);
+  EXPECT_EQ(qmi_client_release(connect()), QMI_NO_ERR) << "with nobody who waits";
+  modem_.on_control.set(nullptr);
+  modem_.client_ids.set({{kNasId, 1}, {kNasId, 2}});  // another program's
   connect();
-  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 1}, {kNasId, 2}}));
-  modem_.void_client_ids();
+  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 1}, {kNasId, 2}, {kNasId, 3}}));
+  modem_.client_ids.set({});
 }
 
 // A child that was forked meanwhile holds the connection's descriptor, too.
@@ -282,7 +263,7 @@ TEST_F(ClientTest, ReleaseEndsTheConnectionWhoeverElseHoldsIt) {
     if (::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) copies.emplace_back(::dup(fd));
   }
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_FALSE(modem_.is_connected(0));
+  EXPECT_TRUE(modem_.comes_to_be_closed(0));
 }
 
 TEST_F(ClientTest, AChildOfForkLeavesItsParentsHandlesAlone) {
@@ -291,7 +272,7 @@ TEST_F(ClientTest, AChildOfForkLeavesItsParentsHandlesAlone) {
   if (child == 0) {
     g_is_child = true;
     nas::GetDrxResponse response{};
-    const bool refuses = send_async(handle, response, this) == QMI_CLIENT_INVALID_CLNT &&
+    const bool refuses = send_async(handle) == QMI_CLIENT_INVALID_CLNT &&
                          get_drx(handle, response, 1) == QMI_CLIENT_INVALID_CLNT &&
                          qmi_client_register_error_cb(handle, on_error, this) == QMI_CLIENT_INVALID_CLNT &&
                          qmi_client_release(handle) == QMI_CLIENT_INVALID_CLNT;
@@ -300,10 +281,9 @@ TEST_F(ClientTest, AChildOfForkLeavesItsParentsHandlesAlone) {
   int status = -1;
   ::waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(modem_.client_ids(), (std::set<std::pair<uint8_t, uint8_t>>{{kNasId, 1}}));
-  auto sent = sender(handle);
-  modem_.respond(modem_.receive(), ScriptedModem::drx_response(3));
-  EXPECT_EQ(sent.get(), (Outcome{QMI_NO_ERR, 3}));
+  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 1}}));
+  Exchange exchange = begin(handle);
+  EXPECT_EQ(finish(exchange, 3), Outcome(0, 3));
 }
 
 // Forks before the modem's threads are there; the child waits for the modem.
@@ -313,45 +293,39 @@ TEST(ProcessEnd, GivesClientIdsBack) {
     int connected[2], ended[2];
     ASSERT_EQ(::pipe(connected) + ::pipe(ended), 0);
     const pid_t child = ::fork();
+    // Each process keeps its own ends alone: where one of the two fails, the other reads the end of its pipe.
+    const bool is_child = child == 0;
+    const UniqueFd from(is_child ? ended[0] : connected[0]), to(is_child ? connected[1] : ended[1]);
+    ::close(is_child ? connected[0] : connected[1]);
+    ::close(is_child ? ended[1] : ended[0]);
     char byte = 0;
-    if (child == 0) {
-      ::close(connected[0]);
-      ::close(ended[1]);
+    qmi_client_type handle = nullptr;
+    const auto connect = [&](uint32_t timeout) {
+      return qmi_client_init_instance(kNas, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, nullptr, timeout, &handle);
+    };
+    if (is_child) {
       ::setenv("PELMAR_QMI_SOCKET", path.c_str(), 1);
-      qmi_client_type handle = nullptr;
-      const int error = qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 60'000, &handle);
-      if (error != 0 || ::write(connected[1], "c", 1) != 1 || ::read(ended[0], &byte, 1) != 1) ::_exit(1);
+      const int error = connect(60'000);
+      if (error != 0 || ::write(to.get(), "c", 1) != 1 || ::read(from.get(), &byte, 1) != 1) ::_exit(1);
       if (is_killed) ::raise(SIGKILL);
       std::exit(0);
     }
-    // The child's ends are its alone: where one of the two processes fails, the other reads the end of its pipe.
-    ::close(connected[1]);
-    ::close(ended[0]);
-    {
-      ScriptedModem modem({kNasId});
-      ASSERT_EQ(::read(connected[0], &byte, 1), 1);
-      EXPECT_EQ(modem.client_ids().size(), 1u);
-      modem.set(&ScriptedModem::Behaviour::client_id_limit, size_t{1});
-      qmi_client_type handle = nullptr;
-      const auto connect = [&] {
-        return qmi_client_init_instance(kNas, 0xFFFF, nullptr, nullptr, nullptr, 4, &handle);
-      };
-      EXPECT_EQ(connect(), QMI_CLIENT_ALLOC_FAILURE) << "the child lives";
-      ASSERT_EQ(::write(ended[1], "e", 1), 1);
-      int status = -1;
-      siginfo_t end{};
-      ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
-      EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
-      // A process that nobody has waited for is as dead as any.
-      if (is_killed) {
-        EXPECT_EQ(connect(), QMI_NO_ERR) << "the next client gives the id back";
-      }
-      qmi_client_release(handle);
-      EXPECT_TRUE(modem.comes_to_hold_no_ids());
-      ::waitpid(child, &status, 0);
+    ScriptedModem modem({kNasId});
+    ASSERT_EQ(::read(from.get(), &byte, 1), 1);
+    EXPECT_EQ(modem.client_ids.get().size(), 1u);
+    modem.client_id_limit = 1;
+    EXPECT_EQ(connect(4), QMI_CLIENT_ALLOC_FAILURE) << "the child lives";
+    ASSERT_EQ(::write(to.get(), "e", 1), 1);
+    siginfo_t end{};
+    ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
+    EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
+    // A process that nobody has waited for is as dead as any.
+    if (is_killed) {
+      EXPECT_EQ(connect(4), QMI_NO_ERR) << "the next client gives the id back";
     }
-    ::close(connected[0]);
-    ::close(ended[1]);
+    qmi_client_release(handle);
+    EXPECT_TRUE(modem.comes_to_hold_no_ids());
+    ::waitpid(child, nullptr, 0);
   }
 }
 

@@ -1,13 +1,11 @@
-// What the tests of client handles share: a scripted modem that offers NAS, and a record of the callbacks.
+// What the tests of handles share: a scripted modem that offers NAS, and a record of the callbacks.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,27 +19,47 @@ namespace pelmar::platform {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using Events = std::vector<std::string>;
+using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
 
 inline constexpr uint8_t kNasId = NAS_SERVICE_ID_V01;
 inline constexpr unsigned kDrx = QMI_NAS_GET_DRX_V01;
 inline const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
-inline const auto kStale = reinterpret_cast<qmi_client_type>(uintptr_t{0xDEAD});
 
 class ClientTest : public testing::Test {
  protected:
-  using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
+  // A synchronous send on a thread of its own, and its request at the modem.
+  struct Exchange {
+    std::future<Outcome> outcome;
+    ScriptedRequest request;
+  };
 
   ~ClientTest() override {
     for (const qmi_client_type handle : handles_) qmi_client_release(handle);
     EXPECT_TRUE(modem_.comes_to_hold_no_ids()) << "every client id is given back";
   }
 
+  int open(qmi_client_type* handle, uint32_t timeout = 4, qmi_idl_service_object_type service = kNas) {
+    return qmi_client_init_instance(service, QMI_CLIENT_INSTANCE_ANY, on_indication, this, nullptr, timeout, handle);
+  }
+
   qmi_client_type connect(uint32_t timeout = 4) {
     qmi_client_type handle = nullptr;
-    EXPECT_EQ(qmi_client_init_instance(kNas, QMI_CLIENT_INSTANCE_ANY, on_indication, this, nullptr, timeout, &handle),
-              0);
-    handles_.push_back(handle);
+    EXPECT_EQ(open(&handle, timeout), QMI_NO_ERR);
+    return handles_.emplace_back(handle);
+  }
+
+  qmi_client_type connect_with_error_callback() {
+    const qmi_client_type handle = connect();
+    EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
     return handle;
+  }
+
+  qmi_client_type create_notifier() {
+    qmi_client_type handle = nullptr;
+    EXPECT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
+    EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+    return handles_.emplace_back(handle);
   }
 
   static int get_drx(qmi_client_type handle, nas::GetDrxResponse& response, unsigned timeout = 60'000) {
@@ -49,50 +67,52 @@ class ClientTest : public testing::Test {
     return qmi_client_send_msg_sync(handle, kDrx, &request, 1, &response, sizeof response, timeout);
   }
 
-  static std::future<Outcome> sender(qmi_client_type handle, unsigned timeout = 60'000) {
+  static std::future<Outcome> sender(qmi_client_type handle, unsigned timeout) {
     return std::async(std::launch::async, [=] {
       nas::GetDrxResponse response{};
       const int error = get_drx(handle, response, timeout);
       return Outcome(error, response.drx);
     });
   }
-
-  static int send_async(qmi_client_type handle, nas::GetDrxResponse& response, ClientTest* test) {
-    uint8_t request = 0;
-    return qmi_client_send_msg_async(handle, kDrx, &request, 1, &response, sizeof response, on_response, test, nullptr);
+  Exchange begin(qmi_client_type handle, unsigned timeout = 60'000) {
+    auto outcome = sender(handle, timeout);
+    return {std::move(outcome), modem_.receive()};
+  }
+  Outcome finish(Exchange& exchange, uint32_t drx) {
+    modem_.respond(exchange.request, drx_response(drx));
+    return exchange.outcome.get();
   }
 
-  // Runs after an indication was noted, on the handle's thread.
-  void set_on_indication(std::function<void(qmi_client_type)> function) {
-    const std::lock_guard lock(mutex_);
-    on_indication_ = std::move(function);
+  int send_async(qmi_client_type handle, qmi_txn_handle* transaction = nullptr) {
+    uint8_t request = 0;
+    return qmi_client_send_msg_async(handle, kDrx, &request, 1, &async_response_, sizeof async_response_, on_response,
+                                     this, transaction);
+  }
+  ScriptedRequest begin_async(qmi_client_type handle) {
+    EXPECT_EQ(send_async(handle), QMI_NO_ERR);
+    return modem_.receive();
   }
 
   void note(const std::string& event) {
-    const std::lock_guard lock(mutex_);
-    events_.push_back(event);
-    noted_.notify_all();
+    events_.change([&](Events& events) { events.push_back(event); });
   }
 
   // All events so far, when there are `count` at least; after a minute as many as there are.
-  std::vector<std::string> events(size_t count) {
-    return events_when([&] { return events_.size() >= count; });
+  Events events(size_t count) {
+    events_.comes_to([=](const Events& events) { return events.size() >= count; });
+    return events_.get();
   }
 
   // All events so far, when this one is the last; after a minute as many as there are.
-  std::vector<std::string> events_up_to(const std::string& last) {
-    return events_when([&] { return !events_.empty() && events_.back() == last; });
+  Events events_up_to(const std::string& last) {
+    events_.comes_to([&](const Events& events) { return !events.empty() && events.back() == last; });
+    return events_.get();
   }
 
   static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
     auto* const test = static_cast<ClientTest*>(data);
     test->note("indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
-    std::function<void(qmi_client_type)> function;
-    {
-      const std::lock_guard lock(test->mutex_);
-      function = test->on_indication_;
-    }
-    if (function) function(handle);
+    test->run_callback(handle);
   }
 
   static void on_response(qmi_client_type, unsigned id, void*, unsigned, void* data, qmi_client_error_type error) {
@@ -106,23 +126,27 @@ class ClientTest : public testing::Test {
     test->note("error " + std::to_string(error) + (is_caller ? " on the caller's thread" : ""));
   }
 
+  static void on_event(qmi_client_type handle, qmi_idl_service_object_type service, qmi_client_notify_event_type event,
+                       void* data) {
+    EXPECT_EQ(service, kNas);
+    auto* const test = static_cast<ClientTest*>(data);
+    test->run_callback(handle);
+    test->note("event " + std::to_string(event));
+  }
+
   ScriptedModem modem_{{kNasId}};
-  nas::PlainResponse async_responses_[4] = {};
+  nas::GetDrxResponse async_response_{};
+  // Runs on the handle's thread, after an indication was noted or before a notifier's event is.
+  SharedValue<std::function<void(qmi_client_type)>> on_callback_;
 
  private:
-  template <typename Condition>
-  std::vector<std::string> events_when(const Condition& condition) {
-    std::unique_lock lock(mutex_);
-    noted_.wait_for(lock, std::chrono::seconds(60), condition);
-    return events_;
+  void run_callback(qmi_client_type handle) {
+    if (const auto function = on_callback_.get()) function(handle);
   }
 
   const std::thread::id test_thread_ = std::this_thread::get_id();
   std::vector<qmi_client_type> handles_;
-  std::mutex mutex_;
-  std::condition_variable noted_;
-  std::vector<std::string> events_;
-  std::function<void(qmi_client_type)> on_indication_;
+  SharedValue<Events> events_;
 };
 
 }  // namespace pelmar::platform

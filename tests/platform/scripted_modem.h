@@ -1,24 +1,74 @@
-// A modem behind a QMUX proxy, played by the test: it answers the CTL service by itself and leaves the requests of all
-// other services to the test, one by one. While it lives PELMAR_QMI_SOCKET names its socket.
+// A modem behind a QMUX proxy, played by the test: it serves CTL by itself and leaves the requests of all other
+// services to the test, one by one. While it lives PELMAR_QMI_SOCKET names its socket.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <functional>
+#include <future>
+#include <iterator>
 #include <list>
 #include <mutex>
-#include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
+
+#include "shared_value.h"
+#include "unique_fd.h"
+#include "unix_address.h"
 
 namespace pelmar::platform {
 
 using Bytes = std::vector<uint8_t>;
+
+inline Bytes join(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+inline Bytes u16(size_t value) {
+  return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+}
+inline uint16_t u16_at(const Bytes& bytes, size_t at) {
+  return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
+}
+
+// A message of a service, and the frame that brings one from the modem.
+inline Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs) {
+  return join({{flags}, u16(transaction), u16(id), u16(tlvs.size()), tlvs});
+}
+inline Bytes frame(uint8_t service, uint8_t client, const Bytes& message) {
+  return join({{0x01}, u16(5 + message.size()), {0x80, service, client}, message});
+}
+inline Bytes control_frame(uint8_t client, uint8_t flags, uint8_t transaction, uint16_t id, const Bytes& tlvs) {
+  return frame(0, client, join({{flags, transaction}, u16(id), u16(tlvs.size()), tlvs}));
+}
+
+// TLVs of responses.
+inline const Bytes kSuccess = {0x02, 4, 0, 0, 0, 0, 0};
+inline Bytes refusal(uint8_t error) {
+  return {0x02, 4, 0, 1, 0, error, 0};
+}
+inline Bytes drx_response(uint32_t value) {
+  return join({kSuccess, {0x10, 4, 0}, u16(value), u16(value >> 16)});
+}
+
+inline UniqueFd listen_on(const std::string& name, int backlog) {
+  const auto address = unix_address(name);
+  ::unlink(name.c_str());  // a path that a killed test left
+  UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::bind(listener.get(), address->get(), address->length) + ::listen(listener.get(), backlog), 0) << name;
+  return listener;
+}
 
 struct ScriptedRequest {
   int connection;  // number of the connection that it came by, from 0
@@ -31,79 +81,148 @@ struct ScriptedRequest {
 
 class ScriptedModem {
  public:
-  explicit ScriptedModem(std::set<uint8_t> services);
-  ~ScriptedModem();
+  using ClientIds = std::set<std::pair<uint8_t, uint8_t>>;  // service and id
+  // Runs before the response to a CTL request is sent: may change its TLVs, or return false for no response.
+  using ControlHook = std::function<bool(int connection, uint16_t id, Bytes& tlvs)>;
+  static constexpr uint16_t kGetVersionInfo = 0x0021, kAllocate = 0x0022, kRelease = 0x0023;
+
+  explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {
+    ::setenv("PELMAR_QMI_SOCKET", path_.c_str(), 1);
+  }
+  ~ScriptedModem() {
+    ::shutdown(listener_.get(), SHUT_RDWR);
+    accepting_.wait();
+    ::unlink(path_.c_str());
+    const auto& peers = *peers_.change([](std::list<Peer>& list) { return &list; });
+    for (const Peer& peer : peers) ::shutdown(peer.socket.get(), SHUT_RDWR);
+    for (const Peer& peer : peers) peer.serving.wait();
+  }
 
   // What the test may change at any time.
-  struct Behaviour {
-    std::set<uint8_t> services;
-    size_t client_id_limit = 10;
-    std::optional<uint8_t> void_client_id;  // is given out, and not counted
-    bool confirms_releases = true;
-    std::chrono::milliseconds control_delay{0};  // before every response of the CTL service
-    bool reads = true;
-    std::function<void(int connection, uint8_t client)> before_next_id;  // is answered
-    std::function<void(int connection)> before_next_release;             // is confirmed
-    bool echoes = false;  // every request has an indication of its number and a successful response at once
-  };
-
-  template <typename T>
-  void set(T Behaviour::*field, T value) {
-    const std::lock_guard lock(mutex_);
-    behaviour_.*field = std::move(value);
-    changed_.notify_all();
+  SharedValue<std::set<uint8_t>> services;
+  SharedValue<ControlHook> on_control;
+  SharedValue<ClientIds> client_ids;  // nothing frees them but a client's release, or the test
+  // Within a minute: a release does not wait for a slow modem.
+  bool comes_to_hold_no_ids() {
+    return client_ids.comes_to([](const ClientIds& ids) { return ids.empty(); });
   }
-  void offer(std::set<uint8_t> services) { set(&Behaviour::services, std::move(services)); }
+  std::atomic<size_t> client_id_limit{10};
+  std::mutex reading;  // a test that holds it keeps the modem from reading on
 
-  // The next request of a service; nothing within a minute is an error of the test.
-  ScriptedRequest receive();
-  size_t request_count();
+  SharedValue<std::deque<ScriptedRequest>> requests;  // of services, not received yet
 
-  void respond(const ScriptedRequest& request, const Bytes& tlvs = kSuccess);
-  void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs);
-  void revoke(int connection, uint8_t service, uint8_t client);
-  void announce_restart(int connection);
-  void close_connection(int connection);
-  void send_raw(int connection, const Bytes& bytes);
+  // The next of them; nothing within a minute is an error of the test.
+  ScriptedRequest receive() {
+    if (!requests.comes_to([](const auto& queue) { return !queue.empty(); })) throw std::runtime_error("no request");
+    return requests.change([](auto& queue) {
+      ScriptedRequest request = std::move(queue.front());
+      queue.pop_front();
+      return request;
+    });
+  }
 
-  // Service and id of all that are allocated; nothing frees them but a client's release, or the test.
-  std::set<std::pair<uint8_t, uint8_t>> client_ids();
-  bool comes_to_hold_no_ids();  // within a minute: a release does not wait for a slow modem
-  void void_client_ids();
-  void take_client_id(uint8_t service, uint8_t client);  // for another program
-  bool is_connected(int connection);                     // still, after a minute
+  void respond(const ScriptedRequest& to, const Bytes& tlvs = kSuccess) {
+    send_raw(to.connection, frame(to.service, to.client, message(0x02, to.transaction, to.id, tlvs)));
+  }
+  void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs = {}) {
+    send_raw(connection, frame(service, client, message(0x04, 0, id, tlvs)));
+  }
+  void revoke(int connection, uint8_t service, uint8_t client) {
+    send_raw(connection, control_frame(0, 2, 0, 0x0024, {0x01, 2, 0, service, client}));
+  }
+  void announce_restart(int connection) { send_raw(connection, control_frame(0xFF, 2, 0, 0x0027, {})); }
+  void send_raw(int connection, const Bytes& bytes) {
+    Peer& to = peer(connection);
+    const std::lock_guard lock(to.sending);
+    for (size_t sent = 0; sent < bytes.size();) {
+      const ssize_t count = ::send(to.socket.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (count <= 0) return;
+      sent += static_cast<size_t>(count);
+    }
+  }
 
-  static Bytes frame(uint8_t service, uint8_t client, const Bytes& message);
-  static Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs);
-  static Bytes drx_response(uint32_t value);
-  static Bytes refusal(uint8_t error);
-
-  static const Bytes kSuccess;
+  void close_connection(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
+  // By the client, within a minute.
+  bool comes_to_be_closed(int connection) {
+    return peer(connection).serving.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  }
 
  private:
   struct Peer {
-    int socket;
-    std::thread thread;
+    UniqueFd socket;
     std::mutex sending;
-    bool is_open = true;
+    std::future<void> serving;
   };
 
-  void accept_peers();
-  void serve(int connection, Peer& peer);
-  void handle_control(int connection, const Bytes& message);
-  Peer& peer(int connection);
+  Peer& peer(int connection) {
+    return *peers_.change([=](std::list<Peer>& peers) { return std::next(peers.begin(), connection); });
+  }
 
-  std::string path_;
-  int listener_;
-  std::thread acceptor_;
+  void accept_peers() {
+    for (int connection = 0;; ++connection) {
+      UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!socket) return;
+      peers_.change([&](std::list<Peer>& peers) {
+        Peer& peer = peers.emplace_back();
+        peer.serving = std::async(std::launch::async, [=, this, fd = socket.get()] { serve(connection, fd); });
+        peer.socket = std::move(socket);
+      });
+    }
+  }
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::list<Peer> peers_;
-  Behaviour behaviour_;
-  std::set<std::pair<uint8_t, uint8_t>> client_ids_;
-  std::deque<ScriptedRequest> requests_;
-  uint8_t last_client_id_ = 0;
+  // Nothing where the connection ends before.
+  static Bytes read_whole(int socket, size_t length) {
+    Bytes bytes(length);
+    const bool is_whole = ::recv(socket, bytes.data(), length, MSG_WAITALL) == static_cast<ssize_t>(length);
+    return is_whole ? bytes : Bytes();
+  }
+
+  void serve(int connection, int socket) {
+    for (;;) {
+      const Bytes header = read_whole(socket, 6);
+      if (header.empty()) return;
+      const Bytes request = read_whole(socket, u16_at(header, 1) - 5u);
+      if (request.empty()) return;
+      { const std::lock_guard may_read(reading); }
+      if (header[4] == 0) {
+        handle_control(connection, request);
+        continue;
+      }
+      requests.change([&](auto& queue) {
+        queue.push_back({connection, header[4], header[5], u16_at(request, 1), u16_at(request, 3),
+                         Bytes(request.begin() + 7, request.end())});
+      });
+    }
+  }
+
+  void handle_control(int connection, const Bytes& request) {
+    const uint16_t id = u16_at(request, 2);
+    Bytes value;
+    bool is_refused = false;
+    if (id == kGetVersionInfo) {
+      const auto offered = services.get();
+      value = {static_cast<uint8_t>(offered.size())};
+      for (const uint8_t service : offered) value.insert(value.end(), {service, 1, 0, 0, 0});
+    } else if (id == kAllocate) {
+      value = {request[9], ++last_client_id_};
+      is_refused = client_ids.change([&](ClientIds& ids) {
+        return ids.size() >= client_id_limit || !ids.insert({value[0], value[1]}).second;
+      });
+    } else if (id == kRelease) {
+      value = {request[9], request[10]};
+      client_ids.change([&](ClientIds& ids) { ids.erase({value[0], value[1]}); });
+    }
+    Bytes tlvs = is_refused ? refusal(5) : join({kSuccess, {0x01}, u16(value.size()), value});
+    const ControlHook hook = on_control.get();
+    if (hook && !hook(connection, id, tlvs)) return;
+    send_raw(connection, control_frame(0, 1, request[1], id, tlvs));
+  }
+
+  const std::string path_ = "/tmp/scripted-modem-" + std::to_string(::getpid());
+  const UniqueFd listener_ = listen_on(path_, 64);
+  std::atomic<uint8_t> last_client_id_{0};
+  SharedValue<std::list<Peer>> peers_;
+  std::future<void> accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
 };
 
 }  // namespace pelmar::platform

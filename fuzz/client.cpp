@@ -1,0 +1,145 @@
+// The platform's client and its link to the peripheral manager, over a real socket, against a peer that sends any
+// bytes.
+//
+//   input: u8 flags, the peer's bytes. Flag 1: they come after the responses that open a connection. Flag 2: they are
+//   the peripheral manager's.
+//
+// The peer sends all it has at once and closes. Whatever it sent, opening ends, a send ends with a response or the loss
+// of the service, and a release returns. The same frames come out however their stream is cut, and of the manager's
+// messages exactly those that the bytes begin with.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "frame_reader.h"
+#include "manager_link.h"
+#include "messages.h"
+#include "nas_messages.h"
+#include "qmi_client.h"
+#include "qmux_link.h"
+#include "unix_address.h"
+
+using namespace pelmar::fuzz;
+using namespace pelmar;
+
+namespace {
+
+// What the stream says, as one row of bytes, and a mark between its frames.
+template <typename NextLength>
+Bytes read_stream(std::span<const uint8_t> stream, NextLength next_length) {
+  Bytes transcript;
+  platform::FrameReader reader;
+  while (!stream.empty() && !reader.is_broken()) {
+    uint8_t* const space = reader.space();
+    const size_t length = std::min({next_length(), reader.room(), stream.size()});
+    require(length > 0);
+    std::copy_n(stream.begin(), length, space);
+    reader.add(length);
+    stream = stream.subspan(length);
+    qmi::Frame frame;
+    while (reader.next(frame)) {
+      transcript =
+          join({transcript, {0xFE, frame.service, frame.client}, Bytes(frame.message.begin(), frame.message.end())});
+    }
+  }
+  return transcript;
+}
+
+// The modem's responses while a connection is opened: the proxy is open, there is the service, this is the client id.
+// The result is looked for by its number, so it may be a TLV of its own behind the value.
+Bytes opening() {
+  constexpr uint8_t kNas = NAS_SERVICE_ID_V01;
+  Bytes responses;
+  const auto respond = [&](uint8_t transaction, uint16_t id, const Bytes& value) {
+    Bytes frame = control_frame(1, transaction, id, 0x01, value);
+    frame[1] += 7;  // the lengths of the frame and of its message
+    frame[10] += 7;
+    responses = join({responses, frame, {0x02, 4, 0, 0, 0, 0, 0}});
+  };
+  respond(1, 0xFF00, {});
+  respond(2, 0x0021, {1, kNas, 1, 0, 2, 0});
+  respond(3, 0x0022, {kNas, kClient});
+  return responses;
+}
+
+int listen_for_client() {
+  const std::string name = "@pelmar-fuzz-" + std::to_string(getpid());
+  const auto address = unix_address(name);
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  require(bind(listener, address->get(), address->length) == 0 && listen(listener, 4) == 0);
+  setenv("PELMAR_QMI_SOCKET", name.c_str(), 1);
+  setenv("XDG_STATE_HOME", "/dev/null", 1);  // no record of client ids
+  return listener;
+}
+
+void serve(int listener, const Bytes& bytes) {
+  const int connection = accept(listener, nullptr, nullptr);
+  send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  shutdown(connection, SHUT_WR);
+  char drain[256];
+  while (recv(connection, drain, sizeof drain, 0) > 0) continue;
+  close(connection);
+}
+
+void on_indication(qmi_client_type, unsigned, void* bytes, unsigned length, void*) {
+  const auto* const begin = static_cast<const uint8_t*>(bytes);
+  const Bytes copy(begin, begin + length);  // every byte of it can be read
+}
+
+void check_frames(std::span<const uint8_t> stream, uint32_t state) {
+  const auto random_length = [&state] {
+    state = state * 1664525 + 1013904223;
+    return size_t{1} + (state >> 24) % 13;
+  };
+  require(read_stream(stream, [] { return size_t{UINT16_MAX}; }) == read_stream(stream, random_length));
+}
+
+void use_client(bool opens) {
+  qmi_client_type handle = nullptr;
+  const int error = qmi_client_init_instance(nas_get_service_object_internal_v01(1, 388, 6), QMI_CLIENT_INSTANCE_ANY,
+                                             on_indication, nullptr, nullptr, 0, &handle);
+  require((error == QMI_NO_ERR) == (handle != nullptr));
+  require(!opens || handle != nullptr);
+  if (handle == nullptr) return;
+  nas::EmptyRequest request{};
+  nas::CellLocationResponse response;
+  const int sent = qmi_client_send_msg_sync(handle, QMI_NAS_GET_CELL_LOCATION_INFO_V01, &request, sizeof request,
+                                            &response, sizeof response, 0);
+  require(sent == QMI_NO_ERR || sent == QMI_SERVICE_ERR || sent <= QMI_IDL_LIB_EXTENDED_ERR);
+  require(qmi_client_release(handle) == QMI_NO_ERR);
+}
+
+void use_manager_link(std::span<const uint8_t> expected) {
+  const auto deadline = platform::Deadline::after(platform::Deadline::Milliseconds(5000));
+  platform::power::ManagerLink link;
+  require(link.open(platform::modem_socket(), deadline));
+  platform::power::Reply reply, same;
+  for (size_t size = 0; link.receive(reply, deadline); expected = expected.subspan(size)) {
+    require(take_front(expected, same, size) == platform::power::Front::kComplete && reply == same);
+  }
+  size_t size = 0;
+  require(take_front(expected, same, size) != platform::power::Front::kComplete);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  static const int listener = listen_for_client();
+  static const Bytes kOpening = opening();
+  const bool is_manager = data[0] & 2, opens = !is_manager && data[0] & 1;
+  const Bytes stream(data + 1, data + size);
+  if (!is_manager) check_frames(stream, data[0]);
+  std::thread peer([&] { serve(listener, opens ? join({kOpening, stream}) : stream); });
+  if (is_manager) {
+    use_manager_link(stream);
+  } else {
+    use_client(opens);
+  }
+  peer.join();
+  return 0;
+}

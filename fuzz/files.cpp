@@ -1,0 +1,107 @@
+// Files that others write: the system properties', and scenarios of the simulated modem.
+//
+//   input: u8 what (a scenario, a property's file, or a property's name and its value behind a zero byte), the bytes
+//
+// A scenario is refused with an error that names a place, or has at no moment a number that its field cannot hold. A
+// property is read as a terminated value within its limit, or as the default; a value that was taken is read back; no
+// name leaves the directory.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "cutils/properties.h"
+#include "messages.h"
+#include "scenario/scenario.h"
+
+using pelmar::fuzz::Bytes;
+using pelmar::fuzz::require;
+using namespace pelmar::sim;
+namespace fs = std::filesystem;
+
+namespace {
+
+// --- scenarios ---
+
+// Before, on, between and after the points, and in a later round.
+constexpr double kMoments[] = {0, 0.0005, 0.5, 1, 9.99, 11, 24, 40, 55.5, 1e6, 1e9};
+
+void check_moment(const Scenario& scenario, const StatisticRow& row, uint16_t sub, double seconds) {
+  const auto said = scenario.at({sub, row.id}, seconds);
+  if (!said) return;
+  for (size_t i = 0; i < kMaxFields; ++i) {
+    if (!said->fields[i]) continue;
+    require(i < row.fields.size());
+    const auto [least, most] = range_of(row.fields[i].type);
+    require(*said->fields[i] >= least && *said->fields[i] <= most);
+  }
+}
+
+void read_scenario(const std::string& text) {
+  try {
+    const Scenario scenario = parse_scenario(text);
+    require(scenario.repeat() >= 0 && !scenario.tracks().empty());
+    for (const StatisticRow& row : statistic_rows()) {
+      for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
+        for (const double seconds : kMoments) check_moment(scenario, row, sub, seconds);
+      }
+    }
+  } catch (const ScenarioError& error) {
+    require(std::string_view(error.what()).find(": ") != std::string_view::npos);
+  }
+}
+
+// --- properties ---
+
+// A directory that holds nothing but the properties' one, for the life of the process.
+struct Outside {
+  Outside() {
+    char pattern[] = "/tmp/pelmar-fuzz-XXXXXX";
+    path = mkdtemp(pattern);
+    setenv("PELMAR_PROPERTY_DIR", (path / "properties").c_str(), 1);
+    require(property_set("persist.file", "") == 0);  // makes the directories
+  }
+  ~Outside() { fs::remove_all(path); }
+
+  fs::path path;
+};
+
+std::string get(const std::string& name) {
+  Bytes value(PROPERTY_VALUE_MAX, 'x');
+  auto* const text = reinterpret_cast<char*>(value.data());
+  const int length = property_get(name.c_str(), text, "default");
+  require(length >= 0 && length < PROPERTY_VALUE_MAX && strnlen(text, value.size()) == static_cast<size_t>(length));
+  return text;
+}
+
+void set_and_get(const fs::path& outside, const std::string& name, const std::string& value) {
+  get(name);
+  if (property_set(name.c_str(), value.c_str()) == 0) {
+    require(get(name) == (value.empty() ? "default" : value));
+    for (const auto& entry : fs::recursive_directory_iterator(outside)) {
+      if (entry.is_regular_file() && entry.path().filename() != "persist.file") fs::remove(entry.path());
+    }
+  }
+  require(std::distance(fs::directory_iterator(outside), {}) == 1);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  static const Outside outside;
+  const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+  if (data[0] % 3 == 0) {
+    read_scenario(text);
+  } else if (data[0] % 3 == 1) {
+    std::ofstream(outside.path / "properties/persist/persist.file", std::ios::binary) << text;
+    get("persist.file");
+  } else {
+    const size_t end = std::min(text.find('\0'), text.size());
+    set_and_get(outside.path, text.substr(0, end), end == text.size() ? "" : text.substr(end + 1).c_str());
+  }
+  return 0;
+}

@@ -1,0 +1,131 @@
+// The library as it is built, over a platform with the real codec, and with every log line written: an indication's way
+// from the framework's callback to the client's event callback, and a statistics value's from the modem's response to
+// every decoder.
+//
+//   input: u8 indication (by the table below) or statistics, wire bytes
+//
+// What holds whatever the bytes: nothing is read or written beyond a block. One event comes where an indication
+// decodes, with its exact size, and none where it does not. A decoder returns 1 or 0, and no response that is refused
+// or does not decode reaches one.
+#include <unistd.h>
+
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "instant_platform.h"
+#include "messages.h"
+#include "modem_api.h"
+#include "modem_hydra.h"
+#include "pelmar_log.h"
+#include "qmi_codec.h"
+#include "vs_client.h"
+#include "vs_messages.h"
+
+using namespace pelmar::fuzz;
+namespace vs = pelmar::vs;
+
+namespace {
+
+bool decodes(qmi_idl_type_of_message_type type, uint16_t id, const Bytes& wire, Bytes& structure) {
+  uint32_t length = 0;
+  if (qmi_idl_get_message_c_struct_len(vs_client_info.service_object, type, id, &length) != 0) return false;
+  structure.assign(length, 0);
+  return pelmar::qmi::decode(vs_client_info.service_object, type, id, wire.data(), wire.size(), structure.data(),
+                             structure.size()) == QMI_IDL_LIB_NO_ERR;
+}
+
+struct IndicationRow {
+  uint16_t id;
+  uint32_t event;
+  uint32_t payload_length;
+};
+
+constexpr IndicationRow kIndications[] = {
+    {vs::kStatusIndication, MODEM_API_EVENT_VS_STATUS, sizeof(modem_api_vs_status_event)},
+    {vs::kReportAIndication, MODEM_API_EVENT_VS_REPORT_A, sizeof(modem_api_vs_report_a_event)},
+    {vs::kReportBIndication, MODEM_API_EVENT_VS_REPORT_B, sizeof(modem_api_vs_report_b_event)},
+    {vs::kReportCIndication, MODEM_API_EVENT_VS_REPORT_C, sizeof(modem_api_vs_report_c_event)},
+    {vs::kReadNv, 0, 0},  // a request's number: no event
+};
+
+const IndicationRow* g_expected;
+int g_events;
+
+void on_event(uint32_t event, const uint8_t* payload, uint32_t length) {
+  ++g_events;
+  require(event == g_expected->event && length == g_expected->payload_length);
+  const Bytes copy(payload, payload + length);  // every byte of it can be read
+}
+
+void indicate(const IndicationRow& row, Bytes wire) {
+  g_expected = &row;
+  g_events = 0;
+  vs_client_unsol_ind_cb(vs_client_info.client_handle, row.id, wire.data(), static_cast<unsigned>(wire.size()),
+                         nullptr);
+  Bytes structure;
+  require(g_events == (decodes(QMI_IDL_INDICATION, row.id, wire, structure) ? 1 : 0));
+}
+
+// The record has a heap block of its own, so that a sanitizer sees each byte beyond.
+template <typename Record, uint8_t (*kDecoder)(uint32_t, Record*)>
+uint8_t read(uint32_t sub) {
+  return kDecoder(sub, std::make_unique<Record>().get());
+}
+
+constexpr struct {
+  uint32_t id;
+  uint8_t (*read)(uint32_t sub);
+} kReadings[] = {
+    {0x52, read<modem_hydra_lte_srv_meas_info, modem_hydra_lte_srv_meas_info_get_for_pcc>},
+    {0x67, read<modem_hydra_lte_srv_meas_info, modem_hydra_lte_srv_meas_info_get_for_scc1>},
+    {0x87, read<modem_hydra_nr5g_srv_meas_info, modem_hydra_nr5g_srv_meas_info_get_for_pcc>},
+    {0x64, read<modem_hydra_mcs_trm_asdiv, modem_hydra_mcs_trm_asdiv_get>},
+    {0x62, read<modem_hydra_lte_pusch_power_info, modem_hydra_lte_pusch_power_info_get>},
+};
+
+void read_statistics(const Bytes& wire) {
+  Bytes structure;
+  const bool is_good = decodes(QMI_IDL_RESPONSE, vs::kGetStatsParameter, wire, structure);
+  if (!is_good) structure.assign(structure.size(), 0xFF);  // a failure in its header
+  pelmar::instant_platform::set_response(structure.data(), structure.size());
+  auto& record = reinterpret_cast<vs::GetStatsParameterResponse*>(structure.data())->records[0];
+  for (const auto& reading : kReadings) {
+    if (wire.size() % 2 == 0) record.id = reading.id;  // else whatever the response says
+    for (const uint16_t sub : {0, 1}) {
+      const uint8_t result = reading.read(sub);
+      require(result == 0 || (result == 1 && is_good));
+      modem_tx_power_get_by_sub(sub);
+    }
+  }
+}
+
+}  // namespace
+
+// Runs under a name that the library serves: the process starts itself again as "mtb".
+extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {
+  static char name[] = "/fuzz/mtb";
+  if (std::strcmp((*argv)[0], name) != 0) {
+    (*argv)[0] = name;
+    execv("/proc/self/exe", *argv);
+  }
+  pelmar::instant_platform::set_log([](const char*) {});
+  pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_ERROR);
+  pelmar_hal_close_shell_print();
+  require(modem_hydra_api_init() == 1);
+  vs_init();
+  require(vs_client_init(on_event));
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const uint8_t entry = data[0] % (std::size(kIndications) + 1);
+  const Bytes wire(data + 1, data + size);
+  if (entry < std::size(kIndications)) {
+    indicate(kIndications[entry], wire);
+  } else {
+    read_statistics(wire);
+  }
+  return 0;
+}
