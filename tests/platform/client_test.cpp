@@ -1,9 +1,7 @@
 // Client handles against a scripted modem: connecting, sends, indications, and who waits for whom.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <future>
 
 #include "captured_syslog.h"
@@ -233,33 +231,6 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
   }
   modem_.respond(request, drx_response(1));
   EXPECT_EQ(outcome.get(), Outcome(0, 1));
-}
-
-TEST_F(ClientTest, ManySendersShareOneHandle) {
-  constexpr size_t kSenders = 4, kSends = 200;
-  const qmi_client_type handle = connect();
-  std::atomic<size_t> good{0};
-  std::vector<std::future<void>> senders;
-  for (size_t i = 0; i < kSenders; ++i) {
-    senders.push_back(std::async(std::launch::async, [&] {
-      nas::GetDrxResponse response{};
-      for (size_t n = 0; n < kSends; ++n) {
-        if (n % 8 == 7) {
-          good += send_async(handle) == QMI_NO_ERR ? 1 : 0;
-        } else {
-          good += get_drx(handle, response) == QMI_NO_ERR ? 1 : 0;
-        }
-      }
-    }));
-  }
-  for (size_t i = 0; i < kSenders * kSends; ++i) {
-    const ScriptedRequest request = modem_.receive();
-    modem_.indicate(0, kNasId, request.client, request.id);
-    modem_.respond(request);
-  }
-  for (auto& one : senders) one.get();
-  EXPECT_EQ(good, kSenders * kSends);
-  EXPECT_EQ(events(kSenders * kSends * 9 / 8).size(), kSenders * kSends * 9 / 8);
 }
 
 // They pile up behind a slow callback while a sender reads the connection.
