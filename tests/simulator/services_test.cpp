@@ -1,224 +1,516 @@
-// What the services answer, and that what was set has its effect.
+// What the services return: events, statistics and their reports, scenarios, and the radio that the phone sees.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 
-#include <memory>
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <set>
 
-#include "nas_messages.h"
-#include "sar_messages.h"
-#include "service_clients.h"
+#include "qmux_client.h"
 #include "sim_process.h"
-#include "vs_messages.h"
 
 namespace pelmar::sim::test {
 
 namespace {
 
+constexpr uint16_t kSetEventReport = 0x0001;
+constexpr uint16_t kGetFeature = 0x0002;
+constexpr uint16_t kSetReportStatus = 0x0200;
+constexpr uint16_t kRegister = 0x0201;
+constexpr uint16_t kDeregister = 0x0202;
+constexpr uint16_t kReportA = 0x0203;
+constexpr uint16_t kReportB = 0x0204;
+constexpr uint16_t kGetStatistics = 0x0207;
+constexpr uint16_t kClearStatistics = 0x0208;
+constexpr uint32_t kLtePrimary = 0x52;
+constexpr uint32_t kNrPrimary = 0x87;
+constexpr uint32_t kAntennaSwitch = 0x64;
+constexpr uint32_t kSystemMode = 0x2c;
+
+Bytes u16(size_t value) {
+  return bytes_of(static_cast<uint16_t>(value));
+}
+
+class VsClient : public ServiceClient {
+ public:
+  explicit VsClient(const SimProcess& modem) : ServiceClient(modem.socket(), kVs) {}
+
+  void want_events(bool ab, bool c) { ask(kSetEventReport, tlv(0x10, {ab}) + tlv(0x11, {c})); }
+
+  // A value; empty where the modem has none.
+  Bytes read(uint16_t sub, uint32_t id) {
+    const Bytes record = bytes_of(uint32_t{sub}) + bytes_of(id);
+    const Bytes request = tlv(0x01, u16(sub)) + tlv(0x02, u16(0)) + tlv(0x03, Bytes{1} + record + u16(0));
+    const Bytes value = ask(kGetStatistics, request).value(0x10);
+    EXPECT_EQ(Bytes(value.begin() + 1, value.begin() + 9), record);
+    return Bytes(value.begin() + 11, value.end());
+  }
+
+  uint32_t enable_reports() {
+    want_events(true, false);
+    return number_at<uint32_t>(ask(kSetReportStatus, tlv(0x01, {1})).value(0x10), 0);
+  }
+  uint16_t disable_reports(uint32_t reporter) {
+    return ask(kSetReportStatus, tlv(0x01, {0}) + tlv(0x10, bytes_of(reporter))).error();
+  }
+  // The first option names a subscription; without it both are meant.
+  uint16_t add(uint32_t reporter, const std::vector<uint32_t>& ids, const Bytes& option = {}) {
+    Bytes entries = {static_cast<uint8_t>(ids.size())};
+    for (const uint32_t id : ids) entries = std::move(entries) + bytes_of(id) + Bytes(19);
+    return ask(kRegister, tlv(0x01, bytes_of(reporter)) + tlv(0x02, entries) + option).error();
+  }
+  uint16_t remove(uint32_t reporter, uint32_t id) {
+    return ask(kDeregister, tlv(0x01, bytes_of(reporter)) + tlv(0x02, Bytes{1} + bytes_of(id))).error();
+  }
+
+  // The indications that come before the response to a further request.
+  std::vector<Received> indications() {
+    send(request(kGetFeature, tlv(0x01, {2, 0, 0, 0})));
+    std::vector<Received> found;
+    for (Received each = receive(); each.message != kGetFeature && each.message != 0xFFFF; each = receive()) {
+      found.push_back(each);
+    }
+    return found;
+  }
+};
+
+class NasClient : public ServiceClient {
+ public:
+  NasClient(const SimProcess& modem, uint8_t sub) : ServiceClient(modem.socket(), kNas) { bind(sub); }
+
+  uint16_t bind(uint8_t sub) { return ask(0x0045, tlv(0x01, {sub})).error(); }
+  Bytes drx() { return ask(0x0089).value(0x10); }
+  uint16_t disable_nr(uint32_t mode) { return ask(0x0033, tlv(0x33, bytes_of(mode))).error(); }
+  bool has_nr() { return !ask(0x0043).value(0x2E).empty(); }
+  // The serving frequency: its channel, the serving cell, and that cell's level. Zero out of service.
+  std::vector<int> serving() {
+    const Bytes value = ask(0x0043).value(0x13);
+    return {number_at<uint16_t>(value, 10), number_at<uint16_t>(value, 12), number_at<int16_t>(value, 23)};
+  }
+  void lock(const std::vector<std::pair<uint16_t, uint32_t>>& cells) {
+    Bytes entries = {static_cast<uint8_t>(cells.size())};
+    for (const auto& [cell, channel] : cells) entries = std::move(entries) + bytes_of(cell) + bytes_of(channel);
+    ask(0x00D8, tlv(0x01, entries));
+  }
+};
+
 // The clock is held, so that the phone stays where it is.
 class Services : public testing::Test {
  protected:
+  std::string statistics(const std::string& count) const { return modem_.value("status", "/statistics/" + count); }
+
   ScratchDirectory directory_;
   SimProcess modem_{directory_, {"--clock-ms", "0"}};
+  VsClient client_{modem_};
 };
 
 TEST_F(Services, EventsGoToThoseThatAskedForThem) {
-  VsClient ab(modem_);
   VsClient c(modem_);
-  ab.want_events(true, false);
+  client_.want_events(true, false);
   c.want_events(false, true);
-  EXPECT_EQ(modem_.operator_command("event 2 258 1 0")["sent"], 2);
-  EXPECT_EQ(modem_.operator_command("event 3 7 record 1:82:0102 secondary 0:5: trailer 9")["sent"], 1);
-  EXPECT_EQ(modem_.operator_command("event 4 7 0a0b 1 2")["sent"], 1);
-  EXPECT_EQ(modem_.operator_command("event 5 3")["sent"], 1);
-  EXPECT_EQ(modem_.operator_command("event 5 4 to " + std::to_string(ab.id()))["sent"], 1);
+  const std::pair<std::string, const char*> events[] = {
+      {"event 2 258 1 0", "2"},
+      {"event 3 7 record 1:82:0102", "1"},
+      {"event 4 7 0a0b 1 2", "1"},
+      {"event 5 3", "1"},
+      {"event 5 4 to " + std::to_string(client_.id()), "1"},
+      {"event 5 4 to each", "2"},
+  };
+  for (const auto& [event, sent] : events) EXPECT_EQ(modem_.value(event, "/sent"), sent) << event;
   c.want_events(false, false);
-  EXPECT_EQ(modem_.operator_command("event 5 3")["sent"], 0);
-
-  const Bytes status = tlv(0x01, {2, 1, 0, 0}) + tlv(0x02, {1}) + tlv(0x03, {0});
-  const Bytes report_a = tlv(0x01, {7, 0, 0, 0}) + tlv(0x02, {1, 1, 0, 0, 0, 82, 0, 0, 0, 2, 0, 1, 2}) +
-                         tlv(0x10, {1, 0, 0, 0, 0, 5, 0, 0, 0, 0, 0}) + tlv(0x11, {9, 0, 0, 0});
-  const Bytes report_b = tlv(0x01, {7, 0, 0, 0}) + tlv(0x02, {2, 10, 11}) + tlv(0x03, {1, 0}) + tlv(0x04, {2, 0});
-  const std::pair<uint16_t, Bytes> to_ab[] = {
-      {0x0004, status}, {0x0203, report_a}, {0x0204, report_b}, {0x0601, tlv(0x01, {4})}};
-  for (const auto& [message, tlvs] : to_ab) {
-    const auto received = ab.connection().receive();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->flags, 4);
-    EXPECT_EQ(received->client, ab.id());
-    EXPECT_EQ(received->transaction, 0);
-    EXPECT_EQ(received->message, message);
-    EXPECT_EQ(received->tlvs, tlvs) << message;
+  EXPECT_EQ(modem_.value("event 5 3", "/sent"), "0");
+  std::vector<uint16_t> received;
+  for (const Received& each : client_.indications()) {
+    EXPECT_EQ(each.flags, 4);
+    EXPECT_EQ(each.client, client_.id());
+    EXPECT_EQ(each.transaction, 0);
+    received.push_back(each.message);
   }
+  EXPECT_EQ(received, (std::vector<uint16_t>{0x0004, kReportA, kReportB, 0x0601, 0x0601}));
 }
 
 TEST_F(Services, AStreamIsCompleteAndInOrder) {
-  VsClient client(modem_);
-  client.want_events(true, false);
-  modem_.operator_command("stream 500");
+  client_.want_events(true, false);
+  modem_.command("stream 500");
   for (uint32_t i = 0; i < 500; ++i) {
-    const auto received = client.connection().receive();
-    ASSERT_TRUE(received) << i;
-    ASSERT_EQ(received->tlvs.size(), 10672u);
-    EXPECT_EQ(received->value(0x01), (Bytes{static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8), 0, 0}));
+    const Received received = client_.receive();
+    ASSERT_EQ(received.tlvs.size(), 10672u);
+    EXPECT_EQ(received.value(0x01), bytes_of(i));
   }
-  modem_.operator_command("stream 4000000 every 1000");
-  ASSERT_TRUE(client.connection().receive());
-  EXPECT_EQ(
-      client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, vs::GetFeatureStatusRequest{300}, 42).enabled, 0)
-      << "the stream lets requests through";
+  modem_.command("stream 4000000 every 1000");
+  client_.receive();
+  EXPECT_EQ(client_.ask(kGetFeature, tlv(0x01, bytes_of(300))).error(), 42) << "the stream lets requests through";
 }
 
-TEST_F(Services, FeaturesAreSwitched) {
-  VsClient client(modem_);
-  const vs::GetFeatureStatusRequest get{2};
-  EXPECT_EQ(client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, get).enabled, 0);
-  client.call<vs::PlainResponse>(vs::kSetFeatureStatus, vs::SetFeatureStatusRequest{2, 1, 1, 1});
-  const auto on = client.call<vs::GetFeatureStatusResponse>(vs::kGetFeatureStatus, get);
-  EXPECT_EQ(on.enabled, 1);
-  EXPECT_EQ(on.effective, 1);
+TEST_F(Services, WhatIsSetHasItsEffectUntilTheServiceRestarts) {
+  EXPECT_EQ(client_.ask(kGetFeature, tlv(0x01, {2, 0, 0, 0})).value(0x04), Bytes{0});
+  client_.ask(0x0003, tlv(0x01, {2, 0, 0, 0}) + tlv(0x02, {1}));
+  EXPECT_EQ(client_.ask(kGetFeature, tlv(0x01, {2, 0, 0, 0})).value(0x04), Bytes{1});
+  const auto sar_state = [&] { return ServiceClient(modem_.socket(), kSar).ask(0x0002).value(0x10); };
+  ServiceClient sar(modem_.socket(), kSar);
+  EXPECT_EQ(sar.ask(0x0001, tlv(0x01, {3, 0, 0, 0})).error(), 0);
+  EXPECT_EQ(sar.ask(0x0001, tlv(0x01, {21, 0, 0, 0})).error(), 48);
+  EXPECT_EQ(sar_state(), (Bytes{3, 0, 0, 0}));
+  for (const char* command : {"service sar down", "service sar up"}) modem_.command(command);
+  EXPECT_EQ(sar_state(), (Bytes{0, 0, 0, 0}));
 }
 
-TEST_F(Services, StatisticsIdsAreGrantedAndVoidWithTheirClient) {
-  VsClient client(modem_);
-  VsClient other(modem_);
-  const vs::SetStatsReportStatusRequest enable{1, 0, 0};
-  for (uint32_t id = 0; id < 10; ++id) {
-    const auto granted = client.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable);
-    EXPECT_EQ(granted.stats_client_id_valid, 1);
-    EXPECT_EQ(granted.stats_client_id, id);
-  }
-  other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable, 5);
-  const auto disable = [](uint32_t id) { return vs::SetStatsReportStatusRequest{0, 1, id}; };
-  other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, disable(4), 41);
-  client.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, disable(4));
-  EXPECT_EQ(other.call<vs::SetStatsReportStatusResponse>(vs::kSetStatsReportStatus, enable).stats_client_id, 4u);
+// --- statistics ---
 
-  auto entries = std::make_unique<vs::RegisterStatsRequest>();
-  entries->stats_client_id = 4;
-  entries->entry_count = 2;
-  entries->entries[0].stats_id = 0x52;
-  entries->entries[1].stats_id = 0x67;
-  client.call<vs::PlainResponse>(vs::kRegisterStats, *entries, 41);
-  other.call<vs::PlainResponse>(vs::kRegisterStats, *entries);
-  EXPECT_EQ(modem_.operator_command("status")["statistics"]["registrations"], 4) << "for both subscriptions";
-  other.call<vs::PlainResponse>(vs::kDeregisterStats, vs::DeregisterStatsRequest{4, 1, {0x52}, 0, 0, 0, 0});
-  other.call<vs::PlainResponse>(vs::kDeregisterStats, vs::DeregisterStatsRequest{4, 1, {0x52}, 0, 0, 0, 0}, 26);
-  client.connection().close();
-  while (modem_.operator_command("status")["statistics"]["reporters"] != 1) {
-  }
-}
-
-TEST_F(Services, StatisticsValuesAreReadAndCleared) {
-  VsClient client(modem_);
-  modem_.operator_command("statistic 1 0x52 0102ff");
-  auto request = std::make_unique<vs::GetStatsParameterRequest>();
-  request->sub = 1;
-  request->record_count = 2;
-  request->records[0].id = 0x52;
-  request->records[1].id = 0x53;
-  auto read = [&] {
-    return std::make_unique<vs::GetStatsParameterResponse>(
-        client.call<vs::GetStatsParameterResponse>(vs::kGetStatsParameter, *request));
+TEST_F(Services, AValueIsItsFieldsOneAfterTheOther) {
+  const std::string cell = " version=1 version_ssmr=2 earfcn=66000 pci=503 is_srv_cell=1 rx_valid=15 rsrp_rx0=-1 ";
+  const std::string cell_hex = "01 02 d0 01 01 00 f7 01 01 0f 00 ff ff ff ff";
+  const std::pair<std::string, std::string> cases[] = {
+      {"lte-pcc" + cell, cell_hex},
+      {"lte-scc6" + cell, cell_hex},
+      {"lte-uplink version=1 pusch_tx_power=-10 dl_path_loss=200 max_power=23 pusch_ex_tx_power=300",
+       "01 f6 ff c8 17 00 2c 01"},
+      {"nr-scc2 version=1 rsrp_rx0=-1 rsrp_rx1=2 rsrp_rx2=3 rsrp_rx3=4 rsrq=-2",
+       "01 00 00 00 ff ff ff ff 02 00 00 00 03 00 00 00 04 00 00 00 fe ff ff ff"},
+      {"nr-rx-gain version=1 rssi0=1 rssi1=2 rssi2=3 rssi3=4",
+       "01 00 00 00 01 00 00 00 02 00 00 00 03 00 00 00 04 00 00 00"},
+      {"nr-tracking version=1 snr0=1 snr1=2 snr2=3 snr3=4",
+       "01 00 00 00 01 00 00 00 02 00 00 00 03 00 00 00 04 00 00 00"},
+      {"nr-antennas version=1 ant_rx_0_old=1 ant_rx_0_new=2 ant_rx_3_new=3 ant_tx_0_old=4 ant_tx_1_new=5",
+       "01 00 00 00 01 02"},
+      {"nr-uplink version_hook=1 tx_power_pusch=-3.5", "01 00 00 00 00 00 60 c0"},
+      {"wcdma-search version=1 rx_agc_0=-1 rx_agc_1=2", "01 ff ff ff ff 02 00 00 00"},
+      {"gsm-levels version=1 rx_prx=-1 rx_drx=2", "01 ff ff ff ff 02 00 00 00"},
+      {"antenna-switch version=1 ant_number=4 ant_switch_path=258 sig_path=8 old_config=1 new_config=2",
+       "01 04 02 01 08 00 01 02"},
+      {"system-mode stack_max=1 rat=12", "01 0c 00 00 00"},
   };
-  auto response = read();
-  ASSERT_EQ(response->record_count, 2u);
-  EXPECT_EQ(response->records[0].sub, 1);
-  EXPECT_EQ(response->records[0].id, 0x52u);
-  EXPECT_EQ(Bytes(response->records[0].data, response->records[0].data + 3), (Bytes{1, 2, 0xFF}));
-  EXPECT_EQ(response->records[1].data_len, 0u);
-  client.call<vs::PlainResponse>(vs::kClearStatsParameter, vs::ClearStatsParameterRequest{1, 0, 1, {0x52}});
-  response = read();
-  EXPECT_EQ(response->records[0].data_len, 3u);
-  EXPECT_EQ(Bytes(response->records[0].data, response->records[0].data + 3), Bytes(3, 0));
+  for (const auto& [value, hex] : cases) {
+    EXPECT_EQ(modem_.value("statistic 1 " + value, "/hex").substr(1, hex.size()), hex) << value;
+  }
+  const std::map<uint32_t, size_t> sizes = {{0x52, 75}, {0x6c, 75}, {0x62, 8},  {0x87, 0},  {0x07, 24},
+                                            {0x5e, 20}, {0x70, 20}, {0x71, 16}, {0x5a, 52}, {0x6e, 9},
+                                            {0x6f, 9},  {0x64, 8},  {0x2c, 5},  {0x53, 0}};
+  client_.ask(kClearStatistics);
+  NasClient(modem_, 1).disable_nr(1);
+  for (const auto& [id, size] : sizes) EXPECT_EQ(client_.read(1, id).size(), size) << id;
 }
 
-TEST_F(Services, SarKeepsItsStateUntilItRestarts) {
-  const auto object = sar_get_service_object_internal_v01(1, 15, 6);
-  Client client(modem_, object);
-  client.call<sar::RfSetStateResponse>(QMI_SAR_RF_SET_STATE_V01, sar::RfSetStateRequest{3, {}});
-  client.call<sar::RfSetStateResponse>(QMI_SAR_RF_SET_STATE_V01, sar::RfSetStateRequest{21, {}}, 48);
-  EXPECT_EQ(client.call<sar::RfGetStateResponse>(QMI_SAR_RF_GET_STATE_V01, sar::RfGetStateRequest{}).state, 3u);
-  modem_.operator_command("service sar down");
-  modem_.operator_command("service sar up");
-  EXPECT_EQ(
-      Client(modem_, object).call<sar::RfGetStateResponse>(QMI_SAR_RF_GET_STATE_V01, sar::RfGetStateRequest{}).state,
-      0u);
+TEST_F(Services, TheOperatorFixesFieldsOrWholeValues) {
+  const Bytes live = client_.read(0, kLtePrimary);
+  modem_.command("statistic 0 lte-pcc rsrp_rx1=-1005 pci=7");
+  EXPECT_EQ(modem_.value("statistic 0 82", "/source"), "\"operator\"");
+  EXPECT_EQ(modem_.value("statistic 0 82", "/fields/rsrp_rx1"), "-1005");
+  Bytes expected = live;
+  std::copy_n(bytes_of(int32_t{-1005}).begin(), 4, expected.begin() + 27);
+  std::copy_n(u16(7).begin(), 2, expected.begin() + 6);
+  EXPECT_EQ(client_.read(0, kLtePrimary), expected) << "the other fields are the radio's";
+  modem_.command("statistic 0 0x52 0102ff");
+  EXPECT_EQ(client_.read(0, kLtePrimary), (Bytes{1, 2, 0xFF}));
+  const Bytes clear = tlv(0x01, u16(0)) + tlv(0x02, u16(0)) + tlv(0x03, Bytes{1} + bytes_of(kLtePrimary));
+  EXPECT_EQ(client_.ask(kClearStatistics, clear).error(), 0);
+  EXPECT_EQ(client_.read(0, kLtePrimary), Bytes(3));
+  modem_.command("statistic 0 0x52 clear");
+  EXPECT_EQ(client_.read(0, kLtePrimary), live);
 }
 
-TEST_F(Services, TheSubscriptionsSeeCellsOfTheirOwn) {
-  NasClient first(modem_, 0);
-  NasClient second(modem_, 1);
-  const auto a = first.cells();
-  const auto b = second.cells();
-  for (const auto* each : {&a, &b}) {
-    ASSERT_TRUE(each->intra_frequency_valid && each->inter_frequency_valid && each->nr_arfcn_valid);
-    EXPECT_EQ(each->intra_frequency.cells[0].physical_cell_id, each->intra_frequency.serving_cell_id);
-    EXPECT_GT(each->intra_frequency.cell_count, 1u);
-    EXPECT_GT(each->inter_frequency.frequency_count, 1u);
-    for (uint32_t i = 1; i < each->intra_frequency.cell_count; ++i) {
-      EXPECT_LE(each->intra_frequency.cells[i].rsrp, each->intra_frequency.cells[i - 1].rsrp);
+TEST_F(Services, ClearingForgetsThePastSwitchOfThatValueAlone) {
+  const auto has_switched = [&](uint32_t id, size_t at) {
+    const Bytes value = client_.read(0, id);
+    return value.at(at) != value.at(at + 1);
+  };
+  modem_.command("clock 50000");
+  ASSERT_TRUE(has_switched(kAntennaSwitch, 6));
+  client_.ask(kClearStatistics, tlv(0x01, u16(0)) + tlv(0x02, u16(0)) + tlv(0x03, Bytes{1} + bytes_of(kAntennaSwitch)));
+  EXPECT_FALSE(has_switched(kAntennaSwitch, 6));
+  EXPECT_TRUE(has_switched(0x71, 4));
+  modem_.command("clock 64000");
+  EXPECT_TRUE(has_switched(kAntennaSwitch, 6)) << "a later switch counts";
+}
+
+TEST_F(Services, ReportersAreGrantedAndEndWithTheirClientOrService) {
+  VsClient other(modem_);
+  for (uint32_t id = 0; id < 10; ++id) EXPECT_EQ(client_.enable_reports(), id);
+  EXPECT_EQ(other.ask(kSetReportStatus, tlv(0x01, {1})).error(), 5);
+  EXPECT_EQ(other.disable_reports(4), 41);
+  EXPECT_EQ(client_.disable_reports(4), 0);
+  EXPECT_EQ(other.enable_reports(), 4u);
+  EXPECT_EQ(client_.add(4, {0x52}), 41);
+  EXPECT_EQ(other.add(4, {0x52, 0x67}), 0);
+  EXPECT_EQ(statistics("registrations"), "4") << "for both subscriptions";
+  EXPECT_EQ(other.remove(4, 0x52), 0);
+  EXPECT_EQ(other.remove(4, 0x52), 26);
+  client_.close();
+  EXPECT_TRUE(comes_true([&] { return statistics("reporters") == "1"; }));
+  for (const char* command : {"service vs down", "service vs up"}) modem_.command(command);
+  EXPECT_EQ(statistics("registrations"), "0");
+}
+
+TEST_F(Services, WhatIsRegisteredIsReportedOncePerPeriod) {
+  const auto reports_after = [&](int ms) {
+    modem_.command("clock advance " + std::to_string(ms));
+    return client_.indications();
+  };
+  const uint32_t reporter = client_.enable_reports();
+  EXPECT_EQ(client_.add(reporter, {0x52, 0x2c, 0x1234}, tlv(0x10, u16(1))), 0);
+  EXPECT_TRUE(reports_after(999).empty());
+  const auto reports = reports_after(1);
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[0].message, kReportA);
+  EXPECT_EQ(reports[0].value(0x01), bytes_of(reporter));
+  EXPECT_EQ(reports[0].value(0x11), bytes_of(1000)) << "the modem's clock";
+  const auto record = [](uint32_t id, const Bytes& value) {
+    return bytes_of(1) + bytes_of(id) + u16(value.size()) + value;
+  };
+  const Bytes mode = client_.read(1, kSystemMode);
+  const Bytes cell = client_.read(1, kLtePrimary);
+  EXPECT_EQ(reports[0].value(0x02),
+            Bytes{3} + record(kSystemMode, mode) + record(kLtePrimary, cell) + record(0x1234, {}));
+  EXPECT_EQ(reports[1].message, kReportB);
+  EXPECT_EQ(reports[1].value(0x02), (Bytes{3, 1, 1, 0})) << "in the order of the identifiers";
+  EXPECT_EQ(reports[1].value(0x03), u16(1)) << "the subscription";
+  EXPECT_EQ(reports[1].value(0x04), u16(1)) << "the first report";
+  EXPECT_EQ(reports_after(10'000).size(), 2u) << "missed reports are not made up for";
+  EXPECT_EQ(reports_after(1000).size(), 2u);
+
+  std::vector<uint32_t> ids(100);
+  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i + 0x10000;
+  EXPECT_EQ(client_.add(reporter, {7}, tlv(0x10, u16(2))), 48);
+  EXPECT_EQ(client_.add(reporter, ids, tlv(0x10, u16(1))), 42) << "more than 100";
+  EXPECT_EQ(client_.add(reporter, ids, tlv(0x10, u16(0))), 0);
+  modem_.command("report-period 10");
+  EXPECT_EQ(reports_after(10).size(), 13u) << "ten values an event";
+  client_.want_events(false, false);
+  EXPECT_TRUE(reports_after(10).empty());
+}
+
+// The modem notices it by the first of the report's events, in the middle of its work.
+TEST_F(Services, AClientMayDieBeforeItsReport) {
+  std::vector<uint32_t> ids(100);
+  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
+  client_.add(client_.enable_reports(), ids);
+  modem_.command("report-period 10");
+  modem_.command("delay 0 ctl");  // what comes after this has not been read before
+  ASSERT_EQ(kill(modem_.process(), SIGSTOP), 0);
+  int status = 0;
+  ASSERT_EQ(waitpid(modem_.process(), &status, WUNTRACED), modem_.process());
+  client_.close();
+  ASSERT_EQ(kill(modem_.process(), SIGCONT), 0);
+  modem_.command("clock advance 100000");
+  VsClient next(modem_);
+  EXPECT_EQ(next.enable_reports(), 0u) << "the first reporter's place is free";
+}
+
+// --- scenarios ---
+
+TEST_F(Services, AScenarioPlaysFromItsLoadingOn) {
+  const std::string file = directory_.path("drive in.json");
+  std::ofstream(file) << R"({"description": "away and back", "repeat": 10, "tracks": [
+      {"sub": 1, "statistic": "lte-scc6", "fields": ["rsrp_rx0", "rsrp_rx1"],
+       "points": [[2, -800, -900], [4, -1000, -900]]},
+      {"sub": 0, "statistic": 44, "fields": ["present", "rat"], "interpolation": "step",
+       "points": [[0, 1, 5], [4, 0, 7]]}]})";
+  const auto level = [&] { return number_at<int32_t>(client_.read(1, 0x6c), 11); };
+  modem_.command("clock 5000");
+  EXPECT_EQ(modem_.value("scenario " + file, "/tracks"), "2");
+  EXPECT_EQ(level(), -800);
+  modem_.command("clock advance 3000");
+  EXPECT_EQ(level(), -900);
+  EXPECT_EQ(client_.read(0, kSystemMode), (Bytes{1, 5, 0, 0, 0}));
+  modem_.command("clock advance 1000");
+  EXPECT_EQ(client_.read(0, kSystemMode), Bytes());
+  modem_.command("clock advance 9000");
+  EXPECT_EQ(level(), -900) << "repeated";
+  EXPECT_EQ(modem_.value("statistic 1 lte-scc6", "/source"), "\"scenario\"");
+  modem_.command("statistic 1 lte-scc6 rsrp_rx0=-5");
+  EXPECT_EQ(level(), -5) << "the operator's own number is above it";
+  modem_.command("statistic 1 lte-scc6 clear");
+
+  const auto with_track = [](const std::string& members) {
+    return R"({"repeat": 10, "tracks": [{"sub": 0, "statistic": "0x2c", "fields": ["rat"], "points": [[0, 9]]}, {)" +
+           members + "}]}";
+  };
+  const std::string track = R"("sub": 1, "statistic": "lte-pcc", "fields": ["pci", "rsrp_rx0"], )";
+  const std::pair<std::string, const char*> wrong[] = {
+      {"", "no JSON: line 1, column 1"},
+      {"{\"tracks\": [\n {\"sub\" 0}]}", "no JSON: line 2, column 9"},
+      {R"({"tracks": 1e999})", "no JSON: number overflow"},
+      {"[]", "the scenario: an object is expected"},
+      {"{}", "the scenario: \"tracks\" is missing"},
+      {R"({"tracks": []})", "tracks: an array of at least one element"},
+      {R"({"tracks": [], "repat": 1})", "unknown member \"repat\""},
+      {R"({"tracks": [], "repeat": 0})", "repeat: 0 is not within 0.001"},
+      {R"({"tracks": [], "description": 7})", "description: a string is expected"},
+      {with_track(""), "tracks[1]: \"sub\" is missing"},
+      {with_track(R"("sub": 2)"), "tracks[1].sub: 2 is not within 0.0 to 1.0"},
+      {with_track(R"("sub": 0.5)"), "tracks[1].sub: a whole number"},
+      {with_track(R"("sub": 0, "statistic": "lte")"), "tracks[1].statistic: the modem has no statistic \"lte\""},
+      {with_track(R"("sub": 0, "statistic": 4294967296)"), "tracks[1].statistic"},
+      {with_track(R"("sub": 0, "statistic": 82, "fields": ["pci", "rsrp"])"),
+       "tracks[1].fields[1]: lte-pcc has no field \"rsrp\""},
+      {with_track(R"("sub": 0, "statistic": 44, "fields": ["rat"], "points": [[0, 9]])"),
+       "tracks[1].fields[0]: this field has its numbers already"},
+      {with_track(track + R"("interpolation": "cubic")"), "tracks[1].interpolation: \"linear\" or \"step\""},
+      {with_track(track + R"("points": [[0, 1, 2], [1, 2]])"), "tracks[1].points[1]: the time and 2 numbers"},
+      {with_track(track + R"("points": [[0, 1, 2], [0, 1, 2]])"), "tracks[1].points[1][0]: a time after"},
+      {with_track(track + R"("points": [[0, 1, 2], [11, 1, 2]])"), "tracks[1].points[1][0]: the scenario begins anew"},
+      {with_track(track + R"("points": [[-1, 1, 2]])"), "tracks[1].points[0][0]: -1 is not within"},
+      {with_track(track + R"("points": [[0, 65536, 2]])"), "tracks[1].points[0][1]: 65536 is not within 0.0 to 65535"},
+      {with_track(track + R"("points": [[0, "1", 2]])"), "tracks[1].points[0][1]: a number is expected"},
+      {std::string(2 << 20, ' '), "larger than 1048576 bytes"},
+  };
+  for (const auto& [text, place] : wrong) {
+    std::ofstream(directory_.path("bad.json")) << text;
+    const std::string error = modem_.refused_command("scenario " + directory_.path("bad.json"));
+    EXPECT_NE(error.find(place), std::string::npos) << error << "\n  and not: " << place;
+  }
+  EXPECT_EQ(level(), -900) << "the earlier one plays on";
+  EXPECT_EQ(modem_.value("scenario", "/description"), "\"away and back\"");
+  modem_.command("scenario stop");
+  EXPECT_EQ(modem_.value("statistic 1 lte-scc6", "/source"), "\"none\"");
+}
+
+TEST(Scenarios, TheExampleIsPlayedFromTheStart) {
+  const ScratchDirectory directory;
+  const SimProcess modem(directory, {"--clock-ms", "0", "--scenario", EXAMPLE_SCENARIO});
+  const struct {
+    int ms;
+    const char *statistic, *field, *value;
+  } cases[] = {
+      {12'000, "lte-pcc", "rsrp_rx0", "-1015"},       // half of the way into the tunnel
+      {52'000, "lte-pcc", "snr_rx1", "58"},           // in the second round
+      {11'900, "lte-pcc", "pci", "101"},              // a step
+      {12'000, "lte-pcc", "pci", "104"},              //
+      {0, "lte-uplink", "dl_path_loss", "103"},       // before its first point
+      {39'000, "lte-uplink", "dl_path_loss", "103"},  // after its last point
+  };
+  for (const auto& each : cases) {
+    modem.command("clock " + std::to_string(each.ms));
+    const std::string statistic = std::string("statistic 0 ") + each.statistic;
+    EXPECT_EQ(modem.value(statistic, std::string("/fields/") + each.field), each.value) << each.ms;
+  }
+  EXPECT_EQ(modem.value("statistic 1 lte-pcc", "/source"), "\"radio\"");
+  const Outcome outcome = run_program({MODEM_SIM, "serve", "--socket", directory.path("other"), "--storage",
+                                       directory.path("other-storage"), "--scenario", directory.path("none")});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.output.find("none: no such file"), std::string::npos) << outcome.output;
+}
+
+// --- the radio ---
+
+TEST_F(Services, TheNumbersOfEveryMomentFitTogether) {
+  struct Chain {
+    int32_t rsrp, rsrq, rssi, snr;
+  };
+  const auto chain = [](const Bytes& cell, size_t i) { return number_at<Chain>(cell, 11 + 16 * i); };
+  std::set<int> cells, modes, configs;
+  size_t most_carriers = 0;
+  for (const uint16_t sub : {0, 1}) {
+    NasClient nas(modem_, static_cast<uint8_t>(sub));
+    Bytes last_cell, last_switch;
+    for (int ms = 0; ms < 240'000; ms += 250) {
+      SCOPED_TRACE(ms);
+      modem_.command("clock " + std::to_string(ms));
+      const Bytes primary = client_.read(sub, kLtePrimary);
+      const Bytes antennas = client_.read(sub, kAntennaSwitch);
+      std::set<uint32_t> frequencies;
+      int strongest = -10'000;
+      for (const uint32_t carrier : {0x52, 0x67, 0x68, 0x69, 0x6a, 0x6b, 0x6c}) {
+        const Bytes cell = client_.read(sub, carrier);
+        if (cell.empty()) continue;
+        EXPECT_TRUE(frequencies.insert(number_at<uint32_t>(cell, 2)).second) << "one carrier a frequency";
+        for (size_t i = 0; i < 4; ++i) {
+          const auto [rsrp, rsrq, rssi, snr] = chain(cell, i);
+          if (carrier == kLtePrimary) strongest = std::max(strongest, rsrp);
+          if ((cell[9] >> i & 1) == 0) continue;
+          EXPECT_NEAR(rsrq, 200 + rsrp - rssi, 2);
+          EXPECT_TRUE(rsrp > -1300 && rsrp < -600 && snr > -150 && snr < 310) << rsrp << ", " << snr;
+        }
+      }
+      most_carriers = std::max(most_carriers, frequencies.size());
+      const std::vector<int> serving = nas.serving();
+      EXPECT_EQ(number_at<uint32_t>(primary, 2), static_cast<uint32_t>(serving[0]));
+      EXPECT_EQ(number_at<uint16_t>(primary, 6), serving[1]);
+      EXPECT_EQ(strongest, serving[2]);
+      EXPECT_NEAR(client_.read(sub, 0x62).at(3), 18 - chain(primary, 0).rsrp / 10.0, 1) << "the transmitter's antenna";
+      const bool has_nr = nas.has_nr();
+      EXPECT_EQ(client_.read(sub, kNrPrimary).size(), has_nr ? 24 : 0);
+      const int mode = client_.read(sub, kSystemMode).at(1);
+      EXPECT_TRUE(mode == 9 || (mode == 12 && has_nr));
+      if (!last_switch.empty()) {
+        const bool is_same_cell = std::equal(primary.begin(), primary.begin() + 9, last_cell.begin());
+        for (size_t i = 0; is_same_cell && antennas[7] == last_switch[7] && i < 4; ++i) {
+          EXPECT_NEAR(chain(primary, i).rsrp, chain(last_cell, i).rsrp, 25) << "nothing jumps";
+        }
+        if (antennas[7] != last_switch[7]) {
+          EXPECT_EQ(antennas[6], last_switch[7]);
+        }
+      }
+      last_cell = primary;
+      last_switch = antennas;
+      cells.insert(serving[0] << 16 | serving[1]);
+      modes.insert(mode);
+      configs.insert(antennas[7]);
     }
   }
-  EXPECT_NE(a.intra_frequency.global_cell_id, b.intra_frequency.global_cell_id);
-  EXPECT_NE(a.nr_arfcn, b.nr_arfcn);
-  first.call<nas::PlainResponse>(QMI_NAS_BIND_SUBSCRIPTION_V01, nas::BindSubscriptionRequest{2}, 48);
-  EXPECT_NE(first.call<nas::GetDrxResponse>(QMI_NAS_GET_DRX_V01, nas::EmptyRequest{}).drx,
-            second.call<nas::GetDrxResponse>(QMI_NAS_GET_DRX_V01, nas::EmptyRequest{}).drx);
-  first.call<nas::PlainResponse>(QMI_NAS_SET_AVOID_TRM_V01, nas::SetAvoidTrmRequest{5});
-  const auto radio = modem_.operator_command("status")["radio"];
-  EXPECT_EQ(radio[0]["avoid_trm"], 5);
-  EXPECT_EQ(radio[1]["avoid_trm"], 0);
+  EXPECT_GE(cells.size(), 6u);
+  EXPECT_EQ(most_carriers, 7u) << "six secondary carriers somewhere";
+  EXPECT_EQ(modes, (std::set{9, 12}));
+  EXPECT_EQ(configs.size(), 4u);
 }
 
-TEST_F(Services, ARecycledIdForgetsItsSubscription) {
-  constexpr uint8_t kNas = 3;
-  QmuxClient client(modem_.socket());
-  const uint8_t id = client.allocate(kNas);
-  const Bytes unbound = client.ask(kNas, id, 0x0089).value(0x10);
-  client.ask(kNas, id, 0x0045, tlv(0x01, {1}));
-  EXPECT_NE(client.ask(kNas, id, 0x0089).value(0x10), unbound);
-  uint8_t next = id;
-  do {
-    client.control(0x0023, tlv(0x01, {kNas, next}));
-    next = client.allocate(kNas);
-  } while (next != id && next != 0);
-  EXPECT_EQ(client.ask(kNas, next, 0x0089).value(0x10), unbound);
+TEST_F(Services, ASeedReproducesAModem) {
+  const auto values_with = [](const std::string& seed) {
+    const ScratchDirectory directory;
+    const SimProcess modem(directory, {"--clock-ms", "77000", "--seed", seed});
+    VsClient client(modem);
+    return std::pair(client.read(0, kLtePrimary), client.read(1, kLtePrimary));
+  };
+  const auto values = values_with("42");
+  EXPECT_EQ(values, values_with("42"));
+  const auto others = values_with("43");
+  EXPECT_TRUE(values.first != others.first && values.second != others.second);
 }
 
-TEST_F(Services, ALockedPhoneCampsOnAnAllowedCell) {
+TEST_F(Services, ASubscriptionHasANetworkOfItsOwn) {
   NasClient first(modem_, 0);
   NasClient second(modem_, 1);
-  const auto before = first.cells();
-  const uint32_t of_second = second.cells().intra_frequency.global_cell_id;
-  const nas::LteFrequency& other = before.inter_frequency.frequencies[0];
-  const nas::LteCell target = other.cells[1];
-  first.lock({{1, 1}, {target.physical_cell_id, other.earfcn}});
-  const auto locked = first.cells();
-  EXPECT_EQ(locked.intra_frequency.earfcn, other.earfcn);
-  EXPECT_EQ(locked.intra_frequency.serving_cell_id, target.physical_cell_id);
-  EXPECT_EQ(locked.intra_frequency.cells[0].physical_cell_id, target.physical_cell_id) << "the serving cell leads";
-  EXPECT_EQ(locked.inter_frequency.frequencies[0].earfcn, before.intra_frequency.earfcn);
-  EXPECT_EQ(second.cells().intra_frequency.global_cell_id, of_second);
-  second.lock({{1, 1}});
-  EXPECT_FALSE(second.cells().intra_frequency_valid);
-  EXPECT_TRUE(first.cells().intra_frequency_valid);
-  first.lock({{1, 1}});
-  EXPECT_FALSE(first.cells().intra_frequency_valid) << "no such cell: out of service";
-  first.lock({});
-  EXPECT_EQ(first.cells().intra_frequency.global_cell_id, before.intra_frequency.global_cell_id);
-}
-
-TEST_F(Services, DisablingNrTakesItsCarrierAway) {
-  NasClient first(modem_, 0);
-  NasClient second(modem_, 1);
+  EXPECT_NE(first.serving(), second.serving());
+  EXPECT_NE(first.drx(), second.drx());
+  EXPECT_EQ(first.bind(2), 48);
+  first.ask(0x0098, tlv(0x01, {5}));
+  EXPECT_EQ(modem_.value("status", "/radio/0/avoid_trm"), "5");
+  EXPECT_EQ(modem_.value("status", "/radio/1/avoid_trm"), "0");
   for (const uint32_t mode : {1u, 2u}) {
     first.disable_nr(mode);
-    EXPECT_FALSE(first.cells().nr_arfcn_valid);
-    EXPECT_TRUE(first.cells().intra_frequency_valid);
-    EXPECT_TRUE(second.cells().nr_arfcn_valid);
+    EXPECT_TRUE(!first.has_nr() && second.has_nr());
     first.disable_nr(0);
-    EXPECT_TRUE(first.cells().nr_arfcn_valid);
+    EXPECT_TRUE(first.has_nr());
   }
-  first.disable_nr(3, 48);
+  EXPECT_EQ(first.disable_nr(3), 48);
+
+  const std::vector<int> before = first.serving();
+  const std::vector<int> of_second = second.serving();
+  first.lock({{1, 1}, {331, 3050}});
+  const std::vector<int> locked = first.serving();
+  EXPECT_EQ(locked[0], 3050);
+  EXPECT_EQ(locked[1], 331);
+  EXPECT_EQ(number_at<uint16_t>(client_.read(0, kLtePrimary), 6), 331);
+  EXPECT_EQ(number_at<uint32_t>(client_.read(0, 0x67), 2), static_cast<uint32_t>(before[0])) << "a further carrier now";
+  EXPECT_EQ(second.serving(), of_second);
+  first.lock({{1, 1}});
+  EXPECT_EQ(first.ask(0x0043).value(0x13), Bytes()) << "no such cell: out of service";
+  EXPECT_TRUE(client_.read(0, kLtePrimary).empty());
+  EXPECT_EQ(client_.read(0, kSystemMode), (Bytes{1, 0, 0, 0, 0}));
+  first.lock({});
+  EXPECT_EQ(first.serving(), before);
+
+  const Bytes drx = first.drx();
+  uint8_t id = second.id();
+  do {  // until it has the second one's id
+    second.release(kNas, id);
+    id = second.allocate(kNas);
+  } while (id != second.id() && id != 0);
+  EXPECT_EQ(second.drx(), drx) << "the next client of an id is bound to no subscription";
 }
 
 }  // namespace

@@ -5,11 +5,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "qmux_client.h"
 #include "sim_process.h"
-#include "storage/storage.h"
 
 namespace pelmar::sim::test {
 
@@ -17,123 +17,143 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr QmiError kNone = QMI_ERR_NONE_V01;
-constexpr QmiError kNoEntry = QMI_ERR_NO_ENTRY_V01;
-constexpr QmiError kInvalid = QMI_ERR_INVALID_ARG_V01;
-constexpr QmiError kFull = QMI_ERR_DEVICE_STORAGE_FULL_V01;
+enum Error : uint16_t { kNone = 0, kTooLong = 19, kInvalid = 48, kNoEntry = 50, kFull = 51 };
 
-std::string file_text(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
+Bytes item_key(uint32_t item) {
+  return tlv(0x01, bytes_of(item));
+}
+Bytes efs_key(uint32_t item, uint16_t qualifier) {
+  return item_key(item) + tlv(0x02, bytes_of(qualifier));
+}
+Bytes nv_key(uint32_t item, uint8_t qualifier, uint16_t index) {
+  return item_key(item) + tlv(0x02, {qualifier}) + tlv(0x03, bytes_of(index));
+}
+Bytes file_key(const std::string& path, uint16_t qualifier = 0, uint8_t index = 0) {
+  return tlv(0x01, Bytes(path.begin(), path.end())) + tlv(0x02, bytes_of(qualifier)) + tlv(0x03, {index});
 }
 
-Bytes read(auto& store, const auto& key) {
-  std::span<const uint8_t> bytes;
-  EXPECT_EQ(store.read(key, bytes), kNone);
-  return {bytes.begin(), bytes.end()};
-}
-
-QmiError error_of_read(auto& store, const auto& key) {
-  std::span<const uint8_t> bytes;
-  return store.read(key, bytes);
-}
+// A kind of item: its read message, which those of writing and deleting follow, and the TLV of data written.
+struct Kind {
+  uint16_t read;
+  uint8_t data;
+};
+constexpr Kind kNv = {0x0100, 0x04};
+constexpr Kind kEfs = {0x0103, 0x03};
+constexpr Kind kFile = {0x0106, 0x04};
+constexpr Kind kRfnv = {0x0109, 0x02};
 
 class StorageTest : public testing::Test {
  protected:
-  std::string path(const std::string& name) const { return directory_.path("s/" + name); }
+  StorageTest() { fs::create_directories(path("")); }
+
+  std::string path(const std::string& name) const { return directory_.path("storage/" + name); }
+  void serve(const std::vector<std::string>& options = {}) {
+    client_.reset();
+    modem_.reset();
+    modem_ = std::make_unique<SimProcess>(directory_, options);
+    client_ = std::make_unique<ServiceClient>(modem_->socket(), kVs);
+  }
+
+  uint16_t write(const Kind& kind, const Bytes& key, const Bytes& value) {
+    const Bytes data = tlv(kind.data, bytes_of(static_cast<uint16_t>(value.size())) + value);
+    return client_->ask(static_cast<uint16_t>(kind.read + 1), key + data).error();
+  }
+  uint16_t remove(const Kind& kind, const Bytes& key) {
+    return client_->ask(static_cast<uint16_t>(kind.read + 2), key).error();
+  }
+  uint16_t error_of_read(const Kind& kind, const Bytes& key) { return client_->ask(kind.read, key).error(); }
+  Bytes read(const Kind& kind, const Bytes& key) {
+    const Bytes value = client_->ask(kind.read, key).value(0x03);
+    EXPECT_GE(value.size(), 2u);
+    return value.size() < 2 ? Bytes() : Bytes(value.begin() + 2, value.end());
+  }
+  std::string text(const std::string& name) const {
+    std::stringstream text;
+    text << std::ifstream(path(name)).rdbuf();
+    return text.str();
+  }
 
   ScratchDirectory directory_;
+  std::unique_ptr<SimProcess> modem_;
+  std::unique_ptr<ServiceClient> client_;
 };
 
 TEST_F(StorageTest, ItemsAreReadableFilesAndOutliveTheProcess) {
   const Bytes value = {0x00, 0x7F, 0xFF};
-  Bytes largest(256, 0x5A);
-  {
-    Storage storage(path(""));
-    EXPECT_EQ(storage.nv.write({4294967295, 2, 1}, value), kNone);
-    EXPECT_EQ(storage.nv.write({10, 0, 0}, largest), kNone);
-    EXPECT_EQ(storage.nv.write({10, 0, 1}, {}), kNone);
-    EXPECT_EQ(storage.efs.write({10, 65535, 0}, value), kNone);
-    EXPECT_EQ(storage.rfnv.write({10, 0, 0}, value), kNone);
-    EXPECT_EQ(storage.files.write({"/nv//item_files/x", 0, 0}, value), kNone);
-    EXPECT_EQ(storage.files.write({"nv/item_files/x", 1, 2}, largest), kNone);
-    EXPECT_EQ(error_of_read(storage.nv, ItemStore::Key{10, 1, 0}), kNoEntry) << "another qualifier is another item";
+  const struct {
+    const Kind& kind;
+    Bytes key, value;
+    const char* file;
+    std::string text;
+  } cases[] = {
+      {kNv, nv_key(4294967295, 2, 1), value, "nv/4294967295.2.1", "00 7f ff\n"},
+      {kNv, nv_key(10, 0, 1), {}, "nv/10.0.1", ""},
+      {kEfs, efs_key(10, 65535), value, "efs/10.65535", "00 7f ff\n"},
+      {kRfnv, item_key(10), value, "rfnv/10", "00 7f ff\n"},
+      {kFile, file_key("/nv//item_files/x"), value, "efs-path/0.0/nv/item_files/x", std::string("\0\x7F\xFF", 3)},
+      {kFile, file_key("nv/item_files/x", 1, 2), Bytes(256, 'Z'), "efs-path/1.2/nv/item_files/x",
+       std::string(256, 'Z')},
+  };
+  serve();
+  for (const auto& each : cases) {
+    EXPECT_EQ(error_of_read(each.kind, each.key), kNoEntry);
+    EXPECT_EQ(write(each.kind, each.key, Bytes(257)), kTooLong);
+    EXPECT_EQ(write(each.kind, each.key, {1}), kNone);
+    EXPECT_EQ(write(each.kind, each.key, each.value), kNone);
+    EXPECT_EQ(text(each.file), each.text);
   }
-  EXPECT_EQ(file_text(path("nv/4294967295.2.1")), "00 7f ff\n");
-  EXPECT_EQ(file_text(path("efs/10.65535")), "00 7f ff\n");
-  EXPECT_EQ(file_text(path("rfnv/10")), "00 7f ff\n");
-  EXPECT_EQ(file_text(path("efs-path/0.0/nv/item_files/x")), std::string("\0\x7F\xFF", 3));
-
-  Storage storage(path(""));
-  EXPECT_EQ(read(storage.nv, ItemStore::Key{4294967295, 2, 1}), value);
-  EXPECT_EQ(read(storage.nv, ItemStore::Key{10, 0, 0}), largest);
-  EXPECT_EQ(read(storage.nv, ItemStore::Key{10, 0, 1}), Bytes());
-  EXPECT_EQ(read(storage.efs, ItemStore::Key{10, 65535, 0}), value);
-  EXPECT_EQ(read(storage.rfnv, ItemStore::Key{10, 0, 0}), value);
-  EXPECT_EQ(read(storage.files, FileTree::Key{"/nv/item_files/x", 0, 0}), value);
-  EXPECT_EQ(read(storage.files, FileTree::Key{"nv/item_files/x", 1, 2}), largest);
-}
-
-TEST_F(StorageTest, ADeletedEntryIsGoneForGood) {
-  {
-    Storage storage(path(""));
-    EXPECT_EQ(storage.nv.remove({1, 0, 0}), kNoEntry);
-    EXPECT_EQ(storage.files.remove({"a/b/c", 0, 0}), kNoEntry);
-    EXPECT_EQ(storage.nv.write({1, 0, 0}, Bytes{1}), kNone);
-    EXPECT_EQ(storage.files.write({"a/b/c", 0, 0}, Bytes{1}), kNone);
-    EXPECT_EQ(storage.nv.remove({1, 0, 0}), kNone);
-    EXPECT_EQ(storage.files.remove({"a/b/c", 0, 0}), kNone);
-    EXPECT_EQ(storage.files.write({"a", 0, 0}, Bytes{2}), kNone) << "the directory's name is free again";
+  EXPECT_EQ(error_of_read(kNv, nv_key(10, 1, 0)), kNoEntry) << "another qualifier is another item";
+  EXPECT_EQ(error_of_read(kFile, file_key(std::string(101, 'x'))), kTooLong);
+  EXPECT_EQ(client_->ask(0x010C, tlv(0x01, {0}) + tlv(0x02, {1, 0, 0, 0}) + tlv(0x03, {1, 0})).error(), kNone);
+  serve();
+  for (const auto& each : cases) {
+    EXPECT_EQ(read(each.kind, each.key), each.value) << each.file;
+    EXPECT_EQ(remove(each.kind, each.key), kNone);
+    EXPECT_EQ(remove(each.kind, each.key), kNoEntry);
   }
-  Storage storage(path(""));
-  EXPECT_EQ(error_of_read(storage.nv, ItemStore::Key{1, 0, 0}), kNoEntry);
-  EXPECT_EQ(error_of_read(storage.files, FileTree::Key{"a/b/c", 0, 0}), kNoEntry);
+  EXPECT_EQ(write(kFile, file_key("nv"), {2}), kNone) << "the empty directory is gone, its name is free";
+  serve();
+  for (const auto& each : cases) EXPECT_EQ(error_of_read(each.kind, each.key), kNoEntry) << each.file;
 }
 
 TEST_F(StorageTest, NoPathLeavesTheTree) {
-  Storage storage(path(""));
+  serve();
   for (const char* bad : {"", "/", "..", "../x", "a/../../x", "a/..", "./x", "a/./b", "x/", "a//"}) {
-    EXPECT_EQ(storage.files.write({bad, 0, 0}, Bytes{1}), kInvalid) << bad;
-    EXPECT_EQ(error_of_read(storage.files, FileTree::Key{bad, 0, 0}), kInvalid) << bad;
-    EXPECT_EQ(storage.files.remove({bad, 0, 0}), kInvalid) << bad;
+    EXPECT_EQ(write(kFile, file_key(bad), {1}), kInvalid) << bad;
+    EXPECT_EQ(error_of_read(kFile, file_key(bad)), kInvalid) << bad;
+    EXPECT_EQ(remove(kFile, file_key(bad)), kInvalid) << bad;
   }
-  EXPECT_EQ(storage.files.write({"/etc/passwd", 0, 0}, Bytes{1}), kNone) << "absolute means from the tree's top";
+  EXPECT_EQ(write(kFile, file_key("/etc/passwd"), {1}), kNone) << "absolute means from the tree's top";
   EXPECT_TRUE(fs::exists(path("efs-path/0.0/etc/passwd")));
-
-  EXPECT_EQ(storage.files.write({"file", 0, 0}, Bytes{1}), kNone);
-  EXPECT_EQ(storage.files.write({"file/below", 0, 0}, Bytes{1}), kInvalid);
-  EXPECT_EQ(storage.files.write({"etc", 0, 0}, Bytes{1}), kInvalid) << "a directory";
+  EXPECT_EQ(write(kFile, file_key("/etc/passwd/below"), {1}), kInvalid);
+  EXPECT_EQ(write(kFile, file_key("etc"), {1}), kInvalid) << "a directory";
 }
 
 TEST_F(StorageTest, SymbolicLinksAreNotFollowed) {
-  fs::create_directories(directory_.path("outside"));
-  std::ofstream(directory_.path("outside/secret")) << "secret";
-  fs::create_directories(path("efs-path/0.0"));
-  fs::create_symlink(directory_.path("outside"), path("efs-path/0.0/link"));
-  fs::create_symlink(directory_.path("outside/secret"), path("efs-path/0.0/file"));
-  fs::create_directories(path("nv"));
-  fs::create_symlink(directory_.path("outside/secret"), path("nv/1.0.0"));
-
-  Storage storage(path(""));
-  EXPECT_EQ(storage.files.write({"link/secret", 0, 0}, Bytes{1}), kInvalid);
-  EXPECT_EQ(error_of_read(storage.files, FileTree::Key{"link/secret", 0, 0}), kNoEntry);
-  EXPECT_EQ(error_of_read(storage.files, FileTree::Key{"file", 0, 0}), kNoEntry);
-  EXPECT_EQ(error_of_read(storage.nv, ItemStore::Key{1, 0, 0}), kNoEntry);
-  EXPECT_EQ(storage.files.write({"file", 0, 0}, Bytes{1}), kNone) << "replaces the link itself";
-  EXPECT_EQ(file_text(directory_.path("outside/secret")), "secret");
+  std::ofstream(directory_.path("secret")) << "01";
+  for (const char* name : {"efs-path/0.0", "nv"}) fs::create_directories(path(name));
+  for (const char* name : {"efs-path/0.0/file", "nv/1.0.0"}) fs::create_symlink(directory_.path("secret"), path(name));
+  fs::create_symlink(directory_.path(""), path("efs-path/0.0/link"));
+  serve();
+  EXPECT_EQ(write(kFile, file_key("link/secret"), {1}), kInvalid);
+  for (const char* name : {"link/secret", "file"}) EXPECT_EQ(error_of_read(kFile, file_key(name)), kNoEntry);
+  EXPECT_EQ(error_of_read(kNv, nv_key(1, 0, 0)), kNoEntry);
+  EXPECT_EQ(write(kFile, file_key("file"), {1}), kNone) << "replaces the link itself";
+  EXPECT_EQ(text("../secret"), "01");
 }
 
 TEST_F(StorageTest, AFullStorageTakesOldEntriesOnly) {
-  Storage storage(path(""), 2);
-  EXPECT_EQ(storage.nv.write({1, 0, 0}, Bytes{1}), kNone);
-  EXPECT_EQ(storage.files.write({"a", 0, 0}, Bytes{1}), kNone);
-  EXPECT_EQ(storage.nv.write({2, 0, 0}, Bytes{1}), kFull);
-  EXPECT_EQ(storage.files.write({"d/b", 0, 0}, Bytes{1}), kFull);
+  serve({"--max-entries", "2"});
+  EXPECT_EQ(write(kNv, nv_key(1, 0, 0), {1}), kNone);
+  EXPECT_EQ(write(kFile, file_key("a"), {1}), kNone);
+  EXPECT_EQ(write(kNv, nv_key(2, 0, 0), {1}), kFull);
+  EXPECT_EQ(write(kFile, file_key("d/b"), {1}), kFull);
   EXPECT_FALSE(fs::exists(path("efs-path/0.0/d")));
-  EXPECT_EQ(storage.nv.write({1, 0, 0}, Bytes{2}), kNone);
-  EXPECT_EQ(storage.files.remove({"a", 0, 0}), kNone);
-  EXPECT_EQ(storage.rfnv.write({2, 0, 0}, Bytes{1}), kNone);
+  EXPECT_EQ(write(kNv, nv_key(1, 0, 0), {2}), kNone);
+  EXPECT_EQ(remove(kFile, file_key("a")), kNone);
+  EXPECT_EQ(write(kRfnv, item_key(2), {1}), kNone);
+  EXPECT_EQ(remove(kNv, nv_key(1, 0, 0)), kNone);
+  EXPECT_EQ(write(kEfs, efs_key(2, 0), {1}), kNone);
 }
 
 TEST_F(StorageTest, StrangeFilesAreLeftAlone) {
@@ -147,75 +167,33 @@ TEST_F(StorageTest, StrangeFilesAreLeftAlone) {
   for (const auto& [name, text] : files) std::ofstream(path(name)) << text;
   std::ofstream(path("nv/6.0.0")) << "0a0B\n\n 0c";
   ASSERT_EQ(mkfifo(path("efs-path/0.0/pipe").c_str(), 0600), 0);
-  Storage storage(path(""));
-  EXPECT_EQ(storage.nv.count(), 1u);
-  EXPECT_EQ(storage.files.count(), 0u);
-  EXPECT_EQ(read(storage.nv, ItemStore::Key{6, 0, 0}), (Bytes{10, 11, 12}));
-  EXPECT_EQ(file_text(path("nv/2.0.0")), "no hex");
+  serve();
+  EXPECT_EQ(modem_->value("status", "/storage/nv"), "1");
+  EXPECT_EQ(modem_->value("status", "/storage/efs_paths"), "0");
+  EXPECT_EQ(read(kNv, nv_key(6, 0, 0)), (Bytes{10, 11, 12}));
+  EXPECT_EQ(text("nv/2.0.0"), "no hex");
 }
 
 TEST_F(StorageTest, IsNotUsedWhereADirectoryCannotBeRead) {
-  for (const char* const name : {"nv", "efs", "rfnv", "efs-path", "efs-path/7.1"}) {
+  for (const std::string name : {"nv", "efs", "rfnv", "efs-path", "efs-path/7.1"}) {
     const ScratchDirectory directory;
-    const std::string top = directory.path("s/");
-    fs::create_directories(fs::path(top + name).parent_path());
-    fs::create_symlink(top + name, top + name);
-    try {
-      Storage storage(top);
-      ADD_FAILURE() << name;
-    } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(std::string("open ") + name + ' '), std::string::npos) << error.what();
-    }
+    fs::create_directories(fs::path(directory.path(name)).parent_path());
+    fs::create_symlink(directory.path(name), directory.path(name));
+    const Outcome outcome =
+        run_program({MODEM_SIM, "serve", "--socket", directory.path("q"), "--storage", directory.path("")});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.output.find("open " + name + ' '), std::string::npos) << outcome.output;
   }
 }
 
 TEST_F(StorageTest, AWriteThatTheSystemRefusesLeavesTheOldContent) {
-  SimProcess modem(directory_);
-  QmuxClient client(modem.socket());
-  const uint8_t id = client.allocate(0xE4);
-  const auto write = [&](const Bytes& value) {
-    return client.ask(0xE4, id, 0x010A, tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, value)).error();
-  };
-  EXPECT_EQ(write({1, 0, 'a'}), 0);
+  serve();
+  EXPECT_EQ(write(kRfnv, item_key(10), {'a'}), kNone);
   const rlimit small = {0, 0};
-  ASSERT_EQ(prlimit(modem.process(), RLIMIT_FSIZE, &small, nullptr), 0);
-  EXPECT_EQ(write({2, 0, 'b', 'c'}), kFull);
-  EXPECT_EQ(client.ask(0xE4, id, 0x0109, tlv(0x01, {10, 0, 0, 0})).value(0x03), (Bytes{1, 0, 'a'}));
-  EXPECT_EQ(file_text(directory_.path("storage/rfnv/10")), "61\n");
-}
-
-TEST_F(StorageTest, TheServiceAnswersFromIt) {
-  SimProcess modem(directory_);
-  QmuxClient client(modem.socket());
-  const uint8_t id = client.allocate(0xE4);
-  const Bytes nv_key = tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, {1}) + tlv(0x03, {2, 0});
-  const Bytes path_key = tlv(0x01, {'a', '/', 'b'}) + tlv(0x02, {0, 0}) + tlv(0x03, {0});
-  const Bytes data = {3, 0, 'a', 'b', 'c'};
-  const struct {
-    Bytes key;
-    uint16_t read, write, remove;
-    uint8_t data_tlv;
-  } families[] = {{nv_key, 0x0100, 0x0101, 0x0102, 0x04},
-                  {tlv(0x01, {10, 0, 0, 0}) + tlv(0x02, {2, 0}), 0x0103, 0x0104, 0x0105, 0x03},
-                  {path_key, 0x0106, 0x0107, 0x0108, 0x04},
-                  {tlv(0x01, {10, 0, 0, 0}), 0x0109, 0x010A, 0x010B, 0x02}};
-  for (const auto& family : families) {
-    const auto ask = [&](uint16_t message, const Bytes& more) {
-      return client.ask(0xE4, id, message, family.key + more);
-    };
-    EXPECT_EQ(ask(family.read, {}).error(), 50) << family.read;
-    EXPECT_EQ(ask(family.write, tlv(family.data_tlv, data)).error(), 0) << family.write;
-    EXPECT_EQ(ask(family.read, {}).value(0x03), data) << family.read;
-    EXPECT_EQ(ask(family.remove, {}).error(), 0) << family.remove;
-    EXPECT_EQ(ask(family.remove, {}).error(), 50) << family.remove;
-    Bytes too_long = {1, 1};
-    too_long.resize(2 + 257);
-    EXPECT_EQ(ask(family.write, tlv(family.data_tlv, too_long)).error(), 19) << family.write;
-    EXPECT_EQ(ask(family.write, {}).error(), 17) << family.write;
-  }
-  const Bytes long_path = tlv(0x01, Bytes(101, 'x')) + tlv(0x02, {0, 0}) + tlv(0x03, {0});
-  EXPECT_EQ(client.ask(0xE4, id, 0x0106, long_path).error(), 19);
-  EXPECT_EQ(client.ask(0xE4, id, 0x010C, tlv(0x01, {0}) + tlv(0x02, {1, 0, 0, 0}) + tlv(0x03, {1, 0})).error(), 0);
+  ASSERT_EQ(prlimit(modem_->process(), RLIMIT_FSIZE, &small, nullptr), 0);
+  EXPECT_EQ(write(kRfnv, item_key(10), {'b', 'c'}), kFull);
+  EXPECT_EQ(read(kRfnv, item_key(10)), Bytes{'a'});
+  EXPECT_EQ(text("rfnv/10"), "61\n");
 }
 
 }  // namespace

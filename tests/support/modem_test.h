@@ -15,15 +15,15 @@ namespace pelmar::system_test {
 
 class ModemTest : public testing::Test {
  protected:
-  // options: of the simulated modem.
-  explicit ModemTest(const std::vector<std::string>& options = {}) {
+  // options, socket: of the simulated modem.
+  explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
     setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    modem_ = std::make_unique<sim::test::SimProcess>(directory_, options);
+    modem_ = std::make_unique<sim::test::SimProcess>(directory_, options, socket);
     setenv("PELMAR_QMI_SOCKET", modem_->socket().c_str(), 1);
   }
 
   sim::test::SimProcess& modem() { return *modem_; }
-  void tell(const std::string& command) { modem_->operator_command(command); }
+  void tell(const std::string& command) { modem_->command(command); }
   std::string path(const std::string& name) const { return directory_.path(name); }
 
   static int32_t open(modem_api_client_type type, modem_api_event_cb event_cb = nullptr,

@@ -5,16 +5,16 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <thread>
 #include <utility>
 
-#include "io/local_socket.h"
+#include "unix_socket.h"
 
 extern char** environ;
 
@@ -54,9 +54,8 @@ ScratchDirectory::~ScratchDirectory() {
 
 bool comes_true(const std::function<bool()>& condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-  while (!condition()) {
+  for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
     if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return true;
 }
@@ -127,35 +126,45 @@ SimProcess::SimProcess(const ScratchDirectory& directory, const std::vector<std:
     : Process(MODEM_SIM, serve_arguments(socket.empty() ? directory.path("qmux") : socket, directory, options), true),
       socket_(socket.empty() ? directory.path("qmux") : socket),
       control_(directory.path("storage/control")) {
-  EXPECT_EQ(line(), "modem_sim: ready on " + socket_);
-  close_output();
+  std::string first = line();
+  while (first.starts_with("modem_sim: ignoring ")) first = line();
+  EXPECT_EQ(first, "modem_sim: ready on " + socket_);
 }
 
 SimProcess::~SimProcess() {
-  if (process() <= 0) return;
-  EXPECT_EQ(end(SIGTERM), 0) << "the modem failed to end after SIGTERM";
+  if (process() > 0) {
+    EXPECT_EQ(end(SIGTERM), 0) << "the modem failed to end after SIGTERM";
+  }
 }
 
-nlohmann::json SimProcess::try_command(const std::string& line) const {
-  const UniqueFd fd = connect_local(control_);
+std::string SimProcess::respond(const std::string& line) const {
+  const UniqueFd fd = connect_unix(control_).fd;
   const std::string text = line + '\n';
   EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
   std::string response;
-  while (response.find('\n') == response.npos && append_bytes(fd.get(), response, kPatienceMs)) {
+  while (!response.ends_with('\n') && append_bytes(fd.get(), response, kPatienceMs)) {
   }
-  return nlohmann::json::parse(response);
+  return response;
 }
 
 nlohmann::json SimProcess::operator_command(const std::string& line) const {
-  auto response = try_command(line);
-  EXPECT_TRUE(response.at("ok")) << line << ": " << response;
+  return nlohmann::json::parse(command(line));
+}
+
+std::string SimProcess::command(const std::string& line) const {
+  const std::string response = respond(line);
+  EXPECT_NE(response.find("\"ok\":true"), response.npos) << line << ": " << response;
   return response;
 }
 
 std::string SimProcess::refused_command(const std::string& line) const {
-  const auto response = try_command(line);
+  const auto response = nlohmann::json::parse(respond(line));
   EXPECT_FALSE(response.at("ok")) << line;
   return response.value("error", "");
+}
+
+std::string SimProcess::value(const std::string& line, const std::string& place) const {
+  return operator_command(line).at(nlohmann::json::json_pointer(place)).dump();
 }
 
 }  // namespace pelmar::sim::test

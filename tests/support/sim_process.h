@@ -4,7 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -25,7 +25,7 @@ class ScratchDirectory {
   std::string path_;
 };
 
-// Checks every 20 ms whether this holds. False where it does not come to hold within a minute.
+// Checks every 5 ms whether this holds. False where it does not come to hold within a minute.
 bool comes_true(const std::function<bool()>& condition);
 
 // A child process whose standard input and output are pipes of the test's.
@@ -45,9 +45,6 @@ class Process {
   void finish() { input_.reset(); }    // ends the standard input
   int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
   pid_t process() const { return process_; }
-
- protected:
-  void close_output() { output_.reset(); }
 
  private:
   pid_t process_ = -1;
@@ -74,11 +71,14 @@ class SimProcess : public Process {
 
   const std::string& socket() const { return socket_; }
 
-  // Sends a line to the control socket. operator_command() expects success; refused_command() returns the error.
-  nlohmann::json operator_command(const std::string& line) const;
+  // Sends a line to the control socket; returns the response, a line of JSON.
+  std::string respond(const std::string& line) const;
+  // The same with a command that must succeed, or must be refused.
+  std::string command(const std::string& line) const;
   std::string refused_command(const std::string& line) const;
-  // Where either will do.
-  nlohmann::json try_command(const std::string& line) const;
+  nlohmann::json operator_command(const std::string& line) const;
+  // What the response to such a command has at a place such as "/services/0/up", as JSON.
+  std::string value(const std::string& line, const std::string& place) const;
 
  private:
   std::string socket_;

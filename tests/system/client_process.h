@@ -8,10 +8,6 @@
 
 namespace pelmar::system_test {
 
-// Runs the role that the arguments name ("--role NAME ARGUMENTS..."). Returns its exit status, or -1 where they name
-// none.
-int run_role(int argc, char** argv);
-
 // What the library writes to the system log of this process goes to a file of this name, when it is set.
 inline constexpr const char* kSystemLogVariable = "SYSTEM_TEST_LOG";
 

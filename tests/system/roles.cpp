@@ -1,4 +1,6 @@
-// What a client process of a system test does.
+// The main program of the system tests, which the library serves as "mtb", and the roles of the client processes that
+// they start.
+#include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -16,107 +18,55 @@
 namespace pelmar::system_test {
 namespace {
 
-int32_t g_client = -1;
-
-bool open_client() {
-  if (modem_api_init() != MODEM_API_SUCCESS) return false;
-  return modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &g_client) == MODEM_API_SUCCESS;
-}
-
-void say(const char* text) {
-  std::printf("%s\n", text);
-  std::fflush(stdout);
+int32_t open_client(modem_api_client_type type, modem_api_result& result) {
+  int32_t client = -1;
+  result = modem_api_init();
+  if (result == MODEM_API_SUCCESS) result = modem_api_init_client(type, nullptr, nullptr, &client);
+  return client;
 }
 
 void wait_for_end_of_input() {
+  std::fflush(stdout);
   char byte;
   while (read(STDIN_FILENO, &byte, 1) > 0) {
   }
 }
 
-// Says whether the process may use the library.
-int init(char**) {
-  std::printf("%d\n", modem_api_init());
-  return 0;
-}
-
-// Holds an open client until its input ends.
-int hold(char**) {
-  if (!open_client()) {
-    say("refused");
-    return 1;
-  }
-  say("open");
+// Opens a client of the type, prints the result, and waits for the end of its input and then so many microseconds.
+// Exits with all open.
+int hold(char** arguments) {
+  modem_api_result result = MODEM_API_SUCCESS;
+  open_client(static_cast<uint32_t>(std::atoi(arguments[0])), result);
+  std::printf("%d\n", result);
   wait_for_end_of_input();
-  return modem_api_free_client(g_client);
-}
-
-// Writes and reads back NV items from `first` on, `count` times.
-int items(char** arguments) {
-  const auto first = static_cast<uint32_t>(std::atoi(arguments[0]));
-  const int count = std::atoi(arguments[1]);
-  if (!open_client()) return 1;
-  say("open");
-  for (int i = 0; i < count; ++i) {
-    const uint32_t item = first + static_cast<uint32_t>(i) % 4;
-    uint8_t written[200];
-    std::memset(written, static_cast<int>(first + static_cast<uint32_t>(i)), sizeof(written));
-    uint8_t found[MODEM_API_MAX_ITEM_BYTES] = {};
-    uint32_t length = sizeof(found);
-    if (modem_api_write_nv(g_client, item, 0, 0, written, sizeof(written)) != MODEM_API_SUCCESS) return 2;
-    if (modem_api_read_nv(g_client, item, 0, 0, found, &length) != MODEM_API_SUCCESS) return 3;
-    if (length != sizeof(written) || std::memcmp(written, found, length) != 0) return 4;
-  }
-  say("done");
-  return modem_api_free_client(g_client);
+  usleep(static_cast<useconds_t>(std::atoi(arguments[1])));
+  return 0;
 }
 
 // Reads one item with all log lines on.
 int talk(char**) {
   pelmar_hal_set_logcat_print_mask(0xFFFF);
   pelmar_hal_set_shell_print_mask(0xFFFF);
-  if (!open_client()) return 1;
+  modem_api_result result = MODEM_API_SUCCESS;
+  const int32_t client = open_client(MODEM_API_CLIENT_VS, result);
   uint8_t data[8];
   uint32_t length = sizeof(data);
-  modem_api_read_nv(g_client, 4711, 0, 0, data, &length);
-  return modem_api_free_client(g_client);
+  modem_api_read_nv(client, 4711, 0, 0, data, &length);
+  return modem_api_free_client(client);
 }
 
-// Opens a SAR client, waits for the end of its input and then some microseconds, and exits with all open.
-int leave(char** arguments) {
-  if (modem_api_init() != MODEM_API_SUCCESS) return 1;
-  if (modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &g_client) != MODEM_API_SUCCESS) return 1;
-  say("open");
-  wait_for_end_of_input();
-  usleep(static_cast<useconds_t>(std::atoi(arguments[0])));
-  return 0;
-}
-
-bool cast_vote() {
-  return modem_api_peripheral_mng_init("modem") == 0 && modem_api_peripheral_mng_vote() == 0;
-}
-
-int keep_vote() {
-  say("voted");
+// Votes for the modem's power until its input ends. With an heir: a child that has the connection too and outlives it.
+int vote(char** arguments) {
+  if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
+  if (std::strcmp(arguments[0], "with heir") == 0 && fork() == 0) {
+    wait_for_end_of_input();
+    _exit(0);
+  }
+  std::puts("voted");
   wait_for_end_of_input();
   modem_api_peripheral_mng_release_vote();
   modem_api_peripheral_mng_deinit();
   return 0;
-}
-
-// Votes for the modem's power until its input ends.
-int vote(char**) {
-  return cast_vote() ? keep_vote() : 1;
-}
-
-// The same, with a child that has the connection too and outlives its parent.
-int vote_with_heir(char**) {
-  if (!cast_vote()) return 1;
-  if (fork() == 0) {
-    wait_for_end_of_input();
-    _exit(0);
-  }
-  return keep_vote();
 }
 
 struct Role {
@@ -124,32 +74,37 @@ struct Role {
   int (*run)(char** arguments);
 };
 
-constexpr Role kRoles[] = {{"init", init},   {"hold", hold},
-                           {"items", items}, {"talk", talk},
-                           {"leave", leave}, {"chaos", chaos::run_client},
-                           {"vote", vote},   {"vote_with_heir", vote_with_heir}};
+constexpr Role kRoles[] = {{"hold", hold}, {"talk", talk}, {"vote", vote}, {"chaos", chaos::run_client}};
 
 }  // namespace
-
-int run_role(int argc, char** argv) {
-  if (argc < 3 || std::strcmp(argv[1], "--role") != 0) return -1;
-  pelmar_hal_close_print();
-  for (const Role& role : kRoles) {
-    if (std::strcmp(argv[2], role.name) == 0) return role.run(argv + 3);
-  }
-  return 126;
-}
-
 }  // namespace pelmar::system_test
 
 // Stands in front of the C library's: a system log that a test can read.
 extern "C" void vsyslog(int priority, const char* format, va_list arguments) {
   const char* const name = std::getenv(pelmar::system_test::kSystemLogVariable);
-  if (name == nullptr) return;
-  std::FILE* const log = std::fopen(name, "a");
+  std::FILE* const log = name != nullptr ? std::fopen(name, "a") : nullptr;
   if (log == nullptr) return;
   std::fprintf(log, "<%d>", priority);
   std::vfprintf(log, format, arguments);
   std::fputc('\n', log);
   std::fclose(log);
+}
+
+int main(int argc, char** argv) {
+  if (argc > 2 && std::strcmp(argv[1], "--role") == 0) {
+    pelmar_hal_close_print();
+    for (const auto& role : pelmar::system_test::kRoles) {
+      if (std::strcmp(argv[2], role.name) == 0) return role.run(argv + 3);
+    }
+    return 126;
+  }
+  static char name[] = "/system/mtb";
+  if (std::strcmp(argv[0], name) != 0) {
+    argv[0] = name;
+    execv("/proc/self/exe", argv);
+    return EXIT_FAILURE;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  pelmar_hal_close_print();
+  return RUN_ALL_TESTS();
 }

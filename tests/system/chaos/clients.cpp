@@ -3,14 +3,20 @@
 // SAR and NAS clients come back by themselves; only one that gave up is opened again. The vendor-specific client does
 // not: one whose commands all fail is freed and opened again, though never while an asynchronous command is pending,
 // which a release would swallow. The main thread opens, tends and closes clients; any thread uses their ids.
+//
+// An item belongs to one worker. A write or a delete that succeeded has happened; one that failed has happened or has
+// not. So an item is one of its candidates, each the serial number of a content, or absent. A read shows which.
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
-#include <thread>
+#include <span>
+#include <vector>
 
 #include "chaos/chaos.h"
-#include "chaos/owned_item.h"
 #include "hydra_mem.h"
 #include "nas_client.h"
 #include "vs_client.h"
@@ -104,6 +110,108 @@ void take_response(const uint8_t* data, uint32_t length, void* user_data, uint32
   delete command;
 }
 
+// --- items ---
+
+std::string path_of(uint32_t n) {
+  return "/chaos/" + std::to_string(n / 100) + '/' + std::to_string(n);
+}
+
+// A kind of item, with the operations on one of a number.
+struct ItemFamily {
+  modem_api_result (*read)(int32_t client, uint32_t n, uint8_t* data, uint32_t* length);
+  modem_api_result (*write)(int32_t client, uint32_t n, const uint8_t* data, uint32_t length);
+  modem_api_result (*remove)(int32_t client, uint32_t n);
+};
+
+constexpr ItemFamily kFamilies[] = {
+    {[](int32_t client, uint32_t n, uint8_t* data, uint32_t* length) {
+       return modem_api_read_nv(client, n, n % 3, n % 7, data, length);
+     },
+     [](int32_t client, uint32_t n, const uint8_t* data, uint32_t length) {
+       return modem_api_write_nv(client, n, n % 3, n % 7, data, length);
+     },
+     [](int32_t client, uint32_t n) { return modem_api_delete_nv(client, n, n % 3, n % 7); }},
+    {[](int32_t client, uint32_t n, uint8_t* data, uint32_t* length) {
+       return modem_api_read_efs_path(client, path_of(n).c_str(), n % 3, 0, data, length);
+     },
+     [](int32_t client, uint32_t n, const uint8_t* data, uint32_t length) {
+       return modem_api_write_efs_path(client, path_of(n).c_str(), n % 3, 0, data, length);
+     },
+     [](int32_t client, uint32_t n) { return modem_api_delete_efs_path(client, path_of(n).c_str(), n % 3, 0); }},
+    {modem_api_read_rfnv, modem_api_write_rfnv, modem_api_delete_rfnv},
+};
+
+class OwnedItem {
+ public:
+  // The number decides about the family, too.
+  explicit OwnedItem(uint32_t number) : number_(number), family_(kFamilies[number % std::size(kFamilies)]) {}
+
+  modem_api_result write(Random& random) {
+    last_serial_ += random.between(1, 1000);
+    const std::vector<uint8_t> content = content_of(last_serial_);
+    return note(family_.write(vs(), number_, content.data(), static_cast<uint32_t>(content.size())), last_serial_);
+  }
+
+  modem_api_result remove() { return note(family_.remove(vs(), number_), kAbsent); }
+
+  // Content that is not this item's, whole, is a problem for anyone who reads it.
+  modem_api_result read(bool is_owner) {
+    std::vector<uint8_t> bytes(MODEM_API_MAX_ITEM_BYTES);
+    uint32_t length = MODEM_API_MAX_ITEM_BYTES;
+    const modem_api_result result = family_.read(vs(), number_, bytes.data(), &length);
+    if (result != MODEM_API_SUCCESS) return result;
+    bytes.resize(std::min<size_t>(length, bytes.size()));
+    uint32_t serial = 0;
+    std::memcpy(&serial, bytes.data(), std::min(sizeof(serial), bytes.size()));
+    if (bytes != content_of(serial)) {
+      problem(text() + " holds " + std::to_string(length) + " bytes that are not its own");
+    } else if (is_owner) {
+      expect(serial);
+    }
+    return result;
+  }
+
+  // With a modem that works: the item is one of its candidates.
+  void verify() {
+    const modem_api_result result = noted("verify item", [&] { return read(true); });
+    if (result == MODEM_API_ERR_GENERIC) return expect(kAbsent);
+    if (result != MODEM_API_SUCCESS) problem(text() + " cannot be read: " + std::to_string(result));
+  }
+
+ private:
+  static constexpr uint32_t kAbsent = 0;
+
+  std::string text() const { return "item " + std::to_string(number_); }
+
+  // The serial, then bytes that follow from it and the number.
+  std::vector<uint8_t> content_of(uint32_t serial) const {
+    Random filler(serial, number_);
+    std::vector<uint8_t> bytes(filler.between(sizeof(serial), MODEM_API_MAX_ITEM_BYTES));
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(filler.next()); });
+    std::memcpy(bytes.data(), &serial, sizeof(serial));
+    return bytes;
+  }
+
+  modem_api_result note(modem_api_result result, uint32_t outcome) {
+    if (result == MODEM_API_ERR_INVALID_CLIENT) return result;  // nothing was sent
+    if (result == MODEM_API_SUCCESS) candidates_.clear();
+    candidates_.insert(outcome);
+    return result;
+  }
+
+  void expect(uint32_t found) {
+    if (!candidates_.contains(found)) problem(text() + " is none of its candidates, but " + std::to_string(found));
+    candidates_ = {found};
+  }
+
+  const uint32_t number_;
+  const ItemFamily& family_;
+  uint32_t last_serial_ = 0;
+  std::set<uint32_t> candidates_ = {kAbsent};
+};
+
+// --- operations ---
+
 struct Worker {
   Random random;
   std::vector<OwnedItem> items;
@@ -121,8 +229,7 @@ struct Worker {
 
 modem_api_result read_item_of_others(Worker& worker) {
   const uint32_t owner = worker.random.between(1, kClientsProcesses * kWorkers);
-  OwnedItem item(owner * kMostNumbersOfAnOwner + worker.random.between(0, kItemsOfAnOwner - 1));
-  return item.read(vs(), false);
+  return OwnedItem(owner * kMostNumbersOfAnOwner + worker.random.between(0, kItemsOfAnOwner - 1)).read(false);
 }
 
 modem_api_result send_command(Worker& worker) {
@@ -153,7 +260,7 @@ modem_api_result get_drx(Worker&) {
 
 modem_api_result register_statistics(Worker& worker) {
   modem_api_stats_registration records[MODEM_API_STATS_REGISTRATIONS]{};
-  for (auto& record : records) record.id = random_statistic(worker.random);
+  for (auto& record : records) record.id = worker.random.element(kStatistics).id;
   const uint32_t count = worker.random.between(1, MODEM_API_STATS_REGISTRATIONS);
   return modem_api_register_modem_stats_data(vs(), worker.stats_client_id, 1, worker.bit(), 0, 0, records, count);
 }
@@ -162,7 +269,7 @@ modem_api_result get_statistics(Worker& worker) {
   const uint16_t sub = worker.bit();
   stats_para_data data{};
   data.para_num = worker.random.between(1, MODEM_API_STATS_ENTRIES);
-  for (uint32_t i = 0; i < data.para_num; ++i) data.entries[i].id = random_statistic(worker.random);
+  for (uint32_t i = 0; i < data.para_num; ++i) data.entries[i].id = worker.random.element(kStatistics).id;
   const stats_para_data requested = data;
   const auto result = modem_api_get_stats_parameter(vs(), sub, 1, &data);
   if (result != MODEM_API_SUCCESS) return result;
@@ -176,10 +283,6 @@ modem_api_result get_statistics(Worker& worker) {
   return result;
 }
 
-modem_api_result switch_reporting(Worker& worker) {
-  return modem_api_set_modem_stats_report_status(vs(), static_cast<uint8_t>(worker.bit()), &worker.stats_client_id);
-}
-
 struct Operation {
   uint32_t weight;
   const char* name;
@@ -187,9 +290,9 @@ struct Operation {
 };
 
 constexpr Operation kOperations[] = {
-    {1000, "write item", [](Worker& worker) { return worker.item().write(vs(), worker.random); }},
-    {1000, "read item", [](Worker& worker) { return worker.item().read(vs(), true); }},
-    {400, "delete item", [](Worker& worker) { return worker.item().remove(vs()); }},
+    {1000, "write item", [](Worker& worker) { return worker.item().write(worker.random); }},
+    {1000, "read item", [](Worker& worker) { return worker.item().read(true); }},
+    {400, "delete item", [](Worker& worker) { return worker.item().remove(); }},
     {600, "read item of others", read_item_of_others},
     {50, "efs sync", [](Worker&) { return modem_api_efs_sync(vs(), 0, 1, 2); }},
     {300, "command", send_command},
@@ -202,10 +305,16 @@ constexpr Operation kOperations[] = {
     {100, "nr mode", [](Worker&) { return modem_api_set_nr_disable_mode(ids[MODEM_API_CLIENT_NAS_1], 1, 0); }},
     {30, "notify shutdown", [](Worker&) { return modem_api_notify_shutdown(vs()); }},
     {1, "reset modem", [](Worker&) { return modem_api_reset_modem(vs()); }},
-    {100, "switch reporting", switch_reporting},
+    {100, "switch reporting",
+     [](Worker& worker) {
+       const auto report = static_cast<uint8_t>(worker.bit());
+       return modem_api_set_modem_stats_report_status(vs(), report, &worker.stats_client_id);
+     }},
     {100, "register statistics", register_statistics},
     {300, "get statistics", get_statistics},
 };
+
+// --- clients ---
 
 modem_api_result probe(uint32_t type) {
   return noted("probe", [&] { return kKinds[type].probe(ids[type]); });
@@ -265,34 +374,30 @@ class ClientsParty final : public Party {
     noted(operation.name, [&] { return operation.run(worker); });
   }
 
-  void settle() override {
-    const auto limit = Clock::now() + kPatience;
-    const auto works = [](uint32_t type) { return probe(type) == MODEM_API_SUCCESS; };
-    while (!works(0) || !works(1) || !works(2) || !works(3) || pending_commands != 0) {
-      if (Clock::now() > limit) return problem("a client or an asynchronous response did not come");
+  bool works() override {
+    const auto is_up = [](uint32_t type) { return probe(type) == MODEM_API_SUCCESS; };
+    if (!is_up(0) || !is_up(1) || !is_up(2) || !is_up(3) || pending_commands != 0) {
       tend();
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      return false;
     }
     for (const int32_t event : {3, 4, 5}) modem_api_add_modem_event(vs(), event);
     modem_api_set_vs_event_report(vs());
     const std::lock_guard guard(event_lock);
     event_numbers.clear();
+    return true;
   }
 
   void verify(uint32_t first_event, uint32_t last_event) override {
     for (const uint32_t event : {2, 3, 4, 5}) {
       std::vector<uint32_t> expected;
       for (uint32_t i = first_event; i <= last_event; ++i) expected.push_back(event == 5 ? i & 0xFF : i);
-      const auto have_come = [&] {
+      expect_soon("other events came than the modem sent", [&] {
         const std::lock_guard guard(event_lock);
         return event_numbers[event] == expected;
-      };
-      const auto limit = Clock::now() + kPatience;
-      while (!have_come() && Clock::now() < limit) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      if (!have_come()) problem("other events " + std::to_string(event) + " came than the modem sent");
+      });
     }
     for (Worker& worker : workers_) {
-      for (OwnedItem& item : worker.items) item.verify(vs());
+      for (OwnedItem& item : worker.items) item.verify();
     }
   }
 
