@@ -4,7 +4,6 @@
 // the name is free whatever runs on the machine.
 #include <gmock/gmock.h>
 #include <sched.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "modem_api.h"
-#include "sim_process.h"
+#include "modem_test.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -22,18 +20,20 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 constexpr const char* kQmicli = "/usr/bin/qmicli";
+constexpr const char* kProxy = "@qmi-proxy";
 
-class QmicliTest : public testing::Test {
+// The proxy's name in a network namespace of the test's own; "" where there is none to be had.
+std::string own_proxy() {
+  return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 ? kProxy : "";
+}
+
+class QmicliTest : public ModemTest {
  protected:
+  QmicliTest() : ModemTest({"--clock-ms", "0"}, own_proxy()) {}
+
   void SetUp() override {
     if (access(kQmicli, X_OK) != 0) GTEST_SKIP() << "qmicli is not installed (package libqmi-utils)";
-    if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-      GTEST_SKIP() << "no network namespace of its own to be had";
-    }
-    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    setenv("PELMAR_QMI_SOCKET", "@qmi-proxy", 1);
-    modem_ =
-        std::make_unique<sim::test::SimProcess>(directory_, std::vector<std::string>{"--clock-ms", "0"}, "@qmi-proxy");
+    if (modem().socket() != kProxy) GTEST_SKIP() << "no network namespace of its own to be had";
   }
 
   static std::string qmicli(const std::string& action) {
@@ -41,13 +41,6 @@ class QmicliTest : public testing::Test {
         sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", "/dev/null", action});
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     return outcome.output;
-  }
-
-  static int32_t open(modem_api_client_type type) {
-    EXPECT_EQ(modem_api_init(), MODEM_API_SUCCESS);
-    int32_t client = -1;
-    EXPECT_EQ(modem_api_init_client(type, nullptr, nullptr, &client), MODEM_API_SUCCESS);
-    return client;
   }
 
   // All numbers that follow a label, in the order of the text.
@@ -59,9 +52,6 @@ class QmicliTest : public testing::Test {
     }
     return numbers;
   }
-
-  sim::test::ScratchDirectory directory_;
-  std::unique_ptr<sim::test::SimProcess> modem_;
 };
 
 TEST_F(QmicliTest, CellLocationIsTheSameForBoth) {
@@ -107,7 +97,7 @@ TEST_F(QmicliTest, DrxIsTheSameForBoth) {
     const char* text;
   } kCases[] = {{6, "cn6-t32"}, {7, "cn7-t64"}, {8, "cn8-t128"}, {9, "cn9-t256"}};
   for (const auto& test_case : kCases) {
-    modem_->operator_command("drx 0 " + std::to_string(test_case.value));
+    tell("drx 0 " + std::to_string(test_case.value));
     uint8_t valid = 0;
     uint32_t drx = 0;
     EXPECT_EQ(modem_api_get_drx(client, &valid, &drx), MODEM_API_SUCCESS);
@@ -128,7 +118,7 @@ TEST_F(QmicliTest, ASarStateThatOneSetsTheOtherReads) {
 TEST_F(QmicliTest, ServiceVersionsListWhatIsUp) {
   const std::string all = qmicli("--get-service-version-info");
   for (const char* service : {"nas (1.388)", "sar (1.15)", "[0xe4] (1.2)"}) EXPECT_THAT(all, HasSubstr(service));
-  modem_->operator_command("service sar down");
+  tell("service sar down");
   EXPECT_THAT(qmicli("--get-service-version-info"), testing::Not(HasSubstr("sar (1.15)")));
 }
 

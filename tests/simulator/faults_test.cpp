@@ -137,6 +137,7 @@ TEST_F(Faults, WrongCommandsAreRefusedWithTheReason) {
       {"silence vs 256 1 1", "'1' is one word too many"},
       {"silence nobody", "no service 'nobody': there are nas, sar, vs"},
       {"silence vs read-everything", "no message 'read-everything'"},
+      {"silence nas x", "register-indications, "},
       {"silence vs any 0", "COUNT 0 would do nothing"},
       {"garbage 123", "pairs of hexadecimal digits"},
       {"die tomorrow", "neither connection nor modem"},

@@ -4,10 +4,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstdlib>
 #include <fstream>
-#include <map>
 #include <set>
 
 #include "qmux_client.h"
@@ -27,7 +24,6 @@ constexpr uint16_t kReportB = 0x0204;
 constexpr uint16_t kGetStatistics = 0x0207;
 constexpr uint16_t kClearStatistics = 0x0208;
 constexpr uint32_t kLtePrimary = 0x52;
-constexpr uint32_t kNrPrimary = 0x87;
 constexpr uint32_t kAntennaSwitch = 0x64;
 constexpr uint32_t kSystemMode = 0x2c;
 
@@ -125,9 +121,7 @@ TEST_F(Services, EventsGoToThoseThatAskedForThem) {
   EXPECT_EQ(modem_.value("event 5 3", "/sent"), "0");
   std::vector<uint16_t> received;
   for (const Received& each : client_.indications()) {
-    EXPECT_EQ(each.flags, 4);
-    EXPECT_EQ(each.client, client_.id());
-    EXPECT_EQ(each.transaction, 0);
+    EXPECT_TRUE(each.flags == 4 && each.client == client_.id() && each.transaction == 0);
     received.push_back(each.message);
   }
   EXPECT_EQ(received, (std::vector<uint16_t>{0x0004, kReportA, kReportB, 0x0601, 0x0601}));
@@ -187,12 +181,6 @@ TEST_F(Services, AValueIsItsFieldsOneAfterTheOther) {
   for (const auto& [value, hex] : cases) {
     EXPECT_EQ(modem_.value("statistic 1 " + value, "/hex").substr(1, hex.size()), hex) << value;
   }
-  const std::map<uint32_t, size_t> sizes = {{0x52, 75}, {0x6c, 75}, {0x62, 8},  {0x87, 0},  {0x07, 24},
-                                            {0x5e, 20}, {0x70, 20}, {0x71, 16}, {0x5a, 52}, {0x6e, 9},
-                                            {0x6f, 9},  {0x64, 8},  {0x2c, 5},  {0x53, 0}};
-  client_.ask(kClearStatistics);
-  NasClient(modem_, 1).disable_nr(1);
-  for (const auto& [id, size] : sizes) EXPECT_EQ(client_.read(1, id).size(), size) << id;
 }
 
 TEST_F(Services, TheOperatorFixesFieldsOrWholeValues) {
@@ -372,21 +360,11 @@ TEST_F(Services, AScenarioPlaysFromItsLoadingOn) {
 TEST(Scenarios, TheExampleIsPlayedFromTheStart) {
   const ScratchDirectory directory;
   const SimProcess modem(directory, {"--clock-ms", "0", "--scenario", EXAMPLE_SCENARIO});
-  const struct {
-    int ms;
-    const char *statistic, *field, *value;
-  } cases[] = {
-      {12'000, "lte-pcc", "rsrp_rx0", "-1015"},       // half of the way into the tunnel
-      {52'000, "lte-pcc", "snr_rx1", "58"},           // in the second round
-      {11'900, "lte-pcc", "pci", "101"},              // a step
-      {12'000, "lte-pcc", "pci", "104"},              //
-      {0, "lte-uplink", "dl_path_loss", "103"},       // before its first point
-      {39'000, "lte-uplink", "dl_path_loss", "103"},  // after its last point
-  };
-  for (const auto& each : cases) {
-    modem.command("clock " + std::to_string(each.ms));
-    const std::string statistic = std::string("statistic 0 ") + each.statistic;
-    EXPECT_EQ(modem.value(statistic, std::string("/fields/") + each.field), each.value) << each.ms;
+  const std::pair<int, const char*> levels[] = {
+      {0, "-850"}, {12'000, "-1015"}, {39'000, "-850"}, {52'000, "-1015"}};  // the last one in the second round
+  for (const auto& [ms, level] : levels) {
+    modem.command("clock " + std::to_string(ms));
+    EXPECT_EQ(modem.value("statistic 0 lte-pcc", "/fields/rsrp_rx0"), level) << ms;
   }
   EXPECT_EQ(modem.value("statistic 1 lte-pcc", "/source"), "\"radio\"");
   const Outcome outcome = run_program({MODEM_SIM, "serve", "--socket", directory.path("other"), "--storage",
@@ -402,60 +380,45 @@ TEST_F(Services, TheNumbersOfEveryMomentFitTogether) {
     int32_t rsrp, rsrq, rssi, snr;
   };
   const auto chain = [](const Bytes& cell, size_t i) { return number_at<Chain>(cell, 11 + 16 * i); };
-  std::set<int> cells, modes, configs;
+  std::set<std::vector<int>> cells;
   size_t most_carriers = 0;
-  for (const uint16_t sub : {0, 1}) {
-    NasClient nas(modem_, static_cast<uint8_t>(sub));
-    Bytes last_cell, last_switch;
+  for (const uint8_t sub : {0, 1}) {
+    NasClient nas(modem_, sub);
+    Bytes last;
     for (int ms = 0; ms < 240'000; ms += 250) {
       SCOPED_TRACE(ms);
       modem_.command("clock " + std::to_string(ms));
       const Bytes primary = client_.read(sub, kLtePrimary);
-      const Bytes antennas = client_.read(sub, kAntennaSwitch);
+      const uint8_t config = client_.read(sub, kAntennaSwitch).at(7);
       std::set<uint32_t> frequencies;
-      int strongest = -10'000;
       for (const uint32_t carrier : {0x52, 0x67, 0x68, 0x69, 0x6a, 0x6b, 0x6c}) {
         const Bytes cell = client_.read(sub, carrier);
         if (cell.empty()) continue;
         EXPECT_TRUE(frequencies.insert(number_at<uint32_t>(cell, 2)).second) << "one carrier a frequency";
         for (size_t i = 0; i < 4; ++i) {
           const auto [rsrp, rsrq, rssi, snr] = chain(cell, i);
-          if (carrier == kLtePrimary) strongest = std::max(strongest, rsrp);
           if ((cell[9] >> i & 1) == 0) continue;
           EXPECT_NEAR(rsrq, 200 + rsrp - rssi, 2);
           EXPECT_TRUE(rsrp > -1300 && rsrp < -600 && snr > -150 && snr < 310) << rsrp << ", " << snr;
         }
       }
       most_carriers = std::max(most_carriers, frequencies.size());
-      const std::vector<int> serving = nas.serving();
-      EXPECT_EQ(number_at<uint32_t>(primary, 2), static_cast<uint32_t>(serving[0]));
-      EXPECT_EQ(number_at<uint16_t>(primary, 6), serving[1]);
-      EXPECT_EQ(strongest, serving[2]);
+      int strongest = chain(primary, 0).rsrp;
+      for (size_t i = 1; i < 4; ++i) strongest = std::max(strongest, chain(primary, i).rsrp);
+      const std::vector<int> cell = {number_at<uint16_t>(primary, 2), number_at<uint16_t>(primary, 6)};
+      EXPECT_EQ(nas.serving(), (std::vector{cell[0], cell[1], strongest}));
       EXPECT_NEAR(client_.read(sub, 0x62).at(3), 18 - chain(primary, 0).rsrp / 10.0, 1) << "the transmitter's antenna";
-      const bool has_nr = nas.has_nr();
-      EXPECT_EQ(client_.read(sub, kNrPrimary).size(), has_nr ? 24 : 0);
-      const int mode = client_.read(sub, kSystemMode).at(1);
-      EXPECT_TRUE(mode == 9 || (mode == 12 && has_nr));
-      if (!last_switch.empty()) {
-        const bool is_same_cell = std::equal(primary.begin(), primary.begin() + 9, last_cell.begin());
-        for (size_t i = 0; is_same_cell && antennas[7] == last_switch[7] && i < 4; ++i) {
-          EXPECT_NEAR(chain(primary, i).rsrp, chain(last_cell, i).rsrp, 25) << "nothing jumps";
-        }
-        if (antennas[7] != last_switch[7]) {
-          EXPECT_EQ(antennas[6], last_switch[7]);
-        }
+      cells.insert(cell);
+      Bytes now = primary + Bytes{config};
+      for (size_t i = 0; !last.empty() && i < 4; ++i) {
+        if (!std::equal(now.begin(), now.begin() + 9, last.begin()) || config != last.back()) break;
+        EXPECT_NEAR(chain(now, i).rsrp, chain(last, i).rsrp, 25) << "nothing jumps";
       }
-      last_cell = primary;
-      last_switch = antennas;
-      cells.insert(serving[0] << 16 | serving[1]);
-      modes.insert(mode);
-      configs.insert(antennas[7]);
+      last = std::move(now);
     }
   }
   EXPECT_GE(cells.size(), 6u);
   EXPECT_EQ(most_carriers, 7u) << "six secondary carriers somewhere";
-  EXPECT_EQ(modes, (std::set{9, 12}));
-  EXPECT_EQ(configs.size(), 4u);
 }
 
 TEST_F(Services, ASeedReproducesAModem) {

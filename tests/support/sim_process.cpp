@@ -147,10 +147,6 @@ std::string SimProcess::respond(const std::string& line) const {
   return response;
 }
 
-nlohmann::json SimProcess::operator_command(const std::string& line) const {
-  return nlohmann::json::parse(command(line));
-}
-
 std::string SimProcess::command(const std::string& line) const {
   const std::string response = respond(line);
   EXPECT_NE(response.find("\"ok\":true"), response.npos) << line << ": " << response;
@@ -164,7 +160,7 @@ std::string SimProcess::refused_command(const std::string& line) const {
 }
 
 std::string SimProcess::value(const std::string& line, const std::string& place) const {
-  return operator_command(line).at(nlohmann::json::json_pointer(place)).dump();
+  return nlohmann::json::parse(command(line)).at(nlohmann::json::json_pointer(place)).dump();
 }
 
 }  // namespace pelmar::sim::test

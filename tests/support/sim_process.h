@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -76,7 +75,6 @@ class SimProcess : public Process {
   // The same with a command that must succeed, or must be refused.
   std::string command(const std::string& line) const;
   std::string refused_command(const std::string& line) const;
-  nlohmann::json operator_command(const std::string& line) const;
   // What the response to such a command has at a place such as "/services/0/up", as JSON.
   std::string value(const std::string& line, const std::string& place) const;
 

@@ -116,18 +116,21 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
   } cases[] = {
       {{MODEM_API_CLIENT_SAR}, "service sar down", "service sar up"},
       {nas, "service nas down", "service nas up"},
-      {all, "restart 100", "status"},
+      {all, "restart 3600000", "restart 0"},
       {all, "crash", "start"},
       {all, "", ""},
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.down);
-    if (*each.down == '\0') voter_->finish();
-    if (*each.down != '\0') tell(each.down);
-    for (const uint32_t client : each.clients) {
-      if (each.down[0] != 'r') EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
+    if (*each.down == '\0') {
+      voter_->finish();
+    } else {
+      tell(each.down);
     }
-    if (each.clients.size() != nas.size() && each.down[0] != 'r') EXPECT_NE(set_state(), MODEM_API_SUCCESS);
+    for (const uint32_t client : each.clients) {
+      EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
+    }
+    EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command of theirs fails";
     if (*each.up == '\0') {
       ASSERT_TRUE(comes_to(0, "off-line"));
       voter_ = std::make_unique<ClientProcess>("mtb", std::vector<std::string>{"vote", "alone"});
@@ -135,8 +138,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
       tell(each.up);
     }
     for (const uint32_t client : each.clients) {
-      const auto statuses = Statuses::until(client, OPERATIONAL_STATUS_UP);
-      EXPECT_EQ(std::vector(statuses.end() - 2, statuses.end()), (std::vector<uint32_t>{6, 3}));
+      EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_UP), ElementsAre(6, 3));
     }
     EXPECT_TRUE(has_all_clients());
   }

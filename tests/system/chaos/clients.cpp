@@ -112,53 +112,25 @@ void take_response(const uint8_t* data, uint32_t length, void* user_data, uint32
 
 // --- items ---
 
-std::string path_of(uint32_t n) {
-  return "/chaos/" + std::to_string(n / 100) + '/' + std::to_string(n);
-}
-
-// A kind of item, with the operations on one of a number.
-struct ItemFamily {
-  modem_api_result (*read)(int32_t client, uint32_t n, uint8_t* data, uint32_t* length);
-  modem_api_result (*write)(int32_t client, uint32_t n, const uint8_t* data, uint32_t length);
-  modem_api_result (*remove)(int32_t client, uint32_t n);
-};
-
-constexpr ItemFamily kFamilies[] = {
-    {[](int32_t client, uint32_t n, uint8_t* data, uint32_t* length) {
-       return modem_api_read_nv(client, n, n % 3, n % 7, data, length);
-     },
-     [](int32_t client, uint32_t n, const uint8_t* data, uint32_t length) {
-       return modem_api_write_nv(client, n, n % 3, n % 7, data, length);
-     },
-     [](int32_t client, uint32_t n) { return modem_api_delete_nv(client, n, n % 3, n % 7); }},
-    {[](int32_t client, uint32_t n, uint8_t* data, uint32_t* length) {
-       return modem_api_read_efs_path(client, path_of(n).c_str(), n % 3, 0, data, length);
-     },
-     [](int32_t client, uint32_t n, const uint8_t* data, uint32_t length) {
-       return modem_api_write_efs_path(client, path_of(n).c_str(), n % 3, 0, data, length);
-     },
-     [](int32_t client, uint32_t n) { return modem_api_delete_efs_path(client, path_of(n).c_str(), n % 3, 0); }},
-    {modem_api_read_rfnv, modem_api_write_rfnv, modem_api_delete_rfnv},
-};
-
 class OwnedItem {
  public:
-  // The number decides about the family, too.
-  explicit OwnedItem(uint32_t number) : number_(number), family_(kFamilies[number % std::size(kFamilies)]) {}
+  explicit OwnedItem(uint32_t number) : number_(number) {}
 
   modem_api_result write(Random& random) {
     last_serial_ += random.between(1, 1000);
     const std::vector<uint8_t> content = content_of(last_serial_);
-    return note(family_.write(vs(), number_, content.data(), static_cast<uint32_t>(content.size())), last_serial_);
+    return note(
+        call(modem_api_write_nv, modem_api_write_efs_path, content.data(), static_cast<uint32_t>(content.size())),
+        last_serial_);
   }
 
-  modem_api_result remove() { return note(family_.remove(vs(), number_), kAbsent); }
+  modem_api_result remove() { return note(call(modem_api_delete_nv, modem_api_delete_efs_path), kAbsent); }
 
   // Content that is not this item's, whole, is a problem for anyone who reads it.
   modem_api_result read(bool is_owner) {
     std::vector<uint8_t> bytes(MODEM_API_MAX_ITEM_BYTES);
     uint32_t length = MODEM_API_MAX_ITEM_BYTES;
-    const modem_api_result result = family_.read(vs(), number_, bytes.data(), &length);
+    const modem_api_result result = call(modem_api_read_nv, modem_api_read_efs_path, bytes.data(), &length);
     if (result != MODEM_API_SUCCESS) return result;
     bytes.resize(std::min<size_t>(length, bytes.size()));
     uint32_t serial = 0;
@@ -183,6 +155,13 @@ class OwnedItem {
 
   std::string text() const { return "item " + std::to_string(number_); }
 
+  // An operation on the item, which is an NV item or a file.
+  modem_api_result call(auto nv, auto path, auto... data) const {
+    if (number_ % 2 == 0) return nv(vs(), number_, number_ % 3, number_ % 7, data...);
+    const std::string name = "/chaos/" + std::to_string(number_ / 100) + '/' + std::to_string(number_);
+    return path(vs(), name.c_str(), number_ % 3, 0, data...);
+  }
+
   // The serial, then bytes that follow from it and the number.
   std::vector<uint8_t> content_of(uint32_t serial) const {
     Random filler(serial, number_);
@@ -205,7 +184,6 @@ class OwnedItem {
   }
 
   const uint32_t number_;
-  const ItemFamily& family_;
   uint32_t last_serial_ = 0;
   std::set<uint32_t> candidates_ = {kAbsent};
 };
