@@ -136,22 +136,27 @@ TEST_F(Power, AVoterThatLeavesIsWaitedForNoMore) {
   EXPECT_EQ(silent.ask(Vote{}), -1);
 }
 
-TEST_F(Power, AProcessThatEndedBeforeItWasAcceptedHasNoVote) {
-  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+// Here with this process as the heir of its connection, before it was accepted and after its vote.
+TEST_F(Power, AVoteEndsWithItsProcess) {
   const auto address = unix_address(socket_);
   const Bytes requests = to_frame(Request(Register{"modem", "dead"})) + to_frame(Request(Vote{}));
-  kill(modem_.process(), SIGSTOP);
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool is_connected = connect(fd.get(), address->get(), address->length) == 0;
-    _exit(is_connected && send(fd.get(), requests.data(), requests.size(), 0) > 0 ? 0 : 1);
+  for (const bool is_accepted : {false, true}) {
+    const UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!is_accepted) kill(modem_.process(), SIGSTOP);
+    const pid_t child = fork();
+    if (child == 0) {
+      const bool is_connected = connect(fd.get(), address->get(), address->length) == 0;
+      const bool has_sent = is_connected && send(fd.get(), requests.data(), requests.size(), 0) > 0;
+      uint8_t answers[8];
+      _exit(has_sent && (!is_accepted || recv(fd.get(), answers, sizeof answers, MSG_WAITALL) == 8) ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    kill(modem_.process(), SIGCONT);
+    ASSERT_EQ(status, 0);
+    EXPECT_TRUE(comes_true([&] { return modem_.value("power", "/manager/voters") == "[]"; })) << is_accepted;
+    EXPECT_EQ(modem_.value("power", "/manager/votes"), "0");
   }
-  int status = -1;
-  waitpid(child, &status, 0);
-  kill(modem_.process(), SIGCONT);
-  ASSERT_EQ(status, 0);
-  EXPECT_TRUE(is_closed_after(fd, {}));
-  EXPECT_EQ(modem_.value("power", "/manager/votes"), "0");
 }
 
 class ImpatientPower : public Power {

@@ -258,7 +258,8 @@ TEST_F(Services, WhatIsRegisteredIsReportedOncePerPeriod) {
   EXPECT_EQ(reports[1].value(0x03), u16(1)) << "the subscription";
   EXPECT_EQ(reports[1].value(0x04), u16(1)) << "the first report";
   EXPECT_EQ(reports_after(10'000).size(), 2u) << "missed reports are not made up for";
-  EXPECT_EQ(reports_after(1000).size(), 2u);
+  EXPECT_TRUE(reports_after(999).empty());
+  EXPECT_EQ(reports_after(1).size(), 2u);
 
   std::vector<uint32_t> ids(100);
   for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i + 0x10000;

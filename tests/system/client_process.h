@@ -8,9 +8,6 @@
 
 namespace pelmar::system_test {
 
-// What the library writes to the system log of this process goes to a file of this name, when it is set.
-inline constexpr const char* kSystemLogVariable = "SYSTEM_TEST_LOG";
-
 class ClientProcess : public sim::test::Process {
  public:
   // `name` is what the library sees as the process's name. A role ends when its standard input does.

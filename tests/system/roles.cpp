@@ -1,10 +1,8 @@
 // The main program of the system tests, which the library serves as "mtb", and the roles of the client processes that
 // they start.
 #include <gtest/gtest.h>
-#include <syslog.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,13 +16,6 @@
 namespace pelmar::system_test {
 namespace {
 
-int32_t open_client(modem_api_client_type type, modem_api_result& result) {
-  int32_t client = -1;
-  result = modem_api_init();
-  if (result == MODEM_API_SUCCESS) result = modem_api_init_client(type, nullptr, nullptr, &client);
-  return client;
-}
-
 void wait_for_end_of_input() {
   std::fflush(stdout);
   char byte;
@@ -35,24 +26,14 @@ void wait_for_end_of_input() {
 // Opens a client of the type, prints the result, and waits for the end of its input and then so many microseconds.
 // Exits with all open.
 int hold(char** arguments) {
-  modem_api_result result = MODEM_API_SUCCESS;
-  open_client(static_cast<uint32_t>(std::atoi(arguments[0])), result);
+  const auto type = static_cast<modem_api_client_type>(std::atoi(arguments[0]));
+  int32_t client = -1;
+  modem_api_result result = modem_api_init();
+  if (result == MODEM_API_SUCCESS) result = modem_api_init_client(type, nullptr, nullptr, &client);
   std::printf("%d\n", result);
   wait_for_end_of_input();
   usleep(static_cast<useconds_t>(std::atoi(arguments[1])));
   return 0;
-}
-
-// Reads one item with all log lines on.
-int talk(char**) {
-  pelmar_hal_set_logcat_print_mask(0xFFFF);
-  pelmar_hal_set_shell_print_mask(0xFFFF);
-  modem_api_result result = MODEM_API_SUCCESS;
-  const int32_t client = open_client(MODEM_API_CLIENT_VS, result);
-  uint8_t data[8];
-  uint32_t length = sizeof(data);
-  modem_api_read_nv(client, 4711, 0, 0, data, &length);
-  return modem_api_free_client(client);
 }
 
 // Votes for the modem's power until its input ends. With an heir: a child that has the connection too and outlives it.
@@ -74,21 +55,10 @@ struct Role {
   int (*run)(char** arguments);
 };
 
-constexpr Role kRoles[] = {{"hold", hold}, {"talk", talk}, {"vote", vote}, {"chaos", chaos::run_client}};
+constexpr Role kRoles[] = {{"hold", hold}, {"vote", vote}, {"chaos", chaos::run_client}};
 
 }  // namespace
 }  // namespace pelmar::system_test
-
-// Stands in front of the C library's: a system log that a test can read.
-extern "C" void vsyslog(int priority, const char* format, va_list arguments) {
-  const char* const name = std::getenv(pelmar::system_test::kSystemLogVariable);
-  std::FILE* const log = name != nullptr ? std::fopen(name, "a") : nullptr;
-  if (log == nullptr) return;
-  std::fprintf(log, "<%d>", priority);
-  std::vfprintf(log, format, arguments);
-  std::fputc('\n', log);
-  std::fclose(log);
-}
 
 int main(int argc, char** argv) {
   if (argc > 2 && std::strcmp(argv[1], "--role") == 0) {
