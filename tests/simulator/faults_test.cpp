@@ -90,6 +90,7 @@ TEST_F(Faults, AReorderedResponseFollowsTheNextOfItsConnection) {
   modem_.command("reorder 60000 vs 0x0000 2");
   ServiceClient other(modem_.socket(), kVs);
   for (int i = 0; i < 2; ++i) client_.send(request());
+  EXPECT_TRUE(comes_true([&] { return modem_.value("status", "/counters/faults") == "2"; }));
   EXPECT_EQ(other.ask(kReadRfnv, tlv(0x01, {7, 0, 0, 0})).error(), 50);
   const Received next = read();
   for (int behind = 2; behind >= 1; --behind) {

@@ -409,6 +409,9 @@ TEST_F(Services, TheNumbersOfEveryMomentFitTogether) {
       const std::vector<int> cell = {number_at<uint16_t>(primary, 2), number_at<uint16_t>(primary, 6)};
       EXPECT_EQ(nas.serving(), (std::vector{cell[0], cell[1], strongest}));
       EXPECT_NEAR(client_.read(sub, 0x62).at(3), 18 - chain(primary, 0).rsrp / 10.0, 1) << "the transmitter's antenna";
+      const Bytes nr = client_.read(sub, 0x87);
+      EXPECT_EQ(nr.empty(), !nas.has_nr());
+      EXPECT_TRUE(nr.empty() || number_at<int32_t>(nr, 20) < -30) << "a ratio in tenths";
       cells.insert(cell);
       Bytes now = primary + Bytes{config};
       for (size_t i = 0; !last.empty() && i < 4; ++i) {
