@@ -1,57 +1,467 @@
-// A client process of a chaos run: its workers, what the library may hold of it while nothing is open, and the party
-// that reads hydra's statistics.
+// A client process of a chaos run: its clients and workers, and what the library may hold of it while nothing is open.
+//
+// SAR and NAS clients come back by themselves; only one that gave up is opened again. The vendor-specific client does
+// not: one whose commands all fail is freed and opened again, though never while an asynchronous command is pending,
+// which a release would swallow. The main thread opens, tends and closes clients; any thread uses their ids.
+//
+// An item belongs to one worker. A write or a delete that succeeded has happened; one that failed has happened or has
+// not. So an item is one of its candidates, each the serial number of a content, or absent. A read shows which.
 #include <dlfcn.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
+#include <span>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "chaos/chaos.h"
 #include "hydra_mem.h"
-#include "modem_hydra.h"
+#include "nas_client.h"
+#include "vs_client.h"
 
 namespace pelmar::system_test::chaos {
 
 namespace {
 
+constexpr uint32_t kWorkers = 4;  // threads of a process
+constexpr std::chrono::seconds kPatience{90};
+// A command gives up after 30 s. Here none may: a restart of the service ends each call whose response is lost.
+constexpr std::chrono::seconds kCallLimit{25};
 constexpr int kTendIntervalMs = 20;
 constexpr std::chrono::microseconds kPause{500};  // between two operations of a worker
 constexpr int kMostProblems = 20;
-constexpr int kFailuresOfALostHydra = 20;
 constexpr int64_t kRoundsOfWarmUp = 5;
 constexpr int64_t kGrowthKb = 4096;
 
+constexpr std::chrono::seconds kOpenLimit{120};  // ten attempts, each of some exchanges that may get no response
+constexpr int kProbesOfALostClient = 3;
+constexpr uint32_t kItemsOfAnOwner = 12;
+constexpr uint32_t kMostNumbersOfAnOwner = 100;
+
 std::atomic<uint64_t> calls;
 std::atomic<uint64_t> successes;
+// Traced blocks that the library has handed over to nobody: two of each asynchronous send that was refused.
+std::atomic<int64_t> abandoned_blocks;
 
 void say(const std::string& line) {
   std::printf("%s\n", line.c_str());
   std::fflush(stdout);
 }
 
-// Runs the party's workers until there is a line to read.
-void run_storm(Party& party) {
+void problem(const std::string& text) {
+  static std::atomic<int> left{kMostProblems};
+  if (left-- > 0) say("problem: " + text);
+}
+
+// Makes a call of the library. Its result or its duration may be a problem.
+modem_api_result noted(const char* name, const std::function<modem_api_result()>& call,
+                       Clock::duration limit = kCallLimit) {
+  const auto start = Clock::now();
+  const modem_api_result result = call();
+  const std::chrono::duration<double> took = Clock::now() - start;
+  ++calls;
+  if (result == MODEM_API_SUCCESS) ++successes;
+  const bool is_listed = result >= MODEM_API_SUCCESS && result <= MODEM_API_ERR_ALREADY_INITIALIZED;
+  if (!is_listed || result == MODEM_API_RESP_END) problem(std::string(name) + " returned " + std::to_string(result));
+  if (took > limit) problem(std::string(name) + " took " + std::to_string(took.count()) + " s");
+  return result;
+}
+
+// Waits for what the library may still be doing; a problem where it does not come in time.
+void expect_soon(const char* what, const std::function<bool()>& condition) {
+  for (const auto limit = Clock::now() + kPatience; !condition(); std::this_thread::sleep_for(20 * kPause)) {
+    if (Clock::now() > limit) return problem(what);
+  }
+}
+
+struct ClientKind {
+  void (*prepare)();
+  void (*set_status_callback)(modem_api_operational_status_fn callback);
+  modem_api_result (*probe)(int32_t client);
+};
+
+constexpr ClientKind kKinds[MODEM_API_CLIENT_TYPES] = {
+    {[] { vs_init(); }, [](modem_api_operational_status_fn) {},
+     [](int32_t client) { return modem_api_common_command(client, nullptr, 0); }},
+    {sar_init, sar_client_set_operational_status_callback,
+     [](int32_t client) { return modem_api_set_sar_rf_state(client, 1); }},
+    {nas_0_init, nas_0_client_set_operational_status_callback,
+     [](int32_t client) { return modem_api_set_avoid_trm(client, 0, 0); }},
+    {nas_1_init, nas_1_client_set_operational_status_callback,
+     [](int32_t client) { return modem_api_set_avoid_trm(client, 1, 0); }},
+};
+
+std::array<std::atomic<int32_t>, MODEM_API_CLIENT_TYPES> ids{-1, -1, -1, -1};
+std::array<std::atomic<uint32_t>, MODEM_API_CLIENT_TYPES> last_status;  // IDLE: none since the client was opened
+std::atomic<int> pending_commands;
+std::mutex event_lock;
+std::map<uint32_t, std::vector<uint32_t>> event_numbers;  // of the test's events that came since the last settling
+
+int32_t vs() {
+  return ids[MODEM_API_CLIENT_VS];
+}
+
+// A client that comes back reports the way there in this order. An opened client may start anywhere in it.
+void take_status(uint32_t type, uint32_t status) {
+  modem_api_operational_status_cb(type, status);
+  const uint32_t before = last_status[type].exchange(status);
+  const bool is_next = before == OPERATIONAL_STATUS_RECONNECTING
+                           ? status == OPERATIONAL_STATUS_UP || status == OPERATIONAL_STATUS_RECONNECT_FAILED
+                           : status == before + 1;
+  if (is_next || before == OPERATIONAL_STATUS_IDLE || status == OPERATIONAL_STATUS_IDLE) return;
+  problem("client " + std::to_string(type) + " reports status " + std::to_string(status) + " after " +
+          std::to_string(before));
+}
+
+void take_event(uint32_t event, const uint8_t* payload, uint32_t length) {
+  uint32_t number = 0;
+  std::memcpy(&number, payload, std::min<size_t>(length, sizeof(number)));
+  if (event == MODEM_API_EVENT_VS_REPORT_A) {
+    const auto& report = *reinterpret_cast<const modem_api_vs_report_a_event*>(payload);
+    for (const modem_api_event_record& record : std::span(report.records).first(report.record_count)) {
+      if (record.data_len == 0 || is_stamped_right(record.data[0], record.sub, record.id)) continue;
+      problem("event 3 reports another value as statistic " + std::to_string(record.id));
+    }
+  }
+  const bool is_byte = event == MODEM_API_EVENT_VS_REPORT_C;
+  if (!is_byte && number < kFirstEvent) return;  // a report of the modem's own
+  const std::lock_guard guard(event_lock);
+  std::vector<uint32_t>& numbers = event_numbers[event];
+  if (!is_byte && !numbers.empty() && number <= numbers.back()) {
+    problem("event " + std::to_string(event) + " number " + std::to_string(number) + " after a later one");
+  }
+  numbers.push_back(number);
+}
+
+// An asynchronous pass-through command that is pending. Its response must be its own payload.
+struct AsyncCommand {
+  std::vector<uint8_t> payload;
+  bool has_data = false;
+};
+
+void take_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result) {
+  auto* const command = static_cast<AsyncCommand*>(user_data);
+  if (result == MODEM_API_SUCCESS) {
+    const bool is_own = std::equal(data, data + length, command->payload.begin(), command->payload.end());
+    if (!is_own || command->has_data) problem("an asynchronous command got a response that is not its own");
+    command->has_data = true;
+    return hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
+  }
+  if (data != nullptr || command->has_data != (result == MODEM_API_RESP_END)) {
+    problem("an asynchronous exchange ended with " + std::to_string(result) + " out of order");
+  }
+  --pending_commands;
+  delete command;
+}
+
+// --- items ---
+
+class OwnedItem {
+ public:
+  explicit OwnedItem(uint32_t number) : number_(number) {}
+
+  modem_api_result write(Random& random) {
+    last_serial_ += random.between(1, 1000);
+    const std::vector<uint8_t> content = content_of(last_serial_);
+    return note(
+        call(modem_api_write_nv, modem_api_write_efs_path, content.data(), static_cast<uint32_t>(content.size())),
+        last_serial_);
+  }
+
+  modem_api_result remove() { return note(call(modem_api_delete_nv, modem_api_delete_efs_path), kAbsent); }
+
+  // Content that is not this item's, whole, is a problem for anyone who reads it.
+  modem_api_result read(bool is_owner) {
+    std::vector<uint8_t> bytes(MODEM_API_MAX_ITEM_BYTES);
+    uint32_t length = MODEM_API_MAX_ITEM_BYTES;
+    const modem_api_result result = call(modem_api_read_nv, modem_api_read_efs_path, bytes.data(), &length);
+    if (result != MODEM_API_SUCCESS) return result;
+    bytes.resize(std::min<size_t>(length, bytes.size()));
+    uint32_t serial = 0;
+    std::memcpy(&serial, bytes.data(), std::min(sizeof(serial), bytes.size()));
+    if (bytes != content_of(serial)) {
+      problem(text() + " holds " + std::to_string(length) + " bytes that are not its own");
+    } else if (is_owner) {
+      expect(serial);
+    }
+    return result;
+  }
+
+  // With a modem that works: the item is one of its candidates.
+  void verify() {
+    const modem_api_result result = noted("verify item", [&] { return read(true); });
+    if (result == MODEM_API_ERR_GENERIC) return expect(kAbsent);
+    if (result != MODEM_API_SUCCESS) problem(text() + " cannot be read: " + std::to_string(result));
+  }
+
+ private:
+  static constexpr uint32_t kAbsent = 0;
+
+  std::string text() const { return "item " + std::to_string(number_); }
+
+  // An operation on the item, which is an NV item or a file.
+  modem_api_result call(auto nv, auto path, auto... data) const {
+    if (number_ % 2 == 0) return nv(vs(), number_, number_ % 3, number_ % 7, data...);
+    const std::string name = "/chaos/" + std::to_string(number_ / 100) + '/' + std::to_string(number_);
+    return path(vs(), name.c_str(), number_ % 3, 0, data...);
+  }
+
+  // The serial, then bytes that follow from it and the number.
+  std::vector<uint8_t> content_of(uint32_t serial) const {
+    Random filler(serial, number_);
+    std::vector<uint8_t> bytes(filler.between(sizeof(serial), MODEM_API_MAX_ITEM_BYTES));
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(filler()); });
+    std::memcpy(bytes.data(), &serial, sizeof(serial));
+    return bytes;
+  }
+
+  modem_api_result note(modem_api_result result, uint32_t outcome) {
+    if (result == MODEM_API_ERR_INVALID_CLIENT) return result;  // nothing was sent
+    if (result == MODEM_API_SUCCESS) candidates_.clear();
+    candidates_.insert(outcome);
+    return result;
+  }
+
+  void expect(uint32_t found) {
+    if (!candidates_.contains(found)) problem(text() + " is none of its candidates, but " + std::to_string(found));
+    candidates_ = {found};
+  }
+
+  const uint32_t number_;
+  uint32_t last_serial_ = 0;
+  std::set<uint32_t> candidates_ = {kAbsent};
+};
+
+// --- operations ---
+
+struct Worker {
+  Random random;
+  std::vector<OwnedItem> items;
+  uint32_t stats_client_id = 0;
+
+  OwnedItem& item() { return items[random() % items.size()]; }
+  uint16_t bit() { return static_cast<uint16_t>(random.between(0, 1)); }  // a subscription or a flag
+  int32_t event() { return static_cast<int32_t>(random.between(MODEM_API_EVENT_VS_STATUS, MODEM_API_EVENT_COUNT)); }
+  std::vector<uint8_t> payload() {
+    std::vector<uint8_t> bytes(random.between(0, MODEM_API_MAX_PASS_THROUGH_BYTES));
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    return bytes;
+  }
+};
+
+modem_api_result read_item_of_others(Worker& worker) {
+  const uint32_t owner = worker.random.between(1, kProcesses * kWorkers);
+  return OwnedItem(owner * kMostNumbersOfAnOwner + worker.random.between(0, kItemsOfAnOwner - 1)).read(false);
+}
+
+modem_api_result send_command(Worker& worker) {
+  const auto payload = worker.payload();
+  return modem_api_common_command(vs(), payload.data(), static_cast<int32_t>(payload.size()));
+}
+
+modem_api_result send_async(Worker& worker) {
+  auto* const command = new AsyncCommand{worker.payload()};
+  const auto length = static_cast<int32_t>(command->payload.size());
+  ++pending_commands;
+  const auto result = modem_api_common_command_async(vs(), command->payload.data(), length, command, take_response);
+  if (result == MODEM_API_SUCCESS) return result;
+  if (result != MODEM_API_ERR_INVALID_CLIENT) abandoned_blocks += 2;  // the client is checked before they are taken
+  --pending_commands;
+  delete command;
+  return result;
+}
+
+modem_api_result get_drx(Worker&) {
+  uint8_t valid = 0;
+  uint32_t drx = 0;
+  const auto result = modem_api_get_drx(ids[MODEM_API_CLIENT_NAS_0], &valid, &drx);
+  if (valid != 0 && drx != 7) problem("the first subscription has a DRX of " + std::to_string(drx));
+  return result;
+}
+
+modem_api_result register_statistics(Worker& worker) {
+  modem_api_stats_registration records[MODEM_API_STATS_REGISTRATIONS]{};
+  for (auto& record : records) record.id = worker.random.element(kStatistics).id;
+  const uint32_t count = worker.random.between(1, MODEM_API_STATS_REGISTRATIONS);
+  return modem_api_register_modem_stats_data(vs(), worker.stats_client_id, 1, worker.bit(), 0, 0, records, count);
+}
+
+modem_api_result get_statistics(Worker& worker) {
+  const uint16_t sub = worker.bit();
+  stats_para_data data{};
+  data.para_num = worker.random.between(1, MODEM_API_STATS_ENTRIES);
+  for (uint32_t i = 0; i < data.para_num; ++i) data.entries[i].id = worker.random.element(kStatistics).id;
+  const stats_para_data requested = data;
+  const auto result = modem_api_get_stats_parameter(vs(), sub, 1, &data);
+  if (result != MODEM_API_SUCCESS) return result;
+  if (data.para_num != requested.para_num) problem("statistics of another number");
+  for (uint32_t i = 0; i < requested.para_num; ++i) {
+    const stats_para_entry& entry = data.entries[i];
+    const bool is_own = entry.id == requested.entries[i].id && entry.sub == sub;
+    if (is_own && (entry.value_len == 0 || is_stamped_right(entry.value[0], sub, entry.id))) continue;
+    problem("read statistic " + std::to_string(entry.id) + " for " + std::to_string(requested.entries[i].id));
+  }
+  return result;
+}
+
+struct Operation {
+  uint32_t weight;
+  const char* name;
+  modem_api_result (*run)(Worker& worker);
+};
+
+constexpr Operation kOperations[] = {
+    {1000, "write item", [](Worker& worker) { return worker.item().write(worker.random); }},
+    {1000, "read item", [](Worker& worker) { return worker.item().read(true); }},
+    {400, "delete item", [](Worker& worker) { return worker.item().remove(); }},
+    {600, "read item of others", read_item_of_others},
+    {50, "efs sync", [](Worker&) { return modem_api_efs_sync(vs(), 0, 1, 2); }},
+    {300, "command", send_command},
+    {500, "async command", send_async},
+    {100, "add event", [](Worker& worker) { return modem_api_add_modem_event(vs(), worker.event()); }},
+    {80, "remove event", [](Worker& worker) { return modem_api_remove_modem_event(vs(), worker.event()); }},
+    {100, "set event report", [](Worker&) { return modem_api_set_vs_event_report(vs()); }},
+    {200, "sar state", [](Worker&) { return modem_api_set_sar_rf_state(ids[MODEM_API_CLIENT_SAR], 3); }},
+    {200, "get drx", get_drx},
+    {100, "nr mode", [](Worker&) { return modem_api_set_nr_disable_mode(ids[MODEM_API_CLIENT_NAS_1], 1, 0); }},
+    {30, "notify shutdown", [](Worker&) { return modem_api_notify_shutdown(vs()); }},
+    {1, "reset modem", [](Worker&) { return modem_api_reset_modem(vs()); }},
+    {100, "switch reporting",
+     [](Worker& worker) {
+       const auto report = static_cast<uint8_t>(worker.bit());
+       return modem_api_set_modem_stats_report_status(vs(), report, &worker.stats_client_id);
+     }},
+    {100, "register statistics", register_statistics},
+    {300, "get statistics", get_statistics},
+};
+
+// --- clients ---
+
+modem_api_result probe(uint32_t type) {
+  return noted("probe", [&] { return kKinds[type].probe(ids[type]); });
+}
+
+// A command that fails for a reason of its own shows that the connection is there.
+bool is_lost(uint32_t type) {
+  if (type != MODEM_API_CLIENT_VS) return ids[type] < 0 || last_status[type] == OPERATIONAL_STATUS_RECONNECT_FAILED;
+  for (int i = 0; i < kProbesOfALostClient; ++i) {
+    const modem_api_result result = probe(type);
+    if (result != MODEM_API_ERR_GENERIC && result != MODEM_API_ERR_INVALID_CLIENT) return false;
+  }
+  return true;
+}
+
+void open_client(uint32_t type) {
+  int32_t id = -1;
+  last_status[type] = OPERATIONAL_STATUS_IDLE;
+  noted(
+      "init client", [&] { return modem_api_init_client(type, take_event, nullptr, &id); }, kOpenLimit);
+  if (id < 0) return kKinds[type].prepare();  // for the next attempt
+  ids[type] = id;
+  kKinds[type].set_status_callback(take_status);
+}
+
+class Clients {
+ public:
+  Clients(uint64_t seed, uint32_t process) {
+    for (uint32_t owner = process * kWorkers + 1; owner <= (process + 1) * kWorkers; ++owner) {
+      workers_.push_back({Random(seed, owner), {}});
+      for (uint32_t i = 0; i < kItemsOfAnOwner; ++i)
+        workers_.back().items.emplace_back(owner * kMostNumbersOfAnOwner + i);
+    }
+  }
+
+  void open() {
+    if (modem_api_init() != MODEM_API_SUCCESS) problem("the library refuses this process");
+    for (uint32_t type = 0; type < MODEM_API_CLIENT_TYPES; ++type) open_client(type);
+  }
+
+  void tend() {
+    for (uint32_t type = 0; type < MODEM_API_CLIENT_TYPES; ++type) {
+      if (!is_lost(type)) continue;
+      const std::unique_lock nobody_sends(sending_);
+      if (type == MODEM_API_CLIENT_VS && pending_commands != 0) continue;
+      if (ids[type] >= 0) modem_api_free_client(ids[type].exchange(-1));
+      kKinds[type].prepare();
+      open_client(type);
+    }
+  }
+
+  void run_operation(uint32_t number) {
+    Worker& worker = workers_[number];
+    const Operation& operation = worker.random.row(kOperations);
+    std::shared_lock sending(sending_, std::defer_lock);
+    if (operation.run == send_async) sending.lock();
+    noted(operation.name, [&] { return operation.run(worker); });
+  }
+
+  bool works() {
+    const auto is_up = [](uint32_t type) { return probe(type) == MODEM_API_SUCCESS; };
+    if (!is_up(0) || !is_up(1) || !is_up(2) || !is_up(3) || pending_commands != 0) {
+      tend();
+      return false;
+    }
+    for (const int32_t event : {3, 4, 5}) modem_api_add_modem_event(vs(), event);
+    modem_api_set_vs_event_report(vs());
+    const std::lock_guard guard(event_lock);
+    event_numbers.clear();
+    return true;
+  }
+
+  void verify(uint32_t first_event, uint32_t last_event) {
+    for (const uint32_t event : {2, 3, 4, 5}) {
+      std::vector<uint32_t> expected;
+      for (uint32_t i = first_event; i <= last_event; ++i) expected.push_back(event == 5 ? i & 0xFF : i);
+      expect_soon("other events came than the modem sent", [&] {
+        const std::lock_guard guard(event_lock);
+        return event_numbers[event] == expected;
+      });
+    }
+    for (Worker& worker : workers_) {
+      for (OwnedItem& item : worker.items) item.verify();
+    }
+  }
+
+  void close() {
+    for (auto& id : ids) modem_api_free_client(id.exchange(-1));
+    modem_api_release();
+  }
+
+ private:
+  std::shared_mutex sending_;  // shared by asynchronous senders; exclusive: nobody sends
+  std::vector<Worker> workers_;
+};
+
+// Runs the workers until there is a line to read.
+void run_storm(Clients& clients) {
   std::atomic<bool> is_storm{true};
   std::atomic<uint32_t> working{kWorkers};
   std::vector<std::thread> workers;
   for (uint32_t i = 0; i < kWorkers; ++i) {
     workers.emplace_back([&, i] {
-      for (; is_storm; std::this_thread::sleep_for(kPause)) party.run_operation(i);
+      for (; is_storm; std::this_thread::sleep_for(kPause)) clients.run_operation(i);
       --working;
     });
   }
   pollfd input{STDIN_FILENO, POLLIN, 0};
-  while (poll(&input, 1, kTendIntervalMs) == 0) party.tend();
+  while (poll(&input, 1, kTendIntervalMs) == 0) clients.tend();
   is_storm = false;
-  for (; working != 0; std::this_thread::sleep_for(kPause)) party.tend();
+  for (; working != 0; std::this_thread::sleep_for(kPause)) clients.tend();
   for (std::thread& worker : workers) worker.join();
 }
 
@@ -80,130 +490,12 @@ void expect_flat_memory() {
     problem(std::to_string(kb) + " kB, before " + std::to_string(warm_kb));
 }
 
-template <auto Get, typename Record>
-uint8_t read_record(uint32_t sub, uint8_t& version) {
-  Record record{};
-  const uint8_t came = Get(sub, &record);
-  version = static_cast<uint8_t>(record.version);
-  return came;
-}
-
-struct Decoder {
-  uint32_t id;
-  // Reads a record; returns what the decoder returns, and the record's version.
-  uint8_t (*read)(uint32_t sub, uint8_t& version);
-};
-constexpr Decoder kDecoders[] = {
-    {0x52, read_record<modem_hydra_lte_srv_meas_info_get_for_pcc, modem_hydra_lte_srv_meas_info>},
-    {0x87, read_record<modem_hydra_nr5g_srv_meas_info_get_for_pcc, modem_hydra_nr5g_srv_meas_info>},
-    {0x64, read_record<modem_hydra_mcs_trm_asdiv_get, modem_hydra_mcs_trm_asdiv>},
-};
-
-// Decoders on all threads, hydra's commands on one. A hydra whose service went away reads nothing any more until it is
-// opened again. While it is opened, nobody reads.
-class HydraParty final : public Party {
- public:
-  HydraParty(uint64_t seed, uint32_t process) {
-    for (uint32_t i = 0; i < kWorkers; ++i) random_.emplace_back(seed, process * kWorkers + i);
-  }
-
-  void open() override {
-    const std::unique_lock nobody_reads(reading_);
-    read("hydra open", modem_hydra_api_init, kWorkers * kCallLimit);
-    failures_ = 0;
-  }
-
-  void tend() override {
-    if (failures_ >= kFailuresOfALostHydra) open();
-  }
-
-  void run_operation(uint32_t worker) override {
-    const std::shared_lock reading(reading_);
-    Random& random = random_[worker];
-    if (worker == 0 && random.between(1, 8) == 1) return switch_reporting(random);  // only one thread may do so
-    const Decoder& decoder = random.element(kDecoders);
-    const uint32_t sub = random.between(0, 1);
-    uint8_t version = 0;
-    const bool came = read("decode", [&] { return decoder.read(sub, version); });
-    failures_ = came ? 0 : failures_ + 1;
-    if (came && !is_stamped_right(version, sub, decoder.id)) {
-      problem("decoder " + std::to_string(decoder.id) + " read version " + std::to_string(version));
-    }
-  }
-
-  bool works() override {
-    uint8_t version = 0;
-    if (kDecoders[0].read(0, version) != 0) return true;
-    open();
-    return false;
-  }
-
-  void verify(uint32_t, uint32_t) override {
-    for (uint32_t at = 0; at < 2 * std::size(kDecoders); ++at) {
-      const Decoder& decoder = kDecoders[at / 2];
-      uint8_t version = 0;
-      decoder.read(at % 2, version);
-      if (version == stamp_of(at % 2, decoder.id)) continue;
-      problem("decoder " + std::to_string(decoder.id) + " ends with version " + std::to_string(version));
-    }
-  }
-
-  void close() override {
-    modem_hydra_stats_id_free();
-    modem_hydra_api_deinit();
-  }
-
- private:
-  // Readings take turns, and the one at work may be opening hydra.
-  static bool read(const char* name, const std::function<uint8_t()>& call,
-                   Clock::duration limit = kWorkers * kCallLimit) {
-    const auto as_result = [&] { return call() != 0 ? MODEM_API_SUCCESS : MODEM_API_ERR_GENERIC; };
-    return noted(name, as_result, limit) == MODEM_API_SUCCESS;
-  }
-
-  static void switch_reporting(Random& random) {
-    modem_api_stats_registration record{};
-    record.id = random.element(kStatistics).id;
-    if (random.between(0, 1) == 1) modem_hydra_stats_id_free();
-    modem_hydra_stats_id_alloc();
-    noted("register", [&] { return modem_hydra_register_modem_stats_data(0, 0, 0, 0, &record, 1); });
-  }
-
-  std::shared_mutex reading_;
-  std::atomic<int> failures_{0};  // readings in a row
-  std::vector<Random> random_;    // of each worker
-};
-
 }  // namespace
-
-void problem(const std::string& text) {
-  static std::atomic<int> left{kMostProblems};
-  if (left-- > 0) say("problem: " + text);
-}
-
-modem_api_result noted(const char* name, const std::function<modem_api_result()>& call, Clock::duration limit) {
-  const auto start = Clock::now();
-  const modem_api_result result = call();
-  const std::chrono::duration<double> took = Clock::now() - start;
-  ++calls;
-  if (result == MODEM_API_SUCCESS) ++successes;
-  const bool is_listed = result >= MODEM_API_SUCCESS && result <= MODEM_API_ERR_ALREADY_INITIALIZED;
-  if (!is_listed || result == MODEM_API_RESP_END) problem(std::string(name) + " returned " + std::to_string(result));
-  if (took > limit) problem(std::string(name) + " took " + std::to_string(took.count()) + " s");
-  return result;
-}
-
-void expect_soon(const char* what, const std::function<bool()>& condition) {
-  for (const auto limit = Clock::now() + kPatience; !condition(); std::this_thread::sleep_for(20 * kPause)) {
-    if (Clock::now() > limit) return problem(what);
-  }
-}
 
 int run_client(char** arguments) {
   const uint64_t seed = std::strtoull(arguments[0], nullptr, 10);
   const auto process = static_cast<uint32_t>(std::atoi(arguments[1]));
-  const auto party =
-      process < kClientsProcesses ? make_clients_party(seed, process) : std::make_unique<HydraParty>(seed, process);
+  Clients clients(seed, process);
   std::thread([] {}).join();  // with the first thread the thread sanitizer starts one of its own
   const int64_t threads = count_entries("/proc/self/task");
   const int64_t open_files = count_entries("/proc/self/fd");
@@ -213,14 +505,14 @@ int run_client(char** arguments) {
   uint32_t last_event = 0;
   for (std::string line; std::getline(std::cin, line);) {
     if (line == "storm") {
-      party->open();
-      run_storm(*party);
+      clients.open();
+      run_storm(clients);
     } else if (line == "pause") {
-      expect_soon("what was lost did not come back", [&] { return party->works(); });
+      expect_soon("what was lost did not come back", [&] { return clients.works(); });
       say("paused");
     } else if (std::sscanf(line.c_str(), "verify %u %u", &first_event, &last_event) == 2) {
-      party->verify(first_event, last_event);
-      party->close();
+      clients.verify(first_event, last_event);
+      clients.close();
       expect_soon("more threads than at first", [&] { return count_entries("/proc/self/task") == threads; });
       expect_soon("more open files than at first", [&] { return count_entries("/proc/self/fd") == open_files; });
       expect_soon("traced blocks are left", [&] { return count_traced_blocks() == abandoned_blocks; });

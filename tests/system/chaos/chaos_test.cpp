@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <list>
@@ -84,7 +85,7 @@ class ChaosTest : public testing::Test {
     setenv("PELMAR_QMI_SOCKET", directory_.path("qmux").c_str(), 1);
     serve();
     property_set("persist.hydra.mem_trace", "true");
-    for (const char* const name : {"qcrilNrd", "mtb", "modem_api_test", "mtb"}) {
+    for (const char* const name : {"qcrilNrd", "mtb", "modem_api_test"}) {
       const std::vector<std::string> role = {"chaos", std::to_string(seed_), std::to_string(clients_.size())};
       clients_.emplace_back(name, role);
     }
