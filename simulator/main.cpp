@@ -1,30 +1,36 @@
-// modem_sim: a simulated modem, and the operator's commands to one.
+// modem_sim: a process that is a simulated modem (serve), and the user's commands to one (ctl).
+#include <signal.h>
+#include <sys/signalfd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <functional>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
-#include "console/control_client.h"
+#include "console/commands.h"
 #include "environment.h"
-#include "io/numbers.h"
+#include "io/text.h"
 #include "manager_protocol.h"
 #include "printable_text.h"
-#include "serve.h"
+#include "simulation.h"
+
+namespace pelmar::sim {
 
 namespace {
 
-namespace platform = pelmar::platform;
-using pelmar::sim::Admission;
-using pelmar::sim::ControlClientOptions;
-using pelmar::sim::SimulationOptions;
-
 constexpr const char* kControlVariable = "PELMAR_SIM_CONTROL";
+constexpr const char* kNumber = "NUMBER";
+constexpr const char* kMilliseconds = "MILLISECONDS";
 constexpr uint64_t kHourMs = 3'600'000;
 
 // The command line lacks something.
@@ -33,8 +39,82 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-int report(const std::exception& error, pelmar::sim::ExitStatus status) {
-  fprintf(stderr, "modem_sim: %s\n", pelmar::printable_text(error.what()).c_str());
+// Memory that is set aside for the time when the system gives no more. One in a process, of one thread.
+//
+// The first allocation that fails frees the reserve and is tried again, so that what has begun can end: dropping a
+// connection for lack of memory needs some memory. An allocation as large as a connection's input does not fit into the
+// reserve and throws.
+class MemoryReserve {
+ public:
+  MemoryReserve() {
+    restore();
+    std::set_new_handler(release);
+  }
+  ~MemoryReserve() {
+    std::set_new_handler(nullptr);
+    free(memory_);
+  }
+  MemoryReserve(const MemoryReserve&) = delete;
+  MemoryReserve& operator=(const MemoryReserve&) = delete;
+
+  // Called between events. Returns whether the reserve is there, again where it has been used.
+  bool restore() {
+    if (memory_ == nullptr) memory_ = malloc(kBytes);
+    return memory_ != nullptr;
+  }
+
+ private:
+  // Less than a connection's input buffer has, so that the end of one connection restores it.
+  static constexpr size_t kBytes = size_t{60} << 10;
+
+  static void release() {
+    if (memory_ == nullptr) throw std::bad_alloc();
+    free(memory_);
+    memory_ = nullptr;
+  }
+
+  static inline void* memory_ = nullptr;
+};
+
+// Ends the loop on SIGINT and SIGTERM.
+class EndSignals final : public EventLoop::Watcher {
+ public:
+  explicit EndSignals(EventLoop& loop) : loop_(loop) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    fd_.reset(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd_) throw std::system_error(errno, std::generic_category(), "signalfd");
+    loop_.watch(fd_.get(), EPOLLIN, *this);
+  }
+
+  void on_ready(uint32_t) override { loop_.stop(); }
+
+ private:
+  EventLoop& loop_;
+  UniqueFd fd_;
+};
+
+// Serves until a signal, a command or idleness ends it; then the socket files are removed.
+void serve(const SimulationOptions& options) {
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);  // a write beyond the process's limit fails instead; the response has the error
+  Simulation simulation(options);
+  MemoryReserve reserve;
+  simulation.loop.after_each_round([&](bool lacked_memory) {
+    const bool is_restored = reserve.restore();
+    return (lacked_memory || !is_restored) && simulation.drop_connection();
+  });
+  const EndSignals signals(simulation.loop);
+  printf("modem_sim: ready on %s\n", options.socket.c_str());
+  fflush(stdout);
+  simulation.run();
+}
+
+int report(const std::exception& error, ExitStatus status) {
+  fprintf(stderr, "modem_sim: %s\n", printable_text(error.what()).c_str());
   return status;
 }
 
@@ -42,25 +122,31 @@ std::string control_socket_in(const std::string& storage) {
   return storage + "/control";
 }
 
+void assign(uint64_t& value, uint64_t number) {
+  value = number;
+}
+template <typename Rep, typename Period>
+void assign(std::chrono::duration<Rep, Period>& value, uint64_t number) {
+  value = std::chrono::duration<Rep, Period>(number);
+}
+template <typename Value>
+void assign(std::optional<Value>& value, uint64_t number) {
+  assign(value.emplace(), number);
+}
+
 // An option whose value is a number, decimal or 0x..., within these bounds.
-CLI::Option* add_number(CLI::App& app, const std::string& name, const std::string& help, uint64_t least, uint64_t most,
-                        std::function<void(uint64_t)> take) {
-  const auto parse = [=, take = std::move(take)](const std::string& text) {
-    const auto number = pelmar::sim::parse_number(text);
+template <typename Value>
+void add_number(CLI::App& app, const std::string& name, const char* unit, const std::string& help, uint64_t least,
+                uint64_t most, Value& value) {
+  const auto parse = [=, &value](const std::string& text) {
+    const auto number = parse_number(text);
     if (!number || *number < least || *number > most) {
       throw CLI::ValidationError(
           name, "'" + text + "' is no number from " + std::to_string(least) + " to " + std::to_string(most));
     }
-    take(*number);
+    assign(value, *number);
   };
-  return app.add_option_function<std::string>(name, parse, help)->type_name("NUMBER");
-}
-
-void add_milliseconds(CLI::App& app, const std::string& name, const std::string& help, uint64_t least, uint64_t most,
-                      std::function<void(std::chrono::milliseconds)> take) {
-  add_number(app, name, help, least, most, [take = std::move(take)](uint64_t ms) {
-    take(std::chrono::milliseconds(ms));
-  })->type_name("MILLISECONDS");
+  app.add_option_function<std::string>(name, parse, help)->type_name(unit);
 }
 
 void add_peripheral_manager(CLI::App& serve, SimulationOptions& options) {
@@ -73,75 +159,79 @@ void add_peripheral_manager(CLI::App& serve, SimulationOptions& options) {
   serve.add_option("--pm-device", options.pm_device, "the modem's name at the peripheral manager")
       ->check([](const std::string& name) { return platform::power::is_good_name(name) ? "" : "is no name"; })
       ->capture_default_str();
-  add_milliseconds(serve, "--pm-ack-ms", "what a voter has for acknowledging a step of the power (default: 2000)", 1,
-                   kHourMs, [&](auto ms) { options.pm_acknowledge_limit = ms; });
+  add_number(serve, "--pm-ack-ms", kMilliseconds,
+             "what a voter has for acknowledging a step of the power (default: 2000)", 1, kHourMs,
+             options.pm_acknowledge_limit);
 }
 
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
-      ->default_val(pelmar::kDefaultModemSocket);
+      ->default_val(kDefaultModemSocket);
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();
   serve->add_flag_callback(
       "--any-user", [&] { options.admission = Admission::kEveryUser; },
       "admit clients and voters of every user on abstract sockets (default: of this user and root)");
-  serve->add_option("--control", options.control, "the operator's socket (default: control in the storage directory)");
-  add_number(*serve, "--max-entries", "stored items and files at most; then storage is full (default: 4096)", 0,
-             SIZE_MAX, [&](uint64_t entries) { options.max_entries = entries; });
-  add_milliseconds(*serve, "--starting-ms", "not ready for that long after the start", 0, kHourMs,
-                   [&](auto ms) { options.starting_time = ms; });
-  add_milliseconds(*serve, "--reset-ms", "not ready for that long after a reset by a client, or a crash (default: 200)",
-                   0, kHourMs, [&](auto ms) { options.reset_time = ms; });
+  serve->add_option("--control", options.control, "the control socket (default: control in the storage directory)");
+  add_number(*serve, "--max-entries", kNumber, "stored items and files at most; then storage is full (default: 4096)",
+             0, SIZE_MAX, options.max_entries);
+  add_number(*serve, "--starting-ms", kMilliseconds, "not ready for that long after the start", 0, kHourMs,
+             options.starting_time);
+  add_number(*serve, "--reset-ms", kMilliseconds,
+             "not ready for that long after a reset by a client, or a crash (default: 200)", 0, kHourMs,
+             options.reset_time);
   add_peripheral_manager(*serve, options);
-  add_number(*serve, "--exit-when-idle", "end when no client was connected for that many seconds", 1, 1'000'000,
-             [&](uint64_t seconds) { options.exit_when_idle = std::chrono::seconds(seconds); });
-  add_number(*serve, "--seed", "which fading and which hands on the antennas the radio picture has (default: 1)", 0,
-             UINT64_MAX, [&](uint64_t seed) { options.seed = seed; });
-  add_milliseconds(*serve, "--report-ms", "between two reports of registered statistics (default: 1000)", 10, kHourMs,
-                   [&](auto ms) { options.report_period = ms; });
+  add_number(*serve, "--exit-when-idle", kNumber, "end when no client was connected for that many seconds", 1,
+             1'000'000, options.exit_when_idle);
+  add_number(*serve, "--seed", kNumber,
+             "which fading and which hands on the antennas the radio picture has (default: 1)", 0, UINT64_MAX,
+             options.seed);
+  add_number(*serve, "--report-ms", kMilliseconds, "between two reports of registered statistics (default: 1000)", 10,
+             kHourMs, options.report_period);
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
-  add_milliseconds(*serve, "--clock-ms", "hold the modem's clock at that time; the operator moves it", 0, 1'000'000'000,
-                   [&](auto ms) { options.held_clock = ms; });
+  add_number(*serve, "--clock-ms", kMilliseconds, "hold the modem's clock at that time; 'ctl clock' moves it", 0,
+             1'000'000'000, options.held_clock);
   return serve;
 }
 
 struct CtlOptions {
-  ControlClientOptions client;
+  std::string control;
   std::string storage;
+  bool as_json = false;
 };
 
 CLI::App* add_ctl(CLI::App& app, CtlOptions& options) {
   CLI::App* const ctl = app.add_subcommand("ctl", "send a command to a running modem");
   auto* const socket =
-      ctl->add_option("--control", options.client.socket,
-                      std::string("the operator's socket (default: that of --storage, else ") + kControlVariable + ")");
-  ctl->add_option("--storage", options.storage, "the modem's storage directory, which has the operator's socket in it")
+      ctl->add_option("--control", options.control,
+                      std::string("the control socket (default: that of --storage, else ") + kControlVariable + ")");
+  ctl->add_option("--storage", options.storage, "the modem's storage directory, which has the control socket in it")
       ->excludes(socket);
-  ctl->add_flag("--json", options.client.json, "print the response as JSON");
+  ctl->add_flag("--json", options.as_json, "print the response as JSON");
   ctl->prefix_command();
-  ctl->footer(pelmar::sim::describe_commands());
+  ctl->footer(describe_commands());
   return ctl;
 }
 
 // What was named on the command line comes before the environment.
 std::string control_socket(const CtlOptions& options) {
-  if (!options.client.socket.empty()) return options.client.socket;
+  if (!options.control.empty()) return options.control;
   if (!options.storage.empty()) return control_socket_in(options.storage);
-  return pelmar::environment(kControlVariable);
+  return environment(kControlVariable);
 }
 
 int run_ctl(const CLI::App& ctl, const CtlOptions& options) {
-  ControlClientOptions client = options.client;
-  client.socket = control_socket(options);
-  if (client.socket.empty()) {
+  const std::string socket = control_socket(options);
+  if (socket.empty()) {
     throw UsageError(std::string("no control socket named: give --control, --storage or set ") + kControlVariable);
   }
   std::vector<std::string> words = ctl.remaining();
   if (words.size() == 2 && words[0] == "scenario" && words[1] != "stop") words[1] = std::filesystem::absolute(words[1]);
-  for (const std::string& word : words) client.command.append(client.command.empty() ? "" : " ").append(word);
-  if (client.command.empty()) throw UsageError("no command given: 'modem_sim ctl --help' lists them");
-  return pelmar::sim::send_control_command(client);
+  std::string command;
+  for (const std::string& word : words) command.append(command.empty() ? "" : " ").append(word);
+  if (command.empty()) throw UsageError("no command given: 'modem_sim ctl --help' lists them");
+  return send_control_command(socket, command, options.as_json);
 }
 
 int run(int argc, char** argv) {
@@ -149,31 +239,37 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   SimulationOptions serve_options;
   CtlOptions ctl_options;
-  CLI::App* const serve = add_serve(app, serve_options);
+  CLI::App* const serve_command = add_serve(app, serve_options);
   CLI::App* const ctl = add_ctl(app, ctl_options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? pelmar::sim::kExitSuccess : pelmar::sim::kExitUsage;
+    return app.exit(error) == 0 ? kExitSuccess : kExitUsage;
   }
 
   if (*ctl) return run_ctl(*ctl, ctl_options);
   if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
-  if (serve->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {
+  if (serve_command->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {
     serve_options.pm_socket = platform::power::default_manager_socket(serve_options.socket);
   }
-  if (*serve) pelmar::sim::serve(serve_options);
+  if (*serve_command) serve(serve_options);
   return 0;
+}
+
+int run_and_report(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const UsageError& error) {
+    return report(error, kExitUsage);
+  } catch (const std::exception& error) {
+    return report(error, kExitFailure);
+  }
 }
 
 }  // namespace
 
+}  // namespace pelmar::sim
+
 int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const UsageError& error) {
-    return report(error, pelmar::sim::kExitUsage);
-  } catch (const std::exception& error) {
-    return report(error, pelmar::sim::kExitFailure);
-  }
+  return pelmar::sim::run_and_report(argc, argv);
 }

@@ -1,37 +1,26 @@
 #include "simulation.h"
 
-#include <memory>
-
-#include "power/crash_dump.h"
+#include "console/commands.h"
 
 namespace pelmar::sim {
-
-template <typename S, typename... Arguments>
-S* Simulation::add_service(Arguments&&... arguments) {
-  auto service = std::make_unique<S>(std::forward<Arguments>(arguments)...);
-  S* const added = service.get();
-  modem.add(std::move(service));
-  return added;
-}
 
 Simulation::Simulation(const SimulationOptions& options)
     : storage(options.storage, options.max_entries),
       clock(options.held_clock),
       pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
       statistics(clock, pictures),
-      modem(loop),
-      power(modem, {options.starting_time, options.reset_time},
-            [this, directory = options.storage] { return write_crash_dump(directory, *this); }),
-      exchange(loop, modem, faults),
+      nas(clock, pictures),
+      vs(
+          storage, [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); }, reporters,
+          statistics),
+      modem(loop, {&nas, &sar, &vs}),
+      power(modem, {options.starting_time, options.reset_time}, options.storage, [this] { return status_text(*this); }),
+      exchange(loop, modem),
       connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle,
                   [this] { loop.stop(); }),
-      stream(loop, modem),
-      reports(loop, modem, clock, reporters, statistics, options.report_period),
+      stream(loop, modem, vs),
+      reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
       console(loop, output, options.control, *this) {
-  auto reset = [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); };
-  nas = add_service<NasService>(clock, pictures);
-  sar = add_service<SarService>();
-  vs = add_service<VsService>(storage, reset, reporters, statistics);
   modem.attach(connections);
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {

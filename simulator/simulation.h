@@ -1,4 +1,4 @@
-// All parts of a running simulated modem, put together.
+// All parts of a running simulated modem.
 #pragma once
 
 #include <chrono>
@@ -9,19 +9,16 @@
 #include "console/console.h"
 #include "io/event_loop.h"
 #include "io/local_socket.h"
-#include "modem_clock.h"
 #include "power/modem_power.h"
 #include "power/peripheral_manager.h"
 #include "qmi/connection.h"
 #include "qmi/exchange.h"
-#include "qmi/faults.h"
 #include "qmi/modem.h"
 #include "radio/radio_picture.h"
 #include "services/event_stream.h"
-#include "services/nas_service.h"
-#include "services/sar_service.h"
+#include "services/radio_services.h"
 #include "services/vs_service.h"
-#include "statistics/statistic_reports.h"
+#include "statistics/reports.h"
 #include "statistics/statistics.h"
 #include "storage/storage.h"
 
@@ -31,7 +28,8 @@ struct SimulationOptions {
   std::string socket;
   std::string storage;
   std::string control;
-  Admission admission = Admission::kThisUserAndRoot;  // of clients and voters; the operator is always one of these
+  Admission admission =
+      Admission::kThisUserAndRoot;  // of clients and voters; the control socket is never for every user
   size_t max_entries = Storage::kDefaultMaxEntries;
   std::chrono::milliseconds starting_time{0};  // not ready for that long after the start
   std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client, or a crash
@@ -46,7 +44,7 @@ struct SimulationOptions {
 };
 
 struct Simulation {
-  // Throws std::runtime_error where a socket, the storage or the scenario cannot be had.
+  // Throws std::runtime_error where a socket, the storage or the scenario cannot be opened.
   explicit Simulation(const SimulationOptions& options);
 
   // Returns after loop.stop().
@@ -56,14 +54,16 @@ struct Simulation {
   // False where there is none.
   bool drop_connection();
 
-  WaitingOutput output;  // before the loop, whose posted tasks hold connections
+  WaitingOutput output;  // destroyed after the loop, whose posted tasks hold connections
   EventLoop loop;
   Storage storage;
-  Faults faults;
   ModemClock clock;
   RadioPictures pictures;
   Reporters reporters;
   Statistics statistics;
+  NasService nas;
+  SarService sar;
+  VsService vs;
   Modem modem;
   ModemPower power;
   std::optional<PeripheralManager> manager;
@@ -72,15 +72,6 @@ struct Simulation {
   EventStream stream;
   StatisticReports reports;
   Console console;
-
-  // These live in the modem.
-  VsService* vs;
-  SarService* sar;
-  NasService* nas;
-
- private:
-  template <typename S, typename... Arguments>
-  S* add_service(Arguments&&... arguments);
 };
 
 }  // namespace pelmar::sim

@@ -1,15 +1,68 @@
 #include "console/console.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string_view>
+
+#include "console/commands.h"
+#include "io/text.h"
+#include "printable_text.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim {
 
 namespace {
 
-constexpr Stream::Bounds kBounds{size_t{64} << 10, size_t{4} << 20};
+constexpr size_t kMaxResponseBytes = size_t{4} << 20;
+constexpr Stream::Bounds kBounds{size_t{64} << 10, kMaxResponseBytes};
 
-// ASCII alone, with everything else escaped: a response may quote control characters, of which a line end would end it
-// and others act on a terminal. Bytes that are no text are replaced.
+// For the command and its whole response: far beyond what any takes.
+constexpr std::chrono::seconds kPatience{30};
+
+// --- the modem's end ---
+
+// The command whose name the line begins with; its words are taken.
+const Command* take_command(Arguments& arguments) {
+  for (const CommandGroup& group : command_groups()) {
+    for (const Command& command : group.commands) {
+      if (arguments.accept_words(command.name)) return &command;
+    }
+  }
+  return nullptr;
+}
+
+// The response to an unknown or wrong command has "usage" true.
+Json run_command(Simulation& simulation, std::string_view line) {
+  const auto wrong_usage = [](const std::string& error) -> Json {
+    return {{"ok", false}, {"error", error}, {"usage", true}};
+  };
+  Arguments arguments(line);
+  if (arguments.is_empty()) return wrong_usage("empty command: 'help' lists the commands");
+  const Command* const command = take_command(arguments);
+  if (command == nullptr) {
+    return wrong_usage("unknown command '" + std::string(line) + "': 'help' lists the commands");
+  }
+  try {
+    Json response = {{"ok", true}};
+    response.update(command->run(simulation, arguments));
+    return response;
+  } catch (const CommandError& error) {
+    return wrong_usage(std::string(error.what()) + " (usage: " + usage_of(*command) + ")");
+  } catch (const std::exception& error) {
+    return {{"ok", false}, {"error", error.what()}};
+  }
+}
+
+// All but ASCII is escaped: a response may quote control characters, of which a line end would end it and others act on
+// a terminal. Bytes that are no text are replaced.
 std::string as_line(const Json& response) {
   return response.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';
 }
@@ -23,12 +76,12 @@ class Console::Session final : private Stream::Reader {
 
  private:
   size_t on_bytes(std::span<const uint8_t> bytes) override {
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const std::string_view text = text_of(bytes);
     size_t used = 0;
     for (size_t end = text.find('\n'); end != text.npos && stream_.is_open(); end = text.find('\n', used)) {
       const std::string response = as_line(run_command(console_.simulation_, text.substr(used, end - used)));
       used = end + 1;
-      stream_.send({reinterpret_cast<const uint8_t*>(response.data()), response.size()});
+      stream_.send(bytes_of(response));
     }
     return used;
   }
@@ -49,5 +102,120 @@ Console::Console(EventLoop& loop, WaitingOutput& output, const std::string& sock
         Session* const key = session.get();
         sessions_.emplace(key, std::move(session));
       }) {}
+
+// --- the user's end ---
+
+namespace {
+
+// One line to the modem and one back, before a deadline.
+class LineExchange {
+ public:
+  LineExchange(int fd, const std::string& socket) : fd_(fd), socket_(socket) {}
+
+  void send(std::string_view line) {
+    while (!line.empty()) {
+      wait_for(POLLOUT);
+      const ssize_t count = ::send(fd_, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (count < 0 && !is_temporary(errno)) fail("the modem ended before it took the command: start it again");
+      if (count > 0) line.remove_prefix(static_cast<size_t>(count));
+    }
+  }
+
+  std::string receive() {
+    std::string response;
+    while (!response.ends_with('\n')) {
+      wait_for(POLLIN);
+      char bytes[4096];
+      const ssize_t count = recv(fd_, bytes, sizeof bytes, MSG_DONTWAIT);
+      if (count < 0 && is_temporary(errno)) continue;
+      if (count <= 0) fail("the modem ended before it responded: start it again");
+      response.append(bytes, static_cast<size_t>(count));
+      if (response.size() > kMaxResponseBytes) {
+        throw std::runtime_error("what serves '" + socket_ + "' is no modem's control socket: name another one");
+      }
+    }
+    return response;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static bool is_temporary(int error) { return error == EAGAIN || error == EINTR; }
+
+  void wait_for(short event) const {
+    pollfd socket{fd_, event, 0};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    if (left > 0 && poll(&socket, 1, static_cast<int>(left)) != 0) return;
+    throw std::runtime_error("the modem at '" + socket_ + "' does not respond: continue or restart its process");
+  }
+
+  [[noreturn]] void fail(const std::string& otherwise) const {
+    const std::string refusal = describe_refusal(fd_, socket_);
+    throw std::runtime_error(refusal.empty() ? otherwise : "cannot connect to '" + socket_ + "': " + refusal);
+  }
+
+  const int fd_;
+  const std::string& socket_;
+  const Clock::time_point deadline_ = Clock::now() + kPatience;
+};
+
+// The modem is a peer: none of its bytes reach the terminal as control characters.
+std::string printable(const Json& value) {
+  if (value.is_string()) return printable_text(value.get_ref<const std::string&>());
+  return value.dump(-1, ' ', true);
+}
+
+void print(const Json& value, int depth);
+
+void print_field(const std::string& name, const Json& value, int depth) {
+  printf("%*s%s:", depth * 2, "", printable_text(name).c_str());
+  if (value.is_structured() && !value.empty()) {
+    printf("\n");
+    return print(value, depth + 1);
+  }
+  printf(" %s\n", value.empty() ? "none" : printable(value).c_str());
+}
+
+// Prints an object as lines "name: value", and each flat element of an array as a line.
+void print(const Json& value, int depth) {
+  if (value.is_object()) {
+    for (const auto& [name, field] : value.items()) print_field(name, field, depth);
+    return;
+  }
+  for (const Json& element : value) {
+    printf("%*s", depth * 2, "");
+    if (!element.is_object()) {
+      printf("%s\n", printable(element).c_str());
+      continue;
+    }
+    const char* separator = "- ";
+    for (const auto& [name, field] : element.items()) {
+      printf("%s%s %s", separator, printable_text(name).c_str(), printable(field).c_str());
+      separator = ", ";
+    }
+    printf("\n");
+  }
+}
+
+}  // namespace
+
+ExitStatus send_control_command(const std::string& socket, const std::string& command, bool as_json) {
+  const UniqueFd fd = connect_local(socket);
+  LineExchange exchange(fd.get(), socket);
+  exchange.send(command + '\n');
+  Json response = Json::parse(exchange.receive());
+  const bool ok = response.value("ok", false);
+  if (as_json) {
+    printf("%s\n", response.dump(-1, ' ', true).c_str());
+  } else if (!ok) {
+    fprintf(stderr, "modem_sim: %s\n", printable_text(response.value("error", "refused")).c_str());
+  } else {
+    response.erase("ok");
+    if (response.empty()) printf("done\n");
+    print(response, 0);
+  }
+  if (ok) return kExitSuccess;
+  return response.value("usage", false) ? kExitUsage : kExitFailure;
+}
 
 }  // namespace pelmar::sim

@@ -24,16 +24,12 @@ EventLoop::EventLoop()
 }
 
 void EventLoop::watch(int fd, uint32_t events, Watcher& watcher) {
-  epoll_event event{};
-  event.events = events;
-  event.data.ptr = &watcher;
+  epoll_event event{events, {&watcher}};
   if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) fail("epoll_ctl");
 }
 
 void EventLoop::change(int fd, uint32_t events, Watcher& watcher) {
-  epoll_event event{};
-  event.events = events;
-  event.data.ptr = &watcher;
+  epoll_event event{events, {&watcher}};
   epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
 }
 
@@ -46,7 +42,7 @@ void EventLoop::unwatch(int fd, Watcher& watcher) {
 
 EventLoop::TimerId EventLoop::after(Clock::duration delay, Task task) {
   TimerId id{Clock::now() + delay, ++last_timer_};
-  auto place = pending_timers_.emplace(id, std::move(task)).first;
+  const auto place = pending_timers_.emplace(id, std::move(task)).first;
   if (place == pending_timers_.begin()) arm_timer();
   return id;
 }
@@ -76,7 +72,7 @@ void EventLoop::run() {
   }
 }
 
-// One call that lacks memory must not end the process, which serves others.
+// A call that lacks memory must not end the process, which serves others.
 template <typename F>
 void EventLoop::attempt(const F& call) {
   try {
@@ -98,7 +94,7 @@ bool EventLoop::has_due_timer() const {
   return !pending_timers_.empty() && pending_timers_.begin()->first.first <= Clock::now();
 }
 
-// A timer that is due already needs no interrupt: run() looks before it waits.
+// A timer that is due already needs no wake-up: run() looks for one before it waits.
 void EventLoop::arm_timer() {
   if (pending_timers_.empty()) return;
   const std::chrono::nanoseconds wait = pending_timers_.begin()->first.first - Clock::now();

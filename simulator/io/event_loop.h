@@ -1,7 +1,7 @@
-// The one thread of the simulated modem: waits for descriptors and timers and calls what belongs to them.
+// The one thread of the simulated modem: waits for descriptors and timers and calls their watchers and tasks.
 //
-// Everything runs on the thread that calls run(); nothing here is locked. After unwatch() a watcher is not called
-// again, also not for an event of the batch under way, so it may be destroyed by a posted task.
+// Everything runs on the thread that calls run(), so nothing here is locked. After unwatch() a watcher is not called
+// again, also not for an event that epoll has returned already, so a posted task may destroy it.
 #pragma once
 
 #include <sys/epoll.h>
@@ -41,7 +41,7 @@ class EventLoop {
   // A timer that has run or was cancelled already is left alone.
   void cancel(const TimerId& timer);
 
-  // Runs the task once the events at hand are done with: the place to destroy a watcher.
+  // Runs the task after the events that epoll has returned, when a watcher can be destroyed.
   void post(Task task);
 
   // Runs at the end of each round of events, and again, once what it has posted has run, as long as it returns true.

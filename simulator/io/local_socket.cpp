@@ -106,7 +106,7 @@ void LocalListener::report_refusal(const ucred& peer) {
           name_.c_str(), static_cast<int>(peer.pid), peer.uid, static_cast<unsigned long long>(refused_));
 }
 
-// A connection that cannot be served, for lack of memory or because its process is gone, is closed; the others go on.
+// A connection that cannot be served, since memory is lacking or its process has ended, is closed; the others stay.
 void LocalListener::hand_over(UniqueFd peer) {
   try {
     accept_(std::move(peer));
@@ -115,7 +115,7 @@ void LocalListener::hand_over(UniqueFd peer) {
   }
 }
 
-// Out of descriptors the pending connection stays pending and would wake the loop without end.
+// Without a free descriptor the connection stays pending, and would wake the loop again and again.
 void LocalListener::pause_accepting() {
   loop_.change(fd_.get(), 0, *this);
   pause_ = loop_.after(kPauseWithoutDescriptors, [this] { loop_.change(fd_.get(), EPOLLIN, *this); });

@@ -9,16 +9,16 @@
 
 namespace pelmar::sim {
 
-// Connects; throws std::runtime_error with what to do about it.
+// Connects. Throws std::runtime_error that says what to do about a failure.
 UniqueFd connect_local(const std::string& name);
 
 // Who may connect to an abstract name. (The owner and the mode of its file restrict a path to this user and root.)
 enum class Admission { kThisUserAndRoot, kEveryUser };
 
-// A listening socket on the event loop. A socket file whose process is dead is replaced; where it is alive, the
-// constructor throws std::runtime_error. The file goes with the listener. Who is not admitted is disconnected at once,
-// and reported on standard error, at most once a second. A connection for which `accept` throws std::bad_alloc or
-// std::system_error is closed.
+// A listening socket on the event loop. It replaces the socket file of a process that has ended; where that process is
+// alive, the constructor throws std::runtime_error. The destructor removes the file. A peer that is not admitted is
+// disconnected at once and reported on standard error, at most once a second. A connection for which `accept` throws
+// std::bad_alloc or std::system_error is closed.
 class LocalListener final : public EventLoop::Watcher {
  public:
   using Accept = std::function<void(UniqueFd)>;

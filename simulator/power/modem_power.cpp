@@ -1,6 +1,17 @@
 #include "power/modem_power.h"
 
 #include <cutils/properties.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <stdexcept>
+
+#include "io/text.h"
+#include "storage/directory.h"
 
 namespace pelmar::sim {
 
@@ -9,13 +20,45 @@ namespace {
 constexpr const char* kRestartLevel = "persist.vendor.ssr.restart_level";
 constexpr const char* kRestartAlone = "ALL_ENABLE";
 
+constexpr const char* kDumpDirectory = "dumps";
+constexpr const char* kDumpName = "modem-%u.txt";
+
 std::string restart_level() {
   char value[PROPERTY_VALUE_MAX];
   property_get(kRestartLevel, value, "");
   return value;
 }
 
+unsigned next_dump_number(int directory) {
+  unsigned last = 0;
+  for (const Entry& entry : list_directory(directory, kDumpDirectory)) {
+    unsigned number = 0;
+    if (sscanf(entry.name.c_str(), kDumpName, &number) == 1) last = std::max(last, number);
+  }
+  return last + 1;
+}
+
+std::string utc_text(time_t time) {
+  tm utc{};
+  gmtime_r(&time, &utc);
+  char text[32];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
 }  // namespace
+
+std::string ModemPower::write_dump() const {
+  const UniqueFd root(open(storage_directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd directory = require_directory(root.get(), kDumpDirectory);
+  char name[32];
+  snprintf(name, sizeof name, kDumpName, next_dump_number(directory.get()));
+  const std::string text = "modem crash, " + utc_text(time(nullptr)) + "\n" + memory_() + "\n";
+  if (replace_file(root.get(), directory.get(), name, bytes_of(text)) != QMI_ERR_NONE_V01) {
+    throw std::runtime_error("cannot write the dump: " + std::string(strerror(errno)));
+  }
+  return storage_directory_ + '/' + kDumpDirectory + '/' + name;
+}
 
 std::chrono::milliseconds ModemPower::switch_power(bool on) {
   has_power_ = on;
@@ -34,7 +77,7 @@ ModemPower::Crash ModemPower::crash() {
     modem_.restart(times_.restart);
     return crash;
   }
-  crash.dump = write_dump_();
+  crash.dump = write_dump();
   is_crashed_ = true;
   modem_.turn_off();
   return crash;

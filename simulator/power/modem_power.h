@@ -1,8 +1,8 @@
-// Whether the simulated modem runs: it does while it has power, unless a crash has left it down.
+// The simulated modem's power and its crashes. The modem runs while it has power, unless a crash has left it down.
 //
-// What a crash does is the system's restart level, a property that clients set: "ALL_ENABLE" has the modem restart
-// alone; any other level, also none, has its memory dumped, and then it stays down until the operator starts it or its
-// power was off.
+// The effect of a crash is the system's restart level, a property that clients set: with "ALL_ENABLE" the modem
+// restarts by itself; with any other level, or none, its memory is dumped into the next file dumps/modem-N.txt of the
+// storage directory, and it stays down until the user starts it or its power was off.
 #pragma once
 
 #include <chrono>
@@ -20,9 +20,9 @@ class ModemPower {
     std::chrono::milliseconds restart;  // and after a crash
   };
 
-  // write_dump writes the modem's memory and returns the file's name; it throws where that fails.
-  ModemPower(Modem& modem, Times times, std::function<std::string()> write_dump)
-      : modem_(modem), times_(times), write_dump_(std::move(write_dump)) {}
+  // memory: returns the text that a dump has.
+  ModemPower(Modem& modem, Times times, std::string storage_directory, std::function<std::string()> memory)
+      : modem_(modem), times_(times), storage_directory_(std::move(storage_directory)), memory_(std::move(memory)) {}
 
   bool has_power() const { return has_power_; }
   bool is_crashed() const { return is_crashed_; }
@@ -32,19 +32,22 @@ class ModemPower {
 
   struct Crash {
     std::string level;
-    std::string dump;  // empty: the modem restarts alone
+    std::string dump;  // the file's path; empty: the modem restarts by itself
   };
 
-  // Only for a modem that runs.
+  // REQUIRES: the modem runs. Throws std::runtime_error where the dump cannot be written.
   Crash crash();
 
   // Starts a modem that a crash has left down; false where there is none.
   bool start();
 
  private:
+  std::string write_dump() const;
+
   Modem& modem_;
   const Times times_;
-  const std::function<std::string()> write_dump_;
+  const std::string storage_directory_;
+  const std::function<std::string()> memory_;
   bool has_power_ = true;
   bool is_crashed_ = false;
 };

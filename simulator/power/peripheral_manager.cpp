@@ -1,11 +1,96 @@
 #include "power/peripheral_manager.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace pelmar::sim {
 
 namespace power = platform::power;
+
+namespace {
+
+// The output has space for the longest status and some events.
+constexpr Stream::Bounds kBounds{power::kMaxFrameBytes, size_t{32} << 10};
+
+// Readable when the process has ended. No descriptor where the kernel cannot watch processes. Debian 12 declares the C
+// library's function for C only.
+UniqueFd open_process(pid_t process) {
+  UniqueFd fd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+  if (!fd && errno != ENOSYS) throw std::system_error(errno, std::generic_category(), "pidfd_open");
+  return fd;
+}
+
+}  // namespace
+
+// One connection: a voter once it has registered.
+//
+// It ends when the peer closes it, breaks the protocol, or does not read its responses, and when the peer's process
+// ends: a child may have inherited the connection, but the vote was its parent's.
+class PeripheralManager::Session final : private Stream::Reader, private EventLoop::Watcher {
+ public:
+  // Throws std::system_error where the peer's process has ended already, or cannot be watched.
+  Session(PeripheralManager& manager, UniqueFd fd, uint64_t number)
+      : manager_(manager),
+        number_(number),
+        stream_(manager.loop_, manager.output_, std::move(fd), *this, kBounds),
+        process_(stream_.process_at_other_end()) {
+    if (process_ > 0) process_fd_ = open_process(process_);
+    if (process_fd_) manager_.loop_.watch(process_fd_.get(), EPOLLIN, *this);
+  }
+  ~Session() override { unwatch_process(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  uint64_t number() const { return number_; }
+  pid_t process() const { return process_; }  // 0 where it is not known
+  void send(const power::Reply& reply) { stream_.send(power::to_frame(reply)); }
+
+  std::string name;  // of a registered voter
+  bool votes = false;
+  bool must_acknowledge = false;
+
+ private:
+  size_t on_bytes(std::span<const uint8_t> bytes) override {
+    size_t used = 0;
+    while (stream_.is_open()) {
+      power::Request request;
+      size_t size = 0;
+      const power::Front front = power::take_front(bytes.subspan(used), request, size);
+      if (front == power::Front::kIncomplete) break;
+      if (front == power::Front::kBroken) {
+        stream_.close("no request");
+        break;
+      }
+      used += size;
+      manager_.on_request(*this, request);
+    }
+    return used;
+  }
+
+  void on_closed(std::string_view) override {
+    unwatch_process();
+    manager_.remove(*this);
+  }
+
+  // The process has ended.
+  void on_ready(uint32_t) override { stream_.close("its process has ended"); }
+
+  void unwatch_process() {
+    if (process_fd_) manager_.loop_.unwatch(process_fd_.get(), *this);
+    process_fd_.reset();
+  }
+
+  PeripheralManager& manager_;
+  const uint64_t number_;
+  Stream stream_;
+  const pid_t process_;
+  UniqueFd process_fd_;
+};
 
 PeripheralManager::PeripheralManager(EventLoop& loop, WaitingOutput& output, const Options& options,
                                      Switch switch_power)
@@ -16,6 +101,8 @@ PeripheralManager::PeripheralManager(EventLoop& loop, WaitingOutput& output, con
       switch_power_(std::move(switch_power)),
       listener_(
           loop, options.socket, [this](UniqueFd fd) { accept(std::move(fd)); }, options.admission) {}
+
+PeripheralManager::~PeripheralManager() = default;
 
 size_t PeripheralManager::votes() const {
   return static_cast<size_t>(
@@ -31,68 +118,60 @@ std::vector<power::VoterEntry> PeripheralManager::voters() const {
   return list;
 }
 
-// --- what voters ask ---
+// --- requests ---
 
 void PeripheralManager::accept(UniqueFd fd) {
   if (sessions_.size() == kMostConnections) return;
   const uint64_t number = ++last_number_;
-  VoterSession::Owner& self = *this;
-  sessions_.emplace(number, std::make_unique<VoterSession>(loop_, output_, std::move(fd), number, self));
+  sessions_.emplace(number, std::make_unique<Session>(*this, std::move(fd), number));
 }
 
-void PeripheralManager::on_request(VoterSession& session, const power::Request& request) {
-  if (std::holds_alternative<power::AskStatus>(request)) return tell_count(session);
+void PeripheralManager::on_request(Session& session, const power::Request& request) {
+  if (std::holds_alternative<power::AskStatus>(request)) return send_status(session);
   if (const auto* const of = std::get_if<power::Acknowledge>(&request)) {
-    if (of->event == state_) session.must_acknowledge = false;  // a late one for an earlier step counts for nothing
-    return advance_later();
+    if (of->event == state_) session.must_acknowledge = false;  // a late one for an earlier step has no effect
+  } else {
+    const int result = apply(session, request);
+    session.send(power::Answer{result, state_});
   }
-  int result = PM_RET_FAILED;
-  if (const auto* const names = std::get_if<power::Register>(&request)) result = enrol(session, *names);
-  if (std::holds_alternative<power::Vote>(request)) result = set_vote(session, true);
-  if (std::holds_alternative<power::Withdraw>(request)) result = set_vote(session, false);
-  if (std::holds_alternative<power::Unregister>(request)) result = strike_off(session);
-  session.send(power::Answer{result, state_});
   advance_later();
 }
 
-// A voter that registers while the modem powers up or down is notified of the steps that follow.
-int PeripheralManager::enrol(VoterSession& session, const power::Register& names) {
-  if (!session.name.empty()) return PM_RET_FAILED;
-  if (names.device != device_) return PM_RET_UNSUPPORTED;
-  session.name = names.voter;
+// Returns a PM_RET_ value. A voter that registers while the modem powers up or down is notified of the steps that
+// follow. A repeated vote succeeds, and so does withdrawing a vote that was not given.
+int PeripheralManager::apply(Session& session, const power::Request& request) {
+  const auto* const names = std::get_if<power::Register>(&request);
+  const bool is_registered = !session.name.empty();
+  if (is_registered == (names != nullptr)) return PM_RET_FAILED;
+  if (names != nullptr) {
+    if (names->device != device_) return PM_RET_UNSUPPORTED;
+    session.name = names->voter;
+    return PM_RET_SUCCESS;
+  }
+  session.votes = std::holds_alternative<power::Vote>(request);
+  if (std::holds_alternative<power::Unregister>(request)) {
+    session.name.clear();
+    session.must_acknowledge = false;
+  }
   return PM_RET_SUCCESS;
 }
 
-// A repeated vote succeeds, and so does taking back none.
-int PeripheralManager::set_vote(VoterSession& session, bool votes) {
-  if (session.name.empty()) return PM_RET_FAILED;
-  session.votes = votes;
-  return PM_RET_SUCCESS;
-}
-
-int PeripheralManager::strike_off(VoterSession& session) {
-  if (session.name.empty()) return PM_RET_FAILED;
-  session.name.clear();
-  session.votes = session.must_acknowledge = false;
-  return PM_RET_SUCCESS;
-}
-
-void PeripheralManager::tell_count(VoterSession& session) const {
+void PeripheralManager::send_status(Session& session) const {
   const std::vector<power::VoterEntry> list = voters();
   static_assert(kMostConnections <= power::kMaxVoters);
   session.send(power::Status{state_, static_cast<uint8_t>(list.size())});
   for (const power::VoterEntry& entry : list) session.send(entry);
 }
 
-void PeripheralManager::on_gone(VoterSession& session) {
-  strike_off(session);
+void PeripheralManager::remove(Session& session) {
+  apply(session, power::Unregister{});
   loop_.post([this, number = session.number()] { sessions_.erase(number); });
   advance_later();
 }
 
 // --- the power ---
 
-// Whatever may have changed something posts this; it looks at what is, so it may come more often than needed.
+// Posted after every change of a session. advance() looks at the present state, so it may run more often than needed.
 void PeripheralManager::advance_later() {
   loop_.post([this] { advance(); });
 }

@@ -1,9 +1,9 @@
 // The peripheral manager: counts the votes of all processes for the modem's power, and switches it.
 //
-// The modem has power while at least one voter votes. Every registered voter is notified of each step: 2 and then 3
-// when the modem powers up, 0 and then 1 when it powers down. The next step is taken when all notified voters have
-// acknowledged, or when the time for that is over. A change of the votes meanwhile takes effect after the last step. A
-// voter is a connection, and its vote ends with the connection or with its process, whichever ends first.
+// The modem has power while at least one voter votes. Every registered voter is notified of each step: events 2 and 3
+// when the modem powers up, events 0 and 1 when it powers down. The next step follows when all notified voters have
+// acknowledged, or when their time for that is over. A change of the votes meanwhile takes effect after the last step.
+// A voter is a connection: its vote ends with the connection or with its process, whichever ends first.
 #pragma once
 
 #include <chrono>
@@ -17,12 +17,12 @@
 
 #include "io/event_loop.h"
 #include "io/local_socket.h"
+#include "io/stream.h"
 #include "manager_protocol.h"
-#include "power/voter_session.h"
 
 namespace pelmar::sim {
 
-class PeripheralManager final : private VoterSession::Owner {
+class PeripheralManager final {
  public:
   struct Options {
     std::string socket;
@@ -37,8 +37,9 @@ class PeripheralManager final : private VoterSession::Owner {
   // Connections at one time, voters or not.
   static constexpr size_t kMostConnections = 64;
 
-  // The modem is without power at first. Throws std::runtime_error where the socket cannot be had.
+  // The modem is without power at first. Throws std::runtime_error where the socket cannot be served.
   PeripheralManager(EventLoop& loop, WaitingOutput& output, const Options& options, Switch switch_power);
+  ~PeripheralManager();
 
   pm_event state() const { return state_; }
   size_t votes() const;
@@ -46,14 +47,13 @@ class PeripheralManager final : private VoterSession::Owner {
   uint64_t overdue_acknowledgements() const { return overdue_; }
 
  private:
-  void on_request(VoterSession& session, const platform::power::Request& request) override;
-  void on_gone(VoterSession& session) override;
+  class Session;
 
   void accept(UniqueFd fd);
-  int enrol(VoterSession& session, const platform::power::Register& names);
-  int set_vote(VoterSession& session, bool votes);
-  int strike_off(VoterSession& session);
-  void tell_count(VoterSession& session) const;
+  void on_request(Session& session, const platform::power::Request& request);
+  int apply(Session& session, const platform::power::Request& request);
+  void send_status(Session& session) const;
+  void remove(Session& session);
   bool is_waiting() const;
   void advance_later();
   void advance();
@@ -72,7 +72,7 @@ class PeripheralManager final : private VoterSession::Owner {
   EventLoop::TimerId timer_{};
   uint64_t overdue_ = 0;
   uint64_t last_number_ = 0;
-  std::map<uint64_t, std::unique_ptr<VoterSession>> sessions_;
+  std::map<uint64_t, std::unique_ptr<Session>> sessions_;
   LocalListener listener_;
 };
 

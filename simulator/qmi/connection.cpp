@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "qmi/exchange.h"
+
 namespace pelmar::sim {
 
 Connection::Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
-                       Handler& handler)
+                       Exchange& exchange)
     : connections_(connections),
-      handler_(handler),
+      exchange_(exchange),
       number_(number),
       stream_(loop, output, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}),
       process_(stream_.process_at_other_end()) {}
@@ -21,7 +23,7 @@ size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
       close(front.problem);
       break;
     }
-    handler_.on_frame(*this, front.frame);
+    exchange_.on_frame(*this, front.frame);
     used += front.length;
   }
   return used;
@@ -33,16 +35,16 @@ void Connection::on_drained() {
 }
 
 void Connection::on_closed(std::string_view reason) {
-  handler_.on_gone(*this, reason);
+  exchange_.on_closed(*this, reason);
   connections_.remove(*this);
 }
 
 Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-                         Connection::Handler& handler, std::optional<EventLoop::Clock::duration> idle_limit,
+                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit,
                          EventLoop::Task on_idle)
     : loop_(loop),
       output_(output),
-      handler_(handler),
+      exchange_(exchange),
       idle_limit_(idle_limit),
       on_idle_(std::move(on_idle)),
       listener_(
@@ -52,7 +54,7 @@ Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::stri
 
 void Connections::accept(UniqueFd fd) {
   const uint64_t number = last_number_ + 1;
-  open_.emplace(number, std::make_shared<Connection>(loop_, output_, std::move(fd), number, *this, handler_));
+  open_.emplace(number, std::make_shared<Connection>(loop_, output_, std::move(fd), number, *this, exchange_));
   last_number_ = number;
   loop_.cancel(idle_timer_);
 }

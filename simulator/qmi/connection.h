@@ -1,7 +1,7 @@
 // A connection of a QMUX client, and the set of them that one socket serves.
 //
-// A connection is in its set until it closes and lives until the loop is done with it; who keeps it for later holds a
-// weak pointer.
+// A connection is in its set until it closes, and is destroyed in a later round of the loop. Code that keeps one for
+// later holds a weak pointer.
 #pragma once
 
 #include <sys/types.h>
@@ -21,24 +21,15 @@
 namespace pelmar::sim {
 
 class Connections;
+class Exchange;
 
 class Connection final : public std::enable_shared_from_this<Connection>, private Stream::Reader {
  public:
-  class Handler {
-   public:
-    virtual void on_frame(Connection& connection, const qmi::Frame& frame) = 0;
-    // The last call for this connection.
-    virtual void on_gone(Connection& connection, std::string_view reason) = 0;
-
-   protected:
-    ~Handler() = default;
-  };
-
   // Bytes that may wait for a client that does not read, before it is dropped.
   static constexpr size_t kMaxWaitingBytes = 1 << 20;
 
   Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
-             Handler& handler);
+             Exchange& exchange);
 
   uint64_t number() const { return number_; }
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
@@ -47,7 +38,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   void send(std::span<const uint8_t> bytes) { stream_.send(bytes); }
   void close(std::string_view reason) { stream_.close(reason); }
 
-  // True while nothing waits for the client to read.
+  // True while no output waits for the client to read it.
   bool is_drained() const { return stream_.is_drained(); }
   // Calls once, when that becomes true again.
   void when_drained(EventLoop::Task task) { when_drained_ = std::move(task); }
@@ -58,7 +49,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   void on_closed(std::string_view reason) override;
 
   Connections& connections_;
-  Handler& handler_;
+  Exchange& exchange_;
   const uint64_t number_;
   Stream stream_;
   const pid_t process_;
@@ -69,13 +60,12 @@ class Connections final {
  public:
   // idle_limit: after that long without a client, on_idle is called.
   Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-              Connection::Handler& handler, std::optional<EventLoop::Clock::duration> idle_limit,
-              EventLoop::Task on_idle);
+              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle);
 
   size_t count() const { return open_.size(); }
+  uint64_t accepted() const { return last_number_; }
   // Closes the youngest connection. False where there is none.
   bool drop_youngest(std::string_view reason);
-  uint64_t accepted() const { return last_number_; }
 
   // Calls f(connection) for each one that is open when its turn comes. f may close any of them, as every send may.
   template <typename F>
@@ -96,7 +86,7 @@ class Connections final {
 
   EventLoop& loop_;
   WaitingOutput& output_;
-  Connection::Handler& handler_;
+  Exchange& exchange_;
   const std::optional<EventLoop::Clock::duration> idle_limit_;
   const EventLoop::Task on_idle_;
   std::map<uint64_t, std::shared_ptr<Connection>> open_;

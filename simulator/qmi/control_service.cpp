@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <vector>
 
 namespace pelmar::sim {
 
@@ -19,29 +20,31 @@ struct Request {
   std::span<const uint8_t> tlvs;
 };
 
-void put(ControlAnswer& answer, std::initializer_list<uint8_t> bytes) {
-  for (const uint8_t byte : bytes) answer.value[answer.size++] = byte;
-}
-
-void put_version(ControlAnswer& answer, uint8_t service, uint16_t major, uint16_t minor) {
-  put(answer, {service, static_cast<uint8_t>(major), static_cast<uint8_t>(major >> 8), static_cast<uint8_t>(minor),
-               static_cast<uint8_t>(minor >> 8)});
-  ++answer.value[0];
-}
-
-QmiError get_version_info(const Request& request, ControlAnswer& answer) {
-  answer.tlv = kMandatoryTlv;
-  put(answer, {0});
-  put_version(answer, qmi::kControlService, kControlMajor, kControlMinor);
-  for (const Modem::Slot& slot : request.modem.slots()) {
-    const Service& service = *slot.service;
-    if (request.modem.find_running(service.id()) == nullptr) continue;
-    put_version(answer, service.id(), service.major_version(), service.minor_version());
-  }
+QmiError succeed(qmi::FrameWriter& response, uint8_t tlv = 0, std::span<const uint8_t> value = {}) {
+  response.add_result(QMI_ERR_NONE_V01);
+  if (tlv != 0) response.add_tlv(tlv, value);
   return QMI_ERR_NONE_V01;
 }
 
-// The mandatory TLV where it has exactly that size; else why not.
+QmiError get_version_info(const Request& request, qmi::FrameWriter& response) {
+  std::vector<uint8_t> versions = {0};  // their number, then each
+  const auto add = [&](uint8_t service, uint16_t major, uint16_t minor) {
+    uint8_t version[5] = {service};
+    qmi::store_u16(version + 1, major);
+    qmi::store_u16(version + 3, minor);
+    versions.insert(versions.end(), std::begin(version), std::end(version));
+    ++versions[0];
+  };
+  add(qmi::kControlService, kControlMajor, kControlMinor);
+  for (const Modem::Slot& slot : request.modem.slots()) {
+    const Service& service = *slot.service;
+    if (request.modem.find_running(service.id()) == nullptr) continue;
+    add(service.id(), service.major_version(), service.minor_version());
+  }
+  return succeed(response, kMandatoryTlv, versions);
+}
+
+// Gets the mandatory TLV, which must have that size.
 QmiError read_mandatory(const Request& request, size_t size, std::span<const uint8_t>& value) {
   const auto tlv = qmi::find_tlv(request.tlvs, kMandatoryTlv);
   if (!tlv) return QMI_ERR_MISSING_ARG_V01;
@@ -50,56 +53,50 @@ QmiError read_mandatory(const Request& request, size_t size, std::span<const uin
   return QMI_ERR_NONE_V01;
 }
 
-QmiError allocate_client_id(const Request& request, ControlAnswer& answer) {
+QmiError allocate_client_id(const Request& request, qmi::FrameWriter& response) {
   std::span<const uint8_t> value;
   if (const QmiError error = read_mandatory(request, 1, value)) return error;
   if (request.modem.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
-  Modem::Slot* slot = request.modem.find_running(value[0]);
+  Modem::Slot* const slot = request.modem.find_running(value[0]);
   if (slot == nullptr) return QMI_ERR_INVALID_ID_V01;
   const std::optional<uint8_t> client = slot->clients.allocate(request.connection);
   if (!client) return QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
-  answer.tlv = kMandatoryTlv;
-  put(answer, {value[0], *client});
-  return QMI_ERR_NONE_V01;
+  const uint8_t allocated[] = {value[0], *client};
+  return succeed(response, kMandatoryTlv, allocated);
 }
 
-QmiError release_client_id(const Request& request, ControlAnswer& answer) {
+QmiError release_client_id(const Request& request, qmi::FrameWriter& response) {
   std::span<const uint8_t> value;
   if (const QmiError error = read_mandatory(request, 2, value)) return error;
-  Modem::Slot* slot = request.modem.find(value[0]);
+  Modem::Slot* const slot = request.modem.find(value[0]);
   if (slot == nullptr || !request.modem.release(*slot, value[1], request.connection)) {
     return QMI_ERR_INVALID_CLIENT_ID_V01;
   }
-  answer.tlv = kMandatoryTlv;
-  put(answer, {value[0], value[1]});
-  return QMI_ERR_NONE_V01;
+  return succeed(response, kMandatoryTlv, value);
 }
 
-QmiError set_data_format(const Request& request, ControlAnswer& answer) {
+QmiError set_data_format(const Request& request, qmi::FrameWriter& response) {
   const auto wanted = qmi::find_tlv(request.tlvs, kDataFormatTlv);
-  const uint16_t format = wanted && wanted->size() == 2 ? qmi::load_u16(wanted->data()) : kRawIp;
-  answer.tlv = kDataFormatTlv;
-  put(answer, {static_cast<uint8_t>(format), static_cast<uint8_t>(format >> 8)});
-  return QMI_ERR_NONE_V01;
+  uint8_t format[2];
+  qmi::store_u16(format, wanted && wanted->size() == 2 ? qmi::load_u16(wanted->data()) : kRawIp);
+  return succeed(response, kDataFormatTlv, format);
 }
 
-// Sync is asked by a client that begins, and voids only what that client held.
-QmiError sync(const Request& request, ControlAnswer&) {
+// A client sends sync when it begins. It voids only the ids of that client.
+QmiError sync(const Request& request, qmi::FrameWriter& response) {
   request.modem.disconnect(request.connection);
-  return QMI_ERR_NONE_V01;
+  return succeed(response);
 }
 
-// Any device path will do: there is one modem.
-QmiError proxy_open(const Request&, ControlAnswer&) {
-  return QMI_ERR_NONE_V01;
+// Every device path succeeds: there is one modem.
+QmiError proxy_open(const Request&, qmi::FrameWriter& response) {
+  return succeed(response);
 }
 
-struct Row {
+constexpr struct {
   uint16_t message;
-  QmiError (*answer)(const Request& request, ControlAnswer& answer);
-};
-
-constexpr Row kRows[] = {
+  QmiError (*handle)(const Request& request, qmi::FrameWriter& response);
+} kRows[] = {
     {kControlGetVersionInfo, get_version_info},
     {kControlAllocateClientId, allocate_client_id},
     {kControlReleaseClientId, release_client_id},
@@ -110,11 +107,12 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-QmiError answer_control(Modem& modem, Connection& connection, uint16_t message, std::span<const uint8_t> tlvs,
-                        ControlAnswer& answer) {
-  const auto row = std::find_if(std::begin(kRows), std::end(kRows), [&](const Row& r) { return r.message == message; });
+QmiError handle_control(Modem& modem, Connection& connection, uint16_t message, std::span<const uint8_t> tlvs,
+                        qmi::FrameWriter& response) {
+  const auto row =
+      std::find_if(std::begin(kRows), std::end(kRows), [&](const auto& r) { return r.message == message; });
   if (row == std::end(kRows)) return QMI_ERR_INVALID_QMI_CMD_V01;
-  return row->answer({modem, connection, tlvs}, answer);
+  return row->handle({modem, connection, tlvs}, response);
 }
 
 }  // namespace pelmar::sim

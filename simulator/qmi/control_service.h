@@ -1,13 +1,13 @@
-// The control service (service 0): what is there, client ids, and the messages of a proxy. It has no client ids itself.
+// The control service (service 0): versions, client ids, and the messages of a proxy. It has no client ids itself.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <span>
 
 #include "qmi/connection.h"
 #include "qmi/modem.h"
 #include "qmi/service.h"
+#include "qmux.h"
 
 namespace pelmar::sim {
 
@@ -21,14 +21,8 @@ enum ControlMessageId : uint16_t {
   kControlProxyOpen = 0xFF00,
 };
 
-// At most one TLV besides the result.
-struct ControlAnswer {
-  uint8_t tlv = 0;  // 0: none
-  uint8_t size = 0;
-  std::array<uint8_t, 32> value{};
-};
-
-QmiError answer_control(Modem& modem, Connection& connection, uint16_t message, std::span<const uint8_t> tlvs,
-                        ControlAnswer& answer);
+// Writes the response's TLVs unless it returns an error.
+QmiError handle_control(Modem& modem, Connection& connection, uint16_t message, std::span<const uint8_t> tlvs,
+                        qmi::FrameWriter& response);
 
 }  // namespace pelmar::sim

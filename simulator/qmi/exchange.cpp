@@ -33,6 +33,18 @@ QmiError error_of_codec(int32_t codec_error) {
 
 }  // namespace
 
+// The fault of the response to this message, counted down.
+std::optional<Fault> Exchange::take_fault(uint8_t service, uint16_t message) {
+  const auto fault = std::find_if(faults.begin(), faults.end(), [&](const Fault& each) {
+    return each.service.value_or(service) == service && each.message.value_or(message) == message;
+  });
+  if (fault == faults.end()) return std::nullopt;
+  if (!fault->times_left || --*fault->times_left != 0) return *fault;
+  Fault last = std::move(*fault);
+  faults.erase(fault);
+  return last;
+}
+
 void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
   const auto request = qmi::read_message(frame);
   if (!request || request->kind != qmi::MessageKind::kRequest) {
@@ -40,16 +52,17 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
     return;
   }
   ++counters_.requests;
-  const std::optional<Fault> fault = faults_.take(frame.service, request->id);
+  const std::optional<Fault> fault = take_fault(frame.service, request->id);
 
   writer_.start(frame.service, frame.client, qmi::MessageKind::kResponse, request->transaction, request->id);
   QmiError error = QMI_ERR_NONE_V01;
   if (fault && fault->kind == FaultKind::kError) {
     error = fault->error;
   } else if (frame.service == qmi::kControlService) {
-    error = answer_control_message(connection, *request);
+    error = request->length_agrees ? handle_control(modem_, connection, request->id, request->tlvs, writer_)
+                                   : QmiError{QMI_ERR_MALFORMED_MSG_V01};
   } else {
-    error = answer_service_message(connection, frame, *request);
+    error = respond_to_client(connection, frame, *request);
   }
   if (error != QMI_ERR_NONE_V01) {
     ++counters_.failures;
@@ -65,23 +78,12 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
   deliver(connection, frame, response, *fault);
 }
 
-void Exchange::on_gone(Connection& connection, std::string_view reason) {
+void Exchange::on_closed(Connection& connection, std::string_view reason) {
   if (reason != Stream::kClosedByPeer) ++counters_.dropped_connections;
   modem_.disconnect(connection);
 }
 
-QmiError Exchange::answer_control_message(Connection& connection, const qmi::Message& request) {
-  if (!request.length_agrees) return QMI_ERR_MALFORMED_MSG_V01;
-  ControlAnswer answer;
-  const QmiError error = answer_control(modem_, connection, request.id, request.tlvs, answer);
-  if (error != QMI_ERR_NONE_V01) return error;
-  writer_.add_result(QMI_ERR_NONE_V01);
-  if (answer.tlv != 0) writer_.add_tlv(answer.tlv, std::span(answer.value).first(answer.size));
-  return QMI_ERR_NONE_V01;
-}
-
-QmiError Exchange::answer_service_message(Connection& connection, const qmi::Frame& frame,
-                                          const qmi::Message& request) {
+QmiError Exchange::respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request) {
   if (modem_.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
   Modem::Slot* slot = modem_.find_running(frame.service);
   if (slot == nullptr || slot->clients.owner(frame.client) != &connection) return QMI_ERR_INVALID_CLIENT_ID_V01;
@@ -95,7 +97,7 @@ QmiError Exchange::answer_service_message(Connection& connection, const qmi::Fra
   if (decoded != QMI_IDL_LIB_NO_ERR) return error_of_codec(decoded);
 
   memset(response_.bytes, 0, row->response_size);
-  const QmiError error = row->answer(service, frame.client, request_.bytes, response_.bytes);
+  const QmiError error = row->handle(service, frame.client, request_.bytes, response_.bytes);
   if (error != QMI_ERR_NONE_V01) return error;
 
   size_t length = 0;
@@ -110,7 +112,7 @@ QmiError Exchange::answer_service_message(Connection& connection, const qmi::Fra
 void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response,
                        const Fault& fault) {
   const auto keep = [&]() -> LateResponse {
-    return {connection.weak_from_this(), frame.service, frame.client, {response.begin(), response.end()}};
+    return {connection.weak_from_this(), frame.service, frame.client, {response.begin(), response.end()}, {}};
   };
   switch (fault.kind) {
     case FaultKind::kError:
@@ -143,9 +145,9 @@ void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::spa
 }
 
 void Exchange::hold_back(LateResponse response, EventLoop::Clock::duration limit) {
-  const auto held = held_.insert(held_.end(), {std::move(response), {}});
+  const auto held = held_.insert(held_.end(), std::move(response));
   held->limit = loop_.after(limit, [this, held] {
-    send_late(held->response);
+    send_late(*held);
     held_.erase(held);
   });
 }
@@ -153,9 +155,9 @@ void Exchange::hold_back(LateResponse response, EventLoop::Clock::duration limit
 void Exchange::send_held(const Connection& connection) {
   for (auto next = held_.begin(); next != held_.end();) {
     const auto held = next++;
-    if (held->response.receiver.lock().get() != &connection) continue;
+    if (held->receiver.lock().get() != &connection) continue;
     loop_.cancel(held->limit);
-    send_late(held->response);
+    send_late(*held);
     held_.erase(held);
   }
 }

@@ -1,39 +1,76 @@
-// One request in, one response out: what every message of every service goes through.
+// One request in, one response out: the way of every message of every service.
 //
-// The only place where bytes meet structures, where faults act, and where it is decided who may ask what. A request
-// costs no allocation and one send; only faults may copy a frame.
+// This is the only place where bytes are decoded into structures, where faults act, and where a client's right to send
+// a request is checked. A request without a fault costs one send and, apart from what its service does, no allocation.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "io/event_loop.h"
 #include "qmi/connection.h"
-#include "qmi/faults.h"
 #include "qmi/modem.h"
 #include "qmux.h"
 
 namespace pelmar::sim {
 
-class Exchange final : public Connection::Handler {
+enum class FaultKind {
+  kDelay,      // respond late
+  kError,      // refuse with an error number, without doing anything
+  kSilence,    // do it without a response
+  kCut,        // send only the first bytes of the message, in a frame of that size
+  kGarbage,    // send bytes that are no message instead
+  kRepeat,     // respond twice
+  kReorder,    // respond after the next response of the connection
+  kCloseHalf,  // send half of the frame and close the connection
+  kDieHalf,    // send half of the frame and end the process at once
+};
+
+// An order of the user to spoil responses.
+struct Fault {
+  explicit Fault(FaultKind what) : kind(what) {}
+
+  FaultKind kind;
+  std::chrono::milliseconds delay{};  // kReorder: after that time the response waits for no other one
+  uint16_t error = 0;
+  size_t cut_to = 0;
+  std::vector<uint8_t> garbage;
+
+  // The responses that it takes; nothing: all.
+  std::optional<uint8_t> service;
+  std::optional<uint16_t> message;
+  std::optional<uint64_t> times_left;
+};
+
+class Exchange final {
  public:
   struct Counters {
     uint64_t requests = 0;
     uint64_t failures = 0;  // responses with an error
     uint64_t faults = 0;    // requests that a fault row took
-    uint64_t ignored = 0;   // frames that hold no request
+    uint64_t ignored = 0;   // frames without a request
     uint64_t dropped_connections = 0;
   };
 
-  Exchange(EventLoop& loop, Modem& modem, Faults& faults) : loop_(loop), modem_(modem), faults_(faults) {}
+  Exchange(EventLoop& loop, Modem& modem) : loop_(loop), modem_(modem) {}
 
   const Counters& counters() const { return counters_; }
+
+  // The first fault that fits a request decides.
+  std::vector<Fault> faults;
+
+  void on_frame(Connection& connection, const qmi::Frame& frame);
+  // The last call for this connection.
+  void on_closed(Connection& connection, std::string_view reason);
 
  private:
   // A structure of any message, large enough for all of them.
@@ -41,24 +78,17 @@ class Exchange final : public Connection::Handler {
     uint8_t bytes[16 * 1024];
   };
 
-  // A response on its way, for whoever then still has the client id that it goes to.
+  // Sent only if the connection has the client id at that time.
   struct LateResponse {
     std::weak_ptr<Connection> receiver;
     uint8_t service;
     uint8_t client;
     std::vector<uint8_t> bytes;
+    EventLoop::TimerId limit;  // of one that is held back
   };
 
-  struct HeldResponse {
-    LateResponse response;
-    EventLoop::TimerId limit;
-  };
-
-  void on_frame(Connection& connection, const qmi::Frame& frame) override;
-  void on_gone(Connection& connection, std::string_view reason) override;
-
-  QmiError answer_control_message(Connection& connection, const qmi::Message& request);
-  QmiError answer_service_message(Connection& connection, const qmi::Frame& frame, const qmi::Message& request);
+  std::optional<Fault> take_fault(uint8_t service, uint16_t message);
+  QmiError respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request);
   void deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
   void hold_back(LateResponse response, EventLoop::Clock::duration limit);
   void send_held(const Connection& connection);
@@ -66,12 +96,11 @@ class Exchange final : public Connection::Handler {
 
   EventLoop& loop_;
   Modem& modem_;
-  Faults& faults_;
   std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
   qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};
   Structure request_;
   Structure response_;
-  std::list<HeldResponse> held_;  // behind the next response of their connections
+  std::list<LateResponse> held_;  // until the next responses of their connections
   Counters counters_;
 };
 

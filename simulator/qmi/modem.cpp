@@ -7,8 +7,8 @@
 
 namespace pelmar::sim {
 
-void Modem::add(std::unique_ptr<Service> service) {
-  slots_.push_back({std::move(service), {}, true});
+Modem::Modem(EventLoop& loop, std::initializer_list<Service*> services) : loop_(loop) {
+  for (Service* const service : services) slots_.push_back({service, {}, true});
   for (Slot& slot : slots_) slot_by_id_[slot.service->id()] = &slot;
 }
 

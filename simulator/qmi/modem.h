@@ -1,41 +1,82 @@
-// The modem behind the connections: its services, who holds which client id, and whether it runs.
+// The modem behind the connections: its services, their client ids, and whether it runs.
 //
-// A service that goes down tells each of its clients with a revoke indication; a modem that restarts tells every
-// connection with a sync indication, and so does one that is turned off. Either way the ids are void at once.
-// Connections stay.
+// A service that goes down sends a revoke indication to each of its clients. A modem that restarts or is turned off
+// sends a sync indication to every connection. In both cases the client ids are void at once, and connections stay.
 #pragma once
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "io/event_loop.h"
-#include "qmi/client_ids.h"
 #include "qmi/connection.h"
 #include "qmi/service.h"
 #include "qmux.h"
 
 namespace pelmar::sim {
 
+// The client ids of one service and their owners: ten at a time, unique over all connections.
+//
+// An id that was released is given out again only after all the others, so that a late message for it reaches nobody.
+class ClientIds {
+ public:
+  static constexpr size_t kLimit = 10;
+  static constexpr uint8_t kHighest = 0xFE;  // 0xFF addresses all clients
+
+  std::optional<uint8_t> allocate(Connection& owner) {
+    if (count_ == kLimit) return std::nullopt;
+    do {
+      last_ = last_ == kHighest ? 1 : static_cast<uint8_t>(last_ + 1);
+    } while (owners_[last_] != nullptr);
+    owners_[last_] = &owner;
+    ++count_;
+    return last_;
+  }
+
+  void release(uint8_t id) {
+    if (owners_[id] == nullptr) return;
+    owners_[id] = nullptr;
+    --count_;
+  }
+
+  // Null for an id that is not allocated.
+  Connection* owner(uint8_t id) const { return owners_[id]; }
+  size_t count() const { return count_; }
+
+  // Calls f(id, owner); f may release ids.
+  template <typename F>
+  void for_each(F f) const {
+    for (unsigned id = 1; id <= kHighest; ++id) {
+      if (owners_[id] != nullptr) f(static_cast<uint8_t>(id), *owners_[id]);
+    }
+  }
+
+ private:
+  std::array<Connection*, 256> owners_{};
+  size_t count_ = 0;
+  uint8_t last_ = 0;
+};
+
 class Modem {
  public:
   struct Slot {
-    std::unique_ptr<Service> service;
+    Service* service;
     ClientIds clients;
     bool is_up = true;
   };
 
   enum class State { kReady, kStarting, kOff };
 
-  explicit Modem(EventLoop& loop) : loop_(loop) {}
+  // services: outlive the modem.
+  Modem(EventLoop& loop, std::initializer_list<Service*> services);
 
-  void add(std::unique_ptr<Service> service);
   void attach(Connections& connections) { connections_ = &connections; }
 
   State state() const { return state_; }
@@ -50,25 +91,25 @@ class Modem {
   void take_down(Slot& slot);
   void bring_up(Slot& slot) { slot.is_up = true; }
 
-  // All ids are void; until the time is over the modem has no services and is not ready. Services that were down come
-  // up. A modem that is off stays off.
+  // Voids all client ids. Until the time is over the modem has no services and is not ready. Services that were down
+  // come up. A modem that is off stays off.
   void restart(std::chrono::milliseconds starting_time);
 
-  // Without services and not ready until it is turned on; a modem that is on already is left alone.
+  // A modem that is off has no services and is not ready. Turning on a modem that is on has no effect.
   void turn_off();
   void turn_on(std::chrono::milliseconds starting_time);
 
-  // Frees what the connection held.
+  // Releases all client ids of the connection.
   void disconnect(Connection& connection);
 
   bool release(Slot& slot, uint8_t client, const Connection& owner);
 
-  // Sends to the clients that `wants` accepts, each by its id; returns how many.
+  // Sends to each client that `wants` accepts; returns their number.
   size_t indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
                   const std::function<bool(uint8_t client)>& wants);
-  // Sends to one client, from the message's structure. False where nobody holds the id or the structure is unfit.
+  // Encodes the structure and sends it to one client. False where the id is not allocated or the structure is unfit.
   bool indicate(Slot& slot, uint8_t client, uint16_t message, const void* structure, size_t size);
-  // Sends one indication to all clients of every connection; returns to how many connections.
+  // Sends one indication to each connection, for all its clients; returns the number of connections.
   size_t broadcast(uint8_t service, uint16_t message, std::span<const uint8_t> tlvs);
 
   uint64_t indications() const { return indications_; }

@@ -1,8 +1,7 @@
-// A service of the modem: its tables, its messages and what it keeps for its clients.
+// A service of the modem: its messages, and the state that it keeps for its clients.
 //
-// A service is a class with one method a message and a table with one row a message; the structures are those of the
-// service's tables, which is checked when the service is made. Who may call and what goes over the wire is not its
-// business.
+// A service is a class with a handler and a row for each message. The structures are those of the service object, which
+// the constructor checks. Exchange decodes and encodes the bytes and checks the client id.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,7 @@ struct MessageRow {
   std::string_view name;
   uint32_t request_size;
   uint32_t response_size;
-  QmiError (*answer)(Service& service, uint8_t client, const void* request, void* response);
+  QmiError (*handle)(Service& service, uint8_t client, const void* request, void* response);
 };
 
 class Service {
@@ -57,18 +56,18 @@ class Service {
   const std::span<const MessageRow> rows_;
 };
 
-// The row of a message that Method handles: QmiError S::method(uint8_t client, const Request&, Response&). The response
-// comes zeroed; its header is filled in from the error returned.
-template <auto Method>
-struct Answers;
+// Makes the row of a message from the function that handles it. The response's structure comes zeroed; its result is
+// filled in from the error that the function returns.
+template <auto Function>
+struct Handler;
 
-template <typename S, typename Request, typename Response, QmiError (S::*Method)(uint8_t, const Request&, Response&)>
-struct Answers<Method> {
+template <typename S, typename Request, typename Response, QmiError (*Function)(S&, uint8_t, const Request&, Response&)>
+struct Handler<Function> {
   static constexpr MessageRow row(uint16_t id, std::string_view name) {
     return {id, name, sizeof(Request), sizeof(Response),
             [](Service& service, uint8_t client, const void* request, void* response) {
-              return (static_cast<S&>(service).*Method)(client, *static_cast<const Request*>(request),
-                                                        *static_cast<Response*>(response));
+              return Function(static_cast<S&>(service), client, *static_cast<const Request*>(request),
+                              *static_cast<Response*>(response));
             }};
   }
 };

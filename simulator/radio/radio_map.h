@@ -1,6 +1,6 @@
-// Where the phone drives and where the cells stand: the fixed part of the radio picture.
+// The fixed part of the radio picture: the places of the phone's course and of the cells.
 //
-// The phone goes round a closed course; both of its subscriptions are at the same place. Each subscription has a
+// The phone drives round a closed course; both of its subscriptions are at the same place. Each subscription has a
 // network of its own. Places are in metres on a plane.
 #pragma once
 
@@ -48,7 +48,7 @@ Place place_at(double seconds);
 
 double distance(const Place& a, const Place& b);
 
-// What is left in dBm of a power of 100 m distance.
+// The level in dBm at that distance, from the level at 100 m.
 double level_at(double power, double metres);
 
 // LTE's bands below 1 GHz, where the phone has two receive chains only.

@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
-
-#include "radio/smooth_noise.h"
 
 namespace pelmar::sim {
 
@@ -139,7 +138,35 @@ NrSignal nr_signal(const NrFrequency& frequency, const Place& phone, double fadi
 
 }  // namespace
 
+// --- samples ---
+
+std::vector<SeenCell> RadioSample::cells_on(uint16_t earfcn) const {
+  std::vector<SeenCell> found;
+  std::copy_if(cells.begin(), cells.end(), std::back_inserter(found),
+               [&](const SeenCell& cell) { return cell.site->earfcn == earfcn; });
+  const LteSite* const camped = serving() != nullptr ? serving()->site : nullptr;
+  std::sort(found.begin(), found.end(), [&](const SeenCell& a, const SeenCell& b) {
+    if ((a.site == camped) != (b.site == camped)) return a.site == camped;
+    return a.levels.rsrp > b.levels.rsrp;
+  });
+  return found;
+}
+
+std::vector<uint16_t> RadioSample::other_frequencies() const {
+  std::vector<uint16_t> found;
+  for (const SeenCell& cell : cells) {
+    const uint16_t earfcn = cell.site->earfcn;
+    if (serving() != nullptr && serving()->site->earfcn == earfcn) continue;
+    if (std::find(found.begin(), found.end(), earfcn) == found.end()) found.push_back(earfcn);
+  }
+  return found;
+}
+
 // --- LTE ---
+
+double RadioPicture::fading(uint64_t stream, double seconds) const {
+  return kFading * fading_at(seconds, seed_, stream);
+}
 
 bool RadioPicture::may_camp_on(const LteSite& site) const {
   return lock_.empty() || std::any_of(lock_.begin(), lock_.end(), [&](const CellOfLock& cell) {
@@ -151,8 +178,7 @@ std::vector<SeenCell> RadioPicture::measure_cells(const Place& phone, double sec
   std::vector<SeenCell> cells;
   for (const LteSite& site : network_->sites) {
     const double mean = level_at(site.power, distance(phone, site.place));
-    const double fading = kFading * smooth_noise(seed_, kLteStream + site.global_cell_id, seconds);
-    cells.push_back({&site, mean, mean + fading, 0, {}});
+    cells.push_back({&site, mean, mean + fading(kLteStream + site.global_cell_id, seconds), 0, {}});
   }
   for (SeenCell& cell : cells) {
     for (const SeenCell& other : cells) {
@@ -177,20 +203,19 @@ std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell
 void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double seconds) const {
   for (size_t i = 0; i < std::min(kNrCarriers, network_->nr_frequencies.size()); ++i) {
     const NrFrequency& frequency = network_->nr_frequencies[i];
-    const double fading = kFading * smooth_noise(seed_, kNrStream + frequency.arfcn, seconds);
-    const NrSignal heard = nr_signal(frequency, phone, fading);
-    if (heard.mean < kLeastNrLevel) {
+    const NrSignal found = nr_signal(frequency, phone, fading(kNrStream + frequency.arfcn, seconds));
+    if (found.mean < kLeastNrLevel) {
       if (i == 0) return;
       continue;
     }
     NrCarrier& carrier = sample.nr[i];
     carrier.is_there = true;
     carrier.arfcn = frequency.arfcn;
-    carrier.chains = chains_of_signal(heard.signal, heard.others, sample.antennas, kChains);
-    carrier.rsrq = levels_of(heard.signal, heard.others, best_gain(sample.antennas, kChains)).rsrq;
+    carrier.chains = chains_of_signal(found.signal, found.others, sample.antennas, kChains);
+    carrier.rsrq = levels_of(found.signal, found.others, best_gain(sample.antennas, kChains)).rsrq;
     if (i > 0) continue;
-    sample.nr_uplink = uplink_of(heard.signal, sample.antennas, kNrControl);
-    if (heard.mean >= kLeastNrDataLevel) sample.mode = SystemMode::kNr;
+    sample.nr_uplink = uplink_of(found.signal, sample.antennas, kNrControl);
+    if (found.mean >= kLeastNrDataLevel) sample.mode = SystemMode::kNr;
   }
 }
 
@@ -198,8 +223,8 @@ void RadioPicture::measure_other_technologies(RadioSample& sample, const Place& 
   double nearest = kInfinity;
   for (const LteSite& site : network_->sites) nearest = std::min(nearest, distance(phone, site.place));
   const uint64_t network = network_->tracking_area_code;
-  const double wcdma = level_at(kWcdmaPower, nearest) + kFading * smooth_noise(seed_, kWcdmaStream + network, seconds);
-  const double gsm = level_at(kGsmPower, nearest) + kFading * smooth_noise(seed_, kGsmStream + network, seconds);
+  const double wcdma = level_at(kWcdmaPower, nearest) + fading(kWcdmaStream + network, seconds);
+  const double gsm = level_at(kGsmPower, nearest) + fading(kGsmStream + network, seconds);
   for (size_t chain = 0; chain < sample.wcdma_levels.size(); ++chain) {
     sample.wcdma_levels[chain] = wcdma + sample.antennas.gain_of_chain(chain);
     sample.gsm_levels[chain] = gsm + sample.antennas.gain_of_chain(chain);

@@ -1,11 +1,16 @@
-// What one subscription's radio sees and where it camps, at any time.
+// The radio of one subscription: the cells it sees, the cell it camps on, and what it measures, at any time.
 //
-// The phone camps on the strongest cell that it may camp on: all of them, or those of the cell lock. While LTE is there
-// further LTE carriers are added as far as their cells reach, each with a place of its own, and NR where it is not
-// disabled. What is measured is a function of the time, the seed, the lock and the NR mode alone.
+// The phone camps on the strongest cell that it may camp on: any, or one of the cell lock. While LTE is there, further
+// LTE carriers are added as far as their cells reach, each with a place of its own, and NR where it is not disabled. A
+// sample is a function of the time, the seed, the lock and the NR mode alone.
+//
+// All numbers of a sample come from the same places and antennas: the serving cell's level is that of the primary
+// carrier's strongest chain, ratios follow from the levels of all cells of a frequency, and the transmit power follows
+// from the loss to the serving cell. Levels are in dBm, ratios and losses in dB.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -13,9 +18,118 @@
 #include <utility>
 #include <vector>
 
-#include "radio/radio_sample.h"
+#include "radio/fading.h"
+#include "radio/radio_map.h"
 
 namespace pelmar::sim {
+
+// The modem's own time: from 0 at its start, at the pace of the machine's clock, unless it is held.
+//
+// Everything that changes by itself in the simulated modem is a function of this time, so a modem whose clock is held
+// always gives the same values. A restart of the modem does not set its clock back: the phone moves on meanwhile.
+class ModemClock {
+ public:
+  using Time = std::chrono::milliseconds;
+
+  // Held from its start, or from 0 at the pace of the machine's clock.
+  explicit ModemClock(std::optional<Time> held = {}) : base_(held.value_or(Time{0})), is_held_(held.has_value()) {}
+
+  Time now() const { return is_held_ ? base_ : base_ + since(base_instant_); }
+  bool is_held() const { return is_held_; }
+
+  void hold_at(Time time) {
+    base_ = time;
+    is_held_ = true;
+  }
+
+  // Goes on from the time that it shows.
+  void run() {
+    base_ = now();
+    base_instant_ = Clock::now();
+    is_held_ = false;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static Time since(Clock::time_point instant) { return std::chrono::duration_cast<Time>(Clock::now() - instant); }
+
+  Time base_;
+  Clock::time_point base_instant_ = Clock::now();
+  bool is_held_;
+};
+
+inline constexpr size_t kLteCarriers = 7;  // a primary one and up to six more
+inline constexpr size_t kNrCarriers = 3;
+
+// The system modes: which technology carries the subscription's data.
+enum class SystemMode : uint32_t { kNone = 0, kLte = 9, kNr = 12 };
+
+struct Levels {
+  double rsrp;
+  double rsrq;
+  double rssi;
+  double snr;
+};
+
+// The levels that a chain shows while it does not measure.
+inline constexpr Levels kNotMeasured = {-140, -34, -120, -30};
+
+struct SeenCell {
+  const LteSite* site;
+  double mean;    // without fading; the phone camps on the cell with the best one, so that it does not change often
+  double signal;  // with fading, on a free main antenna
+  double others;  // of the frequency's other cells together, in mW
+  Levels levels;  // of the strongest chain
+};
+
+// A carrier that is not there has nothing but the levels of chains that do not measure.
+struct LteCarrier {
+  bool is_there = false;
+  uint32_t earfcn = 0;
+  uint16_t physical_cell_id = 0;
+  uint16_t measured_chains = 0;  // a bit each
+  std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
+};
+
+struct NrCarrier {
+  bool is_there = false;
+  uint32_t arfcn = 0;
+  std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
+  double rsrq = kNotMeasured.rsrq;  // of the strongest chain
+};
+
+struct Uplink {
+  double path_loss = 0;
+  double demanded_power = 0;  // what the cell asks for
+  double max_power = 0;
+
+  double power() const { return demanded_power < max_power ? demanded_power : max_power; }
+};
+
+struct RadioSample {
+  const Network* network = nullptr;
+  SystemMode mode = SystemMode::kNone;
+  Antennas antennas;
+
+  std::vector<SeenCell> cells;  // of LTE, in the map's order
+  const SeenCell* serving() const { return serving_cell ? &cells[*serving_cell] : nullptr; }
+  std::optional<size_t> serving_cell;  // its place in cells
+  double serving_distance = 0;         // metres
+  std::array<LteCarrier, kLteCarriers> lte;
+  std::array<NrCarrier, kNrCarriers> nr;
+  Uplink lte_uplink;
+  Uplink nr_uplink;
+  std::array<double, 2> wcdma_levels{};  // of the strongest neighbour, on the first two chains
+  std::array<double, 2> gsm_levels{};
+
+  bool has_nr() const { return nr[0].is_there; }
+
+  // The cells of a frequency, strongest first, except that the serving one leads.
+  std::vector<SeenCell> cells_on(uint16_t earfcn) const;
+  // The frequencies besides the serving one, in the map's order.
+  std::vector<uint16_t> other_frequencies() const;
+};
 
 struct CellOfLock {
   uint16_t physical_cell_id;
@@ -43,6 +157,7 @@ class RadioPicture {
   }
 
  private:
+  double fading(uint64_t stream, double seconds) const;  // dB
   bool may_camp_on(const LteSite& site) const;
   std::vector<SeenCell> measure_cells(const Place& phone, double seconds, const Antennas& antennas) const;
   std::optional<size_t> find_serving_cell(const std::vector<SeenCell>& cells) const;
@@ -55,7 +170,7 @@ class RadioPicture {
   NrDisableMode nr_disable_mode_ = NrDisableMode::kNone;
 };
 
-// One a subscription.
+// One for each subscription.
 using RadioPictures = std::array<RadioPicture, kSubscriptions>;
 
 }  // namespace pelmar::sim

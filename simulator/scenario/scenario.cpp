@@ -2,25 +2,179 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
+
+#include "io/text.h"
 
 namespace pelmar::sim {
 
 namespace {
 
-// Both points are the same before the first and after the last one.
-struct Surroundings {
-  const Scenario::Point& before;
-  const Scenario::Point& after;
-  double share;  // of the way from one to the other
+using Json = nlohmann::json;
+
+constexpr size_t kMaxBytes = size_t{1} << 20;
+constexpr double kMaxSeconds = 1'000'000;
+constexpr std::string_view kPresenceName = "present";
+constexpr NumberRange kPresenceRange = {0, 1};
+
+// A value and how its place is called.
+struct Node {
+  const Json& value;
+  std::string place;
+
+  [[noreturn]] void refuse(const std::string& problem) const {
+    throw ScenarioError((place.empty() ? "the scenario" : place) + ": " + problem);
+  }
+
+  Node operator[](size_t index) const { return {value[index], place + '[' + std::to_string(index) + ']'}; }
+
+  // Nothing where the object has no such member.
+  std::optional<Node> find(const char* name) const {
+    const auto member = value.find(name);
+    if (member == value.end()) return std::nullopt;
+    return Node{*member, place.empty() ? name : place + '.' + name};
+  }
+
+  Node get(const char* name) const {
+    if (const auto member = find(name)) return *member;
+    refuse(std::string("\"") + name + "\" is missing");
+  }
+
+  void require_object(std::initializer_list<std::string_view> members) const {
+    if (!value.is_object()) refuse("an object is expected");
+    for (const auto& [name, member] : value.items()) {
+      if (std::find(members.begin(), members.end(), name) == members.end()) refuse("unknown member \"" + name + '"');
+    }
+  }
+
+  void require_array() const {
+    if (!value.is_array() || value.empty()) refuse("an array of at least one element is expected");
+  }
+
+  const std::string& text() const {
+    if (!value.is_string()) refuse("a string is expected");
+    return value.get_ref<const std::string&>();
+  }
+
+  double number(const NumberRange& range) const {
+    if (!value.is_number()) refuse("a number is expected");
+    const double number = value.get<double>();
+    if (!(number >= range.least && number <= range.most)) {
+      refuse(value.dump() + " is not within " + Json(range.least).dump() + " to " + Json(range.most).dump());
+    }
+    return number;
+  }
 };
 
-Surroundings surroundings(const std::vector<Scenario::Point>& points, double seconds) {
-  const auto after = std::upper_bound(points.begin(), points.end(), seconds,
-                                      [](double time, const Scenario::Point& point) { return time < point.seconds; });
-  if (after == points.begin()) return {points.front(), points.front(), 0};
-  const auto before = std::prev(after);
-  if (after == points.end()) return {*before, *before, 0};
-  return {*before, *after, (seconds - before->seconds) / (after->seconds - before->seconds)};
+// By name, by number, or by number as text such as "0x52".
+const StatisticRow& parse_statistic(const Node& node) {
+  const StatisticRow* row = nullptr;
+  if (node.value.is_number_unsigned() && node.value.get<uint64_t>() <= UINT32_MAX) {
+    row = find_statistic(node.value.get<uint32_t>());
+  } else {
+    const std::string& text = node.text();
+    const auto number = parse_number(text);
+    row = number && *number <= UINT32_MAX ? find_statistic(static_cast<uint32_t>(*number)) : find_statistic(text);
+  }
+  if (row == nullptr) node.refuse("the modem has no statistic " + node.value.dump());
+  return *row;
+}
+
+size_t parse_field(const Node& node, const StatisticRow& row) {
+  const std::string& name = node.text();
+  if (name == kPresenceName) return Scenario::kPresence;
+  const statistics::Field* const field = row.find_field(name);
+  if (field == nullptr) node.refuse(std::string(row.name) + " has no field \"" + name + '"');
+  return static_cast<size_t>(field - row.fields.data());
+}
+
+bool parse_stepping(const Node& node) {
+  const std::string& text = node.text();
+  if (text != "linear" && text != "step") node.refuse("\"linear\" or \"step\" is expected");
+  return text == "step";
+}
+
+NumberRange range_of_field(const StatisticRow& row, size_t field) {
+  return field == Scenario::kPresence ? kPresenceRange : range_of(row.fields[field].type);
+}
+
+// [SECONDS, NUMBER...]
+Scenario::Point parse_point(const Node& node, const StatisticRow& row, const std::vector<size_t>& fields) {
+  if (!node.value.is_array() || node.value.size() != fields.size() + 1) {
+    node.refuse("the time and " + std::to_string(fields.size()) + " numbers, one a field, are expected");
+  }
+  Scenario::Point point{node[0].number({0, kMaxSeconds}), {}};
+  for (size_t i = 0; i < fields.size(); ++i) {
+    point.numbers.push_back(node[i + 1].number(range_of_field(row, fields[i])));
+  }
+  return point;
+}
+
+Scenario::Track parse_track(const Node& node) {
+  node.require_object({"sub", "statistic", "fields", "interpolation", "points"});
+  Scenario::Track track{};
+  const double sub = node.get("sub").number({0, kSubscriptions - 1});
+  if (sub != std::floor(sub)) node.get("sub").refuse("a whole number is expected");
+  const StatisticRow& row = parse_statistic(node.get("statistic"));
+  track.key = {static_cast<uint16_t>(sub), row.id};
+
+  const Node fields = node.get("fields");
+  fields.require_array();
+  for (size_t i = 0; i < fields.value.size(); ++i) track.fields.push_back(parse_field(fields[i], row));
+
+  if (const auto interpolation = node.find("interpolation")) track.is_stepped = parse_stepping(*interpolation);
+
+  const Node points = node.get("points");
+  points.require_array();
+  for (size_t i = 0; i < points.value.size(); ++i) {
+    track.points.push_back(parse_point(points[i], row, track.fields));
+    if (i > 0 && track.points[i].seconds <= track.points[i - 1].seconds) {
+      points[i][0].refuse("a time after that of the point before is expected");
+    }
+  }
+  return track;
+}
+
+std::vector<Scenario::Track> parse_tracks(const Node& node, double repeat) {
+  node.require_array();
+  std::vector<Scenario::Track> tracks;
+  std::set<std::pair<StatisticKey, size_t>> taken;
+  for (size_t i = 0; i < node.value.size(); ++i) {
+    tracks.push_back(parse_track(node[i]));
+    const Scenario::Track& track = tracks.back();
+    for (size_t f = 0; f < track.fields.size(); ++f) {
+      if (!taken.emplace(track.key, track.fields[f]).second) {
+        node[i].get("fields")[f].refuse("this field has its numbers already");
+      }
+    }
+    const size_t last = track.points.size() - 1;
+    if (repeat > 0 && track.points[last].seconds > repeat) {
+      node[i].get("points")[last][0].refuse("the scenario begins anew before that time");
+    }
+  }
+  return tracks;
+}
+
+// What the JSON library says, without the name of its error.
+std::string plain_text(const Json::exception& error) {
+  const std::string text = error.what();
+  const size_t place = text.find("line ");
+  return text.substr(place != text.npos ? place : text.find("] ") + 2);
+}
+
+Json parse_json(std::string_view text) {
+  if (text.size() > kMaxBytes) throw ScenarioError("the scenario: larger than " + std::to_string(kMaxBytes) + " bytes");
+  try {
+    return Json::parse(text);
+  } catch (const Json::exception& error) {
+    throw ScenarioError("no JSON: " + plain_text(error));
+  }
 }
 
 }  // namespace
@@ -31,17 +185,47 @@ std::optional<ScenarioNumbers> Scenario::at(const StatisticKey& key, double seco
   for (const Track& track : tracks_) {
     if (track.key != key) continue;
     if (!found) found = ScenarioNumbers{true, {}};
-    const auto [before, after, share] = surroundings(track.points, time);
+    // Before the first point and after the last one, both are that point.
+    auto after = std::upper_bound(track.points.begin(), track.points.end(), time,
+                                  [](double moment, const Point& point) { return moment < point.seconds; });
+    const auto before = after == track.points.begin() ? after : std::prev(after);
+    if (after == track.points.end()) after = before;
+    const double share = after == before ? 0 : (time - before->seconds) / (after->seconds - before->seconds);
     for (size_t i = 0; i < track.fields.size(); ++i) {
-      const double number = before.numbers[i];
+      const double number = before->numbers[i];
       if (track.fields[i] == kPresence) {
         found->is_there = number != 0;
       } else {
-        found->fields[track.fields[i]] = track.is_stepped ? number : std::lerp(number, after.numbers[i], share);
+        found->fields[track.fields[i]] = track.is_stepped ? number : std::lerp(number, after->numbers[i], share);
       }
     }
   }
   return found;
+}
+
+Scenario parse_scenario(std::string_view text) {
+  const Json json = parse_json(text);
+  const Node root{json, ""};
+  root.require_object({"description", "repeat", "tracks"});
+  const auto description = root.find("description");
+  const auto repeat = root.find("repeat");
+  const double repeat_seconds = repeat ? repeat->number({0.001, kMaxSeconds}) : 0;
+  return {description ? description->text() : "", repeat_seconds, parse_tracks(root.get("tracks"), repeat_seconds)};
+}
+
+Scenario load_scenario(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) throw ScenarioError(path + ": no such file");
+  std::ifstream file(path, std::ios::binary);
+  std::string text(kMaxBytes + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  if (file.bad() || !file.is_open()) throw ScenarioError(path + ": cannot be read");
+  text.resize(static_cast<size_t>(file.gcount()));
+  try {
+    return parse_scenario(text);
+  } catch (const ScenarioError& problem) {
+    throw ScenarioError(path + ": " + problem.what());
+  }
 }
 
 }  // namespace pelmar::sim

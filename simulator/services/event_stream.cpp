@@ -4,13 +4,12 @@
 #include <numeric>
 
 #include "qmi_codec.h"
-#include "services/vs_service.h"
 
 namespace pelmar::sim {
 
 namespace {
 
-constexpr uint32_t kBurst = 4;  // indications until the others have their turn
+constexpr uint32_t kBurst = 4;  // indications in one round of the loop
 
 // A wake-up by the timer costs more than an indication, so a fast stream wakes seldom and sends several at once.
 constexpr std::chrono::microseconds kShortestPause{200};
@@ -33,11 +32,9 @@ void fill(vs::ReportAIndication& report) {
 }  // namespace
 
 std::optional<uint8_t> EventStream::start(const Plan& plan) {
-  Modem::Slot& slot = *modem_.find(static_cast<uint8_t>(vs::kServiceId));
-  const auto& service = static_cast<const VsService&>(*slot.service);
   std::optional<uint8_t> found;
-  slot.clients.for_each([&](uint8_t client, Connection&) {
-    const bool fits = plan.client ? client == *plan.client : service.wants(client, vs::kReportAIndication);
+  modem_.find(service_.id())->clients.for_each([&](uint8_t client, Connection&) {
+    const bool fits = plan.client ? client == *plan.client : service_.wants(client, vs::kReportAIndication);
     if (fits && !found) found = client;
   });
   if (!found) return std::nullopt;
@@ -56,7 +53,7 @@ void EventStream::stop() {
 }
 
 Connection* EventStream::receiver() {
-  Modem::Slot* const slot = modem_.find_running(static_cast<uint8_t>(vs::kServiceId));
+  Modem::Slot* const slot = modem_.find_running(service_.id());
   return slot == nullptr ? nullptr : slot->clients.owner(client_);
 }
 
@@ -86,8 +83,7 @@ void EventStream::run(uint64_t stream) {
 
 void EventStream::send_next() {
   report_.value = report_.trailer = next_++;
-  modem_.indicate(*modem_.find(static_cast<uint8_t>(vs::kServiceId)), client_, vs::kReportAIndication, &report_,
-                  sizeof report_);
+  modem_.indicate(*modem_.find(service_.id()), client_, vs::kReportAIndication, &report_, sizeof report_);
 }
 
 }  // namespace pelmar::sim

@@ -1,6 +1,7 @@
-// A run of the largest events for one client, numbered from 0: how a client's event path is measured and strained.
+// A stream of the largest events for one client, numbered from 0. It measures a client's event path under full load.
 //
-// The stream waits for a client that does not keep up, so nothing is lost, and it lets the others have their turn.
+// The stream waits while the client has not read the earlier events, so no event is lost. It sends a few at a time, so
+// that the modem serves its other clients in between.
 #pragma once
 
 #include <chrono>
@@ -9,7 +10,7 @@
 
 #include "io/event_loop.h"
 #include "qmi/modem.h"
-#include "vs_messages.h"
+#include "services/vs_service.h"
 
 namespace pelmar::sim {
 
@@ -18,10 +19,11 @@ class EventStream {
   struct Plan {
     uint32_t count;
     std::chrono::microseconds interval;  // 0: as fast as the client reads
-    std::optional<uint8_t> client;       // nothing: the first that asked for the event
+    std::optional<uint8_t> client;       // nothing: the first that has registered for the event
   };
 
-  EventStream(EventLoop& loop, Modem& modem) : loop_(loop), modem_(modem) {}
+  EventStream(EventLoop& loop, Modem& modem, const VsService& service)
+      : loop_(loop), modem_(modem), service_(service) {}
 
   // Ends an earlier stream. Returns the client, or nothing where there is none.
   std::optional<uint8_t> start(const Plan& plan);
@@ -38,10 +40,11 @@ class EventStream {
 
   EventLoop& loop_;
   Modem& modem_;
+  const VsService& service_;
   Plan plan_{};
   uint8_t client_ = 0;
   uint32_t next_ = 0;
-  uint64_t stream_ = 0;  // tells a wake-up of an earlier stream
+  uint64_t stream_ = 0;  // the stream's number, by which a timer of an earlier stream is recognised
   EventLoop::Clock::time_point started_;
   vs::ReportAIndication report_{};
 };

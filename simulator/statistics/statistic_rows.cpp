@@ -1,15 +1,19 @@
 #include "statistics/statistic_rows.h"
 
 #include <algorithm>
-#include <array>
+#include <bit>
 #include <cmath>
-#include <cstring>
+#include <iterator>
 #include <limits>
-#include <stdexcept>
 
 namespace pelmar::sim {
 
 namespace {
+
+constexpr double kVersion = 1;
+constexpr double kStacks = 1;
+
+// --- the numbers of each value, in the order of its fields ---
 
 // Levels and ratios of receive chains go in tenths of dBm or dB; powers and losses of the uplink in whole dBm or dB, or
 // as floats.
@@ -17,282 +21,198 @@ constexpr double tenths(double value) {
   return value * 10;
 }
 
-enum : uint8_t { kVersion = 1, kStacks = 1 };
-
-struct Reading {
-  std::string_view name;  // the field's, with a number where several fields have it
-  double (*read)(const RadioSample& sample, size_t carrier);
-};
-
-template <size_t kCount>
-consteval std::array<StatisticField, kCount> fields(const statistics::Field (&wire)[kCount],
-                                                    const Reading (&readings)[kCount]) {
-  std::array<StatisticField, kCount> all = {};
-  for (size_t i = 0; i < kCount; ++i) {
-    if (!readings[i].name.starts_with(wire[i].name)) throw std::logic_error("not the field of this place");
-    all[i] = {readings[i].name, wire[i].type, readings[i].read};
+Numbers lte_cell(const RadioSample& sample, size_t carrier) {
+  const LteCarrier& from = sample.lte[carrier];
+  Numbers numbers = {kVersion,
+                     kVersion,
+                     static_cast<double>(from.earfcn),
+                     static_cast<double>(from.physical_cell_id),
+                     static_cast<double>(from.is_there),
+                     static_cast<double>(from.measured_chains)};
+  auto place = numbers.begin() + 6;
+  for (const Levels& chain : from.chains) {
+    for (const double level : {chain.rsrp, chain.rsrq, chain.rssi, chain.snr}) *place++ = tenths(level);
   }
-  return all;
+  return numbers;
 }
 
-// clang-format off
-#define FIELD(name, expression)                                                                        \
-  {name, []([[maybe_unused]] const RadioSample& sample, [[maybe_unused]] size_t carrier) -> double { \
-     return static_cast<double>(expression);                                                         \
-   }}
-#define VERSION(name) FIELD(name, kVersion)
+// Whole dB and dBm. The last power is what the cell asks for, also where that is above the limit.
+Numbers lte_uplink(const RadioSample& sample, size_t) {
+  const Uplink& from = sample.lte_uplink;
+  return {kVersion, from.power(), from.path_loss, from.max_power, from.demanded_power};
+}
 
-// --- LTE ---
+template <double Levels::*Level>
+Numbers nr_chains(const RadioSample& sample, size_t carrier) {
+  const auto& chains = sample.nr[carrier].chains;
+  return {kVersion, tenths(chains[0].*Level), tenths(chains[1].*Level), tenths(chains[2].*Level),
+          tenths(chains[3].*Level)};
+}
 
-#define CHAIN(i)                                                                 \
-  FIELD("rsrp_rx" #i, tenths(sample.lte[carrier].chains[i].rsrp)),         \
-  FIELD("rsrq_rx" #i, tenths(sample.lte[carrier].chains[i].rsrq)),         \
-  FIELD("rssi_rx" #i, tenths(sample.lte[carrier].chains[i].rssi)),         \
-  FIELD("snr_rx" #i,  tenths(sample.lte[carrier].chains[i].snr))
-constexpr auto kLteCell = fields(statistics::kLteCell, {
-    VERSION("version"),
-    VERSION("version_ssmr"),
-    FIELD("earfcn",         sample.lte[carrier].earfcn),
-    FIELD("pci",            sample.lte[carrier].physical_cell_id),
-    FIELD("is_srv_cell",    sample.lte[carrier].is_there),
-    FIELD("rx_valid",       sample.lte[carrier].measured_chains),
-    CHAIN(0), CHAIN(1), CHAIN(2), CHAIN(3)
-});
-#undef CHAIN
+Numbers nr_cell(const RadioSample& sample, size_t carrier) {
+  Numbers numbers = nr_chains<&Levels::rsrp>(sample, carrier);
+  numbers[1 + kChains] = tenths(sample.nr[carrier].rsrq);
+  return numbers;
+}
 
-// Whole dB and dBm. The extended power is what the cell asks for, also where that is above the limit.
-constexpr auto kLteUplink = fields(statistics::kLteUplink, {
-    VERSION("version"),
-    FIELD("pusch_tx_power",    sample.lte_uplink.power()),
-    FIELD("dl_path_loss",      sample.lte_uplink.path_loss),
-    FIELD("max_power",         sample.lte_uplink.max_power),
-    FIELD("pusch_ex_tx_power", sample.lte_uplink.demanded_power)
-});
+// For each receive chain and each transmitter: the antenna before the last switch and the one after it.
+Numbers nr_antennas(const RadioSample& sample, size_t) {
+  Numbers numbers = {kVersion};
+  auto place = numbers.begin() + 1;
+  for (size_t i = 0; i < kChains + 2; ++i) {
+    for (const uint8_t config : {sample.antennas.previous_config, sample.antennas.config}) {
+      *place++ = i < kChains ? Antennas::of_chain(i, config) : Antennas::of_transmitter(i - kChains, config);
+    }
+  }
+  return numbers;
+}
 
-// --- NR ---
+// Floats in dB and dBm, for the shared channel, the control channel, sounding and random access. The control channel
+// has less power than the shared one, and random access starts below both.
+Numbers nr_uplink(const RadioSample& sample, size_t) {
+  const Uplink& from = sample.nr_uplink;
+  Numbers numbers = {kVersion};
+  auto place = numbers.begin() + 1;
+  for (const double offset : {0, -3, -1, -6}) *place++ = std::min(from.demanded_power + offset, from.max_power);
+  place = std::fill_n(place, 4, from.max_power);
+  std::fill_n(place, kChains, from.path_loss);
+  return numbers;
+}
 
-#define CHAINS(name, member)                                                     \
-  FIELD(name "0", tenths(sample.nr[carrier].chains[0].member)),            \
-  FIELD(name "1", tenths(sample.nr[carrier].chains[1].member)),            \
-  FIELD(name "2", tenths(sample.nr[carrier].chains[2].member)),            \
-  FIELD(name "3", tenths(sample.nr[carrier].chains[3].member))
-constexpr auto kNrCell = fields(statistics::kNrCell, {
-    VERSION("version"),
-    CHAINS("rsrp_rx", rsrp),
-    FIELD("rsrq",      tenths(sample.nr[carrier].rsrq))
-});
+Numbers wcdma_search(const RadioSample& sample, size_t) {
+  return {kVersion, tenths(sample.wcdma_levels[0]), tenths(sample.wcdma_levels[1])};
+}
 
-constexpr auto kNrReceiveGain = fields(statistics::kNrReceiveGain, {
-    VERSION("version"),
-    CHAINS("rssi", rssi)
-});
+Numbers gsm_levels(const RadioSample& sample, size_t) {
+  return {kVersion, tenths(sample.gsm_levels[0]), tenths(sample.gsm_levels[1])};
+}
 
-constexpr auto kNrTracking = fields(statistics::kNrTracking, {
-    VERSION("version"),
-    CHAINS("snr", snr)
-});
-#undef CHAINS
+// The switch's paths are those to the antennas of the first receive chain and the first transmitter, a bit each.
+Numbers antenna_switch(const RadioSample& sample, size_t) {
+  const Antennas& from = sample.antennas;
+  const double receive_path = 1u << Antennas::of_chain(0, from.config);
+  const double transmit_path = 1u << Antennas::of_transmitter(0, from.config);
+  return {kVersion, kAntennas, receive_path, transmit_path, double(from.previous_config), double(from.config)};
+}
 
-#define SWITCHED(name, chain_antenna, chain)                                                            \
-  FIELD(name "_old", Antennas::chain_antenna(chain, sample.antennas.previous_config)),             \
-  FIELD(name "_new", Antennas::chain_antenna(chain, sample.antennas.config))
-constexpr auto kNrAntennas = fields(statistics::kNrAntennas, {
-    VERSION("version"),
-    SWITCHED("ant_rx_0", of_chain, 0),
-    SWITCHED("ant_rx_1", of_chain, 1),
-    SWITCHED("ant_rx_2", of_chain, 2),
-    SWITCHED("ant_rx_3", of_chain, 3),
-    SWITCHED("ant_tx_0", of_transmitter, 0),
-    SWITCHED("ant_tx_1", of_transmitter, 1)
-});
-#undef SWITCHED
+Numbers system_mode(const RadioSample& sample, size_t) {
+  return {kStacks, static_cast<double>(sample.mode)};
+}
 
-// Floats in dB and dBm. The control channel has less than the shared one, random access starts below both.
-constexpr double kControlOffset = -3;
-constexpr double kSoundingOffset = -1;
-constexpr double kRandomAccessOffset = -6;
-#define LIMITED(offset) std::min(sample.nr_uplink.demanded_power + (offset), sample.nr_uplink.max_power)
-constexpr auto kNrUplink = fields(statistics::kNrUplink, {
-    VERSION("version_hook"),
-    FIELD("tx_power_pusch",  LIMITED(0)),
-    FIELD("tx_power_pucch",  LIMITED(kControlOffset)),
-    FIELD("tx_power_srs",    LIMITED(kSoundingOffset)),
-    FIELD("tx_power_prach",  LIMITED(kRandomAccessOffset)),
-    FIELD("mtpl_pusch",      sample.nr_uplink.max_power),
-    FIELD("mtpl_pucch",      sample.nr_uplink.max_power),
-    FIELD("mtpl_srs",        sample.nr_uplink.max_power),
-    FIELD("mtpl_prach",      sample.nr_uplink.max_power),
-    FIELD("pathloss0",       sample.nr_uplink.path_loss),
-    FIELD("pathloss1",       sample.nr_uplink.path_loss),
-    FIELD("pathloss2",       sample.nr_uplink.path_loss),
-    FIELD("pathloss3",       sample.nr_uplink.path_loss)
-});
-#undef LIMITED
+// --- the rows ---
 
-// --- the others ---
+bool always(const RadioSample&, size_t) {
+  return true;
+}
+bool on_lte(const RadioSample& sample, size_t carrier) {
+  return sample.lte[carrier].is_there;
+}
+bool on_nr(const RadioSample& sample, size_t carrier) {
+  return sample.nr[carrier].is_there;
+}
 
-constexpr auto kWcdmaSearch = fields(statistics::kWcdmaSearch, {
-    VERSION("version"),
-    FIELD("rx_agc_0",  tenths(sample.wcdma_levels[0])),
-    FIELD("rx_agc_1",  tenths(sample.wcdma_levels[1]))
-});
-
-constexpr auto kGsmLevels = fields(statistics::kGsmLevels, {
-    VERSION("version"),
-    FIELD("rx_prx",    tenths(sample.gsm_levels[0])),
-    FIELD("rx_drx",    tenths(sample.gsm_levels[1]))
-});
-
-// The switch's paths are those to the antennas of the first receive and the first transmit chain, a bit each.
-constexpr auto kAntennaSwitch = fields(statistics::kAntennaSwitch, {
-    VERSION("version"),
-    FIELD("ant_number",      kAntennas),
-    FIELD("ant_switch_path", 1u << Antennas::of_chain(0, sample.antennas.config)),
-    FIELD("sig_path",        1u << Antennas::of_transmitter(0, sample.antennas.config)),
-    FIELD("old_config",      sample.antennas.previous_config),
-    FIELD("new_config",      sample.antennas.config)
-});
-
-constexpr auto kSystemMode = fields(statistics::kSystemMode, {
-    FIELD("stack_max", kStacks),
-    FIELD("rat",       sample.mode)
-});
-#undef VERSION
-#undef FIELD
-
-bool always(const RadioSample&, size_t) { return true; }
-bool on_lte(const RadioSample& sample, size_t carrier) { return sample.lte[carrier].is_there; }
-bool on_nr(const RadioSample& sample, size_t carrier) { return sample.nr[carrier].is_there; }
-
-constexpr StatisticRow row(std::string_view name, size_t carrier, std::span<const StatisticField> fields,
-                           bool (*is_there)(const RadioSample& sample, size_t carrier)) {
-  const auto value = std::ranges::find(statistics::kValues, name, &statistics::Value::name);
-  return {value->id, name, carrier, fields, is_there};
+constexpr StatisticRow row(uint32_t id, size_t carrier, decltype(StatisticRow::read) read,
+                           decltype(StatisticRow::is_there) is_there) {
+  const statistics::Value& value = *statistics::find_value(id);
+  return {id, value.name, value.fields, carrier, read, is_there};
 }
 
 constexpr StatisticRow kRows[] = {
-    row("lte-pcc", 0, kLteCell, on_lte),
-    row("lte-scc1", 1, kLteCell, on_lte),
-    row("lte-scc2", 2, kLteCell, on_lte),
-    row("lte-scc3", 3, kLteCell, on_lte),
-    row("lte-scc4", 4, kLteCell, on_lte),
-    row("lte-scc5", 5, kLteCell, on_lte),
-    row("lte-scc6", 6, kLteCell, on_lte),
-    row("lte-uplink", 0, kLteUplink, on_lte),
-    row("nr-pcc", 0, kNrCell, on_nr),
-    row("nr-scc1", 1, kNrCell, on_nr),
-    row("nr-scc2", 2, kNrCell, on_nr),
-    row("nr-rx-gain", 0, kNrReceiveGain, on_nr),
-    row("nr-tracking", 0, kNrTracking, on_nr),
-    row("nr-antennas", 0, kNrAntennas, on_nr),
-    row("nr-uplink", 0, kNrUplink, on_nr),
-    row("wcdma-search", 0, kWcdmaSearch, always),
-    row("gsm-levels", 0, kGsmLevels, always),
-    row("antenna-switch", 0, kAntennaSwitch, always),
-    row("system-mode", 0, kSystemMode, always),
+    row(0x52, 0, lte_cell, on_lte),
+    row(0x67, 1, lte_cell, on_lte),
+    row(0x68, 2, lte_cell, on_lte),
+    row(0x69, 3, lte_cell, on_lte),
+    row(0x6a, 4, lte_cell, on_lte),
+    row(0x6b, 5, lte_cell, on_lte),
+    row(0x6c, 6, lte_cell, on_lte),
+    row(0x62, 0, lte_uplink, on_lte),
+    row(0x87, 0, nr_cell, on_nr),
+    row(0x06, 1, nr_cell, on_nr),
+    row(0x07, 2, nr_cell, on_nr),
+    row(0x5e, 0, nr_chains<&Levels::rssi>, on_nr),
+    row(0x70, 0, nr_chains<&Levels::snr>, on_nr),
+    row(0x71, 0, nr_antennas, on_nr),
+    row(0x5a, 0, nr_uplink, on_nr),
+    row(0x6e, 0, wcdma_search, always),
+    row(0x6f, 0, gsm_levels, always),
+    row(0x64, 0, antenna_switch, always),
+    row(0x2c, 0, system_mode, always),
 };
-// clang-format on
+static_assert(std::size(statistics::kLteCell) == kMaxFields);
+static_assert(std::size(kRows) == std::size(statistics::kValues));
 
-constexpr size_t bytes_of(std::span<const StatisticField> fields) {
-  size_t bytes = 0;
-  for (const StatisticField& field : fields) bytes += width_of(field.type);
-  return bytes;
-}
-static_assert(bytes_of(kLteCell) == kMaxPackedBytes && std::size(kLteCell) == kMaxFields);
+template <typename Number>
+constexpr NumberRange kRangeOf = {static_cast<double>(std::numeric_limits<Number>::lowest()),
+                                  static_cast<double>(std::numeric_limits<Number>::max())};
 
-template <typename Integer>
-constexpr NumberRange kRangeOf = {static_cast<double>(std::numeric_limits<Integer>::min()),
-                                  static_cast<double>(std::numeric_limits<Integer>::max())};
+// By WireType.
+constexpr NumberRange kRanges[] = {kRangeOf<uint8_t>,  kRangeOf<uint16_t>, kRangeOf<int16_t>,
+                                   kRangeOf<uint32_t>, kRangeOf<int32_t>,  kRangeOf<float>};
 
-void put(WireType type, double number, uint8_t* bytes) {
+uint64_t to_wire(WireType type, double number) {
   const auto [least, most] = range_of(type);
   const double fitting = std::clamp(number, least, most);
-  if (type == WireType::kFloat) {
-    const auto value = static_cast<float>(fitting);
-    std::memcpy(bytes, &value, sizeof value);
-    return;
-  }
-  const auto integer = static_cast<uint64_t>(std::llround(fitting));
-  for (size_t i = 0; i < width_of(type); ++i) bytes[i] = static_cast<uint8_t>(integer >> (8 * i));
+  if (type == WireType::kFloat) return std::bit_cast<uint32_t>(static_cast<float>(fitting));
+  return static_cast<uint64_t>(std::llround(fitting));
 }
 
-template <typename Value>
-double read_as(const uint8_t* bytes) {
-  Value value;
-  std::memcpy(&value, bytes, sizeof value);
-  return static_cast<double>(value);
+template <typename Rows, typename Predicate>
+auto find_row(const Rows& rows, Predicate predicate) {
+  const auto found = std::find_if(std::begin(rows), std::end(rows), predicate);
+  return found == std::end(rows) ? nullptr : &*found;
 }
 
 }  // namespace
 
 NumberRange range_of(WireType type) {
-  switch (type) {
-    case WireType::kU8:
-      return kRangeOf<uint8_t>;
-    case WireType::kU16:
-      return kRangeOf<uint16_t>;
-    case WireType::kI16:
-      return kRangeOf<int16_t>;
-    case WireType::kU32:
-      return kRangeOf<uint32_t>;
-    case WireType::kI32:
-      return kRangeOf<int32_t>;
-    case WireType::kFloat:
-      break;
-  }
-  return {-std::numeric_limits<float>::max(), std::numeric_limits<float>::max()};
-}
-
-const StatisticField* StatisticRow::find_field(std::string_view field) const {
-  const auto found = std::find_if(fields.begin(), fields.end(), [&](const auto& each) { return each.name == field; });
-  return found == fields.end() ? nullptr : &*found;
-}
-
-size_t StatisticRow::size() const {
-  return bytes_of(fields);
+  return kRanges[static_cast<size_t>(type)];
 }
 
 std::span<const StatisticRow> statistic_rows() {
   return kRows;
 }
 
+std::string StatisticRow::field_name(const statistics::Field& field) const {
+  const auto has_name = [&](const auto& each) { return std::string_view(each.name) == field.name; };
+  if (std::count_if(fields.begin(), fields.end(), has_name) == 1) return field.name;
+  return field.name + std::to_string(std::count_if(fields.data(), &field, has_name));
+}
+
+const statistics::Field* StatisticRow::find_field(std::string_view wanted) const {
+  return find_row(fields, [&](const statistics::Field& field) { return field_name(field) == wanted; });
+}
+
 const StatisticRow* find_statistic(uint32_t id) {
-  const auto found = std::find_if(std::begin(kRows), std::end(kRows), [&](const auto& row) { return row.id == id; });
-  return found == std::end(kRows) ? nullptr : found;
+  return find_row(kRows, [&](const StatisticRow& row) { return row.id == id; });
 }
 
 const StatisticRow* find_statistic(std::string_view name) {
-  const auto found =
-      std::find_if(std::begin(kRows), std::end(kRows), [&](const auto& row) { return row.name == name; });
-  return found == std::end(kRows) ? nullptr : found;
+  return find_row(kRows, [&](const StatisticRow& row) { return row.name == name; });
 }
 
 size_t pack(const StatisticRow& row, std::span<const double> numbers, std::span<uint8_t> bytes) {
-  size_t at = 0;
+  size_t size = 0;
   for (size_t i = 0; i < row.fields.size(); ++i) {
     const WireType type = row.fields[i].type;
-    put(type, numbers[i], bytes.data() + at);
-    at += width_of(type);
+    const uint64_t wire = to_wire(type, numbers[i]);
+    for (size_t byte = 0; byte < width_of(type); ++byte) bytes[size++] = static_cast<uint8_t>(wire >> (8 * byte));
   }
-  return at;
+  return size;
 }
 
 double unpack(WireType type, const uint8_t* bytes) {
+  uint32_t wire = 0;
+  for (size_t i = 0; i < width_of(type); ++i) wire |= uint32_t{bytes[i]} << (8 * i);
   switch (type) {
-    case WireType::kU8:
-      return bytes[0];
-    case WireType::kU16:
-      return read_as<uint16_t>(bytes);
-    case WireType::kI16:
-      return read_as<int16_t>(bytes);
-    case WireType::kU32:
-      return read_as<uint32_t>(bytes);
-    case WireType::kI32:
-      return read_as<int32_t>(bytes);
     case WireType::kFloat:
-      break;
+      return std::bit_cast<float>(wire);
+    case WireType::kI16:
+      return static_cast<int16_t>(wire);
+    case WireType::kI32:
+      return static_cast<int32_t>(wire);
+    default:
+      return wire;
   }
-  return read_as<float>(bytes);
 }
 
 }  // namespace pelmar::sim

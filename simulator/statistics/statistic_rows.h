@@ -1,15 +1,17 @@
-// The simulated modem's numbers for the statistics values (statistic_tables.h).
+// The simulated modem's numbers for the statistics values, whose fields are in statistic_tables.h.
 //
-// A field says where in a radio sample its number is; its unit is stated beside its rows. A number that does not fit
-// its field is cut to the field's range.
+// A row has the function that reads the numbers of a value, one for each field and in the field's unit, from a radio
+// sample. A number beyond the range of its field's type becomes the nearest one in it.
 #pragma once
 
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
-#include "radio/radio_sample.h"
+#include "radio/radio_picture.h"
 #include "statistic_tables.h"
 
 namespace pelmar::sim {
@@ -24,25 +26,21 @@ struct NumberRange {
 
 NumberRange range_of(WireType type);
 
-struct StatisticField {
-  std::string_view name;
-  WireType type;
-  double (*read)(const RadioSample& sample, size_t carrier);
-};
+inline constexpr size_t kMaxFields = 22;
+using Numbers = std::array<double, kMaxFields>;
 
 struct StatisticRow {
   uint32_t id;
   std::string_view name;
+  std::span<const statistics::Field> fields;
   size_t carrier;  // for the values that several carriers have; else 0
-  std::span<const StatisticField> fields;
+  Numbers (*read)(const RadioSample& sample, size_t carrier);
   bool (*is_there)(const RadioSample& sample, size_t carrier);
 
-  const StatisticField* find_field(std::string_view field) const;
-  size_t size() const;  // of the value
+  // The field's name; where several fields of the value share it, with a number behind it: "pathloss2".
+  std::string field_name(const statistics::Field& field) const;
+  const statistics::Field* find_field(std::string_view name) const;
 };
-
-inline constexpr size_t kMaxFields = 22;
-inline constexpr size_t kMaxPackedBytes = 75;
 
 std::span<const StatisticRow> statistic_rows();
 
@@ -57,10 +55,10 @@ struct StatisticKey {
 const StatisticRow* find_statistic(uint32_t id);
 const StatisticRow* find_statistic(std::string_view name);
 
-// numbers: one a field. Writes the value's bytes and returns how many.
+// numbers: one for each field. Writes the value's bytes and returns their number.
 size_t pack(const StatisticRow& row, std::span<const double> numbers, std::span<uint8_t> bytes);
 
-// The field's number at the front of the bytes, which are as many as its width.
+// The number of a field that begins there.
 double unpack(WireType type, const uint8_t* bytes);
 
 }  // namespace pelmar::sim

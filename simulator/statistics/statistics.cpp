@@ -22,31 +22,30 @@ void Statistics::play(Scenario scenario) {
   scenario_ = Playing{std::move(scenario), clock_.now()};
 }
 
-void Statistics::Numbers::replace(const std::array<std::optional<double>, kMaxFields>& by) {
+void Statistics::Value::replace(const std::array<std::optional<double>, kMaxFields>& by) {
   for (size_t i = 0; i < by.size(); ++i) fields[i] = by[i].value_or(fields[i]);
 }
 
-Statistics::Numbers Statistics::numbers(StatisticKey key, const StatisticRow& row) const {
+Statistics::Value Statistics::value_of(StatisticKey key, const StatisticRow& row) const {
   const RadioSample radio = sample(key);
-  Numbers numbers;
-  for (size_t i = 0; i < row.fields.size(); ++i) numbers.fields[i] = row.fields[i].read(radio, row.carrier);
-  if (row.is_there(radio, row.carrier)) numbers.source = Source::kRadio;
+  const bool is_there = row.is_there(radio, row.carrier);
+  Value value{is_there ? Source::kRadio : Source::kNone, row.read(radio, row.carrier)};
   if (const auto played = scenario_ ? scenario_->scenario.at(key, seconds_played()) : std::nullopt) {
-    numbers.source = played->is_there ? Source::kScenario : Source::kNone;
-    numbers.replace(played->fields);
+    value.source = played->is_there ? Source::kScenario : Source::kNone;
+    value.replace(played->fields);
   }
   const auto fix = fixes_.find(key);
   if (fix != fixes_.end()) {
-    numbers.source = Source::kOperator;
-    numbers.replace(fix->second.fields);
+    value.source = Source::kUser;
+    value.replace(fix->second.fields);
   }
-  return numbers;
+  return value;
 }
 
 Statistics::Source Statistics::source(StatisticKey key) const {
-  if (fixes_.contains(key)) return Source::kOperator;
+  if (fixes_.contains(key)) return Source::kUser;
   const StatisticRow* const row = find_statistic(key.id);
-  return row != nullptr ? numbers(key, *row).source : Source::kNone;
+  return row != nullptr ? value_of(key, *row).source : Source::kNone;
 }
 
 void Statistics::read(StatisticKey key, vs::DataRecord& record) const {
@@ -61,7 +60,7 @@ void Statistics::read(StatisticKey key, vs::DataRecord& record) const {
   }
   const StatisticRow* const row = find_statistic(key.id);
   if (row == nullptr) return;
-  const Numbers value = numbers(key, *row);
+  const Value value = value_of(key, *row);
   if (value.source == Source::kNone) return;
   record.data_len = static_cast<uint32_t>(pack(*row, value.fields, record.data));
 }

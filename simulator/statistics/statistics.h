@@ -1,5 +1,5 @@
-// The values of the statistics. A value comes from the radio picture at the modem's time, unless the operator has fixed
-// it or fields of it.
+// The values of the statistics. A value comes from the radio picture at the modem's time, unless the
+// user has fixed it or fields of it.
 #pragma once
 
 #include <array>
@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "modem_clock.h"
 #include "radio/radio_picture.h"
 #include "scenario/scenario.h"
 #include "statistics/statistic_rows.h"
@@ -24,7 +23,7 @@ class Statistics {
   // Fills in the record's value; its length is 0 where the modem has none for the identifier.
   void read(StatisticKey key, vs::DataRecord& record) const;
 
-  // What has happened counts from now on: an antenna switch before is forgotten, bytes that the operator fixed are
+  // What has happened counts from now on: an antenna switch before is forgotten, and bytes that the user fixed become
   // zero.
   void clear(StatisticKey key);
   void restarted() { cleared_.clear(); }
@@ -35,7 +34,7 @@ class Statistics {
   void release(StatisticKey key);
 
   // Where the value comes from: of several, the highest.
-  enum class Source { kNone, kRadio, kScenario, kOperator };
+  enum class Source { kNone, kRadio, kScenario, kUser };
   Source source(StatisticKey key) const;
 
   // Begins now, in the place of an earlier one.
@@ -56,15 +55,15 @@ class Statistics {
   };
 
   // A value before it is packed.
-  struct Numbers {
+  struct Value {
     Source source = Source::kNone;
-    std::array<double, kMaxFields> fields{};
+    Numbers fields{};
 
     void replace(const std::array<std::optional<double>, kMaxFields>& by);
   };
 
   RadioSample sample(StatisticKey key) const;
-  Numbers numbers(StatisticKey key, const StatisticRow& row) const;
+  Value value_of(StatisticKey key, const StatisticRow& row) const;
 
   const ModemClock& clock_;
   const RadioPictures& pictures_;

@@ -16,14 +16,14 @@ namespace pelmar::sim {
 // The QMI error for a failed file operation.
 QmiError error_of_errno(int error);
 
-// One component, no path. An empty result leaves errno.
+// name: one component, no path. No descriptor, with errno, where the directory cannot be opened.
 UniqueFd open_directory(int parent, const char* name);
 UniqueFd open_or_create_directory(int parent, const char* name);
 
-// One component, which throws std::runtime_error where it cannot be had.
+// The same, creates it where it is missing; throws std::runtime_error for a failure.
 UniqueFd require_directory(int parent, const char* name);
 
-// Says which directory of the storage cannot be read, and why by errno.
+// Throws std::runtime_error that names the directory of the storage that cannot be read, and the reason by errno.
 [[noreturn]] void refuse_directory(const std::string& path);
 
 // Nothing where the entry is no regular file, cannot be read or has more than `limit` bytes.
@@ -39,11 +39,11 @@ struct Entry {
   Kind kind;  // of the entry itself: a symbolic link is neither a file nor a directory
 };
 
-// Warns the operator of a stored file that is not used.
+// Prints to standard error that a stored file is not used.
 void warn_ignored(const std::string& path, const char* why);
 
 // The entries, sorted by name. Throws std::runtime_error that names the path where the directory or the kind of an
-// entry cannot be read, since what it holds must not seem to be gone.
+// entry cannot be read: the modem must not start as if its entries did not exist.
 std::vector<Entry> list_directory(int directory, const std::string& path);
 
 }  // namespace pelmar::sim
