@@ -33,12 +33,6 @@ constexpr const char* kNumber = "NUMBER";
 constexpr const char* kMilliseconds = "MILLISECONDS";
 constexpr uint64_t kHourMs = 3'600'000;
 
-// The command line lacks something.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 // Memory that is set aside for the time when the system gives no more. One in a process, of one thread.
 //
 // The first allocation that fails frees the reserve and is tried again, so that what has begun can end: dropping a
@@ -224,13 +218,13 @@ std::string control_socket(const CtlOptions& options) {
 int run_ctl(const CLI::App& ctl, const CtlOptions& options) {
   const std::string socket = control_socket(options);
   if (socket.empty()) {
-    throw UsageError(std::string("no control socket named: give --control, --storage or set ") + kControlVariable);
+    throw CommandError(std::string("no control socket named: give --control, --storage or set ") + kControlVariable);
   }
   std::vector<std::string> words = ctl.remaining();
   if (words.size() == 2 && words[0] == "scenario" && words[1] != "stop") words[1] = std::filesystem::absolute(words[1]);
   std::string command;
   for (const std::string& word : words) command.append(command.empty() ? "" : " ").append(word);
-  if (command.empty()) throw UsageError("no command given: 'modem_sim ctl --help' lists them");
+  if (command.empty()) throw CommandError("no command given: 'modem_sim ctl --help' lists them");
   return send_control_command(socket, command, options.as_json);
 }
 
@@ -259,7 +253,7 @@ int run(int argc, char** argv) {
 int run_and_report(int argc, char** argv) {
   try {
     return run(argc, argv);
-  } catch (const UsageError& error) {
+  } catch (const CommandError& error) {
     return report(error, kExitUsage);
   } catch (const std::exception& error) {
     return report(error, kExitFailure);

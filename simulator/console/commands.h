@@ -18,14 +18,8 @@ struct Simulation;
 
 using Json = nlohmann::ordered_json;
 
-// A command that is wrong. The text says what is wrong and what is expected.
+// A command or a command line that is wrong. The text says what is wrong and what is expected.
 class CommandError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-// A right command that the modem cannot carry out now. The text says the reason.
-class Refusal : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -72,7 +66,8 @@ struct Command {
   std::string_view name;  // one word or several
   std::string_view arguments;
   std::string_view summary;
-  // Throws CommandError or Refusal. Returns the response's fields; "ok" is added.
+  // Throws CommandError for a wrong command, and another std::exception where the modem cannot carry it out now.
+  // Returns the response's fields; "ok" is added.
   Json (*run)(Simulation& simulation, Arguments& arguments);
 };
 

@@ -34,7 +34,7 @@ Json switch_service(Simulation& simulation, Arguments& arguments) {
 }
 
 void require_power(const Simulation& simulation) {
-  if (simulation.modem.state() == Modem::State::kOff) throw Refusal("the modem is off: 'power' shows why");
+  if (simulation.modem.state() == Modem::State::kOff) throw std::runtime_error("the modem is off: 'power' shows why");
 }
 
 Json restart(Simulation& simulation, Arguments& arguments) {
@@ -76,7 +76,7 @@ Json crash(Simulation& simulation, Arguments& arguments) {
 
 Json start(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  if (!simulation.power.start()) throw Refusal("no crash has left the modem down");
+  if (!simulation.power.start()) throw std::runtime_error("no crash has left the modem down");
   return Json::object();
 }
 
@@ -278,22 +278,21 @@ constexpr Command kPowerRows[] = {
     {"start", "", "start a modem that a crash has left down", start},
 };
 
+using enum FaultKind;
 constexpr Command kFaultRows[] = {
-    {"delay", "MS [SERVICE|any [MESSAGE|any [COUNT]]]", "respond MS milliseconds late", add_fault<FaultKind::kDelay>},
+    {"delay", "MS [SERVICE|any [MESSAGE|any [COUNT]]]", "respond MS milliseconds late", add_fault<kDelay>},
     {"error", "NUMBER [SERVICE|any [MESSAGE|any [COUNT]]]", "refuse with that QMI error, doing nothing",
-     add_fault<FaultKind::kError>},
-    {"silence", "[SERVICE|any [MESSAGE|any [COUNT]]]", "do what is asked without a response",
-     add_fault<FaultKind::kSilence>},
+     add_fault<kError>},
+    {"silence", "[SERVICE|any [MESSAGE|any [COUNT]]]", "do what is asked without a response", add_fault<kSilence>},
     {"cut", "BYTES [SERVICE|any [MESSAGE|any [COUNT]]]", "send only the message's first BYTES, in a frame of that size",
-     add_fault<FaultKind::kCut>},
+     add_fault<kCut>},
     {"garbage", "HEX|random [SERVICE|any [MESSAGE|any [COUNT]]]", "send bytes that are no message instead",
-     add_fault<FaultKind::kGarbage>},
-    {"repeat", "[SERVICE|any [MESSAGE|any [COUNT]]]", "send the response twice", add_fault<FaultKind::kRepeat>},
+     add_fault<kGarbage>},
+    {"repeat", "[SERVICE|any [MESSAGE|any [COUNT]]]", "send the response twice", add_fault<kRepeat>},
     {"reorder", "MS [SERVICE|any [MESSAGE|any [COUNT]]]",
-     "respond after the connection's next response, or MS milliseconds late where none comes",
-     add_fault<FaultKind::kReorder>},
+     "respond after the connection's next response, or MS milliseconds late where none comes", add_fault<kReorder>},
     {"die", "connection|modem [SERVICE|any [MESSAGE|any [COUNT]]]",
-     "send half of the frame, then close the connection or end the process", add_fault<FaultKind::kDieHalf>},
+     "send half of the frame, then close the connection or end the process", add_fault<kDieHalf>},
     {"inject", "HEX|random", "send bytes to every connection now", inject},
     {"clear", "", "remove all faults", clear},
 };

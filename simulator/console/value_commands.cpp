@@ -37,7 +37,7 @@ Recipients take_recipients(Arguments& arguments, std::function<bool(uint8_t)> by
 Json send(Simulation& simulation, Modem::Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
           const Recipients& recipients) {
   if (simulation.modem.find_running(slot.service->id()) == nullptr) {
-    throw Refusal("service " + std::string(slot.service->name()) + " is down");
+    throw std::runtime_error("service " + std::string(slot.service->name()) + " is down");
   }
   const size_t sent = recipients.broadcast ? simulation.modem.broadcast(slot.service->id(), message, tlvs)
                                            : simulation.modem.indicate(slot, message, tlvs, recipients.wants);
@@ -121,7 +121,7 @@ Json event(Simulation& simulation, Arguments& arguments) {
   size_t length = 0;
   const int32_t result = qmi::encode(simulation.vs.object(), QMI_IDL_INDICATION, Message, &structure, sizeof structure,
                                      tlvs.data(), tlvs.size(), &length);
-  if (result != QMI_IDL_LIB_NO_ERR) throw Refusal("the event cannot be encoded");
+  if (result != QMI_IDL_LIB_NO_ERR) throw std::runtime_error("the event cannot be encoded");
   tlvs.resize(length);
   return send(simulation, *simulation.modem.find(simulation.vs.id()), Message, tlvs, recipients);
 }
@@ -135,7 +135,7 @@ Json stream(Simulation& simulation, Arguments& arguments) {
   if (arguments.accept("to")) plan.client = static_cast<uint8_t>(arguments.number("CLIENT", ClientIds::kHighest));
   arguments.end();
   const auto client = simulation.stream.start(plan);
-  if (!client) throw Refusal("no client asked for event 3: let one ask, or name one with 'to CLIENT'");
+  if (!client) throw std::runtime_error("no client asked for event 3: let one ask, or name one with 'to CLIENT'");
   return {{"client", *client}};
 }
 

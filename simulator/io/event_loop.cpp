@@ -20,7 +20,9 @@ EventLoop::EventLoop()
     : epoll_(epoll_create1(EPOLL_CLOEXEC)), timer_fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
   if (!epoll_) fail("epoll_create1");
   if (!timer_fd_) fail("timerfd_create");
-  watch(timer_fd_.get(), EPOLLIN, timers_);
+  // Edge-triggered, so that nobody must read it, and without a watcher.
+  epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, timer_fd_.get(), &event) != 0) fail("epoll_ctl");
 }
 
 void EventLoop::watch(int fd, uint32_t events, Watcher& watcher) {
@@ -63,7 +65,11 @@ void EventLoop::run() {
     if (batch_size_ < 0 && errno != EINTR) fail("epoll_wait");
     for (int i = 0; i < batch_size_; ++i) {
       auto* const watcher = static_cast<Watcher*>(batch_[i].data.ptr);
-      if (watcher != nullptr) attempt([&] { watcher->on_ready(batch_[i].events); });
+      if (watcher != nullptr) {
+        attempt([&] { watcher->on_ready(batch_[i].events); });
+      } else {
+        run_due_timers();  // the timer's event, or that of a watcher which is gone
+      }
     }
     batch_size_ = 0;
     if (is_timer_due) run_due_timers();
@@ -113,11 +119,6 @@ void EventLoop::run_due_timers() {
     attempt(task);
   }
   arm_timer();
-}
-
-void EventLoop::Timers::on_ready(uint32_t) {
-  uint64_t expirations = 0;
-  if (read(loop_.timer_fd_.get(), &expirations, sizeof expirations) > 0) loop_.run_due_timers();
 }
 
 }  // namespace pelmar::sim

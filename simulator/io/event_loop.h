@@ -52,15 +52,6 @@ class EventLoop {
   void stop() { running_ = false; }
 
  private:
-  class Timers : public Watcher {
-   public:
-    explicit Timers(EventLoop& loop) : loop_(loop) {}
-    void on_ready(uint32_t events) override;
-
-   private:
-    EventLoop& loop_;
-  };
-
   template <typename F>
   void attempt(const F& call);
   bool has_due_timer() const;
@@ -72,7 +63,6 @@ class EventLoop {
 
   UniqueFd epoll_;
   UniqueFd timer_fd_;
-  Timers timers_{*this};
   std::map<TimerId, Task> pending_timers_;
   uint64_t last_timer_ = 0;
   std::vector<Task> posted_;

@@ -87,12 +87,15 @@ void LocalListener::on_ready(uint32_t) {
     return;
   }
   const ucred credentials = peer_of(peer.get());
-  if (!admits(credentials)) return report_refusal(credentials);
-  hand_over(std::move(peer));
-}
-
-bool LocalListener::admits(const ucred& peer) const {
-  return !is_abstract(name_) || admission_ == Admission::kEveryUser || is_trusted(peer);
+  if (is_abstract(name_) && admission_ == Admission::kThisUserAndRoot && !is_trusted(credentials)) {
+    return report_refusal(credentials);
+  }
+  // A connection that cannot be served, since memory is lacking or its process has ended, is closed; the others stay.
+  try {
+    accept_(std::move(peer));
+  } catch (const std::bad_alloc&) {
+  } catch (const std::system_error&) {
+  }
 }
 
 void LocalListener::report_refusal(const ucred& peer) {
@@ -104,15 +107,6 @@ void LocalListener::report_refusal(const ucred& peer) {
           "modem_sim: refused a connection to '%s' from process %d of user %u (%llu so far; --any-user admits clients "
           "and voters)\n",
           name_.c_str(), static_cast<int>(peer.pid), peer.uid, static_cast<unsigned long long>(refused_));
-}
-
-// A connection that cannot be served, since memory is lacking or its process has ended, is closed; the others stay.
-void LocalListener::hand_over(UniqueFd peer) {
-  try {
-    accept_(std::move(peer));
-  } catch (const std::bad_alloc&) {
-  } catch (const std::system_error&) {
-  }
 }
 
 // Without a free descriptor the connection stays pending, and would wake the loop again and again.

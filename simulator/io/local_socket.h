@@ -32,8 +32,6 @@ class LocalListener final : public EventLoop::Watcher {
   void on_ready(uint32_t events) override;
 
  private:
-  void hand_over(UniqueFd peer);
-  bool admits(const ucred& peer) const;
   void report_refusal(const ucred& peer);
   void pause_accepting();
 

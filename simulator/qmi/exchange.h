@@ -1,7 +1,8 @@
 // One request in, one response out: the way of every message of every service.
 //
 // This is the only place where bytes are decoded into structures, where faults act, and where a client's right to send
-// a request is checked. A request without a fault costs one send and, apart from what its service does, no allocation.
+// a request is checked. The control service (service 0), which has no clients, is here too. A request without a fault
+// costs one send and, apart from its handler, no allocation.
 #pragma once
 
 #include <array>
@@ -13,7 +14,6 @@
 #include <optional>
 #include <span>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "io/event_loop.h"

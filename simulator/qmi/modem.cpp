@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "qmi/control_service.h"
 #include "qmi_codec.h"
 
 namespace pelmar::sim {

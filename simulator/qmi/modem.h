@@ -22,6 +22,17 @@
 
 namespace pelmar::sim {
 
+// The messages of the control service (service 0).
+enum ControlMessageId : uint16_t {
+  kControlGetVersionInfo = 0x0021,
+  kControlAllocateClientId = 0x0022,
+  kControlReleaseClientId = 0x0023,
+  kControlRevokeClientId = 0x0024,
+  kControlSetDataFormat = 0x0026,
+  kControlSync = 0x0027,
+  kControlProxyOpen = 0xFF00,
+};
+
 // The client ids of one service and their owners: ten at a time, unique over all connections.
 //
 // An id that was released is given out again only after all the others, so that a late message for it reaches nobody.

@@ -19,9 +19,11 @@ void for_each_subscription(std::optional<uint16_t> named, F f) {
 
 }  // namespace
 
-Reporters::Reporter* Reporters::find(uint8_t client, uint32_t reporter) {
-  if (reporter >= kMaxReporters || reporters_[reporter].client != client) return nullptr;
-  return &reporters_[reporter];
+QmiError Reporters::find(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub, Reporter*& found) {
+  if (reporter >= kMaxReporters || reporters_[reporter].client != client) return QMI_ERR_INVALID_ID_V01;
+  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  found = &reporters_[reporter];
+  return QMI_ERR_NONE_V01;
 }
 
 QmiError Reporters::grant(uint8_t client, uint32_t& reporter) {
@@ -33,8 +35,8 @@ QmiError Reporters::grant(uint8_t client, uint32_t& reporter) {
 }
 
 QmiError Reporters::revoke(uint8_t client, uint32_t reporter) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
+  Reporter* found = nullptr;
+  if (const QmiError error = find(client, reporter, {}, found)) return error;
   *found = {};
   return QMI_ERR_NONE_V01;
 }
@@ -47,9 +49,8 @@ void Reporters::client_gone(uint8_t client) {
 
 QmiError Reporters::add(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
                         std::span<const vs::StatsEntry> entries) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
-  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  Reporter* found = nullptr;
+  if (const QmiError error = find(client, reporter, sub, found)) return error;
   std::set<StatisticKey> registered = found->registered;
   for (const vs::StatsEntry& entry : entries) {
     for_each_subscription(sub, [&](uint16_t each) { registered.insert({each, entry.stats_id}); });
@@ -63,9 +64,8 @@ QmiError Reporters::add(uint8_t client, uint32_t reporter, std::optional<uint16_
 
 QmiError Reporters::remove(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub,
                            std::span<const uint32_t> ids) {
-  Reporter* const found = find(client, reporter);
-  if (found == nullptr) return QMI_ERR_INVALID_ID_V01;
-  if (sub && *sub >= kSubscriptions) return QMI_ERR_INVALID_ARG_V01;
+  Reporter* found = nullptr;
+  if (const QmiError error = find(client, reporter, sub, found)) return error;
   size_t removed = 0;
   for (const uint32_t id : ids) {
     for_each_subscription(sub, [&](uint16_t each) { removed += found->registered.erase({each, id}); });

@@ -47,7 +47,8 @@ class Reporters {
   size_t registrations() const;
 
  private:
-  Reporter* find(uint8_t client, uint32_t reporter);
+  // An error where the client has no such statistics client id, or there is no such subscription.
+  QmiError find(uint8_t client, uint32_t reporter, std::optional<uint16_t> sub, Reporter*& found);
 
   std::array<Reporter, kMaxReporters> reporters_;
 };
