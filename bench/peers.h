@@ -44,7 +44,7 @@ class SimulatedModem {
 
   std::string socket() const { return directory_.path + "/modem"; }
 
-  // Has it carry out an operator's command. Ends the process where it refuses.
+  // Has it carry out a command. Ends the process where it refuses.
   void command(const std::string& text) const;
 
  private:

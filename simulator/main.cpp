@@ -35,7 +35,7 @@ constexpr uint64_t kHourMs = 3'600'000;
 
 // Memory that is set aside for the time when the system gives no more. One in a process, of one thread.
 //
-// The first allocation that fails frees the reserve and is tried again, so that what has begun can end: dropping a
+// The first allocation that fails frees the reserve and is tried again, so that the modem can go on: dropping a
 // connection for lack of memory needs some memory. An allocation as large as a connection's input does not fit into the
 // reserve and throws.
 class MemoryReserve {
@@ -208,15 +208,10 @@ CLI::App* add_ctl(CLI::App& app, CtlOptions& options) {
   return ctl;
 }
 
-// What was named on the command line comes before the environment.
-std::string control_socket(const CtlOptions& options) {
-  if (!options.control.empty()) return options.control;
-  if (!options.storage.empty()) return control_socket_in(options.storage);
-  return environment(kControlVariable);
-}
-
 int run_ctl(const CLI::App& ctl, const CtlOptions& options) {
-  const std::string socket = control_socket(options);
+  std::string socket = options.control;
+  if (socket.empty() && !options.storage.empty()) socket = control_socket_in(options.storage);
+  if (socket.empty()) socket = environment(kControlVariable);
   if (socket.empty()) {
     throw CommandError(std::string("no control socket named: give --control, --storage or set ") + kControlVariable);
   }

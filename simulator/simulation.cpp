@@ -20,7 +20,7 @@ Simulation::Simulation(const SimulationOptions& options)
                   [this] { loop.stop(); }),
       stream(loop, modem, vs),
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
-      console(loop, output, options.control, *this) {
+      console(options.control, *this) {
   modem.attach(connections);
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {

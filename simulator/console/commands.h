@@ -18,7 +18,7 @@ struct Simulation;
 
 using Json = nlohmann::ordered_json;
 
-// A command or a command line that is wrong. The text says what is wrong and what is expected.
+// A command or a command line that is wrong. The text has the mistake and what is expected.
 class CommandError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -14,6 +14,7 @@
 #include "console/commands.h"
 #include "io/text.h"
 #include "printable_text.h"
+#include "simulation.h"
 #include "unix_socket.h"
 
 namespace pelmar::sim {
@@ -71,7 +72,8 @@ std::string as_line(const Json& response) {
 class Console::Session final : private Stream::Reader {
  public:
   Session(Console& console, UniqueFd fd)
-      : console_(console), stream_(console.loop_, console.output_, std::move(fd), *this, kBounds) {}
+      : console_(console),
+        stream_(console.simulation_.loop, console.simulation_.output, std::move(fd), *this, kBounds) {}
 
  private:
   size_t on_bytes(std::span<const uint8_t> bytes) override {
@@ -86,7 +88,7 @@ class Console::Session final : private Stream::Reader {
   }
 
   void on_closed(std::string_view) override {
-    console_.loop_.post([this] { console_.sessions_.erase(this); });
+    console_.simulation_.loop.post([this] { console_.sessions_.erase(this); });
   }
 
   Console& console_;
@@ -95,8 +97,8 @@ class Console::Session final : private Stream::Reader {
 
 Console::~Console() = default;
 
-Console::Console(EventLoop& loop, WaitingOutput& output, const std::string& socket, Simulation& simulation)
-    : loop_(loop), output_(output), simulation_(simulation), listener_(loop, socket, [this](UniqueFd fd) {
+Console::Console(const std::string& socket, Simulation& simulation)
+    : simulation_(simulation), listener_(simulation.loop, socket, [this](UniqueFd fd) {
         auto session = std::make_unique<Session>(*this, std::move(fd));
         Session* const key = session.get();
         sessions_.emplace(key, std::move(session));

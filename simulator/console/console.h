@@ -9,7 +9,6 @@
 #include <string>
 
 #include "io/local_socket.h"
-#include "io/stream.h"
 
 namespace pelmar::sim {
 
@@ -17,14 +16,12 @@ struct Simulation;
 
 class Console {
  public:
-  Console(EventLoop& loop, WaitingOutput& output, const std::string& socket, Simulation& simulation);
+  Console(const std::string& socket, Simulation& simulation);
   ~Console();
 
  private:
   class Session;
 
-  EventLoop& loop_;
-  WaitingOutput& output_;
   Simulation& simulation_;
   std::map<Session*, std::unique_ptr<Session>> sessions_;
   LocalListener listener_;

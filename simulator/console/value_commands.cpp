@@ -23,7 +23,7 @@ struct Recipients {
   std::function<bool(uint8_t client)> wants;
 };
 
-// [to CLIENT|each|broadcast]; without it those that `by_default` accepts.
+// [to CLIENT|each|broadcast]; without it, the clients that `by_default` accepts.
 Recipients take_recipients(Arguments& arguments, std::function<bool(uint8_t)> by_default) {
   Recipients recipients{false, std::move(by_default)};
   if (!arguments.accept("to")) return recipients;
@@ -204,12 +204,12 @@ FieldFix take_field(const StatisticRow& row, Arguments& arguments) {
 Json describe(const Simulation& simulation, StatisticKey key) {
   constexpr std::string_view kSources[] = {"none", "radio", "scenario", "user"};
   vs::DataRecord record{};
-  simulation.statistics.read(key, record);
+  const Statistics::Source source = simulation.statistics.read(key, record);
   const std::span<const uint8_t> bytes(record.data, record.data_len);
   std::string hex = to_hex_lines(bytes);
   std::replace(hex.begin(), hex.end(), '\n', ' ');
   if (!hex.empty()) hex.pop_back();
-  Json response = {{"source", kSources[static_cast<size_t>(simulation.statistics.source(key))]}, {"hex", hex}};
+  Json response = {{"source", kSources[static_cast<size_t>(source)]}, {"hex", hex}};
   const StatisticRow* const row = find_statistic(key.id);
   if (row == nullptr) return response;
   response["name"] = row->name;

@@ -9,7 +9,7 @@
 
 namespace pelmar::sim {
 
-// Connects. Throws std::runtime_error that says what to do about a failure.
+// Connects. Throws std::runtime_error with the reason of a failure.
 UniqueFd connect_local(const std::string& name);
 
 // Who may connect to an abstract name. (The owner and the mode of its file restrict a path to this user and root.)

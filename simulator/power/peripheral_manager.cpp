@@ -176,13 +176,9 @@ void PeripheralManager::advance_later() {
   loop_.post([this] { advance(); });
 }
 
-bool PeripheralManager::is_waiting() const {
-  return is_switching_ || std::any_of(sessions_.begin(), sessions_.end(),
-                                      [](const auto& each) { return each.second->must_acknowledge; });
-}
-
 void PeripheralManager::advance() {
-  if (is_waiting()) return;
+  const auto must_acknowledge = [](const auto& each) { return each.second->must_acknowledge; };
+  if (is_switching_ || std::any_of(sessions_.begin(), sessions_.end(), must_acknowledge)) return;
   if (std::exchange(awaits_acknowledgements_, false)) {
     loop_.cancel(timer_);
     if (state_ == EVENT_PERIPH_GOING_ONLINE) return switch_power(true);

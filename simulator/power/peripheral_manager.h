@@ -54,7 +54,6 @@ class PeripheralManager final {
   int apply(Session& session, const platform::power::Request& request);
   void send_status(Session& session) const;
   void remove(Session& session);
-  bool is_waiting() const;
   void advance_later();
   void advance();
   void notify_voters(pm_event event);

@@ -6,12 +6,10 @@
 
 namespace pelmar::sim {
 
-Connection::Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
-                       Exchange& exchange)
+Connection::Connection(Connections& connections, UniqueFd fd, uint64_t number)
     : connections_(connections),
-      exchange_(exchange),
       number_(number),
-      stream_(loop, output, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}),
+      stream_(connections.loop_, connections.output_, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}),
       process_(stream_.process_at_other_end()) {}
 
 size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
@@ -23,7 +21,7 @@ size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
       close(front.problem);
       break;
     }
-    exchange_.on_frame(*this, front.frame);
+    connections_.exchange_.on_frame(*this, front.frame);
     used += front.length;
   }
   return used;
@@ -35,7 +33,7 @@ void Connection::on_drained() {
 }
 
 void Connection::on_closed(std::string_view reason) {
-  exchange_.on_closed(*this, reason);
+  connections_.exchange_.on_closed(*this, reason);
   connections_.remove(*this);
 }
 
@@ -54,7 +52,7 @@ Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::stri
 
 void Connections::accept(UniqueFd fd) {
   const uint64_t number = last_number_ + 1;
-  open_.emplace(number, std::make_shared<Connection>(loop_, output_, std::move(fd), number, *this, exchange_));
+  open_.emplace(number, std::make_shared<Connection>(*this, std::move(fd), number));
   last_number_ = number;
   loop_.cancel(idle_timer_);
 }

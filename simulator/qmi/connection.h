@@ -28,8 +28,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   // Bytes that may wait for a client that does not read, before it is dropped.
   static constexpr size_t kMaxWaitingBytes = 1 << 20;
 
-  Connection(EventLoop& loop, WaitingOutput& output, UniqueFd fd, uint64_t number, Connections& connections,
-             Exchange& exchange);
+  Connection(Connections& connections, UniqueFd fd, uint64_t number);
 
   uint64_t number() const { return number_; }
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
@@ -49,7 +48,6 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   void on_closed(std::string_view reason) override;
 
   Connections& connections_;
-  Exchange& exchange_;
   const uint64_t number_;
   Stream stream_;
   const pid_t process_;

@@ -62,7 +62,7 @@ double best_gain(const Antennas& antennas, size_t chains) {
 
 // Open-loop control: the power grows with the loss, from a base and by a share of it.
 struct PowerControl {
-  double reference;  // dBm, what the cell sends a reference signal with
+  double reference;  // dBm, the power of the cell's reference signal
   double base;       // dBm
   double share;
   double max_power;  // dBm

@@ -101,7 +101,7 @@ struct NrCarrier {
 
 struct Uplink {
   double path_loss = 0;
-  double demanded_power = 0;  // what the cell asks for
+  double demanded_power = 0;  // the power that the cell demands
   double max_power = 0;
 
   double power() const { return demanded_power < max_power ? demanded_power : max_power; }

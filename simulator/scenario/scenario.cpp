@@ -23,7 +23,7 @@ constexpr double kMaxSeconds = 1'000'000;
 constexpr std::string_view kPresenceName = "present";
 constexpr NumberRange kPresenceRange = {0, 1};
 
-// A value and how its place is called.
+// A JSON value and the name of its place.
 struct Node {
   const Json& value;
   std::string place;
@@ -161,7 +161,7 @@ std::vector<Scenario::Track> parse_tracks(const Node& node, double repeat) {
   return tracks;
 }
 
-// What the JSON library says, without the name of its error.
+// The JSON library's text without the name of its error.
 std::string plain_text(const Json::exception& error) {
   const std::string text = error.what();
   const size_t place = text.find("line ");

@@ -1,9 +1,9 @@
-// A scenario: what statistics values are over time, instead of what the radio picture says.
+// A scenario: numbers over time for fields of statistics values, in the place of the radio picture's.
 //
 // It is a set of tracks. A track gives fields of one statistics value of one subscription their numbers at points of
 // time, counted in seconds from the scenario's start; between points they are interpolated or stay, before the first
 // and after the last point they are that point's. A value with a track is there also where the picture has none, unless
-// the track of its presence says otherwise. The JSON form is in docs/simulator.md.
+// the track of its presence makes it absent. The JSON form is in docs/simulator.md.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@
 
 namespace pelmar::sim {
 
-// What a scenario says of one value at one moment.
+// A scenario's numbers for one value at one moment.
 struct ScenarioNumbers {
   bool is_there = false;
   std::array<std::optional<double>, kMaxFields> fields;

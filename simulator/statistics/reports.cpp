@@ -9,7 +9,7 @@ namespace pelmar::sim {
 
 namespace {
 
-// Calls f(subscription) for the one that is named, or for all.
+// Calls f(subscription) for that one or, without one, for all.
 template <typename F>
 void for_each_subscription(std::optional<uint16_t> named, F f) {
   for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
@@ -104,7 +104,7 @@ void StatisticReports::set_period(Period period) {
 }
 
 void StatisticReports::clock_changed() {
-  if (clock_.now() + period_ < due_) due_ = clock_.now() + period_;  // it went back
+  if (clock_.now() + period_ < due_) due_ = clock_.now() + period_;  // the clock went back
   send_due();
 }
 
@@ -114,8 +114,8 @@ void StatisticReports::wait() {
   timer_ = loop_.after(std::max(due_ - clock_.now(), ModemClock::Time{1}), [this] { send_due(); });
 }
 
-// A report that was missed is not made up for. The next one is waited for first, so that it also comes after one for
-// which there is no memory.
+// A report that was missed is not sent later. The timer of the next one is set first, so that the next one also comes
+// after one for which there is no memory.
 void StatisticReports::send_due() {
   const auto now = clock_.now();
   const bool is_due = now >= due_;
@@ -132,7 +132,7 @@ void StatisticReports::send_reports() {
     if (!reporter.client || reporter.registered.empty()) continue;
     if (!service_.wants(*reporter.client, vs::kReportAIndication)) continue;
     ++reporter.reports;
-    // A client that is gone is noticed by a send to it, which ends its registrations at once.
+    // The copy stays valid when a send closes the client's connection, which ends its registrations.
     const uint8_t client = *reporter.client;
     const Reporters::Reporter copy = reporter;
     for (uint16_t sub = 0; sub < kSubscriptions; ++sub) report(*slot, client, number, sub, copy);

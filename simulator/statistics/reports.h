@@ -21,7 +21,7 @@
 
 namespace pelmar::sim {
 
-// The statistics client ids: their owners and what is registered under them.
+// The statistics client ids: their owners, and the identifiers registered under them.
 class Reporters {
  public:
   static constexpr uint32_t kMaxReporters = 10;

@@ -36,7 +36,7 @@ Numbers lte_cell(const RadioSample& sample, size_t carrier) {
   return numbers;
 }
 
-// Whole dB and dBm. The last power is what the cell asks for, also where that is above the limit.
+// Whole dB and dBm. The last power is the one that the cell demands, also where it is above the limit.
 Numbers lte_uplink(const RadioSample& sample, size_t) {
   const Uplink& from = sample.lte_uplink;
   return {kVersion, from.power(), from.path_loss, from.max_power, from.demanded_power};

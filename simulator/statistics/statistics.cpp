@@ -42,13 +42,7 @@ Statistics::Value Statistics::value_of(StatisticKey key, const StatisticRow& row
   return value;
 }
 
-Statistics::Source Statistics::source(StatisticKey key) const {
-  if (fixes_.contains(key)) return Source::kUser;
-  const StatisticRow* const row = find_statistic(key.id);
-  return row != nullptr ? value_of(key, *row).source : Source::kNone;
-}
-
-void Statistics::read(StatisticKey key, vs::DataRecord& record) const {
+Statistics::Source Statistics::read(StatisticKey key, vs::DataRecord& record) const {
   record.sub = key.sub;
   record.id = key.id;
   record.data_len = 0;
@@ -56,13 +50,13 @@ void Statistics::read(StatisticKey key, vs::DataRecord& record) const {
   if (fix != fixes_.end() && fix->second.bytes) {
     record.data_len = static_cast<uint32_t>(fix->second.bytes->size());
     std::copy(fix->second.bytes->begin(), fix->second.bytes->end(), record.data);
-    return;
+    return Source::kUser;
   }
   const StatisticRow* const row = find_statistic(key.id);
-  if (row == nullptr) return;
+  if (row == nullptr) return Source::kNone;
   const Value value = value_of(key, *row);
-  if (value.source == Source::kNone) return;
-  record.data_len = static_cast<uint32_t>(pack(*row, value.fields, record.data));
+  if (value.source != Source::kNone) record.data_len = static_cast<uint32_t>(pack(*row, value.fields, record.data));
+  return value.source;
 }
 
 void Statistics::clear(StatisticKey key) {

@@ -1,5 +1,5 @@
-// The values of the statistics. A value comes from the radio picture at the modem's time, unless the
-// user has fixed it or fields of it.
+// The values of the statistics. A field's number comes from the radio picture at the modem's time, unless the scenario
+// gives it or the user has fixed it.
 #pragma once
 
 #include <array>
@@ -19,22 +19,21 @@ class Statistics {
  public:
   Statistics(const ModemClock& clock, const RadioPictures& pictures) : clock_(clock), pictures_(pictures) {}
 
-  // Fills in the record's value; its length is 0 where the modem has none for the identifier.
-  void read(StatisticKey key, vs::DataRecord& record) const;
+  // The sources of a value; of several, the highest decides.
+  enum class Source { kNone, kRadio, kScenario, kUser };
 
-  // What has happened counts from now on: an antenna switch before is forgotten, and bytes that the user fixed become
+  // Fills in the record's value; its length is 0 where the modem has none for the identifier.
+  Source read(StatisticKey key, vs::DataRecord& record) const;
+
+  // Forgets past events: an antenna switch before is forgotten, and bytes that the user fixed become
   // zero.
   void clear(StatisticKey key);
   void restarted() { cleared_.clear(); }
 
   void fix(StatisticKey key, std::vector<uint8_t> bytes);
   void fix(StatisticKey key, size_t field, double number);  // a field by its place in the identifier's row
-  // Nothing of the value is fixed any more.
+  // Ends what fix() has done for the value.
   void release(StatisticKey key);
-
-  // Where the value comes from: of several, the highest.
-  enum class Source { kNone, kRadio, kScenario, kUser };
-  Source source(StatisticKey key) const;
 
   // Begins now, in the place of an earlier one.
   void play(Scenario scenario);

@@ -38,7 +38,7 @@ class Store {
 
   // An empty path is an invalid argument. The bytes are valid until the next call.
   QmiError read(const std::string& path, std::span<const uint8_t>& bytes) const;
-  // content: what the file has for the bytes.
+  // content: the file's content for these bytes.
   QmiError write(const std::string& path, std::span<const uint8_t> bytes, std::span<const uint8_t> content);
   QmiError remove(const std::string& path);
 
@@ -102,7 +102,7 @@ class Storage {
  public:
   static constexpr size_t kDefaultMaxEntries = 4096;
 
-  // Creates the directory where it is missing. Throws std::runtime_error that says what to do about a failure.
+  // Creates the directory where it is missing. Throws std::runtime_error with the remedy for a failure.
   explicit Storage(const std::string& directory, size_t max_entries = kDefaultMaxEntries);
 
   // Returns when all that was written and deleted is on the disk. The calling thread waits for the whole file system.
