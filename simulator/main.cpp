@@ -245,7 +245,12 @@ int run(int argc, char** argv) {
   return 0;
 }
 
-int run_and_report(int argc, char** argv) {
+}  // namespace
+
+}  // namespace pelmar::sim
+
+int main(int argc, char** argv) {
+  using namespace pelmar::sim;
   try {
     return run(argc, argv);
   } catch (const CommandError& error) {
@@ -253,12 +258,4 @@ int run_and_report(int argc, char** argv) {
   } catch (const std::exception& error) {
     return report(error, kExitFailure);
   }
-}
-
-}  // namespace
-
-}  // namespace pelmar::sim
-
-int main(int argc, char** argv) {
-  return pelmar::sim::run_and_report(argc, argv);
 }

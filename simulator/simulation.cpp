@@ -16,8 +16,7 @@ Simulation::Simulation(const SimulationOptions& options)
       modem(loop, {&nas, &sar, &vs}),
       power(modem, {options.starting_time, options.reset_time}, options.storage, [this] { return status_text(*this); }),
       exchange(loop, modem),
-      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle,
-                  [this] { loop.stop(); }),
+      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle),
       stream(loop, modem, vs),
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
       console(options.control, *this) {

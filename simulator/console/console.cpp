@@ -108,57 +108,40 @@ Console::Console(const std::string& socket, Simulation& simulation)
 
 namespace {
 
-// One line to the modem and one back, before a deadline.
-class LineExchange {
- public:
-  LineExchange(int fd, const std::string& socket) : fd_(fd), socket_(socket) {}
-
-  void send(std::string_view line) {
-    while (!line.empty()) {
-      wait_for(POLLOUT);
-      const ssize_t count = ::send(fd_, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (count < 0 && !is_temporary(errno)) fail("the modem ended before it took the command: start it again");
-      if (count > 0) line.remove_prefix(static_cast<size_t>(count));
-    }
-  }
-
-  std::string receive() {
-    std::string response;
-    while (!response.ends_with('\n')) {
-      wait_for(POLLIN);
-      char bytes[4096];
-      const ssize_t count = recv(fd_, bytes, sizeof bytes, MSG_DONTWAIT);
-      if (count < 0 && is_temporary(errno)) continue;
-      if (count <= 0) fail("the modem ended before it responded: start it again");
-      response.append(bytes, static_cast<size_t>(count));
-      if (response.size() > kMaxResponseBytes) {
-        throw std::runtime_error("what serves '" + socket_ + "' is no modem's control socket: name another one");
-      }
-    }
-    return response;
-  }
-
- private:
+// Sends one line to the modem and receives one, before a deadline.
+std::string exchange_lines(int fd, const std::string& socket, std::string_view line) {
   using Clock = std::chrono::steady_clock;
-
-  static bool is_temporary(int error) { return error == EAGAIN || error == EINTR; }
-
-  void wait_for(short event) const {
-    pollfd socket{fd_, event, 0};
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
-    if (left > 0 && poll(&socket, 1, static_cast<int>(left)) != 0) return;
-    throw std::runtime_error("the modem at '" + socket_ + "' does not respond: continue or restart its process");
+  const Clock::time_point deadline = Clock::now() + kPatience;
+  const auto wait_for = [&](short event) {
+    pollfd waiting{fd, event, 0};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left > 0 && poll(&waiting, 1, static_cast<int>(left)) != 0) return;
+    throw std::runtime_error("the modem at '" + socket + "' does not respond: continue or restart its process");
+  };
+  // A failed call is made again, unless the connection has ended.
+  const auto check = [&](ssize_t count, const char* problem) {
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return size_t{0};
+    if (count > 0) return static_cast<size_t>(count);
+    const std::string refusal = describe_refusal(fd, socket);
+    throw std::runtime_error(refusal.empty() ? problem : "cannot connect to '" + socket + "': " + refusal);
+  };
+  while (!line.empty()) {
+    wait_for(POLLOUT);
+    const ssize_t count = send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    line.remove_prefix(check(count, "the modem ended before it took the command: start it again"));
   }
-
-  [[noreturn]] void fail(const std::string& otherwise) const {
-    const std::string refusal = describe_refusal(fd_, socket_);
-    throw std::runtime_error(refusal.empty() ? otherwise : "cannot connect to '" + socket_ + "': " + refusal);
+  std::string response;
+  while (!response.ends_with('\n')) {
+    wait_for(POLLIN);
+    char bytes[4096];
+    const ssize_t count = recv(fd, bytes, sizeof bytes, MSG_DONTWAIT);
+    response.append(bytes, check(count, "the modem ended before it responded: start it again"));
+    if (response.size() > kMaxResponseBytes) {
+      throw std::runtime_error("what serves '" + socket + "' is no modem's control socket: name another one");
+    }
   }
-
-  const int fd_;
-  const std::string& socket_;
-  const Clock::time_point deadline_ = Clock::now() + kPatience;
-};
+  return response;
+}
 
 // The modem is a peer: none of its bytes reach the terminal as control characters.
 std::string printable(const Json& value) {
@@ -202,9 +185,7 @@ void print(const Json& value, int depth) {
 
 ExitStatus send_control_command(const std::string& socket, const std::string& command, bool as_json) {
   const UniqueFd fd = connect_local(socket);
-  LineExchange exchange(fd.get(), socket);
-  exchange.send(command + '\n');
-  Json response = Json::parse(exchange.receive());
+  Json response = Json::parse(exchange_lines(fd.get(), socket, command + '\n'));
   const bool ok = response.value("ok", false);
   if (as_json) {
     printf("%s\n", response.dump(-1, ' ', true).c_str());

@@ -47,21 +47,19 @@ Json restart(Simulation& simulation, Arguments& arguments) {
 
 // --- power ---
 
-Json describe(const PeripheralManager& manager) {
-  Json voters = Json::array();
-  for (const auto& voter : manager.voters()) {
-    voters.push_back({{"process", voter.process}, {"name", voter.voter}, {"votes", voter.votes}});
-  }
-  return {{"state", platform::power::state_text(manager.state())},
-          {"votes", manager.votes()},
-          {"overdue_acknowledgements", manager.overdue_acknowledgements()},
-          {"voters", std::move(voters)}};
-}
-
 Json show_power(Simulation& simulation, Arguments& arguments) {
   arguments.end();
   Json response = {{"power", simulation.power.has_power()}, {"crashed", simulation.power.is_crashed()}};
-  response["manager"] = simulation.manager ? describe(*simulation.manager) : Json();
+  Json& manager = response["manager"];
+  if (!simulation.manager) return response;
+  Json voters = Json::array();
+  for (const auto& voter : simulation.manager->voters()) {
+    voters.push_back({{"process", voter.process}, {"name", voter.voter}, {"votes", voter.votes}});
+  }
+  manager = {{"state", platform::power::state_text(simulation.manager->state())},
+             {"votes", simulation.manager->votes()},
+             {"overdue_acknowledgements", simulation.manager->overdue_acknowledgements()},
+             {"voters", std::move(voters)}};
   return response;
 }
 

@@ -38,13 +38,11 @@ void Connection::on_closed(std::string_view reason) {
 }
 
 Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit,
-                         EventLoop::Task on_idle)
+                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit)
     : loop_(loop),
       output_(output),
       exchange_(exchange),
       idle_limit_(idle_limit),
-      on_idle_(std::move(on_idle)),
       listener_(
           loop, socket, [this](UniqueFd fd) { accept(std::move(fd)); }, admission) {
   wait_for_clients();
@@ -70,7 +68,7 @@ void Connections::remove(Connection& connection) {
 }
 
 void Connections::wait_for_clients() {
-  if (idle_limit_) idle_timer_ = loop_.after(*idle_limit_, on_idle_);
+  if (idle_limit_) idle_timer_ = loop_.after(*idle_limit_, [this] { loop_.stop(); });
 }
 
 }  // namespace pelmar::sim

@@ -56,9 +56,9 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
 
 class Connections final {
  public:
-  // idle_limit: after that long without a client, on_idle is called.
+  // idle_limit: after that long without a client, the loop stops.
   Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit, EventLoop::Task on_idle);
+              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit);
 
   size_t count() const { return open_.size(); }
   uint64_t accepted() const { return last_number_; }
@@ -86,7 +86,6 @@ class Connections final {
   WaitingOutput& output_;
   Exchange& exchange_;
   const std::optional<EventLoop::Clock::duration> idle_limit_;
-  const EventLoop::Task on_idle_;
   std::map<uint64_t, std::shared_ptr<Connection>> open_;
   uint64_t last_number_ = 0;
   EventLoop::TimerId idle_timer_{};

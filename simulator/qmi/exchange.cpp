@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <vector>
 
 #include "qmi_codec.h"
 
@@ -13,7 +12,7 @@ namespace pelmar::sim {
 
 namespace {
 
-constexpr int kStatusOfSuddenDeath = 70;
+constexpr int kExitStatusOfFault = 70;
 
 // --- the control service: versions, client ids, and the messages of a proxy ---
 
@@ -26,7 +25,7 @@ constexpr uint16_t kControlMinor = 5;
 struct ControlRequest {
   Modem& modem;
   Connection& connection;
-  std::span<const uint8_t> tlvs;
+  const qmi::Message& message;
 };
 
 QmiError succeed(qmi::FrameWriter& response, uint8_t tlv = 0, std::span<const uint8_t> value = {}) {
@@ -55,7 +54,7 @@ QmiError get_version_info(const ControlRequest& request, qmi::FrameWriter& respo
 
 // Gets the mandatory TLV, which must have that size.
 QmiError read_mandatory(const ControlRequest& request, size_t size, std::span<const uint8_t>& value) {
-  const auto tlv = qmi::find_tlv(request.tlvs, kMandatoryTlv);
+  const auto tlv = qmi::find_tlv(request.message.tlvs, kMandatoryTlv);
   if (!tlv) return QMI_ERR_MISSING_ARG_V01;
   if (tlv->size() != size) return QMI_ERR_MALFORMED_MSG_V01;
   value = *tlv;
@@ -85,7 +84,7 @@ QmiError release_client_id(const ControlRequest& request, qmi::FrameWriter& resp
 }
 
 QmiError set_data_format(const ControlRequest& request, qmi::FrameWriter& response) {
-  const auto wanted = qmi::find_tlv(request.tlvs, kDataFormatTlv);
+  const auto wanted = qmi::find_tlv(request.message.tlvs, kDataFormatTlv);
   uint8_t format[2];
   qmi::store_u16(format, wanted && wanted->size() == 2 ? qmi::load_u16(wanted->data()) : kRawIp);
   return succeed(response, kDataFormatTlv, format);
@@ -115,12 +114,12 @@ constexpr struct {
 };
 
 // Writes the response's TLVs unless it returns an error.
-QmiError handle_control(Modem& modem, Connection& connection, uint16_t message, std::span<const uint8_t> tlvs,
-                        qmi::FrameWriter& response) {
-  const auto row =
-      std::find_if(std::begin(kRows), std::end(kRows), [&](const auto& r) { return r.message == message; });
-  if (row == std::end(kRows)) return QMI_ERR_INVALID_QMI_CMD_V01;
-  return row->handle({modem, connection, tlvs}, response);
+QmiError handle_control(const ControlRequest& request, qmi::FrameWriter& response) {
+  if (!request.message.length_agrees) return QMI_ERR_MALFORMED_MSG_V01;
+  for (const auto& row : kRows) {
+    if (row.message == request.message.id) return row.handle(request, response);
+  }
+  return QMI_ERR_INVALID_QMI_CMD_V01;
 }
 
 // --- the other services ---
@@ -169,8 +168,7 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
   if (fault && fault->kind == FaultKind::kError) {
     error = fault->error;
   } else if (frame.service == qmi::kControlService) {
-    error = request->length_agrees ? handle_control(modem_, connection, request->id, request->tlvs, writer_)
-                                   : QmiError{QMI_ERR_MALFORMED_MSG_V01};
+    error = handle_control({modem_, connection, *request}, writer_);
   } else {
     error = respond_to_client(connection, frame, *request);
   }
@@ -211,9 +209,9 @@ QmiError Exchange::respond_to_client(Connection& connection, const qmi::Frame& f
   if (error != QMI_ERR_NONE_V01) return error;
 
   size_t length = 0;
-  const auto room = writer_.room();
+  const auto space = writer_.room();
   const int32_t encoded = qmi::encode(service.object(), QMI_IDL_RESPONSE, request.id, response_.bytes,
-                                      row->response_size, room.data(), room.size(), &length);
+                                      row->response_size, space.data(), space.size(), &length);
   if (encoded != QMI_IDL_LIB_NO_ERR) return QMI_ERR_ENCODING_V01;
   writer_.grow(length);
   return QMI_ERR_NONE_V01;
@@ -250,7 +248,7 @@ void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::spa
       return connection.close("closed by a fault");
     case FaultKind::kDieHalf:
       connection.send(response.first(response.size() / 2));
-      _exit(kStatusOfSuddenDeath);
+      _exit(kExitStatusOfFault);
   }
 }
 

@@ -103,10 +103,10 @@ bool Modem::indicate(Slot& slot, uint8_t client, uint16_t message, const void* s
   Connection* const owner = slot.clients.owner(client);
   if (owner == nullptr) return false;
   writer_.start(slot.service->id(), client, qmi::MessageKind::kIndication, 0, message);
-  const auto room = writer_.room();
+  const auto space = writer_.room();
   size_t length = 0;
-  const int32_t result = qmi::encode(slot.service->object(), QMI_IDL_INDICATION, message, structure, size, room.data(),
-                                     room.size(), &length);
+  const int32_t result = qmi::encode(slot.service->object(), QMI_IDL_INDICATION, message, structure, size, space.data(),
+                                     space.size(), &length);
   if (result != QMI_IDL_LIB_NO_ERR) return false;
   writer_.grow(length);
   owner->send(writer_.finish());

@@ -94,12 +94,6 @@ size_t parse_field(const Node& node, const StatisticRow& row) {
   return static_cast<size_t>(field - row.fields.data());
 }
 
-bool parse_stepping(const Node& node) {
-  const std::string& text = node.text();
-  if (text != "linear" && text != "step") node.refuse("\"linear\" or \"step\" is expected");
-  return text == "step";
-}
-
 NumberRange range_of_field(const StatisticRow& row, size_t field) {
   return field == Scenario::kPresence ? kPresenceRange : range_of(row.fields[field].type);
 }
@@ -128,7 +122,11 @@ Scenario::Track parse_track(const Node& node) {
   fields.require_array();
   for (size_t i = 0; i < fields.value.size(); ++i) track.fields.push_back(parse_field(fields[i], row));
 
-  if (const auto interpolation = node.find("interpolation")) track.is_stepped = parse_stepping(*interpolation);
+  if (const auto interpolation = node.find("interpolation")) {
+    track.is_stepped = interpolation->text() == "step";
+    if (!track.is_stepped && interpolation->text() != "linear")
+      interpolation->refuse("\"linear\" or \"step\" is expected");
+  }
 
   const Node points = node.get("points");
   points.require_array();

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "qmi_codec.h"
-
 namespace pelmar::sim {
 
 namespace {
@@ -52,12 +50,7 @@ void EventStream::stop() {
   ++stream_;
 }
 
-Connection* EventStream::receiver() {
-  Modem::Slot* const slot = modem_.find_running(service_.id());
-  return slot == nullptr ? nullptr : slot->clients.owner(client_);
-}
-
-// How many should have been sent by now.
+// How many events are due by now.
 uint32_t EventStream::due() const {
   if (plan_.interval.count() == 0) return plan_.count;
   const auto passed = (EventLoop::Clock::now() - started_) / plan_.interval + 1;
@@ -71,19 +64,18 @@ EventLoop::Clock::duration EventStream::pause() const {
 }
 
 void EventStream::run(uint64_t stream) {
-  Connection* const connection = receiver();
+  Modem::Slot* const slot = modem_.find_running(service_.id());
+  Connection* const connection = slot == nullptr ? nullptr : slot->clients.owner(client_);
   if (stream != stream_ || connection == nullptr) return;
   const uint32_t end = std::min(due(), next_ + kBurst);
-  while (next_ < end && connection->is_drained()) send_next();
+  while (next_ < end && connection->is_drained()) {
+    report_.value = report_.trailer = next_++;
+    modem_.indicate(*slot, client_, vs::kReportAIndication, &report_, sizeof report_);
+  }
   if (next_ == plan_.count) return;
   const auto again = [this, stream] { run(stream); };
   if (!connection->is_drained()) return connection->when_drained(again);
   loop_.after(pause(), again);
-}
-
-void EventStream::send_next() {
-  report_.value = report_.trailer = next_++;
-  modem_.indicate(*modem_.find(service_.id()), client_, vs::kReportAIndication, &report_, sizeof report_);
 }
 
 }  // namespace pelmar::sim

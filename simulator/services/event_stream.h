@@ -32,9 +32,7 @@ class EventStream {
   uint32_t sent() const { return next_; }
 
  private:
-  Connection* receiver();
   void run(uint64_t stream);
-  void send_next();
   uint32_t due() const;
   EventLoop::Clock::duration pause() const;
 
