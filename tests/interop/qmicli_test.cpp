@@ -115,12 +115,5 @@ TEST_F(QmicliTest, ASarStateThatOneSetsTheOtherReads) {
   EXPECT_THAT(qmicli("--sar-rf-get-state"), HasSubstr("SAR RF state: 3"));
 }
 
-TEST_F(QmicliTest, ServiceVersionsListWhatIsUp) {
-  const std::string all = qmicli("--get-service-version-info");
-  for (const char* service : {"nas (1.388)", "sar (1.15)", "[0xe4] (1.2)"}) EXPECT_THAT(all, HasSubstr(service));
-  tell("service sar down");
-  EXPECT_THAT(qmicli("--get-service-version-info"), testing::Not(HasSubstr("sar (1.15)")));
-}
-
 }  // namespace
 }  // namespace pelmar::system_test

@@ -86,21 +86,6 @@ TEST_F(Connections, AnIdServesItsOwnConnectionAndService) {
   EXPECT_EQ(hello(owner, owner.id()), 7);
 }
 
-TEST_F(Connections, AServiceThatGoesDownRevokesItsClients) {
-  QmuxClient client(socket_);
-  const uint8_t vs = client.allocate(kVs);
-  const uint8_t sar = client.allocate(kSar);
-  modem_.command("service sar down");
-  const Received revoked = client.receive();
-  EXPECT_EQ(revoked.message, kRevoke);
-  EXPECT_EQ(revoked.flags, 2);
-  EXPECT_EQ(revoked.value(0x01), (Bytes{kSar, sar}));
-  EXPECT_EQ(hello(client, vs), 0) << "the other service stays";
-  modem_.command("service sar up");
-  EXPECT_EQ(client.ask(kSar, sar, 0x0002).error(), 7) << "the old id stays void";
-  EXPECT_EQ(client.ask(kSar, client.allocate(kSar), 0x0002).error(), 0);
-}
-
 TEST_F(Connections, ARestartVoidsAllIdsAndKeepsConnections) {
   ServiceClient client(socket_, kVs);
   modem_.command("service sar down");
@@ -211,8 +196,8 @@ TEST_F(Connections, BeyondTheCommonBoundThoseThatReadNothingAreDropped) {
   const std::string indication = "indication vs 0x0601 013075" + std::string(2 * 30'000, '0') + " to broadcast";
   for (int i = 0; i < 32; ++i) {
     modem_.command(indication);
-    if (i % 2 == 1) {
-      EXPECT_FALSE(clients.front().receive_raw(60'000).empty());  // behind, but it reads
+    for (size_t read = 0; i == 20 && read < 250'000;) {  // more than its socket holds
+      read += clients.front().receive_raw(60'000).size();
     }
   }
   EXPECT_NE(status("/counters/dropped_connections"), "0");
@@ -229,14 +214,16 @@ TEST_F(Connections, WithoutMemoryTheModemDropsConnectionsAndGoesOn) {
   ASSERT_EQ(prlimit(modem_.process(), RLIMIT_AS, &limit, nullptr), 0);
   std::list<QmuxClient> clients;
   for (int i = 0; i < 200; ++i) clients.emplace_back(socket_);
-  int dropped = 0;
-  for (QmuxClient& client : clients) {
+  const auto is_served = [](QmuxClient& client) {
     client.send(client.request(0, 0, kSync));
-    if (client.receive().message != kSync) ++dropped;
-  }
-  EXPECT_GT(dropped, 0);
+    return client.receive().message == kSync;
+  };
+  EXPECT_LT(std::count_if(clients.begin(), clients.end(), is_served), 200);
   clients.clear();
-  EXPECT_TRUE(comes_true([&] { return ServiceClient(socket_, kVs).id() != 0; }));
+  EXPECT_TRUE(comes_true([&] {
+    QmuxClient client(socket_);
+    return is_served(client);
+  }));
 }
 
 }  // namespace

@@ -21,7 +21,6 @@ enum : uint16_t {
   kGetVersions = 0x0021,
   kAllocate = 0x0022,
   kRelease = 0x0023,
-  kRevoke = 0x0024,
   kSync = 0x0027,
 };
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -9,6 +10,7 @@
 
 #include "qmux_client.h"
 #include "sim_process.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim::test {
 
@@ -278,13 +280,15 @@ TEST_F(Services, AClientMayDieBeforeItsReport) {
   for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
   client_.add(client_.enable_reports(), ids);
   modem_.command("report-period 10");
-  modem_.command("delay 0 ctl");  // what comes after this has not been read before
+  const UniqueFd operators = connect_unix(directory_.path("storage/control")).fd;
+  modem_.command("clock");  // now the modem has accepted what connected before
   ASSERT_EQ(kill(modem_.process(), SIGSTOP), 0);
   int status = 0;
   ASSERT_EQ(waitpid(modem_.process(), &status, WUNTRACED), modem_.process());
+  const std::string line = "clock advance 100000\n";
+  ASSERT_EQ(write(operators.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
   client_.close();
   ASSERT_EQ(kill(modem_.process(), SIGCONT), 0);
-  modem_.command("clock advance 100000");
   VsClient next(modem_);
   EXPECT_EQ(next.enable_reports(), 0u) << "the first reporter's place is free";
 }
