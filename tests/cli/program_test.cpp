@@ -1,298 +1,274 @@
-// The program as its users run it: exit status, clean output, a modem of its own, and an end that frees the modem's
-// client ids.
-#include <fcntl.h>
-#include <gmock/gmock.h>
+// The program as its users run it: exit status, clean output, files, a modem of its own, and an end that frees the
+// modem's client ids.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
+#include <thread>
 
 #include "client_program.h"
-#include "sim_process.h"
 
 namespace pelmar::cli {
 namespace {
 
-using sim::test::comes_true;
-using sim::test::Outcome;
-using sim::test::ScratchDirectory;
-using sim::test::SimProcess;
-using Clock = std::chrono::steady_clock;
-using testing::AllOf;
-using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
-class ProgramTest : public testing::Test {
- protected:
-  ProgramTest() {
-    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    unsetenv("PELMAR_QMI_SOCKET");
-  }
-
-  std::string path(const std::string& name) const { return directory_.path(name); }
-  const ScratchDirectory& directory() const { return directory_; }
-
- private:
-  ScratchDirectory directory_;
-};
-
-class ModemProgramTest : public ProgramTest {
- protected:
-  ModemProgramTest() { setenv("PELMAR_QMI_SOCKET", modem_.socket().c_str(), 1); }
-
-  // The clients that the modem knows, over all services.
-  size_t clients() const {
-    size_t count = 0;
-    const nlohmann::json status = modem_.operator_command("status");
-    for (const auto& service : status.at("services")) count += service.at("clients").size();
-    return count;
-  }
-
-  // Starts the program with its output in a file. It ignores SIGINT as a shell's background process does.
-  pid_t start_in_background(std::vector<const char*> arguments) const {
-    arguments.insert(arguments.begin(), MODEM_API_TEST);
-    arguments.push_back(nullptr);
-    const pid_t process = fork();
-    if (process == 0) {
-      signal(SIGINT, SIG_IGN);
-      dup2(open(path("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-      execv(MODEM_API_TEST, const_cast<char* const*>(arguments.data()));
-      _exit(127);
-    }
-    return process;
-  }
-
-  // Ends a program started in the background. Exit status, or 1000 and the signal that killed it.
-  static int end(pid_t process, int signal) {
-    kill(process, signal);
-    int status = 0;
-    EXPECT_EQ(waitpid(process, &status, 0), process);
-    return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
-  }
-
-  std::string output() const {
-    std::ifstream file(path("output"));
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-  bool comes_to_print(const std::string& text) const {
-    return comes_true([&] { return output().find(text) != std::string::npos; });
-  }
-
-  bool modem_comes_to_have(size_t count) const {
-    return comes_true([&] { return clients() == count; });
-  }
-
-  const SimProcess& modem() const { return modem_; }
-
- private:
-  SimProcess modem_{directory()};
-};
-
-TEST_F(ModemProgramTest, ShowsThePathsControlCharactersAsText) {
-  const std::string path = " \"$(printf '/nv/\\033[1m\\302\\233')\"";
-  constexpr const char* kShown = "/nv/\\x1b[1m\\xc2\\x9b";
-  EXPECT_THAT(shell("client efs-path read" + path).output, HasSubstr(kShown));
-  EXPECT_THAT(shell("client efs-path write" + path + " 00").output, HasSubstr(kShown));
-  EXPECT_THAT(shell("client --json efs-path read" + path).output, HasSubstr(R"(/nv/\u001b[1m\u009b)"));
+TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
+  const std::string at = "a pair of digits is expected, not ";
+  expect({{"client nv write 1 0a1B ff 0x0a,0x1B 0a:1b '0x0a1b' && client nv read 1 -o - | od -An -tx1", 0,
+           "NV item 1: 9 bytes written\n 0a 1b ff 0a 1b 0a 1b 0a 1b\n"},
+          {"client nv write 1 --text \"$(printf 'A\\001 z0123456789ab')\" && client nv read 1 | tail -n 1", 0,
+           "  0000  41 01 20 7a 30 31 32 33 34 35 36 37 38 39 61 62  A. z0123456789ab\n"},
+          {"head -c 17 /dev/zero | client nv write 1 @- && client nv read 1 | tail -n 1", 0,
+           "  0010  00                                               .\n"},
+          {"client nv write 1 0", 2, at + "the end after 1"},
+          {"client nv write 1 0g", 2, at + "'g' at position 2"},
+          {"client nv write 1 0 a", 2, at + "' ' at position 2"},
+          {"client nv write 1 0a0x1b", 2, at + "'x' at position 4"},
+          {"client nv write 1 0x", 2, at + "the end after 2"},
+          {"client nv write 1", 2, "no data is given"},
+          {"client nv write 1 @data", 1, "reading the data from the file 'data' failed: No such file"}});
 }
 
-TEST_F(ModemProgramTest, WritesReadsAndDeletesEveryKindOfItem) {
-  const struct {
-    const char* kind;
-    const char* address;
-  } kItems[] = {{"nv", "10 --qualifier 1 --index 2"},
-                {"efs", "10 --qualifier 3"},
-                {"efs-path", "/nv/a --index 4"},
-                {"rfnv", "10"}};
-  for (const auto& item : kItems) {
-    SCOPED_TRACE(item.kind);
-    const auto with = [&item](const std::string& verb) {
-      return "client " + std::string(item.kind) + " " + verb + " " + item.address;
-    };
-    const std::string file = path("data");
-    EXPECT_EQ(shell(with("write") + " --text 'some text'").status, 0);
-    EXPECT_THAT(shell(with("read")).output, HasSubstr("73 6f 6d 65 20 74 65 78 74  "));
-    EXPECT_THAT(shell(with("read") + " @" + file + " && cat " + file).output, EndsWith("\nsome text"));
-    EXPECT_EQ(shell(with("write") + " 00 && " + with("write") + " @" + file).status, 0);
-    EXPECT_EQ(shell(with("read") + " --output -").output, "some text");
-    EXPECT_EQ(shell(with("delete")).status, 0);
-    const Outcome gone = shell(with("read"));
-    EXPECT_EQ(gone.status, 1);
-    EXPECT_THAT(gone.output, HasSubstr("failed: QMI error 50, no entry (MODEM_API_ERR_GENERIC, 1)"));
+TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
+  expect(
+      {{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"accepted\":1}\n"},
+       {"client raw 01 2>&1 >/dev/null | wc -c", 0, "0\n"},
+       {"client raw --async --text ping --json", 0,
+        "{\"sent\":4}\n{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
+        "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
+       {"client nv write 1 0a", 0, "NV item 1: 1 byte written\n"},
+       {"head -c 257 /dev/zero | client nv write 1 @- --json", 1, R"("code":5,"name":"MODEM_API_ERR_INVALID_PARAM")"},
+       {"client nv read 1 --json", 0, "{\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
+       {"client nv read 1 --index 1", 1, "entry (MODEM_API_ERR_GENERIC, 1)\n  Nothing is stored there"},
+       {"client nv read 3 --json", 1, R"("qmi_error":50,"qmi_error_name":"no entry","advice":"Nothing is)"},
+       {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> service 0xe4 request 0x"},
+       {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
+       // With nothing to print to, what the library prints must not end up in a connection to the modem.
+       {"client raw 01 --verbose <&- >&- 2>&-", 1, ""},
+       {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"}});
+  for (const std::string item : {"nv", "efs", "efs-path", "rfnv"}) {
+    const std::string address = item == "efs-path" ? " /nv/a --index 4" : item == "rfnv" ? " 10" : " 10 --qualifier 3";
+    const auto with = [&](const std::string& verb) { return "client " + item + " " + verb + address; };
+    expect({{with("write --text 'some text'"), 0, " 9 bytes written"},
+            {with("read") + " @data && cat data && " + with("write") + " 00", 0, "data\nsome text"},
+            {with("write") + " @data && " + with("read --output -"), 0, "written\nsome text"},
+            {with("delete"), 0, "deleted"},
+            {with("read"), 1, "failed: QMI error 50, no entry"}});
   }
 }
 
-TEST_F(ModemProgramTest, RefusalsNameTheCodeAndLeaveTheItem) {
-  const Outcome refused = shell("client nv write 1 0a && head -c 257 /dev/zero > " + path("long") +
-                                " && client nv write 1 @" + path("long") + " --json 2>/dev/null");
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.output, HasSubstr(R"("code":5,"name":"MODEM_API_ERR_INVALID_PARAM")"));
-  EXPECT_THAT(shell("client efs-path write /../x 00").output,
-              AllOf(HasSubstr("QMI error 48, invalid argument"), HasSubstr("path")));
-  EXPECT_EQ(shell("client nv read 1 --json").output, R"({"item":1,"qualifier":0,"index":0,"length":1,"data":"0a"})"
-                                                     "\n");
+TEST_F(ClientTest, ControlCharactersAndWhatIsNoUtf8AreShownEscaped) {
+  const std::string path =
+      " \"$(printf '/\\033[1m\\177 \\303\\211\\342\\226\\210 \\302\\233 \\303 \\300\\233 \\355\\240\\200')\"";
+  const std::string shown = "/\\x1b[1m\\x7f \xC3\x89\xE2\x96\x88 \\xc2\\x9b \\xc3 \\xc0\\x9b \\xed\\xa0\\x80";
+  expect({{"client efs-path read" + path, 1, shown},
+          {"client efs-path write" + path + " 00", 0, shown},
+          {"client --json efs-path read" + path, 0, R"(/\u001b[1m\u007f \u00c9\u2588 \u009b \ufffd )"}});
 }
 
-TEST_F(ModemProgramTest, LogLinesOfTheLibraryStayOutOfTheOutput) {
-  EXPECT_EQ(shell("client raw 01 --verbose --json 2>/dev/null").output, "{\"accepted\":1}\n");
-  EXPECT_THAT(shell("client nv read 1 --verbose 2>&1 >/dev/null").output,
-              AllOf(HasSubstr(": -> service 0xe4 request 0x"), HasSubstr(": <- service 0xe4 response 0x"),
-                    HasSubstr(": the exchange failed: QMI error 50"), Not(HasSubstr("function entry"))));
-  EXPECT_EQ(shell("client raw 01 2>&1 >/dev/null").output, "");
-  // With nothing to print to, what the library prints must not end up in a connection to the modem.
-  EXPECT_EQ(shell("client raw 01 --verbose <&- >&- 2>&-").status, 1);
-  EXPECT_EQ(shell("client raw 01 >/dev/full 2>/dev/null").status, 1);
+TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
+  ctl("clock 3000");
+  ctl("statistic 1 0x62 01f6ff67170000ffff");  // cut
+  ctl("statistic 1 antenna-switch old_config=1 new_config=3");
+  ctl("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
+  ctl("statistic 1 0x1234 00ff10");
+  ctl("drx 0 9");
+  expect({{"client drx", 0, "DRX: 9 (256 frames)\n"},
+          {"client avoid-trm on --sub 1", 0, "TRM avoidance of subscription 1: on\n"},
+          {"client nr-mode 2 --yes", 0, "NR disable mode of subscription 0: 2\n"},
+          {"client sar set 3", 0, "SAR RF state 3 set\n"},
+          {"client lock lte 1:504", 2, "'1:504' is no cell"},
+          {"client lock lte clear 1:2", 2, "'clear' is no cell"},
+          {"client lock lte $(printf '%061d' 0 | sed 's/0/1:2 /g')", 2, "61 cells are too many"},
+          {"client lock lte 1:2 --yes --sub 1", 0, "LTE cell lock of subscription 1: 1 cell\n"},
+          {"client feature on && client feature off --number 7 && client feature", 0,
+           "modem feature 2: on\nmodem feature 7: off\nmodem feature 2: on\n"},
+          {"client stats clear 0x1234 --sub 1 && client stats get 0x1234 --sub 1 --json", 0, R"("data":"000000")"},
+          {"client stats report on --json", 0, "{\"report\":true,\"stats_client_id\":0}\n"},
+          {"client stats report off --client 0", 1, "valid in the program that it was granted to"},
+          {"client stats deregister lte-pcc --client 0", 1, "valid in the program that it was granted to"},
+          {"client stats report off", 2, "--client"}});
+  for (const char* state :
+       {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
+    EXPECT_TRUE(comes_to(state)) << state;
+  }
+  std::string text;
+  for (const char* line : {"cell-info", "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
+                           "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
+    text += shell("client " + std::string(line)).output;
+  }
+  expect_golden("radio.txt", text);
 }
 
-TEST_F(ModemProgramTest, AsynchronousCommandShowsDataAndEnd) {
-  EXPECT_EQ(shell("client raw --async --text ping --json").output,
-            "{\"sent\":4}\n"
-            "{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
-            "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n");
-}
-
-TEST_F(ModemProgramTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
-  for (const char* command : {"reset", "shutdown-notice", "lock lte 1850:101", "nr-mode 1"}) {
-    const Outcome refused = shell(std::string("client ") + command + " </dev/null");
-    EXPECT_EQ(refused.status, 1) << command;
-    EXPECT_THAT(refused.output, HasSubstr("--yes")) << command;
-    EXPECT_EQ(shell(std::string("client ") + command + " --yes").status, 0) << command;
-    EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("state") == "ready"; })) << "after reset";
+TEST_F(ClientTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
+  for (const std::string command : {"reset", "shutdown-notice", "lock lte 1850:101", "nr-mode 1"}) {
+    expect({{"client " + command + " </dev/null", 1, "--yes"}, {"client " + command + " --yes", 0, ""}});
+    EXPECT_TRUE(comes_to(R"("state":"ready")")) << "after reset";
   }
 }
 
-TEST_F(ModemProgramTest, NoResponseIsNoSuccess) {
-  modem().operator_command("cut 9 nas 0x43");
-  modem().operator_command("error 3 nas 0x89");
-  EXPECT_THAT(shell("client cell-info").output, HasSubstr("(MODEM_API_ERR_GENERIC, 1)"));
-  EXPECT_THAT(shell("client drx").output, HasSubstr("QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"));
+TEST_F(ClientTest, NoResponseIsNoSuccess) {
+  for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) ctl(fault);
+  expect({{"client cell-info", 1, "(MODEM_API_ERR_GENERIC, 1)"},
+          {"client drx", 1, "QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"}});
   for (const char* command : {"sys-mode", "tx-power --max"}) {
-    modem().operator_command("error 3 vs any 1");
-    EXPECT_THAT(shell("client " + std::string(command)),
-                AllOf(testing::Field(&Outcome::status, 1),
-                      testing::Field(&Outcome::output, HasSubstr("of subscription 0 failed: QMI error 3"))));
+    ctl("error 3 vs any 1");
+    expect({{std::string("client ") + command, 1, "of subscription 0 failed: QMI error 3"}});
   }
-  modem().operator_command("silence nas");
-  const Outcome late = shell("client cell-info --timeout 1 --json 2>/dev/null");
-  EXPECT_EQ(late.status, 1);
-  EXPECT_THAT(late.output, HasSubstr("not done in 1 s"));
-  EXPECT_TRUE(modem_comes_to_have(0));
+  ctl("silence nas");
+  expect({{"client cell-info --timeout 1 --json 2>/dev/null", 1, "not done in 1 s"},
+          {"client --modem nobody nv read 1", 1, "nobody serves nobody"},
+          {"client --modem nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
+          {"client --modem $(printf %0120d 0) info --wait --timeout 20", 1, "a socket's name has 1 to 107"}});
+  ctl("service sar down");
+  expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
+  EXPECT_TRUE(comes_to_have_no_clients());
 }
 
-TEST_F(ModemProgramTest, FollowsEventsThroughARestartUntilTheCount) {
-  modem().operator_command("service nas down");
-  const pid_t process = start_in_background({"events", "--count", "1", "--services", "--json"});
-  EXPECT_TRUE(comes_to_print(R"("notice":"following")"));
-  EXPECT_THAT(output(), HasSubstr("; the NAS service of subscription 0 is down"));
-  modem().operator_command("restart 300");
-  EXPECT_TRUE(comes_to_print(R"("notice":"modem_back")"));
-  EXPECT_THAT(output(), HasSubstr(R"("notice":"modem_away")"));
-  modem().operator_command("silence vs");
-  EXPECT_TRUE(comes_true([&] { return modem().operator_command("status").at("counters").at("faults") >= 1; }))
-      << "it waits for a response";
-  const Clock::time_point start = Clock::now();
-  EXPECT_TRUE(comes_true([&] {
-    modem().operator_command("event 5 9");
-    return output().find(R"("event":5)") != std::string::npos;
-  }));
-  EXPECT_EQ(end(process, 0), 0);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(25)) << "no response comes for 30 s";
-  modem().operator_command("clear");
-  EXPECT_THAT(output(), HasSubstr(R"("event":5,"name":"report_c","value":9})"));
-  const Outcome none = shell("client events --count 1 --for 1");
-  EXPECT_EQ(none.status, 1);
-  EXPECT_THAT(none.output, HasSubstr("only 0 of 1"));
+TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
+  Process events = start("events --count 5");
+  EXPECT_TRUE(prints(events, "following"));
+  ctl("restart 300");
+  EXPECT_TRUE(prints(events, "the modem is away: "));
+  EXPECT_TRUE(prints(events, "the modem is back"));
+  for (const char* event :
+       {"2 77 0 9", "3 5 record 0:0x62:01f6ff67 secondary 1:6:abcd", "3 1 trailer 9", "4 1 0aff 7 8"}) {
+    ctl(std::string("event ") + event);
+  }
+  ctl("silence vs");
+  EXPECT_TRUE(comes_to_wait());
+  ctl("event 5 3");  // ends it, though no response comes for 30 s
+  std::istringstream lines(events.rest());
+  std::string text;
+  for (std::string line; std::getline(lines, line);) text += line.substr(line[0] == ' ' ? 0 : 14) + "\n";
+  EXPECT_EQ(events.end(), 0);
+  expect_golden("events.txt", text);
+  ctl("clear");
+  expect({{"client events --count 1 --for 1", 1, "only 0 of 1 came in 1 seconds"}});
 }
 
-TEST_F(ModemProgramTest, HoldsTheSarStateOverARestartOfTheService) {
-  const pid_t process = start_in_background({"sar", "set", "3", "--hold", "3600", "--json"});
-  EXPECT_TRUE(comes_to_print(R"("sar":"set")")) << output();
-  modem().operator_command("service sar down");
-  EXPECT_TRUE(comes_to_print(R"("sar":"down")")) << output();
-  modem().operator_command("service sar up");
-  EXPECT_TRUE(comes_to_print(R"("sar":"up")")) << output();
-  EXPECT_EQ(end(process, SIGINT), 130);
+TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
+  ctl("service nas down");
+  Process events = start("events --services --json");
+  EXPECT_TRUE(prints(events, "; the NAS service of subscription 0 is down"));
+  ctl("stream 1000000 every 100000");
+  ctl("service nas up");
+  EXPECT_TRUE(prints(events, R"("notice":"service_up","service":"nas_0"})"));
+  EXPECT_EQ(events.end(SIGINT), 130);
 }
 
-TEST_F(ModemProgramTest, ASignalFreesTheClientOfAWaitingCommand) {
-  modem().operator_command("silence vs");
-  const struct {
-    std::vector<const char*> command;
-    int signal;
-  } kCases[] = {{{"nv", "read", "1"}, SIGINT}, {{"raw", "01", "--async"}, SIGTERM}, {{"events"}, SIGHUP}};
-  for (const auto& each : kCases) {
-    SCOPED_TRACE(each.command[0]);
-    // Nothing calls back after a release, so the buffers of an asynchronous command under way go with the process.
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-    const pid_t process = start_in_background(each.command);
-    EXPECT_TRUE(modem_comes_to_have(1));
-    const Clock::time_point start = Clock::now();
-    EXPECT_EQ(end(process, each.signal), 128 + each.signal);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(25)) << "no answer comes for 30 s";
-    EXPECT_TRUE(modem_comes_to_have(0));
+// The events wait in the program, as nobody reads its output before the time is up.
+TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
+  Process events = start("events --for 1 --json");
+  EXPECT_TRUE(prints(events, "following"));
+  ctl("stream 300");
+  EXPECT_TRUE(comes_to(R"("indications":300,)"));
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const std::string text = events.rest();
+  EXPECT_EQ(events.end(), 0);
+  EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 300);
+}
+
+TEST_F(ClientTest, TheSarStateIsHeldOverARestartOfTheService) {
+  Process holder = start("sar set 3 --hold 3600 --json");
+  EXPECT_TRUE(prints(holder, R"("sar":"set")"));
+  ctl("service sar down");
+  EXPECT_TRUE(prints(holder, R"("sar":"down")"));
+  ctl("service sar up");
+  EXPECT_TRUE(prints(holder, R"("sar":"set")"));
+  EXPECT_TRUE(comes_to(R"("sar_rf_state":3)"));
+  EXPECT_EQ(holder.end(SIGINT), 130);
+}
+
+TEST_F(ClientTest, ASignalFreesTheClientOfAWaitingCommand) {
+  ctl("silence vs");
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // nothing frees the buffers of an asynchronous command under way
+  for (const auto& [command, signal] :
+       {std::pair("nv read 1", SIGINT), {"raw 01 --async", SIGTERM}, {"events", SIGHUP}}) {
+    Process process = start(command);
+    EXPECT_TRUE(comes_to(R"("clients":[{)")) << command;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(process.end(signal), 128 + signal) << command;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25)) << "no response comes for 30 s";
+    EXPECT_TRUE(comes_to_have_no_clients()) << command;
   }
 }
 
-TEST_F(ProgramTest, AMissingModemIsWaitedForOnlyOnRequest) {
-  const std::string command = "client --modem " + path("nobody") + " nv read 1";
-  EXPECT_THAT(shell(command).output, HasSubstr("nobody serves " + path("nobody")));
-  const Outcome late = shell(command + " --wait --timeout 1");
-  EXPECT_EQ(late.status, 1);
-  EXPECT_THAT(late.output, HasSubstr("not done in 1 s"));
-  // Waiting does not mend a name.
-  EXPECT_THAT(shell("client --wait --timeout 20 --modem " + path(std::string(120, 'a')) + " info").output,
-              HasSubstr(" failed: a socket's name has 1 to 107 characters"));
+TEST_F(ClientTest, PropertiesAndTheRestartTypeAreReadSwitchedAndRestored) {
+  expect({{"client props get a", 1, "it is not set"},
+          {"client props set 'a b' c", 1, "the platform refused it"},
+          {"client ssr name", 0, "CONFIG_EMPTY\n"},
+          {"client props set persist.vendor.ssr.restart_level ALL_DISABLE", 0, ""},
+          {"client ssr get --json", 0, "{\"type\":0,\"name\":\"MODEM_RESTART_LEVEL_ID_DEF\"}\n"},
+          {"client ssr set ssr --json", 0, R"({"type":1,"name":"MODEM_RESTART_LEVEL_ID_SSR","written":true})"},
+          {"client ssr set ssr --json", 0, R"("written":false)"},
+          {"client ssr get", 0, "restart type ssr (1): a crashed modem restarts alone\n"},
+          {"client props get persist.vendor.ssr.restart_level", 0, "ALL_ENABLE\n"},
+          {"client ssr set def && client ssr name", 0, "restart type def: written\nALL_DISABLE\n"},
+          {"client ssr wait 0 --json", 0, "{\"waited_s\":0}\n"}});
+}
+
+// --- the modem's power ---
+
+class PowerTest : public ClientTest {
+ protected:
+  PowerTest() : ClientTest({"--pm-socket"}) {}
+};
+
+TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatcherSeesEveryStep) {
+  Process watch = start("power watch --count 4 --json");
+  EXPECT_TRUE(prints(watch, R"("event":1})"));
+  Process vote = start("power vote");
+  EXPECT_TRUE(prints(vote, "modem on-line"));
+  expect({{"client power status --json", 0, R"({"power":"on-line","votes":1,)"},
+          {"client power vote --device toaster", 1, "it knows no such peripheral"},
+          {"client power release", 0, "votes: 1 released, 0 left\n"}});
+  EXPECT_THAT(vote.rest(), HasSubstr("vote taken back"));
+  for (const char* step : {R"("event":2})", R"("event":3})", R"("event":0})", R"("event":1})"}) {
+    EXPECT_TRUE(prints(watch, step)) << step;
+  }
+  EXPECT_EQ(watch.end(), 0);
+  expect({{"client power vote --for 1 --json | tail -n 1", 0, "{\"vote\":\"released\",\"device\":\"modem\"}\n"}});
+}
+
+TEST_F(PowerTest, AManagerThatIsGoneIsReported) {
+  Process watch = start("power watch");
+  Process vote = start("power vote");
+  EXPECT_TRUE(prints(vote, "modem on-line"));
+  EXPECT_TRUE(prints(watch, "modem on-line"));
+  EXPECT_EQ(modem().end(SIGKILL), -SIGKILL);
+  for (Process* process : {&watch, &vote}) EXPECT_THAT(process->rest(), HasSubstr(" failed: "));
+  for (const std::string command : {"vote", "release", "status", "watch"}) {
+    expect({{"client power " + command, 1, "no peripheral manager responds on " + path("qmux.pm")}});
+  }
 }
 
 // --- the program's own modem ---
 
-class OwnModemTest : public ProgramTest {
- protected:
-  OwnModemTest() {
-    setenv("XDG_STATE_HOME", path("state").c_str(), 1);
-    std::filesystem::create_directory(path("run"));
-    setenv("XDG_RUNTIME_DIR", path("run").c_str(), 1);
-    setenv("PELMAR_MODEM_SIM", MODEM_SIM, 1);
-  }
-  ~OwnModemTest() override { shell(quit()); }
-
-  std::string quit() const {
-    return MODEM_SIM " ctl --storage " + path("state/pelmar/modem") + " quit >/dev/null 2>&1";
-  }
-};
-
-TEST_F(OwnModemTest, StartsOnceForManyAndKeepsItsStorage) {
+TEST(OwnModem, StartsOnceForManyKeepsItsStorageAndItsFailureIsReported) {
+  const sim::test::ScratchDirectory directory;
+  const std::string longest = directory.path(std::string(100, 'a'));
+  std::filesystem::create_directory(longest);
+  std::filesystem::create_directory(directory.path("run"));
+  unsetenv("PELMAR_QMI_SOCKET");
+  setenv("XDG_STATE_HOME", directory.path("state").c_str(), 1);
+  setenv("XDG_RUNTIME_DIR", longest.c_str(), 1);
+  setenv("PELMAR_MODEM_SIM", "/no/such/program", 1);
+  expect({{"client nv read 1", 1, "/no/such/program: No such file or directory"}});
+  setenv("PELMAR_MODEM_SIM", MODEM_SIM, 1);
+  expect({{"client nv read 1", 1, "starting the simulated modem failed: modem_sim: socket name"}});
+  setenv("XDG_RUNTIME_DIR", directory.path("run").c_str(), 1);
+  const std::string quit =
+      MODEM_SIM " ctl --storage " + directory.path("state/pelmar/modem") + " quit >/dev/null 2>&1; ";
   const Outcome many = shell(
       "for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i & pids=\"$pids $!\"; done\n"
       "for pid in $pids; do wait $pid || exit 1; done");
   EXPECT_EQ(many.status, 0) << many.output;
-  EXPECT_EQ(shell(quit() + "; client nv read 7 -o - | od -An -tx1").output, " 07\n");
-}
-
-TEST_F(OwnModemTest, TellsWhyTheModemDoesNotStart) {
-  setenv("PELMAR_MODEM_SIM", "/no/such/program", 1);
-  Outcome outcome = shell("client nv read 1");
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_THAT(outcome.output, HasSubstr("/no/such/program: No such file or directory"));
-
-  setenv("PELMAR_MODEM_SIM", MODEM_SIM, 1);
-  setenv("XDG_RUNTIME_DIR", path(std::string(100, 'a')).c_str(), 1);
-  std::filesystem::create_directory(path(std::string(100, 'a')));
-  outcome = shell("client nv read 1");
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_THAT(outcome.output,
-              StartsWith("modem_api_test: starting the simulated modem failed: modem_sim: socket name"));
+  EXPECT_EQ(shell(quit + "client nv read 7 -o - | od -An -tx1; " + quit).output, " 07\n");
 }
 
 }  // namespace

@@ -1,267 +1,146 @@
-// Readings as text, as JSON, as rows of a file, and as a picture.
-#include <gmock/gmock.h>
+// The live view on a terminal, and recordings, as users run them.
 #include <gtest/gtest.h>
+#include <signal.h>
 
-#include <sstream>
+#include <algorithm>
 
-#include "failure.h"
-#include "json.h"
-#include "readings.h"
-#include "signal/axis.h"
-#include "signal/plot.h"
-#include "signal/reading_text.h"
-#include "signal/recording.h"
-#include "statistic_values.h"
-#include "time_text.h"
+#include "client_program.h"
 
 namespace pelmar::cli {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
-constexpr CarrierName kPrimary{Technology::kLte, 0};
+// The client on a terminal of its own.
+class Terminal : public Process {
+ public:
+  explicit Terminal(const std::string& arguments)
+      : Process(
+            "/usr/bin/script",
+            {"script", "-qec",
+             "cd $TEST_DIRECTORY; echo $$ >process; export TERM=xterm; stty rows 24 cols 80; exec " MODEM_API_TEST " " +
+                 arguments,
+             "/dev/null"},
+            true) {}
 
-TEST(ReadingText, TellsEverythingOnce) {
-  const std::string text = reading_text({kTestTime, {full_subscription(1)}});
-  EXPECT_THAT(text, HasSubstr("subscription 1: LTE, transmit power -7 dBm\n"
-                              "  LTE pcc  channel 1300  PCI 101\n"
-                              "    RSRP dBm        -80.4    -81.0    -82.0    -83.0\n"));
-  EXPECT_THAT(text, HasSubstr("  LTE scc2  channel 6300  PCI 503\n"
-                              "    RSRP dBm       -125.0   -110.5        -        -\n"
-                              "    SNR dB           -3.0      1.0        -        -\n"
-                              "  NR pcc\n"));
-  EXPECT_THAT(text, HasSubstr("  receive gain\n"
-                              "    NR dBm          -60.0    -61.0    -62.0    -63.0\n"
-                              "    WCDMA dBm       -70.0    -71.0        -        -\n"
-                              "  antennas  rx 1 2 3 0 (was 0 1 2 3), tx 0 2, configuration 1 (was 0)\n"));
-}
-
-TEST(ReadingText, LineHasTheCarriersInTheirPlaces) {
-  const std::string line = reading_line({kTestTime, {full_subscription(0)}});
-  EXPECT_EQ(line.substr(12), "  sub 0  LTE   tx -7  LTE -80/23 - -111/1  NR -90/15");
-  SubscriptionReading nothing;
-  EXPECT_EQ(reading_line({kTestTime, {nothing}}).substr(12), "  sub 0  no mode       ");
-}
-
-TEST(ReadingJson, HasNullForWhatWasNotMeasured) {
-  SubscriptionReading nothing;
-  nothing.sub = 1;
-  const Json document = reading_json({kTestTime, {full_subscription(0), nothing}});
-  EXPECT_EQ(document["time"], "2023-11-14T22:13:20.007Z");
-  const Json& sub = document["subscriptions"][0];
-  EXPECT_EQ(sub["carriers"][1].dump(), R"({"carrier":"lte_scc2","channel":6300,"pci":503,)"
-                                       R"("rsrp":[-125.0,-110.5,null,null],"snr":[-3.0,1.0,null,null]})");
-  EXPECT_EQ(sub["gain"]["nr"].dump(), "[-60.0,-61.0,-62.0,-63.0]");
-  EXPECT_EQ(sub["rx_antennas"][3].dump(), R"({"before":3,"now":0})");
-  EXPECT_EQ(document["subscriptions"][1].dump(), R"({"sub":1,"mode":null,"tx_power":null,"carriers":[]})");
-}
-
-TEST(Time, IsReadBackAsItIsWritten) {
-  EXPECT_EQ(parse_utc_text("2023-11-14T22:13:20.007Z"), kTestTime);
-  for (const char* text : {"", "2023-11-14", "2023-11-14T22:13:20.007", "2023-11-14T22:13:20.007Zx",
-                           "2023-13-14T22:13:20.007Z", "2023-02-30T22:13:20.007Z", "2023-11-14T22:13:20.07Z"}) {
-    EXPECT_EQ(parse_utc_text(text), std::nullopt) << text;
-  }
-}
-
-// --- CSV ---
-
-Recording from_csv(const std::string& text, std::optional<uint32_t> only_sub = std::nullopt) {
-  std::istringstream stream(text);
-  Recording recording;
-  recording.add_csv(stream, "the file 'a'", only_sub);
-  return recording;
-}
-
-TEST(Csv, KeepsWhatThePictureNeeds) {
-  Recording recording;
-  recording.add(full_reading());
-  const Recording back = from_csv(csv_header() + csv_rows(full_reading()));
-  ASSERT_EQ(back.tracks().size(), 6U);
-  EXPECT_EQ(plot_svg(back), plot_svg(recording));
-  const TrackPoint point = back.tracks().at({1, {Technology::kLte, 2}}).front();
-  EXPECT_EQ(point.rsrp, -110.5);
-  EXPECT_EQ(point.snr, 1);
-}
-
-TEST(Csv, HasACellForEveryColumn) {
-  std::istringstream lines(csv_header() + csv_rows(full_reading()));
-  for (std::string line; std::getline(lines, line);) EXPECT_EQ(std::count(line.begin(), line.end(), ','), 26) << line;
-  EXPECT_THAT(csv_rows(full_reading()),
-              HasSubstr("2023-11-14T22:13:20.007Z,1,9,-7,nr_pcc,,,-90.0,-91.0,-92.0,-93.0,-9.0,,,,-60.0,-61.0,-62.0,"
-                        "-63.0,15.0,14.0,13.0,12.0,1,2,3,0\n"));
-}
-
-TEST(Csv, FindsColumnsByName) {
-  const Recording recording =
-      from_csv("note,carrier,time,sub,rsrp_2_dbm\r\nx,lte_pcc,2023-11-14T22:13:20.007Z,1,-77\r\n");
-  EXPECT_EQ(recording.tracks().at({1, kPrimary}).front().rsrp, -77);
-}
-
-TEST(Csv, IsReadUpToACutLastLine) {
-  const std::string rows =
-      "time,sub,carrier,rsrp_0_dbm\n2023-11-14T22:13:20.007Z,0,lte_pcc,-77\n2023-11-14T22:13:20.007Z,1,lte_pcc,-7";
-  EXPECT_EQ(from_csv(rows).tracks().size(), 1U);
-  EXPECT_EQ(from_csv(rows + "8\n").tracks().size(), 2U);
-  EXPECT_TRUE(from_csv(rows, 1).is_empty());
-  EXPECT_EQ(from_csv(rows + "8\n", 1).tracks().begin()->first, Recording::Key(1, kPrimary));
-}
-
-TEST(Csv, TracksAreInTheOrderOfTime) {
-  const std::string heading = "time,sub,carrier,rsrp_0_dbm\n";
-  const std::string rows[] = {"2023-11-14T22:13:20.007Z,0,lte_pcc,-77\n", "2023-11-14T22:13:21.007Z,0,lte_pcc,-78\n",
-                              "2023-11-14T22:13:22.007Z,0,lte_pcc,-79\n"};
-  EXPECT_EQ(plot_svg(from_csv(heading + rows[2] + rows[0] + rows[1])),
-            plot_svg(from_csv(heading + rows[0] + rows[1] + rows[2])));
-}
-
-TEST(Csv, ARecordingSurvivesThatTheClockIsSetBack) {
-  Recording recording;
-  for (const int seconds : {10, 11, 4, 5, 12}) {
-    Reading reading = full_reading();
-    reading.time += std::chrono::seconds(seconds);
-    recording.add(reading);
-  }
-  std::vector<int64_t> times;
-  for (const TrackPoint& point : recording.tracks().at({0, kPrimary})) {
-    times.push_back(std::chrono::duration_cast<std::chrono::seconds>(point.time - kTestTime).count());
-  }
-  EXPECT_THAT(times, ElementsAre(4, 5, 10, 11, 12));
-}
-
-TEST(Csv, RefusesWhatIsNoRecordingAndShowsTheLine) {
-  const struct {
-    const char* rows;
-    const char* reason;
-  } kCases[] = {
-      {"", "first line"},
-      {"a,b\n", "first line"},
-      {"time,carrier,sub\nnow,lte_pcc,0\n", "line 2: 'now' is no time"},
-      {"time,carrier,sub\n2023-11-14T22:13:20.007Z,lte,0\n", "line 2: 'lte' is no carrier"},
-      {"time,carrier,sub\n2023-11-14T22:13:20.007Z,lte_pcc,2\n", "line 2: '2' is no sub"},
-      {"time,carrier,sub,snr_0_db\n\n2023-11-14T22:13:20.007Z,nr_scc2,0,nan\n", "line 3: 'nan' is no snr_0_db"},
-      {"time,carrier,sub,snr_0_db\n2023-11-14T22:13:20.007Z,nr_scc2,0,1x\n", "line 2: '1x' is no snr_0_db"},
-  };
-  for (const auto& each : kCases) {
-    try {
-      from_csv(each.rows);
-      ADD_FAILURE() << each.rows;
-    } catch (const Failure& failure) {
-      EXPECT_THAT(failure.what(), HasSubstr(each.reason));
+  // Whether a line with the text comes to be drawn.
+  bool shows(const std::string& text) {
+    for (std::string drawn = line(); !drawn.empty(); drawn = line()) {
+      drawn_ += drawn + "\n";
+      if (drawn.find(text) != drawn.npos) return true;
     }
+    return false;
+  }
+
+  static void send(const std::string& signal) { shell("kill -" + signal + " $(cat process)"); }
+
+  // The exit status, or 128 and the signal's number. The screen was given back once, and nothing was drawn at places of
+  // its own after that; the last picture stays there.
+  int end_clean() {
+    drawn_ += rest();
+    const size_t left = drawn_.rfind("\033[?25h\033[?1049l");
+    const std::string after = drawn_.substr(std::min(left, drawn_.size()));
+    EXPECT_LT(drawn_.rfind("\033[?1049h"), left) << "never left";
+    EXPECT_NE(left, drawn_.npos);
+    EXPECT_EQ(after.find("\033[H"), after.npos);
+    EXPECT_EQ(after.find("\033[J"), after.npos);
+    return end();
+  }
+  const std::string& drawn() const { return drawn_; }
+
+ private:
+  std::string drawn_;
+};
+
+TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
+  Terminal terminal("signal --watch --rate 20");
+  EXPECT_TRUE(terminal.shows("subscription 1"));
+  ctl("restart 300");
+  EXPECT_TRUE(terminal.shows("MODEM AWAY"));
+  EXPECT_TRUE(terminal.shows(" readings, 20 a second"));
+  terminal.tell("\003");
+  EXPECT_EQ(terminal.end_clean(), 128 + SIGINT);
+  EXPECT_THAT(terminal.drawn().substr(terminal.drawn().rfind("\033[?1049l")), HasSubstr("subscription 1"));
+}
+
+TEST_F(ClientTest, EvenTheSecondSignalLeavesTheTerminalClean) {
+  Terminal terminal("signal --watch --rate 20");
+  EXPECT_TRUE(terminal.shows("2 readings"));
+  ctl("silence vs");
+  EXPECT_TRUE(comes_to_wait());
+  terminal.send("INT");
+  terminal.send("TERM");  // another signal than the first: two of one kind may arrive as one
+  EXPECT_EQ(terminal.end_clean(), 128 + SIGTERM);
+}
+
+TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
+  // The shell holds the pipe open and reads nothing.
+  expect({{"mkfifo p; exec 3<>p; client --json --timeout 2 signal --rate 50 --watch --plot a.svg >&3", 1,
+           "not done in 2 s"},
+          {"head -c 5 a.svg", 0, "<svg "}});
+  Terminal terminal("signal --rate 20 --watch --plot b.svg");
+  EXPECT_TRUE(terminal.shows("2 readings"));
+  ctl("silence vs");
+  EXPECT_TRUE(comes_to_wait());
+  terminal.send("INT");
+  EXPECT_EQ(terminal.end_clean(), 128 + SIGINT);
+  expect({{"head -c 5 b.svg", 0, "<svg "}});
+}
+
+TEST_F(ClientTest, WhatIsNoRecordingIsRefusedWithItsLine) {
+  const std::string draw = "client signal --plot - --from a";
+  const std::string heading = "echo time,carrier,sub,snr_0_db >a; echo ";
+  const std::string time = "2023-11-14T22:13:20.007Z,";
+  expect({{">a; " + draw, 1, "its first line does not name the columns"},
+          {"echo a,b >a; " + draw, 1, "its first line does not name the columns"},
+          {heading + ">>a; echo " + time + "lte,0,1 >>a; " + draw, 1, "line 3: 'lte' is no carrier"},
+          {heading + time + "lte_pcc,2,1 >>a; " + draw, 1, "line 2: '2' is no sub"},
+          {heading + time + "nr_scc2,0,nan >>a; " + draw, 1, "line 2: 'nan' is no snr_0_db"},
+          {heading + time + "nr_scc2,0,1x >>a; " + draw, 1, "line 2: '1x' is no snr_0_db"}});
+  for (const std::string text : {"now", "2023-11-14", "2023-11-14T22:13:20.007", "2023-11-14T22:13:20.007Zx",
+                                 "2023-13-14T22:13:20.007Z", "2023-02-30T22:13:20.007Z", "2023-11-14T22:13:20.07Z"}) {
+    expect({{heading + text + ",lte_pcc,0,1 >>a; " + draw, 1, "line 2: '" + text + "' is no time of a recording"}});
   }
 }
 
-// --- picture ---
-
-size_t count(const std::string& text, const std::string& part) {
-  size_t found = 0;
-  for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
-  return found;
-}
-
-// A recording of one carrier with a reading each 100 ms, but for those in the gap.
-Recording recording_of(int readings, int gap_begin = 0, int gap_end = 0) {
-  Recording recording;
-  for (int i = 0; i < readings; ++i) {
-    if (i >= gap_begin && i < gap_end) continue;
-    Reading reading{kTestTime + std::chrono::milliseconds(100 * i), {SubscriptionReading{}}};
-    Carrier carrier{kPrimary, {}, {}};
-    carrier.rsrp[1] = -100 + i % 10;
-    carrier.snr[0] = i % 7;
-    reading.subs[0].carriers = {carrier};
-    recording.add(reading);
-  }
-  return recording;
-}
-
-TEST(Plot, HasAxesUnitsTicksAndALegend) {
-  const std::string svg = plot_svg(recording_of(100));
-  for (const char* text : {">RSRP [dBm]<", ">SNR [dB]<", ">time since the start [s]<", ">sub 0 LTE pcc<", ">-100<",
-                           ">-92<", ">0<", ">8<", "2023-11-14 22:13:20 UTC, 9.9 s"}) {
-    EXPECT_THAT(svg, HasSubstr(text));
-  }
-  EXPECT_EQ(count(svg, "<polyline"), 2U);
-  EXPECT_THAT(svg, Not(HasSubstr("nan")));
-}
-
-TEST(Plot, InterruptsTheLineWhereTheModemWasAway) {
-  EXPECT_EQ(count(plot_svg(recording_of(100, 50, 52)), "<polyline"), 2U);
-  EXPECT_EQ(count(plot_svg(recording_of(100, 50, 60)), "<polyline"), 4U);
-  EXPECT_EQ(count(plot_svg(recording_of(1)), "<polyline"), 2U);
-}
-
-TEST(Plot, DrawsNoMoreThanThePictureCanShow) {
-  EXPECT_LT(plot_svg(recording_of(100'000)).size(), 200'000U);
-  EXPECT_GT(plot_svg(recording_of(700)).size(), 700U * 2 * 10);
-}
-
-TEST(Axis, TicksAreRoundNumbers) {
-  const struct {
-    double low;
-    double high;
-    std::vector<double> ticks;
-  } kCases[] = {{-103.2, -81, {-105, -100, -95, -90, -85, -80}},
-                {-80, -80, {-80, -79.8}},
-                {-0.4, 0.3, {-0.4, -0.2, 0, 0.2, 0.4}},
-                {-140, 0, {-140, -120, -100, -80, -60, -40, -20, 0}}};
-  for (const auto& each : kCases) {
-    const Axis axis = level_axis(each.low, each.high, 7);
-    EXPECT_THAT(axis.ticks(), testing::Pointwise(testing::DoubleNear(1e-9), each.ticks)) << each.low;
-    EXPECT_LE(axis.low, each.low);
-    EXPECT_GE(axis.high, each.high);
+// Each case goes on with the files of those before it.
+TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
+  const std::string record = "client signal --count 1 --csv a";
+  expect({{record, 0, "1 reading written to a\n"},
+          {"cp a first; " + record, 1, "it is there already"},
+          {"printf cut >>a; " + record + " --append", 0, "is cut, and is left out"},
+          {"client signal --from a --plot a", 1, "it is there already"},
+          {"client signal --from a --plot ./a --force", 2, "are the same file"},
+          {"head -n $(cat first | wc -l) a | cmp - first; grep -c time, a", 0, "1\n"},
+          {record + " --force; cat a | wc -l; cat first | wc -l", 0, "1 reading"},
+          {"printf 'two\\nlines' >b; client signal --count 1 --append --csv b", 1, "its columns are not those"},
+          {"cat b", 0, "two\nlines"},
+          {"client signal --count 1 --csv c --plot b", 1, "it is there already"},
+          {"client signal --count 1 --csv c --plot ./c --force", 2, "are the same file"},
+          {"ls c", 2, ""},
+          {"client signal --rate 50 --count 4 --json --csv d --plot e | grep -c subscriptions", 0, "4\n"},
+          {"client signal --from d --plot - | cmp - e", 0, ""},
+          {"client signal --rate 50 --count 2 --csv - | cut -d, -f5 | grep -c lte_pcc", 0, "4\n"},
+          {"client signal --watch --rate 50 --count 3", 0, "  sub 1  "},
+          {"client signal --csv none/a", 1, "No such file or directory"},
+          {"client signal --from none --plot f", 1, "No such file or directory"},
+          {"client signal --count 100 --for 1", 1, "only "}});
+  for (const std::string options :
+       {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json", "--csv - --watch", "--csv - --plot -",
+        "--plot - --json", "--csv g --plot g", "--append", "--force"}) {
+    expect({{"client signal " + options, 2, ""}});
   }
 }
 
-TEST(Axis, TimeIsCountedAsPeopleDo) {
-  const struct {
-    double seconds;
-    const char* unit;
-    const char* second_tick;
-  } kCases[] = {{0, "s", "0.2"},
-                {10, "s", "2"},
-                {100, "s", "15"},
-                {300, "min:s", "1:00"},
-                {10'000, "h:min:s", "0:30:00"},
-                {500'000, "h:min:s", "16:00:00"}};
-  for (const auto& each : kCases) {
-    const Axis axis = time_axis(each.seconds, 9);
-    EXPECT_EQ(time_unit(axis), each.unit) << each.seconds;
-    EXPECT_EQ(time_label(axis, axis.ticks().at(1)), each.second_tick) << each.seconds;
-    EXPECT_LE(axis.ticks().size(), 10U) << each.seconds;
-  }
-}
-
-// --- statistics values ---
-
-TEST(StatisticValues, AreDecodedAsFarAsTheyGo) {
-  const std::vector<uint8_t> uplink = {1, 0xF6, 0xFF, 103, 23, 0, 0xFF, 0xFF};
-  Json whole;
-  put_statistic(whole, 0x62, uplink);
-  EXPECT_EQ(whole.dump(), R"({"name":"lte-uplink","fields":{"version":1,"pusch_tx_power":-10,"dl_path_loss":103,)"
-                          R"("max_power":23,"pusch_ex_tx_power":65535}})");
-  EXPECT_EQ(statistic_fields_text(0x62, std::span(uplink).first(3)), "version 1, pusch_tx_power -10");
-  EXPECT_EQ(statistic_fields_text(0x62, std::span(uplink).first(2)), "version 1");
-  EXPECT_EQ(statistic_fields_text(0x6f, std::vector<uint8_t>{1, 0xAE, 0xFC, 0xFF, 0xFF}), "version 1, rx_prx -850");
-  const std::vector<uint8_t> mode = {1, 0xFF, 0xFF, 0xFF, 0xFF};
-  EXPECT_EQ(statistic_fields_text(0x2c, mode), "stack_max 1, rat 4294967295");
-  Json unknown;
-  put_statistic(unknown, 0x1234, uplink);
-  EXPECT_TRUE(unknown.empty());
-}
-
-TEST(StatisticValues, FloatsAndRepeatedNames) {
-  std::vector<uint8_t> value(52);
-  value[6] = 0x60;
-  value[7] = 0xC0;  // -3.5
-  value[43] = 0x3F;
-  value[42] = 0x80;  // 1
-  Json object;
-  put_statistic(object, 0x5a, value);
-  EXPECT_EQ(object["fields"]["tx_power_pusch"], -3.5);
-  EXPECT_EQ(object["fields"]["pathloss"].dump(), "[0.0,1.0,0.0,0.0]");
+TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {
+  ctl("delay 0 vs any 20");
+  ctl("error 52 vs");
+  expect({{"client signal --for 1 --csv a", 1, "QMI error 52"}});
+  ctl("clear");
+  ctl("delay 0 vs any 20");
+  ctl("die modem vs");
+  expect({{"client signal --for 1 --csv b --plot c", 1, "0 readings came before"}});
+  EXPECT_GT(modem().end(0), 0) << "it died";
 }
 
 }  // namespace

@@ -1,8 +1,13 @@
 #include "command_line.h"
 
-#include "commands/commands.h"
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
 #include "failure.h"
-#include "options.h"
 
 namespace pelmar::cli {
 
@@ -13,42 +18,216 @@ Data is given as hexadecimal digits ("0a 1b", 0a1b), as --text TEXT, or as @FILE
 Without a modem named, a simulated one is started; it keeps its storage between runs.
 Exit status: 0 success, 1 failure, 2 wrong usage, 128 and the signal's number when ended by a signal.)";
 
+constexpr size_t kMostInputBytes = 65536;  // far above what any message takes: the library refuses it in its words
+
+void set_details(CLI::Option& option, const Details& details) {
+  if (details.type != nullptr) option.type_name(details.type);
+  if (details.is_required) option.required();
+  if (details.most_words > 1) option.expected(1, details.most_words);
+  if (details.excludes != nullptr) option.excludes(details.excludes);
+  if (!details.words.empty()) option.check(CLI::IsMember(details.words));
+  if (details.most_characters == 0) return;
+  option.check([most = details.most_characters](const std::string& text) -> std::string {
+    return text.size() <= most ? "" : "a path has at most " + std::to_string(most) + " characters";
+  });
+}
+
+void take_or_refuse(const Take& take, const std::string& word) {
+  if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(refusal);
+}
+
 }  // namespace
 
-CommandLine::CommandLine() : app_("Client of the cellular modem, through libpelmar_modemapi.", "modem_api_test") {
-  app_.fallthrough();  // global options may stand behind the command
-  app_.require_subcommand(1);
-  app_.footer(kFooter);
-  app_.add_option("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_QMI_SOCKET)")
-      ->type_name("SOCKET");
-  app_.add_flag("--json", settings_.json, "print JSON, one document a line");
-  app_.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
-  app_.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
-  add_number(app_, "--timeout", "end with an error after that many seconds", 1, UINT32_MAX, [this](int64_t value) {
-    settings_.seconds = static_cast<uint32_t>(value);
-  })->type_name("SECONDS");
-  for (const AddCommands add_commands : command_families()) add_commands(*this);
+// --- options ---
+
+void Command::set_footer(const char* text) const {
+  app_.footer(text);
 }
+
+void Command::add_flag(const std::string& name, bool& target, const std::string& help, const Details& details) const {
+  set_details(*app_.add_flag(name, target, help), details);
+}
+
+void Command::add_switch(const std::string& name, bool& target, const std::string& help) const {
+  set_details(*app_.add_option(name, target, help), {.is_required = true, .words = {"on", "off"}});
+}
+
+void Command::add_text(const std::string& name, std::string& target, const std::string& help,
+                       const Details& details) const {
+  set_details(*app_.add_option(name, target, help)->capture_default_str(), details);
+}
+
+void Command::add_text(const std::string& name, std::optional<std::string>& target, const std::string& help,
+                       const Details& details) const {
+  set_details(*app_.add_option(name, target, help), details);
+}
+
+void Command::add_words(const std::string& name, std::vector<std::string>& target, const std::string& help,
+                        const Details& details) const {
+  set_details(*app_.add_option(name, target, help), details);
+}
+
+void Command::add_numbers(const std::string& name, std::vector<uint32_t>& target, const std::string& help,
+                          const Details& details) const {
+  set_details(*app_.add_option(name, target, help), details);
+}
+
+void Command::add_parsed(const std::string& name, const std::string& help, Take take, const Details& details) const {
+  if (details.most_words > 1) {
+    const auto take_all = [take](const std::vector<std::string>& words) {
+      for (const std::string& word : words) take_or_refuse(take, word);
+    };
+    return set_details(*app_.add_option_function<std::vector<std::string>>(name, take_all, help), details);
+  }
+  const auto take_one = [take](const std::string& word) { take_or_refuse(take, word); };
+  set_details(*app_.add_option_function<std::string>(name, take_one, help), details);
+}
+
+void Command::add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,
+                         std::function<void(int64_t)> store, const Details& details) const {
+  const std::string range = std::to_string(min) + " to " + std::to_string(max);
+  const auto take = [name, range, min, max, store = std::move(store)](const std::string& text) -> std::string {
+    const auto number = parse_number(text, min, max);
+    if (!number) return name + ": '" + text + "' is no number from " + range;
+    store(*number);
+    return "";
+  };
+  Details numbered = details;
+  if (numbered.type == nullptr) numbered.type = "N";
+  add_parsed(name, help, take, numbered);
+}
+
+void Command::add_subscription(uint32_t& target) const {
+  add_number("--sub", target, "the subscription, 0 or 1", {}, 1);
+}
+
+void Command::add_subscription(std::optional<uint32_t>& target, const std::string& otherwise) const {
+  add_number("--sub", target, "the subscription, 0 or 1 (" + otherwise + ")", 1);
+}
+
+void Command::add_duration(uint32_t& target, const std::string& help) const {
+  add_number("--for", target, help, {.type = "SECONDS"});
+}
+
+// --- the line ---
+
+CommandLine::CommandLine()
+    : app_(std::make_unique<CLI::App>("Client of the cellular modem, through libpelmar_modemapi.", "modem_api_test")) {
+  app_->fallthrough();  // global options may stand behind the command
+  app_->require_subcommand(1);
+  app_->footer(kFooter);
+  const Command global(*app_);
+  global.add_text("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_QMI_SOCKET)",
+                  {.type = "SOCKET"});
+  global.add_flag("--json", settings_.json, "print JSON, one document a line");
+  global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
+  global.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
+  global.add_number("--timeout", settings_.seconds, "end with an error after that many seconds", {.type = "SECONDS"},
+                    UINT32_MAX, 1);
+  add_info_command(*this);
+  add_item_commands(*this);
+  add_events_command(*this);
+  add_signal_command(*this);
+  add_statistics_commands(*this);
+  add_radio_commands(*this);
+  add_modem_commands(*this);
+  add_property_commands(*this);
+}
+
+CommandLine::~CommandLine() = default;
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
   try {
-    app_.parse(argc, argv);
+    app_->parse(argc, argv);
     return std::nullopt;
   } catch (const CLI::RequiredError& error) {
     // CLI11 misses the command first, and only then sees the word that is none.
-    const std::vector<std::string> words = app_.remaining(true);
-    if (words.empty()) return app_.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    const std::vector<std::string> words = app_->remaining(true);
+    if (words.empty()) return app_->exit(error) == 0 ? kExitSuccess : kExitUsage;
     remark("there is no command '" + words.front() + "'; --help lists them");
     return kExitUsage;
   } catch (const CLI::ParseError& error) {
-    return app_.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    return app_->exit(error) == 0 ? kExitSuccess : kExitUsage;
   }
 }
 
 CLI::App& CommandLine::add_group(const std::string& name, const std::string& summary) {
-  CLI::App& group = *app_.add_subcommand(name, summary);
+  CLI::App& group = *app_->add_subcommand(name, summary);
   group.require_subcommand(1);
   return group;
+}
+
+CLI::App& CommandLine::add_app(CLI::App& group, const std::string& name, const std::string& summary, Run run) {
+  CLI::App& app = *group.add_subcommand(name, summary);
+  app.callback([this, run = std::move(run)] { action_ = run; });
+  return app;
+}
+
+// --- options of several commands ---
+
+void DataInput::add_to(const Command& command) {
+  command.add_words("data", words, "hexadecimal digits, or @FILE", {.type = "DATA"});
+  command.add_text("--text", text, "the data as text", {.type = "TEXT", .excludes = "data"});
+}
+
+Bytes DataInput::read() const {
+  Bytes bytes;
+  if (text) {
+    bytes.assign(text->begin(), text->end());
+  } else if (words.empty()) {
+    throw Failure::of_usage("no data is given", "Give pairs of hexadecimal digits (\"0a 1b\"), --text TEXT or @FILE.");
+  } else if (words.size() == 1 && words[0].starts_with('@')) {
+    const std::string path = words[0].substr(1);
+    const bool is_input = path == "-";
+    const std::string step = "reading the data from " + (is_input ? "standard input" : "the file '" + path + "'");
+    const std::string content = read_file(is_input ? nullptr : path.c_str(), step, kMostInputBytes);
+    bytes.assign(content.begin(), content.end());
+  } else {
+    std::string digits;
+    for (const std::string& word : words) digits.append(digits.empty() ? "" : " ").append(word);
+    bytes = parse_hex(digits);
+  }
+  bytes.reserve(1);  // the library takes no null pointer, also for no bytes
+  return bytes;
+}
+
+void DataOutput::add_to(const Command& command) {
+  command.add_text("-o,--output", file, "write the bytes to this file (-: standard output)", {.type = "FILE"});
+  const auto take = [this](const std::string& word) -> std::string {
+    if (!word.starts_with('@') || word.size() == 1) return "'" + word + "' is no @FILE";
+    file = word.substr(1);
+    return "";
+  };
+  command.add_parsed("file", "the same as --output FILE", take, {.type = "@FILE", .excludes = "--output"});
+}
+
+void DataOutput::report(Output& output, const Bytes& bytes, Json document, const std::string& title) const {
+  if (file == "-") {
+    if (output.is_json()) throw Failure::of_usage("--json and --output - both want standard output");
+    return output.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  }
+  put_bytes(document, bytes);
+  const std::string heading = title + ": " + count_of(bytes.size(), "byte");
+  if (file.empty()) return output.print(document, heading + "\n" + hex_dump(bytes, 2));
+  write_file(file, bytes);
+  document["file"] = file;
+  output.print(document, heading + " written to " + file);
+}
+
+void Confirmation::add_to(const Command& command) {
+  command.add_flag("-y,--yes", yes, "do it without asking");
+}
+
+void Confirmation::require(const std::string& effect) const {
+  if (yes) return;
+  const std::string advice = "Repeat the command with --yes to confirm it.";
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
+    throw Failure("", effect + " This was not confirmed, and there is no terminal to ask at.", advice);
+  }
+  fprintf(stderr, "%s Go on? [y/N] ", effect.c_str());
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "yes") throw Failure("", "Nothing was done.");
 }
 
 }  // namespace pelmar::cli

@@ -1,17 +1,26 @@
-// The command line: global options, and the commands that the families in commands/ register.
+// The command line: global options, the commands that the sources in commands/ add, and the options that several of
+// them have. Only command_line.cpp sees the library that parses it.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "inbox.h"
 #include "output.h"
 #include "session.h"
 #include "signals.h"
+#include "text.h"
+
+namespace CLI {
+class App;
+}
 
 namespace pelmar::cli {
 
@@ -34,9 +43,76 @@ struct Settings {
   uint32_t seconds = 0;  // 0: without limit
 };
 
+// Of an option or a positional argument, what most do without.
+struct Details {
+  const char* type = nullptr;  // of its words, in the help text
+  bool is_required = false;
+  int most_words = 1;
+  size_t most_characters = 0;           // 0: no limit
+  std::vector<std::string> words = {};  // that alone are taken; empty: all
+  const char* excludes = nullptr;       // an option that cannot stand beside it
+};
+
+// Refuses a word with the reason that it returns, or takes it and returns nothing.
+using Take = std::function<std::string(const std::string& word)>;
+
+// A command, to add options to: a name without dashes is that of a positional argument. The target keeps its value
+// where the option is not given.
+class Command {
+ public:
+  explicit Command(CLI::App& app) : app_(app) {}
+
+  // The text below the help.
+  void set_footer(const char* text) const;
+
+  void add_flag(const std::string& name, bool& target, const std::string& help, const Details& details = {}) const;
+  void add_switch(const std::string& name, bool& target, const std::string& help) const;  // "on" or "off"; required
+  // The help shows a value that the target has already.
+  void add_text(const std::string& name, std::string& target, const std::string& help,
+                const Details& details = {}) const;
+  void add_text(const std::string& name, std::optional<std::string>& target, const std::string& help,
+                const Details& details = {}) const;
+  void add_words(const std::string& name, std::vector<std::string>& target, const std::string& help,
+                 const Details& details = {}) const;
+  void add_numbers(const std::string& name, std::vector<uint32_t>& target, const std::string& help,
+                   const Details& details) const;
+  void add_parsed(const std::string& name, const std::string& help, Take take, const Details& details = {}) const;
+
+  // A number in its range.
+  void add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,
+                  std::function<void(int64_t)> store, const Details& details) const;
+
+  template <typename Number>
+  void add_number(const std::string& name, Number& target, const std::string& help, const Details& details = {},
+                  int64_t max = std::numeric_limits<Number>::max(),
+                  int64_t min = std::numeric_limits<Number>::min()) const {
+    static_assert(std::is_integral_v<Number> && sizeof(Number) <= sizeof(uint32_t));
+    const auto store = [&target](int64_t value) { target = static_cast<Number>(value); };
+    add_number(name, help, min, max, store, details);
+  }
+  template <typename Number>
+  void add_number(const std::string& name, std::optional<Number>& target, const std::string& help,
+                  int64_t max = std::numeric_limits<Number>::max(), int64_t min = 0) const {
+    add_number(name, help, min, max, [&target](int64_t value) { target = static_cast<Number>(value); }, {});
+  }
+
+  // --sub, 0 or 1. `otherwise`: which subscriptions a command means that goes without.
+  void add_subscription(uint32_t& target) const;
+  void add_subscription(std::optional<uint32_t>& target, const std::string& otherwise = "both") const;
+
+  // --for SECONDS.
+  void add_duration(uint32_t& target, const std::string& help = "end after that many seconds") const;
+
+ private:
+  CLI::App& app_;
+};
+
 class CommandLine {
  public:
   CommandLine();
+  ~CommandLine();
+  CommandLine(const CommandLine&) = delete;
+  CommandLine& operator=(const CommandLine&) = delete;
 
   // Returns the exit status when there is nothing to run: help was asked for, or the line is wrong.
   std::optional<int> parse(int argc, char** argv);
@@ -44,33 +120,79 @@ class CommandLine {
   const Settings& settings() const { return settings_; }
   void run(const Context& context) const { action_(context); }
 
-  CLI::App& root() { return app_; }
+  CLI::App& root() { return *app_; }
 
   // A command that only holds others.
   CLI::App& add_group(const std::string& name, const std::string& summary);
 
-  // Adds a command: its own sub-command of CLI11, for its options, and the values that they fill, which live until the
-  // command has run.
+  // Adds a command, and the values that its options fill, which live until it has run.
   template <typename Values>
-  std::pair<CLI::App&, Values&> add(const std::string& name, const std::string& summary,
-                                    void (*action)(const Context&, const Values&)) {
-    return add<Values>(app_, name, summary, action);
+  std::pair<Command, Values&> add(const std::string& name, const std::string& summary,
+                                  void (*action)(const Context&, const Values&)) {
+    return add<Values>(*app_, name, summary, action);
   }
 
   template <typename Values, typename Action>
-  std::pair<CLI::App&, Values&> add(CLI::App& group, const std::string& name, const std::string& summary,
-                                    Action action) {
+  std::pair<Command, Values&> add(CLI::App& group, const std::string& name, const std::string& summary, Action action) {
     auto values = std::make_shared<Values>();
-    CLI::App& command = *group.add_subcommand(name, summary);
-    command.callback(
-        [this, action, values] { action_ = [action, values](const Context& context) { action(context, *values); }; });
-    return {command, *values};
+    CLI::App& app =
+        add_app(group, name, summary, [action, values](const Context& context) { action(context, *values); });
+    return {Command(app), *values};
   }
 
  private:
-  CLI::App app_;
+  using Run = std::function<void(const Context&)>;
+
+  CLI::App& add_app(CLI::App& group, const std::string& name, const std::string& summary, Run run);
+
+  const std::unique_ptr<CLI::App> app_;
   Settings settings_;
-  std::function<void(const Context&)> action_;
+  Run action_;
 };
+
+// --- options of several commands ---
+
+// Data to send: hexadecimal words, @FILE, or --text TEXT.
+struct DataInput {
+  std::vector<std::string> words;
+  std::optional<std::string> text;
+
+  void add_to(const Command& command);
+
+  // Throws where nothing is given, or what is given is no data. Also of no bytes the pointer is not null.
+  Bytes read() const;
+};
+
+// Where data that was read goes besides the report: nowhere, a file (@FILE, --output FILE), or - for standard output.
+struct DataOutput {
+  std::string file;
+
+  void add_to(const Command& command);
+
+  // Writes the bytes, then reports: to standard output alone where the bytes went elsewhere.
+  void report(Output& output, const Bytes& bytes, Json document, const std::string& title) const;
+};
+
+// A command that can cost the phone its service or its settings is confirmed: with --yes, or at the terminal.
+struct Confirmation {
+  bool yes = false;
+
+  void add_to(const Command& command);
+
+  // `effect` as in "The modem restarts.". Throws where it is not confirmed.
+  void require(const std::string& effect) const;
+};
+
+// --- the commands ---
+
+// Each source in commands/ adds its own; command_line.cpp calls these in the order of the help text.
+void add_info_command(CommandLine& line);
+void add_item_commands(CommandLine& line);
+void add_events_command(CommandLine& line);
+void add_signal_command(CommandLine& line);
+void add_statistics_commands(CommandLine& line);
+void add_radio_commands(CommandLine& line);
+void add_modem_commands(CommandLine& line);
+void add_property_commands(CommandLine& line);
 
 }  // namespace pelmar::cli

@@ -2,14 +2,189 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <nlohmann/json.hpp>
 #include <utility>
 
-#include "json.h"
+#include "observer.h"
+#include "output.h"
 #include "qmi_client.h"
-#include "result_codes.h"
+#include "text.h"
 
 namespace pelmar::cli {
+
+namespace {
+
+using platform::Observation;
+
+constexpr size_t kBytesInLine = 64;
+
+thread_local std::optional<Exchange> last_exchange;
+
+struct ErrorName {
+  uint32_t error;
+  const char* name;
+};
+
+// Of the QMI protocol, by number.
+constexpr ErrorName kErrorNames[] = {
+    {1, "malformed message"},
+    {2, "no memory"},
+    {3, "internal"},
+    {4, "aborted"},
+    {5, "client ids exhausted"},
+    {6, "transaction cannot be aborted"},
+    {7, "invalid client id"},
+    {9, "invalid handle"},
+    {10, "invalid profile"},
+    {13, "no network found"},
+    {16, "not provisioned"},
+    {17, "missing argument"},
+    {19, "argument too long"},
+    {22, "invalid transaction id"},
+    {23, "device in use"},
+    {24, "operation not supported by the network"},
+    {25, "operation not supported by the device"},
+    {26, "no effect"},
+    {37, "SIM not initialised"},
+    {41, "invalid id"},
+    {42, "requested number not supported"},
+    {43, "interface not found"},
+    {45, "invalid data format"},
+    {46, "general error"},
+    {47, "unknown error"},
+    {48, "invalid argument"},
+    {49, "invalid index"},
+    {50, "no entry"},
+    {51, "storage full"},
+    {52, "device not ready"},
+    {53, "network not ready"},
+    {57, "invalid message id"},
+    {58, "encoding"},
+    {59, "authentication lock"},
+    {60, "invalid transition"},
+    {69, "insufficient resources"},
+    {70, "disabled"},
+    {71, "invalid command"},
+    {74, "information not available"},
+    {77, "bundling not supported"},
+    {78, "operation partially failed"},
+    {80, "SIM file not found"},
+    {82, "access denied"},
+    {83, "restricted by the hardware"},
+    {90, "incompatible state"},
+    {93, "no radio"},
+    {94, "not supported"},
+    {95, "no subscription"},
+    {97, "aborted by the network"},
+    {98, "message blocked"},
+    {102, "no SIM"},
+    {115, "no permission"},
+    {116, "too soon"},
+    {118, "operation in progress"},
+};
+
+const char* qmi_error_name(uint32_t error) {
+  const auto row = std::find_if(std::begin(kErrorNames), std::end(kErrorNames),
+                                [error](const auto& each) { return each.error == error; });
+  return row != std::end(kErrorNames) ? row->name : "an unknown error";
+}
+
+void show_message(const Observation& message) {
+  const bool is_request = message.kind == Observation::Kind::kRequest;
+  const bool is_response = message.kind == Observation::Kind::kResponse;
+  char title[96];
+  snprintf(title, sizeof title, "%s service 0x%02x %s 0x%04x, ", is_request ? "->" : "<-", message.service,
+           is_request    ? "request"
+           : is_response ? "response"
+                         : "indication",
+           message.message);
+  const auto shown = message.tlvs.first(std::min(message.tlvs.size(), kBytesInLine));
+  remark(title + count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
+         (shown.size() < message.tlvs.size() ? " ..." : ""));
+}
+
+void remember_end(const Observation& observation) {
+  if (observation.kind == Observation::Kind::kEnd) last_exchange = {observation.code, observation.error};
+}
+
+void show_and_remember(const Observation& observation) {
+  remember_end(observation);
+  if (observation.kind != Observation::Kind::kEnd) return show_message(observation);
+  if (const std::string problem = describe(*last_exchange); !problem.empty()) remark("the exchange failed: " + problem);
+}
+
+constexpr const char* kAskInfo = "'modem_api_test info' shows which services are up.";
+
+// By code: a row stands at its code.
+constexpr ResultCode kResultCodes[] = {
+    {MODEM_API_SUCCESS, "MODEM_API_SUCCESS", "success", ""},
+    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the library refused it, or the modem is not there",
+     "--verbose shows messages and errors."},
+    {MODEM_API_RESP_END, "MODEM_API_RESP_END", "the exchange has ended", ""},
+    {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the response",
+     "Free some memory and try again."},
+    {MODEM_API_ERR_NOT_SUPPORTED, "MODEM_API_ERR_NOT_SUPPORTED", "this modem does not support it",
+     "Check the modem's firmware."},
+    {MODEM_API_ERR_INVALID_PARAM, "MODEM_API_ERR_INVALID_PARAM", "an argument is out of its range",
+     "--help shows the ranges of the arguments."},
+    {MODEM_API_ERR_NOT_INITIALIZED, "MODEM_API_ERR_NOT_INITIALIZED", "the library does not serve this process",
+     "The program must run under its own name, modem_api_test: call it by that name, not through a link."},
+    {MODEM_API_ERR_INVALID_CLIENT, "MODEM_API_ERR_INVALID_CLIENT", "the service is not up", kAskInfo},
+    {MODEM_API_ERR_NOT_READY, "MODEM_API_ERR_NOT_READY", "the modem is not ready",
+     "It is starting: try again in a moment."},
+    {MODEM_API_ERR_SERVICE_PENDING, "MODEM_API_ERR_SERVICE_PENDING", "the service is not up yet", kAskInfo},
+    {MODEM_API_ERR_ABORTED, "MODEM_API_ERR_ABORTED", "the modem aborted it", "Try again."},
+    {MODEM_API_ERR_TIMEOUT, "MODEM_API_ERR_TIMEOUT", "the modem did not respond in time",
+     "Check that the modem is alive, then try again."},
+    {MODEM_API_ERR_TRANSPORT, "MODEM_API_ERR_TRANSPORT", "the connection to the modem is broken",
+     "Check that the modem is alive, then try again."},
+    {MODEM_API_ERR_NO_EFFECT, "MODEM_API_ERR_NO_EFFECT", "it is so already", "Nothing needs to be done."},
+    {MODEM_API_ERR_NO_FREE_CLIENT, "MODEM_API_ERR_NO_FREE_CLIENT", "the client table is full",
+     "End other users of the library in this process."},
+    {MODEM_API_ERR_ALREADY_INITIALIZED, "MODEM_API_ERR_ALREADY_INITIALIZED", "this process has such a client already",
+     "Use the client that is open."},
+};
+
+constexpr ResultCode kUndocumented = {-1, "undocumented result",
+                                      "the library returned a code that it does not document",
+                                      "--verbose shows messages and errors."};
+
+constexpr bool rows_stand_at_their_codes() {
+  for (int32_t code = 0; code < static_cast<int32_t>(std::size(kResultCodes)); ++code) {
+    if (kResultCodes[code].code != code) return false;
+  }
+  return true;
+}
+static_assert(rows_stand_at_their_codes());
+
+}  // namespace
+
+void watch_exchanges(bool shows_messages) {
+  pelmar_platform_observe_qmi(shows_messages ? show_and_remember : remember_end);
+}
+
+std::optional<Exchange> take_last_exchange() {
+  return std::exchange(last_exchange, std::nullopt);
+}
+
+std::string describe(const Exchange& exchange) {
+  if (exchange.code == QMI_SERVICE_ERR) return "the service went away";
+  if (exchange.code == QMI_TIMEOUT_ERR) return "no response came in time";
+  if (exchange.code <= QMI_IDL_LIB_EXTENDED_ERR) {
+    return "a message that cannot be coded (codec error " + std::to_string(exchange.code) + ")";
+  }
+  if (exchange.code != QMI_NO_ERR) return "code " + std::to_string(exchange.code) + " of the QMI framework";
+  if (exchange.error == 0) return "";
+  return "QMI error " + std::to_string(exchange.error) + ", " + qmi_error_name(exchange.error);
+}
+
+const ResultCode& describe_result(int32_t code) {
+  const bool is_known = code >= 0 && code < static_cast<int32_t>(std::size(kResultCodes));
+  return is_known ? kResultCodes[code] : kUndocumented;
+}
 
 Failure::Failure(std::string step, std::string reason, std::string advice)
     : step_(std::move(step)), reason_(std::move(reason)), advice_(std::move(advice)) {

@@ -1,17 +1,46 @@
 // Why a command ended without success: the step that failed, the reason, and what to do about it. Thrown by whoever
 // notices; main() turns it into a message and the exit status.
+//
+// The library's results leave out the modem's own error, and some of its functions leave out that no response came. So
+// the Linux platform's exchanges beneath the library are observed.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <initializer_list>
 #include <optional>
 #include <string>
 
-#include "exchange.h"
-#include "json_fwd.h"
 #include "modem_api.h"
+#include "text.h"
 
 namespace pelmar::cli {
+
+// How an exchange with the modem ended.
+struct Exchange {
+  int32_t code;    // of the QMI framework: QMI_NO_ERR when a response came
+  uint32_t error;  // the response's QMI error; 0 for a success
+};
+
+// Call it once, before the library connects. `shows_messages`: each message goes to standard error as a line.
+void watch_exchanges(bool shows_messages);
+
+// The last exchange that ended on the calling thread, once: nothing where none ended since the last call.
+std::optional<Exchange> take_last_exchange();
+
+// Why an exchange failed: "QMI error 50, no entry", "the service went away", ...; empty for a success.
+std::string describe(const Exchange& exchange);
+
+// A result code of the library in words.
+struct ResultCode {
+  int32_t code;
+  const char* name;     // as modem_api.h spells it
+  const char* meaning;  // continues "reading NV item 10 failed: "
+  const char* advice;   // what to do, where the command has no better advice
+};
+
+// A code that the library does not document has a row of its own.
+const ResultCode& describe_result(int32_t code);
 
 enum ExitStatus { kExitSuccess = 0, kExitFailure = 1, kExitUsage = 2 };
 
@@ -27,7 +56,7 @@ class Failure : public std::exception {
   // `step` as in "reading the file 'a'", `reason` as in "no such file", `advice` a sentence or empty.
   Failure(std::string step, std::string reason, std::string advice = "");
 
-  // `exchange`: what the library asked of the modem meanwhile. The first advice that fits is given.
+  // `exchange`: the library's last one with the modem. The first advice that fits is given.
   static Failure of_result(std::string step, modem_api_result code, std::initializer_list<Advice> advices = {},
                            std::optional<Exchange> exchange = take_last_exchange());
 
@@ -40,7 +69,7 @@ class Failure : public std::exception {
   // The command line is wrong.
   static Failure of_usage(std::string reason, std::string advice = "");
 
-  // Whoever read the output has gone: there is nobody to tell.
+  // The reader of the output has gone: nothing is reported.
   static Failure of_closed_output();
 
   const char* what() const noexcept override { return text_.c_str(); }

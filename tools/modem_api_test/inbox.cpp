@@ -53,14 +53,16 @@ void Inbox::put(Arrival arrival) {
   changed_.notify_all();
 }
 
+template <typename Condition>
+void Inbox::wait(std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> deadline, Condition is_ready) {
+  if (!deadline) return changed_.wait(lock, is_ready);
+  changed_.wait_until(lock, *deadline, is_ready);
+}
+
 std::optional<Arrival> Inbox::next(std::optional<Clock::time_point> deadline) {
   std::unique_lock lock(mutex_);
   const auto is_ready = [this] { return is_interrupted_ || is_woken_ || !arrivals_.empty(); };
-  if (deadline) {
-    changed_.wait_until(lock, *deadline, is_ready);
-  } else {
-    changed_.wait(lock, is_ready);
-  }
+  wait(lock, deadline, is_ready);
   is_woken_ = false;
   if (is_interrupted_ || arrivals_.empty()) return std::nullopt;
   std::optional<Arrival> arrival(std::move(arrivals_.front()));
@@ -71,11 +73,7 @@ std::optional<Arrival> Inbox::next(std::optional<Clock::time_point> deadline) {
 bool Inbox::pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over) {
   std::unique_lock lock(mutex_);
   const auto is_ready = [&] { return is_interrupted_ || (is_over && is_over()); };
-  if (deadline) {
-    changed_.wait_until(lock, *deadline, is_ready);
-  } else {
-    changed_.wait(lock, is_ready);
-  }
+  wait(lock, deadline, is_ready);
   return !is_interrupted_;
 }
 

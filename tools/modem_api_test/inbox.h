@@ -2,8 +2,8 @@
 // asynchronous commands, steps of the modem's power, and the user's wish to end.
 //
 // The library's event callbacks carry no user data, so there is one inbox in the process. They run on the framework's
-// threads and only copy; the following command takes out what came, in order. Where it is too slow the newest are
-// dropped and counted, never the framework held up.
+// threads and only copy; the command takes the copies out in order. Where it is too slow, the newest are dropped and
+// counted: the framework never waits.
 #pragma once
 
 #include <atomic>
@@ -15,8 +15,8 @@
 #include <optional>
 #include <vector>
 
-#include "clocks.h"
-#include "exchange.h"
+#include "failure.h"
+#include "text.h"
 
 namespace pelmar::cli {
 
@@ -25,9 +25,9 @@ struct Arrival {
 
   Kind kind;
   WallClock::time_point time;
-  uint32_t number;               // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, the response's result, or enum pm_event
-  uint32_t client_type;          // of a notice: MODEM_API_CLIENT_*
-  std::vector<uint8_t> payload;  // of an event, laid out as its structure in modem_api.h; of a response
+  uint32_t number;       // MODEM_API_EVENT_*, MODEM_API_NOTICE_*, the response's result, or enum pm_event
+  uint32_t client_type;  // of a notice: MODEM_API_CLIENT_*
+  Bytes payload;         // of an event, laid out as its structure in modem_api.h; of a response
   std::optional<Exchange> exchange = std::nullopt;  // of a response
 };
 
@@ -49,14 +49,14 @@ class Inbox {
   // The next arrival; nothing when the time is up, the user wishes to end, or wake() was called.
   std::optional<Arrival> next(std::optional<Clock::time_point> deadline);
 
-  // Waits for that time, whatever arrives, or until it is over, which is looked at with each wake(). False when the
-  // user wishes to end.
+  // Waits for that time, whatever arrives, or until `is_over`, which is checked with each wake(). False when the user
+  // wishes to end.
   bool pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over = nullptr);
 
-  // Has a waiting next() or pause_until() look again; next() also where it is called later.
+  // Has a waiting next() or pause_until() check again; next() also where it is called later.
   void wake();
 
-  // Called by the signal thread.
+  // The user wishes to end. Called by the signal thread.
   void interrupt();
   bool is_interrupted() const;
 
@@ -65,6 +65,8 @@ class Inbox {
 
  private:
   void put(Arrival arrival);
+  template <typename Condition>
+  void wait(std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> deadline, Condition is_ready);
 
   static std::atomic<Inbox*> current_;
 

@@ -4,9 +4,15 @@
 
 #include "failure.h"
 #include "qmi_client.h"
-#include "services.h"
 
 namespace pelmar::cli {
+
+namespace {
+
+// For a last call to a modem that is there. Less than a command has to end when its time is up.
+constexpr std::chrono::milliseconds kPatience{300};
+
+}  // namespace
 
 ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value)
     : open_(std::move(open)), probe_(std::move(probe)), needs_value_(needs_value) {
@@ -34,7 +40,7 @@ bool ModemLink::is_up() {
 
 // Opening an absent service would take ten seconds.
 void ModemLink::come_back() {
-  if (!is_present(service_of(MODEM_API_CLIENT_VS))) {
+  if (!is_present(MODEM_API_CLIENT_VS)) {
     problem_ = "its vendor-specific service is down";
     return;
   }
@@ -56,6 +62,44 @@ stats_para_data probe_request() {
 
 std::string away_text(const std::string& problem) {
   return "the modem is away: " + problem + "; waiting for it";
+}
+
+// --- the thread ---
+
+ModemThread::~ModemThread() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void ModemThread::start(std::function<void()> call) {
+  if (thread_.joinable()) thread_.join();
+  is_busy_ = true;
+  thread_ = std::thread([this, call = std::move(call)] {
+    call();
+    {
+      const std::lock_guard lock(mutex_);
+      is_busy_ = false;
+      ended_.notify_all();
+    }
+    context_.inbox.wake();
+  });
+}
+
+bool ModemThread::wait(std::optional<Clock::time_point> deadline) const {
+  context_.inbox.pause_until(deadline, [this] { return !is_busy_; });
+  return !is_busy_;
+}
+
+void ModemThread::run(const std::function<void()>& command) {
+  const Signals::Follower ends_by_itself(context_.signals);
+  std::optional<Failure> failure;
+  try {
+    command();
+  } catch (const Failure& caught) {
+    failure = caught;
+  }
+  std::unique_lock lock(mutex_);
+  if (!ended_.wait_for(lock, kPatience, [this] { return !is_busy_; })) context_.signals.end(failure);
+  if (failure) throw *failure;
 }
 
 }  // namespace pelmar::cli

@@ -1,21 +1,27 @@
-// A connection to the vendor-specific service that is opened again whenever the modem was away.
-//
-// The library reports no loss of that service, so that its user asks from time to time whether the modem still
-// responds.
+// For commands that follow the modem: a connection that is opened again whenever the modem was away, and a thread for
+// calls of the library, which may last as long as the modem wants.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 
+#include "command_line.h"
 #include "modem_api.h"
 
 namespace pelmar::cli {
 
+// A connection to the vendor-specific service. The library reports no loss of that service, so that its user asks from
+// time to time whether the modem still responds.
 class ModemLink {
  public:
   // `open` opens the connection, also where it is open already, and throws where it cannot; it is called at once.
-  // `probe` reads something from the modem over that connection. A modem that refuses it is there, unless it does not
-  // know this client any more, is not ready, or a value is needed.
+  // `probe` reads something from the modem over that connection. A modem that refuses it is there, unless this client
+  // is not known to it any more, it is not ready, or a value is needed.
   ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value);
 
   // Whether the modem responds; opens the connection again where the last call found it lost.
@@ -39,5 +45,33 @@ stats_para_data probe_request();
 std::string away_text(const std::string& problem);
 inline constexpr const char* kNoResponseText = "it does not respond";
 inline constexpr const char* kBackText = "the modem is back";
+
+// Calls of the library on a thread of their own: the thread that prints starts a call here and waits for it no longer
+// than suits.
+class ModemThread {
+ public:
+  explicit ModemThread(const Context& context) : context_(context) {}
+  ~ModemThread();
+  ModemThread(const ModemThread&) = delete;
+  ModemThread& operator=(const ModemThread&) = delete;
+
+  // Starts the call; none is under way. The inbox wakes up when it has ended.
+  void start(std::function<void()> call);
+  bool is_busy() const { return is_busy_; }
+
+  // Waits for the call. False when the time is up or the user wishes to end before.
+  bool wait(std::optional<Clock::time_point> deadline) const;
+
+  // Runs a command that follows the modem; the command ends by itself then. Where a call is still under way behind it,
+  // the process ends here: the call uses what would be destroyed, and no thread waits for it.
+  void run(const std::function<void()>& command);
+
+ private:
+  const Context& context_;
+  std::atomic<bool> is_busy_{false};
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::thread thread_;
+};
 
 }  // namespace pelmar::cli

@@ -3,14 +3,16 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <nlohmann/json.hpp>
+#include <utility>
 
-#include "json.h"
 #include "printable_text.h"
 #include "unique_fd.h"
 
@@ -75,15 +77,11 @@ Output::Output(bool json) : fd_(take_standard_output()), is_json_(json) {}
 void Output::print(const Json& document, std::string_view text) {
   std::string printed = is_json_ ? to_line(document) : printable_text(text, kLayout);
   if (!printed.ends_with('\n')) printed += '\n';
-  write_text(printed);
+  write(printed);
 }
 
-void Output::write(std::span<const uint8_t> bytes) {
-  write_text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-}
-
-void Output::write_text(std::string_view text) {
-  if (write_all(fd_.get(), text)) return;
+void Output::write(std::string_view bytes) {
+  if (write_all(fd_.get(), bytes)) return;
   if (errno == EPIPE) throw Failure::of_closed_output();
   throw Failure::of_system("writing the output");
 }
@@ -100,6 +98,63 @@ void stop_waiting_for_readers() {
 
 void remark(const std::string& text) {
   write_all(STDERR_FILENO, std::string(kProgram) + ": " + printable_text(text, kLayout) + "\n");
+}
+
+// --- files ---
+
+std::string read_file(const char* path, const std::string& step, size_t most) {
+  const File file(path == nullptr ? stdin : fopen(path, "rbe"), &fclose);
+  if (file == nullptr) throw Failure::of_system(step);
+  std::string content;
+  char bytes[65536];
+  while (const size_t count = fread(bytes, 1, sizeof bytes, file.get())) {
+    content.append(bytes, count);
+    if (content.size() > most) throw Failure(step, "it is longer than " + count_of(most, "byte"), "Give less data.");
+  }
+  if (ferror(file.get()) != 0) throw Failure::of_system(step);
+  return content;
+}
+
+void write_file(const std::string& path, std::span<const uint8_t> bytes) {
+  File file(fopen(path.c_str(), "wbe"), &fclose);
+  const bool is_written = file != nullptr && fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
+  if (!is_written || fclose(file.release()) != 0) throw Failure::of_system("writing the file '" + path + "'");
+}
+
+RecordingFile::RecordingFile(Output& output, std::string path, Earlier earlier)
+    : output_(output), path_(std::move(path)), file_(nullptr, &fclose) {
+  if (path_ == "-") return;
+  UniqueFd fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (!fd && errno == EEXIST) {
+    is_new_ = false;
+    fd.reset(open(path_.c_str(), O_WRONLY | O_CLOEXEC | (earlier == Earlier::kAppend ? O_APPEND : 0)));
+    struct stat status {};
+    const bool is_regular = fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (is_regular && earlier == Earlier::kRefuse) {
+      throw Failure("writing the file '" + path_ + "'", "it is there already",
+                    "Name another file, or add --force to replace it (--append: to go on with a CSV file).");
+    }
+    replaces_ = is_regular && earlier == Earlier::kReplace;
+  }
+  require(static_cast<bool>(fd));
+  file_.reset(fdopen(fd.get(), "w"));
+  require(file_ != nullptr);
+  fd.release();
+}
+
+RecordingFile::~RecordingFile() {
+  if (file_ != nullptr && is_new_ && !is_written_) unlink(path_.c_str());
+}
+
+void RecordingFile::write(const std::string& text) {
+  if (file_ == nullptr) return output_.write(text);
+  require(!std::exchange(replaces_, false) || ftruncate(fileno(file_.get()), 0) == 0);
+  is_written_ = true;
+  require(fwrite(text.data(), 1, text.size(), file_.get()) == text.size() && fflush(file_.get()) == 0);
+}
+
+void RecordingFile::require(bool is_done) const {
+  if (!is_done) throw Failure::of_system("writing the file '" + path_ + "'");
 }
 
 }  // namespace pelmar::cli

@@ -1,16 +1,18 @@
-// The program's own standard output: a document for people, or one line of JSON for scripts.
+// Where the program writes: its own standard output, as a document for people or one line of JSON for scripts; remarks
+// on standard error; and files, none of which stays open in a program that this one starts.
 //
 // The library's shell log goes to standard output too. So that the program's output stays clean, it keeps the real
 // standard output to itself and points descriptor 1 at standard error.
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
-#include "bytes.h"
 #include "failure.h"
-#include "json_fwd.h"
+#include "text.h"
 #include "unique_fd.h"
 
 namespace pelmar::cli {
@@ -30,14 +32,12 @@ class Output {
   void print(const Json& document, std::string_view text);
 
   // The bytes as they are.
-  void write(std::span<const uint8_t> bytes);
+  void write(std::string_view bytes);
 
-  // Tells a failure on standard error, and as JSON here too.
+  // Prints a failure on standard error, and as JSON here too.
   void report(const Failure& failure);
 
  private:
-  void write_text(std::string_view text);
-
   const UniqueFd fd_;
   const bool is_json_;
 };
@@ -45,7 +45,45 @@ class Output {
 // From now on what finds no reader within a moment is a failure; before, it is waited for.
 void stop_waiting_for_readers();
 
-// A remark for the person at the terminal, on standard error.
+// A line for the user, on standard error.
 void remark(const std::string& text);
+
+// --- files ---
+
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// All of a file, or of standard input where `path` is null. Throws where it cannot be read, and where it is longer
+// than `most` bytes; `step` names it in the failure.
+std::string read_file(const char* path, const std::string& step, size_t most = SIZE_MAX);
+
+// Throws where the file cannot be written.
+void write_file(const std::string& path, std::span<const uint8_t> bytes);
+
+// A recording's file, or standard output for "-". An earlier recording is lost only where that is asked for.
+class RecordingFile {
+ public:
+  enum class Earlier { kRefuse, kReplace, kAppend };
+
+  // Opens or creates the file; what is in it stays until the first write. Throws where it cannot be written, and where
+  // there is one and `earlier` refuses it.
+  RecordingFile(Output& output, std::string path, Earlier earlier);
+  // A file that was created and not written is removed.
+  ~RecordingFile();
+  RecordingFile(const RecordingFile&) = delete;
+  RecordingFile& operator=(const RecordingFile&) = delete;
+
+  // The text is in the file when this returns. Throws where it cannot be written.
+  void write(const std::string& text);
+
+ private:
+  void require(bool is_done) const;
+
+  Output& output_;
+  const std::string path_;
+  bool is_new_ = true;
+  bool replaces_ = false;
+  bool is_written_ = false;
+  File file_;
+};
 
 }  // namespace pelmar::cli

@@ -1,25 +1,30 @@
 #include "own_modem.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
-#include "clocks.h"
 #include "environment.h"
 #include "failure.h"
-#include "local_socket.h"
-#include "modem_process.h"
+#include "output.h"
 #include "state_directory.h"
+#include "text.h"
+#include "unix_socket.h"
 
 namespace pelmar::cli {
 
@@ -29,7 +34,108 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr const char* kStep = "starting the simulated modem";
-constexpr auto kAnswerPatience = 2s;
+constexpr const char* kProgram = "modem_sim";
+constexpr const char* kProgramVariable = "PELMAR_MODEM_SIM";
+constexpr const char* kIdleSeconds = "60";
+constexpr std::chrono::seconds kReadyPatience{20};
+constexpr std::string_view kReadyLine = "modem_sim: ready on ";
+
+std::string find_program() {
+  if (std::string named = environment(kProgramVariable); !named.empty()) return named;
+  std::error_code error;
+  const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
+  for (const fs::path& directory : {here, here.parent_path() / "bin"}) {
+    const fs::path program = directory / kProgram;
+    if (access(program.c_str(), X_OK) == 0) return program;
+  }
+  throw Failure(
+      kStep, std::string("no program ") + kProgram + " stands beside this one",
+      std::string("Build it, set ") + kProgramVariable + " to its path, or name a modem with --modem SOCKET.");
+}
+
+enum class Start { kReady, kEnded, kTooLate };
+
+// Reads the output up to the ready line, its end, or the deadline.
+Start wait_until_ready(int output) {
+  const Clock::time_point deadline = Clock::now() + kReadyPatience;
+  std::string text;
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd readable = {output, POLLIN, 0};
+    if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) == 0) return Start::kTooLate;
+    char bytes[256];
+    const ssize_t count = read(output, bytes, sizeof bytes);
+    if (count <= 0) return Start::kEnded;
+    text.append(bytes, static_cast<size_t>(count));
+    if (text.find(kReadyLine) != text.npos && text.ends_with('\n')) return Start::kReady;
+  }
+}
+
+// Starts modem_sim as a process that outlives this one, and returns once it serves: empty, or why it does not.
+std::string start_modem_process(const std::string& socket, const std::string& storage, const std::string& log) {
+  const std::string program = find_program();
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw Failure::of_system("creating a pipe");
+  const UniqueFd output(ends[0]);
+  UniqueFd input(ends[1]);
+
+  // Detached from the terminal and from everything that this process has open.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  const char* const arguments[] = {kProgram,           "serve",      "--socket",
+                                   socket.c_str(),     "--storage",  storage.c_str(),
+                                   "--exit-when-idle", kIdleSeconds, nullptr};
+  pid_t process = 0;
+  const int error =
+      posix_spawn(&process, program.c_str(), &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) return program + ": " + strerror(error);
+  input.reset();
+
+  const Start start = wait_until_ready(output.get());
+  if (start == Start::kReady) return "";
+  if (start == Start::kTooLate) kill(process, SIGKILL);
+  waitpid(process, nullptr, 0);
+  std::string logged = read_file(log.c_str(), "reading the modem's log " + log);
+  while (logged.ends_with('\n')) logged.pop_back();
+  if (start == Start::kTooLate) return "it was not ready in time" + (logged.empty() ? "" : ": " + logged);
+  return logged.empty() ? program + " ended at once" : logged;
+}
+
+// --- the own modem ---
+
+constexpr std::chrono::milliseconds kResponsePatience{2000};
+
+// A QMUX frame to the control service that requests the list of services. It changes nothing in the modem.
+constexpr uint8_t kGetVersionInfo[] = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x21, 0x00, 0x00, 0x00};
+
+// A modem that refuses a connection closes it at once.
+constexpr int kRefusalPatienceMs = 100;
+
+// Whether a modem responds there: requests its list of services, and waits for the first byte of the response.
+bool responds(const UnixConnection& connection) {
+  const int fd = connection.fd.get();
+  if (fd < 0 || send(fd, kGetVersionInfo, sizeof kGetVersionInfo, MSG_NOSIGNAL) != sizeof kGetVersionInfo) return false;
+  pollfd readable = {fd, POLLIN, 0};
+  uint8_t response[512];
+  return poll(&readable, 1, static_cast<int>(kResponsePatience.count())) == 1 &&
+         recv(fd, response, sizeof response, 0) > 0;
+}
+
 constexpr auto kLockPatience = 45s;
 constexpr int kAttempts = 5;  // the modem of an earlier run may be ending and still hold the storage
 constexpr auto kPauseBetweenAttempts = 100ms;
@@ -90,12 +196,10 @@ UniqueFd take_lock(const std::string& path) {
 
 UniqueFd reach(const Place& place) {
   UnixConnection connection = connect_unix(place.socket);
-  return responds(connection, kAnswerPatience) ? std::move(connection.fd) : UniqueFd();
+  return responds(connection) ? std::move(connection.fd) : UniqueFd();
 }
 
-}  // namespace
-
-OwnModem reach_own_modem() {
+Modem reach_own_modem() {
   const Place place = make_place();
   std::string problem;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -107,6 +211,25 @@ OwnModem reach_own_modem() {
   }
   if (problem.empty()) problem = "it started, but does not respond on " + place.socket;
   throw Failure(kStep, problem, "Its log is " + place.log + "; --modem SOCKET names another modem.");
+}
+
+}  // namespace
+
+Modem choose_modem(const std::string& named) {
+  Modem modem{named.empty() ? environment(kModemSocketVariable) : named, "", {}};
+  if (modem.socket.empty()) modem = reach_own_modem();
+  setenv(kModemSocketVariable, modem.socket.c_str(), 1);
+  return modem;
+}
+
+std::string find_obstacle(const std::string& name) {
+  const UnixConnection connection = connect_unix(name);
+  if (connection.error == ENOENT || connection.error == ECONNREFUSED) return "";
+  if (connection.error != 0) return connection.problem;
+  const std::string refusal = describe_refusal(connection.fd.get(), name);
+  pollfd readable = {connection.fd.get(), POLLIN, 0};
+  if (refusal.empty() || poll(&readable, 1, kRefusalPatienceMs) != 1) return "";
+  return refusal + ", or start the simulated modem with --any-user";
 }
 
 }  // namespace pelmar::cli

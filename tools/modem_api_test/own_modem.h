@@ -1,9 +1,10 @@
-// The program's own simulated modem: one for each user, shared by all the user's runs, its storage kept between them.
+// Which modem the program uses: the one that --modem or PELMAR_QMI_SOCKET names, else a simulated modem of its own, one
+// for each user, shared by all the user's runs, its storage kept between them.
 //
 //   $XDG_STATE_HOME/pelmar/modem/        storage (~/.local/state without XDG_STATE_HOME)
 //   $XDG_RUNTIME_DIR/pelmar/modem-*.sock  socket, named for the storage (in the storage without XDG_RUNTIME_DIR)
 //
-// The modem runs detached and ends by itself when nobody has used it for a while.
+// That modem runs detached and ends by itself when nobody has used it for a while.
 #pragma once
 
 #include <string>
@@ -12,14 +13,20 @@
 
 namespace pelmar::cli {
 
-struct OwnModem {
+struct Modem {
   std::string socket;
-  std::string storage;
-  UniqueFd guard;  // a connection; the modem does not end while it is open
+  std::string storage;  // of the own modem; empty for another
+  UniqueFd guard;       // a connection: the own modem does not end while it is open
 };
 
-// Connects to the modem and starts it where it does not run. Several programs may do this at once. Throws with the
-// modem's own words where it does not start.
-OwnModem reach_own_modem();
+// `named`: what --modem gave, or empty. Passes the choice to the platform through the environment: call it before the
+// library connects. Several programs may start the own modem at once. Throws with what the modem logged where it does
+// not start.
+Modem choose_modem(const std::string& named);
+
+// Why the process that serves the socket cannot be used, and what to do: another user whom this one does not trust or
+// who does not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where
+// nobody serves.
+std::string find_obstacle(const std::string& name);
 
 }  // namespace pelmar::cli

@@ -6,11 +6,14 @@
 
 #include "failure.h"
 #include "inbox.h"
-#include "local_socket.h"
 #include "modem_hydra.h"
+#include "network_access_service_v01.h"
 #include "output.h"
 #include "pelmar_log.h"
-#include "services.h"
+#include "qmi_client.h"
+#include "specific_absorption_rate_v01.h"
+#include "unix_socket.h"
+#include "vs_client.h"
 
 namespace pelmar::cli {
 
@@ -21,7 +24,54 @@ constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC,
                               "Other programs have all client ids of the service: end one of them, or reset the modem.",
                               QMI_ERR_CLIENT_IDS_EXHAUSTED_V01};
 
+qmi_idl_service_object_type vs_object() {
+  return &vs_qmi_idl_service_object_v01;
+}
+
+qmi_idl_service_object_type sar_object() {
+  return sar_get_service_object_internal_v01(SAR_V01_IDL_MAJOR_VERS, SAR_V01_IDL_MINOR_VERS, SAR_V01_IDL_TOOL_VERS);
+}
+
+qmi_idl_service_object_type nas_object() {
+  return nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS);
+}
+
+// By client type: a row stands at its type.
+constexpr ServiceRow kServices[] = {
+    {MODEM_API_CLIENT_VS, "vs", "the vendor-specific service", vs_object},
+    {MODEM_API_CLIENT_SAR, "sar", "the SAR service", sar_object},
+    {MODEM_API_CLIENT_NAS_0, "nas_0", "the NAS service of subscription 0", nas_object},
+    {MODEM_API_CLIENT_NAS_1, "nas_1", "the NAS service of subscription 1", nas_object},
+};
+static_assert(std::size(kServices) == MODEM_API_CLIENT_TYPES);
+
 }  // namespace
+
+// --- services ---
+
+std::span<const ServiceRow> services() {
+  return kServices;
+}
+
+const ServiceRow& service_of(modem_api_client_type type) {
+  return kServices[type];
+}
+
+bool is_present(modem_api_client_type type) {
+  qmi_client_type notifier = nullptr;
+  qmi_client_os_params parameters{};
+  if (qmi_client_notifier_init(service_of(type).object(), &parameters, &notifier) != QMI_NO_ERR) return false;
+  bool is_there = false;
+  const auto on_presence = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
+                              void* data) {
+    if (event == QMI_CLIENT_SERVICE_COUNT_INC) *static_cast<bool*>(data) = true;
+  };
+  qmi_client_register_notify_cb(notifier, on_presence, &is_there);
+  qmi_client_release(notifier);
+  return is_there;
+}
+
+// --- session ---
 
 Session::Session(std::string modem, bool waits, bool verbose) : named_modem_(std::move(modem)), waits_(waits) {
   pelmar_hal_close_print();
@@ -38,24 +88,20 @@ void Session::restart() {
   if (std::exchange(is_initialised_, false)) modem_api_release();
 }
 
-const ModemChoice& Session::modem() {
-  if (!modem_) modem_.emplace(named_modem_);
+const Modem& Session::modem() {
+  if (!modem_) modem_ = choose_modem(named_modem_);
   return *modem_;
 }
 
-void Session::initialise() {
+void Session::prepare() {
+  wait_for_listener(modem().socket, "the modem");
+  if (const std::string problem = connect_unix(modem().socket).problem; !problem.empty()) {
+    throw Failure("connecting to the modem", "nobody serves " + modem().socket + " (" + problem + ")",
+                  "Start the modem, name another with --modem SOCKET, or wait for it with --wait.");
+  }
   if (is_initialised_) return;
   check(modem_api_init(), "setting up the library");
   is_initialised_ = true;
-}
-
-void Session::prepare() {
-  wait_for_listener(modem().socket(), "the modem");
-  if (const std::string problem = modem().problem(); !problem.empty()) {
-    throw Failure("connecting to the modem", "nobody serves " + modem().socket() + " (" + problem + ")",
-                  "Start the modem, name another with --modem SOCKET, or wait for it with --wait.");
-  }
-  initialise();
 }
 
 void Session::wait_for_listener(const std::string& socket, const std::string& whom) const {
@@ -71,11 +117,11 @@ void Session::wait_for_listener(const std::string& socket, const std::string& wh
 }
 
 void Session::wait_for(modem_api_client_type service) {
-  while (waits_ && !is_present(service_of(service))) std::this_thread::sleep_for(kWaitPeriod);
+  while (waits_ && !is_present(service)) std::this_thread::sleep_for(kWaitPeriod);
 }
 
 std::string Session::absence_advice() {
-  return "No such service responded on " + modem().socket() +
+  return "No such service responded on " + modem().socket +
          ". 'modem_api_test info' shows what is there; --modem SOCKET names another modem.";
 }
 

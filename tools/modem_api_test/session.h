@@ -1,17 +1,33 @@
-// The program's use of the library: set up when the first client is opened, clients freed at the end whatever the end
-// is.
+// The services that the library has clients for, and the program's use of the library: set up when the first client is
+// opened, clients freed at the end whatever the end is.
 #pragma once
 
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "modem_api.h"
-#include "modem_choice.h"
+#include "own_modem.h"
+#include "qmi_idl_lib.h"
 
 namespace pelmar::cli {
+
+struct ServiceRow {
+  modem_api_client_type type;
+  const char* name;   // for scripts
+  const char* title;  // for people
+  qmi_idl_service_object_type (*object)();
+};
+
+std::span<const ServiceRow> services();
+
+const ServiceRow& service_of(modem_api_client_type type);
+
+// Whether the modem has the service now, as the framework has it: opening an absent service would take ten seconds.
+bool is_present(modem_api_client_type type);
 
 class Session {
  public:
@@ -23,13 +39,13 @@ class Session {
   Session& operator=(const Session&) = delete;
 
   // The modem, chosen (and started) at the first call.
-  const ModemChoice& modem();
+  const Modem& modem();
 
   // Whether to wait for a modem that is not there yet.
   bool waits() const { return waits_; }
 
-  // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where whoever serves
-  // it cannot be used, and waiting does not mend that.
+  // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where the process
+  // that serves it cannot be used, and waiting does not change that.
   void wait_for_listener(const std::string& socket, const std::string& whom) const;
 
   // Opens a client whose events and notices go to the inbox. Throws where the service does not come up.
@@ -47,14 +63,13 @@ class Session {
   void close();
 
  private:
-  void initialise();
   void prepare();
   void wait_for(modem_api_client_type service);
   std::string absence_advice();
 
   const std::string named_modem_;
   const bool waits_;
-  std::optional<ModemChoice> modem_;
+  std::optional<Modem> modem_;
   bool is_initialised_ = false;
 
   std::mutex mutex_;

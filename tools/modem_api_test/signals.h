@@ -1,9 +1,9 @@
 // SIGINT, SIGTERM and SIGHUP end the program cleanly: a thread of its own waits for them, so that it can act while the
 // command waits for the modem.
 //
-// The first signal tells the inbox; a command that follows the modem ends by itself then. Any other is not waited for:
-// the thread frees the clients, so that the modem gets its client ids back, and ends the process with 128 plus the
-// signal's number. The second signal ends the process at once.
+// The first signal interrupts the inbox; a command that follows the modem ends by itself then. Any other command is not
+// waited for: the thread frees the clients, so that the modem gets its client ids back, and ends the process with 128
+// plus the signal's number. The second signal ends the process at once.
 //
 // The same thread ends the program when its time is up. The command may be in a call of the library that lasts as long
 // as the modem wants: so it is not waited for, and the clients are left to the platform, which gives their ids back at
@@ -25,12 +25,12 @@ namespace pelmar::cli {
 
 class Signals {
  public:
-  // Keeps the signals from every thread that starts later. Call it before any does.
+  // Blocks the signals in every thread that starts later. Call it before any does.
   static void block();
 
   static constexpr int kTimeUp = -1;
 
-  // Reports what a command came to and returns the exit status. `end`: the signal that came, kTimeUp, or 0 for neither.
+  // Reports the failure, if any, and returns the exit status. `end`: the signal that came, kTimeUp, or 0 for neither.
   using Conclude = std::function<int(std::optional<Failure> failure, int end)>;
 
   // 0 seconds: without limit.
@@ -67,7 +67,7 @@ class Signals {
   const std::optional<Clock::time_point> deadline_;
   const Conclude conclude_;
   UniqueFd signals_;
-  UniqueFd finish_;  // an eventfd: tells the thread that the command has ended
+  UniqueFd finish_;  // an eventfd, written when the command has ended
 
   std::mutex mutex_;  // never released by a thread that ends the process
   std::condition_variable changed_;

@@ -2,9 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
-#include "json.h"
-#include "options.h"
 #include "statistic_tables.h"
 
 namespace pelmar::cli {

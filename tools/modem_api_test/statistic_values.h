@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "json_fwd.h"
+#include "text.h"
 
 namespace pelmar::cli {
 

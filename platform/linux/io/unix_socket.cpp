@@ -84,7 +84,7 @@ std::string describe_refusal(int fd, const std::string& name) {
   if (!is_abstract(name) || ::geteuid() == 0 || listener.uid == ::geteuid()) return "";
   return describe(listener) +
          ", which serves it, closed the connection at once: it may admit only its own user and root; run both as one "
-         "user, or start the simulated modem with --any-user";
+         "user";
 }
 
 }  // namespace pelmar

@@ -111,7 +111,8 @@ bool SocketStream::wait(short events, const Deadline& deadline) {
 void SocketStream::report_refusal() {
   if (silent_listener_.empty()) return;
   const std::string problem = describe_refusal(descriptor(), silent_listener_);
-  if (!problem.empty()) report(silent_listener_, problem);
+  if (problem.empty()) return;
+  report(silent_listener_, problem + ", or start the simulated modem with --any-user");
 }
 
 void SocketStream::stop_receiving() {

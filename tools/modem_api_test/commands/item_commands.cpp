@@ -1,12 +1,13 @@
 // nv, efs, efs-path and rfnv: each reads, writes and deletes items of one kind. What differs between the four is a row.
+// efs-sync has the modem write its EFS to storage; raw sends a pass-through command.
+#include <chrono>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 
 #include "command_line.h"
-#include "commands/commands.h"
 #include "failure.h"
-#include "json.h"
-#include "options.h"
+#include "text.h"
 
 namespace pelmar::cli {
 
@@ -94,21 +95,18 @@ Json json_of(const Kind& kind, const Address& address) {
   return object;
 }
 
-void add_address(CLI::App& command, const Kind& kind, Address& address) {
+void add_address(const Command& command, const Kind& kind, Address& address) {
   if (kind.by_path) {
     // The library cuts a longer path, and would address another file.
-    const auto is_short = [](const std::string& path) -> std::string {
-      if (path.size() <= MODEM_API_MAX_PATH_CHARACTERS) return "";
-      return "a path has at most " + std::to_string(MODEM_API_MAX_PATH_CHARACTERS) + " characters";
-    };
-    command.add_option("path", address.path, "the file's path")->required()->check(is_short)->type_name("PATH");
+    command.add_text("path", address.path, "the file's path",
+                     {.type = "PATH", .is_required = true, .most_characters = MODEM_API_MAX_PATH_CHARACTERS});
   } else {
-    add_number(command, "item", address.item, "the item's number")->required();
+    command.add_number("item", address.item, "the item's number", {.is_required = true});
   }
   if (kind.max_qualifier > 0) {
-    add_number(command, "--qualifier", address.qualifier, "the qualifier (0)", kind.max_qualifier);
+    command.add_number("--qualifier", address.qualifier, "the qualifier (0)", {}, kind.max_qualifier);
   }
-  if (kind.max_index > 0) add_number(command, "--index", address.index, "the index (0)", kind.max_index);
+  if (kind.max_index > 0) command.add_number("--index", address.index, "the index (0)", {}, kind.max_index);
 }
 
 constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
@@ -155,7 +153,7 @@ void write_item(const Context& context, const Kind& kind, const WriteValues& val
         {bad_address(kind), kTooMuchData, kNoRoom});
   Json document = json_of(kind, values.address);
   document["written"] = bytes.size();
-  context.output.print(document, title + ": " + byte_count(bytes.size()) + " written");
+  context.output.print(document, title + ": " + count_of(bytes.size(), "byte") + " written");
 }
 
 void delete_item(const Context& context, const Kind& kind, const Address& address) {
@@ -171,6 +169,71 @@ void delete_item(const Context& context, const Kind& kind, const Address& addres
 template <typename Values>
 auto on(const Kind& kind, void (*action)(const Context&, const Kind&, const Values&)) {
   return [&kind, action](const Context& context, const Values& values) { action(context, kind, values); };
+}
+
+// --- efs-sync ---
+
+struct SyncValues {
+  int8_t mode = 0;
+  uint32_t value = 0;
+  uint16_t option = 0;
+};
+
+void sync_efs(const Context& context, const SyncValues& values) {
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  check(modem_api_efs_sync(client, values.mode, values.value, values.option), "synchronising the EFS");
+  context.output.print({{"synchronised", true}}, "EFS: synchronised");
+}
+
+// --- raw ---
+
+constexpr const char* kRawStep = "the pass-through command";
+constexpr std::chrono::seconds kResponsePatience{30};
+constexpr Advice kTooManyBytes = {MODEM_API_ERR_INVALID_PARAM,
+                                  "A pass-through command has at most 512 bytes: send less."};
+static_assert(MODEM_API_MAX_PASS_THROUGH_BYTES == 512);
+
+struct RawValues {
+  DataInput input;
+  bool is_async = false;
+};
+
+void print_data(Output& output, const Bytes& bytes) {
+  Json document = {{"callback", "data"}};
+  put_bytes(document, bytes);
+  output.print(document, "data: " + count_of(bytes.size(), "byte") + "\n" + hex_dump(bytes, 2));
+}
+
+// Until the last callback of the exchange.
+void follow(const Context& context) {
+  const auto deadline = Clock::now() + kResponsePatience;
+  const Signals::Follower ends_by_itself(context.signals);
+  while (const auto arrival = context.inbox.next(deadline)) {
+    if (arrival->kind != Arrival::Kind::kResponse) continue;
+    if (arrival->number == MODEM_API_RESP_END) {
+      const char* const name = describe_result(MODEM_API_RESP_END).name;
+      return context.output.print({{"callback", "end"}, {"name", name}}, "end");
+    }
+    const auto result = static_cast<modem_api_result>(arrival->number);
+    if (result != MODEM_API_SUCCESS) throw Failure::of_result(kRawStep, result, {}, arrival->exchange);
+    print_data(context.output, arrival->payload);
+  }
+  if (!context.inbox.is_interrupted()) throw Failure::of_result(kRawStep, MODEM_API_ERR_TIMEOUT);
+}
+
+void send_raw(const Context& context, const RawValues& values) {
+  const Bytes bytes = values.input.read();
+  const auto length = static_cast<int32_t>(bytes.size());
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  if (!values.is_async) {
+    check(modem_api_common_command(client, bytes.data(), length), kRawStep, {kTooManyBytes});
+    const std::string text = "pass-through command: " + count_of(bytes.size(), "byte") + " accepted";
+    return context.output.print({{"accepted", bytes.size()}}, text);
+  }
+  check(modem_api_common_command_async(client, bytes.data(), length, nullptr, Inbox::receive_response), kRawStep,
+        {kTooManyBytes});
+  context.output.print({{"sent", bytes.size()}}, "pass-through command: " + count_of(bytes.size(), "byte") + " sent");
+  follow(context);
 }
 
 }  // namespace
@@ -193,6 +256,17 @@ void add_item_commands(CommandLine& line) {
       auto [command, address] = line.add<Address>(group, "delete", "delete" + what, on(kind, delete_item));
       add_address(command, kind, address);
     }
+  }
+  {
+    auto [command, values] = line.add("efs-sync", "have the modem write its EFS to storage", sync_efs);
+    command.add_number("--mode", values.mode, "the mode (0); only with 0 are the value and the option sent");
+    command.add_number("--value", values.value, "the value (0)");
+    command.add_number("--option", values.option, "the option (0)");
+  }
+  {
+    auto [command, values] = line.add("raw", "send a pass-through command of at most 512 bytes", send_raw);
+    values.input.add_to(command);
+    command.add_flag("--async", values.is_async, "do not wait in the call: show the data and the end as they arrive");
   }
 }
 

@@ -1,13 +1,32 @@
-// shutdown-notice and reset: what concerns the modem as a whole.
+// The modem as a whole. shutdown-notice and reset; power: this process's vote for the modem's power, who else votes,
+// and the steps of the power as they come; ssr: what the system does when the modem crashes, restart it alone or dump
+// its memory.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "command_line.h"
-#include "commands/commands.h"
+#include "cutils/properties.h"
+#include "environment.h"
 #include "failure.h"
-#include "json.h"
-#include "options.h"
+#include "manager_link.h"
+#include "modem_api_peripheral_mng.h"
+#include "own_modem.h"
+#include "pelmar_ssr.h"
+#include "text.h"
 
 namespace pelmar::cli {
 
 namespace {
+
+// --- shutdown-notice and reset ---
 
 struct ModemCommand {
   const char* name;
@@ -26,6 +45,274 @@ constexpr ModemCommand kCommands[] = {
      "resetting the modem", "modem: reset", modem_api_reset_modem},
 };
 
+// --- power ---
+//
+// A vote belongs to the process that casts it, so `vote` lasts as long as its process, and `release` ends such
+// processes.
+
+using namespace std::chrono_literals;
+using platform::power::Count;
+using platform::power::state_text;
+using platform::power::VoterEntry;
+
+constexpr auto kInterval = 250ms;
+constexpr auto kReleasePatience = 10s;
+constexpr const char* kNoManager =
+    "A simulated modem has one with 'modem_sim serve --pm-socket'; PELMAR_PM_SOCKET or --modem names it.";
+
+// The manager stands beside the modem, where none is named.
+std::string find_manager(const Context& context) {
+  if (environment("PELMAR_PM_SOCKET").empty()) context.session.modem();
+  std::string socket = platform::power::manager_socket();
+  if (context.session.waits()) context.session.wait_for_listener(socket, "the peripheral manager");
+  return socket;
+}
+
+// `otherwise`: what else may be the reason for no response.
+Failure no_manager(const std::string& step, const std::string& socket, const std::string& otherwise = "") {
+  const std::string obstacle = find_obstacle(socket);
+  if (!obstacle.empty()) return {step, socket + ": " + obstacle};
+  return {step, "no peripheral manager responds on " + socket + otherwise, kNoManager};
+}
+
+Count ask_manager(const std::string& socket, const std::string& step) {
+  const std::optional<Count> count = platform::power::ask_for_count(socket);
+  if (!count) throw no_manager(step, socket);
+  return *count;
+}
+
+Failure lost_manager(const std::string& step) {
+  return {step, "the peripheral manager is gone, and this registration with it", "Repeat the command when it is back."};
+}
+
+void report(const Context& context, pm_event state, WallClock::time_point time = WallClock::now()) {
+  const Json document = {{"time", utc_text(time)}, {"power", state_text(state)}, {"event", static_cast<int>(state)}};
+  context.output.print(document, local_text(time) + "  modem " + state_text(state));
+}
+
+// --- power vote ---
+
+struct VoteValues {
+  std::string device = "modem";
+  uint32_t seconds = 0;  // 0: until a signal
+};
+
+// This process's registration through the library.
+class Registration {
+ public:
+  Registration(const std::string& device, const std::string& socket) {
+    if (modem_api_peripheral_mng_init(device.c_str()) == 0) return;
+    throw no_manager("registering as a voter for '" + device + "'", socket, ", or it knows no such peripheral");
+  }
+  ~Registration() { modem_api_peripheral_mng_deinit(); }
+  Registration(const Registration&) = delete;
+  Registration& operator=(const Registration&) = delete;
+};
+
+// Prints the power's changes while the vote stands.
+void hold(const Context& context, const std::string& socket, std::optional<Clock::time_point> deadline) {
+  std::optional<pm_event> reported;
+  do {
+    const pm_event state = ask_manager(socket, "holding the vote").state;
+    if (state != reported) report(context, state);
+    reported = state;
+    // A repeated vote changes nothing, and fails where the manager that has it is gone.
+    if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("holding the vote");
+  } while ((!deadline || Clock::now() < *deadline) && context.inbox.pause_until(Clock::now() + kInterval));
+}
+
+void vote(const Context& context, const VoteValues& values) {
+  const std::string socket = find_manager(context);
+  const Signals::Follower ends_by_itself(context.signals);
+  const Registration registration(values.device, socket);
+  if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("voting for the modem's power");
+  context.output.print({{"vote", "cast"}, {"device", values.device}},
+                       "voted for the power of '" + values.device + "'" + (values.seconds > 0 ? "" : "; Ctrl-C ends"));
+  hold(context, socket, deadline_after(values.seconds));
+  modem_api_peripheral_mng_release_vote();
+  context.output.print({{"vote", "released"}, {"device", values.device}}, "vote taken back");
+}
+
+// --- power release ---
+
+bool runs_this_program(uint32_t process) {
+  struct stat own {};
+  struct stat other {};
+  return stat("/proc/self/exe", &own) == 0 &&
+         stat(("/proc/" + std::to_string(process) + "/exe").c_str(), &other) == 0 && own.st_dev == other.st_dev &&
+         own.st_ino == other.st_ino;
+}
+
+std::vector<uint32_t> own_votes(const Count& count) {
+  std::vector<uint32_t> processes;
+  for (const VoterEntry& voter : count.voters) {
+    if (voter.votes && runs_this_program(voter.process)) processes.push_back(voter.process);
+  }
+  return processes;
+}
+
+// A process that is ending runs nothing any more, while the manager still counts its vote.
+bool is_vote_of(const Count& count, const std::vector<uint32_t>& processes) {
+  return std::any_of(count.voters.begin(), count.voters.end(), [&processes](const VoterEntry& voter) {
+    return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
+  });
+}
+
+size_t votes(const Count& count) {
+  return static_cast<size_t>(
+      std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
+}
+
+void release(const Context& context, const NoValues&) {
+  constexpr const char* kStep = "releasing the votes of 'power vote'";
+  const std::string socket = find_manager(context);
+  Count count = ask_manager(socket, kStep);
+  const std::vector<uint32_t> processes = own_votes(count);
+  for (const uint32_t process : processes) kill(static_cast<pid_t>(process), SIGTERM);
+  const auto deadline = Clock::now() + kReleasePatience;
+  while (is_vote_of(count, processes)) {
+    if (Clock::now() > deadline) throw Failure(kStep, "a process goes on voting", "'power status' shows which.");
+    if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
+    count = ask_manager(socket, kStep);
+  }
+  const std::string left = std::to_string(votes(count)) + " left";
+  context.output.print({{"released", processes}, {"votes", votes(count)}},
+                       "votes: " + std::to_string(processes.size()) + " released, " + left);
+}
+
+// --- power status and watch ---
+
+void show_status(const Context& context, const NoValues&) {
+  const Count count = ask_manager(find_manager(context), "asking for the modem's power");
+  Json voters = Json::array();
+  std::string text = std::string("modem ") + state_text(count.state) + ", votes: " + std::to_string(votes(count));
+  for (const VoterEntry& voter : count.voters) {
+    voters.push_back({{"process", voter.process}, {"name", voter.voter}, {"votes", voter.votes}});
+    text +=
+        "\n  process " + std::to_string(voter.process) + ", " + voter.voter + (voter.votes ? ": votes" : ": no vote");
+  }
+  const Json document = {{"power", state_text(count.state)}, {"votes", votes(count)}, {"voters", std::move(voters)}};
+  context.output.print(document, text);
+}
+
+struct WatchValues {
+  std::string device = "modem";
+  uint32_t count = 0;    // 0: no limit
+  uint32_t seconds = 0;  // 0: no limit
+};
+
+// A voter without a vote, which acknowledges each step and passes it on.
+class Watcher {
+ public:
+  Watcher(const std::string& device, const std::string& socket) {
+    const int result = pm_client_register(on_event, this, device.c_str(), "modem_api_test watch", &state_, &handle_);
+    if (result == PM_RET_UNSUPPORTED) throw Failure(kStep, "the peripheral manager knows no '" + device + "'");
+    if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
+  }
+  ~Watcher() { pm_client_unregister(handle_); }
+  Watcher(const Watcher&) = delete;
+  Watcher& operator=(const Watcher&) = delete;
+
+  pm_event state() const { return state_; }
+
+  void follow(const Context& context, uint32_t limit, std::optional<Clock::time_point> deadline) const {
+    uint32_t seen = 0;
+    while (limit == 0 || seen < limit) {
+      const auto next_look = Clock::now() + kInterval;
+      const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look);
+      if (arrival) {
+        report(context, static_cast<pm_event>(arrival->number), arrival->time);
+        ++seen;
+        continue;
+      }
+      if (context.inbox.is_interrupted()) return;
+      if (deadline && Clock::now() >= *deadline) break;
+      // It has no vote to take back; that fails where the manager is gone.
+      if (pm_client_disconnect(handle_) != PM_RET_SUCCESS) throw lost_manager(kStep);
+    }
+    if (seen >= limit) return;
+    throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(limit) + " steps came",
+                  "Wait longer with --for SECONDS.");
+  }
+
+ private:
+  static constexpr const char* kStep = "watching the modem's power";
+
+  static void on_event(void* data, pm_event event) {
+    pm_client_event_acknowledge(static_cast<Watcher*>(data)->handle_, event);
+    Inbox::receive_power_step(event);
+  }
+
+  pm_event state_ = EVENT_PERIPH_IS_OFFLINE;
+  void* handle_ = nullptr;
+};
+
+void watch(const Context& context, const WatchValues& values) {
+  const std::string socket = find_manager(context);
+  const Signals::Follower ends_by_itself(context.signals);
+  const Watcher watcher(values.device, socket);
+  report(context, watcher.state());
+  watcher.follow(context, values.count, deadline_after(values.seconds));
+}
+
+void add_device(const Command& command, std::string& device) {
+  command.add_text("--device", device, "the peripheral's name at the manager", {.type = "NAME"});
+}
+
+// --- ssr ---
+
+struct RestartType {
+  const char* word;
+  const char* name;
+  const char* meaning;
+};
+
+// By number.
+constexpr RestartType kTypes[] = {
+    {"def", "MODEM_RESTART_LEVEL_ID_DEF", "the saved level is in force"},
+    {"ssr", "MODEM_RESTART_LEVEL_ID_SSR", "a crashed modem restarts alone"},
+    {"dump", "MODEM_RESTART_LEVEL_ID_DUMP", "a crashed modem is dumped"},
+    {"invalid", "MODEM_RESTART_LEVEL_ID_INVALID", "no known level is in force"},
+};
+constexpr size_t kSettableTypes = 3;
+
+void get_type(const Context& context, const NoValues&) {
+  const int32_t type = pelmar_get_modem_ssr_type();
+  const RestartType& row = kTypes[std::clamp<int32_t>(type, 0, std::size(kTypes) - 1)];
+  context.output.print({{"type", type}, {"name", row.name}},
+                       std::string("restart type ") + row.word + " (" + std::to_string(type) + "): " + row.meaning);
+}
+
+struct SetValues {
+  std::string type;
+};
+
+void set_type(const Context& context, const SetValues& values) {
+  const auto row = std::find_if(std::begin(kTypes), std::end(kTypes),
+                                [&](const RestartType& each) { return values.type == each.word; });
+  const auto type = static_cast<int32_t>(row - std::begin(kTypes));
+  const bool is_written = pelmar_set_modem_ssr_type(type) == 1;
+  context.output.print({{"type", type}, {"name", row->name}, {"written", is_written}},
+                       std::string("restart type ") + row->word +
+                           (is_written ? ": written" : ": nothing to write, it is in force or nothing is saved"));
+}
+
+void show_name(const Context& context, const NoValues&) {
+  char name[PROPERTY_VALUE_MAX] = {};  // the library does not terminate it
+  uint32_t room = sizeof name - 1;
+  pelmar_get_modem_ssr_type_name(name, &room);
+  context.output.print({{"level", name}}, name);
+}
+
+struct WaitValues {
+  int32_t seconds = -1;  // as the property says
+};
+
+void wait(const Context& context, const WaitValues& values) {
+  const int32_t waited = pelmar_modem_ssr_wait_s(values.seconds);
+  context.output.print({{"waited_s", waited}}, "waited " + std::to_string(std::max(waited, 0)) + " s");
+}
+
 }  // namespace
 
 void add_modem_commands(CommandLine& line) {
@@ -37,6 +324,36 @@ void add_modem_commands(CommandLine& line) {
     };
     auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);
     confirmation.add_to(command);
+  }
+
+  CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
+  {
+    auto [command, values] = line.add<VoteValues>(power, "vote", "vote for power, as long as this command runs", vote);
+    add_device(command, values.device);
+    command.add_duration(values.seconds, "take the vote back after that many seconds");
+  }
+  line.add<NoValues>(power, "release", "end every 'power vote' that runs", release);
+  line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status);
+  {
+    auto [command, values] = line.add<WatchValues>(power, "watch", "follow the steps of the power as they come", watch);
+    add_device(command, values.device);
+    command.add_number("--count", values.count, "end after that many steps");
+    command.add_duration(values.seconds);
+  }
+
+  CLI::App& ssr = line.add_group("ssr", "what happens when the modem crashes: the restart type");
+  line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type);
+  {
+    auto [command, values] = line.add<SetValues>(ssr, "set", "switch the restart type", set_type);
+    std::vector<std::string> words;
+    for (size_t i = 0; i < kSettableTypes; ++i) words.emplace_back(kTypes[i].word);
+    command.add_text("type", values.type, "ssr: restart alone; dump; def: as it was saved",
+                     {.is_required = true, .words = words});
+  }
+  line.add<NoValues>(ssr, "name", "show the restart level's text", show_name);
+  {
+    auto [command, values] = line.add<WaitValues>(ssr, "wait", "wait while a restart settles", wait);
+    command.add_number("seconds", values.seconds, "how long (default: persist.radio.ssr_wait_s, else 5)", {}, 3600, 0);
   }
 }
 

@@ -1,23 +1,25 @@
 // signal: what the radio receives, read once, watched, recorded, or drawn from a recording.
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command_line.h"
-#include "commands/commands.h"
 #include "failure.h"
-#include "files.h"
-#include "json.h"
-#include "modem_thread.h"
-#include "options.h"
-#include "signal/listeners.h"
-#include "signal/plot.h"
-#include "signal/reading_text.h"
-#include "signal/source.h"
+#include "modem_hydra.h"
+#include "modem_link.h"
+#include "signal/reading.h"
+#include "signal/recording.h"
+#include "signal/screen.h"
+#include "text.h"
 
 namespace pelmar::cli {
 
@@ -26,6 +28,7 @@ namespace {
 constexpr uint32_t kUsualRate = 2;
 constexpr uint32_t kHighestRate = 50;
 constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
+constexpr std::chrono::milliseconds kLinePeriod{950};           // a second, however the readings fall
 
 struct SignalValues {
   std::optional<uint32_t> sub;
@@ -44,7 +47,41 @@ struct SignalValues {
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
 
-// --- one reading ---
+// --- the readings ---
+
+modem_api_result probe() {
+  stats_para_data data = probe_request();
+  return modem_hydra_get_stats_parameter(0, 0, &data);
+}
+
+// Reads through hydra, which is opened again whenever the modem was away. The values themselves show nothing of why
+// they are missing, so every reading first asks whether the modem responds.
+class SignalSource {
+ public:
+  // Opens hydra. Throws where the modem is not there, or does not read its statistics.
+  explicit SignalSource(Session& session) : link_([&session] { open(session); }, probe, true) {}
+
+  // Nothing while the modem is away; problem() says why then. Also a modem that is back at once was away for one
+  // reading.
+  std::optional<Reading> read(std::span<const uint32_t> subs) {
+    if (!link_.is_up()) return std::nullopt;
+    Reading reading = read_signal(subs);
+    const bool is_whole = std::all_of(reading.subs.begin(), reading.subs.end(),
+                                      [](const SubscriptionReading& sub) { return sub.has_values(); });
+    if (!is_whole && !link_.is_up()) return std::nullopt;
+    return reading;
+  }
+
+  const std::string& problem() const { return link_.problem(); }
+
+ private:
+  static void open(Session& session) {
+    session.open_hydra();
+    check(probe(), "reading the modem's statistics");
+  }
+
+  ModemLink link_;
+};
 
 void show_once(const Context& context, const SignalValues& values) {
   SignalSource source(context.session);
@@ -54,7 +91,7 @@ void show_once(const Context& context, const SignalValues& values) {
   context.output.print(reading_json(*reading), reading_text(*reading));
 }
 
-// --- pictures ---
+// --- files ---
 
 // Open from the start, so that a recording is not made for a file that cannot be written.
 class PlotFile {
@@ -87,7 +124,7 @@ void refuse_one_file(const std::string& table, const std::string& picture) {
 }
 
 void draw_from_file(const Context& context, const SignalValues& values) {
-  std::istringstream rows(read_file(values.from));
+  std::istringstream rows(read_file(values.from.c_str(), "reading the file '" + values.from + "'"));
   Recording recording;
   recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
   PlotFile file(context.output, values);
@@ -98,27 +135,59 @@ void draw_from_file(const Context& context, const SignalValues& values) {
                        "picture of " + values.from + " written to " + values.plot);
 }
 
+// Opens a CSV file, or standard output for "-", up to its last whole line, and writes the heading where there is none.
+// Throws where the file cannot be written, and for kAppend where it has other columns.
+std::unique_ptr<RecordingFile> open_csv(Output& output, const std::string& path, RecordingFile::Earlier earlier) {
+  auto file = std::make_unique<RecordingFile>(output, path, earlier);
+  const bool goes_on = earlier == RecordingFile::Earlier::kAppend && path != "-";
+  const std::string before = goes_on ? read_file(path.c_str(), "reading the file '" + path + "'") : "";
+  if (!before.starts_with(csv_header()) && !csv_header().starts_with(before)) {
+    throw Failure("appending to the file '" + path + "'", "its columns are not those of a recording",
+                  "Name another file.");
+  }
+  const size_t whole = before.rfind('\n') + 1;
+  if (whole < before.size()) {
+    remark("the last line of '" + path + "' is cut, and is left out");
+    if (truncate(path.c_str(), static_cast<off_t>(whole)) != 0) throw Failure::of_system("writing '" + path + "'");
+  }
+  if (whole == 0) file->write(csv_header());
+  return file;
+}
+
 // --- a series of readings ---
+
+// How the readings of a series are shown, besides the files that they go to.
+enum class Show {
+  kLive,     // on the screen
+  kLines,    // lines for a log: one a subscription, at most once a second
+  kEach,     // the same for every reading
+  kJson,     // a JSON document a reading
+  kRemarks,  // nothing but remarks, on standard error, that the modem went away and came back
+};
 
 class Series {
  public:
   Series(const Context& context, const SignalValues& values)
-      : context_(context), values_(values), source_(context.session), subs_(values.subs()), thread_(context) {
+      : context_(context),
+        values_(values),
+        source_(context.session),
+        subs_(values.subs()),
+        show_(show_of(context, values)),
+        thread_(context) {
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
     if (!values.plot.empty()) {
       plot_.emplace(context.output, values);
       refuse_one_file(values.csv, values.plot);
-      listeners_.push_back(std::make_unique<Recorder>(recording_));
     }
     if (!values.csv.empty()) {
       const auto earlier = values.append  ? RecordingFile::Earlier::kAppend
                            : values.force ? RecordingFile::Earlier::kReplace
                                           : RecordingFile::Earlier::kRefuse;
-      listeners_.push_back(std::make_unique<CsvFile>(context.output, values.csv, earlier));
+      csv_ = open_csv(context.output, values.csv, earlier);
     }
-    listeners_.push_back(make_presentation(rate));
+    if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().socket, rate);
   }
 
   // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
@@ -130,7 +199,7 @@ class Series {
       } catch (const Failure& caught) {
         failure = caught;
       }
-      listeners_.clear();
+      live_.reset();
       if (!failure) return finish();
       if (plot_ && !recording_.is_empty()) plot_->write(recording_);
       throw *failure;
@@ -139,9 +208,8 @@ class Series {
 
  private:
   void read_all() {
+    const auto end = deadline_after(values_.seconds);
     Clock::time_point next = Clock::now();
-    std::optional<Clock::time_point> end;
-    if (values_.seconds > 0) end = next + std::chrono::seconds(values_.seconds);
     while (!is_complete() && (!end || next < *end) && context_.inbox.pause_until(next)) {
       if (!take(end)) return;
       next = std::max(next + period_, Clock::now());
@@ -167,16 +235,11 @@ class Series {
                   "Wait longer with --for SECONDS, or read faster with --rate N.");
   }
 
-  std::unique_ptr<SignalListener> make_presentation(uint32_t rate) const {
-    Output& output = context_.output;
-    if (output.is_json()) return std::make_unique<JsonLines>(output);
-    if (values_.writes_to_output()) return std::make_unique<AwayRemarks>();
-    if (values_.watch && is_screen(output)) {
-      return std::make_unique<LiveWatch>(output, context_.session.modem().socket(), rate);
-    }
-    const bool is_quiet = !values_.watch && (!values_.csv.empty() || !values_.plot.empty());
-    if (is_quiet) return std::make_unique<AwayRemarks>();
-    return std::make_unique<LogWatch>(output, !values_.watch);
+  static Show show_of(const Context& context, const SignalValues& values) {
+    if (context.output.is_json()) return Show::kJson;
+    if (values.writes_to_output()) return Show::kRemarks;
+    if (values.watch) return is_screen(context.output) ? Show::kLive : Show::kLines;
+    return values.csv.empty() && values.plot.empty() ? Show::kEach : Show::kRemarks;
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
@@ -186,18 +249,49 @@ class Series {
     thread_.start([this] { reading_ = source_.read(subs_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
-    readings_ += reading_ ? 1 : 0;
-    for (const auto& listener : listeners_) {
-      if (reading_) {
-        listener->take(*reading_);
-      } else {
-        listener->miss(source_.problem());
-      }
+    if (reading_) {
+      ++readings_;
+      if (plot_) recording_.add(*reading_);
+      if (csv_) csv_->write(csv_rows(*reading_));
+      show_reading(*reading_);
+    } else {
+      show_loss(source_.problem());
     }
     return true;
   }
 
-  std::string readings_text() const { return std::to_string(readings_) + (readings_ == 1 ? " reading" : " readings"); }
+  void show_reading(const Reading& reading) {
+    const bool is_back = std::exchange(is_lost_, false);
+    Output& output = context_.output;
+    switch (show_) {
+      case Show::kLive:
+        return live_->take(reading);
+      case Show::kRemarks:
+        if (is_back) remark(kBackText);
+        return;
+      case Show::kJson:
+        if (is_back) output.print({{"time", utc_text(reading.time)}, {"notice", "modem_back"}}, "");
+        return output.print(reading_json(reading), "");
+      case Show::kLines:
+      case Show::kEach:
+        if (!std::exchange(has_heading_, true)) output.print(Json(), kReadingLineHeading);
+        if (is_back) output.print(Json(), local_text(reading.time) + "  " + kBackText);
+        if (show_ == Show::kLines && Clock::now() < next_line_) return;
+        next_line_ = Clock::now() + kLinePeriod;
+        return output.print(Json(), reading_line(reading));
+    }
+  }
+
+  void show_loss(const std::string& problem) {
+    if (show_ == Show::kLive) return live_->miss(problem);
+    if (std::exchange(is_lost_, true)) return;
+    if (show_ == Show::kRemarks) return remark(away_text(problem));
+    const auto now = WallClock::now();
+    context_.output.print({{"time", utc_text(now)}, {"notice", "modem_away"}, {"reason", problem}},
+                          local_text(now) + "  " + away_text(problem));
+  }
+
+  std::string readings_text() const { return count_of(readings_, "reading"); }
 
   void report_files(bool has_picture) const {
     Json document = {{"readings", readings_}};
@@ -217,9 +311,14 @@ class Series {
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};
-  std::vector<std::unique_ptr<SignalListener>> listeners_;
-  Recording recording_;
+  const Show show_;
+  std::optional<LiveWatch> live_;
+  std::unique_ptr<RecordingFile> csv_;
   std::optional<PlotFile> plot_;
+  Recording recording_;
+  bool is_lost_ = false;
+  bool has_heading_ = false;
+  Clock::time_point next_line_;
   std::optional<Reading> reading_;
   uint32_t readings_ = 0;
   ModemThread thread_;
@@ -257,16 +356,14 @@ void run_signal(const Context& context, const SignalValues& values) {
 
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
-  add_subscription(command, values.sub);
+  command.add_subscription(values.sub);
   command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
-  add_number(command, "--rate", "readings a second (2)", 1, kHighestRate,
-             [&rate = values.rate](int64_t value) { rate = static_cast<uint32_t>(value); });
-  add_number(command, "--count", values.count, "end after that many readings");
-  add_number(command, "--for", values.seconds, "end after that many seconds")->type_name("SECONDS");
-  command.add_option("--csv", values.csv, "record to this file (-: standard output)")->type_name("FILE");
-  command.add_option("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)")
-      ->type_name("FILE");
-  command.add_option("--from", values.from, "draw this CSV recording, instead of reading")->type_name("FILE");
+  command.add_number("--rate", values.rate, "readings a second (2)", kHighestRate, 1);
+  command.add_number("--count", values.count, "end after that many readings");
+  command.add_duration(values.seconds);
+  command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
+  command.add_text("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)", {.type = "FILE"});
+  command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
 }

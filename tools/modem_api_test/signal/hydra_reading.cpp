@@ -1,4 +1,4 @@
-#include "signal/hydra_reading.h"
+#include "signal/reading.h"
 
 #include <algorithm>
 #include <iterator>
@@ -24,6 +24,11 @@ constexpr uint8_t (*kReadNr[])(uint32_t, NrRecord*) = {
     modem_hydra_nr5g_srv_meas_info_get_for_scc1,
     modem_hydra_nr5g_srv_meas_info_get_for_scc2,
 };
+
+// The modem's levels are 32-bit words that count tenths of dB or dBm.
+double decibels(int32_t word) {
+  return word / 10.0;
+}
 
 template <typename Record>
 std::optional<Record> read(uint8_t (*get)(uint32_t, Record*), uint32_t sub) {

@@ -1,15 +1,38 @@
 #include "signal/live_view.h"
 
 #include <algorithm>
-
-#include "columns.h"
-#include "signal/bars.h"
-#include "signal/reading_text.h"
-#include "time_text.h"
+#include <cmath>
 
 namespace pelmar::cli {
 
 namespace {
+
+// --- bars ---
+
+constexpr int kEighths = 8;
+constexpr const char* kRightwards[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉", "█"};
+constexpr const char* kUpwards[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char* kAsciiUpwards[] = {" ", ".", ":", "-", "=", "+", "*", "#", "@"};
+
+double share(double level, LevelRange range) {
+  return std::clamp((level - range.low) / (range.high - range.low), 0.0, 1.0);
+}
+
+// The levels' own range, widened around its middle to the least span.
+LevelRange range_of(std::span<const double> levels, double least_span) {
+  double low = NAN;
+  double high = NAN;
+  for (const double level : levels) {
+    low = std::fmin(low, level);
+    high = std::fmax(high, level);
+  }
+  const double missing = std::max(0.0, least_span - (high - low));
+  return {low - missing / 2, high + missing / 2};
+}
+
+// --- the view ---
+
+constexpr std::chrono::seconds kHistoryColumn{1};
 
 constexpr const char* kPlain = "\033[0m";
 constexpr const char* kBold = "\033[1m";
@@ -233,6 +256,66 @@ size_t next_element(std::string_view text, size_t& columns) {
 }
 
 }  // namespace
+
+Glyphs glyphs_of(std::string_view codeset) {
+  return codeset == "UTF-8" ? Glyphs::kBlocks : Glyphs::kAscii;
+}
+
+std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs) {
+  if (std::isnan(level)) return std::string(width, ' ');
+  if (glyphs == Glyphs::kAscii) {
+    const auto columns = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width)));
+    return std::string(columns, '#') + std::string(width - columns, ' ');
+  }
+  const auto eighths = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width * kEighths)));
+  std::string text;
+  for (size_t i = 0; i < eighths / kEighths; ++i) text += kRightwards[kEighths];
+  text += kRightwards[eighths % kEighths];
+  text.append(width - (eighths + kEighths - 1) / kEighths, ' ');
+  return text;
+}
+
+std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs) {
+  levels = levels.last(std::min(width, levels.size()));
+  const LevelRange range = range_of(levels, least_span);
+  std::string text(width - levels.size(), ' ');
+  const auto& upwards = glyphs == Glyphs::kBlocks ? kUpwards : kAsciiUpwards;
+  for (const double level : levels) {
+    text += std::isnan(level) ? upwards[0] : upwards[1 + std::lround(share(level, range) * (kEighths - 1))];
+  }
+  return text;
+}
+
+// --- history ---
+
+void History::add_gap(Clock::time_point time) {
+  if (is_started_ && time - started_ < kHistoryColumn) return;
+  started_ = is_started_ && time - started_ < 2 * kHistoryColumn ? started_ + kHistoryColumn : time;
+  is_started_ = true;
+  for (auto& [key, levels] : levels_) {
+    if (levels.size() == kMostColumns) levels.erase(levels.begin());
+    levels.push_back(kNoLevel);
+  }
+}
+
+void History::add(const Reading& reading, Clock::time_point time) {
+  add_gap(time);
+  for (const SubscriptionReading& sub : reading.subs) {
+    for (const Carrier& carrier : sub.carriers) {
+      std::vector<double>& levels = levels_[{sub.sub, carrier.name}];
+      if (levels.empty()) levels.push_back(kNoLevel);
+      levels.back() = strongest(carrier.rsrp);
+    }
+  }
+}
+
+std::span<const double> History::of(uint32_t sub, const CarrierName& carrier) const {
+  const auto found = levels_.find({sub, carrier});
+  if (found == levels_.end()) return {};
+  return found->second;
+}
+
+// --- the view ---
 
 size_t display_width(std::string_view text) {
   size_t width = 0;

@@ -1,16 +1,67 @@
-// The picture of `signal --watch`: lines that fit a terminal of any size, from the last reading and the history.
+// The picture of `signal --watch`: lines that fit a terminal of any size, from the last reading and the history of each
+// carrier.
 #pragma once
 
 #include <cstddef>
+#include <map>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "signal/bars.h"
-#include "signal/history.h"
 #include "signal/reading.h"
 
 namespace pelmar::cli {
+
+// --- bars, from left to right, and lines of columns that show a history ---
+
+// The range that a drawing shows; what is outside is drawn as its end.
+struct LevelRange {
+  double low;
+  double high;
+};
+
+inline constexpr LevelRange kRsrpRange = {-125, -65};
+inline constexpr LevelRange kRssiRange = {-100, -40};
+
+// What a drawing is made of: parts of blocks, or what every terminal has.
+enum class Glyphs { kBlocks, kAscii };
+
+// What a character set has, by the C library's name for it.
+Glyphs glyphs_of(std::string_view codeset);
+
+// `width` columns, in eighths of one or whole ones; no level: blank. A level that is there always shows.
+std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs);
+
+// The last `width` levels, one column each, scaled to their own range but to no less than `least_span`; blank where
+// there is no level. Right-aligned.
+std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs);
+
+// --- history ---
+
+// The last seconds of each carrier: a column a second, which shows the last level that was read in it.
+class History {
+ public:
+  static constexpr size_t kMostColumns = 240;
+
+  // Takes the RSRP of each carrier's strongest chain. Columns go by the steady clock: the reading's own time jumps
+  // where the wall clock is set.
+  void add(const Reading& reading, Clock::time_point time);
+
+  // A reading that did not come: the columns move on, and stay empty.
+  void add_gap(Clock::time_point time);
+
+  // Oldest first, up to the present second; no level where the carrier was not there. Empty for one that never was.
+  std::span<const double> of(uint32_t sub, const CarrierName& carrier) const;
+
+ private:
+  bool is_started_ = false;
+  Clock::time_point started_;  // the present column
+  std::map<std::pair<uint32_t, CarrierName>, std::vector<double>> levels_;
+};
+
+// --- the view ---
 
 struct TerminalSize {
   size_t columns = 80;

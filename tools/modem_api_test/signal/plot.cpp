@@ -1,12 +1,10 @@
-#include "signal/plot.h"
-
+// The picture of a recording.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iterator>
 
-#include "signal/axis.h"
-#include "time_text.h"
+#include "signal/recording.h"
 
 namespace pelmar::cli {
 
@@ -37,6 +35,74 @@ constexpr double kResolution = 0.5;
 constexpr const char* kLteColours[] = {"#0072b2", "#d55e00", "#009e73", "#e69f00", "#cc79a7", "#56b4e9", "#8c564b"};
 constexpr const char* kNrColours[] = {"#000000", "#7f7f7f", "#bcbd22"};
 constexpr const char* kDashes[kSubscriptions] = {"", R"( stroke-dasharray="7 4")"};
+
+// --- axes: which values they show, where their ticks stand, and what is written at them ---
+
+constexpr double kTimeSteps[] = {0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 14400};
+constexpr double kMinute = 60;
+constexpr double kHour = 3600;
+
+double round_step(double least) {
+  const double power = std::pow(10, std::floor(std::log10(least)));
+  for (const double factor : {1.0, 2.0, 5.0}) {
+    if (factor * power >= least * (1 - 1e-9)) return factor * power;
+  }
+  return 10 * power;
+}
+
+struct Axis {
+  double low;
+  double high;
+  double step;  // between ticks
+
+  // 0 at the low end, 1 at the high end.
+  double share(double value) const { return (value - low) / (high - low); }
+  std::vector<double> ticks() const {
+    std::vector<double> ticks;
+    const auto first = std::lround(std::ceil(low / step - 1e-9));
+    const auto last = std::lround(std::floor(high / step + 1e-9));
+    for (auto i = first; i <= last; ++i) ticks.push_back(static_cast<double>(i) * step);
+    return ticks;
+  }
+};
+
+// Ends on ticks, spans at least one step, and has at most `most_ticks` steps of 1, 2 or 5 times a power of ten.
+Axis level_axis(double low, double high, int most_ticks) {
+  const double step = round_step(std::fmax(high - low, 1) / most_ticks);
+  Axis axis{std::floor(low / step) * step, std::ceil(high / step) * step, step};
+  if (axis.low == axis.high) axis.high += step;
+  return axis;
+}
+
+// From 0 to the recording's length, with steps that people count time in.
+Axis time_axis(double seconds, int most_ticks) {
+  const double length = std::fmax(seconds, 1);
+  for (const double step : kTimeSteps) {
+    if (length / step <= most_ticks) return {0, length, step};
+  }
+  return {0, length, std::ceil(length / most_ticks / kHour) * kHour};
+}
+
+// "30", "1:30", "1:00:00", by the axis's length.
+std::string time_label(const Axis& axis, double seconds) {
+  char text[48];
+  const auto whole = std::lround(seconds);
+  if (axis.high < 2 * kMinute) {
+    snprintf(text, sizeof text, axis.step < 1 ? "%.1f" : "%.0f", seconds);
+  } else if (axis.high < 2 * kHour) {
+    snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
+  } else {
+    snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
+  }
+  return text;
+}
+
+std::string time_unit(const Axis& axis) {
+  if (axis.high < 2 * kMinute) return "s";
+  return axis.high < 2 * kHour ? "min:s" : "h:min:s";
+}
+
+// --- the picture ---
 
 struct Panel {
   const char* title;

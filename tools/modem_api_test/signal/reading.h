@@ -1,4 +1,4 @@
-// One reading of the radio of the subscriptions, as every form of output takes it: plain data, without the library.
+// One reading of the radio of the subscriptions, as every form of output takes it: plain data.
 //
 // Levels are in dB or dBm, one a receive chain. What the modem did not measure is not a number.
 #pragma once
@@ -9,10 +9,11 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "clocks.h"
+#include "text.h"
 
 namespace pelmar::cli {
 
@@ -117,5 +118,27 @@ struct GainRow {
   Levels levels;
 };
 std::vector<GainRow> gain_rows(const SubscriptionReading& reading);
+
+// Reads every value that the modem has, through the library's hydra functions. Hydra is open; each value is one
+// command.
+Reading read_signal(std::span<const uint32_t> subs);
+
+// --- a reading as text: for people who read it once, in a log or on paper, and as a JSON document for scripts ---
+
+std::string reading_text(const Reading& reading);
+
+// One line a subscription, as the heading explains it.
+inline constexpr const char* kReadingLineHeading =
+    "transmit power in dBm; RSRP in dBm / SNR in dB of the strongest chain, by carrier: the primary one, then "
+    "secondary 1, 2, ...";
+std::string reading_line(const Reading& reading);
+
+Json reading_json(const Reading& reading);
+
+// "rx 1 2 3 0 (was 0 1 2 3), tx 1 3": the antennas of the chains; empty where nothing is known.
+std::string antennas_text(const SubscriptionReading& reading);
+
+// "LTE, transmit power 12 dBm".
+std::string state_text(const SubscriptionReading& reading);
 
 }  // namespace pelmar::cli

@@ -5,9 +5,7 @@
 #include <sstream>
 
 #include "failure.h"
-#include "options.h"
 #include "output.h"
-#include "time_text.h"
 
 namespace pelmar::cli {
 

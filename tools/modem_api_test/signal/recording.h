@@ -1,5 +1,5 @@
-// A recording of readings: rows of a CSV file, one a carrier and reading, and the tracks of the carriers over time that
-// are drawn from it.
+// A recording of readings: rows of a CSV file, one a carrier and reading; the tracks of the carriers over time; and the
+// picture that is drawn of them.
 #pragma once
 
 #include <istream>
@@ -44,5 +44,9 @@ class Recording {
  private:
   std::map<Key, Track> tracks_;
 };
+
+// RSRP and SNR of each carrier over time, one above the other, as an SVG document. The recording has at least one
+// track.
+std::string plot_svg(const Recording& recording);
 
 }  // namespace pelmar::cli

@@ -9,8 +9,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "environment.h"
+#include "failure.h"
 
 namespace pelmar::cli {
 
@@ -26,13 +28,13 @@ std::atomic<int> g_terminal{-1};
 std::atomic<bool> g_is_shown{false};  // drawing goes to the second screen; signals turn it off on any thread
 
 // Safe in a signal handler.
-void tell_terminal(int terminal, std::string_view sequence) {
+void write_to_terminal(int terminal, std::string_view sequence) {
   if (terminal >= 0 && write(terminal, sequence.data(), sequence.size()) < 0) return;  // it is gone
 }
 
 void leave() {
   g_is_shown = false;
-  tell_terminal(g_terminal.exchange(-1), kLeave);
+  write_to_terminal(g_terminal.exchange(-1), kLeave);
 }
 
 // Most signals are waited for elsewhere; one that gets here ends the process.
@@ -44,9 +46,9 @@ void leave_and_die(int signal) {
 
 void leave_while_stopped(int /*signal*/) {
   g_is_shown = false;
-  tell_terminal(g_terminal, kLeave);
+  write_to_terminal(g_terminal, kLeave);
   raise(SIGSTOP);
-  tell_terminal(g_terminal, kEnter);
+  write_to_terminal(g_terminal, kEnter);
   g_is_shown = true;
 }
 
@@ -57,17 +59,12 @@ void handle(int number, void (*handler)(int)) {
   sigaction(number, &action, nullptr);
 }
 
-}  // namespace
-
-bool is_screen(const Output& output) {
-  return isatty(output.descriptor()) != 0 && environment("TERM", "dumb") != "dumb";
-}
-
+// NO_COLOR is not set.
 bool wants_colour() {
   return environment("NO_COLOR").empty();
 }
 
-// Asks the user's locale, and leaves that of the process as it is.
+// What the character set of the user's locale has. The locale of the process stays as it is.
 Glyphs screen_glyphs() {
   const locale_t users = newlocale(LC_CTYPE_MASK, "", nullptr);
   if (users == nullptr) return Glyphs::kAscii;
@@ -76,13 +73,19 @@ Glyphs screen_glyphs() {
   return glyphs;
 }
 
+}  // namespace
+
+bool is_screen(const Output& output) {
+  return isatty(output.descriptor()) != 0 && environment("TERM", "dumb") != "dumb";
+}
+
 Screen::Screen(Output& output) : output_(output) {
   static const int registered = std::atexit(leave);
   static_cast<void>(registered);
   for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
   handle(SIGTSTP, leave_while_stopped);
   g_terminal = output.descriptor();
-  tell_terminal(g_terminal, kEnter);
+  write_to_terminal(g_terminal, kEnter);
   g_is_shown = true;
 }
 
@@ -103,7 +106,51 @@ void Screen::draw(const std::vector<std::string>& lines) {
   std::string text = "\033[H";
   for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
   text += "\033[J";
-  output_.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+  output_.write(text);
+}
+
+// --- the live view ---
+
+LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
+    : output_(output), screen_(std::in_place, output), style_{wants_colour(), screen_glyphs()} {
+  state_.modem = std::move(modem);
+  state_.rate = rate;
+}
+
+LiveWatch::~LiveWatch() {
+  const TerminalSize size = screen_->size();
+  screen_.reset();
+  if (state_.readings == 0) return;
+  std::string text;
+  for (const std::string& line : live_view(last_, history_, state_, {size.columns, SIZE_MAX}, style_)) {
+    text += line + "\n";
+  }
+  try {
+    output_.write(text);
+  } catch (const Failure&) {
+    return;  // the terminal is gone
+  }
+}
+
+void LiveWatch::draw() {
+  screen_->draw(live_view(last_, history_, state_, screen_->size(), style_));
+}
+
+void LiveWatch::take(const Reading& reading) {
+  last_ = reading;
+  history_.add(reading, Clock::now());
+  ++state_.readings;
+  state_.trouble.clear();
+  draw();
+}
+
+void LiveWatch::miss(const std::string& problem) {
+  const auto now = Clock::now();
+  if (state_.trouble.empty()) lost_ = now;
+  history_.add_gap(now);
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - lost_).count();
+  state_.trouble = "MODEM AWAY " + std::to_string(seconds) + " s: " + problem + "; Ctrl-C ends";
+  draw();
 }
 
 }  // namespace pelmar::cli

@@ -2,7 +2,6 @@
 // away, it opens the clients again and goes on.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -11,7 +10,6 @@
 #include "command_line.h"
 #include "inbox.h"
 #include "modem_link.h"
-#include "modem_thread.h"
 
 namespace pelmar::cli {
 
@@ -20,18 +18,18 @@ struct FollowLimits {
   uint32_t count = 0;
   uint32_t seconds = 0;
 
-  void add_to(CLI::App& command);
+  void add_to(const Command& command);
 };
 
 class EventFollower {
  public:
-  // What a command needs besides: `prepare` gets a client that was opened, also again after a loss; `tend` is called
-  // from time to time while the modem is there, `leave` at the end where it still is. They run one at a time, on a
-  // thread of their own, and not while `start` of follow() does.
+  // What a command does besides. `on_open` gets a client that was opened, also again after a loss; `on_look` is called
+  // each time that the modem was found to be there, and `on_end` at the end where it still is. They run one at a time,
+  // on a thread of their own, and not while `start` of follow() does.
   struct Calls {
-    std::function<void(int32_t client)> prepare;
-    std::function<void()> tend;
-    std::function<void()> leave;
+    std::function<void(int32_t client)> on_open;
+    std::function<void()> on_look;
+    std::function<void()> on_end;
   };
 
   // Opens a client of the vendor-specific service and subscribes it to all events.
@@ -46,6 +44,7 @@ class EventFollower {
   modem_api_result probe() const;
   void look(const std::function<std::string()>& start);
   void follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start);
+  void take(const Arrival& arrival);
   void follow_to_the_end(const std::function<std::string()>& start);
   std::string problem() const;
   void print(Json document, const std::string& text) const;

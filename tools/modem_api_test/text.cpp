@@ -1,9 +1,11 @@
-#include "bytes.h"
+#include "text.h"
 
-#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "failure.h"
-#include "json.h"
 
 namespace pelmar::cli {
 
@@ -37,7 +39,32 @@ void append_hex(std::string& text, uint64_t value, size_t digits) {
   for (size_t i = digits; i-- > 0;) text += kDigits[(value >> (4 * i)) & 0xF];
 }
 
+// Whole seconds since the epoch, and the milliseconds beyond them.
+struct Parts {
+  time_t seconds;
+  int milliseconds;
+};
+
+Parts split(WallClock::time_point time) {
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+  return {static_cast<time_t>(ms / 1000), static_cast<int>(ms % 1000)};
+}
+
 }  // namespace
+
+std::optional<int64_t> parse_number(const std::string& text, int64_t min, int64_t max) {
+  const bool is_negative = text.starts_with('-');
+  const char* begin = text.data() + (is_negative ? 1 : 0);
+  const char* const end = text.data() + text.size();
+  const bool is_hex = end - begin > 2 && begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'X');
+  if (is_hex) begin += 2;
+  uint32_t value = 0;
+  const auto [stop, error] = std::from_chars(begin, end, value, is_hex ? 16 : 10);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  const int64_t number = is_negative ? -static_cast<int64_t>(value) : value;
+  if (number < min || number > max) return std::nullopt;
+  return number;
+}
 
 Bytes parse_hex(std::string_view text) {
   Bytes bytes;
@@ -81,8 +108,8 @@ std::string hex_dump(std::span<const uint8_t> bytes, size_t indent) {
   return text;
 }
 
-std::string byte_count(size_t count) {
-  return std::to_string(count) + (count == 1 ? " byte" : " bytes");
+std::string count_of(size_t count, const std::string& noun) {
+  return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
 void put_bytes(Json& object, std::span<const uint8_t> bytes) {
@@ -91,6 +118,53 @@ void put_bytes(Json& object, std::span<const uint8_t> bytes) {
   if (!bytes.empty() && std::all_of(bytes.begin(), bytes.end(), is_printable)) {
     object["text"] = std::string(bytes.begin(), bytes.end());
   }
+}
+
+std::string local_text(WallClock::time_point time) {
+  const Parts parts = split(time);
+  tm local{};
+  localtime_r(&parts.seconds, &local);
+  char text[64];
+  snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec, parts.milliseconds);
+  return text;
+}
+
+std::string utc_text(WallClock::time_point time) {
+  const Parts parts = split(time);
+  tm utc{};
+  gmtime_r(&parts.seconds, &utc);
+  char text[128];
+  snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+           utc.tm_hour, utc.tm_min, utc.tm_sec, parts.milliseconds);
+  return text;
+}
+
+std::optional<WallClock::time_point> parse_utc_text(const std::string& text) {
+  tm utc{};
+  int milliseconds = 0;
+  int length = 0;
+  const int fields = sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ%n", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
+                            &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &milliseconds, &length);
+  if (fields != 7 || static_cast<size_t>(length) != text.size()) return std::nullopt;
+  utc.tm_year -= 1900;
+  utc.tm_mon -= 1;
+  const auto time = WallClock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(milliseconds);
+  if (utc_text(time) != text) return std::nullopt;  // a field was out of its range
+  return time;
+}
+
+std::optional<Clock::time_point> deadline_after(uint32_t seconds) {
+  if (seconds == 0) return std::nullopt;
+  return Clock::now() + std::chrono::seconds(seconds);
+}
+
+std::string left_aligned(std::string text, size_t width) {
+  text.resize(std::max(text.size(), width), ' ');
+  return text;
+}
+
+std::string right_aligned(const std::string& text, size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
 }  // namespace pelmar::cli

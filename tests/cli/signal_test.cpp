@@ -1,0 +1,190 @@
+// Readings as text, as rows of a file, as a picture, and as the live view in terminals of any size.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "client_program.h"
+#include "modem_hydra.h"
+#include "signal/live_view.h"
+#include "signal/recording.h"
+
+namespace pelmar::cli {
+namespace {
+
+constexpr CarrierName kPrimary{Technology::kLte, 0};
+
+constexpr Levels two(double first, double second) {
+  return {first, second, kNoLevel, kNoLevel};
+}
+
+// All that a reading can have: two LTE carriers of which one measures on two chains, NR, gains and antennas; and a
+// subscription of which nothing is known.
+Reading full_reading(int seconds = 0) {
+  setenv("TZ", "UTC", 1);
+  SubscriptionReading sub;
+  sub.mode = MODEM_SYS_MODE_LTE;
+  sub.tx_power = -7;
+  const Levels gain = {-50, -51, -52, -53};
+  sub.carriers = {
+      {kPrimary, 1300, 101, {-80.4, -81, -82, -83}, {-8, -8, -8, -8}, gain, {23, 22, 21, 20}},
+      {{Technology::kLte, 2}, 6300, 503, two(-125, -110.5), kNoLevels, kNoLevels, two(-3, 1)},
+      {{Technology::kNr, 0}, {}, {}, {-90, -91, -92, -93}, two(-9, kNoLevel), {-60, -61, -62, -63}, two(15, 14)}};
+  sub.wcdma_gain = two(-70, -71);
+  sub.rx_antennas = {{0, 1}, {1, 2}, {2, 3}, {3, 0}};
+  sub.tx_antennas = {{0, 0}, {2, 2}};
+  sub.transmit_switching = TransmitSwitching{4, 2, 2, {0, 1}};
+  SubscriptionReading nothing;
+  nothing.sub = 1;
+  return {WallClock::time_point(std::chrono::milliseconds(1700000000007)) + std::chrono::seconds(seconds),
+          {sub, nothing}};
+}
+
+TEST(Reading, IsShownAsTextLineDocumentAndRows) {
+  const Reading reading = full_reading();
+  expect_golden("reading.txt", reading_text(reading) + reading_line(reading) + "\n" + reading_json(reading).dump() +
+                                   "\n" + csv_header() + csv_rows(reading));
+}
+
+// --- the live view ---
+
+std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& trouble = "") {
+  Reading reading = full_reading();
+  History history;
+  for (const double level : {-200.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
+    reading.time += std::chrono::seconds(1);
+    reading.subs[0].carriers[0].rsrp[0] = level;
+    reading.subs[0].carriers[2].rsrp = {level, level, level, level};
+    reading.subs[0].carriers[1].rsrp[1] = -110.5 + level / 100;  // noise, which is not shown as a change
+    history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
+  }
+  return live_view(reading, history, {"@modem", trouble, 12, 10}, size, style);
+}
+
+// The picture in terminals of several sizes. Of escapes, a caret is shown.
+TEST(LiveView, IsDrawnAsInTheGoldenFile) {
+  const Style colours = {true};
+  std::string text;
+  for (const auto& lines :
+       {view({80, 24}), view({80, 8}), view({60, 24}), view({40, 24}), view({12, 24}), view({80, 24}, colours),
+        view({80, 24}, colours, "MODEM AWAY 3 s: its service is down"), view({80, 24}, {false, Glyphs::kAscii})}) {
+    for (const std::string& line : lines) text += line + "|\n";
+    text += "\n";
+  }
+  std::replace(text.begin(), text.end(), '\033', '^');
+  expect_golden("screen.txt", text);
+}
+
+TEST(LiveView, FitsEveryTerminal) {
+  for (const Style& style : {Style{false, Glyphs::kBlocks}, Style{true, Glyphs::kAscii}}) {
+    for (size_t columns = 1; columns < 260; ++columns) {
+      for (const size_t rows : {1, 2, 5, 12, 24, 100}) {
+        const std::vector<std::string> lines = view({columns, rows}, style);
+        ASSERT_LE(lines.size(), rows) << columns;
+        for (const std::string& line : lines) ASSERT_LE(display_width(line), columns) << line;
+      }
+    }
+  }
+}
+
+TEST(LiveView, ClippedTextEndsItsColoursAndOtherEscapesAreCharacters) {
+  EXPECT_EQ(clip("ab\033[1mcd\033[0mef", 3), "ab\033[1mc\033[0m");
+  EXPECT_EQ(clip("ab\033[1mcd\033[0mef", 5), "ab\033[1mcd\033[0me");
+  EXPECT_EQ(clip("█▌x", 2), "█▌");
+  EXPECT_EQ(glyphs_of("ISO-8859-1"), Glyphs::kAscii);
+  EXPECT_EQ(glyphs_of("UTF-8"), Glyphs::kBlocks);
+  for (const char* text : {"\033", "a\033", "\033[", "\033[1;3", "\033[2J", "\033[1;xm", "\033m"}) {
+    EXPECT_EQ(display_width(text), std::string_view(text).size()) << text + 1;
+    EXPECT_EQ(clip(text, 1), std::string(text, 1));
+  }
+}
+
+TEST(History, HasAColumnASecondWhateverTheWallClockShows) {
+  History history;
+  Reading reading = full_reading();
+  const auto read_at = [&](int milliseconds, double level) {
+    reading.subs[0].carriers[0].rsrp = two(level, level - 1);
+    history.add(reading, Clock::time_point(std::chrono::milliseconds(milliseconds)));
+  };
+  for (const auto& [time, level] : {std::pair(0, -80), {500, -81}, {1000, -82}, {2300, -83}}) read_at(time, level);
+  history.add_gap(Clock::time_point(std::chrono::milliseconds(3100)));
+  EXPECT_THAT(history.of(0, kPrimary), testing::ElementsAre(-81, -82, -83, testing::IsNan()));
+  EXPECT_TRUE(history.of(0, {Technology::kLte, 5}).empty());
+  for (int second = 4; second < 400; ++second) read_at(1000 * second, -84);
+  EXPECT_EQ(history.of(0, kPrimary).size(), History::kMostColumns);
+}
+
+// --- recordings and their picture ---
+
+Recording from_csv(const std::string& text, std::optional<uint32_t> only_sub = std::nullopt) {
+  std::istringstream stream(text);
+  Recording recording;
+  recording.add_csv(stream, "the file 'a'", only_sub);
+  return recording;
+}
+
+constexpr const char* kHeading = "time,sub,carrier,rsrp_0_dbm\n";
+
+std::string row(int second, const std::string& rest) {
+  return "2023-11-14T22:13:" + std::to_string(second) + ".007Z," + rest + "\n";
+}
+
+// Also where the clock was set back while it was recorded. The modem is away from second 8 to 14.
+TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
+  Recording recording;
+  std::string rows = csv_header();
+  for (const int second : {3, 4, 0, 1, 2, 5, 6, 7, 15, 16}) {
+    Reading reading = full_reading(second);
+    reading.subs[0].carriers[0].rsrp[0] += second;
+    recording.add(reading);
+    rows += csv_rows(reading);
+  }
+  expect_golden("picture.svg", plot_svg(recording));
+  EXPECT_EQ(plot_svg(from_csv(rows)), plot_svg(recording));
+}
+
+TEST(Plot, DrawsNoMoreThanThePictureCanShow) {
+  Recording recording;
+  Reading reading = full_reading();
+  for (int i = 0; i < 50'000; ++i) {
+    reading.time += std::chrono::milliseconds(100);
+    reading.subs[0].carriers[0].rsrp[0] = -60 - i % 10;
+    recording.add(reading);
+  }
+  EXPECT_LT(plot_svg(recording).size(), 300'000U);
+}
+
+TEST(Plot, AxesHaveRoundNumbersAndTimesAsPeopleCountThem) {
+  const struct {
+    int seconds;
+    double low;
+    std::vector<const char*> labels;
+  } kCases[] = {{0, -80, {"[s]<", ">0.2<", ">-79.8<"}},
+                {100, -103.2, {"[s]<", ">15<", ">-105<", ">-80<"}},
+                {300, -140, {"[min:s]<", ">1:00<", ">-140<", ">-100<"}},
+                {10'000, -80.7, {"[h:min:s]<", ">0:30:00<", ">-80.8<"}},
+                {500'000, -81, {"[h:min:s]<", ">16:00:00<"}}};
+  for (const auto& each : kCases) {
+    Recording recording;
+    for (const int seconds : {0, each.seconds}) {
+      Reading reading = full_reading(seconds);
+      reading.subs[0].carriers = {{kPrimary, {}, {}, two(seconds == 0 ? each.low : -80, kNoLevel)}};
+      recording.add(reading);
+    }
+    for (const char* label : each.labels) EXPECT_THAT(plot_svg(recording), testing::HasSubstr(label)) << each.seconds;
+  }
+}
+
+TEST(Csv, FindsColumnsByNameAndIsReadUpToACutLastLine) {
+  const Recording named = from_csv("note,carrier,time,sub,rsrp_2_dbm\r\nx,lte_pcc,2023-11-14T22:13:20.007Z,1,-77\r\n");
+  EXPECT_EQ(named.tracks().at({1, kPrimary}).front().rsrp, -77);
+  const std::string rows = kHeading + row(20, "0,lte_pcc,-77") + row(21, "1,lte_pcc,-78");
+  EXPECT_EQ(from_csv(rows).tracks().size(), 2U);
+  EXPECT_EQ(from_csv(rows.substr(0, rows.size() - 2)).tracks().size(), 1U);
+  EXPECT_EQ(from_csv(rows, 1).tracks().begin()->first, Recording::Key(1, kPrimary));
+}
+
+}  // namespace
+}  // namespace pelmar::cli

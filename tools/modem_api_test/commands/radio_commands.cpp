@@ -1,0 +1,297 @@
+// cell-info, drx, lock lte, avoid-trm and nr-mode: the radio of one subscription, through its NAS service. sar set: the
+// RF state of the SAR service, once, or held against restarts of the service.
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "command_line.h"
+#include "failure.h"
+#include "text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+std::string of_subscription(uint32_t sub) {
+  return " of subscription " + std::to_string(sub);
+}
+
+int32_t open_nas(const Context& context, uint32_t sub) {
+  return context.session.open(sub == 0 ? MODEM_API_CLIENT_NAS_0 : MODEM_API_CLIENT_NAS_1);
+}
+
+// --- cell-info ---
+
+constexpr uint32_t kNoTimingAdvance = 0xFFFFFFFF;
+
+struct CellInfoValues {
+  std::optional<uint32_t> sub;
+};
+
+// A list ends where the zeros begin that fill it up.
+std::span<const uint16_t> reported(std::span<const uint16_t> cells) {
+  const auto last = std::find_if(cells.rbegin(), cells.rend(), [](uint16_t pci) { return pci != 0; });
+  return cells.first(static_cast<size_t>(cells.rend() - last));
+}
+
+std::string cells_text(std::span<const uint16_t> cells) {
+  std::string text;
+  for (const uint16_t pci : cells) text += (text.empty() ? "PCI " : ", ") + std::to_string(pci);
+  return text.empty() ? "no cell" : text;
+}
+
+void print_cell_info(const Context& context, uint32_t sub) {
+  constexpr size_t kCells = 8;
+  constexpr size_t kFrequencies = 3;
+  std::array<uint16_t, kCells> serving{};  // what the modem does not report is 0
+  std::array<uint16_t, kFrequencies> earfcns{};
+  std::array<uint16_t, kFrequencies * kCells> others{};
+  uint8_t has_advance = 0;
+  uint32_t advance = 0;
+  uint8_t has_nr = 0;
+  uint32_t nr_arfcn = 0;
+  check_response(modem_api_get_cell_info(open_nas(context, sub), static_cast<int32_t>(sub), serving.data(),
+                                         earfcns.data(), others.data(), &has_advance, &advance, &has_nr, &nr_arfcn),
+                 "reading the cell information" + of_subscription(sub));
+  const bool is_advance_known = has_advance != 0 && advance != kNoTimingAdvance;
+
+  Json document = {{"sub", sub}, {"serving_frequency", {{"pci", reported(serving)}}}};
+  Json list = Json::array();
+  std::string text = "  LTE serving frequency  " + cells_text(reported(serving)) + "\n";
+  for (size_t i = 0; i < kFrequencies; ++i) {
+    const auto cells = reported(std::span(others).subspan(i * kCells, kCells));
+    if (earfcns[i] == 0 && cells.empty()) continue;
+    list.push_back({{"earfcn", earfcns[i]}, {"pci", cells}});
+    text += "  " + left_aligned("EARFCN " + std::to_string(earfcns[i]), 21) + "  " + cells_text(cells) + "\n";
+  }
+  const bool is_any = !reported(serving).empty() || !list.empty() || is_advance_known || has_nr != 0;
+  document["other_frequencies"] = std::move(list);
+  document["timing_advance"] = is_advance_known ? Json(advance) : Json();
+  document["nr_arfcn"] = has_nr != 0 ? Json(nr_arfcn) : Json();
+  text += "  timing advance         " + (is_advance_known ? std::to_string(advance) : "not available") + "\n";
+  text += "  NR                     " + (has_nr != 0 ? "ARFCN " + std::to_string(nr_arfcn) : "none");
+  context.output.print(document, "subscription " + std::to_string(sub) + "\n" + (is_any ? text : "  no cell"));
+}
+
+void show_cell_info(const Context& context, const CellInfoValues& values) {
+  for (uint32_t sub = 0; sub < 2; ++sub) {
+    if (!values.sub || *values.sub == sub) print_cell_info(context, sub);
+  }
+}
+
+// --- drx ---
+
+// "64 frames"; empty for a setting without a cycle.
+std::string drx_cycle(uint32_t drx) {
+  constexpr uint32_t kShortest = 6;  // 32 frames; each next one is twice as long
+  constexpr uint32_t kLongest = 9;
+  if (drx < kShortest || drx > kLongest) return "";
+  return std::to_string(32U << (drx - kShortest)) + " frames";
+}
+
+void show_drx(const Context& context, const NoValues&) {
+  uint8_t is_valid = 0;
+  uint32_t drx = 0;
+  check_response(modem_api_get_drx(open_nas(context, 0), &is_valid, &drx), "reading the DRX setting");
+  if (is_valid == 0) throw Failure("reading the DRX setting", "the modem gave no value");
+  const std::string cycle = drx_cycle(drx);
+  Json document = {{"drx", drx}};
+  if (!cycle.empty()) document["cycle"] = cycle;
+  context.output.print(document, "DRX: " + std::to_string(drx) + (cycle.empty() ? "" : " (" + cycle + ")"));
+}
+
+// --- lock lte ---
+
+constexpr int64_t kHighestEarfcn = 262143;
+constexpr int64_t kHighestPci = 503;
+
+struct Cell {
+  uint32_t earfcn;
+  uint32_t pci;
+};
+
+Cell parse_cell(const std::string& word) {
+  const size_t colon = std::min(word.find(':'), word.size());
+  const auto earfcn = parse_number(word.substr(0, colon), 0, kHighestEarfcn);
+  const auto pci = parse_number(word.substr(std::min(colon + 1, word.size())), 0, kHighestPci);
+  if (!earfcn || !pci) {
+    throw Failure::of_usage("'" + word + "' is no cell", "A cell is EARFCN:PCI, for example 1300:120 (EARFCN 0 to " +
+                                                             std::to_string(kHighestEarfcn) + ", PCI 0 to " +
+                                                             std::to_string(kHighestPci) + ").");
+  }
+  return {static_cast<uint32_t>(*earfcn), static_cast<uint32_t>(*pci)};
+}
+
+// The single word "clear" gives none.
+std::vector<Cell> parse_cells(const std::vector<std::string>& words) {
+  if (words.size() == 1 && words[0] == "clear") return {};
+  if (words.size() > MODEM_API_MAX_LOCKED_CELLS) {
+    throw Failure::of_usage(std::to_string(words.size()) + " cells are too many",
+                            "A lock takes at most " + std::to_string(MODEM_API_MAX_LOCKED_CELLS) + " cells.");
+  }
+  std::vector<Cell> cells;
+  cells.reserve(words.size());
+  for (const std::string& word : words) cells.push_back(parse_cell(word));
+  return cells;
+}
+
+struct LockValues {
+  std::vector<std::string> words;
+  uint32_t sub = 0;
+  Confirmation confirmation;
+};
+
+void lock_cells(const Context& context, const LockValues& values) {
+  const std::vector<Cell> cells = parse_cells(values.words);
+  const std::string what = "LTE cell lock" + of_subscription(values.sub);
+  if (!cells.empty()) {
+    values.confirmation.require("Subscription " + std::to_string(values.sub) +
+                                " has no service where none of these cells can be received.");
+  }
+  std::vector<uint32_t> pcis;
+  std::vector<uint32_t> earfcns;
+  Json list = Json::array();
+  for (const Cell& cell : cells) {
+    pcis.push_back(cell.pci);
+    earfcns.push_back(cell.earfcn);
+    list.push_back({{"earfcn", cell.earfcn}, {"pci", cell.pci}});
+  }
+  const int32_t client = open_nas(context, values.sub);
+  check(
+      modem_api_set_lte_cell_lock(client, values.sub, static_cast<uint32_t>(cells.size()), pcis.data(), earfcns.data()),
+      (cells.empty() ? "clearing the " : "setting the ") + what);
+  const std::string text =
+      cells.empty() ? "cleared" : std::to_string(cells.size()) + (cells.size() == 1 ? " cell" : " cells");
+  context.output.print({{"sub", values.sub}, {"locked", std::move(list)}}, what + ": " + text);
+}
+
+// --- avoid-trm, nr-mode ---
+
+struct AvoidTrmValues {
+  bool is_on = false;
+  uint32_t sub = 0;
+};
+
+void set_avoid_trm(const Context& context, const AvoidTrmValues& values) {
+  const auto sub = static_cast<int32_t>(values.sub);
+  check(modem_api_set_avoid_trm(open_nas(context, values.sub), sub, values.is_on ? 1 : 0),
+        "switching TRM avoidance" + of_subscription(values.sub));
+  context.output.print({{"sub", sub}, {"avoid_trm", values.is_on}},
+                       "TRM avoidance" + of_subscription(values.sub) + ": " + (values.is_on ? "on" : "off"));
+}
+
+struct NrModeValues {
+  uint8_t mode = 0;
+  uint32_t sub = 0;
+  Confirmation confirmation;
+};
+
+void set_nr_mode(const Context& context, const NrModeValues& values) {
+  if (values.mode != 0) {
+    values.confirmation.require("Subscription " + std::to_string(values.sub) +
+                                " loses NR, and its service where there is nothing else.");
+  }
+  const auto sub = static_cast<int32_t>(values.sub);
+  check(modem_api_set_nr_disable_mode(open_nas(context, values.sub), sub, values.mode),
+        "setting the NR disable mode" + of_subscription(values.sub));
+  const std::string text = values.mode == 0 ? "0 (NR is enabled)" : std::to_string(values.mode);
+  context.output.print({{"sub", sub}, {"nr_disable_mode", values.mode}},
+                       "NR disable mode" + of_subscription(values.sub) + ": " + text);
+}
+
+// --- sar set ---
+//
+// The library's connection to the service comes back by itself; the state does not: the modem forgets it. So the holder
+// sets it again each time that the service comes up.
+
+struct SarValues {
+  uint32_t state = 0;
+  uint32_t hold_seconds = 0;
+};
+
+constexpr Advice kBadState = {MODEM_API_ERR_INVALID_PARAM, "The modem does not know that state."};
+
+class Holder {
+ public:
+  Holder(const Context& context, const SarValues& values)
+      : context_(context), state_(values.state), client_(context.session.open(MODEM_API_CLIENT_SAR)) {}
+
+  void set() const {
+    check(modem_api_set_sar_rf_state(client_, state_), "setting SAR RF state " + std::to_string(state_), {kBadState});
+  }
+
+  void report(WallClock::time_point time, const char* what, const std::string& text) const {
+    context_.output.print({{"time", utc_text(time)}, {"sar", what}, {"state", state_}}, local_text(time) + "  " + text);
+  }
+
+  void hold(Clock::time_point deadline) const {
+    const Signals::Follower follower(context_.signals);
+    bool is_up = true;
+    while (const auto arrival = context_.inbox.next(deadline)) {
+      const bool comes_up = arrival->number == MODEM_API_NOTICE_SERVICE_UP;
+      if (comes_up == is_up) continue;  // also the notice of the first connection
+      is_up = comes_up;
+      report(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
+      if (is_up) set();
+      if (is_up) report(WallClock::now(), "set", "SAR RF state " + std::to_string(state_) + " set again");
+    }
+    if (!is_up) throw Failure::of_result("holding the SAR RF state", MODEM_API_ERR_INVALID_CLIENT);
+  }
+
+ private:
+  const Context& context_;
+  const uint32_t state_;
+  const int32_t client_;
+};
+
+void set_state(const Context& context, const SarValues& values) {
+  const Holder holder(context, values);
+  holder.set();
+  const std::string text = "SAR RF state " + std::to_string(values.state) + " set";
+  if (values.hold_seconds == 0) return context.output.print({{"state", values.state}}, text);
+  holder.report(WallClock::now(), "set", text);
+  holder.hold(Clock::now() + std::chrono::seconds(values.hold_seconds));
+}
+
+}  // namespace
+
+void add_radio_commands(CommandLine& line) {
+  {
+    auto [command, values] = line.add("cell-info", "show where the subscriptions are camped", show_cell_info);
+    command.add_subscription(values.sub);
+  }
+  line.add("drx", "show the DRX setting of subscription 0", show_drx);
+  {
+    CLI::App& group = line.add_group("lock", "lock a subscription to cells");
+    auto [command, values] =
+        line.add<LockValues>(group, "lte", "lock LTE to these cells alone, or end the lock", lock_cells);
+    command.add_words("cells", values.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
+    command.add_subscription(values.sub);
+    values.confirmation.add_to(command);
+  }
+  {
+    auto [command, values] = line.add("avoid-trm", "switch TRM avoidance", set_avoid_trm);
+    command.add_switch("state", values.is_on, "on or off");
+    command.add_subscription(values.sub);
+  }
+  {
+    auto [command, values] = line.add("nr-mode", "disable NR (1 or 2), or enable it (0)", set_nr_mode);
+    command.add_number("mode", values.mode, "the NR disable mode", {.is_required = true}, 2);
+    command.add_subscription(values.sub);
+    values.confirmation.add_to(command);
+  }
+  {
+    CLI::App& group = line.add_group("sar", "the SAR service");
+    auto [command, values] = line.add<SarValues>(group, "set", "set the RF state", set_state);
+    command.add_number("state", values.state, "the state", {.is_required = true});
+    command.add_number("--hold", values.hold_seconds,
+                       "go on for that many seconds: set the state again each time the service comes back");
+  }
+}
+
+}  // namespace pelmar::cli

@@ -1,0 +1,350 @@
+// tx-power and sys-mode: what the modem's statistics show of a subscription. feature: whether they are on. stats: the
+// statistics themselves: values, read and cleared, and their reporting.
+//
+// A statistics client id that the modem grants belongs to the program and ends with it. So `register` goes on: it
+// follows what is reported.
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command_line.h"
+#include "events.h"
+#include "failure.h"
+#include "modem_api_stats.h"
+#include "modem_hydra.h"
+#include "pelmar_property.h"
+#include "signal/reading.h"
+#include "statistic_values.h"
+#include "text.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+std::string subscription(uint32_t sub) {
+  return "subscription " + std::to_string(sub);
+}
+
+// --- tx-power ---
+
+struct TxPowerValues {
+  std::optional<uint32_t> sub;
+  bool max = false;
+};
+
+struct TxPower {
+  Json document;
+  std::string of;
+  uint32_t value;
+};
+
+TxPower read_tx_power(const TxPowerValues& values) {
+  if (values.max) {
+    // The higher one hides that the other was refused.
+    for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
+      if (modem_tx_power_get_by_sub(sub) != MODEM_TX_POWER_NONE) continue;
+      check_response(MODEM_API_SUCCESS, "reading the transmit power of " + subscription(sub));
+    }
+    return {{{"of", "max"}}, "both subscriptions, the higher one", modem_tx_power_get_for_max_sub()};
+  }
+  if (values.sub) return {{{"sub", *values.sub}}, subscription(*values.sub), modem_tx_power_get_by_sub(*values.sub)};
+  const int32_t sub = pelmar_get_default_data_sub();
+  const bool is_set = sub >= 0;
+  return {{{"sub", is_set ? Json(sub) : Json()}, {"of", "default_data_sub"}},
+          is_set ? subscription(static_cast<uint32_t>(sub)) + ", of the default data"
+                 : "the default data (no subscription is set for it)",
+          modem_tx_power_get_for_dds_sub()};
+}
+
+void show_tx_power(const Context& context, const TxPowerValues& values) {
+  context.session.open_hydra();
+  TxPower power = read_tx_power(values);
+  if (power.value == MODEM_TX_POWER_NONE) {
+    const std::string step = "reading the transmit power of " + power.of;
+    check_response(MODEM_API_SUCCESS, step);
+    throw Failure(step, "there is none",
+                  "A subscription has one on LTE and NR; 'modem_api_test sys-mode' shows where it is.");
+  }
+  const auto dbm = static_cast<int32_t>(power.value);
+  power.document["tx_power"] = dbm;
+  context.output.print(power.document, "transmit power of " + power.of + ": " + std::to_string(dbm) + " dBm");
+}
+
+// --- sys-mode ---
+
+struct SysModeValues {
+  std::optional<uint32_t> sub;
+};
+
+void show_sys_mode(const Context& context, const SysModeValues& values) {
+  context.session.open_hydra();
+  constexpr const char* kStep = "reading the system mode";
+  bool is_any_known = false;
+  std::optional<Failure> refusal;
+  for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
+    if (values.sub.value_or(sub) != sub) continue;
+    std::optional<uint32_t> mode = modem_sys_mode_get(sub);
+    const auto exchange = take_last_exchange();
+    if (mode == MODEM_SYS_MODE_UNKNOWN) mode.reset();
+    if (!mode && !refusal && exchange && !describe(*exchange).empty()) {
+      refusal = Failure::of_exchange(kStep + (" of " + subscription(sub)), *exchange);
+    }
+    is_any_known |= mode.has_value();
+    context.output.print({{"sub", sub}, {"mode", mode ? Json(*mode) : Json()}, {"name", mode_text(mode)}},
+                         subscription(sub) + ": " + mode_text(mode) + (mode ? " (" + std::to_string(*mode) + ")" : ""));
+  }
+  if (refusal) throw *refusal;
+  if (is_any_known) return;
+  throw Failure(kStep, "the modem gave none", "'modem_api_test stats get system-mode' shows its response.");
+}
+
+// --- feature ---
+
+struct FeatureValues {
+  std::string state;
+  uint32_t number = 2;  // the statistics
+};
+
+void use_feature(const Context& context, const FeatureValues& values) {
+  const std::string feature = "modem feature " + std::to_string(values.number);
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  if (!values.state.empty()) {
+    const uint8_t on = values.state == "on" ? 1 : 0;
+    check(modem_api_set_hydra_feature_status(client, values.number, on, on, on),
+          "switching " + feature + " " + values.state);
+  }
+  uint8_t enabled = 0;
+  uint8_t effective = 0;
+  check(modem_api_get_hydra_feature_status(client, values.number, &enabled, &effective), "reading " + feature);
+  context.output.print({{"feature", values.number}, {"enabled", enabled != 0}, {"effective", effective != 0}},
+                       feature + ": " + (enabled != 0 ? "on" : "off") +
+                           (enabled == effective ? ""
+                            : effective != 0     ? ", still effective"
+                                                 : ", not effective yet"));
+}
+
+// --- stats ---
+
+// Statistics by name or number; at most so many.
+void add_statistics(const Command& command, std::vector<uint32_t>& ids, int most) {
+  const auto take = [&ids](const std::string& word) -> std::string {
+    const auto id = parse_statistic(word);
+    if (!id) return "'" + word + "' is no statistic: give a number, or a name as in lte-pcc";
+    ids.push_back(*id);
+    return "";
+  };
+  command.add_parsed("statistics", "numbers, or names as in lte-pcc", take,
+                     {.type = "STATISTIC", .is_required = true, .most_words = most});
+}
+
+std::string list_text(const std::vector<uint32_t>& ids) {
+  std::string text;
+  for (const uint32_t id : ids) text += (text.empty() ? "" : ", ") + statistic_text(id);
+  return text;
+}
+
+// --- stats get, clear ---
+
+struct ValueValues {
+  std::vector<uint32_t> ids;
+  uint32_t sub = 0;
+  uint16_t slot = 0;
+  std::string parameters;
+};
+
+void get_values(const Context& context, const ValueValues& values) {
+  const Bytes parameters = parse_hex(values.parameters);
+  if (parameters.size() > MODEM_API_STATS_VALUE_BYTES) {
+    throw Failure::of_usage("the parameters are longer than " + count_of(MODEM_API_STATS_VALUE_BYTES, "byte"));
+  }
+  stats_para_data data{};
+  data.para_num = static_cast<uint32_t>(values.ids.size());
+  for (size_t i = 0; i < values.ids.size(); ++i) {
+    data.entries[i].id = values.ids[i];
+    data.entries[i].value_len = static_cast<uint32_t>(parameters.size());
+    std::copy(parameters.begin(), parameters.end(), data.entries[i].value);
+  }
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  check(modem_api_get_stats_parameter(client, static_cast<uint16_t>(values.sub), values.slot, &data),
+        "reading statistics " + list_text(values.ids));
+  // The modem states the counts: there may be less than they say.
+  for (const stats_para_entry& entry : counted(data.entries, data.para_num)) {
+    const auto value = counted(entry.value, entry.value_len);
+    Json document = {{"sub", entry.sub}, {"id", entry.id}};
+    put_bytes(document, value);
+    put_statistic(document, entry.id, value);
+    const std::string fields = statistic_fields_text(entry.id, value);
+    context.output.print(document, "subscription " + std::to_string(entry.sub) + ", statistic " +
+                                       statistic_text(entry.id) + ": " +
+                                       (value.empty() ? "no value" : count_of(value.size(), "byte")) + "\n" +
+                                       (fields.empty() ? "" : "  " + fields + "\n") + hex_dump(value, 2));
+  }
+}
+
+void clear_values(const Context& context, const ValueValues& values) {
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  const std::string what = "statistics " + list_text(values.ids) + " of subscription " + std::to_string(values.sub);
+  check(modem_api_clear_stats_parameter(client, static_cast<uint16_t>(values.sub), values.slot,
+                                        static_cast<int32_t>(values.ids.size()), values.ids.data()),
+        "clearing " + what);
+  context.output.print({{"sub", values.sub}, {"cleared", values.ids}}, what + ": cleared");
+}
+
+// --- stats report, register, deregister ---
+
+struct ReportValues {
+  bool is_on = false;
+  std::optional<uint32_t> client;
+};
+
+constexpr const char* kWhoseId =
+    "A statistics client id belongs to the program that asked for it, and ends with it: the id of any other process,\n"
+    "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
+
+constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
+constexpr Advice kNotGranted = {MODEM_API_ERR_GENERIC,
+                                "A statistics client id is valid in the program that it was granted to."};
+
+void switch_reporting(const Context& context, const ReportValues& values) {
+  if (!values.is_on && !values.client) throw Failure::of_usage("no statistics client id is given", "Add --client ID.");
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  uint32_t id = values.client.value_or(0);
+  check(modem_api_set_modem_stats_report_status(client, values.is_on ? 1 : 0, &id),
+        values.is_on ? "switching statistics reporting on"
+                     : "giving statistics client id " + std::to_string(id) + " back",
+        {values.is_on ? kNoIdLeft : kNotGranted});
+  context.output.print({{"report", values.is_on}, {"stats_client_id", id}},
+                       values.is_on ? "statistics client id " + std::to_string(id) + ", granted until this program ends"
+                                    : "statistics client id " + std::to_string(id) + " given back");
+}
+
+struct RegisterValues {
+  std::vector<uint32_t> ids;
+  std::vector<uint32_t> parameters;
+  std::optional<uint16_t> option1;
+  std::optional<uint16_t> option2;
+  FollowLimits limits;
+  uint32_t client = 0;
+};
+
+modem_api_result deregister_ids(int32_t client, uint32_t stats_client, const RegisterValues& values) {
+  return modem_api_deregister_modem_stats_data(
+      client, stats_client, values.option1.has_value(), values.option1.value_or(0), values.option2.has_value(),
+      values.option2.value_or(0), values.ids.data(), static_cast<uint32_t>(values.ids.size()));
+}
+
+void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& values) {
+  std::vector<modem_api_stats_registration> records(values.ids.size());
+  for (size_t i = 0; i < records.size(); ++i) {
+    records[i].id = values.ids[i];
+    records[i].para_num = static_cast<uint32_t>(values.parameters.size());
+    std::copy(values.parameters.begin(), values.parameters.end(), records[i].parameters);
+  }
+  check(modem_api_register_modem_stats_data(
+            client, stats_client, values.option1.has_value(), values.option1.value_or(0), values.option2.has_value(),
+            values.option2.value_or(0), records.data(), static_cast<uint32_t>(records.size())),
+        "registering statistics " + list_text(values.ids));
+}
+
+// A modem that was away has forgotten the statistics client id, and may have granted it to another program since: so it
+// is given back at the end alone.
+void register_and_follow(const Context& context, const RegisterValues& values) {
+  int32_t client = -1;
+  uint32_t id = 0;
+  const auto give_back = [&] { modem_api_set_modem_stats_report_status(client, 0, &id); };
+  const auto on_open = [&](int32_t opened) {
+    client = opened;
+    id = 0;
+    check(modem_api_set_modem_stats_report_status(client, 1, &id), "switching statistics reporting on", {kNoIdLeft});
+    try {
+      register_ids(client, id, values);
+    } catch (const Failure&) {
+      give_back();
+      throw;
+    }
+  };
+  const auto on_end = [&] {
+    deregister_ids(client, id, values);
+    give_back();
+  };
+  EventFollower(context, values.limits, {on_open, {}, on_end}).follow([&] {
+    return "statistics client id " + std::to_string(id) + ", registered " + list_text(values.ids) + "; Ctrl-C ends";
+  });
+}
+
+void deregister(const Context& context, const RegisterValues& values) {
+  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+  check(deregister_ids(client, values.client, values), "deregistering statistics " + list_text(values.ids),
+        {kNotGranted});
+  context.output.print({{"stats_client_id", values.client}, {"deregistered", values.ids}},
+                       "statistics " + list_text(values.ids) + ": deregistered");
+}
+
+void add_options(const Command& command, RegisterValues& values) {
+  command.add_number("--option1", values.option1, "the request's first option");
+  command.add_number("--option2", values.option2, "the request's second option");
+}
+
+void add_stats_commands(CommandLine& line) {
+  CLI::App& group = line.add_group("stats", "the modem's statistics");
+  {
+    auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
+    add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
+    command.add_subscription(values.sub);
+    command.add_number("--slot", values.slot, "the request's slot");
+    command.add_text("--parameters", values.parameters, "bytes that go with each statistic of the request",
+                     {.type = "HEX"});
+  }
+  {
+    auto [command, values] =
+        line.add<ValueValues>(group, "clear", "have up to ten values count from now on", clear_values);
+    add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
+    command.add_subscription(values.sub);
+    command.add_number("--slot", values.slot, "the request's slot");
+  }
+  {
+    auto [command, values] =
+        line.add<ReportValues>(group, "report", "ask for a statistics client id, or give it back", switch_reporting);
+    command.set_footer(kWhoseId);
+    command.add_switch("state", values.is_on, "on or off");
+    command.add_number("--client", values.client, "off: the statistics client id, of this process");
+  }
+  {
+    auto [command, values] = line.add<RegisterValues>(
+        group, "register", "register statistics for reporting, and follow the reports", register_and_follow);
+    add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
+    command.add_numbers("--parameter", values.parameters, "a number that goes with each statistic; up to 5",
+                        {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
+    add_options(command, values);
+    values.limits.add_to(command);
+  }
+  auto [command, values] = line.add<RegisterValues>(group, "deregister", "end the reporting of statistics", deregister);
+  command.set_footer(kWhoseId);
+  add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
+  command.add_number("--client", values.client, "the statistics client id, of this process", {.is_required = true});
+  add_options(command, values);
+}
+
+}  // namespace
+
+void add_statistics_commands(CommandLine& line) {
+  {
+    auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
+    command.add_subscription(values.sub, "that of the default data");
+    command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = "--sub"});
+  }
+  {
+    auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
+    command.add_subscription(values.sub);
+  }
+  {
+    auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);
+    command.add_text("state", values.state, "on or off", {.words = {"on", "off"}});
+    command.add_number("--number", values.number, "the feature's number (2: the statistics)");
+  }
+  add_stats_commands(line);
+}
+
+}  // namespace pelmar::cli

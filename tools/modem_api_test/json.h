@@ -1,6 +1,0 @@
-// The JSON type of the program, whole.
-#pragma once
-
-#include <nlohmann/json.hpp>
-
-#include "json_fwd.h"
