@@ -20,9 +20,9 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
   const std::string at = "a pair of digits is expected, not ";
   expect({{"client nv write 1 0a1B ff 0x0a,0x1B 0a:1b '0x0a1b' && client nv read 1 -o - | od -An -tx1", 0,
            "NV item 1: 9 bytes written\n 0a 1b ff 0a 1b 0a 1b 0a 1b\n"},
-          {"client nv write 1 --text \"$(printf 'A\\001 z0123456789ab')\" && client nv read 1 | tail -n 1", 0,
+          {"client nv write 1 --text \"$(printf 'A\\001 z0123456789ab')\" >w && client nv read 1 | tail -n 1", 0,
            "  0000  41 01 20 7a 30 31 32 33 34 35 36 37 38 39 61 62  A. z0123456789ab\n"},
-          {"head -c 17 /dev/zero | client nv write 1 @- && client nv read 1 | tail -n 1", 0,
+          {"head -c 17 /dev/zero | client nv write 1 @- >w && client nv read 1 | tail -n 1", 0,
            "  0010  00                                               .\n"},
           {"client nv write 1 0", 2, at + "the end after 1"},
           {"client nv write 1 0g", 2, at + "'g' at position 2"},
@@ -124,9 +124,10 @@ TEST_F(ClientTest, NoResponseIsNoSuccess) {
           {"client --modem nobody nv read 1", 1, "nobody serves nobody"},
           {"client --modem nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
           {"client --modem $(printf %0120d 0) info --wait --timeout 20", 1, "a socket's name has 1 to 107"}});
+  EXPECT_TRUE(comes_to_have_no_clients());
+  ctl("clear");
   ctl("service sar down");
   expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
-  EXPECT_TRUE(comes_to_have_no_clients());
 }
 
 TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {

@@ -53,7 +53,7 @@ TEST(Reading, IsShownAsTextLineDocumentAndRows) {
 std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& trouble = "") {
   Reading reading = full_reading();
   History history;
-  for (const double level : {-200.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
+  for (const double level : {-100.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
     reading.time += std::chrono::seconds(1);
     reading.subs[0].carriers[0].rsrp[0] = level;
     reading.subs[0].carriers[2].rsrp = {level, level, level, level};
