@@ -52,25 +52,18 @@ void Command::add_switch(const std::string& name, bool& target, const std::strin
   set_details(*app_.add_option(name, target, help), {.is_required = true, .words = {"on", "off"}});
 }
 
-void Command::add_text(const std::string& name, std::string& target, const std::string& help,
-                       const Details& details) const {
-  set_details(*app_.add_option(name, target, help)->capture_default_str(), details);
+template <typename Target>
+void Command::add_text(const std::string& name, Target& target, const std::string& help, const Details& details) const {
+  CLI::Option& option = *app_.add_option(name, target, help);
+  if constexpr (std::is_same_v<Target, std::string>) option.capture_default_str();
+  set_details(option, details);
 }
-
-void Command::add_text(const std::string& name, std::optional<std::string>& target, const std::string& help,
-                       const Details& details) const {
-  set_details(*app_.add_option(name, target, help), details);
-}
-
-void Command::add_words(const std::string& name, std::vector<std::string>& target, const std::string& help,
-                        const Details& details) const {
-  set_details(*app_.add_option(name, target, help), details);
-}
-
-void Command::add_numbers(const std::string& name, std::vector<uint32_t>& target, const std::string& help,
-                          const Details& details) const {
-  set_details(*app_.add_option(name, target, help), details);
-}
+template void Command::add_text(const std::string&, std::string&, const std::string&, const Details&) const;
+template void Command::add_text(const std::string&, std::optional<std::string>&, const std::string&,
+                                const Details&) const;
+template void Command::add_text(const std::string&, std::vector<std::string>&, const std::string&,
+                                const Details&) const;
+template void Command::add_text(const std::string&, std::vector<uint32_t>&, const std::string&, const Details&) const;
 
 void Command::add_parsed(const std::string& name, const std::string& help, Take take, const Details& details) const {
   if (details.most_words > 1) {
@@ -166,7 +159,7 @@ CLI::App& CommandLine::add_app(CLI::App& group, const std::string& name, const s
 // --- options of several commands ---
 
 void DataInput::add_to(const Command& command) {
-  command.add_words("data", words, "hexadecimal digits, or @FILE", {.type = "DATA"});
+  command.add_text("data", words, "hexadecimal digits, or @FILE", {.type = "DATA"});
   command.add_text("--text", text, "the data as text", {.type = "TEXT", .excludes = "data"});
 }
 

@@ -67,15 +67,9 @@ class Command {
 
   void add_flag(const std::string& name, bool& target, const std::string& help, const Details& details = {}) const;
   void add_switch(const std::string& name, bool& target, const std::string& help) const;  // "on" or "off"; required
-  // The help shows a value that the target has already.
-  void add_text(const std::string& name, std::string& target, const std::string& help,
-                const Details& details = {}) const;
-  void add_text(const std::string& name, std::optional<std::string>& target, const std::string& help,
-                const Details& details = {}) const;
-  void add_words(const std::string& name, std::vector<std::string>& target, const std::string& help,
-                 const Details& details = {}) const;
-  void add_numbers(const std::string& name, std::vector<uint32_t>& target, const std::string& help,
-                   const Details& details) const;
+  // Text, or with std::vector one word or more. The help shows a text that the target has already.
+  template <typename Target>
+  void add_text(const std::string& name, Target& target, const std::string& help, const Details& details = {}) const;
   void add_parsed(const std::string& name, const std::string& help, Take take, const Details& details = {}) const;
 
   // A number in its range.

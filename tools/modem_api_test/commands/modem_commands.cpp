@@ -151,13 +151,6 @@ std::vector<uint32_t> own_votes(const Count& count) {
   return processes;
 }
 
-// A process that is ending runs nothing any more, while the manager still counts its vote.
-bool is_vote_of(const Count& count, const std::vector<uint32_t>& processes) {
-  return std::any_of(count.voters.begin(), count.voters.end(), [&processes](const VoterEntry& voter) {
-    return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
-  });
-}
-
 size_t votes(const Count& count) {
   return static_cast<size_t>(
       std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
@@ -170,7 +163,11 @@ void release(const Context& context, const NoValues&) {
   const std::vector<uint32_t> processes = own_votes(count);
   for (const uint32_t process : processes) kill(static_cast<pid_t>(process), SIGTERM);
   const auto deadline = Clock::now() + kReleasePatience;
-  while (is_vote_of(count, processes)) {
+  // By number: a process that is ending runs nothing any more, while the manager still counts its vote.
+  const auto is_one = [&](const VoterEntry& voter) {
+    return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
+  };
+  while (std::any_of(count.voters.begin(), count.voters.end(), is_one)) {
     if (Clock::now() > deadline) throw Failure(kStep, "a process goes on voting", "'power status' shows which.");
     if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
     count = ask_manager(socket, kStep);

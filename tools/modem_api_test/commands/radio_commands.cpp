@@ -216,46 +216,30 @@ struct SarValues {
 
 constexpr Advice kBadState = {MODEM_API_ERR_INVALID_PARAM, "The modem does not know that state."};
 
-class Holder {
- public:
-  Holder(const Context& context, const SarValues& values)
-      : context_(context), state_(values.state), client_(context.session.open(MODEM_API_CLIENT_SAR)) {}
-
-  void set() const {
-    check(modem_api_set_sar_rf_state(client_, state_), "setting SAR RF state " + std::to_string(state_), {kBadState});
-  }
-
-  void report(WallClock::time_point time, const char* what, const std::string& text) const {
-    context_.output.print({{"time", utc_text(time)}, {"sar", what}, {"state", state_}}, local_text(time) + "  " + text);
-  }
-
-  void hold(Clock::time_point deadline) const {
-    const Signals::Follower follower(context_.signals);
-    bool is_up = true;
-    while (const auto arrival = context_.inbox.next(deadline)) {
-      const bool comes_up = arrival->number == MODEM_API_NOTICE_SERVICE_UP;
-      if (comes_up == is_up) continue;  // also the notice of the first connection
-      is_up = comes_up;
-      report(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
-      if (is_up) set();
-      if (is_up) report(WallClock::now(), "set", "SAR RF state " + std::to_string(state_) + " set again");
-    }
-    if (!is_up) throw Failure::of_result("holding the SAR RF state", MODEM_API_ERR_INVALID_CLIENT);
-  }
-
- private:
-  const Context& context_;
-  const uint32_t state_;
-  const int32_t client_;
-};
-
 void set_state(const Context& context, const SarValues& values) {
-  const Holder holder(context, values);
-  holder.set();
-  const std::string text = "SAR RF state " + std::to_string(values.state) + " set";
-  if (values.hold_seconds == 0) return context.output.print({{"state", values.state}}, text);
-  holder.report(WallClock::now(), "set", text);
-  holder.hold(Clock::now() + std::chrono::seconds(values.hold_seconds));
+  const int32_t client = context.session.open(MODEM_API_CLIENT_SAR);
+  const std::string text = "SAR RF state " + std::to_string(values.state);
+  const auto set = [&] { check(modem_api_set_sar_rf_state(client, values.state), "setting " + text, {kBadState}); };
+  const auto report = [&](WallClock::time_point time, const char* what, const std::string& line) {
+    context.output.print({{"time", utc_text(time)}, {"sar", what}, {"state", values.state}},
+                         local_text(time) + "  " + line);
+  };
+  set();
+  if (values.hold_seconds == 0) return context.output.print({{"state", values.state}}, text + " set");
+  report(WallClock::now(), "set", text + " set");
+
+  const auto deadline = deadline_after(values.hold_seconds);
+  const Signals::Follower ends_by_itself(context.signals);
+  bool is_up = true;
+  while (const auto arrival = context.inbox.next(deadline)) {
+    const bool comes_up = arrival->number == MODEM_API_NOTICE_SERVICE_UP;
+    if (comes_up == is_up) continue;  // also the notice of the first connection
+    is_up = comes_up;
+    report(arrival->time, is_up ? "up" : "down", is_up ? "SAR service up again" : "SAR service down");
+    if (is_up) set();
+    if (is_up) report(WallClock::now(), "set", text + " set again");
+  }
+  if (!is_up) throw Failure::of_result("holding the SAR RF state", MODEM_API_ERR_INVALID_CLIENT);
 }
 
 }  // namespace
@@ -270,7 +254,7 @@ void add_radio_commands(CommandLine& line) {
     CLI::App& group = line.add_group("lock", "lock a subscription to cells");
     auto [command, values] =
         line.add<LockValues>(group, "lte", "lock LTE to these cells alone, or end the lock", lock_cells);
-    command.add_words("cells", values.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
+    command.add_text("cells", values.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
     command.add_subscription(values.sub);
     values.confirmation.add_to(command);
   }

@@ -93,25 +93,18 @@ void show_once(const Context& context, const SignalValues& values) {
 
 // --- files ---
 
-// Open from the start, so that a recording is not made for a file that cannot be written.
-class PlotFile {
- public:
-  PlotFile(Output& output, const SignalValues& values)
-      : path_(values.plot),
-        file_(output, path_, values.force ? RecordingFile::Earlier::kReplace : RecordingFile::Earlier::kRefuse) {}
+// The picture's file is open from the start, so that a recording is not made for a file that cannot be written.
+RecordingFile open_plot(Output& output, const SignalValues& values) {
+  return {output, values.plot, values.force ? RecordingFile::Earlier::kReplace : RecordingFile::Earlier::kRefuse};
+}
 
-  void write(const Recording& recording) {
-    if (recording.is_empty()) {
-      throw Failure("drawing '" + path_ + "'", "the recording has no carrier in it",
-                    "'modem_api_test signal' shows them.");
-    }
-    file_.write(plot_svg(recording));
+void draw(const Recording& recording, const std::string& path, RecordingFile& file) {
+  if (recording.is_empty()) {
+    throw Failure("drawing '" + path + "'", "the recording has no carrier in it",
+                  "'modem_api_test signal' shows them.");
   }
-
- private:
-  const std::string path_;
-  RecordingFile file_;
-};
+  file.write(plot_svg(recording));
+}
 
 // Two names may be of one file.
 void refuse_one_file(const std::string& table, const std::string& picture) {
@@ -127,9 +120,9 @@ void draw_from_file(const Context& context, const SignalValues& values) {
   std::istringstream rows(read_file(values.from.c_str(), "reading the file '" + values.from + "'"));
   Recording recording;
   recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
-  PlotFile file(context.output, values);
+  RecordingFile file = open_plot(context.output, values);
   refuse_one_file(values.from, values.plot);
-  file.write(recording);
+  draw(recording, values.plot, file);
   if (values.plot == "-") return;
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
@@ -159,9 +152,7 @@ std::unique_ptr<RecordingFile> open_csv(Output& output, const std::string& path,
 // How the readings of a series are shown, besides the files that they go to.
 enum class Show {
   kLive,     // on the screen
-  kLines,    // lines for a log: one a subscription, at most once a second
-  kEach,     // the same for every reading
-  kJson,     // a JSON document a reading
+  kLines,    // lines for a log, one a subscription, or a JSON document a reading
   kRemarks,  // nothing but remarks, on standard error, that the modem went away and came back
 };
 
@@ -178,7 +169,7 @@ class Series {
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
     if (!values.plot.empty()) {
-      plot_.emplace(context.output, values);
+      plot_.reset(new RecordingFile(open_plot(context.output, values)));
       refuse_one_file(values.csv, values.plot);
     }
     if (!values.csv.empty()) {
@@ -201,7 +192,7 @@ class Series {
       }
       live_.reset();
       if (!failure) return finish();
-      if (plot_ && !recording_.is_empty()) plot_->write(recording_);
+      if (plot_ && !recording_.is_empty()) draw(recording_, values_.plot, *plot_);
       throw *failure;
     });
   }
@@ -221,7 +212,7 @@ class Series {
     const std::string problem = thread_.is_busy() ? kNoResponseText : source_.problem();
     const bool is_lost = !is_ended && !problem.empty();
     const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
-    if (has_picture) plot_->write(recording_);
+    if (has_picture) draw(recording_, values_.plot, *plot_);
     report_files(has_picture);
     if (is_ended) return;
     if (is_lost) {
@@ -236,10 +227,10 @@ class Series {
   }
 
   static Show show_of(const Context& context, const SignalValues& values) {
-    if (context.output.is_json()) return Show::kJson;
+    if (context.output.is_json()) return Show::kLines;
     if (values.writes_to_output()) return Show::kRemarks;
     if (values.watch) return is_screen(context.output) ? Show::kLive : Show::kLines;
-    return values.csv.empty() && values.plot.empty() ? Show::kEach : Show::kRemarks;
+    return values.csv.empty() && values.plot.empty() ? Show::kLines : Show::kRemarks;
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
@@ -262,24 +253,21 @@ class Series {
 
   void show_reading(const Reading& reading) {
     const bool is_back = std::exchange(is_lost_, false);
-    Output& output = context_.output;
-    switch (show_) {
-      case Show::kLive:
-        return live_->take(reading);
-      case Show::kRemarks:
-        if (is_back) remark(kBackText);
-        return;
-      case Show::kJson:
-        if (is_back) output.print({{"time", utc_text(reading.time)}, {"notice", "modem_back"}}, "");
-        return output.print(reading_json(reading), "");
-      case Show::kLines:
-      case Show::kEach:
-        if (!std::exchange(has_heading_, true)) output.print(Json(), kReadingLineHeading);
-        if (is_back) output.print(Json(), local_text(reading.time) + "  " + kBackText);
-        if (show_ == Show::kLines && Clock::now() < next_line_) return;
-        next_line_ = Clock::now() + kLinePeriod;
-        return output.print(Json(), reading_line(reading));
+    if (show_ == Show::kLive) return live_->take(reading);
+    if (show_ == Show::kRemarks) {
+      if (is_back) remark(kBackText);
+      return;
     }
+    Output& output = context_.output;
+    if (!output.is_json() && !std::exchange(has_heading_, true)) output.print(Json(), kReadingLineHeading);
+    if (is_back) {
+      output.print({{"time", utc_text(reading.time)}, {"notice", "modem_back"}},
+                   local_text(reading.time) + "  " + kBackText);
+    }
+    // A log of a long time has a line a second.
+    if (values_.watch && !output.is_json() && Clock::now() < next_line_) return;
+    next_line_ = Clock::now() + kLinePeriod;
+    output.print(reading_json(reading), reading_line(reading));
   }
 
   void show_loss(const std::string& problem) {
@@ -314,7 +302,7 @@ class Series {
   const Show show_;
   std::optional<LiveWatch> live_;
   std::unique_ptr<RecordingFile> csv_;
-  std::optional<PlotFile> plot_;
+  std::unique_ptr<RecordingFile> plot_;
   Recording recording_;
   bool is_lost_ = false;
   bool has_heading_ = false;

@@ -315,8 +315,8 @@ void add_stats_commands(CommandLine& line) {
     auto [command, values] = line.add<RegisterValues>(
         group, "register", "register statistics for reporting, and follow the reports", register_and_follow);
     add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
-    command.add_numbers("--parameter", values.parameters, "a number that goes with each statistic; up to 5",
-                        {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
+    command.add_text("--parameter", values.parameters, "a number that goes with each statistic; up to 5",
+                     {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
     add_options(command, values);
     values.limits.add_to(command);
   }

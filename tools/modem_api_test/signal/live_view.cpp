@@ -54,19 +54,14 @@ const char* rsrp_colour(double level) {
   return level >= kFairRsrp ? kFair : kPoor;
 }
 
-// There is no good or bad receive gain.
-const char* gain_colour(double /*level*/) {
-  return kNeutral;
-}
-
-// How the bars of one measure are drawn.
+// How the bars of one measure are drawn. There is no good or bad receive gain.
 struct Bars {
   LevelRange range;
-  const char* (*colour)(double level);
+  bool is_gain;
 };
 
-constexpr Bars kRsrpBars = {kRsrpRange, rsrp_colour};
-constexpr Bars kGainBars = {kRssiRange, gain_colour};
+constexpr Bars kRsrpBars = {kRsrpRange, false};
+constexpr Bars kGainBars = {kRssiRange, true};
 
 // Widths of the columns; 0: the column is left out.
 struct Layout {
@@ -85,34 +80,23 @@ constexpr size_t kLeastHistory = 6;
 constexpr size_t kUsualHistory = 18;
 constexpr size_t kMostHistory = 100;
 
-// Columns of the terminal that are not given away yet.
-class Columns {
- public:
-  explicit Columns(size_t count) : left_(count) {}
-
-  // False, and nothing taken, where there are not enough.
-  bool take(size_t count) {
-    if (count > left_) return false;
-    left_ -= count;
-    return true;
-  }
-
- private:
-  size_t left_;
-};
-
 // Numbers come first, then where they were measured, then bars, then the history.
 Layout layout_of(size_t columns) {
   Layout layout;
-  Columns left(columns);
-  if (!left.take(kNameWidth + kChains * kLevelWidth + kSnrWidth)) return layout;
-  if (left.take(kPlaceWidth)) layout.place = kPlaceWidth;
-  while (layout.bar < kUsualBar && left.take(kChains * (layout.bar == 0 ? 2 : 1))) ++layout.bar;
-  if (layout.bar == kUsualBar && left.take(1 + kLeastHistory)) layout.history = kLeastHistory;
+  size_t left = columns;
+  const auto take = [&left](size_t count) {
+    if (count > left) return false;
+    left -= count;
+    return true;
+  };
+  if (!take(kNameWidth + kChains * kLevelWidth + kSnrWidth)) return layout;
+  if (take(kPlaceWidth)) layout.place = kPlaceWidth;
+  while (layout.bar < kUsualBar && take(kChains * (layout.bar == 0 ? 2 : 1))) ++layout.bar;
+  if (layout.bar == kUsualBar && take(1 + kLeastHistory)) layout.history = kLeastHistory;
   if (layout.history == 0) return layout;
-  while (layout.history < kUsualHistory && left.take(1)) ++layout.history;
-  while (layout.bar < kMostBar && left.take(kChains)) ++layout.bar;
-  while (layout.history < kMostHistory && left.take(1)) ++layout.history;
+  while (layout.history < kUsualHistory && take(1)) ++layout.history;
+  while (layout.bar < kMostBar && take(kChains)) ++layout.bar;
+  while (layout.history < kMostHistory && take(1)) ++layout.history;
   return layout;
 }
 
@@ -213,7 +197,8 @@ class View {
   }
 
   const char* colour_of(double level, const Bars& bars) const {
-    return state_.trouble.empty() ? bars.colour(level) : kDim;
+    if (!state_.trouble.empty()) return kDim;
+    return bars.is_gain ? kNeutral : rsrp_colour(level);
   }
 
   // Until the lines and the status fit. Returns how many went.

@@ -115,15 +115,9 @@ constexpr Panel kPanels[] = {
     {"SNR [dB]", &TrackPoint::snr, kFirstPanelTop + kPanelHeight + kPanelGap},
 };
 
-std::string number(double value) {
+std::string number(double value, bool is_short = false) {
   char text[32];
-  snprintf(text, sizeof text, "%.1f", value);
-  return text;
-}
-
-std::string label(double value) {
-  char text[32];
-  snprintf(text, sizeof text, "%g", value);
+  snprintf(text, sizeof text, is_short ? "%g" : "%.1f", value);
   return text;
 }
 
@@ -234,7 +228,7 @@ class Picture {
     for (const double tick : axis.ticks()) {
       const double y = y_of(panel, axis, tick);
       svg_ += line(kLeft, y, kRight, y, "stroke=\"#ddd\"");
-      svg_ += words(kLeft - 8, y + 4.5, label(tick), "text-anchor=\"end\"");
+      svg_ += words(kLeft - 8, y + 4.5, number(tick, true), "text-anchor=\"end\"");
     }
     for (const double tick : time_.ticks()) {
       svg_ += line(x_of(tick), panel.top, x_of(tick), bottom, "stroke=\"#eee\"");
