@@ -1,5 +1,6 @@
 // The command line: global options, the commands that the sources in commands/ add, and the options that several of
-// them have. Only command_line.cpp sees the library that parses it.
+// them have. Only command_line.cpp sees the library that parses it. Brings what every command uses: texts, failures,
+// the output, the session, what arrives, and signals.
 #pragma once
 
 #include <cstdint>

@@ -4,10 +4,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <span>
-#include <utility>
-#include <vector>
 
-#include "failure.h"
 #include "statistic_values.h"
 
 namespace pelmar::cli {
@@ -158,22 +155,21 @@ EventFollower::EventFollower(const Context& context, const FollowLimits& limits,
     : context_(context),
       limits_(limits),
       calls_(std::move(calls)),
-      link_([this] { open(); }, [this] { return probe(); }, false),
+      link_(
+          [this] {
+            context_.session.restart();
+            client_ = context_.session.open(MODEM_API_CLIENT_VS);
+            subscribe_to_events(client_);
+            calls_.on_open(client_);
+          },
+          [this] {
+            stats_para_data data = probe_request();
+            return modem_api_get_stats_parameter(client_, 0, 0, &data);
+          },
+          false),
       last_look_(Clock::now()),
       next_look_(last_look_ + kLookPeriod),
       thread_(context) {}
-
-void EventFollower::open() {
-  context_.session.restart();
-  client_ = context_.session.open(MODEM_API_CLIENT_VS);
-  subscribe_to_events(client_);
-  calls_.on_open(client_);
-}
-
-modem_api_result EventFollower::probe() const {
-  stats_para_data data = probe_request();
-  return modem_api_get_stats_parameter(client_, 0, 0, &data);
-}
 
 // Prints what the last look at the modem found, and starts the next one when it is time.
 void EventFollower::look(const std::function<std::string()>& start) {
@@ -233,10 +229,6 @@ void EventFollower::print(Json document, const std::string& text) const {
   Json dated = {{"time", utc_text(now)}};
   dated.update(document);
   context_.output.print(dated, local_text(now) + "  " + text);
-}
-
-void EventFollower::follow(const std::function<std::string()>& start) {
-  thread_.run([&] { follow_to_the_end(start); });
 }
 
 void EventFollower::follow_to_the_end(const std::function<std::string()>& start) {

@@ -37,11 +37,11 @@ class EventFollower {
 
   // What came so far, then `start`, then all that comes up to a limit, or the user's wish to end. Throws where the
   // count is not reached in time, or the modem is away at the end. `start` is printed again when the modem is back.
-  void follow(const std::function<std::string()>& start);
+  void follow(const std::function<std::string()>& start) {
+    thread_.run([&] { follow_to_the_end(start); });
+  }
 
  private:
-  void open();
-  modem_api_result probe() const;
   void look(const std::function<std::string()>& start);
   void follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start);
   void take(const Arrival& arrival);

@@ -1,8 +1,5 @@
 #include "modem_link.h"
 
-#include <utility>
-
-#include "failure.h"
 #include "qmi_client.h"
 
 namespace pelmar::cli {

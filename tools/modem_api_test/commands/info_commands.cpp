@@ -2,16 +2,13 @@
 // system properties, which all processes of the system share.
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <string>
 
 #include "command_line.h"
 #include "cutils/properties.h"
-#include "failure.h"
 #include "pelmar_process.h"
 #include "pelmar_property.h"
 #include "printable_text.h"
 #include "qmi_idl_lib_internal.h"
-#include "text.h"
 
 namespace pelmar::cli {
 

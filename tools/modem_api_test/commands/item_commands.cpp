@@ -1,13 +1,8 @@
 // nv, efs, efs-path and rfnv: each reads, writes and deletes items of one kind. What differs between the four is a row.
 // efs-sync has the modem write its EFS to storage; raw sends a pass-through command.
-#include <chrono>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <utility>
 
 #include "command_line.h"
-#include "failure.h"
-#include "text.h"
 
 namespace pelmar::cli {
 

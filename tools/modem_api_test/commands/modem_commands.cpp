@@ -8,19 +8,14 @@
 #include <algorithm>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "command_line.h"
 #include "cutils/properties.h"
 #include "environment.h"
-#include "failure.h"
 #include "manager_link.h"
 #include "modem_api_peripheral_mng.h"
 #include "own_modem.h"
 #include "pelmar_ssr.h"
-#include "text.h"
 
 namespace pelmar::cli {
 
@@ -199,57 +194,50 @@ struct WatchValues {
 };
 
 // A voter without a vote, which acknowledges each step and passes it on.
-class Watcher {
- public:
-  Watcher(const std::string& device, const std::string& socket) {
-    const int result = pm_client_register(on_event, this, device.c_str(), "modem_api_test watch", &state_, &handle_);
-    if (result == PM_RET_UNSUPPORTED) throw Failure(kStep, "the peripheral manager knows no '" + device + "'");
-    if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
+struct Watcher {
+  ~Watcher() {
+    if (handle != nullptr) pm_client_unregister(handle);
   }
-  ~Watcher() { pm_client_unregister(handle_); }
-  Watcher(const Watcher&) = delete;
-  Watcher& operator=(const Watcher&) = delete;
-
-  pm_event state() const { return state_; }
-
-  void follow(const Context& context, uint32_t limit, std::optional<Clock::time_point> deadline) const {
-    uint32_t seen = 0;
-    while (limit == 0 || seen < limit) {
-      const auto next_look = Clock::now() + kInterval;
-      const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look);
-      if (arrival) {
-        report(context, static_cast<pm_event>(arrival->number), arrival->time);
-        ++seen;
-        continue;
-      }
-      if (context.inbox.is_interrupted()) return;
-      if (deadline && Clock::now() >= *deadline) break;
-      // It has no vote to take back; that fails where the manager is gone.
-      if (pm_client_disconnect(handle_) != PM_RET_SUCCESS) throw lost_manager(kStep);
-    }
-    if (seen >= limit) return;
-    throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(limit) + " steps came",
-                  "Wait longer with --for SECONDS.");
-  }
-
- private:
-  static constexpr const char* kStep = "watching the modem's power";
 
   static void on_event(void* data, pm_event event) {
-    pm_client_event_acknowledge(static_cast<Watcher*>(data)->handle_, event);
+    pm_client_event_acknowledge(static_cast<Watcher*>(data)->handle, event);
     Inbox::receive_power_step(event);
   }
 
-  pm_event state_ = EVENT_PERIPH_IS_OFFLINE;
-  void* handle_ = nullptr;
+  void* handle = nullptr;
 };
 
 void watch(const Context& context, const WatchValues& values) {
+  constexpr const char* kStep = "watching the modem's power";
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);
-  const Watcher watcher(values.device, socket);
-  report(context, watcher.state());
-  watcher.follow(context, values.count, deadline_after(values.seconds));
+  Watcher watcher;
+  pm_event state = EVENT_PERIPH_IS_OFFLINE;
+  const int result = pm_client_register(Watcher::on_event, &watcher, values.device.c_str(), "modem_api_test watch",
+                                        &state, &watcher.handle);
+  if (result == PM_RET_UNSUPPORTED) {
+    throw Failure(kStep, "the peripheral manager knows no '" + values.device + "'");
+  }
+  if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
+  report(context, state);
+
+  const auto deadline = deadline_after(values.seconds);
+  uint32_t seen = 0;
+  while (values.count == 0 || seen < values.count) {
+    const auto next_look = Clock::now() + kInterval;
+    if (const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look)) {
+      report(context, static_cast<pm_event>(arrival->number), arrival->time);
+      ++seen;
+      continue;
+    }
+    if (context.inbox.is_interrupted()) return;
+    if (deadline && Clock::now() >= *deadline) break;
+    // It has no vote to take back; that fails where the manager is gone.
+    if (pm_client_disconnect(watcher.handle) != PM_RET_SUCCESS) throw lost_manager(kStep);
+  }
+  if (seen >= values.count) return;
+  throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(values.count) + " steps came",
+                "Wait longer with --for SECONDS.");
 }
 
 void add_device(const Command& command, std::string& device) {

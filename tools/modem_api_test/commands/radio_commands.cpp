@@ -3,15 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <span>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "command_line.h"
-#include "failure.h"
-#include "text.h"
 
 namespace pelmar::cli {
 

@@ -5,21 +5,15 @@
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <span>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "command_line.h"
-#include "failure.h"
 #include "modem_hydra.h"
 #include "modem_link.h"
 #include "signal/reading.h"
 #include "signal/recording.h"
 #include "signal/screen.h"
-#include "text.h"
 
 namespace pelmar::cli {
 

@@ -5,19 +5,14 @@
 // follows what is reported.
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "command_line.h"
 #include "events.h"
-#include "failure.h"
 #include "modem_api_stats.h"
 #include "modem_hydra.h"
 #include "pelmar_property.h"
 #include "signal/reading.h"
 #include "statistic_values.h"
-#include "text.h"
 
 namespace pelmar::cli {
 

@@ -59,11 +59,6 @@ void handle(int number, void (*handler)(int)) {
   sigaction(number, &action, nullptr);
 }
 
-// NO_COLOR is not set.
-bool wants_colour() {
-  return environment("NO_COLOR").empty();
-}
-
 // What the character set of the user's locale has. The locale of the process stays as it is.
 Glyphs screen_glyphs() {
   const locale_t users = newlocale(LC_CTYPE_MASK, "", nullptr);
@@ -79,7 +74,10 @@ bool is_screen(const Output& output) {
   return isatty(output.descriptor()) != 0 && environment("TERM", "dumb") != "dumb";
 }
 
-Screen::Screen(Output& output) : output_(output) {
+LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
+    : output_(output), style_{environment("NO_COLOR").empty(), screen_glyphs()} {
+  state_.modem = std::move(modem);
+  state_.rate = rate;
   static const int registered = std::atexit(leave);
   static_cast<void>(registered);
   for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
@@ -89,40 +87,13 @@ Screen::Screen(Output& output) : output_(output) {
   g_is_shown = true;
 }
 
-Screen::~Screen() {
+LiveWatch::~LiveWatch() {
   leave();
   for (const int signal : kDeadlySignals) handle(signal, SIG_DFL);
   handle(SIGTSTP, SIG_DFL);
-}
-
-TerminalSize Screen::size() const {
-  winsize size{};
-  if (ioctl(output_.descriptor(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return {};
-  return {size.ws_col, size.ws_row};
-}
-
-void Screen::draw(const std::vector<std::string>& lines) {
-  if (!g_is_shown || g_terminal < 0) return;
-  std::string text = "\033[H";
-  for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
-  text += "\033[J";
-  output_.write(text);
-}
-
-// --- the live view ---
-
-LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
-    : output_(output), screen_(std::in_place, output), style_{wants_colour(), screen_glyphs()} {
-  state_.modem = std::move(modem);
-  state_.rate = rate;
-}
-
-LiveWatch::~LiveWatch() {
-  const TerminalSize size = screen_->size();
-  screen_.reset();
   if (state_.readings == 0) return;
   std::string text;
-  for (const std::string& line : live_view(last_, history_, state_, {size.columns, SIZE_MAX}, style_)) {
+  for (const std::string& line : live_view(last_, history_, state_, {size().columns, SIZE_MAX}, style_)) {
     text += line + "\n";
   }
   try {
@@ -132,8 +103,20 @@ LiveWatch::~LiveWatch() {
   }
 }
 
+TerminalSize LiveWatch::size() const {
+  winsize size{};
+  if (ioctl(output_.descriptor(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return {};
+  return {size.ws_col, size.ws_row};
+}
+
+// Draws nothing while the terminal is given back.
 void LiveWatch::draw() {
-  screen_->draw(live_view(last_, history_, state_, screen_->size(), style_));
+  if (!g_is_shown || g_terminal < 0) return;
+  std::string text;
+  for (const std::string& line : live_view(last_, history_, state_, size(), style_)) {
+    text += (text.empty() ? "\033[H" : "\r\n") + line + "\033[K";
+  }
+  output_.write(text + "\033[J");
 }
 
 void LiveWatch::take(const Reading& reading) {
