@@ -74,19 +74,14 @@ class ClientTest : public system_test::ModemTest {
     setenv("TEST_DIRECTORY", path("").c_str(), 1);
   }
 
-  // A command of the simulated modem, and what it prints.
-  std::string ctl(const std::string& command) const {
-    return shell(MODEM_SIM " ctl --json --storage storage " + command).output;
-  }
-
   // Whether the modem's status comes to have this in it, or not to have it.
-  bool comes_to(const std::string& text, bool has = true) const {
-    return comes_true([&] { return (ctl("status").find(text) != std::string::npos) == has; });
+  bool comes_to(const std::string& text, bool has = true) {
+    return comes_true([&] { return (modem().respond("status").find(text) != std::string::npos) == has; });
   }
-  bool comes_to_have_no_clients() const { return comes_to(R"("clients":[{)", false); }
+  bool comes_to_have_no_clients() { return comes_to(R"("clients":[{)", false); }
 
   // Whether it comes to be asked for something that it does not respond to.
-  bool comes_to_wait() const { return comes_to(R"("faults":0,)", false); }
+  bool comes_to_wait() { return comes_to(R"("faults":0,)", false); }
 };
 
 }  // namespace pelmar::cli

@@ -71,12 +71,12 @@ TEST_F(ClientTest, ControlCharactersAndWhatIsNoUtf8AreShownEscaped) {
 }
 
 TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
-  ctl("clock 3000");
-  ctl("statistic 1 0x62 01f6ff67170000");  // not all of its fields
-  ctl("statistic 1 antenna-switch old_config=1 new_config=3");
-  ctl("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
-  ctl("statistic 1 0x1234 00ff10");
-  ctl("drx 0 9");
+  tell("clock 3000");
+  tell("statistic 1 0x62 01f6ff67170000");  // not all of its fields
+  tell("statistic 1 antenna-switch old_config=1 new_config=3");
+  tell("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
+  tell("statistic 1 0x1234 00ff10");
+  tell("drx 0 9");
   expect({{"client drx", 0, "DRX: 9 (256 frames)\n"},
           {"client avoid-trm on --sub 1", 0, "TRM avoidance of subscription 1: on\n"},
           {"client nr-mode 2 --yes", 0, "NR disable mode of subscription 0: 2\n"},
@@ -97,7 +97,8 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
     EXPECT_TRUE(comes_to(state)) << state;
   }
   std::string text;
-  for (const char* line : {"cell-info", "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
+  for (const char* line : {"sys-mode --json", "tx-power --max", "signal --sub 1 | tail -n +2", "cell-info",
+                           "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
                            "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
     text += shell("client " + std::string(line)).output;
   }
@@ -112,52 +113,52 @@ TEST_F(ClientTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
 }
 
 TEST_F(ClientTest, NoResponseIsNoSuccess) {
-  for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) ctl(fault);
+  for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) tell(fault);
   expect({{"client cell-info", 1, "(MODEM_API_ERR_GENERIC, 1)"},
           {"client drx", 1, "QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"}});
   for (const char* command : {"sys-mode", "tx-power --max"}) {
-    ctl("error 3 vs any 1");
+    tell("error 3 vs any 1");
     expect({{std::string("client ") + command, 1, "of subscription 0 failed: QMI error 3"}});
   }
-  ctl("silence nas");
+  tell("silence nas");
   expect({{"client cell-info --timeout 1 --json 2>/dev/null", 1, "not done in 1 s"},
           {"client --modem nobody nv read 1", 1, "nobody serves nobody"},
           {"client --modem nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
           {"client --modem $(printf %0120d 0) info --wait --timeout 20", 1, "a socket's name has 1 to 107"}});
   EXPECT_TRUE(comes_to_have_no_clients());
-  ctl("clear");
-  ctl("service sar down");
+  tell("clear");
+  tell("service sar down");
   expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
 }
 
 TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
   Process events = start("events --count 5");
   EXPECT_TRUE(prints(events, "following"));
-  ctl("restart 300");
+  tell("restart 300");
   EXPECT_TRUE(prints(events, "the modem is away: "));
   EXPECT_TRUE(prints(events, "the modem is back"));
   for (const char* event :
        {"2 77 0 9", "3 5 record 0:0x62:01f6ff67 secondary 1:6:abcd", "3 1 trailer 9", "4 1 0aff 7 8"}) {
-    ctl(std::string("event ") + event);
+    tell(std::string("event ") + event);
   }
-  ctl("silence vs");
+  tell("silence vs");
   EXPECT_TRUE(comes_to_wait());
-  ctl("event 5 3");  // ends it, though no response comes for 30 s
+  tell("event 5 3");  // ends it, though no response comes for 30 s
   std::istringstream lines(events.rest());
   std::string text;
   for (std::string line; std::getline(lines, line);) text += line.substr(line[0] == ' ' ? 0 : 14) + "\n";
   EXPECT_EQ(events.end(), 0);
   expect_golden("events.txt", text);
-  ctl("clear");
+  tell("clear");
   expect({{"client events --count 1 --for 1", 1, "only 0 of 1 came in 1 seconds"}});
 }
 
 TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
-  ctl("service nas down");
+  tell("service nas down");
   Process events = start("events --services --json");
   EXPECT_TRUE(prints(events, "; the NAS service of subscription 0 is down"));
-  ctl("stream 1000000 every 100000");
-  ctl("service nas up");
+  tell("stream 1000000 every 100000");
+  tell("service nas up");
   EXPECT_TRUE(prints(events, R"("notice":"service_up","service":"nas_0"})"));
   EXPECT_EQ(events.end(SIGINT), 130);
 }
@@ -166,7 +167,7 @@ TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
 TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
   Process events = start("events --for 1 --json");
   EXPECT_TRUE(prints(events, "following"));
-  ctl("stream 300");
+  tell("stream 300");
   EXPECT_TRUE(comes_to(R"("indications":300,)"));
   std::this_thread::sleep_for(std::chrono::seconds(1));
   const std::string text = events.rest();
@@ -177,16 +178,16 @@ TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
 TEST_F(ClientTest, TheSarStateIsHeldOverARestartOfTheService) {
   Process holder = start("sar set 3 --hold 3600 --json");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
-  ctl("service sar down");
+  tell("service sar down");
   EXPECT_TRUE(prints(holder, R"("sar":"down")"));
-  ctl("service sar up");
+  tell("service sar up");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
   EXPECT_TRUE(comes_to(R"("sar_rf_state":3)"));
   EXPECT_EQ(holder.end(SIGINT), 130);
 }
 
 TEST_F(ClientTest, ASignalFreesTheClientOfAWaitingCommand) {
-  ctl("silence vs");
+  tell("silence vs");
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // nothing frees the buffers of an asynchronous command under way
   for (const auto& [command, signal] :
        {std::pair("nv read 1", SIGINT), {"raw 01 --async", SIGTERM}, {"events", SIGHUP}}) {

@@ -55,7 +55,7 @@ class Terminal : public Process {
 TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
   Terminal terminal("signal --watch --rate 20");
   EXPECT_TRUE(terminal.shows("subscription 1"));
-  ctl("restart 300");
+  tell("restart 300");
   EXPECT_TRUE(terminal.shows("MODEM AWAY"));
   EXPECT_TRUE(terminal.shows(" readings, 20 a second"));
   terminal.tell("\003");
@@ -66,7 +66,7 @@ TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
 TEST_F(ClientTest, EvenTheSecondSignalLeavesTheTerminalClean) {
   Terminal terminal("signal --watch --rate 20");
   EXPECT_TRUE(terminal.shows("2 readings"));
-  ctl("silence vs");
+  tell("silence vs");
   EXPECT_TRUE(comes_to_wait());
   terminal.send("INT");
   terminal.send("TERM");  // another signal than the first: two of one kind may arrive as one
@@ -80,7 +80,7 @@ TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
           {"head -c 5 a.svg", 0, "<svg "}});
   Terminal terminal("signal --rate 20 --watch --plot b.svg");
   EXPECT_TRUE(terminal.shows("2 readings"));
-  ctl("silence vs");
+  tell("silence vs");
   EXPECT_TRUE(comes_to_wait());
   terminal.send("INT");
   EXPECT_EQ(terminal.end_clean(), 128 + SIGINT);
@@ -133,12 +133,12 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
 }
 
 TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {
-  ctl("delay 0 vs any 20");
-  ctl("error 52 vs");
+  tell("delay 0 vs any 20");
+  tell("error 52 vs");
   expect({{"client signal --for 1 --csv a", 1, "QMI error 52"}});
-  ctl("clear");
-  ctl("delay 0 vs any 20");
-  ctl("die modem vs");
+  tell("clear");
+  tell("delay 0 vs any 20");
+  tell("die modem vs");
   expect({{"client signal --for 1 --csv b --plot c", 1, "0 readings came before"}});
   EXPECT_GT(modem().end(0), 0) << "it died";
 }
