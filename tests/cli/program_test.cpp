@@ -77,6 +77,9 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
   tell("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
   tell("statistic 1 0x1234 00ff10");
   tell("drx 0 9");
+  std::string text;
+  const auto show = [&text](const char* line) { text += shell("client " + std::string(line)).output; };
+  for (const char* line : {"sys-mode --json", "tx-power --max", "signal --sub 1 | tail -n +2"}) show(line);
   expect({{"client drx", 0, "DRX: 9 (256 frames)\n"},
           {"client avoid-trm on --sub 1", 0, "TRM avoidance of subscription 1: on\n"},
           {"client nr-mode 2 --yes", 0, "NR disable mode of subscription 0: 2\n"},
@@ -96,11 +99,9 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
        {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
     EXPECT_TRUE(comes_to(state)) << state;
   }
-  std::string text;
-  for (const char* line : {"sys-mode --json", "tx-power --max", "signal --sub 1 | tail -n +2", "cell-info",
-                           "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
+  for (const char* line : {"cell-info", "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
                            "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
-    text += shell("client " + std::string(line)).output;
+    show(line);
   }
   expect_golden("radio.txt", text);
 }
