@@ -1,4 +1,4 @@
-// The program: how it starts and ends, whom it admits, and the operator's commands.
+// The program: how it starts and ends, whom it admits, and the commands of ctl.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -134,7 +134,7 @@ TEST_F(ProcessTest, IsNotReadyWhileItStarts) {
   EXPECT_TRUE(comes_true([&] { return QmuxClient(modem.socket()).allocate(kVs) != 0; }));
 }
 
-TEST_F(ProcessTest, TheOperatorsProgramReturnsSuccessFailureAndWrongUsage) {
+TEST_F(ProcessTest, CtlReturnsSuccessFailureAndWrongUsage) {
   SimProcess modem(directory_);
   setenv("PELMAR_SIM_CONTROL", path("another").c_str(), 1);
   const std::string storage = path("storage");
@@ -163,7 +163,7 @@ TEST_F(ProcessTest, TheOperatorsProgramReturnsSuccessFailureAndWrongUsage) {
   EXPECT_EQ(modem.end(0), 0);
 }
 
-TEST_F(ProcessTest, ALineWithoutEndDoesNotHoldTheOperatorsProgram) {
+TEST_F(ProcessTest, ALineWithoutEndDoesNotHoldCtl) {
   const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const auto address = unix_address(path("socket"));
   ASSERT_EQ(bind(listener.get(), address->get(), address->length) + listen(listener.get(), 1), 0);
@@ -176,7 +176,7 @@ TEST_F(ProcessTest, ALineWithoutEndDoesNotHoldTheOperatorsProgram) {
   const Outcome outcome = modem_sim({"ctl", "--control", path("socket"), "status"});
   modem.join();
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_NE(outcome.output.find("is no modem's operator socket"), std::string::npos) << outcome.output;
+  EXPECT_NE(outcome.output.find("is no modem's control socket"), std::string::npos) << outcome.output;
 }
 
 TEST_F(ProcessTest, TheDocumentHasEveryCommand) {

@@ -185,10 +185,10 @@ TEST_F(Services, AValueIsItsFieldsOneAfterTheOther) {
   }
 }
 
-TEST_F(Services, TheOperatorFixesFieldsOrWholeValues) {
+TEST_F(Services, TheUserFixesFieldsOrWholeValues) {
   const Bytes live = client_.read(0, kLtePrimary);
   modem_.command("statistic 0 lte-pcc rsrp_rx1=-1005 pci=7");
-  EXPECT_EQ(modem_.value("statistic 0 82", "/source"), "\"operator\"");
+  EXPECT_EQ(modem_.value("statistic 0 82", "/source"), "\"user\"");
   EXPECT_EQ(modem_.value("statistic 0 82", "/fields/rsrp_rx1"), "-1005");
   Bytes expected = live;
   std::copy_n(bytes_of(int32_t{-1005}).begin(), 4, expected.begin() + 27);
@@ -280,13 +280,13 @@ TEST_F(Services, AClientMayDieBeforeItsReport) {
   for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
   client_.add(client_.enable_reports(), ids);
   modem_.command("report-period 10");
-  const UniqueFd operators = connect_unix(directory_.path("storage/control")).fd;
+  const UniqueFd control = connect_unix(directory_.path("storage/control")).fd;
   modem_.command("clock");  // now the modem has accepted what connected before
   ASSERT_EQ(kill(modem_.process(), SIGSTOP), 0);
   int status = 0;
   ASSERT_EQ(waitpid(modem_.process(), &status, WUNTRACED), modem_.process());
   const std::string line = "clock advance 100000\n";
-  ASSERT_EQ(write(operators.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
+  ASSERT_EQ(write(control.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
   client_.close();
   ASSERT_EQ(kill(modem_.process(), SIGCONT), 0);
   VsClient next(modem_);
@@ -315,7 +315,7 @@ TEST_F(Services, AScenarioPlaysFromItsLoadingOn) {
   EXPECT_EQ(level(), -900) << "repeated";
   EXPECT_EQ(modem_.value("statistic 1 lte-scc6", "/source"), "\"scenario\"");
   modem_.command("statistic 1 lte-scc6 rsrp_rx0=-5");
-  EXPECT_EQ(level(), -5) << "the operator's own number is above it";
+  EXPECT_EQ(level(), -5) << "the user's own number is above it";
   modem_.command("statistic 1 lte-scc6 clear");
 
   const auto with_track = [](const std::string& members) {
