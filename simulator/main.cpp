@@ -143,21 +143,6 @@ void add_number(CLI::App& app, const std::string& name, const char* unit, const 
   app.add_option_function<std::string>(name, parse, help)->type_name(unit);
 }
 
-void add_peripheral_manager(CLI::App& serve, SimulationOptions& options) {
-  serve
-      .add_option("--pm-socket", options.pm_socket,
-                  "have a peripheral manager on this socket: the modem has power while a process votes for it (without "
-                  "a name: .pm added to the clients' socket)")
-      ->expected(0, 1)
-      ->type_name("SOCKET");
-  serve.add_option("--pm-device", options.pm_device, "the modem's name at the peripheral manager")
-      ->check([](const std::string& name) { return platform::power::is_good_name(name) ? "" : "is no name"; })
-      ->capture_default_str();
-  add_number(serve, "--pm-ack-ms", kMilliseconds,
-             "what a voter has for acknowledging a step of the power (default: 2000)", 1, kHourMs,
-             options.pm_acknowledge_limit);
-}
-
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
@@ -175,7 +160,19 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   add_number(*serve, "--reset-ms", kMilliseconds,
              "not ready for that long after a reset by a client, or a crash (default: 200)", 0, kHourMs,
              options.reset_time);
-  add_peripheral_manager(*serve, options);
+  serve
+      ->add_option(
+          "--pm-socket", options.pm_socket,
+          "have a peripheral manager on this socket: the modem has power while a process votes for it (without "
+          "a name: .pm added to the clients' socket)")
+      ->expected(0, 1)
+      ->type_name("SOCKET");
+  serve->add_option("--pm-device", options.pm_device, "the modem's name at the peripheral manager")
+      ->check([](const std::string& name) { return platform::power::is_good_name(name) ? "" : "is no name"; })
+      ->capture_default_str();
+  add_number(*serve, "--pm-ack-ms", kMilliseconds,
+             "what a voter has for acknowledging a step of the power (default: 2000)", 1, kHourMs,
+             options.pm_acknowledge_limit);
   add_number(*serve, "--exit-when-idle", kNumber, "end when no client was connected for that many seconds", 1,
              1'000'000, options.exit_when_idle);
   add_number(*serve, "--seed", kNumber,

@@ -8,12 +8,6 @@
 
 namespace pelmar::sim {
 
-namespace {
-
-constexpr size_t kUsageColumn = 44;  // of --help: where a command's summary begins
-
-}  // namespace
-
 // --- words ---
 
 Arguments::Arguments(std::string_view line) {
@@ -90,6 +84,7 @@ std::string usage_of(const Command& command) {
 }
 
 std::string describe_commands() {
+  constexpr size_t kUsageColumn = 44;  // where the summaries begin
   std::string text = "Commands:\n";
   for (const CommandGroup& group : command_groups()) {
     text.append("\n").append(group.title).append(":\n");

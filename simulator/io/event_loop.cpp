@@ -49,14 +49,6 @@ EventLoop::TimerId EventLoop::after(Clock::duration delay, Task task) {
   return id;
 }
 
-void EventLoop::cancel(const TimerId& timer) {
-  pending_timers_.erase(timer);
-}
-
-void EventLoop::post(Task task) {
-  posted_.push_back(std::move(task));
-}
-
 void EventLoop::run() {
   running_ = true;
   while (running_) {

@@ -39,10 +39,10 @@ class EventLoop {
 
   TimerId after(Clock::duration delay, Task task);
   // A timer that has run or was cancelled already is left alone.
-  void cancel(const TimerId& timer);
+  void cancel(const TimerId& timer) { pending_timers_.erase(timer); }
 
   // Runs the task after the events that epoll has returned, when a watcher can be destroyed.
-  void post(Task task);
+  void post(Task task) { posted_.push_back(std::move(task)); }
 
   // Runs at the end of each round of events, and again, once what it has posted has run, as long as it returns true.
   // lacked_memory: a call of this round has thrown std::bad_alloc, which gives up that call only.

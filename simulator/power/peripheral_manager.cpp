@@ -197,15 +197,13 @@ void PeripheralManager::notify_voters(pm_event event) {
     session->must_acknowledge = true;
     session->send(power::Event{event});
   }
-  timer_ = loop_.after(acknowledge_limit_, [this] { give_up_waiting(); });
+  timer_ = loop_.after(acknowledge_limit_, [this] {
+    for (const auto& [number, session] : sessions_) {
+      if (std::exchange(session->must_acknowledge, false)) ++overdue_;
+    }
+    advance();
+  });
   advance_later();
-}
-
-void PeripheralManager::give_up_waiting() {
-  for (const auto& [number, session] : sessions_) {
-    if (std::exchange(session->must_acknowledge, false)) ++overdue_;
-  }
-  advance();
 }
 
 void PeripheralManager::switch_power(bool on) {

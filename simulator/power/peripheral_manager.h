@@ -57,7 +57,6 @@ class PeripheralManager final {
   void advance_later();
   void advance();
   void notify_voters(pm_event event);
-  void give_up_waiting();
   void switch_power(bool on);
 
   EventLoop& loop_;

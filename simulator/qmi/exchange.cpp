@@ -235,8 +235,14 @@ void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::spa
     case FaultKind::kRepeat:
       connection.send(response);
       return connection.send(response);
-    case FaultKind::kReorder:
-      return hold_back(keep(), fault.delay);
+    case FaultKind::kReorder: {
+      const auto held = held_.insert(held_.end(), keep());
+      held->limit = loop_.after(fault.delay, [this, held] {
+        send_late(*held);
+        held_.erase(held);
+      });
+      return;
+    }
     case FaultKind::kCut: {
       const size_t size = std::min(response.size(), qmi::kFrameHeaderLength + fault.cut_to);
       std::vector<uint8_t> cut(response.begin(), response.begin() + static_cast<ptrdiff_t>(size));
@@ -250,14 +256,6 @@ void Exchange::deliver(Connection& connection, const qmi::Frame& frame, std::spa
       connection.send(response.first(response.size() / 2));
       _exit(kExitStatusOfFault);
   }
-}
-
-void Exchange::hold_back(LateResponse response, EventLoop::Clock::duration limit) {
-  const auto held = held_.insert(held_.end(), std::move(response));
-  held->limit = loop_.after(limit, [this, held] {
-    send_late(*held);
-    held_.erase(held);
-  });
 }
 
 void Exchange::send_held(const Connection& connection) {

@@ -90,7 +90,6 @@ class Exchange final {
   std::optional<Fault> take_fault(uint8_t service, uint16_t message);
   QmiError respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request);
   void deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
-  void hold_back(LateResponse response, EventLoop::Clock::duration limit);
   void send_held(const Connection& connection);
   void send_late(const LateResponse& response);
 

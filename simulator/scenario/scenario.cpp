@@ -94,10 +94,6 @@ size_t parse_field(const Node& node, const StatisticRow& row) {
   return static_cast<size_t>(field - row.fields.data());
 }
 
-NumberRange range_of_field(const StatisticRow& row, size_t field) {
-  return field == Scenario::kPresence ? kPresenceRange : range_of(row.fields[field].type);
-}
-
 // [SECONDS, NUMBER...]
 Scenario::Point parse_point(const Node& node, const StatisticRow& row, const std::vector<size_t>& fields) {
   if (!node.value.is_array() || node.value.size() != fields.size() + 1) {
@@ -105,7 +101,8 @@ Scenario::Point parse_point(const Node& node, const StatisticRow& row, const std
   }
   Scenario::Point point{node[0].number({0, kMaxSeconds}), {}};
   for (size_t i = 0; i < fields.size(); ++i) {
-    point.numbers.push_back(node[i + 1].number(range_of_field(row, fields[i])));
+    const bool is_presence = fields[i] == Scenario::kPresence;
+    point.numbers.push_back(node[i + 1].number(is_presence ? kPresenceRange : range_of(row.fields[fields[i]].type)));
   }
   return point;
 }

@@ -16,6 +16,8 @@ constexpr uint8_t kThresholdLow = 6;
 constexpr uint8_t kThresholdHigh = 14;
 constexpr int16_t kLeastRsrp = -1240;  // of a suitable cell
 
+constexpr double kMicrosecondsPerMetre = 2 / 299.8;  // for a signal to the cell and back
+
 int16_t tenths(double level) {
   return static_cast<int16_t>(std::lround(level * 10));
 }
@@ -60,12 +62,6 @@ void put_other_frequencies(const RadioSample& radio, nas::LteInterFrequency& out
   }
 }
 
-// The time that a signal takes to the cell and back.
-uint32_t timing_advance_us(const RadioSample& radio) {
-  constexpr double kMicrosecondsPerMetre = 2 / 299.8;
-  return static_cast<uint32_t>(std::lround(radio.serving_distance * kMicrosecondsPerMetre));
-}
-
 }  // namespace
 
 struct NasService::Handlers {
@@ -94,7 +90,7 @@ struct NasService::Handlers {
     response.inter_frequency_valid = 1;
     put_other_frequencies(radio, response.inter_frequency);
     response.timing_advance_valid = 1;
-    response.timing_advance = timing_advance_us(radio);
+    response.timing_advance = static_cast<uint32_t>(std::lround(radio.serving_distance * kMicrosecondsPerMetre));
     response.nr_arfcn_valid = radio.has_nr();
     response.nr_arfcn = radio.nr[0].arfcn;
     return QMI_ERR_NONE_V01;
@@ -153,10 +149,6 @@ NasService::NasService(const ModemClock& clock, RadioPictures& pictures)
       clock_(clock),
       pictures_(pictures),
       subscriptions_(kFreshSubscriptions) {}
-
-void NasService::client_gone(uint8_t client) {
-  bound_[client] = 0;
-}
 
 void NasService::restarted() {
   subscriptions_ = kFreshSubscriptions;

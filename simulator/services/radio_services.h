@@ -24,7 +24,7 @@ class NasService final : public Service {
 
   Subscription& subscription(size_t number) { return subscriptions_[number]; }
 
-  void client_gone(uint8_t client) override;
+  void client_gone(uint8_t client) override { bound_[client] = 0; }
   void restarted() override;
 
  private:

@@ -18,10 +18,6 @@ double Statistics::seconds_played() const {
   return std::max(std::chrono::duration<double>(clock_.now() - scenario_->start).count(), 0.0);
 }
 
-void Statistics::play(Scenario scenario) {
-  scenario_ = Playing{std::move(scenario), clock_.now()};
-}
-
 void Statistics::Value::replace(const std::array<std::optional<double>, kMaxFields>& by) {
   for (size_t i = 0; i < by.size(); ++i) fields[i] = by[i].value_or(fields[i]);
 }
@@ -66,18 +62,10 @@ void Statistics::clear(StatisticKey key) {
   std::fill(fix->second.bytes->begin(), fix->second.bytes->end(), uint8_t{0});
 }
 
-void Statistics::fix(StatisticKey key, std::vector<uint8_t> bytes) {
-  fixes_[key] = {std::move(bytes), {}};
-}
-
 void Statistics::fix(StatisticKey key, size_t field, double number) {
   Fix& fix = fixes_[key];
   fix.bytes.reset();
   fix.fields[field] = number;
-}
-
-void Statistics::release(StatisticKey key) {
-  fixes_.erase(key);
 }
 
 }  // namespace pelmar::sim

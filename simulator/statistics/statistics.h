@@ -30,13 +30,13 @@ class Statistics {
   void clear(StatisticKey key);
   void restarted() { cleared_.clear(); }
 
-  void fix(StatisticKey key, std::vector<uint8_t> bytes);
+  void fix(StatisticKey key, std::vector<uint8_t> bytes) { fixes_[key] = {std::move(bytes), {}}; }
   void fix(StatisticKey key, size_t field, double number);  // a field by its place in the identifier's row
   // Ends what fix() has done for the value.
-  void release(StatisticKey key);
+  void release(StatisticKey key) { fixes_.erase(key); }
 
   // Begins now, in the place of an earlier one.
-  void play(Scenario scenario);
+  void play(Scenario scenario) { scenario_ = Playing{std::move(scenario), clock_.now()}; }
   void stop_playing() { scenario_.reset(); }
   const Scenario* playing() const { return scenario_ ? &scenario_->scenario : nullptr; }
   double seconds_played() const;

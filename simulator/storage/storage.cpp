@@ -21,11 +21,10 @@ namespace {
 
 constexpr size_t kMaxItemFileBytes = 4096;  // hexadecimal text, with space for white space that a user has added
 
-// The directories on the way to a file, and the file's name in the last of them.
+// A file's path: the directories on the way, and the names of all components, of which the last is the file's.
 struct Place {
   std::vector<UniqueFd> directories;
   std::vector<std::string> components;
-  std::string name;
 
   int parent(int top) const { return directories.empty() ? top : directories.back().get(); }
 };
@@ -41,7 +40,7 @@ QmiError walk(int top, const std::string& path, bool create, Place& place) {
     if (!next) return error_of_errno(errno);
     place.directories.push_back(std::move(next));
   }
-  place.name = path.substr(start);
+  place.components.push_back(path.substr(start));
   return QMI_ERR_NONE_V01;
 }
 
@@ -105,7 +104,8 @@ QmiError Store::write(const std::string& path, std::span<const uint8_t> bytes, s
   if (is_new && free_entries_ == 0) return QMI_ERR_DEVICE_STORAGE_FULL_V01;
   Place place;
   QmiError error = walk(directory(), path, true, place);
-  if (error == QMI_ERR_NONE_V01) error = replace_file(root_, place.parent(directory()), place.name.c_str(), content);
+  if (error == QMI_ERR_NONE_V01)
+    error = replace_file(root_, place.parent(directory()), place.components.back().c_str(), content);
   if (error != QMI_ERR_NONE_V01) {
     prune(directory(), place);
     return error;
@@ -123,7 +123,7 @@ QmiError Store::remove(const std::string& path) {
   const QmiError error = walk(directory(), path, false, place);
   if (error != QMI_ERR_NONE_V01 && error != QMI_ERR_NO_ENTRY_V01) return error;
   if (error == QMI_ERR_NONE_V01) {
-    if (unlinkat(place.parent(directory()), place.name.c_str(), 0) != 0 && errno != ENOENT) {
+    if (unlinkat(place.parent(directory()), place.components.back().c_str(), 0) != 0 && errno != ENOENT) {
       return error_of_errno(errno);
     }
     prune(directory(), place);
