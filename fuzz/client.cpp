@@ -15,13 +15,12 @@
 #include <string>
 #include <thread>
 
-#include "frame_reader.h"
 #include "manager_link.h"
 #include "messages.h"
 #include "nas_messages.h"
 #include "qmi_client.h"
 #include "qmux_link.h"
-#include "unix_address.h"
+#include "unix_socket.h"
 
 using namespace pelmar::fuzz;
 using namespace pelmar;
@@ -119,10 +118,10 @@ void use_manager_link(std::span<const uint8_t> expected) {
   require(link.open(platform::modem_socket(), deadline));
   platform::power::Reply reply, same;
   for (size_t size = 0; link.receive(reply, deadline); expected = expected.subspan(size)) {
-    require(take_front(expected, same, size) == platform::power::Front::kComplete && reply == same);
+    require(parse_frame(expected, same, size) == platform::power::FrameState::kComplete && reply == same);
   }
   size_t size = 0;
-  require(take_front(expected, same, size) != platform::power::Front::kComplete);
+  require(parse_frame(expected, same, size) != platform::power::FrameState::kComplete);
 }
 
 }  // namespace

@@ -62,7 +62,7 @@ void write_power_messages() {
                            to_frame(Vote{}),
                            to_frame(Acknowledge{EVENT_PERIPH_GOING_ONLINE}),
                            to_frame(Acknowledge{EVENT_PERIPH_IS_ONLINE}),
-                           to_frame(AskStatus{}),
+                           to_frame(QueryStatus{}),
                            to_frame(Withdraw{}),
                            to_frame(Unregister{})}));
   write("client", join({{2},

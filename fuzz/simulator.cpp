@@ -58,8 +58,8 @@ template <typename Message>
 int read_manager_message(Stream stream) {
   Message message;
   size_t size = 0;
-  const Front front = take_front(stream, message, size);
-  if (front != Front::kComplete) return front == Front::kIncomplete ? kIncomplete : kBroken;
+  const FrameState front = parse_frame(stream, message, size);
+  if (front != FrameState::kComplete) return front == FrameState::kIncomplete ? kIncomplete : kBroken;
   require(size <= stream.size() && to_frame(message) == Bytes(stream.begin(), stream.begin() + static_cast<int>(size)));
   return static_cast<int>(size);
 }

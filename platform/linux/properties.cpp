@@ -1,13 +1,13 @@
-// System properties, shared by all processes of a user: a directory with one small file a property, which holds the
-// value and nothing else.
+// System properties, shared by all processes of a user. Each property is a small file that holds its value alone.
 //
-//   persist/NAME    names that begin with "persist.": kept
-//   BOOT_ID/NAME    all others: BOOT_ID is the kernel's number of this boot, so what an earlier boot left is not seen
+//   persist/NAME    names that begin with "persist.", which outlive the boot
+//   BOOT_ID/NAME    all other names; BOOT_ID is the kernel's id of this boot, which hides the properties of earlier
+//   boots
 //
-// A value is written to a file of its own and then given its name, so a reader sees the old value or the new one, never
-// a part. The directory is PELMAR_PROPERTY_DIR, else pelmar/properties in the user's state directory, else one among
-// the temporary files that only this user can read and write. Where there is none, properties have their defaults and
-// none can be set.
+// A value is written to a temporary file, which then gets the property's name, so that a reader sees the old value or
+// the new one, never a part. The directory is PELMAR_PROPERTY_DIR, else pelmar/properties in the user's state
+// directory, else one among the temporary files that only this user can read and write. Without a directory every
+// property has its default, and none can be set.
 #include "cutils/properties.h"
 
 #include <fcntl.h>
@@ -19,23 +19,20 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <string_view>
 
 #include "environment.h"
-#include "guarded.h"
 #include "platform_export.h"
-#include "state_directory.h"
 #include "unique_fd.h"
 
 namespace pelmar::platform {
 namespace {
 
-constexpr size_t kMaxNameLength = 200;  // with the suffix of a temporary file, what file systems take
+constexpr size_t kMaxNameLength = 200;  // file systems take it with the suffix of a temporary file
 constexpr size_t kMaxValueLength = PROPERTY_VALUE_MAX - 1;
 
-// The name becomes a file's name: it must stay in its directory, and names that begin with a dot are temporary files.
+// The name is used as a file's name: it must not leave the directory, and a leading dot marks a temporary file.
 bool is_good_name(std::string_view name) {
   return !name.empty() && name.size() <= kMaxNameLength && name[0] != '.' &&
          std::all_of(name.begin(), name.end(), [](unsigned char c) { return c > ' ' && c < 0x7F && c != '/'; });
@@ -46,21 +43,21 @@ UniqueFd open_properties(IfMissing if_missing) {
   return named.empty() ? open_state_directory("properties", if_missing) : open_directory(named, if_missing);
 }
 
-std::string boot_id() {
-  std::string id;
-  std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id);
+std::string name_of_boot() {
+  const std::string id = boot_id();
   return is_good_name(id) ? id : "this-boot";
 }
 
-// The directory with the property's file. No descriptor where there is none.
+// Opens the directory of the property's file. No descriptor if that fails.
 UniqueFd open_directory_of(std::string_view name, IfMissing if_missing) {
-  static const auto& boot = *new std::string(boot_id());  // threads may ask until the process is gone
+  static const auto& boot =
+      *new std::string(name_of_boot());  // never destroyed: threads may run until the process ends
   const UniqueFd all = open_properties(if_missing);
   if (!all) return {};
   return open_directory_at(all.get(), name.starts_with("persist.") ? "persist" : boot, if_missing);
 }
 
-// A file with more than a value, or with anything that no value has, counts as no property.
+// A file that is longer than a value, or contains a zero byte, counts as no property.
 bool read_value(const char* name, std::string& value) {
   const UniqueFd directory = open_directory_of(name, IfMissing::kLeave);
   if (!directory) return false;
@@ -73,7 +70,7 @@ bool read_value(const char* name, std::string& value) {
   return value.find('\0') == std::string::npos;
 }
 
-bool write_whole(int file, std::string_view value) {
+bool write_all(int file, std::string_view value) {
   while (!value.empty()) {
     const ssize_t written = ::write(file, value.data(), value.size());
     if (written < 0 && errno != EINTR) return false;
@@ -82,14 +79,15 @@ bool write_whole(int file, std::string_view value) {
   return true;
 }
 
-// Random, since processes in different namespaces can have the same number. Empty where the kernel gives no bytes.
+// The name is random, because processes of different pid namespaces may have the same number. Empty if the kernel gives
+// no random bytes.
 std::string temporary_name(const char* name) {
   uint64_t random = 0;
   if (::getrandom(&random, sizeof random, 0) != sizeof random) return "";
   return '.' + std::string(name) + '.' + std::to_string(random);
 }
 
-// A property that is set once is linked to its name, which only one of several writers can do.
+// A property that can be set once is linked to its name, because only one of several writers succeeds in that.
 bool write_value(const char* name, std::string_view value, bool once) {
   const UniqueFd directory = open_directory_of(name, IfMissing::kMake);
   const std::string temporary = temporary_name(name);
@@ -97,7 +95,7 @@ bool write_value(const char* name, std::string_view value, bool once) {
   const int at = directory.get();
   const int file = ::openat(at, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (file < 0) return false;
-  bool is_done = write_whole(file, value);
+  bool is_done = write_all(file, value);
   is_done = ::close(file) == 0 && is_done;
   if (is_done) {
     is_done = (once ? ::linkat(at, temporary.c_str(), at, name, 0) : ::renameat(at, temporary.c_str(), at, name)) == 0;
@@ -119,7 +117,7 @@ PELMAR_PLATFORM_EXPORT int property_get(const char* name, char* value, const cha
                       guarded(false, [&] { return read_value(name, stored); }) && !stored.empty();
   std::string_view text = stored;
   if (!is_set) text = std::string_view(default_value != nullptr ? default_value : "").substr(0, kMaxValueLength);
-  std::memmove(value, text.data(), text.size());  // the default may stand where the value goes
+  std::memmove(value, text.data(), text.size());  // the default may be in the value's buffer
   value[text.size()] = '\0';
   return static_cast<int>(text.size());
 }

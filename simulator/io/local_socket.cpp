@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "unix_address.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim {
 

@@ -60,9 +60,9 @@ class PeripheralManager::Session final : private Stream::Reader, private EventLo
     while (stream_.is_open()) {
       power::Request request;
       size_t size = 0;
-      const power::Front front = power::take_front(bytes.subspan(used), request, size);
-      if (front == power::Front::kIncomplete) break;
-      if (front == power::Front::kBroken) {
+      const power::FrameState front = power::parse_frame(bytes.subspan(used), request, size);
+      if (front == power::FrameState::kIncomplete) break;
+      if (front == power::FrameState::kBroken) {
         stream_.close("no request");
         break;
       }
@@ -127,7 +127,7 @@ void PeripheralManager::accept(UniqueFd fd) {
 }
 
 void PeripheralManager::on_request(Session& session, const power::Request& request) {
-  if (std::holds_alternative<power::AskStatus>(request)) return send_status(session);
+  if (std::holds_alternative<power::QueryStatus>(request)) return send_status(session);
   if (const auto* const of = std::get_if<power::Acknowledge>(&request)) {
     if (of->event == state_) session.must_acknowledge = false;  // a late one for an earlier step has no effect
   } else {

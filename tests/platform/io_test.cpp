@@ -17,7 +17,6 @@
 #include "manager_link.h"
 #include "scripted_modem.h"
 #include "unique_fd.h"
-#include "unix_address.h"
 #include "unix_socket.h"
 
 namespace pelmar::platform {

@@ -24,7 +24,7 @@
 
 #include "shared_value.h"
 #include "unique_fd.h"
-#include "unix_address.h"
+#include "unix_socket.h"
 
 namespace pelmar::platform {
 

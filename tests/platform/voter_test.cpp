@@ -44,11 +44,12 @@ class VoterTest : public testing::Test {
     return bytes;
   }
   bool is_ended() { return receive(1).empty(); }
-  // The next request; AskStatus, which no voter sends, where none comes.
+  // The next request; QueryStatus, which no voter sends, where none comes.
   Request next() {
-    Request request = AskStatus{};
+    Request request = QueryStatus{};
     size_t size = 0;
-    if (const Bytes length = receive(1); !length.empty()) take_front(join({length, receive(length[0])}), request, size);
+    if (const Bytes length = receive(1); !length.empty())
+      parse_frame(join({length, receive(length[0])}), request, size);
     return request;
   }
   void send(const Bytes& bytes) {
@@ -147,7 +148,7 @@ TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
     EXPECT_EQ(register_with(message), PM_RET_FAILED) << what;
     Reply reply;
     size_t size = 0;
-    EXPECT_EQ(take_front(message, reply, size) == Front::kIncomplete, message.empty()) << what << ": at once";
+    EXPECT_EQ(parse_frame(message, reply, size) == FrameState::kIncomplete, message.empty()) << what << ": at once";
   }
   EXPECT_EQ(register_with(to_frame(Event{EVENT_PERIPH_IS_ONLINE})), PM_RET_FAILED);
   EXPECT_EQ(register_with(to_frame(Answer{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE})), PM_RET_UNSUPPORTED);
@@ -253,9 +254,9 @@ TEST_F(VoterTest, AResponseToNoRequestOrAFloodOfEventsIsNoManagers) {
 }
 
 TEST_F(VoterTest, AManagerReportsItsCountToWhoeverAsks) {
-  auto asked = std::async(std::launch::async, [] { return ask_for_count(manager_socket()); });
+  auto asked = std::async(std::launch::async, [] { return query_count(manager_socket()); });
   accept();
-  EXPECT_EQ(next(), Request(AskStatus{}));
+  EXPECT_EQ(next(), Request(QueryStatus{}));
   const std::vector<VoterEntry> voters = {{0x01020304, true, "one"}, {5, false, std::string(63, 'x')}};
   send(join({to_frame(Status{EVENT_PERIPH_GOING_ONLINE, 2}), to_frame(voters[0]), to_frame(voters[1])}));
   const auto count = asked.get();

@@ -16,7 +16,6 @@
 #include "manager_protocol.h"
 #include "qmux_client.h"
 #include "sim_process.h"
-#include "unix_address.h"
 #include "unix_socket.h"
 
 namespace pelmar::sim::test {
@@ -188,7 +187,7 @@ TEST_F(Power, RefusesWhatItCannotDoAndDropsPeersThatBreakTheProtocol) {
   EXPECT_EQ(voter.next(), Reply(Answer{0, EVENT_PERIPH_IS_OFFLINE}));
   EXPECT_EQ(voter.ask(Register{"modem", "again"}), -1);
   EXPECT_EQ(voter.ask(Withdraw{}), 0) << "taking back no vote succeeds";
-  voter.send(AskStatus{});
+  voter.send(QueryStatus{});
   EXPECT_EQ(voter.next(), Reply(Status{EVENT_PERIPH_IS_OFFLINE, 1}));
   EXPECT_EQ(voter.next(), Reply(VoterEntry{static_cast<uint32_t>(getpid()), false, "voter"}));
   const Bytes broken[] = {{0},
@@ -213,7 +212,7 @@ TEST_F(Power, ConnectionsAndTheOutputThatWaitsForThemAreBounded) {
   EXPECT_TRUE(is_closed_after(connect_unix(socket_).fd, {}));
   // So many requests that their responses fill the socket, and then the manager's room.
   int sent = 0;
-  while (sent < 1'000'000 && peers.back().send(AskStatus{})) ++sent;
+  while (sent < 1'000'000 && peers.back().send(QueryStatus{})) ++sent;
   EXPECT_LT(sent, 1'000'000);
   EXPECT_EQ(state(), "\"off\"") << "the modem still serves";
 }

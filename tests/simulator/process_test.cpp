@@ -14,7 +14,7 @@
 
 #include "qmux_client.h"
 #include "sim_process.h"
-#include "unix_address.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim::test {
 

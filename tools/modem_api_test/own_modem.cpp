@@ -22,7 +22,6 @@
 #include "environment.h"
 #include "failure.h"
 #include "output.h"
-#include "state_directory.h"
 #include "text.h"
 #include "unix_socket.h"
 

@@ -1,5 +1,5 @@
-// Text of a peer or a file as it may go to a terminal. A terminal acts on control characters: with them a name or a
-// path could hide lines, forge them or change the terminal's settings. Of the simulated modem and the tools alike.
+// Makes text of a peer or a file safe for a terminal, which acts on control characters: with them a name or a path
+// could hide lines, forge them or change the terminal's settings. The simulated modem and the tools use it.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace pelmar {
 
-// The bytes of the UTF-8 character that the text begins with; 0 where it begins with none.
+// The length in bytes of the UTF-8 character at the beginning of the text; 0 if there is none.
 inline size_t utf8_character_bytes(std::string_view text) {
   const auto byte = [&](size_t place) { return place < text.size() ? static_cast<uint8_t>(text[place]) : 0; };
   const int first = byte(0);
@@ -25,8 +25,8 @@ inline size_t utf8_character_bytes(std::string_view text) {
   return is_overlong || is_no_character ? 0 : bytes;
 }
 
-// The text with "\xNN" in the place of each byte of a control character (U+0000 to U+001F, U+007F to U+009F) and of
-// each byte that belongs to no UTF-8 character. The characters of `kept`, such as line ends, stay.
+// Returns the text with each byte of a control character (U+0000 to U+001F, U+007F to U+009F), and each byte that
+// belongs to no UTF-8 character, replaced by "\xNN". The characters in `kept`, such as line ends, stay.
 inline std::string printable_text(std::string_view text, std::string_view kept = "") {
   constexpr std::string_view kDigits = "0123456789abcdef";
   std::string printable;

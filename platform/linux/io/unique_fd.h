@@ -1,4 +1,4 @@
-// A file descriptor with one owner, closed with it. Of the platform, the simulated modem and the tools alike.
+// A file descriptor with one owner, which closes it. The platform, the simulated modem and the tools use it.
 #pragma once
 
 #include <unistd.h>

@@ -3,19 +3,19 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <cstddef>
 #include <cstring>
 
 #include "environment.h"
-#include "unix_address.h"
 
 namespace pelmar {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long one call waits: the kernel ends a wait late by up to an eighth of it.
+// One call waits this long at most: the kernel ends a wait late by up to an eighth of its length.
 constexpr std::chrono::microseconds kStep = std::chrono::milliseconds(100);
 
 void set_send_timeout(int fd, std::chrono::microseconds time) {
@@ -23,8 +23,8 @@ void set_send_timeout(int fd, std::chrono::microseconds time) {
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
 }
 
-// A connect waits for room among the listener's pending connections as long as a send may wait. A signal ends that
-// wait, also where its handler asks for system calls to be restarted. Returns errno's value, or 0.
+// While the listener's queue of pending connections is full, connect() waits as long as the send time-out. A signal
+// ends that wait, even if its handler has SA_RESTART. Returns errno's value, or 0.
 int connect_in_time(int fd, const UnixAddress& address, std::chrono::milliseconds timeout) {
   const Clock::time_point end = Clock::now() + timeout;
   set_send_timeout(fd, kStep);
@@ -41,6 +41,25 @@ std::string describe(const ucred& peer) {
 }
 
 }  // namespace
+
+bool is_abstract(std::string_view name) {
+  return name.starts_with('@');
+}
+
+size_t longest_unix_name(std::string_view name) {
+  return sizeof sockaddr_un::sun_path - (is_abstract(name) ? 0 : 1);
+}
+
+std::optional<UnixAddress> unix_address(std::string_view name) {
+  if (name.size() < (is_abstract(name) ? 2 : 1) || name.size() > longest_unix_name(name)) return std::nullopt;
+  UnixAddress address;
+  address.socket.sun_family = AF_UNIX;
+  std::copy(name.begin(), name.end(), address.socket.sun_path);
+  if (is_abstract(name)) address.socket.sun_path[0] = '\0';
+  const size_t terminator = is_abstract(name) ? 0 : 1;
+  address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + terminator);
+  return address;
+}
 
 ConnectResult connect_unix(int fd, const std::string& name, std::chrono::milliseconds timeout) {
   const auto address = unix_address(name);

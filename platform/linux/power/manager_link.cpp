@@ -6,12 +6,9 @@
 #include "environment.h"
 
 namespace pelmar::platform::power {
-namespace {
 
-// Frames are small: a manager that lets them pile up until the socket is full is not at work.
+// Frames are small: a manager whose socket stays full for this long has stopped working.
 constexpr Deadline::Milliseconds kSendTimeout{1000};
-
-}  // namespace
 
 std::string manager_socket() {
   if (std::string own = environment("PELMAR_PM_SOCKET"); !own.empty()) return own;
@@ -28,14 +25,14 @@ bool ManagerLink::send(const Request& request) {
 bool ManagerLink::receive(Reply& reply, const Deadline& deadline) {
   for (;;) {
     size_t size = 0;
-    switch (take_front({bytes_, received_}, reply, size)) {
-      case Front::kComplete:
+    switch (parse_frame({bytes_, received_}, reply, size)) {
+      case FrameState::kComplete:
         received_ -= size;
         std::memmove(bytes_, bytes_ + size, received_);
         return true;
-      case Front::kBroken:
+      case FrameState::kBroken:
         return false;
-      case Front::kIncomplete:
+      case FrameState::kIncomplete:
         break;
     }
     size_t count = 0;
@@ -45,11 +42,11 @@ bool ManagerLink::receive(Reply& reply, const Deadline& deadline) {
   }
 }
 
-std::optional<Count> ask_for_count(const std::string& socket) {
-  const Deadline deadline = Deadline::after(kAnswerTimeout);
+std::optional<Count> query_count(const std::string& socket) {
+  const Deadline deadline = Deadline::after(kResponseTimeout);
   ManagerLink link;
   Reply reply;
-  if (!link.open(socket, deadline) || !link.send(AskStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
+  if (!link.open(socket, deadline) || !link.send(QueryStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
   const auto* const status = std::get_if<Status>(&reply);
   if (status == nullptr) return std::nullopt;
   Count count = {status->state, {}};

@@ -1,4 +1,4 @@
-// A process's connection to the peripheral manager, and the question how the manager counts.
+// A connection to the peripheral manager, and the query of the manager's count of voters.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace pelmar::platform::power {
 
-// PELMAR_PM_SOCKET, else the socket beside the modem's (PELMAR_QMI_SOCKET).
+// PELMAR_PM_SOCKET, else the socket that belongs to the modem's (PELMAR_QMI_SOCKET).
 std::string manager_socket();
 
 // One thread at a time sends and one at a time receives; the two may be different.
@@ -21,13 +21,13 @@ class ManagerLink {
  public:
   bool open(const std::string& socket, const Deadline& deadline) { return stream_.connect(socket, deadline); }
 
-  // False where the manager is gone or takes nothing.
+  // False if the manager is gone or takes no bytes.
   bool send(const Request& request);
 
-  // The next reply. False where the manager is gone, sends what is no reply, or lets the deadline pass.
+  // Receives the next reply. False if the manager is gone, sends anything else, or is too late.
   bool receive(Reply& reply, const Deadline& deadline);
 
-  // Makes a send or receive that is under way on another thread, and all later ones, end.
+  // Ends the current send or receive of another thread, and all later ones.
   void shut_down() { stream_.shut_down(); }
 
  private:
@@ -36,15 +36,15 @@ class ManagerLink {
   size_t received_ = 0;
 };
 
-// How long the manager may take for an answer; one that takes longer counts as lost.
-inline constexpr Deadline::Milliseconds kAnswerTimeout{5000};
+// The longest time for a response of the manager; a manager that takes longer counts as lost.
+inline constexpr Deadline::Milliseconds kResponseTimeout{5000};
 
 struct Count {
   pm_event state;
   std::vector<VoterEntry> voters;
 };
 
-// Asks the manager, without becoming a voter. Nothing where none answers.
-std::optional<Count> ask_for_count(const std::string& socket);
+// Queries the manager, without becoming a voter. Nothing if no manager responds.
+std::optional<Count> query_count(const std::string& socket);
 
 }  // namespace pelmar::platform::power

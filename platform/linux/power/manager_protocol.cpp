@@ -1,42 +1,36 @@
 #include "manager_protocol.h"
 
 #include <algorithm>
-#include <optional>
+#include <utility>
 
 namespace pelmar::platform::power {
 namespace {
 
 constexpr uint8_t kVersion = 1;
 
-enum Kind : uint8_t {
-  kRegister = 0x01,
-  kVote = 0x02,
-  kWithdraw = 0x03,
-  kUnregister = 0x04,
-  kAcknowledge = 0x05,
-  kAskStatus = 0x06,
-  kAnswer = 0x81,
-  kEvent = 0x82,
-  kStatus = 0x83,
-  kVoterEntry = 0x84,
-};
+template <typename Message>
+constexpr uint8_t kFirstKind = 0;
+template <>
+constexpr uint8_t kFirstKind<Request> = 0x01;
+template <>
+constexpr uint8_t kFirstKind<Reply> = 0x81;
 
+// Appends fields to a frame, whose first byte is its length.
 class FrameWriter {
  public:
-  explicit FrameWriter(Kind kind) : bytes_{0, kind} {}
+  explicit FrameWriter(uint8_t kind) : bytes_{0, kind} {}
 
-  FrameWriter& u8(int value) {
-    bytes_.push_back(static_cast<uint8_t>(value));
-    return *this;
+  void version() { bytes_.push_back(kVersion); }
+  void u8(uint8_t value) { bytes_.push_back(value); }
+  void i8(int value) { bytes_.push_back(static_cast<uint8_t>(value)); }
+  void u32(uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8) u8(static_cast<uint8_t>(value >> shift));
   }
-  FrameWriter& u32(uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) u8(static_cast<int>(value >> shift & 0xFF));
-    return *this;
-  }
-  FrameWriter& name(std::string_view text) {
-    u8(static_cast<int>(text.size()));
+  void flag(bool value) { u8(value ? 1 : 0); }
+  void event(pm_event value) { u8(static_cast<uint8_t>(value)); }
+  void name(const std::string& text) {
+    u8(static_cast<uint8_t>(text.size()));
     bytes_.insert(bytes_.end(), text.begin(), text.end());
-    return *this;
   }
 
   std::vector<uint8_t> finish() {
@@ -48,133 +42,110 @@ class FrameWriter {
   std::vector<uint8_t> bytes_;
 };
 
-struct RequestWriter {
-  std::vector<uint8_t> operator()(const Register& names) const {
-    return FrameWriter(kRegister).u8(kVersion).name(names.device).name(names.voter).finish();
-  }
-  std::vector<uint8_t> operator()(const Vote&) const { return FrameWriter(kVote).finish(); }
-  std::vector<uint8_t> operator()(const Withdraw&) const { return FrameWriter(kWithdraw).finish(); }
-  std::vector<uint8_t> operator()(const Unregister&) const { return FrameWriter(kUnregister).finish(); }
-  std::vector<uint8_t> operator()(const Acknowledge& of) const {
-    return FrameWriter(kAcknowledge).u8(of.event).finish();
-  }
-  std::vector<uint8_t> operator()(const AskStatus&) const { return FrameWriter(kAskStatus).finish(); }
-};
-
-struct ReplyWriter {
-  std::vector<uint8_t> operator()(const Answer& answer) const {
-    return FrameWriter(kAnswer).u8(answer.result).u8(answer.state).finish();
-  }
-  std::vector<uint8_t> operator()(const Event& event) const { return FrameWriter(kEvent).u8(event.event).finish(); }
-  std::vector<uint8_t> operator()(const Status& status) const {
-    return FrameWriter(kStatus).u8(status.state).u8(status.voters).finish();
-  }
-  std::vector<uint8_t> operator()(const VoterEntry& entry) const {
-    return FrameWriter(kVoterEntry).u32(entry.process).u8(entry.votes ? 1 : 0).name(entry.voter).finish();
-  }
-};
-
-// Reads a body. Once something was missing or wrong it stays so, and what is read then means nothing.
+// Reads the fields of a body. After a missing or wrong field the reader stays bad, and the fields have no meaning.
 class BodyReader {
  public:
   explicit BodyReader(std::span<const uint8_t> bytes) : rest_(bytes) {}
 
-  uint8_t u8(unsigned maximum = UINT8_MAX) {
-    const std::span<const uint8_t> byte = take(1);
-    if (byte.empty() || byte[0] > maximum) return fail();
-    return byte[0];
+  void version() {
+    if (byte() != kVersion) is_good_ = false;
   }
-  uint32_t u32() {
-    uint32_t value = 0;
-    for (int shift = 0; shift < 32; shift += 8) value |= uint32_t{u8()} << shift;
-    return value;
+  void u8(uint8_t& value) { value = byte(); }
+  void i8(int& value) { value = static_cast<int8_t>(byte()); }
+  void u32(uint32_t& value) {
+    value = 0;
+    for (int shift = 0; shift < 32; shift += 8) value |= uint32_t{byte()} << shift;
   }
-  pm_event event() { return static_cast<pm_event>(u8(EVENT_PERIPH_IS_ONLINE)); }
-  std::string name() {
-    const std::span<const uint8_t> bytes = take(u8(kMaxNameBytes));
-    std::string text(bytes.begin(), bytes.end());
-    if (!is_good_name(text)) fail();
-    return text;
+  void flag(bool& value) { value = byte(1) != 0; }
+  void event(pm_event& value) { value = static_cast<pm_event>(byte(EVENT_PERIPH_IS_ONLINE)); }
+  void name(std::string& text) {
+    const size_t length = byte(kMaxNameBytes);
+    is_good_ = is_good_ && length <= rest_.size();
+    if (!is_good_) return;
+    text.assign(rest_.begin(), rest_.begin() + static_cast<ptrdiff_t>(length));
+    rest_ = rest_.subspan(length);
+    is_good_ = is_good_name(text);
   }
 
   bool is_used_up() const { return is_good_ && rest_.empty(); }
 
  private:
-  std::span<const uint8_t> take(size_t count) {
-    if (count > rest_.size()) {
-      fail();
-      return {};
-    }
-    const auto taken = rest_.first(count);
-    rest_ = rest_.subspan(count);
-    return taken;
-  }
-  uint8_t fail() {
-    is_good_ = false;
-    return 0;
+  uint8_t byte(unsigned maximum = UINT8_MAX) {
+    is_good_ = is_good_ && !rest_.empty() && rest_[0] <= maximum;
+    if (!is_good_) return 0;
+    const uint8_t value = rest_[0];
+    rest_ = rest_.subspan(1);
+    return value;
   }
 
   std::span<const uint8_t> rest_;
   bool is_good_ = true;
 };
 
-std::optional<Request> read_request(uint8_t kind, BodyReader& body) {
-  switch (kind) {
-    case kRegister: {
-      if (body.u8() != kVersion) return std::nullopt;
-      std::string device = body.name();
-      return Register{std::move(device), body.name()};
-    }
-    case kVote:
-      return Vote{};
-    case kWithdraw:
-      return Withdraw{};
-    case kUnregister:
-      return Unregister{};
-    case kAcknowledge:
-      return Acknowledge{body.event()};
-    case kAskStatus:
-      return AskStatus{};
-    default:
-      return std::nullopt;
-  }
+// The fields of each message's body, in their order: `body` writes or reads them. The other messages have no body.
+template <typename Body, typename Message>
+void visit_fields(Body&, Message&) {}
+template <typename Body>
+void visit_fields(Body& body, Register& names) {
+  body.version();
+  body.name(names.device);
+  body.name(names.voter);
 }
-
-std::optional<Reply> read_reply(uint8_t kind, BodyReader& body) {
-  switch (kind) {
-    case kAnswer: {
-      const auto result = static_cast<int8_t>(body.u8());
-      return Answer{result, body.event()};
-    }
-    case kEvent:
-      return Event{body.event()};
-    case kStatus: {
-      const pm_event state = body.event();
-      return Status{state, body.u8()};
-    }
-    case kVoterEntry: {
-      const uint32_t process = body.u32();
-      const bool votes = body.u8(1) != 0;
-      return VoterEntry{process, votes, body.name()};
-    }
-    default:
-      return std::nullopt;
-  }
+template <typename Body>
+void visit_fields(Body& body, Acknowledge& acknowledge) {
+  body.event(acknowledge.event);
+}
+template <typename Body>
+void visit_fields(Body& body, Answer& answer) {
+  body.i8(answer.result);
+  body.event(answer.state);
+}
+template <typename Body>
+void visit_fields(Body& body, Event& event) {
+  body.event(event.event);
+}
+template <typename Body>
+void visit_fields(Body& body, Status& status) {
+  body.event(status.state);
+  body.u8(status.voters);
+}
+template <typename Body>
+void visit_fields(Body& body, VoterEntry& entry) {
+  body.u32(entry.process);
+  body.flag(entry.votes);
+  body.name(entry.voter);
 }
 
 template <typename Message>
-Front take(std::span<const uint8_t> bytes, std::optional<Message> (*read)(uint8_t kind, BodyReader& body),
-           Message& message, size_t& size) {
-  if (bytes.empty()) return Front::kIncomplete;
+std::vector<uint8_t> write(Message message) {
+  FrameWriter frame(static_cast<uint8_t>(kFirstKind<Message> + message.index()));
+  std::visit([&](auto& alternative) { visit_fields(frame, alternative); }, message);
+  return frame.finish();
+}
+
+// False for a kind that is no alternative from `kIndex` on, and for a body that does not fit its kind.
+template <typename Message, size_t kIndex = 0>
+bool read(uint8_t kind, BodyReader& body, Message& message) {
+  if constexpr (kIndex < std::variant_size_v<Message>) {
+    if (kind != kFirstKind<Message> + kIndex) return read<Message, kIndex + 1>(kind, body, message);
+    std::variant_alternative_t<kIndex, Message> alternative{};
+    visit_fields(body, alternative);
+    if (body.is_used_up()) message = std::move(alternative);
+    return body.is_used_up();
+  }
+  return false;
+}
+
+template <typename Message>
+FrameState parse(std::span<const uint8_t> bytes, Message& message, size_t& size) {
+  if (bytes.empty()) return FrameState::kIncomplete;
   const size_t frame_bytes = 1 + size_t{bytes[0]};
-  if (frame_bytes < 2) return Front::kBroken;
-  if (bytes.size() < frame_bytes) return Front::kIncomplete;
+  if (frame_bytes < 2) return FrameState::kBroken;
+  if (bytes.size() < frame_bytes) return FrameState::kIncomplete;
   BodyReader body(bytes.first(frame_bytes).subspan(2));
-  std::optional<Message> found = read(bytes[1], body);
-  if (!found || !body.is_used_up()) return Front::kBroken;
-  message = std::move(*found);
+  if (!read(bytes[1], body, message)) return FrameState::kBroken;
   size = frame_bytes;
-  return Front::kComplete;
+  return FrameState::kComplete;
 }
 
 }  // namespace
@@ -185,33 +156,24 @@ bool is_good_name(std::string_view name) {
 }
 
 std::vector<uint8_t> to_frame(const Request& request) {
-  return std::visit(RequestWriter(), request);
+  return write(request);
 }
 
 std::vector<uint8_t> to_frame(const Reply& reply) {
-  return std::visit(ReplyWriter(), reply);
+  return write(reply);
 }
 
-Front take_front(std::span<const uint8_t> bytes, Request& request, size_t& size) {
-  return take(bytes, read_request, request, size);
+FrameState parse_frame(std::span<const uint8_t> bytes, Request& request, size_t& size) {
+  return parse(bytes, request, size);
 }
 
-Front take_front(std::span<const uint8_t> bytes, Reply& reply, size_t& size) {
-  return take(bytes, read_reply, reply, size);
+FrameState parse_frame(std::span<const uint8_t> bytes, Reply& reply, size_t& size) {
+  return parse(bytes, reply, size);
 }
 
 const char* state_text(pm_event state) {
-  switch (state) {
-    case EVENT_PERIPH_GOING_OFFLINE:
-      return "going off-line";
-    case EVENT_PERIPH_IS_OFFLINE:
-      return "off-line";
-    case EVENT_PERIPH_GOING_ONLINE:
-      return "going on-line";
-    case EVENT_PERIPH_IS_ONLINE:
-      return "on-line";
-  }
-  return "";
+  constexpr const char* kTexts[] = {"going off-line", "off-line", "going on-line", "on-line"};
+  return state >= EVENT_PERIPH_GOING_OFFLINE && state <= EVENT_PERIPH_IS_ONLINE ? kTexts[state] : "";
 }
 
 std::string default_manager_socket(const std::string& modem_socket) {

@@ -1,4 +1,4 @@
-// The life of a client handle: its thread, its callbacks and its end.
+// The thread of a client handle, its callbacks and its release.
 #include "client.h"
 
 #include <sys/epoll.h>
@@ -9,22 +9,16 @@
 #include <system_error>
 #include <utility>
 
+#include "notifier.h"
 #include "observer.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
-#include "service_pace.h"
 
 namespace pelmar::platform {
 namespace {
 
-// How long a release waits for the modem to confirm that the client id is free.
+// The longest wait of a release for the modem's response to the release of the client id.
 constexpr Deadline::Milliseconds kEndTimeout{500};
-
-ProcessFd create_poll() {
-  ProcessFd poll([] { return ::epoll_create1(EPOLL_CLOEXEC); });
-  if (!poll) throw std::system_error(errno, std::generic_category(), "epoll_create1");
-  return poll;
-}
 
 void add_to_poll(int poll, int descriptor, uint32_t events) {
   epoll_event event{};
@@ -39,22 +33,22 @@ void add_to_poll(int poll, int descriptor, uint32_t events) {
 
 Client::Client(qmi_idl_service_object_type service, IndicationCallback indication,
                std::unique_ptr<Connection> connection, qmi_client_type handle)
-    : service_(service),
-      indication_(indication),
-      connection_(std::move(connection)),
-      handle_(handle),
-      poll_(create_poll()) {}
+    : service_(service), indication_(indication), connection_(std::move(connection)), handle_(handle), poll_([] {
+        return ::epoll_create1(EPOLL_CLOEXEC);
+      }) {
+  if (!poll_) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+}
 
 Client::~Client() {
   if (!is_gone_) ServicePace::of(service_->service_id).released(Deadline::Clock::now() - connected_);
 }
 
 void Client::start() {
-  // Held until the thread is stored: the thread asks first thing who it is.
+  // Held until the thread is stored, because the thread may use thread_.is_current() at once.
   const Lock lock(mutex_);
   add_to_poll(poll_.get(), thread_.descriptor(), EPOLLIN);
   add_to_poll(poll_.get(), connection_->descriptor(), EPOLLONESHOT);
-  dispatch_arrivals();  // what came together with the client id
+  dispatch_arrivals();  // bytes that arrived together with the client id
   if (!is_gone_) poll_connection(true);
   thread_.start([self = shared_from_this()] { self->run(); });
 }
@@ -85,7 +79,7 @@ void Client::run() {
       wait_for_work(lock);
     }
   }
-  if (!ends_alone_) return;  // whoever releases or surrenders the handle ends the connection
+  if (!ends_alone_) return;  // the thread that releases the handle ends the connection
   lock.unlock();
   end_connection(Deadline::after(kEndTimeout));
 }
@@ -112,7 +106,7 @@ void Client::wait_for_work(Lock& lock) {
       thread_.acknowledge();
       continue;
     }
-    is_polled_ = false;  // it reports once
+    is_polled_ = false;  // the poll reports once
     if (reader_ != nullptr || is_stopping_ || is_gone_) continue;
     const ReadStatus status = connection_->read(Deadline::now());
     dispatch_arrivals();
@@ -121,25 +115,25 @@ void Client::wait_for_work(Lock& lock) {
   }
 }
 
-// In milliseconds; -1 for none. The thread that reads also handles what the connection keeps back.
+// In milliseconds; -1: no limit. The thread that reads also delivers the responses that the connection keeps back.
 int Client::limit_of_wait() const {
-  const Deadline& limit = connection_->doubt_ends();
+  const Deadline& limit = connection_->kept_until();
   return reader_ != nullptr || is_gone_ || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());
 }
 
 void Client::deliver(const Event& event) const {
   if (const auto* const indication = std::get_if<Indication>(&event)) {
     if (indication_.function == nullptr) return;
-    // The interface takes the bytes as writable; they are this event's own copy.
+    // The interface takes writable bytes; these are the event's own copy.
     indication_.function(handle_, indication->id, const_cast<uint8_t*>(indication->tlvs.data()),
                          static_cast<unsigned>(indication->tlvs.size()), indication_.data);
     return;
   }
   const auto& transaction = std::get<Transaction>(event);
-  observe_end(transaction.answer, transaction.request.response, transaction.request.response_length);
+  observe_end(transaction.result, transaction.request.response, transaction.request.response_length);
   transaction.callback.function(handle_, transaction.request.id, transaction.request.response,
                                 static_cast<unsigned>(transaction.request.response_length), transaction.callback.data,
-                                transaction.answer);
+                                transaction.result);
 }
 
 int32_t Client::register_error_callback(qmi_client_error_cb function, void* data) {
@@ -181,7 +175,7 @@ void Client::release() {
   end_connection(Deadline::after(kEndTimeout));
 }
 
-void Client::surrender(const Deadline& deadline) {
+void Client::release_at_exit(const Deadline& deadline) {
   {
     const Lock lock(mutex_);
     if (std::exchange(is_stopping_, true)) return;  // a release is under way
@@ -191,8 +185,8 @@ void Client::surrender(const Deadline& deadline) {
   end_connection(deadline);
 }
 
-// Before the callbacks that report the loss: what they open may need the client id. No send can begin any more, and
-// one that is under way ends soon.
+// Runs before the callbacks that report the loss: the handles that they open may need the client id. No send can begin
+// any more, and a current one ends soon.
 void Client::end_lost_connection(Lock& lock) {
   send_ended_.wait(lock, [this] { return !is_sending_; });
   if (std::exchange(is_ended_, true)) return;
@@ -203,7 +197,7 @@ void Client::end_lost_connection(Lock& lock) {
   end_send();
 }
 
-// No send can begin any more, but one may be under way.
+// No send can begin any more, but one may not have ended yet.
 void Client::end_connection(const Deadline& deadline) {
   Lock lock(mutex_);
   const bool can_send = send_ended_.wait_until(lock, deadline.at(), [this] { return !is_sending_; });

@@ -1,13 +1,14 @@
 // A client handle: one connection to a service, its transactions and its callbacks.
 //
-// Who reads the connection: at rest the handle's own thread, which also runs every callback. A synchronous sender takes
-// the reading over while it waits, so that its answer costs no wake-up of a second thread: the thread's poll of the
-// connection is disarmed for that time. The reader hands out all that it reads: answers to the senders that wait for
-// them, indications and asynchronous answers to the thread's queue. When its own answer is in it passes the reading
-// on to another waiting sender, or back to the thread.
+// The handle's thread runs every callback, and reads the connection while no synchronous sender waits. A synchronous
+// sender that waits reads the connection itself, so that its response wakes no second thread; the thread's poll of the
+// connection is disarmed meanwhile. The reader passes on all that it reads: responses to the senders that wait for
+// them, indications and asynchronous responses to the thread's queue. After its own response it passes the reading to
+// another waiting sender, or back to the thread.
 //
-// While a sender reads, indications pile up behind a slow callback. They have a bound, beyond which the oldest are
-// dropped: the sender's answer is behind them in the same stream, and the callback may be what waits for the sender.
+// While a sender reads, indications pile up behind a slow callback. Beyond a bound the oldest are dropped: we cannot
+// stop reading, because the sender's response is behind them in the same stream, and the callback may wait for the
+// sender.
 //
 // One mutex guards all state. It is not held while a read waits, while bytes are sent, or during a callback.
 #pragma once
@@ -21,10 +22,9 @@
 #include <variant>
 #include <vector>
 
-#include "framework_thread.h"
-#include "process_fd.h"
+#include "handle.h"
 #include "qmi_client.h"
-#include "transport.h"
+#include "qmux_transport.h"
 
 namespace pelmar::platform {
 
@@ -52,23 +52,26 @@ class Client : public std::enable_shared_from_this<Client> {
          qmi_client_type handle);
   ~Client();
 
-  // The answers of these are transport or codec codes.
   void start();
-  // A send that has no memory to go on ends the process, as the handle's thread does: it cannot be taken back half-way.
+
+  // These functions return transport or codec codes. A send without memory ends the process, as the handle's thread
+  // does, because half a send cannot be undone.
   int32_t send_sync(const Request& request, const Deadline& deadline) noexcept;
   int32_t send_async(const Request& request, const ResponseCallback& callback, qmi_txn_handle* transaction) noexcept;
   int32_t register_error_callback(qmi_client_error_cb function, void* data);
   int32_t decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length, void* structure,
                  size_t structure_length) const;
 
-  // Ends the handle. Senders that still wait end with QMI_CLIENT_INVALID_CLNT.
+  // Ends the handle. Senders that still wait return QMI_CLIENT_INVALID_CLNT.
   void release();
 
-  // Gives the client id back at the process's end, whatever the handle's threads are doing.
-  void surrender(const Deadline& deadline);
+  // Releases the client id at the process's end, whatever the handle's threads are doing.
+  void release_at_exit(const Deadline& deadline);
 
  private:
   using Lock = std::unique_lock<std::mutex>;
+
+  enum class SendKind { kSync, kAsync };
 
   // A synchronous sender, on its stack.
   struct Waiter {
@@ -77,19 +80,19 @@ class Client : public std::enable_shared_from_this<Client> {
     const Request& request;
     const Deadline& deadline;
     uint16_t transaction = 0;
-    size_t place = 0;  // among waiters_
+    size_t place = 0;  // the index in waiters_
     bool is_done = false;
     bool is_asleep = false;  // waits for `changed`
-    int32_t answer = QMI_NO_ERR;
-    std::condition_variable changed;  // done, or made the reader
+    int32_t result = QMI_NO_ERR;
+    std::condition_variable changed;  // the sender is done, or is the reader now
   };
 
-  // An asynchronous one.
+  // An asynchronous send.
   struct Transaction {
     uint16_t number;
     Request request;
     ResponseCallback callback;
-    int32_t answer;
+    int32_t result;
   };
 
   struct Indication {
@@ -99,24 +102,26 @@ class Client : public std::enable_shared_from_this<Client> {
 
   using Event = std::variant<Indication, Transaction>;
 
-  // Whose response the modem still owes. A number's place in the table is its remainder, so it is found without a
-  // search; a number whose place is taken is not given out. The asynchronous ones fill half of the table at most: the
-  // next free number is soon found, and synchronous senders, one for each thread, find room always.
+  // The senders that wait for a response, by transaction number. The index in the table is the number modulo the
+  // table's size, so no search is needed; a number whose slot is taken is skipped. Asynchronous sends fill half of the
+  // table at most, so that a free number is found soon, and synchronous senders, one for each thread, always find a
+  // slot.
   using Slot = std::variant<std::monostate, Waiter*, std::list<Transaction>::iterator>;
   static constexpr size_t kSlots = 2048;
   static constexpr size_t kMostAsync = kSlots / 2;
 
-  // Of indications that wait for a callback: some thousand of the largest.
+  // The most bytes of indications that wait for a callback: some thousand of the largest.
   static constexpr size_t kMostWaitingBytes = size_t{64} << 20;
   static size_t waiting_bytes_of(const Event& event);
 
   // client_send.cpp
   int32_t check_response_length(const Request& request) const;
   static void mark_lost(const Request& request);
-  int32_t begin_send(Lock& lock, const Deadline& deadline);
+  int32_t begin_send(Lock& lock, const Request& request, const Deadline& deadline, SendKind kind,
+                     uint16_t& transaction);
   int32_t transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline);
   void end_send();
-  int32_t wait_for_answer(Lock& lock, Waiter& waiter);
+  int32_t wait_for_response(Lock& lock, Waiter& waiter);
   uint16_t new_transaction();
   Slot& slot_of(uint16_t transaction) { return slots_[transaction % kSlots]; }
   Transaction take(std::list<Transaction>::iterator transaction);
@@ -126,9 +131,9 @@ class Client : public std::enable_shared_from_this<Client> {
   void dispatch(const Message& message);
   void dispatch_kept();
   void dispatch_response(const Message& message);
-  void ask_in_doubt();
+  void send_due_probe();
   int32_t decode_response(const Request& request, const Message& message) const;
-  void finish(Waiter& waiter, int32_t answer);
+  void finish(Waiter& waiter, int32_t result);
   void end_stalled_stream();
   void abandon_connection();
   void service_gone();
@@ -159,24 +164,24 @@ class Client : public std::enable_shared_from_this<Client> {
   std::mutex mutex_;
   bool is_gone_ = false;      // the service went away
   bool is_stopping_ = false;  // the handle is released
-  bool is_ended_ = false;     // the connection was ended towards the modem, or that is under way
-  bool ends_alone_ = false;   // released in its own callback: run() ends the connection; the thread's own
+  bool is_ended_ = false;     // a thread has ended the connection at the modem, or is doing so
+  bool ends_alone_ = false;   // used by the thread: released in its own callback, so that run() ends the connection
 
-  bool is_sending_ = false;  // somebody owns the connection's sending side
+  bool is_sending_ = false;  // a thread owns the connection's sending side
   std::condition_variable send_ended_;
 
-  Waiter* reader_ = nullptr;  // null: the thread
+  Waiter* reader_ = nullptr;  // null: the handle's thread reads
   bool is_polled_ = false;    // the thread's poll of the connection is armed
   bool is_idle_ = false;      // the thread waits for something to do
 
   uint16_t last_transaction_ = 0;
   std::array<Slot, kSlots> slots_;
-  std::vector<Waiter*> waiters_;         // not done yet, in any order
-  std::list<Transaction> transactions_;  // under way, in the order of sending
-  size_t async_count_ = 0;               // of them, and of those among the events
+  std::vector<Waiter*> waiters_;         // synchronous senders that are not done, in any order
+  std::list<Transaction> transactions_;  // without a response yet, in the order of sending
+  size_t async_count_ = 0;               // of transactions_, and of the transactions in events_
   std::deque<Event> events_;             // for the thread, in the order of arrival
-  size_t waiting_bytes_ = 0;             // of the indications among them
-  size_t dropped_ = 0;                   // indications, not yet logged
+  size_t waiting_bytes_ = 0;             // of the indications in events_
+  size_t dropped_ = 0;                   // dropped indications that are not logged yet
 
   qmi_client_error_cb error_function_ = nullptr;
   void* error_data_ = nullptr;

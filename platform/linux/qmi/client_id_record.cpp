@@ -16,14 +16,14 @@
 #include <thread>
 
 #include "deadline.h"
-#include "state_directory.h"
+#include "environment.h"
 #include "unique_fd.h"
-#include "unix_address.h"
+#include "unix_socket.h"
 
 namespace pelmar::platform {
 namespace {
 
-// A process that was stopped while it holds the lock must not stop all others.
+// A process that was stopped while it holds the lock must not block the others.
 constexpr Deadline::Milliseconds kLockTimeout{200};
 
 constexpr size_t kMostEntries = 256;
@@ -48,7 +48,7 @@ struct Entry {
   std::string modem;
 };
 
-// Numbers as everybody reads and writes them, whatever the program's own locale is.
+// A stream whose numbers do not depend on the program's locale.
 template <typename Stream>
 Stream numbers(const std::string& text = "") {
   Stream stream(text);
@@ -62,25 +62,12 @@ std::string link_target(const char* path) {
   return length > 0 ? std::string(target, static_cast<size_t>(length)) : "-";
 }
 
-std::string contents(const std::string& path) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  char bytes[1024];
-  const ssize_t length = file ? ::read(file.get(), bytes, sizeof bytes) : -1;
-  return length > 0 ? std::string(bytes, static_cast<size_t>(length)) : "";
-}
-
-std::string boot_id() {
-  std::string id = contents("/proc/sys/kernel/random/boot_id");
-  id.erase(std::min(id.find('\n'), id.size()));
-  return id;
-}
-
-// In clock ticks since the boot; 0 for a process that is dead, nothing where that is unknown. The first thread of a
-// live process may have ended; its line is read, because qemu-user replaces that of its own process.
+// In clock ticks since the boot; 0 for a dead process, nothing if it is unknown. The first thread of a live process may
+// have ended. We read the thread's line, because qemu-user replaces the line of its own process.
 std::optional<uint64_t> start_of(pid_t process) {
   if (::kill(process, 0) != 0 && errno == ESRCH) return 0;
   const std::string number = std::to_string(process);
-  const std::string stat = contents("/proc/" + number + "/task/" + number + "/stat");
+  const std::string stat = read_small_file("/proc/" + number + "/task/" + number + "/stat");
   const size_t name_end = stat.rfind(')');
   if (name_end == std::string::npos) return std::nullopt;
   auto rest = numbers<std::istringstream>(stat.substr(name_end + 1));
@@ -93,7 +80,7 @@ std::optional<uint64_t> start_of(pid_t process) {
   return (state == "Z" || state == "X") && threads <= 1 ? 0 : start;
 }
 
-// Its start is 0 where /proc is missing or shows another pid namespace: whether a process is dead is unknown then.
+// The start is 0 if /proc is missing or shows another pid namespace: we cannot see then whether a process is dead.
 Owner this_owner(uint64_t connection) {
   const pid_t process = ::getpid();
   const bool is_seen = link_target("/proc/self") == std::to_string(process);
@@ -101,7 +88,7 @@ Owner this_owner(uint64_t connection) {
           connection};
 }
 
-// What happens to a process of another pid namespace or another machine cannot be seen from here.
+// We cannot see whether a process of another pid namespace or another machine is dead.
 bool is_abandoned(const Owner& owner, const Owner& self) {
   if (owner.boot != self.boot) return false;
   if (owner.process == 0) return true;
@@ -116,7 +103,7 @@ std::string identity_of(const std::string& path) {
          std::to_string(status.st_ctim.tv_sec) + '.' + std::to_string(status.st_ctim.tv_nsec);
 }
 
-// Of a path that is a field of its own in an entry.
+// Escapes a path for a field of an entry.
 std::string escape(const std::string& text) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   std::string escaped;
@@ -146,7 +133,7 @@ bool lock(int file, const Deadline& until) {
   return true;
 }
 
-// The user's umask may let a group write into new directories.
+// The user's umask may let a group write to new directories.
 bool make_private(int directory) {
   return is_own(directory, S_IFDIR, S_IWGRP | S_IWOTH) ||
          (is_own(directory, S_IFDIR, 0) && ::fchmod(directory, S_IRWXU) == 0);
@@ -161,14 +148,14 @@ UniqueFd open_locked(const Deadline& deadline) {
   return file;
 }
 
-// What is no entry is left out.
+// Skips lines that are no entries.
 std::vector<Entry> read_entries(int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0) return {};
   std::string text(std::min(static_cast<size_t>(status.st_size), kMostBytes), '\0');
   const ssize_t length = ::pread(file, text.data(), text.size(), 0);
   text.resize(length > 0 ? static_cast<size_t>(length) : 0);
-  text.erase(text.find_last_not_of(' ') + 1);  // what fills the last block
+  text.erase(text.find_last_not_of(' ') + 1);  // the fill of the last block
   std::vector<Entry> entries;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
@@ -185,7 +172,7 @@ std::vector<Entry> read_entries(int file) {
   return entries;
 }
 
-// In whole blocks that are filled with blanks: the file never shrinks, and one write replaces it.
+// Writes whole blocks, filled with blanks, so that the file never shrinks and one write replaces it.
 void write_entries(int file, const std::vector<Entry>& entries) {
   auto text = numbers<std::ostringstream>();
   for (const Entry& entry : entries) {
@@ -199,12 +186,12 @@ void write_entries(int file, const std::vector<Entry>& entries) {
   const size_t blocks = (bytes.size() + kBlockBytes - 1) / kBlockBytes;
   const size_t before = std::min(static_cast<size_t>(status.st_size), kMostBytes);
   bytes.resize(std::max(blocks * kBlockBytes, before), ' ');
-  // An id that stays taken harms less than one that is given back while another program uses it.
+  // An id that stays taken does less harm than one that is released while another program uses it.
   if (::pwrite(file, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) ::ftruncate(file, 0);
 }
 
-// `change` takes the entries and this connection as an owner, and returns whether it changed any. False where it did
-// not run.
+// Calls `change` with the entries and with this connection as an owner; it returns whether it changed an entry. False
+// if `change` did not run.
 template <typename Change>
 bool update(uint64_t connection, const Deadline& deadline, const Change& change) {
   const Owner self = this_owner(connection);
@@ -213,7 +200,7 @@ bool update(uint64_t connection, const Deadline& deadline, const Change& change)
   if (!file) return false;
   std::vector<Entry> entries = read_entries(file.get());
   if (change(entries, self)) write_entries(file.get(), entries);
-  ::flock(file.get(), LOCK_UN);  // a child that was forked meanwhile has the descriptor, too
+  ::flock(file.get(), LOCK_UN);  // a child that was forked meanwhile has the descriptor too
   return true;
 }
 
@@ -221,7 +208,7 @@ auto find_own(std::vector<Entry>& entries, const Owner& self) {
   return std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) { return entry.owner == self; });
 }
 
-// The first `count` entries, so far as they are the modem's.
+// Marks the modem's entries among the first `count` as void, and removes those that are abandoned.
 void void_first(std::vector<Entry>& entries, ptrdiff_t count, const std::string& modem, const Owner& self) {
   const auto end = entries.begin() + count;
   const auto is_here = [&](const Entry& entry) { return entry.modem == modem && entry.owner.boot == self.boot; };
@@ -242,7 +229,8 @@ std::vector<ClientIdRecord::Id> take_out_abandoned(std::vector<Entry>& entries, 
   return ids;
 }
 
-// Live owners' entries stay: these are bounded, too, and what finds no room is not entered.
+// Removes the oldest entry without a live owner if the record is full. False if all owners live: then nothing is
+// entered.
 bool make_room(std::vector<Entry>& entries, const Owner& self) {
   if (entries.size() < kMostEntries) return true;
   const auto oldest = std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) {
@@ -269,7 +257,7 @@ std::vector<ClientIdRecord::Id> ClientIdRecord::add(Id id, const Deadline& deadl
   std::vector<Id> abandoned;
   if (modem_.size() > kMostModemLength) return abandoned;
   update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
-    // What the modem gives out although it is taken was void.
+    // An id that the modem allocates although it has an entry was void.
     const auto same = std::find_if(entries.rbegin(), entries.rend(), [&](const Entry& entry) {
       return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
     });
@@ -291,7 +279,7 @@ bool ClientIdRecord::remove(const Deadline& deadline) {
     entries.erase(own);
     return true;
   });
-  // Another process removes an entry that stays, once it finds this one dead.
+  // If the entry stays, another process removes it when it finds this one dead.
   return is_done ? !is_void : !has_entry_;
 }
 
@@ -325,7 +313,7 @@ void ClientIdRecord::void_own(const Deadline& deadline) {
     const auto own = find_own(entries, self);
     if (own == entries.end()) return false;
     const auto older = own - entries.begin();
-    const bool is_void = own->is_void;  // what made it so did it to the older ones
+    const bool is_void = own->is_void;  // if so, the older ones are marked already
     entries.erase(own);
     if (!is_void) void_first(entries, older, modem_, self);
     return true;

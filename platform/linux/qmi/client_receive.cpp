@@ -1,29 +1,26 @@
-// What arrives on a client handle's connection: to whom it goes, and who reads it. Everything here needs the mutex.
+// Reads a client handle's connection and dispatches what arrives. REQUIRES for every function: the mutex is held.
 #include <sys/epoll.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "client.h"
+#include "notifier.h"
 #include "observer.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
-#include "service_pace.h"
 
 namespace pelmar::platform {
-namespace {
 
-// From a message's first part to its last.
+// The longest time from the first part of a message to its last.
 constexpr Deadline::Milliseconds kLongestMessage{100};
-
-}  // namespace
 
 void Client::dispatch_arrivals() {
   Message message;
   for (;;) {
     switch (connection_->next(message)) {
       case Arrival::kNone:
-        ask_in_doubt();
+        send_due_probe();
         return;
       case Arrival::kServiceGone:
         service_gone();
@@ -48,21 +45,21 @@ void Client::dispatch(const Message& message) {
   }
 }
 
-// A sender whose time is up may have its response among them.
+// The response of a sender whose time is up may be among the kept ones.
 void Client::dispatch_kept() {
   if (is_gone_) return;
   Message message;
-  while (connection_->end_doubt(message)) dispatch(message);
+  while (connection_->take_kept(message)) dispatch(message);
 }
 
-// Goes out from here, or at the end of the send that is under way. Where no transaction number is free, the next
-// arrival tries again.
-void Client::ask_in_doubt() {
-  if (is_sending_ || !connection_->has_question()) return;
-  if (const uint16_t transaction = new_transaction(); transaction != 0) connection_->ask(transaction);
+// During a send, the probe goes out at the end of that send. If no transaction number is free, the next arrival tries
+// again.
+void Client::send_due_probe() {
+  if (is_sending_ || !connection_->needs_probe()) return;
+  if (const uint16_t transaction = new_transaction(); transaction != 0) connection_->send_probe(transaction);
 }
 
-// A response that nobody waits for came too late, and is dropped.
+// A response without a waiting sender came too late, and is dropped.
 void Client::dispatch_response(const Message& message) {
   const Slot& slot = slot_of(message.transaction);
   if (Waiter* const* const found = std::get_if<Waiter*>(&slot)) {
@@ -73,7 +70,7 @@ void Client::dispatch_response(const Message& message) {
   } else if (const auto* const entry = std::get_if<std::list<Transaction>::iterator>(&slot)) {
     if ((*entry)->number != message.transaction || (*entry)->request.id != message.id) return;
     Transaction done = take(*entry);
-    done.answer = decode_response(done.request, message);
+    done.result = decode_response(done.request, message);
     push(done);
   }
 }
@@ -91,25 +88,26 @@ int32_t Client::decode_response(const Request& request, const Message& message) 
                 request.response_length);
 }
 
-void Client::finish(Waiter& waiter, int32_t answer) {
+void Client::finish(Waiter& waiter, int32_t result) {
   slot_of(waiter.transaction) = std::monostate();
   waiters_[waiter.place] = waiters_.back();
   waiters_[waiter.place]->place = waiter.place;
   waiters_.pop_back();
-  waiter.answer = answer;
+  waiter.result = result;
   waiter.is_done = true;
   waiter.changed.notify_one();
 }
 
-// A message whose stated length is wrong swallows all that follows it, so a request times out while one waits for its
-// rest. A message that is only slow to come is spared for a while: the next time-out finds it.
+// A message whose stated length is too great takes in all that follows it, so that a request times out while the
+// message is incomplete. A message that is incomplete for a short time may only be slow; a later time-out checks it
+// again.
 void Client::end_stalled_stream() {
   const auto since = connection_->partial_since();
   if (is_gone_ || !since || Deadline::Clock::now() - *since < kLongestMessage) return;
   abandon_connection();
 }
 
-// The modem is there, but nothing can be read from it any more: its client id is given back.
+// The modem is there, but its bytes can no longer be parsed. The client id is released.
 void Client::abandon_connection() {
   if (is_gone_) return;
   if (is_sending_) {
@@ -122,11 +120,11 @@ void Client::abandon_connection() {
 
 void Client::service_gone() {
   if (is_gone_) return;
-  connection_->shut_down();  // ends a send that waits, too
+  connection_->shut_down();  // also ends a waiting send
   lose();
 }
 
-// The handle's thread, or the release, ends the connection towards the modem.
+// The handle's thread, or the release of the handle, then ends the connection at the modem.
 void Client::lose() {
   is_gone_ = true;
   auto& pace = ServicePace::of(service_->service_id);
@@ -143,7 +141,7 @@ void Client::lose() {
   while (!transactions_.empty()) {
     Transaction lost = take(transactions_.begin());
     mark_lost(lost.request);
-    lost.answer = QMI_SERVICE_ERR;
+    lost.result = QMI_SERVICE_ERR;
     push(lost);
   }
   is_error_due_ = error_function_ != nullptr;
@@ -163,15 +161,15 @@ void Client::pass_reading() {
       std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->is_asleep; });
   if (next == waiters_.end()) {
     poll_connection(true);
-    if (!connection_->doubt_ends().is_none()) wake_thread();  // which sees to that time from now on
+    if (!connection_->kept_until().is_none()) wake_thread();  // the thread waits for that time now
     return;
   }
   reader_ = *next;
   reader_->changed.notify_one();
 }
 
-// Arms or disarms the thread's poll. It reports once: also a connection that hung up, which cannot be disarmed
-// otherwise, keeps no thread busy.
+// Arms or disarms the thread's poll. It is one-shot, because a connection that hung up is reported whatever the poll
+// waits for, and would keep the thread busy.
 void Client::poll_connection(bool armed) {
   if (is_polled_ == armed) return;
   is_polled_ = armed;
@@ -189,7 +187,7 @@ void Client::push(Event event) {
   wake_thread();
 }
 
-// Asynchronous responses are kept: each has a caller, and their number is bounded.
+// Asynchronous responses are never dropped: each has a caller, and their number is bounded.
 void Client::drop_oldest_indication() {
   const auto oldest = std::find_if(events_.begin(), events_.end(),
                                    [](const Event& event) { return std::holds_alternative<Indication>(event); });

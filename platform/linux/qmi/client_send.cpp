@@ -1,4 +1,4 @@
-// Sends of a client handle, and how a synchronous sender waits.
+// Sends of a client handle, and the wait of a synchronous sender.
 #include <cstring>
 
 #include "client.h"
@@ -8,51 +8,31 @@
 #include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
-namespace {
 
-// An asynchronous send has no time-out of its own; a connection that takes nothing for this long is busy.
+// The interface gives an asynchronous send no time-out. A connection that takes no bytes for this long is busy.
 constexpr Deadline::Milliseconds kAsyncSendTimeout{5000};
 
-}  // namespace
-
 int32_t Client::send_sync(const Request& request, const Deadline& deadline) noexcept {
-  int32_t error = check_response_length(request);
-  if (error != QMI_NO_ERR) return error;
-
   Waiter waiter(request, deadline);
-  Lock lock(mutex_);
-  error = begin_send(lock, deadline);
-  if (error == QMI_SERVICE_ERR) mark_lost(request);
+  Lock lock(mutex_, std::defer_lock);
+  int32_t error = begin_send(lock, request, deadline, SendKind::kSync, waiter.transaction);
   if (error != QMI_NO_ERR) return error;
-  waiter.transaction = new_transaction();
-  if (waiter.transaction == 0) {
-    end_send();
-    return QMI_XPORT_BUSY_ERR;
-  }
   slot_of(waiter.transaction) = &waiter;
   waiter.place = waiters_.size();
   waiters_.push_back(&waiter);
   if (reader_ == nullptr) take_reading(waiter);
   error = transmit(lock, request, waiter.transaction, deadline);
   if (error != QMI_NO_ERR && !waiter.is_done) finish(waiter, error);
-  return wait_for_answer(lock, waiter);
+  return wait_for_response(lock, waiter);
 }
 
 int32_t Client::send_async(const Request& request, const ResponseCallback& callback,
                            qmi_txn_handle* transaction) noexcept {
-  int32_t error = check_response_length(request);
-  if (error != QMI_NO_ERR) return error;
-
   const Deadline deadline = Deadline::after(kAsyncSendTimeout);
-  Lock lock(mutex_);
-  error = begin_send(lock, deadline);
-  if (error == QMI_SERVICE_ERR) mark_lost(request);
-  if (error != QMI_NO_ERR) return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
-  const uint16_t number = async_count_ < kMostAsync ? new_transaction() : 0;
-  if (number == 0) {
-    end_send();
-    return QMI_XPORT_BUSY_ERR;
-  }
+  Lock lock(mutex_, std::defer_lock);
+  uint16_t number = 0;
+  int32_t error = begin_send(lock, request, deadline, SendKind::kAsync, number);
+  if (error != QMI_NO_ERR) return error;
   ++async_count_;
   const auto own = transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR});
   slot_of(number) = own;
@@ -60,15 +40,16 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   error = transmit(lock, request, number, deadline);
   if (error == QMI_NO_ERR) return QMI_NO_ERR;
 
-  // Where the place is free, the exchange has ended, and its callback runs. The place has no new owner yet: this send
-  // has only just ended.
+  // If the slot is free, the exchange has ended, and its callback runs. The slot cannot have a new owner yet, because
+  // no other send can begin before this one has ended.
   if (std::holds_alternative<std::monostate>(slot_of(number))) return QMI_NO_ERR;
   take(own);
   --async_count_;
   return error == QMI_TIMEOUT_ERR ? QMI_XPORT_BUSY_ERR : error;
 }
 
-// A reader of the response's header alone must not take an exchange that was lost for one that went well.
+// Fills the response's header with a failure: a caller that reads the header alone must not take a lost exchange for a
+// success.
 void Client::mark_lost(const Request& request) {
   const qmi_response_type_v01 lost = {QMI_RESULT_FAILURE_V01, QMI_ERR_INTERNAL_V01};
   if (request.response_length >= sizeof(lost)) std::memcpy(request.response, &lost, sizeof(lost));
@@ -82,27 +63,37 @@ int32_t Client::check_response_length(const Request& request) const {
   return request.response_length < size.structure_length ? QMI_IDL_LIB_BUFFER_TOO_SMALL : QMI_IDL_LIB_NO_ERR;
 }
 
-// On success the caller owns the sending side until end_send().
-int32_t Client::begin_send(Lock& lock, const Deadline& deadline) {
+// Checks the request, takes the lock, waits for the sending side and gives the request a transaction number. On success
+// the caller owns the sending side until end_send().
+int32_t Client::begin_send(Lock& lock, const Request& request, const Deadline& deadline, SendKind kind,
+                           uint16_t& transaction) {
+  if (const int32_t error = check_response_length(request); error != QMI_NO_ERR) return error;
+  lock.lock();
   const auto is_free = [this] { return !is_sending_ || is_gone_ || is_stopping_; };
   if (deadline.is_none()) {
     send_ended_.wait(lock, is_free);
   } else if (!is_free() && !send_ended_.wait_until(lock, deadline.at(), is_free)) {
-    return QMI_TIMEOUT_ERR;
+    return kind == SendKind::kAsync ? QMI_XPORT_BUSY_ERR : QMI_TIMEOUT_ERR;
   }
   if (is_stopping_) return QMI_CLIENT_INVALID_CLNT;
-  if (is_gone_) return QMI_SERVICE_ERR;
+  if (is_gone_) {
+    mark_lost(request);
+    return QMI_SERVICE_ERR;
+  }
   is_sending_ = true;
-  return QMI_NO_ERR;
+  transaction = kind == SendKind::kAsync && async_count_ >= kMostAsync ? 0 : new_transaction();
+  if (transaction != 0) return QMI_NO_ERR;
+  end_send();
+  return QMI_XPORT_BUSY_ERR;
 }
 
 void Client::end_send() {
   is_sending_ = false;
-  if (!is_gone_) ask_in_doubt();
+  if (!is_gone_) send_due_probe();
   send_ended_.notify_all();
 }
 
-// Encodes and sends; ends the send in any case.
+// Encodes the request and sends it. Ends the send in any case.
 int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline) {
   lock.unlock();
   SendStatus status = connection_->has_unsent() ? connection_->flush(deadline) : SendStatus::kSent;
@@ -124,7 +115,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   }
   lock.lock();
   if (status == SendStatus::kBlocked) {
-    // The modem may have to be read before it takes more, so the reading is not kept meanwhile.
+    // The modem may take no more bytes until we read, so we pass the reading on.
     if (reader_ != nullptr && reader_->transaction == transaction) pass_reading();
     lock.unlock();
     status = connection_->flush(deadline);
@@ -136,12 +127,12 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   return status == SendStatus::kTimedOut ? QMI_TIMEOUT_ERR : error;
 }
 
-int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
+int32_t Client::wait_for_response(Lock& lock, Waiter& waiter) {
   const Deadline& deadline = waiter.deadline;
   while (!waiter.is_done) {
     if (reader_ == nullptr) take_reading(waiter);
     if (reader_ == &waiter) {
-      const Deadline until = earlier(deadline, connection_->doubt_ends());
+      const Deadline until = earlier(deadline, connection_->kept_until());
       lock.unlock();
       const ReadStatus status = connection_->read(until);
       lock.lock();
@@ -164,10 +155,10 @@ int32_t Client::wait_for_answer(Lock& lock, Waiter& waiter) {
     }
   }
   if (reader_ == &waiter) pass_reading();
-  return waiter.answer;
+  return waiter.result;
 }
 
-// 0 where too many are under way.
+// Returns 0 if all slots are taken.
 uint16_t Client::new_transaction() {
   if (waiters_.size() + transactions_.size() >= kSlots) return 0;
   do {

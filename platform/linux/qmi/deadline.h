@@ -1,4 +1,4 @@
-// A point in time by which something must have happened, or none.
+// A point in time until which an operation may wait, or none: it may wait for ever.
 #pragma once
 
 #include <algorithm>
@@ -20,7 +20,7 @@ class Deadline {
   bool has_passed_at(Clock::time_point time) const { return !is_none_ && time >= at_; }
   Clock::time_point at() const { return at_; }
 
-  // Rounded up, so that a wait of this length does not end early; 0 where there is none.
+  // Rounded up, so that a wait of this length does not end early; 0 without a deadline.
   Milliseconds remaining() const {
     if (is_none_) return Milliseconds(0);
     return std::max(Milliseconds(0), std::chrono::ceil<Milliseconds>(at_ - Clock::now()));

@@ -9,19 +9,47 @@
 #include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
-namespace {
 
-// How long a service may have come or gone before it is noticed, where the transport does not report it.
+// The longest time until the notifier sees that a service came or went, if the modem does not report it.
 constexpr Deadline::Milliseconds kInterval{200};
 
-// The rest before the next look after one that found that the service, or the link to the modem, went meanwhile. It
-// grows up to kInterval, for a peer that ends each link at once.
+// After a look that found that the service or the link to the modem went away meanwhile, the notifier rests before the
+// next look. The rest doubles up to kInterval, because a peer may end every link at once.
 constexpr Deadline::Milliseconds kFirstRest{10};
 
-}  // namespace
+// A connection that lives this long is a lasting one.
+constexpr ServicePace::Duration kLasting = std::chrono::milliseconds(100);
+constexpr ServicePace::Duration kFirstPause = std::chrono::milliseconds(10);
+constexpr ServicePace::Duration kLongestPause = std::chrono::seconds(1);
 
-Notifier::Notifier(qmi_idl_service_object_type service, std::unique_ptr<ServiceWatch> watch, qmi_client_type handle)
-    : service_(service), watch_(std::move(watch)), pace_(ServicePace::of(service->service_id)), handle_(handle) {}
+ServicePace& ServicePace::of(uint32_t service) {
+  constinit static ServicePace all[UINT8_MAX + 1];
+  return all[service % std::size(all)];
+}
+
+void ServicePace::lost(Duration lifetime) {
+  if (lifetime >= kLasting) return released(lifetime);
+  if (remaining().count() > 0) return;  // another connection after the same announcement
+  pause_ = std::clamp(2 * pause_.load(), kFirstPause, kLongestPause);
+  held_until_ = Deadline::Clock::now().time_since_epoch() + pause_.load();
+}
+
+void ServicePace::released(Duration lifetime) {
+  if (lifetime < kLasting) return;
+  pause_ = Duration(0);
+  held_until_ = Duration(0);
+}
+
+Deadline::Milliseconds ServicePace::remaining() const {
+  const Duration rest = held_until_.load() - Deadline::Clock::now().time_since_epoch();
+  return std::max(Deadline::Milliseconds(0), std::chrono::ceil<Deadline::Milliseconds>(rest));
+}
+
+Notifier::Notifier(qmi_idl_service_object_type service, qmi_client_type handle)
+    : service_(service),
+      watch_(static_cast<uint8_t>(service->service_id)),
+      pace_(ServicePace::of(service->service_id)),
+      handle_(handle) {}
 
 int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   if (function == nullptr) return QMI_CLIENT_PARAM_ERR;
@@ -31,12 +59,12 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   const bool is_first = !std::exchange(is_registered_, true);
   if (is_first) {
     lock.unlock();
-    const bool is_there = watch_->look().is_there;
+    const bool is_there = watch_.look().is_there;
     lock.lock();
     is_there_ = is_there;
   }
   if (is_there_ && pace_.remaining().count() > 0) {
-    is_there_ = false;  // the thread announces it
+    is_there_ = false;  // the thread announces the service
     thread_.wake();
   }
   if (is_there_ && !is_stopping_) {
@@ -46,7 +74,7 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
     if (!goes_on) return QMI_CLIENT_INVALID_CLNT;
     lock.lock();
   }
-  // The callback may have led to the handle's release.
+  // The callback may have released the handle.
   if (is_first && !is_stopping_) thread_.start([self = shared_from_this()] { self->run(); });
   return QMI_NO_ERR;
 }
@@ -60,7 +88,7 @@ void Notifier::run() {
     lock.lock();
     if (is_stopping_) return;
     lock.unlock();
-    const Presence presence = watch_->look();
+    const Presence presence = watch_.look();
     lock.lock();
     rest = presence.went_meanwhile ? std::clamp(2 * rest, kFirstRest, kInterval) : Deadline::Milliseconds(0);
     if (presence.went_meanwhile && is_there_) notify(lock, false);
@@ -84,7 +112,7 @@ void Notifier::notify(Lock& lock, bool is_there) {
 void Notifier::wait_for_news(Deadline::Milliseconds rest) {
   const Deadline::Milliseconds pause = pace_.remaining();
   const auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
-  pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
+  pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_.descriptor(), POLLIN, 0}};
   if (rest.count() > 0) ::poll(wait_for, 1, static_cast<int>(rest.count()));
   if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
     thread_.acknowledge();

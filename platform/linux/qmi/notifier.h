@@ -1,23 +1,49 @@
-// A notifier handle: reports when a service comes and goes.
+// A notifier handle, which reports that a service comes or goes, and the pace of its reports.
 //
-// The first look at the service is part of the registration, on the caller's thread; after it a thread of the handle
-// looks again and again, sooner when the transport has news. A service that does not stay is announced at its pace
-// (service_pace.h), and counts as absent until then.
+// The registration looks for the service on the caller's thread. After that a thread of the handle looks again and
+// again, and earlier when the connection to the modem becomes readable.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
-#include "framework_thread.h"
+#include "deadline.h"
+#include "handle.h"
 #include "qmi_client.h"
-#include "service_pace.h"
-#include "transport.h"
+#include "qmux_transport.h"
 
 namespace pelmar::platform {
 
+// How soon a service that does not stay is announced again.
+//
+// A client that connects whenever its service is announced would connect thousands of times a second to a service that
+// goes away right after each connection. So a notifier takes such a service for absent, for a pause that grows up to a
+// second, until a connection to the service lasts. The process has one pace for each service.
+//
+// There is no lock, because a child of fork() could find it taken. Each of several losses at the same moment may count.
+class ServicePace {
+ public:
+  using Duration = Deadline::Clock::duration;
+
+  static ServicePace& of(uint32_t service);
+
+  // A connection ended after this lifetime: the service went away (lost) or its client released it.
+  void lost(Duration lifetime);
+  void released(Duration lifetime);
+
+  // The time until the service may be announced; mostly 0.
+  Deadline::Milliseconds remaining() const;
+
+ private:
+  std::atomic<Duration> pause_{Duration(0)};
+  std::atomic<Duration> held_until_{Duration(0)};  // since the epoch of Deadline::Clock
+};
+
 class Notifier : public std::enable_shared_from_this<Notifier> {
  public:
-  Notifier(qmi_idl_service_object_type service, std::unique_ptr<ServiceWatch> watch, qmi_client_type handle);
+  Notifier(qmi_idl_service_object_type service, qmi_client_type handle);
 
   int32_t register_callback(qmi_client_notify_cb function, void* data);
   void release();
@@ -30,14 +56,14 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
   void wait_for_news(Deadline::Milliseconds rest);
 
   const qmi_idl_service_object_type service_;
-  const std::unique_ptr<ServiceWatch> watch_;  // used by who registers first, then by the handle's thread
+  ServiceWatch watch_;  // used by the first registration, then by the handle's thread
   ServicePace& pace_;
   const qmi_client_type handle_;
 
   std::mutex mutex_;  // not held during a look or a callback
   bool is_stopping_ = false;
   bool is_registered_ = false;
-  bool is_there_ = false;  // as the callback was called last
+  bool is_there_ = false;  // as last reported
   qmi_client_notify_cb function_ = nullptr;
   void* data_ = nullptr;
 

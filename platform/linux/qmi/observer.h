@@ -1,5 +1,5 @@
-// What a program may watch of its own QMI traffic: each message, and how each exchange ends. The phone's interface
-// shows a caller of the library neither.
+// Lets a program observe its own QMI traffic: each message, and the end of each exchange. The phone's interface shows a
+// caller of the library neither.
 #pragma once
 
 #include <atomic>
@@ -23,10 +23,10 @@ struct Observation {
   uint32_t error = 0;               // of an end with QMI_NO_ERR: the response's QMI error; 0 for a success
 };
 
-// Messages are shown on the thread that sends or reads them, under a lock of the handle: the observer calls nothing of
-// the framework. The end of a synchronous exchange is shown on the sender's thread before the send returns, that of an
-// asynchronous one on the thread of the callback before it runs, and a client id that the modem refuses on the thread
-// that opens the handle.
+// The thread that sends or reads a message calls the observer under a lock of the handle, so the observer must not call
+// the framework. It gets the end of a synchronous exchange on the sender's thread before the send returns, the end of
+// an asynchronous one on the callback's thread before the callback, and the refusal of a client id on the thread that
+// opens the handle.
 using Observer = void (*)(const Observation&);
 
 inline std::atomic<Observer> g_observer{nullptr};
@@ -35,7 +35,7 @@ inline void observe(const Observation& observation) {
   if (const Observer observer = g_observer.load(std::memory_order_relaxed)) observer(observation);
 }
 
-// The response's structure begins with its header.
+// The response's structure begins with the result header.
 inline void observe_end(int32_t code, const void* response, size_t length) {
   qmi_response_type_v01 header{};
   if (code == QMI_NO_ERR && length >= sizeof header) std::memcpy(&header, response, sizeof header);
@@ -45,5 +45,5 @@ inline void observe_end(int32_t code, const void* response, size_t length) {
 
 }  // namespace pelmar::platform
 
-// One observer in a process; null ends it.
+// Sets the one observer of the process; null removes it.
 extern "C" void pelmar_platform_observe_qmi(pelmar::platform::Observer observer);

@@ -1,5 +1,5 @@
-// The framework's functions as the phone declares them: handles are looked up, arguments checked, the rest is the
-// client's or the notifier's.
+// The framework's functions as the phone declares them. They check the arguments and look up the handle; Client and
+// Notifier do the rest.
 #include "qmi_client.h"
 
 #include <algorithm>
@@ -9,26 +9,24 @@
 #include <thread>
 
 #include "client.h"
-#include "guarded.h"
-#include "handle_table.h"
+#include "handle.h"
 #include "notifier.h"
 #include "observer.h"
 #include "platform_export.h"
 #include "qmi_idl_lib_internal.h"
-#include "transport.h"
 
 namespace pelmar::platform {
 namespace {
 
-// An absent service is looked for again after these times, ever more slowly.
+// The pauses between attempts to open an absent service double from the first of these to the second.
 constexpr Deadline::Milliseconds kFirstRetry{1};
 constexpr Deadline::Milliseconds kSlowestRetry{100};
 
-// How much longer than the caller's time-out an open may take at a modem that is there: callers wait for a service to
-// appear for a few milliseconds, but a modem may need some hundred for its first response.
+// If the modem is there, an open may take this much longer than the caller's time-out: callers allow a few milliseconds
+// for a service to appear, but a modem may need some hundred for its first response.
 constexpr Deadline::Milliseconds kOpenPatience{1000};
 
-// All connections together may hold up a process's end for this long.
+// The longest delay of a process's end by all its connections together.
 constexpr Deadline::Milliseconds kExitTimeout{300};
 
 HandleTable<Client>& clients() {
@@ -39,13 +37,13 @@ HandleTable<Notifier>& notifiers() {
   return HandleTable<Notifier>::of_this_process();
 }
 
-// A modem has few client ids: a process that ends without having released its handles gives them back all the same.
-void surrender_at_exit() {
+// A modem has few client ids, so a process that ends without releasing its handles releases their ids.
+void release_clients_at_exit() {
   static std::atomic<bool> is_registered{false};
   if (is_registered.exchange(true)) return;
   std::atexit([] {
     const Deadline deadline = Deadline::after(kExitTimeout);
-    for (const auto& client : clients().all()) client->surrender(deadline);
+    for (const auto& client : clients().all()) client->release_at_exit(deadline);
   });
 }
 
@@ -55,8 +53,7 @@ int32_t open_connection(qmi_idl_service_object_type service, Deadline::Milliseco
   const Deadline response_deadline = Deadline::after(timeout + kOpenPatience);
   const size_t message_capacity = qmi::kMessageHeaderLength + service->max_msg_len;
   for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
-    const int32_t error =
-        default_transport().open(service->service_id, message_capacity, response_deadline, connection);
+    const int32_t error = Connection::open(service->service_id, message_capacity, response_deadline, connection);
     if (error != QMI_TIMEOUT_ERR || deadline.has_passed()) return error;
     std::this_thread::sleep_for(std::min(pause, deadline.remaining()));
   }
@@ -82,7 +79,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
   *user_handle = nullptr;
   if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
   return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
-    surrender_at_exit();
+    release_clients_at_exit();
     std::unique_ptr<Connection> connection;
     const int32_t error = open_connection(service_obj, Deadline::Milliseconds(timeout), connection);
     if (error != QMI_NO_ERR) return error;
@@ -91,7 +88,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
     const auto client = std::make_shared<Client>(service_obj, Client::IndicationCallback{ind_cb, ind_cb_data},
                                                  std::move(connection), handle);
     clients().add(handle, client);
-    *user_handle = handle;  // before a callback can bring it up
+    *user_handle = handle;  // stored before a callback can use it
     try {
       client->start();
     } catch (...) {
@@ -112,8 +109,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_notifier_init(qmi_idl_se
   if (service_obj == nullptr) return QMI_CLIENT_PARAM_ERR;
   return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
     const qmi_client_type handle = new_handle<>();
-    notifiers().add(
-        handle, std::make_shared<Notifier>(service_obj, default_transport().watch(service_obj->service_id), handle));
+    notifiers().add(handle, std::make_shared<Notifier>(service_obj, handle));
     *user_handle = handle;
     return QMI_NO_ERR;
   });

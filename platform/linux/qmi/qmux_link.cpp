@@ -1,16 +1,34 @@
 #include "qmux_link.h"
 
-#include <string>
+#include <cstring>
 
 #include "common_v01.h"
 #include "environment.h"
 
 namespace pelmar::platform {
-namespace {
 
 constexpr uint8_t kValueTlv = 0x01;
 
-}  // namespace
+FrameReader::FrameReader() : buffer_(new uint8_t[qmi::kMaxFrameLength]) {}  // bytes are written before they are read
+
+uint8_t* FrameReader::space() {
+  if (begin_ > 0) {
+    std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  return buffer_.get() + end_;
+}
+
+bool FrameReader::next(qmi::Frame& frame) {
+  if (is_broken_) return false;
+  const qmi::Front front = qmi::read_front({buffer_.get() + begin_, end_ - begin_}, qmi::Direction::kFromModem);
+  is_broken_ = front.state == qmi::Front::State::kBroken;
+  if (front.state != qmi::Front::State::kComplete) return false;
+  begin_ += front.length;
+  frame = front.frame;
+  return true;
+}
 
 ControlIndication read_control_indication(const qmi::Message& message) {
   if (message.kind == qmi::MessageKind::kIndication) {
@@ -38,43 +56,41 @@ bool QmuxLink::open(const Deadline& deadline) {
   partial_since_.reset();
   const std::string device = modem_device();
   const Bytes path(device.begin(), device.end());
-  if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Answer::kSuccess) {
-    return true;
-  }
+  if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Outcome::kSuccess) return true;
   close();
   return false;
 }
 
-QmuxLink::Answer QmuxLink::get_services(std::vector<uint8_t>& services, const Deadline& deadline) {
+QmuxLink::Outcome QmuxLink::get_services(std::vector<uint8_t>& services, const Deadline& deadline) {
   constexpr size_t kEntryLength = 5;  // u8 service, u16 major, u16 minor
   Bytes value;
-  const Answer answer = exchange(ControlMessage::kGetVersionInfo, {}, deadline, &value);
-  if (answer != Answer::kSuccess) return answer;
+  const Outcome outcome = exchange(ControlMessage::kGetVersionInfo, {}, deadline, &value);
+  if (outcome != Outcome::kSuccess) return outcome;
   services.clear();
   const size_t count = value.empty() ? 0 : value[0];
   for (size_t i = 0; i < count && 1 + (i + 1) * kEntryLength <= value.size(); ++i) {
     services.push_back(value[1 + i * kEntryLength]);
   }
-  return answer;
+  return outcome;
 }
 
-QmuxLink::Answer QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline) {
+QmuxLink::Outcome QmuxLink::allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline) {
   saw_restart_ = false;
   revoked_.clear();
   Bytes value;
-  const Answer answer = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
-  if (answer != Answer::kSuccess) return answer;
-  if (value.size() < 2 || value[0] != service) return Answer::kFailure;
-  if (value[1] == qmi::kNoClient || value[1] == qmi::kAllClients) return Answer::kFailure;
+  const Outcome outcome = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
+  if (outcome != Outcome::kSuccess) return outcome;
+  if (value.size() < 2 || value[0] != service) return Outcome::kFailure;
+  if (value[1] == qmi::kNoClient || value[1] == qmi::kAllClients) return Outcome::kFailure;
   client = value[1];
-  if (take_restart()) {  // the id may be one of the restarted modem, or not
+  if (take_restart()) {  // we do not know whether the modem allocated the id before or after it
     send_release_client_id(service, client);
-    return Answer::kNoAnswer;
+    return Outcome::kNoResponse;
   }
-  return is_revoked(service, client) ? Answer::kNoAnswer : Answer::kSuccess;
+  return is_revoked(service, client) ? Outcome::kNoResponse : Outcome::kSuccess;
 }
 
-QmuxLink::Answer QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
+QmuxLink::Outcome QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
   return exchange(ControlMessage::kReleaseClientId, {service, client}, deadline, nullptr);
 }
 
@@ -119,9 +135,9 @@ SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadli
   return status == SendStatus::kBlocked ? stream_.flush(deadline) : status;
 }
 
-QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,
-                                    Bytes* answer_value) {
-  if (request(id, value, deadline) != SendStatus::kSent) return Answer::kNotSent;
+QmuxLink::Outcome QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,
+                                     Bytes* response_value) {
+  if (request(id, value, deadline) != SendStatus::kSent) return Outcome::kNotSent;
   for (;;) {
     qmi::Frame frame;
     while (reader_.next(frame)) {
@@ -135,16 +151,17 @@ QmuxLink::Answer QmuxLink::exchange(ControlMessage id, const Bytes& value, const
         continue;
       }
       const auto result = qmi::find_tlv(message->tlvs, qmi::kResultTlv);
-      if (!result || result->size() != qmi::kResultLength) return Answer::kFailure;
+      if (!result || result->size() != qmi::kResultLength) return Outcome::kFailure;
       if (qmi::load_u16(&(*result)[0]) != QMI_RESULT_SUCCESS_V01) {
-        return qmi::load_u16(&(*result)[2]) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Answer::kClientIdsExhausted
-                                                                                : Answer::kFailure;
+        return qmi::load_u16(&(*result)[2]) == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01 ? Outcome::kClientIdsExhausted
+                                                                                : Outcome::kFailure;
       }
       const auto found = qmi::find_tlv(message->tlvs, kValueTlv).value_or(std::span<const uint8_t>());
-      if (answer_value != nullptr) answer_value->assign(found.begin(), found.end());
-      return Answer::kSuccess;
+      if (response_value != nullptr) response_value->assign(found.begin(), found.end());
+      return Outcome::kSuccess;
     }
-    if (reader_.is_broken() || deadline.has_passed() || read(deadline) != ReadStatus::kRead) return Answer::kNoAnswer;
+    if (reader_.is_broken() || deadline.has_passed() || read(deadline) != ReadStatus::kRead)
+      return Outcome::kNoResponse;
   }
 }
 

@@ -1,7 +1,9 @@
-// One socket connection to a QMUX proxy: frames both ways, and exchanges with the modem's CTL service.
+// A socket connection to a QMUX proxy: frames in both directions, and exchanges with the modem's CTL service.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -9,10 +11,35 @@
 #include <vector>
 
 #include "deadline.h"
-#include "frame_reader.h"
+#include "qmux.h"
 #include "socket_stream.h"
 
 namespace pelmar::platform {
+
+// Splits the bytes that come from a modem into frames.
+class FrameReader {
+ public:
+  FrameReader();
+
+  // The place for the next bytes from the stream. There is room until the stream is broken.
+  uint8_t* space();
+  size_t room() const { return qmi::kMaxFrameLength - end_; }
+  void add(size_t length) { end_ += length; }
+
+  // The next whole frame; it is valid until the next space().
+  bool next(qmi::Frame& frame);
+
+  bool is_broken() const { return is_broken_; }
+
+  // After next() returned false: whether there are bytes of an incomplete frame.
+  bool has_partial_frame() const { return begin_ < end_; }
+
+ private:
+  std::unique_ptr<uint8_t[]> buffer_;
+  size_t begin_ = 0;
+  size_t end_ = 0;
+  bool is_broken_ = false;
+};
 
 enum class ControlMessage : uint16_t {
   kGetVersionInfo = 0x0021,
@@ -23,44 +50,45 @@ enum class ControlMessage : uint16_t {
   kOpenProxy = 0xFF00,
 };
 
-// What an indication of the CTL service says.
+// The content of an indication of the CTL service.
 struct ControlIndication {
   enum { kOther, kRevoked, kRestarted } event;
-  uint8_t service;  // kRevoked: whose client id
+  uint8_t service;  // of kRevoked: the service and client id that were revoked
   uint8_t client;
 };
 
-// Of a message of the CTL service; kOther for one that is no indication.
+// Reads an indication of the CTL service. kOther for every other message.
 ControlIndication read_control_indication(const qmi::Message& message);
 
-// Where the modem is: the socket of its proxy, and the device that the proxy is to open.
+// The socket of the modem's proxy, and the device that the proxy opens.
 std::string modem_socket();
 std::string modem_device();
 
 class QmuxLink {
  public:
-  // Connects to the proxy and has it open the modem's device. False where no response comes, or one with a failure.
+  // Connects to the proxy and requests that it open the modem's device. False if that fails or no response comes.
   bool open(const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
-  // Outcomes of exchanges with the modem. A modem that does not respond in time, or is gone, is kNoAnswer; one that
-  // cannot have got the whole request is kNotSent.
-  enum class Answer { kSuccess, kNoAnswer, kNotSent, kClientIdsExhausted, kFailure };
+  // The outcome of an exchange with the modem. kNoResponse: the modem does not respond in time, or is gone. kNotSent:
+  // the modem cannot have received the whole request.
+  enum class Outcome { kSuccess, kNoResponse, kNotSent, kClientIdsExhausted, kFailure };
 
   // The services that the modem offers.
-  Answer get_services(std::vector<uint8_t>& services, const Deadline& deadline);
-  // An id that the modem takes back before its response arrives is no response; one that is no client's is a failure.
-  Answer allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline);
-  Answer release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
+  Outcome get_services(std::vector<uint8_t>& services, const Deadline& deadline);
+  // kNoResponse also if the modem revokes the id before its response arrives; kFailure also if no client can have the
+  // id.
+  Outcome allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline);
+  Outcome release_client_id(uint8_t service, uint8_t client, const Deadline& deadline);
   SendStatus send_release_client_id(uint8_t service, uint8_t client);
 
-  // Whether exchanges since the last call came across the news that the modem restarted, or that it revoked somebody's
-  // id of this service.
+  // Whether an exchange since the last call received an indication that the modem restarted, or that it revoked any id
+  // of this service.
   bool take_restart() { return std::exchange(saw_restart_, false); }
   bool take_revocation(uint8_t service);
 
-  // Whether the modem revoked the id since its allocation began, so far as exchanges came across that.
+  // Whether an exchange received an indication that the id was revoked since its allocation began.
   bool is_revoked(uint8_t service, uint8_t client) const { return revoked_.count({service, client}) != 0; }
 
   SocketStream& stream() { return stream_; }
@@ -69,21 +97,21 @@ class QmuxLink {
   bool next(qmi::Frame& frame);
   bool is_broken() const { return reader_.is_broken(); }
 
-  // After next() returned false: since when a frame has been waiting for its rest.
+  // After next() returned false: the time at which the first part of an incomplete frame arrived.
   std::optional<Deadline::Clock::time_point> partial_since() const { return partial_since_; }
 
  private:
   using Bytes = std::vector<uint8_t>;
 
   SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
-  Answer exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* answer_value);
+  Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 
   SocketStream stream_;
   FrameReader reader_;
   std::optional<Deadline::Clock::time_point> partial_since_;
   uint8_t transaction_ = 0;
   bool saw_restart_ = false;
-  std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id, since an allocation began or they were taken
+  std::set<std::pair<uint8_t, uint8_t>> revoked_;  // service and id; cleared by an allocation and by take_revocation()
 };
 
 }  // namespace pelmar::platform

@@ -3,26 +3,39 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <atomic>
 #include <utility>
 
-#include "client_id_check.h"
-#include "client_id_record.h"
 #include "common_v01.h"
 #include "observer.h"
 #include "qmi_client.h"
-#include "qmux_link.h"
 
 namespace pelmar::platform {
 namespace {
 
-// A modem that takes longer for a look at its services counts as absent.
+using Outcome = QmuxLink::Outcome;
+
+// A modem that takes longer to list its services counts as absent.
 constexpr Deadline::Milliseconds kLookTimeout{2000};
 
-// What giving back the ids of others may hold up an open.
+// The longest delay of an open by the release of client ids that dead processes left.
 constexpr Deadline::Milliseconds kReleaseTimeout{500};
 
 constexpr size_t kMaxMessageLength = qmi::kMaxFrameLength - qmi::kFrameHeaderLength;
+
+// The probe's message. Every service lists its messages, or refuses this one as unknown.
+constexpr uint16_t kGetSupportedMessages = 0x001E;
+
+// The longest time for which a response is kept back.
+constexpr Deadline::Milliseconds kProbeTimeout{500};
+
+// A modem may send responses without end, so no more than these are kept back.
+constexpr size_t kMostKept = 64;
+
+bool has_invalid_client_id_error(const Message& message) {
+  const auto result = qmi::find_tlv(message.tlvs, qmi::kResultTlv);
+  return result && result->size() == qmi::kResultLength && qmi::load_u16(&(*result)[0]) != QMI_RESULT_SUCCESS_V01 &&
+         qmi::load_u16(&(*result)[2]) == QMI_ERR_INVALID_CLIENT_ID_V01;
+}
 
 bool offers(const std::vector<uint8_t>& services, uint8_t service) {
   return std::find(services.begin(), services.end(), service) != services.end();
@@ -32,227 +45,198 @@ ClientIdRecord record_of_modem() {
   return ClientIdRecord(modem_socket(), modem_device());
 }
 
-// How often a client id of the service was lost in this process, where a notifier's own link may not see it.
-std::atomic<uint32_t>& revocations(uint8_t service) {
+// How many client ids of the service this process lost; a notifier's own link may not report the loss.
+std::atomic<uint32_t>& losses(uint8_t service) {
   static std::atomic<uint32_t> counts[UINT8_MAX + 1];
   return counts[service];
 }
 
-class QmuxConnection final : public Connection {
- public:
-  // The record has the id, where it can.
-  QmuxConnection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity)
-      : link_(std::move(link)),
-        record_(std::move(record)),
-        service_(service),
-        client_(client),
-        capacity_(std::min(message_capacity, kMaxMessageLength)),
-        frame_(new uint8_t[qmi::kFrameHeaderLength + capacity_]) {}
-
-  ~QmuxConnection() override { abandon(Deadline::after(kReleaseTimeout)); }
-
-  int descriptor() const override { return link_.stream().descriptor(); }
-  uint8_t* message_buffer() override { return frame_.get() + qmi::kFrameHeaderLength; }
-  size_t message_capacity() const override { return capacity_; }
-
-  SendStatus send(size_t length) override {
-    qmi::store_frame_header(frame_.get(), qmi::Direction::kToModem, service_, client_, length);
-    return link_.stream().send(frame_.get(), qmi::kFrameHeaderLength + length);
-  }
-  bool has_unsent() const override { return link_.stream().has_unsent(); }
-  SendStatus flush(const Deadline& deadline) override { return link_.stream().flush(deadline); }
-  ReadStatus read(const Deadline& deadline) override { return link_.read(deadline); }
-
-  Arrival next(Message& message) override {
-    qmi::Frame frame;
-    while (!check_.take_kept(message)) {
-      if (!link_.next(frame)) return link_.is_broken() ? Arrival::kBrokenStream : Arrival::kNone;
-      const auto arrived = qmi::read_message(frame);
-      if (!arrived) continue;
-      if (frame.service == qmi::kControlService) {
-        if (voids_client_id(read_control_indication(*arrived))) return Arrival::kServiceGone;
-      } else if (is_for_us(frame, arrived->kind)) {
-        message = {*arrived};
-        const auto verdict = check_.look(message);
-        if (verdict == ClientIdCheck::Verdict::kDeliver) break;
-        if (verdict == ClientIdCheck::Verdict::kVoid) {
-          lose_id(IdState::kVoid);
-          revocations(service_).fetch_add(1, std::memory_order_relaxed);
-          return Arrival::kServiceGone;
-        }
-      }
-    }
-    return Arrival::kMessage;
-  }
-
-  const Deadline& doubt_ends() const override { return check_.deadline(); }
-  bool end_doubt(Message& message) override {
-    check_.settle();
-    return check_.take_kept(message);
-  }
-  bool has_question() const override { return check_.has_question() && !has_unsent(); }
-  void ask(uint16_t transaction) override {
-    uint8_t question[qmi::kFrameHeaderLength + ClientIdCheck::kQuestionLength];
-    qmi::store_frame_header(question, qmi::Direction::kToModem, service_, client_, ClientIdCheck::kQuestionLength);
-    check_.store_question(question + qmi::kFrameHeaderLength, transaction);
-    link_.stream().send(question, sizeof question);
-  }
-
-  std::optional<Deadline::Clock::time_point> partial_since() const override { return link_.partial_since(); }
-
-  void close(const Deadline& deadline) override {
-    if (take_id(deadline) && link_.release_client_id(service_, client_, deadline) == QmuxLink::Answer::kNotSent) {
-      record_.restore({id()}, deadline);
-    }
-    shut_down();
-  }
-
-  void abandon(const Deadline& deadline) override {
-    if (take_id(deadline) && link_.send_release_client_id(service_, client_) != SendStatus::kSent) {
-      record_.restore({id()}, deadline);
-    }
-    shut_down();
-  }
-
-  void stop_reading() override { link_.stream().stop_receiving(); }
-
-  void shut_down() override { link_.stream().shut_down(); }
-
- private:
-  enum class IdState { kHeld, kRevoked, kVoid, kGone };
-
-  bool voids_client_id(const ControlIndication& indication) {
-    if (indication.event == ControlIndication::kRestarted) {
-      lose_id(IdState::kVoid);
-      return true;
-    }
-    const bool is_revoked = indication.event == ControlIndication::kRevoked && indication.service == service_ &&
-                            indication.client == client_;
-    if (is_revoked) {
-      lose_id(IdState::kRevoked);
-      revocations(service_).fetch_add(1, std::memory_order_relaxed);
-    }
-    return is_revoked;
-  }
-  bool is_for_us(const qmi::Frame& frame, qmi::MessageKind kind) const {
-    if (frame.service != service_) return false;
-    return kind == qmi::MessageKind::kIndication ? frame.client == client_ || frame.client == qmi::kAllClients
-                                                 : frame.client == client_ && kind == qmi::MessageKind::kResponse;
-  }
-
-  ClientIdRecord::Id id() const { return {service_, client_}; }
-
-  // The record is updated later, at the connection's end: the reader must not wait for files.
-  void lose_id(IdState how) {
-    IdState held = IdState::kHeld;
-    id_state_.compare_exchange_strong(held, how);
-  }
-
-  // True for one caller at most, where the id is to be given back; the record does not have it any more.
-  bool take_id(const Deadline& deadline) {
-    switch (id_state_.exchange(IdState::kGone)) {
-      case IdState::kHeld:
-        return record_.remove(deadline);
-      case IdState::kRevoked:
-        record_.remove(deadline);
-        return false;
-      case IdState::kVoid:
-        record_.void_own(deadline);
-        return false;
-      case IdState::kGone:
-        break;
-    }
-    return false;
-  }
-
-  QmuxLink link_;
-  ClientIdRecord record_;
-  const uint8_t service_;
-  const uint8_t client_;
-  std::atomic<IdState> id_state_{IdState::kHeld};  // the reader and who ends the connection may be two threads
-  ClientIdCheck check_;
-  const size_t capacity_;
-  const std::unique_ptr<uint8_t[]> frame_;
-};
-
-// Asks the modem's CTL service again and again over a connection of its own, which holds no client id.
-class QmuxWatch final : public ServiceWatch {
- public:
-  explicit QmuxWatch(uint8_t service) : service_(service), revocations_seen_(revocations(service)) {}
-
-  Presence look() override {
-    const Deadline deadline = Deadline::after(kLookTimeout);
-    const uint32_t revocations_now = revocations(service_).load(std::memory_order_relaxed);
-    Presence presence = {false, std::exchange(revocations_seen_, revocations_now) != revocations_now};
-    if (link_.is_open()) {
-      if (ask(presence, deadline)) return presence;
-      presence.went_meanwhile = true;
-    }
-    if (link_.open(deadline)) ask(presence, deadline);
-    return presence;
-  }
-
-  int descriptor() const override { return link_.is_open() ? link_.stream().descriptor() : -1; }
-
- private:
-  bool ask(Presence& presence, const Deadline& deadline) {
-    std::vector<uint8_t> services;
-    if (link_.get_services(services, deadline) != QmuxLink::Answer::kSuccess) {
-      link_.close();
-      return false;
-    }
-    presence.is_there = offers(services, service_);
-    presence.went_meanwhile |= link_.take_revocation(service_);
-    if (link_.take_restart()) {
-      presence.went_meanwhile = true;
-      // They are void. Which of the live owners' ids are older than the restart is unknown here.
-      record_of_modem().take_abandoned(deadline);
-    }
-    return true;
-  }
-
-  const uint8_t service_;
-  uint32_t revocations_seen_;
-  QmuxLink link_;
-};
-
-// Ids that killed processes have left, and that the record does not have any more.
-void give_back(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record,
-               const Deadline& end) {
+// Releases ids that dead processes left. The record does not have them any more; it gets those back that stay taken.
+void release_abandoned(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record,
+                       const Deadline& end) {
   const Deadline deadline = earlier(end, Deadline::after(kReleaseTimeout));
   auto id = ids.begin();
-  auto answer = QmuxLink::Answer::kSuccess;
-  while (id != ids.end() && answer != QmuxLink::Answer::kNoAnswer && answer != QmuxLink::Answer::kNotSent &&
-         !deadline.has_passed()) {
-    answer = link.release_client_id(id->service, id->client, deadline);
-    // What was sent in part goes out before the link's next message.
-    if (answer != QmuxLink::Answer::kNotSent || link.stream().has_unsent()) ++id;
+  auto outcome = Outcome::kSuccess;
+  while (id != ids.end() && outcome != Outcome::kNoResponse && outcome != Outcome::kNotSent && !deadline.has_passed()) {
+    outcome = link.release_client_id(id->service, id->client, deadline);
+    // A release that was sent in part goes out before the link's next message.
+    if (outcome != Outcome::kNotSent || link.stream().has_unsent()) ++id;
   }
   record.restore({id, ids.end()}, end);
 }
 
 }  // namespace
 
-int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Deadline& deadline,
-                            std::unique_ptr<Connection>& connection) {
+// --- the check of a client id ---
+
+ClientIdCheck::Verdict ClientIdCheck::check(const Message& message) {
+  if (message.kind != qmi::MessageKind::kResponse) return Verdict::kDeliver;
+  const bool is_refused = has_invalid_client_id_error(message);
+  if (message.id == kGetSupportedMessages && message.transaction == probe_) {
+    if (is_refused) return Verdict::kVoid;
+    probe_.reset();  // a later request may have the same number
+    if (state_ == State::kProbeSent) settle();
+    return Verdict::kKept;
+  }
+  if (!is_refused || kept_.size() == kMostKept) return Verdict::kDeliver;
+  Kept& kept = kept_.emplace_back(Kept{message, {message.tlvs.begin(), message.tlvs.end()}});
+  kept.message.kept_since = Deadline::Clock::now();
+  if (state_ == State::kSettled) {
+    state_ = State::kProbeDue;
+    deadline_ = Deadline::after(kProbeTimeout);
+  }
+  return Verdict::kKept;
+}
+
+bool ClientIdCheck::take_kept(Message& message) {
+  if (deadline_.has_passed()) settle();
+  if (state_ != State::kSettled || kept_.empty()) return false;
+  message = kept_.front().message;
+  taken_ = std::move(kept_.front().tlvs);
+  message.tlvs = taken_;
+  kept_.pop_front();
+  return true;
+}
+
+void ClientIdCheck::store_probe(uint8_t* at, uint16_t transaction) {
+  qmi::store_message_header(at, qmi::MessageKind::kRequest, transaction, kGetSupportedMessages, 0);
+  probe_ = transaction;
+  state_ = State::kProbeSent;
+}
+
+void ClientIdCheck::settle() {
+  state_ = State::kSettled;
+  deadline_ = Deadline::none();
+}
+
+// --- a connection ---
+
+Connection::Connection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity)
+    : link_(std::move(link)),
+      record_(std::move(record)),
+      id_{service, client},
+      capacity_(std::min(message_capacity, kMaxMessageLength)),
+      frame_(new uint8_t[qmi::kFrameHeaderLength + capacity_]) {}
+
+Connection::~Connection() {
+  abandon(Deadline::after(kReleaseTimeout));
+}
+
+SendStatus Connection::send(size_t length) {
+  qmi::store_frame_header(frame_.get(), qmi::Direction::kToModem, id_.service, id_.client, length);
+  return link_.stream().send(frame_.get(), qmi::kFrameHeaderLength + length);
+}
+
+Arrival Connection::next(Message& message) {
+  qmi::Frame frame;
+  while (!check_.take_kept(message)) {
+    if (!link_.next(frame)) return link_.is_broken() ? Arrival::kBrokenStream : Arrival::kNone;
+    const auto arrived = qmi::read_message(frame);
+    if (!arrived) continue;
+    if (frame.service == qmi::kControlService) {
+      if (voids_client_id(read_control_indication(*arrived))) return Arrival::kServiceGone;
+    } else if (is_for_this_client(frame, arrived->kind)) {
+      message = {*arrived};
+      const auto verdict = check_.check(message);
+      if (verdict == ClientIdCheck::Verdict::kDeliver) break;
+      if (verdict == ClientIdCheck::Verdict::kVoid) {
+        lose_id(IdState::kVoid);
+        losses(id_.service).fetch_add(1, std::memory_order_relaxed);
+        return Arrival::kServiceGone;
+      }
+    }
+  }
+  return Arrival::kMessage;
+}
+
+bool Connection::take_kept(Message& message) {
+  check_.settle();
+  return check_.take_kept(message);
+}
+
+void Connection::send_probe(uint16_t transaction) {
+  uint8_t probe[qmi::kFrameHeaderLength + ClientIdCheck::kProbeLength];
+  qmi::store_frame_header(probe, qmi::Direction::kToModem, id_.service, id_.client, ClientIdCheck::kProbeLength);
+  check_.store_probe(probe + qmi::kFrameHeaderLength, transaction);
+  link_.stream().send(probe, sizeof probe);
+}
+
+void Connection::close(const Deadline& deadline) {
+  if (take_id(deadline) && link_.release_client_id(id_.service, id_.client, deadline) == Outcome::kNotSent) {
+    record_.restore({id_}, deadline);
+  }
+  shut_down();
+}
+
+void Connection::abandon(const Deadline& deadline) {
+  if (take_id(deadline) && link_.send_release_client_id(id_.service, id_.client) != SendStatus::kSent) {
+    record_.restore({id_}, deadline);
+  }
+  shut_down();
+}
+
+bool Connection::voids_client_id(const ControlIndication& indication) {
+  if (indication.event == ControlIndication::kRestarted) {
+    lose_id(IdState::kVoid);
+    return true;
+  }
+  const bool is_revoked = indication.event == ControlIndication::kRevoked &&
+                          ClientIdRecord::Id{indication.service, indication.client} == id_;
+  if (is_revoked) {
+    lose_id(IdState::kRevoked);
+    losses(id_.service).fetch_add(1, std::memory_order_relaxed);
+  }
+  return is_revoked;
+}
+
+bool Connection::is_for_this_client(const qmi::Frame& frame, qmi::MessageKind kind) const {
+  if (frame.service != id_.service) return false;
+  return kind == qmi::MessageKind::kIndication ? frame.client == id_.client || frame.client == qmi::kAllClients
+                                               : frame.client == id_.client && kind == qmi::MessageKind::kResponse;
+}
+
+// The record is updated at the connection's end, because the reader must not wait for files.
+void Connection::lose_id(IdState how) {
+  IdState held = IdState::kHeld;
+  id_state_.compare_exchange_strong(held, how);
+}
+
+// Returns true once at most: if the caller must release the id at the modem. The record does not have it any more.
+bool Connection::take_id(const Deadline& deadline) {
+  switch (id_state_.exchange(IdState::kGone)) {
+    case IdState::kHeld:
+      return record_.remove(deadline);
+    case IdState::kRevoked:
+      record_.remove(deadline);
+      return false;
+    case IdState::kVoid:
+      record_.void_own(deadline);
+      return false;
+    case IdState::kGone:
+      break;
+  }
+  return false;
+}
+
+int32_t Connection::open(uint32_t service, size_t message_capacity, const Deadline& deadline,
+                         std::unique_ptr<Connection>& connection) {
   if (service == qmi::kControlService || service > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service);
   QmuxLink link;
   std::vector<uint8_t> services;
-  if (!link.open(deadline) || link.get_services(services, deadline) != QmuxLink::Answer::kSuccess ||
-      !offers(services, number)) {
+  if (!link.open(deadline) || link.get_services(services, deadline) != Outcome::kSuccess || !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
   ClientIdRecord record = record_of_modem();
   uint8_t client = 0;
-  QmuxLink::Answer answer = link.allocate_client_id(number, client, deadline);
-  if (answer == QmuxLink::Answer::kClientIdsExhausted) {
-    give_back(record.take_abandoned(deadline), link, record, deadline);
-    answer = link.allocate_client_id(number, client, deadline);
+  Outcome outcome = link.allocate_client_id(number, client, deadline);
+  if (outcome == Outcome::kClientIdsExhausted) {
+    release_abandoned(record.take_abandoned(deadline), link, record, deadline);
+    outcome = link.allocate_client_id(number, client, deadline);
   }
-  switch (answer) {
-    case QmuxLink::Answer::kSuccess:
-      give_back(record.add({number, client}, deadline), link, record, deadline);
+  switch (outcome) {
+    case Outcome::kSuccess:
+      release_abandoned(record.add({number, client}, deadline), link, record, deadline);
       if (link.take_restart()) {
         record.void_own(deadline);
         return QMI_TIMEOUT_ERR;
@@ -262,28 +246,51 @@ int32_t QmuxTransport::open(uint32_t service, size_t message_capacity, const Dea
         return QMI_TIMEOUT_ERR;
       }
       break;
-    case QmuxLink::Answer::kNoAnswer:
-    case QmuxLink::Answer::kNotSent:
+    case Outcome::kNoResponse:
+    case Outcome::kNotSent:
       return QMI_TIMEOUT_ERR;
-    case QmuxLink::Answer::kClientIdsExhausted:
+    case Outcome::kClientIdsExhausted:
       syslog(LOG_ERR, "QMI service 0x%02x: no client id is left (QMI error 5, client ids exhausted): %s",
              unsigned{number}, "end programs that use the modem, or restart it");
       observe({.kind = Observation::Kind::kEnd, .error = QMI_ERR_CLIENT_IDS_EXHAUSTED_V01});
       return QMI_CLIENT_ALLOC_FAILURE;
-    case QmuxLink::Answer::kFailure:
+    case Outcome::kFailure:
       return QMI_CLIENT_ALLOC_FAILURE;
   }
-  connection = std::make_unique<QmuxConnection>(std::move(link), std::move(record), number, client, message_capacity);
+  connection = std::make_unique<Connection>(std::move(link), std::move(record), number, client, message_capacity);
   return QMI_NO_ERR;
 }
 
-std::unique_ptr<ServiceWatch> QmuxTransport::watch(uint32_t service) {
-  return std::make_unique<QmuxWatch>(static_cast<uint8_t>(service));
+// --- a watch ---
+
+ServiceWatch::ServiceWatch(uint8_t service) : service_(service), losses_seen_(losses(service)) {}
+
+Presence ServiceWatch::look() {
+  const Deadline deadline = Deadline::after(kLookTimeout);
+  const uint32_t losses_now = losses(service_).load(std::memory_order_relaxed);
+  Presence presence = {false, std::exchange(losses_seen_, losses_now) != losses_now};
+  if (link_.is_open()) {
+    if (look_over_link(presence, deadline)) return presence;
+    presence.went_meanwhile = true;
+  }
+  if (link_.open(deadline)) look_over_link(presence, deadline);
+  return presence;
 }
 
-Transport& default_transport() {
-  static auto* const transport = new QmuxTransport;  // never destroyed: threads may use it until the process is gone
-  return *transport;
+bool ServiceWatch::look_over_link(Presence& presence, const Deadline& deadline) {
+  std::vector<uint8_t> services;
+  if (link_.get_services(services, deadline) != Outcome::kSuccess) {
+    link_.close();
+    return false;
+  }
+  presence.is_there = offers(services, service_);
+  presence.went_meanwhile |= link_.take_revocation(service_);
+  if (link_.take_restart()) {
+    presence.went_meanwhile = true;
+    // The ids of dead processes are void. We do not know which ids of live processes are older than the restart.
+    record_of_modem().take_abandoned(deadline);
+  }
+  return true;
 }
 
 }  // namespace pelmar::platform

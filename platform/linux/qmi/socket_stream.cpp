@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-
 #include <syslog.h>
 
 #include <cerrno>
@@ -14,8 +13,8 @@
 namespace pelmar::platform {
 namespace {
 
-// How long one call waits in the socket itself. The kernel ends such a wait late by up to an eighth of it, seconds
-// where it is long: after a short one the rest is waited for by a poll, which is exact.
+// The longest wait of one recv(). The kernel ends such a wait late by up to an eighth of its length, which is seconds
+// for a long one: after a short wait a poll, which is exact, waits for the rest.
 constexpr Deadline::Milliseconds kSocketTimeout{100};
 
 bool set_receive_timeout(int descriptor) {
@@ -23,14 +22,14 @@ bool set_receive_timeout(int descriptor) {
   return ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
 }
 
-// Callers try again and again: a problem that lasts is reported once. Where another thread reports, or did so during
-// the fork that made this process, this thread does not.
+// Callers try again and again, so a problem that lasts is reported once. We do not wait for the mutex: another thread
+// reports, or it held the mutex during the fork that created this process.
 void report(const std::string& name, const std::string& problem) {
   constinit static std::mutex mutex;
   const std::string line = name + ": " + problem;
   const std::unique_lock lock(mutex, std::try_to_lock);
   if (!lock) return;
-  static auto& last = *new std::string;  // threads may connect until the process is gone
+  static auto& last = *new std::string;  // never destroyed: threads may connect until the process ends
   if (line == last) return;
   last = line;
   ::syslog(LOG_ERR, "Cannot connect to %s", line.c_str());
@@ -82,11 +81,12 @@ SendStatus SocketStream::flush(const Deadline& deadline) {
 
 ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadline, size_t& received) {
   for (;;) {
-    // A wait in the socket costs one system call for the usual response, where a poll before it makes two.
+    // A blocking recv() costs one system call for the usual response; with a poll before it there are two.
     const bool blocks = deadline.is_none() || deadline.remaining() >= 2 * kSocketTimeout;
     const ssize_t count = ::recv(descriptor(), to, room, blocks ? 0 : MSG_DONTWAIT);
     if (count > 0) {
-      // The first bytes come before a second thread can use the stream, which may send while this one receives.
+      // No second thread uses the stream before its first bytes come. Later another thread may send, so we do not
+      // write.
       if (!silent_listener_.empty()) silent_listener_.clear();
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;

@@ -1,5 +1,5 @@
-// A connected Unix stream socket with bounded waits. It never raises SIGPIPE and its descriptor is not inherited by
-// programs that are executed.
+// A connected Unix stream socket with bounded waits. It never raises SIGPIPE, and programs that this process executes
+// do not inherit its descriptor.
 #pragma once
 
 #include <cstddef>
@@ -8,22 +8,23 @@
 #include <vector>
 
 #include "deadline.h"
-#include "process_fd.h"
-#include "transport.h"
+#include "handle.h"
 
 namespace pelmar::platform {
 
+enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
+enum class ReadStatus { kRead, kTimedOut, kGone };
+
 class SocketStream {
  public:
-  // Connects to a path, or to an abstract name written as @NAME. A listener that is there but cannot be used, or does
-  // not admit this user, is reported to the system log.
+  // Connects to a path, or to an abstract name written as @NAME. Reports to the system log if there is a listener that
+  // cannot be used or does not admit this user.
   bool connect(const std::string& address, const Deadline& deadline);
 
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
 
-  // Sends without waiting. What the socket does not take is kept for flush(), which must have sent it before the next
-  // send.
+  // Sends without waiting. The stream keeps what the socket does not take; flush() must send it before the next send.
   SendStatus send(const uint8_t* bytes, size_t length);
   bool has_unsent() const { return !unsent_.empty(); }
   SendStatus flush(const Deadline& deadline);
@@ -40,7 +41,7 @@ class SocketStream {
   void report_refusal();
 
   ProcessFd descriptor_;
-  std::string silent_listener_;  // its name, until it has sent something
+  std::string silent_listener_;  // the listener's name, until it has sent something
   std::vector<uint8_t> unsent_;
 };
 

@@ -1,4 +1,4 @@
-// What the phone's platform brings along beside the QMI framework: the service objects of NAS and SAR, and the common
+// What belongs to the phone's platform besides the QMI framework: the service objects of NAS and SAR, and the common
 // table of the standard response.
 #include "nas_tables.h"
 #include "platform_export.h"

@@ -71,7 +71,7 @@ Failure no_manager(const std::string& step, const std::string& socket, const std
 }
 
 Count ask_manager(const std::string& socket, const std::string& step) {
-  const std::optional<Count> count = platform::power::ask_for_count(socket);
+  const std::optional<Count> count = platform::power::query_count(socket);
   if (!count) throw no_manager(step, socket);
   return *count;
 }

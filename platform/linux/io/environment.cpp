@@ -1,4 +1,4 @@
-#include "state_directory.h"
+#include "environment.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -6,14 +6,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <vector>
-
-#include "environment.h"
 
 namespace pelmar {
 namespace {
@@ -24,7 +24,7 @@ bool belongs_to_user(const struct stat& file) {
   return S_ISDIR(file.st_mode) && file.st_uid == ::geteuid();
 }
 
-// Daemons' accounts have homes that do not exist or are everybody's, such as /.
+// The home of a daemon's account may not exist, or belong to everybody, such as /.
 std::string home_of_user_database() {
   std::vector<char> space(size_t{16} << 10);
   passwd entry{};
@@ -41,6 +41,20 @@ std::string private_directory() {
   return temporary + "/pelmar-" + std::to_string(::geteuid());
 }
 
+// Opens a directory that no other user can have prepared, list or change: it is no link, belongs to this user and has
+// mode 0700. Everybody may be able to write to its parent. On failure there is no descriptor, and errno says why;
+// EPERM: the directory belongs to another user or is open to others.
+UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
+  if (if_missing == IfMissing::kMake && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return {};
+  UniqueFd directory(::open(path.c_str(), kOpenFlags | O_NOFOLLOW));
+  struct stat found {};
+  if (!directory || ::fstat(directory.get(), &found) != 0) return {};
+  if (belongs_to_user(found) && (found.st_mode & 0077) == 0) return directory;
+  directory.reset();
+  errno = EPERM;
+  return {};
+}
+
 void warn_once(const std::string& path, int error) {
   static std::atomic<bool> has_warned{false};
   if (has_warned.exchange(true)) return;
@@ -49,6 +63,29 @@ void warn_once(const std::string& path, int error) {
 }
 
 }  // namespace
+
+std::string environment(const char* name, const char* otherwise) {
+  const char* const value = std::getenv(name);
+  return value != nullptr && *value != '\0' ? value : otherwise;
+}
+
+std::string environment_path(const char* name) {
+  std::string path = environment(name);
+  return path.starts_with('/') ? path : "";
+}
+
+std::string read_small_file(const std::string& path) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  char bytes[1024];
+  const ssize_t length = file ? ::read(file.get(), bytes, sizeof bytes) : -1;
+  return length > 0 ? std::string(bytes, static_cast<size_t>(length)) : "";
+}
+
+std::string boot_id() {
+  std::string id = read_small_file("/proc/sys/kernel/random/boot_id");
+  id.erase(std::min(id.find('\n'), id.size()));
+  return id;
+}
 
 UniqueFd open_directory(const std::string& path, IfMissing if_missing) {
   std::error_code error;
@@ -61,17 +98,6 @@ UniqueFd open_directory(const std::string& path, IfMissing if_missing) {
 UniqueFd open_directory_at(int parent, const std::string& name, IfMissing if_missing) {
   if (if_missing == IfMissing::kMake && ::mkdirat(parent, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
   return UniqueFd(::openat(parent, name.c_str(), kOpenFlags));
-}
-
-UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
-  if (if_missing == IfMissing::kMake && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return {};
-  UniqueFd directory(::open(path.c_str(), kOpenFlags | O_NOFOLLOW));
-  struct stat found {};
-  if (!directory || ::fstat(directory.get(), &found) != 0) return {};
-  if (belongs_to_user(found) && (found.st_mode & 0077) == 0) return directory;
-  directory.reset();
-  errno = EPERM;
-  return {};
 }
 
 std::string user_state_directory() {

@@ -1,0 +1,161 @@
+// What client, notifier and voter handles consist of: descriptors, the table of the handles, and a thread for
+// callbacks.
+//
+// A child of fork() shares none of them with its parent. A release returns after the last callback of the handle has
+// returned; a release inside a callback of the handle does not wait for that callback.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "qmi_client.h"
+
+namespace pelmar::platform {
+
+// The number of forks between the program's start and this process. If it changes during a callback, the callback has
+// returned in a child, where threads that do not exist may hold the locks of handles.
+unsigned fork_count();
+
+// A file descriptor that a child of fork() does not share.
+//
+// A child's copy of a socket could end its parent's connection, and would keep it open after the parent's end. All such
+// descriptors are therefore on one list, and a child closes its copies before fork() returns. The objects that a child
+// inherits have no descriptor then, so they cannot reach the parent's peers.
+class ProcessFd {
+ public:
+  ProcessFd() = default;
+  // Owns what `create` returns, or nothing if that is negative. A fork waits for `create` to return.
+  explicit ProcessFd(int (*create)());
+  ProcessFd(ProcessFd&& other) noexcept { *this = std::move(other); }
+  ProcessFd& operator=(ProcessFd&& other) noexcept;
+  ~ProcessFd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset();
+
+ private:
+  friend unsigned fork_count();
+  class List;
+
+  int fd_ = -1;
+  ProcessFd* previous_ = nullptr;
+  ProcessFd* next_ = nullptr;
+};
+
+// A handle is a number in the form of a pointer. No number is used twice in a process, so that a stale or invented
+// handle, or one of the parent in a child of fork(), is never taken for a live one.
+template <typename Handle = qmi_client_type>
+Handle new_handle() {
+  static std::atomic<uintptr_t> last{0};
+  constexpr uintptr_t kStep = 16;  // a caller that checks the alignment takes the handle for an address
+  return reinterpret_cast<Handle>(last.fetch_add(kStep, std::memory_order_relaxed) + kStep);
+}
+
+// The live handles of one kind.
+template <typename T, typename Handle = qmi_client_type>
+class HandleTable {
+ public:
+  // A child of fork() starts with a new, empty table and never touches its parent's: threads that the child does not
+  // have may hold the locks there. No table is destroyed, because threads may use it until the process ends.
+  static HandleTable& of_this_process() {
+    constinit static std::atomic<HandleTable*> current{nullptr};
+    HandleTable* table = current.load();
+    if (table != nullptr && table->forks_ == fork_count()) return *table;
+    auto* const own = new HandleTable;
+    if (current.compare_exchange_strong(table, own)) return *own;
+    delete own;
+    return *table;
+  }
+
+  void add(Handle handle, std::shared_ptr<T> object) {
+    const std::lock_guard lock(mutex_);
+    objects_.emplace(handle, std::move(object));
+  }
+
+  // Null for a handle that is not in the table.
+  std::shared_ptr<T> find(Handle handle) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = objects_.find(handle);
+    return found == objects_.end() ? nullptr : found->second;
+  }
+
+  // Of several callers with one handle, only one gets the object; the others get null.
+  std::shared_ptr<T> remove(Handle handle) {
+    const std::lock_guard lock(mutex_);
+    auto node = objects_.extract(handle);
+    return node ? std::move(node.mapped()) : nullptr;
+  }
+
+  std::vector<std::shared_ptr<T>> all() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::shared_ptr<T>> list;
+    for (const auto& entry : objects_) list.push_back(entry.second);
+    return list;
+  }
+
+ private:
+  const unsigned forks_ = fork_count();
+  mutable std::mutex mutex_;
+  std::unordered_map<Handle, std::shared_ptr<T>> objects_;
+};
+
+// A thread that serves one handle, with a descriptor that wakes it. The thread blocks all signals, so that the
+// program's own threads handle them.
+class FrameworkThread {
+ public:
+  FrameworkThread();
+
+  // `body` keeps alive what it needs, and returns once its owner stops it.
+  void start(std::function<void()> body);
+
+  bool is_current() const { return thread_.get_id() == std::this_thread::get_id(); }
+
+  // Runs a callback on the thread. If the callback forks and returns in the child too, this is the child's only thread
+  // and has nothing to serve there: the child ends, as a process does with its last thread.
+  template <typename Callback>
+  static void run_callback(Callback callback) {
+    const unsigned forks = fork_count();
+    callback();
+    if (fork_count() != forks) std::exit(0);
+  }
+
+  // Readable after wake() until acknowledge().
+  int descriptor() const { return wake_.get(); }
+  void wake();
+  void acknowledge();
+
+  // Waits for the thread's end. Called on the thread itself, it detaches the thread.
+  void finish();
+  void detach();
+
+ private:
+  ProcessFd wake_;
+  std::thread thread_;
+};
+
+// The callbacks that run on callers' threads, during a registration.
+class CallerCallbacks {
+ public:
+  // False in a child of fork() that the callback made: the caller must return without taking a lock.
+  [[nodiscard]] bool run(const std::function<void()>& callback);
+
+  // Waits until no callback runs on another thread.
+  void wait_for_others();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::vector<std::thread::id> running_;
+};
+
+}  // namespace pelmar::platform
