@@ -7,18 +7,13 @@ set(PELMAR_CLIENT_SOURCES
   hal/hydra/modem_api/modem_api_nv.cpp
   hal/hydra/modem_api/modem_api_radio.cpp
   hal/hydra/modem_api/modem_api_stats.cpp
-  hal/hydra/modem_api/modem_api_table.cpp
   hal/hydra/modem_api/modem_api_white_list.cpp
   hal/hydra/modem_api/nas/nas_0_client.cpp
   hal/hydra/modem_api/nas/nas_1_client.cpp
-  hal/hydra/modem_api/nas/nas_requests.cpp
   hal/hydra/modem_api/sar/sar_client.cpp
   hal/hydra/modem_api/service_client.cpp
-  hal/hydra/modem_api/service_client_indication.cpp
   hal/hydra/modem_api/service_client_reconnect.cpp
   hal/hydra/modem_api/vs/vs_client.cpp
-  hal/hydra/modem_api/vs/vs_events.cpp
-  hal/hydra/modem_api/vs/vs_service_object.cpp
 )
 
 # The common utilities and the traced allocation.

@@ -1,7 +1,7 @@
-// Traced allocation: zeroed blocks and the list of those that are alive while tracing is on.
+// Traced allocation: zeroed blocks, and the list of the allocated ones while tracing is on.
 //
-// Tracing is decided once, by the first allocation. The lock guards the list; the tracing flag is also read without it,
-// so that allocations of an untraced process take no lock.
+// The first allocation decides whether tracing is on. The lock guards the list. The tracing flag is also read without
+// the lock, so that an untraced process takes no lock.
 #include "hydra_mem.h"
 
 #include <fcntl.h>
@@ -17,8 +17,8 @@
 #include <mutex>
 
 #include "cutils/properties.h"
-#include "pelmar_lock.h"
 #include "pelmar_log_site.h"
+#include "pelmar_thread.h"
 
 namespace pelmar {
 namespace {
@@ -68,7 +68,7 @@ void stamp_local_time(hydra_mem_trace_node& node) {
   node.sec = local.tm_sec;
 }
 
-// A block whose record cannot be allocated is simply not traced.
+// If there is no memory for a record, the block is not traced.
 void trace(void* block, size_t size, const char* func) {
   auto* const node = static_cast<hydra_mem_trace_node*>(std::calloc(1, sizeof(hydra_mem_trace_node)));
   if (node == nullptr) return;
@@ -85,8 +85,8 @@ void trace(void* block, size_t size, const char* func) {
   ++hydra_mem_trace_count;
 }
 
-// The oldest record of an address is the one that goes: the block is given back before its record, so the address may
-// have been handed out, and recorded, again meanwhile.
+// Removes the oldest record of the address: the block is freed before its record, so another thread may have allocated
+// and recorded the address again.
 void untrace(uintptr_t address) {
   const std::lock_guard lock(hydra_mem_trace_lock);
   auto* node = hydra_mem_trace_head;
@@ -98,7 +98,7 @@ void untrace(uintptr_t address) {
   std::free(node);
 }
 
-// The last part of a process's program path; empty when it cannot be read.
+// The last part of a process's program path; empty if it cannot be read.
 void hydra_mem_get_proc_name(int32_t pid, char (&name)[kProcessNameBytes]) {
   name[0] = '\0';
   char path[50];
@@ -120,7 +120,7 @@ void hydra_mem_get_proc_name(int32_t pid, char (&name)[kProcessNameBytes]) {
   close(file);
 }
 
-// Appends one record to what is left of the dump. Returns the entry's length, or 0 when it does not fit whole.
+// Appends one record to the dump. Returns the entry's length, or 0 if the whole entry does not fit.
 size_t write_entry(const hydra_mem_trace_node& node, char* out, size_t room) {
   char process[kProcessNameBytes];
   hydra_mem_get_proc_name(node.pid, process);
@@ -134,7 +134,7 @@ size_t write_entry(const hydra_mem_trace_node& node, char* out, size_t room) {
   return fits ? static_cast<size_t>(length) : 0;
 }
 
-// False when the room ran out; the text then ends behind the last whole entry.
+// False if not all entries fit; the text then ends after the last whole entry.
 bool write_entries(char* buf, size_t size) {
   size_t offset = 0;
   for (const auto* node = hydra_mem_trace_head; node != nullptr; node = node->next) {
@@ -158,7 +158,8 @@ extern "C" {
 void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
   Operation operation(PELMAR_HERE);
   if (!hydra_mem_inited.load(std::memory_order_relaxed) && !hydra_mem_inited.exchange(true)) hydra_mem_init();
-  // Zeroed by the system where the block is large: a length that a modem made up takes no memory until it is written.
+  // The system provides the zeros of a large block, so a length that a modem invents takes no memory until it is
+  // written.
   void* const block = std::calloc(1, size);
   if (block == nullptr) {
     PELMAR_LOG_ERROR("Fail to allocate memory");
@@ -171,13 +172,13 @@ void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
 void hydra_free_adv(void* ptr, const char*, int32_t) {
   Operation operation(PELMAR_HERE);
   if (ptr == nullptr) return;
-  // Compared, never followed; volatile, because compilers warn of any number that came from a freed pointer.
+  // Only compared. Volatile, because compilers warn about any use of a freed pointer's number.
   const volatile uintptr_t address = reinterpret_cast<uintptr_t>(ptr);
   std::free(ptr);
   if (tracing()) untrace(address);
 }
 
-// The whole walk holds the lock, so that no record is freed under it; a thread that wants the list waits.
+// Holds the lock from the first entry to the last, so that no thread frees a record meanwhile.
 int32_t hydra_mem_trace_dump(char* buf, int32_t size) {
   Operation operation(PELMAR_HERE);
   const size_t room = buf != nullptr && size > 0 ? static_cast<size_t>(size) : 0;

@@ -1,4 +1,6 @@
-// Setting the library up, opening and freeing clients, and relaying the state of their connections.
+// The client table, and the functions that set the library up, open and free clients, and report the state of their
+// connections.
+#include <sched.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -7,20 +9,44 @@
 #include "modem_api_command.h"
 #include "modem_api_table.h"
 #include "nas_client.h"
-#include "pelmar_lock.h"
 #include "pelmar_log_site.h"
 #include "sar_client.h"
 #include "vs_client.h"
 
 namespace pelmar {
+
+constinit ClientTable g_client_table;
+
+modem_api_client* ClientSlot::claim() {
+  modem_api_client* const record = get();
+  if (record == claimed_) return nullptr;
+  claimed_ = record;
+  return record;
+}
+
+void ClientSlot::remove(modem_api_client* claimed) {
+  if (claimed_ == claimed) claimed_ = nullptr;
+  modem_api_client* expected = claimed;
+  if (!record_.compare_exchange_strong(expected, nullptr, std::memory_order_seq_cst)) return;
+  while (pins_.load(std::memory_order_seq_cst) != 0) sched_yield();
+  TracedDelete()(claimed);
+}
+
+bool is_ready(int32_t client_id, modem_api_client_type type) {
+  ClientSlot* const slot = g_client_table.slot_of(client_id);
+  if (slot == nullptr) return false;
+  const PinnedClient client(*slot);
+  return client && client->type == type && client->status.load(std::memory_order_acquire) == OPERATIONAL_STATUS_UP;
+}
+
 namespace {
 
-// What a client type opens, and its names in the lines that refuse a second client of the type.
+// The functions of a client type's connection, and its names in the lines that refuse a second client of the type.
 struct ClientType {
   void (*set_status_callback)(modem_api_operational_status_fn callback);
   bool (*init)(modem_api_event_cb event_cb);
   bool (*release)();
-  int32_t subscription;  // whose indications are registered after the opening; negative: none
+  int32_t subscription;  // its indications are registered after the opening; negative: none
   const char* pending_name;
   const char* open_name;
 };
@@ -36,7 +62,6 @@ constexpr ClientType kClientTypes[MODEM_API_CLIENT_TYPES] = {
 constinit Lock g_init_lock;
 int32_t g_init_count = 0;  // never above 1; guarded by the init lock
 
-// The table lock is initialised statically: clearing the table needs nothing of it.
 void clear_table() {
   for (ClientSlot& slot : g_client_table.slots) slot.abandon();
 }
@@ -52,7 +77,7 @@ modem_api_result refuse_second_client(const Operation& operation, modem_api_clie
   return MODEM_API_ERR_ALREADY_INITIALIZED;
 }
 
-// Puts a new record into the first empty slot, unless a client of its type is there.
+// Puts a new record into the first empty slot, unless the table has a client of its type.
 modem_api_result add_record(const Operation& operation, TracedPtr<modem_api_client> record, int32_t* client_id) {
   const std::lock_guard lock(g_client_table.lock);
   for (ClientSlot& slot : g_client_table.slots) {
@@ -72,7 +97,7 @@ modem_api_result add_record(const Operation& operation, TracedPtr<modem_api_clie
   return MODEM_API_ERR_NO_FREE_CLIENT;
 }
 
-// Returns the status callback where the status is one that it is called with.
+// Returns the status callback if it must be called with this status, else null.
 modem_api_status_cb update_status(const Operation& operation, ClientSlot& slot, int32_t client_id, uint32_t type,
                                   uint32_t status) {
   modem_api_status_cb callback;
@@ -94,10 +119,7 @@ using namespace pelmar;
 
 modem_api_result modem_api_init() {
   Operation operation(PELMAR_HERE);
-  if (modem_api_check_white_list() == 0) {
-    PELMAR_LOG_ERROR("check fail, do nothing");
-    return operation.exit(MODEM_API_ERR_NOT_INITIALIZED);
-  }
+  if (modem_api_check_white_list() == 0) return operation.fail(MODEM_API_ERR_NOT_INITIALIZED, "check fail, do nothing");
   {
     const std::lock_guard lock(g_init_lock);
     if (g_init_count == 0) {
@@ -105,7 +127,7 @@ modem_api_result modem_api_init() {
       g_init_count = 1;
     }
   }
-  // Each call rebuilds the contexts of all connections, also when the table was set up already.
+  // Each call rebuilds the contexts of all connections, even if the table was set up already.
   vs_init();
   sar_init();
   nas_0_init();
@@ -129,15 +151,9 @@ modem_api_result modem_api_release() {
 modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_event_cb event_cb,
                                        modem_api_status_cb status_cb, int32_t* client_id) {
   Operation operation(PELMAR_HERE);
-  if (modem_api_check_white_list() == 0) {
-    PELMAR_LOG_ERROR("check fail, do nothing");
-    return operation.exit(MODEM_API_ERR_NOT_INITIALIZED);
-  }
+  if (modem_api_check_white_list() == 0) return operation.fail(MODEM_API_ERR_NOT_INITIALIZED, "check fail, do nothing");
   void* const block = hydra_malloc_adv(sizeof(modem_api_client), __func__, __LINE__);
-  if (block == nullptr) {
-    PELMAR_LOG_ERROR("could not allocate memory");
-    return operation.exit(MODEM_API_ERR_NO_MEMORY);
-  }
+  if (block == nullptr) return operation.fail(MODEM_API_ERR_NO_MEMORY, "could not allocate memory");
   TracedPtr<modem_api_client> record(new (block) modem_api_client{});
   if (type >= MODEM_API_CLIENT_TYPES) {
     PELMAR_LOG_ERROR("modem api client type %d not supported", static_cast<int>(type));
@@ -159,7 +175,7 @@ modem_api_result modem_api_init_client(modem_api_client_type type, modem_api_eve
     {
       const std::lock_guard lock(g_client_table.lock);
       ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
-      // The slot may be another client's by now: modem_api_release() empties the table at any time.
+      // The slot may belong to another client now: modem_api_release() may empty the table at any time.
       modem_api_client* const failed = slot.get() == own ? slot.claim() : nullptr;
       if (failed != nullptr) slot.remove(failed);
     }
@@ -184,10 +200,7 @@ modem_api_result modem_api_free_client(int32_t client_id) {
     const std::lock_guard lock(g_client_table.lock);
     record = slot->claim();
   }
-  if (record == nullptr) {
-    PELMAR_LOG_ERROR("client already freed");
-    return operation.exit(MODEM_API_SUCCESS);
-  }
+  if (record == nullptr) return operation.fail(MODEM_API_SUCCESS, "client already freed");
   // We do not hold the table lock: the release waits for callbacks, which may need it.
   if (record->type < MODEM_API_CLIENT_TYPES) kClientTypes[record->type].release();
   {
@@ -203,7 +216,7 @@ void modem_api_operational_status_cb(uint32_t client_type, uint32_t status) {
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     ClientSlot& slot = g_client_table.slots[static_cast<size_t>(id)];
     const modem_api_status_cb callback = update_status(operation, slot, id, client_type, status);
-    // The callback may free its client: the record is not looked at any more.
+    // The callback may free its client, so we do not use the record any more.
     if (callback != nullptr) callback(notice, client_type);
   }
 }

@@ -1,4 +1,4 @@
-// Result codes, and the pass-through command in its two forms.
+// Result codes, and the synchronous and the asynchronous pass-through command.
 #include "modem_api_command.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@ struct ErrorMapping {
   modem_api_result result;
 };
 
-// QMI errors that have a result of their own; every other is MODEM_API_ERR_GENERIC.
+// The results of QMI errors; all other errors are MODEM_API_ERR_GENERIC.
 constexpr ErrorMapping kErrorMappings[] = {
     {QMI_ERR_NONE_V01, MODEM_API_SUCCESS},
     {QMI_ERR_ABORTED_V01, MODEM_API_ERR_ABORTED},
@@ -40,7 +40,7 @@ modem_api_result map_response(const vs::ResponseHeader& response) {
 modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* response) {
   switch (transport_code) {
     case QMI_NO_ERR:
-    case QMI_SERVICE_ERR:  // Compatibility: the response counts, and one that the platform left zeroed is a success.
+    case QMI_SERVICE_ERR:  // Compatibility: the response decides, and one that the platform left zeroed is a success.
       return map_response(*response);
     case QMI_TIMEOUT_ERR:
       return MODEM_API_ERR_TIMEOUT;
@@ -52,7 +52,7 @@ modem_api_result map_outcome(int32_t transport_code, const vs::ResponseHeader* r
   }
 }
 
-// A negative length goes out as it is: the codec refuses it.
+// A negative length is not checked here: the codec refuses it.
 void fill(vs::PassThroughRequest& request, const uint8_t* payload, int32_t length) {
   request.payload_len = static_cast<uint32_t>(length);
   if (length > 0) std::memcpy(request.payload, payload, static_cast<size_t>(length));
@@ -65,33 +65,28 @@ struct CallbackRecord {
 };
 static_assert(sizeof(void*) != 8 || sizeof(CallbackRecord) == 16);
 
-// Hands the response's data to the callback in a block of its own, which the client frees. The block has the length
-// that the modem states; what a response cannot hold is zero.
+void deliver_result(const CallbackRecord& record, uint32_t result) {
+  record.callback(nullptr, 0, record.user_data, result);
+}
+
+// Passes the response's data to the callback in a new block, which the client frees. The block has the length that the
+// modem states; the bytes beyond a response's capacity are zero.
 void deliver_data(const vs::PassThroughResponse& response, const CallbackRecord& record) {
   const uint32_t length = response.data_len;
   auto* const block = static_cast<uint8_t*>(hydra_malloc_adv(length, "modem_api_common_command_cb_handler", __LINE__));
-  if (block == nullptr) {
-    record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
-    return;
-  }
+  if (block == nullptr) return deliver_result(record, MODEM_API_ERR_NO_MEMORY);
   std::memcpy(block, response.data, std::min<size_t>(length, sizeof(response.data)));
   record.callback(block, length, record.user_data, MODEM_API_SUCCESS);
 }
 
 void deliver_response(uint32_t msg_id, const void* response, uint32_t response_length, const CallbackRecord& record,
                       int32_t transport_code) {
-  if (response == nullptr || response_length == 0) {
-    record.callback(nullptr, 0, record.user_data, MODEM_API_ERR_NO_MEMORY);
-    return;
-  }
+  if (response == nullptr || response_length == 0) return deliver_result(record, MODEM_API_ERR_NO_MEMORY);
   const modem_api_result result =
       modem_api_map_qmi_error_to_modem_api(transport_code, static_cast<const vs::ResponseHeader*>(response));
-  if (result != MODEM_API_SUCCESS) {
-    record.callback(nullptr, 0, record.user_data, static_cast<uint32_t>(result));
-    return;
-  }
+  if (result != MODEM_API_SUCCESS) return deliver_result(record, static_cast<uint32_t>(result));
   if (msg_id == vs::kPassThrough) deliver_data(*static_cast<const vs::PassThroughResponse*>(response), record);
-  record.callback(nullptr, 0, record.user_data, MODEM_API_RESP_END);
+  deliver_result(record, MODEM_API_RESP_END);
 }
 
 }  // namespace
@@ -149,8 +144,8 @@ modem_api_result modem_api_common_command_async(int32_t client_id, const uint8_t
   }
   auto* const record = new (block.release()) CallbackRecord{callback, user_data};
 
-  // Compatibility: both blocks belong to the exchange from here on, also when the send is refused; they are then lost.
-  // An accepted exchange may have ended already, so that its response is not looked at.
+  // Compatibility: both blocks belong to the exchange from here on, and leak if the send is refused. An accepted
+  // exchange may have ended already, so we do not read its response.
   auto* const buffer = static_cast<vs::PassThroughResponse*>(response.release());
   const int32_t code = vs_client_send_msg_async(vs::kPassThrough, &request, sizeof(vs::PassThroughRequest), buffer,
                                                 sizeof(vs::PassThroughResponse), record);

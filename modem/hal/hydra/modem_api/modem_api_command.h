@@ -14,8 +14,8 @@
 
 namespace pelmar {
 
-// A request or response structure with every byte zero, padding included. It stays where it was made: a copy, such as
-// one that a function returns in registers, may carry other bytes in its padding.
+// A request or response structure with every byte zero, padding included. It cannot be copied, because a copy may have
+// other bytes in its padding.
 template <typename Structure>
 struct Zeroed : Structure {
   Zeroed() { std::memset(static_cast<Structure*>(this), 0, sizeof(Structure)); }
@@ -23,12 +23,12 @@ struct Zeroed : Structure {
   Zeroed& operator=(const Zeroed&) = delete;
 };
 
-// A command of the client API while it runs: an operation that may refuse its caller, and that logs its outcome.
+// A running command of the client API: an operation that may refuse its caller, and that logs its outcome.
 class Command : public Operation {
  public:
   using Operation::Operation;
 
-  // The command ends with an error: because of a client, a length or a count, or because of a null pointer.
+  // Log why the command ends with an error, and exit: for a wrong client, length or count, or for a null pointer.
   modem_api_result refuse(modem_api_result error, int line = __builtin_LINE());
   modem_api_result refuse_null(modem_api_result error, int line = __builtin_LINE());
 
@@ -39,7 +39,7 @@ class Command : public Operation {
 using SendSync = int32_t (*)(uint32_t msg_id, void* request, uint32_t request_length, void* response,
                              uint32_t response_length);
 
-// The connection that a command goes through: its client type, and its send function.
+// The connection of a command: its client type, and its send function.
 struct ServiceSender {
   modem_api_client_type type;
   SendSync send;
@@ -51,14 +51,14 @@ inline ServiceSender nas_client_of(int32_t sub) {
                   : ServiceSender{MODEM_API_CLIENT_NAS_1, nas_1_client_send_msg_sync};
 }
 
-// One exchange with the vendor-specific service, mapped to its result.
+// One exchange with the vendor-specific service. Returns its result.
 template <typename Request, typename Response>
 modem_api_result exchange_vs(vs::MessageId msg_id, Request& request, Response& response) {
   const int32_t code = vs_client_send_msg_sync(msg_id, &request, sizeof(request), &response, sizeof(response));
   return modem_api_map_qmi_error_to_modem_api(code, &response.header);
 }
 
-// The same for messages whose response is their outcome alone.
+// The same for a message whose response has only a result.
 template <typename Request>
 modem_api_result exchange_vs(vs::MessageId msg_id, Request& request) {
   Zeroed<vs::PlainResponse> response;

@@ -1,7 +1,7 @@
-// Event subscriptions of vendor-specific clients, and the requests that turn reporting on.
+// Event subscriptions of vendor-specific clients, and the requests that switch the modem's reports on.
 //
-// A subscription changes nothing at the modem until modem_api_set_vs_event_report() sends it. Every event that the
-// modem reports is delivered, whatever the subscriptions are.
+// A subscription has no effect at the modem until modem_api_set_vs_event_report() sends it. Every event that the modem
+// reports is delivered, with or without a subscription.
 #include <mutex>
 
 #include "modem_api_command.h"
@@ -15,7 +15,7 @@ namespace {
 constexpr int32_t kFirstSubscribable = MODEM_API_EVENT_VS_REPORT_A;
 constexpr int32_t kLastSubscribable = MODEM_API_EVENT_VS_REPORT_C;
 
-// Sets the flag of a subscribable event to `subscribed` under the table lock and stores its former value.
+// Sets the flag of a subscribable event to `subscribed` under the table lock and returns its old value in `before`.
 modem_api_result exchange_flag(const log::Place& here, int32_t client_id, int32_t event, bool subscribed,
                                bool& before) {
   if (client_id < 0) return MODEM_API_ERR_INVALID_CLIENT;

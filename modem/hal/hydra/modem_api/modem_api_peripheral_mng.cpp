@@ -1,14 +1,14 @@
-// This process as a voter for the modem's power.
+// The vote of this process for the modem's power.
 //
-// The connection record is written by the initialisation and read, without a lock, by everything else, also on the
-// manager's thread.
+// The initialisation writes the connection record; all other functions read it without a lock, also on the manager's
+// thread.
 #include "modem_api_peripheral_mng.h"
 
 #include <cstdio>
 
 #include "pelmar_log_site.h"
+#include "pelmar_thread.h"
 #include "pm-service.h"
-#include "shared_word.h"
 
 constinit modem_api_peripheral_mng_connection modem_api_peripheral_mng_conn_info = {};
 constinit esoc_info_record esoc_info = {};
@@ -23,22 +23,9 @@ void on_event(void* client_data, pm_event event) {
 }
 
 void log_event(const Operation& operation, const char* name, int32_t event) {
-  switch (event) {
-    case EVENT_PERIPH_GOING_OFFLINE:
-      PELMAR_LOG_DEBUG_IN(operation, "%s is going off-line\n", name);
-      return;
-    case EVENT_PERIPH_IS_OFFLINE:
-      PELMAR_LOG_DEBUG_IN(operation, "%s is off-line\n", name);
-      return;
-    case EVENT_PERIPH_GOING_ONLINE:
-      PELMAR_LOG_DEBUG_IN(operation, "%s going on-line\n", name);
-      return;
-    case EVENT_PERIPH_IS_ONLINE:
-      PELMAR_LOG_DEBUG_IN(operation, "%s is on-line\n", name);
-      return;
-    default:
-      PELMAR_LOG_DEBUG_IN(operation, "%s: invalid event\n", name);
-  }
+  constexpr const char* kTexts[] = {" is going off-line", " is off-line", " going on-line", " is on-line"};
+  const bool is_valid = event >= EVENT_PERIPH_GOING_OFFLINE && event <= EVENT_PERIPH_IS_ONLINE;
+  PELMAR_LOG_DEBUG_IN(operation, "%s%s\n", name, is_valid ? kTexts[event] : ": invalid event");
 }
 
 }  // namespace
@@ -49,7 +36,7 @@ using namespace pelmar;
 int32_t modem_api_peripheral_mng_init(const char* device_name) {
   Operation operation(PELMAR_HERE);
   std::snprintf(g_connection.name, sizeof(g_connection.name), "%s", device_name);
-  // The platform stores the handle in the record itself: the first event may come before the registration returns.
+  // The platform stores the handle in the record, because the first event may come before the registration returns.
   void* const previous_handle = load(g_connection.handle);
   pm_event state = EVENT_PERIPH_IS_OFFLINE;
   const int ret =

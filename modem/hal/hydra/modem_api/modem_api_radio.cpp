@@ -1,4 +1,4 @@
-// Radio controls: one exchange a call, with the service that belongs to the client's type.
+// Radio controls. Each call is one exchange with the service of the client's type.
 #include "modem_api_command.h"
 #include "nas_client.h"
 #include "nas_messages.h"
@@ -21,7 +21,7 @@ void copy_cell_ids(const nas::LteCell (&cells)[nas::kMaxLteCells], uint16_t* ids
   for (size_t i = 0; i < nas::kMaxLteCells; ++i) ids[i] = cells[i].physical_cell_id;
 }
 
-// A SAR or NAS command whose response is its outcome alone; the outcome is logged.
+// A SAR or NAS command whose response has only a result, which is logged.
 template <typename Request>
 modem_api_result send_control(Command& command, int32_t client_id, const ServiceSender& client, uint32_t msg_id,
                               Request& request) {
@@ -69,7 +69,8 @@ modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* valid, uint32_t* 
   return command.exit(MODEM_API_SUCCESS);
 }
 
-// Compatibility: the outputs are copied whatever the modem responded, and the result word alone decides the result.
+// Compatibility: the outputs are copied even if the modem reports an error, and only the result word decides the
+// result.
 modem_api_result modem_api_get_cell_info(int32_t client_id, int32_t sub, uint16_t* intra_pci, uint16_t* inter_earfcn,
                                          uint16_t* inter_pci, uint8_t* timing_advance_valid, uint32_t* timing_advance,
                                          uint8_t* nr_arfcn_valid, uint32_t* nr_arfcn) {
@@ -102,7 +103,7 @@ modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, ui
                                              const uint32_t* params) {
   Command command(PELMAR_HERE);
   Zeroed<nas::SetLteCellLockRequest> request;
-  // A count beyond the capacity goes out as it is, and the codec refuses it; the cells beyond are not read.
+  // The codec refuses a count above the capacity; the cells above it are not read.
   request.lock_count = count;
   for (uint32_t i = 0; i < count && i < nas::kMaxCellLocks; ++i) {
     request.locks[i].value = static_cast<uint16_t>(values[i]);

@@ -1,6 +1,6 @@
 // Statistics commands: feature status, report switching, registration, reading and clearing of values.
 //
-// Counts above a capacity are cut without a message; on any failure the caller's outputs stay as they were.
+// A count above a capacity is cut without a log line. A failure does not change the caller's outputs.
 #include <algorithm>
 
 #include "modem_api_command.h"
@@ -10,7 +10,7 @@
 namespace pelmar {
 namespace {
 
-// Valid bytes go out as they are; a value only beside a valid byte that is not zero.
+// Copies the valid bytes as they are, and a value only if its valid byte is not zero.
 template <typename Request>
 void set_options(Request& request, uint8_t option1_valid, uint16_t option1, uint8_t option2_valid, uint16_t option2) {
   request.option1_valid = option1_valid;
@@ -28,7 +28,7 @@ void copy_registration(const modem_api_stats_registration& from, vs::StatsEntry&
   to.trailer = from.trailer;
 }
 
-// The value as a log line shows it: its first word, and the bytes that follow as text.
+// Logs an entry: the first word of its value, and the following bytes as text.
 void log_entry(const Operation& operation, uint32_t index, const stats_para_entry& entry) {
   const bool passes = pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_DEBUG) ||
                       pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_DEBUG);
@@ -137,10 +137,7 @@ int32_t modem_api_get_stats_parameter(int32_t client_id, uint16_t sub, uint16_t 
   Command command(PELMAR_HERE);
   PELMAR_LOG_DEBUG("client_id = %d, sub = %d, slot = %d", client_id, sub, slot);
   if (!is_ready(client_id, MODEM_API_CLIENT_VS)) return command.refuse(MODEM_API_ERR_INVALID_CLIENT);
-  if (data == nullptr) {
-    PELMAR_LOG_DEBUG("stats_para_data is null");
-    return command.exit(MODEM_API_ERR_INVALID_PARAM);
-  }
+  if (data == nullptr) return command.finish(MODEM_API_ERR_INVALID_PARAM, "stats_para_data is null");
   const uint32_t count = data->para_num;
   if (count < 1 || count > MODEM_API_STATS_ENTRIES) {
     PELMAR_LOG_DEBUG("para_num(%d) is invalid", static_cast<int>(count));

@@ -1,27 +1,37 @@
-// The client table of this process: ten slots, each empty or holding the record of an open client.
+// The client table of this process: ten slots, each empty or with the record of an open client.
 //
-// Records are read by commands and service connections without a lock, while another thread may be freeing one. A
-// reader therefore pins the slot for as long as it looks at the record (a few instructions, never during a send or a
-// callback), and a thread that frees a record empties the slot first and waits until no reader has it pinned.
+// Commands and service connections read records without a lock, while another thread may free one. A reader therefore
+// pins the slot while it reads the record (a few instructions, never during a send or a callback). A thread that frees
+// a record empties the slot first and waits until no reader has the slot pinned.
 //
-// Freeing a client releases its connection, which waits for callbacks; these may use the table. A thread therefore
-// claims the record under the table lock, releases the connection without it, and takes the lock again to remove the
-// record.
+// Freeing a client releases its connection, which waits for callbacks, and callbacks may use the table. A thread
+// therefore claims the record under the table lock, releases the connection without the lock, and takes it again to
+// remove the record.
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
+#include "hydra_mem.h"
 #include "modem_api.h"
-#include "pelmar_lock.h"
-#include "traced_ptr.h"
+#include "pelmar_thread.h"
 
 namespace pelmar {
 
-// One open client. The library itself never reads `pid`: it is there for readers of a memory dump, and for such a
-// reader every field has its place, which is asserted.
+// Owners of blocks from the traced allocator. A block leaves its owner only where ownership leaves the library.
+struct TracedDelete {
+  void operator()(void* block) const { hydra_free_adv(block, __func__, __LINE__); }
+};
+
+// T is trivially destructible, so that freeing the block is enough.
+template <typename T>
+using TracedPtr = std::unique_ptr<T, TracedDelete>;
+
+// One open client. The library never reads `pid`: it is for readers of a memory dump, who also rely on the asserted
+// offsets of the fields.
 struct modem_api_client {
   modem_api_client_type type;
   int32_t pid;  // of the opener
@@ -39,11 +49,13 @@ class ClientSlot {
   bool is_empty() const { return get() == nullptr; }
   void put(TracedPtr<modem_api_client> record) { record_.store(record.release(), std::memory_order_seq_cst); }
 
-  // The record, for the caller to free; null for an empty slot, or when a thread is freeing it. With the table lock.
+  // Returns the record, which the caller must then free; null for an empty slot, or if another thread frees the record.
+  // REQUIRES: the table lock is held.
   modem_api_client* claim();
-  // Frees a claimed record, unless the slot was emptied meanwhile: an abandoned record stays. With the table lock.
+  // Frees a claimed record, unless the slot was emptied meanwhile: an abandoned record is never freed.
+  // REQUIRES: the table lock is held.
   void remove(modem_api_client* claimed);
-  // Empties the slot and leaves the record to itself.
+  // Empties the slot without freeing the record.
   void abandon() { record_.store(nullptr, std::memory_order_seq_cst); }
 
  private:
@@ -54,7 +66,7 @@ class ClientSlot {
   const modem_api_client* claimed_ = nullptr;  // guarded by the table lock
 };
 
-// A look at a slot's record, which stays valid as long as this lives.
+// Pins a slot: its record stays valid as long as this object lives.
 class PinnedClient {
  public:
   explicit PinnedClient(ClientSlot& slot) : slot_(slot) {
@@ -66,8 +78,7 @@ class PinnedClient {
   PinnedClient& operator=(const PinnedClient&) = delete;
 
   explicit operator bool() const { return record_ != nullptr; }
-  const modem_api_client* operator->() const { return record_; }
-  modem_api_client* operator->() { return record_; }
+  modem_api_client* operator->() const { return record_; }
   const modem_api_client& operator*() const { return *record_; }
 
  private:
@@ -77,9 +88,9 @@ class PinnedClient {
 
 struct ClientTable {
   std::array<ClientSlot, MODEM_API_MAX_CLIENTS> slots;
-  Lock lock;  // the table lock: adding and freeing clients, editing their event flags
+  Lock lock;  // the table lock: held to add and free clients, and to change their event flags
 
-  // The slot of a client id, or null for an id that names none.
+  // The slot of a client id, or null for an id out of range.
   ClientSlot* slot_of(int32_t client_id) {
     return client_id >= 0 && client_id < MODEM_API_MAX_CLIENTS ? &slots[static_cast<size_t>(client_id)] : nullptr;
   }
@@ -87,7 +98,7 @@ struct ClientTable {
 
 extern ClientTable g_client_table;
 
-// Whether an id names a client of a type whose service is up. Every command checks this first.
+// Whether the id is that of a client of this type whose service is up. Every command checks this first.
 bool is_ready(int32_t client_id, modem_api_client_type type);
 
 }  // namespace pelmar

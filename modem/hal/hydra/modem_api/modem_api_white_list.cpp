@@ -1,4 +1,4 @@
-// Which processes may use the library: by exact name, compiled in.
+// The names of the processes that may use the library. They are compiled in and must match exactly.
 #include <cstring>
 
 #include "modem_api.h"

@@ -1,12 +1,11 @@
-// Hydra's client of the library, and the statistics client id that the modem grants it.
+// Hydra's client of the library, and the statistics client id that the modem gives it.
 //
-// Hydra is open while it holds a client id. The statistics client id outlives the client: it is overwritten by the next
-// grant and never cleared. No lock is taken; callers drive hydra from one thread at a time.
-#include "modem_hydra_mgr_client.h"
-
+// Hydra is open while it holds a client id. The statistics client id outlives the client: the next id overwrites it,
+// and nothing clears it. There is no lock: callers use hydra on one thread at a time.
 #include <atomic>
 
 #include "modem_hydra.h"
+#include "modem_hydra_mgr_metrics.h"
 #include "pelmar_log_site.h"
 
 namespace pelmar {
@@ -14,23 +13,14 @@ namespace {
 
 constexpr uint32_t kFeature = 2;
 constexpr int32_t kNoId = -1;
-constexpr int32_t kStatsClientIdLimit = 10;  // granted ids are expected below it; another one is kept all the same
+constexpr int32_t kStatsClientIdLimit = 10;  // ids should be below it; a greater one is logged and kept
 
-// The result of commands while hydra is closed: callers do not see it as an error.
+// The result of commands while hydra is closed, which is no error.
 constexpr modem_api_result kNothingDone = MODEM_API_SUCCESS;
 
-class Id {
- public:
-  int32_t get() const { return value_.load(std::memory_order_relaxed); }
-  void set(int32_t value) { value_.store(value, std::memory_order_relaxed); }
-  bool is_set() const { return get() >= 0; }
-
- private:
-  std::atomic<int32_t> value_{kNoId};
-};
-
-constinit Id g_hydra_client_id;
-constinit Id g_hydra_stats_client_id;
+// Negative: no id.
+constinit std::atomic<int32_t> g_hydra_client_id{kNoId};
+constinit std::atomic<int32_t> g_hydra_stats_client_id{kNoId};
 
 bool is_open(const log::Place& here) {
   if (modem_hydra_api_is_inited() != 0) return true;
@@ -45,17 +35,15 @@ bool has_stats_client(const log::Place& here) {
 }
 
 void free_client() {
-  if (g_hydra_client_id.get() == kNoId) return;
-  modem_api_free_client(g_hydra_client_id.get());
-  g_hydra_client_id.set(kNoId);
+  if (g_hydra_client_id.load() == kNoId) return;
+  modem_api_free_client(g_hydra_client_id.load());
+  g_hydra_client_id.store(kNoId);
 }
-
-// --- the feature ---
 
 uint8_t modem_hydra_get_feature_status(uint8_t* enabled, uint8_t* effective) {
   if (!is_open(PELMAR_HERE)) return 0;
   const modem_api_result ret =
-      modem_api_get_hydra_feature_status(g_hydra_client_id.get(), kFeature, enabled, effective);
+      modem_api_get_hydra_feature_status(g_hydra_client_id.load(), kFeature, enabled, effective);
   PELMAR_LOG_DEBUG("ret = %d", ret);
   return ret == MODEM_API_SUCCESS ? 1 : 0;
 }
@@ -63,53 +51,48 @@ uint8_t modem_hydra_get_feature_status(uint8_t* enabled, uint8_t* effective) {
 uint8_t modem_hydra_set_feature_status(uint8_t enable, uint8_t option_valid, uint8_t option) {
   if (!is_open(PELMAR_HERE)) return 0;
   const modem_api_result ret =
-      modem_api_set_hydra_feature_status(g_hydra_client_id.get(), kFeature, enable, option_valid, option);
+      modem_api_set_hydra_feature_status(g_hydra_client_id.load(), kFeature, enable, option_valid, option);
   PELMAR_LOG_DEBUG("ret = %d", ret);
   return ret == MODEM_API_SUCCESS ? 1 : 0;
 }
 
-// --- statistics reporting ---
-
-modem_api_result modem_hydra_add_modem_event(int32_t event) {
-  return is_open(PELMAR_HERE) ? modem_api_add_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
-}
-
-modem_api_result modem_hydra_remove_modem_event(int32_t event) {
-  return is_open(PELMAR_HERE) ? modem_api_remove_modem_event(g_hydra_client_id.get(), event) : kNothingDone;
-}
-
 modem_api_result modem_hydra_set_vs_event_report() {
-  return is_open(PELMAR_HERE) ? modem_api_set_vs_event_report(g_hydra_client_id.get()) : kNothingDone;
+  return is_open(PELMAR_HERE) ? modem_api_set_vs_event_report(g_hydra_client_id.load()) : kNothingDone;
 }
 
-// An enable that fails leaves the id as it was; a disable sends the one that is held.
+// Enabling stores the new id on success; disabling sends the present one.
 modem_api_result modem_hydra_set_modem_stats_report_status(uint8_t flag) {
   if (!is_open(PELMAR_HERE)) return kNothingDone;
-  auto stats_client_id = static_cast<uint32_t>(g_hydra_stats_client_id.get());
-  const modem_api_result ret = modem_api_set_modem_stats_report_status(g_hydra_client_id.get(), flag, &stats_client_id);
-  if (flag != 0 && ret == MODEM_API_SUCCESS) g_hydra_stats_client_id.set(static_cast<int32_t>(stats_client_id));
+  auto stats_client_id = static_cast<uint32_t>(g_hydra_stats_client_id.load());
+  const modem_api_result ret =
+      modem_api_set_modem_stats_report_status(g_hydra_client_id.load(), flag, &stats_client_id);
+  if (flag != 0 && ret == MODEM_API_SUCCESS) g_hydra_stats_client_id.store(static_cast<int32_t>(stats_client_id));
   return ret;
 }
 
-// One direction of switching the events that carry reports.
+// How the events that carry reports are switched on or off.
 struct EventSwitch {
   const char* verb;
   const char* name;
-  modem_api_result (*set_event)(int32_t event);
+  modem_api_result (*set_event)(int32_t client_id, int32_t event);
 };
 
-constexpr EventSwitch kEnable = {"enable", "modem_hydra_add_modem_event", modem_hydra_add_modem_event};
-constexpr EventSwitch kDisable = {"disable", "modem_hydra_remove_modem_event", modem_hydra_remove_modem_event};
+constexpr EventSwitch kEnable = {"enable", "modem_hydra_add_modem_event", modem_api_add_modem_event};
+constexpr EventSwitch kDisable = {"disable", "modem_hydra_remove_modem_event", modem_api_remove_modem_event};
 
-// No effect on the first event: both are as wanted, and the modem has that already.
+modem_api_result set_event(const EventSwitch& row, modem_api_event event) {
+  return is_open(PELMAR_PLACE_AS(row.name)) ? row.set_event(g_hydra_client_id.load(), event) : kNothingDone;
+}
+
+// If the first event has the wanted state already, so has the second, and the modem has the state too.
 bool switch_events(const Operation& operation, const EventSwitch& row) {
-  modem_api_result ret = row.set_event(MODEM_API_EVENT_VS_REPORT_A);
+  modem_api_result ret = set_event(row, MODEM_API_EVENT_VS_REPORT_A);
   PELMAR_LOG_DEBUG_IN(operation, "%s, modem_api_ret = %d", row.verb, ret);
   if (ret == MODEM_API_ERR_NO_EFFECT) {
     PELMAR_LOG_DEBUG_IN(operation, "%s already done", row.name);
     return true;
   }
-  if (ret == MODEM_API_SUCCESS) ret = row.set_event(MODEM_API_EVENT_VS_REPORT_B);
+  if (ret == MODEM_API_SUCCESS) ret = set_event(row, MODEM_API_EVENT_VS_REPORT_B);
   if (ret != MODEM_API_SUCCESS) {
     PELMAR_LOG_DEBUG_IN(operation, "%s fail, modem_api_ret = %d", row.name, ret);
     return false;
@@ -124,16 +107,16 @@ bool switch_reporting(const Operation& operation, uint8_t flag) {
   if (!switch_events(operation, flag != 0 ? kEnable : kDisable)) return false;
   const modem_api_result ret = modem_hydra_set_modem_stats_report_status(flag);
   PELMAR_LOG_DEBUG_IN(operation, "modem_hydra_set_modem_stats_report_status, modem_api_ret = %d, stats_client_id = %d",
-                      ret, g_hydra_stats_client_id.get());
+                      ret, g_hydra_stats_client_id.load());
   if (ret == MODEM_API_SUCCESS) return true;
   PELMAR_LOG_DEBUG_IN(operation, "modem_hydra_set_modem_stats_report_status failed, modem_api_ret = %d", ret);
   return false;
 }
 
-// Returns 0 on success and 1 on a failure. Its own lines go out at debug level, failures included.
+// Returns 0 on success and 1 on a failure. It logs failures at debug level too.
 uint8_t modem_hydra_stats_set_report_status(uint8_t flag) {
   Operation operation(PELMAR_HERE);
-  PELMAR_LOG_DEBUG("flag = %d, stats_client_id = %d", flag, g_hydra_stats_client_id.get());
+  PELMAR_LOG_DEBUG("flag = %d, stats_client_id = %d", flag, g_hydra_stats_client_id.load());
   return switch_reporting(operation, flag) ? 0 : 1;
 }
 
@@ -157,31 +140,31 @@ uint8_t modem_hydra_api_init() {
   return operation.exit(modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb));
 }
 
-// Only the id decides whether hydra is open; the result of the opening is not looked at.
+// The id alone decides whether hydra is open; the result of modem_api_init_client() is ignored.
 uint8_t modem_hydra_api_init_ex(modem_api_event_cb event_cb, modem_api_status_cb status_cb) {
   Operation operation(PELMAR_HERE);
-  PELMAR_LOG_DEBUG("old g_hydra_client_id = %d", g_hydra_client_id.get());
+  PELMAR_LOG_DEBUG("old g_hydra_client_id = %d", g_hydra_client_id.load());
   free_client();
   // Compatibility: this drops every other client of the process.
   modem_api_release();
   modem_api_init();
   int32_t client_id = kNoId;
   modem_api_init_client(MODEM_API_CLIENT_VS, event_cb, status_cb, &client_id);
-  g_hydra_client_id.set(client_id);
+  g_hydra_client_id.store(client_id);
   PELMAR_LOG_DEBUG("new g_hydra_client_id = %d", client_id);
-  if (!g_hydra_client_id.is_set()) PELMAR_LOG_ERROR("modem_api_init_client failed");
-  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.is_set() ? 1 : 0));
+  if (client_id < 0) PELMAR_LOG_ERROR("modem_api_init_client failed");
+  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.load() >= 0 ? 1 : 0));
 }
 
 uint8_t modem_hydra_api_is_inited() {
   Operation operation(PELMAR_HERE);
-  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.get());
-  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.is_set() ? 1 : 0));
+  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.load());
+  return operation.exit(static_cast<uint8_t>(g_hydra_client_id.load() >= 0 ? 1 : 0));
 }
 
 modem_api_result modem_hydra_api_deinit() {
   Operation operation(PELMAR_HERE);
-  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.get());
+  PELMAR_LOG_DEBUG("g_hydra_client_id = %d", g_hydra_client_id.load());
   free_client();
   return operation.exit(modem_api_release());
 }
@@ -210,16 +193,16 @@ uint8_t modem_hydra_stats_stop() {
 
 uint8_t modem_hydra_stats_client_is_inited() {
   Operation operation(PELMAR_HERE);
-  PELMAR_LOG_DEBUG("g_hydra_stats_client_id = %d", g_hydra_stats_client_id.get());
-  return operation.exit(static_cast<uint8_t>(g_hydra_stats_client_id.is_set() ? 1 : 0));
+  PELMAR_LOG_DEBUG("g_hydra_stats_client_id = %d", g_hydra_stats_client_id.load());
+  return operation.exit(static_cast<uint8_t>(g_hydra_stats_client_id.load() >= 0 ? 1 : 0));
 }
 
-// Compatibility: the result is 1 also when the modem refused, and when the id is out of range.
+// Compatibility: the result is 1 even if the modem refuses or the id is out of range.
 uint8_t modem_hydra_stats_id_alloc() {
   Operation operation(PELMAR_HERE);
   modem_hydra_stats_id_free();
   const uint8_t result = modem_hydra_stats_set_report_status(1);
-  const int32_t id = g_hydra_stats_client_id.get();
+  const int32_t id = g_hydra_stats_client_id.load();
   PELMAR_LOG_DEBUG("modem_hydra_stats_set_report_status, TRUE, result = %d, g_hydra_stats_client_id = %d", result, id);
   if (id >= kStatsClientIdLimit) {
     PELMAR_LOG_DEBUG("g_hydra_stats_client_id is out of range, can not >= %d", kStatsClientIdLimit);
@@ -229,13 +212,10 @@ uint8_t modem_hydra_stats_id_alloc() {
 
 void modem_hydra_stats_id_free() {
   Operation operation(PELMAR_HERE);
-  if (modem_hydra_stats_client_is_inited() == 0) {
-    PELMAR_LOG_DEBUG("g_hydra_stats_client_id is not inited");
-    return;
-  }
+  if (modem_hydra_stats_client_is_inited() == 0) return operation.finish("g_hydra_stats_client_id is not inited");
   const uint8_t result = modem_hydra_stats_set_report_status(0);
   PELMAR_LOG_DEBUG("modem_hydra_stats_set_report_status, FALSE, result = %d, g_hydra_stats_client_id = %d", result,
-                   g_hydra_stats_client_id.get());
+                   g_hydra_stats_client_id.load());
 }
 
 modem_api_result modem_hydra_register_modem_stats_data(uint8_t option1_valid, uint16_t option1, uint8_t option2_valid,
@@ -243,9 +223,9 @@ modem_api_result modem_hydra_register_modem_stats_data(uint8_t option1_valid, ui
                                                        uint32_t record_count) {
   Operation operation(PELMAR_HERE);
   if (!is_open(PELMAR_HERE) || !has_stats_client(PELMAR_HERE)) return operation.exit(kNothingDone);
-  return operation.exit(
-      modem_api_register_modem_stats_data(g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()),
-                                          option1_valid, option1, option2_valid, option2, records, record_count));
+  return operation.exit(modem_api_register_modem_stats_data(
+      g_hydra_client_id.load(), static_cast<uint32_t>(g_hydra_stats_client_id.load()), option1_valid, option1,
+      option2_valid, option2, records, record_count));
 }
 
 modem_api_result modem_hydra_deregister_modem_stats_data(uint8_t option1_valid, uint16_t option1, uint8_t option2_valid,
@@ -253,18 +233,18 @@ modem_api_result modem_hydra_deregister_modem_stats_data(uint8_t option1_valid, 
   Operation operation(PELMAR_HERE);
   if (!is_open(PELMAR_HERE) || !has_stats_client(PELMAR_HERE)) return operation.exit(kNothingDone);
   return operation.exit(modem_api_deregister_modem_stats_data(
-      g_hydra_client_id.get(), static_cast<uint32_t>(g_hydra_stats_client_id.get()), option1_valid, option1,
+      g_hydra_client_id.load(), static_cast<uint32_t>(g_hydra_stats_client_id.load()), option1_valid, option1,
       option2_valid, option2, ids, id_count));
 }
 
 modem_api_result modem_hydra_get_stats_parameter(uint16_t sub, uint16_t slot, stats_para_data* data) {
   Operation operation(PELMAR_HERE);
   if (!is_open(PELMAR_HERE)) return operation.exit(kNothingDone);
-  return operation.exit(modem_api_get_stats_parameter(g_hydra_client_id.get(), sub, slot, data));
+  return operation.exit(modem_api_get_stats_parameter(g_hydra_client_id.load(), sub, slot, data));
 }
 
 modem_api_result modem_hydra_clear_stats_parameter(uint16_t sub, uint16_t slot, int32_t id_count, const uint32_t* ids) {
   Operation operation(PELMAR_HERE);
   if (!is_open(PELMAR_HERE)) return operation.exit(kNothingDone);
-  return operation.exit(modem_api_clear_stats_parameter(g_hydra_client_id.get(), sub, slot, id_count, ids));
+  return operation.exit(modem_api_clear_stats_parameter(g_hydra_client_id.load(), sub, slot, id_count, ids));
 }

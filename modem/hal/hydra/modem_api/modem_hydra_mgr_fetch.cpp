@@ -1,12 +1,11 @@
-// One value at a time: its request, the checks of the response, and its bytes with the cursor.
-#include "modem_hydra_mgr_fetch.h"
-
+// Fetches one statistics value: the request, the checks of the response, and the value's bytes with the cursor.
 #include <bit>
+#include <cstdio>
 #include <cstring>
 
 #include "modem_api_command.h"
 #include "modem_hydra.h"
-#include "modem_hydra_mgr_client.h"
+#include "modem_hydra_mgr_metrics.h"
 #include "pelmar_log_site.h"
 #include "service_client.h"
 
@@ -18,14 +17,14 @@ static_assert(std::endian::native == std::endian::little, "fields are copied as 
 constexpr int kMaxValueBytes = MODEM_API_STATS_VALUE_BYTES;
 constexpr uint32_t kSubscriptions = 2;
 
-// The last fetched value. A fetch that fails leaves the bytes zero and the cursor where it was.
+// The last fetched value. A fetch that fails sets the bytes to zero and does not change the cursor.
 struct FetchedValue {
   uint8_t bytes[kMaxValueBytes];
-  int32_t data_left;    // bytes that are not taken yet
-  int32_t data_count;   // bytes that are taken: the offset of the next field
-  uint32_t id;          // of the last value that came
-  uint32_t length;      // as the modem gave it, also when it was refused
-  uint32_t request_no;  // running count of requests; its low 16 bits go out as the slot
+  int32_t data_left;    // bytes behind the cursor
+  int32_t data_count;   // bytes before the cursor: the offset of the next field
+  uint32_t id;          // of the last value that was fetched
+  uint32_t length;      // as the modem stated it, even if it is invalid
+  uint32_t request_no;  // the number of requests so far; its low 16 bits are sent as the slot
 };
 
 constinit FetchedValue g_value = {};
@@ -33,50 +32,39 @@ constinit FetchedValue g_value = {};
 bool ensure_open(const log::Place& here) {
   if (modem_hydra_api_is_inited() != 0) return true;
   PELMAR_LOG_ERROR_AT(here, "The hydra is not inited, will init it");
-  const InCallback waits_for_no_callback;  // which might itself be waiting for its turn to read
+  // We hold the decoder lock; do not wait for callbacks, one of them may need it.
+  const InCallback no_wait;
   modem_hydra_api_init_ex(modem_hydra_callback_event_cb, modem_hydra_operational_status_cb);
   if (modem_hydra_api_is_inited() != 0) return true;
   PELMAR_LOG_ERROR_AT(here, "The hydra init failed, will do nothing");
   return false;
 }
 
-// Whether the response is the one value that was requested; keeps the value's length.
+// Whether the response is the one value that was requested; stores the value's length.
 bool is_expected(const log::Place& here, uint32_t sub, uint32_t id, const stats_para_data& response) {
   const stats_para_entry& entry = response.entries[0];
-  const int number = static_cast<int>(g_value.request_no);
-  const int asked_sub = static_cast<int>(sub);
-  const int asked_id = static_cast<int>(id);
-  const int count = static_cast<int>(response.para_num);
-  if (count == 0) {
-    PELMAR_LOG_ERROR_AT(here, "Fail to get data, empty, number = %d, sub = %d, ret id_num = %d, id = %d", number,
-                        asked_sub, count, asked_id);
+  const auto refuse = [&](const char* problem) {
+    PELMAR_LOG_ERROR_AT(here, "Fail to get data, %s, number = %d, sub = %d, ret id_num = %d, id = %d", problem,
+                        static_cast<int>(g_value.request_no), static_cast<int>(sub),
+                        static_cast<int>(response.para_num), static_cast<int>(id));
     return false;
-  }
-  if (count != 1) {
-    PELMAR_LOG_ERROR_AT(here, "Fail to get data, id num error, number = %d, sub = %d, ret id_num = %d, id = %d", number,
-                        asked_sub, count, asked_id);
-    return false;
-  }
+  };
+  if (response.para_num == 0) return refuse("empty");
+  if (response.para_num != 1) return refuse("id num error");
+  char problem[64];
   if (entry.id != id) {
-    PELMAR_LOG_ERROR_AT(here,
-                        "Fail to get data, ret_id(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
-                        static_cast<int>(entry.id), number, asked_sub, count, asked_id);
-    return false;
+    std::snprintf(problem, sizeof(problem), "ret_id(%d) is invalid", static_cast<int>(entry.id));
+    return refuse(problem);
   }
-  const auto entry_sub = static_cast<uint16_t>(entry.sub);
-  if (entry_sub != static_cast<uint16_t>(sub)) {
-    PELMAR_LOG_ERROR_AT(here,
-                        "Fail to get data, ret_sub(%d) is invalid, number = %d, sub = %d, ret id_num = %d, id = %d",
-                        entry_sub, number, asked_sub, count, asked_id);
-    return false;
+  if (static_cast<uint16_t>(entry.sub) != static_cast<uint16_t>(sub)) {
+    std::snprintf(problem, sizeof(problem), "ret_sub(%d) is invalid", static_cast<uint16_t>(entry.sub));
+    return refuse(problem);
   }
   g_value.length = entry.value_len;
   if (g_value.length == 0 || g_value.length > kMaxValueBytes) {
-    PELMAR_LOG_ERROR_AT(here,
-                        "Fail to get data, data_len(%d) is invalid, should be in (0, %d], number = %d, sub = %d, "
-                        "ret id_num = %d, id = %d",
-                        static_cast<int>(g_value.length), kMaxValueBytes, number, asked_sub, count, asked_id);
-    return false;
+    std::snprintf(problem, sizeof(problem), "data_len(%d) is invalid, should be in (0, %d]",
+                  static_cast<int>(g_value.length), kMaxValueBytes);
+    return refuse(problem);
   }
   return true;
 }
@@ -122,7 +110,7 @@ bool take_field(const log::Place& decoder, const MetricField& field, void* recor
                         g_value.id);
     return false;
   }
-  // Compatibility: the check and its text stay, although the count only ever grows by the widths of fields.
+  // Compatibility: the check and its text stay, although the count only grows.
   if (g_value.data_count < 0) {
     PELMAR_LOG_ERROR_AT(decoder, "g_pK_DATA_CNT(%d) is can not < 0 for %s, id(0x%x)", g_value.data_count, field.name,
                         g_value.id);

@@ -1,7 +1,5 @@
-// The decoders: each fetches one statistics value and walks its rows (modem_hydra_mgr_metrics.h) into a record.
-//
-// A thread holds the decoder lock from before the fetch until after the last field. Lines of a decoder carry its name,
-// whichever function writes them.
+// The decoders. Each fetches one statistics value and copies its fields (modem_hydra_mgr_metrics.h) to a record. All
+// lines of a decoder carry its name.
 #include "modem_hydra_mgr_metrics.h"
 
 #include <cstring>
@@ -12,7 +10,7 @@
 namespace pelmar {
 namespace {
 
-// As log lines show it: the low 32 bits.
+// The low 32 bits, as log lines show it.
 uint32_t address_of(const void* record) {
   return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(record));
 }
@@ -37,7 +35,7 @@ uint8_t fill(const log::Place& decoder, uint32_t sub, uint32_t id, Record* recor
   return 1;
 }
 
-// A decoder that serves several identifiers logs which one.
+// A decoder of several identifiers logs the identifier.
 enum class Identifier { kFixed, kLogged };
 
 template <typename Record>
@@ -66,7 +64,7 @@ uint8_t modem_hydra_nr5g_srv_meas_info_get(uint32_t sub, uint32_t id, modem_hydr
   return decode(PELMAR_HERE, Identifier::kLogged, sub, id, record);
 }
 
-// Only the first stack's technology is read, however many there are; with none there is nothing to read.
+// Reads the technology of the first stack only, if there is a stack.
 uint32_t read_system_mode(const log::Place& decoder, uint32_t sub) {
   const std::lock_guard lock(g_decoder_lock);
   PELMAR_LOG_DEBUG_AT(decoder, "sub = %d", static_cast<int>(sub));

@@ -1,4 +1,4 @@
-// The transmit power of a subscription, from the uplink values of the radio access technology that it is on.
+// The transmit power of a subscription, from the uplink values of its radio access technology.
 #include "modem_hydra.h"
 #include "pelmar_log_site.h"
 #include "pelmar_property.h"
@@ -6,38 +6,28 @@
 namespace pelmar {
 namespace {
 
-// Cut towards zero. Not a number, and what a 32-bit integer cannot hold, is no power.
+// Rounds towards zero. A value that is not a number, or that does not fit a 32-bit integer, is no power.
 uint32_t to_power(float value) {
   constexpr float kBound = 2147483648.0F;
   const bool fits = value >= -kBound && value < kBound;
   return fits ? static_cast<uint32_t>(static_cast<int32_t>(value)) : MODEM_TX_POWER_NONE;
 }
 
-// Compatibility: both error texts below end in "faile".
-uint32_t nr_power(const log::Place& here, uint32_t sub) {
-  modem_hydra_nr5g_mac_ul_phy_ch_power_info info = {};
-  if (modem_hydra_nr5g_mac_ul_phy_ch_power_info_get(sub, &info) != 0) return to_power(info.tx_power_pusch);
-  PELMAR_LOG_ERROR_AT(here, "modem_hydra_nr5g_mac_ul_phy_ch_power_info_get faile");
-  return MODEM_TX_POWER_NONE;
-}
-
-uint32_t lte_power(const log::Place& here, uint32_t sub) {
-  modem_hydra_lte_pusch_power_info info = {};
-  if (modem_hydra_lte_pusch_power_info_get(sub, &info) != 0) return static_cast<uint32_t>(int32_t{info.pusch_tx_power});
-  PELMAR_LOG_ERROR_AT(here, "modem_hydra_lte_pusch_power_info_get faile");
-  return MODEM_TX_POWER_NONE;
-}
-
+// Compatibility: two error texts end in "faile".
 uint32_t power_on(const log::Place& here, uint32_t rat, uint32_t sub) {
-  switch (rat) {
-    case MODEM_SYS_MODE_NR:
-      return nr_power(here, sub);
-    case MODEM_SYS_MODE_LTE:
-      return lte_power(here, sub);
-    default:
-      PELMAR_LOG_ERROR_AT(here, "rat(%d) is invalid", static_cast<int>(rat));
-      return MODEM_TX_POWER_NONE;
+  if (rat == MODEM_SYS_MODE_NR) {
+    modem_hydra_nr5g_mac_ul_phy_ch_power_info info = {};
+    if (modem_hydra_nr5g_mac_ul_phy_ch_power_info_get(sub, &info) != 0) return to_power(info.tx_power_pusch);
+    PELMAR_LOG_ERROR_AT(here, "modem_hydra_nr5g_mac_ul_phy_ch_power_info_get faile");
+  } else if (rat == MODEM_SYS_MODE_LTE) {
+    modem_hydra_lte_pusch_power_info info = {};
+    const uint8_t is_read = modem_hydra_lte_pusch_power_info_get(sub, &info);
+    if (is_read != 0) return static_cast<uint32_t>(int32_t{info.pusch_tx_power});
+    PELMAR_LOG_ERROR_AT(here, "modem_hydra_lte_pusch_power_info_get faile");
+  } else {
+    PELMAR_LOG_ERROR_AT(here, "rat(%d) is invalid", static_cast<int>(rat));
   }
+  return MODEM_TX_POWER_NONE;
 }
 
 uint32_t higher_power(uint32_t power0, uint32_t power1) {

@@ -1,4 +1,7 @@
-// Opening, releasing and sending on a service connection.
+// Opens, releases and uses a service connection, and handles the framework's callbacks for it.
+//
+// Responses and indications come on the framework's callback thread of the connection. An indication is sized, decoded
+// into a traced block, delivered and freed.
 #include "service_client.h"
 
 #include <unistd.h>
@@ -7,9 +10,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "modem_api_table.h"
 #include "pelmar_log_site.h"
-#include "pelmar_thread.h"
-#include "shared_word.h"
 
 namespace pelmar {
 namespace {
@@ -20,7 +22,7 @@ constexpr uint32_t kInitInstanceTimeout = 4;
 
 using Phase = ServiceClientState::Phase;
 
-// Field by field: other threads may be reading.
+// Field by field, because other threads may read them.
 void clear_context(const ContextFields& context) {
   store(*context.service_object, qmi_idl_service_object_type{});
   store(*context.client_handle, qmi_client_type{});
@@ -37,13 +39,13 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   const int code =
       qmi_client_init_instance(load(*client.context.service_object), QMI_CLIENT_INSTANCE_ANY, client.entry.indication,
                                nullptr, client.context.os_params, kInitInstanceTimeout, handle);
-  // Compatibility: a NAS client's binding follows every attempt, before its outcome is tested; after a failure it is
-  // sent on a null handle and fails.
+  // Compatibility: a NAS client sends its binding after every attempt, before the outcome is tested. After a failed
+  // attempt it is sent on a null handle and fails.
   if (client.after_attempt != nullptr) client.after_attempt(*handle);
   return code;
 }
 
-// One call of sleep(). The time that a signal takes from it is waited for on the clock.
+// One call of sleep(). If a signal ends it early, we wait for the rest of the time on the clock.
 void pause_between_attempts() {
   timespec end;
   clock_gettime(CLOCK_MONOTONIC, &end);
@@ -79,13 +81,22 @@ bool make_attempts(const ServiceClient& client, const log::Place& here) {
     release_handle(client.state, handle);
     return false;
   }
-  // A notifier that an earlier release dropped may have connected the client, unasked.
-  const qmi_client_type unasked = exchange(*client.context.client_handle, handle);
+  // A notifier that an earlier release dropped may have connected the client without a request.
+  const qmi_client_type unrequested = exchange(*client.context.client_handle, handle);
   if (client.before_error_callback != nullptr) client.before_error_callback();
   qmi_client_register_error_cb(handle, client.entry.service_down, nullptr);
   store(*client.context.connected, uint8_t{1});
-  if (unasked != nullptr) release_handle(client.state, unasked);  // last: another worker may release `handle` meanwhile
+  if (unrequested != nullptr)
+    release_handle(client.state, unrequested);  // last, because another worker may release `handle` meanwhile
   return true;
+}
+
+void deliver(const ServiceClient& client, qmi_client_type handle, uint32_t msg_id, const void* decoded,
+             modem_api_event_cb event_cb) {
+  PELMAR_LOG_DEBUG_AT(client.places.ind_hdlr, "Handling indication msg 0x%x", msg_id);
+  const InCallback in_callback(handle);
+  const bool known = client.indications.deliver != nullptr && client.indications.deliver(msg_id, decoded, event_cb);
+  if (!known) PELMAR_LOG_ERROR_AT(client.places.ind_hdlr, "Unknown indication msg %0x", msg_id);
 }
 
 void* release_on_thread(void* handle) {
@@ -103,7 +114,7 @@ bool InCallback::is_of(qmi_client_type handle) {
   return callback != nullptr;
 }
 
-// No thread waits for the detached one: it ends after the callback, which may itself wait for another thread.
+// No thread waits for the detached one: it ends after the callback, which may wait for another thread.
 void release_handle(ServiceClientState& state, qmi_client_type handle) {
   if (InCallback::is_of(handle) && start_detached(release_on_thread, handle) == 0) return;
   const WorkerUnlock unlock(state);
@@ -180,13 +191,12 @@ void release(const ServiceClient& client) {
   WorkerLock lock(client.state);
   lock.wait_for_callbacks();
   const uint32_t generation = client.state.generation.fetch_add(1) + 1;
-  report(client, OPERATIONAL_STATUS_IDLE);  // now that no worker reports any more
+  report(client, OPERATIONAL_STATUS_IDLE);  // no worker reports any more
   store(*client.context.connected, uint8_t{0});
   const qmi_client_type handle = exchange(*client.context.client_handle, qmi_client_type{});
   if (handle != nullptr) release_handle(client.state, handle);
-  // Compatibility: a notifier that is held is dropped without release, and the service object goes too: an open before
-  // the next preparation fails after its ten attempts. We clear nothing that a later preparation or release has
-  // cleared.
+  // Compatibility: a notifier is dropped without release, and the service object is cleared too, so that an open before
+  // the next preparation fails after its ten attempts. We do not clear what a later preparation or release has cleared.
   if (!is_stale(client, generation)) clear_context(client.context);
 }
 
@@ -198,9 +208,52 @@ int32_t send_sync(const ServiceClient& client, uint32_t msg_id, void* request, u
 
 int32_t send_async(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
                    uint32_t response_length, void* callback_data) {
-  qmi_txn_handle transaction = nullptr;  // dropped: no request is ever cancelled
+  qmi_txn_handle transaction = nullptr;  // unused, because no request is ever cancelled
   return qmi_client_send_msg_async(load(*client.context.client_handle), msg_id, request, request_length, response,
                                    response_length, load(*client.context.response_cb), callback_data, &transaction);
+}
+
+void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, uint32_t response_length,
+                     void* callback_data, int32_t transport_error) {
+  const InCallback in_callback(handle);
+  modem_api_process_response(msg_id, response, response_length, callback_data, transport_error);
+}
+
+void handle_indication(const ServiceClient& client, const log::Place& here, qmi_client_type handle, uint32_t msg_id,
+                       const void* buffer, uint32_t length) {
+  const IndicationRules& rules = client.indications;
+  const modem_api_event_cb event_cb = load(*client.context.event_cb);
+  if (event_cb == nullptr) {
+    PELMAR_LOG_ERROR_AT(here, "%s", rules.no_event_callback);
+    return;
+  }
+
+  uint32_t size = 0;
+  qmi_idl_get_message_c_struct_len(load(*client.context.service_object), QMI_IDL_INDICATION,
+                                   static_cast<uint16_t>(msg_id), &size);
+  const bool sized = rules.needs_size ? static_cast<int32_t>(size) > 0 : size != 0;
+  if (!sized) {
+    if (rules.needs_size) {
+      PELMAR_LOG_ERROR_AT(here, "decoded_payload_len(%d) can not <= 0", static_cast<int>(size));
+    } else {
+      deliver(client, handle, msg_id, nullptr, event_cb);
+    }
+    return;
+  }
+
+  const TracedPtr<void> decoded(hydra_malloc_adv(size, here.function, __LINE__));
+  if (decoded == nullptr) {
+    PELMAR_LOG_ERROR_AT(here, "%s", rules.no_memory);
+    return;
+  }
+  const qmi_client_type stored = load(*client.context.client_handle);  // null until the attempts have ended
+  const int code = qmi_client_message_decode(stored != nullptr ? stored : handle, QMI_IDL_INDICATION, msg_id, buffer,
+                                             length, decoded.get(), size);
+  if (code != QMI_NO_ERR) {
+    PELMAR_LOG_ERROR_AT(here, "Indication decode failed for msg 0x%x with error %d", msg_id, code);
+    return;
+  }
+  deliver(client, handle, msg_id, decoded.get(), event_cb);
 }
 
 }  // namespace pelmar

@@ -1,14 +1,14 @@
 // One engine for the library's connections to the modem's services.
 //
-// A service client is a description (ServiceClient): where its exported context lies, its entry points, the names that
-// its log lines carry, and what sets it apart. The exported functions of each service (vs/, sar/, nas/) hand their
-// description to the functions below.
+// A service client is a description (ServiceClient): the place of its exported context, its entry points, the names in
+// its log lines, and its differences from the other clients. The exported functions of each service (vs/, sar/, nas/)
+// call the functions below with their description.
 //
 // Threads. The exported contexts are plain words; any thread reads and writes each of them by itself. A thread that
-// connects, prepares or releases a client (a worker) holds the client's worker lock. A release that comes during a
-// reconnection thus waits until the reconnection has noticed it and has released what it made. Callbacks may open and
-// free clients: no thread holds the lock while it runs a callback of the library's users or waits for one, and a thread
-// inside such a callback does not wait for another callback.
+// connects, prepares or releases a client (a worker) holds the client's worker lock. A release during a reconnection
+// thus waits until the reconnection has noticed the release and has released the handles that it opened. Callbacks may
+// open and free clients: no thread holds the lock while it runs a callback of the library's users or waits for one, and
+// a thread inside such a callback does not wait for another callback.
 #pragma once
 
 #include <pthread.h>
@@ -18,6 +18,7 @@
 
 #include "modem_api.h"
 #include "pelmar_log_site.h"
+#include "pelmar_thread.h"
 #include "qmi_client.h"
 #include "sar_client.h"
 #include "vs_client.h"
@@ -38,42 +39,40 @@ struct ContextFields {
   uint8_t* connected;
 };
 
-constexpr ContextFields fields_of(vs_client_context& context) {
-  return {&context.service_object, &context.client_handle, &context.os_params, nullptr,
+template <typename Context>
+constexpr ContextFields fields_of(Context& context) {
+  qmi_client_type* notifier = nullptr;
+  if constexpr (requires { context.notifier_handle; }) notifier = &context.notifier_handle;
+  return {&context.service_object, &context.client_handle, &context.os_params, notifier,
           &context.response_cb,    &context.event_cb,      &context.status_cb, &context.connected};
 }
 
-constexpr ContextFields fields_of(reconnecting_client_context& context) {
-  return {&context.service_object, &context.client_handle, &context.os_params, &context.notifier_handle,
-          &context.response_cb,    &context.event_cb,      &context.status_cb, &context.connected};
-}
-
-// The framework's callbacks and the detached threads; null where a client has none.
+// The framework's callbacks and the detached threads; null for those that a client does not have.
 struct EntryPoints {
   qmi_client_recv_msg_async_cb command;
   qmi_client_ind_cb indication;
   qmi_client_error_cb service_down;
-  qmi_client_notify_cb service_up;
-  void* (*release_thread)(void*);
-  void* (*resume_thread)(void*);
+  qmi_client_notify_cb service_up = nullptr;
+  void* (*release_thread)(void*) = nullptr;
+  void* (*resume_thread)(void*) = nullptr;
 };
 
-// Where the log lines of a client's steps come from: the step's name, in the client's source. A place without a
-// function: the client has no such step.
+// The place that the log lines of a client's steps carry: the step's name and the client's source. A place without a
+// function: the client does not have the step.
 struct Places {
-  log::Place master_port;
-  log::Place init_handles;  // none: the attempts are a part of init
-  log::Place suspend;
-  log::Place resume;
-  log::Place ind_hdlr;
+  log::Place master_port = {};
+  log::Place init_handles = {};  // none: the attempts belong to init
+  log::Place suspend = {};
+  log::Place resume = {};
+  log::Place ind_hdlr = {};
 };
 
-// How a client handles an indication, and the error texts of its refusals.
+// How a client handles an indication, and its error texts.
 struct IndicationRules {
   const char* no_event_callback;
   const char* no_memory;
-  bool needs_size;  // an indication without a size is refused, else handled without decoding
-  // Delivers a decoded indication; false: it is unknown. Null: every indication is.
+  bool needs_size;  // whether an indication without a size is an error; else it is handled without decoding
+  // Delivers a decoded indication. False: it is unknown. Null: every indication is unknown.
   bool (*deliver)(uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb);
 };
 
@@ -90,30 +89,30 @@ struct ServiceClient {
   ContextFields context;
   EntryPoints entry;
   Places places;
-  IndicationRules indications;
-  bool logs_first_try;
+  IndicationRules indications = kDropsIndications;
+  bool logs_first_try = true;
   qmi_idl_service_object_type (*service_object)();
-  void (*after_attempt)(qmi_client_type handle);  // after every attempt, also a failed one; null: nothing
-  void (*before_error_callback)();                // once connected; null: nothing
+  void (*after_attempt)(qmi_client_type handle) = nullptr;  // after every attempt, even a failed one
+  int32_t (*before_error_callback)() = nullptr;             // after a connection, before the error callback is set
   ServiceClientState& state;
 };
 
-// What the engine remembers of a client beside its exported context.
+// The engine's state of a client, besides its exported context.
 struct ServiceClientState {
-  // Whether a connection is being made, and whether its service went down before it was reported up: that loss is
+  // Whether a thread connects the client, and whether the service went down before it was reported up. That loss is
   // handled after the report, so that statuses arrive in order.
   enum class Phase : uint8_t { kSteady, kConnecting, kLostWhileConnecting };
 
   pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   pthread_cond_t came_back = PTHREAD_COND_INITIALIZER;
-  uint32_t unlocked_workers = 0;  // workers that gave the lock up for a callback; guarded by the lock
+  uint32_t unlocked_workers = 0;  // workers that released the lock for a callback; guarded by the lock
 
-  // Incremented when a preparation or release begins, which cancels running workers, and again under the lock, so that
-  // the last caller wins. A worker of an older generation stops.
+  // A worker of an older generation stops. A preparation or release increments it when it begins, to cancel running
+  // workers, and again under the lock, so that the last caller wins.
   std::atomic<uint32_t> generation{1};
-  std::atomic<uint32_t> prepared{1};  // the generation of the last preparation; an older one: the client is released
+  std::atomic<uint32_t> prepared{1};  // the generation of the last preparation; if older, the client is released
   std::atomic<Phase> phase{Phase::kSteady};
-  std::atomic<uint32_t> resuming{0};  // the generation whose resume thread has been started and not yet run; 0: none
+  std::atomic<uint32_t> resuming{0};  // the generation whose resume thread was started and has not run yet; 0: none
 };
 
 // Holds a client's worker lock.
@@ -124,15 +123,15 @@ class WorkerLock {
   WorkerLock(const WorkerLock&) = delete;
   WorkerLock& operator=(const WorkerLock&) = delete;
 
-  // Waits until every worker holds the lock again or has ended. Inside a callback it does not wait: the other callback
-  // might wait for this thread.
+  // Waits until every worker holds the lock again or has ended. Inside a callback it does not wait, because the other
+  // callback may wait for this thread.
   void wait_for_callbacks();
 
  private:
   ServiceClientState& state_;
 };
 
-// Gives up a worker lock that this thread holds while it runs a callback or waits for one.
+// Releases a worker lock that this thread holds, while the thread runs a callback or waits for one.
 class WorkerUnlock {
  public:
   explicit WorkerUnlock(ServiceClientState& state) : state_(state) {
@@ -151,19 +150,19 @@ class WorkerUnlock {
   ServiceClientState& state_;
 };
 
-// While it lives, this thread is in a callback that may reach the library's users. Callbacks nest: a user may release a
+// Marks this thread as inside a callback that may call the library's users. Callbacks nest: a user may release a
 // connection in one, which may call back on the same thread.
 class InCallback {
  public:
-  // handle: the connection whose indication, response or error callback the framework is running; null for any other
-  // callback, which no release of a handle waits for.
+  // handle: the connection whose indication, response or error callback the framework runs; null for any other
+  // callback, because no release of a handle waits for it.
   explicit InCallback(qmi_client_type handle = nullptr) : handle_(handle), outer_(innermost_) { innermost_ = this; }
   ~InCallback() { innermost_ = outer_; }
   InCallback(const InCallback&) = delete;
   InCallback& operator=(const InCallback&) = delete;
 
   static bool is_now() { return innermost_ != nullptr; }
-  // Whether the framework is running a callback of the handle on this thread.
+  // Whether the framework runs a callback of the handle on this thread.
   static bool is_of(qmi_client_type handle);
 
  private:
@@ -173,20 +172,20 @@ class InCallback {
   const InCallback* const outer_;
 };
 
-// Releases a handle, outside the worker lock that this thread holds. The release waits for the callbacks of the handle,
-// so that inside one of them it would wait for itself: it then runs on a detached thread, where one can be started.
+// Releases a handle, without the worker lock that this thread holds. The release waits for the handle's callbacks.
+// Inside one of them it would wait for itself, so it runs on a detached thread then, if one can be started.
 void release_handle(ServiceClientState& state, qmi_client_type handle);
 
 // --- connection (service_client.cpp) ---
 
 // Clears the context, stores the response callback and the service object.
 void prepare(const ServiceClient& client);
-// The ten attempts, with the lines of their own operation where the client has one, else at `here`; under the worker
-// lock. True when the client is connected.
+// Makes the ten attempts. They log as an operation of their own if the client has one, else at `here`. True if the
+// client is connected. REQUIRES: the worker lock is held.
 bool connect_handles(const ServiceClient& client, const log::Place& here);
-// The same by itself: nothing is reported, but for a service that went down meanwhile.
+// The same as an operation by itself, which takes the lock and reports only a service that went down meanwhile.
 bool connect_silently(const ServiceClient& client);
-// Opens the client on the caller's thread, with its own log lines. True when it is up.
+// Opens the client on the caller's thread, with its own log lines. True if the client is up.
 bool open(const ServiceClient& client, const log::Place& here, modem_api_event_cb event_cb);
 void release(const ServiceClient& client);
 void set_status_callback(const ServiceClient& client, modem_api_operational_status_fn callback);
@@ -197,7 +196,7 @@ int32_t send_sync(const ServiceClient& client, uint32_t msg_id, void* request, u
 int32_t send_async(const ServiceClient& client, uint32_t msg_id, void* request, uint32_t request_length, void* response,
                    uint32_t response_length, void* callback_data);
 
-// Marks the connection attempt that began last as reported; handles a service that went down meanwhile.
+// Marks the last connection attempt as reported, and handles a service that went down meanwhile.
 void finish_connecting(const ServiceClient& client);
 // Whether the client was released or prepared since `generation`.
 bool is_stale(const ServiceClient& client, uint32_t generation);
@@ -210,9 +209,9 @@ void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type
 void release_after_service_down(const ServiceClient& client, const log::Place& here, void* generation);
 void resume_after_service_up(const ServiceClient& client, void* generation);
 
-// --- responses and indications (service_client_indication.cpp) ---
+// --- responses and indications ---
 
-// Hands the end of an asynchronous exchange to modem_api_process_response().
+// Passes the end of an asynchronous exchange to modem_api_process_response().
 void handle_response(qmi_client_type handle, uint32_t msg_id, void* response, uint32_t response_length,
                      void* callback_data, int32_t transport_error);
 void handle_indication(const ServiceClient& client, const log::Place& here, qmi_client_type handle, uint32_t msg_id,

@@ -1,19 +1,17 @@
-// A reconnecting client between the loss of its service and its return.
+// Reconnects a client after the loss of its service.
 //
 //   service down  -> report 4, release thread: drop the dead handle, report 5, wait for the service with a notifier
 //   service up    -> report 6, resume thread: drop the notifier, connect again, report 3 or 7
 //
-// Both threads are detached and carry the generation in which they were started; a client that was released since
-// leaves them nothing to do. Null as their argument means the present one. A released client ignores its service, which
-// a handle that is being released or a dropped notifier may still report.
+// Both threads are detached. Their argument is the generation in which they were started, or null for the present one;
+// they do nothing if the client was released since. A released client ignores late callbacks of a handle that is not
+// released yet, or of a dropped notifier.
 //
-// Every service-down call counts as a loss, whatever handle it names. While the client waits for its service, another
-// call reports 4 and 5 again and registers with the notifier that is held; while the connection is up, it drops that
-// connection, and the client reconnects.
+// Every service-down call counts as a loss, whatever its handle. While the client waits for its service, another call
+// reports 4 and 5 again and registers with the present notifier; while the connection is up, it drops that connection,
+// and the client reconnects.
 #include "pelmar_log_site.h"
-#include "pelmar_thread.h"
 #include "service_client.h"
-#include "shared_word.h"
 
 namespace pelmar {
 namespace {
@@ -74,7 +72,7 @@ void release_after_service_down(const ServiceClient& client, const log::Place& h
 void handle_service_up(const ServiceClient& client, qmi_client_notify_event_type event) {
   const uint32_t generation = client.state.prepared.load();
   if (event != QMI_CLIENT_SERVICE_COUNT_INC || is_stale(client, generation)) return;
-  if (client.state.resuming.exchange(generation) == generation) return;  // its thread has been started already
+  if (client.state.resuming.exchange(generation) == generation) return;  // its thread was started already
   Operation operation(client.places.resume);
   report(client, OPERATIONAL_STATUS_RECONNECTING);
   if (!start_worker(client.entry.resume_thread, generation)) {

@@ -1,4 +1,4 @@
-// Log sites: how every source of the library writes a line.
+// Log sites, with which every source of the library writes its log lines.
 //
 //     PELMAR_LOG_ERROR("payload is %u bytes, limit %u", length, kLimit);
 //     PELMAR_LOG_DEBUG_AS("get_master_port", "port %d", port);   // under another function's name
@@ -11,11 +11,11 @@
 //       return operation.exit(id <= 1);
 //     }
 //
-// The prefixes (see pelmar_log.h) and the body become one format string at each site, so that a line is formatted in
-// one call per sink, and the compiler checks the body against its arguments. The system log's line goes out first.
+// Each site joins the prefix (see pelmar_log.h) and the body to one format string, so that each sink formats a line in
+// one call, and the compiler checks the body against its arguments. The system log's line is written first.
 //
-// A site that both masks suppress costs one inline test per sink and evaluates no argument. Until the masks' properties
-// are merged, by the first line of a process, a site counts as open and the tests are made out of line.
+// A site that both masks suppress costs one inline test per sink and evaluates no argument. The first line of a process
+// merges the masks' properties; until then a site counts as open, and the tests are made out of line.
 #pragma once
 
 #include <atomic>
@@ -31,8 +31,8 @@ enum Level : int32_t { kError = PELMAR_LOG_LEVEL_ERROR, kDebug = PELMAR_LOG_LEVE
 
 inline constexpr uint32_t kAllLevels = 0xFFFF;
 
-// The levels that pass one sink. Plain words by nature: no thread waits for another, and a change may miss a line that
-// is under way.
+// The levels that pass one sink. Relaxed order is enough: a line that another thread writes at the time of a change may
+// still go by the old mask.
 struct PrintMask {
   std::atomic<uint32_t> levels{kAllLevels};
   std::atomic<bool> loaded{false};  // the sink's property has been merged
@@ -43,7 +43,7 @@ struct PrintMask {
   bool may_pass(Level level) const { return !loaded.load(std::memory_order_relaxed) || passes(level); }
 };
 
-// Hidden, so that a site reaches them without the global offset table.
+// Hidden, so that a site accesses them without the global offset table.
 [[gnu::visibility("hidden")]] extern PrintMask g_logcat_print_mask;
 [[gnu::visibility("hidden")]] extern PrintMask g_shell_print_mask;
 
@@ -51,7 +51,7 @@ inline bool may_pass(Level level) {
   return g_logcat_print_mask.may_pass(level) || g_shell_print_mask.may_pass(level);
 }
 
-// Where a line comes from: the function whose name it carries, and a place in its source.
+// The origin of a line: the function whose name it carries, and a place in that function's source.
 struct Place {
   const char* function;
   const char* file;
@@ -69,7 +69,7 @@ struct Formats {
   const char* shell;
 };
 
-// The formats come from the macros below, where check_format() had the compiler check them.
+// The formats come from the macros below, where the compiler checks them with check_format().
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
@@ -95,12 +95,13 @@ template <typename... Arguments>
 
 [[gnu::format(printf, 1, 2)]] inline void check_format(const char*, ...) {}
 
-// The lines of entry and exit, out of line: most sites are one of them.
+// The lines of entry, exit and early ends. They are out of line, because most sites write one of them.
 [[gnu::cold, gnu::visibility("hidden")]] void write_entry(const Place& place);
 [[gnu::cold, gnu::visibility("hidden")]] void write_exit(const Place& place);
 [[gnu::cold, gnu::visibility("hidden")]] void write_exit_result(const Place& place, int result);
+[[gnu::cold, gnu::visibility("hidden")]] void write_text(Level level, const Place& place, const char* text);
 
-// An exported operation while it runs. The constructor logs the entry; exit() logs the exit with a result, and without
+// A running exported operation. The constructor logs the entry; exit() logs the exit with a result, and without
 // it the destructor logs the plain exit.
 class Operation {
  public:
@@ -125,6 +126,20 @@ class Operation {
       write_exit_result(here_at(line), static_cast<int>(result));
     return result;
   }
+
+  // The operation ends early: logs why, at error or debug level, and exits. Without a result the caller returns.
+  template <typename Result>
+  Result fail(Result result, const char* reason, int line = __builtin_LINE()) {
+    fail(reason, line);
+    return exit(result, line);
+  }
+  void fail(const char* reason, int line = __builtin_LINE()) const { write_text(kError, here_at(line), reason); }
+  template <typename Result>
+  Result finish(Result result, const char* reason, int line = __builtin_LINE()) {
+    finish(reason, line);
+    return exit(result, line);
+  }
+  void finish(const char* reason, int line = __builtin_LINE()) const { write_text(kDebug, here_at(line), reason); }
 
  private:
   const Place here_;
@@ -152,11 +167,11 @@ using log::Operation;
 
 #define PELMAR_LOG_ERROR(...) PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_HERE, __VA_ARGS__)
 #define PELMAR_LOG_DEBUG(...) PELMAR_LOG_LINE(::pelmar::log::kDebug, PELMAR_HERE, __VA_ARGS__)
-// In a helper that several sources share: at the place of the function that called it.
+// For a helper that several sources share: with the place of its caller.
 #define PELMAR_LOG_ERROR_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kError, place, __VA_ARGS__)
 #define PELMAR_LOG_DEBUG_AT(place, ...) PELMAR_LOG_LINE(::pelmar::log::kDebug, place, __VA_ARGS__)
 
-// Under another function's name, in the source of that function: of a step that belongs to it.
+// For a step of another function in the same source: with the name of that function.
 #define PELMAR_PLACE_AS(function) ::pelmar::log::place_of(function, __FILE_NAME__, __LINE__)
 #define PELMAR_LOG_ERROR_AS(function, ...) \
   PELMAR_LOG_LINE(::pelmar::log::kError, PELMAR_PLACE_AS(function), __VA_ARGS__)

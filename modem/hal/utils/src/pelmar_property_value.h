@@ -1,19 +1,19 @@
-// Property values as the library keeps them.
+// Values of properties.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <mutex>
 
-#include "pelmar_lock.h"
 #include "pelmar_property.h"
+#include "pelmar_thread.h"
 
 namespace pelmar {
 
 using PropertyValue = char[PELMAR_PROPERTY_BUFFER_BYTES];
 
-// A value that the process reads once and keeps. Threads that need it first at the same time wait for the one that
-// reads, so that no thread sees the text half written.
+// A value that the process reads once and keeps. The first thread reads it while the others wait, so that no thread
+// sees a part of the text.
 class KeptProperty {
  public:
   constexpr KeptProperty(const char* name, const char* default_value) : name_(name), default_(default_value) {}
@@ -37,7 +37,7 @@ class KeptProperty {
   PropertyValue value_{};
 };
 
-// Decimal integers, through the exported reading and writing.
+// Read and write decimal integers, with the exported functions.
 int32_t read_int_property(const char* name, int32_t default_value);
 void write_int_property(const char* name, int32_t value);
 

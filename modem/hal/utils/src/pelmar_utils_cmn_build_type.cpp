@@ -1,4 +1,4 @@
-// Which type of build the device runs.
+// The type of the device's build.
 #include <atomic>
 #include <cstring>
 
@@ -11,7 +11,7 @@ namespace {
 constinit KeptProperty g_profile{"ro.vendor.radio.build_profile", "NULL"};
 constinit KeptProperty g_version{"ro.build.version.incremental", ""};
 
-// Certification outranks the profile, and "orbo" means a release only with a version that begins with 'V'.
+// A certification build has precedence over the profile. "orbo" is a release only if the version begins with 'V'.
 int32_t build_type(const Operation& operation) {
   const char* const profile = g_profile.value();
   const char* const version = g_version.value();
@@ -36,33 +36,24 @@ int32_t build_type(const Operation& operation) {
   return PELMAR_BUILD_TYPE_PRE;
 }
 
-// Whether the build is of one type, decided by the first call. Two threads that decide at once decide the same.
-class KeptComparison {
- public:
-  constexpr explicit KeptComparison(int32_t type) : type_(type) {}
+// Whether the build has a type, or not decided yet.
+enum Comparison : int8_t { kUndecided, kHolds, kFails };
 
-  bool holds() {
-    if (state_.load(std::memory_order_relaxed) == kUndecided) {
-      state_.store(pelmar_build_type_get() == type_ ? kHolds : kFails, std::memory_order_relaxed);
-    }
-    return state_.load(std::memory_order_relaxed) == kHolds;
+// The exported operation at `here`. Its first call compares the build's type and keeps the result; two threads that
+// compare at once get the same result.
+bool check(const log::Place& here, const char* name, int32_t type, std::atomic<Comparison>& kept) {
+  Operation operation(here);
+  if (kept.load(std::memory_order_relaxed) == kUndecided) {
+    kept.store(pelmar_build_type_get() == type ? kHolds : kFails, std::memory_order_relaxed);
   }
-
- private:
-  enum State : int8_t { kUndecided, kHolds, kFails };
-  const int32_t type_;
-  std::atomic<State> state_{kUndecided};
-};
-
-bool check(const Operation& operation, const char* name, KeptComparison& comparison) {
-  const bool holds = comparison.holds();
+  const bool holds = kept.load(std::memory_order_relaxed) == kHolds;
   PELMAR_LOG_DEBUG_IN(operation, "%s%s version, ret = %d", holds ? "" : "non ", name, holds);
-  return holds;
+  return operation.exit(holds, here.line);
 }
 
-constinit KeptComparison g_pre{PELMAR_BUILD_TYPE_PRE};
-constinit KeptComparison g_dev{PELMAR_BUILD_TYPE_DEV};
-constinit KeptComparison g_stable{PELMAR_BUILD_TYPE_STABLE};
+constinit std::atomic<Comparison> g_pre{kUndecided};
+constinit std::atomic<Comparison> g_dev{kUndecided};
+constinit std::atomic<Comparison> g_stable{kUndecided};
 
 }  // namespace
 }  // namespace pelmar
@@ -77,15 +68,12 @@ int32_t pelmar_build_type_get(void) {
 }
 
 bool pelmar_is_pre_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check(operation, "pre", g_pre));
+  return check(PELMAR_HERE, "pre", PELMAR_BUILD_TYPE_PRE, g_pre);
 }
 bool pelmar_is_dev_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check(operation, "dev", g_dev));
+  return check(PELMAR_HERE, "dev", PELMAR_BUILD_TYPE_DEV, g_dev);
 }
 bool pelmar_is_stable_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check(operation, "stable", g_stable));
+  return check(PELMAR_HERE, "stable", PELMAR_BUILD_TYPE_STABLE, g_stable);
 }
 }

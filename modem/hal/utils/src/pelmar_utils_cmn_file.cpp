@@ -1,4 +1,4 @@
-// Copying a file.
+// Copies a file.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,22 +12,16 @@ namespace {
 
 constexpr size_t kChunkBytes = 10240;
 
-class File {
- public:
-  explicit File(int descriptor) : descriptor_(descriptor) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+// Closes the descriptor.
+struct File {
+  const int descriptor;
   ~File() {
-    if (is_open()) close(descriptor_);
+    if (is_open()) close(descriptor);
   }
-  bool is_open() const { return descriptor_ >= 0; }
-  int get() const { return descriptor_; }
-
- private:
-  const int descriptor_;
+  bool is_open() const { return descriptor >= 0; }
 };
 
-// Bytes read, 0 at the end, or -1.
+// Returns the number of bytes read, 0 at the end of the file, or -1.
 ssize_t read_chunk(const Operation& operation, int source, char (&chunk)[kChunkBytes]) {
   for (;;) {
     const ssize_t length = read(source, chunk, sizeof(chunk));
@@ -51,12 +45,9 @@ bool write_chunk(const Operation& operation, int target, const char* chunk, size
     const int error = errno;
     PELMAR_LOG_DEBUG_IN(operation, "Start to write tgt file: bytes_write = %d, errno = %d, EINTR = %d",
                         static_cast<int>(written), error, EINTR);
-    if (written == 0) {  // nothing goes in and nothing is wrong: trying again would never end
-      PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file, abort copy");
-      return false;
-    }
-    if (written < 0 && error != EINTR) {
-      PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file");
+    if (written == 0 || (written < 0 && error != EINTR)) {
+      // A write without progress and without error would not succeed in another attempt.
+      PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file%s", written == 0 ? ", abort copy" : "");
       return false;
     }
     if (written < 0) {
@@ -89,24 +80,12 @@ using namespace pelmar;
 
 extern "C" int32_t pelmar_copy_file(const char* src, const char* tgt) {
   Operation operation(PELMAR_HERE);
-  if (src == nullptr) {
-    PELMAR_LOG_ERROR("src is null");
-    return operation.exit(PELMAR_COPY_SOURCE_IS_NULL);
-  }
-  if (tgt == nullptr) {
-    PELMAR_LOG_ERROR("tgt is null");
-    return operation.exit(PELMAR_COPY_TARGET_IS_NULL);
-  }
-  const File source(open(src, O_RDONLY | O_CLOEXEC));
-  if (!source.is_open()) {
-    PELMAR_LOG_ERROR("src open failed");
-    return operation.exit(PELMAR_COPY_SOURCE_NOT_OPENED);
-  }
-  const File target(open(tgt, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777));
-  if (!target.is_open()) {
-    PELMAR_LOG_ERROR("tgt open failed");
-    return operation.exit(PELMAR_COPY_TARGET_NOT_OPENED);
-  }
+  if (src == nullptr) return operation.fail(PELMAR_COPY_SOURCE_IS_NULL, "src is null");
+  if (tgt == nullptr) return operation.fail(PELMAR_COPY_TARGET_IS_NULL, "tgt is null");
+  const File source{open(src, O_RDONLY | O_CLOEXEC)};
+  if (!source.is_open()) return operation.fail(PELMAR_COPY_SOURCE_NOT_OPENED, "src open failed");
+  const File target{open(tgt, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777)};
+  if (!target.is_open()) return operation.fail(PELMAR_COPY_TARGET_NOT_OPENED, "tgt open failed");
   PELMAR_LOG_DEBUG("src: %s, tgt: %s", src, tgt);
-  return operation.exit(copy_content(operation, source.get(), target.get()));
+  return operation.exit(copy_content(operation, source.descriptor, target.descriptor));
 }

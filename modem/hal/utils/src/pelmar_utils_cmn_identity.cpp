@@ -1,4 +1,4 @@
-// What kind of device this is, by its properties: traits of the build, names and numbers.
+// The device's identity in its properties: traits of the build, names and numbers.
 #include <atomic>
 #include <cstring>
 
@@ -54,18 +54,26 @@ bool holds(Test test, const char* value, const char* operand) {
   return false;
 }
 
-bool log_outcome(const Operation& operation, const BuildTrait& trait, const char* value) {
+bool log_outcome(Operation& operation, const BuildTrait& trait, const char* value) {
   const bool yes = holds(trait.test, value, trait.operand);
   PELMAR_LOG_DEBUG_IN(operation, "%s%s%s version, val = %s, ret = %d", yes ? "" : trait.negation, yes ? "" : " ",
                       trait.subject, value, yes);
-  return yes;
+  return operation.exit(yes, operation.here().line);
 }
 
-// Each trait keeps a value of its own, also where several read one property.
+// The exported operation at `here`. Each trait keeps a value of its own, even if another trait reads the same property.
 template <const BuildTrait& trait>
-bool check(const Operation& operation) {
+bool check(const log::Place& here) {
   static constinit KeptProperty property{trait.property, trait.default_value};
+  Operation operation(here);
   return log_outcome(operation, trait, property.value());
+}
+
+// Reads a number in the first call of a process, and returns 0 in every later one.
+int32_t read_once(const log::Place& here, std::atomic<bool>& has_read, const char* property) {
+  Operation operation(here);
+  const bool is_first = !has_read.exchange(true, std::memory_order_relaxed);
+  return operation.exit(is_first ? read_int_property(property, 0) : 0, here.line);
 }
 
 constexpr char kManufacturerId[] = "ro.vendor.radio.manufacturer_id";
@@ -79,52 +87,40 @@ using namespace pelmar;
 extern "C" {
 
 bool pelmar_is_factory_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kFactory>(operation));
+  return check<kFactory>(PELMAR_HERE);
 }
 bool pelmar_is_ct_cert_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kCtCert>(operation));
+  return check<kCtCert>(PELMAR_HERE);
 }
 bool pelmar_is_cm_cert_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kCmCert>(operation));
+  return check<kCmCert>(PELMAR_HERE);
 }
 bool pelmar_is_cu_cert_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kCuCert>(operation));
+  return check<kCuCert>(PELMAR_HERE);
 }
 bool pelmar_is_cert_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kAnyCert>(operation));
+  return check<kAnyCert>(PELMAR_HERE);
 }
 bool pelmar_is_china_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kChina>(operation));
+  return check<kChina>(PELMAR_HERE);
 }
 bool pelmar_is_test_build(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kTest>(operation));
+  return check<kTest>(PELMAR_HERE);
 }
 bool pelmar_is_native_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kNative>(operation));
+  return check<kNative>(PELMAR_HERE);
 }
 bool pelmar_is_factory_version_ex(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kFactoryEx>(operation));
+  return check<kFactoryEx>(PELMAR_HERE);
 }
 bool pelmar_is_root_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kRoot>(operation));
+  return check<kRoot>(PELMAR_HERE);
 }
 bool pelmar_is_mp_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kMp>(operation));
+  return check<kMp>(PELMAR_HERE);
 }
 bool pelmar_is_orbo_version(void) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(check<kOrbo>(operation));
+  return check<kOrbo>(PELMAR_HERE);
 }
 
 // Compatibility: only the first call reads the property; every later call tests the empty string.
@@ -135,23 +131,19 @@ bool pelmar_is_user_version(void) {
   if (!read.exchange(true, std::memory_order_relaxed)) {
     pelmar_get_property_value(kUser.property, value, kUser.default_value);
   }
-  return operation.exit(log_outcome(operation, kUser, value));
+  return log_outcome(operation, kUser, value);
 }
 
 // Compatibility: only the first call of a process reads the number; every later call returns 0.
 int32_t pelmar_get_pelmar_manufacturer_id(void) {
-  static std::atomic<bool> read{false};
-  Operation operation(PELMAR_HERE);
-  const bool is_first = !read.exchange(true, std::memory_order_relaxed);
-  return operation.exit(is_first ? read_int_property(kManufacturerId, 0) : 0);
+  static std::atomic<bool> has_read{false};
+  return read_once(PELMAR_HERE, has_read, kManufacturerId);
 }
 
-// Compatibility: as the manufacturer's number.
+// Compatibility: only the first call of a process reads the number, as above.
 int32_t pelmar_get_pelmar_device_type(void) {
-  static std::atomic<bool> read{false};
-  Operation operation(PELMAR_HERE);
-  const bool is_first = !read.exchange(true, std::memory_order_relaxed);
-  return operation.exit(is_first ? read_int_property("ro.radio.device_type", 0) : 0);
+  static std::atomic<bool> has_read{false};
+  return read_once(PELMAR_HERE, has_read, "ro.radio.device_type");
 }
 
 void pelmar_set_pelmar_manufacturer_id(int32_t id) {
@@ -173,7 +165,7 @@ const char* pelmar_build_region_get(void) {
   return region.value();
 }
 
-// Each thread has a buffer of its own: every call fills it anew, while other threads may still read theirs.
+// Each thread has its own buffer, because every call overwrites it while other threads may still read theirs.
 const char* pelmar_vendor_build_region_get(void) {
   static thread_local PropertyValue region;
   Operation operation(PELMAR_HERE);

@@ -1,4 +1,5 @@
-// Whether a configuration list names this device, its region, its build type, a string or a number.
+// Whether a configuration list contains this device, its region, its build type, a string or a number.
+#include <algorithm>
 #include <cstring>
 #include <type_traits>
 
@@ -8,26 +9,27 @@
 namespace pelmar {
 namespace {
 
-// The lists of every width; `type` is the width's name in the messages. No width is beyond long on this processor.
+// The exported operation at `here`, for lists of every width; `type` is the width's name in the messages. No width
+// exceeds long on this processor.
 static_assert(sizeof(long) == sizeof(int64_t));
 template <typename Element>
-bool find_number(const Operation& operation, const char* type, const Element* list, uint32_t count, long value) {
+bool find_number(const log::Place& here, const char* type, const Element* list, uint32_t count, long value) {
+  Operation operation(here);
+  bool is_found = false;
   if (list == nullptr) {
-    PELMAR_LOG_ERROR_IN(operation, "num_list[%s] is NULL", type);
-    return false;
-  }
-  if (count == 0) {
-    PELMAR_LOG_ERROR_IN(operation, "size_list[%s](%u) can not <= 0", type, count);
-    return false;
-  }
-  for (uint32_t i = 0; i < count; ++i) {
-    if (static_cast<std::make_signed_t<Element>>(list[i]) == value) {
-      PELMAR_LOG_DEBUG_IN(operation, "find number[%s]: %ld, size_list(%u)", type, value, count);
-      return true;
+    PELMAR_LOG_ERROR_AT(here, "num_list[%s] is NULL", type);
+  } else if (count == 0) {
+    PELMAR_LOG_ERROR_AT(here, "size_list[%s](%u) can not <= 0", type, count);
+  } else {
+    const auto is_value = [&](Element element) { return static_cast<std::make_signed_t<Element>>(element) == value; };
+    is_found = std::any_of(list, list + count, is_value);
+    if (is_found) {
+      PELMAR_LOG_DEBUG_AT(here, "find number[%s]: %ld, size_list(%u)", type, value, count);
+    } else {
+      PELMAR_LOG_ERROR_AT(here, "not find number[%s]: %ld, size_list(%u)", type, value, count);
     }
   }
-  PELMAR_LOG_ERROR_IN(operation, "not find number[%s]: %ld, size_list(%u)", type, value, count);
-  return false;
+  return operation.exit(is_found, here.line);
 }
 
 }  // namespace
@@ -39,14 +41,8 @@ extern "C" {
 
 bool pelmar_string_list_contain(const char* const* list, uint32_t count, const char* str) {
   Operation operation(PELMAR_HERE);
-  if (str == nullptr) {
-    PELMAR_LOG_ERROR("str is NULL");
-    return operation.exit(false);
-  }
-  if (list == nullptr) {
-    PELMAR_LOG_ERROR("str_list is NULL");
-    return operation.exit(false);
-  }
+  if (str == nullptr) return operation.fail(false, "str is NULL");
+  if (list == nullptr) return operation.fail(false, "str_list is NULL");
   if (count == 0) {
     PELMAR_LOG_ERROR("size_list(%u) can not <= 0", count);
     return operation.exit(false);
@@ -61,7 +57,7 @@ bool pelmar_string_list_contain(const char* const* list, uint32_t count, const c
   return operation.exit(false);
 }
 
-// The words that stand for all match like any text: an entry that is a part of the word is enough.
+// The words for "all" match like any text: an entry that is a part of the word is enough.
 bool pelmar_device_name_list_contain(const char* const* list, uint32_t count) {
   Operation operation(PELMAR_HERE);
   return operation.exit(pelmar_string_list_contain(list, count, "all_product") ||
@@ -82,22 +78,18 @@ bool pelmar_build_type_list_contain(const int8_t* list, uint32_t count) {
 }
 
 bool pelmar_int8_list_contain(const uint8_t* list, uint32_t count, int8_t value) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(find_number(operation, "int8", list, count, value));
+  return find_number(PELMAR_HERE, "int8", list, count, value);
 }
 
 bool pelmar_int16_list_contain(const uint16_t* list, uint32_t count, int16_t value) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(find_number(operation, "int16", list, count, value));
+  return find_number(PELMAR_HERE, "int16", list, count, value);
 }
 
 bool pelmar_int32_list_contain(const uint32_t* list, uint32_t count, int32_t value) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(find_number(operation, "int32", list, count, value));
+  return find_number(PELMAR_HERE, "int32", list, count, value);
 }
 
 bool pelmar_int64_list_contain(const uint64_t* list, uint32_t count, int64_t value) {
-  Operation operation(PELMAR_HERE);
-  return operation.exit(find_number(operation, "int64", list, count, value));
+  return find_number(PELMAR_HERE, "int64", list, count, value);
 }
 }

@@ -1,7 +1,7 @@
 // The two sinks and their masks.
 //
-// Nothing here is a log site: every message of the masks goes straight to the system log, with no prefix and no mask
-// test, because log sites call these functions.
+// There is no log site in this file, because log sites call its functions: the masks' messages go to the system log
+// without a prefix or a mask test.
 
 // Fortified headers replace vsyslog by a checked variant of another name, which the platform does not define.
 #undef _FORTIFY_SOURCE
@@ -29,7 +29,7 @@ struct Sink {
   const char* name;
   const char* property;
   const char* variable;
-  // Compatibility: what merge, add and set call the mask; remove and close always name the variable.
+  // Compatibility: the mask's name in the lines of merge, add and set; remove and close always log `variable`.
   const char* widened_as;
 };
 
@@ -44,8 +44,7 @@ uint32_t levels_of(const Sink& sink) {
   return sink.mask.levels.load(std::memory_order_relaxed);
 }
 
-// Changes a mask between the two lines that log it. The change itself is one step, so that no other thread's is
-// lost.
+// Logs a mask, changes it and logs it again. The change is one atomic step, so that no other thread's change is lost.
 template <typename Change>
 void change_mask(const Sink& sink, const char* verb, const char* called, const char* operand_name, uint32_t operand,
                  Change change) {
@@ -81,7 +80,8 @@ void close(const Sink& sink) {
   sink.mask.levels.store(0, std::memory_order_relaxed);
 }
 
-// Marked as loaded first: what the merge calls may log. Two threads that merge at once AND the same value in.
+// Sets `loaded` first, because functions that the merge calls may log. Two threads that merge at once AND the same
+// value.
 void load_mask(const Sink& sink) {
   sink.mask.loaded.store(true, std::memory_order_relaxed);
   char value[256] = {};
@@ -111,6 +111,10 @@ void write_exit_result(const Place& place, int result) {
   write_line(kDebug, place, PELMAR_LOG_FORMATS("function exit, ret(%d) <-------------"), result);
 }
 
+void write_text(Level level, const Place& place, const char* text) {
+  if (may_pass(level)) write_line(level, place, PELMAR_LOG_FORMATS("%s"), text);
+}
+
 }  // namespace pelmar::log
 
 using namespace pelmar::log;
@@ -135,7 +139,7 @@ int32_t pelmar_utils_format_log_msg(char* buf, int32_t size, const char* fmt, ..
   if (buf == nullptr || size < 1) return 0;
   va_list arguments;
   va_start(arguments, fmt);
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is started right above
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above
   const int32_t length = std::vsnprintf(buf, static_cast<size_t>(size), fmt, arguments);
   va_end(arguments);
   return length;

@@ -1,8 +1,8 @@
-// The name and id of the process that the library runs in.
+// The name and id of the library's process.
 //
-// Every log line carries the name, so the two functions that read it for the lines write straight to the system log.
-// A name is built in a buffer that no other thread sees and then published for good, so that no thread reads it half
-// written. During the first read other threads get what was published before, at first the empty name.
+// Every log line carries the name, so the two functions that read it for the lines log to the system log without a
+// site. A name is built in a buffer of one thread and then published for ever, so that no thread reads a part of it.
+// During the first read other threads get the name that was published before, at first the empty name.
 #include "pelmar_process.h"
 
 #include <dirent.h>
@@ -20,8 +20,8 @@ namespace pelmar {
 namespace {
 
 constexpr size_t kLineBytes = 256;
-constexpr int kLineLimit = 253;      // characters read of a file's first line
-constexpr size_t kStatusNameAt = 6;  // behind "Name:" and a tab
+constexpr int kLineLimit = 253;      // the most characters read of a file's first line
+constexpr size_t kStatusNameAt = 6;  // after "Name:" and a tab
 constexpr size_t kNameBytes = sizeof(pelmar_pid_info::p_name);
 
 using Line = char[kLineBytes];
@@ -38,7 +38,7 @@ void publish(const char* text) {
   g_name.store(text, std::memory_order_release);
 }
 
-// True for the first caller. The flag goes up before the work: there is one attempt in a process, failed or not.
+// True for the first caller. The flag is set before the work, so that a process makes one attempt, even if it fails.
 bool first(std::atomic<bool>& called) {
   return !called.load(std::memory_order_relaxed) && !called.exchange(true, std::memory_order_relaxed);
 }
@@ -47,49 +47,48 @@ void format_path(Line& path, int32_t id, const char* file) {
   std::snprintf(path, sizeof(path), "/proc/%d/%s", id, file);
 }
 
-enum class FirstLine { kNoFile, kEmpty, kRead };
-
-FirstLine read_first_line(const char* path, Line& line) {
+// Reads the first line of a file. Returns null, or the function of the C library that failed.
+const char* read_first_line(const char* path, Line& line) {
   FILE* const file = std::fopen(path, "re");
-  if (file == nullptr) return FirstLine::kNoFile;
+  if (file == nullptr) return "fopen";
   const bool read = std::fgets(line, kLineLimit + 1, file) != nullptr;
   std::fclose(file);
-  return read ? FirstLine::kRead : FirstLine::kEmpty;
+  return read ? nullptr : "fgets";
 }
 
 void copy(Name& out, const char* text) {
   std::snprintf(out, sizeof(out), "%s", text);
 }
 
-// The program path up to its first NUL, which ends the path in a command-line file.
+// Reads the program path, which ends with the first NUL of the command-line file.
 bool read_name_from_command_line(Name& out) {
   Line path;
   format_path(path, getpid(), "cmdline");
   Line line = {};
-  const FirstLine outcome = read_first_line(path, line);
-  if (outcome == FirstLine::kNoFile) pelmar_utils_syslog_err("fopen fail");
-  if (outcome == FirstLine::kEmpty) pelmar_utils_syslog_err("pelmar_get_current_pid_name, fgets fail");
-  if (outcome != FirstLine::kRead) return false;
+  if (const char* const failed = read_first_line(path, line)) {
+    // The line for fopen() does not name this function.
+    const bool names_function = std::strcmp(failed, "fgets") == 0;
+    pelmar_utils_syslog_err("%s%s fail", names_function ? "pelmar_get_current_pid_name, " : "", failed);
+    return false;
+  }
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, proc_pid_buf = %s", line);
   const char* const slash = std::strrchr(line, '/');
-  if (slash == nullptr) {
-    pelmar_utils_syslog_err("pelmar_get_current_pid_name, proc_pid_buf should be name");
-  }
+  if (slash == nullptr) pelmar_utils_syslog_err("pelmar_get_current_pid_name, proc_pid_buf should be name");
   copy(out, slash != nullptr ? slash + 1 : line);
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, str_pid_name: %s", slash != nullptr ? slash : line);
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name, g_pid_info.p_name = %s", out);
   return true;
 }
 
-// Trimming logs, and a log line may publish the name from the command line; no other thread uses `out` meanwhile.
+// No other thread uses `out` meanwhile. Trimming logs, and a log line may publish the name from the command line.
 bool read_name_from_status(Name& out) {
   Line path;
   format_path(path, getpid(), "status");
   Line line = {};
-  const FirstLine outcome = read_first_line(path, line);
-  if (outcome == FirstLine::kNoFile) pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fopen fail");
-  if (outcome == FirstLine::kEmpty) pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, fgets fail");
-  if (outcome != FirstLine::kRead) return false;
+  if (const char* const failed = read_first_line(path, line)) {
+    pelmar_utils_syslog_err("pelmar_get_current_pid_name_ex, %s fail", failed);
+    return false;
+  }
   pelmar_utils_syslog_dbg("pelmar_get_current_pid_name_ex, proc_pid_buf = %s", line);
   copy(out, line + kStatusNameAt);
   pelmar_str_trim(out, kNameBytes - 1);
@@ -97,19 +96,19 @@ bool read_name_from_status(Name& out) {
   return true;
 }
 
-// Whose record is read. The name in the process's own record is the published one: empty as soon as reading begins.
+// Whose record is read. The name in kOwn is the published one, which is empty while it is read.
 enum class Record { kOfCaller, kOwn };
 
-// The function's name stands in its log lines.
+// The function's name appears in its log lines.
 void pelmar_get_name_by_pid(pelmar_pid_info& info, Record record) {
   Line path;
   format_path(path, info.p_id, "cmdline");
   PELMAR_LOG_DEBUG("proc_pid_path: %s", path);
   Line line = {};
-  const FirstLine outcome = read_first_line(path, line);
-  if (outcome == FirstLine::kNoFile) PELMAR_LOG_ERROR("fopen fail");
-  if (outcome == FirstLine::kEmpty) PELMAR_LOG_ERROR("fgets fail");
-  if (outcome != FirstLine::kRead) return;
+  if (const char* const failed = read_first_line(path, line)) {
+    PELMAR_LOG_ERROR("%s fail", failed);
+    return;
+  }
   PELMAR_LOG_DEBUG("proc_pid_buf: %s", line);
   const char* const slash = std::strrchr(line, '/');
   if (slash == nullptr) PELMAR_LOG_DEBUG("proc_pid_buf should be name");
@@ -136,14 +135,14 @@ void fill_own_record() {
 }
 
 // Whether the entry of /proc is the wanted process.
-// Compatibility: the first line of its status file is read, but the name that is compared stays empty, so that only
-// the empty task name ever matches.
+// Compatibility: the first line of its status file is read but not used: the compared name is empty, so that only the
+// empty task name matches.
 bool is_task(const char* entry_name, const char* task_name) {
   constexpr const char* kFunction = "pelmar_get_pid_by_name";
   Line path;
   if (std::snprintf(path, sizeof(path), "/proc/%s/status", entry_name) >= static_cast<int>(sizeof(path))) return false;
   Line line = {};
-  if (read_first_line(path, line) != FirstLine::kRead) return false;
+  if (read_first_line(path, line) != nullptr) return false;
   const char* const candidate = "";
   PELMAR_LOG_DEBUG_AS(kFunction, "proc_pid_buf: %s", line);
   PELMAR_LOG_DEBUG_AS(kFunction, "task_name_tmp: %s, task_name: %s", candidate, task_name);
@@ -176,10 +175,7 @@ const char* pelmar_get_current_pid_name(void) {
 
 void pelmar_get_current_pid_info(pelmar_pid_info* info) {
   Operation operation(PELMAR_HERE);
-  if (info == nullptr) {
-    PELMAR_LOG_ERROR("p_pid_info is NULL");
-    return;
-  }
+  if (info == nullptr) return operation.fail("p_pid_info is NULL");
   read_info(*info, Record::kOfCaller);
 }
 
@@ -208,20 +204,11 @@ const char* pelmar_get_current_pid_name_ex() {
 
 void pelmar_get_pid_by_name(int32_t* pid, const char* task_name) {
   Operation operation(PELMAR_HERE);
-  if (pid == nullptr) {
-    PELMAR_LOG_ERROR("pid fail");
-    return;
-  }
-  if (task_name == nullptr) {
-    PELMAR_LOG_ERROR("task_name fail");
-    return;
-  }
+  if (pid == nullptr) return operation.fail("pid fail");
+  if (task_name == nullptr) return operation.fail("task_name fail");
   PELMAR_LOG_DEBUG("task_name: %s", task_name);
   DIR* const processes = opendir("/proc");
-  if (processes == nullptr) {
-    PELMAR_LOG_ERROR("opendir fail");
-    return;
-  }
+  if (processes == nullptr) return operation.fail("opendir fail");
   while (const dirent* const entry = readdir(processes)) {
     if (is_process_directory(*entry) && is_task(entry->d_name, task_name)) {
       *pid = std::atoi(entry->d_name);

@@ -1,4 +1,4 @@
-// Guarded access to the platform's properties, and its echo in the log.
+// Checked access to the platform's properties, and its echo in the log.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -15,19 +15,19 @@ enum EchoState : int32_t { kEchoOff = 0, kEchoOn = 1, kEchoUndecided = 2 };
 
 std::atomic<int32_t> g_echo_state{kEchoUndecided};
 
-// A name as the platform gets it.
+// A name, cut to the length that is passed to the platform.
 struct CutName {
   explicit CutName(const char* name) { std::snprintf(text, sizeof(text), "%s", name); }
   char text[PELMAR_PROPERTY_BUFFER_BYTES];
 };
 
-// Reads through a buffer of this library's size, so that a caller's is never overrun.
+// Reads to a buffer of this library's size, so that the platform never overruns a caller's buffer.
 void read_property(const CutName& name, PropertyValue& value, const char* default_value) {
   property_get(name.text, value, default_value);
   value[sizeof(value) - 1] = '\0';
 }
 
-// Two threads that decide at once decide the same. This is a part of logging, so it writes no line through a log site.
+// Two threads that decide at once get the same result. This is a part of logging, so it uses no log site.
 bool echo_is_on() {
   if (g_echo_state.load(std::memory_order_relaxed) == kEchoUndecided) {
     PropertyValue value = {};
@@ -79,18 +79,9 @@ extern "C" {
 
 void pelmar_get_property_value(const char* name, char* value, const char* default_value) {
   Operation operation(PELMAR_HERE);
-  if (name == nullptr) {
-    PELMAR_LOG_ERROR("property_name is null");
-    return;
-  }
-  if (value == nullptr) {
-    PELMAR_LOG_ERROR("property_value is null");
-    return;
-  }
-  if (default_value == nullptr) {
-    PELMAR_LOG_ERROR("default_property_value is null");
-    return;
-  }
+  if (name == nullptr) return operation.fail("property_name is null");
+  if (value == nullptr) return operation.fail("property_value is null");
+  if (default_value == nullptr) return operation.fail("default_property_value is null");
   const CutName cut_name(name);
   PropertyValue text = {};
   read_property(cut_name, text, default_value);
@@ -98,18 +89,12 @@ void pelmar_get_property_value(const char* name, char* value, const char* defaul
   if (echo_is_on()) PELMAR_LOG_DEBUG("%s: %s", cut_name.text, value);
 }
 
-// Compatibility: a value of exactly 92 bytes is handed to the platform, whose own limit is 91. The platform decides
+// Compatibility: a value of exactly 92 bytes is passed to the platform, whose own limit is 91. The platform decides
 // what is stored, and the echo shows it.
 void pelmar_set_property_value(const char* name, const char* value) {
   Operation operation(PELMAR_HERE);
-  if (name == nullptr) {
-    PELMAR_LOG_ERROR("property_name is null");
-    return;
-  }
-  if (value == nullptr) {
-    PELMAR_LOG_ERROR("property_value is null");
-    return;
-  }
+  if (name == nullptr) return operation.fail("property_name is null");
+  if (value == nullptr) return operation.fail("property_value is null");
   if (const size_t length = std::strlen(value); length > PELMAR_PROPERTY_WRITE_MAX_BYTES) {
     PELMAR_LOG_ERROR("property_value len(%u) is out of range(%d)", static_cast<unsigned>(length),
                      PELMAR_PROPERTY_WRITE_MAX_BYTES);
@@ -126,14 +111,8 @@ void pelmar_set_property_value_to_int(const char* name, int32_t value) {
 
 int32_t pelmar_get_property_value_from_int(const char* name, int32_t* value, int32_t default_value) {
   Operation operation(PELMAR_HERE);
-  if (name == nullptr) {
-    PELMAR_LOG_ERROR("property_name is null");
-    return operation.exit(default_value);
-  }
-  if (value == nullptr) {
-    PELMAR_LOG_ERROR("property_value is null");
-    return operation.exit(default_value);
-  }
+  if (name == nullptr) return operation.fail(default_value, "property_name is null");
+  if (value == nullptr) return operation.fail(default_value, "property_value is null");
   *value = read_int_property(name, default_value);
   return operation.exit(*value);
 }

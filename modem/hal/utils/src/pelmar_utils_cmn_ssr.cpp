@@ -1,4 +1,4 @@
-// The choice between restarting the modem alone and dumping its memory when it crashes. All state is in properties.
+// The reaction to a crash of the modem: restart the modem alone, or dump its memory. All state is in properties.
 #include <unistd.h>
 
 #include <cstring>
@@ -35,7 +35,7 @@ void save_level(const char* level) {
   pelmar_set_property_value(kSavedFlag, "yes");
 }
 
-// A level that a set can write, and its words in the log.
+// A level that can be set, and its texts in the log.
 struct Target {
   const char* level;
   const char* name;
@@ -61,20 +61,19 @@ int32_t pelmar_get_modem_ssr_type(void) {
                      MODEM_RESTART_LEVEL_ID_DEF);
     return operation.exit(MODEM_RESTART_LEVEL_ID_DEF);
   }
-  const char* name = "INVALID";
-  int32_t type = MODEM_RESTART_LEVEL_ID_INVALID;
+  struct {
+    const char* name;
+    int32_t type;
+  } found = {"INVALID", MODEM_RESTART_LEVEL_ID_INVALID};
   if (level.equals(saved.text)) {
-    name = "DEF";
-    type = MODEM_RESTART_LEVEL_ID_DEF;
+    found = {"DEF", MODEM_RESTART_LEVEL_ID_DEF};
   } else if (level.equals(kRestart)) {
-    name = "SSR";
-    type = MODEM_RESTART_LEVEL_ID_SSR;
+    found = {"SSR", MODEM_RESTART_LEVEL_ID_SSR};
   } else if (level.equals(kDump) || level.empty()) {  // Compatibility: an empty level counts as dump.
-    name = "DUMP";
-    type = MODEM_RESTART_LEVEL_ID_DUMP;
+    found = {"DUMP", MODEM_RESTART_LEVEL_ID_DUMP};
   }
-  PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s, type: %d", name, level.text, type);
-  return operation.exit(type);
+  PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s, type: %d", found.name, level.text, found.type);
+  return operation.exit(found.type);
 }
 
 int32_t pelmar_set_modem_ssr_type(int32_t type) {
@@ -87,10 +86,7 @@ int32_t pelmar_set_modem_ssr_type(int32_t type) {
   Target target;
   switch (type) {
     case MODEM_RESTART_LEVEL_ID_DEF:
-      if (flag.empty()) {
-        PELMAR_LOG_DEBUG("PROP - NO ssr type def, do nothing");
-        return operation.exit(0);
-      }
+      if (flag.empty()) return operation.finish(0, "PROP - NO ssr type def, do nothing");
       pelmar_get_property_value(kSavedLevel, saved, "");
       target = {saved, "DEF", "PROP - ssr type is def, do nothing"};
       break;
@@ -101,17 +97,14 @@ int32_t pelmar_set_modem_ssr_type(int32_t type) {
       target = {kRestart, "SSR", "ssr type is enable, do nothing"};
       break;
     default:
-      PELMAR_LOG_DEBUG("PELMAR_SSR_START_WITH_PROP, invalid ssr type");
-      return operation.exit(0);
+      return operation.finish(0, "PELMAR_SSR_START_WITH_PROP, invalid ssr type");
   }
-  if (level.equals(target.level)) {
-    PELMAR_LOG_DEBUG("%s", target.in_force);
-    return operation.exit(0);
-  }
+  if (level.equals(target.level)) return operation.finish(0, target.in_force);
   PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s", target.name, target.level);
   pelmar_set_property_value(kLevel, target.level);
 
-  // Compatibility: a first set saves the level that it has just written, not the one before. A get is expected first.
+  // Compatibility: the first set saves the level that it has just written, not the old one. Callers get before they
+  // set.
   if (flag.empty()) {
     save_level(target.level);
   } else {
@@ -120,17 +113,11 @@ int32_t pelmar_set_modem_ssr_type(int32_t type) {
   return operation.exit(1);
 }
 
-// Compatibility: "CONFIG_EMPTY" is copied whole even into less room than that; callers give at least 12 bytes.
+// Compatibility: "CONFIG_EMPTY" is copied whole even to a smaller buffer; callers pass at least 12 bytes.
 void pelmar_get_modem_ssr_type_name(char* name, uint32_t* in_out_len) {
   Operation operation(PELMAR_HERE);
-  if (name == nullptr) {
-    PELMAR_LOG_DEBUG("name is NULL");
-    return;
-  }
-  if (in_out_len == nullptr) {
-    PELMAR_LOG_DEBUG("in_out_len is NULL");
-    return;
-  }
+  if (name == nullptr) return operation.finish("name is NULL");
+  if (in_out_len == nullptr) return operation.finish("in_out_len is NULL");
   const uint32_t room = *in_out_len;
   PELMAR_LOG_DEBUG("g_ssr_start_flag = %d, in_len: %d", kStartFlag, static_cast<int>(room));
   const Property level(kLevel);
@@ -154,10 +141,7 @@ int32_t pelmar_modem_ssr_wait_s(int32_t wait_s) {
   Operation operation(PELMAR_HERE);
   const int32_t seconds = wait_s < 0 ? read_int_property(kWaitSeconds, kDefaultWaitSeconds) : wait_s;
   PELMAR_LOG_DEBUG("ssr wait_s = %d", seconds);
-  if (seconds < 1) {
-    PELMAR_LOG_DEBUG("modem ssr will not wait");
-    return operation.exit(seconds);
-  }
+  if (seconds < 1) return operation.finish(seconds, "modem ssr will not wait");
   PELMAR_LOG_DEBUG("wait-start(%ds) ...", seconds);
   sleep(static_cast<unsigned>(seconds));
   PELMAR_LOG_DEBUG("wait-end(%ds)", seconds);

@@ -1,4 +1,4 @@
-// Small string operations. Refusals are logged as errors, findings at debug level.
+// Small string operations. Invalid arguments are logged as errors, findings at debug level.
 #include "pelmar_string.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ int length_of(const char* str) {
   return static_cast<int>(std::strlen(str));
 }
 
-// The copy under way of a replacement: `out` is terminated after every piece.
+// The output of a replacement, which is terminated after every piece.
 struct Output {
   char* text;
   uint32_t room;
@@ -35,7 +35,7 @@ struct Output {
 void replace(const Operation& operation, Output out, const char* in, const char* src, const char* dst) {
   const int src_len = length_of(src);
   const int dst_len = length_of(dst);
-  if (src_len <= 0) {  // also a length that is beyond int
+  if (src_len <= 0) {  // also if the length does not fit an int
     PELMAR_LOG_ERROR_IN(operation, "src_len(%d) can not <= 0", src_len);
     return;
   }
@@ -63,32 +63,7 @@ void replace(const Operation& operation, Output out, const char* in, const char*
   }
 }
 
-// Why a replacement cannot start, or null.
-const char* replace_refusal(const char* out, const char* in, const char* src, const char* dst) {
-  if (in == nullptr) return "in is null";
-  if (out == nullptr) return "out is null";
-  if (src == nullptr) return "src is null";
-  if (dst == nullptr) return "dst is null";
-  if (*in == '\0') return "in is empty";
-  if (*src == '\0') return "src is empty";
-  return nullptr;
-}
-
-const char* prefix_refusal(const char* in, const char* out, const char* prefix) {
-  if (in == nullptr) return "in is null";
-  if (out == nullptr) return "out is null";
-  if (prefix == nullptr) return "prefix is null";
-  return nullptr;
-}
-
-const char* hex_refusal(const char* hex_str, int32_t str_len, const uint8_t* data) {
-  if (hex_str == nullptr) return "hex_str is null";
-  if (str_len <= 3) return "str_len is invalid";
-  if (data == nullptr) return "ptr_data is null";
-  return nullptr;
-}
-
-// Compatibility: a byte's piece, " %02X", has room for two characters, so its low digit never shows.
+// Compatibility: a byte's text, " %02X", is cut to two characters, so that the low digit is missing.
 void render_hex(char* text, int32_t room, const uint8_t* data) {
   std::memset(text, 0, static_cast<size_t>(room));
   for (int32_t length = 0; length + 3 < room; length += 2) {
@@ -104,7 +79,7 @@ using namespace pelmar;
 
 extern "C" {
 
-// Returns the length of what is left. Places are printed as the int that every message has.
+// Returns the length of the trimmed string. Positions are logged as int.
 int pelmar_str_trim(char* str, uint32_t str_len_max) {
   Operation operation(PELMAR_HERE);
   const int max = static_cast<int>(std::min<uint32_t>(str_len_max, INT_MAX));
@@ -158,17 +133,11 @@ char* pelmar_str_find_right(const char* str, char c) {
   return const_cast<char*>(std::strrchr(str, c));
 }
 
-// Compatibility: of the codes for a difference, PELMAR_STR_BYTES_DIFFER alone is positive.
+// Compatibility: only PELMAR_STR_BYTES_DIFFER of the codes for a difference is positive.
 int32_t pelmar_str_cmp(const char* str1, const char* str2) {
   Operation operation(PELMAR_HERE);
-  if (str1 == nullptr) {
-    PELMAR_LOG_ERROR("str1 is null");
-    return operation.exit(PELMAR_STR_FIRST_IS_NULL);
-  }
-  if (str2 == nullptr) {
-    PELMAR_LOG_ERROR("str2 is null");
-    return operation.exit(PELMAR_STR_SECOND_IS_NULL);
-  }
+  if (str1 == nullptr) return operation.fail(PELMAR_STR_FIRST_IS_NULL, "str1 is null");
+  if (str2 == nullptr) return operation.fail(PELMAR_STR_SECOND_IS_NULL, "str2 is null");
   const int len1 = length_of(str1);
   const int len2 = length_of(str2);
   if (len1 != len2) {
@@ -189,19 +158,20 @@ int32_t pelmar_str_cmp(const char* str1, const char* str2) {
 void pelmar_str_rpl(char* out, char* in, uint32_t outlen, const char* src, const char* dst) {
   Operation operation(PELMAR_HERE);
   if (out != nullptr && outlen > 0) out[0] = '\0';
-  if (const char* const refusal = replace_refusal(out, in, src, dst)) {
-    PELMAR_LOG_ERROR("%s", refusal);
-    return;
-  }
+  if (in == nullptr) return operation.fail("in is null");
+  if (out == nullptr) return operation.fail("out is null");
+  if (src == nullptr) return operation.fail("src is null");
+  if (dst == nullptr) return operation.fail("dst is null");
+  if (*in == '\0') return operation.fail("in is empty");
+  if (*src == '\0') return operation.fail("src is empty");
   replace(operation, {.text = out, .room = outlen}, in, src, dst);
 }
 
 bool pelmar_str_add_prefix(const char* in, char* out, int32_t outlen, const char* prefix) {
   Operation operation(PELMAR_HERE);
-  if (const char* const refusal = prefix_refusal(in, out, prefix)) {
-    PELMAR_LOG_ERROR("%s", refusal);
-    return operation.exit(false);
-  }
+  if (in == nullptr) return operation.fail(false, "in is null");
+  if (out == nullptr) return operation.fail(false, "out is null");
+  if (prefix == nullptr) return operation.fail(false, "prefix is null");
   const size_t in_len = std::strlen(in);
   const size_t prefix_len = std::strlen(prefix);
   if (outlen < 0 || in_len + prefix_len >= static_cast<size_t>(outlen)) {
@@ -210,16 +180,15 @@ bool pelmar_str_add_prefix(const char* in, char* out, int32_t outlen, const char
     return operation.exit(false);
   }
   std::memmove(out + prefix_len, in, in_len + 1);
-  std::memcpy(out, prefix, prefix_len);  // NOLINT(bugprone-not-null-terminated-result): the text that follows is
+  std::memcpy(out, prefix, prefix_len);  // NOLINT(bugprone-not-null-terminated-result): the text after it is
   return operation.exit(true);
 }
 
 bool pelmar_get_hex_str(char* hex_str, int32_t str_len, const uint8_t* ptr_data) {
   Operation operation(PELMAR_HERE);
-  if (const char* const refusal = hex_refusal(hex_str, str_len, ptr_data)) {
-    PELMAR_LOG_ERROR("%s", refusal);
-    return operation.exit(false);
-  }
+  if (hex_str == nullptr) return operation.fail(false, "hex_str is null");
+  if (str_len <= 3) return operation.fail(false, "str_len is invalid");
+  if (ptr_data == nullptr) return operation.fail(false, "ptr_data is null");
   render_hex(hex_str, str_len, ptr_data);
   return operation.exit(true);
 }
@@ -227,10 +196,7 @@ bool pelmar_get_hex_str(char* hex_str, int32_t str_len, const uint8_t* ptr_data)
 
 void pelmar_str_print(char* str) {
   Operation operation(PELMAR_HERE);
-  if (str == nullptr) {
-    PELMAR_LOG_ERROR("str is NULL");
-    return;
-  }
+  if (str == nullptr) return operation.fail("str is NULL");
   const int length = length_of(str);
   PELMAR_LOG_DEBUG("Will print str(len = %d): %s", length, str);
   for (int i = 0; i < length; ++i) {

@@ -1,4 +1,4 @@
-// Subscriptions: ids, masks, and which of them carries data and calls.
+// Subscriptions: ids, masks, and the ones that carry data and calls.
 #include <cstring>
 
 #include "pelmar_log_site.h"

@@ -1,4 +1,4 @@
-// Detached threads, and the guarded allocation pair.
+// Detached threads, and the checked allocation functions.
 #include <pthread.h>
 
 #include <cerrno>
@@ -29,10 +29,7 @@ extern "C" {
 
 int32_t pelmar_create_pthread(const char* name, void* (*start_routine)(void*), void* arg) {
   Operation operation(PELMAR_HERE);
-  if (start_routine == nullptr) {
-    PELMAR_LOG_ERROR("p_thread_proc_cb is NULL, do nothing");
-    return operation.exit(EINVAL);
-  }
+  if (start_routine == nullptr) return operation.fail(EINVAL, "p_thread_proc_cb is NULL, do nothing");
   PELMAR_LOG_DEBUG("pthread[%s] will be created", name != nullptr ? name : "Unkown name");
   const int32_t result = start_detached(start_routine, arg);
   PELMAR_LOG_DEBUG("result = %d", result);

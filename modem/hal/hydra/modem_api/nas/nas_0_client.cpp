@@ -1,29 +1,17 @@
-// The NAS service client of subscription 0; nas_1_client.cpp is its like.
+// The NAS service client of subscription 0; nas_1_client.cpp is the same for subscription 1.
 //
-// A NAS client differs from the SAR client in three points: it logs its first connection attempt too, it binds its
-// subscription after every attempt, and it registers for indications once it is connected, also when it comes back by
-// itself.
+// A NAS client differs from the SAR client in three points: it also logs its first connection attempt, it binds its
+// subscription after every attempt, and it registers for indications after every connection and reconnection.
 #include "nas_client.h"
 
 #include "nas_requests.h"
 #include "pelmar_log_site.h"
 #include "service_client.h"
-#include "shared_word.h"
 
 reconnecting_client_context nas_0_client_info;
 
 namespace pelmar {
 namespace {
-
-constexpr uint32_t kSubscription = 0;
-
-void bind(qmi_client_type handle) {
-  nas::bind_subscription(handle, kSubscription);
-}
-
-void register_for_indications() {
-  nas_0_client_set_networking_indications();
-}
 
 constinit ServiceClientState g_state;
 
@@ -36,16 +24,13 @@ constexpr ServiceClient kClient = {
               .service_up = nas_0_client_service_up_event,
               .release_thread = nas_0_client_release_qmi_client_thread,
               .resume_thread = nas_0_client_resume_qmi_client_thread},
-    .places = {.master_port = {},
-               .init_handles = PELMAR_PLACE_AS("nas_0_client_init_client_handles"),
+    .places = {.init_handles = PELMAR_PLACE_AS("nas_0_client_init_client_handles"),
                .suspend = PELMAR_PLACE_AS("nas_0_client_enter_suspend"),
                .resume = PELMAR_PLACE_AS("nas_0_client_enter_resume"),
                .ind_hdlr = PELMAR_PLACE_AS("nas_0_client_ind_hdlr")},
-    .indications = kDropsIndications,
-    .logs_first_try = true,
     .service_object = nas::get_service_object,
-    .after_attempt = bind,
-    .before_error_callback = register_for_indications,
+    .after_attempt = nas::bind_subscription<0>,
+    .before_error_callback = nas_0_client_set_networking_indications,
     .state = g_state,
 };
 

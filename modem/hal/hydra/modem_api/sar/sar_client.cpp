@@ -25,16 +25,12 @@ constexpr ServiceClient kClient = {
               .service_up = sar_client_service_up_event,
               .release_thread = sar_client_release_qmi_client_thread,
               .resume_thread = sar_client_resume_qmi_client_thread},
-    .places = {.master_port = {},
-               .init_handles = PELMAR_PLACE_AS("sar_client_init_client_handles"),
+    .places = {.init_handles = PELMAR_PLACE_AS("sar_client_init_client_handles"),
                .suspend = PELMAR_PLACE_AS("sar_client_enter_suspend"),
                .resume = PELMAR_PLACE_AS("sar_client_enter_resume"),
                .ind_hdlr = PELMAR_PLACE_AS("sar_client_ind_hdlr")},
-    .indications = kDropsIndications,
     .logs_first_try = false,  // Compatibility: only the later attempts are logged.
     .service_object = get_service_object,
-    .after_attempt = nullptr,
-    .before_error_callback = nullptr,
     .state = g_state,
 };
 

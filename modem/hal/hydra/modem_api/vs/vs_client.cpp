@@ -1,19 +1,98 @@
-// The vendor-specific service client: the connection that carries the library's own commands and brings modem events.
+// The vendor-specific service client: the service's description, and the connection for the library's own commands and
+// for modem events.
 //
-// Compatibility: it does not come back by itself. A lost service is logged and nothing else, and later sends return the
-// framework's code.
+// Each of the four indications becomes one event with a payload of fixed size. The payload is on the stack, and zero
+// where the indication has no field; counts and lengths from the modem are cut to the payload's capacity.
+//
+// Compatibility: the client does not reconnect. A lost service is only logged, and later sends return the framework's
+// code.
 #include "vs_client.h"
+
+#include <algorithm>
+#include <cstring>
 
 #include "pelmar_log_site.h"
 #include "service_client.h"
-#include "shared_word.h"
-#include "vs_events.h"
-#include "vs_messages.h"
+#include "vs_tables.h"
 
 vs_client_context vs_client_info;
 
-namespace pelmar {
+namespace pelmar::vs {
 namespace {
+
+constexpr uint32_t kNoTrailer = 0xFFFFFFFF;
+
+void convert(const StatusIndication& indication, modem_api_vs_status_event& event) {
+  event.value = indication.value;
+  event.flag1 = indication.flag1 != 0 ? 1 : 0;
+  event.flag2 = indication.flag2 != 0 ? 1 : 0;
+}
+
+// Returns how many records were copied.
+template <size_t kCapacity>
+uint32_t convert_records(const DataRecord (&from)[kCapacity], uint32_t count, modem_api_event_record (&to)[kCapacity]) {
+  const uint32_t copied = std::min<uint32_t>(count, kCapacity);
+  for (uint32_t i = 0; i < copied; ++i) {
+    to[i].id = from[i].id;
+    to[i].data_len = std::min<uint32_t>(from[i].data_len, kMaxDataBytes);
+    std::memcpy(to[i].data, from[i].data, to[i].data_len);
+    to[i].sub = from[i].sub;
+    to[i].sub_high = from[i].sub_high;
+  }
+  return copied;
+}
+
+void convert(const ReportAIndication& indication, modem_api_vs_report_a_event& event) {
+  event.value = indication.value;
+  event.record_count = convert_records(indication.records, indication.record_count, event.records);
+  // If the list is absent, its count is 0.
+  event.secondary_count = convert_records(indication.secondary, indication.secondary_count, event.secondary);
+  event.trailer = indication.trailer_valid != 0 ? indication.trailer : kNoTrailer;
+}
+
+void convert(const ReportBIndication& indication, modem_api_vs_report_b_event& event) {
+  event.value = indication.value;
+  event.entry_count = std::min<uint32_t>(indication.entry_count, kMaxEventEntries);
+  std::copy_n(indication.entries, event.entry_count, event.entries);
+  event.first = indication.first;
+  event.second = indication.second;
+}
+
+void convert(const ReportCIndication& indication, modem_api_vs_report_c_event& event) {
+  event.value = indication.value;
+}
+
+template <typename Indication, typename Event>
+void deliver(modem_api_event id, const void* decoded, modem_api_event_cb event_cb) {
+  Event event;
+  std::memset(&event, 0, sizeof(event));
+  convert(*static_cast<const Indication*>(decoded), event);
+  event_cb(id, reinterpret_cast<const uint8_t*>(&event), sizeof(event));
+}
+
+struct EventRow {
+  MessageId indication;
+  modem_api_event event;
+  void (*deliver)(modem_api_event id, const void* decoded, modem_api_event_cb event_cb);
+};
+
+constexpr EventRow kEvents[] = {
+    {kStatusIndication, MODEM_API_EVENT_VS_STATUS, deliver<StatusIndication, modem_api_vs_status_event>},
+    {kReportAIndication, MODEM_API_EVENT_VS_REPORT_A, deliver<ReportAIndication, modem_api_vs_report_a_event>},
+    {kReportBIndication, MODEM_API_EVENT_VS_REPORT_B, deliver<ReportBIndication, modem_api_vs_report_b_event>},
+    {kReportCIndication, MODEM_API_EVENT_VS_REPORT_C, deliver<ReportCIndication, modem_api_vs_report_c_event>},
+};
+
+// Converts a decoded indication to an event and calls the callback with it, once. False: the indication is no event.
+bool deliver_event(uint32_t msg_id, const void* decoded, modem_api_event_cb event_cb) {
+  for (const EventRow& row : kEvents) {
+    if (row.indication == msg_id) {
+      row.deliver(row.event, decoded, event_cb);
+      return true;
+    }
+  }
+  return false;
+}
 
 qmi_idl_service_object_type get_service_object() {
   return vs_get_service_object_internal_v01(vs::kIdlMajorVersion, vs::kIdlMinorVersion, vs::kIdlLibraryVersion);
@@ -26,30 +105,25 @@ constexpr ServiceClient kClient = {
     .context = fields_of(vs_client_info),
     .entry = {.command = vs_client_command_cb,
               .indication = vs_client_unsol_ind_cb,
-              .service_down = vs_client_service_down_event,
-              .service_up = nullptr,
-              .release_thread = nullptr,
-              .resume_thread = nullptr},
+              .service_down = vs_client_service_down_event},
     .places = {.master_port = PELMAR_PLACE_AS("vs_client_get_master_port"),
-               .init_handles = {},
-               .suspend = {},
-               .resume = {},
                .ind_hdlr = PELMAR_PLACE_AS("vs_client_ind_hdlr")},
     .indications = {.no_event_callback = "The hydra is not inited, do nothing",
                     .no_memory = "decoded_payload is NULL",
                     .needs_size = true,
                     .deliver = vs::deliver_event},
-    .logs_first_try = true,
     .service_object = get_service_object,
-    .after_attempt = nullptr,
-    .before_error_callback = nullptr,
     .state = g_state,
 };
 
 }  // namespace
-}  // namespace pelmar
+}  // namespace pelmar::vs
 
 using namespace pelmar;
+using namespace pelmar::vs;
+
+constinit const qmi_idl_service_object vs_qmi_idl_service_object_v01 =
+    Tables::service(kServiceId, kIdlMajorVersion, kIdlMinorVersion, kIdlLibraryVersion);
 
 qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
                                                                int32_t library_version) {
