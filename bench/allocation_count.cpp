@@ -23,7 +23,7 @@ Allocations allocations() {
 
 }  // namespace pelmar::bench
 
-// The C library's own allocator under its other names.
+// Other names of the C library's own allocator.
 extern "C" {
 
 void* __libc_malloc(size_t size);

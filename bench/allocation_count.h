@@ -1,4 +1,4 @@
-// Counts the process's heap allocations, by standing in front of the C library's malloc and its kin.
+// Counts the process's heap allocations with replacements for the C library's malloc() and similar functions.
 #pragma once
 
 #include <cstdint>

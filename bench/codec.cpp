@@ -1,4 +1,4 @@
-// The codec: the largest indication decoded, beside clearing and copying its structure; an NV write encoded.
+// The codec: decodes the largest indication, compared with clearing and copying its structure, and encodes an NV write.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// The same NV write built with libqmi-glib: with its typed writers, as that library's own messages are built, and with
-// its raw TLVs, which leave the values' encoding to the caller.
+// Builds the same NV write with libqmi-glib: with its typed writers, which that library uses for its own messages, and
+// with raw TLVs, whose values the caller encodes.
 #include <benchmark/benchmark.h>
 #include <libqmi-glib.h>
 

@@ -1,5 +1,5 @@
-// Commands and events through the whole client side to modem_sim in another process, beside bare sockets that carry the
-// same bytes between two processes.
+// Commands and events between the whole client side and modem_sim in another process, compared with plain sockets that
+// carry the same bytes between two processes.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -55,7 +55,7 @@ class EventCounter {
     return seen_;
   }
 
-  // False when events were lost.
+  // False if events were lost.
   bool wait() {
     std::unique_lock lock(mutex_);
     return all_seen_.wait_for(lock, std::chrono::seconds(20), [this] { return seen_ >= expected_; }) && lost_ == 0;
@@ -75,16 +75,16 @@ void on_event(uint32_t event, const uint8_t* payload, uint32_t) {
   if (event == MODEM_API_EVENT_VS_REPORT_A) g_events.add(payload);
 }
 
-// --- the two ends ---
+// --- the peers ---
 
-// Answers a request's bytes with a response's.
+// Sends the bytes of a response for those of each request.
 void serve_ping_pong(const LocalStream& stream) {
   uint8_t request[kReadNvRequestBytes];
   const uint8_t response[kReadNvResponseBytes] = {};
   while (stream.receive_all(request, sizeof request) && stream.send_all(response, sizeof response)) continue;
 }
 
-// Sends as many indications' bytes as each request says.
+// Sends the bytes of as many indications as each request requests.
 void serve_stream(const LocalStream& stream) {
   const std::vector<uint8_t> indication(kLargestIndicationBytes);
   uint32_t count;
@@ -163,7 +163,7 @@ void bare_stream(benchmark::State& state) {
 }
 BENCHMARK(bare_stream)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// --- a second connection, alone and beside the stream ---
+// --- a second connection, without and during the stream ---
 
 void get_drx(benchmark::State& state) {
   for (auto _ : state) {
@@ -213,7 +213,7 @@ bool open_clients() {
 }  // namespace
 }  // namespace pelmar::bench
 
-// Runs under a name that the library serves: the process starts itself again as "mtb".
+// The library serves processes of certain names only, so the process executes itself again as "mtb".
 int main(int argc, char** argv) {
   using namespace pelmar::bench;
   char name[] = "/bench/mtb";

@@ -1,5 +1,5 @@
-// The library's own share of commands, over a platform that answers at once, both logs closed: reading an NV item, and
-// a statistics value with and without its decoding.
+// The library's own part of a command, over a platform that returns at once, with both logs closed: reads an NV item,
+// and a statistics value with and without its decoding.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -51,8 +51,8 @@ constexpr uint32_t kLteCell = 0x52;
 constexpr uint32_t kLteCellBytes = 75;
 constexpr uint8_t kLastByte = 0x5A;
 
-// Has the platform answer one value, the serving cell's.
-void answer_lte_cell() {
+// Makes the platform respond with one value, that of the serving cell.
+void set_lte_cell_response() {
   static vs::GetStatsParameterResponse response;  // the platform keeps the address
   response = {};
   response.records_valid = 1;
@@ -63,10 +63,10 @@ void answer_lte_cell() {
   instant_platform::set_response(&response, sizeof response);
 }
 
-// Runs the reading, which tells whether it has what the platform answered.
+// Measures `read`, which returns whether it has read the value in the platform's response.
 template <typename Reading>
 void count_readings(benchmark::State& state, Reading read) {
-  answer_lte_cell();
+  set_lte_cell_response();
   uint64_t failures = 0;
   const uint64_t before = allocations().taken;
   for (auto _ : state) failures += read() ? 0 : 1;
@@ -87,7 +87,7 @@ void get_stats_parameter_instant_platform(benchmark::State& state) {
 }
 BENCHMARK(get_stats_parameter_instant_platform);
 
-// Hydra's client takes the place of the other one.
+// Hydra's client replaces the other one.
 void decode_lte_cell_instant_platform(benchmark::State& state) {
   modem_api_free_client(g_client);
   if (modem_hydra_api_init() == 0) return state.SkipWithError("hydra does not open");
@@ -105,7 +105,7 @@ BENCHMARK(decode_lte_cell_instant_platform);
 }  // namespace
 }  // namespace pelmar::bench
 
-// Runs under a name that the library serves: the process starts itself again as "mtb".
+// The library serves processes of certain names only, so the process executes itself again as "mtb".
 int main(int argc, char** argv) {
   char name[] = "/bench/mtb";
   if (std::strcmp(argv[0], name) != 0) {
@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
     execv("/proc/self/exe", argv);
     return 1;
   }
-  // The library's first lines go to standard output before its mask is closed; the benchmark's own are wanted there.
+  // The library prints its first lines before its mask is closed; only the benchmark's lines may go to standard output.
   pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_ERROR);
   pelmar_hal_close_shell_print();
   if (!pelmar::bench::open_client()) {

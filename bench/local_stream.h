@@ -1,4 +1,4 @@
-// A blocking Unix stream socket, as plain as it gets: the measure of what sockets cost.
+// A plain blocking Unix stream socket, which shows the cost of sockets alone.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +14,20 @@ class LocalStream {
   LocalStream(LocalStream&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
   ~LocalStream();
 
-  // Ends the process where nobody listens on the path.
+  // Ends the process if there is no listener on the path.
   static LocalStream connect(const std::string& path);
 
   // False once the peer is gone.
   bool send_all(const void* bytes, size_t length) const;
   bool receive_all(void* bytes, size_t length) const;
 
-  // Up to and with the next line feed.
+  // Receives up to and including the next line feed.
   std::string receive_line() const;
 
   int descriptor() const { return descriptor_; }
 
-  // Bytes received into `room`, 0 at the end.
-  size_t receive(void* bytes, size_t room) const;
+  // Returns the number of bytes received, 0 at the end.
+  size_t receive(void* bytes, size_t length) const;
 
  private:
   int descriptor_;

@@ -1,4 +1,4 @@
-// A log site that both sinks' masks suppress; its loop is counted in.
+// A log site that the masks of both sinks suppress. The time includes the loop.
 #include <benchmark/benchmark.h>
 
 #include "pelmar_log_site.h"

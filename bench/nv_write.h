@@ -1,4 +1,4 @@
-// The message that the encoders are measured with: a write of 256 bytes to an NV item, in its QMUX frame.
+// The message for the measurements of encoders: a write of 256 bytes to an NV item, in its QMUX frame.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@ inline vs::WriteNvRequest nv_write() {
   return request;
 }
 
-// Its frame, as the codec and the framework's headers make it.
+// The message's frame, built by the codec and with the framework's headers.
 std::vector<uint8_t> encoded_nv_write();
 
 }  // namespace pelmar::bench

@@ -1,4 +1,4 @@
-// The other processes that the end-to-end benchmarks talk to. Each ends with this process, however that ends.
+// The peers of the end-to-end benchmarks, each in a process that ends when this process ends for any reason.
 #pragma once
 
 #include <sys/types.h>
@@ -16,7 +16,7 @@ namespace pelmar::bench {
 // A child process with a stream to it. Start it before the first thread.
 class Child {
  public:
-  // `run` is the child's whole life.
+  // The child runs `run` and ends.
   explicit Child(const std::function<void(const LocalStream& stream)>& run);
   ~Child();
   Child(const Child&) = delete;
@@ -37,14 +37,14 @@ class Child {
   const LocalStream stream_;
 };
 
-// modem_sim on a socket in a directory of its own.
+// modem_sim, on a socket in a temporary directory.
 class SimulatedModem {
  public:
   SimulatedModem();
 
   std::string socket() const { return directory_.path + "/modem"; }
 
-  // Has it carry out a command. Ends the process where it refuses.
+  // Sends a command. Ends the process if modem_sim refuses it.
   void command(const std::string& text) const;
 
  private:

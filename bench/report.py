@@ -31,8 +31,8 @@ class Results:
         return [run[field] for run in self.runs[name]]
 
     def figure(self, name, field):
-        """The median of the rounds. They alternate, so what else the machine does falls on both sides of a ratio; a
-        best round is one stroke of luck, of one side."""
+        """The median of the rounds. The rounds alternate, so that other load of the machine affects both sides of a
+        ratio; the best round would depend on chance."""
         return statistics.median(self.values(name, field))
 
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds the benchmarks (Release, in build/bench), runs them and prints one table: what was measured, beside what, the
+# Builds the benchmarks (Release, in build/bench), runs them and prints one table: each figure, the figure beside it, the
 # goal and whether it was met. Every row compares figures of the same run, whose rounds alternate.
 #
-# Where it is allowed to, what talks to other processes runs at real-time priority, so that what else the machine does
-# stays out of the figures. PELMAR_BENCH_PRIORITY=normal leaves the priority alone.
+# If the user may do so, the benchmarks with several processes run at real-time priority, so that other processes do not
+# change the figures. PELMAR_BENCH_PRIORITY=normal keeps the normal priority.
 # The rows of libqmi-glib need the packages libqmi-glib-dev and libmbim-glib-dev.
 # usage: bench/run.sh [REPETITIONS]      default 15
 set -euo pipefail

@@ -1,5 +1,5 @@
-// What the client's live view takes of a processor: its whole time, in user and system mode, over a watch of ten
-// readings a second on a terminal of its own.
+// The processor time of the client's live view, in user and system mode, during a watch of ten readings a second on a
+// pseudo-terminal.
 #include <benchmark/benchmark.h>
 #include <pty.h>
 #include <sys/resource.h>
@@ -34,7 +34,7 @@ double seconds_of(const timeval& time) {
   _exit(127);
 }
 
-// Takes what is drawn until the client ends. Returns how many bytes that was.
+// Reads what the client draws until it ends. Returns the number of bytes.
 size_t drain(int terminal) {
   char bytes[4096];
   size_t total = 0;

@@ -1,4 +1,4 @@
-/* The response that every QMI message answers with, in its decoded form. */
+/* The standard result of every QMI response, in its decoded form. */
 #ifndef COMMON_V01_H
 #define COMMON_V01_H
 
@@ -9,7 +9,7 @@ enum {
   QMI_RESULT_FAILURE_V01 = 1,
 };
 
-/* QMI error numbers that the modem's services use. */
+/* QMI errors that the modem's services use. */
 enum {
   QMI_ERR_NONE_V01 = 0,
   QMI_ERR_MALFORMED_MSG_V01 = 1,

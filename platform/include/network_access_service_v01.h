@@ -1,4 +1,4 @@
-/* The NAS service (0x03): network access of one subscription a connection. */
+/* The NAS service (0x03): network access. A connection serves one subscription. */
 #ifndef NETWORK_ACCESS_SERVICE_V01_H
 #define NETWORK_ACCESS_SERVICE_V01_H
 

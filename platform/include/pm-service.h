@@ -2,8 +2,8 @@
  *
  * The manager powers a peripheral while at least one voter is connected. It notifies every registered voter of each
  * step: 2 then 3 when it powers up, 0 then 1 when it powers down. It waits for each voter's acknowledgement, up to a
- * time-out, before the next step. A voter that dies takes its vote with it. A child of fork() has none of its parent's
- * voters on Linux: every use returns PM_RET_FAILED, and the parent's votes stay. */
+ * time-out, before the next step. The vote of a voter that dies is withdrawn. On Linux a child of fork() has none of
+ * its parent's voters: every use returns PM_RET_FAILED, and the parent's votes stay. */
 #ifndef PM_SERVICE_H
 #define PM_SERVICE_H
 
@@ -32,7 +32,7 @@ typedef void (*pm_client_event_cb)(void* client_data, enum pm_event event);
 
 /* Registers a voter for a device. The callback runs on a thread of the manager's client.
  *
- * state   out: the peripheral's state as the event that led to it
+ * state   out: the peripheral's state, as the event that preceded it
  * handle  out: the voter's handle; untouched on an error */
 int pm_client_register(pm_client_event_cb cb, void* client_data, const char* device_name, const char* client_name,
                        enum pm_event* state, void** handle);
@@ -40,13 +40,13 @@ int pm_client_register(pm_client_event_cb cb, void* client_data, const char* dev
 /* Casts the voter's vote for power. */
 int pm_client_connect(void* handle);
 
-/* Withdraws it. */
+/* Withdraws the voter's vote. */
 int pm_client_disconnect(void* handle);
 
-/* Ends the registration; the handle is void afterwards. */
+/* Ends the registration. The handle is invalid afterwards. */
 int pm_client_unregister(void* handle);
 
-/* Acknowledges an event that the callback was given. */
+/* Acknowledges an event of the callback. */
 int pm_client_event_acknowledge(void* handle, enum pm_event event);
 
 #ifdef __cplusplus

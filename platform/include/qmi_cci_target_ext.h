@@ -1,4 +1,4 @@
-/* What the QMI client framework needs from its operating system: one block a handle, owned by the handle's user. */
+/* The operating system's parameters of a handle of the QMI client framework. The handle's user owns them. */
 #ifndef QMI_CCI_TARGET_EXT_H
 #define QMI_CCI_TARGET_EXT_H
 

@@ -1,15 +1,15 @@
 /* The QMI client framework: connections to a modem's services.
  *
  * Callbacks run on threads of the framework, never on a sender's. Indications of one handle arrive in order; a slow
- * callback of one handle does not hold up another handle. A synchronous send from inside a callback is allowed.
+ * callback of one handle does not delay another handle. A synchronous send inside a callback is allowed.
  *
- * When a service goes away, every send that waits on the handle ends with QMI_SERVICE_ERR, the error callback is called
- * once with that code, and later sends return it. On Linux a service has gone away, too, where what comes from the
- * modem cannot be parsed, where a request times out in the middle of a message that has not come whole for 100 ms, and
- * where the modem reports that the handle's client id is void.
+ * When a service goes away, every send that waits on the handle returns QMI_SERVICE_ERR, the error callback is called
+ * once with that code, and later sends return it. On Linux a service also counts as gone if the modem's bytes cannot be
+ * parsed, if a request times out while a message is incomplete for 100 ms or more, and if the modem reports that the
+ * handle's client id is void.
  *
- * A child of fork() has none of its parent's handles on Linux: every use returns QMI_CLIENT_INVALID_CLNT and does the
- * parent no harm. It may open handles of its own.
+ * On Linux a child of fork() has none of its parent's handles: every use returns QMI_CLIENT_INVALID_CLNT and does not
+ * affect the parent. The child may open its own handles.
  */
 #ifndef QMI_CLIENT_H
 #define QMI_CLIENT_H
@@ -35,7 +35,7 @@ typedef enum {
   QMI_CLIENT_SERVICE_COUNT_DEC = 1,
 } qmi_client_notify_event_type;
 
-/* Transport codes; the codec's codes of qmi_idl_lib.h are answered unchanged. */
+/* Transport codes. The codec's codes (qmi_idl_lib.h) are returned unchanged. */
 enum {
   QMI_NO_ERR = 0,
   QMI_INTERNAL_ERR = -1,
@@ -54,11 +54,11 @@ enum {
   QMI_XPORT_BUSY_ERR = -21,
 };
 
-/* An indication: its wire bytes from the first TLV on, valid only during the call. */
+/* An indication: its bytes from the first TLV on, which are valid only during the call. */
 typedef void (*qmi_client_ind_cb)(qmi_client_type user_handle, unsigned int msg_id, void* ind_buf,
                                   unsigned int ind_buf_len, void* ind_cb_data);
 
-/* The end of an asynchronous transaction; the structure is the one that was given to the send. */
+/* The end of an asynchronous transaction. The structure is the one that was passed to the send. */
 typedef void (*qmi_client_recv_msg_async_cb)(qmi_client_type user_handle, unsigned int msg_id, void* resp_c_struct,
                                              unsigned int resp_c_struct_len, void* resp_cb_data,
                                              qmi_client_error_type transp_err);
@@ -68,33 +68,33 @@ typedef void (*qmi_client_error_cb)(qmi_client_type user_handle, qmi_client_erro
 typedef void (*qmi_client_notify_cb)(qmi_client_type user_handle, qmi_idl_service_object_type service_obj,
                                      qmi_client_notify_event_type service_event, void* notify_cb_data);
 
-/* Connects to a service. Where it is absent, waits up to `timeout` milliseconds for it. On Linux the modem has a second
- * more to respond; the call returns after that time whatever the modem sends.
+/* Connects to a service. Waits up to `timeout` milliseconds for an absent service. On Linux the modem has one more
+ * second to respond; the call returns after that time whatever the modem sends.
  *
  * ind_cb   may be null: indications are dropped
- * os_params kept by the framework until the handle is released
+ * os_params used by the framework until the handle is released
  * user_handle  out: the handle; null on an error
  *
- * Returns 0, QMI_TIMEOUT_ERR when the service is absent or the modem does not respond, QMI_CLIENT_PARAM_ERR for a null
- * service object or handle pointer, QMI_CLIENT_ALLOC_FAILURE when the modem has no client id left, or another transport
+ * Returns 0, QMI_TIMEOUT_ERR if the service is absent or the modem does not respond, QMI_CLIENT_PARAM_ERR for a null
+ * service object or handle pointer, QMI_CLIENT_ALLOC_FAILURE if the modem has no client id left, or another transport
  * code. */
 qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
                                                qmi_service_instance instance_id, qmi_client_ind_cb ind_cb,
                                                void* ind_cb_data, qmi_client_os_params* os_params, uint32_t timeout,
                                                qmi_client_type* user_handle);
 
-/* A handle that tells when a service comes and goes; it can send nothing. */
+/* Opens a notifier, a handle that reports when a service comes or goes. It cannot send. */
 qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service_obj, qmi_client_os_params* os_params,
                                                qmi_client_type* user_handle);
 
-/* Where the service already went away the callback is called during the registration and QMI_SERVICE_ERR is answered.
- */
+/* If the service already went away, calls the callback during the registration and returns QMI_SERVICE_ERR. */
 qmi_client_error_type qmi_client_register_error_cb(qmi_client_type user_handle, qmi_client_error_cb err_cb,
                                                    void* err_cb_data);
 
-/* Where the service is there already the callback is called during the registration with
- * QMI_CLIENT_SERVICE_COUNT_INC. On Linux a service that was lost within 100 ms of a connection counts as absent for a
- * while, 10 ms first and at most a second. */
+/* If the service is there already, calls the callback during the registration with QMI_CLIENT_SERVICE_COUNT_INC. On
+ * Linux a service that was lost within 100 ms of a connection counts as absent for some time, 10 ms first and at most a
+ * second.
+ */
 qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle, qmi_client_notify_cb notify_cb,
                                                     void* notify_cb_data);
 
@@ -103,9 +103,9 @@ qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type user_handle,
  * req_c_struct, resp_c_struct   structures of the message, encoded and decoded by the framework; the response's is
  *                               zeroed before it is decoded
  * resp_c_struct_len             at least the message's structure size, else QMI_IDL_LIB_BUFFER_TOO_SMALL
- * timeout_msecs                 0: waits without end
+ * timeout_msecs                 0: no time-out
  *
- * Returns 0 when a response was decoded (whatever its result), a transport code, or a codec code. A null handle
+ * Returns 0 if a response was decoded, whatever its result, a transport code, or a codec code. A null handle
  * returns QMI_CLIENT_INVALID_CLNT. A response that comes after the time-out is dropped. On Linux a send that returns
  * QMI_SERVICE_ERR fills the response's header with a failure, and a send while 2048 transactions of the handle are
  * pending returns QMI_XPORT_BUSY_ERR. */
@@ -115,8 +115,8 @@ qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type user_handle, unsi
 
 /* Sends a request; the callback gets the response. The response structure must stay valid until then.
  *
- * On Linux a handle has 1024 such transactions under way at most, those counted whose callback has not begun yet. A
- * send beyond them returns QMI_XPORT_BUSY_ERR, as does one that the modem does not take within five seconds. */
+ * On Linux a handle has at most 1024 such transactions, counted until the callback begins. One more send returns
+ * QMI_XPORT_BUSY_ERR, as does a send that the modem does not take within five seconds. */
 qmi_client_error_type qmi_client_send_msg_async(qmi_client_type user_handle, unsigned int msg_id, void* req_c_struct,
                                                 unsigned int req_c_struct_len, void* resp_c_struct,
                                                 unsigned int resp_c_struct_len, qmi_client_recv_msg_async_cb resp_cb,
@@ -127,8 +127,8 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type user_handle, qmi
                                                 unsigned int message_id, const void* p_src, unsigned int src_len,
                                                 void* p_dst, unsigned int dst_len);
 
-/* Ends a handle: returns when none of its callbacks runs any more and none will start, except when called from one of
- * them. Transactions that are under way get no callback. */
+/* Ends a handle. Returns after the last of its callbacks has returned; inside one of them it does not wait for that
+ * one. Transactions without a response get no callback. */
 qmi_client_error_type qmi_client_release(qmi_client_type user_handle);
 
 #ifdef __cplusplus

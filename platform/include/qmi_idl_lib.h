@@ -1,6 +1,6 @@
-/* The QMI interface-description library: the types by which a service is named and the codec's numbers.
+/* The QMI interface description library: the types of services and messages, and the codec's result codes.
  *
- * A service object is opaque here; qmi_idl_lib_internal.h has the binary form that service tables are written in.
+ * A service object is opaque here; qmi_idl_lib_internal.h has the binary form of service tables.
  */
 #ifndef QMI_IDL_LIB_H
 #define QMI_IDL_LIB_H
@@ -20,7 +20,7 @@ typedef enum {
   QMI_IDL_INDICATION = 2,
 } qmi_idl_type_of_message_type;
 
-/* Answers of the codec; 0 is success. */
+/* Result codes of the codec; 0 is success. */
 enum {
   QMI_IDL_LIB_NO_ERR = 0,
   QMI_IDL_LIB_EXTENDED_ERR = -40,

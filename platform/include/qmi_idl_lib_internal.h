@@ -1,7 +1,7 @@
-/* The binary form of a QMI service description, as the framework's codec walks it.
+/* The binary form of a QMI service description, which the framework's codec reads.
  *
- * A message is a row of bytes: for each TLV a flags byte and what it calls for, then one element. All offsets are
- * little-endian.
+ * A message is a row of bytes: for each TLV a flags byte, the bytes that the flags require, and one element. All
+ * offsets are little-endian.
  *
  *   TLV      flags: 0x80 last TLV of the message, 0x40 optional; the low 4 bits are the TLV type of a mandatory TLV. Of
  *            an optional one they are the distance in bytes from the valid flag to the element's data offset, and the

@@ -8,12 +8,12 @@
 extern "C" {
 #endif
 
-/* Copies a property's value, or the default where it has none (a null default: the empty string), into `value`, which
- * holds at least PROPERTY_VALUE_MAX bytes. Returns the length copied, without the terminator. */
+/* Copies a property's value to `value`, which has at least PROPERTY_VALUE_MAX bytes; the default if the property has no
+ * value (a null default: the empty string). Returns the length copied, without the terminator. */
 int property_get(const char* name, char* value, const char* default_value);
 
-/* Sets a property; every process sees it. A name that begins with "ro." is set once, one that begins with "persist."
- * outlives a restart. Returns 0, or a negative number when the platform refuses it. */
+/* Sets a property for all processes. A property whose name begins with "ro." can be set once; one whose name begins
+ * with "persist." outlives a restart. Returns 0, or a negative number if the platform refuses it. */
 int property_set(const char* name, const char* value);
 
 #ifdef __cplusplus
