@@ -159,7 +159,7 @@ TEST_F(ClientTest, EventsThatWereSubscribedArriveWithTheirPayloads) {
 TEST_F(ClientTest, StatisticsAreReadDecodedAndReported) {
   tell("statistic 0 lte-scc6 earfcn=1300 pci=101 rsrp_rx0=-850 snr_rx3=180");
   tell("statistic 0 lte-uplink pusch_tx_power=-10");
-  tell("statistic 1 nr-uplink tx_power_pusch=-3.7");
+  tell("statistic 1 nr-uplink tx_power_pusch=3.7");
   tell("statistic 0 system-mode rat=9");
   tell("statistic 1 system-mode rat=12");
   ASSERT_EQ(modem_hydra_api_init_ex(Calls::add_event, nullptr), 1);
@@ -171,9 +171,9 @@ TEST_F(ClientTest, StatisticsAreReadDecodedAndReported) {
   EXPECT_EQ(cell.snr[3], 180);
   EXPECT_EQ(modem_hydra_lte_srv_meas_info_get_for_scc6(1, &cell), 0) << "the modem has no such carrier";
   EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_by_sub(0)), -10);
-  EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_max_sub()), -3);
+  EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_max_sub()), 3);
   property_set("persist.radio.default_data_sub", "1");
-  EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_dds_sub()), -3);
+  EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_dds_sub()), 3);
 
   tell("clock 0");
   modem_hydra_stats_id_alloc();
