@@ -1,4 +1,4 @@
-// Each fault that the user can ask for, and which responses its row takes.
+// Each fault that the user can order, and which responses its row takes.
 #include <gtest/gtest.h>
 
 #include <chrono>
