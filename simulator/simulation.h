@@ -29,7 +29,7 @@ struct SimulationOptions {
   std::string control;
   Admission admission =
       Admission::kThisUserAndRoot;  // of clients and voters; the control socket is never for every user
-  size_t max_entries = Storage::kDefaultMaxEntries;
+  size_t max_entries = 4096;
   std::chrono::milliseconds starting_time{0};  // not ready for that long after the start
   std::chrono::milliseconds reset_time{200};   // not ready for that long after a reset by a client, or a crash
   std::string pm_socket;                       // of the peripheral manager; empty: none, the modem always has power

@@ -28,7 +28,6 @@ class LocalListener final : public EventLoop::Watcher {
   LocalListener(const LocalListener&) = delete;
   LocalListener& operator=(const LocalListener&) = delete;
 
-  const std::string& name() const { return name_; }
   void on_ready(uint32_t events) override;
 
  private:

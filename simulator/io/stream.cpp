@@ -103,7 +103,7 @@ void Stream::set_share(size_t bytes) {
   if (share_ != 0 && bytes == 0) all_.waiting_.erase(place_);
   all_.total_ = all_.total_ - share_ + bytes;
   share_ = bytes;
-  while (all_.total_ > all_.limit_) all_.drop_longest_waiting();
+  while (all_.total_ > all_.kLimit) all_.drop_longest_waiting();
 }
 
 void Stream::flush() {

@@ -28,17 +28,14 @@ class Stream;
 // time. A peer that reads, however slowly, is thus dropped after all those that do not.
 class WaitingOutput {
  public:
-  static constexpr size_t kDefaultLimit = size_t{16} << 20;
-
-  explicit WaitingOutput(size_t limit = kDefaultLimit) : limit_(limit) {}
-
   // Closes the stream whose peer has read nothing for the longest time. False where nothing waits.
   bool drop_longest_waiting();
 
  private:
   friend class Stream;
 
-  const size_t limit_;
+  static constexpr size_t kLimit = size_t{16} << 20;
+
   size_t total_ = 0;
   std::list<Stream*> waiting_;  // in the order in which their peers have last read, or their output began to wait
 };

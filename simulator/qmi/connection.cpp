@@ -14,7 +14,7 @@ Connection::Connection(Connections& connections, UniqueFd fd, uint64_t number)
 
 size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
   size_t used = 0;
-  while (is_open()) {
+  while (stream_.is_open()) {
     const qmi::Front front = qmi::read_front(bytes.subspan(used), qmi::Direction::kToModem);
     if (front.state == qmi::Front::State::kIncomplete) break;
     if (front.state == qmi::Front::State::kBroken) {

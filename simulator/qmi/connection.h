@@ -32,7 +32,6 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
 
   uint64_t number() const { return number_; }
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
-  bool is_open() const { return stream_.is_open(); }
 
   void send(std::span<const uint8_t> bytes) { stream_.send(bytes); }
   void close(std::string_view reason) { stream_.close(reason); }

@@ -78,20 +78,20 @@ Uplink uplink_of(double signal, const Antennas& antennas, const PowerControl& co
   return uplink;
 }
 
-std::array<Levels, kChains> chains_of_signal(double signal, double others, const Antennas& antennas, size_t count) {
-  std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
-  for (size_t i = 0; i < count; ++i) chains[i] = levels_of(signal, others, antennas.gain_of_chain(i));
-  return chains;
+Carrier carrier_of(uint32_t frequency, double signal, double others, const Antennas& antennas, size_t chains) {
+  Carrier carrier;
+  carrier.is_there = true;
+  carrier.frequency = frequency;
+  carrier.measured_chains = static_cast<uint16_t>((1u << chains) - 1);
+  for (size_t i = 0; i < chains; ++i) carrier.chains[i] = levels_of(signal, others, antennas.gain_of_chain(i));
+  carrier.rsrq = levels_of(signal, others, best_gain(antennas, chains)).rsrq;
+  return carrier;
 }
 
-LteCarrier carrier_of(const SeenCell& cell, const Antennas& antennas) {
-  const size_t chains = chains_of(cell.site->earfcn);
-  LteCarrier carrier;
-  carrier.is_there = true;
-  carrier.earfcn = cell.site->earfcn;
-  carrier.physical_cell_id = cell.site->physical_cell_id;
-  carrier.measured_chains = static_cast<uint16_t>((1u << chains) - 1);
-  carrier.chains = chains_of_signal(cell.signal, cell.others, antennas, chains);
+Carrier carrier_of(const SeenCell& cell, const Antennas& antennas) {
+  const LteSite& site = *cell.site;
+  Carrier carrier = carrier_of(site.earfcn, cell.signal, cell.others, antennas, chains_of(site.earfcn));
+  carrier.physical_cell_id = site.physical_cell_id;
   return carrier;
 }
 
@@ -208,11 +208,7 @@ void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double second
       if (i == 0) return;
       continue;
     }
-    NrCarrier& carrier = sample.nr[i];
-    carrier.is_there = true;
-    carrier.arfcn = frequency.arfcn;
-    carrier.chains = chains_of_signal(found.signal, found.others, sample.antennas, kChains);
-    carrier.rsrq = levels_of(found.signal, found.others, best_gain(sample.antennas, kChains)).rsrq;
+    sample.nr[i] = carrier_of(frequency.arfcn, found.signal, found.others, sample.antennas, kChains);
     if (i > 0) continue;
     sample.nr_uplink = uplink_of(found.signal, sample.antennas, kNrControl);
     if (found.mean >= kLeastNrDataLevel) sample.mode = SystemMode::kNr;

@@ -84,17 +84,11 @@ struct SeenCell {
 };
 
 // A carrier that is not there has nothing but the levels of chains that do not measure.
-struct LteCarrier {
+struct Carrier {
   bool is_there = false;
-  uint32_t earfcn = 0;
-  uint16_t physical_cell_id = 0;
-  uint16_t measured_chains = 0;  // a bit each
-  std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
-};
-
-struct NrCarrier {
-  bool is_there = false;
-  uint32_t arfcn = 0;
+  uint32_t frequency = 0;         // its EARFCN or NR-ARFCN
+  uint16_t physical_cell_id = 0;  // of LTE
+  uint16_t measured_chains = 0;   // a bit each
   std::array<Levels, kChains> chains = {kNotMeasured, kNotMeasured, kNotMeasured, kNotMeasured};
   double rsrq = kNotMeasured.rsrq;  // of the strongest chain
 };
@@ -116,8 +110,8 @@ struct RadioSample {
   const SeenCell* serving() const { return serving_cell ? &cells[*serving_cell] : nullptr; }
   std::optional<size_t> serving_cell;  // its place in cells
   double serving_distance = 0;         // metres
-  std::array<LteCarrier, kLteCarriers> lte;
-  std::array<NrCarrier, kNrCarriers> nr;
+  std::array<Carrier, kLteCarriers> lte;
+  std::array<Carrier, kNrCarriers> nr;
   Uplink lte_uplink;
   Uplink nr_uplink;
   std::array<double, 2> wcdma_levels{};  // of the strongest neighbour, on the first two chains

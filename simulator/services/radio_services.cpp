@@ -92,7 +92,7 @@ struct NasService::Handlers {
     response.timing_advance_valid = 1;
     response.timing_advance = static_cast<uint32_t>(std::lround(radio.serving_distance * kMicrosecondsPerMetre));
     response.nr_arfcn_valid = radio.has_nr();
-    response.nr_arfcn = radio.nr[0].arfcn;
+    response.nr_arfcn = radio.nr[0].frequency;
     return QMI_ERR_NONE_V01;
   }
 
@@ -158,6 +158,8 @@ void NasService::restarted() {
 // --- SAR ---
 
 struct SarService::Handlers {
+  static constexpr uint32_t kHighestState = 20;
+
   static QmiError set_state(SarService& self, uint8_t, const sar::RfSetStateRequest& request,
                             sar::RfSetStateResponse&) {
     if (request.state > kHighestState) return QMI_ERR_INVALID_ARG_V01;

@@ -42,8 +42,6 @@ class NasService final : public Service {
 // The SAR service (0x11): a transmit-power state that clients set, kept until the modem restarts.
 class SarService final : public Service {
  public:
-  static constexpr uint32_t kHighestState = 20;
-
   SarService();
 
   uint32_t state() const { return state_; }

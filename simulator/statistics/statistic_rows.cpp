@@ -22,10 +22,10 @@ constexpr double tenths(double value) {
 }
 
 Numbers lte_cell(const RadioSample& sample, size_t carrier) {
-  const LteCarrier& from = sample.lte[carrier];
+  const Carrier& from = sample.lte[carrier];
   Numbers numbers = {kVersion,
                      kVersion,
-                     static_cast<double>(from.earfcn),
+                     static_cast<double>(from.frequency),
                      static_cast<double>(from.physical_cell_id),
                      static_cast<double>(from.is_there),
                      static_cast<double>(from.measured_chains)};

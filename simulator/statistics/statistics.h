@@ -25,8 +25,7 @@ class Statistics {
   // Fills in the record's value; its length is 0 where the modem has none for the identifier.
   Source read(StatisticKey key, vs::DataRecord& record) const;
 
-  // Forgets past events: an antenna switch before is forgotten, and bytes that the user fixed become
-  // zero.
+  // Forgets past events, such as an antenna switch; bytes that the user has fixed become zero.
   void clear(StatisticKey key);
   void restarted() { cleared_.clear(); }
 

@@ -100,10 +100,8 @@ class FileTree final : private Store {
 
 class Storage {
  public:
-  static constexpr size_t kDefaultMaxEntries = 4096;
-
   // Creates the directory where it is missing. Throws std::runtime_error with the remedy for a failure.
-  explicit Storage(const std::string& directory, size_t max_entries = kDefaultMaxEntries);
+  explicit Storage(const std::string& directory, size_t max_entries);
 
   // Returns when all that was written and deleted is on the disk. The calling thread waits for the whole file system.
   QmiError sync();
