@@ -28,6 +28,7 @@ namespace pelmar::sim {
 
 namespace {
 
+constexpr const char* kControlName = "/control";  // in the storage
 constexpr const char* kControlVariable = "PELMAR_SIM_CONTROL";
 constexpr const char* kNumber = "NUMBER";
 constexpr const char* kMilliseconds = "MILLISECONDS";
@@ -110,10 +111,6 @@ void serve(const SimulationOptions& options) {
 int report(const std::exception& error, ExitStatus status) {
   fprintf(stderr, "modem_sim: %s\n", printable_text(error.what()).c_str());
   return status;
-}
-
-std::string control_socket_in(const std::string& storage) {
-  return storage + "/control";
 }
 
 void assign(uint64_t& value, uint64_t number) {
@@ -207,7 +204,7 @@ CLI::App* add_ctl(CLI::App& app, CtlOptions& options) {
 
 int run_ctl(const CLI::App& ctl, const CtlOptions& options) {
   std::string socket = options.control;
-  if (socket.empty() && !options.storage.empty()) socket = control_socket_in(options.storage);
+  if (socket.empty() && !options.storage.empty()) socket = options.storage + kControlName;
   if (socket.empty()) socket = environment(kControlVariable);
   if (socket.empty()) {
     throw CommandError(std::string("no control socket named: give --control, --storage or set ") + kControlVariable);
@@ -234,7 +231,7 @@ int run(int argc, char** argv) {
   }
 
   if (*ctl) return run_ctl(*ctl, ctl_options);
-  if (serve_options.control.empty()) serve_options.control = control_socket_in(serve_options.storage);
+  if (serve_options.control.empty()) serve_options.control = serve_options.storage + kControlName;
   if (serve_command->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {
     serve_options.pm_socket = platform::power::default_manager_socket(serve_options.socket);
   }

@@ -67,10 +67,6 @@ bool Arguments::accept_words(std::string_view words) {
   return true;
 }
 
-void Arguments::end() const {
-  if (!is_empty()) throw CommandError("'" + words_[next_] + "' is one word too many");
-}
-
 // --- commands ---
 
 std::span<const CommandGroup> command_groups() {

@@ -55,7 +55,9 @@ class Arguments {
   bool accept_words(std::string_view words);
 
   // Throws CommandError where a word is left.
-  void end() const;
+  void end() const {
+    if (!is_empty()) throw CommandError("'" + words_[next_] + "' is one word too many");
+  }
 
  private:
   std::vector<std::string> words_;

@@ -14,6 +14,7 @@ constexpr uint64_t kMaxDelayMs = 3'600'000;
 constexpr size_t kMaxGarbageBytes = 4096;
 constexpr size_t kRandomGarbageBytes = 64;
 constexpr std::string_view kAny = "any";
+constexpr const char* kIsOff = "the modem is off: 'power' shows why";
 
 // By Modem::State and FaultKind.
 constexpr std::string_view kStateNames[] = {"ready", "starting", "off"};
@@ -33,14 +34,10 @@ Json switch_service(Simulation& simulation, Arguments& arguments) {
   return {{"service", slot.service->name()}, {"up", slot.is_up}, {"revoked", clients - slot.clients.count()}};
 }
 
-void require_power(const Simulation& simulation) {
-  if (simulation.modem.state() == Modem::State::kOff) throw std::runtime_error("the modem is off: 'power' shows why");
-}
-
 Json restart(Simulation& simulation, Arguments& arguments) {
   const uint64_t ms = arguments.is_empty() ? 0 : arguments.number("MS", kMaxStartingMs);
   arguments.end();
-  require_power(simulation);
+  if (simulation.modem.state() == Modem::State::kOff) throw std::runtime_error(kIsOff);
   simulation.modem.restart(std::chrono::milliseconds(ms));
   return {{"starting_ms", ms}, {"connections_told", simulation.connections.count()}};
 }
@@ -65,7 +62,7 @@ Json show_power(Simulation& simulation, Arguments& arguments) {
 
 Json crash(Simulation& simulation, Arguments& arguments) {
   arguments.end();
-  require_power(simulation);
+  if (simulation.modem.state() == Modem::State::kOff) throw std::runtime_error(kIsOff);
   const ModemPower::Crash crash = simulation.power.crash();
   Json response = {{"restart_level", crash.level}, {"restarts", crash.dump.empty()}};
   if (!crash.dump.empty()) response["dump"] = crash.dump;
@@ -185,7 +182,8 @@ Json describe_radio(Simulation& simulation, size_t number) {
           {"avoid_trm", subscription.avoid_trm}};
 }
 
-Json status(Simulation& simulation) {
+Json status(Simulation& simulation, Arguments& arguments) {
+  arguments.end();
   Json services = Json::array();
   for (const Modem::Slot& slot : simulation.modem.slots()) services.push_back(describe(slot));
   Json faults = Json::array();
@@ -225,11 +223,6 @@ Json status(Simulation& simulation) {
       {"sar_rf_state", simulation.sar.state()},
       {"radio", std::move(radio)},
   };
-}
-
-Json show_status(Simulation& simulation, Arguments& arguments) {
-  arguments.end();
-  return status(simulation);
 }
 
 Json fix_drx(Simulation& simulation, Arguments& arguments) {
@@ -296,7 +289,7 @@ constexpr Command kFaultRows[] = {
 };
 
 constexpr Command kGeneralRows[] = {
-    {"status", "", "services, clients, connections, faults, counters", show_status},
+    {"status", "", "services, clients, connections, faults, counters", status},
     {"messages", "SERVICE", "the names and numbers of the service's messages", messages},
     {"drx", "SUB VALUE", "fix the DRX value of a subscription until the service restarts", fix_drx},
     {"help", "", "list the commands", help},
@@ -311,7 +304,8 @@ constinit const CommandGroup kFaultCommands = {"Faults of the next responses", k
 constinit const CommandGroup kGeneralCommands = {"The rest", kGeneralRows};
 
 std::string status_text(Simulation& simulation) {
-  return status(simulation).dump(2, ' ', false, Json::error_handler_t::replace);
+  Arguments none("");
+  return status(simulation, none).dump(2, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace pelmar::sim

@@ -175,13 +175,8 @@ uint32_t take_statistic(Arguments& arguments) {
                      list_names(statistic_rows(), [](const StatisticRow& row) { return row.name; }) + " is expected");
 }
 
-struct FieldFix {
-  size_t field;
-  double number;
-};
-
-// FIELD=NUMBER
-FieldFix take_field(const StatisticRow& row, Arguments& arguments) {
+// FIELD=NUMBER: the field's place in the row, and its number.
+std::pair<size_t, double> take_field(const StatisticRow& row, Arguments& arguments) {
   const std::string text = arguments.word("FIELD=NUMBER");
   const size_t equals = std::min(text.find('='), text.size());
   const std::string name = text.substr(0, equals);
@@ -235,9 +230,9 @@ Json statistic(Simulation& simulation, Arguments& arguments) {
     arguments.end();
     statistics.release(key);
   } else if (row != nullptr && arguments.peek().find('=') != std::string_view::npos) {
-    std::vector<FieldFix> fixes;
+    std::vector<std::pair<size_t, double>> fixes;
     while (!arguments.is_empty()) fixes.push_back(take_field(*row, arguments));
-    for (const FieldFix& fix : fixes) statistics.fix(key, fix.field, fix.number);
+    for (const auto& [field, number] : fixes) statistics.fix(key, field, number);
   } else {
     std::vector<uint8_t> bytes = arguments.hex("HEX", vs::kMaxDataBytes);
     arguments.end();

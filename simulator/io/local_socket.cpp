@@ -20,19 +20,6 @@ constexpr int kBacklog = 128;
 constexpr std::chrono::milliseconds kPauseWithoutDescriptors{100};
 constexpr std::chrono::seconds kBetweenReports{1};
 
-UnixAddress address_of(const std::string& name) {
-  const auto address = unix_address(name);
-  if (address) return *address;
-  throw std::runtime_error("socket name '" + name + "' must have 1 to " + std::to_string(longest_unix_name(name)) +
-                           " characters: use a shorter path");
-}
-
-UniqueFd new_socket() {
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd) throw std::runtime_error(std::string("cannot create a socket: ") + strerror(errno));
-  return fd;
-}
-
 void remove_socket_of_dead_process(const std::string& name) {
   struct stat file {};
   const bool is_socket = !is_abstract(name) && lstat(name.c_str(), &file) == 0 && S_ISSOCK(file.st_mode);
@@ -61,12 +48,21 @@ UniqueFd connect_local(const std::string& name) {
 }
 
 LocalListener::LocalListener(EventLoop& loop, std::string name, Accept accept, Admission admission)
-    : loop_(loop), name_(std::move(name)), accept_(std::move(accept)), admission_(admission), fd_(new_socket()) {
-  const UnixAddress address = address_of(name_);
-  int result = bind_for_owner_only(fd_.get(), address);
+    : loop_(loop),
+      name_(std::move(name)),
+      accept_(std::move(accept)),
+      admission_(admission),
+      fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+  if (!fd_) throw std::runtime_error(std::string("cannot create a socket: ") + strerror(errno));
+  const auto address = unix_address(name_);
+  if (!address) {
+    throw std::runtime_error("socket name '" + name_ + "' must have 1 to " + std::to_string(longest_unix_name(name_)) +
+                             " characters: use a shorter path");
+  }
+  int result = bind_for_owner_only(fd_.get(), *address);
   if (result != 0 && errno == EADDRINUSE) {
     remove_socket_of_dead_process(name_);
-    result = bind_for_owner_only(fd_.get(), address);
+    result = bind_for_owner_only(fd_.get(), *address);
   }
   if (result != 0 || listen(fd_.get(), kBacklog) != 0) {
     throw std::runtime_error("cannot serve socket '" + name_ + "': " + strerror(errno));

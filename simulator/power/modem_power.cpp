@@ -23,12 +23,6 @@ constexpr const char* kRestartAlone = "ALL_ENABLE";
 constexpr const char* kDumpDirectory = "dumps";
 constexpr const char* kDumpName = "modem-%u.txt";
 
-std::string restart_level() {
-  char value[PROPERTY_VALUE_MAX];
-  property_get(kRestartLevel, value, "");
-  return value;
-}
-
 unsigned next_dump_number(int directory) {
   unsigned last = 0;
   for (const Entry& entry : list_directory(directory, kDumpDirectory)) {
@@ -38,14 +32,6 @@ unsigned next_dump_number(int directory) {
   return last + 1;
 }
 
-std::string utc_text(time_t time) {
-  tm utc{};
-  gmtime_r(&time, &utc);
-  char text[32];
-  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
-
 }  // namespace
 
 std::string ModemPower::write_dump() const {
@@ -53,7 +39,11 @@ std::string ModemPower::write_dump() const {
   const UniqueFd directory = require_directory(root.get(), kDumpDirectory);
   char name[32];
   snprintf(name, sizeof name, kDumpName, next_dump_number(directory.get()));
-  const std::string text = "modem crash, " + utc_text(time(nullptr)) + "\n" + memory_() + "\n";
+  const time_t now = time(nullptr);
+  tm utc{};
+  char when[32];
+  strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &utc));
+  const std::string text = std::string("modem crash, ") + when + "\n" + memory_() + "\n";
   if (replace_file(root.get(), directory.get(), name, bytes_of(text)) != QMI_ERR_NONE_V01) {
     throw std::runtime_error("cannot write the dump: " + std::string(strerror(errno)));
   }
@@ -72,7 +62,9 @@ std::chrono::milliseconds ModemPower::switch_power(bool on) {
 }
 
 ModemPower::Crash ModemPower::crash() {
-  Crash crash = {restart_level(), ""};
+  char level[PROPERTY_VALUE_MAX];
+  property_get(kRestartLevel, level, "");
+  Crash crash = {level, ""};
   if (crash.level == kRestartAlone) {
     modem_.restart(times_.restart);
     return crash;

@@ -48,10 +48,6 @@ void Modem::turn_off() {
   broadcast(qmi::kControlService, kControlSync, {});
 }
 
-void Modem::turn_on(std::chrono::milliseconds starting_time) {
-  if (state_ == State::kOff) start(starting_time);
-}
-
 void Modem::start(std::chrono::milliseconds starting_time) {
   loop_.cancel(start_timer_);
   state_ = starting_time.count() > 0 ? State::kStarting : State::kReady;

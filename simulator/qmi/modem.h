@@ -108,7 +108,9 @@ class Modem {
 
   // A modem that is off has no services and is not ready. Turning on a modem that is on has no effect.
   void turn_off();
-  void turn_on(std::chrono::milliseconds starting_time);
+  void turn_on(std::chrono::milliseconds starting_time) {
+    if (state_ == State::kOff) start(starting_time);
+  }
 
   // Releases all client ids of the connection.
   void disconnect(Connection& connection);

@@ -14,6 +14,7 @@ using Time = std::chrono::milliseconds;
 constexpr Time kSpell{12'000};
 constexpr Time kNoticedAfter{3'600};
 
+constexpr double kFading = 2.5;  // dB, at most
 constexpr double kHandLoss = 7;  // dB, at most
 constexpr double kFreeGains[kAntennas] = {0, -0.6, -2.0, -3.0};
 
@@ -80,7 +81,7 @@ double fading_at(double seconds, uint64_t seed, uint64_t stream) {
     word = mix(word, 2);
     sum += wave.share * std::sin(2 * std::numbers::pi * (seconds / period + fraction(word)));
   }
-  return sum;
+  return kFading * sum;
 }
 
 }  // namespace pelmar::sim

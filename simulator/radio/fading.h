@@ -31,7 +31,7 @@ struct Antennas {
 
 Antennas antennas_at(std::chrono::milliseconds time, uint64_t seed);
 
-// From -1 to 1; changes by less than 0.1 in a tenth of a second. Each stream has its own.
+// In dB, from -2.5 to 2.5; changes by less than 0.25 in a tenth of a second. Each stream has its own.
 double fading_at(double seconds, uint64_t seed, uint64_t stream);
 
 }  // namespace pelmar::sim

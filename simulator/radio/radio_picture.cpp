@@ -9,7 +9,6 @@ namespace pelmar::sim {
 
 namespace {
 
-constexpr double kFading = 2.5;            // dB, at most
 constexpr double kNoisePower = -124;       // dBm, of one subcarrier in a receiver
 constexpr double kDistortion = 0.001;      // share of the signal that the phone itself turns into noise
 constexpr double kLoad = 0.6;              // share of a neighbour's subcarriers that are in use
@@ -164,16 +163,6 @@ std::vector<uint16_t> RadioSample::other_frequencies() const {
 
 // --- LTE ---
 
-double RadioPicture::fading(uint64_t stream, double seconds) const {
-  return kFading * fading_at(seconds, seed_, stream);
-}
-
-bool RadioPicture::may_camp_on(const LteSite& site) const {
-  return lock_.empty() || std::any_of(lock_.begin(), lock_.end(), [&](const CellOfLock& cell) {
-           return cell.earfcn == site.earfcn && cell.physical_cell_id == site.physical_cell_id;
-         });
-}
-
 std::vector<SeenCell> RadioPicture::measure_cells(const Place& phone, double seconds, const Antennas& antennas) const {
   std::vector<SeenCell> cells;
   for (const LteSite& site : network_->sites) {
@@ -190,6 +179,11 @@ std::vector<SeenCell> RadioPicture::measure_cells(const Place& phone, double sec
 }
 
 std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell>& cells) const {
+  const auto may_camp_on = [&](const LteSite& site) {
+    return lock_.empty() || std::any_of(lock_.begin(), lock_.end(), [&](const CellOfLock& cell) {
+             return cell.earfcn == site.earfcn && cell.physical_cell_id == site.physical_cell_id;
+           });
+  };
   std::optional<size_t> best;
   for (size_t i = 0; i < cells.size(); ++i) {
     if (may_camp_on(*cells[i].site) && (!best || cells[i].mean > cells[*best].mean)) best = i;

@@ -34,7 +34,7 @@ class ModemClock {
   // Held from its start, or from 0 at the pace of the machine's clock.
   explicit ModemClock(std::optional<Time> held = {}) : base_(held.value_or(Time{0})), is_held_(held.has_value()) {}
 
-  Time now() const { return is_held_ ? base_ : base_ + since(base_instant_); }
+  Time now() const { return is_held_ ? base_ : base_ + std::chrono::duration_cast<Time>(Clock::now() - base_instant_); }
   bool is_held() const { return is_held_; }
 
   void hold_at(Time time) {
@@ -51,8 +51,6 @@ class ModemClock {
 
  private:
   using Clock = std::chrono::steady_clock;
-
-  static Time since(Clock::time_point instant) { return std::chrono::duration_cast<Time>(Clock::now() - instant); }
 
   Time base_;
   Clock::time_point base_instant_ = Clock::now();
@@ -151,8 +149,7 @@ class RadioPicture {
   }
 
  private:
-  double fading(uint64_t stream, double seconds) const;  // dB
-  bool may_camp_on(const LteSite& site) const;
+  double fading(uint64_t stream, double seconds) const { return fading_at(seconds, seed_, stream); }
   std::vector<SeenCell> measure_cells(const Place& phone, double seconds, const Antennas& antennas) const;
   std::optional<size_t> find_serving_cell(const std::vector<SeenCell>& cells) const;
   void add_nr(RadioSample& sample, const Place& phone, double seconds) const;

@@ -156,22 +156,6 @@ std::vector<Scenario::Track> parse_tracks(const Node& node, double repeat) {
   return tracks;
 }
 
-// The JSON library's text without the name of its error.
-std::string plain_text(const Json::exception& error) {
-  const std::string text = error.what();
-  const size_t place = text.find("line ");
-  return text.substr(place != text.npos ? place : text.find("] ") + 2);
-}
-
-Json parse_json(std::string_view text) {
-  if (text.size() > kMaxBytes) throw ScenarioError("the scenario: larger than " + std::to_string(kMaxBytes) + " bytes");
-  try {
-    return Json::parse(text);
-  } catch (const Json::exception& error) {
-    throw ScenarioError("no JSON: " + plain_text(error));
-  }
-}
-
 }  // namespace
 
 std::optional<ScenarioNumbers> Scenario::at(const StatisticKey& key, double seconds) const {
@@ -199,7 +183,15 @@ std::optional<ScenarioNumbers> Scenario::at(const StatisticKey& key, double seco
 }
 
 Scenario parse_scenario(std::string_view text) {
-  const Json json = parse_json(text);
+  if (text.size() > kMaxBytes) throw ScenarioError("the scenario: larger than " + std::to_string(kMaxBytes) + " bytes");
+  Json json;
+  try {
+    json = Json::parse(text);
+  } catch (const Json::exception& error) {
+    const std::string problem = error.what();  // begins with the name of the library's error
+    const size_t place = problem.find("line ");
+    throw ScenarioError("no JSON: " + problem.substr(place != problem.npos ? place : problem.find("] ") + 2));
+  }
   const Node root{json, ""};
   root.require_object({"description", "repeat", "tracks"});
   const auto description = root.find("description");

@@ -18,15 +18,6 @@ void fill(vs::DataRecord& record, uint32_t id) {
   std::iota(std::begin(record.data), std::end(record.data), static_cast<uint8_t>(id));
 }
 
-void fill(vs::ReportAIndication& report) {
-  report.record_count = vs::kMaxDataRecords;
-  for (uint32_t i = 0; i < vs::kMaxDataRecords; ++i) fill(report.records[i], i);
-  report.secondary_valid = 1;
-  report.secondary_count = vs::kMaxSecondaryDataRecords;
-  for (uint32_t i = 0; i < vs::kMaxSecondaryDataRecords; ++i) fill(report.secondary[i], i);
-  report.trailer_valid = 1;
-}
-
 }  // namespace
 
 std::optional<uint8_t> EventStream::start(const Plan& plan) {
@@ -40,7 +31,12 @@ std::optional<uint8_t> EventStream::start(const Plan& plan) {
   client_ = *found;
   next_ = 0;
   started_ = EventLoop::Clock::now();
-  fill(report_);
+  report_.record_count = vs::kMaxDataRecords;
+  for (uint32_t i = 0; i < vs::kMaxDataRecords; ++i) fill(report_.records[i], i);
+  report_.secondary_valid = 1;
+  report_.secondary_count = vs::kMaxSecondaryDataRecords;
+  for (uint32_t i = 0; i < vs::kMaxSecondaryDataRecords; ++i) fill(report_.secondary[i], i);
+  report_.trailer_valid = 1;
   loop_.after({}, [this, stream = ++stream_] { run(stream); });
   return found;
 }

@@ -18,10 +18,6 @@ double Statistics::seconds_played() const {
   return std::max(std::chrono::duration<double>(clock_.now() - scenario_->start).count(), 0.0);
 }
 
-void Statistics::Value::replace(const std::array<std::optional<double>, kMaxFields>& by) {
-  for (size_t i = 0; i < by.size(); ++i) fields[i] = by[i].value_or(fields[i]);
-}
-
 Statistics::Value Statistics::value_of(StatisticKey key, const StatisticRow& row) const {
   const RadioSample radio = sample(key);
   const bool is_there = row.is_there(radio, row.carrier);

@@ -56,7 +56,9 @@ class Statistics {
     Source source = Source::kNone;
     Numbers fields{};
 
-    void replace(const std::array<std::optional<double>, kMaxFields>& by);
+    void replace(const std::array<std::optional<double>, kMaxFields>& by) {
+      for (size_t i = 0; i < by.size(); ++i) fields[i] = by[i].value_or(fields[i]);
+    }
   };
 
   RadioSample sample(StatisticKey key) const;
