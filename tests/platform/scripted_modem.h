@@ -173,8 +173,8 @@ class ScriptedModem {
   // Nothing where the connection ends before.
   static Bytes read_whole(int socket, size_t length) {
     Bytes bytes(length);
-    const bool is_whole = ::recv(socket, bytes.data(), length, MSG_WAITALL) == static_cast<ssize_t>(length);
-    return is_whole ? bytes : Bytes();
+    if (::recv(socket, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) bytes.clear();
+    return bytes;
   }
 
   void serve(int connection, int socket) {
