@@ -10,7 +10,7 @@ using qmi_idl::mandatory;
 using qmi_idl::optional;
 using qmi_idl::sized;
 
-// Each type's row is followed by what members of that type are to the codec.
+// After each type: the codec's description of a member of that type.
 inline constexpr qmi_idl::Type kLteCell = {
     sizeof(LteCell),
     {QMI_IDL_FIELD(LteCell, physical_cell_id), QMI_IDL_FIELD(LteCell, rsrq), QMI_IDL_FIELD(LteCell, rsrp),

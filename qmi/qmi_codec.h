@@ -25,7 +25,7 @@ int32_t encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type
 int32_t decode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                const uint8_t* bytes, size_t length, void* structure, size_t structure_length);
 
-// What a service says of one message.
+// The sizes of a message, from the service's tables.
 struct MessageSize {
   uint32_t structure_length;  // bytes of the decoded structure
   uint16_t max_wire_length;   // bytes of TLVs at most

@@ -15,7 +15,7 @@
 namespace pelmar::qmi {
 namespace {
 
-constexpr uint8_t kFirstOptionalTlv = 0x10;  // an unknown TLV below is one that the sender wants understood
+constexpr uint8_t kFirstOptionalTlv = 0x10;  // an unknown TLV of a lower type is mandatory, so the message is refused
 
 // The value of one TLV.
 struct Input {

@@ -57,9 +57,10 @@ struct Type {
 
 // --- rows from members ---
 
-// What a member of a structure's type is to the codec; a service overloads it for its types, beside their rows.
+// The codec's description of a member whose type is a structure. A service overloads this for each of its structures.
 constexpr Element aggregate_of(const qmi_response_type_v01*) {
-  // The stated maxima count the standard response with its decoded size of 8 bytes.
+  // Services state their maximum lengths with 8 bytes for the standard response, its decoded size; it has 4 on the
+  // wire.
   return {.kind = QMI_IDL_KIND_AGGREGATE, .item_wire_size = 8, .type_index = 0, .type_table = 1};
 }
 

@@ -13,8 +13,8 @@ constexpr size_t header_length(uint8_t service) {
   return service == kControlService ? kControlHeaderLength : kMessageHeaderLength;
 }
 
-// What a message's first byte counts a kind by: CTL numbers them 0, 1, 2, all others 0, 2, 4.
-constexpr unsigned kind_step(uint8_t service) {
+// The factor between a MessageKind and its byte on the wire: CTL has 0, 1, 2, every other service 0, 2, 4.
+constexpr unsigned kind_factor(uint8_t service) {
   return service == kControlService ? 1 : 2;
 }
 
@@ -27,7 +27,7 @@ Front read_front(std::span<const uint8_t> bytes, Direction direction) {
   const size_t length = 1 + size_t{load_u16(&bytes[1])};
   if (length < kFrameHeaderLength) return {Front::State::kBroken, 0, {}, "sent a frame shorter than its header"};
   if (bytes.size() > 3 && bytes[3] != static_cast<uint8_t>(direction)) {
-    return {Front::State::kBroken, 0, {}, "sent a frame that is not for the modem"};
+    return {Front::State::kBroken, 0, {}, "sent a frame of the other direction"};
   }
   if (bytes.size() < length) return {Front::State::kIncomplete};
   return {Front::State::kComplete,
@@ -39,11 +39,12 @@ std::optional<Message> read_message(const Frame& frame) {
   const auto bytes = frame.message;
   const size_t header = header_length(frame.service);
   if (bytes.size() < header) return std::nullopt;
-  const unsigned step = kind_step(frame.service);
-  if (bytes[0] % step != 0 || bytes[0] / step > static_cast<unsigned>(MessageKind::kIndication)) return std::nullopt;
+  const unsigned factor = kind_factor(frame.service);
+  if (bytes[0] % factor != 0 || bytes[0] / factor > static_cast<unsigned>(MessageKind::kIndication))
+    return std::nullopt;
   const uint16_t transaction = frame.service == kControlService ? bytes[1] : load_u16(&bytes[1]);
   const auto tlvs = bytes.subspan(header);
-  return Message{static_cast<MessageKind>(bytes[0] / step), transaction, load_u16(&bytes[header - 4]),
+  return Message{static_cast<MessageKind>(bytes[0] / factor), transaction, load_u16(&bytes[header - 4]),
                  tlvs.size() == load_u16(&bytes[header - 2]), tlvs};
 }
 
@@ -69,8 +70,8 @@ void FrameWriter::start(uint8_t service, uint8_t client, MessageKind kind, uint1
   store_frame_header(bytes_.data(), direction_, service, client, 0);
   tlvs_ = end_ = kFrameHeaderLength + header_length(service);
   uint8_t* const header = &bytes_[kFrameHeaderLength];
-  header[0] = static_cast<uint8_t>(static_cast<unsigned>(kind) * kind_step(service));
-  store_u16(header + 1, transaction);  // the id overwrites the upper half of CTL's
+  header[0] = static_cast<uint8_t>(static_cast<unsigned>(kind) * kind_factor(service));
+  store_u16(header + 1, transaction);  // of CTL's, which has one byte, the id overwrites the second
   store_u16(&bytes_[tlvs_ - 4], id);
 }
 

@@ -79,7 +79,7 @@ class FrameWriter {
   // Takes bytes written into room() as TLVs.
   void grow(size_t length) { end_ += length; }
 
-  // What does not fit is left out.
+  // These add nothing if what they add does not fit in room().
   void add_tlvs(std::span<const uint8_t> tlvs);
   void add_tlv(uint8_t type, std::span<const uint8_t> value);
   void add_result(uint16_t error);

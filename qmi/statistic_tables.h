@@ -22,7 +22,7 @@ struct Field {
   WireType type;
 };
 
-// What one identifier names.
+// A statistics value: its identifier, its name in tools, its fields.
 struct Value {
   uint32_t id;
   const char* name;

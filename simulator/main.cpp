@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -113,8 +114,9 @@ int report(const std::exception& error, ExitStatus status) {
   return status;
 }
 
-void assign(uint64_t& value, uint64_t number) {
-  value = number;
+template <std::unsigned_integral Value>
+void assign(Value& value, uint64_t number) {
+  value = static_cast<Value>(number);
 }
 template <typename Rep, typename Period>
 void assign(std::chrono::duration<Rep, Period>& value, uint64_t number) {

@@ -15,8 +15,8 @@
 namespace pelmar::platform::power {
 namespace {
 
-// The manager sends the next event after the last one was acknowledged, or after a time-out. More queued events than
-// this are no work of a manager: the peer is broken.
+// The manager sends the next event after the last one was acknowledged, or after a time-out. A manager
+// never queues this many, so a peer that sends more is broken.
 constexpr size_t kMostEvents = 256;
 
 struct Callback {

@@ -135,7 +135,8 @@ Json stream(Simulation& simulation, Arguments& arguments) {
   if (arguments.accept("to")) plan.client = static_cast<uint8_t>(arguments.number("CLIENT", ClientIds::kHighest));
   arguments.end();
   const auto client = simulation.stream.start(plan);
-  if (!client) throw std::runtime_error("no client asked for event 3: let one ask, or name one with 'to CLIENT'");
+  if (!client)
+    throw std::runtime_error("no client has registered for event 3: register one, or name a client with 'to CLIENT'");
   return {{"client", *client}};
 }
 
@@ -279,10 +280,10 @@ constexpr Command kIndicationRows[] = {
     {"event 2", "VALUE FLAG1 FLAG2 [to CLIENT|each|broadcast]", "send event 2 to all clients",
      event<vs::kStatusIndication, take_status>},
     {"event 3", "VALUE [record SUB:ID:HEX]... [secondary SUB:ID:HEX]... [trailer N] [to CLIENT|each|broadcast]",
-     "send event 3 to those that asked for it", event<vs::kReportAIndication, take_report_a>},
-    {"event 4", "VALUE ENTRIES FIRST SECOND [to CLIENT|each|broadcast]", "send event 4 to those that asked for it",
-     event<vs::kReportBIndication, take_report_b>},
-    {"event 5", "VALUE [to CLIENT|each|broadcast]", "send event 5 to those that asked for it",
+     "send event 3 to the clients registered for it", event<vs::kReportAIndication, take_report_a>},
+    {"event 4", "VALUE ENTRIES FIRST SECOND [to CLIENT|each|broadcast]",
+     "send event 4 to the clients registered for it", event<vs::kReportBIndication, take_report_b>},
+    {"event 5", "VALUE [to CLIENT|each|broadcast]", "send event 5 to the clients registered for it",
      event<vs::kReportCIndication, take_report_c>},
     {"stream stop", "", "end the stream", stop_stream},
     {"stream", "COUNT [every MICROSECONDS] [to CLIENT]",
@@ -291,8 +292,7 @@ constexpr Command kIndicationRows[] = {
 
 constexpr Command kStatisticRows[] = {
     {"clock", "[run|hold|MS|advance MS]", "show the modem's clock, let it run, hold it or move it", clock},
-    {"statistic", "SUB ID [HEX|FIELD=NUMBER...|clear]", "show a value, fix it or fields of it, or let it go again",
-     statistic},
+    {"statistic", "SUB ID [HEX|FIELD=NUMBER...|clear]", "show a value, fix it or fields of it, or end that", statistic},
     {"scenario", "[FILE|stop]", "show, play or end a scenario: values over time, from a JSON file", scenario},
     {"report-period", "MS", "how often registered statistics are reported", set_period},
 };

@@ -35,7 +35,7 @@ QmiError succeed(qmi::FrameWriter& response, uint8_t tlv = 0, std::span<const ui
 }
 
 QmiError get_version_info(const ControlRequest& request, qmi::FrameWriter& response) {
-  std::vector<uint8_t> versions = {0};  // their number, then each
+  std::vector<uint8_t> versions = {0};  // the count, then service id and version of each
   const auto add = [&](uint8_t service, uint16_t major, uint16_t minor) {
     uint8_t version[5] = {service};
     qmi::store_u16(version + 1, major);
@@ -53,7 +53,7 @@ QmiError get_version_info(const ControlRequest& request, qmi::FrameWriter& respo
 }
 
 // Gets the mandatory TLV, which must have that size.
-QmiError read_mandatory(const ControlRequest& request, size_t size, std::span<const uint8_t>& value) {
+QmiError find_mandatory_tlv(const ControlRequest& request, size_t size, std::span<const uint8_t>& value) {
   const auto tlv = qmi::find_tlv(request.message.tlvs, kMandatoryTlv);
   if (!tlv) return QMI_ERR_MISSING_ARG_V01;
   if (tlv->size() != size) return QMI_ERR_MALFORMED_MSG_V01;
@@ -63,7 +63,7 @@ QmiError read_mandatory(const ControlRequest& request, size_t size, std::span<co
 
 QmiError allocate_client_id(const ControlRequest& request, qmi::FrameWriter& response) {
   std::span<const uint8_t> value;
-  if (const QmiError error = read_mandatory(request, 1, value)) return error;
+  if (const QmiError error = find_mandatory_tlv(request, 1, value)) return error;
   if (request.modem.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
   Modem::Slot* const slot = request.modem.find_running(value[0]);
   if (slot == nullptr) return QMI_ERR_INVALID_ID_V01;
@@ -75,7 +75,7 @@ QmiError allocate_client_id(const ControlRequest& request, qmi::FrameWriter& res
 
 QmiError release_client_id(const ControlRequest& request, qmi::FrameWriter& response) {
   std::span<const uint8_t> value;
-  if (const QmiError error = read_mandatory(request, 2, value)) return error;
+  if (const QmiError error = find_mandatory_tlv(request, 2, value)) return error;
   Modem::Slot* const slot = request.modem.find(value[0]);
   if (slot == nullptr || !request.modem.release(*slot, value[1], request.connection)) {
     return QMI_ERR_INVALID_CLIENT_ID_V01;

@@ -35,7 +35,7 @@ enum class FaultKind {
   kDieHalf,    // send half of the frame and end the process at once
 };
 
-// An order of the user to spoil responses.
+// A fault that the user has set for responses.
 struct Fault {
   explicit Fault(FaultKind what) : kind(what) {}
 

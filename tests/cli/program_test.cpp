@@ -4,9 +4,10 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
+#include <future>
 
 #include "client_program.h"
 
@@ -168,12 +169,13 @@ TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
 TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
   Process events = start("events --for 1 --json");
   EXPECT_TRUE(prints(events, "following"));
-  tell("stream 300");
-  EXPECT_TRUE(comes_to(R"("indications":300,)"));
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  const std::string text = events.rest();
+  std::atomic<bool> is_over = false;
+  const auto source = std::async(std::launch::async, [&] {
+    while (!is_over) tell("stream 300");
+  });
+  events.rest();
   EXPECT_EQ(events.end(), 0);
-  EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 300);
+  is_over = true;
 }
 
 TEST_F(ClientTest, TheSarStateIsHeldOverARestartOfTheService) {
@@ -228,7 +230,7 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatcherSeesEveryStep) {
   Process vote = start("power vote");
   EXPECT_TRUE(prints(vote, "modem on-line"));
   expect({{"client power status --json", 0, R"({"power":"on-line","votes":1,)"},
-          {"client power vote --device toaster", 1, "it knows no such peripheral"},
+          {"client power vote --device toaster", 1, "it has no such peripheral"},
           {"client power release", 0, "votes: 1 released, 0 left\n"}});
   EXPECT_THAT(vote.rest(), HasSubstr("vote taken back"));
   for (const char* step : {R"("event":2})", R"("event":3})", R"("event":0})", R"("event":1})"}) {

@@ -144,7 +144,7 @@ TEST_F(Faults, WrongCommandsAreRefusedWithTheReason) {
       {"die tomorrow", "neither connection nor modem"},
       {"service vs sideways", "neither up nor down"},
       {"event 3 1 record 0:1:zz", "'zz' is no HEX"},
-      {"stream 5", "no client asked for event 3"},
+      {"stream 5", "no client has registered for event 3"},
       {"restart -1", "'-1' is no MS"},
       {"start", "no crash has left the modem down"},
       {"statistic 2 0x52", "from 0 to 1"},

@@ -87,7 +87,7 @@ void add_controls(std::vector<CommandRow>& rows) {
       put(request, 4 + 8 * i, 300 * i);
       put(request, 8 + 8 * i, parameters[i]);
     }
-    rows.push_back({"set_lte_cell_lock", nas(sub), 0x00D8, 8, request, [=](int32_t id) {
+    rows.push_back({"set_lte_cell_lock", nas(sub), 0x00D8, 8, request, [=, sub = sub, count = count](int32_t id) {
                       return modem_api_set_lte_cell_lock(id, static_cast<uint32_t>(sub), count, values.data(),
                                                          parameters.data());
                     }});

@@ -51,7 +51,7 @@ struct Details {
   int most_words = 1;
   size_t most_characters = 0;           // 0: no limit
   std::vector<std::string> words = {};  // that alone are taken; empty: all
-  const char* excludes = nullptr;       // an option that cannot stand beside it
+  const char* excludes = nullptr;       // an option that cannot be given together with it
 };
 
 // Refuses a word with the reason that it returns, or takes it and returns nothing.

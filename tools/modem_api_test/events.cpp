@@ -210,16 +210,26 @@ void EventFollower::take(const Arrival& arrival) {
   context_.output.print(description.document, description.text);
 }
 
+// Takes what has arrived by now, but not what arrives meanwhile: events may come without a pause.
+void EventFollower::take_waiting() {
+  for (size_t left = context_.inbox.waiting(); left > 0 && !is_complete(); --left) {
+    if (const auto arrival = context_.inbox.next(Clock::now())) take(*arrival);
+  }
+}
+
 void EventFollower::follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start) {
   while (!is_complete()) {
     if (const auto arrival = context_.inbox.next(deadline ? std::min(*deadline, next_look_) : next_look_)) {
       take(*arrival);
     }
-    if (context_.inbox.is_interrupted() || (deadline && Clock::now() >= *deadline)) return;
+    if (context_.inbox.is_interrupted()) return;
+    const bool is_over = deadline && Clock::now() >= *deadline;
+    if (is_over) take_waiting();
     if (const size_t dropped = context_.inbox.take_dropped()) {
       const std::string text = std::to_string(dropped) + " events were dropped: the output is too slow";
       print({{"notice", "dropped"}, {"text", text}}, text);
     }
+    if (is_over) return;
     look(start);
   }
 }
@@ -232,14 +242,7 @@ void EventFollower::print(Json document, const std::string& text) const {
 }
 
 void EventFollower::follow_to_the_end(const std::function<std::string()>& start) {
-  // First what came while the services were opened. It ends also where events come without a pause.
-  const auto opened = WallClock::now();
-  while (!is_complete()) {
-    const auto arrival = context_.inbox.next(Clock::now());
-    if (!arrival) break;
-    take(*arrival);
-    if (arrival->time >= opened) break;
-  }
+  take_waiting();  // what came while the services were opened
   print({{"notice", "following"}, {"text", start()}}, start());
   follow_until(deadline_after(limits_.seconds), start);
   const std::string problem = this->problem();

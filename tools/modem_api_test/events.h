@@ -45,6 +45,7 @@ class EventFollower {
   void look(const std::function<std::string()>& start);
   void follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start);
   void take(const Arrival& arrival);
+  void take_waiting();
   void follow_to_the_end(const std::function<std::string()>& start);
   std::string problem() const;
   void print(Json document, const std::string& text) const;

@@ -118,7 +118,7 @@ void show_and_remember(const Observation& observation) {
 
 constexpr const char* kAskInfo = "'modem_api_test info' shows which services are up.";
 
-// By code: a row stands at its code.
+// Indexed by code.
 constexpr ResultCode kResultCodes[] = {
     {MODEM_API_SUCCESS, "MODEM_API_SUCCESS", "success", ""},
     {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the library refused it, or the modem is not there",

@@ -94,6 +94,11 @@ bool Inbox::is_interrupted() const {
   return is_interrupted_;
 }
 
+size_t Inbox::waiting() const {
+  const std::lock_guard lock(mutex_);
+  return arrivals_.size();
+}
+
 size_t Inbox::take_dropped() {
   const std::lock_guard lock(mutex_);
   return std::exchange(dropped_, 0);

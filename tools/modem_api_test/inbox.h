@@ -49,6 +49,9 @@ class Inbox {
   // The next arrival; nothing when the time is up, the user wishes to end, or wake() was called.
   std::optional<Arrival> next(std::optional<Clock::time_point> deadline);
 
+  // How many arrivals next() would return without waiting.
+  size_t waiting() const;
+
   // Waits for that time, whatever arrives, or until `is_over`, which is checked with each wake(). False when the user
   // wishes to end.
   bool pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over = nullptr);

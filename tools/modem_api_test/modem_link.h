@@ -15,13 +15,13 @@
 
 namespace pelmar::cli {
 
-// A connection to the vendor-specific service. The library reports no loss of that service, so that its user asks from
-// time to time whether the modem still responds.
+// A connection to the vendor-specific service. The library reports no loss of that service, so is_up() is called from
+// time to time.
 class ModemLink {
  public:
   // `open` opens the connection, also where it is open already, and throws where it cannot; it is called at once.
-  // `probe` reads something from the modem over that connection. A modem that refuses it is there, unless this client
-  // is not known to it any more, it is not ready, or a value is needed.
+  // `probe` reads something from the modem over that connection. A refused probe shows that the modem is there; it
+  // counts as away if the error is that the client id is void or the modem not ready, or if `needs_value` is set.
   ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value);
 
   // Whether the modem responds; opens the connection again where the last call found it lost.
@@ -39,7 +39,7 @@ class ModemLink {
   std::string problem_;
 };
 
-// What a probe may ask for: a value that every modem with statistics has.
+// A value for probes, which every modem with statistics has.
 stats_para_data probe_request();
 
 std::string away_text(const std::string& problem);
@@ -62,8 +62,8 @@ class ModemThread {
   // Waits for the call. False when the time is up or the user wishes to end before.
   bool wait(std::optional<Clock::time_point> deadline) const;
 
-  // Runs a command that follows the modem; the command ends by itself then. Where a call is still under way behind it,
-  // the process ends here: the call uses what would be destroyed, and no thread waits for it.
+  // Runs a command that follows the modem. If a call still runs when the command has ended, this ends the process: the
+  // call uses objects that a return would destroy.
   void run(const std::function<void()>& command);
 
  private:

@@ -103,7 +103,9 @@ void remark(const std::string& text) {
 // --- files ---
 
 std::string read_file(const char* path, const std::string& step, size_t most) {
-  const File file(path == nullptr ? stdin : fopen(path, "rbe"), &fclose);
+  // Standard input stays open.
+  const File file(path == nullptr ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "rb") : fopen(path, "rbe"),
+                  &fclose);
   if (file == nullptr) throw Failure::of_system(step);
   std::string content;
   char bytes[65536];

@@ -42,7 +42,7 @@ class Output {
   const bool is_json_;
 };
 
-// From now on what finds no reader within a moment is a failure; before, it is waited for.
+// After this call, output that nobody reads within a moment is a failure. Before it, writes wait for the reader.
 void stop_waiting_for_readers();
 
 // A line for the user, on standard error.

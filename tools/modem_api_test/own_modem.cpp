@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -48,7 +50,7 @@ std::string find_program() {
     if (access(program.c_str(), X_OK) == 0) return program;
   }
   throw Failure(
-      kStep, std::string("no program ") + kProgram + " stands beside this one",
+      kStep, std::string("no program ") + kProgram + " is in this program's directory, nor in ../bin",
       std::string("Build it, set ") + kProgramVariable + " to its path, or name a modem with --modem SOCKET.");
 }
 
@@ -109,7 +111,8 @@ std::string start_modem_process(const std::string& socket, const std::string& st
   if (start == Start::kReady) return "";
   if (start == Start::kTooLate) kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
-  std::string logged = read_file(log.c_str(), "reading the modem's log " + log);
+  std::ifstream file(log);
+  std::string logged(std::istreambuf_iterator<char>(file), {});
   while (logged.ends_with('\n')) logged.pop_back();
   if (start == Start::kTooLate) return "it was not ready in time" + (logged.empty() ? "" : ": " + logged);
   return logged.empty() ? program + " ended at once" : logged;

@@ -143,7 +143,7 @@ void Session::open_hydra() {
   wait_for(MODEM_API_CLIENT_VS);
   {
     const std::lock_guard lock(mutex_);
-    is_hydra_open_ = true;  // whatever becomes of it: closing does no harm
+    is_hydra_open_ = true;  // set before the call: closing hydra is harmless where opening failed
   }
   if (modem_hydra_api_init() != 0) return;
   const std::string step = std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title;

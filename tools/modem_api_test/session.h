@@ -1,5 +1,5 @@
 // The services that the library has clients for, and the program's use of the library: set up when the first client is
-// opened, clients freed at the end whatever the end is.
+// opened, clients freed however the program ends.
 #pragma once
 
 #include <cstdint>

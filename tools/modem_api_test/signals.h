@@ -7,8 +7,8 @@
 //
 // The same thread ends the program when its time is up. The command may be in a call of the library that lasts as long
 // as the modem wants: so it is not waited for, and the clients are left to the platform, which gives their ids back at
-// the process's end within a bounded time. Nothing is flushed then: what is printed is written at once, and a stream
-// that another thread waits with would hold the end up.
+// the process's end within a bounded time. It does not flush: all output is written already, and flushing a stream that
+// another thread has locked would block.
 #pragma once
 
 #include <condition_variable>

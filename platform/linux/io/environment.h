@@ -1,5 +1,5 @@
-// What a process finds around itself: environment variables, the user's directories, the boot. The platform, the
-// simulated modem and the tools use it.
+// Environment variables, the user's directories, and the id of the boot. The platform, the simulated modem and the
+// tools use them.
 #pragma once
 
 #include <string>

@@ -79,7 +79,7 @@ void Client::run() {
       wait_for_work(lock);
     }
   }
-  if (!ends_alone_) return;  // the thread that releases the handle ends the connection
+  if (!run_ends_connection_) return;  // the thread that releases the handle ends the connection
   lock.unlock();
   end_connection(Deadline::after(kEndTimeout));
 }
@@ -166,7 +166,7 @@ void Client::release() {
     thread_.wake();
   }
   if (thread_.is_current()) {
-    ends_alone_ = true;
+    run_ends_connection_ = true;
     thread_.detach();
     return;
   }

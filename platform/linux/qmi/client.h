@@ -162,10 +162,10 @@ class Client : public std::enable_shared_from_this<Client> {
   const Deadline::Clock::time_point connected_ = Deadline::Clock::now();
 
   std::mutex mutex_;
-  bool is_gone_ = false;      // the service went away
-  bool is_stopping_ = false;  // the handle is released
-  bool is_ended_ = false;     // a thread has ended the connection at the modem, or is doing so
-  bool ends_alone_ = false;   // used by the thread: released in its own callback, so that run() ends the connection
+  bool is_gone_ = false;              // the service went away
+  bool is_stopping_ = false;          // the handle is released
+  bool is_ended_ = false;             // a thread has ended the connection at the modem, or is doing so
+  bool run_ends_connection_ = false;  // used by the thread: the handle was released inside its own callback
 
   bool is_sending_ = false;  // a thread owns the connection's sending side
   std::condition_variable send_ended_;

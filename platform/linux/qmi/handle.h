@@ -21,8 +21,8 @@
 
 namespace pelmar::platform {
 
-// The number of forks between the program's start and this process. If it changes during a callback, the callback has
-// returned in a child, where threads that do not exist may hold the locks of handles.
+// The number of forks between the program's start and this process. If it changed during a callback, the callback
+// forked and this is the child, where threads that exist only in the parent may hold the locks of handles.
 unsigned fork_count();
 
 // A file descriptor that a child of fork() does not share.
@@ -114,6 +114,8 @@ class HandleTable {
 class FrameworkThread {
  public:
   FrameworkThread();
+  FrameworkThread(const FrameworkThread&) = delete;
+  FrameworkThread& operator=(const FrameworkThread&) = delete;
 
   // `body` keeps alive what it needs, and returns once its owner stops it.
   void start(std::function<void()> body);

@@ -29,7 +29,7 @@ ServicePace& ServicePace::of(uint32_t service) {
 
 void ServicePace::lost(Duration lifetime) {
   if (lifetime >= kLasting) return released(lifetime);
-  if (remaining().count() > 0) return;  // another connection after the same announcement
+  if (remaining().count() > 0) return;  // another connection was lost in this pause; count it once
   pause_ = std::clamp(2 * pause_.load(), kFirstPause, kLongestPause);
   held_until_ = Deadline::Clock::now().time_since_epoch() + pause_.load();
 }

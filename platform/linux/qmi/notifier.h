@@ -16,7 +16,7 @@
 
 namespace pelmar::platform {
 
-// How soon a service that does not stay is announced again.
+// Delays the announcement of a service that keeps going away.
 //
 // A client that connects whenever its service is announced would connect thousands of times a second to a service that
 // goes away right after each connection. So a notifier takes such a service for absent, for a pause that grows up to a

@@ -51,7 +51,8 @@ std::atomic<uint32_t>& losses(uint8_t service) {
   return counts[service];
 }
 
-// Releases ids that dead processes left. The record does not have them any more; it gets those back that stay taken.
+// Releases ids that dead processes left. The caller has removed them from the record; those that are not released are
+// entered in it again.
 void release_abandoned(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& link, const ClientIdRecord& record,
                        const Deadline& end) {
   const Deadline deadline = earlier(end, Deadline::after(kReleaseTimeout));
@@ -201,7 +202,8 @@ void Connection::lose_id(IdState how) {
   id_state_.compare_exchange_strong(held, how);
 }
 
-// Returns true once at most: if the caller must release the id at the modem. The record does not have it any more.
+// Gives up the id and removes it from the record. Returns true, in one call at most, if the caller must release the id
+// at the modem.
 bool Connection::take_id(const Deadline& deadline) {
   switch (id_state_.exchange(IdState::kGone)) {
     case IdState::kHeld:

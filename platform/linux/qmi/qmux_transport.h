@@ -80,7 +80,7 @@ class Connection {
   static int32_t open(uint32_t service, size_t message_capacity, const Deadline& deadline,
                       std::unique_ptr<Connection>& connection);
 
-  // The record has the client id, if it can.
+  // `record` contains the client id already, unless it could not be written.
   Connection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity);
   ~Connection();
 
@@ -108,8 +108,7 @@ class Connection {
 
   // next() keeps a response back if the client id may be void (see ClientIdCheck). At kept_until(), next() must be
   // called again; none if no response is kept. take_kept() ends the check and returns the kept responses one by one.
-  // Together with the probe below and next(), only one of these functions may run at a time; none needs a side of the
-  // connection.
+  // REQUIRES: no two of next(), kept_until(), take_kept(), needs_probe() and send_probe() run at the same time.
   const Deadline& kept_until() const { return check_.deadline(); }
   bool take_kept(Message& message);
 

@@ -85,8 +85,7 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
     const bool blocks = deadline.is_none() || deadline.remaining() >= 2 * kSocketTimeout;
     const ssize_t count = ::recv(descriptor(), to, room, blocks ? 0 : MSG_DONTWAIT);
     if (count > 0) {
-      // No second thread uses the stream before its first bytes come. Later another thread may send, so we do not
-      // write.
+      // Cleared at the first bytes only: until then one thread uses the stream, later a sending thread may read it.
       if (!silent_listener_.empty()) silent_listener_.clear();
       received = static_cast<size_t>(count);
       return ReadStatus::kRead;

@@ -55,7 +55,7 @@ constexpr auto kReleasePatience = 10s;
 constexpr const char* kNoManager =
     "A simulated modem has one with 'modem_sim serve --pm-socket'; PELMAR_PM_SOCKET or --modem names it.";
 
-// The manager stands beside the modem, where none is named.
+// Without PELMAR_PM_SOCKET, the manager's socket is derived from the modem's.
 std::string find_manager(const Context& context) {
   if (environment("PELMAR_PM_SOCKET").empty()) context.session.modem();
   std::string socket = platform::power::manager_socket();
@@ -97,7 +97,7 @@ class Registration {
  public:
   Registration(const std::string& device, const std::string& socket) {
     if (modem_api_peripheral_mng_init(device.c_str()) == 0) return;
-    throw no_manager("registering as a voter for '" + device + "'", socket, ", or it knows no such peripheral");
+    throw no_manager("registering as a voter for '" + device + "'", socket, ", or it has no such peripheral");
   }
   ~Registration() { modem_api_peripheral_mng_deinit(); }
   Registration(const Registration&) = delete;
@@ -216,7 +216,7 @@ void watch(const Context& context, const WatchValues& values) {
   const int result = pm_client_register(Watcher::on_event, &watcher, values.device.c_str(), "modem_api_test watch",
                                         &state, &watcher.handle);
   if (result == PM_RET_UNSUPPORTED) {
-    throw Failure(kStep, "the peripheral manager knows no '" + values.device + "'");
+    throw Failure(kStep, "the peripheral manager has no peripheral '" + values.device + "'");
   }
   if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
   report(context, state);

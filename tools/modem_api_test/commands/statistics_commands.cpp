@@ -195,7 +195,8 @@ struct ReportValues {
 };
 
 constexpr const char* kWhoseId =
-    "A statistics client id belongs to the program that asked for it, and ends with it: the id of any other process,\n"
+    "A statistics client id is granted to one process and is void when that process ends: the id of any other "
+    "process,\n"
     "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
 
 constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
@@ -301,7 +302,7 @@ void add_stats_commands(CommandLine& line) {
   }
   {
     auto [command, values] =
-        line.add<ReportValues>(group, "report", "ask for a statistics client id, or give it back", switch_reporting);
+        line.add<ReportValues>(group, "report", "request a statistics client id, or give it back", switch_reporting);
     command.set_footer(kWhoseId);
     command.add_switch("state", values.is_on, "on or off");
     command.add_number("--client", values.client, "off: the statistics client id, of this process");

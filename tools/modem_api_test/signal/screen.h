@@ -1,7 +1,7 @@
 // The live view of the signal on a terminal, whose whole screen it takes and redraws in place.
 //
-// The screen is the terminal's second one: what stood there before comes back at the end, whatever the end is: the
-// object's, the process's exit, or a signal that kills it. A stopped process gives the terminal back too.
+// The screen is the terminal's second one. The first one comes back at the end: the object's, the process's exit, or a
+// signal that kills it. A stopped process gives the terminal back too.
 #pragma once
 
 #include <string>

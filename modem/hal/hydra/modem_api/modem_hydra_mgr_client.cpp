@@ -84,7 +84,7 @@ modem_api_result set_event(const EventSwitch& row, modem_api_event event) {
   return is_open(PELMAR_PLACE_AS(row.name)) ? row.set_event(g_hydra_client_id.load(), event) : kNothingDone;
 }
 
-// If the first event has the wanted state already, so has the second, and the modem has the state too.
+// No effect on the first event: both events are switched already, and the modem has the setting. Nothing is sent.
 bool switch_events(const Operation& operation, const EventSwitch& row) {
   modem_api_result ret = set_event(row, MODEM_API_EVENT_VS_REPORT_A);
   PELMAR_LOG_DEBUG_IN(operation, "%s, modem_api_ret = %d", row.verb, ret);

@@ -20,8 +20,8 @@ constexpr uint32_t kSubscriptions = 2;
 // The last fetched value. A fetch that fails sets the bytes to zero and does not change the cursor.
 struct FetchedValue {
   uint8_t bytes[kMaxValueBytes];
-  int32_t data_left;    // bytes behind the cursor
-  int32_t data_count;   // bytes before the cursor: the offset of the next field
+  int32_t data_left;    // bytes not read yet
+  int32_t data_count;   // bytes read: the offset of the next field
   uint32_t id;          // of the last value that was fetched
   uint32_t length;      // as the modem stated it, even if it is invalid
   uint32_t request_no;  // the number of requests so far; its low 16 bits are sent as the slot

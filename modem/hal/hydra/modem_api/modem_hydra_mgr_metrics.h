@@ -61,7 +61,8 @@ struct Metric;
 
 // clang-format off
 
-// The members of a record in the order of the value's fields (statistic_tables.h), which have the members' widths.
+// Defines Metric<Structure>: the member for each field of the value, in the order of the fields (statistic_tables.h). A
+// member of another width than its field does not compile.
 #define PELMAR_METRIC(Structure, fields, ...)                              \
   template <>                                                              \
   struct Metric<Structure> {                                               \

@@ -127,7 +127,8 @@ class Operation {
     return result;
   }
 
-  // The operation ends early: logs why, at error or debug level, and exits. Without a result the caller returns.
+  // Log why the operation ends early: fail() at error level, finish() at debug level. With a result they also log the
+  // exit; without one the destructor does.
   template <typename Result>
   Result fail(Result result, const char* reason, int line = __builtin_LINE()) {
     fail(reason, line);
