@@ -37,6 +37,7 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
 TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
   expect({{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"accepted\":1}\n"},
           {"client raw 01 2>&1 >/dev/null | wc -c", 0, "0\n"},
+          {"head -c 257 /dev/zero | client nv write 1 @- --verbose 2>/dev/null | wc -c", 0, "0\n"},
           {"client raw --async --text ping --json", 0,
            "{\"sent\":4}\n{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
            "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},

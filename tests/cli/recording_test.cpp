@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
-
 #include "client_program.h"
 
 namespace pelmar::cli {
@@ -11,66 +9,44 @@ namespace {
 
 using testing::HasSubstr;
 
-// The client on a terminal of its own.
-class Terminal : public Process {
- public:
-  explicit Terminal(const std::string& arguments)
-      : Process(
-            "/usr/bin/script",
-            {"script", "-qec",
-             "cd $TEST_DIRECTORY; echo $$ >process; export TERM=xterm; stty rows 24 cols 80; exec " MODEM_API_TEST " " +
-                 arguments,
-             "/dev/null"},
-            true) {}
+// Starts the live view on a terminal of its own. Its process number goes to the file `process`.
+Process watch(const std::string& options = "") {
+  const std::string client = "exec " MODEM_API_TEST " signal --watch --rate 20 " + options;
+  return Process(
+      "/usr/bin/script",
+      {"script", "-qec", "cd $TEST_DIRECTORY; echo $$ >process; export TERM=xterm; stty rows 24 cols 80; " + client,
+       "/dev/null"},
+      true);
+}
 
-  // Whether a line with the text comes to be drawn.
-  bool shows(const std::string& text) {
-    for (std::string drawn = line(); !drawn.empty(); drawn = line()) {
-      drawn_ += drawn + "\n";
-      if (drawn.find(text) != drawn.npos) return true;
-    }
-    return false;
-  }
-
-  static void send(const std::string& signal) { shell("kill -" + signal + " $(cat process)"); }
-
-  // The exit status, or 128 and the signal's number. The screen was given back once, and nothing was drawn at places of
-  // its own after that; the last picture stays there.
-  int end_clean() {
-    drawn_ += rest();
-    const size_t left = drawn_.rfind("\033[?25h\033[?1049l");
-    const std::string after = drawn_.substr(std::min(left, drawn_.size()));
-    EXPECT_LT(drawn_.rfind("\033[?1049h"), left) << "never left";
-    EXPECT_NE(left, drawn_.npos);
-    EXPECT_EQ(after.find("\033[H"), after.npos);
-    EXPECT_EQ(after.find("\033[J"), after.npos);
-    return end();
-  }
-  const std::string& drawn() const { return drawn_; }
-
- private:
-  std::string drawn_;
-};
+// Ends, and gives the screen back: nothing is drawn at places of its own after that, and the last picture stays.
+void expect_clean_end(Process& terminal, int status, const std::string& last_picture) {
+  const std::string drawn = terminal.rest();
+  const size_t left = drawn.rfind("\033[?25h\033[?1049l");
+  ASSERT_NE(left, drawn.npos);
+  const std::string after = drawn.substr(left);
+  for (const char* sequence : {"\033[H", "\033[J", "\033[?1049h"}) EXPECT_EQ(after.find(sequence), after.npos);
+  EXPECT_THAT(after, HasSubstr(last_picture));
+  EXPECT_EQ(terminal.end(), status);
+}
 
 TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
-  Terminal terminal("signal --watch --rate 20");
-  EXPECT_TRUE(terminal.shows("subscription 1"));
+  Process terminal = watch();
+  EXPECT_TRUE(prints(terminal, "subscription 1"));
   tell("restart 300");
-  EXPECT_TRUE(terminal.shows("MODEM AWAY"));
-  EXPECT_TRUE(terminal.shows(" readings, 20 a second"));
+  EXPECT_TRUE(prints(terminal, "MODEM AWAY"));
+  EXPECT_TRUE(prints(terminal, " readings, 20 a second"));
   terminal.tell("\003");
-  EXPECT_EQ(terminal.end_clean(), 128 + SIGINT);
-  EXPECT_THAT(terminal.drawn().substr(terminal.drawn().rfind("\033[?1049l")), HasSubstr("subscription 1"));
+  expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
 }
 
 TEST_F(ClientTest, EvenTheSecondSignalLeavesTheTerminalClean) {
-  Terminal terminal("signal --watch --rate 20");
-  EXPECT_TRUE(terminal.shows("2 readings"));
+  Process terminal = watch();
+  EXPECT_TRUE(prints(terminal, "2 readings"));
   tell("silence vs");
   EXPECT_TRUE(comes_to_wait());
-  terminal.send("INT");
-  terminal.send("TERM");  // another signal than the first: two of one kind may arrive as one
-  EXPECT_EQ(terminal.end_clean(), 128 + SIGTERM);
+  shell("read p <process; kill -INT $p; kill -TERM $p");  // two signals of one kind may arrive as one
+  expect_clean_end(terminal, 128 + SIGTERM, "");
 }
 
 TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
@@ -78,12 +54,12 @@ TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
   expect({{"mkfifo p; exec 3<>p; client --json --timeout 2 signal --rate 50 --watch --plot a.svg >&3", 1,
            "not done in 2 s"},
           {"head -c 5 a.svg", 0, "<svg "}});
-  Terminal terminal("signal --rate 20 --watch --plot b.svg");
-  EXPECT_TRUE(terminal.shows("2 readings"));
+  Process terminal = watch("--plot b.svg");
+  EXPECT_TRUE(prints(terminal, "2 readings"));
   tell("silence vs");
   EXPECT_TRUE(comes_to_wait());
-  terminal.send("INT");
-  EXPECT_EQ(terminal.end_clean(), 128 + SIGINT);
+  shell("kill -INT $(cat process)");
+  expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
   expect({{"head -c 5 b.svg", 0, "<svg "}});
 }
 
@@ -101,6 +77,16 @@ TEST_F(ClientTest, WhatIsNoRecordingIsRefusedWithItsLine) {
                                  "2023-13-14T22:13:20.007Z", "2023-02-30T22:13:20.007Z", "2023-11-14T22:13:20.07Z"}) {
     expect({{heading + text + ",lte_pcc,0,1 >>a; " + draw, 1, "line 2: '" + text + "' is no time of a recording"}});
   }
+}
+
+TEST_F(ClientTest, ColumnsAreFoundByNameAndACutLastLineIsLeftOut) {
+  const std::string time = "2023-11-14T22:13:20.007Z";
+  const std::string rows =
+      "printf 'note,carrier,time,sub,rsrp_2_dbm\\r\\nx,lte_pcc," + time + ",1,-77\\r\\n,nr_pcc," + time;
+  const std::string draw = ">a; client signal --from a --plot - 2>&1 | grep -Eo '[^>]*(-77|is cut|LTE pcc|NR pcc)'";
+  expect({{rows + ",0,-78' " + draw, 0, "modem_api_test: the file 'a': its last line, 3, is cut\n-77\nsub 1 LTE pcc\n"},
+          {rows + ",0,-77\\n' " + draw, 0, "-77\nsub 0 NR pcc\nsub 1 LTE pcc\n"},
+          {rows + ",0,-77\\n' >a; client signal --sub 1 --from a --plot - | grep -c ' NR pcc'", 1, "0\n"}});
 }
 
 // Each case goes on with the files of those before it.

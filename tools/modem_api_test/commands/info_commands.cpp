@@ -26,18 +26,14 @@ struct Report {
   }
 };
 
-struct ServiceState {
-  bool is_up = false;
-  std::string text;  // up, absent, or why it cannot be opened
-};
-
-ServiceState probe(const Context& context, const ServiceRow& service) {
-  if (!is_present(service.type)) return {false, "absent"};
+// "up", "absent", or why it cannot be opened.
+std::string probe(const Context& context, const ServiceRow& service) {
+  if (!is_present(service.type)) return "absent";
   try {
     context.session.open(service.type);
-    return {true, "up"};
+    return "up";
   } catch (const Failure& failure) {
-    return {false, failure.reason()};
+    return failure.reason();
   }
 }
 
@@ -112,16 +108,14 @@ bool put_services(Report& report, const Context& context) {
   bool is_any_up = false;
   report.heading("services");
   for (const ServiceRow& service : services()) {
-    const ServiceState state = probe(context, service);
-    is_any_up |= state.is_up;
+    const std::string state = probe(context, service);
+    const bool is_up = state == "up";
+    is_any_up |= is_up;
     const qmi_idl_service_object_type object = service.object();
     const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
-    report.document["services"].push_back({{"service", service.name},
-                                           {"id", object->service_id},
-                                           {"version", version},
-                                           {"up", state.is_up},
-                                           {"state", state.text}});
-    report.row(std::string(service.name) + " " + version, state.text);
+    report.document["services"].push_back(
+        {{"service", service.name}, {"id", object->service_id}, {"version", version}, {"up", is_up}, {"state", state}});
+    report.row(std::string(service.name) + " " + version, state);
   }
   return is_any_up;
 }
