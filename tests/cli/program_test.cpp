@@ -172,7 +172,7 @@ TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
   EXPECT_TRUE(prints(events, "following"));
   std::atomic<bool> is_over = false;
   const auto source = std::async(std::launch::async, [&] {
-    while (!is_over) tell("stream 300");
+    while (!is_over) modem().respond("stream 20");  // refused where the client has ended
   });
   events.rest();
   EXPECT_EQ(events.end(), 0);

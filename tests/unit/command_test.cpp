@@ -226,7 +226,7 @@ TEST_F(Commands, CutPathsAfter100Characters) {
 TEST_F(Commands, ReturnTheFeatureStatus) {
   uint8_t enabled = 0xEE, effective = 0xEE;
   for (const bool succeeds : {false, true}) {
-    on_send = [&](const Call&) { return Outcome{0, structure(12, succeeds ? "8:5AA5" : "0:01 4:03 8:5AA5")}; };
+    on_send = [succeeds](const Call&) { return Outcome{0, structure(12, succeeds ? "8:5AA5" : "0:01 4:03 8:5AA5")}; };
     EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &enabled, &effective), succeeds ? 0 : 1);
     EXPECT_EQ(enabled, succeeds ? 0x5A : 0xEE);
     EXPECT_EQ(effective, succeeds ? 0xA5 : 0xEE);

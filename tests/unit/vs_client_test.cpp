@@ -67,7 +67,8 @@ TEST_F(VsClient, ConnectsAgainOnlyAfterANewStart) {
   forget();
   EXPECT_FALSE(vs_client_init(on_event));
   EXPECT_EQ(call_names(), Lines(10, "init_instance"));
-  EXPECT_EQ(vs_init(), vs_get_service_object_internal_v01(1, 2, 6));
+  const auto service = vs_get_service_object_internal_v01(1, 2, 6);
+  EXPECT_EQ(vs_init(), service);
   EXPECT_TRUE(vs_client_init(on_event));
 }
 
