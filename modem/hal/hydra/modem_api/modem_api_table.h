@@ -15,20 +15,11 @@
 #include <cstdint>
 #include <memory>
 
-#include "hydra_mem.h"
 #include "modem_api.h"
 #include "pelmar_thread.h"
+#include "traced_ptr.h"
 
 namespace pelmar {
-
-// Owners of blocks from the traced allocator. A block leaves its owner only where ownership leaves the library.
-struct TracedDelete {
-  void operator()(void* block) const { hydra_free_adv(block, __func__, __LINE__); }
-};
-
-// T is trivially destructible, so that freeing the block is enough.
-template <typename T>
-using TracedPtr = std::unique_ptr<T, TracedDelete>;
 
 // One open client. The library never reads `pid`: it is for readers of a memory dump, who also rely on the asserted
 // offsets of the fields.

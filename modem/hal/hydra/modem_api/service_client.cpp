@@ -10,8 +10,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "modem_api_table.h"
 #include "pelmar_log_site.h"
+#include "traced_ptr.h"
 
 namespace pelmar {
 namespace {
