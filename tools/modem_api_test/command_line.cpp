@@ -65,7 +65,8 @@ template void Command::add_text(const std::string&, std::vector<std::string>&, c
                                 const Details&) const;
 template void Command::add_text(const std::string&, std::vector<uint32_t>&, const std::string&, const Details&) const;
 
-void Command::add_parsed(const std::string& name, const std::string& help, Take take, const Details& details) const {
+void Command::add_parsed(const std::string& name, const std::string& help, const Take& take,
+                         const Details& details) const {
   if (details.most_words > 1) {
     const auto take_all = [take](const std::vector<std::string>& words) {
       for (const std::string& word : words) take_or_refuse(take, word);

@@ -71,7 +71,8 @@ class Command {
   // Text, or with std::vector one word or more. The help shows a text that the target has already.
   template <typename Target>
   void add_text(const std::string& name, Target& target, const std::string& help, const Details& details = {}) const;
-  void add_parsed(const std::string& name, const std::string& help, Take take, const Details& details = {}) const;
+  void add_parsed(const std::string& name, const std::string& help, const Take& take,
+                  const Details& details = {}) const;
 
   // A number in its range.
   void add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,
@@ -80,7 +81,7 @@ class Command {
   template <typename Number>
   void add_number(const std::string& name, Number& target, const std::string& help, const Details& details = {},
                   int64_t max = std::numeric_limits<Number>::max(),
-                  int64_t min = std::numeric_limits<Number>::min()) const {
+                  int64_t min = std::is_signed_v<Number> ? -(int64_t{1} << (8 * sizeof(Number) - 1)) : 0) const {
     static_assert(std::is_integral_v<Number> && sizeof(Number) <= sizeof(uint32_t));
     const auto store = [&target](int64_t value) { target = static_cast<Number>(value); };
     add_number(name, help, min, max, store, details);

@@ -234,7 +234,7 @@ void EventFollower::follow_until(std::optional<Clock::time_point> deadline, cons
   }
 }
 
-void EventFollower::print(Json document, const std::string& text) const {
+void EventFollower::print(const Json& document, const std::string& text) const {
   const auto now = WallClock::now();
   Json dated = {{"time", utc_text(now)}};
   dated.update(document);

@@ -48,7 +48,7 @@ class EventFollower {
   void take_waiting();
   void follow_to_the_end(const std::function<std::string()>& start);
   std::string problem() const;
-  void print(Json document, const std::string& text) const;
+  void print(const Json& document, const std::string& text) const;
   bool is_complete() const { return limits_.count > 0 && seen_ == limits_.count; }
 
   const Context& context_;

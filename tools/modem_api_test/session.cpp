@@ -105,13 +105,15 @@ void Session::prepare() {
 }
 
 void Session::wait_for_listener(const std::string& socket, const std::string& whom) const {
+  const std::string step = "connecting to " + whom + " at " + socket;
+  const std::string absence = "nobody serves " + socket;
   for (bool is_first = true;; is_first = false) {
     const std::string obstacle = find_obstacle(socket);
-    if (!obstacle.empty()) throw Failure("connecting to " + whom + " at " + socket, obstacle);
+    if (!obstacle.empty()) throw Failure(step, obstacle);
     if (!waits_) return;
     const std::string problem = connect_unix(socket).problem;
     if (problem.empty()) return;
-    if (is_first) remark("nobody serves " + socket + " (" + problem + "); waiting for it");
+    if (is_first) remark(std::string(absence).append(" (").append(problem).append("); waiting for it"));
     std::this_thread::sleep_for(kWaitPeriod);
   }
 }

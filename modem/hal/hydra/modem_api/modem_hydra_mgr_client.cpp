@@ -80,7 +80,7 @@ struct EventSwitch {
 constexpr EventSwitch kEnable = {"enable", "modem_hydra_add_modem_event", modem_api_add_modem_event};
 constexpr EventSwitch kDisable = {"disable", "modem_hydra_remove_modem_event", modem_api_remove_modem_event};
 
-modem_api_result set_event(const EventSwitch& row, modem_api_event event) {
+modem_api_result set_event(const EventSwitch& row, int32_t event) {
   return is_open(PELMAR_PLACE_AS(row.name)) ? row.set_event(g_hydra_client_id.load(), event) : kNothingDone;
 }
 
