@@ -27,7 +27,7 @@ using namespace pelmar;
 
 namespace {
 
-// What the stream says, as one row of bytes, and a mark between its frames.
+// The bytes of the stream in one row, with a mark between its frames.
 template <typename NextLength>
 Bytes read_stream(std::span<const uint8_t> stream, NextLength next_length) {
   Bytes transcript;

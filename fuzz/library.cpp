@@ -91,7 +91,7 @@ void read_statistics(const Bytes& wire) {
   pelmar::instant_platform::set_response(structure.data(), structure.size());
   auto& record = reinterpret_cast<vs::GetStatsParameterResponse*>(structure.data())->records[0];
   for (const auto& reading : kReadings) {
-    if (wire.size() % 2 == 0) record.id = reading.id;  // else whatever the response says
+    if (wire.size() % 2 == 0) record.id = reading.id;  // else the id in the fuzzed bytes
     for (const uint16_t sub : {0, 1}) {
       const uint8_t result = reading.read(sub);
       require(result == 0 || (result == 1 && is_good));

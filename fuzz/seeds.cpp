@@ -66,7 +66,7 @@ void write_power_messages() {
                            to_frame(Withdraw{}),
                            to_frame(Unregister{})}));
   write("client", join({{2},
-                        to_frame(Answer{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE}),
+                        to_frame(VoterResponse{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE}),
                         to_frame(Event{EVENT_PERIPH_GOING_OFFLINE}),
                         to_frame(Status{EVENT_PERIPH_IS_ONLINE, 1}),
                         to_frame(VoterEntry{0x01020304, true, std::string(kMaxNameBytes, 'n')})}));

@@ -42,10 +42,10 @@ class Voter : public std::enable_shared_from_this<Voter> {
     Reply reply;
     if (!link_.open(socket, deadline) || !link_.send(names)) return PM_RET_FAILED;
     if (!link_.receive(reply, deadline)) return PM_RET_FAILED;
-    const auto* const answer = std::get_if<Answer>(&reply);
-    if (answer == nullptr) return PM_RET_FAILED;
-    state = answer->state;
-    return answer->result;
+    const auto* const response = std::get_if<VoterResponse>(&reply);
+    if (response == nullptr) return PM_RET_FAILED;
+    state = response->state;
+    return response->result;
   }
 
   void start() {
@@ -120,9 +120,9 @@ class Voter : public std::enable_shared_from_this<Voter> {
       event_came_.notify_one();
       return true;
     }
-    const auto* const answer = std::get_if<Answer>(&reply);
-    if (answer == nullptr || !is_response_due_ || result_) return false;
-    result_ = answer->result;
+    const auto* const response = std::get_if<VoterResponse>(&reply);
+    if (response == nullptr || !is_response_due_ || result_) return false;
+    result_ = response->result;
     responded_.notify_one();
     return true;
   }

@@ -132,7 +132,7 @@ void PeripheralManager::on_request(Session& session, const power::Request& reque
     if (of->event == state_) session.must_acknowledge = false;  // a late one for an earlier step has no effect
   } else {
     const int result = apply(session, request);
-    session.send(power::Answer{result, state_});
+    session.send(power::VoterResponse{result, state_});
   }
   advance_later();
 }

@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t kMaxItemFileBytes = 4096;  // hexadecimal text, with space for white space that a user has added
 
-// A file's path: the directories on the way, and the names of all components, of which the last is the file's.
+// A file's path: its directories, opened, and the names of all components; the last one is the file's.
 struct Place {
   std::vector<UniqueFd> directories;
   std::vector<std::string> components;

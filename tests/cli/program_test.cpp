@@ -73,12 +73,12 @@ TEST_F(ClientTest, ControlCharactersAndWhatIsNoUtf8AreShownEscaped) {
 }
 
 TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
-  tell("clock 3000");
-  tell("statistic 1 0x62 01f6ff67170000");  // not all of its fields
-  tell("statistic 1 antenna-switch old_config=1 new_config=3");
-  tell("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
-  tell("statistic 1 0x1234 00ff10");
-  tell("drx 0 9");
+  ctl("clock 3000");
+  ctl("statistic 1 0x62 01f6ff67170000");  // not all of its fields
+  ctl("statistic 1 antenna-switch old_config=1 new_config=3");
+  ctl("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
+  ctl("statistic 1 0x1234 00ff10");
+  ctl("drx 0 9");
   std::string text;
   const auto show = [&text](const char* line) { text += shell("client " + std::string(line)).output; };
   for (const char* line : {"sys-mode --json", "tx-power --max", "signal --sub 1 | tail -n +2"}) show(line);
@@ -116,52 +116,52 @@ TEST_F(ClientTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
 }
 
 TEST_F(ClientTest, NoResponseIsNoSuccess) {
-  for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) tell(fault);
+  for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) ctl(fault);
   expect({{"client cell-info", 1, "(MODEM_API_ERR_GENERIC, 1)"},
           {"client drx", 1, "QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"}});
   for (const char* command : {"sys-mode", "tx-power --max"}) {
-    tell("error 3 vs any 1");
+    ctl("error 3 vs any 1");
     expect({{std::string("client ") + command, 1, "of subscription 0 failed: QMI error 3"}});
   }
-  tell("silence nas");
+  ctl("silence nas");
   expect({{"client cell-info --timeout 1 --json 2>/dev/null", 1, "not done in 1 s"},
           {"client --modem nobody nv read 1", 1, "nobody serves nobody"},
           {"client --modem nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
           {"client --modem $(printf %0120d 0) info --wait --timeout 20", 1, "a socket's name has 1 to 107"}});
   EXPECT_TRUE(comes_to_have_no_clients());
-  tell("clear");
-  tell("service sar down");
+  ctl("clear");
+  ctl("service sar down");
   expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
 }
 
 TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
   Process events = start("events --count 5");
   EXPECT_TRUE(prints(events, "following"));
-  tell("restart 300");
+  ctl("restart 300");
   EXPECT_TRUE(prints(events, "the modem is away: "));
   EXPECT_TRUE(prints(events, "the modem is back"));
   for (const char* event :
        {"2 77 0 9", "3 5 record 0:0x62:01f6ff67 secondary 1:6:abcd", "3 1 trailer 9", "4 1 0aff 7 8"}) {
-    tell(std::string("event ") + event);
+    ctl(std::string("event ") + event);
   }
-  tell("silence vs");
+  ctl("silence vs");
   EXPECT_TRUE(comes_to_wait());
-  tell("event 5 3");  // ends it, though no response comes for 30 s
+  ctl("event 5 3");  // ends the command, although no response comes
   std::istringstream lines(events.rest());
   std::string text;
   for (std::string line; std::getline(lines, line);) text += line.substr(line[0] == ' ' ? 0 : 14) + "\n";
   EXPECT_EQ(events.end(), 0);
   expect_golden("events.txt", text);
-  tell("clear");
+  ctl("clear");
   expect({{"client events --count 1 --for 1", 1, "only 0 of 1 came in 1 seconds"}});
 }
 
 TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
-  tell("service nas down");
+  ctl("service nas down");
   Process events = start("events --services --json");
   EXPECT_TRUE(prints(events, "; the NAS service of subscription 0 is down"));
-  tell("stream 1000000 every 100000");
-  tell("service nas up");
+  ctl("stream 1000000 every 100000");
+  ctl("service nas up");
   EXPECT_TRUE(prints(events, R"("notice":"service_up","service":"nas_0"})"));
   EXPECT_EQ(events.end(SIGINT), 130);
 }
@@ -182,16 +182,16 @@ TEST_F(ClientTest, FollowingEndsInTimeUnderEventsWithoutAPause) {
 TEST_F(ClientTest, TheSarStateIsHeldOverARestartOfTheService) {
   Process holder = start("sar set 3 --hold 3600 --json");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
-  tell("service sar down");
+  ctl("service sar down");
   EXPECT_TRUE(prints(holder, R"("sar":"down")"));
-  tell("service sar up");
+  ctl("service sar up");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
   EXPECT_TRUE(comes_to(R"("sar_rf_state":3)"));
   EXPECT_EQ(holder.end(SIGINT), 130);
 }
 
 TEST_F(ClientTest, ASignalFreesTheClientOfAWaitingCommand) {
-  tell("silence vs");
+  ctl("silence vs");
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // nothing frees the buffers of an asynchronous command under way
   for (const auto& [command, signal] :
        {std::pair("nv read 1", SIGINT), {"raw 01 --async", SIGTERM}, {"events", SIGHUP}}) {

@@ -34,10 +34,10 @@ void expect_clean_end(Process& terminal, int status, const std::string& last_pic
 TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
   Process terminal = watch();
   EXPECT_TRUE(prints(terminal, "subscription 1"));
-  tell("restart 300");
+  ctl("restart 300");
   EXPECT_TRUE(prints(terminal, "MODEM AWAY"));
   EXPECT_TRUE(prints(terminal, " readings, 20 a second"));
-  terminal.tell("\003");
+  terminal.send_line("\003");
   expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
 }
 
@@ -47,11 +47,11 @@ TEST_F(ClientTest, ASignalThatKillsLeavesTheTerminalClean) {
        {std::pair("kill -INT $p; kill -TERM $p", 128 + SIGTERM), {"kill -QUIT $p", 128 + SIGQUIT}}) {
     Process terminal = watch();
     EXPECT_TRUE(prints(terminal, "2 readings"));
-    tell("silence vs");
+    ctl("silence vs");
     EXPECT_TRUE(comes_to_wait());
     shell("read p <process; " + std::string(signals));
     expect_clean_end(terminal, status, "");
-    tell("clear");
+    ctl("clear");
   }
 }
 
@@ -62,7 +62,7 @@ TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
           {"head -c 5 a.svg", 0, "<svg "}});
   Process terminal = watch("--plot b.svg");
   EXPECT_TRUE(prints(terminal, "2 readings"));
-  tell("silence vs");
+  ctl("silence vs");
   EXPECT_TRUE(comes_to_wait());
   shell("kill -INT $(cat process)");
   expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
@@ -125,12 +125,12 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
 }
 
 TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {
-  tell("delay 0 vs any 20");
-  tell("error 52 vs");
+  ctl("delay 0 vs any 20");
+  ctl("error 52 vs");
   expect({{"client signal --for 1 --csv a", 1, "QMI error 52"}});
-  tell("clear");
-  tell("delay 0 vs any 20");
-  tell("die modem vs");
+  ctl("clear");
+  ctl("delay 0 vs any 20");
+  ctl("die modem vs");
   expect({{"client signal --for 1 --csv b --plot c", 1, "0 readings came before"}});
   EXPECT_GT(modem().end(0), 0) << "it died";
 }

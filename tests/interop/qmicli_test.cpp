@@ -97,7 +97,7 @@ TEST_F(QmicliTest, DrxIsTheSameForBoth) {
     const char* text;
   } kCases[] = {{6, "cn6-t32"}, {7, "cn7-t64"}, {8, "cn8-t128"}, {9, "cn9-t256"}};
   for (const auto& test_case : kCases) {
-    tell("drx 0 " + std::to_string(test_case.value));
+    ctl("drx 0 " + std::to_string(test_case.value));
     uint8_t valid = 0;
     uint32_t drx = 0;
     EXPECT_EQ(modem_api_get_drx(client, &valid, &drx), MODEM_API_SUCCESS);

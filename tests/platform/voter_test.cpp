@@ -66,7 +66,7 @@ class VoterTest : public testing::Test {
   }
   void respond(const Request& expected, int result = 0) {
     EXPECT_EQ(next(), expected);
-    send(to_frame(Answer{result, EVENT_PERIPH_IS_OFFLINE}));
+    send(to_frame(VoterResponse{result, EVENT_PERIPH_IS_OFFLINE}));
   }
 
   // --- the voter ---
@@ -83,7 +83,7 @@ class VoterTest : public testing::Test {
     return registration.get();
   }
   void enrol() {
-    ASSERT_EQ(register_with(to_frame(Answer{0, EVENT_PERIPH_IS_OFFLINE})), PM_RET_SUCCESS);
+    ASSERT_EQ(register_with(to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE})), PM_RET_SUCCESS);
     ASSERT_NE(handle_, nullptr);
   }
 
@@ -151,7 +151,7 @@ TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
     EXPECT_EQ(parse_frame(message, reply, size) == FrameState::kIncomplete, message.empty()) << what << ": at once";
   }
   EXPECT_EQ(register_with(to_frame(Event{EVENT_PERIPH_IS_ONLINE})), PM_RET_FAILED);
-  EXPECT_EQ(register_with(to_frame(Answer{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE})), PM_RET_UNSUPPORTED);
+  EXPECT_EQ(register_with(to_frame(VoterResponse{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE})), PM_RET_UNSUPPORTED);
 
   const auto attempt = [this](pm_client_event_cb callback, const char* device, void** place) {
     return pm_client_register(callback, this, device, "tester", &state_, place);
@@ -245,7 +245,7 @@ TEST_F(VoterTest, AResponseToNoRequestOrAFloodOfEventsIsNoManagers) {
   std::promise<void> go_on;
   act_ = [waited = go_on.get_future().share()](pm_event) { waited.wait(); };
   enrol();
-  end_with(to_frame(Answer{0, EVENT_PERIPH_IS_ONLINE}));
+  end_with(to_frame(VoterResponse{0, EVENT_PERIPH_IS_ONLINE}));
   EXPECT_EQ(pm_client_unregister(handle_), PM_RET_SUCCESS);
   enrol();
   end_with(flood);

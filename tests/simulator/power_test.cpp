@@ -46,7 +46,7 @@ class RawVoter {
   int ask(const Request& request) {
     send(request);
     for (auto reply = next(); reply; reply = next()) {
-      if (const auto* const answer = std::get_if<Answer>(&*reply)) return answer->result;
+      if (const auto* const answer = std::get_if<VoterResponse>(&*reply)) return answer->result;
       events_.push_back(std::get<Event>(*reply).event);
     }
     return -99;
@@ -184,7 +184,7 @@ TEST_F(Power, RefusesWhatItCannotDoAndDropsPeersThatBreakTheProtocol) {
   }
   EXPECT_EQ(voter.ask(Register{"toaster", "voter"}), -2);
   voter.send(Register{"modem", "voter"});
-  EXPECT_EQ(voter.next(), Reply(Answer{0, EVENT_PERIPH_IS_OFFLINE}));
+  EXPECT_EQ(voter.next(), Reply(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}));
   EXPECT_EQ(voter.ask(Register{"modem", "again"}), -1);
   EXPECT_EQ(voter.ask(Withdraw{}), 0) << "taking back no vote succeeds";
   voter.send(QueryStatus{});

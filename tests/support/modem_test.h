@@ -23,7 +23,7 @@ class ModemTest : public testing::Test {
   }
 
   sim::test::SimProcess& modem() { return *modem_; }
-  void tell(const std::string& command) { modem_->command(command); }
+  void ctl(const std::string& command) { modem_->command(command); }
   std::string path(const std::string& name) const { return directory_.path(name); }
 
   static int32_t open(modem_api_client_type type, modem_api_event_cb event_cb = nullptr,

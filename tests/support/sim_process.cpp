@@ -101,7 +101,7 @@ std::string Process::rest() {
   return std::exchange(buffered_, {});
 }
 
-void Process::tell(const std::string& line) {
+void Process::send_line(const std::string& line) {
   const std::string text = line + '\n';
   EXPECT_EQ(write(input_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }

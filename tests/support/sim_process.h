@@ -40,8 +40,8 @@ class Process {
   std::string line(int patience_ms = 90'000);
   std::string rest();  // all that follows, up to the end of the output
 
-  void tell(const std::string& line);  // to the standard input
-  void finish() { input_.reset(); }    // ends the standard input
+  void send_line(const std::string& line);  // to the standard input
+  void finish() { input_.reset(); }         // ends the standard input
   int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
   pid_t process() const { return process_; }
 

@@ -106,7 +106,7 @@ TEST_F(ClientTest, EveryKindOfItemIsWrittenReadAndDeleted) {
   EXPECT_THAT(read(modem_api_read_efs_path, path, 0, 0), ElementsAre(MODEM_API_ERR_GENERIC));
   EXPECT_EQ(modem_api_write_efs_path(client, "../../outside", 0, 0, small.data(), size(small)),
             MODEM_API_ERR_INVALID_PARAM);
-  tell("error 52 vs any 1");
+  ctl("error 52 vs any 1");
   EXPECT_EQ(modem_api_delete_nv(client, 7, 1, 3), MODEM_API_ERR_NOT_READY);
 }
 
@@ -126,11 +126,11 @@ TEST_F(ClientTest, EventsThatWereSubscribedArriveWithTheirPayloads) {
   const int32_t client = open(MODEM_API_CLIENT_VS, Calls::add_event);
   for (const int32_t event : {3, 5}) EXPECT_EQ(modem_api_add_modem_event(client, event), MODEM_API_SUCCESS);
   ASSERT_EQ(modem_api_set_vs_event_report(client), MODEM_API_SUCCESS);
-  tell("event 2 77 0 9");
+  ctl("event 2 77 0 9");
   const auto status = Calls::next_event<modem_api_vs_status_event>(2);
   EXPECT_EQ(status.value, 77u);
   EXPECT_EQ(status.flag2, 1);
-  tell("event 3 5 record 0:82:0102 record 1:98:ff secondary 1:6:abcd trailer 9");
+  ctl("event 3 5 record 0:82:0102 record 1:98:ff secondary 1:6:abcd trailer 9");
   const auto report_a = Calls::next_event<modem_api_vs_report_a_event>(3);
   EXPECT_EQ(report_a.value, 5u);
   ASSERT_EQ(report_a.record_count, 2u);
@@ -141,27 +141,27 @@ TEST_F(ClientTest, EventsThatWereSubscribedArriveWithTheirPayloads) {
   ASSERT_EQ(report_a.secondary_count, 1u);
   EXPECT_EQ(report_a.secondary[0].data[0], 0xAB);
   EXPECT_EQ(report_a.trailer, 9u);
-  tell("event 4 1 0aff 7 8");
+  ctl("event 4 1 0aff 7 8");
   const auto report_b = Calls::next_event<modem_api_vs_report_b_event>(4);
   EXPECT_EQ(report_b.entry_count, 2u);
   EXPECT_EQ(report_b.entries[1], 255u);
   EXPECT_EQ(report_b.second, 8);
 
   ASSERT_EQ(modem_api_remove_modem_event(client, 5), MODEM_API_SUCCESS);
-  tell("event 5 2");  // the modem has not been asked yet to stop
+  ctl("event 5 2");  // the modem has not received the change yet
   EXPECT_EQ(Calls::next_event<modem_api_vs_report_c_event>(5).value, 2);
   ASSERT_EQ(modem_api_set_vs_event_report(client), MODEM_API_SUCCESS);
-  tell("event 5 3");
-  tell("event 2 1 0 0");
+  ctl("event 5 3");
+  ctl("event 2 1 0 0");
   EXPECT_EQ(Calls::next_event<modem_api_vs_status_event>(2).value, 1u);
 }
 
 TEST_F(ClientTest, StatisticsAreReadDecodedAndReported) {
-  tell("statistic 0 lte-scc6 earfcn=1300 pci=101 rsrp_rx0=-850 snr_rx3=180");
-  tell("statistic 0 lte-uplink pusch_tx_power=-10");
-  tell("statistic 1 nr-uplink tx_power_pusch=3.7");
-  tell("statistic 0 system-mode rat=9");
-  tell("statistic 1 system-mode rat=12");
+  ctl("statistic 0 lte-scc6 earfcn=1300 pci=101 rsrp_rx0=-850 snr_rx3=180");
+  ctl("statistic 0 lte-uplink pusch_tx_power=-10");
+  ctl("statistic 1 nr-uplink tx_power_pusch=3.7");
+  ctl("statistic 0 system-mode rat=9");
+  ctl("statistic 1 system-mode rat=12");
   ASSERT_EQ(modem_hydra_api_init_ex(Calls::add_event, nullptr), 1);
   modem_hydra_lte_srv_meas_info cell{};
   EXPECT_EQ(modem_hydra_lte_srv_meas_info_get_for_scc6(0, &cell), 1);
@@ -175,12 +175,12 @@ TEST_F(ClientTest, StatisticsAreReadDecodedAndReported) {
   property_set("persist.radio.default_data_sub", "1");
   EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_dds_sub()), 3);
 
-  tell("clock 0");
+  ctl("clock 0");
   modem_hydra_stats_id_alloc();
   modem_api_stats_registration record{};
   record.id = 0x2c;
   EXPECT_EQ(modem_hydra_register_modem_stats_data(1, 1, 0, 0, &record, 1), MODEM_API_SUCCESS);
-  tell("clock advance 1000");
+  ctl("clock advance 1000");
   const auto report = Calls::next_event<modem_api_vs_report_a_event>(3);
   ASSERT_EQ(report.record_count, 1u);
   EXPECT_EQ(report.records[0].sub, 1);
@@ -199,10 +199,10 @@ TEST_F(ClientTest, AKilledClientFreesItsId) {
 }
 
 TEST_F(ClientTest, AClientWaitsForAServiceThatIsAbsent) {
-  tell("service vs down");
+  ctl("service vs down");
   auto opening = std::async(std::launch::async, [] { return open(MODEM_API_CLIENT_VS); });
   EXPECT_TRUE(sim::test::comes_true([&] { return std::stoi(modem().value("status", "/counters/requests")) >= 2; }));
-  tell("service vs up");
+  ctl("service vs up");
   EXPECT_EQ(modem_api_notify_shutdown(opening.get()), MODEM_API_SUCCESS);
 }
 
@@ -210,7 +210,7 @@ TEST_F(ClientTest, AModemThatDiesInTheMiddleOfAResponseEndsTheCallAtOnce) {
   const int32_t client = open(MODEM_API_CLIENT_VS);
   const uint8_t byte = 1;
   ASSERT_EQ(modem_api_write_nv(client, 1, 0, 0, &byte, 1), MODEM_API_SUCCESS);
-  tell("die modem vs");
+  ctl("die modem vs");
   uint8_t data[4] = {42};
   uint32_t length = sizeof(data);
   const auto start = std::chrono::steady_clock::now();

@@ -81,8 +81,8 @@ class RestartTest : public ModemTest {
     ASSERT_EQ(modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &sar_), MODEM_API_SUCCESS);
   }
   void restart_sar() {
-    tell("service sar down");
-    tell("service sar up");
+    ctl("service sar down");
+    ctl("service sar up");
   }
 
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
@@ -125,7 +125,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     if (*each.down == '\0') {
       voter_->finish();
     } else {
-      tell(each.down);
+      ctl(each.down);
     }
     for (const uint32_t client : each.clients) {
       EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
@@ -135,7 +135,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
       ASSERT_TRUE(comes_to(0, "off-line"));
       voter_ = std::make_unique<ClientProcess>("mtb", std::vector<std::string>{"vote", "alone"});
     } else {
-      tell(each.up);
+      ctl(each.up);
     }
     for (const uint32_t client : each.clients) {
       EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_UP), ElementsAre(6, 3));
@@ -146,10 +146,10 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
 
 TEST_F(RestartTest, AClientFreedAtAnyMomentOfARestartHoldsNothing) {
   open_clients();
-  tell("service sar down");
+  ctl("service sar down");
   EXPECT_THAT(Statuses::until(MODEM_API_CLIENT_SAR, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
   EXPECT_EQ(modem_api_free_client(sar_), MODEM_API_SUCCESS);
-  tell("service sar up");
+  ctl("service sar up");
   reopen_sar();
   EXPECT_TRUE(has_all_clients());
   for (int i = 0; i < 30; ++i) {
@@ -202,7 +202,7 @@ class CrashTest : public RestartTest, public testing::WithParamInterface<int32_t
 
   // What the item holds after the crash: the value of a write, never of two.
   int found_after_crash() {
-    if (GetParam() == MODEM_RESTART_LEVEL_ID_DUMP) tell("start");
+    if (GetParam() == MODEM_RESTART_LEVEL_ID_DUMP) ctl("start");
     modem_api_free_client(client_);
     client_ = open(MODEM_API_CLIENT_VS);
     Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
@@ -235,7 +235,7 @@ TEST_P(CrashTest, AWriteFailsOrHasHappened) {
     const int found = found_after_crash();
     EXPECT_TRUE(found == done || found == tried) << found << ", written " << done << ", tried " << tried;
   }
-  tell("delay 600000 vs write-nv 1");
+  ctl("delay 600000 vs write-nv 1");
   modem_api_result result = MODEM_API_SUCCESS;
   std::thread writer([&] { result = write(255); });
   EXPECT_TRUE(comes_true([&] { return modem().value("status", "/counters/faults") == "1"; }));

@@ -42,7 +42,7 @@ std::string private_directory() {
 }
 
 // Opens a directory that no other user can have prepared, list or change: it is no link, belongs to this user and has
-// mode 0700. Everybody may be able to write to its parent. On failure there is no descriptor, and errno says why;
+// mode 0700. Everybody may be able to write to its parent. On failure there is no descriptor, and errno is set;
 // EPERM: the directory belongs to another user or is open to others.
 UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
   if (if_missing == IfMissing::kMake && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return {};

@@ -25,7 +25,7 @@ std::string boot_id();
 
 enum class IfMissing { kMake, kLeave };
 
-// Opens a directory; kMake creates it and its parents. On failure there is no descriptor, and errno says why.
+// Opens a directory; kMake creates it and its parents. On failure there is no descriptor, and errno is set.
 UniqueFd open_directory(const std::string& path, IfMissing if_missing);
 // The same for a directory in an open one.
 UniqueFd open_directory_at(int parent, const std::string& name, IfMissing if_missing);

@@ -99,9 +99,9 @@ void visit_fields(Body& body, Acknowledge& acknowledge) {
   body.event(acknowledge.event);
 }
 template <typename Body>
-void visit_fields(Body& body, Answer& answer) {
-  body.i8(answer.result);
-  body.event(answer.state);
+void visit_fields(Body& body, VoterResponse& response) {
+  body.i8(response.result);
+  body.event(response.state);
 }
 template <typename Body>
 void visit_fields(Body& body, Event& event) {

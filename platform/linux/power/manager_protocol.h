@@ -58,10 +58,10 @@ struct QueryStatus : Empty {};
 using Request = std::variant<Register, Vote, Withdraw, Unregister, Acknowledge, QueryStatus>;
 
 // From the manager. The kinds of the alternatives are consecutive, from 0x81.
-struct Answer {
+struct VoterResponse {
   int result;
   pm_event state;
-  bool operator==(const Answer&) const = default;
+  bool operator==(const VoterResponse&) const = default;
 };
 struct Event {
   pm_event event;
@@ -78,7 +78,7 @@ struct VoterEntry {
   std::string voter;
   bool operator==(const VoterEntry&) const = default;
 };
-using Reply = std::variant<Answer, Event, Status, VoterEntry>;
+using Reply = std::variant<VoterResponse, Event, Status, VoterEntry>;
 
 // Whether a frame may carry the name.
 bool is_good_name(std::string_view name);

@@ -196,7 +196,7 @@ class ChaosTest : public testing::Test {
   }
 
   void tell_all(const std::string& line) {
-    for (ClientProcess& client : clients_) client.tell(line);
+    for (ClientProcess& client : clients_) client.send_line(line);
   }
 
   // The next line that is no problem.

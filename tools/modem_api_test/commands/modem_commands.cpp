@@ -290,7 +290,7 @@ void show_name(const Context& context, const NoValues&) {
 }
 
 struct WaitValues {
-  int32_t seconds = -1;  // as the property says
+  int32_t seconds = -1;  // -1: the seconds that the property has
 };
 
 void wait(const Context& context, const WaitValues& values) {

@@ -55,7 +55,7 @@ class SignalSource {
   // Opens hydra. Throws where the modem is not there, or does not read its statistics.
   explicit SignalSource(Session& session) : link_([&session] { open(session); }, probe, true) {}
 
-  // Nothing while the modem is away; problem() says why then. Also a modem that is back at once was away for one
+  // Nothing while the modem is away; problem() returns the reason. Also a modem that is back at once was away for one
   // reading.
   std::optional<Reading> read(std::span<const uint32_t> subs) {
     if (!link_.is_up()) return std::nullopt;
