@@ -1,33 +1,28 @@
 #include "golden_log.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 
 namespace scripted {
 namespace {
 
-// Writes `replacement` for every occurrence of `start` with the characters of `rest` that follow it.
-void replace(std::string& text, const std::string& start, const char* rest, const std::string& replacement) {
-  for (size_t at = 0; (at = text.find(start, at)) != text.npos; at += replacement.size()) {
-    const size_t end = std::min(text.find_first_not_of(rest, at + start.size()), text.size());
-    text.replace(at, end - at, replacement);
-  }
-}
-
 std::string normalised(const LogLine& line) {
-  constexpr char kDigits[] = "0123456789";
-  const std::string id = std::to_string(getpid());
-  std::string text = (line.priority == 3 ? "E " : "D ") + line.text;
-  replace(text, ".cpp:", kDigits, ".cpp");
-  replace(text, ".h:", kDigits, ".h");
-  replace(text, "ptr_hydra_data = 0x", "0123456789abcdef", "ptr_hydra_data = ADDRESS");
-  replace(text, "/proc/self/fd/", kDigits, "FILE");
-  replace(text, "errno = ", kDigits, "errno = N");
-  replace(text, "/proc/" + id + "/", "", "/proc/PID/");
-  replace(text, "p_id: " + id + ",", "", "p_id: PID,");
+  static const std::string id = std::to_string(getpid());
+  static const std::pair<std::regex, const char*> kVariable[] = {
+      {std::regex("(\\.cpp|\\.h):[0-9]+"), "$1"},
+      {std::regex("ptr_hydra_data = 0x[0-9a-f]+"), "ptr_hydra_data = ADDRESS"},
+      {std::regex("/proc/self/fd/[0-9]+"), "FILE"},
+      {std::regex("errno = [0-9]+"), "errno = N"},
+      {std::regex("/proc/" + id + "/"), "/proc/PID/"},
+      {std::regex("p_id: " + id + ","), "p_id: PID,"},
+  };
+  std::string text = (line.priority == LOG_ERR ? "E " : "D ") + line.text;
+  for (const auto& [pattern, replacement] : kVariable) text = std::regex_replace(text, pattern, replacement);
   return text;
 }
 

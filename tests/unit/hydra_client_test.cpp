@@ -1,5 +1,6 @@
 // Hydra's client and its statistics client id: what opening drops, the requests, and the switching of reports.
 #include "hydra_test.h"
+#include "vs_client.h"
 
 namespace {
 
@@ -19,16 +20,16 @@ TEST_F(HydraClient, OpeningDropsEveryOtherClient) {
   const int32_t nas = open(MODEM_API_CLIENT_NAS_0);
   EXPECT_EQ(modem_hydra_api_init(), 1);
   EXPECT_EQ(modem_api_set_avoid_trm(nas, 0, 1), MODEM_API_ERR_INVALID_CLIENT);
-  on_init_instance = [](int) { return QMI_SERVICE_ERR; };
+  on_call["init_instance"] = returns(QMI_SERVICE_ERR);
   EXPECT_EQ(modem_hydra_api_init(), 0);
   EXPECT_EQ(modem_hydra_api_is_inited(), 0);
 }
 
 TEST_F(HydraClient, ServesTheGivenCallbacksOrOnlyLogs) {
   ASSERT_EQ(modem_hydra_api_init(), 1);
-  indicate(last_connection(), vs::kReportCIndication, bytes("01 0100 07"));
+  indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
   ASSERT_EQ(modem_hydra_api_init_ex(on_event, on_notice), 1);
-  indicate(last_connection(), vs::kReportCIndication, bytes("01 0100 07"));
+  indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
   EXPECT_EQ(notices, (Notices{{MODEM_API_NOTICE_SERVICE_UP, MODEM_API_CLIENT_VS}}));
   EXPECT_EQ(events, (std::vector<Event>{{MODEM_API_EVENT_VS_REPORT_C, {7}}}));
 }
@@ -102,7 +103,7 @@ TEST_F(HydraClient, KeepsItsStatisticsIdForEver) {
   grant("0C");
   modem_hydra_stats_id_alloc();
   EXPECT_EQ(modem_hydra_api_deinit(), MODEM_API_SUCCESS);
-  EXPECT_FALSE(is_open(last_connection()));
+  EXPECT_EQ(open_handles(), 0U);
   EXPECT_EQ(modem_hydra_api_is_inited(), 0);
   EXPECT_EQ(modem_hydra_stats_client_is_inited(), 1);
   open_hydra();

@@ -156,9 +156,9 @@ TEST_F(HydraMetricsLog, OfResponses) {
 TEST_F(HydraMetricsLog, OfHydraOpenedOnDemand) {
   values[{1, 0x64}] = Bytes(8);
   modem_hydra_mcs_trm_asdiv record = {};
-  on_init_instance = [](int) { return QMI_SERVICE_ERR; };
+  on_call["init_instance"] = returns(QMI_SERVICE_ERR);
   EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 0);
-  on_init_instance = nullptr;
+  on_call["init_instance"] = nullptr;
   EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);
   EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(2, &record), 0);  // takes no number
   EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -48,6 +49,12 @@ inline Bytes structure(size_t size, const std::string& content) {
   return result;
 }
 
+template <typename Record>
+bool is_zero(const Record& record) {
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(&record);
+  return std::all_of(bytes, bytes + sizeof(record), [](uint8_t byte) { return byte == 0; });
+}
+
 // A response structure that begins with a header.
 inline Bytes header(uint32_t result, uint32_t error) {
   Bytes response(8);
@@ -83,6 +90,12 @@ inline std::vector<Block> live_blocks() {
     blocks.push_back(block);
   }
   return blocks;
+}
+
+// The record that an asynchronous exchange passes to its end, which frees it.
+inline void* callback_record(modem_api_response_cb callback, void* user_data) {
+  void* const fields[] = {reinterpret_cast<void*>(callback), user_data};
+  return std::memcpy(hydra_malloc_adv(sizeof(fields), __func__, __LINE__), fields, sizeof(fields));
 }
 
 // What the callbacks of clients received, in order.

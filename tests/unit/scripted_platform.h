@@ -6,11 +6,11 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pm-service.h"
@@ -29,6 +29,41 @@ inline constexpr struct {
     return *new T;
   }
 } kNewObject;
+
+// --- calls ---
+
+// One call of the QMI framework, of the peripheral manager, or of a sleep.
+struct Call {
+  std::string name;  // without "qmi_client_" and "pm_client_"; behind one of the latter are its arguments
+  qmi_client_type handle = nullptr;
+  unsigned msg_id = 0;  // of init_instance: the instance
+  Bytes request = {};
+  unsigned response_length = 0;
+  unsigned timeout = 0;  // of a sleep: seconds
+
+  bool operator==(const Call&) const = default;
+};
+std::vector<Call> calls();
+Lines call_names();
+void clear_calls();
+
+struct Outcome {
+  // The response is the beginning of the structure; the rest is zero.
+  Outcome(int result = 0, Bytes content = {}) : code(result), response(std::move(content)) {}
+
+  int code;
+  Bytes response;
+};
+
+// What runs in a call and decides its outcome, by name; a call without a script succeeds. A registered callback can
+// be called from the script of its registration.
+using Script = std::function<Outcome(const Call&)>;
+extern std::map<std::string, Script>& on_call;
+extern Script& on_send;  // the script of send_msg_sync
+Script returns(int code);
+
+// How the platform's operations record a call and run its script.
+Outcome play(const Call& call);
 
 // --- system log ---
 
@@ -52,13 +87,6 @@ extern std::map<std::string, std::string>& properties;
 extern Lines& property_writes;  // "name=value"
 int reads_of(const std::string& name);
 
-// --- time ---
-
-extern std::vector<unsigned>& sleeps;            // seconds, in order
-extern std::function<void(unsigned)>& on_sleep;  // runs instead of a sleep; may be empty
-// Ends of the waits on the monotonic clock, which take no time either: every other one is interrupted by a signal.
-extern std::vector<timespec>& waits;
-
 // --- files ---
 
 // Opens of a path that ends with `suffix` go to `target`, which need not exist.
@@ -71,17 +99,7 @@ using Transfer = std::function<long(long requested)>;
 extern Transfer on_read;
 extern Transfer on_write;
 
-// --- allocation and threads ---
-
-// Makes every malloc and calloc of exactly `size` bytes fail while it lives. Not under sanitizers, which own malloc.
-class FailAllocationOf {
- public:
-  explicit FailAllocationOf(size_t size);
-  ~FailAllocationOf();
-  FailAllocationOf(const FailAllocationOf&) = delete;
-  FailAllocationOf& operator=(const FailAllocationOf&) = delete;
-  static bool is_supported();
-};
+// --- threads ---
 
 // What pthread_create does.
 enum class Threads { kRun, kFail, kHold };
@@ -93,45 +111,13 @@ void run_held();
 
 // --- QMI ---
 
-// Whose framework this is. On the phone a release or a synchronous send inside a callback of the same handle does not
-// return, which fails the test here; asynchronous sends that are pending end with their callback, with a response of
-// length 0: at a release on the releasing thread with QMI_INTERNAL_ERR, at a loss with QMI_SERVICE_ERR. On Linux a
-// release inside a callback returns, and what is pending gets no callback.
-enum class Framework { kLinux, kPhone };
-void set_framework(Framework framework);
+// The framework is the phone's. A release or a synchronous send inside a callback of the same handle does not return
+// there, which fails the test here. Asynchronous sends that are pending end with their callback and a response of
+// length 0: at a release on the releasing thread with QMI_INTERNAL_ERR, at a loss with QMI_SERVICE_ERR.
 
-// One call of the framework.
-struct Call {
-  std::string name;  // without "qmi_client_"
-  qmi_client_type handle = nullptr;
-  unsigned msg_id = 0;  // of init_instance: the instance
-  Bytes request = {};
-  unsigned response_length = 0;
-  unsigned timeout = 0;
-
-  bool operator==(const Call&) const = default;
-};
-std::vector<Call> calls();
-Lines call_names();
-void clear_calls();
-
-struct Outcome {
-  int code = 0;
-  Bytes response = {};  // the beginning of the response structure; the rest is zero
-};
-
-extern std::function<Outcome(const Call&)>& on_send;       // the outcome of a synchronous send; empty: success
-extern std::function<int(const Call&)>& on_send_async;     // the outcome of an asynchronous send; empty: 0
-extern std::function<int(int attempt)>& on_init_instance;  // outcome by attempt, from 0; empty: 0
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
 extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)>& on_decode;
-extern std::function<void(const Call&)>& on_registered;  // runs at the end of a register_*_cb; may be empty
-extern int notifier_init_result;
-extern int register_notify_result;
 
-// The connection that was opened last (by qmi_client_init_instance or qmi_client_notifier_init).
-qmi_client_type last_connection();
-qmi_client_type last_notifier();
 bool is_open(qmi_client_type handle);
 size_t open_handles();
 
@@ -145,9 +131,6 @@ void complete_send(const Bytes& response, int code = 0);
 
 // --- peripheral manager ---
 
-extern Lines& pm_calls;                         // without "pm_client_", behind its arguments but the handle
-extern std::map<std::string, int>& pm_results;  // by name; 0 where none is given
-extern pm_client_event_cb pm_callback;
-extern void* pm_callback_data;
+extern std::function<void(pm_event)>& announce_power;  // calls back the voter that registered
 
 }  // namespace scripted

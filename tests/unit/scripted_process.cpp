@@ -1,5 +1,5 @@
-// What the process gives the library: system log, properties, files, sleeps that take no time, memory that may run out,
-// threads, and the peripheral manager.
+// What the process gives the library: system log, properties, files, sleeps that take no time, threads, and the
+// peripheral manager.
 #include <cutils/properties.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -21,15 +21,9 @@ namespace scripted {
 
 std::map<std::string, std::string>& properties = kNewObject;
 Lines& property_writes = kNewObject;
-std::vector<unsigned>& sleeps = kNewObject;
-std::function<void(unsigned)>& on_sleep = kNewObject;
-std::vector<timespec>& waits = kNewObject;
 Transfer on_read;
 Transfer on_write;
-Lines& pm_calls = kNewObject;
-std::map<std::string, int>& pm_results = kNewObject;
-pm_client_event_cb pm_callback = nullptr;
-void* pm_callback_data = nullptr;
+std::function<void(pm_event)>& announce_power = kNewObject;
 
 namespace {
 
@@ -49,7 +43,6 @@ Process& g_process = kNewObject;
 
 std::string g_suffix;
 std::string g_target;
-std::atomic<size_t> g_failing_size{SIZE_MAX};
 std::atomic<Threads> g_threads{Threads::kRun};
 thread_local bool t_runs_held_thread = false;
 
@@ -61,9 +54,13 @@ long let_through(const Transfer& transfer, size_t requested) {
   return transfer ? transfer(static_cast<long>(requested)) : static_cast<long>(requested);
 }
 
-int record_pm(const std::string& name, const std::string& arguments = "") {
-  pm_calls.push_back(name + arguments);
-  return pm_results[name];
+int call_pm(const std::string& name) {
+  return play({.name = name}).code;
+}
+
+int call_pm(void* handle, const std::string& name) {
+  EXPECT_EQ(handle, &announce_power);
+  return call_pm(name);
 }
 
 }  // namespace
@@ -120,13 +117,6 @@ std::string file_with(const std::string& content) {
   return "/proc/self/fd/" + std::to_string(file);
 }
 
-FailAllocationOf::FailAllocationOf(size_t size) {
-  g_failing_size = size;
-}
-FailAllocationOf::~FailAllocationOf() {
-  g_failing_size = SIZE_MAX;
-}
-
 void set_threads(Threads behaviour) {
   g_threads = behaviour;
 }
@@ -181,19 +171,17 @@ int property_set(const char* name, const char* value) {
 }
 
 unsigned sleep(unsigned seconds) {
-  Guard guard(g_process.lock);
-  sleeps.push_back(seconds);
-  guard.unlock();
-  if (on_sleep) on_sleep(seconds);
+  play({.name = "sleep", .timeout = seconds});
   return 0;
 }
 
 int clock_nanosleep(clockid_t clock, int flags, const timespec* end, timespec*) {
   EXPECT_EQ(clock, CLOCK_MONOTONIC);
   EXPECT_EQ(flags, TIMER_ABSTIME);
-  Guard guard(g_process.lock);
-  waits.push_back(*end);
-  return waits.size() % 2 == 1 ? EINTR : 0;
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const auto seconds = static_cast<unsigned>(end->tv_sec - now.tv_sec + (end->tv_nsec > now.tv_nsec ? 1 : 0));
+  return play({.name = "clock_nanosleep", .timeout = seconds}).code;
 }
 
 FILE* fopen(const char* path, const char* mode) {
@@ -219,36 +207,6 @@ ssize_t write(int file, const void* buffer, size_t size) {
   return allowed < 0 ? -1 : syscall(SYS_write, file, buffer, allowed);
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SCRIPTED_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SCRIPTED_SANITIZED 1
-#endif
-#endif
-
-#ifndef SCRIPTED_SANITIZED
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-
-void* malloc(size_t size) {
-  return size == g_failing_size.load() ? nullptr : __libc_malloc(size);
-}
-
-// What a compiler may make of a malloc whose block is zeroed.
-void* calloc(size_t count, size_t size) {
-  return count * size == g_failing_size.load() ? nullptr : __libc_calloc(count, size);
-}
-
-bool scripted::FailAllocationOf::is_supported() {
-  return true;
-}
-#else
-bool scripted::FailAllocationOf::is_supported() {
-  return false;
-}
-#endif
-
 // A sanitizer that is linked statically stands in front of the C library here.
 int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
 
@@ -266,36 +224,31 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   return 0;
 }
 
-// --- peripheral manager: one voter, whose calls end as a test sets them ---
+// --- peripheral manager ---
 
 int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
                        enum pm_event* state_out, void** handle) {
-  const int result = record_pm("register", std::string(" ") + device + " " + client);
+  const int result = call_pm(std::string("register ") + device + " " + client);
   if (result != 0) return result;
-  pm_callback = callback;
-  pm_callback_data = data;
+  announce_power = [=](pm_event event) { callback(data, event); };
   *state_out = EVENT_PERIPH_IS_OFFLINE;
-  *handle = &pm_callback;
+  *handle = &announce_power;
   return 0;
 }
 
 int pm_client_connect(void* handle) {
-  EXPECT_EQ(handle, &pm_callback);
-  return record_pm("connect");
+  return call_pm(handle, "connect");
 }
 
 int pm_client_disconnect(void* handle) {
-  EXPECT_EQ(handle, &pm_callback);
-  return record_pm("disconnect");
+  return call_pm(handle, "disconnect");
 }
 
 int pm_client_unregister(void* handle) {
-  EXPECT_EQ(handle, &pm_callback);
-  return record_pm("unregister");
+  return call_pm(handle, "unregister");
 }
 
 int pm_client_event_acknowledge(void* handle, enum pm_event event) {
-  EXPECT_EQ(handle, &pm_callback);
-  return record_pm("event_acknowledge", " " + std::to_string(event));
+  return call_pm(handle, "event_acknowledge " + std::to_string(event));
 }
 }

@@ -1,9 +1,8 @@
-// The QMI framework: handles, sends that end as a test sets them, and callbacks that a test sets off. The codec is the
-// real one.
+// The record of calls, and the QMI framework: handles, sends whose outcomes a test scripts, and callbacks that a test
+// makes. The codec is the real one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -24,21 +23,15 @@ struct qmi_client_struct {
 
 namespace scripted {
 
-std::function<Outcome(const Call&)>& on_send = kNewObject;
-std::function<int(const Call&)>& on_send_async = kNewObject;
-std::function<int(int)>& on_init_instance = kNewObject;
+std::map<std::string, Script>& on_call = kNewObject;
+Script& on_send = on_call["send_msg_sync"];
 std::function<int(unsigned, uint8_t*, unsigned)>& on_decode = kNewObject;
-std::function<void(const Call&)>& on_registered = kNewObject;
-int notifier_init_result = 0;
-int register_notify_result = 0;
 
 namespace {
 
 struct PendingSend {
   qmi_client_type handle;
-  void* response;
-  unsigned response_length;
-  std::function<void(unsigned response_length, int code)> callback;
+  std::function<void(const Bytes* response, int code)> end;  // null: no response
 };
 
 struct State {
@@ -47,13 +40,8 @@ struct State {
   std::vector<Call> calls;
   std::vector<std::unique_ptr<qmi_client_struct>> handles;
   std::deque<PendingSend> pending;
-  qmi_client_type last_connection = nullptr;
-  qmi_client_type last_notifier = nullptr;
-  int attempts = 0;
 };
 State& g_state = kNewObject;
-
-std::atomic<Framework> g_framework{Framework::kLinux};
 
 // The handles whose callbacks this thread is in, the innermost last.
 thread_local std::vector<qmi_client_type> t_calling_back;
@@ -62,19 +50,13 @@ int own_callbacks(qmi_client_type handle) {
   return static_cast<int>(std::count(t_calling_back.begin(), t_calling_back.end(), handle));
 }
 
-void record(const Call& call) {
-  Guard guard(g_state.lock);
-  g_state.calls.push_back(call);
-}
-
-// Whether a call that the framework refuses on a released handle may go on. The phone's framework takes nothing in for
-// a handle while a callback of it runs.
-bool takes(const Call& call, bool blocks) {
-  record(call);
-  if (call.handle == nullptr || !is_open(call.handle)) return false;
-  const bool hangs = blocks && g_framework == Framework::kPhone && own_callbacks(call.handle) > 0;
-  EXPECT_FALSE(hangs) << call.name << " inside a callback of its handle: it does not return on the phone";
-  return true;
+// The outcome of a call on a handle; a null or released one is refused.
+Outcome play_on_handle(const Call& call) {
+  const bool blocks = call.name != "send_msg_async";
+  EXPECT_FALSE(blocks && own_callbacks(call.handle) > 0)
+      << call.name << " inside a callback of its handle does not return on the phone";
+  const Outcome outcome = play(call);
+  return call.handle != nullptr && is_open(call.handle) ? outcome : QMI_CLIENT_INVALID_CLNT;
 }
 
 // Runs a callback of a handle, without the lock.
@@ -99,24 +81,21 @@ bool call_back(qmi_client_type handle, Callback qmi_client_struct::*callback, co
   return true;
 }
 
-// The phone's framework ends what is pending with the callback of each, on this thread.
 void end_pending(Guard& guard, qmi_client_type handle, int code) {
   auto& pending = g_state.pending;
-  while (g_framework == Framework::kPhone) {
-    const auto found = std::find_if(pending.begin(), pending.end(), [&](auto& send) { return send.handle == handle; });
-    if (found == pending.end()) return;
-    const PendingSend send = *found;
-    pending.erase(found);
-    run_callback(guard, handle, [&] { send.callback(0, code); });
+  const auto is_of_handle = [&](const PendingSend& send) { return send.handle == handle; };
+  for (auto at = pending.begin(); (at = std::find_if(pending.begin(), pending.end(), is_of_handle)) != pending.end();) {
+    const PendingSend send = *at;
+    pending.erase(at);
+    run_callback(guard, handle, [&] { send.end(nullptr, code); });
   }
 }
 
-qmi_client_type new_handle(qmi_idl_service_object_type service, qmi_client_type& last) {
+qmi_client_type new_handle(qmi_idl_service_object_type service) {
   Guard guard(g_state.lock);
-  g_state.handles.push_back(std::make_unique<qmi_client_struct>());
-  last = g_state.handles.back().get();
-  last->service = service;
-  return last;
+  const qmi_client_type handle = g_state.handles.emplace_back(std::make_unique<qmi_client_struct>()).get();
+  handle->service = service;
+  return handle;
 }
 
 Bytes bytes_of(const void* data, size_t length) {
@@ -148,14 +127,16 @@ void clear_calls() {
   g_state.calls.clear();
 }
 
-qmi_client_type last_connection() {
-  Guard guard(g_state.lock);
-  return g_state.last_connection;
+Script returns(int code) {
+  return [code](const Call&) { return Outcome(code); };
 }
 
-qmi_client_type last_notifier() {
+Outcome play(const Call& call) {
   Guard guard(g_state.lock);
-  return g_state.last_notifier;
+  g_state.calls.push_back(call);
+  const Script script = on_call[call.name.substr(0, call.name.find(' '))];
+  guard.unlock();
+  return script ? script(call) : Outcome();
 }
 
 bool is_open(qmi_client_type handle) {
@@ -189,12 +170,7 @@ void complete_send(const Bytes& response, int code) {
   Guard guard(g_state.lock);
   const PendingSend send = g_state.pending.front();
   g_state.pending.pop_front();
-  fill_response(send.response, send.response_length, response);
-  run_callback(guard, send.handle, [&] { send.callback(send.response_length, code); });
-}
-
-void set_framework(Framework framework) {
-  g_framework = framework;
+  run_callback(guard, send.handle, [&] { send.end(&response, code); });
 }
 
 }  // namespace scripted
@@ -206,13 +182,10 @@ extern "C" {
 qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service, qmi_service_instance instance,
                                                qmi_client_ind_cb ind_cb, void* ind_data, qmi_client_os_params*,
                                                uint32_t timeout, qmi_client_type* handle) {
-  record({.name = "init_instance", .msg_id = instance, .timeout = timeout});
-  Guard guard(g_state.lock);
-  const int attempt = g_state.attempts++;
-  guard.unlock();
-  const int code = service == nullptr ? QMI_CLIENT_PARAM_ERR : on_init_instance ? on_init_instance(attempt) : 0;
-  if (code != 0) return code;
-  const qmi_client_type made = *handle = new_handle(service, g_state.last_connection);
+  const Outcome outcome = play({.name = "init_instance", .msg_id = instance, .timeout = timeout});
+  if (service == nullptr) return QMI_CLIENT_PARAM_ERR;
+  if (outcome.code != 0) return outcome.code;
+  const qmi_client_type made = *handle = new_handle(service);
   made->indication = [=](unsigned msg_id, Bytes wire) {
     ind_cb(made, msg_id, wire.data(), static_cast<unsigned>(wire.size()), ind_data);
   };
@@ -221,38 +194,30 @@ qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type servi
 
 qmi_client_error_type qmi_client_notifier_init(qmi_idl_service_object_type service, qmi_client_os_params*,
                                                qmi_client_type* handle) {
-  record({.name = "notifier_init"});
-  if (notifier_init_result == 0) *handle = new_handle(service, g_state.last_notifier);
-  return notifier_init_result;
+  const int code = play({.name = "notifier_init"}).code;
+  if (code == 0) *handle = new_handle(service);
+  return code;
 }
 
 qmi_client_error_type qmi_client_register_error_cb(qmi_client_type handle, qmi_client_error_cb callback, void* data) {
-  const Call call{.name = "register_error_cb", .handle = handle};
-  record(call);
   Guard guard(g_state.lock);
   handle->error = [=](int error) { callback(handle, error, data); };
   guard.unlock();
-  if (on_registered) on_registered(call);
-  return 0;
+  return play({.name = "register_error_cb", .handle = handle}).code;
 }
 
 qmi_client_error_type qmi_client_register_notify_cb(qmi_client_type handle, qmi_client_notify_cb callback, void* data) {
-  const Call call{.name = "register_notify_cb", .handle = handle};
-  record(call);
-  if (register_notify_result != 0) return register_notify_result;
   Guard guard(g_state.lock);
   handle->notify = [=](qmi_client_notify_event_type event) { callback(handle, handle->service, event, data); };
   guard.unlock();
-  if (on_registered) on_registered(call);
-  return 0;
+  return play({.name = "register_notify_cb", .handle = handle}).code;
 }
 
 qmi_client_error_type qmi_client_send_msg_sync(qmi_client_type handle, unsigned msg_id, void* request,
                                                unsigned request_length, void* response, unsigned response_length,
                                                unsigned timeout) {
-  const Call call{"send_msg_sync", handle, msg_id, bytes_of(request, request_length), response_length, timeout};
-  if (!takes(call, true)) return QMI_CLIENT_INVALID_CLNT;
-  const Outcome outcome = on_send ? on_send(call) : Outcome{};
+  const Outcome outcome =
+      play_on_handle({"send_msg_sync", handle, msg_id, bytes_of(request, request_length), response_length, timeout});
   if (outcome.code == 0 || !outcome.response.empty()) fill_response(response, response_length, outcome.response);
   return outcome.code;
 }
@@ -261,14 +226,17 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
                                                 unsigned request_length, void* response, unsigned response_length,
                                                 qmi_client_recv_msg_async_cb callback, void* data,
                                                 qmi_txn_handle* transaction) {
-  const Call call{"send_msg_async", handle, msg_id, bytes_of(request, request_length), response_length};
-  if (!takes(call, false)) return QMI_CLIENT_INVALID_CLNT;
   *transaction = nullptr;
-  const int code = on_send_async ? on_send_async(call) : 0;
-  const auto end = [=](unsigned length, int error) { callback(handle, msg_id, response, length, data, error); };
+  const int code =
+      play_on_handle({"send_msg_async", handle, msg_id, bytes_of(request, request_length), response_length}).code;
+  if (code != 0) return code;
   Guard guard(g_state.lock);
-  if (code == 0) g_state.pending.push_back({handle, response, response_length, end});
-  return code;
+  g_state.pending.push_back({handle, [=](const Bytes* content, int error) {
+                               if (content != nullptr) fill_response(response, response_length, *content);
+                               callback(handle, msg_id, response, content != nullptr ? response_length : 0, data,
+                                        error);
+                             }});
+  return 0;
 }
 
 qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_type_of_message_type type,
@@ -281,7 +249,8 @@ qmi_client_error_type qmi_client_message_decode(qmi_client_type handle, qmi_idl_
 }
 
 qmi_client_error_type qmi_client_release(qmi_client_type handle) {
-  if (!takes({.name = "release", .handle = handle}, true)) return QMI_CLIENT_INVALID_CLNT;
+  const int code = play_on_handle({.name = "release", .handle = handle}).code;
+  if (code != 0) return code;
   Guard guard(g_state.lock);
   handle->is_open = false;
   end_pending(guard, handle, QMI_INTERNAL_ERR);

@@ -50,19 +50,23 @@ TEST_F(RestartType, SetWritesAnotherLevelAlone) {
     int32_t type;
     const char* level;
     const char* flag;
-    int32_t result;
-    const char* written;
+    const char* written;  // empty: nothing
   } cases[] = {
-      {0, "ALL_ENABLE", "", 0, "ALL_ENABLE"},       {1, "ALL_ENABLE", "", 0, "ALL_ENABLE"},
-      {2, "ALL_DISABLE", "yes", 0, "ALL_DISABLE"},  {3, "ALL_DISABLE", "yes", 0, "ALL_DISABLE"},
-      {-1, "ALL_DISABLE", "yes", 0, "ALL_DISABLE"}, {2, "", "yes", 1, "ALL_DISABLE"},
-      {2, "related", "yes", 1, "ALL_DISABLE"},      {2, "ALL_ENABLE", "yes", 1, "ALL_DISABLE"},
+      {0, "ALL_ENABLE", "", ""},
+      {1, "ALL_ENABLE", "", ""},
+      {2, "ALL_DISABLE", "yes", ""},
+      {3, "ALL_DISABLE", "yes", ""},
+      {-1, "ALL_DISABLE", "yes", ""},
+      {2, "", "yes", "ALL_DISABLE"},
+      {2, "related", "yes", "ALL_DISABLE"},
+      {2, "ALL_ENABLE", "yes", "ALL_DISABLE"},
   };
-  for (const auto& [type, level, flag, result, written] : cases) {
+  for (const auto& [type, level, flag, written] : cases) {
     properties = {{kLevel, level}, {kSaved, "x"}, {kFlag, flag}};
-    EXPECT_EQ(pelmar_set_modem_ssr_type(type), result) << level;
-    EXPECT_EQ(properties[kLevel], written);
-    EXPECT_EQ(properties[kSaved], "x") << "saved once";
+    property_writes.clear();
+    const Lines writes = *written == 0 ? Lines{} : Lines{kLevel + "=" + written};
+    EXPECT_EQ(pelmar_set_modem_ssr_type(type), static_cast<int32_t>(writes.size())) << level;
+    EXPECT_EQ(property_writes, writes) << "the level is saved once";
   }
 }
 
@@ -88,7 +92,7 @@ TEST_F(RestartType, WaitSleepsAsGivenOrConfigured) {
   EXPECT_EQ(pelmar_modem_ssr_wait_s(2), 2);
   properties["persist.radio.ssr_wait_s"] = "-3";
   EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), -3);
-  EXPECT_THAT(sleeps, ElementsAre(5U, 2U));
+  EXPECT_THAT(calls(), ElementsAre(Call{.name = "sleep", .timeout = 5}, Call{.name = "sleep", .timeout = 2}));
 }
 
 }  // namespace
