@@ -2,7 +2,7 @@
 // gets.
 #include <optional>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "vs_client.h"
 
 namespace {
@@ -74,7 +74,6 @@ class AsynchronousCommand : public LibraryTest {
     return sizes;
   }
 };
-using AsynchronousCommandLog = Golden<AsynchronousCommand>;
 
 TEST_F(AsynchronousCommand, BringsDataAndAnEndOrAFailure) {
   const Bytes longest_data(512, 0x5A);

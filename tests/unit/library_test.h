@@ -143,7 +143,9 @@ class LibraryTest : public testing::Test {
     properties["persist.hydra.mem_trace"] = "true";
     properties["persist.vendor.radio.adb_log_shell"] = "0";
     EXPECT_EQ(modem_api_init(), MODEM_API_SUCCESS);
+    settle_log();
     forget();
+    reset_golden_log();
   }
 
   static int32_t open(modem_api_client_type type = MODEM_API_CLIENT_VS) {

@@ -29,6 +29,7 @@ namespace {
 using namespace scripted;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 // Runs an operation in which every allocation of exactly this size fails.
 template <typename Operation>
@@ -39,29 +40,14 @@ auto without_block_of(size_t size, const Operation& operation) {
   return result;
 }
 
-using Memory = Golden<LibraryTest>;
+class Memory : public LibraryTest {};
 
-TEST_F(Memory, MayLackForAClientOfAnyType) {
+TEST_F(Memory, MayLackForEveryBlock) {
   for (const modem_api_client_type type : {0, 1, 4}) {
     const auto init = [&] { return modem_api_init_client(type, on_event, on_notice, nullptr); };
     EXPECT_EQ(without_block_of(40, init), MODEM_API_ERR_NO_MEMORY);
   }
-}
 
-TEST_F(Memory, MayLackForAnIndication) {
-  open();
-  forget();
-  const auto event = [] {
-    return indicate(vs_client_info.client_handle, 0x0203, bytes("01 0400 A1A2A3A4 02 0100 00"));
-  };
-  EXPECT_TRUE(without_block_of(10704, event));
-  sar_client_info.service_object = vs_client_info.service_object;  // whose indications have a size
-  open(MODEM_API_CLIENT_SAR);
-  EXPECT_TRUE(without_block_of(10704, [] { return indicate(sar_client_info.client_handle, 0x0203, {}); }));
-  EXPECT_THAT(events, IsEmpty());
-}
-
-TEST_F(Memory, MayLackForAnAsynchronousCommand) {
   static std::vector<uint32_t> results;
   const auto send = [] {
     const auto on_response = [](const uint8_t*, uint32_t, void*, uint32_t result) { results.push_back(result); };
@@ -69,22 +55,31 @@ TEST_F(Memory, MayLackForAnAsynchronousCommand) {
   };
   open();
   forget();
-  const size_t blocks = live_blocks().size();
   for (const size_t size : {524, 16}) EXPECT_EQ(without_block_of(size, send), MODEM_API_ERR_NO_MEMORY);
   EXPECT_THAT(calls(), IsEmpty());
   EXPECT_THAT(results, IsEmpty());
-  EXPECT_EQ(live_blocks().size(), blocks);
+  EXPECT_THAT(live_blocks(), SizeIs(1)) << "the client's";
   for (const auto& [length, response] : std::map<size_t, const char*>{{509, "8:FD01"}, {UINT32_MAX, "8:FFFFFFFF"}}) {
     results.clear();
     EXPECT_EQ(send(), 0);
     const auto complete = [response = response] {
       complete_send(structure(524, response));
-      return true;
+      return results;
     };
-    EXPECT_TRUE(without_block_of(length, complete));
-    EXPECT_THAT(results, ElementsAre(MODEM_API_ERR_NO_MEMORY, MODEM_API_RESP_END));
-    EXPECT_EQ(live_blocks().size(), blocks);
+    EXPECT_THAT(without_block_of(length, complete), ElementsAre(MODEM_API_ERR_NO_MEMORY, MODEM_API_RESP_END));
+    EXPECT_THAT(live_blocks(), SizeIs(1));
   }
+
+  const auto indicate_to = [](qmi_client_type handle) {
+    const auto indication = [=] { return indicate(handle, 0x0203, bytes("01 0400 A1A2A3A4 02 0100 00")); };
+    EXPECT_TRUE(without_block_of(10704, indication));
+  };
+  indicate_to(vs_client_info.client_handle);
+  sar_client_info.service_object = vs_client_info.service_object;  // whose indications have a size
+  open(MODEM_API_CLIENT_SAR);
+  indicate_to(sar_client_info.client_handle);
+  EXPECT_THAT(events, IsEmpty());
+  expect_golden_log();
 }
 
 }  // namespace

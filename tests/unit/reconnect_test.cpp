@@ -1,4 +1,7 @@
-// How a connection is lost and comes back by itself.
+// How a connection is lost and comes back by itself, and the release that ends it at any moment.
+#include <future>
+#include <thread>
+
 #include "connection_test.h"
 
 namespace {
@@ -11,9 +14,8 @@ class Reconnect : public ConnectionTest {
  protected:
   qmi_client_type notifier() const { return *connection_.notifier; }
 };
-using ReconnectLog = Golden<Reconnect>;
 
-TEST_P(ReconnectLog, ComesBackByItself) {
+TEST_P(Reconnect, ComesBackByItself) {
   const qmi_client_type lost = open();
   EXPECT_TRUE(lose_service(lost));
   EXPECT_EQ(statuses(), (Statuses{4}));
@@ -41,7 +43,7 @@ TEST_P(ReconnectLog, ComesBackByItself) {
   EXPECT_EQ(connection_.send(1, nullptr, 0, nullptr, 0), 0);
 }
 
-TEST_P(ReconnectLog, ReportsWhereItFails) {
+TEST_P(Reconnect, ReportsWhereItFails) {
   const struct {
     const char* failing;  // a call of the platform
     bool on_return;       // whether it fails when the service comes back, or when it is lost
@@ -75,6 +77,7 @@ TEST_P(ReconnectLog, ReportsWhereItFails) {
     on_call[row.failing] = nullptr;
     connection_.release();
   }
+  expect_golden_log();
 }
 
 // Whatever handle it names, and also before the thread of an earlier call has run. A notifier that is held is
@@ -145,9 +148,80 @@ TEST_P(Reconnect, HoldsOneConnectionAfterALateAnnouncement) {
   EXPECT_FALSE(is_open(unrequested));
 }
 
+// A release ends a reconnection wherever it is, and what that had made. No status follows its own.
+TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
+  const struct {
+    const char* moment;  // a status that is reported, a call of the framework or of a sleep, or between the threads
+    Statuses statuses;   // before the release
+    size_t left_open;    // a notifier is dropped without release
+  } rows[] = {{"status 4", {4}, 0},    {"lost", {4}, 0},           {"release", {4}, 0},
+              {"status 5", {4, 5}, 0}, {"status 6", {4, 5, 6}, 1}, {"announced", {4, 5, 6}, 1},
+              {"sleep", {4, 5, 6}, 0}, {"connect", {4, 5, 6}, 0},  {"status 3", {4, 5, 6, 3}, 0}};
+  for (const auto& row : rows) {
+    for (const bool by_other_thread : {false, true}) {
+      // The thread that releases a handle is not the user's.
+      if (row.moment == std::string("release") && !by_other_thread) continue;
+      SCOPED_TRACE(testing::Message() << row.moment << by_other_thread);
+      start();
+      const size_t others = open_handles();
+      const qmi_client_type lost = open();
+      std::future<void> other;
+      bool released = false;
+      const auto come_to = [&](const std::string& moment) {
+        if (moment != row.moment || std::exchange(released, true)) return;
+        if (!by_other_thread) return void(connection_.release());
+        set_threads(Threads::kRun);
+        other = std::async(std::launch::async, [&] { connection_.release(); });
+        set_threads(Threads::kHold);
+        while (!logged("D " + connection_.name + "_release: function entry ------------->")) std::this_thread::yield();
+        other.wait_for(std::chrono::milliseconds(150));  // time to get where it ends, or waits for this thread
+      };
+      const auto at = [&](const char* moment) {
+        return [&come_to, moment](const Call&) {
+          come_to(moment);
+          return 0;
+        };
+      };
+      reports.react = [&](uint32_t status) { come_to("status " + std::to_string(status)); };
+      on_call["release"] = at("release");
+      on_call["sleep"] = at("sleep");
+      on_call["init_instance"] = [&](const Call&) {
+        EXPECT_FALSE(released) << "no attempt follows the release";
+        come_to("connect");
+        return row.moment == std::string("sleep") ? QMI_TIMEOUT_ERR : 0;
+      };
+      lose_service(lost);
+      come_to("lost");
+      run_held();
+      const qmi_client_type notifier = this->notifier();
+      if (notifier != nullptr) announce_service(notifier);
+      come_to("announced");
+      run_held();
+      if (other.valid()) other.get();
+      Statuses expected = row.statuses;
+      expected.push_back(0);
+      EXPECT_EQ(statuses(), expected);
+      EXPECT_EQ(open_handles() - others, row.left_open);
+      EXPECT_TRUE(connection_.is_clear());
+      reports.react = nullptr;
+      for (const char* const name : {"release", "sleep", "init_instance"}) on_call[name] = nullptr;
+    }
+  }
+}
+
+TEST_P(Reconnect, LeavesAnOpeningWithoutAConnection) {
+  for (const int outcome : {0, int{QMI_TIMEOUT_ERR}}) {
+    start();
+    on_call["init_instance"] = [&](const Call&) {
+      connection_.release();
+      return outcome;
+    };
+    EXPECT_FALSE(connection_.open(on_event)) << outcome;
+    EXPECT_EQ(open_handles(), 0U) << outcome;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(, Reconnect, testing::ValuesIn(kConnections + 1, std::end(kConnections)),
-                         [](const auto& row) { return row.param.name; });
-INSTANTIATE_TEST_SUITE_P(, ReconnectLog, testing::ValuesIn(kConnections + 1, std::end(kConnections)),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

@@ -14,7 +14,7 @@ const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
 
 using RestartType = Golden<testing::Test>;
 
-TEST_F(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
+TEST_F(RestartType, FirstCallSavesTheLevelThatZeroRestores) {
   properties[kLevel] = "ALL_DISABLE";
   EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_DEF);
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
@@ -22,10 +22,9 @@ TEST_F(RestartType, FirstGetSavesTheLevelThatZeroRestores) {
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 1);
   EXPECT_THAT(property_writes,
               ElementsAre(kSaved + "=ALL_DISABLE", kFlag + "=yes", kLevel + "=ALL_ENABLE", kLevel + "=ALL_DISABLE"));
-}
-
-TEST_F(RestartType, FirstSetSavesTheLevelItWrote) {
-  properties[kLevel] = "ALL_DISABLE";
+  // The first set saves the level that it wrote.
+  properties = {{kLevel, "ALL_DISABLE"}};
+  property_writes.clear();
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
   EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE", kSaved + "=ALL_ENABLE", kFlag + "=yes"));
   EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 0);

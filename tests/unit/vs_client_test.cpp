@@ -9,11 +9,12 @@ using namespace scripted;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class VsClient : public Golden<LibraryTest> {
+class VsClient : public LibraryTest {
  protected:
   VsClient() {
     open();
     forget();
+    reset_golden_log();
   }
 };
 
@@ -23,6 +24,7 @@ TEST_F(VsClient, StaysAsItIsWhenTheServiceGoes) {
   EXPECT_THAT(notices, IsEmpty());
   EXPECT_THAT(calls(), IsEmpty());
   EXPECT_EQ(vs_client_info.client_handle, handle);
+  expect_golden_log();
 }
 
 TEST_F(VsClient, TurnsEveryIndicationIntoItsEvent) {
@@ -51,6 +53,7 @@ TEST_F(VsClient, TurnsEveryIndicationIntoItsEvent) {
     EXPECT_EQ(events, std::vector<Event>{indication.event});
     EXPECT_THAT(live_blocks(), SizeIs(1)) << "the client's";
   }
+  expect_golden_log();
 }
 
 // Counts and lengths that no codec lets through are cut to what a payload holds.
