@@ -30,7 +30,7 @@ std::string normalised(const LogLine& line) {
 
 void expect_golden_log(const Lines& words) {
   std::ostringstream text;
-  for (const LogLine& line : whole_log()) {
+  for (const LogLine& line : log_lines(true)) {
     const std::string actual = normalised(line);
     const auto has = [&](const std::string& word) { return actual.find(word) != actual.npos; };
     if (words.empty() || std::any_of(words.begin(), words.end(), has)) text << actual << '\n';

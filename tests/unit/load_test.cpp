@@ -15,25 +15,17 @@ class UnderLoad : public LibraryTest {
  protected:
   UnderLoad() { pelmar_hal_close_print(); }
 
-  // Opens and frees a client of the connection over and over. Meanwhile one thread restarts the service, and two send,
-  // subscribe and report statuses.
+  // Opens and frees a client of the connection over and over. Meanwhile two threads send, subscribe, report statuses
+  // and restart the service.
   static void drive(const Connection& connection) {
     std::atomic<bool> ends = false;
     std::atomic<int32_t> id = -1;
     std::atomic<int> uses = 0;
-    const auto restart = [&] {
-      const auto handle_in = [](qmi_client_type& field) { return __atomic_load_n(&field, __ATOMIC_ACQUIRE); };
-      qmi_client_type lost = nullptr;
-      while (!ends) {
-        const qmi_client_type handle = handle_in(connection.handle);
-        const qmi_client_type notifier = connection.notifier != nullptr ? handle_in(*connection.notifier) : nullptr;
-        if (handle != nullptr && handle != lost && lose_service(handle)) lost = handle;
-        if (notifier != nullptr) announce_service(notifier);
-        clear_calls();
-        std::this_thread::yield();
-      }
-    };
+    std::atomic<qmi_client_type> lost = nullptr;
     const auto use = [&] {
+      const auto handle_in = [](qmi_client_type* field) {
+        return field != nullptr ? __atomic_load_n(field, __ATOMIC_ACQUIRE) : nullptr;
+      };
       while (!ends) {
         uint32_t request = 0, response[2];
         const int32_t code = connection.send(1, &request, sizeof(request), response, sizeof(response));
@@ -42,6 +34,10 @@ class UnderLoad : public LibraryTest {
         EXPECT_THAT(modem_api_notify_shutdown(id), AnyOf(0, MODEM_API_ERR_INVALID_CLIENT, MODEM_API_ERR_GENERIC));
         modem_api_add_modem_event(id, MODEM_API_EVENT_VS_REPORT_C);
         modem_api_operational_status_cb(connection.type, OPERATIONAL_STATUS_UP);
+        const qmi_client_type handle = handle_in(&connection.handle), notifier = handle_in(connection.notifier);
+        if (handle != nullptr && lost.exchange(handle) != handle && !lose_service(handle)) lost = nullptr;
+        if (notifier != nullptr) announce_service(notifier);
+        clear_calls();
         ++uses;
         std::this_thread::yield();
       }
@@ -54,12 +50,12 @@ class UnderLoad : public LibraryTest {
       id = opened;
       ends = false;
       uses = 0;
-      std::thread threads[] = {std::thread(restart), std::thread(use), std::thread(use)};
+      std::thread users[] = {std::thread(use), std::thread(use)};
       const size_t least = connection.notifier != nullptr ? 50 + (connection.type + round) % 7 : 0;
       while (uses < 100 || statuses_of(connection).size() < least) std::this_thread::yield();
       EXPECT_EQ(modem_api_free_client(opened), MODEM_API_SUCCESS);
       ends = true;
-      for (std::thread& thread : threads) thread.join();
+      for (std::thread& user : users) user.join();
 
       const Statuses seen = statuses_of(connection);
       const auto released = std::find(seen.begin(), seen.end(), 0U);

@@ -71,8 +71,8 @@ struct LogLine {
   int priority;
   std::string text;
 };
-std::vector<LogLine> log_lines();  // since clear_log()
-std::vector<LogLine> whole_log();  // since reset_golden_log()
+// The lines since clear_log(), or since reset_golden_log().
+std::vector<LogLine> log_lines(bool since_reset = false);
 void clear_log();
 void reset_golden_log();
 

@@ -65,14 +65,9 @@ int call_pm(void* handle, const std::string& name) {
 
 }  // namespace
 
-std::vector<LogLine> log_lines() {
+std::vector<LogLine> log_lines(bool since_reset) {
   Guard guard(g_process.lock);
-  return {g_process.lines.begin() + g_process.cleared, g_process.lines.end()};
-}
-
-std::vector<LogLine> whole_log() {
-  Guard guard(g_process.lock);
-  return g_process.lines;
+  return {g_process.lines.begin() + (since_reset ? 0 : g_process.cleared), g_process.lines.end()};
 }
 
 void clear_log() {
@@ -229,11 +224,10 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
                        enum pm_event* state_out, void** handle) {
   const int result = call_pm(std::string("register ") + device + " " + client);
-  if (result != 0) return result;
   announce_power = [=](pm_event event) { callback(data, event); };
   *state_out = EVENT_PERIPH_IS_OFFLINE;
-  *handle = &announce_power;
-  return 0;
+  *handle = result == 0 ? &announce_power : nullptr;
+  return result;
 }
 
 int pm_client_connect(void* handle) {
