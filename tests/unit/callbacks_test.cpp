@@ -61,26 +61,20 @@ class Callbacks : public LibraryTest {
 
 // A release waits for the callbacks of its handle. In one of them it is left to another thread; nothing else is.
 TEST_F(Callbacks, FreeClients) {
-  const struct {
-    std::function<void()> run;
-    const qmi_client_type& freed;
-    int32_t id;
-    bool left;
-  } rows[] = {{indicate_event, vs_client_info.client_handle, 0, true},
-              {indicate_event, sar_client_info.client_handle, 1, false},
-              {[] { open(MODEM_API_CLIENT_NAS_1); }, nas_1_client_info.client_handle, 2, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.id);
+  const qmi_client_type* const handles[] = {&vs_client_info.client_handle, &sar_client_info.client_handle,
+                                            &nas_1_client_info.client_handle};
+  for (int32_t id = 0; id < 3; ++id) {
+    SCOPED_TRACE(id);
     open_two();
     set_threads(Threads::kHold);
     in_callback = [&](modem_api_client_type) {
-      const qmi_client_type handle = row.freed;
-      for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(row.id), MODEM_API_SUCCESS);
+      const qmi_client_type handle = *handles[id];
+      for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(id), MODEM_API_SUCCESS);
       EXPECT_EQ(lines_of("modem_api_free_client").back(), "E client already freed");
-      EXPECT_EQ(row.freed, nullptr);
-      EXPECT_EQ(is_open(handle), row.left);
+      EXPECT_EQ(*handles[id], nullptr);
+      EXPECT_EQ(is_open(handle), id == 0) << "the callback is the first client's";
     };
-    row.run();
+    id < 2 ? indicate_event() : void(open(MODEM_API_CLIENT_NAS_1));
     run_held();
     expect_nothing_left();
   }
