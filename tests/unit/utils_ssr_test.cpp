@@ -6,7 +6,6 @@ namespace scripted {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 const std::string kLevel = "persist.vendor.ssr.restart_level";
 const std::string kSaved = "persist.vendor.ssr.type_bak";
@@ -14,58 +13,41 @@ const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
 
 using RestartType = Golden<testing::Test>;
 
-TEST_F(RestartType, FirstCallSavesTheLevelThatZeroRestores) {
-  properties[kLevel] = "ALL_DISABLE";
-  EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_DEF);
-  EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
-  EXPECT_EQ(pelmar_get_modem_ssr_type(), MODEM_RESTART_LEVEL_ID_SSR);
-  EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 1);
-  EXPECT_THAT(property_writes,
-              ElementsAre(kSaved + "=ALL_DISABLE", kFlag + "=yes", kLevel + "=ALL_ENABLE", kLevel + "=ALL_DISABLE"));
-  // The first set saves the level that it wrote.
-  properties = {{kLevel, "ALL_DISABLE"}};
-  property_writes.clear();
-  EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_SSR), 1);
-  EXPECT_THAT(property_writes, ElementsAre(kLevel + "=ALL_ENABLE", kSaved + "=ALL_ENABLE", kFlag + "=yes"));
-  EXPECT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DEF), 0);
-}
-
-TEST_F(RestartType, GetNamesTheLevel) {
-  const std::tuple<const char*, const char*, int32_t> cases[] = {{"ALL_ENABLE", "ALL_ENABLE", 0},
-                                                                 {"ALL_ENABLE", "x", 1},
-                                                                 {"ALL_DISABLE", "x", 2},
-                                                                 {"", "x", 2},
-                                                                 {"", "", 0},
-                                                                 {"related", "x", 3}};
-  for (const auto& [level, saved, type] : cases) {
-    properties = {{kLevel, level}, {kSaved, saved}, {kFlag, "yes"}};
-    EXPECT_EQ(pelmar_get_modem_ssr_type(), type) << level;
-  }
-  EXPECT_THAT(property_writes, IsEmpty());
-}
-
-TEST_F(RestartType, SetWritesAnotherLevelAlone) {
+// The first call saves the level that a later set of type 0 restores: a get the present one, a set the one that it
+// wrote.
+TEST_F(RestartType, IsReadFromAndWrittenToProperties) {
+  const std::string enable = "ALL_ENABLE", disable = "ALL_DISABLE";
+  constexpr int32_t kGet = 100;
   const struct {
-    int32_t type;
-    const char* level;
-    const char* flag;
-    const char* written;  // empty: nothing
-  } cases[] = {
-      {0, "ALL_ENABLE", "", ""},
-      {1, "ALL_ENABLE", "", ""},
-      {2, "ALL_DISABLE", "yes", ""},
-      {3, "ALL_DISABLE", "yes", ""},
-      {-1, "ALL_DISABLE", "yes", ""},
-      {2, "", "yes", "ALL_DISABLE"},
-      {2, "related", "yes", "ALL_DISABLE"},
-      {2, "ALL_ENABLE", "yes", "ALL_DISABLE"},
+    int32_t type;  // to set, or kGet
+    std::string level, saved, flag;
+    int32_t result;
+    Lines written;
+  } calls[] = {
+      {kGet, disable, "", "", 0, {kSaved + "=" + disable, kFlag + "=yes"}},
+      {kGet, enable, enable, "yes", 0, {}},
+      {kGet, enable, disable, "yes", 1, {}},
+      {kGet, disable, "x", "yes", 2, {}},
+      {kGet, "", "x", "yes", 2, {}},
+      {kGet, "", "", "yes", 0, {}},
+      {kGet, "related", "x", "yes", 3, {}},
+      {0, enable, "x", "", 0, {}},
+      {0, enable, enable, "yes", 0, {}},
+      {0, enable, disable, "yes", 1, {kLevel + "=" + disable}},
+      {1, disable, "", "", 1, {kLevel + "=" + enable, kSaved + "=" + enable, kFlag + "=yes"}},
+      {1, enable, "x", "", 0, {}},
+      {2, disable, "x", "yes", 0, {}},
+      {2, "", "x", "yes", 1, {kLevel + "=" + disable}},
+      {2, "related", "x", "yes", 1, {kLevel + "=" + disable}},
+      {3, disable, "x", "yes", 0, {}},
+      {-1, disable, "x", "yes", 0, {}},
   };
-  for (const auto& [type, level, flag, written] : cases) {
-    properties = {{kLevel, level}, {kSaved, "x"}, {kFlag, flag}};
+  for (const auto& call : calls) {
+    SCOPED_TRACE(&call - calls);
+    properties = {{kLevel, call.level}, {kSaved, call.saved}, {kFlag, call.flag}};
     property_writes.clear();
-    const Lines writes = *written == 0 ? Lines{} : Lines{kLevel + "=" + written};
-    EXPECT_EQ(pelmar_set_modem_ssr_type(type), static_cast<int32_t>(writes.size())) << level;
-    EXPECT_EQ(property_writes, writes) << "the level is saved once";
+    EXPECT_EQ(call.type == kGet ? pelmar_get_modem_ssr_type() : pelmar_set_modem_ssr_type(call.type), call.result);
+    EXPECT_EQ(property_writes, call.written);
   }
 }
 
