@@ -31,26 +31,29 @@ struct Connection {
   void* (*release_thread)(void*) = nullptr;
 };
 
-#define CONNECTION(prefix, type, ...)                                                                                     \
-  {                                                                                                                       \
-#prefix "_client", type, prefix##_client_info.service_object, prefix##_client_info.client_handle,                     \
-        prefix##_client_info.connected,                                                                                   \
-        [] { return is_zero(prefix##_client_info); },                                                                     \
-                                                   [] { prefix##_init(); }, prefix##_client_init,                         \
-                                                                         prefix##_client_release,                         \
-                                                                         prefix##_client_set_operational_status_callback, \
-                                                                         prefix##_client_send_msg_sync,                   \
-                                                                         prefix##_client_send_msg_async,                  \
-                                                                         prefix##_client_service_down_event               \
-                                                                             __VA_OPT__(, ) __VA_ARGS__                   \
+template <auto& context>
+bool is_clear() {
+  return is_zero(context);
+}
+template <auto init>
+void prepare() {
+  init();
+}
+
+#define CONNECTION(prefix, type, ...)                                                                                 \
+  Connection {                                                                                                        \
+    "" #prefix "_client", type, prefix##_client_info.service_object, prefix##_client_info.client_handle,              \
+        prefix##_client_info.connected, is_clear<prefix##_client_info>, prepare<prefix##_init>, prefix##_client_init, \
+        prefix##_client_release, prefix##_client_set_operational_status_callback, prefix##_client_send_msg_sync,      \
+        prefix##_client_send_msg_async, prefix##_client_service_down_event, __VA_ARGS__                               \
   }
 #define RECONNECTING(prefix, type)                                                                     \
   CONNECTION(prefix, type, &prefix##_client_info.notifier_handle, prefix##_client_init_client_handles, \
              prefix##_client_release_qmi_client_thread)
 
-inline const Connection kConnections[] = {CONNECTION(vs, MODEM_API_CLIENT_VS), RECONNECTING(sar, MODEM_API_CLIENT_SAR),
-                                          RECONNECTING(nas_0, MODEM_API_CLIENT_NAS_0),
-                                          RECONNECTING(nas_1, MODEM_API_CLIENT_NAS_1)};
+inline const Connection kConnections[] = {
+    CONNECTION(vs, MODEM_API_CLIENT_VS, nullptr), RECONNECTING(sar, MODEM_API_CLIENT_SAR),
+    RECONNECTING(nas_0, MODEM_API_CLIENT_NAS_0), RECONNECTING(nas_1, MODEM_API_CLIENT_NAS_1)};
 
 #undef RECONNECTING
 #undef CONNECTION
