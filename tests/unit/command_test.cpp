@@ -23,6 +23,8 @@ struct CommandRow {
   std::function<int32_t(int32_t client_id)> call;
 };
 
+constexpr uint32_t kWord = 0xA4A3A2A1;
+
 // What commands are called with.
 struct Arguments {
   const char* path;
@@ -35,7 +37,8 @@ uint32_t length;
 char path[151];
 uint32_t ids[151];
 modem_api_stats_registration registrations[150];
-stats_para_data parameters;
+stats_para_data parameters[2];  // one entry, ten entries
+uint32_t stats_client = kWord;
 
 // What commands store.
 struct Outputs {
@@ -60,10 +63,13 @@ void set_arguments() {
     record.block[1] = 0x1112131415161718 + i;
     record.trailer = static_cast<uint8_t>(i + 2);
   }
-  for (uint32_t i = 0; i < MODEM_API_STATS_ENTRIES; ++i) {
-    parameters.entries[i] = {.sub = 0xEEEEEEEE, .id = ids[i], .value_len = 70 * i, .value = {}};
-    std::memset(parameters.entries[i].value, 0xD1, sizeof(parameters.entries[i].value));
+  parameters[1].para_num = 10;
+  for (uint32_t i = 0; i < 10; ++i) {
+    parameters[1].entries[i] = {.sub = 0xEEEEEEEE, .id = ids[i], .value_len = 70 * i, .value = {}};
+    std::memset(parameters[1].entries[i].value, 0xD1, sizeof(parameters[1].entries[i].value));
   }
+  parameters[0] = parameters[1];
+  parameters[0].para_num = 1;
 }
 
 template <typename Integer>
@@ -98,64 +104,28 @@ std::string tlv(uint8_t type, const std::string& value) {
 constexpr auto kVs = MODEM_API_CLIENT_VS;
 constexpr auto kNas0 = MODEM_API_CLIENT_NAS_0;
 constexpr auto kNas1 = MODEM_API_CLIENT_NAS_1;
-constexpr uint32_t kWord = 0xA4A3A2A1;
 
 // The name of a command, and a call of it.
 #define CALL(name, ...) "modem_api_" #name, [=](int32_t id) { return modem_api_##name(id __VA_OPT__(, ) __VA_ARGS__); }
 
-// An option goes out only beside a valid byte that is not zero.
-std::string options(uint8_t valid1, uint8_t valid2) {
-  return std::string(valid1 != 0 ? "100200CDAB" : "") + (valid2 != 0 ? "1102003412" : "");
-}
-
-// Of more than 100 records the first 100 go out, of more than 5 parameters the first 5.
-CommandRow register_row(uint8_t count, uint8_t valid1, uint8_t valid2) {
-  const auto entry = [](uint32_t i) {
-    const auto parameter = [i](uint32_t k) { return hex(16 * i + k); };
-    return hex(0xE0000000 + i) + counted(std::min<uint8_t>(i % 10, 5), parameter) + hex(static_cast<uint8_t>(i + 1)) +
-           hex(0x0102030405060708 + i) + hex(0x1112131415161718 + i) + hex(static_cast<uint8_t>(i + 2));
-  };
-  return {kVs, 0x0201,
-          "010400A1A2A3A4" + tlv(2, counted(std::min<uint8_t>(count, 100), entry)) + options(valid1, valid2),
-          CALL(register_modem_stats_data, kWord, valid1, 0xABCD, valid2, 0x1234, registrations, count)};
+// What goes out of registrations[i]: of more than 5 parameters the first 5.
+std::string registration(uint32_t i) {
+  const auto parameter = [i](uint32_t k) { return hex(16 * i + k); };
+  return hex(0xE0000000 + i) + counted(std::min<uint8_t>(i % 10, 5), parameter) + hex(static_cast<uint8_t>(i + 1)) +
+         hex(0x0102030405060708 + i) + hex(0x1112131415161718 + i) + hex(static_cast<uint8_t>(i + 2));
 }
 
 std::string sent_id(uint32_t i) {
   return hex(0xF0000001 + 300 * i);
 }
 
-CommandRow deregister_row(uint8_t count, uint8_t valid1, uint8_t valid2) {
-  return {kVs, 0x0202,
-          "010400A1A2A3A4" + tlv(2, counted(std::min<uint8_t>(count, 100), sent_id)) + options(valid1, valid2),
-          CALL(deregister_modem_stats_data, kWord, valid1, 0xABCD, valid2, 0x1234, ids, count)};
-}
-
 // The subscription of an entry is not sent.
-CommandRow get_parameter_row(uint8_t count) {
-  const auto record = [](uint32_t i) { return "00000000" + sent_id(i) + sized_data(static_cast<uint16_t>(70 * i)); };
-  return {kVs, 0x0207, "010200FEFF 0202000180" + tlv(3, counted(count, record)), "modem_api_get_stats_parameter",
-          [=](int32_t id) {
-            stats_para_data in_out = parameters;
-            in_out.para_num = count;
-            return modem_api_get_stats_parameter(id, 0xFFFE, 0x8001, &in_out);
-          }};
+std::string parameter(uint32_t i) {
+  return "00000000" + sent_id(i) + sized_data(static_cast<uint16_t>(70 * i));
 }
 
-CommandRow clear_parameter_row(uint8_t count) {
-  return {kVs, 0x0208, "010200FEFF 0202000180" + tlv(3, counted(count, sent_id)),
-          CALL(clear_stats_parameter, 0xFFFE, 0x8001, count, ids)};
-}
-
-CommandRow report_row(uint8_t report, const std::string& wire) {
-  return {kVs, 0x0200, wire, "modem_api_set_modem_stats_report_status", [=](int32_t id) {
-            uint32_t stats_client = kWord;
-            return modem_api_set_modem_stats_report_status(id, report, &stats_client);
-          }};
-}
-
-CommandRow lock_row(modem_api_client_type type, uint32_t sub, uint8_t count) {
-  const auto cell = [](uint32_t i) { return hex(static_cast<uint16_t>(1 + 300 * i)) + sent_id(i + 1); };
-  return {type, 0x00D8, tlv(1, counted(count, cell)) + "10010001", CALL(set_lte_cell_lock, sub, count, ids, ids + 1)};
+std::string locked_cell(uint32_t i) {
+  return hex(static_cast<uint16_t>(1 + 300 * i)) + sent_id(i + 1);
 }
 
 CommandRow cell_info_row(modem_api_client_type type, int32_t sub) {
@@ -169,6 +139,7 @@ std::vector<CommandRow> command_rows() {
   const std::string nv = word + "020100B1 030200C1C2 ";
   const std::string efs = word + "020200C1C2 ";
   const std::string file = tlv(1, repeated(100, [](uint32_t) { return "70"; })) + "020200C1C2 030100B1 ";
+  const std::string slot = "010200FEFF 0202000180 ";
   const std::string data_256 = sized_data(256);
   const std::string payload = sized_data(512);
   return {
@@ -195,17 +166,22 @@ std::vector<CommandRow> command_rows() {
       {kVs, 0x010C, "010100 00 020400 A1A2A3A4 030200 C1C2", CALL(efs_sync, 0, kWord, 0xC2C1)},
       {kVs, 0x010C, "010100 01 020400 00000000 030200 0000", CALL(efs_sync, 1, kWord, 0xC2C1)},
       {kVs, 0x010C, "010100 FF 020400 00000000 030200 0000", CALL(efs_sync, -1, kWord, 0xC2C1)},
-      report_row(0, "010100 00 100400 A1A2A3A4"),
-      report_row(1, "010100 01"),
-      report_row(0xFF, "010100 FF"),
-      register_row(12, 0xFF, 0),
-      register_row(150, 0, 1),
-      deregister_row(1, 1, 0),
-      deregister_row(150, 0, 0x80),
-      get_parameter_row(1),
-      get_parameter_row(10),
-      clear_parameter_row(1),
-      clear_parameter_row(10),
+      {kVs, 0x0200, "010100 00 100400 A1A2A3A4", CALL(set_modem_stats_report_status, 0, &stats_client)},
+      {kVs, 0x0200, "010100 01", CALL(set_modem_stats_report_status, 1, &stats_client)},
+      {kVs, 0x0200, "010100 FF", CALL(set_modem_stats_report_status, 0xFF, &stats_client)},
+      // An option goes out only beside a valid byte that is not zero; of more than 100 records the first 100 go out.
+      {kVs, 0x0201, word + tlv(2, counted(12, registration)) + "100200 CDAB",
+       CALL(register_modem_stats_data, kWord, 0xFF, 0xABCD, 0, 0x1234, registrations, 12)},
+      {kVs, 0x0201, word + tlv(2, counted(100, registration)) + "110200 3412",
+       CALL(register_modem_stats_data, kWord, 0, 0xABCD, 1, 0x1234, registrations, 150)},
+      {kVs, 0x0202, word + tlv(2, counted(1, sent_id)) + "100200 CDAB",
+       CALL(deregister_modem_stats_data, kWord, 1, 0xABCD, 0, 0x1234, ids, 1)},
+      {kVs, 0x0202, word + tlv(2, counted(100, sent_id)) + "110200 3412",
+       CALL(deregister_modem_stats_data, kWord, 0, 0xABCD, 0x80, 0x1234, ids, 150)},
+      {kVs, 0x0207, slot + tlv(3, counted(1, parameter)), CALL(get_stats_parameter, 0xFFFE, 0x8001, &parameters[0])},
+      {kVs, 0x0207, slot + tlv(3, counted(10, parameter)), CALL(get_stats_parameter, 0xFFFE, 0x8001, &parameters[1])},
+      {kVs, 0x0208, slot + tlv(3, counted(1, sent_id)), CALL(clear_stats_parameter, 0xFFFE, 0x8001, 1, ids)},
+      {kVs, 0x0208, slot + tlv(3, counted(10, sent_id)), CALL(clear_stats_parameter, 0xFFFE, 0x8001, 10, ids)},
       {kVs, 0x0400, "", CALL(notify_shutdown)},
       {kVs, 0x0401, "", CALL(reset_modem)},
       {MODEM_API_CLIENT_SAR, 0x0001, word, CALL(set_sar_rf_state, kWord)},
@@ -214,8 +190,8 @@ std::vector<CommandRow> command_rows() {
       {kNas1, 0x0003, "130100 00", CALL(util_enable_networking_indications, 1)},
       cell_info_row(kNas0, 0),
       cell_info_row(kNas1, -9),
-      lock_row(kNas0, 0, 3),
-      lock_row(kNas1, 1, 60),
+      {kNas0, 0x00D8, tlv(1, counted(3, locked_cell)) + "100100 01", CALL(set_lte_cell_lock, 0, 3, ids, ids + 1)},
+      {kNas1, 0x00D8, tlv(1, counted(60, locked_cell)) + "100100 01", CALL(set_lte_cell_lock, 1, 60, ids, ids + 1)},
       {kNas1, 0x00D8, "", CALL(set_lte_cell_lock, 1, 61, ids, ids)},
       {kNas0, 0x0098, "010100 00", CALL(set_avoid_trm, 0, 0)},
       {kNas1, 0x0098, "010100 FF", CALL(set_avoid_trm, 2, 0xFF)},
@@ -322,8 +298,8 @@ TEST_F(CommandLog, OfRefusedArguments) {
   modem_api_deregister_modem_stats_data(0, 1, 0, 0, 0, 0, ids, 0);
   modem_api_get_stats_parameter(0, 1, 2, nullptr);
   for (const uint32_t count : {0, 11}) {
-    parameters.para_num = count;
-    modem_api_get_stats_parameter(0, 1, 2, &parameters);
+    parameters[0].para_num = count;
+    modem_api_get_stats_parameter(0, 1, 2, &parameters[0]);
   }
   modem_api_clear_stats_parameter(0, 1, 2, 0, nullptr);
   modem_api_clear_stats_parameter(0, 1, 2, -1, ids);

@@ -13,25 +13,17 @@ namespace {
 constexpr int kError = PELMAR_LOG_LEVEL_ERROR;
 constexpr int kDebug = PELMAR_LOG_LEVEL_DEBUG;
 
+// The name of the process is read for the first line that has no instance.
 TEST(LogSite, WritesToBothSinks) {
   testing::internal::CaptureStdout();
-  pelmar_check_sub_id(1);
-  pelmar_print_property_value("ro.unset");
   g_pelmar_qcril_ril_process_instance_id = 1;
   pelmar_str_find_right(nullptr, 'x');
+  g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
+  pelmar_check_sub_id(1);
+  pelmar_print_property_value("ro.unset");
   std::istringstream written(testing::internal::GetCapturedStdout());
   for (std::string line; std::getline(written, line);) pelmar_utils_syslog_dbg("stdout: %s", line.c_str());
   expect_golden_log();
-}
-
-TEST(LogSite, ReadsTheNameOnlyWithoutAnInstance) {
-  const std::string name_line = "D|pelmar_get_current_pid_name, g_pid_info.p_name = mtb";
-  g_pelmar_qcril_ril_process_instance_id = 1;
-  pelmar_check_sub_id(0);
-  EXPECT_FALSE(logged(name_line));
-  g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
-  pelmar_check_sub_id(0);
-  EXPECT_TRUE(logged(name_line));
 }
 
 // A value of the masks' properties, and the levels that pass.
