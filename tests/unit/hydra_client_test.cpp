@@ -7,7 +7,9 @@ using namespace scripted;
 
 class HydraClient : public Golden<HydraTest> {
  protected:
-  HydraClient() { words_ = {"hydra_mgr"}; }
+  HydraClient() {
+    words_ = {"modem_hydra_stats_", "_modem_stats_data", "_stats_parameter", "_status", "_event", "_api_init"};
+  }
 
   // Grants a statistics client id, written in hexadecimal.
   void grant(const std::string& id) {
@@ -98,6 +100,7 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
 }
 
 TEST_F(HydraClient, KeepsItsStatisticsIdForEver) {
+  words_ = {"hydra_mgr"};
   open_hydra();
   grant("0C");
   modem_hydra_stats_id_alloc();

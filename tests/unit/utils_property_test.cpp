@@ -77,15 +77,34 @@ TEST_P(BuildTraits, AreReadOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Set, BuildTraits, testing::Values(&Trait::yes, &Trait::no, nullptr));
 
-TEST_F(Properties, OfUserVersionAndNumbersAreReadByTheFirstCallAlone) {
-  properties = {{"ro.vendor.radio.manufacturer_id", "5"}, {"ro.radio.device_type", "2"}};
-  for (int i = 0; i < 2; ++i) {
+TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
+  const std::map<std::string, std::string> settings[] = {{{"ro.vendor.radio.manufacturer_id", "5"},
+                                                          {"ro.radio.device_type", "2"},
+                                                          {"ro.product.device", "lynx"},
+                                                          {"persist.vendor.radio.build_region", "eu"}},
+                                                         {{"ro.product.device", "other"},
+                                                          {"ro.orbo.build.region", "in"},
+                                                          {"persist.radio.multisim.config", "ssss"},
+                                                          {"persist.radio.default_data_sub", "1"},
+                                                          {"persist.radio.active_call_sub", "0"}}};
+  for (const auto& setting : settings) {
+    properties = setting;
     pelmar_is_user_version();
     pelmar_get_pelmar_manufacturer_id();
     pelmar_get_pelmar_device_type();
+    EXPECT_STREQ(pelmar_device_name_get(), "lynx");
+    EXPECT_STREQ(pelmar_build_region_get(), "NULL");
+    EXPECT_STREQ(pelmar_vendor_build_region_get(), &setting == settings ? "eu" : "NULL");
+    pelmar_vendor_build_region_is_cfged();
+    pelmar_get_default_data_sub();
+    pelmar_get_active_call_sub();
+    pelmar_get_single_sim_flag();
   }
   pelmar_set_pelmar_manufacturer_id(-1);
-  EXPECT_THAT(property_writes, ElementsAre("ro.vendor.radio.manufacturer_id=-1"));
+  pelmar_update_default_data_sub(1);
+  pelmar_update_active_call_sub(0);
+  EXPECT_THAT(property_writes, ElementsAre("ro.vendor.radio.manufacturer_id=-1", "persist.radio.default_data_sub=1",
+                                           "persist.radio.active_call_sub=0"));
 }
 
 struct Build {
@@ -116,19 +135,6 @@ INSTANTIATE_TEST_SUITE_P(Builds, BuildType,
                                          Build{"NULL", "orbo_native", "V1", 5}, Build{"NULL", "orbo", "V1.DEV2", 6},
                                          Build{"NULL", "orbo", "V1", 4}, Build{"NULL", "orbo", "1.DEV", 1},
                                          Build{"NULL", "other", "V1.DEV", 1}));
-
-TEST_F(Properties, OfNamesAreKeptExceptTheVendorRegion) {
-  properties = {{"ro.product.device", "lynx"}, {"persist.vendor.radio.build_region", "eu"}};
-  EXPECT_STREQ(pelmar_vendor_build_region_get(), "eu");
-  EXPECT_TRUE(pelmar_vendor_build_region_is_cfged());
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_STREQ(pelmar_device_name_get(), "lynx");
-    EXPECT_STREQ(pelmar_build_region_get(), "NULL");
-    properties = {{"ro.product.device", "other"}, {"ro.orbo.build.region", "in"}};
-  }
-  EXPECT_STREQ(pelmar_vendor_build_region_get(), "NULL");
-  EXPECT_FALSE(pelmar_vendor_build_region_is_cfged());
-}
 
 TEST_F(Properties, MatchListsOfTheirParts) {
   properties = {{"ro.product.device", "lynx"}, {"ro.orbo.build.region", "eu"}};
@@ -166,19 +172,13 @@ TEST_F(Properties, MayBeListsOfNumbers) {
   pelmar_build_type_list_contain(types + 2, 1);
 }
 
-TEST_F(Properties, OfSubscriptionsAreMasksIdsAndNumbers) {
+using Subscriptions = Golden<testing::Test>;
+
+TEST_F(Subscriptions, HaveMasksAndIds) {
   for (int32_t mask = -1; mask <= 4; ++mask) pelmar_check_sub_mask(mask);
   for (const uint32_t id : {0U, 1U, 2U, 0xFFFFFFFFU}) {
     pelmar_check_sub_id(id);
     pelmar_get_sub_mask_by_id(id);
-  }
-  for (int i = 0; i < 2; ++i) {
-    pelmar_get_default_data_sub();
-    pelmar_get_active_call_sub();
-    pelmar_get_single_sim_flag();
-    pelmar_update_default_data_sub(1);
-    pelmar_update_active_call_sub(0);
-    properties["persist.radio.multisim.config"] = "ssss";
   }
 }
 
