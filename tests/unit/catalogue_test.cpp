@@ -14,12 +14,8 @@ using namespace scripted;
 
 const qmi_idl_service_object_type kService = &vs_qmi_idl_service_object_v01;
 
-// A response has its own bytes behind the result.
-struct Responses {
-  std::vector<uint16_t> ids;
-  std::string wire;
-  std::string content;
-};
+// Identifiers of responses, and what they have behind the result: bytes, and fields of the structure.
+using Responses = std::tuple<std::vector<uint16_t>, std::string, std::string>;
 
 const std::string kRecords = "1800 02 0102 0304 05060708 0300 D1D2D3 1112131415161718 0000";
 

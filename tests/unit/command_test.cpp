@@ -224,13 +224,11 @@ class Commands : public LibraryTest {
 
 TEST_F(Commands, ReachTheModemThroughTheirConnections) {
   namespace codec = pelmar::qmi;
-  const struct {
-    qmi_client_type connection;
-    qmi_idl_service_object_type service;
-  } services[] = {{vs_client_info.client_handle, vs_get_service_object_internal_v01(1, 2, 6)},
-                  {sar_client_info.client_handle, sar_get_service_object_internal_v01(1, 15, 6)},
-                  {nas_0_client_info.client_handle, nas_get_service_object_internal_v01(1, 388, 6)},
-                  {nas_1_client_info.client_handle, nas_get_service_object_internal_v01(1, 388, 6)}};
+  const std::pair<qmi_client_type, qmi_idl_service_object_type> services[] = {
+      {vs_client_info.client_handle, vs_get_service_object_internal_v01(1, 2, 6)},
+      {sar_client_info.client_handle, sar_get_service_object_internal_v01(1, 15, 6)},
+      {nas_0_client_info.client_handle, nas_get_service_object_internal_v01(1, 388, 6)},
+      {nas_1_client_info.client_handle, nas_get_service_object_internal_v01(1, 388, 6)}};
   for (const CommandRow& row : command_rows()) {
     SCOPED_TRACE(row.name);
     forget();

@@ -80,11 +80,8 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
   const Bytes events_off = bytes("01 00 01 00");
   const Bytes on = bytes("01 00 0000 00000000");
   const Bytes off_3 = bytes("00 01 0000 03000000");
-  const struct {
-    std::function<void()> change;  // before the id is allocated or freed
-    bool allocates;
-    std::vector<Bytes> requests;
-  } steps[] = {
+  // What changes before the id is allocated (true) or freed, and what is sent.
+  const std::tuple<std::function<void()>, bool, std::vector<Bytes>> steps[] = {
       {[&] { grant("0C"); }, true, {events_on, on}},
       // The held id goes back first.
       {[&] { grant("03"); }, true, {events_off, bytes("00 01 0000 0C000000"), events_on, on}},
@@ -97,11 +94,11 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
       {[] { modem_hydra_api_init_ex(nullptr, nullptr); }, false, {}},
   };
   open_hydra();
-  for (const auto& step : steps) {
-    step.change();
+  for (const auto& [change, allocates, sent] : steps) {
+    change();
     forget();
-    step.allocates ? static_cast<void>(modem_hydra_stats_id_alloc()) : modem_hydra_stats_id_free();
-    EXPECT_EQ(requests(), step.requests);
+    allocates ? static_cast<void>(modem_hydra_stats_id_alloc()) : modem_hydra_stats_id_free();
+    EXPECT_EQ(requests(), sent);
   }
 }
 

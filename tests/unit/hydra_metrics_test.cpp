@@ -197,23 +197,10 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
 
 // --- system mode and transmit power ---
 
-TEST_F(HydraMetricsLog, SystemModeIsTheFirstStacks) {
-  open_hydra();
-  const std::pair<const char*, uint32_t> cases[] = {{"01 0C000000", 12},
-                                                    {"03 09000000 0C000000 0C000000", 9},
-                                                    {"00 09000000", MODEM_SYS_MODE_UNKNOWN},
-                                                    {"01 090000", MODEM_SYS_MODE_UNKNOWN},
-                                                    {"", MODEM_SYS_MODE_UNKNOWN}};
-  for (const auto& [value, mode] : cases) {
-    values[{1, kModeId}] = bytes(value);
-    EXPECT_EQ(modem_sys_mode_get(1), mode) << value;
-  }
-}
-
 class TxPower : public Golden<HydraTest> {
  protected:
   TxPower() {
-    words_ = {"tx_power"};
+    words_ = {"tx_power", "modem_sys_mode_get"};
     open_hydra();
   }
 
@@ -227,28 +214,33 @@ class TxPower : public Golden<HydraTest> {
   static constexpr int32_t kNone = 65535;
 };
 
-TEST_F(TxPower, OfNrIsCutTowardsZeroAndBounded) {
+// Of NR it is cut towards zero and bounded.
+TEST_F(TxPower, FollowsTheModeOfTheFirstStack) {
   using Float = std::numeric_limits<float>;
-  const std::pair<float, int32_t> cases[] = {
-      {-3.7F, -3},
-      {12.9F, 12},
-      {-0.5F, 0},
-      {-2147483648.0F, INT32_MIN},
-      {-2147483904.0F, kNone},
-      {2147483520.0F, 2147483520},
-      {2147483648.0F, kNone},
-      {Float::infinity(), kNone},
-      {Float::quiet_NaN(), kNone},
+  const std::tuple<const char*, float, int32_t> cases[] = {
+      {"01 0C000000", -3.7F, -3},
+      {"01 0C000000", 12.9F, 12},
+      {"01 0C000000", -0.5F, 0},
+      {"01 0C000000", -2147483648.0F, INT32_MIN},
+      {"01 0C000000", -2147483904.0F, kNone},
+      {"01 0C000000", 2147483520.0F, 2147483520},
+      {"01 0C000000", 2147483648.0F, kNone},
+      {"01 0C000000", Float::infinity(), kNone},
+      {"01 0C000000", Float::quiet_NaN(), kNone},
+      {"03 0C000000 09000000 09000000", 1.0F, 1},
+      {"01 05000000", 1.0F, kNone},
+      {"00 0C000000", 1.0F, kNone},
+      {"01 0C0000", 1.0F, kNone},
+      {"", 1.0F, kNone},
   };
   values[{1, kModeId}] = bytes("01 0C000000");
   modem_tx_power_get_by_sub(1);
   values[{1, kNrId}] = Bytes(52);
-  for (const auto& [power, expected] : cases) {
+  for (const auto& [mode, power, expected] : cases) {
+    values[{1, kModeId}] = bytes(mode);
     put(values[{1, kNrId}], 4, power);
-    EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_by_sub(1)), expected) << power;
+    EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_by_sub(1)), expected) << mode << ": " << power;
   }
-  values[{1, kModeId}] = bytes("01 05000000");
-  modem_tx_power_get_by_sub(1);
 }
 
 TEST_F(TxPower, OfTheDefaultDataSubscriptionOrTheHigherOne) {

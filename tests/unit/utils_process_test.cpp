@@ -6,12 +6,8 @@
 namespace scripted {
 namespace {
 
-// What the kernel has of the process, and the name that follows.
-struct NameCase {
-  const char* file;
-  std::string content;  // "-": there is no such file
-  std::string name;
-};
+// A file that the kernel has of the process, its content ("-": there is no such file), and the name that follows.
+using NameCase = std::tuple<const char*, std::string, std::string>;
 
 class ProcessName : public testing::TestWithParam<NameCase> {};
 

@@ -107,12 +107,8 @@ TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
                                            "persist.radio.active_call_sub=0"));
 }
 
-struct Build {
-  const char* cert;
-  const char* profile;
-  const char* version;
-  int32_t type;
-};
+// Certification, profile and version, and the type that follows.
+using Build = std::tuple<const char*, const char*, const char*, int32_t>;
 
 class BuildType : public Golden<testing::TestWithParam<Build>> {};
 
