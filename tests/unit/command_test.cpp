@@ -18,7 +18,7 @@ using testing::ElementsAre;
 struct CommandRow {
   modem_api_client_type type;
   uint16_t msg_id;
-  std::string wire;  // of the request, in hexadecimal; empty too if the codec refuses the request
+  std::string wire;  // the request in hexadecimal; also empty if the codec refuses it
   std::string name;
   std::function<int32_t(int32_t client_id)> call;
 };
