@@ -108,7 +108,7 @@ TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
 }
 
 // Certification, profile and version, and the type that follows.
-using Build = std::tuple<const char*, const char*, const char*, int32_t>;
+using Build = std::tuple<std::string, std::string, std::string, int32_t>;
 
 class BuildType : public Golden<testing::TestWithParam<Build>> {};
 

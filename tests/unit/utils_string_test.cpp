@@ -140,7 +140,7 @@ TEST_F(CopyFile, FailsWithItsOwnCodes) {
 
 using ThreadsAndMemory = Golden<testing::Test>;
 
-TEST_F(ThreadsAndMemory, RunDetachedOrFail) {
+TEST_F(ThreadsAndMemory, RunDetachedOrFailAndAreFreedOnce) {
   static std::atomic<bool> ran{false};
   const auto run = [](void*) -> void* { return ran = true, nullptr; };
   EXPECT_EQ(pelmar_create_pthread("worker", run, nullptr), 0);
