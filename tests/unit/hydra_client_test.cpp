@@ -8,11 +8,12 @@ using namespace scripted;
 
 class HydraClient : public Golden<HydraTest> {
  protected:
+  HydraClient() { words_ = {"hydra_mgr"}; }
+
   // Grants a statistics client id, written in hexadecimal.
   void grant(const std::string& id) {
     responses[vs::kSetStatsReportStatus] = structure(16, "8:01 12:" + id + "000000");
   }
-  void refuse(unsigned msg_id) { responses[msg_id] = header(1, 52); }
 };
 
 TEST_F(HydraClient, OpeningDropsEveryOtherClient) {
@@ -22,7 +23,6 @@ TEST_F(HydraClient, OpeningDropsEveryOtherClient) {
   EXPECT_EQ(modem_api_set_avoid_trm(nas, 0, 1), MODEM_API_ERR_INVALID_CLIENT);
   on_call["init_instance"] = returns(QMI_SERVICE_ERR);
   EXPECT_EQ(modem_hydra_api_init(), 0);
-  EXPECT_EQ(modem_hydra_api_is_inited(), 0);
 }
 
 TEST_F(HydraClient, ServesTheGivenCallbacksOrOnlyLogs) {
@@ -60,12 +60,20 @@ TEST_F(HydraClient, PassesStatisticsCommandsOn) {
   forget();
   responses[vs::kGetFeatureStatus] = structure(12, "8:01");
   use();
-  EXPECT_EQ(requests(), (std::vector<Bytes>{bytes("02000000"), bytes("02000000 01010100"), bytes("02000000 00000000"),
-                                            structure(5616, "0:0C 4:01 5608:01 5610:02 5612:03 5614:04"),
-                                            structure(416, "0:0C 4:01 8:52 408:01 410:02 412:03 414:04"),
-                                            structure(7128, "0:05 2:06 4:01"), structure(48, "0:05 2:06 4:01 8:52")}));
+  const std::vector<Bytes> sent = {bytes("02000000"),
+                                   bytes("02000000 01010100"),
+                                   bytes("02000000 00000000"),
+                                   structure(5616, "0:0C 4:01 5608:01 5610:02 5612:03 5614:04"),
+                                   structure(416, "0:0C 4:01 8:52 408:01 410:02 412:03 414:04"),
+                                   structure(7128, "0:05 2:06 4:01"),
+                                   structure(48, "0:05 2:06 4:01 8:52")};
+  EXPECT_EQ(requests(), sent);
+  EXPECT_EQ(modem_hydra_api_deinit(), MODEM_API_SUCCESS);
+  EXPECT_FALSE(is_open(last_connection()));
+  open_hydra();  // the id outlives the client
   on_send = [](const Call&) { return Outcome{0, header(1, 52)}; };
   use();
+  EXPECT_EQ(requests(), sent);
 }
 
 TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
@@ -73,43 +81,26 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
   const Bytes events_off = bytes("01 00 01 00");
   const Bytes on = bytes("01 00 0000 00000000");
   const Bytes off_3 = bytes("00 01 0000 03000000");
-  const struct {
-    std::function<void()> change;  // before the id is allocated or freed
-    bool allocates;
-    std::vector<Bytes> requests;
-  } steps[] = {
+  // What changes before the id is allocated (true) or freed, and what is sent.
+  const std::tuple<std::function<void()>, bool, std::vector<Bytes>> steps[] = {
       {[&] { grant("0C"); }, true, {events_on, on}},
       // The held id goes back first.
       {[&] { grant("03"); }, true, {events_off, bytes("00 01 0000 0C000000"), events_on, on}},
-      {[&] { refuse(vs::kSetStatsReportStatus); }, true, {events_off, off_3, events_on, on}},
+      {[&] { responses[vs::kSetStatsReportStatus] = header(1, 52); }, true, {events_off, off_3, events_on, on}},
       // Event 4 is off although event 3 is on, then both are off.
       {[&] { grant("03"), modem_api_remove_modem_event(0, MODEM_API_EVENT_VS_REPORT_B); }, false, {}},
       {[] {}, false, {off_3}},
-      {[&] { refuse(vs::kSetEventReport); }, true, {off_3, events_on}},
+      {[&] { responses[vs::kSetEventReport] = header(1, 52); }, true, {off_3, events_on}},
       // A client without event callback has no subscriptions.
       {[] { modem_hydra_api_init_ex(nullptr, nullptr); }, false, {}},
   };
   open_hydra();
-  for (const auto& step : steps) {
-    step.change();
+  for (const auto& [change, allocates, sent] : steps) {
+    change();
     forget();
-    step.allocates ? static_cast<void>(modem_hydra_stats_id_alloc()) : modem_hydra_stats_id_free();
-    EXPECT_EQ(requests(), step.requests);
+    allocates ? static_cast<void>(modem_hydra_stats_id_alloc()) : modem_hydra_stats_id_free();
+    EXPECT_EQ(requests(), sent);
   }
-}
-
-TEST_F(HydraClient, KeepsItsStatisticsIdForEver) {
-  open_hydra();
-  grant("0C");
-  modem_hydra_stats_id_alloc();
-  EXPECT_EQ(modem_hydra_api_deinit(), MODEM_API_SUCCESS);
-  EXPECT_EQ(open_handles(), 0U);
-  EXPECT_EQ(modem_hydra_api_is_inited(), 0);
-  EXPECT_EQ(modem_hydra_stats_client_is_inited(), 1);
-  open_hydra();
-  const uint32_t id = 0x52;
-  EXPECT_EQ(modem_hydra_deregister_modem_stats_data(0, 0, 0, 0, &id, 1), 0);
-  EXPECT_EQ(requests().back(), structure(416, "0:0C 4:01 8:52"));
 }
 
 }  // namespace

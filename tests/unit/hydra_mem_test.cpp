@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 
 #include "library_test.h"
@@ -30,14 +29,13 @@ class Untraced : public testing::TestWithParam<const char*> {};
 TEST_P(Untraced, BlocksAreZeroedAndNotListed) {
   if (GetParam() != nullptr) properties[kTrace] = GetParam();
   auto* const block = static_cast<unsigned char*>(hydra_malloc_adv(1000, "f", 1));
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(block[i], 0);
+  EXPECT_EQ(Bytes(block, block + 1000), Bytes(1000));
   EXPECT_EQ(lines_of("hydra_mem_init"), GetParam() == nullptr ? Lines{"D HYDRA_MEM_TRACE_PROP not exist"} : Lines{});
-  EXPECT_EQ(dump(), "1");
   properties[kTrace] = "true";  // read no more
   hydra_free_adv(hydra_malloc_adv(1, "f", 1), "f", 1);
+  EXPECT_EQ(dump(), "1");
   hydra_free_adv(block, "f", 1);
   EXPECT_EQ(reads_of(kTrace), 1);
-  EXPECT_EQ(dump(), "1");
 }
 
 INSTANTIATE_TEST_SUITE_P(Properties, Untraced, testing::Values(nullptr, "1", "TRUE", "true "));
@@ -53,11 +51,13 @@ class TracedAllocation : public testing::Test {
     for (void* const block : blocks_) hydra_free_adv(block, "", 0);
     EXPECT_EQ(dump(), "1");
   }
+  void free_block(size_t i) { hydra_free_adv(std::exchange(blocks_[i], nullptr), "f", 1); }
+
   void* blocks_[3];
 };
 
 TEST_F(TracedAllocation, ListsLiveBlocksOldestFirst) {
-  hydra_free_adv(blocks_[1], "f", 1);
+  free_block(1);
   hydra_free_adv(std::malloc(8), "f", 1);
   const time_t now = std::time(nullptr);
   const tm today = *std::localtime(&now);
@@ -72,18 +72,17 @@ TEST_F(TracedAllocation, ListsLiveBlocksOldestFirst) {
   }
   std::string listed = dump();
   for (size_t at = 0; (at = listed.find("time=\"", at)) != listed.npos; at += 6) {
-    int hour = -1, minute = -1, second = -1, length = 0;
-    std::sscanf(&listed[at], "time=\"%d:%d:%d%n", &hour, &minute, &second, &length);
-    EXPECT_LE(std::abs((hour - today.tm_hour) * 60 + minute - today.tm_min), 1);
-    listed.erase(at + 6, static_cast<size_t>(length) - 6);
+    tm time = today;
+    const char* const rest = strptime(&listed[at + 6], "%H:%M:%S", &time);
+    EXPECT_LE(std::abs(std::mktime(&time) - now), 60);
+    listed.erase(at + 6, static_cast<size_t>(rest - &listed[at + 6]));
   }
   EXPECT_EQ(listed, expected);
 
-  hydra_free_adv(blocks_[0], "f", 1);  // both ends of the list
-  hydra_free_adv(blocks_[2], "f", 1);
+  free_block(0);  // both ends of the list
+  free_block(2);
   EXPECT_EQ(dump(), "1");
   blocks_[0] = hydra_malloc_adv(1, "again", 1);
-  blocks_[1] = blocks_[2] = nullptr;
   EXPECT_EQ(entries_in(dump()), 1U);
 }
 
@@ -93,29 +92,29 @@ TEST_F(TracedAllocation, DumpThatDoesNotFitKeepsWholeEntries) {
   const std::string cut = dump(whole - 1);
   EXPECT_EQ(cut[0], '0');
   EXPECT_EQ(entries_in(cut), 2U);
-  EXPECT_EQ(cut.substr(cut.size() - 3), "\"/>");
+  EXPECT_TRUE(cut.ends_with("\"/>"));
   EXPECT_EQ(lines_of("hydra_mem_trace_dump"), Lines{"E Not enough memory"});
   for (const int32_t size : {0, 1, 2, 20}) EXPECT_EQ(dump(size)[0], '0') << size;
   EXPECT_EQ(hydra_mem_trace_dump(nullptr, 100), 0);
 
-  hydra_free_adv(blocks_[0], "f", 1);
+  free_block(0);
   blocks_[0] = hydra_malloc_adv(1, "f", 4);  // tracing is on again
   EXPECT_EQ(entries_in(dump()), 3U);
 }
 
 TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
-  const auto expect_name = [](const std::string& file, const std::string& name, const std::string& line) {
+  const std::string path = "/proc/" + std::to_string(getpid()) + "/cmdline";
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"/nonexistent", "", "E failed to open proc_entry=" + path + ", errno=[2:No such file or directory]"},
+      {file_with(""), "", "E read failed errno=["},
+      {file_with(std::string(60, 'p')), std::string(49, 'p'), ""}};
+  for (const auto& [file, name, line] : cases) {
     redirect_opens("/cmdline", file);
     clear_log();
     EXPECT_NE(dump().find("caller_proc=\"" + name + "\""), std::string::npos);
     const Lines lines = lines_of("hydra_mem_get_proc_name");
     EXPECT_EQ(lines.empty() ? "" : lines[0].substr(0, line.size()), line);
-  };
-  expect_name("/nonexistent", "",
-              "E failed to open proc_entry=/proc/" + std::to_string(getpid()) +
-                  "/cmdline, errno=[2:No such file or directory]");
-  expect_name(file_with(""), "", "E read failed errno=[");
-  expect_name(file_with(std::string(60, 'p')), std::string(49, 'p'), "");
+  }
 }
 
 }  // namespace

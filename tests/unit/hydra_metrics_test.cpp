@@ -2,7 +2,6 @@
 // power that follows from them.
 #include <atomic>
 #include <limits>
-#include <optional>
 #include <thread>
 
 #include "hydra_test.h"
@@ -63,107 +62,83 @@ const Metric kMetrics[] = {
 };
 // clang-format on
 
-// What is left of a value in a record: its whole fields, up to the first that it has not whole.
-struct Expected {
-  Bytes record;
-  std::string complaint;  // empty: none
-};
-
-Expected expected_of(const Metric& metric, uint32_t id, const Bytes& value) {
-  Bytes record(metric.record_size);
-  std::istringstream fields(metric.fields);
-  size_t at = 0;
-  for (std::string field; fields >> field;) {
-    const size_t width = std::stoul(field.substr(field.find(':') + 1));
-    if (at + width > value.size()) {
-      std::ostringstream complaint;
-      complaint << "E g_hydra_data_left(" << value.size() - at << ") is not enough for "
-                << field.substr(0, field.find(':')) << ", id(0x" << std::hex << id << ")";
-      return {record, complaint.str()};
-    }
-    std::memcpy(&record[std::stoul(field.substr(field.find('@') + 1))], &value[at], width);
-    at += width;
-  }
-  return {record, ""};
-}
-
-// A value long enough for every metric, with bytes of its own.
-Bytes long_value(uint32_t sub, uint32_t id) {
+// A value longer than that of any metric, with bytes that differ from those of other identifiers.
+Bytes long_value(uint32_t id) {
   Bytes value(80);
-  uint32_t next = 1 + id * 3 + sub * 101;
-  for (uint8_t& byte : value) byte = static_cast<uint8_t>(next++);
+  for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(1 + id * 3 + i);
   return value;
 }
 
 class HydraMetrics : public HydraTest {};
 
-// What is below the decoders is in the golden logs of the commands.
-class HydraMetricsLog : public Golden<HydraTest> {
- protected:
-  HydraMetricsLog() { words_ = {"hydra_mgr_fetch", "hydra_mgr_metrics", "hydra_mgr_tx_power"}; }
-};
-
-// From values of every length; the carriers beside the first from a whole one.
+// A value that ends within a field leaves the fields before it.
 TEST_F(HydraMetrics, FillWhatTheValueHas) {
+  const std::string done = "D function exit, ret = 1 <-------------";
   open_hydra();
   for (const Metric& metric : kMetrics) {
     for (const auto& [id, decoder] : metric.decoders) {
-      const uint32_t sub = id % 2;
-      const size_t whole = long_value(sub, id).size();
-      for (size_t length = id == metric.decoders[0].first ? 1 : whole; length <= whole; ++length) {
-        SCOPED_TRACE(metric.logged_as + " from " + std::to_string(length) + " bytes");
-        Bytes& value = values[{sub, id}] = long_value(sub, id);
-        value.resize(length);
-        const auto [expected, complaint] = expected_of(metric, id, value);
+      const Bytes whole = long_value(id);
+      Bytes expected(metric.record_size);
+      const auto expect_record = [&, id = id, decoder = decoder](size_t value_bytes, const std::string& end) {
+        SCOPED_TRACE(metric.logged_as + " from " + std::to_string(value_bytes) + " bytes");
+        values[{id % 2, id}] = {whole.begin(), whole.begin() + static_cast<ptrdiff_t>(value_bytes)};
         Bytes record(metric.record_size, 0xEE);
         forget();
-        EXPECT_EQ(decoder(sub, record.data()), complaint.empty());
+        EXPECT_EQ(decoder(id % 2, record.data()), end == done);
         EXPECT_EQ(record, expected);
-        const std::string end = complaint.empty() ? "D function exit, ret = 1 <-------------" : complaint;
         EXPECT_EQ(lines_of(metric.logged_as)[1], end);
+      };
+      size_t at = 0;
+      std::istringstream fields(metric.fields);
+      for (std::string field; fields >> field;) {
+        char name[32] = {};
+        size_t width = 0, offset = 0;
+        ASSERT_EQ(std::sscanf(field.c_str(), "%31[^:]:%zu@%zu", name, &width, &offset), 3);
+        std::ostringstream complaint;
+        complaint << "E g_hydra_data_left(" << width - 1 << ") is not enough for " << name << ", id(0x" << std::hex
+                  << id << ")";
+        if (at + width > 1) expect_record(at + width - 1, complaint.str());
+        std::memcpy(&expected[offset], &whole[at], width);
+        at += width;
       }
+      expect_record(at, done);
+      expect_record(whole.size(), done);
     }
   }
 }
 
-TEST_F(HydraMetricsLog, OfEachDecoder) {
-  for (const Metric& metric : kMetrics) {
-    for (const auto& [id, decoder] : metric.decoders) {
-      Bytes record(metric.record_size, 0xEE);
-      EXPECT_EQ(decoder(0, nullptr), 0);
-      EXPECT_EQ(decoder(2, record.data()), 0);  // there is no such subscription
-      EXPECT_EQ(decoder(0, record.data()), 0);  // there is no value
-      EXPECT_THAT(record, testing::Each(0xEE));
-      for (const size_t length : {80, 1}) {
-        values[{1, id}] = Bytes(length);
-        decoder(1, record.data());
-      }
-    }
-  }
-}
+// What is below the decoders is in the golden logs of the commands.
+class HydraMetricsLog : public Golden<HydraTest> {
+ protected:
+  HydraMetricsLog() { words_ = {"hydra_mgr_fetch", "hydra_mgr_metrics"}; }
+};
 
-// No value, none and several values, another identifier before another subscription, lengths; then what is taken.
-TEST_F(HydraMetricsLog, OfResponses) {
-  values[{1, 0x64}] = Bytes(8);
-  for (const char* const change : {"8:00", "12:00", "12:02", "12:FFFFFFFF", "16:33 20:33", "16:33", "24:00", "24:BC02",
-                                   "24:BD02", "24:FFFFFFFF", "18:09"}) {
-    on_fetch = [&](Bytes& response) { write_fields(response, change); };
-    modem_hydra_mcs_trm_asdiv record = {};
-    modem_hydra_mcs_trm_asdiv_get(1, &record);
-  }
-}
-
-TEST_F(HydraMetricsLog, OfHydraOpenedOnDemand) {
-  values[{1, 0x64}] = Bytes(8);
-  modem_hydra_mcs_trm_asdiv record = {};
+TEST_F(HydraMetricsLog, OfDecoders) {
+  constexpr uint32_t kId = 0x64;
+  Bytes record(sizeof(modem_hydra_mcs_trm_asdiv), 0xEE);
+  const auto read = [&](uint32_t sub) { return DECODER(modem_hydra_mcs_trm_asdiv)(sub, record.data()); };
+  values[{1, kId}] = Bytes(record.size());
   on_call["init_instance"] = returns(QMI_SERVICE_ERR);
-  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 0);
+  read(1);
   on_call["init_instance"] = nullptr;
-  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);
-  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(2, &record), 0);  // takes no number
-  EXPECT_EQ(modem_hydra_mcs_trm_asdiv_get(1, &record), 1);
+  read(0);  // there is no value
+  read(2);  // there is no such subscription; takes no number
+  const auto read_changed = [&](const char* change) {
+    on_fetch = [&](Bytes& response) { write_fields(response, change); };
+    read(1);
+  };
+  // No value, none and several values, another identifier before another subscription, no bytes.
+  for (const char* const change : {"8:00", "12:00", "12:02", "12:FFFFFFFF", "16:33 20:33", "16:33", "24:00"}) {
+    read_changed(change);
+  }
+  EXPECT_THAT(record, testing::Each(0xEE));
+  for (const char* const change : {"24:BC02", "24:BD02", "24:FFFFFFFF", "18:09"}) read_changed(change);
+  EXPECT_EQ(record, Bytes(record.size()));
   // Subscription, slot, one entry of which only the identifier is set.
-  EXPECT_EQ(calls().back().request, structure(7128, "0:0100 2:0200 4:01000000 12:64000000"));
+  EXPECT_EQ(calls().back().request, structure(7128, "0:0100 2:0C00 4:01000000 12:64000000"));
+  for (const Metric& metric : kMetrics) {
+    for (const auto& [id, decoder] : metric.decoders) decoder(id % 2, nullptr);
+  }
 }
 
 // Opening hydra for a first reading must not wait for a callback that waits for its turn to read.
@@ -187,38 +162,33 @@ TEST_F(HydraMetrics, OpenHydraBesideACallbackThatReads) {
   EXPECT_EQ(readings, 2);
 }
 
+constexpr uint32_t kModeId = 0x2c;
+constexpr uint32_t kLteId = 0x62;
+constexpr uint32_t kNrId = 0x5a;
+
+// All decoders share the lock and the value that was fetched.
 TEST_F(HydraMetrics, ThreadsNeverMixValues) {
   open_hydra();
   pelmar_hal_close_print();
-  for (const uint32_t sub : {0u, 1u}) {
-    for (const Metric& metric : kMetrics) {
-      for (const auto& [id, decoder] : metric.decoders) values[{sub, id}] = long_value(sub, id);
-    }
-    values[{sub, 0x2c}] = bytes(sub == 0 ? "02 09000000" : "02 0C000000");
+  for (const uint8_t sub : {0, 1}) {
+    values[{sub, kNrId}] = Bytes(52, sub);
+    values[{sub, kModeId}] = bytes(sub == 0 ? "02 09000000" : "02 0C000000");
   }
-  std::atomic<int> wrong = 0;
-  std::atomic<int> fetching = 0;
+  std::atomic<int> wrong = 0, fetching = 0;
   on_fetch = [&](Bytes&) {
     if (++fetching > 1) ++wrong;
     std::this_thread::yield();
     --fetching;
   };
-  const auto read_everything = [&](uint32_t sub) {
-    for (const Metric& metric : kMetrics) {
-      for (const auto& [id, decoder] : metric.decoders) {
-        Bytes record(metric.record_size, 0xEE);
-        if (decoder(sub, record.data()) != 1) ++wrong;
-        if (record != expected_of(metric, id, long_value(sub, id)).record) ++wrong;
-      }
-    }
-    if (modem_sys_mode_get(sub) != (sub == 0 ? MODEM_SYS_MODE_LTE : MODEM_SYS_MODE_NR)) ++wrong;
-  };
-  std::atomic<int> waiting = 8;
   std::vector<std::thread> threads;
-  for (uint32_t thread = 0; thread < 8; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (--waiting; waiting > 0;) std::this_thread::yield();
-      for (uint32_t round = 0; round < 10; ++round) read_everything((thread + round) % 2);
+  for (uint8_t sub : {0, 1, 0, 1}) {
+    threads.emplace_back([&, sub] {
+      for (int round = 0; round < 100; ++round) {
+        Bytes record(52, 0xEE);
+        DECODER(modem_hydra_nr5g_mac_ul_phy_ch_power_info)(sub, record.data());
+        if (record != Bytes(52, sub)) ++wrong;
+        if (modem_sys_mode_get(sub) != (sub == 0 ? MODEM_SYS_MODE_LTE : MODEM_SYS_MODE_NR)) ++wrong;
+      }
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -227,81 +197,62 @@ TEST_F(HydraMetrics, ThreadsNeverMixValues) {
 
 // --- system mode and transmit power ---
 
-constexpr uint32_t kModeId = 0x2c;
-constexpr uint32_t kLteId = 0x62;
-constexpr uint32_t kNrId = 0x5a;
-constexpr int32_t kNone = 65535;
-
-TEST_F(HydraMetricsLog, SystemModeIsTheFirstStacks) {
-  open_hydra();
-  const std::pair<const char*, uint32_t> cases[] = {{"01 0C000000", 12},
-                                                    {"03 09000000 0C000000 0C000000", 9},
-                                                    {"00 09000000", MODEM_SYS_MODE_UNKNOWN},
-                                                    {"01 090000", MODEM_SYS_MODE_UNKNOWN},
-                                                    {"", MODEM_SYS_MODE_UNKNOWN}};
-  for (const auto& [value, mode] : cases) {
-    values[{1, kModeId}] = bytes(value);
-    EXPECT_EQ(modem_sys_mode_get(1), mode) << value;
-  }
-}
-
-using Power = std::optional<int16_t>;
-
-class TxPower : public HydraMetricsLog {
+class TxPower : public Golden<HydraTest> {
  protected:
-  TxPower() { open_hydra(); }
-
-  void set_lte(uint32_t sub, Power power) {
-    values[{sub, kModeId}] = bytes("01 09000000");
-    values[{sub, kLteId}] = Bytes(power ? 8 : 0);
-    if (power) put(values[{sub, kLteId}], 1, *power);
+  TxPower() {
+    words_ = {"tx_power", "modem_sys_mode_get"};
+    open_hydra();
   }
 
-  static int32_t by_sub(uint32_t sub) { return static_cast<int32_t>(modem_tx_power_get_by_sub(sub)); }
+  // 65535: the modem has no value.
+  void set_lte(uint32_t sub, int32_t power) {
+    values[{sub, kModeId}] = bytes("01 09000000");
+    values[{sub, kLteId}] = Bytes(power == kNone ? 0 : 8);
+    if (power != kNone) put(values[{sub, kLteId}], 1, static_cast<int16_t>(power));
+  }
+
+  static constexpr int32_t kNone = 65535;
 };
 
-TEST_F(TxPower, OfNrIsCutTowardsZeroAndBounded) {
+// Of NR it is cut towards zero and bounded.
+TEST_F(TxPower, FollowsTheModeOfTheFirstStack) {
   using Float = std::numeric_limits<float>;
-  constexpr int32_t kLowest = std::numeric_limits<int32_t>::min();
-  const std::pair<float, int32_t> cases[] = {
-      {-3.7F, -3},
-      {12.9F, 12},
-      {-0.5F, 0},
-      {-2147483648.0F, kLowest},
-      {-2147483904.0F, kNone},
-      {2147483520.0F, 2147483520},
-      {2147483648.0F, kNone},
-      {Float::infinity(), kNone},
-      {Float::quiet_NaN(), kNone},
+  const std::tuple<const char*, float, int32_t> cases[] = {
+      {"01 0C000000", -3.7F, -3},
+      {"01 0C000000", 12.9F, 12},
+      {"01 0C000000", -0.5F, 0},
+      {"01 0C000000", -2147483648.0F, INT32_MIN},
+      {"01 0C000000", -2147483904.0F, kNone},
+      {"01 0C000000", 2147483520.0F, 2147483520},
+      {"01 0C000000", 2147483648.0F, kNone},
+      {"01 0C000000", Float::infinity(), kNone},
+      {"01 0C000000", Float::quiet_NaN(), kNone},
+      {"03 0C000000 09000000 09000000", 1.0F, 1},
+      {"01 05000000", 1.0F, kNone},
+      {"00 0C000000", 1.0F, kNone},
+      {"01 0C0000", 1.0F, kNone},
+      {"", 1.0F, kNone},
   };
   values[{1, kModeId}] = bytes("01 0C000000");
-  EXPECT_EQ(by_sub(1), kNone);
+  modem_tx_power_get_by_sub(1);
   values[{1, kNrId}] = Bytes(52);
-  for (const auto& [power, expected] : cases) {
+  for (const auto& [mode, power, expected] : cases) {
+    values[{1, kModeId}] = bytes(mode);
     put(values[{1, kNrId}], 4, power);
-    EXPECT_EQ(by_sub(1), expected) << power;
-  }
-  values[{1, kModeId}] = bytes("01 05000000");
-  EXPECT_EQ(by_sub(1), kNone);
-}
-
-TEST_F(TxPower, OfTheDefaultDataSubscription) {
-  set_lte(0, 5);
-  set_lte(1, 7);
-  for (const auto& [sub, power] : {std::pair{"0", 5U}, {"1", 7U}, {"-1", 65535U}}) {
-    properties["persist.radio.default_data_sub"] = sub;
-    EXPECT_EQ(modem_tx_power_get_for_dds_sub(), power);
+    EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_by_sub(1)), expected) << mode << ": " << power;
   }
 }
 
-TEST_F(TxPower, TheHigherOneWins) {
-  const std::tuple<Power, Power, int32_t> cases[] = {
-      {{}, -5, -5}, {-5, {}, -5}, {{}, {}, kNone}, {10, 10, 10}, {-20, -5, -5}, {3, -5, 3}, {-5, 3, 3},
-  };
-  for (const auto& [power0, power1, expected] : cases) {
+TEST_F(TxPower, OfTheDefaultDataSubscriptionOrTheHigherOne) {
+  for (const auto& [power0, power1] :
+       {std::pair{kNone, -5}, {-5, kNone}, {kNone, kNone}, {10, 10}, {-20, -5}, {3, -5}, {-5, 3}}) {
     set_lte(0, power0);
     set_lte(1, power1);
-    EXPECT_EQ(static_cast<int32_t>(modem_tx_power_get_for_max_sub()), expected);
+    modem_tx_power_get_for_max_sub();
+  }
+  for (const char* const sub : {"0", "1", "-1"}) {
+    properties["persist.radio.default_data_sub"] = sub;
+    modem_tx_power_get_for_dds_sub();
   }
 }
 

@@ -10,59 +10,46 @@
 namespace scripted {
 namespace {
 
+constexpr int kError = PELMAR_LOG_LEVEL_ERROR;
+constexpr int kDebug = PELMAR_LOG_LEVEL_DEBUG;
+
+// The name of the process is read for the first line that has no instance.
 TEST(LogSite, WritesToBothSinks) {
   testing::internal::CaptureStdout();
-  pelmar_check_sub_id(1);
-  pelmar_print_property_value("ro.unset");
   g_pelmar_qcril_ril_process_instance_id = 1;
   pelmar_str_find_right(nullptr, 'x');
+  g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
+  pelmar_check_sub_id(1);
+  pelmar_print_property_value("ro.unset");
   std::istringstream written(testing::internal::GetCapturedStdout());
   for (std::string line; std::getline(written, line);) pelmar_utils_syslog_dbg("stdout: %s", line.c_str());
   expect_golden_log();
 }
 
-TEST(LogSite, ReadsTheNameOnlyWithoutAnInstance) {
-  const std::string name_line = "D|pelmar_get_current_pid_name, g_pid_info.p_name = mtb";
-  g_pelmar_qcril_ril_process_instance_id = 1;
-  pelmar_check_sub_id(0);
-  EXPECT_FALSE(logged(name_line));
-  g_pelmar_qcril_ril_process_instance_id = PELMAR_RIL_INSTANCE_UNKNOWN;
-  pelmar_check_sub_id(0);
-  EXPECT_TRUE(logged(name_line));
-}
-
-struct MaskCase {
-  const char* property;
-  bool error_passes;
-  bool debug_passes;
-};
-
-class MaskProperty : public testing::TestWithParam<MaskCase> {};
+// A value of the masks' properties, and the levels that pass.
+class MaskProperty : public testing::TestWithParam<std::pair<const char*, int>> {};
 
 TEST_P(MaskProperty, NarrowsTheMaskOnce) {
-  const auto& [property, error_passes, debug_passes] = GetParam();
-  const std::string names[] = {"persist.vendor.radio.adb_log_ka", "persist.vendor.radio.adb_log_shell"};
-  for (const std::string& name : names) {
+  const auto& [property, passing] = GetParam();
+  for (const char* const name : {"persist.vendor.radio.adb_log_ka", "persist.vendor.radio.adb_log_shell"}) {
     if (property != nullptr) properties[name] = property;
   }
   pelmar_hal_set_logcat_print_mask(0xFFFF);  // narrowed like any other
-  for (const auto passes : {pelmar_hal_get_logcat_print_flag, pelmar_hal_get_shell_print_flag}) {
-    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_ERROR), error_passes);
-    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_DEBUG), debug_passes);
-    EXPECT_EQ(passes(PELMAR_LOG_LEVEL_ERROR | PELMAR_LOG_LEVEL_DEBUG), error_passes && debug_passes);
+  for (const int level : {kError, kDebug, kError | kDebug}) {
+    EXPECT_EQ(pelmar_hal_get_logcat_print_flag(level), (level & ~passing) == 0);
+    EXPECT_EQ(pelmar_hal_get_shell_print_flag(level), (level & ~passing) == 0);
   }
   testing::internal::CaptureStdout();
   pelmar_str_find_right(nullptr, 'x');
   const std::string written = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), (error_passes ? 1 : 0) + (debug_passes ? 2 : 0));
-  for (const std::string& name : names) EXPECT_EQ(reads_of(name), 1);
+  EXPECT_EQ(std::count(written.begin(), written.end(), '\n'),
+            ((passing & kError) != 0) + 2 * ((passing & kDebug) != 0));
   expect_golden_log();
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, MaskProperty,
-                         testing::Values(MaskCase{nullptr, true, true}, MaskCase{"1", true, false},
-                                         MaskCase{"4", false, true}, MaskCase{"0", false, false},
-                                         MaskCase{"debug", false, false}));
+                         testing::Values(std::pair{nullptr, kError | kDebug}, std::pair{"1", kError},
+                                         std::pair{"4", kDebug}, std::pair{"0", 0}, std::pair{"debug", 0}));
 
 TEST(Masks, LogTheirOwnChanges) {
   const std::pair<void (*)(uint32_t), uint32_t> changes[] = {
@@ -74,12 +61,12 @@ TEST(Masks, LogTheirOwnChanges) {
   pelmar_utils_close_logcat_print();
   pelmar_hal_close_shell_print();
   for (const auto passes : {pelmar_hal_get_logcat_print_flag, pelmar_hal_get_shell_print_flag}) {
-    EXPECT_FALSE(passes(PELMAR_LOG_LEVEL_ERROR));
-    pelmar_hal_add_logcat_print_mask(PELMAR_LOG_LEVEL_ERROR);
-    pelmar_hal_add_shell_print_mask(PELMAR_LOG_LEVEL_ERROR);
-    EXPECT_TRUE(passes(PELMAR_LOG_LEVEL_ERROR));
+    EXPECT_FALSE(passes(kError));
+    pelmar_hal_add_logcat_print_mask(kError);
+    pelmar_hal_add_shell_print_mask(kError);
+    EXPECT_TRUE(passes(kError));
     pelmar_hal_close_print();  // writes nothing
-    EXPECT_FALSE(passes(PELMAR_LOG_LEVEL_ERROR));
+    EXPECT_FALSE(passes(kError));
   }
   pelmar_utils_syslog_err("error %d", 1);  // through closed masks
   pelmar_utils_syslog_dbg("debug %s", "2");

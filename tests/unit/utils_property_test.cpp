@@ -5,45 +5,36 @@ namespace scripted {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-using PropertyAccess = Golden<testing::Test>;
+using Properties = Golden<testing::Test>;
 
-TEST_F(PropertyAccess, CutsNamesAndKeepsLongValues) {
-  const std::string value_255(255, 'v');
-  properties[std::string(255, 'n')] = value_255;
-  char value[PELMAR_PROPERTY_BUFFER_BYTES];
-  pelmar_get_property_value(std::string(300, 'n').c_str(), value, "");
-  EXPECT_EQ(value, value_255);
-}
-
-TEST_F(PropertyAccess, RefusesNullAndLongValues) {
+TEST_F(Properties, AreCheckedAndConverted) {
   char value[PELMAR_PROPERTY_BUFFER_BYTES] = "untouched";
   int32_t number = 7;
-  const std::string longest(92, 'x');
+  const std::string longest(92, 'x'), value_255(255, 'v');
   pelmar_get_property_value(nullptr, value, "");
   pelmar_get_property_value("a", nullptr, "");
   pelmar_get_property_value("a", value, nullptr);
-  EXPECT_EQ(pelmar_get_property_value_from_int(nullptr, &number, 3), 3);
-  EXPECT_EQ(pelmar_get_property_value_from_int("a", nullptr, 3), 3);
+  pelmar_get_property_value_from_int(nullptr, &number, 3);
+  pelmar_get_property_value_from_int("a", nullptr, 3);
   EXPECT_STREQ(value, "untouched");
   EXPECT_EQ(number, 7);
+  properties[std::string(255, 'n')] = value_255;
+  pelmar_get_property_value(std::string(300, 'n').c_str(), value, "");
+  EXPECT_EQ(value, value_255);
+
   pelmar_set_property_value(nullptr, "1");
   pelmar_set_property_value("a", nullptr);
   pelmar_set_property_value("a", (longest + "x").c_str());
-  EXPECT_THAT(property_writes, IsEmpty());
+  EXPECT_THAT(property_writes, testing::IsEmpty());
   pelmar_set_property_value("a", longest.c_str());
-  EXPECT_THAT(property_writes, ElementsAre("a=" + longest));
-}
-
-TEST_F(PropertyAccess, ConvertsIntegers) {
-  int32_t number = 0;
   pelmar_set_property_value_to_int("n", INT32_MIN);
-  EXPECT_EQ(pelmar_get_property_value_from_int("n", &number, 0), INT32_MIN);
+  EXPECT_THAT(property_writes, ElementsAre("a=" + longest, "n=-2147483648"));
+  pelmar_get_property_value_from_int("n", &number, 0);
   EXPECT_EQ(number, INT32_MIN);
-  EXPECT_EQ(pelmar_get_property_value_from_int("unset", &number, -5), -5);
-  properties["n"] = "none";
-  EXPECT_EQ(pelmar_get_property_value_from_int("n", &number, 9), 0);
+  pelmar_get_property_value_from_int("unset", &number, -5);
+  pelmar_get_property_value_from_int("a", &number, 9);
+  EXPECT_EQ(number, 0);
 }
 
 // A trait of the build, and a value of its property for which it holds and one for which it does not.
@@ -69,51 +60,60 @@ const Trait kTraits[] = {
     {pelmar_is_orbo_version, "ro.orbo.build.region", "eu", "NULL"},
 };
 
-enum class Setting { kYes, kNo, kUnset };
+class BuildTraits : public Golden<testing::TestWithParam<const char * Trait::*>> {};
 
-class Identity : public Golden<testing::TestWithParam<Setting>> {};
-
-TEST_P(Identity, IsReadOnce) {
+// Each keeps the value that it read first, also where several read one property.
+TEST_P(BuildTraits, AreReadOnce) {
+  words_ = {" version, val"};
   for (const Trait& trait : kTraits) {
     SCOPED_TRACE(trait.property);
-    const bool unset = GetParam() == Setting::kUnset;
-    const bool holds = unset ? trait.holds == pelmar_is_test_build : GetParam() == Setting::kYes;
-    if (!unset) properties[trait.property] = holds ? trait.yes : trait.no;
-    const int reads = reads_of(trait.property);
-    EXPECT_EQ(trait.holds(), holds);
+    if (GetParam() != nullptr) properties[trait.property] = trait.*GetParam();
+    const bool holds = trait.holds();
     properties[trait.property] = holds ? trait.no : trait.yes;
     EXPECT_EQ(trait.holds(), holds);
-    EXPECT_EQ(reads_of(trait.property), reads + 1);
     properties.erase(trait.property);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Settings, Identity, testing::Values(Setting::kYes, Setting::kNo, Setting::kUnset));
+INSTANTIATE_TEST_SUITE_P(Set, BuildTraits, testing::Values(&Trait::yes, &Trait::no, nullptr));
 
-using Derived = Golden<testing::Test>;
-
-TEST_F(Derived, UserVersionAndNumbersAreReadByTheFirstCallAlone) {
-  properties = {{"ro.vendor.radio.manufacturer_id", "5"}, {"ro.radio.device_type", "2"}};
-  EXPECT_TRUE(pelmar_is_user_version());
-  EXPECT_FALSE(pelmar_is_user_version());
-  EXPECT_EQ(pelmar_get_pelmar_manufacturer_id(), 5);
-  EXPECT_EQ(pelmar_get_pelmar_manufacturer_id(), 0);
-  EXPECT_EQ(pelmar_get_pelmar_device_type(), 2);
-  EXPECT_EQ(pelmar_get_pelmar_device_type(), 0);
+TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
+  const std::map<std::string, std::string> settings[] = {{{"ro.vendor.radio.manufacturer_id", "5"},
+                                                          {"ro.radio.device_type", "2"},
+                                                          {"ro.product.device", "lynx"},
+                                                          {"persist.vendor.radio.build_region", "eu"}},
+                                                         {{"ro.product.device", "other"},
+                                                          {"ro.orbo.build.region", "in"},
+                                                          {"persist.radio.multisim.config", "ssss"},
+                                                          {"persist.radio.default_data_sub", "1"},
+                                                          {"persist.radio.active_call_sub", "0"}}};
+  for (const auto& setting : settings) {
+    properties = setting;
+    pelmar_is_user_version();
+    pelmar_get_pelmar_manufacturer_id();
+    pelmar_get_pelmar_device_type();
+    EXPECT_STREQ(pelmar_device_name_get(), "lynx");
+    EXPECT_STREQ(pelmar_build_region_get(), "NULL");
+    EXPECT_STREQ(pelmar_vendor_build_region_get(), &setting == settings ? "eu" : "NULL");
+    pelmar_vendor_build_region_is_cfged();
+    pelmar_get_default_data_sub();
+    pelmar_get_active_call_sub();
+    pelmar_get_single_sim_flag();
+  }
   pelmar_set_pelmar_manufacturer_id(-1);
-  EXPECT_THAT(property_writes, ElementsAre("ro.vendor.radio.manufacturer_id=-1"));
+  pelmar_update_default_data_sub(1);
+  pelmar_update_active_call_sub(0);
+  EXPECT_THAT(property_writes, ElementsAre("ro.vendor.radio.manufacturer_id=-1", "persist.radio.default_data_sub=1",
+                                           "persist.radio.active_call_sub=0"));
 }
 
-struct Build {
-  const char* cert;
-  const char* profile;
-  const char* version;
-  int32_t type;
-};
+// Certification, profile and version, and the type that follows.
+using Build = std::tuple<std::string, std::string, std::string, int32_t>;
 
 class BuildType : public Golden<testing::TestWithParam<Build>> {};
 
 TEST_P(BuildType, FollowsCertificationThenProfileThenVersion) {
+  words_ = {"BUILD_PROFILE", "version, ret"};
   const auto& [cert, profile, version, type] = GetParam();
   properties = {
       {"ro.vendor.radio.build_profile", profile}, {"ro.build.version.incremental", version}, {"ro.cust.test", cert}};
@@ -132,20 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Builds, BuildType,
                                          Build{"NULL", "orbo", "V1", 4}, Build{"NULL", "orbo", "1.DEV", 1},
                                          Build{"NULL", "other", "V1.DEV", 1}));
 
-TEST_F(Derived, NamesAreKeptExceptTheVendorRegion) {
-  properties = {{"ro.product.device", "lynx"}, {"persist.vendor.radio.build_region", "eu"}};
-  EXPECT_STREQ(pelmar_vendor_build_region_get(), "eu");
-  EXPECT_TRUE(pelmar_vendor_build_region_is_cfged());
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_STREQ(pelmar_device_name_get(), "lynx");
-    EXPECT_STREQ(pelmar_build_region_get(), "NULL");
-    properties = {{"ro.product.device", "other"}, {"ro.orbo.build.region", "in"}};
-  }
-  EXPECT_STREQ(pelmar_vendor_build_region_get(), "NULL");
-  EXPECT_FALSE(pelmar_vendor_build_region_is_cfged());
-}
-
-TEST_F(Derived, ListsOfStringsMatchAnyPartOfTheText) {
+TEST_F(Properties, MatchListsOfTheirParts) {
   properties = {{"ro.product.device", "lynx"}, {"ro.orbo.build.region", "eu"}};
   const char* const parts[] = {"x1", "ly"};
   const char* const empty[] = {""};
@@ -161,43 +148,34 @@ TEST_F(Derived, ListsOfStringsMatchAnyPartOfTheText) {
   pelmar_build_region_list_contain(parts, 2);
 }
 
-TEST_F(Derived, ListsOfNumbersCompareAtTheirWidth) {
-  const uint8_t bytes[] = {3, 0xFF};
-  const uint16_t halves[] = {3, 0xFFFF};
-  const uint32_t words[] = {3, 0xFFFFFFFF};
-  const uint64_t longs[] = {3, uint64_t{1} << 40};
-  pelmar_int8_list_contain(bytes, 2, -1);
-  pelmar_int16_list_contain(halves, 2, -1);
-  pelmar_int32_list_contain(words, 2, -1);
-  for (const uint32_t count : {2, 1}) pelmar_int64_list_contain(longs, count, int64_t{1} << 40);
-  pelmar_int8_list_contain(bytes, 0, 3);
-  pelmar_int16_list_contain(halves, 0, 3);
-  pelmar_int32_list_contain(words, 0, 3);
-  pelmar_int64_list_contain(longs, 0, 3);
-  pelmar_int8_list_contain(nullptr, 1, 1);
-  pelmar_int16_list_contain(nullptr, 1, 1);
-  pelmar_int32_list_contain(nullptr, 1, 1);
-  pelmar_int64_list_contain(nullptr, 1, 1);
+// Values compare at the width of the list, with their sign.
+template <typename Element, typename Value>
+void search_lists(bool (*contains)(const Element* list, uint32_t count, Value value)) {
+  constexpr Value kHighest = Value{1} << (8 * sizeof(Value) - 2);
+  const Element list[] = {3, static_cast<Element>(-1), kHighest};
+  for (const uint32_t count : {3, 2, 1, 0}) contains(list, count, kHighest);
+  contains(list, 3, -1);
+  contains(nullptr, 1, 3);
+}
+
+TEST_F(Properties, MayBeListsOfNumbers) {
+  search_lists(pelmar_int8_list_contain);
+  search_lists(pelmar_int16_list_contain);
+  search_lists(pelmar_int32_list_contain);
+  search_lists(pelmar_int64_list_contain);
   const int8_t types[] = {PELMAR_BUILD_TYPE_DEV, PELMAR_BUILD_TYPE_PRE, PELMAR_BUILD_TYPE_ALL};
   for (const uint32_t count : {1, 2}) pelmar_build_type_list_contain(types, count);
   pelmar_build_type_list_contain(types + 2, 1);
 }
 
-TEST_F(Derived, SubscriptionsHaveMasksIdsAndNumbers) {
+using Subscriptions = Golden<testing::Test>;
+
+TEST_F(Subscriptions, HaveMasksAndIds) {
   for (int32_t mask = -1; mask <= 4; ++mask) pelmar_check_sub_mask(mask);
   for (const uint32_t id : {0U, 1U, 2U, 0xFFFFFFFFU}) {
     pelmar_check_sub_id(id);
     pelmar_get_sub_mask_by_id(id);
   }
-  EXPECT_EQ(pelmar_get_default_data_sub(), 0);
-  EXPECT_EQ(pelmar_get_active_call_sub(), PELMAR_ACTIVE_CALL_SUB_NONE);
-  pelmar_update_default_data_sub(1);
-  pelmar_update_active_call_sub(0);
-  EXPECT_EQ(pelmar_get_default_data_sub(), 1);
-  EXPECT_EQ(pelmar_get_active_call_sub(), 0);
-  EXPECT_FALSE(pelmar_get_single_sim_flag());
-  properties["persist.radio.multisim.config"] = "ssss";
-  EXPECT_TRUE(pelmar_get_single_sim_flag());
 }
 
 }  // namespace
