@@ -63,7 +63,34 @@ Bytes frame(bool to_modem, uint8_t service, uint8_t client, const Bytes& message
   return join({{0x01}, u16(5 + message.size()), {flags, service, client}, message});
 }
 
+Bytes control_messages(bool to_modem) {
+  constexpr uint8_t kVs = 0xE4, kNas = 0x03;
+  if (!to_modem) {
+    return join({control_frame(QMI_IDL_RESPONSE, 1, 0xFF00, 0x02, {0, 0, 0, 0}),
+                 control_frame(QMI_IDL_INDICATION, 0, 0x0024, 0x01, {kNas, kClient})});
+  }
+  return join({control_frame(QMI_IDL_REQUEST, 1, 0xFF00, 0x01, {'/', 'd', 'e', 'v'}),
+               control_frame(QMI_IDL_REQUEST, 2, 0x0021, 0x01, {}),
+               control_frame(QMI_IDL_REQUEST, 3, 0x0022, 0x01, {kVs}),
+               control_frame(QMI_IDL_REQUEST, 4, 0x0023, 0x01, {kVs, kClient}),
+               control_frame(QMI_IDL_REQUEST, 5, 0x0027, 0x01, {})});
+}
+
 }  // namespace
+
+Input::Input(const uint8_t* data, size_t size) {
+  if (size < 3) return;
+  choice = data[0];
+  number = data[1];
+  most = data[2] == UINT8_MAX ? UINT32_MAX : data[2];
+  rest = {data + 3, size - 3};
+}
+
+Bytes Input::change(Bytes made) const {
+  if (choice & 0x80 || rest.size() > made.size()) made.resize(rest.size());
+  for (size_t i = 0; i < rest.size(); ++i) made[i] ^= rest[i];
+  return made;
+}
 
 const std::vector<Message>& catalogue() {
   static const std::vector<Message> messages = make_catalogue();
@@ -101,22 +128,32 @@ Bytes make_structure(const Message& message, uint32_t most) {
   return structure;
 }
 
-Bytes control_frame(uint8_t kind, uint8_t transaction, uint16_t id, uint8_t tlv, const Bytes& value) {
-  const Bytes tlvs = join({{tlv}, u16(value.size()), value});
-  return frame(kind == 0, 0, 0, join({{kind, transaction}, u16(id), u16(tlvs.size()), tlvs}));
-}
-
-Bytes service_frame(const Message& message, const Bytes& tlvs) {
-  constexpr uint8_t kFlags[] = {0, 2, 4};
-  const Bytes transaction = u16(message.type == QMI_IDL_INDICATION ? 0 : 1);
-  return frame(message.type == QMI_IDL_REQUEST, static_cast<uint8_t>(message.service->service_id), kClient,
-               join({{kFlags[message.type]}, transaction, u16(message.id), u16(tlvs.size()), tlvs}));
+Bytes make_wire(const Message& message, uint32_t most) {
+  Bytes wire;
+  require(encode(message, make_structure(message, most), message.max_wire_length, wire) == QMI_IDL_LIB_NO_ERR);
+  return wire;
 }
 
 Bytes join(std::initializer_list<Bytes> parts) {
   Bytes all;
   for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
+}
+
+Bytes control_frame(qmi_idl_type_of_message_type kind, uint8_t transaction, uint16_t id, uint8_t tlv,
+                    const Bytes& value) {
+  const Bytes tlvs = join({{tlv}, u16(value.size()), value});
+  return frame(kind == QMI_IDL_REQUEST, 0, 0,
+               join({{static_cast<uint8_t>(kind), transaction}, u16(id), u16(tlvs.size()), tlvs}));
+}
+
+Bytes make_stream(const Input& input, bool to_modem) {
+  const Message& message = catalogue()[input.number % catalogue().size()];
+  if (input.number == 0 || (message.type == QMI_IDL_REQUEST) != to_modem) return control_messages(to_modem);
+  constexpr uint8_t kFlags[] = {0, 2, 4};
+  const Bytes wire = make_wire(message, input.most), transaction = u16(message.type == QMI_IDL_INDICATION ? 0 : 1);
+  return frame(to_modem, static_cast<uint8_t>(message.service->service_id), kClient,
+               join({{kFlags[message.type]}, transaction, u16(message.id), u16(wire.size()), wire}));
 }
 
 }  // namespace pelmar::fuzz

@@ -1,7 +1,8 @@
 // The simulated modem whole, without and with a peripheral manager, against a peer that sends any bytes.
 //
-//   input: u8 flags, the peer's bytes. Flag 1: they go to the peripheral manager. Flag 2: the client holds an id of
-//   every service before it sends them; frames with client id kClient are then sent with the service's own.
+//   input: see messages.h. The change is that of what the peer sends. Choice 1: to the peripheral manager. Choice 2:
+//   the client holds an id of every service before it sends; frames with client id kClient are then sent with the
+//   service's own.
 //
 // The peer sends all it has and closes its sending side. Whatever it sent, the modem drops the connection, frees every
 // id that it held, takes its vote back and leaves nothing beside its storage. What a reader makes of the front of a
@@ -93,7 +94,7 @@ class Modem {
     if (holds_ids) {
       for (const auto& slot : simulation_.modem.slots()) {
         const uint8_t service = slot.service->id();
-        const Bytes request = control_frame(0, 1, 0x0022, 0x01, {service});
+        const Bytes request = control_frame(QMI_IDL_REQUEST, 1, 0x0022, 0x01, {service});
         send(client.get(), request.data(), request.size(), MSG_NOSIGNAL);
         run_until([&] { return client_of(service) != 0; });
       }
@@ -168,19 +169,26 @@ class Modem {
   Simulation simulation_;
 };
 
+Bytes voter_messages() {
+  return join({to_frame(Register{"modem", "voter"}), to_frame(Vote{}), to_frame(Acknowledge{EVENT_PERIPH_GOING_ONLINE}),
+               to_frame(Acknowledge{EVENT_PERIPH_IS_ONLINE}), to_frame(QueryStatus{}), to_frame(Withdraw{}),
+               to_frame(Unregister{})});
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
   static Modem modem(false), managed_modem(true);
-  const Bytes stream(data + 1, data + size);
-  if (data[0] & 1) {
+  const Input input(data, size);
+  if (input.choice & 1) {
+    const Bytes stream = input.change(voter_messages());
     check(stream, read_manager_message<Request>);
     check(stream, read_manager_message<Reply>);
     managed_modem.meet_voter(stream);
   } else {
+    const Bytes stream = input.change(make_stream(input, true));
     check(stream, read_frame);
-    modem.meet_client(stream, data[0] & 2);
+    modem.meet_client(stream, input.choice & 2);
   }
   return 0;
 }
