@@ -47,20 +47,14 @@ Bytes read_stream(std::span<const uint8_t> stream, size_t piece) {
 }
 
 // The modem's responses while a connection is opened: the proxy is open, there is the service, this is the client id.
-// The result is looked for by its number, so it may be a TLV of its own behind the value.
+// The result is looked for by its number, so it may stand behind the value.
 Bytes opening() {
   constexpr uint8_t kNas = NAS_SERVICE_ID_V01;
-  Bytes responses;
-  const auto respond = [&](uint8_t transaction, uint16_t id, const Bytes& value) {
-    Bytes frame = control_frame(QMI_IDL_RESPONSE, transaction, id, 0x01, value);
-    frame[1] += 7;  // the lengths of the frame and of its message
-    frame[10] += 7;
-    responses = join({responses, frame, {0x02, 4, 0, 0, 0, 0, 0}});
+  const auto respond = [](uint8_t transaction, uint16_t id, const Bytes& value) {
+    const Bytes tlvs = join({{0x01, static_cast<uint8_t>(value.size()), 0}, value, {0x02, 4, 0, 0, 0, 0, 0}});
+    return make_frame(qmi::MessageKind::kResponse, 0, transaction, id, tlvs);
   };
-  respond(1, 0xFF00, {});
-  respond(2, 0x0021, {1, kNas, 1, 0, 2, 0});
-  respond(3, 0x0022, {kNas, kClient});
-  return responses;
+  return join({respond(1, 0xFF00, {}), respond(2, 0x0021, {1, kNas, 1, 0, 2, 0}), respond(3, 0x0022, {kNas, kClient})});
 }
 
 int listen_for_client() {

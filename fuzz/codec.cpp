@@ -27,7 +27,7 @@ void require_round_trip(const Message& message, const Bytes& structure, size_t r
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Input input(data, size);
-  const Message& message = catalogue()[input.number % catalogue().size()];
+  const Message& message = message_of(input, input.choice & 1);
   const size_t room = size_t{input.choice} * input.choice / 4;
   Bytes structure, wire;
   if (decode(message, input.change(make_wire(message, input.most)), structure) == QMI_IDL_LIB_NO_ERR) {

@@ -1,7 +1,7 @@
 // Files that others write: the system properties', and scenarios of the simulated modem.
 //
-//   input: see messages.h. The choice is a scenario, a property's file, or a property's name and its value behind a zero
-//   byte. The change is that of nothing: the bytes themselves.
+//   input: see messages.h. The choice is a scenario, a property's file, or a property's name and its value behind a
+//   zero byte. The change is that of nothing: the bytes themselves.
 //
 // A scenario is refused with an error that names a place, or has at no moment a number that its field cannot hold. A
 // property is read as a terminated value within its limit, or as the default; a value that was taken is read back; no

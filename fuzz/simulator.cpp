@@ -18,7 +18,6 @@
 #include "io/local_socket.h"
 #include "manager_protocol.h"
 #include "messages.h"
-#include "qmux.h"
 #include "simulation.h"
 
 using namespace pelmar::fuzz;
@@ -94,13 +93,13 @@ class Modem {
     if (holds_ids) {
       for (const auto& slot : simulation_.modem.slots()) {
         const uint8_t service = slot.service->id();
-        const Bytes request = control_frame(QMI_IDL_REQUEST, 1, 0x0022, 0x01, {service});
-        send(client.get(), request.data(), request.size(), MSG_NOSIGNAL);
+        send_all(client, make_frame(qmi::MessageKind::kRequest, 0, 1, 0x0022, {0x01, 1, 0, service}));
         run_until([&] { return client_of(service) != 0; });
       }
       put_ids(stream);
     }
     send_all(client, stream);
+    shutdown(client.get(), SHUT_WR);
     run_until([&] { return simulation_.connections.count() == 0; });
     for (const auto& slot : simulation_.modem.slots()) require(slot.clients.count() == 0);
     const std::filesystem::directory_iterator entries(directory_);
@@ -110,6 +109,7 @@ class Modem {
   void meet_voter(const Bytes& stream) {
     const UniqueFd voter = pelmar::sim::connect_local(directory_ + "/manager");
     send_all(voter, stream);
+    shutdown(voter.get(), SHUT_WR);
     char drain[4096];
     run_until([&] { return recv(voter.get(), drain, sizeof drain, MSG_DONTWAIT) == 0 || errno == ECONNRESET; });
     const auto& manager = *simulation_.manager;
@@ -130,7 +130,6 @@ class Modem {
 
   static void send_all(const UniqueFd& peer, const Bytes& stream) {
     send(peer.get(), stream.data(), stream.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    shutdown(peer.get(), SHUT_WR);
   }
 
   // The service's only client id; 0 where it has none.
