@@ -34,33 +34,28 @@ using ClientIds = ScriptedModem::ClientIds;
 
 struct Loss {
   const char* name;
-  void (*cause)(ScriptedModem& modem, int connection, uint8_t client);
+  void (*cause)(ScriptedModem& modem, int connection, uint8_t client) = nullptr;
+  Bytes broken_frame = {};
 };
 
-// The last ones are bytes where no frame begins. A frame that is longer than its message takes the next one's first
-// byte.
-constexpr Loss kLosses[] = {
+// A frame that is longer than its message takes the next one's first byte.
+const Loss kLosses[] = {
     {"revoked", [](ScriptedModem& modem, int to, uint8_t client) { modem.revoke(to, kNasId, client); }},
     {"restarted", [](ScriptedModem& modem, int to, uint8_t) { modem.announce_restart(to); }},
     {"closed", [](ScriptedModem& modem, int to, uint8_t) { modem.server.close(to); }},
-    {"garbled", [](ScriptedModem& modem, int to, uint8_t) { modem.server.send(to, {0x55}); }},
-    {"too_short",
-     [](ScriptedModem& modem, int to, uint8_t) {
-       modem.server.send(to, {1, 4, 0, 0x80, 3, 1});
-     }},
-    {"to_the_modem",
-     [](ScriptedModem& modem, int to, uint8_t) {
-       modem.server.send(to, {1, 5, 0, 0, 3, 1});
-     }},
-    {"too_long",
-     [](ScriptedModem& modem, int to, uint8_t) {
-       modem.server.send(to, {1, 6, 0, 0x80, 3, 1, 1, 5, 0, 0x80, 3, 1});
-     }},
+    {"garbled", nullptr, {0x55}},
+    {"too_short", nullptr, {0x01, 4, 0, 0x80, 3, 1}},
+    {"to_the_modem", nullptr, {0x01, 5, 0, 0x00, 3, 1}},
+    {"too_long", nullptr, {0x01, 6, 0, 0x80, 3, 1, 0x01, 5, 0, 0x80, 3, 1}},
 };
 
 class ServiceGoes : public ClientTest, public testing::WithParamInterface<Loss> {
  protected:
-  void go(uint8_t client, int connection = 0) { GetParam().cause(modem_, connection, client); }
+  void go(uint8_t client, int connection = 0) {
+    const Loss& loss = GetParam();
+    if (loss.cause == nullptr) return modem_.server.send(connection, loss.broken_frame);
+    loss.cause(modem_, connection, client);
+  }
 
   // The modem of this test frees no void ids: what the client must not give back, the test takes away.
   void TearDown() override { modem_.client_ids.set({}); }
@@ -170,19 +165,7 @@ TEST_F(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
 
 // --- notifiers ---
 
-class NotifierTest : public ClientTest {
- protected:
-  // Whatever tests of this process did to the service before, it is announced at once.
-  void SetUp() override { connect_for_long(); }
-
-  void connect_for_long() {
-    const qmi_client_type handle = connect();
-    std::this_thread::sleep_for(milliseconds(100));  // as long as it takes to count as lasting
-    qmi_client_release(handle);
-  }
-};
-
-TEST_F(NotifierTest, ReportsAtRegistrationAndEveryChange) {
+TEST_F(ClientTest, ANotifierReportsAtRegistrationAndEveryChange) {
   const qmi_client_type handle = create_notifier();
   EXPECT_EQ(events(0), (Events{"event 0"})) << "before the registration returns";
   EXPECT_EQ(qmi_client_register_notify_cb(handle, nullptr, nullptr), QMI_CLIENT_PARAM_ERR);
@@ -190,13 +173,13 @@ TEST_F(NotifierTest, ReportsAtRegistrationAndEveryChange) {
   EXPECT_EQ(events(2).back(), "event 1");
   modem_.services.set({kNasId});
   EXPECT_EQ(events(3).back(), "event 0");
-  modem_.announce_restart(1);
+  modem_.announce_restart(0);
   events(5);
-  modem_.revoke(1, kNasId, 9);
+  modem_.revoke(0, kNasId, 9);
   EXPECT_EQ(events(7), (Events{"event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
 }
 
-TEST_F(NotifierTest, ReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
+TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
   modem_.services.set({});
   const qmi_client_type absent = create_notifier();
   EXPECT_EQ(events(0), Events{});
@@ -207,15 +190,15 @@ TEST_F(NotifierTest, ReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
 
   create_notifier();
   EXPECT_EQ(events(0).size(), 2u) << "during its registration";
-  EXPECT_TRUE(modem_.server.comes_to_be_closed(2)) << "and looks no more";
+  EXPECT_TRUE(modem_.server.comes_to_be_closed(1)) << "and looks no more";
 }
 
 // 10 ms after the first loss, then ever longer.
-TEST_F(NotifierTest, AnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
+TEST_F(ClientTest, ANotifierAnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
   const auto start = Clock::now();
   bool has_lasted = false;  // on a slow machine: the wait is short again then
   Events expected;
-  for (const int connection : {1, 3, 5, 7}) {
+  for (const int connection : {0, 2, 4, 6}) {
     const auto connected = Clock::now();
     connect_with_error_callback();
     modem_.revoke(connection, kNasId, modem_.client_ids.get().begin()->second);
@@ -230,7 +213,9 @@ TEST_F(NotifierTest, AnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
   }
   EXPECT_TRUE(has_lasted || Clock::now() - start >= milliseconds(10 + 20 + 40 + 80));
 
-  connect_for_long();
+  const qmi_client_type lasting = connect();
+  std::this_thread::sleep_for(milliseconds(100));  // as long as it takes to count as lasting
+  qmi_client_release(lasting);
   create_notifier();
   EXPECT_EQ(events(0).size(), expected.size() + 1) << "at once again";
 }
@@ -293,6 +278,11 @@ TEST_F(ClientTest, ReleaseWaitsForACallbackDuringARegistration) {
 TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
   const qmi_client_type handle = connect();
   Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
+  std::vector<UniqueFd> copies;  // such as a child has that was forked meanwhile
+  for (int fd = 0; fd < 256; ++fd) {
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) copies.emplace_back(::dup(fd));
+  }
   // A confirmation would wake the sender that reads.
   modem_.on_control.set([](int, uint16_t id, Bytes&) { return id != ScriptedModem::kRelease; });
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
@@ -304,18 +294,6 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
   connect();
   EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 1}, {kNasId, 2}, {kNasId, 3}}));
   modem_.client_ids.set({});
-}
-
-// A child that was forked meanwhile holds the connection's descriptor, too.
-TEST_F(ClientTest, ReleaseEndsTheConnectionWhoeverElseHoldsIt) {
-  const qmi_client_type handle = connect();
-  std::vector<UniqueFd> copies;
-  for (int fd = 0; fd < 256; ++fd) {
-    struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) copies.emplace_back(::dup(fd));
-  }
-  EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_TRUE(modem_.server.comes_to_be_closed(0));
 }
 
 // --- the process ends ---
