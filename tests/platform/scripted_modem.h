@@ -260,6 +260,7 @@ class ScriptedModem {
   std::atomic<uint8_t> last_client_id_{0};
 
  public:
+  // The last member: its threads use the others.
   QmuxServer server{[this](auto... message) { handle(message...); }};
 };
 

@@ -252,17 +252,5 @@ TEST_F(VoterTest, AResponseToNoRequestOrAFloodOfEventsIsNoManagers) {
   }
 }
 
-TEST_F(VoterTest, AManagerReportsItsCountToWhoeverAsks) {
-  auto asked = std::async(std::launch::async, [] { return query_count(manager_socket()); });
-  accept();
-  EXPECT_EQ(next(), Request(QueryStatus{}));
-  const std::vector<VoterEntry> voters = {{0x01020304, true, "one"}, {5, false, std::string(63, 'x')}};
-  send(join({to_frame(Status{EVENT_PERIPH_GOING_ONLINE, 2}), to_frame(voters[0]), to_frame(voters[1])}));
-  const auto count = asked.get();
-  ASSERT_TRUE(count);
-  EXPECT_EQ(count->state, EVENT_PERIPH_GOING_ONLINE);
-  EXPECT_EQ(count->voters, voters);
-}
-
 }  // namespace
 }  // namespace pelmar::platform::power
