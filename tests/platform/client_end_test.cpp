@@ -36,6 +36,8 @@ struct Loss {
   const char* name;
   void (*cause)(ScriptedModem& modem, int connection, uint8_t client) = nullptr;
   Bytes broken_frame = {};
+
+  friend void PrintTo(const Loss& loss, std::ostream* stream) { *stream << loss.name; }
 };
 
 // A frame that is longer than its message takes the next one's first byte.
@@ -232,7 +234,8 @@ TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
     is_over = true;
   });
   const ScriptedRequest async = begin_async(handle);
-  for (const uint16_t id : {1, 2}) modem_.indicate(0, kNasId, 0xFF, id);
+  modem_.indicate(0, kNasId, 0xFF, 1);
+  modem_.indicate(0, kNasId, 0xFF, 2);
   modem_.respond(async, drx_response(1));
   events(1);
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
@@ -248,7 +251,8 @@ TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
     const int released = qmi_client_release(self);
     note("released " + std::to_string(released) + ", then " + std::to_string(get_drx(self).first));
   });
-  for (const uint16_t id : {1, 2}) modem_.indicate(0, kNasId, 0xFF, id);
+  modem_.indicate(0, kNasId, 0xFF, 1);
+  modem_.indicate(0, kNasId, 0xFF, 2);
   EXPECT_EQ(events(2), (Events{"indication 1 (0)", "released 0, then -18"}));
   EXPECT_TRUE(modem_.server.comes_to_be_closed(0));
   EXPECT_EQ(qmi_client_release(handle), QMI_CLIENT_INVALID_CLNT);

@@ -126,7 +126,7 @@ TEST_F(ClientTest, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
 
 TEST_F(ClientTest, SendersGetTheirOwnResponsesInAnyOrder) {
   const qmi_client_type handle = connect();
-  for (const size_t first : {0, 1}) {
+  for (const size_t first : {size_t{0}, size_t{1}}) {
     Exchange exchanges[] = {begin(handle), begin(handle)};
     EXPECT_EQ(begin(handle, 500).outcome.get().first, QMI_TIMEOUT_ERR) << "a sender that does not read has its own";
     for (const size_t i : {first, 1 - first}) EXPECT_EQ(finish(exchanges[i], static_cast<uint8_t>(i)), Outcome(0, i));
