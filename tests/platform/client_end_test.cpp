@@ -304,39 +304,35 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
 
 // A child of fork() leaves its parent's handles alone, and its own id is given back: by itself where it exits, by the
 // next client where it is killed, although nobody has waited for it yet.
-class ProcessEnd : public ClientTest, public testing::WithParamInterface<bool> {};
-
-TEST_P(ProcessEnd, GivesItsOwnClientIdsBackAndNoneOfItsParent) {
-  const bool is_killed = GetParam();
-  const qmi_client_type handle = connect();
+TEST_F(ClientTest, AProcessThatEndsGivesItsOwnClientIdsBackAndNoneOfItsParent) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "a child of a process with threads can start none";
 #endif
-  const pid_t child = ::fork();
-  if (child == 0) {
-    g_is_child = true;
-    const bool refuses = send_async(handle) == QMI_CLIENT_INVALID_CLNT &&
-                         get_drx(handle, 1).first == QMI_CLIENT_INVALID_CLNT &&
-                         qmi_client_register_error_cb(handle, on_error, this) == QMI_CLIENT_INVALID_CLNT &&
-                         qmi_client_release(handle) == QMI_CLIENT_INVALID_CLNT;
-    const bool is_connected = connect() != nullptr;
-    if (is_killed) ::raise(SIGKILL);
-    std::exit(refuses && is_connected ? 0 : 1);
-  }
-  siginfo_t end{};
-  ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
-  EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
-  EXPECT_EQ(modem_.client_ids.get().size(), is_killed ? 2u : 1u);
+  const qmi_client_type handle = connect();
   modem_.client_id_limit = 2;
-  connect();
-  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 1}, {kNasId, is_killed ? 4 : 3}}));
-  ::waitpid(child, nullptr, 0);
+  for (const bool is_killed : {false, true}) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      g_is_child = true;
+      const bool refuses = send_async(handle) == QMI_CLIENT_INVALID_CLNT &&
+                           get_drx(handle, 1).first == QMI_CLIENT_INVALID_CLNT &&
+                           qmi_client_register_error_cb(handle, on_error, this) == QMI_CLIENT_INVALID_CLNT &&
+                           qmi_client_release(handle) == QMI_CLIENT_INVALID_CLNT;
+      const bool is_connected = connect() != nullptr;
+      if (is_killed) ::raise(SIGKILL);
+      std::exit(refuses && is_connected ? 0 : 1);
+    }
+    siginfo_t end{};
+    ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
+    EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
+    EXPECT_EQ(modem_.client_ids.get().size(), is_killed ? 2u : 1u);
+    qmi_client_release(connect());
+    ::waitpid(child, nullptr, 0);
+    EXPECT_TRUE(modem_.client_ids.comes_to([](const ClientIds& ids) { return ids == ClientIds{{kNasId, 1}}; }));
+  }
   Exchange exchange = begin(handle);
   EXPECT_EQ(finish(exchange, 3), Outcome(0, 3));
 }
-
-INSTANTIATE_TEST_SUITE_P(How, ProcessEnd, testing::Bool(),
-                         [](const auto& test) { return test.param ? "killed" : "exits"; });
 
 }  // namespace
 }  // namespace pelmar::platform
