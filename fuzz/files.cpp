@@ -1,7 +1,6 @@
 // Files that others write: the system properties', and scenarios of the simulated modem.
 //
-//   input: see messages.h. The choice is a scenario, a property's file, or a property's name and its value behind a
-//   zero byte. The change is that of nothing: the bytes themselves.
+//   input: u8 what (a scenario, a property's file, or a property's name and its value behind a zero byte), the bytes
 //
 // A scenario is refused with an error that names a place, or has at no moment a number that its field cannot hold. A
 // property is read as a terminated value within its limit, or as the default; a value that was taken is read back; no
@@ -18,7 +17,8 @@
 #include "messages.h"
 #include "scenario/scenario.h"
 
-using namespace pelmar::fuzz;
+using pelmar::fuzz::Bytes;
+using pelmar::fuzz::require;
 using namespace pelmar::sim;
 namespace fs = std::filesystem;
 
@@ -91,12 +91,12 @@ void set_and_get(const fs::path& outside, const std::string& name, const std::st
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
   static const Outside outside;
-  const Input input(data, size);
-  const std::string text(input.rest.begin(), input.rest.end());
-  if (input.choice % 3 == 0) {
+  const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+  if (data[0] % 3 == 0) {
     read_scenario(text);
-  } else if (input.choice % 3 == 1) {
+  } else if (data[0] % 3 == 1) {
     std::ofstream(outside.path / "properties/persist/persist.file", std::ios::binary) << text;
     get("persist.file");
   } else {

@@ -20,7 +20,7 @@ trap 'rm -rf "$scratch"' EXIT
 findings=$build/fuzz-findings
 mkdir -p "$findings" "$scratch/files"
 for scenario in docs/*.json; do
-  { printf '\0\0\0'; cat "$scenario"; } >"$scratch/files/$(basename "$scenario")"
+  { printf '\0'; cat "$scenario"; } >"$scratch/files/$(basename "$scenario")"
 done
 
 for target in client codec files library simulator; do
