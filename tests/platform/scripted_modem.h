@@ -120,7 +120,12 @@ class QmuxServer {
   }
 
   void send(int connection, const Bytes& bytes) {
-    ::send(peer(connection).socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    const int socket = peer(connection).socket.get();
+    for (size_t sent = 0; sent < bytes.size();) {
+      const ssize_t count = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (count <= 0) return;
+      sent += static_cast<size_t>(count);
+    }
   }
   void close(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
   // By the client, within a minute.
