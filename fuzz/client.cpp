@@ -1,8 +1,8 @@
 // The platform's client and its link to the peripheral manager, over a real socket, against a peer that sends any
 // bytes.
 //
-//   input: u8 flags, the peer's bytes. Flag 1: they come after the responses that open a connection. Flag 2: they are
-//   the peripheral manager's.
+//   input: see messages.h. The change is that of what the modem sends. Choice 1: after the responses that open a
+//   connection. Choice 2: of what the peripheral manager sends.
 //
 // The peer sends all it has at once and closes. Whatever it sent, opening ends, a send ends with a response or the loss
 // of the service, and a release returns. The same frames come out however their stream is cut, and of the manager's
@@ -27,42 +27,34 @@ using namespace pelmar;
 
 namespace {
 
-// The bytes of the stream in one row, with a mark between its frames.
-template <typename NextLength>
-Bytes read_stream(std::span<const uint8_t> stream, NextLength next_length) {
+// The frames of a stream that comes in pieces of this length, one behind the other with a mark between them.
+Bytes read_stream(std::span<const uint8_t> stream, size_t piece) {
   Bytes transcript;
   platform::FrameReader reader;
   while (!stream.empty() && !reader.is_broken()) {
     uint8_t* const space = reader.space();
-    const size_t length = std::min({next_length(), reader.room(), stream.size()});
+    const size_t length = std::min({piece, reader.room(), stream.size()});
     require(length > 0);
     std::copy_n(stream.begin(), length, space);
     reader.add(length);
     stream = stream.subspan(length);
-    qmi::Frame frame;
-    while (reader.next(frame)) {
-      transcript =
-          join({transcript, {0xFE, frame.service, frame.client}, Bytes(frame.message.begin(), frame.message.end())});
+    for (qmi::Frame frame; reader.next(frame);) {
+      transcript.insert(transcript.end(), {0xFE, frame.service, frame.client});
+      transcript.insert(transcript.end(), frame.message.begin(), frame.message.end());
     }
   }
   return transcript;
 }
 
 // The modem's responses while a connection is opened: the proxy is open, there is the service, this is the client id.
-// The result is looked for by its number, so it may be a TLV of its own behind the value.
+// The result is looked for by its number, so it may stand behind the value.
 Bytes opening() {
   constexpr uint8_t kNas = NAS_SERVICE_ID_V01;
-  Bytes responses;
-  const auto respond = [&](uint8_t transaction, uint16_t id, const Bytes& value) {
-    Bytes frame = control_frame(1, transaction, id, 0x01, value);
-    frame[1] += 7;  // the lengths of the frame and of its message
-    frame[10] += 7;
-    responses = join({responses, frame, {0x02, 4, 0, 0, 0, 0, 0}});
+  const auto respond = [](uint8_t transaction, uint16_t id, const Bytes& value) {
+    const Bytes tlvs = join({{0x01, static_cast<uint8_t>(value.size()), 0}, value, {0x02, 4, 0, 0, 0, 0, 0}});
+    return make_frame(qmi::MessageKind::kResponse, 0, transaction, id, tlvs);
   };
-  respond(1, 0xFF00, {});
-  respond(2, 0x0021, {1, kNas, 1, 0, 2, 0});
-  respond(3, 0x0022, {kNas, kClient});
-  return responses;
+  return join({respond(1, 0xFF00, {}), respond(2, 0x0021, {1, kNas, 1, 0, 2, 0}), respond(3, 0x0022, {kNas, kClient})});
 }
 
 int listen_for_client() {
@@ -87,14 +79,6 @@ void serve(int listener, const Bytes& bytes) {
 void on_indication(qmi_client_type, unsigned, void* bytes, unsigned length, void*) {
   const auto* const begin = static_cast<const uint8_t*>(bytes);
   const Bytes copy(begin, begin + length);  // every byte of it can be read
-}
-
-void check_frames(std::span<const uint8_t> stream, uint32_t state) {
-  const auto random_length = [&state] {
-    state = state * 1664525 + 1013904223;
-    return size_t{1} + (state >> 24) % 13;
-  };
-  require(read_stream(stream, [] { return size_t{UINT16_MAX}; }) == read_stream(stream, random_length));
 }
 
 void use_client(bool opens) {
@@ -124,19 +108,25 @@ void use_manager_link(std::span<const uint8_t> expected) {
   require(parse_frame(expected, same, size) != platform::power::FrameState::kComplete);
 }
 
+Bytes manager_messages() {
+  using namespace platform::power;
+  return join({to_frame(VoterResponse{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE}),
+               to_frame(Event{EVENT_PERIPH_GOING_OFFLINE}), to_frame(Status{EVENT_PERIPH_IS_ONLINE, 1}),
+               to_frame(VoterEntry{0x01020304, true, std::string(kMaxNameBytes, 'n')})});
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
   static const int listener = listen_for_client();
-  static const Bytes kOpening = opening();
-  const bool is_manager = data[0] & 2, opens = !is_manager && data[0] & 1;
-  const Bytes stream(data + 1, data + size);
-  if (!is_manager) check_frames(stream, data[0]);
-  std::thread peer([&] { serve(listener, opens ? join({kOpening, stream}) : stream); });
+  const Input input(data, size);
+  const bool is_manager = input.choice & 2, opens = !is_manager && input.choice & 1;
+  const Bytes stream = input.change(is_manager ? manager_messages() : make_stream(input, false));
+  std::thread peer([&] { serve(listener, opens ? join({opening(), stream}) : stream); });
   if (is_manager) {
     use_manager_link(stream);
   } else {
+    require(read_stream(stream, UINT16_MAX) == read_stream(stream, size_t{1} + input.choice % 13));
     use_client(opens);
   }
   peer.join();

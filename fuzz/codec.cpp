@@ -1,6 +1,6 @@
 // The decoder and the encoder, over every message of every service.
 //
-//   input: u8 message (by the catalogue), u16 room, wire bytes or the structure's first bytes (the rest is zero)
+//   input: see messages.h. The change is that of the message's wire bytes, and that of its structure.
 //
 // What holds whatever the bytes: nothing outside the exact blocks is touched; what decodes keeps to its maxima, so that
 // it can be encoded within the message's largest size; only counts and texts above their maxima are refused; and what
@@ -26,17 +26,16 @@ void require_round_trip(const Message& message, const Bytes& structure, size_t r
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 3) return 0;
-  const Message& message = catalogue()[data[0] % catalogue().size()];
-  const size_t room = static_cast<size_t>(data[1] | data[2] << 8);
-  const std::span bytes(data + 3, size - 3);
+  const Input input(data, size);
+  const Message& message = message_of(input, input.choice & 1);
+  const size_t room = size_t{input.choice} * input.choice / 4;
+  Bytes structure, wire;
+  if (decode(message, input.change(make_wire(message, input.most)), structure) == QMI_IDL_LIB_NO_ERR) {
+    require_round_trip(message, structure, room);
+  }
 
-  Bytes structure;
-  if (decode(message, bytes, structure) == QMI_IDL_LIB_NO_ERR) require_round_trip(message, structure, room);
-
-  Bytes wire;
-  structure.assign(message.structure_length, 0);
-  std::copy_n(bytes.begin(), std::min(bytes.size(), structure.size()), structure.begin());
+  structure = input.change(make_structure(message, input.most));
+  structure.resize(message.structure_length);
   const int32_t error = encode(message, structure, message.max_wire_length, wire);
   require(error == QMI_IDL_LIB_NO_ERR || error == QMI_IDL_LIB_ARRAY_TOO_BIG);
   if (error == QMI_IDL_LIB_NO_ERR) require_round_trip(message, structure, room);

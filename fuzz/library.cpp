@@ -2,7 +2,8 @@
 // from the framework's callback to the client's event callback, and a statistics value's from the modem's response to
 // every decoder.
 //
-//   input: u8 indication (by the table below) or statistics, wire bytes
+//   input: see messages.h. The change is that of a message: the response with statistics, or what comes as an
+//   indication.
 //
 // What holds whatever the bytes: nothing is read or written beyond a block. One event comes where an indication
 // decodes, with its exact size, and none where it does not. A decoder returns 1 or 0, and no response that is refused
@@ -18,35 +19,24 @@
 #include "modem_api.h"
 #include "modem_hydra.h"
 #include "pelmar_log.h"
-#include "qmi_codec.h"
 #include "vs_client.h"
 #include "vs_messages.h"
+#include "vs_tables.h"
 
 using namespace pelmar::fuzz;
 namespace vs = pelmar::vs;
 
 namespace {
 
-bool decodes(qmi_idl_type_of_message_type type, uint16_t id, const Bytes& wire, Bytes& structure) {
-  uint32_t length = 0;
-  if (qmi_idl_get_message_c_struct_len(vs_client_info.service_object, type, id, &length) != 0) return false;
-  structure.assign(length, 0);
-  return pelmar::qmi::decode(vs_client_info.service_object, type, id, wire.data(), wire.size(), structure.data(),
-                             structure.size()) == QMI_IDL_LIB_NO_ERR;
-}
-
-struct IndicationRow {
+constexpr struct IndicationRow {
   uint16_t id;
   uint32_t event;
   uint32_t payload_length;
-};
-
-constexpr IndicationRow kIndications[] = {
+} kIndications[] = {
     {vs::kStatusIndication, MODEM_API_EVENT_VS_STATUS, sizeof(modem_api_vs_status_event)},
     {vs::kReportAIndication, MODEM_API_EVENT_VS_REPORT_A, sizeof(modem_api_vs_report_a_event)},
     {vs::kReportBIndication, MODEM_API_EVENT_VS_REPORT_B, sizeof(modem_api_vs_report_b_event)},
     {vs::kReportCIndication, MODEM_API_EVENT_VS_REPORT_C, sizeof(modem_api_vs_report_c_event)},
-    {vs::kReadNv, 0, 0},  // a request's number: no event
 };
 
 const IndicationRow* g_expected;
@@ -54,17 +44,20 @@ int g_events;
 
 void on_event(uint32_t event, const uint8_t* payload, uint32_t length) {
   ++g_events;
-  require(event == g_expected->event && length == g_expected->payload_length);
+  require(g_expected != nullptr && event == g_expected->event && length == g_expected->payload_length);
   const Bytes copy(payload, payload + length);  // every byte of it can be read
 }
 
-void indicate(const IndicationRow& row, Bytes wire) {
-  g_expected = &row;
-  g_events = 0;
-  vs_client_unsol_ind_cb(vs_client_info.client_handle, row.id, wire.data(), static_cast<unsigned>(wire.size()),
-                         nullptr);
+// A message that is no indication makes no event.
+void indicate(const Message& message, Bytes wire) {
   Bytes structure;
-  require(g_events == (decodes(QMI_IDL_INDICATION, row.id, wire, structure) ? 1 : 0));
+  const auto row = std::ranges::find(kIndications, message.id, &IndicationRow::id);
+  g_expected = row != std::end(kIndications) ? row : nullptr;
+  g_events = 0;
+  vs_client_unsol_ind_cb(vs_client_info.client_handle, message.id, wire.data(), static_cast<unsigned>(wire.size()),
+                         nullptr);
+  const bool is_good = message.type == QMI_IDL_INDICATION && decode(message, wire, structure) == QMI_IDL_LIB_NO_ERR;
+  require(g_events == (is_good ? 1 : 0));
 }
 
 // The record has a heap block of its own, so that a sanitizer sees each byte beyond.
@@ -84,14 +77,14 @@ constexpr struct {
     {0x62, read<modem_hydra_lte_pusch_power_info, modem_hydra_lte_pusch_power_info_get>},
 };
 
-void read_statistics(const Bytes& wire) {
+void read_statistics(const Message& message, const Bytes& wire, bool has_known_id) {
   Bytes structure;
-  const bool is_good = decodes(QMI_IDL_RESPONSE, vs::kGetStatsParameter, wire, structure);
+  const bool is_good = decode(message, wire, structure) == QMI_IDL_LIB_NO_ERR;
   if (!is_good) structure.assign(structure.size(), 0xFF);  // a failure in its header
   pelmar::instant_platform::set_response(structure.data(), structure.size());
   auto& record = reinterpret_cast<vs::GetStatsParameterResponse*>(structure.data())->records[0];
   for (const auto& reading : kReadings) {
-    if (wire.size() % 2 == 0) record.id = reading.id;  // else the id in the fuzzed bytes
+    if (has_known_id) record.id = reading.id;  // else the id in the fuzzed bytes
     for (const uint16_t sub : {0, 1}) {
       const uint8_t result = reading.read(sub);
       require(result == 0 || (result == 1 && is_good));
@@ -119,13 +112,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
-  const uint8_t entry = data[0] % (std::size(kIndications) + 1);
-  const Bytes wire(data + 1, data + size);
-  if (entry < std::size(kIndications)) {
-    indicate(kIndications[entry], wire);
+  const Input input(data, size);
+  const Message& message = message_of(input, false);
+  if (message.service != &vs::kService) return 0;
+  const Bytes wire = input.change(make_wire(message, input.most));
+  if (message.type == QMI_IDL_RESPONSE && message.id == vs::kGetStatsParameter) {
+    read_statistics(message, wire, input.choice & 1);
   } else {
-    read_statistics(wire);
+    indicate(message, wire);
   }
   return 0;
 }

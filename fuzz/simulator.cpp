@@ -1,7 +1,8 @@
 // The simulated modem whole, without and with a peripheral manager, against a peer that sends any bytes.
 //
-//   input: u8 flags, the peer's bytes. Flag 1: they go to the peripheral manager. Flag 2: the client holds an id of
-//   every service before it sends them; frames with client id kClient are then sent with the service's own.
+//   input: see messages.h. The change is that of what the peer sends. Choice 1: to the peripheral manager. Choice 2:
+//   the client holds an id of every service before it sends; frames with client id kClient are then sent with the
+//   service's own.
 //
 // The peer sends all it has and closes its sending side. Whatever it sent, the modem drops the connection, frees every
 // id that it held, takes its vote back and leaves nothing beside its storage. What a reader makes of the front of a
@@ -17,7 +18,6 @@
 #include "io/local_socket.h"
 #include "manager_protocol.h"
 #include "messages.h"
-#include "qmux.h"
 #include "simulation.h"
 
 using namespace pelmar::fuzz;
@@ -93,13 +93,13 @@ class Modem {
     if (holds_ids) {
       for (const auto& slot : simulation_.modem.slots()) {
         const uint8_t service = slot.service->id();
-        const Bytes request = control_frame(0, 1, 0x0022, 0x01, {service});
-        send(client.get(), request.data(), request.size(), MSG_NOSIGNAL);
+        send_all(client, make_frame(qmi::MessageKind::kRequest, 0, 1, 0x0022, {0x01, 1, 0, service}));
         run_until([&] { return client_of(service) != 0; });
       }
       put_ids(stream);
     }
     send_all(client, stream);
+    shutdown(client.get(), SHUT_WR);
     run_until([&] { return simulation_.connections.count() == 0; });
     for (const auto& slot : simulation_.modem.slots()) require(slot.clients.count() == 0);
     const std::filesystem::directory_iterator entries(directory_);
@@ -109,6 +109,7 @@ class Modem {
   void meet_voter(const Bytes& stream) {
     const UniqueFd voter = pelmar::sim::connect_local(directory_ + "/manager");
     send_all(voter, stream);
+    shutdown(voter.get(), SHUT_WR);
     char drain[4096];
     run_until([&] { return recv(voter.get(), drain, sizeof drain, MSG_DONTWAIT) == 0 || errno == ECONNRESET; });
     const auto& manager = *simulation_.manager;
@@ -129,7 +130,6 @@ class Modem {
 
   static void send_all(const UniqueFd& peer, const Bytes& stream) {
     send(peer.get(), stream.data(), stream.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    shutdown(peer.get(), SHUT_WR);
   }
 
   // The service's only client id; 0 where it has none.
@@ -168,19 +168,26 @@ class Modem {
   Simulation simulation_;
 };
 
+Bytes voter_messages() {
+  return join({to_frame(Register{"modem", "voter"}), to_frame(Vote{}), to_frame(Acknowledge{EVENT_PERIPH_GOING_ONLINE}),
+               to_frame(Acknowledge{EVENT_PERIPH_IS_ONLINE}), to_frame(QueryStatus{}), to_frame(Withdraw{}),
+               to_frame(Unregister{})});
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
   static Modem modem(false), managed_modem(true);
-  const Bytes stream(data + 1, data + size);
-  if (data[0] & 1) {
+  const Input input(data, size);
+  if (input.choice & 1) {
+    const Bytes stream = input.change(voter_messages());
     check(stream, read_manager_message<Request>);
     check(stream, read_manager_message<Reply>);
     managed_modem.meet_voter(stream);
   } else {
+    const Bytes stream = input.change(make_stream(input, true));
     check(stream, read_frame);
-    modem.meet_client(stream, data[0] & 2);
+    modem.meet_client(stream, input.choice & 2);
   }
   return 0;
 }

@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,10 +20,12 @@ namespace pelmar::platform {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using Events = std::vector<std::string>;
-using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
+using Outcome = std::pair<int, uint32_t>;  // transport code; the response's DRX, or kRefused and its QMI error
 
 inline constexpr uint8_t kNasId = NAS_SERVICE_ID_V01;
 inline constexpr unsigned kDrx = QMI_NAS_GET_DRX_V01;
+inline constexpr uint32_t kRefused = 1000;
+inline const Outcome kLost = {QMI_SERVICE_ERR, kRefused + QMI_ERR_INTERNAL_V01};  // must not look like a success
 inline const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 
 class ClientTest : public testing::Test {
@@ -36,25 +38,27 @@ class ClientTest : public testing::Test {
 
   ~ClientTest() override {
     for (const qmi_client_type handle : handles_) qmi_client_release(handle);
-    EXPECT_TRUE(modem_.comes_to_hold_no_ids()) << "every client id is given back";
+    EXPECT_TRUE(comes_to_hold_no_ids()) << "every client id is given back";
+  }
+
+  // Within a minute: a release does not wait for a slow modem.
+  bool comes_to_hold_no_ids() {
+    return modem_.client_ids.comes_to([](const auto& ids) { return ids.empty(); });
   }
 
   int open(qmi_client_type* handle, uint32_t timeout = 4, qmi_idl_service_object_type service = kNas) {
     return qmi_client_init_instance(service, QMI_CLIENT_INSTANCE_ANY, on_indication, this, nullptr, timeout, handle);
   }
-
   qmi_client_type connect(uint32_t timeout = 4) {
     qmi_client_type handle = nullptr;
     EXPECT_EQ(open(&handle, timeout), QMI_NO_ERR);
     return handles_.emplace_back(handle);
   }
-
   qmi_client_type connect_with_error_callback() {
     const qmi_client_type handle = connect();
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
     return handle;
   }
-
   qmi_client_type create_notifier() {
     qmi_client_type handle = nullptr;
     EXPECT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
@@ -62,23 +66,20 @@ class ClientTest : public testing::Test {
     return handles_.emplace_back(handle);
   }
 
-  static int get_drx(qmi_client_type handle, nas::GetDrxResponse& response, unsigned timeout = 60'000) {
-    uint8_t request = 0;
-    return qmi_client_send_msg_sync(handle, kDrx, &request, 1, &response, sizeof response, timeout);
+  static uint32_t value_of(const nas::GetDrxResponse& response) {
+    return response.header.result == QMI_RESULT_SUCCESS_V01 ? response.drx : kRefused + response.header.error;
   }
-
-  static std::future<Outcome> sender(qmi_client_type handle, unsigned timeout) {
-    return std::async(std::launch::async, [=] {
-      nas::GetDrxResponse response{};
-      const int error = get_drx(handle, response, timeout);
-      return Outcome(error, response.drx);
-    });
+  static Outcome get_drx(qmi_client_type handle, unsigned timeout = 60'000) {
+    uint8_t request = 0;
+    nas::GetDrxResponse response{};
+    const int error = qmi_client_send_msg_sync(handle, kDrx, &request, 1, &response, sizeof response, timeout);
+    return {error, value_of(response)};
   }
   Exchange begin(qmi_client_type handle, unsigned timeout = 60'000) {
-    auto outcome = sender(handle, timeout);
+    auto outcome = std::async(std::launch::async, get_drx, handle, timeout);
     return {std::move(outcome), modem_.receive()};
   }
-  Outcome finish(Exchange& exchange, uint32_t drx) {
+  Outcome finish(Exchange& exchange, uint8_t drx) {
     modem_.respond(exchange.request, drx_response(drx));
     return exchange.outcome.get();
   }
@@ -96,57 +97,43 @@ class ClientTest : public testing::Test {
   void note(const std::string& event) {
     events_.change([&](Events& events) { events.push_back(event); });
   }
-
   // All events so far, when there are `count` at least; after a minute as many as there are.
   Events events(size_t count) {
     events_.comes_to([=](const Events& events) { return events.size() >= count; });
     return events_.get();
   }
 
-  // All events so far, when this one is the last; after a minute as many as there are.
-  Events events_up_to(const std::string& last) {
-    events_.comes_to([&](const Events& events) { return !events.empty() && events.back() == last; });
-    return events_.get();
-  }
-
   static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
     auto* const test = static_cast<ClientTest*>(data);
     test->note("indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
-    test->run_callback(handle);
+    if (const auto function = test->on_callback_.get()) function(handle);
   }
-
-  static void on_response(qmi_client_type, unsigned id, void*, unsigned, void* data, qmi_client_error_type error) {
-    static_cast<ClientTest*>(data)->note("response " + std::to_string(id) + " " + std::to_string(error));
+  static void on_response(qmi_client_type, unsigned id, void* bytes, unsigned length, void* data,
+                          qmi_client_error_type error) {
+    nas::GetDrxResponse response{};
+    std::memcpy(&response, bytes, length);
+    static_cast<ClientTest*>(data)->note("response " + std::to_string(id) + " " + std::to_string(error) + " " +
+                                         std::to_string(value_of(response)));
   }
-
-  // The main thread is the one that registers.
   static void on_error(qmi_client_type, qmi_client_error_type error, void* data) {
-    auto* const test = static_cast<ClientTest*>(data);
-    const bool is_caller = std::this_thread::get_id() == test->test_thread_;
-    test->note("error " + std::to_string(error) + (is_caller ? " on the caller's thread" : ""));
+    static_cast<ClientTest*>(data)->note("error " + std::to_string(error));
   }
-
   static void on_event(qmi_client_type handle, qmi_idl_service_object_type service, qmi_client_notify_event_type event,
                        void* data) {
     EXPECT_EQ(service, kNas);
     auto* const test = static_cast<ClientTest*>(data);
-    test->run_callback(handle);
+    if (const auto function = test->on_callback_.get()) function(handle);
     test->note("event " + std::to_string(event));
   }
 
   ScriptedModem modem_{{kNasId}};
   nas::GetDrxResponse async_response_{};
+  SharedValue<Events> events_;
   // Runs on the handle's thread, after an indication was noted or before a notifier's event is.
   SharedValue<std::function<void(qmi_client_type)>> on_callback_;
 
  private:
-  void run_callback(qmi_client_type handle) {
-    if (const auto function = on_callback_.get()) function(handle);
-  }
-
-  const std::thread::id test_thread_ = std::this_thread::get_id();
   std::vector<qmi_client_type> handles_;
-  SharedValue<Events> events_;
 };
 
 }  // namespace pelmar::platform

@@ -1,18 +1,23 @@
-// What the platform shares with the programs above it: names of sockets, and the environment.
+// What the platform shares with the programs above it: sockets and their names, the environment, and system properties.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "cutils/properties.h"
 #include "environment.h"
 #include "manager_link.h"
 #include "scripted_modem.h"
@@ -21,6 +26,34 @@
 
 namespace pelmar::platform {
 namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uid_t kUser = 61234;  // that is not in the user database
+
+class AsUser {
+ public:
+  explicit AsUser(uid_t user) { EXPECT_EQ(::seteuid(user), 0); }
+  ~AsUser() { EXPECT_EQ(::seteuid(0), 0); }
+};
+
+// Each test has a directory where every user can write.
+class DirectoryTest : public testing::Test {
+ protected:
+  DirectoryTest() {
+    char path[] = "/tmp/io-test-XXXXXX";
+    EXPECT_NE(::mkdtemp(path), nullptr);
+    directory_ = path;
+    ::umask(0);
+    fs::permissions(directory_, fs::perms::all);
+    ::setenv("PELMAR_PROPERTY_DIR", path, 1);
+  }
+  ~DirectoryTest() override { fs::remove_all(directory_); }
+
+  fs::path directory_;
+};
+
+// --- sockets ---
 
 TEST(UnixAddress, TakesNamesUpToTheLongest) {
   const struct {
@@ -40,7 +73,7 @@ TEST(UnixAddress, TakesNamesUpToTheLongest) {
     const auto address = unix_address(name);
     EXPECT_EQ(address.has_value(), bytes > 0) << name;
     if (!address) continue;
-    std::string expected = name[0] == '@' ? '\0' + name.substr(1) : name + '\0';
+    const std::string expected = name[0] == '@' ? '\0' + name.substr(1) : name + '\0';
     EXPECT_EQ(std::string(address->socket.sun_path, address->length - offsetof(sockaddr_un, sun_path)), expected);
     EXPECT_EQ(expected.size(), bytes) << name;
   }
@@ -54,30 +87,18 @@ TEST(UnixSocket, AListenerThatAcceptsNobodyIsGivenUpInTimeDespiteSignals) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
   action.sa_flags = SA_RESTART;
-  ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
-  std::atomic<bool> is_done{false};
-  std::thread disturber([&is_done, caller = ::pthread_self()] {
-    while (!is_done) {
-      ::pthread_kill(caller, SIGUSR1);
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  });
+  ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
+  const itimerval often = {{0, 10'000}, {0, 10'000}}, never = {};
+  ::setitimer(ITIMER_REAL, &often, nullptr);
   const auto start = std::chrono::steady_clock::now();
-  const UnixConnection connection = connect_unix(name);
-  is_done = true;
-  disturber.join();
-  EXPECT_EQ(connection.error, ETIMEDOUT);
+  EXPECT_EQ(connect_unix(name).error, ETIMEDOUT);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
-TEST(UnixSocket, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
+TEST_F(DirectoryTest, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
   if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
-  constexpr uid_t kOther = 61234;
-  char directory[] = "/tmp/io-test-XXXXXX";
-  ASSERT_NE(::mkdtemp(directory), nullptr);
-  ASSERT_EQ(::chmod(directory, 0777), 0);
-  ::umask(0);
-  const std::string abstract = "@io-test-user-" + std::to_string(::getpid()), path = std::string(directory) + "/socket";
+  const std::string abstract = "@io-test-user-" + std::to_string(::getpid()), path = directory_ / "socket";
   const struct {
     std::string name;
     uid_t listener, caller;
@@ -85,28 +106,29 @@ TEST(UnixSocket, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
     int error;
     bool may_refuse;
   } cases[] = {
-      {abstract, kOther, 0, "0", EPERM, false},
-      {abstract, kOther, 0, "1", 0, false},
-      {abstract, 0, kOther, "0", 0, true},
-      {abstract, kOther, kOther, "0", 0, false},
-      {abstract, kOther, kOther + 1, "1", 0, true},
-      {path, kOther, 0, "0", 0, false},
-      {path, 0, kOther, "0", 0, false},
+      {abstract, kUser, 0, "0", EPERM, false},
+      {abstract, kUser, 0, "1", 0, false},
+      {abstract, 0, kUser, "0", 0, true},
+      {abstract, kUser, kUser, "0", 0, false},
+      {abstract, kUser, kUser + 1, "1", 0, true},
+      {path, kUser, 0, "0", 0, false},
+      {path, 0, kUser, "0", 0, false},
   };
   for (const auto& each : cases) {
     ::setenv("PELMAR_ANY_USER", each.any_user, 1);
-    ASSERT_EQ(::seteuid(each.listener), 0);
-    const UniqueFd listener = listen_on(each.name, 1);
-    ASSERT_EQ(::seteuid(0) + ::seteuid(each.caller), 0);
+    const auto listen = [&] {
+      const AsUser listener(each.listener);
+      return listen_on(each.name, 1);
+    };
+    const UniqueFd listener = listen();
+    const AsUser caller(each.caller);
     const UnixConnection connection = connect_unix(each.name);
     const std::string refusal = connection.fd ? describe_refusal(connection.fd.get(), each.name) : "";
-    ASSERT_EQ(::seteuid(0), 0);
     EXPECT_EQ(connection.error, each.error) << each.listener << ' ' << each.caller << ' ' << each.any_user;
     EXPECT_EQ(connection.problem.find("user 61234") != std::string::npos, each.error != 0) << connection.problem;
     EXPECT_EQ(!refusal.empty(), each.may_refuse) << refusal;
   }
   ::unsetenv("PELMAR_ANY_USER");
-  std::filesystem::remove_all(directory);
 }
 
 TEST(Environment, AnEmptyVariableIsUnset) {
@@ -117,6 +139,125 @@ TEST(Environment, AnEmptyVariableIsUnset) {
   EXPECT_EQ(power::manager_socket(), "@a.pm");
   ::setenv("PELMAR_PM_SOCKET", "/b", 1);
   EXPECT_EQ(power::manager_socket(), "/b");
+}
+
+// --- properties ---
+
+class Properties : public DirectoryTest {
+ protected:
+  static std::string get(const std::string& name, const char* otherwise = "none") {
+    char value[PROPERTY_VALUE_MAX];
+    const int length = property_get(name.c_str(), value, otherwise);
+    EXPECT_EQ(static_cast<size_t>(length), std::strlen(value));
+    return value;
+  }
+};
+
+TEST_F(Properties, KeepTheLastGoodValueOfAGoodName) {
+  const std::string longest(91, 'x');
+  const struct {
+    std::string name, value;
+    bool is_set;
+    std::string read;
+  } cases[] = {
+      {"persist.a", "1", true, "1"},
+      {"persist.a", "2", true, "2"},
+      {"b", longest, true, longest},
+      {"b", longest + 'x', false, longest},
+      {"b", "", true, "none"},  // an empty value is no value
+      {"ro.a", longest + 'x', false, "none"},
+      {"ro.a", "1", true, "1"},
+      {"ro.a", "2", false, "1"},
+      {"", "1", false, "none"},
+      {"a/b", "1", false, "none"},
+      {"../a", "1", false, "none"},
+      {".hidden", "1", false, "none"},
+      {"a\nb", "1", false, "none"},
+      {"a b", "1", false, "none"},
+      {std::string(300, 'n'), "1", false, "none"},
+  };
+  for (const auto& [name, value, is_set, read] : cases) {
+    EXPECT_EQ(property_set(name.c_str(), value.c_str()) == 0, is_set) << name;
+    EXPECT_EQ(get(name), read) << name;
+  }
+  EXPECT_EQ(get("c", nullptr), "");
+  EXPECT_EQ(get("c", std::string(200, 'd').c_str()), std::string(91, 'd'));
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 2 + 3) << "no temporary file is left";
+}
+
+TEST_F(Properties, OneOfManyWritersSetsAReadOnlyOne) {
+  std::vector<std::thread> writers;
+  std::atomic<int> winners{0};
+  for (int i = 0; i < 8; ++i) {
+    writers.emplace_back([&, i] { winners += property_set("ro.once", std::to_string(i).c_str()) == 0 ? 1 : 0; });
+  }
+  for (auto& writer : writers) writer.join();
+  EXPECT_EQ(winners, 1);
+}
+
+TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
+  property_set("persist.a", "kept");
+  property_set("ro.b", "lost");
+  fs::rename(directory_ / boot_id(), directory_ / "the-boot-before");
+  EXPECT_EQ(get("persist.a"), "kept");
+  EXPECT_EQ(get("ro.b"), "none");
+  EXPECT_EQ(property_set("ro.b", "new"), 0);
+}
+
+TEST_F(Properties, ReadNothingFromAFileThatIsNoProperty) {
+  property_set("persist.a", "1");
+  const fs::path file = directory_ / "persist/persist.a";
+  for (const std::string& content : {std::string(92, 'x'), std::string("a\0b", 3)}) {
+    std::ofstream(file) << content;
+    EXPECT_EQ(get("persist.a"), "none");
+  }
+  fs::remove(file);
+  fs::create_directory(file);
+  EXPECT_EQ(get("persist.a"), "none");
+}
+
+TEST_F(Properties, WithoutAHomeAreKeptWhereNobodyElseCanWrite) {
+  if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
+  for (const char* name : {"PELMAR_PROPERTY_DIR", "XDG_STATE_HOME", "HOME"}) ::unsetenv(name);
+  ::openlog("platform_tests", LOG_PERROR, LOG_USER);
+  const fs::path place = directory_ / ("pelmar-" + std::to_string(kUser)), elsewhere = directory_ / "elsewhere";
+  const struct {
+    const char* what;
+    fs::path made;  // the directory that is there before; empty: none
+    uid_t owner;
+    mode_t mode;
+    fs::path temporary_files;
+    bool is_kept;
+  } cases[] = {
+      {"nothing", "", 0, 0, directory_, true},
+      {"a directory of its own", place, kUser, 0700, directory_, true},
+      {"another user's", place, kUser + 1, 0777, directory_, false},
+      {"open to others", place, kUser, 0750, directory_, false},
+      {"a link", elsewhere, kUser, 0700, directory_, false},
+      {"no temporary files", "", 0, 0, "/no/such/directory", false},
+  };
+  std::string log;
+  for (const auto& each : cases) {
+    ::setenv("TMPDIR", each.temporary_files.c_str(), 1);
+    if (!each.made.empty()) {
+      fs::create_directories(each.made / "properties/persist");
+      std::ofstream(each.made / "properties/persist/persist.a") << "prepared";
+      for (const fs::path& path : {each.made / "properties/persist", each.made / "properties", each.made}) {
+        ASSERT_EQ(::chown(path.c_str(), each.owner, each.owner) + ::chmod(path.c_str(), each.mode), 0);
+      }
+    }
+    if (each.made == elsewhere) fs::create_directory_symlink(elsewhere, place);
+    testing::internal::CaptureStderr();
+    for (const AsUser user(kUser); const char* const value : {"1", "2"}) {
+      EXPECT_EQ(property_set("persist.a", value) == 0, each.is_kept) << each.what;
+      EXPECT_EQ(get("persist.a"), each.is_kept ? value : "none") << each.what;
+    }
+    log += testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.empty(), each.is_kept) << each.what << ": " << log;
+    EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, each.is_kept || fs::is_symlink(place));
+    fs::remove_all(place);
+  }
+  EXPECT_EQ(log.find("Nothing is kept"), log.rfind("Nothing is kept")) << "once";
 }
 
 }  // namespace

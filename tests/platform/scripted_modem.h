@@ -1,5 +1,6 @@
-// A modem behind a QMUX proxy, played by the test: it serves CTL by itself and leaves the requests of all other
-// services to the test, one by one. While it lives PELMAR_QMI_SOCKET names its socket.
+// A modem that the test plays: it serves CTL by itself and leaves the requests of all other services to the test, one
+// by one. It handles messages; QmuxServer carries them to and from the clients, and sets PELMAR_QMI_SOCKET to its
+// socket.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,11 +9,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
 #include <functional>
 #include <future>
+#include <initializer_list>
 #include <iterator>
 #include <list>
 #include <mutex>
@@ -22,11 +25,42 @@
 #include <utility>
 #include <vector>
 
-#include "shared_value.h"
 #include "unique_fd.h"
 #include "unix_socket.h"
 
 namespace pelmar::platform {
+
+// A value that several threads read and change, and wait for.
+template <typename T>
+class SharedValue {
+ public:
+  explicit SharedValue(T value = {}) : value_(std::move(value)) {}
+
+  // Returns what `function` does, which runs alone.
+  template <typename Function>
+  auto change(const Function& function) {
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+    return function(value_);
+  }
+  T get() {
+    return change([](const T& value) { return value; });
+  }
+  void set(T value) {
+    change([&](T& own) { own = std::move(value); });
+  }
+  // Waits until the condition holds, a minute at most; returns whether it does.
+  template <typename Condition>
+  bool comes_to(const Condition& condition) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return condition(value_); });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  T value_;
+};
 
 using Bytes = std::vector<uint8_t>;
 
@@ -42,15 +76,12 @@ inline uint16_t u16_at(const Bytes& bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
 }
 
-// A message of a service, and the frame that brings one from the modem.
+// A message of a service, and the QMUX frame that brings a message from the modem.
 inline Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs) {
   return join({{flags}, u16(transaction), u16(id), u16(tlvs.size()), tlvs});
 }
 inline Bytes frame(uint8_t service, uint8_t client, const Bytes& message) {
   return join({{0x01}, u16(5 + message.size()), {0x80, service, client}, message});
-}
-inline Bytes control_frame(uint8_t client, uint8_t flags, uint8_t transaction, uint16_t id, const Bytes& tlvs) {
-  return frame(0, client, join({{flags, transaction}, u16(id), u16(tlvs.size()), tlvs}));
 }
 
 // TLVs of responses.
@@ -58,8 +89,8 @@ inline const Bytes kSuccess = {0x02, 4, 0, 0, 0, 0, 0};
 inline Bytes refusal(uint8_t error) {
   return {0x02, 4, 0, 1, 0, error, 0};
 }
-inline Bytes drx_response(uint32_t value) {
-  return join({kSuccess, {0x10, 4, 0}, u16(value), u16(value >> 16)});
+inline Bytes drx_response(uint8_t value) {
+  return join({kSuccess, {0x10, 4, 0, value, 0, 0, 0}});
 }
 
 inline UniqueFd listen_on(const std::string& name, int backlog) {
@@ -70,26 +101,16 @@ inline UniqueFd listen_on(const std::string& name, int backlog) {
   return listener;
 }
 
-struct ScriptedRequest {
-  int connection;  // number of the connection that it came by, from 0
-  uint8_t service;
-  uint8_t client;
-  uint16_t transaction;
-  uint16_t id;
-  Bytes tlvs;
-};
-
-class ScriptedModem {
+// The modem's end of all QMUX connections, which are numbered from 0.
+class QmuxServer {
  public:
-  using ClientIds = std::set<std::pair<uint8_t, uint8_t>>;  // service and id
-  // Runs before the response to a CTL request is sent: may change its TLVs, or return false for no response.
-  using ControlHook = std::function<bool(int connection, uint16_t id, Bytes& tlvs)>;
-  static constexpr uint16_t kGetVersionInfo = 0x0021, kAllocate = 0x0022, kRelease = 0x0023;
+  // Runs for every message of a client, on a thread of its connection.
+  using Receiver = std::function<void(int connection, uint8_t service, uint8_t client, const Bytes& message)>;
 
-  explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {
+  explicit QmuxServer(Receiver receiver) : receiver_(std::move(receiver)) {
     ::setenv("PELMAR_QMI_SOCKET", path_.c_str(), 1);
   }
-  ~ScriptedModem() {
+  ~QmuxServer() {
     ::shutdown(listener_.get(), SHUT_RDWR);
     accepting_.wait();
     ::unlink(path_.c_str());
@@ -98,50 +119,15 @@ class ScriptedModem {
     for (const Peer& peer : peers) peer.serving.wait();
   }
 
-  // What the test may change at any time.
-  SharedValue<std::set<uint8_t>> services;
-  SharedValue<ControlHook> on_control;
-  SharedValue<ClientIds> client_ids;  // nothing frees them but a client's release, or the test
-  // Within a minute: a release does not wait for a slow modem.
-  bool comes_to_hold_no_ids() {
-    return client_ids.comes_to([](const ClientIds& ids) { return ids.empty(); });
-  }
-  std::atomic<size_t> client_id_limit{10};
-  std::mutex reading;  // a test that holds it keeps the modem from reading on
-
-  SharedValue<std::deque<ScriptedRequest>> requests;  // of services, not received yet
-
-  // The next of them; nothing within a minute is an error of the test.
-  ScriptedRequest receive() {
-    if (!requests.comes_to([](const auto& queue) { return !queue.empty(); })) throw std::runtime_error("no request");
-    return requests.change([](auto& queue) {
-      ScriptedRequest request = std::move(queue.front());
-      queue.pop_front();
-      return request;
-    });
-  }
-
-  void respond(const ScriptedRequest& to, const Bytes& tlvs = kSuccess) {
-    send_raw(to.connection, frame(to.service, to.client, message(0x02, to.transaction, to.id, tlvs)));
-  }
-  void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs = {}) {
-    send_raw(connection, frame(service, client, message(0x04, 0, id, tlvs)));
-  }
-  void revoke(int connection, uint8_t service, uint8_t client) {
-    send_raw(connection, control_frame(0, 2, 0, 0x0024, {0x01, 2, 0, service, client}));
-  }
-  void announce_restart(int connection) { send_raw(connection, control_frame(0xFF, 2, 0, 0x0027, {})); }
-  void send_raw(int connection, const Bytes& bytes) {
-    Peer& to = peer(connection);
-    const std::lock_guard lock(to.sending);
+  void send(int connection, const Bytes& bytes) {
+    const int socket = peer(connection).socket.get();
     for (size_t sent = 0; sent < bytes.size();) {
-      const ssize_t count = ::send(to.socket.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      const ssize_t count = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
       if (count <= 0) return;
       sent += static_cast<size_t>(count);
     }
   }
-
-  void close_connection(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
+  void close(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
   // By the client, within a minute.
   bool comes_to_be_closed(int connection) {
     return peer(connection).serving.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
@@ -150,7 +136,6 @@ class ScriptedModem {
  private:
   struct Peer {
     UniqueFd socket;
-    std::mutex sending;
     std::future<void> serving;
   };
 
@@ -170,29 +155,89 @@ class ScriptedModem {
     }
   }
 
-  // Nothing where the connection ends before.
-  static Bytes read_whole(int socket, size_t length) {
-    Bytes bytes(length);
-    if (::recv(socket, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) bytes.clear();
-    return bytes;
+  void serve(int connection, int socket) const {
+    // False where the connection ends before.
+    const auto read = [=](Bytes& bytes) {
+      return ::recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
+    };
+    for (Bytes header(6); read(header);) {
+      Bytes message(u16_at(header, 1) - 5u);
+      if (!read(message)) return;
+      receiver_(connection, header[4], header[5], message);
+    }
   }
 
-  void serve(int connection, int socket) {
-    for (;;) {
-      const Bytes header = read_whole(socket, 6);
-      if (header.empty()) return;
-      const Bytes request = read_whole(socket, u16_at(header, 1) - 5u);
-      if (request.empty()) return;
-      { const std::lock_guard may_read(reading); }
-      if (header[4] == 0) {
-        handle_control(connection, request);
-        continue;
-      }
-      requests.change([&](auto& queue) {
-        queue.push_back({connection, header[4], header[5], u16_at(request, 1), u16_at(request, 3),
-                         Bytes(request.begin() + 7, request.end())});
-      });
-    }
+  const Receiver receiver_;
+  const std::string path_ = "/tmp/scripted-modem-" + std::to_string(::getpid());
+  const UniqueFd listener_ = listen_on(path_, 64);
+  SharedValue<std::list<Peer>> peers_;
+  std::future<void> accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
+};
+
+struct ScriptedRequest {
+  int connection;
+  uint8_t service;
+  uint8_t client;
+  uint16_t transaction;
+  uint16_t id;
+  Bytes tlvs;
+};
+
+class ScriptedModem {
+ public:
+  using ClientIds = std::set<std::pair<uint8_t, uint8_t>>;  // service and id
+  // Runs before the response to a CTL request is sent: may change its TLVs, or return false for no response.
+  using ControlHook = std::function<bool(int connection, uint16_t id, Bytes& tlvs)>;
+  static constexpr uint16_t kGetVersionInfo = 0x0021, kAllocate = 0x0022, kRelease = 0x0023;
+
+  explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {}
+
+  // What the test may change at any time.
+  SharedValue<std::set<uint8_t>> services;
+  SharedValue<ControlHook> on_control;
+  SharedValue<ClientIds> client_ids;  // nothing frees them but a client's release, or the test
+  std::atomic<size_t> client_id_limit{10};
+  std::mutex reading;  // a test that holds it keeps the modem from reading on
+
+  SharedValue<std::deque<ScriptedRequest>> requests;  // of services, not received yet
+
+  // The next of them; nothing within a minute is an error of the test.
+  ScriptedRequest receive() {
+    if (!requests.comes_to([](const auto& queue) { return !queue.empty(); })) throw std::runtime_error("no request");
+    return requests.change([](auto& queue) {
+      ScriptedRequest request = std::move(queue.front());
+      queue.pop_front();
+      return request;
+    });
+  }
+
+  void respond(const ScriptedRequest& to, const Bytes& tlvs = kSuccess) {
+    send(to.connection, to.service, to.client, message(0x02, to.transaction, to.id, tlvs));
+  }
+  void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs = {}) {
+    send(connection, service, client, message(0x04, 0, id, tlvs));
+  }
+  void revoke(int connection, uint8_t service, uint8_t client) {
+    send_control(connection, 0, 2, 0, 0x0024, {0x01, 2, 0, service, client});
+  }
+  void announce_restart(int connection) { send_control(connection, 0xFF, 2, 0, 0x0027, {}); }
+  void send(int connection, uint8_t service, uint8_t client, const Bytes& message) {
+    server.send(connection, frame(service, client, message));
+  }
+
+ private:
+  void send_control(int connection, uint8_t client, uint8_t flags, uint8_t transaction, uint16_t id,
+                    const Bytes& tlvs) {
+    send(connection, 0, client, join({{flags, transaction}, u16(id), u16(tlvs.size()), tlvs}));
+  }
+
+  void handle(int connection, uint8_t service, uint8_t client, const Bytes& message) {
+    { const std::lock_guard may_read(reading); }
+    if (service == 0) return handle_control(connection, message);
+    requests.change([&](auto& queue) {
+      queue.push_back({connection, service, client, u16_at(message, 1), u16_at(message, 3),
+                       Bytes(message.begin() + 7, message.end())});
+    });
   }
 
   void handle_control(int connection, const Bytes& request) {
@@ -214,15 +259,14 @@ class ScriptedModem {
     }
     Bytes tlvs = is_refused ? refusal(5) : join({kSuccess, {0x01}, u16(value.size()), value});
     const ControlHook hook = on_control.get();
-    if (hook && !hook(connection, id, tlvs)) return;
-    send_raw(connection, control_frame(0, 1, request[1], id, tlvs));
+    if (!hook || hook(connection, id, tlvs)) send_control(connection, 0, 1, request[1], id, tlvs);
   }
 
-  const std::string path_ = "/tmp/scripted-modem-" + std::to_string(::getpid());
-  const UniqueFd listener_ = listen_on(path_, 64);
   std::atomic<uint8_t> last_client_id_{0};
-  SharedValue<std::list<Peer>> peers_;
-  std::future<void> accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
+
+ public:
+  // The last member: its threads use the others.
+  QmuxServer server{[this](auto... message) { handle(message...); }};
 };
 
 }  // namespace pelmar::platform
