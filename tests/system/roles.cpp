@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "chaos/chaos.h"
-#include "client_process.h"
 #include "modem_api.h"
 #include "modem_api_peripheral_mng.h"
 #include "pelmar_log.h"
@@ -36,13 +35,9 @@ int hold(char** arguments) {
   return 0;
 }
 
-// Votes for the modem's power until its input ends. With an heir: a child that has the connection too and outlives it.
-int vote(char** arguments) {
+// Votes for the modem's power until its input ends.
+int vote(char**) {
   if (modem_api_peripheral_mng_init("modem") != 0 || modem_api_peripheral_mng_vote() != 0) return 1;
-  if (std::strcmp(arguments[0], "with heir") == 0 && fork() == 0) {
-    wait_for_end_of_input();
-    _exit(0);
-  }
   std::puts("voted");
   wait_for_end_of_input();
   modem_api_peripheral_mng_release_vote();
