@@ -45,13 +45,13 @@ class RawVoter {
   }
 
   int event() {
-    if (events_.empty()) {
-      const auto reply = next();
-      return reply && std::holds_alternative<Event>(*reply) ? std::get<Event>(*reply).event : -1;
+    if (!events_.empty()) {
+      const int first = events_.front();
+      events_.pop_front();
+      return first;
     }
-    const int first = events_.front();
-    events_.pop_front();
-    return first;
+    const auto reply = next();
+    return reply && std::holds_alternative<Event>(*reply) ? std::get<Event>(*reply).event : -1;
   }
   void acknowledge(int event) { send(Acknowledge{static_cast<pm_event>(event)}); }
 
