@@ -41,6 +41,9 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
            "{\"sent\":4}\n{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
            "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
           {"client nv write 1 0a", 0, "NV item 1: 1 byte written\n"},
+          {"head -c 256 /dev/urandom >whole; client nv write 2 @whole >w; client nv read 2 -o - | cmp - whole", 0, ""},
+          {"cat whole whole | client raw @- --async --json", 0, R"("callback":"data","length":512,)"},
+          {"client efs-sync", 0, "EFS: synchronised\n"},
           {"head -c 257 /dev/zero | client nv write 1 @- --json", 1,
            R"("name":"MODEM_API_ERR_INVALID_PARAM","advice":"An item has at most 256)"},
           {"client nv read 1 --json", 0, "{\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
@@ -107,6 +110,10 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
           {"client stats report off --client 0", 1, "valid in the program that it was granted to"},
           {"client stats deregister lte-pcc --client 0", 1, "valid in the program that it was granted to"},
           {"client stats report off", 2, "--client"}});
+  for (const char* command : {"report-period 10", "clock run"}) ctl(command);
+  expect({{"client stats register 0x1234 --option1 1 --count 2 --json", 0, R"("sub":1,"id":4660,)"}});
+  EXPECT_EQ(modem().value("status", "/statistics/reporters"), 0);
+  ctl("clock 3000");
   for (const char* state :
        {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
     EXPECT_TRUE(comes_to(state)) << state;

@@ -2,9 +2,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -20,7 +18,6 @@ namespace {
 
 using sim::test::comes_true;
 using testing::ElementsAre;
-using Bytes = std::vector<uint8_t>;
 
 // The statuses that a connection reports, kept by client type and passed on to the client table.
 class Statuses {
@@ -159,71 +156,6 @@ TEST_F(RestartTest, AClientFreedAtAnyMomentOfARestartHoldsNothing) {
   }
   EXPECT_TRUE(has_all_clients());
 }
-
-// A crash in each restart type; a modem that stays down is started again.
-class CrashTest : public RestartTest, public testing::WithParamInterface<int32_t> {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(pelmar_set_modem_ssr_type(GetParam()), 1);
-    client_ = open(MODEM_API_CLIENT_VS);
-  }
-
-  void crash() { EXPECT_EQ(modem().value("crash", "/restarts"), GetParam() == MODEM_RESTART_LEVEL_ID_SSR); }
-
-  modem_api_result write(uint8_t value) const {
-    const Bytes bytes(MODEM_API_MAX_ITEM_BYTES, value);
-    return modem_api_write_nv(client_, 7, 0, 0, bytes.data(), MODEM_API_MAX_ITEM_BYTES);
-  }
-
-  // What the item holds after the crash: the value of a write, never of two.
-  int found_after_crash() {
-    if (GetParam() == MODEM_RESTART_LEVEL_ID_DUMP) ctl("start");
-    modem_api_free_client(client_);
-    client_ = open(MODEM_API_CLIENT_VS);
-    Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
-    uint32_t length = MODEM_API_MAX_ITEM_BYTES;
-    EXPECT_EQ(modem_api_read_nv(client_, 7, 0, 0, bytes.data(), &length), MODEM_API_SUCCESS);
-    EXPECT_EQ(bytes, Bytes(length, bytes[0]));
-    return bytes[0];
-  }
-
-  int32_t client_ = -1;
-};
-
-TEST_P(CrashTest, AWriteFailsOrHasHappened) {
-  for (int round = 0; round < 5; ++round) {
-    ASSERT_EQ(write(1), MODEM_API_SUCCESS);
-    std::atomic<int> done{1};
-    std::atomic<int> tried{1};
-    modem_api_result last = MODEM_API_SUCCESS;
-    std::thread writer([&] {
-      while (last == MODEM_API_SUCCESS) {
-        tried = done % 250 + 1;
-        last = write(static_cast<uint8_t>(tried));
-        if (last == MODEM_API_SUCCESS) done = tried.load();
-      }
-    });
-    EXPECT_TRUE(comes_true([&] { return done > 20; }));
-    crash();
-    writer.join();
-    EXPECT_EQ(last, MODEM_API_ERR_GENERIC);
-    const int found = found_after_crash();
-    EXPECT_TRUE(found == done || found == tried) << found << ", written " << done << ", tried " << tried;
-  }
-  ctl("delay 600000 vs write-nv 1");
-  modem_api_result result = MODEM_API_SUCCESS;
-  std::thread writer([&] { result = write(255); });
-  EXPECT_TRUE(comes_true([&] { return modem().value("status", "/counters/faults") == 1; }));
-  crash();
-  writer.join();
-  EXPECT_EQ(result, MODEM_API_ERR_GENERIC) << "the response is lost";
-  EXPECT_EQ(found_after_crash(), 255) << "the write had happened";
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, CrashTest, testing::Values(MODEM_RESTART_LEVEL_ID_SSR, MODEM_RESTART_LEVEL_ID_DUMP),
-                         [](const auto& type) {
-                           return type.param == MODEM_RESTART_LEVEL_ID_SSR ? "Restart" : "Dump";
-                         });
 
 }  // namespace
 }  // namespace pelmar::system_test
