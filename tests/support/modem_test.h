@@ -15,20 +15,6 @@ namespace pelmar::system_test {
 
 inline constexpr const char* kModemVariable = "PELMAR_QMI_SOCKET";
 
-// A client process of the test: its executable again, under a name and in a role of its own.
-class ClientProcess : public sim::test::Process {
- public:
-  // `name` is what the library sees as the process's name. A role ends when its standard input does.
-  ClientProcess(const std::string& name, const std::string& role, const std::vector<std::string>& arguments = {})
-      : Process("/proc/self/exe", join({"/system/" + name, "--role", role}, arguments), false) {}
-
- private:
-  static std::vector<std::string> join(std::vector<std::string> first, const std::vector<std::string>& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-  }
-};
-
 class ModemTest : public testing::Test {
  protected:
   // options, socket: of the simulated modem.

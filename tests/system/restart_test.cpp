@@ -1,14 +1,13 @@
 // Services and a modem that go away and come back under their clients, and the votes for its power.
 #include <gmock/gmock.h>
-#include <signal.h>
 
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <vector>
 
+#include "modem_api_peripheral_mng.h"
 #include "modem_test.h"
 #include "nas_client.h"
 #include "pelmar_ssr.h"
@@ -50,7 +49,8 @@ class RestartTest : public ModemTest {
   // An acknowledgement has so long that a test which waits for one in vain ends by its own limit.
   RestartTest() : ModemTest({"--pm-socket", "--pm-ack-ms", "600000", "--reset-ms", "0"}) {
     unsetenv("PELMAR_PM_SOCKET");
-    EXPECT_EQ(voter_->line(), "voted");
+    EXPECT_EQ(modem_api_peripheral_mng_init("modem"), 0);
+    EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     EXPECT_TRUE(comes_to("ready"));
   }
 
@@ -67,16 +67,6 @@ class RestartTest : public ModemTest {
     nas_0_client_set_operational_status_callback(Statuses::add);
     nas_1_client_set_operational_status_callback(Statuses::add);
   }
-  void reopen_sar() {
-    ASSERT_EQ(modem_api_free_client(sar_), MODEM_API_SUCCESS);
-    sar_init();
-    ASSERT_EQ(modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &sar_), MODEM_API_SUCCESS);
-  }
-  void restart_sar() {
-    ctl("service sar down");
-    ctl("service sar up");
-  }
-
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
   modem_api_result avoid_trm(int32_t sub) const { return modem_api_set_avoid_trm(nas_[sub], sub, 1); }
 
@@ -90,7 +80,6 @@ class RestartTest : public ModemTest {
     });
   }
 
-  std::unique_ptr<ClientProcess> voter_ = std::make_unique<ClientProcess>("mtb", "vote");
   int32_t sar_ = -1;
   int32_t nas_[2] = {-1, -1};
 };
@@ -113,7 +102,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
   for (const auto& each : cases) {
     SCOPED_TRACE(each.down);
     if (*each.down == '\0') {
-      voter_->finish();
+      modem_api_peripheral_mng_release_vote();
     } else {
       ctl(each.down);
     }
@@ -123,7 +112,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command of theirs fails";
     if (*each.up == '\0') {
       ASSERT_TRUE(comes_to("off"));
-      voter_ = std::make_unique<ClientProcess>("mtb", "vote");
+      EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     } else {
       ctl(each.up);
     }
@@ -132,29 +121,6 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     }
     EXPECT_TRUE(has_all_clients());
   }
-}
-
-TEST_F(RestartTest, AClientFreedAtAnyMomentOfARestartHoldsNothing) {
-  open_clients();
-  ctl("service sar down");
-  EXPECT_THAT(Statuses::until(MODEM_API_CLIENT_SAR, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
-  EXPECT_EQ(modem_api_free_client(sar_), MODEM_API_SUCCESS);
-  ctl("service sar up");
-  reopen_sar();
-  EXPECT_TRUE(has_all_clients());
-  for (int i = 0; i < 30; ++i) {
-    restart_sar();
-    std::this_thread::sleep_for(std::chrono::microseconds(i * 200));
-    reopen_sar();
-  }
-  for (int i = 0; i < 20; ++i) {
-    ClientProcess client("mtb", "hold", {std::to_string(MODEM_API_CLIENT_SAR), std::to_string(i * 300)});
-    ASSERT_EQ(client.line(), "0");
-    restart_sar();
-    client.finish();
-    EXPECT_EQ(client.end(), 0) << "a process may exit in the middle";
-  }
-  EXPECT_TRUE(has_all_clients());
 }
 
 }  // namespace

@@ -84,13 +84,14 @@ class ChaosTest : public ModemTest {
     stamp_values();
     property_set("persist.hydra.mem_trace", "true");
     for (const char* const name : {"qcrilNrd", "mtb", "modem_api_test"}) {
-      const std::vector<std::string> arguments = {std::to_string(seed_), std::to_string(clients_.size())};
-      clients_.emplace_back(name, "chaos", arguments);
+      const std::vector<std::string> arguments = {std::string("/system/") + name, "--chaos", std::to_string(seed_),
+                                                  std::to_string(clients_.size())};
+      clients_.emplace_back("/proc/self/exe", arguments, false);
     }
   }
 
   ~ChaosTest() override {
-    for (ClientProcess& client : clients_) {
+    for (sim::test::Process& client : clients_) {
       client.finish();
       if (HasFailure()) continue;  // it may hang, and is killed
       EXPECT_EQ(client.end(), 0);
@@ -174,12 +175,12 @@ class ChaosTest : public ModemTest {
   }
 
   void send_all(const std::string& line) {
-    for (ClientProcess& client : clients_) client.send_line(line);
+    for (sim::test::Process& client : clients_) client.send_line(line);
   }
 
   // The next line of each that is no problem.
   void expect_of_all(const std::string& start) {
-    for (ClientProcess& client : clients_) {
+    for (sim::test::Process& client : clients_) {
       std::string line = client.line(kReplyMs);
       for (; line.starts_with("problem: "); line = client.line(kReplyMs)) {
         ADD_FAILURE() << "process " << client.process() << ": " << line;
@@ -193,7 +194,7 @@ class ChaosTest : public ModemTest {
   const std::chrono::seconds length_{number_from("CHAOS_SECONDS", kShortSeconds)};
   Random random_{seed_, kStreamOfFaults};
   uint32_t next_event_ = kFirstEvent;
-  std::list<ClientProcess> clients_;
+  std::list<sim::test::Process> clients_;
 };
 
 TEST_F(ChaosTest, EveryCallEndsWellUnderFaults) {
