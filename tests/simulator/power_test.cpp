@@ -134,8 +134,8 @@ TEST_F(Power, AVoteEndsWithItsProcess) {
     if (child == 0) {
       const bool is_connected = connect(fd.get(), address->get(), address->length) == 0;
       const bool has_sent = is_connected && send(fd.get(), requests.data(), requests.size(), 0) > 0;
-      uint8_t answers[8];
-      _exit(has_sent && (!is_accepted || recv(fd.get(), answers, sizeof answers, MSG_WAITALL) == 8) ? 0 : 1);
+      uint8_t responses[8];
+      _exit(has_sent && (!is_accepted || recv(fd.get(), responses, sizeof responses, MSG_WAITALL) == 8) ? 0 : 1);
     }
     int status = -1;
     waitpid(child, &status, 0);
