@@ -13,15 +13,20 @@
 
 namespace pelmar::system_test {
 
+inline constexpr const char* kModemVariable = "PELMAR_QMI_SOCKET";
+
 class ModemTest : public testing::Test {
  protected:
   // options, socket: of the simulated modem.
   explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
-    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    modem_ = std::make_unique<sim::test::SimProcess>(directory_, options, socket);
-    setenv("PELMAR_QMI_SOCKET", modem_->socket().c_str(), 1);
+    setenv("PELMAR_PROPERTY_DIR", path("properties").c_str(), 1);
+    serve(options, socket);
+    setenv(kModemVariable, modem_->socket().c_str(), 1);
   }
 
+  void serve(const std::vector<std::string>& options, const std::string& socket = "") {
+    modem_ = std::make_unique<sim::test::SimProcess>(directory_, options, socket);
+  }
   sim::test::SimProcess& modem() { return *modem_; }
   void ctl(const std::string& command) { modem_->command(command); }
   std::string path(const std::string& name) const { return directory_.path(name); }

@@ -159,8 +159,8 @@ std::string SimProcess::refused_command(const std::string& line) const {
   return response.value("error", "");
 }
 
-std::string SimProcess::value(const std::string& line, const std::string& place) const {
-  return nlohmann::json::parse(command(line)).at(nlohmann::json::json_pointer(place)).dump();
+nlohmann::json SimProcess::value(const std::string& line, const std::string& place) const {
+  return nlohmann::json::parse(command(line)).at(nlohmann::json::json_pointer(place));
 }
 
 }  // namespace pelmar::sim::test

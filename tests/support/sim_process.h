@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -75,8 +76,8 @@ class SimProcess : public Process {
   // The same with a command that must succeed, or must be refused.
   std::string command(const std::string& line) const;
   std::string refused_command(const std::string& line) const;
-  // What the response to such a command has at a place such as "/services/0/up", as JSON.
-  std::string value(const std::string& line, const std::string& place) const;
+  // What the response to such a command has at a place such as "/services/0/up".
+  nlohmann::json value(const std::string& line, const std::string& place) const;
 
  private:
   std::string socket_;

@@ -1,17 +1,13 @@
 // Services and a modem that go away and come back under their clients, and the votes for its power.
 #include <gmock/gmock.h>
-#include <signal.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <vector>
 
-#include "client_process.h"
+#include "modem_api_peripheral_mng.h"
 #include "modem_test.h"
 #include "nas_client.h"
 #include "pelmar_ssr.h"
@@ -21,7 +17,6 @@ namespace {
 
 using sim::test::comes_true;
 using testing::ElementsAre;
-using Bytes = std::vector<uint8_t>;
 
 // The statuses that a connection reports, kept by client type and passed on to the client table.
 class Statuses {
@@ -54,53 +49,37 @@ class RestartTest : public ModemTest {
   // An acknowledgement has so long that a test which waits for one in vain ends by its own limit.
   RestartTest() : ModemTest({"--pm-socket", "--pm-ack-ms", "600000", "--reset-ms", "0"}) {
     unsetenv("PELMAR_PM_SOCKET");
-    EXPECT_EQ(voter_->line(), "voted");
-    EXPECT_TRUE(comes_to(1, "on-line"));
+    EXPECT_EQ(modem_api_peripheral_mng_init("modem"), 0);
+    EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
+    EXPECT_TRUE(comes_to("ready"));
   }
 
-  // Whether the manager comes to count so many votes, and to that state at the end of the way.
-  bool comes_to(int votes, const std::string& state) {
-    return comes_true([&] {
-      const std::string power = modem().command("power");
-      return power.find("\"votes\":" + std::to_string(votes)) != power.npos &&
-             power.find("\"state\":\"" + state) != power.npos;
-    });
+  bool comes_to(const char* state) {
+    return comes_true([&] { return modem().value("status", "/state") == state; });
   }
 
   void open_clients() {
     sar_ = open(MODEM_API_CLIENT_SAR);
-    EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, nullptr, &nas_[0]), MODEM_API_SUCCESS);
-    EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_1, nullptr, nullptr, &nas_[1]), MODEM_API_SUCCESS);
+    for (const uint32_t sub : {0, 1}) {
+      EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_0 + sub, nullptr, nullptr, &nas_[sub]), MODEM_API_SUCCESS);
+    }
     sar_client_set_operational_status_callback(Statuses::add);
     nas_0_client_set_operational_status_callback(Statuses::add);
     nas_1_client_set_operational_status_callback(Statuses::add);
   }
-  void reopen_sar() {
-    ASSERT_EQ(modem_api_free_client(sar_), MODEM_API_SUCCESS);
-    sar_init();
-    ASSERT_EQ(modem_api_init_client(MODEM_API_CLIENT_SAR, nullptr, nullptr, &sar_), MODEM_API_SUCCESS);
-  }
-  void restart_sar() {
-    ctl("service sar down");
-    ctl("service sar up");
-  }
-
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
   modem_api_result avoid_trm(int32_t sub) const { return modem_api_set_avoid_trm(nas_[sub], sub, 1); }
 
   // All three work, and the modem counts no other; the last loss of many may be noticed late.
   bool has_all_clients() {
     return comes_true([&] {
-      const std::string services = modem().value("status", "/services");
       size_t clients = 0;
-      for (size_t at = 0; (at = services.find("\"process\":", at)) != services.npos; ++at) ++clients;
+      for (const auto& service : modem().value("status", "/services")) clients += service["clients"].size();
       return clients == 3 && set_state() == MODEM_API_SUCCESS && avoid_trm(0) == MODEM_API_SUCCESS &&
              avoid_trm(1) == MODEM_API_SUCCESS;
     });
   }
 
-  std::unique_ptr<ClientProcess> voter_ =
-      std::make_unique<ClientProcess>("mtb", std::vector<std::string>{"vote", "alone"});
   int32_t sar_ = -1;
   int32_t nas_[2] = {-1, -1};
 };
@@ -123,7 +102,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
   for (const auto& each : cases) {
     SCOPED_TRACE(each.down);
     if (*each.down == '\0') {
-      voter_->finish();
+      modem_api_peripheral_mng_release_vote();
     } else {
       ctl(each.down);
     }
@@ -132,8 +111,8 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     }
     EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command of theirs fails";
     if (*each.up == '\0') {
-      ASSERT_TRUE(comes_to(0, "off-line"));
-      voter_ = std::make_unique<ClientProcess>("mtb", std::vector<std::string>{"vote", "alone"});
+      ASSERT_TRUE(comes_to("off"));
+      EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     } else {
       ctl(each.up);
     }
@@ -143,112 +122,6 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     EXPECT_TRUE(has_all_clients());
   }
 }
-
-TEST_F(RestartTest, AClientFreedAtAnyMomentOfARestartHoldsNothing) {
-  open_clients();
-  ctl("service sar down");
-  EXPECT_THAT(Statuses::until(MODEM_API_CLIENT_SAR, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
-  EXPECT_EQ(modem_api_free_client(sar_), MODEM_API_SUCCESS);
-  ctl("service sar up");
-  reopen_sar();
-  EXPECT_TRUE(has_all_clients());
-  for (int i = 0; i < 30; ++i) {
-    restart_sar();
-    std::this_thread::sleep_for(std::chrono::microseconds(i * 200));
-    reopen_sar();
-  }
-  for (int i = 0; i < 20; ++i) {
-    ClientProcess client("mtb", {"hold", std::to_string(MODEM_API_CLIENT_SAR), std::to_string(i * 300)});
-    ASSERT_EQ(client.line(), "0");
-    restart_sar();
-    client.finish();
-    EXPECT_EQ(client.end(), 0) << "a process may exit in the middle";
-  }
-  EXPECT_TRUE(has_all_clients());
-}
-
-TEST_F(RestartTest, AVoteEndsWithItsProcess) {
-  ClientProcess second("qcrilNrd", {"vote", "alone"});
-  ASSERT_EQ(second.line(), "voted");
-  ASSERT_TRUE(comes_to(2, "on-line"));
-  const int32_t client = open(MODEM_API_CLIENT_VS);
-  EXPECT_EQ(second.end(SIGKILL), -SIGKILL);
-  ASSERT_TRUE(comes_to(1, "on-line"));
-  EXPECT_EQ(modem_api_notify_shutdown(client), MODEM_API_SUCCESS) << "the modem was never off";
-  ClientProcess with_heir("modem_api_test", {"vote", "with heir"});
-  ASSERT_EQ(with_heir.line(), "voted");
-  voter_->finish();
-  EXPECT_EQ(voter_->end(), 0);
-  ASSERT_TRUE(comes_to(1, "on-line"));
-  EXPECT_EQ(with_heir.end(SIGKILL), -SIGKILL);
-  ASSERT_TRUE(comes_to(0, "off-line"));
-  EXPECT_EQ(modem_api_notify_shutdown(client), MODEM_API_ERR_GENERIC);
-}
-
-// A crash in each restart type; a modem that stays down is started again.
-class CrashTest : public RestartTest, public testing::WithParamInterface<int32_t> {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(pelmar_set_modem_ssr_type(GetParam()), 1);
-    client_ = open(MODEM_API_CLIENT_VS);
-  }
-
-  void crash() { EXPECT_EQ(modem().value("crash", "/restarts") == "true", GetParam() == MODEM_RESTART_LEVEL_ID_SSR); }
-
-  modem_api_result write(uint8_t value) const {
-    const Bytes bytes(MODEM_API_MAX_ITEM_BYTES, value);
-    return modem_api_write_nv(client_, 7, 0, 0, bytes.data(), MODEM_API_MAX_ITEM_BYTES);
-  }
-
-  // What the item holds after the crash: the value of a write, never of two.
-  int found_after_crash() {
-    if (GetParam() == MODEM_RESTART_LEVEL_ID_DUMP) ctl("start");
-    modem_api_free_client(client_);
-    client_ = open(MODEM_API_CLIENT_VS);
-    Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
-    uint32_t length = MODEM_API_MAX_ITEM_BYTES;
-    EXPECT_EQ(modem_api_read_nv(client_, 7, 0, 0, bytes.data(), &length), MODEM_API_SUCCESS);
-    EXPECT_EQ(bytes, Bytes(length, bytes[0]));
-    return bytes[0];
-  }
-
-  int32_t client_ = -1;
-};
-
-TEST_P(CrashTest, AWriteFailsOrHasHappened) {
-  for (int round = 0; round < 5; ++round) {
-    ASSERT_EQ(write(1), MODEM_API_SUCCESS);
-    std::atomic<int> done{1};
-    std::atomic<int> tried{1};
-    modem_api_result last = MODEM_API_SUCCESS;
-    std::thread writer([&] {
-      while (last == MODEM_API_SUCCESS) {
-        tried = done % 250 + 1;
-        last = write(static_cast<uint8_t>(tried));
-        if (last == MODEM_API_SUCCESS) done = tried.load();
-      }
-    });
-    EXPECT_TRUE(comes_true([&] { return done > 20; }));
-    crash();
-    writer.join();
-    EXPECT_EQ(last, MODEM_API_ERR_GENERIC);
-    const int found = found_after_crash();
-    EXPECT_TRUE(found == done || found == tried) << found << ", written " << done << ", tried " << tried;
-  }
-  ctl("delay 600000 vs write-nv 1");
-  modem_api_result result = MODEM_API_SUCCESS;
-  std::thread writer([&] { result = write(255); });
-  EXPECT_TRUE(comes_true([&] { return modem().value("status", "/counters/faults") == "1"; }));
-  crash();
-  writer.join();
-  EXPECT_EQ(result, MODEM_API_ERR_GENERIC) << "the response is lost";
-  EXPECT_EQ(found_after_crash(), 255) << "the write had happened";
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, CrashTest, testing::Values(MODEM_RESTART_LEVEL_ID_SSR, MODEM_RESTART_LEVEL_ID_DUMP),
-                         [](const auto& type) {
-                           return type.param == MODEM_RESTART_LEVEL_ID_SSR ? "Restart" : "Dump";
-                         });
 
 }  // namespace
 }  // namespace pelmar::system_test

@@ -62,7 +62,7 @@ inline uint8_t stamp_of(uint32_t sub, uint32_t id) {
   while (kStatistics[row].id != id) ++row;
   return static_cast<uint8_t>(100 + 2 * row + sub);
 }
-inline bool is_stamped_right(uint8_t version, uint32_t sub, uint32_t id) {
+inline bool is_stamped_right(uint32_t version, uint32_t sub, uint32_t id) {
   return version < 100 || version == stamp_of(sub, id);
 }
 

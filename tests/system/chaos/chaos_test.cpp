@@ -2,23 +2,20 @@
 //
 // Rounds: a storm of faults under the clients' operations, then a calm in which each process checks what the modem
 // holds, closes everything and reports. CHAOS_SECONDS names the length, CHAOS_SEED replays the operations and faults.
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <iostream>
 #include <list>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 #include "chaos/chaos.h"
-#include "client_process.h"
 #include "cutils/properties.h"
-#include "sim_process.h"
+#include "modem_test.h"
 
 namespace pelmar::system_test::chaos {
 
@@ -33,25 +30,29 @@ constexpr int kEventsOfACalm = 30;
 constexpr int kStatusOfSuddenDeath = 70;
 
 // Commands to the modem, or "wait MS", "kill SIGNAL" (0: it dies by itself), "serve" (a new process) and "events".
-// LOW-HIGH stands for a number, SERVICE for the same service in the whole row, TARGET, ERROR, RESPONSE and GARBAGE for
-// one of their kind. A response that is lost is followed by a restart of its service, which ends the call that waits.
+// LOW-HIGH stands for a number, BYTE for two digits of one, SERVICE for the same service in the whole row. A response
+// that is lost is followed by a restart of its service, which ends the call that waits. Garbage begins no frame, else
+// the next responses could be a part of it. Error 26, "no effect", is a success to a client.
 struct Fault {
   uint32_t weight;
   const char* script;
 };
 constexpr Fault kFaults[] = {
-    {30, "delay 1-300 TARGET any 1-20"},
-    {30, "error ERROR TARGET any 1-5"},
-    {20, "repeat TARGET any 1-20"},
-    {20, "reorder 1-100 TARGET any 1-20"},
+    {30, "delay 1-300 SERVICE any 1-20"},
+    {10, "delay 1-300 any any 1-20"},
+    {15, "error 1-25 SERVICE any 1-5"},
+    {15, "error 41-94 SERVICE any 1-5"},
+    {5, "error 41-52 ctl any 1-5"},
+    {20, "repeat SERVICE any 1-20"},
+    {20, "reorder 1-100 SERVICE any 1-20"},
     {15, "cut 7-40 SERVICE any 1-3"},  // the frame stays in step and the message has a header
     {2, "cut 0-6 SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
     {5, "silence SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
-    {3, "garbage GARBAGE SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
-    {5, "inject GARBAGE"},
-    {10, "inject RESPONSE"},
+    {3, "garbage 55BYTE01BYTE SERVICE any 1 ; wait 20-400 ; service SERVICE down ; service SERVICE up"},
+    {5, "inject 55BYTE01BYTE"},
+    {10, "inject 01130080e4ff02BYTE000000070002040000000000"},  // a response, which may be awaited
     {20, "events"},
-    {10, "die connection TARGET any 1"},
+    {10, "die connection any any 1"},
     {15, "service SERVICE down ; service SERVICE up"},
     {5, "service SERVICE down ; wait 1-1500 ; service SERVICE up"},
     {5, "restart 0-500"},
@@ -67,32 +68,30 @@ constexpr const char* kCures[] = {
     "clear ; service vs down ; service vs up ; service sar down ; service sar up ; service nas down ; service nas up",
 };
 
-constexpr const char* kServices[] = {"vs", "sar", "nas"};
-constexpr const char* kTargets[] = {"vs", "vs", "sar", "nas", "ctl", "any"};
-// Not 26, "no effect", which is a success to a client.
-constexpr int kErrors[] = {1, 3, 4, 5, 7, 17, 19, 24, 41, 42, 48, 49, 50, 51, 52, 57, 58, 71, 77, 80, 94, 0xFFFF};
+constexpr const char* kServices[] = {"vs", "vs", "sar", "nas"};
 
 uint64_t number_from(const char* variable, uint64_t otherwise) {
   const char* const text = std::getenv(variable);
   return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-class ChaosTest : public testing::Test {
+const std::vector<std::string> kModemOptions = {"--report-ms", "50", "--reset-ms", "100"};
+
+class ChaosTest : public ModemTest {
  protected:
-  ChaosTest() {
+  ChaosTest() : ModemTest(kModemOptions) {
     std::cout << "CHAOS_SEED=" << seed_ << " CHAOS_SECONDS=" << length_.count() << std::endl;
-    setenv("PELMAR_PROPERTY_DIR", directory_.path("properties").c_str(), 1);
-    setenv("PELMAR_QMI_SOCKET", directory_.path("qmux").c_str(), 1);
-    serve();
+    stamp_values();
     property_set("persist.hydra.mem_trace", "true");
     for (const char* const name : {"qcrilNrd", "mtb", "modem_api_test"}) {
-      const std::vector<std::string> role = {"chaos", std::to_string(seed_), std::to_string(clients_.size())};
-      clients_.emplace_back(name, role);
+      const std::vector<std::string> arguments = {std::string("/system/") + name, "--chaos", std::to_string(seed_),
+                                                  std::to_string(clients_.size())};
+      clients_.emplace_back("/proc/self/exe", arguments, false);
     }
   }
 
   ~ChaosTest() override {
-    for (ClientProcess& client : clients_) {
+    for (sim::test::Process& client : clients_) {
       client.finish();
       if (HasFailure()) continue;  // it may hang, and is killed
       EXPECT_EQ(client.end(), 0);
@@ -100,7 +99,7 @@ class ChaosTest : public testing::Test {
   }
 
   void storm(Clock::duration duration) {
-    tell_all("storm");
+    send_all("storm");
     for (const auto end = Clock::now() + duration; Clock::now() < end;) {
       run(random_.row(kFaults).script + (" ; wait " + std::to_string(random_.between(0, 100))));
     }
@@ -108,113 +107,94 @@ class ChaosTest : public testing::Test {
 
   void calm() {
     run(random_.element(kCures));
-    tell_all("pause");  // after the cure: what a process has then got back stays
-    for (ClientProcess& client : clients_) ASSERT_EQ(reply_of(client), "paused");
+    send_all("pause");  // after the cure: what a process has then got back stays
+    expect_of_all("paused");
     if (HasFailure()) return;
     const uint32_t first_event = next_event_;
     for (int i = 0; i < kEventsOfACalm; ++i) send_events();
-    tell_all("verify " + std::to_string(first_event) + ' ' + std::to_string(next_event_ - 1));
-    for (ClientProcess& client : clients_) {
-      const std::string line = reply_of(client);
-      std::cout << "process " << client.process() << ": " << line << std::endl;
-      ASSERT_TRUE(line.starts_with("verified"));
-    }
-    for (const char* service : {"0", "1", "2"}) {
-      EXPECT_EQ(modem_->value("status", std::string("/services/") + service + "/clients"), "[]");
-    }
-    EXPECT_EQ(modem_->value("status", "/statistics/reporters"), "0");
+    send_all("verify " + std::to_string(first_event) + ' ' + std::to_string(next_event_ - 1));
+    expect_of_all("verified");
+    const auto status = modem().value("status", "");
+    for (const auto& service : status["services"]) EXPECT_TRUE(service["clients"].empty()) << service;
+    EXPECT_EQ(status["statistics"]["reporters"], 0);
   }
 
   // One event of each kind, with the next number. A modem that is starting may refuse it.
   void send_events() {
     const std::string low_byte = std::to_string(next_event_ & 0xFF);
     const std::string number = std::to_string(next_event_++);
-    modem_->respond("event 2 " + number + " 1 0");
-    modem_->respond("event 3 " + number + " record 0:82:0102 secondary 1:98:ff trailer 1");
-    modem_->respond("event 4 " + number + " 0aff 7 8");
-    modem_->respond("event 5 " + low_byte);
+    modem().respond("event 2 " + number + " 1 0");
+    modem().respond("event 3 " + number + " record 0:82:0102 secondary 1:98:ff trailer 1");
+    modem().respond("event 4 " + number + " 0aff 7 8");
+    modem().respond("event 5 " + low_byte);
   }
 
-  void serve() {
-    modem_ = std::make_unique<sim::test::SimProcess>(
-        directory_, std::vector<std::string>{"--report-ms", "50", "--reset-ms", "100"});
+  void stamp_values() {
     for (const Statistic& each : kStatistics) {
       for (const uint32_t sub : {0, 1}) {
-        modem_->command("statistic " + std::to_string(sub) + ' ' + std::to_string(each.id) + ' ' + each.version + '=' +
-                        std::to_string(stamp_of(sub, each.id)));
+        ctl("statistic " + std::to_string(sub) + ' ' + std::to_string(each.id) + ' ' + each.version + '=' +
+            std::to_string(stamp_of(sub, each.id)));
       }
     }
   }
 
-  std::string hex_byte(uint32_t least) {
-    char text[3];
-    std::snprintf(text, sizeof(text), "%02x", random_.between(least, 255));
-    return text;
-  }
-
-  // A word of a script with what it stands for.
-  std::string drawn(const std::string& word, const char* service) {
-    if (word == "SERVICE") return service;
-    if (word == "TARGET") return random_.element(kTargets);
-    if (word == "ERROR") return std::to_string(random_.element(kErrors));
-    if (word == "RESPONSE") return "01130080e4ff02" + hex_byte(0) + "000000070002040000000000";  // perhaps awaited
-    std::string garbage;  // begins no frame, else the next responses could be a part of it
-    for (uint32_t left = word == "GARBAGE" ? random_.between(1, 200) : 0; left > 0; --left) garbage += hex_byte(2);
-    uint32_t low = 0;
-    uint32_t high = 0;
-    if (std::sscanf(word.c_str(), "%u-%u", &low, &high) == 2) return std::to_string(random_.between(low, high));
-    return garbage.empty() ? word : garbage;
-  }
-
+  // Each command of a script, with the drawn numbers and service.
   void run(const std::string& script) {
-    const char* const service = random_.element(kServices);
+    static const std::regex drawn("SERVICE|BYTE|([0-9]+)-([0-9]+)|;");
+    const std::string service = random_.element(kServices);
     std::string command;
-    std::istringstream words(script + " ;");
-    for (std::string word; words >> word;) {
-      if (word == ";") {
-        run_command(std::exchange(command, {}));
-      } else {
-        command += (command.empty() ? "" : " ") + drawn(word, service);
-      }
+    auto rest = script.cbegin();
+    for (std::smatch match; std::regex_search(rest, script.cend(), match, drawn); rest = match[0].second) {
+      command.append(rest, match[0].first);
+      if (match[0] == ";") run_command(std::exchange(command, {}));
+      if (match[0] == "SERVICE") command += service;
+      if (match[0] == "BYTE") command += std::to_string(random_.between(10, 99));
+      if (match[1].matched) command += std::to_string(random_.between(std::stoul(match[1]), std::stoul(match[2])));
     }
+    run_command(command.append(rest, script.cend()));
   }
 
   void run_command(const std::string& command) {
+    std::istringstream words(command);
+    std::string verb;
     int number = 0;
-    if (std::sscanf(command.c_str(), "wait %d", &number) == 1) {
+    words >> verb >> number;
+    if (verb == "wait") {
       std::this_thread::sleep_for(std::chrono::milliseconds(number));
-    } else if (std::sscanf(command.c_str(), "kill %d", &number) == 1) {
+    } else if (verb == "kill") {
       const int expected = number == SIGKILL ? -SIGKILL : number == SIGTERM ? 0 : kStatusOfSuddenDeath;
-      EXPECT_EQ(modem_->end(number), expected) << command;
-    } else if (command == "serve") {
-      serve();
-    } else if (command == "events") {
+      EXPECT_EQ(modem().end(number), expected) << command;
+    } else if (verb == "serve") {
+      serve(kModemOptions);
+      stamp_values();
+    } else if (verb == "events") {
       send_events();
     } else {
-      modem_->command(command);
+      ctl(command);
     }
   }
 
-  void tell_all(const std::string& line) {
-    for (ClientProcess& client : clients_) client.send_line(line);
+  void send_all(const std::string& line) {
+    for (sim::test::Process& client : clients_) client.send_line(line);
   }
 
-  // The next line that is no problem.
-  static std::string reply_of(ClientProcess& client) {
-    std::string line = client.line(kReplyMs);
-    for (; line.starts_with("problem: "); line = client.line(kReplyMs)) {
-      ADD_FAILURE() << "process " << client.process() << ": " << line;
+  // The next line of each that is no problem.
+  void expect_of_all(const std::string& start) {
+    for (sim::test::Process& client : clients_) {
+      std::string line = client.line(kReplyMs);
+      for (; line.starts_with("problem: "); line = client.line(kReplyMs)) {
+        ADD_FAILURE() << "process " << client.process() << ": " << line;
+      }
+      std::cout << "process " << client.process() << ": " << line << std::endl;
+      ASSERT_TRUE(line.starts_with(start));
     }
-    return line;
   }
 
   const uint64_t seed_ = number_from("CHAOS_SEED", std::random_device()());
   const std::chrono::seconds length_{number_from("CHAOS_SECONDS", kShortSeconds)};
   Random random_{seed_, kStreamOfFaults};
   uint32_t next_event_ = kFirstEvent;
-  sim::test::ScratchDirectory directory_;
-  std::unique_ptr<sim::test::SimProcess> modem_;
-  std::list<ClientProcess> clients_;
+  std::list<sim::test::Process> clients_;
 };
 
 TEST_F(ChaosTest, EveryCallEndsWellUnderFaults) {
