@@ -117,7 +117,7 @@ void Client::wait_for_work(Lock& lock) {
 
 // In milliseconds; -1: no limit. The thread that reads also delivers the responses that the connection keeps back.
 int Client::limit_of_wait() const {
-  const Deadline& limit = connection_->kept_until();
+  const Deadline limit = connection_->kept_until();
   return reader_ != nullptr || is_gone_ || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());
 }
 

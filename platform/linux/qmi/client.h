@@ -24,7 +24,7 @@
 
 #include "handle.h"
 #include "qmi_client.h"
-#include "qmux_transport.h"
+#include "transport.h"
 
 namespace pelmar::platform {
 

@@ -34,6 +34,10 @@ class Deadline {
   Clock::time_point at_;
 };
 
+// How a send or a read ended that waits until a deadline. kGone: the connection is of no more use.
+enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
+enum class ReadStatus { kRead, kTimedOut, kGone };
+
 inline const Deadline& earlier(const Deadline& one, const Deadline& other) {
   if (one.is_none() || other.is_none()) return one.is_none() ? other : one;
   return one.at() < other.at() ? one : other;

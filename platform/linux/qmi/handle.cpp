@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,6 +66,17 @@ void ProcessFd::reset() {
 
 unsigned fork_count() {
   return ProcessFd::List::forks_.load(std::memory_order_relaxed);
+}
+
+// We do not wait for the mutex: another thread reports, or it held the mutex during the fork that created this process.
+void report_problem(const std::string& line) {
+  constinit static std::mutex mutex;
+  const std::unique_lock lock(mutex, std::try_to_lock);
+  if (!lock) return;
+  static auto& last = *new std::string;  // never destroyed: threads may connect until the process ends
+  if (line == last) return;
+  last = line;
+  ::syslog(LOG_ERR, "%s", line.c_str());
 }
 
 FrameworkThread::FrameworkThread() : wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }) {

@@ -1,5 +1,5 @@
-// What client, notifier and voter handles consist of: descriptors, the table of the handles, and a thread for
-// callbacks.
+// What client, notifier and voter handles consist of: descriptors, reports of their problems, the table of the handles,
+// and a thread for callbacks.
 //
 // A child of fork() shares none of them with its parent. A release returns after the last callback of the handle has
 // returned; a release inside a callback of the handle does not wait for that callback.
@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -51,6 +52,9 @@ class ProcessFd {
   ProcessFd* previous_ = nullptr;
   ProcessFd* next_ = nullptr;
 };
+
+// Writes a line to the system log as an error. Callers try again and again, so a problem that lasts is reported once.
+void report_problem(const std::string& line);
 
 // A handle is a number in the form of a pointer. No number is used twice in a process, so that a stale or invented
 // handle, or one of the parent in a child of fork(), is never taken for a live one.

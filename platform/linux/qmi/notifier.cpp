@@ -47,7 +47,7 @@ Deadline::Milliseconds ServicePace::remaining() const {
 
 Notifier::Notifier(qmi_idl_service_object_type service, qmi_client_type handle)
     : service_(service),
-      watch_(static_cast<uint8_t>(service->service_id)),
+      watch_(watch_service(service->service_id)),
       pace_(ServicePace::of(service->service_id)),
       handle_(handle) {}
 
@@ -59,7 +59,7 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   const bool is_first = !std::exchange(is_registered_, true);
   if (is_first) {
     lock.unlock();
-    const bool is_there = watch_.look().is_there;
+    const bool is_there = watch_->look().is_there;
     lock.lock();
     is_there_ = is_there;
   }
@@ -81,19 +81,21 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
 
 void Notifier::run() {
   Deadline::Milliseconds rest{0};
+  bool is_announced = true;  // what the last look found
   Lock lock(mutex_);
   while (!is_stopping_) {
     lock.unlock();
-    wait_for_news(rest);
+    wait_for_news(rest, is_announced);
     lock.lock();
     if (is_stopping_) return;
     lock.unlock();
-    const Presence presence = watch_.look();
+    const Presence presence = watch_->look();
     lock.lock();
     rest = presence.went_meanwhile ? std::clamp(2 * rest, kFirstRest, kInterval) : Deadline::Milliseconds(0);
     if (presence.went_meanwhile && is_there_) notify(lock, false);
     if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0))
       notify(lock, presence.is_there);
+    is_announced = presence.is_there == is_there_;
   }
 }
 
@@ -109,10 +111,11 @@ void Notifier::notify(Lock& lock, bool is_there) {
   lock.lock();
 }
 
-void Notifier::wait_for_news(Deadline::Milliseconds rest) {
+void Notifier::wait_for_news(Deadline::Milliseconds rest, bool is_announced) {
   const Deadline::Milliseconds pause = pace_.remaining();
-  const auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
-  pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_.descriptor(), POLLIN, 0}};
+  auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
+  if (is_announced && watch_->reports_all()) limit = Deadline::Milliseconds(-1);  // no limit
+  pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
   if (rest.count() > 0) ::poll(wait_for, 1, static_cast<int>(rest.count()));
   if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
     thread_.acknowledge();

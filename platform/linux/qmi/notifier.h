@@ -1,7 +1,7 @@
 // A notifier handle, which reports that a service comes or goes, and the pace of its reports.
 //
-// The registration looks for the service on the caller's thread. After that a thread of the handle looks again and
-// again, and earlier when the connection to the modem becomes readable.
+// The registration looks for the service on the caller's thread. After that a thread of the handle looks when the
+// transport's descriptor becomes readable and, unless the transport reports every change, again and again.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@
 #include "deadline.h"
 #include "handle.h"
 #include "qmi_client.h"
-#include "qmux_transport.h"
+#include "transport.h"
 
 namespace pelmar::platform {
 
@@ -53,10 +53,10 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
 
   void run();
   void notify(Lock& lock, bool is_there);
-  void wait_for_news(Deadline::Milliseconds rest);
+  void wait_for_news(Deadline::Milliseconds rest, bool is_announced);
 
   const qmi_idl_service_object_type service_;
-  ServiceWatch watch_;  // used by the first registration, then by the handle's thread
+  const std::unique_ptr<ServiceWatch> watch_;  // used by the first registration, then by the handle's thread
   ServicePace& pace_;
   const qmi_client_type handle_;
 

@@ -14,6 +14,7 @@
 #include "observer.h"
 #include "platform_export.h"
 #include "qmi_idl_lib_internal.h"
+#include "transport.h"
 
 namespace pelmar::platform {
 namespace {
@@ -47,13 +48,14 @@ void release_clients_at_exit() {
   });
 }
 
-int32_t open_connection(qmi_idl_service_object_type service, Deadline::Milliseconds timeout,
-                        std::unique_ptr<Connection>& connection) {
+int32_t open_in_time(qmi_idl_service_object_type service, qmi_service_instance instance, Deadline::Milliseconds timeout,
+                     std::unique_ptr<Connection>& connection) {
   const Deadline deadline = Deadline::after(timeout);
   const Deadline response_deadline = Deadline::after(timeout + kOpenPatience);
   const size_t message_capacity = qmi::kMessageHeaderLength + service->max_msg_len;
   for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
-    const int32_t error = Connection::open(service->service_id, message_capacity, response_deadline, connection);
+    const int32_t error =
+        open_connection({service->service_id, instance}, message_capacity, response_deadline, connection);
     if (error != QMI_TIMEOUT_ERR || deadline.has_passed()) return error;
     std::this_thread::sleep_for(std::min(pause, deadline.remaining()));
   }
@@ -71,7 +73,7 @@ using namespace pelmar::platform;
 extern "C" {
 
 PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_service_object_type service_obj,
-                                                                      qmi_service_instance /*instance_id*/,
+                                                                      qmi_service_instance instance_id,
                                                                       qmi_client_ind_cb ind_cb, void* ind_cb_data,
                                                                       qmi_client_os_params* /*os_params*/,
                                                                       uint32_t timeout, qmi_client_type* user_handle) {
@@ -81,7 +83,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
   return guarded(QMI_INTERNAL_ERR, [&]() -> qmi_client_error_type {
     release_clients_at_exit();
     std::unique_ptr<Connection> connection;
-    const int32_t error = open_connection(service_obj, Deadline::Milliseconds(timeout), connection);
+    const int32_t error = open_in_time(service_obj, instance_id, Deadline::Milliseconds(timeout), connection);
     if (error != QMI_NO_ERR) return error;
 
     const qmi_client_type handle = new_handle<>();

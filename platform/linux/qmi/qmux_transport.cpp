@@ -112,23 +112,24 @@ void ClientIdCheck::settle() {
 
 // --- a connection ---
 
-Connection::Connection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client, size_t message_capacity)
+QmuxConnection::QmuxConnection(QmuxLink link, ClientIdRecord record, uint8_t service, uint8_t client,
+                               size_t message_capacity)
     : link_(std::move(link)),
       record_(std::move(record)),
       id_{service, client},
       capacity_(std::min(message_capacity, kMaxMessageLength)),
       frame_(new uint8_t[qmi::kFrameHeaderLength + capacity_]) {}
 
-Connection::~Connection() {
+QmuxConnection::~QmuxConnection() {
   abandon(Deadline::after(kReleaseTimeout));
 }
 
-SendStatus Connection::send(size_t length) {
+SendStatus QmuxConnection::send(size_t length) {
   qmi::store_frame_header(frame_.get(), qmi::Direction::kToModem, id_.service, id_.client, length);
   return link_.stream().send(frame_.get(), qmi::kFrameHeaderLength + length);
 }
 
-Arrival Connection::next(Message& message) {
+Arrival QmuxConnection::next(Message& message) {
   qmi::Frame frame;
   while (!check_.take_kept(message)) {
     if (!link_.next(frame)) return link_.is_broken() ? Arrival::kBrokenStream : Arrival::kNone;
@@ -150,33 +151,33 @@ Arrival Connection::next(Message& message) {
   return Arrival::kMessage;
 }
 
-bool Connection::take_kept(Message& message) {
+bool QmuxConnection::take_kept(Message& message) {
   check_.settle();
   return check_.take_kept(message);
 }
 
-void Connection::send_probe(uint16_t transaction) {
+void QmuxConnection::send_probe(uint16_t transaction) {
   uint8_t probe[qmi::kFrameHeaderLength + ClientIdCheck::kProbeLength];
   qmi::store_frame_header(probe, qmi::Direction::kToModem, id_.service, id_.client, ClientIdCheck::kProbeLength);
   check_.store_probe(probe + qmi::kFrameHeaderLength, transaction);
   link_.stream().send(probe, sizeof probe);
 }
 
-void Connection::close(const Deadline& deadline) {
+void QmuxConnection::close(const Deadline& deadline) {
   if (take_id(deadline) && link_.release_client_id(id_.service, id_.client, deadline) == Outcome::kNotSent) {
     record_.restore({id_}, deadline);
   }
   shut_down();
 }
 
-void Connection::abandon(const Deadline& deadline) {
+void QmuxConnection::abandon(const Deadline& deadline) {
   if (take_id(deadline) && link_.send_release_client_id(id_.service, id_.client) != SendStatus::kSent) {
     record_.restore({id_}, deadline);
   }
   shut_down();
 }
 
-bool Connection::voids_client_id(const ControlIndication& indication) {
+bool QmuxConnection::voids_client_id(const ControlIndication& indication) {
   if (indication.event == ControlIndication::kRestarted) {
     lose_id(IdState::kVoid);
     return true;
@@ -190,21 +191,21 @@ bool Connection::voids_client_id(const ControlIndication& indication) {
   return is_revoked;
 }
 
-bool Connection::is_for_this_client(const qmi::Frame& frame, qmi::MessageKind kind) const {
+bool QmuxConnection::is_for_this_client(const qmi::Frame& frame, qmi::MessageKind kind) const {
   if (frame.service != id_.service) return false;
   return kind == qmi::MessageKind::kIndication ? frame.client == id_.client || frame.client == qmi::kAllClients
                                                : frame.client == id_.client && kind == qmi::MessageKind::kResponse;
 }
 
 // The record is updated at the connection's end, because the reader must not wait for files.
-void Connection::lose_id(IdState how) {
+void QmuxConnection::lose_id(IdState how) {
   IdState held = IdState::kHeld;
   id_state_.compare_exchange_strong(held, how);
 }
 
 // Gives up the id and removes it from the record. Returns true, in one call at most, if the caller must release the id
 // at the modem.
-bool Connection::take_id(const Deadline& deadline) {
+bool QmuxConnection::take_id(const Deadline& deadline) {
   switch (id_state_.exchange(IdState::kGone)) {
     case IdState::kHeld:
       return record_.remove(deadline);
@@ -220,10 +221,10 @@ bool Connection::take_id(const Deadline& deadline) {
   return false;
 }
 
-int32_t Connection::open(uint32_t service, size_t message_capacity, const Deadline& deadline,
-                         std::unique_ptr<Connection>& connection) {
-  if (service == qmi::kControlService || service > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
-  const auto number = static_cast<uint8_t>(service);
+int32_t open_qmux_connection(const ModemAddress& /*address*/, const ServiceName& service, size_t message_capacity,
+                             const Deadline& deadline, std::unique_ptr<Connection>& connection) {
+  if (service.number == qmi::kControlService || service.number > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
+  const auto number = static_cast<uint8_t>(service.number);
   QmuxLink link;
   std::vector<uint8_t> services;
   if (!link.open(deadline) || link.get_services(services, deadline) != Outcome::kSuccess || !offers(services, number)) {
@@ -259,15 +260,15 @@ int32_t Connection::open(uint32_t service, size_t message_capacity, const Deadli
     case Outcome::kFailure:
       return QMI_CLIENT_ALLOC_FAILURE;
   }
-  connection = std::make_unique<Connection>(std::move(link), std::move(record), number, client, message_capacity);
+  connection = std::make_unique<QmuxConnection>(std::move(link), std::move(record), number, client, message_capacity);
   return QMI_NO_ERR;
 }
 
 // --- a watch ---
 
-ServiceWatch::ServiceWatch(uint8_t service) : service_(service), losses_seen_(losses(service)) {}
+QmuxWatch::QmuxWatch(uint8_t service) : service_(service), losses_seen_(losses(service)) {}
 
-Presence ServiceWatch::look() {
+Presence QmuxWatch::look() {
   const Deadline deadline = Deadline::after(kLookTimeout);
   const uint32_t losses_now = losses(service_).load(std::memory_order_relaxed);
   Presence presence = {false, std::exchange(losses_seen_, losses_now) != losses_now};
@@ -279,7 +280,7 @@ Presence ServiceWatch::look() {
   return presence;
 }
 
-bool ServiceWatch::look_over_link(Presence& presence, const Deadline& deadline) {
+bool QmuxWatch::look_over_link(Presence& presence, const Deadline& deadline) {
   std::vector<uint8_t> services;
   if (link_.get_services(services, deadline) != Outcome::kSuccess) {
     link_.close();
@@ -293,6 +294,10 @@ bool ServiceWatch::look_over_link(Presence& presence, const Deadline& deadline) 
     record_of_modem().take_abandoned(deadline);
   }
   return true;
+}
+
+std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& /*address*/, uint32_t service) {
+  return std::make_unique<QmuxWatch>(static_cast<uint8_t>(service));
 }
 
 }  // namespace pelmar::platform

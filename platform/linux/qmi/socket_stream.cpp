@@ -3,10 +3,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <syslog.h>
 
 #include <cerrno>
-#include <mutex>
 
 #include "unix_socket.h"
 
@@ -22,17 +20,8 @@ bool set_receive_timeout(int descriptor) {
   return ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
 }
 
-// Callers try again and again, so a problem that lasts is reported once. We do not wait for the mutex: another thread
-// reports, or it held the mutex during the fork that created this process.
 void report(const std::string& name, const std::string& problem) {
-  constinit static std::mutex mutex;
-  const std::string line = name + ": " + problem;
-  const std::unique_lock lock(mutex, std::try_to_lock);
-  if (!lock) return;
-  static auto& last = *new std::string;  // never destroyed: threads may connect until the process ends
-  if (line == last) return;
-  last = line;
-  ::syslog(LOG_ERR, "Cannot connect to %s", line.c_str());
+  report_problem("Cannot connect to " + name + ": " + problem);
 }
 
 }  // namespace

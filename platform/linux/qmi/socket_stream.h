@@ -12,9 +12,6 @@
 
 namespace pelmar::platform {
 
-enum class SendStatus { kSent, kBlocked, kTimedOut, kGone };
-enum class ReadStatus { kRead, kTimedOut, kGone };
-
 class SocketStream {
  public:
   // Connects to a path, or to an abstract name written as @NAME. Reports to the system log if there is a listener that

@@ -1,0 +1,383 @@
+#include "qrtr_transport.h"
+
+#include <endian.h>
+#include <linux/qrtr.h>
+#include <linux/sock_diag.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "qmi_client.h"
+
+namespace pelmar::platform {
+namespace {
+
+using Found = QrtrSocket::Found;
+using Kind = QrtrControl::Kind;
+
+// The memory for datagrams that wait in a socket. The kernel doubles it for its own needs, which makes room for more
+// than a thousand of the largest indications; a process without CAP_NET_ADMIN gets less.
+constexpr int kReceiveBuffer = 16 << 20;
+
+// Messages of all services but CTL have the same header.
+constexpr uint8_t kAnyService = 1;
+
+// A name service that takes longer to list a service counts as absent.
+constexpr Deadline::Milliseconds kLookTimeout{2000};
+
+// A service that has no room is tried again after this time: the kernel does not report that there is room again.
+constexpr Deadline::Milliseconds kSendPause{1};
+
+// After drops, the lookup of a connection's service waits at most kCheckTimeout for the name service. Two lookups are
+// kCheckInterval apart while datagrams keep arriving, and two lines of the log kReportInterval.
+constexpr Deadline::Milliseconds kCheckTimeout{500};
+constexpr Deadline::Milliseconds kCheckInterval{100};
+constexpr Deadline::Milliseconds kReportInterval{1000};
+
+// Ends early at a signal.
+void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
+  if (deadline.has_passed()) return;
+  const auto remaining = deadline.remaining().count();
+  const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
+  ::ppoll(descriptors.data(), descriptors.size(), deadline.is_none() ? nullptr : &time, nullptr);
+}
+
+}  // namespace
+
+// --- control packets ---
+
+QrtrControl read_qrtr_control(std::span<const uint8_t> bytes) {
+  qrtr_ctrl_pkt packet{};
+  const auto has = [&](size_t length) { return bytes.size() >= sizeof packet.cmd + length; };
+  std::memcpy(&packet, bytes.data(), std::min(bytes.size(), sizeof packet));
+  if (!has(0)) return {};
+  switch (const uint32_t command = le32toh(packet.cmd)) {
+    case QRTR_TYPE_NEW_SERVER:
+    case QRTR_TYPE_DEL_SERVER: {
+      if (!has(sizeof packet.server)) return {};
+      const uint32_t instance = le32toh(packet.server.instance);
+      QrtrControl control = {command == QRTR_TYPE_NEW_SERVER ? Kind::kArrival : Kind::kDeparture,
+                             {le32toh(packet.server.node), le32toh(packet.server.port)},
+                             le32toh(packet.server.service),
+                             instance >> 8,
+                             static_cast<uint8_t>(instance)};
+      const QrtrControl nothing = {Kind::kArrival};
+      if (control == nothing) control.kind = Kind::kEndOfList;
+      return control;
+    }
+    case QRTR_TYPE_DEL_CLIENT:
+      if (!has(sizeof packet.client)) return {};
+      return {Kind::kSocketGone, {le32toh(packet.client.node), le32toh(packet.client.port)}};
+    case QRTR_TYPE_BYE:
+      if (!has(sizeof packet.client.node)) return {};
+      return {Kind::kNodeGone, {le32toh(packet.client.node)}};
+    default:
+      return {};
+  }
+}
+
+bool QrtrQuery::matches(const QrtrControl& packet) const {
+  return packet.service == service && packet.instance == instance.value_or(packet.instance) &&
+         packet.address.node == node.value_or(packet.address.node) &&
+         packet.address.port == port.value_or(packet.address.port);
+}
+
+// --- a socket ---
+
+bool QrtrSocket::open() {
+  descriptor_ = ProcessFd([] { return ::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+  if (!is_open()) {
+    if (errno == EAFNOSUPPORT) report_problem("Cannot connect to the modem: this kernel has no QRTR: modprobe qrtr");
+    return false;
+  }
+  if (::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
+  }
+  sockaddr_qrtr own{};
+  socklen_t length = sizeof own;
+  if (::getsockname(descriptor(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
+    close();
+    return false;
+  }
+  name_service_ = {own.sq_node, QRTR_PORT_CTRL};
+  return true;
+}
+
+SendStatus QrtrSocket::send(const QrtrAddress& to, const void* bytes, size_t length) {
+  sockaddr_qrtr address{};
+  address.sq_family = AF_QIPCRTR;
+  address.sq_node = to.node;
+  address.sq_port = to.port;
+  const auto* const receiver = reinterpret_cast<const sockaddr*>(&address);
+  for (;;) {
+    if (::sendto(descriptor(), bytes, length, MSG_DONTWAIT, receiver, sizeof address) >= 0) return SendStatus::kSent;
+    switch (errno) {
+      case EINTR:
+        break;
+      case EAGAIN:
+      case ENOBUFS:
+      case ENOMEM:  // this socket's memory for sending is used up
+      case ENOSPC:  // the receiver's socket on this node is full
+        return SendStatus::kBlocked;
+      default:
+        return SendStatus::kGone;
+    }
+  }
+}
+
+ReadStatus QrtrSocket::receive(uint8_t* room, size_t& length, QrtrAddress& from) {
+  sockaddr_qrtr address{};
+  socklen_t address_length = sizeof address;
+  ssize_t count = 0;
+  do {
+    count = ::recvfrom(descriptor(), room, kMaxDatagram + 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address),
+                       &address_length);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) return errno == EAGAIN ? ReadStatus::kTimedOut : ReadStatus::kGone;
+  length = static_cast<size_t>(count) > kMaxDatagram ? 0 : static_cast<size_t>(count);
+  from = {address.sq_node, address.sq_port};
+  return ReadStatus::kRead;
+}
+
+ReadStatus QrtrSocket::receive(QrtrControl& packet) {
+  qrtr_ctrl_pkt bytes;
+  sockaddr_qrtr from{};
+  socklen_t from_length = sizeof from;
+  ssize_t count = 0;
+  do {
+    count =
+        ::recvfrom(descriptor(), &bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_length);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) return errno == EAGAIN ? ReadStatus::kTimedOut : ReadStatus::kGone;
+  packet = {};
+  if (is_name_service({from.sq_node, from.sq_port})) {
+    packet = read_qrtr_control({reinterpret_cast<const uint8_t*>(&bytes), static_cast<size_t>(count)});
+  }
+  return ReadStatus::kRead;
+}
+
+Found QrtrSocket::find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address) {
+  qrtr_ctrl_pkt lookup{};
+  lookup.cmd = htole32(QRTR_TYPE_NEW_LOOKUP);
+  lookup.server.service = htole32(query.service);  // of any instance: the query selects
+  SendStatus sent;
+  while ((sent = send(name_service_, &lookup, sizeof lookup)) == SendStatus::kBlocked && !deadline.has_passed()) {
+    wait_for({}, earlier(deadline, Deadline::after(kSendPause)));
+  }
+  if (sent != SendStatus::kSent) return Found::kNoResponse;
+  std::optional<QrtrAddress> found;
+  for (;;) {
+    QrtrControl packet;
+    const ReadStatus status = receive(packet);
+    if (status == ReadStatus::kGone || deadline.has_passed()) return Found::kNoResponse;
+    if (status == ReadStatus::kTimedOut) {
+      pollfd readable = {descriptor(), POLLIN, 0};
+      wait_for({&readable, 1}, deadline);
+    } else if (packet.kind == Kind::kArrival && !found && query.matches(packet)) {
+      found = packet.address;
+    } else if (packet.kind == Kind::kDeparture && found == packet.address) {
+      found.reset();
+    } else if (packet.kind == Kind::kEndOfList) {
+      address = found.value_or(QrtrAddress());
+      return found ? Found::kFound : Found::kAbsent;
+    }
+  }
+}
+
+QrtrSocket::Memory QrtrSocket::memory() const {
+  uint32_t values[SK_MEMINFO_VARS] = {};
+  socklen_t length = sizeof values;
+  ::getsockopt(descriptor(), SOL_SOCKET, SO_MEMINFO, values, &length);
+  return {values[SK_MEMINFO_DROPS], values[SK_MEMINFO_RMEM_ALLOC]};
+}
+
+void QrtrSocket::refuse_datagrams() {
+  constexpr int kLeast = 0;  // the kernel takes its own least for it
+  ::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kLeast, sizeof kLeast);
+}
+
+// --- a connection ---
+
+QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, uint32_t service, size_t message_capacity)
+    : socket_(std::move(socket)),
+      address_(address),
+      service_(service),
+      wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
+      capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),
+      message_(new uint8_t[capacity_]),
+      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]) {  // bytes are written before they are read
+  if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
+}
+
+QrtrConnection::~QrtrConnection() {
+  report_drops();
+}
+
+SendStatus QrtrConnection::send(size_t length) {
+  unsent_ = 0;
+  if (is_shut_down_) return SendStatus::kGone;
+  const SendStatus status = socket_.send(address_, message_.get(), length);
+  if (status == SendStatus::kBlocked) unsent_ = length;
+  return status;
+}
+
+SendStatus QrtrConnection::flush(const Deadline& deadline) {
+  while (unsent_ > 0) {
+    const SendStatus status = send(unsent_);
+    if (status != SendStatus::kBlocked) return status;
+    if (deadline.has_passed()) {
+      unsent_ = 0;
+      return SendStatus::kTimedOut;
+    }
+    wait_for({}, earlier(deadline, Deadline::after(kSendPause)));
+  }
+  return SendStatus::kSent;
+}
+
+ReadStatus QrtrConnection::read(const Deadline& deadline) {
+  datagram_ = {};
+  do {
+    wait(deadline);
+    if (has_stopped_) return ReadStatus::kGone;
+    size_t length = 0;
+    const ReadStatus status = socket_.receive(received_.get(), length, from_);
+    if (status == ReadStatus::kRead) datagram_ = {received_.get(), length};
+    if (status != ReadStatus::kTimedOut) {
+      check_for_drops();
+      return status;
+    }
+  } while (!deadline.has_passed());
+  return ReadStatus::kTimedOut;
+}
+
+Arrival QrtrConnection::next(Message& message) {
+  const auto datagram = std::exchange(datagram_, {});
+  if (from_ == address_) {
+    const auto arrived = qmi::read_message({kAnyService, qmi::kNoClient, datagram});
+    if (arrived && arrived->kind != qmi::MessageKind::kRequest) {
+      message = {*arrived};
+      return Arrival::kMessage;
+    }
+  } else if (socket_.is_name_service(from_) && is_departure(datagram)) {
+    is_lost_ = true;
+  }
+  return is_lost_ ? Arrival::kServiceGone : Arrival::kNone;
+}
+
+void QrtrConnection::stop_reading() {
+  has_stopped_ = true;
+  ::eventfd_write(wake_.get(), 1);
+}
+
+// A QRTR socket itself cannot be shut down.
+void QrtrConnection::shut_down() {
+  is_shut_down_ = true;
+  stop_reading();
+}
+
+// The object may live on, and the kernel would keep what still arrives.
+void QrtrConnection::abandon(const Deadline& /*deadline*/) {
+  shut_down();
+  socket_.refuse_datagrams();
+}
+
+// Waits until there is something to read, or reading has stopped.
+void QrtrConnection::wait(const Deadline& deadline) const {
+  pollfd descriptors[] = {{wake_.get(), POLLIN, 0}, {socket_.descriptor(), POLLIN, 0}};
+  wait_for(descriptors, deadline);
+}
+
+bool QrtrConnection::is_departure(std::span<const uint8_t> packet) const {
+  const QrtrControl control = read_qrtr_control(packet);
+  switch (control.kind) {
+    case Kind::kDeparture:
+      return control.service == service_ && control.address == address_;
+    case Kind::kSocketGone:
+      return control.address == address_;
+    case Kind::kNodeGone:
+      return control.address.node == address_.node;
+    default:
+      return false;
+  }
+}
+
+// After drops, looks again whether the service is still there: the report that it went away may be among them.
+void QrtrConnection::check_for_drops() {
+  const QrtrSocket::Memory memory = socket_.memory();
+  const uint32_t drops = memory.drops - std::exchange(drops_, memory.drops);
+  unreported_drops_ += drops;
+  is_check_due_ |= drops > 0;
+  if (unreported_drops_ > 0 && next_report_.has_passed()) {
+    report_drops();
+    next_report_ = Deadline::after(kReportInterval);
+  }
+  // Nothing is dropped unless something waits to be read, so there is always a last check after the last drop.
+  if (!is_check_due_ || (memory.waiting_bytes > 0 && !next_check_.has_passed())) return;
+  QrtrSocket socket;
+  QrtrAddress found;
+  const QrtrQuery query = {.service = service_, .node = address_.node, .port = address_.port};
+  is_lost_ |= socket.open() && socket.find(query, Deadline::after(kCheckTimeout), found) == Found::kAbsent;
+  is_check_due_ = false;
+  next_check_ = Deadline::after(kCheckInterval);
+}
+
+void QrtrConnection::report_drops() {
+  if (unreported_drops_ == 0) return;
+  ::syslog(LOG_WARNING, "QMI service 0x%02x: a client reads too slowly, the kernel dropped %u messages",
+           static_cast<unsigned>(service_), std::exchange(unreported_drops_, 0));
+}
+
+int32_t open_qrtr_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
+                             const Deadline& deadline, std::unique_ptr<Connection>& connection) {
+  if (service.number == 0) return QMI_CLIENT_PARAM_ERR;  // a lookup takes it for any service
+  QrtrQuery query = {.service = service.number, .node = address.node};
+  if (service.instance != QMI_CLIENT_INSTANCE_ANY) query.instance = service.instance;
+  QrtrSocket socket;
+  QrtrAddress found;
+  if (!socket.open() || socket.find(query, deadline, found) != Found::kFound) return QMI_TIMEOUT_ERR;
+  connection = std::make_unique<QrtrConnection>(std::move(socket), found, service.number, message_capacity);
+  return QMI_NO_ERR;
+}
+
+// --- a watch ---
+
+Presence QrtrWatch::look() {
+  const Deadline deadline = Deadline::after(kLookTimeout);
+  const bool had_list = socket_.is_open();
+  if (had_list && take_news(deadline)) return {is_there_, false};
+  QrtrAddress address;
+  is_there_ = false;
+  if (socket_.open()) {
+    const Found found = socket_.find(query_, deadline, address);
+    is_there_ = found == Found::kFound;
+    if (found == Found::kNoResponse) socket_.close();
+  }
+  return {is_there_, had_list};
+}
+
+// Takes in what the name service has reported. False if the list must be fetched again: a service went away, and there
+// may be another one, or reports were lost.
+bool QrtrWatch::take_news(const Deadline& deadline) {
+  for (;;) {
+    QrtrControl packet;
+    const ReadStatus status = socket_.receive(packet);
+    if (status == ReadStatus::kTimedOut) return socket_.memory().drops == 0;
+    if (status == ReadStatus::kGone || deadline.has_passed()) return false;
+    if (packet.kind == Kind::kArrival) is_there_ |= query_.matches(packet);
+    if (packet.kind == Kind::kNodeGone || packet.kind == Kind::kSocketGone) return false;
+    if (packet.kind == Kind::kDeparture && query_.matches(packet)) return false;
+  }
+}
+
+std::unique_ptr<ServiceWatch> watch_qrtr_service(const ModemAddress& address, uint32_t service) {
+  return std::make_unique<QrtrWatch>(QrtrQuery{.service = service, .node = address.node});
+}
+
+}  // namespace pelmar::platform

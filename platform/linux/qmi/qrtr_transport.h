@@ -1,0 +1,186 @@
+// Connections to the modem's services over QRTR, the kernel's sockets between the processors of a phone.
+//
+// A socket has an address: a node, which is a processor, and a port. Services publish theirs at the name service of
+// their node. A lookup there returns the services that are published now, and then reports each change, all in control
+// packets (struct qrtr_ctrl_pkt of <linux/qrtr.h>, little-endian). A datagram between other ports is one QMI message
+// without further header. There is no CTL service and no client id: a service identifies a client by the address of its
+// socket, and receives a control packet when that socket closes.
+//
+// Each connection has one socket, for the messages and for the lookup. A datagram that comes neither from the service
+// nor from the name service is dropped. The kernel drops what arrives while the socket is full, be it an indication or
+// the report that the service went away. So the socket gets as much memory as the kernel allows and the connection
+// needs at most, and after drops the connection looks the service up again.
+//
+// While a service on another node does not confirm what it has received, the kernel blocks the sends to it and
+// everything else on the sending socket, also if a call must not wait. No time-out limits that.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "deadline.h"
+#include "handle.h"
+#include "modem_address.h"
+#include "transport.h"
+
+namespace pelmar::platform {
+
+struct QrtrAddress {
+  uint32_t node = 0;
+  uint32_t port = 0;
+
+  bool operator==(const QrtrAddress&) const = default;
+};
+
+// A control packet of the name service.
+struct QrtrControl {
+  enum class Kind {
+    kOther,
+    kArrival,     // the service at the address is there
+    kDeparture,   // the service at the address went away
+    kEndOfList,   // the services that were there at the time of the lookup have been listed
+    kSocketGone,  // the socket at the address closed
+    kNodeGone,    // the node of the address went away
+  };
+
+  Kind kind = Kind::kOther;
+  QrtrAddress address = {};
+  uint32_t service = 0;
+  uint32_t instance = 0;
+  uint8_t version = 0;
+
+  bool operator==(const QrtrControl&) const = default;
+};
+
+QrtrControl read_qrtr_control(std::span<const uint8_t> packet);
+
+// The services that a lookup is for. What is absent may be anything.
+struct QrtrQuery {
+  uint32_t service;
+  std::optional<uint32_t> instance = std::nullopt;
+  std::optional<uint32_t> node = std::nullopt;
+  std::optional<uint32_t> port = std::nullopt;
+
+  // Whether an arrival or departure is one of such a service, of any version.
+  bool matches(const QrtrControl& packet) const;
+};
+
+class QrtrSocket {
+ public:
+  // The kernel sends no longer datagrams; longer ones of other nodes are dropped.
+  static constexpr size_t kMaxDatagram = UINT16_MAX;
+
+  // False, and a line in the system log, if the kernel has no QRTR.
+  bool open();
+  void close() { descriptor_.reset(); }
+  bool is_open() const { return static_cast<bool>(descriptor_); }
+  int descriptor() const { return descriptor_.get(); }
+
+  // Sends without waiting. Never returns kTimedOut.
+  SendStatus send(const QrtrAddress& to, const void* bytes, size_t length);
+
+  // Receives without waiting. `room` has kMaxDatagram + 1 bytes. kTimedOut: there is nothing to receive.
+  ReadStatus receive(uint8_t* room, size_t& length, QrtrAddress& from);
+
+  // Receives a control packet of the name service without waiting; kOther stands for any other datagram.
+  ReadStatus receive(QrtrControl& packet);
+
+  bool is_name_service(const QrtrAddress& address) const { return address == name_service_; }
+
+  // Looks up the services of that number and returns the address of the first one that matches. The name service then
+  // reports changes to this socket. REQUIRES: the socket has not looked anything up before.
+  enum class Found { kFound, kAbsent, kNoResponse };
+  Found find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address);
+
+  // What the kernel counts: the datagrams that were dropped because the socket was full, and the bytes that wait.
+  struct Memory {
+    uint32_t drops;
+    uint32_t waiting_bytes;
+  };
+  Memory memory() const;
+
+  // From now on the kernel keeps next to nothing that arrives.
+  void refuse_datagrams();
+
+ private:
+  ProcessFd descriptor_;
+  QrtrAddress name_service_;
+};
+
+class QrtrConnection final : public Connection {
+ public:
+  QrtrConnection(QrtrSocket socket, const QrtrAddress& address, uint32_t service, size_t message_capacity);
+  ~QrtrConnection() override;
+
+  int descriptor() const override { return socket_.descriptor(); }
+
+  uint8_t* message_buffer() override { return message_.get(); }
+  size_t message_capacity() const override { return capacity_; }
+
+  // A message that the service had no room for until the deadline of flush() is given up as a whole.
+  SendStatus send(size_t length) override;
+  bool has_unsent() const override { return unsent_ > 0; }
+  SendStatus flush(const Deadline& deadline) override;
+
+  ReadStatus read(const Deadline& deadline) override;
+  Arrival next(Message& message) override;
+
+  void close(const Deadline& deadline) override { abandon(deadline); }
+  void abandon(const Deadline& deadline) override;
+  void stop_reading() override;
+  void shut_down() override;
+
+ private:
+  void wait(const Deadline& deadline) const;
+  bool is_departure(std::span<const uint8_t> packet) const;
+  void check_for_drops();
+  void report_drops();
+
+  QrtrSocket socket_;
+  const QrtrAddress address_;
+  const uint32_t service_;
+  ProcessFd wake_;                         // readable once reading has stopped
+  std::atomic<bool> has_stopped_{false};   // no more reads
+  std::atomic<bool> is_shut_down_{false};  // nor sends
+
+  const size_t capacity_;
+  const std::unique_ptr<uint8_t[]> message_;
+  size_t unsent_ = 0;  // the length of the message that waits for flush()
+
+  // Of the reading side.
+  const std::unique_ptr<uint8_t[]> received_;
+  std::span<const uint8_t> datagram_;  // the received datagram, until next() takes it
+  QrtrAddress from_;
+  bool is_lost_ = false;
+  uint32_t drops_ = 0;  // as last read
+  uint32_t unreported_drops_ = 0;
+  bool is_check_due_ = false;
+  Deadline next_check_ = Deadline::now();
+  Deadline next_report_ = Deadline::now();
+};
+
+class QrtrWatch final : public ServiceWatch {
+ public:
+  explicit QrtrWatch(const QrtrQuery& query) : query_(query) {}
+
+  Presence look() override;
+  int descriptor() const override { return socket_.descriptor(); }
+  bool reports_all() const override { return socket_.is_open(); }
+
+ private:
+  bool take_news(const Deadline& deadline);
+
+  const QrtrQuery query_;
+  QrtrSocket socket_;  // open if it has a lookup whose list is complete
+  bool is_there_ = false;
+};
+
+int32_t open_qrtr_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
+                             const Deadline& deadline, std::unique_ptr<Connection>& connection);
+std::unique_ptr<ServiceWatch> watch_qrtr_service(const ModemAddress& address, uint32_t service);
+
+}  // namespace pelmar::platform
