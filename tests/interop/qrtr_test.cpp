@@ -1,0 +1,357 @@
+// The client framework over the kernel's QRTR: its services are sockets of the test. Skipped where the kernel has none;
+// scripts/qrtr_vm.sh runs a kernel that has.
+#include <gtest/gtest.h>
+#include <linux/qrtr.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "captured_syslog.h"
+#include "nas_messages.h"
+#include "qmi_client.h"
+#include "qrtr_transport.h"
+#include "shared_value.h"
+#include "unique_fd.h"
+
+namespace pelmar::platform {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Events = std::vector<std::string>;
+using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
+using std::chrono::milliseconds;
+
+const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
+constexpr uint32_t kVersion = 1;
+
+Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs) {
+  Bytes bytes = {flags};
+  for (const size_t value : {size_t{transaction}, size_t{id}, tlvs.size()}) {
+    bytes.insert(bytes.end(), {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)});
+  }
+  bytes.insert(bytes.end(), tlvs.begin(), tlvs.end());
+  return bytes;
+}
+
+struct Datagram {
+  QrtrAddress from;
+  Bytes bytes;
+
+  bool is_control() const { return from.port == QRTR_PORT_CTRL; }
+};
+
+// The response to a request, with this DRX.
+Bytes drx_response(const Datagram& request, uint8_t drx) {
+  return message(0x02, static_cast<uint16_t>(request.bytes.at(1) | request.bytes.at(2) << 8), QMI_NAS_GET_DRX_V01,
+                 {0x02, 4, 0, 0, 0, 0, 0, 0x10, 4, 0, drx, 0, 0, 0});
+}
+
+// A socket of the test. It has an address once it has sent something.
+class Peer {
+ public:
+  void publish(uint32_t instance = 0, uint32_t version = kVersion) {
+    qrtr_ctrl_pkt packet{};
+    packet.cmd = QRTR_TYPE_NEW_SERVER;
+    packet.server.service = uint32_t{NAS_SERVICE_ID_V01};
+    packet.server.instance = instance << 8 | version;
+    packet.server.node = own_node();
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(&packet);
+    EXPECT_EQ(send({own_node(), QRTR_PORT_CTRL}, Bytes(bytes, bytes + sizeof packet)), 0);
+  }
+
+  uint32_t own_node() const {
+    sockaddr_qrtr own{};
+    socklen_t length = sizeof own;
+    EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&own), &length), 0);
+    return own.sq_node;
+  }
+
+  // Returns 0, or errno's value.
+  int send(const QrtrAddress& to, const Bytes& bytes) {
+    sockaddr_qrtr address{};
+    address.sq_family = AF_QIPCRTR;
+    address.sq_node = to.node;
+    address.sq_port = to.port;
+    const ssize_t sent = ::sendto(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return sent < 0 ? errno : 0;
+  }
+
+  // An empty one if nothing comes in that time.
+  Datagram receive(int timeout_ms = 60'000) {
+    pollfd readable = {socket_.get(), POLLIN, 0};
+    if (::poll(&readable, 1, timeout_ms) <= 0) return {};
+    Datagram datagram{{}, Bytes(65536)};
+    sockaddr_qrtr from{};
+    socklen_t length = sizeof from;
+    const ssize_t count = ::recvfrom(socket_.get(), datagram.bytes.data(), datagram.bytes.size(), MSG_DONTWAIT,
+                                     reinterpret_cast<sockaddr*>(&from), &length);
+    datagram.bytes.resize(count < 0 ? 0 : static_cast<size_t>(count));
+    datagram.from = {from.sq_node, from.sq_port};
+    return datagram;
+  }
+
+  // The next request of a client; the name service's packets are dropped.
+  Datagram receive_request(int timeout_ms = 60'000) {
+    Datagram datagram = receive(timeout_ms);
+    while (datagram.is_control()) datagram = receive(timeout_ms);
+    return datagram;
+  }
+
+  void make_small() {
+    const int least = 0;
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+  }
+
+  void close() { socket_.reset(); }
+
+ private:
+  UniqueFd socket_{::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+};
+
+class QrtrTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    const UniqueFd socket(::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket) GTEST_SKIP() << "this kernel has no QRTR";
+    ::setenv("PELMAR_QMI_SOCKET", "qrtr", 1);
+  }
+
+  void TearDown() override {
+    for (const qmi_client_type handle : handles_) qmi_client_release(handle);
+  }
+
+  int open(qmi_client_type* handle, uint32_t timeout = 4, unsigned instance = QMI_CLIENT_INSTANCE_ANY) {
+    const int error = qmi_client_init_instance(kNas, instance, on_indication, this, nullptr, timeout, handle);
+    if (error == QMI_NO_ERR) handles_.push_back(*handle);
+    return error;
+  }
+  qmi_client_type connect(uint32_t timeout = 4, unsigned instance = QMI_CLIENT_INSTANCE_ANY) {
+    qmi_client_type handle = nullptr;
+    EXPECT_EQ(open(&handle, timeout, instance), QMI_NO_ERR);
+    qmi_client_register_error_cb(handle, on_error, this);
+    return handle;
+  }
+
+  static std::future<Outcome> send(qmi_client_type handle, unsigned timeout = 60'000) {
+    return std::async(std::launch::async, [=] {
+      uint8_t request = 0;
+      nas::GetDrxResponse response{};
+      const int error =
+          qmi_client_send_msg_sync(handle, QMI_NAS_GET_DRX_V01, &request, 1, &response, sizeof response, timeout);
+      return Outcome(error, response.drx);
+    });
+  }
+
+  void note(const std::string& event) {
+    events_.change([&](Events& events) { events.push_back(event); });
+  }
+  Events events(size_t count) {
+    events_.comes_to([=](const Events& events) { return events.size() >= count; });
+    return events_.get();
+  }
+
+  static void on_error(qmi_client_type, qmi_client_error_type error, void* data) {
+    static_cast<QrtrTest*>(data)->note("error " + std::to_string(error));
+  }
+  static void on_event(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event, void* data) {
+    static_cast<QrtrTest*>(data)->note("event " + std::to_string(event));
+  }
+  static void on_indication(qmi_client_type, unsigned, void*, unsigned, void* data) {
+    auto* const test = static_cast<QrtrTest*>(data);
+    ++test->indications_;
+    while (test->is_held_) std::this_thread::sleep_for(milliseconds(1));
+    std::this_thread::sleep_for(test->callback_time_);
+  }
+
+  std::vector<qmi_client_type> handles_;
+  SharedValue<Events> events_;
+  std::atomic<size_t> indications_ = 0;
+  std::atomic<bool> is_held_ = false;  // the callback of an indication does not return
+  milliseconds callback_time_{0};
+};
+
+TEST_F(QrtrTest, TakesMessagesOfItsServiceAlone) {
+  Peer service, stranger;
+  service.publish(0, 7);  // any version
+  auto outcome = send(connect());
+  const Datagram request = service.receive_request();
+  EXPECT_EQ(stranger.send(request.from, drx_response(request, 6)), 0);
+  EXPECT_EQ(stranger.send(request.from, Bytes{5, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0}), 0) << "a departure, cut short";
+  const uint16_t id = QMI_NAS_GET_DRX_V01;
+  for (const Bytes& bad : {Bytes(), Bytes{2}, Bytes(6, 0xFF), Bytes(65000, 0xFF), message(0, 1, id, {}),
+                           message(2, 0x7777, id, {}), message(2, 1, id + 1, {})}) {
+    EXPECT_EQ(service.send(request.from, bad), 0);
+  }
+  EXPECT_EQ(service.send(request.from, drx_response(request, 8)), 0);
+  EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 8));
+  EXPECT_EQ(events(0), Events{});
+}
+
+TEST_F(QrtrTest, EndsWithItsServiceAndFindsItAgain) {
+  Peer first, second;
+  first.publish();
+  const qmi_client_type lost = connect();
+  auto outcome = send(lost), other = send(lost);
+  first.receive_request();
+  first.close();
+  EXPECT_EQ(outcome.get().first, QMI_SERVICE_ERR);
+  EXPECT_EQ(other.get().first, QMI_SERVICE_ERR);
+  EXPECT_EQ(events(1), Events{"error -2"});
+  EXPECT_EQ(send(lost).get().first, QMI_SERVICE_ERR);
+  qmi_client_type handle = nullptr;
+  EXPECT_EQ(open(&handle, 50), QMI_TIMEOUT_ERR);
+
+  auto late = std::async(std::launch::async, [&] {
+    std::this_thread::sleep_for(milliseconds(50));
+    second.publish();
+  });
+  handle = connect(60'000);
+  outcome = send(handle);
+  const Datagram request = second.receive_request();
+  EXPECT_EQ(second.send(request.from, drx_response(request, 9)), 0);
+  EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 9));
+  handles_.clear();
+  qmi_client_release(lost);
+  qmi_client_release(handle);
+  Datagram end = second.receive();
+  while (!end.bytes.empty() &&
+         read_qrtr_control(end.bytes) != QrtrControl{QrtrControl::Kind::kSocketGone, request.from}) {
+    end = second.receive();
+  }
+  EXPECT_TRUE(end.is_control()) << "the service learns of the client's end";
+  EXPECT_EQ(events(0), Events{"error -2"});
+}
+
+TEST_F(QrtrTest, OpensTheInstanceAndTheNodeThatAreNamed) {
+  Peer one, two;
+  one.publish(1);
+  two.publish(2);
+  connect(4, 1);
+  auto outcome = send(connect(4, 2), 1);
+  EXPECT_FALSE(two.receive_request().bytes.empty());
+  EXPECT_EQ(outcome.get().first, QMI_TIMEOUT_ERR);
+  qmi_client_type handle = nullptr;
+  EXPECT_EQ(open(&handle, 4, 3), QMI_TIMEOUT_ERR);
+  ::setenv("PELMAR_QMI_SOCKET", ("qrtr:" + std::to_string(one.own_node())).c_str(), 1);
+  EXPECT_EQ(open(&handle), QMI_NO_ERR);
+  ::setenv("PELMAR_QMI_SOCKET", "qrtr:99", 1);
+  EXPECT_EQ(open(&handle), QMI_TIMEOUT_ERR);
+}
+
+TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
+  qmi_client_type handle = nullptr;
+  ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
+  handles_.push_back(handle);
+  EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  EXPECT_EQ(events(0), Events{});
+  Peer one, two;
+  one.publish();
+  EXPECT_EQ(events(1), Events{"event 0"});
+  rusage before{}, after{};
+  ::getrusage(RUSAGE_SELF, &before);
+  std::this_thread::sleep_for(milliseconds(2000));
+  ::getrusage(RUSAGE_SELF, &after);
+  EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "switches of threads in two seconds";
+  one.close();
+  EXPECT_EQ(events(2).back(), "event 1");
+  two.publish(2);
+  EXPECT_EQ(events(3).back(), "event 0");
+  Peer third;
+  third.publish(3);
+  two.close();
+  EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"})) << "another one is there";
+}
+
+TEST_F(QrtrTest, WaitsForAFullService) {
+  Peer service, stranger;
+  service.make_small();
+  service.publish();
+  const qmi_client_type handle = connect();
+  const QrtrAddress address = [&] {
+    auto outcome = send(handle, 1);
+    const Datagram request = service.receive_request();
+    outcome.wait();
+    // The stranger learns the service's address from a lookup.
+    QrtrSocket socket;
+    QrtrAddress found;
+    EXPECT_TRUE(socket.open());
+    EXPECT_EQ(socket.find({.service = uint32_t{NAS_SERVICE_ID_V01}}, Deadline::after(milliseconds(5000)), found),
+              QrtrSocket::Found::kFound);
+    return found;
+  }();
+  const Bytes filler(100, 0xEE);
+  const auto fill = [&] {
+    while (stranger.send(address, filler) == 0) {
+    }
+  };
+  const auto drain = [&] {
+    Datagram datagram = service.receive_request(20);
+    while (datagram.bytes == filler) datagram = service.receive_request(20);
+    return datagram;
+  };
+  fill();
+  const auto start = Deadline::Clock::now();
+  EXPECT_EQ(send(handle, 50).get().first, QMI_TIMEOUT_ERR);
+  EXPECT_GE(Deadline::Clock::now() - start, milliseconds(50));
+  EXPECT_TRUE(drain().bytes.empty()) << "a request that was given up does not arrive later";
+
+  fill();
+  auto outcome = send(handle);
+  std::this_thread::sleep_for(milliseconds(30));
+  const Datagram request = drain();
+  ASSERT_FALSE(request.bytes.empty());
+  EXPECT_EQ(service.send(request.from, drx_response(request, 7)), 0);
+  EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 7));
+
+  fill();
+  outcome = send(handle);
+  std::this_thread::sleep_for(milliseconds(30));
+  service.close();
+  EXPECT_EQ(outcome.get().first, QMI_SERVICE_ERR) << "the service goes away while a send waits";
+}
+
+TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
+  constexpr size_t kCount = 1000;
+  callback_time_ = milliseconds(2);
+  Peer service;
+  service.publish();
+  auto outcome = send(connect(), 1);
+  const Datagram request = service.receive_request();
+  outcome.wait();
+  const Bytes indication = message(0x04, 0, 0x0024, Bytes(10'672 - 7, 0));
+  for (size_t i = 0; i < kCount; ++i) EXPECT_EQ(service.send(request.from, indication), 0);
+  for (int i = 0; i < 60'000 && indications_ < kCount; ++i) std::this_thread::sleep_for(milliseconds(1));
+  EXPECT_EQ(indications_, kCount);
+  EXPECT_EQ(logged(), "");
+}
+
+TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
+  is_held_ = true;
+  Peer service;
+  service.publish();
+  auto outcome = send(connect(), 1);
+  const Datagram request = service.receive_request();
+  outcome.wait();
+  const Bytes indication = message(0x04, 0, 0x0024, Bytes(60'000, 0));
+  size_t refused = 0;
+  while (refused < 5) refused += service.send(request.from, indication) != 0;
+  service.close();
+  std::this_thread::sleep_for(milliseconds(100));  // until the name service has reported it, in vain
+  EXPECT_EQ(events(0), Events{});
+  is_held_ = false;
+  EXPECT_EQ(events(1), Events{"error -2"});
+  EXPECT_NE(logged().find("the kernel dropped 6 messages"), std::string::npos) << "and the report: " << logged();
+}
+
+}  // namespace
+}  // namespace pelmar::platform

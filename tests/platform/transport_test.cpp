@@ -1,0 +1,113 @@
+// What the transports need no peer for: the forms of a modem's address, and the control packets of QRTR.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ostream>
+#include <string>
+
+#include "captured_syslog.h"
+#include "modem_address.h"
+#include "nas_messages.h"
+#include "qmi_client.h"
+#include "qrtr_transport.h"
+
+namespace pelmar::platform {
+namespace {
+
+using Kind = ModemAddress::Kind;
+using Packet = QrtrControl::Kind;
+using Bytes = std::vector<uint8_t>;
+
+TEST(ModemAddress, HasTheseForms) {
+  const struct {
+    std::string text;
+    std::optional<ModemAddress> address;
+  } cases[] = {
+      {"@modem", ModemAddress{Kind::kQmuxSocket, "@modem"}},
+      {"/run/modem", ModemAddress{Kind::kQmuxSocket, "/run/modem"}},
+      {"./qrtr", ModemAddress{Kind::kQmuxSocket, "./qrtr"}},
+      {"/dev/null", ModemAddress{Kind::kDevice, "/dev/null"}},
+      {"@qmi-proxy", ModemAddress{Kind::kProxy, "/dev/cdc-wdm0"}},
+      {"proxy:/dev/cdc-wdm1", ModemAddress{Kind::kProxy, "/dev/cdc-wdm1"}},
+      {"qrtr", ModemAddress{Kind::kQrtr, ""}},
+      {"qrtr:0", ModemAddress{Kind::kQrtr, "", 0}},
+      {"qrtr:4294967295", ModemAddress{Kind::kQrtr, "", 0xFFFFFFFF}},
+      {"", std::nullopt},
+      {"@", std::nullopt},
+      {"modem", std::nullopt},
+      {"proxy:", std::nullopt},
+      {"proxy:cdc-wdm0", std::nullopt},
+      {"qrtr:", std::nullopt},
+      {"qrtr:-1", std::nullopt},
+      {"qrtr:1x", std::nullopt},
+      {"qrtr:4294967296", std::nullopt},
+      {"/" + std::string(200, 'x'), std::nullopt},
+  };
+  for (const auto& each : cases) EXPECT_EQ(parse_modem_address(each.text), each.address) << each.text;
+}
+
+TEST(ModemAddress, ThatIsWrongIsRefusedAndReported) {
+  ::setenv("PELMAR_QMI_SOCKET", "qrtr:x", 1);
+  const auto nas = nas_get_service_object_internal_v01(1, 388, 6);
+  qmi_client_type handle = nullptr;
+  EXPECT_EQ(qmi_client_init_instance(nas, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, nullptr, 60'000, &handle),
+            QMI_CLIENT_PARAM_ERR);
+  EXPECT_NE(logged().find("PELMAR_QMI_SOCKET=qrtr:x"), std::string::npos) << logged();
+  EXPECT_NE(logged().find("qrtr:NODE"), std::string::npos) << logged();
+}
+
+TEST(Qrtr, IsReportedIfTheKernelHasNone) {
+  QrtrSocket socket;
+  if (socket.open()) GTEST_SKIP() << "this kernel has QRTR";
+  EXPECT_NE(logged().find("modprobe qrtr"), std::string::npos) << logged();
+}
+
+TEST(Qrtr, ReadsControlPackets) {
+  const Bytes nas = {3, 0, 0, 0, 0x02, 0x01, 0, 0, 5, 0, 0, 0, 0x01, 0x40, 0, 0};  // version 2, instance 1
+  const auto packet = [](uint8_t command, Bytes rest) {
+    rest.insert(rest.begin(), {command, 0, 0, 0});
+    return rest;
+  };
+  const Bytes cut(nas.begin(), nas.end() - 1);
+  const struct {
+    const char* what;
+    Bytes bytes;
+    QrtrControl control;
+  } cases[] = {
+      {"a service came", packet(4, nas), {Packet::kArrival, {5, 0x4001}, 3, 1, 2}},
+      {"a service went", packet(5, nas), {Packet::kDeparture, {5, 0x4001}, 3, 1, 2}},
+      {"the list ends", packet(4, Bytes(16)), {Packet::kEndOfList}},
+      {"no end of a list", packet(5, Bytes(16)), {Packet::kDeparture}},
+      {"a socket closed", packet(6, {5, 0, 0, 0, 0x01, 0x40, 0, 0}), {Packet::kSocketGone, {5, 0x4001}}},
+      {"a node went", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}},
+      {"longer than needed",
+       packet(3, {5, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9}),
+       {Packet::kNodeGone, {5}}},
+      {"cut short", packet(4, cut), {}},
+      {"cut short", packet(6, {5, 0, 0, 0, 1, 0x40, 0}), {}},
+      {"cut short", packet(3, {5, 0, 0}), {}},
+      {"no whole command", {4, 0, 0}, {}},
+      {"nothing", {}, {}},
+      {"another command", packet(7, nas), {}},
+  };
+  for (const auto& each : cases) EXPECT_TRUE(read_qrtr_control(each.bytes) == each.control) << each.what;
+}
+
+TEST(Qrtr, AQueryMatchesEveryVersion) {
+  const QrtrControl packet = {Packet::kArrival, {5, 0x4001}, 3, 1, 2};
+  const struct {
+    QrtrQuery query;
+    bool matches;
+  } cases[] = {
+      {{.service = 3}, true},
+      {{.service = 4}, false},
+      {{.service = 3, .instance = 1, .node = 5, .port = 0x4001}, true},
+      {{.service = 3, .instance = 0}, false},
+      {{.service = 3, .node = 0}, false},
+      {{.service = 3, .port = 0x4002}, false},
+  };
+  for (const auto& each : cases) EXPECT_EQ(each.query.matches(packet), each.matches);
+}
+
+}  // namespace
+}  // namespace pelmar::platform
