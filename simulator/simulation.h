@@ -13,6 +13,7 @@
 #include "qmi/connection.h"
 #include "qmi/exchange.h"
 #include "qmi/modem.h"
+#include "qmi/qrtr_server.h"
 #include "radio/radio_picture.h"
 #include "services/event_stream.h"
 #include "services/radio_services.h"
@@ -27,6 +28,7 @@ struct SimulationOptions {
   std::string socket;
   std::string storage;
   std::string control;
+  bool qrtr = false;  // serve clients of the kernel's QRTR as well
   Admission admission =
       Admission::kThisUserAndRoot;  // of clients and voters; the control socket is never for every user
   size_t max_entries = 4096;
@@ -68,6 +70,7 @@ struct Simulation {
   std::optional<PeripheralManager> manager;
   Exchange exchange;
   Connections connections;
+  std::optional<QrtrServer> qrtr;
   EventStream stream;
   StatisticReports reports;
   Console console;

@@ -3,16 +3,29 @@
 #include <utility>
 
 #include "qmi/exchange.h"
+#include "unix_socket.h"
 
 namespace pelmar::sim {
 
-Connection::Connection(Connections& connections, UniqueFd fd, uint64_t number)
-    : connections_(connections),
-      number_(number),
-      stream_(connections.loop_, connections.output_, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}),
-      process_(stream_.process_at_other_end()) {}
+void Connection::received(const qmi::Frame& frame) {
+  connections_.exchange_.on_frame(*this, frame);
+}
 
-size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
+void Connection::drained() {
+  const EventLoop::Task task = std::exchange(when_drained_, nullptr);
+  if (task) task();
+}
+
+void Connection::closed(std::string_view reason) {
+  connections_.exchange_.on_closed(*this, reason);
+  connections_.remove(*this);
+}
+
+QmuxConnection::QmuxConnection(Connections& connections, uint64_t number, UniqueFd fd)
+    : Connection(connections, number, peer_of(fd.get()).pid),
+      stream_(connections.loop_, connections.output_, std::move(fd), *this, {qmi::kMaxFrameLength, kMaxWaitingBytes}) {}
+
+size_t QmuxConnection::on_bytes(std::span<const uint8_t> bytes) {
   size_t used = 0;
   while (stream_.is_open()) {
     const qmi::Front front = qmi::read_front(bytes.subspan(used), qmi::Direction::kToModem);
@@ -21,20 +34,10 @@ size_t Connection::on_bytes(std::span<const uint8_t> bytes) {
       close(front.problem);
       break;
     }
-    connections_.exchange_.on_frame(*this, front.frame);
+    received(front.frame);
     used += front.length;
   }
   return used;
-}
-
-void Connection::on_drained() {
-  const EventLoop::Task task = std::exchange(when_drained_, nullptr);
-  if (task) task();
-}
-
-void Connection::on_closed(std::string_view reason) {
-  connections_.exchange_.on_closed(*this, reason);
-  connections_.remove(*this);
 }
 
 Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
@@ -44,15 +47,8 @@ Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::stri
       exchange_(exchange),
       idle_limit_(idle_limit),
       listener_(
-          loop, socket, [this](UniqueFd fd) { accept(std::move(fd)); }, admission) {
+          loop, socket, [this](UniqueFd fd) { add<QmuxConnection>(std::move(fd)); }, admission) {
   wait_for_clients();
-}
-
-void Connections::accept(UniqueFd fd) {
-  const uint64_t number = last_number_ + 1;
-  open_.emplace(number, std::make_shared<Connection>(*this, std::move(fd), number));
-  last_number_ = number;
-  loop_.cancel(idle_timer_);
 }
 
 bool Connections::drop_youngest(std::string_view reason) {

@@ -1,4 +1,4 @@
-// A connection of a QMUX client, and the set of them that one socket serves.
+// A connection of a client, and the set of all of them.
 //
 // A connection is in its set until it closes, and is destroyed in a later round of the loop. Code that keeps one for
 // later holds a weak pointer.
@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "io/local_socket.h"
 #include "io/stream.h"
@@ -23,34 +24,58 @@ namespace pelmar::sim {
 class Connections;
 class Exchange;
 
-class Connection final : public std::enable_shared_from_this<Connection>, private Stream::Reader {
+class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  // Bytes that may wait for a client that does not read, before it is dropped.
+  // Bytes that may wait for a client that does not read.
   static constexpr size_t kMaxWaitingBytes = 1 << 20;
 
-  Connection(Connections& connections, UniqueFd fd, uint64_t number);
+  virtual ~Connection() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
 
   uint64_t number() const { return number_; }
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
 
-  void send(std::span<const uint8_t> bytes) { stream_.send(bytes); }
-  void close(std::string_view reason) { stream_.close(reason); }
+  // Sends a QMUX frame to the client, or the bytes of a fault.
+  virtual void send(std::span<const uint8_t> bytes) = 0;
+  virtual void close(std::string_view reason) = 0;
 
   // True while no output waits for the client to read it.
-  bool is_drained() const { return stream_.is_drained(); }
+  virtual bool is_drained() const = 0;
   // Calls once, when that becomes true again.
   void when_drained(EventLoop::Task task) { when_drained_ = std::move(task); }
 
- private:
-  size_t on_bytes(std::span<const uint8_t> bytes) override;
-  void on_drained() override;
-  void on_closed(std::string_view reason) override;
+ protected:
+  Connection(Connections& connections, uint64_t number, pid_t process)
+      : connections_(connections), number_(number), process_(process) {}
+
+  void received(const qmi::Frame& frame);
+  void drained();
+  void closed(std::string_view reason);
 
   Connections& connections_;
+
+ private:
   const uint64_t number_;
-  Stream stream_;
   const pid_t process_;
   EventLoop::Task when_drained_;
+};
+
+// A client of the Unix socket, which sends and receives QMUX. It is dropped if it does not read.
+class QmuxConnection final : public Connection, private Stream::Reader {
+ public:
+  QmuxConnection(Connections& connections, uint64_t number, UniqueFd fd);
+
+  void send(std::span<const uint8_t> bytes) override { stream_.send(bytes); }
+  void close(std::string_view reason) override { stream_.close(reason); }
+  bool is_drained() const override { return stream_.is_drained(); }
+
+ private:
+  size_t on_bytes(std::span<const uint8_t> bytes) override;
+  void on_drained() override { drained(); }
+  void on_closed(std::string_view reason) override { closed(reason); }
+
+  Stream stream_;
 };
 
 class Connections final {
@@ -74,10 +99,21 @@ class Connections final {
     }
   }
 
+  // Makes a connection, which serves its client until it closes.
+  template <typename T, typename... Arguments>
+  std::shared_ptr<T> add(Arguments&&... arguments) {
+    const uint64_t number = last_number_ + 1;
+    auto connection = std::make_shared<T>(*this, number, std::forward<Arguments>(arguments)...);
+    open_.emplace(number, connection);
+    last_number_ = number;
+    loop_.cancel(idle_timer_);
+    return connection;
+  }
+
  private:
   friend class Connection;
+  friend class QmuxConnection;
 
-  void accept(UniqueFd fd);
   void remove(Connection& connection);
   void wait_for_clients();
 

@@ -32,6 +32,7 @@ void Modem::take_down(Slot& slot) {
     owner.send(writer_.finish());
   });
   slot.service->restarted();
+  changed_();
 }
 
 void Modem::restart(std::chrono::milliseconds starting_time) {
@@ -44,14 +45,23 @@ void Modem::restart(std::chrono::milliseconds starting_time) {
 void Modem::turn_off() {
   void_all_clients();
   loop_.cancel(start_timer_);
-  state_ = State::kOff;
+  set_state(State::kOff);
   broadcast(qmi::kControlService, kControlSync, {});
 }
 
 void Modem::start(std::chrono::milliseconds starting_time) {
   loop_.cancel(start_timer_);
-  state_ = starting_time.count() > 0 ? State::kStarting : State::kReady;
-  if (state_ == State::kStarting) start_timer_ = loop_.after(starting_time, [this] { state_ = State::kReady; });
+  set_state(State::kStarting);
+  if (starting_time.count() > 0) {
+    start_timer_ = loop_.after(starting_time, [this] { set_state(State::kReady); });
+  } else {
+    set_state(State::kReady);
+  }
+}
+
+void Modem::set_state(State state) {
+  state_ = state;
+  changed_();
 }
 
 void Modem::void_all_clients() {

@@ -90,6 +90,9 @@ class Modem {
 
   void attach(Connections& connections) { connections_ = &connections; }
 
+  // Calls whenever a service may have come or gone. A restart calls once while no service runs.
+  void when_changed(EventLoop::Task task) { changed_ = std::move(task); }
+
   State state() const { return state_; }
   std::span<Slot> slots() { return slots_; }
 
@@ -100,7 +103,10 @@ class Modem {
   Slot* find_running(uint8_t service);
 
   void take_down(Slot& slot);
-  void bring_up(Slot& slot) { slot.is_up = true; }
+  void bring_up(Slot& slot) {
+    slot.is_up = true;
+    changed_();
+  }
 
   // Voids all client ids. Until the time is over the modem has no services and is not ready. Services that were down
   // come up. A modem that is off stays off.
@@ -131,12 +137,14 @@ class Modem {
   void free_client(Slot& slot, uint8_t client);
   void void_all_clients();
   void start(std::chrono::milliseconds starting_time);
+  void set_state(State state);
 
   EventLoop& loop_;
   Connections* connections_ = nullptr;
   std::vector<Slot> slots_;
   Slot* slot_by_id_[256] = {};
   State state_ = State::kReady;
+  EventLoop::Task changed_ = [] {};
   EventLoop::TimerId start_timer_{};
   std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
   qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};
