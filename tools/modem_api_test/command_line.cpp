@@ -116,6 +116,8 @@ CommandLine::CommandLine()
   global.add_flag("--json", settings_.json, "print JSON, one document a line");
   global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
   global.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
+  global.add_flag("--phone-rules", settings_.phone_rules,
+                  "end with a message where a callback would never return on a phone");
   global.add_number("--timeout", settings_.seconds, "end with an error after that many seconds", {.type = "SECONDS"},
                     UINT32_MAX, 1);
   add_info_command(*this);

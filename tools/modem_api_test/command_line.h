@@ -41,6 +41,7 @@ struct Settings {
   bool json = false;
   bool verbose = false;
   bool waits = false;
+  bool phone_rules = false;
   uint32_t seconds = 0;  // 0: without limit
 };
 

@@ -253,8 +253,10 @@ Json Failure::json() const {
 }
 
 void check(modem_api_result result, const std::string& step, std::initializer_list<Advice> advices) {
-  if (result != MODEM_API_SUCCESS) throw Failure::of_result(step, result, advices);
-  take_last_exchange();  // what fails next has a cause of its own
+  const auto exchange = take_last_exchange();  // what fails next has a cause of its own
+  if (result != MODEM_API_SUCCESS) throw Failure::of_result(step, result, advices, exchange);
+  // By the phone's rules a loss leaves a zeroed response as it is, which the library takes for a success.
+  if (exchange && exchange->code == QMI_SERVICE_ERR) throw Failure::of_exchange(step, *exchange);
 }
 
 void check_response(modem_api_result result, const std::string& step) {

@@ -1,4 +1,5 @@
 // modem_api_test: the library's command-line client.
+#include <cstdlib>
 #include <exception>
 #include <optional>
 
@@ -22,6 +23,7 @@ std::optional<Failure> run_command(const CommandLine& line, const Context& conte
 
 int run(const CommandLine& line) {
   const Settings& settings = line.settings();
+  if (settings.phone_rules) setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   Output output(settings.json);
   Inbox inbox;
   Session session(settings.modem, settings.waits, settings.verbose);

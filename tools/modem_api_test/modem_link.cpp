@@ -23,7 +23,8 @@ bool ModemLink::is_up() {
   }
   const modem_api_result result = probe_();
   const auto exchange = take_last_exchange();
-  if (result == MODEM_API_SUCCESS) return true;
+  const bool is_lost = exchange && exchange->code == QMI_SERVICE_ERR;
+  if (result == MODEM_API_SUCCESS && !is_lost) return true;
   const uint32_t refusal = exchange && exchange->code == QMI_NO_ERR ? exchange->error : 0;
   if (result == MODEM_API_ERR_TIMEOUT) {
     problem_ = kNoResponseText;

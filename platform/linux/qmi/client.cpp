@@ -60,20 +60,16 @@ void Client::run() {
       end_lost_connection(lock);
     } else if (!events_.empty()) {
       const Event event = take_event();
-      const size_t dropped = std::exchange(dropped_, 0);
-      lock.unlock();
-      if (dropped > 0) {
-        syslog(LOG_WARNING, "QMI service 0x%02x: a client's callbacks are too slow, %zu indications were dropped",
-               static_cast<unsigned>(service_->service_id), dropped);
-      }
-      FrameworkThread::run_callback([&] { deliver(event); });
-      lock.lock();
+      handle(event, lock);
     } else if (is_error_due_) {
       is_error_due_ = false;
       const auto function = error_function_;
       void* const data = error_data_;
       lock.unlock();
-      FrameworkThread::run_callback([&] { function(handle_, QMI_SERVICE_ERR, data); });
+      FrameworkThread::run_callback([&] {
+        const RunningCallback running(this, kErrorCallback);
+        function(handle_, QMI_SERVICE_ERR, data);
+      });
       lock.lock();
     } else {
       wait_for_work(lock);
@@ -90,6 +86,26 @@ Client::Event Client::take_event() {
   waiting_bytes_ -= waiting_bytes_of(event);
   if (std::holds_alternative<Transaction>(event)) --async_count_;
   return event;
+}
+
+void Client::handle(const Event& event, Lock& lock) {
+  if (const auto* const response = std::get_if<Response>(&event)) {
+    Message message = response->message;
+    message.tlvs = response->tlvs;
+    return dispatch_response(message);
+  }
+  const size_t dropped = std::exchange(dropped_, 0);
+  lock.unlock();
+  if (dropped > 0) {
+    syslog(LOG_WARNING, "QMI service 0x%02x: a client's callbacks are too slow, %zu indications were dropped",
+           static_cast<unsigned>(service_->service_id), dropped);
+  }
+  FrameworkThread::run_callback([&] { deliver(event); });
+  lock.lock();
+  if (!has_phone_rules_) return;
+  const auto* const transaction = std::get_if<Transaction>(&event);
+  if (transaction != nullptr && is_lost(*transaction) && --losses_due_ == 0) send_ended_.notify_all();
+  take_in_arrivals();
 }
 
 void Client::wait_for_work(Lock& lock) {
@@ -124,19 +140,26 @@ int Client::limit_of_wait() const {
 void Client::deliver(const Event& event) const {
   if (const auto* const indication = std::get_if<Indication>(&event)) {
     if (indication_.function == nullptr) return;
+    const RunningCallback running(this, "an indication callback");
     // The interface takes writable bytes; these are the event's own copy.
     indication_.function(handle_, indication->id, const_cast<uint8_t*>(indication->tlvs.data()),
                          static_cast<unsigned>(indication->tlvs.size()), indication_.data);
     return;
   }
   const auto& transaction = std::get<Transaction>(event);
+  const RunningCallback running(this, is_lost(transaction) ? kLossCallback : "a response callback");
+  call(transaction);
+}
+
+void Client::call(const Transaction& transaction) const {
   observe_end(transaction.result, transaction.request.response, transaction.request.response_length);
   transaction.callback.function(handle_, transaction.request.id, transaction.request.response,
-                                static_cast<unsigned>(transaction.request.response_length), transaction.callback.data,
+                                static_cast<unsigned>(transaction.reported_length), transaction.callback.data,
                                 transaction.result);
 }
 
 int32_t Client::register_error_callback(qmi_client_error_cb function, void* data) {
+  if (has_phone_rules_ && function == nullptr) return QMI_CLIENT_PARAM_ERR;
   {
     const Lock lock(mutex_);
     error_function_ = function;
@@ -144,7 +167,10 @@ int32_t Client::register_error_callback(qmi_client_error_cb function, void* data
     if (!is_gone_) return QMI_NO_ERR;
     is_error_due_ = false;
   }
-  const auto call = [&] { function(handle_, QMI_SERVICE_ERR, data); };
+  const auto call = [&] {
+    const RunningCallback running(this, kErrorCallback);
+    function(handle_, QMI_SERVICE_ERR, data);
+  };
   if (function != nullptr && !caller_callbacks_.run(call)) return QMI_CLIENT_INVALID_CLNT;
   return QMI_SERVICE_ERR;
 }
@@ -155,13 +181,22 @@ int32_t Client::decode(qmi_idl_type_of_message_type type, uint16_t id, const voi
 }
 
 void Client::release() {
+  if (const char* const callback = has_phone_rules_ ? RunningCallback::of(this) : nullptr) {
+    end_blocked_process(service_->service_id, "qmi_client_release", callback,
+                        "Release the handle on another thread, which may wait for the callback.");
+  }
+  std::vector<Transaction> pending;
   {
     const Lock lock(mutex_);
     is_stopping_ = true;
-    while (!transactions_.empty()) take(transactions_.begin());
+    for (const Event& event : events_) {
+      if (const auto* const transaction = std::get_if<Transaction>(&event)) pending.push_back(*transaction);
+    }
+    while (!transactions_.empty()) pending.push_back(take(transactions_.begin()));
     events_.clear();
     waiting_bytes_ = 0;
-    while (!waiters_.empty()) finish(*waiters_.back(), QMI_CLIENT_INVALID_CLNT);
+    const int32_t error = has_phone_rules_ ? QMI_INTERNAL_ERR : QMI_CLIENT_INVALID_CLNT;
+    while (!waiters_.empty()) finish(*waiters_.back(), error);
     send_ended_.notify_all();
     thread_.wake();
   }
@@ -172,6 +207,13 @@ void Client::release() {
   }
   thread_.finish();
   caller_callbacks_.wait_for_others();
+  if (has_phone_rules_) {
+    for (Transaction& transaction : pending) {
+      transaction.reported_length = 0;
+      if (!is_lost(transaction)) transaction.result = QMI_INTERNAL_ERR;
+      call(transaction);
+    }
+  }
   end_connection(Deadline::after(kEndTimeout));
 }
 

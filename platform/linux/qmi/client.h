@@ -10,6 +10,8 @@
 // stop reading, because the sender's response is behind them in the same stream, and the callback may wait for the
 // sender.
 //
+// Under the phone's rules (rules.h) the thread alone reads, and takes in one message after the other.
+//
 // One mutex guards all state. It is not held while a read waits, while bytes are sent, or during a callback.
 #pragma once
 
@@ -24,6 +26,7 @@
 
 #include "handle.h"
 #include "qmi_client.h"
+#include "rules.h"
 #include "transport.h"
 
 namespace pelmar::platform {
@@ -62,7 +65,7 @@ class Client : public std::enable_shared_from_this<Client> {
   int32_t decode(qmi_idl_type_of_message_type type, uint16_t id, const void* bytes, size_t length, void* structure,
                  size_t structure_length) const;
 
-  // Ends the handle. Senders that still wait return QMI_CLIENT_INVALID_CLNT.
+  // Ends the handle. Senders that still wait return QMI_CLIENT_INVALID_CLNT, by the phone's rules QMI_INTERNAL_ERR.
   void release();
 
   // Releases the client id at the process's end, whatever the handle's threads are doing.
@@ -93,6 +96,7 @@ class Client : public std::enable_shared_from_this<Client> {
     Request request;
     ResponseCallback callback;
     int32_t result;
+    size_t reported_length;  // what the callback gets as the response's length
   };
 
   struct Indication {
@@ -100,7 +104,13 @@ class Client : public std::enable_shared_from_this<Client> {
     std::vector<uint8_t> tlvs;
   };
 
-  using Event = std::variant<Indication, Transaction>;
+  // A response that waits for its turn, by the phone's rules.
+  struct Response {
+    Message message;
+    std::vector<uint8_t> tlvs;
+  };
+
+  using Event = std::variant<Indication, Transaction, Response>;
 
   // The senders that wait for a response, by transaction number. The index in the table is the number modulo the
   // table's size, so no search is needed; a number whose slot is taken is skipped. Asynchronous sends fill half of the
@@ -114,9 +124,18 @@ class Client : public std::enable_shared_from_this<Client> {
   static constexpr size_t kMostWaitingBytes = size_t{64} << 20;
   static size_t waiting_bytes_of(const Event& event);
 
+  static constexpr const char* kErrorCallback = "the error callback";
+  static constexpr const char* kLossCallback = "a response callback after the loss of the service";
+
+  // Whether the callback reports the loss of the service by the phone's rules.
+  static bool is_lost(const Transaction& transaction) {
+    return transaction.reported_length == 0 && transaction.result == QMI_SERVICE_ERR;
+  }
+
   // client_send.cpp
-  int32_t check_response_length(const Request& request) const;
-  static void mark_lost(const Request& request);
+  void check_callback(const char* call, const Deadline& deadline) const;
+  int32_t check_lengths(const Request& request) const;
+  void mark_lost(const Request& request) const;
   int32_t begin_send(Lock& lock, const Request& request, const Deadline& deadline, SendKind kind,
                      uint16_t& transaction);
   int32_t transmit(Lock& lock, const Request& request, uint16_t transaction, const Deadline& deadline);
@@ -128,6 +147,7 @@ class Client : public std::enable_shared_from_this<Client> {
 
   // client_receive.cpp
   void dispatch_arrivals();
+  void take_in_arrivals();
   void dispatch(const Message& message);
   void dispatch_kept();
   void dispatch_response(const Message& message);
@@ -148,9 +168,11 @@ class Client : public std::enable_shared_from_this<Client> {
   // client.cpp
   void run();
   Event take_event();
+  void handle(const Event& event, Lock& lock);
   void wait_for_work(Lock& lock);
   int limit_of_wait() const;
   void deliver(const Event& event) const;
+  void call(const Transaction& transaction) const;
   void end_lost_connection(Lock& lock);
   void end_connection(const Deadline& deadline);
 
@@ -158,6 +180,7 @@ class Client : public std::enable_shared_from_this<Client> {
   const IndicationCallback indication_;
   const std::unique_ptr<Connection> connection_;
   const qmi_client_type handle_;
+  const bool has_phone_rules_ = phone_rules();
   ProcessFd poll_;  // an epoll descriptor: the connection and the thread's wake-up
   const Deadline::Clock::time_point connected_ = Deadline::Clock::now();
 
@@ -182,6 +205,7 @@ class Client : public std::enable_shared_from_this<Client> {
   std::deque<Event> events_;             // for the thread, in the order of arrival
   size_t waiting_bytes_ = 0;             // of the indications in events_
   size_t dropped_ = 0;                   // dropped indications that are not logged yet
+  size_t losses_due_ = 0;                // by the phone's rules: callbacks of lost transactions that have not returned
 
   qmi_client_error_cb error_function_ = nullptr;
   void* error_data_ = nullptr;

@@ -34,11 +34,24 @@ void Client::dispatch_arrivals() {
   }
 }
 
+// By the phone's rules: takes in what arrived during a callback, which was left in the connection.
+void Client::take_in_arrivals() {
+  constexpr int kMostReads = 64;  // a peer may send without end
+  for (int reads = 0; reads < kMostReads && !is_stopping_ && !is_gone_; ++reads) {
+    const ReadStatus status = connection_->read(Deadline::now());
+    if (status == ReadStatus::kTimedOut) return;
+    dispatch_arrivals();
+    if (status == ReadStatus::kGone) service_gone();
+  }
+}
+
 void Client::dispatch(const Message& message) {
   const bool is_response = message.kind == qmi::MessageKind::kResponse;
   observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication, service_->service_id,
            message.id, message.tlvs});
-  if (is_response) {
+  if (is_response && has_phone_rules_) {
+    push(Response{message, {message.tlvs.begin(), message.tlvs.end()}});
+  } else if (is_response) {
     dispatch_response(message);
   } else {
     push(Indication{message.id, {message.tlvs.begin(), message.tlvs.end()}});
@@ -61,6 +74,7 @@ void Client::send_due_probe() {
 
 // A response without a waiting sender came too late, and is dropped.
 void Client::dispatch_response(const Message& message) {
+  if (has_phone_rules_ && !message.length_agrees) return;
   const Slot& slot = slot_of(message.transaction);
   if (Waiter* const* const found = std::get_if<Waiter*>(&slot)) {
     Waiter& waiter = **found;
@@ -142,6 +156,10 @@ void Client::lose() {
     Transaction lost = take(transactions_.begin());
     mark_lost(lost.request);
     lost.result = QMI_SERVICE_ERR;
+    if (has_phone_rules_ && !is_stopping_) {
+      lost.reported_length = 0;
+      ++losses_due_;
+    }
     push(lost);
   }
   is_error_due_ = error_function_ != nullptr;
@@ -181,7 +199,12 @@ void Client::poll_connection(bool armed) {
 
 void Client::push(Event event) {
   if (is_stopping_) return;
-  waiting_bytes_ += waiting_bytes_of(event);
+  const size_t bytes = waiting_bytes_of(event);
+  if (has_phone_rules_ && bytes > 0 && waiting_bytes_ + bytes > kPhoneReceiveBuffer) {
+    ++dropped_;
+    return;
+  }
+  waiting_bytes_ += bytes;
   events_.push_back(std::move(event));
   while (waiting_bytes_ > kMostWaitingBytes) drop_oldest_indication();
   wake_thread();

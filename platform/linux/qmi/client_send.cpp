@@ -13,6 +13,7 @@ namespace pelmar::platform {
 constexpr Deadline::Milliseconds kAsyncSendTimeout{5000};
 
 int32_t Client::send_sync(const Request& request, const Deadline& deadline) noexcept {
+  check_callback("qmi_client_send_msg_sync", deadline);
   Waiter waiter(request, deadline);
   Lock lock(mutex_, std::defer_lock);
   int32_t error = begin_send(lock, request, deadline, SendKind::kSync, waiter.transaction);
@@ -20,7 +21,7 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
   slot_of(waiter.transaction) = &waiter;
   waiter.place = waiters_.size();
   waiters_.push_back(&waiter);
-  if (reader_ == nullptr) take_reading(waiter);
+  if (reader_ == nullptr && !has_phone_rules_) take_reading(waiter);
   error = transmit(lock, request, waiter.transaction, deadline);
   if (error != QMI_NO_ERR && !waiter.is_done) finish(waiter, error);
   return wait_for_response(lock, waiter);
@@ -29,12 +30,14 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
 int32_t Client::send_async(const Request& request, const ResponseCallback& callback,
                            qmi_txn_handle* transaction) noexcept {
   const Deadline deadline = Deadline::after(kAsyncSendTimeout);
+  check_callback("qmi_client_send_msg_async", deadline);
   Lock lock(mutex_, std::defer_lock);
   uint16_t number = 0;
   int32_t error = begin_send(lock, request, deadline, SendKind::kAsync, number);
   if (error != QMI_NO_ERR) return error;
   ++async_count_;
-  const auto own = transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR});
+  const auto own =
+      transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR, request.response_length});
   slot_of(number) = own;
   if (transaction != nullptr) *transaction = reinterpret_cast<qmi_txn_handle>(uintptr_t{number});
   error = transmit(lock, request, number, deadline);
@@ -50,13 +53,31 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
 
 // Fills the response's header with a failure: a caller that reads the header alone must not take a lost exchange for a
 // success.
-void Client::mark_lost(const Request& request) {
+void Client::mark_lost(const Request& request) const {
+  if (has_phone_rules_) return;
   const qmi_response_type_v01 lost = {QMI_RESULT_FAILURE_V01, QMI_ERR_INTERNAL_V01};
   if (request.response_length >= sizeof(lost)) std::memcpy(request.response, &lost, sizeof(lost));
 }
 
-int32_t Client::check_response_length(const Request& request) const {
+// By the phone's rules, ends the process if the call could never return.
+void Client::check_callback(const char* call, const Deadline& deadline) const {
+  if (!has_phone_rules_ || !thread_.is_current()) return;
+  const char* const callback = RunningCallback::of(this);
+  if (callback == kLossCallback) {
+    end_blocked_process(service_->service_id, call, callback, "Send after the callback has returned.");
+  } else if (callback != nullptr && deadline.is_none()) {
+    end_blocked_process(service_->service_id, call, callback,
+                        "Send on another thread, or use qmi_client_send_msg_async.");
+  }
+}
+
+int32_t Client::check_lengths(const Request& request) const {
   qmi::MessageSize size;
+  if (has_phone_rules_ && request.structure_length != 0) {
+    const int32_t error = qmi::message_size(service_, QMI_IDL_REQUEST, request.id, &size);
+    if (error != QMI_IDL_LIB_NO_ERR) return error;
+    if (request.structure_length != size.structure_length) return QMI_CLIENT_PARAM_ERR;
+  }
   const int32_t error = qmi::message_size(service_, QMI_IDL_RESPONSE, request.id, &size);
   if (error != QMI_IDL_LIB_NO_ERR) return error;
   if (request.response == nullptr) return QMI_CLIENT_PARAM_ERR;
@@ -67,9 +88,9 @@ int32_t Client::check_response_length(const Request& request) const {
 // the caller owns the sending side until end_send().
 int32_t Client::begin_send(Lock& lock, const Request& request, const Deadline& deadline, SendKind kind,
                            uint16_t& transaction) {
-  if (const int32_t error = check_response_length(request); error != QMI_NO_ERR) return error;
+  if (const int32_t error = check_lengths(request); error != QMI_NO_ERR) return error;
   lock.lock();
-  const auto is_free = [this] { return !is_sending_ || is_gone_ || is_stopping_; };
+  const auto is_free = [this] { return is_stopping_ || (losses_due_ == 0 && (!is_sending_ || is_gone_)); };
   if (deadline.is_none()) {
     send_ended_.wait(lock, is_free);
   } else if (!is_free() && !send_ended_.wait_until(lock, deadline.at(), is_free)) {
@@ -101,9 +122,11 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   if (status == SendStatus::kSent) {
     uint8_t* const buffer = connection_->message_buffer();
     size_t length = 0;
-    error = qmi::encode(service_, QMI_IDL_REQUEST, request.id, request.structure, request.structure_length,
-                        buffer + qmi::kMessageHeaderLength, connection_->message_capacity() - qmi::kMessageHeaderLength,
-                        &length);
+    if (request.structure_length > 0 || !has_phone_rules_) {
+      error = qmi::encode(service_, QMI_IDL_REQUEST, request.id, request.structure, request.structure_length,
+                          buffer + qmi::kMessageHeaderLength,
+                          connection_->message_capacity() - qmi::kMessageHeaderLength, &length);
+    }
     if (error == QMI_NO_ERR) {
       qmi::store_message_header(buffer, qmi::MessageKind::kRequest, transaction, request.id, length);
       observe({Observation::Kind::kRequest,
@@ -130,7 +153,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
 int32_t Client::wait_for_response(Lock& lock, Waiter& waiter) {
   const Deadline& deadline = waiter.deadline;
   while (!waiter.is_done) {
-    if (reader_ == nullptr) take_reading(waiter);
+    if (reader_ == nullptr && !has_phone_rules_) take_reading(waiter);
     if (reader_ == &waiter) {
       const Deadline until = earlier(deadline, connection_->kept_until());
       lock.unlock();

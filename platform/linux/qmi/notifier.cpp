@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "qmi_idl_lib_internal.h"
+#include "rules.h"
 
 namespace pelmar::platform {
 
@@ -69,8 +70,7 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
   }
   if (is_there_ && !is_stopping_) {
     lock.unlock();
-    const bool goes_on =
-        caller_callbacks_.run([&] { function(handle_, service_, QMI_CLIENT_SERVICE_COUNT_INC, data); });
+    const bool goes_on = caller_callbacks_.run([&] { call(function, QMI_CLIENT_SERVICE_COUNT_INC, data); });
     if (!goes_on) return QMI_CLIENT_INVALID_CLNT;
     lock.lock();
   }
@@ -105,10 +105,14 @@ void Notifier::notify(Lock& lock, bool is_there) {
   const auto function = function_;
   void* const data = data_;
   lock.unlock();
-  FrameworkThread::run_callback([&] {
-    function(handle_, service_, is_there ? QMI_CLIENT_SERVICE_COUNT_INC : QMI_CLIENT_SERVICE_COUNT_DEC, data);
-  });
+  FrameworkThread::run_callback(
+      [&] { call(function, is_there ? QMI_CLIENT_SERVICE_COUNT_INC : QMI_CLIENT_SERVICE_COUNT_DEC, data); });
   lock.lock();
+}
+
+void Notifier::call(qmi_client_notify_cb function, qmi_client_notify_event_type event, void* data) const {
+  const RunningCallback running(this, "the notify callback");
+  function(handle_, service_, event, data);
 }
 
 void Notifier::wait_for_news(Deadline::Milliseconds rest, bool is_announced) {
@@ -123,6 +127,10 @@ void Notifier::wait_for_news(Deadline::Milliseconds rest, bool is_announced) {
 }
 
 void Notifier::release() {
+  if (const char* const callback = phone_rules() ? RunningCallback::of(this) : nullptr) {
+    end_blocked_process(service_->service_id, "qmi_client_release", callback,
+                        "Release the handle on another thread, which may wait for the callback.");
+  }
   {
     const Lock lock(mutex_);
     is_stopping_ = true;

@@ -54,6 +54,7 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
   void run();
   void notify(Lock& lock, bool is_there);
   void wait_for_news(Deadline::Milliseconds rest, bool is_announced);
+  void call(qmi_client_notify_cb function, qmi_client_notify_event_type event, void* data) const;
 
   const qmi_idl_service_object_type service_;
   const std::unique_ptr<ServiceWatch> watch_;  // used by the first registration, then by the handle's thread
