@@ -224,7 +224,7 @@ int main(int argc, char** argv) {
   }
   Setup setup;
   g_setup = &setup;
-  setenv("PELMAR_QMI_SOCKET", setup.modem.socket().c_str(), 1);
+  setenv("PELMAR_MODEM", setup.modem.socket().c_str(), 1);
   setenv("XDG_STATE_HOME", setup.modem.socket().append("-state").c_str(), 1);
   if (!open_clients()) return 1;
   benchmark::Initialize(&argc, argv);

@@ -26,7 +26,7 @@ double seconds_of(const timeval& time) {
 }
 
 [[noreturn]] void run_client(const std::string& modem) {
-  setenv("PELMAR_QMI_SOCKET", modem.c_str(), 1);
+  setenv("PELMAR_MODEM", modem.c_str(), 1);
   setenv("XDG_STATE_HOME", (modem + "-state").c_str(), 1);
   setenv("TERM", "xterm", 1);
   execl(PELMAR_CLIENT, "modem_api_test", "signal", "--watch", "--rate", kReadingsASecond, "--for", kSeconds, nullptr);

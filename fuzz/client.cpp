@@ -62,7 +62,7 @@ int listen_for_client() {
   const auto address = unix_address(name);
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   require(bind(listener, address->get(), address->length) == 0 && listen(listener, 4) == 0);
-  setenv("PELMAR_QMI_SOCKET", name.c_str(), 1);
+  setenv("PELMAR_MODEM", name.c_str(), 1);
   setenv("XDG_STATE_HOME", "/dev/null", 1);  // no record of client ids
   return listener;
 }

@@ -18,7 +18,7 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 cd "$directory"
-export PELMAR_QMI_SOCKET=$directory/modem PELMAR_SIM_CONTROL=$directory/storage/control
+export PELMAR_MODEM=$directory/modem PELMAR_SIM_CONTROL=$directory/storage/control
 export PELMAR_PROPERTY_DIR=$directory/properties
 
 bold=
@@ -81,7 +81,7 @@ wait_for() {
   fail "waited for '$2' in vain"
 }
 
-modem_sim serve --socket "$PELMAR_QMI_SOCKET" --storage "$directory/storage" --exit-when-idle 60 >modem.log 2>&1 &
+modem_sim serve --socket "$PELMAR_MODEM" --storage "$directory/storage" --exit-when-idle 60 >modem.log 2>&1 &
 modem=$!
 wait_for modem.log "ready on"
 

@@ -145,7 +145,7 @@ void add_number(CLI::App& app, const std::string& name, const char* unit, const 
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
-      ->default_val(kDefaultModemSocket);
+      ->default_val(kDefaultModem);
   serve->add_flag("--qrtr", options.qrtr, "serve clients of this kernel's QRTR as well, which are those of every user");
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();

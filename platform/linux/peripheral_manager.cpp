@@ -40,7 +40,7 @@ class Voter : public std::enable_shared_from_this<Voter> {
   int register_at_manager(const std::string& socket, const Register& names, pm_event& state) {
     const Deadline deadline = Deadline::after(kResponseTimeout);
     Reply reply;
-    if (!link_.open(socket, deadline) || !link_.send(names)) return PM_RET_FAILED;
+    if (socket.empty() || !link_.open(socket, deadline) || !link_.send(names)) return PM_RET_FAILED;
     if (!link_.receive(reply, deadline)) return PM_RET_FAILED;
     const auto* const response = std::get_if<VoterResponse>(&reply);
     if (response == nullptr) return PM_RET_FAILED;

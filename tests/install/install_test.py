@@ -53,7 +53,7 @@ def main(build, c, cxx):
                                scratch / "storage"], stdout=subprocess.PIPE, text=True) as modem:
             assert modem.stdout.readline().startswith("modem_sim: ready"), "the installed modem does not start"
             try:
-                environment = {"PELMAR_QMI_SOCKET": str(socket), "XDG_STATE_HOME": str(scratch / "state")}
+                environment = {"PELMAR_MODEM": str(socket), "XDG_STATE_HOME": str(scratch / "state")}
                 for program in programs:
                     run(program, env=os.environ | environment)
             finally:

@@ -123,7 +123,7 @@ class QrtrTest : public testing::Test {
   void SetUp() override {
     const UniqueFd socket(::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket) GTEST_SKIP() << "this kernel has no QRTR";
-    ::setenv("PELMAR_QMI_SOCKET", "qrtr", 1);
+    ::setenv("PELMAR_MODEM", "qrtr", 1);
   }
 
   void TearDown() override {
@@ -242,9 +242,9 @@ TEST_F(QrtrTest, OpensTheInstanceAndTheNodeThatAreNamed) {
   EXPECT_EQ(outcome.get().first, QMI_TIMEOUT_ERR);
   qmi_client_type handle = nullptr;
   EXPECT_EQ(open(&handle, 4, 3), QMI_TIMEOUT_ERR);
-  ::setenv("PELMAR_QMI_SOCKET", ("qrtr:" + std::to_string(one.own_node())).c_str(), 1);
+  ::setenv("PELMAR_MODEM", ("qrtr:" + std::to_string(one.own_node())).c_str(), 1);
   EXPECT_EQ(open(&handle), QMI_NO_ERR);
-  ::setenv("PELMAR_QMI_SOCKET", "qrtr:99", 1);
+  ::setenv("PELMAR_MODEM", "qrtr:99", 1);
   EXPECT_EQ(open(&handle), QMI_TIMEOUT_ERR);
 }
 

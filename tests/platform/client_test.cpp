@@ -23,7 +23,7 @@ TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
     return true;
   };
   connect();
-  const std::string socket = ::getenv("PELMAR_QMI_SOCKET");
+  const std::string socket = ::getenv("PELMAR_MODEM");
   const struct {
     const char* what;
     std::function<void()> prepare;
@@ -33,11 +33,11 @@ TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
       {"an id of nobody", [&] { gives_id(0); }, QMI_CLIENT_ALLOC_FAILURE},
       {"the id of all", [&] { gives_id(0xFF); }, QMI_CLIENT_ALLOC_FAILURE},
       {"each response alone in time", [&] { modem_.on_control.set(is_slow); }, QMI_TIMEOUT_ERR},
-      {"no modem", [] { ::setenv("PELMAR_QMI_SOCKET", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
+      {"no modem", [] { ::setenv("PELMAR_MODEM", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
       {"another service", [this] { modem_.services.set({0x11}); }, QMI_TIMEOUT_ERR},
   };
   for (const auto& each : cases) {
-    ::setenv("PELMAR_QMI_SOCKET", socket.c_str(), 1);
+    ::setenv("PELMAR_MODEM", socket.c_str(), 1);
     modem_.on_control.set(nullptr);
     modem_.client_id_limit = 10;
     each.prepare();

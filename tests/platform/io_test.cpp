@@ -133,9 +133,9 @@ TEST_F(DirectoryTest, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
 
 TEST(Environment, AnEmptyVariableIsUnset) {
   ::setenv("PELMAR_PM_SOCKET", "", 1);
-  ::setenv(kModemSocketVariable, "", 1);
+  ::setenv(kModemVariable, "", 1);
   EXPECT_EQ(power::manager_socket(), "@qmi-proxy.pm");
-  ::setenv(kModemSocketVariable, "@a", 1);
+  ::setenv(kModemVariable, "@a", 1);
   EXPECT_EQ(power::manager_socket(), "@a.pm");
   ::setenv("PELMAR_PM_SOCKET", "/b", 1);
   EXPECT_EQ(power::manager_socket(), "/b");

@@ -1,5 +1,5 @@
 // A modem that the test plays: it serves CTL by itself and leaves the requests of all other services to the test, one
-// by one. It handles messages; QmuxServer carries them to and from the clients, and sets PELMAR_QMI_SOCKET to its
+// by one. It handles messages; QmuxServer carries them to and from the clients, and sets PELMAR_MODEM to its
 // socket.
 #pragma once
 
@@ -108,7 +108,7 @@ class QmuxServer {
   using Receiver = std::function<void(int connection, uint8_t service, uint8_t client, const Bytes& message)>;
 
   explicit QmuxServer(Receiver receiver) : receiver_(std::move(receiver)) {
-    ::setenv("PELMAR_QMI_SOCKET", path_.c_str(), 1);
+    ::setenv("PELMAR_MODEM", path_.c_str(), 1);
   }
   ~QmuxServer() {
     ::shutdown(listener_.get(), SHUT_RDWR);

@@ -47,12 +47,12 @@ TEST(ModemAddress, HasTheseForms) {
 }
 
 TEST(ModemAddress, ThatIsWrongIsRefusedAndReported) {
-  ::setenv("PELMAR_QMI_SOCKET", "qrtr:x", 1);
+  ::setenv("PELMAR_MODEM", "qrtr:x", 1);
   const auto nas = nas_get_service_object_internal_v01(1, 388, 6);
   qmi_client_type handle = nullptr;
   EXPECT_EQ(qmi_client_init_instance(nas, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, nullptr, 60'000, &handle),
             QMI_CLIENT_PARAM_ERR);
-  EXPECT_NE(logged().find("PELMAR_QMI_SOCKET=qrtr:x"), std::string::npos) << logged();
+  EXPECT_NE(logged().find("PELMAR_MODEM=qrtr:x"), std::string::npos) << logged();
   EXPECT_NE(logged().find("qrtr:NODE"), std::string::npos) << logged();
 }
 

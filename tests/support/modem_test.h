@@ -13,7 +13,7 @@
 
 namespace pelmar::system_test {
 
-inline constexpr const char* kModemVariable = "PELMAR_QMI_SOCKET";
+inline constexpr const char* kModemVariable = "PELMAR_MODEM";
 
 class ModemTest : public testing::Test {
  protected:

@@ -111,7 +111,7 @@ CommandLine::CommandLine()
   app_->require_subcommand(1);
   app_->footer(kFooter);
   const Command global(*app_);
-  global.add_text("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_QMI_SOCKET)",
+  global.add_text("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_MODEM)",
                   {.type = "SOCKET"});
   global.add_flag("--json", settings_.json, "print JSON, one document a line");
   global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");

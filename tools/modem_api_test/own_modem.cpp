@@ -218,9 +218,9 @@ Modem reach_own_modem() {
 }  // namespace
 
 Modem choose_modem(const std::string& named) {
-  Modem modem{named.empty() ? environment(kModemSocketVariable) : named, "", {}};
+  Modem modem{named.empty() ? environment(kModemVariable) : named, "", {}};
   if (modem.socket.empty()) modem = reach_own_modem();
-  setenv(kModemSocketVariable, modem.socket.c_str(), 1);
+  setenv(kModemVariable, modem.socket.c_str(), 1);
   return modem;
 }
 

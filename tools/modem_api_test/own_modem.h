@@ -1,4 +1,4 @@
-// Which modem the program uses: the one that --modem or PELMAR_QMI_SOCKET names, else a simulated modem of its own, one
+// Which modem the program uses: the one that --modem or PELMAR_MODEM names, else a simulated modem of its own, one
 // for each user, shared by all the user's runs, its storage kept between them.
 //
 //   $XDG_STATE_HOME/pelmar/modem/        storage (~/.local/state without XDG_STATE_HOME)

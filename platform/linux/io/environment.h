@@ -8,8 +8,9 @@
 
 namespace pelmar {
 
-inline constexpr const char* kModemSocketVariable = "PELMAR_QMI_SOCKET";
-inline constexpr const char* kDefaultModemSocket = "@qmi-proxy";
+// The modem that a program uses: see modem_address.h.
+inline constexpr const char* kModemVariable = "PELMAR_MODEM";
+inline constexpr const char* kDefaultModem = "@qmi-proxy";
 
 // getenv(); an empty variable counts as unset.
 std::string environment(const char* name, const char* otherwise = "");

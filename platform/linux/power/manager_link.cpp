@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "environment.h"
+#include "qmux_link.h"
 
 namespace pelmar::platform::power {
 
@@ -12,7 +13,18 @@ constexpr Deadline::Milliseconds kSendTimeout{1000};
 
 std::string manager_socket() {
   if (std::string own = environment("PELMAR_PM_SOCKET"); !own.empty()) return own;
-  return default_manager_socket(environment(kModemSocketVariable, kDefaultModemSocket));
+  const auto modem = parse_modem_address(environment(kModemVariable, kDefaultModem));
+  if (!modem) return "";
+  switch (modem->kind) {
+    case ModemAddress::Kind::kQmuxSocket:
+      return default_manager_socket(modem->path);
+    case ModemAddress::Kind::kProxy:
+      return default_manager_socket(kProxySocket);
+    case ModemAddress::Kind::kDevice:
+    case ModemAddress::Kind::kQrtr:
+      break;
+  }
+  return "";
 }
 
 bool ManagerLink::send(const Request& request) {

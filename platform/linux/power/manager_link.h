@@ -13,7 +13,7 @@
 
 namespace pelmar::platform::power {
 
-// PELMAR_PM_SOCKET, else the socket that belongs to the modem's (PELMAR_QMI_SOCKET).
+// PELMAR_PM_SOCKET, else the socket that belongs to the modem's (PELMAR_MODEM); empty: the modem has none.
 std::string manager_socket();
 
 // One thread at a time sends and one at a time receives; the two may be different.

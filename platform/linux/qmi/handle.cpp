@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -46,9 +47,20 @@ class ProcessFd::List {
   [[maybe_unused]] static inline const int fork_handlers_ = ::pthread_atfork(lock, unlock, begin_child);
 };
 
-ProcessFd::ProcessFd(int (*create)()) {
+ProcessFd::ProcessFd(const std::function<int()>& create) {
   const std::lock_guard lock(List::mutex_);
   List::add(*this, create());
+}
+
+bool ProcessFd::make_socket_pair(ProcessFd& one, ProcessFd& other) {
+  one.reset();
+  other.reset();
+  const std::lock_guard lock(List::mutex_);
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
+  List::add(one, ends[0]);
+  List::add(other, ends[1]);
+  return true;
 }
 
 ProcessFd& ProcessFd::operator=(ProcessFd&& other) noexcept {

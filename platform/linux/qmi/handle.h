@@ -35,10 +35,13 @@ class ProcessFd {
  public:
   ProcessFd() = default;
   // Owns what `create` returns, or nothing if that is negative. A fork waits for `create` to return.
-  explicit ProcessFd(int (*create)());
+  explicit ProcessFd(const std::function<int()>& create);
   ProcessFd(ProcessFd&& other) noexcept { *this = std::move(other); }
   ProcessFd& operator=(ProcessFd&& other) noexcept;
   ~ProcessFd() { reset(); }
+
+  // Two connected stream sockets. False if the system has none; errno is set.
+  static bool make_socket_pair(ProcessFd& one, ProcessFd& other);
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }

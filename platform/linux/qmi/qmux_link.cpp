@@ -3,13 +3,15 @@
 #include <cstring>
 
 #include "common_v01.h"
-#include "environment.h"
+#include "modem_device.h"
+#include "qmi_proxy.h"
 
 namespace pelmar::platform {
 
 constexpr uint8_t kValueTlv = 0x01;
 
-FrameReader::FrameReader() : buffer_(new uint8_t[qmi::kMaxFrameLength]) {}  // bytes are written before they are read
+FrameReader::FrameReader(qmi::Direction direction)
+    : direction_(direction), buffer_(new uint8_t[qmi::kMaxFrameLength]) {}  // bytes are written before they are read
 
 uint8_t* FrameReader::space() {
   if (begin_ > 0) {
@@ -22,7 +24,7 @@ uint8_t* FrameReader::space() {
 
 bool FrameReader::next(qmi::Frame& frame) {
   if (is_broken_) return false;
-  const qmi::Front front = qmi::read_front({buffer_.get() + begin_, end_ - begin_}, qmi::Direction::kFromModem);
+  const qmi::Front front = qmi::read_front({buffer_.get() + begin_, end_ - begin_}, direction_);
   is_broken_ = front.state == qmi::Front::State::kBroken;
   if (front.state != qmi::Front::State::kComplete) return false;
   begin_ += front.length;
@@ -42,19 +44,27 @@ ControlIndication read_control_indication(const qmi::Message& message) {
   return {ControlIndication::kOther, 0, 0};
 }
 
-std::string modem_socket() {
-  return environment(kModemSocketVariable, kDefaultModemSocket);
+bool QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
+  switch (address.kind) {
+    case ModemAddress::Kind::kDevice: {
+      DeviceLink link = connect_device(address.path);
+      if (!link.socket) report_problem("Cannot open " + address.path + ": " + link.problem);
+      return stream_.adopt(std::move(link.socket));
+    }
+    case ModemAddress::Kind::kProxy:
+      return stream_.connect(kProxySocket, deadline) ||
+             (start_qmi_proxy(address.path, deadline) && stream_.connect(kProxySocket, deadline));
+    default:
+      return stream_.connect(address.path, deadline);
+  }
 }
 
-std::string modem_device() {
-  return environment("PELMAR_QMI_DEVICE", "/dev/cdc-wdm0");
-}
-
-bool QmuxLink::open(const Deadline& deadline) {
-  if (!stream_.connect(modem_socket(), deadline)) return false;
+bool QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
+  if (!connect(address, deadline)) return false;
   reader_ = FrameReader();
   partial_since_.reset();
-  const std::string device = modem_device();
+  if (address.kind == ModemAddress::Kind::kDevice) return true;
+  const std::string device = address.kind == ModemAddress::Kind::kProxy ? address.path : kDefaultDevice;
   const Bytes path(device.begin(), device.end());
   if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Outcome::kSuccess) return true;
   close();

@@ -1,4 +1,5 @@
-// A socket connection to a QMUX proxy: frames in both directions, and exchanges with the modem's CTL service.
+// A connection to a modem that speaks QMUX, or to a proxy in front of it: frames in both directions, and exchanges with
+// the modem's CTL service.
 #pragma once
 
 #include <cstddef>
@@ -11,15 +12,16 @@
 #include <vector>
 
 #include "deadline.h"
+#include "modem_address.h"
 #include "qmux.h"
 #include "socket_stream.h"
 
 namespace pelmar::platform {
 
-// Splits the bytes that come from a modem into frames.
+// Splits a stream of bytes into frames.
 class FrameReader {
  public:
-  FrameReader();
+  explicit FrameReader(qmi::Direction direction = qmi::Direction::kFromModem);
 
   // The place for the next bytes from the stream. There is room until the stream is broken.
   uint8_t* space();
@@ -35,6 +37,7 @@ class FrameReader {
   bool has_partial_frame() const { return begin_ < end_; }
 
  private:
+  qmi::Direction direction_;
   std::unique_ptr<uint8_t[]> buffer_;
   size_t begin_ = 0;
   size_t end_ = 0;
@@ -60,14 +63,15 @@ struct ControlIndication {
 // Reads an indication of the CTL service. kOther for every other message.
 ControlIndication read_control_indication(const qmi::Message& message);
 
-// The socket of the modem's proxy, and the device that the proxy opens.
-std::string modem_socket();
-std::string modem_device();
+// The device that the listener on a socket opens for us. A simulated modem ignores it.
+inline constexpr const char* kDefaultDevice = "/dev/cdc-wdm0";
+
+inline constexpr const char* kProxySocket = "@qmi-proxy";
 
 class QmuxLink {
  public:
-  // Connects to the proxy and requests that it open the modem's device. False if that fails or no response comes.
-  bool open(const Deadline& deadline);
+  // Connects to the modem; a proxy must then open the modem's device. False if that fails or no response comes.
+  bool open(const ModemAddress& address, const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
@@ -103,6 +107,7 @@ class QmuxLink {
  private:
   using Bytes = std::vector<uint8_t>;
 
+  bool connect(const ModemAddress& address, const Deadline& deadline);
   SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 

@@ -41,8 +41,10 @@ bool offers(const std::vector<uint8_t>& services, uint8_t service) {
   return std::find(services.begin(), services.end(), service) != services.end();
 }
 
-ClientIdRecord record_of_modem() {
-  return ClientIdRecord(modem_socket(), modem_device());
+// A device has one record, whether it is opened directly or by a proxy.
+ClientIdRecord record_of(const ModemAddress& address) {
+  const bool is_socket = address.kind == ModemAddress::Kind::kQmuxSocket;
+  return ClientIdRecord(is_socket ? address.path : kProxySocket, is_socket ? kDefaultDevice : address.path);
 }
 
 // How many client ids of the service this process lost; a notifier's own link may not report the loss.
@@ -221,16 +223,17 @@ bool QmuxConnection::take_id(const Deadline& deadline) {
   return false;
 }
 
-int32_t open_qmux_connection(const ModemAddress& /*address*/, const ServiceName& service, size_t message_capacity,
+int32_t open_qmux_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
                              const Deadline& deadline, std::unique_ptr<Connection>& connection) {
   if (service.number == qmi::kControlService || service.number > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service.number);
   QmuxLink link;
   std::vector<uint8_t> services;
-  if (!link.open(deadline) || link.get_services(services, deadline) != Outcome::kSuccess || !offers(services, number)) {
+  if (!link.open(address, deadline) || link.get_services(services, deadline) != Outcome::kSuccess ||
+      !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
-  ClientIdRecord record = record_of_modem();
+  ClientIdRecord record = record_of(address);
   uint8_t client = 0;
   Outcome outcome = link.allocate_client_id(number, client, deadline);
   if (outcome == Outcome::kClientIdsExhausted) {
@@ -266,7 +269,8 @@ int32_t open_qmux_connection(const ModemAddress& /*address*/, const ServiceName&
 
 // --- a watch ---
 
-QmuxWatch::QmuxWatch(uint8_t service) : service_(service), losses_seen_(losses(service)) {}
+QmuxWatch::QmuxWatch(ModemAddress address, uint8_t service)
+    : address_(std::move(address)), service_(service), losses_seen_(losses(service)) {}
 
 Presence QmuxWatch::look() {
   const Deadline deadline = Deadline::after(kLookTimeout);
@@ -276,7 +280,7 @@ Presence QmuxWatch::look() {
     if (look_over_link(presence, deadline)) return presence;
     presence.went_meanwhile = true;
   }
-  if (link_.open(deadline)) look_over_link(presence, deadline);
+  if (link_.open(address_, deadline)) look_over_link(presence, deadline);
   return presence;
 }
 
@@ -291,13 +295,13 @@ bool QmuxWatch::look_over_link(Presence& presence, const Deadline& deadline) {
   if (link_.take_restart()) {
     presence.went_meanwhile = true;
     // The ids of dead processes are void. We do not know which ids of live processes are older than the restart.
-    record_of_modem().take_abandoned(deadline);
+    record_of(address_).take_abandoned(deadline);
   }
   return true;
 }
 
-std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& /*address*/, uint32_t service) {
-  return std::make_unique<QmuxWatch>(static_cast<uint8_t>(service));
+std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& address, uint32_t service) {
+  return std::make_unique<QmuxWatch>(address, static_cast<uint8_t>(service));
 }
 
 }  // namespace pelmar::platform

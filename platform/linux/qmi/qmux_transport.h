@@ -1,8 +1,6 @@
-// Connections to the modem's services over a QMUX proxy: a Unix stream socket named by PELMAR_QMI_SOCKET (a path, or
-// @NAME in the abstract namespace; @qmi-proxy if it is unset). The proxy opens the device PELMAR_QMI_DEVICE, else
-// /dev/cdc-wdm0.
+// Connections to the modem's services over QMUX: through a Unix stream socket, a proxy, or a device of the modem.
 //
-// Every connection has a socket and a client id of its own. A real modem has few client ids, so each one is released.
+// Every connection has a link and a client id of its own. A real modem has few client ids, so each one is released.
 #pragma once
 
 #include <atomic>
@@ -116,7 +114,7 @@ class QmuxConnection final : public Connection {
 // Looks with requests to the modem's CTL service over a link without a client id.
 class QmuxWatch final : public ServiceWatch {
  public:
-  explicit QmuxWatch(uint8_t service);
+  QmuxWatch(ModemAddress address, uint8_t service);
 
   Presence look() override;
   int descriptor() const override { return link_.is_open() ? link_.stream().descriptor() : -1; }
@@ -124,6 +122,7 @@ class QmuxWatch final : public ServiceWatch {
  private:
   bool look_over_link(Presence& presence, const Deadline& deadline);
 
+  const ModemAddress address_;
   const uint8_t service_;
   uint32_t losses_seen_;
   QmuxLink link_;

@@ -40,6 +40,15 @@ bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
   return false;
 }
 
+bool SocketStream::adopt(ProcessFd socket) {
+  close();
+  descriptor_ = std::move(socket);
+  silent_listener_.clear();
+  if (is_open() && set_receive_timeout(descriptor())) return true;
+  close();
+  return false;
+}
+
 SendStatus SocketStream::send(const uint8_t* bytes, size_t length) {
   while (length > 0) {
     const ssize_t sent = ::send(descriptor(), bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -18,6 +18,9 @@ class SocketStream {
   // cannot be used or does not admit this user.
   bool connect(const std::string& address, const Deadline& deadline);
 
+  // Takes over a connected socket. False if it is none.
+  bool adopt(ProcessFd socket);
+
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
 

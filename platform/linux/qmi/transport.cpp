@@ -19,11 +19,10 @@ class NoService final : public ServiceWatch {
 
 // The address of this process's modem.
 std::optional<ModemAddress> modem_address() {
-  const std::string text = environment(kModemSocketVariable, kDefaultModemSocket);
+  const std::string text = environment(kModemVariable, kDefaultModem);
   const auto address = parse_modem_address(text);
   if (!address)
-    report_problem(std::string(kModemSocketVariable) + "=" + text + ": this is no modem's address; " +
-                   kModemAddressForms);
+    report_problem(std::string(kModemVariable) + "=" + text + ": this is no modem's address; " + kModemAddressForms);
   return address;
 }
 

@@ -1,0 +1,90 @@
+#include "qmi_proxy.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "handle.h"
+#include "qmux_link.h"
+#include "unix_socket.h"
+
+namespace pelmar::platform {
+namespace {
+
+constexpr const char* kPrograms[] = {"/usr/libexec/qmi-proxy", "/usr/local/libexec/qmi-proxy"};
+
+constexpr Deadline::Milliseconds kStartTimeout{2000};
+constexpr Deadline::Milliseconds kPause{10};
+
+// Between two attempts of a process: a notifier looks for the modem several times a second.
+constexpr Deadline::Clock::duration kRetryPause = std::chrono::seconds(5);
+
+bool is_device(const std::string& path) {
+  struct stat file {};
+  return ::stat(path.c_str(), &file) == 0 && S_ISCHR(file.st_mode);
+}
+
+bool may_try_now() {
+  using Time = Deadline::Clock::duration;
+  static std::atomic<Time> last{Time::min()};
+  const Time now = Deadline::Clock::now().time_since_epoch();
+  Time before = last.load();
+  const bool is_due = before == Time::min() || now - before >= kRetryPause;
+  return is_due && last.compare_exchange_strong(before, now);
+}
+
+// A shell starts the program in the background and ends, so that the program is no child of this process, which may
+// wait for children of its own. Returns errno's value.
+int start_detached(const char* program) {
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  const char* const arguments[] = {"sh", "-c", "\"$0\" </dev/null >/dev/null 2>&1 &", program, nullptr};
+  pid_t shell = 0;
+  const int error =
+      ::posix_spawn(&shell, "/bin/sh", nullptr, &attributes, const_cast<char* const*>(arguments), environ);
+  posix_spawnattr_destroy(&attributes);
+  while (error == 0 && ::waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  return error;
+}
+
+}  // namespace
+
+bool start_qmi_proxy(const std::string& device, const Deadline& deadline) {
+  if (!is_device(device) || !may_try_now()) return false;
+  const char* program = nullptr;
+  for (const char* const path : kPrograms) {
+    if (program == nullptr && ::access(path, X_OK) == 0) program = path;
+  }
+  if (program == nullptr) {
+    report_problem(std::string("There is no ") + kPrograms[0] +
+                   ": install the package libqmi-proxy, or name the device itself with PELMAR_MODEM=" + device);
+    return false;
+  }
+  if (const int error = start_detached(program); error != 0) {
+    report_problem(std::string("Cannot start ") + program + ": " + std::strerror(error));
+    return false;
+  }
+  const Deadline end = earlier(deadline, Deadline::after(kStartTimeout));
+  while (connect_unix(kProxySocket).error != 0) {
+    if (end.has_passed()) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+}  // namespace pelmar::platform

@@ -1,0 +1,15 @@
+// Starts the installed qmi-proxy, which shares a modem's device among programs.
+#pragma once
+
+#include <string>
+
+#include "deadline.h"
+
+namespace pelmar::platform {
+
+// Starts the proxy unless the device is absent or this process has just tried. Returns true once the proxy accepts
+// connections, and false if it does not until the deadline. The proxy outlives this process, and ends when no program
+// has used it for a while.
+bool start_qmi_proxy(const std::string& device, const Deadline& deadline);
+
+}  // namespace pelmar::platform
