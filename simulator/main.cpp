@@ -146,6 +146,8 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
       ->default_val(kDefaultModem);
+  serve->add_option("--device", options.device,
+                    "serve a character device as well: a pseudo-terminal, to which this path becomes a link");
   serve->add_flag("--qrtr", options.qrtr, "serve clients of this kernel's QRTR as well, which are those of every user");
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();

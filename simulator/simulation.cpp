@@ -21,6 +21,7 @@ Simulation::Simulation(const SimulationOptions& options)
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
       console(options.control, *this) {
   modem.attach(connections);
+  if (!options.device.empty()) device.emplace(loop, connections, options.device);
   if (options.qrtr) qrtr.emplace(loop, modem, connections);
   if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
   if (!options.pm_socket.empty()) {

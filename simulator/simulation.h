@@ -11,6 +11,7 @@
 #include "power/modem_power.h"
 #include "power/peripheral_manager.h"
 #include "qmi/connection.h"
+#include "qmi/device_server.h"
 #include "qmi/exchange.h"
 #include "qmi/modem.h"
 #include "qmi/qrtr_server.h"
@@ -28,7 +29,8 @@ struct SimulationOptions {
   std::string socket;
   std::string storage;
   std::string control;
-  bool qrtr = false;  // serve clients of the kernel's QRTR as well
+  std::string device;  // the link of a character device that serves clients as well; empty: none
+  bool qrtr = false;   // serve clients of the kernel's QRTR as well
   Admission admission =
       Admission::kThisUserAndRoot;  // of clients and voters; the control socket is never for every user
   size_t max_entries = 4096;
@@ -70,6 +72,7 @@ struct Simulation {
   std::optional<PeripheralManager> manager;
   Exchange exchange;
   Connections connections;
+  std::optional<DeviceServer> device;
   std::optional<QrtrServer> qrtr;
   EventStream stream;
   StatisticReports reports;

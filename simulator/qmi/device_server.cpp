@@ -1,0 +1,187 @@
+#include "qmi/device_server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <span>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace pelmar::sim {
+
+namespace {
+
+// Between looks whether a program has opened the device: the kernel does not report it.
+constexpr std::chrono::milliseconds kLookPause{20};
+
+// How long the device is away after its connection was closed.
+constexpr std::chrono::milliseconds kAway{200};
+
+std::runtime_error failure(const std::string& what) {
+  return std::runtime_error(what + ": " + strerror(errno));
+}
+
+UniqueFd make_terminal() {
+  UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  if (!terminal || grantpt(terminal.get()) != 0 || unlockpt(terminal.get()) != 0) {
+    throw failure("cannot make a pseudo-terminal");
+  }
+  termios settings{};
+  tcgetattr(terminal.get(), &settings);
+  cfmakeraw(&settings);
+  tcsetattr(terminal.get(), TCSANOW, &settings);
+  return terminal;
+}
+
+void make_link(const UniqueFd& terminal, const std::string& path) {
+  char name[128];
+  if (ptsname_r(terminal.get(), name, sizeof name) != 0) throw failure("cannot name the pseudo-terminal");
+  struct stat file {};
+  const bool is_link = lstat(path.c_str(), &file) == 0 && S_ISLNK(file.st_mode);
+  if (is_link) unlink(path.c_str());  // of a process that was killed, or of the device before it went away
+  if (symlink(name, path.c_str()) != 0) throw failure("cannot make the device's link '" + path + "'");
+}
+
+}  // namespace
+
+class DeviceConnection final : public Connection, public EventLoop::Watcher {
+ public:
+  DeviceConnection(Connections& connections, uint64_t number, DeviceServer& server, UniqueFd terminal)
+      : Connection(connections, number, 0), server_(server), terminal_(std::move(terminal)) {
+    server_.loop_.watch(terminal_.get(), EPOLLIN, *this);
+  }
+  ~DeviceConnection() override { stop(); }
+
+  // A message that the reader leaves no room for is dropped whole.
+  void send(std::span<const uint8_t> bytes) override {
+    if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
+    waiting_.emplace_back(bytes.begin(), bytes.end());
+    waiting_bytes_ += bytes.size();
+    flush();
+  }
+
+  void close(std::string_view reason) override {
+    if (!terminal_) return;
+    stop();
+    closed(reason);
+    server_.unplug();
+  }
+
+  bool is_drained() const override { return waiting_.empty(); }
+
+  void stop() {
+    if (!terminal_) return;
+    server_.loop_.unwatch(terminal_.get(), *this);
+    server_.loop_.cancel(look_);
+    terminal_.reset();
+  }
+
+  void on_ready(uint32_t events) override {
+    if ((events & EPOLLIN) != 0) {
+      receive();
+    } else if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
+      wait_for_program();
+    }
+    if (terminal_ && (events & EPOLLOUT) != 0) flush();
+  }
+
+ private:
+  void receive() {
+    const size_t before = input_.size();
+    input_.resize(before + qmi::kMaxFrameLength);
+    const ssize_t count = read(terminal_.get(), input_.data() + before, qmi::kMaxFrameLength);
+    input_.resize(before + static_cast<size_t>(count > 0 ? count : 0));
+    if (count == 0 || (count < 0 && errno == EIO)) return wait_for_program();
+    size_t used = 0;
+    while (terminal_) {
+      const qmi::Front front = qmi::read_front(std::span(input_).subspan(used), qmi::Direction::kToModem);
+      if (front.state == qmi::Front::State::kIncomplete) break;
+      if (front.state == qmi::Front::State::kBroken) return input_.clear();
+      received(front.frame);
+      used += front.length;
+    }
+    input_.erase(input_.begin(), input_.begin() + static_cast<ptrdiff_t>(used));
+  }
+
+  void flush() {
+    while (!waiting_.empty()) {
+      std::vector<uint8_t>& frame = waiting_.front();
+      const ssize_t count = write(terminal_.get(), frame.data(), frame.size());
+      if (count <= 0) break;
+      waiting_bytes_ -= static_cast<size_t>(count);
+      frame.erase(frame.begin(), frame.begin() + count);
+      if (frame.empty()) waiting_.pop_front();
+    }
+    if (!is_looking_) {
+      const uint32_t events = waiting_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT;
+      server_.loop_.change(terminal_.get(), events, *this);
+    }
+    if (waiting_.empty()) drained();
+  }
+
+  // The program that had the device open has closed it. The terminal reports that all the time, so it is not watched
+  // until a program opens it again.
+  void wait_for_program() {
+    input_.clear();
+    waiting_.clear();
+    waiting_bytes_ = 0;
+    tcflush(terminal_.get(), TCIOFLUSH);
+    if (!is_looking_) server_.loop_.unwatch(terminal_.get(), *this);
+    is_looking_ = true;
+    look_ = server_.loop_.after(kLookPause, [this] {
+      pollfd state = {terminal_.get(), 0, 0};
+      if (poll(&state, 1, 0) > 0 && (state.revents & POLLHUP) != 0) return wait_for_program();
+      is_looking_ = false;
+      server_.loop_.watch(terminal_.get(), EPOLLIN, *this);
+    });
+  }
+
+  DeviceServer& server_;
+  UniqueFd terminal_;  // the modem's end; none once the connection is closed
+  bool is_looking_ = false;
+  EventLoop::TimerId look_{};
+  std::vector<uint8_t> input_;                // an incomplete frame
+  std::deque<std::vector<uint8_t>> waiting_;  // frames that the terminal has no room for
+  size_t waiting_bytes_ = 0;
+};
+
+DeviceServer::DeviceServer(EventLoop& loop, Connections& connections, std::string path)
+    : loop_(loop), connections_(connections), path_(std::move(path)) {
+  plug_in();
+}
+
+DeviceServer::~DeviceServer() {
+  loop_.cancel(timer_);
+  if (connection_) connection_->stop();
+  unlink(path_.c_str());
+}
+
+void DeviceServer::plug_in() {
+  UniqueFd terminal = make_terminal();
+  make_link(terminal, path_);
+  connection_ = connections_.add<DeviceConnection>(*this, std::move(terminal));
+}
+
+void DeviceServer::unplug() {
+  unlink(path_.c_str());
+  loop_.post([gone = std::move(connection_)] {});
+  timer_ = loop_.after(kAway, [this] {
+    try {
+      plug_in();
+    } catch (const std::runtime_error& error) {
+      fprintf(stderr, "modem_sim: %s\n", error.what());
+    }
+  });
+}
+
+}  // namespace pelmar::sim
