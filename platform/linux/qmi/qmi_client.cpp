@@ -183,6 +183,10 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_release(qmi_client_type 
   return QMI_NO_ERR;
 }
 
+PELMAR_PLATFORM_EXPORT void pelmar_platform_inspect_modem(ModemReport* report) {
+  *report = inspect_modem();
+}
+
 PELMAR_PLATFORM_EXPORT void pelmar_platform_observe_qmi(Observer observer) {
   g_observer = observer;
 }

@@ -7,9 +7,9 @@
 
 namespace pelmar::platform {
 
-// Starts the proxy unless the device is absent or this process has just tried. Returns true once the proxy accepts
-// connections, and false if it does not until the deadline. The proxy outlives this process, and ends when no program
-// has used it for a while.
-bool start_qmi_proxy(const std::string& device, const Deadline& deadline);
+// Starts the proxy unless the device is absent or this process has just tried. Returns an empty text once the proxy
+// accepts connections, else why it does not. The proxy outlives this process, and ends when no program has used it for
+// a while.
+std::string start_qmi_proxy(const std::string& device, const Deadline& deadline);
 
 }  // namespace pelmar::platform

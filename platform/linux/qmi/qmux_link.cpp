@@ -44,34 +44,40 @@ ControlIndication read_control_indication(const qmi::Message& message) {
   return {ControlIndication::kOther, 0, 0};
 }
 
-bool QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
+std::string QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
   switch (address.kind) {
     case ModemAddress::Kind::kDevice: {
       DeviceLink link = connect_device(address.path);
       if (!link.socket) report_problem("Cannot open " + address.path + ": " + link.problem);
-      return stream_.adopt(std::move(link.socket));
+      return stream_.adopt(std::move(link.socket)) ? "" : link.problem;
     }
-    case ModemAddress::Kind::kProxy:
-      return stream_.connect(kProxySocket, deadline) ||
-             (start_qmi_proxy(address.path, deadline) && stream_.connect(kProxySocket, deadline));
+    case ModemAddress::Kind::kProxy: {
+      if (stream_.connect(kProxySocket, deadline).empty()) return "";
+      const std::string problem = start_qmi_proxy(address.path, deadline);
+      return problem.empty() ? stream_.connect(kProxySocket, deadline) : problem;
+    }
     default:
       return stream_.connect(address.path, deadline);
   }
 }
 
-bool QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
-  if (!connect(address, deadline)) return false;
+std::string QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
+  if (std::string problem = connect(address, deadline); !problem.empty()) return problem;
   reader_ = FrameReader();
   partial_since_.reset();
-  if (address.kind == ModemAddress::Kind::kDevice) return true;
+  if (address.kind == ModemAddress::Kind::kDevice) return "";
   const std::string device = address.kind == ModemAddress::Kind::kProxy ? address.path : kDefaultDevice;
   const Bytes path(device.begin(), device.end());
-  if (exchange(ControlMessage::kOpenProxy, path, deadline, nullptr) == Outcome::kSuccess) return true;
+  const Outcome outcome = exchange(ControlMessage::kOpenProxy, path, deadline, nullptr);
+  if (outcome == Outcome::kSuccess) return "";
+  std::string problem = "the process that serves it does not respond in QMUX";
+  if (outcome == Outcome::kFailure) problem = "qmi-proxy cannot open " + device;
+  if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = refusal;
   close();
-  return false;
+  return problem;
 }
 
-QmuxLink::Outcome QmuxLink::get_services(std::vector<uint8_t>& services, const Deadline& deadline) {
+QmuxLink::Outcome QmuxLink::get_services(std::vector<ListedService>& services, const Deadline& deadline) {
   constexpr size_t kEntryLength = 5;  // u8 service, u16 major, u16 minor
   Bytes value;
   const Outcome outcome = exchange(ControlMessage::kGetVersionInfo, {}, deadline, &value);
@@ -79,7 +85,8 @@ QmuxLink::Outcome QmuxLink::get_services(std::vector<uint8_t>& services, const D
   services.clear();
   const size_t count = value.empty() ? 0 : value[0];
   for (size_t i = 0; i < count && 1 + (i + 1) * kEntryLength <= value.size(); ++i) {
-    services.push_back(value[1 + i * kEntryLength]);
+    const uint8_t* const entry = &value[1 + i * kEntryLength];
+    services.push_back({entry[0], 0, 0, qmi::load_u16(entry + 1), qmi::load_u16(entry + 3)});
   }
   return outcome;
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "deadline.h"
+#include "inspection.h"
 #include "modem_address.h"
 #include "qmux.h"
 #include "socket_stream.h"
@@ -70,8 +71,9 @@ inline constexpr const char* kProxySocket = "@qmi-proxy";
 
 class QmuxLink {
  public:
-  // Connects to the modem; a proxy must then open the modem's device. False if that fails or no response comes.
-  bool open(const ModemAddress& address, const Deadline& deadline);
+  // Connects to the modem; a proxy must then open the modem's device. Returns an empty text, or why that failed and, if
+  // that is known, what to do.
+  std::string open(const ModemAddress& address, const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
@@ -80,7 +82,7 @@ class QmuxLink {
   enum class Outcome { kSuccess, kNoResponse, kNotSent, kClientIdsExhausted, kFailure };
 
   // The services that the modem offers.
-  Outcome get_services(std::vector<uint8_t>& services, const Deadline& deadline);
+  Outcome get_services(std::vector<ListedService>& services, const Deadline& deadline);
   // kNoResponse also if the modem revokes the id before its response arrives; kFailure also if no client can have the
   // id.
   Outcome allocate_client_id(uint8_t service, uint8_t& client, const Deadline& deadline);
@@ -107,7 +109,7 @@ class QmuxLink {
  private:
   using Bytes = std::vector<uint8_t>;
 
-  bool connect(const ModemAddress& address, const Deadline& deadline);
+  std::string connect(const ModemAddress& address, const Deadline& deadline);
   SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 

@@ -37,8 +37,8 @@ bool has_invalid_client_id_error(const Message& message) {
          qmi::load_u16(&(*result)[2]) == QMI_ERR_INVALID_CLIENT_ID_V01;
 }
 
-bool offers(const std::vector<uint8_t>& services, uint8_t service) {
-  return std::find(services.begin(), services.end(), service) != services.end();
+bool offers(const std::vector<ListedService>& services, uint8_t service) {
+  return std::any_of(services.begin(), services.end(), [=](const auto& entry) { return entry.number == service; });
 }
 
 // A device has one record, whether it is opened directly or by a proxy.
@@ -228,8 +228,8 @@ int32_t open_qmux_connection(const ModemAddress& address, const ServiceName& ser
   if (service.number == qmi::kControlService || service.number > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service.number);
   QmuxLink link;
-  std::vector<uint8_t> services;
-  if (!link.open(address, deadline) || link.get_services(services, deadline) != Outcome::kSuccess ||
+  std::vector<ListedService> services;
+  if (!link.open(address, deadline).empty() || link.get_services(services, deadline) != Outcome::kSuccess ||
       !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
@@ -280,12 +280,12 @@ Presence QmuxWatch::look() {
     if (look_over_link(presence, deadline)) return presence;
     presence.went_meanwhile = true;
   }
-  if (link_.open(address_, deadline)) look_over_link(presence, deadline);
+  if (link_.open(address_, deadline).empty()) look_over_link(presence, deadline);
   return presence;
 }
 
 bool QmuxWatch::look_over_link(Presence& presence, const Deadline& deadline) {
-  std::vector<uint8_t> services;
+  std::vector<ListedService> services;
   if (link_.get_services(services, deadline) != Outcome::kSuccess) {
     link_.close();
     return false;
@@ -302,6 +302,28 @@ bool QmuxWatch::look_over_link(Presence& presence, const Deadline& deadline) {
 
 std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& address, uint32_t service) {
   return std::make_unique<QmuxWatch>(address, static_cast<uint8_t>(service));
+}
+
+// --- an inspection ---
+
+void inspect_qmux(const ModemAddress& address, const Deadline& deadline, ModemReport& report) {
+  switch (address.kind) {
+    case ModemAddress::Kind::kDevice:
+      report.transport = "QMUX on the character device";
+      break;
+    case ModemAddress::Kind::kProxy:
+      report.transport = "QMUX through qmi-proxy on the device " + address.path;
+      break;
+    default:
+      report.transport = "QMUX on the Unix socket";
+  }
+  QmuxLink link;
+  report.problem = link.open(address, deadline);
+  if (!report.problem.empty()) return;
+  const Outcome outcome = link.get_services(report.services, deadline);
+  if (outcome == Outcome::kSuccess) return;
+  report.problem = "no response to a request for the list of services came in time";
+  if (address.kind == ModemAddress::Kind::kDevice) report.problem += ": is it the QMI device of the modem?";
 }
 
 }  // namespace pelmar::platform

@@ -163,32 +163,40 @@ ReadStatus QrtrSocket::receive(QrtrControl& packet) {
   return ReadStatus::kRead;
 }
 
-Found QrtrSocket::find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address) {
+bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
+                         const std::function<void(const QrtrControl&)>& take) {
   qrtr_ctrl_pkt lookup{};
   lookup.cmd = htole32(QRTR_TYPE_NEW_LOOKUP);
-  lookup.server.service = htole32(query.service);  // of any instance: the query selects
+  lookup.server.service = htole32(service);  // of any instance: the caller selects
   SendStatus sent;
   while ((sent = send(name_service_, &lookup, sizeof lookup)) == SendStatus::kBlocked && !deadline.has_passed()) {
     wait_for({}, earlier(deadline, Deadline::after(kSendPause)));
   }
-  if (sent != SendStatus::kSent) return Found::kNoResponse;
-  std::optional<QrtrAddress> found;
+  if (sent != SendStatus::kSent) return false;
   for (;;) {
     QrtrControl packet;
     const ReadStatus status = receive(packet);
-    if (status == ReadStatus::kGone || deadline.has_passed()) return Found::kNoResponse;
+    if (status == ReadStatus::kGone || deadline.has_passed()) return false;
     if (status == ReadStatus::kTimedOut) {
       pollfd readable = {descriptor(), POLLIN, 0};
       wait_for({&readable, 1}, deadline);
-    } else if (packet.kind == Kind::kArrival && !found && query.matches(packet)) {
-      found = packet.address;
-    } else if (packet.kind == Kind::kDeparture && found == packet.address) {
-      found.reset();
     } else if (packet.kind == Kind::kEndOfList) {
-      address = found.value_or(QrtrAddress());
-      return found ? Found::kFound : Found::kAbsent;
+      return true;
+    } else if (packet.kind == Kind::kArrival || packet.kind == Kind::kDeparture) {
+      take(packet);
     }
   }
+}
+
+Found QrtrSocket::find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address) {
+  std::optional<QrtrAddress> found;
+  const bool is_complete = look_up(query.service, deadline, [&](const QrtrControl& packet) {
+    if (packet.kind == Kind::kArrival && !found && query.matches(packet)) found = packet.address;
+    if (packet.kind == Kind::kDeparture && found == packet.address) found.reset();
+  });
+  if (!is_complete) return Found::kNoResponse;
+  address = found.value_or(QrtrAddress());
+  return found ? Found::kFound : Found::kAbsent;
 }
 
 QrtrSocket::Memory QrtrSocket::memory() const {
@@ -378,6 +386,26 @@ bool QrtrWatch::take_news(const Deadline& deadline) {
 
 std::unique_ptr<ServiceWatch> watch_qrtr_service(const ModemAddress& address, uint32_t service) {
   return std::make_unique<QrtrWatch>(QrtrQuery{.service = service, .node = address.node});
+}
+
+// --- an inspection ---
+
+void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemReport& report) {
+  constexpr size_t kMostServices = 1024;  // far more than any modem has
+  report.transport = "QRTR";
+  if (address.node) report.transport += ", node " + std::to_string(*address.node);
+  QrtrSocket socket;
+  if (!socket.open()) {
+    report.problem = errno == EAFNOSUPPORT ? "this kernel has no QRTR: modprobe qrtr" : std::strerror(errno);
+    return;
+  }
+  const bool is_complete = socket.look_up(0, deadline, [&](const QrtrControl& packet) {
+    if (packet.kind != Kind::kArrival || report.services.size() == kMostServices) return;
+    if (address.node && packet.address.node != *address.node) return;
+    report.services.push_back({packet.service, packet.instance, packet.address.node, packet.version, 0});
+  });
+  if (!is_complete) report.problem = "the name service of QRTR does not respond";
+  if (is_complete && report.services.empty()) report.problem = "QRTR lists no service";
 }
 
 }  // namespace pelmar::platform

@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -91,8 +92,12 @@ class QrtrSocket {
 
   bool is_name_service(const QrtrAddress& address) const { return address == name_service_; }
 
-  // Looks up the services of that number and returns the address of the first one that matches. The name service then
-  // reports changes to this socket. REQUIRES: the socket has not looked anything up before.
+  // Looks up the services of that number, 0 for all, and calls `take` for each that came or went until the list ends.
+  // The name service then reports changes to this socket. False if the list does not end until the deadline.
+  // REQUIRES: the socket has not looked anything up before.
+  bool look_up(uint32_t service, const Deadline& deadline, const std::function<void(const QrtrControl&)>& take);
+
+  // Looks up the services of that number and returns the address of the first one that matches.
   enum class Found { kFound, kAbsent, kNoResponse };
   Found find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address);
 
@@ -182,5 +187,6 @@ class QrtrWatch final : public ServiceWatch {
 int32_t open_qrtr_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
                              const Deadline& deadline, std::unique_ptr<Connection>& connection);
 std::unique_ptr<ServiceWatch> watch_qrtr_service(const ModemAddress& address, uint32_t service);
+void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemReport& report);
 
 }  // namespace pelmar::platform

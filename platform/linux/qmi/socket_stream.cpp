@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "unix_socket.h"
 
@@ -26,18 +27,18 @@ void report(const std::string& name, const std::string& problem) {
 
 }  // namespace
 
-bool SocketStream::connect(const std::string& name, const Deadline& deadline) {
+std::string SocketStream::connect(const std::string& name, const Deadline& deadline) {
   close();
   descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
-  if (!is_open()) return false;
+  if (!is_open()) return std::strerror(errno);
   silent_listener_ = name;
   const ConnectResult result =
       deadline.is_none() ? connect_unix(descriptor(), name) : connect_unix(descriptor(), name, deadline.remaining());
-  if (result.error == 0 && set_receive_timeout(descriptor())) return true;
+  if (result.error == 0 && set_receive_timeout(descriptor())) return "";
   const bool is_absent = result.error == ENOENT || result.error == ECONNREFUSED;
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
-  return false;
+  return is_absent ? "nobody serves it (" + result.problem + ")" : result.problem;
 }
 
 bool SocketStream::adopt(ProcessFd socket) {
@@ -106,10 +107,13 @@ bool SocketStream::wait(short events, const Deadline& deadline) {
 }
 
 void SocketStream::report_refusal() {
-  if (silent_listener_.empty()) return;
-  const std::string problem = describe_refusal(descriptor(), silent_listener_);
-  if (problem.empty()) return;
-  report(silent_listener_, problem + ", or start the simulated modem with --any-user");
+  if (const std::string problem = describe_refusal(); !problem.empty()) report(silent_listener_, problem);
+}
+
+std::string SocketStream::describe_refusal() const {
+  if (silent_listener_.empty()) return "";
+  const std::string problem = pelmar::describe_refusal(descriptor(), silent_listener_);
+  return problem.empty() ? "" : problem + ", or start the simulated modem with --any-user";
 }
 
 void SocketStream::stop_receiving() {

@@ -17,20 +17,29 @@ class NoService final : public ServiceWatch {
   int descriptor() const override { return -1; }
 };
 
+// The longest wait for a modem's list of services.
+constexpr Deadline::Milliseconds kInspectTimeout{2000};
+
+std::string modem_name() {
+  return environment(kModemVariable, kDefaultModem);
+}
+
+std::string describe_wrong_name(const std::string& name) {
+  return "'" + name + "' is no modem's address; " + kModemAddressForms;
+}
+
 // The address of this process's modem.
 std::optional<ModemAddress> modem_address() {
-  const std::string text = environment(kModemVariable, kDefaultModem);
-  const auto address = parse_modem_address(text);
-  if (!address)
-    report_problem(std::string(kModemVariable) + "=" + text + ": this is no modem's address; " + kModemAddressForms);
+  const auto address = parse_modem_address(modem_name());
+  if (!address) report_problem(std::string(kModemVariable) + ": " + describe_wrong_name(modem_name()));
   return address;
 }
 
 }  // namespace
 
 const Transport& transport_of(const ModemAddress& address) {
-  static constexpr Transport kQmux = {open_qmux_connection, watch_qmux_service};
-  static constexpr Transport kQrtr = {open_qrtr_connection, watch_qrtr_service};
+  static constexpr Transport kQmux = {open_qmux_connection, watch_qmux_service, inspect_qmux};
+  static constexpr Transport kQrtr = {open_qrtr_connection, watch_qrtr_service, inspect_qrtr};
   return address.kind == ModemAddress::Kind::kQrtr ? kQrtr : kQmux;
 }
 
@@ -45,6 +54,17 @@ std::unique_ptr<ServiceWatch> watch_service(uint32_t service) {
   const auto address = modem_address();
   if (!address) return std::make_unique<NoService>();
   return transport_of(*address).watch(*address, service);
+}
+
+ModemReport inspect_modem() {
+  ModemReport report;
+  report.address = modem_name();
+  if (const auto address = parse_modem_address(report.address)) {
+    transport_of(*address).inspect(*address, Deadline::after(kInspectTimeout), report);
+  } else {
+    report.problem = describe_wrong_name(report.address);
+  }
+  return report;
 }
 
 }  // namespace pelmar::platform

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "deadline.h"
+#include "inspection.h"
 #include "modem_address.h"
 #include "qmux.h"
 
@@ -115,6 +116,9 @@ struct Transport {
                   const Deadline& deadline, std::unique_ptr<Connection>& connection);
 
   std::unique_ptr<ServiceWatch> (*watch)(const ModemAddress& address, uint32_t service);
+
+  // Fills in everything but the address, within the deadline.
+  void (*inspect)(const ModemAddress& address, const Deadline& deadline, ModemReport& report);
 };
 
 const Transport& transport_of(const ModemAddress& address);
@@ -124,5 +128,6 @@ const Transport& transport_of(const ModemAddress& address);
 int32_t open_connection(const ServiceName& service, size_t message_capacity, const Deadline& deadline,
                         std::unique_ptr<Connection>& connection);
 std::unique_ptr<ServiceWatch> watch_service(uint32_t service);
+ModemReport inspect_modem();
 
 }  // namespace pelmar::platform

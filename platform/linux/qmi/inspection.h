@@ -1,0 +1,30 @@
+// Shows a program which modem its process uses and what the modem offers, without a connection to a service. The
+// phone's interface has nothing like it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace pelmar::platform {
+
+// A service that a modem lists. Over QRTR, `major` is the version that the service published, and `minor` is 0.
+struct ListedService {
+  uint32_t number;
+  uint32_t instance;  // QRTR; 0 over QMUX
+  uint32_t node;      // QRTR; 0 over QMUX
+  uint32_t major;
+  uint32_t minor;
+};
+
+struct ModemReport {
+  std::string address;    // as PELMAR_MODEM has it, or the default
+  std::string transport;  // what the address means, such as "QRTR"
+  std::string problem;    // why the modem does not respond and, if that is known, what to do; empty: it responds
+  std::vector<ListedService> services;
+};
+
+}  // namespace pelmar::platform
+
+// Requests the list of services from the modem that PELMAR_MODEM names; waits for the response at most 2 s.
+extern "C" void pelmar_platform_inspect_modem(pelmar::platform::ModemReport* report);
