@@ -111,8 +111,11 @@ CommandLine::CommandLine()
   app_->require_subcommand(1);
   app_->footer(kFooter);
   const Command global(*app_);
-  global.add_text("--modem", settings_.modem, "the modem's socket, a path or @NAME (default: PELMAR_MODEM)",
-                  {.type = "SOCKET"});
+  global.add_text(
+      "--modem", settings_.modem,
+      "the modem: a socket's path or @NAME, a device such as /dev/cdc-wdm0, proxy:DEVICE, qrtr or qrtr:NODE "
+      "(default: PELMAR_MODEM)",
+      {.type = "MODEM"});
   global.add_flag("--json", settings_.json, "print JSON, one document a line");
   global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
   global.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");

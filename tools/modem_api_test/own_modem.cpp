@@ -219,8 +219,8 @@ Modem reach_own_modem() {
 
 Modem choose_modem(const std::string& named) {
   Modem modem{named.empty() ? environment(kModemVariable) : named, "", {}};
-  if (modem.socket.empty()) modem = reach_own_modem();
-  setenv(kModemVariable, modem.socket.c_str(), 1);
+  if (modem.address.empty()) modem = reach_own_modem();
+  setenv(kModemVariable, modem.address.c_str(), 1);
   return modem;
 }
 

@@ -1,5 +1,5 @@
-// Which modem the program uses: the one that --modem or PELMAR_MODEM names, else a simulated modem of its own, one
-// for each user, shared by all the user's runs, its storage kept between them.
+// Which modem the program uses: the one that --modem or PELMAR_MODEM names, else a simulated modem of its own, one for
+// each user, shared by all the user's runs, its storage kept between them.
 //
 //   $XDG_STATE_HOME/pelmar/modem/        storage (~/.local/state without XDG_STATE_HOME)
 //   $XDG_RUNTIME_DIR/pelmar/modem-*.sock  socket, named for the storage (in the storage without XDG_RUNTIME_DIR)
@@ -14,7 +14,7 @@
 namespace pelmar::cli {
 
 struct Modem {
-  std::string socket;
+  std::string address;  // a form of --modem
   std::string storage;  // of the own modem; empty for another
   UniqueFd guard;       // a connection: the own modem does not end while it is open
 };

@@ -94,14 +94,27 @@ const Modem& Session::modem() {
 }
 
 void Session::prepare() {
-  wait_for_listener(modem().socket, "the modem");
-  if (const std::string problem = connect_unix(modem().socket).problem; !problem.empty()) {
-    throw Failure("connecting to the modem", "nobody serves " + modem().socket + " (" + problem + ")",
-                  "Start the modem, name another with --modem SOCKET, or wait for it with --wait.");
-  }
+  inspect();
   if (is_initialised_) return;
   check(modem_api_init(), "setting up the library");
   is_initialised_ = true;
+}
+
+platform::ModemReport Session::inspect() {
+  modem();
+  for (bool is_first = true;; is_first = false) {
+    platform::ModemReport report;
+    pelmar_platform_inspect_modem(&report);
+    if (report.problem.empty()) return report;
+    const std::string problem = report.address + ": " + report.problem;
+    if (!report.may_come) throw Failure("connecting to the modem", problem);
+    if (!waits_) {
+      throw Failure("connecting to the modem", problem,
+                    "Start the modem, name another with --modem, or wait for it with --wait.");
+    }
+    if (is_first) remark(problem + "; waiting for it");
+    std::this_thread::sleep_for(kWaitPeriod);
+  }
 }
 
 void Session::wait_for_listener(const std::string& socket, const std::string& whom) const {
@@ -123,8 +136,8 @@ void Session::wait_for(modem_api_client_type service) {
 }
 
 std::string Session::absence_advice() {
-  return "No such service responded on " + modem().socket +
-         ". 'modem_api_test info' shows what is there; --modem SOCKET names another modem.";
+  return "No such service responded on " + modem().address +
+         ". 'modem_api_test info' shows what is there; --modem names another modem.";
 }
 
 int32_t Session::open(modem_api_client_type type) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "inspection.h"
 #include "modem_api.h"
 #include "own_modem.h"
 #include "qmi_idl_lib.h"
@@ -31,7 +32,7 @@ bool is_present(modem_api_client_type type);
 
 class Session {
  public:
-  // `modem`: the socket that --modem named, or empty. `waits`: for a modem that is not there yet. `verbose`: messages,
+  // `modem`: what --modem named, or empty. `waits`: for a modem that is not there yet. `verbose`: messages,
   // and the library's errors, go to standard error.
   Session(std::string modem, bool waits, bool verbose);
   ~Session();
@@ -43,6 +44,10 @@ class Session {
 
   // Whether to wait for a modem that is not there yet.
   bool waits() const { return waits_; }
+
+  // What the modem responded; waits for a modem that is not there yet where that is wished. Throws where the modem does
+  // not respond.
+  platform::ModemReport inspect();
 
   // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where the process
   // that serves it cannot be used, and waiting does not change that.

@@ -19,7 +19,7 @@ std::string manager_socket();
 // One thread at a time sends and one at a time receives; the two may be different.
 class ManagerLink {
  public:
-  bool open(const std::string& socket, const Deadline& deadline) { return stream_.connect(socket, deadline).empty(); }
+  bool open(const std::string& socket, const Deadline& deadline) { return !stream_.connect(socket, deadline); }
 
   // False if the manager is gone or takes no bytes.
   bool send(const Request& request);

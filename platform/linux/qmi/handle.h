@@ -56,6 +56,14 @@ class ProcessFd {
   ProcessFd* next_ = nullptr;
 };
 
+// Why something failed and, if that is known, what to do; no text: it succeeded.
+struct Problem {
+  std::string text = "";
+  bool is_temporary = false;  // another attempt may succeed: who is absent may come
+
+  explicit operator bool() const { return !text.empty(); }
+};
+
 // Writes a line to the system log as an error. Callers try again and again, so a problem that lasts is reported once.
 void report_problem(const std::string& line);
 

@@ -21,6 +21,7 @@ struct ModemReport {
   std::string address;    // as PELMAR_MODEM has it, or the default
   std::string transport;  // what the address means, such as "QRTR"
   std::string problem;    // why the modem does not respond and, if that is known, what to do; empty: it responds
+  bool may_come = false;  // with a problem: the modem is absent, and may come
   std::vector<ListedService> services;
 };
 

@@ -106,32 +106,32 @@ bool prepare_terminal(int terminal) {
 }
 
 // Opens the device for this process alone. Without a descriptor, `problem` says why and what to do.
-ProcessFd open_device(const std::string& path, std::string& problem) {
+ProcessFd open_device(const std::string& path, Problem& problem) {
   struct stat file {};
   if (::stat(path.c_str(), &file) != 0) {
-    problem = std::strerror(errno);
+    problem = {std::strerror(errno), errno == ENOENT};
     return {};
   }
   if (!S_ISCHR(file.st_mode)) {
-    problem = "it is no character device";
+    problem = {"it is no character device"};
     return {};
   }
   if (kernel_driver(file.st_rdev) == "cdc_mbim" || path.find("mbim") != path.npos) {
-    problem = "it speaks MBIM, not QMI: switch the modem to its QMI mode, or name its QMI device";
+    problem = {"it speaks MBIM, not QMI: switch the modem to its QMI mode, or name its QMI device"};
     return {};
   }
   ProcessFd device([&path] { return ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); });
   if (!device) {
-    problem = describe_failure(path, errno, file.st_rdev);
+    problem = {describe_failure(path, errno, file.st_rdev)};
     return {};
   }
   // The kernel's drivers let several processes open such a device, and each would get a part of the bytes.
   if (::flock(device.get(), LOCK_EX | LOCK_NB) != 0 || !find_other_user(file.st_rdev).empty()) {
-    problem = describe_use(path, file.st_rdev);
+    problem = {describe_use(path, file.st_rdev)};
     return {};
   }
   if (::isatty(device.get()) != 0 && !prepare_terminal(device.get())) {
-    problem = std::string("its terminal settings cannot be changed: ") + std::strerror(errno);
+    problem = {std::string("its terminal settings cannot be changed: ") + std::strerror(errno)};
     return {};
   }
   return device;
@@ -386,7 +386,7 @@ void ModemDevice::flush(Link& link) {
 DeviceLink connect_device(const std::string& path) {
   DeviceLink link;
   ProcessFd other;
-  if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, std::strerror(errno)};
+  if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, {std::strerror(errno)}};
   auto& registry = ModemDevice::Registry::of_this_process();
   const std::lock_guard lock(registry.mutex);
   const auto found = registry.devices.find(path);

@@ -12,7 +12,7 @@ namespace pelmar::platform {
 
 struct DeviceLink {
   ProcessFd socket;
-  std::string problem;  // without a socket: why the device cannot be used, and what to do
+  Problem problem;  // without a socket
 };
 
 // Opens the device unless this process has it open, and connects to it.

@@ -64,26 +64,26 @@ int start_detached(const char* program) {
 
 }  // namespace
 
-std::string start_qmi_proxy(const std::string& device, const Deadline& deadline) {
-  if (!is_device(device)) return "no qmi-proxy runs, and there is no character device " + device;
-  if (!may_try_now()) return "no qmi-proxy runs";
+Problem start_qmi_proxy(const std::string& device, const Deadline& deadline) {
+  if (!is_device(device)) return {"no qmi-proxy runs, and there is no character device " + device, true};
+  if (!may_try_now()) return {"no qmi-proxy runs", true};
   const char* program = nullptr;
   for (const char* const path : kPrograms) {
     if (program == nullptr && ::access(path, X_OK) == 0) program = path;
   }
   if (program == nullptr) {
-    return std::string("no qmi-proxy runs, and there is no ") + kPrograms[0] +
-           ": install the package libqmi-proxy, or name the device itself, " + device;
+    return {std::string("no qmi-proxy runs, and there is no ") + kPrograms[0] +
+            ": install the package libqmi-proxy, or name the device itself, " + device};
   }
   if (const int error = start_detached(program); error != 0) {
-    return std::string("cannot start ") + program + ": " + std::strerror(error);
+    return {std::string("cannot start ") + program + ": " + std::strerror(error)};
   }
   const Deadline end = earlier(deadline, Deadline::after(kStartTimeout));
   while (connect_unix(kProxySocket).error != 0) {
-    if (end.has_passed()) return std::string(program) + " was started, but accepts no connection";
+    if (end.has_passed()) return {std::string(program) + " was started, but accepts no connection", true};
     std::this_thread::sleep_for(kPause);
   }
-  return "";
+  return {};
 }
 
 }  // namespace pelmar::platform

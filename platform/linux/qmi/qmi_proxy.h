@@ -4,12 +4,12 @@
 #include <string>
 
 #include "deadline.h"
+#include "handle.h"
 
 namespace pelmar::platform {
 
-// Starts the proxy unless the device is absent or this process has just tried. Returns an empty text once the proxy
-// accepts connections, else why it does not. The proxy outlives this process, and ends when no program has used it for
-// a while.
-std::string start_qmi_proxy(const std::string& device, const Deadline& deadline);
+// Starts the proxy unless the device is absent or this process has just tried. Returns no problem once the proxy
+// accepts connections. The proxy outlives this process, and ends when no program has used it for a while.
+Problem start_qmi_proxy(const std::string& device, const Deadline& deadline);
 
 }  // namespace pelmar::platform

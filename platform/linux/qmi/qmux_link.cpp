@@ -44,35 +44,40 @@ ControlIndication read_control_indication(const qmi::Message& message) {
   return {ControlIndication::kOther, 0, 0};
 }
 
-std::string QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
+Problem QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
   switch (address.kind) {
     case ModemAddress::Kind::kDevice: {
       DeviceLink link = connect_device(address.path);
-      if (!link.socket) report_problem("Cannot open " + address.path + ": " + link.problem);
-      return stream_.adopt(std::move(link.socket)) ? "" : link.problem;
+      if (!stream_.adopt(std::move(link.socket)) && !link.problem) link.problem = {std::strerror(errno)};
+      if (link.problem && !link.problem.is_temporary) {
+        report_problem("Cannot open " + address.path + ": " + link.problem.text);
+      }
+      return link.problem;
     }
     case ModemAddress::Kind::kProxy: {
-      if (stream_.connect(kProxySocket, deadline).empty()) return "";
-      const std::string problem = start_qmi_proxy(address.path, deadline);
-      return problem.empty() ? stream_.connect(kProxySocket, deadline) : problem;
+      const Problem absence = stream_.connect(kProxySocket, deadline);
+      if (!absence.is_temporary) return absence;
+      const Problem problem = start_qmi_proxy(address.path, deadline);
+      if (problem && !problem.is_temporary) report_problem(problem.text);
+      return problem ? problem : stream_.connect(kProxySocket, deadline);
     }
     default:
       return stream_.connect(address.path, deadline);
   }
 }
 
-std::string QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
-  if (std::string problem = connect(address, deadline); !problem.empty()) return problem;
+Problem QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
+  if (Problem problem = connect(address, deadline)) return problem;
   reader_ = FrameReader();
   partial_since_.reset();
-  if (address.kind == ModemAddress::Kind::kDevice) return "";
+  if (address.kind == ModemAddress::Kind::kDevice) return {};
   const std::string device = address.kind == ModemAddress::Kind::kProxy ? address.path : kDefaultDevice;
   const Bytes path(device.begin(), device.end());
   const Outcome outcome = exchange(ControlMessage::kOpenProxy, path, deadline, nullptr);
-  if (outcome == Outcome::kSuccess) return "";
-  std::string problem = "the process that serves it does not respond in QMUX";
-  if (outcome == Outcome::kFailure) problem = "qmi-proxy cannot open " + device;
-  if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = refusal;
+  if (outcome == Outcome::kSuccess) return {};
+  Problem problem = {"the process that serves it does not respond in QMUX", true};
+  if (outcome == Outcome::kFailure) problem = {"the proxy cannot open " + device, true};
+  if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
   close();
   return problem;
 }

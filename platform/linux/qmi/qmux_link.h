@@ -71,9 +71,8 @@ inline constexpr const char* kProxySocket = "@qmi-proxy";
 
 class QmuxLink {
  public:
-  // Connects to the modem; a proxy must then open the modem's device. Returns an empty text, or why that failed and, if
-  // that is known, what to do.
-  std::string open(const ModemAddress& address, const Deadline& deadline);
+  // Connects to the modem; a proxy must then open the modem's device.
+  Problem open(const ModemAddress& address, const Deadline& deadline);
   void close() { stream_.close(); }
   bool is_open() const { return stream_.is_open(); }
 
@@ -109,7 +108,7 @@ class QmuxLink {
  private:
   using Bytes = std::vector<uint8_t>;
 
-  std::string connect(const ModemAddress& address, const Deadline& deadline);
+  Problem connect(const ModemAddress& address, const Deadline& deadline);
   SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 

@@ -229,7 +229,7 @@ int32_t open_qmux_connection(const ModemAddress& address, const ServiceName& ser
   const auto number = static_cast<uint8_t>(service.number);
   QmuxLink link;
   std::vector<ListedService> services;
-  if (!link.open(address, deadline).empty() || link.get_services(services, deadline) != Outcome::kSuccess ||
+  if (link.open(address, deadline) || link.get_services(services, deadline) != Outcome::kSuccess ||
       !offers(services, number)) {
     return QMI_TIMEOUT_ERR;
   }
@@ -280,7 +280,7 @@ Presence QmuxWatch::look() {
     if (look_over_link(presence, deadline)) return presence;
     presence.went_meanwhile = true;
   }
-  if (link_.open(address_, deadline).empty()) look_over_link(presence, deadline);
+  if (!link_.open(address_, deadline)) look_over_link(presence, deadline);
   return presence;
 }
 
@@ -318,10 +318,14 @@ void inspect_qmux(const ModemAddress& address, const Deadline& deadline, ModemRe
       report.transport = "QMUX on the Unix socket";
   }
   QmuxLink link;
-  report.problem = link.open(address, deadline);
-  if (!report.problem.empty()) return;
+  if (const Problem problem = link.open(address, deadline)) {
+    report.problem = problem.text;
+    report.may_come = problem.is_temporary;
+    return;
+  }
   const Outcome outcome = link.get_services(report.services, deadline);
   if (outcome == Outcome::kSuccess) return;
+  report.may_come = true;
   report.problem = "no response to a request for the list of services came in time";
   if (address.kind == ModemAddress::Kind::kDevice) report.problem += ": is it the QMI device of the modem?";
 }

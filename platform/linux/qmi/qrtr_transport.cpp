@@ -406,6 +406,7 @@ void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemRe
   });
   if (!is_complete) report.problem = "the name service of QRTR does not respond";
   if (is_complete && report.services.empty()) report.problem = "QRTR lists no service";
+  report.may_come = !report.problem.empty();
 }
 
 }  // namespace pelmar::platform

@@ -27,18 +27,18 @@ void report(const std::string& name, const std::string& problem) {
 
 }  // namespace
 
-std::string SocketStream::connect(const std::string& name, const Deadline& deadline) {
+Problem SocketStream::connect(const std::string& name, const Deadline& deadline) {
   close();
   descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
-  if (!is_open()) return std::strerror(errno);
+  if (!is_open()) return {std::strerror(errno)};
   silent_listener_ = name;
   const ConnectResult result =
       deadline.is_none() ? connect_unix(descriptor(), name) : connect_unix(descriptor(), name, deadline.remaining());
-  if (result.error == 0 && set_receive_timeout(descriptor())) return "";
+  if (result.error == 0 && set_receive_timeout(descriptor())) return {};
   const bool is_absent = result.error == ENOENT || result.error == ECONNREFUSED;
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
-  return is_absent ? "nobody serves it (" + result.problem + ")" : result.problem;
+  return {is_absent ? "nobody serves it (" + result.problem + ")" : result.problem, is_absent};
 }
 
 bool SocketStream::adopt(ProcessFd socket) {

@@ -16,7 +16,7 @@ class SocketStream {
  public:
   // Connects to a path, or to an abstract name written as @NAME. Returns an empty text, or why it failed. Reports to
   // the system log if there is a listener that cannot be used or does not admit this user.
-  std::string connect(const std::string& address, const Deadline& deadline);
+  Problem connect(const std::string& address, const Deadline& deadline);
 
   // Why a listener that has not sent anything may have refused this user, and what to do; empty: no such reason.
   std::string describe_refusal() const;

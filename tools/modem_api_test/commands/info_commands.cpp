@@ -5,6 +5,7 @@
 
 #include "command_line.h"
 #include "cutils/properties.h"
+#include "inspection.h"
 #include "pelmar_process.h"
 #include "pelmar_property.h"
 #include "printable_text.h"
@@ -13,6 +14,8 @@
 namespace pelmar::cli {
 
 namespace {
+
+using platform::ModemReport;
 
 // What is printed, for scripts and for people.
 struct Report {
@@ -35,6 +38,34 @@ std::string probe(const Context& context, const ServiceRow& service) {
   } catch (const Failure& failure) {
     return failure.reason();
   }
+}
+
+// --- services ---
+
+struct ServiceTitle {
+  uint32_t number;
+  const char* title;
+};
+
+constexpr ServiceTitle kServiceTitles[] = {
+    {0x00, "control"},
+    {0x01, "wireless data"},
+    {0x02, "device management"},
+    {0x03, "network access"},
+    {0x05, "messages"},
+    {0x09, "voice"},
+    {0x0B, "SIM"},
+    {0x10, "location"},
+    {0x11, "SAR"},
+    {0x1A, "data format"},
+    {0xE4, "vendor-specific"},
+};
+
+const char* service_title(uint32_t number) {
+  for (const ServiceTitle& row : kServiceTitles) {
+    if (row.number == number) return row.title;
+  }
+  return "";
 }
 
 // --- build and process ---
@@ -93,14 +124,39 @@ void put_process(Report& report) {
   report.row("id", std::to_string(id));
 }
 
-void put_modem(Report& report, const Modem& modem) {
+void put_modem(Report& report, const Modem& modem, const ModemReport& found) {
   const bool is_own = !modem.storage.empty();
-  report.document["modem"] = {{"socket", modem.socket}, {"own", is_own}};
+  report.document["modem"] = {{"address", modem.address}, {"transport", found.transport}, {"own", is_own}};
   report.heading("modem");
-  report.row("socket", modem.socket);
+  report.row("address", modem.address);
+  report.row("transport", found.transport);
   if (!is_own) return;
   report.document["modem"]["storage"] = modem.storage;
   report.row("storage", modem.storage + " (a simulated modem of this program's own)");
+}
+
+// What the modem itself lists, whether the library uses it or not.
+void put_listed_services(Report& report, const ModemReport& found) {
+  report.heading("services of the modem");
+  bool has_vs = false;
+  for (const auto& service : found.services) {
+    has_vs |= service.number == service_of(MODEM_API_CLIENT_VS).object()->service_id;
+    char number[8];
+    snprintf(number, sizeof number, "0x%02X", static_cast<unsigned>(service.number));
+    std::string version = "version " + std::to_string(service.major) + "." + std::to_string(service.minor);
+    Json row = {{"id", service.number}, {"major", service.major}, {"minor", service.minor}};
+    if (service.node != 0) {
+      version = "version " + std::to_string(service.major) + ", instance " + std::to_string(service.instance) +
+                ", node " + std::to_string(service.node);
+      row["instance"] = service.instance;
+      row["node"] = service.node;
+    }
+    report.document["modem"]["services"].push_back(std::move(row));
+    report.row(std::string(number) + " " + service_title(service.number), version);
+  }
+  report.document["modem"]["has_vendor_service"] = has_vs;
+  if (has_vs) return;
+  report.row("0xE4 is absent", "without it, only rf-state, drx, trm and cell-info work");
 }
 
 // Whether any is up.
@@ -123,15 +179,16 @@ bool put_services(Report& report, const Context& context) {
 void show_info(const Context& context, const NoValues&) {
   Report report;
   const Modem& modem = context.session.modem();
-  context.session.wait_for_listener(modem.socket, "the modem");
-  put_modem(report, modem);
+  const ModemReport found = context.session.inspect();
+  put_modem(report, modem, found);
+  put_listed_services(report, found);
   const bool is_any_up = put_services(report, context);
   put_build(report);
   put_process(report);
   context.output.print(report.document, report.text);
   if (is_any_up) return;
   throw Failure("connecting to the modem", "none of its services is up",
-                "Check that a modem serves " + modem.socket + "; --modem SOCKET names another one.");
+                "Check the modem at " + modem.address + "; --modem names another one.");
 }
 
 // --- props ---

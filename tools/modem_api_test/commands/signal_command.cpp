@@ -172,7 +172,7 @@ class Series {
                                           : RecordingFile::Earlier::kRefuse;
       csv_ = open_csv(context.output, values.csv, earlier);
     }
-    if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().socket, rate);
+    if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().address, rate);
   }
 
   // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
