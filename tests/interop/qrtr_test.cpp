@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include <atomic>
 #include <chrono>
@@ -15,11 +16,10 @@
 #include <utility>
 #include <vector>
 
-#include "captured_syslog.h"
 #include "nas_messages.h"
 #include "qmi_client.h"
 #include "qrtr_transport.h"
-#include "shared_value.h"
+#include "scripted_modem.h"
 #include "unique_fd.h"
 
 namespace pelmar::platform {
@@ -124,6 +124,8 @@ class QrtrTest : public testing::Test {
     const UniqueFd socket(::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket) GTEST_SKIP() << "this kernel has no QRTR";
     ::setenv("PELMAR_MODEM", "qrtr", 1);
+    ::openlog("qrtr_tests", LOG_PERROR, LOG_USER);
+    testing::internal::CaptureStderr();
   }
 
   void TearDown() override {
@@ -332,7 +334,7 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
   for (size_t i = 0; i < kCount; ++i) EXPECT_EQ(service.send(request.from, indication), 0);
   for (int i = 0; i < 60'000 && indications_ < kCount; ++i) std::this_thread::sleep_for(milliseconds(1));
   EXPECT_EQ(indications_, kCount);
-  EXPECT_EQ(logged(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
@@ -350,7 +352,8 @@ TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
   EXPECT_EQ(events(0), Events{});
   is_held_ = false;
   EXPECT_EQ(events(1), Events{"error -2"});
-  EXPECT_NE(logged().find("the kernel dropped 6 messages"), std::string::npos) << "and the report: " << logged();
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("the kernel dropped 6 messages"), std::string::npos) << "and the report: " << log;
 }
 
 }  // namespace
