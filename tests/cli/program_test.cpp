@@ -148,9 +148,9 @@ TEST_F(ClientTest, NoResponseIsNoSuccess) {
   }
   ctl("silence nas");
   expect({{"client cell-info --timeout 1 --json 2>/dev/null", 1, "not done in 1 s"},
-          {"client --modem nobody nv read 1", 1, "nobody serves nobody"},
-          {"client --modem nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
-          {"client --modem $(printf %0120d 0) info --wait --timeout 20", 1, "a socket's name has 1 to 107"}});
+          {"client --modem ./nobody nv read 1", 1, "./nobody: nobody serves it"},
+          {"client --modem ./nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
+          {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
   EXPECT_TRUE(comes_to_have_no_clients());
   ctl("clear");
   ctl("service sar down");
