@@ -51,7 +51,7 @@ add() {
   done
 }
 
-need_packages qemu-system-x86 libqmi-utils >&2
+need_packages $PACKAGES_QRTR >&2
 vm=$root/build/qrtr-vm
 prepare
 work=$(mktemp -d "$vm/run.XXXXXX")

@@ -23,6 +23,7 @@ constexpr const char* kProxy = "@qmi-proxy";
 
 // The proxy's name in a network namespace of the test's own; "" where there is none to be had.
 std::string own_proxy() {
+  if (sim::test::over_qrtr()) return kProxy;
   return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 ? kProxy : "";
 }
 
@@ -37,7 +38,9 @@ class QmicliTest : public ModemTest {
 
   static std::string qmicli(const std::string& action) {
     const sim::test::Outcome outcome =
-        sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", "/dev/null", action});
+        sim::test::over_qrtr()
+            ? sim::test::run_program({kQmicli, "-d", "qrtr://1", action})
+            : sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", "/dev/null", action});
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     return outcome.output;
   }

@@ -21,7 +21,8 @@ class ModemTest : public testing::Test {
   explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
     setenv("PELMAR_PROPERTY_DIR", path("properties").c_str(), 1);
     serve(options, socket);
-    setenv(kModemVariable, modem_->socket().c_str(), 1);
+    setenv(kModemVariable, sim::test::over_qrtr() ? "qrtr" : modem_->socket().c_str(), 1);
+    if (sim::test::over_qrtr()) setenv("PELMAR_PM_SOCKET", (modem_->socket() + ".pm").c_str(), 1);
   }
 
   void serve(const std::vector<std::string>& options, const std::string& socket = "") {

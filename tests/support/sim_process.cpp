@@ -37,6 +37,7 @@ bool append_bytes(int fd, std::string& text, int patience_ms) {
 std::vector<std::string> serve_arguments(const std::string& socket, const ScratchDirectory& directory,
                                          const std::vector<std::string>& options) {
   std::vector<std::string> arguments = {MODEM_SIM, "serve", "--socket", socket, "--storage", directory.path("storage")};
+  if (over_qrtr()) arguments.push_back("--qrtr");
   arguments.insert(arguments.end(), options.begin(), options.end());
   return arguments;
 }
@@ -50,6 +51,10 @@ ScratchDirectory::ScratchDirectory() {
 
 ScratchDirectory::~ScratchDirectory() {
   std::filesystem::remove_all(path_);
+}
+
+bool over_qrtr() {
+  return getenv("PELMAR_TEST_QRTR") != nullptr;
 }
 
 bool comes_true(const std::function<bool()>& condition) {

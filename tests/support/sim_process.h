@@ -25,6 +25,9 @@ class ScratchDirectory {
   std::string path_;
 };
 
+// Whether clients reach the simulated modem over the kernel's QRTR: PELMAR_TEST_QRTR is set. (tests/interop/qrtr.sh)
+bool over_qrtr();
+
 // Checks every 5 ms whether this holds. False where it does not come to hold within a minute.
 bool comes_true(const std::function<bool()>& condition);
 
