@@ -25,22 +25,12 @@
 namespace pelmar::platform {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Events = std::vector<std::string>;
 using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
 using std::chrono::milliseconds;
 
 const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 constexpr uint32_t kVersion = 1;
-
-Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs) {
-  Bytes bytes = {flags};
-  for (const size_t value : {size_t{transaction}, size_t{id}, tlvs.size()}) {
-    bytes.insert(bytes.end(), {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)});
-  }
-  bytes.insert(bytes.end(), tlvs.begin(), tlvs.end());
-  return bytes;
-}
 
 struct Datagram {
   QrtrAddress from;
@@ -124,6 +114,12 @@ class QrtrTest : public testing::Test {
     const UniqueFd socket(::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket) GTEST_SKIP() << "this kernel has no QRTR";
     ::setenv("PELMAR_MODEM", "qrtr", 1);
+    ::openlog("qrtr_tests", LOG_PERROR, LOG_USER);
+    testing::internal::CaptureStderr();
+  }
+
+  // The system log goes to standard error, too.
+  void capture_log() {
     ::openlog("qrtr_tests", LOG_PERROR, LOG_USER);
     testing::internal::CaptureStderr();
   }
@@ -325,6 +321,7 @@ TEST_F(QrtrTest, WaitsForAFullService) {
 TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
   constexpr size_t kCount = 1000;
   callback_time_ = milliseconds(2);
+  capture_log();
   Peer service;
   service.publish();
   auto outcome = send(connect(), 1);
@@ -339,6 +336,7 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
 
 TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
   is_held_ = true;
+  capture_log();
   Peer service;
   service.publish();
   auto outcome = send(connect(), 1);
