@@ -118,12 +118,6 @@ class QrtrTest : public testing::Test {
     testing::internal::CaptureStderr();
   }
 
-  // The system log goes to standard error, too.
-  void capture_log() {
-    ::openlog("qrtr_tests", LOG_PERROR, LOG_USER);
-    testing::internal::CaptureStderr();
-  }
-
   void TearDown() override {
     for (const qmi_client_type handle : handles_) qmi_client_release(handle);
   }
@@ -321,7 +315,6 @@ TEST_F(QrtrTest, WaitsForAFullService) {
 TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
   constexpr size_t kCount = 1000;
   callback_time_ = milliseconds(2);
-  capture_log();
   Peer service;
   service.publish();
   auto outcome = send(connect(), 1);
@@ -336,7 +329,6 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
 
 TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
   is_held_ = true;
-  capture_log();
   Peer service;
   service.publish();
   auto outcome = send(connect(), 1);
