@@ -54,16 +54,18 @@ SimulatedModem::Directory::~Directory() {
   std::filesystem::remove_all(path);
 }
 
-SimulatedModem::SimulatedModem() : process_([this](const LocalStream& output) { run(output); }) {
+SimulatedModem::SimulatedModem(Extra extra)
+    : process_([this, extra](const LocalStream& output) { run(output, extra); }) {
   if (process_.stream().receive_line().find("ready") != std::string::npos) return;
   std::fprintf(stderr, "modem_sim did not start\n");
   std::exit(1);
 }
 
-void SimulatedModem::run(const LocalStream& output) const {
+void SimulatedModem::run(const LocalStream& output, Extra extra) const {
   dup2(output.descriptor(), STDOUT_FILENO);
+  const std::string clients = extra == Extra::kDevice ? "--device=" + device() : "--qrtr";
   execl(PELMAR_MODEM_SIM, "modem_sim", "serve", "--socket", socket().c_str(), "--storage", directory_.path.c_str(),
-        "--control", control_socket().c_str(), nullptr);
+        "--control", control_socket().c_str(), extra == Extra::kNone ? nullptr : clients.c_str(), nullptr);
   std::perror(PELMAR_MODEM_SIM);
 }
 

@@ -40,9 +40,13 @@ class Child {
 // modem_sim, on a socket in a temporary directory.
 class SimulatedModem {
  public:
-  SimulatedModem();
+  // What it serves beside the socket.
+  enum class Extra { kNone, kDevice, kQrtr };
+
+  explicit SimulatedModem(Extra extra = Extra::kNone);
 
   std::string socket() const { return directory_.path + "/modem"; }
+  std::string device() const { return directory_.path + "/device"; }
 
   // Sends a command. Ends the process if modem_sim refuses it.
   void command(const std::string& text) const;
@@ -55,7 +59,7 @@ class SimulatedModem {
   };
 
   std::string control_socket() const { return directory_.path + "/control"; }
-  void run(const LocalStream& output) const;
+  void run(const LocalStream& output, Extra extra) const;
 
   const Directory directory_;
   const Child process_;

@@ -14,7 +14,7 @@ build=build/bench
 
 need_packages $PACKAGES_BUILD libbenchmark-dev python3
 configure "$build" -DCMAKE_BUILD_TYPE=Release -DPELMAR_BENCH=ON -DPELMAR_TESTS=OFF
-programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_signal_watch)
+programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_transports bench_signal_watch)
 cmake --build "$build" --target "${programs[@]}" >/dev/null
 
 priority=() note="normal priority"
@@ -26,12 +26,13 @@ results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 for program in "${programs[@]}"; do
   echo "running $program ..." >&2
-  prefix=() rounds=$repetitions seconds=0.1
+  prefix=() arguments=() rounds=$repetitions seconds=0.1
+  [ "$program" != bench_transports ] || arguments=(device)
   [ "$program" != bench_signal_watch ] || rounds=1  # one watch of many readings
-  if [ "$program" = bench_end_to_end ]; then  # many short rounds, some of them undisturbed
+  if [ "$program" = bench_end_to_end ] || [ "$program" = bench_transports ]; then  # many short rounds, some of them undisturbed
     prefix=("${priority[@]}") rounds=$((repetitions * 4)) seconds=0.025
   fi
-  timeout 900 "${prefix[@]}" "$build/bin/$program" --benchmark_repetitions="$rounds" \
+  timeout 900 "${prefix[@]}" "$build/bin/$program" "${arguments[@]}" --benchmark_repetitions="$rounds" \
     --benchmark_enable_random_interleaving=true --benchmark_min_time="$seconds" \
     --benchmark_out="$results/$program.json" --benchmark_out_format=json >"$results/log" 2>&1 ||
     { cat "$results/log" >&2; exit 1; }
