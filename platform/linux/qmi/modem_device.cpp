@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -33,9 +35,6 @@ using Bytes = std::span<const uint8_t>;
 
 // The most bytes that wait for a link whose reader is slow. Further frames for it are dropped.
 constexpr size_t kMostWaitingBytes = size_t{1} << 20;
-
-// The most bytes that wait for the device. No link is read while more wait.
-constexpr size_t kMostUnwrittenBytes = size_t{64} << 10;
 
 // --- opening ---
 
@@ -137,6 +136,8 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
   return device;
 }
 
+}  // namespace
+
 // --- sharing ---
 
 class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
@@ -156,19 +157,22 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
     thread_.start([self = shared_from_this()] { self->run(); });
   }
 
-  // Connects a link. REQUIRES: the registry is locked.
-  void add(ProcessFd socket) {
+  // Makes a link and returns its number. REQUIRES: the registry is locked.
+  uint64_t add(ProcessFd socket) {
     const std::lock_guard lock(mutex_);
-    added_.push_back(std::move(socket));
+    added_.emplace_back(++last_link_, std::move(socket));
     thread_.wake();
+    return last_link_;
   }
+
+  SendStatus send(uint64_t link, Bytes frame);
+  SendStatus flush(const Deadline& deadline);
 
  private:
   struct Link {
     explicit Link(ProcessFd connected) : socket(std::move(connected)) {}
 
     ProcessFd socket;
-    FrameReader reader{qmi::Direction::kToModem};
     std::vector<uint8_t> waiting;  // bytes that the link's socket does not take yet
     size_t dropped = 0;            // frames that were dropped since it took some
     bool is_ended = false;
@@ -185,33 +189,33 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   bool wait();
   bool read_device();
   bool write_device();
-  void read_link(uint64_t number, Link& link);
-  void pass_to_device(uint64_t number, const qmi::Frame& frame);
+  static bool has_closed(const Link& link);
   void pass_to_links(const qmi::Frame& frame);
   void pass_control_to_links(const qmi::Frame& frame);
   void note_owner(uint64_t number, const qmi::Frame& frame);
-  void send(Link& link, Bytes bytes);
+  static void send(Link& link, Bytes bytes);
   void send_to_all(Bytes bytes);
-  void flush(Link& link);
+  static void flush(Link& link);
 
   static Bytes bytes_of(const qmi::Frame& frame) {
     return {frame.message.data() - qmi::kFrameHeaderLength, qmi::kFrameHeaderLength + frame.message.size()};
   }
 
   const std::string path_;
-  ProcessFd device_;
-  FrameReader reader_{qmi::Direction::kFromModem};
-  std::deque<std::vector<uint8_t>> unwritten_;  // frames for the device
-  size_t unwritten_bytes_ = 0;
-  std::map<uint64_t, Link> links_;  // by number, from 1
+  FrameReader reader_;
+  std::map<uint64_t, Link> links_;                          // by number, from 1
+  std::map<std::pair<uint8_t, uint8_t>, uint64_t> owners_;  // of client ids, by service and id
+  FrameworkThread thread_;
+
+  // For the thread and the links' senders.
+  std::mutex mutex_;
+  ProcessFd device_;                            // none once the device is gone or closed
+  std::deque<std::vector<uint8_t>> unwritten_;  // frames that the device does not take yet
+  std::condition_variable written_;
+  std::vector<std::pair<uint64_t, ProcessFd>> added_;  // links that the thread has not taken over
   uint64_t last_link_ = 0;
   std::array<ControlRequest, UINT8_MAX + 1> control_;  // by the transaction at the device
   uint8_t last_transaction_ = 0;
-  std::map<std::pair<uint8_t, uint8_t>, uint64_t> owners_;  // of client ids, by service and id
-
-  std::mutex mutex_;
-  std::vector<ProcessFd> added_;  // links that the thread has not taken over
-  FrameworkThread thread_;
 };
 
 ModemDevice::Registry& ModemDevice::Registry::of_this_process() {
@@ -235,7 +239,7 @@ void ModemDevice::run() {
 // Takes over new links. Closes the device and returns false if there are no links or the device is gone.
 bool ModemDevice::take_links(bool is_there) {
   const auto take_added = [this] {
-    for (ProcessFd& socket : added_) links_.emplace(++last_link_, std::move(socket));
+    for (auto& [number, socket] : added_) links_.emplace(number, std::move(socket));
     added_.clear();
     return !links_.empty();
   };
@@ -250,18 +254,22 @@ bool ModemDevice::take_links(bool is_there) {
   links_.clear();  // their readers see the end
   registry.devices.erase(path_);
   device_.reset();
+  written_.notify_all();
   thread_.detach();
   return false;
 }
 
 // Waits for bytes and passes them on. False once the device is gone.
 bool ModemDevice::wait() {
-  const bool reads_links = unwritten_bytes_ < kMostUnwrittenBytes;
+  bool has_unwritten = false;
+  {
+    const std::lock_guard lock(mutex_);
+    has_unwritten = !unwritten_.empty();
+  }
   std::vector<pollfd> ready = {{thread_.descriptor(), POLLIN, 0},
-                               {device_.get(), static_cast<short>(unwritten_.empty() ? POLLIN : POLLIN | POLLOUT), 0}};
+                               {device_.get(), static_cast<short>(has_unwritten ? POLLIN | POLLOUT : POLLIN), 0}};
   for (const auto& [number, link] : links_) {
-    const int events = (reads_links ? POLLIN : 0) | (link.waiting.empty() ? 0 : POLLOUT);
-    ready.push_back({link.socket.get(), static_cast<short>(events), 0});
+    ready.push_back({link.socket.get(), static_cast<short>(link.waiting.empty() ? POLLIN : POLLIN | POLLOUT), 0});
   }
   if (::poll(ready.data(), ready.size(), -1) <= 0) return true;
   if (ready[0].revents != 0) thread_.acknowledge();
@@ -269,10 +277,10 @@ bool ModemDevice::wait() {
   for (auto& [number, link] : links_) {
     const short events = ready[place++].revents;
     if ((events & POLLOUT) != 0) flush(link);
-    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) read_link(number, link);
+    if ((events & ~POLLOUT) != 0) link.is_ended = has_closed(link);
   }
-  if (!write_device()) return false;
-  return ready[1].revents == 0 || read_device();
+  if ((ready[1].revents & POLLOUT) != 0 && !write_device()) return false;
+  return (ready[1].revents & ~POLLOUT) == 0 || read_device();
 }
 
 bool ModemDevice::read_device() {
@@ -294,39 +302,56 @@ bool ModemDevice::read_device() {
 
 // One write for each frame: a USB driver takes each write for a message of its own.
 bool ModemDevice::write_device() {
+  const std::lock_guard lock(mutex_);
   while (!unwritten_.empty()) {
     std::vector<uint8_t>& frame = unwritten_.front();
     const ssize_t count = ::write(device_.get(), frame.data(), frame.size());
     if (count < 0) return errno == EAGAIN || errno == EINTR;
-    unwritten_bytes_ -= static_cast<size_t>(count);
     frame.erase(frame.begin(), frame.begin() + count);
     if (frame.empty()) unwritten_.pop_front();
   }
+  written_.notify_all();
   return true;
 }
 
-void ModemDevice::read_link(uint64_t number, Link& link) {
-  uint8_t* const space = link.reader.space();
-  const ssize_t count = ::recv(link.socket.get(), space, link.reader.room(), MSG_DONTWAIT);
-  if (count <= 0) {
-    link.is_ended = count == 0 || (errno != EAGAIN && errno != EINTR);
-    return;
+// Each link counts its CTL transactions by itself, so the device gets numbers of our own.
+SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
+  constexpr size_t kServiceAt = 4;
+  constexpr size_t kTransactionAt = qmi::kFrameHeaderLength + 1;
+  const std::lock_guard lock(mutex_);
+  if (!device_) return SendStatus::kGone;
+  std::vector<uint8_t> copy;
+  if (frame.size() > kTransactionAt && frame[kServiceAt] == qmi::kControlService) {
+    copy.assign(frame.begin(), frame.end());
+    last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
+    control_[last_transaction_] = {link, std::exchange(copy[kTransactionAt], last_transaction_)};
+    frame = copy;
   }
-  link.reader.add(static_cast<size_t>(count));
-  qmi::Frame frame;
-  while (link.reader.next(frame)) pass_to_device(number, frame);
+  ssize_t count = 0;
+  if (unwritten_.empty()) {
+    count = ::write(device_.get(), frame.data(), frame.size());
+    if (count == static_cast<ssize_t>(frame.size())) return SendStatus::kSent;
+    if (count < 0 && errno != EAGAIN && errno != EINTR) return SendStatus::kGone;
+  }
+  unwritten_.emplace_back(frame.begin() + std::max<ssize_t>(count, 0), frame.end());
+  thread_.wake();
+  return SendStatus::kBlocked;
 }
 
-// Each link counts its CTL transactions by itself, so the device gets numbers of our own.
-void ModemDevice::pass_to_device(uint64_t number, const qmi::Frame& frame) {
-  const Bytes bytes = bytes_of(frame);
-  std::vector<uint8_t>& copy = unwritten_.emplace_back(bytes.begin(), bytes.end());
-  unwritten_bytes_ += copy.size();
-  if (frame.service != qmi::kControlService || frame.message.size() < qmi::kControlHeaderLength) return;
-  last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
-  uint8_t& transaction = copy[qmi::kFrameHeaderLength + 1];
-  control_[last_transaction_] = {number, transaction};
-  transaction = last_transaction_;
+SendStatus ModemDevice::flush(const Deadline& deadline) {
+  std::unique_lock lock(mutex_);
+  const auto has_ended = [this] { return unwritten_.empty() || !device_; };
+  if (deadline.is_none()) {
+    written_.wait(lock, has_ended);
+  } else if (!written_.wait_until(lock, deadline.at(), has_ended)) {
+    return SendStatus::kTimedOut;
+  }
+  return device_ ? SendStatus::kSent : SendStatus::kGone;
+}
+
+bool ModemDevice::has_closed(const Link& link) {
+  uint8_t byte;
+  return ::recv(link.socket.get(), &byte, sizeof byte, MSG_DONTWAIT) >= 0 || (errno != EAGAIN && errno != EINTR);
 }
 
 void ModemDevice::pass_to_links(const qmi::Frame& frame) {
@@ -341,7 +366,11 @@ void ModemDevice::pass_control_to_links(const qmi::Frame& frame) {
   const auto message = qmi::read_message(frame);
   if (!message) return;
   if (message->kind == qmi::MessageKind::kIndication) return send_to_all(bytes_of(frame));
-  const ControlRequest request = std::exchange(control_[message->transaction], {});
+  ControlRequest request;
+  {
+    const std::lock_guard lock(mutex_);
+    request = std::exchange(control_[message->transaction], {});
+  }
   const auto link = links_.find(request.link);
   if (link == links_.end()) return;
   if (message->id == static_cast<uint16_t>(ControlMessage::kAllocateClientId)) note_owner(request.link, frame);
@@ -377,21 +406,20 @@ void ModemDevice::flush(Link& link) {
   if (count <= 0) return;
   link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
   if (link.dropped == 0 || !link.waiting.empty()) return;
-  report_problem(path_ + ": a client's callbacks are too slow, " + std::to_string(std::exchange(link.dropped, 0)) +
-                 " messages were dropped");
+  ::syslog(LOG_WARNING, "A client's callbacks are too slow, %zu messages of the modem's device were dropped",
+           std::exchange(link.dropped, 0));
 }
-
-}  // namespace
 
 DeviceLink connect_device(const std::string& path) {
   DeviceLink link;
   ProcessFd other;
-  if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, {std::strerror(errno)}};
+  if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, nullptr, 0, {std::strerror(errno)}};
   auto& registry = ModemDevice::Registry::of_this_process();
   const std::lock_guard lock(registry.mutex);
   const auto found = registry.devices.find(path);
   if (found != registry.devices.end()) {
-    found->second->add(std::move(other));
+    link.device = found->second;
+    link.number = link.device->add(std::move(other));
     return link;
   }
   ProcessFd opened = open_device(path, link.problem);
@@ -399,11 +427,19 @@ DeviceLink connect_device(const std::string& path) {
     link.socket.reset();
     return link;
   }
-  const auto device = std::make_shared<ModemDevice>(path, std::move(opened));
-  device->add(std::move(other));
-  device->start();
-  registry.devices.emplace(path, device);
+  link.device = std::make_shared<ModemDevice>(path, std::move(opened));
+  link.number = link.device->add(std::move(other));
+  link.device->start();
+  registry.devices.emplace(path, link.device);
   return link;
+}
+
+SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame) {
+  return link.device->send(link.number, frame);
+}
+
+SendStatus flush_device(const DeviceLink& link, const Deadline& deadline) {
+  return link.device->flush(deadline);
 }
 
 }  // namespace pelmar::platform

@@ -1,21 +1,34 @@
 // A modem's character device, shared by the connections of this process.
 //
-// One process at a time has the device open. A thread of the device reads and writes it, and each QmuxLink has a socket
-// to that thread: above it, a device behaves like a proxy. The device is closed with its last link.
+// One process at a time has the device open. Each QmuxLink sends its frames to the device itself; a thread of the
+// device reads it and passes each frame to the link that it is for, over a socket. The device is closed with its last
+// link.
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 
+#include "deadline.h"
 #include "handle.h"
 
 namespace pelmar::platform {
 
+class ModemDevice;
+
 struct DeviceLink {
-  ProcessFd socket;
-  Problem problem;  // without a socket
+  ProcessFd socket;  // readable when a frame has arrived; closed by the device's end. Closing it ends the link.
+  std::shared_ptr<ModemDevice> device = nullptr;
+  uint64_t number = 0;   // of the link
+  Problem problem = {};  // without a socket
 };
 
-// Opens the device unless this process has it open, and connects to it.
+// Opens the device unless this process has it open, and makes a link to it.
 DeviceLink connect_device(const std::string& path);
+
+// Sends a frame without waiting. After kBlocked, flush_device() must return before the link's next frame.
+SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame);
+SendStatus flush_device(const DeviceLink& link, const Deadline& deadline);
 
 }  // namespace pelmar::platform

@@ -10,8 +10,7 @@ namespace pelmar::platform {
 
 constexpr uint8_t kValueTlv = 0x01;
 
-FrameReader::FrameReader(qmi::Direction direction)
-    : direction_(direction), buffer_(new uint8_t[qmi::kMaxFrameLength]) {}  // bytes are written before they are read
+FrameReader::FrameReader() : buffer_(new uint8_t[qmi::kMaxFrameLength]) {}  // bytes are written before they are read
 
 uint8_t* FrameReader::space() {
   if (begin_ > 0) {
@@ -24,7 +23,7 @@ uint8_t* FrameReader::space() {
 
 bool FrameReader::next(qmi::Frame& frame) {
   if (is_broken_) return false;
-  const qmi::Front front = qmi::read_front({buffer_.get() + begin_, end_ - begin_}, direction_);
+  const qmi::Front front = qmi::read_front({buffer_.get() + begin_, end_ - begin_}, qmi::Direction::kFromModem);
   is_broken_ = front.state == qmi::Front::State::kBroken;
   if (front.state != qmi::Front::State::kComplete) return false;
   begin_ += front.length;
@@ -47,12 +46,11 @@ ControlIndication read_control_indication(const qmi::Message& message) {
 Problem QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
   switch (address.kind) {
     case ModemAddress::Kind::kDevice: {
-      DeviceLink link = connect_device(address.path);
-      if (!stream_.adopt(std::move(link.socket)) && !link.problem) link.problem = {std::strerror(errno)};
-      if (link.problem && !link.problem.is_temporary) {
-        report_problem("Cannot open " + address.path + ": " + link.problem.text);
-      }
-      return link.problem;
+      device_ = connect_device(address.path);
+      Problem problem = device_.problem;
+      if (!problem && !stream_.adopt(std::move(device_.socket))) problem = {std::strerror(errno)};
+      if (problem && !problem.is_temporary) report_problem("Cannot open " + address.path + ": " + problem.text);
+      return problem;
     }
     case ModemAddress::Kind::kProxy: {
       const Problem absence = stream_.connect(kProxySocket, deadline);
@@ -80,6 +78,20 @@ Problem QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
   if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
   close();
   return problem;
+}
+
+SendStatus QmuxLink::send(std::span<const uint8_t> frame) {
+  if (!device_.device) return stream_.send(frame.data(), frame.size());
+  const SendStatus status = send_to_device(device_, frame);
+  is_unsent_ = status == SendStatus::kBlocked;
+  return status;
+}
+
+SendStatus QmuxLink::flush(const Deadline& deadline) {
+  if (!device_.device) return stream_.flush(deadline);
+  const SendStatus status = is_unsent_ ? flush_device(device_, deadline) : SendStatus::kSent;
+  if (status == SendStatus::kSent) is_unsent_ = false;
+  return status;
 }
 
 QmuxLink::Outcome QmuxLink::get_services(std::vector<ListedService>& services, const Deadline& deadline) {
@@ -145,7 +157,7 @@ bool QmuxLink::next(qmi::Frame& frame) {
 }
 
 SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {
-  if (const SendStatus status = stream_.flush(deadline); status != SendStatus::kSent) return status;
+  if (const SendStatus status = flush(deadline); status != SendStatus::kSent) return status;
   transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
   Bytes bytes(qmi::kFrameHeaderLength + qmi::kControlHeaderLength + qmi::kTlvHeaderLength + value.size());
   qmi::FrameWriter writer(qmi::Direction::kToModem, bytes);
@@ -153,8 +165,8 @@ SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadli
                static_cast<uint16_t>(id));
   if (!value.empty()) writer.add_tlv(kValueTlv, value);
   const auto frame = writer.finish();
-  const SendStatus status = stream_.send(frame.data(), frame.size());
-  return status == SendStatus::kBlocked ? stream_.flush(deadline) : status;
+  const SendStatus status = send(frame);
+  return status == SendStatus::kBlocked ? flush(deadline) : status;
 }
 
 QmuxLink::Outcome QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,

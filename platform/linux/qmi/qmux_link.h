@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,15 +15,16 @@
 #include "deadline.h"
 #include "inspection.h"
 #include "modem_address.h"
+#include "modem_device.h"
 #include "qmux.h"
 #include "socket_stream.h"
 
 namespace pelmar::platform {
 
-// Splits a stream of bytes into frames.
+// Splits the bytes that come from a modem into frames.
 class FrameReader {
  public:
-  explicit FrameReader(qmi::Direction direction = qmi::Direction::kFromModem);
+  FrameReader();
 
   // The place for the next bytes from the stream. There is room until the stream is broken.
   uint8_t* space();
@@ -38,7 +40,6 @@ class FrameReader {
   bool has_partial_frame() const { return begin_ < end_; }
 
  private:
-  qmi::Direction direction_;
   std::unique_ptr<uint8_t[]> buffer_;
   size_t begin_ = 0;
   size_t end_ = 0;
@@ -96,6 +97,11 @@ class QmuxLink {
   // Whether an exchange received an indication that the id was revoked since its allocation began.
   bool is_revoked(uint8_t service, uint8_t client) const { return revoked_.count({service, client}) != 0; }
 
+  // Sends a frame without waiting. After kBlocked, flush() must send the rest before the next frame.
+  SendStatus send(std::span<const uint8_t> frame);
+  bool has_unsent() const { return device_.device ? is_unsent_ : stream_.has_unsent(); }
+  SendStatus flush(const Deadline& deadline);
+
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }
   ReadStatus read(const Deadline& deadline);
@@ -113,6 +119,8 @@ class QmuxLink {
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 
   SocketStream stream_;
+  DeviceLink device_;       // of a device, which frames are sent to; the stream has its socket
+  bool is_unsent_ = false;  // of a device: a frame waits for flush()
   FrameReader reader_;
   std::optional<Deadline::Clock::time_point> partial_since_;
   uint8_t transaction_ = 0;

@@ -63,7 +63,7 @@ void release_abandoned(const std::vector<ClientIdRecord::Id>& ids, QmuxLink& lin
   while (id != ids.end() && outcome != Outcome::kNoResponse && outcome != Outcome::kNotSent && !deadline.has_passed()) {
     outcome = link.release_client_id(id->service, id->client, deadline);
     // A release that was sent in part goes out before the link's next message.
-    if (outcome != Outcome::kNotSent || link.stream().has_unsent()) ++id;
+    if (outcome != Outcome::kNotSent || link.has_unsent()) ++id;
   }
   record.restore({id, ids.end()}, end);
 }
@@ -128,7 +128,7 @@ QmuxConnection::~QmuxConnection() {
 
 SendStatus QmuxConnection::send(size_t length) {
   qmi::store_frame_header(frame_.get(), qmi::Direction::kToModem, id_.service, id_.client, length);
-  return link_.stream().send(frame_.get(), qmi::kFrameHeaderLength + length);
+  return link_.send({frame_.get(), qmi::kFrameHeaderLength + length});
 }
 
 Arrival QmuxConnection::next(Message& message) {
@@ -162,7 +162,7 @@ void QmuxConnection::send_probe(uint16_t transaction) {
   uint8_t probe[qmi::kFrameHeaderLength + ClientIdCheck::kProbeLength];
   qmi::store_frame_header(probe, qmi::Direction::kToModem, id_.service, id_.client, ClientIdCheck::kProbeLength);
   check_.store_probe(probe + qmi::kFrameHeaderLength, transaction);
-  link_.stream().send(probe, sizeof probe);
+  link_.send(probe);
 }
 
 void QmuxConnection::close(const Deadline& deadline) {

@@ -74,8 +74,8 @@ class QmuxConnection final : public Connection {
   size_t message_capacity() const override { return capacity_; }
 
   SendStatus send(size_t length) override;
-  bool has_unsent() const override { return link_.stream().has_unsent(); }
-  SendStatus flush(const Deadline& deadline) override { return link_.stream().flush(deadline); }
+  bool has_unsent() const override { return link_.has_unsent(); }
+  SendStatus flush(const Deadline& deadline) override { return link_.flush(deadline); }
 
   ReadStatus read(const Deadline& deadline) override { return link_.read(deadline); }
   Arrival next(Message& message) override;
