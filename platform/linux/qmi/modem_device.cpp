@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -19,10 +20,12 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <span>
+#include <system_error>
 #include <vector>
 
 #include "environment.h"
@@ -140,42 +143,48 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
 
 // --- sharing ---
 
+// One mutex guards all state. Nobody waits under it but for the end of a reader.
 class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
  public:
   // The open devices of this process. A child of fork() starts without any.
   struct Registry {
     const unsigned forks = fork_count();
-    std::mutex mutex;
+    std::mutex mutex;  // locked before that of a device
     std::map<std::string, std::shared_ptr<ModemDevice>> devices;
 
     static Registry& of_this_process();
   };
 
-  ModemDevice(std::string path, ProcessFd device) : path_(std::move(path)), device_(std::move(device)) {}
+  ModemDevice(std::string path, ProcessFd device);
 
   void start() {
     thread_.start([self = shared_from_this()] { self->run(); });
   }
 
   // Makes a link and returns its number. REQUIRES: the registry is locked.
-  uint64_t add(ProcessFd socket) {
-    const std::lock_guard lock(mutex_);
-    added_.emplace_back(++last_link_, std::move(socket));
-    thread_.wake();
-    return last_link_;
-  }
+  uint64_t add(ProcessFd socket);
 
   SendStatus send(uint64_t link, Bytes frame);
   SendStatus flush(const Deadline& deadline);
+  ReadStatus receive(uint64_t link, int socket, std::span<uint8_t> room, const Deadline& deadline, size_t& received);
 
  private:
-  struct Link {
-    explicit Link(ProcessFd connected) : socket(std::move(connected)) {}
+  using Lock = std::unique_lock<std::mutex>;
 
+  struct Link {
     ProcessFd socket;
-    std::vector<uint8_t> waiting;  // bytes that the link's socket does not take yet
-    size_t dropped = 0;            // frames that were dropped since it took some
+    std::vector<uint8_t> waiting = {};  // bytes that the link's socket does not take yet
+    size_t dropped = 0;                 // frames that were dropped since it took some
     bool is_ended = false;
+  };
+
+  // The link on whose thread the device is read. Its frames go to `room`, from the first that does not fit on to its
+  // socket.
+  struct Reader {
+    uint64_t link = 0;  // 0: the device's thread reads
+    std::span<uint8_t> room = {};
+    size_t received = 0;
+    bool is_full = false;
   };
 
   // A request to CTL whose response has not arrived.
@@ -185,38 +194,57 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   };
 
   void run();
-  bool take_links(bool is_there);
-  bool wait();
-  bool read_device();
-  bool write_device();
-  static bool has_closed(const Link& link);
-  void pass_to_links(const qmi::Frame& frame);
-  void pass_control_to_links(const qmi::Frame& frame);
-  void note_owner(uint64_t number, const qmi::Frame& frame);
-  static void send(Link& link, Bytes bytes);
+  bool goes_on(Lock& lock);
+  void arm();
+  void read_device();
+  void write_device();
+  void pass_on(const qmi::Frame& frame);
+  void pass_control(const qmi::Frame& frame);
+  void send_to(uint64_t number, Bytes bytes);
   void send_to_all(Bytes bytes);
-  static void flush(Link& link);
+  void flush(uint64_t number, Link& link);
+  void watch(int operation, int descriptor, uint32_t events, uint64_t name) const;
+  bool become_reader(uint64_t number, std::span<uint8_t> room);
+  void end_reading();
 
   static Bytes bytes_of(const qmi::Frame& frame) {
     return {frame.message.data() - qmi::kFrameHeaderLength, qmi::kFrameHeaderLength + frame.message.size()};
   }
 
   const std::string path_;
-  FrameReader reader_;
-  std::map<uint64_t, Link> links_;                          // by number, from 1
-  std::map<std::pair<uint8_t, uint8_t>, uint64_t> owners_;  // of client ids, by service and id
+  ProcessFd poll_;  // an epoll descriptor: the thread's wake-up, the device, and the links' sockets
   FrameworkThread thread_;
 
-  // For the thread and the links' senders.
   std::mutex mutex_;
-  ProcessFd device_;                            // none once the device is gone or closed
+  std::condition_variable changed_;  // everything is written, the device is gone, or a reader has ended
+  ProcessFd device_;                 // none once it is gone or closed
+  bool is_gone_ = false;
+  FrameReader frames_;
+  Reader reader_;
   std::deque<std::vector<uint8_t>> unwritten_;  // frames that the device does not take yet
-  std::condition_variable written_;
-  std::vector<std::pair<uint64_t, ProcessFd>> added_;  // links that the thread has not taken over
+  std::map<uint64_t, Link> links_;              // by number, from 1
   uint64_t last_link_ = 0;
-  std::array<ControlRequest, UINT8_MAX + 1> control_;  // by the transaction at the device
+  std::map<std::pair<uint8_t, uint8_t>, uint64_t> owners_;  // links of client ids, by service and id
+  std::array<ControlRequest, UINT8_MAX + 1> control_;       // by the transaction at the device
   uint8_t last_transaction_ = 0;
 };
+
+namespace {
+
+// What the thread's poll is for; a link has its number and this.
+constexpr uint64_t kWakeUp = 0;
+constexpr uint64_t kDevice = 1;
+
+// The result of a receive without waiting from a link's socket.
+ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received) {
+  const ssize_t count = ::recv(socket, room.data(), room.size(), MSG_DONTWAIT);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return ReadStatus::kTimedOut;
+  if (count <= 0) return ReadStatus::kGone;
+  received = static_cast<size_t>(count);
+  return ReadStatus::kRead;
+}
+
+}  // namespace
 
 ModemDevice::Registry& ModemDevice::Registry::of_this_process() {
   constinit static std::atomic<Registry*> current{nullptr};
@@ -228,98 +256,116 @@ ModemDevice::Registry& ModemDevice::Registry::of_this_process() {
   return *registry;
 }
 
+ModemDevice::ModemDevice(std::string path, ProcessFd device)
+    : path_(std::move(path)), poll_([] { return ::epoll_create1(EPOLL_CLOEXEC); }), device_(std::move(device)) {
+  if (!poll_) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+  watch(EPOLL_CTL_ADD, thread_.descriptor(), EPOLLIN, kWakeUp);
+  watch(EPOLL_CTL_ADD, device_.get(), EPOLLIN | EPOLLONESHOT, kDevice);
+}
+
+uint64_t ModemDevice::add(ProcessFd socket) {
+  const Lock lock(mutex_);
+  const uint64_t number = ++last_link_;
+  watch(EPOLL_CTL_ADD, socket.get(), EPOLLIN, kDevice + number);
+  links_.emplace(number, Link{std::move(socket)});
+  thread_.wake();  // it may be about to end
+  return number;
+}
+
+void ModemDevice::watch(int operation, int descriptor, uint32_t events, uint64_t name) const {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = name;
+  ::epoll_ctl(poll_.get(), operation, descriptor, &event);
+}
+
 void ModemDevice::run() {
-  bool is_there = true;
-  while (take_links(is_there)) {
-    is_there = wait();
+  Lock lock(mutex_);
+  while (goes_on(lock)) {
+    lock.unlock();
+    epoll_event ready[16];
+    const int count = ::epoll_wait(poll_.get(), ready, std::size(ready), -1);
+    lock.lock();
+    for (int i = 0; i < count; ++i) {
+      const uint32_t events = ready[i].events;
+      const auto link = links_.find(ready[i].data.u64 - kDevice);
+      if (ready[i].data.u64 == kWakeUp) {
+        thread_.acknowledge();
+      } else if (ready[i].data.u64 == kDevice) {
+        if ((events & EPOLLOUT) != 0) write_device();
+        if (reader_.link == 0 && (events & ~EPOLLOUT) != 0) read_device();
+        arm();
+      } else if (link != links_.end()) {
+        uint8_t byte;
+        size_t received = 0;
+        if ((events & EPOLLOUT) != 0) flush(link->first, link->second);
+        if ((events & ~EPOLLOUT) != 0) {
+          link->second.is_ended = receive_now(link->second.socket.get(), {&byte, 1}, received) != ReadStatus::kTimedOut;
+        }
+      }
+    }
     std::erase_if(links_, [](const auto& entry) { return entry.second.is_ended; });
   }
 }
 
-// Takes over new links. Closes the device and returns false if there are no links or the device is gone.
-bool ModemDevice::take_links(bool is_there) {
-  const auto take_added = [this] {
-    for (auto& [number, socket] : added_) links_.emplace(number, std::move(socket));
-    added_.clear();
-    return !links_.empty();
-  };
-  {
-    const std::lock_guard lock(mutex_);
-    if (take_added() && is_there) return true;
-  }
+// Closes the device and returns false if there are no links or the device is gone.
+bool ModemDevice::goes_on(Lock& lock) {
+  if (!links_.empty() && !is_gone_) return true;
+  lock.unlock();
   Registry& registry = Registry::of_this_process();
   const std::lock_guard registry_lock(registry.mutex);
-  const std::lock_guard lock(mutex_);
-  if (take_added() && is_there) return true;
+  lock.lock();
+  if (!links_.empty() && !is_gone_) return true;
+  is_gone_ = true;
   links_.clear();  // their readers see the end
+  changed_.notify_all();
+  changed_.wait(lock, [this] { return reader_.link == 0; });
   registry.devices.erase(path_);
   device_.reset();
-  written_.notify_all();
   thread_.detach();
   return false;
 }
 
-// Waits for bytes and passes them on. False once the device is gone.
-bool ModemDevice::wait() {
-  bool has_unwritten = false;
-  {
-    const std::lock_guard lock(mutex_);
-    has_unwritten = !unwritten_.empty();
-  }
-  std::vector<pollfd> ready = {{thread_.descriptor(), POLLIN, 0},
-                               {device_.get(), static_cast<short>(has_unwritten ? POLLIN | POLLOUT : POLLIN), 0}};
-  for (const auto& [number, link] : links_) {
-    ready.push_back({link.socket.get(), static_cast<short>(link.waiting.empty() ? POLLIN : POLLIN | POLLOUT), 0});
-  }
-  if (::poll(ready.data(), ready.size(), -1) <= 0) return true;
-  if (ready[0].revents != 0) thread_.acknowledge();
-  size_t place = 2;
-  for (auto& [number, link] : links_) {
-    const short events = ready[place++].revents;
-    if ((events & POLLOUT) != 0) flush(link);
-    if ((events & ~POLLOUT) != 0) link.is_ended = has_closed(link);
-  }
-  if ((ready[1].revents & POLLOUT) != 0 && !write_device()) return false;
-  return (ready[1].revents & ~POLLOUT) == 0 || read_device();
+// Arms the thread's poll of the device. It is one-shot, because a device that hung up is reported all the time.
+void ModemDevice::arm() {
+  const uint32_t reads = reader_.link == 0 ? uint32_t{EPOLLIN} : 0;
+  const uint32_t writes = unwritten_.empty() ? 0 : uint32_t{EPOLLOUT};
+  if (!is_gone_) watch(EPOLL_CTL_MOD, device_.get(), reads | writes | EPOLLONESHOT, kDevice);
 }
 
-bool ModemDevice::read_device() {
-  uint8_t* const space = reader_.space();
-  const ssize_t count = ::read(device_.get(), space, reader_.room());
-  if (count <= 0) return count < 0 && (errno == EAGAIN || errno == EINTR);
-  reader_.add(static_cast<size_t>(count));
+void ModemDevice::read_device() {
+  uint8_t* const space = frames_.space();
+  const ssize_t count = ::read(device_.get(), space, frames_.room());
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count > 0) frames_.add(static_cast<size_t>(count));
   qmi::Frame frame;
-  while (reader_.next(frame)) {
-    if (frame.service == qmi::kControlService) {
-      pass_control_to_links(frame);
-    } else {
-      pass_to_links(frame);
-    }
-  }
-  if (reader_.is_broken()) report_problem(path_ + " sent bytes that are no QMUX frame: is it the modem's QMI device?");
-  return !reader_.is_broken();
+  while (frames_.next(frame)) pass_on(frame);
+  if (frames_.is_broken()) report_problem(path_ + " sent bytes that are no QMUX frame: is it the modem's QMI device?");
+  if (count > 0 && !frames_.is_broken()) return;
+  is_gone_ = true;
+  thread_.wake();
 }
 
 // One write for each frame: a USB driver takes each write for a message of its own.
-bool ModemDevice::write_device() {
-  const std::lock_guard lock(mutex_);
+void ModemDevice::write_device() {
   while (!unwritten_.empty()) {
     std::vector<uint8_t>& frame = unwritten_.front();
     const ssize_t count = ::write(device_.get(), frame.data(), frame.size());
-    if (count < 0) return errno == EAGAIN || errno == EINTR;
+    if (count < 0) return;  // a device that is gone is seen by the reader
     frame.erase(frame.begin(), frame.begin() + count);
     if (frame.empty()) unwritten_.pop_front();
   }
-  written_.notify_all();
-  return true;
+  changed_.notify_all();
 }
+
+// --- sending ---
 
 // Each link counts its CTL transactions by itself, so the device gets numbers of our own.
 SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
   constexpr size_t kServiceAt = 4;
   constexpr size_t kTransactionAt = qmi::kFrameHeaderLength + 1;
-  const std::lock_guard lock(mutex_);
-  if (!device_) return SendStatus::kGone;
+  const Lock lock(mutex_);
+  if (is_gone_) return SendStatus::kGone;
   std::vector<uint8_t> copy;
   if (frame.size() > kTransactionAt && frame[kServiceAt] == qmi::kControlService) {
     copy.assign(frame.begin(), frame.end());
@@ -334,77 +380,119 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
     if (count < 0 && errno != EAGAIN && errno != EINTR) return SendStatus::kGone;
   }
   unwritten_.emplace_back(frame.begin() + std::max<ssize_t>(count, 0), frame.end());
-  thread_.wake();
+  arm();
   return SendStatus::kBlocked;
 }
 
 SendStatus ModemDevice::flush(const Deadline& deadline) {
-  std::unique_lock lock(mutex_);
-  const auto has_ended = [this] { return unwritten_.empty() || !device_; };
+  Lock lock(mutex_);
+  const auto has_ended = [this] { return unwritten_.empty() || is_gone_; };
   if (deadline.is_none()) {
-    written_.wait(lock, has_ended);
-  } else if (!written_.wait_until(lock, deadline.at(), has_ended)) {
+    changed_.wait(lock, has_ended);
+  } else if (!changed_.wait_until(lock, deadline.at(), has_ended)) {
     return SendStatus::kTimedOut;
   }
-  return device_ ? SendStatus::kSent : SendStatus::kGone;
+  return is_gone_ ? SendStatus::kGone : SendStatus::kSent;
 }
 
-bool ModemDevice::has_closed(const Link& link) {
-  uint8_t byte;
-  return ::recv(link.socket.get(), &byte, sizeof byte, MSG_DONTWAIT) >= 0 || (errno != EAGAIN && errno != EINTR);
+// --- receiving ---
+
+ReadStatus ModemDevice::receive(uint64_t link, int socket, std::span<uint8_t> room, const Deadline& deadline,
+                                size_t& received) {
+  ReadStatus status = receive_now(socket, room, received);
+  if (status != ReadStatus::kTimedOut || deadline.has_passed()) return status;
+  Lock lock(mutex_);
+  const bool is_reader = become_reader(link, room);
+  // Whoever read the device before may have passed frames to this link meanwhile; they come first.
+  status = receive_now(socket, room, received);
+  while (status == ReadStatus::kTimedOut && !deadline.has_passed()) {
+    pollfd ready[] = {{socket, POLLIN, 0}, {device_.get(), POLLIN, 0}};
+    lock.unlock();
+    const auto remaining = deadline.remaining().count();
+    const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
+    ::ppoll(ready, is_reader ? 2 : 1, deadline.is_none() ? nullptr : &time, nullptr);
+    lock.lock();
+    if (is_reader && ready[1].revents != 0 && !is_gone_) read_device();
+    if (is_reader && reader_.received > 0) {
+      received = reader_.received;
+      status = ReadStatus::kRead;
+    } else {
+      status = is_reader && is_gone_ ? ReadStatus::kGone : receive_now(socket, room, received);
+    }
+  }
+  if (is_reader) end_reading();
+  return status;
 }
 
-void ModemDevice::pass_to_links(const qmi::Frame& frame) {
+bool ModemDevice::become_reader(uint64_t number, std::span<uint8_t> room) {
+  const auto link = links_.find(number);
+  const bool can_read = reader_.link == 0 && !is_gone_ && link != links_.end() && link->second.waiting.empty();
+  if (!can_read) return false;
+  reader_ = {number, room};
+  arm();
+  return true;
+}
+
+void ModemDevice::end_reading() {
+  reader_ = {};
+  arm();
+  if (is_gone_) changed_.notify_all();
+}
+
+void ModemDevice::pass_on(const qmi::Frame& frame) {
+  if (frame.service == qmi::kControlService) return pass_control(frame);
   if (frame.client == qmi::kAllClients) return send_to_all(bytes_of(frame));
   const auto owner = owners_.find({frame.service, frame.client});
-  if (owner == owners_.end()) return;
-  const auto link = links_.find(owner->second);
-  if (link != links_.end()) send(link->second, bytes_of(frame));
+  if (owner != owners_.end()) send_to(owner->second, bytes_of(frame));
 }
 
-void ModemDevice::pass_control_to_links(const qmi::Frame& frame) {
+void ModemDevice::pass_control(const qmi::Frame& frame) {
+  constexpr uint8_t kIdTlv = 0x01;
   const auto message = qmi::read_message(frame);
   if (!message) return;
   if (message->kind == qmi::MessageKind::kIndication) return send_to_all(bytes_of(frame));
-  ControlRequest request;
-  {
-    const std::lock_guard lock(mutex_);
-    request = std::exchange(control_[message->transaction], {});
+  const ControlRequest request = std::exchange(control_[message->transaction], {});
+  if (request.link == 0) return;
+  const auto id = qmi::find_tlv(message->tlvs, kIdTlv);
+  if (message->id == static_cast<uint16_t>(ControlMessage::kAllocateClientId) && id && id->size() >= 2) {
+    owners_[{(*id)[0], (*id)[1]}] = request.link;
   }
-  const auto link = links_.find(request.link);
-  if (link == links_.end()) return;
-  if (message->id == static_cast<uint16_t>(ControlMessage::kAllocateClientId)) note_owner(request.link, frame);
   const Bytes bytes = bytes_of(frame);
   std::vector<uint8_t> copy(bytes.begin(), bytes.end());
   copy[qmi::kFrameHeaderLength + 1] = request.transaction;
-  send(link->second, copy);
-}
-
-void ModemDevice::note_owner(uint64_t number, const qmi::Frame& frame) {
-  constexpr uint8_t kIdTlv = 0x01;
-  const auto id = qmi::find_tlv(qmi::read_message(frame)->tlvs, kIdTlv);
-  if (id && id->size() >= 2) owners_[{(*id)[0], (*id)[1]}] = number;
+  send_to(request.link, copy);
 }
 
 // A frame is sent whole or dropped, so that the link's bytes stay frames.
-void ModemDevice::send(Link& link, Bytes bytes) {
+void ModemDevice::send_to(uint64_t number, Bytes bytes) {
+  if (number == reader_.link && !reader_.is_full) {
+    reader_.is_full = bytes.size() > reader_.room.size() - reader_.received;
+    if (!reader_.is_full) {
+      std::copy(bytes.begin(), bytes.end(), reader_.room.begin() + static_cast<ptrdiff_t>(reader_.received));
+      reader_.received += bytes.size();
+      return;
+    }
+  }
+  const auto found = links_.find(number);
+  if (found == links_.end()) return;
+  Link& link = found->second;
   if (link.waiting.size() + bytes.size() > kMostWaitingBytes) {
     ++link.dropped;
     return;
   }
   link.waiting.insert(link.waiting.end(), bytes.begin(), bytes.end());
-  flush(link);
+  flush(number, link);
 }
 
 void ModemDevice::send_to_all(Bytes bytes) {
-  for (auto& [number, link] : links_) send(link, bytes);
+  for (const auto& [number, link] : links_) send_to(number, bytes);
 }
 
-void ModemDevice::flush(Link& link) {
+void ModemDevice::flush(uint64_t number, Link& link) {
   const ssize_t count =
       ::send(link.socket.get(), link.waiting.data(), link.waiting.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (count <= 0) return;
-  link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
+  if (count > 0) link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
+  watch(EPOLL_CTL_MOD, link.socket.get(), link.waiting.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT, kDevice + number);
   if (link.dropped == 0 || !link.waiting.empty()) return;
   ::syslog(LOG_WARNING, "A client's callbacks are too slow, %zu messages of the modem's device were dropped",
            std::exchange(link.dropped, 0));
@@ -440,6 +528,11 @@ SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame
 
 SendStatus flush_device(const DeviceLink& link, const Deadline& deadline) {
   return link.device->flush(deadline);
+}
+
+ReadStatus receive_from_device(const DeviceLink& link, int socket, std::span<uint8_t> room, const Deadline& deadline,
+                               size_t& received) {
+  return link.device->receive(link.number, socket, room, deadline, received);
 }
 
 }  // namespace pelmar::platform

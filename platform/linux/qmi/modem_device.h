@@ -1,7 +1,8 @@
 // A modem's character device, shared by the connections of this process.
 //
-// One process at a time has the device open. Each QmuxLink sends its frames to the device itself; a thread of the
-// device reads it and passes each frame to the link that it is for, over a socket. The device is closed with its last
+// One process at a time has the device open. Each QmuxLink sends its frames to the device itself. A thread of the device
+// reads it, or a link that waits for a response does, so that the response wakes no second thread. The reader takes its
+// own frames, and passes the others to the links that they are for, over sockets. The device is closed with its last
 // link.
 #pragma once
 
@@ -30,5 +31,9 @@ DeviceLink connect_device(const std::string& path);
 // Sends a frame without waiting. After kBlocked, flush_device() must return before the link's next frame.
 SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame);
 SendStatus flush_device(const DeviceLink& link, const Deadline& deadline);
+
+// Receives at least one byte of frames for the link, from its socket or from the device.
+ReadStatus receive_from_device(const DeviceLink& link, int socket, std::span<uint8_t> room, const Deadline& deadline,
+                               size_t& received);
 
 }  // namespace pelmar::platform

@@ -141,7 +141,9 @@ bool QmuxLink::take_revocation(uint8_t service) {
 ReadStatus QmuxLink::read(const Deadline& deadline) {
   uint8_t* const space = reader_.space();
   size_t received = 0;
-  const ReadStatus status = stream_.receive(space, reader_.room(), deadline, received);
+  const ReadStatus status =
+      device_.device ? receive_from_device(device_, stream_.descriptor(), {space, reader_.room()}, deadline, received)
+                     : stream_.receive(space, reader_.room(), deadline, received);
   if (status == ReadStatus::kRead) reader_.add(received);
   return status;
 }
