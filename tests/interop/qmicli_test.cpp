@@ -1,7 +1,7 @@
 // An independent QMI client, qmicli, and the library look at one simulated modem and must see the same.
 //
-// qmicli knows the modem by the fixed abstract name "qmi-proxy". The test takes a network namespace of its own, so that
-// the name is free whatever runs on the machine.
+// qmicli knows a proxy by the fixed abstract name "qmi-proxy". The test takes a network namespace of its own, so that
+// the name is free whatever runs on the machine. The simulated modem is the proxy, or is behind one.
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <unistd.h>
@@ -23,7 +23,7 @@ constexpr const char* kProxy = "@qmi-proxy";
 
 // The proxy's name in a network namespace of the test's own; "" where there is none to be had.
 std::string own_proxy() {
-  if (sim::test::over_qrtr()) return kProxy;
+  if (sim::test::transport() != "socket") return "";
   return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 ? kProxy : "";
 }
 
@@ -32,15 +32,19 @@ class QmicliTest : public ModemTest {
   QmicliTest() : ModemTest({"--clock-ms", "0"}, own_proxy()) {}
 
   void SetUp() override {
+    ModemTest::SetUp();
+    if (IsSkipped()) return;
     if (access(kQmicli, X_OK) != 0) GTEST_SKIP() << "qmicli is not installed (package libqmi-utils)";
-    if (modem().socket() != kProxy) GTEST_SKIP() << "no network namespace of its own to be had";
+    if (sim::test::transport() == "socket" && modem().socket() != kProxy)
+      GTEST_SKIP() << "no network namespace of its own to be had";
   }
 
-  static std::string qmicli(const std::string& action) {
+  std::string qmicli(const std::string& action) {
+    const std::string transport = sim::test::transport();
+    const std::string device = transport == "proxy" ? modem().device() : "/dev/null";
     const sim::test::Outcome outcome =
-        sim::test::over_qrtr()
-            ? sim::test::run_program({kQmicli, "-d", "qrtr://1", action})
-            : sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", "/dev/null", action});
+        transport == "qrtr" ? sim::test::run_program({kQmicli, "-d", "qrtr://1", action})
+                            : sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", device, action});
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     return outcome.output;
   }

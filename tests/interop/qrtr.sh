@@ -1,7 +1,7 @@
 # Runs the tests of QRTR, and those of the system and of qmicli over QRTR, in the virtual machine:
 #   scripts/qrtr_vm.sh -t 300 tests/interop/qrtr.sh build/test/bin/{qrtr,interop,system}_tests build/test/bin/modem_sim
 # Each test has a process of its own. The exit status is the number of failures.
-export PELMAR_TEST_QRTR=1 XDG_STATE_HOME=/tmp
+export PELMAR_TEST_TRANSPORT=qrtr XDG_STATE_HOME=/tmp
 failures=0
 for program in qrtr_tests interop_tests system_tests; do
   for test in $($program --gtest_list_tests | awk '/^[^ ]/ { suite = $1 } /^  / { print suite $1 }'); do

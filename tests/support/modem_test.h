@@ -2,6 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -10,6 +13,7 @@
 
 #include "modem_api.h"
 #include "sim_process.h"
+#include "unix_socket.h"
 
 namespace pelmar::system_test {
 
@@ -21,8 +25,21 @@ class ModemTest : public testing::Test {
   explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
     setenv("PELMAR_PROPERTY_DIR", path("properties").c_str(), 1);
     serve(options, socket);
-    setenv(kModemVariable, sim::test::over_qrtr() ? "qrtr" : modem_->socket().c_str(), 1);
-    if (sim::test::over_qrtr()) setenv("PELMAR_PM_SOCKET", (modem_->socket() + ".pm").c_str(), 1);
+    setenv(kModemVariable, modem_->address().c_str(), 1);
+    setenv("PELMAR_PM_SOCKET", (modem_->socket() + ".pm").c_str(), 1);
+    // A network namespace of its own, in which no other qmi-proxy runs: the platform starts one.
+    has_own_proxy_ = sim::test::transport() == "proxy" && unshare(CLONE_NEWNET) == 0;
+  }
+
+  void SetUp() override {
+    if (sim::test::transport() != "proxy") return;
+    if (!has_own_proxy_) GTEST_SKIP() << "only root can have a network namespace of its own";
+    if (access("/usr/libexec/qmi-proxy", X_OK) != 0) GTEST_SKIP() << "there is no qmi-proxy (package libqmi-proxy)";
+  }
+
+  ~ModemTest() override {
+    if (!has_own_proxy_) return;
+    if (const UnixConnection proxy = connect_unix("@qmi-proxy"); proxy.fd) kill(peer_of(proxy.fd.get()).pid, SIGKILL);
   }
 
   void serve(const std::vector<std::string>& options, const std::string& socket = "") {
@@ -43,6 +60,7 @@ class ModemTest : public testing::Test {
  private:
   sim::test::ScratchDirectory directory_;
   std::unique_ptr<sim::test::SimProcess> modem_;
+  bool has_own_proxy_ = false;
 };
 
 }  // namespace pelmar::system_test

@@ -37,7 +37,8 @@ bool append_bytes(int fd, std::string& text, int patience_ms) {
 std::vector<std::string> serve_arguments(const std::string& socket, const ScratchDirectory& directory,
                                          const std::vector<std::string>& options) {
   std::vector<std::string> arguments = {MODEM_SIM, "serve", "--socket", socket, "--storage", directory.path("storage")};
-  if (over_qrtr()) arguments.push_back("--qrtr");
+  if (transport() == "qrtr") arguments.push_back("--qrtr");
+  if (transport() == "device" || transport() == "proxy") arguments.push_back("--device=" + directory.path("device"));
   arguments.insert(arguments.end(), options.begin(), options.end());
   return arguments;
 }
@@ -53,8 +54,9 @@ ScratchDirectory::~ScratchDirectory() {
   std::filesystem::remove_all(path_);
 }
 
-bool over_qrtr() {
-  return getenv("PELMAR_TEST_QRTR") != nullptr;
+std::string transport() {
+  const char* const name = getenv("PELMAR_TEST_TRANSPORT");
+  return name == nullptr ? "socket" : name;
 }
 
 bool comes_true(const std::function<bool()>& condition) {
@@ -130,6 +132,7 @@ SimProcess::SimProcess(const ScratchDirectory& directory, const std::vector<std:
                        const std::string& socket)
     : Process(MODEM_SIM, serve_arguments(socket.empty() ? directory.path("qmux") : socket, directory, options), true),
       socket_(socket.empty() ? directory.path("qmux") : socket),
+      device_(directory.path("device")),
       control_(directory.path("storage/control")) {
   std::string first = line();
   while (first.starts_with("modem_sim: ignoring ")) first = line();
@@ -140,6 +143,12 @@ SimProcess::~SimProcess() {
   if (process() > 0) {
     EXPECT_EQ(end(SIGTERM), 0) << "the modem failed to end after SIGTERM";
   }
+}
+
+std::string SimProcess::address() const {
+  if (transport() == "qrtr") return "qrtr";
+  if (transport() == "device") return device_;
+  return transport() == "proxy" ? "proxy:" + device_ : socket_;
 }
 
 std::string SimProcess::respond(const std::string& line) const {

@@ -25,8 +25,9 @@ class ScratchDirectory {
   std::string path_;
 };
 
-// Whether clients reach the simulated modem over the kernel's QRTR: PELMAR_TEST_QRTR is set. (tests/interop/qrtr.sh)
-bool over_qrtr();
+// How clients reach the simulated modem: "socket", or what PELMAR_TEST_TRANSPORT names, which is "device", "proxy" (a
+// qmi-proxy of the test's own) or "qrtr".
+std::string transport();
 
 // Checks every 5 ms whether this holds. False where it does not come to hold within a minute.
 bool comes_true(const std::function<bool()>& condition);
@@ -73,6 +74,8 @@ class SimProcess : public Process {
   ~SimProcess();
 
   const std::string& socket() const { return socket_; }
+  const std::string& device() const { return device_; }  // with the transports "device" and "proxy"
+  std::string address() const;                           // for PELMAR_MODEM
 
   // Sends a line to the control socket; returns the response, a line of JSON.
   std::string respond(const std::string& line) const;
@@ -84,6 +87,7 @@ class SimProcess : public Process {
 
  private:
   std::string socket_;
+  std::string device_;
   std::string control_;
 };
 

@@ -48,7 +48,6 @@ class RestartTest : public ModemTest {
  protected:
   // An acknowledgement has so long that a test which waits for one in vain ends by its own limit.
   RestartTest() : ModemTest({"--pm-socket", "--pm-ack-ms", "600000", "--reset-ms", "0"}) {
-    if (!sim::test::over_qrtr()) unsetenv("PELMAR_PM_SOCKET");
     EXPECT_EQ(modem_api_peripheral_mng_init("modem"), 0);
     EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     EXPECT_TRUE(comes_to("ready"));

@@ -1,0 +1,93 @@
+// The simulated modem's character device: opened by programs in turn, and shared by qmi-proxy.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "modem_test.h"
+
+namespace pelmar::system_test {
+namespace {
+
+using sim::test::Outcome;
+using sim::test::Process;
+using testing::HasSubstr;
+
+constexpr const char* kQmicli = "/usr/bin/qmicli";
+
+class DeviceTest : public ModemTest {
+ protected:
+  explicit DeviceTest(const char* transport = "device") : ModemTest(use(transport)) {}
+
+  static std::vector<std::string> client(const std::vector<std::string>& command) {
+    std::vector<std::string> all = {MODEM_API_TEST};
+    all.insert(all.end(), command.begin(), command.end());
+    return all;
+  }
+
+  static Outcome run(const std::vector<std::string>& command) { return sim::test::run_program(client(command)); }
+
+ private:
+  static std::vector<std::string> use(const char* transport) {
+    setenv("PELMAR_TEST_TRANSPORT", transport, 1);
+    return {};
+  }
+};
+
+class ProxyTest : public DeviceTest {
+ protected:
+  ProxyTest() : DeviceTest("proxy") {}
+};
+
+TEST_F(DeviceTest, ProgramsOpenItInTurn) {
+  EXPECT_EQ(run({"nv", "write", "7", "--text", "device"}).status, 0);
+  ctl("drx 0 8");
+  if (access(kQmicli, X_OK) == 0) {
+    const Outcome drx = sim::test::run_program({kQmicli, "--device-open-qmi", "-d", modem().device(), "--nas-get-drx"});
+    EXPECT_THAT(drx.output, HasSubstr("cn8-t128"));
+  }
+  EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("device"));
+  EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX on the character device"));
+}
+
+TEST_F(DeviceTest, OneProgramAtATimeAndAnOtherDeviceAreRefusedWithAReason) {
+  Process follower(MODEM_API_TEST, client({"events"}), true);
+  EXPECT_TRUE(sim::test::comes_true(
+      [&] { return modem().value("status", "/services").dump().find("clients\":[{") != std::string::npos; }));
+  EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("(modem_api_test) has it open"));
+  const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(grantpt(terminal.get()) + unlockpt(terminal.get()), 0);
+  const std::string silent = ptsname(terminal.get());
+  const struct {
+    const char* modem;
+    const char* problem;
+  } cases[] = {
+      {"/dev/zero", "is it the QMI device"},
+      {silent.c_str(), "is it the QMI device"},
+      {"proxy:/dev/no-such-device", "no character device"},
+      {"qrtr:x", "the forms are"},
+  };
+  for (const auto& each : cases) {
+    const Outcome outcome = run({"--modem", each.modem, "nv", "read", "7"});
+    EXPECT_EQ(outcome.status, 1) << each.modem;
+    EXPECT_THAT(outcome.output, HasSubstr(each.problem)) << each.modem;
+  }
+}
+
+// qmi-proxy keeps the client ids of programs that were killed, and the modem has ten for each service.
+TEST_F(ProxyTest, KilledClientsLeaveAnIdForTheNextOne) {
+  for (int i = 0; i < 10; ++i) {
+    Process follower(MODEM_API_TEST, client({"events"}), true);
+    EXPECT_THAT(follower.line(), HasSubstr("is up"));
+    follower.end(SIGKILL);
+  }
+  const Outcome outcome = run({"nv", "write", "7", "00"});
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+}
+
+}  // namespace
+}  // namespace pelmar::system_test
