@@ -123,5 +123,26 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
   }
 }
 
+// Commands go on meanwhile, and each ends with its response or with the loss of the service.
+TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
+  const int restarts = sim::test::transport() == "socket" ? 10 : 200;
+  open_clients();
+  std::atomic<bool> goes_on = true;
+  std::thread load([&] {
+    while (goes_on) {
+      set_state();
+      avoid_trm(0);
+    }
+  });
+  for (int i = 0; i < restarts; ++i) {
+    ctl(i % 2 == 0 ? "service nas down" : "service sar down");
+    ctl(i % 2 == 0 ? "service nas up" : "service sar up");
+    EXPECT_TRUE(comes_true([&] { return i % 2 == 0 ? avoid_trm(0) == 0 : set_state() == 0; })) << "restart " << i;
+  }
+  goes_on = false;
+  load.join();
+  EXPECT_TRUE(has_all_clients());
+}
+
 }  // namespace
 }  // namespace pelmar::system_test
