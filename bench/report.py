@@ -121,6 +121,8 @@ ROWS = [
      at_most("read_nv_end_to_end", "bare_ping_pong", 1.3, "real_time")),
     ("modem_api_read_nv over a pseudo-terminal : bare exchange",
      at_most("read_nv_over_device", "bare_over_device", 1.15, "real_time")),
+    ("modem_api_read_nv over QRTR, in a virtual machine : bare exchange",
+     at_most("read_nv_over_qrtr", "bare_over_qrtr", 1.15, "real_time")),
     ("event 3, largest, from modem_sim : bare stream of the same bytes",
      event_rate("event_stream", "bare_stream", 20_000)),
     ("  heap blocks left behind", bounded("event_stream", "blocks_left", 0, count)),

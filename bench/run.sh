@@ -4,7 +4,7 @@
 #
 # If the user may do so, the benchmarks with several processes run at real-time priority, so that other processes do not
 # change the figures. PELMAR_BENCH_PRIORITY=normal keeps the normal priority.
-# The rows of libqmi-glib need the packages libqmi-glib-dev and libmbim-glib-dev.
+# The rows of libqmi-glib need the packages libqmi-glib-dev and libmbim-glib-dev, that of QRTR needs qemu-system-x86.
 # usage: bench/run.sh [REPETITIONS]      default 15
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -37,4 +37,10 @@ for program in "${programs[@]}"; do
     --benchmark_out="$results/$program.json" --benchmark_out_format=json >"$results/log" 2>&1 ||
     { cat "$results/log" >&2; exit 1; }
 done
+if command -v qemu-system-x86_64 >/dev/null; then
+  echo "running bench_transports over QRTR in a virtual machine ..." >&2
+  scripts/qrtr_vm.sh -t 300 bench/qrtr.sh "$build"/bin/{bench_transports,modem_sim} >"$results/log" ||
+    { cat "$results/log" >&2; exit 1; }
+  tr -d '\r' <"$results/log" | sed -n '/^=== results/,/^=== end/{/^===/!p}' >"$results/qrtr.json"
+fi
 python3 bench/report.py "$results" "$note"

@@ -120,6 +120,9 @@ BareExchange BareExchange::over_qrtr() {
   sockaddr_qrtr address{};
   socklen_t length = sizeof address;
   getsockname(service, reinterpret_cast<sockaddr*>(&address), &length);
+  address.sq_port = 0;  // any
+  bind(service, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  getsockname(service, reinterpret_cast<sockaddr*>(&address), &length);
   const pid_t process = fork();
   if (process == 0) serve(service, 0);
   close(service);
