@@ -11,7 +11,6 @@
 namespace {
 
 using namespace scripted;
-using testing::ElementsAre;
 
 // --- every command, with arguments that differ ---
 
@@ -74,12 +73,9 @@ void set_arguments() {
 
 template <typename Integer>
 std::string hex(Integer value) {
-  std::string text;
-  for (size_t i = 0; i < sizeof(value); ++i) {
-    char digits[3];
-    std::snprintf(digits, sizeof(digits), "%02X", static_cast<uint8_t>(value >> 8 * i));
-    text += digits;
-  }
+  char text[17] = "";
+  for (size_t i = 0; i < sizeof(value); ++i)
+    std::snprintf(text + 2 * i, 3, "%02X", static_cast<uint8_t>(value >> 8 * i));
   return text;
 }
 
@@ -144,7 +140,6 @@ std::vector<CommandRow> command_rows() {
   const std::string payload = sized_data(512);
   return {
       {kVs, 0x0000, tlv(1, payload), CALL(common_command, data, 512)},
-      {kVs, 0x0000, "01 0500 0300 D1D1D1", CALL(common_command, data, 3)},
       {kVs, 0x0001, "10 0100 00 11 0100 00", CALL(set_vs_event_report)},
       {kVs, 0x0002, word, CALL(get_hydra_feature_status, kWord, &out.flag1, &out.flag2)},
       {kVs, 0x0003, word + "02 0100 11 10 0100 33", CALL(set_hydra_feature_status, kWord, 0x11, 0x22, 0x33)},
@@ -164,10 +159,8 @@ std::vector<CommandRow> command_rows() {
       {kVs, 0x010B, word, CALL(delete_rfnv, kWord)},
       // In any other mode than 0 the arguments do not go out.
       {kVs, 0x010C, "010100 00 020400 A1A2A3A4 030200 C1C2", CALL(efs_sync, 0, kWord, 0xC2C1)},
-      {kVs, 0x010C, "010100 01 020400 00000000 030200 0000", CALL(efs_sync, 1, kWord, 0xC2C1)},
       {kVs, 0x010C, "010100 FF 020400 00000000 030200 0000", CALL(efs_sync, -1, kWord, 0xC2C1)},
       {kVs, 0x0200, "010100 00 100400 A1A2A3A4", CALL(set_modem_stats_report_status, 0, &stats_client)},
-      {kVs, 0x0200, "010100 01", CALL(set_modem_stats_report_status, 1, &stats_client)},
       {kVs, 0x0200, "010100 FF", CALL(set_modem_stats_report_status, 0xFF, &stats_client)},
       // An option goes out only beside a valid byte that is not zero; of more than 100 records the first 100 go out.
       {kVs, 0x0201, word + tlv(2, counted(12, registration)) + "100200 CDAB",
@@ -180,7 +173,6 @@ std::vector<CommandRow> command_rows() {
        CALL(deregister_modem_stats_data, kWord, 0, 0xABCD, 0x80, 0x1234, ids, 150)},
       {kVs, 0x0207, slot + tlv(3, counted(1, parameter)), CALL(get_stats_parameter, 0xFFFE, 0x8001, &parameters[0])},
       {kVs, 0x0207, slot + tlv(3, counted(10, parameter)), CALL(get_stats_parameter, 0xFFFE, 0x8001, &parameters[1])},
-      {kVs, 0x0208, slot + tlv(3, counted(1, sent_id)), CALL(clear_stats_parameter, 0xFFFE, 0x8001, 1, ids)},
       {kVs, 0x0208, slot + tlv(3, counted(10, sent_id)), CALL(clear_stats_parameter, 0xFFFE, 0x8001, 10, ids)},
       {kVs, 0x0400, "", CALL(notify_shutdown)},
       {kVs, 0x0401, "", CALL(reset_modem)},
@@ -190,7 +182,6 @@ std::vector<CommandRow> command_rows() {
       {kNas1, 0x0003, "130100 00", CALL(util_enable_networking_indications, 1)},
       cell_info_row(kNas0, 0),
       cell_info_row(kNas1, -9),
-      {kNas0, 0x00D8, tlv(1, counted(3, locked_cell)) + "100100 01", CALL(set_lte_cell_lock, 0, 3, ids, ids + 1)},
       {kNas1, 0x00D8, tlv(1, counted(60, locked_cell)) + "100100 01", CALL(set_lte_cell_lock, 1, 60, ids, ids + 1)},
       {kNas1, 0x00D8, "", CALL(set_lte_cell_lock, 1, 61, ids, ids)},
       {kNas0, 0x0098, "010100 00", CALL(set_avoid_trm, 0, 0)},
@@ -198,7 +189,6 @@ std::vector<CommandRow> command_rows() {
       {kNas0, 0x0033, "330400 01000000", CALL(set_nr_disable_mode, 0, 1)},
       {kNas1, 0x0033, "330400 02000000", CALL(set_nr_disable_mode, 1, 2)},
       {kNas0, 0x0033, "330400 00000000", CALL(set_nr_disable_mode, 0, 3)},
-      {kNas1, 0x0033, "330400 00000000", CALL(set_nr_disable_mode, -1, -1)},
   };
 }
 
@@ -299,10 +289,7 @@ TEST_F(CommandLog, OfRefusedArguments) {
     parameters[0].para_num = count;
     modem_api_get_stats_parameter(0, 1, 2, &parameters[0]);
   }
-  modem_api_clear_stats_parameter(0, 1, 2, 0, nullptr);
-  modem_api_clear_stats_parameter(0, 1, 2, -1, ids);
-  modem_api_clear_stats_parameter(0, 1, 2, 11, nullptr);
-  modem_api_clear_stats_parameter(0, 1, 2, 1, nullptr);
+  for (const int32_t count : {0, -1, 11, 1}) modem_api_clear_stats_parameter(0, 1, 2, count, nullptr);
   EXPECT_TRUE(calls().empty());
 }
 
@@ -311,12 +298,11 @@ TEST_F(Commands, NeedAClientWhoseServiceIsUp) {
   const auto asynchronous = [](int32_t id) {
     return modem_api_common_command_async(id, nullptr, 0, nullptr, [](const uint8_t*, uint32_t, void*, uint32_t) {});
   };
-  for (const std::function<int32_t(int32_t)> command :
-       {+asynchronous, modem_api_notify_shutdown, modem_api_set_vs_event_report}) {
-    for (const int32_t id : {INT32_MIN, -1, 1, 2, 3, 4, 9, 10, INT32_MAX}) EXPECT_EQ(command(id), 7) << id;
-    for (const uint32_t status : {0, 1, 2, 4, 5, 6, 7, 3}) {
-      modem_api_operational_status_cb(MODEM_API_CLIENT_VS, status);
+  for (const uint32_t status : {2, 4, 3}) {
+    modem_api_operational_status_cb(MODEM_API_CLIENT_VS, status);
+    for (const auto command : {+asynchronous, modem_api_notify_shutdown, modem_api_set_vs_event_report}) {
       EXPECT_EQ(command(0), status == OPERATIONAL_STATUS_UP ? 0 : 7) << status;
+      for (const int32_t id : {-1, 1, 10}) EXPECT_EQ(command(id), 7) << id;
     }
   }
   EXPECT_THAT(call_names(), ElementsAre("send_msg_async", "send_msg_sync", "send_msg_sync"));
@@ -354,8 +340,6 @@ TEST_F(CommandLog, OfSubscriptions) {
 TEST_F(Commands, ReadWhatFits) {
   const std::tuple<const char*, uint32_t, uint32_t, int32_t> reads[] = {
       {"8:00", 0, 0, 0},
-      {"8:03", 3, 3, 0},
-      {"8:03", 3, 2, 3},
       {"9:01", 256, 256, 0},
       {"9:01", 256, 255, 3},
       {"8:2C01", 300, 300, 0},  // the stated length counts, also where a response cannot hold it
@@ -377,21 +361,15 @@ TEST_F(Commands, ReadWhatFits) {
   }
 }
 
-TEST_F(Commands, ReturnTheFeatureStatus) {
-  respond("0:01 4:03 8:5AA5");
-  EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &out.flag1, &out.flag2), 1);
-  EXPECT_EQ(out.flag1 + out.flag2, 0);
-  respond("8:5AA5");
-  EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &out.flag1, &out.flag2), 0);
-  EXPECT_EQ(out.flag1, 0x5A);
-  EXPECT_EQ(out.flag2, 0xA5);
+TEST_F(Commands, ReturnTheFeatureStatusAndTheStatisticsId) {
+  for (const auto& [response, status] : {std::pair{"0:01 4:03 8:5AA5", 0}, {"8:5AA5", 0x5AA5}}) {
+    respond(response);
+    EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &out.flag1, &out.flag2), status == 0 ? 1 : 0);
+    EXPECT_EQ(out.flag1 << 8 | out.flag2, status);
+  }
   EXPECT_EQ(modem_api_get_hydra_feature_status(0, 1, &out.flag1, nullptr), 0);
-}
-
-TEST_F(Commands, ReturnAStatisticsIdThatTheModemGrants) {
   const std::tuple<uint8_t, const char*, int32_t, uint32_t> rows[] = {{1, "8:00 12:05000080", 1, kWord},
-                                                                      {1, "8:07 12:05000080", 0, 0x80000005},
-                                                                      {2, "8:01 12:05000080", 0, 0x80000005},
+                                                                      {2, "8:07 12:05000080", 0, 0x80000005},
                                                                       {0, "8:01 12:05000080", 0, kWord},
                                                                       {1, "0:01 4:03 8:01 12:05000080", 1, kWord}};
   for (const auto& [flag, response, result, granted] : rows) {
@@ -403,11 +381,10 @@ TEST_F(Commands, ReturnAStatisticsIdThatTheModemGrants) {
 }
 
 TEST_F(CommandLog, OfStatisticsThatAreReturnedUpToTheirCapacities) {
-  const std::tuple<const char*, int32_t, uint32_t> rows[] = {
-      {"8:01", 0, 0},  {"8:01 12:02", 0, 2}, {"8:01 12:0C", 0, 10},         {"8:01 12:FFFFFFFF", 0, 10},
-      {"12:02", 1, 1}, {"8:02 12:02", 1, 1}, {"0:01 4:01 8:01 12:02", 1, 1}};
+  const std::tuple<const char*, int32_t, uint32_t> rows[] = {{"8:01", 0, 0},        {"8:01 12:02", 0, 2},
+                                                             {"8:01 12:0C", 0, 10}, {"12:02", 1, 1},
+                                                             {"8:02 12:02", 1, 1},  {"0:01 4:01 8:01 12:02", 1, 1}};
   for (const auto& [content, result, returned] : rows) {
-    SCOPED_TRACE(content);
     Bytes response = structure(7136, content);
     std::fill(response.begin() + 16, response.end(), 0xAA);
     stats_para_data stored, expected;
@@ -429,7 +406,7 @@ TEST_F(CommandLog, OfStatisticsThatAreReturnedUpToTheirCapacities) {
     }
     on_send = [&](const Call&) { return Outcome{0, response}; };
     EXPECT_EQ(modem_api_get_stats_parameter(0, 1, 2, &stored), result);
-    EXPECT_EQ(std::memcmp(&stored, &expected, sizeof(stored)), 0);
+    EXPECT_EQ(std::memcmp(&stored, &expected, sizeof(stored)), 0) << content;
   }
 }
 
@@ -446,7 +423,7 @@ TEST_F(CommandLog, OfTheDrxThatIsReturnedWhateverTheOutcome) {
 
 // The result word alone decides the result; the fields are copied whatever it is.
 TEST_F(CommandLog, OfTheCellInfoThatIsReturned) {
-  const std::tuple<int, uint32_t, int32_t> outcomes[] = {{0, 0, 0}, {0, 1, 1}, {0, 0x10000, 1}, {-3, 0, 0}, {-3, 2, 1}};
+  const std::tuple<int, uint32_t, int32_t> outcomes[] = {{0, 0, 0}, {0, 0x10000, 1}, {-3, 0, 0}};
   for (const auto& [code, word, result] : outcomes) {
     Bytes response(3784);
     for (size_t i = 8; i < response.size(); ++i) response[i] = static_cast<uint8_t>(i * i >> 3);

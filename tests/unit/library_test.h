@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -15,6 +14,10 @@
 #include "scripted_platform.h"
 
 namespace scripted {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
 
 // Bytes in hexadecimal, grouped by spaces at will.
 inline Bytes bytes(std::string hex) {
@@ -36,9 +39,8 @@ void put(Bytes& structure, size_t offset, Integer value) {
 inline void write_fields(Bytes& structure, const std::string& content) {
   std::istringstream fields(content);
   for (std::string field; fields >> field;) {
-    const Bytes value = bytes(field.substr(field.find(':') + 1));
-    const size_t offset = std::stoul(field);
-    for (size_t i = 0; i < value.size(); ++i) structure.at(offset + i) = value[i];
+    size_t offset = std::stoul(field);
+    for (const uint8_t byte : bytes(field.substr(field.find(':') + 1))) structure.at(offset++) = byte;
   }
 }
 
@@ -51,43 +53,30 @@ inline Bytes structure(size_t size, const std::string& content) {
 
 template <typename Record>
 bool is_zero(const Record& record) {
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&record);
-  return std::all_of(bytes, bytes + sizeof(record), [](uint8_t byte) { return byte == 0; });
-}
-
-// A response structure that begins with a header.
-inline Bytes header(uint32_t result, uint32_t error) {
-  Bytes response(8);
-  put(response, 0, result);
-  put(response, 4, error);
-  return response;
+  const Bytes zeros(sizeof(record));
+  return std::memcmp(&record, zeros.data(), zeros.size()) == 0;
 }
 
 inline void PrintTo(const Call& call, std::ostream* out) {
-  *out << call.name << " 0x" << std::hex << call.msg_id << " on " << call.handle << ", request";
-  for (const uint8_t byte : call.request) *out << ' ' << int{byte};
-  *out << std::dec << ", response of " << call.response_length << ", time-out " << call.timeout;
+  *out << call.name << " 0x" << std::hex << call.msg_id << std::dec << ", request "
+       << testing::PrintToString(call.request) << ", response of " << call.response_length;
 }
 
 // A block of the traced allocator that is alive.
 struct Block {
   void* address;
   size_t size;
-  std::string function;
+  char function[64];
 };
 
 inline std::vector<Block> live_blocks() {
-  static char text[16384];
+  char text[16384];
   EXPECT_EQ(hydra_mem_trace_dump(text, sizeof(text)), 1);
   std::vector<Block> blocks;
   for (const char* at = text; (at = std::strstr(at, "address=")) != nullptr; ++at) {
-    Block block = {};
-    char function[64] = {};
-    EXPECT_EQ(std::sscanf(at, "address=\"0x%p\" size=\"0x%zx\" caller_proc=\"%*[^\"]\" caller_func=\"%63[^\"]\"",
-                          &block.address, &block.size, function),
-              3);
-    block.function = function;
-    blocks.push_back(block);
+    Block& block = blocks.emplace_back();
+    std::sscanf(at, "address=\"0x%p\" size=\"0x%zx\" caller_proc=\"%*[^\"]\" caller_func=\"%63[^\"]\"", &block.address,
+                &block.size, block.function);
   }
   return blocks;
 }

@@ -1,7 +1,9 @@
 // Operations for which there is no memory. Sanitizers own malloc: their builds leave these tests out.
 #include <atomic>
 
-#include "connection_test.h"
+#include "golden_log.h"
+#include "sar_client.h"
+#include "vs_client.h"
 
 namespace {
 
@@ -11,14 +13,8 @@ std::atomic<size_t> g_failing_size{SIZE_MAX};
 
 extern "C" {
 
-void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 
-void* malloc(size_t size) {
-  return size == g_failing_size ? nullptr : __libc_malloc(size);
-}
-
-// What a compiler may make of a malloc whose block is zeroed.
 void* calloc(size_t count, size_t size) {
   return count * size == g_failing_size ? nullptr : __libc_calloc(count, size);
 }
@@ -27,9 +23,6 @@ void* calloc(size_t count, size_t size) {
 namespace {
 
 using namespace scripted;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 // Runs an operation in which every allocation of exactly this size fails.
 template <typename Operation>
@@ -63,21 +56,19 @@ TEST_F(Memory, MayLackForEveryBlock) {
     results.clear();
     EXPECT_EQ(send(), 0);
     const auto complete = [response = response] {
-      complete_send(structure(524, response));
+      complete_send(vs_client_info.client_handle, structure(524, response));
       return results;
     };
     EXPECT_THAT(without_block_of(length, complete), ElementsAre(MODEM_API_ERR_NO_MEMORY, MODEM_API_RESP_END));
     EXPECT_THAT(live_blocks(), SizeIs(1));
   }
 
-  const auto indicate_to = [](qmi_client_type handle) {
-    const auto indication = [=] { return indicate(handle, 0x0203, bytes("01 0400 A1A2A3A4 02 0100 00")); };
-    EXPECT_TRUE(without_block_of(10704, indication));
-  };
-  indicate_to(vs_client_info.client_handle);
   sar_client_info.service_object = vs_client_info.service_object;  // whose indications have a size
   open(MODEM_API_CLIENT_SAR);
-  indicate_to(sar_client_info.client_handle);
+  for (const qmi_client_type handle : {vs_client_info.client_handle, sar_client_info.client_handle}) {
+    const auto indication = [=] { return indicate(handle, 0x0203, bytes("01 0400 A1A2A3A4 02 0100 00")); };
+    EXPECT_TRUE(without_block_of(10704, indication));
+  }
   EXPECT_THAT(events, IsEmpty());
   expect_golden_log();
 }

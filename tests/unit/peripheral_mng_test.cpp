@@ -6,16 +6,11 @@
 namespace {
 
 using namespace scripted;
-using testing::ElementsAre;
 
 using PeripheralManager = Golden<testing::Test>;
 
-TEST(PeripheralManagerRecords, AreZeroAtLoad) {
-  EXPECT_TRUE(is_zero(modem_api_peripheral_mng_conn_info));
-  EXPECT_TRUE(is_zero(esoc_info));
-}
-
 TEST_F(PeripheralManager, VotesAndTakesTheVoteBack) {
+  EXPECT_TRUE(is_zero(modem_api_peripheral_mng_conn_info) && is_zero(esoc_info));
   const auto vote_and_release = [](int outcome) {
     EXPECT_EQ(modem_api_peripheral_mng_vote(), outcome);
     modem_api_peripheral_mng_release_vote();

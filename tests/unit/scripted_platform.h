@@ -48,11 +48,10 @@ Lines call_names();
 void clear_calls();
 
 struct Outcome {
-  // The response is the beginning of the structure; the rest is zero.
   Outcome(int result = 0, Bytes content = {}) : code(result), response(std::move(content)) {}
 
   int code;
-  Bytes response;
+  Bytes response;  // the beginning of the structure; the rest is zero
 };
 
 // What runs in a call and decides its outcome, by name; a call without a script succeeds. A registered callback can
@@ -85,7 +84,6 @@ bool logged(const std::string& body);
 
 extern std::map<std::string, std::string>& properties;
 extern Lines& property_writes;  // "name=value"
-int reads_of(const std::string& name);
 
 // --- files ---
 
@@ -126,8 +124,8 @@ size_t open_handles();
 bool indicate(qmi_client_type handle, unsigned msg_id, const Bytes& wire);
 bool lose_service(qmi_client_type handle);
 bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
-// Ends the oldest asynchronous send with a response structure (its beginning) and a transport code.
-void complete_send(const Bytes& response, int code = 0);
+// Ends a handle's oldest asynchronous send with a response structure (its beginning) and a transport code.
+void complete_send(qmi_client_type handle, const Bytes& response, int code = 0);
 
 // --- peripheral manager ---
 

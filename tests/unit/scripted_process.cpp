@@ -27,17 +27,11 @@ std::function<void(pm_event)>& announce_power = kNewObject;
 
 namespace {
 
-struct HeldThread {
-  void* (*routine)(void*);
-  void* argument;
-};
-
 struct Process {
   std::mutex lock;
   std::vector<LogLine> lines;
-  ptrdiff_t cleared = 0;  // so many of them
-  std::map<std::string, int> reads;
-  std::deque<HeldThread> held;
+  ptrdiff_t cleared = 0;                                // so many of them
+  std::deque<std::pair<void* (*)(void*), void*>> held;  // with their arguments
 };
 Process& g_process = kNewObject;
 
@@ -54,13 +48,9 @@ long let_through(const Transfer& transfer, size_t requested) {
   return transfer ? transfer(static_cast<long>(requested)) : static_cast<long>(requested);
 }
 
-int call_pm(const std::string& name) {
-  return play({.name = name}).code;
-}
-
 int call_pm(void* handle, const std::string& name) {
   EXPECT_EQ(handle, &announce_power);
-  return call_pm(name);
+  return play({.name = name}).code;
 }
 
 }  // namespace
@@ -96,11 +86,6 @@ bool logged(const std::string& body) {
   return std::find(bodies.begin(), bodies.end(), body) != bodies.end();
 }
 
-int reads_of(const std::string& name) {
-  Guard guard(g_process.lock);
-  return g_process.reads[name];
-}
-
 void redirect_opens(const std::string& suffix, const std::string& target) {
   g_suffix = suffix;
   g_target = target;
@@ -125,12 +110,12 @@ size_t held_threads() {
 void run_held() {
   while (held_threads() > 0) {
     Guard guard(g_process.lock);
-    const HeldThread thread = g_process.held.front();
+    const auto [routine, argument] = g_process.held.front();
     g_process.held.pop_front();
     guard.unlock();
     pthread_t id;
     t_runs_held_thread = true;
-    pthread_create(&id, nullptr, thread.routine, thread.argument);
+    pthread_create(&id, nullptr, routine, argument);
     t_runs_held_thread = false;
     pthread_join(id, nullptr);
   }
@@ -151,7 +136,6 @@ void vsyslog(int priority, const char* format, va_list arguments) {
 
 int property_get(const char* name, char* value, const char* default_value) {
   Guard guard(g_process.lock);
-  ++g_process.reads[name];
   const auto found = properties.find(name);
   const std::string text = found != properties.end() ? found->second : default_value == nullptr ? "" : default_value;
   std::memcpy(value, text.c_str(), text.size() + 1);
@@ -180,7 +164,7 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* end, timespec*) 
 }
 
 FILE* fopen(const char* path, const char* mode) {
-  static const auto real = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
+  static const auto real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
   return real(opened_path(path), mode);
 }
 
@@ -206,15 +190,14 @@ ssize_t write(int file, const void* buffer, size_t size) {
 int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
   static const auto create = __interceptor_pthread_create != nullptr
                                  ? &__interceptor_pthread_create
-                                 : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+                                 : reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
   const Threads behaviour = t_runs_held_thread ? Threads::kRun : g_threads.load();
   if (behaviour == Threads::kRun) return create(thread, attributes, routine, argument);
   if (behaviour == Threads::kFail) return EAGAIN;
   Guard guard(g_process.lock);
-  g_process.held.push_back({routine, argument});
+  g_process.held.emplace_back(routine, argument);
   *thread = pthread_self();
   return 0;
 }
@@ -223,24 +206,20 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
 int pm_client_register(pm_client_event_cb callback, void* data, const char* device, const char* client,
                        enum pm_event* state_out, void** handle) {
-  const int result = call_pm(std::string("register ") + device + " " + client);
+  const int result = play({.name = std::string("register ") + device + " " + client}).code;
   announce_power = [=](pm_event event) { callback(data, event); };
   *state_out = EVENT_PERIPH_IS_OFFLINE;
   *handle = result == 0 ? &announce_power : nullptr;
   return result;
 }
 
-int pm_client_connect(void* handle) {
-  return call_pm(handle, "connect");
-}
-
-int pm_client_disconnect(void* handle) {
-  return call_pm(handle, "disconnect");
-}
-
-int pm_client_unregister(void* handle) {
-  return call_pm(handle, "unregister");
-}
+#define PM_CALL(name)                  \
+  int pm_client_##name(void* handle) { \
+    return call_pm(handle, #name);     \
+  }
+PM_CALL(connect)
+PM_CALL(disconnect)
+PM_CALL(unregister)
 
 int pm_client_event_acknowledge(void* handle, enum pm_event event) {
   return call_pm(handle, "event_acknowledge " + std::to_string(event));

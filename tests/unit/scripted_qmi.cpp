@@ -17,6 +17,8 @@ struct qmi_client_struct {
   std::function<void(unsigned msg_id, scripted::Bytes wire)> indication;
   std::function<void(int error)> error;
   std::function<void(qmi_client_notify_event_type event)> notify;
+  std::deque<std::function<void(const scripted::Bytes* response, int code)>>
+      pending;  // asynchronous; null: no response
   bool is_open = true;
   int running_callbacks = 0;
 };
@@ -29,17 +31,11 @@ std::function<int(unsigned, uint8_t*, unsigned)>& on_decode = kNewObject;
 
 namespace {
 
-struct PendingSend {
-  qmi_client_type handle;
-  std::function<void(const Bytes* response, int code)> end;  // null: no response
-};
-
 struct State {
   std::mutex lock;
   std::condition_variable callback_ended;
   std::vector<Call> calls;
   std::vector<std::unique_ptr<qmi_client_struct>> handles;
-  std::deque<PendingSend> pending;
 };
 State& g_state = kNewObject;
 
@@ -81,14 +77,14 @@ bool call_back(qmi_client_type handle, Callback qmi_client_struct::*callback, co
   return true;
 }
 
+void end_oldest(Guard& guard, qmi_client_type handle, const Bytes* response, int code) {
+  const auto end = handle->pending.front();
+  handle->pending.pop_front();
+  run_callback(guard, handle, [&] { end(response, code); });
+}
+
 void end_pending(Guard& guard, qmi_client_type handle, int code) {
-  auto& pending = g_state.pending;
-  const auto is_of_handle = [&](const PendingSend& send) { return send.handle == handle; };
-  for (auto at = pending.begin(); (at = std::find_if(pending.begin(), pending.end(), is_of_handle)) != pending.end();) {
-    const PendingSend send = *at;
-    pending.erase(at);
-    run_callback(guard, handle, [&] { send.end(nullptr, code); });
-  }
+  while (!handle->pending.empty()) end_oldest(guard, handle, nullptr, code);
 }
 
 qmi_client_type new_handle(qmi_idl_service_object_type service) {
@@ -166,11 +162,9 @@ bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type eve
   return call_back(notifier, &qmi_client_struct::notify, event);
 }
 
-void complete_send(const Bytes& response, int code) {
+void complete_send(qmi_client_type handle, const Bytes& response, int code) {
   Guard guard(g_state.lock);
-  const PendingSend send = g_state.pending.front();
-  g_state.pending.pop_front();
-  run_callback(guard, send.handle, [&] { send.end(&response, code); });
+  end_oldest(guard, handle, &response, code);
 }
 
 }  // namespace scripted
@@ -231,11 +225,10 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
       play_on_handle({"send_msg_async", handle, msg_id, bytes_of(request, request_length), response_length}).code;
   if (code != 0) return code;
   Guard guard(g_state.lock);
-  g_state.pending.push_back({handle, [=](const Bytes* content, int error) {
-                               if (content != nullptr) fill_response(response, response_length, *content);
-                               callback(handle, msg_id, response, content != nullptr ? response_length : 0, data,
-                                        error);
-                             }});
+  handle->pending.push_back([=](const Bytes* content, int error) {
+    if (content != nullptr) fill_response(response, response_length, *content);
+    callback(handle, msg_id, response, content != nullptr ? response_length : 0, data, error);
+  });
   return 0;
 }
 

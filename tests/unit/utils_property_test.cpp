@@ -1,10 +1,11 @@
-// Property access, and what the library derives from properties. Results that are not here are in the golden log.
+// Property access, and what the library derives from properties: traits of the build, lists, the modem's restart type.
+// Results that are not here are in the golden log.
 #include "golden_log.h"
+#include "pelmar_ssr.h"
 
-namespace scripted {
 namespace {
 
-using testing::ElementsAre;
+using namespace scripted;
 
 using Properties = Golden<testing::Test>;
 
@@ -26,7 +27,7 @@ TEST_F(Properties, AreCheckedAndConverted) {
   pelmar_set_property_value(nullptr, "1");
   pelmar_set_property_value("a", nullptr);
   pelmar_set_property_value("a", (longest + "x").c_str());
-  EXPECT_THAT(property_writes, testing::IsEmpty());
+  EXPECT_THAT(property_writes, IsEmpty());
   pelmar_set_property_value("a", longest.c_str());
   pelmar_set_property_value_to_int("n", INT32_MIN);
   EXPECT_THAT(property_writes, ElementsAre("a=" + longest, "n=-2147483648"));
@@ -168,9 +169,7 @@ TEST_F(Properties, MayBeListsOfNumbers) {
   pelmar_build_type_list_contain(types + 2, 1);
 }
 
-using Subscriptions = Golden<testing::Test>;
-
-TEST_F(Subscriptions, HaveMasksAndIds) {
+TEST_F(Properties, NameSubscriptions) {
   for (int32_t mask = -1; mask <= 4; ++mask) pelmar_check_sub_mask(mask);
   for (const uint32_t id : {0U, 1U, 2U, 0xFFFFFFFFU}) {
     pelmar_check_sub_id(id);
@@ -178,5 +177,68 @@ TEST_F(Subscriptions, HaveMasksAndIds) {
   }
 }
 
+// --- the modem's restart type ---
+
+const std::string kLevel = "persist.vendor.ssr.restart_level";
+const std::string kSaved = "persist.vendor.ssr.type_bak";
+const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
+
+using RestartType = Golden<testing::Test>;
+
+// The first call saves the level that a later set of type 0 restores: a get the present one, a set the one that it
+// wrote.
+TEST_F(RestartType, IsReadFromAndWrittenToProperties) {
+  const std::string enable = "ALL_ENABLE", disable = "ALL_DISABLE";
+  constexpr int32_t kGet = 100;
+  // The type to set, or kGet; the properties: level, saved level and flag; the result, and what is written.
+  const std::tuple<int32_t, std::string, std::string, std::string, int32_t, Lines> calls[] = {
+      {kGet, disable, "", "", 0, {kSaved + "=" + disable, kFlag + "=yes"}},
+      {kGet, enable, enable, "yes", 0, {}},
+      {kGet, enable, disable, "yes", 1, {}},
+      {kGet, disable, "x", "yes", 2, {}},
+      {kGet, "", "x", "yes", 2, {}},
+      {kGet, "", "", "yes", 0, {}},
+      {kGet, "related", "x", "yes", 3, {}},
+      {0, enable, "x", "", 0, {}},
+      {0, enable, enable, "yes", 0, {}},
+      {0, enable, disable, "yes", 1, {kLevel + "=" + disable}},
+      {1, disable, "", "", 1, {kLevel + "=" + enable, kSaved + "=" + enable, kFlag + "=yes"}},
+      {1, enable, "x", "", 0, {}},
+      {2, disable, "x", "yes", 0, {}},
+      {2, "related", "x", "yes", 1, {kLevel + "=" + disable}},
+      {3, disable, "x", "yes", 0, {}},
+  };
+  for (const auto& [type, level, saved, flag, result, written] : calls) {
+    properties = {{kLevel, level}, {kSaved, saved}, {kFlag, flag}};
+    property_writes.clear();
+    EXPECT_EQ(type == kGet ? pelmar_get_modem_ssr_type() : pelmar_set_modem_ssr_type(type), result) << type << level;
+    EXPECT_EQ(property_writes, written) << type << level;
+  }
+}
+
+TEST_F(RestartType, NameIsCopiedWithoutTerminatorAndNeverEmpty) {
+  const std::tuple<const char*, uint32_t, std::string> cases[] = {
+      {"ALL_ENABLE", 16, "ALL_ENABLE"}, {"ALL_ENABLE", 3, "ALL"}, {"", 5, "CONFIG_EMPTY"}, {"x", 0, "CONFIG_EMPTY"}};
+  uint32_t length = 16;
+  for (const auto& [level, room, wanted] : cases) {
+    properties[kLevel] = level;
+    std::string name(16, '#');
+    length = room;
+    pelmar_get_modem_ssr_type_name(name.data(), &length);
+    EXPECT_EQ(name, wanted + std::string(16 - wanted.size(), '#'));
+    EXPECT_EQ(length, room);
+    pelmar_get_modem_ssr_type_name(name.data(), nullptr);
+  }
+  pelmar_get_modem_ssr_type_name(nullptr, &length);
+}
+
+TEST_F(RestartType, WaitSleepsAsGivenOrConfigured) {
+  EXPECT_EQ(pelmar_modem_ssr_wait_s(0), 0);
+  EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), 5);
+  EXPECT_EQ(pelmar_modem_ssr_wait_s(2), 2);
+  properties["persist.radio.ssr_wait_s"] = "-3";
+  EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), -3);
+  EXPECT_THAT(calls(), ElementsAre(Call{.name = "sleep", .timeout = 5}, Call{.name = "sleep", .timeout = 2}));
+}
+
 }  // namespace
-}  // namespace scripted
