@@ -15,45 +15,33 @@ PLATFORM = set("""
     pm_client_connect pm_client_disconnect pm_client_event_acknowledge pm_client_register pm_client_unregister
     property_get property_set sleep vsyslog
 """.split())
+RUNTIME = r"/(ld-linux|lib(c|m|gcc_s|stdc\+\+|c\+\+\w*|unwind)\.so)"
+
+
+def output(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
 def symbols(library, *options):
-    """Names and kinds of dynamic symbols, without their versions."""
-    lines = subprocess.run(["nm", "-D", *options, library], check=True, capture_output=True, text=True).stdout
-    found = (re.match(r"(?:[0-9a-f]+)?\s+(\w) (.*)", line) for line in lines.splitlines())
-    return {(match[2].split("@")[0], match[1]) for match in found}
-
-
-def listed_exports(script):
-    text = re.sub(r"#.*", "", open(script).read())
-    names = re.search(r"global:(.*)local:\s*\*;", text, re.S)[1]
-    return {name.strip(' "\n') for name in re.sub(r'extern "C\+\+" {|}', "", names).split(";")} - {""}
-
-
-def runtime(library):
-    """What the C and C++ runtimes beneath the library define."""
-    lines = subprocess.run(["ldd", library], check=True, capture_output=True, text=True).stdout
-    paths = re.findall(r"(/\S+)", lines)
-    known = re.compile(r"/(ld-linux|lib(c|m|gcc_s|stdc\+\+|c\+\+\w*|unwind)\.so)")
-    strangers = [path for path in paths if not known.search(path)]
-    return {name for path in paths for name, _ in symbols(path, "--defined-only")}, strangers
+    """Names of dynamic symbols, without their versions; weak ones are left out of the undefined."""
+    found = re.findall(r"^(?:[0-9a-f]+)?\s+(\w) (.*)$", output("nm", "-D", *options, library), re.M)
+    return {name.split("@")[0] for kind, name in found if kind not in "vw"}
 
 
 def main(library, script):
-    exported, listed = {name for name, _ in symbols(library, "--defined-only", "-C")}, listed_exports(script)
-    undefined = {name for name, kind in symbols(library, "--undefined-only") if kind == "U"}
-    of_runtime, strangers = runtime(library)
+    text = re.search(r"global:(.*)local:\s*\*;", re.sub(r"#.*", "", open(script).read()), re.S)[1]
+    listed = {name.strip(' "\n') for name in re.sub(r'extern "C\+\+" {|}', "", text).split(";")} - {""}
+    exported, undefined = symbols(library, "--defined-only", "-C"), symbols(library, "--undefined-only")
+    paths = re.findall(r"(/\S+)", output("ldd", library))
+    of_runtime = {name for path in paths for name in symbols(path, "--defined-only")}
     differences = {
         "exported, not listed": exported - listed,
         "listed, not exported": listed - exported,
         "undefined, of no platform": undefined - of_runtime - PLATFORM,
         "of the platform, not undefined": PLATFORM - undefined,
-        "linked against": strangers,
+        "linked against": {path for path in paths if not re.search(RUNTIME, path)},
     }
-    for what, names in differences.items():
-        for name in sorted(names):
-            print(f"{what}: {name}")
-    return 1 if any(differences.values()) else 0
+    return "\n".join(f"{what}: {name}" for what, names in differences.items() for name in sorted(names)) or 0
 
 
 sys.exit(main(*sys.argv[1:]))

@@ -1,5 +1,4 @@
 /* A program outside the tree, in C and, under another name, in C++: it writes an item and reads it back. */
-#include <stdio.h>
 #include <string.h>
 
 #include "modem_api.h"
@@ -11,15 +10,10 @@ int main(void) {
   uint8_t read[16] = {0};
   uint32_t length = sizeof(read);
   int32_t client = -1;
-  int32_t result = modem_api_init();
-  if (result == MODEM_API_SUCCESS) result = modem_api_init_client(MODEM_API_CLIENT_VS, NULL, NULL, &client);
-  if (result == MODEM_API_SUCCESS) result = modem_api_write_nv(client, 7, 0, 0, written, sizeof(written));
-  if (result == MODEM_API_SUCCESS) result = modem_api_read_nv(client, 7, 0, 0, read, &length);
-  if (result != MODEM_API_SUCCESS || length != sizeof(written) || memcmp(read, written, sizeof(written)) != 0) {
-    printf("result %d, length %u\n", (int)result, (unsigned)length);
-    return 1;
-  }
+  if (modem_api_init() != 0 || modem_api_init_client(MODEM_API_CLIENT_VS, NULL, NULL, &client) != 0) return 1;
+  if (modem_api_write_nv(client, 7, 0, 0, written, sizeof(written)) != 0) return 2;
+  if (modem_api_read_nv(client, 7, 0, 0, read, &length) != 0) return 3;
   modem_api_free_client(client);
   modem_api_release();
-  return 0;
+  return length == sizeof(written) && memcmp(read, written, sizeof(written)) == 0 ? 0 : 4;
 }
