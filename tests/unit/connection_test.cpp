@@ -344,25 +344,22 @@ TEST_P(Reconnect, HoldsOneConnectionAfterALateAnnouncement) {
 
 // A release ends a reconnection wherever it is, and what that had made. No status follows its own.
 TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
-  const struct {
-    std::string moment;  // a status that is reported, or a call of the platform
-    Statuses statuses;
-    size_t left_open;  // a notifier is dropped without release
-  } rows[] = {{"4", {4, 0}, 0},         {"release", {4, 0}, 0},     {"5", {4, 5, 0}, 0},
-              {"6", {4, 5, 6, 0}, 1},   {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0},
-              {"3", {4, 5, 6, 3, 0}, 0}};
-  for (const auto& row : rows) {
+  // A status that is reported or a call of the platform, the statuses, and the open handles: a notifier is dropped.
+  const std::tuple<std::string, Statuses, size_t> rows[] = {
+      {"4", {4, 0}, 0},           {"release", {4, 0}, 0},       {"5", {4, 5, 0}, 0},      {"6", {4, 5, 6, 0}, 1},
+      {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0}, {"3", {4, 5, 6, 3, 0}, 0}};
+  for (const auto& [release_at, wanted, left_open] : rows) {
     for (const bool by_other_thread : {false, true}) {
       // The thread that releases a handle is not the user's.
-      if (row.moment == "release" && !by_other_thread) continue;
-      SCOPED_TRACE(testing::Message() << row.moment << by_other_thread);
+      if (release_at == "release" && !by_other_thread) continue;
+      SCOPED_TRACE(testing::Message() << release_at << by_other_thread);
       start();
       const size_t others = open_handles();
       const qmi_client_type lost = open();
       std::future<void> other;
       bool released = false;
       const auto come_to = [&](const std::string& moment) {
-        if (moment != row.moment || std::exchange(released, true)) return 0;
+        if (moment != release_at || std::exchange(released, true)) return 0;
         if (!by_other_thread) return connection_.release() ? 0 : -1;
         set_threads(Threads::kRun);
         other = std::async(std::launch::async, [&] { connection_.release(); });
@@ -376,7 +373,7 @@ TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
       on_call["init_instance"] = [&](const Call&) {
         EXPECT_FALSE(released) << "no attempt follows the release";
         come_to("connect");
-        return row.moment == "sleep" ? QMI_TIMEOUT_ERR : 0;
+        return release_at == "sleep" ? QMI_TIMEOUT_ERR : 0;
       };
       lose_service(lost);
       run_held();
@@ -384,8 +381,8 @@ TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
       if (notifier != nullptr) announce_service(notifier);
       run_held();
       if (other.valid()) other.get();
-      EXPECT_EQ(statuses(), row.statuses);
-      EXPECT_EQ(open_handles() - others, row.left_open);
+      EXPECT_EQ(statuses(), wanted);
+      EXPECT_EQ(open_handles() - others, left_open);
       EXPECT_TRUE(connection_.is_clear());
       reports.react = nullptr;
       on_call["release"] = on_call["sleep"] = on_call["init_instance"] = nullptr;
