@@ -1,9 +1,8 @@
 // A client process of a chaos run: its clients and workers, and what the library may hold of it while nothing is open.
 //
-// SAR and NAS clients come back by themselves; only one that gave up is opened again. The vendor-specific client, which
-// is hydra's too, does not: one whose commands all fail is freed and opened again, though never while an asynchronous
-// command is pending, which a release would swallow. The main thread opens, tends and closes clients; any thread uses
-// their ids.
+// SAR and NAS clients come back by themselves; only one that gave up is opened again. The vendor-specific client does
+// not: one whose commands all fail is freed and opened again, though never while an asynchronous command is pending,
+// which a release would swallow. The main thread opens, tends and closes clients; any thread uses their ids.
 //
 // An item belongs to one worker. A write or a delete that succeeded has happened; one that failed has happened or has
 // not. So an item may hold the number of each of these writes, or be absent.
@@ -28,7 +27,6 @@
 
 #include "chaos/chaos.h"
 #include "hydra_mem.h"
-#include "modem_hydra.h"
 #include "nas_client.h"
 #include "vs_client.h"
 
@@ -104,12 +102,6 @@ std::vector<uint8_t> content_of(const Item& item, uint32_t write) {
   return bytes;
 }
 
-// An operation on the item, which is an NV item or a file.
-modem_api_result access_item(const Item& item, auto nv, auto file, auto... data) {
-  if (item.number % 2 == 0) return nv(vs(), item.number, item.number % 3, item.number % 7, data...);
-  return file(vs(), ("/chaos/" + std::to_string(item.number)).c_str(), item.number % 3, 0, data...);
-}
-
 modem_api_result note_change(Item& item, modem_api_result result, uint32_t write) {
   if (result == MODEM_API_SUCCESS) item.possible.clear();
   item.possible.insert(write);
@@ -120,19 +112,18 @@ modem_api_result write_item(Worker& worker) {
   Item& item = worker.item();
   const auto bytes = content_of(item, ++worker.writes);
   const auto length = static_cast<uint32_t>(bytes.size());
-  return note_change(item, access_item(item, modem_api_write_nv, modem_api_write_efs_path, bytes.data(), length),
-                     worker.writes);
+  return note_change(item, modem_api_write_nv(vs(), item.number, 0, 0, bytes.data(), length), worker.writes);
 }
 
 modem_api_result delete_item(Worker& worker) {
   Item& item = worker.item();
-  return note_change(item, access_item(item, modem_api_delete_nv, modem_api_delete_efs_path), 0);
+  return note_change(item, modem_api_delete_nv(vs(), item.number, 0, 0), 0);
 }
 
 modem_api_result read_item(const Item& item) {
   std::vector<uint8_t> bytes(MODEM_API_MAX_ITEM_BYTES);
   uint32_t length = MODEM_API_MAX_ITEM_BYTES;
-  const auto result = access_item(item, modem_api_read_nv, modem_api_read_efs_path, bytes.data(), &length);
+  const auto result = modem_api_read_nv(vs(), item.number, 0, 0, bytes.data(), &length);
   if (result != MODEM_API_SUCCESS) return result;
   bytes.resize(std::min<size_t>(length, bytes.size()));
   uint32_t write = 0;
@@ -180,16 +171,6 @@ modem_api_result send_async(Worker& worker) {
   return result;
 }
 
-// Hydra is used by one thread at a time. A reading would open a closed one, which drops the process's clients.
-modem_api_result call_hydra(Worker& worker) {
-  static std::mutex lock;
-  const std::lock_guard guard(lock);
-  if (modem_hydra_api_is_inited() == 0) return MODEM_API_ERR_NOT_READY;
-  if (worker.random() % 2 != 0) modem_hydra_stats_id_free();
-  const bool is_good = modem_hydra_stats_start() != 0 && modem_sys_mode_get(0) != MODEM_SYS_MODE_UNKNOWN;
-  return is_good ? MODEM_API_SUCCESS : MODEM_API_ERR_GENERIC;
-}
-
 struct Operation {
   uint32_t weight;
   const char* name;
@@ -208,7 +189,6 @@ constexpr Operation kOperations[] = {
     {200, "avoid trm", [](Worker&) { return modem_api_set_avoid_trm(ids[MODEM_API_CLIENT_NAS_0], 0, 1); }},
     {200, "nr mode", [](Worker&) { return modem_api_set_nr_disable_mode(ids[MODEM_API_CLIENT_NAS_1], 1, 0); }},
     {1, "reset modem", [](Worker&) { return modem_api_reset_modem(vs()); }},
-    {300, "hydra", call_hydra},
 };
 
 // --- clients ---
@@ -247,7 +227,6 @@ void open_client(uint32_t type) {
   last_status[type] = OPERATIONAL_STATUS_IDLE;
   const auto init = [&] { return modem_api_init_client(type, take_event, nullptr, &id); };
   noted("init client", init, kOpenLimit);
-  if (id < 0) return kPrepare[type]();
   ids[type] = id;
   if (type == MODEM_API_CLIENT_SAR) sar_client_set_operational_status_callback(take_status);
   if (type == MODEM_API_CLIENT_NAS_0) nas_0_client_set_operational_status_callback(take_status);
@@ -266,12 +245,9 @@ void tend() {
   }
 }
 
-// Opens the clients and runs the workers until there is a line to read. Hydra comes first, as it drops all other
-// clients; its client, the first in the table, is the vendor-specific one.
+// Opens the clients and runs the workers until there is a line to read.
 void run_storm(std::vector<Worker>& workers) {
-  const auto init = [] { return modem_hydra_api_init_ex(take_event, nullptr) ? 0 : MODEM_API_ERR_GENERIC; };
-  noted("init hydra", init, kOpenLimit);
-  if (modem_hydra_api_is_inited() != 0) ids[MODEM_API_CLIENT_VS] = 0;
+  modem_api_init();
   std::atomic<bool> is_storm{true};
   std::atomic<size_t> working{workers.size()};
   std::vector<std::thread> threads;
@@ -307,7 +283,6 @@ void verify(std::vector<Worker>& workers) {
     }
   }
   for (auto& id : ids) modem_api_free_client(id.exchange(-1));
-  modem_hydra_api_deinit();
 }
 
 // What the library holds: threads, open files, and traced blocks.
