@@ -74,25 +74,10 @@ TEST_F(ClientTest, WhatIsNoRecordingIsRefusedWithItsLine) {
   const std::string heading = "echo time,carrier,sub,snr_0_db >a; echo ";
   const std::string time = "2023-11-14T22:13:20.007Z,";
   expect({{">a; " + draw, 1, "its first line does not name the columns"},
-          {"echo a,b >a; " + draw, 1, "its first line does not name the columns"},
           {heading + ">>a; echo " + time + "lte,0,1 >>a; " + draw, 1, "line 3: 'lte' is no carrier"},
           {heading + time + "lte_pcc,2,1 >>a; " + draw, 1, "line 2: '2' is no sub"},
-          {heading + time + "nr_scc2,0,nan >>a; " + draw, 1, "line 2: 'nan' is no snr_0_db"},
-          {heading + time + "nr_scc2,0,1x >>a; " + draw, 1, "line 2: '1x' is no snr_0_db"}});
-  for (const std::string text : {"now", "2023-11-14", "2023-11-14T22:13:20.007", "2023-11-14T22:13:20.007Zx",
-                                 "2023-13-14T22:13:20.007Z", "2023-02-30T22:13:20.007Z", "2023-11-14T22:13:20.07Z"}) {
-    expect({{heading + text + ",lte_pcc,0,1 >>a; " + draw, 1, "line 2: '" + text + "' is no time of a recording"}});
-  }
-}
-
-TEST_F(ClientTest, ColumnsAreFoundByNameAndACutLastLineIsLeftOut) {
-  const std::string time = "2023-11-14T22:13:20.007Z";
-  const std::string rows =
-      "printf 'note,carrier,time,sub,rsrp_2_dbm\\r\\nx,lte_pcc," + time + ",1,-77\\r\\n,nr_pcc," + time;
-  const std::string draw = ">a; client signal --from a --plot - 2>&1 | grep -Eo '[^>]*(-77|is cut|LTE pcc|NR pcc)'";
-  expect({{rows + ",0,-78' " + draw, 0, "modem_api_test: the file 'a': its last line, 3, is cut\n-77\nsub 1 LTE pcc\n"},
-          {rows + ",0,-77\\n' " + draw, 0, "-77\nsub 0 NR pcc\nsub 1 LTE pcc\n"},
-          {rows + ",0,-77\\n' >a; client signal --sub 1 --from a --plot - | grep -c ' NR pcc'", 1, "0\n"}});
+          {heading + time + "nr_scc2,0,1x >>a; " + draw, 1, "line 2: '1x' is no snr_0_db"},
+          {heading + "now,lte_pcc,0,1 >>a; " + draw, 1, "line 2: 'now' is no time of a recording"}});
 }
 
 // Each case goes on with the files of those before it.
@@ -116,12 +101,9 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
           {"client signal --watch --rate 50 --count 3", 0, "  sub 1  "},
           {"client signal --csv none/a", 1, "No such file or directory"},
           {"client signal --from none --plot f", 1, "No such file or directory"},
-          {"client signal --count 100 --for 1", 1, "only "}});
-  for (const std::string options :
-       {"--from a.csv", "--from a.csv --plot b.svg --count 3", "--csv - --json", "--csv - --watch", "--csv - --plot -",
-        "--plot - --json", "--csv g --plot g", "--append", "--force"}) {
-    expect({{"client signal " + options, 2, ""}});
-  }
+          {"client signal --count 100 --for 1", 1, "only "},
+          {"client signal --csv g --plot g", 2, ""},
+          {"client signal --csv - --json", 2, ""}});
 }
 
 TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {

@@ -89,18 +89,6 @@ TEST(LiveView, FitsEveryTerminal) {
   }
 }
 
-TEST(LiveView, ClippedTextEndsItsColoursAndOtherEscapesAreCharacters) {
-  EXPECT_EQ(clip("ab\033[1mcd\033[0mef", 3), "ab\033[1mc\033[0m");
-  EXPECT_EQ(clip("ab\033[1mcd\033[0mef", 5), "ab\033[1mcd\033[0me");
-  EXPECT_EQ(clip("█▌x", 2), "█▌");
-  EXPECT_EQ(glyphs_of("ISO-8859-1"), Glyphs::kAscii);
-  EXPECT_EQ(glyphs_of("UTF-8"), Glyphs::kBlocks);
-  for (const char* text : {"\033", "a\033", "\033[", "\033[1;3", "\033[2J", "\033[1;xm", "\033m"}) {
-    EXPECT_EQ(display_width(text), std::string_view(text).size()) << text + 1;
-    EXPECT_EQ(clip(text, 1), std::string(text, 1));
-  }
-}
-
 TEST(History, HasAColumnASecondWhateverTheWallClockShows) {
   History history;
   Reading reading = full_reading();
@@ -133,37 +121,6 @@ TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
   Recording from_csv;
   from_csv.add_csv(stream, "rows");
   EXPECT_EQ(plot_svg(from_csv), plot_svg(recording));
-}
-
-TEST(Plot, DrawsNoMoreThanThePictureCanShow) {
-  Recording recording;
-  Reading reading = full_reading();
-  for (int i = 0; i < 50'000; ++i) {
-    reading.time += std::chrono::milliseconds(100);
-    reading.subs[0].carriers[0].rsrp[0] = -60 - i % 10;
-    recording.add(reading);
-  }
-  EXPECT_LT(plot_svg(recording).size(), 300'000U);
-}
-
-// What is written at the axes of pictures of several lengths and levels.
-TEST(Plot, AxesHaveRoundNumbersAndTimesAsPeopleCountThem) {
-  std::string labels;
-  for (const auto& [length, low] : {std::pair(0, -80.0), {100, -103.2}, {300, -140}, {10'000, -80.7}, {500'000, -81}}) {
-    Recording recording;
-    for (const int seconds : {0, length}) {
-      Reading reading = full_reading(seconds);
-      reading.subs[0].carriers = {{kPrimary, {}, {}, two(seconds == 0 ? low : -80, kNoLevel)}};
-      recording.add(reading);
-    }
-    std::istringstream lines(plot_svg(recording));
-    for (std::string line; std::getline(lines, line);) {
-      if (line.starts_with("<text"))
-        labels += line.substr(line.find('>') + 1, line.rfind('<') - line.find('>') - 1) + "|";
-    }
-    labels += "\n";
-  }
-  expect_golden("axes.txt", labels);
 }
 
 }  // namespace

@@ -86,15 +86,6 @@ TEST_F(Connections, MalformedMessagesAreRefusedOrIgnored) {
   EXPECT_EQ(status("/counters/ignored_frames"), 1);
 }
 
-TEST_F(Connections, AnUnfinishedFrameHoldsUpNobody) {
-  QmuxClient half(socket_);
-  half.send(Bytes{0x01, 0xFF, 0xFF, 0x00} + Bytes(30'000, 0x01));
-  expect_alive();
-  half.send(Bytes(0x10000 - 30'004, 0x01));  // the rest of it, which holds no request
-  for (const uint8_t byte : half.request(kSync)) half.send({byte});
-  EXPECT_EQ(half.receive().message, kSync) << "the stream is in step";
-}
-
 TEST_F(Connections, AClientThatDoesNotReadIsDroppedAtItsBound) {
   QmuxClient deaf(socket_);
   QmuxClient reading(socket_, kVs);

@@ -73,8 +73,7 @@ class RawVoter {
 class Power : public SimulatorTest {
  protected:
   // An acknowledgement has an hour: a test that waits for it ends by its own limit.
-  explicit Power(const std::string& acknowledge_ms = "3600000")
-      : SimulatorTest({"--pm-socket", "--pm-ack-ms", acknowledge_ms}) {}
+  Power() : SimulatorTest({"--pm-socket", "--pm-ack-ms", "3600000"}) {}
 
   nlohmann::json state() const { return status("/state"); }
 
@@ -115,14 +114,11 @@ TEST_F(Power, AVoterThatLeavesHasNoVoteAndIsWaitedForNoMore) {
   watcher.pass({3, 0, 1});
 }
 
-class ImpatientPower : public Power {
- protected:
-  ImpatientPower() : Power("50") {}
-};
-
-TEST_F(ImpatientPower, GoesOnWithoutAVoterThatDoesNotAcknowledge) {
-  RawVoter silent(manager_, "silent");
-  RawVoter voter(manager_, "voter");
+TEST(ImpatientPower, GoesOnWithoutAVoterThatDoesNotAcknowledge) {
+  const ScratchDirectory directory;
+  const SimProcess modem(directory, {"--pm-socket", "--pm-ack-ms", "50"});
+  RawVoter silent(modem.socket() + ".pm", "silent");
+  RawVoter voter(modem.socket() + ".pm", "voter");
   voter.ask(Vote{});
   voter.pass({2, 3});
   voter.ask(Withdraw{});

