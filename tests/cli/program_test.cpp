@@ -265,7 +265,7 @@ TEST(OwnModem, StartsOnceForManyKeepsItsStorageAndItsFailureIsReported) {
   const std::string program = directory.path("program");
   const std::string starts = directory.path("starts");
   for (const std::string& each : {longest, directory.path("run")}) std::filesystem::create_directory(each);
-  unsetenv(system_test::kModemVariable);
+  unsetenv("PELMAR_MODEM");
   setenv("XDG_STATE_HOME", directory.path("state").c_str(), 1);
   setenv("XDG_RUNTIME_DIR", longest.c_str(), 1);
   setenv("PELMAR_MODEM_SIM", program.c_str(), 1);

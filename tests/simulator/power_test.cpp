@@ -17,10 +17,10 @@ using namespace platform::power;
 // A voter that acknowledges nothing by itself.
 class RawVoter {
  public:
-  // Registered where it has a name.
+  // Without a name it registers nobody.
   RawVoter(const std::string& socket, const std::string& name) {
     EXPECT_TRUE(link_.open(socket, platform::Deadline::none()));
-    if (!name.empty()) EXPECT_EQ(ask(Register{"modem", name}), 0);
+    EXPECT_TRUE(name.empty() || ask(Register{"modem", name}) == 0);
   }
 
   bool send(const Request& request) { return link_.send(request); }
@@ -108,8 +108,9 @@ TEST_F(Power, AVoterThatLeavesHasNoVoteAndIsWaitedForNoMore) {
     RawVoter silent(manager_, "silent");
     silent.ask(Vote{});
     watcher.pass({2});
-    if (unregisters) EXPECT_EQ(silent.ask(Unregister{}) + silent.ask(Vote{}), -1);
-    if (unregisters) watcher.pass({3, 0, 1});
+    if (!unregisters) break;
+    EXPECT_EQ(silent.ask(Unregister{}) + silent.ask(Vote{}), -1);
+    watcher.pass({3, 0, 1});
   }
   watcher.pass({3, 0, 1});
 }

@@ -4,34 +4,29 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <thread>
 #include <utility>
 
 #include "unix_socket.h"
 
-extern char** environ;
-
 namespace pelmar::sim::test {
 
 namespace {
 
-constexpr int kPatienceMs = 60'000;
+constexpr int kPatienceMs = 300'000;  // more than a client process of a test has for all that it waits for
 
-// Appends what can be read. False where nothing comes in time or the other end is closed.
-bool append_bytes(int fd, std::string& text, int patience_ms) {
+// What comes up to this byte, to the end of the stream, or until nothing comes for long.
+std::string read_text(int fd, int end) {
+  std::string text;
   pollfd waiting{fd, POLLIN, 0};
-  char bytes[4096];
-  if (poll(&waiting, 1, patience_ms) != 1) return false;
-  const ssize_t count = read(fd, bytes, sizeof(bytes));
-  if (count > 0) text.append(bytes, static_cast<size_t>(count));
-  return count > 0;
+  uint8_t byte = 0;
+  while (poll(&waiting, 1, kPatienceMs) == 1 && read(fd, &byte, 1) == 1 && byte != end) text += static_cast<char>(byte);
+  return text;
 }
 
 std::vector<std::string> serve_arguments(const std::string& socket, const ScratchDirectory& directory,
@@ -60,7 +55,7 @@ std::string transport() {
 }
 
 bool comes_true(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
     if (std::chrono::steady_clock::now() > end) return false;
   }
@@ -79,33 +74,26 @@ Process::Process(const std::string& program, const std::vector<std::string>& arg
   const UniqueFd writing(output[1]);
   input_.reset(input[1]);
   output_.reset(output[0]);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-  if (errors_to_output) posix_spawn_file_actions_adddup2(&actions, output[1], STDERR_FILENO);
-  EXPECT_EQ(posix_spawn(&process_, program.c_str(), &actions, nullptr, argv.data(), environ), 0) << program;
-  posix_spawn_file_actions_destroy(&actions);
+  process_ = fork();
+  if (process_ == 0) {
+    dup2(input[0], STDIN_FILENO);
+    dup2(output[1], STDOUT_FILENO);
+    if (errors_to_output) dup2(output[1], STDERR_FILENO);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
 }
 
 Process::~Process() {
   if (process_ > 0) end(SIGKILL);
 }
 
-std::string Process::line(int patience_ms) {
-  size_t end = 0;
-  while ((end = buffered_.find('\n')) == buffered_.npos) {
-    if (!append_bytes(output_.get(), buffered_, patience_ms)) return "";
-  }
-  const std::string first = buffered_.substr(0, end);
-  buffered_.erase(0, end + 1);
-  return first;
+std::string Process::line() {
+  return read_text(output_.get(), '\n');
 }
 
 std::string Process::rest() {
-  while (append_bytes(output_.get(), buffered_, kPatienceMs)) {
-  }
-  return std::exchange(buffered_, {});
+  return read_text(output_.get(), EOF);
 }
 
 void Process::send_line(const std::string& line) {
@@ -155,10 +143,7 @@ std::string SimProcess::respond(const std::string& line) const {
   const UniqueFd fd = connect_unix(control_).fd;
   const std::string text = line + '\n';
   EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
-  std::string response;
-  while (!response.ends_with('\n') && append_bytes(fd.get(), response, kPatienceMs)) {
-  }
-  return response;
+  return read_text(fd.get(), '\n');
 }
 
 std::string SimProcess::command(const std::string& line) const {

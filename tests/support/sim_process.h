@@ -38,13 +38,9 @@ class Process {
   // arguments[0] is the name that the process sees of itself. Standard error is the test's, or goes to the output.
   Process(const std::string& program, const std::vector<std::string>& arguments, bool errors_to_output);
   ~Process();  // kills it
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
 
-  // The next line of output, without its end; "" when none comes in time or the output ended.
-  std::string line(int patience_ms = 90'000);
+  std::string line();  // the next line of output, without its end; "" when none comes in time or the output ended
   std::string rest();  // all that follows, up to the end of the output
-
   void send_line(const std::string& line);  // to the standard input
   void finish() { input_.reset(); }         // ends the standard input
   int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
@@ -54,7 +50,6 @@ class Process {
   pid_t process_ = -1;
   UniqueFd input_;
   UniqueFd output_;
-  std::string buffered_;
 };
 
 struct Outcome {
