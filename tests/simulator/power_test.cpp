@@ -145,7 +145,7 @@ TEST_F(Power, RefusesWhatItCannotDoAndDropsPeersThatBreakTheProtocol) {
                           {1, 0x81},
                           {2, 0x02, 0},
                           {2, 0x05, 4},
-                          {4, 0x01, 2, 1, 'm'},
+                          {6, 0x01, 2, 1, 'm', 1, 'v'},
                           {6, 0x01, 1, 1, 'm', 1, '\n'},
                           {5, 0x01, 1, 1, 'm', 0},
                           Bytes(256, 0xFF)};
