@@ -195,8 +195,7 @@ void Client::release() {
     while (!transactions_.empty()) pending.push_back(take(transactions_.begin()));
     events_.clear();
     waiting_bytes_ = 0;
-    const int32_t error = has_phone_rules_ ? QMI_INTERNAL_ERR : QMI_CLIENT_INVALID_CLNT;
-    while (!waiters_.empty()) finish(*waiters_.back(), error);
+    while (!waiters_.empty()) finish(*waiters_.back(), released_error());
     send_ended_.notify_all();
     thread_.wake();
   }

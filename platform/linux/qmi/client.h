@@ -133,7 +133,9 @@ class Client : public std::enable_shared_from_this<Client> {
   }
 
   // client_send.cpp
-  void check_callback(const char* call, const Deadline& deadline) const;
+  void check_loss_callback(const char* call) const;
+  void check_own_callback(const char* call) const;
+  int32_t released_error() const;
   int32_t check_lengths(const Request& request) const;
   void mark_lost(const Request& request) const;
   int32_t begin_send(Lock& lock, const Request& request, const Deadline& deadline, SendKind kind,

@@ -49,7 +49,7 @@ void Client::dispatch(const Message& message) {
   const bool is_response = message.kind == qmi::MessageKind::kResponse;
   observe({is_response ? Observation::Kind::kResponse : Observation::Kind::kIndication, service_->service_id,
            message.id, message.tlvs});
-  if (is_response && has_phone_rules_) {
+  if (is_response && has_phone_rules_ && !message.kept_since) {
     push(Response{message, {message.tlvs.begin(), message.tlvs.end()}});
   } else if (is_response) {
     dispatch_response(message);
@@ -85,7 +85,12 @@ void Client::dispatch_response(const Message& message) {
     if ((*entry)->number != message.transaction || (*entry)->request.id != message.id) return;
     Transaction done = take(*entry);
     done.result = decode_response(done.request, message);
-    push(done);
+    // By the phone's rules this runs on the handle's thread and the message's turn has come, so the callback is next.
+    if (has_phone_rules_ && !message.kept_since) {
+      events_.push_front(done);
+    } else {
+      push(done);
+    }
   }
 }
 
@@ -116,6 +121,7 @@ void Client::finish(Waiter& waiter, int32_t result) {
 // message is incomplete. A message that is incomplete for a short time may only be slow; a later time-out checks it
 // again.
 void Client::end_stalled_stream() {
+  if (has_phone_rules_ && !is_idle_) return;  // the thread, which alone reads, runs a callback
   const auto since = connection_->partial_since();
   if (is_gone_ || !since || Deadline::Clock::now() - *since < kLongestMessage) return;
   abandon_connection();

@@ -13,11 +13,13 @@ namespace pelmar::platform {
 constexpr Deadline::Milliseconds kAsyncSendTimeout{5000};
 
 int32_t Client::send_sync(const Request& request, const Deadline& deadline) noexcept {
-  check_callback("qmi_client_send_msg_sync", deadline);
+  constexpr const char* kCall = "qmi_client_send_msg_sync";
+  check_loss_callback(kCall);
   Waiter waiter(request, deadline);
   Lock lock(mutex_, std::defer_lock);
   int32_t error = begin_send(lock, request, deadline, SendKind::kSync, waiter.transaction);
   if (error != QMI_NO_ERR) return error;
+  if (deadline.is_none()) check_own_callback(kCall);
   slot_of(waiter.transaction) = &waiter;
   waiter.place = waiters_.size();
   waiters_.push_back(&waiter);
@@ -30,7 +32,7 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
 int32_t Client::send_async(const Request& request, const ResponseCallback& callback,
                            qmi_txn_handle* transaction) noexcept {
   const Deadline deadline = Deadline::after(kAsyncSendTimeout);
-  check_callback("qmi_client_send_msg_async", deadline);
+  check_loss_callback("qmi_client_send_msg_async");
   Lock lock(mutex_, std::defer_lock);
   uint16_t number = 0;
   int32_t error = begin_send(lock, request, deadline, SendKind::kAsync, number);
@@ -59,16 +61,22 @@ void Client::mark_lost(const Request& request) const {
   if (request.response_length >= sizeof(lost)) std::memcpy(request.response, &lost, sizeof(lost));
 }
 
-// By the phone's rules, ends the process if the call could never return.
-void Client::check_callback(const char* call, const Deadline& deadline) const {
+// By the phone's rules, no send returns in a callback that reports the loss.
+void Client::check_loss_callback(const char* call) const {
+  if (!has_phone_rules_ || RunningCallback::of(this) != kLossCallback) return;
+  end_blocked_process(service_->service_id, call, kLossCallback, "Send after the callback has returned.");
+}
+
+// By the phone's rules, no response comes in any other callback on the handle's thread. Where the service is gone, the
+// send has returned before.
+void Client::check_own_callback(const char* call) const {
   if (!has_phone_rules_ || !thread_.is_current()) return;
-  const char* const callback = RunningCallback::of(this);
-  if (callback == kLossCallback) {
-    end_blocked_process(service_->service_id, call, callback, "Send after the callback has returned.");
-  } else if (callback != nullptr && deadline.is_none()) {
-    end_blocked_process(service_->service_id, call, callback,
-                        "Send on another thread, or use qmi_client_send_msg_async.");
-  }
+  end_blocked_process(service_->service_id, call, RunningCallback::of(this),
+                      "Send on another thread, or use qmi_client_send_msg_async.");
+}
+
+int32_t Client::released_error() const {
+  return has_phone_rules_ ? QMI_INTERNAL_ERR : QMI_CLIENT_INVALID_CLNT;
 }
 
 int32_t Client::check_lengths(const Request& request) const {
@@ -96,7 +104,7 @@ int32_t Client::begin_send(Lock& lock, const Request& request, const Deadline& d
   } else if (!is_free() && !send_ended_.wait_until(lock, deadline.at(), is_free)) {
     return kind == SendKind::kAsync ? QMI_XPORT_BUSY_ERR : QMI_TIMEOUT_ERR;
   }
-  if (is_stopping_) return QMI_CLIENT_INVALID_CLNT;
+  if (is_stopping_) return released_error();
   if (is_gone_) {
     mark_lost(request);
     return QMI_SERVICE_ERR;

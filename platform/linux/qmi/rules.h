@@ -12,7 +12,7 @@
 //     returns meanwhile.
 //   - A send without response leaves the response's structure unchanged, and a response that is cut off is dropped.
 //   - Indications behind a slow callback take as much memory as a socket's default receive buffer has; more are
-//   dropped.
+//     dropped.
 #pragma once
 
 #include <cstddef>
