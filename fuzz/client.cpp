@@ -99,7 +99,7 @@ void use_client(bool opens) {
 void use_manager_link(std::span<const uint8_t> expected) {
   const auto deadline = platform::Deadline::after(platform::Deadline::Milliseconds(5000));
   platform::power::ManagerLink link;
-  require(link.open(platform::modem_socket(), deadline));
+  require(link.open(std::getenv("PELMAR_MODEM"), deadline));
   platform::power::Reply reply, same;
   for (size_t size = 0; link.receive(reply, deadline); expected = expected.subspan(size)) {
     require(parse_frame(expected, same, size) == platform::power::FrameState::kComplete && reply == same);

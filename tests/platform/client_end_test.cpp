@@ -32,102 +32,84 @@ using ClientIds = ScriptedModem::ClientIds;
 
 // --- the service goes away ---
 
-struct Loss {
-  const char* name;
-  void (*cause)(ScriptedModem& modem, int connection, uint8_t client) = nullptr;
-  Bytes broken_frame = {};
-
-  friend void PrintTo(const Loss& loss, std::ostream* stream) { *stream << loss.name; }
-};
-
-// A frame that is longer than its message takes the next one's first byte.
-const Loss kLosses[] = {
-    {"revoked", [](ScriptedModem& modem, int to, uint8_t client) { modem.revoke(to, kNasId, client); }},
-    {"restarted", [](ScriptedModem& modem, int to, uint8_t) { modem.announce_restart(to); }},
-    {"closed", [](ScriptedModem& modem, int to, uint8_t) { modem.server.close(to); }},
-    {"garbled", nullptr, {0x55}},
-    {"too_short", nullptr, {0x01, 4, 0, 0x80, 3, 1}},
-    {"to_the_modem", nullptr, {0x01, 5, 0, 0x00, 3, 1}},
-    {"too_long", nullptr, {0x01, 6, 0, 0x80, 3, 1, 0x01, 5, 0, 0x80, 3, 1}},
-};
-
-class ServiceGoes : public ClientTest, public testing::WithParamInterface<Loss> {
+// The modem of this test frees no void ids: what the client must not give back, the test takes away.
+class ServiceGoes : public BothRules {
  protected:
-  void go(uint8_t client, int connection = 0) {
-    const Loss& loss = GetParam();
-    if (loss.cause == nullptr) return modem_.server.send(connection, loss.broken_frame);
-    loss.cause(modem_, connection, client);
+  void go(size_t how, int connection, uint8_t client) {
+    // A frame that is longer than its message takes the next one's first byte.
+    static const Bytes broken_frames[] = {
+        {0x55}, {0x01, 4, 0, 0x80, 3, 1}, {0x01, 5, 0, 0x00, 3, 1}, {0x01, 6, 0, 0x80, 3, 1, 0x01, 5, 0, 0x80, 3, 1}};
+    if (how < std::size(broken_frames)) {
+      modem_.server.send(connection, broken_frames[how]);
+    } else if (how == kWays - 3) {
+      modem_.revoke(connection, kNasId, client);
+    } else if (how == kWays - 2) {
+      modem_.announce_restart(connection);
+    } else {
+      modem_.server.close(connection);
+    }
   }
-
-  // The modem of this test frees no void ids: what the client must not give back, the test takes away.
   void TearDown() override { modem_.client_ids.set({}); }
+
+  static constexpr size_t kWays = 7;
 };
 
 TEST_P(ServiceGoes, EverySendEndsAtOnce) {
-  const qmi_client_type handle = connect_with_error_callback();
-  nas::SetAvoidTrmRequest trm{};
-  nas::PlainResponse trm_response{};
-  ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_AVOID_TRM_V01, &trm, sizeof trm, &trm_response,
-                                      sizeof trm_response, on_response, this, nullptr),
-            QMI_NO_ERR);
-  modem_.receive();
-  const uint8_t client = begin_async(handle).client;
-  Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
-  modem_.indicate(0, kNasId, client, 1);
-  modem_.revoke(0, kNasId, static_cast<uint8_t>(client + 1));  // somebody else's
-  go(client);
-  for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get(), kLost);
-  EXPECT_EQ(events(4), (Events{"indication 1 (0)", "response 152 -2 1003", "response 137 -2 1003", "error -2"}));
+  for (size_t how = 0; how < kWays; ++how) {
+    SCOPED_TRACE(how);
+    events_.set({});
+    const qmi_client_type handle = connect_with_error_callback();
+    nas::SetAvoidTrmRequest trm{};
+    nas::PlainResponse trm_response{};
+    ASSERT_EQ(qmi_client_send_msg_async(handle, QMI_NAS_SET_AVOID_TRM_V01, &trm, sizeof trm, &trm_response,
+                                        sizeof trm_response, on_response, this, nullptr),
+              QMI_NO_ERR);
+    modem_.receive();
+    const auto [connection, service, client, transaction, id, tlvs] = begin_async(handle);
+    Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
+    modem_.indicate(connection, kNasId, client, 1);
+    modem_.revoke(connection, kNasId, static_cast<uint8_t>(client + 1));  // somebody else's
+    go(how, connection, client);
+    for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get(), lost());
+    const std::string content = by_rules("1003", "nothing");
+    EXPECT_EQ(events(4),
+              (Events{"indication 1 (0)", "response 152 -2 " + content, "response 137 -2 " + content, "error -2"}));
 
-  EXPECT_EQ(get_drx(handle), kLost);
-  EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
-  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
-  EXPECT_EQ(events(0).size(), 5u) << "a registration that comes too late calls back before it returns";
-  EXPECT_TRUE(modem_.server.comes_to_be_closed(0));
-  EXPECT_EQ(events(0).size(), 5u) << "one call for each registration";
+    EXPECT_EQ(get_drx(handle), lost());
+    EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
+    EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
+    EXPECT_EQ(events(0).size(), 5u) << "a registration that comes too late calls back before it returns";
+    EXPECT_TRUE(modem_.server.comes_to_be_closed(connection));
+    EXPECT_EQ(events(0).size(), 5u) << "one call for each registration";
+  }
 }
 
 // An id may be void before its response arrives: who kept it would get nothing but errors.
 TEST_P(ServiceGoes, BeforeAClientIdArrivesAndWhileNobodySends) {
-  modem_.on_control.set([this](int connection, uint16_t id, Bytes& tlvs) {
-    if (id != ScriptedModem::kAllocate) return true;
-    modem_.on_control.set(nullptr);
-    modem_.client_ids.set({});
-    go(tlvs.back(), connection);
-    return true;
-  });
-  const qmi_client_type handle = connect(60'000);
-  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 2}}));
-  Exchange exchange = begin(handle);
-  EXPECT_EQ(exchange.request.client, 2);
-  EXPECT_EQ(finish(exchange, 9), Outcome(0, 9));
+  for (size_t how = 0; how < kWays; ++how) {
+    SCOPED_TRACE(how);
+    events_.set({});
+    modem_.on_control.set([=, this](int connection, uint16_t id, Bytes& tlvs) {
+      if (id != ScriptedModem::kAllocate) return true;
+      modem_.on_control.set(nullptr);
+      modem_.client_ids.set({});
+      go(how, connection, tlvs.back());
+      return true;
+    });
+    const qmi_client_type handle = connect(60'000);
+    Exchange exchange = begin(handle);
+    EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, exchange.request.client}}));
+    EXPECT_EQ(finish(exchange, 9), Outcome(0, 9));
 
-  EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
-  go(2, exchange.request.connection);
-  EXPECT_EQ(events(1), (Events{"error -2"}));
-}
-
-INSTANTIATE_TEST_SUITE_P(How, ServiceGoes, testing::ValuesIn(kLosses),
-                         [](const auto& test) { return std::string(test.param.name); });
-
-TEST_F(ClientTest, ARestartWhileAnAbandonedIdIsGivenBackVoidsTheNewIdToo) {
-  connect_with_error_callback();
-  modem_.server.close(0);
-  events(1);
-  modem_.on_control.set([this](int connection, uint16_t id, Bytes&) {
-    if (id != ScriptedModem::kRelease) return true;
-    modem_.on_control.set(nullptr);
-    modem_.client_ids.set({});
-    modem_.announce_restart(connection);
-    return true;
-  });
-  connect(60'000);
-  EXPECT_EQ(modem_.client_ids.get(), (ClientIds{{kNasId, 3}}));
+    EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_NO_ERR);
+    go(how, exchange.request.connection, exchange.request.client);
+    EXPECT_EQ(events(1), (Events{"error -2"}));
+  }
 }
 
 // Behind a proxy nothing else shows that a client id is void. An asynchronous request and a synchronous one are under
 // way. The latter is refused as if the id were void, so the modem gets a probe.
-class ErrorOfAVoidId : public ClientTest {
+class ErrorOfAVoidId : public BothRules {
  protected:
   ScriptedRequest receive_probe() {
     modem_.respond(exchange_.request, refusal(7));
@@ -142,22 +124,23 @@ class ErrorOfAVoidId : public ClientTest {
   Exchange exchange_ = begin(handle_);
 };
 
-TEST_F(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
+TEST_P(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
   modem_.client_ids.set({});  // the modem has restarted
   connect();
   const ScriptedRequest probe = receive_probe();
   create_notifier();
   EXPECT_EQ(events(0), (Events{"event 0"}));
   modem_.respond(probe, refusal(7));
-  EXPECT_EQ(exchange_.outcome.get(), kLost);
+  EXPECT_EQ(exchange_.outcome.get(), lost());
   Events seen = events(5);
   std::sort(seen.begin(), seen.end());  // the handles' threads run side by side
-  EXPECT_EQ(seen, (Events{"error -2", "event 0", "event 0", "event 1", "response 137 -2 1003"}));
+  EXPECT_EQ(seen, (Events{"error -2", "event 0", "event 0", "event 1",
+                          "response 137 -2 " + std::string(by_rules("1003", "nothing"))}));
   EXPECT_TRUE(modem_.server.comes_to_be_closed(0));
   EXPECT_EQ(modem_.client_ids.get().size(), 1u);
 }
 
-TEST_F(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
+TEST_P(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
   modem_.respond(receive_probe(), refusal(71));
   EXPECT_EQ(exchange_.outcome.get(), Outcome(0, 1007));
   modem_.respond(async_, refusal(7));
@@ -183,15 +166,14 @@ TEST_F(ClientTest, ANotifierReportsAtRegistrationAndEveryChange) {
 
 TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
   modem_.services.set({});
-  const qmi_client_type absent = create_notifier();
+  create_notifier();
   EXPECT_EQ(events(0), Events{});
-  on_callback_.set(qmi_client_release);
+  on_callback_.set([this](qmi_client_type self) { note("released " + std::to_string(qmi_client_release(self))); });
   modem_.services.set({kNasId});
-  EXPECT_EQ(events(1), (Events{"event 0"}));
-  EXPECT_EQ(qmi_client_release(absent), QMI_CLIENT_INVALID_CLNT);
+  EXPECT_EQ(events(2), (Events{"event 0", "released 0"}));
 
   create_notifier();
-  EXPECT_EQ(events(0).size(), 2u) << "during its registration";
+  EXPECT_EQ(events(0).size(), 4u) << "during its registration";
   EXPECT_TRUE(modem_.server.comes_to_be_closed(1)) << "and looks no more";
 }
 
@@ -224,14 +206,15 @@ TEST_F(ClientTest, ANotifierAnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
 
 // --- the handle is released ---
 
-TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
+// By the phone's rules it calls the callbacks of pending transactions itself.
+TEST_P(BothRules, ReleaseWaitsForARunningCallbackAndLeavesNoOtherToTheHandlesThread) {
   const qmi_client_type handle = connect();
   Exchange reader = begin(handle, 0), waiting = begin(handle, 0);
-  std::atomic<bool> is_over{false};
+  const auto releasing = std::this_thread::get_id();
   on_callback_.set([&](qmi_client_type) {
     waiting.outcome.wait();                         // which a release ends first
     std::this_thread::sleep_for(milliseconds(50));  // time for a release that does not wait to be seen
-    is_over = true;
+    note(std::this_thread::get_id() == releasing ? "over, on the releasing thread" : "over");
   });
   const ScriptedRequest async = begin_async(handle);
   modem_.indicate(0, kNasId, 0xFF, 1);
@@ -239,10 +222,12 @@ TEST_F(ClientTest, ReleaseWaitsForARunningCallbackAndStartsNoOther) {
   modem_.respond(async, drx_response(1));
   events(1);
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_TRUE(is_over);
+  Events expected = {"indication 1 (0)", "over"};
+  if (GetParam()) expected.insert(expected.end(), {"response 137 -1 nothing", "over, on the releasing thread"});
+  EXPECT_EQ(events(0), expected);
   EXPECT_TRUE(comes_to_hold_no_ids());
   std::this_thread::sleep_for(milliseconds(20));
-  EXPECT_EQ(events(1), (Events{"indication 1 (0)"}));
+  EXPECT_EQ(events(0), expected);
 }
 
 TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
@@ -259,27 +244,22 @@ TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
   EXPECT_EQ(events(2).size(), 2u);
 }
 
-TEST_F(ClientTest, ReleaseWaitsForACallbackDuringARegistration) {
+TEST_P(BothRules, ReleaseWaitsForACallbackDuringARegistration) {
   const qmi_client_type handle = connect_with_error_callback();
   modem_.server.close(0);
   events(1);
-  struct {
-    std::latch entered{1}, go_on{1};
-  } callback;
-  const auto wait = [](qmi_client_type, qmi_client_error_type, void* data) {
-    auto& self = *static_cast<decltype(callback)*>(data);
-    self.entered.count_down();
-    self.go_on.wait();
-  };
-  auto registration = std::async(std::launch::async, qmi_client_register_error_cb, handle, wait, &callback);
-  callback.entered.wait();
+  std::latch go_on(1);
+  on_callback_.set([&](qmi_client_type) { go_on.wait(); });
+  auto registration = std::async(std::launch::async, qmi_client_register_error_cb, handle, on_error, this);
+  events(2);
   auto release = std::async(std::launch::async, qmi_client_release, handle);
   EXPECT_EQ(release.wait_for(milliseconds(50)), std::future_status::timeout);
-  callback.go_on.count_down();
+  go_on.count_down();
+  release.wait();
   modem_.client_ids.set({});
 }
 
-TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
+TEST_P(BothRules, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
   const qmi_client_type handle = connect();
   Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
   std::vector<UniqueFd> copies;  // such as a child has that was forked meanwhile
@@ -291,7 +271,8 @@ TEST_F(ClientTest, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
   modem_.on_control.set([](int, uint16_t id, Bytes&) { return id != ScriptedModem::kRelease; });
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_TRUE(modem_.server.comes_to_be_closed(0));
-  for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get().first, QMI_CLIENT_INVALID_CLNT);
+  for (Exchange& exchange : exchanges)
+    EXPECT_EQ(exchange.outcome.get().first, by_rules(QMI_CLIENT_INVALID_CLNT, QMI_INTERNAL_ERR));
   EXPECT_EQ(qmi_client_release(connect()), QMI_NO_ERR) << "with nobody who waits";
   modem_.on_control.set(nullptr);
   modem_.client_ids.set({{kNasId, 1}, {kNasId, 2}});  // another program's
@@ -333,6 +314,9 @@ TEST_F(ClientTest, AProcessThatEndsGivesItsOwnClientIdsBackAndNoneOfItsParent) {
   Exchange exchange = begin(handle);
   EXPECT_EQ(finish(exchange, 3), Outcome(0, 3));
 }
+
+INSTANTIATE_TEST_SUITE_P(Rules, ServiceGoes, testing::Bool(), name_of_rules);
+INSTANTIATE_TEST_SUITE_P(Rules, ErrorOfAVoidId, testing::Bool(), name_of_rules);
 
 }  // namespace
 }  // namespace pelmar::platform

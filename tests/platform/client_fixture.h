@@ -104,36 +104,57 @@ class ClientTest : public testing::Test {
   }
 
   static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
-    auto* const test = static_cast<ClientTest*>(data);
-    test->note("indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
-    if (const auto function = test->on_callback_.get()) function(handle);
+    on_call(data, handle, "indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
   }
-  static void on_response(qmi_client_type, unsigned id, void* bytes, unsigned length, void* data,
+  static void on_response(qmi_client_type handle, unsigned id, void* bytes, unsigned length, void* data,
                           qmi_client_error_type error) {
     nas::GetDrxResponse response{};
     std::memcpy(&response, bytes, length);
-    static_cast<ClientTest*>(data)->note("response " + std::to_string(id) + " " + std::to_string(error) + " " +
-                                         std::to_string(value_of(response)));
+    on_call(data, handle,
+            "response " + std::to_string(id) + " " + std::to_string(error) + " " +
+                (length == 0 ? "nothing" : std::to_string(value_of(response))));
   }
-  static void on_error(qmi_client_type, qmi_client_error_type error, void* data) {
-    static_cast<ClientTest*>(data)->note("error " + std::to_string(error));
+  static void on_error(qmi_client_type handle, qmi_client_error_type error, void* data) {
+    on_call(data, handle, "error " + std::to_string(error));
   }
   static void on_event(qmi_client_type handle, qmi_idl_service_object_type service, qmi_client_notify_event_type event,
                        void* data) {
     EXPECT_EQ(service, kNas);
+    on_call(data, handle, "event " + std::to_string(event));
+  }
+  static void on_call(void* data, qmi_client_type handle, const std::string& event) {
     auto* const test = static_cast<ClientTest*>(data);
+    test->note(event);
     if (const auto function = test->on_callback_.get()) function(handle);
-    test->note("event " + std::to_string(event));
   }
 
   ScriptedModem modem_{{kNasId}};
   nas::GetDrxResponse async_response_{};
   SharedValue<Events> events_;
-  // Runs on the handle's thread, after an indication was noted or before a notifier's event is.
-  SharedValue<std::function<void(qmi_client_type)>> on_callback_;
+  SharedValue<std::function<void(qmi_client_type)>> on_callback_;  // runs in each callback, after it is noted
 
  private:
   std::vector<qmi_client_type> handles_;
 };
+
+// A test that runs once by the forgiving rules and once by the phone's, each in a process of its own: the framework
+// reads the variable once.
+class BothRules : public ClientTest, public testing::WithParamInterface<bool> {
+ protected:
+  BothRules() {
+    if (GetParam()) ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
+  }
+
+  template <typename T>
+  static T by_rules(T forgiving, T phone) {
+    return GetParam() ? phone : forgiving;
+  }
+  // By the phone's rules a loss leaves the response as it was.
+  static Outcome lost() { return by_rules(kLost, Outcome(QMI_SERVICE_ERR, 0)); }
+};
+
+inline std::string name_of_rules(const testing::TestParamInfo<bool>& test) {
+  return test.param ? "Phone" : "Forgiving";
+}
 
 }  // namespace pelmar::platform

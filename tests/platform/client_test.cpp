@@ -1,8 +1,11 @@
 // Client handles against a scripted modem: connecting, sends, indications, and who waits for whom.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <syslog.h>
 
+#include <functional>
 #include <latch>
+#include <string>
 #include <thread>
 
 #include "client_fixture.h"
@@ -33,6 +36,7 @@ TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
       {"an id of nobody", [&] { gives_id(0); }, QMI_CLIENT_ALLOC_FAILURE},
       {"the id of all", [&] { gives_id(0xFF); }, QMI_CLIENT_ALLOC_FAILURE},
       {"each response alone in time", [&] { modem_.on_control.set(is_slow); }, QMI_TIMEOUT_ERR},
+      {"no address of a modem", [] { ::setenv("PELMAR_MODEM", "qrtr:x", 1); }, QMI_CLIENT_PARAM_ERR},
       {"no modem", [] { ::setenv("PELMAR_MODEM", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
       {"another service", [this] { modem_.services.set({0x11}); }, QMI_TIMEOUT_ERR},
   };
@@ -55,7 +59,7 @@ TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
   EXPECT_EQ(modem_.client_ids.get().size(), 1u);
 }
 
-TEST_F(ClientTest, RefusesWhatIsNoHandleOrNoMessage) {
+TEST_P(BothRules, RefusesWhatIsNoHandleNoMessageOrNoCallback) {
   qmi_client_type handle = nullptr;
   EXPECT_EQ(open(&handle, 4, nullptr), QMI_CLIENT_PARAM_ERR);
   EXPECT_EQ(open(nullptr), QMI_CLIENT_PARAM_ERR);
@@ -71,23 +75,26 @@ TEST_F(ClientTest, RefusesWhatIsNoHandleOrNoMessage) {
   constexpr unsigned kLength = sizeof async_response_;
   const struct {
     unsigned id, request_length, response_length;
-    int error;
+    int forgiving, phone;  // QMI_TIMEOUT_ERR: the request is sent
   } sends[] = {
-      {0x7777, 1, kLength, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND},
-      {0x10000 + kDrx, 1, kLength, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND},
-      {kDrx, 0, kLength, QMI_IDL_LIB_BUFFER_TOO_SMALL},
-      {kDrx, 1, kLength - 1, QMI_IDL_LIB_BUFFER_TOO_SMALL},
+      {0x7777, 1, kLength, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND},
+      {0x10000 + kDrx, 1, kLength, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND, QMI_IDL_LIB_MESSAGE_ID_NOT_FOUND},
+      {kDrx, 0, kLength, QMI_IDL_LIB_BUFFER_TOO_SMALL, QMI_TIMEOUT_ERR},
+      {kDrx, 2, kLength, QMI_TIMEOUT_ERR, QMI_CLIENT_PARAM_ERR},
+      {kDrx, 1, kLength - 1, QMI_IDL_LIB_BUFFER_TOO_SMALL, QMI_IDL_LIB_BUFFER_TOO_SMALL},
   };
-  uint8_t request = 0;
+  uint8_t request[2] = {};
   void* const to = &async_response_;
-  for (const auto& [id, size, room, error] : sends) {
-    EXPECT_EQ(qmi_client_send_msg_sync(handle, id, &request, size, to, room, 1000), error);
-    EXPECT_EQ(qmi_client_send_msg_async(handle, id, &request, size, to, room, on_response, this, nullptr), error);
+  for (const auto& [id, size, room, forgiving, phone] : sends) {
+    const int error = by_rules(forgiving, phone);
+    EXPECT_EQ(qmi_client_send_msg_sync(handle, id, request, size, to, room, 10), error);
+    EXPECT_EQ(qmi_client_send_msg_async(handle, id, request, size, to, room, on_response, this, nullptr),
+              error == QMI_TIMEOUT_ERR ? QMI_NO_ERR : error);
   }
-  EXPECT_EQ(modem_.requests.get().size(), 0u);
+  EXPECT_EQ(qmi_client_register_error_cb(handle, nullptr, nullptr), by_rules(QMI_NO_ERR, QMI_CLIENT_PARAM_ERR));
 }
 
-TEST_F(ClientTest, TakesOnlyItsOwnResponse) {
+TEST_P(BothRules, ASenderTakesOnlyItsOwnResponse) {
   const qmi_client_type handle = connect();
   Exchange late = begin(handle, 30);
   EXPECT_EQ(late.outcome.get(), Outcome(QMI_TIMEOUT_ERR, 0));
@@ -104,16 +111,17 @@ TEST_F(ClientTest, TakesOnlyItsOwnResponse) {
 
   Bytes cut = message(2, 0, kDrx, drx_response(5));
   cut.resize(cut.size() - 7);  // by a whole TLV, which the header still counts
-  for (auto [response, error] : {std::pair(cut, QMI_IDL_LIB_LENGTH_INCONSISTENCY),
-                                 std::pair(message(2, 0, kDrx, {}), QMI_IDL_LIB_MISSING_TLV)}) {
-    Exchange broken = begin(handle);
+  const int cut_error = by_rules<int>(QMI_IDL_LIB_LENGTH_INCONSISTENCY, QMI_TIMEOUT_ERR);
+  for (auto [response, error] :
+       {std::pair(cut, cut_error), std::pair(message(2, 0, kDrx, {}), int{QMI_IDL_LIB_MISSING_TLV})}) {
+    Exchange broken = begin(handle, error == QMI_TIMEOUT_ERR ? 100 : 60'000);
     response[1] = static_cast<uint8_t>(broken.request.transaction);
     modem_.send(0, kNasId, broken.request.client, response);
     EXPECT_EQ(broken.outcome.get().first, error);
   }
 }
 
-TEST_F(ClientTest, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
+TEST_P(BothRules, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
   const qmi_client_type handle = connect_with_error_callback();
   modem_.server.send(0, {0x01, 12, 1, 0x80, kNasId, 1, 4, 0, 0, 1, 0, 0, 0});  // 256 bytes more are to come
   EXPECT_EQ(get_drx(handle, 500).first, QMI_TIMEOUT_ERR);
@@ -124,7 +132,7 @@ TEST_F(ClientTest, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
   EXPECT_EQ(events(1), (Events{"error -2"}));
 }
 
-TEST_F(ClientTest, SendersGetTheirOwnResponsesInAnyOrder) {
+TEST_P(BothRules, SendersGetTheirOwnResponsesInAnyOrder) {
   const qmi_client_type handle = connect();
   for (const size_t first : {size_t{0}, size_t{1}}) {
     Exchange exchanges[] = {begin(handle), begin(handle)};
@@ -133,7 +141,7 @@ TEST_F(ClientTest, SendersGetTheirOwnResponsesInAnyOrder) {
   }
 }
 
-TEST_F(ClientTest, IndicationsAndResponsesComeInOrderOnAnotherThread) {
+TEST_P(BothRules, IndicationsAndResponsesComeInOrderOnAnotherThread) {
   const qmi_client_type handle = connect();
   qmi_txn_handle transaction = nullptr;
   ASSERT_EQ(send_async(handle, &transaction), QMI_NO_ERR);
@@ -142,38 +150,43 @@ TEST_F(ClientTest, IndicationsAndResponsesComeInOrderOnAnotherThread) {
   EXPECT_NE(async.transaction, 0);
 
   Exchange sync = begin(handle, 0);
-  modem_.indicate(0, kNasId, async.client, 1, {1, 2, 3});
-  modem_.indicate(0, kNasId, 0xFF, 2);
-  modem_.indicate(0, 0x11, async.client, 99);
-  modem_.respond(async, drx_response(77));
+  modem_.server.send(
+      0, join({frame(kNasId, async.client, message(4, 0, 1, {1, 2, 3})), frame(kNasId, 0xFF, message(4, 0, 2, {})),
+               frame(0x11, async.client, message(4, 0, 99, {})),
+               frame(kNasId, async.client, message(2, async.transaction, kDrx, drx_response(77))),
+               frame(kNasId, async.client, message(4, 0, 3, {}))}));
   EXPECT_EQ(finish(sync, 78), Outcome(0, 78));
-  modem_.indicate(0, kNasId, async.client, 3);
   EXPECT_EQ(events(4), (Events{"indication 1 (3)", "indication 2 (0)", "response 137 0 77", "indication 3 (0)"}));
 }
 
-TEST_F(ClientTest, ACallbackMaySendAndHoldsUpNobodyElse) {
+// By the phone's rules a response is not taken in before the callback ends, so a send of the handle times out.
+TEST_P(BothRules, ACallbackMaySendAndHoldsUpNoOtherHandle) {
   const qmi_client_type slow = connect(), other = connect();
+  const unsigned timeout = by_rules(60'000u, 100u);
+  const auto outcome_of = [](uint8_t drx) { return by_rules(Outcome(0, drx), Outcome(QMI_TIMEOUT_ERR, 0)); };
+  const auto text_of = [](const Outcome& outcome) {
+    return "sync " + std::to_string(outcome.first) + " " + std::to_string(outcome.second);
+  };
   std::latch go_on(1);
   on_callback_.set([&](qmi_client_type handle) {
-    const auto [error, drx] = get_drx(handle);
-    note("sync in callback " + std::to_string(error) + " " + std::to_string(drx));
+    note(text_of(get_drx(handle, timeout)));
+    note(text_of(get_drx(other)));
     go_on.wait();
   });
   modem_.indicate(0, kNasId, 0xFF, 1);
-  const ScriptedRequest request = modem_.receive();
-  modem_.indicate(0, kNasId, 0xFF, 2);
-  modem_.respond(request, drx_response(5));
-  EXPECT_EQ(events(2).back(), "sync in callback 0 5");
+  modem_.respond(modem_.receive(), drx_response(5));
+  modem_.respond(modem_.receive(), drx_response(6));
+  EXPECT_EQ(events(3), (Events{"indication 1 (0)", text_of(outcome_of(5)), "sync 0 6"}));
   on_callback_.set(nullptr);
 
-  for (const qmi_client_type handle : {slow, other}) {  // while the callback goes on
-    Exchange exchange = begin(handle);
-    EXPECT_EQ(finish(exchange, 6), Outcome(0, 6));
-  }
+  modem_.indicate(0, kNasId, 0xFF, 2);
+  Exchange of_slow = begin(slow, timeout), of_other = begin(other);
+  EXPECT_EQ(finish(of_slow, 7), outcome_of(7));
+  EXPECT_EQ(finish(of_other, 8), Outcome(0, 8));
   modem_.indicate(1, kNasId, 0xFF, 3);
-  EXPECT_EQ(events(3).back(), "indication 3 (0)");
+  EXPECT_EQ(events(4).back(), "indication 3 (0)");
   go_on.count_down();
-  EXPECT_EQ(events(4).back(), "indication 2 (0)");
+  EXPECT_EQ(events(5).back(), "indication 2 (0)");
 }
 
 TEST_F(ClientTest, TransactionsUnderWayAreBoundedAndHaveNumbersOfTheirOwn) {
@@ -184,22 +197,19 @@ TEST_F(ClientTest, TransactionsUnderWayAreBoundedAndHaveNumbersOfTheirOwn) {
     ASSERT_EQ(qmi_client_send_msg_sync(handle, kDrx, nullptr, 0, &async_response_, sizeof async_response_, 1000),
               QMI_IDL_LIB_BUFFER_TOO_SMALL);
   }
-  std::vector<ScriptedRequest> requests;
-  int error = QMI_NO_ERR;
-  while (numbers.size() < 1 + 2 * kMost && (error = send_async(handle)) == QMI_NO_ERR) {
-    requests.push_back(modem_.receive());
-    EXPECT_TRUE(numbers.insert(requests.back().transaction).second) << requests.back().transaction;
+  ScriptedRequest last{};
+  for (size_t count = 1; count < kMost; ++count) {
+    last = begin_async(handle);
+    EXPECT_TRUE(numbers.insert(last.transaction).second) << last.transaction;
   }
-  EXPECT_EQ(error, QMI_XPORT_BUSY_ERR);
-  ASSERT_EQ(requests.size(), kMost - 1);
+  EXPECT_EQ(send_async(handle), QMI_XPORT_BUSY_ERR);
   EXPECT_EQ(*numbers.rbegin(), UINT16_MAX) << "the numbers went round, up to the last";
 
   Exchange sync = begin(handle);
   EXPECT_EQ(finish(sync, 1), Outcome(0, 1)) << "who waits for a response finds room";
-  modem_.respond(requests[7], drx_response(2));
+  modem_.respond(last, drx_response(2));
   events(1);
   EXPECT_EQ(send_async(handle), QMI_NO_ERR);
-  EXPECT_EQ(send_async(handle), QMI_XPORT_BUSY_ERR);
 }
 
 TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
@@ -226,7 +236,6 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
 TEST_F(ClientTest, TheOldestIndicationsAreDroppedWhereTooManyWait) {
   constexpr uint16_t kLast = 1300;
   const Bytes payload(60'000, 0x5A);  // the bound is below what kLast of them have
-  const auto name = [](size_t id) { return "indication " + std::to_string(id) + " (60000)"; };
   ::openlog("platform_tests", LOG_PERROR, LOG_USER);
   testing::internal::CaptureStderr();
   const qmi_client_type handle = connect();
@@ -242,17 +251,90 @@ TEST_F(ClientTest, TheOldestIndicationsAreDroppedWhereTooManyWait) {
   EXPECT_EQ(finish(sync, 4), Outcome(0, 4)) << "the response behind them comes through";
   go_on.count_down();
 
-  EXPECT_TRUE(events_.comes_to([&](const Events& events) { return events.back() == name(kLast); }));
+  const std::string last = "indication " + std::to_string(kLast) + " (60000)";
+  EXPECT_TRUE(events_.comes_to([&](const Events& events) { return events.back() == last; }));
   const Events seen = events(0);
   const std::string log = testing::internal::GetCapturedStderr();
   ASSERT_GT(seen.size(), 1000u) << "the bound is generous";
-  ASSERT_LT(seen.size(), 1u + kLast);
-  EXPECT_EQ(seen[0], name(1));
   EXPECT_EQ(seen[1], "response 137 0 1") << "no response is dropped";
-  const size_t first = kLast - (seen.size() - 3);
-  for (size_t i = 2; i < seen.size(); ++i) ASSERT_EQ(seen[i], name(first + i - 2));
+  const size_t dropped = kLast + 1 - seen.size();
+  EXPECT_EQ(seen[2], "indication " + std::to_string(2 + dropped) + " (60000)");
   EXPECT_NE(log.find("0x03"), std::string::npos) << log;
-  EXPECT_NE(log.find(", " + std::to_string(first - 2) + " indications were dropped"), std::string::npos) << log;
+  EXPECT_NE(log.find(", " + std::to_string(dropped) + " indications were dropped"), std::string::npos) << log;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rules, BothRules, testing::Bool(), name_of_rules);
+
+// --- what the phone's rules forbid ---
+
+class PhoneRules : public ClientTest {
+ protected:
+  PhoneRules() {
+    ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+  }
+
+  qmi_client_type handle_ = nullptr;
+};
+
+TEST_F(PhoneRules, ACallThatNeverReturnsEndsTheProcess) {
+  const struct {
+    std::function<void()> provoke;
+    const char* name;
+  } indication = {[this] { modem_.indicate(0, kNasId, 0xFF, 1); }, "an indication callback"},
+    response = {[this] { modem_.respond(begin_async(handle_), drx_response(1)); }, "a response callback"},
+    loss = {[this] { begin_async(handle_), modem_.server.close(0); },
+            "a response callback after the loss of the service"},
+    error = {[this] { qmi_client_register_error_cb(handle_, on_error, this), modem_.server.close(0); },
+             "the error callback"},
+    notify = {[this] { create_notifier(); }, "the notify callback"};
+  const auto send = [](qmi_client_type handle) { get_drx(handle, 0); };
+  const auto send_with_timeout = [](qmi_client_type handle) { get_drx(handle); };
+  const auto send_asynchronously = [this](qmi_client_type handle) { send_async(handle); };
+  const struct {
+    decltype(indication)& callback;
+    std::function<void(qmi_client_type)> call;
+    const char* name;
+    const char* remedy;
+  } cases[] = {
+      {indication, send, "send_msg_sync", "Send on another thread, or use qmi_client_send_msg_async"},
+      {response, send, "send_msg_sync", "Send on another thread, or use qmi_client_send_msg_async"},
+      {loss, send_with_timeout, "send_msg_sync", "Send after the callback has returned"},
+      {loss, send_asynchronously, "send_msg_async", "Send after the callback has returned"},
+      {indication, qmi_client_release, "release", "Release the handle on another thread"},
+      {response, qmi_client_release, "release", "Release the handle on another thread"},
+      {error, qmi_client_release, "release", "Release the handle on another thread"},
+      {notify, qmi_client_release, "release", "Release the handle on another thread"},
+  };
+  for (const auto& each : cases) {
+    const std::string text = std::string("qmi_client_") + each.name + " in " + each.callback.name +
+                             " of the same handle .QMI service 0x03.*" + each.remedy;
+    const auto break_rule = [&] {
+      handle_ = connect();
+      on_callback_.set(each.call);
+      each.callback.provoke();
+      std::this_thread::sleep_for(std::chrono::seconds(20));
+    };
+    EXPECT_EXIT(break_rule(), testing::KilledBySignal(SIGABRT), text);
+  }
+}
+
+// By the clock, so that a slow machine sends as many in a callback's time.
+TEST_F(PhoneRules, IndicationsBehindASlowCallbackAreDroppedAndResponsesAreNot) {
+  constexpr uint16_t kCount = 300;
+  const Bytes payload(10'672, 0x5A);
+  handle_ = connect();
+  on_callback_.set([](qmi_client_type) { std::this_thread::sleep_for(milliseconds(5)); });
+  const auto start = Clock::now();
+  for (uint16_t i = 0; i < kCount; ++i) {
+    std::this_thread::sleep_until(start + milliseconds(i));
+    modem_.indicate(0, kNasId, 0xFF, i, payload);
+  }
+  Exchange exchange = begin(handle_);
+  EXPECT_EQ(finish(exchange, 4), Outcome(0, 4)) << "behind all indications that were kept";
+  const size_t arrived = events(0).size();
+  EXPECT_GE(arrived, 19u) << "as many as the buffer holds";
+  EXPECT_LT(arrived, kCount / 2u);
 }
 
 }  // namespace
