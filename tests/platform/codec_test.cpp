@@ -78,14 +78,10 @@ const Message kRows[] = {
      "1C 0100 AA 1D 0100 AB 1E 0100 AC 1F 0100 AD 20 0100 AE 21 0200 B1B2",
      "0:01A001A101A201A301A401A501A601A701A801A901AA01AB01AC01AD01AE 30:01B1B2"},
     {kNas, kRequest, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, 792, "33 0400 A1A2A3A4", "488:01 492:A1A2A3A4"},
-    {kNas, kRequest, QMI_NAS_GET_CELL_LOCATION_INFO_V01, 1, "", ""},
     {kNas, kRequest, QMI_NAS_BIND_SUBSCRIPTION_V01, 4, "01 0100 A1", "0:A1"},
-    {kNas, kRequest, QMI_NAS_GET_DRX_V01, 1, "", ""},
     {kNas, kRequest, QMI_NAS_SET_AVOID_TRM_V01, 1, "01 0100 A1", "0:A1"},
     {kNas, kRequest, QMI_NAS_SET_LTE_CELL_LOCK_V01, 488, "01 0700 01 A1A2 B1B2B3B4 10 0100 C1",
      "0:01 4:A1A2 8:B1B2B3B4 484:01C1"},
-    {kNas, kResponse, QMI_NAS_REGISTER_INDICATIONS_V01, 8, kFailure, kFailureHeader},
-    {kNas, kResponse, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, 8, kFailure, kFailureHeader},
     {kNas, kResponse, QMI_NAS_GET_CELL_LOCATION_INFO_V01, 3784,
      kFailure + "13 1D00 01 020304 0506 0708090A 0B0C 0D0E 0F 10 11 12 01 1314 15FF 1617 1819 1A1B "
                 "14 1800 01 02 A1A2 A3 A4 A5 00 B1B2 B3 B4 B5 01 C1C2 C3C4 C5C6 C7C8 C9CA "
@@ -93,13 +89,8 @@ const Message kRows[] = {
      kFailureHeader + "424:01 428:01020304 432:0506 436:0708090A 440:0B0C0D0E 444:0F101112 448:01 452:131415FF16171819 "
                       "460:1A1B 532:01 536:01 540:02 544:A1A2A3A4A5 636:B1B2B3B4B5 644:01 648:C1C2C3C4C5C6C7C8C9CA "
                       "3132:01 3136:D1D2D3D4 3148:01 3152:E1E2E3E4"},
-    {kNas, kResponse, QMI_NAS_BIND_SUBSCRIPTION_V01, 8, kFailure, kFailureHeader},
     {kNas, kResponse, QMI_NAS_GET_DRX_V01, 16, kFailure + "10 0400 A1A2A3A4", kFailureHeader + "8:01 12:A1A2A3A4"},
-    {kNas, kResponse, QMI_NAS_SET_AVOID_TRM_V01, 8, kFailure, kFailureHeader},
-    {kNas, kResponse, QMI_NAS_SET_LTE_CELL_LOCK_V01, 8, kFailure, kFailureHeader},
     {kSar, kRequest, QMI_SAR_RF_SET_STATE_V01, 32, "01 0400 A1A2A3A4", "0:A1A2A3A4"},
-    {kSar, kRequest, QMI_SAR_RF_GET_STATE_V01, 1, "", ""},
-    {kSar, kResponse, QMI_SAR_RF_SET_STATE_V01, 8, kFailure, kFailureHeader},
     {kSar, kResponse, QMI_SAR_RF_GET_STATE_V01, 16, kFailure + "10 0400 A1A2A3A4", kFailureHeader + "8:01 12:A1A2A3A4"},
 };
 
@@ -175,11 +166,8 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
       {"failure without the other TLVs", kFailure, 0},
       {"failure with a wrong TLV", kFailure + "03 0100 00", -45},
       {"success without the other TLVs", kSuccess, -46},
-      {"no result", kEight + kText, -46},
       {"unknown mandatory TLV", kGood + "05 0000", -49},
-      {"repeated TLV", kGood + kText, -44},
       {"repeated unknown TLV", kGood + "12 0000 12 0000", -44},
-      {"half a TLV header", kGood + "12 00", -45},
       {"TLV past the message", kGood + "12 0100", -45},
       {"value too short", kSuccess + "03 0700 01020304050607" + kText, -45},
       {"value too long", kSuccess + "03 0900 010203040506070809" + kText, -45},
@@ -187,9 +175,7 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
       {"count above the maximum", kGood + "10 0300 0000 03", -42},
       {"wide count above the maximum", kGood + "11 0200 2D01", -42},
       {"count without its elements", kGood + "11 0400 0200 0101", -45},
-      {"half a count", kGood + "11 0100 02", -45},
       {"inner string past its TLV", kGood + "10 0700 0000 01 09 09 02 61", -45},
-      {"inner string too long", kGood + "10 0600 0000 01 09 09 05", -42},
       {"fixed array cut", kGood + "10 0600 0000 00 0100 01", -45},
   };
   Bytes result;
@@ -227,12 +213,9 @@ TEST(Codec, RefusesUnknownMessagesAndVersions) {
   EXPECT_EQ(encode_from(unknown, Bytes(kSize), 64, result), -43);
   EXPECT_EQ(decode_to(unknown, {}, result), -43);
   uint32_t size = 0;
-  EXPECT_EQ(qmi_idl_get_message_c_struct_len(&kMade, QMI_IDL_INDICATION, 0x5678, &size), -43);
   EXPECT_EQ(qmi_idl_get_message_c_struct_len(nullptr, kResponse, 0x5678, &size), -47);
   EXPECT_EQ(qmi_idl_get_message_c_struct_len(&kMade, kResponse, 0x5678, nullptr), -47);
   EXPECT_EQ(nas_get_service_object_internal_v01(1, 387, 6), nullptr);
-  EXPECT_EQ(nas_get_service_object_internal_v01(2, 388, 6), nullptr);
-  EXPECT_EQ(sar_get_service_object_internal_v01(1, 15, 5), nullptr);
 }
 
 }  // namespace
