@@ -1,6 +1,5 @@
 // A modem that the test plays: it serves CTL by itself and leaves the requests of all other services to the test, one
-// by one. It handles messages; QmuxServer carries them to and from the clients, and sets PELMAR_MODEM to its
-// socket.
+// by one. It sets PELMAR_MODEM to its socket.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -101,79 +100,6 @@ inline UniqueFd listen_on(const std::string& name, int backlog) {
   return listener;
 }
 
-// The modem's end of all QMUX connections, which are numbered from 0.
-class QmuxServer {
- public:
-  // Runs for every message of a client, on a thread of its connection.
-  using Receiver = std::function<void(int connection, uint8_t service, uint8_t client, const Bytes& message)>;
-
-  explicit QmuxServer(Receiver receiver) : receiver_(std::move(receiver)) {
-    ::setenv("PELMAR_MODEM", path_.c_str(), 1);
-  }
-  ~QmuxServer() {
-    ::shutdown(listener_.get(), SHUT_RDWR);
-    accepting_.wait();
-    ::unlink(path_.c_str());
-    const auto& peers = *peers_.change([](std::list<Peer>& list) { return &list; });
-    for (const Peer& peer : peers) ::shutdown(peer.socket.get(), SHUT_RDWR);
-    for (const Peer& peer : peers) peer.serving.wait();
-  }
-
-  void send(int connection, const Bytes& bytes) {
-    const int socket = peer(connection).socket.get();
-    for (size_t sent = 0; sent < bytes.size();) {
-      const ssize_t count = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (count <= 0) return;
-      sent += static_cast<size_t>(count);
-    }
-  }
-  void close(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
-  // By the client, within a minute.
-  bool comes_to_be_closed(int connection) {
-    return peer(connection).serving.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
-  }
-
- private:
-  struct Peer {
-    UniqueFd socket;
-    std::future<void> serving;
-  };
-
-  Peer& peer(int connection) {
-    return *peers_.change([=](std::list<Peer>& peers) { return std::next(peers.begin(), connection); });
-  }
-
-  void accept_peers() {
-    for (int connection = 0;; ++connection) {
-      UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      if (!socket) return;
-      peers_.change([&](std::list<Peer>& peers) {
-        Peer& peer = peers.emplace_back();
-        peer.serving = std::async(std::launch::async, [=, this, fd = socket.get()] { serve(connection, fd); });
-        peer.socket = std::move(socket);
-      });
-    }
-  }
-
-  void serve(int connection, int socket) const {
-    // False where the connection ends before.
-    const auto read = [=](Bytes& bytes) {
-      return ::recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
-    };
-    for (Bytes header(6); read(header);) {
-      Bytes message(u16_at(header, 1) - 5u);
-      if (!read(message)) return;
-      receiver_(connection, header[4], header[5], message);
-    }
-  }
-
-  const Receiver receiver_;
-  const std::string path_ = "/tmp/scripted-modem-" + std::to_string(::getpid());
-  const UniqueFd listener_ = listen_on(path_, 64);
-  SharedValue<std::list<Peer>> peers_;
-  std::future<void> accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
-};
-
 struct ScriptedRequest {
   int connection;
   uint8_t service;
@@ -183,6 +109,7 @@ struct ScriptedRequest {
   Bytes tlvs;
 };
 
+// Its connections are numbered from 0.
 class ScriptedModem {
  public:
   using ClientIds = std::set<std::pair<uint8_t, uint8_t>>;  // service and id
@@ -190,7 +117,17 @@ class ScriptedModem {
   using ControlHook = std::function<bool(int connection, uint16_t id, Bytes& tlvs)>;
   static constexpr uint16_t kGetVersionInfo = 0x0021, kAllocate = 0x0022, kRelease = 0x0023;
 
-  explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {}
+  explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {
+    ::setenv("PELMAR_MODEM", path_.c_str(), 1);
+    accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
+  }
+  ~ScriptedModem() {
+    ::shutdown(listener_.get(), SHUT_RDWR);
+    accepting_.wait();
+    ::unlink(path_.c_str());
+    for (const Peer& peer : peers_) ::shutdown(peer.socket.get(), SHUT_RDWR);
+    for (const Peer& peer : peers_) peer.serving.wait();
+  }
 
   // What the test may change at any time.
   SharedValue<std::set<uint8_t>> services;
@@ -212,32 +149,73 @@ class ScriptedModem {
   }
 
   void respond(const ScriptedRequest& to, const Bytes& tlvs = kSuccess) {
-    send(to.connection, to.service, to.client, message(0x02, to.transaction, to.id, tlvs));
+    send(to.connection, frame(to.service, to.client, message(0x02, to.transaction, to.id, tlvs)));
   }
   void indicate(int connection, uint8_t service, uint8_t client, uint16_t id, const Bytes& tlvs = {}) {
-    send(connection, service, client, message(0x04, 0, id, tlvs));
+    send(connection, frame(service, client, message(0x04, 0, id, tlvs)));
   }
   void revoke(int connection, uint8_t service, uint8_t client) {
     send_control(connection, 0, 2, 0, 0x0024, {0x01, 2, 0, service, client});
   }
   void announce_restart(int connection) { send_control(connection, 0xFF, 2, 0, 0x0027, {}); }
-  void send(int connection, uint8_t service, uint8_t client, const Bytes& message) {
-    server.send(connection, frame(service, client, message));
+  void send(int connection, const Bytes& bytes) {
+    const int socket = peer(connection).socket.get();
+    for (size_t sent = 0; sent < bytes.size();) {
+      const ssize_t count = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (count <= 0) return;
+      sent += static_cast<size_t>(count);
+    }
+  }
+  void close(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
+  // By the client, within a minute.
+  bool comes_to_be_closed(int connection) {
+    return peer(connection).serving.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
   }
 
  private:
-  void send_control(int connection, uint8_t client, uint8_t flags, uint8_t transaction, uint16_t id,
-                    const Bytes& tlvs) {
-    send(connection, 0, client, join({{flags, transaction}, u16(id), u16(tlvs.size()), tlvs}));
+  struct Peer {
+    UniqueFd socket;
+    std::future<void> serving;
+  };
+
+  Peer& peer(int connection) {
+    const std::lock_guard lock(peers_mutex_);
+    return *std::next(peers_.begin(), connection);
   }
 
-  void handle(int connection, uint8_t service, uint8_t client, const Bytes& message) {
-    { const std::lock_guard may_read(reading); }
-    if (service == 0) return handle_control(connection, message);
-    requests.change([&](auto& queue) {
-      queue.push_back({connection, service, client, u16_at(message, 1), u16_at(message, 3),
-                       Bytes(message.begin() + 7, message.end())});
-    });
+  void accept_peers() {
+    for (int connection = 0;; ++connection) {
+      UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!socket) return;
+      const std::lock_guard lock(peers_mutex_);
+      Peer& peer = peers_.emplace_back(std::move(socket));
+      peer.serving = std::async(std::launch::async, [=, this, fd = peer.socket.get()] { serve(connection, fd); });
+    }
+  }
+
+  void serve(int connection, int socket) {
+    // False where the connection ends before.
+    const auto read = [=](Bytes& bytes) {
+      return ::recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
+    };
+    for (Bytes header(6); read(header);) {
+      Bytes message(u16_at(header, 1) - 5u);
+      if (!read(message)) return;
+      { const std::lock_guard may_read(reading); }
+      if (header[4] == 0) {
+        handle_control(connection, message);
+        continue;
+      }
+      requests.change([&](auto& queue) {
+        queue.push_back({connection, header[4], header[5], u16_at(message, 1), u16_at(message, 3),
+                         Bytes(message.begin() + 7, message.end())});
+      });
+    }
+  }
+
+  void send_control(int connection, uint8_t client, uint8_t flags, uint8_t transaction, uint16_t id,
+                    const Bytes& tlvs) {
+    send(connection, frame(0, client, join({{flags, transaction}, u16(id), u16(tlvs.size()), tlvs})));
   }
 
   void handle_control(int connection, const Bytes& request) {
@@ -262,11 +240,12 @@ class ScriptedModem {
     if (!hook || hook(connection, id, tlvs)) send_control(connection, 0, 1, request[1], id, tlvs);
   }
 
+  const std::string path_ = "/tmp/scripted-modem-" + std::to_string(::getpid());
+  const UniqueFd listener_ = listen_on(path_, 64);
   std::atomic<uint8_t> last_client_id_{0};
-
- public:
-  // The last member: its threads use the others.
-  QmuxServer server{[this](auto... message) { handle(message...); }};
+  std::mutex peers_mutex_;
+  std::list<Peer> peers_;
+  std::future<void> accepting_;
 };
 
 }  // namespace pelmar::platform
