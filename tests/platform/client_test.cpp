@@ -221,23 +221,16 @@ INSTANTIATE_TEST_SUITE_P(Rules, BothRules, testing::Bool(), name_of_rules);
 
 // --- what the phone's rules forbid ---
 
-class PhoneRules : public ClientTest {
- protected:
-  PhoneRules() {
-    ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-  }
-
-  qmi_client_type handle_ = nullptr;
-};
-
-TEST_F(PhoneRules, ACallThatNeverReturnsEndsTheProcess) {
+TEST_F(ClientTest, ByThePhonesRulesACallThatNeverReturnsEndsTheProcess) {
+  ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  qmi_client_type own = nullptr;
   using Provoke = std::function<void()>;
   using Call = std::function<void(qmi_client_type)>;
   const Provoke indication = [this] { modem_.indicate(0, kNasId, 0xFF, 1); };
-  const Provoke response = [this] { modem_.respond(begin_async(handle_), drx_response(1)); };
-  const Provoke loss = [this] { begin_async(handle_), modem_.close(0); };
-  const Provoke error = [this] { qmi_client_register_error_cb(handle_, on_error, this), modem_.close(0); };
+  const Provoke response = [&] { modem_.respond(begin_async(own), drx_response(1)); };
+  const Provoke loss = [&] { begin_async(own), modem_.close(0); };
+  const Provoke error = [&] { qmi_client_register_error_cb(own, on_error, this), modem_.close(0); };
   const Provoke notify = [this] { create_notifier(); };
   const Call send = [](auto handle) { get_drx(handle, 0); }, send_with_timeout = [](auto handle) { get_drx(handle); };
   const Call send_asynchronously = [this](auto handle) { send_async(handle); };
@@ -258,7 +251,7 @@ TEST_F(PhoneRules, ACallThatNeverReturnsEndsTheProcess) {
   };
   for (const auto& each : cases) {
     const auto break_rule = [&] {
-      handle_ = connect();
+      own = connect();
       on_callback_.set(each.call);
       each.provoke();
       std::this_thread::sleep_for(std::chrono::seconds(20));
@@ -268,17 +261,18 @@ TEST_F(PhoneRules, ACallThatNeverReturnsEndsTheProcess) {
 }
 
 // By the clock, so that a slow machine sends as many in a callback's time.
-TEST_F(PhoneRules, IndicationsBehindASlowCallbackAreDroppedAndResponsesAreNot) {
+TEST_F(ClientTest, ByThePhonesRulesIndicationsBehindASlowCallbackAreDroppedAndResponsesAreNot) {
+  ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   constexpr uint16_t kCount = 300;
   const Bytes payload(10'672, 0x5A);
-  handle_ = connect();
+  const qmi_client_type handle = connect();
   on_callback_.set([](qmi_client_type) { std::this_thread::sleep_for(milliseconds(5)); });
   const auto start = Clock::now();
   for (uint16_t i = 0; i < kCount; ++i) {
     std::this_thread::sleep_until(start + milliseconds(i));
     modem_.indicate(0, kNasId, 0xFF, i, payload);
   }
-  Exchange exchange = begin(handle_);
+  Exchange exchange = begin(handle);
   EXPECT_EQ(finish(exchange, 4), Outcome(0, 4)) << "behind all indications that were kept";
   const size_t arrived = events(0).size();
   EXPECT_GE(arrived, 19u) << "as many as the buffer holds";

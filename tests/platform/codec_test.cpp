@@ -209,9 +209,6 @@ TEST(Codec, RefusesUnknownMessagesAndVersions) {
   const Message unknown = {&kMade, kRequest, 0x0022, kSize, "", ""};
   EXPECT_EQ(encode_from(unknown, Bytes(kSize), 64, result), -43);
   EXPECT_EQ(decode_to(unknown, {}, result), -43);
-  uint32_t size = 0;
-  EXPECT_EQ(qmi_idl_get_message_c_struct_len(nullptr, kResponse, 0x5678, &size), -47);
-  EXPECT_EQ(qmi_idl_get_message_c_struct_len(&kMade, kResponse, 0x5678, nullptr), -47);
   EXPECT_EQ(nas_get_service_object_internal_v01(1, 387, 6), nullptr);
 }
 

