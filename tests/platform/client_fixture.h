@@ -124,8 +124,9 @@ class ClientTest : public testing::Test {
   }
   static void on_call(void* data, qmi_client_type handle, const std::string& event) {
     auto* const test = static_cast<ClientTest*>(data);
+    const auto function = test->on_callback_.get();
     test->note(event);
-    if (const auto function = test->on_callback_.get()) function(handle);
+    if (function) function(handle);
   }
 
   ScriptedModem modem_{{kNasId}};

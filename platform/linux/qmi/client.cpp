@@ -67,7 +67,7 @@ void Client::run() {
       void* const data = error_data_;
       lock.unlock();
       FrameworkThread::run_callback([&] {
-        const RunningCallback running(this, kErrorCallback);
+        const RunningCallback running(this, "the error callback");
         function(handle_, QMI_SERVICE_ERR, data);
       });
       lock.lock();
@@ -168,7 +168,7 @@ int32_t Client::register_error_callback(qmi_client_error_cb function, void* data
     is_error_due_ = false;
   }
   const auto call = [&] {
-    const RunningCallback running(this, kErrorCallback);
+    const RunningCallback running(this, "the error callback");
     function(handle_, QMI_SERVICE_ERR, data);
   };
   if (function != nullptr && !caller_callbacks_.run(call)) return QMI_CLIENT_INVALID_CLNT;

@@ -124,8 +124,8 @@ class Client : public std::enable_shared_from_this<Client> {
   static constexpr size_t kMostWaitingBytes = size_t{64} << 20;
   static size_t waiting_bytes_of(const Event& event);
 
-  static constexpr const char* kErrorCallback = "the error callback";
-  static constexpr const char* kLossCallback = "a response callback after the loss of the service";
+  // An array, because its address identifies the callback.
+  static constexpr char kLossCallback[] = "a response callback after the loss of the service";
 
   // Whether the callback reports the loss of the service by the phone's rules.
   static bool is_lost(const Transaction& transaction) {
