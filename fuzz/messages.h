@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
-#include <string_view>
 #include <vector>
 
 #include "idl_tables.h"
@@ -59,8 +58,6 @@ struct Input {
   std::span<const uint8_t> rest;
 };
 
-// --- messages ---
-
 struct Message {
   qmi_idl_service_object_type service;
   qmi_idl_type_of_message_type type;
@@ -90,37 +87,33 @@ inline std::vector<Message> make_catalogue(bool to_modem) {
   return messages;
 }
 
-// The message of the input.
 inline const Message& message_of(const Input& input, bool to_modem) {
   static const std::vector<Message> catalogues[] = {make_catalogue(false), make_catalogue(true)};
   return catalogues[to_modem][input.number % catalogues[to_modem].size()];
 }
 
-inline int32_t decode(const Message& message, std::span<const uint8_t> wire, Bytes& structure) {
-  const Bytes exact(wire.begin(), wire.end());
+inline int32_t decode(const Message& message, const Bytes& wire, Bytes& structure) {
   structure.assign(message.structure_length, 0xEE);  // what the decoder forgets to write shows
-  return qmi::decode(message.service, message.type, message.id, exact.data(), exact.size(), structure.data(),
+  return qmi::decode(message.service, message.type, message.id, wire.data(), wire.size(), structure.data(),
                      structure.size());
 }
 
 // `capacity` bytes of room; `wire` gets the size of the encoded message.
 inline int32_t encode(const Message& message, const Bytes& structure, size_t capacity, Bytes& wire) {
   wire.assign(capacity, 0);
-  uint8_t nowhere;
   size_t length = 0;
   const int32_t error = qmi::encode(message.service, message.type, message.id, structure.data(), structure.size(),
-                                    capacity > 0 ? wire.data() : &nowhere, capacity, &length);
+                                    wire.data(), capacity, &length);
   require(length <= capacity && (error == QMI_IDL_LIB_NO_ERR || length == 0));
   wire.resize(length);
   return error;
 }
 
 inline void fill(const qmi::Element& element, uint32_t most, uint8_t* structure) {
-  constexpr std::string_view kPath = "../../x/";  // texts are paths, so this one tries to leave
   uint8_t* const at = structure + element.offset;
   const uint32_t count = element.is_variable ? std::min<uint32_t>(most, element.maximum) : element.maximum;
   if (element.kind == QMI_IDL_KIND_STRING) {
-    for (uint32_t i = 0; i < count; ++i) at[i] = static_cast<uint8_t>(kPath[i % kPath.size()]);
+    std::memset(at, '.', count);  // texts are paths
     at[count] = 0;
     return;
   }
@@ -155,15 +148,13 @@ inline Bytes make_wire(const Message& message, uint32_t most) {
   return wire;
 }
 
-// --- frames ---
-
 inline constexpr uint8_t kClient = 1;  // the client id in frames of services
 
 // Requests go to the modem, all others come from it.
 inline Bytes make_frame(qmi::MessageKind kind, uint8_t service, uint8_t transaction, uint16_t id, const Bytes& tlvs) {
   Bytes bytes(qmi::kMaxFrameLength);
-  const bool to_modem = kind == qmi::MessageKind::kRequest;
-  qmi::FrameWriter writer(to_modem ? qmi::Direction::kToModem : qmi::Direction::kFromModem, bytes);
+  using enum qmi::Direction;
+  qmi::FrameWriter writer(kind == qmi::MessageKind::kRequest ? kToModem : kFromModem, bytes);
   writer.start(service, service == qmi::kControlService ? qmi::kNoClient : kClient, kind, transaction, id);
   writer.add_tlvs(tlvs);
   bytes.resize(writer.finish().size());

@@ -58,8 +58,6 @@ TEST_P(BothRules, EverySendEndsAtOnceWhenTheServiceGoes) {
     EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
     EXPECT_EQ(events(0).size(), 4u) << "a registration that comes too late calls back before it returns";
-    EXPECT_TRUE(modem_.comes_to_be_closed(connection));
-    EXPECT_EQ(events(0).size(), 4u) << "one call for each registration";
   }
   modem_.client_ids.set({});  // this modem frees no void ids
 }
@@ -127,8 +125,6 @@ TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback)
   on_callback_.set([this](qmi_client_type self) { note("released " + std::to_string(qmi_client_release(self))); });
   modem_.services.set({kNasId});
   EXPECT_EQ(events(2), (Events{"event 0", "released 0"}));
-  create_notifier();
-  EXPECT_EQ(events(0).size(), 4u) << "during its registration";
 }
 
 // 10 ms after the first loss, then ever longer.
