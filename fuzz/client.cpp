@@ -24,8 +24,7 @@ using namespace pelmar;
 
 namespace {
 
-// The modem's responses while a connection is opened: the proxy is open, there is the service, this is the client id.
-// The result is looked for by its number, so it may stand behind the value.
+// The modem's responses while a connection is opened. Their result TLV may stand behind the value.
 Bytes opening() {
   const auto respond = [](uint8_t transaction, uint16_t id, const Bytes& value) {
     const Bytes tlvs = join({{0x01, static_cast<uint8_t>(value.size()), 0}, value, {0x02, 4, 0, 0, 0, 0, 0}});
