@@ -15,11 +15,6 @@ using Kind = ModemAddress::Kind;
 constexpr std::string_view kQrtrPrefix = "qrtr:";
 constexpr std::string_view kProxyPrefix = "proxy:";
 
-bool is_character_device(const std::string& path) {
-  struct stat found {};
-  return ::stat(path.c_str(), &found) == 0 && S_ISCHR(found.st_mode);
-}
-
 std::optional<uint32_t> parse_node(std::string_view text) {
   uint32_t node = 0;
   const char* const end = text.data() + text.size();
@@ -29,6 +24,11 @@ std::optional<uint32_t> parse_node(std::string_view text) {
 }
 
 }  // namespace
+
+bool is_character_device(const std::string& path) {
+  struct stat found {};
+  return ::stat(path.c_str(), &found) == 0 && S_ISCHR(found.st_mode);
+}
 
 std::optional<ModemAddress> parse_modem_address(const std::string& text) {
   if (text == "qrtr") return ModemAddress{Kind::kQrtr, ""};

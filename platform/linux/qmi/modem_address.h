@@ -26,6 +26,8 @@ inline constexpr const char* kModemAddressForms =
     "the forms are @NAME or the path of a Unix socket, the path of a character device such as /dev/cdc-wdm0, "
     "proxy:DEVICE, qrtr and qrtr:NODE";
 
+bool is_character_device(const std::string& path);
+
 // Nothing for a text that has none of the forms. A path contains a slash. @qmi-proxy is short for proxy:/dev/cdc-wdm0.
 std::optional<ModemAddress> parse_modem_address(const std::string& text);
 

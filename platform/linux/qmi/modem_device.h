@@ -1,9 +1,9 @@
 // A modem's character device, shared by the connections of this process.
 //
-// One process at a time has the device open. Each QmuxLink sends its frames to the device itself. A thread of the device
-// reads it, or a link that waits for a response does, so that the response wakes no second thread. The reader takes its
-// own frames, and passes the others to the links that they are for, over sockets. The device is closed with its last
-// link.
+// One process at a time has the device open. Each QmuxLink sends its frames to the device itself. A thread of the
+// device reads it, or a link that waits for a response does, so that the response wakes no second thread. The reader
+// takes its own frames, and passes the others to the links that they are for, over sockets. The device is closed with
+// its last link.
 #pragma once
 
 #include <cstdint>

@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,11 +24,6 @@ constexpr Deadline::Milliseconds kPause{10};
 
 // Between two attempts of a process: a notifier looks for the modem several times a second.
 constexpr Deadline::Clock::duration kRetryPause = std::chrono::seconds(5);
-
-bool is_device(const std::string& path) {
-  struct stat file {};
-  return ::stat(path.c_str(), &file) == 0 && S_ISCHR(file.st_mode);
-}
 
 bool may_try_now() {
   using Time = Deadline::Clock::duration;
@@ -65,7 +59,7 @@ int start_detached(const char* program) {
 }  // namespace
 
 Problem start_qmi_proxy(const std::string& device, const Deadline& deadline) {
-  if (!is_device(device)) return {"no qmi-proxy runs, and there is no character device " + device, true};
+  if (!is_character_device(device)) return {"no qmi-proxy runs, and there is no character device " + device, true};
   if (!may_try_now()) return {"no qmi-proxy runs", true};
   const char* program = nullptr;
   for (const char* const path : kPrograms) {

@@ -75,6 +75,8 @@ Problem QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
   if (outcome == Outcome::kSuccess) return {};
   Problem problem = {"the process that serves it does not respond in QMUX", true};
   if (outcome == Outcome::kFailure) problem = {"the proxy cannot open " + device, true};
+  if (address.kind == ModemAddress::Kind::kProxy && !is_character_device(device))
+    problem = {"there is no character device " + device, true};
   if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
   close();
   return problem;
