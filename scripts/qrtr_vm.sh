@@ -32,7 +32,8 @@ prepare() (
   [ ! -e "$vm/ready" ] || return 0
   cd "$vm"
   kernel=$(apt-cache depends linux-image-amd64 | sed -n 's/.*Depends: \(linux-image-[0-9][^ ]*\)$/\1/p')
-  apt-get download -qq "$kernel" busybox-static qrtr-tools 2>/dev/null
+  apt-get download -qq "$kernel" busybox-static qrtr-tools ||
+    { echo "qrtr_vm: cannot download $kernel, busybox-static and qrtr-tools: run apt-get update" >&2; exit 1; }
   for package in ./*.deb; do
     dpkg-deb --fsys-tarfile "$package" | tar -x --wildcards --no-anchored 'vmlinuz-*' qrtr.ko busybox qrtr-lookup \
       2>/dev/null || true  # tar complains about what the other packages have

@@ -143,7 +143,7 @@ void add_number(CLI::App& app, const std::string& name, const char* unit, const 
 }
 
 CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
-  CLI::App* const serve = app.add_subcommand("serve", "serve QMUX clients on a socket until ended");
+  CLI::App* const serve = app.add_subcommand("serve", "serve clients until ended");
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
       ->default_val(kDefaultModem);
   serve->add_option("--device", options.device,

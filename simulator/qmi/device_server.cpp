@@ -43,13 +43,17 @@ UniqueFd make_terminal() {
   return terminal;
 }
 
-void make_link(const UniqueFd& terminal, const std::string& path) {
+std::string name_of(const UniqueFd& terminal) {
   char name[128];
   if (ptsname_r(terminal.get(), name, sizeof name) != 0) throw failure("cannot name the pseudo-terminal");
+  return name;
+}
+
+void make_link(const std::string& terminal, const std::string& path) {
   struct stat file {};
   const bool is_link = lstat(path.c_str(), &file) == 0 && S_ISLNK(file.st_mode);
-  if (is_link) unlink(path.c_str());  // of a process that was killed, or of the device before it went away
-  if (symlink(name, path.c_str()) != 0) throw failure("cannot make the device's link '" + path + "'");
+  if (is_link) unlink(path.c_str());  // of a process that was killed
+  if (symlink(terminal.c_str(), path.c_str()) != 0) throw failure("cannot make the device's link '" + path + "'");
 }
 
 }  // namespace
@@ -163,17 +167,25 @@ DeviceServer::DeviceServer(EventLoop& loop, Connections& connections, std::strin
 DeviceServer::~DeviceServer() {
   loop_.cancel(timer_);
   if (connection_) connection_->stop();
-  unlink(path_.c_str());
+  remove_link();
 }
 
 void DeviceServer::plug_in() {
   UniqueFd terminal = make_terminal();
-  make_link(terminal, path_);
+  terminal_ = name_of(terminal);
+  make_link(terminal_, path_);
   connection_ = connections_.add<DeviceConnection>(*this, std::move(terminal));
 }
 
+// Another modem may have made a link of its own at this path.
+void DeviceServer::remove_link() const {
+  char target[128];
+  const ssize_t length = readlink(path_.c_str(), target, sizeof target);
+  if (length > 0 && std::string(target, static_cast<size_t>(length)) == terminal_) unlink(path_.c_str());
+}
+
 void DeviceServer::unplug() {
-  unlink(path_.c_str());
+  remove_link();
   loop_.post([gone = std::move(connection_)] {});
   timer_ = loop_.after(kAway, [this] {
     try {

@@ -29,10 +29,12 @@ class DeviceServer final {
 
   void plug_in();
   void unplug();
+  void remove_link() const;
 
   EventLoop& loop_;
   Connections& connections_;
   const std::string path_;
+  std::string terminal_;                          // where the link leads
   std::shared_ptr<DeviceConnection> connection_;  // null while the device is away
   EventLoop::TimerId timer_{};
 };

@@ -120,7 +120,8 @@ CommandLine::CommandLine()
   global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
   global.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
   global.add_flag("--phone-rules", settings_.phone_rules,
-                  "end with a message where a callback would never return on a phone");
+                  "give callbacks and requests the rules of a phone's framework; a call that would never return there "
+                  "ends with a message");
   global.add_number("--timeout", settings_.seconds, "end with an error after that many seconds", {.type = "SECONDS"},
                     UINT32_MAX, 1);
   add_info_command(*this);

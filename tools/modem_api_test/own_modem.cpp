@@ -49,9 +49,8 @@ std::string find_program() {
     const fs::path program = directory / kProgram;
     if (access(program.c_str(), X_OK) == 0) return program;
   }
-  throw Failure(
-      kStep, std::string("no program ") + kProgram + " is in this program's directory, nor in ../bin",
-      std::string("Build it, set ") + kProgramVariable + " to its path, or name a modem with --modem SOCKET.");
+  throw Failure(kStep, std::string("no program ") + kProgram + " is in this program's directory, nor in ../bin",
+                std::string("Build it, set ") + kProgramVariable + " to its path, or name a modem with --modem.");
 }
 
 enum class Start { kReady, kEnded, kTooLate };
@@ -212,7 +211,7 @@ Modem reach_own_modem() {
     if (!problem.empty()) std::this_thread::sleep_for(kPauseBetweenAttempts);
   }
   if (problem.empty()) problem = "it started, but does not respond on " + place.socket;
-  throw Failure(kStep, problem, "Its log is " + place.log + "; --modem SOCKET names another modem.");
+  throw Failure(kStep, problem, "Its log is " + place.log + "; --modem names another modem.");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +12,8 @@ namespace pelmar::platform {
 // A service that a modem lists. Over QRTR, `major` is the version that the service published, and `minor` is 0.
 struct ListedService {
   uint32_t number;
-  uint32_t instance;  // QRTR; 0 over QMUX
-  uint32_t node;      // QRTR; 0 over QMUX
+  uint32_t instance;             // QRTR; 0 over QMUX
+  std::optional<uint32_t> node;  // QRTR; none over QMUX
   uint32_t major;
   uint32_t minor;
 };

@@ -44,9 +44,18 @@ std::optional<ModemAddress> parse_modem_address(const std::string& text) {
     return ModemAddress{Kind::kProxy, std::move(device)};
   }
   const bool is_path = !is_abstract(text) && text.find('/') != text.npos;
-  if (is_path && is_character_device(text)) return ModemAddress{Kind::kDevice, text};
-  if ((is_path || is_abstract(text)) && unix_address(text)) return ModemAddress{Kind::kQmuxSocket, text};
-  return std::nullopt;
+  if (!is_path && !is_abstract(text)) return std::nullopt;
+  const bool is_device_name = text.starts_with("/dev/");
+  const ModemAddress address = look_at_path({is_device_name ? Kind::kDevice : Kind::kQmuxSocket, text});
+  return address.kind == Kind::kDevice || unix_address(text) ? std::optional(address) : std::nullopt;
+}
+
+ModemAddress look_at_path(ModemAddress address) {
+  if (address.kind != Kind::kQmuxSocket && address.kind != Kind::kDevice) return address;
+  struct stat found {};
+  const bool exists = !is_abstract(address.path) && ::stat(address.path.c_str(), &found) == 0;
+  if (exists) address.kind = S_ISCHR(found.st_mode) ? Kind::kDevice : Kind::kQmuxSocket;
+  return address;
 }
 
 }  // namespace pelmar::platform

@@ -28,6 +28,9 @@ inline constexpr const char* kModemAddressForms =
 
 bool is_character_device(const std::string& path);
 
+// The address with what its path is now: a modem may come as a socket or as a device after the address was parsed.
+ModemAddress look_at_path(ModemAddress address);
+
 // Nothing for a text that has none of the forms. A path contains a slash. @qmi-proxy is short for proxy:/dev/cdc-wdm0.
 std::optional<ModemAddress> parse_modem_address(const std::string& text);
 

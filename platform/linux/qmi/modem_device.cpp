@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -41,32 +42,46 @@ constexpr size_t kMostWaitingBytes = size_t{1} << 20;
 
 // --- opening ---
 
-std::string kernel_driver(dev_t device) {
-  const std::string link =
-      "/sys/dev/char/" + std::to_string(major(device)) + ":" + std::to_string(minor(device)) + "/device/driver";
-  char target[256];
-  const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
-  const std::string path(target, static_cast<size_t>(std::max<ssize_t>(length, 0)));
-  return path.substr(path.rfind('/') + 1);
+bool is_pseudo_terminal(const struct stat& file) {
+  return major(file.st_rdev) >= 136 && major(file.st_rdev) <= 143;
 }
 
-bool has_open(const std::string& process, dev_t device) {
+bool speaks_mbim(const std::string& path, const struct stat& device) {
+  const std::string entry =
+      "/sys/dev/char/" + std::to_string(major(device.st_rdev)) + ":" + std::to_string(minor(device.st_rdev));
+  std::error_code error;
+  const auto driver = std::filesystem::read_symlink(entry + "/device/driver", error).filename();
+  const auto name = std::filesystem::canonical(path, error).filename().string();
+  return driver == "cdc_mbim" || name.find("mbim") != name.npos || read_small_file(entry + "/type") == "MBIM\n";
+}
+
+// Terminals of several file systems, as containers have them, share their numbers.
+bool is_same(const struct stat& one, const struct stat& other) {
+  if (!S_ISCHR(one.st_mode) || one.st_rdev != other.st_rdev) return false;
+  return !is_pseudo_terminal(one) || (one.st_dev == other.st_dev && one.st_ino == other.st_ino);
+}
+
+// We look only at descriptors below /dev, because a file on a network may block us.
+bool has_open(const std::string& process, const struct stat& device) {
   const std::string directory = "/proc/" + process + "/fd";
   DIR* const descriptors = ::opendir(directory.c_str());
   bool is_found = false;
   while (descriptors != nullptr && !is_found) {
     const dirent* const entry = ::readdir(descriptors);
     if (entry == nullptr) break;
+    const std::string descriptor = directory + "/" + entry->d_name;
+    char target[5];
     struct stat file {};
-    is_found = ::stat((directory + "/" + entry->d_name).c_str(), &file) == 0 && S_ISCHR(file.st_mode) &&
-               file.st_rdev == device;
+    is_found = ::readlink(descriptor.c_str(), target, sizeof target) == sizeof target &&
+               std::memcmp(target, "/dev/", sizeof target) == 0 && ::stat(descriptor.c_str(), &file) == 0 &&
+               is_same(file, device);
   }
   if (descriptors != nullptr) ::closedir(descriptors);
   return is_found;
 }
 
 // Another process that has the device open, as far as this user may see; empty: none.
-std::string find_other_user(dev_t device) {
+std::string find_other_user(const struct stat& device) {
   std::string found;
   DIR* const processes = ::opendir("/proc");
   while (processes != nullptr && found.empty()) {
@@ -83,13 +98,13 @@ std::string find_other_user(dev_t device) {
   return "process " + found + " (" + name + ")";
 }
 
-std::string describe_use(const std::string& path, dev_t device) {
+std::string describe_use(const std::string& path, const struct stat& device) {
   const std::string user = find_other_user(device);
   return (user.empty() ? "another process" : user) +
          " has it open: end that process, or share the device with --modem proxy:" + path;
 }
 
-std::string describe_failure(const std::string& path, int error, dev_t device) {
+std::string describe_failure(const std::string& path, int error, const struct stat& device) {
   if (error == EBUSY) return describe_use(path, device);
   if (error == EACCES || error == EPERM) {
     return "this user may not open it: run as root, or add the user to the group that owns it (ls -l " + path + ")";
@@ -97,14 +112,15 @@ std::string describe_failure(const std::string& path, int error, dev_t device) {
   return std::strerror(error);
 }
 
-// Every byte passes unchanged, and the bytes that waited for an earlier user are dropped.
-bool prepare_terminal(int terminal) {
+// Every byte passes unchanged, and the bytes that waited for an earlier user are dropped. A pseudo-terminal would
+// remain exclusive after it is closed.
+bool prepare_terminal(int terminal, const struct stat& file) {
   termios settings{};
   if (::tcgetattr(terminal, &settings) != 0) return false;
   ::cfmakeraw(&settings);
   settings.c_cflag |= CLOCAL | CREAD;
-  return ::tcsetattr(terminal, TCSANOW, &settings) == 0 && ::ioctl(terminal, TIOCEXCL) == 0 &&
-         ::tcflush(terminal, TCIOFLUSH) == 0;
+  if (!is_pseudo_terminal(file)) ::ioctl(terminal, TIOCEXCL);
+  return ::tcsetattr(terminal, TCSANOW, &settings) == 0 && ::tcflush(terminal, TCIFLUSH) == 0;
 }
 
 // Opens the device for this process alone. Without a descriptor, `problem` says why and what to do.
@@ -118,21 +134,23 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
     problem = {"it is no character device"};
     return {};
   }
-  if (kernel_driver(file.st_rdev) == "cdc_mbim" || path.find("mbim") != path.npos) {
+  if (speaks_mbim(path, file)) {
     problem = {"it speaks MBIM, not QMI: switch the modem to its QMI mode, or name its QMI device"};
     return {};
   }
+  // The kernel's drivers let several processes open such a device, and each would get a part of the bytes. Of two
+  // programs like this one the lock admits one.
+  const std::string user = find_other_user(file);
   ProcessFd device([&path] { return ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); });
   if (!device) {
-    problem = {describe_failure(path, errno, file.st_rdev)};
+    problem = {describe_failure(path, errno, file)};
     return {};
   }
-  // The kernel's drivers let several processes open such a device, and each would get a part of the bytes.
-  if (::flock(device.get(), LOCK_EX | LOCK_NB) != 0 || !find_other_user(file.st_rdev).empty()) {
-    problem = {describe_use(path, file.st_rdev)};
+  if (::flock(device.get(), LOCK_EX | LOCK_NB) != 0 || !user.empty()) {
+    problem = {describe_use(path, file)};
     return {};
   }
-  if (::isatty(device.get()) != 0 && !prepare_terminal(device.get())) {
+  if (::isatty(device.get()) != 0 && !prepare_terminal(device.get(), file)) {
     problem = {std::string("its terminal settings cannot be changed: ") + std::strerror(errno)};
     return {};
   }
@@ -143,7 +161,8 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
 
 // --- sharing ---
 
-// One mutex guards all state. Nobody waits under it but for the end of a reader.
+// One mutex guards all state. goes_on() waits for a reader's end while it holds the registry's mutex; no thread waits
+// while it holds the device's.
 class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
  public:
   // The open devices of this process. A child of fork() starts without any.
@@ -165,7 +184,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   uint64_t add(ProcessFd socket);
 
   SendStatus send(uint64_t link, Bytes frame);
-  SendStatus flush(const Deadline& deadline);
+  SendStatus flush(uint64_t link, const Deadline& deadline);
   ReadStatus receive(uint64_t link, int socket, std::span<uint8_t> room, const Deadline& deadline, size_t& received);
 
  private:
@@ -187,6 +206,13 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
     bool is_full = false;
   };
 
+  // A frame that the device does not take yet.
+  struct Unwritten {
+    uint64_t link;
+    std::vector<uint8_t> bytes;
+    bool has_begun;  // the device has a part of it
+  };
+
   // A request to CTL whose response has not arrived.
   struct ControlRequest {
     uint64_t link = 0;  // 0: none
@@ -203,6 +229,8 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   void send_to(uint64_t number, Bytes bytes);
   void send_to_all(Bytes bytes);
   void flush(uint64_t number, Link& link);
+  void erase_ended_links();
+  void release_id(uint8_t service, uint8_t client);
   void watch(int operation, int descriptor, uint32_t events, uint64_t name) const;
   bool become_reader(uint64_t number, std::span<uint8_t> room);
   void end_reading();
@@ -221,8 +249,8 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   bool is_gone_ = false;
   FrameReader frames_;
   Reader reader_;
-  std::deque<std::vector<uint8_t>> unwritten_;  // frames that the device does not take yet
-  std::map<uint64_t, Link> links_;              // by number, from 1
+  std::deque<Unwritten> unwritten_;
+  std::map<uint64_t, Link> links_;  // by number, from 1
   uint64_t last_link_ = 0;
   std::map<std::pair<uint8_t, uint8_t>, uint64_t> owners_;  // links of client ids, by service and id
   std::array<ControlRequest, UINT8_MAX + 1> control_;       // by the transaction at the device
@@ -268,7 +296,6 @@ uint64_t ModemDevice::add(ProcessFd socket) {
   const uint64_t number = ++last_link_;
   watch(EPOLL_CTL_ADD, socket.get(), EPOLLIN, kDevice + number);
   links_.emplace(number, Link{std::move(socket)});
-  thread_.wake();  // it may be about to end
   return number;
 }
 
@@ -304,8 +331,16 @@ void ModemDevice::run() {
         }
       }
     }
-    std::erase_if(links_, [](const auto& entry) { return entry.second.is_ended; });
+    erase_ended_links();
   }
+}
+
+// A frame that the device has in part is written to its end.
+void ModemDevice::erase_ended_links() {
+  if (std::erase_if(links_, [](const auto& entry) { return entry.second.is_ended; }) == 0) return;
+  std::erase_if(unwritten_,
+                [this](const Unwritten& frame) { return !frame.has_begun && !links_.contains(frame.link); });
+  changed_.notify_all();
 }
 
 // Closes the device and returns false if there are no links or the device is gone.
@@ -336,7 +371,8 @@ void ModemDevice::arm() {
 void ModemDevice::read_device() {
   uint8_t* const space = frames_.space();
   const ssize_t count = ::read(device_.get(), space, frames_.room());
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count < 0 && errno == ENOBUFS) ::syslog(LOG_WARNING, "%s: the kernel dropped a message", path_.c_str());
+  if (count < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOBUFS)) return;
   if (count > 0) frames_.add(static_cast<size_t>(count));
   qmi::Frame frame;
   while (frames_.next(frame)) pass_on(frame);
@@ -349,11 +385,12 @@ void ModemDevice::read_device() {
 // One write for each frame: a USB driver takes each write for a message of its own.
 void ModemDevice::write_device() {
   while (!unwritten_.empty()) {
-    std::vector<uint8_t>& frame = unwritten_.front();
-    const ssize_t count = ::write(device_.get(), frame.data(), frame.size());
-    if (count < 0) return;  // a device that is gone is seen by the reader
-    frame.erase(frame.begin(), frame.begin() + count);
-    if (frame.empty()) unwritten_.pop_front();
+    Unwritten& frame = unwritten_.front();
+    const ssize_t count = ::write(device_.get(), frame.bytes.data(), frame.bytes.size());
+    if (count < 0) break;  // a device that is gone is seen by the reader
+    frame.has_begun = true;
+    frame.bytes.erase(frame.bytes.begin(), frame.bytes.begin() + count);
+    if (frame.bytes.empty()) unwritten_.pop_front();
   }
   changed_.notify_all();
 }
@@ -365,7 +402,7 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
   constexpr size_t kServiceAt = 4;
   constexpr size_t kTransactionAt = qmi::kFrameHeaderLength + 1;
   const Lock lock(mutex_);
-  if (is_gone_) return SendStatus::kGone;
+  if (is_gone_ || !links_.contains(link)) return SendStatus::kGone;
   std::vector<uint8_t> copy;
   if (frame.size() > kTransactionAt && frame[kServiceAt] == qmi::kControlService) {
     copy.assign(frame.begin(), frame.end());
@@ -379,20 +416,25 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
     if (count == static_cast<ssize_t>(frame.size())) return SendStatus::kSent;
     if (count < 0 && errno != EAGAIN && errno != EINTR) return SendStatus::kGone;
   }
-  unwritten_.emplace_back(frame.begin() + std::max<ssize_t>(count, 0), frame.end());
+  const size_t written = static_cast<size_t>(std::max<ssize_t>(count, 0));
+  unwritten_.push_back({link, {frame.begin() + static_cast<ptrdiff_t>(written), frame.end()}, written > 0});
   arm();
   return SendStatus::kBlocked;
 }
 
-SendStatus ModemDevice::flush(const Deadline& deadline) {
+SendStatus ModemDevice::flush(uint64_t link, const Deadline& deadline) {
   Lock lock(mutex_);
-  const auto has_ended = [this] { return unwritten_.empty() || is_gone_; };
+  const auto is_lost = [&] { return is_gone_ || !links_.contains(link); };
+  const auto has_ended = [&] {
+    return is_lost() || std::none_of(unwritten_.begin(), unwritten_.end(),
+                                     [link](const Unwritten& frame) { return frame.link == link; });
+  };
   if (deadline.is_none()) {
     changed_.wait(lock, has_ended);
   } else if (!changed_.wait_until(lock, deadline.at(), has_ended)) {
     return SendStatus::kTimedOut;
   }
-  return is_gone_ ? SendStatus::kGone : SendStatus::kSent;
+  return is_lost() ? SendStatus::kGone : SendStatus::kSent;
 }
 
 // --- receiving ---
@@ -455,12 +497,28 @@ void ModemDevice::pass_control(const qmi::Frame& frame) {
   if (request.link == 0) return;
   const auto id = qmi::find_tlv(message->tlvs, kIdTlv);
   if (message->id == static_cast<uint16_t>(ControlMessage::kAllocateClientId) && id && id->size() >= 2) {
+    if (!links_.contains(request.link)) return release_id((*id)[0], (*id)[1]);
     owners_[{(*id)[0], (*id)[1]}] = request.link;
   }
   const Bytes bytes = bytes_of(frame);
   std::vector<uint8_t> copy(bytes.begin(), bytes.end());
   copy[qmi::kFrameHeaderLength + 1] = request.transaction;
   send_to(request.link, copy);
+}
+
+// Releases a client id whose requester has ended. The response has no receiver.
+void ModemDevice::release_id(uint8_t service, uint8_t client) {
+  std::vector<uint8_t> bytes(32);
+  qmi::FrameWriter writer(qmi::Direction::kToModem, bytes);
+  last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
+  control_[last_transaction_] = {};
+  writer.start(qmi::kControlService, qmi::kNoClient, qmi::MessageKind::kRequest, last_transaction_,
+               static_cast<uint16_t>(ControlMessage::kReleaseClientId));
+  constexpr uint8_t kIdTlv = 0x01;
+  writer.add_tlv(kIdTlv, std::array{service, client});
+  const auto frame = writer.finish();
+  unwritten_.push_back({0, {frame.begin(), frame.end()}, true});
+  arm();
 }
 
 // A frame is sent whole or dropped, so that the link's bytes stay frames.
@@ -491,6 +549,7 @@ void ModemDevice::send_to_all(Bytes bytes) {
 void ModemDevice::flush(uint64_t number, Link& link) {
   const ssize_t count =
       ::send(link.socket.get(), link.waiting.data(), link.waiting.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (count < 0 && errno != EAGAIN && errno != EINTR) link.waiting.clear();  // nobody reads any more
   if (count > 0) link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
   watch(EPOLL_CTL_MOD, link.socket.get(), link.waiting.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT, kDevice + number);
   if (link.dropped == 0 || !link.waiting.empty()) return;
@@ -498,7 +557,9 @@ void ModemDevice::flush(uint64_t number, Link& link) {
            std::exchange(link.dropped, 0));
 }
 
-DeviceLink connect_device(const std::string& path) {
+namespace {
+
+DeviceLink connect(const std::string& path) {
   DeviceLink link;
   ProcessFd other;
   if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, nullptr, 0, {std::strerror(errno)}};
@@ -522,12 +583,22 @@ DeviceLink connect_device(const std::string& path) {
   return link;
 }
 
+}  // namespace
+
+DeviceLink connect_device(const std::string& path) {
+  try {
+    return connect(path);
+  } catch (const std::system_error& error) {  // no descriptor or thread is left
+    return {{}, nullptr, 0, {error.what(), true}};
+  }
+}
+
 SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame) {
   return link.device->send(link.number, frame);
 }
 
 SendStatus flush_device(const DeviceLink& link, const Deadline& deadline) {
-  return link.device->flush(deadline);
+  return link.device->flush(link.number, deadline);
 }
 
 ReadStatus receive_from_device(const DeviceLink& link, int socket, std::span<uint8_t> room, const Deadline& deadline,

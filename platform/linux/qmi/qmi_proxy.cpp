@@ -37,6 +37,9 @@ bool may_try_now() {
 // A shell starts the program in the background and ends, so that the program is no child of this process, which may
 // wait for children of its own. Returns errno's value.
 int start_detached(const char* program) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
@@ -49,7 +52,8 @@ int start_detached(const char* program) {
   const char* const arguments[] = {"sh", "-c", "\"$0\" </dev/null >/dev/null 2>&1 &", program, nullptr};
   pid_t shell = 0;
   const int error =
-      ::posix_spawn(&shell, "/bin/sh", nullptr, &attributes, const_cast<char* const*>(arguments), environ);
+      ::posix_spawn(&shell, "/bin/sh", &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
   while (error == 0 && ::waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
   }

@@ -1,10 +1,13 @@
 #include "qmux_link.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "common_v01.h"
 #include "modem_device.h"
 #include "qmi_proxy.h"
+#include "unix_socket.h"
 
 namespace pelmar::platform {
 
@@ -59,12 +62,17 @@ Problem QmuxLink::connect(const ModemAddress& address, const Deadline& deadline)
       if (problem && !problem.is_temporary) report_problem(problem.text);
       return problem ? problem : stream_.connect(kProxySocket, deadline);
     }
-    default:
+    default: {
+      struct stat found {};
+      const bool is_file = !is_abstract(address.path) && ::stat(address.path.c_str(), &found) == 0;
+      if (is_file && !S_ISSOCK(found.st_mode)) return {"it is neither a socket nor a character device"};
       return stream_.connect(address.path, deadline);
+    }
   }
 }
 
-Problem QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
+Problem QmuxLink::open(const ModemAddress& named, const Deadline& deadline) {
+  const ModemAddress address = look_at_path(named);
   if (Problem problem = connect(address, deadline)) return problem;
   reader_ = FrameReader();
   partial_since_.reset();
@@ -80,6 +88,11 @@ Problem QmuxLink::open(const ModemAddress& address, const Deadline& deadline) {
   if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
   close();
   return problem;
+}
+
+void QmuxLink::close() {
+  stream_.close();
+  device_ = {};
 }
 
 SendStatus QmuxLink::send(std::span<const uint8_t> frame) {
@@ -105,7 +118,7 @@ QmuxLink::Outcome QmuxLink::get_services(std::vector<ListedService>& services, c
   const size_t count = value.empty() ? 0 : value[0];
   for (size_t i = 0; i < count && 1 + (i + 1) * kEntryLength <= value.size(); ++i) {
     const uint8_t* const entry = &value[1 + i * kEntryLength];
-    services.push_back({entry[0], 0, 0, qmi::load_u16(entry + 1), qmi::load_u16(entry + 3)});
+    services.push_back({entry[0], 0, std::nullopt, qmi::load_u16(entry + 1), qmi::load_u16(entry + 3)});
   }
   return outcome;
 }

@@ -74,7 +74,7 @@ class QmuxLink {
  public:
   // Connects to the modem; a proxy must then open the modem's device.
   Problem open(const ModemAddress& address, const Deadline& deadline);
-  void close() { stream_.close(); }
+  void close();
   bool is_open() const { return stream_.is_open(); }
 
   // The outcome of an exchange with the modem. kNoResponse: the modem does not respond in time, or is gone. kNotSent:
@@ -119,7 +119,7 @@ class QmuxLink {
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
 
   SocketStream stream_;
-  DeviceLink device_;       // of a device, which frames are sent to; the stream has its socket
+  DeviceLink device_;       // the link to a device; frames are sent to it, and the stream has its socket
   bool is_unsent_ = false;  // of a device: a frame waits for flush()
   FrameReader reader_;
   std::optional<Deadline::Clock::time_point> partial_since_;

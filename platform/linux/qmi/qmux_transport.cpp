@@ -42,7 +42,8 @@ bool offers(const std::vector<ListedService>& services, uint8_t service) {
 }
 
 // A device has one record, whether it is opened directly or by a proxy.
-ClientIdRecord record_of(const ModemAddress& address) {
+ClientIdRecord record_of(const ModemAddress& named) {
+  const ModemAddress address = look_at_path(named);
   const bool is_socket = address.kind == ModemAddress::Kind::kQmuxSocket;
   return ClientIdRecord(is_socket ? address.path : kProxySocket, is_socket ? kDefaultDevice : address.path);
 }
@@ -306,16 +307,13 @@ std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& address, ui
 
 // --- an inspection ---
 
-void inspect_qmux(const ModemAddress& address, const Deadline& deadline, ModemReport& report) {
-  switch (address.kind) {
-    case ModemAddress::Kind::kDevice:
-      report.transport = "QMUX on the character device";
-      break;
-    case ModemAddress::Kind::kProxy:
-      report.transport = "QMUX through qmi-proxy on the device " + address.path;
-      break;
-    default:
-      report.transport = "QMUX on the Unix socket";
+void inspect_qmux(const ModemAddress& named, const Deadline& deadline, ModemReport& report) {
+  const ModemAddress address = look_at_path(named);
+  const bool is_device = address.kind == ModemAddress::Kind::kDevice;
+  if (address.kind == ModemAddress::Kind::kProxy) {
+    report.transport = "QMUX through qmi-proxy on the device " + address.path;
+  } else {
+    report.transport = is_device ? "QMUX on the character device" : "QMUX on the Unix socket";
   }
   QmuxLink link;
   if (const Problem problem = link.open(address, deadline)) {
@@ -323,11 +321,11 @@ void inspect_qmux(const ModemAddress& address, const Deadline& deadline, ModemRe
     report.may_come = problem.is_temporary;
     return;
   }
-  const Outcome outcome = link.get_services(report.services, deadline);
-  if (outcome == Outcome::kSuccess) return;
-  report.may_come = true;
-  report.problem = "no response to a request for the list of services came in time";
-  if (address.kind == ModemAddress::Kind::kDevice) report.problem += ": is it the QMI device of the modem?";
+  if (link.get_services(report.services, deadline) == Outcome::kSuccess) return;
+  report.may_come = !is_device;
+  report.problem = deadline.has_passed() ? "no response to a request for the list of services came in time"
+                                         : "it does not speak QMUX";
+  if (is_device) report.problem += ": is it the QMI device of the modem?";
 }
 
 }  // namespace pelmar::platform

@@ -56,8 +56,8 @@ void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
 QrtrControl read_qrtr_control(std::span<const uint8_t> bytes) {
   qrtr_ctrl_pkt packet{};
   const auto has = [&](size_t length) { return bytes.size() >= sizeof packet.cmd + length; };
-  std::memcpy(&packet, bytes.data(), std::min(bytes.size(), sizeof packet));
   if (!has(0)) return {};
+  std::memcpy(&packet, bytes.data(), std::min(bytes.size(), sizeof packet));
   switch (const uint32_t command = le32toh(packet.cmd)) {
     case QRTR_TYPE_NEW_SERVER:
     case QRTR_TYPE_DEL_SERVER: {
@@ -94,7 +94,9 @@ bool QrtrQuery::matches(const QrtrControl& packet) const {
 bool QrtrSocket::open() {
   descriptor_ = ProcessFd([] { return ::socket(AF_QIPCRTR, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
   if (!is_open()) {
-    if (errno == EAFNOSUPPORT) report_problem("Cannot connect to the modem: this kernel has no QRTR: modprobe qrtr");
+    const int error = errno;
+    if (error == EAFNOSUPPORT) report_problem("Cannot connect to the modem: this kernel has no QRTR: modprobe qrtr");
+    errno = error;
     return false;
   }
   if (::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {

@@ -8,8 +8,8 @@
 //
 // Each connection has one socket, for the messages and for the lookup. A datagram that comes neither from the service
 // nor from the name service is dropped. The kernel drops what arrives while the socket is full, be it an indication or
-// the report that the service went away. So the socket gets as much memory as the kernel allows and the connection
-// needs at most, and after drops the connection looks the service up again.
+// the report that the service went away. So the socket gets 16 MiB, or less if the kernel's limit is
+// lower, and after drops the connection looks the service up again.
 //
 // While a service on another node does not confirm what it has received, the kernel blocks the sends to it and
 // everything else on the sending socket, also if a call must not wait. No time-out limits that.
@@ -75,7 +75,7 @@ class QrtrSocket {
   // The kernel sends no longer datagrams; longer ones of other nodes are dropped.
   static constexpr size_t kMaxDatagram = UINT16_MAX;
 
-  // False, and a line in the system log, if the kernel has no QRTR.
+  // False if there is no socket to be had; errno has the reason. A kernel without QRTR is reported to the system log.
   bool open();
   void close() { descriptor_.reset(); }
   bool is_open() const { return static_cast<bool>(descriptor_); }

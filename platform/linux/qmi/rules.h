@@ -6,7 +6,7 @@
 //   - The thread of a handle takes in one message after the other, and none while one of its callbacks runs. So a
 //     synchronous send inside the handle's own callback gets no response.
 //   - A handle is not released inside its own callback.
-//   - A request's length is that of its structure, or 0 for a request without TLVs.
+//   - A request's length is that of its structure, or 0; then the request goes out without TLVs.
 //   - A release calls the callbacks of the pending asynchronous requests with QMI_INTERNAL_ERR and length 0, on the
 //     thread that releases. The loss of the service calls them with QMI_SERVICE_ERR and length 0; no send on the handle
 //     returns meanwhile.

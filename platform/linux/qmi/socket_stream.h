@@ -14,7 +14,7 @@ namespace pelmar::platform {
 
 class SocketStream {
  public:
-  // Connects to a path, or to an abstract name written as @NAME. Returns an empty text, or why it failed. Reports to
+  // Connects to a path, or to an abstract name written as @NAME. Reports to
   // the system log if there is a listener that cannot be used or does not admit this user.
   Problem connect(const std::string& address, const Deadline& deadline);
 

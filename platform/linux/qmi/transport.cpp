@@ -24,14 +24,14 @@ std::string modem_name() {
   return environment(kModemVariable, kDefaultModem);
 }
 
-std::string describe_wrong_name(const std::string& name) {
-  return "'" + name + "' is no modem's address; " + kModemAddressForms;
+std::string describe_wrong_name() {
+  return std::string("this is no modem's address; ") + kModemAddressForms;
 }
 
 // The address of this process's modem.
 std::optional<ModemAddress> modem_address() {
   const auto address = parse_modem_address(modem_name());
-  if (!address) report_problem(std::string(kModemVariable) + ": " + describe_wrong_name(modem_name()));
+  if (!address) report_problem(std::string(kModemVariable) + "=" + modem_name() + ": " + describe_wrong_name());
   return address;
 }
 
@@ -62,7 +62,7 @@ ModemReport inspect_modem() {
   if (const auto address = parse_modem_address(report.address)) {
     transport_of(*address).inspect(*address, Deadline::after(kInspectTimeout), report);
   } else {
-    report.problem = describe_wrong_name(report.address);
+    report.problem = describe_wrong_name();
   }
   return report;
 }

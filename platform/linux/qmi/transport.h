@@ -85,7 +85,7 @@ struct Presence {
   bool went_meanwhile;  // the service was away at some time since the last look
 };
 
-// Looks whether a service is there.
+// Checks whether a service is there.
 class ServiceWatch {
  public:
   ServiceWatch() = default;

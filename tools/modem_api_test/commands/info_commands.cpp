@@ -145,18 +145,18 @@ void put_listed_services(Report& report, const ModemReport& found) {
     snprintf(number, sizeof number, "0x%02X", static_cast<unsigned>(service.number));
     std::string version = "version " + std::to_string(service.major) + "." + std::to_string(service.minor);
     Json row = {{"id", service.number}, {"major", service.major}, {"minor", service.minor}};
-    if (service.node != 0) {
+    if (service.node) {
       version = "version " + std::to_string(service.major) + ", instance " + std::to_string(service.instance) +
-                ", node " + std::to_string(service.node);
+                ", node " + std::to_string(*service.node);
       row["instance"] = service.instance;
-      row["node"] = service.node;
+      row["node"] = *service.node;
     }
     report.document["modem"]["services"].push_back(std::move(row));
     report.row(std::string(number) + " " + service_title(service.number), version);
   }
   report.document["modem"]["has_vendor_service"] = has_vs;
   if (has_vs) return;
-  report.row("0xE4 is absent", "without it, only rf-state, drx, trm and cell-info work");
+  report.row("0xE4 is absent", "without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else");
 }
 
 // Whether any is up.
