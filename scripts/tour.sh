@@ -129,7 +129,7 @@ show modem_sim ctl service sar up
 wait "$beside"
 grep -q "set again" sar || fail "the SAR client did not come back"
 
-heading "What the radio receives, for ten seconds of a drive"
-show modem_api_test signal --watch --rate 10 --for 10
+heading "What the radio receives, for four seconds of a drive"
+show modem_api_test signal --watch --rate 10 --for 4
 
 heading "That was the tour. './run --help' lists the commands; './run ARGUMENTS...' runs one."

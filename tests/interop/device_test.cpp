@@ -4,11 +4,13 @@
 #include <signal.h>
 #include <stdlib.h>
 
-#include <memory>
+#include <atomic>
 #include <string>
 #include <vector>
 
 #include "modem_test.h"
+#include "network_access_service_v01.h"
+#include "qmi_client.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -52,6 +54,22 @@ TEST_F(DeviceTest, ProgramsOpenItInTurn) {
   }
   EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("device"));
   EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX on the character device"));
+}
+
+TEST_F(DeviceTest, ANotifierReportsADeviceThatComesLater) {
+  modem().end(SIGTERM);
+  std::atomic<int> arrivals = 0;
+  qmi_client_type notifier = nullptr;
+  ASSERT_EQ(qmi_client_notifier_init(nas_get_service_object_internal_v01(1, 388, 6), nullptr, &notifier), QMI_NO_ERR);
+  const auto on_event = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
+                           void* data) {
+    if (event == QMI_CLIENT_SERVICE_COUNT_INC) ++*static_cast<std::atomic<int>*>(data);
+  };
+  EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_event, &arrivals), QMI_NO_ERR);
+  EXPECT_EQ(arrivals, 0);
+  serve({});
+  EXPECT_TRUE(sim::test::comes_true([&] { return arrivals == 1; }));
+  EXPECT_EQ(qmi_client_release(notifier), QMI_NO_ERR);
 }
 
 TEST_F(DeviceTest, OneProgramAtATimeAndAnOtherDeviceAreRefusedWithAReason) {

@@ -205,7 +205,7 @@ class Client : public std::enable_shared_from_this<Client> {
   std::list<Transaction> transactions_;  // without a response yet, in the order of sending
   size_t async_count_ = 0;               // of transactions_, and of the transactions in events_
   std::deque<Event> events_;             // for the thread, in the order of arrival
-  size_t waiting_bytes_ = 0;             // of the indications in events_
+  size_t waiting_bytes_ = 0;             // of the messages in events_
   size_t dropped_ = 0;                   // dropped indications that are not logged yet
   size_t losses_due_ = 0;                // by the phone's rules: callbacks of lost transactions that have not returned
 

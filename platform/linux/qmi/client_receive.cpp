@@ -206,7 +206,8 @@ void Client::poll_connection(bool armed) {
 void Client::push(Event event) {
   if (is_stopping_) return;
   const size_t bytes = waiting_bytes_of(event);
-  if (has_phone_rules_ && bytes > 0 && waiting_bytes_ + bytes > kPhoneReceiveBuffer) {
+  const size_t most = std::holds_alternative<Indication>(event) ? kPhoneReceiveBuffer : kMostWaitingBytes;
+  if (has_phone_rules_ && bytes > 0 && waiting_bytes_ + bytes > most) {
     ++dropped_;
     return;
   }
@@ -226,8 +227,9 @@ void Client::drop_oldest_indication() {
 }
 
 size_t Client::waiting_bytes_of(const Event& event) {
-  const auto* const indication = std::get_if<Indication>(&event);
-  return indication != nullptr ? sizeof(Event) + indication->tlvs.size() : 0;
+  if (const auto* const indication = std::get_if<Indication>(&event)) return sizeof(Event) + indication->tlvs.size();
+  if (const auto* const response = std::get_if<Response>(&event)) return sizeof(Event) + response->tlvs.size();
+  return 0;
 }
 
 void Client::wake_thread() {
