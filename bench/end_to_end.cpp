@@ -77,14 +77,14 @@ void on_event(uint32_t event, const uint8_t* payload, uint32_t) {
 
 // --- the peers ---
 
-// Sends the bytes of a response for those of each request.
+// Sends the bytes of a response for each request.
 void serve_ping_pong(const LocalStream& stream) {
   uint8_t request[kReadNvRequestBytes];
   const uint8_t response[kReadNvResponseBytes] = {};
   while (stream.receive_all(request, sizeof request) && stream.send_all(response, sizeof response)) continue;
 }
 
-// Sends the bytes of as many indications as each request requests.
+// Reads a count and sends the bytes of as many indications, again and again.
 void serve_stream(const LocalStream& stream) {
   const std::vector<uint8_t> indication(kLargestIndicationBytes);
   uint32_t count;

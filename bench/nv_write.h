@@ -1,4 +1,4 @@
-// The message for the measurements of encoders: a write of 256 bytes to an NV item, in its QMUX frame.
+// The message for the benchmarks of encoders: a write of 256 bytes to an NV item, in its QMUX frame.
 #pragma once
 
 #include <cstdint>

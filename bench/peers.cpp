@@ -73,9 +73,9 @@ void SimulatedModem::command(const std::string& text) const {
   const LocalStream stream = LocalStream::connect(control_socket());
   const std::string line = text + '\n';
   stream.send_all(line.data(), line.size());
-  const std::string answer = stream.receive_line();
-  if (answer.find("\"ok\":true") != std::string::npos) return;
-  std::fprintf(stderr, "modem_sim refused '%s': %s\n", text.c_str(), answer.c_str());
+  const std::string response = stream.receive_line();
+  if (response.find("\"ok\":true") != std::string::npos) return;
+  std::fprintf(stderr, "modem_sim refused '%s': %s\n", text.c_str(), response.c_str());
   std::exit(1);
 }
 

@@ -40,7 +40,7 @@ class Child {
 // modem_sim, on a socket in a temporary directory.
 class SimulatedModem {
  public:
-  // What it serves beside the socket.
+  // What modem_sim serves in addition to the socket.
   enum class Extra { kNone, kDevice, kQrtr };
 
   explicit SimulatedModem(Extra extra = Extra::kNone);

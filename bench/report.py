@@ -103,7 +103,7 @@ def count(value):
     return f"{value:g}"
 
 
-# Time on the processor where one thread works; passing time where two processes talk.
+# Processor time if one thread works; elapsed time if two processes exchange messages.
 ROWS = [
     ("decode the largest indication : clear and copy its structure",
      at_most("decode_largest_indication", "clear_and_copy_largest_structure", 2, "cpu_time")),

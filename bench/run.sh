@@ -19,7 +19,7 @@ cmake --build "$build" --target "${programs[@]}" >/dev/null
 
 priority=() note="normal priority"
 if [ "${PELMAR_BENCH_PRIORITY:-}" != normal ] && chrt -f 10 true 2>/dev/null; then
-  priority=(chrt -f 10) note="real-time priority where processes talk"
+  priority=(chrt -f 10) note="real-time priority for programs with several processes"
 fi
 
 results=$(mktemp -d)
@@ -29,7 +29,7 @@ for program in "${programs[@]}"; do
   prefix=() arguments=() rounds=$repetitions seconds=0.1
   [ "$program" != bench_transports ] || arguments=(device)
   [ "$program" != bench_signal_watch ] || rounds=1  # one watch of many readings
-  if [ "$program" = bench_end_to_end ] || [ "$program" = bench_transports ]; then  # many short rounds, some of them undisturbed
+  if [ "$program" = bench_end_to_end ] || [ "$program" = bench_transports ]; then  # many short rounds
     prefix=("${priority[@]}") rounds=$((repetitions * 4)) seconds=0.025
   fi
   timeout 900 "${prefix[@]}" "$build/bin/$program" "${arguments[@]}" --benchmark_repetitions="$rounds" \

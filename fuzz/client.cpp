@@ -1,11 +1,10 @@
-// The platform's client and its link to the peripheral manager, over a real socket, against a peer that sends any
-// bytes.
+// The platform's client and its link to the peripheral manager, over a real socket, with a peer that sends any bytes.
 //
-//   input: see messages.h. The change is that of what the modem sends. Choice 1: after the responses that open a
-//   connection. Choice 2: of what the peripheral manager sends.
+//   input: see messages.h. The change applies to the modem's bytes. Choice 1: they follow the responses that open a
+//   connection. Choice 2: the change applies to the peripheral manager's bytes.
 //
-// The peer sends all it has in two parts and closes. Whatever it sent, opening ends, a send ends with a response or the
-// loss of the service, and a release returns.
+// The peer sends its bytes in two parts and closes the connection. With any bytes, opening ends, a send ends with a
+// response or the loss of the service, and a release returns.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -24,7 +23,7 @@ using namespace pelmar;
 
 namespace {
 
-// The modem's responses while a connection is opened. Their result TLV may stand behind the value.
+// The modem's responses while a connection is opened. The result TLV is behind the value, which is allowed.
 Bytes opening() {
   const auto respond = [](uint8_t transaction, uint16_t id, const Bytes& value) {
     const Bytes tlvs = join({{0x01, static_cast<uint8_t>(value.size()), 0}, value, {0x02, 4, 0, 0, 0, 0, 0}});
@@ -57,7 +56,7 @@ void serve(int listener, const Bytes& bytes) {
 
 void on_indication(qmi_client_type, unsigned, void* bytes, unsigned length, void*) {
   const auto* const begin = static_cast<const uint8_t*>(bytes);
-  const Bytes copy(begin, begin + length);  // every byte of it can be read
+  const Bytes copy(begin, begin + length);  // reads every byte
 }
 
 void use_client(bool opens) {

@@ -1,10 +1,10 @@
 // The decoder and the encoder, over every message of every service.
 //
-//   input: see messages.h. The change is that of the message's wire bytes, and that of its structure.
+//   input: see messages.h. The change applies to the message's wire bytes, and to its structure.
 //
-// What holds whatever the bytes: nothing outside the exact blocks is touched; what decodes keeps to its maxima, so that
-// it can be encoded within the message's largest size; only counts and texts above their maxima are refused; and what
-// is encoded decodes and gives the same bytes again, in exactly the room that they need.
+// With any bytes: no access is outside the blocks, which have the exact sizes. A decoded message is within its maxima,
+// so it can be encoded within the message's largest size. The encoder refuses only counts and texts above their maxima.
+// An encoded message decodes, and encodes to the same bytes again in exactly their size.
 #include "messages.h"
 
 using namespace pelmar::fuzz;

@@ -1,10 +1,10 @@
-// Files that others write: the system properties', and scenarios of the simulated modem.
+// Files that others write: system properties, and scenarios of the simulated modem.
 //
-//   input: u8 what (a scenario, a property's file, or a property's name and its value behind a zero byte), the bytes
+//   input: u8 kind (a scenario, a property's file, or a property's name and its value behind a zero byte), the bytes
 //
-// A scenario is refused with an error that names a place, or has at no moment a number that its field cannot hold. A
-// property is read as a terminated value within its limit, or as the default; a value that was taken is read back; no
-// name leaves the directory.
+// A scenario is refused with an error that names a place, or never has a number outside its field's range. A property
+// is read as a terminated value within its limit, or as the default. A value that was set is read back. No name leads
+// out of the directory.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -23,15 +23,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// At these seconds: before, on, between and after the points, and in a later round.
+// Checks moments before, on, between and after the points, and in a later round.
 void check_moments(const Scenario& scenario, const StatisticRow& row) {
   for (const double seconds : {0.0, 0.0005, 0.5, 1.0, 9.99, 11.0, 24.0, 40.0, 55.5, 1e6, 1e9}) {
-    const auto said = scenario.at({0, row.id}, seconds);
-    for (size_t i = 0; said && i < kMaxFields; ++i) {
-      if (!said->fields[i]) continue;
+    const auto values = scenario.at({0, row.id}, seconds);
+    for (size_t i = 0; values && i < kMaxFields; ++i) {
+      if (!values->fields[i]) continue;
       require(i < row.fields.size());
       const auto [least, most] = range_of(row.fields[i].type);
-      require(*said->fields[i] >= least && *said->fields[i] <= most);
+      require(*values->fields[i] >= least && *values->fields[i] <= most);
     }
   }
 }
@@ -46,7 +46,7 @@ void read_scenario(const std::string& text) {
   }
 }
 
-// A directory that holds nothing but the properties' one, for the life of the process.
+// A directory that holds only the directory of the properties, until the process ends.
 struct Outside {
   Outside() {
     char pattern[] = "/tmp/pelmar-fuzz-XXXXXX";

@@ -1,13 +1,12 @@
-// The library as it is built, over a platform with the real codec, and with every log line written: an indication's way
-// from the framework's callback to the client's event callback, and a statistics value's from the modem's response to
-// every decoder.
+// The library as it is built, over a platform with the real codec, and with every log line written: indications from
+// the framework's callback to the client's event callback, and statistics values from the modem's response to every
+// decoder.
 //
-//   input: see messages.h. The change is that of a message: the response with statistics, or what comes as an
-//   indication.
+//   input: see messages.h. The change applies to a message: the response with statistics, or any other, which is
+//   passed as an indication.
 //
-// What holds whatever the bytes: nothing is read or written beyond a block. One event comes where an indication
-// decodes and none where it does not. A decoder returns 1 or 0, and no response that is refused or does not decode
-// reaches one.
+// With any bytes: no access is outside a block. There is one event if an indication decodes, and none otherwise. A
+// decoder returns 1 or 0, and 0 if the response is a failure or does not decode.
 #include <unistd.h>
 
 #include <cstring>
@@ -30,10 +29,10 @@ int g_events;
 
 void on_event(uint32_t, const uint8_t* payload, uint32_t length) {
   ++g_events;
-  const Bytes copy(payload, payload + length);  // every byte of it can be read
+  const Bytes copy(payload, payload + length);  // reads every byte
 }
 
-// A message that is no indication makes no event.
+// A message that is no indication causes no event.
 void indicate(const Message& message, Bytes wire) {
   Bytes structure;
   g_events = 0;
@@ -43,7 +42,7 @@ void indicate(const Message& message, Bytes wire) {
   require(g_events == (is_good ? 1 : 0));
 }
 
-// The record has a heap block of its own, so that a sanitizer sees each byte beyond.
+// The record has its own heap block, so that a sanitizer reports each access beyond it.
 template <typename Record, uint8_t (*kDecoder)(uint32_t, Record*)>
 uint8_t read(uint32_t sub) {
   return kDecoder(sub, std::make_unique<Record>().get());
@@ -62,11 +61,11 @@ constexpr struct {
 void read_statistics(const Message& message, const Bytes& wire, bool has_known_id) {
   Bytes structure;
   const bool is_good = decode(message, wire, structure) == QMI_IDL_LIB_NO_ERR;
-  if (!is_good) structure.assign(structure.size(), 0xFF);  // a failure in its header
+  if (!is_good) structure.assign(structure.size(), 0xFF);  // its header is a failure
   pelmar::instant_platform::set_response(structure.data(), structure.size());
   auto& record = reinterpret_cast<vs::GetStatsParameterResponse*>(structure.data())->records[0];
   for (const auto& reading : kReadings) {
-    if (has_known_id) record.id = reading.id;  // else the id in the fuzzed bytes
+    if (has_known_id) record.id = reading.id;  // otherwise the id is that of the fuzzed bytes
     for (const uint16_t sub : {0, 1}) {
       const uint8_t result = reading.read(sub);
       require(result == 0 || (result == 1 && is_good));
@@ -77,7 +76,7 @@ void read_statistics(const Message& message, const Bytes& wire, bool has_known_i
 
 }  // namespace
 
-// Runs under a name that the library serves: the process starts itself again as "mtb".
+// Runs under a name that the library serves: the process executes itself again as "mtb".
 extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {
   static char name[] = "/fuzz/mtb";
   if (std::strcmp((*argv)[0], name) != 0) {

@@ -1,8 +1,8 @@
-// What the fuzz targets share: the messages of all services that the project describes, and inputs that change them.
+// What the fuzz targets share: the messages of all services, and inputs that change them.
 //
 // A target makes a message or a stream from the first bytes of its input, and the rest of the input changes it. So
-// short inputs reach every message, and no input has to be kept. An input picks its message by one byte, so that any
-// byte is a choice and the catalogue may grow.
+// short inputs reach every message, and no corpus is stored. One byte selects the message; any value is valid, so the
+// catalogue may grow.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,8 @@
 
 namespace pelmar::fuzz {
 
-using Bytes = std::vector<uint8_t>;  // the heap block has exactly its size, so that a sanitizer sees each byte beyond
+using Bytes =
+    std::vector<uint8_t>;  // the heap block has exactly its size, so that a sanitizer reports each access beyond it
 
 inline Bytes join(std::initializer_list<Bytes> parts) {
   Bytes all;
@@ -44,8 +45,8 @@ struct Input {
     rest = {data + 3, size - 3};
   }
 
-  // The made bytes, each changed by XOR with one of the change; further bytes of the change follow. Cut to the length
-  // of the change where the choice has its highest bit.
+  // Returns the made bytes, each combined by XOR with a byte of the change; further bytes of the change follow. If the
+  // choice has its highest bit set, the result has the length of the change.
   Bytes change(Bytes made) const {
     if (choice & 0x80 || rest.size() > made.size()) made.resize(rest.size());
     for (size_t i = 0; i < rest.size(); ++i) made[i] ^= rest[i];
@@ -93,12 +94,12 @@ inline const Message& message_of(const Input& input, bool to_modem) {
 }
 
 inline int32_t decode(const Message& message, const Bytes& wire, Bytes& structure) {
-  structure.assign(message.structure_length, 0xEE);  // what the decoder forgets to write shows
+  structure.assign(message.structure_length, 0xEE);  // bytes that the decoder does not write keep this value
   return qmi::decode(message.service, message.type, message.id, wire.data(), wire.size(), structure.data(),
                      structure.size());
 }
 
-// `capacity` bytes of room; `wire` gets the size of the encoded message.
+// Encodes into at most `capacity` bytes; `wire` gets the size of the encoded message.
 inline int32_t encode(const Message& message, const Bytes& structure, size_t capacity, Bytes& wire) {
   wire.assign(capacity, 0);
   size_t length = 0;

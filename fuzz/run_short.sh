@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Runs every fuzz target for a bounded time. Fails on the first finding, whose input it keeps in
-# BUILD_DIRECTORY/fuzz-findings.
+# Runs every fuzz target for SECONDS. Fails at the first finding and stores its input in BUILD_DIRECTORY/fuzz-findings.
 # usage: fuzz/run_short.sh [BUILD_DIRECTORY] SECONDS      without a build directory it builds in build/fuzz
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,7 +25,7 @@ done
 for target in client codec files library simulator; do
   program=$build/bin/fuzz_$target
   mkdir -p "$scratch/$target"
-  growth=10  # soon to long inputs, but not among the texts of scenarios
+  growth=10  # inputs grow fast, but slowly for the texts of scenarios
   [ "$target" != files ] || growth=100
   if ! timeout $((seconds + 120)) "$program" -max_total_time="$seconds" -max_len=12288 -len_control=$growth \
     -timeout=20 -artifact_prefix="$findings/$target-" "$scratch/$target" >"$scratch/log" 2>&1; then

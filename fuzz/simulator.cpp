@@ -1,10 +1,10 @@
-// The simulated modem whole, without and with a peripheral manager, against a peer that sends any bytes.
+// The whole simulated modem, with and without a peripheral manager, and a peer that sends any bytes.
 //
-//   input: see messages.h. The change is that of what the peer sends. Choice 1: to the peripheral manager. A client
-//   holds an id of every service before; a first frame with client id kClient is sent with the service's own.
+//   input: see messages.h. The change applies to the peer's bytes. Choice 1: they go to the peripheral manager. A
+//   client has allocated an id of every service before, which replaces the client id kClient in the first frame.
 //
-// The peer sends all it has and closes its sending side. Whatever it sent, the modem drops the connection, frees every
-// id that it held, takes its vote back and leaves nothing beside its storage.
+// The peer sends its bytes and closes its sending side. With any bytes, the modem drops the connection, frees its ids,
+// withdraws its vote and leaves no file outside its storage.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,7 +28,7 @@ class Modem {
   explicit Modem(bool has_manager) : simulation_(options(has_manager)) {}
   ~Modem() { std::filesystem::remove_all(directory_); }
 
-  void meet_client(Bytes stream) {
+  void test_client(Bytes stream) {
     run_until([&] { return simulation_.modem.state() == pelmar::sim::Modem::State::kReady; });
     const UniqueFd client = pelmar::sim::connect_local(directory_ + "/socket");
     run_until([&] { return simulation_.connections.count() == 1; });
@@ -46,7 +46,7 @@ class Modem {
     require(std::distance(begin(entries), end(entries)) == 3);  // the two sockets and the storage
   }
 
-  void meet_voter(const Bytes& stream) {
+  void test_voter(const Bytes& stream) {
     const UniqueFd voter = pelmar::sim::connect_local(directory_ + "/manager");
     send_all(voter, stream);
     shutdown(voter.get(), SHUT_WR);
@@ -58,11 +58,11 @@ class Modem {
   }
 
  private:
-  // Lets the loop turn until the condition holds.
+  // Runs the loop until the condition holds.
   template <typename Condition>
   void run_until(Condition condition) {
     for (int turn = 0; errno = 0, !condition(); ++turn) {
-      require(turn < 1000);  // else the modem is stuck
+      require(turn < 1000);  // or the modem hangs
       simulation_.loop.after({}, [this] { simulation_.loop.stop(); });
       simulation_.run();
     }
@@ -72,7 +72,7 @@ class Modem {
     send(peer.get(), stream.data(), stream.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   }
 
-  // The service's only client id; 0 where it has none.
+  // Returns the service's only client id; 0 if there is none.
   uint8_t client_of(uint8_t service) {
     uint8_t client = 0;
     const auto* const slot = simulation_.modem.find(service);
@@ -111,9 +111,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Modem modem(false), managed_modem(true);
   const Input input(data, size);
   if (input.choice & 1) {
-    managed_modem.meet_voter(input.change(voter_messages()));
+    managed_modem.test_voter(input.change(voter_messages()));
   } else {
-    modem.meet_client(input.change(make_stream(input, true)));
+    modem.test_client(input.change(make_stream(input, true)));
   }
   return 0;
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The exported interface (functions, variables, and the layout of every type that they reach) against its stored
-# description, abi/libpelmar_modemapi.abi. A change that is meant is stored with `update` and goes into the same commit.
+# Compares the exported interface (functions, variables, and the layout of every type that they use) with its stored
+# description, abi/libpelmar_modemapi.abi. After an intended change, `update` stores it; commit both together.
 # usage: scripts/abi.sh check|update
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,10 +18,10 @@ library=build/abi/lib/libpelmar_modemapi.so
 case $action in
   check)
     if ! abidiff --no-show-locs "$stored" "$library"; then
-      echo "The exported interface differs from $stored. If that is meant: scripts/abi.sh update" >&2
+      echo "The exported interface differs from $stored. If the change is intended: scripts/abi.sh update" >&2
       exit 1
     fi
-    echo "interface: as stored"
+    echo "interface: unchanged"
     ;;
   update)
     abidw --no-show-locs --no-corpus-path --no-comp-dir-path "$library" |

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Which lines of the library the tests run: a report by file, and an error below the share that is asked for or where no
-# test calls an exported function.
+# Reports by file which lines of the library the tests run. Fails if the share is below LEAST_PERCENT, or if no test
+# calls an exported function.
 #
-# Not covered, because no input gets there: the end of a function behind a switch over all of an enumeration
-# (pelmar_utils_cmn_identity), a count of bytes below zero (modem_hydra_mgr_fetch), texts of 2 GiB, whose length is no
-# int any more (pelmar_utils_cmn_string).
+# No input covers these lines: the end of a function behind a switch over all values of an enumeration
+# (pelmar_utils_cmn_identity), a negative count of bytes (modem_hydra_mgr_fetch), and texts of 2 GiB, whose length does
+# not fit an int (pelmar_utils_cmn_string).
 #
 # usage: scripts/coverage.sh [LEAST_PERCENT]
 set -euo pipefail

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the format of every source, and lints what a build directory compiles of it. Tests and fuzz targets are not
-# linted: the checks ask of them what only code that runs for long needs.
+# Checks the format of every source, and lints the sources that a build directory compiles. Tests and fuzz targets are
+# not linted, because the checks are for code that runs for a long time.
 # usage: scripts/lint.sh BUILD_DIRECTORY
 set -euo pipefail
 cd "$(dirname "$0")/.."

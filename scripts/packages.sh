@@ -1,4 +1,5 @@
-# Shared by the scripts at the root: what they need of Debian, and how they build. Sourced by bash.
+# The Debian packages that the project needs, and functions that install them and configure a build. Other scripts
+# source this file.
 
 PACKAGES_BUILD="g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev"
 PACKAGES_TEST="libgtest-dev libgmock-dev libqmi-utils python3"
@@ -6,7 +7,7 @@ PACKAGES_CI="clang clang-format clang-tidy libclang-rt-14-dev libc++-14-dev libc
 PACKAGES_ARM64="g++-aarch64-linux-gnu qemu-user googletest"
 PACKAGES_QRTR="qemu-system-x86 libqmi-utils"
 
-# need_packages PACKAGE...: installs what is missing as root; else says what to install and ends the script.
+# need_packages PACKAGE...: installs missing packages if the user is root; otherwise prints them and ends the script.
 need_packages() {
   local package missing=()
   for package in "$@"; do
@@ -14,7 +15,7 @@ need_packages() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   if [ "$(id -u)" -ne 0 ]; then
-    printf 'These Debian packages are missing; install them and call again:\n  apt-get install %s\n' "${missing[*]}" >&2
+    printf 'These Debian packages are missing; install them and run this again:\n  apt-get install %s\n' "${missing[*]}" >&2
     exit 1
   fi
   echo "installing: ${missing[*]}"
@@ -22,7 +23,7 @@ need_packages() {
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# configure DIRECTORY [CMAKE ARGUMENTS...]: prepares a build directory, with ccache where it is installed.
+# configure DIRECTORY [CMAKE ARGUMENTS...]: prepares a build directory, with ccache if it is installed.
 configure() {
   local directory=$1
   shift

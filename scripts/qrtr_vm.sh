@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Runs a shell script in a virtual machine whose kernel has QRTR; few machines' own kernels have it. The machine has
-# Debian's kernel, no network and no disk: its file system is made here and lies in memory. The script runs as root
-# with busybox, qrtr-lookup and qmicli, its output is printed as it comes, and its exit status is this one's.
+# Runs a shell script in a virtual machine whose kernel has QRTR, which few kernels have. The virtual machine has
+# Debian's kernel, no network and no disk: its file system is in memory. The script runs as root with busybox,
+# qrtr-lookup and qmicli. Its output is printed at once, and its exit status is the exit status of this program.
 # usage: scripts/qrtr_vm.sh [-t SECONDS] SCRIPT [FILE...]    for example scripts/qrtr_vm.sh check.sh build/test/bin/modem_sim
-#   -t SECONDS   the longest time from start to end (default: 120); then the exit status is 124
-#   FILE         a program or any other file that the script needs. It has the same absolute path in the machine, a
+#   -t SECONDS   the time limit (default: 120); the exit status is 124 if it is reached
+#   FILE         a program or any other file that the script needs. It has the same absolute path in the machine. A
 #                program comes with its shared libraries, and its directory is in PATH.
-# The packages are kept in build/qrtr-vm, so a later call downloads nothing.
+# The packages are stored in build/qrtr-vm, so a later run downloads nothing.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 source "$root/scripts/packages.sh"
@@ -23,8 +23,8 @@ shift $((OPTIND - 1))
 script=$(realpath -e "$1")
 shift
 
-# Fetches the packages of which only some files are needed, and takes these out. The kernel's package name has its
-# version, which linux-image-amd64 depends on.
+# Downloads packages and extracts the files that are needed. The name of the kernel's package contains its version, so
+# it is read from the dependencies of linux-image-amd64.
 prepare() (
   mkdir -p "$vm"
   exec 9>"$vm/lock"
@@ -36,7 +36,7 @@ prepare() (
     { echo "qrtr_vm: cannot download $kernel, busybox-static and qrtr-tools: run apt-get update" >&2; exit 1; }
   for package in ./*.deb; do
     dpkg-deb --fsys-tarfile "$package" | tar -x --wildcards --no-anchored 'vmlinuz-*' qrtr.ko busybox qrtr-lookup \
-      2>/dev/null || true  # tar complains about what the other packages have
+      2>/dev/null || true  # tar fails for files that a package does not have
   done
   cp boot/vmlinuz-* kernel
   find lib -name qrtr.ko -exec cp {} . \;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A short tour of the client, on a simulated modem of its own that is gone afterwards. Every command is shown as it runs;
-# one that does not do what it should ends the tour with an error.
+# A short tour of the client, with a simulated modem that the tour starts and ends. Every command is printed before it
+# runs; an unexpected result ends the tour with an error.
 # usage: scripts/tour.sh DIRECTORY_OF_THE_PROGRAMS
 set -euo pipefail
 PATH=$(cd "${1:?usage: scripts/tour.sh DIRECTORY_OF_THE_PROGRAMS}" && pwd):$PATH
@@ -35,8 +35,8 @@ fail() {
   exit 1
 }
 
-# The command as one would type it.
-tell() {
+# Prints the command as a user would type it.
+print_command() {
   local word line='$'
   for word in "$@"; do
     case $word in
@@ -49,36 +49,36 @@ tell() {
 }
 
 show() {
-  tell "$@"
+  print_command "$@"
   "$@" || fail "that command failed with status $?"
 }
 
-# A command that has to fail.
+# Runs a command that must fail.
 show_refused() {
   local status=0
-  tell "$@"
+  print_command "$@"
   "$@" 2>&1 || status=$?
   [ "$status" -ne 0 ] || fail "that command should have been refused"
   echo "(exit status $status)"
 }
 
-# A command that goes on while others run; its output is kept in a file too.
+# Runs a command in the background; its output also goes to a file.
 show_beside() {
   local file=$1
   shift
-  tell "$@" "&"
+  print_command "$@" "&"
   { "$@" || echo "failed with status $?"; } 2>&1 | tee "$file" &
   beside=$!
 }
 
-# wait_for FILE TEXT: until the text is in the file.
+# wait_for FILE TEXT: waits until the text is in the file.
 wait_for() {
   local i
   for ((i = 0; i < 200; ++i)); do
     grep -q "$2" "$1" 2>/dev/null && return 0
     sleep 0.05
   done
-  fail "waited for '$2' in vain"
+  fail "'$2' did not appear"
 }
 
 modem_sim serve --socket "$PELMAR_MODEM" --storage "$directory/storage" --exit-when-idle 60 >modem.log 2>&1 &
@@ -106,11 +106,11 @@ heading "An item has at most 256 bytes: a write of 257 is refused"
 head -c 257 /dev/zero >too-long
 show_refused modem_api_test nv write 551 @too-long
 
-heading "A pass-through command, waited for and asynchronous"
+heading "A pass-through command, synchronous and asynchronous"
 show modem_api_test raw 01 02 03
 show modem_api_test raw --async --text ping
 
-heading "Where both subscriptions are camped"
+heading "The cells of both subscriptions"
 show modem_api_test cell-info
 
 heading "An event arrives"
@@ -129,7 +129,7 @@ show modem_sim ctl service sar up
 wait "$beside"
 grep -q "set again" sar || fail "the SAR client did not come back"
 
-heading "What the radio receives, for four seconds of a drive"
+heading "The signal during four seconds of a drive"
 show modem_api_test signal --watch --rate 10 --for 4
 
-heading "That was the tour. './run --help' lists the commands; './run ARGUMENTS...' runs one."
+heading "End of the tour. './run --help' lists the commands; './run ARGUMENTS...' runs one."

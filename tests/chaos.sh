@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs client processes under a modem that fails in every way it knows, for as long as asked, in rounds of a storm and a
-# calm; each round prints what it did. The seed that the run prints replays its operations and faults.
+# Runs client processes with a modem that has every kind of fault, for SECONDS. Each round has a time of faults and then
+# a check, and prints its results. The printed seed repeats the operations and faults.
 # usage: tests/chaos.sh [SECONDS [SEED]]     for example tests/chaos.sh 600
 set -euo pipefail
 cd "$(dirname "$0")/.."

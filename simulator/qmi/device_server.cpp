@@ -21,10 +21,10 @@ namespace pelmar::sim {
 
 namespace {
 
-// Between looks whether a program has opened the device: the kernel does not report it.
+// The time between checks whether a program has opened the device, which the kernel does not report.
 constexpr std::chrono::milliseconds kLookPause{20};
 
-// How long the device is away after its connection was closed.
+// The time for which the device is absent after its connection was closed.
 constexpr std::chrono::milliseconds kAway{200};
 
 std::runtime_error failure(const std::string& what) {
@@ -66,7 +66,7 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
   ~DeviceConnection() override { stop(); }
 
-  // A message that the reader leaves no room for is dropped whole.
+  // A message for which there is no room, because the program reads too slowly, is dropped whole.
   void send(std::span<const uint8_t> bytes) override {
     if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
     waiting_.emplace_back(bytes.begin(), bytes.end());
@@ -133,8 +133,8 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
     if (waiting_.empty()) drained();
   }
 
-  // The program that had the device open has closed it. The terminal reports that all the time, so it is not watched
-  // until a program opens it again.
+  // The program has closed the device. The terminal would report that continuously, so it is not watched until a
+  // program opens it again.
   void wait_for_program() {
     input_.clear();
     waiting_.clear();

@@ -1,9 +1,9 @@
-// The modem as a character device: a pseudo-terminal in raw mode, to which a link at the user's path leads. It speaks
-// QMUX, as a USB modem's device does.
+// The modem as a character device: a pseudo-terminal in raw mode, and a symbolic link to it at the user's path. It
+// carries QMUX, as a USB modem's device does.
 //
-// The device is one connection. Like a USB modem it keeps client ids while the program that has it open ends, and drops
-// what nobody reads. Where a connection would be closed, the device goes away and comes back, as if it was plugged in
-// again.
+// The device is one connection. Like a USB modem, it keeps client ids when the program that has it open ends, and drops
+// messages that no program reads. If the connection is closed, the device goes away and comes back, as if it was
+// unplugged and plugged in again.
 #pragma once
 
 #include <memory>
@@ -34,7 +34,7 @@ class DeviceServer final {
   EventLoop& loop_;
   Connections& connections_;
   const std::string path_;
-  std::string terminal_;                          // where the link leads
+  std::string terminal_;                          // the target of the link
   std::shared_ptr<DeviceConnection> connection_;  // null while the device is away
   EventLoop::TimerId timer_{};
 };

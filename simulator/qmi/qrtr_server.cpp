@@ -26,7 +26,7 @@ constexpr uint32_t kInstance = 1;
 // A client's socket that is full is tried again after this time: the kernel does not report that there is room again.
 constexpr std::chrono::milliseconds kSendPause{1};
 
-// No datagram of this kernel is longer.
+// The kernel sends no longer datagrams.
 constexpr size_t kMaxDatagram = UINT16_MAX;
 
 bool is_temporary(int error) {
@@ -79,24 +79,24 @@ class QrtrService final : public EventLoop::Watcher {
   Connections& connections_;
   UniqueFd fd_;
   uint64_t generation_ = 0;                                 // of the socket
-  std::map<Address, std::shared_ptr<QrtrClient>> clients_;  // null: there was no memory for it
+  std::map<Address, std::shared_ptr<QrtrClient>> clients_;  // null: its allocation failed
   std::array<uint8_t, kMaxDatagram> datagram_{};
 };
 
-// A client of one service. What it does not read waits, up to a bound; beyond that, messages to it are dropped.
+// A client of one service. Messages that its socket has no room for wait up to a limit; further ones are dropped.
 class QrtrClient final : public Connection {
  public:
   QrtrClient(Connections& connections, uint64_t number, QrtrService& service, const sockaddr_qrtr& address)
       : Connection(connections, number, 0), service_(service), address_(address) {}
 
-  // While all client ids are taken, the request is refused as one of a void id.
+  // If all client ids are in use, the request is refused like one with a void id.
   void on_request(std::span<const uint8_t> message) {
     auto& ids = service_.slot().clients;
     if (client_ == qmi::kNoClient) client_ = ids.allocate(*this).value_or(qmi::kNoClient);
     received({service_.slot().service->id(), client_, message});
   }
 
-  // The message goes out without the frame's header, unless the frame is one of another service.
+  // Sends the frame's message without the header. A frame of another service is dropped.
   void send(std::span<const uint8_t> bytes) override {
     constexpr size_t kServiceAt = 4;
     if (bytes.size() >= qmi::kFrameHeaderLength && bytes[0] == 0x01) {
@@ -114,7 +114,7 @@ class QrtrClient final : public Connection {
 
   bool is_drained() const override { return waiting_.empty(); }
 
-  // The client's socket or the service's has closed. The last call.
+  // The client's socket or the service's has closed. No other function is called after this.
   void end() {
     has_ended_ = true;
     waiting_.clear();
@@ -199,7 +199,7 @@ void QrtrService::restart() {
   });
 }
 
-// Reads once for each wake-up, so that a client that sends without pause does not keep the others waiting.
+// Reads once for each wake-up, so that a client that sends without pause does not delay the others.
 void QrtrService::on_ready(uint32_t) {
   sockaddr_qrtr from{};
   socklen_t length = sizeof from;

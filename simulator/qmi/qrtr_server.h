@@ -1,8 +1,8 @@
 // The modem's services as QRTR services of this machine's own node, for clients of the kernel's QRTR.
 //
-// Each running service has a socket, which it publishes. A client is the address of a socket; it gets a client id with
-// its first request and keeps it until its socket closes. A service that goes down closes its socket, which the kernel
-// reports to all clients. A QRTR service cannot disconnect one client. Where a connection would be closed, the service
+// Each running service publishes a socket. A client is identified by the address of its socket; it gets a client id
+// with its first request and keeps it until its socket closes. A service that goes down closes its socket, which the
+// kernel reports to all clients. A QRTR service cannot disconnect one client. So if a connection is closed, the service
 // goes away for all its clients and comes back at once.
 #pragma once
 

@@ -1,5 +1,5 @@
-"""Compares the dynamic symbols of the built library with its list of exports, and what it leaves undefined with the
-operations of the platform beneath it.
+"""Compares the dynamic symbols of the built library with its list of exports, and its undefined symbols with the
+platform's operations.
 
 usage: exports_test.py LIBRARY LINKER_SCRIPT
 """
@@ -37,9 +37,9 @@ def main(library, script):
     differences = {
         "exported, not listed": exported - listed,
         "listed, not exported": listed - exported,
-        "undefined, of no platform": undefined - of_runtime - PLATFORM,
-        "of the platform, not undefined": PLATFORM - undefined,
-        "linked against": {path for path in paths if not re.search(RUNTIME, path)},
+        "undefined, but not of the platform": undefined - of_runtime - PLATFORM,
+        "of the platform, but not undefined": PLATFORM - undefined,
+        "linked, but not of the C or C++ runtime": {path for path in paths if not re.search(RUNTIME, path)},
     }
     return "\n".join(f"{what}: {name}" for what, names in differences.items() for name in sorted(names)) or 0
 

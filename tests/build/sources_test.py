@@ -1,6 +1,6 @@
-"""Compares the library's sources as they lie in modem/ with the lists that CMake and the phone's build compile, and
-checks that the phone's build reaches every header of its own: platform/include, which stands for the phone's headers,
-is not among its directories.
+"""Compares the library's sources in modem/ with the lists that CMake and the phone's build compile, and checks that the
+phone's build finds every included header. Its directories do not include platform/include, which replaces the phone's
+own headers.
 
 usage: sources_test.py PROJECT_DIRECTORY
 """
@@ -27,15 +27,15 @@ def check_sources():
 
 def check_includes():
     directories = [root / path for path in android_list("local_include_dirs") + android_list("export_include_dirs")]
-    yield from (f"Android.bp names no directory of the tree: {path}" for path in directories if not path.is_dir())
+    yield from (f"Android.bp names a directory that does not exist: {path}" for path in directories if not path.is_dir())
     own = {str(path.relative_to(directory)) for directory in directories for path in directory.rglob("*.h")}
     phone = {str(path.relative_to(root / "platform/include")) for path in (root / "platform/include").rglob("*.h")}
-    yield from (f"both ours and the phone's: {header}" for header in own & phone)
+    yield from (f"both in the tree and on the phone: {header}" for header in own & phone)
     files = {root / source for source in android_list("srcs")} | {path for d in directories for path in d.rglob("*.h")}
     for file in sorted(files):
         for header in re.findall(r'^\s*#\s*include "([^"]+)"', file.read_text(), re.M):
             if header not in own | phone:
-                yield f"{file.relative_to(root)} includes {header}, which Android.bp does not reach"
+                yield f"{file.relative_to(root)} includes {header}, which Android.bp's directories do not have"
 
 
 sys.exit("\n".join([*check_sources(), *check_includes()]) or 0)

@@ -1,5 +1,5 @@
-// The client, run as its users do: from a shell, against a simulated modem that it finds by its environment; and texts
-// that stand in golden/.
+// The client as users run it, from a shell, with a simulated modem that its environment names; and comparisons with the
+// files in golden/.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -13,9 +13,9 @@
 
 namespace pelmar::cli {
 
-using sim::test::comes_true;
 using sim::test::Outcome;
 using sim::test::Process;
+using sim::test::wait_until;
 
 inline std::string content(const std::string& path) {
   std::ostringstream text;
@@ -23,7 +23,7 @@ inline std::string content(const std::string& path) {
   return text.str();
 }
 
-// Where the text differs, the file in the working directory has what it is now.
+// Compares a text with the golden file. If they differ, writes the text to a file in the working directory.
 inline void expect_golden(const std::string& name, const std::string& text) {
   if (text == content(GOLDEN_DIRECTORY "/" + name)) return;
   std::ofstream(name) << text;
@@ -41,7 +41,7 @@ inline Process start(const std::string& arguments) {
   return Process("/bin/sh", {"sh", "-c", "trap '' INT; exec " MODEM_API_TEST " " + arguments}, true);
 }
 
-// Whether a line with the text comes to be printed.
+// Reads lines until one contains the text. Returns false if the output ends before.
 inline bool prints(Process& process, const std::string& text) {
   for (std::string line = process.line(); !line.empty(); line = process.line()) {
     if (line.find(text) != line.npos) return true;
@@ -49,7 +49,7 @@ inline bool prints(Process& process, const std::string& text) {
   return false;
 }
 
-// A script, its exit status, and a part of what it prints, which is all of it where it ends with a line's end.
+// A script, its exit status, and a part of its output. A text that ends with a line feed is the whole output.
 struct Case {
   std::string script;
   int status;
@@ -74,14 +74,14 @@ class ClientTest : public system_test::ModemTest {
     setenv("TEST_DIRECTORY", path("").c_str(), 1);
   }
 
-  // Whether the modem's status comes to have this in it, or not to have it.
-  bool comes_to(const std::string& text, bool has = true) {
-    return comes_true([&] { return (modem().respond("status").find(text) != std::string::npos) == has; });
+  // Waits until the modem's status contains this text, or no longer contains it.
+  bool wait_for_status(const std::string& text, bool has = true) {
+    return wait_until([&] { return (modem().respond("status").find(text) != std::string::npos) == has; });
   }
-  bool comes_to_have_no_clients() { return comes_to(R"("clients":[{)", false); }
+  bool wait_for_no_clients() { return wait_for_status(R"("clients":[{)", false); }
 
-  // Whether it comes to be asked for something that it does not respond to.
-  bool comes_to_wait() { return comes_to(R"("faults":0,)", false); }
+  // Waits until the modem has received a request that a fault leaves without response.
+  bool wait_for_silenced_request() { return wait_for_status(R"("faults":0,)", false); }
 };
 
 }  // namespace pelmar::cli

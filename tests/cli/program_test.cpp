@@ -1,5 +1,5 @@
-// The program as its users run it: exit status, clean output, files, a modem of its own, and an end that frees the
-// modem's client ids.
+// The program as users run it: exit status, output, files, the modem that it starts itself, and the release of the
+// modem's client ids at its end.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -60,7 +60,7 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
   }
 }
 
-// What it prints must not end up in a connection to the modem, or in a file.
+// The program's output must not go to a connection to the modem or to a file.
 TEST_F(ClientTest, WithStandardDescriptorsClosedItWorksOrFailsCleanly) {
   for (const auto& [closed, status] :
        {std::pair("<&-", 0), {"2>&-", 0}, {"<&- 2>&-", 0}, {">&-", 1}, {"<&- >&-", 1}, {"<&- >&- 2>&-", 1}}) {
@@ -73,7 +73,7 @@ TEST_F(ClientTest, WithStandardDescriptorsClosedItWorksOrFailsCleanly) {
   }
 }
 
-TEST_F(ClientTest, ControlCharactersAndWhatIsNoUtf8AreShownEscaped) {
+TEST_F(ClientTest, ControlCharactersAndInvalidUtf8AreEscaped) {
   const std::string path =
       " \"$(printf '/\\033[1m\\177 \\303\\211\\342\\226\\210 \\302\\233 \\303 \\300\\233 \\355\\240\\200')\"";
   const std::string shown = "/\\x1b[1m\\x7f \xC3\x89\xE2\x96\x88 \\xc2\\x9b \\xc3 \\xc0\\x9b \\xed\\xa0\\x80";
@@ -84,7 +84,7 @@ TEST_F(ClientTest, ControlCharactersAndWhatIsNoUtf8AreShownEscaped) {
 
 TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
   ctl("clock 3000");
-  ctl("statistic 1 0x62 01f6ff67170000");  // not all of its fields
+  ctl("statistic 1 0x62 01f6ff67170000");  // only some of its fields
   ctl("statistic 1 antenna-switch old_config=1 new_config=3");
   ctl("statistic 0 nr-uplink tx_power_pusch=-3.5 pathloss1=1");
   ctl("statistic 1 0x1234 00ff10");
@@ -110,7 +110,7 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
   ctl("clock 3000");
   for (const char* state :
        {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
-    EXPECT_TRUE(comes_to(state)) << state;
+    EXPECT_TRUE(wait_for_status(state)) << state;
   }
   for (const char* line : {"cell-info", "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
                            "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
@@ -125,14 +125,14 @@ TEST_F(ClientTest, ATimingAdvanceThatTheModemHasNotMeasuredIsAbsent) {
   expect({{"client cell-info --sub 0 --json", 0, R"("timing_advance":null,)"}});
 }
 
-TEST_F(ClientTest, DangerousCommandsAreRefusedWithoutATerminalAndConfirmation) {
+TEST_F(ClientTest, DangerousCommandsNeedConfirmation) {
   for (const std::string command : {"reset", "shutdown-notice", "lock lte 1850:101", "nr-mode 1"}) {
     expect({{"client " + command + " </dev/null", 1, "--yes"}, {"client " + command + " --yes", 0, ""}});
-    EXPECT_TRUE(comes_to(R"("state":"ready")")) << "after reset";
+    EXPECT_TRUE(wait_for_status(R"("state":"ready")")) << "after reset";
   }
 }
 
-TEST_F(ClientTest, NoResponseIsNoSuccess) {
+TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
   for (const char* fault : {"cut 9 nas 0x43", "error 3 nas 0x89"}) ctl(fault);
   expect({{"client cell-info", 1, "(MODEM_API_ERR_GENERIC, 1)"},
           {"client drx", 1, "QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)"}});
@@ -145,13 +145,13 @@ TEST_F(ClientTest, NoResponseIsNoSuccess) {
           {"client --modem ./nobody nv read 1", 1, "./nobody: nobody serves it"},
           {"client --modem ./nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
           {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
-  EXPECT_TRUE(comes_to_have_no_clients());
+  EXPECT_TRUE(wait_for_no_clients());
   ctl("clear");
   ctl("service sar down");
   expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
 }
 
-TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
+TEST_F(ClientTest, EventsArePrintedAcrossARestartUpToTheCount) {
   Process events = start("events --count 5");
   EXPECT_TRUE(prints(events, "following"));
   ctl("restart 300");
@@ -162,8 +162,8 @@ TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
     ctl(std::string("event ") + event);
   }
   ctl("silence vs");
-  EXPECT_TRUE(comes_to_wait());
-  ctl("event 5 3");  // ends the command, although no response comes
+  EXPECT_TRUE(wait_for_silenced_request());
+  ctl("event 5 3");  // ends the command although its request has no response
   std::istringstream lines(events.rest());
   std::string text;
   for (std::string line; std::getline(lines, line);) text += line.substr(line[0] == ' ' ? 0 : 14) + "\n";
@@ -173,7 +173,7 @@ TEST_F(ClientTest, EventsArePrintedThroughARestartUntilTheCount) {
   expect({{"client events --count 1 --for 1", 1, "only 0 of 1 came in 1 seconds"}});
 }
 
-TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
+TEST_F(ClientTest, AServiceThatComesUpIsReportedDuringAStreamOfEvents) {
   ctl("service nas down");
   Process events = start("events --services --json");
   EXPECT_TRUE(prints(events, "; the NAS service of subscription 0 is down"));
@@ -183,28 +183,29 @@ TEST_F(ClientTest, AServiceThatComesUpIsFollowedUnderAStreamOfEvents) {
   EXPECT_EQ(events.end(SIGINT), 130);
 }
 
-TEST_F(ClientTest, TheSarStateIsHeldOverARestartOfTheService) {
+TEST_F(ClientTest, TheSarStateIsSetAgainAfterARestartOfTheService) {
   Process holder = start("sar set 3 --hold 3600 --json");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
   ctl("service sar down");
   EXPECT_TRUE(prints(holder, R"("sar":"down")"));
   ctl("service sar up");
   EXPECT_TRUE(prints(holder, R"("sar":"set")"));
-  EXPECT_TRUE(comes_to(R"("sar_rf_state":3)"));
+  EXPECT_TRUE(wait_for_status(R"("sar_rf_state":3)"));
   EXPECT_EQ(holder.end(SIGINT), 130);
 }
 
 TEST_F(ClientTest, ASignalFreesTheClientOfAWaitingCommand) {
   ctl("silence vs");
-  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // nothing frees the buffers of an asynchronous command under way
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // nothing frees the buffers of a pending asynchronous command
   for (const auto& [command, signal] :
        {std::pair("nv read 1", SIGINT), {"raw 01 --async", SIGTERM}, {"events", SIGHUP}}) {
     Process process = start(command);
-    EXPECT_TRUE(comes_to(R"("clients":[{)")) << command;
+    EXPECT_TRUE(wait_for_status(R"("clients":[{)")) << command;
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(process.end(signal), 128 + signal) << command;
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25)) << "no response comes for 30 s";
-    EXPECT_TRUE(comes_to_have_no_clients()) << command;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25))
+        << "the request would time out after 30 s";
+    EXPECT_TRUE(wait_for_no_clients()) << command;
   }
 }
 
@@ -229,7 +230,7 @@ class PowerTest : public ClientTest {
   PowerTest() : ClientTest({"--pm-socket"}) {}
 };
 
-TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatcherSeesEveryStep) {
+TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
   Process watch = start("power watch --count 4 --json");
   EXPECT_TRUE(prints(watch, R"("event":1})"));
   Process vote = start("power vote");
@@ -245,7 +246,7 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatcherSeesEveryStep) {
   expect({{"client power vote --for 1 --json | tail -n 1", 0, "{\"vote\":\"released\",\"device\":\"modem\"}\n"}});
 }
 
-TEST_F(PowerTest, AManagerThatIsGoneIsReported) {
+TEST_F(PowerTest, TheLossOfTheManagerIsReported) {
   Process watch = start("power watch");
   Process vote = start("power vote");
   EXPECT_TRUE(prints(vote, "modem on-line"));
@@ -257,9 +258,9 @@ TEST_F(PowerTest, AManagerThatIsGoneIsReported) {
   }
 }
 
-// --- the program's own modem ---
+// --- the modem that the program starts ---
 
-TEST(OwnModem, StartsOnceForManyKeepsItsStorageAndItsFailureIsReported) {
+TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
   const sim::test::ScratchDirectory directory;
   const std::string longest = directory.path(std::string(100, 'a'));
   const std::string program = directory.path("program");

@@ -1,4 +1,4 @@
-// The live view on a terminal, and recordings, as users run them.
+// The live view on a terminal, and recordings, as users run the program.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -9,7 +9,7 @@ namespace {
 
 using testing::HasSubstr;
 
-// Starts the live view on a terminal of its own. Its process number goes to the file `process`.
+// Starts the live view on a new terminal. Its process id goes to the file `process`.
 Process watch(const std::string& options = "") {
   const std::string client = "exec " MODEM_API_TEST " signal --watch --rate 20 " + options;
   return Process(
@@ -20,7 +20,8 @@ Process watch(const std::string& options = "") {
       true);
 }
 
-// Ends, and gives the screen back: nothing is drawn at places of its own after that, and the last picture stays.
+// Expects that the program ends and restores the screen: it does not move the cursor after that, and the last picture
+// remains.
 void expect_clean_end(Process& terminal, int status, const std::string& last_picture) {
   const std::string drawn = terminal.rest();
   const size_t left = drawn.rfind("\033[?25h\033[?1049l");
@@ -31,7 +32,7 @@ void expect_clean_end(Process& terminal, int status, const std::string& last_pic
   EXPECT_EQ(terminal.end(), status);
 }
 
-TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
+TEST_F(ClientTest, TheLiveViewContinuesAfterARestartAndRestoresTheTerminal) {
   Process terminal = watch();
   EXPECT_TRUE(prints(terminal, "subscription 1"));
   ctl("restart 300");
@@ -41,21 +42,22 @@ TEST_F(ClientTest, TheLiveViewGoesOnAfterARestartAndLeavesTheTerminalClean) {
   expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
 }
 
-// The second signal, and any that is not waited for. Of the first ones, two of a kind may arrive as one.
-TEST_F(ClientTest, ASignalThatKillsLeavesTheTerminalClean) {
+// A second signal and a signal that the program does not handle are fatal. The two signals differ, because two of one
+// kind may arrive as one.
+TEST_F(ClientTest, AFatalSignalRestoresTheTerminal) {
   for (const auto& [signals, status] :
        {std::pair("kill -INT $p; kill -TERM $p", 128 + SIGTERM), {"kill -QUIT $p", 128 + SIGQUIT}}) {
     Process terminal = watch();
     EXPECT_TRUE(prints(terminal, "2 readings"));
     ctl("silence vs");
-    EXPECT_TRUE(comes_to_wait());
+    EXPECT_TRUE(wait_for_silenced_request());
     shell("read p <process; " + std::string(signals));
     expect_clean_end(terminal, status, "");
     ctl("clear");
   }
 }
 
-TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
+TEST_F(ClientTest, ARecordingIsDrawnAlthoughTheModemOrTheReaderBlocks) {
   // The shell holds the pipe open and reads nothing.
   expect({{"mkfifo p; exec 3<>p; client --json --timeout 2 signal --rate 50 --watch --plot a.svg >&3", 1,
            "not done in 2 s"},
@@ -63,13 +65,13 @@ TEST_F(ClientTest, ARecordingIsDrawnInTimeWhoeverDoesNotRespondOrRead) {
   Process terminal = watch("--plot b.svg");
   EXPECT_TRUE(prints(terminal, "2 readings"));
   ctl("silence vs");
-  EXPECT_TRUE(comes_to_wait());
+  EXPECT_TRUE(wait_for_silenced_request());
   shell("kill -INT $(cat process)");
   expect_clean_end(terminal, 128 + SIGINT, "subscription 1");
   expect({{"head -c 5 b.svg", 0, "<svg "}});
 }
 
-TEST_F(ClientTest, WhatIsNoRecordingIsRefusedWithItsLine) {
+TEST_F(ClientTest, InvalidRecordingsAreRefusedWithTheLine) {
   const std::string draw = "client signal --plot - --from a";
   const std::string heading = "echo time,carrier,sub,snr_0_db >a; echo ";
   const std::string time = "2023-11-14T22:13:20.007Z,";
@@ -80,8 +82,8 @@ TEST_F(ClientTest, WhatIsNoRecordingIsRefusedWithItsLine) {
           {heading + "now,lte_pcc,0,1 >>a; " + draw, 1, "line 2: 'now' is no time of a recording"}});
 }
 
-// Each case goes on with the files of those before it.
-TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
+// Each case uses the files of the cases before it.
+TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
   const std::string record = "client signal --count 1 --csv a";
   expect({{record, 0, "1 reading written to a\n"},
           {"cp a first; " + record, 1, "it is there already"},
@@ -106,7 +108,7 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndLostOnlyOnRequest) {
           {"client signal --csv - --json", 2, ""}});
 }
 
-TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {
+TEST_F(ClientTest, ALossOfTheModemEndsARecordingWithAFailure) {
   ctl("delay 0 vs any 20");
   ctl("error 52 vs");
   expect({{"client signal --for 1 --csv a", 1, "QMI error 52"}});
@@ -114,7 +116,7 @@ TEST_F(ClientTest, ARecordingWhoseModemDiesIsAFailure) {
   ctl("delay 0 vs any 20");
   ctl("die modem vs");
   expect({{"client signal --for 1 --csv b --plot c", 1, "0 readings came before"}});
-  EXPECT_GT(modem().end(0), 0) << "it died";
+  EXPECT_GT(modem().end(0), 0) << "the modem ends with an error";
 }
 
 }  // namespace

@@ -20,8 +20,8 @@ constexpr Levels two(double first, double second) {
   return {first, second, kNoLevel, kNoLevel};
 }
 
-// All that a reading can have: two LTE carriers of which one measures on two chains, NR, gains and antennas; and a
-// subscription of which nothing is known.
+// Everything that a reading can have: two LTE carriers, one of them measured on two chains, NR, gains and antennas; and
+// a subscription without values.
 Reading full_reading(int seconds = 0) {
   setenv("TZ", "UTC", 1);
   SubscriptionReading sub;
@@ -50,7 +50,7 @@ TEST(Reading, IsShownAsTextLineDocumentAndRows) {
 
 // --- the live view ---
 
-std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& trouble = "") {
+std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& notice = "") {
   Reading reading = full_reading();
   History history;
   for (const double level : {-100.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
@@ -60,10 +60,10 @@ std::vector<std::string> view(TerminalSize size, const Style& style = {}, const 
     reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // noise
     history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
   }
-  return live_view(reading, history, {"@modem", trouble, 12, 10}, size, style);
+  return live_view(reading, history, {"@modem", notice, 12, 10}, size, style);
 }
 
-// The picture in terminals of several sizes. Of escapes, a caret is shown.
+// The picture in terminals of several sizes. The golden file has a caret for each escape character.
 TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   const Style colours = {true};
   std::string text;
@@ -89,7 +89,7 @@ TEST(LiveView, FitsEveryTerminal) {
   }
 }
 
-TEST(History, HasAColumnASecondWhateverTheWallClockShows) {
+TEST(History, HasOneColumnPerSecondIndependentOfTheWallClock) {
   History history;
   Reading reading = full_reading();
   const auto read_at = [&](int milliseconds, double level) {
@@ -106,7 +106,7 @@ TEST(History, HasAColumnASecondWhateverTheWallClockShows) {
 
 // --- recordings and their picture ---
 
-// Also where the clock was set back while it was recorded. The modem is away from second 8 to 14.
+// The clock is set back during the recording, and the modem is away from second 8 to 14.
 TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
   Recording recording;
   std::string rows = csv_header();

@@ -1,5 +1,5 @@
-"""Installs a build into a directory of its own, builds clients against it, in C and C++ with the CMake package and in C with
-pkg-config, and runs them on the installed simulated modem.
+"""Installs a build into a temporary directory, builds clients against it, in C and C++ with the CMake package and in C
+with pkg-config, and runs them with the installed simulated modem.
 
 usage: install_test.py BUILD_DIRECTORY C_COMPILER CXX_COMPILER
 """

@@ -1,4 +1,4 @@
-// The simulated modem's character device: opened by programs in turn, and shared by qmi-proxy.
+// The character device of the simulated modem: programs open it in turn, or share it by qmi-proxy.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -45,7 +45,7 @@ class ProxyTest : public DeviceTest {
   ProxyTest() : DeviceTest("proxy") {}
 };
 
-TEST_F(DeviceTest, ProgramsOpenItInTurn) {
+TEST_F(DeviceTest, ProgramsOpenTheDeviceInTurn) {
   EXPECT_EQ(run({"nv", "write", "7", "--text", "device"}).status, 0);
   ctl("drx 0 8");
   if (access(kQmicli, X_OK) == 0) {
@@ -68,13 +68,13 @@ TEST_F(DeviceTest, ANotifierReportsADeviceThatComesLater) {
   EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_event, &arrivals), QMI_NO_ERR);
   EXPECT_EQ(arrivals, 0);
   serve({});
-  EXPECT_TRUE(sim::test::comes_true([&] { return arrivals == 1; }));
+  EXPECT_TRUE(sim::test::wait_until([&] { return arrivals == 1; }));
   EXPECT_EQ(qmi_client_release(notifier), QMI_NO_ERR);
 }
 
-TEST_F(DeviceTest, OneProgramAtATimeAndAnOtherDeviceAreRefusedWithAReason) {
+TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
   Process follower(MODEM_API_TEST, client({"events"}), true);
-  EXPECT_TRUE(sim::test::comes_true(
+  EXPECT_TRUE(sim::test::wait_until(
       [&] { return modem().value("status", "/services").dump().find("clients\":[{") != std::string::npos; }));
   EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("(modem_api_test) has it open"));
   const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -97,7 +97,7 @@ TEST_F(DeviceTest, OneProgramAtATimeAndAnOtherDeviceAreRefusedWithAReason) {
 }
 
 // qmi-proxy keeps the client ids of programs that were killed, and the modem has ten for each service.
-TEST_F(ProxyTest, KilledClientsLeaveAnIdForTheNextOne) {
+TEST_F(ProxyTest, TheNextProgramReleasesTheIdsOfKilledOnes) {
   for (int i = 0; i < 10; ++i) {
     Process follower(MODEM_API_TEST, client({"events"}), true);
     EXPECT_THAT(follower.line(), HasSubstr("is up"));

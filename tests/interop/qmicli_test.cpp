@@ -1,7 +1,8 @@
-// An independent QMI client, qmicli, and the library look at one simulated modem and must see the same.
+// The library and qmicli, an independent QMI client, use one simulated modem and must get the same values.
 //
-// qmicli knows a proxy by the fixed abstract name "qmi-proxy". The test takes a network namespace of its own, so that
-// the name is free whatever runs on the machine. The simulated modem is the proxy, or is behind one.
+// qmicli connects to a proxy at the fixed abstract name "qmi-proxy". The test creates its own network namespace, so
+// that the name is free even if the machine runs a proxy. The simulated modem listens at that name itself, or a proxy
+// opens its device.
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <unistd.h>
@@ -21,7 +22,7 @@ using testing::HasSubstr;
 constexpr const char* kQmicli = "/usr/bin/qmicli";
 constexpr const char* kProxy = "@qmi-proxy";
 
-// The proxy's name in a network namespace of the test's own; "" where there is none to be had.
+// Creates a network namespace and returns the proxy's name in it; "" if that fails.
 std::string own_proxy() {
   if (sim::test::transport() != "socket") return "";
   return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 ? kProxy : "";
@@ -36,7 +37,7 @@ class QmicliTest : public ModemTest {
     if (IsSkipped()) return;
     if (access(kQmicli, X_OK) != 0) GTEST_SKIP() << "qmicli is not installed (package libqmi-utils)";
     if (sim::test::transport() == "socket" && modem().socket() != kProxy)
-      GTEST_SKIP() << "no network namespace of its own to be had";
+      GTEST_SKIP() << "cannot create a network namespace";
   }
 
   std::string qmicli(const std::string& action) {
@@ -68,11 +69,11 @@ TEST_F(QmicliTest, CellLocationIsTheSameForBoth) {
   ASSERT_EQ(modem_api_get_cell_info(open(MODEM_API_CLIENT_NAS_0), 0, &cells[0], &frequencies[0], &cells[8],
                                     &advance_valid, &advance, &nr_valid, &nr_arfcn),
             MODEM_API_SUCCESS);
-  EXPECT_NE(cells[1], 0) << "a neighbour of the serving cell";
-  std::erase(cells, 0);  // empty places, which qmicli leaves out
+  EXPECT_NE(cells[1], 0) << "there is a neighbour cell";
+  std::erase(cells, 0);  // unused entries, which qmicli omits
   EXPECT_THAT(numbers_after(seen, "Physical Cell ID"), ElementsAreArray(cells));
   std::vector<uint32_t> seen_frequencies = numbers_after(seen, "EUTRA Absolute RF Channel Number");
-  seen_frequencies.resize(4);  // the serving one, and what the library returns
+  seen_frequencies.resize(4);  // that of the serving cell, then those that the library returns
   EXPECT_THAT(std::vector(seen_frequencies.begin() + 1, seen_frequencies.end()), ElementsAreArray(frequencies));
   EXPECT_EQ(advance_valid, 1);
   EXPECT_THAT(numbers_after(seen, "LTE Timing Advance"), ElementsAreArray({advance}));
@@ -93,7 +94,7 @@ TEST_F(QmicliTest, DrxIsTheSameForBoth) {
   }
 }
 
-TEST_F(QmicliTest, ASarStateThatOneSetsTheOtherReads) {
+TEST_F(QmicliTest, EachReadsTheSarStateThatTheOtherSets) {
   const int32_t client = open(MODEM_API_CLIENT_SAR);
   ASSERT_EQ(modem_api_set_sar_rf_state(client, 5), MODEM_API_SUCCESS);
   EXPECT_THAT(qmicli("--sar-rf-get-state"), HasSubstr("SAR RF state: 5"));

@@ -1,6 +1,6 @@
 # Runs the tests of QRTR, and those of the system and of qmicli over QRTR, in the virtual machine:
 #   scripts/qrtr_vm.sh -t 240 tests/interop/qrtr.sh build/test/bin/{qrtr,interop,system}_tests build/test/bin/modem_sim
-# Each test has a process of its own. The exit status is not 0 if one fails.
+# Each test runs in its own process. The exit status is 0 if all pass.
 export PELMAR_TEST_TRANSPORT=qrtr XDG_STATE_HOME=/tmp
 failures=0
 modem_sim serve --qrtr --socket /tmp/modem --storage /tmp/storage >/dev/null &
@@ -13,7 +13,7 @@ done
 kill %1
 wait
 for program in qrtr_tests interop_tests system_tests; do
-  command -v $program >/dev/null || { echo "FAILED: $program is not there"; failures=$((failures + 1)); }
+  command -v $program >/dev/null || { echo "FAILED: there is no $program"; failures=$((failures + 1)); }
 done
 for program in qrtr_tests interop_tests system_tests; do
   for test in $($program --gtest_list_tests | awk '/^[^ ]/ { suite = $1 } /^  / { print suite $1 }' |
@@ -24,7 +24,7 @@ for program in qrtr_tests interop_tests system_tests; do
       echo "FAILED: $test"
       cat /tmp/output
       failures=$((failures + 1))
-      killall modem_sim 2>/dev/null  # a test that was ended leaves it, and the next one would find it
+      killall modem_sim 2>/dev/null  # a test that timed out leaves it running, and the next test would use it
     fi
   done
 done

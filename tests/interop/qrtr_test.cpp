@@ -1,5 +1,5 @@
-// The client framework over the kernel's QRTR: its services are sockets of the test. Skipped where the kernel has none;
-// scripts/qrtr_vm.sh runs a kernel that has.
+// The client framework over the kernel's QRTR: its services are sockets of the test. The tests are skipped if the
+// kernel has no QRTR; scripts/qrtr_vm.sh runs a kernel that has it.
 #include <gtest/gtest.h>
 #include <linux/qrtr.h>
 #include <poll.h>
@@ -45,7 +45,7 @@ Bytes drx_response(const Datagram& request, uint8_t drx) {
                  {0x02, 4, 0, 0, 0, 0, 0, 0x10, 4, 0, drx, 0, 0, 0});
 }
 
-// A socket of the test. It has an address once it has sent something.
+// A socket of the test. The kernel gives it an address when it first sends.
 class Peer {
  public:
   void publish(uint32_t instance = 0, uint32_t version = kVersion) {
@@ -76,7 +76,7 @@ class Peer {
     return sent < 0 ? errno : 0;
   }
 
-  // An empty one if nothing comes in that time.
+  // Returns an empty datagram at the timeout.
   Datagram receive(int timeout_ms = 60'000) {
     pollfd readable = {socket_.get(), POLLIN, 0};
     if (::poll(&readable, 1, timeout_ms) <= 0) return {};
@@ -90,14 +90,14 @@ class Peer {
     return datagram;
   }
 
-  // The next request of a client; the name service's packets are dropped.
+  // Returns the next request of a client and drops the name service's packets.
   Datagram receive_request(int timeout_ms = 60'000) {
     Datagram datagram = receive(timeout_ms);
     while (datagram.is_control()) datagram = receive(timeout_ms);
     return datagram;
   }
 
-  void make_small() {
+  void minimise_buffer() {
     const int least = 0;
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
   }
@@ -148,7 +148,7 @@ class QrtrTest : public testing::Test {
     events_.change([&](Events& events) { events.push_back(event); });
   }
   Events events(size_t count) {
-    events_.comes_to([=](const Events& events) { return events.size() >= count; });
+    events_.wait_until([=](const Events& events) { return events.size() >= count; });
     return events_.get();
   }
 
@@ -168,17 +168,17 @@ class QrtrTest : public testing::Test {
   std::vector<qmi_client_type> handles_;
   SharedValue<Events> events_;
   std::atomic<size_t> indications_ = 0;
-  std::atomic<bool> is_held_ = false;  // the callback of an indication does not return
+  std::atomic<bool> is_held_ = false;  // the callback of an indication does not return while it is set
   milliseconds callback_time_{0};
 };
 
-TEST_F(QrtrTest, TakesMessagesOfItsServiceAlone) {
+TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   Peer service, stranger;
   service.publish(0, 7);  // any version
   auto outcome = send(connect());
   const Datagram request = service.receive_request();
   EXPECT_EQ(stranger.send(request.from, drx_response(request, 6)), 0);
-  EXPECT_EQ(stranger.send(request.from, Bytes{5, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0}), 0) << "a departure, cut short";
+  EXPECT_EQ(stranger.send(request.from, Bytes{5, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0}), 0) << "a truncated departure";
   const uint16_t id = QMI_NAS_GET_DRX_V01;
   for (const Bytes& bad : {Bytes(), Bytes{2}, Bytes(6, 0xFF), Bytes(65000, 0xFF), message(0, 1, id, {}),
                            message(2, 0x7777, id, {}), message(2, 1, id + 1, {})}) {
@@ -189,7 +189,7 @@ TEST_F(QrtrTest, TakesMessagesOfItsServiceAlone) {
   EXPECT_EQ(events(0), Events{});
 }
 
-TEST_F(QrtrTest, EndsWithItsServiceAndFindsItAgain) {
+TEST_F(QrtrTest, FailsWhenItsServiceEndsAndFindsItAgain) {
   Peer first, second;
   first.publish();
   const qmi_client_type lost = connect();
@@ -220,11 +220,11 @@ TEST_F(QrtrTest, EndsWithItsServiceAndFindsItAgain) {
          read_qrtr_control(end.bytes) != QrtrControl{QrtrControl::Kind::kSocketGone, request.from}) {
     end = second.receive();
   }
-  EXPECT_TRUE(end.is_control()) << "the service learns of the client's end";
+  EXPECT_TRUE(end.is_control()) << "the service is notified of the client's end";
   EXPECT_EQ(events(0), Events{"error -2"});
 }
 
-TEST_F(QrtrTest, OpensTheInstanceAndTheNodeThatAreNamed) {
+TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
   Peer one, two;
   one.publish(1);
   two.publish(2);
@@ -253,7 +253,7 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   ::getrusage(RUSAGE_SELF, &before);
   std::this_thread::sleep_for(milliseconds(2000));
   ::getrusage(RUSAGE_SELF, &after);
-  EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "switches of threads in two seconds";
+  EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "context switches in two seconds";
   one.close();
   EXPECT_EQ(events(2).back(), "event 1");
   two.publish(2);
@@ -261,19 +261,20 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   Peer third;
   third.publish(3);
   two.close();
-  EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"})) << "another one is there";
+  EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}))
+      << "another instance is present";
 }
 
-TEST_F(QrtrTest, WaitsForAFullService) {
+TEST_F(QrtrTest, WaitsWhileTheSocketOfTheServiceIsFull) {
   Peer service, stranger;
-  service.make_small();
+  service.minimise_buffer();
   service.publish();
   const qmi_client_type handle = connect();
   const QrtrAddress address = [&] {
     auto outcome = send(handle, 1);
     const Datagram request = service.receive_request();
     outcome.wait();
-    // The stranger learns the service's address from a lookup.
+    // The stranger gets the service's address from a lookup.
     QrtrSocket socket;
     QrtrAddress found;
     EXPECT_TRUE(socket.open());
@@ -295,7 +296,7 @@ TEST_F(QrtrTest, WaitsForAFullService) {
   const auto start = Deadline::Clock::now();
   EXPECT_EQ(send(handle, 50).get().first, QMI_TIMEOUT_ERR);
   EXPECT_GE(Deadline::Clock::now() - start, milliseconds(50));
-  EXPECT_TRUE(drain().bytes.empty()) << "a request that was given up does not arrive later";
+  EXPECT_TRUE(drain().bytes.empty()) << "a request that timed out is not sent later";
 
   fill();
   auto outcome = send(handle);
@@ -309,7 +310,7 @@ TEST_F(QrtrTest, WaitsForAFullService) {
   outcome = send(handle);
   std::this_thread::sleep_for(milliseconds(30));
   service.close();
-  EXPECT_EQ(outcome.get().first, QMI_SERVICE_ERR) << "the service goes away while a send waits";
+  EXPECT_EQ(outcome.get().first, QMI_SERVICE_ERR) << "the service closes while a send waits";
 }
 
 TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
@@ -327,7 +328,7 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
+TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   is_held_ = true;
   Peer service;
   service.publish();
@@ -338,12 +339,12 @@ TEST_F(QrtrTest, CountsDropsAndSeesALossThatWasDropped) {
   size_t refused = 0;
   while (refused < 5) refused += service.send(request.from, indication) != 0;
   service.close();
-  std::this_thread::sleep_for(milliseconds(100));  // until the name service has reported it, in vain
+  std::this_thread::sleep_for(milliseconds(100));  // time for the name service's report, which the kernel drops
   EXPECT_EQ(events(0), Events{});
   is_held_ = false;
   EXPECT_EQ(events(1), Events{"error -2"});
   const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("the kernel dropped 6 messages"), std::string::npos) << "and the report: " << log;
+  EXPECT_NE(log.find("the kernel dropped 6 messages"), std::string::npos) << "five indications and the report: " << log;
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// How handles end, and what notifiers report: the service goes away and comes back, the handle is released, the process
-// ends.
+// The end of handles and the reports of notifiers: the service goes away and comes back, the handle is released, the
+// process ends.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -19,7 +19,7 @@ bool g_is_child = false;
 
 }  // namespace
 
-// What other threads of the parent had allocated looks like a leak in a child of fork().
+// In a child of fork() the memory of the parent's other threads would be reported as leaked.
 extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
   return g_is_child ? 1 : 0;
 }
@@ -31,7 +31,7 @@ using ClientIds = ScriptedModem::ClientIds;
 
 // --- the service goes away ---
 
-TEST_P(BothRules, EverySendEndsAtOnceWhenTheServiceGoes) {
+TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
   // The last frame is longer than its message and takes the next one's first byte.
   const std::function<void(int connection, uint8_t client)> losses[] = {
       [this](int to, uint8_t client) { modem_.revoke(to, kNasId, client); },
@@ -48,7 +48,7 @@ TEST_P(BothRules, EverySendEndsAtOnceWhenTheServiceGoes) {
     const auto [connection, service, client, transaction, id, tlvs] = begin_async(handle);
     Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
     modem_.indicate(connection, kNasId, client, 1);
-    modem_.revoke(connection, kNasId, static_cast<uint8_t>(client + 1));  // somebody else's
+    modem_.revoke(connection, kNasId, static_cast<uint8_t>(client + 1));  // another client's
     lose(connection, client);
     for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get(), lost());
     const std::string content = by_rules("1003", "nothing");
@@ -57,13 +57,13 @@ TEST_P(BothRules, EverySendEndsAtOnceWhenTheServiceGoes) {
     EXPECT_EQ(get_drx(handle), lost());
     EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
-    EXPECT_EQ(events(0).size(), 4u) << "a registration that comes too late calls back before it returns";
+    EXPECT_EQ(events(0).size(), 4u) << "a registration after the loss calls back before it returns";
   }
-  modem_.client_ids.set({});  // this modem frees no void ids
+  modem_.client_ids.set({});  // the modem does not free void ids itself
 }
 
-// Behind a proxy nothing else shows that a client id is void. An asynchronous request and a synchronous one are under
-// way. The latter is refused as if the id were void, so the modem gets a probe.
+// Behind a proxy only an error of a response shows that a client id is void. An asynchronous and a synchronous request
+// are pending. The response to the synchronous one has the error of a void id, so the framework sends a probe.
 class ErrorOfAVoidId : public BothRules {
  protected:
   ScriptedRequest receive_probe() {
@@ -79,7 +79,7 @@ class ErrorOfAVoidId : public BothRules {
   Exchange exchange_ = begin(handle_);
 };
 
-TEST_P(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
+TEST_P(ErrorOfAVoidId, EndsTheConnectionOnceConfirmedButNoNewerOne) {
   modem_.client_ids.set({});  // the modem has restarted
   connect();
   const ScriptedRequest probe = receive_probe();
@@ -88,14 +88,14 @@ TEST_P(ErrorOfAVoidId, EndsTheConnectionOnceItIsConfirmedAndNoneThatIsNewer) {
   modem_.respond(probe, refusal(7));
   EXPECT_EQ(exchange_.outcome.get(), lost());
   Events seen = events(5);
-  std::sort(seen.begin(), seen.end());  // the handles' threads run side by side
+  std::sort(seen.begin(), seen.end());  // the handles' threads run concurrently
   EXPECT_EQ(seen, (Events{"error -2", "event 0", "event 0", "event 1",
                           "response 137 -2 " + std::string(by_rules("1003", "nothing"))}));
-  EXPECT_TRUE(modem_.comes_to_be_closed(0));
+  EXPECT_TRUE(modem_.wait_for_close(0));
   EXPECT_EQ(modem_.client_ids.get().size(), 1u);
 }
 
-TEST_P(ErrorOfAVoidId, IsTheMessagesOwnWhereTheIdIsGood) {
+TEST_P(ErrorOfAVoidId, BelongsToTheMessageIfTheIdIsValid) {
   modem_.respond(receive_probe(), refusal(71));
   EXPECT_EQ(exchange_.outcome.get(), Outcome(0, 1007));
   modem_.respond(async_, refusal(7));
@@ -127,10 +127,10 @@ TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback)
   EXPECT_EQ(events(2), (Events{"event 0", "released 0"}));
 }
 
-// 10 ms after the first loss, then ever longer.
-TEST_F(ClientTest, ANotifierAnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
+// The delay is 10 ms after the first loss and grows with each further one.
+TEST_F(ClientTest, ANotifierDelaysReportsOfAServiceThatIsLostAgain) {
   const auto start = Clock::now();
-  bool has_lasted = false;  // on a slow machine: the wait is short again then
+  bool has_lasted = false;  // on a slow machine a connection may last, which resets the delay
   for (const int connection : {0, 2, 4, 6}) {
     events_.set({});
     const auto connected = Clock::now();
@@ -146,22 +146,22 @@ TEST_F(ClientTest, ANotifierAnnouncesAServiceThatDoesNotStayEverMoreSlowly) {
   EXPECT_TRUE(has_lasted || Clock::now() - start >= milliseconds(10 + 20 + 40 + 80));
 
   const qmi_client_type lasting = connect();
-  std::this_thread::sleep_for(milliseconds(100));  // as long as it takes to count as lasting
+  std::this_thread::sleep_for(milliseconds(100));  // a connection of this duration resets the delay
   qmi_client_release(lasting);
   create_notifier();
-  EXPECT_EQ(events(0).size(), 3u) << "at once again";
+  EXPECT_EQ(events(0).size(), 3u) << "without a delay again";
 }
 
 // --- the handle is released ---
 
-// By the phone's rules it calls the callbacks of pending transactions itself.
-TEST_P(BothRules, ReleaseWaitsForARunningCallbackAndLeavesNoOtherToTheHandlesThread) {
+// By the phone's rules a release calls the callbacks of pending transactions itself.
+TEST_P(BothRules, ReleaseWaitsForTheRunningCallbackAndNoneFollowsOnTheHandlesThread) {
   const qmi_client_type handle = connect();
   Exchange reader = begin(handle, 0), waiting = begin(handle, 0);
   const auto releasing = std::this_thread::get_id();
   on_callback_.set([&](qmi_client_type) {
-    waiting.outcome.wait();                         // which a release ends first
-    std::this_thread::sleep_for(milliseconds(50));  // time for a release that does not wait to be seen
+    waiting.outcome.wait();                         // the release ends this send first
+    std::this_thread::sleep_for(milliseconds(50));  // enough for a release that does not wait to return
     note(std::this_thread::get_id() == releasing ? "over, on the releasing thread" : "over");
   });
   const ScriptedRequest async = begin_async(handle);
@@ -173,7 +173,7 @@ TEST_P(BothRules, ReleaseWaitsForARunningCallbackAndLeavesNoOtherToTheHandlesThr
   Events expected = {"indication 1 (0)", "over"};
   if (GetParam()) expected.insert(expected.end(), {"response 137 -1 nothing", "over, on the releasing thread"});
   EXPECT_EQ(events(0), expected);
-  EXPECT_TRUE(comes_to_hold_no_ids());
+  EXPECT_TRUE(wait_for_no_ids());
   std::this_thread::sleep_for(milliseconds(20));
   EXPECT_EQ(events(0), expected);
 }
@@ -187,7 +187,7 @@ TEST_F(ClientTest, ACallbackMayReleaseItsOwnHandle) {
   modem_.indicate(0, kNasId, 0xFF, 1);
   modem_.indicate(0, kNasId, 0xFF, 2);
   EXPECT_EQ(events(2), (Events{"indication 1 (0)", "released 0, then -18"}));
-  EXPECT_TRUE(modem_.comes_to_be_closed(0));
+  EXPECT_TRUE(modem_.wait_for_close(0));
   EXPECT_EQ(qmi_client_release(handle), QMI_CLIENT_INVALID_CLNT);
   EXPECT_EQ(events(2).size(), 2u);
 }
@@ -207,13 +207,13 @@ TEST_P(BothRules, ReleaseWaitsForACallbackDuringARegistration) {
   modem_.client_ids.set({});
 }
 
-TEST_P(BothRules, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
+TEST_P(BothRules, ReleaseEndsWaitingSendersAndIsSentOnceWithoutConfirmation) {
   const qmi_client_type handle = connect();
   Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
   // A confirmation would wake the sender that reads.
   modem_.on_control.set([](int, uint16_t id, Bytes&) { return id != ScriptedModem::kRelease; });
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_TRUE(modem_.comes_to_be_closed(0));
+  EXPECT_TRUE(modem_.wait_for_close(0));
   for (Exchange& exchange : exchanges) {
     EXPECT_EQ(exchange.outcome.get().first, by_rules(QMI_CLIENT_INVALID_CLNT, QMI_INTERNAL_ERR));
   }
@@ -226,11 +226,11 @@ TEST_P(BothRules, ReleaseEndsSendersThatWaitAndSendsAnUnconfirmedReleaseOnce) {
 
 // --- the process ends ---
 
-// A child of fork() leaves its parent's handles alone, and its own id is given back: by itself where it exits, by the
-// next client where it is killed, although nobody has waited for it yet.
-TEST_F(ClientTest, AProcessThatEndsGivesItsOwnClientIdsBackAndNoneOfItsParent) {
+// A child of fork() does not use its parent's handles. Its own client id is released: by the child if it exits, or by
+// the next client if it was killed, even before its parent waits for it.
+TEST_F(ClientTest, AProcessReleasesItsClientIdsAtItsEndAndNoneOfItsParent) {
 #if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a child of a process with threads can start none";
+  GTEST_SKIP() << "a child of a process with threads cannot start threads";
 #endif
   const qmi_client_type handle = connect();
   modem_.client_id_limit = 2;
@@ -250,7 +250,7 @@ TEST_F(ClientTest, AProcessThatEndsGivesItsOwnClientIdsBackAndNoneOfItsParent) {
     EXPECT_EQ(modem_.client_ids.get().size(), is_killed ? 2u : 1u);
     qmi_client_release(connect());
     ::waitpid(child, nullptr, 0);
-    EXPECT_TRUE(modem_.client_ids.comes_to([](const ClientIds& ids) { return ids == ClientIds{{kNasId, 1}}; }));
+    EXPECT_TRUE(modem_.client_ids.wait_until([](const ClientIds& ids) { return ids == ClientIds{{kNasId, 1}}; }));
   }
   Exchange exchange = begin(handle);
   EXPECT_EQ(finish(exchange, 3), Outcome(0, 3));

@@ -1,4 +1,4 @@
-// What the tests of handles share: a scripted modem that offers NAS, and a record of the callbacks.
+// The fixture of the tests of handles: a scripted modem that offers NAS, and a record of the callbacks.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,12 +25,13 @@ using Outcome = std::pair<int, uint32_t>;  // transport code; the response's DRX
 inline constexpr uint8_t kNasId = NAS_SERVICE_ID_V01;
 inline constexpr unsigned kDrx = QMI_NAS_GET_DRX_V01;
 inline constexpr uint32_t kRefused = 1000;
-inline const Outcome kLost = {QMI_SERVICE_ERR, kRefused + QMI_ERR_INTERNAL_V01};  // must not look like a success
+inline const Outcome kLost = {QMI_SERVICE_ERR,
+                              kRefused + QMI_ERR_INTERNAL_V01};  // the response is not left as a success
 inline const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 
 class ClientTest : public testing::Test {
  protected:
-  // A synchronous send on a thread of its own, and its request at the modem.
+  // A synchronous send on its own thread, and the request that the modem received.
   struct Exchange {
     std::future<Outcome> outcome;
     ScriptedRequest request;
@@ -38,12 +39,12 @@ class ClientTest : public testing::Test {
 
   ~ClientTest() override {
     for (const qmi_client_type handle : handles_) qmi_client_release(handle);
-    EXPECT_TRUE(comes_to_hold_no_ids()) << "every client id is given back";
+    EXPECT_TRUE(wait_for_no_ids()) << "every client id is released";
   }
 
-  // Within a minute: a release does not wait for a slow modem.
-  bool comes_to_hold_no_ids() {
-    return modem_.client_ids.comes_to([](const auto& ids) { return ids.empty(); });
+  // Waits up to a minute, because a release does not wait for a slow modem.
+  bool wait_for_no_ids() {
+    return modem_.client_ids.wait_until([](const auto& ids) { return ids.empty(); });
   }
 
   int open(qmi_client_type* handle, uint32_t timeout = 4, qmi_idl_service_object_type service = kNas) {
@@ -97,9 +98,9 @@ class ClientTest : public testing::Test {
   void note(const std::string& event) {
     events_.change([&](Events& events) { events.push_back(event); });
   }
-  // All events so far, when there are `count` at least; after a minute as many as there are.
+  // Returns all events once there are at least `count`, or after a minute.
   Events events(size_t count) {
-    events_.comes_to([=](const Events& events) { return events.size() >= count; });
+    events_.wait_until([=](const Events& events) { return events.size() >= count; });
     return events_.get();
   }
 
@@ -138,8 +139,8 @@ class ClientTest : public testing::Test {
   std::vector<qmi_client_type> handles_;
 };
 
-// A test that runs once by the forgiving rules and once by the phone's, each in a process of its own: the framework
-// reads the variable once.
+// A test that runs once with the forgiving rules and once with the phone's. Each needs its own process, because the
+// framework reads the variable once.
 class BothRules : public ClientTest, public testing::WithParamInterface<bool> {
  protected:
   BothRules() {

@@ -1,4 +1,4 @@
-// Client handles against a scripted modem: connecting, sends, indications, and who waits for whom.
+// Client handles with a scripted modem: connecting, sends, indications, and which calls wait for others.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -12,7 +12,7 @@
 namespace pelmar::platform {
 namespace {
 
-TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
+TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   const auto is_slow = [](int, uint16_t, Bytes&) {
     std::this_thread::sleep_for(milliseconds(600));
     return true;
@@ -47,7 +47,7 @@ TEST_F(ClientTest, ConnectsOnceTheModemHasTheServiceAndGivesAUsableIdInTime) {
   connect(60'000);
 }
 
-TEST_P(BothRules, RefusesWhatIsNoHandleNoMessageOrNoCallback) {
+TEST_P(BothRules, RefusesInvalidHandlesMessagesAndCallbacks) {
   qmi_client_type handle = nullptr;
   EXPECT_EQ(open(&handle, 4, nullptr), QMI_CLIENT_PARAM_ERR);
   EXPECT_EQ(open(nullptr), QMI_CLIENT_PARAM_ERR);
@@ -97,7 +97,7 @@ TEST_P(BothRules, ASenderTakesOnlyItsOwnResponse) {
   EXPECT_EQ(finish(exchange, 4), Outcome(0, 4));
 
   Bytes cut = message(2, 0, kDrx, drx_response(5));
-  cut.resize(cut.size() - 7);  // by a whole TLV, which the header still counts
+  cut.resize(cut.size() - 7);  // a whole TLV is missing, but the header counts it
   const int cut_error = by_rules<int>(QMI_IDL_LIB_LENGTH_INCONSISTENCY, QMI_TIMEOUT_ERR);
   for (auto [response, error] :
        {std::pair(cut, cut_error), std::pair(message(2, 0, kDrx, {}), int{QMI_IDL_LIB_MISSING_TLV})}) {
@@ -108,10 +108,10 @@ TEST_P(BothRules, ASenderTakesOnlyItsOwnResponse) {
   }
 }
 
-TEST_P(BothRules, ATimeoutBehindAnUnfinishedMessageEndsTheConnection) {
+TEST_P(BothRules, ATimeoutAfterAPartialMessageEndsTheConnection) {
   const qmi_client_type handle = connect();
-  modem_.send(0, {0x01, 12, 1, 0x80, kNasId, 1, 4, 0, 0, 1, 0, 0, 0});  // 256 bytes more are to come
-  // A machine that is slow to deliver the bytes leaves the end to a later time-out.
+  modem_.send(0, {0x01, 12, 1, 0x80, kNasId, 1, 4, 0, 0, 1, 0, 0, 0});  // the length announces 256 bytes more
+  // On a slow machine the bytes may arrive late, and a later time-out ends the connection.
   int error = QMI_TIMEOUT_ERR;
   while (error == QMI_TIMEOUT_ERR) error = get_drx(handle, 200).first;
   EXPECT_EQ(error, QMI_SERVICE_ERR);
@@ -121,12 +121,13 @@ TEST_P(BothRules, SendersGetTheirOwnResponsesInAnyOrder) {
   const qmi_client_type handle = connect();
   for (const size_t first : {size_t{0}, size_t{1}}) {
     Exchange exchanges[] = {begin(handle), begin(handle)};
-    EXPECT_EQ(begin(handle, 500).outcome.get().first, QMI_TIMEOUT_ERR) << "a sender that does not read has its own";
+    EXPECT_EQ(begin(handle, 500).outcome.get().first, QMI_TIMEOUT_ERR)
+        << "a sender that does not read has its own time-out";
     for (const size_t i : {first, 1 - first}) EXPECT_EQ(finish(exchanges[i], static_cast<uint8_t>(i)), Outcome(0, i));
   }
 }
 
-TEST_P(BothRules, IndicationsAndResponsesComeInOrderOnAnotherThread) {
+TEST_P(BothRules, IndicationsAndResponsesAreDeliveredInOrderOnAnotherThread) {
   const qmi_client_type handle = connect();
   qmi_txn_handle transaction = nullptr;
   ASSERT_EQ(send_async(handle, &transaction), QMI_NO_ERR);
@@ -143,8 +144,8 @@ TEST_P(BothRules, IndicationsAndResponsesComeInOrderOnAnotherThread) {
   EXPECT_EQ(events(4), (Events{"indication 1 (3)", "indication 2 (0)", "response 137 0 77", "indication 3 (0)"}));
 }
 
-// By the phone's rules a response is not taken in before the callback ends, so a send of the handle times out.
-TEST_P(BothRules, ACallbackMaySendAndHoldsUpNoOtherHandle) {
+// By the phone's rules no response is read while the callback runs, so a send on the same handle times out.
+TEST_P(BothRules, ACallbackMaySendAndBlocksNoOtherHandle) {
   const qmi_client_type slow = connect(), other = connect();
   const unsigned timeout = by_rules(60'000u, 100u);
   const auto outcome_of = [](uint8_t drx) { return by_rules(Outcome(0, drx), Outcome(QMI_TIMEOUT_ERR, 0)); };
@@ -173,10 +174,10 @@ TEST_P(BothRules, ACallbackMaySendAndHoldsUpNoOtherHandle) {
   EXPECT_EQ(events(5).back(), "indication 2 (0)");
 }
 
-TEST_F(ClientTest, TransactionsUnderWayAreBoundedAndHaveNumbersOfTheirOwn) {
+TEST_F(ClientTest, PendingTransactionsAreLimitedAndHaveUniqueNumbers) {
   const qmi_client_type handle = connect();
   std::set<uint16_t> numbers = {0, begin_async(handle).transaction};
-  for (size_t count = 0; count < UINT16_MAX - 512; ++count) {  // numbers of requests that cannot be encoded
+  for (size_t count = 0; count < UINT16_MAX - 512; ++count) {  // each request that cannot be encoded uses a number
     ASSERT_EQ(qmi_client_send_msg_sync(handle, kDrx, nullptr, 0, &async_response_, sizeof async_response_, 1000),
               QMI_IDL_LIB_BUFFER_TOO_SMALL);
   }
@@ -186,15 +187,15 @@ TEST_F(ClientTest, TransactionsUnderWayAreBoundedAndHaveNumbersOfTheirOwn) {
     EXPECT_TRUE(numbers.insert(last.transaction).second) << last.transaction;
   }
   EXPECT_EQ(send_async(handle), QMI_XPORT_BUSY_ERR);
-  EXPECT_EQ(*numbers.rbegin(), UINT16_MAX) << "the numbers went round, up to the last";
+  EXPECT_EQ(*numbers.rbegin(), UINT16_MAX) << "the numbers wrapped around after the last";
   Exchange sync = begin(handle);
-  EXPECT_EQ(finish(sync, 1), Outcome(0, 1)) << "who waits for a response finds room";
+  EXPECT_EQ(finish(sync, 1), Outcome(0, 1)) << "a synchronous send is not limited";
   modem_.respond(last, drx_response(2));
   events(1);
   EXPECT_EQ(send_async(handle), QMI_NO_ERR);
 }
 
-TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
+TEST_F(ClientTest, AModemThatReadsNothingDoesNotBlockASendForEver) {
   const qmi_client_type handle = connect();
   nas::SetLteCellLockRequest lock{};
   lock.lock_count = nas::kMaxCellLocks;
@@ -208,24 +209,24 @@ TEST_F(ClientTest, AModemThatReadsNothingDoesNotHoldASendForEver) {
   reading.unlock();
   Exchange exchange = begin(handle);
   while (exchange.request.id != kDrx) exchange.request = modem_.receive();
-  EXPECT_EQ(finish(exchange, 1), Outcome(0, 1)) << "the stream stays whole";
+  EXPECT_EQ(finish(exchange, 1), Outcome(0, 1)) << "the stream still has whole frames";
 }
 
-// They pile up behind a slow callback while a sender reads the connection.
-TEST_F(ClientTest, TheOldestIndicationsAreDroppedWhereTooManyWait) {
+// They accumulate behind a slow callback while a sender reads the connection.
+TEST_F(ClientTest, TheOldestIndicationsAreDroppedIfTooManyWait) {
   constexpr uint16_t kLast = 1300;
-  const Bytes payload(60'000, 0x5A);  // the bound is below what kLast of them have
+  const Bytes payload(60'000, 0x5A);  // the limit is below the size of kLast of them
   const qmi_client_type handle = connect();
   std::latch go_on(1);
   on_callback_.set([&](qmi_client_type) { go_on.wait(); });
   modem_.indicate(0, kNasId, 0xFF, 1);
-  events(1);  // its callback holds the handle's thread
+  events(1);  // its callback blocks the handle's thread
   on_callback_.set(nullptr);
   Exchange sync = begin(handle, 0);
   for (uint16_t id = 2; id <= kLast; ++id) modem_.indicate(0, kNasId, 0xFF, id, payload);
-  EXPECT_EQ(finish(sync, 4), Outcome(0, 4)) << "the response behind them comes through";
+  EXPECT_EQ(finish(sync, 4), Outcome(0, 4)) << "the response behind them arrives";
   go_on.count_down();
-  EXPECT_TRUE(events_.comes_to([](const Events& events) { return events.back() == "indication 1300 (60000)"; }));
+  EXPECT_TRUE(events_.wait_until([](const Events& events) { return events.back() == "indication 1300 (60000)"; }));
   const size_t arrived = events(0).size();
   EXPECT_TRUE(arrived > 1000 && arrived < kLast) << arrived;
 }
@@ -234,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(Rules, BothRules, testing::Bool(), name_of_rules);
 
 // --- what the phone's rules forbid ---
 
-TEST_F(ClientTest, ByThePhonesRulesACallThatNeverReturnsEndsTheProcess) {
+TEST_F(ClientTest, PhoneRulesEndAProcessWhoseCallWouldNeverReturn) {
   ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   qmi_client_type own = nullptr;
@@ -273,8 +274,8 @@ TEST_F(ClientTest, ByThePhonesRulesACallThatNeverReturnsEndsTheProcess) {
   }
 }
 
-// By the clock, so that a slow machine sends as many in a callback's time.
-TEST_F(ClientTest, ByThePhonesRulesIndicationsBehindASlowCallbackAreDroppedAndResponsesAreNot) {
+// The indications are sent by the clock, so that a slow machine sends as many during a callback.
+TEST_F(ClientTest, PhoneRulesDropIndicationsBehindASlowCallbackButNoResponses) {
   ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   constexpr uint16_t kCount = 300;
   const Bytes payload(10'672, 0x5A);

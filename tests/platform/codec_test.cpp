@@ -1,5 +1,5 @@
-// The codec, over a table made by hand with every kind of element and over the services' own, against bytes worked out
-// by hand.
+// The codec, with a hand-written table that has every kind of element and with the services' tables. The expected bytes
+// are written by hand.
 #include "qmi_codec.h"
 
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ struct Message {
   uint16_t id;
   size_t size;          // of the structure
   std::string wire;     // in hexadecimal digits
-  std::string content;  // of the structure, the same behind each place; zero elsewhere
+  std::string content;  // of the structure: bytes behind each offset, zero elsewhere
 };
 
 const Message kRows[] = {
@@ -114,7 +114,7 @@ Bytes structure_of(const std::string& content, size_t size) {
   return structure;
 }
 
-// The vectors have exactly the sizes that they pass: a sanitizer sees every access beyond.
+// The vectors have exactly the sizes that are passed, so that a sanitizer reports every access beyond.
 int32_t decode_to(const Message& row, const Bytes& wire, Bytes& structure) {
   structure.assign(row.size, 0xEE);
   return decode(row.service, row.type, row.id, wire.data(), wire.size(), structure.data(), structure.size());
@@ -148,7 +148,7 @@ TEST(Codec, DecodesAndEncodesEveryMessage) {
     uint32_t size = 0;
     EXPECT_EQ(qmi_idl_get_message_c_struct_len(row.service, row.type, row.id, &size), 0);
     EXPECT_EQ(size, row.size);
-    // Structures of one byte less.
+    // Structures that are one byte too small.
     EXPECT_EQ(decode(row.service, row.type, row.id, wire.data(), wire.size(), result.data(), row.size - 1),
               QMI_IDL_LIB_BUFFER_TOO_SMALL);
     EXPECT_EQ(encode_from({row.service, row.type, row.id, row.size - 1, "", ""}, structure, wire.size(), result),
@@ -175,7 +175,7 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
       {"count above the maximum", kGood + "10 0300 0000 03", -42},
       {"count without its elements", kGood + "11 0400 0200 0101", -45},
       {"inner string past its TLV", kGood + "10 0700 0000 01 09 09 02 61", -45},
-      {"fixed array cut", kGood + "10 0600 0000 00 0100 01", -45},
+      {"fixed array truncated", kGood + "10 0600 0000 00 0100 01", -45},
   };
   Bytes result;
   for (const auto& each : cases) {

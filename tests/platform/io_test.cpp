@@ -1,4 +1,5 @@
-// What the platform shares with the programs above it: sockets and their names, the environment, and system properties.
+// What the platform shares with the programs that use it: sockets and their names, the environment, and system
+// properties.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uid_t kUser = 61234;  // that is not in the user database
+constexpr uid_t kUser = 61234;  // is not in the user database
 
 class AsUser {
  public:
@@ -29,7 +30,7 @@ class AsUser {
   ~AsUser() { EXPECT_EQ(::seteuid(0), 0); }
 };
 
-// Each test has a directory where every user can write.
+// Each test has its own directory, which every user can write.
 class DirectoryTest : public testing::Test {
  protected:
   DirectoryTest() {
@@ -47,7 +48,7 @@ class DirectoryTest : public testing::Test {
 
 // --- sockets ---
 
-TEST(UnixSocket, AListenerThatAcceptsNobodyIsGivenUpInTime) {
+TEST(UnixSocket, ConnectingToAListenerThatDoesNotAcceptTimesOut) {
   const std::string name = "@io-test-full-" + std::to_string(::getpid());
   const UniqueFd listener = listen_on(name, 0);
   const UnixConnection pending = connect_unix(name);
@@ -97,7 +98,7 @@ class Properties : public DirectoryTest {
   }
 };
 
-TEST_F(Properties, KeepTheLastGoodValueOfAGoodName) {
+TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
   const std::string longest(91, 'x');
   const struct {
     std::string name, value;
@@ -105,7 +106,7 @@ TEST_F(Properties, KeepTheLastGoodValueOfAGoodName) {
     std::string read;
   } cases[] = {
       {"persist.a", "2", true, "2"}, {"b", longest, true, longest}, {"b", longest + 'x', false, longest},
-      {"b", "", true, "none"},  // an empty value is no value
+      {"b", "", true, "none"},  // an empty value counts as none
       {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},     {"", "1", false, "none"},
       {"a/b", "1", false, "none"},   {"a\nb", "1", false, "none"},
   };
@@ -118,7 +119,7 @@ TEST_F(Properties, KeepTheLastGoodValueOfAGoodName) {
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 2 + 3) << "no temporary file is left";
 }
 
-TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
+TEST_F(Properties, OnlyPersistentOnesSurviveAReboot) {
   property_set("persist.a", "kept");
   property_set("ro.b", "lost");
   fs::rename(directory_ / boot_id(), directory_ / "the-boot-before");
@@ -127,14 +128,14 @@ TEST_F(Properties, OnlyPersistentOnesOutliveABoot) {
   EXPECT_EQ(property_set("ro.b", "new"), 0);
 }
 
-TEST_F(Properties, WithoutAHomeAreKeptWhereNobodyElseCanWrite) {
+TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
   if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
   for (const char* name : {"PELMAR_PROPERTY_DIR", "XDG_STATE_HOME", "HOME"}) ::unsetenv(name);
   ::setenv("TMPDIR", directory_.c_str(), 1);
   const fs::path place = directory_ / ("pelmar-" + std::to_string(kUser)), elsewhere = directory_ / "elsewhere";
   const struct {
     const char* what;
-    fs::path made;  // the directory that is there before; empty: none
+    fs::path made;  // the directory that exists before; empty: none
     uid_t owner;
     mode_t mode;
     bool is_kept;

@@ -1,5 +1,5 @@
-// A modem that the test plays: it serves CTL by itself and leaves the requests of all other services to the test, one
-// by one. It sets PELMAR_MODEM to its socket.
+// A modem that a test controls: it serves CTL itself and queues the requests to all other services for the test. It
+// sets PELMAR_MODEM to its socket.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ class SharedValue {
  public:
   explicit SharedValue(T value = {}) : value_(std::move(value)) {}
 
-  // Returns what `function` does, which runs alone.
+  // Runs the function under the lock and returns its result.
   template <typename Function>
   auto change(const Function& function) {
     const std::lock_guard lock(mutex_);
@@ -48,9 +48,9 @@ class SharedValue {
   void set(T value) {
     change([&](T& own) { own = std::move(value); });
   }
-  // Waits until the condition holds, a minute at most; returns whether it does.
+  // Waits up to a minute until the condition holds. Returns whether it holds.
   template <typename Condition>
-  bool comes_to(const Condition& condition) {
+  bool wait_until(const Condition& condition) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return condition(value_); });
   }
@@ -75,7 +75,7 @@ inline uint16_t u16_at(const Bytes& bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
 }
 
-// A message of a service, and the QMUX frame that brings a message from the modem.
+// A message of a service, and the QMUX frame of a message from the modem.
 inline Bytes message(uint8_t flags, uint16_t transaction, uint16_t id, const Bytes& tlvs) {
   return join({{flags}, u16(transaction), u16(id), u16(tlvs.size()), tlvs});
 }
@@ -94,7 +94,7 @@ inline Bytes drx_response(uint8_t value) {
 
 inline UniqueFd listen_on(const std::string& name, int backlog) {
   const auto address = unix_address(name);
-  ::unlink(name.c_str());  // a path that a killed test left
+  ::unlink(name.c_str());  // a file that a killed test left
   UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_EQ(::bind(listener.get(), address->get(), address->length) + ::listen(listener.get(), backlog), 0) << name;
   return listener;
@@ -113,7 +113,7 @@ struct ScriptedRequest {
 class ScriptedModem {
  public:
   using ClientIds = std::set<std::pair<uint8_t, uint8_t>>;  // service and id
-  // Runs before the response to a CTL request is sent: may change its TLVs, or return false for no response.
+  // Runs before the response to a CTL request is sent. It may change the TLVs, or return false to send no response.
   using ControlHook = std::function<bool(int connection, uint16_t id, Bytes& tlvs)>;
   static constexpr uint16_t kGetVersionInfo = 0x0021, kAllocate = 0x0022, kRelease = 0x0023;
 
@@ -132,15 +132,15 @@ class ScriptedModem {
   // What the test may change at any time.
   SharedValue<std::set<uint8_t>> services;
   SharedValue<ControlHook> on_control;
-  SharedValue<ClientIds> client_ids;  // nothing frees them but a client's release, or the test
+  SharedValue<ClientIds> client_ids;  // only a client's release or the test frees them
   std::atomic<size_t> client_id_limit{10};
-  std::mutex reading;  // a test that holds it keeps the modem from reading on
+  std::mutex reading;  // while a test holds it, the modem reads no further
 
-  SharedValue<std::deque<ScriptedRequest>> requests;  // of services, not received yet
+  SharedValue<std::deque<ScriptedRequest>> requests;  // to services, not yet received by the test
 
-  // The next of them; nothing within a minute is an error of the test.
+  // Returns the next request. If none arrives within a minute, the test fails.
   ScriptedRequest receive() {
-    if (!requests.comes_to([](const auto& queue) { return !queue.empty(); })) throw std::runtime_error("no request");
+    if (!requests.wait_until([](const auto& queue) { return !queue.empty(); })) throw std::runtime_error("no request");
     return requests.change([](auto& queue) {
       ScriptedRequest request = std::move(queue.front());
       queue.pop_front();
@@ -167,8 +167,8 @@ class ScriptedModem {
     }
   }
   void close(int connection) { ::shutdown(peer(connection).socket.get(), SHUT_RDWR); }
-  // By the client, within a minute.
-  bool comes_to_be_closed(int connection) {
+  // Waits up to a minute until the client closes it.
+  bool wait_for_close(int connection) {
     return peer(connection).serving.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
   }
 
@@ -194,7 +194,7 @@ class ScriptedModem {
   }
 
   void serve(int connection, int socket) {
-    // False where the connection ends before.
+    // False if the connection ends before.
     const auto read = [=](Bytes& bytes) {
       return ::recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
     };

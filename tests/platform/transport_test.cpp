@@ -1,4 +1,4 @@
-// What the transports need no peer for: the forms of a modem's address, and the control packets of QRTR.
+// The parts of the transports that need no peer: the forms of a modem's address, and the control packets of QRTR.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -49,13 +49,13 @@ TEST(Qrtr, ReadsControlPackets) {
     Bytes bytes;
     QrtrControl control;
   } cases[] = {
-      {"a service came", packet(4, nas), {Packet::kArrival, {5, 0x4001}, 3, 1, 2}},
-      {"a service went", packet(5, nas), {Packet::kDeparture, {5, 0x4001}, 3, 1, 2}},
+      {"a service arrives", packet(4, nas), {Packet::kArrival, {5, 0x4001}, 3, 1, 2}},
+      {"a service departs", packet(5, nas), {Packet::kDeparture, {5, 0x4001}, 3, 1, 2}},
       {"the list ends", packet(4, Bytes(16)), {Packet::kEndOfList}},
       {"a socket closed", packet(6, {5, 0, 0, 0, 0x01, 0x40, 0, 0}), {Packet::kSocketGone, {5, 0x4001}}},
-      {"a node went", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}},
-      {"cut short", packet(4, cut), {}},
-      {"cut short", packet(6, {5, 0, 0, 0, 1, 0x40, 0}), {}},
+      {"a node departs", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}},
+      {"truncated arrival", packet(4, cut), {}},
+      {"truncated close", packet(6, {5, 0, 0, 0, 1, 0x40, 0}), {}},
       {"another command", packet(7, nas), {}},
   };
   for (const auto& each : cases) EXPECT_TRUE(read_qrtr_control(each.bytes) == each.control) << each.what;

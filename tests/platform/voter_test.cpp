@@ -1,4 +1,4 @@
-// Voters against a peripheral manager that the test plays.
+// Voters with a peripheral manager that the test controls.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -34,7 +34,7 @@ class VoterTest : public testing::Test {
     connection_.reset();
     connection_.reset(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
-  // Nothing where the connection ends.
+  // Returns nothing if the connection ends.
   Bytes receive(size_t length) {
     Bytes bytes(length);
     const ssize_t count = ::recv(connection_.get(), bytes.data(), length, MSG_WAITALL);
@@ -42,7 +42,7 @@ class VoterTest : public testing::Test {
     return bytes;
   }
   bool is_ended() { return receive(1).empty(); }
-  // The next request; QueryStatus, which no voter sends, where none comes.
+  // Returns the next request; QueryStatus, which no voter sends, if none arrives.
   Request next() {
     Request request = QueryStatus{};
     size_t size = 0;
@@ -53,7 +53,7 @@ class VoterTest : public testing::Test {
   void send(const Bytes& bytes) {
     EXPECT_EQ(::send(connection_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
   }
-  // Sends a message, or ends the connection where that is nothing.
+  // Sends a message, or closes the connection if the message is empty.
   void send_or_end(const Bytes& message) {
     send(message);
     if (message.empty()) connection_.reset();
@@ -65,7 +65,8 @@ class VoterTest : public testing::Test {
 
   // --- the voter ---
 
-  // The result of a registration to which the manager sends this, or closes the connection where it is nothing.
+  // Returns the result of a registration with this response. If the response is empty, the manager closes the
+  // connection.
   int register_with(const Bytes& response) {
     auto registration = std::async(std::launch::async, [this] {
       return pm_client_register(on_event, this, "modem", "tester", &state_, &handle_);
@@ -75,12 +76,12 @@ class VoterTest : public testing::Test {
     send_or_end(response);
     return registration.get();
   }
-  void enrol() {
+  void register_voter() {
     ASSERT_EQ(register_with(to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE})), PM_RET_SUCCESS);
     ASSERT_NE(handle_, nullptr);
   }
 
-  // The result of an operation whose request the manager responds to.
+  // Returns the result of an operation to which the manager responds.
   int run(int (*operation)(void*), const Request& request, int result = 0) {
     auto call = std::async(std::launch::async, operation, handle_);
     respond(request, result);
@@ -89,12 +90,12 @@ class VoterTest : public testing::Test {
 
   static void on_event(void* data, pm_event event) {
     auto& self = *static_cast<VoterTest*>(data);
-    if (self.act_) self.act_(event);
+    if (self.callback_) self.callback_(event);
     self.events_.change([=](std::vector<int>& events) { events.push_back(event); });
   }
 
   std::vector<int> events(size_t count) {
-    events_.comes_to([=](const std::vector<int>& events) { return events.size() >= count; });
+    events_.wait_until([=](const std::vector<int>& events) { return events.size() >= count; });
     return events_.get();
   }
 
@@ -103,14 +104,14 @@ class VoterTest : public testing::Test {
   UniqueFd connection_;
   void* handle_ = nullptr;
   pm_event state_ = EVENT_PERIPH_IS_ONLINE;
-  std::function<void(pm_event)> act_;  // on the callback's thread
+  std::function<void(pm_event)> callback_;  // on the callback's thread
 
  private:
   SharedValue<std::vector<int>> events_;
 };
 
-TEST_F(VoterTest, VotesTakesBackAndEnds) {
-  enrol();
+TEST_F(VoterTest, VotesWithdrawsAndUnregisters) {
+  register_voter();
   EXPECT_EQ(state_, EVENT_PERIPH_IS_OFFLINE);
   EXPECT_EQ(run(pm_client_connect, Vote{}), PM_RET_SUCCESS);
   EXPECT_EQ(run(pm_client_connect, Vote{}, PM_RET_UNSUPPORTED), PM_RET_UNSUPPORTED);
@@ -134,41 +135,41 @@ TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
     EXPECT_EQ(pm_client_register(on_event, this, device, "tester", &state_, &handle_), PM_RET_FAILED);
   }
   pollfd connected = {listener_.get(), POLLIN, 0};
-  EXPECT_EQ(::poll(&connected, 1, 0), 0) << "nothing of this reaches the manager";
+  EXPECT_EQ(::poll(&connected, 1, 0), 0) << "no such request reaches the manager";
   ::setenv("PELMAR_PM_SOCKET", "@nobody-manages-here", 1);
   EXPECT_EQ(pm_client_register(on_event, this, "modem", "tester", &state_, &handle_), PM_RET_FAILED);
   EXPECT_EQ(handle_, nullptr);
   EXPECT_EQ(pm_client_connect(handle_), PM_RET_FAILED);
 }
 
-TEST_F(VoterTest, ACallbackMayUseItsHandleAndEndIt) {
+TEST_F(VoterTest, ACallbackMayUseItsHandleAndUnregisterIt) {
   std::vector<int> results;
-  act_ = [&](pm_event) {
+  callback_ = [&](pm_event) {
     results = {pm_client_event_acknowledge(handle_, EVENT_PERIPH_GOING_ONLINE), pm_client_connect(handle_),
                pm_client_disconnect(handle_), pm_client_unregister(handle_), pm_client_connect(handle_)};
   };
-  enrol();
+  register_voter();
   send(join({to_frame(Event{EVENT_PERIPH_GOING_ONLINE}), to_frame(Event{EVENT_PERIPH_IS_ONLINE})}));
   EXPECT_EQ(next(), Request(Acknowledge{EVENT_PERIPH_GOING_ONLINE}));
   respond(Vote{});
   respond(Withdraw{}, PM_RET_FAILED);
   respond(Unregister{});
   EXPECT_TRUE(is_ended());
-  EXPECT_EQ(events(1), (std::vector<int>{2})) << "none after the end";
+  EXPECT_EQ(events(1), (std::vector<int>{2})) << "no event after the unregistration";
   EXPECT_EQ(results, (std::vector<int>{0, 0, -1, 0, -1}));
 }
 
-// An event that nobody acknowledges for long holds up no request, and the end waits for a callback that runs.
-TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItsEnd) {
+// An event without acknowledgement delays no request, and the unregistration waits for a running callback.
+TEST_F(VoterTest, ASlowCallbackDelaysOnlyTheUnregistration) {
   std::latch entered(1), go_on(1);
   std::atomic<bool> is_over{false};
-  act_ = [&](pm_event) {
+  callback_ = [&](pm_event) {
     entered.count_down();
     go_on.wait();
-    std::this_thread::sleep_for(50ms);  // time for an end that does not wait to be seen
+    std::this_thread::sleep_for(50ms);  // enough for an unregistration that does not wait to return
     is_over = true;
   };
-  enrol();
+  register_voter();
   send(join({to_frame(Event{EVENT_PERIPH_GOING_OFFLINE}), to_frame(Event{EVENT_PERIPH_IS_OFFLINE})}));
   entered.wait();
   EXPECT_EQ(run(pm_client_connect, Vote{}), PM_RET_SUCCESS);
@@ -176,12 +177,12 @@ TEST_F(VoterTest, ASlowCallbackHoldsUpNothingButItsEnd) {
   respond(Unregister{});
   go_on.count_down();
   EXPECT_TRUE(end.get());
-  EXPECT_EQ(events(1), (std::vector<int>{0})) << "the second was not begun";
+  EXPECT_EQ(events(1), (std::vector<int>{0})) << "the second callback was not started";
 }
 
-TEST_F(VoterTest, ALostManagerEndsWhatWaitsAndAllThatFollows) {
+TEST_F(VoterTest, CallsFailOnceTheManagerIsLost) {
   for (const Bytes& message : {Bytes{}, Bytes{1, 0x77}}) {
-    enrol();
+    register_voter();
     auto vote = std::async(std::launch::async, pm_client_connect, handle_);
     EXPECT_EQ(next(), Request(Vote{}));
     send_or_end(message);

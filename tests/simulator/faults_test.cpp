@@ -1,4 +1,4 @@
-// Each fault that the user can order, which responses its row takes, and the commands that are refused.
+// Each fault that a user can set, the responses that it affects, and the commands that are refused.
 #include <chrono>
 
 #include "simulator_test.h"
@@ -10,8 +10,8 @@ namespace {
 class Faults : public SimulatorTest {
  protected:
   Bytes request() { return client_.request(kPassThrough, kPayload); }
-  Received ask() { return client_.ask(kPassThrough, kPayload); }
-  Received read() { return client_.ask(kReadRfnv, kItem); }
+  Received exchange() { return client_.exchange(kPassThrough, kPayload); }
+  Received read() { return client_.exchange(kReadRfnv, kItem); }
 
   const Bytes kPayload = tlv(0x01, {2, 0, 0xAA, 0xBB});
   const Bytes kItem = tlv(0x01, {7, 0, 0, 0});
@@ -19,15 +19,15 @@ class Faults : public SimulatorTest {
   QmuxClient client_{modem_.socket(), kVs};
 };
 
-TEST_F(Faults, AnErrorIsReturnedAndNothingDoneWhileASilentRequestIsDone) {
+TEST_F(Faults, AnErrorPreventsARequestAndSilenceDropsOnlyItsResponse) {
   modem_.command("error 52 vs write-rfnv");
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(client_.ask(kWriteRfnv, kWrite).error(), 52);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(client_.exchange(kWriteRfnv, kWrite).error(), 52);
   EXPECT_EQ(read().error(), 50);
   EXPECT_EQ(modem_.value("clear", "/removed"), 1);
   modem_.command("silence vs write-rfnv 1");
   client_.send(client_.request(kWriteRfnv, kWrite));
-  EXPECT_EQ(read().value(0x03), (Bytes{1, 0, 0x11})) << "the first response that comes";
-  EXPECT_EQ(client_.ask(kWriteRfnv, kWrite).error(), 0) << "once";
+  EXPECT_EQ(read().value(0x03), (Bytes{1, 0, 0x11})) << "the first response is that of the read";
+  EXPECT_EQ(client_.exchange(kWriteRfnv, kWrite).error(), 0) << "the fault applies once";
 }
 
 // Two pass-through requests and a read.
@@ -44,15 +44,15 @@ TEST_F(Faults, ResponsesComeInTheOrderOfTheFault) {
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.command);
-    QmuxClient client(socket_, kVs);  // its next request is its second
+    QmuxClient client(socket_, kVs);  // its next request is its second, after the allocation
     modem_.command(each.command);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 2; ++i) client.send(client.request(kPassThrough, kPayload));
-    EXPECT_EQ(client_.control(kSync).error(), 0) << "the fault does not concern it";
+    EXPECT_EQ(client_.control(kSync).error(), 0) << "the fault does not apply to CTL";
     client.send(client.request(kReadRfnv, kItem));
     for (const int number : each.order) EXPECT_EQ(client.receive().transaction, 1 + number);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(each.least_ms));
-    EXPECT_EQ(client.ask(kPassThrough, kPayload).error(), 0) << "nothing else comes";
+    EXPECT_EQ(client.exchange(kPassThrough, kPayload).error(), 0) << "no further response arrives";
   }
 }
 
@@ -65,16 +65,16 @@ TEST_F(Faults, BytesComeInsteadOfAResponse) {
     modem_.command(command);
     client_.send(request());
     EXPECT_EQ(client_.receive_raw(bytes.size()), bytes) << command;
-    EXPECT_EQ(ask().error(), 0) << "the stream is in step";
+    EXPECT_EQ(exchange().error(), 0) << "the next response is at a frame's start";
   }
   EXPECT_EQ(modem_.value("inject 0102", "/connections"), 1);
   EXPECT_EQ(client_.receive_raw(100), (Bytes{1, 2}));
 }
 
-TEST_F(Faults, HalfAResponseIsTheEndOfTheConnectionOrTheModem) {
+TEST_F(Faults, HalfAResponseEndsTheConnectionOrTheModem) {
   for (const char* const what : {"connection", "modem"}) {
     QmuxClient client(socket_, kVs);
-    EXPECT_EQ(ask().error(), 0) << "the other connections stay";
+    EXPECT_EQ(exchange().error(), 0) << "the other connections remain";
     modem_.command(std::string("die ") + what + " vs any 1");
     client.send(client.request(kPassThrough, kPayload));
     EXPECT_EQ(client.receive_raw(100).size(), 13u) << "half of 26";

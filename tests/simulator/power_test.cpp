@@ -14,25 +14,25 @@ namespace {
 
 using namespace platform::power;
 
-// A voter that acknowledges nothing by itself.
+// A voter that acknowledges an event only on request.
 class RawVoter {
  public:
-  // Without a name it registers nobody.
+  // With an empty name it does not register.
   RawVoter(const std::string& socket, const std::string& name) {
     EXPECT_TRUE(link_.open(socket, platform::Deadline::none()));
-    EXPECT_TRUE(name.empty() || ask(Register{"modem", name}) == 0);
+    EXPECT_TRUE(name.empty() || exchange(Register{"modem", name}) == 0);
   }
 
   bool send(const Request& request) { return link_.send(request); }
-  // The next reply; nothing where the manager has closed the connection, or none comes within a minute.
+  // Returns the next reply; nothing if the manager has closed the connection or none arrives within a minute.
   std::optional<Reply> next() {
     Reply reply;
     const auto limit = platform::Deadline::after(platform::Deadline::Milliseconds(60'000));
     return link_.receive(reply, limit) ? std::optional(reply) : std::nullopt;
   }
 
-  // The result of a request; events that come before are kept.
-  int ask(const Request& request) {
+  // Sends a request and returns its result. Events before the response are kept.
+  int exchange(const Request& request) {
     send(request);
     for (auto reply = next(); reply; reply = next()) {
       if (const auto* const response = std::get_if<VoterResponse>(&*reply)) return response->result;
@@ -41,7 +41,7 @@ class RawVoter {
     return -99;
   }
 
-  // Takes these events, and acknowledges each.
+  // Expects these events, and acknowledges each.
   void pass(const std::vector<int>& events) {
     for (const int event : events) {
       ASSERT_EQ(this->event(), event);
@@ -59,9 +59,9 @@ class RawVoter {
   }
   void acknowledge(int event) { send(Acknowledge{static_cast<pm_event>(event)}); }
 
-  // The manager would have sent an event before its second response: it acts after the first request at the latest.
+  // The manager sends its events after the first request at the latest, so before its second response.
   bool has_no_event() {
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(ask(Register{"modem", "again"}), -1);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(exchange(Register{"modem", "again"}), -1);
     return events_.empty();
   }
 
@@ -72,7 +72,7 @@ class RawVoter {
 
 class Power : public SimulatorTest {
  protected:
-  // An acknowledgement has an hour: a test that waits for it ends by its own limit.
+  // The acknowledgement timeout is an hour, so that a test that waits for it in error reaches its own time limit.
   Power() : SimulatorTest({"--pm-socket", "--pm-ack-ms", "3600000"}) {}
 
   nlohmann::json state() const { return status("/state"); }
@@ -83,18 +83,18 @@ class Power : public SimulatorTest {
 TEST_F(Power, EachStepWaitsForEveryVoter) {
   RawVoter first(manager_, "first");
   RawVoter second(manager_, "second");
-  EXPECT_EQ(first.ask(Vote{}), 0);
+  EXPECT_EQ(first.exchange(Vote{}), 0);
   first.pass({2});
   EXPECT_TRUE(first.has_no_event());
   EXPECT_EQ(state(), "off") << "the second has not acknowledged";
   second.pass({2});
   first.pass({3});
   EXPECT_EQ(state(), "ready");
-  EXPECT_EQ(second.ask(Vote{}), 0);
-  for (RawVoter* voter : {&first, &second}) EXPECT_EQ(voter->ask(Withdraw{}), 0);
+  EXPECT_EQ(second.exchange(Vote{}), 0);
+  for (RawVoter* voter : {&first, &second}) EXPECT_EQ(voter->exchange(Withdraw{}), 0);
   EXPECT_EQ(second.event(), 3);
   second.acknowledge(2);
-  EXPECT_TRUE(second.has_no_event()) << "the way up ends first; a late acknowledgement counts for nothing";
+  EXPECT_TRUE(second.has_no_event()) << "power-on ends first, and a late acknowledgement has no effect";
   second.acknowledge(3);
   second.pass({0});
   EXPECT_EQ(state(), "ready");
@@ -102,41 +102,41 @@ TEST_F(Power, EachStepWaitsForEveryVoter) {
   EXPECT_EQ(state(), "off");
 }
 
-TEST_F(Power, AVoterThatLeavesHasNoVoteAndIsWaitedForNoMore) {
+TEST_F(Power, AVoterThatLeavesLosesItsVoteAndIsNotWaitedFor) {
   RawVoter watcher(manager_, "watcher");
   for (const bool unregisters : {true, false}) {
     RawVoter silent(manager_, "silent");
-    silent.ask(Vote{});
+    silent.exchange(Vote{});
     watcher.pass({2});
     if (!unregisters) break;
-    EXPECT_EQ(silent.ask(Unregister{}) + silent.ask(Vote{}), -1);
+    EXPECT_EQ(silent.exchange(Unregister{}) + silent.exchange(Vote{}), -1);
     watcher.pass({3, 0, 1});
   }
   watcher.pass({3, 0, 1});
 }
 
-TEST(ImpatientPower, GoesOnWithoutAVoterThatDoesNotAcknowledge) {
+TEST(PowerTimeout, ContinuesWithoutAVoterThatDoesNotAcknowledge) {
   const ScratchDirectory directory;
   const SimProcess modem(directory, {"--pm-socket", "--pm-ack-ms", "50"});
   RawVoter silent(modem.socket() + ".pm", "silent");
   RawVoter voter(modem.socket() + ".pm", "voter");
-  voter.ask(Vote{});
+  voter.exchange(Vote{});
   voter.pass({2, 3});
-  voter.ask(Withdraw{});
+  voter.exchange(Withdraw{});
   voter.pass({0, 1});
   for (const int event : {2, 3, 0, 1}) EXPECT_EQ(silent.event(), event);
 }
 
-TEST_F(Power, RefusesWhatItCannotDoAndDropsPeersThatBreakTheProtocol) {
+TEST_F(Power, RefusesInvalidRequestsAndDropsPeersThatBreakTheProtocol) {
   RawVoter voter(manager_, "");
   for (const Request& request : {Request(Vote{}), Request(Withdraw{}), Request(Unregister{})}) {
-    EXPECT_EQ(voter.ask(request), -1) << "nobody is registered";
+    EXPECT_EQ(voter.exchange(request), -1) << "it is not registered";
   }
-  EXPECT_EQ(voter.ask(Register{"toaster", "voter"}), -2);
+  EXPECT_EQ(voter.exchange(Register{"toaster", "voter"}), -2);
   voter.send(Register{"modem", "voter"});
   EXPECT_EQ(voter.next(), Reply(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}));
-  EXPECT_EQ(voter.ask(Register{"modem", "again"}), -1);
-  EXPECT_EQ(voter.ask(Withdraw{}), 0) << "taking back no vote succeeds";
+  EXPECT_EQ(voter.exchange(Register{"modem", "again"}), -1);
+  EXPECT_EQ(voter.exchange(Withdraw{}), 0) << "withdrawing without a vote succeeds";
   voter.send(QueryStatus{});
   EXPECT_EQ(voter.next(), Reply(Status{EVENT_PERIPH_IS_OFFLINE, 1}));
   EXPECT_EQ(voter.next(), Reply(VoterEntry{static_cast<uint32_t>(getpid()), false, "voter"}));
@@ -156,7 +156,7 @@ TEST_F(Power, RefusesWhatItCannotDoAndDropsPeersThatBreakTheProtocol) {
   }
 }
 
-TEST(Crash, RestartsAloneOrLeavesADumpAndStaysDown) {
+TEST(Crash, RestartsTheModemOrWritesADumpAndStaysDown) {
   const ScratchDirectory directory;
   setenv("PELMAR_PROPERTY_DIR", directory.path("properties").c_str(), 1);
   std::filesystem::create_directories(directory.path("properties/persist"));
@@ -173,7 +173,7 @@ TEST(Crash, RestartsAloneOrLeavesADumpAndStaysDown) {
     EXPECT_EQ(client.allocate(kVs), 0);
     modem.command("start");
   }
-  EXPECT_TRUE(comes_true([&] { return QmuxClient(modem.socket()).allocate(kVs) != 0; }));
+  EXPECT_TRUE(wait_until([&] { return QmuxClient(modem.socket()).allocate(kVs) != 0; }));
 }
 
 }  // namespace

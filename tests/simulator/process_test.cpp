@@ -1,4 +1,4 @@
-// The program: how it starts and ends, whom it admits, and the commands of ctl.
+// The program: its start and end, the users that it admits, and the commands of ctl.
 #include <signal.h>
 
 #include <cstdlib>
@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Runs modem_sim to its end.
+// Runs modem_sim to its end and checks its status and output.
 void expect(const std::vector<std::string>& arguments, int status, const std::string& text) {
   std::vector<std::string> all = {MODEM_SIM};
   all.insert(all.end(), arguments.begin(), arguments.end());
@@ -21,7 +21,7 @@ void expect(const std::vector<std::string>& arguments, int status, const std::st
   EXPECT_NE(outcome.output.find(text), std::string::npos) << outcome.output;
 }
 
-TEST(Program, SignalsEndItWithItsSocketFilesAndThoseOfAKilledOneAreReplaced) {
+TEST(Program, SignalsRemoveItsSocketFilesAndLeftOverOnesAreReplaced) {
   const ScratchDirectory directory;
   for (const int signal : {SIGKILL, SIGINT, SIGTERM}) {
     SimProcess modem(directory);
@@ -34,7 +34,7 @@ TEST(Program, SignalsEndItWithItsSocketFilesAndThoseOfAKilledOneAreReplaced) {
 
 using ProcessTest = SimulatorTest;
 
-TEST_F(ProcessTest, WhatItCannotServeIsRefused) {
+TEST_F(ProcessTest, InvalidOptionsAndUsedPathsAreRefused) {
   const std::string abstract = "@" + path("name");
   const ScratchDirectory other;
   const SimProcess on_abstract(other, {}, abstract);
@@ -45,10 +45,10 @@ TEST_F(ProcessTest, WhatItCannotServeIsRefused) {
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--scenario", "/none"}, 1, "no such file");
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--reset-ms", "-5"}, 2, "--reset-ms");
   EXPECT_TRUE(fs::exists(MODEM_SIM));
-  EXPECT_NE(QmuxClient(socket_).allocate(kVs), 0) << "the live one is not disturbed";
+  EXPECT_NE(QmuxClient(socket_).allocate(kVs), 0) << "the running modem is not affected";
 }
 
-// The owner and the mode of its file restrict a path's socket; the kernel checks them.
+// For a socket at a path the kernel checks the owner and the mode of the file.
 TEST(Program, AnAbstractNameAdmitsThisUserAndRootUnlessOpenedToAll) {
   if (geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
   setenv("PELMAR_ANY_USER", "1", 1);
@@ -64,7 +64,7 @@ TEST(Program, AnAbstractNameAdmitsThisUserAndRootUnlessOpenedToAll) {
   }
 }
 
-TEST_F(ProcessTest, CtlReturnsSuccessFailureAndWrongUsage) {
+TEST_F(ProcessTest, CtlReturnsAStatusForSuccessFailureAndWrongUsage) {
   const std::string storage = path("storage");
   expect({"ctl", "--storage", storage, "service", "sar", "down"}, 0, "service: sar\nup: false\n");
   expect({"ctl", "--control", storage + "/control", "--json", "status"}, 0, "{\"ok\":true,\"state\":");

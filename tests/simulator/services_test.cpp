@@ -1,4 +1,4 @@
-// Events, reports, scenarios, and the radio that the phone sees.
+// Events, reports, scenarios, and the simulated radio.
 #include <fstream>
 
 #include "simulator_test.h"
@@ -13,11 +13,11 @@ class VsClient : public QmuxClient {
  public:
   explicit VsClient(const std::string& socket) : QmuxClient(socket, kVs) {}
 
-  void want_events(bool ab, bool c) { ask(kSetEventReport, tlv(0x10, {ab}) + tlv(0x11, {c})); }
+  void want_events(bool ab, bool c) { exchange(kSetEventReport, tlv(0x10, {ab}) + tlv(0x11, {c})); }
   uint16_t add(const Bytes& reporter, uint32_t id) {
-    return ask(kRegister, tlv(0x01, reporter) + tlv(0x02, Bytes{1} + bytes_of(id) + Bytes(19))).error();
+    return exchange(kRegister, tlv(0x01, reporter) + tlv(0x02, Bytes{1} + bytes_of(id) + Bytes(19))).error();
   }
-  // The messages of the indications that come before the response to a further request.
+  // Sends a request and returns the messages of the indications before its response.
   std::vector<uint16_t> indications() {
     send(request(kGetFeature, tlv(0x01, {2, 0, 0, 0})));
     std::vector<uint16_t> found;
@@ -26,7 +26,7 @@ class VsClient : public QmuxClient {
   }
 };
 
-// The clock is held.
+// The clock stands still unless a test advances it.
 class Services : public SimulatorTest {
  protected:
   Services() : SimulatorTest({"--clock-ms", "0"}) {}
@@ -34,7 +34,7 @@ class Services : public SimulatorTest {
   VsClient client_{socket_};
 };
 
-TEST_F(Services, EventsGoToThoseThatRegisteredForThem) {
+TEST_F(Services, EventsAreSentToClientsThatRegisteredForThem) {
   VsClient c(socket_);
   client_.want_events(true, false);
   c.want_events(false, true);
@@ -50,22 +50,22 @@ TEST_F(Services, EventsGoToThoseThatRegisteredForThem) {
   EXPECT_EQ(client_.indications(), (std::vector<uint16_t>{0x0004, 0x0203, 0x0204}));
 }
 
-TEST_F(Services, WhatIsRegisteredIsReportedOncePerPeriodUntilItsClientIsGone) {
+TEST_F(Services, RegisteredStatisticsAreReportedOncePerPeriodUntilTheClientEnds) {
   VsClient other(socket_);
   for (VsClient* client : {&client_, &other}) client->want_events(true, false);
-  const Bytes reporter = client_.ask(kSetReportStatus, tlv(0x01, {1})).value(0x10);
-  EXPECT_EQ(other.add(reporter, 0x52), 41) << "another client's";
+  const Bytes reporter = client_.exchange(kSetReportStatus, tlv(0x01, {1})).value(0x10);
+  EXPECT_EQ(other.add(reporter, 0x52), 41) << "the reporter of another client";
   EXPECT_EQ(client_.add(reporter, 0x52), 0);
   for (const auto& [ms, reports] : {std::pair(999, 0), {1, 4}, {10'000, 4}, {999, 0}, {1, 4}}) {
     modem_.command("clock advance " + std::to_string(ms));
-    EXPECT_EQ(client_.indications().size(), reports) << "two events for each subscription; missed ones are left out";
+    EXPECT_EQ(client_.indications().size(), reports) << "two events for each subscription; missed periods are skipped";
   }
   EXPECT_EQ(other.indications().size(), 0u);
   client_.close();
-  EXPECT_TRUE(comes_to("/statistics/registrations", 0));
+  EXPECT_TRUE(wait_for_status("/statistics/registrations", 0));
 }
 
-TEST_F(Services, AScenarioPlaysFromItsLoadingOnAndAWrongOneIsRefusedWithThePlace) {
+TEST_F(Services, AScenarioStartsWhenLoadedAndAWrongOneIsRefusedWithThePlace) {
   modem_.command("clock 5000");
   modem_.command("scenario " EXAMPLE_SCENARIO);
   for (const auto& [ms, level] : {std::pair(0, -850), {12'000, -1015}, {27'000, -850}}) {
@@ -90,31 +90,31 @@ TEST_F(Services, AScenarioPlaysFromItsLoadingOnAndAWrongOneIsRefusedWithThePlace
   for (const auto& [text, place] : wrong) {
     std::ofstream(path("bad.json")) << text;
     const std::string error = modem_.refused_command("scenario " + path("bad.json"));
-    EXPECT_NE(error.find(place), std::string::npos) << error << "\n  and not: " << place;
+    EXPECT_NE(error.find(place), std::string::npos) << error << "\n  does not contain: " << place;
   }
-  EXPECT_EQ(modem_.value("statistic 0 lte-pcc", "/source"), "scenario") << "the earlier one plays on";
+  EXPECT_EQ(modem_.value("statistic 0 lte-pcc", "/source"), "scenario") << "the earlier scenario continues";
   modem_.command("scenario stop");
   EXPECT_EQ(modem_.value("statistic 0 lte-pcc", "/source"), "radio");
 }
 
-TEST_F(Services, ASubscriptionHasOrdersOfItsOwnUntilTheServiceRestarts) {
+TEST_F(Services, ASubscriptionHasItsOwnSettingsUntilTheServiceRestarts) {
   QmuxClient first(socket_, kNas);
   QmuxClient second(socket_, kNas);
   for (const uint8_t sub : {0, 1}) {
-    EXPECT_EQ((sub == 0 ? first : second).ask(0x0045, tlv(0x01, {sub})).error(), 0);
+    EXPECT_EQ((sub == 0 ? first : second).exchange(0x0045, tlv(0x01, {sub})).error(), 0);
   }
-  EXPECT_EQ(first.ask(0x0045, tlv(0x01, {2})).error(), 48);
+  EXPECT_EQ(first.exchange(0x0045, tlv(0x01, {2})).error(), 48);
   const nlohmann::json fresh = status("/radio");
-  const auto has_nr = [&] { return !first.ask(0x0043).value(0x2E).empty(); };
+  const auto has_nr = [&] { return !first.exchange(0x0043).value(0x2E).empty(); };
   EXPECT_TRUE(has_nr());
-  EXPECT_EQ(first.ask(0x0033, tlv(0x33, bytes_of(2u))).error(), 0);
+  EXPECT_EQ(first.exchange(0x0033, tlv(0x33, bytes_of(2u))).error(), 0);
   EXPECT_FALSE(has_nr());
-  first.ask(0x00D8, tlv(0x01, Bytes{1} + bytes_of(uint16_t{331}) + bytes_of(3050u)));  // locks a cell
+  first.exchange(0x00D8, tlv(0x01, Bytes{1} + bytes_of(uint16_t{331}) + bytes_of(3050u)));  // lock to a cell
   EXPECT_EQ(status("/radio/0/serving_cell"), "3050:331");
-  first.ask(0x00D8, tlv(0x01, Bytes{1} + bytes_of(uint16_t{1}) + bytes_of(1u)));
-  EXPECT_EQ(first.ask(0x0043).value(0x13), Bytes()) << "no such cell: out of service";
+  first.exchange(0x00D8, tlv(0x01, Bytes{1} + bytes_of(uint16_t{1}) + bytes_of(1u)));
+  EXPECT_EQ(first.exchange(0x0043).value(0x13), Bytes()) << "no such cell: out of service";
   EXPECT_EQ(status("/radio/1"), fresh[1]);
-  EXPECT_NE(first.ask(0x0089).value(0x10), second.ask(0x0089).value(0x10)) << "the DRX";
+  EXPECT_NE(first.exchange(0x0089).value(0x10), second.exchange(0x0089).value(0x10)) << "the DRX";
   for (const char* command : {"service nas down", "service nas up"}) modem_.command(command);
   EXPECT_EQ(status("/radio"), fresh);
 }

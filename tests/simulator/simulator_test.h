@@ -1,4 +1,4 @@
-// A test with a simulated modem of its own, and a small QMUX client.
+// A test with its own simulated modem, and a small QMUX client.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -43,7 +43,7 @@ inline Bytes tlv(uint8_t type, const Bytes& value) {
   return Bytes{type} + u16(value.size()) + value;
 }
 
-// A message from the modem. One that has not come has the identifier 0xFFFF.
+// A message from the modem. The identifier is 0xFFFF if none arrived.
 struct Received {
   uint8_t client = 0;
   Kind kind{};
@@ -55,7 +55,7 @@ struct Received {
     const auto found = qmi::find_tlv(tlvs, type);
     return found ? Bytes(found->begin(), found->end()) : Bytes();
   }
-  // 0xFFFF where there is no result TLV.
+  // 0xFFFF if there is no result TLV.
   uint16_t error() const {
     const Bytes result = value(qmi::kResultTlv);
     return result.size() == qmi::kResultLength ? qmi::load_u16(&result[2]) : 0xFFFF;
@@ -64,7 +64,7 @@ struct Received {
 
 class QmuxClient {
  public:
-  // With an id of the service; without one it sends control messages.
+  // Allocates an id of the service. Without a service it sends control messages.
   explicit QmuxClient(const std::string& socket, uint8_t service = qmi::kControlService)
       : fd_(connect_unix(socket).fd), service_(service), id_(service == 0 ? uint8_t{0} : allocate(service)) {}
 
@@ -78,7 +78,7 @@ class QmuxClient {
     }
   }
 
-  // Whatever comes next, up to a size; empty where the connection ends.
+  // Returns the next bytes, at most `most`; nothing if the connection ends or nothing arrives within a minute.
   Bytes receive_raw(size_t most) {
     pollfd waiting{fd_.get(), POLLIN, 0};
     Bytes bytes(most);
@@ -87,7 +87,7 @@ class QmuxClient {
     return bytes;
   }
 
-  // No message where the connection ends, or none comes within a minute.
+  // Returns no message if the connection ends or none arrives within a minute.
   Received receive() {
     Bytes bytes;
     for (size_t whole = qmi::kFrameHeaderLength; bytes.size() < whole;) {
@@ -111,10 +111,10 @@ class QmuxClient {
     return poll(&closed, 1, 0) == 1;
   }
 
-  // Each sends and waits for the response; indications that come before are skipped.
-  Received ask(uint16_t message, const Bytes& tlvs = {}) { return ask_as(service_, id_, message, tlvs); }
-  Received control(uint16_t message, const Bytes& tlvs = {}) { return ask_as(0, 0, message, tlvs); }
-  Received ask_as(uint8_t service, uint8_t client, uint16_t message, const Bytes& tlvs = {}) {
+  // Each sends a request and returns the response. Indications before it are skipped.
+  Received exchange(uint16_t message, const Bytes& tlvs = {}) { return exchange_as(service_, id_, message, tlvs); }
+  Received control(uint16_t message, const Bytes& tlvs = {}) { return exchange_as(0, 0, message, tlvs); }
+  Received exchange_as(uint8_t service, uint8_t client, uint16_t message, const Bytes& tlvs = {}) {
     send(request_of(service, client, message, tlvs));
     Received response = receive();
     while (response.kind == Kind::kIndication) response = receive();
@@ -123,7 +123,7 @@ class QmuxClient {
     return response;
   }
 
-  uint8_t allocate(uint8_t service) {  // 0 where the modem gives none
+  uint8_t allocate(uint8_t service) {  // 0 if the modem refuses
     const Bytes value = control(kAllocate, tlv(0x01, {service})).value(0x01);
     return value.size() == 2 ? value[1] : 0;
   }
@@ -152,8 +152,8 @@ class SimulatorTest : public testing::Test {
 
   std::string path(const std::string& name) const { return directory_.path(name); }
   nlohmann::json status(const std::string& place) const { return modem_.value("status", place); }
-  bool comes_to(const std::string& place, const nlohmann::json& value) const {
-    return comes_true([&] { return status(place) == value; });
+  bool wait_for_status(const std::string& place, const nlohmann::json& value) const {
+    return wait_until([&] { return status(place) == value; });
   }
 
   ScratchDirectory directory_;

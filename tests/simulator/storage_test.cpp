@@ -1,4 +1,4 @@
-// What is kept, where it is on disk, and that no path leaves its tree.
+// Stored items: their files on disk, and paths that must not leave the directory.
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 enum Error : uint16_t { kNone = 0, kTooLong = 19, kInvalid = 48, kNoEntry = 50, kFull = 51 };
 
-// All items are kept in the same way; these are files of the phone.
+// All items are stored in the same way; these tests use EFS paths.
 class StorageTest : public testing::Test {
  protected:
   static constexpr uint16_t kRead = 0x0106, kWrite = 0x0107, kDelete = 0x0108;
@@ -28,22 +28,22 @@ class StorageTest : public testing::Test {
     client_.emplace(modem_->socket(), kVs);
   }
 
-  Received ask(uint16_t message, const std::string& name, const Bytes& data = {}) {
-    return client_->ask(message,
-                        tlv(0x01, Bytes(name.begin(), name.end())) + tlv(0x02, u16(0)) + tlv(0x03, {0}) + data);
+  Received exchange(uint16_t message, const std::string& name, const Bytes& data = {}) {
+    return client_->exchange(message,
+                             tlv(0x01, Bytes(name.begin(), name.end())) + tlv(0x02, u16(0)) + tlv(0x03, {0}) + data);
   }
   uint16_t write(const std::string& name, const Bytes& value) {
-    return ask(kWrite, name, tlv(0x04, u16(value.size()) + value)).error();
+    return exchange(kWrite, name, tlv(0x04, u16(value.size()) + value)).error();
   }
-  uint16_t remove(const std::string& name) { return ask(kDelete, name).error(); }
-  uint16_t error_of_read(const std::string& name) { return ask(kRead, name).error(); }
-  Bytes read(const std::string& name) { return ask(kRead, name).value(0x03); }
+  uint16_t remove(const std::string& name) { return exchange(kDelete, name).error(); }
+  uint16_t error_of_read(const std::string& name) { return exchange(kRead, name).error(); }
+  Bytes read(const std::string& name) { return exchange(kRead, name).value(0x03); }
   ScratchDirectory directory_;
   std::optional<SimProcess> modem_;
   std::optional<QmuxClient> client_;
 };
 
-TEST_F(StorageTest, ItemsAreFilesAndOutliveTheProcess) {
+TEST_F(StorageTest, ItemsAreFilesAndRemainAfterTheProcess) {
   serve();
   for (const char* name : {"/nv//item_files/x", "y"}) {
     EXPECT_EQ(error_of_read(name), kNoEntry);
@@ -58,7 +58,7 @@ TEST_F(StorageTest, ItemsAreFilesAndOutliveTheProcess) {
     EXPECT_EQ(remove(name), kNone);
     EXPECT_EQ(remove(name), kNoEntry);
   }
-  EXPECT_EQ(write("nv", {2}), kNone) << "the empty directory is gone, its name is free";
+  EXPECT_EQ(write("nv", {2}), kNone) << "the empty directory was removed, so its name is free";
 }
 
 TEST_F(StorageTest, NoPathAndNoSymbolicLinkLeavesTheTree) {
@@ -76,12 +76,12 @@ TEST_F(StorageTest, NoPathAndNoSymbolicLinkLeavesTheTree) {
   for (const char* name : {"link/secret", "file"}) EXPECT_EQ(error_of_read(name), kNoEntry);
   EXPECT_EQ(write("file", {1}), kNone) << "replaces the link itself";
   EXPECT_EQ(fs::file_size(directory_.path("secret")), 2u);
-  EXPECT_EQ(write("/etc/passwd", {1}), kNone) << "absolute means from the tree's top";
+  EXPECT_EQ(write("/etc/passwd", {1}), kNone) << "an absolute path starts at the directory of the storage";
   EXPECT_TRUE(fs::exists(path("etc/passwd")));
   EXPECT_EQ(write("/etc/passwd/below", {1}), kInvalid);
 }
 
-TEST_F(StorageTest, AFullStorageTakesOldEntriesOnly) {
+TEST_F(StorageTest, AFullStorageAcceptsOnlyExistingEntries) {
   serve({"--max-entries", "1"});
   EXPECT_EQ(write("a", {1}), kNone);
   EXPECT_EQ(write("d/b", {1}), kFull);
@@ -91,7 +91,7 @@ TEST_F(StorageTest, AFullStorageTakesOldEntriesOnly) {
   EXPECT_EQ(write("d/b", {1}), kNone);
 }
 
-TEST_F(StorageTest, AWriteThatTheSystemRefusesLeavesTheOldContent) {
+TEST_F(StorageTest, AFailedWriteKeepsTheOldContent) {
   serve();
   EXPECT_EQ(write("a", {'a'}), kNone);
   const rlimit small = {0, 0};

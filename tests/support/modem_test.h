@@ -1,4 +1,4 @@
-// A test of the library in this process and in others, over the Linux platform, against a simulated modem.
+// A test of the library over the Linux platform with a simulated modem, in this process and in others.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,19 +21,19 @@ inline constexpr const char* kModemVariable = "PELMAR_MODEM";
 
 class ModemTest : public testing::Test {
  protected:
-  // options, socket: of the simulated modem.
+  // The options and the socket are those of the simulated modem.
   explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
     setenv("PELMAR_PROPERTY_DIR", path("properties").c_str(), 1);
     serve(options, socket);
     setenv(kModemVariable, modem_->address().c_str(), 1);
     setenv("PELMAR_PM_SOCKET", (modem_->socket() + ".pm").c_str(), 1);
-    // A network namespace of its own, in which no other qmi-proxy runs: the platform starts one.
+    // No other qmi-proxy runs in a new network namespace, so the platform starts one there.
     has_own_proxy_ = sim::test::transport() == "proxy" && unshare(CLONE_NEWNET) == 0;
   }
 
   void SetUp() override {
     if (sim::test::transport() != "proxy") return;
-    if (!has_own_proxy_) GTEST_SKIP() << "only root can have a network namespace of its own";
+    if (!has_own_proxy_) GTEST_SKIP() << "only root can create a network namespace";
     if (access("/usr/libexec/qmi-proxy", X_OK) != 0) GTEST_SKIP() << "there is no qmi-proxy (package libqmi-proxy)";
   }
 

@@ -18,14 +18,14 @@ namespace pelmar::sim::test {
 
 namespace {
 
-constexpr int kPatienceMs = 300'000;  // more than a client process of a test has for all that it waits for
+constexpr int kTimeoutMs = 300'000;  // longer than all waits of a test's client process together
 
-// What comes up to this byte, to the end of the stream, or until nothing comes for long.
+// Returns the text up to this byte, the end of the stream, or the timeout.
 std::string read_text(int fd, int end) {
   std::string text;
   pollfd waiting{fd, POLLIN, 0};
   uint8_t byte = 0;
-  while (poll(&waiting, 1, kPatienceMs) == 1 && read(fd, &byte, 1) == 1 && byte != end) text += static_cast<char>(byte);
+  while (poll(&waiting, 1, kTimeoutMs) == 1 && read(fd, &byte, 1) == 1 && byte != end) text += static_cast<char>(byte);
   return text;
 }
 
@@ -54,7 +54,7 @@ std::string transport() {
   return name == nullptr ? "socket" : name;
 }
 
-bool comes_true(const std::function<bool()>& condition) {
+bool wait_until(const std::function<bool()>& condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
     if (std::chrono::steady_clock::now() > end) return false;
@@ -129,7 +129,7 @@ SimProcess::SimProcess(const ScratchDirectory& directory, const std::vector<std:
 
 SimProcess::~SimProcess() {
   if (process() > 0) {
-    EXPECT_EQ(end(SIGTERM), 0) << "the modem failed to end after SIGTERM";
+    EXPECT_EQ(end(SIGTERM), 0) << "the modem does not end normally at SIGTERM";
   }
 }
 

@@ -12,7 +12,7 @@
 
 namespace pelmar::sim::test {
 
-// A directory that goes with the object.
+// A temporary directory, which the destructor removes.
 class ScratchDirectory {
  public:
   ScratchDirectory();
@@ -25,22 +25,22 @@ class ScratchDirectory {
   std::string path_;
 };
 
-// How clients reach the simulated modem: "socket", or what PELMAR_TEST_TRANSPORT names, which is "device", "proxy" (a
-// qmi-proxy of the test's own) or "qrtr".
+// The transport between clients and the simulated modem, as PELMAR_TEST_TRANSPORT names it: "device", "proxy" (the test
+// starts its own qmi-proxy) or "qrtr". The default is "socket".
 std::string transport();
 
-// Checks every 5 ms whether this holds. False where it does not come to hold within a minute.
-bool comes_true(const std::function<bool()>& condition);
+// Checks the condition every 5 ms. Returns false if it does not hold within a minute.
+bool wait_until(const std::function<bool()>& condition);
 
 // A child process whose standard input and output are pipes of the test's.
 class Process {
  public:
-  // arguments[0] is the name that the process sees of itself. Standard error is the test's, or goes to the output.
+  // arguments[0] is the process's own name. Standard error is the test's, or goes to the output.
   Process(const std::string& program, const std::vector<std::string>& arguments, bool errors_to_output);
   ~Process();  // kills it
 
-  std::string line();  // the next line of output, without its end; "" when none comes in time or the output ended
-  std::string rest();  // all that follows, up to the end of the output
+  std::string line();  // the next line of output, without its line feed; "" at the timeout or the end of the output
+  std::string rest();  // the rest of the output
   void send_line(const std::string& line);  // to the standard input
   void finish() { input_.reset(); }         // ends the standard input
   int end(int signal = 0);  // sends the signal, if any, and waits; exit status, or minus the signal that killed it
@@ -60,10 +60,11 @@ struct Outcome {
 // Runs a program without input to its end; output is what it wrote to standard output and error.
 Outcome run_program(const std::vector<std::string>& arguments);
 
-// A simulated modem with a directory of its own.
+// A simulated modem that keeps its files in a directory of the test.
 class SimProcess : public Process {
  public:
-  // Returns when the modem is ready; fails the test where it does not become so. No socket named: one in the directory.
+  // Returns when the modem is ready, and fails the test if it does not start. Without a name, the socket is in the
+  // directory.
   explicit SimProcess(const ScratchDirectory& directory, const std::vector<std::string>& options = {},
                       const std::string& socket = "");
   ~SimProcess();
@@ -77,7 +78,8 @@ class SimProcess : public Process {
   // The same with a command that must succeed, or must be refused.
   std::string command(const std::string& line) const;
   std::string refused_command(const std::string& line) const;
-  // What the response to such a command has at a place such as "/services/0/up".
+  // Sends a command that must succeed, and returns the member of the response at a JSON pointer such as
+  // "/services/0/up".
   nlohmann::json value(const std::string& line, const std::string& place) const;
 
  private:

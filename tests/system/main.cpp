@@ -1,4 +1,5 @@
-// The main program of the system tests, which the library serves as "mtb", and of the client processes that they start.
+// The main program of the system tests, and of the client processes that they start. It runs as "mtb", a name that the
+// library serves.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// Services and a modem that go away and come back under their clients, and the votes for its power.
+// Clients during restarts of services and of the modem, and the votes for its power.
 #include <gmock/gmock.h>
 
 #include <array>
@@ -15,10 +15,10 @@
 namespace pelmar::system_test {
 namespace {
 
-using sim::test::comes_true;
+using sim::test::wait_until;
 using testing::ElementsAre;
 
-// The statuses that a connection reports, kept by client type and passed on to the client table.
+// Records the statuses of connections by client type, and passes them on to the client table.
 class Statuses {
  public:
   static void add(uint32_t type, uint32_t status) {
@@ -28,7 +28,7 @@ class Statuses {
     changed_.notify_all();
   }
 
-  // All that the client has reported since, once the last of it is this one.
+  // Waits until the client's last status is this one. Returns the statuses since the previous call.
   static std::vector<uint32_t> until(uint32_t type, uint32_t status) {
     std::unique_lock guard(lock_);
     changed_.wait_for(guard, std::chrono::seconds(90),
@@ -37,7 +37,7 @@ class Statuses {
   }
 
  private:
-  // Never destroyed: connections report until the process is gone.
+  // Never destroyed: connections report until the process ends.
   static inline std::mutex& lock_ = *new std::mutex;
   static inline std::condition_variable& changed_ = *new std::condition_variable;
   static inline std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>& lists_ =
@@ -46,15 +46,15 @@ class Statuses {
 
 class RestartTest : public ModemTest {
  protected:
-  // An acknowledgement has so long that a test which waits for one in vain ends by its own limit.
+  // The acknowledgement timeout is so long that a test that waits for one in error reaches its own time limit.
   RestartTest() : ModemTest({"--pm-socket", "--pm-ack-ms", "600000", "--reset-ms", "0"}) {
     EXPECT_EQ(modem_api_peripheral_mng_init("modem"), 0);
     EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
-    EXPECT_TRUE(comes_to("ready"));
+    EXPECT_TRUE(wait_for_state("ready"));
   }
 
-  bool comes_to(const char* state) {
-    return comes_true([&] { return modem().value("status", "/state") == state; });
+  bool wait_for_state(const char* state) {
+    return wait_until([&] { return modem().value("status", "/state") == state; });
   }
 
   void open_clients() {
@@ -69,9 +69,9 @@ class RestartTest : public ModemTest {
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
   modem_api_result avoid_trm(int32_t sub) const { return modem_api_set_avoid_trm(nas_[sub], sub, 1); }
 
-  // All three work, and the modem counts no other; the last loss of many may be noticed late.
+  // Waits until all three work and the modem has no other client. A client may notice the last of many losses late.
   bool has_all_clients() {
-    return comes_true([&] {
+    return wait_until([&] {
       const bool works =
           set_state() == MODEM_API_SUCCESS && avoid_trm(0) == MODEM_API_SUCCESS && avoid_trm(1) == MODEM_API_SUCCESS;
       size_t clients = 0;
@@ -84,14 +84,14 @@ class RestartTest : public ModemTest {
   int32_t nas_[2] = {-1, -1};
 };
 
-TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
+TEST_F(RestartTest, ClientsReconnectWithoutACall) {
   const std::vector<uint32_t> all = {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
   const std::vector<uint32_t> nas = {MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
   ASSERT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP), 1);
   open_clients();
   const struct {
     const std::vector<uint32_t> clients;
-    const char *down, *up;  // an empty command ends the last vote, or casts one
+    const char *down, *up;  // an empty command releases or casts the vote
   } cases[] = {
       {{MODEM_API_CLIENT_SAR}, "service sar down", "service sar up"},
       {nas, "service nas down", "service nas up"},
@@ -109,9 +109,9 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
     for (const uint32_t client : each.clients) {
       EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
     }
-    EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command of theirs fails";
+    EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command fails while the service is away";
     if (*each.up == '\0') {
-      ASSERT_TRUE(comes_to("off"));
+      ASSERT_TRUE(wait_for_state("off"));
       EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     } else {
       ctl(each.up);
@@ -123,7 +123,7 @@ TEST_F(RestartTest, ServicesComeBackWithoutACallOfTheClient) {
   }
 }
 
-// Commands go on meanwhile, and each ends with its response or with the loss of the service.
+// Commands run meanwhile, and each ends with its response or with the loss of the service.
 TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
   const int restarts = sim::test::transport() == "socket" ? 10 : 200;
   open_clients();
@@ -137,7 +137,7 @@ TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
   for (int i = 0; i < restarts; ++i) {
     ctl(i % 2 == 0 ? "service nas down" : "service sar down");
     ctl(i % 2 == 0 ? "service nas up" : "service sar up");
-    EXPECT_TRUE(comes_true([&] { return i % 2 == 0 ? avoid_trm(0) == 0 : set_state() == 0; })) << "restart " << i;
+    EXPECT_TRUE(wait_until([&] { return i % 2 == 0 ? avoid_trm(0) == 0 : set_state() == 0; })) << "restart " << i;
   }
   goes_on = false;
   load.join();

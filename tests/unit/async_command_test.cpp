@@ -1,5 +1,5 @@
-// The result of an exchange, and the asynchronous pass-through command: who owns which block, and what the callback
-// gets.
+// The result of an exchange, and the asynchronous pass-through command: the owners of its blocks, and the arguments of
+// the callback.
 #include <optional>
 
 #include "library_test.h"
@@ -30,7 +30,7 @@ TEST(ResultMapping, IsComplete) {
   }
 }
 
-// What the callback received: its data, if any, and the result.
+// The arguments of a callback: the data, if any, and the result.
 using Response = std::pair<std::optional<Bytes>, uint32_t>;
 std::vector<Response> received;
 int g_user;
@@ -55,7 +55,7 @@ class AsynchronousCommand : public LibraryTest {
  protected:
   AsynchronousCommand() {
     open();
-    forget();
+    clear_records();
   }
 
   static int32_t send(const Bytes& payload = {1}) {
@@ -64,7 +64,7 @@ class AsynchronousCommand : public LibraryTest {
                                           on_response);
   }
 
-  // The sizes of the blocks of exchanges under way: all blocks but the client's.
+  // The sizes of the blocks of pending exchanges: all blocks but the client's.
   static std::vector<size_t> held_blocks() {
     std::vector<size_t> sizes;
     for (const Block& block : live_blocks()) sizes.push_back(block.size);
@@ -73,11 +73,11 @@ class AsynchronousCommand : public LibraryTest {
   }
 };
 
-TEST_F(AsynchronousCommand, BringsDataAndAnEndOrAFailure) {
+TEST_F(AsynchronousCommand, CallsBackWithDataAndAnEndOrWithAFailure) {
   const Bytes longest_data(512, 0x5A);
   Bytes longest = structure(524, "9:02");
   std::copy(longest_data.begin(), longest_data.end(), longest.begin() + 12);
-  Bytes beyond = longest, beyond_data = longest_data;  // states more than a response can hold
+  Bytes beyond = longest, beyond_data = longest_data;  // its length is more than a response can hold
   put(beyond, 8, 768);
   beyond_data.resize(768);
   const std::tuple<int, Bytes, std::vector<Response>> exchanges[] = {
@@ -89,7 +89,7 @@ TEST_F(AsynchronousCommand, BringsDataAndAnEndOrAFailure) {
       {-3, structure(524, "8:01"), {without_data(11)}},
   };
   for (const auto& [code, response, wanted] : exchanges) {
-    forget();
+    clear_records();
     EXPECT_EQ(send(longest_data), 0);
     Bytes request = structure(516, "1:02");
     std::copy(longest_data.begin(), longest_data.end(), request.begin() + 4);
@@ -102,8 +102,8 @@ TEST_F(AsynchronousCommand, BringsDataAndAnEndOrAFailure) {
   }
 }
 
-// What the framework hands over is freed whatever it is; other messages than the pass-through bring no data.
-TEST_F(AsynchronousCommand, EndsForeignExchanges) {
+// Every block that the framework passes is freed; only the pass-through message has data.
+TEST_F(AsynchronousCommand, EndsUnknownExchanges) {
   const auto response = [] { return hydra_malloc_adv(524, "test", 0); };
   const auto record = [](modem_api_response_cb callback) { return callback_record(callback, &g_user); };
   vs_client_command_cb(nullptr, 0x0101, response(), 524, record(on_response), 0);
@@ -115,8 +115,8 @@ TEST_F(AsynchronousCommand, EndsForeignExchanges) {
   EXPECT_THAT(held_blocks(), IsEmpty());
 }
 
-// A framework that refuses a send never calls back; the two blocks of the exchange stay behind.
-TEST_F(AsynchronousCommand, LosesTheBlocksOfARefusedSend) {
+// A framework that refuses a send never calls back, so nothing frees the two blocks of the exchange.
+TEST_F(AsynchronousCommand, LeaksTheBlocksOfARefusedSend) {
   size_t held = 0;
   for (const auto& [code, result] : std::map<int, int32_t>{{-1, 12}, {-2, 0}, {-3, 11}, {-18, 1}}) {
     on_call["send_msg_async"] = returns(code);

@@ -1,5 +1,5 @@
-// Callbacks that use the library: what they may free, and that nobody who frees, prepares or reconnects the same
-// clients waits for a callback with something in hand that the callback may need: such a test would not end.
+// Callbacks that use the library. They may free clients. A thread that frees, prepares or reconnects the same clients
+// must not hold a lock while it waits for a callback that may need the lock: the test would not end.
 #include <algorithm>
 #include <atomic>
 #include <future>
@@ -14,7 +14,7 @@ namespace {
 
 using namespace scripted;
 
-std::function<void(modem_api_client_type)>& in_callback = kNewObject;  // may be empty
+std::function<void(modem_api_client_type)>& in_callback = kNewObject;  // runs in each callback; may be empty
 
 const qmi_client_type* const kHandles[] = {&vs_client_info.client_handle, &sar_client_info.client_handle,
                                            &nas_0_client_info.client_handle, &nas_1_client_info.client_handle};
@@ -50,8 +50,9 @@ class Callbacks : public LibraryTest {
   }
 };
 
-// A release waits for the callbacks of its handle. In one of them it is left to another thread; nothing else is.
-TEST_F(Callbacks, FreeClients) {
+// A release waits for the callbacks of its handle, so in such a callback another thread does it. In other callbacks it
+// is done at once.
+TEST_F(Callbacks, MayFreeClients) {
   for (const int32_t id : {0, 1, 2}) {
     SCOPED_TRACE(id);
     open_two();
@@ -69,9 +70,9 @@ TEST_F(Callbacks, FreeClients) {
   }
 }
 
-// What is pending when a client is freed, or its service lost, ends on the thread that releases. The callback may free
-// the client again, and the one whose callback that thread is in.
-TEST_F(Callbacks, EndWhatIsPending) {
+// If a client is freed or its service is lost, its pending commands end on the thread that releases the handle. Their
+// callback may free the client again, and also the client whose callback runs on that thread.
+TEST_F(Callbacks, EndPendingCommands) {
   const std::function<void()> ends[] = {[] { modem_api_free_client(0); }, [] { lose_service(*kHandles[0]); },
                                         [] { lose_service(*kHandles[1]); }};
   for (const auto& end : ends) {
@@ -80,7 +81,7 @@ TEST_F(Callbacks, EndWhatIsPending) {
     set_threads(Threads::kHold);
     const auto run_response = [](const uint8_t* data, uint32_t, void*, uint32_t result) {
       EXPECT_EQ(data, nullptr);
-      EXPECT_EQ(result, uint32_t{MODEM_API_ERR_NO_MEMORY}) << "of a response without bytes";
+      EXPECT_EQ(result, uint32_t{MODEM_API_ERR_NO_MEMORY}) << "the result of a response without bytes";
       in_callback(MODEM_API_CLIENT_VS);
     };
     EXPECT_EQ(modem_api_common_command_async(0, nullptr, 0, nullptr, run_response), MODEM_API_SUCCESS);
@@ -96,8 +97,9 @@ TEST_F(Callbacks, EndWhatIsPending) {
   }
 }
 
-// One thread frees a client and waits for its callback, which meanwhile subscribes, frees and starts anew.
-TEST_F(Callbacks, UseTheClientThatAnotherThreadIsFreeing) {
+// One thread frees a client and waits for its callback, which meanwhile subscribes, frees the client and initialises
+// the library.
+TEST_F(Callbacks, MayUseTheClientThatAnotherThreadFrees) {
   for (const modem_api_client_type type : {MODEM_API_CLIENT_VS, MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_1}) {
     SCOPED_TRACE(type);
     const int32_t id = open(type);
@@ -115,13 +117,13 @@ TEST_F(Callbacks, UseTheClientThatAnotherThreadIsFreeing) {
     EXPECT_EQ(freed.get(), MODEM_API_SUCCESS);
     EXPECT_TRUE(logged("E modem_api_free_client: client already freed"));
     expect_nothing_left();
-    forget();
+    clear_records();
   }
 }
 
 // A restart of the modem brings one service back while a client of another is opened; the callback of each frees the
 // client of the other.
-TEST_F(Callbacks, FreeEachOthersClients) {
+TEST_F(Callbacks, MayFreeEachOthersClients) {
   const int32_t nas = open(MODEM_API_CLIENT_NAS_0), sar = nas + 1;
   set_threads(Threads::kHold);
   lose_service(*kHandles[MODEM_API_CLIENT_NAS_0]);

@@ -1,4 +1,4 @@
-// The client table: who gets a slot, what a client is notified of, what opening and freeing leave behind.
+// The client table: the slots, the notices to clients, and the state after a client was opened and freed.
 #include "golden_log.h"
 #include "vs_client.h"
 
@@ -10,10 +10,10 @@ constexpr int32_t kUntouched = 77;
 
 class ClientTable : public LibraryTest {
  protected:
-  // Opens a client of a type and expects a refusal, which leaves nothing behind.
+  // Opens a client of a type and expects a refusal that changes nothing.
   static void expect_refused(modem_api_client_type type, modem_api_result result) {
     SCOPED_TRACE(testing::Message() << "type " << type);
-    forget();
+    clear_records();
     const size_t blocks = live_blocks().size();
     int32_t id = kUntouched;
     EXPECT_EQ(modem_api_init_client(type, on_event, on_notice, &id), result);
@@ -24,10 +24,10 @@ class ClientTable : public LibraryTest {
 };
 
 TEST_F(ClientTable, GivesTheFirstFreeSlot) {
-  on_send = returns(-3);  // a NAS client opens also when it cannot register
+  on_send = returns(-3);  // a NAS client opens even if it cannot register
   int32_t id = 0;
   for (const modem_api_client_type type : {3, 1, 0, 2}) {
-    forget();
+    clear_records();
     EXPECT_EQ(open(type), id++);
     EXPECT_EQ(notices, (Notices{{MODEM_API_NOTICE_SERVICE_UP, type}}));
   }
@@ -49,8 +49,8 @@ TEST_F(ClientTable, HasOneClientOfAType) {
   expect_golden_log({"nother client init", "not supported"});
 }
 
-// The table cannot fill up by itself: records are made to be of a type that nobody opens.
-TEST_F(ClientTable, MayBeFull) {
+// The table has more slots than types. So the test changes the records to a type that no client has.
+TEST_F(ClientTable, RefusesAClientWhenFull) {
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     EXPECT_EQ(open(), id);
     const uint32_t other = MODEM_API_CLIENT_TYPES;
@@ -60,7 +60,7 @@ TEST_F(ClientTable, MayBeFull) {
   EXPECT_TRUE(logged("E modem_api_init_client: no more client can be added"));
 }
 
-TEST_F(ClientTable, ForgetsAClientThatCannotConnect) {
+TEST_F(ClientTable, RemovesAClientThatCannotConnect) {
   on_call["init_instance"] = returns(QMI_TIMEOUT_ERR);
   on_call["sleep"] = [](const Call&) {  // the slot is taken while the client connects
     EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, nullptr), MODEM_API_ERR_SERVICE_PENDING);
@@ -80,7 +80,7 @@ TEST_F(ClientTable, ForgetsAClientThatCannotConnect) {
 TEST_F(ClientTable, FreesAClientWithItsConnection) {
   for (const modem_api_client_type type : {0, 1, 2, 3}) {
     const int32_t id = open(type);
-    forget();
+    clear_records();
     for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(id), 0);
     EXPECT_EQ(open_handles(), 0U);
     EXPECT_THAT(live_blocks(), IsEmpty());
@@ -90,10 +90,10 @@ TEST_F(ClientTable, FreesAClientWithItsConnection) {
   expect_golden_log();
 }
 
-// Initialising twice counts once and rebuilds the connections' contexts; a release empties the table and no more.
-TEST_F(ClientTable, IsSetUpOnceAndReleasedShallowly) {
+// A second initialisation does not count, but resets the connections' contexts. A release only empties the table.
+TEST_F(ClientTable, IsInitialisedOnceAndReleasedWithoutItsConnections) {
   open();
-  forget();
+  clear_records();
   EXPECT_EQ(modem_api_init(), 0);
   EXPECT_EQ(vs_client_info.client_handle, nullptr);
   expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_ALREADY_INITIALIZED);
@@ -115,7 +115,7 @@ TEST_F(ClientTable, NotifiesOfServicesThatComeAndGo) {
   open(MODEM_API_CLIENT_SAR);
   int32_t silent;
   EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &silent), 0);
-  forget();
+  clear_records();
   for (uint32_t status = 0; status < 9; ++status) {
     for (const modem_api_client_type type : {0, 1, 2}) modem_api_operational_status_cb(type, status);
   }

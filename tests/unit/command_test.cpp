@@ -1,5 +1,5 @@
-// The synchronous commands: what the modem receives and through which connection, what is refused, and what the caller
-// receives.
+// The synchronous commands: the requests and their connections, the refused arguments, and the values that the caller
+// gets.
 #include "golden_log.h"
 #include "nas_client.h"
 #include "nas_messages.h"
@@ -17,14 +17,14 @@ using namespace scripted;
 struct CommandRow {
   modem_api_client_type type;
   uint16_t msg_id;
-  std::string wire;  // the request in hexadecimal; also empty if the codec refuses it
+  std::string wire;  // the request in hexadecimal; empty if it has no TLVs or the codec refuses it
   std::string name;
   std::function<int32_t(int32_t client_id)> call;
 };
 
 constexpr uint32_t kWord = 0xA4A3A2A1;
 
-// What commands are called with.
+// The arguments of commands.
 struct Arguments {
   const char* path;
   uint8_t* data;
@@ -39,7 +39,7 @@ modem_api_stats_registration registrations[150];
 stats_para_data parameters[2];  // one entry, ten entries
 uint32_t stats_client = kWord;
 
-// What commands store.
+// The values that commands store.
 struct Outputs {
   uint16_t intra_pci[8], inter_earfcn[3], inter_pci[24];
   uint8_t flag1, flag2;
@@ -104,7 +104,7 @@ constexpr auto kNas1 = MODEM_API_CLIENT_NAS_1;
 // The name of a command, and a call of it.
 #define CALL(name, ...) "modem_api_" #name, [=](int32_t id) { return modem_api_##name(id __VA_OPT__(, ) __VA_ARGS__); }
 
-// What goes out of registrations[i]: of more than 5 parameters the first 5.
+// What is sent of registrations[i]: at most the first 5 parameters.
 std::string registration(uint32_t i) {
   const auto parameter = [i](uint32_t k) { return hex(16 * i + k); };
   return hex(0xE0000000 + i) + counted(std::min<uint8_t>(i % 10, 5), parameter) + hex(static_cast<uint8_t>(i + 1)) +
@@ -157,12 +157,12 @@ std::vector<CommandRow> command_rows() {
       {kVs, 0x0109, word, CALL(read_rfnv, kWord, item.data, item.length)},
       {kVs, 0x010A, word + tlv(2, data_256), CALL(write_rfnv, kWord, item.data, item.size)},
       {kVs, 0x010B, word, CALL(delete_rfnv, kWord)},
-      // In any other mode than 0 the arguments do not go out.
+      // In other modes than 0 the arguments are not sent.
       {kVs, 0x010C, "010100 00 020400 A1A2A3A4 030200 C1C2", CALL(efs_sync, 0, kWord, 0xC2C1)},
       {kVs, 0x010C, "010100 FF 020400 00000000 030200 0000", CALL(efs_sync, -1, kWord, 0xC2C1)},
       {kVs, 0x0200, "010100 00 100400 A1A2A3A4", CALL(set_modem_stats_report_status, 0, &stats_client)},
       {kVs, 0x0200, "010100 FF", CALL(set_modem_stats_report_status, 0xFF, &stats_client)},
-      // An option goes out only beside a valid byte that is not zero; of more than 100 records the first 100 go out.
+      // An option is sent only if its valid byte is not zero, and at most the first 100 records are sent.
       {kVs, 0x0201, word + tlv(2, counted(12, registration)) + "100200 CDAB",
        CALL(register_modem_stats_data, kWord, 0xFF, 0xABCD, 0, 0x1234, registrations, 12)},
       {kVs, 0x0201, word + tlv(2, counted(100, registration)) + "110200 3412",
@@ -212,7 +212,7 @@ class Commands : public LibraryTest {
   }
 };
 
-TEST_F(Commands, ReachTheModemThroughTheirConnections) {
+TEST_F(Commands, AreSentThroughTheirConnections) {
   namespace codec = pelmar::qmi;
   const std::pair<qmi_client_type, qmi_idl_service_object_type> services[] = {
       {vs_client_info.client_handle, vs_get_service_object_internal_v01(1, 2, 6)},
@@ -221,7 +221,7 @@ TEST_F(Commands, ReachTheModemThroughTheirConnections) {
       {nas_1_client_info.client_handle, nas_get_service_object_internal_v01(1, 388, 6)}};
   for (const CommandRow& row : command_rows()) {
     SCOPED_TRACE(row.name);
-    forget();
+    clear_records();
     row.call(static_cast<int32_t>(row.type));
     const auto& [connection, service] = services[row.type];
     codec::MessageSize response = {};
@@ -293,7 +293,7 @@ TEST_F(CommandLog, OfRefusedArguments) {
   EXPECT_TRUE(calls().empty());
 }
 
-// One command stands for all that share the check.
+// All commands share the check, so the test uses one of each kind.
 TEST_F(Commands, NeedAClientWhoseServiceIsUp) {
   const auto asynchronous = [](int32_t id) {
     return modem_api_common_command_async(id, nullptr, 0, nullptr, [](const uint8_t*, uint32_t, void*, uint32_t) {});
@@ -308,10 +308,10 @@ TEST_F(Commands, NeedAClientWhoseServiceIsUp) {
   EXPECT_THAT(call_names(), ElementsAre("send_msg_async", "send_msg_sync", "send_msg_sync"));
 }
 
-// Subscriptions alone send nothing.
-TEST_F(Commands, ReportTheEventsThatAreSubscribed) {
+// A subscription alone sends nothing.
+TEST_F(Commands, RequestReportsOfTheSubscribedEvents) {
   for (uint8_t subscribed = 0; subscribed < 8; ++subscribed) {
-    forget();
+    clear_records();
     for (int event = 3; event <= 5; ++event) {
       const bool wanted = (subscribed >> (event - 3) & 1) != 0;
       wanted ? modem_api_add_modem_event(0, event) : modem_api_remove_modem_event(0, event);
@@ -337,12 +337,12 @@ TEST_F(CommandLog, OfSubscriptions) {
 
 // --- what the modem responds ---
 
-TEST_F(Commands, ReadWhatFits) {
+TEST_F(Commands, ReadOnlyWhatFits) {
   const std::tuple<const char*, uint32_t, uint32_t, int32_t> reads[] = {
       {"8:00", 0, 0, 0},
       {"9:01", 256, 256, 0},
       {"9:01", 256, 255, 3},
-      {"8:2C01", 300, 300, 0},  // the stated length counts, also where a response cannot hold it
+      {"8:2C01", 300, 300, 0},  // the response's length is used even if a response cannot hold so much
       {"8:FFFFFFFF", UINT32_MAX, 512, 3},
       {"0:01 4:32 8:03", 3, 256, 1}};
   for (const auto& [content, size, capacity, result] : reads) {
@@ -421,7 +421,7 @@ TEST_F(CommandLog, OfTheDrxThatIsReturnedWhateverTheOutcome) {
   }
 }
 
-// The result word alone decides the result; the fields are copied whatever it is.
+// Only the result word decides the result; the fields are copied in any case.
 TEST_F(CommandLog, OfTheCellInfoThatIsReturned) {
   const std::tuple<int, uint32_t, int32_t> outcomes[] = {{0, 0, 0}, {0, 0x10000, 1}, {-3, 0, 0}};
   for (const auto& [code, word, result] : outcomes) {

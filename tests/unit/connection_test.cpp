@@ -1,5 +1,5 @@
-// The four service connections: attempts, exchanges, indications that bring no event; how a connection is lost and
-// comes back by itself, and the release that ends it at any moment.
+// The four service connections: attempts, exchanges, indications without an event, the loss of a connection and its
+// reconnection, and a release at any moment.
 #include <cerrno>
 #include <future>
 #include <thread>
@@ -31,7 +31,7 @@ struct Connection {
   decltype(&vs_client_send_msg_async) send_async;
   qmi_client_error_cb service_down;
 
-  // Of those that come back by themselves; null for the VS connection.
+  // For the connections that reconnect by themselves; null for the VS connection.
   qmi_client_type* notifier = nullptr;
   bool (*attempt)() = nullptr;
   void* (*release_thread)(void*) = nullptr;
@@ -56,7 +56,7 @@ void PrintTo(const Connection& connection, std::ostream* out) {
   *out << connection.name;
 }
 
-// What was reported, and what to do about it. Never destroyed: detached threads may outlive main().
+// The reported statuses, and a function that runs at each. Never destroyed: detached threads may outlive main().
 struct Reports {
   std::mutex lock;
   Statuses statuses;
@@ -85,23 +85,23 @@ class ServiceConnection : public LibraryTest, public testing::WithParamInterface
   void start() {
     connection_.init();
     connection_.set_status_callback(on_status);
-    forget();
+    clear_records();
   }
-  // The threads that the library creates from here on are held.
+  // Threads that the library creates after this are held.
   qmi_client_type open() {
     EXPECT_TRUE(connection_.open(on_event));
-    forget();
+    clear_records();
     set_threads(Threads::kHold);
     return connection_.handle;
   }
-  void forget() {
-    LibraryTest::forget();
+  void clear_records() {
+    LibraryTest::clear_records();
     Guard guard(reports.lock);
     reports.statuses.clear();
   }
 
-  // The calls of the connection attempts when so many of them fail; the last gives the handle. Signals interrupt each
-  // sleep and the wait for the rest of it once.
+  // The calls of the connection attempts if so many of them fail and the last returns the handle. Signals interrupt
+  // each sleep and the wait for its rest once.
   std::vector<Call> attempt_calls(int failures, bool interrupted = false) const {
     std::vector<Call> calls;
     const bool is_nas = connection_.type >= MODEM_API_CLIENT_NAS_0;
@@ -125,12 +125,12 @@ TEST_P(ServiceConnection, TriesTenTimesAtMost) {
     SCOPED_TRACE(failures);
     int attempts = 0, waits = 0;
     on_call["init_instance"] = [&](const Call&) { return attempts++ < failures ? QMI_TIMEOUT_ERR : 0; };
-    // Signals that cut the pauses short change nothing: the rest of each is waited for.
+    // A signal that interrupts a pause changes nothing: the rest of the pause follows.
     const bool interrupted = failures >= 9;
     if (interrupted) on_call["sleep"] = [](const Call&) { return errno = EINTR, 0; };
     on_call["clock_nanosleep"] = [&](const Call&) { return ++waits % 2 == 1 ? EINTR : 0; };
-    errno = EINTR;  // from something earlier
-    // A binding that the modem refuses changes nothing, and neither does a registration without response.
+    errno = EINTR;  // left by an earlier call
+    // A refused binding and a registration without response do not change the result.
     on_send = [](const Call& call) {
       return Outcome(call.msg_id == 3 ? -3 : 0, bytes(call.msg_id == 0x0045 ? "01000000 30000000" : ""));
     };
@@ -160,7 +160,7 @@ TEST_P(ServiceConnection, ConnectsAgainOnlyAfterANewStart) {
   EXPECT_TRUE(connection_.open(on_event));
 }
 
-// The end of an asynchronous exchange goes to its callback, and both of its blocks are freed. An indication that is no
+// The callback gets the end of an asynchronous exchange, and both of its blocks are freed. An indication that is no
 // event is dropped.
 TEST_P(ServiceConnection, EndsExchangesAndDropsIndications) {
   static std::vector<uint32_t> results;
@@ -199,11 +199,11 @@ TEST_P(ServiceConnection, EndsExchangesAndDropsIndications) {
   start();
   connection_.service_object = &service;
   handle = open();
-  // Without a size, with bytes that cannot be decoded, unknown.
+  // An identifier without a size, bytes that cannot be decoded, an identifier that the library does not handle.
   for (const auto& [id, wire] : {std::pair{0x0778U, ""}, {0x0204U, "01 0100 B1"}, {0x0777U, "01 0100 B1"}}) {
     EXPECT_TRUE(indicate(handle, id, bytes(wire)));
   }
-  start();  // what another client of the process does: there is no event callback any more
+  start();  // another client of the process may do this: it removes the event callback
   EXPECT_TRUE(indicate(handle, 0x0601, bytes("01 0100 B1")));
   EXPECT_THAT(events, IsEmpty());
   EXPECT_THAT(live_blocks(), IsEmpty());
@@ -218,8 +218,8 @@ class Reconnect : public ServiceConnection {
   qmi_client_type notifier() const { return *connection_.notifier; }
 };
 
-TEST_P(Reconnect, ReportsWhereItFails) {
-  // A call of the platform that fails when the service comes back (true) or is lost, the statuses, and the open
+TEST_P(Reconnect, ReportsAFailureOfEachStep) {
+  // A call of the platform that fails at the return of the service (true) or at its loss, the statuses, and the open
   // handles.
   const std::tuple<std::string, bool, Statuses, size_t> rows[] = {
       {"pthread_create", false, {4, 0}, 1},     {"notifier_init", false, {4, 5}, 0},
@@ -253,13 +253,13 @@ TEST_P(Reconnect, ReportsWhereItFails) {
   expect_golden_log();
 }
 
-// It comes back by itself. Every call is taken for a loss, whatever handle it names, and also before the thread of an
-// earlier call has run. A notifier that is held is registered again, and not made again.
-TEST_P(Reconnect, TakesEveryCallForALoss) {
+// The connection is restored without a call. Every call of the error callback counts as a loss, with any handle, and
+// also before the thread of an earlier call has run. An existing notifier is registered again, not created again.
+TEST_P(Reconnect, TreatsEveryCallAsALoss) {
   const qmi_client_type lost = open();
   lose_service(lost);
   connection_.service_down(lost, -2, nullptr);
-  EXPECT_TRUE(is_open(lost)) << "the callback's thread is not held up";
+  EXPECT_TRUE(is_open(lost)) << "the callback's thread does not wait";
   run_held();
   EXPECT_EQ(connection_.connected, 0);
   EXPECT_EQ(connection_.send(1, nullptr, 0, nullptr, 0), QMI_CLIENT_INVALID_CLNT);
@@ -272,13 +272,13 @@ TEST_P(Reconnect, TakesEveryCallForALoss) {
   EXPECT_EQ(statuses(), (Statuses{4, 4, 5, 5, 4, 5, 5}));
   const Call registration = {.name = "register_notify_cb", .handle = notifier};
   EXPECT_THAT(calls(), ElementsAre(registration, registration));
-  // A loss and a further announcement while the thread that connects is started: it connects, once.
+  // A loss and a second announcement before the connecting thread runs: it connects once.
   announce_service(notifier);
   connection_.service_down(nullptr, -2, nullptr);
   announce_service(notifier);
   EXPECT_EQ(held_threads(), 2U);
-  forget();
-  for (const uint32_t first : {3, 4}) {  // first a loss of the connection that has just come back
+  clear_records();
+  for (const uint32_t first : {3, 4}) {  // the first round has a loss of the connection that was just restored
     run_held();
     clear_calls();
     const qmi_client_type again = this->notifier();
@@ -290,19 +290,19 @@ TEST_P(Reconnect, TakesEveryCallForALoss) {
     auto expected_calls = attempt_calls(0);
     expected_calls.insert(expected_calls.begin(), {.name = "release", .handle = again});
     EXPECT_EQ(calls(), expected_calls);
-    forget();
+    clear_records();
     connection_.service_down(lost, -2, nullptr);
   }
-  // A released client has nothing to lose.
+  // A loss after the release has no effect.
   connection_.release();
   run_held();
-  forget();
+  clear_records();
   connection_.service_down(lost, -2, nullptr);
   EXPECT_THAT(statuses(), IsEmpty());
   EXPECT_EQ(held_threads(), 0U);
 }
 
-TEST_P(Reconnect, TakesALossDuringTheConnectionAfterIt) {
+TEST_P(Reconnect, HandlesALossWhileItConnects) {
   int losses = 2;
   on_call["register_notify_cb"] = [](const Call& call) { return announce_service(call.handle) ? 0 : -1; };
   on_call["register_error_cb"] = [&](const Call& call) {
@@ -316,9 +316,9 @@ TEST_P(Reconnect, TakesALossDuringTheConnectionAfterIt) {
   EXPECT_EQ(open_handles(), 1U);
 }
 
-// A notifier that a release dropped may connect a client that is about to be opened; a released one ignores it. What a
-// release left to do does not touch the next connection.
-TEST_P(Reconnect, HoldsOneConnectionAfterALateAnnouncement) {
+// A notifier that a release dropped may connect a client that is initialised but not open; a released client ignores
+// it. The thread that an earlier loss started does not change the next connection.
+TEST_P(Reconnect, HasOneConnectionAfterALateAnnouncement) {
   lose_service(open());
   run_held();
   const qmi_client_type dropped = notifier();
@@ -342,15 +342,16 @@ TEST_P(Reconnect, HoldsOneConnectionAfterALateAnnouncement) {
   EXPECT_EQ(statuses(), Statuses{});
 }
 
-// A release ends a reconnection wherever it is, and what that had made. No status follows its own.
-TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
-  // A status that is reported or a call of the platform, the statuses, and the open handles: a notifier is dropped.
+// A release ends a reconnection at any step and releases its handles. No status follows that of the release.
+TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
+  // The moment of the release (a status or a call of the platform), the statuses, and the open handles: a dropped
+  // notifier remains open.
   const std::tuple<std::string, Statuses, size_t> rows[] = {
       {"4", {4, 0}, 0},           {"release", {4, 0}, 0},       {"5", {4, 5, 0}, 0},      {"6", {4, 5, 6, 0}, 1},
       {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0}, {"3", {4, 5, 6, 3, 0}, 0}};
   for (const auto& [release_at, wanted, left_open] : rows) {
     for (const bool by_other_thread : {false, true}) {
-      // The thread that releases a handle is not the user's.
+      // The user's code does not run on the thread that releases a handle.
       if (release_at == "release" && !by_other_thread) continue;
       SCOPED_TRACE(testing::Message() << release_at << by_other_thread);
       start();
@@ -358,21 +359,21 @@ TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
       const qmi_client_type lost = open();
       std::future<void> other;
       bool released = false;
-      const auto come_to = [&](const std::string& moment) {
+      const auto release_at_moment = [&](const std::string& moment) {
         if (moment != release_at || std::exchange(released, true)) return 0;
         if (!by_other_thread) return connection_.release() ? 0 : -1;
         set_threads(Threads::kRun);
         other = std::async(std::launch::async, [&] { connection_.release(); });
         set_threads(Threads::kHold);
         while (!logged("D " + connection_.name + "_release: function entry ------------->")) std::this_thread::yield();
-        other.wait_for(std::chrono::milliseconds(150));  // time to get where it ends, or waits for this thread
+        other.wait_for(std::chrono::milliseconds(150));  // time to end or to wait for this thread
         return 0;
       };
-      reports.react = [&](uint32_t status) { come_to(std::to_string(status)); };
-      on_call["release"] = on_call["sleep"] = [&](const Call& call) { return come_to(call.name); };
+      reports.react = [&](uint32_t status) { release_at_moment(std::to_string(status)); };
+      on_call["release"] = on_call["sleep"] = [&](const Call& call) { return release_at_moment(call.name); };
       on_call["init_instance"] = [&](const Call&) {
         EXPECT_FALSE(released) << "no attempt follows the release";
-        come_to("connect");
+        release_at_moment("connect");
         return release_at == "sleep" ? QMI_TIMEOUT_ERR : 0;
       };
       lose_service(lost);
@@ -390,7 +391,7 @@ TEST_P(Reconnect, EndsAReconnectionAtAnyMoment) {
   }
 }
 
-TEST_P(Reconnect, LeavesAnOpeningWithoutAConnection) {
+TEST_P(Reconnect, ReleaseDuringAnAttemptLeavesNoConnection) {
   for (const int outcome : {0, int{QMI_TIMEOUT_ERR}}) {
     on_call["init_instance"] = [&](const Call&) {
       connection_.release();

@@ -1,26 +1,25 @@
-// The golden log: tests call every exported function, with success and into each of its refusals, and what the library
-// writes is compared line by line with a file in golden/. A line stands there with its level, source file and function;
-// line numbers, addresses and process ids are left out. The lines of entry and exit show who calls whom, and with which
-// result.
+// The golden log: tests call every exported function, with success and with each refusal, and compare the library's log
+// line by line with a file in golden/. A line has its level, source file and function; line numbers, addresses and
+// process ids are replaced. The lines of entry and exit show the calls between functions and their results.
 //
-// After an intended change of a text: PELMAR_GOLDEN=update ./test -R unit, then review the difference.
+// After an intended change of a text, run PELMAR_GOLDEN=update ./test -R unit and review the difference.
 #pragma once
 
 #include "library_test.h"
 
 namespace scripted {
 
-// Compares all that was logged since reset_golden_log() with golden/SUITE.TEST.log: all lines, or those with one of the
+// Compares the lines since reset_golden_log() with golden/SUITE.TEST.log: all of them, or those that contain one of the
 // words.
 void expect_golden_log(const Lines& words = {});
 
-// A test whose whole log is golden. It starts past the lines that only the first log line of a process brings.
+// A test whose whole log is compared, without the lines that the library writes once per process.
 template <typename Base>
 class Golden : public Base {
  protected:
   Golden() {
     properties["persist.vendor.radio.adb_log_shell"] = "0";
-    settle_log();
+    skip_one_time_lines();
     reset_golden_log();
   }
   void TearDown() override {

@@ -13,7 +13,7 @@ using namespace scripted;
 
 constexpr char kTrace[] = "persist.hydra.mem_trace";
 
-// The dump's text, and its result in front.
+// Returns the dump's text behind its result.
 std::string dump(int32_t size = 4096) {
   std::string buffer(static_cast<size_t>(size) + 1, '#');
   const int32_t result = hydra_mem_trace_dump(buffer.data(), size);
@@ -33,7 +33,7 @@ TEST_P(Untraced, BlocksAreZeroedAndNotListed) {
   auto* const block = static_cast<unsigned char*>(hydra_malloc_adv(1000, "f", 1));
   EXPECT_EQ(Bytes(block, block + 1000), Bytes(1000));
   EXPECT_EQ(logged("D hydra_mem_init: HYDRA_MEM_TRACE_PROP not exist"), GetParam() == nullptr);
-  properties[kTrace] = "true";  // read no more
+  properties[kTrace] = "true";  // no effect: it was read before
   void* const other = hydra_malloc_adv(1, "f", 1);
   EXPECT_EQ(dump(), "1");
   for (void* const each : {static_cast<void*>(block), other}) hydra_free_adv(each, "f", 1);
@@ -45,7 +45,7 @@ class TracedAllocation : public testing::Test {
  protected:
   TracedAllocation() {
     properties[kTrace] = "true";
-    do {  // until one second has all three
+    do {  // until all three blocks have the same second
       time_ = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
       for (size_t i = 0; i < 3; ++i) {
         free_block(i);

@@ -1,5 +1,5 @@
-// Hydra: its client and its statistics client id, the decoders of metrics (which value each fetches, where its fields
-// go, and what a value that is too short leaves), and the transmit power that follows from them.
+// Hydra: its client and its statistics client id, the decoders of metrics (the value that each fetches, the offsets of
+// its fields, and values that are too short), and the transmit power.
 #include "modem_hydra.h"
 
 #include <atomic>
@@ -18,20 +18,20 @@ namespace vs = pelmar::vs;
 
 const Bytes kRefusal = bytes("01000000 34000000");
 
-// The modem responds to the statistics commands with values that a test gives it.
+// The modem responds to the statistics commands with values that a test sets.
 class HydraTest : public LibraryTest {
  protected:
   HydraTest() {
     on_send = [this](const Call& call) {
       if (responses.contains(call.msg_id)) return Outcome{0, responses[call.msg_id]};
-      return call.msg_id == vs::kGetStatsParameter ? give_value(call) : Outcome{};
+      return call.msg_id == vs::kGetStatsParameter ? value_response(call) : Outcome{};
     };
   }
   ~HydraTest() override { on_send = nullptr; }
 
   static void open_hydra() {
     ASSERT_EQ(modem_hydra_api_init(), 1);
-    forget();
+    clear_records();
   }
 
   static std::vector<Bytes> requests() {
@@ -40,10 +40,10 @@ class HydraTest : public LibraryTest {
     return requests;
   }
   std::map<std::pair<uint32_t, uint32_t>, Bytes> values;  // by subscription and statistics identifier
-  std::function<void(Bytes& response)> on_fetch;          // may change what it gives; may be empty
-  std::map<unsigned, Bytes> responses;                    // to other messages; success where none
+  std::function<void(Bytes& response)> on_fetch;          // may change the response; may be empty
+  std::map<unsigned, Bytes> responses;                    // to other messages; a success if there is none
 
-  Outcome give_value(const Call& call) const {
+  Outcome value_response(const Call& call) const {
     Bytes response(sizeof(vs::GetStatsParameterResponse));
     uint16_t sub = 0;
     uint32_t id = 0;
@@ -71,11 +71,11 @@ class HydraClient : public Golden<HydraTest> {
   }
 };
 
-TEST_F(HydraClient, OpensForTheGivenCallbacksOrItsOwnAndDropsEveryOtherClient) {
+TEST_F(HydraClient, OpensWithGivenOrDefaultCallbacksAndRemovesOtherClients) {
   ASSERT_EQ(modem_hydra_api_init(), 1);
   const int32_t nas = open(MODEM_API_CLIENT_NAS_0);
   indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
-  forget();
+  clear_records();
   ASSERT_EQ(modem_hydra_api_init_ex(on_event, on_notice), 1);
   EXPECT_EQ(modem_api_set_avoid_trm(nas, 0, 1), MODEM_API_ERR_INVALID_CLIENT);
   indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
@@ -85,8 +85,9 @@ TEST_F(HydraClient, OpensForTheGivenCallbacksOrItsOwnAndDropsEveryOtherClient) {
   EXPECT_EQ(modem_hydra_api_init(), 0);
 }
 
-// Closed, hydra does nothing, which is no error to its callers; then the modem grants everything, then nothing.
-TEST_F(HydraClient, PassesStatisticsCommandsOn) {
+// While it is closed, hydra does nothing and returns no error. Then the modem accepts every command, then refuses every
+// one.
+TEST_F(HydraClient, ForwardsStatisticsCommands) {
   const modem_api_stats_registration record = {};
   const uint32_t id = 0x52;
   stats_para_data data = {};
@@ -108,7 +109,7 @@ TEST_F(HydraClient, PassesStatisticsCommandsOn) {
   use();  // without an id
   grant("0C");
   modem_hydra_stats_id_alloc();
-  forget();
+  clear_records();
   responses[vs::kGetFeatureStatus] = structure(12, "8:01");
   use();
   const std::vector<Bytes> sent = {bytes("02000000"),
@@ -130,10 +131,10 @@ TEST_F(HydraClient, PassesStatisticsCommandsOn) {
 TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
   const Bytes events_on = bytes("01 01 01 00"), events_off = bytes("01 00 01 00");
   const Bytes on = bytes("01 00 0000 00000000"), off_3 = bytes("00 01 0000 03000000");
-  // What changes before the id is allocated (true) or freed, and what is sent.
+  // A change, whether the id is then allocated (true) or freed, and the requests.
   const std::tuple<std::function<void()>, bool, std::vector<Bytes>> steps[] = {
       {[&] { grant("0C"); }, true, {events_on, on}},
-      // The held id goes back first.
+      // The id that hydra has is freed first.
       {[&] { grant("03"); }, true, {events_off, bytes("00 01 0000 0C000000"), events_on, on}},
       {[&] { responses[vs::kSetStatsReportStatus] = kRefusal; }, true, {events_off, off_3, events_on, on}},
       // Event 4 is off although event 3 is on, then both are off.
@@ -146,7 +147,7 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
   open_hydra();
   for (const auto& [change, allocates, sent] : steps) {
     change();
-    forget();
+    clear_records();
     allocates ? static_cast<void>(modem_hydra_stats_id_alloc()) : modem_hydra_stats_id_free();
     EXPECT_EQ(requests(), sent);
   }
@@ -202,7 +203,7 @@ const Metric kMetrics[] = {
 // clang-format on
 
 // A value that ends within a field leaves the fields before it.
-TEST_F(HydraTest, FillWhatTheValueHas) {
+TEST_F(HydraTest, DecodersFillTheFieldsThatTheValueHas) {
   const std::string done = "D function exit, ret = 1 <-------------";
   open_hydra();
   for (const Metric& metric : kMetrics) {
@@ -214,7 +215,7 @@ TEST_F(HydraTest, FillWhatTheValueHas) {
         SCOPED_TRACE(metric.logged_as + " from " + std::to_string(value_bytes) + " bytes");
         values[{id % 2, id}] = {whole.begin(), whole.begin() + static_cast<ptrdiff_t>(value_bytes)};
         Bytes record(metric.record_size, 0xEE);
-        forget();
+        clear_records();
         EXPECT_EQ(decoder(id % 2, record.data()), end == done);
         EXPECT_EQ(record, expected);
         EXPECT_EQ(lines_of(metric.logged_as)[1], end);
@@ -238,7 +239,7 @@ TEST_F(HydraTest, FillWhatTheValueHas) {
   }
 }
 
-// What is below the decoders is in the golden logs of the commands.
+// The golden logs of the commands have the calls below the decoders.
 TEST_F(HydraClient, LogsWhatItFetchesAndDecodes) {
   words_ = {"hydra_mgr_fetch", "hydra_mgr_metrics"};
   constexpr uint32_t kId = 0x64;
@@ -249,7 +250,7 @@ TEST_F(HydraClient, LogsWhatItFetchesAndDecodes) {
   read(1);
   on_call["init_instance"] = nullptr;
   read(0);  // there is no value
-  read(2);  // there is no such subscription; takes no number
+  read(2);  // there is no such subscription
   const auto read_changed = [&](const char* change) {
     on_fetch = [&](Bytes& response) { write_fields(response, change); };
     read(1);
@@ -268,8 +269,8 @@ TEST_F(HydraClient, LogsWhatItFetchesAndDecodes) {
   }
 }
 
-// Opening hydra for a first reading must not wait for a callback that waits for its turn to read.
-TEST_F(HydraTest, OpenHydraBesideACallbackThatReads) {
+// A first reading that opens hydra must not wait for a callback that waits to read.
+TEST_F(HydraTest, OpensWhileACallbackReads) {
   values[{1, 0x64}] = Bytes(8);
   static std::thread first_reader;
   static std::atomic<int> readings{0};
@@ -293,7 +294,7 @@ constexpr uint32_t kModeId = 0x2c;
 constexpr uint32_t kLteId = 0x62;
 constexpr uint32_t kNrId = 0x5a;
 
-// All decoders share the lock and the value that was fetched.
+// All decoders share the lock and the fetched value.
 TEST_F(HydraTest, ThreadsFetchOneByOne) {
   open_hydra();
   pelmar_hal_close_print();
@@ -332,7 +333,7 @@ class TxPower : public Golden<HydraTest> {
   static constexpr int32_t kNone = 65535;
 };
 
-// Of NR it is cut towards zero and bounded.
+// The power of NR is rounded towards zero; one outside the range of int32_t counts as none.
 TEST_F(TxPower, FollowsTheModeOfTheFirstStack) {
   const std::tuple<const char*, float, int32_t> cases[] = {
       {"01 0C000000", -3.7F, -3},
@@ -356,7 +357,7 @@ TEST_F(TxPower, FollowsTheModeOfTheFirstStack) {
   }
 }
 
-TEST_F(TxPower, OfTheDefaultDataSubscriptionOrTheHigherOne) {
+TEST_F(TxPower, IsReadForTheDefaultDataSubscriptionAndAsTheMaximum) {
   for (const auto& [power0, power1] :
        {std::pair{kNone, -5}, {-5, kNone}, {kNone, kNone}, {10, 10}, {-20, -5}, {3, -5}, {-5, 3}}) {
     set_lte(0, power0);

@@ -1,5 +1,5 @@
-// What the tests share: structures written down field by field, what clients' callbacks received, and a library that is
-// set up and traces its blocks.
+// What the tests share: structures written field by field, a record of the clients' callbacks, and a library that is
+// initialised and traces its blocks.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// Bytes in hexadecimal, grouped by spaces at will.
+// Bytes from hexadecimal digits; spaces are ignored.
 inline Bytes bytes(std::string hex) {
   Bytes result;
   std::erase(hex, ' ');
@@ -35,7 +35,7 @@ void put(Bytes& structure, size_t offset, Integer value) {
   std::memcpy(&structure[offset], &value, sizeof(value));
 }
 
-// Writes what is given as "offset:hexadecimal bytes", separated by spaces.
+// Writes fields, which are given as "offset:hexadecimal bytes" and separated by spaces.
 inline void write_fields(Bytes& structure, const std::string& content) {
   std::istringstream fields(content);
   for (std::string field; fields >> field;) {
@@ -44,7 +44,7 @@ inline void write_fields(Bytes& structure, const std::string& content) {
   }
 }
 
-// A structure in memory, zero but for its fields.
+// A structure with these fields; the other bytes are zero.
 inline Bytes structure(size_t size, const std::string& content) {
   Bytes result(size);
   write_fields(result, content);
@@ -62,7 +62,7 @@ inline void PrintTo(const Call& call, std::ostream* out) {
        << testing::PrintToString(call.request) << ", response of " << call.response_length;
 }
 
-// A block of the traced allocator that is alive.
+// A live block of the traced allocator.
 struct Block {
   void* address;
   size_t size;
@@ -81,13 +81,13 @@ inline std::vector<Block> live_blocks() {
   return blocks;
 }
 
-// The record that an asynchronous exchange passes to its end, which frees it.
+// The record of an asynchronous exchange, which the end of the exchange frees.
 inline void* callback_record(modem_api_response_cb callback, void* user_data) {
   void* const fields[] = {reinterpret_cast<void*>(callback), user_data};
   return std::memcpy(hydra_malloc_adv(sizeof(fields), __func__, __LINE__), fields, sizeof(fields));
 }
 
-// What the callbacks of clients received, in order.
+// The arguments of the clients' callbacks, in order.
 using Notices = std::vector<std::pair<uint32_t, uint32_t>>;
 inline Notices notices;
 
@@ -105,15 +105,15 @@ inline void on_event(uint32_t id, const uint8_t* payload, uint32_t length) {
   events.push_back({id, {payload, payload + length}});
 }
 
-// Past the lines that only the first log line of a process brings.
-inline void settle_log() {
+// Makes the library write the lines that it writes once per process, and clears the log.
+inline void skip_one_time_lines() {
   pelmar_get_current_pid_name();
   pelmar_check_sub_id(0);
   pelmar_utils_get_prop_print_flag();
   clear_log();
 }
 
-// What one function logged, as "D body" and "E body", without the usual lines of entry and exit.
+// The lines of one function as "D body" and "E body", without those of entry and exit.
 inline Lines lines_of(const std::string& function) {
   Lines lines;
   for (const std::string& line : log_bodies()) {
@@ -132,8 +132,8 @@ class LibraryTest : public testing::Test {
     properties["persist.hydra.mem_trace"] = "true";
     properties["persist.vendor.radio.adb_log_shell"] = "0";
     EXPECT_EQ(modem_api_init(), MODEM_API_SUCCESS);
-    settle_log();
-    forget();
+    skip_one_time_lines();
+    clear_records();
     reset_golden_log();
   }
 
@@ -148,11 +148,11 @@ class LibraryTest : public testing::Test {
     for (modem_api_client_type type = 0; type < MODEM_API_CLIENT_TYPES; ++type) {
       EXPECT_EQ(open(type), static_cast<int32_t>(type));
     }
-    forget();
+    clear_records();
   }
 
-  // Leaves on record only what comes from here on.
-  static void forget() {
+  // Clears the records of the log, calls, notices and events.
+  static void clear_records() {
     clear_log();
     clear_calls();
     notices.clear();

@@ -1,4 +1,4 @@
-// Runs the tests under a name that the library serves: the process starts itself again as "mtb".
+// Runs the tests under a name that the library serves: the process executes itself again as "mtb".
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// Operations for which there is no memory. Sanitizers own malloc: their builds leave these tests out.
+// Operations without enough memory. Sanitizers replace malloc, so their builds omit these tests.
 #include <atomic>
 
 #include "golden_log.h"
@@ -35,7 +35,7 @@ auto without_block_of(size_t size, const Operation& operation) {
 
 class Memory : public LibraryTest {};
 
-TEST_F(Memory, MayLackForEveryBlock) {
+TEST_F(Memory, EveryFailedAllocationIsReported) {
   for (const modem_api_client_type type : {0, 1, 4}) {
     const auto init = [&] { return modem_api_init_client(type, on_event, on_notice, nullptr); };
     EXPECT_EQ(without_block_of(40, init), MODEM_API_ERR_NO_MEMORY);
@@ -47,7 +47,7 @@ TEST_F(Memory, MayLackForEveryBlock) {
     return modem_api_common_command_async(0, nullptr, 0, nullptr, on_response);
   };
   open();
-  forget();
+  clear_records();
   for (const size_t size : {524, 16}) EXPECT_EQ(without_block_of(size, send), MODEM_API_ERR_NO_MEMORY);
   EXPECT_THAT(calls(), IsEmpty());
   EXPECT_THAT(results, IsEmpty());
@@ -63,7 +63,7 @@ TEST_F(Memory, MayLackForEveryBlock) {
     EXPECT_THAT(live_blocks(), SizeIs(1));
   }
 
-  sar_client_info.service_object = vs_client_info.service_object;  // whose indications have a size
+  sar_client_info.service_object = vs_client_info.service_object;  // its indications have a size
   open(MODEM_API_CLIENT_SAR);
   for (const qmi_client_type handle : {vs_client_info.client_handle, sar_client_info.client_handle}) {
     const auto indication = [=] { return indicate(handle, 0x0203, bytes("01 0400 A1A2A3A4 02 0100 00")); };

@@ -9,7 +9,7 @@ using namespace scripted;
 
 using PeripheralManager = Golden<testing::Test>;
 
-TEST_F(PeripheralManager, VotesAndTakesTheVoteBack) {
+TEST_F(PeripheralManager, VotesAndReleasesTheVote) {
   EXPECT_TRUE(is_zero(modem_api_peripheral_mng_conn_info) && is_zero(esoc_info));
   const auto vote_and_release = [](int outcome) {
     EXPECT_EQ(modem_api_peripheral_mng_vote(), outcome);

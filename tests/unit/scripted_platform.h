@@ -1,8 +1,9 @@
-// A platform under the library that does what a test sets and records what the library calls.
+// A platform for the library that behaves as a test sets and records the library's calls.
 //
 // The test executable defines the platform's operations (qmi_client_*, property_*, pm_client_*, vsyslog, sleep) and
 // exports them, so that libpelmar_modemapi.so finds them at load time. Nothing sleeps. The codec behind message
-// decoding and the service objects are the real ones. Recording is guarded: the library may call from any thread.
+// decoding and the service objects are the real ones. A mutex guards the records, because the library may call from any
+// thread.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +23,7 @@ using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 using Guard = std::unique_lock<std::mutex>;
 
-// Turns into an object of any type that is never destroyed: detached threads of the library may outlive main().
+// Converts to an object of any type that is never destroyed: detached threads of the library may outlive main().
 inline constexpr struct {
   template <typename T>
   operator T&() const {
@@ -34,7 +35,7 @@ inline constexpr struct {
 
 // One call of the QMI framework, of the peripheral manager, or of a sleep.
 struct Call {
-  std::string name;  // without "qmi_client_" and "pm_client_"; behind one of the latter are its arguments
+  std::string name;  // without "qmi_client_" and "pm_client_"; the arguments of the latter follow
   qmi_client_type handle = nullptr;
   unsigned msg_id = 0;  // of init_instance: the instance
   Bytes request = {};
@@ -54,14 +55,14 @@ struct Outcome {
   Bytes response;  // the beginning of the structure; the rest is zero
 };
 
-// What runs in a call and decides its outcome, by name; a call without a script succeeds. A registered callback can
-// be called from the script of its registration.
+// Scripts by the name of the call. A script runs in the call and returns its outcome; a call without a script succeeds.
+// The script of a registration may call the registered callback.
 using Script = std::function<Outcome(const Call&)>;
 extern std::map<std::string, Script>& on_call;
 extern Script& on_send;  // the script of send_msg_sync
 Script returns(int code);
 
-// How the platform's operations record a call and run its script.
+// Records a call and runs its script. The platform's operations use it.
 Outcome play(const Call& call);
 
 // --- system log ---
@@ -75,8 +76,8 @@ std::vector<LogLine> log_lines(bool since_reset = false);
 void clear_log();
 void reset_golden_log();
 
-// Each line behind its level and function, such as "E vs_client_init: body", with process, file and line left out;
-// lines without prefix as "E|text".
+// Each line with its level and function, such as "E vs_client_init: body", without process, file and line number; lines
+// without prefix as "E|text".
 Lines log_bodies();
 bool logged(const std::string& body);
 
@@ -92,7 +93,8 @@ void redirect_opens(const std::string& suffix, const std::string& target);
 // The path of a file in memory with this content.
 std::string file_with(const std::string& content);
 
-// One read() or write(): the number of bytes to let through, at most as many as were requested, or -1 with errno set.
+// Runs in each read() or write(): returns the number of bytes to transfer, at most as many as were requested, or -1
+// with errno set.
 using Transfer = std::function<long(long requested)>;
 extern Transfer on_read;
 extern Transfer on_write;
@@ -102,16 +104,16 @@ extern Transfer on_write;
 // What pthread_create does.
 enum class Threads { kRun, kFail, kHold };
 void set_threads(Threads behaviour);
-// With kHold: how many threads were created and not run; run_held() runs them one by one, each on a real thread that
-// it waits for, also those that are created meanwhile.
+// With kHold: the number of threads that were created and not run. run_held() runs them and those that are created
+// meanwhile, one by one, each on a real thread that it waits for.
 size_t held_threads();
 void run_held();
 
 // --- QMI ---
 
-// The framework is the phone's. A release or a synchronous send inside a callback of the same handle does not return
-// there, which fails the test here. Asynchronous sends that are pending end with their callback and a response of
-// length 0: at a release on the releasing thread with QMI_INTERNAL_ERR, at a loss with QMI_SERVICE_ERR.
+// The framework has the phone's rules. On the phone a release or a synchronous send inside a callback of the same
+// handle does not return; here it fails the test. Asynchronous sends that are pending end with their callback and a
+// response of length 0: at a release on the releasing thread with QMI_INTERNAL_ERR, at a loss with QMI_SERVICE_ERR.
 
 // Fills the decoded structure of an indication (length bytes, zero) in place of the codec; empty: the codec decodes.
 extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)>& on_decode;
@@ -119,12 +121,12 @@ extern std::function<int(unsigned msg_id, uint8_t* structure, unsigned length)>&
 bool is_open(qmi_client_type handle);
 size_t open_handles();
 
-// The framework calling back, on the caller's thread. False: the handle is released or has no such callback. A release
-// waits for the end of the handle's callbacks, but for one that it is called from.
+// These call the handle's callback on the caller's thread. They return false if the handle is released or has no such
+// callback. A release waits for the handle's callbacks, except those that it is called from.
 bool indicate(qmi_client_type handle, unsigned msg_id, const Bytes& wire);
 bool lose_service(qmi_client_type handle);
 bool announce_service(qmi_client_type notifier, qmi_client_notify_event_type event = QMI_CLIENT_SERVICE_COUNT_INC);
-// Ends a handle's oldest asynchronous send with a response structure (its beginning) and a transport code.
+// Ends a handle's oldest asynchronous send with the beginning of a response structure and a transport code.
 void complete_send(qmi_client_type handle, const Bytes& response, int code = 0);
 
 // --- peripheral manager ---

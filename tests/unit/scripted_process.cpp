@@ -1,5 +1,5 @@
-// What the process gives the library: system log, properties, files, sleeps that take no time, threads, and the
-// peripheral manager.
+// The process's part of the scripted platform: system log, properties, files, sleeps that take no time, threads, and
+// the peripheral manager.
 #include <cutils/properties.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -30,8 +30,8 @@ namespace {
 struct Process {
   std::mutex lock;
   std::vector<LogLine> lines;
-  ptrdiff_t cleared = 0;                                // so many of them
-  std::deque<std::pair<void* (*)(void*), void*>> held;  // with their arguments
+  ptrdiff_t cleared = 0;                                // the number of lines before clear_log()
+  std::deque<std::pair<void* (*)(void*), void*>> held;  // the functions and arguments of held threads
 };
 Process& g_process = kNewObject;
 
@@ -44,7 +44,7 @@ const char* opened_path(const char* path) {
   return !g_suffix.empty() && std::string(path).ends_with(g_suffix) ? g_target.c_str() : path;
 }
 
-long let_through(const Transfer& transfer, size_t requested) {
+long transfer_size(const Transfer& transfer, size_t requested) {
   return transfer ? transfer(static_cast<long>(requested)) : static_cast<long>(requested);
 }
 
@@ -106,7 +106,7 @@ size_t held_threads() {
   return g_process.held.size();
 }
 
-// Each on a thread of its own: the library must not count on the caller's.
+// Each on its own thread, because the library must not rely on the caller's.
 void run_held() {
   while (held_threads() > 0) {
     Guard guard(g_process.lock);
@@ -177,16 +177,16 @@ int open(const char* path, int flags, ...) {
 }
 
 ssize_t read(int file, void* buffer, size_t size) {
-  const long allowed = let_through(on_read, size);
+  const long allowed = transfer_size(on_read, size);
   return allowed < 0 ? -1 : syscall(SYS_read, file, buffer, allowed);
 }
 
 ssize_t write(int file, const void* buffer, size_t size) {
-  const long allowed = let_through(on_write, size);
+  const long allowed = transfer_size(on_write, size);
   return allowed < 0 ? -1 : syscall(SYS_write, file, buffer, allowed);
 }
 
-// A sanitizer that is linked statically stands in front of the C library here.
+// A statically linked sanitizer intercepts this function of the C library.
 int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) {

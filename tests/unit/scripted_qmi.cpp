@@ -1,5 +1,5 @@
-// The record of calls, and the QMI framework: handles, sends whose outcomes a test scripts, and callbacks that a test
-// makes. The codec is the real one.
+// The record of calls, and the QMI framework: handles, sends whose outcomes a test sets, and callbacks that a test
+// calls. The codec is the real one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,7 +46,7 @@ int own_callbacks(qmi_client_type handle) {
   return static_cast<int>(std::count(t_calling_back.begin(), t_calling_back.end(), handle));
 }
 
-// The outcome of a call on a handle; a null or released one is refused.
+// Returns the outcome of a call on a handle. A null or released handle is refused.
 Outcome play_on_handle(const Call& call) {
   const bool blocks = call.name != "send_msg_async";
   EXPECT_FALSE(blocks && own_callbacks(call.handle) > 0)

@@ -1,5 +1,5 @@
-// The masks of both sinks, what reaches the system log directly, and the property echo. What a line looks like is in
-// the golden log.
+// The masks of both sinks, the direct lines of the system log, and the property echo. The golden log shows the format
+// of lines.
 #include <algorithm>
 #include <thread>
 
@@ -13,7 +13,7 @@ using namespace scripted;
 constexpr int kError = PELMAR_LOG_LEVEL_ERROR;
 constexpr int kDebug = PELMAR_LOG_LEVEL_DEBUG;
 
-// The name of the process is read for the first line that has no instance.
+// The process name is read for the first line without an instance.
 TEST(LogSite, WritesToBothSinks) {
   testing::internal::CaptureStdout();
   g_pelmar_qcril_ril_process_instance_id = 1;
@@ -26,7 +26,8 @@ TEST(LogSite, WritesToBothSinks) {
   expect_golden_log();
 }
 
-// A value of the masks' properties, the levels that pass, a value of the echo's property, and whether it is on.
+// A value of the masks' properties, the levels that are logged, a value of the echo's property, and whether the echo is
+// on.
 class LogProperties : public testing::TestWithParam<std::tuple<const char*, int, const char*, bool>> {};
 
 TEST_P(LogProperties, AreReadOnce) {
@@ -35,7 +36,7 @@ TEST_P(LogProperties, AreReadOnce) {
     if (property != nullptr) properties[name] = property;
   }
   if (echo != nullptr) properties["persist.vendor.radio.print_prop"] = echo;
-  pelmar_hal_set_logcat_print_mask(0xFFFF);  // narrowed like any other
+  pelmar_hal_set_logcat_print_mask(0xFFFF);  // the property limits this mask like any other
   for (const int level : {kError, kDebug, kError | kDebug}) {
     EXPECT_EQ(pelmar_hal_get_logcat_print_flag(level), (level & ~passing) == 0);
     EXPECT_EQ(pelmar_hal_get_shell_print_flag(level), (level & ~passing) == 0);
@@ -76,12 +77,12 @@ TEST(Masks, LogTheirOwnChanges) {
     pelmar_hal_close_print();  // writes nothing
     EXPECT_FALSE(passes(kError));
   }
-  pelmar_utils_syslog_err("error %d", 1);  // through closed masks
+  pelmar_utils_syslog_err("error %d", 1);  // the masks do not apply
   pelmar_utils_syslog_dbg("debug %s", "2");
   expect_golden_log();
 }
 
-TEST(SystemLog, FormatsWithinTheRoom) {
+TEST(SystemLog, FormatsWithinTheBuffer) {
   char buffer[8];
   EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 0, "%d", 1), 0);
   EXPECT_EQ(pelmar_utils_format_log_msg(nullptr, 8, "%d", 1), 0);
@@ -89,10 +90,11 @@ TEST(SystemLog, FormatsWithinTheRoom) {
   EXPECT_STREQ(buffer, "123");
 }
 
-// For the thread sanitizer above all: everything that is decided by its first caller, by several callers at once.
+// Mainly for the thread sanitizer: several threads make the first calls of functions that decide something at their
+// first call.
 TEST(FirstCalls, MayComeFromSeveralThreads) {
   properties["persist.hydra.mem_trace"] = "true";
-  redirect_opens("/status", file_with("Name:\tmtb\n"));  // the name from either file may be published last
+  redirect_opens("/status", file_with("Name:\tmtb\n"));  // the name from either file may be stored last
   const auto call = [] {
     pelmar_device_name_get();
     EXPECT_STREQ(pelmar_vendor_build_region_get(), "NULL");

@@ -1,4 +1,4 @@
-// The process's own name and id, and the search of the process table.
+// The process's name and id, and the search of the process table.
 #include <unistd.h>
 
 #include "golden_log.h"
@@ -7,17 +7,17 @@ namespace {
 
 using namespace scripted;
 
-// A file that the kernel has of the process, its content ("-": there is no such file), and the name that follows.
+// A file of the process in /proc, its content ("-": there is no such file), and the resulting name.
 using NameCase = std::tuple<const char*, std::string, std::string>;
 
 class ProcessName : public testing::TestWithParam<NameCase> {};
 
-// A name is read once, whether or not that succeeds.
+// A name is read once, even if that fails.
 TEST_P(ProcessName, IsTakenFromTheFirstLine) {
   const auto& [file, content, name] = GetParam();
   properties["persist.vendor.radio.adb_log_shell"] = "0";
   const bool by_status = std::string(file) == "/status";
-  if (by_status) settle_log();
+  if (by_status) skip_one_time_lines();
   redirect_opens(file, content == "-" ? "/nonexistent" : file_with(content));
   const auto read = by_status ? pelmar_get_current_pid_name_ex : pelmar_get_current_pid_name;
   EXPECT_EQ(read(), name);
@@ -36,7 +36,7 @@ INSTANTIATE_TEST_SUITE_P(Files, ProcessName,
 
 using ProcessInfo = Golden<testing::Test>;
 
-TEST_F(ProcessInfo, IsReadAnewExceptForTheOwnRecord) {
+TEST_F(ProcessInfo, IsReadAgainExceptForTheCachedRecord) {
   EXPECT_EQ(pelmar_utils_get_pid_number(), getpid());
   for (const std::string& file :
        {file_with("/scripted/mtb"), file_with("plain"), file_with(""), std::string("/none")}) {
@@ -54,7 +54,7 @@ TEST_F(ProcessInfo, IsReadAnewExceptForTheOwnRecord) {
   pelmar_get_pid_by_name(&pid, nullptr);
 }
 
-TEST(SearchByName, FindsTheEmptyNameAlone) {
+TEST(SearchByName, FindsOnlyTheEmptyName) {
   int32_t pid = -7;
   for (const std::string name : {"mtb", ""}) {
     clear_log();

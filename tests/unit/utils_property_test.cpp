@@ -1,5 +1,5 @@
-// Property access, and what the library derives from properties: traits of the build, lists, the modem's restart type.
-// Results that are not here are in the golden log.
+// Property access, and the values that the library derives from properties: traits of the build, lists, the modem's
+// restart type. The golden log has the other results.
 #include "golden_log.h"
 #include "pelmar_ssr.h"
 
@@ -63,7 +63,7 @@ const Trait kTraits[] = {
 
 class BuildTraits : public Golden<testing::TestWithParam<const char * Trait::*>> {};
 
-// Each keeps the value that it read first, also where several read one property.
+// Each function keeps its first value, even if several functions read one property.
 TEST_P(BuildTraits, AreReadOnce) {
   words_ = {" version, val"};
   for (const Trait& trait : kTraits) {
@@ -78,7 +78,7 @@ TEST_P(BuildTraits, AreReadOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Set, BuildTraits, testing::Values(&Trait::yes, &Trait::no, nullptr));
 
-TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
+TEST_F(Properties, AreCachedReadAgainOrReadOnlyByTheFirstCall) {
   const std::map<std::string, std::string> settings[] = {{{"ro.vendor.radio.manufacturer_id", "5"},
                                                           {"ro.radio.device_type", "2"},
                                                           {"ro.product.device", "lynx"},
@@ -108,7 +108,7 @@ TEST_F(Properties, AreKeptReadAnewOrReadByTheFirstCallAlone) {
                                            "persist.radio.active_call_sub=0"));
 }
 
-// Certification, profile and version, and the type that follows.
+// Certification, profile and version, and the resulting type.
 using Build = std::tuple<std::string, std::string, std::string, int32_t>;
 
 class BuildType : public Golden<testing::TestWithParam<Build>> {};
@@ -121,9 +121,9 @@ TEST_P(BuildType, FollowsCertificationThenProfileThenVersion) {
   EXPECT_EQ(pelmar_is_pre_version(), type == PELMAR_BUILD_TYPE_PRE);
   EXPECT_EQ(pelmar_is_dev_version(), type == PELMAR_BUILD_TYPE_DEV);
   EXPECT_EQ(pelmar_is_stable_version(), type == PELMAR_BUILD_TYPE_STABLE);
-  properties.clear();  // what decides was read
+  properties.clear();  // the properties were read before
   EXPECT_EQ(pelmar_build_type_get(), type);
-  pelmar_is_stable_version();  // kept: the build type is not derived again
+  pelmar_is_stable_version();  // the build type is kept, not derived again
 }
 
 INSTANTIATE_TEST_SUITE_P(Builds, BuildType,
@@ -133,7 +133,7 @@ INSTANTIATE_TEST_SUITE_P(Builds, BuildType,
                                          Build{"NULL", "orbo", "V1", 4}, Build{"NULL", "orbo", "1.DEV", 1},
                                          Build{"NULL", "other", "V1.DEV", 1}));
 
-TEST_F(Properties, MatchListsOfTheirParts) {
+TEST_F(Properties, MatchListsOfSubstrings) {
   properties = {{"ro.product.device", "lynx"}, {"ro.orbo.build.region", "eu"}};
   const char* const parts[] = {"x1", "ly"};
   const char* const empty[] = {""};
@@ -149,7 +149,7 @@ TEST_F(Properties, MatchListsOfTheirParts) {
   pelmar_build_region_list_contain(parts, 2);
 }
 
-// Values compare at the width of the list, with their sign.
+// Values are compared as signed numbers of the list's width.
 template <typename Element, typename Value>
 void search_lists(bool (*contains)(const Element* list, uint32_t count, Value value)) {
   constexpr Value kHighest = Value{1} << (8 * sizeof(Value) - 2);
@@ -159,7 +159,7 @@ void search_lists(bool (*contains)(const Element* list, uint32_t count, Value va
   contains(nullptr, 1, 3);
 }
 
-TEST_F(Properties, MayBeListsOfNumbers) {
+TEST_F(Properties, ListsOfNumbersAreSearched) {
   search_lists(pelmar_int8_list_contain);
   search_lists(pelmar_int16_list_contain);
   search_lists(pelmar_int32_list_contain);
@@ -169,7 +169,7 @@ TEST_F(Properties, MayBeListsOfNumbers) {
   pelmar_build_type_list_contain(types + 2, 1);
 }
 
-TEST_F(Properties, NameSubscriptions) {
+TEST_F(Properties, SubscriptionMasksAndIdsAreChecked) {
   for (int32_t mask = -1; mask <= 4; ++mask) pelmar_check_sub_mask(mask);
   for (const uint32_t id : {0U, 1U, 2U, 0xFFFFFFFFU}) {
     pelmar_check_sub_id(id);
@@ -185,8 +185,8 @@ const std::string kFlag = "persist.vendor.ssr.type_bak_flag";
 
 using RestartType = Golden<testing::Test>;
 
-// The first call saves the level that a later set of type 0 restores: a get the present one, a set the one that it
-// wrote.
+// The first call saves a level, which a later set of type 0 restores. A get saves the current level, a set the one that
+// it wrote.
 TEST_F(RestartType, IsReadFromAndWrittenToProperties) {
   const std::string enable = "ALL_ENABLE", disable = "ALL_DISABLE";
   constexpr int32_t kGet = 100;
@@ -232,7 +232,7 @@ TEST_F(RestartType, NameIsCopiedWithoutTerminatorAndNeverEmpty) {
   pelmar_get_modem_ssr_type_name(nullptr, &length);
 }
 
-TEST_F(RestartType, WaitSleepsAsGivenOrConfigured) {
+TEST_F(RestartType, WaitSleepsForTheGivenOrConfiguredTime) {
   EXPECT_EQ(pelmar_modem_ssr_wait_s(0), 0);
   EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), 5);
   EXPECT_EQ(pelmar_modem_ssr_wait_s(2), 2);

@@ -1,4 +1,4 @@
-// Strings, file copy, threads and the guarded allocation pair. Results that are not here are in the golden log.
+// Strings, file copy, threads, and allocation with its free. The golden log has the other results.
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ using namespace scripted;
 
 using Strings = Golden<testing::Test>;
 
-TEST_F(Strings, ChangeWithinTheirRoom) {
+TEST_F(Strings, AreChangedWithinTheirBuffer) {
   const std::tuple<std::string, uint32_t, std::string> trimmed_texts[] = {{"\t\n\v\f\r a b\r\n ", 16, "a b"},
                                                                           {"abc", 4, "abc"},
                                                                           {"", 16, ""},
@@ -113,7 +113,7 @@ TEST_F(CopyFile, TruncatesTheTargetAndContinuesAfterSignals) {
 
 using ThreadsAndMemory = Golden<testing::Test>;
 
-TEST_F(ThreadsAndMemory, RunDetachedOrFailAndAreFreedOnce) {
+TEST_F(ThreadsAndMemory, ThreadsRunDetachedAndBlocksAreFreedOnce) {
   static std::atomic<bool> ran{false};
   const auto run = [](void*) -> void* { return ran = true, nullptr; };
   pelmar_create_pthread("worker", run, nullptr);

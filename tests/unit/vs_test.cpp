@@ -1,6 +1,6 @@
-// The vendor-specific service: its responses byte for byte, its indications, which become events, how it describes
-// itself, and a connection that does not come back. The tests of the commands have the requests. The compiler asserts
-// the sizes, the order and the number of messages.
+// The vendor-specific service: its responses byte for byte, its indications and their events, its service object, and a
+// connection that is not restored. The tests of the commands check the requests. The compiler asserts the sizes, the
+// order and the number of messages.
 #include <array>
 
 #include "golden_log.h"
@@ -14,7 +14,7 @@ using namespace scripted;
 
 const qmi_idl_service_object_type kService = &vs_qmi_idl_service_object_v01;
 
-// Identifiers of responses, and what they have behind the result: bytes, and fields of the structure.
+// Identifiers of responses, and their content behind the result: bytes, and fields of the structure.
 using Responses = std::tuple<std::vector<uint16_t>, std::string, std::string>;
 
 const std::string kRecords = "1800 02 0102 0304 05060708 0300 D1D2D3 1112131415161718 0000";
@@ -30,7 +30,7 @@ const Responses kResponses[] = {
      ""},
 };
 
-TEST(VsCatalogue, TurnsEveryResponseIntoItsStructure) {
+TEST(VsCatalogue, DecodesEveryResponse) {
   for (const auto& [ids, wire, content] : kResponses) {
     for (const uint16_t id : ids) {
       SCOPED_TRACE(testing::Message() << "message " << std::hex << id);
@@ -46,7 +46,7 @@ TEST(VsCatalogue, TurnsEveryResponseIntoItsStructure) {
   }
 }
 
-TEST(VsCatalogue, DescribesItselfAndIsForOneVersion) {
+TEST(VsCatalogue, DescribesTheServiceAndAcceptsOneVersion) {
   EXPECT_EQ(std::tie(kService->library_version, kService->idl_version, kService->service_id, kService->max_msg_len),
             std::tuple(6U, 1U, 0xE4U, 10672U));
   EXPECT_EQ(kService->idl_minor_version, 2U);
@@ -69,12 +69,12 @@ class VsClient : public LibraryTest {
  protected:
   VsClient() {
     open();
-    forget();
+    clear_records();
     reset_golden_log();
   }
 };
 
-TEST_F(VsClient, StaysAsItIsWhenTheServiceGoes) {
+TEST_F(VsClient, IsUnchangedByALossOfTheService) {
   const qmi_client_type handle = vs_client_info.client_handle;
   EXPECT_TRUE(lose_service(handle));
   EXPECT_TRUE(notices.empty() && calls().empty());
@@ -107,11 +107,11 @@ TEST_F(VsClient, TurnsEveryIndicationIntoItsEvent) {
   expect_golden_log();
 }
 
-// Counts and lengths that no codec lets through are cut to what a payload holds.
+// Counts and lengths that the codec would refuse are limited to the capacity of the payload.
 TEST_F(VsClient, BoundsTheCountsOfDecodedIndications) {
   on_decode = [](unsigned msg_id, uint8_t* decoded, unsigned size) {
     std::memset(decoded, 0xC5, size);
-    if (msg_id == 0x0203) decoded[7128] = 0;  // the second list counts whether or not it is flagged
+    if (msg_id == 0x0203) decoded[7128] = 0;  // the second list counts even if its flag is 0
     return 0;
   };
   indicate(vs_client_info.client_handle, 0x0203, {});

@@ -1,4 +1,4 @@
-// Which processes the library serves.
+// The names of the processes that the library serves.
 #include <unistd.h>
 
 #include "library_test.h"
@@ -10,7 +10,7 @@ using namespace scripted;
 
 class WhiteList : public testing::TestWithParam<const char*> {};
 
-TEST_P(WhiteList, NamesThreeProcesses) {
+TEST_P(WhiteList, ServesThreeProcesses) {
   const std::string name = GetParam();
   redirect_opens("/cmdline", file_with("/vendor/bin/" + name));
   const bool served = name == "qcrilNrd" || name == "mtb" || name == "modem_api_test";

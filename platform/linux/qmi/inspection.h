@@ -1,5 +1,5 @@
-// Shows a program which modem its process uses and what the modem offers, without a connection to a service. The
-// phone's interface has nothing like it.
+// Reports which modem this process uses and which services the modem has, without a connection to a service. The
+// phone's interface has no such function.
 #pragma once
 
 #include <cstdint>
@@ -20,9 +20,9 @@ struct ListedService {
 
 struct ModemReport {
   std::string address;    // as PELMAR_MODEM has it, or the default
-  std::string transport;  // what the address means, such as "QRTR"
-  std::string problem;    // why the modem does not respond and, if that is known, what to do; empty: it responds
-  bool may_come = false;  // with a problem: the modem is absent, and may come
+  std::string transport;  // the transport of the address, such as "QRTR"
+  std::string problem;    // why the modem does not respond and, if known, a remedy; empty: it responds
+  bool may_come = false;  // with a problem: the modem is absent and may appear later
   std::vector<ListedService> services;
 };
 

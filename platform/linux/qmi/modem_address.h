@@ -1,4 +1,4 @@
-// The address of a modem: which way it is reached, and where it is.
+// The address of a modem: the transport, and the place.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@ namespace pelmar::platform {
 
 struct ModemAddress {
   enum class Kind {
-    kQmuxSocket,  // a Unix socket that is spoken to in QMUX; path: its path or abstract @NAME
+    kQmuxSocket,  // a Unix socket that carries QMUX; path: its path or abstract @NAME
     kDevice,      // a character device that is opened; path: its path
     kProxy,       // a device that qmi-proxy opens; path: the device's path
-    kQrtr,        // the services of QRTR; node: where they are, any if there is none
+    kQrtr,        // the services of QRTR; node: their node, or none for any node
   };
 
   Kind kind;
@@ -28,10 +28,12 @@ inline constexpr const char* kModemAddressForms =
 
 bool is_character_device(const std::string& path);
 
-// The address with what its path is now: a modem may come as a socket or as a device after the address was parsed.
+// Returns the address with the current kind of its path: the socket or device may be created after the address was
+// parsed.
 ModemAddress look_at_path(ModemAddress address);
 
-// Nothing for a text that has none of the forms. A path contains a slash. @qmi-proxy is short for proxy:/dev/cdc-wdm0.
+// Returns nothing if the text has none of the forms. A path contains a slash. @qmi-proxy is short for
+// proxy:/dev/cdc-wdm0.
 std::optional<ModemAddress> parse_modem_address(const std::string& text);
 
 }  // namespace pelmar::platform

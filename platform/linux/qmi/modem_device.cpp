@@ -55,13 +55,13 @@ bool speaks_mbim(const std::string& path, const struct stat& device) {
   return driver == "cdc_mbim" || name.find("mbim") != name.npos || read_small_file(entry + "/type") == "MBIM\n";
 }
 
-// Terminals of several file systems, as containers have them, share their numbers.
+// Pseudo-terminals of different file systems, such as those of containers, may have the same device numbers.
 bool is_same(const struct stat& one, const struct stat& other) {
   if (!S_ISCHR(one.st_mode) || one.st_rdev != other.st_rdev) return false;
   return !is_pseudo_terminal(one) || (one.st_dev == other.st_dev && one.st_ino == other.st_ino);
 }
 
-// We look only at descriptors below /dev, because a file on a network may block us.
+// Only descriptors below /dev are examined, because stat() of a file on a network may block.
 bool has_open(const std::string& process, const struct stat& device) {
   const std::string directory = "/proc/" + process + "/fd";
   DIR* const descriptors = ::opendir(directory.c_str());
@@ -80,7 +80,8 @@ bool has_open(const std::string& process, const struct stat& device) {
   return is_found;
 }
 
-// Another process that has the device open, as far as this user may see; empty: none.
+// Returns a description of another process that has the device open, empty if there is none. Processes of other users
+// may be hidden.
 std::string find_other_user(const struct stat& device) {
   std::string found;
   DIR* const processes = ::opendir("/proc");
@@ -112,8 +113,8 @@ std::string describe_failure(const std::string& path, int error, const struct st
   return std::strerror(error);
 }
 
-// Every byte passes unchanged, and the bytes that waited for an earlier user are dropped. A pseudo-terminal would
-// remain exclusive after it is closed.
+// Sets the terminal to pass every byte unchanged, and drops the bytes that an earlier user did not read. A
+// pseudo-terminal is not made exclusive, because it would remain so after it is closed.
 bool prepare_terminal(int terminal, const struct stat& file) {
   termios settings{};
   if (::tcgetattr(terminal, &settings) != 0) return false;
@@ -123,7 +124,7 @@ bool prepare_terminal(int terminal, const struct stat& file) {
   return ::tcsetattr(terminal, TCSANOW, &settings) == 0 && ::tcflush(terminal, TCIFLUSH) == 0;
 }
 
-// Opens the device for this process alone. Without a descriptor, `problem` says why and what to do.
+// Opens the device for this process alone. If that fails, `problem` has the reason and a remedy.
 ProcessFd open_device(const std::string& path, Problem& problem) {
   struct stat file {};
   if (::stat(path.c_str(), &file) != 0) {
@@ -138,8 +139,8 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
     problem = {"it speaks MBIM, not QMI: switch the modem to its QMI mode, or name its QMI device"};
     return {};
   }
-  // The kernel's drivers let several processes open such a device, and each would get a part of the bytes. Of two
-  // programs like this one the lock admits one.
+  // The kernel's drivers let several processes open such a device, and each would get a part of the bytes. The lock
+  // admits only one of the programs that use this platform.
   const std::string user = find_other_user(file);
   ProcessFd device([&path] { return ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); });
   if (!device) {
@@ -193,12 +194,12 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   struct Link {
     ProcessFd socket;
     std::vector<uint8_t> waiting = {};  // bytes that the link's socket does not take yet
-    size_t dropped = 0;                 // frames that were dropped since it took some
+    size_t dropped = 0;                 // frames that were dropped since the socket last took bytes
     bool is_ended = false;
   };
 
-  // The link on whose thread the device is read. Its frames go to `room`, from the first that does not fit on to its
-  // socket.
+  // The link whose thread reads the device. Its frames go to `room` until one does not fit; that one and later ones go
+  // to its socket.
   struct Reader {
     uint64_t link = 0;  // 0: the device's thread reads
     std::span<uint8_t> room = {};
@@ -259,11 +260,11 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
 
 namespace {
 
-// What the thread's poll is for; a link has its number and this.
+// The names of descriptors in the thread's poll. The name of a link is kDevice plus its number.
 constexpr uint64_t kWakeUp = 0;
 constexpr uint64_t kDevice = 1;
 
-// The result of a receive without waiting from a link's socket.
+// Receives from a link's socket without waiting.
 ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received) {
   const ssize_t count = ::recv(socket, room.data(), room.size(), MSG_DONTWAIT);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return ReadStatus::kTimedOut;
@@ -335,7 +336,7 @@ void ModemDevice::run() {
   }
 }
 
-// A frame that the device has in part is written to its end.
+// A frame that is partly written remains, because the device needs its rest.
 void ModemDevice::erase_ended_links() {
   if (std::erase_if(links_, [](const auto& entry) { return entry.second.is_ended; }) == 0) return;
   std::erase_if(unwritten_,
@@ -352,7 +353,7 @@ bool ModemDevice::goes_on(Lock& lock) {
   lock.lock();
   if (!links_.empty() && !is_gone_) return true;
   is_gone_ = true;
-  links_.clear();  // their readers see the end
+  links_.clear();  // their sockets report the end to the readers
   changed_.notify_all();
   changed_.wait(lock, [this] { return reader_.link == 0; });
   registry.devices.erase(path_);
@@ -361,7 +362,7 @@ bool ModemDevice::goes_on(Lock& lock) {
   return false;
 }
 
-// Arms the thread's poll of the device. It is one-shot, because a device that hung up is reported all the time.
+// Arms the thread's poll of the device. The poll is one-shot, because a device that hung up remains ready.
 void ModemDevice::arm() {
   const uint32_t reads = reader_.link == 0 ? uint32_t{EPOLLIN} : 0;
   const uint32_t writes = unwritten_.empty() ? 0 : uint32_t{EPOLLOUT};
@@ -445,7 +446,7 @@ ReadStatus ModemDevice::receive(uint64_t link, int socket, std::span<uint8_t> ro
   if (status != ReadStatus::kTimedOut || deadline.has_passed()) return status;
   Lock lock(mutex_);
   const bool is_reader = become_reader(link, room);
-  // Whoever read the device before may have passed frames to this link meanwhile; they come first.
+  // An earlier reader may have passed frames to this link meanwhile; they come first.
   status = receive_now(socket, room, received);
   while (status == ReadStatus::kTimedOut && !deadline.has_passed()) {
     pollfd ready[] = {{socket, POLLIN, 0}, {device_.get(), POLLIN, 0}};
@@ -549,7 +550,7 @@ void ModemDevice::send_to_all(Bytes bytes) {
 void ModemDevice::flush(uint64_t number, Link& link) {
   const ssize_t count =
       ::send(link.socket.get(), link.waiting.data(), link.waiting.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (count < 0 && errno != EAGAIN && errno != EINTR) link.waiting.clear();  // nobody reads any more
+  if (count < 0 && errno != EAGAIN && errno != EINTR) link.waiting.clear();  // the reader has closed its end
   if (count > 0) link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
   watch(EPOLL_CTL_MOD, link.socket.get(), link.waiting.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT, kDevice + number);
   if (link.dropped == 0 || !link.waiting.empty()) return;
@@ -588,7 +589,7 @@ DeviceLink connect(const std::string& path) {
 DeviceLink connect_device(const std::string& path) {
   try {
     return connect(path);
-  } catch (const std::system_error& error) {  // no descriptor or thread is left
+  } catch (const std::system_error& error) {  // there are no free descriptors or threads
     return {{}, nullptr, 0, {error.what(), true}};
   }
 }

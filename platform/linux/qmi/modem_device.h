@@ -1,9 +1,8 @@
 // A modem's character device, shared by the connections of this process.
 //
-// One process at a time has the device open. Each QmuxLink sends its frames to the device itself. A thread of the
-// device reads it, or a link that waits for a response does, so that the response wakes no second thread. The reader
-// takes its own frames, and passes the others to the links that they are for, over sockets. The device is closed with
-// its last link.
+// One process at a time has the device open. Each QmuxLink sends its frames to the device itself. The device's thread
+// reads it, or the thread of a link that waits for a response, so that the response wakes no second thread. The reader
+// keeps its own frames and passes the others to their links over sockets. The device is closed with its last link.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +18,10 @@ namespace pelmar::platform {
 class ModemDevice;
 
 struct DeviceLink {
-  ProcessFd socket;  // readable when a frame has arrived; closed by the device's end. Closing it ends the link.
+  ProcessFd socket;  // readable when a frame has arrived or the device is gone. Closing it ends the link.
   std::shared_ptr<ModemDevice> device = nullptr;
   uint64_t number = 0;   // of the link
-  Problem problem = {};  // without a socket
+  Problem problem = {};  // set if there is no socket
 };
 
 // Opens the device unless this process has it open, and makes a link to it.

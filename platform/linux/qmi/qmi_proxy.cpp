@@ -22,7 +22,7 @@ constexpr const char* kPrograms[] = {"/usr/libexec/qmi-proxy", "/usr/local/libex
 constexpr Deadline::Milliseconds kStartTimeout{2000};
 constexpr Deadline::Milliseconds kPause{10};
 
-// Between two attempts of a process: a notifier looks for the modem several times a second.
+// The least time between two attempts of a process. A notifier looks for the modem several times a second.
 constexpr Deadline::Clock::duration kRetryPause = std::chrono::seconds(5);
 
 bool may_try_now() {
@@ -34,8 +34,8 @@ bool may_try_now() {
   return is_due && last.compare_exchange_strong(before, now);
 }
 
-// A shell starts the program in the background and ends, so that the program is no child of this process, which may
-// wait for children of its own. Returns errno's value.
+// Starts the program in the background by a shell that ends at once, so that the program is no child of this process,
+// which may wait for its own children. Returns 0, or errno's value.
 int start_detached(const char* program) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);

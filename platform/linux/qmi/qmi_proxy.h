@@ -8,8 +8,8 @@
 
 namespace pelmar::platform {
 
-// Starts the proxy unless the device is absent or this process has just tried. Returns no problem once the proxy
-// accepts connections. The proxy outlives this process, and ends when no program has used it for a while.
+// Starts the proxy unless the device is absent or this process has just tried. Returns an empty problem once the proxy
+// accepts connections. The proxy continues after this process, and ends when no program has used it for a while.
 Problem start_qmi_proxy(const std::string& device, const Deadline& deadline);
 
 }  // namespace pelmar::platform

@@ -29,19 +29,19 @@ constexpr int kReceiveBuffer = 16 << 20;
 // Messages of all services but CTL have the same header.
 constexpr uint8_t kAnyService = 1;
 
-// A name service that takes longer to list a service counts as absent.
+// If the name service takes longer to list a service, the service counts as absent.
 constexpr Deadline::Milliseconds kLookTimeout{2000};
 
 // A service that has no room is tried again after this time: the kernel does not report that there is room again.
 constexpr Deadline::Milliseconds kSendPause{1};
 
-// After drops, the lookup of a connection's service waits at most kCheckTimeout for the name service. Two lookups are
-// kCheckInterval apart while datagrams keep arriving, and two lines of the log kReportInterval.
+// After drops, the lookup of a connection's service waits at most kCheckTimeout for the name service. While datagrams
+// keep arriving, two lookups are at least kCheckInterval apart, and two lines of the log kReportInterval.
 constexpr Deadline::Milliseconds kCheckTimeout{500};
 constexpr Deadline::Milliseconds kCheckInterval{100};
 constexpr Deadline::Milliseconds kReportInterval{1000};
 
-// Ends early at a signal.
+// Waits for one of the descriptors. A signal may end the wait early.
 void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
   if (deadline.has_passed()) return;
   const auto remaining = deadline.remaining().count();
@@ -209,7 +209,7 @@ QrtrSocket::Memory QrtrSocket::memory() const {
 }
 
 void QrtrSocket::refuse_datagrams() {
-  constexpr int kLeast = 0;  // the kernel takes its own least for it
+  constexpr int kLeast = 0;  // the kernel uses its own minimum instead
   ::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kLeast, sizeof kLeast);
 }
 
@@ -222,7 +222,7 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
       wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
       capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),
       message_(new uint8_t[capacity_]),
-      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]) {  // bytes are written before they are read
+      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]) {  // not initialised: bytes are written before they are read
   if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
@@ -292,7 +292,7 @@ void QrtrConnection::shut_down() {
   stop_reading();
 }
 
-// The object may live on, and the kernel would keep what still arrives.
+// The object may exist longer, and the kernel would keep what arrives for it.
 void QrtrConnection::abandon(const Deadline& /*deadline*/) {
   shut_down();
   socket_.refuse_datagrams();
@@ -318,7 +318,7 @@ bool QrtrConnection::is_departure(std::span<const uint8_t> packet) const {
   }
 }
 
-// After drops, looks again whether the service is still there: the report that it went away may be among them.
+// After drops, looks the service up again, because the report that it went away may be among them.
 void QrtrConnection::check_for_drops() {
   const QrtrSocket::Memory memory = socket_.memory();
   const uint32_t drops = memory.drops - std::exchange(drops_, memory.drops);
@@ -346,7 +346,7 @@ void QrtrConnection::report_drops() {
 
 int32_t open_qrtr_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
                              const Deadline& deadline, std::unique_ptr<Connection>& connection) {
-  if (service.number == 0) return QMI_CLIENT_PARAM_ERR;  // a lookup takes it for any service
+  if (service.number == 0) return QMI_CLIENT_PARAM_ERR;  // in a lookup it means any service
   QrtrQuery query = {.service = service.number, .node = address.node};
   if (service.instance != QMI_CLIENT_INSTANCE_ANY) query.instance = service.instance;
   QrtrSocket socket;
@@ -372,8 +372,8 @@ Presence QrtrWatch::look() {
   return {is_there_, had_list};
 }
 
-// Takes in what the name service has reported. False if the list must be fetched again: a service went away, and there
-// may be another one, or reports were lost.
+// Reads the reports of the name service. Returns false if the list must be fetched again: a service went away, and
+// another one may be there, or reports were lost.
 bool QrtrWatch::take_news(const Deadline& deadline) {
   for (;;) {
     QrtrControl packet;

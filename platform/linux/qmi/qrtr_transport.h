@@ -1,18 +1,18 @@
 // Connections to the modem's services over QRTR, the kernel's sockets between the processors of a phone.
 //
-// A socket has an address: a node, which is a processor, and a port. Services publish theirs at the name service of
-// their node. A lookup there returns the services that are published now, and then reports each change, all in control
+// A socket has an address: a node, which is a processor, and a port. Services publish their address at the name service
+// of their node. After a lookup, the name service lists the published services and then reports each change, in control
 // packets (struct qrtr_ctrl_pkt of <linux/qrtr.h>, little-endian). A datagram between other ports is one QMI message
 // without further header. There is no CTL service and no client id: a service identifies a client by the address of its
 // socket, and receives a control packet when that socket closes.
 //
-// Each connection has one socket, for the messages and for the lookup. A datagram that comes neither from the service
-// nor from the name service is dropped. The kernel drops what arrives while the socket is full, be it an indication or
-// the report that the service went away. So the socket gets 16 MiB, or less if the kernel's limit is
-// lower, and after drops the connection looks the service up again.
+// Each connection has one socket, for the messages and for the lookup. Datagrams of other senders than the service and
+// the name service are dropped. The kernel drops every datagram that arrives while the socket is full, also the report
+// that the service went away. So the socket has a buffer of 16 MiB, or less if the kernel's limit is lower, and after
+// drops the connection looks the service up again.
 //
-// While a service on another node does not confirm what it has received, the kernel blocks the sends to it and
-// everything else on the sending socket, also if a call must not wait. No time-out limits that.
+// While a service on another node does not confirm what it has received, the kernel blocks the sends to it and all
+// other calls on the sending socket, even calls that must not wait. No time-out limits that.
 #pragma once
 
 #include <atomic>
@@ -59,23 +59,23 @@ struct QrtrControl {
 
 QrtrControl read_qrtr_control(std::span<const uint8_t> packet);
 
-// The services that a lookup is for. What is absent may be anything.
+// Selects the services of a lookup. An absent member matches any value.
 struct QrtrQuery {
   uint32_t service;
   std::optional<uint32_t> instance = std::nullopt;
   std::optional<uint32_t> node = std::nullopt;
   std::optional<uint32_t> port = std::nullopt;
 
-  // Whether an arrival or departure is one of such a service, of any version.
+  // Returns whether an arrival or departure is of such a service, of any version.
   bool matches(const QrtrControl& packet) const;
 };
 
 class QrtrSocket {
  public:
-  // The kernel sends no longer datagrams; longer ones of other nodes are dropped.
+  // The kernel sends no longer datagrams. Longer ones from other nodes are dropped.
   static constexpr size_t kMaxDatagram = UINT16_MAX;
 
-  // False if there is no socket to be had; errno has the reason. A kernel without QRTR is reported to the system log.
+  // Returns false with errno set if there is no socket. Reports a kernel without QRTR to the system log.
   bool open();
   void close() { descriptor_.reset(); }
   bool is_open() const { return static_cast<bool>(descriptor_); }
@@ -92,8 +92,9 @@ class QrtrSocket {
 
   bool is_name_service(const QrtrAddress& address) const { return address == name_service_; }
 
-  // Looks up the services of that number, 0 for all, and calls `take` for each that came or went until the list ends.
-  // The name service then reports changes to this socket. False if the list does not end until the deadline.
+  // Looks up the services of that number, 0 for all, and calls `take` for each arrival and departure until the list
+  // ends. The name service then reports changes to this socket. Returns false if the list does not end before the
+  // deadline.
   // REQUIRES: the socket has not looked anything up before.
   bool look_up(uint32_t service, const Deadline& deadline, const std::function<void(const QrtrControl&)>& take);
 
@@ -101,14 +102,14 @@ class QrtrSocket {
   enum class Found { kFound, kAbsent, kNoResponse };
   Found find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address);
 
-  // What the kernel counts: the datagrams that were dropped because the socket was full, and the bytes that wait.
+  // The kernel's counts of the datagrams that were dropped because the socket was full, and of the bytes that wait.
   struct Memory {
     uint32_t drops;
     uint32_t waiting_bytes;
   };
   Memory memory() const;
 
-  // From now on the kernel keeps next to nothing that arrives.
+  // Makes the receive buffer so small that the kernel drops nearly all later datagrams.
   void refuse_datagrams();
 
  private:
@@ -126,7 +127,7 @@ class QrtrConnection final : public Connection {
   uint8_t* message_buffer() override { return message_.get(); }
   size_t message_capacity() const override { return capacity_; }
 
-  // A message that the service had no room for until the deadline of flush() is given up as a whole.
+  // A message that does not fit the service's socket until the deadline of flush() is dropped whole.
   SendStatus send(size_t length) override;
   bool has_unsent() const override { return unsent_ > 0; }
   SendStatus flush(const Deadline& deadline) override;
@@ -150,7 +151,7 @@ class QrtrConnection final : public Connection {
   const uint32_t service_;
   ProcessFd wake_;                         // readable once reading has stopped
   std::atomic<bool> has_stopped_{false};   // no more reads
-  std::atomic<bool> is_shut_down_{false};  // nor sends
+  std::atomic<bool> is_shut_down_{false};  // no more sends either
 
   const size_t capacity_;
   const std::unique_ptr<uint8_t[]> message_;
@@ -161,7 +162,7 @@ class QrtrConnection final : public Connection {
   std::span<const uint8_t> datagram_;  // the received datagram, until next() takes it
   QrtrAddress from_;
   bool is_lost_ = false;
-  uint32_t drops_ = 0;  // as last read
+  uint32_t drops_ = 0;  // the kernel's count when it was last read
   uint32_t unreported_drops_ = 0;
   bool is_check_due_ = false;
   Deadline next_check_ = Deadline::now();

@@ -1,18 +1,18 @@
 // The rules by which the framework runs callbacks and treats requests.
 //
-// By default the framework is forgiving: a callback may send on its own handle, and may release it. The framework of a
-// phone is stricter, and a program that breaks its rules waits there for ever. With PELMAR_PLATFORM_RULES=phone this
-// framework has the phone's rules, and ends a program that breaks them with a message:
-//   - The thread of a handle takes in one message after the other, and none while one of its callbacks runs. So a
+// By default a callback may send on its own handle, and may release it. The framework of a phone is stricter, and a
+// program that breaks its rules waits for ever. With PELMAR_PLATFORM_RULES=phone this framework has the phone's rules,
+// and ends a program that breaks them with a message:
+//   - The thread of a handle reads one message after the other, and none while one of its callbacks runs. So a
 //     synchronous send inside the handle's own callback gets no response.
 //   - A handle is not released inside its own callback.
-//   - A request's length is that of its structure, or 0; then the request goes out without TLVs.
+//   - A request's length is that of its structure, or 0; then the request is sent without TLVs.
 //   - A release calls the callbacks of the pending asynchronous requests with QMI_INTERNAL_ERR and length 0, on the
 //     thread that releases. The loss of the service calls them with QMI_SERVICE_ERR and length 0; no send on the handle
 //     returns meanwhile.
 //   - A send without response leaves the response's structure unchanged, and a response that is cut off is dropped.
-//   - Indications behind a slow callback take as much memory as a socket's default receive buffer has; more are
-//     dropped.
+//   - Indications that wait behind a slow callback take at most the memory of a socket's default receive buffer; more
+//     are dropped.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@
 
 namespace pelmar::platform {
 
-// Whether the phone's rules hold. Read from the environment once.
+// Returns whether the phone's rules apply. The environment is read once.
 bool phone_rules();
 
 // The most bytes of indications that wait for a callback under the phone's rules: the default of
@@ -38,7 +38,7 @@ class RunningCallback {
   RunningCallback(const RunningCallback&) = delete;
   RunningCallback& operator=(const RunningCallback&) = delete;
 
-  // The innermost callback of this owner that runs on this thread; null: none.
+  // Returns the innermost callback of this owner that runs on this thread; null: none.
   static const char* of(const void* owner);
 
  private:

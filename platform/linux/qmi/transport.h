@@ -1,7 +1,7 @@
 // Connections to the modem's services, and the choice of the transport that makes them.
 //
-// The framework above handles messages, transactions and callbacks. A transport handles addresses, framing and the ways
-// in which a peer goes away.
+// The framework above handles messages, transactions and callbacks. A transport handles addresses, framing and the loss
+// of a peer.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +33,7 @@ class Connection {
   // Readable when read() has something to read.
   virtual int descriptor() const = 0;
 
-  // Where the caller writes the next message, header and TLVs, before it is sent.
+  // The buffer in which the caller writes the header and TLVs of the next message.
   virtual uint8_t* message_buffer() = 0;
   virtual size_t message_capacity() const = 0;
 
@@ -42,7 +42,7 @@ class Connection {
   virtual bool has_unsent() const = 0;
   virtual SendStatus flush(const Deadline& deadline) = 0;
 
-  // Reads what arrives until the deadline; tries to read at least once.
+  // Waits for bytes until the deadline and reads them; tries to read at least once.
   virtual ReadStatus read(const Deadline& deadline) = 0;
 
   // The next of the messages that have been read; its bytes are valid until the next read. kBrokenStream: the stream
@@ -52,14 +52,14 @@ class Connection {
   // After next() returned kNone: the time at which the first part of an incomplete message arrived, if there is one.
   virtual std::optional<Deadline::Clock::time_point> partial_since() const { return std::nullopt; }
 
-  // A transport with client ids keeps a response back in next() if the client id may be void. At kept_until(), next()
-  // must be called again; none if no response is kept. take_kept() ends the check and returns the kept responses one by
-  // one.
+  // If the client id may be void, next() of a transport with client ids keeps a response back. At kept_until(), which
+  // is none if no response is kept, next() must be called again. take_kept() ends the check and returns the kept
+  // responses one by one.
   // REQUIRES: no two of next(), kept_until(), take_kept(), needs_probe() and send_probe() run at the same time.
   virtual Deadline kept_until() const { return Deadline::none(); }
   virtual bool take_kept(Message& /*message*/) { return false; }
 
-  // Whether a probe of the client id is to be sent, and sending it without waiting.
+  // needs_probe() returns whether a probe of the client id must be sent; send_probe() sends it without waiting.
   // REQUIRES for send_probe(): the caller owns the sending side, and the transaction is not in use.
   virtual bool needs_probe() const { return false; }
   virtual void send_probe(uint16_t /*transaction*/) {}
@@ -68,8 +68,8 @@ class Connection {
   // REQUIRES: the caller owns the sending and the reading side.
   virtual void close(const Deadline& deadline) = 0;
 
-  // The same without waiting for the response; also to be called if the service went away. The deadline limits the wait
-  // for other processes. Like close(), it may wait for files, so the caller holds no lock that others need.
+  // The same without waiting for the response; must also be called if the service went away. The deadline limits the
+  // wait for other processes. Like close(), it may wait for files, so the caller holds no lock that others need.
   // REQUIRES: the caller owns the sending side.
   virtual void abandon(const Deadline& deadline) = 0;
 
@@ -82,7 +82,7 @@ class Connection {
 
 struct Presence {
   bool is_there;
-  bool went_meanwhile;  // the service was away at some time since the last look
+  bool went_meanwhile;  // the service was absent at some time since the last look()
 };
 
 // Checks whether a service is there.
@@ -95,10 +95,11 @@ class ServiceWatch {
 
   virtual Presence look() = 0;
 
-  // Readable if another look may find something new; -1 without a link.
+  // Readable if another look() may return a change; -1 without a link.
   virtual int descriptor() const = 0;
 
-  // Whether the descriptor becomes readable each time the service comes or goes, so that no look is needed before.
+  // Returns whether the descriptor becomes readable each time the service comes or goes, so that look() need not be
+  // called before.
   virtual bool reports_all() const { return false; }
 };
 
@@ -123,8 +124,8 @@ struct Transport {
 
 const Transport& transport_of(const ModemAddress& address);
 
-// The same for the modem of this process. A wrong address is reported to the system log once; then nothing is opened,
-// with QMI_CLIENT_PARAM_ERR, and the watch never finds a service.
+// The same for the modem of this process. A wrong address is reported to the system log once; then open_connection()
+// returns QMI_CLIENT_PARAM_ERR, and the watch never finds a service.
 int32_t open_connection(const ServiceName& service, size_t message_capacity, const Deadline& deadline,
                         std::unique_ptr<Connection>& connection);
 std::unique_ptr<ServiceWatch> watch_service(uint32_t service);

@@ -1,4 +1,4 @@
-/* A program outside the tree, in C and, under another name, in C++: it writes an item and reads it back. */
+/* A program outside the tree, compiled as C and, as a copy, as C++. It writes an item and reads it back. */
 #include <string.h>
 
 #include "modem_api.h"

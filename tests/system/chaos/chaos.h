@@ -1,13 +1,13 @@
-// What the parts of a chaos run share.
+// The interface between the parts of a chaos run.
 //
-// A run (chaos_test.cpp) starts processes with a client of each type. Lines on standard input lead a process
-// (chaos_process.cpp):
+// A run (chaos_test.cpp) starts processes with a client of each type. A process (chaos_process.cpp) reads commands from
+// standard input, one a line:
 //
-//   storm    opens the clients and runs the workers until the next line comes
-//   verify   ends the workers, waits until all works again, compares what was written with what the modem holds, and
-//            closes everything; prints "verified; ..."
+//   work     opens the clients and runs the workers until the next line arrives
+//   verify   waits until every client works again, compares the modem's items with what was written, and frees
+//            the clients; prints "verified; ..."
 //
-// Whatever should not have been is a line of its own, "problem: ...", at any time.
+// It prints each failure at once, as a line "problem: ...".
 #pragma once
 
 #include <chrono>
@@ -21,11 +21,11 @@ using Clock = std::chrono::steady_clock;
 // One seed gives the same operations and faults in the same order, on every machine.
 class Random : public std::mt19937_64 {
  public:
-  // Each user draws from a stream of its own.
+  // Each user has its own stream of numbers.
   Random(uint64_t seed, uint64_t stream) : std::mt19937_64(seed * 0x9E3779B97F4A7C15 + stream) {}
 
   uint32_t between(uint32_t low, uint32_t high) { return low + static_cast<uint32_t>((*this)() % (high - low + 1)); }
-  // A row of a table, as often as its weight says.
+  // Returns a random row of a table; the probability is proportional to its weight.
   template <typename Table>
   const auto& row(const Table& table) {
     uint32_t all = 0;
@@ -37,7 +37,7 @@ class Random : public std::mt19937_64 {
   }
 };
 
-// The role of a client process. Arguments: the seed, and the number of the process.
+// The main function of a client process. Arguments: the seed, and the number of the process.
 int run_client(char** arguments);
 
 }  // namespace pelmar::system_test::chaos

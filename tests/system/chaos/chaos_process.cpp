@@ -1,11 +1,13 @@
-// A client process of a chaos run: its clients and workers, and what the library may hold of it while nothing is open.
+// A client process of a chaos run: its clients and workers, and a check that the library holds nothing while no client
+// is open.
 //
-// SAR and NAS clients come back by themselves; only one that gave up is opened again. The vendor-specific client does
-// not: one whose commands all fail is freed and opened again, though never while an asynchronous command is pending,
-// which a release would swallow. The main thread opens, tends and closes clients; any thread uses their ids.
+// SAR and NAS clients reconnect by themselves; only one whose reconnection failed is opened again. The vendor-specific
+// client does not reconnect: if all its commands fail, it is freed and opened again, but never while an asynchronous
+// command is pending, because a release would drop it. The main thread opens and closes clients; all threads use their
+// ids.
 //
-// An item belongs to one worker. A write or a delete that succeeded has happened; one that failed has happened or has
-// not. So an item may hold the number of each of these writes, or be absent.
+// An item belongs to one worker. A write or a delete that succeeded has taken effect; one that failed may have taken
+// effect. So an item may have the content of any of these writes, or be absent.
 #include <poll.h>
 #include <unistd.h>
 
@@ -36,24 +38,24 @@ namespace {
 
 constexpr uint32_t kWorkers = 4;  // threads of a process
 constexpr uint32_t kItems = 12;   // of a worker
-constexpr std::chrono::seconds kPatience{90};
-// A command gives up after 30 s. Here none may: a restart of the service ends each call whose response is lost.
+constexpr std::chrono::seconds kTimeLimit{90};
+// A command times out after 30 s. None may do so here: a restart of the service ends each call whose response is lost.
 constexpr std::chrono::seconds kCallLimit{25};
 constexpr std::chrono::seconds kOpenLimit{120};   // ten attempts, each of some exchanges that may get no response
 constexpr std::chrono::microseconds kPause{500};  // between two operations of a worker
 
 std::atomic<uint64_t> successes;  // of calls
-// Traced blocks that the library has handed over to nobody: two of each asynchronous send that was refused.
-std::atomic<int64_t> abandoned_blocks;
+// Traced blocks that nothing frees: two of each asynchronous send that was refused.
+std::atomic<int64_t> leaked_blocks;
 
 void problem(const std::string& text) {
   static std::atomic<int> left{20};
   if (left-- > 0) std::cout << "problem: " + text + "\n" << std::flush;
 }
 
-// Makes a call of the library. Its result or its duration may be a problem.
-modem_api_result noted(const char* name, const std::function<modem_api_result()>& call,
-                       Clock::duration limit = kCallLimit) {
+// Makes a call of the library and checks its result and its duration.
+modem_api_result checked_call(const char* name, const std::function<modem_api_result()>& call,
+                              Clock::duration limit = kCallLimit) {
   const auto start = Clock::now();
   const modem_api_result result = call();
   const std::chrono::duration<double> took = Clock::now() - start;
@@ -64,9 +66,9 @@ modem_api_result noted(const char* name, const std::function<modem_api_result()>
   return result;
 }
 
-// Waits for what the library may still be doing; a problem where it does not come in time.
+// Waits until the condition holds. Reports a problem at the time limit.
 void expect_soon(const char* what, const std::function<bool()>& condition) {
-  for (const auto limit = Clock::now() + kPatience; !condition(); std::this_thread::sleep_for(20 * kPause)) {
+  for (const auto limit = Clock::now() + kTimeLimit; !condition(); std::this_thread::sleep_for(20 * kPause)) {
     if (Clock::now() > limit) return problem(what);
   }
 }
@@ -95,7 +97,7 @@ struct Worker {
   int32_t event() { return static_cast<int32_t>(random.between(MODEM_API_EVENT_VS_STATUS, MODEM_API_EVENT_COUNT)); }
 };
 
-// The number of the write, then bytes that follow from it and the item.
+// The number of the write, then bytes that are computed from it and the item.
 std::vector<uint8_t> content_of(const Item& item, uint32_t write) {
   std::vector<uint8_t> bytes(sizeof(write) + write % 200, static_cast<uint8_t>(item.number + write));
   std::memcpy(bytes.data(), &write, sizeof(write));
@@ -155,7 +157,7 @@ void take_response(const uint8_t* data, uint32_t length, void* user_data, uint32
   delete command;
 }
 
-std::shared_mutex sending;  // shared by asynchronous senders; exclusive: nobody sends
+std::shared_mutex sending;  // locked shared by asynchronous senders, and exclusively to prevent sends
 
 modem_api_result send_async(Worker& worker) {
   const std::shared_lock sends(sending);
@@ -165,7 +167,7 @@ modem_api_result send_async(Worker& worker) {
   const auto result = modem_api_common_command_async(vs(), command->payload.data(), static_cast<int32_t>(length),
                                                      command, take_response);
   if (result == MODEM_API_SUCCESS) return result;
-  if (result != MODEM_API_ERR_INVALID_CLIENT) abandoned_blocks += 2;  // the client is checked before they are taken
+  if (result != MODEM_API_ERR_INVALID_CLIENT) leaked_blocks += 2;  // the client is checked before they are allocated
   --pending_commands;
   delete command;
   return result;
@@ -193,7 +195,7 @@ constexpr Operation kOperations[] = {
 
 // --- clients ---
 
-// For an attempt to open a client.
+// Prepares an attempt to open a client.
 constexpr void (*kPrepare[MODEM_API_CLIENT_TYPES])() = {[] { vs_init(); }, sar_init, nas_0_init, nas_1_init};
 
 void take_event(uint32_t, const uint8_t*, uint32_t) {}
@@ -205,14 +207,14 @@ void take_status(uint32_t type, uint32_t status) {
 
 modem_api_result probe(uint32_t type) {
   const int32_t id = ids[type];
-  return noted("probe", [=] {
+  return checked_call("probe", [=] {
     if (type == MODEM_API_CLIENT_VS) return modem_api_common_command(id, nullptr, 0);
     if (type == MODEM_API_CLIENT_SAR) return modem_api_set_sar_rf_state(id, 1);
     return modem_api_set_avoid_trm(id, type == MODEM_API_CLIENT_NAS_0 ? 0 : 1, 0);
   });
 }
 
-// A command that fails for a reason of its own shows that the connection is there.
+// A command that fails for another reason than a lost connection shows that there is one.
 bool is_lost(uint32_t type) {
   if (type != MODEM_API_CLIENT_VS) return ids[type] < 0 || last_status[type] == OPERATIONAL_STATUS_RECONNECT_FAILED;
   for (int i = 0; i < 3; ++i) {
@@ -226,18 +228,18 @@ void open_client(uint32_t type) {
   int32_t id = -1;
   last_status[type] = OPERATIONAL_STATUS_IDLE;
   const auto init = [&] { return modem_api_init_client(type, take_event, nullptr, &id); };
-  noted("init client", init, kOpenLimit);
+  checked_call("init client", init, kOpenLimit);
   ids[type] = id;
   if (type == MODEM_API_CLIENT_SAR) sar_client_set_operational_status_callback(take_status);
   if (type == MODEM_API_CLIENT_NAS_0) nas_0_client_set_operational_status_callback(take_status);
   if (type == MODEM_API_CLIENT_NAS_1) nas_1_client_set_operational_status_callback(take_status);
 }
 
-// Opens what was lost.
-void tend() {
+// Opens the clients that were lost.
+void reopen_lost_clients() {
   for (uint32_t type = 0; type < MODEM_API_CLIENT_TYPES; ++type) {
     if (!is_lost(type)) continue;
-    const std::unique_lock nobody_sends(sending);
+    const std::unique_lock no_sends(sending);
     if (type == MODEM_API_CLIENT_VS && pending_commands != 0) continue;
     if (ids[type] >= 0) modem_api_free_client(ids[type].exchange(-1));
     kPrepare[type]();
@@ -246,38 +248,38 @@ void tend() {
 }
 
 // Opens the clients and runs the workers until there is a line to read.
-void run_storm(std::vector<Worker>& workers) {
+void run_workers(std::vector<Worker>& workers) {
   modem_api_init();
-  std::atomic<bool> is_storm{true};
+  std::atomic<bool> is_running{true};
   std::atomic<size_t> working{workers.size()};
   std::vector<std::thread> threads;
   for (Worker& worker : workers) {
     threads.emplace_back([&] {
-      for (; is_storm; std::this_thread::sleep_for(kPause)) {
+      for (; is_running; std::this_thread::sleep_for(kPause)) {
         const Operation& operation = worker.random.row(kOperations);
-        noted(operation.name, [&] { return operation.run(worker); });
+        checked_call(operation.name, [&] { return operation.run(worker); });
       }
       --working;
     });
   }
   pollfd input{STDIN_FILENO, POLLIN, 0};
-  while (poll(&input, 1, 20) == 0) tend();
-  is_storm = false;
-  for (; working != 0; std::this_thread::sleep_for(kPause)) tend();
+  while (poll(&input, 1, 20) == 0) reopen_lost_clients();
+  is_running = false;
+  for (; working != 0; std::this_thread::sleep_for(kPause)) reopen_lost_clients();
   for (std::thread& thread : threads) thread.join();
 }
 
-// Compares all items with a modem that works, and closes everything.
+// Waits until all clients work, compares all items, and frees the clients.
 void verify(std::vector<Worker>& workers) {
-  expect_soon("what was lost did not come back", [] {
-    tend();
+  expect_soon("the clients do not work again", [] {
+    reopen_lost_clients();
     bool is_good = pending_commands == 0;
     for (uint32_t type = 0; is_good && type < MODEM_API_CLIENT_TYPES; ++type) is_good = probe(type) == 0;
     return is_good;
   });
   for (const Worker& worker : workers) {
     for (const Item& item : worker.items) {
-      const auto result = noted("verify item", [&] { return read_item(item); });
+      const auto result = checked_call("verify item", [&] { return read_item(item); });
       if (result == MODEM_API_SUCCESS || (result == MODEM_API_ERR_GENERIC && item.possible.contains(0))) continue;
       problem("item " + std::to_string(item.number) + " is lost: " + std::to_string(result));
     }
@@ -285,14 +287,14 @@ void verify(std::vector<Worker>& workers) {
   for (auto& id : ids) modem_api_free_client(id.exchange(-1));
 }
 
-// What the library holds: threads, open files, and traced blocks.
+// Counts the threads, the open files, and the traced blocks.
 std::array<int64_t, 3> count_held() {
   const auto count_entries = [](const char* directory) {
     return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
   };
   static std::string text(8 << 20, '\0');
   hydra_mem_trace_dump(text.data(), static_cast<int32_t>(text.size()));
-  int64_t blocks = -abandoned_blocks;
+  int64_t blocks = -leaked_blocks;
   for (size_t at = text.find("<Trace"); at != text.npos; at = text.find("<Trace", at + 1)) ++blocks;
   return {count_entries("/proc/self/task"), count_entries("/proc/self/fd"), blocks};
 }
@@ -307,17 +309,17 @@ int run_client(char** arguments) {
     Worker& worker = workers.emplace_back(Worker{Random(seed, owner), {}});
     for (uint32_t i = 0; i < kItems; ++i) worker.items.push_back({owner * kItems + i});
   }
-  std::thread([] {}).join();  // with the first thread the thread sanitizer starts one of its own
+  std::thread([] {}).join();  // at the first thread the thread sanitizer starts its own
   const auto held = count_held();
 
-  std::setvbuf(stdin, nullptr, _IONBF, 0);  // poll() sees every line that was not read
+  std::setvbuf(stdin, nullptr, _IONBF, 0);  // with a buffer poll() would miss lines
   for (std::string line; std::getline(std::cin, line);) {
-    if (line == "storm") {
-      run_storm(workers);
+    if (line == "work") {
+      run_workers(workers);
       continue;
     }
     verify(workers);
-    expect_soon("more threads, open files or traced blocks than at first", [&] { return count_held() == held; });
+    expect_soon("more threads, open files or traced blocks than at the start", [&] { return count_held() == held; });
     std::cout << "verified; " << successes.exchange(0) << " calls succeeded" << std::endl;
   }
   return 0;

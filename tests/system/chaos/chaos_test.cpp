@@ -1,7 +1,8 @@
-// Client processes that do all that a client may do, at a modem that does all that a modem should not.
+// Client processes that use all operations, with a modem that has every kind of fault.
 //
-// Rounds: a storm of faults under the clients' operations, then a calm in which each process checks what the modem
-// holds, closes everything and reports. CHAOS_SECONDS names the length, CHAOS_SEED replays the operations and faults.
+// Each round has a time of faults during the clients' operations, then a check: each process compares the modem's
+// items, closes its clients and prints a report. CHAOS_SECONDS sets the duration, CHAOS_SEED repeats the operations and
+// faults of a run.
 #include <signal.h>
 
 #include <algorithm>
@@ -21,14 +22,14 @@ namespace pelmar::system_test::chaos {
 
 namespace {
 
-constexpr uint64_t kStreamOfFaults = 1'000'000;  // beyond those of the workers
+constexpr uint64_t kStreamOfFaults = 1'000'000;  // greater than those of the workers
 constexpr uint64_t kShortSeconds = 5;
-constexpr std::chrono::seconds kStorm{3};
+constexpr std::chrono::seconds kFaultTime{3};
 
-// Commands to the modem, or "wait MS" and "serve SIGNAL" (a new process after the signal). LOW-HIGH stands for a
-// number, SERVICE for the same service in the whole row. A response that is lost is followed by a restart of its
-// service, which ends the call that waits. Garbage begins no frame, else the next responses could be a part of it.
-// Error 26, "no effect", is a success to a client.
+// Commands to the modem, or "wait MS" and "serve SIGNAL" (ends the modem with the signal and starts a new one).
+// LOW-HIGH stands for a random number, SERVICE for the same random service in the whole row. After a lost response the
+// service restarts, which ends the call that waits. Garbage does not begin like a frame, or the next responses could
+// become part of it. No error is 26, "no effect", which is a success for a client.
 struct Fault {
   uint32_t weight;
   const char* script;
@@ -41,12 +42,12 @@ constexpr Fault kFaults[] = {
     {5, "error 41-52 ctl any 1-5"},
     {20, "repeat SERVICE any 1-20"},
     {20, "reorder 1-100 SERVICE any 1-20"},
-    {15, "cut 7-40 SERVICE any 1-3"},  // the frame stays in step and the message has a header
+    {15, "cut 7-40 SERVICE any 1-3"},  // the frame's length is right and the message has a header
     {2, "cut 0-6 SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
     {5, "silence SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
     {3, "garbage 55aa01bb SERVICE any 1 ; wait 20-400 ; service SERVICE down ; service SERVICE up"},
     {5, "inject 55aa01bb"},
-    {10, "inject 01130080e4ff0205000000070002040000000000"},  // a response, which may be awaited
+    {10, "inject 01130080e4ff0205000000070002040000000000"},  // a response that a request may wait for
     {20, "event 3 7 record 0:82:0102 ; event 4 7 0aff 7 8 ; event 5 7"},
     {10, "die connection any any 1"},
     {20, "service SERVICE down ; wait 0-800 ; service SERVICE up"},
@@ -56,8 +57,8 @@ constexpr Fault kFaults[] = {
     {1, "serve 15"},
 };
 
-// This ends all faults and every call that still waits for a response.
-constexpr const char* kCure =
+// Ends all faults and every call that still waits for a response.
+constexpr const char* kEndFaults =
     "clear ; service vs down ; service vs up ; service sar down ; service sar up ; service nas down ; service nas up";
 
 constexpr const char* kServices[] = {"vs", "vs", "sar", "nas"};
@@ -84,21 +85,21 @@ class ChaosTest : public ModemTest {
   ~ChaosTest() override {
     for (sim::test::Process& client : clients_) {
       client.finish();
-      if (HasFailure()) continue;  // it may hang, and is killed
+      if (HasFailure()) continue;  // it may hang; the destructor kills it
       EXPECT_EQ(client.end(), 0);
     }
   }
 
-  void storm() {
-    for (sim::test::Process& client : clients_) client.send_line("storm");
-    for (const auto end = Clock::now() + kStorm; Clock::now() < end;) {
+  void run_faults() {
+    for (sim::test::Process& client : clients_) client.send_line("work");
+    for (const auto end = Clock::now() + kFaultTime; Clock::now() < end;) {
       run(random_.row(kFaults).script + (" ; wait " + std::to_string(random_.between(0, 100))));
     }
   }
 
-  // The next line of each process that is no problem is its report.
-  void calm() {
-    run(kCure);
+  // The next line of each process that reports no problem is its report.
+  void verify_clients() {
+    run(kEndFaults);
     for (sim::test::Process& client : clients_) client.send_line("verify");
     for (sim::test::Process& client : clients_) {
       std::string line = client.line();
@@ -113,13 +114,13 @@ class ChaosTest : public ModemTest {
     EXPECT_EQ(status["statistics"]["reporters"], 0);
   }
 
-  // Each command of a script, with the drawn numbers and service.
+  // Runs each command of a script, with random numbers and a random service.
   void run(const std::string& script) {
-    static const std::regex drawn("SERVICE|([0-9]+)-([0-9]+)|;");
+    static const std::regex pattern("SERVICE|([0-9]+)-([0-9]+)|;");
     const std::string service = kServices[random_() % std::size(kServices)];
     std::string command;
     auto rest = script.cbegin();
-    for (std::smatch match; std::regex_search(rest, script.cend(), match, drawn); rest = match[0].second) {
+    for (std::smatch match; std::regex_search(rest, script.cend(), match, pattern); rest = match[0].second) {
       command.append(rest, match[0].first);
       if (match[0] == ";") run_command(std::exchange(command, {}));
       if (match[0] == "SERVICE") command += service;
@@ -139,7 +140,7 @@ class ChaosTest : public ModemTest {
       EXPECT_EQ(modem().end(number), number == SIGKILL ? -SIGKILL : 0);
       serve(kModemOptions);
     } else if (verb == "event") {
-      modem().respond(command);  // a modem that is starting may refuse it
+      modem().respond(command);  // a modem that starts may refuse it
     } else {
       ctl(command);
     }
@@ -151,11 +152,11 @@ class ChaosTest : public ModemTest {
   std::list<sim::test::Process> clients_;
 };
 
-TEST_F(ChaosTest, EveryCallEndsWellUnderFaults) {
-  ::signal(SIGPIPE, SIG_IGN);  // a client process that died is reported as such
+TEST_F(ChaosTest, EveryCallEndsUnderFaults) {
+  ::signal(SIGPIPE, SIG_IGN);  // a client process that ended is reported as a failure
   for (const auto end = Clock::now() + length_; Clock::now() < end && !HasFailure();) {
-    storm();
-    calm();
+    run_faults();
+    verify_clients();
   }
 }
 
