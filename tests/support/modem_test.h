@@ -39,7 +39,9 @@ class ModemTest : public testing::Test {
 
   ~ModemTest() override {
     if (!has_own_proxy_) return;
-    if (const UnixConnection proxy = connect_unix("@qmi-proxy"); proxy.fd) kill(peer_of(proxy.fd.get()).pid, SIGKILL);
+    const UnixConnection proxy = connect_unix("@qmi-proxy");
+    const pid_t process = proxy.fd ? peer_of(proxy.fd.get()).pid : 0;
+    if (process > 0) kill(process, SIGKILL);
   }
 
   void serve(const std::vector<std::string>& options, const std::string& socket = "") {

@@ -85,6 +85,7 @@ class RestartTest : public ModemTest {
 };
 
 TEST_F(RestartTest, ClientsReconnectWithoutACall) {
+  if (sim::test::transport() == "proxy") GTEST_SKIP() << "qmi-proxy does not report that a client id is void";
   const std::vector<uint32_t> all = {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
   const std::vector<uint32_t> nas = {MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
   ASSERT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP), 1);
@@ -123,8 +124,10 @@ TEST_F(RestartTest, ClientsReconnectWithoutACall) {
   }
 }
 
-// Commands run meanwhile, and each ends with its response or with the loss of the service.
+// Commands go on meanwhile, and each ends with its response or with the loss of the service. The platform announces a
+// service late if connections to it live for less than 100 ms.
 TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
+  constexpr std::chrono::milliseconds kHalfLife{60};
   const int restarts = sim::test::transport() == "socket" ? 10 : 200;
   open_clients();
   std::atomic<bool> goes_on = true;
@@ -132,12 +135,15 @@ TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
     while (goes_on) {
       set_state();
       avoid_trm(0);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
   for (int i = 0; i < restarts; ++i) {
-    ctl(i % 2 == 0 ? "service nas down" : "service sar down");
-    ctl(i % 2 == 0 ? "service nas up" : "service sar up");
-    EXPECT_TRUE(wait_until([&] { return i % 2 == 0 ? avoid_trm(0) == 0 : set_state() == 0; })) << "restart " << i;
+    const bool is_nas = i % 2 == 0;
+    ctl(is_nas ? "service nas down" : "service sar down");
+    ctl(is_nas ? "service nas up" : "service sar up");
+    EXPECT_TRUE(wait_until([&] { return (is_nas ? avoid_trm(0) : set_state()) == MODEM_API_SUCCESS; })) << i;
+    std::this_thread::sleep_for(kHalfLife);
   }
   goes_on = false;
   load.join();
