@@ -56,7 +56,7 @@ Problem QmuxLink::connect(const ModemAddress& address, const Deadline& deadline)
       return problem;
     }
     case ModemAddress::Kind::kProxy: {
-      const Problem absence = stream_.connect(kProxySocket, deadline);
+      Problem absence = stream_.connect(kProxySocket, deadline);
       if (!absence.is_temporary) return absence;
       const Problem problem = start_qmi_proxy(address.path, deadline);
       if (problem && !problem.is_temporary) report_problem(problem.text);

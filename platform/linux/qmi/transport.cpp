@@ -30,7 +30,7 @@ std::string describe_wrong_name() {
 
 // The address of this process's modem.
 std::optional<ModemAddress> modem_address() {
-  const auto address = parse_modem_address(modem_name());
+  auto address = parse_modem_address(modem_name());
   if (!address) report_problem(std::string(kModemVariable) + "=" + modem_name() + ": " + describe_wrong_name());
   return address;
 }
