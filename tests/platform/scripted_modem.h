@@ -188,7 +188,8 @@ class ScriptedModem {
       UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
       if (!socket) return;
       const std::lock_guard lock(peers_mutex_);
-      Peer& peer = peers_.emplace_back(Peer{std::move(socket)});
+      Peer& peer = peers_.emplace_back();
+      peer.socket = std::move(socket);
       peer.serving = std::async(std::launch::async, [=, this, fd = peer.socket.get()] { serve(connection, fd); });
     }
   }

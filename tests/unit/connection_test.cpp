@@ -346,21 +346,25 @@ TEST_P(Reconnect, HasOneConnectionAfterALateAnnouncement) {
 TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
   // The moment of the release (a status or a call of the platform), the statuses, and the open handles: a dropped
   // notifier remains open.
-  const std::tuple<std::string, Statuses, size_t> rows[] = {
-      {"4", {4, 0}, 0},           {"release", {4, 0}, 0},       {"5", {4, 5, 0}, 0},      {"6", {4, 5, 6, 0}, 1},
-      {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0}, {"3", {4, 5, 6, 3, 0}, 0}};
-  for (const auto& [release_at, wanted, left_open] : rows) {
+  const struct {
+    std::string release_at;
+    Statuses wanted;
+    size_t left_open;
+  } rows[] = {{"4", {4, 0}, 0},         {"release", {4, 0}, 0},     {"5", {4, 5, 0}, 0},
+              {"6", {4, 5, 6, 0}, 1},   {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0},
+              {"3", {4, 5, 6, 3, 0}, 0}};
+  for (const auto& row : rows) {
     for (const bool by_other_thread : {false, true}) {
       // The user's code does not run on the thread that releases a handle.
-      if (release_at == "release" && !by_other_thread) continue;
-      SCOPED_TRACE(testing::Message() << release_at << by_other_thread);
+      if (row.release_at == "release" && !by_other_thread) continue;
+      SCOPED_TRACE(testing::Message() << row.release_at << by_other_thread);
       start();
       const size_t others = open_handles();
       const qmi_client_type lost = open();
       std::future<void> other;
       bool released = false;
       const auto release_at_moment = [&](const std::string& moment) {
-        if (moment != release_at || std::exchange(released, true)) return 0;
+        if (moment != row.release_at || std::exchange(released, true)) return 0;
         if (!by_other_thread) return connection_.release() ? 0 : -1;
         set_threads(Threads::kRun);
         other = std::async(std::launch::async, [&] { connection_.release(); });
@@ -374,7 +378,7 @@ TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
       on_call["init_instance"] = [&](const Call&) {
         EXPECT_FALSE(released) << "no attempt follows the release";
         release_at_moment("connect");
-        return release_at == "sleep" ? QMI_TIMEOUT_ERR : 0;
+        return row.release_at == "sleep" ? QMI_TIMEOUT_ERR : 0;
       };
       lose_service(lost);
       run_held();
@@ -382,8 +386,8 @@ TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
       if (notifier != nullptr) announce_service(notifier);
       run_held();
       if (other.valid()) other.get();
-      EXPECT_EQ(statuses(), wanted);
-      EXPECT_EQ(open_handles() - others, left_open);
+      EXPECT_EQ(statuses(), row.wanted);
+      EXPECT_EQ(open_handles() - others, row.left_open);
       EXPECT_TRUE(connection_.is_clear());
       reports.react = nullptr;
       on_call["release"] = on_call["sleep"] = on_call["init_instance"] = nullptr;
