@@ -215,7 +215,8 @@ INSTANTIATE_TEST_SUITE_P(, ServiceConnection, testing::ValuesIn(kConnections),
 
 class Reconnect : public ServiceConnection {
  protected:
-  qmi_client_type notifier() const { return *connection_.notifier; }
+  // The library's threads write it meanwhile.
+  qmi_client_type notifier() const { return __atomic_load_n(connection_.notifier, __ATOMIC_RELAXED); }
 };
 
 TEST_P(Reconnect, ReportsAFailureOfEachStep) {
