@@ -12,11 +12,6 @@
 #include "nas_client.h"
 #include "pelmar_ssr.h"
 
-// The library does not unregister a voter, so the voter's threads are never joined.
-extern "C" const char* __tsan_default_options() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
-  return "report_thread_leaks=0";
-}
-
 namespace pelmar::system_test {
 namespace {
 
@@ -57,6 +52,7 @@ class RestartTest : public ModemTest {
     EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
     EXPECT_TRUE(wait_for_state("ready"));
   }
+  ~RestartTest() override { modem_api_peripheral_mng_deinit(); }
 
   bool wait_for_state(const char* state) {
     return wait_until([&] { return modem().value("status", "/state") == state; });
