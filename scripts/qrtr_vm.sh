@@ -23,17 +23,23 @@ shift $((OPTIND - 1))
 script=$(realpath -e "$1")
 shift
 
-# Downloads packages and extracts the files that are needed. The name of the kernel's package contains its version, so
-# it is read from the dependencies of linux-image-amd64.
+# The name of the kernel's package contains its version, so it is read from the dependencies of linux-image-amd64.
+fetch() {
+  local kernel
+  kernel=$(apt-cache depends linux-image-amd64 | sed -n 's/.*Depends: \(linux-image-[0-9][^ ]*\)$/\1/p')
+  [ -n "$kernel" ] && apt-get download -qq "$kernel" busybox-static qrtr-tools
+}
+
+# Downloads packages and extracts the files that are needed.
 prepare() (
   mkdir -p "$vm"
   exec 9>"$vm/lock"
   flock 9
   [ ! -e "$vm/ready" ] || return 0
   cd "$vm"
-  kernel=$(apt-cache depends linux-image-amd64 | sed -n 's/.*Depends: \(linux-image-[0-9][^ ]*\)$/\1/p')
-  apt-get download -qq "$kernel" busybox-static qrtr-tools ||
-    { echo "qrtr_vm: cannot download $kernel, busybox-static and qrtr-tools: run apt-get update" >&2; exit 1; }
+  # The package lists may be absent, or older than the packages.
+  fetch || { apt-get update -qq && fetch; } ||
+    { echo "qrtr_vm: cannot download Debian's kernel, busybox-static and qrtr-tools" >&2; exit 1; }
   for package in ./*.deb; do
     dpkg-deb --fsys-tarfile "$package" | tar -x --wildcards --no-anchored 'vmlinuz-*' qrtr.ko busybox qrtr-lookup \
       2>/dev/null || true  # tar fails for files that a package does not have
