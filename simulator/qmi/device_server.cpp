@@ -148,6 +148,7 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
       is_looking_ = false;
       server_.loop_.watch(terminal_.get(), EPOLLIN, *this);
     });
+    drained();  // what waited is dropped; a sender that waits for room goes on
   }
 
   DeviceServer& server_;

@@ -518,7 +518,7 @@ void ModemDevice::release_id(uint8_t service, uint8_t client) {
   constexpr uint8_t kIdTlv = 0x01;
   writer.add_tlv(kIdTlv, std::array{service, client});
   const auto frame = writer.finish();
-  unwritten_.push_back({0, {frame.begin(), frame.end()}, true});
+  unwritten_.push_back({0, {frame.begin(), frame.end()}, true});  // belongs to no link, so no link's end removes it
   arm();
 }
 

@@ -93,6 +93,7 @@ Problem QmuxLink::open(const ModemAddress& named, const Deadline& deadline) {
 void QmuxLink::close() {
   stream_.close();
   device_ = {};
+  is_unsent_ = false;
 }
 
 SendStatus QmuxLink::send(std::span<const uint8_t> frame) {

@@ -14,14 +14,14 @@ namespace pelmar::platform {
 
 class SocketStream {
  public:
-  // Connects to a path, or to an abstract name written as @NAME. Reports to
-  // the system log if there is a listener that cannot be used or does not admit this user.
+  // Connects to a path, or to an abstract name written as @NAME. Reports to the system log if there is a listener that
+  // cannot be used or does not admit this user.
   Problem connect(const std::string& address, const Deadline& deadline);
 
   // Why a listener that has not sent anything may have refused this user, and what to do; empty: no such reason.
   std::string describe_refusal() const;
 
-  // Takes over a connected socket. False if it is none.
+  // Takes over a connected socket. False if there is none, or its time-out cannot be set.
   bool adopt(ProcessFd socket);
 
   bool is_open() const { return static_cast<bool>(descriptor_); }
