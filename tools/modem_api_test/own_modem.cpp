@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +20,7 @@
 #include <thread>
 #include <utility>
 
+#include "detached_process.h"
 #include "environment.h"
 #include "failure.h"
 #include "output.h"
@@ -85,24 +85,12 @@ std::string start_modem_process(const std::string& socket, const std::string& st
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  sigset_t none;
-  sigset_t all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
   const char* const arguments[] = {kProgram,           "serve",      "--socket",
                                    socket.c_str(),     "--storage",  storage.c_str(),
                                    "--exit-when-idle", kIdleSeconds, nullptr};
   pid_t process = 0;
-  const int error =
-      posix_spawn(&process, program.c_str(), &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  const int error = spawn_detached(program.c_str(), arguments, actions, process);
   posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
   if (error != 0) return program + ": " + strerror(error);
   input.reset();
 

@@ -1,7 +1,5 @@
 #include "qmi_proxy.h"
 
-#include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "detached_process.h"
 #include "handle.h"
 #include "qmux_link.h"
 #include "unix_socket.h"
@@ -39,22 +38,10 @@ bool may_try_now() {
 int start_detached(const char* program) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  sigset_t none;
-  sigset_t all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
   const char* const arguments[] = {"sh", "-c", "\"$0\" </dev/null >/dev/null 2>&1 &", program, nullptr};
   pid_t shell = 0;
-  const int error =
-      ::posix_spawn(&shell, "/bin/sh", &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  const int error = spawn_detached("/bin/sh", arguments, actions, shell);
   posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
   while (error == 0 && ::waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
   }
   return error;
