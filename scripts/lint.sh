@@ -9,12 +9,15 @@ build=${1:?usage: scripts/lint.sh BUILD_DIRECTORY}
 git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run --Werror
 echo "format: clean"
 
-# The compilation database names each source once for each target that compiles it.
-sources=$(python3 - "$build/compile_commands.json" <<'PY'
+# The compilation database names each source once for each target that compiles it. A unity build's sources are in the
+# build directory, each with several of the project's; so the headers that these share are read once.
+sources=$(python3 - "$build" <<'PY'
 import json, os, sys
-files = {os.path.relpath(entry["file"]) for entry in json.load(open(sys.argv[1]))}
-print("\n".join(sorted(f for f in files if not f.startswith(("..", "build", "fuzz", "tests")))))
+build = sys.argv[1].rstrip("/")
+files = {os.path.relpath(entry["file"]) for entry in json.load(open(build + "/compile_commands.json"))}
+skipped = tuple(prefix + name for prefix in ("", build + "/") for name in ("fuzz/", "tests/")) + ("../",)
+print("\n".join(sorted(f for f in files if not f.startswith(skipped))))
 PY
 )
-printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 4 clang-tidy -p "$build" --quiet
+printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 1 clang-tidy -p "$build" --quiet
 echo "lint: clean"

@@ -22,7 +22,7 @@ namespace {
 constexpr size_t kMaxItemFileBytes = 4096;  // hexadecimal text, with space for white space that a user has added
 
 // A file's path: its directories, opened, and the names of all components; the last one is the file's.
-struct Place {
+struct FilePath {
   std::vector<UniqueFd> directories;
   std::vector<std::string> components;
 
@@ -30,25 +30,25 @@ struct Place {
 };
 
 // Opens the directories one component at a time.
-QmiError walk(int top, const std::string& path, bool create, Place& place) {
+QmiError walk(int top, const std::string& path, bool create, FilePath& file) {
   size_t start = 0;
   for (size_t end = path.find('/'); end != std::string::npos; start = end + 1, end = path.find('/', start)) {
-    place.components.push_back(path.substr(start, end - start));
-    const char* component = place.components.back().c_str();
+    file.components.push_back(path.substr(start, end - start));
+    const char* component = file.components.back().c_str();
     UniqueFd next =
-        create ? open_or_create_directory(place.parent(top), component) : open_directory(place.parent(top), component);
+        create ? open_or_create_directory(file.parent(top), component) : open_directory(file.parent(top), component);
     if (!next) return error_of_errno(errno);
-    place.directories.push_back(std::move(next));
+    file.directories.push_back(std::move(next));
   }
-  place.components.push_back(path.substr(start));
+  file.components.push_back(path.substr(start));
   return QMI_ERR_NONE_V01;
 }
 
 // Removes directories that became empty, so that their names are free for files.
-void prune(int top, Place& place) {
-  while (!place.directories.empty()) {
-    place.directories.pop_back();
-    if (unlinkat(place.parent(top), place.components[place.directories.size()].c_str(), AT_REMOVEDIR) != 0) return;
+void prune(int top, FilePath& file) {
+  while (!file.directories.empty()) {
+    file.directories.pop_back();
+    if (unlinkat(file.parent(top), file.components[file.directories.size()].c_str(), AT_REMOVEDIR) != 0) return;
   }
 }
 
@@ -102,12 +102,12 @@ QmiError Store::write(const std::string& path, std::span<const uint8_t> bytes, s
   if (path.empty()) return QMI_ERR_INVALID_ARG_V01;
   const bool is_new = !entries_.contains(path);
   if (is_new && free_entries_ == 0) return QMI_ERR_DEVICE_STORAGE_FULL_V01;
-  Place place;
-  QmiError error = walk(directory(), path, true, place);
+  FilePath file;
+  QmiError error = walk(directory(), path, true, file);
   if (error == QMI_ERR_NONE_V01)
-    error = replace_file(root_, place.parent(directory()), place.components.back().c_str(), content);
+    error = replace_file(root_, file.parent(directory()), file.components.back().c_str(), content);
   if (error != QMI_ERR_NONE_V01) {
-    prune(directory(), place);
+    prune(directory(), file);
     return error;
   }
   entries_[path].assign(bytes.begin(), bytes.end());
@@ -119,14 +119,14 @@ QmiError Store::remove(const std::string& path) {
   if (path.empty()) return QMI_ERR_INVALID_ARG_V01;
   const auto entry = entries_.find(path);
   if (entry == entries_.end()) return QMI_ERR_NO_ENTRY_V01;
-  Place place;
-  const QmiError error = walk(directory(), path, false, place);
+  FilePath file;
+  const QmiError error = walk(directory(), path, false, file);
   if (error != QMI_ERR_NONE_V01 && error != QMI_ERR_NO_ENTRY_V01) return error;
   if (error == QMI_ERR_NONE_V01) {
-    if (unlinkat(place.parent(directory()), place.components.back().c_str(), 0) != 0 && errno != ENOENT) {
+    if (unlinkat(file.parent(directory()), file.components.back().c_str(), 0) != 0 && errno != ENOENT) {
       return error_of_errno(errno);
     }
-    prune(directory(), place);
+    prune(directory(), file);
   }
   entries_.erase(entry);
   ++free_entries_;

@@ -19,8 +19,6 @@ using sim::test::Outcome;
 using sim::test::Process;
 using testing::HasSubstr;
 
-constexpr const char* kQmicli = "/usr/bin/qmicli";
-
 class DeviceTest : public ModemTest {
  protected:
   explicit DeviceTest(const char* transport = "device") : ModemTest(use(transport)) {}
@@ -48,8 +46,9 @@ class ProxyTest : public DeviceTest {
 TEST_F(DeviceTest, ProgramsOpenTheDeviceInTurn) {
   EXPECT_EQ(run({"nv", "write", "7", "--text", "device"}).status, 0);
   ctl("drx 0 8");
-  if (access(kQmicli, X_OK) == 0) {
-    const Outcome drx = sim::test::run_program({kQmicli, "--device-open-qmi", "-d", modem().device(), "--nas-get-drx"});
+  if (access(sim::test::kQmicli, X_OK) == 0) {
+    const Outcome drx =
+        sim::test::run_program({sim::test::kQmicli, "--device-open-qmi", "-d", modem().device(), "--nas-get-drx"});
     EXPECT_THAT(drx.output, HasSubstr("cn8-t128"));
   }
   EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("device"));

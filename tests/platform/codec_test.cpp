@@ -57,7 +57,7 @@ const std::string kEight = "03 0800 0807060504030201 ";
 const std::string kText = "04 0200 6869 ";
 const std::string kGood = kSuccess + kEight + kText;
 
-struct Message {
+struct MessageCase {
   qmi_idl_service_object_type service;
   qmi_idl_type_of_message_type type;
   uint16_t id;
@@ -66,7 +66,7 @@ struct Message {
   std::string content;  // of the structure: bytes behind each offset, zero elsewhere
 };
 
-const Message kRows[] = {
+const MessageCase kRows[] = {
     {&kMade, kRequest, 0x0020, 1, "", ""},
     {&kMade, kResponse, 0x5678, kSize, kGood, "8:0807060504030201 16:6869"},
     {&kMade, kResponse, 0x5678, kSize,
@@ -115,11 +115,11 @@ Bytes structure_of(const std::string& content, size_t size) {
 }
 
 // The vectors have exactly the sizes that are passed, so that a sanitizer reports every access beyond.
-int32_t decode_to(const Message& row, const Bytes& wire, Bytes& structure) {
+int32_t decode_to(const MessageCase& row, const Bytes& wire, Bytes& structure) {
   structure.assign(row.size, 0xEE);
   return decode(row.service, row.type, row.id, wire.data(), wire.size(), structure.data(), structure.size());
 }
-int32_t encode_from(const Message& row, const Bytes& structure, size_t room, Bytes& wire) {
+int32_t encode_from(const MessageCase& row, const Bytes& structure, size_t room, Bytes& wire) {
   wire.resize(room);
   size_t length = room + 1;
   const int32_t error = encode(row.service, row.type, row.id, structure.data(), row.size, wire.data(), room, &length);
@@ -128,7 +128,7 @@ int32_t encode_from(const Message& row, const Bytes& structure, size_t room, Byt
 }
 
 TEST(Codec, DecodesAndEncodesEveryMessage) {
-  for (const Message& row : kRows) {
+  for (const MessageCase& row : kRows) {
     SCOPED_TRACE(row.wire);
     const Bytes wire = bytes_of(row.wire), structure = structure_of(row.content, row.size);
     Bytes result;
@@ -197,7 +197,7 @@ TEST(Codec, EncodesNoMoreThanTheMaximum) {
   };
   for (const auto& [content, error] : cases) {
     Bytes result;
-    const Message row = {&kMade, kRequest, 0x5678, kSize, "", ""};
+    const MessageCase row = {&kMade, kRequest, 0x5678, kSize, "", ""};
     EXPECT_EQ(encode_from(row, structure_of(content, kSize), 4096, result), error) << content;
     EXPECT_EQ(result.empty(), error != 0);
   }
@@ -205,7 +205,7 @@ TEST(Codec, EncodesNoMoreThanTheMaximum) {
 
 TEST(Codec, RefusesUnknownMessagesAndVersions) {
   Bytes result;
-  const Message unknown = {&kMade, kRequest, 0x0022, kSize, "", ""};
+  const MessageCase unknown = {&kMade, kRequest, 0x0022, kSize, "", ""};
   EXPECT_EQ(encode_from(unknown, Bytes(kSize), 64, result), -43);
   EXPECT_EQ(decode_to(unknown, {}, result), -43);
   EXPECT_EQ(nas_get_service_object_internal_v01(1, 387, 6), nullptr);

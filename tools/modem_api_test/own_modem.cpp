@@ -35,22 +35,22 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr const char* kStep = "starting the simulated modem";
-constexpr const char* kProgram = "modem_sim";
-constexpr const char* kProgramVariable = "PELMAR_MODEM_SIM";
+constexpr const char* kModemProgram = "modem_sim";
+constexpr const char* kModemProgramVariable = "PELMAR_MODEM_SIM";
 constexpr const char* kIdleSeconds = "60";
 constexpr std::chrono::seconds kReadyPatience{20};
 constexpr std::string_view kReadyLine = "modem_sim: ready on ";
 
 std::string find_program() {
-  if (std::string named = environment(kProgramVariable); !named.empty()) return named;
+  if (std::string named = environment(kModemProgramVariable); !named.empty()) return named;
   std::error_code error;
   const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
   for (const fs::path& directory : {here, here.parent_path() / "bin"}) {
-    const fs::path program = directory / kProgram;
+    const fs::path program = directory / kModemProgram;
     if (access(program.c_str(), X_OK) == 0) return program;
   }
-  throw Failure(kStep, std::string("no program ") + kProgram + " is in this program's directory, nor in ../bin",
-                std::string("Build it, set ") + kProgramVariable + " to its path, or name a modem with --modem.");
+  throw Failure(kStep, std::string("no program ") + kModemProgram + " is in this program's directory, nor in ../bin",
+                std::string("Build it, set ") + kModemProgramVariable + " to its path, or name a modem with --modem.");
 }
 
 enum class Start { kReady, kEnded, kTooLate };
@@ -85,7 +85,7 @@ std::string start_modem_process(const std::string& socket, const std::string& st
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const char* const arguments[] = {kProgram,           "serve",      "--socket",
+  const char* const arguments[] = {kModemProgram,      "serve",      "--socket",
                                    socket.c_str(),     "--storage",  storage.c_str(),
                                    "--exit-when-idle", kIdleSeconds, nullptr};
   pid_t process = 0;

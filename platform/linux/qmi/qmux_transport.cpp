@@ -14,9 +14,6 @@ namespace {
 
 using Outcome = QmuxLink::Outcome;
 
-// A modem that takes longer to list its services counts as absent.
-constexpr Deadline::Milliseconds kLookTimeout{2000};
-
 // The longest delay of an open by the release of client ids that dead processes left.
 constexpr Deadline::Milliseconds kReleaseTimeout{500};
 

@@ -29,9 +29,6 @@ constexpr int kReceiveBuffer = 16 << 20;
 // Messages of all services but CTL have the same header.
 constexpr uint8_t kAnyService = 1;
 
-// If the name service takes longer to list a service, the service counts as absent.
-constexpr Deadline::Milliseconds kLookTimeout{2000};
-
 // A service that has no room is tried again after this time: the kernel does not report that there is room again.
 constexpr Deadline::Milliseconds kSendPause{1};
 

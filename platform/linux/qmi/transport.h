@@ -85,6 +85,9 @@ struct Presence {
   bool went_meanwhile;  // the service was absent at some time since the last look()
 };
 
+// If a modem or a name service takes longer to list its services, they count as absent.
+inline constexpr Deadline::Milliseconds kLookTimeout{2000};
+
 // Checks whether a service is there.
 class ServiceWatch {
  public:

@@ -30,7 +30,7 @@ struct Report {
 };
 
 // "up", "absent", or why it cannot be opened.
-std::string probe(const Context& context, const ServiceRow& service) {
+std::string probe_service(const Context& context, const ServiceRow& service) {
   if (!is_present(service.type)) return "absent";
   try {
     context.session.open(service.type);
@@ -164,7 +164,7 @@ bool put_services(Report& report, const Context& context) {
   bool is_any_up = false;
   report.heading("services");
   for (const ServiceRow& service : services()) {
-    const std::string state = probe(context, service);
+    const std::string state = probe_service(context, service);
     const bool is_up = state == "up";
     is_any_up |= is_up;
     const qmi_idl_service_object_type object = service.object();
