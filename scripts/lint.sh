@@ -9,15 +9,30 @@ build=${1:?usage: scripts/lint.sh BUILD_DIRECTORY}
 git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run --Werror
 echo "format: clean"
 
-# The compilation database names each source once for each target that compiles it. A unity build's sources are in the
-# build directory, each with several of the project's; so the headers that these share are read once.
-sources=$(python3 - "$build" <<'PY'
-import json, os, sys
-build = sys.argv[1].rstrip("/")
-files = {os.path.relpath(entry["file"]) for entry in json.load(open(build + "/compile_commands.json"))}
-skipped = tuple(prefix + name for prefix in ("", build + "/") for name in ("fuzz/", "tests/")) + ("../",)
-print("\n".join(sorted(f for f in files if not f.startswith(skipped))))
+# The compilation database names each source once for each target that compiles it. A unity build's sources include
+# several of the project's, so the headers that these share are read once; the analyzer enters them if the including
+# file's name contains "UnifiedSource".
+sources=$(python3 - "$build" build/lint <<'PY'
+import json, os, re, shutil, sys
+build, lint = sys.argv[1].rstrip("/"), sys.argv[2]
+shutil.rmtree(lint, ignore_errors=True)
+os.makedirs(lint)
+sources, entries = set(), []
+for entry in json.load(open(build + "/compile_commands.json")):
+    file = os.path.relpath(entry["file"])
+    if file.removeprefix(build + "/").startswith(("fuzz/", "tests/", "../")):
+        continue
+    unity = re.search(r"(\w+)\.dir/Unity/unity_(\d+)_", file)
+    if unity:
+        file = f"{lint}/UnifiedSource-{unity[1]}-{unity[2]}.cpp"
+        shutil.copy(entry["file"], file)
+        entry["command"] = entry["command"].replace(entry["file"], os.path.abspath(file))
+        entry["file"] = os.path.abspath(file)
+    sources.add(file)
+    entries.append(entry)
+json.dump(entries, open(lint + "/compile_commands.json", "w"))
+print("\n".join(sorted(sources, reverse=True)))
 PY
 )
-printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 1 clang-tidy -p "$build" --quiet
+printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 1 nice clang-tidy -p build/lint --quiet
 echo "lint: clean"
