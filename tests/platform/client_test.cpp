@@ -17,6 +17,11 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
     std::this_thread::sleep_for(milliseconds(600));
     return true;
   };
+  const auto lists_none = [](int, uint16_t id, Bytes& tlvs) {
+    constexpr size_t kCountAt = 10;  // behind the result TLV and the head of the list
+    if (id == ScriptedModem::kGetVersionInfo) tlvs[kCountAt] = 0;
+    return true;
+  };
   connect();
   const std::string socket = ::getenv("PELMAR_MODEM");
   const struct {
@@ -25,6 +30,7 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   } cases[] = {
       {[this] { modem_.client_id_limit = 1; }, QMI_CLIENT_ALLOC_FAILURE},
       {[&] { modem_.on_control.set(is_slow); }, QMI_TIMEOUT_ERR},
+      {[&] { modem_.on_control.set(lists_none); }, QMI_TIMEOUT_ERR},
       {[] { ::setenv("PELMAR_MODEM", "qrtr:x", 1); }, QMI_CLIENT_PARAM_ERR},
       {[] { ::setenv("PELMAR_MODEM", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
       {[this] { modem_.services.set({0x11}); }, QMI_TIMEOUT_ERR},

@@ -208,6 +208,9 @@ TEST(Codec, RefusesUnknownMessagesAndVersions) {
   const MessageCase unknown = {&kMade, kRequest, 0x0022, kSize, "", ""};
   EXPECT_EQ(encode_from(unknown, Bytes(kSize), 64, result), -43);
   EXPECT_EQ(decode_to(unknown, {}, result), -43);
+  const MessageCase without_tlvs = kRows[0];
+  EXPECT_EQ(decode_to(without_tlvs, {0x10, 1, 0, 7}, result), 0) << "an unknown TLV is skipped";
+  EXPECT_EQ(result, Bytes(1));
   EXPECT_EQ(nas_get_service_object_internal_v01(1, 387, 6), nullptr);
 }
 

@@ -134,6 +134,9 @@ TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
   for (const char* const device : std::initializer_list<const char*>{nullptr, "", too_long.c_str(), "a\nb"}) {
     EXPECT_EQ(pm_client_register(on_event, this, device, "tester", &state_, &handle_), PM_RET_FAILED);
   }
+  EXPECT_EQ(pm_client_register(nullptr, this, "modem", "tester", &state_, &handle_), PM_RET_FAILED);
+  EXPECT_EQ(pm_client_register(on_event, this, "modem", nullptr, &state_, &handle_), PM_RET_FAILED);
+  EXPECT_EQ(pm_client_register(on_event, this, "modem", "tester", &state_, nullptr), PM_RET_FAILED);
   pollfd connected = {listener_.get(), POLLIN, 0};
   EXPECT_EQ(::poll(&connected, 1, 0), 0) << "no such request reaches the manager";
   ::setenv("PELMAR_PM_SOCKET", "@nobody-manages-here", 1);
