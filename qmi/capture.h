@@ -16,6 +16,7 @@
 // The bytes that are read come from a file and may be anything. All memory is bounded.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -48,8 +49,8 @@ int open_capture(const std::string& name, std::string& problem);
 // Any number of threads may use a writer.
 class CaptureWriter {
  public:
-  // Writes a section header. `program` is its name and version. The descriptor is not closed. `ended` is called once, if
-  // a write fails, with errno's value; nothing more is written then.
+  // Writes a section header. `program` is its name and version. The descriptor is not closed. `ended` is called once,
+  // if a write fails, with errno's value; nothing more is written then.
   CaptureWriter(int descriptor, std::string_view program, std::function<void(int error)> ended);
 
   // Returns the number of the link. kShared: an earlier link of the same description has that number.
@@ -61,7 +62,10 @@ class CaptureWriter {
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 
  private:
-  void write_block(std::span<const std::span<const uint8_t>> parts);
+  using Parts = std::array<std::span<const uint8_t>, 3>;
+
+  void write_block(const Parts& parts);
+  void end(int error);
 
   const int descriptor_;
   const bool is_file_;
@@ -94,7 +98,7 @@ class CaptureReader {
   Status next(CapturedMessage& message);
 
   // The link of a message. Links of different sections have different numbers, unless there are very many.
-  const CaptureLink& link(uint32_t number) const { return links_[number].names; }
+  const CaptureLink& link(uint32_t number) const;
 
   // The packets that are no QMI messages.
   uint64_t skipped() const { return skipped_; }
@@ -107,16 +111,16 @@ class CaptureReader {
     CaptureLink names = {};
     bool is_qmi = false;
     uint64_t ticks_a_second = 1'000'000;
-    int64_t offset_seconds = 0;
+    uint64_t offset_seconds = 0;
   };
 
+  Status find_message(CapturedMessage& message);
   bool fill(size_t length);
   bool skip(uint64_t length);
   uint16_t u16(const uint8_t* at) const;
   uint32_t u32(const uint8_t* at) const;
-  Status begin_section();
   void add_link(std::span<const uint8_t> block);
-  bool take_message(std::span<const uint8_t> block, CapturedMessage& message);
+  bool take_packet(std::span<const uint8_t> block, CapturedMessage& message) const;
 
   const int descriptor_;
   const std::unique_ptr<uint8_t[]> buffer_;
@@ -124,7 +128,6 @@ class CaptureReader {
   size_t end_ = 0;
   uint64_t position_ = 0;
   size_t block_ = 0;  // the length of the block that was returned last
-  bool has_section_ = false;
   bool is_swapped_ = false;
   Status status_ = Status::kMessage;
   std::vector<Link> links_;
