@@ -1,11 +1,13 @@
-// Files that others write: system properties, and scenarios of the simulated modem.
+// Files that others write: system properties, scenarios of the simulated modem, and captures of messages.
 //
-//   input: u8 kind (a scenario, a property's file, or a property's name and its value behind a zero byte), the bytes
+//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, or a capture's
+//          blocks behind its header), the bytes
 //
 // A scenario is refused with an error that names a place, or never has a number outside its field's range. A property
 // is read as a terminated value within its limit, or as the default. A value that was set is read back. No name leads
-// out of the directory.
+// out of the directory. Of a capture, as many messages are read as can be in it, and a link's names are bounded.
 #include <stdlib.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstring>
@@ -13,9 +15,11 @@
 #include <fstream>
 #include <string>
 
+#include "capture.h"
 #include "cutils/properties.h"
 #include "messages.h"
 #include "scenario/scenario.h"
+#include "unique_fd.h"
 
 using namespace pelmar::fuzz;
 using namespace pelmar::sim;
@@ -77,15 +81,34 @@ void set_and_get(const fs::path& outside, const std::string& name, const std::st
   require(std::distance(fs::directory_iterator(outside), {}) == 1);
 }
 
+void read_capture(std::string text) {
+  constexpr size_t kLeastPacket = 40;
+  const std::string header("\x0a\x0d\x0d\x0a\x1c\0\0\0\x4d\x3c\x2b\x1a\1\0\0\0\0\0\0\0\0\0\0\0\x1c\0\0\0", 28);
+  text.insert(0, header);
+  const pelmar::UniqueFd file(memfd_create("capture", MFD_CLOEXEC));
+  require(write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()));
+  lseek(file.get(), 0, SEEK_SET);
+  pelmar::qmi::CaptureReader reader(file.get());
+  pelmar::qmi::CapturedMessage message;
+  size_t count = 0;
+  for (; reader.next(message) == pelmar::qmi::CaptureReader::Status::kMessage; ++count) {
+    require(reader.link(message.link).transport.size() < 256);
+    pelmar::qmi::read_message(message.frame);
+  }
+  require(count * kLeastPacket <= text.size() && reader.position() <= text.size());
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   static const Outside outside;
   const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (data[0] % 3 == 0) {
+  if (data[0] % 4 == 0) {
     read_scenario(text);
-  } else if (data[0] % 3 == 1) {
+  } else if (data[0] % 4 == 3) {
+    read_capture(text);
+  } else if (data[0] % 4 == 1) {
     std::ofstream(outside.path / "properties/persist/persist.file", std::ios::binary) << text;
     get("persist.file");
   } else {

@@ -21,6 +21,10 @@ mkdir -p "$findings" "$scratch/files"
 for scenario in docs/*.json; do
   { printf '\0'; cat "$scenario"; } >"$scratch/files/$(basename "$scenario")"
 done
+{ # a capture's link and one message
+  printf '\3\1\0\0\0\34\0\0\0\223\0\0\0\0\0\0\0\2\0\1\0a\0\0\0\34\0\0\0'
+  printf '\6\0\0\0\50\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\7\0\0\0\7\0\0\0\1\6\0\0\3\1a\0\50\0\0\0'
+} >"$scratch/files/capture"
 
 for target in client codec files library simulator; do
   program=$build/bin/fuzz_$target

@@ -122,6 +122,10 @@ CommandLine::CommandLine()
   global.add_flag("--phone-rules", settings_.phone_rules,
                   "give callbacks and requests the rules of a phone's framework; a call that would never return there "
                   "ends with a message");
+  global.add_text("--trace", settings_.trace,
+                  "write every message to this capture, in place of an earlier one; %p in the name is the process id "
+                  "(-: to standard output, and what the command prints to standard error)",
+                  {.type = "FILE"});
   global.add_number("--timeout", settings_.seconds, "end with an error after that many seconds", {.type = "SECONDS"},
                     UINT32_MAX, 1);
   add_info_command(*this);

@@ -38,6 +38,7 @@ struct NoValues {};
 
 struct Settings {
   std::string modem;
+  std::string trace;
   bool json = false;
   bool verbose = false;
   bool waits = false;

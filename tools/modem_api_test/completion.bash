@@ -4,7 +4,7 @@
 _modem_api_test() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} word
   case $previous in
-    --output | -o | --csv | --plot | --from | --modem)
+    --output | -o | --csv | --plot | --from | --modem | --trace)
       compopt -o default
       return
       ;;

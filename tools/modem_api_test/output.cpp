@@ -74,6 +74,14 @@ bool write_all(int fd, std::string_view text) {
 
 Output::Output(bool json) : fd_(take_standard_output()), is_json_(json) {}
 
+int Output::give_away() {
+  UniqueFd error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (!error) throw Failure::of_system("opening the standard error");
+  const int given = fd_.release();
+  fd_ = std::move(error);
+  return given;
+}
+
 void Output::print(const Json& document, std::string_view text) {
   std::string printed = is_json_ ? to_line(document) : printable_text(text, kLayout);
   if (!printed.ends_with('\n')) printed += '\n';

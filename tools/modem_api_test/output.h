@@ -27,6 +27,9 @@ class Output {
   bool is_json() const { return is_json_; }
   int descriptor() const { return fd_.get(); }
 
+  // From now on prints on standard error. Returns the descriptor of standard output, which stays open.
+  int give_away();
+
   // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
   // line ends and tabs are escaped. Throws when it cannot.
   void print(const Json& document, std::string_view text);
@@ -38,7 +41,7 @@ class Output {
   void report(const Failure& failure);
 
  private:
-  const UniqueFd fd_;
+  UniqueFd fd_;
   const bool is_json_;
 };
 

@@ -76,21 +76,29 @@ Handle new_handle() {
   return reinterpret_cast<Handle>(last.fetch_add(kStep, std::memory_order_relaxed) + kStep);
 }
 
+// The one object of its type in this process. A child of fork() starts with a new one and never touches its parent's:
+// threads that the child does not have may hold the locks there. None is destroyed, because threads may use it until
+// the process ends. Of two objects that threads make at the same time, one is destroyed unused.
+template <typename T>
+T& of_process() {
+  struct Entry {
+    const unsigned forks = fork_count();
+    T object;
+  };
+  constinit static std::atomic<Entry*> current{nullptr};
+  Entry* entry = current.load();
+  if (entry != nullptr && entry->forks == fork_count()) return entry->object;
+  auto* const own = new Entry;
+  if (current.compare_exchange_strong(entry, own)) return own->object;
+  delete own;
+  return entry->object;
+}
+
 // The live handles of one kind.
 template <typename T, typename Handle = qmi_client_type>
 class HandleTable {
  public:
-  // A child of fork() starts with a new, empty table and never touches its parent's: threads that the child does not
-  // have may hold the locks there. No table is destroyed, because threads may use it until the process ends.
-  static HandleTable& of_this_process() {
-    constinit static std::atomic<HandleTable*> current{nullptr};
-    HandleTable* table = current.load();
-    if (table != nullptr && table->forks_ == fork_count()) return *table;
-    auto* const own = new HandleTable;
-    if (current.compare_exchange_strong(table, own)) return *own;
-    delete own;
-    return *table;
-  }
+  static HandleTable& of_this_process() { return of_process<HandleTable>(); }
 
   void add(Handle handle, std::shared_ptr<T> object) {
     const std::lock_guard lock(mutex_);
@@ -119,7 +127,6 @@ class HandleTable {
   }
 
  private:
-  const unsigned forks_ = fork_count();
   mutable std::mutex mutex_;
   std::unordered_map<Handle, std::shared_ptr<T>> objects_;
 };

@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -30,6 +29,7 @@
 #include <vector>
 
 #include "environment.h"
+#include "message_trace.h"
 #include "qmux_link.h"
 
 namespace pelmar::platform {
@@ -166,13 +166,12 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
 // while it holds the device's.
 class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
  public:
-  // The open devices of this process. A child of fork() starts without any.
+  // The open devices of this process.
   struct Registry {
-    const unsigned forks = fork_count();
     std::mutex mutex;  // locked before that of a device
     std::map<std::string, std::shared_ptr<ModemDevice>> devices;
 
-    static Registry& of_this_process();
+    static Registry& of_this_process() { return of_process<Registry>(); }
   };
 
   ModemDevice(std::string path, ProcessFd device);
@@ -241,6 +240,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   }
 
   const std::string path_;
+  const TraceLink trace_{path_, TraceLink::Sharing::kShared};
   ProcessFd poll_;  // an epoll descriptor: the thread's wake-up, the device, and the links' sockets
   FrameworkThread thread_;
 
@@ -274,16 +274,6 @@ ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received) {
 }
 
 }  // namespace
-
-ModemDevice::Registry& ModemDevice::Registry::of_this_process() {
-  constinit static std::atomic<Registry*> current{nullptr};
-  Registry* registry = current.load();
-  if (registry != nullptr && registry->forks == fork_count()) return *registry;
-  auto* const own = new Registry;  // never destroyed: threads may connect until the process ends
-  if (current.compare_exchange_strong(registry, own)) return *own;
-  delete own;
-  return *registry;
-}
 
 ModemDevice::ModemDevice(std::string path, ProcessFd device)
     : path_(std::move(path)), poll_([] { return ::epoll_create1(EPOLL_CLOEXEC); }), device_(std::move(device)) {
@@ -376,7 +366,10 @@ void ModemDevice::read_device() {
   if (count < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOBUFS)) return;
   if (count > 0) frames_.add(static_cast<size_t>(count));
   qmi::Frame frame;
-  while (frames_.next(frame)) pass_on(frame);
+  while (frames_.next(frame)) {
+    trace_.write(qmi::Direction::kFromModem, frame);
+    pass_on(frame);
+  }
   if (frames_.is_broken()) report_problem(path_ + " sent bytes that are no QMUX frame: is it the modem's QMI device?");
   if (count > 0 && !frames_.is_broken()) return;
   is_gone_ = true;
@@ -411,6 +404,7 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
     control_[last_transaction_] = {link, std::exchange(copy[kTransactionAt], last_transaction_)};
     frame = copy;
   }
+  trace_.write_sent(frame);
   ssize_t count = 0;
   if (unwritten_.empty()) {
     count = ::write(device_.get(), frame.data(), frame.size());
@@ -518,6 +512,7 @@ void ModemDevice::release_id(uint8_t service, uint8_t client) {
   constexpr uint8_t kIdTlv = 0x01;
   writer.add_tlv(kIdTlv, std::array{service, client});
   const auto frame = writer.finish();
+  trace_.write_sent(frame);
   unwritten_.push_back({0, {frame.begin(), frame.end()}, true});  // belongs to no link, so no link's end removes it
   arm();
 }

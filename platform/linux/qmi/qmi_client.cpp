@@ -10,6 +10,7 @@
 
 #include "client.h"
 #include "handle.h"
+#include "message_trace.h"
 #include "notifier.h"
 #include "observer.h"
 #include "platform_export.h"
@@ -189,6 +190,10 @@ PELMAR_PLATFORM_EXPORT void pelmar_platform_inspect_modem(ModemReport* report) {
 
 PELMAR_PLATFORM_EXPORT void pelmar_platform_observe_qmi(Observer observer) {
   g_observer = observer;
+}
+
+PELMAR_PLATFORM_EXPORT const char* pelmar_platform_trace_problem() {
+  return guarded("there is no memory for it", trace_problem);
 }
 
 }  // extern "C"

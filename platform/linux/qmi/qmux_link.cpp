@@ -77,14 +77,15 @@ Problem QmuxLink::open(const ModemAddress& named, const Deadline& deadline) {
   reader_ = FrameReader();
   partial_since_.reset();
   if (address.kind == ModemAddress::Kind::kDevice) return {};
-  const std::string device = address.kind == ModemAddress::Kind::kProxy ? address.path : kDefaultDevice;
+  const bool is_proxy = address.kind == ModemAddress::Kind::kProxy;
+  trace_ = TraceLink(is_proxy ? "proxy:" + address.path : address.path, TraceLink::Sharing::kShared);
+  const std::string device = is_proxy ? address.path : kDefaultDevice;
   const Bytes path(device.begin(), device.end());
   const Outcome outcome = exchange(ControlMessage::kOpenProxy, path, deadline, nullptr);
   if (outcome == Outcome::kSuccess) return {};
   Problem problem = {"the process that serves it does not respond in QMUX", true};
   if (outcome == Outcome::kFailure) problem = {"the proxy cannot open " + device, true};
-  if (address.kind == ModemAddress::Kind::kProxy && !is_character_device(device))
-    problem = {"there is no character device " + device, true};
+  if (is_proxy && !is_character_device(device)) problem = {"there is no character device " + device, true};
   if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
   close();
   return problem;
@@ -92,11 +93,13 @@ Problem QmuxLink::open(const ModemAddress& named, const Deadline& deadline) {
 
 void QmuxLink::close() {
   stream_.close();
+  trace_ = {};
   device_ = {};
   is_unsent_ = false;
 }
 
 SendStatus QmuxLink::send(std::span<const uint8_t> frame) {
+  trace_.write_sent(frame);
   if (!device_.device) return stream_.send(frame.data(), frame.size());
   const SendStatus status = send_to_device(device_, frame);
   is_unsent_ = status == SendStatus::kBlocked;
@@ -165,12 +168,18 @@ ReadStatus QmuxLink::read(const Deadline& deadline) {
 }
 
 bool QmuxLink::next(qmi::Frame& frame) {
-  const bool is_whole = reader_.next(frame);
+  const bool is_whole = take_frame(frame);
   if (is_whole || !reader_.has_partial_frame()) {
     partial_since_.reset();
   } else if (!partial_since_) {
     partial_since_ = Deadline::Clock::now();
   }
+  return is_whole;
+}
+
+bool QmuxLink::take_frame(qmi::Frame& frame) {
+  const bool is_whole = reader_.next(frame);
+  if (is_whole) trace_.write(qmi::Direction::kFromModem, frame);
   return is_whole;
 }
 
@@ -192,7 +201,7 @@ QmuxLink::Outcome QmuxLink::exchange(ControlMessage id, const Bytes& value, cons
   if (request(id, value, deadline) != SendStatus::kSent) return Outcome::kNotSent;
   for (;;) {
     qmi::Frame frame;
-    while (reader_.next(frame)) {
+    while (take_frame(frame)) {
       const auto message = qmi::read_message(frame);
       if (frame.service != qmi::kControlService || !message) continue;
       const ControlIndication indication = read_control_indication(*message);

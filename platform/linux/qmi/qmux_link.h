@@ -14,6 +14,7 @@
 
 #include "deadline.h"
 #include "inspection.h"
+#include "message_trace.h"
 #include "modem_address.h"
 #include "modem_device.h"
 #include "qmux.h"
@@ -117,8 +118,10 @@ class QmuxLink {
   Problem connect(const ModemAddress& address, const Deadline& deadline);
   SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
   Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
+  bool take_frame(qmi::Frame& frame);
 
   SocketStream stream_;
+  TraceLink trace_;         // of a socket; a device traces the messages of its links
   DeviceLink device_;       // the link to a device; frames are sent to it, and the stream has its socket
   bool is_unsent_ = false;  // of a device: a frame waits for flush()
   FrameReader reader_;

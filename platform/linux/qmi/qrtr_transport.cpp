@@ -105,6 +105,7 @@ bool QrtrSocket::open() {
     close();
     return false;
   }
+  port_ = own.sq_port;
   name_service_ = {own.sq_node, QRTR_PORT_CTRL};
   return true;
 }
@@ -216,6 +217,7 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
     : socket_(std::move(socket)),
       address_(address),
       service_(service),
+      trace_("qrtr:" + std::to_string(address.node), TraceLink::Sharing::kOwn),
       wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
       capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),
       message_(new uint8_t[capacity_]),
@@ -228,6 +230,11 @@ QrtrConnection::~QrtrConnection() {
 }
 
 SendStatus QrtrConnection::send(size_t length) {
+  trace_.write(qmi::Direction::kToModem, frame_of({message_.get(), length}));
+  return try_send(length);
+}
+
+SendStatus QrtrConnection::try_send(size_t length) {
   unsent_ = 0;
   if (is_shut_down_) return SendStatus::kGone;
   const SendStatus status = socket_.send(address_, message_.get(), length);
@@ -237,7 +244,7 @@ SendStatus QrtrConnection::send(size_t length) {
 
 SendStatus QrtrConnection::flush(const Deadline& deadline) {
   while (unsent_ > 0) {
-    const SendStatus status = send(unsent_);
+    const SendStatus status = try_send(unsent_);
     if (status != SendStatus::kBlocked) return status;
     if (deadline.has_passed()) {
       unsent_ = 0;
@@ -267,6 +274,7 @@ ReadStatus QrtrConnection::read(const Deadline& deadline) {
 Arrival QrtrConnection::next(Message& message) {
   const auto datagram = std::exchange(datagram_, {});
   if (from_ == address_) {
+    if (!datagram.empty()) trace_.write(qmi::Direction::kFromModem, frame_of(datagram));
     const auto arrived = qmi::read_message({kAnyService, qmi::kNoClient, datagram});
     if (arrived && arrived->kind != qmi::MessageKind::kRequest) {
       message = {*arrived};

@@ -25,6 +25,7 @@
 
 #include "deadline.h"
 #include "handle.h"
+#include "message_trace.h"
 #include "modem_address.h"
 #include "transport.h"
 
@@ -80,6 +81,7 @@ class QrtrSocket {
   void close() { descriptor_.reset(); }
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
+  uint32_t port() const { return port_; }
 
   // Sends without waiting. Never returns kTimedOut.
   SendStatus send(const QrtrAddress& to, const void* bytes, size_t length);
@@ -114,6 +116,7 @@ class QrtrSocket {
 
  private:
   ProcessFd descriptor_;
+  uint32_t port_ = 0;
   QrtrAddress name_service_;
 };
 
@@ -141,6 +144,11 @@ class QrtrConnection final : public Connection {
   void shut_down() override;
 
  private:
+  // The message as a frame of the trace.
+  qmi::Frame frame_of(std::span<const uint8_t> message) const {
+    return {static_cast<uint8_t>(service_), static_cast<uint8_t>(socket_.port()), message};
+  }
+  SendStatus try_send(size_t length);
   void wait(const Deadline& deadline) const;
   bool is_departure(std::span<const uint8_t> packet) const;
   void check_for_drops();
@@ -149,6 +157,7 @@ class QrtrConnection final : public Connection {
   QrtrSocket socket_;
   const QrtrAddress address_;
   const uint32_t service_;
+  const TraceLink trace_;
   ProcessFd wake_;                         // readable once reading has stopped
   std::atomic<bool> has_stopped_{false};   // no more reads
   std::atomic<bool> is_shut_down_{false};  // no more sends either
