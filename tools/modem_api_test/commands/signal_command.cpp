@@ -11,6 +11,7 @@
 #include "command_line.h"
 #include "modem_hydra.h"
 #include "modem_link.h"
+#include "signal/metrics.h"
 #include "signal/reading.h"
 #include "signal/recording.h"
 #include "signal/screen.h"
@@ -33,11 +34,13 @@ struct SignalValues {
   std::string csv;
   std::string plot;
   std::string from;
+  std::string serve;
   bool append = false;
   bool force = false;
 
   bool writes_to_output() const { return csv == "-" || plot == "-"; }
-  bool is_series() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !plot.empty(); }
+  bool reads_often() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !serve.empty(); }
+  bool is_series() const { return reads_often() || !plot.empty(); }
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
 
@@ -155,6 +158,7 @@ class Series {
   Series(const Context& context, const SignalValues& values)
       : context_(context),
         values_(values),
+        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve, context.session.modem().address)),
         source_(context.session),
         subs_(values.subs()),
         show_(show_of(context, values)),
@@ -171,6 +175,11 @@ class Series {
                            : values.force ? RecordingFile::Earlier::kReplace
                                           : RecordingFile::Earlier::kRefuse;
       csv_ = open_csv(context.output, values.csv, earlier);
+    }
+    if (metrics_ && context.output.is_json()) {
+      context.output.print({{"type", "signal-serve"}, {"url", metrics_->url()}}, "");
+    } else if (metrics_) {
+      remark("metrics are at " + metrics_->url());
     }
     if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().address, rate);
   }
@@ -224,7 +233,7 @@ class Series {
     if (context.output.is_json()) return Show::kLines;
     if (values.writes_to_output()) return Show::kRemarks;
     if (values.watch) return is_screen(context.output) ? Show::kLive : Show::kLines;
-    return values.csv.empty() && values.plot.empty() ? Show::kLines : Show::kRemarks;
+    return values.csv.empty() && values.plot.empty() && values.serve.empty() ? Show::kLines : Show::kRemarks;
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
@@ -236,10 +245,12 @@ class Series {
     if (!thread_.wait(end)) return false;
     if (reading_) {
       ++readings_;
+      if (metrics_) metrics_->take(*reading_);
       if (plot_) recording_.add(*reading_);
       if (csv_) csv_->write(csv_rows(*reading_));
       show_reading(*reading_);
     } else {
+      if (metrics_) metrics_->miss(source_.problem());
       show_loss(source_.problem());
     }
     return true;
@@ -290,6 +301,7 @@ class Series {
 
   const Context& context_;
   const SignalValues& values_;
+  const std::unique_ptr<MetricsServer> metrics_;  // before the modem is there, which may be waited for
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};
@@ -310,8 +322,7 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
   if (!values.from.empty() && values.plot.empty()) {
     throw Failure::of_usage("--from names a recording, but nothing is to be made of it", "Add --plot FILE.svg.");
   }
-  const bool reads = values.watch || values.rate || values.count > 0 || values.seconds > 0 || !values.csv.empty();
-  if (!values.from.empty() && reads) {
+  if (!values.from.empty() && values.reads_often()) {
     throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
                             "Leave out --from, or all but --plot.");
   }
@@ -346,6 +357,7 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)", {.type = "FILE"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
+  command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
 }
