@@ -106,21 +106,24 @@ TEST(History, HasOneColumnPerSecondIndependentOfTheWallClock) {
 
 // --- recordings and their picture ---
 
-// The clock is set back during the recording, and the modem is away from second 8 to 14.
+// The clock is set back during the recording, the serving cell changes at second 6, and the modem is away from second 8
+// to 14.
 TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
   Recording recording;
   std::string rows = csv_header();
   for (const int second : {3, 4, 0, 1, 2, 5, 6, 7, 15, 16}) {
     Reading reading = full_reading(second);
     reading.subs[0].carriers[0].rsrp[0] += second;
+    reading.subs[0].carriers[0].pci = second < 6 ? 101 : 102;
+    reading.subs[0].tx_power = second;
     recording.add(reading);
     rows += csv_rows(reading);
   }
-  expect_golden("picture.svg", plot_svg(recording));
+  expect_golden("picture.svg", plot_svg(recording, "A & <B>"));
   std::istringstream stream(rows);
   Recording from_csv;
   from_csv.add_csv(stream, "rows");
-  EXPECT_EQ(plot_svg(from_csv), plot_svg(recording));
+  EXPECT_EQ(plot_svg(from_csv, "A & <B>"), plot_svg(recording, "A & <B>"));
 }
 
 }  // namespace

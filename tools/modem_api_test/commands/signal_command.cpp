@@ -33,6 +33,7 @@ struct SignalValues {
   uint32_t seconds = 0;  // 0: no limit
   std::string csv;
   std::string plot;
+  std::string title;
   std::string from;
   std::string serve;
   bool append = false;
@@ -95,12 +96,12 @@ RecordingFile open_plot(Output& output, const SignalValues& values) {
   return {output, values.plot, values.force ? RecordingFile::Earlier::kReplace : RecordingFile::Earlier::kRefuse};
 }
 
-void draw(const Recording& recording, const std::string& path, RecordingFile& file) {
+void draw(const Recording& recording, const SignalValues& values, RecordingFile& file) {
   if (recording.is_empty()) {
-    throw Failure("drawing '" + path + "'", "the recording has no carrier in it",
+    throw Failure("drawing '" + values.plot + "'", "the recording has no carrier in it",
                   "'modem_api_test signal' shows them.");
   }
-  file.write(plot_svg(recording));
+  file.write(plot_svg(recording, values.title.empty() ? "Signal of the serving carriers" : values.title));
 }
 
 // Two names may be of one file.
@@ -119,7 +120,7 @@ void draw_from_file(const Context& context, const SignalValues& values) {
   recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
   RecordingFile file = open_plot(context.output, values);
   refuse_one_file(values.from, values.plot);
-  draw(recording, values.plot, file);
+  draw(recording, values, file);
   if (values.plot == "-") return;
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
@@ -195,7 +196,7 @@ class Series {
       }
       live_.reset();
       if (!failure) return finish();
-      if (plot_ && !recording_.is_empty()) draw(recording_, values_.plot, *plot_);
+      if (plot_ && !recording_.is_empty()) draw(recording_, values_, *plot_);
       throw *failure;
     });
   }
@@ -215,7 +216,7 @@ class Series {
     const std::string problem = thread_.is_busy() ? kNoResponseText : source_.problem();
     const bool is_lost = !is_ended && !problem.empty();
     const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
-    if (has_picture) draw(recording_, values_.plot, *plot_);
+    if (has_picture) draw(recording_, values_, *plot_);
     report_files(has_picture);
     if (is_ended) return;
     if (is_lost) {
@@ -326,6 +327,9 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
     throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
                             "Leave out --from, or all but --plot.");
   }
+  if (!values.title.empty() && values.plot.empty()) {
+    throw Failure::of_usage("--title names a picture, and none is drawn", "Add --plot FILE.svg.");
+  }
   const bool others_write = context.output.is_json() || values.watch || values.csv == values.plot;
   if (values.writes_to_output() && others_write) {
     throw Failure::of_usage("--csv - and --plot - each want the standard output for themselves", "Name a file.");
@@ -355,7 +359,9 @@ void add_signal_command(CommandLine& line) {
   command.add_number("--count", values.count, "end after that many readings");
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
-  command.add_text("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)", {.type = "FILE"});
+  command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
+                   {.type = "FILE"});
+  command.add_text("--title", values.title, "title of the picture (Signal of the serving carriers)", {.type = "TEXT"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
