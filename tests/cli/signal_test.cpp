@@ -50,7 +50,9 @@ TEST(Reading, IsShownAsTextLineDocumentAndRows) {
 
 // --- the live view ---
 
-std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& notice = "") {
+const LiveState kState = {"@modem", "", 12, 10};
+
+std::vector<std::string> view(TerminalSize size, const Style& style = {}, const LiveState& state = kState) {
   Reading reading = full_reading();
   History history;
   for (const double level : {-100.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
@@ -60,16 +62,22 @@ std::vector<std::string> view(TerminalSize size, const Style& style = {}, const 
     reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // noise
     history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
   }
-  return live_view(reading, history, {"@modem", notice, 12, 10}, size, style);
+  return live_view(reading, history, state, size, style);
 }
 
 // The picture in terminals of several sizes. The golden file has a caret for each escape character.
 TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   const Style colours = {true};
+  LiveState away = kState;
+  away.trouble = "MODEM AWAY 3 s: its service is down";
+  LiveState scrolled = {.modem = "@modem", .trouble = "", .has_keys = true, .is_paused = true};
+  scrolled.only_sub = 0;
+  scrolled.hidden_rows = 2;
+  scrolled.hidden_seconds = 3;
   std::string text;
   for (const auto& lines :
        {view({80, 24}), view({80, 8}), view({60, 24}), view({40, 24}), view({12, 24}), view({80, 24}, colours),
-        view({80, 24}, colours, "MODEM AWAY 3 s: its service is down"), view({80, 24}, {false, Glyphs::kAscii})}) {
+        view({80, 24}, colours, away), view({80, 24}, {false, Glyphs::kAscii}), view({80, 5}, {}, scrolled)}) {
     for (const std::string& line : lines) text += line + "|\n";
     text += "\n";
   }

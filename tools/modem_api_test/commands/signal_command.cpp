@@ -182,7 +182,7 @@ class Series {
     } else if (metrics_) {
       remark("metrics are at " + metrics_->url());
     }
-    if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().address, rate);
+    if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate);
   }
 
   // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
@@ -354,7 +354,10 @@ void run_signal(const Context& context, const SignalValues& values) {
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
-  command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
+  command.add_flag(
+      "-w,--watch", values.watch,
+      "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
+      "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
   command.add_number("--rate", values.rate, "readings a second (2)", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings");
   command.add_duration(values.seconds);
