@@ -9,15 +9,17 @@ namespace {
 
 using testing::HasSubstr;
 
-// Starts the live view on a new terminal. Its process id goes to the file `process`.
+// Starts the live view on a new terminal. Its process id goes to the file `process`. The status is 99 where the
+// terminal has other modes at the end than at the start.
 Process watch(const std::string& options = "") {
-  const std::string client = "exec " MODEM_API_TEST " signal --watch --rate 20 " + options;
-  return Process(
-      "/usr/bin/script",
-      {"script", "-qec",
-       "cd $TEST_DIRECTORY; ulimit -c 0; echo $$ >process; export TERM=xterm; stty rows 24 cols 80; " + client,
-       "/dev/null"},
-      true);
+  const std::string client =
+      "sh -c 'echo $$ >process; exec " MODEM_API_TEST " signal --watch --rate 20 " + options + "'";
+  return Process("/usr/bin/script",
+                 {"script", "-qec",
+                  "cd $TEST_DIRECTORY; ulimit -c 0; export TERM=xterm; stty rows 24 cols 80; modes=$(stty -g); " +
+                      client + "; status=$?; [ $(stty -g) = $modes ] || exit 99; exit $status",
+                  "/dev/null"},
+                 true);
 }
 
 // Expects that the program ends and restores the screen: it does not move the cursor after that, and the last picture
@@ -55,6 +57,24 @@ TEST_F(ClientTest, AFatalSignalRestoresTheTerminal) {
     expect_clean_end(terminal, status, "");
     ctl("clear");
   }
+}
+
+TEST_F(ClientTest, KeysActWhileTheModemDoesNotRespond) {
+  Process terminal = watch();
+  EXPECT_TRUE(prints(terminal, "2 readings"));
+  ctl("silence vs");
+  EXPECT_TRUE(wait_for_silenced_request());
+  for (const auto& [keys, below_headings] : {std::pair("p", "subscription 0"),
+                                             {"2", "subscription 1"},
+                                             {"\033[B", "LTE pcc"},
+                                             {"\033[A", "subscription 1"}}) {
+    terminal.send_line(keys);
+    EXPECT_TRUE(prints(terminal, "PAUSED")) << keys;
+    terminal.line();
+    EXPECT_THAT(terminal.line(), HasSubstr(below_headings)) << keys;
+  }
+  terminal.send_line("q");
+  expect_clean_end(terminal, 0, "PAUSED");
 }
 
 TEST_F(ClientTest, ARecordingIsDrawnAlthoughTheModemOrTheReaderBlocks) {
@@ -105,6 +125,7 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
           {"client signal --from none --plot f", 1, "No such file or directory"},
           {"client signal --count 100 --for 1", 1, "only "},
           {"client signal --csv g --plot g", 2, ""},
+          {"client signal --title picture", 2, "Add --plot"},
           {"client signal --csv - --json", 2, ""}});
 }
 

@@ -50,7 +50,9 @@ TEST(Reading, IsShownAsTextLineDocumentAndRows) {
 
 // --- the live view ---
 
-std::vector<std::string> view(TerminalSize size, const Style& style = {}, const std::string& notice = "") {
+const LiveState kState = {"@modem", "", 12, 10};
+
+std::vector<std::string> view(TerminalSize size, const Style& style = {}, const LiveState& state = kState) {
   Reading reading = full_reading();
   History history;
   for (const double level : {-100.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
@@ -60,16 +62,22 @@ std::vector<std::string> view(TerminalSize size, const Style& style = {}, const 
     reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // noise
     history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
   }
-  return live_view(reading, history, {"@modem", notice, 12, 10}, size, style);
+  return live_view(reading, history, state, size, style);
 }
 
 // The picture in terminals of several sizes. The golden file has a caret for each escape character.
 TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   const Style colours = {true};
+  LiveState away = kState;
+  away.trouble = "MODEM AWAY 3 s: its service is down";
+  LiveState scrolled = {.modem = "@modem", .trouble = "", .has_keys = true, .is_paused = true};
+  scrolled.only_sub = 0;
+  scrolled.hidden_rows = 2;
+  scrolled.hidden_seconds = 3;
   std::string text;
   for (const auto& lines :
        {view({80, 24}), view({80, 8}), view({60, 24}), view({40, 24}), view({12, 24}), view({80, 24}, colours),
-        view({80, 24}, colours, "MODEM AWAY 3 s: its service is down"), view({80, 24}, {false, Glyphs::kAscii})}) {
+        view({80, 24}, colours, away), view({80, 24}, {false, Glyphs::kAscii}), view({80, 5}, {}, scrolled)}) {
     for (const std::string& line : lines) text += line + "|\n";
     text += "\n";
   }
@@ -106,21 +114,24 @@ TEST(History, HasOneColumnPerSecondIndependentOfTheWallClock) {
 
 // --- recordings and their picture ---
 
-// The clock is set back during the recording, and the modem is away from second 8 to 14.
+// The clock is set back during the recording, the serving cell changes at second 6, and the modem is away from second 8
+// to 14.
 TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
   Recording recording;
   std::string rows = csv_header();
   for (const int second : {3, 4, 0, 1, 2, 5, 6, 7, 15, 16}) {
     Reading reading = full_reading(second);
     reading.subs[0].carriers[0].rsrp[0] += second;
+    reading.subs[0].carriers[0].pci = second < 6 ? 101 : 102;
+    reading.subs[0].tx_power = second;
     recording.add(reading);
     rows += csv_rows(reading);
   }
-  expect_golden("picture.svg", plot_svg(recording));
+  expect_golden("picture.svg", plot_svg(recording, "A & <B>"));
   std::istringstream stream(rows);
   Recording from_csv;
   from_csv.add_csv(stream, "rows");
-  EXPECT_EQ(plot_svg(from_csv), plot_svg(recording));
+  EXPECT_EQ(plot_svg(from_csv, "A & <B>"), plot_svg(recording, "A & <B>"));
 }
 
 }  // namespace

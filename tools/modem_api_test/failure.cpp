@@ -1,6 +1,7 @@
 #include "failure.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +23,7 @@ using platform::Observation;
 constexpr size_t kBytesInLine = 64;
 
 thread_local std::optional<Exchange> last_exchange;
+std::atomic<uint64_t> failures{0};
 
 struct ErrorName {
   uint32_t error;
@@ -107,7 +109,9 @@ void show_message(const Observation& message) {
 }
 
 void remember_end(const Observation& observation) {
-  if (observation.kind == Observation::Kind::kEnd) last_exchange = {observation.code, observation.error};
+  if (observation.kind != Observation::Kind::kEnd) return;
+  last_exchange = {observation.code, observation.error};
+  if (observation.code != QMI_NO_ERR || observation.error != 0) ++failures;
 }
 
 void show_and_remember(const Observation& observation) {
@@ -168,6 +172,10 @@ void watch_exchanges(bool shows_messages) {
 
 std::optional<Exchange> take_last_exchange() {
   return std::exchange(last_exchange, std::nullopt);
+}
+
+uint64_t failed_exchanges() {
+  return failures;
 }
 
 std::string describe(const Exchange& exchange) {

@@ -11,6 +11,7 @@
 #include "command_line.h"
 #include "modem_hydra.h"
 #include "modem_link.h"
+#include "signal/metrics.h"
 #include "signal/reading.h"
 #include "signal/recording.h"
 #include "signal/screen.h"
@@ -32,12 +33,15 @@ struct SignalValues {
   uint32_t seconds = 0;  // 0: no limit
   std::string csv;
   std::string plot;
+  std::string title;
   std::string from;
+  std::string serve;
   bool append = false;
   bool force = false;
 
   bool writes_to_output() const { return csv == "-" || plot == "-"; }
-  bool is_series() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !plot.empty(); }
+  bool reads_often() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !serve.empty(); }
+  bool is_series() const { return reads_often() || !plot.empty(); }
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
 
@@ -92,12 +96,12 @@ RecordingFile open_plot(Output& output, const SignalValues& values) {
   return {output, values.plot, values.force ? RecordingFile::Earlier::kReplace : RecordingFile::Earlier::kRefuse};
 }
 
-void draw(const Recording& recording, const std::string& path, RecordingFile& file) {
+void draw(const Recording& recording, const SignalValues& values, RecordingFile& file) {
   if (recording.is_empty()) {
-    throw Failure("drawing '" + path + "'", "the recording has no carrier in it",
+    throw Failure("drawing '" + values.plot + "'", "the recording has no carrier in it",
                   "'modem_api_test signal' shows them.");
   }
-  file.write(plot_svg(recording));
+  file.write(plot_svg(recording, values.title.empty() ? "Signal of the serving carriers" : values.title));
 }
 
 // Two names may be of one file.
@@ -116,7 +120,7 @@ void draw_from_file(const Context& context, const SignalValues& values) {
   recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
   RecordingFile file = open_plot(context.output, values);
   refuse_one_file(values.from, values.plot);
-  draw(recording, values.plot, file);
+  draw(recording, values, file);
   if (values.plot == "-") return;
   context.output.print({{"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
@@ -155,6 +159,7 @@ class Series {
   Series(const Context& context, const SignalValues& values)
       : context_(context),
         values_(values),
+        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve, context.session.modem().address)),
         source_(context.session),
         subs_(values.subs()),
         show_(show_of(context, values)),
@@ -172,7 +177,12 @@ class Series {
                                           : RecordingFile::Earlier::kRefuse;
       csv_ = open_csv(context.output, values.csv, earlier);
     }
-    if (show_ == Show::kLive) live_.emplace(context.output, context.session.modem().address, rate);
+    if (metrics_ && context.output.is_json()) {
+      context.output.print({{"type", "signal-serve"}, {"url", metrics_->url()}}, "");
+    } else if (metrics_) {
+      remark("metrics are at " + metrics_->url());
+    }
+    if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate);
   }
 
   // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
@@ -186,7 +196,7 @@ class Series {
       }
       live_.reset();
       if (!failure) return finish();
-      if (plot_ && !recording_.is_empty()) draw(recording_, values_.plot, *plot_);
+      if (plot_ && !recording_.is_empty()) draw(recording_, values_, *plot_);
       throw *failure;
     });
   }
@@ -206,7 +216,7 @@ class Series {
     const std::string problem = thread_.is_busy() ? kNoResponseText : source_.problem();
     const bool is_lost = !is_ended && !problem.empty();
     const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
-    if (has_picture) draw(recording_, values_.plot, *plot_);
+    if (has_picture) draw(recording_, values_, *plot_);
     report_files(has_picture);
     if (is_ended) return;
     if (is_lost) {
@@ -224,7 +234,7 @@ class Series {
     if (context.output.is_json()) return Show::kLines;
     if (values.writes_to_output()) return Show::kRemarks;
     if (values.watch) return is_screen(context.output) ? Show::kLive : Show::kLines;
-    return values.csv.empty() && values.plot.empty() ? Show::kLines : Show::kRemarks;
+    return values.csv.empty() && values.plot.empty() && values.serve.empty() ? Show::kLines : Show::kRemarks;
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
@@ -236,10 +246,12 @@ class Series {
     if (!thread_.wait(end)) return false;
     if (reading_) {
       ++readings_;
+      if (metrics_) metrics_->take(*reading_);
       if (plot_) recording_.add(*reading_);
       if (csv_) csv_->write(csv_rows(*reading_));
       show_reading(*reading_);
     } else {
+      if (metrics_) metrics_->miss(source_.problem());
       show_loss(source_.problem());
     }
     return true;
@@ -290,6 +302,7 @@ class Series {
 
   const Context& context_;
   const SignalValues& values_;
+  const std::unique_ptr<MetricsServer> metrics_;  // before the modem is there, which may be waited for
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};
@@ -310,10 +323,12 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
   if (!values.from.empty() && values.plot.empty()) {
     throw Failure::of_usage("--from names a recording, but nothing is to be made of it", "Add --plot FILE.svg.");
   }
-  const bool reads = values.watch || values.rate || values.count > 0 || values.seconds > 0 || !values.csv.empty();
-  if (!values.from.empty() && reads) {
+  if (!values.from.empty() && values.reads_often()) {
     throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
                             "Leave out --from, or all but --plot.");
+  }
+  if (!values.title.empty() && values.plot.empty()) {
+    throw Failure::of_usage("--title names a picture, and none is drawn", "Add --plot FILE.svg.");
   }
   const bool others_write = context.output.is_json() || values.watch || values.csv == values.plot;
   if (values.writes_to_output() && others_write) {
@@ -339,13 +354,19 @@ void run_signal(const Context& context, const SignalValues& values) {
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
-  command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
+  command.add_flag(
+      "-w,--watch", values.watch,
+      "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
+      "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
   command.add_number("--rate", values.rate, "readings a second (2)", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings");
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
-  command.add_text("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)", {.type = "FILE"});
+  command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
+                   {.type = "FILE"});
+  command.add_text("--title", values.title, "title of the picture (Signal of the serving carriers)", {.type = "TEXT"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
+  command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
 }

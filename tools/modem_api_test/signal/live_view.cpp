@@ -70,11 +70,12 @@ struct Layout {
   size_t history = 0;
 };
 
-constexpr size_t kNameWidth = 8;
+constexpr size_t kNameWidth = 9;
 constexpr size_t kPlaceWidth = 11;
 constexpr size_t kLevelWidth = 5;
-constexpr size_t kSnrWidth = 6;
-constexpr size_t kUsualBar = 4;
+constexpr size_t kSnrWidth = 7;
+constexpr size_t kScaleWidth = 11;
+constexpr size_t kUsualBar = 2;
 constexpr size_t kMostBar = 16;
 constexpr size_t kLeastHistory = 6;
 constexpr size_t kUsualHistory = 18;
@@ -92,7 +93,7 @@ Layout layout_of(size_t columns) {
   if (!take(kNameWidth + kChains * kLevelWidth + kSnrWidth)) return layout;
   if (take(kPlaceWidth)) layout.place = kPlaceWidth;
   while (layout.bar < kUsualBar && take(kChains * (layout.bar == 0 ? 2 : 1))) ++layout.bar;
-  if (layout.bar == kUsualBar && take(1 + kLeastHistory)) layout.history = kLeastHistory;
+  if (layout.bar == kUsualBar && take(kScaleWidth + kLeastHistory)) layout.history = kLeastHistory;
   if (layout.history == 0) return layout;
   while (layout.history < kUsualHistory && take(1)) ++layout.history;
   while (layout.bar < kMostBar && take(kChains)) ++layout.bar;
@@ -125,7 +126,10 @@ class View {
 
   std::vector<std::string> lines() {
     add_headings();
-    for (const SubscriptionReading& sub : reading_.subs) add_subscription(sub);
+    for (const SubscriptionReading& sub : reading_.subs) {
+      if (state_.only_sub.value_or(sub.sub) == sub.sub) add_subscription(sub);
+    }
+    scroll();
     const size_t hidden = hide_surplus();
     std::vector<std::string> lines = {status(hidden)};
     for (const Line& line : lines_) lines.push_back(clip(line.text, size_.columns));
@@ -139,21 +143,25 @@ class View {
 
   std::string status(size_t hidden) const {
     if (!state_.trouble.empty()) return clip(coloured(kAlarm, state_.trouble), size_.columns);
-    std::string text;
-    if (hidden > 0) text = '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
+    std::string text = state_.is_paused ? "PAUSED  " : "";
+    if (hidden > 0) text += '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
     text += local_text(reading_.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
-            std::to_string(state_.rate) + " a second  Ctrl-C ends  " + state_.modem;
+            std::to_string(state_.rate) + " a second  " +
+            (state_.has_keys ? "q ends, p pauses, 1, 2, arrows  " : "Ctrl-C ends  ") + state_.modem;
     return clip(coloured(kBold, text), size_.columns);
   }
 
   void add_headings() {
-    std::string text = std::string(kNameWidth, ' ');
+    std::string text = left_aligned("RSRP dBm", kNameWidth);
     if (layout_.place > 0) text += right_aligned("channel PCI", layout_.place);
     for (size_t chain = 0; chain < kChains; ++chain) {
       text += left_aligned("  rx" + std::to_string(chain), chain_width());
     }
-    text += right_aligned("SNR", kSnrWidth);
-    if (layout_.history > 0) text += " RSRP, " + std::to_string(layout_.history) + " s";
+    text += right_aligned("SNR dB", kSnrWidth);
+    const bool is_back = state_.hidden_seconds > 0;
+    const std::string seconds = std::to_string(is_back ? state_.hidden_seconds : layout_.history);
+    if (layout_.history > 0)
+      text += (is_back ? "  RSRP dBm to " : "  RSRP dBm, ") + seconds + (is_back ? " s ago" : " s");
     lines_.push_back({text, kHeading});
   }
 
@@ -176,7 +184,9 @@ class View {
     std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpBars);
     text += right_aligned(level_text(strongest(carrier.snr)), kSnrWidth);
     if (layout_.history > 0) {
-      text += ' ' + sparkline(history_.of(sub, carrier.name), layout_.history, kLeastHistorySpan, style_.glyphs);
+      const auto levels = history_.of(sub, carrier.name);
+      const auto shown = levels.first(levels.size() - std::min(levels.size(), state_.hidden_seconds));
+      text += ' ' + sparkline(shown, layout_.history, kLeastHistorySpan, style_.glyphs);
     }
     lines_.push_back({text, carrier.name.index == 0 ? kPrimary : kSecondary});
   }
@@ -199,6 +209,14 @@ class View {
   const char* colour_of(double level, const Bars& bars) const {
     if (!state_.trouble.empty()) return kDim;
     return bars.is_gain ? kNeutral : rsrp_colour(level);
+  }
+
+  // The headings stay, and one line at least.
+  void scroll() {
+    if (state_.hidden_rows == 0 || lines_.size() <= 2) return;
+    const auto first = lines_.begin() + 1;
+    lines_.erase(first, first + static_cast<ptrdiff_t>(std::min(state_.hidden_rows, lines_.size() - 2)));
+    lines_.resize(std::min(lines_.size(), std::max<size_t>(size_.rows, 2) - 1));
   }
 
   // Until the lines and the status fit. Returns how many went.
@@ -263,7 +281,9 @@ std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs) {
 std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs) {
   levels = levels.last(std::min(width, levels.size()));
   const LevelRange range = range_of(levels, least_span);
-  std::string text(width - levels.size(), ' ');
+  const std::string scale = whole_level_text(range.low) + ".." + whole_level_text(range.high);
+  std::string text = right_aligned(std::isnan(range.low) ? "" : scale, kScaleWidth - 2);
+  text.append(1 + width - levels.size(), ' ');
   const auto& upwards = glyphs == Glyphs::kBlocks ? kUpwards : kAsciiUpwards;
   for (const double level : levels) {
     text += std::isnan(level) ? upwards[0] : upwards[1 + std::lround(share(level, range) * (kEighths - 1))];

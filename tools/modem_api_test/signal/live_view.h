@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,7 +36,7 @@ Glyphs glyphs_of(std::string_view codeset);
 std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs);
 
 // The last `width` levels, one column each, scaled to their own range but to no less than `least_span`; blank where
-// there is no level. Right-aligned.
+// there is no level. Right-aligned. Before it stand the ends of the scale.
 std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs);
 
 // --- history ---
@@ -73,6 +74,11 @@ struct LiveState {
   std::string trouble;  // why there is no reading now; empty: there is
   size_t readings = 0;
   uint32_t rate = 0;
+  bool has_keys = false;
+  bool is_paused = false;
+  std::optional<uint32_t> only_sub = std::nullopt;
+  size_t hidden_rows = 0;     // that the view is scrolled down by; then it leaves out none for its rank
+  size_t hidden_seconds = 0;  // that the history is scrolled back by
 };
 
 struct Style {

@@ -2,10 +2,14 @@
 
 #include <langinfo.h>
 #include <locale.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <string_view>
@@ -22,19 +26,43 @@ namespace {
 constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l\033[2J";
 constexpr std::string_view kLeave = "\033[0m\033[?7h\033[?25h\033[?1049l";
 
-constexpr int kDeadlySignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr int kDeadlySignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS};
+constexpr int kBackgroundPeriodMs = 500;
 
 std::atomic<int> g_terminal{-1};
 std::atomic<bool> g_is_shown{false};  // drawing goes to the second screen; signals turn it off on any thread
+std::atomic<bool> g_has_keys{false};
+termios g_usual_modes;  // while g_has_keys
 
 // Safe in a signal handler.
 void write_to_terminal(int terminal, std::string_view sequence) {
   if (terminal >= 0 && write(terminal, sequence.data(), sequence.size()) < 0) return;  // it is gone
 }
 
-void leave() {
+// A process in the background must leave the terminal's modes alone, and would be stopped.
+bool is_in_foreground() {
+  return tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
+
+void enter() {
+  write_to_terminal(g_terminal, kEnter);
+  if (is_in_foreground() && tcgetattr(STDIN_FILENO, &g_usual_modes) == 0) {
+    termios modes = g_usual_modes;
+    modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    g_has_keys = tcsetattr(STDIN_FILENO, TCSANOW, &modes) == 0;
+  }
+  g_is_shown = true;
+}
+
+void leave_for_now() {
   g_is_shown = false;
-  write_to_terminal(g_terminal.exchange(-1), kLeave);
+  if (g_has_keys.exchange(false) && is_in_foreground()) tcsetattr(STDIN_FILENO, TCSANOW, &g_usual_modes);
+  write_to_terminal(g_terminal, kLeave);
+}
+
+void leave() {
+  leave_for_now();
+  g_terminal = -1;
 }
 
 // Most signals are waited for elsewhere; one that gets here ends the process.
@@ -45,11 +73,9 @@ void leave_and_die(int signal) {
 }
 
 void leave_while_stopped(int /*signal*/) {
-  g_is_shown = false;
-  write_to_terminal(g_terminal, kLeave);
+  leave_for_now();
   raise(SIGSTOP);
-  write_to_terminal(g_terminal, kEnter);
-  g_is_shown = true;
+  enter();
 }
 
 void handle(int number, void (*handler)(int)) {
@@ -74,8 +100,8 @@ bool is_screen(const Output& output) {
   return isatty(output.descriptor()) != 0 && environment("TERM", "dumb") != "dumb";
 }
 
-LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
-    : output_(output), style_{environment("NO_COLOR").empty(), screen_glyphs()} {
+LiveWatch::LiveWatch(Output& output, Inbox& inbox, std::string modem, uint32_t rate)
+    : output_(output), inbox_(inbox), style_{environment("NO_COLOR").empty(), screen_glyphs()} {
   state_.modem = std::move(modem);
   state_.rate = rate;
   static const int registered = std::atexit(leave);
@@ -83,19 +109,23 @@ LiveWatch::LiveWatch(Output& output, std::string modem, uint32_t rate)
   for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
   handle(SIGTSTP, leave_while_stopped);
   g_terminal = output.descriptor();
-  write_to_terminal(g_terminal, kEnter);
-  g_is_shown = true;
+  enter();
+  state_.has_keys = g_has_keys;
+  ended_.reset(eventfd(0, EFD_CLOEXEC));
+  if (g_has_keys && ended_) keys_ = std::thread([this] { read_keys(); });
 }
 
 LiveWatch::~LiveWatch() {
+  if (keys_.joinable()) {
+    eventfd_write(ended_.get(), 1);
+    keys_.join();
+  }
   leave();
   for (const int signal : kDeadlySignals) handle(signal, SIG_DFL);
   handle(SIGTSTP, SIG_DFL);
   if (state_.readings == 0) return;
   std::string text;
-  for (const std::string& line : live_view(last_, history_, state_, {size().columns, SIZE_MAX}, style_)) {
-    text += line + "\n";
-  }
+  for (const std::string& line : picture({size().columns, SIZE_MAX})) text += line + "\n";
   try {
     output_.write(text);
   } catch (const Failure&) {
@@ -109,17 +139,22 @@ TerminalSize LiveWatch::size() const {
   return {size.ws_col, size.ws_row};
 }
 
+std::vector<std::string> LiveWatch::picture(TerminalSize size) const {
+  return live_view(frozen_ ? frozen_->first : last_, frozen_ ? frozen_->second : history_, state_, size, style_);
+}
+
 // Draws nothing while the terminal is given back.
 void LiveWatch::draw() {
   if (!g_is_shown || g_terminal < 0) return;
   std::string text;
-  for (const std::string& line : live_view(last_, history_, state_, size(), style_)) {
+  for (const std::string& line : picture(size())) {
     text += (text.empty() ? "\033[H" : "\r\n") + line + "\033[K";
   }
   output_.write(text + "\033[J");
 }
 
 void LiveWatch::take(const Reading& reading) {
+  const std::lock_guard lock(mutex_);
   last_ = reading;
   history_.add(reading, Clock::now());
   ++state_.readings;
@@ -128,12 +163,69 @@ void LiveWatch::take(const Reading& reading) {
 }
 
 void LiveWatch::miss(const std::string& problem) {
+  const std::lock_guard lock(mutex_);
   const auto now = Clock::now();
   if (state_.trouble.empty()) lost_ = now;
   history_.add_gap(now);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - lost_).count();
   state_.trouble = "MODEM AWAY " + std::to_string(seconds) + " s: " + problem + "; Ctrl-C ends";
   draw();
+}
+
+// --- keys ---
+
+// A read in the background returns an error, since the signal that would stop the process is blocked here.
+void LiveWatch::read_keys() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTTIN);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  pollfd fds[] = {{ended_.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+  while (poll(fds, 2, -1) < 0 || fds[0].revents == 0) {
+    char bytes[64];
+    const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
+    if (count == 0) return;  // the terminal is gone
+    if (count < 0) {
+      poll(fds, 1, kBackgroundPeriodMs);
+      continue;
+    }
+    try {
+      act_on({bytes, static_cast<size_t>(count)});
+    } catch (const Failure&) {
+      return;
+    }
+  }
+}
+
+// An arrow is a sequence of three bytes, which come in one read.
+void LiveWatch::act_on(std::string_view keys) {
+  const std::lock_guard lock(mutex_);
+  while (!keys.empty()) {
+    const bool is_arrow = keys.size() >= 3 && keys[0] == '\033' && (keys[1] == '[' || keys[1] == 'O');
+    const char key = is_arrow ? keys[2] : keys[0];
+    keys.remove_prefix(is_arrow ? 3 : 1);
+    if (is_arrow && (key == 'A' || key == 'B')) {
+      const size_t lines = picture({size().columns, SIZE_MAX}).size() + state_.hidden_rows;
+      scroll(state_.hidden_rows, key == 'B' ? 1 : -1, std::max<size_t>(lines, 3) - 3);
+    } else if (is_arrow && (key == 'C' || key == 'D')) {
+      scroll(state_.hidden_seconds, key == 'D' ? 1 : -1, History::kMostColumns);
+    } else if (key == 'q') {
+      inbox_.interrupt();
+    } else if (key == 'p') {
+      state_.is_paused = !state_.is_paused;
+      frozen_.reset();
+      if (state_.is_paused) frozen_.emplace(last_, history_);
+    } else if (key == '1' || key == '2') {
+      const auto sub = static_cast<uint32_t>(key - '1');
+      state_.only_sub = state_.only_sub == sub ? std::nullopt : std::optional(sub);
+      state_.hidden_rows = 0;
+    }
+  }
+  draw();
+}
+
+void LiveWatch::scroll(size_t& hidden, int change, size_t most) {
+  if (change > 0 ? hidden < most : hidden > 0) hidden += static_cast<size_t>(change);
 }
 
 }  // namespace pelmar::cli

@@ -1,11 +1,20 @@
 // The live view of the signal on a terminal, whose whole screen it takes and redraws in place.
 //
-// The screen is the terminal's second one. The first one comes back at the end: the object's, the process's exit, or a
-// signal that kills it. A stopped process gives the terminal back too.
+// The screen is the terminal's second one, and keys are read one by one, without echo. The first screen and the
+// terminal's own modes come back at the end: the object's, the process's exit, or a signal that kills it. A stopped
+// process gives the terminal back too.
+//
+// Keys: q ends, p pauses the view but not the readings, 1 and 2 show one subscription (again: all), the arrows scroll
+// the lines and the history. A thread of its own takes them, so that they act also while the modem does not respond.
 #pragma once
 
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 
+#include "inbox.h"
 #include "output.h"
 #include "signal/live_view.h"
 
@@ -17,7 +26,8 @@ bool is_screen(const Output& output);
 // One at a time. Prints its last picture where the screen was when it ends.
 class LiveWatch {
  public:
-  LiveWatch(Output& output, std::string modem, uint32_t rate);
+  // The key q interrupts the inbox.
+  LiveWatch(Output& output, Inbox& inbox, std::string modem, uint32_t rate);
   ~LiveWatch();
   LiveWatch(const LiveWatch&) = delete;
   LiveWatch& operator=(const LiveWatch&) = delete;
@@ -27,14 +37,23 @@ class LiveWatch {
 
  private:
   TerminalSize size() const;
+  std::vector<std::string> picture(TerminalSize size) const;
   void draw();
+  void read_keys();
+  void act_on(std::string_view key);
+  static void scroll(size_t& hidden, int change, size_t most);
 
   Output& output_;
+  Inbox& inbox_;
   const Style style_;
+  std::mutex mutex_;  // guards what follows, and drawing
   LiveState state_;
   Clock::time_point lost_;
   Reading last_;
   History history_;
+  std::optional<std::pair<Reading, History>> frozen_;  // what a paused view shows
+  UniqueFd ended_;                                     // an eventfd
+  std::thread keys_;
 };
 
 }  // namespace pelmar::cli

@@ -1,0 +1,121 @@
+// The metrics of `signal --serve`, as a client of HTTP and a Prometheus server of Debian's read them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "client_program.h"
+
+namespace pelmar::cli {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+#ifdef PELMAR_PROMETHEUS
+
+constexpr const char* kFetch =
+    "python3 -c 'import sys, urllib.request as r; print(r.urlopen(sys.argv[1]).read().decode())' ";
+
+// What follows the text in the first line that contains it; empty where none does.
+std::string after(Process& process, const std::string& text) {
+  for (std::string line = process.line(); !line.empty(); line = process.line()) {
+    if (const size_t at = line.find(text); at != line.npos) return line.substr(at + text.size());
+  }
+  return "";
+}
+
+class MetricsTest : public ClientTest {
+ protected:
+  // What a scrape shows as soon as it contains the text.
+  std::string scrape_until(const std::string& text) {
+    std::string metrics;
+    EXPECT_TRUE(wait_until([&] {
+      metrics = shell(kFetch + url_).output;
+      return metrics.find(text) != metrics.npos;
+    })) << text
+        << " is not in\n"
+        << metrics;
+    return metrics;
+  }
+
+  std::string address() const { return url_.substr(0, url_.find("/metrics")).substr(strlen("http://")); }
+
+  Process client_ = start("signal --rate 50 --serve 127.0.0.1:0");
+  const std::string url_ = after(client_, "metrics are at ");
+};
+
+TEST_F(MetricsTest, HaveThePresentReadingWhileTheModemIsThere) {
+  const std::string state = "\npelmar_modem_up{modem=\"" + modem().address() + "\"}";
+  const std::string up = scrape_until(state + " 1\n");
+  for (const char* text :
+       {"\npelmar_rsrp_dbm{subscription=\"0\",carrier=\"lte_pcc\",antenna=\"3\"} -",
+        "\npelmar_snr_db{subscription=\"1\",carrier=\"nr_pcc\",antenna=\"0\"} ",
+        "\npelmar_channel{subscription=\"0\",carrier=\"lte_pcc\"} 1300\n",
+        "\npelmar_pci{subscription=\"0\",carrier=\"lte_pcc\"} 101\n",
+        "\npelmar_transmit_power_dbm{subscription=\"1\"} ", "\npelmar_mode_info{subscription=\"0\",mode=\"NR\"} 1\n",
+        "\npelmar_errors_total 0\n", "\npelmar_restarts_total 0\n"}) {
+    EXPECT_THAT(up, HasSubstr(text));
+  }
+  ctl("restart 60000");
+  EXPECT_THAT(scrape_until(state + " 0\n"), Not(HasSubstr("pelmar_rsrp_dbm{")));
+  ctl("restart");
+  const std::string back = scrape_until("\npelmar_restarts_total 1\n");
+  EXPECT_THAT(back, Not(HasSubstr("\npelmar_errors_total 0\n")));
+  // A modem that is silent takes its last reading along, and has not restarted.
+  ctl("silence vs any 1");
+  EXPECT_THAT(scrape_until(state + " 0\n"), Not(HasSubstr("pelmar_rsrp_dbm{")));
+  EXPECT_EQ(client_.end(SIGTERM), 128 + SIGTERM);
+}
+
+// The dashboard of the documentation, too, shows names that exist.
+TEST_F(MetricsTest, HaveNamesThatPrometheusAndTheDashboardTake) {
+  const std::string metrics = scrape_until("pelmar_rsrp_dbm{");
+  const std::string names = "grep -o 'pelmar_[a-z_]*' " DOCUMENTS "/fleet-dashboard.json | sort -u";
+  std::istringstream used(shell(names).output);
+  size_t count = 0;
+  for (std::string name; used >> name; ++count) EXPECT_THAT(metrics, HasSubstr("\n# TYPE " + name + " ")) << name;
+  EXPECT_GT(count, 5U);
+  if (access("/usr/bin/promtool", X_OK) != 0) GTEST_SKIP() << "there is no promtool (package prometheus)";
+  expect({{kFetch + url_ + " | grep pelmar_ | promtool check metrics", 0, ""},
+          {"promtool check config " DOCUMENTS "/fleet-prometheus.yml", 0, "SUCCESS"}});
+}
+
+TEST_F(MetricsTest, AreScrapedByPrometheus) {
+  if (access("/usr/bin/prometheus", X_OK) != 0) GTEST_SKIP() << "there is no prometheus (package prometheus)";
+  std::ofstream(path("prometheus.yml"))
+      << "scrape_configs: [{job_name: pelmar, scrape_interval: 100ms, scrape_timeout: "
+         "100ms, static_configs: [{targets: ['"
+      << address() << "']}]}]\n";
+  Process prometheus("/usr/bin/prometheus",
+                     {"prometheus", "--config.file=" + path("prometheus.yml"), "--storage.tsdb.path=" + path("data"),
+                      "--web.listen-address=127.0.0.1:0"},
+                     true);
+  std::string server = after(prometheus, "msg=\"Listening on\" address=");
+  const std::string query = "promtool query instant http://" + server + " ";
+  const auto finds = [&](const std::string& expression, const std::string& text) {
+    return wait_until([&] { return shell(query + "'" + expression + "'").output.find(text) != std::string::npos; });
+  };
+  EXPECT_TRUE(finds("count(pelmar_rsrp_dbm{carrier=\"lte_pcc\"})", "=> 8 @"));
+  ctl("restart 60000");
+  EXPECT_TRUE(finds("pelmar_modem_up", "=> 0 @"));
+  EXPECT_TRUE(finds("absent(pelmar_rsrp_dbm)", "=> 1 @"));
+}
+
+TEST_F(MetricsTest, NeedAnAddressThatIsFree) {
+  expect({{"client signal --count 1 --serve " + address(), 1, "Address already in use"},
+          {"client signal --count 1 --serve 192.0.2.1:0", 1, "Cannot assign requested address"},
+          {"client signal --count 1 --serve 9464", 1, "failed"},
+          {"client signal --count 1 --serve 127.0.0.1:x", 1, "Give HOST:PORT"},
+          {"client signal --count 2 --serve :0 --csv a && wc -l <a", 0, "metrics are at http://0.0.0.0:"},
+          {"client --json signal --count 1 --serve :0 | head -n 1", 0, R"({"type":"signal-serve","url":"http)"}});
+}
+
+#else
+
+TEST_F(ClientTest, ABuildWithoutPrometheusServesNoMetrics) {
+  expect({{"client signal --serve :0", 2, "prometheus-cpp-dev"}});
+}
+
+#endif
+
+}  // namespace
+}  // namespace pelmar::cli
