@@ -1,9 +1,13 @@
 // The codec: decodes the largest indication, compared with clearing and copying its structure, and encodes an NV write.
+// A capture: takes that NV write.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
+#include "capture.h"
 #include "nv_write.h"
 #include "qmi_codec.h"
 #include "qmux.h"
@@ -89,6 +93,20 @@ void encode_nv_write(benchmark::State& state) {
   }
 }
 BENCHMARK(encode_nv_write);
+
+void capture_nv_write(benchmark::State& state) {
+  const std::string path = "/tmp/pelmar-bench." + std::to_string(::getpid());
+  const std::vector<uint8_t> frame = encoded_nv_write();
+  const auto message = std::span(frame).subspan(kFrameHeaderLength);
+  std::string problem;
+  const int file = open_capture(path, problem);
+  CaptureWriter writer(file, "bench", [&](int error) { state.SkipWithError(std::strerror(error)); });
+  const uint32_t link = writer.add_link({"@modem", "bench[1]"}, CaptureWriter::Sharing::kShared);
+  for (auto _ : state) writer.write(link, Direction::kToModem, vs::kServiceId, kClient, message);
+  ::close(file);
+  ::unlink(path.c_str());
+}
+BENCHMARK(capture_nv_write)->Iterations(20'000);  // so that the file stays small
 
 }  // namespace
 

@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -93,10 +94,53 @@ void serve_stream(const LocalStream& stream) {
   }
 }
 
+bool succeeded(modem_api_result result, const char* what) {
+  if (result != MODEM_API_SUCCESS) std::fprintf(stderr, "bench_end_to_end: %s: result %d\n", what, result);
+  return result == MODEM_API_SUCCESS;
+}
+
+// Opens a client of the vendor-specific service, and writes the item.
+bool open_vs(const SimulatedModem& modem, int32_t& vs) {
+  setenv("PELMAR_MODEM", modem.socket().c_str(), 1);
+  setenv("XDG_STATE_HOME", modem.socket().append("-state").c_str(), 1);
+  pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_ERROR);
+  pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_ERROR);
+  pelmar_hal_close_print();
+  const uint8_t data[kItemBytes] = {1, 2, 3};
+  return succeeded(modem_api_init(), "init") &&
+         succeeded(modem_api_init_client(MODEM_API_CLIENT_VS, on_event, nullptr, &vs), "vendor-specific client") &&
+         succeeded(modem_api_write_nv(vs, kItem, 0, 0, data, kItemBytes), "write");
+}
+
+bool read_item(int32_t vs) {
+  uint8_t data[MODEM_API_MAX_ITEM_BYTES];
+  uint32_t length = sizeof data;
+  return modem_api_read_nv(vs, kItem, 0, 0, data, &length) == MODEM_API_SUCCESS && length == kItemBytes;
+}
+
+// Receives a count and reads the item so many times; sends the time in seconds. A process has one trace, so the
+// processes with and without it are children.
+void serve_reads(const SimulatedModem& modem, const LocalStream& stream, bool is_traced) {
+  if (is_traced) setenv("PELMAR_TRACE", modem.socket().append("-trace").c_str(), 1);
+  int32_t vs = -1;
+  if (!open_vs(modem, vs)) return;
+  uint32_t count;
+  while (stream.receive_all(&count, sizeof count)) {
+    const auto begin = std::chrono::steady_clock::now();
+    for (uint32_t i = 0; i < count; ++i) {
+      if (!read_item(vs)) return;
+    }
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    stream.send_all(&time, sizeof time);
+  }
+}
+
 struct Setup {
   Child ping_pong{serve_ping_pong};
   Child stream{serve_stream};
   SimulatedModem modem;
+  Child untraced{[this](const LocalStream& requests) { serve_reads(modem, requests, false); }};
+  Child traced{[this](const LocalStream& requests) { serve_reads(modem, requests, true); }};
   int32_t vs_client = -1;
   int32_t nas_client = -1;
 };
@@ -106,17 +150,36 @@ Setup* g_setup;
 // --- round trips ---
 
 void read_nv_end_to_end(benchmark::State& state) {
-  uint8_t data[MODEM_API_MAX_ITEM_BYTES];
   for (auto _ : state) {
-    uint32_t length = sizeof data;
-    if (modem_api_read_nv(g_setup->vs_client, kItem, 0, 0, data, &length) != MODEM_API_SUCCESS ||
-        length != kItemBytes) {
+    if (!read_item(g_setup->vs_client)) {
       state.SkipWithError("the item was not read");
       break;
     }
   }
 }
 BENCHMARK(read_nv_end_to_end)->UseRealTime();
+
+void read_in_child(benchmark::State& state, const LocalStream& child) {
+  constexpr uint32_t kReads = 100;
+  std::chrono::duration<double> time{};
+  while (state.KeepRunningBatch(kReads)) {
+    if (!child.send_all(&kReads, sizeof kReads) || !child.receive_all(&time, sizeof time)) {
+      state.SkipWithError("the item was not read");
+      break;
+    }
+    state.SetIterationTime(time.count());
+  }
+}
+
+void read_nv_untraced(benchmark::State& state) {
+  read_in_child(state, g_setup->untraced.stream());
+}
+BENCHMARK(read_nv_untraced)->UseManualTime();
+
+void read_nv_traced(benchmark::State& state) {
+  read_in_child(state, g_setup->traced.stream());
+}
+BENCHMARK(read_nv_traced)->UseManualTime();
 
 void bare_ping_pong(benchmark::State& state) {
   const LocalStream& stream = g_setup->ping_pong.stream();
@@ -191,21 +254,10 @@ BENCHMARK(second_connection_beside_stream)->UseRealTime();
 
 // --- start ---
 
-bool succeeded(modem_api_result result, const char* what) {
-  if (result != MODEM_API_SUCCESS) std::fprintf(stderr, "bench_end_to_end: %s: result %d\n", what, result);
-  return result == MODEM_API_SUCCESS;
-}
-
 bool open_clients() {
-  pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_ERROR);
-  pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_ERROR);
-  pelmar_hal_close_print();
   int32_t& vs = g_setup->vs_client;
-  const uint8_t data[kItemBytes] = {1, 2, 3};
-  return succeeded(modem_api_init(), "init") &&
-         succeeded(modem_api_init_client(MODEM_API_CLIENT_VS, on_event, nullptr, &vs), "vendor-specific client") &&
+  return open_vs(g_setup->modem, vs) &&
          succeeded(modem_api_init_client(MODEM_API_CLIENT_NAS_0, nullptr, nullptr, &g_setup->nas_client), "NAS") &&
-         succeeded(modem_api_write_nv(vs, kItem, 0, 0, data, kItemBytes), "write") &&
          succeeded(modem_api_add_modem_event(vs, MODEM_API_EVENT_VS_REPORT_A), "event") &&
          succeeded(modem_api_set_vs_event_report(vs), "event report");
 }
@@ -224,8 +276,6 @@ int main(int argc, char** argv) {
   }
   Setup setup;
   g_setup = &setup;
-  setenv("PELMAR_MODEM", setup.modem.socket().c_str(), 1);
-  setenv("XDG_STATE_HOME", setup.modem.socket().append("-state").c_str(), 1);
   if (!open_clients()) return 1;
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

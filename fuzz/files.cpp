@@ -1,7 +1,7 @@
 // Files that others write: system properties, scenarios of the simulated modem, and captures of messages.
 //
-//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, or a capture's
-//          blocks behind its header), the bytes
+//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, or a capture),
+//          the bytes
 //
 // A scenario is refused with an error that names a place, or never has a number outside its field's range. A property
 // is read as a terminated value within its limit, or as the default. A value that was set is read back. No name leads
@@ -81,10 +81,8 @@ void set_and_get(const fs::path& outside, const std::string& name, const std::st
   require(std::distance(fs::directory_iterator(outside), {}) == 1);
 }
 
-void read_capture(std::string text) {
+void read_capture(const std::string& text) {
   constexpr size_t kLeastPacket = 40;
-  const std::string header("\x0a\x0d\x0d\x0a\x1c\0\0\0\x4d\x3c\x2b\x1a\1\0\0\0\0\0\0\0\0\0\0\0\x1c\0\0\0", 28);
-  text.insert(0, header);
   const pelmar::UniqueFd file(memfd_create("capture", MFD_CLOEXEC));
   require(write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()));
   lseek(file.get(), 0, SEEK_SET);

@@ -22,7 +22,8 @@ for scenario in docs/*.json; do
   { printf '\0'; cat "$scenario"; } >"$scratch/files/$(basename "$scenario")"
 done
 { # a capture's link and one message
-  printf '\3\1\0\0\0\34\0\0\0\223\0\0\0\0\0\0\0\2\0\1\0a\0\0\0\34\0\0\0'
+  printf '\3\12\15\15\12\34\0\0\0\115\74\53\32\1\0\0\0\0\0\0\0\0\0\0\0\34\0\0\0'
+  printf '\1\0\0\0\34\0\0\0\223\0\0\0\0\0\0\0\2\0\1\0a\0\0\0\34\0\0\0'
   printf '\6\0\0\0\50\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\7\0\0\0\7\0\0\0\1\6\0\0\3\1a\0\50\0\0\0'
 } >"$scratch/files/capture"
 

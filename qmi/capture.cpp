@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,16 +75,15 @@ class Block {
 
   template <typename Number>
   void put(Number number) {
-    const auto* const bytes = reinterpret_cast<const uint8_t*>(&number);
-    bytes_.insert(bytes_.end(), bytes, bytes + sizeof number);
+    bytes_.append(reinterpret_cast<const char*>(&number), sizeof number);
   }
 
   void put_option(uint16_t code, std::string_view value) {
     value = value.substr(0, kLongestText);
     put(code);
     put(static_cast<uint16_t>(value.size()));
-    bytes_.insert(bytes_.end(), value.begin(), value.end());
-    bytes_.resize(bytes_.size() + padding_of(value.size()));
+    bytes_ += value;
+    bytes_.append(padding_of(value.size()), '\0');
   }
 
   std::span<const uint8_t> finish() {
@@ -93,11 +91,11 @@ class Block {
     const auto length = static_cast<uint32_t>(bytes_.size() + sizeof(uint32_t));
     put(length);
     std::memcpy(&bytes_[4], &length, sizeof length);
-    return bytes_;
+    return {reinterpret_cast<const uint8_t*>(bytes_.data()), bytes_.size()};
   }
 
  private:
-  std::vector<uint8_t> bytes_;
+  std::string bytes_;
 };
 
 // The beginning of a section header, up to the mark.
@@ -177,13 +175,13 @@ class NoPipeSignal {
 
 // These return 0, or errno's value. What is left of a block that a file took in part is not written, because it would
 // stand behind the blocks of other threads.
-int write_to_file(int descriptor, std::span<const iovec> parts, size_t length) {
+int write_to_file(int descriptor, std::span<const uint8_t> bytes) {
   ssize_t count = 0;
   do {
-    count = ::writev(descriptor, parts.data(), static_cast<int>(parts.size()));
+    count = ::write(descriptor, bytes.data(), bytes.size());
   } while (count < 0 && errno == EINTR);
   if (count < 0) return errno;
-  return static_cast<size_t>(count) == length ? 0 : ENOSPC;
+  return static_cast<size_t>(count) == bytes.size() ? 0 : ENOSPC;
 }
 
 int write_to_pipe(int descriptor, std::span<const uint8_t> bytes) {
@@ -272,15 +270,13 @@ void CaptureWriter::write(uint32_t link, Direction direction, uint8_t service, u
 void CaptureWriter::write_block(const Parts& parts) {
   if (has_ended_.load(std::memory_order_relaxed)) return;
   size_t length = 0;
-  iovec vectors[std::tuple_size_v<Parts>];
-  for (size_t i = 0; i < parts.size(); ++i) {
-    vectors[i] = {const_cast<uint8_t*>(parts[i].data()), parts[i].size()};
-    length += parts[i].size();
-  }
-  if (is_file_) return end(write_to_file(descriptor_, vectors, length));
-  std::vector<uint8_t> block;
-  block.reserve(length);
-  for (const auto& part : parts) block.insert(block.end(), part.begin(), part.end());
+  for (const auto& part : parts) length += part.size();
+  uint8_t small[1024];
+  const std::unique_ptr<uint8_t[]> large(length > sizeof small ? new uint8_t[length] : nullptr);
+  const std::span<uint8_t> block(large ? large.get() : small, length);
+  auto at = block.begin();
+  for (const auto& part : parts) at = std::copy(part.begin(), part.end(), at);
+  if (is_file_) return end(write_to_file(descriptor_, block));
   const std::lock_guard lock(pipe_mutex_);
   if (!has_ended_) end(write_to_pipe(descriptor_, block));
 }
