@@ -340,14 +340,15 @@ void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
   command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
-  command.add_number("--rate", values.rate, "readings a second (2)", kHighestRate, 1);
-  command.add_number("--count", values.count, "end after that many readings");
+  command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
+  command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP and SNR over time, as SVG (-: standard output)", {.type = "FILE"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
+  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
 }
 
 }  // namespace pelmar::cli
