@@ -12,6 +12,7 @@
 #include "modem_hydra.h"
 #include "pelmar_property.h"
 #include "signal/reading.h"
+#include "statistic_tables.h"
 #include "statistic_values.h"
 
 namespace pelmar::cli {
@@ -140,6 +141,27 @@ std::string list_text(const std::vector<uint32_t>& ids) {
   return text;
 }
 
+// --- stats list ---
+
+void list_statistics(const Context& context, const NoValues&) {
+  constexpr const char* kTypes[] = {"u8", "u16", "i16", "u32", "i32", "float"};  // by WireType
+  Json list = Json::array();
+  std::string text;
+  for (const statistics::Value& row : statistics::kValues) {
+    Json fields = Json::array();
+    text += statistic_text(row.id) + ", " + count_of(bytes_of(row.fields), "byte") + "\n ";
+    for (const statistics::Field& field : row.fields) {
+      const std::string unit(unit_of(field));
+      const char* const type = kTypes[static_cast<size_t>(field.type)];
+      text += (fields.empty() ? " " : ", ") + std::string(field.name) + " " + type + (unit.empty() ? "" : " " + unit);
+      fields.push_back({{"name", field.name}, {"type", type}, {"bytes", width_of(field.type)}, {"unit", unit}});
+    }
+    text += "\n";
+    list.push_back({{"id", row.id}, {"name", row.name}, {"bytes", bytes_of(row.fields)}, {"fields", fields}});
+  }
+  context.output.print({{"statistics", std::move(list)}}, text);
+}
+
 // --- stats get, clear ---
 
 struct ValueValues {
@@ -196,7 +218,7 @@ struct ReportValues {
 
 constexpr const char* kWhoseId =
     "A statistics client id is granted to one process and is void when that process ends: the id of any other "
-    "process,\n"
+    "process, "
     "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
 
 constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
@@ -285,6 +307,12 @@ void add_options(const Command& command, RegisterValues& values) {
 
 void add_stats_commands(CommandLine& line) {
   CLI::App& group = line.add_group("stats", "the modem's statistics");
+  line.set_completion("STATISTIC", statistic_names());
+  {
+    auto command = line.add<NoValues>(group, "list", "list the statistics with their fields", list_statistics).first;
+    command.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
+    command.add_examples({"", "--json"});
+  }
   {
     auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
     add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
@@ -292,6 +320,7 @@ void add_stats_commands(CommandLine& line) {
     command.add_number("--slot", values.slot, "the request's slot");
     command.add_text("--parameters", values.parameters, "bytes that go with each statistic of the request",
                      {.type = "HEX"});
+    command.add_examples({"lte-pcc nr-uplink", "0x52 --sub 1 --json"});
   }
   {
     auto [command, values] =
@@ -299,13 +328,15 @@ void add_stats_commands(CommandLine& line) {
     add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
     command.add_subscription(values.sub);
     command.add_number("--slot", values.slot, "the request's slot");
+    command.add_examples({"antenna-switch", "lte-pcc lte-scc1 --sub 1"});
   }
   {
     auto [command, values] =
         line.add<ReportValues>(group, "report", "request a statistics client id, or give it back", switch_reporting);
-    command.set_footer(kWhoseId);
+    command.add_notes(kWhoseId);
     command.add_switch("state", values.is_on, "on or off");
     command.add_number("--client", values.client, "off: the statistics client id, of this process");
+    command.add_examples({"on", "off --client 0"});
   }
   {
     auto [command, values] = line.add<RegisterValues>(
@@ -315,12 +346,14 @@ void add_stats_commands(CommandLine& line) {
                      {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
     add_options(command, values);
     values.limits.add_to(command);
+    command.add_examples({"lte-pcc", "nr-pcc nr-uplink --count 10 --json"});
   }
   auto [command, values] = line.add<RegisterValues>(group, "deregister", "end the reporting of statistics", deregister);
-  command.set_footer(kWhoseId);
+  command.add_notes(kWhoseId);
   add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
   command.add_number("--client", values.client, "the statistics client id, of this process", {.is_required = true});
   add_options(command, values);
+  command.add_examples({"lte-pcc --client 0", "0x52 0x87 --client 0 --json"});
 }
 
 }  // namespace
@@ -330,15 +363,18 @@ void add_statistics_commands(CommandLine& line) {
     auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
     command.add_subscription(values.sub, "that of the default data");
     command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = "--sub"});
+    command.add_examples({"", "--max --json"});
   }
   {
     auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
     command.add_subscription(values.sub);
+    command.add_examples({"", "--sub 1 --json"});
   }
   {
     auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);
     command.add_text("state", values.state, "on or off", {.words = {"on", "off"}});
-    command.add_number("--number", values.number, "the feature's number (2: the statistics)");
+    command.add_number("--number", values.number, "the feature's number; 2: the statistics");
+    command.add_examples({"", "on"});
   }
   add_stats_commands(line);
 }
