@@ -144,7 +144,7 @@ std::string list_text(const std::vector<uint32_t>& ids) {
 // --- stats list ---
 
 void list_statistics(const Context& context, const NoValues&) {
-  constexpr const char* kTypes[] = {"u8", "u16", "i16", "u32", "i32", "float"};  // by WireType
+  constexpr const char* kTypeNames[] = {"u8", "u16", "i16", "u32", "i32", "float"};  // by WireType
   Json list = Json::array();
   std::string text;
   for (const statistics::Value& row : statistics::kValues) {
@@ -152,7 +152,7 @@ void list_statistics(const Context& context, const NoValues&) {
     text += statistic_text(row.id) + ", " + count_of(bytes_of(row.fields), "byte") + "\n ";
     for (const statistics::Field& field : row.fields) {
       const std::string unit(unit_of(field));
-      const char* const type = kTypes[static_cast<size_t>(field.type)];
+      const char* const type = kTypeNames[static_cast<size_t>(field.type)];
       text += (fields.empty() ? " " : ", ") + std::string(field.name) + " " + type + (unit.empty() ? "" : " " + unit);
       fields.push_back({{"name", field.name}, {"type", type}, {"bytes", width_of(field.type)}, {"unit", unit}});
     }
