@@ -358,7 +358,8 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
                    {.type = "FILE"});
-  command.add_text("--title", values.title, "title of the picture", {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
+  command.add_text("--title", values.title, "title of the picture",
+                   {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
