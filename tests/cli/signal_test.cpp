@@ -70,7 +70,7 @@ TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   const Style colours = {true};
   LiveState away = kState;
   away.trouble = "MODEM AWAY 3 s: its service is down";
-  LiveState scrolled = {.modem = "@modem", .trouble = "", .has_keys = true, .is_paused = true};
+  LiveState scrolled = {.modem = "@modem", .trouble = "", .is_paused = true};
   scrolled.only_sub = 0;
   scrolled.hidden_rows = 2;
   scrolled.hidden_seconds = 3;
@@ -124,6 +124,8 @@ TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
     reading.subs[0].carriers[0].rsrp[0] += second;
     reading.subs[0].carriers[0].pci = second < 6 ? 101 : 102;
     reading.subs[0].tx_power = second;
+    reading.subs[1].carriers = {reading.subs[0].carriers[0]};
+    reading.subs[1].carriers[0].rsrp[0] -= 30;
     recording.add(reading);
     rows += csv_rows(reading);
   }

@@ -159,7 +159,7 @@ class Series {
   Series(const Context& context, const SignalValues& values)
       : context_(context),
         values_(values),
-        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve, context.session.modem().address)),
+        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve)),
         source_(context.session),
         subs_(values.subs()),
         show_(show_of(context, values)),
@@ -176,11 +176,6 @@ class Series {
                            : values.force ? RecordingFile::Earlier::kReplace
                                           : RecordingFile::Earlier::kRefuse;
       csv_ = open_csv(context.output, values.csv, earlier);
-    }
-    if (metrics_ && context.output.is_json()) {
-      context.output.print({{"type", "signal-serve"}, {"url", metrics_->url()}}, "");
-    } else if (metrics_) {
-      remark("metrics are at " + metrics_->url());
     }
     if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate);
   }
@@ -244,14 +239,13 @@ class Series {
     thread_.start([this] { reading_ = source_.read(subs_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
+    if (metrics_) metrics_->take(reading_, source_.problem());
     if (reading_) {
       ++readings_;
-      if (metrics_) metrics_->take(*reading_);
       if (plot_) recording_.add(*reading_);
       if (csv_) csv_->write(csv_rows(*reading_));
       show_reading(*reading_);
     } else {
-      if (metrics_) metrics_->miss(source_.problem());
       show_loss(source_.problem());
     }
     return true;
@@ -302,7 +296,7 @@ class Series {
 
   const Context& context_;
   const SignalValues& values_;
-  const std::unique_ptr<MetricsServer> metrics_;  // before the modem is there, which may be waited for
+  MetricsServer* const metrics_;  // may be null; before the modem is there, which may be waited for
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};

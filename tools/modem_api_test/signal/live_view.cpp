@@ -146,8 +146,7 @@ class View {
     std::string text = state_.is_paused ? "PAUSED  " : "";
     if (hidden > 0) text += '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
     text += local_text(reading_.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
-            std::to_string(state_.rate) + " a second  " +
-            (state_.has_keys ? "q ends, p pauses, 1, 2, arrows  " : "Ctrl-C ends  ") + state_.modem;
+            std::to_string(state_.rate) + " a second  q ends, p pauses, 1 2 arrows  " + state_.modem;
     return clip(coloured(kBold, text), size_.columns);
   }
 
@@ -158,10 +157,9 @@ class View {
       text += left_aligned("  rx" + std::to_string(chain), chain_width());
     }
     text += right_aligned("SNR dB", kSnrWidth);
-    const bool is_back = state_.hidden_seconds > 0;
-    const std::string seconds = std::to_string(is_back ? state_.hidden_seconds : layout_.history);
-    if (layout_.history > 0)
-      text += (is_back ? "  RSRP dBm to " : "  RSRP dBm, ") + seconds + (is_back ? " s ago" : " s");
+    const size_t back = state_.hidden_seconds;
+    const std::string seconds = std::to_string(back > 0 ? back : layout_.history) + (back > 0 ? " s ago" : " s");
+    if (layout_.history > 0) text += "  RSRP dBm, " + seconds;
     lines_.push_back({text, kHeading});
   }
 

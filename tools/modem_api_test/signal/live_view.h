@@ -74,7 +74,6 @@ struct LiveState {
   std::string trouble;  // why there is no reading now; empty: there is
   size_t readings = 0;
   uint32_t rate = 0;
-  bool has_keys = false;
   bool is_paused = false;
   std::optional<uint32_t> only_sub = std::nullopt;
   size_t hidden_rows = 0;     // that the view is scrolled down by; then it leaves out none for its rank

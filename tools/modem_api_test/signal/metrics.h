@@ -4,7 +4,7 @@
 // its values are not there, and pelmar_modem_up is 0. Counters go on.
 #pragma once
 
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "signal/reading.h"
@@ -17,13 +17,13 @@ class MetricsServer {
  public:
   virtual ~MetricsServer() = default;
 
-  virtual void take(const Reading& reading) = 0;
-  virtual void miss(const std::string& problem) = 0;  // a reading that did not come
-  virtual std::string url() const = 0;
+  // `problem`: why a reading did not come.
+  virtual void take(const std::optional<Reading>& reading, const std::string& problem) = 0;
 };
 
-// `address`: HOST:PORT, [IPV6]:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free.
-// `modem`: its address, as a label. Throws where the address cannot be served, or the build has no Prometheus.
-std::unique_ptr<MetricsServer> serve_metrics(const std::string& address, const std::string& modem);
+// `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free. A remark says where
+// the metrics are. Throws where the address cannot be served, or the build has no Prometheus. The server lives as long
+// as the process, since its end would take two seconds.
+MetricsServer* serve_metrics(const std::string& address);
 
 }  // namespace pelmar::cli

@@ -3,9 +3,10 @@
 #include <cmath>
 #include <cstdio>
 #include <iterator>
-#include <utility>
+#include <set>
 
 #include "printable_text.h"
+#include "signal/live_view.h"
 #include "signal/recording.h"
 
 namespace pelmar::cli {
@@ -15,17 +16,15 @@ namespace {
 using Track = Recording::Track;
 
 // Places in the picture, in its units.
-constexpr double kWidth = 1060;
-constexpr double kBottom = 52;  // below the lowest panel, and below a legend that reaches further
+constexpr double kWidth = 1150;
+constexpr double kLeastHeight = 792;
 constexpr double kLeft = 76;
 constexpr double kRight = 830;
 constexpr double kFirstPanelTop = 72;
 constexpr double kPanelHeight = 200;
 constexpr double kPanelGap = 34;
 constexpr double kLegendLeft = 852;
-constexpr double kLegendStep = 15;
-constexpr size_t kMostChannels = 4;  // in the legend, of one carrier
-constexpr double kCellSpacing = 60;  // from a mark to the next one that has a label
+constexpr double kLegendStep = 38;
 constexpr int kMostLevelTicks = 7;
 constexpr int kMostTimeTicks = 9;
 
@@ -36,28 +35,8 @@ constexpr double kGapFactor = 4;
 constexpr double kResolution = 0.5;
 
 // A carrier has its colour in every picture; subscriptions differ by their dashes.
-struct Colour {
-  const char* selector;
-  const char* property;
-  const char* light;
-  const char* dark;
-};
-
-constexpr uint32_t kLteColours = 7;
-constexpr uint32_t kNrColours = 3;
-constexpr Colour kColours[] = {
-    {".page", "fill", "#fff", "#0d1117"},      {"text", "fill", "#222", "#e6edf3"},
-    {".note", "fill", "#555", "#9aa4af"},      {".grid", "stroke", "#e4e4e4", "#262c36"},
-    {".frame", "stroke", "#444", "#8b949e"},   {".lte0", "stroke", "#0072b2", "#58a6ff"},
-    {".lte1", "stroke", "#d55e00", "#ff8c42"}, {".lte2", "stroke", "#009e73", "#2dd4a0"},
-    {".lte3", "stroke", "#e69f00", "#ffc53d"}, {".lte4", "stroke", "#cc79a7", "#e8a0c8"},
-    {".lte5", "stroke", "#56b4e9", "#8fd3ff"}, {".lte6", "stroke", "#8c564b", "#c08a7d"},
-    {".nr0", "stroke", "#000", "#fff"},        {".nr1", "stroke", "#7f7f7f", "#a8a8a8"},
-    {".nr2", "stroke", "#bcbd22", "#e3e34d"},  {".power", "stroke", "#b3123f", "#ff6b8b"},
-};
-constexpr const char* kShape =
-    ".frame, .track { fill: none }\n"
-    ".track { stroke-width: 1.7; stroke-linejoin: round; stroke-linecap: round }\n";
+constexpr const char* kLteColours[] = {"#0072b2", "#d55e00", "#009e73", "#e69f00", "#cc79a7", "#56b4e9", "#8c564b"};
+constexpr const char* kNrColours[] = {"#000000", "#7f7f7f", "#bcbd22"};
 constexpr const char* kDashes[kSubscriptions] = {"", R"( stroke-dasharray="7 4")"};
 
 // --- axes: which values they show, where their ticks stand, and what is written at them ---
@@ -141,31 +120,15 @@ constexpr Panel kPanels[] = {
 };
 constexpr double kPanelsBottom = kPanels[2].top + kPanelHeight;
 
-std::string style_sheet() {
-  std::string light;
-  std::string dark;
-  for (const Colour& colour : kColours) {
-    const std::string start = std::string(colour.selector) + " { " + colour.property + ": ";
-    light += start + colour.light + " }\n";
-    dark += start + colour.dark + " }\n";
-  }
-  return "<style>\n" + light + kShape + "@media (prefers-color-scheme: dark) {\n" + dark + "}\n</style>\n";
-}
-
-// Text of the user's, which may hold what a document is made of.
-std::string escaped(const std::string& text) {
-  std::string safe;
-  for (const char character : printable_text(text, "")) {
-    if (character == '&') {
-      safe += "&amp;";
-    } else if (character == '<') {
-      safe += "&lt;";
-    } else {
-      safe += character;
-    }
-  }
-  return safe;
-}
+// In place of what would be hard to see on dark ground.
+constexpr const char* kDarkStyle =
+    "<style>@media (prefers-color-scheme: dark) {\n"
+    "[fill='#fff'] { fill: #0d1117 } text { fill: #e6edf3 }\n"
+    "[stroke='#ddd'], [stroke='#eee'] { stroke: #2a313c } [stroke='#444'] { stroke: #8b949e }\n"
+    "[stroke='#000000'] { stroke: #fff } [stroke='#0072b2'] { stroke: #3d9be0 } [stroke='#8c564b'] { stroke: #c08a7d "
+    "}\n"
+    "}</style>\n";
+constexpr const char* kNote = R"(fill="#555" font-size="11")";
 
 std::string number(double value, bool is_short = false) {
   char text[32];
@@ -177,8 +140,6 @@ std::string line(double x1, double y1, double x2, double y2, const char* attribu
   return "<line x1=\"" + number(x1) + "\" y1=\"" + number(y1) + "\" x2=\"" + number(x2) + "\" y2=\"" + number(y2) +
          "\" " + attributes + "/>\n";
 }
-
-constexpr const char* kNote = R"(class="note" font-size="11")";
 
 struct Point {
   double x;
@@ -208,6 +169,30 @@ double seconds_between(WallClock::time_point from, WallClock::time_point to) {
   return std::chrono::duration<double>(to - from).count();
 }
 
+// Text of the user's, which may hold what a document is made of.
+std::string escaped(const std::string& text) {
+  std::string safe;
+  for (const char each : printable_text(text)) {
+    safe += each == '&' ? "&amp;" : each == '<' ? "&lt;" : std::string(1, each);
+  }
+  return safe;
+}
+
+void widen(LevelRange& range, const Track& track, double TrackPoint::*level) {
+  for (const TrackPoint& point : track) {
+    range.low = std::fmin(range.low, point.*level);
+    range.high = std::fmax(range.high, point.*level);
+  }
+}
+
+// "-92 to -64 dBm" with what stands before it; empty where nothing was measured.
+std::string range_text(const char* before, const Track& track, double TrackPoint::*level, const char* unit) {
+  LevelRange range{NAN, NAN};
+  widen(range, track, level);
+  if (std::isnan(range.low)) return "";
+  return before + whole_level_text(range.low) + " to " + whole_level_text(range.high) + unit;
+}
+
 // Above this time between two points, in seconds, the line is interrupted.
 double gap_of(const Track& track) {
   std::vector<double> steps;
@@ -231,34 +216,30 @@ class Picture {
   }
 
   std::string draw() {
+    begin();
     for (const Panel& panel : kPanels) draw_panel(panel);
     for (const auto& [key, track] : recording_.tracks()) {
-      if (key.second && key.second->index == 0) draw_cell_changes(key, track);
+      if (key.second.index == 0) draw_cell_changes(key, track);
     }
     draw_time_labels();
-    const double bottom = std::fmax(kPanelsBottom, draw_legend()) + kBottom;
-    return head(bottom) + svg_ + "</svg>\n";
+    draw_legend();
+    return svg_ + "</svg>\n";
   }
 
  private:
-  std::string head(double height) const {
-    const std::string size = "width=\"" + number(kWidth) + "\" height=\"" + number(height) + "\"";
+  void begin() {
+    const double legend = kFirstPanelTop + static_cast<double>(recording_.tracks().size()) * kLegendStep;
+    const std::string height = number(std::fmax(kLeastHeight, legend));
+    const std::string size = "width=\"" + number(kWidth) + "\" height=\"" + height + "\"";
+    svg_ = "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " + number(kWidth) + " " + height +
+           "\" font-family=\"Helvetica, Arial, sans-serif\" font-size=\"13\" fill=\"#222\">\n" + kDarkStyle + "<rect " +
+           size + " fill=\"#fff\"/>\n";
+    svg_ += words(kLeft, 30, escaped(title_), R"(font-size="19" font-weight="bold")");
     const double length = seconds_between(start_, end_);
-    return "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " + number(kWidth) + " " +
-           number(height) + "\" font-family=\"Helvetica, Arial, sans-serif\" font-size=\"13\">\n" + style_sheet() +
-           "<rect " + size + " class=\"page\"/>\n" +
-           words(kLeft, 30, escaped(title_), R"(font-size="19" font-weight="bold")") +
-           words(kLeft, 52,
-                 start_text() + " UTC, " + number(length) + " s; strongest receive chain of each carrier" +
-                     (has_cell_changes_ ? "; dotted: the serving cell changes" : ""),
-                 kNote);
-  }
-
-  // "2026-11-21 10:02:03".
-  std::string start_text() const {
-    std::string text = utc_text(start_).substr(0, 19);
-    text[10] = ' ';
-    return text;
+    svg_ += words(kLeft, 52,
+                  utc_text(start_) + ", " + number(length) +
+                      " s; strongest receive chain of each carrier; dotted: the serving cell changes",
+                  "fill=\"#555\"");
   }
 
   double x_of(double seconds) const { return kLeft + time_.share(seconds) * (kRight - kLeft); }
@@ -269,15 +250,10 @@ class Picture {
 
   // Of all that the panel shows.
   Axis axis_of(const Panel& panel) const {
-    double low = NAN;
-    double high = NAN;
-    for (const auto& [key, track] : recording_.tracks()) {
-      for (const TrackPoint& point : track) {
-        low = std::fmin(low, point.*panel.level);
-        high = std::fmax(high, point.*panel.level);
-      }
-    }
-    return std::isnan(low) ? level_axis(0, 1, kMostLevelTicks) : level_axis(low, high, kMostLevelTicks);
+    LevelRange range{NAN, NAN};
+    for (const auto& [key, track] : recording_.tracks()) widen(range, track, panel.level);
+    if (std::isnan(range.low)) range = {0, 1};
+    return level_axis(range.low, range.high, kMostLevelTicks);
   }
 
   void draw_panel(const Panel& panel) {
@@ -285,33 +261,32 @@ class Picture {
     const double bottom = panel.top + kPanelHeight;
     for (const double tick : axis.ticks()) {
       const double y = y_of(panel, axis, tick);
-      svg_ += line(kLeft, y, kRight, y, "class=\"grid\"");
+      svg_ += line(kLeft, y, kRight, y, "stroke=\"#ddd\"");
       svg_ += words(kLeft - 8, y + 4.5, number(tick, true), "text-anchor=\"end\"");
     }
     for (const double tick : time_.ticks()) {
-      svg_ += line(x_of(tick), panel.top, x_of(tick), bottom, "class=\"grid\"");
-      svg_ += line(x_of(tick), bottom, x_of(tick), bottom + 5, "class=\"frame\"");
+      svg_ += line(x_of(tick), panel.top, x_of(tick), bottom, "stroke=\"#eee\"");
+      svg_ += line(x_of(tick), bottom, x_of(tick), bottom + 5, "stroke=\"#444\"");
     }
     const double middle = panel.top + kPanelHeight / 2;
     svg_ +=
         words(24, middle, panel.title, "text-anchor=\"middle\" transform=\"rotate(-90 24 " + number(middle) + ")\"");
     for (const auto& [key, track] : recording_.tracks()) draw_track(panel, axis, style_of(key), track);
     svg_ += "<rect x=\"" + number(kLeft) + "\" y=\"" + number(panel.top) + "\" width=\"" + number(kRight - kLeft) +
-            "\" height=\"" + number(kPanelHeight) + "\" class=\"frame\"/>\n";
+            "\" height=\"" + number(kPanelHeight) + "\" fill=\"none\" stroke=\"#444\"/>\n";
   }
 
-  static std::string colour_of(const Recording::Key& key) {
-    if (!key.second) return "power";
-    const bool is_lte = key.second->technology == Technology::kLte;
-    return (is_lte ? "lte" : "nr") + std::to_string(key.second->index % (is_lte ? kLteColours : kNrColours));
+  static std::string colour_of(const CarrierName& carrier) {
+    const bool is_lte = carrier.technology == Technology::kLte;
+    return std::string(" stroke=\"") +
+           (is_lte ? kLteColours[carrier.index % std::size(kLteColours)]
+                   : kNrColours[carrier.index % std::size(kNrColours)]) +
+           '"';
   }
 
   static std::string style_of(const Recording::Key& key) {
-    return "class=\"track " + colour_of(key) + '"' + kDashes[key.first % kSubscriptions];
-  }
-
-  static std::string name_of(const Recording::Key& key) {
-    return "sub " + std::to_string(key.first) + ' ' + (key.second ? text_of(*key.second) : "transmit power");
+    return "fill=\"none\" stroke-width=\"1.7\" stroke-linejoin=\"round\" stroke-linecap=\"round\"" +
+           colour_of(key.second) + kDashes[key.first % kSubscriptions];
   }
 
   void draw_track(const Panel& panel, const Axis& axis, const std::string& style, const Track& track) {
@@ -341,29 +316,16 @@ class Picture {
     run.clear();
   }
 
-  // A dotted line through all panels where the primary carrier has another channel or physical cell id than before.
+  // A line through all panels where the carrier has another cell than before.
   void draw_cell_changes(const Recording::Key& key, const Track& track) {
-    const TrackPoint* before = nullptr;
-    double label_end = 0;
-    for (const TrackPoint& point : track) {
-      if (!point.channel || !point.pci) continue;
-      const TrackPoint* const last = std::exchange(before, &point);
-      if (last == nullptr || (last->channel == point.channel && last->pci == point.pci)) continue;
-      has_cell_changes_ = true;
+    for (size_t i = 1; i < track.size(); ++i) {
+      const TrackPoint& point = track[i];
+      if (!point.pci || (point.pci == track[i - 1].pci && point.channel == track[i - 1].channel)) continue;
       const double x = x_of(seconds_between(start_, point.time));
-      svg_ += "<g><title>" + name_of(key) + ": " + cell_text(*last) + ", then " + cell_text(point) + "</title>" +
-              line(x, kFirstPanelTop, x, kPanelsBottom,
-                   ("stroke-dasharray=\"1 4\" class=\"track " + colour_of(key) + '"').c_str());
-      if (x >= label_end) {
-        svg_ += words(x + 3, kFirstPanelTop + 12, "PCI " + std::to_string(*point.pci), kNote);
-        label_end = x + kCellSpacing;
-      }
-      svg_ += "</g>\n";
+      svg_ += line(x, kFirstPanelTop, x, kPanelsBottom, ("stroke-dasharray=\"2 4\"" + colour_of(key.second)).c_str());
+      svg_ += words(x + 3, kFirstPanelTop + 12,
+                    "sub " + std::to_string(key.first) + " PCI " + std::to_string(*point.pci), kNote);
     }
-  }
-
-  static std::string cell_text(const TrackPoint& point) {
-    return "channel " + std::to_string(*point.channel) + " PCI " + std::to_string(*point.pci);
   }
 
   void draw_time_labels() {
@@ -374,56 +336,34 @@ class Picture {
                   "text-anchor=\"middle\"");
   }
 
-  // Returns where it ends.
-  double draw_legend() {
+  void draw_legend() {
     double y = kFirstPanelTop + 8;
-    const auto add = [this, &y](const std::string& text, const std::string& attributes = kNote) {
-      if (text.empty()) return;
-      svg_ += words(kLegendLeft + 38, y + 4.5, text, attributes);
-      y += kLegendStep;
-    };
     for (const auto& [key, track] : recording_.tracks()) {
       svg_ += line(kLegendLeft, y, kLegendLeft + 30, y, style_of(key).c_str());
-      add(name_of(key), "");
-      add(channels_of(track));
-      std::string levels =
-          extent_of(track, &TrackPoint::rsrp, " dBm") + extent_of(track, &TrackPoint::tx_power, " dBm");
-      if (const std::string snr = extent_of(track, &TrackPoint::snr, " dB"); !snr.empty()) levels += ", " + snr;
-      add(levels);
-      y += kLegendStep / 2;
+      const std::string name = "sub " + std::to_string(key.first) + ' ' + text_of(key.second);
+      svg_ += words(kLegendLeft + 38, y + 4.5, name + channels_of(track));
+      svg_ +=
+          words(kLegendLeft + 38, y + 19.5,
+                range_text("", track, &TrackPoint::rsrp, " dBm") + range_text(", ", track, &TrackPoint::snr, " dB") +
+                    range_text(", tx ", track, &TrackPoint::tx_power, " dBm"),
+                kNote);
+      y += kLegendStep;
     }
-    return y;
   }
 
-  // "channel 1300, 6300", in the order of time.
+  // ", channel 1300, 6300".
   static std::string channels_of(const Track& track) {
-    std::vector<uint32_t> channels;
+    std::set<uint32_t> channels;
     for (const TrackPoint& point : track) {
-      const bool is_new =
-          point.channel && std::find(channels.begin(), channels.end(), *point.channel) == channels.end();
-      if (is_new) channels.push_back(*point.channel);
+      if (point.channel) channels.insert(*point.channel);
     }
     std::string text;
-    for (size_t i = 0; i < std::min(channels.size(), kMostChannels); ++i) {
-      text += (i == 0 ? "channel " : ", ") + std::to_string(channels[i]);
-    }
-    return channels.size() > kMostChannels ? text + ", ..." : text;
-  }
-
-  // "-92 to -64 dBm"; empty where nothing was measured.
-  static std::string extent_of(const Track& track, double TrackPoint::*level, const char* unit) {
-    double low = NAN;
-    double high = NAN;
-    for (const TrackPoint& point : track) {
-      low = std::fmin(low, point.*level);
-      high = std::fmax(high, point.*level);
-    }
-    return std::isnan(low) ? "" : whole_level_text(low) + " to " + whole_level_text(high) + unit;
+    for (const uint32_t channel : channels) text += (text.empty() ? ", channel " : ", ") + std::to_string(channel);
+    return text;
   }
 
   const Recording& recording_;
   const std::string& title_;
-  bool has_cell_changes_ = false;
   WallClock::time_point start_;
   WallClock::time_point end_;
   Axis time_{};

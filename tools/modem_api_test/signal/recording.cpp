@@ -94,9 +94,8 @@ class CsvReader {
   }
 
   std::optional<uint32_t> number(const std::string& column) const {
-    const std::string text = cell(column);
-    if (text.empty()) return std::nullopt;
-    return static_cast<uint32_t>(require(parse_number(text, 0, UINT32_MAX), column));
+    if (cell(column).empty()) return std::nullopt;
+    return static_cast<uint32_t>(require(parse_number(cell(column), 0, UINT32_MAX), column));
   }
 
   Levels levels(const Measure& measure) const {
@@ -118,16 +117,9 @@ bool is_earlier(const TrackPoint& a, const TrackPoint& b) {
 }
 
 // Of times as a file keeps them, so that its picture is that of the recording itself.
-TrackPoint point_of(WallClock::time_point time, const Carrier& carrier) {
-  return {.time = std::chrono::floor<std::chrono::milliseconds>(time),
-          .rsrp = strongest(carrier.rsrp),
-          .snr = strongest(carrier.snr),
-          .channel = carrier.channel,
-          .pci = carrier.pci};
-}
-
-TrackPoint power_point_of(WallClock::time_point time, double power) {
-  return {.time = std::chrono::floor<std::chrono::milliseconds>(time), .tx_power = power};
+TrackPoint point_of(WallClock::time_point time, const Carrier& carrier, double tx_power) {
+  return {std::chrono::floor<std::chrono::milliseconds>(time), strongest(carrier.rsrp), strongest(carrier.snr),
+          carrier.name.index == 0 ? tx_power : kNoLevel,       carrier.channel,         carrier.pci};
 }
 
 }  // namespace
@@ -159,15 +151,12 @@ std::string csv_rows(const Reading& reading) {
 
 void Recording::add(const Reading& reading) {
   for (const SubscriptionReading& sub : reading.subs) {
-    for (const Carrier& carrier : sub.carriers) insert({sub.sub, carrier.name}, point_of(reading.time, carrier));
-    if (sub.carriers.empty() || !sub.tx_power) continue;  // as in a file, whose rows are those of carriers
-    insert({sub.sub, std::nullopt}, power_point_of(reading.time, *sub.tx_power));
+    for (const Carrier& carrier : sub.carriers) {
+      Track& track = tracks_[{sub.sub, carrier.name}];
+      const TrackPoint point = point_of(reading.time, carrier, sub.tx_power ? *sub.tx_power : kNoLevel);
+      track.insert(std::upper_bound(track.begin(), track.end(), point, is_earlier), point);
+    }
   }
-}
-
-void Recording::insert(const Key& key, const TrackPoint& point) {
-  Track& track = tracks_[key];
-  track.insert(std::upper_bound(track.begin(), track.end(), point, is_earlier), point);
 }
 
 void Recording::add_csv(std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub) {
@@ -182,11 +171,8 @@ void Recording::add_csv(std::istream& stream, const std::string& name, std::opti
     for (const Measure& measure : kMeasures) carrier.*measure.levels = reader.levels(measure);
     carrier.channel = reader.number("channel");
     carrier.pci = reader.number("pci");
-    tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point_of(time, carrier));
-    const TrackPoint power = power_point_of(time, reader.level("tx_power_dbm"));
-    if (std::isnan(power.tx_power)) continue;
-    Track& own = tracks_[{static_cast<uint32_t>(sub), std::nullopt}];  // a row of each carrier has the same power
-    if (own.empty() || own.back().time != power.time) own.push_back(power);
+    const TrackPoint point = point_of(time, carrier, reader.level("tx_power_dbm"));
+    tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point);
   }
   for (auto& [key, track] : tracks_) std::stable_sort(track.begin(), track.end(), is_earlier);
 }

@@ -19,21 +19,21 @@ std::string csv_header();
 // A row for each carrier of the reading; empty cells where there is no value. Times are UTC.
 std::string csv_rows(const Reading& reading);
 
-// What is drawn of one time: of a carrier the levels of its strongest chains and its cell, of a subscription its
-// transmit power.
+// What is drawn of a carrier at one time: the levels of its strongest chains, the transmit power of its subscription
+// where it is a primary carrier, and its cell.
 struct TrackPoint {
   WallClock::time_point time;
-  double rsrp = kNoLevel;
-  double snr = kNoLevel;
-  double tx_power = kNoLevel;
-  std::optional<uint32_t> channel = std::nullopt;
-  std::optional<uint32_t> pci = std::nullopt;
+  double rsrp;
+  double snr;
+  double tx_power;
+  std::optional<uint32_t> channel;
+  std::optional<uint32_t> pci;
 };
 
 class Recording {
  public:
   using Track = std::vector<TrackPoint>;
-  using Key = std::pair<uint32_t, std::optional<CarrierName>>;  // subscription; carrier, or none for its own track
+  using Key = std::pair<uint32_t, CarrierName>;  // subscription and carrier
 
   void add(const Reading& reading);
 
@@ -46,13 +46,11 @@ class Recording {
   bool is_empty() const { return tracks_.empty(); }
 
  private:
-  void insert(const Key& key, const TrackPoint& point);
-
   std::map<Key, Track> tracks_;
 };
 
-// RSRP and SNR of each carrier and the transmit power over time, one above the other, as an SVG document, in light or
-// dark colours as the viewer prefers. The recording has at least one track.
+// RSRP and SNR of each carrier and the transmit power over time, one above the other, as an SVG document, light or dark
+// as the viewer prefers. The recording has at least one track.
 std::string plot_svg(const Recording& recording, const std::string& title);
 
 }  // namespace pelmar::cli

@@ -9,7 +9,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <string_view>
@@ -28,6 +27,7 @@ constexpr std::string_view kLeave = "\033[0m\033[?7h\033[?25h\033[?1049l";
 
 constexpr int kDeadlySignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS};
 constexpr int kBackgroundPeriodMs = 500;
+constexpr size_t kLeastRows = 3;  // that scrolling leaves: the status, the headings and a line
 
 std::atomic<int> g_terminal{-1};
 std::atomic<bool> g_is_shown{false};  // drawing goes to the second screen; signals turn it off on any thread
@@ -54,15 +54,10 @@ void enter() {
   g_is_shown = true;
 }
 
-void leave_for_now() {
-  g_is_shown = false;
+void leave() {
+  if (!g_is_shown.exchange(false)) return;
   if (g_has_keys.exchange(false) && is_in_foreground()) tcsetattr(STDIN_FILENO, TCSANOW, &g_usual_modes);
   write_to_terminal(g_terminal, kLeave);
-}
-
-void leave() {
-  leave_for_now();
-  g_terminal = -1;
 }
 
 // Most signals are waited for elsewhere; one that gets here ends the process.
@@ -73,7 +68,7 @@ void leave_and_die(int signal) {
 }
 
 void leave_while_stopped(int /*signal*/) {
-  leave_for_now();
+  leave();
   raise(SIGSTOP);
   enter();
 }
@@ -108,9 +103,9 @@ LiveWatch::LiveWatch(Output& output, Inbox& inbox, std::string modem, uint32_t r
   static_cast<void>(registered);
   for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
   handle(SIGTSTP, leave_while_stopped);
+  handle(SIGTTIN, SIG_IGN);  // reading keys in the background fails then, and does not stop the process
   g_terminal = output.descriptor();
   enter();
-  state_.has_keys = g_has_keys;
   ended_.reset(eventfd(0, EFD_CLOEXEC));
   if (g_has_keys && ended_) keys_ = std::thread([this] { read_keys(); });
 }
@@ -145,7 +140,7 @@ std::vector<std::string> LiveWatch::picture(TerminalSize size) const {
 
 // Draws nothing while the terminal is given back.
 void LiveWatch::draw() {
-  if (!g_is_shown || g_terminal < 0) return;
+  if (!g_is_shown) return;
   std::string text;
   for (const std::string& line : picture(size())) {
     text += (text.empty() ? "\033[H" : "\r\n") + line + "\033[K";
@@ -174,58 +169,40 @@ void LiveWatch::miss(const std::string& problem) {
 
 // --- keys ---
 
-// A read in the background returns an error, since the signal that would stop the process is blocked here.
 void LiveWatch::read_keys() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTTIN);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   pollfd fds[] = {{ended_.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
   while (poll(fds, 2, -1) < 0 || fds[0].revents == 0) {
-    char bytes[64];
-    const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
+    char keys[64];
+    const ssize_t count = read(STDIN_FILENO, keys, sizeof keys);
     if (count == 0) return;  // the terminal is gone
-    if (count < 0) {
-      poll(fds, 1, kBackgroundPeriodMs);
-      continue;
-    }
+    if (count < 0) poll(fds, 1, kBackgroundPeriodMs);
     try {
-      act_on({bytes, static_cast<size_t>(count)});
+      const std::lock_guard lock(mutex_);
+      for (ssize_t i = 0; i < count; ++i) act_on(keys[i]);
+      draw();
     } catch (const Failure&) {
-      return;
+      return;  // the terminal is gone
     }
   }
 }
 
-// An arrow is a sequence of three bytes, which come in one read.
-void LiveWatch::act_on(std::string_view keys) {
-  const std::lock_guard lock(mutex_);
-  while (!keys.empty()) {
-    const bool is_arrow = keys.size() >= 3 && keys[0] == '\033' && (keys[1] == '[' || keys[1] == 'O');
-    const char key = is_arrow ? keys[2] : keys[0];
-    keys.remove_prefix(is_arrow ? 3 : 1);
-    if (is_arrow && (key == 'A' || key == 'B')) {
-      const size_t lines = picture({size().columns, SIZE_MAX}).size() + state_.hidden_rows;
-      scroll(state_.hidden_rows, key == 'B' ? 1 : -1, std::max<size_t>(lines, 3) - 3);
-    } else if (is_arrow && (key == 'C' || key == 'D')) {
-      scroll(state_.hidden_seconds, key == 'D' ? 1 : -1, History::kMostColumns);
-    } else if (key == 'q') {
-      inbox_.interrupt();
-    } else if (key == 'p') {
-      state_.is_paused = !state_.is_paused;
-      frozen_.reset();
-      if (state_.is_paused) frozen_.emplace(last_, history_);
-    } else if (key == '1' || key == '2') {
-      const auto sub = static_cast<uint32_t>(key - '1');
-      state_.only_sub = state_.only_sub == sub ? std::nullopt : std::optional(sub);
-      state_.hidden_rows = 0;
-    }
+// Of an arrow's sequence the last byte acts, a letter from A to D.
+void LiveWatch::act_on(char key) {
+  if (key == 'q') inbox_.interrupt();
+  if (key == 'p' && std::exchange(state_.is_paused, !state_.is_paused)) {
+    frozen_.reset();
+  } else if (key == 'p') {
+    frozen_.emplace(last_, history_);
   }
-  draw();
-}
-
-void LiveWatch::scroll(size_t& hidden, int change, size_t most) {
-  if (change > 0 ? hidden < most : hidden > 0) hidden += static_cast<size_t>(change);
+  if (key == '1' || key == '2') {
+    const auto sub = static_cast<uint32_t>(key - '1');
+    state_.only_sub = state_.only_sub == sub ? std::nullopt : std::optional(sub);
+    state_.hidden_rows = 0;
+  }
+  if (key == 'A' && state_.hidden_rows > 0) --state_.hidden_rows;
+  if (key == 'B' && picture({size().columns, SIZE_MAX}).size() > kLeastRows) ++state_.hidden_rows;
+  if (key == 'C' && state_.hidden_seconds > 0) --state_.hidden_seconds;
+  if (key == 'D' && state_.hidden_seconds < History::kMostColumns) ++state_.hidden_seconds;
 }
 
 }  // namespace pelmar::cli

@@ -40,8 +40,7 @@ class LiveWatch {
   std::vector<std::string> picture(TerminalSize size) const;
   void draw();
   void read_keys();
-  void act_on(std::string_view key);
-  static void scroll(size_t& hidden, int change, size_t most);
+  void act_on(char key);
 
   Output& output_;
   Inbox& inbox_;
