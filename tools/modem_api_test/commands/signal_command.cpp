@@ -25,6 +25,11 @@ constexpr uint32_t kHighestRate = 50;
 constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
 constexpr std::chrono::milliseconds kLinePeriod{950};           // a second, however the readings fall
 
+constexpr const char* kLiveViewKeys =
+    "Keys of the live view: q ends, p pauses, 1 and 2 show subscription 0 or 1 alone (again: both), up and down "
+    "scroll\n"
+    "the lines, left and right the history. RSRP is in dBm, SNR in dB.";
+
 struct SignalValues {
   std::optional<uint32_t> sub;
   bool watch = false;
@@ -348,10 +353,7 @@ void run_signal(const Context& context, const SignalValues& values) {
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
-  command.add_flag(
-      "-w,--watch", values.watch,
-      "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
-      "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
+  command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
   command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
@@ -365,6 +367,7 @@ void add_signal_command(CommandLine& line) {
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
   command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
+  command.set_footer(kLiveViewKeys);
 }
 
 }  // namespace pelmar::cli
