@@ -1,5 +1,5 @@
-# What `cmake --install` gives: libraries, headers, the CMake package and the pkg-config file, and with the tools their
-# manual pages and shell completion.
+# What `cmake --install` gives: libraries, headers, the CMake package and the pkg-config file, and with the tools the
+# manual page of modem_sim; tools/modem_api_test/ installs that of the client, and its shell completion.
 include(CMakePackageConfigHelpers)
 
 set(PELMAR_INSTALL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/pelmar_modemapi)
@@ -32,7 +32,5 @@ install(CODE "
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pelmar_modemapi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(PELMAR_TOOLS)
-  install(FILES docs/man/modem_api_test.1 docs/man/modem_sim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  install(FILES tools/modem_api_test/completion.bash
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME modem_api_test)
+  install(FILES docs/man/modem_sim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()

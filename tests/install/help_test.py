@@ -1,34 +1,78 @@
-"""The manual page names every command that the client's --help lists, and the shell completion offers them.
+"""The help of every command has examples that the program takes, the manual page describes every command, wrong usage
+is reported in one form, and the shells complete commands, options and names.
 
-usage: help_test.py MODEM_API_TEST SOURCE_DIRECTORY
+usage: help_test.py MODEM_API_TEST DIRECTORY_OF_THE_TEXTS
 """
+import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
 
 
-def output(*command):
-    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          **options)
 
 
-def listed(program, *commands):
-    block = re.search(r"^Subcommands:\n(.*?)\n\n", output(program, *commands, "--help"), re.S | re.M)
-    return re.findall(r"^  ([a-z][a-z-]*) ", block[1], re.M) if block else []
+def section(text, title):
+    block = re.search(rf"^{title}:\n((?:  .*\n)+)", text, re.M)
+    return block[1] if block else ""
 
 
-def main(program, source):
-    page = re.sub(r"[^a-z-]+", " ", pathlib.Path(source, "docs/man/modem_api_test.1").read_text())
-    script = f"""source "{source}/tools/modem_api_test/completion.bash"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
-                 _modem_api_test "{program}"; printf '%s\\n' "${{COMPREPLY[@]}}" """
-    commands = listed(program)
-    assert commands, "the help lists no commands"
-    for words in [(command,) for command in commands] + [(a, b) for a in commands for b in listed(program, a)]:
-        assert all(f" {word} " in page for word in words), f"not in the manual page: {' '.join(words)}"
-    for words, expected in {("",): commands, ("--json", "nv", ""): ["read", "write", "delete"],
-                            ("efs-path", "re"): ["read"], ("lock", "lte", "--y"): ["--yes"]}.items():
-        completed = output("bash", "-c", script, "bash", "modem_api_test", *words).split()
-        assert completed == expected, f"completion of {words}: {completed}, not {expected}"
+def commands(program, *words):
+    """Every command that is no group, as its words."""
+    names = re.findall(r"^  ([a-z][a-z-]*) ", section(run(program, *words, "--help").stdout, "Commands"), re.M)
+    return [leaf for name in names for leaf in commands(program, *words, name)] if names else [words]
+
+
+BASH = """source "{script}"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _modem_api_test "{program}"
+          printf '%s\\n' "${{COMPREPLY[@]}}" """
+ZSH = """compset() {{ [[ $words[CURRENT] == @* ]] }}; _files() {{ print -l file }}; compadd() {{ print -l -- $matches }}
+         words=("{program}" "${{@:2}}"); CURRENT=$#; source "{script}" """
+COMPLETIONS = {
+    ("inf",): ["info"],
+    ("--json", "nv", ""): ["read", "write", "delete"],
+    ("efs-path", "wr"): ["write"],
+    ("lock", "lte", "--y"): ["--yes"],
+    ("lock", "lte", "--js"): ["--json"],
+    ("--modem", "nv", "avoid-trm", ""): ["on", "off"],
+    ("stats", "get", "lte-pcc", "lte-u"): ["lte-uplink"],
+    ("props", "get", "persist.radio.m"): ["persist.radio.multisim.config"],
+}
+WRONG = ("", "bogus", "nv bogus", "nv read", "nv read x", "nv read 1 --bogus", "avoid-trm maybe", "tx-power --max --sub 1")
+
+
+def main(program, texts):
+    texts = pathlib.Path(texts)
+    page = (texts / "modem_api_test.1").read_text()
+    leaves = commands(program)
+    assert len(leaves) > 40, leaves
+    with tempfile.TemporaryDirectory(prefix="pelmar-help-") as scratch:
+        # No modem: an example ends with another status than that of wrong usage.
+        place = {"XDG_STATE_HOME": scratch, "PELMAR_MODEM": f"{scratch}/none", "PELMAR_PROPERTY_DIR": scratch,
+                 "PATH": f"{pathlib.Path(program).parent}:{os.environ['PATH']}"}
+        for words in leaves:
+            examples = section(run(program, *words, "--help").stdout, "Examples").splitlines()
+            assert len(examples) >= 2, f"{words} has no two examples"
+            assert ".SS " + " ".join(words).replace("-", "\\-") + " [" in page, f"not in the manual page: {words}"
+            for example in examples:
+                outcome = run("sh", "-c", example, cwd=scratch, env=os.environ | place, timeout=30)
+                assert outcome.returncode != 2, f"{example}: {outcome.stderr}"
+    for line in WRONG:
+        outcome = run(program, *line.split())
+        form = r"modem_api_test: [a-z'-].*\n  'modem_api_test.* --help' lists what there is\.\n"
+        assert outcome.returncode == 2 and re.fullmatch(form, outcome.stderr), f"{line}: {outcome.stderr}"
+    for shell, code, script in (("bash", BASH, "modem_api_test"), ("zsh", ZSH, "_modem_api_test")):
+        code = code.format(program=program, script=texts / script)
+        for words, expected in COMPLETIONS.items() if shutil.which(shell) else ():
+            completed = run(shell, "-c", code, shell, "modem_api_test", *words)
+            assert completed.stdout.split() == expected, f"{shell} {words}: {completed}, not {expected}"
+    if shutil.which("mandoc"):
+        lint = run("mandoc", "-T", "lint", "-W", "warning", texts / "modem_api_test.1")
+        assert lint.returncode == 0, lint.stdout
 
 
 main(*sys.argv[1:])

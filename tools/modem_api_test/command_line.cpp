@@ -13,10 +13,30 @@ namespace pelmar::cli {
 
 namespace {
 
-constexpr const char* kFooter = R"(
-Data is given as hexadecimal digits ("0a 1b", 0a1b), as --text TEXT, or as @FILE (@-: standard input).
-Without a modem named, a simulated one is started; it keeps its storage between runs.
-Exit status: 0 success, 1 failure, 2 wrong usage, 128 and the signal's number when ended by a signal.)";
+// In the lines of help.h.
+constexpr const char* kNotes = R"(Environment:
+  PELMAR_MODEM  the modem, in a form of --modem
+  PELMAR_PLATFORM_RULES  phone: the same as --phone-rules
+  PELMAR_ANY_USER  1: every user may serve sockets on abstract names (default: this user and root)
+  PELMAR_PROPERTY_DIR  directory of the system properties (default: pelmar/properties in XDG_STATE_HOME)
+  PELMAR_PM_SOCKET  socket of the peripheral manager (default: the modem's with .pm added)
+  PELMAR_MODEM_SIM  program of the simulated modem (default: modem_sim beside this program)
+  XDG_STATE_HOME  where the properties, the record of client ids (pelmar/client-ids) and the storage of the own modem (pelmar/modem) are (default: ~/.local/state, or a private directory in TMPDIR for a user without a home)
+  XDG_RUNTIME_DIR  where the socket of the own modem is (default: its storage)
+  NO_COLOR  if not empty, the live view has no colours
+Exit status:
+  0  success
+  1  failure, also of a modem that does not respond, or that is away when a recording ends
+  2  wrong usage
+  128 + N  ended by signal N
+Examples:
+  modem_api_test nv write 10 --text hello
+  modem_api_test signal --watch
+  modem_api_test --modem proxy:/dev/cdc-wdm0 info
+Without a modem named, a simulated one is started. It keeps its storage between runs, and ends when it was not used for a minute.
+)";
+
+constexpr const char* kProgram = "modem_api_test";
 
 constexpr size_t kMostInputBytes = 65536;  // far above what any message takes: the library refuses it in its words
 
@@ -32,6 +52,33 @@ void set_details(CLI::Option& option, const Details& details) {
   });
 }
 
+// The commands and groups of the line, up to where it is wrong.
+const CLI::App& last_command(const CLI::App& app) {
+  const auto parsed = app.get_subcommands();
+  return parsed.empty() ? app : last_command(*parsed.back());
+}
+
+Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
+  const CLI::App& app = last_command(root);
+  const std::vector<std::string> words = root.remaining(true);
+  std::string reason = error.what();
+  // CLI11 misses the command first, and only then sees the word that is none.
+  if (!app.get_subcommands({}).empty()) {
+    reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
+  }
+  reason[0] = static_cast<char>(tolower(reason[0]));
+  return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
+}
+
+struct Shell {
+  std::string name;
+};
+
+void print_completion(const Context& context, const Shell& shell) {
+  const std::string script = completion_script(shell.name);
+  context.output.print({{"shell", shell.name}, {"script", script}}, script);
+}
+
 void take_or_refuse(const Take& take, const std::string& word) {
   if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(refusal);
 }
@@ -40,8 +87,13 @@ void take_or_refuse(const Take& take, const std::string& word) {
 
 // --- options ---
 
-void Command::set_footer(const char* text) const {
-  app_.footer(text);
+void Command::add_notes(const std::string& text) const {
+  app_.footer(app_.get_footer() + text + "\n");
+}
+
+void Command::add_examples(std::initializer_list<std::string> arguments) const {
+  add_notes("Examples:");
+  for (const std::string& each : arguments) add_notes("  " + path_of(app_) + (each.empty() ? "" : " ") + each);
 }
 
 void Command::add_flag(const std::string& name, bool& target, const std::string& help, const Details& details) const {
@@ -88,28 +140,34 @@ void Command::add_number(const std::string& name, const std::string& help, int64
   };
   Details numbered = details;
   if (numbered.type == nullptr) numbered.type = "N";
-  add_parsed(name, help, take, numbered);
+  const bool is_plain = min == 0 && max == UINT32_MAX;
+  std::string limits = is_plain ? "" : range;
+  if (details.otherwise != nullptr) limits += (is_plain ? "default " : "; default ") + std::string(details.otherwise);
+  add_parsed(name, limits.empty() ? help : help + " (" + limits + ")", take, numbered);
 }
 
 void Command::add_subscription(uint32_t& target) const {
-  add_number("--sub", target, "the subscription, 0 or 1", {}, 1);
+  add_number("--sub", target, "the subscription", {}, 1);
 }
 
 void Command::add_subscription(std::optional<uint32_t>& target, const std::string& otherwise) const {
-  add_number("--sub", target, "the subscription, 0 or 1 (" + otherwise + ")", 1);
+  add_number("--sub", "the subscription", 0, 1, [&target](int64_t value) { target = static_cast<uint32_t>(value); },
+             {.otherwise = otherwise.c_str()});
 }
 
 void Command::add_duration(uint32_t& target, const std::string& help) const {
-  add_number("--for", target, help, {.type = "SECONDS"});
+  add_number("--for", target, help, {.type = "SECONDS", .otherwise = "no limit"});
 }
 
 // --- the line ---
 
 CommandLine::CommandLine()
-    : app_(std::make_unique<CLI::App>("Client of the cellular modem, through libpelmar_modemapi.", "modem_api_test")) {
+    : app_(std::make_unique<CLI::App>("client of the cellular modem, through libpelmar_modemapi", kProgram)) {
   app_->fallthrough();  // global options may stand behind the command
   app_->require_subcommand(1);
-  app_->footer(kFooter);
+  app_->formatter_fn([](const CLI::App* app, const std::string&, CLI::AppFormatMode) { return help_text(*app); });
+  app_->set_help_flag("-h,--help", "describe the program, or the command");
+  app_->set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
   const Command global(*app_);
   global.add_text(
       "--modem", settings_.modem,
@@ -126,8 +184,10 @@ CommandLine::CommandLine()
                   "write every message to this capture, in place of an earlier one; %p in the name is the process id "
                   "(-: to standard output, and what the command prints to standard error)",
                   {.type = "FILE"});
-  global.add_number("--timeout", settings_.seconds, "end with an error after that many seconds", {.type = "SECONDS"},
-                    UINT32_MAX, 1);
+  global.add_number("--timeout", settings_.seconds,
+                    "end with an error after that many seconds, whatever the command "
+                    "waits for",
+                    {.type = "SECONDS", .otherwise = "30 for each request, no limit for the command"}, UINT32_MAX, 1);
   add_info_command(*this);
   add_item_commands(*this);
   add_events_command(*this);
@@ -136,27 +196,38 @@ CommandLine::CommandLine()
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
+  auto [completion, shell] =
+      add<Shell>("completion", "print what a shell reads to complete commands, options and names", print_completion);
+  completion.add_text("shell", shell.name, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
+  completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
+  app_->footer(kNotes);
 }
 
 CommandLine::~CommandLine() = default;
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
+  const std::string first = argc > 1 ? argv[1] : "";
+  if (first == "--manual") {
+    fputs(manual_page(*app_, PELMAR_VERSION, argc > 2 ? argv[2] : "").c_str(), stdout);
+    return kExitSuccess;
+  }
+  if (first == "--complete") {
+    const std::span line(argv + 2, static_cast<size_t>(argc - 2));
+    for (const std::string& word : complete(*app_, words_, line)) puts(word.c_str());
+    return kExitSuccess;
+  }
   try {
     app_->parse(argc, argv);
-    return std::nullopt;
-  } catch (const CLI::RequiredError& error) {
-    // CLI11 misses the command first, and only then sees the word that is none.
-    const std::vector<std::string> words = app_->remaining(true);
-    if (words.empty()) return app_->exit(error) == 0 ? kExitSuccess : kExitUsage;
-    remark("there is no command '" + words.front() + "'; --help lists them");
-    return kExitUsage;
   } catch (const CLI::ParseError& error) {
-    return app_->exit(error) == 0 ? kExitSuccess : kExitUsage;
+    if (error.get_exit_code() == 0) return app_->exit(error);
+    settings_.json = app_->count("--json") > 0;
+    action_ = [failure = wrong_usage(*app_, error)](const Context&) { throw failure; };
   }
+  return std::nullopt;
 }
 
 CLI::App& CommandLine::add_group(const std::string& name, const std::string& summary) {
-  CLI::App& group = *app_->add_subcommand(name, summary);
+  CLI::App& group = *app_->add_subcommand(name, summary)->footer("");
   group.require_subcommand(1);
   return group;
 }
@@ -170,7 +241,8 @@ CLI::App& CommandLine::add_app(CLI::App& group, const std::string& name, const s
 // --- options of several commands ---
 
 void DataInput::add_to(const Command& command) {
-  command.add_text("data", words, "hexadecimal digits, or @FILE", {.type = "DATA"});
+  command.add_text("data", words, "hexadecimal digits (\"0a 1b\", 0a1b), or @FILE (@-: standard input)",
+                   {.type = "DATA"});
   command.add_text("--text", text, "the data as text", {.type = "TEXT", .excludes = "data"});
 }
 

@@ -1,6 +1,6 @@
 // The command line: global options, the commands that the sources in commands/ add, and the options that several of
-// them have. Only command_line.cpp sees the library that parses it. Brings what every command uses: texts, failures,
-// the output, the session, what arrives, and signals.
+// them have. Only command_line.cpp and help.cpp see the library that parses it. Brings what every command uses: texts,
+// failures, the output, the session, what arrives, and signals.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,12 @@
 #include <utility>
 #include <vector>
 
+#include "help.h"
 #include "inbox.h"
 #include "output.h"
 #include "session.h"
 #include "signals.h"
 #include "text.h"
-
-namespace CLI {
-class App;
-}
 
 namespace pelmar::cli {
 
@@ -54,6 +51,7 @@ struct Details {
   size_t most_characters = 0;           // 0: no limit
   std::vector<std::string> words = {};  // that alone are taken; empty: all
   const char* excludes = nullptr;       // an option that cannot be given together with it
+  const char* otherwise = nullptr;  // of a number, in the help text: what holds without it; null: its target's value
 };
 
 // Refuses a word with the reason that it returns, or takes it and returns nothing.
@@ -65,8 +63,10 @@ class Command {
  public:
   explicit Command(CLI::App& app) : app_(app) {}
 
-  // The text below the help.
-  void set_footer(const char* text) const;
+  // Adds to the text below the options of the help: notes, and at least two examples of what follows the command's
+  // name. Every command has examples.
+  void add_notes(const std::string& text) const;
+  void add_examples(std::initializer_list<std::string> arguments) const;
 
   void add_flag(const std::string& name, bool& target, const std::string& help, const Details& details = {}) const;
   void add_switch(const std::string& name, bool& target, const std::string& help) const;  // "on" or "off"; required
@@ -86,7 +86,10 @@ class Command {
                   int64_t min = std::is_signed_v<Number> ? -(int64_t{1} << (8 * sizeof(Number) - 1)) : 0) const {
     static_assert(std::is_integral_v<Number> && sizeof(Number) <= sizeof(uint32_t));
     const auto store = [&target](int64_t value) { target = static_cast<Number>(value); };
-    add_number(name, help, min, max, store, details);
+    const std::string value = std::to_string(target);
+    Details shown = details;
+    if (shown.otherwise == nullptr && !details.is_required) shown.otherwise = value.c_str();
+    add_number(name, help, min, max, store, shown);
   }
   template <typename Number>
   void add_number(const std::string& name, std::optional<Number>& target, const std::string& help,
@@ -112,13 +115,17 @@ class CommandLine {
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
-  // Returns the exit status when there is nothing to run: help was asked for, or the line is wrong.
+  // Returns the exit status when there is nothing to run: help was asked for. Of a wrong line, run() throws the
+  // failure.
   std::optional<int> parse(int argc, char** argv);
 
   const Settings& settings() const { return settings_; }
   void run(const Context& context) const { action_(context); }
 
   CLI::App& root() { return *app_; }
+
+  // The words that a shell completes for options and arguments of the type.
+  void set_completion(const std::string& type, std::vector<std::string> words) { words_[type] = std::move(words); }
 
   // A command that only holds others.
   CLI::App& add_group(const std::string& name, const std::string& summary);
@@ -145,6 +152,7 @@ class CommandLine {
 
   const std::unique_ptr<CLI::App> app_;
   Settings settings_;
+  CompletionWords words_;
   Run action_;
 };
 

@@ -147,7 +147,7 @@ void subscribe_to_events(int32_t client) {
 }  // namespace
 
 void FollowLimits::add_to(const Command& command) {
-  command.add_number("--count", count, "end after that many events");
+  command.add_number("--count", count, "end after that many events", {.otherwise = "no limit"});
   command.add_duration(seconds);
 }
 
@@ -300,6 +300,7 @@ void add_events_command(CommandLine& line) {
   auto [command, values] = line.add("events", "follow the modem's events as they arrive", follow_events);
   values.limits.add_to(command);
   command.add_flag("--services", values.with_services, "also follow the SAR and NAS services going down and up");
+  command.add_examples({"", "--count 1 --for 60 --json"});
 }
 
 }  // namespace pelmar::cli

@@ -64,6 +64,12 @@ std::optional<uint32_t> parse_statistic(const std::string& word) {
   return static_cast<uint32_t>(*number);
 }
 
+std::vector<std::string> statistic_names() {
+  std::vector<std::string> names;
+  for (const statistics::Value& row : statistics::kValues) names.emplace_back(row.name);
+  return names;
+}
+
 std::string statistic_text(uint32_t id) {
   char digits[16];
   snprintf(digits, sizeof digits, "0x%02x", id);

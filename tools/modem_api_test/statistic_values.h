@@ -13,6 +13,8 @@ namespace pelmar::cli {
 // A name as in "lte-pcc", or a number. Nothing for anything else.
 std::optional<uint32_t> parse_statistic(const std::string& word);
 
+std::vector<std::string> statistic_names();
+
 // "0x52 (lte-pcc)"; "0x99" for one without a name.
 std::string statistic_text(uint32_t id);
 

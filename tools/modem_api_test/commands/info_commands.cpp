@@ -279,21 +279,30 @@ void list_properties(const Context& context, const NoValues&) {
 }  // namespace
 
 void add_info_command(CommandLine& line) {
-  line.add("info", "show the modem, its services, and this build's identity", show_info);
+  line.add("info", "show the modem, its services, and this build's identity", show_info)
+      .first.add_examples({"", "--modem /dev/cdc-wdm0 --json"});
 }
 
 void add_property_commands(CommandLine& line) {
+  std::vector<std::string> names;
+  for (const Property& property : kProperties) names.emplace_back(property.name);
+  line.set_completion("PROPERTY", std::move(names));
   CLI::App& group = line.add_group("props", "read and set system properties");
   {
     auto [command, values] = line.add<PropertyValues>(group, "get", "read a property", get_property);
-    command.add_text("name", values.name, "the property's name", {.type = "NAME", .is_required = true});
+    command.add_text("name", values.name, "the property's name", {.type = "PROPERTY", .is_required = true});
+    command.add_examples({"persist.radio.multisim.config", "ro.build.type --json"});
   }
   {
     auto [command, values] = line.add<PropertyValues>(group, "set", "set a property", set_property);
-    command.add_text("name", values.name, "the property's name", {.type = "NAME", .is_required = true});
-    command.add_text("value", values.value, "its value", {.type = "VALUE", .is_required = true});
+    command.add_text("name", values.name, "the property's name", {.type = "PROPERTY", .is_required = true});
+    command.add_text("value", values.value, "its value, of at most 91 characters",
+                     {.type = "VALUE", .is_required = true});
+    static_assert(PROPERTY_VALUE_MAX == 92);
+    command.add_examples({"persist.radio.multisim.config ssss", "persist.radio.default_data_sub 1"});
   }
-  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties);
+  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties)
+      .first.add_examples({"", "--json"});
 }
 
 }  // namespace pelmar::cli

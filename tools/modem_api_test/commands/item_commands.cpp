@@ -21,6 +21,7 @@ struct Kind {
   const char* title;
   const char* summary;
   bool by_path;
+  const char* example;  // an address
   int64_t max_qualifier;
   int64_t max_index;
   modem_api_result (*read)(int32_t client, const Address& address, uint8_t* data, uint32_t* length);
@@ -33,7 +34,7 @@ uint8_t narrow(uint16_t value) {
 }
 
 constexpr Kind kKinds[] = {
-    {"nv", "NV item", "NV items, by number", false, UINT8_MAX, UINT16_MAX,
+    {"nv", "NV item", "NV items, by number", false, "10", UINT8_MAX, UINT16_MAX,
      [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
        return modem_api_read_nv(client, a.item, narrow(a.qualifier), a.index, data, length);
      },
@@ -44,7 +45,7 @@ constexpr Kind kKinds[] = {
        return modem_api_delete_nv(client, a.item, narrow(a.qualifier), a.index);
      }},
 
-    {"efs", "EFS item", "EFS items, by number", false, UINT16_MAX, 0,
+    {"efs", "EFS item", "EFS items, by number", false, "77", UINT16_MAX, 0,
      [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
        return modem_api_read_efs(client, a.item, a.qualifier, data, length);
      },
@@ -53,7 +54,7 @@ constexpr Kind kKinds[] = {
      },
      [](int32_t client, const Address& a) { return modem_api_delete_efs(client, a.item, a.qualifier); }},
 
-    {"efs-path", "EFS file", "EFS files, by path", true, UINT16_MAX, UINT8_MAX,
+    {"efs-path", "EFS file", "EFS files, by path", true, "/nv/item_files/a", UINT16_MAX, UINT8_MAX,
      [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
        return modem_api_read_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index), data, length);
      },
@@ -64,7 +65,7 @@ constexpr Kind kKinds[] = {
        return modem_api_delete_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index));
      }},
 
-    {"rfnv", "RF NV item", "RF NV items, by number", false, 0, 0,
+    {"rfnv", "RF NV item", "RF NV items, by number", false, "20", 0, 0,
      [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
        return modem_api_read_rfnv(client, a.item, data, length);
      },
@@ -99,9 +100,9 @@ void add_address(const Command& command, const Kind& kind, Address& address) {
     command.add_number("item", address.item, "the item's number", {.is_required = true});
   }
   if (kind.max_qualifier > 0) {
-    command.add_number("--qualifier", address.qualifier, "the qualifier (0)", {}, kind.max_qualifier);
+    command.add_number("--qualifier", address.qualifier, "the qualifier", {}, kind.max_qualifier);
   }
-  if (kind.max_index > 0) command.add_number("--index", address.index, "the index (0)", {}, kind.max_index);
+  if (kind.max_index > 0) command.add_number("--index", address.index, "the index", {}, kind.max_index);
 }
 
 constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
@@ -237,31 +238,37 @@ void add_item_commands(CommandLine& line) {
   for (const Kind& kind : kKinds) {
     CLI::App& group = line.add_group(kind.command, std::string("read, write and delete ") + kind.summary);
     const std::string what = std::string(" an ") + kind.title;
+    const std::string example = kind.example;
     {
       auto [command, values] = line.add<ReadValues>(group, "read", "read" + what, on(kind, read_item));
       add_address(command, kind, values.address);
       values.output.add_to(command);
+      command.add_examples({example, example + " --output item.bin"});
     }
     {
       auto [command, values] = line.add<WriteValues>(group, "write", "write" + what, on(kind, write_item));
       add_address(command, kind, values.address);
       values.input.add_to(command);
+      command.add_examples({example + " 0a 1b 2c", example + " --text hello"});
     }
     {
       auto [command, address] = line.add<Address>(group, "delete", "delete" + what, on(kind, delete_item));
       add_address(command, kind, address);
+      command.add_examples({example, example + " --json"});
     }
   }
   {
     auto [command, values] = line.add("efs-sync", "have the modem write its EFS to storage", sync_efs);
-    command.add_number("--mode", values.mode, "the mode (0); only with 0 are the value and the option sent");
-    command.add_number("--value", values.value, "the value (0)");
-    command.add_number("--option", values.option, "the option (0)");
+    command.add_number("--mode", values.mode, "the mode; only with 0 are the value and the option sent");
+    command.add_number("--value", values.value, "the value");
+    command.add_number("--option", values.option, "the option");
+    command.add_examples({"", "--mode 1"});
   }
   {
     auto [command, values] = line.add("raw", "send a pass-through command of at most 512 bytes", send_raw);
     values.input.add_to(command);
     command.add_flag("--async", values.is_async, "do not wait in the call: show the data and the end as they arrive");
+    command.add_examples({"01 02 03", "--async --text ping"});
   }
 }
 

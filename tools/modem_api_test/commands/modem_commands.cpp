@@ -309,6 +309,7 @@ void add_modem_commands(CommandLine& line) {
     };
     auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);
     confirmation.add_to(command);
+    command.add_examples({"", "--yes"});
   }
 
   CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
@@ -316,29 +317,37 @@ void add_modem_commands(CommandLine& line) {
     auto [command, values] = line.add<VoteValues>(power, "vote", "vote for power, as long as this command runs", vote);
     add_device(command, values.device);
     command.add_duration(values.seconds, "take the vote back after that many seconds");
+    command.add_examples({"", "--for 10"});
   }
-  line.add<NoValues>(power, "release", "end every 'power vote' that runs", release);
-  line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status);
+  line.add<NoValues>(power, "release", "end every 'power vote' that runs", release)
+      .first.add_examples({"", "--timeout 5"});
+  line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status)
+      .first.add_examples({"", "--json"});
   {
     auto [command, values] = line.add<WatchValues>(power, "watch", "follow the steps of the power as they come", watch);
     add_device(command, values.device);
-    command.add_number("--count", values.count, "end after that many steps");
+    command.add_number("--count", values.count, "end after that many steps", {.otherwise = "no limit"});
     command.add_duration(values.seconds);
+    command.add_examples({"", "--count 1 --for 60"});
   }
 
   CLI::App& ssr = line.add_group("ssr", "what happens when the modem crashes: the restart type");
-  line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type);
+  line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type)
+      .first.add_examples({"", "--json"});
   {
     auto [command, values] = line.add<SetValues>(ssr, "set", "switch the restart type", set_type);
     std::vector<std::string> words;
     for (size_t i = 0; i < kSettableTypes; ++i) words.emplace_back(kTypes[i].word);
     command.add_text("type", values.type, "ssr: restart alone; dump; def: as it was saved",
                      {.is_required = true, .words = words});
+    command.add_examples({"ssr", "def"});
   }
-  line.add<NoValues>(ssr, "name", "show the restart level's text", show_name);
+  line.add<NoValues>(ssr, "name", "show the restart level's text", show_name).first.add_examples({"", "--json"});
   {
     auto [command, values] = line.add<WaitValues>(ssr, "wait", "wait while a restart settles", wait);
-    command.add_number("seconds", values.seconds, "how long (default: persist.radio.ssr_wait_s, else 5)", {}, 3600, 0);
+    command.add_number("seconds", values.seconds, "how long",
+                       {.type = "SECONDS", .otherwise = "what persist.radio.ssr_wait_s has, else 5"}, 3600, 0);
+    command.add_examples({"", "2"});
   }
 }
 

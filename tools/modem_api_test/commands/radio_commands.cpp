@@ -242,8 +242,9 @@ void add_radio_commands(CommandLine& line) {
   {
     auto [command, values] = line.add("cell-info", "show where the subscriptions are camped", show_cell_info);
     command.add_subscription(values.sub);
+    command.add_examples({"", "--sub 0 --json"});
   }
-  line.add("drx", "show the DRX setting of subscription 0", show_drx);
+  line.add("drx", "show the DRX setting of subscription 0", show_drx).first.add_examples({"", "--json"});
   {
     CLI::App& group = line.add_group("lock", "lock a subscription to cells");
     auto [command, values] =
@@ -251,24 +252,29 @@ void add_radio_commands(CommandLine& line) {
     command.add_text("cells", values.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
     command.add_subscription(values.sub);
     values.confirmation.add_to(command);
+    command.add_examples({"1300:120 --yes", "clear --sub 1"});
   }
   {
     auto [command, values] = line.add("avoid-trm", "switch TRM avoidance", set_avoid_trm);
     command.add_switch("state", values.is_on, "on or off");
     command.add_subscription(values.sub);
+    command.add_examples({"on", "off --sub 1"});
   }
   {
     auto [command, values] = line.add("nr-mode", "disable NR (1 or 2), or enable it (0)", set_nr_mode);
     command.add_number("mode", values.mode, "the NR disable mode", {.is_required = true}, 2);
     command.add_subscription(values.sub);
     values.confirmation.add_to(command);
+    command.add_examples({"0", "2 --sub 1 --yes"});
   }
   {
     CLI::App& group = line.add_group("sar", "the SAR service");
     auto [command, values] = line.add<SarValues>(group, "set", "set the RF state", set_state);
     command.add_number("state", values.state, "the state", {.is_required = true});
     command.add_number("--hold", values.hold_seconds,
-                       "go on for that many seconds: set the state again each time the service comes back");
+                       "go on for that many seconds: set the state again each time the service comes back",
+                       {.type = "SECONDS", .otherwise = "do not go on"});
+    command.add_examples({"3", "3 --hold 3600"});
   }
 }
 

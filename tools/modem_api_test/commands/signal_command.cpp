@@ -358,8 +358,8 @@ void add_signal_command(CommandLine& line) {
       "-w,--watch", values.watch,
       "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
       "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
-  command.add_number("--rate", values.rate, "readings a second (2)", kHighestRate, 1);
-  command.add_number("--count", values.count, "end after that many readings");
+  command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
+  command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
@@ -369,6 +369,7 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
+  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
 }
 
 }  // namespace pelmar::cli

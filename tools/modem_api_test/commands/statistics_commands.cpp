@@ -196,7 +196,7 @@ struct ReportValues {
 
 constexpr const char* kWhoseId =
     "A statistics client id is granted to one process and is void when that process ends: the id of any other "
-    "process,\n"
+    "process, "
     "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
 
 constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
@@ -285,6 +285,7 @@ void add_options(const Command& command, RegisterValues& values) {
 
 void add_stats_commands(CommandLine& line) {
   CLI::App& group = line.add_group("stats", "the modem's statistics");
+  line.set_completion("STATISTIC", statistic_names());
   {
     auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
     add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
@@ -292,6 +293,7 @@ void add_stats_commands(CommandLine& line) {
     command.add_number("--slot", values.slot, "the request's slot");
     command.add_text("--parameters", values.parameters, "bytes that go with each statistic of the request",
                      {.type = "HEX"});
+    command.add_examples({"lte-pcc nr-uplink", "0x52 --sub 1 --json"});
   }
   {
     auto [command, values] =
@@ -299,13 +301,15 @@ void add_stats_commands(CommandLine& line) {
     add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
     command.add_subscription(values.sub);
     command.add_number("--slot", values.slot, "the request's slot");
+    command.add_examples({"antenna-switch", "lte-pcc lte-scc1 --sub 1"});
   }
   {
     auto [command, values] =
         line.add<ReportValues>(group, "report", "request a statistics client id, or give it back", switch_reporting);
-    command.set_footer(kWhoseId);
+    command.add_notes(kWhoseId);
     command.add_switch("state", values.is_on, "on or off");
     command.add_number("--client", values.client, "off: the statistics client id, of this process");
+    command.add_examples({"on", "off --client 0"});
   }
   {
     auto [command, values] = line.add<RegisterValues>(
@@ -315,12 +319,14 @@ void add_stats_commands(CommandLine& line) {
                      {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
     add_options(command, values);
     values.limits.add_to(command);
+    command.add_examples({"lte-pcc", "nr-pcc nr-uplink --count 10 --json"});
   }
   auto [command, values] = line.add<RegisterValues>(group, "deregister", "end the reporting of statistics", deregister);
-  command.set_footer(kWhoseId);
+  command.add_notes(kWhoseId);
   add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
   command.add_number("--client", values.client, "the statistics client id, of this process", {.is_required = true});
   add_options(command, values);
+  command.add_examples({"lte-pcc --client 0", "0x52 0x87 --client 0 --json"});
 }
 
 }  // namespace
@@ -330,15 +336,18 @@ void add_statistics_commands(CommandLine& line) {
     auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
     command.add_subscription(values.sub, "that of the default data");
     command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = "--sub"});
+    command.add_examples({"", "--max --json"});
   }
   {
     auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
     command.add_subscription(values.sub);
+    command.add_examples({"", "--sub 1 --json"});
   }
   {
     auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);
     command.add_text("state", values.state, "on or off", {.words = {"on", "off"}});
-    command.add_number("--number", values.number, "the feature's number (2: the statistics)");
+    command.add_number("--number", values.number, "the feature's number; 2: the statistics");
+    command.add_examples({"", "on"});
   }
   add_stats_commands(line);
 }
