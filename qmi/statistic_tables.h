@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 namespace pelmar::statistics {
 
@@ -103,6 +104,27 @@ inline constexpr Value kValues[] = {
     {0x6e, "wcdma-search", kWcdmaSearch}, {0x6f, "gsm-levels", kGsmLevels},   {0x64, "antenna-switch", kAntennaSwitch},
     {0x2c, "system-mode", kSystemMode},
 };
+
+struct Unit {
+  std::string_view begin;  // of the names of the fields that have the unit
+  const char* name;
+};
+
+// As the simulated modem counts. A modem may count otherwise.
+inline constexpr Unit kUnits[] = {
+    {"rsrp", "0.1 dBm"},    {"rssi", "0.1 dBm"},  {"rx_agc", "0.1 dBm"},     {"rx_prx", "0.1 dBm"},
+    {"rx_drx", "0.1 dBm"},  {"rsrq", "0.1 dB"},   {"snr", "0.1 dB"},         {"tx_power", "dBm"},
+    {"mtpl", "dBm"},        {"max_power", "dBm"}, {"pusch_tx_power", "dBm"}, {"pusch_ex_tx_power", "dBm"},
+    {"dl_path_loss", "dB"}, {"pathloss", "dB"},
+};
+
+// Empty for a number without a unit.
+constexpr std::string_view unit_of(const Field& field) {
+  for (const Unit& unit : kUnits) {
+    if (std::string_view(field.name).starts_with(unit.begin)) return unit.name;
+  }
+  return "";
+}
 
 // Null for an identifier without a value.
 constexpr const Value* find_value(uint32_t id) {

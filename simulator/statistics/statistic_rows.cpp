@@ -15,12 +15,6 @@ constexpr double kStacks = 1;
 
 // --- the numbers of each value, in the order of its fields ---
 
-// Levels and ratios of receive chains go in tenths of dBm or dB; powers and losses of the uplink in whole dBm or dB, or
-// as floats.
-constexpr double tenths(double value) {
-  return value * 10;
-}
-
 Numbers lte_cell(const RadioSample& sample, size_t carrier) {
   const Carrier& from = sample.lte[carrier];
   Numbers numbers = {kVersion,
@@ -31,7 +25,7 @@ Numbers lte_cell(const RadioSample& sample, size_t carrier) {
                      static_cast<double>(from.measured_chains)};
   auto place = numbers.begin() + 6;
   for (const Levels& chain : from.chains) {
-    for (const double level : {chain.rsrp, chain.rsrq, chain.rssi, chain.snr}) *place++ = tenths(level);
+    for (const double level : {chain.rsrp, chain.rsrq, chain.rssi, chain.snr}) *place++ = level;
   }
   return numbers;
 }
@@ -45,13 +39,12 @@ Numbers lte_uplink(const RadioSample& sample, size_t) {
 template <double Levels::*Level>
 Numbers nr_chains(const RadioSample& sample, size_t carrier) {
   const auto& chains = sample.nr[carrier].chains;
-  return {kVersion, tenths(chains[0].*Level), tenths(chains[1].*Level), tenths(chains[2].*Level),
-          tenths(chains[3].*Level)};
+  return {kVersion, chains[0].*Level, chains[1].*Level, chains[2].*Level, chains[3].*Level};
 }
 
 Numbers nr_cell(const RadioSample& sample, size_t carrier) {
   Numbers numbers = nr_chains<&Levels::rsrp>(sample, carrier);
-  numbers[1 + kChains] = tenths(sample.nr[carrier].rsrq);
+  numbers[1 + kChains] = sample.nr[carrier].rsrq;
   return numbers;
 }
 
@@ -80,11 +73,11 @@ Numbers nr_uplink(const RadioSample& sample, size_t) {
 }
 
 Numbers wcdma_search(const RadioSample& sample, size_t) {
-  return {kVersion, tenths(sample.wcdma_levels[0]), tenths(sample.wcdma_levels[1])};
+  return {kVersion, sample.wcdma_levels[0], sample.wcdma_levels[1]};
 }
 
 Numbers gsm_levels(const RadioSample& sample, size_t) {
-  return {kVersion, tenths(sample.gsm_levels[0]), tenths(sample.gsm_levels[1])};
+  return {kVersion, sample.gsm_levels[0], sample.gsm_levels[1]};
 }
 
 // The switch's paths are those to the antennas of the first receive chain and the first transmitter, a bit each.
@@ -188,6 +181,14 @@ const StatisticRow* find_statistic(uint32_t id) {
 
 const StatisticRow* find_statistic(std::string_view name) {
   return find_row(kRows, [&](const StatisticRow& row) { return row.name == name; });
+}
+
+Numbers StatisticRow::numbers_of(const RadioSample& sample) const {
+  Numbers numbers = read(sample, carrier);
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (statistics::unit_of(fields[i]).starts_with("0.1 ")) numbers[i] *= 10;
+  }
+  return numbers;
 }
 
 size_t pack(const StatisticRow& row, std::span<const double> numbers, std::span<uint8_t> bytes) {

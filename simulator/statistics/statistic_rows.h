@@ -1,7 +1,7 @@
 // The simulated modem's numbers for the statistics values, whose fields are in statistic_tables.h.
 //
-// A row has the function that reads the numbers of a value, one for each field and in the field's unit, from a radio
-// sample. A number beyond the range of its field's type becomes the nearest one in it.
+// A row has the function that reads the numbers of a value, one for each field, from a radio sample: levels and powers
+// in dBm, ratios and losses in dB. A number beyond the range of its field's type becomes the nearest one in it.
 #pragma once
 
 #include <array>
@@ -36,6 +36,9 @@ struct StatisticRow {
   size_t carrier;  // for the values that several carriers have; else 0
   Numbers (*read)(const RadioSample& sample, size_t carrier);
   bool (*is_there)(const RadioSample& sample, size_t carrier);
+
+  // In the units of the fields.
+  Numbers numbers_of(const RadioSample& sample) const;
 
   // The field's name; where several fields of the value share it, with a number behind it: "pathloss2".
   std::string field_name(const statistics::Field& field) const;

@@ -21,7 +21,7 @@ double Statistics::seconds_played() const {
 Statistics::Value Statistics::value_of(StatisticKey key, const StatisticRow& row) const {
   const RadioSample radio = sample(key);
   const bool is_there = row.is_there(radio, row.carrier);
-  Value value{is_there ? Source::kRadio : Source::kNone, row.read(radio, row.carrier)};
+  Value value{is_there ? Source::kRadio : Source::kNone, row.numbers_of(radio)};
   if (const auto played = scenario_ ? scenario_->scenario.at(key, seconds_played()) : std::nullopt) {
     value.source = played->is_there ? Source::kScenario : Source::kNone;
     value.replace(played->fields);

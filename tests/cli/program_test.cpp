@@ -112,7 +112,8 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
        {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
     EXPECT_TRUE(wait_for_status(state)) << state;
   }
-  for (const char* line : {"cell-info", "cell-info --json", "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
+  for (const char* line : {"cell-info", "cell-info --json", "stats list | head -n 2",
+                           "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
                            "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
     show(line);
   }
@@ -122,7 +123,7 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
 // A response to the first NAS client's fourth request, with no TLV but the result and that number.
 TEST_F(ClientTest, ATimingAdvanceThatTheModemHasNotMeasuredIsAbsent) {
   ctl("garbage 011a0080030102040043000e00020400000000001e0400ffffffff nas 0x43 1");
-  expect({{"client cell-info --sub 0 --json", 0, R"("timing_advance":null,)"}});
+  expect({{"client cell-info --sub 0 --json", 0, R"("timing_advance_us":null,)"}});
 }
 
 TEST_F(ClientTest, DangerousCommandsNeedConfirmation) {
@@ -147,8 +148,25 @@ TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
           {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
   EXPECT_TRUE(wait_for_no_clients());
   ctl("clear");
+}
+
+TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
+  const std::string held = R"("client_ids":[{"service":228,"client":)";
+  expect(
+      {{"client info | tail -n 1", 0, "next step: Nothing is wrong; 'modem_api_test signal' shows what the radio"},
+       {"client --modem ./nobody info --json 2>w", 1, R"-(such file or directory)","next_step":"Start the modem, )-"},
+       {"client --modem ./nobody info", 1, "\nnext step: Start the modem, "}});
+  Process events = start("events");
+  EXPECT_TRUE(prints(events, "following"));
+  expect({{"client info --json", 0, held}});
+  ctl("error 5 ctl 0x22");
+  expect({{"client info", 1, "  client ids            exhausted\nprop"}});
+  ctl("clear");
   ctl("service sar down");
-  expect({{"client info --json", 0, R"("version":"1.15","up":false,"state":"absent"})"}});
+  expect({{"client info --json", 1, R"("version":"1.15","up":false,"state":"absent"})"},
+          {"client info 2>w", 1,
+           "connecting to the SAR service failed: the modem does not have it\nnext step: Wait for"}});
+  EXPECT_EQ(events.end(SIGINT), 130);
 }
 
 TEST_F(ClientTest, EventsArePrintedAcrossARestartUpToTheCount) {
@@ -282,7 +300,8 @@ TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
                "for pid in $pids; do wait $pid || exit 1; done; wc -l <" +
                starts,
            0, "1\n"},
-          {quit + "client nv read 7 -o - | od -An -tx1; " + quit, 0, " 07\n"}});
+          {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
+           " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"}});
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ def main(program, texts):
         for words in leaves:
             examples = section(run(program, *words, "--help").stdout, "Examples").splitlines()
             assert len(examples) >= 2, f"{words} has no two examples"
-            assert ".SS " + " ".join(words).replace("-", "\\-") + " [" in page, f"not in the manual page: {words}"
+            assert ".SS modem_api_test " + " ".join(words).replace("-", "\\-") + " [" in page, f"not in the manual page: {words}"
             for example in examples:
                 outcome = run("sh", "-c", example, cwd=scratch, env=os.environ | place, timeout=30)
                 assert outcome.returncode != 2, f"{example}: {outcome.stderr}"

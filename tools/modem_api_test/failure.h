@@ -78,6 +78,8 @@ class Failure : public std::exception {
   const char* what() const noexcept override { return text_.c_str(); }
   int exit_status() const { return status_; }
   const std::string& reason() const { return reason_; }
+  const std::string& advice() const { return advice_; }
+  uint32_t qmi_error() const { return exchange_ ? exchange_->error : 0; }     // 0: there is none
   std::string headline() const { return text_.substr(0, text_.find('\n')); }  // without the advice
   bool is_silent() const { return is_silent_; }
   Json json() const;

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 #include "text.h"
@@ -11,10 +12,6 @@ namespace pelmar::cli {
 namespace {
 
 // --- the command line's parts ---
-
-const CLI::App& root_of(const CLI::App& app) {
-  return app.get_parent() == nullptr ? app : root_of(*app.get_parent());
-}
 
 std::vector<const CLI::App*> commands_of(const CLI::App& app) {
   return app.get_subcommands({});
@@ -37,7 +34,12 @@ bool is_repeatable(const CLI::Option& option) {
 
 // --- the text ---
 //
-// Lines of four kinds: "Heading:", "  name  text", "  literal", and paragraphs.
+// It has lines of four kinds: "  name  text", "  literal", "Heading:", and paragraphs.
+
+bool is_entry(const std::string& line, std::smatch& name_and_text) {
+  static const std::regex pattern("  (.*?\\S)  (.*)");
+  return std::regex_match(line, name_and_text, pattern);
+}
 
 std::string name_of(const CLI::Option& option) {
   const std::string type = type_of(option);
@@ -78,41 +80,25 @@ std::string text_of(const CLI::App& app) {
   std::string examples;
   for (const CLI::App* command : commands_of(app)) {
     commands += "  " + command->get_name() + "  " + command->get_description() + "\n";
+    std::smatch example;
     const std::string notes = command->get_footer();
-    const size_t begin = notes.find("\n  ");
-    if (begin != notes.npos) examples += notes.substr(begin + 1, notes.find('\n', begin + 1) - begin);
+    if (std::regex_search(notes, example, std::regex("\n  .*"))) examples += example.str().substr(1) + "\n";
   }
   return summary + ".\n" + with_heading("Arguments", entries_of(app, true)) +
          with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + app.get_footer() +
          (app.get_parent() == nullptr ? "" : with_heading("Examples", examples));
 }
 
-std::string common_options(const CLI::App& root) {
+std::string common_options(const CLI::App& app) {
+  if (app.get_parent() != nullptr) return common_options(*app.get_parent());
   std::string names;
-  for (const CLI::Option* option : options_of(root, false)) names += (names.empty() ? "" : ", ") + name_of(*option);
-  return "Common options: " + names + ". '" + root.get_name() + " --help' describes them.\n";
+  for (const CLI::Option* option : options_of(app, false)) names += (names.empty() ? "" : ", ") + name_of(*option);
+  return "Common options: " + names + ". '" + app.get_name() + " --help' describes them.\n";
 }
 
-struct Line {
-  enum class Kind { kHeading, kEntry, kLiteral, kParagraph };
+// --- the manual page ---
 
-  explicit Line(const std::string& line) : text(line) {
-    if (!line.starts_with("  ")) {
-      kind = line.ends_with(':') ? Kind::kHeading : Kind::kParagraph;
-      return;
-    }
-    const size_t gap = std::min(line.find("  ", 2), line.size());
-    kind = gap < line.size() ? Kind::kEntry : Kind::kLiteral;
-    name = line.substr(2, gap - 2);
-    text = line.substr(std::min(gap + 2, line.size()));
-  }
-
-  Kind kind;
-  std::string name;  // of an entry or a literal
-  std::string text;
-};
-
-// A line of roff in which no character is markup.
+// A line in which no character is markup.
 std::string roff(const std::string& text) {
   std::string line = text.starts_with('.') || text.starts_with('\'') ? "\\&" : "";
   for (const char character : text) {
@@ -127,13 +113,17 @@ std::string roff_text(const std::string& text, const std::string& heading) {
   std::string page;
   const char* gap = "";
   std::istringstream lines(text);
-  for (std::string each; std::getline(lines, each);) {
-    const Line line(each);
-    if (line.kind == Line::Kind::kHeading) page += heading + roff(line.text.substr(0, line.text.size() - 1));
-    if (line.kind == Line::Kind::kEntry) page += ".TP\n.B " + roff(line.name) + roff(line.text);
-    if (line.kind == Line::Kind::kLiteral) page += ".nf\n" + roff("    " + line.name) + ".fi\n";
-    if (line.kind == Line::Kind::kParagraph) page += gap + roff(line.text);
-    gap = line.kind == Line::Kind::kHeading ? "" : ".PP\n";
+  std::smatch entry;
+  for (std::string line; std::getline(lines, line);) {
+    const bool is_heading = line.ends_with(':') && !line.starts_with(' ');
+    if (is_entry(line, entry)) {
+      page += ".TP\n.B " + roff(entry[1]) + roff(entry[2]);
+    } else if (line.starts_with(' ')) {
+      page += ".nf\n" + roff("  " + line) + ".fi\n";
+    } else {
+      page += is_heading ? heading + roff(line.substr(0, line.size() - 1)) : gap + roff(line);
+    }
+    gap = is_heading ? "" : ".PP\n";
   }
   return page;
 }
@@ -141,29 +131,19 @@ std::string roff_text(const std::string& text, const std::string& heading) {
 std::string roff_commands(const CLI::App& group) {
   std::string page;
   for (const CLI::App* command : commands_of(group)) {
-    const std::string usage = usage_of(*command).substr(root_of(group).get_name().size() + 1);
-    page += commands_of(*command).empty() ? ".SS " + roff(usage) + roff_text(text_of(*command), ".PP\n.I ")
-                                          : roff_commands(*command);
+    const bool is_group = !commands_of(*command).empty();
+    page += is_group ? roff_commands(*command)
+                     : ".SS " + roff(usage_of(*command)) + roff_text(text_of(*command), ".PP\n.I ");
   }
   return page;
 }
 
 // --- completion ---
 
-std::string value_type(const CLI::App& app, const std::string& name) {
-  const CLI::Option* const option = app.get_option_no_throw(name);
-  if (option != nullptr) return type_of(*option);
-  return app.get_parent() == nullptr ? "" : value_type(*app.get_parent(), name);
-}
-
 constexpr const char* kBashScript = R"(# bash completion for modem_api_test: the program itself lists the words.
 _modem_api_test() {
-  local IFS=$'\n' current=${COMP_WORDS[COMP_CWORD]}
-  if [[ $current == @* ]]; then # a file with data
-    COMPREPLY=($(compgen -P @ -f -- "${current#@}"))
-  else
-    COMPREPLY=($("$1" --complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
-  fi
+  local IFS=$'\n'
+  COMPREPLY=($("$1" --complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
 }
 complete -o default -F _modem_api_test modem_api_test
 )";
@@ -188,71 +168,70 @@ std::string help_text(const CLI::App& app) {
   constexpr size_t kColumn = 24;  // where the text of an entry begins
   std::string page;
   std::istringstream lines("Usage: " + usage_of(app) + "\n" + text_of(app) +
-                           (app.get_parent() == nullptr ? "" : common_options(root_of(app))));
-  for (std::string each; std::getline(lines, each);) {
-    const Line line(each);
-    const bool is_indented = line.kind == Line::Kind::kEntry || line.kind == Line::Kind::kLiteral;
-    if (!is_indented && !page.empty()) page += '\n';
-    std::string rest = is_indented ? left_aligned("  " + line.name, kColumn - 2) + "  " + line.text : line.text;
-    rest.erase(rest.find_last_not_of(' ') + 1);
-    const size_t indent = is_indented ? kColumn : 0;
-    for (size_t cut; rest.size() > kWidth && (cut = rest.rfind(' ', kWidth)) > indent && cut < rest.size();) {
-      page += rest.substr(0, cut) + "\n";
-      rest = std::string(indent, ' ') + rest.substr(cut + 1);
+                           (app.get_parent() == nullptr ? "" : common_options(app)));
+  std::smatch entry;
+  for (std::string line; std::getline(lines, line);) {
+    const size_t indent = line.starts_with(' ') ? kColumn : 0;
+    if (indent == 0 && !page.empty()) page += '\n';
+    if (is_entry(line, entry)) {
+      line = left_aligned("  " + entry.str(1), kColumn - 2) + "  " + entry.str(2);
     }
-    page += rest + "\n";
+    for (size_t cut; line.size() > kWidth && (cut = line.rfind(' ', kWidth)) > indent && cut < line.size();) {
+      page += line.substr(0, cut) + "\n";
+      line = std::string(indent, ' ') + line.substr(cut + 1);
+    }
+    page += line + "\n";
   }
   return page;
 }
 
 std::string manual_page(const CLI::App& root, const std::string& version, const std::string& date) {
   const std::string name = root.get_name();
-  std::string text = text_of(root);
-  const size_t begin = text.find("Commands:\n") + std::string("Commands:\n").size();
-  size_t end = begin;
-  while (text.compare(end, 2, "  ") == 0) end = text.find('\n', end) + 1;
   return ".TH " + name + " 1 " + date + " " + roff("\"" + name + " " + version + "\"") + ".SH NAME\n" +
-         roff(name + " - client of the cellular modem") + ".SH SYNOPSIS\n.B " + roff(usage_of(root) + " ...") +
-         ".SH DESCRIPTION\n" + roff_text(text.substr(0, begin), ".SH ") + roff_commands(root) +
-         roff_text(text.substr(end), ".SH ") + ".SH SEE ALSO\n.BR modem_sim (1)\n";
+         roff(name + " - " + root.get_description()) + ".SH SYNOPSIS\n.B " + roff(usage_of(root) + " ...") +
+         ".SH DESCRIPTION\n" + roff_text(text_of(root), ".SH ") + ".SH Each command\n" + roff_commands(root) +
+         ".SH SEE ALSO\n.BR modem_sim (1)\n";
 }
 
 std::vector<std::string> complete(const CLI::App& root, const CompletionWords& words, std::span<char* const> line) {
-  const std::string current = line.empty() ? "" : line.back();
-  const CLI::App* app = &root;
-  std::string type;  // of the value that comes next
+  if (line.empty()) return {};
+  std::vector<const CLI::App*> apps = {&root};  // and the groups and the command that the line names
+  const CLI::Option* value_of = nullptr;        // the option whose value comes next
   size_t arguments = 0;
-  for (const std::string word : line.first(line.size() - !line.empty())) {
-    const auto commands = commands_of(*app);
-    const auto is_named = [&](const CLI::App* command) { return command->get_name() == word; };
-    const auto command = std::find_if(commands.begin(), commands.end(), is_named);
-    if (!type.empty()) {
-      type.clear();
+  for (const std::string word : line.first(line.size() - 1)) {
+    const auto commands = commands_of(*apps.back());
+    const auto command = std::find_if(commands.begin(), commands.end(), [&](auto c) { return c->get_name() == word; });
+    if (value_of != nullptr) {
+      value_of = nullptr;
     } else if (word.starts_with('-')) {
-      type = value_type(*app, word);
+      for (const CLI::App* app : apps) {
+        const CLI::Option* const option = app->get_option_no_throw(word);
+        if (option != nullptr && !type_of(*option).empty()) value_of = option;
+      }
     } else if (command != commands.end()) {
-      app = *command;
+      apps.push_back(*command);
     } else {
       ++arguments;
     }
   }
+  const std::string current = line.back();
   std::vector<std::string> matches;
-  const auto positionals = options_of(*app, true);
-  if (type.empty() && current.starts_with('-')) {
-    for (const CLI::App* each = app; each != nullptr; each = each->get_parent()) {
-      for (const CLI::Option* option : options_of(*each, false)) matches.push_back("--" + option->get_lnames().front());
+  const auto positionals = options_of(*apps.back(), true);
+  if (value_of == nullptr && current.starts_with('-')) {
+    for (const CLI::App* app : apps) {
+      for (const CLI::Option* option : options_of(*app, false)) matches.push_back("--" + option->get_lnames().front());
     }
-  } else if (type.empty() && arguments == 0) {
-    for (const CLI::App* command : commands_of(*app)) matches.push_back(command->get_name());
+  } else if (value_of == nullptr && !positionals.empty()) {
+    if (is_repeatable(*positionals.back())) arguments = std::min(arguments, positionals.size() - 1);
+    if (arguments < positionals.size()) value_of = positionals[arguments];
+  } else if (value_of == nullptr) {
+    for (const CLI::App* command : commands_of(*apps.back())) matches.push_back(command->get_name());
   }
-  if (matches.empty() && type.empty() && !positionals.empty()) {
-    arguments = std::min(arguments, positionals.size() - (is_repeatable(*positionals.back()) ? 1 : 0));
-    if (arguments < positionals.size()) type = type_of(*positionals[arguments]);
-  }
-  if (type.starts_with('{')) {
-    matches = CLI::detail::split(type.substr(1, type.size() - 2), ',');
-  } else if (const auto listed = words.find(type); listed != words.end()) {
-    matches = listed->second;
+  if (value_of != nullptr) {
+    const std::string type = type_of(*value_of);
+    const auto listed = words.find(type);
+    if (type.starts_with('{')) matches = CLI::detail::split(type.substr(1, type.size() - 2), ',');
+    if (listed != words.end()) matches = listed->second;
   }
   std::erase_if(matches, [&](const std::string& match) { return !match.starts_with(current); });
   return matches;

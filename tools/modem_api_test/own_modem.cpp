@@ -192,9 +192,9 @@ Modem reach_own_modem() {
   const Place place = make_place();
   std::string problem;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, std::move(guard)};
+    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, place.log, std::move(guard)};
     const UniqueFd lock = take_lock(place.lock);
-    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, std::move(guard)};
+    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, place.log, std::move(guard)};
     problem = start_modem_process(place.socket, place.storage, place.log);
     if (!problem.empty()) std::this_thread::sleep_for(kPauseBetweenAttempts);
   }
@@ -205,10 +205,22 @@ Modem reach_own_modem() {
 }  // namespace
 
 Modem choose_modem(const std::string& named) {
-  Modem modem{named.empty() ? environment(kModemVariable) : named, "", {}};
+  Modem modem{named.empty() ? environment(kModemVariable) : named, "", "", {}};
   if (modem.address.empty()) modem = reach_own_modem();
   setenv(kModemVariable, modem.address.c_str(), 1);
   return modem;
+}
+
+bool stop_own_modem() {
+  const std::string step = "stopping the simulated modem";
+  const UnixConnection connection = connect_unix(make_place().socket);
+  if (!connection.fd) return false;
+  const pid_t process = peer_of(connection.fd.get()).pid;
+  if (process <= 0 || kill(process, SIGTERM) != 0) throw Failure::of_system(step);
+  pollfd end = {connection.fd.get(), 0, 0};
+  const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kReadyPatience).count();
+  if (poll(&end, 1, static_cast<int>(patience)) == 1) return true;
+  throw Failure(step, "process " + std::to_string(process) + " does not end");
 }
 
 std::string find_obstacle(const std::string& name) {

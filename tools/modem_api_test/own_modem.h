@@ -16,6 +16,7 @@ namespace pelmar::cli {
 struct Modem {
   std::string address;  // a form of --modem
   std::string storage;  // of the own modem; empty for another
+  std::string log;      // the same
   UniqueFd guard;       // a connection: the own modem does not end while it is open
 };
 
@@ -23,6 +24,9 @@ struct Modem {
 // library connects. Several programs may start the own modem at once. Throws with what the modem logged where it does
 // not start.
 Modem choose_modem(const std::string& named);
+
+// Ends the own modem, which keeps its storage. False where none runs. Throws where it does not end.
+bool stop_own_modem();
 
 // Why the process that serves the socket cannot be used, and what to do: another user whom this one does not trust or
 // who does not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where

@@ -20,9 +20,6 @@ namespace pelmar::cli {
 namespace {
 
 constexpr std::chrono::milliseconds kWaitPeriod{100};
-constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC,
-                              "Other programs have all client ids of the service: end one of them, or reset the modem.",
-                              QMI_ERR_CLIENT_IDS_EXHAUSTED_V01};
 
 qmi_idl_service_object_type vs_object() {
   return &vs_qmi_idl_service_object_v01;
@@ -94,18 +91,18 @@ const Modem& Session::modem() {
 }
 
 void Session::prepare() {
-  inspect();
+  platform::ModemReport report;
+  inspect(report);
   if (is_initialised_) return;
   check(modem_api_init(), "setting up the library");
   is_initialised_ = true;
 }
 
-platform::ModemReport Session::inspect() {
+void Session::inspect(platform::ModemReport& report) {
   modem();
   for (bool is_first = true;; is_first = false) {
-    platform::ModemReport report;
     pelmar_platform_inspect_modem(&report);
-    if (report.problem.empty()) return report;
+    if (report.problem.empty()) return;
     const std::string problem = report.address + ": " + report.problem;
     if (!report.may_come) throw Failure("connecting to the modem", problem);
     if (!waits_) {

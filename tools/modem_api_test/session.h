@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "failure.h"
 #include "inspection.h"
 #include "modem_api.h"
 #include "own_modem.h"
+#include "qmi_client.h"
 #include "qmi_idl_lib.h"
 
 namespace pelmar::cli {
@@ -30,6 +32,10 @@ const ServiceRow& service_of(modem_api_client_type type);
 // Whether the modem has the service now, as the framework has it: opening an absent service would take ten seconds.
 bool is_present(modem_api_client_type type);
 
+inline constexpr Advice kNoIdLeft = {
+    MODEM_API_ERR_GENERIC, "Other programs have all client ids of the service: end one of them, or reset the modem.",
+    QMI_ERR_CLIENT_IDS_EXHAUSTED_V01};
+
 class Session {
  public:
   // `modem`: what --modem named, or empty. `waits`: for a modem that is not there yet. `verbose`: messages,
@@ -46,8 +52,8 @@ class Session {
   bool waits() const { return waits_; }
 
   // What the modem responded; waits for a modem that is not there yet where that is wished. Throws where the modem does
-  // not respond.
-  platform::ModemReport inspect();
+  // not respond; the report has what was found then.
+  void inspect(platform::ModemReport& report);
 
   // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where the process
   // that serves it cannot be used, and waiting does not change that.

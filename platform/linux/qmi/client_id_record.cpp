@@ -308,6 +308,18 @@ std::vector<ClientIdRecord::Id> ClientIdRecord::take_abandoned(const Deadline& d
   return abandoned;
 }
 
+std::vector<HeldClientId> ClientIdRecord::held(const Deadline& deadline) const {
+  std::vector<HeldClientId> ids;
+  update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
+    for (const Entry& entry : entries) {
+      if (entry.modem != modem_ || entry.owner.boot != self.boot || entry.is_void) continue;
+      ids.push_back({entry.id.service, entry.id.client, is_abandoned(entry.owner, self) ? 0 : entry.owner.process});
+    }
+    return false;
+  });
+  return ids;
+}
+
 void ClientIdRecord::void_own(const Deadline& deadline) {
   update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
     const auto own = find_own(entries, self);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "deadline.h"
+#include "inspection.h"
 
 namespace pelmar::platform {
 
@@ -50,6 +51,9 @@ class ClientIdRecord {
 
   // Removes and returns the ids of dead processes and the abandoned ids.
   std::vector<Id> take_abandoned(const Deadline& deadline) const;
+
+  // The ids of all this user's processes.
+  std::vector<HeldClientId> held(const Deadline& deadline) const;
 
   // This connection's id is void, and so are the ids that were allocated before it.
   void void_own(const Deadline& deadline);

@@ -18,6 +18,13 @@ struct ListedService {
   uint32_t minor;
 };
 
+// A client id of the modem that a process of this user allocated.
+struct HeldClientId {
+  uint32_t service;
+  uint32_t client;
+  int32_t process;  // 0: it has ended, and the id is released when a program opens the service again
+};
+
 struct ModemReport {
   std::string address;    // as PELMAR_MODEM has it, or the default
   std::string transport;  // the transport of the address, such as "QRTR"
@@ -30,3 +37,6 @@ struct ModemReport {
 
 // Requests the list of services from the modem that PELMAR_MODEM names; waits for the response at most 2 s.
 extern "C" void pelmar_platform_inspect_modem(pelmar::platform::ModemReport* report);
+
+// The client ids of that modem that this user's processes hold, oldest first; none over QRTR, which has no client ids.
+extern "C" void pelmar_platform_list_client_ids(std::vector<pelmar::platform::HeldClientId>* ids);

@@ -188,6 +188,10 @@ PELMAR_PLATFORM_EXPORT void pelmar_platform_inspect_modem(ModemReport* report) {
   *report = inspect_modem();
 }
 
+PELMAR_PLATFORM_EXPORT void pelmar_platform_list_client_ids(std::vector<HeldClientId>* ids) {
+  *ids = list_modem_client_ids();
+}
+
 PELMAR_PLATFORM_EXPORT void pelmar_platform_observe_qmi(Observer observer) {
   g_observer = observer;
 }

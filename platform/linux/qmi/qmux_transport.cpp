@@ -325,4 +325,8 @@ void inspect_qmux(const ModemAddress& named, const Deadline& deadline, ModemRepo
   if (is_device) report.problem += ": is it the QMI device of the modem?";
 }
 
+std::vector<HeldClientId> list_client_ids(const ModemAddress& address, const Deadline& deadline) {
+  return record_of(address).held(deadline);
+}
+
 }  // namespace pelmar::platform

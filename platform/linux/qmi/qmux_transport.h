@@ -131,6 +131,7 @@ class QmuxWatch final : public ServiceWatch {
 int32_t open_qmux_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
                              const Deadline& deadline, std::unique_ptr<Connection>& connection);
 std::unique_ptr<ServiceWatch> watch_qmux_service(const ModemAddress& address, uint32_t service);
+std::vector<HeldClientId> list_client_ids(const ModemAddress& address, const Deadline& deadline);
 void inspect_qmux(const ModemAddress& address, const Deadline& deadline, ModemReport& report);
 
 }  // namespace pelmar::platform

@@ -67,4 +67,10 @@ ModemReport inspect_modem() {
   return report;
 }
 
+std::vector<HeldClientId> list_modem_client_ids() {
+  const auto address = parse_modem_address(modem_name());
+  if (!address || address->kind == ModemAddress::Kind::kQrtr) return {};
+  return list_client_ids(*address, Deadline::after(kInspectTimeout));
+}
+
 }  // namespace pelmar::platform

@@ -133,5 +133,6 @@ int32_t open_connection(const ServiceName& service, size_t message_capacity, con
                         std::unique_ptr<Connection>& connection);
 std::unique_ptr<ServiceWatch> watch_service(uint32_t service);
 ModemReport inspect_modem();
+std::vector<HeldClientId> list_modem_client_ids();
 
 }  // namespace pelmar::platform

@@ -1,15 +1,25 @@
 // info: which modem, which of its services are there, and what this build and process are to the library. props: the
 // system properties, which all processes of the system share.
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
 #include "cutils/properties.h"
+#include "environment.h"
+#include "failure.h"
 #include "inspection.h"
 #include "pelmar_process.h"
 #include "pelmar_property.h"
 #include "printable_text.h"
+#include "qmi_client.h"
 #include "qmi_idl_lib_internal.h"
+#include "unix_socket.h"
 
 namespace pelmar::cli {
 
@@ -17,28 +27,21 @@ namespace {
 
 using platform::ModemReport;
 
-// What is printed, for scripts and for people.
+// What is printed, for scripts and for people, and the first fault that was found.
 struct Report {
   Json document;
   std::string text;
+  std::optional<Failure> fault;
 
   void heading(const char* title) { text.append(title).append("\n"); }
   void row(const std::string& label, const std::string& value) {
     constexpr size_t kLabelWidth = 20;
     text.append("  ").append(left_aligned(label, kLabelWidth)).append("  ").append(value).append("\n");
   }
-};
-
-// "up", "absent", or why it cannot be opened.
-std::string probe_service(const Context& context, const ServiceRow& service) {
-  if (!is_present(service.type)) return "absent";
-  try {
-    context.session.open(service.type);
-    return "up";
-  } catch (const Failure& failure) {
-    return failure.reason();
+  void note(const Failure& found) {
+    if (!fault) fault = found;
   }
-}
+};
 
 // --- services ---
 
@@ -60,6 +63,12 @@ constexpr ServiceTitle kServiceTitles[] = {
     {0x1A, "data format"},
     {0xE4, "vendor-specific"},
 };
+
+std::string number_text(uint32_t number) {
+  char text[16];
+  snprintf(text, sizeof text, "0x%02X", number);
+  return text;
+}
 
 const char* service_title(uint32_t number) {
   for (const ServiceTitle& row : kServiceTitles) {
@@ -102,7 +111,7 @@ void put_build(Report& report) {
   build["region"] = or_none(pelmar_build_region_get());
   build["configured_region"] = or_none(pelmar_vendor_build_region_get());
   build["default_data_sub"] = pelmar_get_default_data_sub();
-  report.heading("build");
+  report.heading("build and process");
   for (const auto& [name, value] : build.items()) {
     report.row(name, value.is_string() ? value.get<std::string>() : value.dump());
   }
@@ -113,36 +122,56 @@ void put_build(Report& report) {
     if (holds) properties.append(properties.empty() ? "" : ", ").append(property.name);
   }
   report.row("is", properties);
-}
-
-void put_process(Report& report) {
   const std::string name = pelmar_utils_get_pid_name();
   const int32_t id = pelmar_utils_get_pid_number();
   report.document["process"] = {{"name", name}, {"id", id}};
-  report.heading("process");
-  report.row("name", name);
-  report.row("id", std::to_string(id));
+  report.row("process", std::to_string(id) + " (" + name + ")");
+}
+
+// --- the modem ---
+
+// "process 7 (mtb)"
+std::string process_text(int32_t process) {
+  std::string name = read_small_file("/proc/" + std::to_string(process) + "/comm");
+  name.erase(std::min(name.find('\n'), name.size()));
+  return "process " + std::to_string(process) + " (" + (name.empty() ? "of another user" : name) + ")";
 }
 
 void put_modem(Report& report, const Modem& modem, const ModemReport& found) {
-  const bool is_own = !modem.storage.empty();
-  report.document["modem"] = {{"address", modem.address}, {"transport", found.transport}, {"own", is_own}};
+  Json& document = report.document["modem"];
+  document = {{"address", modem.address}, {"transport", found.transport}, {"own", !modem.storage.empty()}};
   report.heading("modem");
   report.row("address", modem.address);
   report.row("transport", found.transport);
-  if (!is_own) return;
-  report.document["modem"]["storage"] = modem.storage;
-  report.row("storage", modem.storage + " (a simulated modem of this program's own)");
+  const std::string path = modem.address.substr(modem.address.starts_with("proxy:") ? 6 : 0);
+  struct stat file {};
+  if (stat(path.c_str(), &file) == 0) {
+    const bool may_use = access(path.c_str(), R_OK | W_OK) == 0;
+    const passwd* const user = getpwuid(file.st_uid);
+    const std::string owner = user == nullptr ? std::to_string(file.st_uid) : user->pw_name;
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", file.st_mode & 07777U);
+    document["permission"] = {{"may_use", may_use}, {"mode", mode}, {"owner", owner}};
+    report.row("permission", (may_use ? "this user may use it" : "this user may not use it") + std::string(" (mode ") +
+                                 mode + ", owner " + owner + ")");
+  }
+  const UnixConnection proxy = connect_unix(kDefaultModem);
+  const int32_t process = proxy.fd ? peer_of(proxy.fd.get()).pid : 0;
+  document["proxy_process"] = proxy.fd ? Json(process) : Json();
+  report.row("qmi-proxy", proxy.fd ? process_text(process) : "none runs");
+  if (modem.storage.empty()) return;
+  const std::string start = utc_text(WallClock::from_time_t(file.st_mtim.tv_sec));
+  document.update({{"storage", modem.storage}, {"log", modem.log}, {"start", start}});
+  report.row("own modem", "simulated, since " + start + "; 'modem_api_test modem stop' ends it");
+  report.row("storage", modem.storage);
+  report.row("log", modem.log);
 }
 
 // What the modem itself lists, whether the library uses it or not.
 void put_listed_services(Report& report, const ModemReport& found) {
   report.heading("services of the modem");
-  bool has_vs = false;
+  Json& list = report.document["modem"]["services"] = Json::array();
   for (const auto& service : found.services) {
-    has_vs |= service.number == service_of(MODEM_API_CLIENT_VS).object()->service_id;
-    char number[8];
-    snprintf(number, sizeof number, "0x%02X", static_cast<unsigned>(service.number));
     std::string version = "version " + std::to_string(service.major) + "." + std::to_string(service.minor);
     Json row = {{"id", service.number}, {"major", service.major}, {"minor", service.minor}};
     if (service.node) {
@@ -151,44 +180,93 @@ void put_listed_services(Report& report, const ModemReport& found) {
       row["instance"] = service.instance;
       row["node"] = *service.node;
     }
-    report.document["modem"]["services"].push_back(std::move(row));
-    report.row(std::string(number) + " " + service_title(service.number), version);
+    list.push_back(std::move(row));
+    report.row(number_text(service.number) + " " + service_title(service.number), version);
   }
-  report.document["modem"]["has_vendor_service"] = has_vs;
-  if (has_vs) return;
-  report.row("0xE4 is absent", "without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else");
 }
 
-// Whether any is up.
-bool put_services(Report& report, const Context& context) {
-  bool is_any_up = false;
+// Of this user's programs, before this one opens any.
+void put_client_ids(Report& report) {
+  std::vector<platform::HeldClientId> ids;
+  pelmar_platform_list_client_ids(&ids);
+  report.heading(ids.empty() ? "client ids of this user's programs: none" : "client ids of this user's programs");
+  Json& list = report.document["client_ids"] = Json::array();
+  for (const auto& id : ids) {
+    list.push_back({{"service", id.service}, {"client", id.client}, {"process", id.process}});
+    report.row(number_text(id.service) + " client " + std::to_string(id.client),
+               id.process == 0 ? "its process has ended" : process_text(id.process));
+  }
+}
+
+// Opens the service. Returns "up", "absent", or why it cannot be opened.
+std::string probe_service(Report& report, const ServiceRow& service) {
+  const std::string step = std::string("connecting to ") + service.title;
+  if (!is_present(service.type)) {
+    report.note({step, "the modem does not have it",
+                 service.type == MODEM_API_CLIENT_VS
+                     ? "Without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else."
+                     : "Wait for it with --wait, or reset the modem."});
+    return "absent";
+  }
+  // One attempt: the library makes ten of them, a second apart.
+  constexpr uint32_t kTimeoutMs = 5000;
+  qmi_client_type client = nullptr;
+  qmi_client_os_params parameters{};
+  const int32_t code = qmi_client_init_instance(service.object(), QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr,
+                                                &parameters, kTimeoutMs, &client);
+  if (code == QMI_NO_ERR) {
+    qmi_client_release(client);
+    return "up";
+  }
+  const Exchange end = take_last_exchange().value_or(Exchange{code, 0});
+  const Failure failure = Failure::of_result(step, MODEM_API_ERR_GENERIC, {kNoIdLeft}, end);
+  report.note(failure);
+  return failure.reason();
+}
+
+void put_services(Report& report) {
   report.heading("services");
   for (const ServiceRow& service : services()) {
-    const std::string state = probe_service(context, service);
-    const bool is_up = state == "up";
-    is_any_up |= is_up;
+    const std::string state = probe_service(report, service);
     const qmi_idl_service_object_type object = service.object();
     const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
+    const std::string name = service.name;
     report.document["services"].push_back(
-        {{"service", service.name}, {"id", object->service_id}, {"version", version}, {"up", is_up}, {"state", state}});
-    report.row(std::string(service.name) + " " + version, state);
+        {{"service", name}, {"id", object->service_id}, {"version", version}, {"up", state == "up"}, {"state", state}});
+    report.row(name + " " + version, state);
   }
-  return is_any_up;
+  const bool is_exhausted = report.fault && report.fault->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+  report.document["client_ids_exhausted"] = is_exhausted;
+  report.row("client ids", is_exhausted ? "exhausted" : "not exhausted");
 }
+
+void put_properties(Report& report);
 
 void show_info(const Context& context, const NoValues&) {
   Report report;
+  ModemReport found;
   const Modem& modem = context.session.modem();
-  const ModemReport found = context.session.inspect();
+  try {
+    context.session.inspect(found);
+  } catch (const Failure& failure) {
+    report.note(failure);
+  }
   put_modem(report, modem, found);
   put_listed_services(report, found);
-  const bool is_any_up = put_services(report, context);
+  put_client_ids(report);
+  if (!report.fault) put_services(report);
+  put_properties(report);
   put_build(report);
-  put_process(report);
+  std::string next = "Nothing is wrong; 'modem_api_test signal' shows what the radio receives.";
+  if (report.fault) {
+    next = report.fault->advice().empty() ? report.fault->reason() : report.fault->advice();
+    report.text += report.fault->headline() + "\n";
+  }
+  report.document["fault"] = report.fault ? Json(report.fault->headline()) : Json();
+  report.document["next_step"] = next;
+  report.text += "next step: " + next;
   context.output.print(report.document, report.text);
-  if (is_any_up) return;
-  throw Failure("connecting to the modem", "none of its services is up",
-                "Check the modem at " + modem.address + "; --modem names another one.");
+  if (report.fault) throw *report.fault;
 }
 
 // --- props ---
@@ -233,6 +311,18 @@ std::string read_property(const std::string& name) {
   char value[PROPERTY_VALUE_MAX];
   property_get(name.c_str(), value, "");
   return value;
+}
+
+// Those that are set.
+void put_properties(Report& report) {
+  report.heading("properties that are set");
+  Json& values = report.document["properties"] = Json::object();
+  for (const Property& property : kProperties) {
+    const std::string value = read_property(property.name);
+    if (value.empty()) continue;
+    values[property.name] = value;
+    report.row(property.name, value);
+  }
 }
 
 struct PropertyValues {

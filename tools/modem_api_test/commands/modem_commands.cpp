@@ -1,6 +1,6 @@
-// The modem as a whole. shutdown-notice and reset; power: this process's vote for the modem's power, who else votes,
-// and the steps of the power as they come; ssr: what the system does when the modem crashes, restart it alone or dump
-// its memory.
+// The modem as a whole. modem stop: the end of the program's own; shutdown-notice and reset; power: this process's vote
+// for the modem's power, who else votes, and the steps of the power as they come; ssr: what the system does when the
+// modem crashes, restart it alone or dump its memory.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,6 +39,12 @@ constexpr ModemCommand kCommands[] = {
     {"reset", "reset the modem", "The modem restarts; every connection to it is lost for a while.",
      "resetting the modem", "modem: reset", modem_api_reset_modem},
 };
+
+void stop_modem(const Context& context, const NoValues&) {
+  const bool is_stopped = stop_own_modem();
+  context.output.print({{"stopped", is_stopped}},
+                       is_stopped ? "simulated modem: stopped" : "simulated modem: none runs");
+}
 
 // --- power ---
 //
@@ -311,6 +317,10 @@ void add_modem_commands(CommandLine& line) {
     confirmation.add_to(command);
     command.add_examples({"", "--yes"});
   }
+
+  CLI::App& modem = line.add_group("modem", "the simulated modem that this program starts where none is named");
+  line.add<NoValues>(modem, "stop", "end it; its storage stays, and the next command starts it again", stop_modem)
+      .first.add_examples({"", "--json"});
 
   CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
   {

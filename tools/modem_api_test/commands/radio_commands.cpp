@@ -1,11 +1,13 @@
 // cell-info, drx, lock lte, avoid-trm and nr-mode: the radio of one subscription, through its NAS service. sar set: the
 // RF state of the SAR service, once, or held against restarts of the service.
 #include <algorithm>
-#include <array>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <span>
 
 #include "command_line.h"
+#include "nas_client.h"
+#include "nas_messages.h"
 
 namespace pelmar::cli {
 
@@ -27,49 +29,67 @@ struct CellInfoValues {
   std::optional<uint32_t> sub;
 };
 
-// A list ends where the zeros begin that fill it up.
-std::span<const uint16_t> reported(std::span<const uint16_t> cells) {
-  const auto last = std::find_if(cells.rbegin(), cells.rend(), [](uint16_t pci) { return pci != 0; });
-  return cells.first(static_cast<size_t>(cells.rend() - last));
+// Digits in the order of 3GPP TS 24.008; 0xF in place of the third one of a short network code.
+std::string plmn_text(const uint8_t (&plmn)[3]) {
+  char text[8];
+  snprintf(text, sizeof text, "%x%x%x-%x%x%x", plmn[0] & 0xFU, plmn[0] >> 4U, plmn[1] & 0xFU, plmn[2] & 0xFU,
+           plmn[2] >> 4U, plmn[1] >> 4U);
+  return std::string(text).substr(0, plmn[1] >> 4U == 0xFU ? 6 : 7);
 }
 
-std::string cells_text(std::span<const uint16_t> cells) {
-  std::string text;
-  for (const uint16_t pci : cells) text += (text.empty() ? "PCI " : ", ") + std::to_string(pci);
-  return text.empty() ? "no cell" : text;
+// The frequency's cells, as rows of a table and as elements of a list.
+void put_cells(Json& list, std::string& text, uint32_t earfcn, std::span<const nas::LteCell> cells) {
+  for (const nas::LteCell& cell : cells) {
+    const double rsrp = cell.rsrp / 10.0;
+    const double rsrq = cell.rsrq / 10.0;
+    list.push_back({{"earfcn", earfcn}, {"pci", cell.physical_cell_id}, {"rsrp_dbm", rsrp}, {"rsrq_db", rsrq}});
+    char row[64];
+    snprintf(row, sizeof row, "\n    %6u  %4u  %8.1f  %7.1f", earfcn, unsigned{cell.physical_cell_id}, rsrp, rsrq);
+    text += row;
+  }
 }
 
 void print_cell_info(const Context& context, uint32_t sub) {
-  constexpr size_t kCells = 8;
-  constexpr size_t kFrequencies = 3;
-  std::array<uint16_t, kCells> serving{};  // what the modem does not report is 0
-  std::array<uint16_t, kFrequencies> earfcns{};
-  std::array<uint16_t, kFrequencies * kCells> others{};
-  uint8_t has_advance = 0;
-  uint32_t advance = 0;
-  uint8_t has_nr = 0;
-  uint32_t nr_arfcn = 0;
-  check_response(modem_api_get_cell_info(open_nas(context, sub), static_cast<int32_t>(sub), serving.data(),
-                                         earfcns.data(), others.data(), &has_advance, &advance, &has_nr, &nr_arfcn),
+  nas::EmptyRequest request{};
+  nas::CellLocationResponse response{};  // what the modem does not report is 0
+  open_nas(context, sub);
+  const auto send = sub == 0 ? nas_0_client_send_msg_sync : nas_1_client_send_msg_sync;
+  const int32_t code = send(QMI_NAS_GET_CELL_LOCATION_INFO_V01, &request, sizeof request, &response, sizeof response);
+  check_response(modem_api_map_qmi_error_to_modem_api(code, &response.header),
                  "reading the cell information" + of_subscription(sub));
-  const bool is_advance_known = has_advance != 0 && advance != kNoTimingAdvance;
 
-  Json document = {{"sub", sub}, {"serving_frequency", {{"pci", reported(serving)}}}};
-  Json list = Json::array();
-  std::string text = "  LTE serving frequency  " + cells_text(reported(serving)) + "\n";
-  for (size_t i = 0; i < kFrequencies; ++i) {
-    const auto cells = reported(std::span(others).subspan(i * kCells, kCells));
-    if (earfcns[i] == 0 && cells.empty()) continue;
-    list.push_back({{"earfcn", earfcns[i]}, {"pci", cells}});
-    text += "  " + left_aligned("EARFCN " + std::to_string(earfcns[i]), 21) + "  " + cells_text(cells) + "\n";
+  const nas::LteIntraFrequency& serving = response.intra_frequency;
+  Json document = {{"sub", sub}, {"serving", nullptr}};
+  std::string text = "subscription " + std::to_string(sub);
+  Json cells = Json::array();
+  std::string rows;
+  if (response.intra_frequency_valid != 0) {
+    const std::string plmn = plmn_text(serving.plmn);
+    document["serving"] = {{"earfcn", serving.earfcn},
+                           {"pci", serving.serving_cell_id},
+                           {"plmn", plmn},
+                           {"tac", serving.tracking_area_code},
+                           {"cell_id", serving.global_cell_id}};
+    text += "\n  LTE serving cell  EARFCN " + std::to_string(serving.earfcn) + ", PCI " +
+            std::to_string(serving.serving_cell_id) + ", PLMN " + plmn + ", TAC " +
+            std::to_string(serving.tracking_area_code) + ", cell id " + std::to_string(serving.global_cell_id);
+    put_cells(cells, rows, serving.earfcn, counted(serving.cells, serving.cell_count));
   }
-  const bool is_any = !reported(serving).empty() || !list.empty() || is_advance_known || has_nr != 0;
-  document["other_frequencies"] = std::move(list);
-  document["timing_advance"] = is_advance_known ? Json(advance) : Json();
-  document["nr_arfcn"] = has_nr != 0 ? Json(nr_arfcn) : Json();
-  text += "  timing advance         " + (is_advance_known ? std::to_string(advance) : "not available") + "\n";
-  text += "  NR                     " + (has_nr != 0 ? "ARFCN " + std::to_string(nr_arfcn) : "none");
-  context.output.print(document, "subscription " + std::to_string(sub) + "\n" + (is_any ? text : "  no cell"));
+  if (response.inter_frequency_valid != 0) {
+    for (const auto& each : counted(response.inter_frequency.frequencies, response.inter_frequency.frequency_count)) {
+      put_cells(cells, rows, each.earfcn, counted(each.cells, each.cell_count));
+    }
+  }
+  const bool has_advance = response.timing_advance_valid != 0 && response.timing_advance != kNoTimingAdvance;
+  const bool has_nr = response.nr_arfcn_valid != 0;
+  if (has_advance) text += "\n  timing advance    " + std::to_string(response.timing_advance) + " us";
+  if (has_nr) text += "\n  NR serving cell   ARFCN " + std::to_string(response.nr_arfcn);
+  if (!rows.empty()) text += "\n    EARFCN   PCI  RSRP dBm  RSRQ dB" + rows;
+  if (text.find('\n') == text.npos) text += "\n  no cell";
+  document["cells"] = std::move(cells);
+  document["timing_advance_us"] = has_advance ? Json(response.timing_advance) : Json();
+  document["nr_arfcn"] = has_nr ? Json(response.nr_arfcn) : Json();
+  context.output.print(document, text);
 }
 
 void show_cell_info(const Context& context, const CellInfoValues& values) {

@@ -12,6 +12,7 @@
 #include "modem_hydra.h"
 #include "pelmar_property.h"
 #include "signal/reading.h"
+#include "statistic_tables.h"
 #include "statistic_values.h"
 
 namespace pelmar::cli {
@@ -138,6 +139,27 @@ std::string list_text(const std::vector<uint32_t>& ids) {
   std::string text;
   for (const uint32_t id : ids) text += (text.empty() ? "" : ", ") + statistic_text(id);
   return text;
+}
+
+// --- stats list ---
+
+void list_statistics(const Context& context, const NoValues&) {
+  constexpr const char* kTypes[] = {"u8", "u16", "i16", "u32", "i32", "float"};  // by WireType
+  Json list = Json::array();
+  std::string text;
+  for (const statistics::Value& row : statistics::kValues) {
+    Json fields = Json::array();
+    text += statistic_text(row.id) + ", " + count_of(bytes_of(row.fields), "byte") + "\n ";
+    for (const statistics::Field& field : row.fields) {
+      const std::string unit(unit_of(field));
+      const char* const type = kTypes[static_cast<size_t>(field.type)];
+      text += (fields.empty() ? " " : ", ") + std::string(field.name) + " " + type + (unit.empty() ? "" : " " + unit);
+      fields.push_back({{"name", field.name}, {"type", type}, {"bytes", width_of(field.type)}, {"unit", unit}});
+    }
+    text += "\n";
+    list.push_back({{"id", row.id}, {"name", row.name}, {"bytes", bytes_of(row.fields)}, {"fields", fields}});
+  }
+  context.output.print({{"statistics", std::move(list)}}, text);
 }
 
 // --- stats get, clear ---
@@ -286,6 +308,11 @@ void add_options(const Command& command, RegisterValues& values) {
 void add_stats_commands(CommandLine& line) {
   CLI::App& group = line.add_group("stats", "the modem's statistics");
   line.set_completion("STATISTIC", statistic_names());
+  {
+    auto command = line.add<NoValues>(group, "list", "list the statistics with their fields", list_statistics).first;
+    command.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
+    command.add_examples({"", "--json"});
+  }
   {
     auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
     add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
