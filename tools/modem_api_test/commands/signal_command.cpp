@@ -366,8 +366,8 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
+  command.add_notes(kLiveViewKeys);
   command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
-  command.set_footer(kLiveViewKeys);
 }
 
 }  // namespace pelmar::cli
