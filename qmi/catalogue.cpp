@@ -126,6 +126,11 @@ const ServiceRows* find_service(uint8_t service) {
   return row != std::end(kServices) ? row : nullptr;
 }
 
+const char* service_name(uint8_t service) {
+  const ServiceRows* const rows = find_service(service);
+  return rows == nullptr ? nullptr : rows->name;
+}
+
 const char* message_name(uint8_t service, uint16_t message) {
   const ServiceRows* const rows = find_service(service);
   return rows == nullptr ? nullptr : find_name(rows->names, message);

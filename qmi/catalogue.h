@@ -33,6 +33,7 @@ const qmi_idl::Type& type_of(const ServiceRows& service, const qmi_idl::Element&
 
 // Null for an unknown service, message or TLV.
 const ServiceRows* find_service(uint8_t service);
+const char* service_name(uint8_t service);
 const char* message_name(uint8_t service, uint16_t message);
 const qmi_idl::Tlv* find_row(const ServiceRows& service, MessageKind kind, uint16_t message, uint8_t tlv);
 

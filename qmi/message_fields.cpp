@@ -129,7 +129,7 @@ class ValueWalk {
 };
 
 void visit_undescribed(std::span<const uint8_t> bytes, const Visit& visit) {
-  if (!bytes.empty()) visit({.form = Form::kBytes, .is_described = false, .bytes = bytes});
+  visit({.form = Form::kBytes, .is_described = false, .bytes = bytes});
 }
 
 }  // namespace
@@ -139,17 +139,18 @@ void walk_fields(uint8_t service, const Message& message, const Visit& visit) {
   auto rest = message.tlvs;
   while (rest.size() >= kTlvHeaderLength) {
     const uint8_t type = rest[0];
-    const size_t length = std::min<size_t>(load_u16(&rest[1]), rest.size() - kTlvHeaderLength);
+    const size_t stated = load_u16(&rest[1]);
+    const size_t length = std::min(stated, rest.size() - kTlvHeaderLength);
     const auto value = rest.subspan(kTlvHeaderLength, length);
     rest = rest.subspan(kTlvHeaderLength + length);
     const qmi_idl::Tlv* const row = rows == nullptr ? nullptr : find_row(*rows, message.kind, message.id, type);
     visit({.form = Form::kTlv, .name = row == nullptr ? nullptr : tlv_name(message.kind, *row), .tlv = type});
-    if (row == nullptr) {
+    if (row == nullptr || length < stated) {
       visit_undescribed(value, visit);
     } else {
       ValueWalk walk(*rows, message.kind, value, visit);
-      walk.walk(row->element, nullptr, true);
-      visit_undescribed(walk.rest(), visit);
+      const bool is_whole = walk.walk(row->element, nullptr, true);
+      if (!is_whole || !walk.rest().empty()) visit_undescribed(walk.rest(), visit);
     }
     visit({.form = Form::kTlvEnd});
   }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "error_names.h"
+#include "message_text.h"
 #include "observer.h"
 #include "output.h"
 #include "qmi_client.h"
@@ -34,14 +35,13 @@ const char* qmi_error_meaning(uint32_t error) {
 void show_message(const Observation& message) {
   const bool is_request = message.kind == Observation::Kind::kRequest;
   const bool is_response = message.kind == Observation::Kind::kResponse;
-  char title[96];
-  snprintf(title, sizeof title, "%s service 0x%02x %s 0x%04x, ", is_request ? "->" : "<-", message.service,
-           is_request    ? "request"
-           : is_response ? "response"
-                         : "indication",
-           message.message);
+  const auto service = static_cast<uint8_t>(message.service);
   const auto shown = message.tlvs.first(std::min(message.tlvs.size(), kBytesInLine));
-  remark(title + count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
+  remark((is_request ? "-> " : "<- ") + qmi::service_text(service) + " " + qmi::message_text(service, message.message) +
+         (is_request    ? " request, "
+          : is_response ? " response, "
+                        : " indication, ") +
+         count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
          (shown.size() < message.tlvs.size() ? " ..." : ""));
 }
 
