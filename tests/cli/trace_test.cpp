@@ -177,6 +177,15 @@ TEST_F(TraceTest, WhatCanBeReadOfAFileIsReadAndTheRestIsReportedInOneLine) {
           {"client trace other --json 2>e", 1, R"("reason":"none of its 1 packet)"}});
 }
 
+TEST_F(TraceTest, AMessageIsShownAsSoonAsItComes) {
+  Process client(MODEM_API_TEST, {"modem_api_test", "trace", "-"}, true);
+  client.send_line(section() + message(0, kRequest, 0xE4, 3, 1, 0x401));  // the line end begins the next block
+  EXPECT_THAT(client.line(), HasSubstr("-> VS 3 RESET_MODEM #1"));
+  client.finish();
+  EXPECT_THAT(client.rest(), HasSubstr("the capture ends within a message"));
+  EXPECT_EQ(client.end(), 0);
+}
+
 // Each byte of a TLV may be missing or another one.
 TEST_F(TraceTest, AnyBytesGiveValidJsonUpToTheLastByte) {
   Text packets = section();
