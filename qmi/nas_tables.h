@@ -59,8 +59,8 @@ inline constexpr qmi_idl::Type kTypes[] = {kLteCell, kLteIntraFrequency, kLteFre
 inline constexpr qmi_idl::Tlv kResult = mandatory(0x02, QMI_IDL_FIELD(PlainResponse, header));
 
 // One kind of indication: its valid flag and value stand at `offset`.
-constexpr qmi_idl::Tlv registration(uint8_t type, size_t offset) {
-  return optional(type, offset, qmi_idl::element_of<uint8_t>(offset + offsetof(Registration, wanted)));
+constexpr qmi_idl::Tlv registration(uint8_t type, size_t offset, const char* name = nullptr) {
+  return optional(type, offset, qmi_idl::element_of<uint8_t>(offset + offsetof(Registration, wanted), name));
 }
 
 // A 32-bit member that is an enumeration of one byte on the wire.
@@ -74,7 +74,7 @@ constexpr qmi_idl::Element small_enumeration(qmi_idl::Element element) {
 inline constexpr qmi_idl::Message kMessages[] = {
     sized({QMI_IDL_REQUEST, QMI_NAS_REGISTER_INDICATIONS_V01, sizeof(RegisterIndicationsRequest), 0, {
         registration(0x10, 0), registration(0x12, 2),
-        registration(0x13, offsetof(RegisterIndicationsRequest, serving_system)),
+        registration(0x13, offsetof(RegisterIndicationsRequest, serving_system), "serving_system"),
         registration(0x14, 6), registration(0x15, 8), registration(0x17, 10), registration(0x18, 12),
         registration(0x19, 14), registration(0x1A, 16), registration(0x1B, 18), registration(0x1C, 20),
         registration(0x1D, 22), registration(0x1E, 24), registration(0x1F, 26), registration(0x20, 28),

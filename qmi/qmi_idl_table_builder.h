@@ -3,6 +3,9 @@
 // A service is written as rows: a message with its TLVs, each naming the member of the decoded structure that holds it.
 // Kinds, capacities and distances come from the structure itself, the encoded bytes (qmi_idl_lib_internal.h) and the
 // largest size on the wire from the rows. No flag byte is written by hand.
+//
+// The rows also have what the encoded tables lack: names, signs, and which bytes are a statistics value. Tools read
+// them (message_fields.h); a program that uses the encoded tables alone does not contain them.
 #pragma once
 
 #include <array>
@@ -25,6 +28,10 @@ struct Element {
   uint16_t item_wire_size = 0;
   uint16_t type_index = 0;  // of an aggregate
   uint8_t type_table = 0;
+
+  const char* name = nullptr;  // the member's; null: it has none
+  bool is_signed = false;
+  bool is_statistic = false;  // bytes: the value of the statistic whose identifier is the field before it
 
   constexpr bool is_string() const { return kind == QMI_IDL_KIND_STRING; }
   constexpr bool is_array() const { return capacity != 0; }
@@ -65,7 +72,7 @@ constexpr Element aggregate_of(const qmi_response_type_v01*) {
 }
 
 template <typename T>
-constexpr Element element_of(size_t offset) {
+constexpr Element element_of(size_t offset, const char* name) {
   using Item = std::remove_all_extents_t<T>;
   Element element;
   if constexpr (std::is_same_v<Item, char>) {
@@ -81,16 +88,18 @@ constexpr Element element_of(size_t offset) {
                      : sizeof(Item) == 4 ? QMI_IDL_KIND_4_BYTES
                                          : QMI_IDL_KIND_8_BYTES;
       element.item_wire_size = sizeof(Item);
+      element.is_signed = std::is_signed_v<Item>;
     }
     element.capacity = std::extent_v<T>;
   }
   element.offset = static_cast<uint16_t>(offset);
+  element.name = name;
   return element;
 }
 
 template <typename T>
-constexpr Element counted_element_of(size_t offset, size_t count_offset) {
-  Element element = element_of<T>(offset);
+constexpr Element counted_element_of(size_t offset, size_t count_offset, const char* name) {
+  Element element = element_of<T>(offset, name);
   element.variable = true;
   element.count_offset = static_cast<uint16_t>(count_offset);
   return element;
@@ -106,10 +115,10 @@ constexpr Tlv optional(uint8_t type, size_t valid_offset, Element element) {
 
 // A member of a structure, and an array member with the member that counts it.
 #define QMI_IDL_FIELD(structure, member) \
-  ::pelmar::qmi_idl::element_of<decltype(structure::member)>(offsetof(structure, member))
+  ::pelmar::qmi_idl::element_of<decltype(structure::member)>(offsetof(structure, member), #member)
 #define QMI_IDL_COUNTED(structure, count, member)                                                 \
   ::pelmar::qmi_idl::counted_element_of<decltype(structure::member)>(offsetof(structure, member), \
-                                                                     offsetof(structure, count))
+                                                                     offsetof(structure, count), #member)
 
 // --- sizes on the wire ---
 

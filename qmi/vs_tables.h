@@ -9,13 +9,18 @@
 
 namespace pelmar::vs {
 
+constexpr qmi_idl::Element statistic(qmi_idl::Element element) {
+  element.is_statistic = true;
+  return element;
+}
+
 inline constexpr qmi_idl::Type kTypes[] = {
     {sizeof(StatsEntry),
      {QMI_IDL_FIELD(StatsEntry, stats_id), QMI_IDL_COUNTED(StatsEntry, para_num, parameters),
       QMI_IDL_FIELD(StatsEntry, flag), QMI_IDL_FIELD(StatsEntry, block), QMI_IDL_FIELD(StatsEntry, trailer)}},
     {sizeof(DataRecord),
      {QMI_IDL_FIELD(DataRecord, sub), QMI_IDL_FIELD(DataRecord, sub_high), QMI_IDL_FIELD(DataRecord, id),
-      QMI_IDL_COUNTED(DataRecord, data_len, data)}},
+      statistic(QMI_IDL_COUNTED(DataRecord, data_len, data))}},
     {1},  // the empty structure
     {sizeof(WordPair), {QMI_IDL_FIELD(WordPair, first), QMI_IDL_FIELD(WordPair, second)}},
 };

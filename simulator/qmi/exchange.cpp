@@ -105,12 +105,12 @@ constexpr struct {
   uint16_t message;
   QmiError (*handle)(const ControlRequest& request, qmi::FrameWriter& response);
 } kRows[] = {
-    {kControlGetVersionInfo, get_version_info},
-    {kControlAllocateClientId, allocate_client_id},
-    {kControlReleaseClientId, release_client_id},
-    {kControlSetDataFormat, set_data_format},
-    {kControlSync, sync},
-    {kControlProxyOpen, proxy_open},
+    {ctl::kGetVersionInfo, get_version_info},
+    {ctl::kAllocateClientId, allocate_client_id},
+    {ctl::kReleaseClientId, release_client_id},
+    {ctl::kSetDataFormat, set_data_format},
+    {ctl::kSync, sync},
+    {ctl::kOpenProxy, proxy_open},
 };
 
 // Writes the response's TLVs unless it returns an error.

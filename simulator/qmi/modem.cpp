@@ -27,7 +27,7 @@ void Modem::take_down(Slot& slot) {
   slot.clients.for_each([&](uint8_t client, Connection& owner) {
     free_client(slot, client);
     const uint8_t revoked[] = {slot.service->id(), client};
-    writer_.start(qmi::kControlService, 0, qmi::MessageKind::kIndication, 0, kControlRevokeClientId);
+    writer_.start(qmi::kControlService, 0, qmi::MessageKind::kIndication, 0, ctl::kRevokeClientId);
     writer_.add_tlv(0x01, revoked);
     owner.send(writer_.finish());
   });
@@ -39,14 +39,14 @@ void Modem::restart(std::chrono::milliseconds starting_time) {
   if (state_ == State::kOff) return;
   void_all_clients();
   start(starting_time);
-  broadcast(qmi::kControlService, kControlSync, {});
+  broadcast(qmi::kControlService, ctl::kSync, {});
 }
 
 void Modem::turn_off() {
   void_all_clients();
   loop_.cancel(start_timer_);
   set_state(State::kOff);
-  broadcast(qmi::kControlService, kControlSync, {});
+  broadcast(qmi::kControlService, ctl::kSync, {});
 }
 
 void Modem::start(std::chrono::milliseconds starting_time) {

@@ -15,23 +15,13 @@
 #include <string_view>
 #include <vector>
 
+#include "ctl_messages.h"
 #include "io/event_loop.h"
 #include "qmi/connection.h"
 #include "qmi/service.h"
 #include "qmux.h"
 
 namespace pelmar::sim {
-
-// The messages of the control service (service 0).
-enum ControlMessageId : uint16_t {
-  kControlGetVersionInfo = 0x0021,
-  kControlAllocateClientId = 0x0022,
-  kControlReleaseClientId = 0x0023,
-  kControlRevokeClientId = 0x0024,
-  kControlSetDataFormat = 0x0026,
-  kControlSync = 0x0027,
-  kControlProxyOpen = 0xFF00,
-};
 
 // The client ids of one service and their owners: ten at a time, unique over all connections.
 //

@@ -46,7 +46,7 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
           {"client nv read 1 --json", 0, "{\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
           {"client nv read 1 --index 1", 1, "entry (MODEM_API_ERR_GENERIC, 1)\n  Nothing is stored there"},
           {"client nv read 3 --json", 1, R"("qmi_error":50,"qmi_error_name":"no entry","advice":"Nothing is)"},
-          {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> service 0xe4 request 0x"},
+          {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> VS READ_NV request, 16 bytes: 01 04 00 03"},
           {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
           {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"},
           {"client nv read 1 --trace /dev/full", 1, "writing the trace '/dev/full' failed: No space left"},

@@ -197,6 +197,7 @@ CommandLine::CommandLine()
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
+  add_trace_command(*this);
   auto [completion, shell] =
       add<Shell>("completion", "print what a shell reads to complete commands, options and names", print_completion);
   completion.add_text("shell", shell.name, "the shell", {.is_required = true, .words = {"bash", "zsh"}});

@@ -200,5 +200,6 @@ void add_statistics_commands(CommandLine& line);
 void add_radio_commands(CommandLine& line);
 void add_modem_commands(CommandLine& line);
 void add_property_commands(CommandLine& line);
+void add_trace_command(CommandLine& line);
 
 }  // namespace pelmar::cli

@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "error_names.h"
+#include "message_text.h"
 #include "observer.h"
 #include "output.h"
 #include "qmi_client.h"
@@ -25,86 +27,21 @@ constexpr size_t kBytesInLine = 64;
 thread_local std::optional<Exchange> last_exchange;
 std::atomic<uint32_t> failures{0};
 
-struct ErrorName {
-  uint32_t error;
-  const char* name;
-};
-
-// Of the QMI protocol, by number.
-constexpr ErrorName kErrorNames[] = {
-    {1, "malformed message"},
-    {2, "no memory"},
-    {3, "internal"},
-    {4, "aborted"},
-    {5, "client ids exhausted"},
-    {6, "transaction cannot be aborted"},
-    {7, "invalid client id"},
-    {9, "invalid handle"},
-    {10, "invalid profile"},
-    {13, "no network found"},
-    {16, "not provisioned"},
-    {17, "missing argument"},
-    {19, "argument too long"},
-    {22, "invalid transaction id"},
-    {23, "device in use"},
-    {24, "operation not supported by the network"},
-    {25, "operation not supported by the device"},
-    {26, "no effect"},
-    {37, "SIM not initialised"},
-    {41, "invalid id"},
-    {42, "requested number not supported"},
-    {43, "interface not found"},
-    {45, "invalid data format"},
-    {46, "general error"},
-    {47, "unknown error"},
-    {48, "invalid argument"},
-    {49, "invalid index"},
-    {50, "no entry"},
-    {51, "storage full"},
-    {52, "device not ready"},
-    {53, "network not ready"},
-    {57, "invalid message id"},
-    {58, "encoding"},
-    {59, "authentication lock"},
-    {60, "invalid transition"},
-    {69, "insufficient resources"},
-    {70, "disabled"},
-    {71, "invalid command"},
-    {74, "information not available"},
-    {77, "bundling not supported"},
-    {78, "operation partially failed"},
-    {80, "SIM file not found"},
-    {82, "access denied"},
-    {83, "restricted by the hardware"},
-    {90, "incompatible state"},
-    {93, "no radio"},
-    {94, "not supported"},
-    {95, "no subscription"},
-    {97, "aborted by the network"},
-    {98, "message blocked"},
-    {102, "no SIM"},
-    {115, "no permission"},
-    {116, "too soon"},
-    {118, "operation in progress"},
-};
-
-const char* qmi_error_name(uint32_t error) {
-  const auto row = std::find_if(std::begin(kErrorNames), std::end(kErrorNames),
-                                [error](const auto& each) { return each.error == error; });
-  return row != std::end(kErrorNames) ? row->name : "an unknown error";
+const char* qmi_error_meaning(uint32_t error) {
+  const qmi::ErrorName* const row = qmi::find_error(error);
+  return row != nullptr ? row->meaning : "an unknown error";
 }
 
 void show_message(const Observation& message) {
   const bool is_request = message.kind == Observation::Kind::kRequest;
   const bool is_response = message.kind == Observation::Kind::kResponse;
-  char title[96];
-  snprintf(title, sizeof title, "%s service 0x%02x %s 0x%04x, ", is_request ? "->" : "<-", message.service,
-           is_request    ? "request"
-           : is_response ? "response"
-                         : "indication",
-           message.message);
+  const auto service = static_cast<uint8_t>(message.service);
   const auto shown = message.tlvs.first(std::min(message.tlvs.size(), kBytesInLine));
-  remark(title + count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
+  remark((is_request ? "-> " : "<- ") + qmi::service_text(service) + " " + qmi::message_text(service, message.message) +
+         (is_request    ? " request, "
+          : is_response ? " response, "
+                        : " indication, ") +
+         count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
          (shown.size() < message.tlvs.size() ? " ..." : ""));
 }
 
@@ -186,7 +123,7 @@ std::string describe(const Exchange& exchange) {
   }
   if (exchange.code != QMI_NO_ERR) return "code " + std::to_string(exchange.code) + " of the QMI framework";
   if (exchange.error == 0) return "";
-  return "QMI error " + std::to_string(exchange.error) + ", " + qmi_error_name(exchange.error);
+  return "QMI error " + std::to_string(exchange.error) + ", " + qmi_error_meaning(exchange.error);
 }
 
 const ResultCode& describe_result(int32_t code) {
@@ -254,7 +191,7 @@ Json Failure::json() const {
   if (exchange_ && exchange_->code != QMI_NO_ERR) error["framework_code"] = exchange_->code;
   if (exchange_ && exchange_->code == QMI_NO_ERR && exchange_->error != 0) {
     error["qmi_error"] = exchange_->error;
-    error["qmi_error_name"] = qmi_error_name(exchange_->error);
+    error["qmi_error_name"] = qmi_error_meaning(exchange_->error);
   }
   if (!advice_.empty()) error["advice"] = advice_;
   return {{"error", std::move(error)}};

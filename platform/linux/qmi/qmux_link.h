@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "ctl_messages.h"
 #include "deadline.h"
 #include "inspection.h"
 #include "message_trace.h"
@@ -47,14 +48,7 @@ class FrameReader {
   bool is_broken_ = false;
 };
 
-enum class ControlMessage : uint16_t {
-  kGetVersionInfo = 0x0021,
-  kAllocateClientId = 0x0022,
-  kReleaseClientId = 0x0023,
-  kRevokeClientId = 0x0024,
-  kSync = 0x0027,
-  kOpenProxy = 0xFF00,
-};
+using ControlMessage = ctl::MessageId;
 
 // The content of an indication of the CTL service.
 struct ControlIndication {

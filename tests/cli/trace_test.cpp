@@ -1,0 +1,247 @@
+// trace: messages by name, what they come to, and what it does with files that are no capture, or a part of one.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "client_program.h"
+#include "qmux.h"
+#include "text.h"
+
+namespace pelmar::cli {
+namespace {
+
+using qmi::MessageKind;
+using testing::HasSubstr;
+
+using Text = std::string;
+
+Text number(uint64_t value, size_t bytes) {
+  Text text;
+  for (size_t i = 0; i < bytes; ++i, value >>= 8) text += static_cast<char>(value & 0xFF);
+  return text;
+}
+Text u16(uint64_t value) {
+  return number(value, 2);
+}
+Text u32(uint64_t value) {
+  return number(value, 4);
+}
+
+Text block(uint32_t type, Text content) {
+  content.resize((content.size() + 3) / 4 * 4);
+  const Text length = u32(content.size() + 12);
+  return u32(type) + length + content + length;
+}
+
+// A section with one link of nanoseconds: type 147 is that of QMI messages.
+Text section(uint16_t link_type = 147) {
+  const Text names = u16(2) + u16(6) + Text("@modem\0\0", 8) + u16(3) + u16(7) + Text("mtb[7]\x1b\0", 8);
+  return block(0x0A0D0D0A, u32(0x1A2B3C4D) + u16(1) + u16(0) + Text(8, '\xFF')) +
+         block(1, u16(link_type) + u16(0) + u32(0) + names + u16(9) + u16(1) + u32(9));
+}
+
+Text packet(uint64_t microseconds, const Text& bytes) {
+  const uint64_t time = 1715926530'000000000 + microseconds * 1000;  // 2024-05-17T06:15:30Z
+  return block(6, u32(0) + u32(time >> 32) + u32(time) + u32(bytes.size()) + u32(bytes.size()) + bytes);
+}
+
+Text tlv(uint8_t type, const Text& value) {
+  return number(type, 1) + u16(value.size()) + value;
+}
+
+Text message(uint64_t time, MessageKind kind, uint8_t service, uint8_t client, uint16_t transaction, uint16_t id,
+             const Text& tlvs = "") {
+  const bool from_modem = kind != MessageKind::kRequest;
+  const unsigned byte = static_cast<unsigned>(kind) * (service == 0 ? 1 : 2);
+  const Text text = number(byte, 1) + number(transaction, service == 0 ? 1 : 2) + u16(id) + u16(tlvs.size()) + tlvs;
+  return packet(time, number(1, 1) + u16(text.size() + 5) + number(from_modem ? 0x80 : 0, 1) + number(service, 1) +
+                          number(client, 1) + text);
+}
+
+constexpr auto kRequest = MessageKind::kRequest;
+constexpr auto kResponse = MessageKind::kResponse;
+constexpr auto kIndication = MessageKind::kIndication;
+const Text kSuccess = tlv(2, u32(0));
+const Text kNoEntry = tlv(2, u16(1) + u16(50));
+
+// Messages of every service, with every form of field; and what no row describes.
+Text messages() {
+  const Text gsm = number(9, 1) + u32(-71) + u32(-72);
+  const Text record = u16(1) + u16(0) + u32(0x6F) + u16(9) + gsm;
+  const Text cell = u16(101) + u16(-86) + u16(-813) + u16(-527) + u16(427);
+  Text losses;
+  for (const float real : {0.5f, -20.25f, NAN}) losses.append(reinterpret_cast<const char*>(&real), sizeof real);
+  const Text uplink = u32(1) + losses + Text(36, '\0');
+  return message(0, kRequest, 0, 0, 5, 0xFF00, tlv(1, "/dev/\"x\x1b")) +
+         message(1500, kResponse, 0, 0, 5, 0xFF00, kSuccess) + message(2000, kRequest, 0, 0, 6, 0x22, tlv(1, "\xE4")) +
+         message(2001, kResponse, 0, 0, 6, 0x22, kSuccess + tlv(1, "\xE4\x03")) +
+         message(3000, kRequest, 0xE4, 3, 1, 0x100, tlv(1, u32(10)) + tlv(2, "\x01") + tlv(3, u16(2))) +
+         message(3100, kRequest, 0xE4, 4, 1, 0x100, tlv(1, u32(11)) + tlv(2, "\x01") + tlv(3, "\x02")) +
+         message(4234, kResponse, 0xE4, 4, 1, 0x100, kNoEntry) +
+         message(5000, kResponse, 0xE4, 3, 1, 0x100, kSuccess + tlv(3, u16(3) + "abc") + tlv(0x77, "\x01")) +
+         message(6000, kIndication, 0xE4, 3, 0, 0x203, tlv(1, u32(1)) + tlv(2, "\x01" + record)) +
+         message(6001, kIndication, 0xE4, 3, 0, 0x203,
+                 tlv(1, u32(1)) + tlv(2, "\x02" + record + u16(0) + u16(0) + u32(0x5A) + u16(52) + uplink)) +
+         message(6002, kIndication, 0xE4, 3, 0, 0x203, tlv(2, "\x02" + record + u16(0))) +
+         message(7000, kRequest, 0xE4, 3, 2, 0x207, tlv(1, u16(0)) + tlv(3, "\x01" + record)) +
+         message(7500, kRequest, 0xE4, 3, 3, 0x10C, tlv(1, "\xFF") + tlv(2, u32(7))) +
+         message(8000, kResponse, 3, 9, 4, 0x43,
+                 kSuccess + tlv(0x14, Text(1, '\0') + "\x01" + u16(6300) + "\x06\x0E\x04\x01" + cell)) +
+         message(9000, kResponse, 0x11, 1, 8, 0x02, tlv(2, u16(1) + u16(999))) +
+         message(9100, kResponse, 0x2A, 1, 8, 0x1234, "\x01\x09") + message(9200, kResponse, 3, 1, 9, 0x45) +
+         packet(9300, Text("\x01\x08\0\0\xE4\x01\0\x01\x02", 9));
+}
+
+class TraceTest : public testing::Test {
+ protected:
+  TraceTest() {
+    setenv("TEST_DIRECTORY", directory_.path("").c_str(), 1);
+    setenv("XDG_STATE_HOME", directory_.path("state").c_str(), 1);
+    setenv("TZ", "UTC-2", 1);
+    unsetenv("PELMAR_MODEM");
+  }
+
+  void write(const std::string& name, const Text& bytes) {
+    std::ofstream(directory_.path(name), std::ios::binary) << bytes;
+  }
+
+  sim::test::ScratchDirectory directory_;
+};
+
+TEST_F(TraceTest, EveryMessageIsShownByNameWithItsFields) {
+  write("a", section() + messages());
+  for (const auto& [options, golden] :
+       {std::pair("--fields", "trace.txt"), {"--fields --json", "trace.json"}, {"--summary", "trace_summary.txt"}}) {
+    const Outcome outcome = shell(std::string("client trace a ") + options);
+    EXPECT_EQ(outcome.status, 0);
+    expect_golden(golden, outcome.output);
+  }
+  expect({{"client trace <a | sed -n '1p;7p'", 0,
+           "08:15:30.000000 mtb[7]\\u001b -> CTL 0 OPEN_PROXY #5\n"
+           "08:15:30.004234 mtb[7]\\u001b <- VS 4 READ_NV #1 NO_ENTRY 1.134 ms\n"},
+          {"ls state 2>&1", 2, "cannot access"}});  // no modem was started
+}
+
+TEST_F(TraceTest, FiltersSelectMessages) {
+  write("a", section() + messages());
+  const struct {
+    const char* filter;
+    const char* lines;
+  } cases[] = {
+      {"", "18"},
+      {"--service vs", "10"},
+      {"--service CTL,0x11", "5"},
+      {"--message READ_NV", "4"},
+      {"--message 0x100,rf_get_state", "5"},
+      {"--message 0x45 --service NAS", "1"},
+      {"--client 3", "7"},
+      {"--result error", "2"},
+      {"--result success,999", "5"},
+      {"--result no_entry --service NAS", "0"},
+      {"--from 08:15:30.0091 --to 08:15:30.0093", "2"},
+      {"--from 2024-05-17T06:15:30.009Z", "4"},
+      {"--to 08:15", "0"},
+  };
+  for (const auto& [filter, lines] : cases) {
+    expect({{std::string("client trace a ") + filter + " | wc -l", 0, std::string(lines) + "\n"}});
+  }
+  // The time to the response is also that of a request that is not shown.
+  expect(
+      {{"client trace a --result no_entry", 0, "08:15:30.004234 mtb[7]\\u001b <- VS 4 READ_NV #1 NO_ENTRY 1.134 ms\n"},
+       {"client trace a --message nothing", 2, "'nothing' is no message"},
+       {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
+}
+
+TEST_F(TraceTest, WhatCanBeReadOfAFileIsReadAndTheRestIsReportedInOneLine) {
+  const Text good = section() + messages();
+  write("cut", good.substr(0, good.size() - 3));
+  write("damaged", good + Text(64, '\x01'));
+  write("other", section(1) + packet(0, "ethernet"));
+  write("both", good + section(1) + packet(0, "ethernet"));
+  write("text", "no capture at all");
+  write("empty", "");
+  expect({{"client trace cut 2>&1 >lines; wc -l <lines", 0,
+           "modem_api_test: the capture ends within a message; all before it was read\n17\n"},
+          {"client trace cut", 0, ""},
+          {"client trace damaged 2>&1 >lines; wc -l <lines", 0, "\n  All before it was read: 18 messages.\n18"},
+          {"client trace damaged", 1, "it is damaged at byte " + std::to_string(good.size())},
+          {"client trace other", 1,
+           "modem_api_test: reading the capture 'other' failed: none of its 1 packet is a QMI message\n"},
+          {"client trace both 2>&1 | tail -n 1", 0, "modem_api_test: skipped 1 packet without a QMI message\n"},
+          {"client trace <text", 1, "reading the capture failed: it is no capture (pcapng)"},
+          {"client trace empty", 1, "it is no capture (pcapng)"},
+          {"client trace /", 1, "it is a directory"},
+          {"client trace nothing", 1, "reading the capture 'nothing' failed: No such file"},
+          {"client trace other --json 2>e", 1, R"("reason":"none of its 1 packet)"}});
+}
+
+TEST_F(TraceTest, AMessageIsShownAsSoonAsItComes) {
+  Process client(MODEM_API_TEST, {"modem_api_test", "trace", "-"}, true);
+  client.send_line(section() + message(0, kRequest, 0xE4, 3, 1, 0x401));  // the line end begins the next block
+  EXPECT_THAT(client.line(), HasSubstr("-> VS 3 RESET_MODEM #1"));
+  client.finish();
+  EXPECT_THAT(client.rest(), HasSubstr("the capture ends within a message"));
+  EXPECT_EQ(client.end(), 0);
+}
+
+// Each byte of a TLV may be missing or another one.
+TEST_F(TraceTest, AnyBytesGiveValidJsonUpToTheLastByte) {
+  Text packets = section();
+  const Text record = "\x01" + u16(1) + u16(0) + u32(0x6F) + u16(9) + Text(9, '\x05');
+  for (const auto& [service, id, type] : {std::tuple(0xE4, 0x203, 2),
+                                          {0xE4, 0x207, 0x10},
+                                          {0xE4, 0x106, 3},
+                                          {3, 0x43, 0x13},
+                                          {3, 0x43, 0x14},
+                                          {0, 0x21, 1},
+                                          {0, 0x24, 1}}) {
+    const auto kind = id == 0x203 || id == 0x24 ? kIndication : kResponse;
+    for (size_t length = 0; length <= record.size(); ++length) {
+      Text value = record.substr(0, length);
+      for (const char byte : {'\0', '\x01', '\xFF'}) {
+        if (!value.empty()) value[0] = byte;
+        packets += message(0, kind, static_cast<uint8_t>(service), 1, 1, static_cast<uint16_t>(id),
+                           tlv(static_cast<uint8_t>(type), value) + "\x01\xFF\xFFz");
+      }
+    }
+  }
+  write("a", packets);
+  std::istringstream lines(shell("client trace a --fields --json").output);
+  size_t count = 0;
+  for (std::string line; std::getline(lines, line) && line.find("summary") == line.npos; ++count) {
+    const Json document = Json::parse(line, nullptr, false);
+    ASSERT_FALSE(document.is_discarded()) << line;
+    ASSERT_EQ(document["tlvs"].size(), 2u) << line;
+    EXPECT_EQ(document["tlvs"][1]["undescribed"], "7a") << line;
+  }
+  EXPECT_EQ(count, 7 * 3 * (record.size() + 1));
+}
+
+TEST_F(TraceTest, TheSummaryIsExactInCountsAndCloseInTimesHoweverManyExchangesAreOpen) {
+  Text packets = section();
+  for (uint64_t i = 0; i < 100; ++i) {  // 1 to 100 ms, and a client's requests without response
+    packets += message(i * 1'000'000, kRequest, 0xE4, 1, static_cast<uint16_t>(i), 0x100);
+    packets += message(i * 1'000'000 + (i + 1) * 1000, kResponse, 0xE4, 1, static_cast<uint16_t>(i), 0x100, kSuccess);
+  }
+  for (unsigned i = 0; i < 70000; ++i) {
+    packets += message(200'000'000 + i, kRequest, 0x11, static_cast<uint8_t>(i >> 16), static_cast<uint16_t>(i), 0x01);
+  }
+  write("a", packets);
+  const Json summary = Json::parse(shell("client trace a --summary --json").output);
+  EXPECT_EQ(summary["type"], "summary");
+  const Json& sar = summary["by_message"][0];
+  const Json& vs = summary["by_message"][1];
+  EXPECT_EQ(sar["without_response"], 70000);
+  EXPECT_EQ(sar["count"], 70000);
+  EXPECT_EQ(vs["count"], 100);
+  EXPECT_EQ(vs["without_response"], 0);
+  EXPECT_EQ(vs["slowest_seconds"], 0.1);
+  EXPECT_NEAR(vs["median_seconds"], 0.05, 0.05 * 0.032);
+  EXPECT_NEAR(vs["percentile_99_seconds"], 0.099, 0.099 * 0.032);
+  expect({{"client trace a | head -n 1", 0, "08:15:30.000000 mtb[7]\\u001b -> VS 1 READ_NV #0\n"}});
+}
+
+}  // namespace
+}  // namespace pelmar::cli

@@ -1,0 +1,252 @@
+// trace: the messages of a capture by name, and what they come to. It works on the file alone, without a modem.
+#include <fcntl.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "catalogue.h"
+#include "command_line.h"
+#include "error_names.h"
+#include "trace_summary.h"
+
+namespace pelmar::cli {
+
+namespace {
+
+constexpr size_t kMostBuffered = 65536;
+
+// A time of any day, or a moment.
+struct Moment {
+  bool is_of_day;
+  int64_t ns;
+
+  bool is_after(int64_t time_ns) const { return ns > (is_of_day ? qmi::local_time_of_day(time_ns) : time_ns); }
+};
+
+// What the names and numbers of a filter stand for.
+using Keys = std::vector<uint32_t>;
+
+struct Named {
+  std::string name;
+  uint32_t key;
+};
+
+constexpr uint32_t kAnyError = UINT32_MAX;
+constexpr uint32_t kAnyService = 0x100;
+
+constexpr uint32_t message_key(uint32_t service, uint16_t message) {
+  return service << 16 | message;
+}
+
+struct TraceValues {
+  std::string file;
+  bool has_fields = false;
+  bool is_summary = false;
+  Keys services;
+  Keys messages;
+  Keys errors;
+  std::optional<uint8_t> client;
+  std::optional<Moment> from;
+  std::optional<Moment> to;
+
+  bool accepts(const qmi::TracedMessage& traced) const;
+};
+
+bool is_in(const Keys& keys, uint32_t key) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+bool TraceValues::accepts(const qmi::TracedMessage& traced) const {
+  const qmi::Frame& frame = traced.captured.frame;
+  if (!services.empty() && !is_in(services, frame.service)) return false;
+  if (client && *client != frame.client) return false;
+  if (from && from->is_after(traced.captured.time_ns)) return false;
+  if (to && !to->is_after(traced.captured.time_ns)) return false;
+  if (!messages.empty() && !(traced.message && (is_in(messages, message_key(frame.service, traced.message->id)) ||
+                                                is_in(messages, message_key(kAnyService, traced.message->id))))) {
+    return false;
+  }
+  if (errors.empty()) return true;
+  return traced.error && (is_in(errors, *traced.error) || (*traced.error != 0 && is_in(errors, kAnyError)));
+}
+
+// --- options ---
+
+// Takes names, in capitals or not, and numbers, which `number` is added to; commas separate them.
+Take take_keys(Keys& keys, std::vector<Named> names, uint32_t most, uint32_t number, const char* what) {
+  return [&keys, names = std::move(names), most, number, what](const std::string& word) -> std::string {
+    std::istringstream parts(word);
+    for (std::string part; std::getline(parts, part, ',');) {
+      const size_t before = keys.size();
+      for (const Named& each : names) {
+        if (strcasecmp(each.name.c_str(), part.c_str()) == 0) keys.push_back(each.key);
+      }
+      if (const auto given = parse_number(part, 0, most)) keys.push_back(number + static_cast<uint32_t>(*given));
+      if (keys.size() == before) return "'" + part + "' is no " + what + ": give a name or a number";
+    }
+    return "";
+  };
+}
+
+// "08:15", "08:15:30.5", "2024-05-17T06:15:30.125Z".
+std::optional<Moment> parse_moment(const std::string& word) {
+  tm time{};
+  const bool is_of_day = word.find('T') == word.npos;
+  const char* at = strptime(word.c_str(), is_of_day ? "%H:%M" : "%Y-%m-%dT%H:%M", &time);
+  if (at != nullptr && *at == ':') at = strptime(at, ":%S", &time);
+  if (at == nullptr) return std::nullopt;
+  int64_t ns = (is_of_day ? (time.tm_hour * 60 + time.tm_min) * 60 + time.tm_sec : timegm(&time)) * 1'000'000'000;
+  if (*at == '.') {
+    for (int64_t digit = 100'000'000; *++at >= '0' && *at <= '9'; digit /= 10) ns += (*at - '0') * digit;
+  }
+  if (!is_of_day && *at++ != 'Z') return std::nullopt;
+  return *at == '\0' ? std::optional(Moment{is_of_day, ns}) : std::nullopt;
+}
+
+Take take_moment(std::optional<Moment>& target) {
+  return [&target](const std::string& word) -> std::string {
+    target = parse_moment(word);
+    return target ? "" : "'" + word + "' is no time such as 08:15, 08:15:30.125 or 2024-05-17T06:15:30.125Z";
+  };
+}
+
+void add_filters(const Command& command, TraceValues& values) {
+  std::vector<Named> services, messages, errors = {{"error", kAnyError}};
+  for (const qmi::ServiceRows& service : qmi::catalogue()) {
+    services.push_back({service.name, service.id});
+    for (const auto& [id, name] : service.names) messages.push_back({name, message_key(service.id, id)});
+  }
+  for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
+  command.add_parsed("--service", "only these services, by name or number (VS,0x03)",
+                     take_keys(values.services, services, UINT8_MAX, 0, "service"), {.type = "LIST"});
+  command.add_parsed("--message", "only these messages, by name or number (READ_NV,0x0101)",
+                     take_keys(values.messages, messages, UINT16_MAX, message_key(kAnyService, 0), "message"),
+                     {.type = "LIST"});
+  command.add_parsed("--result", "only responses with these results: names or numbers (NO_ENTRY,48), error for any",
+                     take_keys(values.errors, errors, UINT16_MAX, 0, "result"), {.type = "LIST"});
+  command.add_number("--client", values.client, "only this client id");
+  command.add_parsed("--from", "only from this time on: of the day (local) as lines show it, or as in JSON (UTC)",
+                     take_moment(values.from), {.type = "TIME"});
+  command.add_parsed("--to", "only before this time", take_moment(values.to), {.type = "TIME"});
+}
+
+// --- the command ---
+
+class Trace {
+ public:
+  Trace(const Context& context, const TraceValues& values)
+      : output_(context.output), signals_(context.signals), values_(values) {}
+
+  void run() {
+    const bool is_input = values_.file.empty() || values_.file == "-";
+    const std::string step = "reading the capture" + (is_input ? "" : " '" + values_.file + "'");
+    const UniqueFd file(is_input ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                                 : open(values_.file.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) throw Failure::of_system(step);
+    if (S_ISDIR(status.st_mode)) throw Failure(step, "it is a directory");
+    const bool is_file = S_ISREG(status.st_mode);
+    // Ctrl-C also ends the program that writes the pipe; what it wrote is read before this one ends.
+    std::optional<Signals::Follower> follower;
+    if (!is_file) follower.emplace(signals_);
+    qmi::CaptureReader reader(file.get());
+    qmi::CapturedMessage captured;
+    qmi::CaptureReader::Status end{};
+    while ((end = reader.next(captured)) == qmi::CaptureReader::Status::kMessage) {
+      take(captured, reader.link(captured.link));
+      pollfd readable = {file.get(), POLLIN, 0};
+      const bool must_wait = !is_file && poll(&readable, 1, 0) == 0;
+      if (must_wait || text_.size() >= kMostBuffered) flush();
+    }
+    conclude(step, reader, end);
+  }
+
+ private:
+  void take(const qmi::CapturedMessage& captured, const qmi::CaptureLink& link) {
+    qmi::TracedMessage traced = {captured, link, read_message(captured.frame), std::nullopt, std::nullopt};
+    ++read_;
+    if (traced.message && traced.message->kind == qmi::MessageKind::kResponse) {
+      const auto result = qmi::find_tlv(traced.message->tlvs, qmi::kResultTlv);
+      if (result && result->size() >= qmi::kResultLength) traced.error = qmi::load_u16(result->data() + 2);
+    }
+    const bool is_accepted = values_.accepts(traced);
+    if (traced.message) traced.duration = exchanges_.pair(traced, is_accepted);
+    if (!is_accepted) return;
+    ++accepted_;
+    if (traced.message) exchanges_.count(traced);
+    if (values_.is_summary) return;
+    (output_.is_json() ? qmi::append_json : qmi::append_line)(text_, traced, values_.has_fields);
+  }
+
+  void flush() {
+    output_.write(text_);
+    text_.clear();
+  }
+
+  void conclude(const std::string& step, const qmi::CaptureReader& reader, qmi::CaptureReader::Status end) {
+    using Status = qmi::CaptureReader::Status;
+    flush();
+    if (end == Status::kNoCapture) throw Failure(step, "it is no capture (pcapng)", "--trace FILE writes one.");
+    if (read_ == 0 && reader.skipped() > 0) {
+      throw Failure(step, "none of its " + count_of(reader.skipped(), "packet") + " is a QMI message");
+    }
+    exchanges_.end();
+    if (values_.is_summary || output_.is_json()) {
+      const Json by_message = exchanges_.json();
+      output_.print({{"type", "summary"},
+                     {"messages", read_},
+                     {"selected", accepted_},
+                     {"skipped_packets", reader.skipped()},
+                     {"is_cut", end == Status::kCut},
+                     {"by_message", by_message}},
+                    summary_text(by_message));
+    }
+    if (reader.skipped() > 0) remark("skipped " + count_of(reader.skipped(), "packet") + " without a QMI message");
+    if (end == Status::kCut) remark("the capture ends within a message; all before it was read");
+    if (end == Status::kBroken) {
+      throw Failure(step, "it is damaged at byte " + std::to_string(reader.position()),
+                    "All before it was read: " + count_of(read_, "message") + ".");
+    }
+  }
+
+  Output& output_;
+  Signals& signals_;
+  const TraceValues& values_;
+  std::string text_;
+  Exchanges exchanges_;
+  uint64_t read_ = 0;
+  uint64_t accepted_ = 0;
+};
+
+void trace(const Context& context, const TraceValues& values) {
+  Trace(context, values).run();
+}
+
+}  // namespace
+
+void add_trace_command(CommandLine& line) {
+  auto [command, values] = line.add("trace", "print the messages of a capture by name", trace);
+  command.set_footer(
+      "A capture is what --trace FILE, PELMAR_TRACE=FILE and modem_sim serve --trace FILE write (pcapng). A line has\n"
+      "the local time, the process, -> to the modem or <- from it, service, client, message, and #transaction; of a\n"
+      "response also its result and the milliseconds since the request. No modem is used.\n"
+      "Exit status: 0 also for a capture that ends within a message, as that of a killed program; 1 for a file that\n"
+      "is no capture or is damaged, after what can be read of it.\n"
+      "Examples:\n"
+      "  modem_api_test trace field.pcapng --result error --fields\n"
+      "  modem_sim serve --trace - | modem_api_test trace --service VS,NAS");
+  command.add_text("file", values.file, "the capture (-, or without it: standard input)", {.type = "FILE"});
+  command.add_flag("--fields", values.has_fields, "each TLV by name and value, hexadecimal where unknown");
+  command.add_flag("--summary", values.is_summary,
+                   "only the summary: for each message the count, errors, requests without response, and the time to "
+                   "the response in ms");
+  add_filters(command, values);
+}
+
+}  // namespace pelmar::cli
