@@ -232,7 +232,7 @@ void trace(const Context& context, const TraceValues& values) {
 
 void add_trace_command(CommandLine& line) {
   auto [command, values] = line.add("trace", "print the messages of a capture by name", trace);
-  command.set_footer(
+  command.add_notes(
       "A capture is what --trace FILE, PELMAR_TRACE=FILE and modem_sim serve --trace FILE write (pcapng). A line has\n"
       "the local time, the process, -> to the modem or <- from it, service, client, message, and #transaction; of a\n"
       "response also its result and the milliseconds since the request. No modem is used.\n"
