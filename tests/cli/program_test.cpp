@@ -48,7 +48,10 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
           {"client nv read 3 --json", 1, R"("qmi_error":50,"qmi_error_name":"no entry","advice":"Nothing is)"},
           {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> service 0xe4 request 0x"},
           {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
-          {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"}});
+          {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"},
+          {"client nv read 1 --trace /dev/full", 1, "writing the trace '/dev/full' failed: No space left"},
+          {"client nv read 1 --trace whole", 1, "the file is there already and is no capture"},
+          {"client nv read 1 --trace - 2>w | head -c 4 | od -An -tx1 && grep -c 0a w", 0, " 0a 0d 0d 0a\n1\n"}});
   for (const std::string item : {"nv", "efs", "efs-path", "rfnv"}) {
     const std::string address = item == "efs-path" ? " /nv/a --index 4" : item == "rfnv" ? " 10" : " 10 --qualifier 3";
     const auto with = [&](const std::string& verb) { return "client " + item + " " + verb + address; };

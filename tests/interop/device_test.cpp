@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "capture.h"
 #include "modem_test.h"
 #include "network_access_service_v01.h"
 #include "qmi_client.h"
@@ -51,7 +52,16 @@ TEST_F(DeviceTest, ProgramsOpenTheDeviceInTurn) {
         sim::test::run_program({sim::test::kQmicli, "--device-open-qmi", "-d", modem().device(), "--nas-get-drx"});
     EXPECT_THAT(drx.output, HasSubstr("cn8-t128"));
   }
-  EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("device"));
+  EXPECT_THAT(run({"nv", "read", "7", "--trace", path("trace")}).output, HasSubstr("device"));
+  const UniqueFd file(::open(path("trace").c_str(), O_RDONLY | O_CLOEXEC));
+  qmi::CaptureReader reader(file.get());
+  qmi::CapturedMessage captured;
+  std::string ids;
+  while (reader.next(captured) == qmi::CaptureReader::Status::kMessage) {
+    ids += std::to_string(qmi::read_message(captured.frame)->id) + " ";
+    EXPECT_EQ(reader.link(captured.link).transport, modem().device());
+  }
+  EXPECT_EQ(ids, "33 33 33 33 34 34 256 256 35 35 ") << "each message is traced once";
   EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX on the character device"));
 }
 
