@@ -110,10 +110,12 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
 }
 
 TEST_F(DeviceTest, AReleaseEndsASendThatTheDeviceDoesNotTake) {
-  qmi_client_type handle = nullptr;
-  ASSERT_EQ(qmi_client_init_instance(&vs_qmi_idl_service_object_v01, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr, nullptr,
-                                     1000, &handle),
-            QMI_NO_ERR);
+  qmi_client_type handle = nullptr, other = nullptr;  // the other one keeps the device open
+  for (qmi_client_type* const each : {&handle, &other}) {
+    ASSERT_EQ(qmi_client_init_instance(&vs_qmi_idl_service_object_v01, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr,
+                                       nullptr, 1000, each),
+              QMI_NO_ERR);
+  }
   const auto write = [handle](unsigned timeout) {
     vs::WriteNvRequest request{};
     request.data_len = sizeof request.data;
@@ -135,6 +137,7 @@ TEST_F(DeviceTest, AReleaseEndsASendThatTheDeviceDoesNotTake) {
   EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
   EXPECT_EQ(result.get(), QMI_CLIENT_INVALID_CLNT);
   kill(modem().process(), SIGCONT);
+  EXPECT_EQ(qmi_client_release(other), QMI_NO_ERR);
 }
 
 // qmi-proxy keeps the client ids of programs that were killed, and the modem has ten for each service.
