@@ -1,5 +1,6 @@
 // The client framework over the kernel's QRTR: its services are sockets of the test. The tests are skipped if the
 // kernel has no QRTR; scripts/qrtr_vm.sh runs a kernel that has it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/qrtr.h>
 #include <poll.h>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture.h"
 #include "nas_messages.h"
 #include "qmi_client.h"
 #include "qrtr_transport.h"
@@ -173,6 +175,8 @@ class QrtrTest : public testing::Test {
 };
 
 TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
+  const std::string path = testing::TempDir() + "trace." + std::to_string(::getpid());
+  ::setenv("PELMAR_TRACE", path.c_str(), 1);
   Peer service, stranger;
   service.publish(0, 7);  // any version
   auto outcome = send(connect());
@@ -187,6 +191,18 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   EXPECT_EQ(service.send(request.from, drx_response(request, 8)), 0);
   EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 8));
   EXPECT_EQ(events(0), Events{});
+
+  const UniqueFd file(::open(path.c_str(), O_RDONLY));
+  qmi::CaptureReader reader(file.get());
+  qmi::CapturedMessage message;
+  std::string trace;
+  while (reader.next(message) == qmi::CaptureReader::Status::kMessage) {
+    trace += (message.direction == qmi::Direction::kToModem ? ">" : "<") + std::to_string(message.frame.message.size());
+    EXPECT_EQ(message.frame.client, request.from.port & 0xFF);
+    EXPECT_EQ(reader.link(message.link).transport, "qrtr:" + std::to_string(service.own_node()));
+  }
+  EXPECT_EQ(trace, ">7<1<6<65000<7<7<7<21");
+  ::unlink(path.c_str());
 }
 
 TEST_F(QrtrTest, FailsWhenItsServiceEndsAndFindsItAgain) {

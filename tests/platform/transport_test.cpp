@@ -1,11 +1,17 @@
-// The parts of the transports that need no peer: the forms of a modem's address, and the control packets of QRTR.
+// The parts of the transports that need no peer: the forms of a modem's address, devices that cannot be opened, and the
+// control packets of QRTR.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "modem_address.h"
+#include "modem_device.h"
 #include "qrtr_transport.h"
 
 namespace pelmar::platform {
@@ -35,6 +41,18 @@ TEST(ModemAddress, HasTheseForms) {
       {"/" + std::string(200, 'x'), std::nullopt},
   };
   for (const auto& each : cases) EXPECT_EQ(parse_modem_address(each.text), each.address) << each.text;
+}
+
+TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserIsRefusedWithAReason) {
+  const std::string suffix = "." + std::to_string(::getpid());
+  for (const auto& [name, problem] : {std::pair("mbim", "it speaks MBIM"), {"modem", "this user may not open it"}}) {
+    const std::string path = testing::TempDir() + name + suffix;
+    if (::mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "only root can make a device";
+    EXPECT_EQ(::seteuid(61234), 0);
+    const std::string found = connect_device(path).problem.text;
+    EXPECT_EQ(::seteuid(0) + ::unlink(path.c_str()), 0);
+    EXPECT_EQ(found.substr(0, std::strlen(problem)), problem);
+  }
 }
 
 TEST(Qrtr, ReadsControlPackets) {

@@ -105,9 +105,15 @@ bool QrtrSocket::open() {
     close();
     return false;
   }
-  port_ = own.sq_port;
   name_service_ = {own.sq_node, QRTR_PORT_CTRL};
   return true;
+}
+
+uint32_t QrtrSocket::port() const {
+  sockaddr_qrtr own{};
+  socklen_t length = sizeof own;
+  ::getsockname(descriptor(), reinterpret_cast<sockaddr*>(&own), &length);
+  return own.sq_port;
 }
 
 SendStatus QrtrSocket::send(const QrtrAddress& to, const void* bytes, size_t length) {
@@ -217,6 +223,7 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
     : socket_(std::move(socket)),
       address_(address),
       service_(service),
+      client_(static_cast<uint8_t>(socket_.port())),
       trace_("qrtr:" + std::to_string(address.node), TraceLink::Sharing::kOwn),
       wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
       capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),

@@ -81,7 +81,9 @@ class QrtrSocket {
   void close() { descriptor_.reset(); }
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
-  uint32_t port() const { return port_; }
+
+  // The kernel assigns the port when the socket first sends.
+  uint32_t port() const;
 
   // Sends without waiting. Never returns kTimedOut.
   SendStatus send(const QrtrAddress& to, const void* bytes, size_t length);
@@ -116,7 +118,6 @@ class QrtrSocket {
 
  private:
   ProcessFd descriptor_;
-  uint32_t port_ = 0;
   QrtrAddress name_service_;
 };
 
@@ -146,7 +147,7 @@ class QrtrConnection final : public Connection {
  private:
   // The message as a frame of the trace.
   qmi::Frame frame_of(std::span<const uint8_t> message) const {
-    return {static_cast<uint8_t>(service_), static_cast<uint8_t>(socket_.port()), message};
+    return {static_cast<uint8_t>(service_), client_, message};
   }
   SendStatus try_send(size_t length);
   void wait(const Deadline& deadline) const;
@@ -157,6 +158,7 @@ class QrtrConnection final : public Connection {
   QrtrSocket socket_;
   const QrtrAddress address_;
   const uint32_t service_;
+  const uint8_t client_;  // of the trace
   const TraceLink trace_;
   ProcessFd wake_;                         // readable once reading has stopped
   std::atomic<bool> has_stopped_{false};   // no more reads
