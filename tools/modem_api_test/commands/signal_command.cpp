@@ -25,6 +25,14 @@ constexpr uint32_t kHighestRate = 50;
 constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
 constexpr std::chrono::milliseconds kLinePeriod{950};           // a second, however the readings fall
 
+constexpr const char* kLiveViewKeys =
+    "Keys of the live view:\n"
+    "  q  ends\n"
+    "  p  pauses the view, not the readings; again: goes on\n"
+    "  1, 2  show subscription 0 or 1 alone; again: both\n"
+    "  arrows  scroll the lines (up and down) and the history (left and right)\n"
+    "RSRP is in dBm, SNR in dB.";
+
 struct SignalValues {
   std::optional<uint32_t> sub;
   bool watch = false;
@@ -348,22 +356,21 @@ void run_signal(const Context& context, const SignalValues& values) {
 void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
-  command.add_flag(
-      "-w,--watch", values.watch,
-      "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
-      "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
+  command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
   command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
                    {.type = "FILE"});
-  command.add_text("--title", values.title, "title of the picture", {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
+  command.add_text("--title", values.title, "title of the picture",
+                   {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
-  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
+  command.add_notes(kLiveViewKeys);
+  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg", "--rate 1 --serve 127.0.0.1:9464"});
 }
 
 }  // namespace pelmar::cli
