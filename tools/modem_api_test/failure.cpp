@@ -23,7 +23,7 @@ using platform::Observation;
 constexpr size_t kBytesInLine = 64;
 
 thread_local std::optional<Exchange> last_exchange;
-std::atomic<uint64_t> failures{0};
+std::atomic<uint32_t> failures{0};
 
 struct ErrorName {
   uint32_t error;
@@ -174,7 +174,7 @@ std::optional<Exchange> take_last_exchange() {
   return std::exchange(last_exchange, std::nullopt);
 }
 
-uint64_t failed_exchanges() {
+uint32_t failed_exchanges() {
   return failures;
 }
 

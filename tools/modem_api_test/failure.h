@@ -29,7 +29,7 @@ void watch_exchanges(bool shows_messages);
 std::optional<Exchange> take_last_exchange();
 
 // How many exchanges of the process failed: with a QMI error, or without a response.
-uint64_t failed_exchanges();
+uint32_t failed_exchanges();
 
 // Why an exchange failed: "QMI error 50, no entry", "the service went away", ...; empty for a success.
 std::string describe(const Exchange& exchange);
