@@ -167,7 +167,6 @@ class Series {
   Series(const Context& context, const SignalValues& values)
       : context_(context),
         values_(values),
-        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve)),
         source_(context.session),
         subs_(values.subs()),
         show_(show_of(context, values)),
@@ -247,7 +246,7 @@ class Series {
     thread_.start([this] { reading_ = source_.read(subs_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
-    if (metrics_) metrics_->take(reading_, source_.problem());
+    if (!values_.serve.empty()) show_in_metrics(reading_, source_.problem());
     if (reading_) {
       ++readings_;
       if (plot_) recording_.add(*reading_);
@@ -304,7 +303,6 @@ class Series {
 
   const Context& context_;
   const SignalValues& values_;
-  MetricsServer* const metrics_;  // may be null; before the modem is there, which may be waited for
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};
@@ -348,6 +346,7 @@ void run_signal(const Context& context, const SignalValues& values) {
   refuse_contradictions(context, values);
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
+  if (!values.serve.empty()) serve_metrics(values.serve);  // before the modem is there, which may be waited for
   Series(context, values).run();
 }
 
@@ -363,8 +362,8 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
                    {.type = "FILE"});
-  command.add_text("--title", values.title, "title of the picture",
-                   {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
+  command.add_text("--title", values.title, "title of the picture; default Signal of the serving carriers",
+                   {.type = "TEXT"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
