@@ -26,9 +26,12 @@ constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
 constexpr std::chrono::milliseconds kLinePeriod{950};           // a second, however the readings fall
 
 constexpr const char* kLiveViewKeys =
-    "Keys of the live view: q ends, p pauses, 1 and 2 show subscription 0 or 1 alone (again: both), up and down "
-    "scroll\n"
-    "the lines, left and right the history. RSRP is in dBm, SNR in dB.";
+    "Keys of the live view:\n"
+    "  q  ends\n"
+    "  p  pauses the view, not the readings; again: goes on\n"
+    "  1, 2  show subscription 0 or 1 alone; again: both\n"
+    "  arrows  scroll the lines (up and down) and the history (left and right)\n"
+    "RSRP is in dBm, SNR in dB.";
 
 struct SignalValues {
   std::optional<uint32_t> sub;
@@ -164,7 +167,6 @@ class Series {
   Series(const Context& context, const SignalValues& values)
       : context_(context),
         values_(values),
-        metrics_(values.serve.empty() ? nullptr : serve_metrics(values.serve)),
         source_(context.session),
         subs_(values.subs()),
         show_(show_of(context, values)),
@@ -244,7 +246,7 @@ class Series {
     thread_.start([this] { reading_ = source_.read(subs_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
-    if (metrics_) metrics_->take(reading_, source_.problem());
+    if (!values_.serve.empty()) show_in_metrics(reading_, source_.problem());
     if (reading_) {
       ++readings_;
       if (plot_) recording_.add(*reading_);
@@ -301,7 +303,6 @@ class Series {
 
   const Context& context_;
   const SignalValues& values_;
-  MetricsServer* const metrics_;  // may be null; before the modem is there, which may be waited for
   SignalSource source_;
   const std::vector<uint32_t> subs_;
   Clock::duration period_{};
@@ -345,6 +346,7 @@ void run_signal(const Context& context, const SignalValues& values) {
   refuse_contradictions(context, values);
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
+  if (!values.serve.empty()) serve_metrics(values.serve);  // before the modem is there, which may be waited for
   Series(context, values).run();
 }
 
@@ -367,7 +369,7 @@ void add_signal_command(CommandLine& line) {
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
   command.add_notes(kLiveViewKeys);
-  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg"});
+  command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg", "--rate 1 --serve 127.0.0.1:9464"});
 }
 
 }  // namespace pelmar::cli

@@ -66,9 +66,9 @@ struct MetricFamilies {
 };
 
 // Readings come from the command's thread, scrapes from a thread of the web server's.
-class PrometheusServer : public MetricsServer, public prometheus::Collectable {
+class Metrics : public prometheus::Collectable {
  public:
-  void take(const std::optional<Reading>& reading, const std::string& problem) override {
+  void take(const std::optional<Reading>& reading, const std::string& problem) {
     const std::lock_guard lock(mutex_);
     reading_ = reading;
     time_ = Clock::now();
@@ -98,26 +98,33 @@ class PrometheusServer : public MetricsServer, public prometheus::Collectable {
   bool was_lost_ = false;
 };
 
+const std::shared_ptr<Metrics>& metrics() {
+  static const auto& metrics = *new auto(std::make_shared<Metrics>());
+  return metrics;
+}
+
 }  // namespace
 
 const char* const kServeHelp =
     "serve the readings as Prometheus metrics at http://ADDRESS/metrics, for example 127.0.0.1:9464, or :9464 for "
     "every IPv4 address of the machine; port 0 is any that is free";
 
-MetricsServer* serve_metrics(const std::string& address) {
-  static const auto& server = *new auto(std::make_shared<PrometheusServer>());
+void serve_metrics(const std::string& address) {
   const std::string host = address.substr(0, address.rfind(':') + 1);  // with the colon
   const std::string port = address.substr(host.size());
   try {
     static auto& exposer = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
-    exposer.RegisterCollectable(server);
+    exposer.RegisterCollectable(metrics());
     remark("metrics are at http://" + (host.size() > 1 ? host : "0.0.0.0:") +
            std::to_string(exposer.GetListeningPorts().front()) + "/metrics");
   } catch (const std::exception&) {
     throw Failure("serving metrics at " + address, "the address is in use, or is none of this machine's",
                   "Give HOST:PORT or :PORT, for example 127.0.0.1:9464; Debian's web server, civetweb, has no IPv6.");
   }
-  return server.get();
+}
+
+void show_in_metrics(const std::optional<Reading>& reading, const std::string& problem) {
+  metrics()->take(reading, problem);
 }
 
 }  // namespace pelmar::cli
@@ -128,7 +135,9 @@ namespace pelmar::cli {
 
 const char* const kServeHelp = "serve the readings as Prometheus metrics (not in this build: it lacks prometheus-cpp)";
 
-MetricsServer* serve_metrics(const std::string& /*address*/) {
+void show_in_metrics(const std::optional<Reading>& /*reading*/, const std::string& /*problem*/) {}
+
+void serve_metrics(const std::string& /*address*/) {
   throw Failure::of_usage("this build has no --serve", "Install Debian's prometheus-cpp-dev and build again.");
 }
 

@@ -13,17 +13,12 @@ namespace pelmar::cli {
 
 extern const char* const kServeHelp;
 
-class MetricsServer {
- public:
-  virtual ~MetricsServer() = default;
-
-  // `problem`: why a reading did not come.
-  virtual void take(const std::optional<Reading>& reading, const std::string& problem) = 0;
-};
-
 // `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free. A remark says where
 // the metrics are. Throws where the address cannot be served, or the build has no Prometheus. The server lives as long
 // as the process, since its end would take two seconds.
-MetricsServer* serve_metrics(const std::string& address);
+void serve_metrics(const std::string& address);
+
+// `problem`: why a reading did not come.
+void show_in_metrics(const std::optional<Reading>& reading, const std::string& problem);
 
 }  // namespace pelmar::cli

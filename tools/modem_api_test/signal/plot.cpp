@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstdio>
 #include <iterator>
-#include <set>
 
 #include "printable_text.h"
 #include "signal/live_view.h"
@@ -351,15 +350,12 @@ class Picture {
     }
   }
 
-  // ", channel 1300, 6300".
+  // ", channel 1300, then 6300": the first and the last.
   static std::string channels_of(const Track& track) {
-    std::set<uint32_t> channels;
-    for (const TrackPoint& point : track) {
-      if (point.channel) channels.insert(*point.channel);
-    }
-    std::string text;
-    for (const uint32_t channel : channels) text += (text.empty() ? ", channel " : ", ") + std::to_string(channel);
-    return text;
+    const auto first = track.front().channel;
+    const auto last = track.back().channel;
+    if (!first || !last) return "";
+    return ", channel " + std::to_string(*first) + (last == first ? "" : ", then " + std::to_string(*last));
   }
 
   const Recording& recording_;

@@ -4,8 +4,7 @@
 // terminal's own modes come back at the end: the object's, the process's exit, or a signal that kills it. A stopped
 // process gives the terminal back too.
 //
-// Keys: q ends, p pauses the view but not the readings, 1 and 2 show one subscription (again: all), the arrows scroll
-// the lines and the history. A thread of its own takes them, so that they act also while the modem does not respond.
+// A thread of its own takes the keys, so that they act also while the modem does not respond.
 #pragma once
 
 #include <mutex>
