@@ -66,14 +66,6 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
   ~DeviceConnection() override { stop(); }
 
-  // A message for which there is no room, because the program reads too slowly, is dropped whole.
-  void send(std::span<const uint8_t> bytes) override {
-    if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
-    waiting_.emplace_back(bytes.begin(), bytes.end());
-    waiting_bytes_ += bytes.size();
-    flush();
-  }
-
   void close(std::string_view reason) override {
     if (!terminal_) return;
     stop();
@@ -100,6 +92,16 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
 
  private:
+  // A message for which there is no room, because the program reads too slowly, is dropped whole.
+  void transmit(std::span<const uint8_t> bytes) override {
+    if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
+    waiting_.emplace_back(bytes.begin(), bytes.end());
+    waiting_bytes_ += bytes.size();
+    flush();
+  }
+
+  std::string address() const override { return server_.path_; }
+
   void receive() {
     const size_t before = input_.size();
     input_.resize(before + qmi::kMaxFrameLength);
