@@ -183,6 +183,16 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   add_number(*serve, "--report-ms", kMilliseconds, "between two reports of registered statistics (default: 1000)", 10,
              kHourMs, options.report_period);
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
+  serve->add_option("--trace", options.trace,
+                    "write every message of every client to this file, as a capture (pcapng)");
+  auto* const replay = serve->add_option(
+      "--replay", options.replay, "respond and send indications as this capture has them, instead of the services");
+  serve
+      ->add_option("--speed", options.replay_speed,
+                   "how many times faster than recorded a capture is played (default: 1)")
+      ->check(CLI::Range(0.001, 1e6))
+      ->needs(replay)
+      ->type_name(kNumber);
   add_number(*serve, "--clock-ms", kMilliseconds, "hold the modem's clock at that time; 'ctl clock' moves it", 0,
              1'000'000'000, options.held_clock);
   return serve;

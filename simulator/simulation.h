@@ -2,9 +2,11 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "capture.h"
 #include "console/console.h"
 #include "io/event_loop.h"
 #include "io/local_socket.h"
@@ -16,6 +18,7 @@
 #include "qmi/modem.h"
 #include "qmi/qrtr_server.h"
 #include "radio/radio_picture.h"
+#include "replay/replay.h"
 #include "services/event_stream.h"
 #include "services/radio_services.h"
 #include "services/vs_service.h"
@@ -44,6 +47,9 @@ struct SimulationOptions {
   std::optional<ModemClock::Time> held_clock;
   std::chrono::milliseconds report_period{1000};
   std::string scenario;  // a file, played from the start
+  std::string trace;     // the file of a capture that is written; empty: none
+  std::string replay;    // the file of a capture that gives the responses; empty: none
+  double replay_speed = 1;
 };
 
 struct Simulation {
@@ -57,7 +63,9 @@ struct Simulation {
   // False where there is none.
   bool drop_connection();
 
-  WaitingOutput output;  // destroyed after the loop, whose posted tasks hold connections
+  UniqueFd trace_file;
+  std::unique_ptr<qmi::CaptureWriter> trace;  // null: none
+  WaitingOutput output;                       // destroyed after the loop, whose posted tasks hold connections
   EventLoop loop;
   Storage storage;
   ModemClock clock;
@@ -67,6 +75,7 @@ struct Simulation {
   NasService nas;
   SarService sar;
   VsService vs;
+  std::unique_ptr<Replay> replay;  // null: the services respond
   Modem modem;
   ModemPower power;
   std::optional<PeripheralManager> manager;

@@ -79,7 +79,7 @@ class QrtrService final : public EventLoop::Watcher {
   Modem::Slot& slot_;
   Connections& connections_;
   UniqueFd fd_;
-  uint32_t node_ = 0;          // this machine's
+  uint32_t node_ = 0;                                       // this machine's
   uint64_t generation_ = 0;                                 // of the socket
   std::map<Address, std::shared_ptr<QrtrClient>> clients_;  // null: its allocation failed
   std::array<uint8_t, kMaxDatagram> datagram_{};

@@ -56,8 +56,10 @@ RecordedTraffic::RecordedTraffic(const std::string& path) {
   if (status == Status::kNoCapture) {
     throw std::runtime_error("'" + path + "' is no capture (pcapng): 'modem_sim serve --trace FILE' records one");
   }
-  if (status != Status::kEnd) ignore(path, is_full() ? "what exceeds 256 MiB, after byte" : "the rest, after byte", reader.position());
-  if (unusable + reader.skipped() > 0) ignore(path, "packets that are no whole QMI messages:", unusable + reader.skipped());
+  if (status != Status::kEnd)
+    ignore(path, is_full() ? "what exceeds 256 MiB, after byte" : "the rest, after byte", reader.position());
+  if (unusable + reader.skipped() > 0)
+    ignore(path, "packets that are no whole QMI messages:", unusable + reader.skipped());
   if (exchanges_.empty()) throw std::runtime_error("the capture '" + path + "' has no request of a QMI client");
   open_.clear();
   pending_.clear();

@@ -40,9 +40,9 @@ class RecordedTraffic {
   };
 
   struct Indication {
-    Time offset;                 // since the client's first request
-    uint32_t requests_before;    // of the client
-    bool is_restart;             // the modem restarted; no message
+    Time offset;               // since the client's first request
+    uint32_t requests_before;  // of the client
+    bool is_restart;           // the modem restarted; no message
     uint16_t message;
     Bytes tlvs;
   };

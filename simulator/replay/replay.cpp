@@ -34,7 +34,8 @@ struct EmptyObject {
 
 class Replay::RecordedService final : private EmptyObject, public Service {
  public:
-  explicit RecordedService(uint8_t service) : EmptyObject(service), Service(EmptyObject::name, &(EmptyObject::object), {}) {}
+  explicit RecordedService(uint8_t service)
+      : EmptyObject(service), Service(EmptyObject::name, &(EmptyObject::object), {}) {}
   using Service::name;
 };
 
@@ -80,7 +81,9 @@ uint32_t Replay::take_part(uint8_t service, RecordedTraffic::Bytes request) {
       if (!can_play(number)) continue;
       if (is_again) is_played_[number] = false;
       if (is_played_[number]) continue;
-      const auto begins_alike = [&](uint32_t each) { return traffic_.exchange(clients[each].first).request == request; };
+      const auto begins_alike = [&](uint32_t each) {
+        return traffic_.exchange(clients[each].first).request == request;
+      };
       if (found == end || begins_alike(number) || !begins_alike(found)) found = number;
     }
     if (found == end) continue;

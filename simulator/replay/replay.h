@@ -61,7 +61,7 @@ class Replay {
     size_t next_indication = 0;
     EventLoop::TimerId timer{};
     // The last exchange that was taken, of the client's own ones or of all, by the first number of their list.
-    std::map<std::pair<const uint32_t*, bool>, uint32_t> taken;
+    std::map<std::pair<const uint32_t*, bool>, uint32_t> taken{};
   };
 
   uint32_t take_part(uint8_t service, RecordedTraffic::Bytes request);
