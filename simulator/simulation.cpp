@@ -50,12 +50,16 @@ Simulation::Simulation(const SimulationOptions& options)
       connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle, trace.get()),
       stream(loop, modem, vs),
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
+      timed_commands(*this),
       console(options.control, *this) {
   modem.attach(connections);
   if (replay) replay->attach(modem, [this, time = options.reset_time] { modem.restart(time); });
   if (!options.device.empty()) device.emplace(loop, connections, options.device);
   if (options.qrtr) qrtr.emplace(loop, modem, connections);
-  if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
+  for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
+    pictures[sub].attenuate_by([this, sub] { return statistics.attenuation(sub); });
+  }
+  if (!options.scenario.empty()) play(options.scenario);
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
     manager.emplace(loop, output,
@@ -65,6 +69,11 @@ Simulation::Simulation(const SimulationOptions& options)
   } else if (options.starting_time.count() > 0) {
     modem.restart(options.starting_time);
   }
+}
+
+void Simulation::play(const std::string& scenario_file) {
+  statistics.play(load_scenario(scenario_file, [this](const std::string& line) { check_command(*this, line); }));
+  timed_commands.scenario_changed();
 }
 
 bool Simulation::drop_connection() {

@@ -8,6 +8,7 @@
 
 #include "capture.h"
 #include "console/console.h"
+#include "console/timed_commands.h"
 #include "io/event_loop.h"
 #include "io/local_socket.h"
 #include "power/modem_power.h"
@@ -59,6 +60,9 @@ struct Simulation {
   // Returns after loop.stop().
   void run() { loop.run(); }
 
+  // Plays a scenario from now on. Throws ScenarioError.
+  void play(const std::string& scenario_file);
+
   // Closes one connection to free its memory: the one that has read nothing for the longest time, or else the youngest.
   // False where there is none.
   bool drop_connection();
@@ -85,6 +89,7 @@ struct Simulation {
   std::optional<QrtrServer> qrtr;
   EventStream stream;
   StatisticReports reports;
+  TimedCommands timed_commands;
   Console console;
 };
 
