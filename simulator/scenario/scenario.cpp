@@ -209,7 +209,6 @@ std::optional<ScenarioNumbers> Scenario::at(const StatisticKey& key, double seco
 }
 
 Scenario parse_scenario(std::string_view text, const CommandCheck& check_command) {
-  if (text.size() > kMaxBytes) throw ScenarioError("the scenario: larger than " + std::to_string(kMaxBytes) + " bytes");
   Json json;
   try {
     json = Json::parse(text);
@@ -229,11 +228,11 @@ Scenario parse_scenario(std::string_view text, const CommandCheck& check_command
 Scenario load_scenario(const std::string& path, const CommandCheck& check_command) {
   std::error_code error;
   if (!std::filesystem::is_regular_file(path, error)) throw ScenarioError(path + ": no such file");
+  const uintmax_t size = std::filesystem::file_size(path, error);
+  if (size > kMaxBytes) throw ScenarioError(path + ": larger than " + std::to_string(kMaxBytes) + " bytes");
   std::ifstream file(path, std::ios::binary);
-  std::string text(kMaxBytes + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (file.bad() || !file.is_open()) throw ScenarioError(path + ": cannot be read");
-  text.resize(static_cast<size_t>(file.gcount()));
+  std::string text(size, '\0');
+  if (!file.read(text.data(), static_cast<std::streamsize>(size))) throw ScenarioError(path + ": cannot be read");
   try {
     return parse_scenario(text, check_command);
   } catch (const ScenarioError& problem) {
