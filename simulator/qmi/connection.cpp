@@ -1,5 +1,6 @@
 #include "qmi/connection.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "environment.h"
@@ -89,7 +90,7 @@ Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::stri
       trace_(trace),
       listener_(
           loop, socket, [this](UniqueFd fd) { add<QmuxConnection>(std::move(fd)); }, admission) {
-  wait_for_clients();
+  peers_changed();
 }
 
 bool Connections::drop_youngest(std::string_view reason) {
@@ -101,11 +102,14 @@ bool Connections::drop_youngest(std::string_view reason) {
 void Connections::remove(Connection& connection) {
   loop_.post([last_reference = connection.shared_from_this()] {});
   open_.erase(connection.number());
-  if (open_.empty()) wait_for_clients();
+  peers_changed();
 }
 
-void Connections::wait_for_clients() {
-  if (idle_limit_) idle_timer_ = loop_.after(*idle_limit_, [this] { loop_.stop(); });
+void Connections::peers_changed() {
+  if (!idle_limit_) return;
+  loop_.cancel(idle_timer_);
+  if (std::any_of(open_.begin(), open_.end(), [](const auto& each) { return each.second->has_peer(); })) return;
+  idle_timer_ = loop_.after(*idle_limit_, [this] { loop_.stop(); });
 }
 
 }  // namespace pelmar::sim

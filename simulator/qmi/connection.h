@@ -40,6 +40,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void send(std::span<const uint8_t> bytes);
   virtual void close(std::string_view reason) = 0;
 
+  // False while the client's end is not there, although the connection stays open.
+  virtual bool has_peer() const { return true; }
+
   // True while no output waits for the client to read it.
   virtual bool is_drained() const = 0;
   // Calls once, when that becomes true again.
@@ -90,7 +93,8 @@ class QmuxConnection final : public Connection, private Stream::Reader {
 
 class Connections final {
  public:
-  // idle_limit: after that long without a client, the loop stops. trace: gets all messages; null: none.
+  // idle_limit: after that long without a client at the other end of any connection, the loop stops. trace: gets all
+  // messages; null: none.
   Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
               Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit, qmi::CaptureWriter* trace);
 
@@ -116,16 +120,18 @@ class Connections final {
     auto connection = std::make_shared<T>(*this, number, std::forward<Arguments>(arguments)...);
     open_.emplace(number, connection);
     last_number_ = number;
-    loop_.cancel(idle_timer_);
+    peers_changed();
     return connection;
   }
+
+  // A client has come to the other end of a connection, or left it.
+  void peers_changed();
 
  private:
   friend class Connection;
   friend class QmuxConnection;
 
   void remove(Connection& connection);
-  void wait_for_clients();
 
   EventLoop& loop_;
   WaitingOutput& output_;

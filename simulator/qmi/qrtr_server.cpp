@@ -219,7 +219,10 @@ void QrtrService::on_ready(uint32_t) {
     return;
   }
   const std::span<const uint8_t> bytes(datagram_.data(), static_cast<size_t>(count));
-  if (from.sq_port == QRTR_PORT_CTRL) return on_control(bytes);
+  if (from.sq_port == QRTR_PORT_CTRL) {
+    if (from.sq_node == node_) on_control(bytes);  // this machine's name service reports the clients of all nodes
+    return;
+  }
   on_request(from, bytes);
 }
 

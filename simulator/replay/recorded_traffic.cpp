@@ -18,8 +18,6 @@ namespace pelmar::sim {
 
 namespace {
 
-constexpr size_t kTransactionEnd = 3;  // in a message of a service
-
 // What the structures of a message take, roughly.
 constexpr size_t kOverhead = 128;
 

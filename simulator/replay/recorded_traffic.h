@@ -22,15 +22,17 @@
 
 namespace pelmar::sim {
 
+// Where the transaction of a service's message ends. The same requests have the same bytes behind it.
+inline constexpr size_t kTransactionEnd = 3;
+
 class RecordedTraffic {
  public:
   using Time = std::chrono::nanoseconds;
   using Bytes = std::string_view;  // of the capture
 
-  // Of requests, what follows the transaction: message id, length, TLVs.
   struct Exchange {
     uint32_t client;
-    Bytes request;
+    Bytes request;  // what follows the transaction: message id, length, TLVs
     bool has_response = false;
     Time sent{};
     Time delay{};    // of the response

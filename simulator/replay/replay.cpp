@@ -14,10 +14,11 @@ namespace {
 constexpr std::chrono::seconds kPatience{1};
 
 constexpr size_t kMaxReported = 100;
-constexpr size_t kTransactionEnd = 3;  // in a message of a service
+
+}  // namespace
 
 // A service object without messages.
-struct EmptyObject {
+struct Replay::EmptyObject {
   explicit EmptyObject(uint8_t service) {
     char text[8];
     snprintf(text, sizeof text, "0x%02x", service);
@@ -29,8 +30,6 @@ struct EmptyObject {
   std::string name;
   qmi_idl_service_object object{};
 };
-
-}  // namespace
 
 class Replay::RecordedService final : private EmptyObject, public Service {
  public:

@@ -27,9 +27,6 @@ namespace pelmar::sim {
 
 class Replay {
  public:
-  // What the modem needs to give client ids of a service that it has only in the capture.
-  class RecordedService;
-
   // speed: how many times faster than recorded. Throws std::runtime_error where the capture cannot be played.
   Replay(EventLoop& loop, const std::string& path, double speed);
   ~Replay();
@@ -51,6 +48,9 @@ class Replay {
   std::optional<Response> respond(const qmi::Frame& frame);
 
  private:
+  struct EmptyObject;
+  class RecordedService;  // by which the modem gives client ids of a service that only the capture has
+
   using ClientKey = std::pair<uint8_t, uint8_t>;  // service and client id
 
   // A live client.

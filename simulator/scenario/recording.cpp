@@ -20,7 +20,7 @@ namespace pelmar::sim {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Document = nlohmann::ordered_json;
 
 constexpr size_t kMaxNumbers = size_t{8} << 20;  // about those of the longest scenario that a modem plays
 constexpr int kMaxDepth = 8;                     // of a JSON document
@@ -118,14 +118,14 @@ class Track {
     return is_always || std::find(is_used_.begin(), is_used_.end(), true) != is_used_.end();
   }
 
-  Json to_json(size_t sub) const {
-    Json fields = {"present"};
-    Json points = Json::array();
+  Document to_json(size_t sub) const {
+    Document fields = {"present"};
+    Document points = Document::array();
     for (size_t i = 0; i < is_used_.size(); ++i) {
       if (is_used_[i]) fields.push_back(row_.field_name(row_.fields[i]));
     }
     for (const auto& [seconds, point] : points_) {
-      Json& list = points.emplace_back(Json{seconds, point.first ? 1 : 0});
+      Document& list = points.emplace_back(Document{seconds, point.first ? 1 : 0});
       for (size_t i = 0; i < is_used_.size(); ++i) {
         if (is_used_[i]) list.push_back(point.second[i]);
       }
@@ -175,9 +175,9 @@ class Tracks {
 
   std::string to_text(const std::string& name) {
     end_reading();
-    const Json description = "the recording " + name;
+    const Document description = "the recording " + name;
     std::string text =
-        "{\"description\": " + description.dump(-1, ' ', true, Json::error_handler_t::replace) + ", \"tracks\": [";
+        "{\"description\": " + description.dump(-1, ' ', true, Document::error_handler_t::replace) + ", \"tracks\": [";
     for (size_t sub = 0; sub < kSubscriptions; ++sub) {
       for (const StatisticRow& row : statistic_rows()) {
         const Track& track = subs_[sub].tracks.at(row.name);
@@ -269,7 +269,7 @@ bool add_csv_row(Tracks& tracks, const std::vector<std::string>& columns, const 
   return tracks.add(parse_time(time), check_sub(cells.contains("sub") ? cells["sub"] : -1), carrier, cells);
 }
 
-void flatten(const Json& value, const std::string& name, Cells& cells, int depth = 0) {
+void flatten(const Document& value, const std::string& name, Cells& cells, int depth = 0) {
   if (value.is_number()) cells[name] = value.get<double>();
   if (!value.is_structured() || depth == kMaxDepth) return;
   for (const auto& [member, inner] : value.items()) {
@@ -278,18 +278,18 @@ void flatten(const Json& value, const std::string& name, Cells& cells, int depth
   }
 }
 
-bool add_json_document(Tracks& tracks, const Json& document) {
+bool add_json_document(Tracks& tracks, const Document& document) {
   if (!document.is_object() || !document.contains("subscriptions")) return true;  // a summary
   const int64_t time = parse_time(document.at("time").get<std::string>());
   bool is_in_order = true;
-  for (Json sub : document.at("subscriptions")) {
+  for (Document sub : document.at("subscriptions")) {
     const size_t number = check_sub(sub.at("sub").get<double>());
-    const Json carriers = sub.at("carriers");
+    const Document carriers = sub.at("carriers");
     sub.erase("carriers");
     Cells cells;
     flatten(sub, "", cells);
     is_in_order = tracks.add(time, number, "", cells) && is_in_order;
-    for (const Json& carrier : carriers) {
+    for (const Document& carrier : carriers) {
       Cells of_carrier;
       flatten(carrier, "", of_carrier);
       tracks.add(time, number, carrier.at("carrier").get<std::string>(), of_carrier);
@@ -313,7 +313,7 @@ std::string scenario_of_recording(std::istream& recording, const std::string& na
       if (recording.eof()) {
         remark("which is cut");
       } else if (line.starts_with('{')) {
-        if (!add_json_document(tracks, Json::parse(line))) remark("whose time is before that of the line before");
+        if (!add_json_document(tracks, Document::parse(line))) remark("whose time is before that of the line before");
       } else if (columns.empty()) {
         columns = split(line);
         if (!line.starts_with("time,")) throw std::runtime_error("neither the columns nor a document of a recording");
