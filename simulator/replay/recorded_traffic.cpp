@@ -21,8 +21,11 @@ namespace {
 // What the structures of a message take, roughly.
 constexpr size_t kOverhead = 128;
 
-void ignore(const std::string& path, const char* what, uint64_t number) {
-  fprintf(stderr, "modem_sim: ignoring %s %" PRIu64 " of '%s'\n", what, number, path.c_str());
+RecordedTraffic::Time between(RecordedTraffic::Time earlier, RecordedTraffic::Time later) {
+  if (later <= earlier) return {};
+  const uint64_t passed = static_cast<uint64_t>(later.count()) - static_cast<uint64_t>(earlier.count());
+  constexpr uint64_t kMost = RecordedTraffic::kLongest.count();
+  return RecordedTraffic::Time(std::min(passed, kMost));
 }
 
 uint64_t pending_key(uint32_t client, uint16_t transaction) {
@@ -54,10 +57,15 @@ RecordedTraffic::RecordedTraffic(const std::string& path) {
   if (status == Status::kNoCapture) {
     throw std::runtime_error("'" + path + "' is no capture (pcapng): 'modem_sim serve --trace FILE' records one");
   }
-  if (status != Status::kEnd)
-    ignore(path, is_full() ? "what exceeds 256 MiB, after byte" : "the rest, after byte", reader.position());
-  if (unusable + reader.skipped() > 0)
-    ignore(path, "packets that are no whole QMI messages:", unusable + reader.skipped());
+  if (status != Status::kEnd) {
+    fprintf(stderr, "modem_sim: ignoring '%s' from byte %" PRIu64 " on%s\n", path.c_str(), reader.position(),
+            is_full() ? ": it is too long" : "");
+  }
+  unusable += reader.skipped();
+  if (unusable > 0) {
+    fprintf(stderr, "modem_sim: ignoring %" PRIu64 " packets of '%s' that are no whole QMI messages\n", unusable,
+            path.c_str());
+  }
   if (exchanges_.empty()) throw std::runtime_error("the capture '" + path + "' has no request of a QMI client");
   open_.clear();
   pending_.clear();
@@ -101,7 +109,7 @@ void RecordedTraffic::add(const qmi::CapturedMessage& captured, const qmi::Messa
   } else if (const auto request = pending_.find(key); is_from_modem && request != pending_.end()) {
     Exchange& exchange = exchanges_[request->second];
     exchange.has_response = true;
-    exchange.delay = std::max(time - exchange.sent, Time{0});
+    exchange.delay = between(exchange.sent, time);
     exchange.response = keep(message.tlvs);
     pending_.erase(request);
   }
@@ -124,7 +132,7 @@ void RecordedTraffic::add_indication(uint32_t client, Time time, const Indicatio
   Client& to = clients_[client];
   if (to.requests == 0) return;
   to.indications.push_back(indication);
-  to.indications.back().offset = std::max(time - exchanges_[to.first].sent, Time{0});
+  to.indications.back().offset = between(exchanges_[to.first].sent, time);
   to.indications.back().requests_before = to.requests;
   kept_ += kOverhead;
 }

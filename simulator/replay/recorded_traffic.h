@@ -30,6 +30,9 @@ class RecordedTraffic {
   using Time = std::chrono::nanoseconds;
   using Bytes = std::string_view;  // of the capture
 
+  // No time of a capture is longer, whatever the clocks that took it.
+  static constexpr Time kLongest = std::chrono::hours(24 * 365);
+
   struct Exchange {
     uint32_t client;
     Bytes request;  // what follows the transaction: message id, length, TLVs

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
 #include "io/text.h"
@@ -12,6 +13,9 @@ namespace {
 
 // What an indication waits, beyond its time, for the requests that came before it.
 constexpr std::chrono::seconds kPatience{1};
+
+// What it waits while the client has not read the ones before.
+constexpr std::chrono::milliseconds kSlowReaderPause{1};
 
 constexpr size_t kMaxReported = 100;
 
@@ -64,7 +68,9 @@ void Replay::attach(Modem& modem, EventLoop::Task restart_modem) {
 }
 
 EventLoop::Clock::duration Replay::scaled(RecordedTraffic::Time time) const {
-  return std::chrono::duration_cast<EventLoop::Clock::duration>(time / speed_);
+  const std::chrono::duration<double, std::nano> passed = time / speed_;
+  return passed < RecordedTraffic::kLongest ? RecordedTraffic::Time(std::llround(passed.count()))
+                                            : RecordedTraffic::kLongest;
 }
 
 // Returns the number of recorded clients where the service has none.
@@ -158,10 +164,15 @@ void Replay::send_due(ClientKey key) {
       player.timer = loop_.after(due - now, [this, key] { send_due(key); });
       return;
     }
+    Modem::Slot& slot = *modem_->find(key.first);
+    if (!slot.clients.owner(key.second)->is_drained()) {
+      player.timer = loop_.after(kSlowReaderPause, [this, key] { send_due(key); });
+      return;
+    }
     ++player.next_indication;
     if (next.is_restart) return restart_modem_();  // ends all players
     const auto is_receiver = [&](uint8_t client) { return client == key.second; };
-    modem_->indicate(*modem_->find(key.first), next.message, bytes_of(next.tlvs), is_receiver);
+    modem_->indicate(slot, next.message, bytes_of(next.tlvs), is_receiver);
     if (!players_.contains(key)) return;  // its connection did not take the indication
   }
 }
