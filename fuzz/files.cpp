@@ -42,8 +42,8 @@ void check_moments(const Scenario& scenario, const StatisticRow& row) {
 
 void read_scenario(const std::string& text) {
   try {
-    const Scenario scenario = parse_scenario(text);
-    require(scenario.repeat() >= 0 && !scenario.tracks().empty());
+    const Scenario scenario = parse_scenario(text, [](const std::string&) {});
+    require(scenario.repeat() >= 0 && scenario.tracks().size() + scenario.commands().size() > 0);
     for (const StatisticRow& row : statistic_rows()) check_moments(scenario, row);
   } catch (const ScenarioError& error) {
     require(std::string_view(error.what()).find(": ") != std::string_view::npos);

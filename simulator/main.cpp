@@ -1,4 +1,5 @@
-// modem_sim: a process that is a simulated modem (serve), and the user's commands to one (ctl).
+// modem_sim: a process that is a simulated modem (serve), the user's commands to one (ctl), and recordings made into
+// scenarios for one (scenario).
 #include <signal.h>
 #include <sys/signalfd.h>
 
@@ -9,8 +10,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -23,6 +27,7 @@
 #include "io/text.h"
 #include "manager_protocol.h"
 #include "printable_text.h"
+#include "scenario/recording.h"
 #include "simulation.h"
 
 namespace pelmar::sim {
@@ -183,6 +188,16 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   add_number(*serve, "--report-ms", kMilliseconds, "between two reports of registered statistics (default: 1000)", 10,
              kHourMs, options.report_period);
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
+  serve->add_option("--trace", options.trace,
+                    "write every message of every client to this file, as a capture (pcapng)");
+  auto* const replay = serve->add_option(
+      "--replay", options.replay, "respond and send indications as this capture has them, instead of the services");
+  serve
+      ->add_option("--speed", options.replay_speed,
+                   "how many times faster than recorded a capture is played (default: 1)")
+      ->check(CLI::Range(0.001, 1e6))
+      ->needs(replay)
+      ->type_name(kNumber);
   add_number(*serve, "--clock-ms", kMilliseconds, "hold the modem's clock at that time; 'ctl clock' moves it", 0,
              1'000'000'000, options.held_clock);
   return serve;
@@ -222,6 +237,16 @@ int run_ctl(const CLI::App& ctl, const CtlOptions& options) {
   return send_control_command(socket, command, options.as_json);
 }
 
+void print_scenario(const std::string& name) {
+  std::ifstream file;
+  const bool is_input = name == "-";
+  if (!is_input) file.open(name);
+  if (!is_input && !file) throw std::runtime_error("cannot read '" + name + "': " + strerror(errno));
+  const std::string text = scenario_of_recording(is_input ? std::cin : file, is_input ? "standard input" : name);
+  fwrite(text.data(), 1, text.size(), stdout);
+  if (fflush(stdout) != 0) throw std::runtime_error(std::string("cannot write the scenario: ") + strerror(errno));
+}
+
 int run(int argc, char** argv) {
   CLI::App app("A simulated modem that speaks QMI over QMUX", "modem_sim");
   app.require_subcommand(1);
@@ -229,6 +254,9 @@ int run(int argc, char** argv) {
   CtlOptions ctl_options;
   CLI::App* const serve_command = add_serve(app, serve_options);
   CLI::App* const ctl = add_ctl(app, ctl_options);
+  std::string recording;
+  CLI::App* const scenario = app.add_subcommand("scenario", "print the scenario that plays a recording of 'signal'");
+  scenario->add_option("FROM", recording, "the recording, CSV or JSON; - is standard input")->required();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -236,6 +264,10 @@ int run(int argc, char** argv) {
   }
 
   if (*ctl) return run_ctl(*ctl, ctl_options);
+  if (*scenario) {
+    print_scenario(recording);
+    return kExitSuccess;
+  }
   if (serve_options.control.empty()) serve_options.control = serve_options.storage + kControlName;
   if (serve_command->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {
     serve_options.pm_socket = platform::power::default_manager_socket(serve_options.socket);

@@ -1,11 +1,41 @@
 #include "simulation.h"
 
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
 #include "console/commands.h"
 
 namespace pelmar::sim {
 
+namespace {
+
+UniqueFd open_trace(const std::string& name) {
+  std::string problem;
+  UniqueFd file(name.empty() ? -1 : qmi::open_capture(name, problem));
+  if (!problem.empty()) throw std::runtime_error("cannot write the trace '" + name + "': " + problem);
+  return file;
+}
+
+std::unique_ptr<qmi::CaptureWriter> start_trace(const UniqueFd& file, const std::string& name) {
+  if (!file) return nullptr;
+  return std::make_unique<qmi::CaptureWriter>(file.get(), "modem_sim " PELMAR_VERSION, [name](int error) {
+    fprintf(stderr, "modem_sim: the trace '%s' ends here: %s\n", name.c_str(), strerror(error));
+  });
+}
+
+std::vector<Service*> services_of(Simulation& simulation) {
+  std::vector<Service*> services = {&simulation.nas, &simulation.sar, &simulation.vs};
+  return simulation.replay ? simulation.replay->with_recorded_services(services) : services;
+}
+
+}  // namespace
+
 Simulation::Simulation(const SimulationOptions& options)
-    : storage(options.storage, options.max_entries),
+    : trace_file(open_trace(options.trace)),
+      trace(start_trace(trace_file, options.trace)),
+      storage(options.storage, options.max_entries),
       clock(options.held_clock),
       pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
       statistics(clock, pictures),
@@ -13,17 +43,23 @@ Simulation::Simulation(const SimulationOptions& options)
       vs(
           storage, [this, time = options.reset_time] { loop.post([this, time] { modem.restart(time); }); }, reporters,
           statistics),
-      modem(loop, {&nas, &sar, &vs}),
+      replay(options.replay.empty() ? nullptr : std::make_unique<Replay>(loop, options.replay, options.replay_speed)),
+      modem(loop, services_of(*this)),
       power(modem, {options.starting_time, options.reset_time}, options.storage, [this] { return status_text(*this); }),
-      exchange(loop, modem),
-      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle),
+      exchange(loop, modem, replay.get()),
+      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle, trace.get()),
       stream(loop, modem, vs),
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
+      timed_commands(*this),
       console(options.control, *this) {
   modem.attach(connections);
+  if (replay) replay->attach(modem, [this, time = options.reset_time] { modem.restart(time); });
   if (!options.device.empty()) device.emplace(loop, connections, options.device);
   if (options.qrtr) qrtr.emplace(loop, modem, connections);
-  if (!options.scenario.empty()) statistics.play(load_scenario(options.scenario));
+  for (uint16_t sub = 0; sub < kSubscriptions; ++sub) {
+    pictures[sub].attenuate_by([this, sub] { return statistics.attenuation(sub); });
+  }
+  if (!options.scenario.empty()) play(options.scenario);
   if (!options.pm_socket.empty()) {
     power.switch_power(false);
     manager.emplace(loop, output,
@@ -33,6 +69,11 @@ Simulation::Simulation(const SimulationOptions& options)
   } else if (options.starting_time.count() > 0) {
     modem.restart(options.starting_time);
   }
+}
+
+void Simulation::play(const std::string& scenario_file) {
+  statistics.play(load_scenario(scenario_file, [this](const std::string& line) { check_command(*this, line); }));
+  timed_commands.scenario_changed();
 }
 
 bool Simulation::drop_connection() {

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "capture.h"
 #include "console/console.h"
+#include "console/timed_commands.h"
 #include "io/event_loop.h"
 #include "io/local_socket.h"
 #include "power/modem_power.h"
@@ -16,6 +19,7 @@
 #include "qmi/modem.h"
 #include "qmi/qrtr_server.h"
 #include "radio/radio_picture.h"
+#include "replay/replay.h"
 #include "services/event_stream.h"
 #include "services/radio_services.h"
 #include "services/vs_service.h"
@@ -44,6 +48,9 @@ struct SimulationOptions {
   std::optional<ModemClock::Time> held_clock;
   std::chrono::milliseconds report_period{1000};
   std::string scenario;  // a file, played from the start
+  std::string trace;     // the file of a capture that is written; empty: none
+  std::string replay;    // the file of a capture that gives the responses; empty: none
+  double replay_speed = 1;
 };
 
 struct Simulation {
@@ -53,11 +60,16 @@ struct Simulation {
   // Returns after loop.stop().
   void run() { loop.run(); }
 
+  // Plays a scenario from now on. Throws ScenarioError.
+  void play(const std::string& scenario_file);
+
   // Closes one connection to free its memory: the one that has read nothing for the longest time, or else the youngest.
   // False where there is none.
   bool drop_connection();
 
-  WaitingOutput output;  // destroyed after the loop, whose posted tasks hold connections
+  UniqueFd trace_file;
+  std::unique_ptr<qmi::CaptureWriter> trace;  // null: none
+  WaitingOutput output;                       // destroyed after the loop, whose posted tasks hold connections
   EventLoop loop;
   Storage storage;
   ModemClock clock;
@@ -67,6 +79,7 @@ struct Simulation {
   NasService nas;
   SarService sar;
   VsService vs;
+  std::unique_ptr<Replay> replay;  // null: the services respond
   Modem modem;
   ModemPower power;
   std::optional<PeripheralManager> manager;
@@ -76,6 +89,7 @@ struct Simulation {
   std::optional<QrtrServer> qrtr;
   EventStream stream;
   StatisticReports reports;
+  TimedCommands timed_commands;
   Console console;
 };
 

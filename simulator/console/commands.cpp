@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
+#include <nlohmann/json.hpp>
 
 #include "io/text.h"
 #include "simulation.h"
@@ -10,7 +12,7 @@ namespace pelmar::sim {
 
 // --- words ---
 
-Arguments::Arguments(std::string_view line) {
+Arguments::Arguments(std::string_view line, bool is_only_check) : is_only_check_(is_only_check) {
   constexpr std::string_view kSpace = " \t\r\n";
   for (size_t start = line.find_first_not_of(kSpace); start != line.npos;
        start = line.find_first_not_of(kSpace, start)) {
@@ -95,6 +97,50 @@ std::string describe_commands() {
     }
   }
   return text;
+}
+
+namespace {
+
+// The command whose name the line begins with; its words are taken.
+const Command& take_command(Arguments& arguments, std::string_view line) {
+  if (arguments.is_empty()) throw CommandError("empty command: 'help' lists the commands");
+  for (const CommandGroup& group : command_groups()) {
+    for (const Command& command : group.commands) {
+      if (arguments.accept_words(command.name)) return command;
+    }
+  }
+  throw CommandError("unknown command '" + std::string(line) + "': 'help' lists the commands");
+}
+
+Json take_and_run(Simulation& simulation, std::string_view line, bool is_only_check) {
+  Arguments arguments(line, is_only_check);
+  const Command& command = take_command(arguments, line);
+  try {
+    return command.run(simulation, arguments);
+  } catch (const CommandError& error) {
+    throw CommandError(std::string(error.what()) + " (usage: " + usage_of(command) + ")");
+  }
+}
+
+}  // namespace
+
+Json run_command(Simulation& simulation, std::string_view line) {
+  try {
+    Json response = {{"ok", true}};
+    response.update(take_and_run(simulation, line, false));
+    return response;
+  } catch (const CommandError& error) {
+    return {{"ok", false}, {"error", error.what()}, {"usage", true}};
+  } catch (const std::exception& error) {
+    return {{"ok", false}, {"error", error.what()}};
+  }
+}
+
+void check_command(Simulation& simulation, std::string_view line) {
+  try {
+    take_and_run(simulation, line, true);
+  } catch (const CommandIsRight&) {
+  }
 }
 
 // --- services and messages ---

@@ -24,10 +24,15 @@ class CommandError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The words of a command, taken one after the other.
+// Thrown by Arguments::end() for a command that is only checked.
+class CommandIsRight {};
+
+// The words of a command, taken one after the other. A command has no effect before its call of end().
 class Arguments {
  public:
-  explicit Arguments(std::string_view line);
+  explicit Arguments(std::string_view line, bool is_only_check = false);
+
+  bool is_only_check() const { return is_only_check_; }
 
   bool is_empty() const { return next_ == words_.size(); }
 
@@ -54,12 +59,14 @@ class Arguments {
   // Takes the next words if they are these, which are separated by single spaces.
   bool accept_words(std::string_view words);
 
-  // Throws CommandError where a word is left.
+  // Throws CommandError where a word is left, and CommandIsRight where the command is only checked.
   void end() const {
     if (!is_empty()) throw CommandError("'" + words_[next_] + "' is one word too many");
+    if (is_only_check_) throw CommandIsRight();
   }
 
  private:
+  const bool is_only_check_;
   std::vector<std::string> words_;
   size_t next_ = 0;
 };
@@ -95,6 +102,12 @@ std::string usage_of(const Command& command);
 
 // All commands with their arguments, as text for --help.
 std::string describe_commands();
+
+// The response to an unknown or wrong command has "usage" true.
+Json run_command(Simulation& simulation, std::string_view line);
+
+// Throws CommandError for a command that is unknown or wrong.
+void check_command(Simulation& simulation, std::string_view line);
 
 // The response to "status" as text of several lines.
 std::string status_text(Simulation& simulation);

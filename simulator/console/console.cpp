@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
@@ -28,38 +27,6 @@ constexpr Stream::Bounds kBounds{size_t{64} << 10, kMaxResponseBytes};
 constexpr std::chrono::seconds kPatience{30};
 
 // --- the modem's end ---
-
-// The command whose name the line begins with; its words are taken.
-const Command* take_command(Arguments& arguments) {
-  for (const CommandGroup& group : command_groups()) {
-    for (const Command& command : group.commands) {
-      if (arguments.accept_words(command.name)) return &command;
-    }
-  }
-  return nullptr;
-}
-
-// The response to an unknown or wrong command has "usage" true.
-Json run_command(Simulation& simulation, std::string_view line) {
-  const auto wrong_usage = [](const std::string& error) -> Json {
-    return {{"ok", false}, {"error", error}, {"usage", true}};
-  };
-  Arguments arguments(line);
-  if (arguments.is_empty()) return wrong_usage("empty command: 'help' lists the commands");
-  const Command* const command = take_command(arguments);
-  if (command == nullptr) {
-    return wrong_usage("unknown command '" + std::string(line) + "': 'help' lists the commands");
-  }
-  try {
-    Json response = {{"ok", true}};
-    response.update(command->run(simulation, arguments));
-    return response;
-  } catch (const CommandError& error) {
-    return wrong_usage(std::string(error.what()) + " (usage: " + usage_of(*command) + ")");
-  } catch (const std::exception& error) {
-    return {{"ok", false}, {"error", error.what()}};
-  }
-}
 
 // All but ASCII is escaped: a response may quote control characters, of which a line end would end it and others act on
 // a terminal. Bytes that are no text are replaced.

@@ -26,8 +26,8 @@ constexpr std::string_view kFaultNames[] = {"delay",  "error",   "silence",     
 Json switch_service(Simulation& simulation, Arguments& arguments) {
   Modem::Slot& slot = take_service(simulation, arguments);
   const std::string state = arguments.word("up or down");
-  arguments.end();
   if (state != "up" && state != "down") throw CommandError("'" + state + "' is neither up nor down");
+  arguments.end();
   const size_t clients = slot.clients.count();
   if (state == "up") simulation.modem.bring_up(slot);
   if (state == "down") simulation.modem.take_down(slot);
@@ -90,8 +90,8 @@ void take_target(Simulation& simulation, Arguments& arguments, Fault& fault) {
   }
   if (!arguments.is_empty() && !arguments.accept(kAny)) fault.message = take_message(service, arguments);
   if (!arguments.is_empty()) fault.times_left = arguments.number<uint32_t>("COUNT");
-  arguments.end();
   if (fault.times_left == 0) throw CommandError("COUNT 0 would do nothing");
+  arguments.end();
 }
 
 std::vector<uint8_t> take_garbage(Arguments& arguments) {
@@ -227,8 +227,9 @@ Json status(Simulation& simulation, Arguments& arguments) {
 
 Json fix_drx(Simulation& simulation, Arguments& arguments) {
   const size_t sub = arguments.number("SUB", kSubscriptions - 1);
-  simulation.nas.subscription(sub).drx = arguments.number<uint32_t>("VALUE");
+  const auto drx = arguments.number<uint32_t>("VALUE");
   arguments.end();
+  simulation.nas.subscription(sub).drx = drx;
   return Json::object();
 }
 

@@ -150,17 +150,16 @@ Json stop_stream(Simulation& simulation, Arguments& arguments) {
 
 Json clock(Simulation& simulation, Arguments& arguments) {
   ModemClock& clock = simulation.clock;
-  if (arguments.accept("run")) {
-    clock.run();
-  } else if (arguments.accept("hold")) {
-    clock.hold_at(clock.now());
-  } else if (arguments.accept("advance")) {
-    clock.hold_at(clock.now() + ModemClock::Time(arguments.number("MS", kMaxClockMs)));
-  } else if (!arguments.is_empty()) {
-    clock.hold_at(ModemClock::Time(arguments.number("MS", kMaxClockMs)));
-  }
+  const bool is_shown = arguments.is_empty();
+  const bool runs = arguments.accept("run");
+  const bool is_held = arguments.accept("hold");
+  const ModemClock::Time base{is_held || arguments.accept("advance") ? clock.now() : ModemClock::Time{0}};
+  const ModemClock::Time time{is_shown || runs || is_held ? 0 : arguments.number("MS", kMaxClockMs)};
   arguments.end();
+  if (runs) clock.run();
+  if (!is_shown && !runs) clock.hold_at(base + time);
   simulation.reports.clock_changed();
+  simulation.timed_commands.clock_changed();
   return {{"clock_ms", clock.now().count()}, {"held", clock.is_held()}};
 }
 
@@ -226,13 +225,17 @@ Json statistic(Simulation& simulation, Arguments& arguments) {
   const StatisticKey key{sub, take_statistic(arguments)};
   const StatisticRow* const row = find_statistic(key.id);
   Statistics& statistics = simulation.statistics;
-  if (arguments.is_empty()) return describe(simulation, key);
+  if (arguments.is_empty()) {
+    arguments.end();
+    return describe(simulation, key);
+  }
   if (arguments.accept("clear")) {
     arguments.end();
     statistics.release(key);
   } else if (row != nullptr && arguments.peek().find('=') != std::string_view::npos) {
     std::vector<std::pair<size_t, double>> fixes;
     while (!arguments.is_empty()) fixes.push_back(take_field(*row, arguments));
+    arguments.end();
     for (const auto& [field, number] : fixes) statistics.fix(key, field, number);
   } else {
     std::vector<uint8_t> bytes = arguments.hex("HEX", vs::kMaxDataBytes);
@@ -250,25 +253,28 @@ Json describe_scenario(const Statistics& statistics) {
   return {{"playing", true},
           {"description", scenario->description()},
           {"tracks", scenario->tracks().size()},
+          {"commands", scenario->commands().size()},
           {"repeat_s", scenario->repeat()},
           {"played_s", statistics.seconds_played()}};
 }
 
 Json scenario(Simulation& simulation, Arguments& arguments) {
+  if (arguments.is_only_check()) throw CommandError("a scenario plays no scenario");
   if (arguments.is_empty()) return describe_scenario(simulation.statistics);
   const std::string path = arguments.rest("FILE");
   if (path == "stop") {
     simulation.statistics.stop_playing();
+    simulation.timed_commands.scenario_changed();
   } else {
-    simulation.statistics.play(load_scenario(path));
+    simulation.play(path);
   }
   return describe_scenario(simulation.statistics);
 }
 
 Json set_period(Simulation& simulation, Arguments& arguments) {
   const uint64_t ms = arguments.number("MS", kMaxPeriodMs);
-  arguments.end();
   if (ms < kLeastPeriodMs) throw CommandError("a period is at least " + std::to_string(kLeastPeriodMs) + " ms");
+  arguments.end();
   simulation.reports.set_period(StatisticReports::Period(ms));
   return {{"period_ms", ms}};
 }

@@ -1,13 +1,48 @@
 #include "qmi/connection.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "environment.h"
 #include "qmi/exchange.h"
 #include "unix_socket.h"
 
 namespace pelmar::sim {
 
+namespace {
+
+// "NAME[PID]"; empty for an unknown process.
+std::string describe_process(pid_t process) {
+  if (process == 0) return "";
+  const std::string number = std::to_string(process);
+  std::string name = read_small_file("/proc/" + number + "/comm");
+  if (name.ends_with('\n')) name.pop_back();
+  return name + '[' + number + ']';
+}
+
+}  // namespace
+
+void Connection::trace(qmi::Direction direction, const qmi::Frame& frame) {
+  const std::optional<uint8_t> client = traced_client(frame);
+  if (!client) return;
+  qmi::CaptureWriter& writer = *connections_.trace_;
+  if (!trace_link_) {
+    trace_link_ = writer.add_link({address(), describe_process(process_)}, qmi::CaptureWriter::Sharing::kOwn);
+  }
+  writer.write(*trace_link_, direction, frame.service, *client, frame.message);
+}
+
+// The bytes of a fault are traced only if they are a frame.
+void Connection::send(std::span<const uint8_t> bytes) {
+  if (connections_.trace_ != nullptr) {
+    const qmi::Front front = qmi::read_front(bytes, qmi::Direction::kFromModem);
+    if (front.state == qmi::Front::State::kComplete) trace(qmi::Direction::kFromModem, front.frame);
+  }
+  transmit(bytes);
+}
+
 void Connection::received(const qmi::Frame& frame) {
+  if (connections_.trace_ != nullptr) trace(qmi::Direction::kToModem, frame);
   connections_.exchange_.on_frame(*this, frame);
 }
 
@@ -40,15 +75,22 @@ size_t QmuxConnection::on_bytes(std::span<const uint8_t> bytes) {
   return used;
 }
 
+std::string QmuxConnection::address() const {
+  return connections_.socket_;
+}
+
 Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit)
+                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit,
+                         qmi::CaptureWriter* trace)
     : loop_(loop),
       output_(output),
+      socket_(socket),
       exchange_(exchange),
       idle_limit_(idle_limit),
+      trace_(trace),
       listener_(
           loop, socket, [this](UniqueFd fd) { add<QmuxConnection>(std::move(fd)); }, admission) {
-  wait_for_clients();
+  peers_changed();
 }
 
 bool Connections::drop_youngest(std::string_view reason) {
@@ -60,11 +102,14 @@ bool Connections::drop_youngest(std::string_view reason) {
 void Connections::remove(Connection& connection) {
   loop_.post([last_reference = connection.shared_from_this()] {});
   open_.erase(connection.number());
-  if (open_.empty()) wait_for_clients();
+  peers_changed();
 }
 
-void Connections::wait_for_clients() {
-  if (idle_limit_) idle_timer_ = loop_.after(*idle_limit_, [this] { loop_.stop(); });
+void Connections::peers_changed() {
+  if (!idle_limit_) return;
+  loop_.cancel(idle_timer_);
+  if (std::any_of(open_.begin(), open_.end(), [](const auto& each) { return each.second->has_peer(); })) return;
+  idle_timer_ = loop_.after(*idle_limit_, [this] { loop_.stop(); });
 }
 
 }  // namespace pelmar::sim

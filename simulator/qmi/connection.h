@@ -15,9 +15,9 @@
 #include <string_view>
 #include <utility>
 
+#include "capture.h"
 #include "io/local_socket.h"
 #include "io/stream.h"
-#include "qmux.h"
 
 namespace pelmar::sim {
 
@@ -37,8 +37,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   pid_t process() const { return process_; }  // of the client; 0 where it is not known
 
   // Sends a QMUX frame to the client, or the bytes of a fault.
-  virtual void send(std::span<const uint8_t> bytes) = 0;
+  void send(std::span<const uint8_t> bytes);
   virtual void close(std::string_view reason) = 0;
+
+  // False while the client's end is not there, although the connection stays open.
+  virtual bool has_peer() const { return true; }
 
   // True while no output waits for the client to read it.
   virtual bool is_drained() const = 0;
@@ -49,6 +52,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(Connections& connections, uint64_t number, pid_t process)
       : connections_(connections), number_(number), process_(process) {}
 
+  virtual void transmit(std::span<const uint8_t> bytes) = 0;
+  // The modem's address as the client names it.
+  virtual std::string address() const = 0;
+  // The client's number in a trace; nothing for a frame that transmit() drops.
+  virtual std::optional<uint8_t> traced_client(const qmi::Frame& frame) const { return frame.client; }
+
   void received(const qmi::Frame& frame);
   void drained();
   void closed(std::string_view reason);
@@ -56,8 +65,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connections& connections_;
 
  private:
+  void trace(qmi::Direction direction, const qmi::Frame& frame);
+
   const uint64_t number_;
   const pid_t process_;
+  std::optional<uint32_t> trace_link_;
   EventLoop::Task when_drained_;
 };
 
@@ -66,11 +78,12 @@ class QmuxConnection final : public Connection, private Stream::Reader {
  public:
   QmuxConnection(Connections& connections, uint64_t number, UniqueFd fd);
 
-  void send(std::span<const uint8_t> bytes) override { stream_.send(bytes); }
   void close(std::string_view reason) override { stream_.close(reason); }
   bool is_drained() const override { return stream_.is_drained(); }
 
  private:
+  void transmit(std::span<const uint8_t> bytes) override { stream_.send(bytes); }
+  std::string address() const override;
   size_t on_bytes(std::span<const uint8_t> bytes) override;
   void on_drained() override { drained(); }
   void on_closed(std::string_view reason) override { closed(reason); }
@@ -80,9 +93,10 @@ class QmuxConnection final : public Connection, private Stream::Reader {
 
 class Connections final {
  public:
-  // idle_limit: after that long without a client, the loop stops.
+  // idle_limit: after that long without a client at the other end of any connection, the loop stops. trace: gets all
+  // messages; null: none.
   Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit);
+              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit, qmi::CaptureWriter* trace);
 
   size_t count() const { return open_.size(); }
   uint64_t accepted() const { return last_number_; }
@@ -106,21 +120,25 @@ class Connections final {
     auto connection = std::make_shared<T>(*this, number, std::forward<Arguments>(arguments)...);
     open_.emplace(number, connection);
     last_number_ = number;
-    loop_.cancel(idle_timer_);
+    peers_changed();
     return connection;
   }
+
+  // A client has come to the other end of a connection, or left it.
+  void peers_changed();
 
  private:
   friend class Connection;
   friend class QmuxConnection;
 
   void remove(Connection& connection);
-  void wait_for_clients();
 
   EventLoop& loop_;
   WaitingOutput& output_;
+  const std::string socket_;
   Exchange& exchange_;
   const std::optional<EventLoop::Clock::duration> idle_limit_;
+  qmi::CaptureWriter* const trace_;
   std::map<uint64_t, std::shared_ptr<Connection>> open_;
   uint64_t last_number_ = 0;
   EventLoop::TimerId idle_timer_{};

@@ -12,10 +12,14 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <filesystem>
+#include <functional>
 #include <span>
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include "unix_socket.h"
 
 namespace pelmar::sim {
 
@@ -49,6 +53,27 @@ std::string name_of(const UniqueFd& terminal) {
   return name;
 }
 
+// A terminal that no program has opened yet looks as if one had it open. After a close it does not.
+void open_and_close(const std::string& terminal) {
+  const UniqueFd program(open(terminal.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+}
+
+// Returns a socket whose name shows, until the process ends, that this path is taken.
+UniqueFd reserve(const std::string& path) {
+  namespace fs = std::filesystem;
+  const fs::path directory = fs::path(path).parent_path();
+  struct stat file {};
+  if (stat(directory.empty() ? "." : directory.c_str(), &file) != 0)
+    throw failure("cannot find the directory of '" + path + "'");
+  const std::string key =
+      std::to_string(file.st_dev) + ':' + std::to_string(file.st_ino) + ':' + fs::path(path).filename().string();
+  const auto name = unix_address("@modem_sim-device-" + std::to_string(std::hash<std::string>()(key)));
+  UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (fd && bind(fd.get(), name->get(), name->length) == 0) return fd;
+  if (errno != EADDRINUSE) throw failure("cannot reserve the device '" + path + "'");
+  throw std::runtime_error("another modem_sim serves the device '" + path + "': end it or name another path");
+}
+
 void make_link(const std::string& terminal, const std::string& path) {
   struct stat file {};
   const bool is_link = lstat(path.c_str(), &file) == 0 && S_ISLNK(file.st_mode);
@@ -66,14 +91,6 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
   ~DeviceConnection() override { stop(); }
 
-  // A message for which there is no room, because the program reads too slowly, is dropped whole.
-  void send(std::span<const uint8_t> bytes) override {
-    if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
-    waiting_.emplace_back(bytes.begin(), bytes.end());
-    waiting_bytes_ += bytes.size();
-    flush();
-  }
-
   void close(std::string_view reason) override {
     if (!terminal_) return;
     stop();
@@ -82,6 +99,7 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
 
   bool is_drained() const override { return waiting_.empty(); }
+  bool has_peer() const override { return !is_looking_; }
 
   void stop() {
     if (!terminal_) return;
@@ -100,6 +118,16 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
 
  private:
+  // A message for which there is no room, because the program reads too slowly, is dropped whole.
+  void transmit(std::span<const uint8_t> bytes) override {
+    if (!terminal_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
+    waiting_.emplace_back(bytes.begin(), bytes.end());
+    waiting_bytes_ += bytes.size();
+    flush();
+  }
+
+  std::string address() const override { return server_.path_; }
+
   void receive() {
     const size_t before = input_.size();
     input_.resize(before + qmi::kMaxFrameLength);
@@ -140,12 +168,16 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
     waiting_.clear();
     waiting_bytes_ = 0;
     tcflush(terminal_.get(), TCIOFLUSH);
-    if (!is_looking_) server_.loop_.unwatch(terminal_.get(), *this);
-    is_looking_ = true;
+    if (!is_looking_) {
+      server_.loop_.unwatch(terminal_.get(), *this);
+      is_looking_ = true;
+      connections_.peers_changed();
+    }
     look_ = server_.loop_.after(kLookPause, [this] {
       pollfd state = {terminal_.get(), 0, 0};
       if (poll(&state, 1, 0) > 0 && (state.revents & POLLHUP) != 0) return wait_for_program();
       is_looking_ = false;
+      connections_.peers_changed();
       server_.loop_.watch(terminal_.get(), EPOLLIN, *this);
     });
     drained();  // what waited is dropped; a sender that waits for room goes on
@@ -161,7 +193,7 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
 };
 
 DeviceServer::DeviceServer(EventLoop& loop, Connections& connections, std::string path)
-    : loop_(loop), connections_(connections), path_(std::move(path)) {
+    : loop_(loop), connections_(connections), path_(std::move(path)), reservation_(reserve(path_)) {
   plug_in();
 }
 
@@ -174,6 +206,7 @@ DeviceServer::~DeviceServer() {
 void DeviceServer::plug_in() {
   UniqueFd terminal = make_terminal();
   terminal_ = name_of(terminal);
+  open_and_close(terminal_);
   make_link(terminal_, path_);
   connection_ = connections_.add<DeviceConnection>(*this, std::move(terminal));
 }

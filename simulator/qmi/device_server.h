@@ -34,6 +34,7 @@ class DeviceServer final {
   EventLoop& loop_;
   Connections& connections_;
   const std::string path_;
+  const UniqueFd reservation_;                    // of the path
   std::string terminal_;                          // the target of the link
   std::shared_ptr<DeviceConnection> connection_;  // null while the device is away
   EventLoop::TimerId timer_{};

@@ -161,7 +161,8 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
     return;
   }
   ++counters_.requests;
-  const std::optional<Fault> fault = take_fault(frame.service, request->id);
+  std::optional<Fault> fault = take_fault(frame.service, request->id);
+  if (fault) ++counters_.faults;
 
   writer_.start(frame.service, frame.client, qmi::MessageKind::kResponse, request->transaction, request->id);
   QmiError error = QMI_ERR_NONE_V01;
@@ -170,7 +171,7 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
   } else if (frame.service == qmi::kControlService) {
     error = handle_control({modem_, connection, *request}, writer_);
   } else {
-    error = respond_to_client(connection, frame, *request);
+    error = respond_to_client(connection, frame, *request, fault);
   }
   if (error != QMI_ERR_NONE_V01) {
     ++counters_.failures;
@@ -182,7 +183,6 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
     connection.send(response);
     return send_held(connection);
   }
-  ++counters_.faults;
   deliver(connection, frame, response, *fault);
 }
 
@@ -191,10 +191,12 @@ void Exchange::on_closed(Connection& connection, std::string_view reason) {
   modem_.disconnect(connection);
 }
 
-QmiError Exchange::respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request) {
+QmiError Exchange::respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request,
+                                     std::optional<Fault>& fault) {
   if (modem_.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
   Modem::Slot* slot = modem_.find_running(frame.service);
   if (slot == nullptr || slot->clients.owner(frame.client) != &connection) return QMI_ERR_INVALID_CLIENT_ID_V01;
+  if (replay_ != nullptr) return respond_as_recorded(frame, fault);
   Service& service = *slot->service;
   const MessageRow* row = service.find(request.id);
   if (row == nullptr) return QMI_ERR_INVALID_QMI_CMD_V01;
@@ -214,6 +216,19 @@ QmiError Exchange::respond_to_client(Connection& connection, const qmi::Frame& f
                                       row->response_size, space.data(), space.size(), &length);
   if (encoded != QMI_IDL_LIB_NO_ERR) return QMI_ERR_ENCODING_V01;
   writer_.grow(length);
+  return QMI_ERR_NONE_V01;
+}
+
+QmiError Exchange::respond_as_recorded(const qmi::Frame& frame, std::optional<Fault>& fault) {
+  const auto response = replay_->respond(frame);
+  if (!response) return QMI_ERR_NOT_SUPPORTED_V01;
+  writer_.add_tlvs(response->tlvs);
+  const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(response->delay);
+  if (!fault && response->is_missing) {
+    fault.emplace(FaultKind::kSilence);
+  } else if (!fault && delay.count() > 0) {
+    fault.emplace(FaultKind::kDelay).delay = delay;
+  }
   return QMI_ERR_NONE_V01;
 }
 

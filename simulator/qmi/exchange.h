@@ -20,6 +20,7 @@
 #include "qmi/connection.h"
 #include "qmi/modem.h"
 #include "qmux.h"
+#include "replay/replay.h"
 
 namespace pelmar::sim {
 
@@ -61,7 +62,8 @@ class Exchange final {
     uint64_t dropped_connections = 0;
   };
 
-  Exchange(EventLoop& loop, Modem& modem) : loop_(loop), modem_(modem) {}
+  // replay: gives the responses instead of the services; null: none.
+  Exchange(EventLoop& loop, Modem& modem, Replay* replay) : loop_(loop), modem_(modem), replay_(replay) {}
 
   const Counters& counters() const { return counters_; }
 
@@ -88,13 +90,17 @@ class Exchange final {
   };
 
   std::optional<Fault> take_fault(uint8_t service, uint16_t message);
-  QmiError respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request);
+  // fault: a recorded delay or silence is put there, unless there is a fault already.
+  QmiError respond_to_client(Connection& connection, const qmi::Frame& frame, const qmi::Message& request,
+                             std::optional<Fault>& fault);
+  QmiError respond_as_recorded(const qmi::Frame& frame, std::optional<Fault>& fault);
   void deliver(Connection& connection, const qmi::Frame& frame, std::span<const uint8_t> response, const Fault& fault);
   void send_held(const Connection& connection);
   void send_late(const LateResponse& response);
 
   EventLoop& loop_;
   Modem& modem_;
+  Replay* const replay_;
   std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
   qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};
   Structure request_;

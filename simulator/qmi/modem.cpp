@@ -6,7 +6,7 @@
 
 namespace pelmar::sim {
 
-Modem::Modem(EventLoop& loop, std::initializer_list<Service*> services) : loop_(loop) {
+Modem::Modem(EventLoop& loop, std::span<Service* const> services) : loop_(loop) {
   for (Service* const service : services) slots_.push_back({service, {}, true});
   for (Slot& slot : slots_) slot_by_id_[slot.service->id()] = &slot;
 }
@@ -89,6 +89,7 @@ bool Modem::release(Slot& slot, uint8_t client, const Connection& owner) {
 void Modem::free_client(Slot& slot, uint8_t client) {
   slot.clients.release(client);
   slot.service->client_gone(client);
+  client_gone_(slot.service->id(), client);
 }
 
 size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,

@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -76,9 +75,12 @@ class Modem {
   enum class State { kReady, kStarting, kOff };
 
   // services: outlive the modem.
-  Modem(EventLoop& loop, std::initializer_list<Service*> services);
+  Modem(EventLoop& loop, std::span<Service* const> services);
 
   void attach(Connections& connections) { connections_ = &connections; }
+
+  // Calls for each client id that becomes void.
+  void when_client_gone(std::function<void(uint8_t service, uint8_t client)> task) { client_gone_ = std::move(task); }
 
   // Calls whenever a service may have come or gone. A restart calls once while no service runs.
   void when_changed(EventLoop::Task task) { changed_ = std::move(task); }
@@ -135,6 +137,7 @@ class Modem {
   Slot* slot_by_id_[256] = {};
   State state_ = State::kReady;
   EventLoop::Task changed_ = [] {};
+  std::function<void(uint8_t, uint8_t)> client_gone_ = [](uint8_t, uint8_t) {};
   EventLoop::TimerId start_timer_{};
   std::array<uint8_t, qmi::kMaxFrameLength> frame_{};
   qmi::FrameWriter writer_{qmi::Direction::kFromModem, frame_};

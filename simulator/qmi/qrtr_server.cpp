@@ -53,6 +53,7 @@ class QrtrService final : public EventLoop::Watcher {
 
   EventLoop& loop() { return loop_; }
   Modem::Slot& slot() { return slot_; }
+  uint32_t node() const { return node_; }
 
   void publish();  // throws std::runtime_error
   void publish_or_report();
@@ -78,6 +79,7 @@ class QrtrService final : public EventLoop::Watcher {
   Modem::Slot& slot_;
   Connections& connections_;
   UniqueFd fd_;
+  uint32_t node_ = 0;                                       // this machine's
   uint64_t generation_ = 0;                                 // of the socket
   std::map<Address, std::shared_ptr<QrtrClient>> clients_;  // null: its allocation failed
   std::array<uint8_t, kMaxDatagram> datagram_{};
@@ -96,20 +98,6 @@ class QrtrClient final : public Connection {
     received({service_.slot().service->id(), client_, message});
   }
 
-  // Sends the frame's message without the header. A frame of another service is dropped.
-  void send(std::span<const uint8_t> bytes) override {
-    constexpr size_t kServiceAt = 4;
-    if (bytes.size() >= qmi::kFrameHeaderLength && bytes[0] == 0x01) {
-      if (bytes[kServiceAt] != service_.slot().service->id()) return;
-      bytes = bytes.subspan(qmi::kFrameHeaderLength);
-    }
-    if (has_ended_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
-    if (waiting_.empty() && !is_temporary(service_.send(address_, bytes))) return;
-    if (waiting_.empty()) try_again_later();
-    waiting_.emplace_back(bytes.begin(), bytes.end());
-    waiting_bytes_ += bytes.size();
-  }
-
   void close(std::string_view /*reason*/) override { service_.restart(); }
 
   bool is_drained() const override { return waiting_.empty(); }
@@ -122,6 +110,26 @@ class QrtrClient final : public Connection {
   }
 
  private:
+  // Sends the frame's message without the header. A frame of another service is dropped.
+  void transmit(std::span<const uint8_t> bytes) override {
+    constexpr size_t kServiceAt = 4;
+    if (bytes.size() >= qmi::kFrameHeaderLength && bytes[0] == 0x01) {
+      if (bytes[kServiceAt] != service_.slot().service->id()) return;
+      bytes = bytes.subspan(qmi::kFrameHeaderLength);
+    }
+    if (has_ended_ || waiting_bytes_ + bytes.size() > kMaxWaitingBytes) return;
+    if (waiting_.empty() && !is_temporary(service_.send(address_, bytes))) return;
+    if (waiting_.empty()) try_again_later();
+    waiting_.emplace_back(bytes.begin(), bytes.end());
+    waiting_bytes_ += bytes.size();
+  }
+
+  std::string address() const override { return "qrtr:" + std::to_string(service_.node()); }
+  std::optional<uint8_t> traced_client(const qmi::Frame& frame) const override {
+    if (frame.service != service_.slot().service->id()) return std::nullopt;
+    return static_cast<uint8_t>(address_.sq_port);
+  }
+
   void try_again_later() {
     service_.loop().after(kSendPause, [weak = weak_from_this(), this] {
       if (const auto alive = weak.lock()) flush();
@@ -169,6 +177,7 @@ void QrtrService::publish() {
     throw std::runtime_error(std::string("cannot publish a QRTR service: ") + strerror(error));
   }
   loop_.watch(fd.get(), EPOLLIN, *this);
+  node_ = address.sq_node;
   fd_ = std::move(fd);
   ++generation_;
 }
@@ -210,7 +219,10 @@ void QrtrService::on_ready(uint32_t) {
     return;
   }
   const std::span<const uint8_t> bytes(datagram_.data(), static_cast<size_t>(count));
-  if (from.sq_port == QRTR_PORT_CTRL) return on_control(bytes);
+  if (from.sq_port == QRTR_PORT_CTRL) {
+    if (from.sq_node == node_) on_control(bytes);  // this machine's name service reports the clients of all nodes
+    return;
+  }
   on_request(from, bytes);
 }
 

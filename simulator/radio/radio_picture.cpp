@@ -15,6 +15,9 @@ constexpr double kLoad = 0.6;              // share of a neighbour's subcarriers
 constexpr double kSubcarriers = 12 * 100;  // of a carrier; 100 blocks of twelve
 constexpr double kBlocksInDb = 20;
 
+// The weakest cell that the phone camps on. In the town, all are stronger.
+constexpr double kLeastServingLevel = -130;
+
 // The weakest cells that carriers are added for, and from which on NR carries the data.
 constexpr double kLeastLteLevel = -108;
 constexpr double kLeastNrLevel = -109;
@@ -123,10 +126,10 @@ struct NrSignal {
   double others = 0;  // mW
 };
 
-NrSignal nr_signal(const NrFrequency& frequency, const Place& phone, double fading) {
+NrSignal nr_signal(const NrFrequency& frequency, const Place& phone, double attenuation, double fading) {
   NrSignal found;
   for (const Place& place : frequency.places) {
-    const double mean = level_at(frequency.power, distance(phone, place));
+    const double mean = level_at(frequency.power, distance(phone, place)) - attenuation;
     found.others += to_milliwatts(mean);
     found.mean = std::max(found.mean, mean);
   }
@@ -163,17 +166,17 @@ std::vector<uint16_t> RadioSample::other_frequencies() const {
 
 // --- LTE ---
 
-std::vector<SeenCell> RadioPicture::measure_cells(const Place& phone, double seconds, const Antennas& antennas) const {
+std::vector<SeenCell> RadioPicture::measure_cells(const RadioSample& sample, const Place& phone, double seconds) const {
   std::vector<SeenCell> cells;
   for (const LteSite& site : network_->sites) {
-    const double mean = level_at(site.power, distance(phone, site.place));
+    const double mean = level_at(site.power, distance(phone, site.place)) - sample.attenuation;
     cells.push_back({&site, mean, mean + fading(kLteStream + site.global_cell_id, seconds), 0, {}});
   }
   for (SeenCell& cell : cells) {
     for (const SeenCell& other : cells) {
       if (&other != &cell && other.site->earfcn == cell.site->earfcn) cell.others += to_milliwatts(other.signal);
     }
-    cell.levels = levels_of(cell.signal, cell.others, best_gain(antennas, chains_of(cell.site->earfcn)));
+    cell.levels = levels_of(cell.signal, cell.others, best_gain(sample.antennas, chains_of(cell.site->earfcn)));
   }
   return cells;
 }
@@ -186,7 +189,9 @@ std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell
   };
   std::optional<size_t> best;
   for (size_t i = 0; i < cells.size(); ++i) {
-    if (may_camp_on(*cells[i].site) && (!best || cells[i].mean > cells[*best].mean)) best = i;
+    if (may_camp_on(*cells[i].site) && cells[i].mean >= kLeastServingLevel &&
+        (!best || cells[i].mean > cells[*best].mean))
+      best = i;
   }
   return best;
 }
@@ -197,7 +202,8 @@ std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell
 void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double seconds) const {
   for (size_t i = 0; i < std::min(kNrCarriers, network_->nr_frequencies.size()); ++i) {
     const NrFrequency& frequency = network_->nr_frequencies[i];
-    const NrSignal found = nr_signal(frequency, phone, fading(kNrStream + frequency.arfcn, seconds));
+    const double fade = fading(kNrStream + frequency.arfcn, seconds);
+    const NrSignal found = nr_signal(frequency, phone, sample.attenuation, fade);
     if (found.mean < kLeastNrLevel) {
       if (i == 0) return;
       continue;
@@ -213,8 +219,8 @@ void RadioPicture::measure_other_technologies(RadioSample& sample, const Place& 
   double nearest = kInfinity;
   for (const LteSite& site : network_->sites) nearest = std::min(nearest, distance(phone, site.place));
   const uint64_t network = network_->tracking_area_code;
-  const double wcdma = level_at(kWcdmaPower, nearest) + fading(kWcdmaStream + network, seconds);
-  const double gsm = level_at(kGsmPower, nearest) + fading(kGsmStream + network, seconds);
+  const double wcdma = level_at(kWcdmaPower, nearest) - sample.attenuation + fading(kWcdmaStream + network, seconds);
+  const double gsm = level_at(kGsmPower, nearest) - sample.attenuation + fading(kGsmStream + network, seconds);
   for (size_t chain = 0; chain < sample.wcdma_levels.size(); ++chain) {
     sample.wcdma_levels[chain] = wcdma + sample.antennas.gain_of_chain(chain);
     sample.gsm_levels[chain] = gsm + sample.antennas.gain_of_chain(chain);
@@ -227,7 +233,8 @@ RadioSample RadioPicture::sample(ModemClock::Time time) const {
   RadioSample sample;
   sample.network = network_;
   sample.antennas = antennas_at(time, seed_);
-  sample.cells = measure_cells(phone, seconds, sample.antennas);
+  sample.attenuation = attenuation_();
+  sample.cells = measure_cells(sample, phone, seconds);
   sample.serving_cell = find_serving_cell(sample.cells);
   if (const SeenCell* const serving = sample.serving()) {
     sample.mode = SystemMode::kLte;

@@ -2,7 +2,7 @@
 //
 // The phone camps on the strongest cell that it may camp on: any, or one of the cell lock. While LTE is there, further
 // LTE carriers are added as far as their cells reach, each with a place of its own, and NR where it is not disabled. A
-// sample is a function of the time, the seed, the lock and the NR mode alone.
+// sample is a function of the time, the seed, the lock, the NR mode and the attenuation alone.
 //
 // All numbers of a sample come from the same places and antennas: the serving cell's level is that of the primary
 // carrier's strongest chain, ratios follow from the levels of all cells of a frequency, and the transmit power follows
@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <utility>
@@ -103,6 +104,7 @@ struct RadioSample {
   const Network* network = nullptr;
   SystemMode mode = SystemMode::kNone;
   Antennas antennas;
+  double attenuation = 0;  // of all levels
 
   std::vector<SeenCell> cells;  // of LTE, in the map's order
   const SeenCell* serving() const { return serving_cell ? &cells[*serving_cell] : nullptr; }
@@ -140,6 +142,9 @@ class RadioPicture {
   void lock(std::vector<CellOfLock> cells) { lock_ = std::move(cells); }
   std::span<const CellOfLock> lock() const { return lock_; }
 
+  // attenuation: returns what all levels lose now, in dB.
+  void attenuate_by(std::function<double()> attenuation) { attenuation_ = std::move(attenuation); }
+
   void set_nr_disable_mode(NrDisableMode mode) { nr_disable_mode_ = mode; }
   NrDisableMode nr_disable_mode() const { return nr_disable_mode_; }
 
@@ -150,7 +155,7 @@ class RadioPicture {
 
  private:
   double fading(uint64_t stream, double seconds) const { return fading_at(seconds, seed_, stream); }
-  std::vector<SeenCell> measure_cells(const Place& phone, double seconds, const Antennas& antennas) const;
+  std::vector<SeenCell> measure_cells(const RadioSample& sample, const Place& phone, double seconds) const;
   std::optional<size_t> find_serving_cell(const std::vector<SeenCell>& cells) const;
   void add_nr(RadioSample& sample, const Place& phone, double seconds) const;
   void measure_other_technologies(RadioSample& sample, const Place& phone, double seconds) const;
@@ -159,6 +164,7 @@ class RadioPicture {
   uint64_t seed_;
   std::vector<CellOfLock> lock_;
   NrDisableMode nr_disable_mode_ = NrDisableMode::kNone;
+  std::function<double()> attenuation_ = [] { return 0.0; };
 };
 
 // One for each subscription.

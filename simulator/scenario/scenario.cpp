@@ -18,10 +18,13 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr size_t kMaxBytes = size_t{1} << 20;
+constexpr size_t kMaxBytes = size_t{32} << 20;
 constexpr double kMaxSeconds = 1'000'000;
 constexpr std::string_view kPresenceName = "present";
 constexpr NumberRange kPresenceRange = {0, 1};
+
+constexpr statistics::Field kRadioFields[] = {{"attenuation", WireType::kU8}};
+constexpr StatisticRow kRadioRow = {Scenario::kRadio, "a subscription", kRadioFields, 0, nullptr, nullptr};
 
 // A JSON value and the name of its place.
 struct Node {
@@ -88,7 +91,7 @@ const StatisticRow& parse_statistic(const Node& node) {
 
 size_t parse_field(const Node& node, const StatisticRow& row) {
   const std::string& name = node.text();
-  if (name == kPresenceName) return Scenario::kPresence;
+  if (name == kPresenceName && row.id != Scenario::kRadio) return Scenario::kPresence;
   const statistics::Field* const field = row.find_field(name);
   if (field == nullptr) node.refuse(std::string(row.name) + " has no field \"" + name + '"');
   return static_cast<size_t>(field - row.fields.data());
@@ -112,7 +115,8 @@ Scenario::Track parse_track(const Node& node) {
   Scenario::Track track{};
   const double sub = node.get("sub").number({0, kSubscriptions - 1});
   if (sub != std::floor(sub)) node.get("sub").refuse("a whole number is expected");
-  const StatisticRow& row = parse_statistic(node.get("statistic"));
+  const auto statistic = node.find("statistic");
+  const StatisticRow& row = statistic ? parse_statistic(*statistic) : kRadioRow;
   track.key = {static_cast<uint16_t>(sub), row.id};
 
   const Node fields = node.get("fields");
@@ -136,11 +140,32 @@ Scenario::Track parse_track(const Node& node) {
   return track;
 }
 
-std::vector<Scenario::Track> parse_tracks(const Node& node, double repeat) {
+// [SECONDS, COMMAND]
+Scenario::Command parse_command(const Node& node, double latest, const CommandCheck& check) {
+  if (!node.value.is_array() || node.value.size() != 2) node.refuse("the time and a command are expected");
+  Scenario::Command command{node[0].number({0, latest}), node[1].text(), node.place};
+  try {
+    check(command.line);
+  } catch (const std::runtime_error& error) {
+    node[1].refuse(error.what());
+  }
+  return command;
+}
+
+Scenario parse_tracks(const Node& node, std::string description, double repeat, const CommandCheck& check) {
   node.require_array();
   std::vector<Scenario::Track> tracks;
+  std::vector<Scenario::Command> commands;
   std::set<std::pair<StatisticKey, size_t>> taken;
   for (size_t i = 0; i < node.value.size(); ++i) {
+    if (const auto lines = node[i].find("commands")) {
+      node[i].require_object({"commands"});
+      lines->require_array();
+      for (size_t line = 0; line < lines->value.size(); ++line) {
+        commands.push_back(parse_command((*lines)[line], repeat > 0 ? repeat : kMaxSeconds, check));
+      }
+      continue;
+    }
     tracks.push_back(parse_track(node[i]));
     const Scenario::Track& track = tracks.back();
     for (size_t f = 0; f < track.fields.size(); ++f) {
@@ -153,7 +178,8 @@ std::vector<Scenario::Track> parse_tracks(const Node& node, double repeat) {
       node[i].get("points")[last][0].refuse("the scenario begins anew before that time");
     }
   }
-  return tracks;
+  std::ranges::stable_sort(commands, {}, &Scenario::Command::seconds);
+  return {std::move(description), repeat, std::move(tracks), std::move(commands)};
 }
 
 }  // namespace
@@ -182,8 +208,7 @@ std::optional<ScenarioNumbers> Scenario::at(const StatisticKey& key, double seco
   return found;
 }
 
-Scenario parse_scenario(std::string_view text) {
-  if (text.size() > kMaxBytes) throw ScenarioError("the scenario: larger than " + std::to_string(kMaxBytes) + " bytes");
+Scenario parse_scenario(std::string_view text, const CommandCheck& check_command) {
   Json json;
   try {
     json = Json::parse(text);
@@ -197,19 +222,19 @@ Scenario parse_scenario(std::string_view text) {
   const auto description = root.find("description");
   const auto repeat = root.find("repeat");
   const double repeat_seconds = repeat ? repeat->number({0.001, kMaxSeconds}) : 0;
-  return {description ? description->text() : "", repeat_seconds, parse_tracks(root.get("tracks"), repeat_seconds)};
+  return parse_tracks(root.get("tracks"), description ? description->text() : "", repeat_seconds, check_command);
 }
 
-Scenario load_scenario(const std::string& path) {
+Scenario load_scenario(const std::string& path, const CommandCheck& check_command) {
   std::error_code error;
   if (!std::filesystem::is_regular_file(path, error)) throw ScenarioError(path + ": no such file");
+  const uintmax_t size = std::filesystem::file_size(path, error);
+  if (size > kMaxBytes) throw ScenarioError(path + ": larger than " + std::to_string(kMaxBytes) + " bytes");
   std::ifstream file(path, std::ios::binary);
-  std::string text(kMaxBytes + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (file.bad() || !file.is_open()) throw ScenarioError(path + ": cannot be read");
-  text.resize(static_cast<size_t>(file.gcount()));
+  std::string text(size, '\0');
+  if (!file.read(text.data(), static_cast<std::streamsize>(size))) throw ScenarioError(path + ": cannot be read");
   try {
-    return parse_scenario(text);
+    return parse_scenario(text, check_command);
   } catch (const ScenarioError& problem) {
     throw ScenarioError(path + ": " + problem.what());
   }

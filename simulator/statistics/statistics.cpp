@@ -18,6 +18,11 @@ double Statistics::seconds_played() const {
   return std::max(std::chrono::duration<double>(clock_.now() - scenario_->start).count(), 0.0);
 }
 
+double Statistics::attenuation(uint16_t sub) const {
+  const auto played = scenario_ ? scenario_->scenario.at({sub, Scenario::kRadio}, seconds_played()) : std::nullopt;
+  return played ? played->fields[0].value_or(0) : 0;
+}
+
 Statistics::Value Statistics::value_of(StatisticKey key, const StatisticRow& row) const {
   const RadioSample radio = sample(key);
   const bool is_there = row.is_there(radio, row.carrier);

@@ -40,6 +40,9 @@ class Statistics {
   const Scenario* playing() const { return scenario_ ? &scenario_->scenario : nullptr; }
   double seconds_played() const;
 
+  // What the scenario takes from all levels of a subscription's radio, in dB.
+  double attenuation(uint16_t sub) const;
+
  private:
   struct Fix {
     std::optional<std::vector<uint8_t>> bytes;  // the whole value

@@ -129,6 +129,31 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
           {"client signal --csv - --json", 2, ""}});
 }
 
+// In the recording one carrier goes, then one subscription.
+TEST_F(ClientTest, ARecordingIsPlayedAsAScenarioWithTheSameReadings) {
+  std::ofstream(path("going.json")) << R"({"tracks": [
+      {"sub": 0, "statistic": "nr-pcc", "fields": ["present"], "points": [[0, 1], [0.1, 0]]},
+      {"sub": 1, "fields": ["attenuation"], "points": [[0, 0], [0.2, 90]]}]})";
+  ctl("scenario " + path("going.json"));
+  expect({{"client signal --rate 20 --count 8 --json --csv a >b", 0, ""},
+          {MODEM_SIM " scenario a >of-a && printf cut >>b && " MODEM_SIM " scenario - <b >of-b", 0, "which is cut"},
+          {"sed -n 4,9s/-/0-/p a | " MODEM_SIM " scenario -", 1, "line 1: neither the columns nor a document"},
+          {"sed 2s/lte_pcc,/lte_pcc,x/ a | " MODEM_SIM " scenario -", 1, "standard input: line 2: 'x"},
+          {"sed 's/,lte_pcc,[0-9]*/,lte_pcc,-1/' a | " MODEM_SIM " scenario -", 1, "[0][2]: -1 is not within"}});
+  std::istringstream times(shell("cut -d, -f1 a | tail -n +2 | uniq | date -f - +%s%3N").output);
+  std::vector<int64_t> readings(std::istream_iterator<int64_t>(times), {});
+  EXPECT_EQ(readings.size(), 8u);
+  for (const char* scenario : {"of-a", "of-b"}) {
+    ctl("clock 1000");
+    ctl("scenario " + path(scenario));
+    for (const int64_t time : readings) {
+      ctl("clock " + std::to_string(1000 + time - readings[0]));
+      expect({{"client signal --count 1 --append --csv c", 0, ""}});
+    }
+    expect({{"cut -d, -f2- a >d; cut -d, -f2- c | diff d -; rm c", 0, ""}});
+  }
+}
+
 TEST_F(ClientTest, ALossOfTheModemEndsARecordingWithAFailure) {
   ctl("delay 0 vs any 20");
   ctl("error 52 vs");

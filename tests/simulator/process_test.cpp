@@ -1,4 +1,5 @@
 // The program: its start and end, the users that it admits, and the commands of ctl.
+#include <fcntl.h>
 #include <signal.h>
 
 #include <cstdlib>
@@ -32,15 +33,29 @@ TEST(Program, SignalsRemoveItsSocketFilesAndLeftOverOnesAreReplaced) {
   }
 }
 
+TEST(Program, ItEndsWhenNoProgramHasItsDeviceOpen) {
+  const ScratchDirectory directory;
+  SimProcess modem(directory, {"--device", directory.path("device"), "--exit-when-idle", "1"});
+  {
+    const UniqueFd program(open(directory.path("device").c_str(), O_RDWR | O_NOCTTY));
+    const Bytes sync = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x27, 0x00, 0x00, 0x00};
+    EXPECT_EQ(write(program.get(), sync.data(), sync.size()), static_cast<ssize_t>(sync.size()));
+    EXPECT_TRUE(wait_until([&] { return modem.value("status", "/counters/requests") == 1; }));
+  }
+  EXPECT_EQ(modem.end(), 0);
+}
+
 using ProcessTest = SimulatorTest;
 
 TEST_F(ProcessTest, InvalidOptionsAndUsedPathsAreRefused) {
   const std::string abstract = "@" + path("name");
   const ScratchDirectory other;
-  const SimProcess on_abstract(other, {}, abstract);
+  const SimProcess on_abstract(other, {"--device", path("device")}, abstract);
   expect({"serve", "--socket", socket_, "--storage", path("other")}, 1, "another process serves socket");
   expect({"serve", "--socket", abstract, "--storage", path("other")}, 1, "another process serves socket");
   expect({"serve", "--socket", path("q2"), "--storage", path("storage")}, 1, "in use by another modem_sim");
+  expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--device", path("device")}, 1,
+         "another modem_sim serves the device");
   expect({"serve", "--socket", MODEM_SIM, "--storage", path("other")}, 1, "is no socket");
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--scenario", "/none"}, 1, "no such file");
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--reset-ms", "-5"}, 2, "--reset-ms");

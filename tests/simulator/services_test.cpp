@@ -85,7 +85,11 @@ TEST_F(Services, AScenarioStartsWhenLoadedAndAWrongOneIsRefusedWithThePlace) {
       {with_track(track + R"("points": [[0, 1, 2], [1, 2]])"), "tracks[0].points[1]: the time and 2 numbers"},
       {with_track(track + R"("points": [[0, 1, 2], [0, 1, 2]])"), "tracks[0].points[1][0]: a time after"},
       {with_track(track + R"("points": [[0, 65536, 2]])"), "tracks[0].points[0][1]: 65536 is not within 0.0 to 65535"},
-      {std::string(2 << 20, ' '), "larger than 1048576 bytes"},
+      {with_track(R"("sub": 0, "fields": ["attenuation"], "points": [[0, 256]])"), "points[0][1]: 256 is not within"},
+      {with_track(R"("commands": [[1, "clear"], [2, "clear all"]])"), "tracks[0].commands[1][1]: 'all' is one word"},
+      {with_track(R"("commands": [[1, "service sar sideways"]])"), "[0][1]: 'sideways' is neither up nor down"},
+      {with_track(R"("commands": [[11, "clear"]])"), "tracks[0].commands[0][0]: 11 is not within 0.0 to 10.0"},
+      {std::string(33 << 20, ' '), "larger than 33554432 bytes"},
   };
   for (const auto& [text, place] : wrong) {
     std::ofstream(path("bad.json")) << text;
@@ -95,6 +99,38 @@ TEST_F(Services, AScenarioStartsWhenLoadedAndAWrongOneIsRefusedWithThePlace) {
   EXPECT_EQ(modem_.value("statistic 0 lte-pcc", "/source"), "scenario") << "the earlier scenario continues";
   modem_.command("scenario stop");
   EXPECT_EQ(modem_.value("statistic 0 lte-pcc", "/source"), "radio");
+}
+
+TEST_F(Services, AScenarioRunsCommandsAndAttenuatesTheRadioOfOneSubscription) {
+  std::ofstream(path("drive.json")) << R"({"repeat": 20, "tracks": [
+      {"sub": 1, "fields": ["attenuation"], "points": [[0, 0], [10, 30]]},
+      {"commands": [[4, "event 5 7 to each"], [2, "service sar down"], [3, "start"], [6, "service sar up"]]}]})";
+  const auto is_sar_up = [&] { return status("/services/1/up"); };
+  const auto level = [&](const std::string& sub) {
+    return modem_.value("statistic " + sub + " lte-pcc", "/fields/rsrp_rx0").get<int>();
+  };
+  const auto advance = [&](int ms) { modem_.command("clock advance " + std::to_string(ms)); };
+  advance(5000);
+  const std::pair before(level("0"), level("1"));
+  modem_.command("clock 0");
+  modem_.command("scenario " + path("drive.json"));
+  advance(1999);
+  EXPECT_EQ(is_sar_up(), true);
+  advance(1);
+  EXPECT_EQ(is_sar_up(), false);
+  advance(3000);
+  EXPECT_EQ(modem_.line(), "modem_sim: tracks[1].commands[2]: no crash has left the modem down");
+  EXPECT_EQ(client_.indications(), std::vector<uint16_t>{0x0601});
+  EXPECT_EQ(std::pair(level("0"), level("1")), std::pair(before.first, before.second - 150)) << "half of the way";
+  advance(1000);
+  EXPECT_EQ(is_sar_up(), true);
+  advance(56'500);  // into the fourth round; of the missed ones nothing runs
+  EXPECT_EQ(is_sar_up(), false);
+  EXPECT_EQ(client_.indications(), std::vector<uint16_t>{});
+  modem_.command("clock 1000");
+  modem_.command("service sar up");
+  advance(1000);
+  EXPECT_EQ(is_sar_up(), false) << "the clock was set back";
 }
 
 TEST_F(Services, ASubscriptionHasItsOwnSettingsUntilTheServiceRestarts) {
