@@ -32,21 +32,23 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
 }
 
 TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
-  expect({{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"accepted\":1}\n"},
+  expect({{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"type\":\"raw\",\"accepted_bytes\":1}\n"},
           {"head -c 257 /dev/zero | client nv write 1 @- --verbose 2>/dev/null | wc -c", 0, "0\n"},
           {"client raw --async --text ping --json", 0,
-           "{\"sent\":4}\n{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
-           "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
+           "{\"type\":\"raw\",\"sent_bytes\":4}\n"
+           "{\"type\":\"raw\",\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
+           "{\"type\":\"raw\",\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
           {"client nv write 1 0a", 0, "NV item 1: 1 byte written\n"},
           {"head -c 256 /dev/urandom >whole; client nv write 2 @whole >w; client nv read 2 -o - | cmp - whole", 0, ""},
           {"cat whole whole | client raw @- --async --json", 0, R"("callback":"data","length":512,)"},
           {"client efs-sync", 0, "EFS: synchronised\n"},
           {"head -c 257 /dev/zero | client nv write 1 @- --json", 1,
-           R"("name":"MODEM_API_ERR_INVALID_PARAM","advice":"An item has at most 256)"},
-          {"client nv read 1 --json", 0, "{\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
+           R"("name":"MODEM_API_ERR_INVALID_PARAM"},"advice":"An item has at most 256)"},
+          {"client nv read 1 --json", 0,
+           "{\"type\":\"nv-read\",\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
           {"client nv read 1 --index 1", 1, "entry (MODEM_API_ERR_GENERIC, 1)\n  Nothing is stored there"},
-          {"client nv read 3 --json", 1, R"("qmi_error":50,"qmi_error_name":"no entry","advice":"Nothing is)"},
           {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> VS READ_NV request, 16 bytes: 01 04 00 03"},
+          {"client nv read 3 --json", 1, R"("qmi_error":{"number":50,"name":"NO_ENTRY"},"advice":"Nothing is)"},
           {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
           {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"},
           {"client nv read 1 --trace /dev/full", 1, "writing the trace '/dev/full' failed: No space left"},
@@ -104,7 +106,7 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
           {"client feature on && client feature off --number 7 && client feature", 0,
            "modem feature 2: on\nmodem feature 7: off\nmodem feature 2: on\n"},
           {"client stats clear 0x1234 --sub 1 && client stats get 0x1234 --sub 1 --json", 0, R"("data":"000000")"},
-          {"client stats report on --json", 0, "{\"report\":true,\"stats_client_id\":0}\n"},
+          {"client stats report on --json", 0, "{\"type\":\"stats-report\",\"report\":true,\"stats_client_id\":0}\n"},
           {"client stats report off --client 0", 1, "valid in the program that it was granted to"},
           {"client stats deregister lte-pcc --client 0", 1, "valid in the program that it was granted to"}});
   for (const char* command : {"report-period 10", "clock run"}) ctl(command);
@@ -235,13 +237,15 @@ TEST_F(ClientTest, PropertiesAndTheRestartTypeAreReadSwitchedAndRestored) {
           {"client props set 'a b' c", 1, "the platform refused it"},
           {"client ssr name", 0, "CONFIG_EMPTY\n"},
           {"client props set persist.vendor.ssr.restart_level ALL_DISABLE", 0, ""},
-          {"client ssr get --json", 0, "{\"type\":0,\"name\":\"MODEM_RESTART_LEVEL_ID_DEF\"}\n"},
-          {"client ssr set ssr --json", 0, R"({"type":1,"name":"MODEM_RESTART_LEVEL_ID_SSR","written":true})"},
+          {"client ssr get --json", 0,
+           "{\"type\":\"ssr-get\",\"restart_type\":0,\"name\":\"MODEM_RESTART_LEVEL_ID_DEF\"}\n"},
+          {"client ssr set ssr --json", 0,
+           R"({"type":"ssr-set","restart_type":1,"name":"MODEM_RESTART_LEVEL_ID_SSR","written":true})"},
           {"client ssr set ssr --json", 0, R"("written":false)"},
           {"client ssr get", 0, "restart type ssr (1): a crashed modem restarts alone\n"},
           {"client props get persist.vendor.ssr.restart_level", 0, "ALL_ENABLE\n"},
           {"client ssr set def && client ssr name", 0, "restart type def: written\nALL_DISABLE\n"},
-          {"client ssr wait 0 --json", 0, "{\"waited_s\":0}\n"}});
+          {"client ssr wait 0 --json", 0, "{\"type\":\"ssr-wait\",\"waited_seconds\":0}\n"}});
 }
 
 // --- the modem's power ---
@@ -256,7 +260,7 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
   EXPECT_TRUE(prints(watch, R"("event":1})"));
   Process vote = start("power vote");
   EXPECT_TRUE(prints(vote, "modem on-line"));
-  expect({{"client power status --json", 0, R"({"power":"on-line","votes":1,)"},
+  expect({{"client power status --json", 0, R"({"type":"power-status","power":"on-line","votes":1,)"},
           {"client power vote --device toaster", 1, "it has no such peripheral"},
           {"client power release", 0, "votes: 1 released, 0 left\n"}});
   EXPECT_THAT(vote.rest(), HasSubstr("vote taken back"));
@@ -264,7 +268,8 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
     EXPECT_TRUE(prints(watch, step)) << step;
   }
   EXPECT_EQ(watch.end(), 0);
-  expect({{"client power vote --for 1 --json | tail -n 1", 0, "{\"vote\":\"released\",\"device\":\"modem\"}\n"}});
+  expect({{"client power vote --for 1 --json | tail -n 1", 0,
+           "{\"type\":\"power-vote\",\"vote\":\"released\",\"device\":\"modem\"}\n"}});
 }
 
 TEST_F(PowerTest, TheLossOfTheManagerIsReported) {

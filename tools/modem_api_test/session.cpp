@@ -138,6 +138,8 @@ std::string Session::absence_advice() {
 }
 
 int32_t Session::open(modem_api_client_type type) {
+  if (const auto opened = clients_.find(type); opened != clients_.end()) return opened->second;
+  if (is_hydra_open_) restart();
   prepare();
   wait_for(type);
   int32_t client = -1;
@@ -146,11 +148,13 @@ int32_t Session::open(modem_api_client_type type) {
   check(result, std::string("connecting to ") + service_of(type).title,
         {kNoIdLeft, {MODEM_API_ERR_GENERIC, advice.c_str()}});
   const std::lock_guard lock(mutex_);
-  clients_.push_back(client);
+  clients_[type] = client;
   return client;
 }
 
 void Session::open_hydra() {
+  if (is_hydra_open_) return;
+  if (!clients_.empty()) restart();
   if (!is_initialised_) prepare();
   wait_for(MODEM_API_CLIENT_VS);
   {
@@ -158,13 +162,14 @@ void Session::open_hydra() {
     is_hydra_open_ = true;  // set before the call: closing hydra is harmless where opening failed
   }
   if (modem_hydra_api_init() != 0) return;
+  is_hydra_open_ = false;
   const std::string step = std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title;
   check_response(MODEM_API_SUCCESS, step);
   throw Failure(step, "the service is not up", absence_advice());
 }
 
 void Session::close() {
-  std::vector<int32_t> clients;
+  std::map<modem_api_client_type, int32_t> clients;
   bool closes_hydra = false;
   {
     const std::lock_guard lock(mutex_);
@@ -172,7 +177,7 @@ void Session::close() {
     closes_hydra = std::exchange(is_hydra_open_, false);
   }
   if (closes_hydra) modem_hydra_api_deinit();
-  for (const int32_t client : clients) modem_api_free_client(client);
+  for (const auto& [type, client] : clients) modem_api_free_client(client);
 }
 
 }  // namespace pelmar::cli
