@@ -10,6 +10,7 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "ctl_messages.h"
 #include "io/text.h"
 #include "qmi/modem.h"
 #include "unique_fd.h"
@@ -117,10 +118,10 @@ void RecordedTraffic::add(const qmi::CapturedMessage& captured, const qmi::Messa
 
 // A client id that is allocated is a new client. After a restart of the modem, all are.
 void RecordedTraffic::add_control(uint32_t link, Time time, const qmi::Message& message) {
-  if (message.kind == qmi::MessageKind::kResponse && message.id == kControlAllocateClientId) {
+  if (message.kind == qmi::MessageKind::kResponse && message.id == ctl::kAllocateClientId) {
     const auto id = qmi::find_tlv(message.tlvs, 0x01);
     if (id && id->size() == 2) open_.erase({link, (*id)[0], (*id)[1]});
-  } else if (message.kind == qmi::MessageKind::kIndication && message.id == kControlSync) {
+  } else if (message.kind == qmi::MessageKind::kIndication && message.id == ctl::kSync) {
     const auto first = open_.lower_bound({link, uint8_t{0}, uint8_t{0}});
     const auto last = open_.upper_bound({link, UINT8_MAX, UINT8_MAX});
     for (auto place = first; place != last; ++place) add_indication(place->second, time, {{}, 0, true, 0, {}});

@@ -173,7 +173,7 @@ void LiveWatch::read_keys() {
   pollfd fds[] = {{ended_.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
   while (poll(fds, 2, -1) < 0 || fds[0].revents == 0) {
     char keys[64];
-    const ssize_t count = read(STDIN_FILENO, keys, sizeof keys);
+    const ssize_t count = ::read(STDIN_FILENO, keys, sizeof keys);
     if (count == 0) return;  // the terminal is gone
     if (count < 0) poll(fds, 1, kBackgroundPeriodMs);
     try {
