@@ -66,8 +66,10 @@ class MessageTrace {
     writer_.emplace(file_.get(), "libpelmar_platform_linux " PELMAR_VERSION, on_end);
   }
 
+  // Called at most once.
   void report(const std::string& subject, const std::string& problem) {
-    problem_ = ::strdup(problem.c_str());  // never freed: programs may use it until the process ends
+    text_ = problem;
+    problem_ = text_.c_str();
     if (!has_reporter_) std::fprintf(stderr, "%s\n", (subject + problem).c_str());
     ::syslog(LOG_ERR, "%s", (subject + problem).c_str());
   }
@@ -78,7 +80,8 @@ class MessageTrace {
   ProcessFd file_;
   std::optional<qmi::CaptureWriter> writer_;
   std::atomic<bool> has_reporter_{false};  // the program reports the problem to its user
-  std::atomic<const char*> problem_{""};
+  std::string text_;
+  std::atomic<const char*> problem_{""};  // the text, once there is one
 };
 
 TraceLink::TraceLink(const std::string& transport, Sharing sharing) : trace_(MessageTrace::of_this_process()) {
