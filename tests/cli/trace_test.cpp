@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <random>
 
 #include "client_program.h"
 #include "qmux.h"
@@ -126,26 +127,23 @@ TEST_F(TraceTest, EveryMessageIsShownByNameWithItsFields) {
 
 TEST_F(TraceTest, FiltersSelectMessages) {
   write("a", section() + messages());
-  const struct {
-    const char* filter;
-    const char* lines;
-  } cases[] = {
-      {"", "18"},
-      {"--service vs", "10"},
-      {"--service CTL,0x11", "5"},
-      {"--message READ_NV", "4"},
-      {"--message 0x100,rf_get_state", "5"},
-      {"--message 0x45 --service NAS", "1"},
-      {"--client 3", "7"},
-      {"--result error", "2"},
-      {"--result success,999", "5"},
-      {"--result no_entry --service NAS", "0"},
-      {"--from 08:15:30.0091 --to 08:15:30.0093", "2"},
-      {"--from 2024-05-17T06:15:30.009Z", "4"},
-      {"--to 08:15", "0"},
+  const std::pair<const char*, int> cases[] = {
+      {"", 18},
+      {"--service vs", 10},
+      {"--service CTL,0x11", 5},
+      {"--message READ_NV", 4},
+      {"--message 0x100,rf_get_state", 5},
+      {"--message 0x45 --service NAS", 1},
+      {"--client 3", 7},
+      {"--result error", 2},
+      {"--result success,999", 5},
+      {"--result no_entry --service NAS", 0},
+      {"--from 08:15:30.0091 --to 08:15:30.0093", 2},
+      {"--from 2024-05-17T06:15:30.009Z", 4},
+      {"--to 08:15", 0},
   };
   for (const auto& [filter, lines] : cases) {
-    expect({{std::string("client trace a ") + filter + " | wc -l", 0, std::string(lines) + "\n"}});
+    expect({{Text("client trace a ") + filter + " | wc -l", 0, std::to_string(lines) + "\n"}});
   }
   // The time to the response is also that of a request that is not shown.
   expect(
@@ -186,37 +184,29 @@ TEST_F(TraceTest, AMessageIsShownAsSoonAsItComes) {
   EXPECT_EQ(client.end(), 0);
 }
 
-// Each byte of a TLV may be missing or another one.
-TEST_F(TraceTest, AnyBytesGiveValidJsonUpToTheLastByte) {
+TEST_F(TraceTest, AnyBytesGiveValidJson) {
+  std::mt19937 random(1);
+  const auto any = [&random](std::initializer_list<int> numbers) {
+    return static_cast<uint16_t>(numbers.begin()[random() % numbers.size()]);
+  };
   Text packets = section();
-  const Text record = "\x01" + u16(1) + u16(0) + u32(0x6F) + u16(9) + Text(9, '\x05');
-  for (const auto& [service, id, type] : {std::tuple(0xE4, 0x203, 2),
-                                          {0xE4, 0x207, 0x10},
-                                          {0xE4, 0x106, 3},
-                                          {3, 0x43, 0x13},
-                                          {3, 0x43, 0x14},
-                                          {0, 0x21, 1},
-                                          {0, 0x24, 1}}) {
-    const auto kind = id == 0x203 || id == 0x24 ? kIndication : kResponse;
-    for (size_t length = 0; length <= record.size(); ++length) {
-      Text value = record.substr(0, length);
-      for (const char byte : {'\0', '\x01', '\xFF'}) {
-        if (!value.empty()) value[0] = byte;
-        packets += message(0, kind, static_cast<uint8_t>(service), 1, 1, static_cast<uint16_t>(id),
-                           tlv(static_cast<uint8_t>(type), value) + "\x01\xFF\xFFz");
-      }
-    }
+  for (int i = 0; i < 600; ++i) {
+    Text value;
+    for (size_t length = random() % 48; length > 0; --length) value += number(any({0, 1, 2, 0x22, 0x6F, 0xFF}), 1);
+    packets += message(0, static_cast<MessageKind>(random() % 3), static_cast<uint8_t>(any({0, 3, 0xE4})), 1, 1,
+                       any({0x21, 0x22, 0x43, 0x106, 0x203, 0x207}),
+                       tlv(static_cast<uint8_t>(any({1, 2, 3, 0x10, 0x13, 0x14})), value) + "\x01\xFF\xFFz");
   }
   write("a", packets);
   std::istringstream lines(shell("client trace a --fields --json").output);
   size_t count = 0;
-  for (std::string line; std::getline(lines, line) && line.find("summary") == line.npos; ++count) {
+  for (std::string line; std::getline(lines, line); ++count) {
     const Json document = Json::parse(line, nullptr, false);
     ASSERT_FALSE(document.is_discarded()) << line;
-    ASSERT_EQ(document["tlvs"].size(), 2u) << line;
+    if (count == 600) break;  // the summary
     EXPECT_EQ(document["tlvs"][1]["undescribed"], "7a") << line;
   }
-  EXPECT_EQ(count, 7 * 3 * (record.size() + 1));
+  EXPECT_EQ(count, 600u);
 }
 
 TEST_F(TraceTest, TheSummaryIsExactInCountsAndCloseInTimesHoweverManyExchangesAreOpen) {
@@ -230,9 +220,9 @@ TEST_F(TraceTest, TheSummaryIsExactInCountsAndCloseInTimesHoweverManyExchangesAr
   }
   write("a", packets);
   const Json summary = Json::parse(shell("client trace a --summary --json").output);
-  EXPECT_EQ(summary["type"], "summary");
   const Json& sar = summary["by_message"][0];
   const Json& vs = summary["by_message"][1];
+  EXPECT_EQ(summary["messages"], 70200);
   EXPECT_EQ(sar["without_response"], 70000);
   EXPECT_EQ(sar["count"], 70000);
   EXPECT_EQ(vs["count"], 100);

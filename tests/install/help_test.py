@@ -40,6 +40,7 @@ COMPLETIONS = {
     ("lock", "lte", "--js"): ["--json"],
     ("--modem", "nv", "avoid-trm", ""): ["on", "off"],
     ("stats", "get", "lte-pcc", "lte-u"): ["lte-uplink"],
+    ("trace", "--message", "READ_N"): ["READ_NV"],
     ("props", "get", "persist.radio.m"): ["persist.radio.multisim.config"],
 }
 WRONG = ("", "bogus", "nv bogus", "nv read", "nv read x", "nv read 1 --bogus", "avoid-trm maybe", "tx-power --max --sub 1")

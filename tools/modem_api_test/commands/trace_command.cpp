@@ -116,20 +116,26 @@ Take take_moment(std::optional<Moment>& target) {
   };
 }
 
-void add_filters(const Command& command, TraceValues& values) {
+void add_filters(CommandLine& line, const Command& command, TraceValues& values) {
   std::vector<Named> services, messages, errors = {{"error", kAnyError}};
   for (const qmi::ServiceRows& service : qmi::catalogue()) {
     services.push_back({service.name, service.id});
     for (const auto& [id, name] : service.names) messages.push_back({name, message_key(service.id, id)});
   }
   for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
-  command.add_parsed("--service", "only these services, by name or number (VS,0x03)",
-                     take_keys(values.services, services, UINT8_MAX, 0, "service"), {.type = "LIST"});
-  command.add_parsed("--message", "only these messages, by name or number (READ_NV,0x0101)",
-                     take_keys(values.messages, messages, UINT16_MAX, message_key(kAnyService, 0), "message"),
-                     {.type = "LIST"});
-  command.add_parsed("--result", "only responses with these results: names or numbers (NO_ENTRY,48), error for any",
-                     take_keys(values.errors, errors, UINT16_MAX, 0, "result"), {.type = "LIST"});
+  const auto add = [&](const char* option, const char* type, Keys& keys, const std::vector<Named>& names, uint32_t most,
+                       uint32_t number, const char* what, const std::string& help) {
+    std::vector<std::string> words;
+    for (const Named& each : names) words.push_back(each.name);
+    line.set_completion(type, std::move(words));
+    command.add_parsed(option, help + ", by name or number, with commas between",
+                       take_keys(keys, names, most, number, what), {.type = type});
+  };
+  add("--service", "SERVICE", values.services, services, UINT8_MAX, 0, "service", "only these services");
+  add("--message", "MESSAGE", values.messages, messages, UINT16_MAX, message_key(kAnyService, 0), "message",
+      "only these messages");
+  add("--result", "RESULT", values.errors, errors, UINT16_MAX, 0, "result",
+      "only responses with these results (error: any but success)");
   command.add_number("--client", values.client, "only this client id");
   command.add_parsed("--from", "only from this time on: of the day (local) as lines show it, or as in JSON (UTC)",
                      take_moment(values.from), {.type = "TIME"});
@@ -232,21 +238,21 @@ void trace(const Context& context, const TraceValues& values) {
 
 void add_trace_command(CommandLine& line) {
   auto [command, values] = line.add("trace", "print the messages of a capture by name", trace);
-  command.add_notes(
-      "A capture is what --trace FILE, PELMAR_TRACE=FILE and modem_sim serve --trace FILE write (pcapng). A line has\n"
-      "the local time, the process, -> to the modem or <- from it, service, client, message, and #transaction; of a\n"
-      "response also its result and the milliseconds since the request. No modem is used.\n"
-      "Exit status: 0 also for a capture that ends within a message, as that of a killed program; 1 for a file that\n"
-      "is no capture or is damaged, after what can be read of it.\n"
-      "Examples:\n"
-      "  modem_api_test trace field.pcapng --result error --fields\n"
-      "  modem_sim serve --trace - | modem_api_test trace --service VS,NAS");
   command.add_text("file", values.file, "the capture (-, or without it: standard input)", {.type = "FILE"});
   command.add_flag("--fields", values.has_fields, "each TLV by name and value, hexadecimal where unknown");
   command.add_flag("--summary", values.is_summary,
                    "only the summary: for each message the count, errors, requests without response, and the time to "
                    "the response in ms");
-  add_filters(command, values);
+  add_filters(line, command, values);
+  command.add_notes(
+      "A capture is a pcapng file as --trace FILE, PELMAR_TRACE=FILE and 'modem_sim serve --trace FILE' write it. A "
+      "line has the local time, the process, -> to the modem or <- from it, the service, the client id, the message "
+      "and "
+      "#transaction; of a response also its result and the milliseconds since the request. No modem is used.");
+  command.add_notes(
+      "The exit status is 0 also for a capture that ends within a message, as that of a killed program. It is 1, after "
+      "what can be read, for a damaged one.");
+  command.add_examples({"field.pcapng --result error --fields", "field.pcapng --service VS,NAS --summary"});
 }
 
 }  // namespace pelmar::cli
