@@ -105,32 +105,30 @@ TEST_F(Services, AScenarioRunsCommandsAndAttenuatesTheRadioOfOneSubscription) {
   std::ofstream(path("drive.json")) << R"({"repeat": 20, "tracks": [
       {"sub": 1, "fields": ["attenuation"], "points": [[0, 0], [10, 30]]},
       {"commands": [[4, "event 5 7 to each"], [2, "service sar down"], [3, "start"], [6, "service sar up"]]}]})";
-  const auto is_sar_up = [&] { return status("/services/1/up"); };
-  const auto level = [&](const std::string& sub) {
-    return modem_.value("statistic " + sub + " lte-pcc", "/fields/rsrp_rx0").get<int>();
+  const auto levels = [&] {
+    return std::pair(modem_.value("statistic 0 lte-pcc", "/fields/rsrp_rx0"),
+                     modem_.value("statistic 1 lte-pcc", "/fields/rsrp_rx0").get<int>());
   };
-  const auto advance = [&](int ms) { modem_.command("clock advance " + std::to_string(ms)); };
-  advance(5000);
-  const std::pair before(level("0"), level("1"));
+  modem_.command("clock 5000");
+  const auto [first, second] = levels();
   modem_.command("clock 0");
   modem_.command("scenario " + path("drive.json"));
-  advance(1999);
-  EXPECT_EQ(is_sar_up(), true);
-  advance(1);
-  EXPECT_EQ(is_sar_up(), false);
-  advance(3000);
+  const auto expect_sar = [&](bool is_up, const std::string& clock) {
+    modem_.command("clock " + clock);
+    EXPECT_EQ(status("/services/1/up"), is_up) << clock;
+  };
+  expect_sar(true, "1999");
+  expect_sar(false, "2000");
+  expect_sar(false, "5000");
   EXPECT_EQ(modem_.line(), "modem_sim: tracks[1].commands[2]: no crash has left the modem down");
+  EXPECT_EQ(levels(), std::pair(first, second - 150)) << "half of the way";
+  expect_sar(true, "6000");
   EXPECT_EQ(client_.indications(), std::vector<uint16_t>{0x0601});
-  EXPECT_EQ(std::pair(level("0"), level("1")), std::pair(before.first, before.second - 150)) << "half of the way";
-  advance(1000);
-  EXPECT_EQ(is_sar_up(), true);
-  advance(56'500);  // into the fourth round; of the missed ones nothing runs
-  EXPECT_EQ(is_sar_up(), false);
+  expect_sar(false, "62500");  // in the fourth round; of the missed ones nothing runs
   EXPECT_EQ(client_.indications(), std::vector<uint16_t>{});
-  modem_.command("clock 1000");
   modem_.command("service sar up");
-  advance(1000);
-  EXPECT_EQ(is_sar_up(), false) << "the clock was set back";
+  expect_sar(true, "1000");  // the clock goes back
+  expect_sar(false, "2000");
 }
 
 TEST_F(Services, ASubscriptionHasItsOwnSettingsUntilTheServiceRestarts) {
