@@ -70,13 +70,9 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
 }
 
-struct Shell {
-  std::string name;
-};
-
-void print_completion(const Context& context, const Shell& shell) {
-  const std::string script = completion_script(shell.name);
-  context.output.print({{"shell", shell.name}, {"script", script}}, script);
+void print_completion(const Context& context, const std::string& shell) {
+  const std::string script = completion_script(shell);
+  context.output.print({{"shell", shell}, {"script", script}}, script);
 }
 
 void take_or_refuse(const Take& take, const std::string& word) {
@@ -185,8 +181,7 @@ CommandLine::CommandLine()
                   "(-: to standard output, and what the command prints to standard error)",
                   {.type = "FILE"});
   global.add_number("--timeout", settings_.seconds,
-                    "end with an error after that many seconds, whatever the command "
-                    "waits for",
+                    "end with an error after that many seconds, whatever the command waits for",
                     {.type = "SECONDS", .otherwise = "30 for each request, no limit for the command"}, UINT32_MAX, 1);
   add_info_command(*this);
   add_item_commands(*this);
@@ -196,9 +191,8 @@ CommandLine::CommandLine()
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
-  auto [completion, shell] =
-      add<Shell>("completion", "print what a shell reads to complete commands, options and names", print_completion);
-  completion.add_text("shell", shell.name, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
+  auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
+  completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
   completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
   app_->footer(kNotes);
 }

@@ -186,7 +186,7 @@ std::string help_text(const CLI::App& app) {
 }
 
 std::string manual_page(const CLI::App& root, const std::string& version, const std::string& date) {
-  const std::string name = root.get_name();
+  const std::string& name = root.get_name();
   return ".TH " + name + " 1 " + date + " " + roff("\"" + name + " " + version + "\"") + ".SH NAME\n" +
          roff(name + " - " + root.get_description()) + ".SH SYNOPSIS\n.B " + roff(usage_of(root) + " ...") +
          ".SH DESCRIPTION\n" + roff_text(text_of(root), ".SH ") + ".SH Each command\n" + roff_commands(root) +

@@ -230,10 +230,12 @@ void put_services(Report& report) {
     const std::string state = probe_service(report, service);
     const qmi_idl_service_object_type object = service.object();
     const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
-    const std::string name = service.name;
-    report.document["services"].push_back(
-        {{"service", name}, {"id", object->service_id}, {"version", version}, {"up", state == "up"}, {"state", state}});
-    report.row(name + " " + version, state);
+    report.document["services"].push_back({{"service", service.name},
+                                           {"id", object->service_id},
+                                           {"version", version},
+                                           {"up", state == "up"},
+                                           {"state", state}});
+    report.row(std::string(service.name).append(" ").append(version), state);
   }
   const bool is_exhausted = report.fault && report.fault->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
   report.document["client_ids_exhausted"] = is_exhausted;
