@@ -16,6 +16,7 @@ namespace {
 // In the lines of help.h.
 constexpr const char* kNotes = R"(Environment:
   PELMAR_MODEM  the modem, in a form of --modem
+  PELMAR_TRACE  the capture that every message is written to, for any program on the Linux platform (see --trace)
   PELMAR_PLATFORM_RULES  phone: the same as --phone-rules
   PELMAR_ANY_USER  1: every user may serve sockets on abstract names (default: this user and root)
   PELMAR_PROPERTY_DIR  directory of the system properties (default: pelmar/properties in XDG_STATE_HOME)
