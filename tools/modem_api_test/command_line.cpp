@@ -46,6 +46,7 @@ void set_details(CLI::Option& option, const Details& details) {
   if (details.is_required) option.required();
   if (details.most_words > 1) option.expected(1, details.most_words);
   if (details.excludes != nullptr) option.excludes(details.excludes);
+  if (details.otherwise != nullptr) option.default_str(details.otherwise);
   if (!details.words.empty()) option.check(CLI::IsMember(details.words));
   if (details.most_characters == 0) return;
   option.check([most = details.most_characters](const std::string& text) -> std::string {
@@ -137,10 +138,7 @@ void Command::add_number(const std::string& name, const std::string& help, int64
   };
   Details numbered = details;
   if (numbered.type == nullptr) numbered.type = "N";
-  const bool is_plain = min == 0 && max == UINT32_MAX;
-  std::string limits = is_plain ? "" : range;
-  if (details.otherwise != nullptr) limits += (is_plain ? "default " : "; default ") + std::string(details.otherwise);
-  add_parsed(name, limits.empty() ? help : help + " (" + limits + ")", take, numbered);
+  add_parsed(name, min == 0 && max == UINT32_MAX ? help : help + " (" + range + ")", take, numbered);
 }
 
 void Command::add_subscription(uint32_t& target) const {

@@ -51,7 +51,11 @@ std::string entries_of(const CLI::App& app, bool is_positional) {
   std::string lines;
   for (const CLI::Option* option : options_of(app, is_positional)) {
     lines += "  " + name_of(*option) + "  " + option->get_description();
-    if (const std::string value = option->get_default_str(); !value.empty()) lines += " (default " + value + ")";
+    if (const std::string value = option->get_default_str(); !value.empty()) {
+      const bool has_range = lines.ends_with(')');
+      if (has_range) lines.back() = ';';
+      lines += (has_range ? " default " : " (default ") + value + ")";
+    }
     if (option->get_required() && !is_positional) lines += "; required";
     for (const CLI::Option* other : option->get_excludes()) lines += "; not with " + other->get_name();
     lines += "\n";

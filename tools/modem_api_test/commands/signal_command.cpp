@@ -352,13 +352,14 @@ void add_signal_command(CommandLine& line) {
       "-w,--watch", values.watch,
       "a live view, with RSRP in dBm and SNR in dB; lines where standard output is no terminal. Keys: q ends, p "
       "pauses, 1 and 2 show subscription 0 or 1 alone, up and down scroll the lines, left and right the history");
-  command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
+  command.add_number("--rate", values.rate, "readings a second, 2 without it", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
                    {.type = "FILE"});
-  command.add_text("--title", values.title, "title of the picture", {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
+  command.add_text("--title", values.title, "title of the picture",
+                   {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
   command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
