@@ -64,7 +64,7 @@ class Command {
   explicit Command(CLI::App& app) : app_(app) {}
 
   // Adds to the text below the options of the help: notes, and at least two examples of what follows the command's
-  // name. Every command has examples.
+  // name. A command without examples can be called without arguments.
   void add_notes(const std::string& text) const;
   void add_examples(std::initializer_list<std::string> arguments) const;
 

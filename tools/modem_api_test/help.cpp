@@ -72,6 +72,12 @@ std::string usage_of(const CLI::App& app) {
   return commands_of(app).empty() ? usage : usage + " COMMAND";
 }
 
+std::string notes_of(const CLI::App& app) {
+  const std::string notes = app.get_footer();
+  if (!commands_of(app).empty() || notes.find("Examples:\n") != notes.npos) return notes;
+  return notes + "Examples:\n  " + path_of(app) + "\n  " + path_of(app) + " --json\n";
+}
+
 std::string with_heading(const char* heading, const std::string& lines) {
   return lines.empty() ? "" : std::string(heading) + ":\n" + lines;
 }
@@ -85,11 +91,11 @@ std::string text_of(const CLI::App& app) {
   for (const CLI::App* command : commands_of(app)) {
     commands += "  " + command->get_name() + "  " + command->get_description() + "\n";
     std::smatch example;
-    const std::string notes = command->get_footer();
+    const std::string notes = notes_of(*command);
     if (std::regex_search(notes, example, std::regex("\n  .*"))) examples += example.str().substr(1) + "\n";
   }
   return summary + ".\n" + with_heading("Arguments", entries_of(app, true)) +
-         with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + app.get_footer() +
+         with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + notes_of(app) +
          (app.get_parent() == nullptr ? "" : with_heading("Examples", examples));
 }
 

@@ -326,8 +326,7 @@ void list_properties(const Context& context, const NoValues&) {
 }  // namespace
 
 void add_info_command(CommandLine& line) {
-  line.add("info", "show the modem, its services, and this build's identity", show_info)
-      .first.add_examples({"", "--modem /dev/cdc-wdm0 --json"});
+  line.add("info", "show the modem, its services, and this build's identity", show_info);
 }
 
 void add_property_commands(CommandLine& line) {
@@ -348,8 +347,7 @@ void add_property_commands(CommandLine& line) {
     static_assert(PROPERTY_VALUE_MAX == 92);
     command.add_examples({"persist.radio.multisim.config ssss", "persist.radio.default_data_sub 1"});
   }
-  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties)
-      .first.add_examples({"", "--json"});
+  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties);
 }
 
 }  // namespace pelmar::cli
