@@ -158,19 +158,18 @@ TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
 TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   const std::string held = R"("client_ids":[{"service":228,"client":)";
   expect(
-      {{"client info | tail -n 1", 0, "next step: Nothing is wrong; 'modem_api_test signal' shows what the radio"},
+      {{"client info | tail -n 1", 0, "next_step: 'modem_api_test signal' shows what the radio receives.\n"},
        {"client --modem ./nobody info --json 2>w", 1, R"-(such file or directory)","next_step":"Start the modem, )-"},
-       {"client --modem ./nobody info", 1, "\nnext step: Start the modem, "}});
+       {"client --modem ./nobody info", 1, "\nnext_step: Start the modem, "}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));
   expect({{"client info --json", 0, held}});
   ctl("error 5 ctl 0x22");
-  expect({{"client info", 1, "  client ids            exhausted\nprop"}});
+  expect({{"client info", 1, "\nclient_ids_exhausted: true"}});
   ctl("clear");
   ctl("service sar down");
   expect({{"client info --json", 1, R"("version":"1.15","up":false,"state":"absent"})"},
-          {"client info 2>w", 1,
-           "connecting to the SAR service failed: the modem does not have it\nnext step: Wait for"}});
+          {"client info 2>w", 1, "fault: connecting to the SAR service failed: absent\nnext_step: Wait for"}});
   EXPECT_EQ(events.end(SIGINT), 130);
 }
 

@@ -46,6 +46,7 @@ void set_details(CLI::Option& option, const Details& details) {
   if (details.is_required) option.required();
   if (details.most_words > 1) option.expected(1, details.most_words);
   if (details.excludes != nullptr) option.excludes(details.excludes);
+  if (details.otherwise != nullptr) option.default_str(details.otherwise);
   if (!details.words.empty()) option.check(CLI::IsMember(details.words));
   if (details.most_characters == 0) return;
   option.check([most = details.most_characters](const std::string& text) -> std::string {
@@ -71,13 +72,9 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
 }
 
-struct Shell {
-  std::string name;
-};
-
-void print_completion(const Context& context, const Shell& shell) {
-  const std::string script = completion_script(shell.name);
-  context.output.print({{"shell", shell.name}, {"script", script}}, script);
+void print_completion(const Context& context, const std::string& shell) {
+  const std::string script = completion_script(shell);
+  context.output.print({{"shell", shell}, {"script", script}}, script);
 }
 
 void take_or_refuse(const Take& take, const std::string& word) {
@@ -141,10 +138,7 @@ void Command::add_number(const std::string& name, const std::string& help, int64
   };
   Details numbered = details;
   if (numbered.type == nullptr) numbered.type = "N";
-  const bool is_plain = min == 0 && max == UINT32_MAX;
-  std::string limits = is_plain ? "" : range;
-  if (details.otherwise != nullptr) limits += (is_plain ? "default " : "; default ") + std::string(details.otherwise);
-  add_parsed(name, limits.empty() ? help : help + " (" + limits + ")", take, numbered);
+  add_parsed(name, min == 0 && max == UINT32_MAX ? help : help + " (" + range + ")", take, numbered);
 }
 
 void Command::add_subscription(uint32_t& target) const {
@@ -186,9 +180,8 @@ CommandLine::CommandLine(bool is_in_batch)
   add_property_commands(*this);
   if (!is_in_batch) add_trace_command(*this);
   if (!is_in_batch) add_batch_command(*this);
-  auto [completion, shell] =
-      add<Shell>("completion", "print what a shell reads to complete commands, options and names", print_completion);
-  completion.add_text("shell", shell.name, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
+  auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
+  completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
   completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
   app_->footer(kNotes);
 }
@@ -211,8 +204,7 @@ void CommandLine::add_program_options(const Command& global) {
                   "(-: to standard output, and what the command prints to standard error)",
                   {.type = "FILE"});
   global.add_number("--timeout", settings_.seconds,
-                    "end with an error after that many seconds, whatever the command "
-                    "waits for",
+                    "end with an error after that many seconds, whatever the command waits for",
                     {.type = "SECONDS", .otherwise = "30 for each request, no limit for the command"}, UINT32_MAX, 1);
 }
 

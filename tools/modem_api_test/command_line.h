@@ -54,7 +54,7 @@ struct Details {
   size_t most_characters = 0;           // 0: no limit
   std::vector<std::string> words = {};  // that alone are taken; empty: all
   const char* excludes = nullptr;       // an option that cannot be given together with it
-  const char* otherwise = nullptr;  // of a number, in the help text: what holds without it; null: its target's value
+  const char* otherwise = nullptr;      // in the help: what holds without it; null: the target's value, if any
 };
 
 // Refuses a word with the reason that it returns, or takes it and returns nothing.
@@ -67,7 +67,7 @@ class Command {
   explicit Command(CLI::App& app) : app_(app) {}
 
   // Adds to the text below the options of the help: notes, and at least two examples of what follows the command's
-  // name. Every command has examples.
+  // name. A command without examples can be called without arguments.
   void add_notes(const std::string& text) const;
   void add_examples(std::initializer_list<std::string> arguments) const;
 

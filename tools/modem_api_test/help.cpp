@@ -51,7 +51,11 @@ std::string entries_of(const CLI::App& app, bool is_positional) {
   std::string lines;
   for (const CLI::Option* option : options_of(app, is_positional)) {
     lines += "  " + name_of(*option) + "  " + option->get_description();
-    if (const std::string value = option->get_default_str(); !value.empty()) lines += " (default " + value + ")";
+    if (const std::string value = option->get_default_str(); !value.empty()) {
+      const bool has_range = lines.ends_with(')');
+      if (has_range) lines.back() = ';';
+      lines += (has_range ? " default " : " (default ") + value + ")";
+    }
     if (option->get_required() && !is_positional) lines += "; required";
     for (const CLI::Option* other : option->get_excludes()) lines += "; not with " + other->get_name();
     lines += "\n";
@@ -68,6 +72,12 @@ std::string usage_of(const CLI::App& app) {
   return commands_of(app).empty() ? usage : usage + " COMMAND";
 }
 
+std::string notes_of(const CLI::App& app) {
+  const std::string notes = app.get_footer();
+  if (!commands_of(app).empty() || notes.find("Examples:\n") != notes.npos) return notes;
+  return notes + "Examples:\n  " + path_of(app) + "\n  " + path_of(app) + " --json\n";
+}
+
 std::string with_heading(const char* heading, const std::string& lines) {
   return lines.empty() ? "" : std::string(heading) + ":\n" + lines;
 }
@@ -81,11 +91,11 @@ std::string text_of(const CLI::App& app) {
   for (const CLI::App* command : commands_of(app)) {
     commands += "  " + command->get_name() + "  " + command->get_description() + "\n";
     std::smatch example;
-    const std::string notes = command->get_footer();
+    const std::string notes = notes_of(*command);
     if (std::regex_search(notes, example, std::regex("\n  .*"))) examples += example.str().substr(1) + "\n";
   }
   return summary + ".\n" + with_heading("Arguments", entries_of(app, true)) +
-         with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + app.get_footer() +
+         with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + notes_of(app) +
          (app.get_parent() == nullptr ? "" : with_heading("Examples", examples));
 }
 
@@ -186,7 +196,7 @@ std::string help_text(const CLI::App& app) {
 }
 
 std::string manual_page(const CLI::App& root, const std::string& version, const std::string& date) {
-  const std::string name = root.get_name();
+  const std::string& name = root.get_name();
   return ".TH " + name + " 1 " + date + " " + roff("\"" + name + " " + version + "\"") + ".SH NAME\n" +
          roff(name + " - " + root.get_description()) + ".SH SYNOPSIS\n.B " + roff(usage_of(root) + " ...") +
          ".SH DESCRIPTION\n" + roff_text(text_of(root), ".SH ") + ".SH Each command\n" + roff_commands(root) +

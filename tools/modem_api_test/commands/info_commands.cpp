@@ -1,6 +1,5 @@
 // info: which modem, which of its services are there, and what this build and process are to the library. props: the
 // system properties, which all processes of the system share.
-#include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,22 +26,6 @@ namespace {
 
 using platform::ModemReport;
 
-// What is printed, for scripts and for people, and the first fault that was found.
-struct Report {
-  Json document;
-  std::string text;
-  std::optional<Failure> fault;
-
-  void heading(const char* title) { text.append(title).append("\n"); }
-  void row(const std::string& label, const std::string& value) {
-    constexpr size_t kLabelWidth = 20;
-    text.append("  ").append(left_aligned(label, kLabelWidth)).append("  ").append(value).append("\n");
-  }
-  void note(const Failure& found) {
-    if (!fault) fault = found;
-  }
-};
-
 // --- services ---
 
 struct ServiceTitle {
@@ -63,12 +46,6 @@ constexpr ServiceTitle kServiceTitles[] = {
     {0x1A, "data format"},
     {0xE4, "vendor-specific"},
 };
-
-std::string number_text(uint32_t number) {
-  char text[16];
-  snprintf(text, sizeof text, "0x%02X", number);
-  return text;
-}
 
 const char* service_title(uint32_t number) {
   for (const ServiceTitle& row : kServiceTitles) {
@@ -101,9 +78,9 @@ std::string or_none(const std::string& text) {
   return text.empty() || text == "NULL" ? "none" : text;
 }
 
-void put_build(Report& report) {
-  Json& build = report.document["build"];
+Json describe_build() {
   const int32_t type = pelmar_build_type_get();
+  Json build;
   build["type"] = type >= 0 && type < static_cast<int32_t>(std::size(kBuildTypes)) ? kBuildTypes[type] : "unknown";
   build["device"] = or_none(pelmar_device_name_get());
   build["device_type"] = pelmar_get_pelmar_device_type();
@@ -111,102 +88,74 @@ void put_build(Report& report) {
   build["region"] = or_none(pelmar_build_region_get());
   build["configured_region"] = or_none(pelmar_vendor_build_region_get());
   build["default_data_sub"] = pelmar_get_default_data_sub();
-  report.heading("build and process");
-  for (const auto& [name, value] : build.items()) {
-    report.row(name, value.is_string() ? value.get<std::string>() : value.dump());
-  }
-  std::string properties;
-  for (const BuildProperty& property : kBuildProperties) {
-    const bool holds = property.holds();
-    build["is"][property.name] = holds;
-    if (holds) properties.append(properties.empty() ? "" : ", ").append(property.name);
-  }
-  report.row("is", properties);
-  const std::string name = pelmar_utils_get_pid_name();
-  const int32_t id = pelmar_utils_get_pid_number();
-  report.document["process"] = {{"name", name}, {"id", id}};
-  report.row("process", std::to_string(id) + " (" + name + ")");
+  for (const BuildProperty& property : kBuildProperties) build["is"][property.name] = property.holds();
+  return build;
 }
 
 // --- the modem ---
 
-// "process 7 (mtb)"
-std::string process_text(int32_t process) {
+Json describe_process(int32_t process) {
   std::string name = read_small_file("/proc/" + std::to_string(process) + "/comm");
   name.erase(std::min(name.find('\n'), name.size()));
-  return "process " + std::to_string(process) + " (" + (name.empty() ? "of another user" : name) + ")";
+  return {{"process", process}, {"name", name}};
 }
 
-void put_modem(Report& report, const Modem& modem, const ModemReport& found) {
-  Json& document = report.document["modem"];
-  document = {{"address", modem.address}, {"transport", found.transport}, {"own", !modem.storage.empty()}};
-  report.heading("modem");
-  report.row("address", modem.address);
-  report.row("transport", found.transport);
+Json describe_modem(const Modem& modem, const ModemReport& found) {
+  Json document = {{"address", modem.address}, {"transport", found.transport}, {"own", !modem.storage.empty()}};
   const std::string path = modem.address.substr(modem.address.starts_with("proxy:") ? 6 : 0);
   struct stat file {};
   if (stat(path.c_str(), &file) == 0) {
     const bool may_use = access(path.c_str(), R_OK | W_OK) == 0;
-    const passwd* const user = getpwuid(file.st_uid);
-    const std::string owner = user == nullptr ? std::to_string(file.st_uid) : user->pw_name;
+    const passwd* const owner = getpwuid(file.st_uid);
     char mode[8];
     snprintf(mode, sizeof mode, "%04o", file.st_mode & 07777U);
-    document["permission"] = {{"may_use", may_use}, {"mode", mode}, {"owner", owner}};
-    report.row("permission", (may_use ? "this user may use it" : "this user may not use it") + std::string(" (mode ") +
-                                 mode + ", owner " + owner + ")");
+    document["permission"] = {{"may_use", may_use},
+                              {"mode", mode},
+                              {"owner", owner == nullptr ? std::to_string(file.st_uid) : owner->pw_name}};
   }
   const UnixConnection proxy = connect_unix(kDefaultModem);
-  const int32_t process = proxy.fd ? peer_of(proxy.fd.get()).pid : 0;
-  document["proxy_process"] = proxy.fd ? Json(process) : Json();
-  report.row("qmi-proxy", proxy.fd ? process_text(process) : "none runs");
-  if (modem.storage.empty()) return;
-  const std::string start = utc_text(WallClock::from_time_t(file.st_mtim.tv_sec));
-  document.update({{"storage", modem.storage}, {"log", modem.log}, {"start", start}});
-  report.row("own modem", "simulated, since " + start + "; 'modem_api_test modem stop' ends it");
-  report.row("storage", modem.storage);
-  report.row("log", modem.log);
+  document["qmi_proxy"] = proxy.fd ? describe_process(peer_of(proxy.fd.get()).pid) : Json();
+  if (modem.storage.empty()) return document;
+  document["storage"] = modem.storage;
+  document["log"] = modem.log;
+  document["start"] = utc_text(WallClock::from_time_t(file.st_mtim.tv_sec));
+  document["stop"] = "modem_api_test modem stop";
+  return document;
 }
 
 // What the modem itself lists, whether the library uses it or not.
-void put_listed_services(Report& report, const ModemReport& found) {
-  report.heading("services of the modem");
-  Json& list = report.document["modem"]["services"] = Json::array();
+Json describe_listed(const ModemReport& found) {
+  Json list = Json::array();
   for (const auto& service : found.services) {
-    std::string version = "version " + std::to_string(service.major) + "." + std::to_string(service.minor);
-    Json row = {{"id", service.number}, {"major", service.major}, {"minor", service.minor}};
-    if (service.node) {
-      version = "version " + std::to_string(service.major) + ", instance " + std::to_string(service.instance) +
-                ", node " + std::to_string(*service.node);
-      row["instance"] = service.instance;
-      row["node"] = *service.node;
-    }
-    list.push_back(std::move(row));
-    report.row(number_text(service.number) + " " + service_title(service.number), version);
+    list.push_back({{"id", service.number},
+                    {"title", service_title(service.number)},
+                    {"major", service.major},
+                    {"minor", service.minor}});
+    if (service.node) list.back().update({{"instance", service.instance}, {"node", *service.node}});
   }
+  return list;
 }
 
 // Of this user's programs, before this one opens any.
-void put_client_ids(Report& report) {
+Json describe_client_ids() {
   std::vector<platform::HeldClientId> ids;
   pelmar_platform_list_client_ids(&ids);
-  report.heading(ids.empty() ? "client ids of this user's programs: none" : "client ids of this user's programs");
-  Json& list = report.document["client_ids"] = Json::array();
+  Json list = Json::array();
   for (const auto& id : ids) {
-    list.push_back({{"service", id.service}, {"client", id.client}, {"process", id.process}});
-    report.row(number_text(id.service) + " client " + std::to_string(id.client),
-               id.process == 0 ? "its process has ended" : process_text(id.process));
+    list.push_back({{"service", id.service}, {"client", id.client}});
+    list.back().update(id.process == 0 ? Json{{"process", nullptr}} : describe_process(id.process));
   }
+  return list;
 }
 
-// Opens the service. Returns "up", "absent", or why it cannot be opened.
-std::string probe_service(Report& report, const ServiceRow& service) {
+// Opens the service. Nothing if it is up.
+std::optional<Failure> probe_service(const ServiceRow& service) {
   const std::string step = std::string("connecting to ") + service.title;
   if (!is_present(service.type)) {
-    report.note({step, "the modem does not have it",
-                 service.type == MODEM_API_CLIENT_VS
-                     ? "Without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else."
-                     : "Wait for it with --wait, or reset the modem."});
-    return "absent";
+    const bool is_vs = service.type == MODEM_API_CLIENT_VS;
+    return Failure(step, "absent",
+                   is_vs ? "Without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else."
+                         : "Wait for it with --wait, or reset the modem.");
   }
   // One attempt: the library makes ten of them, a second apart.
   constexpr uint32_t kTimeoutMs = 5000;
@@ -214,59 +163,71 @@ std::string probe_service(Report& report, const ServiceRow& service) {
   qmi_client_os_params parameters{};
   const int32_t code = qmi_client_init_instance(service.object(), QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr,
                                                 &parameters, kTimeoutMs, &client);
-  if (code == QMI_NO_ERR) {
-    qmi_client_release(client);
-    return "up";
-  }
   const Exchange end = take_last_exchange().value_or(Exchange{code, 0});
-  const Failure failure = Failure::of_result(step, MODEM_API_ERR_GENERIC, {kNoIdLeft}, end);
-  report.note(failure);
-  return failure.reason();
+  if (code != QMI_NO_ERR) return Failure::of_result(step, MODEM_API_ERR_GENERIC, {kNoIdLeft}, end);
+  qmi_client_release(client);
+  return std::nullopt;
 }
 
-void put_services(Report& report) {
-  report.heading("services");
+// Sets `fault` to the first one.
+Json describe_services(std::optional<Failure>& fault) {
+  Json list = Json::array();
   for (const ServiceRow& service : services()) {
-    const std::string state = probe_service(report, service);
+    const std::optional<Failure> failure = probe_service(service);
+    if (!fault) fault = failure;
     const qmi_idl_service_object_type object = service.object();
     const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
-    const std::string name = service.name;
-    report.document["services"].push_back(
-        {{"service", name}, {"id", object->service_id}, {"version", version}, {"up", state == "up"}, {"state", state}});
-    report.row(name + " " + version, state);
+    list.push_back({{"service", service.name},
+                    {"id", object->service_id},
+                    {"version", version},
+                    {"up", !failure},
+                    {"state", failure ? failure->reason() : "up"}});
   }
-  const bool is_exhausted = report.fault && report.fault->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
-  report.document["client_ids_exhausted"] = is_exhausted;
-  report.row("client ids", is_exhausted ? "exhausted" : "not exhausted");
+  return list;
 }
 
-void put_properties(Report& report);
+Json set_properties();
+
+// "a 1, b 2" for an object.
+std::string inline_text(const Json& value) {
+  if (value.is_string()) return value.get<std::string>();
+  if (!value.is_object()) return value.is_null() ? "none" : value.dump();
+  std::string text;
+  for (const auto& [name, member] : value.items())
+    text += (text.empty() ? "" : ", ") + name + " " + inline_text(member);
+  return text;
+}
 
 void show_info(const Context& context, const NoValues&) {
-  Report report;
-  ModemReport found;
   const Modem& modem = context.session.modem();
+  ModemReport found;
+  std::optional<Failure> fault;
   try {
     context.session.inspect(found);
   } catch (const Failure& failure) {
-    report.note(failure);
+    fault = failure;
   }
-  put_modem(report, modem, found);
-  put_listed_services(report, found);
-  put_client_ids(report);
-  if (!report.fault) put_services(report);
-  put_properties(report);
-  put_build(report);
-  std::string next = "Nothing is wrong; 'modem_api_test signal' shows what the radio receives.";
-  if (report.fault) {
-    next = report.fault->advice().empty() ? report.fault->reason() : report.fault->advice();
-    report.text += report.fault->headline() + "\n";
+  Json document = {{"modem", describe_modem(modem, found)}, {"listed_services", describe_listed(found)}};
+  document["client_ids"] = describe_client_ids();
+  if (!fault) document["services"] = describe_services(fault);
+  document["client_ids_exhausted"] = fault && fault->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+  document["properties"] = set_properties();
+  document["build"] = describe_build();
+  document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
+  document["fault"] = fault ? Json(fault->headline()) : Json();
+  document["next_step"] = !fault                    ? "'modem_api_test signal' shows what the radio receives."
+                          : fault->advice().empty() ? fault->reason()
+                                                    : fault->advice();
+  std::string text;
+  for (const auto& [title, part] : document.items()) {
+    text += title + (part.is_structured() ? part.empty() ? ": none" : "" : ": " + inline_text(part)) + "\n";
+    if (!part.is_structured()) continue;
+    for (const auto& [name, value] : part.items()) {
+      text += "  " + (part.is_array() ? "" : left_aligned(name, 20) + "  ") + inline_text(value) + "\n";
+    }
   }
-  report.document["fault"] = report.fault ? Json(report.fault->headline()) : Json();
-  report.document["next_step"] = next;
-  report.text += "next step: " + next;
-  context.output.print(report.document, report.text);
-  if (report.fault) throw *report.fault;
+  context.output.print(document, text);
+  if (fault) throw *fault;
 }
 
 // --- props ---
@@ -313,16 +274,12 @@ std::string read_property(const std::string& name) {
   return value;
 }
 
-// Those that are set.
-void put_properties(Report& report) {
-  report.heading("properties that are set");
-  Json& values = report.document["properties"] = Json::object();
+Json set_properties() {
+  Json values = Json::object();
   for (const Property& property : kProperties) {
-    const std::string value = read_property(property.name);
-    if (value.empty()) continue;
-    values[property.name] = value;
-    report.row(property.name, value);
+    if (const std::string value = read_property(property.name); !value.empty()) values[property.name] = value;
   }
+  return values;
 }
 
 struct PropertyValues {
@@ -369,8 +326,7 @@ void list_properties(const Context& context, const NoValues&) {
 }  // namespace
 
 void add_info_command(CommandLine& line) {
-  line.add("info", "show the modem, its services, and this build's identity", show_info)
-      .first.add_examples({"", "--modem /dev/cdc-wdm0 --json"});
+  line.add("info", "show the modem, its services, and this build's identity", show_info);
 }
 
 void add_property_commands(CommandLine& line) {
@@ -391,8 +347,7 @@ void add_property_commands(CommandLine& line) {
     static_assert(PROPERTY_VALUE_MAX == 92);
     command.add_examples({"persist.radio.multisim.config ssss", "persist.radio.default_data_sub 1"});
   }
-  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties)
-      .first.add_examples({"", "--json"});
+  line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties);
 }
 
 }  // namespace pelmar::cli

@@ -413,7 +413,6 @@ void add_item_commands(CommandLine& line) {
     command.add_number("--mode", values.mode, "the mode; only with 0 are the value and the option sent");
     command.add_number("--value", values.value, "the value");
     command.add_number("--option", values.option, "the option");
-    command.add_examples({"", "--mode 1"});
   }
   {
     auto [command, values] = line.add("raw", "send a pass-through command of at most 512 bytes", send_raw);

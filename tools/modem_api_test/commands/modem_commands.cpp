@@ -318,12 +318,10 @@ void add_modem_commands(CommandLine& line) {
     };
     auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);
     confirmation.add_to(command);
-    command.add_examples({"", "--yes"});
   }
 
   CLI::App& modem = line.add_group("modem", "the simulated modem that this program starts where none is named");
-  line.add<NoValues>(modem, "stop", "end it; its storage stays, and the next command starts it again", stop_modem)
-      .first.add_examples({"", "--json"});
+  line.add<NoValues>(modem, "stop", "end it; its storage stays, and the next command starts it again", stop_modem);
 
   CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
   {
@@ -332,10 +330,8 @@ void add_modem_commands(CommandLine& line) {
     command.add_duration(values.seconds, "take the vote back after that many seconds");
     command.add_examples({"", "--for 10"});
   }
-  line.add<NoValues>(power, "release", "end every 'power vote' that runs", release)
-      .first.add_examples({"", "--timeout 5"});
-  line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status)
-      .first.add_examples({"", "--json"});
+  line.add<NoValues>(power, "release", "end every 'power vote' that runs", release);
+  line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status);
   {
     auto [command, values] = line.add<WatchValues>(power, "watch", "follow the steps of the power as they come", watch);
     add_device(command, values.device);
@@ -345,8 +341,7 @@ void add_modem_commands(CommandLine& line) {
   }
 
   CLI::App& ssr = line.add_group("ssr", "what happens when the modem crashes: the restart type");
-  line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type)
-      .first.add_examples({"", "--json"});
+  line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type);
   {
     auto [command, values] = line.add<SetValues>(ssr, "set", "switch the restart type", set_type);
     std::vector<std::string> words;
@@ -355,12 +350,12 @@ void add_modem_commands(CommandLine& line) {
                      {.is_required = true, .words = words});
     command.add_examples({"ssr", "def"});
   }
-  line.add<NoValues>(ssr, "name", "show the restart level's text", show_name).first.add_examples({"", "--json"});
+  line.add<NoValues>(ssr, "name", "show the restart level's text", show_name);
   {
     auto [command, values] = line.add<WaitValues>(ssr, "wait", "wait while a restart settles", wait);
     command.add_number("seconds", values.seconds, "how long",
                        {.type = "SECONDS", .otherwise = "what persist.radio.ssr_wait_s has, else 5"}, 3600, 0);
-    command.add_examples({"", "2"});
+    command.add_examples({"0", "2"});
   }
 }
 

@@ -262,9 +262,8 @@ void add_radio_commands(CommandLine& line) {
   {
     auto [command, values] = line.add("cell-info", "show where the subscriptions are camped", show_cell_info);
     command.add_subscription(values.sub);
-    command.add_examples({"", "--sub 0 --json"});
   }
-  line.add("drx", "show the DRX setting of subscription 0", show_drx).first.add_examples({"", "--json"});
+  line.add("drx", "show the DRX setting of subscription 0", show_drx);
   {
     CLI::App& group = line.add_group("lock", "lock a subscription to cells");
     auto [command, values] =

@@ -358,7 +358,7 @@ void add_signal_command(CommandLine& line) {
   auto [command, values] = line.add("signal", "show, watch or record what the radio receives", run_signal);
   command.add_subscription(values.sub);
   command.add_flag("-w,--watch", values.watch, "a live view; lines where standard output is no terminal");
-  command.add_number("--rate", values.rate, "readings a second; default 2", kHighestRate, 1);
+  command.add_number("--rate", values.rate, "readings a second, 2 without it", kHighestRate, 1);
   command.add_number("--count", values.count, "end after that many readings", {.otherwise = "no limit"});
   command.add_duration(values.seconds);
   command.add_text("--csv", values.csv, "record to this file (-: standard output)", {.type = "FILE"});

@@ -312,7 +312,6 @@ void add_stats_commands(CommandLine& line) {
   {
     auto command = line.add<NoValues>(group, "list", "list the statistics with their fields", list_statistics).first;
     command.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
-    command.add_examples({"", "--json"});
   }
   {
     auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
@@ -364,12 +363,10 @@ void add_statistics_commands(CommandLine& line) {
     auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
     command.add_subscription(values.sub, "that of the default data");
     command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = "--sub"});
-    command.add_examples({"", "--max --json"});
   }
   {
     auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
     command.add_subscription(values.sub);
-    command.add_examples({"", "--sub 1 --json"});
   }
   {
     auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);
