@@ -165,11 +165,10 @@ CommandLine::CommandLine(bool is_in_batch)
   app_->fallthrough();  // global options may stand behind the command
   app_->require_subcommand(1);
   app_->formatter_fn([](const CLI::App* app, const std::string&, CLI::AppFormatMode) { return help_text(*app); });
-  app_->set_help_flag("-h,--help", "describe the program, or the command");
-  app_->set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
   const Command global(*app_);
-  global.add_flag("--json", settings_.json, "print JSON, one document a line");
+  app_->set_help_flag();
   if (!is_in_batch) add_program_options(global);
+  global.add_flag("--json", settings_.json, "print JSON, one document a line");
   add_info_command(*this);
   add_item_commands(*this);
   add_events_command(*this);
@@ -189,6 +188,8 @@ CommandLine::CommandLine(bool is_in_batch)
 CommandLine::~CommandLine() = default;
 
 void CommandLine::add_program_options(const Command& global) {
+  app_->set_help_flag("-h,--help", "describe the program, or the command");
+  app_->set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
   global.add_text(
       "--modem", settings_.modem,
       "the modem: a socket's path or @NAME, a device such as /dev/cdc-wdm0, proxy:DEVICE, qrtr or qrtr:NODE "

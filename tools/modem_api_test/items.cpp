@@ -85,7 +85,7 @@ FileItem parse_item(const Kind& kind, const std::vector<std::string>& words) {
         static_cast<uint16_t>(number_of(word[1], *word, max));
   }
   std::string digits;
-  for (auto word = equals + 1; word != words.end(); ++word) digits += *word + " ";
+  for (auto word = equals + 1; word != words.end(); ++word) digits.append(digits.empty() ? "" : " ").append(*word);
   item.data = parse_hex(digits);
   if (item.data.size() > MODEM_API_MAX_ITEM_BYTES) throw Failure::of_usage("an item has at most 256 bytes");
   item.data.reserve(1);  // the library takes no null pointer, also for no bytes

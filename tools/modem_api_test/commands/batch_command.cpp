@@ -74,7 +74,7 @@ void add_batch_command(CommandLine& line) {
       "in \"documents\" where that is not one document. Commands that go on for ever need --for SECONDS. The exit "
       "status "
       "is 1 where a command failed.");
-  command.add_examples({"commands.txt", "--stop-on-error <commands.txt"});
+  command.add_examples({"commands.txt", "--stop-on-error commands.txt"});
   command.add_text("file", values.file, "the commands (-: standard input)", {.type = "FILE"});
   command.add_flag("--stop-on-error", values.stops, "end after the first command that fails");
 }
