@@ -33,4 +33,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pelmar_modemapi.pc DESTINATION ${CMAKE
 
 if(PELMAR_TOOLS)
   install(FILES docs/man/modem_sim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/modem_api_test/json_schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pelmar)
 endif()

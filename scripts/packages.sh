@@ -2,7 +2,7 @@
 # source this file.
 
 PACKAGES_BUILD="g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev"
-PACKAGES_TEST="libgtest-dev libgmock-dev libqmi-utils prometheus-cpp-dev python3"
+PACKAGES_TEST="libgtest-dev libgmock-dev libqmi-utils prometheus-cpp-dev python3 python3-jsonschema"
 PACKAGES_CI="clang clang-format clang-tidy libclang-rt-14-dev libc++-14-dev libc++abi-14-dev googletest mandoc prometheus zsh"
 PACKAGES_ARM64="g++-aarch64-linux-gnu qemu-user googletest"
 PACKAGES_QRTR="qemu-system-x86 libqmi-utils"

@@ -32,20 +32,22 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
 }
 
 TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
-  expect({{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"accepted\":1}\n"},
+  expect({{"client raw 01 --verbose --json 2>/dev/null", 0, "{\"type\":\"raw\",\"accepted_bytes\":1}\n"},
           {"head -c 257 /dev/zero | client nv write 1 @- --verbose 2>/dev/null | wc -c", 0, "0\n"},
           {"client raw --async --text ping --json", 0,
-           "{\"sent\":4}\n{\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
-           "{\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
+           "{\"type\":\"raw\",\"sent_bytes\":4}\n"
+           "{\"type\":\"raw\",\"callback\":\"data\",\"length\":4,\"data\":\"70696e67\",\"text\":\"ping\"}\n"
+           "{\"type\":\"raw\",\"callback\":\"end\",\"name\":\"MODEM_API_RESP_END\"}\n"},
           {"client nv write 1 0a", 0, "NV item 1: 1 byte written\n"},
           {"head -c 256 /dev/urandom >whole; client nv write 2 @whole >w; client nv read 2 -o - | cmp - whole", 0, ""},
           {"cat whole whole | client raw @- --async --json", 0, R"("callback":"data","length":512,)"},
           {"client efs-sync", 0, "EFS: synchronised\n"},
           {"head -c 257 /dev/zero | client nv write 1 @- --json", 1,
-           R"("name":"MODEM_API_ERR_INVALID_PARAM","advice":"An item has at most 256)"},
-          {"client nv read 1 --json", 0, "{\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
+           R"("name":"MODEM_API_ERR_INVALID_PARAM"},"advice":"An item has at most 256)"},
+          {"client nv read 1 --json", 0,
+           "{\"type\":\"nv-read\",\"item\":1,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"0a\"}\n"},
           {"client nv read 1 --index 1", 1, "entry (MODEM_API_ERR_GENERIC, 1)\n  Nothing is stored there"},
-          {"client nv read 3 --json", 1, R"("qmi_error":50,"qmi_error_name":"no entry","advice":"Nothing is)"},
+          {"client nv read 3 --json", 1, R"("qmi_error":{"number":50,"name":"NO_ENTRY"},"advice":"Nothing is)"},
           {"client nv read 3 --verbose 2>&1 >/dev/null", 1, ": -> service 0xe4 request 0x"},
           {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
           {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"}});
@@ -58,6 +60,79 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
             {with("delete"), 0, "deleted"},
             {with("read"), 1, "failed: QMI error 50, no entry"}});
   }
+}
+
+TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
+  expect({{"client nv write 10 --text hello >w; client nv write 11 @/dev/null --index 2 --qualifier 1 >w", 0, ""},
+          {"client nv dump 0-20 | tail -n +2; client nv dump 11 --index 2 --qualifier 1 | tail -n +2", 0,
+           "nv 10 = 68 65 6c 6c 6f  # hello\n# 21 NV items: 1 found, 20 absent, 0 not tried\n"
+           "nv 11 qualifier 1 index 2 = \n# 1 NV item: 1 found, 0 not tried\n"},
+          {"client efs-path write \"/a 'b\" 01 >w; client efs-path dump \"/a 'b\" /c >p; sed -n 2p p", 0,
+           "efs-path '/a '\\''b' = 01\n"},
+          {"client efs-path delete \"/a 'b\" >w; client efs-path restore p -y && client efs-path diff p", 0,
+           "1 EFS file: 1 written, 0 not tried\n# 1 EFS file: 1 same, 0 not tried\n"},
+          {"client nv dump 1-2097152", 2, "more than 1048576 NV items are named"},
+          {"client nv dump 20-10x", 2, "'10x' is no item"},
+          {"client nv restore none", 1, "checking 'none' failed: No such file"}});
+  for (const auto& [line, problem] : {std::pair("nv 5 = 0", "the end after"),
+                                      {"nv 5 0a", "not of the form"},
+                                      {"efs 5 = 01", "not of the form"},
+                                      {"nv 5 index 65536 = 01", "'65536' is no index"},
+                                      {"nv 5 slot 1 = 01", "'slot' is not"},
+                                      {"nv 4 = 02", "in line 1 already"},
+                                      {"nv 5 = \"01", "has no end"},
+                                      {"nv x = 01", "'x' is no item"}}) {
+    const std::string restore = std::string("printf 'nv 4 = 01 # one\n\n") + line + "\n' | client nv restore - --yes";
+    expect({{restore, 1, "it has 1 wrong line\n  line 3: "}, {restore, 1, problem}});
+  }
+  expect({{"for i in $(seq 30); do echo nv; done | client nv restore - -y", 1, "and 10 more\n  Nothing was sent"},
+          {"client nv read 4", 1, "no entry"},
+          {"printf 'nv 10 = 68\\r\\nnv 12 = 0a\\nnv 13 =\\n' >f; client nv diff f 2>/dev/null", 1,
+           "-nv 10 = 68  # h\n+nv 10 = 68 65 6c 6c 6f  # hello\n-nv 12 = 0a\n-nv 13 = \n"
+           "# 3 NV items: 0 same, 1 different, 2 absent, 0 not tried\n"},
+          {"client nv restore f </dev/null", 1, "--yes"},
+          {"client nv restore f --dry-run; client nv read 12", 1, "no entry"}});
+  ctl("silence vs");
+  Process restore = start("nv restore " + path("f") + " --yes");
+  EXPECT_TRUE(wait_for_silenced_request());
+  EXPECT_EQ(kill(restore.process(), SIGINT), 0);
+  EXPECT_EQ(restore.rest(),
+            "line 1, NV item 10: no response came before the end; it may be written\n"
+            "3 NV items: 0 written, 1 lost, 2 not tried (from NV item 12 on)\n");
+  EXPECT_EQ(restore.end(), 128 + SIGINT);
+  ctl("clear");
+  ctl("error 3 vs any 1");
+  expect({{"client nv restore f --yes 2>/dev/null", 1,
+           "line 1, NV item 10: QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)\n"
+           "3 NV items: 2 written, 1 refused, 0 not tried\n"}});
+}
+
+TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
+  Process batch = start("batch");
+  for (const auto& [line, text] :
+       {std::pair("# comment\n\nstats report on", R"({"type":"stats-report","line":3,)"),
+        {"nv read 'x", R"({"type":"error","line":4,"command":"batch","reason":"a quotation)"},
+        {"nv read 1", R"({"type":"error","line":5,"command":"nv-read","step":)"},
+        {"stats report off --client 0", R"({"type":"stats-report","line":6,"report":false)"},
+        {"tx-power", R"({"type":"tx-power","line":7,)"},
+        {"sys-mode", R"({"type":"batch","line":8,"command":"sys-mode","documents":[{"type":"sys-mode","sub":0)"},
+        {"events --count 1", "needs an end"},
+        {"nv write 1 @-", "reading the data from standard input"},
+        {"nv write 1 --text '# \"a\\b\"'  # comment", R"("written_bytes":7})"},
+        {"nv read 1 --help", R"("reason":")"},
+        {"reset -y", R"("done":"reset")"}}) {
+    batch.send_line(line);
+    EXPECT_THAT(batch.line(), HasSubstr(text)) << line;
+  }
+  EXPECT_TRUE(wait_for_status(R"("state":"ready")"));
+  batch.send_line("nv read 1");
+  EXPECT_THAT(batch.line(), HasSubstr(R"x("text":"# \"a\\b\""})x"));
+  batch.finish();
+  EXPECT_EQ(batch.rest(), "");
+  EXPECT_EQ(batch.end(), 1);
+  expect(
+      {{"printf 'nv read 9\\nnv read 1' >b; client batch b >w; wc -l <w; client batch b --stop-on-error >w; wc -l <w",
+        0, "2\n1\n"}});
 }
 
 // The program's output must not go to a connection to the modem or to a file.
@@ -101,7 +176,7 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
           {"client feature on && client feature off --number 7 && client feature", 0,
            "modem feature 2: on\nmodem feature 7: off\nmodem feature 2: on\n"},
           {"client stats clear 0x1234 --sub 1 && client stats get 0x1234 --sub 1 --json", 0, R"("data":"000000")"},
-          {"client stats report on --json", 0, "{\"report\":true,\"stats_client_id\":0}\n"},
+          {"client stats report on --json", 0, "{\"type\":\"stats-report\",\"report\":true,\"stats_client_id\":0}\n"},
           {"client stats report off --client 0", 1, "valid in the program that it was granted to"},
           {"client stats deregister lte-pcc --client 0", 1, "valid in the program that it was granted to"}});
   for (const char* command : {"report-period 10", "clock run"}) ctl(command);
@@ -231,13 +306,15 @@ TEST_F(ClientTest, PropertiesAndTheRestartTypeAreReadSwitchedAndRestored) {
           {"client props set 'a b' c", 1, "the platform refused it"},
           {"client ssr name", 0, "CONFIG_EMPTY\n"},
           {"client props set persist.vendor.ssr.restart_level ALL_DISABLE", 0, ""},
-          {"client ssr get --json", 0, "{\"type\":0,\"name\":\"MODEM_RESTART_LEVEL_ID_DEF\"}\n"},
-          {"client ssr set ssr --json", 0, R"({"type":1,"name":"MODEM_RESTART_LEVEL_ID_SSR","written":true})"},
+          {"client ssr get --json", 0,
+           "{\"type\":\"ssr-get\",\"restart_type\":0,\"name\":\"MODEM_RESTART_LEVEL_ID_DEF\"}\n"},
+          {"client ssr set ssr --json", 0,
+           R"({"type":"ssr-set","restart_type":1,"name":"MODEM_RESTART_LEVEL_ID_SSR","written":true})"},
           {"client ssr set ssr --json", 0, R"("written":false)"},
           {"client ssr get", 0, "restart type ssr (1): a crashed modem restarts alone\n"},
           {"client props get persist.vendor.ssr.restart_level", 0, "ALL_ENABLE\n"},
           {"client ssr set def && client ssr name", 0, "restart type def: written\nALL_DISABLE\n"},
-          {"client ssr wait 0 --json", 0, "{\"waited_s\":0}\n"}});
+          {"client ssr wait 0 --json", 0, "{\"type\":\"ssr-wait\",\"waited_seconds\":0}\n"}});
 }
 
 // --- the modem's power ---
@@ -252,7 +329,7 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
   EXPECT_TRUE(prints(watch, R"("event":1})"));
   Process vote = start("power vote");
   EXPECT_TRUE(prints(vote, "modem on-line"));
-  expect({{"client power status --json", 0, R"({"power":"on-line","votes":1,)"},
+  expect({{"client power status --json", 0, R"({"type":"power-status","power":"on-line","votes":1,)"},
           {"client power vote --device toaster", 1, "it has no such peripheral"},
           {"client power release", 0, "votes: 1 released, 0 left\n"}});
   EXPECT_THAT(vote.rest(), HasSubstr("vote taken back"));
@@ -260,7 +337,8 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
     EXPECT_TRUE(prints(watch, step)) << step;
   }
   EXPECT_EQ(watch.end(), 0);
-  expect({{"client power vote --for 1 --json | tail -n 1", 0, "{\"vote\":\"released\",\"device\":\"modem\"}\n"}});
+  expect({{"client power vote --for 1 --json | tail -n 1", 0,
+           "{\"type\":\"power-vote\",\"vote\":\"released\",\"device\":\"modem\"}\n"}});
 }
 
 TEST_F(PowerTest, TheLossOfTheManagerIsReported) {

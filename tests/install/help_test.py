@@ -34,7 +34,7 @@ ZSH = """compset() {{ [[ $words[CURRENT] == @* ]] }}; _files() {{ print -l file 
          words=("{program}" "${{@:2}}"); CURRENT=$#; source "{script}" """
 COMPLETIONS = {
     ("inf",): ["info"],
-    ("--json", "nv", ""): ["read", "write", "delete"],
+    ("--json", "nv", ""): ["read", "write", "delete", "dump", "restore", "diff"],
     ("efs-path", "wr"): ["write"],
     ("lock", "lte", "--y"): ["--yes"],
     ("lock", "lte", "--js"): ["--json"],

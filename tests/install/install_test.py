@@ -44,7 +44,7 @@ def main(build, project, cxx):
         run("cmake", "--install", build, "--prefix", prefix)
         run(prefix / "bin" / "modem_api_test", "--help")
         for path in ("man/man1/modem_api_test.1", "man/man1/modem_sim.1", "bash-completion/completions/modem_api_test",
-                     "zsh/site-functions/_modem_api_test"):
+                     "zsh/site-functions/_modem_api_test", "pelmar/json_schema.json"):
             assert (prefix / "share" / path).is_file(), path
 
         text = pathlib.Path(project, "docs/first-program.md").read_text()

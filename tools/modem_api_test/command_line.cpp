@@ -156,20 +156,44 @@ void Command::add_duration(uint32_t& target, const std::string& help) const {
 
 // --- the line ---
 
-CommandLine::CommandLine()
+void Context::require_end(uint32_t seconds) const {
+  if (output.is_batch() && seconds == 0) throw Failure::of_usage("in a batch it needs an end", "Add --for SECONDS.");
+}
+
+CommandLine::CommandLine(bool is_in_batch)
     : app_(std::make_unique<CLI::App>("client of the cellular modem, through libpelmar_modemapi", kProgram)) {
   app_->fallthrough();  // global options may stand behind the command
   app_->require_subcommand(1);
   app_->formatter_fn([](const CLI::App* app, const std::string&, CLI::AppFormatMode) { return help_text(*app); });
+  const Command global(*app_);
+  app_->set_help_flag();
+  if (!is_in_batch) add_program_options(global);
+  global.add_flag("--json", settings_.json, "print JSON, one document a line");
+  add_info_command(*this);
+  add_item_commands(*this);
+  add_events_command(*this);
+  add_signal_command(*this);
+  add_statistics_commands(*this);
+  add_radio_commands(*this);
+  add_modem_commands(*this);
+  add_property_commands(*this);
+  if (!is_in_batch) add_batch_command(*this);
+  auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
+  completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
+  completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
+  app_->footer(kNotes);
+}
+
+CommandLine::~CommandLine() = default;
+
+void CommandLine::add_program_options(const Command& global) {
   app_->set_help_flag("-h,--help", "describe the program, or the command");
   app_->set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
-  const Command global(*app_);
   global.add_text(
       "--modem", settings_.modem,
       "the modem: a socket's path or @NAME, a device such as /dev/cdc-wdm0, proxy:DEVICE, qrtr or qrtr:NODE "
       "(default: PELMAR_MODEM)",
       {.type = "MODEM"});
-  global.add_flag("--json", settings_.json, "print JSON, one document a line");
   global.add_flag("-v,--verbose", settings_.verbose, "show messages and errors, on standard error");
   global.add_flag("--wait", settings_.waits, "wait for a modem that is not there yet");
   global.add_flag("--phone-rules", settings_.phone_rules,
@@ -182,21 +206,24 @@ CommandLine::CommandLine()
   global.add_number("--timeout", settings_.seconds,
                     "end with an error after that many seconds, whatever the command waits for",
                     {.type = "SECONDS", .otherwise = "30 for each request, no limit for the command"}, UINT32_MAX, 1);
-  add_info_command(*this);
-  add_item_commands(*this);
-  add_events_command(*this);
-  add_signal_command(*this);
-  add_statistics_commands(*this);
-  add_radio_commands(*this);
-  add_modem_commands(*this);
-  add_property_commands(*this);
-  auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
-  completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
-  completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
-  app_->footer(kNotes);
 }
 
-CommandLine::~CommandLine() = default;
+std::string CommandLine::command() const {
+  std::string words = path_of(last_command(*app_));
+  std::replace(words.begin(), words.end(), ' ', '-');
+  return words.substr(std::min(words.size(), std::string(kProgram).size() + 1));
+}
+
+std::optional<Failure> CommandLine::run(const Context& context) const {
+  try {
+    action_(context);
+    return std::nullopt;
+  } catch (const Failure& failure) {
+    return failure;
+  } catch (const std::exception& error) {
+    return Failure("the command", error.what());
+  }
+}
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
   const std::string first = argc > 1 ? argv[1] : "";

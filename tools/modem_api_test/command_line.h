@@ -28,6 +28,9 @@ struct Context {
   Session& session;
   Inbox& inbox;
   Signals& signals;
+
+  // For a command that goes on for that long, 0 for ever: throws where that is in a batch.
+  void require_end(uint32_t seconds) const;
 };
 
 // Of a command without options.
@@ -110,17 +113,22 @@ class Command {
 
 class CommandLine {
  public:
-  CommandLine();
+  // `is_in_batch`: of a line of a batch, which has no options of the program and no batch in it.
+  explicit CommandLine(bool is_in_batch = false);
   ~CommandLine();
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
-  // Returns the exit status when there is nothing to run: help was asked for. Of a wrong line, run() throws the
+  // Returns the exit status when there is nothing to run: help was asked for. Of a wrong line, run() returns the
   // failure.
   std::optional<int> parse(int argc, char** argv);
 
+  // The words of the command that parse() found, also of a wrong line, joined by "-"; empty for none.
+  std::string command() const;
+
   const Settings& settings() const { return settings_; }
-  void run(const Context& context) const { action_(context); }
+  // Returns what ended the command, where that is no success.
+  std::optional<Failure> run(const Context& context) const;
 
   CLI::App& root() { return *app_; }
 
@@ -148,6 +156,7 @@ class CommandLine {
  private:
   using Run = std::function<void(const Context&)>;
 
+  void add_program_options(const Command& global);
   CLI::App& add_app(CLI::App& group, const std::string& name, const std::string& summary, Run run);
 
   const std::unique_ptr<CLI::App> app_;
@@ -200,5 +209,6 @@ void add_statistics_commands(CommandLine& line);
 void add_radio_commands(CommandLine& line);
 void add_modem_commands(CommandLine& line);
 void add_property_commands(CommandLine& line);
+void add_batch_command(CommandLine& line);
 
 }  // namespace pelmar::cli

@@ -107,7 +107,7 @@ constexpr EventRow kEvents[] = {
 
 Description describe_event(const Arrival& event) {
   Description out;
-  out.document = {{"time", utc_text(event.time)}, {"event", event.number}};
+  out.document = {{"type", "event"}, {"time", utc_text(event.time)}, {"event", event.number}};
   out.text = local_text(event.time) + "  event " + std::to_string(event.number) + ": ";
   for (const EventRow& row : kEvents) {
     if (row.id != event.number) continue;
@@ -123,9 +123,11 @@ Description describe_event(const Arrival& event) {
 Description describe_notice(const Arrival& notice) {
   const bool is_up = notice.number == MODEM_API_NOTICE_SERVICE_UP;
   const ServiceRow& service = service_of(notice.client_type);
-  return {
-      {{"time", utc_text(notice.time)}, {"notice", is_up ? "service_up" : "service_down"}, {"service", service.name}},
-      local_text(notice.time) + "  " + service.title + " is " + (is_up ? "up" : "down")};
+  return {{{"type", "notice"},
+           {"time", utc_text(notice.time)},
+           {"notice", is_up ? "service_up" : "service_down"},
+           {"service", service.name}},
+          local_text(notice.time) + "  " + service.title + " is " + (is_up ? "up" : "down")};
 }
 
 // A payload shorter than its event's structure is shown as the bytes that it is.
@@ -236,7 +238,7 @@ void EventFollower::follow_until(std::optional<Clock::time_point> deadline, cons
 
 void EventFollower::print(const Json& document, const std::string& text) const {
   const auto now = WallClock::now();
-  Json dated = {{"time", utc_text(now)}};
+  Json dated = {{"type", "notice"}, {"time", utc_text(now)}};
   dated.update(document);
   context_.output.print(dated, local_text(now) + "  " + text);
 }
@@ -269,6 +271,7 @@ struct EventValues {
 };
 
 void follow_events(const Context& context, const EventValues& values) {
+  context.require_end(values.limits.seconds);
   // Events do not need the other services: each is opened as soon as it is there.
   std::vector<modem_api_client_type> absent;
   const auto open_services = [&] {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -88,10 +89,20 @@ constexpr ErrorName kErrorNames[] = {
     {118, "operation in progress"},
 };
 
-const char* qmi_error_name(uint32_t error) {
+// Null for an error without name.
+const char* find_qmi_error_name(uint32_t error) {
   const auto row = std::find_if(std::begin(kErrorNames), std::end(kErrorNames),
                                 [error](const auto& each) { return each.error == error; });
-  return row != std::end(kErrorNames) ? row->name : "an unknown error";
+  return row != std::end(kErrorNames) ? row->name : nullptr;
+}
+
+// "no entry" is NO_ENTRY.
+Json qmi_error_symbol(uint32_t error) {
+  const char* const name = find_qmi_error_name(error);
+  if (name == nullptr) return {};
+  std::string symbol = name;
+  for (char& character : symbol) character = character == ' ' ? '_' : static_cast<char>(toupper(character));
+  return symbol;
 }
 
 void show_message(const Observation& message) {
@@ -186,7 +197,8 @@ std::string describe(const Exchange& exchange) {
   }
   if (exchange.code != QMI_NO_ERR) return "code " + std::to_string(exchange.code) + " of the QMI framework";
   if (exchange.error == 0) return "";
-  return "QMI error " + std::to_string(exchange.error) + ", " + qmi_error_name(exchange.error);
+  const char* const name = find_qmi_error_name(exchange.error);
+  return "QMI error " + std::to_string(exchange.error) + ", " + (name != nullptr ? name : "an unknown error");
 }
 
 const ResultCode& describe_result(int32_t code) {
@@ -237,27 +249,34 @@ Failure Failure::of_usage(std::string reason, std::string advice) {
   return failure;
 }
 
-Failure Failure::of_closed_output() {
-  Failure failure("writing the output", "nobody reads it");
+Failure Failure::of_silence() {
+  Failure failure("", "what failed is printed already");
   failure.is_silent_ = true;
   return failure;
 }
 
+bool Failure::is_loss() const {
+  if (!exchange_) return code_ && *code_ != MODEM_API_ERR_INVALID_PARAM;
+  if (exchange_->code != QMI_NO_ERR) return exchange_->code == QMI_SERVICE_ERR || exchange_->code == QMI_TIMEOUT_ERR;
+  return exchange_->error == QMI_ERR_INVALID_CLIENT_ID_V01 || exchange_->error == QMI_ERR_DEVICE_NOT_READY_V01;
+}
+
 Json Failure::json() const {
-  Json error;
+  Json error = {{"type", "error"}};
   if (!step_.empty()) error["step"] = step_;
-  error["reason"] = reason_;
-  if (code_) {
-    error["code"] = *code_;
-    error["name"] = describe_result(*code_).name;
-  }
+  error.update(causes());
+  if (!advice_.empty()) error["advice"] = advice_;
+  return error;
+}
+
+Json Failure::causes() const {
+  Json error = {{"reason", reason_}};
+  if (code_) error["result"] = {{"number", *code_}, {"name", describe_result(*code_).name}};
   if (exchange_ && exchange_->code != QMI_NO_ERR) error["framework_code"] = exchange_->code;
   if (exchange_ && exchange_->code == QMI_NO_ERR && exchange_->error != 0) {
-    error["qmi_error"] = exchange_->error;
-    error["qmi_error_name"] = qmi_error_name(exchange_->error);
+    error["qmi_error"] = {{"number", exchange_->error}, {"name", qmi_error_symbol(exchange_->error)}};
   }
-  if (!advice_.empty()) error["advice"] = advice_;
-  return {{"error", std::move(error)}};
+  return error;
 }
 
 void check(modem_api_result result, const std::string& step, std::initializer_list<Advice> advices) {

@@ -72,8 +72,8 @@ class Failure : public std::exception {
   // The command line is wrong.
   static Failure of_usage(std::string reason, std::string advice = "");
 
-  // The reader of the output has gone: nothing is reported.
-  static Failure of_closed_output();
+  // The reader of the output has gone, or what failed is printed already: nothing is reported.
+  static Failure of_silence();
 
   const char* what() const noexcept override { return text_.c_str(); }
   int exit_status() const { return status_; }
@@ -82,7 +82,9 @@ class Failure : public std::exception {
   uint32_t qmi_error() const { return exchange_ ? exchange_->error : 0; }     // 0: there is none
   std::string headline() const { return text_.substr(0, text_.find('\n')); }  // without the advice
   bool is_silent() const { return is_silent_; }
+  bool is_loss() const;  // of the connection to the modem, which has to be opened again
   Json json() const;
+  Json causes() const;  // the reason and the codes alone
 
  private:
   std::string step_;

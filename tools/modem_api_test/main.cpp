@@ -1,6 +1,5 @@
 // modem_api_test: the library's command-line client.
 #include <cstdlib>
-#include <exception>
 #include <optional>
 #include <string>
 
@@ -10,18 +9,6 @@
 namespace {
 
 using namespace pelmar::cli;
-
-// Whatever ended the command, as a failure that can be reported.
-std::optional<Failure> run_command(const CommandLine& line, const Context& context) {
-  try {
-    line.run(context);
-    return std::nullopt;
-  } catch (const Failure& failure) {
-    return failure;
-  } catch (const std::exception& error) {
-    return Failure("the command", error.what());
-  }
-}
 
 // Why messages are missing in the capture that --trace names.
 std::optional<Failure> trace_failure(const std::string& trace) {
@@ -34,6 +21,7 @@ int run(const CommandLine& line) {
   const Settings& settings = line.settings();
   if (settings.phone_rules) setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   Output output(settings.json);
+  output.set_command(line.command());
   if (!settings.trace.empty()) {
     const bool is_output = settings.trace == "-";
     const std::string name = is_output ? "/dev/fd/" + std::to_string(output.give_away()) : settings.trace;
@@ -58,7 +46,7 @@ int run(const CommandLine& line) {
   };
   Signals signals(
       inbox, [&session] { session.close(); }, settings.seconds, conclude);
-  const std::optional<Failure> failure = run_command(line, {output, session, inbox, signals});
+  const std::optional<Failure> failure = line.run({output, session, inbox, signals});
   return conclude(failure, signals.finish());
 }
 

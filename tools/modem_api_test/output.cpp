@@ -73,6 +73,39 @@ bool write_all(int fd, std::string_view text) {
 }  // namespace
 
 Output::Output(bool json) : fd_(take_standard_output()), is_json_(json) {}
+Output::~Output() = default;
+
+void Output::set_command(const std::string& command) {
+  const std::lock_guard lock(mutex_);
+  if (!command.empty()) command_ = command;
+}
+
+void Output::begin_line(size_t line) {
+  const std::lock_guard lock(mutex_);
+  is_json_ = true;
+  line_ = line;
+  documents_.clear();
+}
+
+void Output::end_line(const std::optional<Failure>& failure) {
+  if (!failure && documents_.size() == 1) return write_numbered(documents_[0]);
+  Json whole = complete(failure ? failure->json() : Json{{"type", "batch"}});
+  if (!failure || !documents_.empty()) whole["documents"] = documents_;
+  write_numbered(whole);
+}
+
+void Output::write_numbered(Json document) {
+  Json numbered = {{"type", document["type"]}, {"line", line_}};
+  numbered.update(document);
+  write(to_line(numbered) + "\n");
+}
+
+Json Output::complete(const Json& document) const {
+  Json whole = {{"type", command_}};
+  if (document.contains("type")) whole["command"] = command_;
+  whole.update(document);
+  return whole;
+}
 
 int Output::give_away() {
   UniqueFd error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
@@ -83,21 +116,23 @@ int Output::give_away() {
 }
 
 void Output::print(const Json& document, std::string_view text) {
-  std::string printed = is_json_ ? to_line(document) : printable_text(text, kLayout);
+  if (is_batch()) return documents_.push_back(complete(document));
+  std::string printed = is_json_ ? to_line(complete(document)) : printable_text(text, kLayout);
   if (!printed.ends_with('\n')) printed += '\n';
   write(printed);
 }
 
 void Output::write(std::string_view bytes) {
   if (write_all(fd_.get(), bytes)) return;
-  if (errno == EPIPE) throw Failure::of_closed_output();
+  if (errno == EPIPE) throw Failure::of_silence();
   throw Failure::of_system("writing the output");
 }
 
 void Output::report(const Failure& failure) {
   if (failure.is_silent()) return;
   remark(failure.what());
-  if (is_json_) write_all(fd_.get(), to_line(failure.json()) + "\n");
+  const std::lock_guard lock(mutex_);
+  if (is_json_) write_all(fd_.get(), to_line(complete(failure.json())) + "\n");
 }
 
 void stop_waiting_for_readers() {

@@ -7,9 +7,12 @@
 
 #include <cstdio>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "failure.h"
 #include "text.h"
@@ -21,17 +24,28 @@ class Output {
  public:
   // Takes standard output over; once in a process, before any other thread writes.
   explicit Output(bool json);
+  ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
   bool is_json() const { return is_json_; }
+
+  // The command that prints from now on, if not empty: its words joined by "-", which is the type of every document
+  // that has no type of its own.
+  void set_command(const std::string& command);
   int descriptor() const { return fd_.get(); }
 
   // From now on prints on standard error. Returns the descriptor of standard output, which stays open.
   int give_away();
+  // Of a batch: from now on documents alone, which are kept until the end of this line, where one is written for all of
+  // them, with the number of the line.
+  void begin_line(size_t line);
+  void end_line(const std::optional<Failure>& failure);
+  bool is_batch() const { return line_ > 0; }
 
   // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
-  // line ends and tabs are escaped. Throws when it cannot.
+  // line ends and tabs are escaped. The document gets a type, and one that has its own the command. Throws when it
+  // cannot.
   void print(const Json& document, std::string_view text);
 
   // The bytes as they are.
@@ -41,8 +55,15 @@ class Output {
   void report(const Failure& failure);
 
  private:
+  Json complete(const Json& document) const;
+  void write_numbered(Json document);
+
   UniqueFd fd_;
-  const bool is_json_;
+  bool is_json_;
+  std::mutex mutex_;  // of command_ and line_, which the signal thread reads
+  std::string command_ = "modem_api_test";
+  size_t line_ = 0;  // of a batch; else 0
+  std::vector<Json> documents_;
 };
 
 // After this call, output that nobody reads within a moment is a failure. Before it, writes wait for the reader.

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "failure.h"
 #include "inspection.h"
@@ -59,11 +59,12 @@ class Session {
   // that serves it cannot be used, and waiting does not change that.
   void wait_for_listener(const std::string& socket, const std::string& whom) const;
 
-  // Opens a client whose events and notices go to the inbox. Throws where the service does not come up.
+  // Opens a client whose events and notices go to the inbox, where it is not open already. Throws where the service
+  // does not come up.
   int32_t open(modem_api_client_type type);
 
-  // Opens hydra, again where it is open already. It drops the other clients of the process: a command uses the one or
-  // the others. Throws where the service does not come up.
+  // Opens hydra, where it is not open already. Hydra and the other clients exclude each other: each closes what is open
+  // of the other. Throws where the service does not come up.
   void open_hydra();
 
   // Frees the clients that are open and sets the library up anew, so that they can be opened again.
@@ -84,7 +85,7 @@ class Session {
   bool is_initialised_ = false;
 
   std::mutex mutex_;
-  std::vector<int32_t> clients_;
+  std::map<modem_api_client_type, int32_t> clients_;
   bool is_hydra_open_ = false;
 };
 

@@ -14,6 +14,7 @@ namespace {
 constexpr size_t kBytesPerLine = 16;
 constexpr size_t kOffsetDigits = 4;
 constexpr std::string_view kSeparators = " \t\r\n,:";
+constexpr std::string_view kBlanks = " \t\r\n";
 constexpr char kDigits[] = "0123456789abcdef";
 
 int digit_value(char character) {
@@ -66,6 +67,30 @@ std::optional<int64_t> parse_number(const std::string& text, int64_t min, int64_
   return number;
 }
 
+std::vector<std::string> split_words(std::string_view line) {
+  if (line.find('\0') != line.npos) throw Failure::of_usage("a line holds a null character");
+  std::vector<std::string> words;
+  bool is_in_word = false;
+  char quote = 0;  // of the quotation that is open
+  for (size_t i = 0; i < line.size(); ++i) {
+    const bool is_blank = quote == 0 && (kBlanks.find(line[i]) != kBlanks.npos);
+    if (line[i] == '#' && !is_in_word) break;
+    if (!is_blank && !is_in_word) words.emplace_back();
+    is_in_word = !is_blank;
+    if (is_blank) continue;
+    if (quote == 0 ? line[i] == '\'' || line[i] == '"' : line[i] == quote) {
+      quote = quote == 0 ? line[i] : '\0';
+      continue;
+    }
+    const char next = i + 1 < line.size() ? line[i + 1] : '\0';
+    const bool escapes = quote == 0 ? next != '\0' : quote == '"' && (next == '"' || next == '\\');
+    if (line[i] == '\\' && escapes) ++i;
+    words.back() += line[i];
+  }
+  if (quote != 0) throw Failure::of_usage(std::string("a quotation that begins with ") + quote + " has no end");
+  return words;
+}
+
 Bytes parse_hex(std::string_view text) {
   Bytes bytes;
   bool may_prefix = true;  // 0x stands in front of a byte, not within a run of digits
@@ -112,12 +137,15 @@ std::string count_of(size_t count, const std::string& noun) {
   return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
+std::string text_of(std::span<const uint8_t> bytes) {
+  const bool is_text = std::all_of(bytes.begin(), bytes.end(), is_printable);
+  return is_text ? std::string(bytes.begin(), bytes.end()) : "";
+}
+
 void put_bytes(Json& object, std::span<const uint8_t> bytes) {
   object["length"] = bytes.size();
   object["data"] = to_hex(bytes);
-  if (!bytes.empty() && std::all_of(bytes.begin(), bytes.end(), is_printable)) {
-    object["text"] = std::string(bytes.begin(), bytes.end());
-  }
+  if (std::string text = text_of(bytes); !text.empty()) object["text"] = std::move(text);
 }
 
 std::string local_text(WallClock::time_point time) {

@@ -28,6 +28,10 @@ std::optional<int64_t> parse_number(const std::string& text, int64_t min, int64_
 // "1 byte", "2 bytes".
 std::string count_of(size_t count, const std::string& noun);
 
+// The words of a line, split and quoted as in a shell: '...', "..." with \" and \\ in it, \ before any character; #
+// begins a comment where a word would begin. Throws a usage Failure where a quotation has no end.
+std::vector<std::string> split_words(std::string_view line);
+
 // --- bytes ---
 
 // The elements of an array that a modem has counted, which may count more than there are.
@@ -44,6 +48,9 @@ std::string to_hex(std::span<const uint8_t> bytes, std::string_view separator = 
 
 // Lines of 16 bytes: offset, hexadecimal, text with a dot for what cannot be printed. No bytes: no lines.
 std::string hex_dump(std::span<const uint8_t> bytes, size_t indent = 0);
+
+// The bytes as text where all are printable ASCII; empty otherwise.
+std::string text_of(std::span<const uint8_t> bytes);
 
 // Adds "length", "data" (hexadecimal), and "text" where all bytes are printable ASCII, to an object.
 void put_bytes(Json& object, std::span<const uint8_t> bytes);

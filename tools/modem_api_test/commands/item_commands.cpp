@@ -1,94 +1,25 @@
-// nv, efs, efs-path and rfnv: each reads, writes and deletes items of one kind. What differs between the four is a row.
+// nv, efs, efs-path and rfnv: each reads, writes and deletes items of one kind, one at a time; and dumps, restores and
+// compares many, as a file.
 // efs-sync has the modem write its EFS to storage; raw sends a pass-through command.
+#include <unistd.h>
+
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "command_line.h"
+#include "items.h"
+#include "modem_link.h"
+#include "qmi_client.h"
 
 namespace pelmar::cli {
 
 namespace {
 
-struct Address {
-  uint32_t item = 0;
-  std::string path;
-  uint16_t qualifier = 0;
-  uint16_t index = 0;
-};
-
-// Limits are 0 where a kind has no such part.
-struct Kind {
-  const char* command;
-  const char* title;
-  const char* summary;
-  bool by_path;
-  const char* example;  // an address
-  int64_t max_qualifier;
-  int64_t max_index;
-  modem_api_result (*read)(int32_t client, const Address& address, uint8_t* data, uint32_t* length);
-  modem_api_result (*write)(int32_t client, const Address& address, const uint8_t* data, uint32_t length);
-  modem_api_result (*remove)(int32_t client, const Address& address);
-};
-
-uint8_t narrow(uint16_t value) {
-  return static_cast<uint8_t>(value);
-}
-
-constexpr Kind kKinds[] = {
-    {"nv", "NV item", "NV items, by number", false, "10", UINT8_MAX, UINT16_MAX,
-     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
-       return modem_api_read_nv(client, a.item, narrow(a.qualifier), a.index, data, length);
-     },
-     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
-       return modem_api_write_nv(client, a.item, narrow(a.qualifier), a.index, data, length);
-     },
-     [](int32_t client, const Address& a) {
-       return modem_api_delete_nv(client, a.item, narrow(a.qualifier), a.index);
-     }},
-
-    {"efs", "EFS item", "EFS items, by number", false, "77", UINT16_MAX, 0,
-     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
-       return modem_api_read_efs(client, a.item, a.qualifier, data, length);
-     },
-     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
-       return modem_api_write_efs(client, a.item, a.qualifier, data, length);
-     },
-     [](int32_t client, const Address& a) { return modem_api_delete_efs(client, a.item, a.qualifier); }},
-
-    {"efs-path", "EFS file", "EFS files, by path", true, "/nv/item_files/a", UINT16_MAX, UINT8_MAX,
-     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
-       return modem_api_read_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index), data, length);
-     },
-     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
-       return modem_api_write_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index), data, length);
-     },
-     [](int32_t client, const Address& a) {
-       return modem_api_delete_efs_path(client, a.path.c_str(), a.qualifier, narrow(a.index));
-     }},
-
-    {"rfnv", "RF NV item", "RF NV items, by number", false, "20", 0, 0,
-     [](int32_t client, const Address& a, uint8_t* data, uint32_t* length) {
-       return modem_api_read_rfnv(client, a.item, data, length);
-     },
-     [](int32_t client, const Address& a, const uint8_t* data, uint32_t length) {
-       return modem_api_write_rfnv(client, a.item, data, length);
-     },
-     [](int32_t client, const Address& a) { return modem_api_delete_rfnv(client, a.item); }},
-};
-
-std::string title_of(const Kind& kind, const Address& address) {
-  std::string title = std::string(kind.title) + " " + (kind.by_path ? address.path : std::to_string(address.item));
-  if (address.qualifier != 0) title += ", qualifier " + std::to_string(address.qualifier);
-  if (address.index != 0) title += ", index " + std::to_string(address.index);
-  return title;
-}
-
-Json json_of(const Kind& kind, const Address& address) {
-  Json object;
-  if (kind.by_path) object["path"] = address.path;
-  if (!kind.by_path) object["item"] = address.item;
-  if (kind.max_qualifier > 0) object["qualifier"] = address.qualifier;
-  if (kind.max_index > 0) object["index"] = address.index;
-  return object;
+void add_parts(const Command& command, const Kind& kind, Address& address) {
+  if (kind.max_qualifier > 0) {
+    command.add_number("--qualifier", address.qualifier, "the qualifier", {}, kind.max_qualifier);
+  }
+  if (kind.max_index > 0) command.add_number("--index", address.index, "the index", {}, kind.max_index);
 }
 
 void add_address(const Command& command, const Kind& kind, Address& address) {
@@ -99,10 +30,7 @@ void add_address(const Command& command, const Kind& kind, Address& address) {
   } else {
     command.add_number("item", address.item, "the item's number", {.is_required = true});
   }
-  if (kind.max_qualifier > 0) {
-    command.add_number("--qualifier", address.qualifier, "the qualifier", {}, kind.max_qualifier);
-  }
-  if (kind.max_index > 0) command.add_number("--index", address.index, "the index", {}, kind.max_index);
+  add_parts(command, kind, address);
 }
 
 constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
@@ -148,7 +76,7 @@ void write_item(const Context& context, const Kind& kind, const WriteValues& val
   check(kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size())), "writing " + title,
         {bad_address(kind), kTooMuchData, kNoRoom});
   Json document = json_of(kind, values.address);
-  document["written"] = bytes.size();
+  document["written_bytes"] = bytes.size();
   context.output.print(document, title + ": " + count_of(bytes.size(), "byte") + " written");
 }
 
@@ -160,6 +88,207 @@ void delete_item(const Context& context, const Kind& kind, const Address& addres
   document["deleted"] = true;
   context.output.print(document, title + ": deleted");
 }
+
+// --- dump, restore, diff ---
+
+// What became of one of many items, and what it is counted as.
+enum State : size_t { kDone, kDifferent, kAbsent, kRefused, kLost, kStates };
+constexpr const char* kStateWords[kStates] = {"", "different", "absent", "refused", "lost"};
+
+struct Result {
+  State state = kLost;
+  Bytes data;  // that was read
+  std::optional<Failure> failure;
+};
+
+// Of the exchange that ended last on this thread.
+Result result_of(modem_api_result code, Bytes data = {}) {
+  const auto exchange = take_last_exchange();
+  const bool is_response = exchange && exchange->code != QMI_SERVICE_ERR && exchange->code != QMI_TIMEOUT_ERR;
+  if (code == MODEM_API_SUCCESS && is_response) return {kDone, std::move(data), {}};
+  const uint32_t error = is_response ? exchange->error : 0;
+  const bool is_absent = error == QMI_ERR_NO_ENTRY_V01 || error == QMI_ERR_SIM_FILE_NOT_FOUND_V01;
+  const auto failure = Failure::of_result("", code == MODEM_API_SUCCESS ? MODEM_API_ERR_GENERIC : code, {}, exchange);
+  return {is_absent ? kAbsent : failure.is_loss() ? kLost : kRefused, {}, failure};
+}
+
+Result read(const Kind& kind, int32_t client, const Address& address) {
+  Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
+  auto length = static_cast<uint32_t>(bytes.size());
+  const modem_api_result code = kind.read(client, address, bytes.data(), &length);
+  return result_of(code, {bytes.begin(), bytes.begin() + length});
+}
+
+struct Job {
+  std::string step;
+  std::string done;  // what those of the state kDone are
+  std::vector<FileItem> items = {};
+  std::function<Result(int32_t client, const FileItem& item)> exchange = nullptr;
+  // The text of a result, empty for one that is not shown, and what its document has besides.
+  std::function<std::string(const FileItem& item, const Result& result, Json& document)> describe = nullptr;
+  const char* mark = "";            // that the summary begins with
+  const char* complaint = nullptr;  // " of 10 NV items ...", where not all are done; null: that is no failure
+};
+
+// One exchange with the modem for each item, on a thread of its own, until the modem is lost or the user wishes to end.
+// Then a report, also where an exchange has not ended.
+class Pass {
+ public:
+  Pass(const Context& context, const Kind& kind, Job job)
+      : context_(context), kind_(kind), job_(std::move(job)), thread_(context) {}
+
+  void run() {
+    thread_.run([this] {
+      const int32_t client = context_.session.open(MODEM_API_CLIENT_VS);
+      thread_.start([this, client] { exchange_all(client); });
+      while (!thread_.wait(Clock::now() + kProgressPeriod) && !context_.inbox.is_interrupted()) show_progress();
+      const std::lock_guard lock(mutex_);
+      is_over_ = true;
+      if (is_terminal_) fputs("\r\033[K", stderr);
+      report();
+    });
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kProgressPeriod{200};
+
+  void exchange_all(int32_t client) {
+    for (const FileItem& item : job_.items) {
+      {
+        const std::lock_guard lock(mutex_);
+        if (is_over_ || context_.inbox.is_interrupted()) return;
+        results_.push_back({kLost, {}, Failure("", "no response came before the end")});
+      }
+      Result result = job_.exchange(client, item);
+      const std::lock_guard lock(mutex_);
+      if (is_over_) return;
+      results_.back() = std::move(result);
+      if (results_.back().state == kLost) return;
+    }
+  }
+
+  void show_progress() {
+    const std::lock_guard lock(mutex_);
+    if (is_terminal_) fprintf(stderr, "\r%s: %zu of %zu", kind_.command, results_.size(), job_.items.size());
+  }
+
+  void report() const {
+    size_t counts[kStates] = {};
+    for (size_t i = 0; i < results_.size(); ++i) {
+      const Result& result = results_[i];
+      ++counts[result.state];
+      Json document = json_of(kind_, job_.items[i].address);
+      const std::string text = job_.describe(job_.items[i], result, document);
+      if (text.empty()) continue;
+      if (result.failure) document.update(result.failure->causes());
+      context_.output.print(document, text);
+    }
+    const size_t left = job_.items.size() - results_.size();
+    const std::string all = count_of(job_.items.size(), kind_.title);
+    Json summary = {{"type", "summary"}, {"items", job_.items.size()}, {"not_tried", left}};
+    std::string text = job_.mark + all + ": ";
+    for (size_t state = 0; state < kStates; ++state) {
+      const std::string word = state == kDone ? job_.done : kStateWords[state];
+      summary[word] = counts[state];
+      if (state == kDone || counts[state] > 0) text += std::to_string(counts[state]) + ' ' + word + ", ";
+    }
+    text += std::to_string(left) + " not tried";
+    if (left > 0) text += " (from " + title_of(kind_, job_.items[results_.size()].address) + " on)";
+    context_.output.print(summary, text);
+    if (context_.inbox.is_interrupted()) return;
+    if (counts[kLost] > 0) throw Failure(job_.step, results_.back().failure->reason());
+    if (job_.complaint == nullptr || counts[kDone] == job_.items.size()) return;
+    throw Failure("", std::to_string(job_.items.size() - counts[kDone]) + " of " + all + job_.complaint);
+  }
+
+  const Context& context_;
+  const Kind& kind_;
+  const Job job_;
+  const bool is_terminal_ = isatty(STDERR_FILENO) != 0;
+  std::mutex mutex_;
+  std::vector<Result> results_;
+  bool is_over_ = false;
+  ModemThread thread_;
+};
+
+struct ManyValues {
+  std::vector<std::string> words;
+  Address base;
+  std::string file;
+  bool is_dry = false;
+  Confirmation confirmation;
+};
+
+void dump(const Context& context, const Kind& kind, const ManyValues& values) {
+  Job job = {.step = std::string("dumping ") + kind.summary, .done = "found", .mark = "# "};
+  for (Address& address : parse_addresses(kind, values.words, values.base))
+    job.items.push_back({.address = std::move(address)});
+  job.exchange = [&](int32_t client, const FileItem& item) { return read(kind, client, item.address); };
+  job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
+    if (result.state == kAbsent) return "";
+    if (result.failure) return "# " + title_of(kind, item.address) + ": " + result.failure->reason();
+    put_bytes(document, result.data);
+    return line_of(kind, item.address, result.data);
+  };
+  const std::string heading = std::string("# ") + kind.title + "s of " + context.session.modem().address + ", ";
+  if (!context.output.is_json()) context.output.print(Json(), heading + utc_text(WallClock::now()));
+  Pass(context, kind, std::move(job)).run();
+}
+
+void restore(const Context& context, const Kind& kind, const ManyValues& values) {
+  Job job = {.step = "restoring '" + values.file + "'", .done = "written", .items = read_items(kind, values.file)};
+  const std::string all = count_of(job.items.size(), kind.title);
+  if (values.is_dry) {
+    const Json summary = {{"type", "summary"}, {"items", job.items.size()}, {"not_tried", job.items.size()}};
+    return context.output.print(summary, "'" + values.file + "' has " + all + " and no wrong line");
+  }
+  values.confirmation.require(all + " of " + context.session.modem().address + " may be overwritten.");
+  job.exchange = [&](int32_t client, const FileItem& item) {
+    const auto length = static_cast<uint32_t>(item.data.size());
+    return result_of(kind.write(client, item.address, item.data.data(), length));
+  };
+  job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
+    if (result.state == kDone) return "";
+    document["file_line"] = item.line;
+    return "line " + std::to_string(item.line) + ", " + title_of(kind, item.address) + ": " + result.failure->reason() +
+           (result.state == kLost ? "; it may be written" : "");
+  };
+  job.complaint = " not written";
+  Pass(context, kind, std::move(job)).run();
+}
+
+void diff(const Context& context, const Kind& kind, const ManyValues& values) {
+  Job job = {
+      .step = "comparing '" + values.file + "'", .done = "same", .items = read_items(kind, values.file), .mark = "# "};
+  job.exchange = [&](int32_t client, const FileItem& item) {
+    Result result = read(kind, client, item.address);
+    if (result.state == kDone && result.data != item.data) result.state = kDifferent;
+    return result;
+  };
+  job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
+    if (result.state == kDone) return "";
+    put_bytes(document["file"], item.data);
+    document["modem"] = Json();
+    if (result.state == kDifferent) put_bytes(document["modem"], result.data);
+    return "-" + line_of(kind, item.address, item.data) +
+           (result.state == kDifferent ? "+" + line_of(kind, item.address, result.data)
+            : result.state == kAbsent  ? ""
+                                       : "# " + result.failure->reason());
+  };
+  job.complaint = " not the same";
+  Pass(context, kind, std::move(job)).run();
+}
+
+constexpr const char* kDumpNotes =
+    "Each item is a line, without qualifier and index where they are 0:\n"
+    "  nv 10 index 1 = 68 65 6c 6c 6f  # hello\n"
+    "Absent items are left out; items that the modem refuses are comments. The service cannot list its EFS files.";
+constexpr const char* kRestoreNotes =
+    "Nothing is written before the whole file has been checked. Items that the file does not have stay as they are. "
+    "Where the modem refuses an item the others are written still, and the exit status is 1.";
+constexpr const char* kDiffNotes =
+    "Lines that begin with - are the file's, with + the modem's. Only the file's items are compared. As with diff(1), "
+    "the exit status is 1 where something differs.";
 
 // The action of a family's command: the function, with the row that it works on.
 template <typename Values>
@@ -224,18 +353,19 @@ void send_raw(const Context& context, const RawValues& values) {
   if (!values.is_async) {
     check(modem_api_common_command(client, bytes.data(), length), kRawStep, {kTooManyBytes});
     const std::string text = "pass-through command: " + count_of(bytes.size(), "byte") + " accepted";
-    return context.output.print({{"accepted", bytes.size()}}, text);
+    return context.output.print({{"accepted_bytes", bytes.size()}}, text);
   }
   check(modem_api_common_command_async(client, bytes.data(), length, nullptr, Inbox::receive_response), kRawStep,
         {kTooManyBytes});
-  context.output.print({{"sent", bytes.size()}}, "pass-through command: " + count_of(bytes.size(), "byte") + " sent");
+  context.output.print({{"sent_bytes", bytes.size()}},
+                       "pass-through command: " + count_of(bytes.size(), "byte") + " sent");
   follow(context);
 }
 
 }  // namespace
 
 void add_item_commands(CommandLine& line) {
-  for (const Kind& kind : kKinds) {
+  for (const Kind& kind : kinds()) {
     CLI::App& group = line.add_group(kind.command, std::string("read, write and delete ") + kind.summary);
     const std::string what = std::string(" an ") + kind.title;
     const std::string example = kind.example;
@@ -255,6 +385,27 @@ void add_item_commands(CommandLine& line) {
       auto [command, address] = line.add<Address>(group, "delete", "delete" + what, on(kind, delete_item));
       add_address(command, kind, address);
       command.add_examples({example, example + " --json"});
+    }
+    {
+      auto [command, values] = line.add<ManyValues>(group, "dump", "print many, as a file", on(kind, dump));
+      command.add_notes(kDumpNotes);
+      command.add_examples({kind.by_path ? example + " /nv/b >items" : ">items", example + " --json"});
+      if (!kind.by_path) values.words = {"0-65535"};
+      command.add_text(kind.by_path ? "paths" : "ranges", values.words,
+                       kind.by_path ? "the files' paths" : "numbers, or ranges as in 10-20 (default 0-65535)",
+                       {.type = kind.by_path ? "PATH" : "RANGE", .is_required = kind.by_path});
+      add_parts(command, kind, values.base);
+    }
+    for (const bool writes : {true, false}) {
+      auto [command, values] = line.add<ManyValues>(group, writes ? "restore" : "diff",
+                                                    writes ? "write what a dump has" : "compare a dump with the modem",
+                                                    on(kind, writes ? restore : diff));
+      command.add_notes(writes ? kRestoreNotes : kDiffNotes);
+      command.add_examples({"items", writes ? "items --dry-run" : "items --json"});
+      command.add_text("file", values.file, "the dump (-: standard input)", {.type = "FILE", .is_required = true});
+      if (!writes) continue;
+      command.add_flag("--dry-run", values.is_dry, "check the file, and write nothing");
+      values.confirmation.add_to(command);
     }
   }
   {

@@ -123,6 +123,7 @@ void hold(const Context& context, const std::string& socket, std::optional<Clock
 }
 
 void vote(const Context& context, const VoteValues& values) {
+  context.require_end(values.seconds);
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);
   const Registration registration(values.device, socket);
@@ -214,6 +215,7 @@ struct Watcher {
 };
 
 void watch(const Context& context, const WatchValues& values) {
+  context.require_end(values.seconds);
   constexpr const char* kStep = "watching the modem's power";
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);
@@ -270,7 +272,7 @@ constexpr size_t kSettableTypes = 3;
 void get_type(const Context& context, const NoValues&) {
   const int32_t type = pelmar_get_modem_ssr_type();
   const RestartType& row = kTypes[std::clamp<int32_t>(type, 0, std::size(kTypes) - 1)];
-  context.output.print({{"type", type}, {"name", row.name}},
+  context.output.print({{"restart_type", type}, {"name", row.name}},
                        std::string("restart type ") + row.word + " (" + std::to_string(type) + "): " + row.meaning);
 }
 
@@ -283,7 +285,7 @@ void set_type(const Context& context, const SetValues& values) {
                                 [&](const RestartType& each) { return values.type == each.word; });
   const auto type = static_cast<int32_t>(row - std::begin(kTypes));
   const bool is_written = pelmar_set_modem_ssr_type(type) == 1;
-  context.output.print({{"type", type}, {"name", row->name}, {"written", is_written}},
+  context.output.print({{"restart_type", type}, {"name", row->name}, {"written", is_written}},
                        std::string("restart type ") + row->word +
                            (is_written ? ": written" : ": nothing to write, it is in force or nothing is saved"));
 }
@@ -301,7 +303,7 @@ struct WaitValues {
 
 void wait(const Context& context, const WaitValues& values) {
   const int32_t waited = pelmar_modem_ssr_wait_s(values.seconds);
-  context.output.print({{"waited_s", waited}}, "waited " + std::to_string(std::max(waited, 0)) + " s");
+  context.output.print({{"waited_seconds", waited}}, "waited " + std::to_string(std::max(waited, 0)) + " s");
 }
 
 }  // namespace
@@ -311,6 +313,7 @@ void add_modem_commands(CommandLine& line) {
     const auto act = [&row](const Context& context, const Confirmation& confirmation) {
       confirmation.require(row.effect);
       check(row.call(context.session.open(MODEM_API_CLIENT_VS)), row.step);
+      context.session.restart();  // the modem may lose the connection
       context.output.print({{"done", row.name}}, row.done);
     };
     auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);

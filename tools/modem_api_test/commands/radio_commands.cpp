@@ -100,12 +100,11 @@ void show_cell_info(const Context& context, const CellInfoValues& values) {
 
 // --- drx ---
 
-// "64 frames"; empty for a setting without a cycle.
-std::string drx_cycle(uint32_t drx) {
+// In frames; 0 for a setting without a cycle.
+uint32_t drx_cycle(uint32_t drx) {
   constexpr uint32_t kShortest = 6;  // 32 frames; each next one is twice as long
   constexpr uint32_t kLongest = 9;
-  if (drx < kShortest || drx > kLongest) return "";
-  return std::to_string(32U << (drx - kShortest)) + " frames";
+  return drx < kShortest || drx > kLongest ? 0 : 32U << (drx - kShortest);
 }
 
 void show_drx(const Context& context, const NoValues&) {
@@ -113,10 +112,11 @@ void show_drx(const Context& context, const NoValues&) {
   uint32_t drx = 0;
   check_response(modem_api_get_drx(open_nas(context, 0), &is_valid, &drx), "reading the DRX setting");
   if (is_valid == 0) throw Failure("reading the DRX setting", "the modem gave no value");
-  const std::string cycle = drx_cycle(drx);
+  const uint32_t cycle = drx_cycle(drx);
   Json document = {{"drx", drx}};
-  if (!cycle.empty()) document["cycle"] = cycle;
-  context.output.print(document, "DRX: " + std::to_string(drx) + (cycle.empty() ? "" : " (" + cycle + ")"));
+  if (cycle > 0) document["cycle_frames"] = cycle;
+  context.output.print(document,
+                       "DRX: " + std::to_string(drx) + (cycle > 0 ? " (" + std::to_string(cycle) + " frames)" : ""));
 }
 
 // --- lock lte ---

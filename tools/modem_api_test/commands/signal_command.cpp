@@ -74,6 +74,7 @@ class SignalSource {
 
  private:
   static void open(Session& session) {
+    session.restart();
     session.open_hydra();
     check(probe(), "reading the modem's statistics");
   }
@@ -122,7 +123,7 @@ void draw_from_file(const Context& context, const SignalValues& values) {
   refuse_one_file(values.from, values.plot);
   draw(recording, values, file);
   if (values.plot == "-") return;
-  context.output.print({{"from", values.from}, {"plot", values.plot}},
+  context.output.print({{"type", "summary"}, {"from", values.from}, {"plot", values.plot}},
                        "picture of " + values.from + " written to " + values.plot);
 }
 
@@ -164,6 +165,7 @@ class Series {
         subs_(values.subs()),
         show_(show_of(context, values)),
         thread_(context) {
+    context.require_end(values.seconds);
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
@@ -261,7 +263,7 @@ class Series {
     Output& output = context_.output;
     if (!output.is_json() && !std::exchange(has_heading_, true)) output.print(Json(), kReadingLineHeading);
     if (is_back) {
-      output.print({{"time", utc_text(reading.time)}, {"notice", "modem_back"}},
+      output.print({{"type", "notice"}, {"time", utc_text(reading.time)}, {"notice", "modem_back"}},
                    local_text(reading.time) + "  " + kBackText);
     }
     // A log of a long time has a line a second.
@@ -275,14 +277,14 @@ class Series {
     if (std::exchange(is_lost_, true)) return;
     if (show_ == Show::kRemarks) return remark(away_text(problem));
     const auto now = WallClock::now();
-    context_.output.print({{"time", utc_text(now)}, {"notice", "modem_away"}, {"reason", problem}},
+    context_.output.print({{"type", "notice"}, {"time", utc_text(now)}, {"notice", "modem_away"}, {"reason", problem}},
                           local_text(now) + "  " + away_text(problem));
   }
 
   std::string readings_text() const { return count_of(readings_, "reading"); }
 
   void report_files(bool has_picture) const {
-    Json document = {{"readings", readings_}};
+    Json document = {{"type", "summary"}, {"readings", readings_}};
     std::string text;
     const std::string picture = has_picture ? values_.plot : "";
     for (const auto& [word, path] : {std::pair("csv", values_.csv), std::pair("plot", picture)}) {

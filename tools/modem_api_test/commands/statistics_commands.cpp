@@ -64,7 +64,7 @@ void show_tx_power(const Context& context, const TxPowerValues& values) {
                   "A subscription has one on LTE and NR; 'modem_api_test sys-mode' shows where it is.");
   }
   const auto dbm = static_cast<int32_t>(power.value);
-  power.document["tx_power"] = dbm;
+  power.document["tx_power_dbm"] = dbm;
   context.output.print(power.document, "transmit power of " + power.of + ": " + std::to_string(dbm) + " dBm");
 }
 
@@ -269,6 +269,7 @@ void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& v
 // A modem that was away has forgotten the statistics client id, and may have granted it to another program since: so it
 // is given back at the end alone.
 void register_and_follow(const Context& context, const RegisterValues& values) {
+  context.require_end(values.limits.seconds);
   int32_t client = -1;
   uint32_t id = 0;
   const auto give_back = [&] { modem_api_set_modem_stats_report_status(client, 0, &id); };

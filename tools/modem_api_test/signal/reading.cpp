@@ -100,7 +100,8 @@ Json carrier_json(const Carrier& carrier) {
   if (carrier.channel) object["channel"] = *carrier.channel;
   if (carrier.pci) object["pci"] = *carrier.pci;
   for (const Measure& measure : kMeasures) {
-    if (is_shown(carrier, measure)) object[measure.word] = levels_json(carrier.*measure.levels);
+    if (is_shown(carrier, measure))
+      object[std::string(measure.word) + "_" + measure.unit] = levels_json(carrier.*measure.levels);
   }
   return object;
 }
@@ -108,10 +109,10 @@ Json carrier_json(const Carrier& carrier) {
 Json subscription_json(const SubscriptionReading& reading) {
   Json object = {{"sub", reading.sub}};
   object["mode"] = reading.mode ? Json(*reading.mode) : Json();
-  object["tx_power"] = reading.tx_power ? Json(*reading.tx_power) : Json();
+  object["tx_power_dbm"] = reading.tx_power ? Json(*reading.tx_power) : Json();
   object["carriers"] = Json::array();
   for (const Carrier& carrier : reading.carriers) object["carriers"].push_back(carrier_json(carrier));
-  for (const GainRow& row : gain_rows(reading)) object["gain"][row.word] = levels_json(row.levels);
+  for (const GainRow& row : gain_rows(reading)) object["gain_dbm"][row.word] = levels_json(row.levels);
   if (!reading.rx_antennas.empty()) object["rx_antennas"] = switches_json(reading.rx_antennas);
   if (!reading.tx_antennas.empty()) object["tx_antennas"] = switches_json(reading.tx_antennas);
   if (const auto& transmit = reading.transmit_switching) {
