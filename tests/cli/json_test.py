@@ -34,7 +34,6 @@ nv write 11 01
 nv diff items
 nv delete 11
 nv diff items
-nv delete 11
 efs write 10 --qualifier 3 0a
 efs read 10 --qualifier 3
 efs dump --qualifier 3 10
@@ -61,13 +60,11 @@ signal --count 2 --rate 50 --for 60 --csv drive.csv
 signal --from drive.csv --plot drive.svg
 signal --watch
 tx-power
-tx-power --max
 sys-mode
 feature on
 cell-info
 drx
 lock lte 1850:101 --yes
-lock lte clear
 avoid-trm on
 nr-mode 0
 sar set 3
@@ -77,7 +74,6 @@ stats clear lte-pcc
 stats report on
 stats deregister lte-pcc --client 0
 stats report off --client 0
-stats report off
 stats register lte-pcc --count 1 --for 60
 events --count 1 --for 60
 props set a.b c

@@ -73,7 +73,7 @@ std::string usage_of(const CLI::App& app) {
 }
 
 std::string notes_of(const CLI::App& app) {
-  const std::string notes = app.get_footer();
+  std::string notes = app.get_footer();
   if (!commands_of(app).empty() || notes.find("Examples:\n") != notes.npos) return notes;
   return notes + "Examples:\n  " + path_of(app) + "\n  " + path_of(app) + " --json\n";
 }

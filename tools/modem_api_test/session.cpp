@@ -138,8 +138,11 @@ std::string Session::absence_advice() {
 }
 
 int32_t Session::open(modem_api_client_type type) {
+  std::unique_lock lock(mutex_);
   if (const auto opened = clients_.find(type); opened != clients_.end()) return opened->second;
-  if (is_hydra_open_) restart();
+  const bool excludes = is_hydra_open_;
+  lock.unlock();
+  if (excludes) restart();
   prepare();
   wait_for(type);
   int32_t client = -1;
@@ -147,22 +150,26 @@ int32_t Session::open(modem_api_client_type type) {
   const std::string advice = absence_advice();
   check(result, std::string("connecting to ") + service_of(type).title,
         {kNoIdLeft, {MODEM_API_ERR_GENERIC, advice.c_str()}});
-  const std::lock_guard lock(mutex_);
+  lock.lock();
   clients_[type] = client;
   return client;
 }
 
 void Session::open_hydra() {
+  std::unique_lock lock(mutex_);
   if (is_hydra_open_) return;
-  if (!clients_.empty()) restart();
+  const bool excludes = !clients_.empty();
+  lock.unlock();
+  if (excludes) restart();
   if (!is_initialised_) prepare();
   wait_for(MODEM_API_CLIENT_VS);
-  {
-    const std::lock_guard lock(mutex_);
-    is_hydra_open_ = true;  // set before the call: closing hydra is harmless where opening failed
-  }
+  lock.lock();
+  is_hydra_open_ = true;  // set before the call: closing hydra is harmless where opening failed
+  lock.unlock();
   if (modem_hydra_api_init() != 0) return;
+  lock.lock();
   is_hydra_open_ = false;
+  lock.unlock();
   const std::string step = std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title;
   check_response(MODEM_API_SUCCESS, step);
   throw Failure(step, "the service is not up", absence_advice());
