@@ -34,7 +34,7 @@ bool is_bytes(const Element& element) {
   return element.is_array() && element.kind == QMI_IDL_KIND_1_BYTE && !element.is_signed;
 }
 
-void print_element(const qmi::ServiceRows& service, const Element& element, std::string name, int depth) {
+void print_element(const qmi::ServiceRows& service, const Element& element, const std::string& name, int depth) {
   printf("{name=\"%s\"", name.c_str());
   const bool has_count = element.variable || element.is_string();
   if (has_count) printf(",count=%d", element.has_16_bit_size() ? 2 : 1);

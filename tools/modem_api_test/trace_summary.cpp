@@ -19,7 +19,8 @@ constexpr uint32_t kOtherMessages = UINT32_MAX;  // the row of those that are to
 constexpr unsigned kPrecisionBits = 5;
 
 size_t bucket_of(uint64_t duration) {
-  const unsigned shift = std::max<int>(std::bit_width(duration) - kPrecisionBits - 1, 0);
+  const auto width = static_cast<unsigned>(std::bit_width(duration));
+  const unsigned shift = width > kPrecisionBits + 1 ? width - kPrecisionBits - 1 : 0;
   return (size_t{shift} << kPrecisionBits) + static_cast<size_t>(duration >> shift);
 }
 

@@ -125,8 +125,8 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
   for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
   const auto add = [&](const char* option, const char* type, Keys& keys, const std::vector<Named>& names, uint32_t most,
                        uint32_t number, const char* what, const std::string& help) {
-    std::vector<std::string> words;
-    for (const Named& each : names) words.push_back(each.name);
+    std::vector<std::string> words(names.size());
+    std::transform(names.begin(), names.end(), words.begin(), [](const Named& each) { return each.name; });
     line.set_completion(type, std::move(words));
     command.add_parsed(option, help + ", by name or number, with commas between",
                        take_keys(keys, names, most, number, what), {.type = type});
