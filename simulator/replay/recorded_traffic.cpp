@@ -154,6 +154,11 @@ auto message_of(const RecordedTraffic& traffic) {
   };
 }
 
+template <typename Key, typename KeyOf>
+RecordedTraffic::Numbers find_equal(const std::vector<uint32_t>& sorted, const Key& key, KeyOf key_of) {
+  return {std::ranges::lower_bound(sorted, key, {}, key_of), std::ranges::upper_bound(sorted, key, {}, key_of)};
+}
+
 }  // namespace
 
 void RecordedTraffic::make_index() {
@@ -165,11 +170,11 @@ void RecordedTraffic::make_index() {
 }
 
 RecordedTraffic::Numbers RecordedTraffic::same_request(uint8_t service, Bytes request) const {
-  return std::ranges::equal_range(by_request_, std::pair(service, request), {}, request_of(*this));
+  return find_equal(by_request_, std::pair(service, request), request_of(*this));
 }
 
 RecordedTraffic::Numbers RecordedTraffic::same_message(uint8_t service, uint16_t message) const {
-  return std::ranges::equal_range(by_message_, std::pair(service, message), {}, message_of(*this));
+  return find_equal(by_message_, std::pair(service, message), message_of(*this));
 }
 
 }  // namespace pelmar::sim

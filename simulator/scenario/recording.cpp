@@ -273,8 +273,9 @@ void flatten(const Document& value, const std::string& name, Cells& cells, int d
   if (value.is_number()) cells[name] = value.get<double>();
   if (!value.is_structured() || depth == kMaxDepth) return;
   for (const auto& [member, inner] : value.items()) {
-    const std::string word = without_unit(member);
-    flatten(inner, name.empty() ? word : name + '_' + word, cells, depth + 1);
+    std::string inner_name = name;
+    inner_name.append(name.empty() ? "" : "_").append(without_unit(member));
+    flatten(inner, inner_name, cells, depth + 1);
   }
 }
 
