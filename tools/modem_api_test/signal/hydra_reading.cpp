@@ -31,7 +31,7 @@ double decibels(int32_t word) {
 }
 
 template <typename Record>
-std::optional<Record> read(uint8_t (*get)(uint32_t, Record*), uint32_t sub) {
+std::optional<Record> read_record(uint8_t (*get)(uint32_t, Record*), uint32_t sub) {
   Record record;
   if (get(sub, &record) == 0) return std::nullopt;
   return record;
@@ -55,7 +55,7 @@ Levels levels_of(const int32_t (&words)[MODEM_HYDRA_RX_CHAINS], uint32_t valid_c
 
 void read_lte(SubscriptionReading& reading) {
   for (uint32_t i = 0; i < std::size(kReadLte); ++i) {
-    const auto record = read(kReadLte[i], reading.sub);
+    const auto record = read_record(kReadLte[i], reading.sub);
     if (!record || is_cleared(*record)) continue;
     reading.carriers.push_back({{Technology::kLte, i},
                                 record->earfcn,
@@ -70,15 +70,15 @@ void read_lte(SubscriptionReading& reading) {
 // The gain and the signal-to-noise ratio of NR are those of the primary carrier.
 void read_nr(SubscriptionReading& reading) {
   for (uint32_t i = 0; i < std::size(kReadNr); ++i) {
-    const auto record = read(kReadNr[i], reading.sub);
+    const auto record = read_record(kReadNr[i], reading.sub);
     if (!record || is_cleared(*record)) continue;
     Carrier carrier{{Technology::kNr, i}, {}, {}, levels_of(record->rsrp)};
     carrier.rsrq[0] = decibels(record->rsrq);
     if (i == 0) {
-      if (const auto gain = read(modem_hydra_nr5g_ll1_fw_rx_control_agc_get, reading.sub)) {
+      if (const auto gain = read_record(modem_hydra_nr5g_ll1_fw_rx_control_agc_get, reading.sub)) {
         carrier.rssi = levels_of(gain->rssi);
       }
-      if (const auto ftl = read(modem_hydra_nr5g_ll1_fw_serving_ftl_get, reading.sub)) {
+      if (const auto ftl = read_record(modem_hydra_nr5g_ll1_fw_serving_ftl_get, reading.sub)) {
         carrier.snr = levels_of(ftl->snr);
       }
     }
@@ -87,14 +87,14 @@ void read_nr(SubscriptionReading& reading) {
 }
 
 void read_antennas(SubscriptionReading& reading) {
-  if (const auto nr = read(modem_hydra_nr5g_ml1_antenna_switch_diversity_get, reading.sub)) {
+  if (const auto nr = read_record(modem_hydra_nr5g_ml1_antenna_switch_diversity_get, reading.sub)) {
     reading.rx_antennas = {{nr->ant_rx_0_old, nr->ant_rx_0_new},
                            {nr->ant_rx_1_old, nr->ant_rx_1_new},
                            {nr->ant_rx_2_old, nr->ant_rx_2_new},
                            {nr->ant_rx_3_old, nr->ant_rx_3_new}};
     reading.tx_antennas = {{nr->ant_tx_0_old, nr->ant_tx_0_new}, {nr->ant_tx_1_old, nr->ant_tx_1_new}};
   }
-  if (const auto transmit = read(modem_hydra_mcs_trm_asdiv_get, reading.sub)) {
+  if (const auto transmit = read_record(modem_hydra_mcs_trm_asdiv_get, reading.sub)) {
     reading.transmit_switching = TransmitSwitching{transmit->ant_number,
                                                    transmit->ant_switch_path,
                                                    transmit->sig_path,
@@ -103,10 +103,10 @@ void read_antennas(SubscriptionReading& reading) {
 }
 
 void read_older_gain(SubscriptionReading& reading) {
-  if (const auto wcdma = read(modem_hydra_wcdma_pn_search_edition2_get, reading.sub)) {
+  if (const auto wcdma = read_record(modem_hydra_wcdma_pn_search_edition2_get, reading.sub)) {
     reading.wcdma_gain = {decibels(wcdma->rx_agc_0), decibels(wcdma->rx_agc_1), kNoLevel, kNoLevel};
   }
-  if (const auto gsm = read(modem_hydra_gsm_l1_rx_diversity_metrics_get, reading.sub)) {
+  if (const auto gsm = read_record(modem_hydra_gsm_l1_rx_diversity_metrics_get, reading.sub)) {
     reading.gsm_gain = {decibels(gsm->rx_prx), decibels(gsm->rx_drx), kNoLevel, kNoLevel};
   }
 }
