@@ -180,7 +180,10 @@ def main(client, simulator, source):
             documents += run_batch(client, modem, POWER_LINES, place).values()
         alone = subprocess.run([client, "--json", "modem", "stop"], stdout=subprocess.PIPE, text=True, **place).stdout
         wrong = subprocess.run([client, "--json", "nv"], stdout=subprocess.PIPE, text=True, **place).stdout
-        documents += [json.loads(line) for line in (alone + wrong).splitlines()]
+        subprocess.run([client, "--trace", "capture", "--modem", "@nobody", "info"], capture_output=True, **place)
+        trace = subprocess.run([client, "--json", "trace", "capture", "--fields"], stdout=subprocess.PIPE, text=True,
+                               **place).stdout
+        documents += [json.loads(line) for line in (alone + wrong + trace).splitlines()]
     definition = json.loads(pathlib.Path(source, "tools/modem_api_test/json_schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(definition)
     succeeded = check_documents(documents, jsonschema.Draft202012Validator(definition))
