@@ -40,7 +40,9 @@ class ReplayTest : public testing::Test {
   // Returns the byte of the recorded response, or the error.
   static int response_to(QmuxClient& client, uint16_t message, uint8_t request) {
     const Received response = client.exchange(message, argument(request));
-    return response.error() == 0 ? response.value(0x10).at(0) : -response.error();
+    if (response.error() != 0) return -response.error();
+    const Bytes value = response.value(0x10);
+    return value.empty() ? -1 : value[0];
   }
 
   ScratchDirectory directory_;
