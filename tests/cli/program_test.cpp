@@ -233,7 +233,8 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   expect(
       {{"client info | tail -n 1", 0, "next_step: 'modem_api_test signal' shows what the radio receives.\n"},
        {"client --modem ./nobody info --json 2>w", 1, R"-(such file or directory)","next_step":"Start the modem, )-"},
-       {"client --modem ./nobody info", 1, "\nnext_step: Start the modem, "}});
+       {"client --modem ./nobody info 2>&1 | grep -c 'Start the modem, '", 0, "1\n"},
+       {"client --modem \"$PWD\" info", 1, "\nnext_step: Name another modem with --modem.\n"}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));
   expect({{"client info --json", 0, held}});
@@ -241,8 +242,11 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   expect({{"client info", 1, "\nclient_ids_exhausted: true"}});
   ctl("clear");
   ctl("service sar down");
-  expect({{"client info --json", 1, R"("version":"1.15","up":false,"state":"absent"})"},
-          {"client info 2>w", 1, "fault: connecting to the SAR service failed: absent\nnext_step: Wait for"}});
+  ctl("service vs down");
+  expect({{"client info --json", 0, R"("service":"sar","id":17,"up":false,"state":"absent"})"},
+          {"client info", 0, "fault: none\nnext_step: Without the vendor-specific service, only sar, drx, "}});
+  ctl("service nas down");
+  expect({{"client info 2>w", 1, "services failed: none of them is there\nnext_step: Wait for one"}});
   EXPECT_EQ(events.end(SIGINT), 130);
 }
 
