@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "text.h"
@@ -57,7 +58,13 @@ std::string entries_of(const CLI::App& app, bool is_positional) {
       lines += (has_range ? " default " : " (default ") + value + ")";
     }
     if (option->get_required() && !is_positional) lines += "; required";
-    for (const CLI::Option* other : option->get_excludes()) lines += "; not with " + other->get_name();
+    for (const CLI::Option* other : options_of(app, false)) {
+      const auto is_in = [other](const std::set<CLI::Option*>& set) {
+        return std::any_of(set.begin(), set.end(), [other](const CLI::Option* each) { return each == other; });
+      };
+      if (is_in(option->get_needs())) lines += "; needs " + other->get_name();
+      if (is_in(option->get_excludes())) lines += "; not with " + other->get_name();
+    }
     lines += "\n";
   }
   return lines;
@@ -101,9 +108,9 @@ std::string text_of(const CLI::App& app) {
 
 std::string common_options(const CLI::App& app) {
   if (app.get_parent() != nullptr) return common_options(*app.get_parent());
-  std::string names;
-  for (const CLI::Option* option : options_of(app, false)) names += (names.empty() ? "" : ", ") + name_of(*option);
-  return "Common options: " + names + ". '" + app.get_name() + " --help' describes them.\n";
+  std::vector<std::string> names;
+  for (const CLI::Option* option : options_of(app, false)) names.push_back(name_of(*option));
+  return "Common options: " + join(names, ", ") + ". '" + app.get_name() + " --help' describes them.\n";
 }
 
 // --- the manual page ---

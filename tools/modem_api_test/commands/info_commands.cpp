@@ -182,10 +182,9 @@ Json set_properties();
 std::string inline_text(const Json& value) {
   if (value.is_string()) return value.get<std::string>();
   if (!value.is_object()) return value.is_null() ? "none" : value.dump();
-  std::string text;
-  for (const auto& [name, member] : value.items())
-    text += (text.empty() ? "" : ", ") + name + " " + inline_text(member);
-  return text;
+  std::vector<std::string> parts;
+  for (const auto& [name, member] : value.items()) parts.push_back(name + " " + inline_text(member));
+  return join(parts, ", ");
 }
 
 void show_info(const Context& context, const NoValues&) {

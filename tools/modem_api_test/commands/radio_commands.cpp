@@ -89,7 +89,7 @@ void print_cell_info(const Context& context, uint32_t sub) {
   const bool has_nr = response.nr_arfcn_valid != 0;
   if (has_advance) text += "\n  timing advance    " + std::to_string(response.timing_advance) + " us";
   if (has_nr) text += "\n  NR serving cell   ARFCN " + std::to_string(response.nr_arfcn);
-  if (!rows.empty()) text += "\n    EARFCN   PCI  RSRP dBm  RSRQ dB" + rows;
+  if (!rows.empty()) text += "\n    EARFCN   PCI  RSRP dBm  RSRQ dB  (*: serving)" + rows;
   if (text.find('\n') == text.npos) text += "\n  no cell";
   document["cells"] = std::move(cells);
   document["timing_advance_us"] = has_advance ? Json(response.timing_advance) : Json();
