@@ -31,7 +31,7 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
           {"client nv read 4294967296", 2, "item: '4294967296' is no number from 0 to 4294967295"},
           {"client nv read 1 --qualifier", 2, "--qualifier: a value is missing"},
           {"client drx one two", 2, "'one' is not expected"},
-          {"client avoid-trm maybe", 2, "state: 'maybe' is none of on, off"},
+          {"client avoid-trm maybe", 2, "state: 'maybe' is none of on,off"},
           {"client bogus", 2, "there is no command 'bogus'"},
           {"client nv write 1 @data", 1, "reading the data from the file 'data' failed: No such file"}});
 }

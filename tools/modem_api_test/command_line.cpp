@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "failure.h"
 
@@ -49,13 +50,7 @@ void set_details(CLI::Option& option, const Details& details) {
   for (const std::string& other : details.excludes) option.excludes(other);
   if (!details.needs.empty()) option.needs(details.needs);
   if (details.otherwise != nullptr) option.default_str(details.otherwise);
-  if (!details.words.empty()) {
-    const auto find = [words = details.words](const std::string& word) -> std::string {
-      const bool is_listed = std::find(words.begin(), words.end(), word) != words.end();
-      return is_listed ? "" : "'" + word + "' is none of " + join(words, ", ");
-    };
-    option.check(find, "{" + join(details.words, ",") + "}");
-  }
+  if (!details.words.empty()) option.check(CLI::IsMember(details.words));
   if (details.most_characters == 0) return;
   option.check([most = details.most_characters](const std::string& text) -> std::string {
     return text.size() <= most ? "" : "a path has at most " + std::to_string(most) + " characters";
@@ -68,39 +63,34 @@ const CLI::App& last_command(const CLI::App& app) {
   return parsed.empty() ? app : last_command(*parsed.back());
 }
 
-// CLI11's words for what is wrong with the arguments differ from case to case. Empty for what the check of a value
-// found, which has a text of its own.
-std::string argument_problem(const CLI::App& app, const CLI::ParseError& error) {
-  const std::string kind = error.get_name();
-  const std::string text = error.what();
-  if (kind == "ArgumentMismatch") return text.substr(0, text.find(':')) + ": a value is missing";
-  for (const CLI::Option* option : app.get_options()) {
-    const std::string name = option->get_name();
-    if (option->count() == 0) {
-      if (kind == "RequiredError" && option->get_required()) return name + " is missing";
-      continue;
-    }
-    for (const CLI::Option* other : option->get_needs()) {
-      if (kind == "RequiresError" && other->count() == 0) return name + " needs " + other->get_name();
-    }
-    for (const CLI::Option* other : option->get_excludes()) {
-      if (kind == "ExcludesError" && other->count() > 0) return name + " cannot be given with " + other->get_name();
-    }
-  }
-  return "";
-}
+// CLI11's words for what is wrong with the arguments, which differ from case to case, and this program's.
+constexpr struct {
+  CLI::ExitCodes kind;
+  const char* pattern;
+  const char* text;
+} kProblems[] = {
+    {CLI::ExitCodes::ArgumentMismatch, "(.*?): .*", "$1: a value is missing"},
+    {CLI::ExitCodes::ConversionError, "Could not convert", "not understood"},
+    {CLI::ExitCodes::ExcludesError, " excludes ", " cannot be given with "},
+    {CLI::ExitCodes::RequiredError, " is required", " is missing"},
+    {CLI::ExitCodes::RequiresError, " requires ", " needs "},
+    {CLI::ExitCodes::ValidationError, ": (.*) not in \\{(.*)\\}", ": '$1' is none of $2"},
+};
 
 Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   const CLI::App& app = last_command(root);
   const std::vector<std::string> words = root.remaining(true);
-  std::string reason = argument_problem(app, error);
+  std::string reason = error.what();
+  for (const auto& row : kProblems) {
+    if (error.get_exit_code() == static_cast<int>(row.kind)) {
+      reason = std::regex_replace(reason, std::regex(row.pattern), row.text);
+    }
+  }
   // CLI11 misses the command first, and only then sees the word that is none.
   if (!app.get_subcommands({}).empty()) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
   } else if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
     reason = "'" + words.front() + "' is not expected";
-  } else if (reason.empty()) {
-    reason = error.what();
   }
   return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
 }

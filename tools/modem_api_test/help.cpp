@@ -48,6 +48,15 @@ std::string name_of(const CLI::Option& option) {
          (is_repeatable(option) ? "..." : "");
 }
 
+// The options of the set, in the order of the help.
+std::string list_of(const char* title, const CLI::App& app, const std::set<CLI::Option*>& set) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : app.get_options()) {
+    if (set.contains(const_cast<CLI::Option*>(option))) names.push_back(option->get_name());
+  }
+  return names.empty() ? "" : title + join(names, ", ");
+}
+
 std::string entries_of(const CLI::App& app, bool is_positional) {
   std::string lines;
   for (const CLI::Option* option : options_of(app, is_positional)) {
@@ -58,13 +67,7 @@ std::string entries_of(const CLI::App& app, bool is_positional) {
       lines += (has_range ? " default " : " (default ") + value + ")";
     }
     if (option->get_required() && !is_positional) lines += "; required";
-    for (const CLI::Option* other : options_of(app, false)) {
-      const auto is_in = [other](const std::set<CLI::Option*>& set) {
-        return std::any_of(set.begin(), set.end(), [other](const CLI::Option* each) { return each == other; });
-      };
-      if (is_in(option->get_needs())) lines += "; needs " + other->get_name();
-      if (is_in(option->get_excludes())) lines += "; not with " + other->get_name();
-    }
+    lines += list_of("; needs ", app, option->get_needs()) + list_of("; not with ", app, option->get_excludes());
     lines += "\n";
   }
   return lines;
