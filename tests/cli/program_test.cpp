@@ -26,8 +26,13 @@ TEST_F(ClientTest, DataIsGivenAsHexadecimalTextOrFileAndRefusedWithThePlace) {
           {"client nv write 1 0", 2, at + "the end after 1"},
           {"client nv write 1 0g", 2, at + "'g' at position 2"},
           {"client nv write 1", 2, "no data is given"},
-          {"client nv read 4294967296", 2, ""},
-          {"client bogus", 2, ""},
+          {"client nv write 1 00 --text a", 2, "data cannot be given with --text"},
+          {"client nv read", 2, "item is missing"},
+          {"client nv read 4294967296", 2, "item: '4294967296' is no number from 0 to 4294967295"},
+          {"client nv read 1 --qualifier", 2, "--qualifier: a value is missing"},
+          {"client drx one two", 2, "'one' is not expected"},
+          {"client avoid-trm maybe", 2, "state: 'maybe' is none of on,off"},
+          {"client bogus", 2, "there is no command 'bogus'"},
           {"client nv write 1 @data", 1, "reading the data from the file 'data' failed: No such file"}});
 }
 
@@ -233,7 +238,8 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   expect(
       {{"client info | tail -n 1", 0, "next_step: 'modem_api_test signal' shows what the radio receives.\n"},
        {"client --modem ./nobody info --json 2>w", 1, R"-(such file or directory)","next_step":"Start the modem, )-"},
-       {"client --modem ./nobody info", 1, "\nnext_step: Start the modem, "}});
+       {"client --modem ./nobody info 2>&1 | grep -c 'Start the modem, '", 0, "1\n"},
+       {"client --modem /$(printf %0120d 0) info", 1, "\nnext_step: Name another modem with --modem."}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));
   expect({{"client info --json", 0, held}});
@@ -241,8 +247,11 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   expect({{"client info", 1, "\nclient_ids_exhausted: true"}});
   ctl("clear");
   ctl("service sar down");
-  expect({{"client info --json", 1, R"("version":"1.15","up":false,"state":"absent"})"},
-          {"client info 2>w", 1, "fault: connecting to the SAR service failed: absent\nnext_step: Wait for"}});
+  ctl("service vs down");
+  expect({{"client info --json", 0, R"("service":"sar","id":17,"up":false,"state":"absent"})"},
+          {"client info", 0, "fault: none\nnext_step: Without the vendor-specific service, only sar, drx, "}});
+  ctl("service nas down");
+  expect({{"client info 2>w", 1, "services failed: none of them is there\nnext_step: Wait for one"}});
   EXPECT_EQ(events.end(SIGINT), 130);
 }
 

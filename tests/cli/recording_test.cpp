@@ -125,8 +125,9 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
           {"client signal --from none --plot f", 1, "No such file or directory"},
           {"client signal --count 100 --for 1", 1, "only "},
           {"client signal --csv g --plot g", 2, ""},
-          {"client signal --title picture", 2, "Add --plot"},
-          {"client signal --csv - --json", 2, ""}});
+          {"client signal --title picture", 2, "--title needs --plot"},
+          {"client signal --csv - --json", 2, "--csv - and --json both want standard output"},
+          {"client signal --plot p --from d --rate 2", 2, "--rate cannot be given with --from"}});
 }
 
 // In the recording one carrier goes, then one subscription.

@@ -148,6 +148,7 @@ TEST_F(TraceTest, FiltersSelectMessages) {
   // The time to the response is also that of a request that is not shown.
   expect(
       {{"client trace a --result no_entry", 0, "08:15:30.004234 mtb[7]\\u001b <- VS 4 READ_NV #1 NO_ENTRY 1.134 ms\n"},
+       {"client trace a --message ''", 2, "--message: '' is no message"},
        {"client trace a --message nothing", 2, "'nothing' is no message"},
        {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
 }

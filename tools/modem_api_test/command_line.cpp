@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "failure.h"
 
@@ -45,7 +47,8 @@ void set_details(CLI::Option& option, const Details& details) {
   if (details.type != nullptr) option.type_name(details.type);
   if (details.is_required) option.required();
   if (details.most_words > 1) option.expected(1, details.most_words);
-  if (details.excludes != nullptr) option.excludes(details.excludes);
+  for (const std::string& other : details.excludes) option.excludes(other);
+  if (!details.needs.empty()) option.needs(details.needs);
   if (details.otherwise != nullptr) option.default_str(details.otherwise);
   if (!details.words.empty()) option.check(CLI::IsMember(details.words));
   if (details.most_characters == 0) return;
@@ -60,15 +63,35 @@ const CLI::App& last_command(const CLI::App& app) {
   return parsed.empty() ? app : last_command(*parsed.back());
 }
 
+// CLI11's words for what is wrong with the arguments, which differ from case to case, and this program's.
+constexpr struct {
+  CLI::ExitCodes kind;
+  const char* pattern;
+  const char* text;
+} kProblems[] = {
+    {CLI::ExitCodes::ArgumentMismatch, "(.*?): .*", "$1: a value is missing"},
+    {CLI::ExitCodes::ConversionError, "Could not convert", "not understood"},
+    {CLI::ExitCodes::ExcludesError, " excludes ", " cannot be given with "},
+    {CLI::ExitCodes::RequiredError, " is required", " is missing"},
+    {CLI::ExitCodes::RequiresError, " requires ", " needs "},
+    {CLI::ExitCodes::ValidationError, ": (.*) not in \\{(.*)\\}", ": '$1' is none of $2"},
+};
+
 Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   const CLI::App& app = last_command(root);
   const std::vector<std::string> words = root.remaining(true);
   std::string reason = error.what();
+  for (const auto& row : kProblems) {
+    if (error.get_exit_code() == static_cast<int>(row.kind)) {
+      reason = std::regex_replace(reason, std::regex(row.pattern), row.text);
+    }
+  }
   // CLI11 misses the command first, and only then sees the word that is none.
   if (!app.get_subcommands({}).empty()) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
+  } else if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+    reason = "'" + words.front() + "' is not expected";
   }
-  reason[0] = static_cast<char>(tolower(reason[0]));
   return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
 }
 
@@ -77,8 +100,8 @@ void print_completion(const Context& context, const std::string& shell) {
   context.output.print({{"shell", shell}, {"script", script}}, script);
 }
 
-void take_or_refuse(const Take& take, const std::string& word) {
-  if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(refusal);
+void take_or_refuse(const std::string& name, const Take& take, const std::string& word) {
+  if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(name, refusal);
 }
 
 }  // namespace
@@ -118,21 +141,21 @@ template void Command::add_text(const std::string&, std::vector<uint32_t>&, cons
 void Command::add_parsed(const std::string& name, const std::string& help, const Take& take,
                          const Details& details) const {
   if (details.most_words > 1) {
-    const auto take_all = [take](const std::vector<std::string>& words) {
-      for (const std::string& word : words) take_or_refuse(take, word);
+    const auto take_all = [name, take](const std::vector<std::string>& words) {
+      for (const std::string& word : words) take_or_refuse(name, take, word);
     };
     return set_details(*app_.add_option_function<std::vector<std::string>>(name, take_all, help), details);
   }
-  const auto take_one = [take](const std::string& word) { take_or_refuse(take, word); };
+  const auto take_one = [name, take](const std::string& word) { take_or_refuse(name, take, word); };
   set_details(*app_.add_option_function<std::string>(name, take_one, help), details);
 }
 
 void Command::add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,
                          std::function<void(int64_t)> store, const Details& details) const {
   const std::string range = std::to_string(min) + " to " + std::to_string(max);
-  const auto take = [name, range, min, max, store = std::move(store)](const std::string& text) -> std::string {
+  const auto take = [range, min, max, store = std::move(store)](const std::string& text) -> std::string {
     const auto number = parse_number(text, min, max);
-    if (!number) return name + ": '" + text + "' is no number from " + range;
+    if (!number) return "'" + text + "' is no number from " + range;
     store(*number);
     return "";
   };
@@ -206,7 +229,7 @@ void CommandLine::add_program_options(const Command& global) {
                   {.type = "FILE"});
   global.add_number("--timeout", settings_.seconds,
                     "end with an error after that many seconds, whatever the command waits for",
-                    {.type = "SECONDS", .otherwise = "30 for each request, no limit for the command"}, UINT32_MAX, 1);
+                    {.type = "SECONDS", .otherwise = "no limit"}, UINT32_MAX, 1);
 }
 
 std::string CommandLine::command() const {
@@ -264,7 +287,7 @@ CLI::App& CommandLine::add_app(CLI::App& group, const std::string& name, const s
 void DataInput::add_to(const Command& command) {
   command.add_text("data", words, "hexadecimal digits (\"0a 1b\", 0a1b), or @FILE (@-: standard input)",
                    {.type = "DATA"});
-  command.add_text("--text", text, "the data as text", {.type = "TEXT", .excludes = "data"});
+  command.add_text("--text", text, "the data as text", {.type = "TEXT", .excludes = {"data"}});
 }
 
 Bytes DataInput::read() const {
@@ -280,9 +303,7 @@ Bytes DataInput::read() const {
     const std::string content = read_file(is_input ? nullptr : path.c_str(), step, kMostInputBytes);
     bytes.assign(content.begin(), content.end());
   } else {
-    std::string digits;
-    for (const std::string& word : words) digits.append(digits.empty() ? "" : " ").append(word);
-    bytes = parse_hex(digits);
+    bytes = parse_hex(join(words, " "));
   }
   bytes.reserve(1);  // the library takes no null pointer, also for no bytes
   return bytes;
@@ -295,12 +316,12 @@ void DataOutput::add_to(const Command& command) {
     file = word.substr(1);
     return "";
   };
-  command.add_parsed("file", "the same as --output FILE", take, {.type = "@FILE", .excludes = "--output"});
+  command.add_parsed("file", "the same as --output FILE", take, {.type = "@FILE", .excludes = {"--output"}});
 }
 
 void DataOutput::report(Output& output, const Bytes& bytes, Json document, const std::string& title) const {
   if (file == "-") {
-    if (output.is_json()) throw Failure::of_usage("--json and --output - both want standard output");
+    require_no_documents(output, "--output -");
     return output.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
   put_bytes(document, bytes);
@@ -309,6 +330,12 @@ void DataOutput::report(Output& output, const Bytes& bytes, Json document, const
   write_file(file, bytes);
   document["file"] = file;
   output.print(document, heading + " written to " + file);
+}
+
+void require_no_documents(const Output& output, const std::string& option) {
+  if (!output.is_json() && !output.is_batch()) return;
+  const std::string other = output.is_batch() ? "a batch" : "--json";
+  throw Failure::of_usage(option + " and " + other + " both want standard output", "Name a file.");
 }
 
 void Confirmation::add_to(const Command& command) {

@@ -51,10 +51,11 @@ struct Details {
   const char* type = nullptr;  // of its words, in the help text
   bool is_required = false;
   int most_words = 1;
-  size_t most_characters = 0;           // 0: no limit
-  std::vector<std::string> words = {};  // that alone are taken; empty: all
-  const char* excludes = nullptr;       // an option that cannot be given together with it
-  const char* otherwise = nullptr;      // in the help: what holds without it; null: the target's value, if any
+  size_t most_characters = 0;              // 0: no limit
+  std::vector<std::string> words = {};     // that alone are taken; empty: all
+  std::vector<std::string> excludes = {};  // options that cannot be given together with it
+  std::string needs = "";                  // an option that has to be given together with it
+  const char* otherwise = nullptr;         // in the help: what holds without it; null: the target's value, if any
 };
 
 // Refuses a word with the reason that it returns, or takes it and returns nothing.
@@ -187,6 +188,9 @@ struct DataOutput {
   // Writes the bytes, then reports: to standard output alone where the bytes went elsewhere.
   void report(Output& output, const Bytes& bytes, Json document, const std::string& title) const;
 };
+
+// For bytes that `option` sends to standard output: throws where documents go there.
+void require_no_documents(const Output& output, const std::string& option);
 
 // A command that can cost the phone its service or its settings is confirmed: with --yes, or at the terminal.
 struct Confirmation {

@@ -34,14 +34,11 @@ const char* qmi_error_meaning(uint32_t error) {
 }
 
 void show_message(const Observation& message) {
-  const bool is_request = message.kind == Observation::Kind::kRequest;
-  const bool is_response = message.kind == Observation::Kind::kResponse;
+  constexpr const char* kKinds[] = {" request, ", " response, ", " indication, "};
   const auto service = static_cast<uint8_t>(message.service);
   const auto shown = message.tlvs.first(std::min(message.tlvs.size(), kBytesInLine));
-  remark((is_request ? "-> " : "<- ") + qmi::service_text(service) + " " + qmi::message_text(service, message.message) +
-         (is_request    ? " request, "
-          : is_response ? " response, "
-                        : " indication, ") +
+  remark((message.kind == Observation::Kind::kRequest ? "-> " : "<- ") + qmi::service_text(service) + " " +
+         qmi::message_text(service, message.message) + kKinds[static_cast<size_t>(message.kind)] +
          count_of(message.tlvs.size(), "byte") + (shown.empty() ? "" : ": ") + to_hex(shown, " ") +
          (shown.size() < message.tlvs.size() ? " ..." : ""));
 }

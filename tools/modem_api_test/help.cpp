@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "text.h"
@@ -47,6 +48,15 @@ std::string name_of(const CLI::Option& option) {
          (is_repeatable(option) ? "..." : "");
 }
 
+// The options of the set, in the order of the help.
+std::string list_of(const char* title, const CLI::App& app, const std::set<CLI::Option*>& set) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : app.get_options()) {
+    if (set.contains(const_cast<CLI::Option*>(option))) names.push_back(option->get_name());
+  }
+  return names.empty() ? "" : title + join(names, ", ");
+}
+
 std::string entries_of(const CLI::App& app, bool is_positional) {
   std::string lines;
   for (const CLI::Option* option : options_of(app, is_positional)) {
@@ -57,7 +67,7 @@ std::string entries_of(const CLI::App& app, bool is_positional) {
       lines += (has_range ? " default " : " (default ") + value + ")";
     }
     if (option->get_required() && !is_positional) lines += "; required";
-    for (const CLI::Option* other : option->get_excludes()) lines += "; not with " + other->get_name();
+    lines += list_of("; needs ", app, option->get_needs()) + list_of("; not with ", app, option->get_excludes());
     lines += "\n";
   }
   return lines;
@@ -101,9 +111,9 @@ std::string text_of(const CLI::App& app) {
 
 std::string common_options(const CLI::App& app) {
   if (app.get_parent() != nullptr) return common_options(*app.get_parent());
-  std::string names;
-  for (const CLI::Option* option : options_of(app, false)) names += (names.empty() ? "" : ", ") + name_of(*option);
-  return "Common options: " + names + ". '" + app.get_name() + " --help' describes them.\n";
+  std::vector<std::string> names;
+  for (const CLI::Option* option : options_of(app, false)) names.push_back(name_of(*option));
+  return "Common options: " + join(names, ", ") + ". '" + app.get_name() + " --help' describes them.\n";
 }
 
 // --- the manual page ---

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include <chrono>
+#include <functional>
 #include <thread>
 #include <utility>
 
@@ -41,6 +42,15 @@ constexpr ServiceRow kServices[] = {
     {MODEM_API_CLIENT_NAS_1, "nas_1", "the NAS service of subscription 1", nas_object},
 };
 static_assert(std::size(kServices) == MODEM_API_CLIENT_TYPES);
+
+// Until `find_problem` returns none. The first one is shown.
+void wait_while(const std::function<std::string()>& find_problem) {
+  bool is_first = true;
+  for (std::string problem; !(problem = find_problem()).empty(); is_first = false) {
+    if (is_first) remark(problem + "; waiting for it");
+    std::this_thread::sleep_for(kWaitPeriod);
+  }
+}
 
 }  // namespace
 
@@ -100,32 +110,24 @@ void Session::prepare() {
 
 void Session::inspect(platform::ModemReport& report) {
   modem();
-  for (bool is_first = true;; is_first = false) {
+  wait_while([&]() -> std::string {
     pelmar_platform_inspect_modem(&report);
-    if (report.problem.empty()) return;
+    if (report.problem.empty()) return "";
     const std::string problem = report.address + ": " + report.problem;
-    if (!report.may_come) throw Failure("connecting to the modem", problem);
-    if (!waits_) {
-      throw Failure("connecting to the modem", problem,
-                    "Start the modem, name another with --modem, or wait for it with --wait.");
-    }
-    if (is_first) remark(problem + "; waiting for it");
-    std::this_thread::sleep_for(kWaitPeriod);
-  }
+    if (report.may_come && waits_) return problem;
+    throw Failure("connecting to the modem", problem,
+                  report.may_come ? "Start the modem, name another with --modem, or wait for it with --wait."
+                                  : report.remedy + "Name another modem with --modem.");
+  });
 }
 
 void Session::wait_for_listener(const std::string& socket, const std::string& whom) const {
-  const std::string step = "connecting to " + whom + " at " + socket;
-  const std::string absence = "nobody serves " + socket;
-  for (bool is_first = true;; is_first = false) {
+  wait_while([&]() -> std::string {
     const std::string obstacle = find_obstacle(socket);
-    if (!obstacle.empty()) throw Failure(step, obstacle);
-    if (!waits_) return;
-    const std::string problem = connect_unix(socket).problem;
-    if (problem.empty()) return;
-    if (is_first) remark(std::string(absence).append(" (").append(problem).append("); waiting for it"));
-    std::this_thread::sleep_for(kWaitPeriod);
-  }
+    if (!obstacle.empty()) throw Failure("connecting to " + whom + " at " + socket, obstacle);
+    const std::string problem = waits_ ? connect_unix(socket).problem : "";
+    return problem.empty() ? "" : "nobody serves " + socket + " (" + problem + ")";
+  });
 }
 
 void Session::wait_for(modem_api_client_type service) {

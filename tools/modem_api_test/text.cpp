@@ -133,6 +133,12 @@ std::string hex_dump(std::span<const uint8_t> bytes, size_t indent) {
   return text;
 }
 
+std::string join(const std::vector<std::string>& parts, std::string_view separator) {
+  std::string text;
+  for (const std::string& part : parts) text.append(&part == parts.data() ? "" : separator).append(part);
+  return text;
+}
+
 std::string count_of(size_t count, const std::string& noun) {
   return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
@@ -167,18 +173,26 @@ std::string utc_text(WallClock::time_point time) {
   return text;
 }
 
+std::optional<Moment> parse_moment(const std::string& word) {
+  tm time{};
+  const bool is_of_day = word.find('T') == word.npos;
+  const char* at = strptime(word.c_str(), is_of_day ? "%H:%M" : "%Y-%m-%dT%H:%M", &time);
+  if (at != nullptr && *at == ':') at = strptime(at, ":%S", &time);
+  if (at == nullptr) return std::nullopt;
+  const int day = time.tm_mday;
+  int64_t ns = (is_of_day ? (time.tm_hour * 60 + time.tm_min) * 60 + time.tm_sec : timegm(&time)) * 1'000'000'000;
+  if (time.tm_mday != day) return std::nullopt;  // a day that the month does not have
+  if (*at == '.') {
+    for (int64_t digit = 100'000'000; *++at >= '0' && *at <= '9'; digit /= 10) ns += (*at - '0') * digit;
+  }
+  if (!is_of_day && *at++ != 'Z') return std::nullopt;
+  return *at == '\0' ? std::optional(Moment{is_of_day, ns}) : std::nullopt;
+}
+
 std::optional<WallClock::time_point> parse_utc_text(const std::string& text) {
-  tm utc{};
-  int milliseconds = 0;
-  int length = 0;
-  const int fields = sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ%n", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
-                            &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &milliseconds, &length);
-  if (fields != 7 || static_cast<size_t>(length) != text.size()) return std::nullopt;
-  utc.tm_year -= 1900;
-  utc.tm_mon -= 1;
-  const auto time = WallClock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(milliseconds);
-  if (utc_text(time) != text) return std::nullopt;  // a field was out of its range
-  return time;
+  const auto moment = parse_moment(text);
+  if (!moment || moment->is_of_day) return std::nullopt;
+  return WallClock::time_point(std::chrono::duration_cast<WallClock::duration>(std::chrono::nanoseconds(moment->ns)));
 }
 
 std::optional<Clock::time_point> deadline_after(uint32_t seconds) {

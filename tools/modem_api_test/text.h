@@ -25,6 +25,8 @@ using Bytes = std::vector<uint8_t>;
 // Decimal or 0x...; nothing for anything else, and for what is out of the range.
 std::optional<int64_t> parse_number(const std::string& text, int64_t min, int64_t max);
 
+std::string join(const std::vector<std::string>& parts, std::string_view separator);
+
 // "1 byte", "2 bytes".
 std::string count_of(size_t count, const std::string& noun);
 
@@ -60,7 +62,16 @@ void put_bytes(Json& object, std::span<const uint8_t> bytes);
 std::string local_text(WallClock::time_point time);  // "08:15:30.125", for people
 std::string utc_text(WallClock::time_point time);    // "2024-05-17T06:15:30.125Z", for scripts
 
-// The reverse of utc_text(); nothing for anything else.
+// A time of any day, or a moment.
+struct Moment {
+  bool is_of_day;
+  int64_t ns;  // of the day, or since the epoch
+};
+
+// "08:15", "08:15:30.5", "2024-05-17T06:15:30.125Z"; nothing for anything else.
+std::optional<Moment> parse_moment(const std::string& word);
+
+// The reverse of utc_text(); nothing for a text that is no moment.
 std::optional<WallClock::time_point> parse_utc_text(const std::string& text);
 
 // So many seconds from now; nothing for 0, which is without limit.

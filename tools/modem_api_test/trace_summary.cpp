@@ -13,7 +13,6 @@ namespace {
 
 constexpr size_t kMostOpen = 65536;
 constexpr size_t kMostRows = 1000;
-constexpr uint32_t kOtherMessages = UINT32_MAX;  // the row of those that are too many
 
 // Durations are counted by their highest six bits.
 constexpr unsigned kPrecisionBits = 5;
@@ -71,7 +70,7 @@ std::optional<int64_t> Exchanges::pair(const qmi::TracedMessage& traced, bool co
                        uint32_t{captured.frame.client} << 16 | message.transaction;
   if (message.kind == qmi::MessageKind::kRequest) {
     const Request request = {captured.time_ns, row_key(captured.frame.service, message), counts};
-    if (open_.size() == kMostOpen) give_up_oldest();
+    if (open_.size() == kMostOpen) end();
     const auto [open, is_new] = open_.try_emplace(key, request);
     if (!is_new) give_up(std::exchange(open->second, request));
     return std::nullopt;
@@ -92,8 +91,7 @@ void Exchanges::count(const qmi::TracedMessage& traced) {
 }
 
 Exchanges::Row& Exchanges::row(uint32_t key) {
-  if (const auto found = rows_.find(key); found != rows_.end()) return found->second;
-  return rows_[rows_.size() < kMostRows ? key : kOtherMessages];
+  return rows_.size() < kMostRows || rows_.contains(key) ? rows_[key] : others_;
 }
 
 void Exchanges::give_up(const Request& request) {
@@ -101,18 +99,6 @@ void Exchanges::give_up(const Request& request) {
   Row& counted = row(request.row);
   ++counted.count;
   ++counted.without_response;
-}
-
-void Exchanges::give_up_oldest() {
-  std::vector<int64_t> times;
-  for (const auto& [key, request] : open_) times.push_back(request.time);
-  const auto middle = times.begin() + static_cast<ptrdiff_t>(times.size() / 2);
-  std::nth_element(times.begin(), middle, times.end());
-  std::erase_if(open_, [&](const auto& each) {
-    const bool is_old = each.second.time <= *middle;
-    if (is_old) give_up(each.second);
-    return is_old;
-  });
 }
 
 void Exchanges::end() {
@@ -123,15 +109,13 @@ void Exchanges::end() {
 Json Exchanges::json() const {
   Json list = Json::array();
   for (const auto& [key, row] : rows_) {
-    const bool is_indication = (key & 1) != 0 && key != kOtherMessages;
+    const bool is_indication = (key & 1) != 0;
     Json object = Json::object();
-    if (key != kOtherMessages) {
-      const auto service = static_cast<uint8_t>(key >> 17);
-      const auto message = static_cast<uint16_t>(key >> 1);
-      object["service"] = numbered(service, qmi::service_name(service));
-      object["message"] = numbered(message, qmi::message_name(service, message));
-      object["is_indication"] = is_indication;
-    }
+    const auto service = static_cast<uint8_t>(key >> 17);
+    const auto message = static_cast<uint16_t>(key >> 1);
+    object["service"] = numbered(service, qmi::service_name(service));
+    object["message"] = numbered(message, qmi::message_name(service, message));
+    object["is_indication"] = is_indication;
     object["count"] = row.count;
     if (!is_indication) {
       object["errors"] = row.errors;
@@ -148,8 +132,7 @@ Json Exchanges::json() const {
 }
 
 std::string summary_text(const Json& messages) {
-  const auto title_of = [](const Json& row) -> std::string {
-    if (!row.contains("service")) return "all others";
+  const auto title_of = [](const Json& row) {
     const uint8_t service = row["service"]["number"];
     return qmi::service_text(service) + ' ' + qmi::message_text(service, row["message"]["number"]) +
            (row["is_indication"].get<bool>() ? " indication" : "");

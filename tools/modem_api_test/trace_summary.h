@@ -37,11 +37,14 @@ class Exchanges {
   // A message that is part of the summary.
   void count(const qmi::TracedMessage& traced);
 
-  // The requests that are open have no response.
+  // The requests that are open have no response. Also where they become too many.
   void end();
 
   // A list with an object for each message.
   Json json() const;
+
+  // How often messages came that have no row because they are too many.
+  uint64_t others() const { return others_.count; }
 
  private:
   struct Request {
@@ -59,10 +62,10 @@ class Exchanges {
 
   Row& row(uint32_t key);
   void give_up(const Request& request);
-  void give_up_oldest();
 
   std::unordered_map<uint64_t, Request> open_;  // by link, service, client and transaction
   std::map<uint32_t, Row> rows_;                // by service, message, and whether it is an indication
+  Row others_;
 };
 
 // The list as a table.

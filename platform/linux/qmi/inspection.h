@@ -28,7 +28,8 @@ struct HeldClientId {
 struct ModemReport {
   std::string address;    // as PELMAR_MODEM has it, or the default
   std::string transport;  // the transport of the address, such as "QRTR"
-  std::string problem;    // why the modem does not respond and, if known, a remedy; empty: it responds
+  std::string problem;    // why the modem does not respond; empty: it responds
+  std::string remedy;     // with a problem: a sentence and a blank, or empty
   bool may_come = false;  // with a problem: the modem is absent and may appear later
   std::vector<ListedService> services;
 };

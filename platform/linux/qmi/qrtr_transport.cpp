@@ -410,7 +410,9 @@ void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemRe
   if (address.node) report.transport += ", node " + std::to_string(*address.node);
   QrtrSocket socket;
   if (!socket.open()) {
-    report.problem = errno == EAFNOSUPPORT ? "this kernel has no QRTR: modprobe qrtr" : std::strerror(errno);
+    const bool lacks_module = errno == EAFNOSUPPORT;
+    report.problem = lacks_module ? "this kernel has no QRTR" : std::strerror(errno);
+    if (lacks_module) report.remedy = "'modprobe qrtr' loads it. ";
     return;
   }
   const bool is_complete = socket.look_up(0, deadline, [&](const QrtrControl& packet) {

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "catalogue.h"
 #include "command_line.h"
 #include "cutils/properties.h"
 #include "environment.h"
@@ -25,34 +26,6 @@ namespace pelmar::cli {
 namespace {
 
 using platform::ModemReport;
-
-// --- services ---
-
-struct ServiceTitle {
-  uint32_t number;
-  const char* title;
-};
-
-constexpr ServiceTitle kServiceTitles[] = {
-    {0x00, "control"},
-    {0x01, "wireless data"},
-    {0x02, "device management"},
-    {0x03, "network access"},
-    {0x05, "messages"},
-    {0x09, "voice"},
-    {0x0B, "SIM"},
-    {0x10, "location"},
-    {0x11, "SAR"},
-    {0x1A, "data format"},
-    {0xE4, "vendor-specific"},
-};
-
-const char* service_title(uint32_t number) {
-  for (const ServiceTitle& row : kServiceTitles) {
-    if (row.number == number) return row.title;
-  }
-  return "";
-}
 
 // --- build and process ---
 
@@ -127,8 +100,10 @@ Json describe_modem(const Modem& modem, const ModemReport& found) {
 Json describe_listed(const ModemReport& found) {
   Json list = Json::array();
   for (const auto& service : found.services) {
+    const char* const name =
+        service.number <= UINT8_MAX ? qmi::service_name(static_cast<uint8_t>(service.number)) : nullptr;
     list.push_back({{"id", service.number},
-                    {"title", service_title(service.number)},
+                    {"title", name != nullptr ? name : ""},
                     {"major", service.major},
                     {"minor", service.minor}});
     if (service.node) list.back().update({{"instance", service.instance}, {"node", *service.node}});
@@ -149,14 +124,7 @@ Json describe_client_ids() {
 }
 
 // Opens the service. Nothing if it is up.
-std::optional<Failure> probe_service(const ServiceRow& service) {
-  const std::string step = std::string("connecting to ") + service.title;
-  if (!is_present(service.type)) {
-    const bool is_vs = service.type == MODEM_API_CLIENT_VS;
-    return Failure(step, "absent",
-                   is_vs ? "Without it, sar, drx, avoid-trm, cell-info, lock and nr-mode work, and nothing else."
-                         : "Wait for it with --wait, or reset the modem.");
-  }
+std::optional<Failure> probe_service(const ServiceRow& service, const std::string& step) {
   // One attempt: the library makes ten of them, a second apart.
   constexpr uint32_t kTimeoutMs = 5000;
   qmi_client_type client = nullptr;
@@ -169,21 +137,43 @@ std::optional<Failure> probe_service(const ServiceRow& service) {
   return std::nullopt;
 }
 
-// Sets `fault` to the first one.
-Json describe_services(std::optional<Failure>& fault) {
+// What does not work without the service, by client type.
+constexpr const char* kLacks[] = {"only sar, drx, avoid-trm, cell-info, lock and nr-mode work", "sar does not work",
+                                  "drx, and cell-info, avoid-trm, lock and nr-mode of subscription 0, do not work",
+                                  "cell-info, avoid-trm, lock and nr-mode of subscription 1 do not work"};
+static_assert(std::size(kLacks) == MODEM_API_CLIENT_TYPES);
+
+struct ServicesReport {
   Json list = Json::array();
+  std::string lack;              // a sentence for each service that the modem does not have
+  std::optional<Failure> fault;  // the first service that cannot be opened, or that there is none
+  bool are_ids_exhausted = false;
+};
+
+// A modem need not have every service: a USB modem usually has no vendor-specific one.
+ServicesReport describe_services() {
+  ServicesReport report;
+  bool is_any_up = false;
   for (const ServiceRow& service : services()) {
-    const std::optional<Failure> failure = probe_service(service);
-    if (!fault) fault = failure;
-    const qmi_idl_service_object_type object = service.object();
-    const std::string version = std::to_string(object->idl_version) + "." + std::to_string(object->idl_minor_version);
-    list.push_back({{"service", service.name},
-                    {"id", object->service_id},
-                    {"version", version},
-                    {"up", !failure},
-                    {"state", failure ? failure->reason() : "up"}});
+    std::string state = "absent";
+    if (!is_present(service.type)) {
+      report.lack += std::string("Without ") + service.title + ", " + kLacks[service.type] + ". ";
+    } else if (const auto failure = probe_service(service, std::string("connecting to ") + service.title)) {
+      state = failure->reason();
+      report.are_ids_exhausted |= failure->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+      if (!report.fault) report.fault = failure;
+    } else {
+      state = "up";
+      is_any_up = true;
+    }
+    report.list.push_back(
+        {{"service", service.name}, {"id", service.object()->service_id}, {"up", state == "up"}, {"state", state}});
   }
-  return list;
+  if (!is_any_up && !report.fault) {
+    report.fault = Failure("connecting to the modem's services", "none of them is there",
+                           "Wait for one with --wait, or reset the modem.");
+  }
+  return report;
 }
 
 Json set_properties();
@@ -192,10 +182,9 @@ Json set_properties();
 std::string inline_text(const Json& value) {
   if (value.is_string()) return value.get<std::string>();
   if (!value.is_object()) return value.is_null() ? "none" : value.dump();
-  std::string text;
-  for (const auto& [name, member] : value.items())
-    text += (text.empty() ? "" : ", ") + name + " " + inline_text(member);
-  return text;
+  std::vector<std::string> parts;
+  for (const auto& [name, member] : value.items()) parts.push_back(name + " " + inline_text(member));
+  return join(parts, ", ");
 }
 
 void show_info(const Context& context, const NoValues&) {
@@ -209,15 +198,21 @@ void show_info(const Context& context, const NoValues&) {
   }
   Json document = {{"modem", describe_modem(modem, found)}, {"listed_services", describe_listed(found)}};
   document["client_ids"] = describe_client_ids();
-  if (!fault) document["services"] = describe_services(fault);
-  document["client_ids_exhausted"] = fault && fault->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+  std::string next_step = "'modem_api_test signal' shows what the radio receives.";
+  bool are_ids_exhausted = false;
+  if (!fault) {
+    ServicesReport report = describe_services();
+    document["services"] = std::move(report.list);
+    are_ids_exhausted = report.are_ids_exhausted;
+    fault = report.fault;
+    if (!report.lack.empty()) next_step = report.lack + "To wait for a service, add --wait to the command.";
+  }
+  document["client_ids_exhausted"] = are_ids_exhausted;
   document["properties"] = set_properties();
   document["build"] = describe_build();
   document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
   document["fault"] = fault ? Json(fault->headline()) : Json();
-  document["next_step"] = !fault                    ? "'modem_api_test signal' shows what the radio receives."
-                          : fault->advice().empty() ? fault->reason()
-                                                    : fault->advice();
+  document["next_step"] = fault ? fault->advice() : next_step;
   std::string text;
   for (const auto& [title, part] : document.items()) {
     text += title + (part.is_structured() ? part.empty() ? ": none" : "" : ": " + inline_text(part)) + "\n";
@@ -227,7 +222,9 @@ void show_info(const Context& context, const NoValues&) {
     }
   }
   context.output.print(document, text);
-  if (fault) throw *fault;
+  if (!fault) return;
+  if (context.output.is_json()) throw *fault;
+  throw Failure::of_silence();  // the text has the fault and the next step
 }
 
 // --- props ---
@@ -326,7 +323,8 @@ void list_properties(const Context& context, const NoValues&) {
 }  // namespace
 
 void add_info_command(CommandLine& line) {
-  line.add("info", "show the modem, its services, and this build's identity", show_info);
+  line.add("info", "show the modem, its services and client ids, properties and this build, and find what is wrong",
+           show_info);
 }
 
 void add_property_commands(CommandLine& line) {

@@ -318,10 +318,14 @@ void add_modem_commands(CommandLine& line) {
     };
     auto [command, confirmation] = line.add<Confirmation>(line.root(), row.name, row.summary, act);
     confirmation.add_to(command);
+    command.add_examples({"--yes", "--yes --json"});
   }
 
   CLI::App& modem = line.add_group("modem", "the simulated modem that this program starts where none is named");
-  line.add<NoValues>(modem, "stop", "end it; its storage stays, and the next command starts it again", stop_modem);
+  line.add<NoValues>(
+      modem, "stop",
+      "end the client's own simulated modem; its storage stays, and the next command starts the modem again",
+      stop_modem);
 
   CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
   {

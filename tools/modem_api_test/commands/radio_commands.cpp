@@ -37,14 +37,19 @@ std::string plmn_text(const uint8_t (&plmn)[3]) {
   return std::string(text).substr(0, plmn[1] >> 4U == 0xFU ? 6 : 7);
 }
 
-// The frequency's cells, as rows of a table and as elements of a list.
-void put_cells(Json& list, std::string& text, uint32_t earfcn, std::span<const nas::LteCell> cells) {
+// The frequency's cells, as rows of a table and as elements of a list; `serving`: the physical cell id of the serving
+// cell, where it is on this frequency.
+void put_cells(Json& list, std::string& text, uint32_t earfcn, std::span<const nas::LteCell> cells,
+               std::optional<uint32_t> serving = std::nullopt) {
   for (const nas::LteCell& cell : cells) {
+    const bool is_serving = serving == cell.physical_cell_id;
     const double rsrp = cell.rsrp / 10.0;
     const double rsrq = cell.rsrq / 10.0;
     list.push_back({{"earfcn", earfcn}, {"pci", cell.physical_cell_id}, {"rsrp_dbm", rsrp}, {"rsrq_db", rsrq}});
+    if (is_serving) list.back()["serving"] = true;
     char row[64];
-    snprintf(row, sizeof row, "\n    %6u  %4u  %8.1f  %7.1f", earfcn, unsigned{cell.physical_cell_id}, rsrp, rsrq);
+    snprintf(row, sizeof row, "\n  %c %6u  %4u  %8.1f  %7.1f", is_serving ? '*' : ' ', earfcn,
+             unsigned{cell.physical_cell_id}, rsrp, rsrq);
     text += row;
   }
 }
@@ -73,7 +78,7 @@ void print_cell_info(const Context& context, uint32_t sub) {
     text += "\n  LTE serving cell  EARFCN " + std::to_string(serving.earfcn) + ", PCI " +
             std::to_string(serving.serving_cell_id) + ", PLMN " + plmn + ", TAC " +
             std::to_string(serving.tracking_area_code) + ", cell id " + std::to_string(serving.global_cell_id);
-    put_cells(cells, rows, serving.earfcn, counted(serving.cells, serving.cell_count));
+    put_cells(cells, rows, serving.earfcn, counted(serving.cells, serving.cell_count), serving.serving_cell_id);
   }
   if (response.inter_frequency_valid != 0) {
     for (const auto& each : counted(response.inter_frequency.frequencies, response.inter_frequency.frequency_count)) {
@@ -84,7 +89,7 @@ void print_cell_info(const Context& context, uint32_t sub) {
   const bool has_nr = response.nr_arfcn_valid != 0;
   if (has_advance) text += "\n  timing advance    " + std::to_string(response.timing_advance) + " us";
   if (has_nr) text += "\n  NR serving cell   ARFCN " + std::to_string(response.nr_arfcn);
-  if (!rows.empty()) text += "\n    EARFCN   PCI  RSRP dBm  RSRQ dB" + rows;
+  if (!rows.empty()) text += "\n    EARFCN   PCI  RSRP dBm  RSRQ dB  (*: serving)" + rows;
   if (text.find('\n') == text.npos) text += "\n  no cell";
   document["cells"] = std::move(cells);
   document["timing_advance_us"] = has_advance ? Json(response.timing_advance) : Json();
@@ -179,8 +184,7 @@ void lock_cells(const Context& context, const LockValues& values) {
   check(
       modem_api_set_lte_cell_lock(client, values.sub, static_cast<uint32_t>(cells.size()), pcis.data(), earfcns.data()),
       (cells.empty() ? "clearing the " : "setting the ") + what);
-  const std::string text =
-      cells.empty() ? "cleared" : std::to_string(cells.size()) + (cells.size() == 1 ? " cell" : " cells");
+  const std::string text = cells.empty() ? "cleared" : count_of(cells.size(), "cell");
   context.output.print({{"sub", values.sub}, {"locked", std::move(list)}}, what + ": " + text);
 }
 
@@ -260,7 +264,7 @@ void set_state(const Context& context, const SarValues& values) {
 
 void add_radio_commands(CommandLine& line) {
   {
-    auto [command, values] = line.add("cell-info", "show where the subscriptions are camped", show_cell_info);
+    auto [command, values] = line.add("cell-info", "show the serving cells and their neighbours", show_cell_info);
     command.add_subscription(values.sub);
   }
   line.add("drx", "show the DRX setting of subscription 0", show_drx);

@@ -18,6 +18,17 @@
 
 namespace pelmar::cli {
 
+#ifndef PELMAR_PROMETHEUS
+// In place of signal/metrics.cpp.
+const char* const kServeHelp = "serve the readings as Prometheus metrics (not in this build: it lacks prometheus-cpp)";
+
+void show_in_metrics(const std::optional<Reading>& /*reading*/, const std::string& /*problem*/) {}
+
+void serve_metrics(const std::string& /*address*/) {
+  throw Failure::of_usage("this build has no --serve", "Install Debian's prometheus-cpp-dev and build again.");
+}
+#endif
+
 namespace {
 
 constexpr uint32_t kUsualRate = 2;
@@ -322,19 +333,12 @@ class Series {
 };
 
 void refuse_contradictions(const Context& context, const SignalValues& values) {
-  if (!values.from.empty() && values.plot.empty()) {
-    throw Failure::of_usage("--from names a recording, but nothing is to be made of it", "Add --plot FILE.svg.");
-  }
-  if (!values.from.empty() && values.reads_often()) {
-    throw Failure::of_usage("--from draws an earlier recording and reads nothing from the modem",
-                            "Leave out --from, or all but --plot.");
-  }
-  if (!values.title.empty() && values.plot.empty()) {
-    throw Failure::of_usage("--title names a picture, and none is drawn", "Add --plot FILE.svg.");
-  }
-  const bool others_write = context.output.is_json() || values.watch || values.csv == values.plot;
-  if (values.writes_to_output() && others_write) {
-    throw Failure::of_usage("--csv - and --plot - each want the standard output for themselves", "Name a file.");
+  if (values.csv == "-") require_no_documents(context.output, "--csv -");
+  if (values.plot == "-") require_no_documents(context.output, "--plot -");
+  if (values.writes_to_output() && (values.watch || values.csv == values.plot)) {
+    throw Failure::of_usage(std::string(values.csv == "-" ? "--csv -" : "--plot -") + " and " +
+                                (values.watch ? "--watch" : "--plot -") + " both want standard output",
+                            "Name a file.");
   }
   const bool writes_csv_file = !values.csv.empty() && values.csv != "-";
   const bool writes_file = writes_csv_file || (!values.plot.empty() && values.plot != "-");
@@ -365,9 +369,11 @@ void add_signal_command(CommandLine& line) {
   command.add_text("--plot", values.plot, "draw RSRP, SNR and transmit power over time, as SVG (-: standard output)",
                    {.type = "FILE"});
   command.add_text("--title", values.title, "title of the picture",
-                   {.type = "TEXT", .otherwise = "Signal of the serving carriers"});
-  command.add_text("--from", values.from, "draw this CSV recording, instead of reading", {.type = "FILE"});
+                   {.type = "TEXT", .needs = "--plot", .otherwise = "Signal of the serving carriers"});
   command.add_text("--serve", values.serve, kServeHelp, {.type = "ADDRESS"});
+  command.add_text(
+      "--from", values.from, "draw this CSV recording, instead of reading",
+      {.type = "FILE", .excludes = {"--watch", "--rate", "--count", "--for", "--csv", "--serve"}, .needs = "--plot"});
   command.add_flag("--append", values.append, "go on with an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
   command.add_notes(kLiveViewKeys);

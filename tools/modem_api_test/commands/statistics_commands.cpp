@@ -362,7 +362,7 @@ void add_statistics_commands(CommandLine& line) {
   {
     auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
     command.add_subscription(values.sub, "that of the default data");
-    command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = "--sub"});
+    command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = {"--sub"}});
   }
   {
     auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);

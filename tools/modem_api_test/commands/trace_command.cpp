@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -21,13 +20,9 @@ namespace {
 
 constexpr size_t kMostBuffered = 65536;
 
-// A time of any day, or a moment.
-struct Moment {
-  bool is_of_day;
-  int64_t ns;
-
-  bool is_after(int64_t time_ns) const { return ns > (is_of_day ? qmi::local_time_of_day(time_ns) : time_ns); }
-};
+bool is_after(const Moment& moment, int64_t time_ns) {
+  return moment.ns > (moment.is_of_day ? qmi::local_time_of_day(time_ns) : time_ns);
+}
 
 // What the names and numbers of a filter stand for.
 using Keys = std::vector<uint32_t>;
@@ -66,8 +61,8 @@ bool TraceValues::accepts(const qmi::TracedMessage& traced) const {
   const qmi::Frame& frame = traced.captured.frame;
   if (!services.empty() && !is_in(services, frame.service)) return false;
   if (client && *client != frame.client) return false;
-  if (from && from->is_after(traced.captured.time_ns)) return false;
-  if (to && !to->is_after(traced.captured.time_ns)) return false;
+  if (from && is_after(*from, traced.captured.time_ns)) return false;
+  if (to && !is_after(*to, traced.captured.time_ns)) return false;
   if (!messages.empty() && !(traced.message && (is_in(messages, message_key(frame.service, traced.message->id)) ||
                                                 is_in(messages, message_key(kAnyService, traced.message->id))))) {
     return false;
@@ -81,7 +76,7 @@ bool TraceValues::accepts(const qmi::TracedMessage& traced) const {
 // Takes names, in capitals or not, and numbers, which `number` is added to; commas separate them.
 Take take_keys(Keys& keys, std::vector<Named> names, uint32_t most, uint32_t number, const char* what) {
   return [&keys, names = std::move(names), most, number, what](const std::string& word) -> std::string {
-    std::istringstream parts(word);
+    std::istringstream parts(word + ",");  // so that the last part is read also where it is empty
     for (std::string part; std::getline(parts, part, ',');) {
       const size_t before = keys.size();
       for (const Named& each : names) {
@@ -92,21 +87,6 @@ Take take_keys(Keys& keys, std::vector<Named> names, uint32_t most, uint32_t num
     }
     return "";
   };
-}
-
-// "08:15", "08:15:30.5", "2024-05-17T06:15:30.125Z".
-std::optional<Moment> parse_moment(const std::string& word) {
-  tm time{};
-  const bool is_of_day = word.find('T') == word.npos;
-  const char* at = strptime(word.c_str(), is_of_day ? "%H:%M" : "%Y-%m-%dT%H:%M", &time);
-  if (at != nullptr && *at == ':') at = strptime(at, ":%S", &time);
-  if (at == nullptr) return std::nullopt;
-  int64_t ns = (is_of_day ? (time.tm_hour * 60 + time.tm_min) * 60 + time.tm_sec : timegm(&time)) * 1'000'000'000;
-  if (*at == '.') {
-    for (int64_t digit = 100'000'000; *++at >= '0' && *at <= '9'; digit /= 10) ns += (*at - '0') * digit;
-  }
-  if (!is_of_day && *at++ != 'Z') return std::nullopt;
-  return *at == '\0' ? std::optional(Moment{is_of_day, ns}) : std::nullopt;
 }
 
 Take take_moment(std::optional<Moment>& target) {
@@ -204,14 +184,18 @@ class Trace {
     }
     exchanges_.end();
     if (values_.is_summary || output_.is_json()) {
-      const Json by_message = exchanges_.json();
-      output_.print({{"type", "summary"},
-                     {"messages", read_},
-                     {"selected", accepted_},
-                     {"skipped_packets", reader.skipped()},
-                     {"is_cut", end == Status::kCut},
-                     {"by_message", by_message}},
-                    summary_text(by_message));
+      Json summary = {{"type", "summary"},
+                      {"messages", read_},
+                      {"selected", accepted_},
+                      {"skipped_packets", reader.skipped()},
+                      {"is_cut", end == Status::kCut},
+                      {"by_message", exchanges_.json()}};
+      std::string text = summary_text(summary["by_message"]);
+      if (exchanges_.others() > 0) {
+        summary["other_messages"] = exchanges_.others();
+        text += "\nother messages: " + std::to_string(exchanges_.others());
+      }
+      output_.print(summary, text);
     }
     if (reader.skipped() > 0) remark("skipped " + count_of(reader.skipped(), "packet") + " without a QMI message");
     if (end == Status::kCut) remark("the capture ends within a message; all before it was read");

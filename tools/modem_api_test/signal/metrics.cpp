@@ -1,9 +1,5 @@
 #include "signal/metrics.h"
 
-#include "failure.h"
-
-#ifdef PELMAR_PROMETHEUS
-
 #include <prometheus/collectable.h>
 #include <prometheus/exposer.h>
 #include <prometheus/metric_family.h>
@@ -12,6 +8,7 @@
 #include <mutex>
 #include <utility>
 
+#include "failure.h"
 #include "modem_link.h"
 #include "output.h"
 
@@ -128,19 +125,3 @@ void show_in_metrics(const std::optional<Reading>& reading, const std::string& p
 }
 
 }  // namespace pelmar::cli
-
-#else
-
-namespace pelmar::cli {
-
-const char* const kServeHelp = "serve the readings as Prometheus metrics (not in this build: it lacks prometheus-cpp)";
-
-void show_in_metrics(const std::optional<Reading>& /*reading*/, const std::string& /*problem*/) {}
-
-void serve_metrics(const std::string& /*address*/) {
-  throw Failure::of_usage("this build has no --serve", "Install Debian's prometheus-cpp-dev and build again.");
-}
-
-}  // namespace pelmar::cli
-
-#endif
