@@ -75,7 +75,14 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
           {"client efs-path delete \"/a 'b\" >w; client efs-path restore p -y && client efs-path diff p", 0,
            "1 EFS file: 1 written, 0 not tried\n# 1 EFS file: 1 same, 0 not tried\n"},
           {"client nv dump 1-2097152", 2, "more than 1048576 NV items are named"},
-          {"client nv dump 20-10x", 2, "'10x' is no item"},
+          {"client nv dump 20-10x", 2, "'20-10x' is no item"},
+          {"client nv dump 5-3", 2, "'5-3' is no item"},
+          {"printf '/c\\n\\n/d\\n' | client efs-path dump @- | tail -n 1", 0,
+           "# 2 EFS files: 0 found, 2 absent, 0 not tried\n"},
+          {"client nv dump --help | grep -c 'nv 10 = 68'; client nv --help | grep 'dump >'", 0,
+           "1\n  modem_api_test nv dump >items\n"},
+          {"client --modem ./nobody nv dump 2>/dev/null; client nv restore /dev/null -y", 1,
+           "modem_api_test: checking '/dev/null' failed: it has no item\n"},
           {"client nv restore none", 1, "checking 'none' failed: No such file"}});
   for (const auto& [line, problem] : {std::pair("nv 5 = 0", "the end after"),
                                       {"nv 5 0a", "not of the form"},
@@ -105,6 +112,8 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
   EXPECT_EQ(restore.end(), 128 + SIGINT);
   ctl("clear");
   ctl("error 3 vs any 1");
+  expect({{"client nv dump 1 2 2>&1", 1, "\nmodem_api_test: the modem refused 1 of 2 NV items"}});
+  ctl("error 3 vs any 1");
   expect({{"client nv restore f --yes 2>/dev/null", 1,
            "line 1, NV item 10: QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)\n"
            "3 NV items: 2 written, 1 refused, 0 not tried\n"}});
@@ -119,9 +128,14 @@ TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
         {"stats report off --client 0", R"({"type":"stats-report","line":6,"report":false)"},
         {"tx-power", R"({"type":"tx-power","line":7,)"},
         {"sys-mode", R"({"type":"batch","line":8,"command":"sys-mode","documents":[{"type":"sys-mode","sub":0)"},
-        {"events --count 1", "needs an end"},
-        {"nv write 1 @-", "reading the data from standard input"},
+        {"events", "needs an end"},
+        {"signal --count 2", R"("documents":[{)"},
+        {"nv write 1 @-", "standard input has the commands"},
+        {"nv write 1 @/dev/stdin", "No such device"},
+        {"--manual", R"("reason":")"},
+        {"completion bash", "'completion' in a batch"},
         {"nv write 1 --text '# \"a\\b\"'  # comment", R"("written_bytes":7})"},
+        {"nv read 1 -o -", "a batch and --output -"},
         {"nv read 1 --help", R"("reason":")"},
         {"reset -y", R"("done":"reset")"}}) {
     batch.send_line(line);
@@ -135,7 +149,9 @@ TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
   EXPECT_EQ(batch.end(), 1);
   expect(
       {{"printf 'nv read 9\\nnv read 1' >b; client batch b >w; wc -l <w; client batch b --stop-on-error >w; wc -l <w",
-        0, "2\n1\n"}});
+        0, "2\n1\n"},
+       {"client batch /", 1, "reading '/' failed: Is a directory"},
+       {"client modem stop --modem x", 2, "not that of --modem"}});
 }
 
 // The program's output must not go to a connection to the modem or to a file.
@@ -381,7 +397,10 @@ TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
                starts,
            0, "1\n"},
           {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
-           " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"}});
+           " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"},
+          {"printf 'nv read 1\\nmodem stop\\nnv read 2\\nmodem stop' | client batch | tail -n 2", 0,
+           "{\"type\":\"nv-read\",\"line\":3,\"item\":2,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"02\"}\n"
+           "{\"type\":\"modem-stop\",\"line\":4,\"stopped\":true}\n"}});
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
           {"client signal --count 100 --for 1", 1, "only "},
           {"client signal --csv g --plot g", 2, ""},
           {"client signal --title picture", 2, "Add --plot"},
-          {"client signal --csv - --json", 2, ""}});
+          {"client signal --csv - --json", 2, "--csv - and --json both want"}});
 }
 
 // In the recording one carrier goes, then one subscription.

@@ -48,10 +48,6 @@ void set_details(CLI::Option& option, const Details& details) {
   if (details.excludes != nullptr) option.excludes(details.excludes);
   if (details.otherwise != nullptr) option.default_str(details.otherwise);
   if (!details.words.empty()) option.check(CLI::IsMember(details.words));
-  if (details.most_characters == 0) return;
-  option.check([most = details.most_characters](const std::string& text) -> std::string {
-    return text.size() <= most ? "" : "a path has at most " + std::to_string(most) + " characters";
-  });
 }
 
 // The commands and groups of the line, up to where it is wrong.
@@ -67,14 +63,14 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   // CLI11 misses the command first, and only then sees the word that is none.
   if (!app.get_subcommands({}).empty()) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
+    if (root.get_help_ptr() == nullptr) reason += " in a batch";
   }
   reason[0] = static_cast<char>(tolower(reason[0]));
   return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
 }
 
 void print_completion(const Context& context, const std::string& shell) {
-  const std::string script = completion_script(shell);
-  context.output.print({{"shell", shell}, {"script", script}}, script);
+  context.output.write(completion_script(shell));
 }
 
 void take_or_refuse(const Take& take, const std::string& word) {
@@ -156,8 +152,9 @@ void Command::add_duration(uint32_t& target, const std::string& help) const {
 
 // --- the line ---
 
-void Context::require_end(uint32_t seconds) const {
-  if (output.is_batch() && seconds == 0) throw Failure::of_usage("in a batch it needs an end", "Add --for SECONDS.");
+void Context::require_end(uint32_t seconds, uint32_t count) const {
+  if (!output.is_batch() || seconds > 0 || count > 0) return;
+  throw Failure::of_usage("in a batch it needs an end", "Add --for SECONDS.");
 }
 
 CommandLine::CommandLine(bool is_in_batch)
@@ -177,12 +174,13 @@ CommandLine::CommandLine(bool is_in_batch)
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
-  if (!is_in_batch) add_trace_command(*this);
-  if (!is_in_batch) add_batch_command(*this);
+  app_->footer(kNotes);
+  if (is_in_batch) return;
+  add_trace_command(*this);
+  add_batch_command(*this);
   auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
   completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
   completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
-  app_->footer(kNotes);
 }
 
 CommandLine::~CommandLine() = default;
@@ -227,7 +225,8 @@ std::optional<Failure> CommandLine::run(const Context& context) const {
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
-  const std::string first = argc > 1 ? argv[1] : "";
+  // A line of a batch has no help either.
+  const std::string first = argc > 1 && app_->get_help_ptr() != nullptr ? argv[1] : "";
   if (first == "--manual") {
     fputs(manual_page(*app_, PELMAR_VERSION, argc > 2 ? argv[2] : "").c_str(), stdout);
     return kExitSuccess;
@@ -300,7 +299,7 @@ void DataOutput::add_to(const Command& command) {
 
 void DataOutput::report(Output& output, const Bytes& bytes, Json document, const std::string& title) const {
   if (file == "-") {
-    if (output.is_json()) throw Failure::of_usage("--json and --output - both want standard output");
+    if (output.is_json()) throw Failure::of_usage(output.json_cause() + " and --output - both want standard output");
     return output.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
   put_bytes(document, bytes);

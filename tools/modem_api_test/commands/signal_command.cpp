@@ -172,7 +172,7 @@ class Series {
         subs_(values.subs()),
         show_(show_of(context, values)),
         thread_(context) {
-    context.require_end(values.seconds);
+    context.require_end(values.seconds, values.count);
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
@@ -332,9 +332,13 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
   if (!values.title.empty() && values.plot.empty()) {
     throw Failure::of_usage("--title names a picture, and none is drawn", "Add --plot FILE.svg.");
   }
-  const bool others_write = context.output.is_json() || values.watch || values.csv == values.plot;
-  if (values.writes_to_output() && others_write) {
-    throw Failure::of_usage("--csv - and --plot - each want the standard output for themselves", "Name a file.");
+  const std::string other = context.output.is_json()    ? context.output.json_cause()
+                            : values.watch              ? "--watch"
+                            : values.csv == values.plot ? "--plot -"
+                                                        : "";
+  if (values.writes_to_output() && !other.empty()) {
+    throw Failure::of_usage(
+        (values.csv == "-" ? "--csv - and " : "--plot - and ") + other + " both want standard output", "Name a file.");
   }
   const bool writes_csv_file = !values.csv.empty() && values.csv != "-";
   const bool writes_file = writes_csv_file || (!values.plot.empty() && values.plot != "-");
