@@ -318,8 +318,8 @@ constexpr const char* kDumpNotes =
     "Qualifier and index stand before = where they are not 0. Absent items are left out. Items that the modem refuses "
     "are comments, and the exit status is 1 then.";
 constexpr const char* kPathNotes =
-    "The service cannot list its EFS files, and a directory counts as absent: name each file, or have @FILE with a "
-    "path a line.";
+    "The service cannot list its EFS files, and a directory counts as absent: name each file, or give @FILE, a file "
+    "with one path a line.";
 constexpr const char* kRestoreNotes =
     "Nothing is written before the whole file has been checked. Items that the file does not have stay as they are. "
     "Where the modem refuses an item the others are written still, and the exit status is 1.";
@@ -403,7 +403,8 @@ void send_raw(const Context& context, const RawValues& values) {
 
 void add_item_commands(CommandLine& line) {
   for (const Kind& kind : kinds()) {
-    CLI::App& group = line.add_group(kind.command, std::string("read, write and delete ") + kind.summary);
+    CLI::App& group =
+        line.add_group(kind.command, std::string("read, write, delete, dump, restore and compare ") + kind.summary);
     const std::string what = std::string(" an ") + kind.title;
     const std::string example = kind.example;
     {
