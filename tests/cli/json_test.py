@@ -56,7 +56,7 @@ efs-sync
 raw 01 02
 raw --async --text ping
 signal
-signal --count 2 --rate 50 --for 60 --csv drive.csv
+signal --count 2 --rate 50 --csv drive.csv
 signal --from drive.csv --plot drive.svg
 signal --watch
 tx-power
@@ -75,7 +75,7 @@ stats report on
 stats deregister lte-pcc --client 0
 stats report off --client 0
 stats register lte-pcc --count 1 --for 60
-events --count 1 --for 60
+events --count 1
 props set a.b c
 props get a.b
 props get a.c

@@ -79,8 +79,7 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
           {"client nv dump 5-3", 2, "'5-3' is no item"},
           {"printf '/c\\n\\n/d\\n' | client efs-path dump @- | tail -n 1", 0,
            "# 2 EFS files: 0 found, 2 absent, 0 not tried\n"},
-          {"client nv dump --help | grep -c 'nv 10 = 68'; client nv --help | grep 'dump >'", 0,
-           "1\n  modem_api_test nv dump >items\n"},
+          {"client nv --help | grep 'dump >'", 0, "  modem_api_test nv dump >items\n"},
           {"client --modem ./nobody nv dump 2>/dev/null; client nv restore /dev/null -y", 1,
            "modem_api_test: checking '/dev/null' failed: it has no item\n"},
           {"client nv restore none", 1, "checking 'none' failed: No such file"}});
@@ -129,13 +128,11 @@ TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
         {"tx-power", R"({"type":"tx-power","line":7,)"},
         {"sys-mode", R"({"type":"batch","line":8,"command":"sys-mode","documents":[{"type":"sys-mode","sub":0)"},
         {"events", "needs an end"},
-        {"signal --count 2", R"("documents":[{)"},
         {"nv write 1 @-", "standard input has the commands"},
         {"nv write 1 @/dev/stdin", "No such device"},
         {"--manual", R"("reason":")"},
         {"completion bash", "'completion' in a batch"},
         {"nv write 1 --text '# \"a\\b\"'  # comment", R"("written_bytes":7})"},
-        {"nv read 1 -o -", "a batch and --output -"},
         {"nv read 1 --help", R"("reason":")"},
         {"reset -y", R"("done":"reset")"}}) {
     batch.send_line(line);
@@ -391,16 +388,15 @@ TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
   setenv("XDG_RUNTIME_DIR", directory.path("run").c_str(), 1);
   const std::string quit =
       MODEM_SIM " ctl --storage " + directory.path("state/pelmar/modem") + " quit >/dev/null 2>&1; ";
-  expect({{"rm " + starts +
-               "; for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i >w & pids=\"$pids $!\"; done\n"
-               "for pid in $pids; do wait $pid || exit 1; done; wc -l <" +
-               starts,
-           0, "1\n"},
-          {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
-           " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"},
-          {"printf 'nv read 1\\nmodem stop\\nnv read 2\\nmodem stop' | client batch | tail -n 2", 0,
-           "{\"type\":\"nv-read\",\"line\":3,\"item\":2,\"qualifier\":0,\"index\":0,\"length\":1,\"data\":\"02\"}\n"
-           "{\"type\":\"modem-stop\",\"line\":4,\"stopped\":true}\n"}});
+  expect(
+      {{"rm " + starts +
+            "; for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i >w & pids=\"$pids $!\"; done\n"
+            "for pid in $pids; do wait $pid || exit 1; done; wc -l <" +
+            starts,
+        0, "1\n"},
+       {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
+        " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"},
+       {"printf 'nv read 1\\nmodem stop\\nnv read 2\\nmodem stop' | client batch | grep -c stopped.:true", 0, "2\n"}});
 }
 
 }  // namespace
