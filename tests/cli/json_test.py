@@ -37,26 +37,26 @@ nv diff items
 efs write 10 --qualifier 3 0a
 efs read 10 --qualifier 3
 efs dump --qualifier 3 10
-efs restore /dev/null --yes
-efs diff /dev/null
+efs restore efs --yes
+efs diff efs
 efs delete 10 --qualifier 3
 efs-path write '/a "b"' 0a
 efs-path read "/a \\"b\\""
 efs-path dump '/a "b"' /c
-efs-path restore /dev/null --yes
-efs-path diff /dev/null
+efs-path restore paths --yes
+efs-path diff paths
 efs-path delete '/a "b"'
 rfnv write 10 0a
 rfnv read 10
 rfnv dump 9-11
-rfnv restore /dev/null --yes
-rfnv diff /dev/null
+rfnv restore rfnv --yes
+rfnv diff rfnv
 rfnv delete 10
 efs-sync
 raw 01 02
 raw --async --text ping
 signal
-signal --count 2 --rate 50 --for 60 --csv drive.csv
+signal --count 2 --rate 50 --csv drive.csv
 signal --from drive.csv --plot drive.svg
 signal --watch
 tx-power
@@ -75,7 +75,7 @@ stats report on
 stats deregister lte-pcc --client 0
 stats report off --client 0
 stats register lte-pcc --count 1 --for 60
-events --count 1 --for 60
+events --count 1
 props set a.b c
 props get a.b
 props get a.c
@@ -98,7 +98,8 @@ power vote --for 1
 power watch --for 1
 power release
 """
-FILES = {"items": "nv 10 = 68 65 6c 6c 6f  # hello\nnv 11 = 00\n", "wrong": "nv 1 = 0\n"}
+FILES = {"items": "nv 10 = 68 65 6c 6c 6f  # hello\nnv 11 = 00\n", "wrong": "nv 1 = 0\n", "efs": "efs 11 = 0a\n",
+         "paths": "efs-path /c = 0a\n", "rfnv": "rfnv 11 = 0a\n"}
 
 
 def leaves(program, *words):

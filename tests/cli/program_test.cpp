@@ -80,7 +80,13 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
           {"client efs-path delete \"/a 'b\" >w; client efs-path restore p -y && client efs-path diff p", 0,
            "1 EFS file: 1 written, 0 not tried\n# 1 EFS file: 1 same, 0 not tried\n"},
           {"client nv dump 1-2097152", 2, "more than 1048576 NV items are named"},
-          {"client nv dump 20-10x", 2, "'10x' is no item"},
+          {"client nv dump 20-10x", 2, "'20-10x' is no item"},
+          {"client nv dump 5-3", 2, "'5-3' is no item"},
+          {"printf '/c\\n\\n/d\\n' | client efs-path dump @- | tail -n 1", 0,
+           "# 2 EFS files: 0 found, 2 absent, 0 not tried\n"},
+          {"client nv --help | grep 'dump >'", 0, "  modem_api_test nv dump >items\n"},
+          {"client --modem ./nobody nv dump 2>/dev/null; client nv restore /dev/null -y", 1,
+           "modem_api_test: checking '/dev/null' failed: it has no item\n"},
           {"client nv restore none", 1, "checking 'none' failed: No such file"}});
   for (const auto& [line, problem] : {std::pair("nv 5 = 0", "the end after"),
                                       {"nv 5 0a", "not of the form"},
@@ -109,8 +115,9 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
             "3 NV items: 0 written, 1 lost, 2 not tried (from NV item 12 on)\n");
   EXPECT_EQ(restore.end(), 128 + SIGINT);
   ctl("clear");
-  ctl("error 3 vs any 1");
-  expect({{"client nv restore f --yes 2>/dev/null", 1,
+  ctl("error 3 vs any 2");
+  expect({{"client nv dump 1", 1, "\nmodem_api_test: the modem refused 1 of 1 NV item"},
+          {"client nv restore f --yes 2>/dev/null", 1,
            "line 1, NV item 10: QMI error 3, internal (MODEM_API_ERR_GENERIC, 1)\n"
            "3 NV items: 2 written, 1 refused, 0 not tried\n"}});
 }
@@ -124,8 +131,11 @@ TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
         {"stats report off --client 0", R"({"type":"stats-report","line":6,"report":false)"},
         {"tx-power", R"({"type":"tx-power","line":7,)"},
         {"sys-mode", R"({"type":"batch","line":8,"command":"sys-mode","documents":[{"type":"sys-mode","sub":0)"},
-        {"events --count 1", "needs an end"},
-        {"nv write 1 @-", "reading the data from standard input"},
+        {"events", "needs an end"},
+        {"nv write 1 @-", "standard input has the commands"},
+        {"nv write 1 @/dev/stdin", "No such device"},
+        {"--manual", R"("reason":")"},
+        {"completion bash", "'completion' in a batch"},
         {"nv write 1 --text '# \"a\\b\"'  # comment", R"("written_bytes":7})"},
         {"nv read 1 --help", R"("reason":")"},
         {"reset -y", R"("done":"reset")"}}) {
@@ -140,7 +150,9 @@ TEST_F(ClientTest, ABatchKeepsItsConnectionsAndPrintsEachResultAtOnce) {
   EXPECT_EQ(batch.end(), 1);
   expect(
       {{"printf 'nv read 9\\nnv read 1' >b; client batch b >w; wc -l <w; client batch b --stop-on-error >w; wc -l <w",
-        0, "2\n1\n"}});
+        0, "2\n1\n"},
+       {"client batch /", 1, "reading '/' failed: Is a directory"},
+       {"client modem stop --modem x", 2, "not that of --modem"}});
 }
 
 // The program's output must not go to a connection to the modem or to a file.
@@ -384,13 +396,15 @@ TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
   setenv("XDG_RUNTIME_DIR", directory.path("run").c_str(), 1);
   const std::string quit =
       MODEM_SIM " ctl --storage " + directory.path("state/pelmar/modem") + " quit >/dev/null 2>&1; ";
-  expect({{"rm " + starts +
-               "; for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i >w & pids=\"$pids $!\"; done\n"
-               "for pid in $pids; do wait $pid || exit 1; done; wc -l <" +
-               starts,
-           0, "1\n"},
-          {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
-           " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"}});
+  expect(
+      {{"rm " + starts +
+            "; for i in 1 2 3 4 5 6 7 8; do client nv write $i 0$i >w & pids=\"$pids $!\"; done\n"
+            "for pid in $pids; do wait $pid || exit 1; done; wc -l <" +
+            starts,
+        0, "1\n"},
+       {quit + "client nv read 7 -o - | od -An -tx1; client modem stop; client modem stop", 0,
+        " 07\nsimulated modem: stopped\nsimulated modem: none runs\n"},
+       {"printf 'nv read 1\\nmodem stop\\nnv read 2\\nmodem stop' | client batch | grep -c stopped.:true", 0, "2\n"}});
 }
 
 }  // namespace

@@ -171,7 +171,7 @@ TEST_F(ClientTest, ACapturedTourPrintsTheSameWhenItIsPlayed) {
         client stats get lte-pcc nr-uplink system-mode
         client cell-info; client drx; client drx; client sar set 3
         client events --count 3 >events &
-        [ -z "$TRACED" ] || until grep -q following events; do sleep 0.01; done
+        [ -z "$TRACED" ] || until grep -qs following events; do sleep 0.01; done
         [ -z "$TRACED" ] || for event in "2 7 1 0" "3 5 record 0:0x62:01f6ff67" "5 3"; do ctl event $event; done
         wait
         sed '/following/d; s/^[0-9:.]* *//' events)")

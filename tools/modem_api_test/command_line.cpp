@@ -51,10 +51,6 @@ void set_details(CLI::Option& option, const Details& details) {
   if (!details.needs.empty()) option.needs(details.needs);
   if (details.otherwise != nullptr) option.default_str(details.otherwise);
   if (!details.words.empty()) option.check(CLI::IsMember(details.words));
-  if (details.most_characters == 0) return;
-  option.check([most = details.most_characters](const std::string& text) -> std::string {
-    return text.size() <= most ? "" : "a path has at most " + std::to_string(most) + " characters";
-  });
 }
 
 // The commands and groups of the line, up to where it is wrong.
@@ -89,6 +85,7 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
   // CLI11 misses the command first, and only then sees the word that is none.
   if (!app.get_subcommands({}).empty()) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
+    if (root.get_help_ptr() == nullptr) reason += " in a batch";
   } else if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
     reason = "'" + words.front() + "' is not expected";
   }
@@ -96,8 +93,7 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
 }
 
 void print_completion(const Context& context, const std::string& shell) {
-  const std::string script = completion_script(shell);
-  context.output.print({{"shell", shell}, {"script", script}}, script);
+  context.output.write(completion_script(shell));
 }
 
 void take_or_refuse(const std::string& name, const Take& take, const std::string& word) {
@@ -179,8 +175,9 @@ void Command::add_duration(uint32_t& target, const std::string& help) const {
 
 // --- the line ---
 
-void Context::require_end(uint32_t seconds) const {
-  if (output.is_batch() && seconds == 0) throw Failure::of_usage("in a batch it needs an end", "Add --for SECONDS.");
+void Context::require_end(uint32_t seconds, uint32_t count) const {
+  if (!output.is_batch() || seconds > 0 || count > 0) return;
+  throw Failure::of_usage("in a batch it needs an end", "Add --for SECONDS.");
 }
 
 CommandLine::CommandLine(bool is_in_batch)
@@ -200,12 +197,13 @@ CommandLine::CommandLine(bool is_in_batch)
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
-  if (!is_in_batch) add_trace_command(*this);
-  if (!is_in_batch) add_batch_command(*this);
+  app_->footer(kNotes);
+  if (is_in_batch) return;
+  add_trace_command(*this);
+  add_batch_command(*this);
   auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
   completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
   completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
-  app_->footer(kNotes);
 }
 
 CommandLine::~CommandLine() = default;
@@ -250,7 +248,8 @@ std::optional<Failure> CommandLine::run(const Context& context) const {
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
-  const std::string first = argc > 1 ? argv[1] : "";
+  // A line of a batch has no help either.
+  const std::string first = argc > 1 && app_->get_help_ptr() != nullptr ? argv[1] : "";
   if (first == "--manual") {
     fputs(manual_page(*app_, PELMAR_VERSION, argc > 2 ? argv[2] : "").c_str(), stdout);
     return kExitSuccess;

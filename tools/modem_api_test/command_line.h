@@ -29,8 +29,8 @@ struct Context {
   Inbox& inbox;
   Signals& signals;
 
-  // For a command that goes on for that long, 0 for ever: throws where that is in a batch.
-  void require_end(uint32_t seconds) const;
+  // For a command that goes on for that long, or up to that count, 0 for ever: throws where that is in a batch.
+  void require_end(uint32_t seconds, uint32_t count = 0) const;
 };
 
 // Of a command without options.
@@ -51,7 +51,6 @@ struct Details {
   const char* type = nullptr;  // of its words, in the help text
   bool is_required = false;
   int most_words = 1;
-  size_t most_characters = 0;              // 0: no limit
   std::vector<std::string> words = {};     // that alone are taken; empty: all
   std::vector<std::string> excludes = {};  // options that cannot be given together with it
   std::string needs = "";                  // an option that has to be given together with it
@@ -114,7 +113,8 @@ class Command {
 
 class CommandLine {
  public:
-  // `is_in_batch`: of a line of a batch, which has no options of the program and no batch in it.
+  // `is_in_batch`: of a line of a batch, which has no options of the program, and not the commands that take over its
+  // output or read captures.
   explicit CommandLine(bool is_in_batch = false);
   ~CommandLine();
   CommandLine(const CommandLine&) = delete;

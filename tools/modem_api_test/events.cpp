@@ -271,7 +271,7 @@ struct EventValues {
 };
 
 void follow_events(const Context& context, const EventValues& values) {
-  context.require_end(values.limits.seconds);
+  context.require_end(values.limits.seconds, values.limits.count);
   // Events do not need the other services: each is opened as soon as it is there.
   std::vector<modem_api_client_type> absent;
   const auto open_services = [&] {

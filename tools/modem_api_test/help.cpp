@@ -102,7 +102,7 @@ std::string text_of(const CLI::App& app) {
     commands += "  " + command->get_name() + "  " + command->get_description() + "\n";
     std::smatch example;
     const std::string notes = notes_of(*command);
-    if (std::regex_search(notes, example, std::regex("\n  .*"))) examples += example.str().substr(1) + "\n";
+    if (std::regex_search(notes, example, std::regex("Examples:\n(  .*\n)"))) examples += example.str(1);
   }
   return summary + ".\n" + with_heading("Arguments", entries_of(app, true)) +
          with_heading("Options", entries_of(app, false)) + with_heading("Commands", commands) + notes_of(app) +

@@ -63,10 +63,27 @@ int64_t number_of(const std::string& word, const std::string& what, int64_t max)
   throw Failure::of_usage("'" + word + "' is no " + what + " from 0 to " + std::to_string(max));
 }
 
-// The library cuts a longer path, and would address another file.
 std::string path_of(const std::string& word) {
-  if (!word.empty() && word.size() <= MODEM_API_MAX_PATH_CHARACTERS) return word;
-  throw Failure::of_usage("a path has 1 to " + std::to_string(MODEM_API_MAX_PATH_CHARACTERS) + " characters");
+  if (const std::string problem = path_problem(word); !problem.empty()) throw Failure::of_usage(problem);
+  return word;
+}
+
+// The words, and for "@FILE" the lines of that file.
+std::vector<std::string> read_paths(const std::vector<std::string>& words) {
+  std::vector<std::string> paths;
+  for (const std::string& word : words) {
+    if (!word.starts_with('@')) {
+      paths.push_back(word);
+      continue;
+    }
+    const std::string file = word.substr(1);
+    const std::string step = "reading the paths from '" + file + "'";
+    std::istringstream lines(read_file(file == "-" ? nullptr : file.c_str(), step, kMostFileBytes));
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty()) paths.push_back(line);
+    }
+  }
+  return paths;
 }
 
 FileItem parse_item(const Kind& kind, const std::vector<std::string>& words) {
@@ -96,6 +113,11 @@ FileItem parse_item(const Kind& kind, const std::vector<std::string>& words) {
 
 std::span<const Kind> kinds() {
   return kKinds;
+}
+
+std::string path_problem(const std::string& path) {
+  if (!path.empty() && path.size() <= MODEM_API_MAX_PATH_CHARACTERS) return "";
+  return "a path has 1 to " + std::to_string(MODEM_API_MAX_PATH_CHARACTERS) + " characters";
 }
 
 std::string title_of(const Kind& kind, const Address& address) {
@@ -145,6 +167,7 @@ std::vector<FileItem> read_items(const Kind& kind, const std::string& path) {
       if (++wrong_lines <= kMostWrongLines) wrong += "\n  line " + std::to_string(number) + ": " + failure.reason();
     }
   }
+  if (wrong_lines == 0 && items.empty()) throw Failure(step, "it has no item");
   if (wrong_lines == 0) return items;
   if (wrong_lines > kMostWrongLines) wrong += "\n  and " + std::to_string(wrong_lines - kMostWrongLines) + " more";
   throw Failure(step, "it has " + count_of(wrong_lines, "wrong line") + wrong, "Nothing was sent to the modem.");
@@ -152,16 +175,19 @@ std::vector<FileItem> read_items(const Kind& kind, const std::string& path) {
 
 std::vector<Address> parse_addresses(const Kind& kind, const std::vector<std::string>& words, Address base) {
   std::set<Address> addresses;
-  for (const std::string& word : words) {
+  for (const std::string& word : kind.by_path ? read_paths(words) : words) {
     if (kind.by_path) {
       base.path = path_of(word);
       addresses.insert(base);
       continue;
     }
     const size_t dash = std::min(word.find('-'), word.size());
-    const int64_t first = number_of(word.substr(0, dash), "item", UINT32_MAX);
-    const int64_t last = dash == word.size() ? first : number_of(word.substr(dash + 1), "item", UINT32_MAX);
-    for (int64_t item = first; item <= last && addresses.size() <= kMostAddresses; ++item) {
+    const auto first = parse_number(word.substr(0, dash), 0, UINT32_MAX);
+    const auto last = dash == word.size() ? first : parse_number(word.substr(dash + 1), 0, UINT32_MAX);
+    if (!first || !last || *last < *first) {
+      throw Failure::of_usage("'" + word + "' is no item or range", "Give numbers from 0 to 4294967295, as in 10-20.");
+    }
+    for (int64_t item = *first; item <= *last && addresses.size() <= kMostAddresses; ++item) {
       base.item = static_cast<uint32_t>(item);
       addresses.insert(base);
     }

@@ -44,6 +44,10 @@ struct Kind {
 
 std::span<const Kind> kinds();
 
+// Why it is no path of an EFS file; empty where it is one. The library cuts a longer path, and would address another
+// file.
+std::string path_problem(const std::string& path);
+
 // "NV item 10, index 1".
 std::string title_of(const Kind& kind, const Address& address);
 
@@ -60,11 +64,12 @@ struct FileItem {
 
 std::string line_of(const Kind& kind, const Address& address, std::span<const uint8_t> data);
 
-// The items of a file, or of standard input for "-". Throws where lines are wrong, with all of them up to a bound.
+// The items of a file, or of standard input for "-", one at least. Throws where lines are wrong, with all of them up to
+// a bound.
 std::vector<FileItem> read_items(const Kind& kind, const std::string& path);
 
-// Numbers and ranges ("10-20"), or paths, with the qualifier and index of `base`. In order, each once. Throws a usage
-// Failure for anything else.
+// Numbers and ranges ("10-20"), or paths and files of them ("@FILE"), with the qualifier and index of `base`. In order,
+// each once. Throws a usage Failure for anything else.
 std::vector<Address> parse_addresses(const Kind& kind, const std::vector<std::string>& words, Address base);
 
 }  // namespace pelmar::cli

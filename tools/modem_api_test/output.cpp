@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,6 +54,7 @@ UniqueFd take_standard_output() {
 constexpr int kReaderPatienceMs = 100;
 
 std::atomic<bool> waits_for_readers{true};
+bool has_standard_input = true;
 
 // False where it cannot; errno has the reason. It never waits for a reader inside write(), which nothing could end.
 bool write_all(int fd, std::string_view text) {
@@ -88,21 +90,16 @@ void Output::begin_line(size_t line) {
 }
 
 void Output::end_line(const std::optional<Failure>& failure) {
-  if (!failure && documents_.size() == 1) return write_numbered(documents_[0]);
-  Json whole = complete(failure ? failure->json() : Json{{"type", "batch"}});
+  Json whole = failure ? failure->json() : Json{{"type", "batch"}};
   if (!failure || !documents_.empty()) whole["documents"] = documents_;
-  write_numbered(whole);
+  if (!failure && documents_.size() == 1) whole = documents_[0];
+  write(to_line(complete(whole, line_)) + "\n");
 }
 
-void Output::write_numbered(Json document) {
-  Json numbered = {{"type", document["type"]}, {"line", line_}};
-  numbered.update(document);
-  write(to_line(numbered) + "\n");
-}
-
-Json Output::complete(const Json& document) const {
+Json Output::complete(const Json& document, size_t line) const {
   Json whole = {{"type", command_}};
-  if (document.contains("type")) whole["command"] = command_;
+  if (line > 0) whole["line"] = line;
+  if (document.contains("type") && document["type"] != command_) whole["command"] = command_;
   whole.update(document);
   return whole;
 }
@@ -145,7 +142,17 @@ void remark(const std::string& text) {
 
 // --- files ---
 
+// An unconnected socket can be read neither by its descriptor nor by its name /dev/stdin.
+void close_standard_input() {
+  const UniqueFd unreadable(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  dup2(unreadable.get(), STDIN_FILENO);
+  has_standard_input = false;
+}
+
 std::string read_file(const char* path, const std::string& step, size_t most) {
+  if (path == nullptr && !has_standard_input) {
+    throw Failure::of_usage("standard input has the commands of the batch", "Name a file.");
+  }
   // Standard input stays open.
   const File file(path == nullptr ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "rb") : fopen(path, "rbe"),
                   &fclose);

@@ -42,6 +42,7 @@ class Output {
   void begin_line(size_t line);
   void end_line(const std::optional<Failure>& failure);
   bool is_batch() const { return line_ > 0; }
+  // What the documents are printed for.
 
   // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
   // line ends and tabs are escaped. The document gets a type, and one that has its own the command. Throws when it
@@ -55,8 +56,8 @@ class Output {
   void report(const Failure& failure);
 
  private:
-  Json complete(const Json& document) const;
-  void write_numbered(Json document);
+  // With its type, its command, and the number of its line, if not 0.
+  Json complete(const Json& document, size_t line = 0) const;
 
   UniqueFd fd_;
   bool is_json_;
@@ -75,6 +76,9 @@ void remark(const std::string& text);
 // --- files ---
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// From now on standard input has nothing: reading it fails.
+void close_standard_input();
 
 // All of a file, or of standard input where `path` is null. Throws where it cannot be read, and where it is longer
 // than `most` bytes; `step` names it in the failure.

@@ -1,10 +1,12 @@
 #include "session.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <utility>
 
+#include "environment.h"
 #include "failure.h"
 #include "inbox.h"
 #include "modem_hydra.h"
@@ -98,6 +100,16 @@ void Session::restart() {
 const Modem& Session::modem() {
   if (!modem_) modem_ = choose_modem(named_modem_);
   return *modem_;
+}
+
+bool Session::stop_own_modem() {
+  if (!named_modem_.empty()) throw Failure::of_usage("it ends the client's own modem, not that of --modem");
+  restart();
+  if (modem_ && !modem_->storage.empty()) {
+    modem_.reset();
+    unsetenv(kModemVariable);
+  }
+  return cli::stop_own_modem();
 }
 
 void Session::prepare() {

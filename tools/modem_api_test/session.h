@@ -70,6 +70,10 @@ class Session {
   // Frees the clients that are open and sets the library up anew, so that they can be opened again.
   void restart();
 
+  // Ends the program's own modem, which the next command may start again. False where none runs. Throws where another
+  // modem is named, or it does not end.
+  bool stop_own_modem();
+
   // Frees the clients that are open, and hydra's. Also called by the signal thread while a command waits; does nothing
   // the second time.
   void close();

@@ -19,8 +19,7 @@ struct BatchValues {
 File open_input(const std::string& path) {
   File input(path == "-" ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "r") : fopen(path.c_str(), "re"), &fclose);
   if (input == nullptr) throw Failure::of_system("reading '" + path + "'");
-  const UniqueFd unreadable(open("/dev/null", O_WRONLY | O_CLOEXEC));
-  dup2(unreadable.get(), STDIN_FILENO);
+  close_standard_input();
   return input;
 }
 
@@ -60,6 +59,8 @@ void run_batch(const Context& context, const BatchValues& values) {
     has_failed |= failure.has_value();
     context.output.end_line(failure);
   }
+  context.output.set_command("batch");
+  if (ferror(input.get()) != 0) throw Failure::of_system("reading '" + values.file + "'");
   if (has_failed) throw Failure::of_silence();
 }
 
@@ -70,10 +71,9 @@ void add_batch_command(CommandLine& line) {
   command.add_notes(
       "Each command is a line as it stands behind modem_api_test, split and quoted as in a shell; # begins a comment. "
       "For each a line of JSON is printed at once, with the line's number in \"line\", and with what the command "
-      "printed "
-      "in \"documents\" where that is not one document. Commands that go on for ever need --for SECONDS. The exit "
-      "status "
-      "is 1 where a command failed.");
+      "printed in \"documents\" where that is not one document. Commands that go on for ever need --for SECONDS. The "
+      "exit "
+      "status is 1 where a command failed.");
   command.add_examples({"commands.txt", "--stop-on-error commands.txt"});
   command.add_text("file", values.file, "the commands (-: standard input)", {.type = "FILE"});
   command.add_flag("--stop-on-error", values.stops, "end after the first command that fails");

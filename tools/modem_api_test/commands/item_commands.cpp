@@ -24,9 +24,11 @@ void add_parts(const Command& command, const Kind& kind, Address& address) {
 
 void add_address(const Command& command, const Kind& kind, Address& address) {
   if (kind.by_path) {
-    // The library cuts a longer path, and would address another file.
-    command.add_text("path", address.path, "the file's path",
-                     {.type = "PATH", .is_required = true, .most_characters = MODEM_API_MAX_PATH_CHARACTERS});
+    const auto take = [&address](const std::string& word) {
+      address.path = word;
+      return path_problem(word);
+    };
+    command.add_parsed("path", "the file's path", take, {.type = "PATH", .is_required = true});
   } else {
     command.add_number("item", address.item, "the item's number", {.is_required = true});
   }
@@ -37,54 +39,56 @@ constexpr Advice kNothingThere = {MODEM_API_ERR_GENERIC,
                                   "Nothing is stored there: write it first, or check number, qualifier and index.",
                                   QMI_ERR_NO_ENTRY_V01};
 constexpr Advice kNoFile = {MODEM_API_ERR_GENERIC, kNothingThere.text, QMI_ERR_SIM_FILE_NOT_FOUND_V01};
-Advice bad_address(const Kind& kind) {
-  return {MODEM_API_ERR_INVALID_PARAM,
-          kind.by_path
-              ? "The modem takes no such path: check it; it may have no '.' or '..' part and no '/' at its end."
-              : "The modem takes no such number, qualifier or index: check them.",
-          QMI_ERR_INVALID_ARG_V01};
-}
+constexpr Advice kBadNumber = {MODEM_API_ERR_INVALID_PARAM,
+                               "The modem takes no such number, qualifier or index: check them.",
+                               QMI_ERR_INVALID_ARG_V01};
+constexpr Advice kBadPath = {
+    MODEM_API_ERR_INVALID_PARAM,
+    "The modem takes no such path: check it; it may have no '.' or '..' part and no '/' at its end.",
+    QMI_ERR_INVALID_ARG_V01};
 constexpr Advice kTooMuchData = {MODEM_API_ERR_INVALID_PARAM, "An item has at most 256 bytes: write less."};
 static_assert(MODEM_API_MAX_ITEM_BYTES == 256);
 constexpr Advice kNoRoom = {MODEM_API_ERR_GENERIC, "Delete what is not needed.", QMI_ERR_DEVICE_STORAGE_FULL_V01};
 
-struct ReadValues {
+struct ItemValues {
   Address address;
+  DataInput input;
   DataOutput output;
 };
 
-void read_item(const Context& context, const Kind& kind, const ReadValues& values) {
-  const std::string title = title_of(kind, values.address);
-  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
+// One exchange about the item. Returns its title.
+template <typename Call>
+std::string exchange(const Context& context, const Kind& kind, const Address& address, const char* verb, Call call) {
+  const std::string title = title_of(kind, address);
+  check(call(context.session.open(MODEM_API_CLIENT_VS)), std::string(verb) + " " + title,
+        {kNothingThere, kNoFile, kind.by_path ? kBadPath : kBadNumber, kTooMuchData, kNoRoom});
+  return title;
+}
+
+void read_item(const Context& context, const Kind& kind, const ItemValues& values) {
   Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
   auto length = static_cast<uint32_t>(bytes.size());
-  check(kind.read(client, values.address, bytes.data(), &length), "reading " + title,
-        {kNothingThere, kNoFile, bad_address(kind)});
+  const std::string title = exchange(context, kind, values.address, "reading", [&](int32_t client) {
+    return kind.read(client, values.address, bytes.data(), &length);
+  });
   bytes.resize(length);
   values.output.report(context.output, bytes, json_of(kind, values.address), title);
 }
 
-struct WriteValues {
-  Address address;
-  DataInput input;
-};
-
-void write_item(const Context& context, const Kind& kind, const WriteValues& values) {
-  const std::string title = title_of(kind, values.address);
+void write_item(const Context& context, const Kind& kind, const ItemValues& values) {
   const Bytes bytes = values.input.read();
-  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  check(kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size())), "writing " + title,
-        {bad_address(kind), kTooMuchData, kNoRoom});
+  const std::string title = exchange(context, kind, values.address, "writing", [&](int32_t client) {
+    return kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size()));
+  });
   Json document = json_of(kind, values.address);
   document["written_bytes"] = bytes.size();
   context.output.print(document, title + ": " + count_of(bytes.size(), "byte") + " written");
 }
 
-void delete_item(const Context& context, const Kind& kind, const Address& address) {
-  const std::string title = title_of(kind, address);
-  const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  check(kind.remove(client, address), "deleting " + title, {kNothingThere, kNoFile, bad_address(kind)});
-  Json document = json_of(kind, address);
+void delete_item(const Context& context, const Kind& kind, const ItemValues& values) {
+  const std::string title = exchange(context, kind, values.address, "deleting",
+                                     [&](int32_t client) { return kind.remove(client, values.address); });
+  Json document = json_of(kind, values.address);
   document["deleted"] = true;
   context.output.print(document, title + ": deleted");
 }
@@ -119,6 +123,11 @@ Result read(const Kind& kind, int32_t client, const Address& address) {
   return result_of(code, {bytes.begin(), bytes.begin() + length});
 }
 
+void put_result(Json& object, const Result& result) {
+  if (result.failure) return object.update(result.failure->causes());
+  put_bytes(object, result.data);
+}
+
 struct Job {
   std::string step;
   std::string done;  // what those of the state kDone are
@@ -126,12 +135,14 @@ struct Job {
   std::function<Result(int32_t client, const FileItem& item)> exchange = nullptr;
   // The text of a result, empty for one that is not shown, and what its document has besides.
   std::function<std::string(const FileItem& item, const Result& result, Json& document)> describe = nullptr;
-  const char* mark = "";            // that the summary begins with
-  const char* complaint = nullptr;  // " of 10 NV items ...", where not all are done; null: that is no failure
+  const char* problem = nullptr;  // of items that are not done: the words before their number
+  bool accepts_absence = false;   // which is no such problem
+  std::string heading = "";       // printed where the modem is there, not as JSON
+  const char* mark = "";          // that the summary begins with
 };
 
 // One exchange with the modem for each item, on a thread of its own, until the modem is lost or the user wishes to end.
-// Then a report, also where an exchange has not ended.
+// Each result is printed when it comes, and a summary at the end, also where an exchange has not ended.
 class Pass {
  public:
   Pass(const Context& context, const Kind& kind, Job job)
@@ -140,12 +151,13 @@ class Pass {
   void run() {
     thread_.run([this] {
       const int32_t client = context_.session.open(MODEM_API_CLIENT_VS);
+      if (!job_.heading.empty() && !context_.output.is_json()) context_.output.print(Json(), job_.heading);
       thread_.start([this, client] { exchange_all(client); });
       while (!thread_.wait(Clock::now() + kProgressPeriod) && !context_.inbox.is_interrupted()) show_progress();
       const std::lock_guard lock(mutex_);
       is_over_ = true;
-      if (is_terminal_) fputs("\r\033[K", stderr);
-      report();
+      if (is_pending_) take({kLost, {}, Failure("", "no response came before the end")});
+      finish();
     });
   }
 
@@ -156,49 +168,60 @@ class Pass {
     for (const FileItem& item : job_.items) {
       {
         const std::lock_guard lock(mutex_);
-        if (is_over_ || context_.inbox.is_interrupted()) return;
-        results_.push_back({kLost, {}, Failure("", "no response came before the end")});
+        if (is_over_ || failure_ || context_.inbox.is_interrupted()) return;
+        ++tried_;
+        is_pending_ = true;
       }
-      Result result = job_.exchange(client, item);
+      const Result result = job_.exchange(client, item);
       const std::lock_guard lock(mutex_);
       if (is_over_) return;
-      results_.back() = std::move(result);
-      if (results_.back().state == kLost) return;
+      take(result);
     }
   }
 
   void show_progress() {
     const std::lock_guard lock(mutex_);
-    if (is_terminal_) fprintf(stderr, "\r%s: %zu of %zu", kind_.command, results_.size(), job_.items.size());
+    if (is_terminal_) fprintf(stderr, "\r%s: %zu of %zu", kind_.command, tried_, job_.items.size());
   }
 
-  void report() const {
-    size_t counts[kStates] = {};
-    for (size_t i = 0; i < results_.size(); ++i) {
-      const Result& result = results_[i];
-      ++counts[result.state];
-      Json document = json_of(kind_, job_.items[i].address);
-      const std::string text = job_.describe(job_.items[i], result, document);
-      if (text.empty()) continue;
-      if (result.failure) document.update(result.failure->causes());
-      context_.output.print(document, text);
+  // The result of the item that was tried last.
+  void take(const Result& result) {
+    is_pending_ = false;
+    ++counts_[result.state];
+    const FileItem& item = job_.items[tried_ - 1];
+    Json document = json_of(kind_, item.address);
+    const std::string text = job_.describe(item, result, document);
+    try {
+      if (!text.empty()) print(document, text);
+      if (result.state == kLost) failure_ = Failure(job_.step, result.failure->reason());
+    } catch (const Failure& failure) {
+      failure_ = failure;
     }
-    const size_t left = job_.items.size() - results_.size();
+  }
+
+  void print(const Json& document, const std::string& text) const {
+    if (is_terminal_) fputs("\r\033[K", stderr);
+    context_.output.print(document, text);
+  }
+
+  void finish() const {
+    if (failure_ && counts_[kLost] == 0) throw *failure_;  // nothing can be printed
+    const size_t left = job_.items.size() - tried_;
     const std::string all = count_of(job_.items.size(), kind_.title);
     Json summary = {{"type", "summary"}, {"items", job_.items.size()}, {"not_tried", left}};
     std::string text = job_.mark + all + ": ";
     for (size_t state = 0; state < kStates; ++state) {
       const std::string word = state == kDone ? job_.done : kStateWords[state];
-      summary[word] = counts[state];
-      if (state == kDone || counts[state] > 0) text += std::to_string(counts[state]) + ' ' + word + ", ";
+      summary[word] = counts_[state];
+      if (state == kDone || counts_[state] > 0) text += std::to_string(counts_[state]) + ' ' + word + ", ";
     }
     text += std::to_string(left) + " not tried";
-    if (left > 0) text += " (from " + title_of(kind_, job_.items[results_.size()].address) + " on)";
-    context_.output.print(summary, text);
+    if (left > 0) text += " (from " + title_of(kind_, job_.items[tried_].address) + " on)";
+    print(summary, text);
     if (context_.inbox.is_interrupted()) return;
-    if (counts[kLost] > 0) throw Failure(job_.step, results_.back().failure->reason());
-    if (job_.complaint == nullptr || counts[kDone] == job_.items.size()) return;
-    throw Failure("", std::to_string(job_.items.size() - counts[kDone]) + " of " + all + job_.complaint);
+    if (failure_) throw *failure_;
+    const size_t failed = tried_ - counts_[kDone] - (job_.accepts_absence ? counts_[kAbsent] : 0);
+    if (failed > 0) throw Failure("", job_.problem + std::to_string(failed) + " of " + all);
   }
 
   const Context& context_;
@@ -206,7 +229,10 @@ class Pass {
   const Job job_;
   const bool is_terminal_ = isatty(STDERR_FILENO) != 0;
   std::mutex mutex_;
-  std::vector<Result> results_;
+  size_t tried_ = 0;
+  bool is_pending_ = false;  // the last of them
+  size_t counts_[kStates] = {};
+  std::optional<Failure> failure_;  // that ended the exchanges
   bool is_over_ = false;
   ModemThread thread_;
 };
@@ -220,23 +246,30 @@ struct ManyValues {
 };
 
 void dump(const Context& context, const Kind& kind, const ManyValues& values) {
-  Job job = {.step = std::string("dumping ") + kind.summary, .done = "found", .mark = "# "};
+  Job job = {.step = std::string("dumping ") + kind.summary,
+             .done = "found",
+             .problem = "the modem refused ",
+             .accepts_absence = true,
+             .mark = "# "};
   for (Address& address : parse_addresses(kind, values.words, values.base))
     job.items.push_back({.address = std::move(address)});
   job.exchange = [&](int32_t client, const FileItem& item) { return read(kind, client, item.address); };
   job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
     if (result.state == kAbsent) return "";
+    put_result(document, result);
     if (result.failure) return "# " + title_of(kind, item.address) + ": " + result.failure->reason();
-    put_bytes(document, result.data);
     return line_of(kind, item.address, result.data);
   };
-  const std::string heading = std::string("# ") + kind.title + "s of " + context.session.modem().address + ", ";
-  if (!context.output.is_json()) context.output.print(Json(), heading + utc_text(WallClock::now()));
+  job.heading =
+      std::string("# ") + kind.title + "s of " + context.session.modem().address + ", " + utc_text(WallClock::now());
   Pass(context, kind, std::move(job)).run();
 }
 
 void restore(const Context& context, const Kind& kind, const ManyValues& values) {
-  Job job = {.step = "restoring '" + values.file + "'", .done = "written", .items = read_items(kind, values.file)};
+  Job job = {.step = "restoring '" + values.file + "'",
+             .done = "written",
+             .items = read_items(kind, values.file),
+             .problem = "could not write "};
   const std::string all = count_of(job.items.size(), kind.title);
   if (values.is_dry) {
     const Json summary = {{"type", "summary"}, {"items", job.items.size()}, {"not_tried", job.items.size()}};
@@ -250,16 +283,20 @@ void restore(const Context& context, const Kind& kind, const ManyValues& values)
   job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
     if (result.state == kDone) return "";
     document["file_line"] = item.line;
+    document["may_be_written"] = result.state == kLost;
+    put_result(document, result);
     return "line " + std::to_string(item.line) + ", " + title_of(kind, item.address) + ": " + result.failure->reason() +
            (result.state == kLost ? "; it may be written" : "");
   };
-  job.complaint = " not written";
   Pass(context, kind, std::move(job)).run();
 }
 
 void diff(const Context& context, const Kind& kind, const ManyValues& values) {
-  Job job = {
-      .step = "comparing '" + values.file + "'", .done = "same", .items = read_items(kind, values.file), .mark = "# "};
+  Job job = {.step = "comparing '" + values.file + "'",
+             .done = "same",
+             .items = read_items(kind, values.file),
+             .problem = "the file and the modem differ in ",
+             .mark = "# "};
   job.exchange = [&](int32_t client, const FileItem& item) {
     Result result = read(kind, client, item.address);
     if (result.state == kDone && result.data != item.data) result.state = kDifferent;
@@ -269,20 +306,20 @@ void diff(const Context& context, const Kind& kind, const ManyValues& values) {
     if (result.state == kDone) return "";
     put_bytes(document["file"], item.data);
     document["modem"] = Json();
-    if (result.state == kDifferent) put_bytes(document["modem"], result.data);
-    return "-" + line_of(kind, item.address, item.data) +
-           (result.state == kDifferent ? "+" + line_of(kind, item.address, result.data)
-            : result.state == kAbsent  ? ""
-                                       : "# " + result.failure->reason());
+    const std::string line = "-" + line_of(kind, item.address, item.data);
+    if (result.state == kAbsent) return line;
+    put_result(result.failure ? document : document["modem"], result);
+    return line + (result.failure ? "# " + result.failure->reason() : "+" + line_of(kind, item.address, result.data));
   };
-  job.complaint = " not the same";
   Pass(context, kind, std::move(job)).run();
 }
 
 constexpr const char* kDumpNotes =
-    "Each item is a line, without qualifier and index where they are 0:\n"
-    "  nv 10 index 1 = 68 65 6c 6c 6f  # hello\n"
-    "Absent items are left out; items that the modem refuses are comments. The service cannot list its EFS files.";
+    "Qualifier and index stand before = where they are not 0. Absent items are left out. Items that the modem refuses "
+    "are comments, and the exit status is 1 then.";
+constexpr const char* kPathNotes =
+    "The service cannot list its EFS files, and a directory counts as absent: name each file, or give @FILE, a file "
+    "with one path a line.";
 constexpr const char* kRestoreNotes =
     "Nothing is written before the whole file has been checked. Items that the file does not have stay as they are. "
     "Where the modem refuses an item the others are written still, and the exit status is 1.";
@@ -366,33 +403,37 @@ void send_raw(const Context& context, const RawValues& values) {
 
 void add_item_commands(CommandLine& line) {
   for (const Kind& kind : kinds()) {
-    CLI::App& group = line.add_group(kind.command, std::string("read, write and delete ") + kind.summary);
+    CLI::App& group =
+        line.add_group(kind.command, std::string("read, write, delete, dump, restore and compare ") + kind.summary);
     const std::string what = std::string(" an ") + kind.title;
     const std::string example = kind.example;
     {
-      auto [command, values] = line.add<ReadValues>(group, "read", "read" + what, on(kind, read_item));
+      auto [command, values] = line.add<ItemValues>(group, "read", "read" + what, on(kind, read_item));
       add_address(command, kind, values.address);
       values.output.add_to(command);
       command.add_examples({example, example + " --output item.bin"});
     }
     {
-      auto [command, values] = line.add<WriteValues>(group, "write", "write" + what, on(kind, write_item));
+      auto [command, values] = line.add<ItemValues>(group, "write", "write" + what, on(kind, write_item));
       add_address(command, kind, values.address);
       values.input.add_to(command);
       command.add_examples({example + " 0a 1b 2c", example + " --text hello"});
     }
     {
-      auto [command, address] = line.add<Address>(group, "delete", "delete" + what, on(kind, delete_item));
-      add_address(command, kind, address);
+      auto [command, values] = line.add<ItemValues>(group, "delete", "delete" + what, on(kind, delete_item));
+      add_address(command, kind, values.address);
       command.add_examples({example, example + " --json"});
     }
     {
       auto [command, values] = line.add<ManyValues>(group, "dump", "print many, as a file", on(kind, dump));
+      command.add_notes("Each item is a line, as in '" + (kind.command + (" " + example)) + " = 68 69 # hi'.");
       command.add_notes(kDumpNotes);
-      command.add_examples({kind.by_path ? example + " /nv/b >items" : ">items", example + " --json"});
+      if (kind.by_path) command.add_notes(kPathNotes);
+      command.add_examples({kind.by_path ? "@paths >items" : ">items", example + " --json"});
       if (!kind.by_path) values.words = {"0-65535"};
       command.add_text(kind.by_path ? "paths" : "ranges", values.words,
-                       kind.by_path ? "the files' paths" : "numbers, or ranges as in 10-20 (default 0-65535)",
+                       kind.by_path ? "the files' paths, or @FILE that has them (@-: standard input)"
+                                    : "numbers, or ranges as in 10-20 (default 0-65535)",
                        {.type = kind.by_path ? "PATH" : "RANGE", .is_required = kind.by_path});
       add_parts(command, kind, values.base);
     }
@@ -401,7 +442,7 @@ void add_item_commands(CommandLine& line) {
                                                     writes ? "write what a dump has" : "compare a dump with the modem",
                                                     on(kind, writes ? restore : diff));
       command.add_notes(writes ? kRestoreNotes : kDiffNotes);
-      command.add_examples({"items", writes ? "items --dry-run" : "items --json"});
+      command.add_examples({writes ? "items --yes" : "items", writes ? "items --dry-run" : "items --json"});
       command.add_text("file", values.file, "the dump (-: standard input)", {.type = "FILE", .is_required = true});
       if (!writes) continue;
       command.add_flag("--dry-run", values.is_dry, "check the file, and write nothing");

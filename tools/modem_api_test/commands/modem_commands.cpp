@@ -14,7 +14,6 @@
 #include "environment.h"
 #include "manager_link.h"
 #include "modem_api_peripheral_mng.h"
-#include "own_modem.h"
 #include "pelmar_ssr.h"
 
 namespace pelmar::cli {
@@ -41,7 +40,7 @@ constexpr ModemCommand kCommands[] = {
 };
 
 void stop_modem(const Context& context, const NoValues&) {
-  const bool is_stopped = stop_own_modem();
+  const bool is_stopped = context.session.stop_own_modem();
   context.output.print({{"stopped", is_stopped}},
                        is_stopped ? "simulated modem: stopped" : "simulated modem: none runs");
 }
@@ -215,7 +214,7 @@ struct Watcher {
 };
 
 void watch(const Context& context, const WatchValues& values) {
-  context.require_end(values.seconds);
+  context.require_end(values.seconds, values.count);
   constexpr const char* kStep = "watching the modem's power";
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);

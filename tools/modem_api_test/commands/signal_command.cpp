@@ -183,7 +183,7 @@ class Series {
         subs_(values.subs()),
         show_(show_of(context, values)),
         thread_(context) {
-    context.require_end(values.seconds);
+    context.require_end(values.seconds, values.count);
     const uint32_t rate = values.rate.value_or(kUsualRate);
     period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.

@@ -269,7 +269,7 @@ void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& v
 // A modem that was away has forgotten the statistics client id, and may have granted it to another program since: so it
 // is given back at the end alone.
 void register_and_follow(const Context& context, const RegisterValues& values) {
-  context.require_end(values.limits.seconds);
+  context.require_end(values.limits.seconds, values.limits.count);
   int32_t client = -1;
   uint32_t id = 0;
   const auto give_back = [&] { modem_api_set_modem_stats_report_status(client, 0, &id); };
