@@ -433,7 +433,8 @@ bool CaptureReader::take_packet(std::span<const uint8_t> block, CapturedMessage&
 
   const uint64_t time = uint64_t{u32(&block[12])} << 32 | u32(&block[16]);
   const auto rest = static_cast<double>(time % link.ticks_a_second) / static_cast<double>(link.ticks_a_second);
-  const uint64_t seconds = time / link.ticks_a_second + link.offset_seconds;
+  constexpr uint64_t kMostSeconds = INT64_MAX / kSecond - 1;
+  const uint64_t seconds = std::min(time / link.ticks_a_second + link.offset_seconds, kMostSeconds);
   message.time_ns = static_cast<int64_t>(seconds * kSecond + static_cast<uint64_t>(std::llround(rest * kSecond)));
   return true;
 }

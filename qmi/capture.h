@@ -77,7 +77,7 @@ class CaptureWriter {
 };
 
 struct CapturedMessage {
-  int64_t time_ns = 0;  // since 1970, UTC
+  int64_t time_ns = 0;  // since 1970, UTC; not negative, so that the difference of two times does not overflow
   Direction direction = Direction::kToModem;
   uint32_t link = 0;
   Frame frame{};        // valid until the next message is read

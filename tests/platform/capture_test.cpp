@@ -104,6 +104,7 @@ TEST(CaptureReaderTest, ReadsWhatIsWholeOfAnyFile) {
       {"halves of a second", {kHeader, option(9, {0x81}), five}, "2500000000:0:3:1 end"},
       {"no such resolution", {kHeader, option(9, {20}), five}, "1 skipped, end"},
       {"offset of a second", {kHeader, option(14, {1, 0, 0, 0, 0, 0, 0, 0}), five}, "1000005000:0:3:1 end"},
+      {"offset before 1970", {kHeader, option(14, Bytes(8, 0xFF)), five}, "9223372035000005000:0:3:1 end"},
       {"option beyond the block", {kHeader, with(option(2, {'a'}), 18, 9), five}, "5000:0:3:1 end"},
       {"other link type", {kHeader, link_block(1, {}), five}, "1 skipped, end"},
       {"no such link", {kHeader, kLink, with(five, 8, 1)}, "1 skipped, end"},
