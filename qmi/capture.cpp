@@ -138,10 +138,12 @@ std::string expand(std::string_view name) {
   return path;
 }
 
-// Empties a file. Returns the problem if it must stay as it is.
+// Takes a file or a FIFO for this process alone, and empties a file. Returns the problem if it must stay as it is.
 std::string take_over(int file) {
-  if (::flock(file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return "another process writes it";
   struct stat status {};
+  if (::fstat(file, &status) != 0 || (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode))) return "";
+  if (::flock(file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return "another process writes it";
+  if (S_ISFIFO(status.st_mode)) return "";
   if (::fstat(file, &status) == 0 && status.st_size > 0 && !is_capture(file))
     return "the file is there already and is no capture of QMI messages: remove it, or name another";
   return ::ftruncate(file, 0) == 0 ? "" : std::strerror(errno);
@@ -213,7 +215,7 @@ int open_capture(const std::string& name, std::string& problem) {
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600);
   }
   problem = file < 0 ? std::strerror(errno) : ::isatty(file) != 0 ? "it is a terminal" : "";
-  if (problem.empty() && !is_open && is_regular(file)) problem = take_over(file);
+  if (problem.empty() && !is_open) problem = take_over(file);
   if (problem.empty() || file < 0) return file;
   ::close(file);
   return -1;

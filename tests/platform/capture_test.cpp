@@ -158,6 +158,12 @@ TEST_F(CaptureFileTest, AFileThatIsNoCaptureOrHasAWriterStays) {
   EXPECT_EQ(std::filesystem::file_size(path_), 5);
   EXPECT_EQ(problem_of(directory_), "Is a directory");
   EXPECT_EQ(problem_of("/dev/fd/1000"), "Bad file descriptor");
+  const std::string fifo = directory_ + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
+  EXPECT_EQ(problem_of(fifo), "");
+  const UniqueFd writer = std::move(file_);
+  EXPECT_EQ(problem_of(fifo), "another process writes it");
   EXPECT_EQ(problem_of(directory_ + "/%p%%"), "");
   const std::string named = directory_ + "/" + std::to_string(::getpid()) + "%";
   const UniqueFd own = std::move(file_);
