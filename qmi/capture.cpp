@@ -53,7 +53,8 @@ enum OptionCode : uint16_t {
 constexpr uint32_t kInbound = 1;
 constexpr uint32_t kOutbound = 2;
 
-// A capture that has more links is read and written, but further links have no number of their own.
+// Of a capture with more links, the writer puts the messages of all further ones on the last link; the reader skips
+// those of further links.
 constexpr size_t kMostLinks = 16384;
 constexpr size_t kLongestText = 255;
 
@@ -232,16 +233,17 @@ CaptureWriter::CaptureWriter(int descriptor, std::string_view program, std::func
 }
 
 uint32_t CaptureWriter::add_link(const CaptureLink& link, Sharing sharing) {
+  static const CaptureLink kOthers = {"others", "others"};
   const std::lock_guard lock(links_mutex_);
   const auto known = sharing == Sharing::kShared ? std::find(links_.begin(), links_.end(), link) : links_.end();
   if (known != links_.end()) return static_cast<uint32_t>(known - links_.begin());
   if (links_.size() == kMostLinks) return kMostLinks - 1;
-  links_.push_back(link);
+  const CaptureLink& added = links_.emplace_back(links_.size() < kMostLinks - 1 ? link : kOthers);
   Block block(kInterfaceDescription);
   block.put(uint32_t{kLinkType});
   block.put(uint32_t{0});  // no limit of a packet's length
-  block.put_option(kName, link.transport);
-  block.put_option(kDescription, link.process);
+  block.put_option(kName, added.transport);
+  block.put_option(kDescription, added.process);
   block.put_option(kTimeResolution, std::string_view(reinterpret_cast<const char*>(&kNanoseconds), 1));
   write_block({{block.finish()}});
   return static_cast<uint32_t>(links_.size() - 1);

@@ -53,7 +53,8 @@ class CaptureWriter {
   // if a write fails, with errno's value; nothing more is written then.
   CaptureWriter(int descriptor, std::string_view program, std::function<void(int error)> ended);
 
-  // Returns the number of the link. kShared: an earlier link of the same description has that number.
+  // Returns the number of the link. kShared: an earlier link of the same description has that number. From the 16,384th
+  // link of a writer on, all have one number: that of a link whose transport and process are "others".
   enum class Sharing { kShared, kOwn };
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 

@@ -206,6 +206,18 @@ TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
   EXPECT_EQ(reader.next(message), Status::kEnd);
 }
 
+TEST_F(CaptureFileTest, LinksBeyondTheLimitAreOthers) {
+  ASSERT_EQ(problem_of(path_), "");
+  CaptureWriter writer(file_.get(), "program 1", on_end_);
+  for (uint32_t i = 0; i < 16'385; ++i) ASSERT_EQ(writer.add_link(link_, Sharing::kOwn), std::min(i, 16'383u));
+  writer.write(16'383, Direction::kToModem, 3, 1, Bytes(8));
+  const UniqueFd opened(::open(path_.c_str(), O_RDONLY));
+  CaptureReader reader(opened.get());
+  CapturedMessage message;
+  ASSERT_EQ(reader.next(message), Status::kMessage);
+  EXPECT_EQ(reader.link(message.link).transport, "others");
+}
+
 TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
   ASSERT_EQ(problem_of(path_), "");
   CaptureWriter writer(file_.get(), "program 1", on_end_);
