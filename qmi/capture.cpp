@@ -53,7 +53,8 @@ enum OptionCode : uint16_t {
 constexpr uint32_t kInbound = 1;
 constexpr uint32_t kOutbound = 2;
 
-// A capture that has more links is read and written, but further links have no number of their own.
+// Of a capture with more links, the writer puts the messages of all further ones on the last link; the reader skips
+// those of further links.
 constexpr size_t kMostLinks = 16384;
 constexpr size_t kLongestText = 255;
 
@@ -138,10 +139,12 @@ std::string expand(std::string_view name) {
   return path;
 }
 
-// Empties a file. Returns the problem if it must stay as it is.
+// Takes a file or a FIFO for this process alone, and empties a file. Returns the problem if it must stay as it is.
 std::string take_over(int file) {
-  if (::flock(file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return "another process writes it";
   struct stat status {};
+  if (::fstat(file, &status) != 0 || (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode))) return "";
+  if (::flock(file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return "another process writes it";
+  if (S_ISFIFO(status.st_mode)) return "";
   if (::fstat(file, &status) == 0 && status.st_size > 0 && !is_capture(file))
     return "the file is there already and is no capture of QMI messages: remove it, or name another";
   return ::ftruncate(file, 0) == 0 ? "" : std::strerror(errno);
@@ -212,8 +215,9 @@ int open_capture(const std::string& name, std::string& problem) {
   } else {
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600);
   }
-  problem = file < 0 ? std::strerror(errno) : ::isatty(file) != 0 ? "it is a terminal" : "";
-  if (problem.empty() && !is_open && is_regular(file)) problem = take_over(file);
+  const bool lacks_reader = file < 0 && errno == ENXIO;
+  problem = lacks_reader ? "nobody reads the pipe yet" : file < 0 ? std::strerror(errno) : ::isatty(file) != 0 ? "it is a terminal" : "";
+  if (problem.empty() && !is_open) problem = take_over(file);
   if (problem.empty() || file < 0) return file;
   ::close(file);
   return -1;
@@ -229,16 +233,17 @@ CaptureWriter::CaptureWriter(int descriptor, std::string_view program, std::func
 }
 
 uint32_t CaptureWriter::add_link(const CaptureLink& link, Sharing sharing) {
+  static const CaptureLink kOthers = {"others", "others"};
   const std::lock_guard lock(links_mutex_);
   const auto known = sharing == Sharing::kShared ? std::find(links_.begin(), links_.end(), link) : links_.end();
   if (known != links_.end()) return static_cast<uint32_t>(known - links_.begin());
   if (links_.size() == kMostLinks) return kMostLinks - 1;
-  links_.push_back(link);
+  const CaptureLink& added = links_.emplace_back(links_.size() < kMostLinks - 1 ? link : kOthers);
   Block block(kInterfaceDescription);
   block.put(uint32_t{kLinkType});
   block.put(uint32_t{0});  // no limit of a packet's length
-  block.put_option(kName, link.transport);
-  block.put_option(kDescription, link.process);
+  block.put_option(kName, added.transport);
+  block.put_option(kDescription, added.process);
   block.put_option(kTimeResolution, std::string_view(reinterpret_cast<const char*>(&kNanoseconds), 1));
   write_block({{block.finish()}});
   return static_cast<uint32_t>(links_.size() - 1);
@@ -433,7 +438,8 @@ bool CaptureReader::take_packet(std::span<const uint8_t> block, CapturedMessage&
 
   const uint64_t time = uint64_t{u32(&block[12])} << 32 | u32(&block[16]);
   const auto rest = static_cast<double>(time % link.ticks_a_second) / static_cast<double>(link.ticks_a_second);
-  const uint64_t seconds = time / link.ticks_a_second + link.offset_seconds;
+  constexpr uint64_t kMostSeconds = INT64_MAX / kSecond - 1;
+  const uint64_t seconds = std::min(time / link.ticks_a_second + link.offset_seconds, kMostSeconds);
   message.time_ns = static_cast<int64_t>(seconds * kSecond + static_cast<uint64_t>(std::llround(rest * kSecond)));
   return true;
 }

@@ -42,8 +42,8 @@ struct CaptureLink {
 // Opens a file for a CaptureWriter and returns its descriptor, or -1 with the problem. In the name, %p stands for the
 // process id and %% for a percent sign; /dev/fd/N is the open descriptor N.
 //
-// The messages of an earlier capture are lost. A file that another process writes, or that is no capture of QMI
-// messages, stays as it is. A new file is readable for its owner only, because messages may hold secrets.
+// The messages of an earlier capture are lost. A file or FIFO that another process writes, and a file that is no capture
+// of QMI messages, stay as they are. A new file is readable for its owner only, because messages may hold secrets.
 int open_capture(const std::string& name, std::string& problem);
 
 // Any number of threads may use a writer.
@@ -53,7 +53,8 @@ class CaptureWriter {
   // if a write fails, with errno's value; nothing more is written then.
   CaptureWriter(int descriptor, std::string_view program, std::function<void(int error)> ended);
 
-  // Returns the number of the link. kShared: an earlier link of the same description has that number.
+  // Returns the number of the link. kShared: an earlier link of the same description has that number. From the 16,384th
+  // link of a writer on, all have one number: that of a link whose transport and process are "others".
   enum class Sharing { kShared, kOwn };
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 
@@ -77,7 +78,7 @@ class CaptureWriter {
 };
 
 struct CapturedMessage {
-  int64_t time_ns = 0;  // since 1970, UTC
+  int64_t time_ns = 0;  // since 1970, UTC; not negative, so that the difference of two times does not overflow
   Direction direction = Direction::kToModem;
   uint32_t link = 0;
   Frame frame{};        // valid until the next message is read

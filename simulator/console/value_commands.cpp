@@ -149,6 +149,7 @@ Json stop_stream(Simulation& simulation, Arguments& arguments) {
 // --- the clock ---
 
 Json clock(Simulation& simulation, Arguments& arguments) {
+  if (arguments.is_only_check()) throw CommandError("a scenario does not move the clock that it is played by");
   ModemClock& clock = simulation.clock;
   const bool is_shown = arguments.is_empty();
   const bool runs = arguments.accept("run");

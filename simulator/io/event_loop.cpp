@@ -53,7 +53,7 @@ void EventLoop::run() {
   running_ = true;
   while (running_) {
     const bool is_timer_due = has_due_timer();
-    batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, is_timer_due ? 0 : -1);
+    batch_size_ = epoll_wait(epoll_.get(), batch_, kBatch, is_timer_due || !posted_.empty() ? 0 : -1);
     if (batch_size_ < 0 && errno != EINTR) fail("epoll_wait");
     for (int i = 0; i < batch_size_; ++i) {
       auto* const watcher = static_cast<Watcher*>(batch_[i].data.ptr);
@@ -80,12 +80,10 @@ void EventLoop::attempt(const F& call) {
   }
 }
 
+// What a task posts runs in the next round, so that tasks which always post another one keep no client waiting.
 void EventLoop::run_posted() {
-  while (!posted_.empty()) {
-    std::vector<Task> tasks = std::move(posted_);
-    posted_.clear();
-    for (Task& task : tasks) attempt(task);
-  }
+  const std::vector<Task> tasks = std::exchange(posted_, {});
+  for (const Task& task : tasks) attempt(task);
 }
 
 bool EventLoop::has_due_timer() const {

@@ -41,7 +41,8 @@ class EventLoop {
   // A timer that has run or was cancelled already is left alone.
   void cancel(const TimerId& timer) { pending_timers_.erase(timer); }
 
-  // Runs the task after the events that epoll has returned, when a watcher can be destroyed.
+  // Runs the task after the events that epoll has returned, when a watcher can be destroyed. A task that a posted task
+  // posts runs after the events of the next round.
   void post(Task task) { posted_.push_back(std::move(task)); }
 
   // Runs at the end of each round of events, and again, once what it has posted has run, as long as it returns true.

@@ -68,6 +68,7 @@ RecordedTraffic::RecordedTraffic(const std::string& path) {
             path.c_str());
   }
   if (exchanges_.empty()) throw std::runtime_error("the capture '" + path + "' has no request of a QMI client");
+  while (!down_.empty()) service_is_up(down_.begin()->first, Time(captured.time_ns));
   open_.clear();
   pending_.clear();
   make_index();
@@ -93,7 +94,7 @@ void RecordedTraffic::add(const qmi::CapturedMessage& captured, const qmi::Messa
   if (frame.service == qmi::kControlService) return add_control(captured.link, time, message);
   const bool is_from_modem = captured.direction == qmi::Direction::kFromModem;
   if (is_from_modem && message.kind == qmi::MessageKind::kIndication) {
-    const Indication indication = {{}, 0, false, message.id, keep(message.tlvs)};
+    const Indication indication = {Event::kMessage, message.id, keep(message.tlvs)};
     const bool is_for_all = frame.client == qmi::kAllClients;
     auto place = open_.lower_bound({captured.link, frame.service, is_for_all ? uint8_t{0} : frame.client});
     const ClientKey last = {captured.link, frame.service, frame.client};
@@ -116,16 +117,39 @@ void RecordedTraffic::add(const qmi::CapturedMessage& captured, const qmi::Messa
   }
 }
 
-// A client id that is allocated is a new client. After a restart of the modem, all are.
+// A client id that is allocated is a new client. After a restart of the modem, all are. A service whose client ids are
+// revoked is down until it allocates one or is in the list of versions.
 void RecordedTraffic::add_control(uint32_t link, Time time, const qmi::Message& message) {
-  if (message.kind == qmi::MessageKind::kResponse && message.id == ctl::kAllocateClientId) {
-    const auto id = qmi::find_tlv(message.tlvs, 0x01);
-    if (id && id->size() == 2) open_.erase({link, (*id)[0], (*id)[1]});
-  } else if (message.kind == qmi::MessageKind::kIndication && message.id == ctl::kSync) {
+  const auto value = qmi::find_tlv(message.tlvs, 0x01).value_or(std::span<const uint8_t>());
+  const bool is_indication = message.kind == qmi::MessageKind::kIndication;
+  const bool is_response = message.kind == qmi::MessageKind::kResponse;
+  if (is_response && message.id == ctl::kAllocateClientId && value.size() == 2) {
+    open_.erase({link, value[0], value[1]});
+    service_is_up(value[0], time);
+  } else if (is_response && message.id == ctl::kGetVersionInfo) {
+    constexpr size_t kVersionLength = 5;
+    for (size_t at = 1; at + kVersionLength <= value.size(); at += kVersionLength) service_is_up(value[at], time);
+  } else if (is_indication && message.id == ctl::kRevokeClientId && value.size() == 2) {
+    const auto place = open_.find({link, value[0], value[1]});
+    if (place == open_.end()) return;
+    add_indication(place->second, time, {Event::kServiceDown});
+    down_[value[0]].emplace_back(place->second, time);
+    open_.erase(place);
+  } else if (is_indication && message.id == ctl::kSync) {
     const auto first = open_.lower_bound({link, uint8_t{0}, uint8_t{0}});
     const auto last = open_.upper_bound({link, UINT8_MAX, UINT8_MAX});
-    for (auto place = first; place != last; ++place) add_indication(place->second, time, {{}, 0, true, 0, {}});
+    for (auto place = first; place != last; ++place) add_indication(place->second, time, {Event::kRestart});
     open_.erase(first, last);
+  }
+}
+
+// The event of the service's end is the last one of each client.
+void RecordedTraffic::service_is_up(uint8_t service, Time time) {
+  const auto ended = down_.extract(service);
+  if (!ended) return;
+  for (const auto& [client, since] : ended.mapped()) {
+    auto& indications = clients_[client].indications;
+    if (!indications.empty()) indications.back().down_for = between(since, time);
   }
 }
 

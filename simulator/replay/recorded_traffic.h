@@ -44,12 +44,16 @@ class RecordedTraffic {
     uint16_t message() const;
   };
 
+  // What the modem did: it sent a message to the client, restarted, or took the client's service down.
+  enum class Event { kMessage, kRestart, kServiceDown };
+
   struct Indication {
-    Time offset;               // since the client's first request
-    uint32_t requests_before;  // of the client
-    bool is_restart;           // the modem restarted; no message
-    uint16_t message;
-    Bytes tlvs;
+    Event event;
+    uint16_t message = 0;
+    Bytes tlvs = {};
+    Time offset{};                 // since the client's first request
+    uint32_t requests_before = 0;  // of the client
+    Time down_for{};               // the service
   };
 
   struct Client {
@@ -81,6 +85,7 @@ class RecordedTraffic {
   void add(const qmi::CapturedMessage& captured, const qmi::Message& message);
   void add_control(uint32_t link, Time time, const qmi::Message& message);
   void add_indication(uint32_t client, Time time, const Indication& indication);
+  void service_is_up(uint8_t service, Time time);
   void make_index();
 
   static constexpr size_t kMaxKept = size_t{256} << 20;
@@ -94,7 +99,8 @@ class RecordedTraffic {
 
   // While the capture is read.
   std::map<ClientKey, uint32_t> open_;
-  std::unordered_map<uint64_t, uint32_t> pending_;  // by client and transaction
+  std::unordered_map<uint64_t, uint32_t> pending_;                      // by client and transaction
+  std::map<uint8_t, std::vector<std::pair<uint32_t, Time>>> down_;  // the clients that a service had when it went down
 };
 
 }  // namespace pelmar::sim

@@ -170,7 +170,12 @@ void Replay::send_due(ClientKey key) {
       return;
     }
     ++player.next_indication;
-    if (next.is_restart) return restart_modem_();  // ends all players
+    using Event = RecordedTraffic::Event;
+    if (next.event == Event::kRestart) return restart_modem_();  // ends all players
+    if (next.event == Event::kServiceDown) {
+      loop_.after(scaled(next.down_for), [this, &slot] { modem_->bring_up(slot); });
+      return modem_->take_down(slot);  // ends all players of the service
+    }
     const auto is_receiver = [&](uint8_t client) { return client == key.second; };
     modem_->indicate(slot, next.message, bytes_of(next.tlvs), is_receiver);
     if (!players_.contains(key)) return;  // its connection did not take the indication

@@ -104,6 +104,7 @@ TEST(CaptureReaderTest, ReadsWhatIsWholeOfAnyFile) {
       {"halves of a second", {kHeader, option(9, {0x81}), five}, "2500000000:0:3:1 end"},
       {"no such resolution", {kHeader, option(9, {20}), five}, "1 skipped, end"},
       {"offset of a second", {kHeader, option(14, {1, 0, 0, 0, 0, 0, 0, 0}), five}, "1000005000:0:3:1 end"},
+      {"offset before 1970", {kHeader, option(14, Bytes(8, 0xFF)), five}, "9223372035000005000:0:3:1 end"},
       {"option beyond the block", {kHeader, with(option(2, {'a'}), 18, 9), five}, "5000:0:3:1 end"},
       {"other link type", {kHeader, link_block(1, {}), five}, "1 skipped, end"},
       {"no such link", {kHeader, kLink, with(five, 8, 1)}, "1 skipped, end"},
@@ -157,6 +158,13 @@ TEST_F(CaptureFileTest, AFileThatIsNoCaptureOrHasAWriterStays) {
   EXPECT_EQ(std::filesystem::file_size(path_), 5);
   EXPECT_EQ(problem_of(directory_), "Is a directory");
   EXPECT_EQ(problem_of("/dev/fd/1000"), "Bad file descriptor");
+  const std::string fifo = directory_ + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(problem_of(fifo), "nobody reads the pipe yet");
+  const UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
+  EXPECT_EQ(problem_of(fifo), "");
+  const UniqueFd writer = std::move(file_);
+  EXPECT_EQ(problem_of(fifo), "another process writes it");
   EXPECT_EQ(problem_of(directory_ + "/%p%%"), "");
   const std::string named = directory_ + "/" + std::to_string(::getpid()) + "%";
   const UniqueFd own = std::move(file_);
@@ -196,6 +204,18 @@ TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
   EXPECT_TRUE(message.is_cut && message.direction == Direction::kToModem);
   EXPECT_NEAR(static_cast<double>(message.time_ns) / 1e9, static_cast<double>(::time(nullptr)), 60);
   EXPECT_EQ(reader.next(message), Status::kEnd);
+}
+
+TEST_F(CaptureFileTest, LinksBeyondTheLimitAreOthers) {
+  ASSERT_EQ(problem_of(path_), "");
+  CaptureWriter writer(file_.get(), "program 1", on_end_);
+  for (uint32_t i = 0; i < 16'385; ++i) ASSERT_EQ(writer.add_link(link_, Sharing::kOwn), std::min(i, 16'383u));
+  writer.write(16'383, Direction::kToModem, 3, 1, Bytes(8));
+  const UniqueFd opened(::open(path_.c_str(), O_RDONLY));
+  CaptureReader reader(opened.get());
+  CapturedMessage message;
+  ASSERT_EQ(reader.next(message), Status::kMessage);
+  EXPECT_EQ(reader.link(message.link).transport, "others");
 }
 
 TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {

@@ -15,7 +15,7 @@ constexpr uint8_t kOther = 0x02;  // a service that the modem does not have
 constexpr uint16_t kEvent = 0x0203;
 const Bytes kSuccess = tlv(0x02, {0, 0, 0, 0});
 
-// The argument that tells requests apart.
+// The argument by which requests differ.
 Bytes argument(uint8_t value) {
   return tlv(0x01, {value});
 }
@@ -83,8 +83,8 @@ TEST_F(ReplayTest, RequestsGetTheResponsesOfARecordedClient) {
   EXPECT_EQ(modem_->line(), "modem_sim: the capture has no message 0x0103 of service vs; the response is error 94");
 }
 
-// An id that is allocated anew, and one that is used after a restart, is a new client.
-TEST_F(ReplayTest, IndicationsAndARestartComeAfterTheRequestsBeforeThem) {
+// An id that is allocated anew, and one that is used after a restart or a revocation, is a new client.
+TEST_F(ReplayTest, IndicationsRestartsAndRevocationsComeAfterTheRequestsBeforeThem) {
   begin_link();
   for (const uint8_t request : {1, 2}) write_exchange(kVs, 0x0100, request, request);
   write(kVs, 7, Kind::kIndication, kEvent, argument(1));
@@ -93,6 +93,9 @@ TEST_F(ReplayTest, IndicationsAndARestartComeAfterTheRequestsBeforeThem) {
   write_exchange(kVs, 0x0100, 3, 3);
   write(0, 0, Kind::kIndication, kSync, {});
   write_exchange(kVs, 0x0100, 3, 4);
+  write(0, 0, Kind::kIndication, kRevoke, tlv(0x01, {kVs, 7}));
+  write(0, 0, Kind::kResponse, kGetVersions, kSuccess + tlv(0x01, Bytes{1, kVs} + Bytes(4)));
+  write_exchange(kVs, 0x0100, 3, 5);
   play();
 
   QmuxClient first(modem_->socket(), kVs);
@@ -107,6 +110,10 @@ TEST_F(ReplayTest, IndicationsAndARestartComeAfterTheRequestsBeforeThem) {
   EXPECT_TRUE(wait_until([&] { return modem_->value("status", "/state") == "ready"; }));
   QmuxClient third(modem_->socket(), kVs);
   EXPECT_EQ(response_to(third, 0x0100, 3), 4);
+  EXPECT_EQ(third.receive().message, kRevoke);
+  EXPECT_TRUE(wait_until([&] { return modem_->value("status", "/services/2/up") == true; }));
+  QmuxClient fourth(modem_->socket(), kVs);
+  EXPECT_EQ(response_to(fourth, 0x0100, 3), 5);
 }
 
 TEST_F(ReplayTest, ACaptureThatIsCutIsPlayedAndOneWithoutRequestsIsRefused) {

@@ -88,6 +88,7 @@ TEST_F(Services, AScenarioStartsWhenLoadedAndAWrongOneIsRefusedWithThePlace) {
       {with_track(R"("sub": 0, "fields": ["attenuation"], "points": [[0, 256]])"), "points[0][1]: 256 is not within"},
       {with_track(R"("commands": [[1, "clear"], [2, "clear all"]])"), "tracks[0].commands[1][1]: 'all' is one word"},
       {with_track(R"("commands": [[1, "service sar sideways"]])"), "[0][1]: 'sideways' is neither up nor down"},
+      {with_track(R"("commands": [[1, "clock advance 1000"]])"), "[0][1]: a scenario does not move the clock"},
       {with_track(R"("commands": [[11, "clear"]])"), "tracks[0].commands[0][0]: 11 is not within 0.0 to 10.0"},
       {std::string(33 << 20, ' '), "larger than 33554432 bytes"},
   };

@@ -22,7 +22,7 @@ inline constexpr uint8_t kNas = 0x03;
 inline constexpr uint8_t kSar = 0x11;
 inline constexpr uint8_t kVs = 0xE4;
 
-enum ControlMessage : uint16_t { kGetVersions = 0x0021, kAllocate, kRelease, kSync = 0x0027 };
+enum ControlMessage : uint16_t { kGetVersions = 0x0021, kAllocate, kRelease, kRevoke, kSync = 0x0027 };
 enum VsMessage : uint16_t { kPassThrough = 0x0000, kReadRfnv = 0x0109, kWriteRfnv };
 
 // Little-endian, as on the wire.

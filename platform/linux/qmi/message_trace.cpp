@@ -59,8 +59,11 @@ class MessageTrace {
     const std::string name = environment(kTraceVariable);
     if (name.empty()) return;
     std::string problem;
-    file_ = ProcessFd([&] { return qmi::open_capture(name, problem); });
     const std::string subject = std::string(kTraceVariable) + "=" + printable_text(name);
+    if (forks_ > 0 && name.starts_with("/dev/fd/")) {
+      return report(subject + ": messages are not traced: ", "the parent of this process writes it");
+    }
+    file_ = ProcessFd([&] { return qmi::open_capture(name, problem); });
     if (!file_) return report(subject + ": messages are not traced: ", problem);
     const auto on_end = [this, subject](int error) { report(subject + ": the trace ends: ", describe(error)); };
     writer_.emplace(file_.get(), "libpelmar_platform_linux " PELMAR_VERSION, on_end);

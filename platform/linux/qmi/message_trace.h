@@ -29,6 +29,9 @@ class TraceLink {
   // `transport`: the modem's address.
   TraceLink(const std::string& transport, Sharing sharing);
 
+  // Whether there is a trace.
+  explicit operator bool() const { return trace_ != nullptr; }
+
   void write(qmi::Direction direction, const qmi::Frame& frame) const {
     if (trace_ != nullptr) write_to_trace(direction, frame);
   }

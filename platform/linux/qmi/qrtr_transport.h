@@ -158,8 +158,8 @@ class QrtrConnection final : public Connection {
   QrtrSocket socket_;
   const QrtrAddress address_;
   const uint32_t service_;
-  const uint8_t client_;  // of the trace
   const TraceLink trace_;
+  const uint8_t client_;                   // of the trace; 0 without one
   ProcessFd wake_;                         // readable once reading has stopped
   std::atomic<bool> has_stopped_{false};   // no more reads
   std::atomic<bool> is_shut_down_{false};  // no more sends either
