@@ -223,7 +223,7 @@ void append_line(std::string& text, const TracedMessage& traced, bool has_fields
   append_padded(text += ':', seconds / 60 % 60, 2);
   append_padded(text += ':', seconds % 60, 2);
   append_padded(text += '.', time % 1'000'000, 6);
-  append_escaped(text += ' ', traced.link.process);
+  append_escaped(text += ' ', traced.link.process.empty() ? "-" : traced.link.process);
   text.append(captured.direction == Direction::kToModem ? " -> " : " <- ").append(service_text(service));
   append_number(text += ' ', captured.frame.client);
   if (!traced.message) {
