@@ -60,6 +60,7 @@ class RecordedTraffic {
     uint8_t service;
     uint32_t requests = 0;
     uint32_t first = 0;  // its first exchange
+    uint32_t last = 0;
     std::vector<Indication> indications;
   };
 

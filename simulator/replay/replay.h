@@ -60,6 +60,7 @@ class Replay {
     uint32_t requests = 0;
     size_t next_indication = 0;
     EventLoop::TimerId timer{};
+    bool waits_for_reader = false;  // the next indication, until the client has read the ones before
     // The last exchange that was taken, of the client's own ones or of all, by the first number of their list.
     std::map<std::pair<const uint32_t*, bool>, uint32_t> taken{};
   };
