@@ -5,7 +5,8 @@
 // the next response that the capture has for the same bytes, or else for the same message, of the recorded client or
 // else of any client of the service; behind the last one, the last one again. A recorded request without response stays
 // without one. Indications come at their recorded times after the client's first request, and after as many requests
-// as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a service.
+// as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a
+// service.
 #pragma once
 
 #include <cstdint>
