@@ -216,7 +216,10 @@ int open_capture(const std::string& name, std::string& problem) {
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600);
   }
   const bool lacks_reader = file < 0 && errno == ENXIO;
-  problem = lacks_reader ? "nobody reads the pipe yet" : file < 0 ? std::strerror(errno) : ::isatty(file) != 0 ? "it is a terminal" : "";
+  problem = lacks_reader          ? "nobody reads the pipe yet"
+            : file < 0            ? std::strerror(errno)
+            : ::isatty(file) != 0 ? "it is a terminal"
+                                  : "";
   if (problem.empty() && !is_open) problem = take_over(file);
   if (problem.empty() || file < 0) return file;
   ::close(file);

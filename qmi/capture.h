@@ -42,8 +42,9 @@ struct CaptureLink {
 // Opens a file for a CaptureWriter and returns its descriptor, or -1 with the problem. In the name, %p stands for the
 // process id and %% for a percent sign; /dev/fd/N is the open descriptor N.
 //
-// The messages of an earlier capture are lost. A file or FIFO that another process writes, and a file that is no capture
-// of QMI messages, stay as they are. A new file is readable for its owner only, because messages may hold secrets.
+// The messages of an earlier capture are lost. A file or FIFO that another process writes, and a file that is no
+// capture of QMI messages, stay as they are. A new file is readable for its owner only, because messages may hold
+// secrets.
 int open_capture(const std::string& name, std::string& problem);
 
 // Any number of threads may use a writer.

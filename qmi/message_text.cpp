@@ -1,5 +1,6 @@
 #include "message_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <ctime>
@@ -9,6 +10,7 @@
 #include "catalogue.h"
 #include "error_names.h"
 #include "message_fields.h"
+#include "printable_text.h"
 
 namespace pelmar::qmi {
 
@@ -55,13 +57,22 @@ std::string hex_number(unsigned number, int digits) {
   return append_hex(text, number, digits);
 }
 
-// The inside of a JSON string. A byte that is no printable ASCII becomes the character of its number.
+// The inside of a JSON string. Characters of UTF-8 that are no printable ASCII are escaped. A byte that belongs to no
+// character becomes the character of its number.
 void append_escaped(std::string& text, std::string_view value) {
-  for (const char character : value) {
-    if (character < ' ' || character > '~') {
-      append_hex(text.append("\\u"), static_cast<uint8_t>(character), 4);
+  while (!value.empty()) {
+    const size_t length = std::max<size_t>(utf8_character_bytes(value), 1);
+    auto number = static_cast<uint32_t>(static_cast<uint8_t>(value[0]));
+    if (length > 1) number &= 0x7Fu >> length;
+    for (const char next : value.substr(1, length - 1)) number = number << 6 | (static_cast<uint8_t>(next) & 0x3F);
+    value.remove_prefix(length);
+    if (number > 0xFFFF) {  // two units of UTF-16
+      append_hex(text.append("\\u"), 0xD800 + ((number - 0x10000) >> 10), 4);
+      append_hex(text.append("\\u"), 0xDC00 + (number & 0x3FF), 4);
+    } else if (number < ' ' || number > '~') {
+      append_hex(text.append("\\u"), number, 4);
     } else {
-      text.append(character == '"' || character == '\\' ? "\\" : "").append(1, character);
+      text.append(number == '"' || number == '\\' ? "\\" : "").append(1, static_cast<char>(number));
     }
   }
 }
@@ -212,7 +223,7 @@ void append_line(std::string& text, const TracedMessage& traced, bool has_fields
   append_padded(text += ':', seconds / 60 % 60, 2);
   append_padded(text += ':', seconds % 60, 2);
   append_padded(text += '.', time % 1'000'000, 6);
-  append_escaped(text += ' ', traced.link.process);
+  append_escaped(text += ' ', traced.link.process.empty() ? "-" : traced.link.process);
   text.append(captured.direction == Direction::kToModem ? " -> " : " <- ").append(service_text(service));
   append_number(text += ' ', captured.frame.client);
   if (!traced.message) {

@@ -12,6 +12,7 @@ namespace pelmar::sim {
 namespace {
 
 UniqueFd open_trace(const std::string& name) {
+  if (name == "-") throw std::runtime_error("the trace cannot go to standard output: name a file or a FIFO");
   std::string problem;
   UniqueFd file(name.empty() ? -1 : qmi::open_capture(name, problem));
   if (!problem.empty()) throw std::runtime_error("cannot write the trace '" + name + "': " + problem);

@@ -47,8 +47,7 @@ void Connection::received(const qmi::Frame& frame) {
 }
 
 void Connection::drained() {
-  const EventLoop::Task task = std::exchange(when_drained_, nullptr);
-  if (task) task();
+  for (const EventLoop::Task& task : std::exchange(when_drained_, {})) task();
 }
 
 void Connection::closed(std::string_view reason) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "capture.h"
 #include "io/local_socket.h"
@@ -45,8 +46,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // True while no output waits for the client to read it.
   virtual bool is_drained() const = 0;
-  // Calls once, when that becomes true again.
-  void when_drained(EventLoop::Task task) { when_drained_ = std::move(task); }
+  // Calls each task once, when that becomes true again.
+  void when_drained(EventLoop::Task task) { when_drained_.push_back(std::move(task)); }
 
  protected:
   Connection(Connections& connections, uint64_t number, pid_t process)
@@ -70,7 +71,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const uint64_t number_;
   const pid_t process_;
   std::optional<uint32_t> trace_link_;
-  EventLoop::Task when_drained_;
+  std::vector<EventLoop::Task> when_drained_;
 };
 
 // A client of the Unix socket, which sends and receives QMUX. It is dropped if it does not read.

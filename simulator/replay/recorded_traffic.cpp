@@ -82,7 +82,7 @@ RecordedTraffic::Bytes RecordedTraffic::keep(std::span<const uint8_t> bytes) {
 uint32_t RecordedTraffic::client_of(const ClientKey& key) {
   const auto [place, is_new] = open_.try_emplace(key, static_cast<uint32_t>(clients_.size()));
   if (is_new) {
-    clients_.push_back({std::get<1>(key), 0, 0, {}});
+    clients_.push_back({.service = std::get<1>(key), .indications = {}});
     kept_ += kOverhead;
   }
   return place->second;
@@ -107,6 +107,7 @@ void RecordedTraffic::add(const qmi::CapturedMessage& captured, const qmi::Messa
     const auto number = static_cast<uint32_t>(exchanges_.size());
     exchanges_.push_back({client, keep(frame.message.subspan(kTransactionEnd)), false, time, {}, {}});
     if (clients_[client].requests++ == 0) clients_[client].first = number;
+    clients_[client].last = number;
     pending_[key] = number;
   } else if (const auto request = pending_.find(key); is_from_modem && request != pending_.end()) {
     Exchange& exchange = exchanges_[request->second];

@@ -60,6 +60,7 @@ class RecordedTraffic {
     uint8_t service;
     uint32_t requests = 0;
     uint32_t first = 0;  // its first exchange
+    uint32_t last = 0;
     std::vector<Indication> indications;
   };
 
@@ -99,7 +100,7 @@ class RecordedTraffic {
 
   // While the capture is read.
   std::map<ClientKey, uint32_t> open_;
-  std::unordered_map<uint64_t, uint32_t> pending_;                      // by client and transaction
+  std::unordered_map<uint64_t, uint32_t> pending_;                  // by client and transaction
   std::map<uint8_t, std::vector<std::pair<uint32_t, Time>>> down_;  // the clients that a service had when it went down
 };
 

@@ -14,9 +14,6 @@ namespace {
 // What an indication waits, beyond its time, for the requests that came before it.
 constexpr std::chrono::seconds kPatience{1};
 
-// What it waits while the client has not read the ones before.
-constexpr std::chrono::milliseconds kSlowReaderPause{1};
-
 constexpr size_t kMaxReported = 100;
 
 }  // namespace
@@ -110,7 +107,11 @@ const RecordedTraffic::Exchange* Replay::take(Player& player, RecordedTraffic::N
     next = std::lower_bound(next, numbers.end(), traffic_.clients()[player.recorded].first);
   }
   const auto is_own = [&](uint32_t number) { return traffic_.exchange(number).client == player.recorded; };
-  if (only_own) next = std::find_if(next, numbers.end(), is_own);
+  if (only_own) {
+    const auto end = std::upper_bound(next, numbers.end(), traffic_.clients()[player.recorded].last);
+    next = std::find_if(next, end, is_own);
+    if (next == end) next = numbers.end();
+  }
   if (next != numbers.end()) {
     player.taken[key] = *next;
     return &traffic_.exchange(*next);
@@ -165,8 +166,14 @@ void Replay::send_due(ClientKey key) {
       return;
     }
     Modem::Slot& slot = *modem_->find(key.first);
-    if (!slot.clients.owner(key.second)->is_drained()) {
-      player.timer = loop_.after(kSlowReaderPause, [this, key] { send_due(key); });
+    Connection& connection = *slot.clients.owner(key.second);
+    if (!connection.is_drained()) {
+      if (std::exchange(player.waits_for_reader, true)) return;
+      connection.when_drained([this, key] {
+        const auto waiting = players_.find(key);
+        if (waiting != players_.end()) waiting->second.waits_for_reader = false;
+        send_due(key);
+      });
       return;
     }
     ++player.next_indication;

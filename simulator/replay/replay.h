@@ -5,7 +5,8 @@
 // the next response that the capture has for the same bytes, or else for the same message, of the recorded client or
 // else of any client of the service; behind the last one, the last one again. A recorded request without response stays
 // without one. Indications come at their recorded times after the client's first request, and after as many requests
-// as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a service.
+// as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a
+// service.
 #pragma once
 
 #include <cstdint>
@@ -60,6 +61,7 @@ class Replay {
     uint32_t requests = 0;
     size_t next_indication = 0;
     EventLoop::TimerId timer{};
+    bool waits_for_reader = false;  // the next indication, until the client has read the ones before
     // The last exchange that was taken, of the client's own ones or of all, by the first number of their list.
     std::map<std::pair<const uint32_t*, bool>, uint32_t> taken{};
   };

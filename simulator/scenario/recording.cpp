@@ -23,7 +23,8 @@ namespace {
 using Document = nlohmann::ordered_json;
 
 constexpr size_t kMaxNumbers = size_t{8} << 20;  // about those of the longest scenario that a modem plays
-constexpr int kMaxDepth = 8;                     // of a JSON document
+constexpr size_t kMaxLine = size_t{1} << 20;
+constexpr int kMaxDepth = 8;  // of a JSON document
 
 // The numbers of a row, by their columns without units: "rsrp_0". A JSON document becomes a row for each carrier, with
 // "rsrp_dbm": [1, 2] as "rsrp_0" and "rsrp_1", and one row without a carrier.
@@ -75,6 +76,25 @@ std::string with_chain(std::string_view name, size_t chain) {
   std::string text(name);
   std::replace(text.begin(), text.end(), '#', static_cast<char>('0' + chain));
   return text;
+}
+
+// The names of a column and its field for one chain.
+struct ColumnOfChain {
+  std::string column;
+  std::string field;
+};
+
+// For each row of kColumns its chains, or one entry for a column without chains.
+std::vector<std::vector<ColumnOfChain>> columns_of_chains() {
+  std::vector<std::vector<ColumnOfChain>> rows;
+  for (const Column& column : kColumns) {
+    auto& chains = rows.emplace_back();
+    const bool has_chains = column.column.find('#') != column.column.npos;
+    for (size_t chain = 0; chain < (has_chains ? kChains : 1); ++chain) {
+      chains.push_back({with_chain(column.column, chain), with_chain(column.field, chain)});
+    }
+  }
+  return rows;
 }
 
 std::string without_unit(const std::string& name) {
@@ -196,11 +216,12 @@ class Tracks {
   };
 
   static void put(Track& track, const Column& column, const Cells& cells) {
-    const bool has_chains = column.column.find('#') != column.column.npos;
-    for (size_t chain = 0; chain < (has_chains ? kChains : 1); ++chain) {
-      const auto cell = cells.find(with_chain(column.column, chain));
+    static const std::vector<std::vector<ColumnOfChain>> kOfChains = columns_of_chains();
+    const auto& chains = kOfChains[static_cast<size_t>(&column - kColumns)];
+    for (size_t chain = 0; chain < chains.size(); ++chain) {
+      const auto cell = cells.find(chains[chain].column);
       if (cell == cells.end()) continue;
-      track.set(with_chain(column.field, chain), cell->second * column.factor);
+      track.set(chains[chain].field, cell->second * column.factor);
       if (column.field == kLevelOfChain) track.set_measured(chain);
     }
   }
@@ -299,6 +320,22 @@ bool add_json_document(Tracks& tracks, const Document& document) {
   return is_in_order;
 }
 
+// Reads a line of bounded length. At the end of the input, what is left is a line that is cut. False where nothing is.
+bool read_line(std::istream& input, std::string& line) {
+  using Traits = std::istream::traits_type;
+  line.clear();
+  for (;;) {
+    const Traits::int_type next = input.rdbuf()->sbumpc();
+    if (Traits::eq_int_type(next, Traits::eof())) {
+      input.setstate(std::ios::eofbit);
+      return !line.empty();
+    }
+    if (next == '\n') return true;
+    if (line.size() == kMaxLine) throw std::runtime_error("it is too long");
+    line += Traits::to_char_type(next);
+  }
+}
+
 }  // namespace
 
 std::string scenario_of_recording(std::istream& recording, const std::string& name) {
@@ -309,8 +346,7 @@ std::string scenario_of_recording(std::istream& recording, const std::string& na
     fprintf(stderr, "modem_sim: ignoring line %zu of '%s', %s\n", number, name.c_str(), problem);
   };
   try {
-    for (std::string line; std::getline(recording, line);) {
-      ++number;
+    for (std::string line; ++number, read_line(recording, line);) {
       if (recording.eof()) {
         remark("which is cut");
       } else if (line.starts_with('{')) {
@@ -322,11 +358,13 @@ std::string scenario_of_recording(std::istream& recording, const std::string& na
         remark("whose time is before that of the line before");
       }
     }
+    --number;  // the last line
     if (tracks.is_empty()) throw std::runtime_error("no reading: 'modem_api_test signal --csv FILE' records them");
   } catch (const std::exception& error) {
     throw std::runtime_error(name + ": line " + std::to_string(number) + ": " + error.what());
   }
   std::string text = tracks.to_text(name);
+  if (text.size() > kMaxScenarioBytes) throw std::runtime_error(name + ": it is too long for a scenario: cut it");
   try {
     parse_scenario(text, [](const std::string&) {});
   } catch (const ScenarioError& error) {

@@ -18,7 +18,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr size_t kMaxBytes = size_t{32} << 20;
 constexpr double kMaxSeconds = 1'000'000;
 constexpr std::string_view kPresenceName = "present";
 constexpr NumberRange kPresenceRange = {0, 1};
@@ -229,7 +228,8 @@ Scenario load_scenario(const std::string& path, const CommandCheck& check_comman
   std::error_code error;
   if (!std::filesystem::is_regular_file(path, error)) throw ScenarioError(path + ": no such file");
   const uintmax_t size = std::filesystem::file_size(path, error);
-  if (size > kMaxBytes) throw ScenarioError(path + ": larger than " + std::to_string(kMaxBytes) + " bytes");
+  if (size > kMaxScenarioBytes)
+    throw ScenarioError(path + ": larger than " + std::to_string(kMaxScenarioBytes) + " bytes");
   std::ifstream file(path, std::ios::binary);
   std::string text(size, '\0');
   if (!file.read(text.data(), static_cast<std::streamsize>(size))) throw ScenarioError(path + ": cannot be read");

@@ -74,6 +74,9 @@ class Scenario {
   std::vector<Command> commands_;
 };
 
+// The longest file of a scenario.
+inline constexpr size_t kMaxScenarioBytes = size_t{32} << 20;
+
 // Names the place in the text, such as "tracks[2].points[0]", or its line and column where it is no JSON.
 class ScenarioError : public std::runtime_error {
  public:
