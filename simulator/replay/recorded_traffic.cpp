@@ -181,7 +181,15 @@ auto message_of(const RecordedTraffic& traffic) {
 
 template <typename Key, typename KeyOf>
 RecordedTraffic::Numbers find_equal(const std::vector<uint32_t>& sorted, const Key& key, KeyOf key_of) {
-  return {std::ranges::lower_bound(sorted, key, {}, key_of), std::ranges::upper_bound(sorted, key, {}, key_of)};
+  const auto is_before = [&](uint32_t number, const Key& wanted) { return key_of(number) < wanted; };
+  const auto is_behind = [&](const Key& wanted, uint32_t number) { return wanted < key_of(number); };
+  return {std::lower_bound(sorted.begin(), sorted.end(), key, is_before),
+          std::upper_bound(sorted.begin(), sorted.end(), key, is_behind)};
+}
+
+template <typename KeyOf>
+void sort_by(std::vector<uint32_t>& numbers, KeyOf key_of) {
+  std::stable_sort(numbers.begin(), numbers.end(), [&](uint32_t a, uint32_t b) { return key_of(a) < key_of(b); });
 }
 
 }  // namespace
@@ -190,8 +198,8 @@ void RecordedTraffic::make_index() {
   by_request_.resize(exchanges_.size());
   std::iota(by_request_.begin(), by_request_.end(), 0);
   by_message_ = by_request_;
-  std::ranges::stable_sort(by_request_, {}, request_of(*this));
-  std::ranges::stable_sort(by_message_, {}, message_of(*this));
+  sort_by(by_request_, request_of(*this));
+  sort_by(by_message_, message_of(*this));
 }
 
 RecordedTraffic::Numbers RecordedTraffic::same_request(uint8_t service, Bytes request) const {

@@ -177,7 +177,8 @@ Scenario parse_tracks(const Node& node, std::string description, double repeat, 
       node[i].get("points")[last][0].refuse("the scenario begins anew before that time");
     }
   }
-  std::ranges::stable_sort(commands, {}, &Scenario::Command::seconds);
+  std::stable_sort(commands.begin(), commands.end(),
+                   [](const auto& a, const auto& b) { return a.seconds < b.seconds; });
   return {std::move(description), repeat, std::move(tracks), std::move(commands)};
 }
 

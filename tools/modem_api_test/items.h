@@ -12,6 +12,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "modem_api.h"
@@ -25,7 +26,9 @@ struct Address {
   uint16_t qualifier = 0;
   uint16_t index = 0;
 
-  auto operator<=>(const Address&) const = default;
+  bool operator<(const Address& other) const {
+    return std::tie(item, path, qualifier, index) < std::tie(other.item, other.path, other.qualifier, other.index);
+  }
 };
 
 // Limits are 0 where a kind has no such part.
