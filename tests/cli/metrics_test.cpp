@@ -103,7 +103,7 @@ TEST_F(MetricsTest, AreScrapedByPrometheus) {
 TEST_F(MetricsTest, NeedAnAddressThatIsFree) {
   expect({{"client signal --count 1 --serve " + address(), 1, "the address is in use"},
           {"client signal --count 1 --serve 192.0.2.1:0", 1, "none of this machine's"},
-          {"client signal --count 1 --serve 127.0.0.1:x", 1, "Give HOST:PORT"},
+          {"client signal --count 1 --serve 127.0.0.1:x", 2, "is no address to serve metrics at"},
           {"client signal --count 2 --serve :0 --csv a && wc -l <a", 0, "metrics are at http://0.0.0.0:"},
           {"client --json signal --count 1 --serve :0 2>&1 | grep -c subscriptions", 0, "1\n"}});
 }

@@ -7,7 +7,6 @@
 //   efs-path '/nv/a file' = 01
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <span>

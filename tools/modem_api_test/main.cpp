@@ -22,6 +22,9 @@ int run(const CommandLine& line) {
   if (settings.phone_rules) setenv("PELMAR_PLATFORM_RULES", "phone", 1);
   Output output(settings.json);
   output.set_command(line.command());
+  if (!settings.trace.empty() && line.command() == "trace") {
+    throw Failure::of_usage("'trace' reads a capture and sends no messages", "Leave out --trace.");
+  }
   if (!settings.trace.empty()) {
     const bool is_output = settings.trace == "-";
     const std::string name = is_output ? "/dev/fd/" + std::to_string(output.give_away()) : settings.trace;

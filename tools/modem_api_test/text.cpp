@@ -179,6 +179,8 @@ std::optional<Moment> parse_moment(const std::string& word) {
   const char* at = strptime(word.c_str(), is_of_day ? "%H:%M" : "%Y-%m-%dT%H:%M", &time);
   if (at != nullptr && *at == ':') at = strptime(at, ":%S", &time);
   if (at == nullptr) return std::nullopt;
+  constexpr int kFirstYear = 1970 - 1900, kLastYear = 2261 - 1900;  // whose nanoseconds fit in 64 bits
+  if (!is_of_day && (time.tm_year < kFirstYear || time.tm_year > kLastYear)) return std::nullopt;
   const int day = time.tm_mday;
   int64_t ns = (is_of_day ? (time.tm_hour * 60 + time.tm_min) * 60 + time.tm_sec : timegm(&time)) * 1'000'000'000;
   if (time.tm_mday != day) return std::nullopt;  // a day that the month does not have

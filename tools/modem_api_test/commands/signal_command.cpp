@@ -54,12 +54,12 @@ struct SignalValues {
   std::string plot;
   std::string title;
   std::string from;
-  std::string serve;
+  std::optional<std::string> serve;
   bool append = false;
   bool force = false;
 
   bool writes_to_output() const { return csv == "-" || plot == "-"; }
-  bool reads_often() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !serve.empty(); }
+  bool reads_often() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || serve; }
   bool is_series() const { return reads_often() || !plot.empty(); }
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
@@ -249,7 +249,7 @@ class Series {
     if (context.output.is_json()) return Show::kLines;
     if (values.writes_to_output()) return Show::kRemarks;
     if (values.watch) return is_screen(context.output) ? Show::kLive : Show::kLines;
-    return values.csv.empty() && values.plot.empty() && values.serve.empty() ? Show::kLines : Show::kRemarks;
+    return values.csv.empty() && values.plot.empty() && !values.serve ? Show::kLines : Show::kRemarks;
   }
 
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
@@ -259,7 +259,7 @@ class Series {
     thread_.start([this] { reading_ = source_.read(subs_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
-    if (!values_.serve.empty()) show_in_metrics(reading_, source_.problem());
+    if (values_.serve) show_in_metrics(reading_, source_.problem());
     if (reading_) {
       ++readings_;
       if (plot_) recording_.add(*reading_);
@@ -352,7 +352,7 @@ void run_signal(const Context& context, const SignalValues& values) {
   refuse_contradictions(context, values);
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
-  if (!values.serve.empty()) serve_metrics(values.serve);  // before the modem is there, which may be waited for
+  if (values.serve) serve_metrics(*values.serve);  // before the modem is there, which may be waited for
   Series(context, values).run();
 }
 

@@ -109,6 +109,10 @@ const char* const kServeHelp =
 void serve_metrics(const std::string& address) {
   const std::string host = address.substr(0, address.rfind(':') + 1);  // with the colon
   const std::string port = address.substr(host.size());
+  if (!parse_number(port, 0, UINT16_MAX)) {
+    throw Failure::of_usage("'" + address + "' is no address to serve metrics at",
+                            "Give HOST:PORT or :PORT, for example 127.0.0.1:9464.");
+  }
   try {
     static auto& exposer = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
     exposer.RegisterCollectable(metrics());

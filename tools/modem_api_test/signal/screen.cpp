@@ -171,7 +171,9 @@ void LiveWatch::miss(const std::string& problem) {
 
 void LiveWatch::read_keys() {
   pollfd fds[] = {{ended_.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-  while (poll(fds, 2, -1) < 0 || fds[0].revents == 0) {
+  for (;;) {
+    if (poll(fds, 2, -1) < 0) continue;  // interrupted
+    if (fds[0].revents != 0) return;
     char keys[64];
     const ssize_t count = ::read(STDIN_FILENO, keys, sizeof keys);
     if (count == 0) return;  // the terminal is gone
