@@ -1,11 +1,13 @@
-// Files that others write: system properties, scenarios of the simulated modem, and captures of messages.
+// Files that others write: system properties, scenarios of the simulated modem, recordings, and captures of messages.
 //
-//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, or a capture),
-//          the bytes
+//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, a capture, or
+//          a recording), the bytes
 //
 // A scenario is refused with an error that names a place, or never has a number outside its field's range. A property
 // is read as a terminated value within its limit, or as the default. A value that was set is read back. No name leads
-// out of the directory. Of a capture, as many messages are read as can be in it, and a link's names are bounded.
+// out of the directory. Of a capture, as many messages are read as can be in it, a link's names are bounded,
+// a message as text is ASCII without control characters, and the modem plays the capture or refuses it. A recording
+// makes a scenario or is refused.
 #include <stdlib.h>
 #include <sys/mman.h>
 
@@ -13,11 +15,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include "capture.h"
 #include "cutils/properties.h"
+#include "message_text.h"
 #include "messages.h"
+#include "replay/recorded_traffic.h"
+#include "scenario/recording.h"
 #include "scenario/scenario.h"
 #include "unique_fd.h"
 
@@ -91,9 +98,28 @@ void read_capture(const std::string& text) {
   size_t count = 0;
   for (; reader.next(message) == pelmar::qmi::CaptureReader::Status::kMessage; ++count) {
     require(reader.link(message.link).transport.size() < 256);
-    pelmar::qmi::read_message(message.frame);
+    const auto parsed = pelmar::qmi::read_message(message.frame);
+    const pelmar::qmi::TracedMessage traced = {message, reader.link(message.link), parsed, {}, {}};
+    std::string texts;
+    pelmar::qmi::append_line(texts, traced, parsed.has_value());
+    pelmar::qmi::append_json(texts, traced, true);
+    require(std::all_of(texts.begin(), texts.end(),
+                        [](char each) { return each == '\n' || (each >= ' ' && each <= '~'); }));
   }
   require(count * kLeastPacket <= text.size() && reader.position() <= text.size());
+  try {
+    const RecordedTraffic traffic("/proc/self/fd/" + std::to_string(file.get()));
+    require(!traffic.clients().empty());
+  } catch (const std::runtime_error&) {
+  }
+}
+
+void read_recording(const std::string& text) {
+  std::istringstream recording(text);
+  try {
+    scenario_of_recording(recording, "recording");
+  } catch (const std::runtime_error&) {
+  }
 }
 
 }  // namespace
@@ -102,11 +128,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   static const Outside outside;
   const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (data[0] % 4 == 0) {
+  if (data[0] % 5 == 0) {
     read_scenario(text);
-  } else if (data[0] % 4 == 3) {
+  } else if (data[0] % 5 == 3) {
     read_capture(text);
-  } else if (data[0] % 4 == 1) {
+  } else if (data[0] % 5 == 4) {
+    read_recording(text);
+  } else if (data[0] % 5 == 1) {
     std::ofstream(outside.path / "properties/persist/persist.file", std::ios::binary) << text;
     get("persist.file");
   } else {

@@ -60,7 +60,8 @@ class CaptureWriter {
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 
   // Writes a message with the present time. A file takes it without waiting for other threads. A pipe takes messages
-  // one by one; if it takes none for some seconds, the write has failed.
+  // one by one; if it takes none for some seconds, the write has failed. A file that has reached the process's limit of
+  // a file's length raises SIGXFSZ, which ends a program that does not ignore it.
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 
  private:

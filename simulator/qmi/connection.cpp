@@ -9,19 +9,6 @@
 
 namespace pelmar::sim {
 
-namespace {
-
-// "NAME[PID]"; empty for an unknown process.
-std::string describe_process(pid_t process) {
-  if (process == 0) return "";
-  const std::string number = std::to_string(process);
-  std::string name = read_small_file("/proc/" + number + "/comm");
-  if (name.ends_with('\n')) name.pop_back();
-  return name + '[' + number + ']';
-}
-
-}  // namespace
-
 void Connection::trace(qmi::Direction direction, const qmi::Frame& frame) {
   const std::optional<uint8_t> client = traced_client(frame);
   if (!client) return;

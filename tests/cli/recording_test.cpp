@@ -156,8 +156,8 @@ TEST_F(ClientTest, ARecordingIsPlayedAsAScenarioWithTheSameReadings) {
 }
 
 // Captured at both ends. When it is played, the first event may come before the client prints that it follows them.
-TEST_F(ClientTest, ACapturedTourPrintsTheSameWhenItIsPlayed) {
-  const auto tour = [this](const std::vector<std::string>& options) {
+TEST_F(ClientTest, ACapturedSessionPrintsTheSameWhenItIsPlayed) {
+  const auto session = [this](const std::vector<std::string>& options) {
     modem().end(SIGTERM);
     serve(options);
     return shell(R"(n=0
@@ -178,12 +178,12 @@ TEST_F(ClientTest, ACapturedTourPrintsTheSameWhenItIsPlayed) {
         .output;
   };
   setenv("TRACED", "1", 1);
-  const std::string recorded = tour({"--clock-ms", "3000", "--trace", path("modem.pcapng")});
+  const std::string recorded = session({"--clock-ms", "3000", "--trace", path("modem.pcapng")});
   for (const char* part : {"item 3", "QMI error 3, internal", "event 5"}) EXPECT_THAT(recorded, HasSubstr(part));
   unsetenv("TRACED");
   shell("cat $(ls [0-9]*.pcapng | sort -n) >client.pcapng");
   for (const char* capture : {"modem.pcapng", "client.pcapng"}) {
-    EXPECT_EQ(tour({"--replay", path(capture), "--speed", "1000"}), recorded) << capture;
+    EXPECT_EQ(session({"--replay", path(capture), "--speed", "1000"}), recorded) << capture;
   }
 }
 

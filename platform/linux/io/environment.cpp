@@ -81,6 +81,14 @@ std::string read_small_file(const std::string& path) {
   return length > 0 ? std::string(bytes, static_cast<size_t>(length)) : "";
 }
 
+std::string describe_process(pid_t process) {
+  if (process == 0) return "";
+  const std::string number = std::to_string(process);
+  std::string name = read_small_file("/proc/" + number + "/comm");
+  if (name.ends_with('\n')) name.pop_back();
+  return name + '[' + number + ']';
+}
+
 std::string boot_id() {
   std::string id = read_small_file("/proc/sys/kernel/random/boot_id");
   id.erase(std::min(id.find('\n'), id.size()));

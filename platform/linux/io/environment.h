@@ -2,6 +2,8 @@
 // tools use them.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "unique_fd.h"
@@ -20,6 +22,9 @@ std::string environment_path(const char* name);
 
 // The first KiB of a file, such as one of /proc; empty for a file that cannot be read.
 std::string read_small_file(const std::string& path);
+
+// "NAME[PID]"; empty for an unknown process, whose id is 0.
+std::string describe_process(pid_t process);
 
 // The kernel's id of this boot; empty where there is none.
 std::string boot_id();

@@ -3,7 +3,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -17,12 +16,6 @@
 
 namespace pelmar::platform {
 namespace {
-
-std::string this_process() {
-  std::string name = read_small_file("/proc/self/comm");
-  name.erase(std::min(name.find('\n'), name.size()));
-  return name + "[" + std::to_string(::getpid()) + "]";
-}
 
 std::string describe(int error) {
   return error == EPIPE || error == ETIMEDOUT ? "nobody reads it" : std::strerror(error);
@@ -78,7 +71,7 @@ class MessageTrace {
   }
 
   const unsigned forks_ = fork_count();
-  const std::string process_ = this_process();
+  const std::string process_ = describe_process(::getpid());
   std::once_flag opened_;
   ProcessFd file_;
   std::optional<qmi::CaptureWriter> writer_;
