@@ -125,7 +125,7 @@ void Session::inspect(platform::ModemReport& report) {
   wait_while([&]() -> std::string {
     pelmar_platform_inspect_modem(&report);
     if (report.problem.empty()) return "";
-    const std::string problem = report.address + ": " + report.problem;
+    std::string problem = report.address + ": " + report.problem;
     if (report.may_come && waits_) return problem;
     throw Failure("connecting to the modem", problem,
                   report.may_come ? "Start the modem, name another with --modem, or wait for it with --wait."

@@ -59,7 +59,7 @@ struct ItemValues {
 // One exchange about the item. Returns its title.
 template <typename Call>
 std::string exchange(const Context& context, const Kind& kind, const Address& address, const char* verb, Call call) {
-  const std::string title = title_of(kind, address);
+  std::string title = title_of(kind, address);
   check(call(context.session.open(MODEM_API_CLIENT_VS)), std::string(verb) + " " + title,
         {kNothingThere, kNoFile, kind.by_path ? kBadPath : kBadNumber, kTooMuchData, kNoRoom});
   return title;
