@@ -306,7 +306,7 @@ void diff(const Context& context, const Kind& kind, const ManyValues& values) {
     if (result.state == kDone) return "";
     put_bytes(document["file"], item.data);
     document["modem"] = Json();
-    const std::string line = "-" + line_of(kind, item.address, item.data);
+    std::string line = "-" + line_of(kind, item.address, item.data);
     if (result.state == kAbsent) return line;
     put_result(result.failure ? document : document["modem"], result);
     return line + (result.failure ? "# " + result.failure->reason() : "+" + line_of(kind, item.address, result.data));
