@@ -54,7 +54,7 @@ struct Details {
   std::vector<std::string> words = {};     // that alone are taken; empty: all
   std::vector<std::string> excludes = {};  // options that cannot be given together with it
   std::string needs = "";                  // an option that has to be given together with it
-  const char* otherwise = nullptr;         // in the help: what holds without it; null: the target's value, if any
+  const char* otherwise = nullptr;         // the default that the help prints; null: the target's value, if any
 };
 
 // Refuses a word with the reason that it returns, or takes it and returns nothing.

@@ -42,7 +42,6 @@ class Output {
   void begin_line(size_t line);
   void end_line(const std::optional<Failure>& failure);
   bool is_batch() const { return line_ > 0; }
-  // What the documents are printed for.
 
   // Writes the one or the other; the text's last line end is added where it is missing, and its control characters but
   // line ends and tabs are escaped. The document gets a type, and one that has its own the command. Throws when it

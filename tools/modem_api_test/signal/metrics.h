@@ -13,9 +13,9 @@ namespace pelmar::cli {
 
 extern const char* const kServeHelp;
 
-// `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free. A remark says where
-// the metrics are. Throws where the address cannot be served, or the build has no Prometheus. The server lives as long
-// as the process, since its end would take two seconds.
+// `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free. Prints the address
+// of the metrics on standard error. Throws where the address cannot be served, or the build has no Prometheus. The
+// server lives as long as the process, because ending it takes two seconds.
 void serve_metrics(const std::string& address);
 
 // `problem`: why a reading did not come.
