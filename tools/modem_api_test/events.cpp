@@ -122,7 +122,7 @@ Description describe_event(const Arrival& event) {
 
 Description describe_notice(const Arrival& notice) {
   const bool is_up = notice.number == MODEM_API_NOTICE_SERVICE_UP;
-  const ServiceRow& service = service_of(notice.client_type);
+  const ServiceRow& service = kServices[notice.client_type];
   return {{{"type", "notice"},
            {"time", utc_text(notice.time)},
            {"notice", is_up ? "service_up" : "service_down"},
@@ -292,7 +292,7 @@ void follow_events(const Context& context, const EventValues& values) {
   const auto on_look = values.with_services ? std::function<void()>(open_services) : nullptr;
   EventFollower(context, values.limits, {on_open, on_look, {}}).follow([&] {
     std::string text = "following the modem's events; Ctrl-C ends";
-    for (const auto type : absent) text += std::string("; ") + service_of(type).title + " is down";
+    for (const auto type : absent) text += std::string("; ") + kServices[type].title + " is down";
     return text;
   });
 }
