@@ -148,6 +148,7 @@ void make_private_directory(const std::string& path) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) throw Failure::of_system("creating the directory " + path);
 }
 
+// Where it is, running or not; makes the directories.
 Modem describe_own_modem() {
   const std::string state = user_state_directory();
   if (state.empty()) {

@@ -276,7 +276,7 @@ void show_name(const Context& context, const NoValues&) {
   context.output.print({{"level", name}}, name);
 }
 
-constexpr int32_t kSecondsOfProperty = -1;
+constexpr int32_t kSecondsOfProperty = -1;  // those that persist.radio.ssr_wait_s has
 
 void wait(const Context& context, const int32_t& seconds) {
   const int32_t waited = pelmar_modem_ssr_wait_s(seconds);
