@@ -407,8 +407,7 @@ void add_trace_command(CommandLine& line) {
   command.add_notes(
       "A capture is a pcapng file as --trace FILE, PELMAR_TRACE=FILE and 'modem_sim serve --trace FILE' write it. A "
       "line has the local time, the process, -> to the modem or <- from it, the service, the client id, the message "
-      "and "
-      "#transaction; of a response also its result and the milliseconds since the request. No modem is used.");
+      "and #transaction; of a response also its result and the milliseconds since the request. No modem is used.");
   command.add_notes(
       "The exit status is 0 also for a capture that ends within a message, as that of a killed program. It is 1, after "
       "what can be read, for a damaged one.");
