@@ -89,12 +89,12 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
   }
   for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
   // An option that takes names, in capitals or not, and numbers, which `first` is added to.
-  const auto add = [&](const std::string& option, const char* type, Keys& keys, const std::vector<Named>& names,
-                       uint32_t most, uint32_t first, const std::string& help) {
-    std::vector<std::string> words;
-    for (const auto& [name, key] : names) words.push_back(name);
+  const auto add = [&](const char* option, const char* type, Keys& keys, const std::vector<Named>& names, uint32_t most,
+                       uint32_t first, const std::string& help) {
+    std::vector<std::string> words(names.size());
+    std::transform(names.begin(), names.end(), words.begin(), [](const Named& each) { return each.first; });
     line.set_completion(type, std::move(words));
-    const auto take = [&keys, names, most, first, what = option.substr(2)](const std::string& word) -> std::string {
+    const auto take = [&keys, names, most, first, what = option + 2](const std::string& word) -> std::string {
       std::istringstream parts(word + ",");  // so that the last part is read also where it is empty
       for (std::string part; std::getline(parts, part, ',');) {
         const size_t before = keys.size();
