@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <span>
 
+#include "modem_link.h"
 #include "statistic_values.h"
 
 namespace pelmar::cli {
@@ -22,64 +23,48 @@ struct Description {
   std::string text;  // one line, and indented lines for what the event carries
 };
 
-std::string record_line(const char* kind, const modem_api_event_record& record) {
-  const auto bytes = counted(record.data, record.data_len);
-  const auto shown = bytes.first(std::min(bytes.size(), kBytesInText));
-  const std::string fields = statistic_fields_text(record.id, bytes);
-  std::string text = "\n";
-  text.append(kIndent, ' ').append(kind).append(" sub ").append(std::to_string(record.sub));
-  text.append(" id ").append(statistic_text(record.id)).append(", ").append(count_of(bytes.size(), "byte"));
-  if (!bytes.empty()) text.append(": ").append(to_hex(shown, " "));
-  if (shown.size() < bytes.size()) text.append(" ...");
-  if (!fields.empty()) text.append("\n").append(kIndent + 2, ' ').append(fields);
-  return text;
-}
-
-Json records_json(std::span<const modem_api_event_record> records) {
+// Adds the records as a list, and each as a line.
+void put_records(Description& out, const char* member, const char* kind,
+                 std::span<const modem_api_event_record> records) {
   Json list = Json::array();
   for (const modem_api_event_record& record : records) {
-    Json object = {{"sub", record.sub}, {"id", record.id}};
     const auto bytes = counted(record.data, record.data_len);
+    const auto shown = bytes.first(std::min(bytes.size(), kBytesInText));
+    Json& object = list.emplace_back(Json{{"sub", record.sub}, {"id", record.id}});
     put_bytes(object, bytes);
-    put_statistic(object, record.id, bytes);
-    list.push_back(std::move(object));
+    const std::string fields = put_statistic(object, record.id, bytes);
+    out.text.append("\n").append(kIndent, ' ').append(kind).append(" sub ").append(std::to_string(record.sub));
+    out.text += " id " + statistic_text(record.id) + ", " + count_of(bytes.size(), "byte");
+    if (!bytes.empty()) out.text += ": " + to_hex(shown, " ");
+    if (shown.size() < bytes.size()) out.text += " ...";
+    if (!fields.empty()) out.text.append("\n").append(kIndent + 2, ' ').append(fields);
   }
-  return list;
+  out.document[member] = std::move(list);
 }
 
+// What an event has besides its value.
 void put(Description& out, const modem_api_vs_status_event& event) {
-  out.document.update({{"value", event.value}, {"flag1", event.flag1 != 0}, {"flag2", event.flag2 != 0}});
-  out.text += "value " + std::to_string(event.value) + ", flags " + std::to_string(event.flag1) + " " +
-              std::to_string(event.flag2);
+  out.document.update({{"flag1", event.flag1 != 0}, {"flag2", event.flag2 != 0}});
+  out.text += ", flags " + std::to_string(event.flag1) + " " + std::to_string(event.flag2);
 }
 
 void put(Description& out, const modem_api_vs_report_a_event& event) {
-  const auto records = counted(event.records, event.record_count);
-  const auto secondary = counted(event.secondary, event.secondary_count);
-  out.document.update(
-      {{"value", event.value}, {"records", records_json(records)}, {"secondary", records_json(secondary)}});
-  out.text += "value " + std::to_string(event.value);
-  if (event.trailer != kNoTrailer) {
-    out.document["trailer"] = event.trailer;
-    out.text += ", trailer " + std::to_string(event.trailer);
-  }
-  for (const modem_api_event_record& record : records) out.text += record_line("record", record);
-  for (const modem_api_event_record& record : secondary) out.text += record_line("secondary", record);
+  const bool has_trailer = event.trailer != kNoTrailer;
+  if (has_trailer) out.text += ", trailer " + std::to_string(event.trailer);
+  put_records(out, "records", "record", counted(event.records, event.record_count));
+  put_records(out, "secondary", "secondary", counted(event.secondary, event.secondary_count));
+  if (has_trailer) out.document["trailer"] = event.trailer;
 }
 
 void put(Description& out, const modem_api_vs_report_b_event& event) {
   const auto entries = counted(event.entries, event.entry_count);
-  out.document.update({{"value", event.value}, {"entries", entries}, {"first", event.first}, {"second", event.second}});
-  out.text += "value " + std::to_string(event.value) + ", first " + std::to_string(event.first) + ", second " +
-              std::to_string(event.second) + ", entries";
+  out.document.update({{"entries", entries}, {"first", event.first}, {"second", event.second}});
+  out.text += ", first " + std::to_string(event.first) + ", second " + std::to_string(event.second) + ", entries";
   for (const uint32_t entry : entries) out.text += ' ' + std::to_string(entry);
   if (entries.empty()) out.text += " none";
 }
 
-void put(Description& out, const modem_api_vs_report_c_event& event) {
-  out.document["value"] = event.value;
-  out.text += "value " + std::to_string(event.value);
-}
+void put(Description&, const modem_api_vs_report_c_event&) {}
 
 // False where the payload is too short for the structure.
 template <typename Payload>
@@ -87,29 +72,30 @@ bool put_payload(Description& out, std::span<const uint8_t> bytes) {
   if (bytes.size() < sizeof(Payload)) return false;
   Payload payload;
   std::memcpy(&payload, bytes.data(), sizeof payload);
+  out.document["value"] = payload.value;
+  out.text += "value " + std::to_string(payload.value);
   put(out, payload);
   return true;
 }
 
-struct EventRow {
+constexpr struct {
   uint32_t id;
   const char* name;
   const char* title;
   bool (*put)(Description& out, std::span<const uint8_t> bytes);
-};
-
-constexpr EventRow kEvents[] = {
+} kEvents[] = {
     {MODEM_API_EVENT_VS_STATUS, "status", "status", put_payload<modem_api_vs_status_event>},
     {MODEM_API_EVENT_VS_REPORT_A, "report_a", "report A", put_payload<modem_api_vs_report_a_event>},
     {MODEM_API_EVENT_VS_REPORT_B, "report_b", "report B", put_payload<modem_api_vs_report_b_event>},
     {MODEM_API_EVENT_VS_REPORT_C, "report_c", "report C", put_payload<modem_api_vs_report_c_event>},
 };
 
+// A payload shorter than its event's structure is shown as the bytes that it is.
 Description describe_event(const Arrival& event) {
   Description out;
   out.document = {{"type", "event"}, {"time", utc_text(event.time)}, {"event", event.number}};
   out.text = local_text(event.time) + "  event " + std::to_string(event.number) + ": ";
-  for (const EventRow& row : kEvents) {
+  for (const auto& row : kEvents) {
     if (row.id != event.number) continue;
     out.document["name"] = row.name;
     out.text += std::string(row.title) + ", ";
@@ -122,7 +108,7 @@ Description describe_event(const Arrival& event) {
 
 Description describe_notice(const Arrival& notice) {
   const bool is_up = notice.number == MODEM_API_NOTICE_SERVICE_UP;
-  const ServiceRow& service = service_of(notice.client_type);
+  const ServiceRow& service = kServices[notice.client_type];
   return {{{"type", "notice"},
            {"time", utc_text(notice.time)},
            {"notice", is_up ? "service_up" : "service_down"},
@@ -130,148 +116,152 @@ Description describe_notice(const Arrival& notice) {
           local_text(notice.time) + "  " + service.title + " is " + (is_up ? "up" : "down")};
 }
 
-// A payload shorter than its event's structure is shown as the bytes that it is.
-Description describe(const Arrival& arrival) {
-  return arrival.kind == Arrival::Kind::kEvent ? describe_event(arrival) : describe_notice(arrival);
-}
-
 // --- following them ---
 
 constexpr std::chrono::seconds kLookPeriod{1};
 
-void subscribe_to_events(int32_t client) {
-  for (int32_t event = MODEM_API_EVENT_VS_REPORT_A; event < MODEM_API_EVENT_COUNT; ++event) {
-    check(modem_api_add_modem_event(client, event), "subscribing to event " + std::to_string(event));
+class EventFollower {
+ public:
+  EventFollower(const Context& context, const FollowLimits& limits, const FollowCalls& calls)
+      : context_(context),
+        limits_(limits),
+        calls_(calls),
+        link_([this] { open(); },
+              [this] {
+                stats_para_data data = probe_request();
+                return modem_api_get_stats_parameter(client_, 0, 0, &data);
+              },
+              false),
+        last_look_(Clock::now()),
+        next_look_(last_look_ + kLookPeriod),
+        thread_(context) {}
+
+  void run() {
+    thread_.run([this] { follow_to_the_end(); });
   }
-  check(modem_api_set_vs_event_report(client), "asking the modem to report events");
-}
 
-}  // namespace
+ private:
+  bool is_complete() const { return limits_.count > 0 && seen_ == limits_.count; }
 
-void FollowLimits::add_to(const Command& command) {
-  command.add_number("--count", count, "end after that many events", {.otherwise = "no limit"});
-  command.add_duration(seconds);
-}
-
-EventFollower::EventFollower(const Context& context, const FollowLimits& limits, Calls calls)
-    : context_(context),
-      limits_(limits),
-      calls_(std::move(calls)),
-      link_(
-          [this] {
-            context_.session.restart();
-            client_ = context_.session.open(MODEM_API_CLIENT_VS);
-            subscribe_to_events(client_);
-            calls_.on_open(client_);
-          },
-          [this] {
-            stats_para_data data = probe_request();
-            return modem_api_get_stats_parameter(client_, 0, 0, &data);
-          },
-          false),
-      last_look_(Clock::now()),
-      next_look_(last_look_ + kLookPeriod),
-      thread_(context) {}
-
-// Prints what the last look at the modem found, and starts the next one when it is time.
-void EventFollower::look(const std::function<std::string()>& start) {
-  const auto now = Clock::now();
-  if (thread_.is_busy()) {
-    next_look_ = std::max(next_look_, now + kLookPeriod);
-    return;
-  }
-  const std::string before = std::exchange(problem_, link_.problem());
-  if (before.empty() && !problem_.empty()) {
-    next_look_ = now;
-    print({{"notice", "modem_away"}, {"reason", problem_}}, away_text(problem_));
-  }
-  if (!before.empty() && problem_.empty()) {
-    print({{"notice", "modem_back"}, {"text", start()}}, std::string(kBackText) + ": " + start());
-  }
-  if (now < next_look_) return;
-  last_look_ = now;
-  next_look_ = now + kLookPeriod;
-  thread_.start([this] {
-    if (link_.is_up() && calls_.on_look) calls_.on_look();
-  });
-}
-
-// A look that takes long shows a modem that does not respond, before it ends.
-std::string EventFollower::problem() const {
-  if (!thread_.is_busy()) return link_.problem();
-  if (!problem_.empty() || Clock::now() - last_look_ < kLookPeriod) return problem_;
-  return kNoResponseText;
-}
-
-void EventFollower::take(const Arrival& arrival) {
-  const bool is_event = arrival.kind == Arrival::Kind::kEvent;
-  seen_ += is_event ? 1 : 0;
-  // An event shows that the modem is there.
-  if (is_event && problem_.empty() && !calls_.on_look) next_look_ = Clock::now() + kLookPeriod;
-  const Description description = describe(arrival);
-  context_.output.print(description.document, description.text);
-}
-
-// Takes what has arrived by now, but not what arrives meanwhile: events may come without a pause.
-void EventFollower::take_waiting() {
-  for (size_t left = context_.inbox.waiting(); left > 0 && !is_complete(); --left) {
-    if (const auto arrival = context_.inbox.next(Clock::now())) take(*arrival);
-  }
-}
-
-void EventFollower::follow_until(std::optional<Clock::time_point> deadline, const std::function<std::string()>& start) {
-  while (!is_complete()) {
-    if (const auto arrival = context_.inbox.next(deadline ? std::min(*deadline, next_look_) : next_look_)) {
-      take(*arrival);
+  void open() {
+    context_.session.restart();
+    client_ = context_.session.open(MODEM_API_CLIENT_VS);
+    for (int32_t event = MODEM_API_EVENT_VS_REPORT_A; event < MODEM_API_EVENT_COUNT; ++event) {
+      check(modem_api_add_modem_event(client_, event), "subscribing to event " + std::to_string(event));
     }
-    if (context_.inbox.is_interrupted()) return;
-    const bool is_over = deadline && Clock::now() >= *deadline;
-    if (is_over) take_waiting();
-    if (const size_t dropped = context_.inbox.take_dropped()) {
-      const std::string text = std::to_string(dropped) + " events were dropped: the output is too slow";
-      print({{"notice", "dropped"}, {"text", text}}, text);
-    }
-    if (is_over) return;
-    look(start);
+    check(modem_api_set_vs_event_report(client_), "asking the modem to report events");
+    calls_.on_open(client_);
   }
-}
 
-void EventFollower::print(const Json& document, const std::string& text) const {
-  const auto now = WallClock::now();
-  Json dated = {{"type", "notice"}, {"time", utc_text(now)}};
-  dated.update(document);
-  context_.output.print(dated, local_text(now) + "  " + text);
-}
-
-void EventFollower::follow_to_the_end(const std::function<std::string()>& start) {
-  take_waiting();  // what came while the services were opened
-  print({{"notice", "following"}, {"text", start()}}, start());
-  follow_until(deadline_after(limits_.seconds), start);
-  const std::string problem = this->problem();
-  if (problem.empty() && calls_.on_end && !thread_.is_busy()) thread_.start(calls_.on_end);
-  if (is_complete() || context_.inbox.is_interrupted()) return;
-  if (!problem.empty()) {
+  void follow_to_the_end() {
+    take_waiting();  // what came while the services were opened
+    print({{"notice", "following"}, {"text", calls_.start()}}, calls_.start());
+    follow_until(deadline_after(limits_.seconds));
+    const std::string problem = this->problem();
+    if (problem.empty() && calls_.on_end && !thread_.is_busy()) thread_.start(calls_.on_end);
+    if (is_complete() || context_.inbox.is_interrupted()) return;
+    if (!problem.empty()) {
+      throw Failure("waiting for events",
+                    "the modem is away: " + problem + "; " + count_of(seen_, "event") + " came before");
+    }
+    if (limits_.count == 0) return;
     throw Failure("waiting for events",
-                  "the modem is away: " + problem + "; " + count_of(seen_, "event") + " came before");
+                  "only " + std::to_string(seen_) + " of " + std::to_string(limits_.count) + " came in " +
+                      std::to_string(limits_.seconds) + " seconds",
+                  "Wait longer with --for SECONDS.");
   }
-  if (limits_.count == 0) return;
-  throw Failure("waiting for events",
-                "only " + std::to_string(seen_) + " of " + std::to_string(limits_.count) + " came in " +
-                    std::to_string(limits_.seconds) + " seconds",
-                "Wait longer with --for SECONDS.");
-}
+
+  void follow_until(std::optional<Clock::time_point> deadline) {
+    while (!is_complete()) {
+      if (const auto arrival = context_.inbox.next(deadline ? std::min(*deadline, next_look_) : next_look_)) {
+        take(*arrival);
+      }
+      if (context_.inbox.is_interrupted()) return;
+      const bool is_over = deadline && Clock::now() >= *deadline;
+      if (is_over) take_waiting();
+      if (const size_t dropped = context_.inbox.take_dropped()) {
+        const std::string text = std::to_string(dropped) + " events were dropped: the output is too slow";
+        print({{"notice", "dropped"}, {"text", text}}, text);
+      }
+      if (is_over) return;
+      look();
+    }
+  }
+
+  void take(const Arrival& arrival) {
+    const bool is_event = arrival.kind == Arrival::Kind::kEvent;
+    seen_ += is_event ? 1 : 0;
+    // An event shows that the modem is there.
+    if (is_event && problem_.empty() && !calls_.on_look) next_look_ = Clock::now() + kLookPeriod;
+    const Description description = is_event ? describe_event(arrival) : describe_notice(arrival);
+    context_.output.print(description.document, description.text);
+  }
+
+  // Takes what has arrived by now, but not what arrives meanwhile: events may come without a pause.
+  void take_waiting() {
+    for (size_t left = context_.inbox.waiting(); left > 0 && !is_complete(); --left) {
+      if (const auto arrival = context_.inbox.next(Clock::now())) take(*arrival);
+    }
+  }
+
+  // Prints what the last look at the modem found, and starts the next one when it is time.
+  void look() {
+    const auto now = Clock::now();
+    if (thread_.is_busy()) {
+      next_look_ = std::max(next_look_, now + kLookPeriod);
+      return;
+    }
+    const std::string before = std::exchange(problem_, link_.problem());
+    if (before.empty() && !problem_.empty()) {
+      next_look_ = now;
+      print({{"notice", "modem_away"}, {"reason", problem_}}, away_text(problem_));
+    }
+    if (!before.empty() && problem_.empty()) {
+      const std::string text = calls_.start();
+      print({{"notice", "modem_back"}, {"text", text}}, std::string(kBackText) + ": " + text);
+    }
+    if (now < next_look_) return;
+    last_look_ = now;
+    next_look_ = now + kLookPeriod;
+    thread_.start([this] {
+      if (link_.is_up() && calls_.on_look) calls_.on_look();
+    });
+  }
+
+  // A look that takes long shows a modem that does not respond, before it ends.
+  std::string problem() const {
+    if (!thread_.is_busy()) return link_.problem();
+    if (!problem_.empty() || Clock::now() - last_look_ < kLookPeriod) return problem_;
+    return kNoResponseText;
+  }
+
+  void print(const Json& document, const std::string& text) const {
+    const auto now = WallClock::now();
+    Json dated = {{"type", "notice"}, {"time", utc_text(now)}};
+    dated.update(document);
+    context_.output.print(dated, local_text(now) + "  " + text);
+  }
+
+  const Context& context_;
+  const FollowLimits& limits_;
+  const FollowCalls& calls_;
+  int32_t client_ = -1;
+  ModemLink link_;
+  std::string problem_;  // as it was printed last
+  Clock::time_point last_look_;
+  Clock::time_point next_look_;
+  uint32_t seen_ = 0;
+  ModemThread thread_;
+};
 
 // --- events: the command ---
-
-namespace {
 
 struct EventValues {
   FollowLimits limits;
   bool with_services = false;
 };
 
-void follow_events(const Context& context, const EventValues& values) {
-  context.require_end(values.limits.seconds, values.limits.count);
+void show_events(const Context& context, const EventValues& values) {
   // Events do not need the other services: each is opened as soon as it is there.
   std::vector<modem_api_client_type> absent;
   const auto open_services = [&] {
@@ -285,22 +275,34 @@ void follow_events(const Context& context, const EventValues& values) {
       }
     });
   };
-  const auto on_open = [&](int32_t) {
+  FollowCalls calls;
+  calls.on_open = [&](int32_t) {
     if (values.with_services) absent = {MODEM_API_CLIENT_SAR, MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
     open_services();
   };
-  const auto on_look = values.with_services ? std::function<void()>(open_services) : nullptr;
-  EventFollower(context, values.limits, {on_open, on_look, {}}).follow([&] {
+  if (values.with_services) calls.on_look = open_services;
+  calls.start = [&] {
     std::string text = "following the modem's events; Ctrl-C ends";
-    for (const auto type : absent) text += std::string("; ") + service_of(type).title + " is down";
+    for (const auto type : absent) text += std::string("; ") + kServices[type].title + " is down";
     return text;
-  });
+  };
+  follow_events(context, values.limits, calls);
 }
 
 }  // namespace
 
+void FollowLimits::add_to(const Command& command, const std::string& what) {
+  command.add_number("--count", count, "end after that many " + what, {.otherwise = "no limit"});
+  command.add_duration(seconds);
+}
+
+void follow_events(const Context& context, const FollowLimits& limits, const FollowCalls& calls) {
+  context.require_end(limits.seconds, limits.count);
+  EventFollower(context, limits, calls).run();
+}
+
 void add_events_command(CommandLine& line) {
-  auto [command, values] = line.add("events", "follow the modem's events as they arrive", follow_events);
+  auto [command, values] = line.add("events", "follow the modem's events as they arrive", show_events);
   values.limits.add_to(command);
   command.add_flag("--services", values.with_services, "also follow the SAR and NAS services going down and up");
   command.add_examples({"", "--count 1 --for 60 --json"});

@@ -6,11 +6,7 @@
 
 namespace pelmar::cli {
 
-namespace {
-
 constexpr size_t kMostWaiting = 4096;
-
-}  // namespace
 
 std::atomic<Inbox*> Inbox::current_{nullptr};
 
@@ -24,33 +20,32 @@ Inbox::~Inbox() {
 }
 
 void Inbox::receive_event(uint32_t id, const uint8_t* payload, uint32_t length) {
-  if (Inbox* const inbox = current_)
-    inbox->put({Arrival::Kind::kEvent, WallClock::now(), id, 0, {payload, payload + length}});
+  put({Arrival::Kind::kEvent, WallClock::now(), id, 0, {payload, payload + length}});
 }
 
 void Inbox::receive_notice(uint32_t notice, uint32_t client_type) {
-  if (Inbox* const inbox = current_) inbox->put({Arrival::Kind::kNotice, WallClock::now(), notice, client_type, {}});
+  put({Arrival::Kind::kNotice, WallClock::now(), notice, client_type, {}});
 }
 
 void Inbox::receive_response(const uint8_t* data, uint32_t length, void* /*user_data*/, uint32_t result) {
-  if (Inbox* const inbox = current_) {
-    inbox->put({Arrival::Kind::kResponse, WallClock::now(), result, 0, {data, data + length}, take_last_exchange()});
-  }
+  put({Arrival::Kind::kResponse, WallClock::now(), result, 0, {data, data + length}, take_last_exchange()});
   hydra_free_adv(const_cast<uint8_t*>(data), __func__, __LINE__);
 }
 
 void Inbox::receive_power_step(uint32_t event) {
-  if (Inbox* const inbox = current_) inbox->put({Arrival::Kind::kPowerStep, WallClock::now(), event, 0, {}});
+  put({Arrival::Kind::kPowerStep, WallClock::now(), event, 0, {}});
 }
 
 void Inbox::put(Arrival arrival) {
-  const std::lock_guard lock(mutex_);
-  if (arrivals_.size() == kMostWaiting) {
-    ++dropped_;
+  Inbox* const inbox = current_;
+  if (inbox == nullptr) return;
+  const std::lock_guard lock(inbox->mutex_);
+  if (inbox->arrivals_.size() == kMostWaiting) {
+    ++inbox->dropped_;
     return;
   }
-  arrivals_.push_back(std::move(arrival));
-  changed_.notify_all();
+  inbox->arrivals_.push_back(std::move(arrival));
+  inbox->changed_.notify_all();
 }
 
 template <typename Condition>

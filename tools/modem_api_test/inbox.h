@@ -67,7 +67,7 @@ class Inbox {
   size_t take_dropped();
 
  private:
-  void put(Arrival arrival);
+  static void put(Arrival arrival);
   template <typename Condition>
   void wait(std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> deadline, Condition is_ready);
 

@@ -4,12 +4,8 @@
 
 namespace pelmar::cli {
 
-namespace {
-
 // For a last call to a modem that is there. Less than a command has to end when its time is up.
 constexpr std::chrono::milliseconds kPatience{300};
-
-}  // namespace
 
 ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value)
     : open_(std::move(open)), probe_(std::move(probe)), needs_value_(needs_value) {
@@ -18,7 +14,14 @@ ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result(
 
 bool ModemLink::is_up() {
   if (!problem_.empty()) {
-    come_back();
+    try {
+      // Opening an absent service would take ten seconds.
+      const bool is_absent = !is_present(MODEM_API_CLIENT_VS);
+      if (!is_absent) open_();
+      problem_ = is_absent ? "its vendor-specific service is down" : "";
+    } catch (const Failure& failure) {
+      problem_ = failure.headline();
+    }
     return problem_.empty();
   }
   const modem_api_result result = probe_();
@@ -34,20 +37,6 @@ bool ModemLink::is_up() {
     problem_ = describe(*exchange);
   }
   return problem_.empty();
-}
-
-// Opening an absent service would take ten seconds.
-void ModemLink::come_back() {
-  if (!is_present(MODEM_API_CLIENT_VS)) {
-    problem_ = "its vendor-specific service is down";
-    return;
-  }
-  try {
-    open_();
-    problem_.clear();
-  } catch (const Failure& failure) {
-    problem_ = failure.headline();
-  }
 }
 
 stats_para_data probe_request() {

@@ -31,8 +31,6 @@ class ModemLink {
   const std::string& problem() const { return problem_; }
 
  private:
-  void come_back();
-
   const std::function<void()> open_;
   const std::function<modem_api_result()> probe_;
   const bool needs_value_;

@@ -38,7 +38,7 @@ constexpr const char* kStep = "starting the simulated modem";
 constexpr const char* kModemProgram = "modem_sim";
 constexpr const char* kModemProgramVariable = "PELMAR_MODEM_SIM";
 constexpr const char* kIdleSeconds = "60";
-constexpr std::chrono::seconds kReadyPatience{20};
+constexpr std::chrono::milliseconds kReadyPatience = 20s;
 constexpr std::string_view kReadyLine = "modem_sim: ready on ";
 
 std::string find_program() {
@@ -72,7 +72,7 @@ Start wait_until_ready(int output) {
 }
 
 // Starts modem_sim as a process that outlives this one, and returns once it serves: empty, or why it does not.
-std::string start_modem_process(const std::string& socket, const std::string& storage, const std::string& log) {
+std::string start_modem_process(const Modem& modem) {
   const std::string program = find_program();
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw Failure::of_system("creating a pipe");
@@ -84,10 +84,10 @@ std::string start_modem_process(const std::string& socket, const std::string& st
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const char* const arguments[] = {kModemProgram,      "serve",      "--socket",
-                                   socket.c_str(),     "--storage",  storage.c_str(),
-                                   "--exit-when-idle", kIdleSeconds, nullptr};
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, modem.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  const char* const arguments[] = {kModemProgram,         "serve",      "--socket",
+                                   modem.address.c_str(), "--storage",  modem.storage.c_str(),
+                                   "--exit-when-idle",    kIdleSeconds, nullptr};
   pid_t process = 0;
   const int error = spawn_detached(program.c_str(), arguments, actions, process);
   posix_spawn_file_actions_destroy(&actions);
@@ -98,7 +98,7 @@ std::string start_modem_process(const std::string& socket, const std::string& st
   if (start == Start::kReady) return "";
   if (start == Start::kTooLate) kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
-  std::ifstream file(log);
+  std::ifstream file(modem.log);
   std::string logged(std::istreambuf_iterator<char>(file), {});
   while (logged.ends_with('\n')) logged.pop_back();
   if (start == Start::kTooLate) return "it was not ready in time" + (logged.empty() ? "" : ": " + logged);
@@ -107,7 +107,7 @@ std::string start_modem_process(const std::string& socket, const std::string& st
 
 // --- the own modem ---
 
-constexpr std::chrono::milliseconds kResponsePatience{2000};
+constexpr int kResponsePatienceMs = 2000;
 
 // A QMUX frame to the control service that requests the list of services. It changes nothing in the modem.
 constexpr uint8_t kGetVersionInfo[] = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x21, 0x00, 0x00, 0x00};
@@ -115,26 +115,22 @@ constexpr uint8_t kGetVersionInfo[] = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00,
 // A modem that refuses a connection closes it at once.
 constexpr int kRefusalPatienceMs = 100;
 
-// Whether a modem responds there: requests its list of services, and waits for the first byte of the response.
-bool responds(const UnixConnection& connection) {
-  const int fd = connection.fd.get();
+// Whether the modem responds: requests its list of services, and waits for the first byte of the response. The
+// connection stays open then.
+bool reach(Modem& modem) {
+  UniqueFd connection = connect_unix(modem.address).fd;
+  const int fd = connection.get();
   if (fd < 0 || send(fd, kGetVersionInfo, sizeof kGetVersionInfo, MSG_NOSIGNAL) != sizeof kGetVersionInfo) return false;
   pollfd readable = {fd, POLLIN, 0};
   uint8_t response[512];
-  return poll(&readable, 1, static_cast<int>(kResponsePatience.count())) == 1 &&
-         recv(fd, response, sizeof response, 0) > 0;
+  if (poll(&readable, 1, kResponsePatienceMs) != 1 || recv(fd, response, sizeof response, 0) <= 0) return false;
+  modem.guard = std::move(connection);
+  return true;
 }
 
 constexpr auto kLockPatience = 45s;
 constexpr int kAttempts = 5;  // the modem of an earlier run may be ending and still hold the storage
 constexpr auto kPauseBetweenAttempts = 100ms;
-
-struct Place {
-  std::string storage;
-  std::string socket;
-  std::string lock;
-  std::string log;
-};
 
 // FNV-1a: the same for the same storage in every build.
 std::string digest(std::string_view text) {
@@ -152,7 +148,8 @@ void make_private_directory(const std::string& path) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) throw Failure::of_system("creating the directory " + path);
 }
 
-Place make_place() {
+// Where it is, running or not; makes the directories.
+Modem describe_own_modem() {
   const std::string state = user_state_directory();
   if (state.empty()) {
     throw Failure(kStep, "this user has no home directory to keep its storage in", "Set HOME or XDG_STATE_HOME.");
@@ -166,7 +163,7 @@ Place make_place() {
     make_private_directory(runtime + "/pelmar");
     socket = runtime + "/pelmar/modem-" + digest(storage) + ".sock";
   }
-  return {storage, socket, storage + ".lock", storage + ".log"};
+  return {socket, storage, storage + ".log", {}};
 }
 
 UniqueFd take_lock(const std::string& path) {
@@ -183,23 +180,18 @@ UniqueFd take_lock(const std::string& path) {
   return lock;
 }
 
-UniqueFd reach(const Place& place) {
-  UnixConnection connection = connect_unix(place.socket);
-  return responds(connection) ? std::move(connection.fd) : UniqueFd();
-}
-
 Modem reach_own_modem() {
-  const Place place = make_place();
+  Modem modem = describe_own_modem();
   std::string problem;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, place.log, std::move(guard)};
-    const UniqueFd lock = take_lock(place.lock);
-    if (UniqueFd guard = reach(place)) return {place.socket, place.storage, place.log, std::move(guard)};
-    problem = start_modem_process(place.socket, place.storage, place.log);
+    if (reach(modem)) return modem;
+    const UniqueFd lock = take_lock(modem.storage + ".lock");
+    if (reach(modem)) return modem;
+    problem = start_modem_process(modem);
     if (!problem.empty()) std::this_thread::sleep_for(kPauseBetweenAttempts);
   }
-  if (problem.empty()) problem = "it started, but does not respond on " + place.socket;
-  throw Failure(kStep, problem, "Its log is " + place.log + "; --modem names another modem.");
+  if (problem.empty()) problem = "it started, but does not respond on " + modem.address;
+  throw Failure(kStep, problem, "Its log is " + modem.log + "; --modem names another modem.");
 }
 
 }  // namespace
@@ -213,13 +205,12 @@ Modem choose_modem(const std::string& named) {
 
 bool stop_own_modem() {
   const std::string step = "stopping the simulated modem";
-  const UnixConnection connection = connect_unix(make_place().socket);
+  const UnixConnection connection = connect_unix(describe_own_modem().address);
   if (!connection.fd) return false;
   const pid_t process = peer_of(connection.fd.get()).pid;
   if (process <= 0 || kill(process, SIGTERM) != 0) throw Failure::of_system(step);
   pollfd end = {connection.fd.get(), 0, 0};
-  const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kReadyPatience).count();
-  if (poll(&end, 1, static_cast<int>(patience)) == 1) return true;
+  if (poll(&end, 1, static_cast<int>(kReadyPatience.count())) == 1) return true;
   throw Failure(step, "process " + std::to_string(process) + " does not end");
 }
 

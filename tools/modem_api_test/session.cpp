@@ -36,15 +36,6 @@ qmi_idl_service_object_type nas_object() {
   return nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS);
 }
 
-// By client type: a row stands at its type.
-constexpr ServiceRow kServices[] = {
-    {MODEM_API_CLIENT_VS, "vs", "the vendor-specific service", vs_object},
-    {MODEM_API_CLIENT_SAR, "sar", "the SAR service", sar_object},
-    {MODEM_API_CLIENT_NAS_0, "nas_0", "the NAS service of subscription 0", nas_object},
-    {MODEM_API_CLIENT_NAS_1, "nas_1", "the NAS service of subscription 1", nas_object},
-};
-static_assert(std::size(kServices) == MODEM_API_CLIENT_TYPES);
-
 // Until `find_problem` returns none. The first one is shown.
 void wait_while(const std::function<std::string()>& find_problem) {
   bool is_first = true;
@@ -58,18 +49,17 @@ void wait_while(const std::function<std::string()>& find_problem) {
 
 // --- services ---
 
-std::span<const ServiceRow> services() {
-  return kServices;
-}
-
-const ServiceRow& service_of(modem_api_client_type type) {
-  return kServices[type];
-}
+const ServiceRow kServices[] = {
+    {MODEM_API_CLIENT_VS, "vs", "the vendor-specific service", vs_object},
+    {MODEM_API_CLIENT_SAR, "sar", "the SAR service", sar_object},
+    {MODEM_API_CLIENT_NAS_0, "nas_0", "the NAS service of subscription 0", nas_object},
+    {MODEM_API_CLIENT_NAS_1, "nas_1", "the NAS service of subscription 1", nas_object},
+};
 
 bool is_present(modem_api_client_type type) {
   qmi_client_type notifier = nullptr;
   qmi_client_os_params parameters{};
-  if (qmi_client_notifier_init(service_of(type).object(), &parameters, &notifier) != QMI_NO_ERR) return false;
+  if (qmi_client_notifier_init(kServices[type].object(), &parameters, &notifier) != QMI_NO_ERR) return false;
   bool is_there = false;
   const auto on_presence = [](qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event,
                               void* data) {
@@ -154,15 +144,14 @@ std::string Session::absence_advice() {
 int32_t Session::open(modem_api_client_type type) {
   std::unique_lock lock(mutex_);
   if (const auto opened = clients_.find(type); opened != clients_.end()) return opened->second;
-  const bool excludes = is_hydra_open_;
   lock.unlock();
-  if (excludes) restart();
+  if (is_hydra_open_) restart();
   prepare();
   wait_for(type);
   int32_t client = -1;
   const modem_api_result result = modem_api_init_client(type, Inbox::receive_event, Inbox::receive_notice, &client);
   const std::string advice = absence_advice();
-  check(result, std::string("connecting to ") + service_of(type).title,
+  check(result, std::string("connecting to ") + kServices[type].title,
         {kNoIdLeft, {MODEM_API_ERR_GENERIC, advice.c_str()}});
   lock.lock();
   clients_[type] = client;
@@ -170,34 +159,26 @@ int32_t Session::open(modem_api_client_type type) {
 }
 
 void Session::open_hydra() {
-  std::unique_lock lock(mutex_);
   if (is_hydra_open_) return;
+  std::unique_lock lock(mutex_);
   const bool excludes = !clients_.empty();
   lock.unlock();
   if (excludes) restart();
   if (!is_initialised_) prepare();
   wait_for(MODEM_API_CLIENT_VS);
-  lock.lock();
   is_hydra_open_ = true;  // set before the call: closing hydra is harmless where opening failed
-  lock.unlock();
   if (modem_hydra_api_init() != 0) return;
-  lock.lock();
   is_hydra_open_ = false;
-  lock.unlock();
-  const std::string step = std::string("connecting to ") + service_of(MODEM_API_CLIENT_VS).title;
+  const std::string step = std::string("connecting to ") + kServices[MODEM_API_CLIENT_VS].title;
   check_response(MODEM_API_SUCCESS, step);
   throw Failure(step, "the service is not up", absence_advice());
 }
 
 void Session::close() {
-  std::map<modem_api_client_type, int32_t> clients;
-  bool closes_hydra = false;
-  {
-    const std::lock_guard lock(mutex_);
-    clients.swap(clients_);
-    closes_hydra = std::exchange(is_hydra_open_, false);
-  }
-  if (closes_hydra) modem_hydra_api_deinit();
+  std::unique_lock lock(mutex_);
+  const auto clients = std::exchange(clients_, {});
+  lock.unlock();
+  if (is_hydra_open_.exchange(false)) modem_hydra_api_deinit();
   for (const auto& [type, client] : clients) modem_api_free_client(client);
 }
 

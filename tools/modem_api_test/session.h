@@ -2,11 +2,11 @@
 // opened, clients freed however the program ends.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "failure.h"
@@ -25,9 +25,8 @@ struct ServiceRow {
   qmi_idl_service_object_type (*object)();
 };
 
-std::span<const ServiceRow> services();
-
-const ServiceRow& service_of(modem_api_client_type type);
+// By client type: a row stands at its type.
+extern const ServiceRow kServices[MODEM_API_CLIENT_TYPES];
 
 // Whether the modem has the service now, as the framework has it: opening an absent service would take ten seconds.
 bool is_present(modem_api_client_type type);
@@ -90,7 +89,7 @@ class Session {
 
   std::mutex mutex_;
   std::map<modem_api_client_type, int32_t> clients_;
-  bool is_hydra_open_ = false;
+  std::atomic<bool> is_hydra_open_{false};
 };
 
 }  // namespace pelmar::cli

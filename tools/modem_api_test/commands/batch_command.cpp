@@ -15,14 +15,6 @@ struct BatchValues {
   bool stops = false;
 };
 
-// Standard input is the batch's: a command that reads it too fails.
-File open_input(const std::string& path) {
-  File input(path == "-" ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "r") : fopen(path.c_str(), "re"), &fclose);
-  if (input == nullptr) throw Failure::of_system("reading '" + path + "'");
-  close_standard_input();
-  return input;
-}
-
 std::optional<Failure> run_line(const Context& context, std::string_view text) {
   context.output.set_command("batch");
   for (size_t left = context.inbox.waiting(); left > 0; --left) context.inbox.next(Clock::now());
@@ -44,7 +36,12 @@ std::optional<Failure> run_line(const Context& context, std::string_view text) {
 }
 
 void run_batch(const Context& context, const BatchValues& values) {
-  const File input = open_input(values.file);
+  const std::string step = "reading '" + values.file + "'";
+  const bool is_input = values.file == "-";
+  const File input(is_input ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "r") : fopen(values.file.c_str(), "re"),
+                   &fclose);
+  if (input == nullptr) throw Failure::of_system(step);
+  close_standard_input();  // it is the batch's: a command that reads it too fails
   bool has_failed = false;
   static char* line = nullptr;  // until the process ends
   static size_t room = 0;
@@ -60,7 +57,7 @@ void run_batch(const Context& context, const BatchValues& values) {
     context.output.end_line(failure);
   }
   context.output.set_command("batch");
-  if (ferror(input.get()) != 0) throw Failure::of_system("reading '" + values.file + "'");
+  if (ferror(input.get()) != 0) throw Failure::of_system(step);
   if (has_failed) throw Failure::of_silence();
 }
 
@@ -72,8 +69,7 @@ void add_batch_command(CommandLine& line) {
       "Each command is a line as it stands behind modem_api_test, split and quoted as in a shell; # begins a comment. "
       "For each a line of JSON is printed at once, with the line's number in \"line\", and with what the command "
       "printed in \"documents\" where that is not one document. Commands that go on for ever need --for SECONDS. The "
-      "exit "
-      "status is 1 where a command failed.");
+      "exit status is 1 where a command failed.");
   command.add_examples({"commands.txt", "--stop-on-error commands.txt"});
   command.add_text("file", values.file, "the commands (-: standard input)", {.type = "FILE"});
   command.add_flag("--stop-on-error", values.stops, "end after the first command that fails");

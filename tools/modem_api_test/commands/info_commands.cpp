@@ -27,14 +27,62 @@ namespace {
 
 using platform::ModemReport;
 
-// --- build and process ---
+// --- the system properties ---
 
-struct BuildProperty {
+// The properties that the library reads.
+constexpr struct {
   const char* name;
-  bool (*holds)();
+  const char* fallback;  // what the library goes by where the property is not set
+  const char* meaning;
+} kProperties[] = {
+    {"persist.vendor.radio.adb_log_ka", "65535", "levels that pass to the system log: 1 errors, 4 debug"},
+    {"persist.vendor.radio.adb_log_shell", "65535", "levels that pass to standard output"},
+    {"persist.vendor.radio.print_prop", "1", "1: properties are logged when they are used"},
+    {"persist.hydra.mem_trace", "", "true: live blocks of memory are traced"},
+    {"ro.boot.factorybuild", "", "begins with 1: a factory build"},
+    {"ro.cust.test", "NULL", "the certification test: ct, cm or cu"},
+    {"ro.vendor.radio.build_region", "", "cn: a build for China"},
+    {"ro.build.tags", "test-keys", "release-keys: no test build"},
+    {"ro.vendor.radio.build_profile", "NULL", "the build profile: factory, native, orbo"},
+    {"ro.build.version.incremental", "", "the build's version"},
+    {"ro.debuggable", "NULL", "1: a build with root"},
+    {"ro.boot.hwlevel", "NULL", "MP: mass production hardware"},
+    {"ro.orbo.build.region", "NULL", "the build's region"},
+    {"ro.build.type", "user", "the type of the build"},
+    {"ro.vendor.radio.manufacturer_id", "0", "the manufacturer's number"},
+    {"ro.radio.device_type", "0", "the device type's number"},
+    {"ro.product.device", "", "the device's name"},
+    {"persist.vendor.radio.build_region", "NULL", "the region that was configured"},
+    {"persist.radio.multisim.config", "dsds", "ssss: a phone for one SIM"},
+    {"persist.radio.default_data_sub", "0", "the subscription for data"},
+    {"persist.radio.active_call_sub", "8", "the subscription of the call; 8: none"},
+    {"persist.vendor.ssr.restart_level", "", "ALL_ENABLE: a crashed modem restarts; ALL_DISABLE: it is dumped"},
+    {"persist.vendor.ssr.type_bak", "", "the restart level that is restored"},
+    {"persist.vendor.ssr.type_bak_flag", "", "yes: a restart level is saved"},
+    {"persist.radio.ssr_wait_s", "5", "seconds to wait after a modem's restart"},
 };
 
-constexpr BuildProperty kBuildProperties[] = {
+// Nothing where the property is not set.
+std::string read_property(const std::string& name) {
+  char value[PROPERTY_VALUE_MAX];
+  property_get(name.c_str(), value, "");
+  return value;
+}
+
+Json set_properties() {
+  Json values = Json::object();
+  for (const auto& property : kProperties) {
+    if (const std::string value = read_property(property.name); !value.empty()) values[property.name] = value;
+  }
+  return values;
+}
+
+// --- build and process ---
+
+constexpr struct {
+  const char* name;
+  bool (*holds)();
+} kBuildProperties[] = {
     {"certification", pelmar_is_cert_version}, {"factory", pelmar_is_factory_version_ex},
     {"native", pelmar_is_native_version},      {"stable", pelmar_is_stable_version},
     {"development", pelmar_is_dev_version},    {"pre_release", pelmar_is_pre_version},
@@ -61,7 +109,7 @@ Json describe_build() {
   build["region"] = or_none(pelmar_build_region_get());
   build["configured_region"] = or_none(pelmar_vendor_build_region_get());
   build["default_data_sub"] = pelmar_get_default_data_sub();
-  for (const BuildProperty& property : kBuildProperties) build["is"][property.name] = property.holds();
+  for (const auto& property : kBuildProperties) build["is"][property.name] = property.holds();
   return build;
 }
 
@@ -124,7 +172,7 @@ Json describe_client_ids() {
 }
 
 // Opens the service. Nothing if it is up.
-std::optional<Failure> probe_service(const ServiceRow& service, const std::string& step) {
+std::optional<Failure> probe_service(const ServiceRow& service) {
   // One attempt: the library makes ten of them, a second apart.
   constexpr uint32_t kTimeoutMs = 5000;
   qmi_client_type client = nullptr;
@@ -132,6 +180,7 @@ std::optional<Failure> probe_service(const ServiceRow& service, const std::strin
   const int32_t code = qmi_client_init_instance(service.object(), QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr,
                                                 &parameters, kTimeoutMs, &client);
   const Exchange end = take_last_exchange().value_or(Exchange{code, 0});
+  const std::string step = std::string("connecting to ") + service.title;
   if (code != QMI_NO_ERR) return Failure::of_result(step, MODEM_API_ERR_GENERIC, {kNoIdLeft}, end);
   qmi_client_release(client);
   return std::nullopt;
@@ -143,40 +192,33 @@ constexpr const char* kLacks[] = {"only sar, drx, avoid-trm, cell-info, lock and
                                   "cell-info, avoid-trm, lock and nr-mode of subscription 1 do not work"};
 static_assert(std::size(kLacks) == MODEM_API_CLIENT_TYPES);
 
-struct ServicesReport {
-  Json list = Json::array();
-  std::string lack;              // a sentence for each service that the modem does not have
-  std::optional<Failure> fault;  // the first service that cannot be opened, or that there is none
-  bool are_ids_exhausted = false;
-};
-
-// A modem need not have every service: a USB modem usually has no vendor-specific one.
-ServicesReport describe_services() {
-  ServicesReport report;
+// Adds the services. A modem need not have every one: a USB modem usually has no vendor-specific one. `lack` gets a
+// sentence for each that the modem does not have. Returns why the first of the others cannot be opened, or that there
+// is none.
+std::optional<Failure> put_services(Json& document, std::string& lack) {
+  std::optional<Failure> fault;
   bool is_any_up = false;
-  for (const ServiceRow& service : services()) {
+  bool are_ids_exhausted = false;
+  for (const ServiceRow& service : kServices) {
     std::string state = "absent";
     if (!is_present(service.type)) {
-      report.lack += std::string("Without ") + service.title + ", " + kLacks[service.type] + ". ";
-    } else if (const auto failure = probe_service(service, std::string("connecting to ") + service.title)) {
+      lack += std::string("Without ") + service.title + ", " + kLacks[service.type] + ". ";
+    } else if (const auto failure = probe_service(service)) {
       state = failure->reason();
-      report.are_ids_exhausted |= failure->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
-      if (!report.fault) report.fault = failure;
+      are_ids_exhausted |= failure->qmi_error() == QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+      if (!fault) fault = failure;
     } else {
       state = "up";
       is_any_up = true;
     }
-    report.list.push_back(
+    document["services"].push_back(
         {{"service", service.name}, {"id", service.object()->service_id}, {"up", state == "up"}, {"state", state}});
   }
-  if (!is_any_up && !report.fault) {
-    report.fault = Failure("connecting to the modem's services", "none of them is there",
-                           "Wait for one with --wait, or reset the modem.");
-  }
-  return report;
+  document["client_ids_exhausted"] = are_ids_exhausted;
+  if (is_any_up || fault) return fault;
+  return Failure("connecting to the modem's services", "none of them is there",
+                 "Wait for one with --wait, or reset the modem.");
 }
-
-Json set_properties();
 
 // "a 1, b 2" for an object.
 std::string inline_text(const Json& value) {
@@ -198,21 +240,16 @@ void show_info(const Context& context, const NoValues&) {
   }
   Json document = {{"modem", describe_modem(modem, found)}, {"listed_services", describe_listed(found)}};
   document["client_ids"] = describe_client_ids();
-  std::string next_step = "'modem_api_test signal' shows what the radio receives.";
-  bool are_ids_exhausted = false;
-  if (!fault) {
-    ServicesReport report = describe_services();
-    document["services"] = std::move(report.list);
-    are_ids_exhausted = report.are_ids_exhausted;
-    fault = report.fault;
-    if (!report.lack.empty()) next_step = report.lack + "To wait for a service, add --wait to the command.";
-  }
-  document["client_ids_exhausted"] = are_ids_exhausted;
+  std::string lack;
+  if (fault) document["client_ids_exhausted"] = false;
+  if (!fault) fault = put_services(document, lack);
   document["properties"] = set_properties();
   document["build"] = describe_build();
   document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
   document["fault"] = fault ? Json(fault->headline()) : Json();
-  document["next_step"] = fault ? fault->advice() : next_step;
+  document["next_step"] = fault          ? fault->advice()
+                          : lack.empty() ? "'modem_api_test signal' shows what the radio receives."
+                                         : lack + "To wait for a service, add --wait to the command.";
   std::string text;
   for (const auto& [title, part] : document.items()) {
     text += title + (part.is_structured() ? part.empty() ? ": none" : "" : ": " + inline_text(part)) + "\n";
@@ -229,69 +266,19 @@ void show_info(const Context& context, const NoValues&) {
 
 // --- props ---
 
-struct Property {
-  const char* name;
-  const char* fallback;  // what the library goes by where the property is not set
-  const char* meaning;
-};
-
-// The properties that the library reads.
-constexpr Property kProperties[] = {
-    {"persist.vendor.radio.adb_log_ka", "65535", "levels that pass to the system log: 1 errors, 4 debug"},
-    {"persist.vendor.radio.adb_log_shell", "65535", "levels that pass to standard output"},
-    {"persist.vendor.radio.print_prop", "1", "1: properties are logged when they are used"},
-    {"persist.hydra.mem_trace", "", "true: live blocks of memory are traced"},
-    {"ro.boot.factorybuild", "", "begins with 1: a factory build"},
-    {"ro.cust.test", "NULL", "the certification test: ct, cm or cu"},
-    {"ro.vendor.radio.build_region", "", "cn: a build for China"},
-    {"ro.build.tags", "test-keys", "release-keys: no test build"},
-    {"ro.vendor.radio.build_profile", "NULL", "the build profile: factory, native, orbo"},
-    {"ro.build.version.incremental", "", "the build's version"},
-    {"ro.debuggable", "NULL", "1: a build with root"},
-    {"ro.boot.hwlevel", "NULL", "MP: mass production hardware"},
-    {"ro.orbo.build.region", "NULL", "the build's region"},
-    {"ro.build.type", "user", "the type of the build"},
-    {"ro.vendor.radio.manufacturer_id", "0", "the manufacturer's number"},
-    {"ro.radio.device_type", "0", "the device type's number"},
-    {"ro.product.device", "", "the device's name"},
-    {"persist.vendor.radio.build_region", "NULL", "the region that was configured"},
-    {"persist.radio.multisim.config", "dsds", "ssss: a phone for one SIM"},
-    {"persist.radio.default_data_sub", "0", "the subscription for data"},
-    {"persist.radio.active_call_sub", "8", "the subscription of the call; 8: none"},
-    {"persist.vendor.ssr.restart_level", "", "ALL_ENABLE: a crashed modem restarts; ALL_DISABLE: it is dumped"},
-    {"persist.vendor.ssr.type_bak", "", "the restart level that is restored"},
-    {"persist.vendor.ssr.type_bak_flag", "", "yes: a restart level is saved"},
-    {"persist.radio.ssr_wait_s", "5", "seconds to wait after a modem's restart"},
-};
-
-// Nothing where the property is not set.
-std::string read_property(const std::string& name) {
-  char value[PROPERTY_VALUE_MAX];
-  property_get(name.c_str(), value, "");
-  return value;
-}
-
-Json set_properties() {
-  Json values = Json::object();
-  for (const Property& property : kProperties) {
-    if (const std::string value = read_property(property.name); !value.empty()) values[property.name] = value;
+void get_property(const Context& context, const std::string& name) {
+  const std::string value = read_property(name);
+  if (value.empty()) {
+    throw Failure("reading the property " + name, "it is not set",
+                  "'modem_api_test props set " + name + " VALUE' sets it.");
   }
-  return values;
+  context.output.print({{"name", name}, {"value", value}}, value);
 }
 
 struct PropertyValues {
   std::string name;
   std::string value;
 };
-
-void get_property(const Context& context, const PropertyValues& values) {
-  const std::string value = read_property(values.name);
-  if (value.empty()) {
-    throw Failure("reading the property " + values.name, "it is not set",
-                  "'modem_api_test props set " + values.name + " VALUE' sets it.");
-  }
-  context.output.print({{"name", values.name}, {"value", value}}, value);
-}
 
 void set_property(const Context& context, const PropertyValues& values) {
   if (property_set(values.name.c_str(), values.value.c_str()) != 0) {
@@ -306,7 +293,7 @@ void set_property(const Context& context, const PropertyValues& values) {
 void list_properties(const Context& context, const NoValues&) {
   Json list = Json::array();
   std::string text;
-  for (const Property& property : kProperties) {
+  for (const auto& property : kProperties) {
     const std::string value = read_property(property.name);
     const bool is_set = !value.empty();
     list.push_back({{"name", property.name},
@@ -329,22 +316,18 @@ void add_info_command(CommandLine& line) {
 
 void add_property_commands(CommandLine& line) {
   std::vector<std::string> names;
-  for (const Property& property : kProperties) names.emplace_back(property.name);
+  for (const auto& property : kProperties) names.emplace_back(property.name);
   line.set_completion("PROPERTY", std::move(names));
   CLI::App& group = line.add_group("props", "read and set system properties");
-  {
-    auto [command, values] = line.add<PropertyValues>(group, "get", "read a property", get_property);
-    command.add_text("name", values.name, "the property's name", {.type = "PROPERTY", .is_required = true});
-    command.add_examples({"persist.radio.multisim.config", "ro.build.type --json"});
-  }
-  {
-    auto [command, values] = line.add<PropertyValues>(group, "set", "set a property", set_property);
-    command.add_text("name", values.name, "the property's name", {.type = "PROPERTY", .is_required = true});
-    command.add_text("value", values.value, "its value, of at most 91 characters",
-                     {.type = "VALUE", .is_required = true});
-    static_assert(PROPERTY_VALUE_MAX == 92);
-    command.add_examples({"persist.radio.multisim.config ssss", "persist.radio.default_data_sub 1"});
-  }
+  const Details name = {.type = "PROPERTY", .is_required = true};
+  auto [get, wanted] = line.add<std::string>(group, "get", "read a property", get_property);
+  get.add_text("name", wanted, "the property's name", name);
+  get.add_examples({"persist.radio.multisim.config", "ro.build.type --json"});
+  auto [set, property] = line.add<PropertyValues>(group, "set", "set a property", set_property);
+  set.add_text("name", property.name, "the property's name", name);
+  set.add_text("value", property.value, "its value, of at most 91 characters", {.type = "VALUE", .is_required = true});
+  static_assert(PROPERTY_VALUE_MAX == 92);
+  set.add_examples({"persist.radio.multisim.config ssss", "persist.radio.default_data_sub 1"});
   line.add<NoValues>(group, "list", "list the properties that the library reads", list_properties);
 }
 

@@ -56,38 +56,41 @@ struct ItemValues {
   DataOutput output;
 };
 
-// One exchange about the item. Returns its title.
-template <typename Call>
-std::string exchange(const Context& context, const Kind& kind, const Address& address, const char* verb, Call call) {
-  std::string title = title_of(kind, address);
-  check(call(context.session.open(MODEM_API_CLIENT_VS)), std::string(verb) + " " + title,
-        {kNothingThere, kNoFile, kind.by_path ? kBadPath : kBadNumber, kTooMuchData, kNoRoom});
-  return title;
+modem_api_result read(const Kind& kind, int32_t client, const Address& address, Bytes& bytes) {
+  bytes.resize(MODEM_API_MAX_ITEM_BYTES);
+  auto length = static_cast<uint32_t>(bytes.size());
+  const modem_api_result code = kind.read(client, address, bytes.data(), &length);
+  bytes.resize(length);
+  return code;
+}
+
+modem_api_result write(const Kind& kind, int32_t client, const Address& address, const Bytes& bytes) {
+  return kind.write(client, address, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+void check_item(modem_api_result code, const Kind& kind, const std::string& step) {
+  check(code, step, {kNothingThere, kNoFile, kind.by_path ? kBadPath : kBadNumber, kTooMuchData, kNoRoom});
 }
 
 void read_item(const Context& context, const Kind& kind, const ItemValues& values) {
-  Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
-  auto length = static_cast<uint32_t>(bytes.size());
-  const std::string title = exchange(context, kind, values.address, "reading", [&](int32_t client) {
-    return kind.read(client, values.address, bytes.data(), &length);
-  });
-  bytes.resize(length);
+  const std::string title = title_of(kind, values.address);
+  Bytes bytes;
+  check_item(read(kind, context.session.open(MODEM_API_CLIENT_VS), values.address, bytes), kind, "reading " + title);
   values.output.report(context.output, bytes, json_of(kind, values.address), title);
 }
 
 void write_item(const Context& context, const Kind& kind, const ItemValues& values) {
+  const std::string title = title_of(kind, values.address);
   const Bytes bytes = values.input.read();
-  const std::string title = exchange(context, kind, values.address, "writing", [&](int32_t client) {
-    return kind.write(client, values.address, bytes.data(), static_cast<uint32_t>(bytes.size()));
-  });
+  check_item(write(kind, context.session.open(MODEM_API_CLIENT_VS), values.address, bytes), kind, "writing " + title);
   Json document = json_of(kind, values.address);
   document["written_bytes"] = bytes.size();
   context.output.print(document, title + ": " + count_of(bytes.size(), "byte") + " written");
 }
 
 void delete_item(const Context& context, const Kind& kind, const ItemValues& values) {
-  const std::string title = exchange(context, kind, values.address, "deleting",
-                                     [&](int32_t client) { return kind.remove(client, values.address); });
+  const std::string title = title_of(kind, values.address);
+  check_item(kind.remove(context.session.open(MODEM_API_CLIENT_VS), values.address), kind, "deleting " + title);
   Json document = json_of(kind, values.address);
   document["deleted"] = true;
   context.output.print(document, title + ": deleted");
@@ -106,21 +109,20 @@ struct Result {
 };
 
 // Of the exchange that ended last on this thread.
-Result result_of(modem_api_result code, Bytes data = {}) {
+Result result_of(modem_api_result code, const Bytes& data = {}) {
   const auto exchange = take_last_exchange();
   const bool is_response = exchange && exchange->code != QMI_SERVICE_ERR && exchange->code != QMI_TIMEOUT_ERR;
-  if (code == MODEM_API_SUCCESS && is_response) return {kDone, std::move(data), {}};
+  if (code == MODEM_API_SUCCESS && is_response) return {kDone, data, {}};
   const uint32_t error = is_response ? exchange->error : 0;
   const bool is_absent = error == QMI_ERR_NO_ENTRY_V01 || error == QMI_ERR_SIM_FILE_NOT_FOUND_V01;
   const auto failure = Failure::of_result("", code == MODEM_API_SUCCESS ? MODEM_API_ERR_GENERIC : code, {}, exchange);
   return {is_absent ? kAbsent : failure.is_loss() ? kLost : kRefused, {}, failure};
 }
 
-Result read(const Kind& kind, int32_t client, const Address& address) {
-  Bytes bytes(MODEM_API_MAX_ITEM_BYTES);
-  auto length = static_cast<uint32_t>(bytes.size());
-  const modem_api_result code = kind.read(client, address, bytes.data(), &length);
-  return result_of(code, {bytes.begin(), bytes.begin() + length});
+Result read_result(const Kind& kind, int32_t client, const Address& address) {
+  Bytes bytes;
+  const modem_api_result code = read(kind, client, address, bytes);
+  return result_of(code, bytes);
 }
 
 void put_result(Json& object, const Result& result) {
@@ -153,7 +155,10 @@ class Pass {
       const int32_t client = context_.session.open(MODEM_API_CLIENT_VS);
       if (!job_.heading.empty() && !context_.output.is_json()) context_.output.print(Json(), job_.heading);
       thread_.start([this, client] { exchange_all(client); });
-      while (!thread_.wait(Clock::now() + kProgressPeriod) && !context_.inbox.is_interrupted()) show_progress();
+      while (!thread_.wait(Clock::now() + kProgressPeriod) && !context_.inbox.is_interrupted()) {
+        const std::lock_guard lock(mutex_);
+        if (is_terminal_) fprintf(stderr, "\r%s: %zu of %zu", kind_.command, tried_, job_.items.size());
+      }
       const std::lock_guard lock(mutex_);
       is_over_ = true;
       if (is_pending_) take({kLost, {}, Failure("", "no response came before the end")});
@@ -177,11 +182,6 @@ class Pass {
       if (is_over_) return;
       take(result);
     }
-  }
-
-  void show_progress() {
-    const std::lock_guard lock(mutex_);
-    if (is_terminal_) fprintf(stderr, "\r%s: %zu of %zu", kind_.command, tried_, job_.items.size());
   }
 
   // The result of the item that was tried last.
@@ -253,7 +253,7 @@ void dump(const Context& context, const Kind& kind, const ManyValues& values) {
              .mark = "# "};
   for (Address& address : parse_addresses(kind, values.words, values.base))
     job.items.push_back({.address = std::move(address)});
-  job.exchange = [&](int32_t client, const FileItem& item) { return read(kind, client, item.address); };
+  job.exchange = [&](int32_t client, const FileItem& item) { return read_result(kind, client, item.address); };
   job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
     if (result.state == kAbsent) return "";
     put_result(document, result);
@@ -277,8 +277,7 @@ void restore(const Context& context, const Kind& kind, const ManyValues& values)
   }
   values.confirmation.require(all + " of " + context.session.modem().address + " may be overwritten.");
   job.exchange = [&](int32_t client, const FileItem& item) {
-    const auto length = static_cast<uint32_t>(item.data.size());
-    return result_of(kind.write(client, item.address, item.data.data(), length));
+    return result_of(write(kind, client, item.address, item.data));
   };
   job.describe = [&](const FileItem& item, const Result& result, Json& document) -> std::string {
     if (result.state == kDone) return "";
@@ -298,7 +297,7 @@ void diff(const Context& context, const Kind& kind, const ManyValues& values) {
              .problem = "the file and the modem differ in ",
              .mark = "# "};
   job.exchange = [&](int32_t client, const FileItem& item) {
-    Result result = read(kind, client, item.address);
+    Result result = read_result(kind, client, item.address);
     if (result.state == kDone && result.data != item.data) result.state = kDifferent;
     return result;
   };
@@ -327,12 +326,6 @@ constexpr const char* kDiffNotes =
     "Lines that begin with - are the file's, with + the modem's. Only the file's items are compared. As with diff(1), "
     "the exit status is 1 where something differs.";
 
-// The action of a family's command: the function, with the row that it works on.
-template <typename Values>
-auto on(const Kind& kind, void (*action)(const Context&, const Kind&, const Values&)) {
-  return [&kind, action](const Context& context, const Values& values) { action(context, kind, values); };
-}
-
 // --- efs-sync ---
 
 struct SyncValues {
@@ -360,12 +353,6 @@ struct RawValues {
   bool is_async = false;
 };
 
-void print_data(Output& output, const Bytes& bytes) {
-  Json document = {{"callback", "data"}};
-  put_bytes(document, bytes);
-  output.print(document, "data: " + count_of(bytes.size(), "byte") + "\n" + hex_dump(bytes, 2));
-}
-
 // Until the last callback of the exchange.
 void follow(const Context& context) {
   const auto deadline = Clock::now() + kResponsePatience;
@@ -378,7 +365,10 @@ void follow(const Context& context) {
     }
     const auto result = static_cast<modem_api_result>(arrival->number);
     if (result != MODEM_API_SUCCESS) throw Failure::of_result(kRawStep, result, {}, arrival->exchange);
-    print_data(context.output, arrival->payload);
+    Json document = {{"callback", "data"}};
+    const Bytes& bytes = arrival->payload;
+    put_bytes(document, bytes);
+    context.output.print(document, "data: " + count_of(bytes.size(), "byte") + "\n" + hex_dump(bytes, 2));
   }
   if (!context.inbox.is_interrupted()) throw Failure::of_result(kRawStep, MODEM_API_ERR_TIMEOUT);
 }
@@ -405,62 +395,57 @@ void add_item_commands(CommandLine& line) {
   for (const Kind& kind : kinds()) {
     CLI::App& group =
         line.add_group(kind.command, std::string("read, write, delete, dump, restore and compare ") + kind.summary);
+    const auto add = [&]<typename Values>(const char* name, const std::string& summary,
+                                          void (*action)(const Context&, const Kind&, const Values&)) {
+      const auto act = [&kind, action](const Context& context, const Values& values) { action(context, kind, values); };
+      return line.add<Values>(group, name, summary, act);
+    };
     const std::string what = std::string(" an ") + kind.title;
     const std::string example = kind.example;
-    {
-      auto [command, values] = line.add<ItemValues>(group, "read", "read" + what, on(kind, read_item));
-      add_address(command, kind, values.address);
-      values.output.add_to(command);
-      command.add_examples({example, example + " --output item.bin"});
-    }
-    {
-      auto [command, values] = line.add<ItemValues>(group, "write", "write" + what, on(kind, write_item));
-      add_address(command, kind, values.address);
-      values.input.add_to(command);
-      command.add_examples({example + " 0a 1b 2c", example + " --text hello"});
-    }
-    {
-      auto [command, values] = line.add<ItemValues>(group, "delete", "delete" + what, on(kind, delete_item));
-      add_address(command, kind, values.address);
-      command.add_examples({example, example + " --json"});
-    }
-    {
-      auto [command, values] = line.add<ManyValues>(group, "dump", "print many, as a file", on(kind, dump));
-      command.add_notes("Each item is a line, as in '" + (kind.command + (" " + example)) + " = 68 69 # hi'.");
-      command.add_notes(kDumpNotes);
-      if (kind.by_path) command.add_notes(kPathNotes);
-      command.add_examples({kind.by_path ? "@paths >items" : ">items", example + " --json"});
-      if (!kind.by_path) values.words = {"0-65535"};
-      command.add_text(kind.by_path ? "paths" : "ranges", values.words,
-                       kind.by_path ? "the files' paths, or @FILE that has them (@-: standard input)"
-                                    : "numbers, or ranges as in 10-20 (default 0-65535)",
-                       {.type = kind.by_path ? "PATH" : "RANGE", .is_required = kind.by_path});
-      add_parts(command, kind, values.base);
-    }
-    for (const bool writes : {true, false}) {
-      auto [command, values] = line.add<ManyValues>(group, writes ? "restore" : "diff",
-                                                    writes ? "write what a dump has" : "compare a dump with the modem",
-                                                    on(kind, writes ? restore : diff));
-      command.add_notes(writes ? kRestoreNotes : kDiffNotes);
-      command.add_examples({writes ? "items --yes" : "items", writes ? "items --dry-run" : "items --json"});
-      command.add_text("file", values.file, "the dump (-: standard input)", {.type = "FILE", .is_required = true});
-      if (!writes) continue;
-      command.add_flag("--dry-run", values.is_dry, "check the file, and write nothing");
-      values.confirmation.add_to(command);
-    }
+    auto [reads, item] = add("read", "read" + what, read_item);
+    add_address(reads, kind, item.address);
+    item.output.add_to(reads);
+    reads.add_examples({example, example + " --output item.bin"});
+    auto [writes, written] = add("write", "write" + what, write_item);
+    add_address(writes, kind, written.address);
+    written.input.add_to(writes);
+    writes.add_examples({example + " 0a 1b 2c", example + " --text hello"});
+    auto [deletes, deleted] = add("delete", "delete" + what, delete_item);
+    add_address(deletes, kind, deleted.address);
+    deletes.add_examples({example, example + " --json"});
+
+    auto [dumps, items] = add("dump", "print many, as a file", dump);
+    dumps.add_notes("Each item is a line, as in '" + (kind.command + (" " + example)) + " = 68 69 # hi'.");
+    dumps.add_notes(kDumpNotes);
+    if (kind.by_path) dumps.add_notes(kPathNotes);
+    dumps.add_examples({kind.by_path ? "@paths >items" : ">items", example + " --json"});
+    if (!kind.by_path) items.words = {"0-65535"};
+    dumps.add_text(kind.by_path ? "paths" : "ranges", items.words,
+                   kind.by_path ? "the files' paths, or @FILE that has them (@-: standard input)"
+                                : "numbers, or ranges as in 10-20 (default 0-65535)",
+                   {.type = kind.by_path ? "PATH" : "RANGE", .is_required = kind.by_path});
+    add_parts(dumps, kind, items.base);
+    const Details file = {.type = "FILE", .is_required = true};
+    auto [restores, restored] = add("restore", "write what a dump has", restore);
+    restores.add_notes(kRestoreNotes);
+    restores.add_examples({"items --yes", "items --dry-run"});
+    restores.add_text("file", restored.file, "the dump (-: standard input)", file);
+    restores.add_flag("--dry-run", restored.is_dry, "check the file, and write nothing");
+    restored.confirmation.add_to(restores);
+    auto [compares, compared] = add("diff", "compare a dump with the modem", diff);
+    compares.add_notes(kDiffNotes);
+    compares.add_examples({"items", "items --json"});
+    compares.add_text("file", compared.file, "the dump (-: standard input)", file);
   }
-  {
-    auto [command, values] = line.add("efs-sync", "have the modem write its EFS to storage", sync_efs);
-    command.add_number("--mode", values.mode, "the mode; only with 0 are the value and the option sent");
-    command.add_number("--value", values.value, "the value");
-    command.add_number("--option", values.option, "the option");
-  }
-  {
-    auto [command, values] = line.add("raw", "send a pass-through command of at most 512 bytes", send_raw);
-    values.input.add_to(command);
-    command.add_flag("--async", values.is_async, "do not wait in the call: show the data and the end as they arrive");
-    command.add_examples({"01 02 03", "--async --text ping"});
-  }
+
+  auto [sync, values] = line.add("efs-sync", "have the modem write its EFS to storage", sync_efs);
+  sync.add_number("--mode", values.mode, "the mode; only with 0 are the value and the option sent");
+  sync.add_number("--value", values.value, "the value");
+  sync.add_number("--option", values.option, "the option");
+  auto [raw, sent] = line.add("raw", "send a pass-through command of at most 512 bytes", send_raw);
+  sent.input.add_to(raw);
+  raw.add_flag("--async", sent.is_async, "do not wait in the call: show the data and the end as they arrive");
+  raw.add_examples({"01 02 03", "--async --text ping"});
 }
 
 }  // namespace pelmar::cli

@@ -12,6 +12,7 @@
 #include "command_line.h"
 #include "cutils/properties.h"
 #include "environment.h"
+#include "events.h"
 #include "manager_link.h"
 #include "modem_api_peripheral_mng.h"
 #include "pelmar_ssr.h"
@@ -22,16 +23,14 @@ namespace {
 
 // --- shutdown-notice and reset ---
 
-struct ModemCommand {
+constexpr struct {
   const char* name;
   const char* summary;
   const char* effect;  // what is asked about
   const char* step;
   const char* done;
   modem_api_result (*call)(int32_t client);
-};
-
-constexpr ModemCommand kCommands[] = {
+} kCommands[] = {
     {"shutdown-notice", "notify the modem that the phone is about to power off",
      "The modem prepares for the phone's end.", "notifying the modem of the shutdown",
      "modem: notified of the shutdown", modem_api_notify_shutdown},
@@ -90,12 +89,16 @@ void report(const Context& context, pm_event state, WallClock::time_point time =
   context.output.print(document, local_text(time) + "  modem " + state_text(state));
 }
 
-// --- power vote ---
-
-struct VoteValues {
+struct PowerValues {
   std::string device = "modem";
-  uint32_t seconds = 0;  // 0: until a signal
+  FollowLimits limits;
+
+  void add_to(const Command& command) {
+    command.add_text("--device", device, "the peripheral's name at the manager", {.type = "NAME"});
+  }
 };
+
+// --- power vote ---
 
 // This process's registration through the library.
 class Registration {
@@ -109,8 +112,16 @@ class Registration {
   Registration& operator=(const Registration&) = delete;
 };
 
-// Prints the power's changes while the vote stands.
-void hold(const Context& context, const std::string& socket, std::optional<Clock::time_point> deadline) {
+void vote(const Context& context, const PowerValues& values) {
+  const uint32_t seconds = values.limits.seconds;
+  context.require_end(seconds);
+  const std::string socket = find_manager(context);
+  const Signals::Follower ends_by_itself(context.signals);
+  const Registration registration(values.device, socket);
+  if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("voting for the modem's power");
+  context.output.print({{"vote", "cast"}, {"device", values.device}},
+                       "voted for the power of '" + values.device + "'" + (seconds > 0 ? "" : "; Ctrl-C ends"));
+  const auto deadline = deadline_after(seconds);
   std::optional<pm_event> reported;
   do {
     const pm_event state = ask_manager(socket, "holding the vote").state;
@@ -119,17 +130,6 @@ void hold(const Context& context, const std::string& socket, std::optional<Clock
     // A repeated vote changes nothing, and fails where the manager that has it is gone.
     if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("holding the vote");
   } while ((!deadline || Clock::now() < *deadline) && context.inbox.pause_until(Clock::now() + kInterval));
-}
-
-void vote(const Context& context, const VoteValues& values) {
-  context.require_end(values.seconds);
-  const std::string socket = find_manager(context);
-  const Signals::Follower ends_by_itself(context.signals);
-  const Registration registration(values.device, socket);
-  if (modem_api_peripheral_mng_vote() != 0) throw lost_manager("voting for the modem's power");
-  context.output.print({{"vote", "cast"}, {"device", values.device}},
-                       "voted for the power of '" + values.device + "'" + (values.seconds > 0 ? "" : "; Ctrl-C ends"));
-  hold(context, socket, deadline_after(values.seconds));
   modem_api_peripheral_mng_release_vote();
   context.output.print({{"vote", "released"}, {"device", values.device}}, "vote taken back");
 }
@@ -144,25 +144,20 @@ bool runs_this_program(uint32_t process) {
          own.st_ino == other.st_ino;
 }
 
-std::vector<uint32_t> own_votes(const Count& count) {
-  std::vector<uint32_t> processes;
-  for (const VoterEntry& voter : count.voters) {
-    if (voter.votes && runs_this_program(voter.process)) processes.push_back(voter.process);
-  }
-  return processes;
-}
-
-size_t votes(const Count& count) {
-  return static_cast<size_t>(
-      std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; }));
+auto votes(const Count& count) {
+  return std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; });
 }
 
 void release(const Context& context, const NoValues&) {
   constexpr const char* kStep = "releasing the votes of 'power vote'";
   const std::string socket = find_manager(context);
   Count count = ask_manager(socket, kStep);
-  const std::vector<uint32_t> processes = own_votes(count);
-  for (const uint32_t process : processes) kill(static_cast<pid_t>(process), SIGTERM);
+  std::vector<uint32_t> processes;
+  for (const VoterEntry& voter : count.voters) {
+    if (!voter.votes || !runs_this_program(voter.process)) continue;
+    processes.push_back(voter.process);
+    kill(static_cast<pid_t>(voter.process), SIGTERM);
+  }
   const auto deadline = Clock::now() + kReleasePatience;
   // By number: a process that is ending runs nothing any more, while the manager still counts its vote.
   const auto is_one = [&](const VoterEntry& voter) {
@@ -193,12 +188,6 @@ void show_status(const Context& context, const NoValues&) {
   context.output.print(document, text);
 }
 
-struct WatchValues {
-  std::string device = "modem";
-  uint32_t count = 0;    // 0: no limit
-  uint32_t seconds = 0;  // 0: no limit
-};
-
 // A voter without a vote, which acknowledges each step and passes it on.
 struct Watcher {
   ~Watcher() {
@@ -213,8 +202,9 @@ struct Watcher {
   void* handle = nullptr;
 };
 
-void watch(const Context& context, const WatchValues& values) {
-  context.require_end(values.seconds, values.count);
+void watch(const Context& context, const PowerValues& values) {
+  const auto& [wanted, seconds] = values.limits;
+  context.require_end(seconds, wanted);
   constexpr const char* kStep = "watching the modem's power";
   const std::string socket = find_manager(context);
   const Signals::Follower ends_by_itself(context.signals);
@@ -228,9 +218,9 @@ void watch(const Context& context, const WatchValues& values) {
   if (result != PM_RET_SUCCESS) throw no_manager(kStep, socket);
   report(context, state);
 
-  const auto deadline = deadline_after(values.seconds);
+  const auto deadline = deadline_after(seconds);
   uint32_t seen = 0;
-  while (values.count == 0 || seen < values.count) {
+  while (wanted == 0 || seen < wanted) {
     const auto next_look = Clock::now() + kInterval;
     if (const auto arrival = context.inbox.next(deadline ? std::min(*deadline, next_look) : next_look)) {
       report(context, static_cast<pm_event>(arrival->number), arrival->time);
@@ -242,25 +232,19 @@ void watch(const Context& context, const WatchValues& values) {
     // It has no vote to take back; that fails where the manager is gone.
     if (pm_client_disconnect(watcher.handle) != PM_RET_SUCCESS) throw lost_manager(kStep);
   }
-  if (seen >= values.count) return;
-  throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(values.count) + " steps came",
+  if (seen >= wanted) return;
+  throw Failure(kStep, "only " + std::to_string(seen) + " of " + std::to_string(wanted) + " steps came",
                 "Wait longer with --for SECONDS.");
-}
-
-void add_device(const Command& command, std::string& device) {
-  command.add_text("--device", device, "the peripheral's name at the manager", {.type = "NAME"});
 }
 
 // --- ssr ---
 
-struct RestartType {
+// By number.
+constexpr struct {
   const char* word;
   const char* name;
   const char* meaning;
-};
-
-// By number.
-constexpr RestartType kTypes[] = {
+} kTypes[] = {
     {"def", "MODEM_RESTART_LEVEL_ID_DEF", "the saved level is in force"},
     {"ssr", "MODEM_RESTART_LEVEL_ID_SSR", "a crashed modem restarts alone"},
     {"dump", "MODEM_RESTART_LEVEL_ID_DUMP", "a crashed modem is dumped"},
@@ -270,19 +254,15 @@ constexpr size_t kSettableTypes = 3;
 
 void get_type(const Context& context, const NoValues&) {
   const int32_t type = pelmar_get_modem_ssr_type();
-  const RestartType& row = kTypes[std::clamp<int32_t>(type, 0, std::size(kTypes) - 1)];
+  const auto& row = kTypes[std::clamp<int32_t>(type, 0, std::size(kTypes) - 1)];
   context.output.print({{"restart_type", type}, {"name", row.name}},
                        std::string("restart type ") + row.word + " (" + std::to_string(type) + "): " + row.meaning);
 }
 
-struct SetValues {
-  std::string type;
-};
-
-void set_type(const Context& context, const SetValues& values) {
-  const auto row = std::find_if(std::begin(kTypes), std::end(kTypes),
-                                [&](const RestartType& each) { return values.type == each.word; });
-  const auto type = static_cast<int32_t>(row - std::begin(kTypes));
+void set_type(const Context& context, const std::string& word) {
+  const auto* const row =
+      std::find_if(kTypes, kTypes + kSettableTypes, [&](const auto& each) { return word == each.word; });
+  const auto type = static_cast<int32_t>(row - kTypes);
   const bool is_written = pelmar_set_modem_ssr_type(type) == 1;
   context.output.print({{"restart_type", type}, {"name", row->name}, {"written", is_written}},
                        std::string("restart type ") + row->word +
@@ -296,19 +276,17 @@ void show_name(const Context& context, const NoValues&) {
   context.output.print({{"level", name}}, name);
 }
 
-struct WaitValues {
-  int32_t seconds = -1;  // -1: the seconds that the property has
-};
+constexpr int32_t kSecondsOfProperty = -1;  // those that persist.radio.ssr_wait_s has
 
-void wait(const Context& context, const WaitValues& values) {
-  const int32_t waited = pelmar_modem_ssr_wait_s(values.seconds);
+void wait(const Context& context, const int32_t& seconds) {
+  const int32_t waited = pelmar_modem_ssr_wait_s(seconds);
   context.output.print({{"waited_seconds", waited}}, "waited " + std::to_string(std::max(waited, 0)) + " s");
 }
 
 }  // namespace
 
 void add_modem_commands(CommandLine& line) {
-  for (const ModemCommand& row : kCommands) {
+  for (const auto& row : kCommands) {
     const auto act = [&row](const Context& context, const Confirmation& confirmation) {
       confirmation.require(row.effect);
       check(row.call(context.session.open(MODEM_API_CLIENT_VS)), row.step);
@@ -321,45 +299,35 @@ void add_modem_commands(CommandLine& line) {
   }
 
   CLI::App& modem = line.add_group("modem", "the simulated modem that this program starts where none is named");
-  line.add<NoValues>(
-      modem, "stop",
-      "end the client's own simulated modem; its storage stays, and the next command starts the modem again",
-      stop_modem);
+  constexpr const char* kStopSummary =
+      "end the client's own simulated modem; its storage stays, and the next command starts the modem again";
+  line.add<NoValues>(modem, "stop", kStopSummary, stop_modem);
 
   CLI::App& power = line.add_group("power", "votes for the modem's power, at the peripheral manager");
-  {
-    auto [command, values] = line.add<VoteValues>(power, "vote", "vote for power, as long as this command runs", vote);
-    add_device(command, values.device);
-    command.add_duration(values.seconds, "take the vote back after that many seconds");
-    command.add_examples({"", "--for 10"});
-  }
+  auto [hold, held] = line.add<PowerValues>(power, "vote", "vote for power, as long as this command runs", vote);
+  held.add_to(hold);
+  hold.add_duration(held.limits.seconds, "take the vote back after that many seconds");
+  hold.add_examples({"", "--for 10"});
   line.add<NoValues>(power, "release", "end every 'power vote' that runs", release);
   line.add<NoValues>(power, "status", "show the power, the votes, and the voters", show_status);
-  {
-    auto [command, values] = line.add<WatchValues>(power, "watch", "follow the steps of the power as they come", watch);
-    add_device(command, values.device);
-    command.add_number("--count", values.count, "end after that many steps", {.otherwise = "no limit"});
-    command.add_duration(values.seconds);
-    command.add_examples({"", "--count 1 --for 60"});
-  }
+  auto [follow, followed] = line.add<PowerValues>(power, "watch", "follow the steps of the power as they come", watch);
+  followed.add_to(follow);
+  followed.limits.add_to(follow, "steps");
+  follow.add_examples({"", "--count 1 --for 60"});
 
   CLI::App& ssr = line.add_group("ssr", "what happens when the modem crashes: the restart type");
   line.add<NoValues>(ssr, "get", "show the restart type; the first time it also saves the level", get_type);
-  {
-    auto [command, values] = line.add<SetValues>(ssr, "set", "switch the restart type", set_type);
-    std::vector<std::string> words;
-    for (size_t i = 0; i < kSettableTypes; ++i) words.emplace_back(kTypes[i].word);
-    command.add_text("type", values.type, "ssr: restart alone; dump; def: as it was saved",
-                     {.is_required = true, .words = words});
-    command.add_examples({"ssr", "def"});
-  }
+  auto [set, type] = line.add<std::string>(ssr, "set", "switch the restart type", set_type);
+  std::vector<std::string> words;
+  for (size_t i = 0; i < kSettableTypes; ++i) words.emplace_back(kTypes[i].word);
+  set.add_text("type", type, "ssr: restart alone; dump; def: as it was saved", {.is_required = true, .words = words});
+  set.add_examples({"ssr", "def"});
   line.add<NoValues>(ssr, "name", "show the restart level's text", show_name);
-  {
-    auto [command, values] = line.add<WaitValues>(ssr, "wait", "wait while a restart settles", wait);
-    command.add_number("seconds", values.seconds, "how long",
-                       {.type = "SECONDS", .otherwise = "what persist.radio.ssr_wait_s has, else 5"}, 3600, 0);
-    command.add_examples({"0", "2"});
-  }
+  auto [settle, seconds] = line.add<int32_t>(ssr, "wait", "wait while a restart settles", wait);
+  seconds = kSecondsOfProperty;
+  settle.add_number("seconds", seconds, "how long",
+                    {.type = "SECONDS", .otherwise = "what persist.radio.ssr_wait_s has, else 5"}, 3600, 0);
+  settle.add_examples({"0", "2"});
 }
 
 }  // namespace pelmar::cli

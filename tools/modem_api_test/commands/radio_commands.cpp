@@ -13,6 +13,15 @@ namespace pelmar::cli {
 
 namespace {
 
+// Of the commands for one subscription, each of which has some of them.
+struct RadioValues {
+  uint32_t sub = 0;
+  std::vector<std::string> words;
+  bool is_on = false;
+  uint8_t mode = 0;
+  Confirmation confirmation;
+};
+
 std::string of_subscription(uint32_t sub) {
   return " of subscription " + std::to_string(sub);
 }
@@ -24,10 +33,6 @@ int32_t open_nas(const Context& context, uint32_t sub) {
 // --- cell-info ---
 
 constexpr uint32_t kNoTimingAdvance = 0xFFFFFFFF;
-
-struct CellInfoValues {
-  std::optional<uint32_t> sub;
-};
 
 // Digits in the order of 3GPP TS 24.008; 0xF in place of the third one of a short network code.
 std::string plmn_text(const uint8_t (&plmn)[3]) {
@@ -97,31 +102,30 @@ void print_cell_info(const Context& context, uint32_t sub) {
   context.output.print(document, text);
 }
 
-void show_cell_info(const Context& context, const CellInfoValues& values) {
+void show_cell_info(const Context& context, const std::optional<uint32_t>& wanted) {
   for (uint32_t sub = 0; sub < 2; ++sub) {
-    if (!values.sub || *values.sub == sub) print_cell_info(context, sub);
+    if (wanted.value_or(sub) == sub) print_cell_info(context, sub);
   }
 }
 
 // --- drx ---
 
-// In frames; 0 for a setting without a cycle.
-uint32_t drx_cycle(uint32_t drx) {
-  constexpr uint32_t kShortest = 6;  // 32 frames; each next one is twice as long
-  constexpr uint32_t kLongest = 9;
-  return drx < kShortest || drx > kLongest ? 0 : 32U << (drx - kShortest);
-}
+constexpr uint32_t kShortestCycle = 6;  // 32 frames; each next one is twice as long
+constexpr uint32_t kLongestCycle = 9;
 
 void show_drx(const Context& context, const NoValues&) {
   uint8_t is_valid = 0;
   uint32_t drx = 0;
   check_response(modem_api_get_drx(open_nas(context, 0), &is_valid, &drx), "reading the DRX setting");
   if (is_valid == 0) throw Failure("reading the DRX setting", "the modem gave no value");
-  const uint32_t cycle = drx_cycle(drx);
   Json document = {{"drx", drx}};
-  if (cycle > 0) document["cycle_frames"] = cycle;
-  context.output.print(document,
-                       "DRX: " + std::to_string(drx) + (cycle > 0 ? " (" + std::to_string(cycle) + " frames)" : ""));
+  std::string text = "DRX: " + std::to_string(drx);
+  if (drx >= kShortestCycle && drx <= kLongestCycle) {
+    const uint32_t frames = 32U << (drx - kShortestCycle);
+    document["cycle_frames"] = frames;
+    text += " (" + std::to_string(frames) + " frames)";
+  }
+  context.output.print(document, text);
 }
 
 // --- lock lte ---
@@ -129,73 +133,45 @@ void show_drx(const Context& context, const NoValues&) {
 constexpr int64_t kHighestEarfcn = 262143;
 constexpr int64_t kHighestPci = 503;
 
-struct Cell {
-  uint32_t earfcn;
-  uint32_t pci;
-};
-
-Cell parse_cell(const std::string& word) {
-  const size_t colon = std::min(word.find(':'), word.size());
-  const auto earfcn = parse_number(word.substr(0, colon), 0, kHighestEarfcn);
-  const auto pci = parse_number(word.substr(std::min(colon + 1, word.size())), 0, kHighestPci);
-  if (!earfcn || !pci) {
-    throw Failure::of_usage("'" + word + "' is no cell", "A cell is EARFCN:PCI, for example 1300:120 (EARFCN 0 to " +
-                                                             std::to_string(kHighestEarfcn) + ", PCI 0 to " +
-                                                             std::to_string(kHighestPci) + ").");
-  }
-  return {static_cast<uint32_t>(*earfcn), static_cast<uint32_t>(*pci)};
-}
-
-// The single word "clear" gives none.
-std::vector<Cell> parse_cells(const std::vector<std::string>& words) {
-  if (words.size() == 1 && words[0] == "clear") return {};
-  if (words.size() > MODEM_API_MAX_LOCKED_CELLS) {
-    throw Failure::of_usage(std::to_string(words.size()) + " cells are too many",
+void lock_cells(const Context& context, const RadioValues& values) {
+  const bool clears = values.words.size() == 1 && values.words[0] == "clear";
+  const auto cells = std::span(values.words).subspan(clears ? 1 : 0);
+  if (cells.size() > MODEM_API_MAX_LOCKED_CELLS) {
+    throw Failure::of_usage(std::to_string(cells.size()) + " cells are too many",
                             "A lock takes at most " + std::to_string(MODEM_API_MAX_LOCKED_CELLS) + " cells.");
-  }
-  std::vector<Cell> cells;
-  cells.reserve(words.size());
-  for (const std::string& word : words) cells.push_back(parse_cell(word));
-  return cells;
-}
-
-struct LockValues {
-  std::vector<std::string> words;
-  uint32_t sub = 0;
-  Confirmation confirmation;
-};
-
-void lock_cells(const Context& context, const LockValues& values) {
-  const std::vector<Cell> cells = parse_cells(values.words);
-  const std::string what = "LTE cell lock" + of_subscription(values.sub);
-  if (!cells.empty()) {
-    values.confirmation.require("Subscription " + std::to_string(values.sub) +
-                                " has no service where none of these cells can be received.");
   }
   std::vector<uint32_t> pcis;
   std::vector<uint32_t> earfcns;
   Json list = Json::array();
-  for (const Cell& cell : cells) {
-    pcis.push_back(cell.pci);
-    earfcns.push_back(cell.earfcn);
-    list.push_back({{"earfcn", cell.earfcn}, {"pci", cell.pci}});
+  for (const std::string& word : cells) {
+    const size_t colon = std::min(word.find(':'), word.size());
+    const auto earfcn = parse_number(word.substr(0, colon), 0, kHighestEarfcn);
+    const auto pci = parse_number(word.substr(std::min(colon + 1, word.size())), 0, kHighestPci);
+    if (!earfcn || !pci) {
+      throw Failure::of_usage("'" + word + "' is no cell", "A cell is EARFCN:PCI, for example 1300:120 (EARFCN 0 to " +
+                                                               std::to_string(kHighestEarfcn) + ", PCI 0 to " +
+                                                               std::to_string(kHighestPci) + ").");
+    }
+    pcis.push_back(static_cast<uint32_t>(*pci));
+    earfcns.push_back(static_cast<uint32_t>(*earfcn));
+    list.push_back({{"earfcn", *earfcn}, {"pci", *pci}});
   }
+  if (!clears) {
+    values.confirmation.require("Subscription " + std::to_string(values.sub) +
+                                " has no service where none of these cells can be received.");
+  }
+  const std::string what = "LTE cell lock" + of_subscription(values.sub);
   const int32_t client = open_nas(context, values.sub);
   check(
       modem_api_set_lte_cell_lock(client, values.sub, static_cast<uint32_t>(cells.size()), pcis.data(), earfcns.data()),
-      (cells.empty() ? "clearing the " : "setting the ") + what);
-  const std::string text = cells.empty() ? "cleared" : count_of(cells.size(), "cell");
+      (clears ? "clearing the " : "setting the ") + what);
+  const std::string text = clears ? "cleared" : count_of(cells.size(), "cell");
   context.output.print({{"sub", values.sub}, {"locked", std::move(list)}}, what + ": " + text);
 }
 
 // --- avoid-trm, nr-mode ---
 
-struct AvoidTrmValues {
-  bool is_on = false;
-  uint32_t sub = 0;
-};
-
-void set_avoid_trm(const Context& context, const AvoidTrmValues& values) {
+void set_avoid_trm(const Context& context, const RadioValues& values) {
   const auto sub = static_cast<int32_t>(values.sub);
   check(modem_api_set_avoid_trm(open_nas(context, values.sub), sub, values.is_on ? 1 : 0),
         "switching TRM avoidance" + of_subscription(values.sub));
@@ -203,13 +179,7 @@ void set_avoid_trm(const Context& context, const AvoidTrmValues& values) {
                        "TRM avoidance" + of_subscription(values.sub) + ": " + (values.is_on ? "on" : "off"));
 }
 
-struct NrModeValues {
-  uint8_t mode = 0;
-  uint32_t sub = 0;
-  Confirmation confirmation;
-};
-
-void set_nr_mode(const Context& context, const NrModeValues& values) {
+void set_nr_mode(const Context& context, const RadioValues& values) {
   if (values.mode != 0) {
     values.confirmation.require("Subscription " + std::to_string(values.sub) +
                                 " loses NR, and its service where there is nothing else.");
@@ -263,42 +233,37 @@ void set_state(const Context& context, const SarValues& values) {
 }  // namespace
 
 void add_radio_commands(CommandLine& line) {
-  {
-    auto [command, values] = line.add("cell-info", "show the serving cells and their neighbours", show_cell_info);
-    command.add_subscription(values.sub);
-  }
+  auto [cell_info, shown] = line.add("cell-info", "show the serving cells and their neighbours", show_cell_info);
+  cell_info.add_subscription(shown);
+
   line.add("drx", "show the DRX setting of subscription 0", show_drx);
-  {
-    CLI::App& group = line.add_group("lock", "lock a subscription to cells");
-    auto [command, values] =
-        line.add<LockValues>(group, "lte", "lock LTE to these cells alone, or end the lock", lock_cells);
-    command.add_text("cells", values.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
-    command.add_subscription(values.sub);
-    values.confirmation.add_to(command);
-    command.add_examples({"1300:120 --yes", "clear --sub 1"});
-  }
-  {
-    auto [command, values] = line.add("avoid-trm", "switch TRM avoidance", set_avoid_trm);
-    command.add_switch("state", values.is_on, "on or off");
-    command.add_subscription(values.sub);
-    command.add_examples({"on", "off --sub 1"});
-  }
-  {
-    auto [command, values] = line.add("nr-mode", "disable NR (1 or 2), or enable it (0)", set_nr_mode);
-    command.add_number("mode", values.mode, "the NR disable mode", {.is_required = true}, 2);
-    command.add_subscription(values.sub);
-    values.confirmation.add_to(command);
-    command.add_examples({"0", "2 --sub 1 --yes"});
-  }
-  {
-    CLI::App& group = line.add_group("sar", "the SAR service");
-    auto [command, values] = line.add<SarValues>(group, "set", "set the RF state", set_state);
-    command.add_number("state", values.state, "the state", {.is_required = true});
-    command.add_number("--hold", values.hold_seconds,
-                       "go on for that many seconds: set the state again each time the service comes back",
-                       {.type = "SECONDS", .otherwise = "do not go on"});
-    command.add_examples({"3", "3 --hold 3600"});
-  }
+
+  CLI::App& locks = line.add_group("lock", "lock a subscription to cells");
+  auto [lock, cells] =
+      line.add<RadioValues>(locks, "lte", "lock LTE to these cells alone, or end the lock", lock_cells);
+  lock.add_text("cells", cells.words, "up to 60 cells, or 'clear'", {.type = "EARFCN:PCI", .is_required = true});
+  lock.add_subscription(cells.sub);
+  cells.confirmation.add_to(lock);
+  lock.add_examples({"1300:120 --yes", "clear --sub 1"});
+
+  auto [avoid_trm, avoidance] = line.add("avoid-trm", "switch TRM avoidance", set_avoid_trm);
+  avoid_trm.add_switch("state", avoidance.is_on, "on or off");
+  avoid_trm.add_subscription(avoidance.sub);
+  avoid_trm.add_examples({"on", "off --sub 1"});
+
+  auto [nr_mode, nr] = line.add("nr-mode", "disable NR (1 or 2), or enable it (0)", set_nr_mode);
+  nr_mode.add_number("mode", nr.mode, "the NR disable mode", {.is_required = true}, 2);
+  nr_mode.add_subscription(nr.sub);
+  nr.confirmation.add_to(nr_mode);
+  nr_mode.add_examples({"0", "2 --sub 1 --yes"});
+
+  CLI::App& sar = line.add_group("sar", "the SAR service");
+  auto [set, held] = line.add<SarValues>(sar, "set", "set the RF state", set_state);
+  set.add_number("state", held.state, "the state", {.is_required = true});
+  set.add_number("--hold", held.hold_seconds,
+                 "go on for that many seconds: set the state again each time the service comes back",
+                 {.type = "SECONDS", .otherwise = "do not go on"});
+  set.add_examples({"3", "3 --hold 3600"});
 }
 
 }  // namespace pelmar::cli

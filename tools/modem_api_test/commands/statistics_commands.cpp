@@ -30,57 +30,51 @@ struct TxPowerValues {
   bool max = false;
 };
 
-struct TxPower {
+void show_tx_power(const Context& context, const TxPowerValues& values) {
+  context.session.open_hydra();
   Json document;
   std::string of;
-  uint32_t value;
-};
-
-TxPower read_tx_power(const TxPowerValues& values) {
+  uint32_t value = MODEM_TX_POWER_NONE;
   if (values.max) {
     // The higher one hides that the other was refused.
     for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
       if (modem_tx_power_get_by_sub(sub) != MODEM_TX_POWER_NONE) continue;
       check_response(MODEM_API_SUCCESS, "reading the transmit power of " + subscription(sub));
     }
-    return {{{"of", "max"}}, "both subscriptions, the higher one", modem_tx_power_get_for_max_sub()};
+    document["of"] = "max";
+    of = "both subscriptions, the higher one";
+    value = modem_tx_power_get_for_max_sub();
+  } else if (values.sub) {
+    document["sub"] = *values.sub;
+    of = subscription(*values.sub);
+    value = modem_tx_power_get_by_sub(*values.sub);
+  } else {
+    const int32_t sub = pelmar_get_default_data_sub();
+    document = {{"sub", sub >= 0 ? Json(sub) : Json()}, {"of", "default_data_sub"}};
+    of = sub >= 0 ? subscription(static_cast<uint32_t>(sub)) + ", of the default data"
+                  : "the default data (no subscription is set for it)";
+    value = modem_tx_power_get_for_dds_sub();
   }
-  if (values.sub) return {{{"sub", *values.sub}}, subscription(*values.sub), modem_tx_power_get_by_sub(*values.sub)};
-  const int32_t sub = pelmar_get_default_data_sub();
-  const bool is_set = sub >= 0;
-  return {{{"sub", is_set ? Json(sub) : Json()}, {"of", "default_data_sub"}},
-          is_set ? subscription(static_cast<uint32_t>(sub)) + ", of the default data"
-                 : "the default data (no subscription is set for it)",
-          modem_tx_power_get_for_dds_sub()};
-}
-
-void show_tx_power(const Context& context, const TxPowerValues& values) {
-  context.session.open_hydra();
-  TxPower power = read_tx_power(values);
-  if (power.value == MODEM_TX_POWER_NONE) {
-    const std::string step = "reading the transmit power of " + power.of;
+  if (value == MODEM_TX_POWER_NONE) {
+    const std::string step = "reading the transmit power of " + of;
     check_response(MODEM_API_SUCCESS, step);
     throw Failure(step, "there is none",
                   "A subscription has one on LTE and NR; 'modem_api_test sys-mode' shows where it is.");
   }
-  const auto dbm = static_cast<int32_t>(power.value);
-  power.document["tx_power_dbm"] = dbm;
-  context.output.print(power.document, "transmit power of " + power.of + ": " + std::to_string(dbm) + " dBm");
+  const auto dbm = static_cast<int32_t>(value);
+  document["tx_power_dbm"] = dbm;
+  context.output.print(document, "transmit power of " + of + ": " + std::to_string(dbm) + " dBm");
 }
 
 // --- sys-mode ---
 
-struct SysModeValues {
-  std::optional<uint32_t> sub;
-};
-
-void show_sys_mode(const Context& context, const SysModeValues& values) {
+void show_sys_mode(const Context& context, const std::optional<uint32_t>& wanted) {
   context.session.open_hydra();
   constexpr const char* kStep = "reading the system mode";
   bool is_any_known = false;
   std::optional<Failure> refusal;
   for (uint32_t sub = 0; sub < kSubscriptions; ++sub) {
-    if (values.sub.value_or(sub) != sub) continue;
+    if (wanted.value_or(sub) != sub) continue;
     std::optional<uint32_t> mode = modem_sys_mode_get(sub);
     const auto exchange = take_last_exchange();
     if (mode == MODEM_SYS_MODE_UNKNOWN) mode.reset();
@@ -126,9 +120,15 @@ void use_feature(const Context& context, const FeatureValues& values) {
 // Statistics by name or number; at most so many.
 void add_statistics(const Command& command, std::vector<uint32_t>& ids, int most) {
   const auto take = [&ids](const std::string& word) -> std::string {
-    const auto id = parse_statistic(word);
-    if (!id) return "'" + word + "' is no statistic: give a number, or a name as in lte-pcc";
-    ids.push_back(*id);
+    const auto number = parse_number(word, 0, UINT32_MAX);
+    const auto* const named = std::ranges::find(statistics::kValues, word, &statistics::Value::name);
+    if (named != std::end(statistics::kValues)) {
+      ids.push_back(named->id);
+    } else if (number) {
+      ids.push_back(static_cast<uint32_t>(*number));
+    } else {
+      return "'" + word + "' is no statistic: give a number, or a name as in lte-pcc";
+    }
     return "";
   };
   command.add_parsed("statistics", "numbers, or names as in lte-pcc", take,
@@ -191,10 +191,8 @@ void get_values(const Context& context, const ValueValues& values) {
     const auto value = counted(entry.value, entry.value_len);
     Json document = {{"sub", entry.sub}, {"id", entry.id}};
     put_bytes(document, value);
-    put_statistic(document, entry.id, value);
-    const std::string fields = statistic_fields_text(entry.id, value);
-    context.output.print(document, "subscription " + std::to_string(entry.sub) + ", statistic " +
-                                       statistic_text(entry.id) + ": " +
+    const std::string fields = put_statistic(document, entry.id, value);
+    context.output.print(document, subscription(entry.sub) + ", statistic " + statistic_text(entry.id) + ": " +
                                        (value.empty() ? "no value" : count_of(value.size(), "byte")) + "\n" +
                                        (fields.empty() ? "" : "  " + fields + "\n") + hex_dump(value, 2));
   }
@@ -202,7 +200,7 @@ void get_values(const Context& context, const ValueValues& values) {
 
 void clear_values(const Context& context, const ValueValues& values) {
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  const std::string what = "statistics " + list_text(values.ids) + " of subscription " + std::to_string(values.sub);
+  const std::string what = "statistics " + list_text(values.ids) + " of " + subscription(values.sub);
   check(modem_api_clear_stats_parameter(client, static_cast<uint16_t>(values.sub), values.slot,
                                         static_cast<int32_t>(values.ids.size()), values.ids.data()),
         "clearing " + what);
@@ -217,8 +215,7 @@ struct ReportValues {
 };
 
 constexpr const char* kWhoseId =
-    "A statistics client id is granted to one process and is void when that process ends: the id of any other "
-    "process, "
+    "A statistics client id is granted to one process and is void when that process ends: the id of any other process, "
     "also of an earlier run of this program, is refused. 'stats register' keeps one while it follows the reports.";
 
 constexpr Advice kNoIdLeft = {MODEM_API_ERR_GENERIC, "The modem granted no statistics client id: all may be in use."};
@@ -247,10 +244,12 @@ struct RegisterValues {
   uint32_t client = 0;
 };
 
-modem_api_result deregister_ids(int32_t client, uint32_t stats_client, const RegisterValues& values) {
-  return modem_api_deregister_modem_stats_data(
-      client, stats_client, values.option1.has_value(), values.option1.value_or(0), values.option2.has_value(),
-      values.option2.value_or(0), values.ids.data(), static_cast<uint32_t>(values.ids.size()));
+// A call of the library with the options, and with the list of what it registers or deregisters.
+template <typename Call, typename List>
+modem_api_result call_with(const RegisterValues& values, Call call, int32_t client, uint32_t stats_client,
+                           const List& list) {
+  return call(client, stats_client, values.option1.has_value(), values.option1.value_or(0), values.option2.has_value(),
+              values.option2.value_or(0), list.data(), static_cast<uint32_t>(list.size()));
 }
 
 void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& values) {
@@ -260,16 +259,13 @@ void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& v
     records[i].para_num = static_cast<uint32_t>(values.parameters.size());
     std::copy(values.parameters.begin(), values.parameters.end(), records[i].parameters);
   }
-  check(modem_api_register_modem_stats_data(
-            client, stats_client, values.option1.has_value(), values.option1.value_or(0), values.option2.has_value(),
-            values.option2.value_or(0), records.data(), static_cast<uint32_t>(records.size())),
+  check(call_with(values, modem_api_register_modem_stats_data, client, stats_client, records),
         "registering statistics " + list_text(values.ids));
 }
 
 // A modem that was away has forgotten the statistics client id, and may have granted it to another program since: so it
 // is given back at the end alone.
 void register_and_follow(const Context& context, const RegisterValues& values) {
-  context.require_end(values.limits.seconds, values.limits.count);
   int32_t client = -1;
   uint32_t id = 0;
   const auto give_back = [&] { modem_api_set_modem_stats_report_status(client, 0, &id); };
@@ -285,18 +281,19 @@ void register_and_follow(const Context& context, const RegisterValues& values) {
     }
   };
   const auto on_end = [&] {
-    deregister_ids(client, id, values);
+    call_with(values, modem_api_deregister_modem_stats_data, client, id, values.ids);
     give_back();
   };
-  EventFollower(context, values.limits, {on_open, {}, on_end}).follow([&] {
+  const auto start = [&] {
     return "statistics client id " + std::to_string(id) + ", registered " + list_text(values.ids) + "; Ctrl-C ends";
-  });
+  };
+  follow_events(context, values.limits, {start, on_open, nullptr, on_end});
 }
 
 void deregister(const Context& context, const RegisterValues& values) {
   const int32_t client = context.session.open(MODEM_API_CLIENT_VS);
-  check(deregister_ids(client, values.client, values), "deregistering statistics " + list_text(values.ids),
-        {kNotGranted});
+  check(call_with(values, modem_api_deregister_modem_stats_data, client, values.client, values.ids),
+        "deregistering statistics " + list_text(values.ids), {kNotGranted});
   context.output.print({{"stats_client_id", values.client}, {"deregistered", values.ids}},
                        "statistics " + list_text(values.ids) + ": deregistered");
 }
@@ -306,75 +303,58 @@ void add_options(const Command& command, RegisterValues& values) {
   command.add_number("--option2", values.option2, "the request's second option");
 }
 
-void add_stats_commands(CommandLine& line) {
-  CLI::App& group = line.add_group("stats", "the modem's statistics");
-  line.set_completion("STATISTIC", statistic_names());
-  {
-    auto command = line.add<NoValues>(group, "list", "list the statistics with their fields", list_statistics).first;
-    command.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
-  }
-  {
-    auto [command, values] = line.add<ValueValues>(group, "get", "read up to ten values", get_values);
-    add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
-    command.add_subscription(values.sub);
-    command.add_number("--slot", values.slot, "the request's slot");
-    command.add_text("--parameters", values.parameters, "bytes that go with each statistic of the request",
-                     {.type = "HEX"});
-    command.add_examples({"lte-pcc nr-uplink", "0x52 --sub 1 --json"});
-  }
-  {
-    auto [command, values] =
-        line.add<ValueValues>(group, "clear", "have up to ten values count from now on", clear_values);
-    add_statistics(command, values.ids, MODEM_API_STATS_ENTRIES);
-    command.add_subscription(values.sub);
-    command.add_number("--slot", values.slot, "the request's slot");
-    command.add_examples({"antenna-switch", "lte-pcc lte-scc1 --sub 1"});
-  }
-  {
-    auto [command, values] =
-        line.add<ReportValues>(group, "report", "request a statistics client id, or give it back", switch_reporting);
-    command.add_notes(kWhoseId);
-    command.add_switch("state", values.is_on, "on or off");
-    command.add_number("--client", values.client, "off: the statistics client id, of this process");
-    command.add_examples({"on", "off --client 0"});
-  }
-  {
-    auto [command, values] = line.add<RegisterValues>(
-        group, "register", "register statistics for reporting, and follow the reports", register_and_follow);
-    add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
-    command.add_text("--parameter", values.parameters, "a number that goes with each statistic; up to 5",
-                     {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
-    add_options(command, values);
-    values.limits.add_to(command);
-    command.add_examples({"lte-pcc", "nr-pcc nr-uplink --count 10 --json"});
-  }
-  auto [command, values] = line.add<RegisterValues>(group, "deregister", "end the reporting of statistics", deregister);
-  command.add_notes(kWhoseId);
-  add_statistics(command, values.ids, MODEM_API_STATS_REGISTRATIONS);
-  command.add_number("--client", values.client, "the statistics client id, of this process", {.is_required = true});
-  add_options(command, values);
-  command.add_examples({"lte-pcc --client 0", "0x52 0x87 --client 0 --json"});
-}
-
 }  // namespace
 
 void add_statistics_commands(CommandLine& line) {
-  {
-    auto [command, values] = line.add("tx-power", "show the transmit power", show_tx_power);
-    command.add_subscription(values.sub, "that of the default data");
-    command.add_flag("--max", values.max, "the higher one of both subscriptions", {.excludes = {"--sub"}});
-  }
-  {
-    auto [command, values] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
-    command.add_subscription(values.sub);
-  }
-  {
-    auto [command, values] = line.add("feature", "show or switch a feature of the modem", use_feature);
-    command.add_text("state", values.state, "on or off", {.words = {"on", "off"}});
-    command.add_number("--number", values.number, "the feature's number; 2: the statistics");
-    command.add_examples({"", "on"});
-  }
-  add_stats_commands(line);
+  auto [tx_power, power] = line.add("tx-power", "show the transmit power", show_tx_power);
+  tx_power.add_subscription(power.sub, "that of the default data");
+  tx_power.add_flag("--max", power.max, "the higher one of both subscriptions", {.excludes = {"--sub"}});
+  auto [sys_mode, sub] = line.add("sys-mode", "show the radio technology of the subscriptions", show_sys_mode);
+  sys_mode.add_subscription(sub);
+  auto [feature, used] = line.add("feature", "show or switch a feature of the modem", use_feature);
+  feature.add_text("state", used.state, "on or off", {.words = {"on", "off"}});
+  feature.add_number("--number", used.number, "the feature's number; 2: the statistics");
+  feature.add_examples({"", "on"});
+
+  CLI::App& stats = line.add_group("stats", "the modem's statistics");
+  std::vector<std::string> names;
+  for (const statistics::Value& row : statistics::kValues) names.emplace_back(row.name);
+  line.set_completion("STATISTIC", std::move(names));
+  line.add<NoValues>(stats, "list", "list the statistics with their fields", list_statistics)
+      .first.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
+  const auto add_value_command = [&](const char* name, const char* summary, auto action) {
+    auto added = line.add<ValueValues>(stats, name, summary, action);
+    add_statistics(added.first, added.second.ids, MODEM_API_STATS_ENTRIES);
+    added.first.add_subscription(added.second.sub);
+    added.first.add_number("--slot", added.second.slot, "the request's slot");
+    return added;
+  };
+  auto [get, wanted] = add_value_command("get", "read up to ten values", get_values);
+  get.add_text("--parameters", wanted.parameters, "bytes that go with each statistic of the request", {.type = "HEX"});
+  get.add_examples({"lte-pcc nr-uplink", "0x52 --sub 1 --json"});
+  add_value_command("clear", "have up to ten values count from now on", clear_values)
+      .first.add_examples({"antenna-switch", "lte-pcc lte-scc1 --sub 1"});
+
+  auto [reporting, report] =
+      line.add<ReportValues>(stats, "report", "request a statistics client id, or give it back", switch_reporting);
+  reporting.add_notes(kWhoseId);
+  reporting.add_switch("state", report.is_on, "on or off");
+  reporting.add_number("--client", report.client, "off: the statistics client id, of this process");
+  reporting.add_examples({"on", "off --client 0"});
+  auto [registers, registered] = line.add<RegisterValues>(
+      stats, "register", "register statistics for reporting, and follow the reports", register_and_follow);
+  add_statistics(registers, registered.ids, MODEM_API_STATS_REGISTRATIONS);
+  registers.add_text("--parameter", registered.parameters, "a number that goes with each statistic; up to 5",
+                     {.type = "N", .most_words = MODEM_API_STATS_PARAMETERS});
+  add_options(registers, registered);
+  registered.limits.add_to(registers);
+  registers.add_examples({"lte-pcc", "nr-pcc nr-uplink --count 10 --json"});
+  auto [ends, ended] = line.add<RegisterValues>(stats, "deregister", "end the reporting of statistics", deregister);
+  ends.add_notes(kWhoseId);
+  add_statistics(ends, ended.ids, MODEM_API_STATS_REGISTRATIONS);
+  ends.add_number("--client", ended.client, "the statistics client id, of this process", {.is_required = true});
+  add_options(ends, ended);
+  ends.add_examples({"lte-pcc --client 0", "0x52 0x87 --client 0 --json"});
 }
 
 }  // namespace pelmar::cli

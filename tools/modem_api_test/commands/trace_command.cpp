@@ -1,4 +1,6 @@
-// trace: the messages of a capture by name, and what they come to. It works on the file alone, without a modem.
+// trace: the messages of a capture by name, and what they come to: requests with their responses, by message. It works
+// on the file alone, without a modem. Memory is bounded, however long the capture is: so is the number of open
+// requests, of messages with a row in the summary, and the precision of its percentiles.
 #include <fcntl.h>
 #include <poll.h>
 #include <strings.h>
@@ -6,13 +8,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <unordered_map>
 
 #include "catalogue.h"
 #include "command_line.h"
 #include "error_names.h"
-#include "trace_summary.h"
+#include "message_text.h"
 
 namespace pelmar::cli {
 
@@ -27,16 +33,17 @@ bool is_after(const Moment& moment, int64_t time_ns) {
 // What the names and numbers of a filter stand for.
 using Keys = std::vector<uint32_t>;
 
-struct Named {
-  std::string name;
-  uint32_t key;
-};
+using Named = std::pair<std::string, uint32_t>;
 
 constexpr uint32_t kAnyError = UINT32_MAX;
 constexpr uint32_t kAnyService = 0x100;
 
 constexpr uint32_t message_key(uint32_t service, uint16_t message) {
   return service << 16 | message;
+}
+
+bool is_in(const Keys& keys, uint32_t key) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
 struct TraceValues {
@@ -50,44 +57,22 @@ struct TraceValues {
   std::optional<Moment> from;
   std::optional<Moment> to;
 
-  bool accepts(const qmi::TracedMessage& traced) const;
+  bool accepts(const qmi::TracedMessage& traced) const {
+    const qmi::Frame& frame = traced.captured.frame;
+    if (!services.empty() && !is_in(services, frame.service)) return false;
+    if (client && *client != frame.client) return false;
+    if (from && is_after(*from, traced.captured.time_ns)) return false;
+    if (to && !is_after(*to, traced.captured.time_ns)) return false;
+    if (!messages.empty() && !(traced.message && (is_in(messages, message_key(frame.service, traced.message->id)) ||
+                                                  is_in(messages, message_key(kAnyService, traced.message->id))))) {
+      return false;
+    }
+    if (errors.empty()) return true;
+    return traced.error && (is_in(errors, *traced.error) || (*traced.error != 0 && is_in(errors, kAnyError)));
+  }
 };
 
-bool is_in(const Keys& keys, uint32_t key) {
-  return std::find(keys.begin(), keys.end(), key) != keys.end();
-}
-
-bool TraceValues::accepts(const qmi::TracedMessage& traced) const {
-  const qmi::Frame& frame = traced.captured.frame;
-  if (!services.empty() && !is_in(services, frame.service)) return false;
-  if (client && *client != frame.client) return false;
-  if (from && is_after(*from, traced.captured.time_ns)) return false;
-  if (to && !is_after(*to, traced.captured.time_ns)) return false;
-  if (!messages.empty() && !(traced.message && (is_in(messages, message_key(frame.service, traced.message->id)) ||
-                                                is_in(messages, message_key(kAnyService, traced.message->id))))) {
-    return false;
-  }
-  if (errors.empty()) return true;
-  return traced.error && (is_in(errors, *traced.error) || (*traced.error != 0 && is_in(errors, kAnyError)));
-}
-
 // --- options ---
-
-// Takes names, in capitals or not, and numbers, which `number` is added to; commas separate them.
-Take take_keys(Keys& keys, std::vector<Named> names, uint32_t most, uint32_t number, const char* what) {
-  return [&keys, names = std::move(names), most, number, what](const std::string& word) -> std::string {
-    std::istringstream parts(word + ",");  // so that the last part is read also where it is empty
-    for (std::string part; std::getline(parts, part, ',');) {
-      const size_t before = keys.size();
-      for (const Named& each : names) {
-        if (strcasecmp(each.name.c_str(), part.c_str()) == 0) keys.push_back(each.key);
-      }
-      if (const auto given = parse_number(part, 0, most)) keys.push_back(number + static_cast<uint32_t>(*given));
-      if (keys.size() == before) return "'" + part + "' is no " + what + ": give a name or a number";
-    }
-    return "";
-  };
-}
 
 Take take_moment(std::optional<Moment>& target) {
   return [&target](const std::string& word) -> std::string {
@@ -103,18 +88,30 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
     for (const auto& [id, name] : service.names) messages.push_back({name, message_key(service.id, id)});
   }
   for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
+  // An option that takes names, in capitals or not, and numbers, which `first` is added to.
   const auto add = [&](const char* option, const char* type, Keys& keys, const std::vector<Named>& names, uint32_t most,
-                       uint32_t number, const char* what, const std::string& help) {
+                       uint32_t first, const std::string& help) {
     std::vector<std::string> words(names.size());
-    std::transform(names.begin(), names.end(), words.begin(), [](const Named& each) { return each.name; });
+    std::transform(names.begin(), names.end(), words.begin(), [](const Named& each) { return each.first; });
     line.set_completion(type, std::move(words));
-    command.add_parsed(option, help + ", by name or number, with commas between",
-                       take_keys(keys, names, most, number, what), {.type = type});
+    const auto take = [&keys, names, most, first, what = option + 2](const std::string& word) -> std::string {
+      std::istringstream parts(word + ",");  // so that the last part is read also where it is empty
+      for (std::string part; std::getline(parts, part, ',');) {
+        const size_t before = keys.size();
+        for (const auto& [name, key] : names) {
+          if (strcasecmp(name.c_str(), part.c_str()) == 0) keys.push_back(key);
+        }
+        if (const auto given = parse_number(part, 0, most)) keys.push_back(first + static_cast<uint32_t>(*given));
+        if (keys.size() == before) return "'" + part + "' is no " + what + ": give a name or a number";
+      }
+      return "";
+    };
+    command.add_parsed(option, help + ", by name or number, with commas between", take, {.type = type});
   };
-  add("--service", "SERVICE", values.services, services, UINT8_MAX, 0, "service", "only these services");
-  add("--message", "MESSAGE", values.messages, messages, UINT16_MAX, message_key(kAnyService, 0), "message",
+  add("--service", "SERVICE", values.services, services, UINT8_MAX, 0, "only these services");
+  add("--message", "MESSAGE", values.messages, messages, UINT16_MAX, message_key(kAnyService, 0),
       "only these messages");
-  add("--result", "RESULT", values.errors, errors, UINT16_MAX, 0, "result",
+  add("--result", "RESULT", values.errors, errors, UINT16_MAX, 0,
       "only responses with these results (error: any but success)");
   command.add_number("--client", values.client, "only this client id");
   command.add_parsed("--from", "only from this time on: of the day (local) as lines show it, or as in JSON (UTC)",
@@ -122,12 +119,192 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
   command.add_parsed("--to", "only before this time", take_moment(values.to), {.type = "TIME"});
 }
 
+// --- the summary ---
+
+constexpr size_t kMostOpen = 65536;
+constexpr size_t kMostRows = 1000;
+
+// Durations are counted by their highest six bits.
+constexpr unsigned kPrecisionBits = 5;
+
+size_t bucket_of(uint64_t duration) {
+  const auto width = static_cast<unsigned>(std::bit_width(duration));
+  const unsigned shift = width > kPrecisionBits + 1 ? width - kPrecisionBits - 1 : 0;
+  return (size_t{shift} << kPrecisionBits) + static_cast<size_t>(duration >> shift);
+}
+
+int64_t highest_in(size_t bucket) {
+  const size_t shift = std::max<size_t>(bucket >> kPrecisionBits, 1) - 1;
+  const uint64_t first = bucket - (shift << kPrecisionBits);
+  return static_cast<int64_t>(((first + 1) << shift) - 1);
+}
+
+uint32_t row_key(uint8_t service, const qmi::Message& message) {
+  return uint32_t{service} << 17 | uint32_t{message.id} << 1 | (message.kind == qmi::MessageKind::kIndication ? 1 : 0);
+}
+
+Json numbered(unsigned number, const char* name) {
+  return {{"number", number}, {"name", name != nullptr ? Json(name) : Json()}};
+}
+
+// How long each of many exchanges took. A percentile is at most 3 % above the exact value.
+class Durations {
+ public:
+  void add(int64_t nanoseconds) {
+    const int64_t duration = std::max<int64_t>(nanoseconds, 0);  // the clock may have been set
+    const size_t bucket = bucket_of(static_cast<uint64_t>(duration));
+    if (bucket >= counts_.size()) counts_.resize(bucket + 1);
+    ++counts_[bucket];
+    ++total_;
+    slowest_ = std::max(slowest_, duration);
+  }
+
+  bool empty() const { return total_ == 0; }
+
+  // In seconds, where there is any. That of 100 percent is exact.
+  double percentile(unsigned percent) const {
+    const uint64_t wanted = (total_ * percent + 99) / 100;
+    size_t bucket = 0;
+    for (uint64_t seen = counts_[0]; seen < wanted; seen += counts_[bucket]) ++bucket;
+    return static_cast<double>(std::min(highest_in(bucket), slowest_)) / 1e9;
+  }
+
+ private:
+  std::vector<uint32_t> counts_;
+  uint64_t total_ = 0;
+  int64_t slowest_ = 0;
+};
+
+class Exchanges {
+ public:
+  // Opens an exchange with a request; returns the nanoseconds from the request to a response. `counts`: the message is
+  // part of the summary.
+  std::optional<int64_t> pair(const qmi::TracedMessage& traced, bool counts) {
+    const qmi::CapturedMessage& captured = traced.captured;
+    const qmi::Message& message = *traced.message;
+    if (message.kind == qmi::MessageKind::kIndication) return std::nullopt;
+    const uint64_t key = uint64_t{captured.link} << 32 | uint32_t{captured.frame.service} << 24 |
+                         uint32_t{captured.frame.client} << 16 | message.transaction;
+    const uint32_t row = row_key(captured.frame.service, message);
+    if (message.kind == qmi::MessageKind::kRequest) {
+      const Request request = {captured.time_ns, row, counts};
+      if (open_.size() == kMostOpen) end();
+      const auto [open, is_new] = open_.try_emplace(key, request);
+      if (!is_new) give_up(std::exchange(open->second, request));
+      return std::nullopt;
+    }
+    const auto open = open_.find(key);
+    if (open == open_.end() || open->second.row != row) return std::nullopt;
+    const int64_t begin = open->second.time;
+    open_.erase(open);
+    return begin <= captured.time_ns ? captured.time_ns - begin : 0;
+  }
+
+  // A message that is part of the summary.
+  void count(const qmi::TracedMessage& traced) {
+    if (traced.message->kind == qmi::MessageKind::kRequest) return;  // counted with its response
+    Row& counted = row(row_key(traced.captured.frame.service, *traced.message));
+    ++counted.count;
+    if (traced.error.value_or(0) != 0) ++counted.errors;
+    if (traced.duration) counted.durations.add(*traced.duration);
+  }
+
+  // The requests that are open have no response. Also where they become too many.
+  void end() {
+    for (const auto& [key, request] : open_) give_up(request);
+    open_.clear();
+  }
+
+  // How often messages came that have no row because they are too many.
+  uint64_t others() const { return others_.count; }
+
+  // A list with an object for each message.
+  Json json() const {
+    Json list = Json::array();
+    for (const auto& [key, row] : rows_) {
+      const bool is_indication = (key & 1) != 0;
+      const auto service = static_cast<uint8_t>(key >> 17);
+      const auto message = static_cast<uint16_t>(key >> 1);
+      Json& object = list.emplace_back();
+      object["service"] = numbered(service, qmi::service_name(service));
+      object["message"] = numbered(message, qmi::message_name(service, message));
+      object["is_indication"] = is_indication;
+      object["count"] = row.count;
+      if (!is_indication) object.update({{"errors", row.errors}, {"without_response", row.without_response}});
+      if (row.durations.empty()) continue;
+      object["median_seconds"] = row.durations.percentile(50);
+      object["percentile_99_seconds"] = row.durations.percentile(99);
+      object["slowest_seconds"] = row.durations.percentile(100);
+    }
+    return list;
+  }
+
+ private:
+  struct Request {
+    int64_t time;
+    uint32_t row;
+    bool counts;
+  };
+
+  struct Row {
+    uint64_t count = 0;
+    uint64_t errors = 0;
+    uint64_t without_response = 0;
+    Durations durations;
+  };
+
+  Row& row(uint32_t key) { return rows_.size() < kMostRows || rows_.contains(key) ? rows_[key] : others_; }
+
+  void give_up(const Request& request) {
+    if (!request.counts) return;
+    Row& counted = row(request.row);
+    ++counted.count;
+    ++counted.without_response;
+  }
+
+  std::unordered_map<uint64_t, Request> open_;  // by link, service, client and transaction
+  std::map<uint32_t, Row> rows_;                // by service, message, and whether it is an indication
+  Row others_;
+};
+
+// The list as a table.
+std::string summary_text(const Json& messages) {
+  const auto title_of = [](const Json& row) {
+    const uint8_t service = row["service"]["number"];
+    return qmi::service_text(service) + ' ' + qmi::message_text(service, row["message"]["number"]) +
+           (row["is_indication"].get<bool>() ? " indication" : "");
+  };
+  constexpr size_t kTitleWidth = 36;
+  constexpr size_t kWidth = 13;
+  constexpr struct {
+    const char* member;
+    const char* title;
+  } kColumns[] = {{"count", "count"},
+                  {"errors", "errors"},
+                  {"without_response", "no response"},
+                  {"median_seconds", "median ms"},
+                  {"percentile_99_seconds", "99 % ms"},
+                  {"slowest_seconds", "slowest ms"}};
+  std::string text = left_aligned("message", kTitleWidth);
+  for (const auto& column : kColumns) text += right_aligned(column.title, kWidth);
+  for (const Json& row : messages) {
+    text += '\n' + left_aligned(title_of(row), kTitleWidth);
+    for (const auto& column : kColumns) {
+      const Json value = row.value(column.member, Json());
+      char number[32] = "";
+      if (value.is_number_float()) snprintf(number, sizeof number, "%.3f", value.get<double>() * 1e3);
+      text += right_aligned(value.is_number_integer() ? value.dump() : number, kWidth);
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+  }
+  return text;
+}
+
 // --- the command ---
 
 class Trace {
  public:
-  Trace(const Context& context, const TraceValues& values)
-      : output_(context.output), signals_(context.signals), values_(values) {}
+  Trace(const Context& context, const TraceValues& values) : context_(context), values_(values) {}
 
   void run() {
     const bool is_input = values_.file.empty() || values_.file == "-";
@@ -140,7 +317,7 @@ class Trace {
     const bool is_file = S_ISREG(status.st_mode);
     // Ctrl-C also ends the program that writes the pipe; what it wrote is read before this one ends.
     std::optional<Signals::Follower> follower;
-    if (!is_file) follower.emplace(signals_);
+    if (!is_file) follower.emplace(context_.signals);
     qmi::CaptureReader reader(file.get());
     qmi::CapturedMessage captured;
     qmi::CaptureReader::Status end{};
@@ -167,11 +344,11 @@ class Trace {
     ++accepted_;
     if (traced.message) exchanges_.count(traced);
     if (values_.is_summary) return;
-    (output_.is_json() ? qmi::append_json : qmi::append_line)(text_, traced, values_.has_fields);
+    (context_.output.is_json() ? qmi::append_json : qmi::append_line)(text_, traced, values_.has_fields);
   }
 
   void flush() {
-    output_.write(text_);
+    context_.output.write(text_);
     text_.clear();
   }
 
@@ -183,7 +360,7 @@ class Trace {
       throw Failure(step, "none of its " + count_of(reader.skipped(), "packet") + " is a QMI message");
     }
     exchanges_.end();
-    if (values_.is_summary || output_.is_json()) {
+    if (values_.is_summary || context_.output.is_json()) {
       Json summary = {{"type", "summary"},
                       {"messages", read_},
                       {"selected", accepted_},
@@ -195,7 +372,7 @@ class Trace {
         summary["other_messages"] = exchanges_.others();
         text += "\nother messages: " + std::to_string(exchanges_.others());
       }
-      output_.print(summary, text);
+      context_.output.print(summary, text);
     }
     if (reader.skipped() > 0) remark("skipped " + count_of(reader.skipped(), "packet") + " without a QMI message");
     if (end == Status::kCut) remark("the capture ends within a message; all before it was read");
@@ -205,8 +382,7 @@ class Trace {
     }
   }
 
-  Output& output_;
-  Signals& signals_;
+  const Context& context_;
   const TraceValues& values_;
   std::string text_;
   Exchanges exchanges_;
@@ -231,8 +407,7 @@ void add_trace_command(CommandLine& line) {
   command.add_notes(
       "A capture is a pcapng file as --trace FILE, PELMAR_TRACE=FILE and 'modem_sim serve --trace FILE' write it. A "
       "line has the local time, the process, -> to the modem or <- from it, the service, the client id, the message "
-      "and "
-      "#transaction; of a response also its result and the milliseconds since the request. No modem is used.");
+      "and #transaction; of a response also its result and the milliseconds since the request. No modem is used.");
   command.add_notes(
       "The exit status is 0 also for a capture that ends within a message, as that of a killed program. It is 1, after "
       "what can be read, for a damaged one.");
