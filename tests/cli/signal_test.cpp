@@ -4,6 +4,7 @@
 
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "client_program.h"
@@ -53,16 +54,16 @@ TEST(Reading, IsShownAsTextLineDocumentAndRows) {
 const LiveState kState = {"@modem", "", 12, 10};
 
 std::vector<std::string> view(TerminalSize size, const Style& style = {}, const LiveState& state = kState) {
-  Reading reading = full_reading();
-  History history;
+  Shown shown{full_reading(), {}};
   for (const double level : {-100.0, -60.0, kNoLevel, -84.9, -75.1, -73.6, -80.4}) {
+    Reading& reading = shown.reading;
     reading.time += std::chrono::seconds(1);
     reading.subs[0].carriers[0].rsrp[0] = level;
     reading.subs[0].carriers[2].rsrp = {level, level, level, level};
     reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // noise
-    history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
+    shown.history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
   }
-  return live_view(reading, history, state, size, style);
+  return live_view(shown, state, size, style);
 }
 
 // The picture in terminals of several sizes. The golden file has a caret for each escape character.
@@ -83,6 +84,13 @@ TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   }
   std::replace(text.begin(), text.end(), '\033', '^');
   expect_golden("screen.txt", text);
+}
+
+// Characters, without colour sequences.
+size_t display_width(const std::string& line) {
+  static const std::regex colour("\033\\[[0-9;]*m");
+  const std::string text = std::regex_replace(line, colour, "");
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
 }
 
 TEST(LiveView, FitsEveryTerminal) {
@@ -128,13 +136,13 @@ TEST(Plot, IsDrawnAsInTheGoldenFileFromReadingsAndFromTheirRows) {
     reading.subs[0].tx_power = second;
     reading.subs[1].carriers = {reading.subs[0].carriers[0]};
     reading.subs[1].carriers[0].rsrp[0] -= 30;
-    recording.add(reading);
+    add_reading(recording, reading);
     rows += csv_rows(reading);
   }
   expect_golden("picture.svg", plot_svg(recording, "A & <B>"));
   std::istringstream stream(rows);
   Recording from_csv;
-  from_csv.add_csv(stream, "rows");
+  add_csv(from_csv, stream, "rows");
   EXPECT_EQ(plot_svg(from_csv, "A & <B>"), plot_svg(recording, "A & <B>"));
 }
 

@@ -4,12 +4,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <regex>
-
-#include "failure.h"
 
 namespace pelmar::cli {
 
@@ -96,10 +93,6 @@ void print_completion(const Context& context, const std::string& shell) {
   context.output.write(completion_script(shell));
 }
 
-void take_or_refuse(const std::string& name, const Take& take, const std::string& word) {
-  if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(name, refusal);
-}
-
 }  // namespace
 
 // --- options ---
@@ -136,14 +129,15 @@ template void Command::add_text(const std::string&, std::vector<uint32_t>&, cons
 
 void Command::add_parsed(const std::string& name, const std::string& help, const Take& take,
                          const Details& details) const {
-  if (details.most_words > 1) {
-    const auto take_all = [name, take](const std::vector<std::string>& words) {
-      for (const std::string& word : words) take_or_refuse(name, take, word);
-    };
-    return set_details(*app_.add_option_function<std::vector<std::string>>(name, take_all, help), details);
-  }
-  const auto take_one = [name, take](const std::string& word) { take_or_refuse(name, take, word); };
-  set_details(*app_.add_option_function<std::string>(name, take_one, help), details);
+  const auto take_one = [name, take](const std::string& word) {
+    if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(name, refusal);
+  };
+  const auto take_all = [take_one](const std::vector<std::string>& words) {
+    std::for_each(words.begin(), words.end(), take_one);
+  };
+  set_details(details.most_words > 1 ? *app_.add_option_function<std::vector<std::string>>(name, take_all, help)
+                                     : *app_.add_option_function<std::string>(name, take_one, help),
+              details);
 }
 
 void Command::add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -15,7 +13,6 @@
 #include "observer.h"
 #include "output.h"
 #include "qmi_client.h"
-#include "text.h"
 
 namespace pelmar::cli {
 
@@ -27,11 +24,6 @@ constexpr size_t kBytesInLine = 64;
 
 thread_local std::optional<Exchange> last_exchange;
 std::atomic<uint32_t> failures{0};
-
-const char* qmi_error_meaning(uint32_t error) {
-  const qmi::ErrorName* const row = qmi::find_error(error);
-  return row != nullptr ? row->meaning : "an unknown error";
-}
 
 void show_message(const Observation& message) {
   constexpr const char* kKinds[] = {" request, ", " response, ", " indication, "};
@@ -57,47 +49,36 @@ void show_and_remember(const Observation& observation) {
 
 constexpr const char* kAskInfo = "'modem_api_test info' shows which services are up.";
 
-// Indexed by code.
+#define CODE(code) code, #code
+
+// The last row is for every other code.
 constexpr ResultCode kResultCodes[] = {
-    {MODEM_API_SUCCESS, "MODEM_API_SUCCESS", "success", ""},
-    {MODEM_API_ERR_GENERIC, "MODEM_API_ERR_GENERIC", "the library refused it, or the modem is not there",
+    {CODE(MODEM_API_SUCCESS), "success", ""},
+    {CODE(MODEM_API_ERR_GENERIC), "the library refused it, or the modem is not there",
      "--verbose shows messages and errors."},
-    {MODEM_API_RESP_END, "MODEM_API_RESP_END", "the exchange has ended", ""},
-    {MODEM_API_ERR_NO_MEMORY, "MODEM_API_ERR_NO_MEMORY", "there was no memory or no room for the response",
+    {CODE(MODEM_API_RESP_END), "the exchange has ended", ""},
+    {CODE(MODEM_API_ERR_NO_MEMORY), "there was no memory or no room for the response",
      "Free some memory and try again."},
-    {MODEM_API_ERR_NOT_SUPPORTED, "MODEM_API_ERR_NOT_SUPPORTED", "this modem does not support it",
-     "Check the modem's firmware."},
-    {MODEM_API_ERR_INVALID_PARAM, "MODEM_API_ERR_INVALID_PARAM", "an argument is out of its range",
-     "--help shows the ranges of the arguments."},
-    {MODEM_API_ERR_NOT_INITIALIZED, "MODEM_API_ERR_NOT_INITIALIZED", "the library does not serve this process",
+    {CODE(MODEM_API_ERR_NOT_SUPPORTED), "this modem does not support it", "Check the modem's firmware."},
+    {CODE(MODEM_API_ERR_INVALID_PARAM), "an argument is out of its range", "--help shows the ranges of the arguments."},
+    {CODE(MODEM_API_ERR_NOT_INITIALIZED), "the library does not serve this process",
      "The program must run under its own name, modem_api_test: call it by that name, not through a link."},
-    {MODEM_API_ERR_INVALID_CLIENT, "MODEM_API_ERR_INVALID_CLIENT", "the service is not up", kAskInfo},
-    {MODEM_API_ERR_NOT_READY, "MODEM_API_ERR_NOT_READY", "the modem is not ready",
-     "It is starting: try again in a moment."},
-    {MODEM_API_ERR_SERVICE_PENDING, "MODEM_API_ERR_SERVICE_PENDING", "the service is not up yet", kAskInfo},
-    {MODEM_API_ERR_ABORTED, "MODEM_API_ERR_ABORTED", "the modem aborted it", "Try again."},
-    {MODEM_API_ERR_TIMEOUT, "MODEM_API_ERR_TIMEOUT", "the modem did not respond in time",
+    {CODE(MODEM_API_ERR_INVALID_CLIENT), "the service is not up", kAskInfo},
+    {CODE(MODEM_API_ERR_NOT_READY), "the modem is not ready", "It is starting: try again in a moment."},
+    {CODE(MODEM_API_ERR_SERVICE_PENDING), "the service is not up yet", kAskInfo},
+    {CODE(MODEM_API_ERR_ABORTED), "the modem aborted it", "Try again."},
+    {CODE(MODEM_API_ERR_TIMEOUT), "the modem did not respond in time",
      "Check that the modem is alive, then try again."},
-    {MODEM_API_ERR_TRANSPORT, "MODEM_API_ERR_TRANSPORT", "the connection to the modem is broken",
+    {CODE(MODEM_API_ERR_TRANSPORT), "the connection to the modem is broken",
      "Check that the modem is alive, then try again."},
-    {MODEM_API_ERR_NO_EFFECT, "MODEM_API_ERR_NO_EFFECT", "it is so already", "Nothing needs to be done."},
-    {MODEM_API_ERR_NO_FREE_CLIENT, "MODEM_API_ERR_NO_FREE_CLIENT", "the client table is full",
-     "End other users of the library in this process."},
-    {MODEM_API_ERR_ALREADY_INITIALIZED, "MODEM_API_ERR_ALREADY_INITIALIZED", "this process has such a client already",
-     "Use the client that is open."},
+    {CODE(MODEM_API_ERR_NO_EFFECT), "it is so already", "Nothing needs to be done."},
+    {CODE(MODEM_API_ERR_NO_FREE_CLIENT), "the client table is full", "End other users of the library in this process."},
+    {CODE(MODEM_API_ERR_ALREADY_INITIALIZED), "this process has such a client already", "Use the client that is open."},
+    {-1, "undocumented result", "the library returned a code that it does not document",
+     "--verbose shows messages and errors."},
 };
 
-constexpr ResultCode kUndocumented = {-1, "undocumented result",
-                                      "the library returned a code that it does not document",
-                                      "--verbose shows messages and errors."};
-
-constexpr bool rows_stand_at_their_codes() {
-  for (int32_t code = 0; code < static_cast<int32_t>(std::size(kResultCodes)); ++code) {
-    if (kResultCodes[code].code != code) return false;
-  }
-  return true;
-}
-static_assert(rows_stand_at_their_codes());
+#undef CODE
 
 }  // namespace
 
@@ -121,12 +102,13 @@ std::string describe(const Exchange& exchange) {
   }
   if (exchange.code != QMI_NO_ERR) return "code " + std::to_string(exchange.code) + " of the QMI framework";
   if (exchange.error == 0) return "";
-  return "QMI error " + std::to_string(exchange.error) + ", " + qmi_error_meaning(exchange.error);
+  const qmi::ErrorName* const row = qmi::find_error(exchange.error);
+  return "QMI error " + std::to_string(exchange.error) + ", " + (row != nullptr ? row->meaning : "an unknown error");
 }
 
 const ResultCode& describe_result(int32_t code) {
-  const bool is_known = code >= 0 && code < static_cast<int32_t>(std::size(kResultCodes));
-  return is_known ? kResultCodes[code] : kUndocumented;
+  const auto* const last = std::prev(std::end(kResultCodes));
+  return *std::find_if(std::begin(kResultCodes), last, [code](const ResultCode& row) { return row.code == code; });
 }
 
 Failure::Failure(std::string step, std::string reason, std::string advice)
@@ -142,13 +124,11 @@ Failure Failure::of_result(std::string step, modem_api_result code, std::initial
   const auto better = std::find_if(advices.begin(), advices.end(), [code, error](const Advice& advice) {
     return advice.code == code && (advice.qmi_error == 0 || advice.qmi_error == error);
   });
+  // Only the exchange has the cause that a general result leaves open.
+  const bool is_general = code == MODEM_API_ERR_GENERIC;
+  const std::string cause = exchange && (error != 0 || is_general) ? describe(*exchange) : "";
   std::string reason = row.meaning;
-  if (exchange && (error != 0 || code == MODEM_API_ERR_GENERIC)) {
-    // Only the exchange has the cause that the result leaves open.
-    if (const std::string cause = describe(*exchange); !cause.empty()) {
-      reason = code == MODEM_API_ERR_GENERIC ? cause : reason + ": " + cause;
-    }
-  }
+  if (!cause.empty()) reason = is_general ? cause : reason + ": " + cause;
   Failure failure(std::move(step), reason + " (" + row.name + ", " + std::to_string(code) + ")",
                   better != advices.end() ? better->text : row.advice);
   failure.code_ = code;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "text.h"
 
@@ -111,9 +110,9 @@ std::string text_of(const CLI::App& app) {
 
 std::string common_options(const CLI::App& app) {
   if (app.get_parent() != nullptr) return common_options(*app.get_parent());
-  std::vector<std::string> names;
-  for (const CLI::Option* option : options_of(app, false)) names.push_back(name_of(*option));
-  return "Common options: " + join(names, ", ") + ". '" + app.get_name() + " --help' describes them.\n";
+  const auto name = [](const CLI::Option* option) { return name_of(*option); };
+  const std::string names = CLI::detail::join(options_of(app, false), name, ", ");
+  return "Common options: " + names + ". '" + app.get_name() + " --help' describes them.\n";
 }
 
 // --- the manual page ---
@@ -132,9 +131,8 @@ std::string roff(const std::string& text) {
 std::string roff_text(const std::string& text, const std::string& heading) {
   std::string page;
   const char* gap = "";
-  std::istringstream lines(text);
   std::smatch entry;
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : CLI::detail::split(text, '\n')) {
     const bool is_heading = line.ends_with(':') && !line.starts_with(' ');
     if (is_entry(line, entry)) {
       page += ".TP\n.B " + roff(entry[1]) + roff(entry[2]);
@@ -187,10 +185,10 @@ std::string help_text(const CLI::App& app) {
   constexpr size_t kWidth = 80;
   constexpr size_t kColumn = 24;  // where the text of an entry begins
   std::string page;
-  std::istringstream lines("Usage: " + usage_of(app) + "\n" + text_of(app) +
-                           (app.get_parent() == nullptr ? "" : common_options(app)));
+  const std::string text =
+      "Usage: " + usage_of(app) + "\n" + text_of(app) + (app.get_parent() == nullptr ? "" : common_options(app));
   std::smatch entry;
-  for (std::string line; std::getline(lines, line);) {
+  for (std::string line : CLI::detail::split(text, '\n')) {
     const size_t indent = line.starts_with(' ') ? kColumn : 0;
     if (indent == 0 && !page.empty()) page += '\n';
     if (is_entry(line, entry)) {

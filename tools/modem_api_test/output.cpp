@@ -10,18 +10,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "printable_text.h"
-#include "unique_fd.h"
 
 namespace pelmar::cli {
 
 namespace {
-
-constexpr const char* kProgram = "modem_api_test";
 
 // The control characters that texts of this program are laid out with.
 constexpr std::string_view kLayout = "\n\t";
@@ -137,7 +133,7 @@ void stop_waiting_for_readers() {
 }
 
 void remark(const std::string& text) {
-  write_all(STDERR_FILENO, std::string(kProgram) + ": " + printable_text(text, kLayout) + "\n");
+  write_all(STDERR_FILENO, "modem_api_test: " + printable_text(text, kLayout) + "\n");
 }
 
 // --- files ---
@@ -174,35 +170,32 @@ void write_file(const std::string& path, std::span<const uint8_t> bytes) {
 }
 
 RecordingFile::RecordingFile(Output& output, std::string path, Earlier earlier)
-    : output_(output), path_(std::move(path)), file_(nullptr, &fclose) {
+    : output_(output), path_(std::move(path)) {
   if (path_ == "-") return;
-  UniqueFd fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (!fd && errno == EEXIST) {
-    is_new_ = false;
-    fd.reset(open(path_.c_str(), O_WRONLY | O_CLOEXEC | (earlier == Earlier::kAppend ? O_APPEND : 0)));
+  fd_.reset(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  is_unused_ = static_cast<bool>(fd_);
+  if (!fd_ && errno == EEXIST) {
+    fd_.reset(open(path_.c_str(), O_WRONLY | O_CLOEXEC | (earlier == Earlier::kAppend ? O_APPEND : 0)));
     struct stat status {};
-    const bool is_regular = fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
+    const bool is_regular = fd_ && fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode);
     if (is_regular && earlier == Earlier::kRefuse) {
       throw Failure("writing the file '" + path_ + "'", "it is there already",
                     "Name another file, or add --force to replace it (--append: to go on with a CSV file).");
     }
     replaces_ = is_regular && earlier == Earlier::kReplace;
   }
-  require(static_cast<bool>(fd));
-  file_.reset(fdopen(fd.get(), "w"));
-  require(file_ != nullptr);
-  fd.release();
+  require(static_cast<bool>(fd_));
 }
 
 RecordingFile::~RecordingFile() {
-  if (file_ != nullptr && is_new_ && !is_written_) unlink(path_.c_str());
+  if (is_unused_) unlink(path_.c_str());
 }
 
 void RecordingFile::write(const std::string& text) {
-  if (file_ == nullptr) return output_.write(text);
-  require(!std::exchange(replaces_, false) || ftruncate(fileno(file_.get()), 0) == 0);
-  is_written_ = true;
-  require(fwrite(text.data(), 1, text.size(), file_.get()) == text.size() && fflush(file_.get()) == 0);
+  if (!fd_) return output_.write(text);
+  require(!std::exchange(replaces_, false) || ftruncate(fd_.get(), 0) == 0);
+  is_unused_ = false;
+  require(write_all(fd_.get(), text));
 }
 
 void RecordingFile::require(bool is_done) const {

@@ -107,10 +107,9 @@ class RecordingFile {
 
   Output& output_;
   const std::string path_;
-  bool is_new_ = true;
+  UniqueFd fd_;
+  bool is_unused_ = false;  // created, and not written
   bool replaces_ = false;
-  bool is_written_ = false;
-  File file_;
 };
 
 }  // namespace pelmar::cli

@@ -9,27 +9,24 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 
-#include "failure.h"
 #include "output.h"
 
 namespace pelmar::cli {
 
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr std::chrono::milliseconds kFollowerGrace{2000};
 constexpr std::chrono::milliseconds kTimeUpGrace{500};
 
-sigset_t all_signals() {
+const sigset_t kSignals = [] {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : kSignals) sigaddset(&set, signal);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
   return set;
-}
+}();
 
 std::atomic<int> early_status{-1};  // of a process that does not wait for all its threads
 
@@ -47,18 +44,16 @@ void end_without_flush() {
 
 void Signals::block() {
   atexit(end_without_flush);
-  const sigset_t set = all_signals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  pthread_sigmask(SIG_BLOCK, &kSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);  // the write returns an error instead
 }
 
 Signals::Signals(Inbox& inbox, std::function<void()> clean_up, uint32_t seconds, Conclude conclude)
     : inbox_(inbox),
       clean_up_(std::move(clean_up)),
-      deadline_(seconds > 0 ? std::optional(Clock::now() + std::chrono::seconds(seconds)) : std::nullopt),
+      deadline_(deadline_after(seconds)),
       conclude_(std::move(conclude)) {
-  const sigset_t set = all_signals();
-  signals_.reset(signalfd(-1, &set, SFD_CLOEXEC));
+  signals_.reset(signalfd(-1, &kSignals, SFD_CLOEXEC));
   finish_.reset(eventfd(0, EFD_CLOEXEC));
   if (!signals_ || !finish_) throw Failure::of_system("watching for signals");
   thread_ = std::thread([this] { run(); });
@@ -99,8 +94,7 @@ int Signals::milliseconds_left() const {
 }
 
 void Signals::end_process(int reason) {
-  const sigset_t set = all_signals();
-  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the second one takes the default action
+  pthread_sigmask(SIG_UNBLOCK, &kSignals, nullptr);  // the second one takes the default action
   inbox_.interrupt();
   stop_waiting_for_readers();
   std::unique_lock lock(mutex_);

@@ -12,17 +12,9 @@ namespace pelmar::cli {
 namespace {
 
 constexpr size_t kBytesPerLine = 16;
-constexpr size_t kOffsetDigits = 4;
 constexpr std::string_view kSeparators = " \t\r\n,:";
 constexpr std::string_view kBlanks = " \t\r\n";
 constexpr char kDigits[] = "0123456789abcdef";
-
-int digit_value(char character) {
-  if (character >= '0' && character <= '9') return character - '0';
-  if (character >= 'a' && character <= 'f') return character - 'a' + 10;
-  if (character >= 'A' && character <= 'F') return character - 'A' + 10;
-  return -1;
-}
 
 Failure not_hex(std::string_view text, size_t place) {
   const std::string reason = place < text.size()
@@ -36,19 +28,15 @@ bool is_printable(uint8_t byte) {
   return byte >= 0x20 && byte < 0x7F;
 }
 
-void append_hex(std::string& text, uint64_t value, size_t digits) {
-  for (size_t i = digits; i-- > 0;) text += kDigits[(value >> (4 * i)) & 0xF];
-}
-
-// Whole seconds since the epoch, and the milliseconds beyond them.
-struct Parts {
-  time_t seconds;
-  int milliseconds;
-};
-
-Parts split(WallClock::time_point time) {
+// "2024-05-17T08:15:30.125", in the calendar of localtime_r() or gmtime_r().
+std::string time_text(WallClock::time_point time, tm* (*calendar)(const time_t*, tm*)) {
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-  return {static_cast<time_t>(ms / 1000), static_cast<int>(ms % 1000)};
+  const auto seconds = static_cast<time_t>(ms / 1000);
+  tm parts{};
+  char text[128];
+  const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", calendar(&seconds, &parts));
+  snprintf(text + length, sizeof text - length, ".%03d", static_cast<int>(ms % 1000));
+  return text;
 }
 
 }  // namespace
@@ -102,9 +90,9 @@ Bytes parse_hex(std::string_view text) {
     }
     if (may_prefix && text[i] == '0' && i + 1 < text.size() && (text[i + 1] == 'x' || text[i + 1] == 'X')) i += 2;
     may_prefix = false;
-    if (i >= text.size() || digit_value(text[i]) < 0) throw not_hex(text, i);
-    if (i + 1 >= text.size() || digit_value(text[i + 1]) < 0) throw not_hex(text, i + 1);
-    bytes.push_back(static_cast<uint8_t>(digit_value(text[i]) << 4 | digit_value(text[i + 1])));
+    const std::string_view pair = text.substr(i, 2);
+    const char* const end = std::from_chars(pair.data(), pair.data() + pair.size(), bytes.emplace_back(), 16).ptr;
+    if (end != pair.data() + 2) throw not_hex(text, static_cast<size_t>(end - text.data()));
     i += 2;
   }
   return bytes;
@@ -115,7 +103,7 @@ std::string to_hex(std::span<const uint8_t> bytes, std::string_view separator) {
   text.reserve(bytes.size() * (2 + separator.size()));
   for (const uint8_t byte : bytes) {
     if (!text.empty()) text += separator;
-    append_hex(text, byte, 2);
+    text.append(1, kDigits[byte >> 4]).append(1, kDigits[byte & 0xF]);
   }
   return text;
 }
@@ -124,9 +112,9 @@ std::string hex_dump(std::span<const uint8_t> bytes, size_t indent) {
   std::string text;
   for (size_t offset = 0; offset < bytes.size(); offset += kBytesPerLine) {
     const auto line = bytes.subspan(offset, std::min(kBytesPerLine, bytes.size() - offset));
-    text.append(indent, ' ');
-    append_hex(text, offset, kOffsetDigits);
-    text.append("  ").append(to_hex(line, " ")).append(3 * (kBytesPerLine - line.size()) + 2, ' ');
+    const uint8_t place[] = {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)};
+    text.append(indent, ' ').append(to_hex(place)).append("  ");
+    text.append(to_hex(line, " ")).append(3 * (kBytesPerLine - line.size()) + 2, ' ');
     for (const uint8_t byte : line) text += is_printable(byte) ? static_cast<char>(byte) : '.';
     text += '\n';
   }
@@ -155,22 +143,11 @@ void put_bytes(Json& object, std::span<const uint8_t> bytes) {
 }
 
 std::string local_text(WallClock::time_point time) {
-  const Parts parts = split(time);
-  tm local{};
-  localtime_r(&parts.seconds, &local);
-  char text[64];
-  snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec, parts.milliseconds);
-  return text;
+  return time_text(time, localtime_r).substr(std::string_view("2024-05-17T").size());
 }
 
 std::string utc_text(WallClock::time_point time) {
-  const Parts parts = split(time);
-  tm utc{};
-  gmtime_r(&parts.seconds, &utc);
-  char text[128];
-  snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-           utc.tm_hour, utc.tm_min, utc.tm_sec, parts.milliseconds);
-  return text;
+  return time_text(time, gmtime_r) + 'Z';
 }
 
 std::optional<Moment> parse_moment(const std::string& word) {

@@ -5,14 +5,12 @@
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <span>
 #include <sstream>
 
 #include "command_line.h"
 #include "modem_hydra.h"
 #include "modem_link.h"
 #include "signal/metrics.h"
-#include "signal/reading.h"
 #include "signal/recording.h"
 #include "signal/screen.h"
 
@@ -22,9 +20,7 @@ namespace pelmar::cli {
 // In place of signal/metrics.cpp.
 const char* const kServeHelp = "serve the readings as Prometheus metrics (not in this build: it lacks prometheus-cpp)";
 
-void show_in_metrics(const std::optional<Reading>& /*reading*/, const std::string& /*problem*/) {}
-
-void serve_metrics(const std::string& /*address*/) {
+TakeReading serve_metrics(const std::string& /*address*/) {
   throw Failure::of_usage("this build has no --serve", "Install Debian's prometheus-cpp-dev and build again.");
 }
 #endif
@@ -59,8 +55,7 @@ struct SignalValues {
   bool force = false;
 
   bool writes_to_output() const { return csv == "-" || plot == "-"; }
-  bool reads_often() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || serve; }
-  bool is_series() const { return reads_often() || !plot.empty(); }
+  bool is_series() const { return watch || rate || count > 0 || seconds > 0 || !csv.empty() || !plot.empty() || serve; }
   std::vector<uint32_t> subs() const { return sub ? std::vector{*sub} : std::vector<uint32_t>{0, 1}; }
 };
 
@@ -71,41 +66,31 @@ modem_api_result probe() {
   return modem_hydra_get_stats_parameter(0, 0, &data);
 }
 
-// Reads through hydra, which is opened again whenever the modem was away. The values themselves show nothing of why
-// they are missing, so every reading first asks whether the modem responds.
-class SignalSource {
- public:
-  // Opens hydra. Throws where the modem is not there, or does not read its statistics.
-  explicit SignalSource(Session& session) : link_([&session] { open(session); }, probe, true) {}
-
-  // Nothing while the modem is away; problem() returns the reason. Also a modem that is back at once was away for one
-  // reading.
-  std::optional<Reading> read(std::span<const uint32_t> subs) {
-    if (!link_.is_up()) return std::nullopt;
-    Reading reading = read_signal(subs);
-    const bool is_whole = std::all_of(reading.subs.begin(), reading.subs.end(),
-                                      [](const SubscriptionReading& sub) { return sub.has_values(); });
-    if (!is_whole && !link_.is_up()) return std::nullopt;
-    return reading;
-  }
-
-  const std::string& problem() const { return link_.problem(); }
-
- private:
-  static void open(Session& session) {
+// Opens hydra. Throws where the modem is not there, or does not read its statistics.
+ModemLink link_to_hydra(Session& session) {
+  const auto open = [&session] {
     session.restart();
     session.open_hydra();
     check(probe(), "reading the modem's statistics");
-  }
+  };
+  return {open, probe, true};
+}
 
-  ModemLink link_;
-};
+// Nothing while the modem is away. The values themselves show nothing of why they are missing, so every reading first
+// checks whether the modem responds. Also a modem that is back at once was away for one reading.
+std::optional<Reading> read(ModemLink& link, const SignalValues& values) {
+  if (!link.is_up()) return std::nullopt;
+  Reading reading = read_signal(values.subs());
+  const bool is_whole = std::all_of(reading.subs.begin(), reading.subs.end(),
+                                    [](const SubscriptionReading& sub) { return sub.has_values(); });
+  if (!is_whole && !link.is_up()) return std::nullopt;
+  return reading;
+}
 
 void show_once(const Context& context, const SignalValues& values) {
-  SignalSource source(context.session);
-  const std::vector<uint32_t> subs = values.subs();
-  const auto reading = source.read(subs);
-  if (!reading) throw Failure("reading the signal", source.problem(), "Check that the modem is alive, then try again.");
+  ModemLink link = link_to_hydra(context.session);
+  const auto reading = read(link, values);
+  if (!reading) throw Failure("reading the signal", link.problem(), "Check that the modem is alive, then try again.");
   context.output.print(reading_json(*reading), reading_text(*reading));
 }
 
@@ -117,7 +102,7 @@ RecordingFile open_plot(Output& output, const SignalValues& values) {
 }
 
 void draw(const Recording& recording, const SignalValues& values, RecordingFile& file) {
-  if (recording.is_empty()) {
+  if (recording.empty()) {
     throw Failure("drawing '" + values.plot + "'", "the recording has no carrier in it",
                   "'modem_api_test signal' shows them.");
   }
@@ -137,7 +122,7 @@ void refuse_one_file(const std::string& table, const std::string& picture) {
 void draw_from_file(const Context& context, const SignalValues& values) {
   std::istringstream rows(read_file(values.from.c_str(), "reading the file '" + values.from + "'"));
   Recording recording;
-  recording.add_csv(rows, "the file '" + values.from + "'", values.sub);
+  add_csv(recording, rows, "the file '" + values.from + "'", values.sub);
   RecordingFile file = open_plot(context.output, values);
   refuse_one_file(values.from, values.plot);
   draw(recording, values, file);
@@ -176,16 +161,14 @@ enum class Show {
 
 class Series {
  public:
-  Series(const Context& context, const SignalValues& values)
+  Series(const Context& context, const SignalValues& values, const TakeReading& serve)
       : context_(context),
         values_(values),
-        source_(context.session),
-        subs_(values.subs()),
+        serve_(serve),
+        link_(link_to_hydra(context.session)),
         show_(show_of(context, values)),
         thread_(context) {
     context.require_end(values.seconds, values.count);
-    const uint32_t rate = values.rate.value_or(kUsualRate);
-    period_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate;
     // The picture's file first: it may be refused, and the CSV file has its heading once it is open.
     if (!values.plot.empty()) {
       plot_.reset(new RecordingFile(open_plot(context.output, values)));
@@ -197,45 +180,46 @@ class Series {
                                           : RecordingFile::Earlier::kRefuse;
       csv_ = open_csv(context.output, values.csv, earlier);
     }
-    if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate);
+    if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate());
   }
 
   // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
   void run() {
     thread_.run([this] {
-      std::optional<Failure> failure;
       try {
         read_all();
-      } catch (const Failure& caught) {
-        failure = caught;
+      } catch (const Failure&) {
+        live_.reset();
+        if (plot_ && !recording_.empty()) draw(recording_, values_, *plot_);
+        throw;
       }
       live_.reset();
-      if (!failure) return finish();
-      if (plot_ && !recording_.is_empty()) draw(recording_, values_, *plot_);
-      throw *failure;
+      finish();
     });
   }
 
  private:
   void read_all() {
     const auto end = deadline_after(values_.seconds);
+    const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate();
     Clock::time_point next = Clock::now();
     while (!is_complete() && (!end || next < *end) && context_.inbox.pause_until(next)) {
       if (!take(end)) return;
-      next = std::max(next + period_, Clock::now());
+      next = std::max(next + period, Clock::now());
     }
   }
 
   void finish() {
     const bool is_ended = context_.inbox.is_interrupted() || is_complete();
-    const std::string problem = thread_.is_busy() ? kNoResponseText : source_.problem();
+    const std::string problem = thread_.is_busy() ? kNoResponseText : link_.problem();
     const bool is_lost = !is_ended && !problem.empty();
-    const bool has_picture = plot_ && !(is_lost && recording_.is_empty());  // the loss is why there is nothing to draw
+    const bool has_picture = plot_ && !(is_lost && recording_.empty());  // the loss is why there is nothing to draw
     if (has_picture) draw(recording_, values_, *plot_);
     report_files(has_picture);
     if (is_ended) return;
     if (is_lost) {
-      throw Failure("recording the signal", "the modem is away: " + problem + "; " + readings_text() + " came before",
+      throw Failure("recording the signal",
+                    "the modem is away: " + problem + "; " + count_of(readings_, "reading") + " came before",
                     "Check that the modem is alive, then try again.");
     }
     if (values_.count == 0) return;
@@ -252,21 +236,22 @@ class Series {
     return values.csv.empty() && values.plot.empty() && !values.serve ? Show::kLines : Show::kRemarks;
   }
 
+  uint32_t rate() const { return values_.rate.value_or(kUsualRate); }
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
 
   // False where the reading does not come in time.
   bool take(std::optional<Clock::time_point> end) {
-    thread_.start([this] { reading_ = source_.read(subs_); });
+    thread_.start([this] { reading_ = read(link_, values_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
     if (!thread_.wait(end)) return false;
-    if (values_.serve) show_in_metrics(reading_, source_.problem());
+    if (serve_) serve_(reading_, link_.problem());
     if (reading_) {
       ++readings_;
-      if (plot_) recording_.add(*reading_);
+      if (plot_) add_reading(recording_, *reading_);
       if (csv_) csv_->write(csv_rows(*reading_));
       show_reading(*reading_);
     } else {
-      show_loss(source_.problem());
+      show_loss(link_.problem());
     }
     return true;
   }
@@ -299,8 +284,6 @@ class Series {
                           local_text(now) + "  " + away_text(problem));
   }
 
-  std::string readings_text() const { return count_of(readings_, "reading"); }
-
   void report_files(bool has_picture) const {
     Json document = {{"type", "summary"}, {"readings", readings_}};
     std::string text;
@@ -311,14 +294,13 @@ class Series {
       text += (text.empty() ? " written to " : " and ") + path;
     }
     if (text.empty() || values_.writes_to_output()) return;
-    context_.output.print(document, readings_text() + text);
+    context_.output.print(document, count_of(readings_, "reading") + text);
   }
 
   const Context& context_;
   const SignalValues& values_;
-  SignalSource source_;
-  const std::vector<uint32_t> subs_;
-  Clock::duration period_{};
+  const TakeReading& serve_;
+  ModemLink link_;
   const Show show_;
   std::optional<LiveWatch> live_;
   std::unique_ptr<RecordingFile> csv_;
@@ -352,8 +334,9 @@ void run_signal(const Context& context, const SignalValues& values) {
   refuse_contradictions(context, values);
   if (!values.from.empty()) return draw_from_file(context, values);
   if (!values.is_series()) return show_once(context, values);
-  if (values.serve) serve_metrics(*values.serve);  // before the modem is there, which may be waited for
-  Series(context, values).run();
+  // Before the modem is there, which may be waited for.
+  const TakeReading serve = values.serve ? serve_metrics(*values.serve) : nullptr;
+  Series(context, values, serve).run();
 }
 
 }  // namespace

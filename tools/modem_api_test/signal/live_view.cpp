@@ -1,33 +1,58 @@
 #include "signal/live_view.h"
 
 #include <algorithm>
-#include <cmath>
+#include <string_view>
+
+#include "printable_text.h"
 
 namespace pelmar::cli {
 
 namespace {
 
-// --- bars ---
+// --- bars, from left to right, and lines of columns that show a history ---
 
+constexpr size_t kScaleWidth = 11;
 constexpr int kEighths = 8;
 constexpr const char* kRightwards[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉", "█"};
 constexpr const char* kUpwards[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr const char* kAsciiUpwards[] = {" ", ".", ":", "-", "=", "+", "*", "#", "@"};
 
+constexpr LevelRange kRsrpRange = {-125, -65};
+constexpr LevelRange kGainRange = {-100, -40};
+
+// What is outside of the range is drawn as its end.
 double share(double level, LevelRange range) {
   return std::clamp((level - range.low) / (range.high - range.low), 0.0, 1.0);
 }
 
-// The levels' own range, widened around its middle to the least span.
-LevelRange range_of(std::span<const double> levels, double least_span) {
-  double low = NAN;
-  double high = NAN;
+// `width` columns, in eighths of one or whole ones; no level: blank. A level that is there always shows.
+std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs) {
+  if (std::isnan(level)) return std::string(width, ' ');
+  const size_t parts = glyphs == Glyphs::kBlocks ? kEighths : 1;  // of a column
+  const auto count = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width * parts)));
+  std::string text;
+  for (size_t i = 0; i < count / parts; ++i) text += glyphs == Glyphs::kBlocks ? kRightwards[kEighths] : "#";
+  text += kRightwards[count % parts];
+  text.append(width - (count + parts - 1) / parts, ' ');
+  return text;
+}
+
+// The last `width` levels, one column each, scaled to their own range but to no less than `least_span`; blank where
+// there is no level. Right-aligned. Before it stand the ends of the scale.
+std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs) {
+  levels = levels.last(std::min(width, levels.size()));
+  LevelRange range;
+  for (const double level : levels) range.add(level);
+  const double missing = std::max(0.0, least_span - (range.high - range.low));
+  range = {range.low - missing / 2, range.high + missing / 2};
+  const std::string scale = whole_level_text(range.low) + ".." + whole_level_text(range.high);
+  std::string text = right_aligned(std::isnan(range.low) ? "" : scale, kScaleWidth - 2);
+  text.append(1 + width - levels.size(), ' ');
+  const auto& upwards = glyphs == Glyphs::kBlocks ? kUpwards : kAsciiUpwards;
   for (const double level : levels) {
-    low = std::fmin(low, level);
-    high = std::fmax(high, level);
+    text += std::isnan(level) ? upwards[0] : upwards[1 + std::lround(share(level, range) * (kEighths - 1))];
   }
-  const double missing = std::max(0.0, least_span - (high - low));
-  return {low - missing / 2, high + missing / 2};
+  return text;
 }
 
 // --- the view ---
@@ -45,23 +70,8 @@ constexpr const char* kNeutral = "\033[36m";
 
 constexpr double kGoodRsrp = -95;
 constexpr double kFairRsrp = -110;
-constexpr double kLeastNumber = -999;  // that the columns have room for
-constexpr double kMostNumber = 999;
+constexpr double kMostNumber = 999;       // that the columns have room for
 constexpr double kLeastHistorySpan = 12;  // dB: smaller changes look small
-
-const char* rsrp_colour(double level) {
-  if (level >= kGoodRsrp) return kGood;
-  return level >= kFairRsrp ? kFair : kPoor;
-}
-
-// How the bars of one measure are drawn. There is no good or bad receive gain.
-struct Bars {
-  LevelRange range;
-  bool is_gain;
-};
-
-constexpr Bars kRsrpBars = {kRsrpRange, false};
-constexpr Bars kGainBars = {kRssiRange, true};
 
 // Widths of the columns; 0: the column is left out.
 struct Layout {
@@ -74,7 +84,6 @@ constexpr size_t kNameWidth = 9;
 constexpr size_t kPlaceWidth = 11;
 constexpr size_t kLevelWidth = 5;
 constexpr size_t kSnrWidth = 7;
-constexpr size_t kScaleWidth = 11;
 constexpr size_t kUsualBar = 2;
 constexpr size_t kMostBar = 16;
 constexpr size_t kLeastHistory = 6;
@@ -84,10 +93,9 @@ constexpr size_t kMostHistory = 100;
 // Numbers come first, then where they were measured, then bars, then the history.
 Layout layout_of(size_t columns) {
   Layout layout;
-  size_t left = columns;
-  const auto take = [&left](size_t count) {
-    if (count > left) return false;
-    left -= count;
+  const auto take = [&columns](size_t count) {
+    if (count > columns) return false;
+    columns -= count;
     return true;
   };
   if (!take(kNameWidth + kChains * kLevelWidth + kSnrWidth)) return layout;
@@ -101,9 +109,27 @@ Layout layout_of(size_t columns) {
   return layout;
 }
 
-template <typename Number>
-std::string text_or_dash(const std::optional<Number>& value) {
-  return value ? std::to_string(*value) : "-";
+// The length of the colour sequence at the start; 0 where there is none, or not all of it.
+size_t colour_sequence(std::string_view text) {
+  if (!text.starts_with("\033[")) return 0;
+  const size_t end = text.find_first_not_of("0123456789;", 2);
+  return end != text.npos && text[end] == 'm' ? end + 1 : 0;
+}
+
+// The text's first `columns` columns; colours end with it. An escape that starts no colour sequence is a character.
+std::string clip(std::string_view text, size_t columns) {
+  std::string clipped;
+  bool is_coloured = false;
+  while (!text.empty()) {
+    const size_t sequence = colour_sequence(text);
+    if (sequence == 0 && columns-- == 0) break;
+    const auto element = text.substr(0, sequence > 0 ? sequence : std::max<size_t>(utf8_character_bytes(text), 1));
+    if (sequence > 0) is_coloured = element != kPlain;
+    clipped += element;
+    text.remove_prefix(element.size());
+  }
+  if (is_coloured) clipped += kPlain;
+  return clipped;
 }
 
 // What a line is worth when there are too few rows: the largest goes first.
@@ -116,17 +142,12 @@ struct Line {
 
 class View {
  public:
-  View(const Reading& reading, const History& history, const LiveState& state, TerminalSize size, const Style& style)
-      : reading_(reading),
-        history_(history),
-        state_(state),
-        size_(size),
-        style_(style),
-        layout_(layout_of(size.columns)) {}
+  View(const Shown& shown, const LiveState& state, TerminalSize size, const Style& style)
+      : shown_(shown), state_(state), size_(size), style_(style), layout_(layout_of(size.columns)) {}
 
   std::vector<std::string> lines() {
     add_headings();
-    for (const SubscriptionReading& sub : reading_.subs) {
+    for (const SubscriptionReading& sub : shown_.reading.subs) {
       if (state_.only_sub.value_or(sub.sub) == sub.sub) add_subscription(sub);
     }
     scroll();
@@ -145,7 +166,7 @@ class View {
     if (!state_.trouble.empty()) return clip(coloured(kAlarm, state_.trouble), size_.columns);
     std::string text = state_.is_paused ? "PAUSED  " : "";
     if (hidden > 0) text += '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
-    text += local_text(reading_.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
+    text += local_text(shown_.reading.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
             std::to_string(state_.rate) + " a second  q ends, p pauses, 1 2 arrows  " + state_.modem;
     return clip(coloured(kBold, text), size_.columns);
   }
@@ -153,9 +174,7 @@ class View {
   void add_headings() {
     std::string text = left_aligned("RSRP dBm", kNameWidth);
     if (layout_.place > 0) text += right_aligned("channel PCI", layout_.place);
-    for (size_t chain = 0; chain < kChains; ++chain) {
-      text += left_aligned("  rx" + std::to_string(chain), chain_width());
-    }
+    for (size_t i = 0; i < kChains; ++i) text += left_aligned("  rx" + std::to_string(i), chain_width());
     text += right_aligned("SNR dB", kSnrWidth);
     const size_t back = state_.hidden_seconds;
     const std::string seconds = std::to_string(back > 0 ? back : layout_.history) + (back > 0 ? " s ago" : " s");
@@ -171,18 +190,18 @@ class View {
     if (sub.carriers.empty()) lines_.push_back({"no carrier", kPrimary});
     for (const Carrier& carrier : sub.carriers) add_carrier(sub.sub, carrier);
     for (const GainRow& row : gain_rows(sub)) {
-      lines_.push_back({name_and_place(std::string(row.title) + " rx", "") + chains(row.levels, kGainBars), kGain});
+      lines_.push_back({name_and_place(std::string(row.title) + " rx", "") + chains(row.levels, true), kGain});
     }
     if (const std::string text = antennas_text(sub); !text.empty()) lines_.push_back({"antennas " + text, kAntennas});
   }
 
   void add_carrier(uint32_t sub, const Carrier& carrier) {
     const std::string place =
-        right_aligned(text_or_dash(carrier.channel), 7) + right_aligned(text_or_dash(carrier.pci), 4);
-    std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, kRsrpBars);
+        right_aligned(number_text(carrier.channel, "-"), 7) + right_aligned(number_text(carrier.pci, "-"), 4);
+    std::string text = name_and_place(text_of(carrier.name), place) + chains(carrier.rsrp, false);
     text += right_aligned(level_text(strongest(carrier.snr)), kSnrWidth);
     if (layout_.history > 0) {
-      const auto levels = history_.of(sub, carrier.name);
+      const auto levels = shown_.history.of(sub, carrier.name);
       const auto shown = levels.first(levels.size() - std::min(levels.size(), state_.hidden_seconds));
       text += ' ' + sparkline(shown, layout_.history, kLeastHistorySpan, style_.glyphs);
     }
@@ -194,19 +213,22 @@ class View {
   }
 
   // Whole dB and a bar for each chain.
-  std::string chains(const Levels& levels, const Bars& bars) const {
+  std::string chains(const Levels& levels, bool is_gain) const {
+    const LevelRange range = is_gain ? kGainRange : kRsrpRange;
     std::string text;
     for (const double level : levels) {
-      text += right_aligned(whole_level_text(std::clamp(level, kLeastNumber, kMostNumber)), kLevelWidth);
-      if (layout_.bar > 0)
-        text += ' ' + coloured(colour_of(level, bars), bar(level, bars.range, layout_.bar, style_.glyphs));
+      text += right_aligned(whole_level_text(std::clamp(level, -kMostNumber, kMostNumber)), kLevelWidth);
+      if (layout_.bar == 0) continue;
+      text += ' ' + coloured(colour_of(level, is_gain), bar(level, range, layout_.bar, style_.glyphs));
     }
     return text;
   }
 
-  const char* colour_of(double level, const Bars& bars) const {
+  // There is no good or bad receive gain.
+  const char* colour_of(double level, bool is_gain) const {
     if (!state_.trouble.empty()) return kDim;
-    return bars.is_gain ? kNeutral : rsrp_colour(level);
+    if (is_gain) return kNeutral;
+    return level >= kGoodRsrp ? kGood : level >= kFairRsrp ? kFair : kPoor;
   }
 
   // The headings stay, and one line at least.
@@ -230,8 +252,7 @@ class View {
     return hidden;
   }
 
-  const Reading& reading_;
-  const History& history_;
+  const Shown& shown_;
   const LiveState& state_;
   const TerminalSize size_;
   const Style style_;
@@ -239,62 +260,11 @@ class View {
   std::vector<Line> lines_;
 };
 
-// The length of the colour sequence at the start; 0 where there is none, or not all of it.
-size_t colour_sequence(std::string_view text) {
-  if (!text.starts_with("\033[")) return 0;
-  const size_t end = text.find_first_not_of("0123456789;", 2);
-  return end != text.npos && text[end] == 'm' ? end + 1 : 0;
-}
-
-// The length of the character or colour sequence at the start, never 0; `columns` becomes what it takes on the screen.
-size_t next_element(std::string_view text, size_t& columns) {
-  columns = 0;
-  if (const size_t sequence = colour_sequence(text); sequence > 0) return sequence;
-  columns = 1;
-  size_t length = 1;
-  while (length < text.size() && (static_cast<uint8_t>(text[length]) & 0xC0) == 0x80) ++length;
-  return length;
-}
-
 }  // namespace
 
-Glyphs glyphs_of(std::string_view codeset) {
-  return codeset == "UTF-8" ? Glyphs::kBlocks : Glyphs::kAscii;
-}
-
-std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs) {
-  if (std::isnan(level)) return std::string(width, ' ');
-  if (glyphs == Glyphs::kAscii) {
-    const auto columns = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width)));
-    return std::string(columns, '#') + std::string(width - columns, ' ');
-  }
-  const auto eighths = std::max<size_t>(1, std::lround(share(level, range) * static_cast<double>(width * kEighths)));
-  std::string text;
-  for (size_t i = 0; i < eighths / kEighths; ++i) text += kRightwards[kEighths];
-  text += kRightwards[eighths % kEighths];
-  text.append(width - (eighths + kEighths - 1) / kEighths, ' ');
-  return text;
-}
-
-std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs) {
-  levels = levels.last(std::min(width, levels.size()));
-  const LevelRange range = range_of(levels, least_span);
-  const std::string scale = whole_level_text(range.low) + ".." + whole_level_text(range.high);
-  std::string text = right_aligned(std::isnan(range.low) ? "" : scale, kScaleWidth - 2);
-  text.append(1 + width - levels.size(), ' ');
-  const auto& upwards = glyphs == Glyphs::kBlocks ? kUpwards : kAsciiUpwards;
-  for (const double level : levels) {
-    text += std::isnan(level) ? upwards[0] : upwards[1 + std::lround(share(level, range) * (kEighths - 1))];
-  }
-  return text;
-}
-
-// --- history ---
-
 void History::add_gap(Clock::time_point time) {
-  if (is_started_ && time - started_ < kHistoryColumn) return;
-  started_ = is_started_ && time - started_ < 2 * kHistoryColumn ? started_ + kHistoryColumn : time;
-  is_started_ = true;
+  if (started_ && time - *started_ < kHistoryColumn) return;
+  started_ = started_ && time - *started_ < 2 * kHistoryColumn ? *started_ + kHistoryColumn : time;
   for (auto& [key, levels] : levels_) {
     if (levels.size() == kMostColumns) levels.erase(levels.begin());
     levels.push_back(kNoLevel);
@@ -318,38 +288,8 @@ std::span<const double> History::of(uint32_t sub, const CarrierName& carrier) co
   return found->second;
 }
 
-// --- the view ---
-
-size_t display_width(std::string_view text) {
-  size_t width = 0;
-  while (!text.empty()) {
-    size_t columns = 0;
-    text.remove_prefix(next_element(text, columns));
-    width += columns;
-  }
-  return width;
-}
-
-std::string clip(std::string_view text, size_t columns) {
-  std::string clipped;
-  bool is_coloured = false;
-  while (!text.empty()) {
-    size_t taken = 0;
-    const size_t length = next_element(text, taken);
-    if (taken > columns) break;
-    const std::string_view element = text.substr(0, length);
-    if (taken == 0) is_coloured = element != kPlain;
-    clipped += element;
-    columns -= taken;
-    text.remove_prefix(length);
-  }
-  if (is_coloured) clipped += kPlain;
-  return clipped;
-}
-
-std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
-                                   TerminalSize size, const Style& style) {
-  return View(reading, history, state, size, style).lines();
+std::vector<std::string> live_view(const Shown& shown, const LiveState& state, TerminalSize size, const Style& style) {
+  return View(shown, state, size, style).lines();
 }
 
 }  // namespace pelmar::cli

@@ -2,44 +2,12 @@
 // carrier.
 #pragma once
 
-#include <cstddef>
 #include <map>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 #include "signal/reading.h"
 
 namespace pelmar::cli {
-
-// --- bars, from left to right, and lines of columns that show a history ---
-
-// The range that a drawing shows; what is outside is drawn as its end.
-struct LevelRange {
-  double low;
-  double high;
-};
-
-inline constexpr LevelRange kRsrpRange = {-125, -65};
-inline constexpr LevelRange kRssiRange = {-100, -40};
-
-// What a drawing is made of: parts of blocks, or what every terminal has.
-enum class Glyphs { kBlocks, kAscii };
-
-// What a character set has, by the C library's name for it.
-Glyphs glyphs_of(std::string_view codeset);
-
-// `width` columns, in eighths of one or whole ones; no level: blank. A level that is there always shows.
-std::string bar(double level, LevelRange range, size_t width, Glyphs glyphs);
-
-// The last `width` levels, one column each, scaled to their own range but to no less than `least_span`; blank where
-// there is no level. Right-aligned. Before it stand the ends of the scale.
-std::string sparkline(std::span<const double> levels, size_t width, double least_span, Glyphs glyphs);
-
-// --- history ---
 
 // The last seconds of each carrier: a column a second, which shows the last level that was read in it.
 class History {
@@ -57,12 +25,15 @@ class History {
   std::span<const double> of(uint32_t sub, const CarrierName& carrier) const;
 
  private:
-  bool is_started_ = false;
-  Clock::time_point started_;  // the present column
+  std::optional<Clock::time_point> started_;  // the present column
   std::map<std::pair<uint32_t, CarrierName>, std::vector<double>> levels_;
 };
 
-// --- the view ---
+// What is shown.
+struct Shown {
+  Reading reading;
+  History history;
+};
 
 struct TerminalSize {
   size_t columns = 80;
@@ -80,6 +51,9 @@ struct LiveState {
   size_t hidden_seconds = 0;  // that the history is scrolled back by
 };
 
+// What a drawing is made of: parts of blocks, or what every terminal has.
+enum class Glyphs { kBlocks, kAscii };
+
 struct Style {
   bool with_colour = false;
   Glyphs glyphs = Glyphs::kBlocks;
@@ -87,13 +61,6 @@ struct Style {
 
 // None is wider than the terminal, and there are no more than it has rows: what matters least is left out, and counted
 // in the first line. A reading that is out of date stays below the trouble; in colour, its bars are dimmed.
-std::vector<std::string> live_view(const Reading& reading, const History& history, const LiveState& state,
-                                   TerminalSize size, const Style& style);
-
-// Columns that the text takes: characters, without colour sequences. An escape that starts none is a character.
-size_t display_width(std::string_view text);
-
-// The text's first `columns` columns; colours end with it.
-std::string clip(std::string_view text, size_t columns);
+std::vector<std::string> live_view(const Shown& shown, const LiveState& state, TerminalSize size, const Style& style);
 
 }  // namespace pelmar::cli

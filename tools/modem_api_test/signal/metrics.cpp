@@ -8,9 +8,7 @@
 #include <mutex>
 #include <utility>
 
-#include "failure.h"
 #include "modem_link.h"
-#include "output.h"
 
 namespace pelmar::cli {
 
@@ -95,18 +93,13 @@ class Metrics : public prometheus::Collectable {
   bool was_lost_ = false;
 };
 
-const std::shared_ptr<Metrics>& metrics() {
-  static const auto& metrics = *new auto(std::make_shared<Metrics>());
-  return metrics;
-}
-
 }  // namespace
 
 const char* const kServeHelp =
     "serve the readings as Prometheus metrics at http://ADDRESS/metrics, for example 127.0.0.1:9464, or :9464 for "
     "every IPv4 address of the machine; port 0 is any that is free";
 
-void serve_metrics(const std::string& address) {
+TakeReading serve_metrics(const std::string& address) {
   const std::string host = address.substr(0, address.rfind(':') + 1);  // with the colon
   const std::string port = address.substr(host.size());
   if (!parse_number(port, 0, UINT16_MAX)) {
@@ -115,17 +108,15 @@ void serve_metrics(const std::string& address) {
   }
   try {
     static auto& exposer = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
-    exposer.RegisterCollectable(metrics());
+    const auto metrics = std::make_shared<Metrics>();
+    exposer.RegisterCollectable(metrics);
     remark("metrics are at http://" + (host.size() > 1 ? host : "0.0.0.0:") +
            std::to_string(exposer.GetListeningPorts().front()) + "/metrics");
+    return [metrics](const auto& reading, const std::string& problem) { metrics->take(reading, problem); };
   } catch (const std::exception&) {
     throw Failure("serving metrics at " + address, "the address is in use, or is none of this machine's",
                   "Give HOST:PORT or :PORT, for example 127.0.0.1:9464; Debian's web server, civetweb, has no IPv6.");
   }
-}
-
-void show_in_metrics(const std::optional<Reading>& reading, const std::string& problem) {
-  metrics()->take(reading, problem);
 }
 
 }  // namespace pelmar::cli

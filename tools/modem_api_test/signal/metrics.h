@@ -4,8 +4,7 @@
 // its values are not there, and pelmar_modem_up is 0. Counters go on.
 #pragma once
 
-#include <optional>
-#include <string>
+#include <functional>
 
 #include "signal/reading.h"
 
@@ -13,12 +12,12 @@ namespace pelmar::cli {
 
 extern const char* const kServeHelp;
 
-// `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0 is one that is free. Prints the address
-// of the metrics on standard error. Throws where the address cannot be served, or the build has no Prometheus. The
-// server lives as long as the process, because ending it takes two seconds.
-void serve_metrics(const std::string& address);
+// Takes each reading or, in `problem`, why it did not come.
+using TakeReading = std::function<void(const std::optional<Reading>& reading, const std::string& problem)>;
 
-// `problem`: why a reading did not come.
-void show_in_metrics(const std::optional<Reading>& reading, const std::string& problem);
+// Serves what the returned function takes. `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0
+// is one that is free. Prints the address of the metrics on standard error. Throws where the address cannot be served,
+// or the build has no Prometheus. The server lives as long as the process, because ending it takes two seconds.
+TakeReading serve_metrics(const std::string& address);
 
 }  // namespace pelmar::cli

@@ -1,18 +1,14 @@
 // The picture of a recording.
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <iterator>
 
 #include "printable_text.h"
-#include "signal/live_view.h"
 #include "signal/recording.h"
 
 namespace pelmar::cli {
 
 namespace {
-
-using Track = Recording::Track;
 
 // Places in the picture, in its units.
 constexpr double kWidth = 1150;
@@ -44,6 +40,13 @@ constexpr double kTimeSteps[] = {0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 30
 constexpr double kMinute = 60;
 constexpr double kHour = 3600;
 
+// `is_short`: a whole number has no decimal place.
+std::string number(double value, bool is_short = false) {
+  char text[32];
+  snprintf(text, sizeof text, is_short ? "%g" : "%.1f", value);
+  return text;
+}
+
 double round_step(double least) {
   const double power = std::pow(10, std::floor(std::log10(least)));
   for (const double factor : {1.0, 2.0, 5.0}) {
@@ -69,9 +72,10 @@ struct Axis {
 };
 
 // Ends on ticks, spans at least one step, and has at most `most_ticks` steps of 1, 2 or 5 times a power of ten.
-Axis level_axis(double low, double high, int most_ticks) {
-  const double step = round_step(std::fmax(high - low, 1) / most_ticks);
-  Axis axis{std::floor(low / step) * step, std::ceil(high / step) * step, step};
+Axis level_axis(LevelRange range, int most_ticks) {
+  if (std::isnan(range.low)) range = {0, 1};
+  const double step = round_step(std::fmax(range.high - range.low, 1) / most_ticks);
+  Axis axis{std::floor(range.low / step) * step, std::ceil(range.high / step) * step, step};
   if (axis.low == axis.high) axis.high += step;
   return axis;
 }
@@ -87,11 +91,10 @@ Axis time_axis(double seconds, int most_ticks) {
 
 // "30", "1:30", "1:00:00", by the axis's length.
 std::string time_label(const Axis& axis, double seconds) {
-  char text[48];
+  if (axis.high < 2 * kMinute) return number(seconds, axis.step >= 1);
   const auto whole = std::lround(seconds);
-  if (axis.high < 2 * kMinute) {
-    snprintf(text, sizeof text, axis.step < 1 ? "%.1f" : "%.0f", seconds);
-  } else if (axis.high < 2 * kHour) {
+  char text[48];
+  if (axis.high < 2 * kHour) {
     snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
   } else {
     snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
@@ -129,13 +132,7 @@ constexpr const char* kDarkStyle =
     "}</style>\n";
 constexpr const char* kNote = R"(fill="#555" font-size="11")";
 
-std::string number(double value, bool is_short = false) {
-  char text[32];
-  snprintf(text, sizeof text, is_short ? "%g" : "%.1f", value);
-  return text;
-}
-
-std::string line(double x1, double y1, double x2, double y2, const char* attributes) {
+std::string line(double x1, double y1, double x2, double y2, const std::string& attributes) {
   return "<line x1=\"" + number(x1) + "\" y1=\"" + number(y1) + "\" x2=\"" + number(x2) + "\" y2=\"" + number(y2) +
          "\" " + attributes + "/>\n";
 }
@@ -177,17 +174,10 @@ std::string escaped(const std::string& text) {
   return safe;
 }
 
-void widen(LevelRange& range, const Track& track, double TrackPoint::*level) {
-  for (const TrackPoint& point : track) {
-    range.low = std::fmin(range.low, point.*level);
-    range.high = std::fmax(range.high, point.*level);
-  }
-}
-
 // "-92 to -64 dBm" with what stands before it; empty where nothing was measured.
 std::string range_text(const char* before, const Track& track, double TrackPoint::*level, const char* unit) {
-  LevelRange range{NAN, NAN};
-  widen(range, track, level);
+  LevelRange range;
+  for (const TrackPoint& point : track) range.add(point.*level);
   if (std::isnan(range.low)) return "";
   return before + whole_level_text(range.low) + " to " + whole_level_text(range.high) + unit;
 }
@@ -205,9 +195,9 @@ double gap_of(const Track& track) {
 class Picture {
  public:
   Picture(const Recording& recording, const std::string& title) : recording_(recording), title_(title) {
-    start_ = recording.tracks().begin()->second.front().time;
+    start_ = recording.begin()->second.front().time;
     end_ = start_;
-    for (const auto& [key, track] : recording.tracks()) {
+    for (const auto& [key, track] : recording) {
       start_ = std::min(start_, track.front().time);
       end_ = std::max(end_, track.back().time);
     }
@@ -217,17 +207,21 @@ class Picture {
   std::string draw() {
     begin();
     for (const Panel& panel : kPanels) draw_panel(panel);
-    for (const auto& [key, track] : recording_.tracks()) {
+    for (const auto& [key, track] : recording_) {
       if (key.second.index == 0) draw_cell_changes(key, track);
     }
-    draw_time_labels();
+    for (const double tick : time_.ticks()) {
+      svg_ += words(x_of(tick), kPanelsBottom + 20, time_label(time_, tick), "text-anchor=\"middle\"");
+    }
+    svg_ += words((kLeft + kRight) / 2, kPanelsBottom + 44, "time since the start [" + time_unit(time_) + "]",
+                  "text-anchor=\"middle\"");
     draw_legend();
     return svg_ + "</svg>\n";
   }
 
  private:
   void begin() {
-    const double legend = kFirstPanelTop + static_cast<double>(recording_.tracks().size()) * kLegendStep;
+    const double legend = kFirstPanelTop + static_cast<double>(recording_.size()) * kLegendStep;
     const std::string height = number(std::fmax(kLeastHeight, legend));
     const std::string size = "width=\"" + number(kWidth) + "\" height=\"" + height + "\"";
     svg_ = "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " + number(kWidth) + " " + height +
@@ -247,16 +241,12 @@ class Picture {
     return panel.top + (1 - axis.share(level)) * kPanelHeight;
   }
 
-  // Of all that the panel shows.
-  Axis axis_of(const Panel& panel) const {
-    LevelRange range{NAN, NAN};
-    for (const auto& [key, track] : recording_.tracks()) widen(range, track, panel.level);
-    if (std::isnan(range.low)) range = {0, 1};
-    return level_axis(range.low, range.high, kMostLevelTicks);
-  }
-
   void draw_panel(const Panel& panel) {
-    const Axis axis = axis_of(panel);
+    LevelRange range;
+    for (const auto& [key, track] : recording_) {
+      for (const TrackPoint& point : track) range.add(point.*panel.level);
+    }
+    const Axis axis = level_axis(range, kMostLevelTicks);
     const double bottom = panel.top + kPanelHeight;
     for (const double tick : axis.ticks()) {
       const double y = y_of(panel, axis, tick);
@@ -270,7 +260,7 @@ class Picture {
     const double middle = panel.top + kPanelHeight / 2;
     svg_ +=
         words(24, middle, panel.title, "text-anchor=\"middle\" transform=\"rotate(-90 24 " + number(middle) + ")\"");
-    for (const auto& [key, track] : recording_.tracks()) draw_track(panel, axis, style_of(key), track);
+    for (const auto& [key, track] : recording_) draw_track(panel, axis, style_of(key), track);
     svg_ += "<rect x=\"" + number(kLeft) + "\" y=\"" + number(panel.top) + "\" width=\"" + number(kRight - kLeft) +
             "\" height=\"" + number(kPanelHeight) + "\" fill=\"none\" stroke=\"#444\"/>\n";
   }
@@ -283,7 +273,7 @@ class Picture {
            '"';
   }
 
-  static std::string style_of(const Recording::Key& key) {
+  static std::string style_of(const TrackKey& key) {
     return "fill=\"none\" stroke-width=\"1.7\" stroke-linejoin=\"round\" stroke-linecap=\"round\"" +
            colour_of(key.second) + kDashes[key.first % kSubscriptions];
   }
@@ -316,36 +306,27 @@ class Picture {
   }
 
   // A line through all panels where the carrier has another cell than before.
-  void draw_cell_changes(const Recording::Key& key, const Track& track) {
+  void draw_cell_changes(const TrackKey& key, const Track& track) {
     for (size_t i = 1; i < track.size(); ++i) {
       const TrackPoint& point = track[i];
       if (!point.pci || (point.pci == track[i - 1].pci && point.channel == track[i - 1].channel)) continue;
       const double x = x_of(seconds_between(start_, point.time));
-      svg_ += line(x, kFirstPanelTop, x, kPanelsBottom, ("stroke-dasharray=\"2 4\"" + colour_of(key.second)).c_str());
+      svg_ += line(x, kFirstPanelTop, x, kPanelsBottom, "stroke-dasharray=\"2 4\"" + colour_of(key.second));
       svg_ += words(x + 3, kFirstPanelTop + 12,
                     "sub " + std::to_string(key.first) + " PCI " + std::to_string(*point.pci), kNote);
     }
   }
 
-  void draw_time_labels() {
-    for (const double tick : time_.ticks()) {
-      svg_ += words(x_of(tick), kPanelsBottom + 20, time_label(time_, tick), "text-anchor=\"middle\"");
-    }
-    svg_ += words((kLeft + kRight) / 2, kPanelsBottom + 44, "time since the start [" + time_unit(time_) + "]",
-                  "text-anchor=\"middle\"");
-  }
-
   void draw_legend() {
     double y = kFirstPanelTop + 8;
-    for (const auto& [key, track] : recording_.tracks()) {
-      svg_ += line(kLegendLeft, y, kLegendLeft + 30, y, style_of(key).c_str());
+    for (const auto& [key, track] : recording_) {
+      svg_ += line(kLegendLeft, y, kLegendLeft + 30, y, style_of(key));
       const std::string name = "sub " + std::to_string(key.first) + ' ' + text_of(key.second);
       svg_ += words(kLegendLeft + 38, y + 4.5, name + channels_of(track));
-      svg_ +=
-          words(kLegendLeft + 38, y + 19.5,
-                range_text("", track, &TrackPoint::rsrp, " dBm") + range_text(", ", track, &TrackPoint::snr, " dB") +
-                    range_text(", tx ", track, &TrackPoint::tx_power, " dBm"),
-                kNote);
+      const std::string ranges = range_text("", track, &TrackPoint::rsrp, " dBm") +
+                                 range_text(", ", track, &TrackPoint::snr, " dB") +
+                                 range_text(", tx ", track, &TrackPoint::tx_power, " dBm");
+      svg_ += words(kLegendLeft + 38, y + 19.5, ranges, kNote);
       y += kLegendStep;
     }
   }

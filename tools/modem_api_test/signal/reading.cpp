@@ -1,6 +1,8 @@
 #include "signal/reading.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "modem_hydra.h"
@@ -9,11 +11,139 @@ namespace pelmar::cli {
 
 namespace {
 
+// --- from hydra ---
+
+using LteRecord = modem_hydra_lte_srv_meas_info;
+using NrRecord = modem_hydra_nr5g_srv_meas_info;
+
+// By carrier index.
+constexpr uint8_t (*kReadLte[])(uint32_t, LteRecord*) = {
+    modem_hydra_lte_srv_meas_info_get_for_pcc,  modem_hydra_lte_srv_meas_info_get_for_scc1,
+    modem_hydra_lte_srv_meas_info_get_for_scc2, modem_hydra_lte_srv_meas_info_get_for_scc3,
+    modem_hydra_lte_srv_meas_info_get_for_scc4, modem_hydra_lte_srv_meas_info_get_for_scc5,
+    modem_hydra_lte_srv_meas_info_get_for_scc6,
+};
+constexpr uint8_t (*kReadNr[])(uint32_t, NrRecord*) = {
+    modem_hydra_nr5g_srv_meas_info_get_for_pcc,
+    modem_hydra_nr5g_srv_meas_info_get_for_scc1,
+    modem_hydra_nr5g_srv_meas_info_get_for_scc2,
+};
+
+// The modem's levels are 32-bit words that count tenths of dB or dBm.
+double decibels(int32_t word) {
+  return word / 10.0;
+}
+
+template <typename Record>
+std::optional<Record> read_record(uint8_t (*get)(uint32_t, Record*), uint32_t sub) {
+  Record record;
+  if (get(sub, &record) == 0) return std::nullopt;
+  return record;
+}
+
+// A value that the modem has cleared counts from zero again: it is that of no carrier.
+bool is_cleared(const LteRecord& record) {
+  return record.rx_valid == 0;
+}
+bool is_cleared(const NrRecord& record) {
+  return std::all_of(std::begin(record.rsrp), std::end(record.rsrp), [](int32_t word) { return word == 0; });
+}
+
+Levels levels_of(const int32_t (&words)[MODEM_HYDRA_RX_CHAINS], uint32_t valid_chains = ~0U) {
+  Levels levels = kNoLevels;
+  for (size_t i = 0; i < kChains; ++i) {
+    if ((valid_chains >> i & 1U) != 0) levels[i] = decibels(words[i]);
+  }
+  return levels;
+}
+
+void read_lte(SubscriptionReading& reading) {
+  for (uint32_t i = 0; i < std::size(kReadLte); ++i) {
+    const auto record = read_record(kReadLte[i], reading.sub);
+    if (!record || is_cleared(*record)) continue;
+    reading.carriers.push_back({{Technology::kLte, i},
+                                record->earfcn,
+                                record->pci,
+                                levels_of(record->rsrp, record->rx_valid),
+                                levels_of(record->rsrq, record->rx_valid),
+                                levels_of(record->rssi, record->rx_valid),
+                                levels_of(record->snr, record->rx_valid)});
+  }
+}
+
+// The gain and the signal-to-noise ratio of NR are those of the primary carrier.
+void read_nr(SubscriptionReading& reading) {
+  for (uint32_t i = 0; i < std::size(kReadNr); ++i) {
+    const auto record = read_record(kReadNr[i], reading.sub);
+    if (!record || is_cleared(*record)) continue;
+    Carrier carrier{{Technology::kNr, i}, {}, {}, levels_of(record->rsrp)};
+    carrier.rsrq[0] = decibels(record->rsrq);
+    if (i == 0) {
+      if (const auto gain = read_record(modem_hydra_nr5g_ll1_fw_rx_control_agc_get, reading.sub)) {
+        carrier.rssi = levels_of(gain->rssi);
+      }
+      if (const auto ftl = read_record(modem_hydra_nr5g_ll1_fw_serving_ftl_get, reading.sub)) {
+        carrier.snr = levels_of(ftl->snr);
+      }
+    }
+    reading.carriers.push_back(carrier);
+  }
+}
+
+void read_antennas(SubscriptionReading& reading) {
+  if (const auto nr = read_record(modem_hydra_nr5g_ml1_antenna_switch_diversity_get, reading.sub)) {
+    reading.rx_antennas = {{nr->ant_rx_0_old, nr->ant_rx_0_new},
+                           {nr->ant_rx_1_old, nr->ant_rx_1_new},
+                           {nr->ant_rx_2_old, nr->ant_rx_2_new},
+                           {nr->ant_rx_3_old, nr->ant_rx_3_new}};
+    reading.tx_antennas = {{nr->ant_tx_0_old, nr->ant_tx_0_new}, {nr->ant_tx_1_old, nr->ant_tx_1_new}};
+  }
+  if (const auto transmit = read_record(modem_hydra_mcs_trm_asdiv_get, reading.sub)) {
+    reading.transmit_switching = TransmitSwitching{transmit->ant_number,
+                                                   transmit->ant_switch_path,
+                                                   transmit->sig_path,
+                                                   {transmit->old_config, transmit->new_config}};
+  }
+}
+
+void read_older_gain(SubscriptionReading& reading) {
+  if (const auto wcdma = read_record(modem_hydra_wcdma_pn_search_edition2_get, reading.sub)) {
+    reading.wcdma_gain = {decibels(wcdma->rx_agc_0), decibels(wcdma->rx_agc_1), kNoLevel, kNoLevel};
+  }
+  if (const auto gsm = read_record(modem_hydra_gsm_l1_rx_diversity_metrics_get, reading.sub)) {
+    reading.gsm_gain = {decibels(gsm->rx_prx), decibels(gsm->rx_drx), kNoLevel, kNoLevel};
+  }
+}
+
+SubscriptionReading read_subscription(uint32_t sub) {
+  SubscriptionReading reading;
+  reading.sub = sub;
+  if (const uint32_t mode = modem_sys_mode_get(sub); mode != MODEM_SYS_MODE_UNKNOWN) reading.mode = mode;
+  if (const uint32_t power = modem_tx_power_get_by_sub(sub); power != MODEM_TX_POWER_NONE) {
+    reading.tx_power = static_cast<int32_t>(power);
+  }
+  read_lte(reading);
+  read_nr(reading);
+  read_antennas(reading);
+  read_older_gain(reading);
+  return reading;
+}
+
+// --- as text and JSON ---
+
 constexpr uint32_t kNoService = 0;    // a mode of the modem's
 constexpr uint32_t kMostIndices = 7;  // primary and six secondary carriers
 
 std::string position(uint32_t index) {
   return index == 0 ? "pcc" : "scc" + std::to_string(index);
+}
+
+bool has_level(const Levels& levels) {
+  return !std::isnan(strongest(levels));
+}
+
+std::string text_of(Technology technology) {
+  return technology == Technology::kLte ? "LTE" : "NR";
 }
 
 // NR's RSSI is shown as its receive gain.
@@ -22,28 +152,20 @@ bool is_shown(const Carrier& carrier, const Measure& measure) {
          (carrier.name.technology == Technology::kLte || measure.levels != &Carrier::rssi);
 }
 
-// Right-aligned columns of one measure or gain.
-std::string level_columns(const Levels& levels) {
-  std::string text;
-  for (const double level : levels) text += ' ' + right_aligned(level_text(level), 8);
-  return text;
-}
-
-std::string carrier_heading(const Carrier& carrier) {
-  std::string text = text_of(carrier.name);
-  if (carrier.channel) text += "  channel " + std::to_string(*carrier.channel);
-  if (carrier.pci) text += "  PCI " + std::to_string(*carrier.pci);
-  return text;
-}
-
+// One measure or gain.
 void append_row(std::string& text, const std::string& title, const Levels& levels) {
-  text += left_aligned("    " + title, 16) + level_columns(levels) + "\n";
+  text += left_aligned("    " + title, 16);
+  for (const double level : levels) text += ' ' + right_aligned(level_text(level), 8);
+  text += "\n";
 }
 
 void append_subscription(std::string& text, const SubscriptionReading& reading) {
   text += "subscription " + std::to_string(reading.sub) + ": " + state_text(reading) + "\n";
   for (const Carrier& carrier : reading.carriers) {
-    text += "  " + carrier_heading(carrier) + "\n";
+    text += "  " + text_of(carrier.name);
+    if (carrier.channel) text += "  channel " + std::to_string(*carrier.channel);
+    if (carrier.pci) text += "  PCI " + std::to_string(*carrier.pci);
+    text += "\n";
     for (const Measure& measure : kMeasures) {
       if (is_shown(carrier, measure)) append_row(text, measure.title, carrier.*measure.levels);
     }
@@ -83,25 +205,20 @@ void append_switches(std::string& text, const char* title, const std::vector<Ant
   if (is_switched) text += " (was" + before + ")";
 }
 
-Json levels_json(const Levels& levels) {
-  Json list = Json::array();
-  for (const double level : levels) list.push_back(std::isnan(level) ? Json() : Json(level));
-  return list;
-}
-
 Json switches_json(const std::vector<AntennaSwitch>& switches) {
   Json list = Json::array();
   for (const AntennaSwitch& each : switches) list.push_back({{"before", each.before}, {"now", each.now}});
   return list;
 }
 
+// What is not a number is printed as null.
 Json carrier_json(const Carrier& carrier) {
   Json object = {{"carrier", word_of(carrier.name)}};
   if (carrier.channel) object["channel"] = *carrier.channel;
   if (carrier.pci) object["pci"] = *carrier.pci;
   for (const Measure& measure : kMeasures) {
-    if (is_shown(carrier, measure))
-      object[std::string(measure.word) + "_" + measure.unit] = levels_json(carrier.*measure.levels);
+    if (!is_shown(carrier, measure)) continue;
+    object[std::string(measure.word) + "_" + measure.unit] = carrier.*measure.levels;
   }
   return object;
 }
@@ -112,7 +229,7 @@ Json subscription_json(const SubscriptionReading& reading) {
   object["tx_power_dbm"] = reading.tx_power ? Json(*reading.tx_power) : Json();
   object["carriers"] = Json::array();
   for (const Carrier& carrier : reading.carriers) object["carriers"].push_back(carrier_json(carrier));
-  for (const GainRow& row : gain_rows(reading)) object["gain_dbm"][row.word] = levels_json(row.levels);
+  for (const GainRow& row : gain_rows(reading)) object["gain_dbm"][row.word] = row.levels;
   if (!reading.rx_antennas.empty()) object["rx_antennas"] = switches_json(reading.rx_antennas);
   if (!reading.tx_antennas.empty()) object["tx_antennas"] = switches_json(reading.tx_antennas);
   if (const auto& transmit = reading.transmit_switching) {
@@ -127,18 +244,16 @@ Json subscription_json(const SubscriptionReading& reading) {
 
 }  // namespace
 
+Reading read_signal(std::span<const uint32_t> subs) {
+  Reading reading{WallClock::now(), {}};
+  for (const uint32_t sub : subs) reading.subs.push_back(read_subscription(sub));
+  return reading;
+}
+
 double strongest(const Levels& levels) {
   double best = kNoLevel;
   for (const double level : levels) best = std::fmax(best, level);
   return best;
-}
-
-bool has_level(const Levels& levels) {
-  return !std::isnan(strongest(levels));
-}
-
-std::string text_of(Technology technology) {
-  return technology == Technology::kLte ? "LTE" : "NR";
 }
 
 std::string text_of(const CarrierName& name) {

@@ -26,7 +26,17 @@ inline constexpr Levels kNoLevels = {kNoLevel, kNoLevel, kNoLevel, kNoLevel};
 
 // The level of the strongest chain; no level where none measured.
 double strongest(const Levels& levels);
-bool has_level(const Levels& levels);
+
+// From the lowest level to the highest; no levels while it has none.
+struct LevelRange {
+  double low = kNoLevel;
+  double high = kNoLevel;
+
+  void add(double level) {
+    low = std::fmin(low, level);
+    high = std::fmax(high, level);
+  }
+};
 
 enum class Technology { kLte, kNr };
 
@@ -38,7 +48,6 @@ struct CarrierName {
   auto operator<=>(const CarrierName&) const = default;  // NOLINT(modernize-use-nullptr): it sees its own expansion
 };
 
-std::string text_of(Technology technology);    // "LTE", for people
 std::string text_of(const CarrierName& name);  // "LTE pcc", "NR scc1", for people
 std::string word_of(const CarrierName& name);  // "lte_pcc", "nr_scc1", for scripts
 std::optional<CarrierName> carrier_of_word(const std::string& word);
@@ -107,9 +116,12 @@ std::string mode_text(const std::optional<uint32_t>& mode);
 
 // "-84.5"; "-" for no level.
 std::string level_text(double level);
+std::string whole_level_text(double level);  // "-85"
 
-// "-85"; "-" for no level.
-std::string whole_level_text(double level);
+template <typename Number>
+std::string number_text(const std::optional<Number>& value, const char* otherwise) {
+  return value ? std::to_string(*value) : otherwise;
+}
 
 // The receive gain by technology, where chains have one: what NR's carrier has as RSSI, and what the others measure.
 struct GainRow {

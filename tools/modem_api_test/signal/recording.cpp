@@ -4,7 +4,6 @@
 #include <locale>
 #include <sstream>
 
-#include "failure.h"
 #include "output.h"
 
 namespace pelmar::cli {
@@ -13,21 +12,6 @@ namespace {
 
 std::string column_name(const Measure& measure, size_t chain) {
   return std::string(measure.word) + '_' + std::to_string(chain) + "_" + measure.unit;
-}
-
-template <typename Number>
-std::string cell(const std::optional<Number>& value) {
-  return value ? std::to_string(*value) : "";
-}
-
-std::string cell(double level) {
-  return std::isnan(level) ? "" : level_text(level);
-}
-
-// The antennas of the primary NR carrier's chains; empty for any other.
-std::string antenna_cell(const SubscriptionReading& sub, const Carrier& carrier, size_t chain) {
-  const bool is_known = carrier.name == CarrierName{Technology::kNr, 0} && chain < sub.rx_antennas.size();
-  return is_known ? std::to_string(sub.rx_antennas[chain].now) : "";
 }
 
 std::vector<std::string> split(const std::string& line) {
@@ -98,12 +82,6 @@ class CsvReader {
     return static_cast<uint32_t>(require(parse_number(cell(column), 0, UINT32_MAX), column));
   }
 
-  Levels levels(const Measure& measure) const {
-    Levels levels = kNoLevels;
-    for (size_t chain = 0; chain < kChains; ++chain) levels[chain] = level(column_name(measure, chain));
-    return levels;
-  }
-
  private:
   std::istream& stream_;
   const std::string name_;
@@ -137,29 +115,32 @@ std::string csv_rows(const Reading& reading) {
   std::string rows;
   for (const SubscriptionReading& sub : reading.subs) {
     for (const Carrier& carrier : sub.carriers) {
-      rows += utc_text(reading.time) + ',' + std::to_string(sub.sub) + ',' + cell(sub.mode) + ',' + cell(sub.tx_power) +
-              "," + word_of(carrier.name) + ',' + cell(carrier.channel) + ',' + cell(carrier.pci);
+      rows += utc_text(reading.time) + ',' + std::to_string(sub.sub) + ',' + number_text(sub.mode, "") + ',' +
+              number_text(sub.tx_power, "") + ',' + word_of(carrier.name) + ',' + number_text(carrier.channel, "") +
+              ',' + number_text(carrier.pci, "");
       for (const Measure& measure : kMeasures) {
-        for (const double level : carrier.*measure.levels) rows += ',' + cell(level);
+        for (const double level : carrier.*measure.levels) rows += std::isnan(level) ? "," : ',' + level_text(level);
       }
-      for (size_t chain = 0; chain < kChains; ++chain) rows += ',' + antenna_cell(sub, carrier, chain);
+      // Antennas are those of the primary NR carrier's chains.
+      const size_t antennas = carrier.name == CarrierName{Technology::kNr, 0} ? sub.rx_antennas.size() : 0;
+      for (size_t i = 0; i < kChains; ++i) rows += ',' + (i < antennas ? std::to_string(sub.rx_antennas[i].now) : "");
       rows += "\n";
     }
   }
   return rows;
 }
 
-void Recording::add(const Reading& reading) {
+void add_reading(Recording& recording, const Reading& reading) {
   for (const SubscriptionReading& sub : reading.subs) {
     for (const Carrier& carrier : sub.carriers) {
-      Track& track = tracks_[{sub.sub, carrier.name}];
+      Track& track = recording[{sub.sub, carrier.name}];
       const TrackPoint point = point_of(reading.time, carrier, sub.tx_power ? *sub.tx_power : kNoLevel);
       track.insert(std::upper_bound(track.begin(), track.end(), point, is_earlier), point);
     }
   }
 }
 
-void Recording::add_csv(std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub) {
+void add_csv(Recording& recording, std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub) {
   CsvReader reader(stream, name);
   while (reader.next()) {
     if (reader.cell("time").empty()) continue;
@@ -168,13 +149,15 @@ void Recording::add_csv(std::istream& stream, const std::string& name, std::opti
     if (only_sub.value_or(static_cast<uint32_t>(sub)) != sub) continue;
     Carrier carrier;
     carrier.name = reader.require(carrier_of_word(reader.cell("carrier")), "carrier");
-    for (const Measure& measure : kMeasures) carrier.*measure.levels = reader.levels(measure);
+    for (const Measure& measure : kMeasures) {
+      for (size_t i = 0; i < kChains; ++i) (carrier.*measure.levels)[i] = reader.level(column_name(measure, i));
+    }
     carrier.channel = reader.number("channel");
     carrier.pci = reader.number("pci");
     const TrackPoint point = point_of(time, carrier, reader.level("tx_power_dbm"));
-    tracks_[{static_cast<uint32_t>(sub), carrier.name}].push_back(point);
+    recording[{static_cast<uint32_t>(sub), carrier.name}].push_back(point);
   }
-  for (auto& [key, track] : tracks_) std::stable_sort(track.begin(), track.end(), is_earlier);
+  for (auto& [key, track] : recording) std::stable_sort(track.begin(), track.end(), is_earlier);
 }
 
 }  // namespace pelmar::cli

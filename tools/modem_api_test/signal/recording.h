@@ -4,10 +4,7 @@
 
 #include <istream>
 #include <map>
-#include <optional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "signal/reading.h"
 
@@ -30,24 +27,18 @@ struct TrackPoint {
   std::optional<uint32_t> pci;
 };
 
-class Recording {
- public:
-  using Track = std::vector<TrackPoint>;
-  using Key = std::pair<uint32_t, CarrierName>;  // subscription and carrier
+// In the order of time, also where the wall clock was set back or the rows of a file were not sorted.
+using Track = std::vector<TrackPoint>;
 
-  void add(const Reading& reading);
+using TrackKey = std::pair<uint32_t, CarrierName>;  // subscription and carrier
+using Recording = std::map<TrackKey, Track>;
 
-  // Adds the rows of a CSV file, of one subscription where it is named; columns are found by their names. A last line
-  // that does not end is cut: it is left out, with a remark. Throws a Failure that names the line of a bad row.
-  void add_csv(std::istream& stream, const std::string& name, std::optional<uint32_t> only_sub = std::nullopt);
+void add_reading(Recording& recording, const Reading& reading);
 
-  // Each in the order of time, also where the wall clock was set back or the rows of a file were not sorted.
-  const std::map<Key, Track>& tracks() const { return tracks_; }
-  bool is_empty() const { return tracks_.empty(); }
-
- private:
-  std::map<Key, Track> tracks_;
-};
+// Adds the rows of a CSV file, of one subscription where it is named; columns are found by their names. A last line
+// that does not end is cut: it is left out, with a remark. Throws a Failure that names the line of a bad row.
+void add_csv(Recording& recording, std::istream& stream, const std::string& name,
+             std::optional<uint32_t> only_sub = std::nullopt);
 
 // RSRP and SNR of each carrier and the transmit power over time, one above the other, as an SVG document, light or dark
 // as the viewer prefers. The recording has at least one track.

@@ -12,10 +12,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <string_view>
-#include <utility>
 
 #include "environment.h"
-#include "failure.h"
 
 namespace pelmar::cli {
 
@@ -84,9 +82,9 @@ void handle(int number, void (*handler)(int)) {
 Glyphs screen_glyphs() {
   const locale_t users = newlocale(LC_CTYPE_MASK, "", nullptr);
   if (users == nullptr) return Glyphs::kAscii;
-  const Glyphs glyphs = glyphs_of(nl_langinfo_l(CODESET, users));
+  const bool has_blocks = std::string_view(nl_langinfo_l(CODESET, users)) == "UTF-8";
   freelocale(users);
-  return glyphs;
+  return has_blocks ? Glyphs::kBlocks : Glyphs::kAscii;
 }
 
 }  // namespace
@@ -99,8 +97,7 @@ LiveWatch::LiveWatch(Output& output, Inbox& inbox, std::string modem, uint32_t r
     : output_(output), inbox_(inbox), style_{environment("NO_COLOR").empty(), screen_glyphs()} {
   state_.modem = std::move(modem);
   state_.rate = rate;
-  static const int registered = std::atexit(leave);
-  static_cast<void>(registered);
+  std::atexit(leave);
   for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
   handle(SIGTSTP, leave_while_stopped);
   handle(SIGTTIN, SIG_IGN);  // reading keys in the background fails then, and does not stop the process
@@ -119,10 +116,8 @@ LiveWatch::~LiveWatch() {
   for (const int signal : kDeadlySignals) handle(signal, SIG_DFL);
   handle(SIGTSTP, SIG_DFL);
   if (state_.readings == 0) return;
-  std::string text;
-  for (const std::string& line : picture({size().columns, SIZE_MAX})) text += line + "\n";
   try {
-    output_.write(text);
+    output_.write(join(picture({size().columns, SIZE_MAX}), "\n") + "\n");
   } catch (const Failure&) {
     return;  // the terminal is gone
   }
@@ -135,23 +130,18 @@ TerminalSize LiveWatch::size() const {
 }
 
 std::vector<std::string> LiveWatch::picture(TerminalSize size) const {
-  return live_view(frozen_ ? frozen_->first : last_, frozen_ ? frozen_->second : history_, state_, size, style_);
+  return live_view(state_.is_paused ? frozen_ : shown_, state_, size, style_);
 }
 
 // Draws nothing while the terminal is given back.
 void LiveWatch::draw() {
-  if (!g_is_shown) return;
-  std::string text;
-  for (const std::string& line : picture(size())) {
-    text += (text.empty() ? "\033[H" : "\r\n") + line + "\033[K";
-  }
-  output_.write(text + "\033[J");
+  if (g_is_shown) output_.write("\033[H" + join(picture(size()), "\033[K\r\n") + "\033[K\033[J");
 }
 
 void LiveWatch::take(const Reading& reading) {
   const std::lock_guard lock(mutex_);
-  last_ = reading;
-  history_.add(reading, Clock::now());
+  shown_.reading = reading;
+  shown_.history.add(reading, Clock::now());
   ++state_.readings;
   state_.trouble.clear();
   draw();
@@ -161,7 +151,7 @@ void LiveWatch::miss(const std::string& problem) {
   const std::lock_guard lock(mutex_);
   const auto now = Clock::now();
   if (state_.trouble.empty()) lost_ = now;
-  history_.add_gap(now);
+  shown_.history.add_gap(now);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - lost_).count();
   state_.trouble = "MODEM AWAY " + std::to_string(seconds) + " s: " + problem + "; Ctrl-C ends";
   draw();
@@ -191,10 +181,9 @@ void LiveWatch::read_keys() {
 // Of an arrow's sequence the last byte acts, a letter from A to D.
 void LiveWatch::act_on(char key) {
   if (key == 'q') inbox_.interrupt();
-  if (key == 'p' && std::exchange(state_.is_paused, !state_.is_paused)) {
-    frozen_.reset();
-  } else if (key == 'p') {
-    frozen_.emplace(last_, history_);
+  if (key == 'p') {
+    state_.is_paused = !state_.is_paused;
+    frozen_ = shown_;
   }
   if (key == '1' || key == '2') {
     const auto sub = static_cast<uint32_t>(key - '1');

@@ -8,10 +8,7 @@
 #pragma once
 
 #include <mutex>
-#include <optional>
-#include <string>
 #include <thread>
-#include <utility>
 
 #include "inbox.h"
 #include "output.h"
@@ -47,10 +44,9 @@ class LiveWatch {
   std::mutex mutex_;  // guards what follows, and drawing
   LiveState state_;
   Clock::time_point lost_;
-  Reading last_;
-  History history_;
-  std::optional<std::pair<Reading, History>> frozen_;  // what a paused view shows
-  UniqueFd ended_;                                     // an eventfd
+  Shown shown_;
+  Shown frozen_;    // of a paused view
+  UniqueFd ended_;  // an eventfd
   std::thread keys_;
 };
 
