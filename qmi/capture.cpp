@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -155,6 +156,14 @@ bool is_regular(int descriptor) {
   return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+// The bytes that may be added to a file.
+int64_t room_of(int descriptor) {
+  struct stat status {};
+  rlimit limit{};
+  if (::fstat(descriptor, &status) != 0 || ::getrlimit(RLIMIT_FSIZE, &limit) != 0) return INT64_MAX;
+  return static_cast<int64_t>(std::min<rlim_t>(limit.rlim_cur, INT64_MAX)) - status.st_size;
+}
+
 // Keeps SIGPIPE from the program while this thread writes to a pipe.
 class NoPipeSignal {
  public:
@@ -229,7 +238,7 @@ int open_capture(const std::string& name, std::string& problem) {
 // --- writing ---
 
 CaptureWriter::CaptureWriter(int descriptor, std::string_view program, std::function<void(int error)> ended)
-    : descriptor_(descriptor), is_file_(is_regular(descriptor)), ended_(std::move(ended)) {
+    : descriptor_(descriptor), is_file_(is_regular(descriptor)), room_(room_of(descriptor)), ended_(std::move(ended)) {
   Block header = begin_section_header();
   header.put_option(kApplication, program);
   write_block({{header.finish()}});
@@ -284,7 +293,10 @@ void CaptureWriter::write_block(const Parts& parts) {
   const std::span<uint8_t> block(large ? large.get() : small, length);
   auto at = block.begin();
   for (const auto& part : parts) at = std::copy(part.begin(), part.end(), at);
-  if (is_file_) return end(write_to_file(descriptor_, block));
+  if (is_file_) {
+    const bool has_room = room_.fetch_sub(static_cast<int64_t>(length)) >= static_cast<int64_t>(length);
+    return end(has_room ? write_to_file(descriptor_, block) : EFBIG);
+  }
   const std::lock_guard lock(pipe_mutex_);
   if (!has_ended_) end(write_to_pipe(descriptor_, block));
 }

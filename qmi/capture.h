@@ -60,8 +60,9 @@ class CaptureWriter {
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 
   // Writes a message with the present time. A file takes it without waiting for other threads. A pipe takes messages
-  // one by one; if it takes none for some seconds, the write has failed. A file that has reached the process's limit of
-  // a file's length raises SIGXFSZ, which ends a program that does not ignore it.
+  // one by one; if it takes none for some seconds, the write has failed. So it has where a file would exceed the limit
+  // of a file's length that the process had at the beginning. SIGXFSZ, which ends a program that does not ignore it,
+  // comes only where the limit was lowered since, or another process writes the same file.
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 
  private:
@@ -72,6 +73,7 @@ class CaptureWriter {
 
   const int descriptor_;
   const bool is_file_;
+  std::atomic<int64_t> room_;  // what a file may take; negative where that was exceeded
   const std::function<void(int error)> ended_;
   std::atomic<bool> has_ended_{false};
   std::mutex links_mutex_;

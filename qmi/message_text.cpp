@@ -198,7 +198,7 @@ std::string message_text(uint8_t service, uint16_t message) {
   return name != nullptr ? name : hex_number(message, 4);
 }
 
-int64_t local_time_of_day(int64_t time_ns) {
+LocalTime local_time(int64_t time_ns) {
   constexpr int64_t kPeriod = 900;  // clocks are changed at quarters of an hour
   thread_local int64_t period = INT64_MIN;
   thread_local int64_t offset = 0;
@@ -210,14 +210,14 @@ int64_t local_time_of_day(int64_t time_ns) {
     offset = local.tm_gmtoff;
     period = now;
   }
-  const int64_t seconds = ((time.seconds + offset) % kSecondsPerDay + kSecondsPerDay) % kSecondsPerDay;
-  return seconds * kSecond + time.nanoseconds;
+  const int64_t seconds = time.seconds + offset + kSecondsPerDay;  // not negative
+  return {seconds / kSecondsPerDay - 1, seconds % kSecondsPerDay * kSecond + time.nanoseconds};
 }
 
 void append_line(std::string& text, const TracedMessage& traced, bool has_fields) {
   const CapturedMessage& captured = traced.captured;
   const uint8_t service = captured.frame.service;
-  const int64_t time = local_time_of_day(captured.time_ns) / 1000;
+  const int64_t time = local_time(captured.time_ns).ns / 1000;
   const int64_t seconds = time / 1'000'000;
   append_padded(text, seconds / 3600, 2);
   append_padded(text += ':', seconds / 60 % 60, 2);

@@ -24,8 +24,11 @@ struct TracedMessage {
 std::string service_text(uint8_t service);
 std::string message_text(uint8_t service, uint16_t message);
 
-// Nanoseconds of the local day.
-int64_t local_time_of_day(int64_t time_ns);
+struct LocalTime {
+  int64_t day;  // since 1970
+  int64_t ns;   // of the day
+};
+LocalTime local_time(int64_t time_ns);  // which is not negative
 
 // "08:15:30.125000 mtb[1234] <- VS 1 READ_NV #5 NO_ENTRY 0.456 ms", and a line for each TLV.
 void append_line(std::string& text, const TracedMessage& traced, bool has_fields);

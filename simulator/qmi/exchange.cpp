@@ -26,6 +26,7 @@ struct ControlRequest {
   Modem& modem;
   Connection& connection;
   const qmi::Message& message;
+  Replay* replay;
 };
 
 QmiError succeed(qmi::FrameWriter& response, uint8_t tlv = 0, std::span<const uint8_t> value = {}) {
@@ -64,12 +65,14 @@ QmiError find_mandatory_tlv(const ControlRequest& request, size_t size, std::spa
 QmiError allocate_client_id(const ControlRequest& request, qmi::FrameWriter& response) {
   std::span<const uint8_t> value;
   if (const QmiError error = find_mandatory_tlv(request, 1, value)) return error;
-  if (request.modem.state() != Modem::State::kReady) return QMI_ERR_DEVICE_NOT_READY_V01;
   Modem::Slot* const slot = request.modem.find_running(value[0]);
-  if (slot == nullptr) return QMI_ERR_INVALID_ID_V01;
-  const std::optional<uint8_t> client = slot->clients.allocate(request.connection);
-  if (!client) return QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
-  const uint8_t allocated[] = {value[0], *client};
+  QmiError error = request.modem.state() != Modem::State::kReady ? QMI_ERR_DEVICE_NOT_READY_V01
+                   : slot == nullptr                             ? QMI_ERR_INVALID_ID_V01
+                   : slot->clients.count() == ClientIds::kLimit  ? QMI_ERR_CLIENT_IDS_EXHAUSTED_V01
+                                                                 : QMI_ERR_NONE_V01;
+  if (request.replay != nullptr) error = request.replay->allocation_error(value[0], error);
+  if (error != QMI_ERR_NONE_V01) return error;
+  const uint8_t allocated[] = {value[0], *slot->clients.allocate(request.connection)};
   return succeed(response, kMandatoryTlv, allocated);
 }
 
@@ -169,7 +172,7 @@ void Exchange::on_frame(Connection& connection, const qmi::Frame& frame) {
   if (fault && fault->kind == FaultKind::kError) {
     error = fault->error;
   } else if (frame.service == qmi::kControlService) {
-    error = handle_control({modem_, connection, *request}, writer_);
+    error = handle_control({modem_, connection, *request, replay_}, writer_);
   } else {
     error = respond_to_client(connection, frame, *request, fault);
   }

@@ -124,6 +124,7 @@ void RecordedTraffic::add_control(uint32_t link, Time time, const qmi::Message& 
   const auto value = qmi::find_tlv(message.tlvs, 0x01).value_or(std::span<const uint8_t>());
   const bool is_indication = message.kind == qmi::MessageKind::kIndication;
   const bool is_response = message.kind == qmi::MessageKind::kResponse;
+  if (message.id == ctl::kAllocateClientId) add_allocation({link, message.transaction}, message, value);
   if (is_response && message.id == ctl::kAllocateClientId && value.size() == 2) {
     open_.erase({link, value[0], value[1]});
     service_is_up(value[0], time);
@@ -141,6 +142,18 @@ void RecordedTraffic::add_control(uint32_t link, Time time, const qmi::Message& 
     const auto last = open_.upper_bound({link, UINT8_MAX, UINT8_MAX});
     for (auto place = first; place != last; ++place) add_indication(place->second, time, {Event::kRestart});
     open_.erase(first, last);
+  }
+}
+
+void RecordedTraffic::add_allocation(const ControlKey& key, const qmi::Message& message,
+                                     std::span<const uint8_t> value) {
+  if (message.kind == qmi::MessageKind::kRequest && value.size() == 1) {
+    allocating_[key] = value[0];
+    kept_ += kOverhead;
+  } else if (const auto service = allocating_.extract(key)) {
+    const auto result = qmi::find_tlv(message.tlvs, qmi::kResultTlv);
+    if (!result || result->size() != qmi::kResultLength) return;
+    allocations_[service.mapped()].push_back(qmi::load_u16(&(*result)[2]));
   }
 }
 

@@ -6,6 +6,7 @@
 // what is kept of it has a bound.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -77,14 +78,19 @@ class RecordedTraffic {
   Numbers same_request(uint8_t service, Bytes request) const;
   Numbers same_message(uint8_t service, uint16_t message) const;
 
+  // The errors of the allocations of a service's client ids, in order; 0 for a success.
+  std::span<const uint16_t> allocations(uint8_t service) const { return allocations_[service]; }
+
  private:
   using ClientKey = std::tuple<uint32_t, uint8_t, uint8_t>;  // link, service, client id
+  using ControlKey = std::pair<uint32_t, uint16_t>;          // link, transaction
 
   bool is_full() const { return kept_ > kMaxKept; }
   Bytes keep(std::span<const uint8_t> bytes);
   uint32_t client_of(const ClientKey& key);
   void add(const qmi::CapturedMessage& captured, const qmi::Message& message);
   void add_control(uint32_t link, Time time, const qmi::Message& message);
+  void add_allocation(const ControlKey& key, const qmi::Message& message, std::span<const uint8_t> value);
   void add_indication(uint32_t client, Time time, const Indication& indication);
   void service_is_up(uint8_t service, Time time);
   void make_index();
@@ -97,11 +103,13 @@ class RecordedTraffic {
   std::deque<Exchange> exchanges_;
   std::vector<uint32_t> by_request_;
   std::vector<uint32_t> by_message_;
+  std::array<std::vector<uint16_t>, 256> allocations_;
 
   // While the capture is read.
   std::map<ClientKey, uint32_t> open_;
   std::unordered_map<uint64_t, uint32_t> pending_;                  // by client and transaction
   std::map<uint8_t, std::vector<std::pair<uint32_t, Time>>> down_;  // the clients that a service had when it went down
+  std::map<ControlKey, uint8_t> allocating_;                        // the service of each request
 };
 
 }  // namespace pelmar::sim

@@ -142,6 +142,16 @@ std::optional<Replay::Response> Replay::respond(const qmi::Frame& frame) {
   return std::nullopt;
 }
 
+QmiError Replay::allocation_error(uint8_t service, QmiError present) {
+  const std::span<const uint16_t> recorded = traffic_.allocations(service);
+  if (recorded.empty()) return present;
+  size_t& next = next_allocation_[service];
+  const QmiError error = recorded[next];
+  // A success stays the next outcome until the modem has an id.
+  if (error != QMI_ERR_NONE_V01 || present == QMI_ERR_NONE_V01) next = (next + 1) % recorded.size();
+  return error != QMI_ERR_NONE_V01 ? error : present;
+}
+
 void Replay::report_missing(uint8_t service, uint16_t message) {
   if (reported_.size() == kMaxReported || !reported_.emplace(service, message).second) return;
   const std::string name(modem_->find(service)->service->name());

@@ -6,7 +6,7 @@
 // else of any client of the service; behind the last one, the last one again. A recorded request without response stays
 // without one. Indications come at their recorded times after the client's first request, and after as many requests
 // as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a
-// service.
+// service. Allocations of a service's client ids fail in the recorded order, which begins again behind the last one.
 #pragma once
 
 #include <cstdint>
@@ -48,6 +48,9 @@ class Replay {
   // message, which is reported on standard error.
   std::optional<Response> respond(const qmi::Frame& frame);
 
+  // The error of the next allocation of a client id of the service: as recorded, or else `present`, that of the modem.
+  QmiError allocation_error(uint8_t service, QmiError present);
+
  private:
   struct EmptyObject;
   class RecordedService;  // by which the modem gives client ids of a service that only the capture has
@@ -78,7 +81,8 @@ class Replay {
   std::vector<std::unique_ptr<RecordedService>> services_;
   Modem* modem_ = nullptr;
   EventLoop::Task restart_modem_;
-  std::vector<bool> is_played_;  // by recorded client
+  std::vector<bool> is_played_;                // by recorded client
+  std::map<uint8_t, size_t> next_allocation_;  // by service
   std::map<ClientKey, Player> players_;
   std::set<std::pair<uint8_t, uint16_t>> reported_;  // services and messages
 };

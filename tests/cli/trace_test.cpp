@@ -141,6 +141,7 @@ TEST_F(TraceTest, FiltersSelectMessages) {
       {"--from 08:15:30.0091 --to 08:15:30.0093", 2},
       {"--from 2024-05-17T06:15:30.009Z", 4},
       {"--to 08:15", 0},
+      {"--from 2024-05-17T06:16Z --to 2024-05-17T06:15Z", 0},
   };
   for (const auto& [filter, lines] : cases) {
     expect({{Text("client trace a ") + filter + " | wc -l", 0, std::to_string(lines) + "\n"}});
@@ -151,6 +152,25 @@ TEST_F(TraceTest, FiltersSelectMessages) {
        {"client trace a --message ''", 2, "--message: '' is no message"},
        {"client trace a --message nothing", 2, "'nothing' is no message"},
        {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
+}
+
+TEST_F(TraceTest, ATimeOfTheDayIsOneOfEveryDayAndARangeMayGoOverMidnight) {
+  Text packets = section();
+  constexpr uint64_t kSecond = 1'000'000, kHour = 3600 * kSecond, kStart = 14 * kHour + (44 * 60 + 30) * kSecond;
+  for (const uint64_t evening : {kStart, kStart + 24 * kHour}) {  // 23:00
+    for (const uint64_t time : {evening - 1, evening, evening + 2 * kHour - 1, evening + 2 * kHour}) {
+      packets += message(time, kRequest, 0xE4, 3, 1, 0x401);
+    }
+  }
+  write("a", packets);
+  expect({{"client trace a --from 23:00 --to 01:00 | cut -d ' ' -f 1,2", 0,
+           "23:00:00.000000 mtb[7]\\u001b\n"
+           "--- 2024-05-18\n"
+           "00:59:59.999999 mtb[7]\\u001b\n"
+           "23:00:00.000000 mtb[7]\\u001b\n"
+           "--- 2024-05-19\n"
+           "00:59:59.999999 mtb[7]\\u001b\n"},
+          {"client trace a --from 22:59 --to 23:00 --json | grep -c to_modem", 0, "2\n"}});
 }
 
 TEST_F(TraceTest, WhatCanBeReadOfAFileIsReadAndTheRestIsReportedInOneLine) {

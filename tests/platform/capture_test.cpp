@@ -219,17 +219,27 @@ TEST_F(CaptureFileTest, LinksBeyondTheLimitAreOthers) {
 }
 
 TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
-  ASSERT_EQ(problem_of(path_), "");
-  CaptureWriter writer(file_.get(), "program 1", on_end_);
-  writer.add_link(link_, Sharing::kShared);
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlim_t length = std::filesystem::file_size(path_);
-  for (const rlim_t limit : {length + 80, RLIM_INFINITY}) {  // a block has 64 bytes
+  const auto set_limit = [](rlim_t limit) {
     const rlimit limits = {limit, RLIM_INFINITY};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limits), 0);
+  };
+  const auto write_to_limit = [&](CaptureWriter& writer) {  // SIGXFSZ would end this process
     for (int i = 0; i < 3; ++i) writer.write(0, Direction::kToModem, 3, 1, Bytes(8));
-  }
-  EXPECT_THAT(read(UniqueFd(::open(path_.c_str(), O_RDONLY))), testing::EndsWith(":0:3:8 cut"));
+    return read(UniqueFd(::open(path_.c_str(), O_RDONLY)));
+  };
+  ASSERT_EQ(problem_of(path_), "");
+  CaptureWriter unlimited(file_.get(), "program 1", on_end_);
+  unlimited.add_link(link_, Sharing::kShared);
+  const rlim_t length = std::filesystem::file_size(path_);
+  set_limit(length + 80);  // a block has 60 bytes
+  EXPECT_THAT(write_to_limit(unlimited), testing::EndsWith(":0:3:8 cut"));
+  set_limit(length + 120);
+  ASSERT_EQ(problem_of(path_), "");
+  CaptureWriter limited(file_.get(), "program 1", on_end_);
+  limited.add_link(link_, Sharing::kShared);
+  EXPECT_THAT(write_to_limit(limited), testing::EndsWith(":0:3:8 end"));
+  EXPECT_EQ(std::filesystem::file_size(path_), length + 120);
+  set_limit(RLIM_INFINITY);
 
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -237,7 +247,7 @@ TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
   ::close(ends[0]);
   CaptureWriter to_pipe(output.get(), "program 1", on_end_);  // SIGPIPE would end this process
   to_pipe.write(0, Direction::kToModem, 3, 1, Bytes(8));
-  EXPECT_THAT(errors_, ElementsAre(ENOSPC, EPIPE));
+  EXPECT_THAT(errors_, ElementsAre(ENOSPC, EFBIG, EPIPE));
 }
 
 TEST_F(ClientTest, TheTraceHasEveryMessageOnceAndRequestsFirst) {

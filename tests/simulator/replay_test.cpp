@@ -116,6 +116,23 @@ TEST_F(ReplayTest, IndicationsRestartsAndRevocationsComeAfterTheRequestsBeforeTh
   EXPECT_EQ(response_to(fourth, 0x0100, 3), 5);
 }
 
+TEST_F(ReplayTest, AllocationsFailInTheRecordedOrder) {
+  begin_link();
+  for (const uint8_t error : {0, 5, 0}) {
+    write(0, 0, Kind::kRequest, kAllocate, argument(kVs));
+    write(0, 0, Kind::kResponse, kAllocate, tlv(0x02, {uint8_t{error != 0}, 0, error, 0}));
+  }
+  write_exchange(kVs, 0x0100, 1, 'a');
+  play();
+
+  QmuxClient client(modem_->socket());
+  modem_->command("service vs down");
+  EXPECT_EQ(client.control(kAllocate, argument(kVs)).error(), 41);
+  modem_->command("service vs up");
+  for (const uint16_t error : {0, 5, 0, 0, 5}) EXPECT_EQ(client.control(kAllocate, argument(kVs)).error(), error);
+  EXPECT_NE(client.allocate(kNas), 0);
+}
+
 TEST_F(ReplayTest, ACaptureThatIsCutIsPlayedAndOneWithoutRequestsIsRefused) {
   const std::string text = directory_.path("text");
   std::ofstream(text) << "no capture";

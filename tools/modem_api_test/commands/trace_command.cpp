@@ -27,7 +27,7 @@ namespace {
 constexpr size_t kMostBuffered = 65536;
 
 bool is_after(const Moment& moment, int64_t time_ns) {
-  return moment.ns > (moment.is_of_day ? qmi::local_time_of_day(time_ns) : time_ns);
+  return moment.ns > (moment.is_of_day ? qmi::local_time(time_ns).ns : time_ns);
 }
 
 // What the names and numbers of a filter stand for.
@@ -61,14 +61,21 @@ struct TraceValues {
     const qmi::Frame& frame = traced.captured.frame;
     if (!services.empty() && !is_in(services, frame.service)) return false;
     if (client && *client != frame.client) return false;
-    if (from && is_after(*from, traced.captured.time_ns)) return false;
-    if (to && !is_after(*to, traced.captured.time_ns)) return false;
+    if (!accepts_time(traced.captured.time_ns)) return false;
     if (!messages.empty() && !(traced.message && (is_in(messages, message_key(frame.service, traced.message->id)) ||
                                                   is_in(messages, message_key(kAnyService, traced.message->id))))) {
       return false;
     }
     if (errors.empty()) return true;
     return traced.error && (is_in(errors, *traced.error) || (*traced.error != 0 && is_in(errors, kAnyError)));
+  }
+
+ private:
+  bool accepts_time(int64_t time_ns) const {
+    const bool has_begun = !from || !is_after(*from, time_ns);
+    const bool has_not_ended = !to || is_after(*to, time_ns);
+    const bool is_over_midnight = from && to && from->is_of_day && to->is_of_day && to->ns < from->ns;
+    return is_over_midnight ? has_begun || has_not_ended : has_begun && has_not_ended;
   }
 };
 
@@ -114,9 +121,10 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
   add("--result", "RESULT", values.errors, errors, UINT16_MAX, 0,
       "only responses with these results (error: any but success)");
   command.add_number("--client", values.client, "only this client id");
-  command.add_parsed("--from", "only from this time on: of the day (local) as lines show it, or as in JSON (UTC)",
+  command.add_parsed("--from", "only from this time on: of any day (local) as lines show it, or as in JSON (UTC)",
                      take_moment(values.from), {.type = "TIME"});
-  command.add_parsed("--to", "only before this time", take_moment(values.to), {.type = "TIME"});
+  command.add_parsed("--to", "only before this time; --from 23:00 --to 01:00 goes over midnight",
+                     take_moment(values.to), {.type = "TIME"});
 }
 
 // --- the summary ---
@@ -344,7 +352,18 @@ class Trace {
     ++accepted_;
     if (traced.message) exchanges_.count(traced);
     if (values_.is_summary) return;
-    (context_.output.is_json() ? qmi::append_json : qmi::append_line)(text_, traced, values_.has_fields);
+    if (context_.output.is_json()) return qmi::append_json(text_, traced, values_.has_fields);
+    const int64_t day = qmi::local_time(captured.time_ns).day;
+    if (day != day_.value_or(day)) append_date(day);
+    day_ = day;
+    qmi::append_line(text_, traced, values_.has_fields);
+  }
+
+  void append_date(int64_t day) {
+    const time_t midnight = day * 86400;
+    tm date{};
+    char line[64];
+    text_.append(line, strftime(line, sizeof line, "--- %Y-%m-%d ---\n", gmtime_r(&midnight, &date)));
   }
 
   void flush() {
@@ -388,6 +407,7 @@ class Trace {
   Exchanges exchanges_;
   uint64_t read_ = 0;
   uint64_t accepted_ = 0;
+  std::optional<int64_t> day_;  // of the line before
 };
 
 void trace(const Context& context, const TraceValues& values) {
@@ -407,7 +427,8 @@ void add_trace_command(CommandLine& line) {
   command.add_notes(
       "A capture is a pcapng file as --trace FILE, PELMAR_TRACE=FILE and 'modem_sim serve --trace FILE' write it. A "
       "line has the local time, the process, -> to the modem or <- from it, the service, the client id, the message "
-      "and #transaction; of a response also its result and the milliseconds since the request. No modem is used.");
+      "and #transaction; of a response also its result and the milliseconds since the request. A line with the date "
+      "comes where the day changes. No modem is used.");
   command.add_notes(
       "The exit status is 0 also for a capture that ends within a message, as that of a killed program. It is 1, after "
       "what can be read, for a damaged one.");

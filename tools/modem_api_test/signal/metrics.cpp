@@ -78,7 +78,7 @@ class Metrics : public prometheus::Collectable {
     MetricFamilies families;
     families.add("pelmar_modem_up", "1 while the modem responds, 0 while it is away", is_up);
     families.add("pelmar_readings_total", "Readings of the signal", readings_);
-    families.add("pelmar_errors_total", "Requests that failed or had no response", failed_exchanges());
+    families.add("pelmar_errors_total", "Requests that failed or had no response in time", failed_exchanges());
     families.add("pelmar_restarts_total", "Times that the modem came back after a loss of its connection", restarts_);
     for (size_t i = 0; is_up && i < reading_->subs.size(); ++i) families.add(reading_->subs[i]);
     return std::move(families.list);
