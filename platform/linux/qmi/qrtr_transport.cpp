@@ -38,10 +38,16 @@ constexpr Deadline::Milliseconds kCheckTimeout{500};
 constexpr Deadline::Milliseconds kCheckInterval{100};
 constexpr Deadline::Milliseconds kReportInterval{1000};
 
+// The most memory that the kernel uses for a datagram: it allocates powers of two, and adds its own structures. A
+// datagram that is too long is received as an empty one.
+constexpr size_t most_memory_of(size_t length) {
+  return 2 * (length > 0 ? length : QrtrSocket::kMaxDatagram) + 2048;
+}
+
 // Waits for one of the descriptors. A signal may end the wait early.
 void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
-  if (deadline.has_passed()) return;
   const auto remaining = deadline.remaining().count();
+  if (remaining == 0 && !deadline.is_none()) return;
   const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
   ::ppoll(descriptors.data(), descriptors.size(), deadline.is_none() ? nullptr : &time, nullptr);
 }
@@ -209,7 +215,7 @@ QrtrSocket::Memory QrtrSocket::memory() const {
   uint32_t values[SK_MEMINFO_VARS] = {};
   socklen_t length = sizeof values;
   ::getsockopt(descriptor(), SOL_SOCKET, SO_MEMINFO, values, &length);
-  return {values[SK_MEMINFO_DROPS], values[SK_MEMINFO_RMEM_ALLOC]};
+  return {values[SK_MEMINFO_DROPS], values[SK_MEMINFO_RMEM_ALLOC], values[SK_MEMINFO_RCVBUF]};
 }
 
 void QrtrSocket::refuse_datagrams() {
@@ -228,7 +234,8 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
       wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
       capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),
       message_(new uint8_t[capacity_]),
-      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]) {  // not initialised: bytes are written before they are read
+      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]),  // not initialised: bytes are written before they are read
+      unchecked_limit_(socket_.memory().capacity / 2) {
   if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
@@ -269,7 +276,10 @@ ReadStatus QrtrConnection::read(const Deadline& deadline) {
     if (has_stopped_) return ReadStatus::kGone;
     size_t length = 0;
     const ReadStatus status = socket_.receive(received_.get(), length, from_);
-    if (status == ReadStatus::kRead) datagram_ = {received_.get(), length};
+    if (status == ReadStatus::kRead) {
+      datagram_ = {received_.get(), length};
+      unchecked_bytes_ += most_memory_of(length);
+    }
     if (status != ReadStatus::kTimedOut) {
       check_for_drops();
       return status;
@@ -330,8 +340,12 @@ bool QrtrConnection::is_departure(std::span<const uint8_t> packet) const {
   }
 }
 
-// After drops, looks the service up again, because the report that it went away may be among them.
+// After drops, looks the service up again, because the report that it went away may be among them. The kernel drops a
+// datagram only while the socket's memory is full of others, all of which are read later. So every drop is found by
+// checks that are half of that memory apart.
 void QrtrConnection::check_for_drops() {
+  if (unchecked_bytes_ < unchecked_limit_ && unreported_drops_ == 0 && !is_check_due_) return;
+  unchecked_bytes_ = 0;
   const QrtrSocket::Memory memory = socket_.memory();
   const uint32_t drops = memory.drops - std::exchange(drops_, memory.drops);
   unreported_drops_ += drops;
@@ -340,7 +354,6 @@ void QrtrConnection::check_for_drops() {
     report_drops();
     next_report_ = Deadline::after(kReportInterval);
   }
-  // Nothing is dropped unless something waits to be read, so there is always a last check after the last drop.
   if (!is_check_due_ || (memory.waiting_bytes > 0 && !next_check_.has_passed())) return;
   QrtrSocket socket;
   QrtrAddress found;

@@ -106,10 +106,12 @@ class QrtrSocket {
   enum class Found { kFound, kAbsent, kNoResponse };
   Found find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address);
 
-  // The kernel's counts of the datagrams that were dropped because the socket was full, and of the bytes that wait.
+  // The number of datagrams that were dropped because the socket was full, the memory of those that wait, and the
+  // memory at which the socket is full.
   struct Memory {
     uint32_t drops;
     uint32_t waiting_bytes;
+    uint32_t capacity;
   };
   Memory memory() const;
 
@@ -173,7 +175,9 @@ class QrtrConnection final : public Connection {
   std::span<const uint8_t> datagram_;  // the received datagram, until next() takes it
   QrtrAddress from_;
   bool is_lost_ = false;
-  uint32_t drops_ = 0;  // the kernel's count when it was last read
+  const size_t unchecked_limit_;
+  size_t unchecked_bytes_ = 0;  // the memory of the datagrams read since the last check for drops, or more
+  uint32_t drops_ = 0;          // the kernel's count when it was last read
   uint32_t unreported_drops_ = 0;
   bool is_check_due_ = false;
   Deadline next_check_ = Deadline::now();
