@@ -135,6 +135,11 @@ ROWS = [
      at_least("second_connection_beside_stream", "events_per_second", 19_900, lambda value: f"{value:,.0f}/s")),
     ("signal --watch, 10 readings a second for 20 s, of one core",
      bounded("signal_watch", "core_percent", 5, lambda value: f"{value:.2f} %")),
+    ("trace of a capture of 1,000,000 messages, processor time",
+     bounded("trace_lines", "busy_seconds", 3, lambda value: f"{value:.2f} s")),
+    ("  its memory", bounded("trace_lines", "most_megabytes", 64, lambda value: f"{value:.1f} MB")),
+    ("largest events at 20,000 a second, traced by the client: messages not in the capture",
+     bounded("traced_stream", "lost", 0, count)),
 ]
 
 

@@ -14,7 +14,7 @@ build=build/bench
 
 need_packages $PACKAGES_BUILD libbenchmark-dev python3
 configure "$build" -DCMAKE_BUILD_TYPE=Release -DPELMAR_BENCH=ON -DPELMAR_TESTS=OFF
-programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_transports bench_signal_watch)
+programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_transports bench_client)
 cmake --build "$build" --target "${programs[@]}" >/dev/null
 
 priority=() note="normal priority"
@@ -28,7 +28,7 @@ for program in "${programs[@]}"; do
   echo "running $program ..." >&2
   prefix=() arguments=() rounds=$repetitions seconds=0.1
   [ "$program" != bench_transports ] || arguments=(device)
-  [ "$program" != bench_signal_watch ] || rounds=1  # one watch of many readings
+  [ "$program" != bench_client ] || rounds=1  # of long runs
   if [ "$program" = bench_end_to_end ] || [ "$program" = bench_transports ]; then  # many short rounds
     prefix=("${priority[@]}") rounds=$((repetitions * 4)) seconds=0.025
   fi
