@@ -34,5 +34,7 @@ json.dump(entries, open(lint + "/compile_commands.json", "w"))
 print("\n".join(sorted(sources, reverse=True)))
 PY
 )
-printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 1 nice clang-tidy -p build/lint --quiet
+# The analyzer's own bound of 225,000 states for each function takes three times as long.
+bound=(--extra-arg=-Xclang --extra-arg=-analyzer-config --extra-arg=-Xclang --extra-arg=max-nodes=50000)
+printf '%s\n' "$sources" | xargs -P "$(nproc)" -n 1 nice clang-tidy -p build/lint --quiet "${bound[@]}"
 echo "lint: clean"
