@@ -95,9 +95,9 @@ bool write_exchanges(const std::string& name) {
   request.insert(request.end(), {1, 4, 0, 10, 0, 0, 0});
   response.insert(response.end(), {qmi::kResultTlv, 4, 0, 0, 0, 0, 0});
   const auto write = [&](qmi::Direction direction, qmi::MessageKind kind, std::vector<uint8_t>& message, int number) {
-    qmi::store_message_header(message.data(), kind, static_cast<uint16_t>(number), qmi::vs::kReadNv,
+    qmi::store_message_header(message.data(), kind, static_cast<uint16_t>(number), vs::kReadNv,
                               message.size() - qmi::kMessageHeaderLength);
-    writer.write(link, direction, qmi::vs::kServiceId, 1, message);
+    writer.write(link, direction, vs::kServiceId, 1, message);
   };
   for (int i = 0; i < kCapturedExchanges; ++i) {
     write(qmi::Direction::kToModem, qmi::MessageKind::kRequest, request, i);

@@ -12,12 +12,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "capture.h"
+#include "inspection.h"
 #include "nas_messages.h"
 #include "qmi_client.h"
 #include "qrtr_transport.h"
@@ -252,8 +254,17 @@ TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
   EXPECT_EQ(open(&handle, 4, 3), QMI_TIMEOUT_ERR);
   ::setenv("PELMAR_MODEM", ("qrtr:" + std::to_string(one.own_node())).c_str(), 1);
   EXPECT_EQ(open(&handle), QMI_NO_ERR);
+  ModemReport report;
+  pelmar_platform_inspect_modem(&report);
+  std::set<uint32_t> instances;
+  for (const ListedService& service : report.services) {
+    if (service.number == NAS_SERVICE_ID_V01 && service.node == one.own_node()) instances.insert(service.instance);
+  }
+  EXPECT_EQ(instances, (std::set<uint32_t>{1, 2})) << report.problem;
   ::setenv("PELMAR_MODEM", "qrtr:99", 1);
   EXPECT_EQ(open(&handle), QMI_TIMEOUT_ERR);
+  pelmar_platform_inspect_modem(&report);
+  EXPECT_EQ(report.problem, "QRTR lists no service");
 }
 
 TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {

@@ -1,4 +1,7 @@
 // The client table: the slots, the notices to clients, and the state after a client was opened and freed.
+#include <array>
+#include <cstring>
+
 #include "golden_log.h"
 #include "vs_client.h"
 
@@ -94,8 +97,11 @@ TEST_F(ClientTable, FreesAClientWithItsConnection) {
 TEST_F(ClientTable, IsInitialisedOnceAndReleasedWithoutItsConnections) {
   open();
   clear_records();
+  auto& parameters = vs_client_info.os_params;
+  std::memset(&parameters, 0xFF, sizeof parameters);
   EXPECT_EQ(modem_api_init(), 0);
   EXPECT_EQ(vs_client_info.client_handle, nullptr);
+  EXPECT_EQ(std::memcmp(&parameters, std::array<uint8_t, sizeof parameters>().data(), sizeof parameters), 0);
   expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_ALREADY_INITIALIZED);
 
   EXPECT_EQ(modem_api_release(), 0);
