@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -128,7 +129,8 @@ int count_events(const std::string& name) {
   int count = 0;
   while (reader.next(captured) == qmi::CaptureReader::Status::kMessage) {
     const auto message = qmi::read_message(captured.frame);
-    if (message && message->kind == qmi::MessageKind::kIndication) ++count;
+    count += captured.frame.service == vs::kServiceId && message && message->kind == qmi::MessageKind::kIndication &&
+             message->id == vs::kReportA;
   }
   close(file);
   return count;

@@ -60,9 +60,9 @@ class CaptureWriter {
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 
   // Writes a message with the present time. A file takes it without waiting for other threads. A pipe takes messages
-  // one by one; if it takes none for some seconds, the write has failed. So it has where a file would exceed the limit
-  // of a file's length that the process had at the beginning. SIGXFSZ, which ends a program that does not ignore it,
-  // comes only where the limit was lowered since, or another process writes the same file.
+  // one by one; if it takes none for some seconds, the write has failed. A write that would make a file longer than
+  // RLIMIT_FSIZE, as it was when the writer was created, fails with EFBIG. The signal SIGXFSZ, which ends a program
+  // that does not ignore it, comes only if the limit was lowered since, or if something else writes the file.
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 
  private:

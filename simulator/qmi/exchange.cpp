@@ -66,10 +66,14 @@ QmiError allocate_client_id(const ControlRequest& request, qmi::FrameWriter& res
   std::span<const uint8_t> value;
   if (const QmiError error = find_mandatory_tlv(request, 1, value)) return error;
   Modem::Slot* const slot = request.modem.find_running(value[0]);
-  QmiError error = request.modem.state() != Modem::State::kReady ? QMI_ERR_DEVICE_NOT_READY_V01
-                   : slot == nullptr                             ? QMI_ERR_INVALID_ID_V01
-                   : slot->clients.count() == ClientIds::kLimit  ? QMI_ERR_CLIENT_IDS_EXHAUSTED_V01
-                                                                 : QMI_ERR_NONE_V01;
+  QmiError error = QMI_ERR_NONE_V01;
+  if (request.modem.state() != Modem::State::kReady) {
+    error = QMI_ERR_DEVICE_NOT_READY_V01;
+  } else if (slot == nullptr) {
+    error = QMI_ERR_INVALID_ID_V01;
+  } else if (slot->clients.count() == ClientIds::kLimit) {
+    error = QMI_ERR_CLIENT_IDS_EXHAUSTED_V01;
+  }
   if (request.replay != nullptr) error = request.replay->allocation_error(value[0], error);
   if (error != QMI_ERR_NONE_V01) return error;
   const uint8_t allocated[] = {value[0], *slot->clients.allocate(request.connection)};

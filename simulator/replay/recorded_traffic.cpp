@@ -71,6 +71,7 @@ RecordedTraffic::RecordedTraffic(const std::string& path) {
   while (!down_.empty()) service_is_up(down_.begin()->first, Time(captured.time_ns));
   open_.clear();
   pending_.clear();
+  allocating_.clear();
   make_index();
 }
 
@@ -150,7 +151,9 @@ void RecordedTraffic::add_allocation(const ControlKey& key, const qmi::Message& 
   if (message.kind == qmi::MessageKind::kRequest && value.size() == 1) {
     allocating_[key] = value[0];
     kept_ += kOverhead;
-  } else if (const auto service = allocating_.extract(key)) {
+  } else if (message.kind == qmi::MessageKind::kResponse) {
+    const auto service = allocating_.extract(key);
+    if (!service) return;
     const auto result = qmi::find_tlv(message.tlvs, qmi::kResultTlv);
     if (!result || result->size() != qmi::kResultLength) return;
     allocations_[service.mapped()].push_back(qmi::load_u16(&(*result)[2]));

@@ -86,9 +86,9 @@ TEST_F(DeviceTest, ANotifierReportsADeviceThatComesLater) {
 }
 
 TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
-  Process follower(MODEM_API_TEST, client({"events"}), true);
-  EXPECT_TRUE(sim::test::wait_until(
-      [&] { return modem().value("status", "/services").dump().find("clients\":[{") != std::string::npos; }));
+  Process follower(MODEM_API_TEST, client({"events", "--count", "1"}), true);
+  std::string line = follower.line();
+  while (!line.empty() && line.find("following") == std::string::npos) line = follower.line();
   EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("(modem_api_test) has it open"));
   const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   ASSERT_EQ(grantpt(terminal.get()) + unlockpt(terminal.get()), 0);
@@ -107,6 +107,8 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
     EXPECT_EQ(outcome.status, 1) << each.modem;
     EXPECT_THAT(outcome.output, HasSubstr(each.problem)) << each.modem;
   }
+  ctl("event 2 7 1 0 to broadcast");
+  EXPECT_EQ(follower.end(), 0) << "an event to all clients comes over a device, too";
 }
 
 TEST_F(DeviceTest, AReleaseEndsASendThatTheDeviceDoesNotTake) {

@@ -80,6 +80,8 @@ constexpr ResultCode kResultCodes[] = {
 
 #undef CODE
 
+static_assert(std::size(kResultCodes) == MODEM_API_ERR_ALREADY_INITIALIZED + 2, "a row for each code");
+
 }  // namespace
 
 void watch_exchanges(bool shows_messages) {

@@ -55,6 +55,7 @@ const ServiceRow kServices[] = {
     {MODEM_API_CLIENT_NAS_0, "nas_0", "the NAS service of subscription 0", nas_object},
     {MODEM_API_CLIENT_NAS_1, "nas_1", "the NAS service of subscription 1", nas_object},
 };
+static_assert(std::size(kServices) == MODEM_API_CLIENT_NAS_1 + 1, "a row for each type of client");
 
 bool is_present(modem_api_client_type type) {
   qmi_client_type notifier = nullptr;

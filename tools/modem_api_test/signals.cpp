@@ -9,9 +9,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 
+#include "failure.h"
 #include "output.h"
 
 namespace pelmar::cli {

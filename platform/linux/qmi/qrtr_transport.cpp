@@ -33,7 +33,8 @@ constexpr uint8_t kAnyService = 1;
 constexpr Deadline::Milliseconds kSendPause{1};
 
 // After drops, the lookup of a connection's service waits at most kCheckTimeout for the name service. While datagrams
-// keep arriving, two lookups are at least kCheckInterval apart, and two lines of the log kReportInterval.
+// keep arriving, the drops are counted each kCheckInterval, two lookups are at least that time apart, and two lines of
+// the log kReportInterval.
 constexpr Deadline::Milliseconds kCheckTimeout{500};
 constexpr Deadline::Milliseconds kCheckInterval{100};
 constexpr Deadline::Milliseconds kReportInterval{1000};
@@ -240,6 +241,7 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
 }
 
 QrtrConnection::~QrtrConnection() {
+  unreported_drops_ += drops_at_end_.value_or(drops_) - drops_;
   report_drops();
 }
 
@@ -317,6 +319,7 @@ void QrtrConnection::shut_down() {
 // The object may exist longer, and the kernel would keep what arrives for it.
 void QrtrConnection::abandon(const Deadline& /*deadline*/) {
   shut_down();
+  drops_at_end_ = socket_.memory().drops;
   socket_.refuse_datagrams();
 }
 
@@ -341,11 +344,13 @@ bool QrtrConnection::is_departure(std::span<const uint8_t> packet) const {
 }
 
 // After drops, looks the service up again, because the report that it went away may be among them. The kernel drops a
-// datagram only while the socket's memory is full of others, all of which are read later. So every drop is found by
-// checks that are half of that memory apart.
+// datagram only while the socket's memory is full of others, all of which are read later. So checks that are half of
+// that memory apart find every drop; those in time find it soon.
 void QrtrConnection::check_for_drops() {
-  if (unchecked_bytes_ < unchecked_limit_ && unreported_drops_ == 0 && !is_check_due_) return;
+  const bool is_due = unchecked_bytes_ >= unchecked_limit_ || next_count_.has_passed();
+  if (!is_due && unreported_drops_ == 0 && !is_check_due_) return;
   unchecked_bytes_ = 0;
+  next_count_ = Deadline::after(kCheckInterval);
   const QrtrSocket::Memory memory = socket_.memory();
   const uint32_t drops = memory.drops - std::exchange(drops_, memory.drops);
   unreported_drops_ += drops;

@@ -179,7 +179,9 @@ class QrtrConnection final : public Connection {
   size_t unchecked_bytes_ = 0;  // the memory of the datagrams read since the last check for drops, or more
   uint32_t drops_ = 0;          // the kernel's count when it was last read
   uint32_t unreported_drops_ = 0;
+  std::optional<uint32_t> drops_at_end_;  // the count before datagrams were refused
   bool is_check_due_ = false;
+  Deadline next_count_ = Deadline::now();
   Deadline next_check_ = Deadline::now();
   Deadline next_report_ = Deadline::now();
 };

@@ -121,7 +121,8 @@ void use_feature(const Context& context, const FeatureValues& values) {
 void add_statistics(const Command& command, std::vector<uint32_t>& ids, int most) {
   const auto take = [&ids](const std::string& word) -> std::string {
     const auto number = parse_number(word, 0, UINT32_MAX);
-    const auto* const named = std::ranges::find(statistics::kValues, word, &statistics::Value::name);
+    const auto* const named = std::find_if(std::begin(statistics::kValues), std::end(statistics::kValues),
+                                           [&](const statistics::Value& value) { return word == value.name; });
     if (named != std::end(statistics::kValues)) {
       ids.push_back(named->id);
     } else if (number) {

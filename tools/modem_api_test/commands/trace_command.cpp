@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -178,7 +179,7 @@ class Durations {
   }
 
  private:
-  std::vector<uint32_t> counts_;
+  std::vector<uint64_t> counts_;
   uint64_t total_ = 0;
   int64_t slowest_ = 0;
 };

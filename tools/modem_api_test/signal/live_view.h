@@ -29,7 +29,6 @@ class History {
   std::map<std::pair<uint32_t, CarrierName>, std::vector<double>> levels_;
 };
 
-// What is shown.
 struct Shown {
   Reading reading;
   History history;

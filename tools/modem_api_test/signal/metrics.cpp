@@ -107,12 +107,16 @@ TakeReading serve_metrics(const std::string& address) {
                             "Give HOST:PORT or :PORT, for example 127.0.0.1:9464.");
   }
   try {
-    static auto& exposer = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
-    const auto metrics = std::make_shared<Metrics>();
-    exposer.RegisterCollectable(metrics);
+    static const auto metrics = std::make_shared<Metrics>();
+    static auto& exposer = [&]() -> auto& {
+      auto& made = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
+      made.RegisterCollectable(metrics);
+      return made;
+    }
+    ();
     remark("metrics are at http://" + (host.size() > 1 ? host : "0.0.0.0:") +
            std::to_string(exposer.GetListeningPorts().front()) + "/metrics");
-    return [metrics](const auto& reading, const std::string& problem) { metrics->take(reading, problem); };
+    return [](const auto& reading, const std::string& problem) { metrics->take(reading, problem); };
   } catch (const std::exception&) {
     throw Failure("serving metrics at " + address, "the address is in use, or is none of this machine's",
                   "Give HOST:PORT or :PORT, for example 127.0.0.1:9464; Debian's web server, civetweb, has no IPv6.");

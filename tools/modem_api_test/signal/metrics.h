@@ -17,7 +17,8 @@ using TakeReading = std::function<void(const std::optional<Reading>& reading, co
 
 // Serves what the returned function takes. `address`: HOST:PORT, or :PORT for every IPv4 address of the machine; port 0
 // is one that is free. Prints the address of the metrics on standard error. Throws where the address cannot be served,
-// or the build has no Prometheus. The server lives as long as the process, because ending it takes two seconds.
+// or the build has no Prometheus. The server and its counters live as long as the process, because ending it takes two
+// seconds.
 TakeReading serve_metrics(const std::string& address);
 
 }  // namespace pelmar::cli

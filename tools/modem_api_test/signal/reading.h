@@ -118,6 +118,7 @@ std::string mode_text(const std::optional<uint32_t>& mode);
 std::string level_text(double level);
 std::string whole_level_text(double level);  // "-85"
 
+// The number, or `otherwise` where there is none.
 template <typename Number>
 std::string number_text(const std::optional<Number>& value, const char* otherwise) {
   return value ? std::to_string(*value) : otherwise;
