@@ -14,6 +14,7 @@
 #include "modem_test.h"
 #include "network_access_service_v01.h"
 #include "qmi_client.h"
+#include "unix_socket.h"
 #include "vs_client.h"
 #include "vs_messages.h"
 
@@ -102,7 +103,9 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
       {"proxy:/dev/no-such-device", "no character device"},
       {"qrtr:x", "the forms are"},
   };
+  const bool has_proxy = connect_unix("@qmi-proxy").error == 0;  // of this machine: it opens devices itself
   for (const auto& each : cases) {
+    if (has_proxy && std::string(each.modem).starts_with("proxy:")) continue;
     const Outcome outcome = run({"--modem", each.modem, "nv", "read", "7"});
     EXPECT_EQ(outcome.status, 1) << each.modem;
     EXPECT_THAT(outcome.output, HasSubstr(each.problem)) << each.modem;
