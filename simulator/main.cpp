@@ -34,6 +34,7 @@ namespace pelmar::sim {
 
 namespace {
 
+constexpr const char* kProgram = "modem_sim";
 constexpr const char* kControlName = "/control";  // in the storage
 constexpr const char* kControlVariable = "PELMAR_SIM_CONTROL";
 constexpr const char* kNumber = "NUMBER";
@@ -189,7 +190,8 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
              kHourMs, options.report_period);
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
   serve->add_option("--trace", options.trace,
-                    "write every message of every client to this file, as a capture (pcapng)");
+                    "write every message of every client to this capture (pcapng), in place of an earlier one; %p in "
+                    "the name is the process id");
   auto* const replay = serve->add_option(
       "--replay", options.replay, "respond and send indications as this capture has them, instead of the services");
   serve
@@ -244,11 +246,35 @@ void print_scenario(const std::string& name) {
   if (!is_input && !file) throw std::runtime_error("cannot read '" + name + "': " + strerror(errno));
   const std::string text = scenario_of_recording(is_input ? std::cin : file, is_input ? "standard input" : name);
   fwrite(text.data(), 1, text.size(), stdout);
-  if (fflush(stdout) != 0) throw std::runtime_error(std::string("cannot write the scenario: ") + strerror(errno));
+}
+
+// Throws std::runtime_error where something that was printed could not be written.
+void flush_output() {
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return;
+  throw std::runtime_error(std::string("cannot write to standard output: ") + strerror(errno));
+}
+
+int report_wrong_usage(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<CLI::App*> commands = app.get_subcommands();
+  const std::vector<std::string> words = app.remaining(true);
+  std::string place = kProgram;
+  std::string reason = error.what();
+  if (!commands.empty()) {
+    place += " " + commands[0]->get_name();
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+      reason = "'" + words.front() + "' is not expected";
+    }
+  } else {
+    reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
+  }
+  report(std::runtime_error(reason), kExitUsage);
+  fprintf(stderr, "  '%s --help' lists what there is.\n", place.c_str());
+  return kExitUsage;
 }
 
 int run(int argc, char** argv) {
-  CLI::App app("A simulated modem that speaks QMI over QMUX", "modem_sim");
+  CLI::App app("A simulated modem that speaks QMI over QMUX", kProgram);
+  app.set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
   app.require_subcommand(1);
   SimulationOptions serve_options;
   CtlOptions ctl_options;
@@ -256,17 +282,22 @@ int run(int argc, char** argv) {
   CLI::App* const ctl = add_ctl(app, ctl_options);
   std::string recording;
   CLI::App* const scenario = app.add_subcommand("scenario", "print the scenario that plays a recording of 'signal'");
-  scenario->add_option("FROM", recording, "the recording, CSV or JSON; - is standard input")->required();
+  scenario->add_option("recording", recording, "CSV or JSON; - is standard input")->required();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    if (error.get_exit_code() != 0) return report_wrong_usage(app, error);
+    app.exit(error);
+    flush_output();
+    return kExitSuccess;
   }
 
-  if (*ctl) return run_ctl(*ctl, ctl_options);
-  if (*scenario) {
-    print_scenario(recording);
-    return kExitSuccess;
+  if (*ctl || *scenario) {
+    int status = kExitSuccess;
+    if (*ctl) status = run_ctl(*ctl, ctl_options);
+    if (*scenario) print_scenario(recording);
+    flush_output();
+    return status;
   }
   if (serve_options.control.empty()) serve_options.control = serve_options.storage + kControlName;
   if (serve_command->count("--pm-socket") > 0 && serve_options.pm_socket.empty()) {

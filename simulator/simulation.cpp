@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include "console/commands.h"
@@ -11,10 +13,13 @@ namespace pelmar::sim {
 
 namespace {
 
-UniqueFd open_trace(const std::string& name) {
+// `replay`: the capture that is played, which the trace does not replace.
+UniqueFd open_trace(const std::string& name, const std::string& replay) {
   if (name == "-") throw std::runtime_error("the trace cannot go to standard output: name a file or a FIFO");
   std::string problem;
-  UniqueFd file(name.empty() ? -1 : qmi::open_capture(name, problem));
+  std::error_code not_there;
+  if (std::filesystem::equivalent(name, replay, not_there)) problem = "it is the capture that --replay plays";
+  UniqueFd file(name.empty() || !problem.empty() ? -1 : qmi::open_capture(name, problem));
   if (!problem.empty()) throw std::runtime_error("cannot write the trace '" + name + "': " + problem);
   return file;
 }
@@ -34,9 +39,7 @@ std::vector<Service*> services_of(Simulation& simulation) {
 }  // namespace
 
 Simulation::Simulation(const SimulationOptions& options)
-    : trace_file(open_trace(options.trace)),
-      trace(start_trace(trace_file, options.trace)),
-      storage(options.storage, options.max_entries),
+    : storage(options.storage, options.max_entries),
       clock(options.held_clock),
       pictures{RadioPicture(0, options.seed), RadioPicture(1, options.seed)},
       statistics(clock, pictures),
@@ -48,7 +51,7 @@ Simulation::Simulation(const SimulationOptions& options)
       modem(loop, services_of(*this)),
       power(modem, {options.starting_time, options.reset_time}, options.storage, [this] { return status_text(*this); }),
       exchange(loop, modem, replay.get()),
-      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle, trace.get()),
+      connections(loop, output, options.socket, options.admission, exchange, options.exit_when_idle),
       stream(loop, modem, vs),
       reports(loop, modem, vs, clock, reporters, statistics, options.report_period),
       timed_commands(*this),
@@ -70,6 +73,10 @@ Simulation::Simulation(const SimulationOptions& options)
   } else if (options.starting_time.count() > 0) {
     modem.restart(options.starting_time);
   }
+  // Last, because it replaces an earlier trace, which a modem that cannot start leaves as it is.
+  trace_file = open_trace(options.trace, options.replay);
+  trace = start_trace(trace_file, options.trace);
+  connections.trace_to(trace.get());
 }
 
 void Simulation::play(const std::string& scenario_file) {

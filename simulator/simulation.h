@@ -54,7 +54,7 @@ struct SimulationOptions {
 };
 
 struct Simulation {
-  // Throws std::runtime_error where a socket, the storage or the scenario cannot be opened.
+  // Throws std::runtime_error where a socket, the storage or a file of the options cannot be opened.
   explicit Simulation(const SimulationOptions& options);
 
   // Returns after loop.stop().

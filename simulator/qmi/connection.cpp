@@ -66,14 +66,12 @@ std::string QmuxConnection::address() const {
 }
 
 Connections::Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit,
-                         qmi::CaptureWriter* trace)
+                         Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit)
     : loop_(loop),
       output_(output),
       socket_(socket),
       exchange_(exchange),
       idle_limit_(idle_limit),
-      trace_(trace),
       listener_(
           loop, socket, [this](UniqueFd fd) { add<QmuxConnection>(std::move(fd)); }, admission) {
   peers_changed();

@@ -94,10 +94,12 @@ class QmuxConnection final : public Connection, private Stream::Reader {
 
 class Connections final {
  public:
-  // idle_limit: after that long without a client at the other end of any connection, the loop stops. trace: gets all
-  // messages; null: none.
+  // idle_limit: after that long without a client at the other end of any connection, the loop stops.
   Connections(EventLoop& loop, WaitingOutput& output, const std::string& socket, Admission admission,
-              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit, qmi::CaptureWriter* trace);
+              Exchange& exchange, std::optional<EventLoop::Clock::duration> idle_limit);
+
+  // The writer gets all messages from now on; null: none does.
+  void trace_to(qmi::CaptureWriter* writer) { trace_ = writer; }
 
   size_t count() const { return open_.size(); }
   uint64_t accepted() const { return last_number_; }
@@ -139,7 +141,7 @@ class Connections final {
   const std::string socket_;
   Exchange& exchange_;
   const std::optional<EventLoop::Clock::duration> idle_limit_;
-  qmi::CaptureWriter* const trace_;
+  qmi::CaptureWriter* trace_ = nullptr;
   std::map<uint64_t, std::shared_ptr<Connection>> open_;
   uint64_t last_number_ = 0;
   EventLoop::TimerId idle_timer_{};

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "io/text.h"
+#include "message_text.h"
 
 namespace pelmar::sim {
 
@@ -154,9 +155,9 @@ QmiError Replay::allocation_error(uint8_t service, QmiError present) {
 
 void Replay::report_missing(uint8_t service, uint16_t message) {
   if (reported_.size() == kMaxReported || !reported_.emplace(service, message).second) return;
-  const std::string name(modem_->find(service)->service->name());
-  fprintf(stderr, "modem_sim: the capture has no message 0x%04x of service %s; the response is error 94%s\n", message,
-          name.c_str(), reported_.size() == kMaxReported ? " (further messages are not reported)" : "");
+  fprintf(stderr, "modem_sim: the capture has no message %s %s; the response is error 94%s\n",
+          qmi::service_text(service).c_str(), qmi::message_text(service, message).c_str(),
+          reported_.size() == kMaxReported ? " (further messages are not reported)" : "");
 }
 
 // Sends the indications whose time has come.

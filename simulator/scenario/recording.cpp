@@ -360,6 +360,8 @@ std::string scenario_of_recording(std::istream& recording, const std::string& na
     }
     --number;  // the last line
     if (tracks.is_empty()) throw std::runtime_error("no reading: 'modem_api_test signal --csv FILE' records them");
+  } catch (const std::ios_base::failure& error) {
+    throw std::runtime_error("cannot read '" + name + "': " + error.code().message());
   } catch (const std::exception& error) {
     throw std::runtime_error(name + ": line " + std::to_string(number) + ": " + error.what());
   }

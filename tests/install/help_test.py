@@ -1,7 +1,7 @@
-"""The help of every command has examples that the program takes, the manual page describes every command, wrong usage
-is reported in one form, and the shells complete commands, options and names.
+"""The help of every command has examples that the program takes, the manual pages describe every command and option,
+wrong usage is reported in one form, and the shells complete commands, options and names.
 
-usage: help_test.py MODEM_API_TEST DIRECTORY_OF_THE_TEXTS
+usage: help_test.py MODEM_API_TEST DIRECTORY_OF_THE_TEXTS MODEM_SIM MANUAL_PAGE_OF_MODEM_SIM
 """
 import os
 import pathlib
@@ -44,9 +44,11 @@ COMPLETIONS = {
     ("props", "get", "persist.radio.m"): ["persist.radio.multisim.config"],
 }
 WRONG = ("", "bogus", "nv bogus", "nv read", "nv read x", "nv read 1 --bogus", "avoid-trm maybe", "tx-power --max --sub 1")
+WRONG_FOR_SIMULATOR = ("", "bogus", "serve", "serve --storage s --bogus", "serve --storage s --speed 2", "scenario",
+                       "serve --storage s --seed", "ctl --storage s --control c status")
 
 
-def main(program, texts):
+def main(program, texts, simulator, simulator_page):
     texts = pathlib.Path(texts)
     page = (texts / "modem_api_test.1").read_text()
     leaves = commands(program)
@@ -62,18 +64,25 @@ def main(program, texts):
             for example in examples:
                 outcome = run("sh", "-c", example, cwd=scratch, env=os.environ | place, timeout=30)
                 assert outcome.returncode != 2, f"{example}: {outcome.stderr}"
-    for line in WRONG:
-        outcome = run(program, *line.split())
-        form = r"modem_api_test: [a-z'-].*\n  'modem_api_test.* --help' lists what there is\.\n"
-        assert outcome.returncode == 2 and re.fullmatch(form, outcome.stderr), f"{line}: {outcome.stderr}"
+    options = [set(re.findall(r"^  (?:-h,)?(--[a-z-]+)", run(simulator, *words, "--help").stdout, re.M))
+               for words in ((), ("serve",), ("ctl",), ("scenario",))]
+    described = set(re.findall(r"^\.It Fl (?:h , Fl )?(-[a-z-]+)", pathlib.Path(simulator_page).read_text(), re.M))
+    described = {"-" + name for name in described}
+    assert described == set.union(*options), described ^ set.union(*options)
+    for wrong, binary, name in ((WRONG, program, "modem_api_test"), (WRONG_FOR_SIMULATOR, simulator, "modem_sim")):
+        for line in wrong:
+            outcome = run(binary, *line.split())
+            form = rf"{name}: [a-z'-].*\n  '{name}.* --help' lists what there is\.\n"
+            assert outcome.returncode == 2 and re.fullmatch(form, outcome.stderr), f"{line}: {outcome.stderr}"
     for shell, code, script in (("bash", BASH, "modem_api_test"), ("zsh", ZSH, "_modem_api_test")):
         code = code.format(program=program, script=texts / script)
         for words, expected in COMPLETIONS.items() if shutil.which(shell) else ():
             completed = run(shell, "-c", code, shell, "modem_api_test", *words)
             assert completed.stdout.split() == expected, f"{shell} {words}: {completed}, not {expected}"
     if shutil.which("mandoc"):
-        lint = run("mandoc", "-T", "lint", "-W", "warning", texts / "modem_api_test.1")
-        assert lint.returncode == 0, lint.stdout
+        for page in (texts / "modem_api_test.1", simulator_page):
+            lint = run("mandoc", "-T", "lint", "-W", "warning", page)
+            assert lint.returncode == 0, lint.stdout
 
 
 main(*sys.argv[1:])

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "simulator_test.h"
 
@@ -59,8 +60,24 @@ TEST_F(ProcessTest, InvalidOptionsAndUsedPathsAreRefused) {
   expect({"serve", "--socket", MODEM_SIM, "--storage", path("other")}, 1, "is no socket");
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--scenario", "/none"}, 1, "no such file");
   expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--reset-ms", "-5"}, 2, "--reset-ms");
+  expect({"scenario", path("")}, 1, "modem_sim: cannot read '" + path("") + "': Is a directory\n");
   EXPECT_TRUE(fs::exists(MODEM_SIM));
   EXPECT_NE(QmuxClient(socket_).allocate(kVs), 0) << "the running modem is not affected";
+}
+
+// The scenario is larger than the buffer of the standard output.
+TEST_F(ProcessTest, OutputThatCannotBeWrittenIsAFailure) {
+  std::ofstream recording(path("a.csv"));
+  recording << "time,sub,carrier,gain_gsm_0\n";
+  for (int i = 1000; i < 2000; ++i) recording << "2026-01-01T00:00:00." << i % 1000 << "Z,0,," << -i % 100 << '\n';
+  recording.close();
+  for (const std::string arguments : {"--version", "scenario a.csv", "ctl --storage storage status"}) {
+    const std::string line = "cd " + path("") + "; " MODEM_SIM " " + arguments;
+    EXPECT_EQ(run_program({"/bin/sh", "-c", line}).status, 0);
+    const Outcome outcome = run_program({"/bin/sh", "-c", line + " >/dev/full"});
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.output, "modem_sim: cannot write to standard output: No space left on device\n");
+  }
 }
 
 // For a socket at a path the kernel checks the owner and the mode of the file.

@@ -1,6 +1,7 @@
 // Captures that are played, and those that cannot be.
 #include <fcntl.h>
 
+#include <filesystem>
 #include <fstream>
 #include <optional>
 
@@ -36,6 +37,15 @@ class ReplayTest : public testing::Test {
     write(service, 7, Kind::kResponse, message, kSuccess + tlv(0x10, {response}));
   }
   void play() { modem_.emplace(directory_, std::vector<std::string>{"--replay", capture_, "--speed", "1000"}); }
+
+  void expect_refusal(const std::vector<std::string>& options, const std::string& problem) const {
+    std::vector<std::string> line = {
+        MODEM_SIM, "serve", "--socket", directory_.path("refused"), "--storage", directory_.path("other")};
+    line.insert(line.end(), options.begin(), options.end());
+    const Outcome outcome = run_program(line);
+    EXPECT_NE(outcome.output.find(problem), std::string::npos) << outcome.output;
+    EXPECT_EQ(outcome.status, 1);
+  }
 
   // Returns the byte of the recorded response, or the error.
   static int response_to(QmuxClient& client, uint16_t message, uint8_t request) {
@@ -80,7 +90,11 @@ TEST_F(ReplayTest, RequestsGetTheResponsesOfARecordedClient) {
   EXPECT_EQ(response_to(again, 0x0100, 1), 'a') << "all clients are played: they begin again";
   QmuxClient other(modem_->socket(), kOther);
   EXPECT_EQ(response_to(other, 0x0100, 1), 'f');
-  EXPECT_EQ(modem_->line(), "modem_sim: the capture has no message 0x0103 of service vs; the response is error 94");
+  EXPECT_EQ(response_to(other, 0x0103, 1), -94);
+  for (const char* message : {"VS READ_EFS", "DMS 0x0103"}) {
+    EXPECT_EQ(modem_->line(),
+              std::string("modem_sim: the capture has no message ") + message + "; the response is error 94");
+  }
 }
 
 // An id that is allocated anew, and one that is used after a restart or a revocation, is a new client.
@@ -136,16 +150,24 @@ TEST_F(ReplayTest, AllocationsFailInTheRecordedOrder) {
 TEST_F(ReplayTest, ACaptureThatIsCutIsPlayedAndOneWithoutRequestsIsRefused) {
   const std::string text = directory_.path("text");
   std::ofstream(text) << "no capture";
-  for (const auto& [file, problem] : {std::pair(directory_.path("none"), "No such file or directory"),
-                                      {text, "is no capture (pcapng)"},
-                                      {capture_, "has no request"}}) {
-    const Outcome outcome = run_program({MODEM_SIM, "serve", "--storage", directory_.path("other"), "--replay", file});
-    EXPECT_NE(outcome.output.find(problem), std::string::npos) << outcome.output;
-    EXPECT_EQ(outcome.status, 1);
-  }
+  expect_refusal({"--replay", directory_.path("none")}, "No such file or directory");
+  expect_refusal({"--replay", text}, "is no capture (pcapng)");
+  expect_refusal({"--replay", capture_}, "has no request");
   begin_link();
   write_exchange(kVs, 0x0100, 1, 'a');
   std::ofstream(capture_, std::ios::app) << "\x06";
+  play();
+  QmuxClient client(modem_->socket(), kVs);
+  EXPECT_EQ(response_to(client, 0x0100, 1), 'a');
+}
+
+TEST_F(ReplayTest, AModemThatCannotStartDoesNotReplaceACaptureByItsTrace) {
+  begin_link();
+  write_exchange(kVs, 0x0100, 1, 'a');
+  const std::string link = directory_.path("link");
+  std::filesystem::create_hard_link(capture_, link);
+  expect_refusal({"--trace", link, "--replay", capture_}, "it is the capture that --replay plays");
+  expect_refusal({"--trace", capture_, "--scenario", "/none"}, "no such file");
   play();
   QmuxClient client(modem_->socket(), kVs);
   EXPECT_EQ(response_to(client, 0x0100, 1), 'a');
