@@ -259,7 +259,7 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
        {"client --modem ./nobody info --json 2>w", 1, R"("client_ids_exhausted":null)"},
        {"chmod 0 qmux; [ $(id -u) -ne 0 ] || as='setpriv --bounding-set=-dac_override'; $as " MODEM_API_TEST " info; "
         "chmod 600 qmux; exit 1",
-        1, "qmux: this user may not connect to it: run as the user that owns it, or as root ("},
+        1, "qmux)\nnext_step: Run as the owner ("},
        {"client --modem /$(printf %0120d 0) info", 1, "\nnext_step: Name another modem with --modem."}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));

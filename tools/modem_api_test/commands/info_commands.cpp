@@ -247,7 +247,11 @@ void show_info(const Context& context, const NoValues&) {
   document["build"] = describe_build();
   document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
   document["fault"] = fault ? Json(fault->headline()) : Json();
-  document["next_step"] = fault          ? fault->advice()
+  const Json permission = document["modem"].value("permission", Json{{"may_use", true}});
+  const bool is_forbidden = fault && !permission["may_use"].get<bool>();
+  document["next_step"] = is_forbidden ? "Run as the owner (" + permission["owner"].get<std::string>() +
+                                             ") or as root, or name another modem with --modem."
+                          : fault        ? fault->advice()
                           : lack.empty() ? "'modem_api_test signal' shows what the radio receives."
                                          : lack + "To wait for a service, add --wait to the command.";
   std::string text;
