@@ -110,6 +110,9 @@ constexpr qmi_idl::Type kResult = {
     sizeof(qmi_response_type_v01),
     {number(QMI_IDL_KIND_ENUM_2_BYTES, "result"), number(QMI_IDL_KIND_ENUM_2_BYTES, "error")}};
 
+constexpr qmi_idl::Tlv kResultRow = {
+    .type = kResultTlv, .element = qmi_idl::aggregate_of(static_cast<const qmi_response_type_v01*>(nullptr))};
+
 }  // namespace
 
 std::span<const ServiceRows> catalogue() {
@@ -137,6 +140,7 @@ const char* message_name(uint8_t service, uint16_t message) {
 }
 
 const qmi_idl::Tlv* find_row(const ServiceRows& service, MessageKind kind, uint16_t message, uint8_t tlv) {
+  if (kind == MessageKind::kResponse && tlv == kResultTlv) return &kResultRow;
   const auto direction = static_cast<qmi_idl_type_of_message_type>(kind);
   for (const qmi_idl::Message& row : service.messages) {
     if (row.direction != direction || row.id != message) continue;

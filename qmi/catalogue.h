@@ -31,7 +31,7 @@ std::span<const ServiceRows> catalogue();
 // The aggregate's row: the service's own, or the result of every response.
 const qmi_idl::Type& type_of(const ServiceRows& service, const qmi_idl::Element& aggregate);
 
-// Null for an unknown service, message or TLV.
+// Null for an unknown service, message or TLV. The result of a response has a row for any message.
 const ServiceRows* find_service(uint8_t service);
 const char* service_name(uint8_t service);
 const char* message_name(uint8_t service, uint16_t message);

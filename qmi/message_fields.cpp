@@ -135,7 +135,9 @@ void visit_undescribed(std::span<const uint8_t> bytes, const Visit& visit) {
 }  // namespace
 
 void walk_fields(uint8_t service, const Message& message, const Visit& visit) {
-  const ServiceRows* const rows = find_service(service);
+  static constexpr ServiceRows kNoRows{};
+  const ServiceRows* const found = find_service(service);
+  const ServiceRows& rows = found == nullptr ? kNoRows : *found;
   auto rest = message.tlvs;
   while (rest.size() >= kTlvHeaderLength) {
     const uint8_t type = rest[0];
@@ -143,12 +145,12 @@ void walk_fields(uint8_t service, const Message& message, const Visit& visit) {
     const size_t length = std::min(stated, rest.size() - kTlvHeaderLength);
     const auto value = rest.subspan(kTlvHeaderLength, length);
     rest = rest.subspan(kTlvHeaderLength + length);
-    const qmi_idl::Tlv* const row = rows == nullptr ? nullptr : find_row(*rows, message.kind, message.id, type);
+    const qmi_idl::Tlv* const row = find_row(rows, message.kind, message.id, type);
     visit({.form = Form::kTlv, .name = row == nullptr ? nullptr : tlv_name(message.kind, *row), .tlv = type});
     if (row == nullptr || length < stated) {
       visit_undescribed(value, visit);
     } else {
-      ValueWalk walk(*rows, message.kind, value, visit);
+      ValueWalk walk(rows, message.kind, value, visit);
       const bool is_whole = walk.walk(row->element, nullptr, true);
       if (!is_whole || !walk.rest().empty()) visit_undescribed(walk.rest(), visit);
     }

@@ -107,13 +107,16 @@ local function add_value(element, bytes, at, stop, is_whole, kind, tree, state)
   return at
 end
 
+-- Every response has the same result, also one of a message that is not described.
+local result_row = services[0].rows[1][0x22][2]
+
 local function add_tlvs(bytes, rows, kind, tree)
   local at, state = 0, {}
   while at + 3 <= bytes:len() do
     local number, stop = bytes(at, 1):uint(), at + 3 + bytes(at + 1, 2):le_uint()
     local is_whole = stop <= bytes:len()
     if not is_whole then stop = bytes:len() end
-    local row = rows and rows[number]
+    local row = rows and rows[number] or kind == 1 and number == 2 and result_row
     local branch = tree:add(head.tlv, bytes(at, 1))
     branch:set_len(stop - at)
     if row then branch:append_text(" " .. row.name) end

@@ -181,10 +181,11 @@ def main(client, simulator, source):
             documents += run_batch(client, modem, POWER_LINES, place).values()
         alone = subprocess.run([client, "--json", "modem", "stop"], stdout=subprocess.PIPE, text=True, **place).stdout
         wrong = subprocess.run([client, "--json", "nv"], stdout=subprocess.PIPE, text=True, **place).stdout
-        subprocess.run([client, "--trace", "capture", "--modem", "@nobody", "info"], capture_output=True, **place)
+        absent = subprocess.run([client, "--json", "--trace", "capture", "--modem", "@nobody", "info"],
+                                stdout=subprocess.PIPE, text=True, **place).stdout
         trace = subprocess.run([client, "--json", "trace", "capture", "--fields"], stdout=subprocess.PIPE, text=True,
                                **place).stdout
-        documents += [json.loads(line) for line in (alone + wrong + trace).splitlines()]
+        documents += [json.loads(line) for line in (alone + wrong + absent + trace).splitlines()]
     definition = json.loads(pathlib.Path(source, "tools/modem_api_test/json_schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(definition)
     succeeded = check_documents(documents, jsonschema.Draft202012Validator(definition))

@@ -59,6 +59,8 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
           {"client nv read 1 --trace /dev/full", 1, "writing the trace '/dev/full' failed: No space left"},
           {"client nv read 1 --trace whole", 1, "the file is there already and is no capture"},
           {"client trace a --trace a", 2, "'trace' reads a capture and sends no messages"},
+          {"client nv read 1 --trace c >w; cp c d; client --trace c nv read x; client --trace c nv write 1; cmp c d", 0,
+           ""},
           {"client nv read 1 --trace - 2>w | head -c 4 | od -An -tx1 && grep -c 0a w", 0, " 0a 0d 0d 0a\n1\n"}});
   for (const std::string item : {"nv", "efs", "efs-path", "rfnv"}) {
     const std::string address = item == "efs-path" ? " /nv/a --index 4" : item == "rfnv" ? " 10" : " 10 --qualifier 3";
@@ -83,7 +85,7 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
           {"client nv dump 1-2097152", 2, "more than 1048576 NV items are named"},
           {"client nv dump 20-10x", 2, "'20-10x' is no item"},
           {"client nv dump 5-3", 2, "'5-3' is no item"},
-          {"printf '/c\\n\\n/d\\n' | client efs-path dump @- | tail -n 1", 0,
+          {"printf '/c\\n\\n#/e\\n/d\\n' | client efs-path dump @- | tail -n 1", 0,
            "# 2 EFS files: 0 found, 2 absent, 0 not tried\n"},
           {"client nv --help | grep 'dump >'", 0, "  modem_api_test nv dump >items\n"},
           {"client --modem ./nobody nv dump 2>/dev/null; client nv restore /dev/null -y", 1,
@@ -115,6 +117,8 @@ TEST_F(ClientTest, ManyItemsAreDumpedRestoredAndCompared) {
             "line 1, NV item 10: no response came before the end; it may be written\n"
             "3 NV items: 0 written, 1 lost, 2 not tried (from NV item 12 on)\n");
   EXPECT_EQ(restore.end(), 128 + SIGINT);
+  expect(
+      {{"client nv restore f -y --json --timeout 1", 1, R"("first_not_tried":{"item":12,"qualifier":0,"index":0})"}});
   ctl("clear");
   ctl("error 3 vs any 2");
   expect({{"client nv dump 1", 1, "\nmodem_api_test: the modem refused 1 of 1 NV item"},
@@ -208,7 +212,7 @@ TEST_F(ClientTest, TheRadioAndTheStatisticsAreReadAndSwitched) {
        {R"("sar_rf_state":3)", R"("avoid_trm":1)", R"("nr_disable_mode":2)", R"("locked_cells":1)"}) {
     EXPECT_TRUE(wait_for_status(state)) << state;
   }
-  for (const char* line : {"cell-info", "cell-info --json", "stats list | head -n 2",
+  for (const char* line : {"cell-info", "cell-info --json", "stats list | grep -A 1 -e lte-pcc -e nr-uplink",
                            "stats get 0x62 antenna-switch 0x1234 nr-scc2 --sub 1",
                            "stats get 0x62 antenna-switch --sub 1 --json", "stats get nr-uplink --json"}) {
     show(line);
@@ -252,6 +256,10 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
       {{"client info | tail -n 1", 0, "next_step: 'modem_api_test signal' shows what the radio receives.\n"},
        {"client --modem ./nobody info --json 2>w", 1, R"-(such file or directory)","next_step":"Start the modem, )-"},
        {"client --modem ./nobody info 2>&1 | grep -c 'Start the modem, '", 0, "1\n"},
+       {"client --modem ./nobody info --json 2>w", 1, R"("client_ids_exhausted":null)"},
+       {"chmod 0 qmux; [ $(id -u) -ne 0 ] || as='setpriv --bounding-set=-dac_override'; $as " MODEM_API_TEST " info; "
+        "chmod 600 qmux; exit 1",
+        1, "qmux)\nnext_step: Run as the owner ("},
        {"client --modem /$(printf %0120d 0) info", 1, "\nnext_step: Name another modem with --modem."}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));

@@ -91,7 +91,7 @@ Text messages() {
          message(8000, kResponse, 3, 9, 4, 0x43,
                  kSuccess + tlv(0x14, Text(1, '\0') + "\x01" + u16(6300) + "\x06\x0E\x04\x01" + cell)) +
          message(9000, kResponse, 0x11, 1, 8, 0x02, tlv(2, u16(1) + u16(999))) +
-         message(9100, kResponse, 0x2A, 1, 8, 0x1234, "\x01\x09") + message(9200, kResponse, 3, 1, 9, 0x45) +
+         message(9100, kResponse, 0x2A, 1, 8, 0x1234, kNoEntry + "\x01\x09") + message(9200, kResponse, 3, 1, 9, 0x45) +
          packet(9300, Text("\x01\x08\0\0\xE4\x01\0\x01\x02", 9));
 }
 
@@ -135,23 +135,29 @@ TEST_F(TraceTest, FiltersSelectMessages) {
       {"--message 0x100,rf_get_state", 5},
       {"--message 0x45 --service NAS", 1},
       {"--client 3", 7},
-      {"--result error", 2},
-      {"--result success,999", 5},
+      {"--service 0x2a --result error", 1},  // its request is not in the capture
+      {"--result success,999", 8},           // a request is shown before its response
       {"--result no_entry --service NAS", 0},
       {"--from 08:15:30.0091 --to 08:15:30.0093", 2},
       {"--from 2024-05-17T06:15:30.009Z", 4},
       {"--to 08:15", 0},
+      {"--to 24:00", 18},
       {"--from 2024-05-17T06:16Z --to 2024-05-17T06:15Z", 0},
   };
   for (const auto& [filter, lines] : cases) {
     expect({{Text("client trace a ") + filter + " | wc -l", 0, std::to_string(lines) + "\n"}});
   }
   // The time to the response is also that of a request that is not shown.
-  expect(
-      {{"client trace a --result no_entry", 0, "08:15:30.004234 mtb[7]\\u001b <- VS 4 READ_NV #1 NO_ENTRY 1.134 ms\n"},
-       {"client trace a --message ''", 2, "--message: '' is no message"},
-       {"client trace a --message nothing", 2, "'nothing' is no message"},
-       {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
+  expect({{"client trace a --service vs --from 08:15:30.004 --result no_entry --fields", 0,
+           "08:15:30.003100 mtb[7]\\u001b -> VS 4 READ_NV #1\n"
+           "    0x01 item 11\n"
+           "    0x02 qualifier 1\n"
+           "    0x03 index undescribed 02\n"
+           "08:15:30.004234 mtb[7]\\u001b <- VS 4 READ_NV #1 NO_ENTRY 1.134 ms\n"
+           "    0x02 result {result 1, error 50}\n"},
+          {"client trace a --message ''", 2, "--message: '' is no message"},
+          {"client trace a --message nothing", 2, "'nothing' is no message: give a number, or a name as in a line"},
+          {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
 }
 
 TEST_F(TraceTest, ATimeOfTheDayIsOneOfEveryDayAndARangeMayGoOverMidnight) {

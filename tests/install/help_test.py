@@ -41,6 +41,7 @@ COMPLETIONS = {
     ("--modem", "nv", "avoid-trm", ""): ["on", "off"],
     ("stats", "get", "lte-pcc", "lte-u"): ["lte-uplink"],
     ("trace", "--message", "READ_N"): ["READ_NV"],
+    ("trace", "--message", "READ_NV,WRITE_N"): ["READ_NV,WRITE_NV"],
     ("props", "get", "persist.radio.m"): ["persist.radio.multisim.config"],
 }
 WRONG = ("", "bogus", "nv bogus", "nv read", "nv read x", "nv read 1 --bogus", "avoid-trm maybe", "tx-power --max --sub 1")
@@ -58,8 +59,10 @@ def main(program, texts, simulator, simulator_page):
         place = {"XDG_STATE_HOME": scratch, "PELMAR_MODEM": f"{scratch}/none", "PELMAR_PROPERTY_DIR": scratch,
                  "PATH": f"{pathlib.Path(program).parent}:{os.environ['PATH']}"}
         for words in leaves:
-            examples = section(run(program, *words, "--help").stdout, "Examples").splitlines()
-            assert len(examples) >= 2, f"{words} has no two examples"
+            text = run(program, *words, "--help").stdout
+            examples = section(text, "Examples").splitlines()
+            assert len(examples) >= 2 and text.count("Examples:\n") == 1, f"{words} has not one list of two examples"
+            assert all(example.startswith(" ".join(("  modem_api_test", *words))) for example in examples), examples
             assert ".SS modem_api_test " + " ".join(words).replace("-", "\\-") + " [" in page, f"not in the manual page: {words}"
             for example in examples:
                 outcome = run("sh", "-c", example, cwd=scratch, env=os.environ | place, timeout=30)

@@ -1,5 +1,6 @@
 """A capture of the tour. Played by modem_sim, it makes the client print the same. With the dissector of the build,
-Wireshark's tshark shows the same name, number and result of every message as the client does, and no malformed packet.
+Wireshark's tshark shows the same name, number and result of every message as the client does, and no malformed packet;
+also of a response that is not described.
 
 usage: tour_test.py DIRECTORY_OF_THE_PROGRAMS DISSECTOR PROJECT_DIRECTORY
 """
@@ -9,6 +10,7 @@ import os
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -17,13 +19,25 @@ FIELDS = ["pelmar_qmi.msg", "pelmar_qmi.kind", "pelmar_qmi.transaction", "pelmar
           "_ws.malformed", "pelmar_qmi.undescribed"]
 
 
+def block(kind, content):
+    length = struct.pack("<I", len(content) + 12)
+    return struct.pack("<I", kind) + length + content + length
+
+
+# A capture with a response of WDS, which has no names of messages: its result is NO_ENTRY.
+PACKET = bytes.fromhex("01 13 00 80 01 01  02 01 00 20 00 07 00  02 04 00 01 00 32 00")
+UNDESCRIBED = (block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)) + block(1, struct.pack("<HHI", 147, 0, 0)) +
+               block(6, struct.pack("<5I", 0, 0, 0, len(PACKET), len(PACKET)) + PACKET))
+
+
 def client_rows(programs, capture):
     lines = subprocess.run([programs / "modem_api_test", "trace", capture, "--json", "--fields"], check=True,
                            capture_output=True, text=True).stdout.splitlines()
     for message in map(json.loads, lines[:-1]):
         error = "SUCCESS" if message.get("is_success") else message.get("qmi_error", {}).get("name", "")
         item = [str(tlv["value"]) for tlv in message["tlvs"] if tlv.get("name") == "item"]
-        yield [message["message"]["name"], message["kind"], str(message["transaction"]), error, *(item or [""]), "", ""]
+        name = message["message"]["name"] or f"0x{message['message']['number']:04x}"
+        yield [name, message["kind"], str(message["transaction"]), error, *(item or [""]), "", ""]
 
 
 def tshark_rows(dissector, capture):
@@ -63,8 +77,10 @@ def main(programs, dissector, project):
 
         if shutil.which("tshark") is None:
             sys.exit(77)
+        capture.write_bytes(capture.read_bytes() + UNDESCRIBED)
         expected, seen = list(client_rows(programs, capture)), tshark_rows(dissector, capture)
         assert len(seen) == len(expected) > 100, (len(seen), len(expected))
+        assert seen[-1] == ["0x0020", "response", "1", "NO_ENTRY", "", "", ""], seen[-1]
         for row, other in zip(seen, expected):
             assert row == other, f"tshark has {row}, the client {other}"
 

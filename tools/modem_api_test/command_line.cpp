@@ -191,13 +191,13 @@ CommandLine::CommandLine(bool is_in_batch)
   add_radio_commands(*this);
   add_modem_commands(*this);
   add_property_commands(*this);
-  app_->footer(kNotes);
   if (is_in_batch) return;
   add_trace_command(*this);
   add_batch_command(*this);
   auto [completion, shell] = add("completion", "print what a shell reads to complete commands", print_completion);
   completion.add_text("shell", shell, "the shell", {.is_required = true, .words = {"bash", "zsh"}});
   completion.add_examples({"bash >modem_api_test.bash", "zsh >_modem_api_test"});
+  app_->footer(kNotes);  // at the end, because a command that is added takes over the footer
 }
 
 CommandLine::~CommandLine() = default;
@@ -264,7 +264,7 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
 }
 
 CLI::App& CommandLine::add_group(const std::string& name, const std::string& summary) {
-  CLI::App& group = *app_->add_subcommand(name, summary)->footer("");
+  CLI::App& group = *app_->add_subcommand(name, summary);
   group.require_subcommand(1);
   return group;
 }

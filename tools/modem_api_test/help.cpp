@@ -250,6 +250,9 @@ std::vector<std::string> complete(const CLI::App& root, const CompletionWords& w
     const auto listed = words.find(type);
     if (type.starts_with('{')) matches = CLI::detail::split(type.substr(1, type.size() - 2), ',');
     if (listed != words.end()) matches = listed->second;
+    // The word may be a list with commas, of which the last part is completed.
+    const size_t begin = value_of->get_positional() ? 0 : current.rfind(',') + 1;
+    for (std::string& match : matches) match.insert(0, current, 0, begin);
   }
   std::erase_if(matches, [&](const std::string& match) { return !match.starts_with(current); });
   return matches;

@@ -80,7 +80,7 @@ std::vector<std::string> read_paths(const std::vector<std::string>& words) {
     const std::string step = "reading the paths from '" + file + "'";
     std::istringstream lines(read_file(file == "-" ? nullptr : file.c_str(), step, kMostFileBytes));
     for (std::string line; std::getline(lines, line);) {
-      if (!line.empty()) paths.push_back(line);
+      if (!line.empty() && line[0] != '#') paths.push_back(line);
     }
   }
   return paths;

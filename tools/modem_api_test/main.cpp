@@ -10,13 +10,6 @@ namespace {
 
 using namespace pelmar::cli;
 
-// Why messages are missing in the capture that --trace names.
-std::optional<Failure> trace_failure(const std::string& trace) {
-  const std::string problem = trace.empty() ? "" : pelmar_platform_trace_problem();
-  if (problem.empty()) return std::nullopt;
-  return Failure("writing the trace '" + trace + "'", problem);
-}
-
 int run(const CommandLine& line) {
   const Settings& settings = line.settings();
   if (settings.phone_rules) setenv("PELMAR_PLATFORM_RULES", "phone", 1);
@@ -29,20 +22,16 @@ int run(const CommandLine& line) {
     const bool is_output = settings.trace == "-";
     const std::string name = is_output ? "/dev/fd/" + std::to_string(output.give_away()) : settings.trace;
     setenv(pelmar::platform::kTraceVariable, name.c_str(), 1);
-    if (const auto failure = trace_failure(settings.trace)) {
-      output.report(*failure);
-      return failure->exit_status();
-    }
   }
   Inbox inbox;
-  Session session(settings.modem, settings.waits, settings.verbose);
+  Session session(settings.modem, settings.trace, settings.waits, settings.verbose);
   const Failure time_up("the command", "it was not done in " + std::to_string(settings.seconds) + " s",
                         "Give it more time with --timeout SECONDS.");
   const auto conclude = [&](std::optional<Failure> failure, int end) -> int {
     // A signal frees the clients under a command that waits, so an error that the command reports after it is dropped.
     if (end > 0) return 128 + end;
     if (end == Signals::kTimeUp) failure = time_up;
-    if (!failure) failure = trace_failure(settings.trace);
+    if (!failure) failure = session.trace_failure();
     if (!failure) return kExitSuccess;
     output.report(*failure);
     return failure->exit_status();

@@ -9,6 +9,7 @@
 #include "environment.h"
 #include "failure.h"
 #include "inbox.h"
+#include "message_trace.h"
 #include "modem_hydra.h"
 #include "network_access_service_v01.h"
 #include "output.h"
@@ -73,7 +74,8 @@ bool is_present(modem_api_client_type type) {
 
 // --- session ---
 
-Session::Session(std::string modem, bool waits, bool verbose) : named_modem_(std::move(modem)), waits_(waits) {
+Session::Session(std::string modem, std::string trace, bool waits, bool verbose)
+    : named_modem_(std::move(modem)), trace_(std::move(trace)), waits_(waits) {
   pelmar_hal_close_print();
   if (verbose) pelmar_hal_add_shell_print_mask(PELMAR_LOG_LEVEL_ERROR);
   watch_exchanges(verbose);
@@ -89,8 +91,16 @@ void Session::restart() {
 }
 
 const Modem& Session::modem() {
-  if (!modem_) modem_ = choose_modem(named_modem_);
+  if (modem_) return *modem_;
+  if (const auto failure = trace_failure()) throw *failure;
+  modem_ = choose_modem(named_modem_);
   return *modem_;
+}
+
+std::optional<Failure> Session::trace_failure() const {
+  const std::string problem = trace_.empty() ? "" : pelmar_platform_trace_problem();
+  if (problem.empty()) return std::nullopt;
+  return Failure("writing the trace '" + trace_ + "'", problem);
 }
 
 bool Session::stop_own_modem() {

@@ -37,15 +37,19 @@ inline constexpr Advice kNoIdLeft = {
 
 class Session {
  public:
-  // `modem`: what --modem named, or empty. `waits`: for a modem that is not there yet. `verbose`: messages,
-  // and the library's errors, go to standard error.
-  Session(std::string modem, bool waits, bool verbose);
+  // `modem` and `trace`: what --modem and --trace named, or empty. `waits`: for a modem that is not there yet.
+  // `verbose`: messages, and the library's errors, go to standard error.
+  Session(std::string modem, std::string trace, bool waits, bool verbose);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // The modem, chosen (and started) at the first call.
+  // The modem, chosen (and started) at the first call. The trace is opened there and no earlier, so that a command with
+  // wrong arguments leaves an earlier capture as it is. Throws where it cannot be opened.
   const Modem& modem();
+
+  // Why messages are missing in the trace.
+  std::optional<Failure> trace_failure() const;
 
   // Whether to wait for a modem that is not there yet.
   bool waits() const { return waits_; }
@@ -83,6 +87,7 @@ class Session {
   std::string absence_advice();
 
   const std::string named_modem_;
+  const std::string trace_;
   const bool waits_;
   std::optional<Modem> modem_;
   bool is_initialised_ = false;

@@ -151,6 +151,7 @@ std::string utc_text(WallClock::time_point time) {
 }
 
 std::optional<Moment> parse_moment(const std::string& word) {
+  if (word == "24:00") return Moment{true, 86'400'000'000'000};  // the end of the day
   tm time{};
   const bool is_of_day = word.find('T') == word.npos;
   const char* at = strptime(word.c_str(), is_of_day ? "%H:%M" : "%Y-%m-%dT%H:%M", &time);

@@ -68,7 +68,7 @@ struct Moment {
   int64_t ns;  // of the day, or since the epoch
 };
 
-// "08:15", "08:15:30.5", "2024-05-17T06:15:30.125Z"; nothing for anything else.
+// "08:15", "08:15:30.5", "24:00", "2024-05-17T06:15:30.125Z"; nothing for anything else.
 std::optional<Moment> parse_moment(const std::string& word);
 
 // The reverse of utc_text(); nothing for a text that is no moment.

@@ -32,10 +32,13 @@ Problem SocketStream::connect(const std::string& name, const Deadline& deadline)
   descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
   if (!is_open()) return {std::strerror(errno)};
   silent_listener_ = name;
-  const ConnectResult result =
+  ConnectResult result =
       deadline.is_none() ? connect_unix(descriptor(), name) : connect_unix(descriptor(), name, deadline.remaining());
   if (result.error == 0 && set_receive_timeout(descriptor())) return {};
   const bool is_absent = result.error == ENOENT || result.error == ECONNREFUSED;
+  if (result.error == EACCES) {
+    result.problem = "this user may not connect to it: run as the user that owns it, or as root (ls -l " + name + ")";
+  }
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
   return {is_absent ? "nobody serves it (" + result.problem + ")" : result.problem, is_absent};

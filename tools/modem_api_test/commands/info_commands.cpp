@@ -214,7 +214,7 @@ std::optional<Failure> put_services(Json& document, std::string& lack) {
     document["services"].push_back(
         {{"service", service.name}, {"id", service.object()->service_id}, {"up", state == "up"}, {"state", state}});
   }
-  document["client_ids_exhausted"] = are_ids_exhausted;
+  if (is_any_up || are_ids_exhausted) document["client_ids_exhausted"] = are_ids_exhausted;
   if (is_any_up || fault) return fault;
   return Failure("connecting to the modem's services", "none of them is there",
                  "Wait for one with --wait, or reset the modem.");
@@ -241,17 +241,22 @@ void show_info(const Context& context, const NoValues&) {
   Json document = {{"modem", describe_modem(modem, found)}, {"listed_services", describe_listed(found)}};
   document["client_ids"] = describe_client_ids();
   std::string lack;
-  if (fault) document["client_ids_exhausted"] = false;
+  document["client_ids_exhausted"] = Json();  // not checked
   if (!fault) fault = put_services(document, lack);
   document["properties"] = set_properties();
   document["build"] = describe_build();
   document["process"] = {{"name", pelmar_utils_get_pid_name()}, {"id", pelmar_utils_get_pid_number()}};
   document["fault"] = fault ? Json(fault->headline()) : Json();
-  document["next_step"] = fault          ? fault->advice()
+  const Json permission = document["modem"].value("permission", Json{{"may_use", true}});
+  const bool is_forbidden = fault && !permission["may_use"].get<bool>();
+  document["next_step"] = is_forbidden ? "Run as the owner (" + permission["owner"].get<std::string>() +
+                                             ") or as root, or name another modem with --modem."
+                          : fault        ? fault->advice()
                           : lack.empty() ? "'modem_api_test signal' shows what the radio receives."
                                          : lack + "To wait for a service, add --wait to the command.";
   std::string text;
   for (const auto& [title, part] : document.items()) {
+    if (title == "client_ids_exhausted" && part.is_null()) continue;
     text += title + (part.is_structured() ? part.empty() ? ": none" : "" : ": " + inline_text(part)) + "\n";
     if (!part.is_structured()) continue;
     for (const auto& [name, value] : part.items()) {

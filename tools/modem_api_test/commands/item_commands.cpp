@@ -216,7 +216,10 @@ class Pass {
       if (state == kDone || counts_[state] > 0) text += std::to_string(counts_[state]) + ' ' + word + ", ";
     }
     text += std::to_string(left) + " not tried";
-    if (left > 0) text += " (from " + title_of(kind_, job_.items[tried_].address) + " on)";
+    if (left > 0) {
+      text += " (from " + title_of(kind_, job_.items[tried_].address) + " on)";
+      summary["first_not_tried"] = json_of(kind_, job_.items[tried_].address);
+    }
     print(summary, text);
     if (context_.inbox.is_interrupted()) return;
     if (failure_) throw *failure_;
@@ -318,13 +321,13 @@ constexpr const char* kDumpNotes =
     "are comments, and the exit status is 1 then.";
 constexpr const char* kPathNotes =
     "The service cannot list its EFS files, and a directory counts as absent: name each file, or give @FILE, a file "
-    "with one path a line.";
+    "with one path a line. Lines that begin with # are comments.";
 constexpr const char* kRestoreNotes =
     "Nothing is written before the whole file has been checked. Items that the file does not have stay as they are. "
     "Where the modem refuses an item the others are written still, and the exit status is 1.";
 constexpr const char* kDiffNotes =
-    "Lines that begin with - are the file's, with + the modem's. Only the file's items are compared. As with diff(1), "
-    "the exit status is 1 where something differs.";
+    "Lines that begin with - are the file's, with + the modem's. Only the file's items are compared. The exit "
+    "status is 1 where something differs, and also where the comparison fails.";
 
 // --- efs-sync ---
 

@@ -128,7 +128,7 @@ void add_statistics(const Command& command, std::vector<uint32_t>& ids, int most
     } else if (number) {
       ids.push_back(static_cast<uint32_t>(*number));
     } else {
-      return "'" + word + "' is no statistic: give a number, or a name as in lte-pcc";
+      return "'" + word + "' is no statistic: give a number, or a name that 'stats list' shows";
     }
     return "";
   };
@@ -152,10 +152,14 @@ void list_statistics(const Context& context, const NoValues&) {
     Json fields = Json::array();
     text += statistic_text(row.id) + ", " + count_of(bytes_of(row.fields), "byte") + "\n ";
     for (const statistics::Field& field : row.fields) {
+      const auto has_name = [&field](const auto& each) { return std::string_view(each.name) == field.name; };
+      const auto earlier = std::count_if(row.fields.data(), &field, has_name);
+      const bool is_alone = std::ranges::count_if(row.fields, has_name) == 1;
+      const std::string name = field.name + (is_alone ? "" : std::to_string(earlier));
       const std::string unit(unit_of(field));
       const char* const type = kTypeNames[static_cast<size_t>(field.type)];
-      text += (fields.empty() ? " " : ", ") + std::string(field.name) + " " + type + (unit.empty() ? "" : " " + unit);
-      fields.push_back({{"name", field.name}, {"type", type}, {"bytes", width_of(field.type)}, {"unit", unit}});
+      text += (fields.empty() ? " " : ", ") + name + " " + type + (unit.empty() ? "" : " " + unit);
+      fields.push_back({{"name", name}, {"type", type}, {"bytes", width_of(field.type)}, {"unit", unit}});
     }
     text += "\n";
     list.push_back({{"id", row.id}, {"name", row.name}, {"bytes", bytes_of(row.fields)}, {"fields", fields}});
@@ -322,7 +326,9 @@ void add_statistics_commands(CommandLine& line) {
   for (const statistics::Value& row : statistics::kValues) names.emplace_back(row.name);
   line.set_completion("STATISTIC", std::move(names));
   line.add<NoValues>(stats, "list", "list the statistics with their fields", list_statistics)
-      .first.add_notes("The units are those of the simulated modem; a modem may count otherwise.");
+      .first.add_notes(
+          "The units are those of the simulated modem; a modem may count otherwise. Fields that share a name have a "
+          "number behind it; 'stats get' shows them as a list.");
   const auto add_value_command = [&](const char* name, const char* summary, auto action) {
     auto added = line.add<ValueValues>(stats, name, summary, action);
     add_statistics(added.first, added.second.ids, MODEM_API_STATS_ENTRIES);

@@ -110,17 +110,19 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
           if (strcasecmp(name.c_str(), part.c_str()) == 0) keys.push_back(key);
         }
         if (const auto given = parse_number(part, 0, most)) keys.push_back(first + static_cast<uint32_t>(*given));
-        if (keys.size() == before) return "'" + part + "' is no " + what + ": give a name or a number";
+        if (keys.size() == before) return "'" + part + "' is no " + what + ": give a number, or a name as in a line";
       }
       return "";
     };
     command.add_parsed(option, help + ", by name or number, with commas between", take, {.type = type});
   };
-  add("--service", "SERVICE", values.services, services, UINT8_MAX, 0, "only these services");
+  std::string known;
+  for (const Named& service : services) known += (known.empty() ? "" : ", ") + service.first;
+  add("--service", "SERVICE", values.services, services, UINT8_MAX, 0, "only these services (" + known + ")");
   add("--message", "MESSAGE", values.messages, messages, UINT16_MAX, message_key(kAnyService, 0),
-      "only these messages");
+      "only these messages (a run without it shows their names, as does the shell's completion)");
   add("--result", "RESULT", values.errors, errors, UINT16_MAX, 0,
-      "only responses with these results (error: any but success)");
+      "only responses with these results (error: any but success; each with its request before it)");
   command.add_number("--client", values.client, "only this client id");
   command.add_parsed("--from", "only from this time on: of any day (local) as lines show it, or as in JSON (UTC)",
                      take_moment(values.from), {.type = "TIME"});
@@ -132,6 +134,7 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
 
 constexpr size_t kMostOpen = 65536;
 constexpr size_t kMostRows = 1000;
+constexpr size_t kMostKept = 640;  // bytes of a request; those that the library sends are shorter
 
 // Durations are counted by their highest six bits.
 constexpr unsigned kPrecisionBits = 5;
@@ -186,9 +189,17 @@ class Durations {
 
 class Exchanges {
  public:
-  // Opens an exchange with a request; returns the nanoseconds from the request to a response. `counts`: the message is
-  // part of the summary.
-  std::optional<int64_t> pair(const qmi::TracedMessage& traced, bool counts) {
+  struct Request {
+    int64_t time;
+    uint32_t row;
+    bool counts;
+    Bytes message;  // the first bytes, where they are kept
+    bool is_cut;    // there are more
+  };
+
+  // Opens an exchange with a request; returns the request of a response. `counts`: the message is part of the summary.
+  // `most_kept`: the bytes of a request that are kept.
+  std::optional<Request> pair(const qmi::TracedMessage& traced, bool counts, size_t most_kept) {
     const qmi::CapturedMessage& captured = traced.captured;
     const qmi::Message& message = *traced.message;
     if (message.kind == qmi::MessageKind::kIndication) return std::nullopt;
@@ -196,17 +207,19 @@ class Exchanges {
                          uint32_t{captured.frame.client} << 16 | message.transaction;
     const uint32_t row = row_key(captured.frame.service, message);
     if (message.kind == qmi::MessageKind::kRequest) {
-      const Request request = {captured.time_ns, row, counts};
+      const auto kept = captured.frame.message.first(std::min(captured.frame.message.size(), most_kept));
+      const bool is_cut = captured.is_cut || kept.size() < captured.frame.message.size();
       if (open_.size() == kMostOpen) end();
-      const auto [open, is_new] = open_.try_emplace(key, request);
-      if (!is_new) give_up(std::exchange(open->second, request));
+      const auto [open, is_new] = open_.try_emplace(key);
+      if (!is_new) give_up(open->second);
+      open->second = {captured.time_ns, row, counts, {kept.begin(), kept.end()}, is_cut};
       return std::nullopt;
     }
     const auto open = open_.find(key);
     if (open == open_.end() || open->second.row != row) return std::nullopt;
-    const int64_t begin = open->second.time;
+    std::optional<Request> request = std::move(open->second);
     open_.erase(open);
-    return begin <= captured.time_ns ? captured.time_ns - begin : 0;
+    return request;
   }
 
   // A message that is part of the summary.
@@ -249,12 +262,6 @@ class Exchanges {
   }
 
  private:
-  struct Request {
-    int64_t time;
-    uint32_t row;
-    bool counts;
-  };
-
   struct Row {
     uint64_t count = 0;
     uint64_t errors = 0;
@@ -348,13 +355,28 @@ class Trace {
       if (result && result->size() >= qmi::kResultLength) traced.error = qmi::load_u16(result->data() + 2);
     }
     const bool is_accepted = values_.accepts(traced);
-    if (traced.message) traced.duration = exchanges_.pair(traced, is_accepted);
+    const bool keeps_requests = !values_.errors.empty() && !values_.is_summary;
+    std::optional<Exchanges::Request> request;
+    if (traced.message) request = exchanges_.pair(traced, is_accepted, keeps_requests ? kMostKept : 0);
+    if (request) traced.duration = std::max<int64_t>(captured.time_ns - request->time, 0);
     if (!is_accepted) return;
     ++accepted_;
     if (traced.message) exchanges_.count(traced);
     if (values_.is_summary) return;
+    if (request && keeps_requests) {
+      qmi::CapturedMessage earlier = captured;
+      earlier.time_ns = request->time;
+      earlier.direction = qmi::Direction::kToModem;
+      earlier.frame.message = request->message;
+      earlier.is_cut = request->is_cut;
+      show({earlier, link, read_message(earlier.frame), std::nullopt, std::nullopt});
+    }
+    show(traced);
+  }
+
+  void show(const qmi::TracedMessage& traced) {
     if (context_.output.is_json()) return qmi::append_json(text_, traced, values_.has_fields);
-    const int64_t day = qmi::local_time(captured.time_ns).day;
+    const int64_t day = qmi::local_time(traced.captured.time_ns).day;
     if (day != day_.value_or(day)) append_date(day);
     day_ = day;
     qmi::append_line(text_, traced, values_.has_fields);
