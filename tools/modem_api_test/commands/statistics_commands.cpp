@@ -154,7 +154,7 @@ void list_statistics(const Context& context, const NoValues&) {
     for (const statistics::Field& field : row.fields) {
       const auto has_name = [&field](const auto& each) { return std::string_view(each.name) == field.name; };
       const auto earlier = std::count_if(row.fields.data(), &field, has_name);
-      const bool is_alone = std::ranges::count_if(row.fields, has_name) == 1;
+      const bool is_alone = std::count_if(row.fields.begin(), row.fields.end(), has_name) == 1;
       const std::string name = field.name + (is_alone ? "" : std::to_string(earlier));
       const std::string unit(unit_of(field));
       const char* const type = kTypeNames[static_cast<size_t>(field.type)];
