@@ -160,7 +160,8 @@ bool is_regular(int descriptor) {
 int64_t room_of(int descriptor) {
   struct stat status {};
   rlimit limit{};
-  if (::fstat(descriptor, &status) != 0 || ::getrlimit(RLIMIT_FSIZE, &limit) != 0) return INT64_MAX;
+  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return INT64_MAX;
+  if (::getrlimit(RLIMIT_FSIZE, &limit) != 0) return INT64_MAX;
   const bool appends = (::fcntl(descriptor, F_GETFL) & O_APPEND) != 0;
   const off_t position = appends ? status.st_size : ::lseek(descriptor, 0, SEEK_CUR);
   return static_cast<int64_t>(std::min<rlim_t>(limit.rlim_cur, INT64_MAX)) - position;
