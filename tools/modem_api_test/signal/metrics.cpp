@@ -107,7 +107,8 @@ TakeReading serve_metrics(const std::string& address) {
                             "Give HOST:PORT or :PORT, for example 127.0.0.1:9464.");
   }
   try {
-    static const auto metrics = std::make_shared<Metrics>();
+    // Never destroyed, because the server's threads use them until the process has ended.
+    static const auto& metrics = *new auto(std::make_shared<Metrics>());
     static auto& exposer = [&]() -> auto& {
       auto& made = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
       made.RegisterCollectable(metrics);
