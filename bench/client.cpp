@@ -130,7 +130,7 @@ int count_events(const std::string& name) {
   while (reader.next(captured) == qmi::CaptureReader::Status::kMessage) {
     const auto message = qmi::read_message(captured.frame);
     count += captured.frame.service == vs::kServiceId && message && message->kind == qmi::MessageKind::kIndication &&
-             message->id == vs::kReportA;
+             message->id == vs::kReportAIndication;
   }
   close(file);
   return count;

@@ -162,7 +162,7 @@ def main():
     context = results.context
     load = context.get("load_avg", [])
     print(f"\n{model()}, {context['num_cpus']} processors, Linux {platform.release()}, "
-          f"load {load[0] if load else 'unknown'}; {len(next(iter(results.runs.values())))} rounds{note}")
+          f"load {load[0] if load else 'unknown'}; {max(map(len, results.runs.values()))} rounds{note}")
 
 
 def model():

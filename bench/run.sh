@@ -15,7 +15,7 @@ build=build/bench
 need_packages $PACKAGES_BUILD libbenchmark-dev python3
 configure "$build" -DCMAKE_BUILD_TYPE=Release -DPELMAR_BENCH=ON -DPELMAR_TESTS=OFF
 programs=(bench_codec bench_library bench_log_site bench_end_to_end bench_transports bench_client)
-cmake --build "$build" --target "${programs[@]}" >/dev/null
+cmake --build "$build" --target "${programs[@]}" >&2
 
 priority=() note="normal priority"
 if [ "${PELMAR_BENCH_PRIORITY:-}" != normal ] && chrt -f 10 true 2>/dev/null; then
