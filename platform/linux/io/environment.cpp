@@ -81,12 +81,14 @@ std::string read_small_file(const std::string& path) {
   return length > 0 ? std::string(bytes, static_cast<size_t>(length)) : "";
 }
 
-std::string describe_process(pid_t process) {
-  if (process == 0) return "";
-  const std::string number = std::to_string(process);
-  std::string name = read_small_file("/proc/" + number + "/comm");
+std::string process_name(pid_t process) {
+  std::string name = read_small_file("/proc/" + std::to_string(process) + "/comm");
   if (name.ends_with('\n')) name.pop_back();
-  return name + '[' + number + ']';
+  return name;
+}
+
+std::string describe_process(pid_t process) {
+  return process == 0 ? "" : process_name(process) + '[' + std::to_string(process) + ']';
 }
 
 std::string boot_id() {

@@ -23,6 +23,9 @@ std::string environment_path(const char* name);
 // The first KiB of a file, such as one of /proc; empty for a file that cannot be read.
 std::string read_small_file(const std::string& path);
 
+// Empty for a process that is not there.
+std::string process_name(pid_t process);
+
 // "NAME[PID]"; empty for an unknown process, whose id is 0.
 std::string describe_process(pid_t process);
 

@@ -94,9 +94,7 @@ std::string find_other_user(const struct stat& device) {
   }
   if (processes != nullptr) ::closedir(processes);
   if (found.empty()) return found;
-  std::string name = read_small_file("/proc/" + found + "/comm");
-  name.erase(std::min(name.find('\n'), name.size()));
-  return "process " + found + " (" + name + ")";
+  return "process " + found + " (" + process_name(std::stoi(found)) + ")";
 }
 
 std::string describe_use(const std::string& path, const struct stat& device) {

@@ -116,9 +116,7 @@ Json describe_build() {
 // --- the modem ---
 
 Json describe_process(int32_t process) {
-  std::string name = read_small_file("/proc/" + std::to_string(process) + "/comm");
-  name.erase(std::min(name.find('\n'), name.size()));
-  return {{"process", process}, {"name", name}};
+  return {{"process", process}, {"name", process_name(process)}};
 }
 
 Json describe_modem(const Modem& modem, const ModemReport& found) {

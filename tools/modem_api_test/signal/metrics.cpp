@@ -93,6 +93,13 @@ class Metrics : public prometheus::Collectable {
   bool was_lost_ = false;
 };
 
+struct Server {
+  explicit Server(const std::string& address) : exposer(address, 1) { exposer.RegisterCollectable(metrics); }
+
+  prometheus::Exposer exposer;
+  const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
+};
+
 }  // namespace
 
 const char* const kServeHelp =
@@ -107,17 +114,11 @@ TakeReading serve_metrics(const std::string& address) {
                             "Give HOST:PORT or :PORT, for example 127.0.0.1:9464.");
   }
   try {
-    // Never destroyed, because the server's threads use them until the process has ended.
-    static const auto& metrics = *new auto(std::make_shared<Metrics>());
-    static auto& exposer = [&]() -> auto& {
-      auto& made = *new prometheus::Exposer(host.size() > 1 ? address : port, 1);
-      made.RegisterCollectable(metrics);
-      return made;
-    }
-    ();
+    // Never destroyed, because its threads use the metrics until the process has ended.
+    static auto& server = *new Server(host.size() > 1 ? address : port);
     remark("metrics are at http://" + (host.size() > 1 ? host : "0.0.0.0:") +
-           std::to_string(exposer.GetListeningPorts().front()) + "/metrics");
-    return [](const auto& reading, const std::string& problem) { metrics->take(reading, problem); };
+           std::to_string(server.exposer.GetListeningPorts().front()) + "/metrics");
+    return [](const auto& reading, const std::string& problem) { server.metrics->take(reading, problem); };
   } catch (const std::exception&) {
     throw Failure("serving metrics at " + address, "the address is in use, or is none of this machine's",
                   "Give HOST:PORT or :PORT, for example 127.0.0.1:9464; Debian's web server, civetweb, has no IPv6.");
