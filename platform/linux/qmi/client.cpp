@@ -50,6 +50,7 @@ void Client::start() {
   add_to_poll(poll_.get(), connection_->descriptor(), EPOLLONESHOT);
   dispatch_arrivals();  // bytes that arrived together with the client id
   if (!is_gone_) poll_connection(true);
+  if (has_phone_rules_) connection_->expect_response(true);  // the thread reads for every sender
   thread_.start([self = shared_from_this()] { self->run(); });
 }
 
@@ -116,7 +117,9 @@ void Client::wait_for_work(Lock& lock) {
   const int count = ::epoll_wait(poll_.get(), ready.data(), static_cast<int>(ready.size()), limit);
   lock.lock();
   is_idle_ = false;
-  if (count == 0 && reader_ == nullptr && !is_stopping_ && !is_gone_) dispatch_arrivals();
+  const bool reads = reader_ == nullptr && !is_stopping_ && !is_gone_;
+  if (count == 0 && reads) dispatch_arrivals();
+  if (pause_.take_end() && reads) poll_connection(true);
   for (int i = 0; i < count; ++i) {
     if (ready[static_cast<size_t>(i)].data.fd == thread_.descriptor()) {
       thread_.acknowledge();
@@ -133,8 +136,10 @@ void Client::wait_for_work(Lock& lock) {
 
 // In milliseconds; -1: no limit. The thread that reads also delivers the responses that the connection keeps back.
 int Client::limit_of_wait() const {
+  if (is_gone_) return -1;
+  if (pause_.is_timed()) return static_cast<int>(ReadingPause::kLength.count());
   const Deadline limit = connection_->kept_until();
-  return reader_ != nullptr || is_gone_ || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());
+  return reader_ != nullptr || limit.is_none() ? -1 : static_cast<int>(limit.remaining().count());
 }
 
 void Client::deliver(const Event& event) const {

@@ -4,7 +4,7 @@
 // sender that waits reads the connection itself, so that its response wakes no second thread; the thread's poll of the
 // connection is disarmed meanwhile. The reader passes on all that it reads: responses to the senders that wait for
 // them, indications and asynchronous responses to the thread's queue. After its own response it passes the reading to
-// another waiting sender, or back to the thread.
+// another waiting sender, or back to the thread, which arms its poll once no sender follows (reading_pause.h).
 //
 // While a sender reads, indications pile up behind a slow callback. Beyond a bound the oldest are dropped: we cannot
 // stop reading, because the sender's response is behind them in the same stream, and the callback may wait for the
@@ -26,6 +26,7 @@
 
 #include "handle.h"
 #include "qmi_client.h"
+#include "reading_pause.h"
 #include "rules.h"
 #include "transport.h"
 
@@ -197,7 +198,8 @@ class Client : public std::enable_shared_from_this<Client> {
 
   Waiter* reader_ = nullptr;  // null: the handle's thread reads
   bool is_polled_ = false;    // the thread's poll of the connection is armed
-  bool is_idle_ = false;      // the thread waits for something to do
+  ReadingPause pause_;
+  bool is_idle_ = false;  // the thread waits for something to do
 
   uint16_t last_transaction_ = 0;
   std::array<Slot, kSlots> slots_;

@@ -98,6 +98,7 @@ Client::Transaction Client::take(std::list<Transaction>::iterator transaction) {
   const Transaction taken = *transaction;
   slot_of(taken.number) = std::monostate();
   transactions_.erase(transaction);
+  if (transactions_.empty() && !has_phone_rules_) connection_->expect_response(false);
   return taken;
 }
 
@@ -184,8 +185,10 @@ void Client::pass_reading() {
   const auto next =
       std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->is_asleep; });
   if (next == waiters_.end()) {
-    poll_connection(true);
-    if (!connection_->kept_until().is_none()) wake_thread();  // the thread waits for that time now
+    const bool is_awaited = !transactions_.empty() || is_sending_;
+    const auto action = is_awaited ? ReadingPause::Action::kArm : pause_.reader_ended();
+    if (action == ReadingPause::Action::kArm) poll_connection(true);
+    if (action == ReadingPause::Action::kWakeThread || !connection_->kept_until().is_none()) wake_thread();
     return;
   }
   reader_ = *next;

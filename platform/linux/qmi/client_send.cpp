@@ -41,6 +41,8 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   const auto own =
       transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR, request.response_length});
   slot_of(number) = own;
+  if (reader_ == nullptr) poll_connection(true);
+  if (transactions_.size() == 1) connection_->expect_response(true);
   if (transaction != nullptr) *transaction = reinterpret_cast<qmi_txn_handle>(uintptr_t{number});
   error = transmit(lock, request, number, deadline);
   if (error == QMI_NO_ERR) return QMI_NO_ERR;
@@ -148,6 +150,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   if (status == SendStatus::kBlocked) {
     // The modem may take no more bytes until we read, so we pass the reading on.
     if (reader_ != nullptr && reader_->transaction == transaction) pass_reading();
+    if (reader_ == nullptr) poll_connection(true);
     lock.unlock();
     status = connection_->flush(deadline);
     lock.lock();

@@ -31,6 +31,7 @@
 #include "environment.h"
 #include "message_trace.h"
 #include "qmux_link.h"
+#include "reading_pause.h"
 
 namespace pelmar::platform {
 namespace {
@@ -183,6 +184,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
 
   SendStatus send(uint64_t link, Bytes frame);
   SendStatus flush(uint64_t link, const Deadline& deadline);
+  void expect(uint64_t link, bool is_expected);
   ReadStatus receive(uint64_t link, int socket, std::span<uint8_t> room, const Deadline& deadline, size_t& received);
 
  private:
@@ -191,7 +193,9 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   struct Link {
     ProcessFd socket;
     std::vector<uint8_t> waiting = {};  // bytes that the link's socket does not take yet
+    size_t unread = 0;                  // bytes that were sent to the socket and not received yet
     size_t dropped = 0;                 // frames that were dropped since the socket last took bytes
+    bool expects = false;               // a response is awaited at the socket
     bool is_ended = false;
   };
 
@@ -232,6 +236,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   void watch(int operation, int descriptor, uint32_t events, uint64_t name) const;
   bool become_reader(uint64_t number, std::span<uint8_t> room);
   void end_reading();
+  bool has_other_receivers() const;
 
   static Bytes bytes_of(const qmi::Frame& frame) {
     return {frame.message.data() - qmi::kFrameHeaderLength, qmi::kFrameHeaderLength + frame.message.size()};
@@ -248,6 +253,9 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   bool is_gone_ = false;
   FrameReader frames_;
   Reader reader_;
+  bool is_read_armed_ = true;  // the thread's poll of the device waits for bytes to read
+  ReadingPause pause_;
+  size_t receivers_ = 0;  // the threads in receive() that do not read the device
   std::deque<Unwritten> unwritten_;
   std::map<uint64_t, Link> links_;  // by number, from 1
   uint64_t last_link_ = 0;
@@ -298,10 +306,12 @@ void ModemDevice::watch(int operation, int descriptor, uint32_t events, uint64_t
 void ModemDevice::run() {
   Lock lock(mutex_);
   while (goes_on(lock)) {
+    const int limit = pause_.is_timed() ? static_cast<int>(ReadingPause::kLength.count()) : -1;
     lock.unlock();
     epoll_event ready[16];
-    const int count = ::epoll_wait(poll_.get(), ready, std::size(ready), -1);
+    const int count = ::epoll_wait(poll_.get(), ready, std::size(ready), limit);
     lock.lock();
+    if (pause_.take_end() && reader_.link == 0) arm();
     for (int i = 0; i < count; ++i) {
       const uint32_t events = ready[i].events;
       const auto link = links_.find(ready[i].data.u64 - kDevice);
@@ -354,6 +364,7 @@ bool ModemDevice::goes_on(Lock& lock) {
 void ModemDevice::arm() {
   const uint32_t reads = reader_.link == 0 ? uint32_t{EPOLLIN} : 0;
   const uint32_t writes = unwritten_.empty() ? 0 : uint32_t{EPOLLOUT};
+  is_read_armed_ = reads != 0;
   if (!is_gone_) watch(EPOLL_CTL_MOD, device_.get(), reads | writes | EPOLLONESHOT, kDevice);
 }
 
@@ -432,14 +443,37 @@ SendStatus ModemDevice::flush(uint64_t link, const Deadline& deadline) {
 
 // --- receiving ---
 
+void ModemDevice::expect(uint64_t number, bool is_expected) {
+  const Lock lock(mutex_);
+  const auto link = links_.find(number);
+  if (link == links_.end()) return;
+  link->second.expects = is_expected;
+  if (is_expected && reader_.link == 0 && !is_read_armed_) arm();
+}
+
+// Whether somebody waits at a link's socket for what the device's thread reads.
+bool ModemDevice::has_other_receivers() const {
+  return receivers_ > 0 || !unwritten_.empty() ||
+         std::any_of(links_.begin(), links_.end(), [](const auto& link) { return link.second.expects; });
+}
+
 ReadStatus ModemDevice::receive(uint64_t link, int socket, std::span<uint8_t> room, const Deadline& deadline,
                                 size_t& received) {
-  ReadStatus status = receive_now(socket, room, received);
-  if (status != ReadStatus::kTimedOut || deadline.has_passed()) return status;
   Lock lock(mutex_);
+  const auto receive_unread = [&] {
+    const ReadStatus result = receive_now(socket, room, received);
+    const auto found = links_.find(link);
+    if (result == ReadStatus::kRead && found != links_.end()) found->second.unread -= received;
+    return result;
+  };
+  if (deadline.has_passed()) return receive_unread();
   const bool is_reader = become_reader(link, room);
-  // An earlier reader may have passed frames to this link meanwhile; they come first.
-  status = receive_now(socket, room, received);
+  // An earlier reader may have passed frames to this link; they come first.
+  const auto own = links_.find(link);
+  const bool has_unread = own == links_.end() || own->second.unread > 0;
+  ReadStatus status = has_unread ? receive_unread() : ReadStatus::kTimedOut;
+  if (!is_reader) ++receivers_;
+  if (!is_reader && reader_.link == 0 && !is_read_armed_) arm();
   while (status == ReadStatus::kTimedOut && !deadline.has_passed()) {
     pollfd ready[] = {{socket, POLLIN, 0}, {device_.get(), POLLIN, 0}};
     lock.unlock();
@@ -452,10 +486,14 @@ ReadStatus ModemDevice::receive(uint64_t link, int socket, std::span<uint8_t> ro
       received = reader_.received;
       status = ReadStatus::kRead;
     } else {
-      status = is_reader && is_gone_ ? ReadStatus::kGone : receive_now(socket, room, received);
+      status = is_reader && is_gone_ ? ReadStatus::kGone : receive_unread();
     }
   }
-  if (is_reader) end_reading();
+  if (is_reader) {
+    end_reading();
+  } else {
+    --receivers_;
+  }
   return status;
 }
 
@@ -464,13 +502,15 @@ bool ModemDevice::become_reader(uint64_t number, std::span<uint8_t> room) {
   const bool can_read = reader_.link == 0 && !is_gone_ && link != links_.end() && link->second.waiting.empty();
   if (!can_read) return false;
   reader_ = {number, room};
-  arm();
+  if (is_read_armed_) arm();
   return true;
 }
 
 void ModemDevice::end_reading() {
   reader_ = {};
-  arm();
+  const auto action = has_other_receivers() ? ReadingPause::Action::kArm : pause_.reader_ended();
+  if (action == ReadingPause::Action::kArm) arm();
+  if (action == ReadingPause::Action::kWakeThread) thread_.wake();
   if (is_gone_) changed_.notify_all();
 }
 
@@ -544,7 +584,10 @@ void ModemDevice::flush(uint64_t number, Link& link) {
   const ssize_t count =
       ::send(link.socket.get(), link.waiting.data(), link.waiting.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (count < 0 && errno != EAGAIN && errno != EINTR) link.waiting.clear();  // the reader has closed its end
-  if (count > 0) link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
+  if (count > 0) {
+    link.waiting.erase(link.waiting.begin(), link.waiting.begin() + count);
+    link.unread += static_cast<size_t>(count);
+  }
   watch(EPOLL_CTL_MOD, link.socket.get(), link.waiting.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT, kDevice + number);
   if (link.dropped == 0 || !link.waiting.empty()) return;
   ::syslog(LOG_WARNING, "A client's callbacks are too slow, %zu messages of the modem's device were dropped",
@@ -593,6 +636,10 @@ SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame
 
 SendStatus flush_device(const DeviceLink& link, const Deadline& deadline) {
   return link.device->flush(link.number, deadline);
+}
+
+void expect_from_device(const DeviceLink& link, bool is_expected) {
+  link.device->expect(link.number, is_expected);
 }
 
 ReadStatus receive_from_device(const DeviceLink& link, int socket, std::span<uint8_t> room, const Deadline& deadline,

@@ -31,6 +31,9 @@ DeviceLink connect_device(const std::string& path);
 SendStatus send_to_device(const DeviceLink& link, std::span<const uint8_t> frame);
 SendStatus flush_device(const DeviceLink& link, const Deadline& deadline);
 
+// Whether a response is awaited at the link's socket, without a receive_from_device().
+void expect_from_device(const DeviceLink& link, bool is_expected);
+
 // Receives at least one byte of frames for the link, from its socket or from the device.
 ReadStatus receive_from_device(const DeviceLink& link, int socket, std::span<uint8_t> room, const Deadline& deadline,
                                size_t& received);

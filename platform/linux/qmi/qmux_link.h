@@ -97,6 +97,11 @@ class QmuxLink {
   bool has_unsent() const { return device_.device ? is_unsent_ : stream_.has_unsent(); }
   SendStatus flush(const Deadline& deadline);
 
+  // See Connection.
+  void expect_response(bool is_expected) {
+    if (device_.device) expect_from_device(device_, is_expected);
+  }
+
   SocketStream& stream() { return stream_; }
   const SocketStream& stream() const { return stream_; }
   ReadStatus read(const Deadline& deadline);

@@ -70,6 +70,8 @@ class QmuxConnection final : public Connection {
 
   int descriptor() const override { return link_.stream().descriptor(); }
 
+  void expect_response(bool is_expected) override { link_.expect_response(is_expected); }
+
   uint8_t* message_buffer() override { return frame_.get() + qmi::kFrameHeaderLength; }
   size_t message_capacity() const override { return capacity_; }
 

@@ -33,6 +33,10 @@ class Connection {
   // Readable when read() has something to read.
   virtual int descriptor() const = 0;
 
+  // Whether the caller waits at descriptor() for a response. Otherwise what arrives may be reported there up to twice
+  // ReadingPause::kLength late.
+  virtual void expect_response(bool /*is_expected*/) {}
+
   // The buffer in which the caller writes the header and TLVs of the next message.
   virtual uint8_t* message_buffer() = 0;
   virtual size_t message_capacity() const = 0;
