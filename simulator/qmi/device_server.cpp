@@ -109,11 +109,8 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
   }
 
   void on_ready(uint32_t events) override {
-    if ((events & EPOLLIN) != 0) {
-      receive();
-    } else if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-      wait_for_program();
-    }
+    if ((events & (EPOLLIN | EPOLLHUP)) == EPOLLHUP) forget_program();
+    if ((events & ~EPOLLOUT) != 0) receive();
     if (terminal_ && (events & EPOLLOUT) != 0) flush();
   }
 
@@ -161,21 +158,27 @@ class DeviceConnection final : public Connection, public EventLoop::Watcher {
     if (waiting_.empty()) drained();
   }
 
-  // The program has closed the device. The terminal would report that continuously, so it is not watched until a
-  // program opens it again.
-  void wait_for_program() {
+  // Drops what the closed program did not send whole, or did not read. What the terminal has received stays: it may be
+  // the request of the next program.
+  void forget_program() {
     input_.clear();
     waiting_.clear();
     waiting_bytes_ = 0;
-    tcflush(terminal_.get(), TCIOFLUSH);
+    tcflush(terminal_.get(), TCOFLUSH);
+  }
+
+  // The program has closed the device. The terminal would report that continuously, so it is not watched until a
+  // program opens it again.
+  void wait_for_program() {
+    forget_program();
     if (!is_looking_) {
       server_.loop_.unwatch(terminal_.get(), *this);
       is_looking_ = true;
       connections_.peers_changed();
     }
     look_ = server_.loop_.after(kLookPause, [this] {
-      pollfd state = {terminal_.get(), 0, 0};
-      if (poll(&state, 1, 0) > 0 && (state.revents & POLLHUP) != 0) return wait_for_program();
+      pollfd state = {terminal_.get(), POLLIN, 0};
+      if (poll(&state, 1, 0) > 0 && state.revents == POLLHUP) return wait_for_program();
       is_looking_ = false;
       connections_.peers_changed();
       server_.loop_.watch(terminal_.get(), EPOLLIN, *this);
