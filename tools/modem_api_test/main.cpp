@@ -1,5 +1,8 @@
 // modem_api_test: the library's command-line client.
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <optional>
 #include <string>
 
@@ -46,9 +49,14 @@ int run(const CommandLine& line) {
 
 int main(int argc, char** argv) {
   CommandLine line;
-  if (const auto status = line.parse(argc, argv)) return *status;
-  Signals::block();
+  errno = 0;
   try {
+    if (const auto status = line.parse(argc, argv)) {
+      if (!std::cout.flush() || fflush(stdout) != 0 || ferror(stdout) != 0)
+        throw Failure::of_system("writing the output");
+      return *status;
+    }
+    Signals::block();
     return run(line);
   } catch (const Failure& failure) {
     remark(failure.what());
