@@ -58,6 +58,10 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
     EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
     EXPECT_EQ(events(0).size(), 4u) << "a registration after the loss calls back before it returns";
+    EXPECT_TRUE(modem_.wait_for_close(connection));
+    if (&lose != &losses[3]) {
+      EXPECT_TRUE(modem_.client_ids.get().contains({kNasId, client})) << "it may be another client's id by now";
+    }
   }
   modem_.client_ids.set({});  // the modem does not free void ids itself
 }

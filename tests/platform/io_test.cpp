@@ -1,10 +1,13 @@
 // What the platform shares with the programs that use it: sockets and their names, the environment, and system
 // properties.
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -116,6 +119,14 @@ TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
   }
   EXPECT_EQ(get("c", nullptr), "");
   EXPECT_EQ(get("c", std::string(200, 'd').c_str()), std::string(91, 'd'));
+  rlimit limit{};
+  ASSERT_TRUE(::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && ::getrlimit(RLIMIT_FSIZE, &limit) == 0);
+  const rlimit full = {0, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+  const int error = property_set("persist.a", "3");
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  EXPECT_EQ(error, -1);
+  EXPECT_EQ(get("persist.a"), "2");
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 2 + 3) << "no temporary file is left";
 }
 
@@ -131,6 +142,10 @@ TEST_F(Properties, OnlyPersistentOnesSurviveAReboot) {
 TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
   if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
   for (const char* name : {"PELMAR_PROPERTY_DIR", "XDG_STATE_HOME", "HOME"}) ::unsetenv(name);
+  EXPECT_EQ(user_state_directory(), std::string(::getpwuid(0)->pw_dir) + "/.local/state");
+  const passwd* const daemon = ::getpwnam("daemon");
+  ASSERT_NE(daemon, nullptr);
+  EXPECT_EQ((AsUser(daemon->pw_uid), user_state_directory()), "") << "root owns its home";
   ::setenv("TMPDIR", directory_.c_str(), 1);
   const fs::path place = directory_ / ("pelmar-" + std::to_string(kUser)), elsewhere = directory_ / "elsewhere";
   const struct {
