@@ -27,16 +27,19 @@ done
   printf '\6\0\0\0\50\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\7\0\0\0\7\0\0\0\1\6\0\0\3\1a\0\50\0\0\0'
 } >"$scratch/files/capture"
 
-for target in client codec files library simulator; do
-  program=$build/bin/fuzz_$target
-  mkdir -p "$scratch/$target"
-  growth=10  # inputs grow fast, but slowly for the texts of scenarios
+# Inputs grow fast, but slowly for the texts of scenarios.
+run_target() {
+  local target=$1 program=$build/bin/fuzz_$1 log=$scratch/$1.log growth=10
   [ "$target" != files ] || growth=100
+  mkdir -p "$scratch/$target"
   if ! timeout $((seconds + 120)) "$program" -max_total_time="$seconds" -max_len=12288 -len_control=$growth \
-    -timeout=20 -artifact_prefix="$findings/$target-" "$scratch/$target" >"$scratch/log" 2>&1; then
-    tail -n 60 "$scratch/log"
+    -timeout=20 -artifact_prefix="$findings/$target-" "$scratch/$target" >"$log" 2>&1; then
+    tail -n 60 "$log"
     echo "fuzz: $target: FINDING; its input is in $findings; run it again with: $program INPUT"
-    exit 1
+    return 255  # xargs starts no other target
   fi
-  printf 'fuzz: %-10s %3d s, %s: no finding\n' "$target" "$seconds" "$(grep -o 'cov: [0-9]*' "$scratch/log" | tail -n 1)"
-done
+  printf 'fuzz: %-10s %3d s, %s: no finding\n' "$target" "$seconds" "$(grep -o 'cov: [0-9]*' "$log" | tail -n 1)"
+}
+export -f run_target
+export build seconds scratch findings
+printf '%s\n' client codec files library simulator | xargs -P "$(nproc)" -I {} bash -c 'run_target {}'

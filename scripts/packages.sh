@@ -3,7 +3,7 @@
 
 PACKAGES_BUILD="g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev"
 PACKAGES_TEST="libgtest-dev libgmock-dev libqmi-utils prometheus-cpp-dev python3 python3-jsonschema"
-PACKAGES_CI="clang clang-format clang-tidy libclang-rt-14-dev libc++-14-dev libc++abi-14-dev googletest mandoc prometheus zsh tshark"
+PACKAGES_CI="clang lld clang-format clang-tidy libclang-rt-14-dev libc++-14-dev libc++abi-14-dev googletest mandoc prometheus zsh tshark"
 PACKAGES_ARM64="g++-aarch64-linux-gnu qemu-user googletest"
 PACKAGES_QRTR="qemu-system-x86 libqmi-utils"
 

@@ -97,7 +97,7 @@ chmod +x "$files/init"
 # The script's output goes over the first serial line, its exit status over the second, the kernel's messages over the
 # third. With tsc=reliable, reading the clock takes no system call, as on real machines.
 ended=0
-timeout -k 5 "$seconds" qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -nodefaults -no-user-config -display none \
+timeout --foreground -k 5 "$seconds" qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -nodefaults -no-user-config -display none \
   -no-reboot -kernel "$vm/kernel" -initrd "$work/initrd" \
   -append 'console=ttyS2 quiet panic=-1 reboot=t mitigations=off tsc=reliable' \
   -serial stdio -serial file:"$work/status" -serial file:"$work/kernel" </dev/null || ended=$?
