@@ -41,7 +41,7 @@ int32_t Client::send_async(const Request& request, const ResponseCallback& callb
   const auto own =
       transactions_.insert(transactions_.end(), {number, request, callback, QMI_NO_ERR, request.response_length});
   slot_of(number) = own;
-  if (reader_ == nullptr) poll_connection(true);
+  if (reader_ == nullptr) poll_connection(true);  // the thread reads the response
   if (transactions_.size() == 1) connection_->expect_response(true);
   if (transaction != nullptr) *transaction = reinterpret_cast<qmi_txn_handle>(uintptr_t{number});
   error = transmit(lock, request, number, deadline);

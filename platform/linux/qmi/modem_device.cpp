@@ -236,7 +236,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   void watch(int operation, int descriptor, uint32_t events, uint64_t name) const;
   bool become_reader(uint64_t number, std::span<uint8_t> room);
   void end_reading();
-  bool has_other_receivers() const;
+  bool must_read_at_once() const;
 
   static Bytes bytes_of(const qmi::Frame& frame) {
     return {frame.message.data() - qmi::kFrameHeaderLength, qmi::kFrameHeaderLength + frame.message.size()};
@@ -451,8 +451,9 @@ void ModemDevice::expect(uint64_t number, bool is_expected) {
   if (is_expected && reader_.link == 0 && !is_read_armed_) arm();
 }
 
-// Whether somebody waits at a link's socket for what the device's thread reads.
-bool ModemDevice::has_other_receivers() const {
+// Whether the thread must read as soon as nobody else does: somebody waits at a link's socket, or a frame waits for the
+// device, which may take no more bytes until we read.
+bool ModemDevice::must_read_at_once() const {
   return receivers_ > 0 || !unwritten_.empty() ||
          std::any_of(links_.begin(), links_.end(), [](const auto& link) { return link.second.expects; });
 }
@@ -508,7 +509,7 @@ bool ModemDevice::become_reader(uint64_t number, std::span<uint8_t> room) {
 
 void ModemDevice::end_reading() {
   reader_ = {};
-  const auto action = has_other_receivers() ? ReadingPause::Action::kArm : pause_.reader_ended();
+  const auto action = must_read_at_once() ? ReadingPause::Action::kArm : pause_.reader_ended();
   if (action == ReadingPause::Action::kArm) arm();
   if (action == ReadingPause::Action::kWakeThread) thread_.wake();
   if (is_gone_) changed_.notify_all();
