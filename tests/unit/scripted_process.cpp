@@ -193,6 +193,9 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   static const auto create = __interceptor_pthread_create != nullptr
                                  ? &__interceptor_pthread_create
                                  : reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (int state; attributes != nullptr && pthread_attr_getdetachstate(attributes, &state) == 0) {
+    EXPECT_EQ(state, PTHREAD_CREATE_DETACHED);
+  }
   const Threads behaviour = t_runs_held_thread ? Threads::kRun : g_threads.load();
   if (behaviour == Threads::kRun) return create(thread, attributes, routine, argument);
   if (behaviour == Threads::kFail) return EAGAIN;

@@ -86,6 +86,8 @@ TEST(SystemLog, FormatsWithinTheBuffer) {
   char buffer[8];
   EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 0, "%d", 1), 0);
   EXPECT_EQ(pelmar_utils_format_log_msg(nullptr, 8, "%d", 1), 0);
+  EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 1, "%d", 12), 2);
+  EXPECT_STREQ(buffer, "");
   EXPECT_EQ(pelmar_utils_format_log_msg(buffer, 4, "%d", 123456), 6);
   EXPECT_STREQ(buffer, "123");
 }

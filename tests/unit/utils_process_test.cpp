@@ -31,7 +31,7 @@ INSTANTIATE_TEST_SUITE_P(Files, ProcessName,
                          testing::Values(NameCase{"/cmdline", std::string("mtb\0-x", 6), "mtb"},
                                          NameCase{"/cmdline", "/" + std::string(254, 'n'), std::string(252, 'n')},
                                          NameCase{"/cmdline", "-", ""}, NameCase{"/cmdline", "", ""},
-                                         NameCase{"/status", "Name:\t by_status \nUmask: 0\n", "by_status"},
+                                         NameCase{"/status", "Name:\tby_status \nUmask: 0\n", "by_status"},
                                          NameCase{"/status", "-", "mtb"}));
 
 using ProcessInfo = Golden<testing::Test>;
@@ -56,6 +56,8 @@ TEST_F(ProcessInfo, IsReadAgainExceptForTheCachedRecord) {
 
 TEST(SearchByName, FindsOnlyTheEmptyName) {
   int32_t pid = -7;
+  const int lowest = dup(STDOUT_FILENO);
+  close(lowest);
   for (const std::string name : {"mtb", ""}) {
     clear_log();
     pelmar_get_pid_by_name(&pid, name.c_str());
@@ -66,6 +68,7 @@ TEST(SearchByName, FindsOnlyTheEmptyName) {
               name.empty() ? "D pid: " + std::to_string(pid) : "D continue, task_name is not same with task_name_tmp");
     EXPECT_EQ(lines.back(), "D close dir");
   }
+  EXPECT_EQ(dup(STDOUT_FILENO), lowest) << "a file or directory is still open";
 }
 
 }  // namespace

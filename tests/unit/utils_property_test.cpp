@@ -10,8 +10,9 @@ using namespace scripted;
 using Properties = Golden<testing::Test>;
 
 TEST_F(Properties, AreCheckedAndConverted) {
-  char value[PELMAR_PROPERTY_BUFFER_BYTES] = "untouched";
+  char value[PELMAR_PROPERTY_BUFFER_BYTES + 1] = "untouched";
   int32_t number = 7;
+  value[PELMAR_PROPERTY_BUFFER_BYTES] = '#';
   const std::string longest(92, 'x'), value_255(255, 'v');
   pelmar_get_property_value(nullptr, value, "");
   pelmar_get_property_value("a", nullptr, "");
@@ -23,6 +24,7 @@ TEST_F(Properties, AreCheckedAndConverted) {
   properties[std::string(255, 'n')] = value_255;
   pelmar_get_property_value(std::string(300, 'n').c_str(), value, "");
   EXPECT_EQ(value, value_255);
+  EXPECT_EQ(value[PELMAR_PROPERTY_BUFFER_BYTES], '#');
 
   pelmar_set_property_value(nullptr, "1");
   pelmar_set_property_value("a", nullptr);
@@ -198,7 +200,7 @@ TEST_F(RestartType, IsReadFromAndWrittenToProperties) {
       {kGet, disable, "x", "yes", 2, {}},
       {kGet, "", "x", "yes", 2, {}},
       {kGet, "", "", "yes", 0, {}},
-      {kGet, "related", "x", "yes", 3, {}},
+      {kGet, "r", "x", "yes", 3, {}},
       {0, enable, "x", "", 0, {}},
       {0, enable, enable, "yes", 0, {}},
       {0, enable, disable, "yes", 1, {kLevel + "=" + disable}},
@@ -217,8 +219,11 @@ TEST_F(RestartType, IsReadFromAndWrittenToProperties) {
 }
 
 TEST_F(RestartType, NameIsCopiedWithoutTerminatorAndNeverEmpty) {
-  const std::tuple<const char*, uint32_t, std::string> cases[] = {
-      {"ALL_ENABLE", 16, "ALL_ENABLE"}, {"ALL_ENABLE", 3, "ALL"}, {"", 5, "CONFIG_EMPTY"}, {"x", 0, "CONFIG_EMPTY"}};
+  const std::tuple<const char*, uint32_t, std::string> cases[] = {{"ALL_ENABLE", 16, "ALL_ENABLE"},
+                                                                  {"ALL_ENABLE", 3, "ALL"},
+                                                                  {"x", 1, "x"},
+                                                                  {"", 5, "CONFIG_EMPTY"},
+                                                                  {"x", 0, "CONFIG_EMPTY"}};
   uint32_t length = 16;
   for (const auto& [level, room, wanted] : cases) {
     properties[kLevel] = level;
@@ -235,10 +240,10 @@ TEST_F(RestartType, NameIsCopiedWithoutTerminatorAndNeverEmpty) {
 TEST_F(RestartType, WaitSleepsForTheGivenOrConfiguredTime) {
   EXPECT_EQ(pelmar_modem_ssr_wait_s(0), 0);
   EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), 5);
-  EXPECT_EQ(pelmar_modem_ssr_wait_s(2), 2);
+  EXPECT_EQ(pelmar_modem_ssr_wait_s(1), 1);
   properties["persist.radio.ssr_wait_s"] = "-3";
   EXPECT_EQ(pelmar_modem_ssr_wait_s(-1), -3);
-  EXPECT_THAT(calls(), ElementsAre(Call{.name = "sleep", .timeout = 5}, Call{.name = "sleep", .timeout = 2}));
+  EXPECT_THAT(calls(), ElementsAre(Call{.name = "sleep", .timeout = 5}, Call{.name = "sleep", .timeout = 1}));
 }
 
 }  // namespace

@@ -45,18 +45,18 @@ bool write_chunk(const Operation& operation, int target, const char* chunk, size
     const int error = errno;
     PELMAR_LOG_DEBUG_IN(operation, "Start to write tgt file: bytes_write = %d, errno = %d, EINTR = %d",
                         static_cast<int>(written), error, EINTR);
-    if (written == 0 || (written < 0 && error != EINTR)) {
+    if (written > 0) {
+      chunk += written;
+      length -= static_cast<size_t>(written);
+      continue;
+    }
+    if (written == 0 || error != EINTR) {
       // A write without progress and without error would not succeed in another attempt.
       PELMAR_LOG_ERROR_IN(operation, "Error happen during writing tgt file%s", written == 0 ? ", abort copy" : "");
       return false;
     }
-    if (written < 0) {
-      PELMAR_LOG_DEBUG_IN(operation, "Continue to write tgt file: bytes_read = %d, errno = %d, EINTR = %d", bytes_read,
-                          error, EINTR);
-      continue;
-    }
-    chunk += written;
-    length -= static_cast<size_t>(written);
+    PELMAR_LOG_DEBUG_IN(operation, "Continue to write tgt file: bytes_read = %d, errno = %d, EINTR = %d", bytes_read,
+                        error, EINTR);
   }
   return true;
 }

@@ -49,9 +49,9 @@ bool holds(Test test, const char* value, const char* operand) {
     case kDiffersFrom:
       return std::strcmp(value, operand) != 0;
     case kContains:
-      return std::strstr(value, operand) != nullptr;
+      break;
   }
-  return false;
+  return std::strstr(value, operand) != nullptr;
 }
 
 bool log_outcome(Operation& operation, const BuildTrait& trait, const char* value) {
@@ -169,7 +169,6 @@ const char* pelmar_build_region_get(void) {
 const char* pelmar_vendor_build_region_get(void) {
   static thread_local PropertyValue region;
   Operation operation(PELMAR_HERE);
-  region[0] = '\0';
   pelmar_get_property_value(kVendorRegion, region, kNone);
   return region;
 }
