@@ -123,6 +123,8 @@ TEST_F(AsynchronousCommand, LeaksTheBlocksOfARefusedSend) {
     EXPECT_EQ(send(), result);
     EXPECT_EQ(held_blocks().size(), held += 2);
   }
+  on_call["send_msg_async"] = [](const Call&) { return Outcome(-2, bytes("01000000 34000000")); };
+  EXPECT_EQ(send(), MODEM_API_ERR_NOT_READY);
   EXPECT_THAT(received, IsEmpty());
 }
 

@@ -1,4 +1,6 @@
 // The client table: the slots, the notices to clients, and the state after a client was opened and freed.
+#include <unistd.h>
+
 #include <array>
 #include <cstring>
 
@@ -56,6 +58,9 @@ TEST_F(ClientTable, HasOneClientOfAType) {
 TEST_F(ClientTable, RefusesAClientWhenFull) {
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     EXPECT_EQ(open(), id);
+    int32_t pid = 0;  // for who reads a memory dump
+    std::memcpy(&pid, static_cast<char*>(live_blocks().back().address) + 4, sizeof(pid));
+    EXPECT_EQ(pid, getpid());
     const uint32_t other = MODEM_API_CLIENT_TYPES;
     std::memcpy(live_blocks().back().address, &other, sizeof(other));
   }

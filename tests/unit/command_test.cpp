@@ -41,7 +41,7 @@ uint32_t stats_client = kWord;
 
 // The values that commands store.
 struct Outputs {
-  uint16_t intra_pci[8], inter_earfcn[3], inter_pci[24];
+  uint16_t intra_pci[8], intra_end, inter_earfcn[3], inter_pci[24], inter_end;
   uint8_t flag1, flag2;
   uint32_t word1, word2;
 } out;
@@ -140,6 +140,7 @@ std::vector<CommandRow> command_rows() {
   const std::string payload = sized_data(512);
   return {
       {kVs, 0x0000, tlv(1, payload), CALL(common_command, data, 512)},
+      {kVs, 0x0000, tlv(1, sized_data(1)), CALL(common_command, data, 1)},
       {kVs, 0x0001, "10 0100 00 11 0100 00", CALL(set_vs_event_report)},
       {kVs, 0x0002, word, CALL(get_hydra_feature_status, kWord, &out.flag1, &out.flag2)},
       {kVs, 0x0003, word + "02 0100 11 10 0100 33", CALL(set_hydra_feature_status, kWord, 0x11, 0x22, 0x33)},
@@ -184,6 +185,7 @@ std::vector<CommandRow> command_rows() {
       cell_info_row(kNas1, -9),
       {kNas1, 0x00D8, tlv(1, counted(60, locked_cell)) + "100100 01", CALL(set_lte_cell_lock, 1, 60, ids, ids + 1)},
       {kNas1, 0x00D8, "", CALL(set_lte_cell_lock, 1, 61, ids, ids)},
+      {kNas1, 0x00D8, tlv(1, "00") + "100100 01", CALL(set_lte_cell_lock, 1, 0, nullptr, nullptr)},
       {kNas0, 0x0098, "010100 00", CALL(set_avoid_trm, 0, 0)},
       {kNas1, 0x0098, "010100 FF", CALL(set_avoid_trm, 2, 0xFF)},
       {kNas0, 0x0033, "330400 01000000", CALL(set_nr_disable_mode, 0, 1)},
@@ -330,6 +332,7 @@ TEST_F(CommandLog, OfSubscriptions) {
     }
   }
   modem_api_free_client(0);
+  modem_api_init();  // makes the service object that the release cleared
   int32_t client = -1;
   modem_api_init_client(MODEM_API_CLIENT_VS, nullptr, nullptr, &client);
   modem_api_add_modem_event(0, 5);
@@ -433,6 +436,7 @@ TEST_F(CommandLog, OfTheCellInfoThatIsReturned) {
     const auto expect_at = [&](size_t offset, auto value) {
       EXPECT_EQ(std::memcmp(&response[offset], &value, sizeof(value)), 0) << "at " << offset;
     };
+    EXPECT_EQ(out.intra_end | out.inter_end, 0) << "behind the caller's arrays";
     for (size_t j = 0; j < 8; ++j) expect_at(452 + 10 * j, out.intra_pci[j]);
     for (size_t i = 0; i < 24; ++i) expect_at(556 + 92 * (i / 8) + 10 * (i % 8), out.inter_pci[i]);
     for (size_t i = 0; i < 3; ++i) expect_at(544 + 92 * i, out.inter_earfcn[i]);

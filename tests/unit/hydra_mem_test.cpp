@@ -1,4 +1,5 @@
 // Traced allocation.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,11 +36,11 @@ TEST_P(Untraced, BlocksAreZeroedAndNotListed) {
   EXPECT_EQ(logged("D hydra_mem_init: HYDRA_MEM_TRACE_PROP not exist"), GetParam() == nullptr);
   properties[kTrace] = "true";  // no effect: it was read before
   void* const other = hydra_malloc_adv(1, "f", 1);
-  EXPECT_EQ(dump(), "1");
+  for (const int32_t size : {1, 4096}) EXPECT_EQ(dump(size), "1");
   for (void* const each : {static_cast<void*>(block), other}) hydra_free_adv(each, "f", 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Properties, Untraced, testing::Values(nullptr, "true "));
+INSTANTIATE_TEST_SUITE_P(Properties, Untraced, testing::Values(nullptr, "true ", "1"));
 
 class TracedAllocation : public testing::Test {
  protected:
@@ -78,7 +79,14 @@ TEST_F(TracedAllocation, ListsLiveBlocksOldestFirst) {
                   local.tm_year + 1900);
     expected += entry;
   }
+  on_read = [](long requested) {  // blocks that are allocated meanwhile are not listed
+    return hydra_free_adv(hydra_malloc_adv(1, "f", 1), "f", 1), requested;
+  };
+  const int lowest = dup(STDOUT_FILENO);
+  close(lowest);
   EXPECT_EQ(dump(), expected);
+  on_read = nullptr;
+  EXPECT_EQ(dup(STDOUT_FILENO), lowest) << "a file is still open";
   for (const size_t end : {0, 2}) free_block(end);
   EXPECT_EQ(dump(), "1");
   blocks_[0] = hydra_malloc_adv(1, "again", 1);
@@ -98,9 +106,14 @@ TEST_F(TracedAllocation, DumpThatDoesNotFitKeepsWholeEntries) {
 }
 
 TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
+  on_read = [](long requested) {
+    EXPECT_EQ(requested, 49) << "room for the terminator";
+    return requested;
+  };
   const std::string path = "/proc/" + std::to_string(getpid()) + "/cmdline";
   for (const auto& [file, name] : {std::pair{std::string("/nonexistent"), std::string()},
                                    {file_with(""), ""},
+                                   {file_with("p"), "p"},
                                    {file_with(std::string(60, 'p')), std::string(49, 'p')}}) {
     redirect_opens("/cmdline", file);
     EXPECT_NE(dump().find("caller_proc=\"" + name + "\""), std::string::npos);
@@ -109,6 +122,15 @@ TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
   EXPECT_EQ(lines[0], "E failed to open proc_entry=" + path + ", errno=[2:No such file or directory]");
   EXPECT_TRUE(lines[3].starts_with("E read failed errno=["));
   EXPECT_EQ(lines.size(), 6U);
+  on_read = nullptr;
+}
+
+// Sanitizers replace malloc, and find such leaks themselves.
+TEST_F(TracedAllocation, FreesBlocksAndTheirRecords) {
+  pelmar_hal_close_print();  // recorded lines take memory
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < 1000; ++i) hydra_free_adv(hydra_malloc_adv(1000, "f", 1), "f", 1);
+  EXPECT_LT(mallinfo2().uordblks, before + 10'000);
 }
 
 }  // namespace

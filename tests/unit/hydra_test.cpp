@@ -77,6 +77,7 @@ TEST_F(HydraClient, OpensWithGivenOrDefaultCallbacksAndRemovesOtherClients) {
   indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
   clear_records();
   ASSERT_EQ(modem_hydra_api_init_ex(on_event, on_notice), 1);
+  EXPECT_EQ(open_handles(), 2U) << "hydra's, and that of NAS, whose client has no record now";
   EXPECT_EQ(modem_api_set_avoid_trm(nas, 0, 1), MODEM_API_ERR_INVALID_CLIENT);
   indicate(vs_client_info.client_handle, vs::kReportCIndication, bytes("01 0100 07"));
   EXPECT_EQ(notices, (Notices{{MODEM_API_NOTICE_SERVICE_UP, MODEM_API_CLIENT_VS}}));
@@ -135,7 +136,9 @@ TEST_F(HydraClient, SwitchesReportsUntilAStepFails) {
   const std::tuple<std::function<void()>, bool, std::vector<Bytes>> steps[] = {
       {[&] { grant("0C"); }, true, {events_on, on}},
       // The id that hydra has is freed first.
-      {[&] { grant("03"); }, true, {events_off, bytes("00 01 0000 0C000000"), events_on, on}},
+      {[&] { grant("0A"); }, true, {events_off, bytes("00 01 0000 0C000000"), events_on, on}},
+      {[&] { grant("00"); }, true, {events_off, bytes("00 01 0000 0A000000"), events_on, on}},
+      {[&] { grant("03"); }, true, {events_off, bytes("00 01 0000 00000000"), events_on, on}},
       {[&] { responses[vs::kSetStatsReportStatus] = kRefusal; }, true, {events_off, off_3, events_on, on}},
       // Event 4 is off although event 3 is on, then both are off.
       {[&] { grant("03"), modem_api_remove_modem_event(0, MODEM_API_EVENT_VS_REPORT_B); }, false, {}},

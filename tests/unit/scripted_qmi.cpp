@@ -221,9 +221,9 @@ qmi_client_error_type qmi_client_send_msg_async(qmi_client_type handle, unsigned
                                                 qmi_client_recv_msg_async_cb callback, void* data,
                                                 qmi_txn_handle* transaction) {
   *transaction = nullptr;
-  const int code =
-      play_on_handle({"send_msg_async", handle, msg_id, bytes_of(request, request_length), response_length}).code;
-  if (code != 0) return code;
+  const Outcome outcome =
+      play_on_handle({"send_msg_async", handle, msg_id, bytes_of(request, request_length), response_length});
+  if (outcome.code != 0) return fill_response(response, response_length, outcome.response), outcome.code;
   Guard guard(g_state.lock);
   handle->pending.push_back([=](const Bytes* content, int error) {
     if (content != nullptr) fill_response(response, response_length, *content);

@@ -124,14 +124,13 @@ void hydra_mem_get_proc_name(int32_t pid, char (&name)[kProcessNameBytes]) {
 size_t write_entry(const hydra_mem_trace_node& node, char* out, size_t room) {
   char process[kProcessNameBytes];
   hydra_mem_get_proc_name(node.pid, process);
-  const int length =
+  const auto length = static_cast<size_t>(
       std::snprintf(out, room,
                     "\r\n\t<TraceMemData address=\"0x%p\" size=\"0x%lx\" caller_proc=\"%s\" caller_func=\"%s\" "
                     "time=\"%d:%d:%d day%d, month%d, year%d\"/>",
                     node.ptr, static_cast<unsigned long>(node.size), process, node.func, node.hour, node.min, node.sec,
-                    node.day, node.month, node.year);
-  const bool fits = length > 0 && static_cast<size_t>(length) < room;
-  return fits ? static_cast<size_t>(length) : 0;
+                    node.day, node.month, node.year));
+  return length < room ? length : 0;
 }
 
 // False if not all entries fit; the text then ends after the last whole entry.

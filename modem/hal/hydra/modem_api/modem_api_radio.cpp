@@ -1,4 +1,6 @@
 // Radio controls. Each call is one exchange with the service of the client's type.
+#include <algorithm>
+
 #include "modem_api_command.h"
 #include "nas_client.h"
 #include "nas_messages.h"
@@ -105,7 +107,8 @@ modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, ui
   Zeroed<nas::SetLteCellLockRequest> request;
   // The codec refuses a count above the capacity; the cells above it are not read.
   request.lock_count = count;
-  for (uint32_t i = 0; i < count && i < nas::kMaxCellLocks; ++i) {
+  const uint32_t read = std::min<uint32_t>(count, nas::kMaxCellLocks);
+  for (uint32_t i = 0; i < read; ++i) {
     request.locks[i].value = static_cast<uint16_t>(values[i]);
     request.locks[i].parameter = params[i];
   }
