@@ -59,7 +59,7 @@ class MemoryReserve {
   MemoryReserve(const MemoryReserve&) = delete;
   MemoryReserve& operator=(const MemoryReserve&) = delete;
 
-  // Called between events. Returns whether the reserve is there, again where it has been used.
+  // Called between events. Allocates the reserve again if it was used; returns false if that fails.
   bool restore() {
     if (memory_ == nullptr) memory_ = malloc(kBytes);
     return memory_ != nullptr;
@@ -153,8 +153,8 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
   serve->add_option("--socket", options.socket, "the clients' socket: a path, or @NAME of the abstract namespace")
       ->default_val(kDefaultModem);
   serve->add_option("--device", options.device,
-                    "serve a character device as well: a pseudo-terminal, to which this path becomes a link");
-  serve->add_flag("--qrtr", options.qrtr, "serve clients of this kernel's QRTR as well, which are those of every user");
+                    "also serve a character device: a pseudo-terminal, with a symbolic link to it at this path");
+  serve->add_flag("--qrtr", options.qrtr, "also serve clients of this kernel's QRTR, of every user");
   serve->add_option("--storage", options.storage, "directory of NV items, EFS and RF NV; created where missing")
       ->required();
   serve->add_flag_callback(
@@ -183,9 +183,8 @@ CLI::App* add_serve(CLI::App& app, SimulationOptions& options) {
              options.pm_acknowledge_limit);
   add_number(*serve, "--exit-when-idle", kNumber, "end when no client was connected for that many seconds", 1,
              1'000'000, options.exit_when_idle);
-  add_number(*serve, "--seed", kNumber,
-             "which fading and which hands on the antennas the radio picture has (default: 1)", 0, UINT64_MAX,
-             options.seed);
+  add_number(*serve, "--seed", kNumber, "seed of the random fading and of the blocking of antennas (default: 1)", 0,
+             UINT64_MAX, options.seed);
   add_number(*serve, "--report-ms", kMilliseconds, "between two reports of registered statistics (default: 1000)", 10,
              kHourMs, options.report_period);
   serve->add_option("--scenario", options.scenario, "play statistics values from that JSON file");
@@ -268,12 +267,12 @@ int report_wrong_usage(const CLI::App& app, const CLI::ParseError& error) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
   }
   report(std::runtime_error(reason), kExitUsage);
-  fprintf(stderr, "  '%s --help' lists what there is.\n", place.c_str());
+  fprintf(stderr, "  '%s --help' lists the commands and options.\n", place.c_str());
   return kExitUsage;
 }
 
 int run(int argc, char** argv) {
-  CLI::App app("A simulated modem that speaks QMI over QMUX", kProgram);
+  CLI::App app("A simulated modem with QMI over QMUX and QRTR", kProgram);
   app.set_version_flag("--version", std::string(kProgram) + " " PELMAR_VERSION, "print the version");
   app.require_subcommand(1);
   SimulationOptions serve_options;

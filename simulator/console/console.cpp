@@ -23,8 +23,8 @@ namespace {
 constexpr size_t kMaxResponseBytes = size_t{4} << 20;
 constexpr Stream::Bounds kBounds{size_t{64} << 10, kMaxResponseBytes};
 
-// For the command and its whole response: far beyond what any takes.
-constexpr std::chrono::seconds kPatience{30};
+// Limit for a command and its whole response; much longer than any command takes.
+constexpr std::chrono::seconds kTimeout{30};
 
 // --- the modem's end ---
 
@@ -78,7 +78,7 @@ namespace {
 // Sends one line to the modem and receives one, before a deadline.
 std::string exchange_lines(int fd, const std::string& socket, std::string_view line) {
   using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + kPatience;
+  const Clock::time_point deadline = Clock::now() + kTimeout;
   const auto wait_for = [&](short event) {
     pollfd waiting{fd, event, 0};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -110,7 +110,7 @@ std::string exchange_lines(int fd, const std::string& socket, std::string_view l
   return response;
 }
 
-// The modem is a peer: none of its bytes reach the terminal as control characters.
+// Escapes control characters, because the bytes come from another process.
 std::string printable(const Json& value) {
   if (value.is_string()) return printable_text(value.get_ref<const std::string&>());
   return value.dump(-1, ' ', true);

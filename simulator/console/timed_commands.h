@@ -1,7 +1,7 @@
 // The commands of the scenario that is played, run at their times by the modem's clock.
 //
-// While the clock is held, commands run when the user moves it past their times; of rounds that were missed, only the
-// last one's. A command that fails is reported on standard error with its place in the file.
+// While the clock is held, commands run when the user moves it past their times. If it moves over a whole round, only
+// the due commands of the present round run. A failed command is reported on standard error with its place in the file.
 #pragma once
 
 #include <cstddef>

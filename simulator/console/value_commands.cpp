@@ -20,7 +20,7 @@ constexpr uint64_t kLeastPeriodMs = 10;
 
 struct Recipients {
   bool broadcast = false;
-  std::function<bool(uint8_t client)> wants;
+  std::function<bool(uint8_t client)> is_recipient;
 };
 
 // [to CLIENT|each|broadcast]; without it, the clients that `by_default` accepts.
@@ -40,7 +40,7 @@ Json send(Simulation& simulation, Modem::Slot& slot, uint16_t message, std::span
     throw std::runtime_error("service " + std::string(slot.service->name()) + " is down");
   }
   const size_t sent = recipients.broadcast ? simulation.modem.broadcast(slot.service->id(), message, tlvs)
-                                           : simulation.modem.indicate(slot, message, tlvs, recipients.wants);
+                                           : simulation.modem.indicate(slot, message, tlvs, recipients.is_recipient);
   return {{"sent", sent}, {"bytes", tlvs.size()}};
 }
 
@@ -115,7 +115,7 @@ template <uint16_t Message, auto Take>
 Json event(Simulation& simulation, Arguments& arguments) {
   const auto structure = Take(arguments);
   const auto recipients =
-      take_recipients(arguments, [&](uint8_t client) { return simulation.vs.wants(client, Message); });
+      take_recipients(arguments, [&](uint8_t client) { return simulation.vs.is_registered_for(client, Message); });
   arguments.end();
   std::vector<uint8_t> tlvs(kMaxTlvBytes);
   size_t length = 0;

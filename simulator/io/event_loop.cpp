@@ -20,7 +20,7 @@ EventLoop::EventLoop()
     : epoll_(epoll_create1(EPOLL_CLOEXEC)), timer_fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
   if (!epoll_) fail("epoll_create1");
   if (!timer_fd_) fail("timerfd_create");
-  // Edge-triggered, so that nobody must read it, and without a watcher.
+  // Edge-triggered, so the timer need not be read. It has no watcher: it only wakes epoll_wait().
   epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
   if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, timer_fd_.get(), &event) != 0) fail("epoll_ctl");
 }

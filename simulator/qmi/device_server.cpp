@@ -53,7 +53,7 @@ std::string name_of(const UniqueFd& terminal) {
   return name;
 }
 
-// A terminal that no program has opened yet looks as if one had it open. After a close it does not.
+// poll() reports a hang-up of the master only after the terminal was opened and closed once.
 void open_and_close(const std::string& terminal) {
   const UniqueFd program(open(terminal.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
 }

@@ -1,4 +1,4 @@
-// One request in, one response out: the way of every message of every service.
+// Handles the requests of all services, and sends a response to each.
 //
 // This is the only place where bytes are decoded into structures, where faults act, and where a client's right to send
 // a request is checked. The control service (service 0), which has no clients, is here too. A request without a fault
@@ -41,7 +41,7 @@ struct Fault {
   explicit Fault(FaultKind what) : kind(what) {}
 
   FaultKind kind;
-  std::chrono::milliseconds delay{};  // kReorder: after that time the response waits for no other one
+  std::chrono::milliseconds delay{};  // kReorder: the longest wait for the connection's next response
   uint16_t error = 0;
   size_t cut_to = 0;
   std::vector<uint8_t> garbage;

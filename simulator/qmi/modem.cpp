@@ -93,10 +93,10 @@ void Modem::free_client(Slot& slot, uint8_t client) {
 }
 
 size_t Modem::indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
-                       const std::function<bool(uint8_t client)>& wants) {
+                       const std::function<bool(uint8_t client)>& is_recipient) {
   size_t sent = 0;
   slot.clients.for_each([&](uint8_t client, Connection& owner) {
-    if (!wants(client)) return;
+    if (!is_recipient(client)) return;
     writer_.start(slot.service->id(), client, qmi::MessageKind::kIndication, 0, message);
     writer_.add_tlvs(tlvs);
     owner.send(writer_.finish());

@@ -24,7 +24,8 @@ namespace pelmar::sim {
 
 // The client ids of one service and their owners: ten at a time, unique over all connections.
 //
-// An id that was released is given out again only after all the others, so that a late message for it reaches nobody.
+// An id that was released is given out again only after all the others, so that a late message for it does not reach a
+// new owner.
 class ClientIds {
  public:
   static constexpr size_t kLimit = 10;
@@ -79,10 +80,10 @@ class Modem {
 
   void attach(Connections& connections) { connections_ = &connections; }
 
-  // Calls for each client id that becomes void.
+  // Sets the task that runs for each client id that becomes void.
   void when_client_gone(std::function<void(uint8_t service, uint8_t client)> task) { client_gone_ = std::move(task); }
 
-  // Calls whenever a service may have come or gone. A restart calls once while no service runs.
+  // Sets the task that runs whenever a service may have gone up or down; in a restart it runs once while all are down.
   void when_changed(EventLoop::Task task) { changed_ = std::move(task); }
 
   State state() const { return state_; }
@@ -115,9 +116,9 @@ class Modem {
 
   bool release(Slot& slot, uint8_t client, const Connection& owner);
 
-  // Sends to each client that `wants` accepts; returns their number.
+  // Sends to each client that `is_recipient` accepts; returns their number.
   size_t indicate(Slot& slot, uint16_t message, std::span<const uint8_t> tlvs,
-                  const std::function<bool(uint8_t client)>& wants);
+                  const std::function<bool(uint8_t client)>& is_recipient);
   // Encodes the structure and sends it to one client. False where the id is not allocated or the structure is unfit.
   bool indicate(Slot& slot, uint8_t client, uint16_t message, const void* structure, size_t size);
   // Sends one indication to each connection, for all its clients; returns the number of connections.

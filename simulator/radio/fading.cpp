@@ -10,7 +10,7 @@ namespace {
 
 using Time = std::chrono::milliseconds;
 
-// The hand covers another antenna in each spell; the switch follows some time later.
+// In each spell the simulated hand covers another antenna; the modem switches its antennas some time later.
 constexpr Time kSpell{12'000};
 constexpr Time kNoticedAfter{3'600};
 
@@ -34,7 +34,7 @@ constexpr uint64_t mix(uint64_t seed, uint64_t stream) {
   return word ^ (word >> 31);
 }
 
-// From 0 to 1.
+// Returns a number from 0 to 1.
 double fraction(uint64_t word) {
   return static_cast<double>(word >> 11) / static_cast<double>(uint64_t{1} << 53);
 }
@@ -43,7 +43,7 @@ size_t covered_antenna(int64_t spell, uint64_t seed) {
   return mix(seed, 2 * static_cast<uint64_t>(spell)) % kAntennas;
 }
 
-// Any that has the first transmit chain on another antenna than the covered one.
+// Returns a pseudo-random antenna configuration whose first transmit chain is not on the covered antenna.
 uint8_t config_of(int64_t spell, uint64_t seed) {
   if (spell < 0) return 0;
   const uint64_t step = 1 + mix(seed, 2 * static_cast<uint64_t>(spell) + 1) % (kAntennas - 1);

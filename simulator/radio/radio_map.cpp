@@ -53,8 +53,8 @@ constexpr Network kNetworks[kSubscriptions] = {
     {{0x00, 0xF1, 0x20}, 0x0451, kSitesOfSecond, kNrOfSecond},
 };
 
-constexpr double kLossPerDecade = 37;   // dB, of a town
-constexpr double kNearestMetres = 120;  // to an antenna right above
+constexpr double kLossPerDecade = 37;  // dB for ten times the distance, in an urban area
+constexpr double kHeightMetres = 120;  // of the antennas above the phone
 
 }  // namespace
 
@@ -72,7 +72,7 @@ double distance(const Place& a, const Place& b) {
 }
 
 double level_at(double power, double metres) {
-  return power - kLossPerDecade * std::log10(std::hypot(metres, kNearestMetres) / 100);
+  return power - kLossPerDecade * std::log10(std::hypot(metres, kHeightMetres) / 100);
 }
 
 }  // namespace pelmar::sim

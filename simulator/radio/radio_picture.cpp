@@ -27,7 +27,7 @@ constexpr double kLeastNrDataLevel = -101;
 constexpr double kWcdmaPower = -66;
 constexpr double kGsmPower = -59;
 
-// Fading goes with a frequency and a place, or with a technology.
+// Each LTE cell, each NR frequency, and WCDMA and GSM of each network have a fading sequence of their own.
 enum NoiseStream : uint64_t { kLteStream = 0x1000, kNrStream = 0x2000, kWcdmaStream = 0x3000, kGsmStream = 0x4000 };
 
 double to_milliwatts(double dbm) {
@@ -38,7 +38,7 @@ double to_db(double ratio) {
   return 10 * std::log10(ratio);
 }
 
-// Of a signal among others, all as received on a free main antenna, on a chain with that gain.
+// For a chain with that gain. `signal` and `others`, the interference, are levels at an unblocked main antenna.
 Levels levels_of(double signal, double others, double gain) {
   const double factor = to_milliwatts(gain);
   const double noise = to_milliwatts(kNoisePower);
@@ -198,7 +198,7 @@ std::optional<size_t> RadioPicture::find_serving_cell(const std::vector<SeenCell
 
 // --- NR and the rest ---
 
-// The further carriers come with the first one.
+// Without the first NR carrier there are no others.
 void RadioPicture::add_nr(RadioSample& sample, const Place& phone, double seconds) const {
   for (size_t i = 0; i < std::min(kNrCarriers, network_->nr_frequencies.size()); ++i) {
     const NrFrequency& frequency = network_->nr_frequencies[i];

@@ -1,4 +1,4 @@
-// The radio of one subscription: the cells it sees, the cell it camps on, and what it measures, at any time.
+// The radio of one subscription: the cells in reach, the cell it camps on, and what it measures, at any time.
 //
 // The phone camps on the strongest cell that it may camp on: any, or one of the cell lock. While LTE is there, further
 // LTE carriers are added as far as their cells reach, each with a place of its own, and NR where it is not disabled. A

@@ -1,7 +1,7 @@
 // What a capture has of a modem's clients: their requests with the responses to them, and the indications that they
 // received.
 //
-// A recorded client is a client id of a service on one link, from its allocation on where the capture has that. The
+// A recorded client is a client id of a service on one link, from its allocation on, if the capture contains it. The
 // capture may come from the client's side or from the modem's, with any number of processes. Its bytes may be anything;
 // what is kept of it has a bound.
 #pragma once

@@ -12,8 +12,8 @@ namespace pelmar::sim {
 
 namespace {
 
-// What an indication waits, beyond its time, for the requests that came before it.
-constexpr std::chrono::seconds kPatience{1};
+// How long an indication waits, after its time, for the requests that precede it.
+constexpr std::chrono::seconds kTimeout{1};
 
 constexpr size_t kMaxReported = 100;
 
@@ -71,8 +71,8 @@ EventLoop::Clock::duration Replay::scaled(RecordedTraffic::Time time) const {
                                             : RecordedTraffic::kLongest;
 }
 
-// Returns the number of recorded clients where the service has none.
-uint32_t Replay::take_part(uint8_t service, RecordedTraffic::Bytes request) {
+// Returns the index of a recorded client, or the number of recorded clients if the service has none.
+uint32_t Replay::assign(uint8_t service, RecordedTraffic::Bytes request) {
   const auto& clients = traffic_.clients();
   const auto end = static_cast<uint32_t>(clients.size());
   const auto can_play = [&](uint32_t number) {
@@ -96,7 +96,7 @@ uint32_t Replay::take_part(uint8_t service, RecordedTraffic::Bytes request) {
   return end;
 }
 
-// The first exchange behind the last one that was taken, or else that one again. Null where there never was one.
+// Returns the exchange after the last one that was taken, or else that one again; null if none ever was.
 const RecordedTraffic::Exchange* Replay::take(Player& player, RecordedTraffic::Numbers numbers, bool only_own) const {
   if (numbers.empty() || (only_own && player.recorded == traffic_.clients().size())) return nullptr;
   const auto key = std::pair(numbers.data(), only_own);
@@ -125,7 +125,7 @@ std::optional<Replay::Response> Replay::respond(const qmi::Frame& frame) {
   const ClientKey key = {frame.service, frame.client};
   auto place = players_.find(key);
   if (place == players_.end()) {
-    place = players_.emplace(key, Player{take_part(frame.service, request), EventLoop::Clock::now()}).first;
+    place = players_.emplace(key, Player{assign(frame.service, request), EventLoop::Clock::now()}).first;
   }
   Player& player = place->second;
   ++player.requests;
@@ -170,7 +170,7 @@ void Replay::send_due(ClientKey key) {
   while (player.next_indication < indications.size()) {
     const RecordedTraffic::Indication& next = indications[player.next_indication];
     auto due = player.start + scaled(next.offset);
-    if (player.requests < next.requests_before) due += kPatience;
+    if (player.requests < next.requests_before) due += kTimeout;
     const auto now = EventLoop::Clock::now();
     if (due > now) {
       player.timer = loop_.after(due - now, [this, key] { send_due(key); });

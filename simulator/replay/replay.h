@@ -1,12 +1,12 @@
 // A capture that is played: live clients of the modem get what recorded clients got.
 //
-// With its first request a live client takes the part of a recorded client of its service: of those that are not played
-// yet the first with the same first request, or else the first. When all are played, they begin again. A request gets
-// the next response that the capture has for the same bytes, or else for the same message, of the recorded client or
-// else of any client of the service; behind the last one, the last one again. A recorded request without response stays
-// without one. Indications come at their recorded times after the client's first request, and after as many requests
-// as in the capture, unless the client sends too few for a second. So do a restart of the modem and the end of a
-// service. Allocations of a service's client ids fail in the recorded order, which begins again behind the last one.
+// With its first request a live client is assigned a recorded client of its service: of those that are not assigned yet
+// the first with the same first request, or else the first. When all are assigned, the assignment starts again. A
+// request gets the next response that the capture has for the same bytes, or else for the same message, of the recorded
+// client or else of any client of the service; after the last one, that one is repeated. A recorded request without
+// response gets none. An indication is sent at its recorded time after the client's first request and after as many
+// requests as in the capture; if the client sends fewer, a second late. The same holds for a restart of the modem and
+// the end of a service. Allocations of a service's client ids fail in the recorded order, which is repeated.
 #pragma once
 
 #include <cstdint>
@@ -53,7 +53,7 @@ class Replay {
 
  private:
   struct EmptyObject;
-  class RecordedService;  // by which the modem gives client ids of a service that only the capture has
+  class RecordedService;  // lets the modem allocate client ids of a service that only the capture has
 
   using ClientKey = std::pair<uint8_t, uint8_t>;  // service and client id
 
@@ -69,7 +69,7 @@ class Replay {
     std::map<std::pair<const uint32_t*, bool>, uint32_t> taken{};
   };
 
-  uint32_t take_part(uint8_t service, RecordedTraffic::Bytes request);
+  uint32_t assign(uint8_t service, RecordedTraffic::Bytes request);
   const RecordedTraffic::Exchange* take(Player& player, RecordedTraffic::Numbers numbers, bool only_own) const;
   void send_due(ClientKey key);
   void report_missing(uint8_t service, uint16_t message);

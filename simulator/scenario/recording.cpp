@@ -132,7 +132,7 @@ class Track {
     return 1 + numbers_.size();
   }
 
-  // Of values that a recording may leave out, the radio's are played if it has none.
+  // Optional values that the recording does not have are played from the simulated radio.
   bool is_recorded() const {
     const bool is_always = row_.name.starts_with("lte") || row_.name.starts_with("nr") || row_.name == "system-mode";
     return is_always || std::find(is_used_.begin(), is_used_.end(), true) != is_used_.end();
@@ -370,7 +370,7 @@ std::string scenario_of_recording(std::istream& recording, const std::string& na
   try {
     parse_scenario(text, [](const std::string&) {});
   } catch (const ScenarioError& error) {
-    throw std::runtime_error(name + ": it makes no scenario: " + error.what());
+    throw std::runtime_error(name + ": it cannot be converted to a scenario: " + error.what());
   }
   return text;
 }

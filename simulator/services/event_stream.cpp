@@ -23,7 +23,7 @@ void fill(vs::DataRecord& record, uint32_t id) {
 std::optional<uint8_t> EventStream::start(const Plan& plan) {
   std::optional<uint8_t> found;
   modem_.find(service_.id())->clients.for_each([&](uint8_t client, Connection&) {
-    const bool fits = plan.client ? client == *plan.client : service_.wants(client, vs::kReportAIndication);
+    const bool fits = plan.client ? client == *plan.client : service_.is_registered_for(client, vs::kReportAIndication);
     if (fits && !found) found = client;
   });
   if (!found) return std::nullopt;

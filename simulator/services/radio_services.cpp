@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::array<NasService::Subscription, kSubscriptions> kFreshSubscriptions = {{{7}, {8}}};
 
-// How the phone weighs cells while idle; the same everywhere in the picture.
+// The parameters of cell reselection while idle; the same for every cell.
 constexpr uint8_t kPriority = 5;
 constexpr uint8_t kSearchThreshold = 31;
 constexpr uint8_t kThresholdLow = 6;

@@ -12,7 +12,7 @@
 namespace pelmar::sim {
 
 // The NAS service (0x03) of two subscriptions. A client's requests are for the subscription that it has bound, or for
-// the first one. The settings of the subscriptions are forgotten when the service restarts.
+// the first one. The settings of the subscriptions are reset when the service restarts.
 class NasService final : public Service {
  public:
   struct Subscription {

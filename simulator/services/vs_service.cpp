@@ -181,7 +181,7 @@ VsService::VsService(Storage& storage, std::function<void()> reset_modem, Report
       reporters_(reporters),
       statistics_(statistics) {}
 
-bool VsService::wants(uint8_t client, uint16_t indication) const {
+bool VsService::is_registered_for(uint8_t client, uint16_t indication) const {
   switch (indication) {
     case vs::kReportAIndication:
     case vs::kReportBIndication:

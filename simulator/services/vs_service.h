@@ -20,7 +20,7 @@ class VsService final : public Service {
   VsService(Storage& storage, std::function<void()> reset_modem, Reporters& reporters, Statistics& statistics);
 
   // Whether the client has registered for the indication; every client gets the status indication.
-  bool wants(uint8_t client, uint16_t indication) const;
+  bool is_registered_for(uint8_t client, uint16_t indication) const;
 
   uint64_t shutdown_notices() const { return shutdown_notices_; }
 

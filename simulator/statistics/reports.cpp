@@ -114,8 +114,8 @@ void StatisticReports::wait() {
   timer_ = loop_.after(std::max(due_ - clock_.now(), ModemClock::Time{1}), [this] { send_due(); });
 }
 
-// A report that was missed is not sent later. The timer of the next one is set first, so that the next one also comes
-// after one for which there is no memory.
+// Missed reports are not sent later. The next timer is set before the report is built, so that a failed allocation does
+// not end the reports.
 void StatisticReports::send_due() {
   const auto now = clock_.now();
   const bool is_due = now >= due_;
@@ -130,7 +130,7 @@ void StatisticReports::send_reports() {
   for (uint32_t number = 0; number < Reporters::kMaxReporters; ++number) {
     Reporters::Reporter& reporter = reporters_.all()[number];
     if (!reporter.client || reporter.registered.empty()) continue;
-    if (!service_.wants(*reporter.client, vs::kReportAIndication)) continue;
+    if (!service_.is_registered_for(*reporter.client, vs::kReportAIndication)) continue;
     ++reporter.reports;
     // The copy stays valid when a send closes the client's connection, which ends its registrations.
     const uint8_t client = *reporter.client;

@@ -2,8 +2,8 @@
 //
 // A statistics client id (0 to 9) is granted to the client that switches reporting on. It is void when that client
 // switches reporting off or its own id is released. Once a period, each client that has registered identifiers and
-// asked for the events gets, for each subscription with registrations: events 3 with ten values each, then event 4 with
-// a flag for each identifier that has a value. While the clock is held no report is due; after a jump one report is.
+// registered for the events gets, for each subscription with registrations: events 3 with ten values each, then event 4
+// with a flag for each identifier that has a value. While the clock is held none is due; a jump makes one due at most.
 #pragma once
 
 #include <array>

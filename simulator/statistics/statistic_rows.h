@@ -51,7 +51,7 @@ std::span<const StatisticRow> statistic_rows();
 struct StatisticKey {
   uint16_t sub;
   uint32_t id;
-  auto operator<=>(const StatisticKey&) const = default;  // NOLINT(modernize-use-nullptr): it sees its own expansion
+  auto operator<=>(const StatisticKey&) const = default;  // NOLINT(modernize-use-nullptr): a false positive
 };
 
 // Null for an identifier or name that the modem has no value for.

@@ -19,13 +19,13 @@ class Statistics {
  public:
   Statistics(const ModemClock& clock, const RadioPictures& pictures) : clock_(clock), pictures_(pictures) {}
 
-  // The sources of a value; of several, the highest decides.
+  // The sources of a value, in ascending precedence.
   enum class Source { kNone, kRadio, kScenario, kUser };
 
   // Fills in the record's value; its length is 0 where the modem has none for the identifier.
   Source read(StatisticKey key, vs::DataRecord& record) const;
 
-  // Forgets past events, such as an antenna switch; bytes that the user has fixed become zero.
+  // Discards past events, such as an antenna switch; bytes that the user has fixed become zero.
   void clear(StatisticKey key);
   void restarted() { cleared_.clear(); }
 
@@ -40,7 +40,7 @@ class Statistics {
   const Scenario* playing() const { return scenario_ ? &scenario_->scenario : nullptr; }
   double seconds_played() const;
 
-  // What the scenario takes from all levels of a subscription's radio, in dB.
+  // The scenario's attenuation of all levels of a subscription, in dB.
   double attenuation(uint16_t sub) const;
 
  private:

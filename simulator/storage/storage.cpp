@@ -175,7 +175,7 @@ QmiError ItemStore::write(const Key& key, std::span<const uint8_t> bytes) {
 
 // --- files ---
 
-// Right below the tree's directory are those of the qualifiers and indices.
+// The tree's directory has one subdirectory for each pair of qualifier and index.
 FileTree::FileTree(int root, const char* tree, size_t& free_entries) : Store(root, tree, free_entries) {
   for (const Entry& entry : list_directory(directory(), tree)) {
     const std::string path = std::string(tree) + '/' + entry.name;
