@@ -126,7 +126,7 @@ TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
           {"client signal --count 100 --for 1", 1, "only "},
           {"client signal --csv g --plot g", 2, ""},
           {"client signal --title picture", 2, "--title needs --plot"},
-          {"client signal --csv - --json", 2, "--csv - and --json both want standard output"},
+          {"client signal --csv - --json", 2, "--csv - and --json both write to standard output"},
           {"client signal --plot p --from d --rate 2", 2, "--rate cannot be given with --from"}});
 }
 
@@ -155,7 +155,7 @@ TEST_F(ClientTest, ARecordingIsPlayedAsAScenarioWithTheSameReadings) {
   }
 }
 
-// Captured at both ends. When it is played, the first event may come before the client prints that it follows them.
+// Captured at both ends. The line "following" is removed, because a played event may be printed before it.
 TEST_F(ClientTest, ACapturedSessionPrintsTheSameWhenItIsPlayed) {
   const auto session = [this](const std::vector<std::string>& options) {
     modem().end(SIGTERM);

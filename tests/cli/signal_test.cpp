@@ -61,7 +61,7 @@ std::vector<std::string> view(TerminalSize size, const Style& style = {}, const 
     reading.time += std::chrono::seconds(1);
     reading.subs[0].carriers[0].rsrp[0] = level;
     reading.subs[0].carriers[2].rsrp = {level, level, level, level};
-    reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // noise
+    reading.subs[0].carriers[1].rsrp[1] = level < -80 ? -110.5 : -110.4;  // a small change
     shown.history.add(reading, Clock::time_point(reading.time.time_since_epoch()));
   }
   return live_view(shown, state, size, style);
@@ -71,8 +71,8 @@ std::vector<std::string> view(TerminalSize size, const Style& style = {}, const 
 TEST(LiveView, IsDrawnAsInTheGoldenFile) {
   const Style colours = {true};
   LiveState away = kState;
-  away.trouble = "MODEM AWAY 3 s: its service is down";
-  LiveState scrolled = {.modem = "@modem", .trouble = "", .is_paused = true};
+  away.problem = "MODEM AWAY 3 s: its service is down";
+  LiveState scrolled = {.modem = "@modem", .problem = "", .is_paused = true};
   scrolled.only_sub = 0;
   scrolled.hidden_rows = 2;
   scrolled.hidden_seconds = 3;

@@ -23,7 +23,7 @@ def section(text, title):
 
 
 def commands(program, *words):
-    """Every command that is no group, as its words."""
+    """Returns the words of every command that has no subcommands."""
     names = re.findall(r"^  ([a-z][a-z-]*) ", section(run(program, *words, "--help").stdout, "Commands"), re.M)
     return [leaf for name in names for leaf in commands(program, *words, name)] if names else [words]
 
@@ -75,7 +75,7 @@ def main(program, texts, simulator, simulator_page):
     for wrong, binary, name in ((WRONG, program, "modem_api_test"), (WRONG_FOR_SIMULATOR, simulator, "modem_sim")):
         for line in wrong:
             outcome = run(binary, *line.split())
-            form = rf"{name}: [a-z'-].*\n  '{name}.* --help' lists what there is\.\n"
+            form = rf"{name}: [a-z'-].*\n  '{name}.* --help' lists the commands and options\.\n"
             assert outcome.returncode == 2 and re.fullmatch(form, outcome.stderr), f"{line}: {outcome.stderr}"
     for shell, code, script in (("bash", BASH, "modem_api_test"), ("zsh", ZSH, "_modem_api_test")):
         code = code.format(program=program, script=texts / script)

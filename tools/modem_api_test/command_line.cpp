@@ -38,7 +38,7 @@ Without a modem named, a simulated one is started. It keeps its storage between 
 
 constexpr const char* kProgram = "modem_api_test";
 
-constexpr size_t kMostInputBytes = 65536;  // far above what any message takes: the library refuses it in its words
+constexpr size_t kMostInputBytes = 65536;  // more than any message has, so the library refuses what is too long
 
 void set_details(CLI::Option& option, const Details& details) {
   if (details.type != nullptr) option.type_name(details.type);
@@ -79,14 +79,14 @@ Failure wrong_usage(const CLI::App& root, const CLI::ParseError& error) {
       reason = std::regex_replace(reason, std::regex(row.pattern), row.text);
     }
   }
-  // CLI11 misses the command first, and only then sees the word that is none.
+  // CLI11 reports a missing command before it reports an unknown word.
   if (!app.get_subcommands({}).empty()) {
     reason = words.empty() ? "a command is missing" : "there is no command '" + words.front() + "'";
     if (root.get_help_ptr() == nullptr) reason += " in a batch";
   } else if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
     reason = "'" + words.front() + "' is not expected";
   }
-  return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists what there is.");
+  return Failure::of_usage(reason, "'" + path_of(app) + " --help' lists the commands and options.");
 }
 
 void print_completion(const Context& context, const std::string& shell) {
@@ -127,23 +127,23 @@ template void Command::add_text(const std::string&, std::vector<std::string>&, c
                                 const Details&) const;
 template void Command::add_text(const std::string&, std::vector<uint32_t>&, const std::string&, const Details&) const;
 
-void Command::add_parsed(const std::string& name, const std::string& help, const Take& take,
+void Command::add_parsed(const std::string& name, const std::string& help, const Parse& parse,
                          const Details& details) const {
-  const auto take_one = [name, take](const std::string& word) {
-    if (const std::string refusal = take(word); !refusal.empty()) throw CLI::ValidationError(name, refusal);
+  const auto parse_one = [name, parse](const std::string& word) {
+    if (const std::string refusal = parse(word); !refusal.empty()) throw CLI::ValidationError(name, refusal);
   };
-  const auto take_all = [take_one](const std::vector<std::string>& words) {
-    std::for_each(words.begin(), words.end(), take_one);
+  const auto parse_all = [parse_one](const std::vector<std::string>& words) {
+    std::for_each(words.begin(), words.end(), parse_one);
   };
-  set_details(details.most_words > 1 ? *app_.add_option_function<std::vector<std::string>>(name, take_all, help)
-                                     : *app_.add_option_function<std::string>(name, take_one, help),
+  set_details(details.most_words > 1 ? *app_.add_option_function<std::vector<std::string>>(name, parse_all, help)
+                                     : *app_.add_option_function<std::string>(name, parse_one, help),
               details);
 }
 
 void Command::add_number(const std::string& name, const std::string& help, int64_t min, int64_t max,
                          std::function<void(int64_t)> store, const Details& details) const {
   const std::string range = std::to_string(min) + " to " + std::to_string(max);
-  const auto take = [range, min, max, store = std::move(store)](const std::string& text) -> std::string {
+  const auto parse = [range, min, max, store = std::move(store)](const std::string& text) -> std::string {
     const auto number = parse_number(text, min, max);
     if (!number) return "'" + text + "' is no number from " + range;
     store(*number);
@@ -151,7 +151,7 @@ void Command::add_number(const std::string& name, const std::string& help, int64
   };
   Details numbered = details;
   if (numbered.type == nullptr) numbered.type = "N";
-  add_parsed(name, min == 0 && max == UINT32_MAX ? help : help + " (" + range + ")", take, numbered);
+  add_parsed(name, min == 0 && max == UINT32_MAX ? help : help + " (" + range + ")", parse, numbered);
 }
 
 void Command::add_subscription(uint32_t& target) const {
@@ -304,12 +304,12 @@ Bytes DataInput::read() const {
 
 void DataOutput::add_to(const Command& command) {
   command.add_text("-o,--output", file, "write the bytes to this file (-: standard output)", {.type = "FILE"});
-  const auto take = [this](const std::string& word) -> std::string {
+  const auto parse = [this](const std::string& word) -> std::string {
     if (!word.starts_with('@') || word.size() == 1) return "'" + word + "' is no @FILE";
     file = word.substr(1);
     return "";
   };
-  command.add_parsed("file", "the same as --output FILE", take, {.type = "@FILE", .excludes = {"--output"}});
+  command.add_parsed("file", "the same as --output FILE", parse, {.type = "@FILE", .excludes = {"--output"}});
 }
 
 void DataOutput::report(Output& output, const Bytes& bytes, Json document, const std::string& title) const {
@@ -328,23 +328,23 @@ void DataOutput::report(Output& output, const Bytes& bytes, Json document, const
 void require_no_documents(const Output& output, const std::string& option) {
   if (!output.is_json() && !output.is_batch()) return;
   const std::string other = output.is_batch() ? "a batch" : "--json";
-  throw Failure::of_usage(option + " and " + other + " both want standard output", "Name a file.");
+  throw Failure::of_usage(option + " and " + other + " both write to standard output", "Name a file.");
 }
 
 void Confirmation::add_to(const Command& command) {
-  command.add_flag("-y,--yes", yes, "do it without asking");
+  command.add_flag("-y,--yes", yes, "do it without confirmation");
 }
 
 void Confirmation::require(const std::string& effect) const {
   if (yes) return;
   const std::string advice = "Repeat the command with --yes to confirm it.";
   if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
-    throw Failure("", effect + " This was not confirmed, and there is no terminal to ask at.", advice);
+    throw Failure("", effect + " This was not confirmed, and there is no terminal to confirm it at.", advice);
   }
-  fprintf(stderr, "%s Go on? [y/N] ", effect.c_str());
-  std::string answer;
-  std::getline(std::cin, answer);
-  if (answer != "y" && answer != "yes") throw Failure("", "Nothing was done.");
+  fprintf(stderr, "%s Continue? [y/N] ", effect.c_str());
+  std::string reply;
+  std::getline(std::cin, reply);
+  if (reply != "y" && reply != "yes") throw Failure("", "Nothing was done.");
 }
 
 }  // namespace pelmar::cli

@@ -1,6 +1,6 @@
 // The command line: global options, the commands that the sources in commands/ add, and the options that several of
-// them have. Only command_line.cpp and help.cpp see the library that parses it. Brings what every command uses: texts,
-// failures, the output, the session, what arrives, and signals.
+// them have. Only command_line.cpp and help.cpp include CLI11, which parses it. Includes the headers that every command
+// uses: texts, failures, the output, the session, the inbox, and signals.
 #pragma once
 
 #include <cstdint>
@@ -22,18 +22,18 @@
 
 namespace pelmar::cli {
 
-// What a command works with.
+// The objects that a command uses.
 struct Context {
   Output& output;
   Session& session;
   Inbox& inbox;
   Signals& signals;
 
-  // For a command that goes on for that long, or up to that count, 0 for ever: throws where that is in a batch.
+  // Throws in a batch if both limits are 0, which is no limit: the command would not end.
   void require_end(uint32_t seconds, uint32_t count = 0) const;
 };
 
-// Of a command without options.
+// The values of a command without options.
 struct NoValues {};
 
 struct Settings {
@@ -46,19 +46,19 @@ struct Settings {
   uint32_t seconds = 0;  // 0: without limit
 };
 
-// Of an option or a positional argument, what most do without.
+// Rarely used settings of an option or a positional argument.
 struct Details {
   const char* type = nullptr;  // of its words, in the help text
   bool is_required = false;
   int most_words = 1;
-  std::vector<std::string> words = {};     // that alone are taken; empty: all
+  std::vector<std::string> words = {};     // the words that are accepted; empty: any
   std::vector<std::string> excludes = {};  // options that cannot be given together with it
   std::string needs = "";                  // an option that has to be given together with it
   const char* otherwise = nullptr;         // the default that the help prints; null: the target's value, if any
 };
 
-// Refuses a word with the reason that it returns, or takes it and returns nothing.
-using Take = std::function<std::string(const std::string& word)>;
+// Parses a word and stores it. Returns why the word is refused, or an empty text.
+using Parse = std::function<std::string(const std::string& word)>;
 
 // A command, to add options to: a name without dashes is that of a positional argument. The target keeps its value
 // where the option is not given.
@@ -76,7 +76,7 @@ class Command {
   // Text, or with std::vector one word or more. The help shows a text that the target has already.
   template <typename Target>
   void add_text(const std::string& name, Target& target, const std::string& help, const Details& details = {}) const;
-  void add_parsed(const std::string& name, const std::string& help, const Take& take,
+  void add_parsed(const std::string& name, const std::string& help, const Parse& parse,
                   const Details& details = {}) const;
 
   // A number in its range.
@@ -100,7 +100,7 @@ class Command {
     add_number(name, help, min, max, [&target](int64_t value) { target = static_cast<Number>(value); }, {});
   }
 
-  // --sub, 0 or 1. `otherwise`: which subscriptions a command means that goes without.
+  // --sub, 0 or 1. `otherwise`: what the help names as the default.
   void add_subscription(uint32_t& target) const;
   void add_subscription(std::optional<uint32_t>& target, const std::string& otherwise = "both") const;
 
@@ -113,14 +113,14 @@ class Command {
 
 class CommandLine {
  public:
-  // `is_in_batch`: of a line of a batch, which has no options of the program, and not the commands that take over its
-  // output or read captures.
+  // `is_in_batch`: for a line of a batch. It has no options of the program, and not the commands that use standard
+  // output for themselves or read captures.
   explicit CommandLine(bool is_in_batch = false);
   ~CommandLine();
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
-  // Returns the exit status when there is nothing to run: help was asked for. Of a wrong line, run() returns the
+  // Returns the exit status if there is nothing to run, as with --help. If the line is wrong, run() returns the
   // failure.
   std::optional<int> parse(int argc, char** argv);
 
@@ -175,11 +175,11 @@ struct DataInput {
 
   void add_to(const Command& command);
 
-  // Throws where nothing is given, or what is given is no data. Also of no bytes the pointer is not null.
+  // Throws if no data, or invalid data, is given. The pointer is not null even for 0 bytes.
   Bytes read() const;
 };
 
-// Where data that was read goes besides the report: nowhere, a file (@FILE, --output FILE), or - for standard output.
+// Where data is written besides the report: nowhere, a file (@FILE, --output FILE), or - for standard output.
 struct DataOutput {
   std::string file;
 
@@ -189,7 +189,7 @@ struct DataOutput {
   void report(Output& output, const Bytes& bytes, Json document, const std::string& title) const;
 };
 
-// For bytes that `option` sends to standard output: throws where documents go there.
+// Throws if JSON documents go to standard output, because `option` writes to it, too.
 void require_no_documents(const Output& output, const std::string& option);
 
 // A command that can cost the phone its service or its settings is confirmed: with --yes, or at the terminal.

@@ -42,7 +42,7 @@ void put_records(Description& out, const char* member, const char* kind,
   out.document[member] = std::move(list);
 }
 
-// What an event has besides its value.
+// Adds the fields that an event has besides its value.
 void put(Description& out, const modem_api_vs_status_event& event) {
   out.document.update({{"flag1", event.flag1 != 0}, {"flag2", event.flag2 != 0}});
   out.text += ", flags " + std::to_string(event.flag1) + " " + std::to_string(event.flag2);
@@ -149,7 +149,7 @@ class EventFollower {
     for (int32_t event = MODEM_API_EVENT_VS_REPORT_A; event < MODEM_API_EVENT_COUNT; ++event) {
       check(modem_api_add_modem_event(client_, event), "subscribing to event " + std::to_string(event));
     }
-    check(modem_api_set_vs_event_report(client_), "asking the modem to report events");
+    check(modem_api_set_vs_event_report(client_), "registering for events");
     calls_.on_open(client_);
   }
 

@@ -1,5 +1,5 @@
-// Following what a modem reports by itself: prints what arrives, and counts the events among it. Where the modem was
-// away, it opens the clients again and goes on.
+// Prints events and notices as they arrive, and counts the events. After a loss of the modem it opens the clients again
+// and continues.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +19,9 @@ struct FollowLimits {
   void add_to(const Command& command, const std::string& what = "events");
 };
 
-// What a command does besides. `on_open` gets a client that was opened, also again after a loss; `on_look` is called
-// each time that the modem was found to be there, and `on_end` at the end where it still is. They run one at a time, on
-// a thread of their own, and not while `start` does, which returns the line that is printed at first and when the modem
+// The callbacks of a command. `on_open` gets a client that was opened, also again after a loss; `on_look` is called
+// each time that the modem responded to a check, and `on_end` at the end if it still responds. They run one at a time,
+// on a thread of their own, and never during `start`, which returns the line that is printed first and when the modem
 // is back.
 struct FollowCalls {
   std::function<std::string()> start;
@@ -31,8 +31,8 @@ struct FollowCalls {
 };
 
 // Opens a client of the vendor-specific service and subscribes it to all events. Prints what came so far, then the
-// start, then all that comes up to a limit, or the user's wish to end. Throws where the count is not reached in time,
-// or the modem is away at the end.
+// start, then all that comes until a limit or the user ends it. Throws if the count is not reached in time, or the
+// modem is away at the end.
 void follow_events(const Context& context, const FollowLimits& limits, const FollowCalls& calls);
 
 }  // namespace pelmar::cli

@@ -47,7 +47,7 @@ void show_and_remember(const Observation& observation) {
   if (const std::string problem = describe(*last_exchange); !problem.empty()) remark("the exchange failed: " + problem);
 }
 
-constexpr const char* kAskInfo = "'modem_api_test info' shows which services are up.";
+constexpr const char* kSeeInfo = "'modem_api_test info' shows which services are up.";
 
 #define CODE(code) code, #code
 
@@ -63,15 +63,13 @@ constexpr ResultCode kResultCodes[] = {
     {CODE(MODEM_API_ERR_INVALID_PARAM), "an argument is out of its range", "--help shows the ranges of the arguments."},
     {CODE(MODEM_API_ERR_NOT_INITIALIZED), "the library does not serve this process",
      "The program must run under its own name, modem_api_test: call it by that name, not through a link."},
-    {CODE(MODEM_API_ERR_INVALID_CLIENT), "the service is not up", kAskInfo},
+    {CODE(MODEM_API_ERR_INVALID_CLIENT), "the service is not up", kSeeInfo},
     {CODE(MODEM_API_ERR_NOT_READY), "the modem is not ready", "It is starting: try again in a moment."},
-    {CODE(MODEM_API_ERR_SERVICE_PENDING), "the service is not up yet", kAskInfo},
+    {CODE(MODEM_API_ERR_SERVICE_PENDING), "the service is not up yet", kSeeInfo},
     {CODE(MODEM_API_ERR_ABORTED), "the modem aborted it", "Try again."},
-    {CODE(MODEM_API_ERR_TIMEOUT), "the modem did not respond in time",
-     "Check that the modem is alive, then try again."},
-    {CODE(MODEM_API_ERR_TRANSPORT), "the connection to the modem is broken",
-     "Check that the modem is alive, then try again."},
-    {CODE(MODEM_API_ERR_NO_EFFECT), "it is so already", "Nothing needs to be done."},
+    {CODE(MODEM_API_ERR_TIMEOUT), "the modem did not respond in time", kCheckModem},
+    {CODE(MODEM_API_ERR_TRANSPORT), "the connection to the modem is broken", kCheckModem},
+    {CODE(MODEM_API_ERR_NO_EFFECT), "the setting has this value already", "Nothing needs to be done."},
     {CODE(MODEM_API_ERR_NO_FREE_CLIENT), "the client table is full", "End other users of the library in this process."},
     {CODE(MODEM_API_ERR_ALREADY_INITIALIZED), "this process has such a client already", "Use the client that is open."},
     {-1, "undocumented result", "the library returned a code that it does not document",
@@ -100,7 +98,7 @@ std::string describe(const Exchange& exchange) {
   if (exchange.code == QMI_SERVICE_ERR) return "the service went away";
   if (exchange.code == QMI_TIMEOUT_ERR) return "no response came in time";
   if (exchange.code <= QMI_IDL_LIB_EXTENDED_ERR) {
-    return "a message that cannot be coded (codec error " + std::to_string(exchange.code) + ")";
+    return "a message that cannot be encoded or decoded (codec error " + std::to_string(exchange.code) + ")";
   }
   if (exchange.code != QMI_NO_ERR) return "code " + std::to_string(exchange.code) + " of the QMI framework";
   if (exchange.error == 0) return "";
@@ -186,7 +184,7 @@ Json Failure::causes() const {
 }
 
 void check(modem_api_result result, const std::string& step, std::initializer_list<Advice> advices) {
-  const auto exchange = take_last_exchange();  // what fails next has a cause of its own
+  const auto exchange = take_last_exchange();  // cleared, so that a later failure does not report it
   if (result != MODEM_API_SUCCESS) throw Failure::of_result(step, result, advices, exchange);
   // By the phone's rules a loss leaves a zeroed response as it is, which the library takes for a success.
   if (exchange && exchange->code == QMI_SERVICE_ERR) throw Failure::of_exchange(step, *exchange);

@@ -1,5 +1,5 @@
-// Why a command ended without success: the step that failed, the reason, and what to do about it. Thrown by whoever
-// notices; main() turns it into a message and the exit status.
+// Why a command ended without success: the step that failed, the reason, and what to do about it. Thrown by
+// commands; main() prints the message and returns the exit status.
 //
 // The library's results leave out the modem's own error, and some of its functions leave out that no response came. So
 // the Linux platform's exchanges beneath the library are observed.
@@ -45,9 +45,11 @@ struct ResultCode {
 // A code that the library does not document has a row of its own.
 const ResultCode& describe_result(int32_t code);
 
+inline constexpr const char* kCheckModem = "Check with 'modem_api_test info' that the modem responds, then try again.";
+
 enum ExitStatus { kExitSuccess = 0, kExitFailure = 1, kExitUsage = 2 };
 
-// What a command advises for a result code, in place of the general advice; with a QMI error, where it was that one.
+// A command's advice for a result code, in place of the general one; with a QMI error only if it was that one.
 struct Advice {
   modem_api_result code;
   const char* text;
@@ -63,7 +65,7 @@ class Failure : public std::exception {
   static Failure of_result(std::string step, modem_api_result code, std::initializer_list<Advice> advices = {},
                            std::optional<Exchange> exchange = take_last_exchange());
 
-  // A failed exchange of which the library returns nothing.
+  // A failed exchange that the library's result does not show.
   static Failure of_exchange(std::string step, const Exchange& exchange);
 
   // The last failed system call: `reason` is errno's.

@@ -28,7 +28,7 @@ std::string manual_page(const CLI::App& root, const std::string& version, const 
 // the program has no list: then a file may stand there.
 std::vector<std::string> complete(const CLI::App& root, const CompletionWords& words, std::span<char* const> line);
 
-// What the shell is to read: "bash" or "zsh".
+// Returns the completion script of a shell, "bash" or "zsh".
 std::string completion_script(const std::string& shell);
 
 }  // namespace pelmar::cli

@@ -1,4 +1,4 @@
-// What arrives while a command follows the modem: modem events, notices of services going up and down, responses to
+// The arrivals while a command follows the modem: modem events, notices of services going up and down, responses to
 // asynchronous commands, steps of the modem's power, and the user's wish to end.
 //
 // The library's event callbacks carry no user data, so there is one inbox in the process. They run on the framework's
@@ -43,7 +43,7 @@ class Inbox {
   static void receive_notice(uint32_t notice, uint32_t client_type);
   static void receive_response(const uint8_t* data, uint32_t length, void* user_data, uint32_t result);
 
-  // From the peripheral manager's thread.
+  // Called by the peripheral manager's thread.
   static void receive_power_step(uint32_t event);
 
   // The next arrival; nothing when the time is up, the user wishes to end, or wake() was called.
@@ -56,7 +56,7 @@ class Inbox {
   // wishes to end.
   bool pause_until(std::optional<Clock::time_point> deadline, const std::function<bool()>& is_over = nullptr);
 
-  // Has a waiting next() or pause_until() check again; next() also where it is called later.
+  // Wakes next() and pause_until(). If next() does not wait, its next call returns at once.
   void wake();
 
   // The user wishes to end. Called by the signal thread.

@@ -1,4 +1,4 @@
-// The four kinds of items, and a file of many. What differs between the kinds is a row.
+// The four kinds of items, and the file format of dump and restore. What differs between the kinds is a row.
 //
 // A file has an item a line, for people to read and edit: its kind, its number or path, qualifier and index where they
 // are not 0, and its bytes. Words are split and quoted as in a shell, and # begins a comment:

@@ -4,8 +4,8 @@
 
 namespace pelmar::cli {
 
-// For a last call to a modem that is there. Less than a command has to end when its time is up.
-constexpr std::chrono::milliseconds kPatience{300};
+// For the last call at the end; shorter than the time that a command has to end when its time is up.
+constexpr std::chrono::milliseconds kLastCallTimeout{300};
 
 ModemLink::ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value)
     : open_(std::move(open)), probe_(std::move(probe)), needs_value_(needs_value) {
@@ -85,7 +85,7 @@ void ModemThread::run(const std::function<void()>& command) {
     failure = caught;
   }
   std::unique_lock lock(mutex_);
-  if (!ended_.wait_for(lock, kPatience, [this] { return !is_busy_; })) context_.signals.end(failure);
+  if (!ended_.wait_for(lock, kLastCallTimeout, [this] { return !is_busy_; })) context_.signals.end(failure);
   if (failure) throw *failure;
 }
 

@@ -1,5 +1,5 @@
 // For commands that follow the modem: a connection that is opened again whenever the modem was away, and a thread for
-// calls of the library, which may last as long as the modem wants.
+// calls of the library, which may block until the modem responds or the call times out.
 #pragma once
 
 #include <atomic>
@@ -44,8 +44,8 @@ std::string away_text(const std::string& problem);
 inline constexpr const char* kNoResponseText = "it does not respond";
 inline constexpr const char* kBackText = "the modem is back";
 
-// Calls of the library on a thread of their own: the thread that prints starts a call here and waits for it no longer
-// than suits.
+// Runs calls of the library on a thread of their own, so that the printing thread waits for them only as long as it
+// wants to.
 class ModemThread {
  public:
   explicit ModemThread(const Context& context) : context_(context) {}

@@ -27,8 +27,8 @@ std::string to_line(const Json& document) {
   return document.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-// A descriptor that the caller closed must not become a socket's, which what is printed would go into. Standard output
-// becomes one that cannot be written to, so that the loss is reported.
+// Opens the standard descriptors that the caller has closed; otherwise a socket would get the number and the output.
+// Writing to standard output fails then, so that the loss is reported.
 void fill_standard_descriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) >= 0) continue;
@@ -47,16 +47,16 @@ UniqueFd take_standard_output() {
   return own;
 }
 
-constexpr int kReaderPatienceMs = 100;
+constexpr int kReaderTimeoutMs = 100;
 
 std::atomic<bool> waits_for_readers{true};
 bool has_standard_input = true;
 
-// False where it cannot; errno has the reason. It never waits for a reader inside write(), which nothing could end.
+// Returns false and sets errno on failure. Polls first, because a write() that blocks could not be ended.
 bool write_all(int fd, std::string_view text) {
   while (!text.empty()) {
     pollfd writable = {fd, POLLOUT, 0};
-    if (poll(&writable, 1, kReaderPatienceMs) != 1) {
+    if (poll(&writable, 1, kReaderTimeoutMs) != 1) {
       if (waits_for_readers) continue;
       errno = ETIMEDOUT;
       return false;
@@ -180,7 +180,7 @@ RecordingFile::RecordingFile(Output& output, std::string path, Earlier earlier)
     const bool is_regular = fd_ && fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode);
     if (is_regular && earlier == Earlier::kRefuse) {
       throw Failure("writing the file '" + path_ + "'", "it is there already",
-                    "Name another file, or add --force to replace it (--append: to go on with a CSV file).");
+                    "Name another file, or add --force to replace it (--append: to continue a CSV file).");
     }
     replaces_ = is_regular && earlier == Earlier::kReplace;
   }

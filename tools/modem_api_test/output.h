@@ -1,5 +1,5 @@
-// Where the program writes: its own standard output, as a document for people or one line of JSON for scripts; remarks
-// on standard error; and files, none of which stays open in a program that this one starts.
+// The places that the program writes to: its own standard output, as a document for people or one line of JSON for
+// scripts; remarks on standard error; and files, none of which stays open in a program that this one starts.
 //
 // The library's shell log goes to standard output too. So that the program's output stays clean, it keeps the real
 // standard output to itself and points descriptor 1 at standard error.
@@ -37,8 +37,8 @@ class Output {
 
   // From now on prints on standard error. Returns the descriptor of standard output, which stays open.
   int give_away();
-  // Of a batch: from now on documents alone, which are kept until the end of this line, where one is written for all of
-  // them, with the number of the line.
+  // Begins a line of a batch. Its documents are kept until its end, where one document is written for all of them, with
+  // the number of the line.
   void begin_line(size_t line);
   void end_line(const std::optional<Failure>& failure);
   bool is_batch() const { return line_ > 0; }
@@ -55,7 +55,7 @@ class Output {
   void report(const Failure& failure);
 
  private:
-  // With its type, its command, and the number of its line, if not 0.
+  // Returns the document with its type, its command, and the number of its line, if not 0.
   Json complete(const Json& document, size_t line = 0) const;
 
   UniqueFd fd_;
@@ -66,7 +66,7 @@ class Output {
   std::vector<Json> documents_;
 };
 
-// After this call, output that nobody reads within a moment is a failure. Before it, writes wait for the reader.
+// After this call, output that is not read within 100 ms is a failure. Before it, writes wait for the reader.
 void stop_waiting_for_readers();
 
 // A line for the user, on standard error.

@@ -38,7 +38,7 @@ constexpr const char* kStep = "starting the simulated modem";
 constexpr const char* kModemProgram = "modem_sim";
 constexpr const char* kModemProgramVariable = "PELMAR_MODEM_SIM";
 constexpr const char* kIdleSeconds = "60";
-constexpr std::chrono::milliseconds kReadyPatience = 20s;
+constexpr std::chrono::milliseconds kReadyTimeout = 20s;
 constexpr std::string_view kReadyLine = "modem_sim: ready on ";
 
 std::string find_program() {
@@ -57,7 +57,7 @@ enum class Start { kReady, kEnded, kTooLate };
 
 // Reads the output up to the ready line, its end, or the deadline.
 Start wait_until_ready(int output) {
-  const Clock::time_point deadline = Clock::now() + kReadyPatience;
+  const Clock::time_point deadline = Clock::now() + kReadyTimeout;
   std::string text;
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -107,13 +107,13 @@ std::string start_modem_process(const Modem& modem) {
 
 // --- the own modem ---
 
-constexpr int kResponsePatienceMs = 2000;
+constexpr int kResponseTimeoutMs = 2000;
 
 // A QMUX frame to the control service that requests the list of services. It changes nothing in the modem.
 constexpr uint8_t kGetVersionInfo[] = {0x01, 0x0B, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x21, 0x00, 0x00, 0x00};
 
 // A modem that refuses a connection closes it at once.
-constexpr int kRefusalPatienceMs = 100;
+constexpr int kRefusalTimeoutMs = 100;
 
 // Whether the modem responds: requests its list of services, and waits for the first byte of the response. The
 // connection stays open then.
@@ -123,12 +123,12 @@ bool reach(Modem& modem) {
   if (fd < 0 || send(fd, kGetVersionInfo, sizeof kGetVersionInfo, MSG_NOSIGNAL) != sizeof kGetVersionInfo) return false;
   pollfd readable = {fd, POLLIN, 0};
   uint8_t response[512];
-  if (poll(&readable, 1, kResponsePatienceMs) != 1 || recv(fd, response, sizeof response, 0) <= 0) return false;
+  if (poll(&readable, 1, kResponseTimeoutMs) != 1 || recv(fd, response, sizeof response, 0) <= 0) return false;
   modem.guard = std::move(connection);
   return true;
 }
 
-constexpr auto kLockPatience = 45s;
+constexpr auto kLockTimeout = 45s;
 constexpr int kAttempts = 5;  // the modem of an earlier run may be ending and still hold the storage
 constexpr auto kPauseBetweenAttempts = 100ms;
 
@@ -148,7 +148,7 @@ void make_private_directory(const std::string& path) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) throw Failure::of_system("creating the directory " + path);
 }
 
-// Where it is, running or not; makes the directories.
+// Returns the paths of the program's own modem, running or not, and creates the directories.
 Modem describe_own_modem() {
   const std::string state = user_state_directory();
   if (state.empty()) {
@@ -169,7 +169,7 @@ Modem describe_own_modem() {
 UniqueFd take_lock(const std::string& path) {
   UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (!lock) throw Failure::of_system("opening " + path);
-  const auto deadline = Clock::now() + kLockPatience;
+  const auto deadline = Clock::now() + kLockTimeout;
   while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (Clock::now() > deadline) {
       throw Failure(kStep, "another modem_api_test is starting it and does not come to an end",
@@ -210,7 +210,7 @@ bool stop_own_modem() {
   const pid_t process = peer_of(connection.fd.get()).pid;
   if (process <= 0 || kill(process, SIGTERM) != 0) throw Failure::of_system(step);
   pollfd end = {connection.fd.get(), 0, 0};
-  if (poll(&end, 1, static_cast<int>(kReadyPatience.count())) == 1) return true;
+  if (poll(&end, 1, static_cast<int>(kReadyTimeout.count())) == 1) return true;
   throw Failure(step, "process " + std::to_string(process) + " does not end");
 }
 
@@ -220,7 +220,7 @@ std::string find_obstacle(const std::string& name) {
   if (connection.error != 0) return connection.problem;
   const std::string refusal = describe_refusal(connection.fd.get(), name);
   pollfd readable = {connection.fd.get(), POLLIN, 0};
-  if (refusal.empty() || poll(&readable, 1, kRefusalPatienceMs) != 1) return "";
+  if (refusal.empty() || poll(&readable, 1, kRefusalTimeoutMs) != 1) return "";
   return refusal + ", or start the simulated modem with --any-user";
 }
 

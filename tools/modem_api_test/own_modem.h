@@ -4,7 +4,7 @@
 //   $XDG_STATE_HOME/pelmar/modem/        storage (~/.local/state without XDG_STATE_HOME)
 //   $XDG_RUNTIME_DIR/pelmar/modem-*.sock  socket, named for the storage (in the storage without XDG_RUNTIME_DIR)
 //
-// That modem runs detached and ends by itself when nobody has used it for a while.
+// That modem runs detached and ends by itself when no program has used it for a while.
 #pragma once
 
 #include <string>
@@ -29,8 +29,8 @@ Modem choose_modem(const std::string& named);
 bool stop_own_modem();
 
 // Why the process that serves the socket cannot be used, and what to do: another user whom this one does not trust or
-// who does not admit this one, or a process that accepts nobody. Empty where there is no such obstacle, and where
-// nobody serves.
+// who does not admit this one, or a process that does not accept connections. Empty if there is no such obstacle, or no
+// process listens.
 std::string find_obstacle(const std::string& name);
 
 }  // namespace pelmar::cli

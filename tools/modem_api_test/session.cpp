@@ -37,7 +37,7 @@ qmi_idl_service_object_type nas_object() {
   return nas_get_service_object_internal_v01(NAS_V01_IDL_MAJOR_VERS, NAS_V01_IDL_MINOR_VERS, NAS_V01_IDL_TOOL_VERS);
 }
 
-// Until `find_problem` returns none. The first one is shown.
+// Waits until `find_problem` returns none. The first problem is shown.
 void wait_while(const std::function<std::string()>& find_problem) {
   bool is_first = true;
   for (std::string problem; !(problem = find_problem()).empty(); is_first = false) {
@@ -139,7 +139,7 @@ void Session::wait_for_listener(const std::string& socket, const std::string& wh
     const std::string obstacle = find_obstacle(socket);
     if (!obstacle.empty()) throw Failure("connecting to " + whom + " at " + socket, obstacle);
     const std::string problem = waits_ ? connect_unix(socket).problem : "";
-    return problem.empty() ? "" : "nobody serves " + socket + " (" + problem + ")";
+    return problem.empty() ? "" : "no process listens on " + socket + " (" + problem + ")";
   });
 }
 

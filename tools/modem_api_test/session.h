@@ -25,10 +25,10 @@ struct ServiceRow {
   qmi_idl_service_object_type (*object)();
 };
 
-// By client type: a row stands at its type.
+// Indexed by client type.
 extern const ServiceRow kServices[MODEM_API_CLIENT_TYPES];
 
-// Whether the modem has the service now, as the framework has it: opening an absent service would take ten seconds.
+// Whether the framework lists the service now: opening an absent service would take ten seconds.
 bool is_present(modem_api_client_type type);
 
 inline constexpr Advice kNoIdLeft = {
@@ -54,11 +54,11 @@ class Session {
   // Whether to wait for a modem that is not there yet.
   bool waits() const { return waits_; }
 
-  // What the modem responded; waits for a modem that is not there yet where that is wished. Throws where the modem does
-  // not respond; the report has what was found then.
+  // Fills the report with the modem's responses; with --wait it waits for the modem. Throws if the modem does not
+  // respond; the report then has what was found.
   void inspect(platform::ModemReport& report);
 
-  // Returns when `whom` serves the socket, or at once where that is not to be waited for. Throws where the process
+  // With --wait, waits until `whom` listens on the socket. Throws where the process
   // that serves it cannot be used, and waiting does not change that.
   void wait_for_listener(const std::string& socket, const std::string& whom) const;
 

@@ -32,7 +32,7 @@ const sigset_t kSignals = [] {
 
 std::atomic<int> early_status{-1};  // of a process that does not wait for all its threads
 
-// What was registered to run at exit later than here has run.
+// Called at exit, after the handlers that were registered later.
 void end_without_flush() {
   if (early_status >= 0) _exit(early_status);
 }

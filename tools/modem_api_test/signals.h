@@ -5,10 +5,10 @@
 // waited for: the thread frees the clients, so that the modem gets its client ids back, and ends the process with 128
 // plus the signal's number. The second signal ends the process at once.
 //
-// The same thread ends the program when its time is up. The command may be in a call of the library that lasts as long
-// as the modem wants: so it is not waited for, and the clients are left to the platform, which gives their ids back at
-// the process's end within a bounded time. It does not flush: all output is written already, and flushing a stream that
-// another thread has locked would block.
+// The same thread ends the program when its time is up. The command may be in a call of the library that blocks
+// until the modem responds: so it is not waited for, and the clients are left to the platform, which gives their ids
+// back at the process's end within a bounded time. It does not flush: all output is written already, and flushing a
+// stream that another thread has locked would block.
 #pragma once
 
 #include <condition_variable>

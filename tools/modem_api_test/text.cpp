@@ -81,7 +81,7 @@ std::vector<std::string> split_words(std::string_view line) {
 
 Bytes parse_hex(std::string_view text) {
   Bytes bytes;
-  bool may_prefix = true;  // 0x stands in front of a byte, not within a run of digits
+  bool may_prefix = true;  // "0x" is accepted before a byte, not within a sequence of digits
   for (size_t i = 0; i < text.size();) {
     if (kSeparators.find(text[i]) != kSeparators.npos) {
       may_prefix = true;

@@ -16,7 +16,7 @@ namespace pelmar::cli {
 
 using Json = nlohmann::ordered_json;  // fields keep the order in which they are written
 
-// The clock on the wall, for people and files, and one that is never set, to wait by.
+// For times that are printed or stored; and a steady one, for waiting.
 using WallClock = std::chrono::system_clock;
 using Clock = std::chrono::steady_clock;
 

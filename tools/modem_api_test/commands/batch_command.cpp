@@ -68,7 +68,7 @@ void add_batch_command(CommandLine& line) {
   command.add_notes(
       "Each command is a line as it stands behind modem_api_test, split and quoted as in a shell; # begins a comment. "
       "For each a line of JSON is printed at once, with the line's number in \"line\", and with what the command "
-      "printed in \"documents\" where that is not one document. Commands that go on for ever need --for SECONDS. The "
+      "printed in \"documents\" where that is not one document. Commands that never end need --for SECONDS. The "
       "exit status is 1 where a command failed.");
   command.add_examples({"commands.txt", "--stop-on-error commands.txt"});
   command.add_text("file", values.file, "the commands (-: standard input)", {.type = "FILE"});

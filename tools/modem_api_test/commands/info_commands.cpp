@@ -1,5 +1,5 @@
-// info: which modem, which of its services are there, and what this build and process are to the library. props: the
-// system properties, which all processes of the system share.
+// info: the modem, its services, and the build type and process name as the library sees them. props: the system
+// properties, which all processes of the system share.
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -142,7 +142,7 @@ Json describe_modem(const Modem& modem, const ModemReport& found) {
   return document;
 }
 
-// What the modem itself lists, whether the library uses it or not.
+// The services that the modem itself lists, whether the library uses them or not.
 Json describe_listed(const ModemReport& found) {
   Json list = Json::array();
   for (const auto& service : found.services) {
@@ -157,7 +157,7 @@ Json describe_listed(const ModemReport& found) {
   return list;
 }
 
-// Of this user's programs, before this one opens any.
+// The client ids of this user's programs, before this one opens any.
 Json describe_client_ids() {
   std::vector<platform::HeldClientId> ids;
   pelmar_platform_list_client_ids(&ids);

@@ -98,7 +98,7 @@ void delete_item(const Context& context, const Kind& kind, const ItemValues& val
 
 // --- dump, restore, diff ---
 
-// What became of one of many items, and what it is counted as.
+// The state of an item after its exchange, and the index of its counter.
 enum State : size_t { kDone, kDifferent, kAbsent, kRefused, kLost, kStates };
 constexpr const char* kStateWords[kStates] = {"", "different", "absent", "refused", "lost"};
 
@@ -108,7 +108,7 @@ struct Result {
   std::optional<Failure> failure;
 };
 
-// Of the exchange that ended last on this thread.
+// Returns the result of the exchange that ended last on this thread.
 Result result_of(modem_api_result code, const Bytes& data = {}) {
   const auto exchange = take_last_exchange();
   const bool is_response = exchange && exchange->code != QMI_SERVICE_ERR && exchange->code != QMI_TIMEOUT_ERR;
@@ -132,15 +132,15 @@ void put_result(Json& object, const Result& result) {
 
 struct Job {
   std::string step;
-  std::string done;  // what those of the state kDone are
+  std::string done;  // the word for items in state kDone, such as "written"
   std::vector<FileItem> items = {};
   std::function<Result(int32_t client, const FileItem& item)> exchange = nullptr;
-  // The text of a result, empty for one that is not shown, and what its document has besides.
+  // Returns the text for a result, empty if it is not printed, and adds members to its document.
   std::function<std::string(const FileItem& item, const Result& result, Json& document)> describe = nullptr;
-  const char* problem = nullptr;  // of items that are not done: the words before their number
-  bool accepts_absence = false;   // which is no such problem
-  std::string heading = "";       // printed where the modem is there, not as JSON
-  const char* mark = "";          // that the summary begins with
+  const char* problem = nullptr;  // the words before the number of items that are not done
+  bool accepts_absence = false;   // absent items are no such problem
+  std::string heading = "";       // printed once the modem responds, except with --json
+  const char* mark = "";          // the first characters of the summary
 };
 
 // One exchange with the modem for each item, on a thread of its own, until the modem is lost or the user wishes to end.
@@ -161,7 +161,7 @@ class Pass {
       }
       const std::lock_guard lock(mutex_);
       is_over_ = true;
-      if (is_pending_) take({kLost, {}, Failure("", "no response came before the end")});
+      if (is_pending_) record({kLost, {}, Failure("", "no response came before the end")});
       finish();
     });
   }
@@ -180,12 +180,12 @@ class Pass {
       const Result result = job_.exchange(client, item);
       const std::lock_guard lock(mutex_);
       if (is_over_) return;
-      take(result);
+      record(result);
     }
   }
 
-  // The result of the item that was tried last.
-  void take(const Result& result) {
+  // Records the result of the item that was tried last.
+  void record(const Result& result) {
     is_pending_ = false;
     ++counts_[result.state];
     const FileItem& item = job_.items[tried_ - 1];
@@ -233,7 +233,7 @@ class Pass {
   const bool is_terminal_ = isatty(STDERR_FILENO) != 0;
   std::mutex mutex_;
   size_t tried_ = 0;
-  bool is_pending_ = false;  // the last of them
+  bool is_pending_ = false;  // the last tried item has no result yet
   size_t counts_[kStates] = {};
   std::optional<Failure> failure_;  // that ended the exchanges
   bool is_over_ = false;
@@ -346,7 +346,7 @@ void sync_efs(const Context& context, const SyncValues& values) {
 // --- raw ---
 
 constexpr const char* kRawStep = "the pass-through command";
-constexpr std::chrono::seconds kResponsePatience{30};
+constexpr std::chrono::seconds kResponseTimeout{30};
 constexpr Advice kTooManyBytes = {MODEM_API_ERR_INVALID_PARAM,
                                   "A pass-through command has at most 512 bytes: send less."};
 static_assert(MODEM_API_MAX_PASS_THROUGH_BYTES == 512);
@@ -356,9 +356,9 @@ struct RawValues {
   bool is_async = false;
 };
 
-// Until the last callback of the exchange.
+// Prints the responses until the last callback of the exchange.
 void follow(const Context& context) {
-  const auto deadline = Clock::now() + kResponsePatience;
+  const auto deadline = Clock::now() + kResponseTimeout;
   const Signals::Follower ends_by_itself(context.signals);
   while (const auto arrival = context.inbox.next(deadline)) {
     if (arrival->kind != Arrival::Kind::kResponse) continue;

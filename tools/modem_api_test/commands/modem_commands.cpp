@@ -26,7 +26,7 @@ namespace {
 constexpr struct {
   const char* name;
   const char* summary;
-  const char* effect;  // what is asked about
+  const char* effect;  // begins the question for confirmation
   const char* step;
   const char* done;
   modem_api_result (*call)(int32_t client);
@@ -55,7 +55,7 @@ using platform::power::state_text;
 using platform::power::VoterEntry;
 
 constexpr auto kInterval = 250ms;
-constexpr auto kReleasePatience = 10s;
+constexpr auto kReleaseTimeout = 10s;
 constexpr const char* kNoManager =
     "A simulated modem has one with 'modem_sim serve --pm-socket'; PELMAR_PM_SOCKET or --modem names it.";
 
@@ -74,7 +74,7 @@ Failure no_manager(const std::string& step, const std::string& socket, const std
   return {step, "no peripheral manager responds on " + socket + otherwise, kNoManager};
 }
 
-Count ask_manager(const std::string& socket, const std::string& step) {
+Count query_manager(const std::string& socket, const std::string& step) {
   const std::optional<Count> count = platform::power::query_count(socket);
   if (!count) throw no_manager(step, socket);
   return *count;
@@ -124,7 +124,7 @@ void vote(const Context& context, const PowerValues& values) {
   const auto deadline = deadline_after(seconds);
   std::optional<pm_event> reported;
   do {
-    const pm_event state = ask_manager(socket, "holding the vote").state;
+    const pm_event state = query_manager(socket, "holding the vote").state;
     if (state != reported) report(context, state);
     reported = state;
     // A repeated vote changes nothing, and fails where the manager that has it is gone.
@@ -151,22 +151,22 @@ auto votes(const Count& count) {
 void release(const Context& context, const NoValues&) {
   constexpr const char* kStep = "releasing the votes of 'power vote'";
   const std::string socket = find_manager(context);
-  Count count = ask_manager(socket, kStep);
+  Count count = query_manager(socket, kStep);
   std::vector<uint32_t> processes;
   for (const VoterEntry& voter : count.voters) {
     if (!voter.votes || !runs_this_program(voter.process)) continue;
     processes.push_back(voter.process);
     kill(static_cast<pid_t>(voter.process), SIGTERM);
   }
-  const auto deadline = Clock::now() + kReleasePatience;
+  const auto deadline = Clock::now() + kReleaseTimeout;
   // By number: a process that is ending runs nothing any more, while the manager still counts its vote.
   const auto is_one = [&](const VoterEntry& voter) {
     return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
   };
   while (std::any_of(count.voters.begin(), count.voters.end(), is_one)) {
-    if (Clock::now() > deadline) throw Failure(kStep, "a process goes on voting", "'power status' shows which.");
+    if (Clock::now() > deadline) throw Failure(kStep, "a process still votes", "'power status' shows which.");
     if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
-    count = ask_manager(socket, kStep);
+    count = query_manager(socket, kStep);
   }
   const std::string left = std::to_string(votes(count)) + " left";
   context.output.print({{"released", processes}, {"votes", votes(count)}},
@@ -176,7 +176,7 @@ void release(const Context& context, const NoValues&) {
 // --- power status and watch ---
 
 void show_status(const Context& context, const NoValues&) {
-  const Count count = ask_manager(find_manager(context), "asking for the modem's power");
+  const Count count = query_manager(find_manager(context), "reading the modem's power");
   Json voters = Json::array();
   std::string text = std::string("modem ") + state_text(count.state) + ", votes: " + std::to_string(votes(count));
   for (const VoterEntry& voter : count.voters) {
@@ -264,9 +264,10 @@ void set_type(const Context& context, const std::string& word) {
       std::find_if(kTypes, kTypes + kSettableTypes, [&](const auto& each) { return word == each.word; });
   const auto type = static_cast<int32_t>(row - kTypes);
   const bool is_written = pelmar_set_modem_ssr_type(type) == 1;
+  const char* const reason =
+      type == MODEM_RESTART_LEVEL_ID_DEF ? ": in force already, or no level is saved" : ": in force already";
   context.output.print({{"restart_type", type}, {"name", row->name}, {"written", is_written}},
-                       std::string("restart type ") + row->word +
-                           (is_written ? ": written" : ": nothing to write, it is in force or nothing is saved"));
+                       std::string("restart type ") + row->word + (is_written ? ": written" : reason));
 }
 
 void show_name(const Context& context, const NoValues&) {

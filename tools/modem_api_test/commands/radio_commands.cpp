@@ -13,7 +13,7 @@ namespace pelmar::cli {
 
 namespace {
 
-// Of the commands for one subscription, each of which has some of them.
+// The values of the commands for one subscription, each of which has some of them.
 struct RadioValues {
   uint32_t sub = 0;
   std::vector<std::string> words;
@@ -194,15 +194,15 @@ void set_nr_mode(const Context& context, const RadioValues& values) {
 
 // --- sar set ---
 //
-// The library's connection to the service comes back by itself; the state does not: the modem forgets it. So the holder
-// sets it again each time that the service comes up.
+// The library reconnects to the service by itself, but the modem resets the state with the service. So --hold sets it
+// again each time that the service comes up.
 
 struct SarValues {
   uint32_t state = 0;
   uint32_t hold_seconds = 0;
 };
 
-constexpr Advice kBadState = {MODEM_API_ERR_INVALID_PARAM, "The modem does not know that state."};
+constexpr Advice kBadState = {MODEM_API_ERR_INVALID_PARAM, "The modem refuses this state."};
 
 void set_state(const Context& context, const SarValues& values) {
   const int32_t client = context.session.open(MODEM_API_CLIENT_SAR);
@@ -261,8 +261,8 @@ void add_radio_commands(CommandLine& line) {
   auto [set, held] = line.add<SarValues>(sar, "set", "set the RF state", set_state);
   set.add_number("state", held.state, "the state", {.is_required = true});
   set.add_number("--hold", held.hold_seconds,
-                 "go on for that many seconds: set the state again each time the service comes back",
-                 {.type = "SECONDS", .otherwise = "do not go on"});
+                 "hold the state for that many seconds: set it again each time the service is up again",
+                 {.type = "SECONDS", .otherwise = "set it once"});
   set.add_examples({"3", "3 --hold 3600"});
 }
 

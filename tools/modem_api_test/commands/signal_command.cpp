@@ -29,13 +29,13 @@ namespace {
 
 constexpr uint32_t kUsualRate = 2;
 constexpr uint32_t kHighestRate = 50;
-constexpr std::chrono::milliseconds kLastReadingPatience{500};  // beyond --for
-constexpr std::chrono::milliseconds kLinePeriod{950};           // a second, however the readings fall
+constexpr std::chrono::milliseconds kLastReadingTimeout{500};  // beyond --for
+constexpr std::chrono::milliseconds kLinePeriod{950};          // a second, however the readings fall
 
 constexpr const char* kLiveViewKeys =
     "Keys of the live view:\n"
     "  q  ends\n"
-    "  p  pauses the view, not the readings; again: goes on\n"
+    "  p  pauses the view, not the readings; again: continues\n"
     "  1, 2  show subscription 0 or 1 alone; again: both\n"
     "  arrows  scroll the lines (up and down) and the history (left and right)\n"
     "RSRP is in dBm, SNR in dB.";
@@ -76,8 +76,8 @@ ModemLink link_to_hydra(Session& session) {
   return {open, probe, true};
 }
 
-// Nothing while the modem is away. The values themselves show nothing of why they are missing, so every reading first
-// checks whether the modem responds. Also a modem that is back at once was away for one reading.
+// Returns no reading while the modem does not respond. A missing value does not show why it is missing, so every
+// reading first checks whether the modem responds. Even after a short restart, one reading is absent.
 std::optional<Reading> read(ModemLink& link, const SignalValues& values) {
   if (!link.is_up()) return std::nullopt;
   Reading reading = read_signal(values.subs());
@@ -90,7 +90,7 @@ std::optional<Reading> read(ModemLink& link, const SignalValues& values) {
 void show_once(const Context& context, const SignalValues& values) {
   ModemLink link = link_to_hydra(context.session);
   const auto reading = read(link, values);
-  if (!reading) throw Failure("reading the signal", link.problem(), "Check that the modem is alive, then try again.");
+  if (!reading) throw Failure("reading the signal", link.problem(), kCheckModem);
   context.output.print(reading_json(*reading), reading_text(*reading));
 }
 
@@ -156,7 +156,7 @@ std::unique_ptr<RecordingFile> open_csv(Output& output, const std::string& path,
 enum class Show {
   kLive,     // on the screen
   kLines,    // lines for a log, one a subscription, or a JSON document a reading
-  kRemarks,  // nothing but remarks, on standard error, that the modem went away and came back
+  kRemarks,  // only remarks on standard error that the modem was lost and is back
 };
 
 class Series {
@@ -183,7 +183,7 @@ class Series {
     if (show_ == Show::kLive) live_.emplace(context.output, context.inbox, context.session.modem().address, rate());
   }
 
-  // Until the count, the time, or the user's wish to end. What came until then is drawn, whatever the end is.
+  // Reads until the count, the time or the user ends it. The readings up to then are drawn, also after a failure.
   void run() {
     thread_.run([this] {
       try {
@@ -220,7 +220,7 @@ class Series {
     if (is_lost) {
       throw Failure("recording the signal",
                     "the modem is away: " + problem + "; " + count_of(readings_, "reading") + " came before",
-                    "Check that the modem is alive, then try again.");
+                    kCheckModem);
     }
     if (values_.count == 0) return;
     throw Failure("recording the signal",
@@ -242,7 +242,7 @@ class Series {
   // False where the reading does not come in time.
   bool take(std::optional<Clock::time_point> end) {
     thread_.start([this] { reading_ = read(link_, values_); });
-    if (end) end = std::max(*end, Clock::now() + kLastReadingPatience);
+    if (end) end = std::max(*end, Clock::now() + kLastReadingTimeout);
     if (!thread_.wait(end)) return false;
     if (serve_) serve_(reading_, link_.problem());
     if (reading_) {
@@ -319,13 +319,13 @@ void refuse_contradictions(const Context& context, const SignalValues& values) {
   if (values.plot == "-") require_no_documents(context.output, "--plot -");
   if (values.writes_to_output() && (values.watch || values.csv == values.plot)) {
     throw Failure::of_usage(std::string(values.csv == "-" ? "--csv -" : "--plot -") + " and " +
-                                (values.watch ? "--watch" : "--plot -") + " both want standard output",
+                                (values.watch ? "--watch" : "--plot -") + " both write to standard output",
                             "Name a file.");
   }
   const bool writes_csv_file = !values.csv.empty() && values.csv != "-";
   const bool writes_file = writes_csv_file || (!values.plot.empty() && values.plot != "-");
   if ((values.append && !writes_csv_file) || (values.force && !writes_file)) {
-    throw Failure::of_usage("--append is about the file of --csv, --force about that of --csv or --plot",
+    throw Failure::of_usage("--append needs --csv FILE, and --force needs --csv FILE or --plot FILE",
                             "Name the file, or leave the option out.");
   }
 }
@@ -357,7 +357,7 @@ void add_signal_command(CommandLine& line) {
   command.add_text(
       "--from", values.from, "draw this CSV recording, instead of reading",
       {.type = "FILE", .excludes = {"--watch", "--rate", "--count", "--for", "--csv", "--serve"}, .needs = "--plot"});
-  command.add_flag("--append", values.append, "go on with an existing CSV file");
+  command.add_flag("--append", values.append, "continue an existing CSV file");
   command.add_flag("--force", values.force, "replace existing files");
   command.add_notes(kLiveViewKeys);
   command.add_examples({"--watch", "--for 60 --csv drive.csv --plot drive.svg", "--rate 1 --serve 127.0.0.1:9464"});

@@ -1,8 +1,7 @@
 // tx-power and sys-mode: what the modem's statistics show of a subscription. feature: whether they are on. stats: the
 // statistics themselves: values, read and cleared, and their reporting.
 //
-// A statistics client id that the modem grants belongs to the program and ends with it. So `register` goes on: it
-// follows what is reported.
+// The modem frees a statistics client id when the program ends. So `register` continues and prints the reports.
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -51,8 +50,8 @@ void show_tx_power(const Context& context, const TxPowerValues& values) {
   } else {
     const int32_t sub = pelmar_get_default_data_sub();
     document = {{"sub", sub >= 0 ? Json(sub) : Json()}, {"of", "default_data_sub"}};
-    of = sub >= 0 ? subscription(static_cast<uint32_t>(sub)) + ", of the default data"
-                  : "the default data (no subscription is set for it)";
+    of = sub >= 0 ? subscription(static_cast<uint32_t>(sub)) + ", the default data subscription"
+                  : "the default data subscription (none is set)";
     value = modem_tx_power_get_for_dds_sub();
   }
   if (value == MODEM_TX_POWER_NONE) {
@@ -268,8 +267,8 @@ void register_ids(int32_t client, uint32_t stats_client, const RegisterValues& v
         "registering statistics " + list_text(values.ids));
 }
 
-// A modem that was away has forgotten the statistics client id, and may have granted it to another program since: so it
-// is given back at the end alone.
+// A modem that was away has freed the statistics client id, and may have granted it to another program since. So it is
+// given back only at the end.
 void register_and_follow(const Context& context, const RegisterValues& values) {
   int32_t client = -1;
   uint32_t id = 0;
@@ -339,7 +338,7 @@ void add_statistics_commands(CommandLine& line) {
   auto [get, wanted] = add_value_command("get", "read up to ten values", get_values);
   get.add_text("--parameters", wanted.parameters, "bytes that go with each statistic of the request", {.type = "HEX"});
   get.add_examples({"lte-pcc nr-uplink", "0x52 --sub 1 --json"});
-  add_value_command("clear", "have up to ten values count from now on", clear_values)
+  add_value_command("clear", "clear up to ten values", clear_values)
       .first.add_examples({"antenna-switch", "lte-pcc lte-scc1 --sub 1"});
 
   auto [reporting, report] =

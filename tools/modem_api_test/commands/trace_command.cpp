@@ -1,6 +1,6 @@
-// trace: the messages of a capture by name, and what they come to: requests with their responses, by message. It works
-// on the file alone, without a modem. Memory is bounded, however long the capture is: so is the number of open
-// requests, of messages with a row in the summary, and the precision of its percentiles.
+// trace: the messages of a capture by name, and a summary of the requests and responses of each message. It reads only
+// the file, without a modem. Memory is bounded, however long the capture is: by limits on open requests and on rows of
+// the summary, and by percentiles of limited precision.
 #include <fcntl.h>
 #include <poll.h>
 #include <strings.h>
@@ -31,7 +31,7 @@ bool is_after(const Moment& moment, int64_t time_ns) {
   return moment.ns > (moment.is_of_day ? qmi::local_time(time_ns).ns : time_ns);
 }
 
-// What the names and numbers of a filter stand for.
+// The services, messages or errors that a filter accepts, as numbers.
 using Keys = std::vector<uint32_t>;
 
 using Named = std::pair<std::string, uint32_t>;
@@ -82,7 +82,7 @@ struct TraceValues {
 
 // --- options ---
 
-Take take_moment(std::optional<Moment>& target) {
+Parse parse_moment_into(std::optional<Moment>& target) {
   return [&target](const std::string& word) -> std::string {
     target = parse_moment(word);
     return target ? "" : "'" + word + "' is no time such as 08:15, 08:15:30.125 or 2024-05-17T06:15:30.125Z";
@@ -96,13 +96,13 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
     for (const auto& [id, name] : service.names) messages.push_back({name, message_key(service.id, id)});
   }
   for (const qmi::ErrorName& error : qmi::kErrorNames) errors.push_back({error.name, error.number});
-  // An option that takes names, in capitals or not, and numbers, which `first` is added to.
+  // Adds an option that accepts names, whatever their case, and numbers; `first` is added to a number.
   const auto add = [&](const char* option, const char* type, Keys& keys, const std::vector<Named>& names, uint32_t most,
                        uint32_t first, const std::string& help) {
     std::vector<std::string> words(names.size());
     std::transform(names.begin(), names.end(), words.begin(), [](const Named& each) { return each.first; });
     line.set_completion(type, std::move(words));
-    const auto take = [&keys, names, most, first, what = option + 2](const std::string& word) -> std::string {
+    const auto parse = [&keys, names, most, first, what = option + 2](const std::string& word) -> std::string {
       std::istringstream parts(word + ",");  // so that the last part is read also where it is empty
       for (std::string part; std::getline(parts, part, ',');) {
         const size_t before = keys.size();
@@ -114,7 +114,7 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
       }
       return "";
     };
-    command.add_parsed(option, help + ", by name or number, with commas between", take, {.type = type});
+    command.add_parsed(option, help + ", by name or number, with commas between", parse, {.type = type});
   };
   std::string known;
   for (const Named& service : services) known += (known.empty() ? "" : ", ") + service.first;
@@ -125,9 +125,9 @@ void add_filters(CommandLine& line, const Command& command, TraceValues& values)
       "only responses with these results (error: any but success; each with its request before it)");
   command.add_number("--client", values.client, "only this client id");
   command.add_parsed("--from", "only from this time on: of any day (local) as lines show it, or as in JSON (UTC)",
-                     take_moment(values.from), {.type = "TIME"});
+                     parse_moment_into(values.from), {.type = "TIME"});
   command.add_parsed("--to", "only before this time; --from 23:00 --to 01:00 goes over midnight",
-                     take_moment(values.to), {.type = "TIME"});
+                     parse_moment_into(values.to), {.type = "TIME"});
 }
 
 // --- the summary ---
@@ -231,13 +231,13 @@ class Exchanges {
     if (traced.duration) counted.durations.add(*traced.duration);
   }
 
-  // The requests that are open have no response. Also where they become too many.
+  // Counts every open request as one without response. Also called when too many are open.
   void end() {
     for (const auto& [key, request] : open_) give_up(request);
     open_.clear();
   }
 
-  // How often messages came that have no row because they are too many.
+  // The number of messages without a row of their own, after the limit of rows.
   uint64_t others() const { return others_.count; }
 
   // A list with an object for each message.

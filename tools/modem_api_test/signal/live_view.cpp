@@ -20,7 +20,7 @@ constexpr const char* kAsciiUpwards[] = {" ", ".", ":", "-", "=", "+", "*", "#",
 constexpr LevelRange kRsrpRange = {-125, -65};
 constexpr LevelRange kGainRange = {-100, -40};
 
-// What is outside of the range is drawn as its end.
+// A level outside of the range is drawn as its end.
 double share(double level, LevelRange range) {
   return std::clamp((level - range.low) / (range.high - range.low), 0.0, 1.0);
 }
@@ -132,7 +132,7 @@ std::string clip(std::string_view text, size_t columns) {
   return clipped;
 }
 
-// What a line is worth when there are too few rows: the largest goes first.
+// With too few rows, lines of the largest rank are left out first.
 enum Rank { kKeep, kPrimary, kHeading, kSecondary, kGain, kAntennas, kSpace };
 
 struct Line {
@@ -163,7 +163,7 @@ class View {
   }
 
   std::string status(size_t hidden) const {
-    if (!state_.trouble.empty()) return clip(coloured(kAlarm, state_.trouble), size_.columns);
+    if (!state_.problem.empty()) return clip(coloured(kAlarm, state_.problem), size_.columns);
     std::string text = state_.is_paused ? "PAUSED  " : "";
     if (hidden > 0) text += '(' + std::to_string(hidden) + (hidden == 1 ? " line" : " lines") + " hidden)  ";
     text += local_text(shown_.reading.time).substr(0, 8) + "  " + std::to_string(state_.readings) + " readings, " +
@@ -226,7 +226,7 @@ class View {
 
   // There is no good or bad receive gain.
   const char* colour_of(double level, bool is_gain) const {
-    if (!state_.trouble.empty()) return kDim;
+    if (!state_.problem.empty()) return kDim;
     if (is_gain) return kNeutral;
     return level >= kGoodRsrp ? kGood : level >= kFairRsrp ? kFair : kPoor;
   }
@@ -239,7 +239,7 @@ class View {
     lines_.resize(std::min(lines_.size(), std::max<size_t>(size_.rows, 2) - 1));
   }
 
-  // Until the lines and the status fit. Returns how many went.
+  // Removes lines until the rest fits below the status. Returns their number.
   size_t hide_surplus() {
     size_t hidden = 0;
     const size_t most = std::max<size_t>(size_.rows, 1) - 1;

@@ -41,16 +41,16 @@ struct TerminalSize {
 
 struct LiveState {
   std::string modem;    // its socket
-  std::string trouble;  // why there is no reading now; empty: there is
+  std::string problem;  // why there is no reading now; empty: there is
   size_t readings = 0;
   uint32_t rate = 0;
   bool is_paused = false;
   std::optional<uint32_t> only_sub = std::nullopt;
-  size_t hidden_rows = 0;     // that the view is scrolled down by; then it leaves out none for its rank
-  size_t hidden_seconds = 0;  // that the history is scrolled back by
+  size_t hidden_rows = 0;     // scrolled down; if not 0, no line is left out for its rank
+  size_t hidden_seconds = 0;  // of the history, scrolled back
 };
 
-// What a drawing is made of: parts of blocks, or what every terminal has.
+// kBlocks: Unicode block characters; kAscii: for terminals without UTF-8.
 enum class Glyphs { kBlocks, kAscii };
 
 struct Style {
@@ -58,8 +58,8 @@ struct Style {
   Glyphs glyphs = Glyphs::kBlocks;
 };
 
-// None is wider than the terminal, and there are no more than it has rows: what matters least is left out, and counted
-// in the first line. A reading that is out of date stays below the trouble; in colour, its bars are dimmed.
+// Lines that fit the terminal. With too few rows, the lines of the largest rank are left out, and the first line shows
+// their number. Below a problem the last reading stays; in colour, its bars are dimmed.
 std::vector<std::string> live_view(const Shown& shown, const LiveState& state, TerminalSize size, const Style& style);
 
 }  // namespace pelmar::cli

@@ -80,7 +80,7 @@ Axis level_axis(LevelRange range, int most_ticks) {
   return axis;
 }
 
-// From 0 to the recording's length, with steps that people count time in.
+// Reaches from 0 to the recording's length, with steps of seconds, minutes or hours.
 Axis time_axis(double seconds, int most_ticks) {
   const double length = std::fmax(seconds, 1);
   for (const double step : kTimeSteps) {
@@ -122,7 +122,7 @@ constexpr Panel kPanels[] = {
 };
 constexpr double kPanelsBottom = kPanels[2].top + kPanelHeight;
 
-// In place of what would be hard to see on dark ground.
+// Replaces colours that would be hard to see on a dark background.
 constexpr const char* kDarkStyle =
     "<style>@media (prefers-color-scheme: dark) {\n"
     "[fill='#fff'] { fill: #0d1117 } text { fill: #e6edf3 }\n"

@@ -41,7 +41,7 @@ std::optional<Record> read_record(uint8_t (*get)(uint32_t, Record*), uint32_t su
   return record;
 }
 
-// A value that the modem has cleared counts from zero again: it is that of no carrier.
+// A record that the modem has cleared has no levels, so it belongs to no carrier.
 bool is_cleared(const LteRecord& record) {
   return record.rx_valid == 0;
 }
@@ -211,7 +211,7 @@ Json switches_json(const std::vector<AntennaSwitch>& switches) {
   return list;
 }
 
-// What is not a number is printed as null.
+// A level that is not a number is printed as null.
 Json carrier_json(const Carrier& carrier) {
   Json object = {{"carrier", word_of(carrier.name)}};
   if (carrier.channel) object["channel"] = *carrier.channel;

@@ -27,7 +27,7 @@ inline constexpr Levels kNoLevels = {kNoLevel, kNoLevel, kNoLevel, kNoLevel};
 // The level of the strongest chain; no level where none measured.
 double strongest(const Levels& levels);
 
-// From the lowest level to the highest; no levels while it has none.
+// The lowest and the highest level that were added; no level before the first.
 struct LevelRange {
   double low = kNoLevel;
   double high = kNoLevel;
@@ -62,7 +62,7 @@ struct Carrier {
   Levels snr = kNoLevels;
 };
 
-// What is measured of a carrier: its name and unit for scripts, both for people, and its place.
+// A quantity that is measured of a carrier: its name and unit for scripts, both for people, and its place.
 struct Measure {
   const char* word;
   const char* unit;
@@ -148,7 +148,7 @@ std::string reading_line(const Reading& reading);
 
 Json reading_json(const Reading& reading);
 
-// "rx 1 2 3 0 (was 0 1 2 3), tx 1 3": the antennas of the chains; empty where nothing is known.
+// "rx 1 2 3 0 (was 0 1 2 3), tx 1 3": the antennas of the chains; empty if the modem has reported none.
 std::string antennas_text(const SubscriptionReading& reading);
 
 // "LTE, transmit power 12 dBm".

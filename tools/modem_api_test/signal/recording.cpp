@@ -94,7 +94,7 @@ bool is_earlier(const TrackPoint& a, const TrackPoint& b) {
   return a.time < b.time;
 }
 
-// Of times as a file keeps them, so that its picture is that of the recording itself.
+// Rounds the time as in a file, so that a plot of the file equals that of the readings.
 TrackPoint point_of(WallClock::time_point time, const Carrier& carrier, double tx_power) {
   return {std::chrono::floor<std::chrono::milliseconds>(time), strongest(carrier.rsrp), strongest(carrier.snr),
           carrier.name.index == 0 ? tx_power : kNoLevel,       carrier.channel,         carrier.pci};

@@ -16,8 +16,8 @@ std::string csv_header();
 // A row for each carrier of the reading; empty cells where there is no value. Times are UTC.
 std::string csv_rows(const Reading& reading);
 
-// What is drawn of a carrier at one time: the levels of its strongest chains, the transmit power of its subscription
-// where it is a primary carrier, and its cell.
+// The values of a carrier that are drawn for one time: the levels of its strongest chains, the transmit power of its
+// subscription where it is a primary carrier, and its cell.
 struct TrackPoint {
   WallClock::time_point time;
   double rsrp;

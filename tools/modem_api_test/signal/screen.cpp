@@ -58,8 +58,8 @@ void leave() {
   write_to_terminal(g_terminal, kLeave);
 }
 
-// Most signals are waited for elsewhere; one that gets here ends the process.
-void leave_and_die(int signal) {
+// The handler of signals that end the process: of SIGINT, SIGTERM and SIGHUP only the second one (signals.h).
+void leave_and_raise(int signal) {
   leave();
   ::signal(signal, SIG_DFL);
   raise(signal);
@@ -78,7 +78,7 @@ void handle(int number, void (*handler)(int)) {
   sigaction(number, &action, nullptr);
 }
 
-// What the character set of the user's locale has. The locale of the process stays as it is.
+// The glyphs of the character set of the user's locale. The locale of the process stays as it is.
 Glyphs screen_glyphs() {
   const locale_t users = newlocale(LC_CTYPE_MASK, "", nullptr);
   if (users == nullptr) return Glyphs::kAscii;
@@ -98,7 +98,7 @@ LiveWatch::LiveWatch(Output& output, Inbox& inbox, std::string modem, uint32_t r
   state_.modem = std::move(modem);
   state_.rate = rate;
   std::atexit(leave);
-  for (const int signal : kDeadlySignals) handle(signal, leave_and_die);
+  for (const int signal : kDeadlySignals) handle(signal, leave_and_raise);
   handle(SIGTSTP, leave_while_stopped);
   handle(SIGTTIN, SIG_IGN);  // reading keys in the background fails then, and does not stop the process
   g_terminal = output.descriptor();
@@ -143,17 +143,17 @@ void LiveWatch::take(const Reading& reading) {
   shown_.reading = reading;
   shown_.history.add(reading, Clock::now());
   ++state_.readings;
-  state_.trouble.clear();
+  state_.problem.clear();
   draw();
 }
 
 void LiveWatch::miss(const std::string& problem) {
   const std::lock_guard lock(mutex_);
   const auto now = Clock::now();
-  if (state_.trouble.empty()) lost_ = now;
+  if (state_.problem.empty()) lost_ = now;
   shown_.history.add_gap(now);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - lost_).count();
-  state_.trouble = "MODEM AWAY " + std::to_string(seconds) + " s: " + problem + "; Ctrl-C ends";
+  state_.problem = "MODEM AWAY " + std::to_string(seconds) + " s: " + problem + "; Ctrl-C ends";
   draw();
 }
 
@@ -178,7 +178,7 @@ void LiveWatch::read_keys() {
   }
 }
 
-// Of an arrow's sequence the last byte acts, a letter from A to D.
+// An arrow key sends a sequence; only its last byte, a letter from A to D, has an effect.
 void LiveWatch::act_on(char key) {
   if (key == 'q') inbox_.interrupt();
   if (key == 'p') {
