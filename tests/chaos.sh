@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs client processes with a modem that has every kind of fault, for SECONDS. Each round has a time of faults and then
-# a check, and prints its results. The printed seed repeats the operations and faults.
+# Runs client processes with a modem that has every kind of fault, for SECONDS. In each round
+# faults are set for some time, then all items and clients are checked. The printed seed repeats operations and faults.
 # usage: tests/chaos.sh [SECONDS [SEED]]     for example tests/chaos.sh 600
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -141,7 +141,7 @@ def run_batch(client, modem, lines, place):
 
 
 def check_documents(documents, schema):
-    """Returns the commands of which there are documents that are no errors."""
+    """Returns the commands with at least one successful document."""
     succeeded = set()
     for document in documents:
         error = jsonschema.exceptions.best_match(schema.iter_errors(document))

@@ -60,14 +60,14 @@ TEST_F(MetricsTest, HaveThePresentReadingWhileTheModemIsThere) {
   ctl("restart");
   const std::string back = scrape_until("\npelmar_restarts_total 1\n");
   EXPECT_THAT(back, Not(HasSubstr("\npelmar_errors_total 0\n")));
-  // A modem that is silent takes its last reading along, and has not restarted.
+  // While the modem does not respond there is no reading. This does not count as a restart.
   ctl("silence vs any 1");
   EXPECT_THAT(scrape_until(state + " 0\n"), Not(HasSubstr("pelmar_rsrp_dbm{")));
   EXPECT_EQ(client_.end(SIGTERM), 128 + SIGTERM);
 }
 
 // The dashboard of the documentation, too, shows names that exist.
-TEST_F(MetricsTest, HaveNamesThatPrometheusAndTheDashboardTake) {
+TEST_F(MetricsTest, HaveNamesThatPrometheusAcceptsAndTheDashboardUses) {
   const std::string metrics = scrape_until("pelmar_rsrp_dbm{");
   const std::string names = "grep -o 'pelmar_[a-z_]*' " DOCUMENTS "/fleet-dashboard.json | sort -u";
   std::istringstream used(shell(names).output);

@@ -393,13 +393,13 @@ TEST_F(PowerTest, TheLossOfTheManagerIsReported) {
 
 TEST(OwnModem, IsStartedOnceKeepsItsStorageAndReportsAFailedStart) {
   const sim::test::ScratchDirectory directory;
-  const std::string longest = directory.path(std::string(100, 'a'));
+  const std::string too_long = directory.path(std::string(100, 'a'));  // for the name of a socket in it
   const std::string program = directory.path("program");
   const std::string starts = directory.path("starts");
-  for (const std::string& each : {longest, directory.path("run")}) std::filesystem::create_directory(each);
+  for (const std::string& each : {too_long, directory.path("run")}) std::filesystem::create_directory(each);
   unsetenv("PELMAR_MODEM");
   setenv("XDG_STATE_HOME", directory.path("state").c_str(), 1);
-  setenv("XDG_RUNTIME_DIR", longest.c_str(), 1);
+  setenv("XDG_RUNTIME_DIR", too_long.c_str(), 1);
   setenv("PELMAR_MODEM_SIM", program.c_str(), 1);
   expect({{"client nv read 1", 1, program + ": No such file or directory"}});
   std::ofstream(program) << "#!/bin/sh\necho >>" << starts << "\nsleep 0.2; exec " MODEM_SIM " \"$@\"\n";

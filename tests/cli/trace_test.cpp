@@ -1,4 +1,4 @@
-// trace: messages by name, what they come to, and what it does with files that are no capture, or a part of one.
+// trace: messages by name, the summary, and files that are no capture or an incomplete one.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -160,7 +160,7 @@ TEST_F(TraceTest, FiltersSelectMessages) {
           {"client trace a --from 2024-05-17T06:15", 2, "is no time"}});
 }
 
-TEST_F(TraceTest, ATimeOfTheDayIsOneOfEveryDayAndARangeMayGoOverMidnight) {
+TEST_F(TraceTest, ATimeWithoutADateIsOneOfEveryDayAndARangeMayCrossMidnight) {
   Text packets = section();
   constexpr uint64_t kSecond = 1'000'000, kHour = 3600 * kSecond, kStart = 14 * kHour + (44 * 60 + 30) * kSecond;
   for (const uint64_t evening : {kStart, kStart + 24 * kHour}) {  // 23:00
@@ -179,7 +179,7 @@ TEST_F(TraceTest, ATimeOfTheDayIsOneOfEveryDayAndARangeMayGoOverMidnight) {
           {"client trace a --from 22:59 --to 23:00 --json | grep -c to_modem", 0, "2\n"}});
 }
 
-TEST_F(TraceTest, WhatCanBeReadOfAFileIsReadAndTheRestIsReportedInOneLine) {
+TEST_F(TraceTest, AFileIsReadUpToItsErrorWhichIsReportedInOneLine) {
   const Text good = section() + messages();
   write("cut", good.substr(0, good.size() - 3));
   write("damaged", good + Text(64, '\x01'));
@@ -236,7 +236,7 @@ TEST_F(TraceTest, AnyBytesGiveValidJson) {
   EXPECT_EQ(count, 600u);
 }
 
-TEST_F(TraceTest, TheSummaryIsExactInCountsAndCloseInTimesHoweverManyExchangesAreOpen) {
+TEST_F(TraceTest, TheSummaryHasExactCountsAndApproximateTimesWithManyOpenExchanges) {
   Text packets = section();
   for (uint64_t i = 0; i < 100; ++i) {  // 1 to 100 ms, and a client's requests without response
     packets += message(i * 1'000'000, kRequest, 0xE4, 1, static_cast<uint16_t>(i), 0x100);

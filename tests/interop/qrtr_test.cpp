@@ -369,7 +369,7 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   size_t refused = 0;
   while (refused < 5) refused += service.send(request.from, indication) != 0;
   service.close();
-  std::this_thread::sleep_for(milliseconds(100));  // time for the name service's report, which the kernel drops
+  std::this_thread::sleep_for(milliseconds(100));  // until the kernel has dropped the name service's report
   EXPECT_EQ(events(0), Events{});
   is_held_ = false;
   EXPECT_EQ(events(1), Events{"error -2"});

@@ -69,7 +69,7 @@ def main(programs, dissector, project):
         recorded = run_tour(programs, script, [("^show (modem_sim ctl .*)", r"\1 >>modem.log")],
                             {"PELMAR_TRACE": str(scratch / "%p.pcapng")})
         capture.write_bytes(b"".join(path.read_bytes() for path in scratch.glob("*.pcapng")))
-        # Nobody disturbs the modem that plays the capture: the capture has the event and the loss of a service.
+        # The modem that plays the capture gets no ctl commands: the capture has the event and the loss of a service.
         changes = [("^show modem_sim ctl .*", ""), ("^modem_sim serve", rf"\g<0> --replay {capture}")]
         played = run_tour(programs, script, changes, {})
         for line, other in itertools.zip_longest(recorded.splitlines(), played.splitlines()):

@@ -49,7 +49,7 @@ TEST_F(Connections, AnIdIsValidForItsConnectionAndServiceUntilASync) {
   EXPECT_EQ(other.release(kVs, owner.id()), 7);
   EXPECT_EQ(owner.exchange_as(kSar, owner.id(), 0x0001, tlv(0x01, {3, 0, 0, 0})).error(), 7);
   EXPECT_EQ(other.control(kSync).error(), 0);
-  EXPECT_EQ(send_hello(owner), 0) << "a sync voids the ids of its connection";
+  EXPECT_EQ(send_hello(owner), 0) << "a SYNC request releases only the ids of its connection";
   EXPECT_EQ(owner.control(kSync).error(), 0);
   EXPECT_EQ(send_hello(owner), 7);
 }

@@ -98,7 +98,7 @@ TEST_F(ReplayTest, RequestsGetTheResponsesOfARecordedClient) {
 }
 
 // An id that is allocated anew, and one that is used after a restart or a revocation, is a new client.
-TEST_F(ReplayTest, IndicationsRestartsAndRevocationsComeAfterTheRequestsBeforeThem) {
+TEST_F(ReplayTest, IndicationsRestartsAndRevocationsFollowTheRequestsThatPrecedeThem) {
   begin_link();
   for (const uint8_t request : {1, 2}) write_exchange(kVs, 0x0100, request, request);
   write(kVs, 7, Kind::kIndication, kEvent, argument(1));

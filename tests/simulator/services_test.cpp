@@ -125,7 +125,7 @@ TEST_F(Services, AScenarioRunsCommandsAndAttenuatesTheRadioOfOneSubscription) {
   EXPECT_EQ(levels(), std::pair(first, second - 150)) << "half of the way";
   expect_sar(true, "6000");
   EXPECT_EQ(client_.indications(), std::vector<uint16_t>{0x0601});
-  expect_sar(false, "62500");  // in the fourth round; of the missed ones nothing runs
+  expect_sar(false, "62500");  // only the due command of the fourth round runs
   EXPECT_EQ(client_.indications(), std::vector<uint16_t>{});
   modem_.command("service sar up");
   expect_sar(true, "1000");  // the clock goes back

@@ -70,7 +70,7 @@ class RestartTest : public ModemTest {
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
   modem_api_result avoid_trm(int32_t sub) const { return modem_api_set_avoid_trm(nas_[sub], sub, 1); }
 
-  // Waits until all three work and the modem has no other client. A client may notice the last of many losses late.
+  // Waits until all three work and the modem has no other client. A client may detect the last of many losses late.
   bool has_all_clients() {
     return wait_until([&] {
       const bool works =
@@ -125,8 +125,8 @@ TEST_F(RestartTest, ClientsReconnectWithoutACall) {
   }
 }
 
-// Commands go on meanwhile, and each ends with its response or with the loss of the service. The platform announces a
-// service late if connections to it live for less than 100 ms.
+// Commands continue meanwhile, and each ends with its response or with the loss of the service. The platform announces
+// a service late if connections to it live for less than 100 ms.
 TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
   constexpr std::chrono::milliseconds kHalfLife{60};
   const int restarts = sim::test::transport() == "socket" ? 10 : 200;

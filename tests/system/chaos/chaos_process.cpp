@@ -214,7 +214,7 @@ modem_api_result probe(uint32_t type) {
   });
 }
 
-// A command that fails for another reason than a lost connection shows that there is one.
+// A command that fails for another reason than a lost connection shows that the connection exists.
 bool is_lost(uint32_t type) {
   if (type != MODEM_API_CLIENT_VS) return ids[type] < 0 || last_status[type] == OPERATIONAL_STATUS_RECONNECT_FAILED;
   for (int i = 0; i < 3; ++i) {

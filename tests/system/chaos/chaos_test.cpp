@@ -1,8 +1,7 @@
 // Client processes that use all operations, with a modem that has every kind of fault.
 //
-// Each round has a time of faults during the clients' operations, then a check: each process compares the modem's
-// items, closes its clients and prints a report. CHAOS_SECONDS sets the duration, CHAOS_SEED repeats the operations and
-// faults of a run.
+// In each round faults are set while the clients run. Then each process compares the modem's items, closes its clients
+// and prints a report. CHAOS_SECONDS sets the duration, CHAOS_SEED repeats the operations and faults of a run.
 #include <signal.h>
 
 #include <algorithm>
@@ -42,7 +41,7 @@ constexpr Fault kFaults[] = {
     {5, "error 41-52 ctl any 1-5"},
     {20, "repeat SERVICE any 1-20"},
     {20, "reorder 1-100 SERVICE any 1-20"},
-    {15, "cut 7-40 SERVICE any 1-3"},  // the frame's length is right and the message has a header
+    {15, "cut 7-40 SERVICE any 1-3"},  // cuts after the message header, so that the frame stays valid
     {2, "cut 0-6 SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
     {5, "silence SERVICE any 1 ; wait 20-400 ; service SERVICE down ; wait 0-50 ; service SERVICE up"},
     {3, "garbage 55aa01bb SERVICE any 1 ; wait 20-400 ; service SERVICE down ; service SERVICE up"},
