@@ -80,7 +80,7 @@ Bytes swapped(Bytes bytes) {
   return bytes;
 }
 
-TEST(CaptureReaderTest, ReadsWhatIsWholeOfAnyFile) {
+TEST(CaptureReaderTest, ReadsTheCompleteBlocksOfAnyFile) {
   const Bytes five = packet(5), whole = join({kHeader, kLink, five});
   const auto option = [](uint8_t code, const Bytes& value) {
     return link_block(147, join({u16(code), u16(value.size()), value, Bytes((4 - value.size() % 4) % 4)}));
@@ -152,7 +152,7 @@ class CaptureFileTest : public testing::Test {
   const std::function<void(int)> on_end_ = [this](int error) { errors_.push_back(error); };
 };
 
-TEST_F(CaptureFileTest, AFileThatIsNoCaptureOrHasAWriterStays) {
+TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
   std::ofstream(path_) << "notes";
   EXPECT_THAT(problem_of(path_), testing::HasSubstr("no capture"));
   EXPECT_EQ(std::filesystem::file_size(path_), 5);
@@ -206,7 +206,7 @@ TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
   EXPECT_EQ(reader.next(message), Status::kEnd);
 }
 
-TEST_F(CaptureFileTest, LinksBeyondTheLimitAreOthers) {
+TEST_F(CaptureFileTest, LinksBeyondTheLimitShareOneNumber) {
   ASSERT_EQ(problem_of(path_), "");
   CaptureWriter writer(file_.get(), "program 1", on_end_);
   for (uint32_t i = 0; i < 16'385; ++i) ASSERT_EQ(writer.add_link(link_, Sharing::kOwn), std::min(i, 16'383u));

@@ -19,7 +19,7 @@ bool g_is_child = false;
 
 }  // namespace
 
-// In a child of fork() the memory of the parent's other threads would be reported as leaked.
+// Turns leak checks off in a child of fork(): blocks of the parent's other threads would be reported.
 extern "C" int __lsan_is_turned_off() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
   return g_is_child ? 1 : 0;
 }
@@ -63,7 +63,7 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
       EXPECT_TRUE(modem_.client_ids.get().contains({kNasId, client})) << "it may be another client's id by now";
     }
   }
-  modem_.client_ids.set({});  // the modem does not free void ids itself
+  modem_.client_ids.set({});  // the scripted modem keeps ids until the test clears them
 }
 
 // Behind a proxy only an error of a response shows that a client id is void. An asynchronous and a synchronous request
@@ -134,7 +134,7 @@ TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback)
 // The delay is 10 ms after the first loss and grows with each further one.
 TEST_F(ClientTest, ANotifierDelaysReportsOfAServiceThatIsLostAgain) {
   const auto start = Clock::now();
-  bool has_lasted = false;  // on a slow machine a connection may last, which resets the delay
+  bool has_lasted = false;  // on a slow machine a connection may last 100 ms, which resets the delay
   for (const int connection : {0, 2, 4, 6}) {
     events_.set({});
     const auto connected = Clock::now();

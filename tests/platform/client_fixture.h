@@ -26,7 +26,7 @@ inline constexpr uint8_t kNasId = NAS_SERVICE_ID_V01;
 inline constexpr unsigned kDrx = QMI_NAS_GET_DRX_V01;
 inline constexpr uint32_t kRefused = 1000;
 inline const Outcome kLost = {QMI_SERVICE_ERR,
-                              kRefused + QMI_ERR_INTERNAL_V01};  // the response is not left as a success
+                              kRefused + QMI_ERR_INTERNAL_V01};  // the zeroed response, a success, is overwritten
 inline const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 
 class ClientTest : public testing::Test {

@@ -33,7 +33,7 @@ constexpr uint8_t kMessage[] = {                    // 984 bytes
     0x02, 0x07, 0, 0, 1,                            // standard response
     0x03, 0x03, 8,                                  // u64
     0x04, 0x56, 16, 3,                              // string of up to 3
-    0x44, 0x10, 0x07, 24, 1, 0,                     // optional, flag 4 bytes before: an outer one
+    0x44, 0x10, 0x07, 24, 1, 0,                     // optional, flag 4 bytes before: an element of kOuter
     0xC8, 0x11, 0xF1, 0x7C, 0x01, 0x2C, 0x01, 4};   // last, optional, flag 8 bytes before: up to 300 u16
 // clang-format on
 
@@ -132,7 +132,7 @@ TEST(Codec, DecodesAndEncodesEveryMessage) {
     SCOPED_TRACE(row.wire);
     const Bytes wire = bytes_of(row.wire), structure = structure_of(row.content, row.size);
     Bytes result;
-    Bytes turned = wire;  // TLVs may come in any order
+    Bytes turned = wire;  // tests every rotation of the TLVs
     do {
       ASSERT_EQ(decode_to(row, turned, result), 0);
       EXPECT_EQ(result, structure);

@@ -50,8 +50,8 @@ class Callbacks : public LibraryTest {
   }
 };
 
-// A release waits for the callbacks of its handle, so in such a callback another thread does it. In other callbacks it
-// is done at once.
+// A callback that frees its own client leaves the release of the handle to another thread, because a release waits for
+// the handle's callbacks. A callback of another client releases it at once.
 TEST_F(Callbacks, MayFreeClients) {
   for (const int32_t id : {0, 1, 2}) {
     SCOPED_TRACE(id);

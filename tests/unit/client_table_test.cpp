@@ -54,7 +54,7 @@ TEST_F(ClientTable, HasOneClientOfAType) {
   expect_golden_log({"nother client init", "not supported"});
 }
 
-// The table has more slots than types. So the test changes the records to a type that no client has.
+// The table has more slots than types, so it can be full only because the test changes the types of open records.
 TEST_F(ClientTable, RefusesAClientWhenFull) {
   for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) {
     EXPECT_EQ(open(), id);
@@ -98,7 +98,7 @@ TEST_F(ClientTable, FreesAClientWithItsConnection) {
   expect_golden_log();
 }
 
-// A second initialisation does not count, but resets the connections' contexts. A release only empties the table.
+// A second initialisation does not count up but resets the connections' contexts. A release only empties the table.
 TEST_F(ClientTable, IsInitialisedOnceAndReleasedWithoutItsConnections) {
   open();
   clear_records();

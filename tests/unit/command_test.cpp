@@ -134,6 +134,7 @@ std::vector<CommandRow> command_rows() {
   const std::string word = "010400A1A2A3A4 ";
   const std::string nv = word + "020100B1 030200C1C2 ";
   const std::string efs = word + "020200C1C2 ";
+  // Of a path, the first 100 characters are sent.
   const std::string file = tlv(1, repeated(100, [](uint32_t) { return "70"; })) + "020200C1C2 030100B1 ";
   const std::string slot = "010200FEFF 0202000180 ";
   const std::string data_256 = sized_data(256);
@@ -158,7 +159,7 @@ std::vector<CommandRow> command_rows() {
       {kVs, 0x0109, word, CALL(read_rfnv, kWord, item.data, item.length)},
       {kVs, 0x010A, word + tlv(2, data_256), CALL(write_rfnv, kWord, item.data, item.size)},
       {kVs, 0x010B, word, CALL(delete_rfnv, kWord)},
-      // In other modes than 0 the arguments are not sent.
+      // In other modes than 0 the arguments are sent as 0.
       {kVs, 0x010C, "010100 00 020400 A1A2A3A4 030200 C1C2", CALL(efs_sync, 0, kWord, 0xC2C1)},
       {kVs, 0x010C, "010100 FF 020400 00000000 030200 0000", CALL(efs_sync, -1, kWord, 0xC2C1)},
       {kVs, 0x0200, "010100 00 100400 A1A2A3A4", CALL(set_modem_stats_report_status, 0, &stats_client)},
@@ -201,7 +202,7 @@ class Commands : public LibraryTest {
     open_all();
   }
 
-  // The commands whose names have this part, called with these arguments.
+  // Calls the commands whose names contain `part`.
   static void call_each(const std::string& part, const Arguments& arguments, int32_t client_id = 0) {
     item = arguments;
     for (const CommandRow& row : command_rows()) {

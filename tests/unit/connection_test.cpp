@@ -100,8 +100,8 @@ class ServiceConnection : public LibraryTest, public testing::WithParamInterface
     reports.statuses.clear();
   }
 
-  // The calls of the connection attempts if so many of them fail and the last returns the handle. Signals interrupt
-  // each sleep and the wait for its rest once.
+  // Returns the calls of `failures` failed connection attempts and of one, if any is left, that returns the handle.
+  // Signals interrupt each sleep and the wait for its rest once.
   std::vector<Call> attempt_calls(int failures, bool interrupted = false) const {
     std::vector<Call> calls;
     const bool is_nas = connection_.type >= MODEM_API_CLIENT_NAS_0;
@@ -207,7 +207,7 @@ TEST_P(ServiceConnection, EndsExchangesAndDropsIndications) {
   for (const auto& [id, wire] : {std::pair{0x0778U, ""}, {0x0204U, "01 0100 B1"}, {0x0777U, "01 0100 B1"}}) {
     EXPECT_TRUE(indicate(handle, id, bytes(wire)));
   }
-  start();  // another client of the process may do this: it removes the event callback
+  start();  // as init() of another client may: it resets the context with its event callback
   EXPECT_TRUE(indicate(handle, 0x0601, bytes("01 0100 B1")));
   EXPECT_THAT(events, IsEmpty());
   EXPECT_THAT(live_blocks(), IsEmpty());
@@ -224,8 +224,8 @@ class Reconnect : public ServiceConnection {
 };
 
 TEST_P(Reconnect, ReportsAFailureOfEachStep) {
-  // A call of the platform that fails at the return of the service (true) or at its loss, the statuses, and the open
-  // handles.
+  // A call of the platform that fails, whether it fails when the service is back (true) or lost, the statuses, and the
+  // open handles.
   const std::tuple<std::string, bool, Statuses, size_t> rows[] = {
       {"pthread_create", false, {4, 0}, 1},     {"notifier_init", false, {4, 5}, 0},
       {"register_notify_cb", false, {4, 5}, 1}, {"pthread_create", true, {4, 5, 6, 7, 6, 7}, 1},

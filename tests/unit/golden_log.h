@@ -2,7 +2,8 @@
 // line by line with a file in golden/. A line has its level, source file and function; line numbers, addresses and
 // process ids are replaced. The lines of entry and exit show the calls between functions and their results.
 //
-// After an intended change of a text, run PELMAR_GOLDEN=update ./test -R unit and review the difference.
+// A fixture that inherits Golden compares the log of each of its tests with golden/SUITE.TEST.log. After an intended
+// change of a text, run PELMAR_GOLDEN=update ./test -R unit and review the difference.
 #pragma once
 
 #include "library_test.h"
@@ -19,7 +20,7 @@ class Golden : public Base {
  protected:
   Golden() {
     properties["persist.vendor.radio.adb_log_shell"] = "0";
-    skip_one_time_lines();
+    log_one_time_lines();
     reset_golden_log();
   }
   void TearDown() override {

@@ -1,5 +1,5 @@
-// Hydra: its client and its statistics client id, the decoders of metrics (the value that each fetches, the offsets of
-// its fields, and values that are too short), and the transmit power.
+// Hydra: its client and its statistics client id, the decoders of statistics (the value that each fetches, the offsets
+// of its fields, and values that are too short), and the transmit power.
 #include "modem_hydra.h"
 
 #include <atomic>
@@ -229,10 +229,10 @@ TEST_F(HydraTest, DecodersFillTheFieldsThatTheValueHas) {
         char name[32] = {};
         size_t width = 0, offset = 0;
         ASSERT_EQ(std::sscanf(field.c_str(), "%31[^:]:%zu@%zu", name, &width, &offset), 3);
-        std::ostringstream complaint;
-        complaint << "E g_hydra_data_left(" << width - 1 << ") is not enough for " << name << ", id(0x" << std::hex
-                  << id << ")";
-        if (at + width > 1) expect_record(at + width - 1, complaint.str());
+        std::ostringstream error;
+        error << "E g_hydra_data_left(" << width - 1 << ") is not enough for " << name << ", id(0x" << std::hex << id
+              << ")";
+        if (at + width > 1) expect_record(at + width - 1, error.str());
         std::memcpy(&expected[offset], &whole[at], width);
         at += width;
       }

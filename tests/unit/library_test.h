@@ -81,7 +81,7 @@ inline std::vector<Block> live_blocks() {
   return blocks;
 }
 
-// The record of an asynchronous exchange, which the end of the exchange frees.
+// A block with the layout of CallbackRecord (modem_api_command.cpp), which the end of an asynchronous exchange frees.
 inline void* callback_record(modem_api_response_cb callback, void* user_data) {
   void* const fields[] = {reinterpret_cast<void*>(callback), user_data};
   return std::memcpy(hydra_malloc_adv(sizeof(fields), __func__, __LINE__), fields, sizeof(fields));
@@ -106,7 +106,7 @@ inline void on_event(uint32_t id, const uint8_t* payload, uint32_t length) {
 }
 
 // Makes the library write the lines that it writes once per process, and clears the log.
-inline void skip_one_time_lines() {
+inline void log_one_time_lines() {
   pelmar_get_current_pid_name();
   pelmar_check_sub_id(0);
   pelmar_utils_get_prop_print_flag();
@@ -132,7 +132,7 @@ class LibraryTest : public testing::Test {
     properties["persist.hydra.mem_trace"] = "true";
     properties["persist.vendor.radio.adb_log_shell"] = "0";
     EXPECT_EQ(modem_api_init(), MODEM_API_SUCCESS);
-    skip_one_time_lines();
+    log_one_time_lines();
     clear_records();
     reset_golden_log();
   }

@@ -51,7 +51,7 @@ TEST_F(Memory, EveryFailedAllocationIsReported) {
   for (const size_t size : {524, 16}) EXPECT_EQ(without_block_of(size, send), MODEM_API_ERR_NO_MEMORY);
   EXPECT_THAT(calls(), IsEmpty());
   EXPECT_THAT(results, IsEmpty());
-  EXPECT_THAT(live_blocks(), SizeIs(1)) << "the client's";
+  EXPECT_THAT(live_blocks(), SizeIs(1)) << "the open client";
   for (const auto& [length, response] : std::map<size_t, const char*>{{509, "8:FD01"}, {UINT32_MAX, "8:FFFFFFFF"}}) {
     results.clear();
     EXPECT_EQ(send(), 0);

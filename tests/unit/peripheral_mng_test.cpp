@@ -28,7 +28,7 @@ TEST_F(PeripheralManager, VotesAndReleasesTheVote) {
   for (int event = 0; event < 5; ++event) announce_power(static_cast<pm_event>(event));
   on_call["register"] = on_call["disconnect"] = returns(-1);
   on_call["connect"] = returns(-2);
-  // Neither the end of the registration nor a failed one changes the handle.
+  // The handle is unchanged after unregistering and after a failed registration.
   EXPECT_EQ(modem_api_peripheral_mng_init("other"), 1);
   vote_and_release(-2);
   EXPECT_THAT(call_names(),

@@ -101,7 +101,7 @@ extern Transfer on_write;
 
 // --- threads ---
 
-// What pthread_create does.
+// pthread_create() starts the thread, returns an error, or stores the thread for run_held().
 enum class Threads { kRun, kFail, kHold };
 void set_threads(Threads behaviour);
 // With kHold: the number of threads that were created and not run. run_held() runs them and those that are created

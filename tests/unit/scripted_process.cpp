@@ -106,7 +106,7 @@ size_t held_threads() {
   return g_process.held.size();
 }
 
-// Each on its own thread, because the library must not rely on the caller's.
+// Runs each held function on a new thread, as pthread_create() would.
 void run_held() {
   while (held_threads() > 0) {
     Guard guard(g_process.lock);

@@ -17,7 +17,7 @@ TEST_P(ProcessName, IsTakenFromTheFirstLine) {
   const auto& [file, content, name] = GetParam();
   properties["persist.vendor.radio.adb_log_shell"] = "0";
   const bool by_status = std::string(file) == "/status";
-  if (by_status) skip_one_time_lines();
+  if (by_status) log_one_time_lines();
   redirect_opens(file, content == "-" ? "/nonexistent" : file_with(content));
   const auto read = by_status ? pelmar_get_current_pid_name_ex : pelmar_get_current_pid_name;
   EXPECT_EQ(read(), name);
@@ -54,6 +54,7 @@ TEST_F(ProcessInfo, IsReadAgainExceptForTheCachedRecord) {
   pelmar_get_pid_by_name(&pid, nullptr);
 }
 
+// Compatibility: the library compares with an empty name.
 TEST(SearchByName, FindsOnlyTheEmptyName) {
   int32_t pid = -7;
   const int lowest = dup(STDOUT_FILENO);
@@ -62,7 +63,7 @@ TEST(SearchByName, FindsOnlyTheEmptyName) {
     clear_log();
     pelmar_get_pid_by_name(&pid, name.c_str());
     EXPECT_EQ(pid > 0, name.empty());
-    const Lines lines = lines_of("pelmar_get_pid_by_name");  // the second: the first of the process's status
+    const Lines lines = lines_of("pelmar_get_pid_by_name");  // [1] is the first line of a process's status
     EXPECT_EQ(lines[2], "D task_name_tmp: , task_name: " + name);
     EXPECT_EQ(lines[3],
               name.empty() ? "D pid: " + std::to_string(pid) : "D continue, task_name is not same with task_name_tmp");

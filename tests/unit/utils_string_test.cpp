@@ -1,4 +1,4 @@
-// Strings, file copy, threads, and allocation with its free. The golden log has the other results.
+// Strings, file copy, threads, and allocation with its free. The golden log shows the other results.
 #include <sys/stat.h>
 #include <unistd.h>
 

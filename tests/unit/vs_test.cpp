@@ -30,7 +30,7 @@ const Responses kResponses[] = {
      ""},
 };
 
-TEST(VsCatalogue, DecodesEveryResponse) {
+TEST(VsMessages, DecodesEveryResponse) {
   for (const auto& [ids, wire, content] : kResponses) {
     for (const uint16_t id : ids) {
       SCOPED_TRACE(testing::Message() << "message " << std::hex << id);
@@ -46,7 +46,7 @@ TEST(VsCatalogue, DecodesEveryResponse) {
   }
 }
 
-TEST(VsCatalogue, DescribesTheServiceAndAcceptsOneVersion) {
+TEST(VsMessages, DescribesTheServiceAndAcceptsOneVersion) {
   EXPECT_EQ(std::tie(kService->library_version, kService->idl_version, kService->service_id, kService->max_msg_len),
             std::tuple(6U, 1U, 0xE4U, 10672U));
   EXPECT_EQ(kService->idl_minor_version, 2U);
@@ -102,7 +102,7 @@ TEST_F(VsClient, TurnsEveryIndicationIntoItsEvent) {
     events.clear();
     indicate(vs_client_info.client_handle, id, bytes(wire));
     EXPECT_EQ(events, std::vector<Event>{event});
-    EXPECT_EQ(live_blocks().size(), 1U) << "the client's";
+    EXPECT_EQ(live_blocks().size(), 1U) << "the open client";
   }
   expect_golden_log();
 }
@@ -111,7 +111,7 @@ TEST_F(VsClient, TurnsEveryIndicationIntoItsEvent) {
 TEST_F(VsClient, BoundsTheCountsOfDecodedIndications) {
   on_decode = [](unsigned msg_id, uint8_t* decoded, unsigned size) {
     std::memset(decoded, 0xC5, size);
-    if (msg_id == 0x0203) decoded[7128] = 0;  // the second list counts even if its flag is 0
+    if (msg_id == 0x0203) decoded[7128] = 0;  // the second list's count is used even if its flag is 0
     return 0;
   };
   indicate(vs_client_info.client_handle, 0x0203, {});
