@@ -16,7 +16,7 @@ constexpr size_t kRandomGarbageBytes = 64;
 constexpr std::string_view kAny = "any";
 constexpr const char* kIsOff = "the modem is off: 'power' shows why";
 
-// By Modem::State and FaultKind.
+// Indexed by Modem::State and FaultKind.
 constexpr std::string_view kStateNames[] = {"ready", "starting", "off"};
 constexpr std::string_view kFaultNames[] = {"delay",  "error",   "silence",        "cut",      "garbage",
                                             "repeat", "reorder", "die connection", "die modem"};

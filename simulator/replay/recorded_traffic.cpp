@@ -19,7 +19,7 @@ namespace pelmar::sim {
 
 namespace {
 
-// What the structures of a message take, roughly.
+// The approximate bytes that the structures of a message take.
 constexpr size_t kOverhead = 128;
 
 RecordedTraffic::Time between(RecordedTraffic::Time earlier, RecordedTraffic::Time later) {
@@ -181,7 +181,7 @@ void RecordedTraffic::add_indication(uint32_t client, Time time, const Indicatio
 
 namespace {
 
-// What the numbers of exchanges are sorted by, before their own order.
+// Returns the key that the numbers of exchanges are sorted by, before their own order.
 auto request_of(const RecordedTraffic& traffic) {
   return [&traffic](uint32_t number) {
     const RecordedTraffic::Exchange& exchange = traffic.exchange(number);

@@ -23,7 +23,7 @@
 
 namespace pelmar::sim {
 
-// Where the transaction of a service's message ends. The same requests have the same bytes behind it.
+// The end of the transaction number of a service's message. Equal requests have equal bytes after it.
 inline constexpr size_t kTransactionEnd = 3;
 
 class RecordedTraffic {

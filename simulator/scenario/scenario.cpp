@@ -74,7 +74,7 @@ struct Node {
   }
 };
 
-// By name, by number, or by number as text such as "0x52".
+// Returns the statistic of a name, a number, or a number as text such as "0x52".
 const StatisticRow& parse_statistic(const Node& node) {
   const StatisticRow* row = nullptr;
   if (node.value.is_number_unsigned() && node.value.get<uint64_t>() <= UINT32_MAX) {

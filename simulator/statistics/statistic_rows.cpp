@@ -138,7 +138,7 @@ template <typename Number>
 constexpr NumberRange kRangeOf = {static_cast<double>(std::numeric_limits<Number>::lowest()),
                                   static_cast<double>(std::numeric_limits<Number>::max())};
 
-// By WireType.
+// Indexed by WireType.
 constexpr NumberRange kRanges[] = {kRangeOf<uint8_t>,  kRangeOf<uint16_t>, kRangeOf<int16_t>,
                                    kRangeOf<uint32_t>, kRangeOf<int32_t>,  kRangeOf<float>};
 
