@@ -275,7 +275,7 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
   expect({{"client info --json", 0, R"("service":"sar","id":17,"up":false,"state":"absent"})"},
           {"client info", 0, "fault: none\nnext_step: Without the vendor-specific service, only sar, drx, "}});
   ctl("service nas down");
-  expect({{"client info 2>w", 1, "services failed: none of them is there\nnext_step: Wait for one"}});
+  expect({{"client info 2>w", 1, "services failed: none of them is up\nnext_step: Wait for one"}});
   EXPECT_EQ(events.end(SIGINT), 130);
 }
 

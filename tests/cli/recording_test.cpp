@@ -106,15 +106,15 @@ TEST_F(ClientTest, InvalidRecordingsAreRefusedWithTheLine) {
 TEST_F(ClientTest, RecordingsAreWrittenDrawnAndOverwrittenOnlyOnRequest) {
   const std::string record = "client signal --count 1 --csv a";
   expect({{record, 0, "1 reading written to a\n"},
-          {"cp a first; " + record, 1, "it is there already"},
+          {"cp a first; " + record, 1, "it exists already"},
           {"printf cut >>a; " + record + " --append", 0, "is cut, and is left out"},
-          {"client signal --from a --plot a", 1, "it is there already"},
+          {"client signal --from a --plot a", 1, "it exists already"},
           {"client signal --from a --plot ./a --force", 2, "are the same file"},
           {"head -n $(cat first | wc -l) a | cmp - first; grep -c time, a", 0, "1\n"},
           {record + " --force; cat a | wc -l; cat first | wc -l", 0, "1 reading"},
           {"printf 'two\\nlines' >b; client signal --count 1 --append --csv b", 1, "its columns are not those"},
           {"cat b", 0, "two\nlines"},
-          {"client signal --count 1 --csv c --plot b", 1, "it is there already"},
+          {"client signal --count 1 --csv c --plot b", 1, "it exists already"},
           {"client signal --count 1 --csv c --plot ./c --force", 2, "are the same file"},
           {"ls c", 2, ""},
           {"client signal --rate 50 --count 4 --json --csv d --plot e | grep -c subscriptions", 0, "4\n"},

@@ -191,7 +191,7 @@ class EventFollower {
   void take(const Arrival& arrival) {
     const bool is_event = arrival.kind == Arrival::Kind::kEvent;
     seen_ += is_event ? 1 : 0;
-    // An event shows that the modem is there.
+    // An event shows that the modem is up.
     if (is_event && problem_.empty() && !calls_.on_look) next_look_ = Clock::now() + kLookPeriod;
     const Description description = is_event ? describe_event(arrival) : describe_notice(arrival);
     context_.output.print(description.document, description.text);

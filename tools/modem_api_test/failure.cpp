@@ -54,7 +54,7 @@ constexpr const char* kSeeInfo = "'modem_api_test info' shows which services are
 // The last row is for every other code.
 constexpr ResultCode kResultCodes[] = {
     {CODE(MODEM_API_SUCCESS), "success", ""},
-    {CODE(MODEM_API_ERR_GENERIC), "the library refused it, or the modem is not there",
+    {CODE(MODEM_API_ERR_GENERIC), "the library refused it, or the modem does not respond",
      "--verbose shows messages and errors."},
     {CODE(MODEM_API_RESP_END), "the exchange has ended", ""},
     {CODE(MODEM_API_ERR_NO_MEMORY), "there was no memory or no room for the response",

@@ -20,7 +20,7 @@ namespace pelmar::cli {
 class ModemLink {
  public:
   // `open` opens the connection, also where it is open already, and throws where it cannot; it is called at once.
-  // `probe` reads something from the modem over that connection. A refused probe shows that the modem is there; it
+  // `probe` reads something from the modem over that connection. A refused probe shows that the modem responds; it
   // counts as away if the error is that the client id is void or the modem not ready, or if `needs_value` is set.
   ModemLink(std::function<void()> open, std::function<modem_api_result()> probe, bool needs_value);
 

@@ -179,7 +179,7 @@ RecordingFile::RecordingFile(Output& output, std::string path, Earlier earlier)
     struct stat status {};
     const bool is_regular = fd_ && fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode);
     if (is_regular && earlier == Earlier::kRefuse) {
-      throw Failure("writing the file '" + path_ + "'", "it is there already",
+      throw Failure("writing the file '" + path_ + "'", "it exists already",
                     "Name another file, or add --force to replace it (--append: to continue a CSV file).");
     }
     replaces_ = is_regular && earlier == Earlier::kReplace;

@@ -172,7 +172,7 @@ UniqueFd take_lock(const std::string& path) {
   const auto deadline = Clock::now() + kLockTimeout;
   while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (Clock::now() > deadline) {
-      throw Failure(kStep, "another modem_api_test is starting it and does not come to an end",
+      throw Failure(kStep, "another modem_api_test is starting it and does not end",
                     "End that process, which holds " + path + ".");
     }
     std::this_thread::sleep_for(10ms);

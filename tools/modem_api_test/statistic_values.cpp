@@ -17,7 +17,7 @@ Json number_at(const uint8_t* bytes) {
   return number;
 }
 
-// By WireType.
+// Indexed by WireType.
 constexpr Json (*kReaders[])(const uint8_t* bytes) = {number_at<uint8_t>,  number_at<uint16_t>, number_at<int16_t>,
                                                       number_at<uint32_t>, number_at<int32_t>,  number_at<float>};
 

@@ -214,7 +214,7 @@ std::optional<Failure> put_services(Json& document, std::string& lack) {
   }
   if (is_any_up || are_ids_exhausted) document["client_ids_exhausted"] = are_ids_exhausted;
   if (is_any_up || fault) return fault;
-  return Failure("connecting to the modem's services", "none of them is there",
+  return Failure("connecting to the modem's services", "none of them is up",
                  "Wait for one with --wait, or reset the modem.");
 }
 

@@ -239,7 +239,7 @@ void watch(const Context& context, const PowerValues& values) {
 
 // --- ssr ---
 
-// By number.
+// Indexed by restart type.
 constexpr struct {
   const char* word;
   const char* name;

@@ -66,7 +66,7 @@ modem_api_result probe() {
   return modem_hydra_get_stats_parameter(0, 0, &data);
 }
 
-// Opens hydra. Throws where the modem is not there, or does not read its statistics.
+// Opens hydra. Throws if the modem does not respond, or does not read its statistics.
 ModemLink link_to_hydra(Session& session) {
   const auto open = [&session] {
     session.restart();

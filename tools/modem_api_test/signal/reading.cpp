@@ -16,7 +16,7 @@ namespace {
 using LteRecord = modem_hydra_lte_srv_meas_info;
 using NrRecord = modem_hydra_nr5g_srv_meas_info;
 
-// By carrier index.
+// Indexed by carrier.
 constexpr uint8_t (*kReadLte[])(uint32_t, LteRecord*) = {
     modem_hydra_lte_srv_meas_info_get_for_pcc,  modem_hydra_lte_srv_meas_info_get_for_scc1,
     modem_hydra_lte_srv_meas_info_get_for_scc2, modem_hydra_lte_srv_meas_info_get_for_scc3,
