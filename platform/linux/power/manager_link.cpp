@@ -54,21 +54,21 @@ bool ManagerLink::receive(Reply& reply, const Deadline& deadline) {
   }
 }
 
-std::optional<Count> query_count(const std::string& socket) {
+std::optional<ManagerStatus> query_status(const std::string& socket) {
   const Deadline deadline = Deadline::after(kResponseTimeout);
   ManagerLink link;
   Reply reply;
   if (!link.open(socket, deadline) || !link.send(QueryStatus{}) || !link.receive(reply, deadline)) return std::nullopt;
-  const auto* const status = std::get_if<Status>(&reply);
-  if (status == nullptr) return std::nullopt;
-  Count count = {status->state, {}};
-  for (size_t left = status->voters; left > 0; --left) {
+  const auto* const head = std::get_if<Status>(&reply);
+  if (head == nullptr) return std::nullopt;
+  ManagerStatus status = {head->state, {}};
+  for (size_t left = head->voters; left > 0; --left) {
     if (!link.receive(reply, deadline)) return std::nullopt;
     auto* const entry = std::get_if<VoterEntry>(&reply);
     if (entry == nullptr) return std::nullopt;
-    count.voters.push_back(std::move(*entry));
+    status.voters.push_back(std::move(*entry));
   }
-  return count;
+  return status;
 }
 
 }  // namespace pelmar::platform::power

@@ -1,4 +1,4 @@
-// A connection to the peripheral manager, and the query of the manager's count of voters.
+// A connection to the peripheral manager, and the query of the manager's status.
 #pragma once
 
 #include <cstddef>
@@ -39,12 +39,12 @@ class ManagerLink {
 // The longest time for a response of the manager; a manager that takes longer counts as lost.
 inline constexpr Deadline::Milliseconds kResponseTimeout{5000};
 
-struct Count {
+struct ManagerStatus {
   pm_event state;
   std::vector<VoterEntry> voters;
 };
 
 // Queries the manager, without becoming a voter. Nothing if no manager responds.
-std::optional<Count> query_count(const std::string& socket);
+std::optional<ManagerStatus> query_status(const std::string& socket);
 
 }  // namespace pelmar::platform::power

@@ -5,13 +5,13 @@
 //   event    u8, enum pm_event; it also stands for the state that follows it
 //
 //   kind               body                                             response
-//   0x01 register      u8 version, name of the peripheral, name of the voter    answer
-//   0x02 vote                                                           answer
-//   0x03 withdraw                                                       answer
-//   0x04 unregister                                                     answer
+//   0x01 register      u8 version, name (peripheral), name (voter)      response
+//   0x02 vote                                                           response
+//   0x03 withdraw                                                       response
+//   0x04 unregister                                                     response
 //   0x05 acknowledge   event                                            none
 //   0x06 query status                                                   status, then an entry for each voter
-//   0x81 answer        i8 result (PM_RET_*), event: the state
+//   0x81 response      i8 result (PM_RET_*), event: the state
 //   0x82 event         event
 //   0x83 status        event: the state, u8 number of voters
 //   0x84 voter entry   u32 process, u8 votes (0, 1), name of the voter

@@ -50,7 +50,7 @@ void stop_modem(const Context& context, const NoValues&) {
 // processes.
 
 using namespace std::chrono_literals;
-using platform::power::Count;
+using platform::power::ManagerStatus;
 using platform::power::state_text;
 using platform::power::VoterEntry;
 
@@ -74,10 +74,10 @@ Failure no_manager(const std::string& step, const std::string& socket, const std
   return {step, "no peripheral manager responds on " + socket + otherwise, kNoManager};
 }
 
-Count query_manager(const std::string& socket, const std::string& step) {
-  const std::optional<Count> count = platform::power::query_count(socket);
-  if (!count) throw no_manager(step, socket);
-  return *count;
+ManagerStatus query_manager(const std::string& socket, const std::string& step) {
+  const std::optional<ManagerStatus> status = platform::power::query_status(socket);
+  if (!status) throw no_manager(step, socket);
+  return *status;
 }
 
 Failure lost_manager(const std::string& step) {
@@ -144,16 +144,16 @@ bool runs_this_program(uint32_t process) {
          own.st_ino == other.st_ino;
 }
 
-auto votes(const Count& count) {
-  return std::count_if(count.voters.begin(), count.voters.end(), [](const VoterEntry& voter) { return voter.votes; });
+auto votes(const ManagerStatus& status) {
+  return std::count_if(status.voters.begin(), status.voters.end(), [](const VoterEntry& voter) { return voter.votes; });
 }
 
 void release(const Context& context, const NoValues&) {
   constexpr const char* kStep = "releasing the votes of 'power vote'";
   const std::string socket = find_manager(context);
-  Count count = query_manager(socket, kStep);
+  ManagerStatus status = query_manager(socket, kStep);
   std::vector<uint32_t> processes;
-  for (const VoterEntry& voter : count.voters) {
+  for (const VoterEntry& voter : status.voters) {
     if (!voter.votes || !runs_this_program(voter.process)) continue;
     processes.push_back(voter.process);
     kill(static_cast<pid_t>(voter.process), SIGTERM);
@@ -163,28 +163,28 @@ void release(const Context& context, const NoValues&) {
   const auto is_one = [&](const VoterEntry& voter) {
     return voter.votes && std::find(processes.begin(), processes.end(), voter.process) != processes.end();
   };
-  while (std::any_of(count.voters.begin(), count.voters.end(), is_one)) {
+  while (std::any_of(status.voters.begin(), status.voters.end(), is_one)) {
     if (Clock::now() > deadline) throw Failure(kStep, "a process still votes", "'power status' shows which.");
     if (!context.inbox.pause_until(Clock::now() + kInterval / 5)) return;
-    count = query_manager(socket, kStep);
+    status = query_manager(socket, kStep);
   }
-  const std::string left = std::to_string(votes(count)) + " left";
-  context.output.print({{"released", processes}, {"votes", votes(count)}},
+  const std::string left = std::to_string(votes(status)) + " left";
+  context.output.print({{"released", processes}, {"votes", votes(status)}},
                        "votes: " + std::to_string(processes.size()) + " released, " + left);
 }
 
 // --- power status and watch ---
 
 void show_status(const Context& context, const NoValues&) {
-  const Count count = query_manager(find_manager(context), "reading the modem's power");
+  const ManagerStatus status = query_manager(find_manager(context), "reading the modem's power");
   Json voters = Json::array();
-  std::string text = std::string("modem ") + state_text(count.state) + ", votes: " + std::to_string(votes(count));
-  for (const VoterEntry& voter : count.voters) {
+  std::string text = std::string("modem ") + state_text(status.state) + ", votes: " + std::to_string(votes(status));
+  for (const VoterEntry& voter : status.voters) {
     voters.push_back({{"process", voter.process}, {"name", voter.voter}, {"votes", voter.votes}});
     text +=
         "\n  process " + std::to_string(voter.process) + ", " + voter.voter + (voter.votes ? ": votes" : ": no vote");
   }
-  const Json document = {{"power", state_text(count.state)}, {"votes", votes(count)}, {"voters", std::move(voters)}};
+  const Json document = {{"power", state_text(status.state)}, {"votes", votes(status)}, {"voters", std::move(voters)}};
   context.output.print(document, text);
 }
 

@@ -1,4 +1,4 @@
-// The peripheral manager's functions as the phone declares them, and the voter behind each handle.
+// The functions of the peripheral manager's client as the phone declares them, and the voter behind each handle.
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -28,8 +28,8 @@ struct Callback {
 //
 // Two threads serve it. One reads what the manager sends: it passes responses to the caller that waits for one, and
 // events to a queue. The other runs the callback, event by event, without a lock, so that a callback may use its own
-// handle. If the manager is lost, the current call and all later ones fail; a process that still wants a vote registers
-// again.
+// handle. If the manager is lost, the current call and all later ones fail; a process that needs a vote must
+// register again.
 class Voter : public std::enable_shared_from_this<Voter> {
  public:
   explicit Voter(Callback callback) : callback_(callback) {}

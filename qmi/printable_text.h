@@ -1,5 +1,5 @@
 // Makes text of a peer or a file safe for a terminal, which acts on control characters: with them a name or a path
-// could hide lines, forge them or change the terminal's settings. The simulated modem and the tools use it.
+// could hide lines, forge them or change the terminal's settings.
 #pragma once
 
 #include <algorithm>
