@@ -27,7 +27,7 @@ done
   printf '\6\0\0\0\50\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\7\0\0\0\7\0\0\0\1\6\0\0\3\1a\0\50\0\0\0'
 } >"$scratch/files/capture"
 
-# Inputs grow fast, but slowly for the texts of scenarios.
+# Inputs grow fast, except for the target `files`, whose scenarios are long texts.
 run_target() {
   local target=$1 program=$build/bin/fuzz_$1 log=$scratch/$1.log growth=10
   [ "$target" != files ] || growth=100
