@@ -1,7 +1,7 @@
-/* Traced allocation: zero-filled blocks and, on request, a list of those that are alive.
+/* Traced allocation: zero-filled blocks and, on request, a list of the allocated blocks.
  *
  * Tracing is decided by the first allocation of the process: it is on when the property "persist.hydra.mem_trace" is
- * exactly "true". Blocks may be taken and given back from any thread; the first allocation is expected before other
+ * exactly "true". Blocks may be allocated and freed by any thread; the first allocation is expected before other
  * threads allocate.
  */
 #ifndef HYDRA_MEM_H
@@ -16,17 +16,16 @@
 extern "C" {
 #endif
 
-/* Takes a zeroed block.
+/* Allocates a zeroed block.
  *
  * size  bytes
  * func  the caller's function name. Kept as a pointer while the block is alive: it must outlive the block
  * line  the caller's source line; not kept
  *
- * Returns the block, to be given back with hydra_free_adv(), or null when there is no memory. */
+ * Returns the block, to be freed with hydra_free_adv(), or null when there is no memory. */
 PELMAR_EXPORT void* hydra_malloc_adv(size_t size, const char* func, int32_t line);
 
-/* Gives a block back: one from hydra_malloc_adv(), or from plain malloc. Null is allowed. `func` and `line` are not
- * used. */
+/* Frees a block of hydra_malloc_adv() or malloc(). Null is allowed. `func` and `line` are not used. */
 PELMAR_EXPORT void hydra_free_adv(void* ptr, const char* func, int32_t line);
 
 /* Writes the live blocks, oldest first, as one line of text each:
@@ -35,11 +34,11 @@ PELMAR_EXPORT void hydra_free_adv(void* ptr, const char* func, int32_t line);
  *
  * The address has the prefix 0x, and the C library's own as well where its %p brings one: "0x0x…".
  *
- * buf   zeroed first; holds terminated text afterwards. Null is allowed, and has no room
+ * buf   zeroed first; holds terminated text afterwards. Null is allowed: nothing is written, as with size 0
  * size  its bytes
  *
  * Returns 1 when all blocks were written (or there are none), 0 when the next one did not fit. Tracing is off while the
- * dump runs: a block taken meanwhile is not traced, one given back meanwhile stays in the list. */
+ * dump runs: a block allocated meanwhile is not traced, one freed meanwhile stays in the list. */
 PELMAR_EXPORT int32_t hydra_mem_trace_dump(char* buf, int32_t size);
 
 #ifdef __cplusplus

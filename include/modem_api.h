@@ -23,11 +23,11 @@
  * whose callback they are: see each callback type below.
  *
  * A modem that goes away: SAR and NAS clients get a service-down notice, come back by themselves and get a service-up
- * notice. A vendor-specific client gets no notice and does not come back. Its program notices by a SAR or NAS client's
- * service-down notice, or by a reading of statistics that worked before: modem_api_get_stats_parameter() then returns
- * MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Most other commands are no such test: on the phone
- * they return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To recover, free every
- * client of the process, call modem_api_init(), and open them again until that succeeds.
+ * notice. A vendor-specific client gets no notice and does not come back. Its program detects the loss by a SAR or NAS
+ * client's service-down notice, or if a reading of statistics that worked before fails: modem_api_get_stats_parameter()
+ * then returns MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Most other commands do not show the
+ * loss: on the phone they return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To
+ * recover, free every client of the process, call modem_api_init(), and open them again until that succeeds.
  *
  * Lines of the library go to the system log and to standard output. A program that writes to standard output itself
  * calls pelmar_hal_close_shell_print() (pelmar_log.h) before modem_api_init().
@@ -128,8 +128,8 @@ typedef void (*modem_api_status_cb)(uint32_t notice, uint32_t client_type);
 
 /* The response to an asynchronous command.
  *
- * data       null but for the call that brings the response's data; that block then belongs to the callback, which
- *            gives it back with hydra_free_adv()
+ * data       null except in the call with the response's data. The callback owns that block and frees it with
+ *            hydra_free_adv()
  * length     of the data, as the modem states it: bytes beyond the 512 that a response can hold are 0
  * user_data  the command's
  * result     a modem_api_result, or MODEM_API_RESP_END in the last call of a successful exchange
@@ -270,8 +270,8 @@ PELMAR_EXPORT int32_t modem_api_check_white_list(void);
  *     MODEM_API_ERR_NOT_READY      52 (device not ready)
  *     MODEM_API_ERR_GENERIC        any other
  *
- * Two traps: what the modem calls "no effect" is a success, and so is a service that went away without a word where the
- * platform leaves the zeroed response untouched (the Linux one writes a failure into it). */
+ * Two successes may surprise: the error "no effect", and a lost service if the platform leaves the zeroed response
+ * unchanged (the Linux one writes a failure into it). */
 PELMAR_EXPORT modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code,
                                                                     const qmi_response_type_v01* response);
 
@@ -281,7 +281,7 @@ PELMAR_EXPORT modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t tran
  * length   0 to 512
  *
  * Returns MODEM_API_ERR_INVALID_PARAM for a length above 512 and for a null payload with a length above 0. A negative
- * length is left to the platform's codec, whose refusal reads MODEM_API_ERR_GENERIC. */
+ * length is refused by the platform's codec, with the result MODEM_API_ERR_GENERIC. */
 PELMAR_EXPORT modem_api_result modem_api_common_command(int32_t client_id, const uint8_t* payload, int32_t length);
 
 /* The same without waiting. On success the callback runs twice, with the data (with MODEM_API_ERR_NO_MEMORY and none
@@ -366,8 +366,8 @@ PELMAR_EXPORT modem_api_result modem_api_write_rfnv(int32_t client_id, uint32_t 
                                                     uint32_t length);
 PELMAR_EXPORT modem_api_result modem_api_delete_rfnv(int32_t client_id, uint32_t item);
 
-/* Asks the modem to write its EFS to storage. `mode` goes to the modem unchanged, and so do `value` and `option` when
- * it is 0; else they go out as 0. What they mean is the modem's. */
+/* Requests that the modem writes its EFS to storage. `mode` is sent unchanged, and so are `value` and `option` when
+ * it is 0; else these are sent as 0. The modem defines their meaning. */
 PELMAR_EXPORT modem_api_result modem_api_efs_sync(int32_t client_id, int8_t mode, uint32_t value, uint16_t option);
 
 /* --- radio controls --- */
@@ -379,19 +379,19 @@ PELMAR_EXPORT modem_api_result modem_api_notify_shutdown(int32_t client_id);
 PELMAR_EXPORT modem_api_result modem_api_reset_modem(int32_t client_id);
 
 /* Sets the RF state of the SAR service (SAR clients).
- * state  passed to the modem unchanged; its meaning is the modem's */
+ * state  passed to the modem unchanged; the modem defines its meaning */
 PELMAR_EXPORT modem_api_result modem_api_set_sar_rf_state(int32_t client_id, uint32_t state);
 
 /* Reads the DRX setting of subscription 0 (MODEM_API_CLIENT_NAS_0).
  *
- * valid  out: 1 when the modem gave a value
+ * valid  out: 1 when the response has a value
  * drx    out: the value
  *
- * Both must be there; both are 0 when the modem gave none. Returns MODEM_API_SUCCESS whatever the modem responded, and
- * when no response came. */
+ * Neither may be null; both are 0 when the response has no value. Returns MODEM_API_SUCCESS whatever the modem
+ * responded, and when no response came. */
 PELMAR_EXPORT modem_api_result modem_api_get_drx(int32_t client_id, uint8_t* valid, uint32_t* drx);
 
-/* Reads where a subscription is camped. All outputs must be there; what the modem does not report reads 0.
+/* Reads where a subscription is camped. No output may be null; one that the modem does not report is 0.
  *
  * sub                   0: a MODEM_API_CLIENT_NAS_0 client; any other: a MODEM_API_CLIENT_NAS_1 client
  * intra_pci             out, 8: physical cell ids of the LTE cells on the serving frequency
@@ -414,7 +414,7 @@ enum { MODEM_API_MAX_LOCKED_CELLS = 60 };
 /* Locks LTE to a list of cells; an empty list ends the lock.
  *
  * sub     as in modem_api_get_cell_info()
- * count   0 to 60: more is a programming error
+ * count   0 to 60. More is refused by the codec, with the result MODEM_API_ERR_GENERIC
  * values  `count` physical cell ids; the low 16 bits go out
  * params  `count` frequencies (EARFCN) */
 PELMAR_EXPORT modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count,
@@ -429,7 +429,7 @@ PELMAR_EXPORT modem_api_result modem_api_set_avoid_trm(int32_t client_id, int32_
 /* Disables NR, or enables it.
  *
  * sub   as in modem_api_get_cell_info()
- * mode  1 or 2: disabled; what sets the two apart is the modem's. Any other goes out as 0: enabled */
+ * mode  1 or 2: disabled; the modem defines the difference. Any other goes out as 0: enabled */
 PELMAR_EXPORT modem_api_result modem_api_set_nr_disable_mode(int32_t client_id, int32_t sub, int32_t mode);
 
 #ifdef __cplusplus

@@ -39,7 +39,7 @@ extern PELMAR_EXPORT esoc_info_record esoc_info;
 
 /* Registers this process as a voter.
  *
- * device_name  the peripheral, as the manager knows it; never null, cut after 31 characters
+ * device_name  the peripheral's name at the manager; never null, cut after 31 characters
  *
  * Returns 0, or 1 when the manager refused. An earlier registration's handle then stays as it is. */
 PELMAR_EXPORT int32_t modem_api_peripheral_mng_init(const char* device_name);

@@ -5,7 +5,7 @@
  * Threads, results and the client check are those of modem_api.h. On any failure the outputs are left as they were.
  *
  * A value is its fields one after the other, little-endian, without gaps; what follows the fields named here is the
- * modem's own. Widths are in bits. Units and signedness are the modem's too, but for what is marked here;
+ * modem's own. Widths are in bits. The modem defines units and signedness, except for what is marked here;
  * docs/simulator.md has those of the simulated modem. modem_hydra.h decodes each value into a record.
  *
  *     id            value                        fields: width

@@ -14,12 +14,12 @@
  * MODEM_TX_POWER_NONE), until modem_hydra_api_init() has opened hydra again; the process frees its own clients before
  * that and opens them afterwards.
  *
- * Threads: readings may be called from any thread; they take turns, each for up to the 30 s of one command, and the one
- * that opens hydra for the seconds of the connection as well. Everything else is called by one thread at a time.
+ * Threads: readings may be called from any thread. They run one at a time, each for up to the 30 s of one command; the
+ * one that opens hydra also takes the time of connecting. Everything else is called by one thread at a time.
  *
- * Results: yes is 1 and no is 0. While hydra is closed, commands do nothing and return 0 (MODEM_API_SUCCESS); see
- * modem_hydra_api_is_inited() where the difference matters. The registrations also do so while no statistics client id
- * was ever granted: see modem_hydra_stats_client_is_inited().
+ * Results: 1 is yes or success, 0 is no or failure, except for a modem_api_result. While hydra is closed, commands do
+ * nothing and return 0 (MODEM_API_SUCCESS); see modem_hydra_api_is_inited() where the difference matters. The
+ * registrations also do so while no statistics client id was ever granted: see modem_hydra_stats_client_is_inited().
  */
 #ifndef MODEM_HYDRA_H
 #define MODEM_HYDRA_H
@@ -51,8 +51,8 @@ PELMAR_EXPORT uint8_t modem_hydra_api_init_ex(modem_api_event_cb event_cb, modem
 /* Whether hydra is open. */
 PELMAR_EXPORT uint8_t modem_hydra_api_is_inited(void);
 
-/* Closes hydra and releases the library. A statistics client id is neither given back nor forgotten: it is in use again
- * once hydra is open again. Returns the result of modem_api_release(). */
+/* Closes hydra and releases the library. A statistics client id is not released at the modem and stays valid: it is in
+ * use again once hydra is open again. Returns the result of modem_api_release(). */
 PELMAR_EXPORT modem_api_result modem_hydra_api_deinit(void);
 
 /* --- the modem's statistics feature, and hydra's statistics client id --- */
@@ -101,9 +101,9 @@ PELMAR_EXPORT modem_api_result modem_hydra_clear_stats_parameter(uint16_t sub, u
  *
  * Returns 1 when every field was there. On 0 after a value that was too short, the fields that it had are filled.
  *
- * Levels (RSRP, RSRQ, RSSI, SNR, receive gain), path losses, powers and their limits are the modem's words, copied bit
- * for bit: their unit is that of the modem's version of the value (`version`). Suffixes count receive chains or
- * antennas. */
+ * Levels (RSRP, RSRQ, RSSI, SNR, receive gain), path losses, powers and their limits are the modem's numbers,
+ * copied unchanged: their unit is that of the modem's version of the value (`version`). Suffixes count receive chains
+ * or antennas. */
 
 enum { MODEM_HYDRA_RX_CHAINS = 4 };
 

@@ -1,7 +1,7 @@
 /* The library's two connections to the modem's NAS service, one for each subscription.
  *
  * Each is bound to its subscription after every connection attempt and registered for indications when it is connected,
- * also when it comes back after a restart of the service (see sar_client.h). The two share nothing.
+ * also when it reconnects after a restart of the service (see sar_client.h). The two share nothing.
  */
 #ifndef NAS_CLIENT_H
 #define NAS_CLIENT_H

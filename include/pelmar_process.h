@@ -40,8 +40,8 @@ PELMAR_EXPORT uint32_t pelmar_get_qcril_process_instance_id(void);
 
 /* --- C++ linkage: for C++ callers alone --- */
 
-/* The same as pelmar_get_current_pid_name(), from the status file, which has at most 15 characters of the name. It is
- * then the name that all of these operations and the log lines give, until another of them reads it for the first
+/* The same as pelmar_get_current_pid_name(), from the status file, which has at most 15 characters of the name. All
+ * functions here and the log lines then have this name, until another of the functions reads the name for the first
  * time. */
 PELMAR_EXPORT const char* pelmar_get_current_pid_name_ex();
 

@@ -75,7 +75,7 @@ PELMAR_EXPORT bool pelmar_is_pre_version(void);
 PELMAR_EXPORT bool pelmar_is_dev_version(void);
 PELMAR_EXPORT bool pelmar_is_stable_version(void);
 
-/* PELMAR_BUILD_TYPE_*: certification outranks every build profile; a profile that nothing is known of is PRE. */
+/* PELMAR_BUILD_TYPE_*: certification has precedence over the build profile; an unknown profile is PRE. */
 PELMAR_EXPORT int32_t pelmar_build_type_get(void);
 
 /* ro.vendor.radio.manufacturer_id and ro.radio.device_type, default 0. Only the first call returns the number; every

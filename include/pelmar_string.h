@@ -52,7 +52,7 @@ PELMAR_EXPORT int32_t pelmar_str_cmp(const char* str1, const char* str2);
 /* Copies a string with every occurrence of `src`, from left to right, replaced by `dst`.
  *
  * out     terminated in every case, after a refusal as an empty string
- * outlen  bytes at `out`; the copy ends before the first piece with which the text would have outlen - 1 bytes or more
+ * outlen  bytes at `out`; the copy ends where the next piece would make the text outlen - 1 bytes long or longer
  * src     not empty
  * dst     may be empty */
 PELMAR_EXPORT void pelmar_str_rpl(char* out, char* in, uint32_t outlen, const char* src, const char* dst);

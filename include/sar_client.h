@@ -1,8 +1,8 @@
 /* The library's connection to the modem's SAR service, and the operations that every reconnecting connection has.
  *
- * A SAR or NAS connection that loses its service comes back by itself: it reports 4 (down), 5 (released), 6
- * (reconnecting) and 3 (up), or 7 when it could not come back. Releasing and reconnecting run on detached threads, so
- * that the framework's callback threads are never blocked. The users are the operations of modem_api.h.
+ * A SAR or NAS connection that loses its service reconnects by itself: it reports OPERATIONAL_STATUS_DOWN, _RELEASED,
+ * _RECONNECTING and _UP, or _RECONNECT_FAILED when it could not reconnect. Releasing and reconnecting run on detached
+ * threads, so that the framework's callback threads are never blocked. The users are the operations of modem_api.h.
  */
 #ifndef SAR_CLIENT_H
 #define SAR_CLIENT_H

@@ -3,8 +3,8 @@
  * One connection a process. Its users are the operations of modem_api.h; no other code needs to call it. Opening blocks
  * the caller; callbacks run on the QMI framework's threads.
  *
- * The connection neither reports the loss of its service nor comes back: the loss is logged, the handle stays, and
- * sends return the framework's transport code (-2). modem_api.h describes how a program notices and recovers.
+ * The connection neither reports the loss of its service nor reconnects: the loss is logged, the handle stays, and
+ * sends return the framework's transport code (-2). modem_api.h describes how a program detects it and recovers.
  */
 #ifndef VS_CLIENT_H
 #define VS_CLIENT_H
@@ -39,7 +39,7 @@ extern PELMAR_EXPORT vs_client_context vs_client_info;
 /* The description of the service, for the framework's codec. */
 extern PELMAR_EXPORT const struct qmi_idl_service_object vs_qmi_idl_service_object_v01;
 
-/* The same for exactly (1, 2, 6); else null. */
+/* Returns that description for version (1, 2, 6), otherwise null. */
 PELMAR_EXPORT qmi_idl_service_object_type vs_get_service_object_internal_v01(uint32_t idl_major, int32_t idl_minor,
                                                                              int32_t library_version);
 

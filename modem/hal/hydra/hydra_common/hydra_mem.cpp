@@ -157,8 +157,7 @@ extern "C" {
 void* hydra_malloc_adv(size_t size, const char* func, int32_t) {
   Operation operation(PELMAR_HERE);
   if (!hydra_mem_inited.load(std::memory_order_relaxed) && !hydra_mem_inited.exchange(true)) hydra_mem_init();
-  // The system provides the zeros of a large block, so a length that a modem invents takes no memory until it is
-  // written.
+  // A large block's zero pages are allocated at the first write, so a wrong length from a modem takes no memory.
   void* const block = std::calloc(1, size);
   if (block == nullptr) {
     PELMAR_LOG_ERROR("Fail to allocate memory");

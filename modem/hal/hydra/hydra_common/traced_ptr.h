@@ -1,4 +1,4 @@
-// Owners of blocks from the traced allocator. A block leaves its owner only where ownership leaves the library.
+// Owners of blocks from the traced allocator. Call release() only to pass a block out of the library.
 #pragma once
 
 #include <memory>

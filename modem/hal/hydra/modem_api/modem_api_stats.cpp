@@ -1,6 +1,7 @@
 // Statistics commands: feature status, report switching, registration, reading and clearing of values.
 //
-// A count above a capacity is cut without a log line. A failure does not change the caller's outputs.
+// Register and deregister send the first 100 records; get and clear refuse a count outside 1 to 10. Other counts above
+// a capacity are cut without a log line. A failure does not change the caller's outputs.
 #include <algorithm>
 
 #include "modem_api_command.h"
@@ -28,7 +29,7 @@ void copy_registration(const modem_api_stats_registration& from, vs::StatsEntry&
   to.trailer = from.trailer;
 }
 
-// Logs an entry: the first word of its value, and the following bytes as text.
+// Logs an entry: the first word of its value, and the following bytes in hexadecimal.
 void log_entry(const Operation& operation, uint32_t index, const stats_para_entry& entry) {
   const bool passes = pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_DEBUG) ||
                       pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_DEBUG);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint32_t kFeature = 2;
 constexpr int32_t kNoId = -1;
-constexpr int32_t kStatsClientIdLimit = 10;  // ids should be below it; a greater one is logged and kept
+constexpr int32_t kStatsClientIdLimit = 10;  // an id of 10 or more is logged and kept
 
 // The result of commands while hydra is closed, which is no error.
 constexpr modem_api_result kNothingDone = MODEM_API_SUCCESS;
@@ -84,7 +84,7 @@ modem_api_result set_event(const EventSwitch& row, int32_t event) {
   return is_open(PELMAR_PLACE_AS(row.name)) ? row.set_event(g_hydra_client_id.load(), event) : kNothingDone;
 }
 
-// No effect on the first event: both events are switched already, and the modem has the setting. Nothing is sent.
+// If the first event already has the state, so has the second, and the modem has both: nothing is sent.
 bool switch_events(const Operation& operation, const EventSwitch& row) {
   modem_api_result ret = set_event(row, MODEM_API_EVENT_VS_REPORT_A);
   PELMAR_LOG_DEBUG_IN(operation, "%s, modem_api_ret = %d", row.verb, ret);

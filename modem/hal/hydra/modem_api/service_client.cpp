@@ -45,7 +45,8 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   return code;
 }
 
-// One call of sleep(). If a signal ends it early, we wait for the rest of the time on the clock.
+// Calls sleep() once, because it is a function of the platform. If a signal ends it early, clock_nanosleep() waits for
+// the rest.
 void pause_between_attempts() {
   timespec end;
   clock_gettime(CLOCK_MONOTONIC, &end);
@@ -114,7 +115,7 @@ bool InCallback::is_of(qmi_client_type handle) {
   return callback != nullptr;
 }
 
-// No thread waits for the detached one: it ends after the callback, which may wait for another thread.
+// No thread may wait for the detached one: it ends after the callback, which may itself wait for another thread.
 void release_handle(ServiceClientState& state, qmi_client_type handle) {
   if (InCallback::is_of(handle) && start_detached(release_on_thread, handle) == 0) return;
   const WorkerUnlock unlock(state);
@@ -123,7 +124,7 @@ void release_handle(ServiceClientState& state, qmi_client_type handle) {
 
 void WorkerLock::wait_for_callbacks() {
   if (InCallback::is_now()) return;
-  while (state_.unlocked_workers != 0) pthread_cond_wait(&state_.came_back, &state_.worker);
+  while (state_.unlocked_workers != 0) pthread_cond_wait(&state_.relocked, &state_.worker);
 }
 
 bool is_stale(const ServiceClient& client, uint32_t generation) {

@@ -6,7 +6,7 @@
 //
 // Threads. The exported contexts are plain words; any thread reads and writes each of them by itself. A thread that
 // connects, prepares or releases a client (a worker) holds the client's worker lock. A release during a reconnection
-// thus waits until the reconnection has noticed the release and has released the handles that it opened. Callbacks may
+// thus waits until the reconnection has detected the release and has released the handles that it opened. Callbacks may
 // open and free clients: no thread holds the lock while it runs a callback of the library's users or waits for one, and
 // a thread inside such a callback does not wait for another callback.
 #pragma once
@@ -104,7 +104,7 @@ struct ServiceClientState {
   enum class Phase : uint8_t { kSteady, kConnecting, kLostWhileConnecting };
 
   pthread_mutex_t worker = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-  pthread_cond_t came_back = PTHREAD_COND_INITIALIZER;
+  pthread_cond_t relocked = PTHREAD_COND_INITIALIZER;
   uint32_t unlocked_workers = 0;  // workers that released the lock for a callback; guarded by the lock
 
   // A worker of an older generation stops. A preparation or release increments it when it begins, to cancel running
@@ -141,7 +141,7 @@ class WorkerUnlock {
   ~WorkerUnlock() {
     pthread_mutex_lock(&state_.worker);
     --state_.unlocked_workers;
-    pthread_cond_broadcast(&state_.came_back);
+    pthread_cond_broadcast(&state_.relocked);
   }
   WorkerUnlock(const WorkerUnlock&) = delete;
   WorkerUnlock& operator=(const WorkerUnlock&) = delete;

@@ -1,15 +1,15 @@
 // Reconnects a client after the loss of its service.
 //
-//   service down  -> report 4, release thread: drop the dead handle, report 5, wait for the service with a notifier
-//   service up    -> report 6, resume thread: drop the notifier, connect again, report 3 or 7
+//   service down  -> report DOWN; release thread: drop the dead handle, report RELEASED, wait with a notifier
+//   service up    -> report RECONNECTING; resume thread: drop the notifier, connect, report UP or RECONNECT_FAILED
 //
 // Both threads are detached. Their argument is the generation in which they were started, or null for the present one;
 // they do nothing if the client was released since. A released client ignores late callbacks of a handle that is not
 // released yet, or of a dropped notifier.
 //
 // Every service-down call counts as a loss, whatever its handle. While the client waits for its service, another call
-// reports 4 and 5 again and registers with the present notifier; while the connection is up, it drops that connection,
-// and the client reconnects.
+// reports DOWN and RELEASED again and registers with the present notifier; while the connection is up, it drops that
+// connection, and the client reconnects.
 #include "pelmar_log_site.h"
 #include "service_client.h"
 

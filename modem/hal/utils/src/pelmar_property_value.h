@@ -1,4 +1,4 @@
-// Values of properties.
+// A property's value in a buffer of its maximum size, values that are kept, and values as numbers.
 #pragma once
 
 #include <atomic>

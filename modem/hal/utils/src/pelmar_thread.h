@@ -22,9 +22,9 @@ class Lock {
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Plain words that several threads read or write without a lock: the fields of exported records, whose types are C's.
-// Acquire and release order, because a thread that loads a handle must see what its maker wrote before; on every
-// processor that matters they cost no more than a plain access.
+// Atomic access to plain words: exported records of C have fields that several threads use without a lock. Acquire and
+// release order, because a thread that loads a handle must see what its maker wrote before; a load or a store is one
+// instruction on x86-64 and on 64-bit Arm.
 template <typename T>
 T load(const T& word) {
   return __atomic_load_n(&word, __ATOMIC_ACQUIRE);

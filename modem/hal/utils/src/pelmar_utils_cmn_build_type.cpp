@@ -36,7 +36,7 @@ int32_t build_type(const Operation& operation) {
   return PELMAR_BUILD_TYPE_PRE;
 }
 
-// Whether the build has a type, or not decided yet.
+// The kept result of a comparison with the build's type; kUndecided before the first call.
 enum Comparison : int8_t { kUndecided, kHolds, kFails };
 
 // The exported operation at `here`. Its first call compares the build's type and keeps the result; two threads that

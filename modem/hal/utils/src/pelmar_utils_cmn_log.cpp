@@ -30,7 +30,7 @@ struct Sink {
   const char* property;
   const char* variable;
   // Compatibility: the mask's name in the lines of merge, add and set; remove and close always log `variable`.
-  const char* widened_as;
+  const char* changed_as;
 };
 
 constexpr Sink kLogcat{g_logcat_print_mask, "logcat", "persist.vendor.radio.adb_log_ka", "g_pelmar_logcat_print_mask",
@@ -56,12 +56,12 @@ void change_mask(const Sink& sink, const char* verb, const char* called, const c
 using Levels = std::atomic<uint32_t>;
 
 void merge_mask(const Sink& sink, uint32_t mask) {
-  change_mask(sink, "merge", sink.widened_as, "merge_mask", mask,
+  change_mask(sink, "merge", sink.changed_as, "merge_mask", mask,
               [mask](Levels& levels) { levels.fetch_and(mask, std::memory_order_relaxed); });
 }
 
 void add_mask(const Sink& sink, uint32_t mask) {
-  change_mask(sink, "add", sink.widened_as, "add_mask", mask,
+  change_mask(sink, "add", sink.changed_as, "add_mask", mask,
               [mask](Levels& levels) { levels.fetch_or(mask, std::memory_order_relaxed); });
 }
 
@@ -71,7 +71,7 @@ void remove_mask(const Sink& sink, uint32_t mask) {
 }
 
 void set_mask(const Sink& sink, uint32_t mask) {
-  change_mask(sink, "set", sink.widened_as, "dst_mask", mask,
+  change_mask(sink, "set", sink.changed_as, "dst_mask", mask,
               [mask](Levels& levels) { levels.store(mask, std::memory_order_relaxed); });
 }
 
@@ -80,8 +80,8 @@ void close(const Sink& sink) {
   sink.mask.levels.store(0, std::memory_order_relaxed);
 }
 
-// Sets `loaded` first, because functions that the merge calls may log. Two threads that merge at once AND the same
-// value.
+// Sets `loaded` first, because functions that the merge calls may log. Two threads may merge at once, because both AND
+// the mask with the same value.
 void load_mask(const Sink& sink) {
   sink.mask.loaded.store(true, std::memory_order_relaxed);
   char value[256] = {};

@@ -1,7 +1,7 @@
 // The name and id of the library's process.
 //
-// Every log line carries the name, so the two functions that read it for the lines log to the system log without a
-// site. A name is built in a buffer of one thread and then published for ever, so that no thread reads a part of it.
+// Every log line has the name, so the two functions that read it for the lines use pelmar_utils_syslog_*(), not the log
+// macros. A name is built in a buffer of one thread and then published for ever, so that no thread reads a part of it.
 // During the first read other threads get the name that was published before, at first the empty name.
 #include "pelmar_process.h"
 
@@ -80,7 +80,7 @@ bool read_name_from_command_line(Name& out) {
   return true;
 }
 
-// No other thread uses `out` meanwhile. Trimming logs, and a log line may publish the name from the command line.
+// REQUIRES: no other thread uses `out`. Trimming logs, and a log line may publish the name from the command line.
 bool read_name_from_status(Name& out) {
   Line path;
   format_path(path, getpid(), "status");
@@ -96,7 +96,7 @@ bool read_name_from_status(Name& out) {
   return true;
 }
 
-// Whose record is read. The name in kOwn is the published one, which is empty while it is read.
+// The record to fill: the caller's, or the process's own, whose name is published and is empty while it is read.
 enum class Record { kOfCaller, kOwn };
 
 // The function's name appears in its log lines.
@@ -155,7 +155,7 @@ bool is_task(const char* entry_name, const char* task_name) {
   return same;
 }
 
-bool is_process_directory(const dirent& entry) {
+bool is_subdirectory(const dirent& entry) {
   return entry.d_type == DT_DIR && std::strcmp(entry.d_name, ".") != 0 && std::strcmp(entry.d_name, "..") != 0;
 }
 
@@ -210,7 +210,7 @@ void pelmar_get_pid_by_name(int32_t* pid, const char* task_name) {
   DIR* const processes = opendir("/proc");
   if (processes == nullptr) return operation.fail("opendir fail");
   while (const dirent* const entry = readdir(processes)) {
-    if (is_process_directory(*entry) && is_task(entry->d_name, task_name)) {
+    if (is_subdirectory(*entry) && is_task(entry->d_name, task_name)) {
       *pid = std::atoi(entry->d_name);
       break;
     }

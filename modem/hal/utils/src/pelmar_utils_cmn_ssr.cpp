@@ -39,7 +39,7 @@ void save_level(const char* level) {
 struct Target {
   const char* level;
   const char* name;
-  const char* in_force;
+  const char* in_force_text;
 };
 
 }  // namespace
@@ -99,7 +99,7 @@ int32_t pelmar_set_modem_ssr_type(int32_t type) {
     default:
       return operation.finish(0, "PELMAR_SSR_START_WITH_PROP, invalid ssr type");
   }
-  if (level.equals(target.level)) return operation.finish(0, target.in_force);
+  if (level.equals(target.level)) return operation.finish(0, target.in_force_text);
   PELMAR_LOG_DEBUG("PROP - MODEM_RESTART_LEVEL_ID_%s: %s", target.name, target.level);
   pelmar_set_property_value(kLevel, target.level);
 

@@ -1,4 +1,4 @@
-// The NAS service client of subscription 1. nas_0_client.cpp is the same for subscription 0, and describes both.
+// The NAS service client of subscription 1. Only names and numbers differ from nas_0_client.cpp, which describes both.
 #include "nas_client.h"
 
 #include "nas_requests.h"
