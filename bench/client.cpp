@@ -33,7 +33,7 @@ double seconds_of(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-// A run of the client, on a terminal or with nobody who reads its output.
+// A run of the client, on a terminal or without a reader of its output.
 class Client {
  public:
   enum class Output { kTerminal, kNone };

@@ -22,8 +22,8 @@
  * modem_api_free_client() included, but must not block for long, and must not send a command through the connection
  * whose callback they are: see each callback type below.
  *
- * A modem that goes away: SAR and NAS clients get a service-down notice, come back by themselves and get a service-up
- * notice. A vendor-specific client gets no notice and does not come back. Its program detects the loss by a SAR or NAS
+ * A modem that goes away: SAR and NAS clients get a service-down notice, reconnect by themselves and get a service-up
+ * notice. A vendor-specific client gets no notice and does not reconnect. Its program detects the loss by a SAR or NAS
  * client's service-down notice, or if a reading of statistics that worked before fails: modem_api_get_stats_parameter()
  * then returns MODEM_API_ERR_GENERIC (a modem that hangs: MODEM_API_ERR_TIMEOUT). Most other commands do not show the
  * loss: on the phone they return MODEM_API_SUCCESS with outputs of zero (see modem_api_map_qmi_error_to_modem_api). To
@@ -270,8 +270,8 @@ PELMAR_EXPORT int32_t modem_api_check_white_list(void);
  *     MODEM_API_ERR_NOT_READY      52 (device not ready)
  *     MODEM_API_ERR_GENERIC        any other
  *
- * Two successes may surprise: the error "no effect", and a lost service if the platform leaves the zeroed response
- * unchanged (the Linux one writes a failure into it). */
+ * Two special cases return MODEM_API_SUCCESS: "no effect", and a lost service if the platform leaves the zeroed
+ * response unchanged (the Linux one writes a failure into it). */
 PELMAR_EXPORT modem_api_result modem_api_map_qmi_error_to_modem_api(int32_t transport_code,
                                                                     const qmi_response_type_v01* response);
 

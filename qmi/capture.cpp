@@ -61,7 +61,7 @@ constexpr size_t kLongestText = 255;
 
 constexpr size_t kBufferLength = size_t{256} << 10;  // also the longest block that is not skipped
 
-constexpr int kPipePatienceMs = 5000;
+constexpr int kPipeTimeoutMs = 5000;
 
 constexpr size_t padding_of(size_t length) {
   return (4 - length % 4) % 4;
@@ -140,7 +140,8 @@ std::string expand(std::string_view name) {
   return path;
 }
 
-// Takes a file or a FIFO for this process alone, and empties a file. Returns the problem if it must stay as it is.
+// Locks a file or a FIFO, and empties a file. Returns the problem if another process writes it or it is no capture:
+// then it stays as it is.
 std::string take_over(int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0 || (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode))) return "";
@@ -203,7 +204,7 @@ int write_to_pipe(int descriptor, std::span<const uint8_t> bytes) {
   const NoPipeSignal guard;
   while (!bytes.empty()) {
     pollfd writable = {descriptor, POLLOUT, 0};
-    const int ready = ::poll(&writable, 1, kPipePatienceMs);
+    const int ready = ::poll(&writable, 1, kPipeTimeoutMs);
     if (ready == 0) return ETIMEDOUT;
     // A pipe that is writable takes so many bytes without waiting.
     const ssize_t count = ready < 0 ? -1 : ::write(descriptor, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
@@ -228,7 +229,7 @@ int open_capture(const std::string& name, std::string& problem) {
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600);
   }
   const bool lacks_reader = file < 0 && errno == ENXIO;
-  problem = lacks_reader          ? "nobody reads the pipe yet"
+  problem = lacks_reader          ? "no process reads the pipe yet"
             : file < 0            ? std::strerror(errno)
             : ::isatty(file) != 0 ? "it is a terminal"
                                   : "";

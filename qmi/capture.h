@@ -54,15 +54,15 @@ class CaptureWriter {
   // if a write fails, with errno's value; nothing more is written then.
   CaptureWriter(int descriptor, std::string_view program, std::function<void(int error)> ended);
 
-  // Returns the number of the link. kShared: an earlier link of the same description has that number. From the 16,384th
-  // link of a writer on, all have one number: that of a link whose transport and process are "others".
+  // Returns the number of the link. kShared: that of an earlier link with the same description, if there is one. After
+  // 16,383 links all further ones share one link, whose transport and process are "others".
   enum class Sharing { kShared, kOwn };
   uint32_t add_link(const CaptureLink& link, Sharing sharing);
 
   // Writes a message with the present time. A file takes it without waiting for other threads. A pipe takes messages
-  // one by one; if it takes none for some seconds, the write has failed. A write that would make a file longer than
-  // RLIMIT_FSIZE, as it was when the writer was created, fails with EFBIG. The signal SIGXFSZ, which ends a program
-  // that does not ignore it, comes only if the limit was lowered since, or if something else writes the file.
+  // one by one; if it takes none for some seconds, the write has failed. A write fails with EFBIG if the file would
+  // exceed RLIMIT_FSIZE as it was when the writer was created. If the limit was lowered since, or another process
+  // writes the file, the signal SIGXFSZ may come instead, which ends a program that does not ignore it.
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 
  private:
@@ -73,7 +73,7 @@ class CaptureWriter {
 
   const int descriptor_;
   const bool is_file_;
-  std::atomic<int64_t> room_;  // what a file may take; negative where that was exceeded
+  std::atomic<int64_t> room_;  // the bytes up to the limit of a file's size; negative after it was exceeded
   const std::function<void(int error)> ended_;
   std::atomic<bool> has_ended_{false};
   std::mutex links_mutex_;
@@ -105,7 +105,7 @@ class CaptureReader {
   // The link of a message. Links of different sections have different numbers, unless there are very many.
   const CaptureLink& link(uint32_t number) const;
 
-  // The packets that are no QMI messages.
+  // The number of packets that were skipped because they are no QMI messages.
   uint64_t skipped() const { return skipped_; }
 
   // Where the current block begins in the file.

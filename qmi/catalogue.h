@@ -17,7 +17,7 @@ struct MessageName {
   const char* name;
 };
 
-// A service that is described here has names and rows for all its messages, any other one a name alone.
+// A described service has names and rows of all its messages; any other service has only a name.
 struct ServiceRows {
   uint8_t id;
   const char* name;
@@ -28,7 +28,7 @@ struct ServiceRows {
 
 std::span<const ServiceRows> catalogue();
 
-// The aggregate's row: the service's own, or the result of every response.
+// Returns the row of an aggregate's type: one of the service, or that of the result in every response.
 const qmi_idl::Type& type_of(const ServiceRows& service, const qmi_idl::Element& aggregate);
 
 // Null for an unknown service, message or TLV. The result of a response has a row for any message.

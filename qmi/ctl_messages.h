@@ -1,5 +1,5 @@
 // The messages of the CTL service (0x00), which every QMUX connection has: versions, client ids, and a proxy's first
-// message. Nobody decodes into these structures: the rows of ctl_tables.h describe the bytes on the wire with them.
+// message. No code decodes into these structures: the rows of ctl_tables.h describe the bytes on the wire with them.
 #pragma once
 
 #include <cstdint>

@@ -36,7 +36,7 @@ inline bool is_enumeration(uint8_t kind) {
   return kind == QMI_IDL_KIND_ENUM_1_BYTE || kind == QMI_IDL_KIND_ENUM_2_BYTES;
 }
 
-// Table 0 is the one that the reference stands in; the others are those that it refers to.
+// Number 0 is the table that contains the reference; the others are the entries of its referenced tables.
 inline const TypeTable& referenced_table(const TypeTable& table, unsigned number) {
   return number == 0 ? table : *table.p_referenced_tables[number];
 }

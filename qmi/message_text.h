@@ -1,5 +1,5 @@
-// One message of a capture as a line for people, or as a JSON document; with each TLV by name and value where that is
-// asked for. Text is appended to a buffer, because a capture may have millions of messages. It is ASCII: other
+// One message of a capture as a line for people, or as a JSON document; with each TLV by name and value on
+// request. Text is appended to a buffer, because a capture may have millions of messages. It is ASCII: other
 // characters, which a file or another process may have put anywhere, are escaped.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace pelmar::qmi {
 
-// A message with what shows its meaning.
+// A captured message, its decoded header, its result, and the time since its request.
 struct TracedMessage {
   const CapturedMessage& captured;
   const CaptureLink& link;

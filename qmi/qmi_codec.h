@@ -20,8 +20,8 @@ namespace pelmar::qmi {
 int32_t encode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                const void* structure, size_t structure_length, uint8_t* out, size_t capacity, size_t* out_length);
 
-// Decodes wire bytes into `structure`, whose first bytes (as many as the message's structure has) are zeroed before.
-// After an error they are zero as well, or untouched where the error was found before any byte was read.
+// Decodes wire bytes into `structure`. Every byte of the message's structure is written: what the message does not have
+// is zero. After an error all of them are zero, or unchanged if the error was found before any byte was read.
 int32_t decode(qmi_idl_service_object_type service, qmi_idl_type_of_message_type type, uint16_t msg_id,
                const uint8_t* bytes, size_t length, void* structure, size_t structure_length);
 

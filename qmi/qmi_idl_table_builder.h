@@ -152,7 +152,7 @@ constexpr Element aggregate(const Type& type, uint16_t index) {
 
 // --- encoded bytes ---
 
-// Writes bytes, or only counts them where it has no room to write to.
+// Writes bytes; without a buffer it only counts them.
 struct Sink {
   uint8_t* out = nullptr;
   size_t size = 0;
@@ -203,7 +203,7 @@ constexpr void encode(const Message& message, Sink& sink) {
   }
 }
 
-// Whether the flags have room for every number of a row.
+// Whether the flags have room for the type and the distance of each TLV.
 constexpr bool fits(const Message& message) {
   for (const Tlv& tlv : message.tlvs) {
     if (tlv.optional && tlv.element.offset - tlv.valid_offset > QMI_IDL_TLV_LOW_BITS) return false;

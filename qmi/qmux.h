@@ -44,8 +44,8 @@ struct Front {
   std::string_view problem = {};  // of a broken one
 };
 
-// Only a frame's length shows where the next one begins. Where none begins there, a length was wrong, and any search
-// for another beginning could take a part of a message for a frame: the stream is broken for good.
+// A frame's length gives the start of the next frame. If no frame starts there, a length was wrong, and a search for
+// another start could take message bytes for a frame, so the caller must close the stream.
 Front read_front(std::span<const uint8_t> bytes, Direction direction);
 
 enum class MessageKind : uint8_t { kRequest, kResponse, kIndication };
@@ -84,7 +84,7 @@ class FrameWriter {
   void add_tlv(uint8_t type, std::span<const uint8_t> value);
   void add_result(uint16_t error);
 
-  // Puts the lengths in.
+  // Writes the lengths of frame and message, and returns the frame.
   std::span<const uint8_t> finish();
 
  private:

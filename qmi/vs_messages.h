@@ -89,7 +89,7 @@ struct DataRecord {
 static_assert(sizeof(DataRecord) == 712);
 static_assert(offsetof(DataRecord, id) == 4 && offsetof(DataRecord, data_len) == 8 && offsetof(DataRecord, data) == 12);
 
-// Declared by the service, used by no message.
+// The service's type table has this type; no message uses it.
 struct WordPair {
   uint32_t first;
   uint32_t second;
@@ -249,7 +249,7 @@ static_assert(sizeof(EmptyRequest) == 1);
 
 // --- responses ---
 
-// The response to every command whose outcome is all that the modem responds.
+// The response to every command that returns only a result.
 struct PlainResponse {
   ResponseHeader header;
 };

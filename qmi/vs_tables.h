@@ -1,6 +1,6 @@
-// The message catalogue of the vendor-specific service (0xE4), one row a TLV, and the tables computed from it.
+// The message rows of the vendor-specific service (0xE4), one row a TLV, and the tables computed from them.
 //
-// The framework's codec walks the tables on the phone and on Linux alike. Column by column a message row is: direction,
+// The framework's codec walks the tables on the phone and on Linux alike. The columns of a message row: direction,
 // number, decoded size, largest size on the wire, TLVs.
 #pragma once
 

@@ -2,8 +2,8 @@
  *
  * The manager powers a peripheral while at least one voter is connected. It notifies every registered voter of each
  * step: 2 then 3 when it powers up, 0 then 1 when it powers down. It waits for each voter's acknowledgement, up to a
- * time-out, before the next step. The vote of a voter that dies is withdrawn. On Linux a child of fork() has none of
- * its parent's voters: every use returns PM_RET_FAILED, and the parent's votes stay. */
+ * time-out, before the next step. If a voter's process ends, its vote is withdrawn. On Linux a child of fork() has none
+ * of its parent's voters: every use returns PM_RET_FAILED, and the parent's votes stay. */
 #ifndef PM_SERVICE_H
 #define PM_SERVICE_H
 

@@ -1,8 +1,7 @@
 // System properties, shared by all processes of a user. Each property is a small file that holds its value alone.
 //
 //   persist/NAME    names that begin with "persist.", which outlive the boot
-//   BOOT_ID/NAME    all other names; BOOT_ID is the kernel's id of this boot, which hides the properties of earlier
-//   boots
+//   BOOT_ID/NAME    all other names; BOOT_ID is the kernel's id of this boot, so those of earlier boots are not found
 //
 // A value is written to a temporary file, which then gets the property's name, so that a reader sees the old value or
 // the new one, never a part. The directory is PELMAR_PROPERTY_DIR, else pelmar/properties in the user's state

@@ -1,6 +1,7 @@
 
--- The dissector of captures of QMI messages: link type 147 (USER0), a QMUX frame a packet. The tables above have the
--- names of services, messages, TLVs and fields. Nothing is read before its length has been checked.
+-- The dissector of captures of QMI messages: link type 147 (USER0), a QMUX frame a packet. generate.cpp puts the
+-- tables with the names of services, messages, TLVs and fields before this text. Nothing is read before its length has
+-- been checked.
 --
 -- Display filters: pelmar_qmi.msg == "READ_NV", pelmar_qmi.error != 0, pelmar_qmi.time > 0.1, pelmar_qmi.item == 10.
 

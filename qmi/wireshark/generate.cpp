@@ -20,7 +20,7 @@ namespace {
 using namespace pelmar;
 using qmi_idl::Element;
 
-// By name, its first kind; by "name_kind", any other one.
+// The kind of each field by its name; a further kind of the same name is at "name_kind".
 std::map<std::string, std::string> fields;
 
 std::string field_of(const std::string& name, const std::string& kind) {

@@ -246,7 +246,7 @@ TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
   }
   ctl("silence nas");
   expect({{"client cell-info --timeout 1 --json 2>/dev/null", 1, "not done in 1 s"},
-          {"client --modem ./nobody nv read 1", 1, "./nobody: nobody serves it"},
+          {"client --modem ./nobody nv read 1", 1, "./nobody: no process listens on it"},
           {"client --modem ./nobody nv read 1 --wait --timeout 1", 1, "not done in 1 s"},
           {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
   EXPECT_TRUE(wait_for_no_clients());

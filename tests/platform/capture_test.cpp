@@ -160,7 +160,7 @@ TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
   EXPECT_EQ(problem_of("/dev/fd/1000"), "Bad file descriptor");
   const std::string fifo = directory_ + "/fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  EXPECT_EQ(problem_of(fifo), "nobody reads the pipe yet");
+  EXPECT_EQ(problem_of(fifo), "no process reads the pipe yet");
   const UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
   EXPECT_EQ(problem_of(fifo), "");
   const UniqueFd writer = std::move(file_);

@@ -24,7 +24,7 @@ bool belongs_to_user(const struct stat& file) {
   return S_ISDIR(file.st_mode) && file.st_uid == ::geteuid();
 }
 
-// The home of a daemon's account may not exist, or belong to everybody, such as /.
+// The home of a daemon's account may not exist, or belong to all users, such as /.
 std::string home_of_user_database() {
   std::vector<char> space(size_t{16} << 10);
   passwd entry{};
@@ -42,7 +42,7 @@ std::string private_directory() {
 }
 
 // Opens a directory that no other user can have prepared, list or change: it is no link, belongs to this user and has
-// mode 0700. Everybody may be able to write to its parent. On failure there is no descriptor, and errno is set;
+// mode 0700. Every user may be able to write to its parent. On failure there is no descriptor, and errno is set;
 // EPERM: the directory belongs to another user or is open to others.
 UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
   if (if_missing == IfMissing::kMake && ::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return {};
@@ -58,7 +58,7 @@ UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
 void warn_once(const std::string& path, int error) {
   static std::atomic<bool> has_warned{false};
   if (has_warned.exchange(true)) return;
-  ::syslog(LOG_WARNING, "Nothing is kept in %s: %s. Set HOME or XDG_STATE_HOME to a directory of this user.",
+  ::syslog(LOG_WARNING, "Cannot store files in %s: %s. Set HOME or XDG_STATE_HOME to a directory of this user.",
            path.c_str(), error == EPERM ? "another user owns it, or it is open to others" : std::strerror(error));
 }
 

@@ -74,9 +74,8 @@ ConnectResult connect_unix(int fd, const std::string& name, std::chrono::millise
   if (error != 0) return {error, std::strerror(error)};
   const ucred listener = peer_of(fd);
   if (!is_abstract(name) || is_trusted(listener) || environment("PELMAR_ANY_USER") == "1") return {};
-  return {EPERM, describe(listener) +
-                     " serves it, who is neither this user nor root: run both as one user, or set PELMAR_ANY_USER=1 to "
-                     "trust every user"};
+  return {EPERM, "it is served by " + describe(listener) +
+                     ", not by this user or root: run both as one user, or set PELMAR_ANY_USER=1 to trust every user"};
 }
 
 UnixConnection connect_unix(const std::string& name) {

@@ -40,7 +40,7 @@ Client::Client(qmi_idl_service_object_type service, IndicationCallback indicatio
 }
 
 Client::~Client() {
-  if (!is_gone_) ServicePace::of(service_->service_id).released(Deadline::Clock::now() - connected_);
+  if (!is_gone_) ServiceBackoff::of(service_->service_id).released(Deadline::Clock::now() - connected_);
 }
 
 void Client::start() {

@@ -286,13 +286,13 @@ bool ClientIdRecord::remove(const Deadline& deadline) {
 void ClientIdRecord::restore(const std::vector<Id>& ids, const Deadline& deadline) const {
   if (ids.empty()) return;
   update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
-    Owner nobody = self;
-    nobody.process = 0;
+    Owner free_owner = self;
+    free_owner.process = 0;
     for (const Id id : ids) {
       const bool has_entry = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
         return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
       });
-      if (!has_entry && make_room(entries, self)) entries.insert(entries.begin(), {nobody, id, false, modem_});
+      if (!has_entry && make_room(entries, self)) entries.insert(entries.begin(), {free_owner, id, false, modem_});
     }
     return true;
   });

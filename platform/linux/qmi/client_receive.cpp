@@ -148,12 +148,12 @@ void Client::service_gone() {
 // The handle's thread, or the release of the handle, then ends the connection at the modem.
 void Client::lose() {
   is_gone_ = true;
-  auto& pace = ServicePace::of(service_->service_id);
+  auto& backoff = ServiceBackoff::of(service_->service_id);
   const auto lifetime = Deadline::Clock::now() - connected_;
   if (is_stopping_) {
-    pace.released(lifetime);
+    backoff.released(lifetime);
   } else {
-    pace.lost(lifetime);
+    backoff.lost(lifetime);
   }
   while (!waiters_.empty()) {
     mark_lost(waiters_.back()->request);

@@ -1,4 +1,4 @@
-// What client, notifier and voter handles consist of: descriptors, reports of their problems, the table of the handles,
+// Common parts of client, notifier and voter handles: descriptors, reports of their problems, the table of the handles,
 // and a thread for callbacks.
 //
 // A child of fork() shares none of them with its parent. A release returns after the last callback of the handle has
@@ -59,7 +59,7 @@ class ProcessFd {
 // Why something failed and, if that is known, what to do; no text: it succeeded.
 struct Problem {
   std::string text = "";
-  bool is_temporary = false;  // another attempt may succeed: who is absent may come
+  bool is_temporary = false;  // another attempt may succeed, for example once the modem is there
 
   explicit operator bool() const { return !text.empty(); }
 };

@@ -18,7 +18,7 @@ namespace pelmar::platform {
 namespace {
 
 std::string describe(int error) {
-  return error == EPIPE || error == ETIMEDOUT ? "nobody reads it" : std::strerror(error);
+  return error == EPIPE || error == ETIMEDOUT ? "no process reads it" : std::strerror(error);
 }
 
 }  // namespace

@@ -161,8 +161,8 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
 
 // --- sharing ---
 
-// One mutex guards all state. goes_on() waits for a reader's end while it holds the registry's mutex; no thread waits
-// while it holds the device's.
+// One mutex guards all state. close_if_unused() waits for a reader's end while it holds the registry's mutex; no thread
+// waits while it holds the device's.
 class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
  public:
   // The open devices of this process.
@@ -222,7 +222,7 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   };
 
   void run();
-  bool goes_on(Lock& lock);
+  bool close_if_unused(Lock& lock);
   void arm();
   void read_device();
   void write_device();
@@ -305,7 +305,7 @@ void ModemDevice::watch(int operation, int descriptor, uint32_t events, uint64_t
 
 void ModemDevice::run() {
   Lock lock(mutex_);
-  while (goes_on(lock)) {
+  while (!close_if_unused(lock)) {
     const int limit = pause_.is_timed() ? static_cast<int>(ReadingPause::kLength.count()) : -1;
     lock.unlock();
     epoll_event ready[16];
@@ -342,14 +342,14 @@ void ModemDevice::erase_ended_links() {
   changed_.notify_all();
 }
 
-// Closes the device and returns false if there are no links or the device is gone.
-bool ModemDevice::goes_on(Lock& lock) {
-  if (!links_.empty() && !is_gone_) return true;
+// Closes the device and returns true if there are no links or the device is gone.
+bool ModemDevice::close_if_unused(Lock& lock) {
+  if (!links_.empty() && !is_gone_) return false;
   lock.unlock();
   Registry& registry = Registry::of_this_process();
   const std::lock_guard registry_lock(registry.mutex);
   lock.lock();
-  if (!links_.empty() && !is_gone_) return true;
+  if (!links_.empty() && !is_gone_) return false;
   is_gone_ = true;
   links_.clear();  // their sockets report the end to the readers
   changed_.notify_all();
@@ -357,7 +357,7 @@ bool ModemDevice::goes_on(Lock& lock) {
   registry.devices.erase(path_);
   device_.reset();
   thread_.detach();
-  return false;
+  return true;
 }
 
 // Arms the thread's poll of the device. The poll is one-shot, because a device that hung up remains ready.
@@ -451,7 +451,7 @@ void ModemDevice::expect(uint64_t number, bool is_expected) {
   if (is_expected && reader_.link == 0 && !is_read_armed_) arm();
 }
 
-// Whether the thread must read as soon as nobody else does: somebody waits at a link's socket, or a frame waits for the
+// Whether the thread must read when no sender does: a client waits at a link's socket, or a frame waits for the
 // device, which may take no more bytes until we read.
 bool ModemDevice::must_read_at_once() const {
   return receivers_ > 0 || !unwritten_.empty() ||
@@ -530,7 +530,7 @@ void ModemDevice::pass_control(const qmi::Frame& frame) {
   const ControlRequest request = std::exchange(control_[message->transaction], {});
   if (request.link == 0) return;
   const auto id = qmi::find_tlv(message->tlvs, kIdTlv);
-  if (message->id == static_cast<uint16_t>(ControlMessage::kAllocateClientId) && id && id->size() >= 2) {
+  if (message->id == ctl::kAllocateClientId && id && id->size() >= 2) {
     if (!links_.contains(request.link)) return release_id((*id)[0], (*id)[1]);
     owners_[{(*id)[0], (*id)[1]}] = request.link;
   }
@@ -547,7 +547,7 @@ void ModemDevice::release_id(uint8_t service, uint8_t client) {
   last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
   control_[last_transaction_] = {};
   writer.start(qmi::kControlService, qmi::kNoClient, qmi::MessageKind::kRequest, last_transaction_,
-               static_cast<uint16_t>(ControlMessage::kReleaseClientId));
+               ctl::kReleaseClientId);
   constexpr uint8_t kIdTlv = 0x01;
   writer.add_tlv(kIdTlv, std::array{service, client});
   const auto frame = writer.finish();

@@ -14,34 +14,34 @@ namespace pelmar::platform {
 // The longest time until the notifier sees that a service came or went, if the modem does not report it.
 constexpr Deadline::Milliseconds kInterval{200};
 
-// After a look that found that the service or the link to the modem went away meanwhile, the notifier rests before the
-// next look. The rest doubles up to kInterval, because a peer may end every link at once.
-constexpr Deadline::Milliseconds kFirstRest{10};
+// If a look finds that the service or the link was lost since the look before, the notifier waits before the next one.
+// The wait doubles up to kInterval, because a peer may close every link at once.
+constexpr Deadline::Milliseconds kFirstWait{10};
 
 // A connection that lives this long is a lasting one.
-constexpr ServicePace::Duration kLasting = std::chrono::milliseconds(100);
-constexpr ServicePace::Duration kFirstPause = std::chrono::milliseconds(10);
-constexpr ServicePace::Duration kLongestPause = std::chrono::seconds(1);
+constexpr ServiceBackoff::Duration kLasting = std::chrono::milliseconds(100);
+constexpr ServiceBackoff::Duration kFirstPause = std::chrono::milliseconds(10);
+constexpr ServiceBackoff::Duration kLongestPause = std::chrono::seconds(1);
 
-ServicePace& ServicePace::of(uint32_t service) {
-  constinit static ServicePace all[UINT8_MAX + 1];
+ServiceBackoff& ServiceBackoff::of(uint32_t service) {
+  constinit static ServiceBackoff all[UINT8_MAX + 1];
   return all[service % std::size(all)];
 }
 
-void ServicePace::lost(Duration lifetime) {
+void ServiceBackoff::lost(Duration lifetime) {
   if (lifetime >= kLasting) return released(lifetime);
   if (remaining().count() > 0) return;  // another connection was lost in this pause; count it once
   pause_ = std::clamp(2 * pause_.load(), kFirstPause, kLongestPause);
   held_until_ = Deadline::Clock::now().time_since_epoch() + pause_.load();
 }
 
-void ServicePace::released(Duration lifetime) {
+void ServiceBackoff::released(Duration lifetime) {
   if (lifetime < kLasting) return;
   pause_ = Duration(0);
   held_until_ = Duration(0);
 }
 
-Deadline::Milliseconds ServicePace::remaining() const {
+Deadline::Milliseconds ServiceBackoff::remaining() const {
   const Duration rest = held_until_.load() - Deadline::Clock::now().time_since_epoch();
   return std::max(Deadline::Milliseconds(0), std::chrono::ceil<Deadline::Milliseconds>(rest));
 }
@@ -49,7 +49,7 @@ Deadline::Milliseconds ServicePace::remaining() const {
 Notifier::Notifier(qmi_idl_service_object_type service, qmi_client_type handle)
     : service_(service),
       watch_(watch_service(service->service_id)),
-      pace_(ServicePace::of(service->service_id)),
+      backoff_(ServiceBackoff::of(service->service_id)),
       handle_(handle) {}
 
 int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
@@ -64,7 +64,7 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
     lock.lock();
     is_there_ = is_there;
   }
-  if (is_there_ && pace_.remaining().count() > 0) {
+  if (is_there_ && backoff_.remaining().count() > 0) {
     is_there_ = false;  // the thread announces the service
     thread_.wake();
   }
@@ -80,20 +80,20 @@ int32_t Notifier::register_callback(qmi_client_notify_cb function, void* data) {
 }
 
 void Notifier::run() {
-  Deadline::Milliseconds rest{0};
-  bool is_announced = true;  // what the last look found
+  Deadline::Milliseconds wait{0};
+  bool is_announced = true;  // the callback has the state that the last look found
   Lock lock(mutex_);
   while (!is_stopping_) {
     lock.unlock();
-    wait_for_news(rest, is_announced);
+    wait_for_news(wait, is_announced);
     lock.lock();
     if (is_stopping_) return;
     lock.unlock();
     const Presence presence = watch_->look();
     lock.lock();
-    rest = presence.went_meanwhile ? std::clamp(2 * rest, kFirstRest, kInterval) : Deadline::Milliseconds(0);
+    wait = presence.went_meanwhile ? std::clamp(2 * wait, kFirstWait, kInterval) : Deadline::Milliseconds(0);
     if (presence.went_meanwhile && is_there_) notify(lock, false);
-    if (presence.is_there != is_there_ && (is_there_ || pace_.remaining().count() == 0))
+    if (presence.is_there != is_there_ && (is_there_ || backoff_.remaining().count() == 0))
       notify(lock, presence.is_there);
     is_announced = presence.is_there == is_there_;
   }
@@ -115,12 +115,12 @@ void Notifier::call(qmi_client_notify_cb function, qmi_client_notify_event_type 
   function(handle_, service_, event, data);
 }
 
-void Notifier::wait_for_news(Deadline::Milliseconds rest, bool is_announced) {
-  const Deadline::Milliseconds pause = pace_.remaining();
+void Notifier::wait_for_news(Deadline::Milliseconds wait, bool is_announced) {
+  const Deadline::Milliseconds pause = backoff_.remaining();
   auto limit = pause.count() > 0 ? std::min(pause, kInterval) : kInterval;
   if (is_announced && watch_->reports_all()) limit = Deadline::Milliseconds(-1);  // no limit
   pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
-  if (rest.count() > 0) ::poll(wait_for, 1, static_cast<int>(rest.count()));
+  if (wait.count() > 0) ::poll(wait_for, 1, static_cast<int>(wait.count()));
   if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
     thread_.acknowledge();
   }

@@ -1,4 +1,4 @@
-// A notifier handle, which reports that a service comes or goes, and the pace of its reports.
+// A notifier handle, which reports that a service comes or goes, and the back-off of its reports.
 //
 // The registration looks for the service on the caller's thread. After that a thread of the handle looks when the
 // transport's descriptor becomes readable and, unless the transport reports every change, again and again.
@@ -19,15 +19,16 @@ namespace pelmar::platform {
 // Delays the announcement of a service that keeps going away.
 //
 // A client that connects whenever its service is announced would connect thousands of times a second to a service that
-// goes away right after each connection. So a notifier takes such a service for absent, for a pause that grows up to a
-// second, until a connection to the service lasts. The process has one pace for each service.
+// goes away right after each connection. So a notifier delays the report of such a service, by a pause that grows up to
+// a second, until a connection to the service lasts. The process has one object for each service.
 //
-// There is no lock, because a child of fork() could find it taken. Each of several losses at the same moment may count.
-class ServicePace {
+// There is no lock, because a child of fork() could inherit it locked. Each of several losses at the same moment may
+// count.
+class ServiceBackoff {
  public:
   using Duration = Deadline::Clock::duration;
 
-  static ServicePace& of(uint32_t service);
+  static ServiceBackoff& of(uint32_t service);
 
   // A connection ended after this lifetime: the service went away (lost) or its client released it.
   void lost(Duration lifetime);
@@ -53,12 +54,12 @@ class Notifier : public std::enable_shared_from_this<Notifier> {
 
   void run();
   void notify(Lock& lock, bool is_there);
-  void wait_for_news(Deadline::Milliseconds rest, bool is_announced);
+  void wait_for_news(Deadline::Milliseconds wait, bool is_announced);
   void call(qmi_client_notify_cb function, qmi_client_notify_event_type event, void* data) const;
 
   const qmi_idl_service_object_type service_;
   const std::unique_ptr<ServiceWatch> watch_;  // used by the first registration, then by the handle's thread
-  ServicePace& pace_;
+  ServiceBackoff& backoff_;
   const qmi_client_type handle_;
 
   std::mutex mutex_;  // not held during a look or a callback

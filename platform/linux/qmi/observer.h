@@ -1,5 +1,5 @@
-// Lets a program observe its own QMI traffic: each message, and the end of each exchange. The phone's interface shows a
-// caller of the library neither.
+// Lets a program observe its own QMI traffic: each message, and the end of each exchange. The phone's interface offers
+// neither.
 #pragma once
 
 #include <atomic>

@@ -26,7 +26,7 @@ constexpr Deadline::Milliseconds kSlowestRetry{100};
 
 // If the modem is there, an open may take this much longer than the caller's time-out: callers allow a few milliseconds
 // for a service to appear, but a modem may need some hundred for its first response.
-constexpr Deadline::Milliseconds kOpenPatience{1000};
+constexpr Deadline::Milliseconds kExtraOpenTime{1000};
 
 // The longest delay of a process's end by all its connections together.
 constexpr Deadline::Milliseconds kExitTimeout{300};
@@ -52,7 +52,7 @@ void release_clients_at_exit() {
 int32_t open_in_time(qmi_idl_service_object_type service, qmi_service_instance instance, Deadline::Milliseconds timeout,
                      std::unique_ptr<Connection>& connection) {
   const Deadline deadline = Deadline::after(timeout);
-  const Deadline response_deadline = Deadline::after(timeout + kOpenPatience);
+  const Deadline response_deadline = Deadline::after(timeout + kExtraOpenTime);
   const size_t message_capacity = qmi::kMessageHeaderLength + service->max_msg_len;
   for (auto pause = kFirstRetry;; pause = std::min(2 * pause, kSlowestRetry)) {
     const int32_t error =

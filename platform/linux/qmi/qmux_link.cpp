@@ -36,10 +36,9 @@ bool FrameReader::next(qmi::Frame& frame) {
 
 ControlIndication read_control_indication(const qmi::Message& message) {
   if (message.kind == qmi::MessageKind::kIndication) {
-    const auto id = static_cast<ControlMessage>(message.id);
-    if (id == ControlMessage::kSync) return {ControlIndication::kRestarted, 0, 0};
+    if (message.id == ctl::kSync) return {ControlIndication::kRestarted, 0, 0};
     const auto value = qmi::find_tlv(message.tlvs, kValueTlv);
-    if (id == ControlMessage::kRevokeClientId && value && value->size() >= 2) {
+    if (message.id == ctl::kRevokeClientId && value && value->size() >= 2) {
       return {ControlIndication::kRevoked, (*value)[0], (*value)[1]};
     }
   }
@@ -81,9 +80,9 @@ Problem QmuxLink::open(const ModemAddress& named, const Deadline& deadline) {
   trace_ = TraceLink(is_proxy ? "proxy:" + address.path : address.path, TraceLink::Sharing::kShared);
   const std::string device = is_proxy ? address.path : kDefaultDevice;
   const Bytes path(device.begin(), device.end());
-  const Outcome outcome = exchange(ControlMessage::kOpenProxy, path, deadline, nullptr);
+  const Outcome outcome = exchange(ctl::kOpenProxy, path, deadline, nullptr);
   if (outcome == Outcome::kSuccess) return {};
-  Problem problem = {"the process that serves it does not respond in QMUX", true};
+  Problem problem = {"the process that serves it does not respond to QMUX messages", true};
   if (outcome == Outcome::kFailure) problem = {"the proxy cannot open " + device, true};
   if (is_proxy && !is_character_device(device)) problem = {"there is no character device " + device, true};
   if (const std::string refusal = stream_.describe_refusal(); !refusal.empty()) problem = {refusal};
@@ -116,7 +115,7 @@ SendStatus QmuxLink::flush(const Deadline& deadline) {
 QmuxLink::Outcome QmuxLink::get_services(std::vector<ListedService>& services, const Deadline& deadline) {
   constexpr size_t kEntryLength = 5;  // u8 service, u16 major, u16 minor
   Bytes value;
-  const Outcome outcome = exchange(ControlMessage::kGetVersionInfo, {}, deadline, &value);
+  const Outcome outcome = exchange(ctl::kGetVersionInfo, {}, deadline, &value);
   if (outcome != Outcome::kSuccess) return outcome;
   services.clear();
   const size_t count = value.empty() ? 0 : value[0];
@@ -131,12 +130,12 @@ QmuxLink::Outcome QmuxLink::allocate_client_id(uint8_t service, uint8_t& client,
   saw_restart_ = false;
   revoked_.clear();
   Bytes value;
-  const Outcome outcome = exchange(ControlMessage::kAllocateClientId, {service}, deadline, &value);
+  const Outcome outcome = exchange(ctl::kAllocateClientId, {service}, deadline, &value);
   if (outcome != Outcome::kSuccess) return outcome;
   if (value.size() < 2 || value[0] != service) return Outcome::kFailure;
   if (value[1] == qmi::kNoClient || value[1] == qmi::kAllClients) return Outcome::kFailure;
   client = value[1];
-  if (take_restart()) {  // we do not know whether the modem allocated the id before or after it
+  if (take_restart()) {  // the modem may have allocated the id before or after it
     send_release_client_id(service, client);
     return Outcome::kNoResponse;
   }
@@ -144,11 +143,11 @@ QmuxLink::Outcome QmuxLink::allocate_client_id(uint8_t service, uint8_t& client,
 }
 
 QmuxLink::Outcome QmuxLink::release_client_id(uint8_t service, uint8_t client, const Deadline& deadline) {
-  return exchange(ControlMessage::kReleaseClientId, {service, client}, deadline, nullptr);
+  return exchange(ctl::kReleaseClientId, {service, client}, deadline, nullptr);
 }
 
 SendStatus QmuxLink::send_release_client_id(uint8_t service, uint8_t client) {
-  return request(ControlMessage::kReleaseClientId, {service, client}, Deadline::now());
+  return request(ctl::kReleaseClientId, {service, client}, Deadline::now());
 }
 
 bool QmuxLink::take_revocation(uint8_t service) {
@@ -183,7 +182,7 @@ bool QmuxLink::take_frame(qmi::Frame& frame) {
   return is_whole;
 }
 
-SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadline& deadline) {
+SendStatus QmuxLink::request(ctl::MessageId id, const Bytes& value, const Deadline& deadline) {
   if (const SendStatus status = flush(deadline); status != SendStatus::kSent) return status;
   transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
   Bytes bytes(qmi::kFrameHeaderLength + qmi::kControlHeaderLength + qmi::kTlvHeaderLength + value.size());
@@ -196,7 +195,7 @@ SendStatus QmuxLink::request(ControlMessage id, const Bytes& value, const Deadli
   return status == SendStatus::kBlocked ? flush(deadline) : status;
 }
 
-QmuxLink::Outcome QmuxLink::exchange(ControlMessage id, const Bytes& value, const Deadline& deadline,
+QmuxLink::Outcome QmuxLink::exchange(ctl::MessageId id, const Bytes& value, const Deadline& deadline,
                                      Bytes* response_value) {
   if (request(id, value, deadline) != SendStatus::kSent) return Outcome::kNotSent;
   for (;;) {

@@ -48,8 +48,6 @@ class FrameReader {
   bool is_broken_ = false;
 };
 
-using ControlMessage = ctl::MessageId;
-
 // The content of an indication of the CTL service.
 struct ControlIndication {
   enum { kOther, kRevoked, kRestarted } event;
@@ -115,8 +113,8 @@ class QmuxLink {
   using Bytes = std::vector<uint8_t>;
 
   Problem connect(const ModemAddress& address, const Deadline& deadline);
-  SendStatus request(ControlMessage id, const Bytes& value, const Deadline& deadline);
-  Outcome exchange(ControlMessage id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
+  SendStatus request(ctl::MessageId id, const Bytes& value, const Deadline& deadline);
+  Outcome exchange(ctl::MessageId id, const Bytes& value, const Deadline& deadline, Bytes* response_value);
   bool take_frame(qmi::Frame& frame);
 
   SocketStream stream_;

@@ -292,7 +292,7 @@ bool QmuxWatch::look_over_link(Presence& presence, const Deadline& deadline) {
   presence.went_meanwhile |= link_.take_revocation(service_);
   if (link_.take_restart()) {
     presence.went_meanwhile = true;
-    // The ids of dead processes are void. We do not know which ids of live processes are older than the restart.
+    // The ids of dead processes are void. Those of live processes may be older or newer than the restart.
     record_of(address_).take_abandoned(deadline);
   }
   return true;

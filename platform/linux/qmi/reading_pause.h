@@ -1,6 +1,6 @@
-// A thread polls a descriptor, except while another thread reads it in its place. While such readers follow each other,
-// the thread's poll remains disarmed between them: to arm and disarm it for each would cost them two system calls.
-// Where somebody waits for what the thread reads, the poll is armed at once.
+// A handle's thread polls a descriptor, except while a sender reads it in its place. The thread's poll stays disarmed
+// between senders that follow each other, which saves two system calls for each. If another thread waits for what the
+// thread reads, the poll is armed at once.
 #pragma once
 
 #include "deadline.h"
@@ -30,8 +30,8 @@ class ReadingPause {
   // Whether the thread's wait must end after kLength.
   bool is_timed() const { return is_timed_; }
 
-  // The thread calls it after each wait. Returns true once no reader has followed: if nobody reads, the thread must arm
-  // its poll.
+  // The thread calls it after each wait. Returns true once no reader has followed: unless another thread reads, the
+  // thread must arm its poll.
   bool take_end() {
     if (!is_timed_ || Deadline::Clock::now() - last_end_ < kLength) return false;
     is_timed_ = false;

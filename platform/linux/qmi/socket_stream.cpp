@@ -41,7 +41,7 @@ Problem SocketStream::connect(const std::string& name, const Deadline& deadline)
   }
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
-  return {is_absent ? "nobody serves it (" + result.problem + ")" : result.problem, is_absent};
+  return {is_absent ? "no process listens on it (" + result.problem + ")" : result.problem, is_absent};
 }
 
 bool SocketStream::adopt(ProcessFd socket) {
