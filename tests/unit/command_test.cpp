@@ -134,8 +134,9 @@ std::vector<CommandRow> command_rows() {
   const std::string word = "010400A1A2A3A4 ";
   const std::string nv = word + "020100B1 030200C1C2 ";
   const std::string efs = word + "020200C1C2 ";
-  // Of a path, the first 100 characters are sent.
-  const std::string file = tlv(1, repeated(100, [](uint32_t) { return "70"; })) + "020200C1C2 030100B1 ";
+  // The path has 150 characters: what is sent of it ends after the 100th.
+  const std::string file =
+      tlv(1, repeated(MODEM_API_MAX_PATH_CHARACTERS, [](uint32_t) { return "70"; })) + "020200C1C2 030100B1 ";
   const std::string slot = "010200FEFF 0202000180 ";
   const std::string data_256 = sized_data(256);
   const std::string payload = sized_data(512);
