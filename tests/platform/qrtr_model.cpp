@@ -2,18 +2,17 @@
 // and the sanitizers do not run in the virtual machine that has it. The same tests run over the kernel's QRTR in that
 // machine (scripts/qrtr_vm.sh), so they fail if the model differs from the kernel in what they rely on.
 //
-// The linker directs the program's calls of each NAME below to __wrap_NAME. A socket is an eventfd, whose count is the
-// number of the datagrams that wait.
+// The linker directs the program's calls of each NAME to __wrap_NAME, and __real_close to close. A socket is an
+// eventfd, whose count is the number of the datagrams that wait.
 #include <linux/qrtr.h>
 #include <linux/sock_diag.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstring>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -30,8 +29,8 @@ struct Datagram {
   uint32_t from;
   std::vector<uint8_t> bytes;
 
-  // The kernel allocates a power of two for its header, the bytes and a structure, and adds another structure.
-  uint32_t memory() const { return std::bit_ceil(32 + (static_cast<uint32_t>(bytes.size()) + 3) / 4 * 4 + 320) + 256; }
+  // The kernel allocates a power of two for the bytes and its own 352, and another structure of 256.
+  uint32_t memory() const { return std::bit_ceil(static_cast<uint32_t>(bytes.size()) + 352) + 256; }
 };
 
 struct Socket {
@@ -42,51 +41,43 @@ struct Socket {
   std::deque<Datagram> waiting = {};
 };
 
-struct Node {
-  std::mutex mutex;
-  std::map<int, Socket> sockets;  // by descriptor
-
-  // Never destroyed, because the name service uses it until the process ends.
-  static Node& instance() {
-    static auto& node = *new Node;
-    return node;
-  }
-
-  // REQUIRES: the mutex is held, here and below.
-  auto find(uint32_t port) {
-    return std::ranges::find_if(sockets, [=](const auto& entry) { return entry.second.port == port; });
-  }
-
-  // Returns 0, or errno's value.
-  int deliver(uint32_t port, Datagram datagram) {
-    const auto found = find(port);
-    if (found == sockets.end() || port == datagram.from) return ENODEV;
-    auto& [descriptor, socket] = *found;
-    if (socket.waiting_bytes >= socket.capacity) {
-      ++socket.drops;
-      return ENOSPC;
-    }
-    socket.waiting_bytes += datagram.memory();
-    socket.waiting.push_back(std::move(datagram));
-    ::eventfd_write(descriptor, 1);
-    return 0;
-  }
-};
-
-int open_socket(uint32_t port) {
-  const int fd = ::eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  if (fd >= 0) node.sockets.emplace(fd, Socket{port});
-  return fd;
-}
+constinit std::mutex mutex;
+// By descriptor. Never destroyed, because the name service uses them until the process ends.
+std::map<int, Socket>& sockets = *new std::map<int, Socket>;
 
 int fail(int error) {
   errno = error;
   return -1;
 }
 
-// The kernel's name service has a thread and a socket as well.
+int open_socket(uint32_t port, int flags) {
+  const std::lock_guard lock(mutex);
+  const int fd = ::eventfd(0, EFD_SEMAPHORE | EFD_CLOEXEC | flags);
+  if (fd >= 0) sockets.emplace(fd, Socket{port});
+  return fd;
+}
+
+// REQUIRES: the mutex is held, here and below.
+auto find(uint32_t port) {
+  return std::ranges::find(sockets, port, [](const auto& entry) { return entry.second.port; });
+}
+
+ssize_t deliver(uint32_t port, uint32_t from, const void* bytes, size_t length) {
+  const auto found = find(port);
+  if (found == sockets.end() || port == from) return fail(ENODEV);
+  auto& [descriptor, socket] = *found;
+  if (socket.waiting_bytes >= socket.capacity) {
+    ++socket.drops;
+    return fail(ENOSPC);
+  }
+  const auto* const first = static_cast<const uint8_t*>(bytes);
+  socket.waiting.push_back({from, {first, first + length}});
+  socket.waiting_bytes += socket.waiting.back().memory();
+  ::eventfd_write(descriptor, 1);
+  return static_cast<ssize_t>(length);
+}
+
+// The name service, which has a thread and a socket in the kernel as well.
 void serve_names(int fd) {
   std::map<uint32_t, qrtr_ctrl_pkt> servers;  // by port
   std::map<uint32_t, uint32_t> lookups;       // the service, 0 for all, by port
@@ -98,12 +89,10 @@ void serve_names(int fd) {
     if (service == 0 || service == server.server.service) send(port, server);
   };
   for (;;) {
-    pollfd readable = {fd, POLLIN, 0};
-    ::poll(&readable, 1, -1);
     qrtr_ctrl_pkt packet{};
     sockaddr_qrtr from{};
     socklen_t length = sizeof from;
-    ::recvfrom(fd, &packet, sizeof packet, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
+    ::recvfrom(fd, &packet, sizeof packet, 0, reinterpret_cast<sockaddr*>(&from), &length);
     switch (packet.cmd) {
       case QRTR_TYPE_NEW_SERVER:
         packet.server.node = from.sq_node;
@@ -134,47 +123,40 @@ extern "C" {
 int __real_close(int fd);
 
 int __wrap_socket(int family, int /*type*/, int /*protocol*/) {
-  static std::once_flag has_names;
-  std::call_once(has_names, [] { std::thread(serve_names, open_socket(QRTR_PORT_CTRL)).detach(); });
-  return family == AF_QIPCRTR ? open_socket(0) : fail(EAFNOSUPPORT);
+  static std::once_flag is_started;
+  std::call_once(is_started, [] { std::thread(serve_names, open_socket(QRTR_PORT_CTRL, 0)).detach(); });
+  return family == AF_QIPCRTR ? open_socket(0, EFD_NONBLOCK) : fail(EAFNOSUPPORT);
 }
 
 int __wrap_close(int fd) {
-  Node& node = Node::instance();
-  {
-    const std::lock_guard lock(node.mutex);
-    const auto socket = node.sockets.extract(fd);
-    if (socket && socket.mapped().port != 0) {
-      qrtr_ctrl_pkt packet{QRTR_TYPE_DEL_CLIENT, {}};
-      packet.client.node = kNode;
-      packet.client.port = socket.mapped().port;
-      const auto* const bytes = reinterpret_cast<const uint8_t*>(&packet);
-      node.deliver(QRTR_PORT_CTRL, {socket.mapped().port, {bytes, bytes + sizeof packet}});
-    }
+  std::unique_lock lock(mutex);
+  const auto socket = sockets.extract(fd);
+  if (socket && socket.mapped().port != 0) {
+    qrtr_ctrl_pkt packet{QRTR_TYPE_DEL_CLIENT, {}};
+    packet.client = {kNode, socket.mapped().port};
+    deliver(QRTR_PORT_CTRL, socket.mapped().port, &packet, sizeof packet);
   }
+  lock.unlock();
   return __real_close(fd);
 }
 
 int __wrap_getsockname(int fd, sockaddr* address, socklen_t* /*length*/) {
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  *reinterpret_cast<sockaddr_qrtr*>(address) = {AF_QIPCRTR, kNode, node.sockets.at(fd).port};
+  const std::lock_guard lock(mutex);
+  *reinterpret_cast<sockaddr_qrtr*>(address) = {AF_QIPCRTR, kNode, sockets.at(fd).port};
   return 0;
 }
 
 // SO_RCVBUF and SO_RCVBUFFORCE.
 int __wrap_setsockopt(int fd, int /*level*/, int /*option*/, const void* value, socklen_t /*length*/) {
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  node.sockets.at(fd).capacity = std::max(2 * *static_cast<const uint32_t*>(value), kLeastCapacity);
+  const std::lock_guard lock(mutex);
+  sockets.at(fd).capacity = std::max(2 * *static_cast<const uint32_t*>(value), kLeastCapacity);
   return 0;
 }
 
 // SO_MEMINFO.
 int __wrap_getsockopt(int fd, int /*level*/, int /*option*/, void* value, socklen_t* /*length*/) {
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  const Socket& socket = node.sockets.at(fd);
+  const std::lock_guard lock(mutex);
+  const Socket& socket = sockets.at(fd);
   auto* const values = static_cast<uint32_t*>(value);
   values[SK_MEMINFO_RMEM_ALLOC] = socket.waiting_bytes;
   values[SK_MEMINFO_RCVBUF] = socket.capacity;
@@ -183,27 +165,21 @@ int __wrap_getsockopt(int fd, int /*level*/, int /*option*/, void* value, sockle
 }
 
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t length, int /*flags*/, const sockaddr* to, socklen_t) {
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  uint32_t& port = node.sockets.at(fd).port;
-  for (uint32_t next = kFirstPort; port == 0; ++next) {
-    if (node.find(next) == node.sockets.end()) port = next;
+  const std::lock_guard lock(mutex);
+  Socket& socket = sockets.at(fd);
+  for (uint32_t port = kFirstPort; socket.port == 0; ++port) {
+    if (find(port) == sockets.end()) socket.port = port;
   }
   const auto& address = *reinterpret_cast<const sockaddr_qrtr*>(to);
   if (address.sq_family != AF_QIPCRTR) return fail(EINVAL);
-  if (address.sq_node != kNode) return fail(ECONNRESET);
-  const auto* const first = static_cast<const uint8_t*>(bytes);
-  const int error = node.deliver(address.sq_port, {port, {first, first + length}});
-  return error == 0 ? static_cast<ssize_t>(length) : fail(error);
+  return address.sq_node == kNode ? deliver(address.sq_port, socket.port, bytes, length) : fail(ECONNRESET);
 }
 
-ssize_t __wrap_recvfrom(int fd, void* room, size_t length, int flags, sockaddr* from, socklen_t* /*from_length*/) {
-  if (flags != MSG_DONTWAIT) return fail(EINVAL);  // not modelled
+ssize_t __wrap_recvfrom(int fd, void* room, size_t length, int /*flags*/, sockaddr* from, socklen_t* /*from_length*/) {
   eventfd_t one;
   if (::eventfd_read(fd, &one) != 0) return -1;
-  Node& node = Node::instance();
-  const std::lock_guard lock(node.mutex);
-  Socket& socket = node.sockets.at(fd);
+  const std::lock_guard lock(mutex);
+  Socket& socket = sockets.at(fd);
   const Datagram datagram = std::move(socket.waiting.front());
   socket.waiting.pop_front();
   socket.waiting_bytes -= datagram.memory();

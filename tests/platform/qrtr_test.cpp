@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -45,28 +46,27 @@ struct Datagram {
 
 // The response to a request, with this DRX.
 Bytes drx_response(const Datagram& request, uint8_t drx) {
-  return message(0x02, static_cast<uint16_t>(request.bytes.at(1) | request.bytes.at(2) << 8), QMI_NAS_GET_DRX_V01,
-                 {0x02, 4, 0, 0, 0, 0, 0, 0x10, 4, 0, drx, 0, 0, 0});
+  return message(0x02, u16_at(request.bytes, 1), QMI_NAS_GET_DRX_V01, platform::drx_response(drx));
 }
 
 // A socket of the test. The kernel gives it an address when it first sends.
 class Peer {
  public:
-  void publish(uint32_t instance = 0, uint32_t version = kVersion) {
+  void publish(uint32_t instance = 0, uint32_t version = kVersion, uint32_t receiver = QRTR_PORT_CTRL) {
     qrtr_ctrl_pkt packet{};
     packet.cmd = QRTR_TYPE_NEW_SERVER;
     packet.server.service = uint32_t{NAS_SERVICE_ID_V01};
     packet.server.instance = instance << 8 | version;
-    packet.server.node = own_node();
+    packet.server.node = address().node;
     const auto* const bytes = reinterpret_cast<const uint8_t*>(&packet);
-    EXPECT_EQ(send({own_node(), QRTR_PORT_CTRL}, Bytes(bytes, bytes + sizeof packet)), 0);
+    EXPECT_EQ(send({address().node, receiver}, Bytes(bytes, bytes + sizeof packet)), 0);
   }
 
-  uint32_t own_node() const {
+  QrtrAddress address() const {
     sockaddr_qrtr own{};
     socklen_t length = sizeof own;
     EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&own), &length), 0);
-    return own.sq_node;
+    return {own.sq_node, own.sq_port};
   }
 
   // Returns 0, or errno's value.
@@ -198,6 +198,10 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   const Datagram request = service.receive_request();
   EXPECT_EQ(stranger.send(request.from, drx_response(request, 6)), 0);
   EXPECT_EQ(stranger.send(request.from, Bytes{5, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0}), 0) << "a truncated departure";
+  EXPECT_EQ(stranger.send(request.from, Bytes{3, 0, 0, 0, 1, 0, 0, 0}), 0) << "the end of the node";
+  stranger.publish(1);
+  stranger.close();  // another service of the same number
+  EXPECT_TRUE(service.receive().is_control());
   const uint16_t id = QMI_NAS_GET_DRX_V01;
   for (const Bytes& bad : {Bytes(), Bytes{2}, Bytes(6, 0xFF), Bytes(65000, 0xFF), message(0, 1, id, {}),
                            message(2, 0x7777, id, {}), message(2, 1, id + 1, {})}) {
@@ -206,6 +210,7 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   EXPECT_EQ(service.send(request.from, drx_response(request, 8)), 0);
   EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 8));
   EXPECT_EQ(events(0), Events{});
+  EXPECT_EQ(indications_, 0u) << "a request of the service";
 
   const UniqueFd file(::open(path.c_str(), O_RDONLY));
   qmi::CaptureReader reader(file.get());
@@ -214,7 +219,7 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   while (reader.next(message) == qmi::CaptureReader::Status::kMessage) {
     trace += (message.direction == qmi::Direction::kToModem ? ">" : "<") + std::to_string(message.frame.message.size());
     EXPECT_EQ(message.frame.client, request.from.port & 0xFF);
-    EXPECT_EQ(reader.link(message.link).transport, "qrtr:" + std::to_string(service.own_node()));
+    EXPECT_EQ(reader.link(message.link).transport, "qrtr:" + std::to_string(service.address().node));
   }
   EXPECT_EQ(trace, ">7<1<6<65000<7<7<7<21");
   ::unlink(path.c_str());
@@ -243,9 +248,12 @@ TEST_F(QrtrTest, FailsWhenItsServiceEndsAndFindsItAgain) {
   const Datagram request = second.receive_request();
   EXPECT_EQ(second.send(request.from, drx_response(request, 9)), 0);
   EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 9));
+  outcome = send(handle);
+  second.receive_request();
   handles_.clear();
   qmi_client_release(lost);
   qmi_client_release(handle);
+  EXPECT_EQ(outcome.get().first, QMI_CLIENT_INVALID_CLNT);
   Datagram end = second.receive();
   while (!end.bytes.empty() &&
          read_qrtr_control(end.bytes) != QrtrControl{QrtrControl::Kind::kSocketGone, request.from}) {
@@ -265,13 +273,13 @@ TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
   EXPECT_EQ(outcome.get().first, QMI_TIMEOUT_ERR);
   qmi_client_type handle = nullptr;
   EXPECT_EQ(open(&handle, 4, 3), QMI_TIMEOUT_ERR);
-  ::setenv("PELMAR_MODEM", ("qrtr:" + std::to_string(one.own_node())).c_str(), 1);
+  ::setenv("PELMAR_MODEM", ("qrtr:" + std::to_string(one.address().node)).c_str(), 1);
   EXPECT_EQ(open(&handle), QMI_NO_ERR);
   ModemReport report;
   pelmar_platform_inspect_modem(&report);
   std::set<uint32_t> instances;
   for (const ListedService& service : report.services) {
-    if (service.number == NAS_SERVICE_ID_V01 && service.node == one.own_node()) instances.insert(service.instance);
+    if (service.number == NAS_SERVICE_ID_V01 && service.node == one.address().node) instances.insert(service.instance);
   }
   EXPECT_EQ(instances, (std::set<uint32_t>{1, 2})) << report.problem;
   ::setenv("PELMAR_MODEM", "qrtr:99", 1);
@@ -285,8 +293,10 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
   handles_.push_back(handle);
   EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  Peer one, two, stranger;
+  stranger.publish(0, kVersion, 0x4000);  // to the notifier, which has the first port
+  std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(events(0), Events{});
-  Peer one, two;
   one.publish();
   EXPECT_EQ(events(1), Events{"event 0"});
   const int waits = waits_of(notifier_);
@@ -307,22 +317,10 @@ TEST_F(QrtrTest, WaitsWhileTheSocketOfTheServiceIsFull) {
   Peer service, stranger;
   service.minimise_buffer();
   service.publish();
-  const qmi_client_type handle = connect();
-  const QrtrAddress address = [&] {
-    auto outcome = send(handle, 1);
-    const Datagram request = service.receive_request();
-    outcome.wait();
-    // The stranger gets the service's address from a lookup.
-    QrtrSocket socket;
-    QrtrAddress found;
-    EXPECT_TRUE(socket.open());
-    EXPECT_EQ(socket.find({.service = uint32_t{NAS_SERVICE_ID_V01}}, Deadline::after(milliseconds(5000)), found),
-              QrtrSocket::Found::kFound);
-    return found;
-  }();
+  const qmi_client_type handle = connect(), released = connect();
   const Bytes filler(100, 0xEE);
   const auto fill = [&] {
-    while (stranger.send(address, filler) == 0) {
+    while (stranger.send(service.address(), filler) == 0) {
     }
   };
   const auto drain = [&] {
@@ -343,10 +341,16 @@ TEST_F(QrtrTest, WaitsWhileTheSocketOfTheServiceIsFull) {
   ASSERT_FALSE(request.bytes.empty());
   EXPECT_EQ(service.send(request.from, drx_response(request, 7)), 0);
   EXPECT_EQ(outcome.get(), Outcome(QMI_NO_ERR, 7));
+  outcome = send(handle, 1);
+  EXPECT_FALSE(service.receive_request().bytes.empty());
+  EXPECT_TRUE(service.receive_request(20).bytes.empty()) << "a request is sent once";
 
   fill();
   outcome = send(handle);
+  auto other = send(released);
   std::this_thread::sleep_for(milliseconds(30));
+  qmi_client_release(released);
+  EXPECT_EQ(other.get().first, QMI_CLIENT_INVALID_CLNT) << "a release while a send waits";
   service.close();
   EXPECT_EQ(outcome.get().first, QMI_SERVICE_ERR) << "the service closes while a send waits";
 }
@@ -360,7 +364,7 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
   const Datagram request = service.receive_request();
   outcome.wait();
   const Bytes indication = message(0x04, 0, 0x0024, Bytes(10'672 - 7, 0));
-  for (size_t i = 0; i < kCount; ++i) EXPECT_EQ(service.send(request.from, indication), 0);
+  for (size_t i = 0; i < kCount; ++i) ASSERT_EQ(service.send(request.from, indication), 0);
   for (int i = 0; i < 60'000 && indications_ < kCount; ++i) std::this_thread::sleep_for(milliseconds(1));
   EXPECT_EQ(indications_, kCount);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -368,9 +372,10 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
 
 TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   is_held_ = true;
-  Peer service;
+  Peer service, other;
   service.publish();
-  auto outcome = send(connect(), 1);
+  other.publish(1);
+  auto outcome = send(connect(4, 0), 1);
   const Datagram request = service.receive_request();
   outcome.wait();
   const Bytes indication = message(0x04, 0, 0x0024, Bytes(60'000, 0));
@@ -381,8 +386,14 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   EXPECT_EQ(events(0), Events{});
   is_held_ = false;
   EXPECT_EQ(events(1), Events{"error -2"});
+  size_t taken = 0;
+  while (taken < 100 && other.send(request.from, {}) == 0) ++taken;
+  EXPECT_LT(taken, 100u) << "the kernel keeps nothing more for a lost connection";
+  qmi_client_release(handles_.back());
+  handles_.clear();
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("the kernel dropped 6 messages"), std::string::npos) << "five indications and the report: " << log;
+  EXPECT_EQ(std::ranges::count(log, '\n'), 1) << log;
 }
 
 }  // namespace
