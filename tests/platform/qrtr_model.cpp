@@ -22,15 +22,11 @@
 namespace {
 
 constexpr uint32_t kNode = 1;
-constexpr uint32_t kFirstPort = 0x4000;  // of those that the kernel assigns
-constexpr uint32_t kLeastCapacity = 2304;
 
 struct Datagram {
   uint32_t from;
+  uint32_t memory;
   std::vector<uint8_t> bytes;
-
-  // The kernel allocates a power of two for the bytes and its own 352, and another structure of 256.
-  uint32_t memory() const { return std::bit_ceil(static_cast<uint32_t>(bytes.size()) + 352) + 256; }
 };
 
 struct Socket {
@@ -59,7 +55,7 @@ int open_socket(uint32_t port, int flags) {
 
 // REQUIRES: the mutex is held, here and below.
 auto find(uint32_t port) {
-  return std::ranges::find(sockets, port, [](const auto& entry) { return entry.second.port; });
+  return std::find_if(sockets.begin(), sockets.end(), [=](const auto& entry) { return entry.second.port == port; });
 }
 
 ssize_t deliver(uint32_t port, uint32_t from, const void* bytes, size_t length) {
@@ -71,8 +67,10 @@ ssize_t deliver(uint32_t port, uint32_t from, const void* bytes, size_t length) 
     return fail(ENOSPC);
   }
   const auto* const first = static_cast<const uint8_t*>(bytes);
-  socket.waiting.push_back({from, {first, first + length}});
-  socket.waiting_bytes += socket.waiting.back().memory();
+  // The kernel allocates a power of two for the bytes and its own 352, and another structure of 256.
+  const uint32_t memory = std::bit_ceil(static_cast<uint32_t>(length) + 352) + 256;
+  socket.waiting.push_back({from, memory, {first, first + length}});
+  socket.waiting_bytes += memory;
   ::eventfd_write(descriptor, 1);
   return static_cast<ssize_t>(length);
 }
@@ -146,15 +144,14 @@ int __wrap_getsockname(int fd, sockaddr* address, socklen_t* /*length*/) {
   return 0;
 }
 
-// SO_RCVBUF and SO_RCVBUFFORCE.
-int __wrap_setsockopt(int fd, int /*level*/, int /*option*/, const void* value, socklen_t /*length*/) {
+int __wrap_setsockopt(int fd, int /*level*/, int /*SO_RCVBUF or SO_RCVBUFFORCE*/, const void* value,
+                      socklen_t /*length*/) {
   const std::lock_guard lock(mutex);
-  sockets.at(fd).capacity = std::max(2 * *static_cast<const uint32_t*>(value), kLeastCapacity);
+  sockets.at(fd).capacity = std::max(2 * *static_cast<const uint32_t*>(value), 2304u);
   return 0;
 }
 
-// SO_MEMINFO.
-int __wrap_getsockopt(int fd, int /*level*/, int /*option*/, void* value, socklen_t* /*length*/) {
+int __wrap_getsockopt(int fd, int /*level*/, int /*SO_MEMINFO*/, void* value, socklen_t* /*length*/) {
   const std::lock_guard lock(mutex);
   const Socket& socket = sockets.at(fd);
   auto* const values = static_cast<uint32_t*>(value);
@@ -167,7 +164,7 @@ int __wrap_getsockopt(int fd, int /*level*/, int /*option*/, void* value, sockle
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t length, int /*flags*/, const sockaddr* to, socklen_t) {
   const std::lock_guard lock(mutex);
   Socket& socket = sockets.at(fd);
-  for (uint32_t port = kFirstPort; socket.port == 0; ++port) {
+  for (uint32_t port = 0x4000; socket.port == 0; ++port) {  // the first free one
     if (find(port) == sockets.end()) socket.port = port;
   }
   const auto& address = *reinterpret_cast<const sockaddr_qrtr*>(to);
@@ -182,7 +179,7 @@ ssize_t __wrap_recvfrom(int fd, void* room, size_t length, int /*flags*/, sockad
   Socket& socket = sockets.at(fd);
   const Datagram datagram = std::move(socket.waiting.front());
   socket.waiting.pop_front();
-  socket.waiting_bytes -= datagram.memory();
+  socket.waiting_bytes -= datagram.memory;
   *reinterpret_cast<sockaddr_qrtr*>(from) = {AF_QIPCRTR, kNode, datagram.from};
   const size_t count = std::min(length, datagram.bytes.size());
   std::copy_n(datagram.bytes.begin(), count, static_cast<uint8_t*>(room));
