@@ -206,7 +206,6 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
     EXPECT_EQ(message.frame.client, request.from.port & 0xFF);
     EXPECT_EQ(reader.link(message.link).transport, "qrtr:" + std::to_string(service.address().node));
   }
-  EXPECT_EQ(indications_, 0u) << "a request of the service";
   EXPECT_EQ(trace, ">7<1<6<65000<7<7<7<21");
   ::unlink(path.c_str());
 }
@@ -298,6 +297,8 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   EXPECT_EQ(events(3).back(), "event 0");
   Peer third;
   third.publish(3);
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(events(0).size(), 3u);
   two.close();
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}))
       << "another instance is present";
