@@ -297,7 +297,7 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   EXPECT_EQ(events(3).back(), "event 0");
   Peer third;
   third.publish(3);
-  std::this_thread::sleep_for(milliseconds(50));
+  std::this_thread::sleep_for(milliseconds(200));
   EXPECT_EQ(events(0).size(), 3u);
   two.close();
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}))
