@@ -82,36 +82,45 @@ Bytes swapped(Bytes bytes) {
 
 TEST(CaptureReaderTest, ReadsTheCompleteBlocksOfAnyFile) {
   const Bytes five = packet(5), whole = join({kHeader, kLink, five});
-  const auto option = [](uint8_t code, const Bytes& value) {
-    return link_block(147, join({u16(code), u16(value.size()), value, Bytes((4 - value.size() % 4) % 4)}));
+  const auto option = [](uint8_t code, const Bytes& value, const Bytes& before = {}) {
+    return link_block(147, join({before, u16(code), u16(value.size()), value, Bytes((4 - value.size() % 4) % 4)}));
   };
   const auto with = [](Bytes bytes, size_t at, uint8_t value) {
     bytes[at] = value;
     return bytes;
   };
+  // The link's speed, a comment, and a name of one letter.
+  const Bytes others = {8, 0, 8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 4, 0, 0, 0, 0, 0, 2, 0, 1, 0, 'a', 0, 0, 0};
+  const Bytes other = swapped(whole), other_header(other.begin(), other.begin() + 28);
+  const Bytes other_five(other.begin() + 48, other.end());
+  // An offset of a second, and option 0x800E.
+  const Bytes other_link = {0, 0, 0, 1, 0, 0, 0,   44, 0, 147, 0, 0, 0, 0, 0, 0, 0, 14, 0, 8, 0, 0,
+                            0, 0, 0, 0, 0, 1, 128, 14, 0, 8,   0, 0, 0, 0, 0, 0, 0, 0,  0, 0, 0, 44};
   const struct {
     const char* what;
     std::vector<Bytes> parts;
     const char* found;
   } cases[] = {
       {"a link without a resolution counts microseconds", {whole}, "5000:0:3:1 end"},
-      {"unknown block", {kHeader, block(0xBAD, u32(1)), kLink, five}, "5000:0:3:1 end"},
+      {"unknown blocks", {kHeader, block(0xBAD, {}), block(0xBAD, u32(1)), kLink, five}, "5000:0:3:1 end"},
       {"long unknown block", {kHeader, block(0xBAD, Bytes(600'000)), kLink, five}, "5000:0:3:1 end"},
       {"long packet", {kHeader, kLink, block(6, Bytes(600'000)), five}, "5000:0:3:1 1 skipped, end"},
       {"second section", {whole, whole}, "5000:0:3:1 5000:1:3:1 end"},
-      {"other byte order", {swapped(whole)}, "5000:0:3:1 end"},
-      {"nanoseconds", {kHeader, option(9, {9}), five}, "5:0:3:1 end"},
+      {"other byte order", {other_header, other_link, other_five}, "1000005000:0:3:1 end"},
+      {"nanoseconds", {kHeader, option(9, {9}, others), five}, "5:0:3:1 end"},
       {"halves of a second", {kHeader, option(9, {0x81}), five}, "2500000000:0:3:1 end"},
-      {"no such resolution", {kHeader, option(9, {20}), five}, "1 skipped, end"},
-      {"offset of a second", {kHeader, option(14, {1, 0, 0, 0, 0, 0, 0, 0}), five}, "1000005000:0:3:1 end"},
+      {"finest resolution", {kHeader, option(9, {19}), five}, "0:0:3:1 end"},
+      {"no such resolutions", {kHeader, option(9, {20}), five, option(9, {0xC0}), with(five, 8, 1)}, "2 skipped, end"},
+      {"offset of 2^32 + 1 s", {kHeader, option(14, {1, 0, 0, 0, 1, 0, 0, 0}), five}, "4294967297000005000:0:3:1 end"},
       {"offset before 1970", {kHeader, option(14, Bytes(8, 0xFF)), five}, "9223372035000005000:0:3:1 end"},
-      {"option beyond the block", {kHeader, with(option(2, {'a'}), 18, 9), five}, "5000:0:3:1 end"},
+      {"offset beyond the block", {kHeader, with(option(14, {1, 0, 0, 0}), 18, 8), five}, "5000:0:3:1 end"},
       {"other link type", {kHeader, link_block(1, {}), five}, "1 skipped, end"},
       {"no such link", {kHeader, kLink, with(five, 8, 1)}, "1 skipped, end"},
-      {"no frame", {kHeader, kLink, packet(5, Bytes(8)), packet(5, {1})}, "2 skipped, end"},
+      {"no frame", {kHeader, kLink, packet(5, Bytes(8)), packet(5, {1}), block(6, u32(0))}, "3 skipped, end"},
+      {"frame without message", {kHeader, kLink, packet(5, {1, 5, 0, 0, 3, 1})}, "5000:0:3:0 end"},
       {"frame shorter than the packet", {kHeader, kLink, packet(5, {1, 5, 0, 0, 3, 1, 9})}, "1 skipped, end"},
       {"cut packet", {kHeader, kLink, with(packet(5, {1, 9, 0, 0, 3, 1, 9}), 24, 10)}, "5000:0:3:1... end"},
-      {"packet beyond the block", {kHeader, kLink, with(five, 20, 9)}, "1 skipped, end"},
+      {"packet beyond the block", {kHeader, kLink, with(five, 20, 32)}, "1 skipped, end"},
       {"length of no block", {whole, u32(6), u32(8), five}, "5000:0:3:1 broken"},
       {"odd length", {whole, u32(6), u32(41), five}, "5000:0:3:1 broken"},
       {"lengths differ", {whole, with(five, five.size() - 4, 8), five}, "5000:0:3:1 broken"},
@@ -129,6 +138,20 @@ TEST(CaptureReaderTest, ReadsTheCompleteBlocksOfAnyFile) {
   for (size_t length = whole.size() - five.size() + 1; length < whole.size(); ++length) {
     EXPECT_EQ(read(file_of({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length)})), "cut") << length;
   }
+
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ASSERT_EQ(::fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
+  std::thread writer([&, output = UniqueFd(ends[1])] {
+    const Bytes all = join({whole, block(0xBAD, Bytes(600'000))});
+    for (const auto& part : {std::span(all).first(all.size() - 1), std::span(all).last(1)}) {
+      ::usleep(50'000);  // the reader finds the pipe empty
+      EXPECT_EQ(::write(output.get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    }
+  });
+  EXPECT_EQ(read(UniqueFd(ends[0])), "5000:0:3:1 end") << "from a descriptor that does not wait";
+  writer.join();
+  EXPECT_EQ(read(UniqueFd(::open("/dev/null", O_WRONLY))), "no capture");
 }
 
 class CaptureFileTest : public testing::Test {
@@ -153,9 +176,14 @@ class CaptureFileTest : public testing::Test {
 };
 
 TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
-  std::ofstream(path_) << "notes";
-  EXPECT_THAT(problem_of(path_), testing::HasSubstr("no capture"));
-  EXPECT_EQ(std::filesystem::file_size(path_), 5);
+  const int next = UniqueFd(::dup(STDOUT_FILENO)).get();
+  ::close(STDIN_FILENO);  // files are opened as descriptor 0
+  for (const std::string& foreign : {std::string("n"), std::string(kHeader.begin(), kHeader.end())}) {
+    std::ofstream(path_) << foreign;
+    EXPECT_THAT(problem_of(path_), testing::HasSubstr("no capture"));
+    EXPECT_EQ(std::filesystem::file_size(path_), foreign.size());
+  }
+  EXPECT_EQ(::fcntl(next, F_GETFD), -1) << "a refused file is closed";
   EXPECT_EQ(problem_of(directory_), "Is a directory");
   EXPECT_EQ(problem_of("/dev/fd/1000"), "Bad file descriptor");
   const std::string fifo = directory_ + "/fifo";
@@ -170,6 +198,7 @@ TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
   const UniqueFd own = std::move(file_);
   CaptureWriter(own.get(), "program 1", on_end_).add_link(link_, Sharing::kShared);
   const auto length = std::filesystem::file_size(named);
+  EXPECT_EQ(std::filesystem::status(named).permissions(), std::filesystem::perms(0600));
   EXPECT_EQ(problem_of(named), "another process writes it");
   EXPECT_EQ(std::filesystem::file_size(named), length);
 }
@@ -194,11 +223,13 @@ TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
   CaptureReader reader(opened.get());
   CapturedMessage message;
   size_t counts[kThreads] = {};
+  int64_t times[kThreads] = {};
   for (size_t i = 0; i < kThreads * kMessages; ++i) {
     ASSERT_EQ(reader.next(message), Status::kMessage);
     const auto& [service, client, bytes] = message.frame;
     ASSERT_EQ(Bytes(bytes.begin(), bytes.end()), Bytes(counts[client]++ % 1999, client));
     ASSERT_TRUE(message.direction == Direction::kFromModem && message.link < 2 && reader.link(message.link) == link_);
+    ASSERT_LE(std::exchange(times[client], message.time_ns), message.time_ns);
   }
   EXPECT_EQ(reader.next(message), Status::kMessage);
   EXPECT_TRUE(message.is_cut && message.direction == Direction::kToModem);
@@ -207,15 +238,18 @@ TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
 }
 
 TEST_F(CaptureFileTest, LinksBeyondTheLimitShareOneNumber) {
+  ::close(STDIN_FILENO);  // the file is opened as descriptor 0
   ASSERT_EQ(problem_of(path_), "");
   CaptureWriter writer(file_.get(), "program 1", on_end_);
   for (uint32_t i = 0; i < 16'385; ++i) ASSERT_EQ(writer.add_link(link_, Sharing::kOwn), std::min(i, 16'383u));
-  writer.write(16'383, Direction::kToModem, 3, 1, Bytes(8));
+  for (const uint32_t link : {16'382u, 16'383u}) writer.write(link, Direction::kToModem, 3, 1, Bytes(8));
   const UniqueFd opened(::open(path_.c_str(), O_RDONLY));
   CaptureReader reader(opened.get());
   CapturedMessage message;
-  ASSERT_EQ(reader.next(message), Status::kMessage);
-  EXPECT_EQ(reader.link(message.link).transport, "others");
+  for (const char* const transport : {"@modem", "others"}) {
+    ASSERT_EQ(reader.next(message), Status::kMessage);
+    EXPECT_EQ(reader.link(message.link).transport, transport);
+  }
 }
 
 TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
@@ -233,13 +267,17 @@ TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
   const rlim_t length = std::filesystem::file_size(path_);
   set_limit(length + 80);  // a block has 60 bytes
   EXPECT_THAT(write_to_limit(unlimited), testing::EndsWith(":0:3:8 cut"));
-  set_limit(length + 120);
+  const Bytes before = join({kHeader, block(0xBAD, Bytes(60))});  // 100 bytes
+  set_limit(length + 220);
   ASSERT_EQ(problem_of(path_), "");
+  std::ofstream(path_, std::ios::app) << std::string(before.begin(), before.end());
   CaptureWriter limited(file_.get(), "program 1", on_end_);
   limited.add_link(link_, Sharing::kShared);
   EXPECT_THAT(write_to_limit(limited), testing::EndsWith(":0:3:8 end"));
-  EXPECT_EQ(std::filesystem::file_size(path_), length + 120);
+  EXPECT_EQ(std::filesystem::file_size(path_), length + 220);
   set_limit(RLIM_INFINITY);
+  const UniqueFd readable(::open(path_.c_str(), O_RDONLY));
+  const CaptureWriter unwritable(readable.get(), "program 1", on_end_);
 
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -247,7 +285,10 @@ TEST_F(CaptureFileTest, AWriteErrorEndsTheCapture) {
   ::close(ends[0]);
   CaptureWriter to_pipe(output.get(), "program 1", on_end_);  // SIGPIPE would end this process
   to_pipe.write(0, Direction::kToModem, 3, 1, Bytes(8));
-  EXPECT_THAT(errors_, ElementsAre(ENOSPC, EFBIG, EPIPE));
+  sigset_t blocked;
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
+  EXPECT_THAT(errors_, ElementsAre(ENOSPC, EFBIG, EBADF, EPIPE));
 }
 
 TEST_F(ClientTest, TheTraceHasEveryMessageOnceAndRequestsFirst) {
