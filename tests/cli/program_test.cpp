@@ -64,7 +64,8 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
           {"client trace a --trace a", 2, "'trace' reads a capture and sends no messages"},
           {"client nv read 1 --trace c >w; cp c d; client --trace c nv read x; client --trace c nv write 1; cmp c d", 0,
            ""},
-          {"client nv read 1 --trace - 2>w | head -c 4 | od -An -tx1 && grep -c 0a w", 0, " 0a 0d 0d 0a\n1\n"}});
+          {"client nv read 1 --trace - 2>w | head -c 4 | od -An -tx1 && grep -c 0a w", 0, " 0a 0d 0d 0a\n1\n"},
+          {"client nv read 1 --trace - 2>w >e; client trace e | grep -c READ_NV", 0, "2\n"}});
   for (const std::string item : {"nv", "efs", "efs-path", "rfnv"}) {
     const std::string address = item == "efs-path" ? " /nv/a --index 4" : item == "rfnv" ? " 10" : " 10 --qualifier 3";
     const auto with = [&](const std::string& verb) { return "client " + item + " " + verb + address; };

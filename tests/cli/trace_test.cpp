@@ -70,24 +70,26 @@ const Text kNoEntry = tlv(2, u16(1) + u16(50));
 // Messages of every service, with every form of field; and what no row describes.
 Text messages() {
   const Text gsm = number(9, 1) + u32(-71) + u32(-72);
-  const Text record = u16(1) + u16(0) + u32(0x6F) + u16(9) + gsm;
+  const Text head = u16(1) + u16(0) + u32(0x6F), record = head + u16(9) + gsm;
+  const Text power = u32(0) + u32(0x62) + u16(8) + "\xF1" + u16(-10) + "\xC8" + u16(40000) + u16(1);
   const Text cell = u16(101) + u16(-86) + u16(-813) + u16(-527) + u16(427);
   Text losses;
   for (const float real : {0.5f, -20.25f, NAN}) losses.append(reinterpret_cast<const char*>(&real), sizeof real);
   const Text uplink = u32(1) + losses + Text(36, '\0');
-  return message(0, kRequest, 0, 0, 5, 0xFF00, tlv(1, "/dev/\"x\x1b")) +
+  return message(0, kRequest, 0, 0, 5, 0xFF00, tlv(1, "/dev/\"x ~\\\x7F\x1b\xC3\xA9\xEF\xBF\xBF\xF0\x9F\x98\x80")) +
          message(1500, kResponse, 0, 0, 5, 0xFF00, kSuccess) + message(2000, kRequest, 0, 0, 6, 0x22, tlv(1, "\xE4")) +
          message(2001, kResponse, 0, 0, 6, 0x22, kSuccess + tlv(1, "\xE4\x03")) +
          message(3000, kRequest, 0xE4, 3, 1, 0x100, tlv(1, u32(10)) + tlv(2, "\x01") + tlv(3, u16(2))) +
          message(3100, kRequest, 0xE4, 4, 1, 0x100, tlv(1, u32(11)) + tlv(2, "\x01") + tlv(3, "\x02")) +
          message(4234, kResponse, 0xE4, 4, 1, 0x100, kNoEntry) +
          message(5000, kResponse, 0xE4, 3, 1, 0x100, kSuccess + tlv(3, u16(3) + "abc") + tlv(0x77, "\x01")) +
-         message(6000, kIndication, 0xE4, 3, 0, 0x203, tlv(1, u32(1)) + tlv(2, "\x01" + record)) +
+         message(6000, kIndication, 0xE4, 3, 0, 0x203, tlv(1, u32(1)) + tlv(2, "\x01" + record) + tlv(0x10, "")) +
          message(6001, kIndication, 0xE4, 3, 0, 0x203,
-                 tlv(1, u32(1)) + tlv(2, "\x02" + record + u16(0) + u16(0) + u32(0x5A) + u16(52) + uplink)) +
-         message(6002, kIndication, 0xE4, 3, 0, 0x203, tlv(2, "\x02" + record + u16(0))) +
-         message(7000, kRequest, 0xE4, 3, 2, 0x207, tlv(1, u16(0)) + tlv(3, "\x01" + record)) +
-         message(7500, kRequest, 0xE4, 3, 3, 0x10C, tlv(1, "\xFF") + tlv(2, u32(7))) +
+                 tlv(1, u32(1)) + tlv(2, "\x02" + record + u16(0) + u16(0) + u32(0x5A) + u16(52) + uplink) +
+                     tlv(0x10, "\x03" + head + u16(8) + gsm.substr(0, 8) + head + u16(99) + gsm)) +
+         message(6002, kIndication, 0xE4, 3, 0, 0x203, tlv(2, "\x02" + record + u16(0)) + tlv(0x10, "\x01" + power)) +
+         message(7000, kRequest, 0xE4, 3, 2, 0x207, tlv(1, u16(0)) + tlv(3, "\x02" + record)) +
+         message(7500, kRequest, 0xE4, 3, 3, 0x10C, tlv(1, "\xFF") + tlv(2, u32(7)) + tlv(3, "")) +
          message(8000, kResponse, 3, 9, 4, 0x43,
                  kSuccess + tlv(0x14, Text(1, '\0') + "\x01" + u16(6300) + "\x06\x0E\x04\x01" + cell)) +
          message(9000, kResponse, 0x11, 1, 8, 0x02, tlv(2, u16(1) + u16(999))) +
@@ -168,7 +170,10 @@ TEST_F(TraceTest, ATimeWithoutADateIsOneOfEveryDayAndARangeMayCrossMidnight) {
       packets += message(time, kRequest, 0xE4, 3, 1, 0x401);
     }
   }
+  constexpr uint64_t kChange = 14'064'270 * kSecond;  // 2024-10-27T01:00Z
   write("a", packets);
+  write("b",
+        section() + message(kChange - 1, kRequest, 0xE4, 3, 1, 0x401) + message(kChange, kRequest, 0xE4, 3, 1, 0x401));
   expect({{"client trace a --from 23:00 --to 01:00 | cut -d ' ' -f 1,2", 0,
            "23:00:00.000000 mtb[7]\\u001b\n"
            "--- 2024-05-18\n"
@@ -176,7 +181,9 @@ TEST_F(TraceTest, ATimeWithoutADateIsOneOfEveryDayAndARangeMayCrossMidnight) {
            "23:00:00.000000 mtb[7]\\u001b\n"
            "--- 2024-05-19\n"
            "00:59:59.999999 mtb[7]\\u001b\n"},
-          {"client trace a --from 22:59 --to 23:00 --json | grep -c to_modem", 0, "2\n"}});
+          {"client trace a --from 22:59 --to 23:00 --json | grep -c to_modem", 0, "2\n"},
+          {"export TZ=CET-1CEST,M3.5.0,M10.5.0/3; client trace b | cut -c 1-15", 0,
+           "02:59:59.999999\n02:00:00.000000\n"}});
 }
 
 TEST_F(TraceTest, AFileIsReadUpToItsErrorWhichIsReportedInOneLine) {
