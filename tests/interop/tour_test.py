@@ -15,8 +15,9 @@ import subprocess
 import sys
 import tempfile
 
-FIELDS = ["pelmar_qmi.msg", "pelmar_qmi.kind", "pelmar_qmi.transaction", "pelmar_qmi.error_name", "pelmar_qmi.item",
-          "_ws.malformed", "pelmar_qmi.undescribed"]
+VALUES = ["item", "statistic", "rsrp_rx0", "earfcn", "rx_prx", "priority"]
+FIELDS = [*("pelmar_qmi." + name for name in ["msg", "kind", "transaction", "error_name", *VALUES]),
+          "frame.packet_flags_direction", "_ws.malformed", "pelmar_qmi.undescribed"]
 
 
 def block(kind, content):
@@ -24,20 +25,23 @@ def block(kind, content):
     return struct.pack("<I", kind) + length + content + length
 
 
-# A capture with a response of WDS, which has no names of messages: its result is NO_ENTRY.
+# A capture with a response of WDS, which has no names of messages: its result is NO_ENTRY. Its direction is inbound.
 PACKET = bytes.fromhex("01 13 00 80 01 01  02 01 00 20 00 07 00  02 04 00 01 00 32 00")
+FLAGS = bytes.fromhex("02 00 04 00 01 00 00 00  00 00 00 00")
 UNDESCRIBED = (block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)) + block(1, struct.pack("<HHI", 147, 0, 0)) +
-               block(6, struct.pack("<5I", 0, 0, 0, len(PACKET), len(PACKET)) + PACKET))
+               block(6, struct.pack("<5I", 0, 0, 0, len(PACKET), len(PACKET)) + PACKET + FLAGS))
 
 
 def client_rows(programs, capture):
     lines = subprocess.run([programs / "modem_api_test", "trace", capture, "--json", "--fields"], check=True,
                            capture_output=True, text=True).stdout.splitlines()
-    for message in map(json.loads, lines[:-1]):
+    for line in lines[:-1]:
+        message = json.loads(line)
         error = "SUCCESS" if message.get("is_success") else message.get("qmi_error", {}).get("name", "")
-        item = [str(tlv["value"]) for tlv in message["tlvs"] if tlv.get("name") == "item"]
+        values = [re.findall(rf'"(?:{name}|name":"{name}","value)":"?([^",}}]+)', line) for name in VALUES]
         name = message["message"]["name"] or f"0x{message['message']['number']:04x}"
-        yield [name, message["kind"], str(message["transaction"]), error, *(item or [""]), "", ""]
+        direction = f"0x{1 if message['direction'] == 'from_modem' else 2:08x}"
+        yield [name, message["kind"], str(message["transaction"]), error, *map(",".join, values), direction, "", ""]
 
 
 def tshark_rows(dissector, capture):
@@ -77,10 +81,13 @@ def main(programs, dissector, project):
 
         if shutil.which("tshark") is None:
             sys.exit(77)
+        about = subprocess.run(["capinfos", capture], check=True, capture_output=True, text=True).stdout
+        for text in ["application: +libpelmar_", "comment: +QMI messages in QMUX", "length = 0", "Description = modem"]:
+            assert re.search(text, about), f"no {text} in {about}"
         capture.write_bytes(capture.read_bytes() + UNDESCRIBED)
         expected, seen = list(client_rows(programs, capture)), tshark_rows(dissector, capture)
         assert len(seen) == len(expected) > 100, (len(seen), len(expected))
-        assert seen[-1] == ["0x0020", "response", "1", "NO_ENTRY", "", "", ""], seen[-1]
+        assert seen[-1] == ["0x0020", "response", "1", "NO_ENTRY", *[""] * len(VALUES), "0x00000001", "", ""], seen[-1]
         for row, other in zip(seen, expected):
             assert row == other, f"tshark has {row}, the client {other}"
 
