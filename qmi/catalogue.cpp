@@ -101,14 +101,12 @@ constexpr bool every_row_has_a_name() {
 }
 static_assert(every_row_has_a_name());
 
-constexpr qmi_idl::Element number(uint8_t kind, const char* name) {
-  return {.kind = kind, .item_wire_size = kind == QMI_IDL_KIND_ENUM_2_BYTES ? uint16_t{2} : uint16_t{1}, .name = name};
+constexpr qmi_idl::Element number(const char* name) {
+  return {.kind = QMI_IDL_KIND_ENUM_2_BYTES, .item_wire_size = 2, .name = name};
 }
 
 // The common table's only type.
-constexpr qmi_idl::Type kResult = {
-    sizeof(qmi_response_type_v01),
-    {number(QMI_IDL_KIND_ENUM_2_BYTES, "result"), number(QMI_IDL_KIND_ENUM_2_BYTES, "error")}};
+constexpr qmi_idl::Type kResult = {sizeof(qmi_response_type_v01), {number("result"), number("error")}};
 
 constexpr qmi_idl::Tlv kResultRow = {
     .type = kResultTlv, .element = qmi_idl::aggregate_of(static_cast<const qmi_response_type_v01*>(nullptr))};

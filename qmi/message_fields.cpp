@@ -28,7 +28,7 @@ class ValueWalk {
 
   // False where the bytes end too early.
   bool walk(const qmi_idl::Element& element, const char* name, bool is_whole_tlv) {
-    size_t count = element.is_array() ? element.capacity : 1;
+    size_t count = element.capacity;  // of an array
     if (element.is_string() && is_whole_tlv)
       count = rest_.size();
     else if (element.variable || element.is_string()) {

@@ -27,8 +27,7 @@ struct Time {
 };
 
 Time split(int64_t time_ns) {
-  const int64_t nanoseconds = (time_ns % kSecond + kSecond) % kSecond;
-  return {time_ns / kSecond - (time_ns % kSecond < 0 ? 1 : 0), nanoseconds};
+  return {time_ns / kSecond, time_ns % kSecond};
 }
 
 template <typename Number>
