@@ -102,9 +102,7 @@ const uint8_t* get_string(const Element& element, bool is_whole_tlv, const uint8
   if (!is_whole_tlv) at = get_wire_count(element, at, length, input);
   if (at == nullptr) return nullptr;
   if (length > element.maximum) return input.fail(QMI_IDL_LIB_ARRAY_TOO_BIG);
-  at = get_bytes(length, at, to, input, output);
-  if (at != nullptr) *output.claim(to + length, 1) = 0;
-  return at;
+  return get_bytes(length, at, to, input, output);  // Output zeroes the terminator's byte as one that is left out
 }
 
 const uint8_t* get_enumerations(const Element& element, uint32_t count, const uint8_t* at, uint8_t* to, Input& input,

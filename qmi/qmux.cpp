@@ -22,12 +22,13 @@ constexpr unsigned kind_factor(uint8_t service) {
 
 Front read_front(std::span<const uint8_t> bytes, Direction direction) {
   if (bytes.empty()) return {Front::State::kIncomplete};
-  if (bytes[0] != kMarker) return {Front::State::kBroken, 0, {}, "sent bytes that begin no frame"};
+  if (bytes[0] != kMarker) return {.state = Front::State::kBroken, .problem = "sent bytes that begin no frame"};
   if (bytes.size() < 3) return {Front::State::kIncomplete};
   const size_t length = 1 + size_t{load_u16(&bytes[1])};
-  if (length < kFrameHeaderLength) return {Front::State::kBroken, 0, {}, "sent a frame shorter than its header"};
+  if (length < kFrameHeaderLength)
+    return {.state = Front::State::kBroken, .problem = "sent a frame shorter than its header"};
   if (bytes.size() > 3 && bytes[3] != static_cast<uint8_t>(direction)) {
-    return {Front::State::kBroken, 0, {}, "sent a frame of the other direction"};
+    return {.state = Front::State::kBroken, .problem = "sent a frame of the other direction"};
   }
   if (bytes.size() < length) return {Front::State::kIncomplete};
   return {Front::State::kComplete,

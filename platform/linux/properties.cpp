@@ -56,17 +56,18 @@ UniqueFd open_directory_of(std::string_view name, IfMissing if_missing) {
   return open_directory_at(all.get(), name.starts_with("persist.") ? "persist" : boot, if_missing);
 }
 
-// A file that is longer than a value, or contains a zero byte, counts as no property.
-bool read_value(const char* name, std::string& value) {
+// Empty if there is no property: an empty value counts as none, and so does a file that is longer than a value or
+// contains a zero byte.
+std::string read_value(const char* name) {
   const UniqueFd directory = open_directory_of(name, IfMissing::kLeave);
-  if (!directory) return false;
+  if (!directory) return "";
   const UniqueFd file(::openat(directory.get(), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (!file) return false;
+  if (!file) return "";
   char bytes[kMaxValueLength + 1];
   const ssize_t length = ::read(file.get(), bytes, sizeof bytes);
-  if (length < 0 || static_cast<size_t>(length) > kMaxValueLength) return false;
-  value.assign(bytes, static_cast<size_t>(length));
-  return value.find('\0') == std::string::npos;
+  if (length < 0 || static_cast<size_t>(length) > kMaxValueLength) return "";
+  const std::string value(bytes, static_cast<size_t>(length));
+  return value.find('\0') == std::string::npos ? value : "";
 }
 
 bool write_all(int file, std::string_view value) {
@@ -90,8 +91,7 @@ std::string temporary_name(const char* name) {
 bool write_value(const char* name, std::string_view value, bool once) {
   const UniqueFd directory = open_directory_of(name, IfMissing::kMake);
   const std::string temporary = temporary_name(name);
-  if (!directory || temporary.empty()) return false;
-  const int at = directory.get();
+  const int at = directory.get();  // openat() refuses -1, and an empty name
   const int file = ::openat(at, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (file < 0) return false;
   bool is_done = write_all(file, value);
@@ -112,10 +112,9 @@ extern "C" {
 
 PELMAR_PLATFORM_EXPORT int property_get(const char* name, char* value, const char* default_value) {
   std::string stored;
-  const bool is_set = name != nullptr && is_good_name(name) &&
-                      guarded(false, [&] { return read_value(name, stored); }) && !stored.empty();
+  if (name != nullptr && is_good_name(name)) stored = guarded(std::string(), [&] { return read_value(name); });
   std::string_view text = stored;
-  if (!is_set) text = std::string_view(default_value != nullptr ? default_value : "").substr(0, kMaxValueLength);
+  if (text.empty()) text = std::string_view(default_value != nullptr ? default_value : "").substr(0, kMaxValueLength);
   std::memmove(value, text.data(), text.size());  // the default may be in the value's buffer
   value[text.size()] = '\0';
   return static_cast<int>(text.size());

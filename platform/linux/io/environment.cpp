@@ -30,8 +30,8 @@ std::string home_of_user_database() {
   passwd entry{};
   passwd* found = nullptr;
   struct stat home {};
-  if (::getpwuid_r(::geteuid(), &entry, space.data(), space.size(), &found) != 0 || found == nullptr) return "";
-  if (entry.pw_dir == nullptr || entry.pw_dir[0] != '/' || ::stat(entry.pw_dir, &home) != 0) return "";
+  ::getpwuid_r(::geteuid(), &entry, space.data(), space.size(), &found);  // after a failure `found` is null
+  if (found == nullptr || entry.pw_dir[0] != '/' || ::stat(entry.pw_dir, &home) != 0) return "";
   return belongs_to_user(home) ? entry.pw_dir : "";
 }
 
@@ -50,7 +50,6 @@ UniqueFd open_private_directory(const std::string& path, IfMissing if_missing) {
   struct stat found {};
   if (!directory || ::fstat(directory.get(), &found) != 0) return {};
   if (belongs_to_user(found) && (found.st_mode & 0077) == 0) return directory;
-  directory.reset();
   errno = EPERM;
   return {};
 }

@@ -1,6 +1,7 @@
 #include "manager_protocol.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace pelmar::platform::power {
@@ -9,11 +10,7 @@ namespace {
 constexpr uint8_t kVersion = 1;
 
 template <typename Message>
-constexpr uint8_t kFirstKind = 0;
-template <>
-constexpr uint8_t kFirstKind<Request> = 0x01;
-template <>
-constexpr uint8_t kFirstKind<Reply> = 0x81;
+constexpr uint8_t kFirstKind = std::is_same_v<Message, Request> ? 0x01 : 0x81;
 
 // Appends fields to a frame, whose first byte is its length.
 class FrameWriter {
@@ -51,12 +48,9 @@ class BodyReader {
     if (byte() != kVersion) is_good_ = false;
   }
   void u8(uint8_t& value) { value = byte(); }
-  void i8(int& value) {
-    value = byte();
-    if (value > INT8_MAX) value -= 1 << 8;
-  }
+  void i8(int& value) { value = static_cast<int8_t>(byte()); }
+  // REQUIRES: the value is 0.
   void u32(uint32_t& value) {
-    value = 0;
     for (int shift = 0; shift < 32; shift += 8) value |= uint32_t{byte()} << shift;
   }
   void flag(bool& value) { value = byte(1) != 0; }
@@ -176,7 +170,7 @@ FrameState parse_frame(std::span<const uint8_t> bytes, Reply& reply, size_t& siz
 
 const char* state_text(pm_event state) {
   constexpr const char* kTexts[] = {"going off-line", "off-line", "going on-line", "on-line"};
-  return state >= EVENT_PERIPH_GOING_OFFLINE && state <= EVENT_PERIPH_IS_ONLINE ? kTexts[state] : "";
+  return kTexts[state];
 }
 
 std::string default_manager_socket(const std::string& modem_socket) {

@@ -82,7 +82,6 @@ class Voter : public std::enable_shared_from_this<Voter> {
     {
       const Lock lock(mutex_);
       if (is_lost_) return PM_RET_FAILED;
-      is_response_due_ = true;
       result_.reset();
     }
     if (!send(request)) return PM_RET_FAILED;
@@ -90,7 +89,6 @@ class Voter : public std::enable_shared_from_this<Voter> {
     const auto is_settled = [this] { return result_ || is_lost_; };
     // A later response would be taken for that of the next request, so the manager counts as lost.
     if (!responded_.wait_for(lock, std::chrono::milliseconds(kResponseTimeout), is_settled)) lose();
-    is_response_due_ = false;
     return result_.value_or(PM_RET_FAILED);
   }
 
@@ -121,7 +119,7 @@ class Voter : public std::enable_shared_from_this<Voter> {
       return true;
     }
     const auto* const response = std::get_if<VoterResponse>(&reply);
-    if (response == nullptr || !is_response_due_ || result_) return false;
+    if (response == nullptr || result_) return false;
     result_ = response->result;
     responded_.notify_one();
     return true;
@@ -158,8 +156,7 @@ class Voter : public std::enable_shared_from_this<Voter> {
   std::condition_variable event_came_;
   bool is_lost_ = false;
   bool is_ending_ = false;
-  bool is_response_due_ = false;
-  std::optional<int> result_;
+  std::optional<int> result_ = PM_RET_FAILED;  // empty while a request waits for its response
   std::deque<pm_event> events_;
 
   FrameworkThread reader_;
