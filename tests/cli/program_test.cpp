@@ -370,7 +370,7 @@ TEST_F(PowerTest, AVoteLastsUntilItsCommandEndsAndAWatchPrintsEveryStep) {
           {"client power vote --device toaster", 1, "it has no such peripheral"},
           {"client power release", 0, "votes: 1 released, 0 left\n"}});
   EXPECT_THAT(vote.rest(), HasSubstr("vote taken back"));
-  for (const char* step : {R"("event":2})", R"("event":3})", R"("event":0})", R"("event":1})"}) {
+  for (const char* step : {R"("event":2})", R"("event":3})", "going off-line", R"("event":1})"}) {
     EXPECT_TRUE(prints(watch, step)) << step;
   }
   EXPECT_EQ(watch.end(), 0);

@@ -11,6 +11,7 @@
 
 #include "nas_messages.h"
 #include "qmi_idl_lib_internal.h"
+#include "qmux.h"
 #include "sar_messages.h"
 
 namespace pelmar::qmi {
@@ -29,6 +30,12 @@ constexpr uint8_t kOuter[] = {                      // 48 bytes
     0x57, 8, 2, 4, 0, 0,                            // up to 2 inner ones, counted 4 bytes before
     0x45, 40, 2,                                    // 2 enumerations of 2 bytes
     0x20};
+constexpr uint8_t kMany[] = {                       // 36 bytes, 14 members: more than a plan holds
+    0x02, 0, 0x04, 4,                               // u32, and an enumeration of 1 byte right behind it
+    0x00, 9, 0x00, 11, 0x00, 13, 0x00, 15, 0x00, 17, 0x00, 19, 0x00, 21, 0x00, 23, 0x00, 25, 0x00, 27, 0x00, 29,
+    0x56, 31, 3,                                    // string of up to 3
+    0x20};
+constexpr uint8_t kManyMessage[] = {0x81, 0x07, 0, 2, 0};
 constexpr uint8_t kMessage[] = {                    // 984 bytes
     0x02, 0x07, 0, 0, 1,                            // standard response
     0x03, 0x03, 8,                                  // u64
@@ -38,11 +45,11 @@ constexpr uint8_t kMessage[] = {                    // 984 bytes
 // clang-format on
 
 constexpr size_t kSize = 984;
-constexpr qmi_idl_type_table_entry kTypes[] = {{16, kInner}, {48, kOuter}};
-constexpr qmi_idl_message_table_entry kMessages[] = {{kSize, kMessage}, {1, nullptr}};
+constexpr qmi_idl_type_table_entry kTypes[] = {{16, kInner}, {48, kOuter}, {36, kMany}};
+constexpr qmi_idl_message_table_entry kMessages[] = {{kSize, kMessage}, {1, nullptr}, {36, kManyMessage}};
 const qmi_idl_type_table_object* const kTables[] = {nullptr, &common_qmi_idl_type_table_object_v01};
-const qmi_idl_type_table_object kTable = {2, 2, 1, kTypes, kMessages, kTables, nullptr};
-constexpr qmi_idl_service_message_table_entry kIds[] = {{0x0020, 1, 0}, {0x0021, 0, 700}, {0x5678, 0, 700}};
+const qmi_idl_type_table_object kTable = {3, 3, 1, kTypes, kMessages, kTables, nullptr};
+constexpr qmi_idl_service_message_table_entry kIds[] = {{0x0020, 1, 0}, {0x0021, 2, 700}, {0x5678, 0, 700}};
 const qmi_idl_service_object kMade = {6, 1, 0x77, 700, {3, 3, 0}, {kIds, kIds, nullptr}, &kTable, 0, nullptr};
 
 const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
@@ -68,6 +75,8 @@ struct MessageCase {
 
 const MessageCase kRows[] = {
     {&kMade, kRequest, 0x0020, 1, "", ""},
+    {&kMade, kRequest, 0x0021, 36, "01 1300 04030201 7F 11 12 13 14 15 16 17 18 19 1A 1B 02 6869",
+     "0:04030201 4:7F 9:11 11:12 13:13 15:14 17:15 19:16 21:17 23:18 25:19 27:1A 29:1B 31:6869"},
     {&kMade, kResponse, 0x5678, kSize, kGood, "8:0807060504030201 16:6869"},
     {&kMade, kResponse, 0x5678, kSize,
      kFailure + kEight + "04 0300 616263 10 1100 3412 02 01 80 04 61626364 02 FF 00 FFFF 0100 11 0600 0200 AABBCCDD",
@@ -162,7 +171,7 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
     std::string wire;
     int32_t error;
   } cases[] = {
-      {"unknown optional TLV", kGood + "12 0100 09", 0},
+      {"unknown optional TLVs", kGood + "12 0100 09 40 0000 41 0000 81 0000", 0},
       {"failure without the other TLVs", kFailure, 0},
       {"failure with a wrong TLV", kFailure + "03 0100 00", -45},
       {"success without the other TLVs", kSuccess, -46},
@@ -181,6 +190,7 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
   for (const auto& each : cases) {
     EXPECT_EQ(decode_to({&kMade, kResponse, 0x5678, kSize, "", ""}, bytes_of(each.wire), result), each.error)
         << each.what;
+    EXPECT_EQ(result == Bytes(kSize), each.error != 0) << each.what;
   }
   EXPECT_EQ(decode_to({&kMade, kRequest, 0x5678, kSize, "", ""}, bytes_of(kFailure), result), -46)
       << "only a response may leave out mandatory TLVs";
@@ -203,15 +213,27 @@ TEST(Codec, EncodesNoMoreThanTheMaximum) {
   }
 }
 
-TEST(Codec, RefusesUnknownMessagesAndVersions) {
+TEST(Codec, RefusesUnknownMessagesVersionsAndNullArguments) {
   Bytes result;
   const MessageCase unknown = {&kMade, kRequest, 0x0022, kSize, "", ""};
   EXPECT_EQ(encode_from(unknown, Bytes(kSize), 64, result), -43);
   EXPECT_EQ(decode_to(unknown, {}, result), -43);
-  const MessageCase without_tlvs = kRows[0];
-  EXPECT_EQ(decode_to(without_tlvs, {0x10, 1, 0, 7}, result), 0) << "an unknown TLV is skipped";
+  EXPECT_EQ(decode_to(kRows[0], {0x10, 1, 0, 7}, result), 0) << "an unknown TLV is skipped";
   EXPECT_EQ(result, Bytes(1));
   EXPECT_EQ(nas_get_service_object_internal_v01(1, 387, 6), nullptr);
+  EXPECT_EQ(sar_get_service_object_internal_v01(1, 14, 6), nullptr);
+  EXPECT_EQ(decode_to({nullptr, kRequest, 0x0020, 1, "", ""}, {}, result), -47);
+  size_t length = 0;
+  EXPECT_EQ(decode(&kMade, kResponse, 0x5678, kMany, sizeof kMany, nullptr, kSize), -47);
+  EXPECT_EQ(encode(&kMade, kResponse, 0x5678, Bytes(kSize).data(), kSize, nullptr, 1, &length), -47);
+}
+
+TEST(Qmux, HeadersAreStoredInFullAndReadFromAllTheirBytes) {
+  Bytes bytes(kFrameHeaderLength + kMessageHeaderLength, 0xEE);
+  store_frame_header(bytes.data(), Direction::kFromModem, 3, 4, 0x0102);
+  store_message_header(&bytes[kFrameHeaderLength], MessageKind::kResponse, 0x0506, 0x0708, 0x090A);
+  EXPECT_EQ(bytes, bytes_of("01 0701 80 03 04 02 0605 0807 0A09"));
+  EXPECT_EQ(read_front(std::span(bytes).first(3), Direction::kToModem).state, Front::State::kIncomplete);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,7 +43,7 @@ class DirectoryTest : public testing::Test {
     directory_ = path;
     ::umask(0);
     fs::permissions(directory_, fs::perms::all);
-    ::setenv("PELMAR_PROPERTY_DIR", path, 1);
+    ::setenv("PELMAR_PROPERTY_DIR", (directory_ / "made").c_str(), 1);
   }
   ~DirectoryTest() override { fs::remove_all(directory_); }
 
@@ -55,7 +56,9 @@ TEST(UnixSocket, ConnectingToAListenerThatDoesNotAcceptTimesOut) {
   const std::string name = "@io-test-full-" + std::to_string(::getpid());
   const UniqueFd listener = listen_on(name, 0);
   const UnixConnection pending = connect_unix(name);
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(connect_unix(name).error, ETIMEDOUT);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, kConnectTimeout);
 }
 
 TEST_F(DirectoryTest, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
@@ -111,12 +114,14 @@ TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
       {"persist.a", "2", true, "2"}, {"b", longest, true, longest}, {"b", longest + 'x', false, longest},
       {"b", "", true, "none"},  // an empty value counts as none
       {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},     {"", "1", false, "none"},
-      {"a/b", "1", false, "none"},   {"a\nb", "1", false, "none"},
+      {"a/b", "1", false, "none"},   {"a\nb", "1", false, "none"},  {"a\x7f", "1", false, "none"},
   };
+  const int unused = UniqueFd(::dup(0)).get();
   for (const auto& [name, value, is_set, read] : cases) {
     EXPECT_EQ(property_set(name.c_str(), value.c_str()) == 0, is_set) << name;
     EXPECT_EQ(get(name), read) << name;
   }
+  EXPECT_EQ(UniqueFd(::dup(0)).get(), unused) << "a descriptor leaks";
   EXPECT_EQ(get("c", nullptr), "");
   EXPECT_EQ(get("c", std::string(200, 'd').c_str()), std::string(91, 'd'));
   rlimit limit{};
@@ -127,13 +132,15 @@ TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
   EXPECT_EQ(error, -1);
   EXPECT_EQ(get("persist.a"), "2");
-  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 2 + 3) << "no temporary file is left";
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 3 + 3) << "no temporary file is left";
+  std::ofstream(directory_ / "made/persist/persist.a") << longest + 'x';
+  EXPECT_EQ(get("persist.a"), "none");
 }
 
 TEST_F(Properties, OnlyPersistentOnesSurviveAReboot) {
   property_set("persist.a", "kept");
   property_set("ro.b", "lost");
-  fs::rename(directory_ / boot_id(), directory_ / "the-boot-before");
+  fs::rename(directory_ / "made" / boot_id(), directory_ / "made/the-boot-before");
   EXPECT_EQ(get("persist.a"), "kept");
   EXPECT_EQ(get("ro.b"), "none");
   EXPECT_EQ(property_set("ro.b", "new"), 0);
@@ -153,13 +160,18 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
     fs::path made;  // the directory that exists before; empty: none
     uid_t owner;
     mode_t mode;
+    std::string value;  // the property's value before
     bool is_kept;
   } cases[] = {
-      {"nothing", "", 0, 0, true},
-      {"a directory of its own", place, kUser, 0700, true},
-      {"another user's", place, kUser + 1, 0777, false},
-      {"a link", elsewhere, kUser, 0700, false},
+      {"nothing", "", 0, 0, "none", true},
+      {"a directory of its own", place, kUser, 0700, "prepared", true},
+      {"one that it cannot write", place, kUser, 0500, "prepared", false},
+      {"another user's", place, kUser + 1, 0777, "none", false},
+      {"one that is open to others", place, kUser, 0770, "none", false},
+      {"a link", elsewhere, kUser, 0700, "none", false},
   };
+  ::openlog("io", LOG_PERROR, LOG_USER);
+  testing::internal::CaptureStderr();
   for (const auto& each : cases) {
     if (!each.made.empty()) {
       fs::create_directories(each.made / "properties/persist");
@@ -169,13 +181,17 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
       }
     }
     if (each.made == elsewhere) fs::create_directory_symlink(elsewhere, place);
+    EXPECT_EQ((AsUser(kUser), get("persist.a")), each.value) << each.what;
     for (const AsUser user(kUser); const char* const value : {"1", "2"}) {
       EXPECT_EQ(property_set("persist.a", value) == 0, each.is_kept) << each.what;
-      EXPECT_EQ(get("persist.a"), each.is_kept ? value : "none") << each.what;
+      EXPECT_EQ(get("persist.a"), each.is_kept ? value : each.value) << each.what;
     }
     EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, each.is_kept || fs::is_symlink(place));
     fs::remove_all(place);
   }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "io: Nothing is kept in " + place.string() +
+                                                        ": another user owns it, or it is open to others. "
+                                                        "Set HOME or XDG_STATE_HOME to a directory of this user.\n");
 }
 
 }  // namespace

@@ -22,12 +22,11 @@ using Packet = QrtrControl::Kind;
 using Bytes = std::vector<uint8_t>;
 
 TEST(ModemAddress, HasTheseForms) {
+  const std::string path = "/" + std::string(106, 'x'), abstract = "@" + std::string(107, 'x');  // the longest names
   const struct {
     std::string text;
     std::optional<ModemAddress> address;
   } cases[] = {
-      {"@modem", ModemAddress{Kind::kQmuxSocket, "@modem"}},
-      {"/run/modem", ModemAddress{Kind::kQmuxSocket, "/run/modem"}},
       {"/dev/null", ModemAddress{Kind::kDevice, "/dev/null"}},
       {"@qmi-proxy", ModemAddress{Kind::kProxy, "/dev/cdc-wdm0"}},
       {"proxy:/dev/cdc-wdm1", ModemAddress{Kind::kProxy, "/dev/cdc-wdm1"}},
@@ -38,9 +37,14 @@ TEST(ModemAddress, HasTheseForms) {
       {"proxy:", std::nullopt},
       {"proxy:cdc-wdm0", std::nullopt},
       {"qrtr:4294967296", std::nullopt},
-      {"/" + std::string(200, 'x'), std::nullopt},
+      {"@", std::nullopt},
+      {path + 'x', std::nullopt},
+      {abstract + 'x', std::nullopt},
   };
   for (const auto& each : cases) EXPECT_EQ(parse_modem_address(each.text), each.address) << each.text;
+  for (const std::string& name : {std::string("@m"), abstract, std::string("/"), path}) {
+    EXPECT_EQ(parse_modem_address(name), (ModemAddress{Kind::kQmuxSocket, name}));
+  }
 }
 
 TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserIsRefusedWithAReason) {

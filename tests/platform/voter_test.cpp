@@ -27,6 +27,7 @@ using namespace std::chrono_literals;
 class VoterTest : public testing::Test {
  protected:
   VoterTest() { ::setenv("PELMAR_PM_SOCKET", name_.c_str(), 1); }
+  ~VoterTest() override { EXPECT_FALSE(limit_.has_passed()) << "a call waited although its response was there"; }
 
   // --- the manager: one connection, step by step ---
 
@@ -73,11 +74,13 @@ class VoterTest : public testing::Test {
     });
     accept();
     EXPECT_EQ(next(), Request(Register{"modem", "tester"}));
-    send_or_end(response);
+    send({response.begin(), response.begin() + static_cast<ptrdiff_t>(response.size() / 2)});
+    std::this_thread::sleep_for(5ms);  // enough for the voter to read the first half alone
+    send_or_end({response.begin() + static_cast<ptrdiff_t>(response.size() / 2), response.end()});
     return registration.get();
   }
   void register_voter() {
-    ASSERT_EQ(register_with(to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE})), PM_RET_SUCCESS);
+    ASSERT_EQ(register_with(to_frame(VoterResponse{0, EVENT_PERIPH_GOING_ONLINE})), PM_RET_SUCCESS);
     ASSERT_NE(handle_, nullptr);
   }
 
@@ -100,6 +103,7 @@ class VoterTest : public testing::Test {
   }
 
   const std::string name_ = "@pelmar-pm-test-" + std::to_string(::getpid());
+  const Deadline limit_ = Deadline::after(kResponseTimeout);
   const UniqueFd listener_ = listen_on(name_, 4);
   UniqueFd connection_;
   void* handle_ = nullptr;
@@ -112,7 +116,7 @@ class VoterTest : public testing::Test {
 
 TEST_F(VoterTest, VotesWithdrawsAndUnregisters) {
   register_voter();
-  EXPECT_EQ(state_, EVENT_PERIPH_IS_OFFLINE);
+  EXPECT_EQ(state_, EVENT_PERIPH_GOING_ONLINE);
   EXPECT_EQ(run(pm_client_connect, Vote{}), PM_RET_SUCCESS);
   EXPECT_EQ(run(pm_client_connect, Vote{}, PM_RET_UNSUPPORTED), PM_RET_UNSUPPORTED);
   EXPECT_EQ(run(pm_client_disconnect, Withdraw{}), PM_RET_SUCCESS);
@@ -184,7 +188,7 @@ TEST_F(VoterTest, ASlowCallbackDelaysOnlyTheUnregistration) {
 }
 
 TEST_F(VoterTest, CallsFailOnceTheManagerIsLost) {
-  for (const Bytes& message : {Bytes{}, Bytes{1, 0x77}}) {
+  for (const Bytes& message : {Bytes{}, Bytes{1, 0x77}, to_frame(Status{EVENT_PERIPH_IS_ONLINE, 0})}) {
     register_voter();
     auto vote = std::async(std::launch::async, pm_client_connect, handle_);
     EXPECT_EQ(next(), Request(Vote{}));
@@ -192,6 +196,20 @@ TEST_F(VoterTest, CallsFailOnceTheManagerIsLost) {
     EXPECT_EQ(vote.get(), PM_RET_FAILED);
     EXPECT_EQ(pm_client_connect(handle_), PM_RET_FAILED);
     EXPECT_EQ(pm_client_event_acknowledge(handle_, EVENT_PERIPH_IS_ONLINE), PM_RET_FAILED);
+    EXPECT_EQ(pm_client_unregister(handle_), PM_RET_SUCCESS);
+  }
+}
+
+TEST_F(VoterTest, AManagerThatSendsTooMuchIsLost) {
+  std::latch go_on(2);
+  callback_ = [&](pm_event) { go_on.wait(); };
+  Bytes events;  // one for the callback, and one more than may wait
+  for (int i = 0; i < 258; ++i) events = join({events, to_frame(Event{EVENT_PERIPH_IS_ONLINE})});
+  for (const Bytes& message : {to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}), events}) {
+    register_voter();
+    send(message);
+    EXPECT_TRUE(is_ended());
+    go_on.count_down();
     EXPECT_EQ(pm_client_unregister(handle_), PM_RET_SUCCESS);
   }
 }

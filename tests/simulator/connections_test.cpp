@@ -56,9 +56,9 @@ TEST_F(Connections, AnIdIsValidForItsConnectionAndServiceUntilASync) {
 
 TEST_F(Connections, BytesThatAreNoFramesEndTheirConnectionOnly) {
   const Bytes starts[] = {
-      {0x55, 1, 2, 3},                 // no frame marker
-      {0x01, 0x04, 0x00, 0x00},        // shorter than its header
-      {0x01, 0x05, 0x00, 0x80, 0, 0},  // from a modem
+      {0x55, 1, 2, 3},           // no frame marker
+      {0x01, 0x04, 0x00},        // shorter than its header
+      {0x01, 0x05, 0x00, 0x80},  // from a modem
   };
   for (const Bytes& bytes : starts) {
     QmuxClient client(socket_);
@@ -82,9 +82,10 @@ TEST_F(Connections, MalformedMessagesAreRefusedOrIgnored) {
   for (const auto& [tlvs, error] : cases) EXPECT_EQ(client.exchange(kPassThrough, tlvs).error(), error);
   EXPECT_EQ(client.exchange(0x0999).error(), 71);
   client.send({0x01, 0x05, 0x00, 0x00, kVs, client.id()});                                      // no message
+  client.send({0x01, 0x0C, 0x00, 0x00, kVs, client.id(), 0x01, 9, 0, 0x00, 0x04, 0, 0});        // no kind
   client.send({0x01, 0x0C, 0x00, 0x00, kVs, client.id(), 0x00, 9, 0, 0x00, 0x04, 0xFF, 0x7F});  // a wrong length
   EXPECT_EQ(client.receive().error(), 1);
-  EXPECT_EQ(status("/counters/ignored_frames"), 1);
+  EXPECT_EQ(status("/counters/ignored_frames"), 2);
 }
 
 TEST_F(Connections, AClientThatDoesNotReadIsDroppedAtTheLimit) {

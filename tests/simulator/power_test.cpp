@@ -132,7 +132,7 @@ TEST_F(Power, RefusesInvalidRequestsAndDropsPeersThatBreakTheProtocol) {
   for (const Request& request : {Request(Vote{}), Request(Withdraw{}), Request(Unregister{})}) {
     EXPECT_EQ(voter.exchange(request), -1) << "it is not registered";
   }
-  EXPECT_EQ(voter.exchange(Register{"toaster", "voter"}), -2);
+  EXPECT_EQ(voter.exchange(Register{std::string(63, ' '), "voter"}), -2) << "a good name of another device";
   voter.send(Register{"modem", "voter"});
   EXPECT_EQ(voter.next(), Reply(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}));
   EXPECT_EQ(voter.exchange(Register{"modem", "again"}), -1);
@@ -145,6 +145,7 @@ TEST_F(Power, RefusesInvalidRequestsAndDropsPeersThatBreakTheProtocol) {
                           {1, 0x81},
                           {2, 0x02, 0},
                           {2, 0x05, 4},
+                          {6, 0x01, 1, 1, 'm', 9, 'v'},
                           {6, 0x01, 2, 1, 'm', 1, 'v'},
                           {6, 0x01, 1, 1, 'm', 1, '\n'},
                           {5, 0x01, 1, 1, 'm', 0},
