@@ -48,7 +48,10 @@ class BodyReader {
     if (byte() != kVersion) is_good_ = false;
   }
   void u8(uint8_t& value) { value = byte(); }
-  void i8(int& value) { value = static_cast<int8_t>(byte()); }
+  void i8(int& value) {
+    value = byte();
+    if (value > INT8_MAX) value -= 1 << 8;
+  }
   // REQUIRES: the value is 0.
   void u32(uint32_t& value) {
     for (int shift = 0; shift < 32; shift += 8) value |= uint32_t{byte()} << shift;
