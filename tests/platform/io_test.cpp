@@ -189,7 +189,7 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
     EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, each.is_kept || fs::is_symlink(place));
     fs::remove_all(place);
   }
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "io: Nothing is kept in " + place.string() +
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "io: Cannot store files in " + place.string() +
                                                         ": another user owns it, or it is open to others. "
                                                         "Set HOME or XDG_STATE_HOME to a directory of this user.\n");
 }
