@@ -173,7 +173,7 @@ FrameState parse_frame(std::span<const uint8_t> bytes, Reply& reply, size_t& siz
 
 const char* state_text(pm_event state) {
   constexpr const char* kTexts[] = {"going off-line", "off-line", "going on-line", "on-line"};
-  return kTexts[state];
+  return state >= EVENT_PERIPH_GOING_OFFLINE && state <= EVENT_PERIPH_IS_ONLINE ? kTexts[state] : "";
 }
 
 std::string default_manager_socket(const std::string& modem_socket) {
