@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -41,12 +42,16 @@ inline Process start(const std::string& arguments) {
   return Process("/bin/sh", {"sh", "-c", "trap '' INT; exec " MODEM_API_TEST " " + arguments}, true);
 }
 
-// Reads lines until one contains the text. Returns false if the output ends before.
-inline bool prints(Process& process, const std::string& text) {
+// Reads lines until one contains the text. Returns what follows it there, or nothing if the output ends before.
+inline std::optional<std::string> after(Process& process, const std::string& text) {
   for (std::string line = process.line(); !line.empty(); line = process.line()) {
-    if (line.find(text) != line.npos) return true;
+    if (const size_t at = line.find(text); at != line.npos) return line.substr(at + text.size());
   }
-  return false;
+  return std::nullopt;
+}
+
+inline bool prints(Process& process, const std::string& text) {
+  return after(process, text).has_value();
 }
 
 // A script, its exit status, and a part of its output. A text that ends with a line feed is the whole output.

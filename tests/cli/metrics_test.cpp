@@ -15,32 +15,23 @@ using testing::Not;
 constexpr const char* kFetch =
     "python3 -c 'import sys, urllib.request as r; print(r.urlopen(sys.argv[1]).read().decode())' ";
 
-// What follows the text in the first line that contains it; empty where none does.
-std::string after(Process& process, const std::string& text) {
-  for (std::string line = process.line(); !line.empty(); line = process.line()) {
-    if (const size_t at = line.find(text); at != line.npos) return line.substr(at + text.size());
-  }
-  return "";
-}
-
 class MetricsTest : public ClientTest {
  protected:
   // What a scrape shows as soon as it contains the text.
   std::string scrape_until(const std::string& text) {
     std::string metrics;
-    EXPECT_TRUE(wait_until([&] {
+    wait_until([&] {
       metrics = shell(kFetch + url_).output;
       return metrics.find(text) != metrics.npos;
-    })) << text
-        << " is not in\n"
-        << metrics;
+    });
+    EXPECT_THAT(metrics, HasSubstr(text));
     return metrics;
   }
 
   std::string address() const { return url_.substr(0, url_.find("/metrics")).substr(strlen("http://")); }
 
   Process client_ = start("signal --rate 50 --serve 127.0.0.1:0");
-  const std::string url_ = after(client_, "metrics are at ");
+  const std::string url_ = after(client_, "metrics are at ").value_or("");
 };
 
 TEST_F(MetricsTest, HaveThePresentReadingWhileTheModemIsThere) {
