@@ -155,38 +155,6 @@ TEST_F(ClientTest, ARecordingIsPlayedAsAScenarioWithTheSameReadings) {
   }
 }
 
-// Captured at both ends. The line "following" is removed, because a played event may be printed before it.
-TEST_F(ClientTest, ACapturedSessionPrintsTheSameWhenItIsPlayed) {
-  const auto session = [this](const std::vector<std::string>& options) {
-    modem().end(SIGTERM);
-    serve(options);
-    return shell(R"(n=0
-        client() { n=$((n + 1)); PELMAR_TRACE=${TRACED:+$n.pcapng} )" MODEM_API_TEST R"( "$@"; }
-        ctl() { )" MODEM_SIM R"( ctl --storage storage "$@" >/dev/null; }
-        [ -z "$TRACED" ] || ctl error 3 nas 0x89 1
-        client nv read 1; client nv write 1 0a1b; client nv read 1
-        for item in 2 3; do client efs write $item --text "item $item"; client efs read $item; done
-        client efs-path read /none
-        client signal >signal; tail -n +2 signal
-        client stats get lte-pcc nr-uplink system-mode
-        client cell-info; client drx; client drx; client sar set 3
-        client events --count 3 >events &
-        [ -z "$TRACED" ] || until grep -qs following events; do sleep 0.01; done
-        [ -z "$TRACED" ] || for event in "2 7 1 0" "3 5 record 0:0x62:01f6ff67" "5 3"; do ctl event $event; done
-        wait
-        sed '/following/d; s/^[0-9:.]* *//' events)")
-        .output;
-  };
-  setenv("TRACED", "1", 1);
-  const std::string recorded = session({"--clock-ms", "3000", "--trace", path("modem.pcapng")});
-  for (const char* part : {"item 3", "QMI error 3, internal", "event 5"}) EXPECT_THAT(recorded, HasSubstr(part));
-  unsetenv("TRACED");
-  shell("cat $(ls [0-9]*.pcapng | sort -n) >client.pcapng");
-  for (const char* capture : {"modem.pcapng", "client.pcapng"}) {
-    EXPECT_EQ(session({"--replay", path(capture), "--speed", "1000"}), recorded) << capture;
-  }
-}
-
 TEST_F(ClientTest, ALossOfTheModemEndsARecordingWithAFailure) {
   ctl("delay 0 vs any 20");
   ctl("error 52 vs");

@@ -1,6 +1,6 @@
-"""A capture of the tour. Played by modem_sim, it makes the client print the same. With the dissector of the build,
-Wireshark's tshark shows the same name, number and result of every message as the client does, and no malformed packet;
-also of a response that is not described.
+"""Captures of the tour, of the client and of the modem. Played by modem_sim, each makes the client print the same. With
+the dissector of the build, Wireshark's tshark shows the same name, number and result of every message as the client
+does, and no malformed packet; also of a response that is not described.
 
 usage: tour_test.py DIRECTORY_OF_THE_PROGRAMS DISSECTOR PROJECT_DIRECTORY
 """
@@ -68,16 +68,21 @@ def main(programs, dissector, project):
         scratch, programs = pathlib.Path(scratch), pathlib.Path(programs)
         script = pathlib.Path(project, "scripts/tour.sh").read_text()
         capture = scratch / "all"
-        # Every reading of the signal is printed.
-        script = script.replace("--rate 10 --for 4", "--rate 1 --count 3")
-        recorded = run_tour(programs, script, [("^show (modem_sim ctl .*)", r"\1 >>modem.log")],
-                            {"PELMAR_TRACE": str(scratch / "%p.pcapng")})
-        capture.write_bytes(b"".join(path.read_bytes() for path in scratch.glob("*.pcapng")))
+        # Every reading of the signal is printed. An item is read before it is written, too.
+        always = [("--rate 10 --for 4", "--rate 1 --count 3"),
+                  ("^show (modem_api_test nv) write 550", r"show_refused \1 read 550\n\g<0>")]
+        changes = [*always, ("^show (modem_sim ctl .*)", r"\1 >>modem.log"),
+                   ("^modem_sim serve", rf"\g<0> --trace {scratch}/modem")]
+        recorded = run_tour(programs, script, changes, {"PELMAR_TRACE": str(scratch / "%p.pcapng")})
+        # In the order of the programs, because the first read of the item differs from the second.
+        captures = sorted(scratch.glob("*.pcapng"), key=lambda path: path.stat().st_mtime_ns)
+        capture.write_bytes(b"".join(path.read_bytes() for path in captures))
         # The modem that plays the capture gets no ctl commands: the capture has the event and the loss of a service.
-        changes = [("^show modem_sim ctl .*", ""), ("^modem_sim serve", rf"\g<0> --replay {capture}")]
-        played = run_tour(programs, script, changes, {})
-        for line, other in itertools.zip_longest(recorded.splitlines(), played.splitlines()):
-            assert line == other, f"recorded: {line}, played: {other}"
+        for source in (capture, scratch / "modem"):
+            changes = [*always, ("^show modem_sim ctl .*", ""), ("^modem_sim serve", rf"\g<0> --replay {source}")]
+            played = run_tour(programs, script, changes, {})
+            for line, other in itertools.zip_longest(recorded.splitlines(), played.splitlines()):
+                assert line == other, f"recorded: {line}, played from {source.name}: {other}"
 
         if shutil.which("tshark") is None:
             sys.exit(77)
