@@ -3,14 +3,15 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "modem_api_peripheral_mng.h"
 #include "modem_test.h"
 #include "nas_client.h"
 #include "pelmar_ssr.h"
+#include "scripted_modem.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -18,31 +19,22 @@ namespace {
 using sim::test::wait_until;
 using testing::ElementsAre;
 
-// Records the statuses of connections by client type, and passes them on to the client table.
-class Statuses {
- public:
-  static void add(uint32_t type, uint32_t status) {
-    modem_api_operational_status_cb(type, status);
-    const std::lock_guard guard(lock_);
-    lists_[type].push_back(status);
-    changed_.notify_all();
-  }
+using StatusLists = std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>;
 
-  // Waits until the client's last status is this one. Returns the statuses since the previous call.
-  static std::vector<uint32_t> until(uint32_t type, uint32_t status) {
-    std::unique_lock guard(lock_);
-    changed_.wait_for(guard, std::chrono::seconds(90),
-                      [&] { return !lists_[type].empty() && lists_[type].back() == status; });
-    return std::exchange(lists_[type], {});
-  }
+// The statuses of connections by client type. Never destroyed: connections report until the process ends.
+auto& statuses = *new platform::SharedValue<StatusLists>;
 
- private:
-  // Never destroyed: connections report until the process ends.
-  static inline std::mutex& lock_ = *new std::mutex;
-  static inline std::condition_variable& changed_ = *new std::condition_variable;
-  static inline std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>& lists_ =
-      *new std::array<std::vector<uint32_t>, MODEM_API_CLIENT_TYPES>;
-};
+// Records the status, and passes it on to the client table.
+void add_status(uint32_t type, uint32_t status) {
+  modem_api_operational_status_cb(type, status);
+  statuses.change([=](StatusLists& lists) { lists[type].push_back(status); });
+}
+
+// Waits until the client's last status is this one. Returns the statuses since the previous call.
+std::vector<uint32_t> statuses_until(uint32_t type, uint32_t status) {
+  statuses.wait_until([=](const StatusLists& lists) { return !lists[type].empty() && lists[type].back() == status; });
+  return statuses.change([=](StatusLists& lists) { return std::exchange(lists[type], {}); });
+}
 
 class RestartTest : public ModemTest {
  protected:
@@ -63,9 +55,9 @@ class RestartTest : public ModemTest {
     for (const uint32_t sub : {0, 1}) {
       EXPECT_EQ(modem_api_init_client(MODEM_API_CLIENT_NAS_0 + sub, nullptr, nullptr, &nas_[sub]), MODEM_API_SUCCESS);
     }
-    sar_client_set_operational_status_callback(Statuses::add);
-    nas_0_client_set_operational_status_callback(Statuses::add);
-    nas_1_client_set_operational_status_callback(Statuses::add);
+    sar_client_set_operational_status_callback(add_status);
+    nas_0_client_set_operational_status_callback(add_status);
+    nas_1_client_set_operational_status_callback(add_status);
   }
   modem_api_result set_state() const { return modem_api_set_sar_rf_state(sar_, 2); }
   modem_api_result avoid_trm(int32_t sub) const { return modem_api_set_avoid_trm(nas_[sub], sub, 1); }
@@ -91,35 +83,31 @@ TEST_F(RestartTest, ClientsReconnectWithoutACall) {
   const std::vector<uint32_t> nas = {MODEM_API_CLIENT_NAS_0, MODEM_API_CLIENT_NAS_1};
   ASSERT_EQ(pelmar_set_modem_ssr_type(MODEM_RESTART_LEVEL_ID_DUMP), 1);
   open_clients();
+  const auto run = [this](const char* command) { return [=, this] { ctl(command); }; };
+  const auto vote = [this] {
+    EXPECT_TRUE(wait_for_state("off"));
+    EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
+  };
   const struct {
     const std::vector<uint32_t> clients;
-    const char *down, *up;  // an empty command releases or casts the vote
+    const std::function<void()> down, up;
   } cases[] = {
-      {{MODEM_API_CLIENT_SAR}, "service sar down", "service sar up"},
-      {nas, "service nas down", "service nas up"},
-      {all, "restart 3600000", "restart 0"},
-      {all, "crash", "start"},
-      {all, "", ""},
+      {{MODEM_API_CLIENT_SAR}, run("service sar down"), run("service sar up")},
+      {nas, run("service nas down"), run("service nas up")},
+      {all, run("restart 3600000"), run("restart 0")},
+      {all, run("crash"), run("start")},
+      {all, modem_api_peripheral_mng_release_vote, vote},
   };
   for (const auto& each : cases) {
-    SCOPED_TRACE(each.down);
-    if (*each.down == '\0') {
-      modem_api_peripheral_mng_release_vote();
-    } else {
-      ctl(each.down);
-    }
+    SCOPED_TRACE(&each - cases);
+    each.down();
     for (const uint32_t client : each.clients) {
-      EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
+      EXPECT_THAT(statuses_until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
     }
     EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command fails while the service is away";
-    if (*each.up == '\0') {
-      ASSERT_TRUE(wait_for_state("off"));
-      EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
-    } else {
-      ctl(each.up);
-    }
+    each.up();
     for (const uint32_t client : each.clients) {
-      EXPECT_THAT(Statuses::until(client, OPERATIONAL_STATUS_UP), ElementsAre(6, 3));
+      EXPECT_THAT(statuses_until(client, OPERATIONAL_STATUS_UP), ElementsAre(6, 3));
     }
     EXPECT_TRUE(has_all_clients());
   }
