@@ -14,15 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Runs modem_sim to its end and checks its status and output.
-void expect(const std::vector<std::string>& arguments, int status, const std::string& text) {
-  std::vector<std::string> all = {MODEM_SIM};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  const Outcome outcome = run_program(all);
-  EXPECT_EQ(outcome.status, status) << outcome.output;
-  EXPECT_NE(outcome.output.find(text), std::string::npos) << outcome.output;
-}
-
 TEST(Program, SignalsRemoveItsSocketFilesAndLeftOverOnesAreReplaced) {
   const ScratchDirectory directory;
   for (const int signal : {SIGKILL, SIGINT, SIGTERM}) {
@@ -52,15 +43,15 @@ TEST_F(ProcessTest, InvalidOptionsAndUsedPathsAreRefused) {
   const std::string abstract = "@" + path("name");
   const ScratchDirectory other;
   const SimProcess on_abstract(other, {"--device", path("device")}, abstract);
-  expect({"serve", "--socket", socket_, "--storage", path("other")}, 1, "another process serves socket");
-  expect({"serve", "--socket", abstract, "--storage", path("other")}, 1, "another process serves socket");
-  expect({"serve", "--socket", path("q2"), "--storage", path("storage")}, 1, "in use by another modem_sim");
-  expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--device", path("device")}, 1,
-         "another modem_sim serves the device");
-  expect({"serve", "--socket", MODEM_SIM, "--storage", path("other")}, 1, "is no socket");
-  expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--scenario", "/none"}, 1, "no such file");
-  expect({"serve", "--socket", path("q2"), "--storage", path("other"), "--reset-ms", "-5"}, 2, "--reset-ms");
-  expect({"scenario", path("")}, 1, "modem_sim: cannot read '" + path("") + "': Is a directory\n");
+  expect_end({"serve", "--socket", socket_, "--storage", path("other")}, 1, "another process serves socket");
+  expect_end({"serve", "--socket", abstract, "--storage", path("other")}, 1, "another process serves socket");
+  expect_end({"serve", "--socket", path("q2"), "--storage", path("storage")}, 1, "in use by another modem_sim");
+  expect_end({"serve", "--socket", path("q2"), "--storage", path("other"), "--device", path("device")}, 1,
+             "another modem_sim serves the device");
+  expect_end({"serve", "--socket", MODEM_SIM, "--storage", path("other")}, 1, "is no socket");
+  expect_end({"serve", "--socket", path("q2"), "--storage", path("other"), "--scenario", "/none"}, 1, "no such file");
+  expect_end({"serve", "--socket", path("q2"), "--storage", path("other"), "--reset-ms", "-5"}, 2, "--reset-ms");
+  expect_end({"scenario", path("")}, 1, "modem_sim: cannot read '" + path("") + "': Is a directory\n");
   EXPECT_TRUE(fs::exists(MODEM_SIM));
   EXPECT_NE(QmuxClient(socket_).allocate(kVs), 0) << "the running modem is not affected";
 }
@@ -98,12 +89,12 @@ TEST(Program, AnAbstractNameAdmitsThisUserAndRootUnlessOpenedToAll) {
 
 TEST_F(ProcessTest, CtlReturnsAStatusForSuccessFailureAndWrongUsage) {
   const std::string storage = path("storage");
-  expect({"ctl", "--storage", storage, "service", "sar", "down"}, 0, "service: sar\nup: false\n");
-  expect({"ctl", "--control", storage + "/control", "--json", "status"}, 0, "{\"ok\":true,\"state\":");
-  expect({"ctl", "--storage", storage, "start"}, 1, "no crash has left the modem down");
-  expect({"ctl", "--storage", storage, "\x1b[1mexplode"}, 2, "unknown command '\\x1b[1mexplode'");
-  expect({"ctl", "--storage", path("nowhere"), "status"}, 1, "cannot connect to");
-  expect({"ctl", "--storage", storage, "quit"}, 0, "done");
+  expect_end({"ctl", "--storage", storage, "service", "sar", "down"}, 0, "service: sar\nup: false\n");
+  expect_end({"ctl", "--control", storage + "/control", "--json", "status"}, 0, "{\"ok\":true,\"state\":");
+  expect_end({"ctl", "--storage", storage, "start"}, 1, "no crash has left the modem down");
+  expect_end({"ctl", "--storage", storage, "\x1b[1mexplode"}, 2, "unknown command '\\x1b[1mexplode'");
+  expect_end({"ctl", "--storage", path("nowhere"), "status"}, 1, "cannot connect to");
+  expect_end({"ctl", "--storage", storage, "quit"}, 0, "done");
   EXPECT_EQ(modem_.end(0), 0);
 }
 

@@ -38,13 +38,10 @@ class ReplayTest : public testing::Test {
   }
   void play() { modem_.emplace(directory_, std::vector<std::string>{"--replay", capture_, "--speed", "1000"}); }
 
-  void expect_refusal(const std::vector<std::string>& options, const std::string& problem) const {
-    std::vector<std::string> line = {
-        MODEM_SIM, "serve", "--socket", directory_.path("refused"), "--storage", directory_.path("other")};
-    line.insert(line.end(), options.begin(), options.end());
-    const Outcome outcome = run_program(line);
-    EXPECT_NE(outcome.output.find(problem), std::string::npos) << outcome.output;
-    EXPECT_EQ(outcome.status, 1);
+  void expect_refusal(std::vector<std::string> options, const std::string& problem) const {
+    options.insert(options.begin(),
+                   {"serve", "--socket", directory_.path("refused"), "--storage", directory_.path("other")});
+    expect_end(options, 1, problem);
   }
 
   // Returns the byte of the recorded response, or the error.

@@ -146,6 +146,14 @@ class QmuxClient {
   const uint8_t id_;
 };
 
+// Runs modem_sim to its end and checks its status and a part of its output.
+inline void expect_end(std::vector<std::string> arguments, int status, const std::string& text) {
+  arguments.insert(arguments.begin(), MODEM_SIM);
+  const Outcome outcome = run_program(arguments);
+  EXPECT_EQ(outcome.status, status) << outcome.output;
+  EXPECT_NE(outcome.output.find(text), std::string::npos) << outcome.output;
+}
+
 class SimulatorTest : public testing::Test {
  protected:
   explicit SimulatorTest(const std::vector<std::string>& options = {}) : modem_(directory_, options) {}
