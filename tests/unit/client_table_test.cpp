@@ -1,7 +1,6 @@
 // The client table: the slots, the notices to clients, and the state after a client was opened and freed.
 #include <unistd.h>
 
-#include <array>
 #include <cstring>
 
 #include "golden_log.h"
@@ -106,7 +105,7 @@ TEST_F(ClientTable, IsInitialisedOnceAndReleasedWithoutItsConnections) {
   std::memset(&parameters, 0xFF, sizeof parameters);
   EXPECT_EQ(modem_api_init(), 0);
   EXPECT_EQ(vs_client_info.client_handle, nullptr);
-  EXPECT_EQ(std::memcmp(&parameters, std::array<uint8_t, sizeof parameters>().data(), sizeof parameters), 0);
+  EXPECT_TRUE(is_zero(parameters));
   expect_refused(MODEM_API_CLIENT_VS, MODEM_API_ERR_ALREADY_INITIALIZED);
 
   EXPECT_EQ(modem_api_release(), 0);

@@ -41,14 +41,9 @@ void expect_golden_log(const Lines& words) {
   const std::string path = std::string(GOLDEN_DIRECTORY) + "/" + name + ".log";
   const char* const mode = std::getenv("PELMAR_GOLDEN");
   if (mode != nullptr && std::string(mode) == "update") std::ofstream(path) << text.str();
-  std::ifstream file(path);
-  std::istringstream written(text.str());
-  std::string wanted, actual;
-  for (int number = 1; std::getline(file, wanted); ++number) {
-    ASSERT_TRUE(std::getline(written, actual)) << "missing: " << path << ":" << number;
-    ASSERT_EQ(actual, wanted) << path << ":" << number;
-  }
-  ASSERT_FALSE(std::getline(written, actual)) << "not in " << path << ": " << actual;
+  std::ostringstream wanted;
+  wanted << std::ifstream(path).rdbuf();
+  ASSERT_EQ(text.str(), wanted.str()) << path;
 }
 
 }  // namespace scripted
