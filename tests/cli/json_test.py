@@ -87,7 +87,6 @@ ssr wait 0
 shutdown-notice --yes
 shutdown-notice
 reset --yes
-nv read
 bogus
 nv read 10 --modem x
 nv 'read
@@ -179,13 +178,10 @@ def main(client, simulator, source):
         environment |= {"PELMAR_MODEM": "", "PELMAR_MODEM_SIM": str(simulator)}
         with Modem(simulator, scratch, "power", "--pm-socket") as modem:
             documents += run_batch(client, modem, POWER_LINES, place).values()
-        alone = subprocess.run([client, "--json", "modem", "stop"], stdout=subprocess.PIPE, text=True, **place).stdout
-        wrong = subprocess.run([client, "--json", "nv"], stdout=subprocess.PIPE, text=True, **place).stdout
-        absent = subprocess.run([client, "--json", "--trace", "capture", "--modem", "@nobody", "info"],
-                                stdout=subprocess.PIPE, text=True, **place).stdout
-        trace = subprocess.run([client, "--json", "trace", "capture", "--fields"], stdout=subprocess.PIPE, text=True,
-                               **place).stdout
-        documents += [json.loads(line) for line in (alone + wrong + absent + trace).splitlines()]
+        for words in (["modem", "stop"], ["nv"], ["--trace", "capture", "--modem", "@nobody", "info"],
+                      ["trace", "capture", "--fields"]):
+            lines = subprocess.run([client, "--json", *words], stdout=subprocess.PIPE, text=True, **place).stdout
+            documents += map(json.loads, lines.splitlines())
     definition = json.loads(pathlib.Path(source, "tools/modem_api_test/json_schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(definition)
     succeeded = check_documents(documents, jsonschema.Draft202012Validator(definition))
