@@ -19,6 +19,7 @@ namespace {
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 
+constexpr const char* kQmicli = "/usr/bin/qmicli";
 constexpr const char* kProxy = "@qmi-proxy";
 
 // Creates a network namespace and returns the proxy's name in it; "" if that fails.
@@ -34,7 +35,7 @@ class QmicliTest : public ModemTest {
   void SetUp() override {
     ModemTest::SetUp();
     if (IsSkipped()) return;
-    if (access(sim::test::kQmicli, X_OK) != 0) GTEST_SKIP() << "qmicli is not installed (package libqmi-utils)";
+    if (access(kQmicli, X_OK) != 0) GTEST_SKIP() << "qmicli is not installed (package libqmi-utils)";
     if (sim::test::transport() == "socket" && modem().socket() != kProxy)
       GTEST_SKIP() << "cannot create a network namespace";
   }
@@ -43,9 +44,8 @@ class QmicliTest : public ModemTest {
     const std::string transport = sim::test::transport();
     const std::string device = transport == "proxy" ? modem().device() : "/dev/null";
     const sim::test::Outcome outcome =
-        transport == "qrtr"
-            ? sim::test::run_program({sim::test::kQmicli, "-d", "qrtr://1", action})
-            : sim::test::run_program({sim::test::kQmicli, "--device-open-qmi", "-p", "-d", device, action});
+        transport == "qrtr" ? sim::test::run_program({kQmicli, "-d", "qrtr://1", action})
+                            : sim::test::run_program({kQmicli, "--device-open-qmi", "-p", "-d", device, action});
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     return outcome.output;
   }

@@ -90,7 +90,6 @@ TEST_F(Faults, WrongCommandsAreRefusedWithTheReason) {
       {"error 65536", "a number from 0 to 65535"},
       {"silence nobody", "no service 'nobody': there are nas, sar, vs"},
       {"silence vs read-everything", "no message 'read-everything'"},
-      {"service vs sideways", "neither up nor down"},
       {"event 3 1 record 0:1:zz", "'zz' is no HEX"},
       {"stream 5", "no client has registered for event 3"},
       {"statistic 0 lte-pcc pci=1 rsrp=2", "rsrp_rx0"},

@@ -29,8 +29,6 @@ class ScratchDirectory {
 // starts its own qmi-proxy) or "qrtr". The default is "socket".
 std::string transport();
 
-inline constexpr const char* kQmicli = "/usr/bin/qmicli";  // of the package libqmi-utils
-
 // Checks the condition every 5 ms. Returns false if it does not hold within a minute.
 bool wait_until(const std::function<bool()>& condition);
 
