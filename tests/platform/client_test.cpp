@@ -201,21 +201,44 @@ TEST_F(ClientTest, PendingTransactionsAreLimitedAndHaveUniqueNumbers) {
   EXPECT_EQ(send_async(handle), QMI_NO_ERR);
 }
 
-TEST_F(ClientTest, AModemThatReadsNothingDoesNotBlockASendForEver) {
-  const qmi_client_type handle = connect();
+TEST_P(BothRules, AModemThatReadsNothingDoesNotBlockASendForEver) {
   nas::SetLteCellLockRequest lock{};
   lock.lock_count = nas::kMaxCellLocks;
   nas::PlainResponse response{};
-  std::unique_lock reading(modem_.reading);
-  for (const auto start = Clock::now(); Clock::now() - start < milliseconds(300);) {
-    ASSERT_EQ(qmi_client_send_msg_sync(handle, QMI_NAS_SET_LTE_CELL_LOCK_V01, &lock, sizeof lock, &response,
-                                       sizeof response, 1),
-              QMI_TIMEOUT_ERR);
+  for (const int connection : {0, 1}) {
+    events_.set({});
+    const qmi_client_type handle = connect();
+    std::unique_lock reading(modem_.reading);
+    for (int count = 0; count < 200; ++count) {  // more than a socket takes
+      ASSERT_EQ(qmi_client_send_msg_sync(handle, QMI_NAS_SET_LTE_CELL_LOCK_V01, &lock, sizeof lock, &response,
+                                         sizeof response, 1),
+                QMI_TIMEOUT_ERR);
+    }
+    auto blocked = std::async(std::launch::async, get_drx, handle, 0);
+    std::this_thread::sleep_for(milliseconds(50));  // it owns the sending side by now
+    const auto start = Clock::now();
+    EXPECT_EQ(get_drx(handle, 50), Outcome(QMI_TIMEOUT_ERR, 0));
+    EXPECT_GE(Clock::now() - start, milliseconds(50));
+    auto waiting = std::async(std::launch::async, get_drx, handle, 0);
+    modem_.indicate(connection, kNasId, 0xFF, 1);
+    EXPECT_EQ(events(1), (Events{"indication 1 (0)"})) << "the modem may have to write before it reads";
+    if (connection == 1) {
+      by_rules<std::function<void()>>([this] { modem_.revoke(1, kNasId, 2); }, [this] { modem_.send(1, {0xFF}); })();
+      EXPECT_EQ(blocked.get(), lost());
+      EXPECT_EQ(waiting.get(), lost());
+      continue;
+    }
+    reading.unlock();
+    ScriptedRequest request = modem_.receive();
+    while (request.id != kDrx) request = modem_.receive();
+    const ScriptedRequest next = modem_.receive();
+    EXPECT_EQ(next.id, kDrx) << "the stream still has whole frames";
+    EXPECT_EQ(next.transaction, request.transaction + 1) << "no send begins before another one has ended";
+    for (const ScriptedRequest& each : {request, next}) modem_.respond(each, drx_response(1));
+    EXPECT_EQ(blocked.get(), Outcome(0, 1));
+    EXPECT_EQ(waiting.get(), Outcome(0, 1));
   }
-  reading.unlock();
-  Exchange exchange = begin(handle);
-  while (exchange.request.id != kDrx) exchange.request = modem_.receive();
-  EXPECT_EQ(finish(exchange, 1), Outcome(0, 1)) << "the stream still has whole frames";
+  modem_.client_ids.set({});
 }
 
 // They accumulate behind a slow callback while a sender reads the connection.
