@@ -151,7 +151,6 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
   if (status == SendStatus::kBlocked) {
     // The modem may take no more bytes until we read, so we pass the reading on.
     if (reader_ != nullptr && reader_->transaction == transaction) pass_reading();
-    if (reader_ == nullptr) poll_connection(true);
     lock.unlock();
     status = connection_->flush(deadline);
     lock.lock();
