@@ -1,15 +1,19 @@
-// The parts of the transports that need no peer: the forms of a modem's address, devices that cannot be opened, and the
-// control packets of QRTR.
+// The parts of the transports that need no peer: the forms of a modem's address, devices that cannot be opened, the
+// record of client ids, and the control packets of QRTR.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "client_id_record.h"
 #include "modem_address.h"
 #include "modem_device.h"
 #include "qrtr_transport.h"
@@ -57,6 +61,54 @@ TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserIsRefusedWithAReason) {
     EXPECT_EQ(::seteuid(0) + ::unlink(path.c_str()), 0);
     EXPECT_EQ(found.substr(0, std::strlen(problem)), problem);
   }
+}
+
+// The connections of one process have entries of their own, as those of several processes do.
+TEST(ClientIdRecord, HasTheIdsThatNobodyElseMayHaveByNow) {
+  namespace fs = std::filesystem;
+  const fs::path home = testing::TempDir() + "record." + std::to_string(::getpid()), socket = home / "a b%,";
+  const fs::path place = home / "pelmar/client-ids", file = place / "record";
+  fs::create_directories(place);
+  fs::permissions(place, fs::perms::all);
+  for (const fs::path& path : {socket, home / "new"}) std::ofstream made(path);
+  ::setenv("XDG_STATE_HOME", home.c_str(), 1);
+  const Deadline none = Deadline::none();
+  ClientIdRecord a(socket, "/c"), b(socket, "/c"), c(socket, "/c"), other("/x", "/c");
+  const auto held = [&] {
+    std::string ids;
+    for (const HeldClientId& id : a.held(none)) ids += std::to_string(id.client) + (id.process == 0 ? "! " : " ");
+    return ids;
+  };
+  b.add({3, 2}, none);
+  other.add({3, 1}, none);
+  a.add({3, 1}, none);
+  EXPECT_EQ(held(), "2 1 ");
+  c.add({3, 1}, none);  // allocated again, so that a's id and the older ones are void
+  a.restore({{3, 9}, {3, 9}}, none);
+  EXPECT_EQ(held(), "9! 1 ");
+  EXPECT_FALSE(a.remove(none) || b.remove(none));
+  EXPECT_TRUE(other.remove(none)) << "another modem's id";
+  EXPECT_EQ(c.take_abandoned(none).size() + c.take_abandoned(none).size(), 1u) << "the first call takes it";
+  b.add({3, 2}, none);
+  b.void_own(none);
+  EXPECT_EQ(held(), "");
+  EXPECT_FALSE(c.remove(none));
+
+  a.add({3, 1}, none);
+  std::string line, lines;
+  std::getline(std::ifstream(file), line);
+  for (int count = 0; count < 256; ++count) lines += "of-another-boot" + line.substr(line.find(' ')) + '\n';
+  line.replace(line.find(" 3 1 "), 2, " 259");  // no service has this number
+  std::ofstream(file) << line << '\n' << lines;
+  EXPECT_TRUE(b.add({3, 4}, none).empty()) << "ids of another boot are not abandoned";
+  EXPECT_EQ(held(), "4 ") << "in place of the oldest";
+
+  fs::rename(home / "new", socket);
+  EXPECT_TRUE(ClientIdRecord(socket, "/c").held(none).empty()) << "the modem behind another socket of this name";
+  EXPECT_TRUE(b.remove(none));
+  EXPECT_EQ(held(), "");
+  EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all);
+  fs::remove_all(home);
 }
 
 TEST(Qrtr, ReadsControlPackets) {
