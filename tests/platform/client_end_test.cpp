@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <latch>
 #include <thread>
@@ -145,6 +146,9 @@ TEST_F(ClientTest, ANotifierDelaysReportsOfAServiceThatIsLostAgain) {
     has_lasted |= Clock::now() - connected >= milliseconds(100);
     const qmi_client_type handle = create_notifier();
     EXPECT_EQ(events(2), (Events{"error -2", "event 0"}));
+    const std::clock_t before = std::clock();
+    std::this_thread::sleep_for(milliseconds(60));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 25) << "a notifier at rest waits";
     qmi_client_release(handle);
   }
   EXPECT_TRUE(has_lasted || Clock::now() - start >= milliseconds(10 + 20 + 40 + 80));
