@@ -43,8 +43,7 @@ std::optional<ModemAddress> parse_modem_address(const std::string& text) {
     if (!device.starts_with('/')) return std::nullopt;
     return ModemAddress{Kind::kProxy, std::move(device)};
   }
-  const bool is_path = !is_abstract(text) && text.find('/') != text.npos;
-  if (!is_path && !is_abstract(text)) return std::nullopt;
+  if (!is_abstract(text) && text.find('/') == text.npos) return std::nullopt;
   const bool is_device_name = text.starts_with("/dev/");
   const ModemAddress address = look_at_path({is_device_name ? Kind::kDevice : Kind::kQmuxSocket, text});
   return address.kind == Kind::kDevice || unix_address(text) ? std::optional(address) : std::nullopt;

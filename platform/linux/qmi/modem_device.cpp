@@ -112,15 +112,15 @@ std::string describe_failure(const std::string& path, int error, const struct st
   return std::strerror(error);
 }
 
-// Sets the terminal to pass every byte unchanged, and drops the bytes that an earlier user did not read. A
+// Sets a terminal to pass every byte unchanged, and drops the bytes that an earlier user did not read. A
 // pseudo-terminal is not made exclusive, because it would remain so after it is closed.
-bool prepare_terminal(int terminal, const struct stat& file) {
+bool prepare_if_terminal(int device, const struct stat& file) {
   termios settings{};
-  if (::tcgetattr(terminal, &settings) != 0) return false;
+  if (::tcgetattr(device, &settings) != 0) return true;  // it is no terminal
   ::cfmakeraw(&settings);
   settings.c_cflag |= CLOCAL | CREAD;
-  if (!is_pseudo_terminal(file)) ::ioctl(terminal, TIOCEXCL);
-  return ::tcsetattr(terminal, TCSANOW, &settings) == 0 && ::tcflush(terminal, TCIFLUSH) == 0;
+  if (!is_pseudo_terminal(file)) ::ioctl(device, TIOCEXCL);
+  return ::tcsetattr(device, TCSANOW, &settings) == 0 && ::tcflush(device, TCIFLUSH) == 0;
 }
 
 // Opens the device for this process alone. If that fails, `problem` has the reason and a remedy.
@@ -150,7 +150,7 @@ ProcessFd open_device(const std::string& path, Problem& problem) {
     problem = {describe_use(path, file)};
     return {};
   }
-  if (::isatty(device.get()) != 0 && !prepare_terminal(device.get(), file)) {
+  if (!prepare_if_terminal(device.get(), file)) {
     problem = {std::string("its terminal settings cannot be changed: ") + std::strerror(errno)};
     return {};
   }
@@ -273,7 +273,7 @@ constexpr uint64_t kDevice = 1;
 // Receives from a link's socket without waiting.
 ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received) {
   const ssize_t count = ::recv(socket, room.data(), room.size(), MSG_DONTWAIT);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return ReadStatus::kTimedOut;
+  if (count < 0 && errno == EAGAIN) return ReadStatus::kTimedOut;
   if (count <= 0) return ReadStatus::kGone;
   received = static_cast<size_t>(count);
   return ReadStatus::kRead;
@@ -407,7 +407,7 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
   const Lock lock(mutex_);
   if (is_gone_ || !links_.contains(link)) return SendStatus::kGone;
   std::vector<uint8_t> copy;
-  if (frame.size() > kTransactionAt && frame[kServiceAt] == qmi::kControlService) {
+  if (frame[kServiceAt] == qmi::kControlService) {
     copy.assign(frame.begin(), frame.end());
     last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
     control_[last_transaction_] = {link, std::exchange(copy[kTransactionAt], last_transaction_)};

@@ -36,21 +36,21 @@ bool FrameReader::next(qmi::Frame& frame) {
 
 ControlIndication read_control_indication(const qmi::Message& message) {
   if (message.kind == qmi::MessageKind::kIndication) {
-    if (message.id == ctl::kSync) return {ControlIndication::kRestarted, 0, 0};
+    if (message.id == ctl::kSync) return {ControlIndication::kRestarted};
     const auto value = qmi::find_tlv(message.tlvs, kValueTlv);
     if (message.id == ctl::kRevokeClientId && value && value->size() >= 2) {
       return {ControlIndication::kRevoked, (*value)[0], (*value)[1]};
     }
   }
-  return {ControlIndication::kOther, 0, 0};
+  return {ControlIndication::kOther};
 }
 
 Problem QmuxLink::connect(const ModemAddress& address, const Deadline& deadline) {
   switch (address.kind) {
     case ModemAddress::Kind::kDevice: {
       device_ = connect_device(address.path);
-      Problem problem = device_.problem;
-      if (!problem && !stream_.adopt(std::move(device_.socket))) problem = {std::strerror(errno)};
+      stream_.adopt(std::move(device_.socket));
+      const Problem& problem = device_.problem;
       if (problem && !problem.is_temporary) report_problem("Cannot open " + address.path + ": " + problem.text);
       return problem;
     }

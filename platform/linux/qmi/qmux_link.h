@@ -51,8 +51,8 @@ class FrameReader {
 // The content of an indication of the CTL service.
 struct ControlIndication {
   enum { kOther, kRevoked, kRestarted } event;
-  uint8_t service;  // of kRevoked: the service and client id that were revoked
-  uint8_t client;
+  uint8_t service = 0;  // of kRevoked: the service and client id that were revoked
+  uint8_t client = 0;
 };
 
 // Reads an indication of the CTL service. kOther for every other message.

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "unix_socket.h"
 
@@ -28,7 +29,6 @@ void report(const std::string& name, const std::string& problem) {
 }  // namespace
 
 Problem SocketStream::connect(const std::string& name, const Deadline& deadline) {
-  close();
   descriptor_ = ProcessFd([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
   if (!is_open()) return {std::strerror(errno)};
   silent_listener_ = name;
@@ -42,15 +42,6 @@ Problem SocketStream::connect(const std::string& name, const Deadline& deadline)
   if (!is_absent && !result.problem.empty()) report(name, result.problem);
   close();
   return {is_absent ? "no process listens on it (" + result.problem + ")" : result.problem, is_absent};
-}
-
-bool SocketStream::adopt(ProcessFd socket) {
-  close();
-  descriptor_ = std::move(socket);
-  silent_listener_.clear();
-  if (is_open() && set_receive_timeout(descriptor())) return true;
-  close();
-  return false;
 }
 
 SendStatus SocketStream::send(const uint8_t* bytes, size_t length) {
@@ -72,8 +63,7 @@ SendStatus SocketStream::send(const uint8_t* bytes, size_t length) {
 
 SendStatus SocketStream::flush(const Deadline& deadline) {
   while (!unsent_.empty()) {
-    const std::vector<uint8_t> rest = std::move(unsent_);
-    unsent_.clear();
+    const auto rest = std::exchange(unsent_, {});
     const SendStatus status = send(rest.data(), rest.size());
     if (status != SendStatus::kBlocked) return status;
     if (!wait(POLLOUT, deadline)) return SendStatus::kTimedOut;
@@ -100,13 +90,14 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
   }
 }
 
+// Returns false once the deadline has passed, otherwise when the caller must try again.
 bool SocketStream::wait(short events, const Deadline& deadline) {
   if (deadline.has_passed()) return false;
   pollfd poll_for = {descriptor(), events, 0};
   const auto remaining = deadline.remaining().count();
   const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
-  const int ready = ::ppoll(&poll_for, 1, deadline.is_none() ? nullptr : &time, nullptr);
-  return ready > 0 || (ready < 0 && errno == EINTR) || !deadline.has_passed();
+  ::ppoll(&poll_for, 1, deadline.is_none() ? nullptr : &time, nullptr);
+  return true;
 }
 
 void SocketStream::report_refusal() {

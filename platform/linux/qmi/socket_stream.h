@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "deadline.h"
@@ -21,8 +22,8 @@ class SocketStream {
   // Why a listener that has not sent anything may have refused this user, and what to do; empty: no such reason.
   std::string describe_refusal() const;
 
-  // Takes over a connected socket. False if there is none, or its time-out cannot be set.
-  bool adopt(ProcessFd socket);
+  // Takes over a connected socket, whose bytes the caller sends and receives itself.
+  void adopt(ProcessFd socket) { descriptor_ = std::move(socket); }
 
   bool is_open() const { return static_cast<bool>(descriptor_); }
   int descriptor() const { return descriptor_.get(); }
