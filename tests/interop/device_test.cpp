@@ -5,18 +5,14 @@
 #include <stdlib.h>
 
 #include <atomic>
-#include <future>
 #include <string>
 #include <vector>
 
 #include "capture.h"
-#include "environment.h"
 #include "modem_test.h"
 #include "network_access_service_v01.h"
 #include "qmi_client.h"
 #include "unix_socket.h"
-#include "vs_client.h"
-#include "vs_messages.h"
 
 namespace pelmar::system_test {
 namespace {
@@ -105,37 +101,6 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
   }
   ctl("event 2 7 1 0 to broadcast");
   EXPECT_EQ(follower.end(), 0) << "an event to all clients comes over a device, too";
-}
-
-TEST_F(DeviceTest, AReleaseEndsASendThatTheDeviceDoesNotTake) {
-  qmi_client_type handle = nullptr, other = nullptr;  // the other one keeps the device open
-  for (qmi_client_type* const each : {&handle, &other}) {
-    ASSERT_EQ(qmi_client_init_instance(&vs_qmi_idl_service_object_v01, QMI_CLIENT_INSTANCE_ANY, nullptr, nullptr,
-                                       nullptr, 1000, each),
-              QMI_NO_ERR);
-  }
-  const auto write = [handle](unsigned timeout) {
-    vs::WriteNvRequest request{};
-    request.data_len = sizeof request.data;
-    qmi_response_type_v01 response{};
-    return qmi_client_send_msg_sync(handle, vs::kWriteNv, &request, sizeof request, &response, sizeof response,
-                                    timeout);
-  };
-  kill(modem().process(), SIGSTOP);
-  for (int i = 0; i < 400; ++i) write(1);  // more than the 64 KiB that the kernel keeps for a terminal
-  std::atomic<pid_t> thread = 0;
-  auto result = std::async(std::launch::async, [&] {
-    thread = gettid();
-    return write(0);  // without a time-out
-  });
-  EXPECT_TRUE(sim::test::wait_until([&] {
-    const std::string status = read_small_file("/proc/self/task/" + std::to_string(thread) + "/stat");
-    return status.find(") S ") != status.npos;
-  }));
-  EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
-  EXPECT_EQ(result.get(), QMI_CLIENT_INVALID_CLNT);
-  kill(modem().process(), SIGCONT);
-  EXPECT_EQ(qmi_client_release(other), QMI_NO_ERR);
 }
 
 // qmi-proxy keeps the client ids of programs that were killed, and the modem has ten for each service.

@@ -207,7 +207,9 @@ TEST_F(ClientTest, PendingTransactionsAreLimitedAndHaveUniqueNumbers) {
 }
 
 TEST_P(BothRules, AModemThatReadsNothingDoesNotBlockASendForEver) {
-  for (const uint8_t connection : {uint8_t{0}, uint8_t{1}}) {
+  const Outcome released = {by_rules(QMI_CLIENT_INVALID_CLNT, QMI_INTERNAL_ERR), 0};
+  const Outcome outcomes[] = {Outcome(0, 1), lost(), released};
+  for (const uint8_t connection : {0, 1, 2}) {
     const qmi_client_type handle = connect();
     std::unique_lock reading(modem_.reading);
     constexpr int kMany = 300;  // more than a socket takes
@@ -220,7 +222,9 @@ TEST_P(BothRules, AModemThatReadsNothingDoesNotBlockASendForEver) {
     auto waiting = std::async(std::launch::async, get_drx, handle, 0);
     modem_.indicate(connection, kNasId, 0xFF, 1);
     EXPECT_EQ(events(connection + 1u).size(), connection + 1u) << "the modem may have to write before it reads";
-    if (connection == 1) {
+    if (connection == 2) {
+      EXPECT_EQ(qmi_client_release(handle), QMI_NO_ERR);
+    } else if (connection == 1) {
       GetParam() ? modem_.send(1, {0xFF}) : modem_.revoke(1, kNasId, 2);
     } else {
       reading.unlock();
@@ -230,8 +234,10 @@ TEST_P(BothRules, AModemThatReadsNothingDoesNotBlockASendForEver) {
       for (const ScriptedRequest& each : {request, next}) modem_.respond(each, drx_response(1));
       EXPECT_EQ(next.transaction, request.transaction + 1) << "no send begins before another one has ended";
     }
-    for (auto* outcome : {&blocked, &waiting}) EXPECT_EQ(outcome->get(), connection == 1 ? lost() : Outcome(0, 1));
+    for (auto* outcome : {&blocked, &waiting}) EXPECT_EQ(outcome->get(), outcomes[connection]);
   }
+  connect();
+  EXPECT_FALSE(modem_.client_ids.get().contains({kNasId, 3})) << "the next open releases what a release could not";
   modem_.client_ids.set({});
 }
 
