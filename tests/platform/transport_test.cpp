@@ -1,6 +1,8 @@
-// The parts of the transports that need no peer: the forms of a modem's address, devices that cannot be opened, the
-// record of client ids, and the control packets of QRTR.
+// The parts of the transports below connections: the forms of a modem's address, devices, the record of client ids, and
+// the control packets of QRTR.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -10,20 +12,23 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "client_id_record.h"
 #include "modem_address.h"
 #include "modem_device.h"
 #include "qrtr_transport.h"
+#include "scripted_modem.h"
 
 namespace pelmar::platform {
 namespace {
 
 using Kind = ModemAddress::Kind;
 using Packet = QrtrControl::Kind;
-using Bytes = std::vector<uint8_t>;
+using std::chrono::milliseconds;
 
 TEST(ModemAddress, HasTheseForms) {
   const std::string path = "/" + std::string(106, 'x'), abstract = "@" + std::string(107, 'x');  // the longest names
@@ -37,7 +42,9 @@ TEST(ModemAddress, HasTheseForms) {
       {"qrtr", ModemAddress{Kind::kQrtr, ""}},
       {"qrtr:0", ModemAddress{Kind::kQrtr, "", 0}},
       {"qrtr:4294967295", ModemAddress{Kind::kQrtr, "", 0xFFFFFFFF}},
+      {"/dev/cdc-wdm9", ModemAddress{Kind::kDevice, "/dev/cdc-wdm9"}},
       {"", std::nullopt},
+      {"modem", std::nullopt},
       {"proxy:", std::nullopt},
       {"proxy:cdc-wdm0", std::nullopt},
       {"qrtr:4294967296", std::nullopt},
@@ -109,6 +116,96 @@ TEST(ClientIdRecord, HasTheIdsThatNobodyElseMayHaveByNow) {
   EXPECT_EQ(held(), "");
   EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all);
   fs::remove_all(home);
+}
+
+// A pseudo-terminal is the device, and the test is the modem at its other end.
+class SharedDevice : public testing::Test {
+ protected:
+  SharedDevice() {
+    EXPECT_EQ(::grantpt(modem_.get()) + ::unlockpt(modem_.get()), 0);
+    for (DeviceLink& link : links_) link = connect_device(::ptsname(modem_.get()));
+  }
+  void send(const Bytes& bytes) {
+    EXPECT_EQ(::write(modem_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  Bytes receive(size_t length) {
+    Bytes bytes(length);
+    for (size_t end = 0; end < length;) {
+      const ssize_t count = ::read(modem_.get(), &bytes[end], length - end);
+      if (count <= 0) throw std::runtime_error("the device was closed");
+      end += static_cast<size_t>(count);
+    }
+    return bytes;
+  }
+  static void expect(const DeviceLink& link, const Bytes& expected) {
+    Bytes bytes(expected.size());
+    for (size_t end = 0, count = 0; end < bytes.size(); end += count) {
+      const std::span<uint8_t> room(&bytes[end], bytes.size() - end);
+      ASSERT_EQ(receive_from_device(link, link.socket.get(), room, Deadline::none(), count), ReadStatus::kRead);
+    }
+    EXPECT_EQ(bytes, expected);
+  }
+  static void end(DeviceLink& link) {
+    link.socket.reset();
+    while (flush_device(link, Deadline::now()) != SendStatus::kGone) std::this_thread::sleep_for(milliseconds(1));
+  }
+
+  UniqueFd modem_{::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
+  DeviceLink links_[3];
+};
+
+TEST_F(SharedDevice, SendsABlockedFrameWholeUnlessItsLinkEndsBefore) {
+  auto& [a, b, c] = links_;
+  // The kernel takes less than one of them; a terminal that is not raw would change the line feeds.
+  const Bytes first = frame(1, 0xFF, Bytes(60'000, '\n')), last = frame(1, 0xFF, Bytes(50'000, 'x'));
+  EXPECT_EQ(send_to_device(a, first), SendStatus::kBlocked);
+  EXPECT_EQ(send_to_device(c, first), SendStatus::kBlocked);
+  EXPECT_EQ(send_to_device(b, last), SendStatus::kBlocked);
+  EXPECT_EQ(flush_device(a, Deadline::now()), SendStatus::kTimedOut);
+  auto flushed = std::async(std::launch::async, [&] { return flush_device(a, Deadline::none()); });
+  EXPECT_EQ(flushed.wait_for(milliseconds(50)), std::future_status::timeout);
+  end(c);
+  const Bytes received = receive(first.size() + 1);
+  EXPECT_EQ(flushed.get(), SendStatus::kSent);
+  end(b);  // the device has a part of its frame
+  EXPECT_EQ(join({received, receive(last.size() - 1)}), join({first, last}));
+}
+
+TEST_F(SharedDevice, PassesEachLinkItsFramesInOrder) {
+  const Bytes first = frame(1, 0xFF, Bytes(1000, 1)), next = frame(1, 0xFF, Bytes(1000, 2));
+  Bytes all;
+  while (all.size() < 300'000) all = join({all, first, next});
+  send(all);
+  for (const DeviceLink& link : links_) expect(link, all);
+  for (int round = 0; round < 9; ++round) {
+    send({first[0]});
+    std::this_thread::sleep_for(milliseconds(5));
+    send({first.begin() + 1, first.end()});
+    pollfd arrival = {links_[0].socket.get(), POLLIN, 0};
+    EXPECT_EQ(::poll(&arrival, 1, -1), 1) << "while nobody reads";
+    for (int i = 0; i < round % 3; ++i) send(next);
+    expect(links_[0], first);
+    for (int i = 0; i < round % 3; ++i) expect(links_[0], next);
+  }
+}
+
+TEST_F(SharedDevice, GivesAClientIdToTheLinkThatRequestedIt) {
+  const auto allocation = [](std::initializer_list<uint8_t> head, const Bytes& tlvs) {
+    return frame(0, 0, join({head, {0x22, 0}, u16(tlvs.size()), tlvs}));
+  };
+  const Bytes id = join({kSuccess, {0x01, 2, 0, 1, 7}}), own = frame(1, 7, {4, 0, 0, 1, 0, 0, 0});
+  for (uint8_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(send_to_device(links_[i - 1], allocation({0, 9}, {0x01, 1, 0, 1})), SendStatus::kSent);
+    EXPECT_EQ(receive(16), allocation({0, i}, {0x01, 1, 0, 1}));
+  }
+  send(allocation({1, 1}, refusal(5)));
+  expect(links_[0], allocation({1, 9}, refusal(5)));
+  for (int i = 0; i < 2; ++i) send(allocation({1, 2}, id));  // the modem repeats itself
+  send(own);
+  expect(links_[1], join({allocation({1, 9}, id), own}));
+  end(links_[2]);
+  send(allocation({1, 3}, id));
+  EXPECT_EQ(receive(17), (Bytes{0x01, 16, 0, 0, 0, 0, 0, 4, 0x23, 0, 5, 0, 0x01, 2, 0, 1, 7})) << "it is released";
 }
 
 TEST(Qrtr, ReadsControlPackets) {
