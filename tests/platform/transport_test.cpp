@@ -169,6 +169,9 @@ TEST_F(SharedDevice, SendsABlockedFrameWholeUnlessItsLinkEndsBefore) {
   EXPECT_EQ(flushed.get(), SendStatus::kSent);
   end(b);  // the device has a part of its frame
   EXPECT_EQ(join({received, receive(last.size() - 1)}), join({first, last}));
+  SendStatus status = SendStatus::kSent;
+  while (status == SendStatus::kSent) status = send_to_device(a, frame(1, 0xFF, {1, 2}));  // the last does not fit
+  EXPECT_EQ(status, SendStatus::kBlocked);
 }
 
 TEST_F(SharedDevice, PassesEachLinkItsFramesInOrder) {
