@@ -414,7 +414,7 @@ enum { MODEM_API_MAX_LOCKED_CELLS = 60 };
 /* Locks LTE to a list of cells; an empty list ends the lock.
  *
  * sub     as in modem_api_get_cell_info()
- * count   0 to 60. More is refused by the codec, with the result MODEM_API_ERR_GENERIC
+ * count   0 to 60; never pass more. (A codec that refuses more gives MODEM_API_ERR_GENERIC.)
  * values  `count` physical cell ids; the low 16 bits go out
  * params  `count` frequencies (EARFCN) */
 PELMAR_EXPORT modem_api_result modem_api_set_lte_cell_lock(int32_t client_id, uint32_t sub, uint32_t count,

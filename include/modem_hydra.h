@@ -17,9 +17,10 @@
  * Threads: readings may be called from any thread. They run one at a time, each for up to the 30 s of one command; the
  * one that opens hydra also takes the time of connecting. Everything else is called by one thread at a time.
  *
- * Results: 1 is yes or success, 0 is no or failure, except for a modem_api_result. While hydra is closed, commands do
- * nothing and return 0 (MODEM_API_SUCCESS); see modem_hydra_api_is_inited() where the difference matters. The
- * registrations also do so while no statistics client id was ever granted: see modem_hydra_stats_client_is_inited().
+ * Results: a uint8_t is 1 for yes or success and 0 for no or failure, unless a function says otherwise. While hydra is
+ * closed, commands do nothing and return 0 (MODEM_API_SUCCESS); see modem_hydra_api_is_inited() where the difference
+ * matters. The registrations also do so while no statistics client id was ever granted: see
+ * modem_hydra_stats_client_is_inited().
  */
 #ifndef MODEM_HYDRA_H
 #define MODEM_HYDRA_H
@@ -51,8 +52,8 @@ PELMAR_EXPORT uint8_t modem_hydra_api_init_ex(modem_api_event_cb event_cb, modem
 /* Whether hydra is open. */
 PELMAR_EXPORT uint8_t modem_hydra_api_is_inited(void);
 
-/* Closes hydra and releases the library. A statistics client id is not released at the modem and stays valid: it is in
- * use again once hydra is open again. Returns the result of modem_api_release(). */
+/* Closes hydra and releases the library. A statistics client id is neither released at the modem nor cleared: hydra
+ * uses it again once it is open again. Returns the result of modem_api_release(). */
 PELMAR_EXPORT modem_api_result modem_hydra_api_deinit(void);
 
 /* --- the modem's statistics feature, and hydra's statistics client id --- */

@@ -21,7 +21,8 @@ typedef struct {
   char p_name[256];
 } pelmar_pid_info;
 
-/* This process's name, from its command line; empty when that cannot be read. The name in every log line. It reports to
+/* This process's name, from its command line; empty when that cannot be read. The name in the lines of
+ * the system log, unless the RIL instance is set. It reports to
  * the system log alone, with no prefix and whatever the masks. */
 PELMAR_EXPORT const char* pelmar_get_current_pid_name(void);
 
@@ -40,9 +41,9 @@ PELMAR_EXPORT uint32_t pelmar_get_qcril_process_instance_id(void);
 
 /* --- C++ linkage: for C++ callers alone --- */
 
-/* The same as pelmar_get_current_pid_name(), from the status file, which has at most 15 characters of the name. All
- * functions here and the log lines then have this name, until another of the functions reads the name for the first
- * time. */
+/* The same as pelmar_get_current_pid_name(), from the status file, which has at most 15 characters of the name.
+ * pelmar_get_current_pid_name(), pelmar_utils_get_pid_name() and the log lines then have this name, until another of
+ * the functions reads the name for the first time. */
 PELMAR_EXPORT const char* pelmar_get_current_pid_name_ex();
 
 /* Searches the process table.

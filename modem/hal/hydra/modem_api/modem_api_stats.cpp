@@ -1,7 +1,8 @@
 // Statistics commands: feature status, report switching, registration, reading and clearing of values.
 //
-// Register and deregister send the first 100 records; get and clear refuse a count outside 1 to 10. Other counts above
-// a capacity are cut without a log line. A failure does not change the caller's outputs.
+// Register and deregister send the first 100 records or ids; get and clear refuse a count outside 1 to 10. Counts above
+// a capacity are cut without a log line, except the value_len of a request, which is sent as it is. A failure does not
+// change the caller's outputs.
 #include <algorithm>
 
 #include "modem_api_command.h"
@@ -29,7 +30,7 @@ void copy_registration(const modem_api_stats_registration& from, vs::StatsEntry&
   to.trailer = from.trailer;
 }
 
-// Logs an entry: the first word of its value, and the following bytes in hexadecimal.
+// Logs an entry: the first word of its value, and the following bytes as pelmar_get_hex_str() writes them.
 void log_entry(const Operation& operation, uint32_t index, const stats_para_entry& entry) {
   const bool passes = pelmar_hal_get_logcat_print_flag(PELMAR_LOG_LEVEL_DEBUG) ||
                       pelmar_hal_get_shell_print_flag(PELMAR_LOG_LEVEL_DEBUG);

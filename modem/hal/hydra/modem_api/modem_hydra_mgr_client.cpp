@@ -84,7 +84,8 @@ modem_api_result set_event(const EventSwitch& row, int32_t event) {
   return is_open(PELMAR_PLACE_AS(row.name)) ? row.set_event(g_hydra_client_id.load(), event) : kNothingDone;
 }
 
-// If the first event already has the state, so has the second, and the modem has both: nothing is sent.
+// MODEM_API_ERR_NO_EFFECT, which only a removal returns, counts as success: the second event and the modem's setting
+// are then left as they are.
 bool switch_events(const Operation& operation, const EventSwitch& row) {
   modem_api_result ret = set_event(row, MODEM_API_EVENT_VS_REPORT_A);
   PELMAR_LOG_DEBUG_IN(operation, "%s, modem_api_ret = %d", row.verb, ret);

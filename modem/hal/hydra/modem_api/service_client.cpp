@@ -45,8 +45,7 @@ int attempt(const ServiceClient& client, qmi_client_type* handle) {
   return code;
 }
 
-// Calls sleep() once, because it is a function of the platform. If a signal ends it early, clock_nanosleep() waits for
-// the rest.
+// A pause is one call of sleep(). If a signal ends it early, clock_nanosleep() waits for the rest.
 void pause_between_attempts() {
   timespec end;
   clock_gettime(CLOCK_MONOTONIC, &end);

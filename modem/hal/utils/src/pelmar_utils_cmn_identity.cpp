@@ -169,6 +169,7 @@ const char* pelmar_build_region_get(void) {
 const char* pelmar_vendor_build_region_get(void) {
   static thread_local PropertyValue region;
   Operation operation(PELMAR_HERE);
+  region[0] = '\0';
   pelmar_get_property_value(kVendorRegion, region, kNone);
   return region;
 }

@@ -1,8 +1,9 @@
 // The name and id of the library's process.
 //
-// Every log line has the name, so the two functions that read it for the lines use pelmar_utils_syslog_*(), not the log
-// macros. A name is built in a buffer of one thread and then published for ever, so that no thread reads a part of it.
-// During the first read other threads get the name that was published before, at first the empty name.
+// A line of the system log has the name unless the RIL instance is set, so the functions that read it for the lines use
+// pelmar_utils_syslog_*(), not the log macros. A name is built in a buffer of one thread and then published for ever,
+// so that no thread reads a part of it. During the first read other threads get the name that was published before, at
+// first the empty name.
 #include "pelmar_process.h"
 
 #include <dirent.h>

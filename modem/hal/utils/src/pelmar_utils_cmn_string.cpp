@@ -120,7 +120,7 @@ int pelmar_str_trim(char* str, uint32_t str_len_max) {
 
   while (is_space(str[end - 1])) str[--end] = '\0';  // ends at str[start] at the latest
   const int length = end - start;
-  std::memmove(str, str + start, static_cast<size_t>(length) + 1);
+  if (start > 0) std::memmove(str, str + start, static_cast<size_t>(length) + 1);
   return operation.exit(length);
 }
 
