@@ -61,7 +61,7 @@ class CaptureWriter {
 
   // Writes a message with the present time. A file takes it without waiting for other threads. A pipe takes messages
   // one by one; if it takes none for some seconds, the write has failed. A write fails with EFBIG if the file would
-  // exceed RLIMIT_FSIZE as it was when the writer was created. If the limit was lowered since, or another process
+  // exceed RLIMIT_FSIZE as it was when the writer was created. If the limit was lowered since, or something else
   // writes the file, the signal SIGXFSZ may come instead, which ends a program that does not ignore it.
   void write(uint32_t link, Direction direction, uint8_t service, uint8_t client, std::span<const uint8_t> message);
 

@@ -23,7 +23,8 @@ int32_t Client::send_sync(const Request& request, const Deadline& deadline) noex
   slot_of(waiter.transaction) = &waiter;
   waiter.place = waiters_.size();
   waiters_.push_back(&waiter);
-  // While bytes of an earlier send wait, the thread goes on reading: the modem may take no more bytes until we read.
+  // While bytes of an earlier send wait, the thread reads, unless it runs a callback: the modem may take no more bytes
+  // until we read.
   if (reader_ == nullptr && !has_phone_rules_ && !connection_->has_unsent()) take_reading(waiter);
   error = transmit(lock, request, waiter.transaction, deadline);
   if (error != QMI_NO_ERR && !waiter.is_done) finish(waiter, error);

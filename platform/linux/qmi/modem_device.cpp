@@ -451,8 +451,8 @@ void ModemDevice::expect(uint64_t number, bool is_expected) {
   if (is_expected && reader_.link == 0 && !is_read_armed_) arm();
 }
 
-// Whether the thread must read when no sender does: a client waits at a link's socket, or a frame waits for the
-// device, which may take no more bytes until we read.
+// Whether the thread must read without a pause once no other thread reads: one waits at a link's socket, or a frame
+// waits for the device, which may take no more bytes until we read.
 bool ModemDevice::must_read_at_once() const {
   return receivers_ > 0 || !unwritten_.empty() ||
          std::any_of(links_.begin(), links_.end(), [](const auto& link) { return link.second.expects; });

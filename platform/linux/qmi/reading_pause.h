@@ -1,6 +1,6 @@
-// A handle's thread polls a descriptor, except while a sender reads it in its place. The thread's poll stays disarmed
-// between senders that follow each other, which saves two system calls for each. If another thread waits for what the
-// thread reads, the poll is armed at once.
+// A thread polls a descriptor, except while another thread reads it in its place. The poll stays disarmed between
+// readers that follow each other, which saves two system calls for each. If another thread waits for what the thread
+// reads, the poll is armed at once.
 #pragma once
 
 #include "deadline.h"

@@ -90,7 +90,7 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
   }
 }
 
-// Returns false once the deadline has passed, otherwise when the caller must try again.
+// Returns false if the deadline has passed. Otherwise waits and returns true: the caller tries again.
 bool SocketStream::wait(short events, const Deadline& deadline) {
   if (deadline.has_passed()) return false;
   pollfd poll_for = {descriptor(), events, 0};
