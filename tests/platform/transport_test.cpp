@@ -162,7 +162,7 @@ TEST_F(SharedDevice, SendsABlockedFrameWholeUnlessItsLinkEndsBefore) {
   EXPECT_EQ(send_to_device(c, first), SendStatus::kBlocked);
   EXPECT_EQ(send_to_device(b, last), SendStatus::kBlocked);
   EXPECT_EQ(flush_device(a, Deadline::now()), SendStatus::kTimedOut);
-  auto flushed = std::async(std::launch::async, [&] { return flush_device(a, Deadline::none()); });
+  auto flushed = std::async(std::launch::async, [&a = a] { return flush_device(a, Deadline::none()); });
   EXPECT_EQ(flushed.wait_for(milliseconds(50)), std::future_status::timeout);
   end(c);
   const Bytes received = receive(first.size() + 1);
