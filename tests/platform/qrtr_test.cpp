@@ -367,7 +367,10 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   other.publish(1);
   auto outcome = send(connect(4, 0), 1);
   const Datagram request = service.receive_request();
+  outcome.wait();
   const Bytes indication = message(0x04, 0, 0x0024, Bytes(60'000, 0));
+  EXPECT_EQ(service.send(request.from, indication), 0);
+  while (indications_ == 0) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
   size_t refused = 0;
   while (refused < 5) refused += service.send(request.from, indication) != 0;
   service.close();
