@@ -17,7 +17,7 @@
  * Threads: readings may be called from any thread. They run one at a time, each for up to the 30 s of one command; the
  * one that opens hydra also takes the time of connecting. Everything else is called by one thread at a time.
  *
- * Results: a uint8_t is 1 for yes or success and 0 for no or failure, unless a function says otherwise. While hydra is
+ * Results: a uint8_t is 1 for yes or success and 0 for no or failure, unless stated at the function. While hydra is
  * closed, commands do nothing and return 0 (MODEM_API_SUCCESS); see modem_hydra_api_is_inited() where the difference
  * matters. The registrations also do so while no statistics client id was ever granted: see
  * modem_hydra_stats_client_is_inited().

@@ -81,9 +81,9 @@ PELMAR_EXPORT void pelmar_hal_close_print(void);
 
 /* --- C++ linkage: for C++ callers alone --- */
 
-/* The property echo: whether reads and writes of properties are logged at debug level. Decided
- * once per process, by the first of this function, pelmar_print_property_value() and pelmar_get_property_value():
- * on when "persist.vendor.radio.print_prop" (default "1") is exactly "1". */
+/* The property echo: whether reads and writes of properties are logged at debug level. Decided once
+ * per process, by the first of this function, pelmar_print_property_value() and pelmar_get_property_value(): on when
+ * "persist.vendor.radio.print_prop" (default "1") is exactly "1". */
 PELMAR_EXPORT bool pelmar_utils_get_prop_print_flag();
 
 /* Logs "name: value" of one property, when the echo is on; a property without value reads "null_val".

@@ -21,9 +21,8 @@ typedef struct {
   char p_name[256];
 } pelmar_pid_info;
 
-/* This process's name, from its command line; empty when that cannot be read. The name in the lines of
- * the system log, unless the RIL instance is set. It reports to
- * the system log alone, with no prefix and whatever the masks. */
+/* This process's name, from its command line; empty when that cannot be read. The lines of the system log have this
+ * name, unless the RIL instance is set. It reports to the system log alone, with no prefix and whatever the masks. */
 PELMAR_EXPORT const char* pelmar_get_current_pid_name(void);
 
 /* Fills a record with this process's id and name, read anew on every call. Null is logged as an error. */

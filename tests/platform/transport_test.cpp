@@ -71,7 +71,7 @@ TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserIsRefusedWithAReason) {
 }
 
 // The connections of one process have entries of their own, as those of several processes do.
-TEST(ClientIdRecord, HasTheIdsThatNobodyElseMayHaveByNow) {
+TEST(ClientIdRecord, HasOnlyIdsThatNoOtherClientCanHave) {
   namespace fs = std::filesystem;
   const fs::path home = testing::TempDir() + "record." + std::to_string(::getpid()), socket = home / "a b%,";
   const fs::path place = home / "pelmar/client-ids", file = place / "record";
@@ -185,7 +185,7 @@ TEST_F(SharedDevice, PassesEachLinkItsFramesInOrder) {
     std::this_thread::sleep_for(milliseconds(5));
     send({first.begin() + 1, first.end()});
     pollfd arrival = {links_[0].socket.get(), POLLIN, 0};
-    EXPECT_EQ(::poll(&arrival, 1, -1), 1) << "while nobody reads";
+    EXPECT_EQ(::poll(&arrival, 1, -1), 1) << "while no link reads";
     for (int i = 0; i < round % 3; ++i) send(next);
     expect(links_[0], first);
     for (int i = 0; i < round % 3; ++i) expect(links_[0], next);

@@ -21,7 +21,7 @@ constexpr const char* kNotes = R"(Environment:
   PELMAR_PROPERTY_DIR  directory of the system properties (default: pelmar/properties in XDG_STATE_HOME)
   PELMAR_PM_SOCKET  socket of the peripheral manager (default: the modem's with .pm added)
   PELMAR_MODEM_SIM  program of the simulated modem (default: modem_sim beside this program)
-  XDG_STATE_HOME  where the properties, the record of client ids (pelmar/client-ids) and the storage of the own modem (pelmar/modem) are (default: ~/.local/state, or a private directory in TMPDIR for a user without a home)
+  XDG_STATE_HOME  where the properties, the record of client ids (pelmar/client-ids) and the storage of the own modem (pelmar/modem) are (default: ~/.local/state; without a home, the first two are in a private directory in TMPDIR)
   XDG_RUNTIME_DIR  where the socket of the own modem is (default: its storage)
   NO_COLOR  if not empty, the live view has no colours
 Exit status:

@@ -1,5 +1,5 @@
-// Owners of blocks from the traced allocator. Call release() only to store a record in the client
-// table or to pass a block out of the library.
+// Owners of blocks from the traced allocator. Call release() only to store a record in the client table or to
+// pass a block out of the library.
 #pragma once
 
 #include <memory>
