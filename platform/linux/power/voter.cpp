@@ -52,8 +52,13 @@ class Voter : public std::enable_shared_from_this<Voter> {
     // Held until both threads are stored, because the callback's thread may use caller_.is_current() to end the voter.
     const Lock lock(mutex_);
     if (is_ending_) return;  // another thread has unregistered the handle already
-    reader_.start([self = shared_from_this()] { self->read(); });
-    caller_.start([self = shared_from_this()] { self->run_callbacks(); });
+    try {
+      reader_.start([self = shared_from_this()] { self->read(); });
+      caller_.start([self = shared_from_this()] { self->run_callbacks(); });
+    } catch (...) {
+      lose();  // end() must not wait for a response that nobody reads
+      throw;
+    }
   }
 
   int vote() { return exchange(Vote{}); }
