@@ -69,7 +69,7 @@ def main(programs, dissector, project):
         script = pathlib.Path(project, "scripts/tour.sh").read_text()
         capture = scratch / "all"
         # Every reading of the signal is printed. An item is read before it is written, too.
-        always = [("--rate 10 --for 4", "--rate 1 --count 3"),
+        always = [("--watch --rate 10 --for 4", "--rate 1 --count 3"),
                   ("^show (modem_api_test nv) write 550", r"show_refused \1 read 550\n\g<0>")]
         changes = [*always, ("^show (modem_sim ctl .*)", r"\1 >>modem.log"),
                    ("^modem_sim serve", rf"\g<0> --trace {scratch}/modem")]

@@ -204,7 +204,7 @@ class Series {
     const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / rate();
     Clock::time_point next = Clock::now();
     while (!is_complete() && (!end || next < *end) && context_.inbox.pause_until(next)) {
-      if (!take(end)) return;
+      if (!take(next, end)) return;
       next = std::max(next + period, Clock::now());
     }
   }
@@ -239,8 +239,8 @@ class Series {
   uint32_t rate() const { return values_.rate.value_or(kUsualRate); }
   bool is_complete() const { return values_.count > 0 && readings_ == values_.count; }
 
-  // False where the reading does not come in time.
-  bool take(std::optional<Clock::time_point> end) {
+  // False where the reading that is due does not come in time.
+  bool take(Clock::time_point due, std::optional<Clock::time_point> end) {
     thread_.start([this] { reading_ = read(link_, values_); });
     if (end) end = std::max(*end, Clock::now() + kLastReadingTimeout);
     if (!thread_.wait(end)) return false;
@@ -249,14 +249,14 @@ class Series {
       ++readings_;
       if (plot_) add_reading(recording_, *reading_);
       if (csv_) csv_->write(csv_rows(*reading_));
-      show_reading(*reading_);
+      show_reading(*reading_, due);
     } else {
       show_loss(link_.problem());
     }
     return true;
   }
 
-  void show_reading(const Reading& reading) {
+  void show_reading(const Reading& reading, Clock::time_point due) {
     const bool is_back = std::exchange(is_lost_, false);
     if (show_ == Show::kLive) return live_->take(reading);
     if (show_ == Show::kRemarks) {
@@ -270,8 +270,8 @@ class Series {
                    local_text(reading.time) + "  " + kBackText);
     }
     // A log of a long time has a line a second.
-    if (values_.watch && !output.is_json() && Clock::now() < next_line_) return;
-    next_line_ = Clock::now() + kLinePeriod;
+    if (values_.watch && !output.is_json() && due < next_line_) return;
+    next_line_ = due + kLinePeriod;
     output.print(reading_json(reading), reading_line(reading));
   }
 
