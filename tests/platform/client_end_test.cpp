@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "client_fixture.h"
+#include "client_id_record.h"
 
 namespace {
 
@@ -60,6 +61,8 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
     EXPECT_EQ(events(0).size(), 4u) << "a registration after the loss calls back before it returns";
     EXPECT_TRUE(modem_.wait_for_close(connection));
+    const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
+    EXPECT_EQ(record.held(Deadline::none()).empty(), &lose != &losses[2]) << "an id that could not be released stays";
     if (&lose != &losses[3]) {
       EXPECT_TRUE(modem_.client_ids.get().contains({kNasId, client})) << "it may be another client's id by now";
     }
@@ -108,6 +111,9 @@ TEST_P(ErrorOfAVoidId, BelongsToTheMessageIfTheIdIsValid) {
   modem_.respond(async_, refusal(7));
   modem_.receive();  // the second probe has no response
   EXPECT_EQ(events(1), (Events{"response 137 0 1007"}));
+  const std::clock_t before = std::clock();
+  std::this_thread::sleep_for(milliseconds(60));
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 25) << "the handle's thread waits";
 }
 
 // --- notifiers ---
@@ -119,11 +125,17 @@ TEST_F(ClientTest, ANotifierReportsAtRegistrationAndEveryChange) {
   events(2);
   modem_.services.set({kNasId});
   events(3);
+  const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
+  record.restore({{kNasId, 99}}, Deadline::none());
   modem_.announce_restart(0);
   events(5);
+  EXPECT_TRUE(record.held(Deadline::none()).empty()) << "an id of a dead process is void";
   modem_.send(0, join({frame(0, 0, {2, 0, 0x24, 0, 0, 0}), frame(0, 0, {2, 0, 0x24, 0, 4, 0, 0x01, 1, 0, kNasId})}));
   modem_.revoke(0, kNasId, 9);
   EXPECT_EQ(events(7), (Events{"event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
+  modem_.send(0, {0x01, 0xFF});  // the start of a frame
+  modem_.close(0);
+  EXPECT_EQ(events(9).size(), 9u);
 }
 
 TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
@@ -133,6 +145,9 @@ TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback)
   on_callback_.set([this](qmi_client_type self) { note("released " + std::to_string(qmi_client_release(self))); });
   modem_.services.set({kNasId});
   EXPECT_EQ(events(2), (Events{"event 0", "released 0"}));
+  ::setenv("PELMAR_MODEM", "qrtr:x", 1);
+  create_notifier();
+  EXPECT_EQ(events(2).size(), 2u) << "an address of no modem";
 }
 
 // The delay is 10 ms after the first loss and grows with each further one.
@@ -244,6 +259,7 @@ TEST_F(ClientTest, AProcessReleasesItsClientIdsAtItsEndAndNoneOfItsParent) {
   GTEST_SKIP() << "a child of a process with threads cannot start threads";
 #endif
   const qmi_client_type handle = connect();
+  const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
   modem_.client_id_limit = 2;
   for (const bool is_killed : {false, true}) {
     const pid_t child = ::fork();
@@ -260,6 +276,7 @@ TEST_F(ClientTest, AProcessReleasesItsClientIdsAtItsEndAndNoneOfItsParent) {
     EXPECT_EQ(end.si_status, is_killed ? SIGKILL : 0);
     EXPECT_EQ(modem_.client_ids.get().size(), is_killed ? 2u : 1u);
     qmi_client_release(connect());
+    EXPECT_EQ(record.held(Deadline::none()).size(), 1u) << "none is released twice";
     ::waitpid(child, nullptr, 0);
     EXPECT_TRUE(modem_.client_ids.wait_until([](const ClientIds& ids) { return ids == ClientIds{{kNasId, 1}}; }));
   }

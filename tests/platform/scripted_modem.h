@@ -199,14 +199,17 @@ class ScriptedModem {
     const auto read = [=](Bytes& bytes) {
       return ::recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
     };
+    uint8_t last_transaction = 0;  // of CTL
     for (Bytes header(6); read(header);) {
       Bytes message(u16_at(header, 1) - 5u);
       if (!read(message)) return;
       { const std::lock_guard may_read(reading); }
       if (header[4] == 0) {
+        EXPECT_TRUE(message[1] != 0 && message[1] != std::exchange(last_transaction, message[1]));
         handle_control(connection, message);
         continue;
       }
+      EXPECT_EQ(u16_at(message, 5), message.size() - 7);
       requests.change([&](auto& queue) {
         queue.push_back({connection, header[4], header[5], u16_at(message, 1), u16_at(message, 3),
                          Bytes(message.begin() + 7, message.end())});

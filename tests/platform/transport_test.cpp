@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -68,6 +71,19 @@ TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserIsRefusedWithAReason) {
     EXPECT_EQ(::seteuid(0) + ::unlink(path.c_str()), 0);
     EXPECT_EQ(found.substr(0, std::strlen(problem)), problem);
   }
+}
+
+TEST(ModemDevice, OneThatAnotherProcessHasOpenIsRefusedByAnyName) {
+  const std::string path = testing::TempDir() + "zero." + std::to_string(::getpid());
+  if (::mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 5)) != 0) GTEST_SKIP() << "only root can make a device";
+  const UniqueFd zero(::open("/dev/zero", O_RDONLY));  // the other process inherits it
+  const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  FILE* const user = ::popen("cat", "w");
+  const auto before = descriptors();
+  const std::string problem = connect_device(path).problem.text;
+  EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(::pclose(user) + ::unlink(path.c_str()), 0);
+  EXPECT_TRUE(problem.starts_with("process ") && problem.find(") has it open: ") != problem.npos) << problem;
 }
 
 // The connections of one process have entries of their own, as those of several processes do.
@@ -137,13 +153,16 @@ class SharedDevice : public testing::Test {
     }
     return bytes;
   }
-  static void expect(const DeviceLink& link, const Bytes& expected) {
-    Bytes bytes(expected.size());
-    for (size_t end = 0, count = 0; end < bytes.size(); end += count) {
-      const std::span<uint8_t> room(&bytes[end], bytes.size() - end);
-      ASSERT_EQ(receive_from_device(link, link.socket.get(), room, Deadline::none(), count), ReadStatus::kRead);
+  static Bytes take(const DeviceLink& link, size_t length) {
+    Bytes bytes(length);
+    for (size_t end = 0, count = 0; end < length; end += count) {
+      const std::span<uint8_t> room(&bytes[end], length - end);
+      if (receive_from_device(link, link.socket.get(), room, Deadline::none(), count) != ReadStatus::kRead) return {};
     }
-    EXPECT_EQ(bytes, expected);
+    return bytes;
+  }
+  static void expect(const DeviceLink& link, const Bytes& expected) {
+    EXPECT_EQ(take(link, expected.size()), expected);
   }
   static void end(DeviceLink& link) {
     link.socket.reset();
@@ -156,6 +175,9 @@ class SharedDevice : public testing::Test {
 
 TEST_F(SharedDevice, SendsABlockedFrameWholeUnlessItsLinkEndsBefore) {
   auto& [a, b, c] = links_;
+  int is_exclusive = 1;  // the terminal would remain so
+  const UniqueFd terminal(::open(::ptsname(modem_.get()), O_RDWR | O_NOCTTY));
+  EXPECT_EQ(::ioctl(terminal.get(), TIOCGEXCL, &is_exclusive) + is_exclusive, 0);
   // The kernel takes less than one of them; a terminal that is not raw would change the line feeds.
   const Bytes first = frame(1, 0xFF, Bytes(60'000, '\n')), last = frame(1, 0xFF, Bytes(50'000, 'x'));
   EXPECT_EQ(send_to_device(a, first), SendStatus::kBlocked);
@@ -190,6 +212,26 @@ TEST_F(SharedDevice, PassesEachLinkItsFramesInOrder) {
     expect(links_[0], first);
     for (int i = 0; i < round % 3; ++i) expect(links_[0], next);
   }
+}
+
+TEST_F(SharedDevice, DropsWholeFramesOfALinkThatReadsNothingAndLogsHowMany) {
+  const Bytes each = frame(1, 0xFF, Bytes(60'000, 1)), last = frame(1, 0xFF, {2});
+  constexpr size_t kCount = 30;  // a link keeps 1 MiB
+  ::openlog("test", LOG_PERROR, LOG_USER);
+  testing::internal::CaptureStderr();
+  for (size_t i = 0; i < kCount; ++i) send(each), expect(links_[2], each);
+  size_t arrived = 0;
+  for (int round = 0; round < 2; ++round) {
+    send(last);
+    expect(links_[2], last);
+    for (Bytes head; arrived < kCount && (head = take(links_[1], last.size())) != last; ++arrived) {
+      EXPECT_EQ(join({head, take(links_[1], each.size() - head.size())}), each);
+    }
+    flush_device(links_[1], Deadline::now());  // waits until the device's thread has logged
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: A client's callbacks are too slow, " +
+                                                        std::to_string(kCount - arrived) +
+                                                        " messages of the modem's device were dropped\n");
 }
 
 TEST_F(SharedDevice, GivesAClientIdToTheLinkThatRequestedIt) {
