@@ -252,6 +252,11 @@ TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
           {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
   EXPECT_TRUE(wait_for_no_clients());
   ctl("clear");
+  ctl("error 3 ctl 0xff00");
+  expect({{"client nv read 1", 1, "the proxy cannot open /dev/cdc-wdm0\n  Start the modem"}});
+  ctl("error 3 ctl 0x21");
+  expect({{"client nv read 1", 1, "it does not speak QMUX\n  Start the modem"},
+          {"touch f; client --modem ./f nv read 1", 1, "it is neither a socket nor a character device"}});
 }
 
 TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
@@ -267,7 +272,7 @@ TEST_F(ClientTest, InfoNamesTheFaultAndTheNextStep) {
        {"client --modem /$(printf %0120d 0) info", 1, "\nnext_step: Name another modem with --modem."}});
   Process events = start("events");
   EXPECT_TRUE(prints(events, "following"));
-  expect({{"client info --json", 0, held}});
+  expect({{"client info --json", 0, held}, {"client info --json", 0, R"("major":1,"minor":5})"}});
   ctl("error 5 ctl 0x22");
   expect({{"client info", 1, "\nclient_ids_exhausted: true"}});
   ctl("clear");

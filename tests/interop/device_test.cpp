@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <string>
@@ -90,7 +91,8 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
   } cases[] = {
       {"/dev/zero", "is it the QMI device"},
       {silent.c_str(), "is it the QMI device"},
-      {"proxy:/dev/no-such-device", "no character device"},
+      {"proxy:/dev/no-such-device", "no character device /dev/no-such-device\n  Start the modem"},
+      {"proxy:/etc/passwd", "no character device /etc/passwd"},
   };
   const bool has_proxy = connect_unix("@qmi-proxy").error == 0;  // of this machine: it opens devices itself
   for (const auto& each : cases) {
@@ -112,6 +114,12 @@ TEST_F(ProxyTest, TheNextProgramReleasesTheIdsOfKilledOnes) {
   }
   const Outcome outcome = run({"nv", "write", "7", "00"});
   EXPECT_EQ(outcome.status, 0) << outcome.output;
+  EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX through qmi-proxy on the device " + modem().device()));
+}
+
+TEST_F(ProxyTest, TheProxyThatAProcessStartsIsNoChildOfIt) {
+  open(MODEM_API_CLIENT_NAS_0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "the simulated modem is the only child";
 }
 
 }  // namespace

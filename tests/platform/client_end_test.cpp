@@ -61,9 +61,9 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
     EXPECT_EQ(events(0).size(), 4u) << "a registration after the loss calls back before it returns";
     EXPECT_TRUE(modem_.wait_for_close(connection));
-    const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
-    EXPECT_EQ(record.held(Deadline::none()).empty(), &lose != &losses[2]) << "an id that could not be released stays";
     if (&lose != &losses[3]) {
+      const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
+      EXPECT_EQ(record.held(Deadline::none()).empty(), &lose != &losses[2]) << "an id that could not be released stays";
       EXPECT_TRUE(modem_.client_ids.get().contains({kNasId, client})) << "it may be another client's id by now";
     }
   }
@@ -111,9 +111,6 @@ TEST_P(ErrorOfAVoidId, BelongsToTheMessageIfTheIdIsValid) {
   modem_.respond(async_, refusal(7));
   modem_.receive();  // the second probe has no response
   EXPECT_EQ(events(1), (Events{"response 137 0 1007"}));
-  const std::clock_t before = std::clock();
-  std::this_thread::sleep_for(milliseconds(60));
-  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 25) << "the handle's thread waits";
 }
 
 // --- notifiers ---
@@ -145,9 +142,6 @@ TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback)
   on_callback_.set([this](qmi_client_type self) { note("released " + std::to_string(qmi_client_release(self))); });
   modem_.services.set({kNasId});
   EXPECT_EQ(events(2), (Events{"event 0", "released 0"}));
-  ::setenv("PELMAR_MODEM", "qrtr:x", 1);
-  create_notifier();
-  EXPECT_EQ(events(2).size(), 2u) << "an address of no modem";
 }
 
 // The delay is 10 ms after the first loss and grows with each further one.

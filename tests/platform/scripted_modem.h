@@ -1,5 +1,5 @@
 // A modem that a test controls: it serves CTL itself and queues the requests to all other services for the test. It
-// sets PELMAR_MODEM to its socket.
+// sets PELMAR_MODEM to its socket, and XDG_STATE_HOME to a directory of its own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <initializer_list>
@@ -119,12 +120,14 @@ class ScriptedModem {
 
   explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {
     ::setenv("PELMAR_MODEM", path_.c_str(), 1);
+    ::setenv("XDG_STATE_HOME", (path_ + ".state").c_str(), 1);
     accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
   }
   ~ScriptedModem() {
     ::shutdown(listener_.get(), SHUT_RDWR);
     accepting_.wait();
     ::unlink(path_.c_str());
+    std::filesystem::remove_all(path_ + ".state");
     for (const Peer& peer : peers_) ::shutdown(peer.socket.get(), SHUT_RDWR);
     for (const Peer& peer : peers_) peer.serving.wait();
   }
