@@ -252,10 +252,10 @@ TEST_F(ClientTest, FailuresAndMissingResponsesAreReported) {
           {"client --modem /$(printf %0120d 0) info --wait --timeout 20", 1, "is no modem's address"}});
   EXPECT_TRUE(wait_for_no_clients());
   ctl("clear");
-  ctl("error 3 ctl 0xff00");
-  expect({{"client nv read 1", 1, "the proxy cannot open /dev/cdc-wdm0\n  Start the modem"}});
   ctl("error 3 ctl 0x21");
-  expect({{"client nv read 1", 1, "it does not speak QMUX\n  Start the modem"},
+  expect({{"client nv read 1", 1, "it does not speak QMUX\n  Start the modem"}});
+  ctl("error 3 ctl 0xff00");
+  expect({{"client nv read 1", 1, "the proxy cannot open /dev/cdc-wdm0\n  Start the modem"},
           {"touch f; client --modem ./f nv read 1", 1, "it is neither a socket nor a character device"}});
 }
 

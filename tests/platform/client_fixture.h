@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "client_id_record.h"
 #include "nas_messages.h"
 #include "qmi_client.h"
 #include "scripted_modem.h"
@@ -131,6 +132,7 @@ class ClientTest : public testing::Test {
   }
 
   ScriptedModem modem_{{kNasId}};
+  const ClientIdRecord record_{::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0"};
   nas::GetDrxResponse async_response_{};
   SharedValue<Events> events_;
   SharedValue<std::function<void(qmi_client_type)>> on_callback_;  // runs in each callback, after it is noted

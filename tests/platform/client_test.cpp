@@ -9,17 +9,11 @@
 #include <thread>
 
 #include "client_fixture.h"
-#include "client_id_record.h"
-#include "qmi_idl_lib_internal.h"
 
 namespace pelmar::platform {
 namespace {
 
 TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
-  const auto is_slow = [](int, uint16_t, Bytes&) {
-    std::this_thread::sleep_for(milliseconds(600));
-    return true;
-  };
   const auto on = [this](uint16_t at, void (*change)(Bytes&)) {
     modem_.on_control.set([=](int, uint16_t id, Bytes& tlvs) {
       if (id == at) change(tlvs);
@@ -27,7 +21,6 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
     });
   };
   constexpr size_t kValueAt = 10;  // behind the result TLV and the head of the next one
-  constexpr uint16_t kAllocate = ScriptedModem::kAllocate, kList = ScriptedModem::kGetVersionInfo;
   connect();
   const std::string socket = ::getenv("PELMAR_MODEM");
   const struct {
@@ -35,11 +28,12 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
     int error;
   } cases[] = {
       {[this] { modem_.client_id_limit = 1; }, QMI_CLIENT_ALLOC_FAILURE},
-      {[&] { modem_.on_control.set(is_slow); }, QMI_TIMEOUT_ERR},
-      {[&] { on(kList, [](Bytes& tlvs) { tlvs[kValueAt] = 0; }); }, QMI_TIMEOUT_ERR},
-      {[&] { on(kAllocate, [](Bytes& tlvs) { tlvs[kValueAt] = 0x11; }); }, QMI_CLIENT_ALLOC_FAILURE},
-      {[&] { on(kAllocate, [](Bytes& tlvs) { tlvs.back() = 0; }); }, QMI_CLIENT_ALLOC_FAILURE},
-      {[&] { on(kAllocate, [](Bytes& tlvs) { tlvs.clear(); }); }, QMI_CLIENT_ALLOC_FAILURE},
+      {[&] { on(ScriptedModem::kGetVersionInfo, [](Bytes&) { std::this_thread::sleep_for(milliseconds(1200)); }); },
+       QMI_TIMEOUT_ERR},
+      {[&] { on(ScriptedModem::kGetVersionInfo, [](Bytes& tlvs) { tlvs[kValueAt] = 0; }); }, QMI_TIMEOUT_ERR},
+      {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs[kValueAt] = 0x11; }); }, QMI_CLIENT_ALLOC_FAILURE},
+      {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs.back() = 0; }); }, QMI_CLIENT_ALLOC_FAILURE},
+      {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs.clear(); }); }, QMI_CLIENT_ALLOC_FAILURE},
       {[this] { ::setenv("PELMAR_MODEM", "qrtr:x", 1), create_notifier(); }, QMI_CLIENT_PARAM_ERR},
       {[] { ::setenv("PELMAR_MODEM", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
       {[] { ::setenv("PELMAR_MODEM", "/dev/no-such-device", 1); }, QMI_TIMEOUT_ERR},
@@ -69,27 +63,28 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   modem_.client_ids.set({});
 }
 
-// Before the allocation an indication does not matter. The release is that of another process's id.
+// The modem restarts or revokes the id at one of the open's requests, which are: the proxy's, the list, the allocation,
+// and the release of another process's id.
 TEST_F(ClientTest, AnOpenUsesNoIdThatTheModemVoidsDuringIt) {
-  const ClientIdRecord record(::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0");
-  constexpr uint16_t kList = ScriptedModem::kGetVersionInfo, kAllocate = ScriptedModem::kAllocate;
   const Bytes no_message = {2, 0}, stale = join({{1, 77, 0x22, 0, 12, 0}, kSuccess, {0x01, 2, 0, kNasId, 99}});
-  for (uint8_t id = 1; const uint16_t at : {kList, kAllocate, ScriptedModem::kRelease}) {
-    for (const bool is_restart : {true, false}) {
-      record.restore({{kNasId, 99}}, Deadline::none());
-      modem_.on_control.set([&, is_due = std::make_shared<bool>(true)](int connection, uint16_t request, Bytes&) {
-        if (request == kAllocate) modem_.send(connection, join({frame(0, 0, no_message), frame(0, 0, stale)}));
-        if (request != at || !std::exchange(*is_due, false)) return true;
-        is_restart ? modem_.announce_restart(connection) : modem_.revoke(connection, kNasId, id);
-        if (at != kAllocate || !is_restart) modem_.client_ids.set({});
-        return true;
-      });
-      const qmi_client_type handle = connect(60'000);
-      if (at != kList) ++id;
-      EXPECT_EQ(modem_.client_ids.get(), (ScriptedModem::ClientIds{{kNasId, id++}}));
-      EXPECT_EQ(record.held(Deadline::none()).size(), 1u);
-      qmi_client_release(handle);
-    }
+  uint8_t id = 0;
+  for (int event = 0; event < 8; ++event) {
+    std::atomic<int> before = event / 2;
+    ++id;
+    record_.restore({{kNasId, 99}}, Deadline::none());
+    modem_.on_control.set([&](int connection, uint16_t request, Bytes&) {
+      if (request == ScriptedModem::kAllocate)
+        modem_.send(connection, join({frame(0, 0, no_message), frame(0, 0, stale)}));
+      if (before-- != 0) return true;
+      event % 2 == 0 ? modem_.announce_restart(connection) : modem_.revoke(connection, kNasId, id);
+      if (event != 4) modem_.client_ids.set({});
+      return true;
+    });
+    const qmi_client_type handle = connect(60'000);
+    if (event >= 4) ++id;  // before the allocation it does not matter
+    EXPECT_EQ(modem_.client_ids.get(), (ScriptedModem::ClientIds{{kNasId, id}}));
+    EXPECT_EQ(record_.held(Deadline::none()).size(), 1u);
+    qmi_client_release(handle);
   }
 }
 
@@ -97,11 +92,6 @@ TEST_P(BothRules, RefusesInvalidHandlesMessagesAndCallbacks) {
   qmi_client_type handle = nullptr;
   EXPECT_EQ(open(&handle, 4, nullptr), QMI_CLIENT_PARAM_ERR);
   EXPECT_EQ(open(nullptr), QMI_CLIENT_PARAM_ERR);
-  for (const uint32_t number : {0x00, 0xFF, 0x103}) {
-    qmi_idl_service_object service = *kNas;
-    service.service_id = number;
-    EXPECT_EQ(open(&handle, 4, &service), number == 0xFF ? QMI_TIMEOUT_ERR : QMI_CLIENT_PARAM_ERR);
-  }
   handle = connect();
   const qmi_client_type released = connect();
   qmi_client_release(released);

@@ -64,8 +64,6 @@ TEST(ModemAddress, HasTheseForms) {
 TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserOrProcessIsRefusedWithAReason) {
   const UniqueFd zero(::open("/dev/zero", O_RDONLY));  // the other process inherits it
   FILE* const process = ::popen("cat", "w");
-  const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-  const auto before = descriptors();
   for (const auto& [name, user, problem] :
        {std::tuple("mbim", 0, "it speaks MBIM"), {"modem", 61234, "this user may not open it"}, {"a", 0, "process "}}) {
     const std::string path = testing::TempDir() + name + "." + std::to_string(::getpid());
@@ -75,7 +73,6 @@ TEST(ModemDevice, OneThatSpeaksMbimOrIsOfAnotherUserOrProcessIsRefusedWithAReaso
     EXPECT_EQ(::seteuid(0) + ::unlink(path.c_str()), 0);
     EXPECT_EQ(found.substr(0, std::strlen(problem)), problem);
   }
-  EXPECT_EQ(descriptors(), before);
   ::pclose(process);
 }
 
@@ -154,9 +151,7 @@ class SharedDevice : public testing::Test {
     }
     return bytes;
   }
-  static void expect(const DeviceLink& link, const Bytes& expected) {
-    EXPECT_EQ(take(link, expected.size()), expected);
-  }
+  static void expect(const DeviceLink& link, const Bytes& bytes) { EXPECT_EQ(take(link, bytes.size()), bytes); }
   static void end(DeviceLink& link) {
     link.socket.reset();
     while (flush_device(link, Deadline::now()) != SendStatus::kGone) std::this_thread::sleep_for(milliseconds(1));
@@ -210,14 +205,11 @@ TEST_F(SharedDevice, DropsWholeFramesOfALinkThatReadsNothingAndLogsTheirNumber) 
   ::openlog("test", LOG_PERROR, LOG_USER);
   testing::internal::CaptureStderr();
   for (size_t i = 0; i < kCount; ++i) send(each), expect(links_[2], each);
+  send(last);
+  expect(links_[2], last);
   size_t arrived = 0;
-  for (int round = 0; round < 2; ++round) {
-    send(last);
-    expect(links_[2], last);
-    for (; arrived < kCount && take(links_[1], last.size()) != last; ++arrived) {
-      take(links_[1], each.size() - last.size());
-    }
-  }
+  for (; arrived < kCount && take(links_[1], last.size()) != last; ++arrived)
+    take(links_[1], each.size() - last.size());
   flush_device(links_[1], Deadline::now());  // waits for the thread that logs
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: A client's callbacks are too slow, " +
                                                         std::to_string(kCount - arrived) +
