@@ -1,6 +1,5 @@
 #include "modem_device.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -64,38 +63,32 @@ bool is_same(const struct stat& one, const struct stat& other) {
 
 // Only descriptors below /dev are examined, because stat() of a file on a network may block.
 bool has_open(const std::string& process, const struct stat& device) {
-  const std::string directory = "/proc/" + process + "/fd";
-  DIR* const descriptors = ::opendir(directory.c_str());
-  bool is_found = false;
-  while (descriptors != nullptr && !is_found) {
-    const dirent* const entry = ::readdir(descriptors);
-    if (entry == nullptr) break;
-    const std::string descriptor = directory + "/" + entry->d_name;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry("/proc/" + process + "/fd", error), end; entry != end;
+       entry.increment(error)) {
+    const char* const descriptor = entry->path().c_str();
     char target[5];
     struct stat file {};
-    is_found = ::readlink(descriptor.c_str(), target, sizeof target) == sizeof target &&
-               std::memcmp(target, "/dev/", sizeof target) == 0 && ::stat(descriptor.c_str(), &file) == 0 &&
-               is_same(file, device);
+    if (::readlink(descriptor, target, sizeof target) == sizeof target &&
+        std::memcmp(target, "/dev/", sizeof target) == 0 && ::stat(descriptor, &file) == 0 && is_same(file, device)) {
+      return true;
+    }
   }
-  if (descriptors != nullptr) ::closedir(descriptors);
-  return is_found;
+  return false;
 }
 
 // Returns a description of another process that has the device open, empty if there is none. Processes of other users
 // may be hidden.
 std::string find_other_user(const struct stat& device) {
-  std::string found;
-  DIR* const processes = ::opendir("/proc");
-  while (processes != nullptr && found.empty()) {
-    const dirent* const entry = ::readdir(processes);
-    if (entry == nullptr) break;
-    const std::string process = entry->d_name;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry("/proc", error), end; entry != end; entry.increment(error)) {
+    const std::string process = entry->path().filename();
     const bool is_process = process.find_first_not_of("0123456789") == process.npos;
-    if (is_process && process != std::to_string(::getpid()) && has_open(process, device)) found = process;
+    if (is_process && process != std::to_string(::getpid()) && has_open(process, device)) {
+      return "process " + process + " (" + process_name(std::stoi(process)) + ")";
+    }
   }
-  if (processes != nullptr) ::closedir(processes);
-  if (found.empty()) return found;
-  return "process " + found + " (" + process_name(std::stoi(found)) + ")";
+  return "";
 }
 
 std::string describe_use(const std::string& path, const struct stat& device) {
@@ -598,27 +591,21 @@ void ModemDevice::flush(uint64_t number, Link& link) {
 namespace {
 
 DeviceLink connect(const std::string& path) {
-  DeviceLink link;
-  ProcessFd other;
-  if (!ProcessFd::make_socket_pair(link.socket, other)) return {{}, nullptr, 0, {std::strerror(errno)}};
   auto& registry = ModemDevice::Registry::of_this_process();
   const std::lock_guard lock(registry.mutex);
   const auto found = registry.devices.find(path);
-  if (found != registry.devices.end()) {
-    link.device = found->second;
-    link.number = link.device->add(std::move(other));
-    return link;
+  const bool is_open = found != registry.devices.end();
+  Problem problem;
+  ProcessFd opened, socket, other;
+  if (!is_open && !(opened = open_device(path, problem))) return {{}, nullptr, 0, problem};
+  if (!ProcessFd::make_socket_pair(socket, other)) return {{}, nullptr, 0, {std::strerror(errno)}};
+  const auto device = is_open ? found->second : std::make_shared<ModemDevice>(path, std::move(opened));
+  const uint64_t number = device->add(std::move(other));
+  if (!is_open) {
+    device->start();
+    registry.devices.emplace(path, device);
   }
-  ProcessFd opened = open_device(path, link.problem);
-  if (!opened) {
-    link.socket.reset();
-    return link;
-  }
-  link.device = std::make_shared<ModemDevice>(path, std::move(opened));
-  link.number = link.device->add(std::move(other));
-  link.device->start();
-  registry.devices.emplace(path, link.device);
-  return link;
+  return {std::move(socket), device, number};
 }
 
 }  // namespace

@@ -117,7 +117,6 @@ QmuxLink::Outcome QmuxLink::get_services(std::vector<ListedService>& services, c
   Bytes value;
   const Outcome outcome = exchange(ctl::kGetVersionInfo, {}, deadline, &value);
   if (outcome != Outcome::kSuccess) return outcome;
-  services.clear();
   const size_t count = value.empty() ? 0 : value[0];
   for (size_t i = 0; i < count && 1 + (i + 1) * kEntryLength <= value.size(); ++i) {
     const uint8_t* const entry = &value[1 + i * kEntryLength];

@@ -74,7 +74,7 @@ class QmuxLink {
   // the modem cannot have received the whole request.
   enum class Outcome { kSuccess, kNoResponse, kNotSent, kClientIdsExhausted, kFailure };
 
-  // The services that the modem offers.
+  // Adds the services that the modem offers.
   Outcome get_services(std::vector<ListedService>& services, const Deadline& deadline);
   // kNoResponse also if the modem revokes the id before its response arrives; kFailure also if no client can have the
   // id.

@@ -223,8 +223,8 @@ bool QmuxConnection::take_id(const Deadline& deadline) {
 
 int32_t open_qmux_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
                              const Deadline& deadline, std::unique_ptr<Connection>& connection) {
-  if (service.number == qmi::kControlService || service.number > UINT8_MAX) return QMI_CLIENT_PARAM_ERR;
   const auto number = static_cast<uint8_t>(service.number);
+  if (number != service.number || number == qmi::kControlService) return QMI_CLIENT_PARAM_ERR;
   QmuxLink link;
   std::vector<ListedService> services;
   if (link.open(address, deadline) || link.get_services(services, deadline) != Outcome::kSuccess ||

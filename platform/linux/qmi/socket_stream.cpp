@@ -86,7 +86,7 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
       report_refusal();
       return ReadStatus::kGone;
     }
-    if (errno == EAGAIN && !wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
+    if (!wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
   }
 }
 
