@@ -1,4 +1,4 @@
-// The fixture of the tests of handles: a scripted modem that offers NAS, and a record of the callbacks.
+// The fixtures of the tests of handles: a record of the callbacks, and a scripted modem that offers NAS.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,22 +30,12 @@ inline const Outcome kLost = {QMI_SERVICE_ERR,
                               kRefused + QMI_ERR_INTERNAL_V01};  // the zeroed response, a success, is overwritten
 inline const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 
-class ClientTest : public testing::Test {
+// Handles and a record of their callbacks, over any modem.
+class HandleTest : public testing::Test {
  protected:
-  // A synchronous send on its own thread, and the request that the modem received.
-  struct Exchange {
-    std::future<Outcome> outcome;
-    ScriptedRequest request;
-  };
-
-  ~ClientTest() override {
-    for (const qmi_client_type handle : handles_) qmi_client_release(handle);
-    EXPECT_TRUE(wait_for_no_ids()) << "every client id is released";
-  }
-
-  // Waits up to a minute, because a release does not wait for a slow modem.
-  bool wait_for_no_ids() {
-    return modem_.client_ids.wait_until([](const auto& ids) { return ids.empty(); });
+  ~HandleTest() override { release_handles(); }
+  void release_handles() {
+    for (const qmi_client_type handle : std::exchange(handles_, {})) qmi_client_release(handle);
   }
 
   int open(qmi_client_type* handle, uint32_t timeout = 4, qmi_idl_service_object_type service = kNas) {
@@ -77,6 +67,57 @@ class ClientTest : public testing::Test {
     const int error = qmi_client_send_msg_sync(handle, kDrx, &request, 1, &response, sizeof response, timeout);
     return {error, value_of(response)};
   }
+
+  void note(const std::string& event) {
+    events_.change([&](Events& events) { events.push_back(event); });
+  }
+  // Returns all events once there are at least `count`, or after a minute.
+  Events events(size_t count) {
+    events_.wait_until([=](const Events& events) { return events.size() >= count; });
+    return events_.get();
+  }
+
+  static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
+    on_call(data, handle, "indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
+  }
+  static void on_error(qmi_client_type handle, qmi_client_error_type error, void* data) {
+    on_call(data, handle, "error " + std::to_string(error));
+  }
+  static void on_event(qmi_client_type handle, qmi_idl_service_object_type service, qmi_client_notify_event_type event,
+                       void* data) {
+    EXPECT_EQ(service, kNas);
+    on_call(data, handle, "event " + std::to_string(event));
+  }
+  static void on_call(void* data, qmi_client_type handle, const std::string& event) {
+    auto* const test = static_cast<HandleTest*>(data);
+    const auto function = test->on_callback_.get();
+    test->note(event);
+    if (function) function(handle);
+  }
+
+  SharedValue<Events> events_;
+  SharedValue<std::function<void(qmi_client_type)>> on_callback_;  // runs in each callback, after it is noted
+  std::vector<qmi_client_type> handles_;
+};
+
+class ClientTest : public HandleTest {
+ protected:
+  // A synchronous send on its own thread, and the request that the modem received.
+  struct Exchange {
+    std::future<Outcome> outcome;
+    ScriptedRequest request;
+  };
+
+  ~ClientTest() override {
+    release_handles();
+    EXPECT_TRUE(wait_for_no_ids()) << "every client id is released";
+  }
+
+  // Waits up to a minute, because a release does not wait for a slow modem.
+  bool wait_for_no_ids() {
+    return modem_.client_ids.wait_until([](const auto& ids) { return ids.empty(); });
+  }
+
   Exchange begin(qmi_client_type handle, unsigned timeout = 60'000) {
     auto outcome = std::async(std::launch::async, get_drx, handle, timeout);
     return {std::move(outcome), modem_.receive()};
@@ -96,18 +137,6 @@ class ClientTest : public testing::Test {
     return modem_.receive();
   }
 
-  void note(const std::string& event) {
-    events_.change([&](Events& events) { events.push_back(event); });
-  }
-  // Returns all events once there are at least `count`, or after a minute.
-  Events events(size_t count) {
-    events_.wait_until([=](const Events& events) { return events.size() >= count; });
-    return events_.get();
-  }
-
-  static void on_indication(qmi_client_type handle, unsigned id, void*, unsigned length, void* data) {
-    on_call(data, handle, "indication " + std::to_string(id) + " (" + std::to_string(length) + ")");
-  }
   static void on_response(qmi_client_type handle, unsigned id, void* bytes, unsigned length, void* data,
                           qmi_client_error_type error) {
     nas::GetDrxResponse response{};
@@ -116,29 +145,10 @@ class ClientTest : public testing::Test {
             "response " + std::to_string(id) + " " + std::to_string(error) + " " +
                 (length == 0 ? "nothing" : std::to_string(value_of(response))));
   }
-  static void on_error(qmi_client_type handle, qmi_client_error_type error, void* data) {
-    on_call(data, handle, "error " + std::to_string(error));
-  }
-  static void on_event(qmi_client_type handle, qmi_idl_service_object_type service, qmi_client_notify_event_type event,
-                       void* data) {
-    EXPECT_EQ(service, kNas);
-    on_call(data, handle, "event " + std::to_string(event));
-  }
-  static void on_call(void* data, qmi_client_type handle, const std::string& event) {
-    auto* const test = static_cast<ClientTest*>(data);
-    const auto function = test->on_callback_.get();
-    test->note(event);
-    if (function) function(handle);
-  }
 
   ScriptedModem modem_{{kNasId}};
   const ClientIdRecord record_{::getenv("PELMAR_MODEM"), "/dev/cdc-wdm0"};
   nas::GetDrxResponse async_response_{};
-  SharedValue<Events> events_;
-  SharedValue<std::function<void(qmi_client_type)>> on_callback_;  // runs in each callback, after it is noted
-
- private:
-  std::vector<qmi_client_type> handles_;
 };
 
 // A test that runs once with the forgiving rules and once with the phone's. Each needs its own process, because the

@@ -22,21 +22,13 @@
 #include <vector>
 
 #include "capture.h"
+#include "client_fixture.h"
 #include "inspection.h"
-#include "nas_messages.h"
-#include "qmi_client.h"
 #include "qrtr_transport.h"
-#include "scripted_modem.h"
 #include "unique_fd.h"
 
 namespace pelmar::platform {
 namespace {
-
-using Events = std::vector<std::string>;
-using Outcome = std::pair<int, uint32_t>;  // transport code, DRX of the response
-using std::chrono::milliseconds;
-
-const qmi_idl_service_object_type kNas = nas_get_service_object_internal_v01(1, 388, 6);
 
 struct Datagram {
   QrtrAddress from;
@@ -110,7 +102,7 @@ int waits_of(pid_t thread) {
   return std::stoi(status.substr(status.find(name) + name.size()));
 }
 
-class QrtrTest : public testing::Test {
+class QrtrTest : public HandleTest {
  protected:
   void SetUp() override {
     ASSERT_TRUE(QrtrSocket().open()) << "this kernel has no QRTR";
@@ -119,9 +111,7 @@ class QrtrTest : public testing::Test {
     testing::internal::CaptureStderr();
   }
 
-  void TearDown() override {
-    for (const qmi_client_type handle : handles_) qmi_client_release(handle);
-  }
+  ~QrtrTest() override { release_handles(); }
 
   int open(qmi_client_type* handle, uint32_t timeout = 4, unsigned instance = QMI_CLIENT_INSTANCE_ANY) {
     const int error = qmi_client_init_instance(kNas, instance, on_indication, this, nullptr, timeout, handle);
@@ -136,30 +126,9 @@ class QrtrTest : public testing::Test {
   }
 
   static std::future<Outcome> send(qmi_client_type handle, unsigned timeout = 60'000) {
-    return std::async(std::launch::async, [=] {
-      uint8_t request = 0;
-      nas::GetDrxResponse response{};
-      const int error =
-          qmi_client_send_msg_sync(handle, QMI_NAS_GET_DRX_V01, &request, 1, &response, sizeof response, timeout);
-      return Outcome(error, response.drx);
-    });
+    return std::async(std::launch::async, get_drx, handle, timeout);
   }
 
-  void note(const std::string& event) {
-    events_.change([&](Events& events) { events.push_back(event); });
-  }
-  Events events(size_t count) {
-    events_.wait_until([=](const Events& events) { return events.size() >= count; });
-    return events_.get();
-  }
-
-  static void on_error(qmi_client_type, qmi_client_error_type error, void* data) {
-    static_cast<QrtrTest*>(data)->note("error " + std::to_string(error));
-  }
-  static void on_event(qmi_client_type, qmi_idl_service_object_type, qmi_client_notify_event_type event, void* data) {
-    static_cast<QrtrTest*>(data)->notifier_ = ::gettid();
-    static_cast<QrtrTest*>(data)->note("event " + std::to_string(event));
-  }
   static void on_indication(qmi_client_type, unsigned, void*, unsigned, void* data) {
     auto* const test = static_cast<QrtrTest*>(data);
     ++test->indications_;
@@ -167,9 +136,7 @@ class QrtrTest : public testing::Test {
     std::this_thread::sleep_for(test->callback_time_);
   }
 
-  std::vector<qmi_client_type> handles_;
-  std::atomic<pid_t> notifier_ = 0;  // the thread of the last event
-  SharedValue<Events> events_;
+  SharedValue<pid_t> notifier_;  // the thread of the last event
   std::atomic<size_t> indications_ = 0;
   std::atomic<bool> is_held_ = false;  // the callback of an indication does not return while it is set
   milliseconds callback_time_{0};
@@ -271,26 +238,23 @@ TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
   EXPECT_EQ(open(&handle), QMI_TIMEOUT_ERR);
   pelmar_platform_inspect_modem(&report);
   EXPECT_EQ(report.transport + ": " + report.problem, "QRTR, node 99: QRTR lists no service");
-  ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
-  handles_.push_back(handle);
-  EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  create_notifier();
   EXPECT_EQ(events(0), Events{});
 }
 
 TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
-  qmi_client_type handle = nullptr;
-  ASSERT_EQ(qmi_client_notifier_init(kNas, nullptr, &handle), QMI_NO_ERR);
-  handles_.push_back(handle);
-  EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  on_callback_.set([this](qmi_client_type) { notifier_.set(::gettid()); });
+  create_notifier();
   Peer one, two, stranger;
   stranger.publish(0, 1, 0x4000);  // to the notifier, which has the first port
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(events(0), Events{});
   one.publish();
   EXPECT_EQ(events(1), Events{"event 0"});
-  const int waits = waits_of(notifier_);
+  notifier_.wait_until([](pid_t thread) { return thread != 0; });
+  const int waits = waits_of(notifier_.get());
   std::this_thread::sleep_for(milliseconds(1000));
-  EXPECT_LE(waits_of(notifier_), waits + 2);
+  EXPECT_LE(waits_of(notifier_.get()), waits + 2);
   one.close();
   EXPECT_EQ(events(2).back(), "event 1");
   two.publish(2);
