@@ -16,6 +16,7 @@
 #include <future>
 #include <iterator>
 #include <set>
+#include <span>
 #include <string>
 #include <thread>
 #include <utility>
@@ -57,12 +58,7 @@ class Peer {
     EXPECT_EQ(send({address().node, receiver}, Bytes(bytes, bytes + sizeof packet)), 0);
   }
 
-  QrtrAddress address() const {
-    sockaddr_qrtr own{};
-    socklen_t length = sizeof own;
-    EXPECT_EQ(::getsockname(socket_.descriptor(), reinterpret_cast<sockaddr*>(&own), &length), 0);
-    return {own.sq_node, own.sq_port};
-  }
+  QrtrAddress address() const { return socket_.own_address(); }
 
   // Returns 0, or errno's value.
   int send(const QrtrAddress& to, const Bytes& bytes) {
@@ -73,10 +69,10 @@ class Peer {
   Datagram receive(int timeout_ms = 60'000) {
     pollfd readable = {socket_.descriptor(), POLLIN, 0};
     if (::poll(&readable, 1, timeout_ms) <= 0) return {};
-    Datagram datagram{{}, Bytes(QrtrSocket::kMaxDatagram + 1)};
-    size_t length = 0;
-    socket_.receive(datagram.bytes.data(), length, datagram.from);
-    datagram.bytes.resize(length);
+    Datagram datagram{{}, Bytes(QrtrSocket::kRoom)};
+    std::span<uint8_t> received(datagram.bytes);
+    socket_.receive(received, datagram.from);
+    datagram.bytes.resize(received.size());
     return datagram;
   }
 

@@ -47,8 +47,8 @@ constexpr size_t most_memory_of(size_t length) {
 
 // Waits for one of the descriptors. A signal may end the wait early.
 void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
+  if (deadline.has_passed()) return;
   const auto remaining = deadline.remaining().count();
-  if (remaining == 0 && !deadline.is_none()) return;
   const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
   ::ppoll(descriptors.data(), descriptors.size(), deadline.is_none() ? nullptr : &time, nullptr);
 }
@@ -87,6 +87,18 @@ QrtrControl read_qrtr_control(std::span<const uint8_t> bytes) {
   }
 }
 
+bool QrtrControl::ends(const QrtrAddress& peer) const {
+  switch (kind) {
+    case Kind::kDeparture:
+    case Kind::kSocketGone:
+      return address == peer;
+    case Kind::kNodeGone:
+      return address.node == peer.node;
+    default:
+      return false;
+  }
+}
+
 bool QrtrQuery::matches(const QrtrControl& packet) const {
   return packet.service == service && packet.instance == instance.value_or(packet.instance) &&
          packet.address.node == node.value_or(packet.address.node) &&
@@ -106,21 +118,15 @@ bool QrtrSocket::open() {
   if (::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {
     ::setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
   }
-  sockaddr_qrtr own{};
-  socklen_t length = sizeof own;
-  if (::getsockname(descriptor(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
-    close();
-    return false;
-  }
-  name_service_ = {own.sq_node, QRTR_PORT_CTRL};
+  name_service_ = {own_address().node, QRTR_PORT_CTRL};
   return true;
 }
 
-uint32_t QrtrSocket::port() const {
+QrtrAddress QrtrSocket::own_address() const {
   sockaddr_qrtr own{};
   socklen_t length = sizeof own;
   ::getsockname(descriptor(), reinterpret_cast<sockaddr*>(&own), &length);
-  return own.sq_port;
+  return {own.sq_node, own.sq_port};
 }
 
 SendStatus QrtrSocket::send(const QrtrAddress& to, const void* bytes, size_t length) {
@@ -145,35 +151,25 @@ SendStatus QrtrSocket::send(const QrtrAddress& to, const void* bytes, size_t len
   }
 }
 
-ReadStatus QrtrSocket::receive(uint8_t* room, size_t& length, QrtrAddress& from) {
+ReadStatus QrtrSocket::receive(std::span<uint8_t>& bytes, QrtrAddress& from) {
   sockaddr_qrtr address{};
   socklen_t address_length = sizeof address;
-  ssize_t count = 0;
-  do {
-    count = ::recvfrom(descriptor(), room, kMaxDatagram + 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address),
-                       &address_length);
-  } while (count < 0 && errno == EINTR);
-  if (count < 0) return errno == EAGAIN ? ReadStatus::kTimedOut : ReadStatus::kGone;
-  length = static_cast<size_t>(count) > kMaxDatagram ? 0 : static_cast<size_t>(count);
+  const ssize_t count = ::recvfrom(descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&address), &address_length);
+  if (count < 0) return errno == EAGAIN || errno == EINTR ? ReadStatus::kTimedOut : ReadStatus::kGone;
+  const auto length = static_cast<size_t>(count);
+  bytes = bytes.first(length > kMaxDatagram ? 0 : length);
   from = {address.sq_node, address.sq_port};
   return ReadStatus::kRead;
 }
 
 ReadStatus QrtrSocket::receive(QrtrControl& packet) {
-  qrtr_ctrl_pkt bytes;
-  sockaddr_qrtr from{};
-  socklen_t from_length = sizeof from;
-  ssize_t count = 0;
-  do {
-    count =
-        ::recvfrom(descriptor(), &bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_length);
-  } while (count < 0 && errno == EINTR);
-  if (count < 0) return errno == EAGAIN ? ReadStatus::kTimedOut : ReadStatus::kGone;
-  packet = {};
-  if (is_name_service({from.sq_node, from.sq_port})) {
-    packet = read_qrtr_control({reinterpret_cast<const uint8_t*>(&bytes), static_cast<size_t>(count)});
-  }
-  return ReadStatus::kRead;
+  uint8_t room[sizeof(qrtr_ctrl_pkt)];
+  std::span<uint8_t> bytes(room);
+  QrtrAddress from;
+  const ReadStatus status = receive(bytes, from);
+  packet = status == ReadStatus::kRead && is_name_service(from) ? read_qrtr_control(bytes) : QrtrControl();
+  return status;
 }
 
 bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
@@ -191,11 +187,11 @@ bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
     const ReadStatus status = receive(packet);
     if (status == ReadStatus::kGone || deadline.has_passed()) return false;
     if (status == ReadStatus::kTimedOut) {
-      pollfd readable = {descriptor(), POLLIN, 0};
-      wait_for({&readable, 1}, deadline);
+      pollfd readable[] = {{descriptor(), POLLIN, 0}};
+      wait_for(readable, deadline);
     } else if (packet.kind == Kind::kEndOfList) {
       return true;
-    } else if (packet.kind == Kind::kArrival || packet.kind == Kind::kDeparture) {
+    } else if (packet.kind == Kind::kArrival) {
       take(packet);
     }
   }
@@ -204,8 +200,7 @@ bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
 Found QrtrSocket::find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address) {
   std::optional<QrtrAddress> found;
   const bool is_complete = look_up(query.service, deadline, [&](const QrtrControl& packet) {
-    if (packet.kind == Kind::kArrival && !found && query.matches(packet)) found = packet.address;
-    if (packet.kind == Kind::kDeparture && found == packet.address) found.reset();
+    if (!found && query.matches(packet)) found = packet.address;
   });
   if (!is_complete) return Found::kNoResponse;
   address = found.value_or(QrtrAddress());
@@ -231,11 +226,11 @@ QrtrConnection::QrtrConnection(QrtrSocket socket, const QrtrAddress& address, ui
       address_(address),
       service_(service),
       trace_("qrtr:" + std::to_string(address.node), TraceLink::Sharing::kOwn),
-      client_(trace_ ? static_cast<uint8_t>(socket_.port()) : uint8_t{0}),
+      client_(static_cast<uint8_t>(socket_.own_address().port)),
       wake_([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
       capacity_(std::min(message_capacity, QrtrSocket::kMaxDatagram)),
       message_(new uint8_t[capacity_]),
-      received_(new uint8_t[QrtrSocket::kMaxDatagram + 1]),  // not initialised: bytes are written before they are read
+      received_(new uint8_t[QrtrSocket::kRoom]),  // not initialised: bytes are written before they are read
       unchecked_limit_(socket_.memory().capacity / 2) {
   if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
@@ -251,15 +246,13 @@ SendStatus QrtrConnection::send(size_t length) {
 }
 
 SendStatus QrtrConnection::try_send(size_t length) {
-  unsent_ = 0;
-  if (is_shut_down_) return SendStatus::kGone;
-  const SendStatus status = socket_.send(address_, message_.get(), length);
-  if (status == SendStatus::kBlocked) unsent_ = length;
+  const SendStatus status = is_shut_down_ ? SendStatus::kGone : socket_.send(address_, message_.get(), length);
+  unsent_ = status == SendStatus::kBlocked ? length : 0;
   return status;
 }
 
 SendStatus QrtrConnection::flush(const Deadline& deadline) {
-  while (unsent_ > 0) {
+  while (has_unsent()) {
     const SendStatus status = try_send(unsent_);
     if (status != SendStatus::kBlocked) return status;
     if (deadline.has_passed()) {
@@ -273,21 +266,18 @@ SendStatus QrtrConnection::flush(const Deadline& deadline) {
 
 ReadStatus QrtrConnection::read(const Deadline& deadline) {
   datagram_ = {};
-  do {
+  for (;;) {
     wait(deadline);
     if (has_stopped_) return ReadStatus::kGone;
-    size_t length = 0;
-    const ReadStatus status = socket_.receive(received_.get(), length, from_);
+    std::span<uint8_t> bytes(received_.get(), QrtrSocket::kRoom);
+    const ReadStatus status = socket_.receive(bytes, from_);
     if (status == ReadStatus::kRead) {
-      datagram_ = {received_.get(), length};
-      unchecked_bytes_ += most_memory_of(length);
-    }
-    if (status != ReadStatus::kTimedOut) {
+      datagram_ = bytes;
+      unchecked_bytes_ += most_memory_of(bytes.size());
       check_for_drops();
-      return status;
     }
-  } while (!deadline.has_passed());
-  return ReadStatus::kTimedOut;
+    if (status != ReadStatus::kTimedOut || deadline.has_passed()) return status;
+  }
 }
 
 Arrival QrtrConnection::next(Message& message) {
@@ -299,7 +289,7 @@ Arrival QrtrConnection::next(Message& message) {
       message = {*arrived};
       return Arrival::kMessage;
     }
-  } else if (socket_.is_name_service(from_) && is_departure(datagram)) {
+  } else if (socket_.is_name_service(from_) && read_qrtr_control(datagram).ends(address_)) {
     is_lost_ = true;
   }
   return is_lost_ ? Arrival::kServiceGone : Arrival::kNone;
@@ -329,26 +319,12 @@ void QrtrConnection::wait(const Deadline& deadline) const {
   wait_for(descriptors, deadline);
 }
 
-bool QrtrConnection::is_departure(std::span<const uint8_t> packet) const {
-  const QrtrControl control = read_qrtr_control(packet);
-  switch (control.kind) {
-    case Kind::kDeparture:
-      return control.service == service_ && control.address == address_;
-    case Kind::kSocketGone:
-      return control.address == address_;
-    case Kind::kNodeGone:
-      return control.address.node == address_.node;
-    default:
-      return false;
-  }
-}
-
 // After drops, looks the service up again, because the report that it went away may be among them. The kernel drops a
 // datagram only while the socket's memory is full of others, all of which are read later. So checks that are half of
 // that memory apart find every drop; those in time find it soon.
 void QrtrConnection::check_for_drops() {
   const bool is_due = unchecked_bytes_ >= unchecked_limit_ || next_count_.has_passed();
-  if (!is_due && unreported_drops_ == 0 && !is_check_due_) return;
+  if (!is_due && !is_check_due_) return;
   unchecked_bytes_ = 0;
   next_count_ = Deadline::after(kCheckInterval);
   const QrtrSocket::Memory memory = socket_.memory();
@@ -393,12 +369,9 @@ Presence QrtrWatch::look() {
   const bool had_list = socket_.is_open();
   if (had_list && take_news(deadline)) return {is_there_, false};
   QrtrAddress address;
-  is_there_ = false;
-  if (socket_.open()) {
-    const Found found = socket_.find(query_, deadline, address);
-    is_there_ = found == Found::kFound;
-    if (found == Found::kNoResponse) socket_.close();
-  }
+  const Found found = socket_.open() ? socket_.find(query_, deadline, address) : Found::kNoResponse;
+  if (found == Found::kNoResponse) socket_.close();
+  is_there_ = found == Found::kFound;
   return {is_there_, had_list};
 }
 
@@ -410,9 +383,19 @@ bool QrtrWatch::take_news(const Deadline& deadline) {
     const ReadStatus status = socket_.receive(packet);
     if (status == ReadStatus::kTimedOut) return socket_.memory().drops == 0;
     if (status == ReadStatus::kGone || deadline.has_passed()) return false;
-    if (packet.kind == Kind::kArrival) is_there_ |= query_.matches(packet);
-    if (packet.kind == Kind::kNodeGone || packet.kind == Kind::kSocketGone) return false;
-    if (packet.kind == Kind::kDeparture && query_.matches(packet)) return false;
+    switch (packet.kind) {
+      case Kind::kArrival:
+        is_there_ |= query_.matches(packet);
+        break;
+      case Kind::kDeparture:
+        if (query_.matches(packet)) return false;
+        break;
+      case Kind::kSocketGone:
+      case Kind::kNodeGone:
+        return false;
+      default:
+        break;
+    }
   }
 }
 
@@ -434,7 +417,7 @@ void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemRe
     return;
   }
   const bool is_complete = socket.look_up(0, deadline, [&](const QrtrControl& packet) {
-    if (packet.kind != Kind::kArrival || report.services.size() == kMostServices) return;
+    if (report.services.size() == kMostServices) return;
     if (address.node && packet.address.node != *address.node) return;
     report.services.push_back({packet.service, packet.instance, packet.address.node, packet.version, 0});
   });

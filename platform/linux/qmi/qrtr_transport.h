@@ -55,6 +55,9 @@ struct QrtrControl {
   uint32_t instance = 0;
   uint8_t version = 0;
 
+  // Returns whether the packet reports that the peer at the address went away.
+  bool ends(const QrtrAddress& peer) const;
+
   bool operator==(const QrtrControl&) const = default;
 };
 
@@ -75,6 +78,7 @@ class QrtrSocket {
  public:
   // The kernel sends no longer datagrams. Longer ones from other nodes are dropped.
   static constexpr size_t kMaxDatagram = UINT16_MAX;
+  static constexpr size_t kRoom = kMaxDatagram + 1;
 
   // Returns false with errno set if there is no socket. Reports a kernel without QRTR to the system log.
   bool open();
@@ -83,22 +87,22 @@ class QrtrSocket {
   int descriptor() const { return descriptor_.get(); }
 
   // The kernel assigns the port when the socket first sends.
-  uint32_t port() const;
+  QrtrAddress own_address() const;
 
   // Sends without waiting. Never returns kTimedOut.
   SendStatus send(const QrtrAddress& to, const void* bytes, size_t length);
 
-  // Receives without waiting. `room` has kMaxDatagram + 1 bytes. kTimedOut: there is nothing to receive.
-  ReadStatus receive(uint8_t* room, size_t& length, QrtrAddress& from);
+  // Receives without waiting. `bytes` is the room, and then the datagram; one that is longer than kMaxDatagram becomes
+  // an empty one if there is kRoom. kTimedOut: there is nothing to receive.
+  ReadStatus receive(std::span<uint8_t>& bytes, QrtrAddress& from);
 
   // Receives a control packet of the name service without waiting; kOther stands for any other datagram.
   ReadStatus receive(QrtrControl& packet);
 
   bool is_name_service(const QrtrAddress& address) const { return address == name_service_; }
 
-  // Looks up the services of that number, 0 for all, and calls `take` for each arrival and departure until the list
-  // ends. The name service then reports changes to this socket. Returns false if the list does not end before the
-  // deadline.
+  // Looks up the services of that number, 0 for all, and calls `take` for each arrival until the list ends. The name
+  // service then reports changes to this socket. Returns false if the list does not end before the deadline.
   // REQUIRES: the socket has not looked anything up before.
   bool look_up(uint32_t service, const Deadline& deadline, const std::function<void(const QrtrControl&)>& take);
 
@@ -153,7 +157,6 @@ class QrtrConnection final : public Connection {
   }
   SendStatus try_send(size_t length);
   void wait(const Deadline& deadline) const;
-  bool is_departure(std::span<const uint8_t> packet) const;
   void check_for_drops();
   void report_drops();
 
@@ -161,7 +164,7 @@ class QrtrConnection final : public Connection {
   const QrtrAddress address_;
   const uint32_t service_;
   const TraceLink trace_;
-  const uint8_t client_;                   // of the trace; 0 without one
+  const uint8_t client_;                   // of the trace
   ProcessFd wake_;                         // readable once reading has stopped
   std::atomic<bool> has_stopped_{false};   // no more reads
   std::atomic<bool> is_shut_down_{false};  // no more sends either
