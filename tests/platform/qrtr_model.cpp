@@ -144,10 +144,10 @@ int __wrap_getsockname(int fd, sockaddr* address, socklen_t* /*length*/) {
   return 0;
 }
 
-int __wrap_setsockopt(int fd, int /*level*/, int /*SO_RCVBUF or SO_RCVBUFFORCE*/, const void* value,
-                      socklen_t /*length*/) {
+int __wrap_setsockopt(int fd, int /*level*/, int option, const void* value, socklen_t /*length*/) {
   const std::lock_guard lock(mutex);
-  sockets.at(fd).capacity = std::max(2 * *static_cast<const uint32_t*>(value), 2304u);
+  const auto wanted = *static_cast<const uint32_t*>(value);
+  sockets.at(fd).capacity = std::max(2 * (option == SO_RCVBUFFORCE ? wanted : std::min(wanted, 212'992u)), 2304u);
   return 0;
 }
 

@@ -12,9 +12,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <span>
 #include <string>
@@ -81,6 +83,15 @@ class Peer {
     Datagram datagram = receive(timeout_ms);
     while (datagram.is_control()) datagram = receive(timeout_ms);
     return datagram;
+  }
+
+  // Waits for the name service's report.
+  bool receives_end_of(const QrtrAddress& socket) {
+    Datagram datagram = receive();
+    while (!datagram.bytes.empty() && !(datagram.is_control() && read_qrtr_control(datagram.bytes).ends(socket))) {
+      datagram = receive();
+    }
+    return !datagram.bytes.empty();
   }
 
   void minimise_buffer() { socket_.refuse_datagrams(); }
@@ -152,8 +163,8 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
   stranger.close();  // another service of the same number
   EXPECT_TRUE(service.receive().is_control());
   const uint16_t id = QMI_NAS_GET_DRX_V01;
-  for (const Bytes& bad : {Bytes(), Bytes{2}, Bytes(6, 0xFF), Bytes(65000, 0xFF), message(0, 1, id, {}),
-                           message(2, 0x7777, id, {}), message(2, 1, id + 1, {})}) {
+  for (const Bytes& bad : {Bytes(), Bytes{2}, Bytes(6, 0xFF), Bytes(QrtrSocket::kMaxDatagram, 0xFF),
+                           message(0, 1, id, {}), message(2, 0x7777, id, {}), message(2, 1, id + 1, {})}) {
     EXPECT_EQ(service.send(request.from, bad), 0);
   }
   EXPECT_EQ(service.send(request.from, drx_response(request, 8)), 0);
@@ -169,7 +180,7 @@ TEST_F(QrtrTest, AcceptsMessagesOfItsServiceOnly) {
     EXPECT_EQ(message.frame.client, request.from.port & 0xFF);
     EXPECT_EQ(reader.link(message.link).transport, "qrtr:" + std::to_string(service.address().node));
   }
-  EXPECT_EQ(trace, ">7<1<6<65000<7<7<7<21");
+  EXPECT_EQ(trace, ">7<1<6<65530<7<7<7<21");
   ::unlink(path.c_str());
 }
 
@@ -201,12 +212,7 @@ TEST_F(QrtrTest, FailsWhenItsServiceEndsAndFindsItAgain) {
   qmi_client_release(lost);
   qmi_client_release(handle);
   EXPECT_EQ(outcome.get().first, QMI_CLIENT_INVALID_CLNT);
-  Datagram end = second.receive();
-  while (!end.bytes.empty() &&
-         read_qrtr_control(end.bytes) != QrtrControl{QrtrControl::Kind::kSocketGone, request.from}) {
-    end = second.receive();
-  }
-  EXPECT_TRUE(end.is_control()) << "the service is notified of the client's end";
+  EXPECT_TRUE(second.receives_end_of(request.from)) << "the service is notified of the client's end";
   EXPECT_EQ(events(0), Events{"error -2"});
 }
 
@@ -224,16 +230,23 @@ TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
   EXPECT_EQ(open(&handle), QMI_NO_ERR);
   ModemReport report;
   pelmar_platform_inspect_modem(&report);
-  std::set<uint32_t> instances;
-  for (const ListedService& service : report.services) {
-    if (service.number == NAS_SERVICE_ID_V01 && service.node == one.address().node) instances.insert(service.instance);
+  std::set<std::string> services;
+  for (const auto& [number, instance, node, major, minor] : report.services) {
+    if (number != NAS_SERVICE_ID_V01 || node != one.address().node) continue;
+    services.insert(std::to_string(instance) + ": " + std::to_string(major) + "." + std::to_string(minor));
   }
-  EXPECT_EQ(instances, (std::set<uint32_t>{1, 2}));
+  EXPECT_EQ(services, (std::set<std::string>{"1: 1.0", "2: 1.0"}));
   EXPECT_EQ(report.problem, "");
   ::setenv("PELMAR_MODEM", "qrtr:99", 1);
   EXPECT_EQ(open(&handle), QMI_TIMEOUT_ERR);
   pelmar_platform_inspect_modem(&report);
   EXPECT_EQ(report.transport + ": " + report.problem, "QRTR, node 99: QRTR lists no service");
+  EXPECT_TRUE(report.may_come);
+  inspect_qrtr({}, Deadline::now(), report);
+  EXPECT_EQ(report.transport + ": " + report.problem, "QRTR: the name service of QRTR does not respond");
+  std::unique_ptr<Connection> connection;
+  EXPECT_EQ(open_qrtr_connection({}, {0, QMI_CLIENT_INSTANCE_ANY}, 100, Deadline::now(), connection),
+            QMI_CLIENT_PARAM_ERR);
   create_notifier();
   EXPECT_EQ(events(0), Events{});
 }
@@ -248,9 +261,13 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   one.publish();
   EXPECT_EQ(events(1), Events{"event 0"});
   notifier_.wait_until([](pid_t thread) { return thread != 0; });
+  auto outcome = send(HandleTest::connect());
+  one.receive_request();
   const int waits = waits_of(notifier_.get());
+  const std::clock_t start = std::clock();
   std::this_thread::sleep_for(milliseconds(1000));
   EXPECT_LE(waits_of(notifier_.get()), waits + 2);
+  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 2) << "the sender waits as well";
   one.close();
   EXPECT_EQ(events(2).back(), "event 1");
   two.publish(2);
@@ -321,7 +338,6 @@ TEST_F(QrtrTest, KeepsTheIndicationsForASlowCallback) {
 }
 
 TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
-  is_held_ = true;
   Peer service, other;
   service.publish();
   other.publish(1);
@@ -329,20 +345,30 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   const Datagram request = service.receive_request();
   outcome.wait();
   const Bytes indication = message(0x04, 0, 0x0024, Bytes(60'000, 0));
-  EXPECT_EQ(service.send(request.from, indication), 0);
-  while (indications_ == 0) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
-  size_t refused = 0;
-  while (refused < 5) refused += service.send(request.from, indication) != 0;
+  size_t sent = 0;
+  const auto fill = [&] {  // until the client's socket has refused five more
+    is_held_ = true;
+    EXPECT_EQ(service.send(request.from, indication), 0);
+    for (++sent; indications_ < sent;) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
+    for (size_t refused = 0; refused < 5;) ++(service.send(request.from, indication) == 0 ? sent : refused);
+  };
+  fill();
+  is_held_ = false;
+  while (indications_ < sent) std::this_thread::sleep_for(milliseconds(1));
+  fill();
+  const QrtrAddress lost = service.address();
   service.close();
-  std::this_thread::sleep_for(milliseconds(100));  // until the kernel has dropped the name service's report
+  EXPECT_TRUE(other.receives_end_of(lost)) << "the name service has sent its reports";
   EXPECT_EQ(events(0), Events{});
   is_held_ = false;
   EXPECT_EQ(events(1), Events{"error -2"});
-  EXPECT_EQ(other.send(request.from, {}), ENOSPC) << "nothing more is kept for a lost connection";
+  other.send(request.from, indication);
+  EXPECT_EQ(other.send(request.from, indication), ENOSPC) << "hardly anything more is kept for a lost connection";
   qmi_client_release(handles_.back());
   const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("the kernel dropped 5 messages"), std::string::npos) << log;
   EXPECT_NE(log.find("the kernel dropped 6 messages"), std::string::npos) << "five indications and the report: " << log;
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
 }
 
 }  // namespace

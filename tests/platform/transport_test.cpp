@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -242,21 +244,42 @@ TEST(Qrtr, ReadsControlPackets) {
     return rest;
   };
   const Bytes cut(nas.begin(), nas.end() - 1);
+  const QrtrAddress peers[] = {{5, 0x4001}, {5, 1}, {6, 0x4001}};
   const struct {
     const char* what;
     Bytes bytes;
     QrtrControl control;
+    const char* ended = "---";  // of the peers
   } cases[] = {
       {"a service arrives", packet(4, nas), {Packet::kArrival, {5, 0x4001}, 3, 1, 2}},
-      {"a service departs", packet(5, nas), {Packet::kDeparture, {5, 0x4001}, 3, 1, 2}},
+      {"a service departs", packet(5, nas), {Packet::kDeparture, {5, 0x4001}, 3, 1, 2}, "x--"},
       {"the list ends", packet(4, Bytes(16)), {Packet::kEndOfList}},
-      {"a socket closed", packet(6, {5, 0, 0, 0, 0x01, 0x40, 0, 0}), {Packet::kSocketGone, {5, 0x4001}}},
-      {"a node departs", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}},
+      {"a socket closed", packet(6, {5, 0, 0, 0, 0x01, 0x40, 0, 0}), {Packet::kSocketGone, {5, 0x4001}}, "x--"},
+      {"a node departs", packet(3, {5, 0, 0, 0}), {Packet::kNodeGone, {5, 0}}, "xx-"},
       {"truncated arrival", packet(4, cut), {}},
       {"truncated close", packet(6, {5, 0, 0, 0, 1, 0x40, 0}), {}},
       {"another command", packet(7, nas), {}},
   };
-  for (const auto& each : cases) EXPECT_TRUE(read_qrtr_control(each.bytes) == each.control) << each.what;
+  for (const auto& each : cases) {
+    const QrtrControl control = read_qrtr_control(each.bytes);
+    EXPECT_TRUE(control == each.control) << each.what;
+    std::string ended;
+    for (const QrtrAddress& peer : peers) ended += control.ends(peer) ? 'x' : '-';
+    EXPECT_EQ(ended, each.ended) << each.what;
+  }
+}
+
+TEST(Qrtr, AKernelWithoutItIsReported) {
+  if (UniqueFd(::socket(AF_QIPCRTR, SOCK_DGRAM, 0)) || errno != EAFNOSUPPORT) GTEST_SKIP() << "it may have QRTR";
+  ::openlog("qrtr", LOG_PERROR, LOG_USER);
+  testing::internal::CaptureStderr();
+  ModemReport report;
+  inspect_qrtr({}, Deadline::none(), report);
+  EXPECT_EQ(report.transport + ": " + report.problem + ". " + report.remedy,
+            "QRTR: this kernel has no QRTR. 'modprobe qrtr' loads it. ");
+  EXPECT_FALSE(report.may_come);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "qrtr: Cannot connect to the modem: this kernel has no QRTR: modprobe qrtr\n");
 }
 
 }  // namespace
