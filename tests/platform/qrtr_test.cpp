@@ -267,7 +267,7 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   const std::clock_t start = std::clock();
   std::this_thread::sleep_for(milliseconds(1000));
   EXPECT_LE(waits_of(notifier_.get()), waits + 2);
-  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 2) << "the sender waits as well";
+  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10) << "the sender waits as well";
   one.close();
   EXPECT_EQ(events(2).back(), "event 1");
   two.publish(2);
