@@ -347,17 +347,19 @@ TEST_P(Reconnect, HasOneConnectionAfterALateAnnouncement) {
   EXPECT_EQ(statuses(), Statuses{});
 }
 
-// A release ends a reconnection at any step and releases its handles. No status follows that of the release.
-TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
+// A release ends a reconnection at any step and releases its handles. No status follows that of the release. A new
+// start also ends it. A connection that is up then remains open, but unused.
+TEST_P(Reconnect, ReleaseOrStartEndsAReconnectionAtAnyMoment) {
   // The moment of the release (a status or a call of the platform), the statuses, and the open handles: a dropped
   // notifier remains open.
   const struct {
     std::string release_at;
     Statuses wanted;
     size_t left_open;
-  } rows[] = {{"4", {4, 0}, 0},         {"release", {4, 0}, 0},     {"5", {4, 5, 0}, 0},
-              {"6", {4, 5, 6, 0}, 1},   {"sleep", {4, 5, 6, 0}, 0}, {"connect", {4, 5, 6, 0}, 0},
-              {"3", {4, 5, 6, 3, 0}, 0}};
+    bool starts = false;
+  } rows[] = {{"4", {4, 0}, 0},          {"release", {4, 0}, 0},          {"5", {4, 5, 0}, 0},
+              {"6", {4, 5, 6, 0}, 1},    {"sleep", {4, 5, 6, 0}, 0},      {"connect", {4, 5, 6, 0}, 0},
+              {"3", {4, 5, 6, 3, 0}, 0}, {"connect", {4, 5, 6}, 0, true}, {"3", {4, 5, 6, 3}, 1, true}};
   for (const auto& row : rows) {
     for (const bool by_other_thread : {false, true}) {
       // The user's code does not run on the thread that releases a handle.
@@ -368,15 +370,21 @@ TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
       const qmi_client_type lost = open();
       std::future<void> other;
       bool released = false;
+      const std::string service = connection_.name.substr(0, connection_.name.find("_client"));
       const auto release_at_moment = [&](const std::string& moment) {
         if (moment != row.release_at || std::exchange(released, true)) return 0;
-        if (!by_other_thread) return connection_.release() ? 0 : -1;
+        const auto end = [&] { row.starts ? connection_.init() : (void)connection_.release(); };
+        if (!by_other_thread) {
+          end();
+          return 0;
+        }
         set_threads(Threads::kRun);
-        other = std::async(std::launch::async, [&] { connection_.release(); });
+        other = std::async(std::launch::async, end);
         set_threads(Threads::kHold);
-        while (!logged("D " + connection_.name + "_release: function entry ------------->")) std::this_thread::yield();
+        const std::string function = row.starts ? service + "_init" : connection_.name + "_release";
+        while (!logged("D " + function + ": function entry ------------->")) std::this_thread::yield();
         const auto ended = other.wait_for(std::chrono::milliseconds(150));
-        // At 4 and 6 no worker runs. At any other moment the worker has the lock, or the release waits for it.
+        // At 4 and 6 no worker runs. At any other moment the worker has the lock, or the other thread waits for it.
         if (moment != "4" && moment != "6") {
           EXPECT_EQ(ended, std::future_status::timeout);
         }
@@ -397,7 +405,7 @@ TEST_P(Reconnect, ReleaseEndsAReconnectionAtAnyMoment) {
       if (other.valid()) other.get();
       EXPECT_EQ(statuses(), row.wanted);
       EXPECT_EQ(open_handles() - others, row.left_open);
-      EXPECT_TRUE(connection_.is_clear());
+      EXPECT_EQ(connection_.is_clear(), !row.starts);
       reports.react = nullptr;
       on_call["release"] = on_call["sleep"] = on_call["init_instance"] = nullptr;
     }
