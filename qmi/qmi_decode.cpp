@@ -6,6 +6,7 @@
 //
 // Functions that take wire bytes return where they stopped; a null return stands for an error, which is in
 // `input.error` then.
+#include <bitset>
 #include <cstring>
 
 #include "idl_tables.h"
@@ -210,22 +211,7 @@ const uint8_t* get_aggregates(const Element& element, uint32_t count, const uint
   return at;
 }
 
-// A set of TLV types.
-class TypeSet {
- public:
-  // False where the type was in the set already.
-  bool add(uint8_t type) {
-    uint64_t& word = words_[type / 64];
-    const uint64_t bit = uint64_t{1} << type % 64;
-    if (word & bit) return false;
-    word |= bit;
-    return true;
-  }
-  bool has(uint8_t type) const { return words_[type / 64] >> type % 64 & 1; }
-
- private:
-  uint64_t words_[4] = {};
-};
+using TypeSet = std::bitset<256>;  // the TLV types of a message
 
 // The TLVs that a message describes. Senders keep to the described order as a rule, so a search starts where the one
 // before it ended.
@@ -252,7 +238,7 @@ class DescribedTlvs {
     do {
       Element element;
       at = read_element(read_tlv_head(at, head), table_, element);
-      if (!head.is_optional && !seen.has(head.type)) return false;
+      if (!head.is_optional && !seen[head.type]) return false;
     } while (!head.is_last);
     return true;
   }
@@ -286,7 +272,8 @@ int32_t get_message(const MessageDescription& message, bool is_response, const u
     const uint8_t* const value = at + kTlvHeaderLength;
     if (static_cast<size_t>(end - value) < value_length) return QMI_IDL_LIB_LENGTH_INCONSISTENCY;
     at = value + value_length;
-    if (!seen.add(type)) return QMI_IDL_LIB_TLV_DUPLICATED;
+    if (seen[type]) return QMI_IDL_LIB_TLV_DUPLICATED;
+    seen.set(type);
 
     TlvHead head;
     Element element;
