@@ -41,7 +41,7 @@ enum class Identifier { kFixed, kLogged };
 template <typename Record>
 uint8_t decode(const log::Place& decoder, Identifier identifier, uint32_t sub, uint32_t id, Record* record) {
   PELMAR_LOG_DEBUG_AT(decoder, "function entry ------------->");
-  uint8_t ret = 0;
+  uint8_t ret;
   {
     const std::lock_guard lock(g_decoder_lock);
     if (identifier == Identifier::kLogged) {
