@@ -59,6 +59,10 @@ TEST(UnixSocket, ConnectingToAListenerThatDoesNotAcceptTimesOut) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(connect_unix(name).error, ETIMEDOUT);
   EXPECT_GE(std::chrono::steady_clock::now() - start, kConnectTimeout);
+  timeval limit = {1, 1};
+  socklen_t size = sizeof limit;
+  ASSERT_EQ(::getsockopt(pending.fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, &size), 0);
+  EXPECT_EQ(limit.tv_sec + limit.tv_usec, 0) << "later sends have no time-out";
 }
 
 TEST_F(DirectoryTest, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {

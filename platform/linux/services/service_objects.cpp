@@ -1,5 +1,7 @@
 // What belongs to the phone's platform besides the QMI framework: the service objects of NAS and SAR, and the common
 // table of the standard response.
+#include <iterator>
+
 #include "nas_tables.h"
 #include "platform_export.h"
 #include "qmi_codec.h"
@@ -12,7 +14,7 @@ static constexpr uint8_t kStandardResponse[] = {
 static constexpr qmi_idl_type_table_entry kCommonTypes[] = {{8, kStandardResponse}};
 
 extern "C" PELMAR_PLATFORM_EXPORT constexpr qmi_idl_type_table_object common_qmi_idl_type_table_object_v01 = {
-    1, 0, 0, kCommonTypes, nullptr, nullptr, nullptr,
+    std::size(kCommonTypes), 0, 0, kCommonTypes, nullptr, nullptr, nullptr,
 };
 
 extern "C" PELMAR_PLATFORM_EXPORT int32_t qmi_idl_get_message_c_struct_len(qmi_idl_service_object_type service,
