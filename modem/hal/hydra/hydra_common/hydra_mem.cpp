@@ -108,12 +108,10 @@ void hydra_mem_get_proc_name(int32_t pid, char (&name)[kProcessNameBytes]) {
     PELMAR_LOG_ERROR("failed to open proc_entry=%s, errno=[%d:%s]", path, errno, std::strerror(errno));
     return;
   }
-  char command[kProcessNameBytes];
-  const ssize_t length = read(file, command, sizeof(command) - 1);
-  if (length <= 0) {
+  char command[kProcessNameBytes] = {};  // also terminates it
+  if (read(file, command, sizeof(command) - 1) <= 0) {
     PELMAR_LOG_ERROR("read failed errno=[%d:%s]", errno, std::strerror(errno));
   } else {
-    command[length] = '\0';
     const char* const slash = std::strrchr(command, '/');
     std::snprintf(name, sizeof(name), "%s", slash != nullptr ? slash + 1 : command);
   }

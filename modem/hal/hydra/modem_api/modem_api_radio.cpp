@@ -20,7 +20,7 @@ modem_api_result send_empty(Command& command, int32_t client_id, vs::MessageId m
 }
 
 void copy_cell_ids(const nas::LteCell (&cells)[nas::kMaxLteCells], uint16_t* ids) {
-  for (size_t i = 0; i < nas::kMaxLteCells; ++i) ids[i] = cells[i].physical_cell_id;
+  for (const nas::LteCell& cell : cells) *ids++ = cell.physical_cell_id;
 }
 
 // A SAR or NAS command whose response has only a result, which is logged.
