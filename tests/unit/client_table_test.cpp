@@ -50,7 +50,7 @@ TEST_F(ClientTable, HasOneClientOfAType) {
     }
   }
   for (const modem_api_client_type type : {4U, UINT32_MAX}) expect_refused(type, MODEM_API_ERR_NOT_SUPPORTED);
-  expect_golden_log({"nother client init", "not supported"});
+  expect_golden_log({"nother client init", "not supported", "free_adv: function entry", "init_client: function exit"});
 }
 
 // The table has more slots than types, so it can be full only because the test changes the types of open records.

@@ -106,6 +106,7 @@ TEST_F(TracedAllocation, DumpThatDoesNotFitKeepsWholeEntries) {
 }
 
 TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
+  close(STDIN_FILENO);  // files are opened as descriptor 0
   on_read = [](long requested) {
     EXPECT_EQ(requested, 49) << "room for the terminator";
     return requested;
