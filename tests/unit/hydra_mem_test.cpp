@@ -106,7 +106,6 @@ TEST_F(TracedAllocation, DumpThatDoesNotFitKeepsWholeEntries) {
 }
 
 TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
-  close(STDIN_FILENO);  // files are opened as descriptor 0
   on_read = [](long requested) {
     EXPECT_EQ(requested, 49) << "room for the terminator";
     return requested;
@@ -116,6 +115,7 @@ TEST_F(TracedAllocation, DumpWithoutTheProcessNameLeavesItEmpty) {
                                    {file_with(""), ""},
                                    {file_with("p"), "p"},
                                    {file_with(std::string(60, 'p')), std::string(49, 'p')}}) {
+    close(STDIN_FILENO);  // the file is opened as descriptor 0
     redirect_opens("/cmdline", file);
     EXPECT_NE(dump().find("caller_proc=\"" + name + "\""), std::string::npos);
   }
