@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 #include "pelmar_log_site.h"
 #include "service_client.h"
@@ -33,14 +32,12 @@ void convert(const StatusIndication& indication, modem_api_vs_status_event& even
 template <size_t kCapacity>
 uint32_t convert_records(const DataRecord (&from)[kCapacity], uint32_t count, modem_api_event_record (&to)[kCapacity]) {
   const uint32_t copied = std::min<uint32_t>(count, kCapacity);
-  modem_api_event_record* out = to;
-  for (const DataRecord& record : std::span(from).first(copied)) {
-    out->id = record.id;
-    out->data_len = std::min<uint32_t>(record.data_len, kMaxDataBytes);
-    std::memcpy(out->data, record.data, out->data_len);
-    out->sub = record.sub;
-    out->sub_high = record.sub_high;
-    ++out;
+  for (uint32_t i = 0; i < copied; ++i) {
+    to[i].id = from[i].id;
+    to[i].data_len = std::min<uint32_t>(from[i].data_len, kMaxDataBytes);
+    std::memcpy(to[i].data, from[i].data, to[i].data_len);
+    to[i].sub = from[i].sub;
+    to[i].sub_high = from[i].sub_high;
   }
   return copied;
 }
