@@ -6,9 +6,13 @@
 // so it can be encoded within the message's largest size. The encoder refuses only counts and texts above their maxima.
 // An encoded message decodes, and encodes to the same bytes again in exactly their size.
 //
-// The fields by name are those of any bytes too; a message that decodes has no bytes in a TLV with a name that the walk
-// of the fields leaves undescribed.
+// The fields by name are those of any bytes too, and make valid JSON; a message that decodes has no bytes in a TLV with
+// a name that the walk of the fields leaves undescribed.
+#include <nlohmann/json.hpp>
+#include <string>
+
 #include "message_fields.h"
+#include "message_text.h"
 #include "messages.h"
 
 using namespace pelmar::fuzz;
@@ -24,13 +28,18 @@ void require_round_trip(const Message& message, const Bytes& structure) {
 }
 
 void require_fields(const Message& message, const Bytes& wire, bool decodes) {
-  const auto kind = static_cast<pelmar::qmi::MessageKind>(message.type);
+  const auto service = static_cast<uint8_t>(message.service->service_id);
+  const pelmar::qmi::Message parsed = {static_cast<pelmar::qmi::MessageKind>(message.type), 1, message.id, true, wire};
   bool has_name = false;
-  pelmar::qmi::walk_fields(static_cast<uint8_t>(message.service->service_id), {kind, 1, message.id, true, wire},
-                           [&](const pelmar::qmi::Field& field) {
-                             if (field.form == pelmar::qmi::Field::Form::kTlv) has_name = field.name != nullptr;
-                             require(field.is_described || !has_name || !decodes);
-                           });
+  pelmar::qmi::walk_fields(service, parsed, [&](const pelmar::qmi::Field& field) {
+    if (field.form == pelmar::qmi::Field::Form::kTlv) has_name = field.name != nullptr;
+    require(field.is_described || !has_name || !decodes);
+  });
+  pelmar::qmi::CapturedMessage captured;
+  captured.frame.service = service;
+  std::string json;
+  pelmar::qmi::append_json(json, {captured, {}, parsed, {}, {}}, true);
+  require(nlohmann::json::accept(json));
 }
 
 }  // namespace

@@ -1,26 +1,18 @@
-// Files that others write: system properties, scenarios of the simulated modem, recordings, and captures of messages.
+// Files that others write: scenarios of the simulated modem, recordings, and captures of messages.
 //
-//   input: u8 kind (a scenario, a property's file, a property's name and its value behind a zero byte, a capture, or
-//          a recording), the bytes
+//   input: u8 kind (a scenario, a recording, or a capture), the bytes
 //
-// A scenario is refused with an error that names a place, or never has a number outside its field's range. A property
-// is read as a terminated value within its limit, or as the default. A value that was set is read back. No name leads
-// out of the directory. Of a capture, as many messages are read as can be in it, a link's names are bounded,
-// a message as text is ASCII without control characters, and the modem plays the capture or refuses it. A recording
-// makes a scenario or is refused.
-#include <stdlib.h>
+// A scenario is refused with an error that names a place, or never has a number outside its field's range. A recording
+// makes a scenario or is refused. Of a capture, as many messages are read as can be in it, a link's names are bounded,
+// a message as text is ASCII without control characters, and the modem plays the capture or refuses it.
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include "capture.h"
-#include "cutils/properties.h"
 #include "message_text.h"
 #include "messages.h"
 #include "replay/recorded_traffic.h"
@@ -30,7 +22,6 @@
 
 using namespace pelmar::fuzz;
 using namespace pelmar::sim;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -55,37 +46,6 @@ void read_scenario(const std::string& text) {
   } catch (const ScenarioError& error) {
     require(std::string_view(error.what()).find(": ") != std::string_view::npos);
   }
-}
-
-// A directory that holds only the directory of the properties, until the process ends.
-struct Outside {
-  Outside() {
-    char pattern[] = "/tmp/pelmar-fuzz-XXXXXX";
-    path = mkdtemp(pattern);
-    setenv("PELMAR_PROPERTY_DIR", (path / "properties").c_str(), 1);
-    require(property_set("persist.file", "") == 0);  // makes the directories
-  }
-  ~Outside() { fs::remove_all(path); }
-
-  fs::path path;
-};
-
-std::string get(const std::string& name) {
-  Bytes value(PROPERTY_VALUE_MAX, 'x');
-  auto* const text = reinterpret_cast<char*>(value.data());
-  const int length = property_get(name.c_str(), text, "default");
-  require(length >= 0 && length < PROPERTY_VALUE_MAX && strnlen(text, value.size()) == static_cast<size_t>(length));
-  return text;
-}
-
-void set_and_get(const fs::path& outside, const std::string& name, const std::string& value) {
-  if (property_set(name.c_str(), value.c_str()) == 0) {
-    require(get(name) == (value.empty() ? "default" : value));
-    for (const auto& entry : fs::recursive_directory_iterator(outside)) {
-      if (entry.is_regular_file() && entry.path().filename() != "persist.file") fs::remove(entry.path());
-    }
-  }
-  require(std::distance(fs::directory_iterator(outside), {}) == 1);
 }
 
 void read_capture(const std::string& text) {
@@ -125,21 +85,7 @@ void read_recording(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
-  static const Outside outside;
-  const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (data[0] % 5 == 0) {
-    read_scenario(text);
-  } else if (data[0] % 5 == 3) {
-    read_capture(text);
-  } else if (data[0] % 5 == 4) {
-    read_recording(text);
-  } else if (data[0] % 5 == 1) {
-    std::ofstream(outside.path / "properties/persist/persist.file", std::ios::binary) << text;
-    get("persist.file");
-  } else {
-    const size_t end = std::min(text.find('\0'), text.size());
-    set_and_get(outside.path, text.substr(0, end), end == text.size() ? "" : text.substr(end + 1).c_str());
-  }
+  constexpr void (*kReaders[])(const std::string&) = {read_scenario, read_recording, read_capture};
+  if (size > 0) kReaders[data[0] % 3](std::string(reinterpret_cast<const char*>(data + 1), size - 1));
   return 0;
 }

@@ -118,7 +118,8 @@ TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
       {"persist.a", "2", true, "2"}, {"b", longest, true, longest}, {"b", longest + 'x', false, longest},
       {"b", "", true, "none"},  // an empty value counts as none
       {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},     {"", "1", false, "none"},
-      {"a/b", "1", false, "none"},   {"a\nb", "1", false, "none"},  {"a\x7f", "1", false, "none"},
+      {"a/b", "1", false, "none"},   {"a b", "1", false, "none"},   {"a\x7f", "1", false, "none"},
+      {"..", "1", false, "none"},    {".a", "1", false, "none"},
   };
   const int unused = UniqueFd(::dup(0)).get();
   for (const auto& [name, value, is_set, read] : cases) {
@@ -137,8 +138,10 @@ TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
   EXPECT_EQ(error, -1);
   EXPECT_EQ(get("persist.a"), "2");
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(directory_), {}), 3 + 3) << "no temporary file is left";
-  std::ofstream(directory_ / "made/persist/persist.a") << longest + 'x';
-  EXPECT_EQ(get("persist.a"), "none");
+  for (const std::string& foreign : {longest + 'x', std::string("a\0b", 3)}) {
+    std::ofstream(directory_ / "made/persist/persist.a") << foreign;
+    EXPECT_EQ(get("persist.a"), "none");
+  }
 }
 
 TEST_F(Properties, OnlyPersistentOnesSurviveAReboot) {
