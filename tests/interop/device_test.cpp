@@ -1,38 +1,21 @@
 // The character device of the simulated modem: programs open it in turn, or share it by qmi-proxy.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 
 #include <atomic>
-#include <string>
-#include <vector>
 
-#include "capture.h"
-#include "modem_test.h"
+#include "client_program.h"
 #include "network_access_service_v01.h"
 #include "qmi_client.h"
-#include "unix_socket.h"
 
-namespace pelmar::system_test {
+namespace pelmar::cli {
 namespace {
 
-using sim::test::Outcome;
-using sim::test::Process;
-using testing::HasSubstr;
-
-class DeviceTest : public ModemTest {
+class DeviceTest : public ClientTest {
  protected:
-  explicit DeviceTest(const char* transport = "device") : ModemTest(use(transport)) {}
-
-  static std::vector<std::string> client(const std::vector<std::string>& command) {
-    std::vector<std::string> all = {MODEM_API_TEST};
-    all.insert(all.end(), command.begin(), command.end());
-    return all;
-  }
-
-  static Outcome run(const std::vector<std::string>& command) { return sim::test::run_program(client(command)); }
+  explicit DeviceTest(const char* transport = "device") : ClientTest(use(transport)) {}
 
  private:
   static std::vector<std::string> use(const char* transport) {
@@ -47,18 +30,12 @@ class ProxyTest : public DeviceTest {
 };
 
 TEST_F(DeviceTest, ProgramsOpenTheDeviceInTurn) {
-  EXPECT_EQ(run({"nv", "write", "7", "--text", "device"}).status, 0);
-  EXPECT_THAT(run({"nv", "read", "7", "--trace", path("trace")}).output, HasSubstr("device"));
-  const UniqueFd file(::open(path("trace").c_str(), O_RDONLY | O_CLOEXEC));
-  qmi::CaptureReader reader(file.get());
-  qmi::CapturedMessage captured;
-  std::string ids;
-  while (reader.next(captured) == qmi::CaptureReader::Status::kMessage) {
-    ids += std::to_string(qmi::read_message(captured.frame)->id) + " ";
-    EXPECT_EQ(reader.link(captured.link).transport, modem().device());
-  }
-  EXPECT_EQ(ids, "33 33 33 33 34 34 256 256 35 35 ") << "each message is traced once";
-  EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX on the character device"));
+  expect({{"client nv write 7 --text device", 0, ""},
+          {"client nv read 7 --trace a", 0, "device"},
+          {"client trace a --json | grep -c '\"transport\":\"[^\"]*/device\"'", 0, "10\n"},
+          {"client trace a | cut -d ' ' -f 6 | uniq -c | tr -s ' \n' ' '", 0,
+           " 4 GET_VERSION_INFO 2 ALLOCATE_CLIENT_ID 2 READ_NV 2 RELEASE_CLIENT_ID "},
+          {"client info", 0, "QMUX on the character device"}});
 }
 
 TEST_F(DeviceTest, ANotifierReportsADeviceThatComesLater) {
@@ -73,33 +50,23 @@ TEST_F(DeviceTest, ANotifierReportsADeviceThatComesLater) {
   EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_event, &arrivals), QMI_NO_ERR);
   EXPECT_EQ(arrivals, 0);
   serve({});
-  EXPECT_TRUE(sim::test::wait_until([&] { return arrivals == 1; }));
+  EXPECT_TRUE(wait_until([&] { return arrivals == 1; }));
   EXPECT_EQ(qmi_client_release(notifier), QMI_NO_ERR);
 }
 
 TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
-  Process follower(MODEM_API_TEST, client({"events", "--count", "1"}), true);
-  std::string line = follower.line();
-  while (!line.empty() && line.find("following") == std::string::npos) line = follower.line();
-  EXPECT_THAT(run({"nv", "read", "7"}).output, HasSubstr("(modem_api_test) has it open"));
+  Process follower = start("events --count 1");
+  EXPECT_TRUE(prints(follower, "following"));
   const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   ASSERT_EQ(grantpt(terminal.get()) + unlockpt(terminal.get()), 0);
-  const std::string silent = ptsname(terminal.get());
-  const struct {
-    const char* modem;
-    const char* problem;
-  } cases[] = {
-      {"/dev/zero", "is it the QMI device"},
-      {silent.c_str(), "is it the QMI device"},
-      {"proxy:/dev/no-such-device", "no character device /dev/no-such-device\n  Start the modem"},
-      {"proxy:/etc/passwd", "no character device /etc/passwd"},
-  };
-  const bool has_proxy = connect_unix("@qmi-proxy").error == 0;  // of this machine: it opens devices itself
-  for (const auto& each : cases) {
-    if (has_proxy && std::string(each.modem).starts_with("proxy:")) continue;
-    const Outcome outcome = run({"--modem", each.modem, "nv", "read", "7"});
-    EXPECT_EQ(outcome.status, 1) << each.modem;
-    EXPECT_THAT(outcome.output, HasSubstr(each.problem)) << each.modem;
+  const std::string read = "client nv read 7 --modem ";
+  expect({{"client nv read 7", 1, "(modem_api_test) has it open"},
+          {read + "/dev/zero", 1, "is it the QMI device"},
+          {read + ptsname(terminal.get()), 1, "is it the QMI device"}});
+  // A proxy of this machine opens devices itself.
+  if (connect_unix("@qmi-proxy").error != 0) {
+    expect({{read + "proxy:/dev/none", 1, "no character device /dev/none\n  Start the modem"},
+            {read + "proxy:/etc/passwd", 1, "no character device /etc/passwd"}});
   }
   ctl("event 2 7 1 0 to broadcast");
   EXPECT_EQ(follower.end(), 0) << "an event to all clients comes over a device, too";
@@ -110,14 +77,13 @@ TEST_F(ProxyTest, TheNextProgramReleasesTheIdsOfKilledOnes) {
   open(MODEM_API_CLIENT_NAS_0);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "the proxy that it started is no child";
   for (int i = 0; i < 10; ++i) {
-    Process follower(MODEM_API_TEST, client({"events"}), true);
-    EXPECT_THAT(follower.line(), HasSubstr("is up"));
+    Process follower = start("events");
+    EXPECT_TRUE(prints(follower, "is up"));
     follower.end(SIGKILL);
   }
-  const Outcome outcome = run({"nv", "write", "7", "00"});
-  EXPECT_EQ(outcome.status, 0) << outcome.output;
-  EXPECT_THAT(run({"info"}).output, HasSubstr("QMUX through qmi-proxy on the device " + modem().device()));
+  expect({{"client nv write 7 00", 0, ""},
+          {"client info", 0, "QMUX through qmi-proxy on the device " + modem().device()}});
 }
 
 }  // namespace
-}  // namespace pelmar::system_test
+}  // namespace pelmar::cli

@@ -1,5 +1,5 @@
 # Runs the tests of QRTR, and those of the system and of qmicli over QRTR, in the virtual machine:
-#   scripts/qrtr_vm.sh -t 600 tests/interop/qrtr.sh build/test/bin/{qrtr,interop,system}_tests build/test/bin/modem_sim
+#   scripts/qrtr_vm.sh -t 600 tests/interop/qrtr.sh build/test/bin/{{qrtr,interop,system}_tests,chaos_client,modem_sim}
 # Each test runs in its own process. The exit status is 0 if all pass.
 export PELMAR_TEST_TRANSPORT=qrtr XDG_STATE_HOME=/tmp
 failures=0

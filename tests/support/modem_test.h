@@ -6,12 +6,15 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "modem_api.h"
+#include "pelmar_log.h"
 #include "sim_process.h"
 #include "unix_socket.h"
 
@@ -23,6 +26,8 @@ class ModemTest : public testing::Test {
  protected:
   // The options and the socket are those of the simulated modem.
   explicit ModemTest(const std::vector<std::string>& options = {}, const std::string& socket = "") {
+    std::strcpy(program_invocation_name, "/mtb");  // a name that the library serves
+    pelmar_hal_close_print();
     setenv("PELMAR_PROPERTY_DIR", path("properties").c_str(), 1);
     serve(options, socket);
     setenv(kModemVariable, modem_->address().c_str(), 1);

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <deque>
@@ -34,6 +35,9 @@ struct Process {
   std::deque<std::pair<void* (*)(void*), void*>> held;  // the functions and arguments of held threads
 };
 Process& g_process = kNewObject;
+
+// The library serves processes of this name. The kernel reads it where the arguments are.
+[[maybe_unused]] const char* const g_name = std::strcpy(program_invocation_name, "/mtb");
 
 std::string g_suffix;
 std::string g_target;

@@ -1,6 +1,6 @@
 // The interface between the parts of a chaos run.
 //
-// A run (chaos_test.cpp) starts processes with a client of each type. A process (chaos_process.cpp) reads commands from
+// A run (chaos_test.cpp) starts programs with a client of each type. A program (chaos_client.cpp) reads commands from
 // standard input, one a line:
 //
 //   work     opens the clients and runs the workers until the next line arrives
@@ -36,8 +36,5 @@ class Random : public std::mt19937_64 {
     return table[at];
   }
 };
-
-// The main function of a client process. Arguments: the seed, and the number of the process.
-int run_client(char** arguments);
 
 }  // namespace pelmar::system_test::chaos

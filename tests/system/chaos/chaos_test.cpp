@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "chaos/chaos.h"
+#include "chaos.h"
 #include "cutils/properties.h"
 #include "modem_test.h"
 
@@ -75,9 +75,8 @@ class ChaosTest : public ModemTest {
     std::cout << "CHAOS_SEED=" << seed_ << " CHAOS_SECONDS=" << length_.count() << std::endl;
     property_set("persist.hydra.mem_trace", "true");
     for (const char* const name : {"qcrilNrd", "mtb", "modem_api_test"}) {
-      const std::vector<std::string> arguments = {std::string("/system/") + name, "--chaos", std::to_string(seed_),
-                                                  std::to_string(clients_.size())};
-      clients_.emplace_back("/proc/self/exe", arguments, false);
+      clients_.emplace_back(
+          CHAOS_CLIENT, std::vector{std::string(name), std::to_string(seed_), std::to_string(clients_.size())}, false);
     }
   }
 

@@ -27,13 +27,13 @@
 #include <thread>
 #include <vector>
 
-#include "chaos/chaos.h"
+#include "chaos.h"
 #include "hydra_mem.h"
 #include "nas_client.h"
+#include "pelmar_log.h"
 #include "vs_client.h"
 
 namespace pelmar::system_test::chaos {
-
 namespace {
 
 constexpr uint32_t kWorkers = 4;  // threads of a process
@@ -300,10 +300,14 @@ std::array<int64_t, 3> count_held() {
 }
 
 }  // namespace
+}  // namespace pelmar::system_test::chaos
 
-int run_client(char** arguments) {
-  const uint64_t seed = std::strtoull(arguments[0], nullptr, 10);
-  const auto process = static_cast<uint32_t>(std::atoi(arguments[1]));
+// Arguments: the seed, and the number of the process.
+int main(int, char** arguments) {
+  using namespace pelmar::system_test::chaos;
+  pelmar_hal_close_print();
+  const uint64_t seed = std::strtoull(arguments[1], nullptr, 10);
+  const auto process = static_cast<uint32_t>(std::atoi(arguments[2]));
   std::vector<Worker> workers;
   for (uint32_t owner = process * kWorkers; owner < (process + 1) * kWorkers; ++owner) {
     Worker& worker = workers.emplace_back(Worker{Random(seed, owner), {}});
@@ -324,5 +328,3 @@ int run_client(char** arguments) {
   }
   return 0;
 }
-
-}  // namespace pelmar::system_test::chaos
