@@ -24,34 +24,10 @@ LINES = """
 info
 nv write 10 --text hello
 nv write 11 00
-nv read 10
-nv dump 10 11 12
-nv restore items --dry-run
-nv restore items --yes
+nv restore nv --dry-run
 nv restore wrong --yes
-nv diff items
-nv write 11 01
-nv diff items
-nv delete 11
-nv diff items
-efs write 10 --qualifier 3 0a
-efs read 10 --qualifier 3
-efs dump --qualifier 3 10
-efs restore efs --yes
-efs diff efs
-efs delete 10 --qualifier 3
-efs-path write '/a "b"' 0a
+nv diff nv
 efs-path read "/a \\"b\\""
-efs-path dump '/a "b"' /c
-efs-path restore paths --yes
-efs-path diff paths
-efs-path delete '/a "b"'
-rfnv write 10 0a
-rfnv read 10
-rfnv dump 9-11
-rfnv restore rfnv --yes
-rfnv diff rfnv
-rfnv delete 10
 efs-sync
 raw 01 02
 raw --async --text ping
@@ -91,14 +67,25 @@ bogus
 nv read 10 --modem x
 nv 'read
 """
+# By the type of the items, one that is there, and another.
+ITEM_LINES = """
+{0} write {1} 0a
+{0} read {1}
+{0} dump {1} {2}
+{0} diff {0}
+{0} restore {0} --yes
+{0} diff {0}
+{0} delete {1}
+"""
+ITEMS = (("nv", "10", "12"), ("efs", "10 --qualifier 3", "11"), ("efs-path", "'/a \"b\"'", "/c"), ("rfnv", "10", "9-11"))
 POWER_LINES = """
 power status
 power vote --for 1
 power watch --for 1
 power release
 """
-FILES = {"items": "nv 10 = 68 65 6c 6c 6f  # hello\nnv 11 = 00\n", "wrong": "nv 1 = 0\n", "efs": "efs 11 = 0a\n",
-         "paths": "efs-path /c = 0a\n", "rfnv": "rfnv 11 = 0a\n"}
+FILES = {"nv": "nv 10 = 68 65 6c 6c 6f  # hello\nnv 11 = 00\n", "wrong": "nv 1 = 0\n", "efs": "efs 11 = 0a\n",
+         "efs-path": "efs-path /c = 0a\n", "rfnv": "rfnv 11 = 0a\n"}
 
 
 def leaves(program, *words):
@@ -173,7 +160,8 @@ def main(client, simulator, source):
             events = subprocess.Popen(["sh", "-c", f"while '{simulator}' ctl --control '{modem.control}' status; do "
                                        f"'{simulator}' ctl --control '{modem.control}' event 3 5; sleep 0.05; done"],
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            documents = list(run_batch(client, modem, LINES, place).values())
+            lines = LINES + "".join(ITEM_LINES.format(*item) for item in ITEMS)
+            documents = list(run_batch(client, modem, lines, place).values())
         events.wait()  # ends with the modem
         environment |= {"PELMAR_MODEM": "", "PELMAR_MODEM_SIM": str(simulator)}
         with Modem(simulator, scratch, "power", "--pm-socket") as modem:
