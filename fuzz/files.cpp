@@ -7,7 +7,6 @@
 // a message as text is ASCII without control characters, and the modem plays the capture or refuses it.
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 #include <string>

@@ -6,8 +6,6 @@
 // With any bytes: no access is outside a block. There is one event if an indication decodes, and none otherwise.
 #include <errno.h>
 
-#include <cstring>
-
 #include "instant_platform.h"
 #include "messages.h"
 #include "modem_api.h"

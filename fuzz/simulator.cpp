@@ -6,7 +6,6 @@
 // The peer sends its bytes and closes its sending side. With any bytes, the modem drops the connection, frees its ids,
 // withdraws its vote and leaves no file outside its storage.
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>

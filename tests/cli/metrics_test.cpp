@@ -1,6 +1,4 @@
 // The metrics of `signal --serve`, as a client of HTTP reads them, and as Prometheus's tools check them.
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "client_program.h"
 

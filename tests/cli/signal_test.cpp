@@ -1,12 +1,7 @@
 // Readings as text, as rows of a file, as a picture, and as the live view in terminals of any size.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ctime>
-#include <nlohmann/json.hpp>
 #include <regex>
-#include <sstream>
 
 #include "client_program.h"
 #include "modem_hydra.h"

@@ -1,7 +1,5 @@
 // The character device of the simulated modem: programs open it in turn, or share it by qmi-proxy.
 #include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <atomic>

@@ -4,12 +4,8 @@
 // that the name is free even if the machine runs a proxy. The simulated modem listens at that name itself, or a proxy
 // opens its device.
 #include <gmock/gmock.h>
-#include <sched.h>
-#include <unistd.h>
 
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "modem_test.h"
 

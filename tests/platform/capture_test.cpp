@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -96,11 +95,7 @@ TEST(CaptureReaderTest, ReadsTheCompleteBlocksOfAnyFile) {
   // An offset of a second, and option 0x800E.
   const Bytes other_link = {0, 0, 0, 1, 0, 0, 0,   44, 0, 147, 0, 0, 0, 0, 0, 0, 0, 14, 0, 8, 0, 0,
                             0, 0, 0, 0, 0, 1, 128, 14, 0, 8,   0, 0, 0, 0, 0, 0, 0, 0,  0, 0, 0, 44};
-  const struct {
-    const char* what;
-    std::vector<Bytes> parts;
-    const char* found;
-  } cases[] = {
+  const std::tuple<const char*, std::vector<Bytes>, const char*> cases[] = {
       {"a link without a resolution counts microseconds", {whole}, "5000:0:3:1 end"},
       {"unknown blocks", {kHeader, block(0xBAD, {}), block(0xBAD, u32(1)), kLink, five}, "5000:0:3:1 end"},
       {"long unknown block", {kHeader, block(0xBAD, Bytes(600'000)), kLink, five}, "5000:0:3:1 end"},
@@ -130,10 +125,10 @@ TEST(CaptureReaderTest, ReadsTheCompleteBlocksOfAnyFile) {
       {"older form", {u32(0xA1B2C3D4), kHeader}, "no capture"},
       {"empty", {}, "no capture"},
   };
-  for (const auto& each : cases) {
+  for (const auto& [what, parts, found] : cases) {
     Bytes bytes;
-    for (const Bytes& part : each.parts) bytes.insert(bytes.end(), part.begin(), part.end());
-    EXPECT_EQ(read(file_of(bytes)), each.found) << each.what;
+    for (const Bytes& part : parts) bytes.insert(bytes.end(), part.begin(), part.end());
+    EXPECT_EQ(read(file_of(bytes)), found) << what;
   }
   for (size_t length = whole.size() - five.size() + 1; length < whole.size(); ++length) {
     EXPECT_EQ(read(file_of({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length)})), "cut") << length;

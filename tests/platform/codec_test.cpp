@@ -166,11 +166,7 @@ TEST(Codec, DecodesAndEncodesEveryMessage) {
 }
 
 TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
-  const struct {
-    const char* what;
-    std::string wire;
-    int32_t error;
-  } cases[] = {
+  const std::tuple<const char*, std::string, int32_t> cases[] = {
       {"unknown optional TLVs", kGood + "12 0100 09 40 0000 41 0000 81 0000", 0},
       {"failure without the other TLVs", kFailure, 0},
       {"failure with a wrong TLV", kFailure + "03 0100 00", -45},
@@ -187,20 +183,16 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
       {"fixed array truncated", kGood + "10 0600 0000 00 0100 01", -45},
   };
   Bytes result;
-  for (const auto& each : cases) {
-    EXPECT_EQ(decode_to({&kMade, kResponse, 0x5678, kSize, "", ""}, bytes_of(each.wire), result), each.error)
-        << each.what;
-    EXPECT_EQ(result == Bytes(kSize), each.error != 0) << each.what;
+  for (const auto& [what, wire, error] : cases) {
+    EXPECT_EQ(decode_to({&kMade, kResponse, 0x5678, kSize, "", ""}, bytes_of(wire), result), error) << what;
+    EXPECT_EQ(result == Bytes(kSize), error != 0) << what;
   }
   EXPECT_EQ(decode_to({&kMade, kRequest, 0x5678, kSize, "", ""}, bytes_of(kFailure), result), -46)
       << "only a response may leave out mandatory TLVs";
 }
 
 TEST(Codec, EncodesNoMoreThanTheMaximum) {
-  const struct {
-    const char* content;
-    int32_t error;
-  } cases[] = {
+  const std::pair<const char*, int32_t> cases[] = {
       {"16:616263", 0},                                  // a text of the greatest length
       {"16:61626364", -42},     {"372:01 376:2C01", 0},  // 300 elements
       {"372:01 376:2D01", -42}, {"20:01 28:03", -42},    // aggregates

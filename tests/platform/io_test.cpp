@@ -1,25 +1,19 @@
 // What the platform shares with the programs that use it: sockets and their names, the environment, and system
 // properties.
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "cutils/properties.h"
 #include "environment.h"
 #include "scripted_modem.h"
-#include "unique_fd.h"
-#include "unix_socket.h"
 
 namespace pelmar::platform {
 namespace {
@@ -110,11 +104,7 @@ class Properties : public DirectoryTest {
 
 TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
   const std::string longest(91, 'x');
-  const struct {
-    std::string name, value;
-    bool is_set;
-    std::string read;
-  } cases[] = {
+  const std::tuple<std::string, std::string, bool, std::string> cases[] = {
       {"persist.a", "2", true, "2"}, {"b", longest, true, longest}, {"b", longest + 'x', false, longest},
       {"b", "", true, "none"},  // an empty value counts as none
       {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},     {"", "1", false, "none"},

@@ -1,26 +1,20 @@
 // The parts of the transports below connections: the forms of a modem's address, devices, the record of client ids, and
 // the control packets of QRTR.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <span>
-#include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "client_id_record.h"
 #include "modem_address.h"
@@ -37,10 +31,7 @@ using std::chrono::milliseconds;
 
 TEST(ModemAddress, HasTheseForms) {
   const std::string path = "/" + std::string(106, 'x'), abstract = "@" + std::string(107, 'x');  // the longest names
-  const struct {
-    std::string text;
-    std::optional<ModemAddress> address;
-  } cases[] = {
+  const std::pair<std::string, std::optional<ModemAddress>> cases[] = {
       {"/dev/null", ModemAddress{Kind::kDevice, "/dev/null"}},
       {"@qmi-proxy", ModemAddress{Kind::kProxy, "/dev/cdc-wdm0"}},
       {"proxy:/dev/cdc-wdm1", ModemAddress{Kind::kProxy, "/dev/cdc-wdm1"}},
@@ -57,7 +48,7 @@ TEST(ModemAddress, HasTheseForms) {
       {path + 'x', std::nullopt},
       {abstract + 'x', std::nullopt},
   };
-  for (const auto& each : cases) EXPECT_EQ(parse_modem_address(each.text), each.address) << each.text;
+  for (const auto& [text, address] : cases) EXPECT_EQ(parse_modem_address(text), address) << text;
   for (const std::string& name : {std::string("@m"), abstract, std::string("/"), path}) {
     EXPECT_EQ(parse_modem_address(name), (ModemAddress{Kind::kQmuxSocket, name}));
   }

@@ -1,18 +1,8 @@
 // Voters with a peripheral manager that the test controls.
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <functional>
-#include <future>
 #include <latch>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "manager_link.h"
 #include "manager_protocol.h"

@@ -30,28 +30,24 @@ TEST_F(Faults, AnErrorPreventsARequestAndSilenceDropsOnlyItsResponse) {
   EXPECT_EQ(client_.exchange(kWriteRfnv, kWrite).error(), 0) << "the fault applies once";
 }
 
-// Two pass-through requests and a read.
+// Two pass-through requests and a read. By command, the least time in milliseconds and the order of the responses.
 TEST_F(Faults, ResponsesComeInTheOrderOfTheFault) {
-  const struct {
-    const char* command;
-    int least_ms;
-    std::vector<int> order;  // of the responses, by the requests' numbers
-  } cases[] = {
+  const std::tuple<const char*, int, std::vector<int>> cases[] = {
       {"repeat vs any 1", 0, {1, 1, 2, 3}},
       {"delay 100 vs 0x0000 1", 100, {2, 3, 1}},
       {"reorder 60000 vs 0x0000 2", 0, {3, 1, 2}},
       {"reorder 100 vs read-rfnv", 100, {1, 2, 3}},
   };
-  for (const auto& each : cases) {
-    SCOPED_TRACE(each.command);
+  for (const auto& [command, least_ms, order] : cases) {
+    SCOPED_TRACE(command);
     QmuxClient client(socket_, kVs);  // its next request is its second, after the allocation
-    modem_.command(each.command);
+    modem_.command(command);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 2; ++i) client.send(client.request(kPassThrough, kPayload));
     EXPECT_EQ(client_.control(kSync).error(), 0) << "the fault does not apply to CTL";
     client.send(client.request(kReadRfnv, kItem));
-    for (const int number : each.order) EXPECT_EQ(client.receive().transaction, 1 + number);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(each.least_ms));
+    for (const int number : order) EXPECT_EQ(client.receive().transaction, 1 + number);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(least_ms));
     EXPECT_EQ(client.exchange(kPassThrough, kPayload).error(), 0) << "no further response arrives";
   }
 }

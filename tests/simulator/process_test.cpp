@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <signal.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 

@@ -2,10 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <array>
-#include <chrono>
-#include <functional>
-#include <utility>
-#include <vector>
 
 #include "modem_api_peripheral_mng.h"
 #include "modem_test.h"
@@ -88,25 +84,22 @@ TEST_F(RestartTest, ClientsReconnectWithoutACall) {
     EXPECT_TRUE(wait_for_state("off"));
     EXPECT_EQ(modem_api_peripheral_mng_vote(), 0);
   };
-  const struct {
-    const std::vector<uint32_t> clients;
-    const std::function<void()> down, up;
-  } cases[] = {
+  const std::tuple<std::vector<uint32_t>, std::function<void()>, std::function<void()>> cases[] = {
       {{MODEM_API_CLIENT_SAR}, run("service sar down"), run("service sar up")},
       {nas, run("service nas down"), run("service nas up")},
       {all, run("restart 3600000"), run("restart 0")},
       {all, run("crash"), run("start")},
       {all, modem_api_peripheral_mng_release_vote, vote},
   };
-  for (const auto& each : cases) {
-    SCOPED_TRACE(&each - cases);
-    each.down();
-    for (const uint32_t client : each.clients) {
+  for (const auto& [clients, down, up] : cases) {
+    SCOPED_TRACE(testing::PrintToString(clients));
+    down();
+    for (const uint32_t client : clients) {
       EXPECT_THAT(statuses_until(client, OPERATIONAL_STATUS_RELEASED), ElementsAre(4, 5));
     }
     EXPECT_NE(set_state() + avoid_trm(0) + avoid_trm(1), 0) << "a command fails while the service is away";
-    each.up();
-    for (const uint32_t client : each.clients) {
+    up();
+    for (const uint32_t client : clients) {
       EXPECT_THAT(statuses_until(client, OPERATIONAL_STATUS_UP), ElementsAre(6, 3));
     }
     EXPECT_TRUE(has_all_clients());

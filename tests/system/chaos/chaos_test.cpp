@@ -2,16 +2,13 @@
 //
 // In each round faults are set while the clients run. Then each process compares the modem's items, closes its clients
 // and prints a report. CHAOS_SECONDS sets the duration, CHAOS_SEED repeats the operations and faults of a run.
-#include <signal.h>
 
-#include <algorithm>
 #include <iostream>
 #include <list>
 #include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 #include "chaos.h"
 #include "cutils/properties.h"
