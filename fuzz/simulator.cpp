@@ -1,22 +1,20 @@
-// The whole simulated modem, with and without a peripheral manager, and a peer that sends any bytes.
+// The whole simulated modem, and a client that sends any bytes.
 //
-//   input: see messages.h. The change applies to the peer's bytes. Choice 1: they go to the peripheral manager. A
-//   client has allocated an id of every service before, which replaces the client id kClient in the first frame.
+//   input: see messages.h. The change applies to the client's bytes. It has allocated an id of every service before,
+//   which replaces the client id kClient in the first frame.
 //
-// The peer sends its bytes and closes its sending side. With any bytes, the modem drops the connection, frees its ids,
-// withdraws its vote and leaves no file outside its storage.
+// The client sends its bytes and closes its sending side. With any bytes, the modem drops the connection, frees its ids
+// and leaves no file outside its storage.
 #include <sys/socket.h>
 
 #include <cstdlib>
 #include <filesystem>
 
 #include "io/local_socket.h"
-#include "manager_protocol.h"
 #include "messages.h"
 #include "simulation.h"
 
 using namespace pelmar::fuzz;
-using namespace pelmar::platform::power;
 using pelmar::UniqueFd;
 using pelmar::sim::Simulation;
 
@@ -24,10 +22,10 @@ namespace {
 
 class Modem {
  public:
-  explicit Modem(bool has_manager) : simulation_(options(has_manager)) {}
+  Modem() : simulation_(options()) {}
   ~Modem() { std::filesystem::remove_all(directory_); }
 
-  void test_client(Bytes stream) {
+  void test(Bytes stream) {
     run_until([&] { return simulation_.modem.state() == pelmar::sim::Modem::State::kReady; });
     const UniqueFd client = pelmar::sim::connect_local(directory_ + "/socket");
     run_until([&] { return simulation_.connections.count() == 1; });
@@ -45,22 +43,11 @@ class Modem {
     require(std::distance(begin(entries), end(entries)) == 3);  // the two sockets and the storage
   }
 
-  void test_voter(const Bytes& stream) {
-    const UniqueFd voter = pelmar::sim::connect_local(directory_ + "/manager");
-    send_all(voter, stream);
-    shutdown(voter.get(), SHUT_WR);
-    char drain[4096];
-    run_until([&] { return recv(voter.get(), drain, sizeof drain, MSG_DONTWAIT) == 0 || errno == ECONNRESET; });
-    const auto& manager = *simulation_.manager;
-    run_until([&] { return manager.voters().empty() && manager.state() == EVENT_PERIPH_IS_OFFLINE; });
-    require(manager.votes() == 0);
-  }
-
  private:
   // Runs the loop until the condition holds.
   template <typename Condition>
   void run_until(Condition condition) {
-    for (int turn = 0; errno = 0, !condition(); ++turn) {
+    for (int turn = 0; !condition(); ++turn) {
       require(turn < 1000);  // or the modem hangs
       simulation_.loop.after({}, [this] { simulation_.loop.stop(); });
       simulation_.run();
@@ -79,7 +66,7 @@ class Modem {
     return client;
   }
 
-  pelmar::sim::SimulationOptions options(bool has_manager) {
+  pelmar::sim::SimulationOptions options() {
     char name[] = "/tmp/pelmar-fuzz-XXXXXX";
     require(mkdtemp(name) != nullptr);
     directory_ = name;
@@ -87,8 +74,6 @@ class Modem {
     options.socket = directory_ + "/socket";
     options.storage = directory_ + "/storage";
     options.control = directory_ + "/control";
-    if (has_manager) options.pm_socket = directory_ + "/manager";
-    options.pm_acknowledge_limit = std::chrono::hours(1);
     options.max_entries = 8;
     options.reset_time = std::chrono::milliseconds(0);
     return options;
@@ -98,21 +83,11 @@ class Modem {
   Simulation simulation_;
 };
 
-Bytes voter_messages() {
-  return join({to_frame(Register{"modem", "voter"}), to_frame(Vote{}), to_frame(Acknowledge{EVENT_PERIPH_GOING_ONLINE}),
-               to_frame(Acknowledge{EVENT_PERIPH_IS_ONLINE}), to_frame(QueryStatus{}), to_frame(Withdraw{}),
-               to_frame(Unregister{})});
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Modem modem(false), managed_modem(true);
+  static Modem modem;
   const Input input(data, size);
-  if (input.choice & 1) {
-    managed_modem.test_voter(input.change(voter_messages()));
-  } else {
-    modem.test_client(input.change(make_stream(input, true)));
-  }
+  modem.test(input.change(make_stream(input, true)));
   return 0;
 }
