@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "hex_bytes.h"
 #include "nas_messages.h"
 #include "qmi_idl_lib_internal.h"
 #include "qmux.h"
@@ -103,26 +103,6 @@ const MessageCase kRows[] = {
     {kSar, kResponse, QMI_SAR_RF_GET_STATE_V01, 16, kFailure + "10 0400 A1A2A3A4", kFailureHeader + "8:01 12:A1A2A3A4"},
 };
 
-Bytes bytes_of(std::string hex) {
-  std::erase(hex, ' ');
-  Bytes bytes;
-  for (size_t i = 0; i < hex.size(); i += 2) {
-    bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
-
-Bytes structure_of(const std::string& content, size_t size) {
-  Bytes structure(size);
-  std::istringstream parts(content);
-  for (std::string part; parts >> part;) {
-    const size_t colon = part.find(':');
-    const Bytes bytes = bytes_of(part.substr(colon + 1));
-    std::copy(bytes.begin(), bytes.end(), structure.begin() + std::stol(part));
-  }
-  return structure;
-}
-
 // The vectors have exactly the sizes that are passed, so that a sanitizer reports every access beyond.
 int32_t decode_to(const MessageCase& row, const Bytes& wire, Bytes& structure) {
   structure.assign(row.size, 0xEE);
@@ -139,7 +119,7 @@ int32_t encode_from(const MessageCase& row, const Bytes& structure, size_t room,
 TEST(Codec, DecodesAndEncodesEveryMessage) {
   for (const MessageCase& row : kRows) {
     SCOPED_TRACE(row.wire);
-    const Bytes wire = bytes_of(row.wire), structure = structure_of(row.content, row.size);
+    const Bytes wire = test::bytes(row.wire), structure = test::structure(row.size, row.content);
     Bytes result;
     Bytes turned = wire;  // tests every rotation of the TLVs
     do {
@@ -184,10 +164,10 @@ TEST(Codec, RefusesWhatTheDescriptionDoesNotAllow) {
   };
   Bytes result;
   for (const auto& [what, wire, error] : cases) {
-    EXPECT_EQ(decode_to({&kMade, kResponse, 0x5678, kSize, "", ""}, bytes_of(wire), result), error) << what;
+    EXPECT_EQ(decode_to({&kMade, kResponse, 0x5678, kSize, "", ""}, test::bytes(wire), result), error) << what;
     EXPECT_EQ(result == Bytes(kSize), error != 0) << what;
   }
-  EXPECT_EQ(decode_to({&kMade, kRequest, 0x5678, kSize, "", ""}, bytes_of(kFailure), result), -46)
+  EXPECT_EQ(decode_to({&kMade, kRequest, 0x5678, kSize, "", ""}, test::bytes(kFailure), result), -46)
       << "only a response may leave out mandatory TLVs";
 }
 
@@ -200,7 +180,7 @@ TEST(Codec, EncodesNoMoreThanTheMaximum) {
   for (const auto& [content, error] : cases) {
     Bytes result;
     const MessageCase row = {&kMade, kRequest, 0x5678, kSize, "", ""};
-    EXPECT_EQ(encode_from(row, structure_of(content, kSize), 4096, result), error) << content;
+    EXPECT_EQ(encode_from(row, test::structure(kSize, content), 4096, result), error) << content;
     EXPECT_EQ(result.empty(), error != 0);
   }
 }
@@ -224,7 +204,7 @@ TEST(Qmux, HeadersAreStoredInFullAndReadFromAllTheirBytes) {
   Bytes bytes(kFrameHeaderLength + kMessageHeaderLength, 0xEE);
   store_frame_header(bytes.data(), Direction::kFromModem, 3, 4, 0x0102);
   store_message_header(&bytes[kFrameHeaderLength], MessageKind::kResponse, 0x0506, 0x0708, 0x090A);
-  EXPECT_EQ(bytes, bytes_of("01 0701 80 03 04 02 0605 0807 0A09"));
+  EXPECT_EQ(bytes, test::bytes("01 0701 80 03 04 02 0605 0807 0A09"));
   EXPECT_EQ(read_front(std::span(bytes).first(3), Direction::kToModem).state, Front::State::kIncomplete);
 }
 

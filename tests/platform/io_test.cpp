@@ -152,14 +152,8 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
   EXPECT_EQ((AsUser(daemon->pw_uid), user_state_directory()), "") << "root owns its home";
   ::setenv("TMPDIR", directory_.c_str(), 1);
   const fs::path place = directory_ / ("pelmar-" + std::to_string(kUser)), elsewhere = directory_ / "elsewhere";
-  const struct {
-    const char* what;
-    fs::path made;  // the directory that exists before; empty: none
-    uid_t owner;
-    mode_t mode;
-    std::string value;  // the property's value before
-    bool is_kept;
-  } cases[] = {
+  // The directory that exists before (empty: none), its owner and mode, the property's value, and whether one is kept.
+  const std::tuple<const char*, fs::path, uid_t, mode_t, std::string, bool> cases[] = {
       {"nothing", "", 0, 0, "none", true},
       {"a directory of its own", place, kUser, 0700, "prepared", true},
       {"one that it cannot write", place, kUser, 0500, "prepared", false},
@@ -169,21 +163,21 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
   };
   ::openlog("io", LOG_PERROR, LOG_USER);
   testing::internal::CaptureStderr();
-  for (const auto& each : cases) {
-    if (!each.made.empty()) {
-      fs::create_directories(each.made / "properties/persist");
-      std::ofstream(each.made / "properties/persist/persist.a") << "prepared";
-      for (const fs::path& path : {each.made / "properties/persist", each.made / "properties", each.made}) {
-        ASSERT_EQ(::chown(path.c_str(), each.owner, each.owner) + ::chmod(path.c_str(), each.mode), 0);
+  for (const auto& [what, made, owner, mode, before, is_kept] : cases) {
+    if (!made.empty()) {
+      fs::create_directories(made / "properties/persist");
+      std::ofstream(made / "properties/persist/persist.a") << "prepared";
+      for (const fs::path& path : {made / "properties/persist", made / "properties", made}) {
+        ASSERT_EQ(::chown(path.c_str(), owner, owner) + ::chmod(path.c_str(), mode), 0);
       }
     }
-    if (each.made == elsewhere) fs::create_directory_symlink(elsewhere, place);
-    EXPECT_EQ((AsUser(kUser), get("persist.a")), each.value) << each.what;
+    if (made == elsewhere) fs::create_directory_symlink(elsewhere, place);
+    EXPECT_EQ((AsUser(kUser), get("persist.a")), before) << what;
     for (const AsUser user(kUser); const char* const value : {"1", "2"}) {
-      EXPECT_EQ(property_set("persist.a", value) == 0, each.is_kept) << each.what;
-      EXPECT_EQ(get("persist.a"), each.is_kept ? value : each.value) << each.what;
+      EXPECT_EQ(property_set("persist.a", value) == 0, is_kept) << what;
+      EXPECT_EQ(get("persist.a"), is_kept ? value : before) << what;
     }
-    EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, each.is_kept || fs::is_symlink(place));
+    EXPECT_EQ(fs::status(place).permissions() == fs::perms::owner_all, is_kept || fs::is_symlink(place));
     fs::remove_all(place);
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "io: Cannot store files in " + place.string() +

@@ -105,8 +105,7 @@ class QmuxClient {
   }
 
   bool is_closed_by_modem() {
-    while (!receive_raw(4096).empty()) {
-    }
+    while (!receive_raw(4096).empty()) continue;
     pollfd closed{fd_.get(), POLLIN, 0};
     return poll(&closed, 1, 0) == 1;
   }

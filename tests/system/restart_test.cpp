@@ -109,26 +109,23 @@ TEST_F(RestartTest, ClientsReconnectWithoutACall) {
 // Commands continue meanwhile, and each ends with its response or with the loss of the service. The platform announces
 // a service late if connections to it live for less than 100 ms.
 TEST_F(RestartTest, ManyRestartsOfAServiceUnderLoad) {
-  constexpr std::chrono::milliseconds kHalfLife{60};
-  const int restarts = sim::test::transport() == "socket" ? 10 : 200;
   open_clients();
   std::atomic<bool> goes_on = true;
-  std::thread load([&] {
+  const auto load = std::async(std::launch::async, [&] {
     while (goes_on) {
       set_state();
       avoid_trm(0);
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
-  for (int i = 0; i < restarts; ++i) {
-    const bool is_nas = i % 2 == 0;
-    ctl(is_nas ? "service nas down" : "service sar down");
-    ctl(is_nas ? "service nas up" : "service sar up");
-    EXPECT_TRUE(wait_until([&] { return (is_nas ? avoid_trm(0) : set_state()) == MODEM_API_SUCCESS; })) << i;
-    std::this_thread::sleep_for(kHalfLife);
+  for (int left = sim::test::transport() == "socket" ? 10 : 200; left > 0; --left) {
+    const std::string service = left % 2 == 0 ? "nas" : "sar";
+    for (const char* state : {" down", " up"}) ctl("service " + service + state);
+    EXPECT_TRUE(wait_until([&] { return (service == "nas" ? avoid_trm(0) : set_state()) == MODEM_API_SUCCESS; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
   }
   goes_on = false;
-  load.join();
+  load.wait();
   EXPECT_TRUE(has_all_clients());
 }
 

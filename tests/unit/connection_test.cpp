@@ -214,8 +214,7 @@ TEST_P(ServiceConnection, EndsExchangesAndDropsIndications) {
   expect_golden_log();
 }
 
-INSTANTIATE_TEST_SUITE_P(, ServiceConnection, testing::ValuesIn(kConnections),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(, ServiceConnection, testing::ValuesIn(kConnections), testing::PrintToStringParamName());
 
 class Reconnect : public ServiceConnection {
  protected:
@@ -434,6 +433,6 @@ TEST_P(Reconnect, ReleaseDuringAnAttemptLeavesNoConnection) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, Reconnect, testing::ValuesIn(kConnections + 1, std::end(kConnections)),
-                         [](const auto& row) { return row.param.name; });
+                         testing::PrintToStringParamName());
 
 }  // namespace

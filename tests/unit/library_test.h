@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 
+#include "hex_bytes.h"
 #include "hydra_mem.h"
 #include "modem_api.h"
 #include "pelmar_utils_cmn.h"
@@ -15,40 +15,15 @@
 
 namespace scripted {
 
+using namespace pelmar::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-// Bytes from hexadecimal digits; spaces are ignored.
-inline Bytes bytes(std::string hex) {
-  Bytes result;
-  std::erase(hex, ' ');
-  for (size_t at = 0; at < hex.size(); at += 2) {
-    result.push_back(static_cast<uint8_t>(std::stoul(hex.substr(at, 2), nullptr, 16)));
-  }
-  return result;
-}
 
 template <typename Integer>
 void put(Bytes& structure, size_t offset, Integer value) {
   ASSERT_LE(offset + sizeof(value), structure.size());
   std::memcpy(&structure[offset], &value, sizeof(value));
-}
-
-// Writes fields, which are given as "offset:hexadecimal bytes" and separated by spaces.
-inline void write_fields(Bytes& structure, const std::string& content) {
-  std::istringstream fields(content);
-  for (std::string field; fields >> field;) {
-    size_t offset = std::stoul(field);
-    for (const uint8_t byte : bytes(field.substr(field.find(':') + 1))) structure.at(offset++) = byte;
-  }
-}
-
-// A structure with these fields; the other bytes are zero.
-inline Bytes structure(size_t size, const std::string& content) {
-  Bytes result(size);
-  write_fields(result, content);
-  return result;
 }
 
 template <typename Record>
