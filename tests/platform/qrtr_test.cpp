@@ -50,10 +50,11 @@ class Peer {
  public:
   Peer() { EXPECT_TRUE(socket_.open()); }
 
-  void publish(uint32_t instance = 0, uint32_t version = 1, uint32_t receiver = QRTR_PORT_CTRL) {
+  void publish(uint32_t instance = 0, uint32_t version = 1, uint32_t receiver = QRTR_PORT_CTRL,
+               uint32_t service = NAS_SERVICE_ID_V01) {
     qrtr_ctrl_pkt packet{};
     packet.cmd = QRTR_TYPE_NEW_SERVER;
-    packet.server.service = uint32_t{NAS_SERVICE_ID_V01};
+    packet.server.service = service;
     packet.server.instance = instance << 8 | version;
     packet.server.node = address().node;
     const auto* const bytes = reinterpret_cast<const uint8_t*>(&packet);
@@ -265,6 +266,7 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   one.receive_request();
   const int waits = waits_of(notifier_.get());
   const std::clock_t start = std::clock();
+  for (uint32_t other = 100; other < 110; ++other) stranger.publish(0, 1, QRTR_PORT_CTRL, other);
   std::this_thread::sleep_for(milliseconds(1000));
   EXPECT_LE(waits_of(notifier_.get()), waits + 2);
   EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10) << "the sender waits as well";

@@ -331,10 +331,7 @@ void QrtrConnection::check_for_drops() {
   const uint32_t drops = memory.drops - std::exchange(drops_, memory.drops);
   unreported_drops_ += drops;
   is_check_due_ |= drops > 0;
-  if (unreported_drops_ > 0 && next_report_.has_passed()) {
-    report_drops();
-    next_report_ = Deadline::after(kReportInterval);
-  }
+  if (next_report_.has_passed()) report_drops();
   if (!is_check_due_ || (memory.waiting_bytes > 0 && !next_check_.has_passed())) return;
   QrtrSocket socket;
   QrtrAddress found;
@@ -348,6 +345,7 @@ void QrtrConnection::report_drops() {
   if (unreported_drops_ == 0) return;
   ::syslog(LOG_WARNING, "QMI service 0x%02x: a client reads too slowly, the kernel dropped %u messages",
            static_cast<unsigned>(service_), std::exchange(unreported_drops_, 0));
+  next_report_ = Deadline::after(kReportInterval);
 }
 
 int32_t open_qrtr_connection(const ModemAddress& address, const ServiceName& service, size_t message_capacity,
