@@ -351,10 +351,12 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
   const auto fill = [&] {  // until the client's socket has refused five more
     is_held_ = true;
     EXPECT_EQ(service.send(request.from, indication), 0);
-    for (++sent; indications_ < sent;) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
+    ++sent;
+    while (indications_ < sent) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
     for (size_t refused = 0; refused < 5;) ++(service.send(request.from, indication) == 0 ? sent : refused);
   };
   fill();
+  std::this_thread::sleep_for(milliseconds(110));  // checks for a loss are less than that apart
   is_held_ = false;
   while (indications_ < sent) std::this_thread::sleep_for(milliseconds(1));
   fill();
