@@ -63,18 +63,17 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   modem_.client_ids.set({});
 }
 
-// The modem restarts or revokes the id at one of the open's requests, which are: the proxy's, the list, the allocation,
-// and the release of another process's id.
+// At each of an open's requests: to the proxy, for the list, for an id, and to release the id of a dead process.
 TEST_F(ClientTest, AnOpenUsesNoIdThatTheModemVoidsDuringIt) {
-  const Bytes no_message = {2, 0}, stale = join({{1, 77, 0x22, 0, 12, 0}, kSuccess, {0x01, 2, 0, kNasId, 99}});
+  const Bytes stale = join({{1, 77, 0x22, 0, 12, 0}, kSuccess, {0x01, 2, 0, kNasId, 99}});
+  const Bytes others = join({frame(0, 0, {2, 0}), frame(0, 0, stale)});  // no message; an earlier request's response
   uint8_t id = 0;
   for (int event = 0; event < 8; ++event) {
     std::atomic<int> before = event / 2;
     ++id;
     record_.restore({{kNasId, 99}}, Deadline::none());
     modem_.on_control.set([&](int connection, uint16_t request, Bytes&) {
-      if (request == ScriptedModem::kAllocate)
-        modem_.send(connection, join({frame(0, 0, no_message), frame(0, 0, stale)}));
+      if (request == ScriptedModem::kAllocate) modem_.send(connection, others);
       if (before-- != 0) return true;
       event % 2 == 0 ? modem_.announce_restart(connection) : modem_.revoke(connection, kNasId, id);
       if (event != 4) modem_.client_ids.set({});
