@@ -171,7 +171,8 @@ DeviceLink connect(const std::string& path) {
   const bool is_open = found != registry.devices.end();
   Problem problem;
   ProcessFd opened, socket, other;
-  if (!is_open && !(opened = open_device(path, problem))) return {{}, nullptr, 0, problem};
+  if (!is_open) opened = open_device(path, problem);
+  if (problem) return {{}, nullptr, 0, problem};
   if (!ProcessFd::make_socket_pair(socket, other)) return {{}, nullptr, 0, {std::strerror(errno)}};
   const auto device = is_open ? found->second : std::make_shared<ModemDevice>(path, std::move(opened));
   const uint64_t number = device->add(std::move(other));
