@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 
 namespace pelmar::platform {
 
@@ -24,6 +25,12 @@ class Deadline {
   Milliseconds remaining() const {
     if (is_none_) return Milliseconds(0);
     return std::max(Milliseconds(0), std::chrono::ceil<Milliseconds>(at_ - Clock::now()));
+  }
+
+  // The same for a system call.
+  timespec remaining_time() const {
+    const auto total = remaining().count();
+    return {static_cast<time_t>(total / 1000), static_cast<long>(total % 1000 * 1000000)};
   }
 
  private:

@@ -130,7 +130,7 @@ SendStatus ModemDevice::send(uint64_t link, Bytes frame) {
   std::vector<uint8_t> copy;
   if (frame[kServiceAt] == qmi::kControlService) {
     copy.assign(frame.begin(), frame.end());
-    last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
+    last_transaction_ = next_control_transaction(last_transaction_);
     control_[last_transaction_] = {link, std::exchange(copy[kTransactionAt], last_transaction_)};
     frame = copy;
   }

@@ -78,8 +78,7 @@ ReadStatus ModemDevice::receive(uint64_t link, int socket, std::span<uint8_t> ro
   while (status == ReadStatus::kTimedOut && !deadline.has_passed()) {
     pollfd ready[] = {{socket, POLLIN, 0}, {device_.get(), POLLIN, 0}};
     lock.unlock();
-    const auto remaining = deadline.remaining().count();
-    const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
+    const timespec time = deadline.remaining_time();
     ::ppoll(ready, is_reader ? 2 : 1, deadline.is_none() ? nullptr : &time, nullptr);
     lock.lock();
     if (is_reader && ready[1].revents != 0 && !is_gone_) read_device();
@@ -144,7 +143,7 @@ void ModemDevice::pass_control(const qmi::Frame& frame) {
 void ModemDevice::release_id(uint8_t service, uint8_t client) {
   std::vector<uint8_t> bytes(32);
   qmi::FrameWriter writer(qmi::Direction::kToModem, bytes);
-  last_transaction_ = last_transaction_ == UINT8_MAX ? 1 : last_transaction_ + 1;
+  last_transaction_ = next_control_transaction(last_transaction_);
   control_[last_transaction_] = {};
   writer.start(qmi::kControlService, qmi::kNoClient, qmi::MessageKind::kRequest, last_transaction_,
                ctl::kReleaseClientId);

@@ -183,7 +183,7 @@ bool QmuxLink::take_frame(qmi::Frame& frame) {
 
 SendStatus QmuxLink::request(ctl::MessageId id, const Bytes& value, const Deadline& deadline) {
   if (const SendStatus status = flush(deadline); status != SendStatus::kSent) return status;
-  transaction_ = transaction_ == UINT8_MAX ? 1 : transaction_ + 1;
+  transaction_ = next_control_transaction(transaction_);
   Bytes bytes(qmi::kFrameHeaderLength + qmi::kControlHeaderLength + qmi::kTlvHeaderLength + value.size());
   qmi::FrameWriter writer(qmi::Direction::kToModem, bytes);
   writer.start(qmi::kControlService, qmi::kNoClient, qmi::MessageKind::kRequest, transaction_,

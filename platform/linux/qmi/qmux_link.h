@@ -58,6 +58,11 @@ struct ControlIndication {
 // Reads an indication of the CTL service. kOther for every other message.
 ControlIndication read_control_indication(const qmi::Message& message);
 
+// The number of CTL's transaction after this one: from 1 to 255, and then 1 again.
+constexpr uint8_t next_control_transaction(uint8_t last) {
+  return static_cast<uint8_t>(last % UINT8_MAX + 1);
+}
+
 // The device that the listener on a socket opens for us. A simulated modem ignores it.
 inline constexpr const char* kDefaultDevice = "/dev/cdc-wdm0";
 

@@ -94,8 +94,7 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
 bool SocketStream::wait(short events, const Deadline& deadline) {
   if (deadline.has_passed()) return false;
   pollfd poll_for = {descriptor(), events, 0};
-  const auto remaining = deadline.remaining().count();
-  const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
+  const timespec time = deadline.remaining_time();
   ::ppoll(&poll_for, 1, deadline.is_none() ? nullptr : &time, nullptr);
   return true;
 }
