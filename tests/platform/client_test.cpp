@@ -53,8 +53,8 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
     EXPECT_TRUE(error != QMI_TIMEOUT_ERR || Clock::now() - start >= milliseconds(50));
     EXPECT_EQ(handle, nullptr);
   }
-  EXPECT_EQ(testing::internal::GetCapturedStderr().find("no-such"), std::string::npos) << "a modem that may come";
   EXPECT_EQ(events(0), Events{}) << "no modem has the wrong address";
+  EXPECT_EQ(testing::internal::GetCapturedStderr().find("no-such"), std::string::npos) << "a modem that may come";
   auto late = std::async(std::launch::async, [this] {
     std::this_thread::sleep_for(milliseconds(50));
     modem_.services.set({kNasId});

@@ -190,6 +190,7 @@ TEST_F(SharedDevice, PassesEachLinkItsFramesInOrder) {
     expect(links_[0], first);
     for (int i = 0; i < round % 3; ++i) expect(links_[0], next);
   }
+  EXPECT_EQ((modem_.reset(), take(links_[0], 1)), Bytes()) << "the device is gone";
 }
 
 TEST_F(SharedDevice, DropsWholeFramesOfALinkThatReadsNothingAndLogsTheirNumber) {
