@@ -155,7 +155,6 @@ std::vector<Entry> read_entries(int file) {
   std::string text(std::min(static_cast<size_t>(status.st_size), kMostBytes), '\0');
   const ssize_t length = ::pread(file, text.data(), text.size(), 0);
   text.resize(length > 0 ? static_cast<size_t>(length) : 0);
-  text.erase(text.find_last_not_of(' ') + 1);  // the fill of the last block
   std::vector<Entry> entries;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
@@ -208,14 +207,13 @@ auto find_own(std::vector<Entry>& entries, const Owner& self) {
   return std::find_if(entries.begin(), entries.end(), [&](const Entry& entry) { return entry.owner == self; });
 }
 
-// Marks the modem's entries among the first `count` as void, and removes those that are abandoned.
+bool is_valid(const Entry& entry, const std::string& modem, const Owner& self) {
+  return entry.modem == modem && entry.owner.boot == self.boot && !entry.is_void;
+}
+
+// Marks the modem's entries among the first `count` as void.
 void void_first(std::vector<Entry>& entries, ptrdiff_t count, const std::string& modem, const Owner& self) {
-  const auto end = entries.begin() + count;
-  const auto is_here = [&](const Entry& entry) { return entry.modem == modem && entry.owner.boot == self.boot; };
-  for (auto entry = entries.begin(); entry != end; ++entry) entry->is_void |= is_here(*entry);
-  entries.erase(std::remove_if(entries.begin(), end,
-                               [&](const Entry& entry) { return is_here(entry) && is_abandoned(entry.owner, self); }),
-                end);
+  std::for_each_n(entries.begin(), count, [&](Entry& entry) { entry.is_void |= is_valid(entry, modem, self); });
 }
 
 std::vector<ClientIdRecord::Id> take_out_abandoned(std::vector<Entry>& entries, const std::string& modem,
@@ -258,9 +256,8 @@ std::vector<ClientIdRecord::Id> ClientIdRecord::add(Id id, const Deadline& deadl
   if (modem_.size() > kMostModemLength) return abandoned;
   update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
     // An id that the modem allocates although it has an entry was void.
-    const auto same = std::find_if(entries.rbegin(), entries.rend(), [&](const Entry& entry) {
-      return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
-    });
+    const auto same = std::find_if(entries.rbegin(), entries.rend(),
+                                   [&](const Entry& entry) { return entry.id == id && is_valid(entry, modem_, self); });
     void_first(entries, entries.rend() - same, modem_, self);
     abandoned = take_out_abandoned(entries, modem_, self);
     has_entry_ = make_room(entries, self);
@@ -290,7 +287,7 @@ void ClientIdRecord::restore(const std::vector<Id>& ids, const Deadline& deadlin
     free_owner.process = 0;
     for (const Id id : ids) {
       const bool has_entry = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
-        return entry.modem == modem_ && entry.owner.boot == self.boot && entry.id == id && !entry.is_void;
+        return entry.id == id && is_valid(entry, modem_, self);
       });
       if (!has_entry && make_room(entries, self)) entries.insert(entries.begin(), {free_owner, id, false, modem_});
     }
@@ -312,7 +309,7 @@ std::vector<HeldClientId> ClientIdRecord::held(const Deadline& deadline) const {
   std::vector<HeldClientId> ids;
   update(connection_, deadline, [&](std::vector<Entry>& entries, const Owner& self) {
     for (const Entry& entry : entries) {
-      if (entry.modem != modem_ || entry.owner.boot != self.boot || entry.is_void) continue;
+      if (!is_valid(entry, modem_, self)) continue;
       ids.push_back({entry.id.service, entry.id.client, is_abandoned(entry.owner, self) ? 0 : entry.owner.process});
     }
     return false;
