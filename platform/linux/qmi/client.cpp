@@ -198,8 +198,6 @@ void Client::release() {
       if (const auto* const transaction = std::get_if<Transaction>(&event)) pending.push_back(*transaction);
     }
     while (!transactions_.empty()) pending.push_back(take(transactions_.begin()));
-    events_.clear();
-    waiting_bytes_ = 0;
     while (!waiters_.empty()) finish(*waiters_.back(), released_error());
     send_ended_.notify_all();
     thread_.wake();
@@ -225,7 +223,6 @@ void Client::release_at_exit(const Deadline& deadline) {
   {
     const Lock lock(mutex_);
     if (std::exchange(is_stopping_, true)) return;  // a release is under way
-    thread_.wake();
     thread_.detach();
   }
   end_connection(deadline);

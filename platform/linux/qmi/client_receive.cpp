@@ -170,7 +170,6 @@ void Client::lose() {
     push(lost);
   }
   is_error_due_ = error_function_ != nullptr;
-  send_ended_.notify_all();
   wake_thread();
 }
 
@@ -182,8 +181,7 @@ void Client::take_reading(Waiter& waiter) {
 void Client::pass_reading() {
   reader_ = nullptr;
   if (is_gone_ || is_stopping_) return;
-  const auto next =
-      std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->is_asleep; });
+  const auto next = std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->waits; });
   if (next == waiters_.end()) {
     const bool is_awaited = !transactions_.empty() || is_sending_;
     const auto action = is_awaited ? ReadingPause::Action::kArm : pause_.reader_ended();
@@ -210,7 +208,7 @@ void Client::push(Event event) {
   if (is_stopping_) return;
   const size_t bytes = waiting_bytes_of(event);
   const size_t most = std::holds_alternative<Indication>(event) ? kPhoneReceiveBuffer : kMostWaitingBytes;
-  if (has_phone_rules_ && bytes > 0 && waiting_bytes_ + bytes > most) {
+  if (has_phone_rules_ && waiting_bytes_ + bytes > most) {
     ++dropped_;
     return;
   }

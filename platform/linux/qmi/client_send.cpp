@@ -164,6 +164,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
 
 int32_t Client::wait_for_response(Lock& lock, Waiter& waiter) {
   const Deadline& deadline = waiter.deadline;
+  waiter.waits = true;
   while (!waiter.is_done) {
     if (reader_ == nullptr && !has_phone_rules_) take_reading(waiter);
     if (reader_ == &waiter) {
@@ -174,13 +175,11 @@ int32_t Client::wait_for_response(Lock& lock, Waiter& waiter) {
       dispatch_arrivals();
       if (status == ReadStatus::kGone) service_gone();
     } else {
-      waiter.is_asleep = true;
       if (deadline.is_none()) {
         waiter.changed.wait(lock);
       } else {
         waiter.changed.wait_until(lock, deadline.at());
       }
-      waiter.is_asleep = false;
     }
     if (waiter.is_done || !deadline.has_passed()) continue;
     dispatch_kept();
