@@ -53,8 +53,6 @@ ProcessFd::ProcessFd(const std::function<int()>& create) {
 }
 
 bool ProcessFd::make_socket_pair(ProcessFd& one, ProcessFd& other) {
-  one.reset();
-  other.reset();
   const std::lock_guard lock(List::mutex_);
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;

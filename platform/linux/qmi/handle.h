@@ -40,7 +40,7 @@ class ProcessFd {
   ProcessFd& operator=(ProcessFd&& other) noexcept;
   ~ProcessFd() { reset(); }
 
-  // Two connected stream sockets. False if the system has none; errno is set.
+  // Two connected stream sockets. False if the system has none; errno is set. REQUIRES: both objects are empty.
   static bool make_socket_pair(ProcessFd& one, ProcessFd& other);
 
   int get() const { return fd_; }

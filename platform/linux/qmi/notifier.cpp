@@ -121,9 +121,8 @@ void Notifier::wait_for_news(Deadline::Milliseconds wait, bool is_announced) {
   if (is_announced && watch_->reports_all()) limit = Deadline::Milliseconds(-1);  // no limit
   pollfd wait_for[] = {{thread_.descriptor(), POLLIN, 0}, {watch_->descriptor(), POLLIN, 0}};
   if (wait.count() > 0) ::poll(wait_for, 1, static_cast<int>(wait.count()));
-  if (::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count())) > 0 && wait_for[0].revents != 0) {
-    thread_.acknowledge();
-  }
+  ::poll(wait_for, std::size(wait_for), static_cast<int>(limit.count()));
+  thread_.acknowledge();
 }
 
 void Notifier::release() {
