@@ -18,7 +18,7 @@ class ProcessFd::List {
  public:
   static void add(ProcessFd& entry, int fd) {
     entry.fd_ = fd;
-    if (fd < 0) return;
+    if (!entry) return;
     entry.next_ = first_;
     if (first_ != nullptr) first_->previous_ = &entry;
     first_ = &entry;
@@ -26,7 +26,7 @@ class ProcessFd::List {
 
   // Returns the descriptor, which the entry no longer has.
   static int remove(ProcessFd& entry) {
-    if (entry.fd_ < 0) return -1;
+    if (!entry) return -1;
     (entry.previous_ != nullptr ? entry.previous_->next_ : first_) = entry.next_;
     if (entry.next_ != nullptr) entry.next_->previous_ = entry.previous_;
     entry.previous_ = entry.next_ = nullptr;
@@ -71,7 +71,7 @@ ProcessFd& ProcessFd::operator=(ProcessFd&& other) noexcept {
 
 void ProcessFd::reset() {
   const std::lock_guard lock(List::mutex_);
-  if (const int fd = List::remove(*this); fd >= 0) ::close(fd);
+  if (*this) ::close(List::remove(*this));
 }
 
 unsigned fork_count() {
