@@ -96,8 +96,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
       client->start();
     } catch (...) {
       *user_handle = nullptr;
-      clients().remove(handle);
-      client->release();
+      qmi_client_release(handle);
       throw;
     }
     return QMI_NO_ERR;
