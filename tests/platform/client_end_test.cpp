@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <latch>
 #include <thread>
 
 #include "client_fixture.h"
+#include "notifier.h"
 
 namespace {
 
@@ -49,14 +51,25 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
     const auto [connection, service, client, transaction, id, tlvs] = begin_async(handle);
     Exchange exchanges[] = {begin(handle, 0), begin(handle, 0)};
     modem_.indicate(connection, kNasId, client, 1);
-    modem_.revoke(connection, kNasId, static_cast<uint8_t>(client + 1));      // another client's
+    modem_.revoke(connection, kNasId, static_cast<uint8_t>(client + 1));  // another client's
+    std::future<Outcome> late;
+    on_callback_.set([&](qmi_client_type) {
+      if (events(0).size() == 1) return;  // the indication
+      on_callback_.set(nullptr);
+      late = std::async(std::launch::async, get_drx, handle, 10'000);
+      EXPECT_TRUE(!GetParam() || late.wait_for(milliseconds(20)) == std::future_status::timeout);
+    });
     if (&lose == &losses[2]) std::this_thread::sleep_for(milliseconds(150));  // longer than one recv()
     lose(connection, client);
     for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get(), lost());
     const std::string content = by_rules("1003", "nothing");
     EXPECT_EQ(events(3), (Events{"indication 1 (0)", "response 137 -2 " + content, "error -2"}));
 
-    EXPECT_EQ(get_drx(handle), lost());
+    EXPECT_EQ(late.get(), lost()) << "by the phone's rules after the callback that reports the loss";
+    nas::PlainResponse plain{};
+    EXPECT_EQ(qmi_client_send_msg_sync(handle, QMI_NAS_SET_AVOID_TRM_V01, nullptr, 0, &plain, sizeof plain, 0),
+              QMI_SERVICE_ERR);
+    EXPECT_EQ(plain.header.error, by_rules<int>(QMI_ERR_INTERNAL_V01, QMI_ERR_NONE_V01));
     EXPECT_EQ(send_async(handle), QMI_SERVICE_ERR);
     EXPECT_EQ(qmi_client_register_error_cb(handle, on_error, this), QMI_SERVICE_ERR);
     EXPECT_EQ(events(0).size(), 4u) << "a registration after the loss calls back before it returns";
@@ -116,19 +129,26 @@ TEST_P(ErrorOfAVoidId, BelongsToTheMessageIfTheIdIsValid) {
 // --- notifiers ---
 
 TEST_F(ClientTest, ANotifierReportsAtRegistrationAndEveryChange) {
-  create_notifier();
+  const qmi_client_type notifier = create_notifier();
   EXPECT_EQ(events(0), (Events{"event 0"})) << "before the registration returns";
+  EXPECT_EQ(qmi_client_register_notify_cb(notifier, on_event, this), QMI_NO_ERR);
   modem_.services.set({});
-  events(2);
-  modem_.services.set({kNasId});
   events(3);
+  modem_.services.set({kNasId});
+  events(4);
   modem_.announce_restart(0);
-  events(5);
+  events(6);
   modem_.send(0, join({frame(0, 0, {2, 0, 0x24, 0, 0, 0}), frame(0, 0, {2, 0, 0x24, 0, 4, 0, 0x01, 1, 0, kNasId})}));
   modem_.revoke(0, kNasId, 9);
-  EXPECT_EQ(events(7), (Events{"event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
+  EXPECT_EQ(events(8),
+            (Events{"event 0", "event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
   modem_.close(0);
-  EXPECT_EQ(events(9).size(), 9u);
+  EXPECT_EQ(events(10).size(), 10u);
+  for (int count = 0; count < 40; ++count) {
+    modem_.announce_restart(1);
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  EXPECT_LT(events(0).size(), 10u + 40) << "its looks become rarer";
 }
 
 TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
@@ -166,6 +186,19 @@ TEST_F(ClientTest, ANotifierDelaysReportsOfAServiceThatIsLostAgain) {
   qmi_client_release(lasting);
   create_notifier();
   EXPECT_EQ(events(0).size(), 3u) << "without a delay again";
+}
+
+TEST(ServiceBackoff, DoublesWithEachLossAndEndsWithAConnectionThatLasts) {
+  ServiceBackoff backoff;
+  for (const int most : {10, 20, 40}) {
+    std::this_thread::sleep_for(backoff.remaining());
+    backoff.lost(milliseconds(99));
+    EXPECT_LE(backoff.remaining().count(), most);
+  }
+  backoff.released(milliseconds(100));
+  EXPECT_EQ(backoff.remaining().count(), 0);
+  backoff.lost(milliseconds(0));
+  EXPECT_LE(backoff.remaining().count(), 10);
 }
 
 // --- the handle is released ---
@@ -254,6 +287,9 @@ TEST_F(ClientTest, AProcessReleasesItsClientIdsAtItsEndAndNoneOfItsParent) {
     const pid_t child = ::fork();
     if (child == 0) {
       g_is_child = true;
+      for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+        if (std::filesystem::read_symlink(file).string().starts_with("anon_inode:[event")) std::_Exit(2);
+      }
       const bool refuses =
           get_drx(handle, 1).first == QMI_CLIENT_INVALID_CLNT && qmi_client_release(handle) == QMI_CLIENT_INVALID_CLNT;
       const bool is_connected = connect() != nullptr;

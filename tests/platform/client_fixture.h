@@ -118,6 +118,9 @@ class ClientTest : public HandleTest {
     return modem_.client_ids.wait_until([](const auto& ids) { return ids.empty(); });
   }
 
+  int send_without_request(qmi_client_type handle) {
+    return qmi_client_send_msg_sync(handle, kDrx, nullptr, 0, &async_response_, sizeof async_response_, 1000);
+  }
   Exchange begin(qmi_client_type handle, unsigned timeout = 60'000) {
     auto outcome = std::async(std::launch::async, get_drx, handle, timeout);
     return {std::move(outcome), modem_.receive()};
@@ -156,7 +159,7 @@ class ClientTest : public HandleTest {
 class BothRules : public ClientTest, public testing::WithParamInterface<bool> {
  protected:
   BothRules() {
-    if (GetParam()) ::setenv("PELMAR_PLATFORM_RULES", "phone", 1);
+    ::setenv("PELMAR_PLATFORM_RULES", GetParam() ? "phone" : "Phone", 1);  // every other value is ignored
   }
 
   template <typename T>

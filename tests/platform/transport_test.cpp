@@ -2,6 +2,7 @@
 // the control packets of QRTR.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
@@ -108,6 +109,17 @@ TEST(ClientIdRecord, HasOnlyIdsThatNoOtherClientCanHave) {
   std::ofstream(file) << line << '\n' << lines;
   EXPECT_TRUE(b.add({3, 4}, none).empty()) << "ids of another boot are not abandoned";
   EXPECT_EQ(held(), "4 ") << "in place of the oldest";
+  EXPECT_TRUE(ClientIdRecord(socket, "/c").remove(none)) << "an id that could not be entered";
+  {
+    const UniqueFd other_process(::open(file.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::flock(other_process.get(), LOCK_EX), 0);
+    const auto start = Deadline::Clock::now();
+    EXPECT_FALSE(b.remove(none)) << "another process releases it later";
+    EXPECT_GE(Deadline::Clock::now() - start, Deadline::Milliseconds(200));
+  }
+  fs::permissions(file, fs::perms::all);
+  EXPECT_EQ(held(), "") << "every user can write the file";
+  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
 
   fs::rename(home / "new", socket);
   EXPECT_TRUE(ClientIdRecord(socket, "/c").held(none).empty()) << "the modem behind another socket of this name";
