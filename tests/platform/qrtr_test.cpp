@@ -27,6 +27,7 @@
 #include "capture.h"
 #include "client_fixture.h"
 #include "inspection.h"
+#include "notifier.h"
 #include "qrtr_transport.h"
 #include "unique_fd.h"
 
@@ -254,11 +255,12 @@ TEST_F(QrtrTest, OpensTheGivenInstanceAndNode) {
 
 TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   on_callback_.set([this](qmi_client_type) { notifier_.set(::gettid()); });
-  create_notifier();
+  const qmi_client_type handle = create_notifier();
   Peer one, two, stranger;
   stranger.publish(0, 1, 0x4000);  // to the notifier, which has the first port
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(events(0), Events{});
+  ServiceBackoff::of(NAS_SERVICE_ID_V01).lost(milliseconds(0));  // delays the report
   one.publish();
   EXPECT_EQ(events(1), Events{"event 0"});
   notifier_.wait_until([](pid_t thread) { return thread != 0; });
@@ -281,6 +283,9 @@ TEST_F(QrtrTest, ANotifierReportsEveryChangeAndDoesNotPoll) {
   two.close();
   EXPECT_EQ(events(5), (Events{"event 0", "event 1", "event 0", "event 1", "event 0"}))
       << "another instance is present";
+  ServiceBackoff::of(NAS_SERVICE_ID_V01).lost(milliseconds(0));
+  EXPECT_EQ(qmi_client_register_notify_cb(handle, on_event, this), QMI_NO_ERR);
+  EXPECT_EQ(events(6).back(), "event 0");
 }
 
 TEST_F(QrtrTest, WaitsWhileTheSocketOfTheServiceIsFull) {
