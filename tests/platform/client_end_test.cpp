@@ -167,7 +167,8 @@ TEST_F(ClientTest, ANotifierDelaysReportsOfAServiceThatIsLostAgain) {
   for (const int connection : {0, 2, 4, 6}) {
     events_.set({});
     const auto connected = Clock::now();
-    connect_with_error_callback();
+    const qmi_client_type lost = connect_with_error_callback();
+    for (int count = 0; count < 9; ++count) send_without_request(lost);  // between them the thread reads nothing
     modem_.revoke(connection, kNasId, modem_.client_ids.get().begin()->second);
     modem_.client_ids.set({});
     events(1);

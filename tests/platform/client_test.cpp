@@ -301,7 +301,6 @@ TEST_F(ClientTest, TheOldestIndicationsAreDroppedIfTooManyWait) {
   const qmi_client_type handle = connect();
   std::latch go_on(1);
   on_callback_.set([&](qmi_client_type) { go_on.wait(); });
-  for (int count = 0; count < 9; ++count) send_without_request(handle);  // the poll is disarmed between them
   ::openlog("client", LOG_PERROR, LOG_USER);
   testing::internal::CaptureStderr();
   modem_.indicate(0, kNasId, 0xFF, 1);
