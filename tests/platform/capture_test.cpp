@@ -198,6 +198,29 @@ TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
   EXPECT_EQ(std::filesystem::file_size(named), length);
 }
 
+TEST_F(CaptureFileTest, HasBlocksThatOtherProgramsRead) {
+  const auto option = [](uint16_t code, std::string_view text) {
+    return join({u16(code), u16(text.size()), {text.begin(), text.end()}, Bytes((4 - text.size() % 4) % 4)});
+  };
+  const auto packet_of = [](uint8_t direction, uint32_t flags) {
+    const Bytes frame = {1, 6, 0, direction, 3, 1, 0xAA, 0};
+    return block(6, join({u32(0), Bytes(8), u32(7), u32(7), frame, u16(2), u16(4), u32(flags), u32(0)}));
+  };
+  ASSERT_EQ(problem_of(path_), "");
+  CaptureWriter writer(file_.get(), "program 1", on_end_);
+  writer.add_link(link_, Sharing::kOwn);
+  for (const Direction each : {Direction::kToModem, Direction::kFromModem}) writer.write(0, each, 3, 1, Bytes{0xAA});
+  const Bytes fixed(kHeader.begin() + 8, kHeader.end() - 4), end = u32(0), sent = packet_of(0, 2);
+  const Bytes header = join({fixed, option(1, "QMI messages in QMUX frames"), option(4, "program 1"), end});
+  const Bytes link = join({option(2, "@modem"), option(3, "a[1]"), option(9, "\x09"), end});
+  const Bytes expected = join({block(0x0A0D0D0A, header), link_block(147, link), sent, packet_of(0x80, 1)});
+  std::ifstream file(path_);
+  Bytes found(std::istreambuf_iterator<char>(file), {});
+  ASSERT_EQ(found.size(), expected.size());
+  for (const size_t packets : {1, 2}) std::fill_n(found.end() - packets * sent.size() + 12, 8, 0);  // the times
+  EXPECT_EQ(found, expected);
+}
+
 TEST_F(CaptureFileTest, ThreadsWriteWholeMessagesInTheirOrder) {
   constexpr size_t kThreads = 4, kMessages = 2000;
   for (const bool is_replaced : {false, true}) {
