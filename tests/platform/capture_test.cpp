@@ -179,6 +179,12 @@ TEST_F(CaptureFileTest, DoesNotReplaceAFileThatIsNoCaptureOrHasAWriter) {
     EXPECT_EQ(std::filesystem::file_size(path_), foreign.size());
   }
   EXPECT_EQ(::fcntl(next, F_GETFD), -1) << "a refused file is closed";
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit one = {1, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &one), 0);
+  EXPECT_THAT(problem_of(path_), testing::HasSubstr("no capture")) << "a file that cannot be read";
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   EXPECT_EQ(problem_of(directory_), "Is a directory");
   EXPECT_EQ(problem_of("/dev/fd/1000"), "Bad file descriptor");
   const std::string fifo = directory_ + "/fifo";
@@ -208,11 +214,11 @@ TEST_F(CaptureFileTest, HasBlocksThatOtherProgramsRead) {
   };
   ASSERT_EQ(problem_of(path_), "");
   CaptureWriter writer(file_.get(), "program 1", on_end_);
-  writer.add_link(link_, Sharing::kOwn);
+  writer.add_link({"@modem", std::string(256, 'a')}, Sharing::kOwn);
   for (const Direction each : {Direction::kToModem, Direction::kFromModem}) writer.write(0, each, 3, 1, Bytes{0xAA});
   const Bytes fixed(kHeader.begin() + 8, kHeader.end() - 4), end = u32(0), sent = packet_of(0, 2);
   const Bytes header = join({fixed, option(1, "QMI messages in QMUX frames"), option(4, "program 1"), end});
-  const Bytes link = join({option(2, "@modem"), option(3, "a[1]"), option(9, "\x09"), end});
+  const Bytes link = join({option(2, "@modem"), option(3, std::string(255, 'a')), option(9, "\x09"), end});
   const Bytes expected = join({block(0x0A0D0D0A, header), link_block(147, link), sent, packet_of(0x80, 1)});
   std::ifstream file(path_);
   Bytes found(std::istreambuf_iterator<char>(file), {});
