@@ -206,6 +206,8 @@ TEST(Qmux, HeadersAreStoredInFullAndReadFromAllTheirBytes) {
   store_message_header(&bytes[kFrameHeaderLength], MessageKind::kResponse, 0x0506, 0x0708, 0x090A);
   EXPECT_EQ(bytes, test::bytes("01 0701 80 03 04 02 0605 0807 0A09"));
   EXPECT_EQ(read_front(std::span(bytes).first(3), Direction::kToModem).state, Front::State::kIncomplete);
+  EXPECT_EQ(read_front(test::bytes("01 0400"), Direction::kToModem).state, Front::State::kBroken);
+  EXPECT_EQ(read_front(test::bytes("01 0500 80"), Direction::kToModem).state, Front::State::kBroken);
 }
 
 }  // namespace

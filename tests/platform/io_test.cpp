@@ -163,6 +163,10 @@ TEST_F(Properties, WithoutAHomeAreStoredInADirectoryThatOnlyTheUserCanWrite) {
   };
   ::openlog("io", LOG_PERROR, LOG_USER);
   testing::internal::CaptureStderr();
+  ::setenv("XDG_STATE_HOME", (directory_ / "state").c_str(), 1);
+  EXPECT_EQ(get("persist.a"), "none") << "no warning, because nothing has been stored";
+  EXPECT_FALSE(fs::exists(directory_ / "state"));
+  ::unsetenv("XDG_STATE_HOME");
   for (const auto& [what, made, owner, mode, before, is_kept] : cases) {
     if (!made.empty()) {
       fs::create_directories(made / "properties/persist");
