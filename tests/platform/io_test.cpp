@@ -103,13 +103,13 @@ class Properties : public DirectoryTest {
 };
 
 TEST_F(Properties, KeepTheLastValidValueOfAValidName) {
-  const std::string longest(91, 'x');
+  const std::string longest(91, 'x'), b(200, 'b');  // both have the greatest length
   const std::tuple<std::string, std::string, bool, std::string> cases[] = {
-      {"persist.a", "2", true, "2"}, {"b", longest, true, longest}, {"b", longest + 'x', false, longest},
-      {"b", "", true, "none"},  // an empty value counts as none
-      {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},     {"", "1", false, "none"},
-      {"a/b", "1", false, "none"},   {"a b", "1", false, "none"},   {"a\x7f", "1", false, "none"},
-      {"..", "1", false, "none"},    {".a", "1", false, "none"},
+      {"persist.a", "2", true, "2"}, {b, longest, true, longest}, {b, longest + 'x', false, longest},
+      {b, "", true, "none"},  // an empty value counts as none
+      {"ro.a", "1", true, "1"},      {"ro.a", "2", false, "1"},   {"", "1", false, "none"},
+      {"a/b", "1", false, "none"},   {"a b", "1", false, "none"}, {"a\x7f", "1", false, "none"},
+      {"..", "1", false, "none"},    {".a", "1", false, "none"},  {b + 'b', "1", false, "none"},
   };
   const int unused = UniqueFd(::dup(0)).get();
   for (const auto& [name, value, is_set, read] : cases) {
