@@ -15,7 +15,7 @@ extern "C" {
 
 void* __libc_calloc(size_t count, size_t size);
 
-void* calloc(size_t count, size_t size) noexcept {
+void* calloc(size_t count, size_t size) {
   return count * size == g_failing_size ? nullptr : __libc_calloc(count, size);
 }
 }
