@@ -107,6 +107,7 @@ class VoterTest : public testing::Test {
 TEST_F(VoterTest, VotesWithdrawsAndUnregisters) {
   register_voter();
   EXPECT_EQ(state_, EVENT_PERIPH_GOING_ONLINE);
+  EXPECT_EQ(to_frame(Register{"m", "v"}), (Bytes{6, 0x01, 1, 1, 'm', 1, 'v'})) << "the version is sent";
   EXPECT_EQ(run(pm_client_connect, Vote{}), PM_RET_SUCCESS);
   EXPECT_EQ(run(pm_client_connect, Vote{}, PM_RET_UNSUPPORTED), PM_RET_UNSUPPORTED);
   EXPECT_EQ(run(pm_client_disconnect, Withdraw{}), PM_RET_SUCCESS);
