@@ -112,8 +112,8 @@ TEST_F(VoterTest, VotesWithdrawsAndUnregisters) {
   EXPECT_EQ(run(pm_client_connect, Vote{}, PM_RET_UNSUPPORTED), PM_RET_UNSUPPORTED);
   EXPECT_EQ(run(pm_client_disconnect, Withdraw{}), PM_RET_SUCCESS);
   EXPECT_EQ(pm_client_event_acknowledge(handle_, static_cast<pm_event>(4)), PM_RET_FAILED);
-  EXPECT_EQ(pm_client_event_acknowledge(handle_, EVENT_PERIPH_GOING_ONLINE), PM_RET_SUCCESS);
-  EXPECT_EQ(next(), Request(Acknowledge{EVENT_PERIPH_GOING_ONLINE}));
+  EXPECT_EQ(pm_client_event_acknowledge(handle_, EVENT_PERIPH_GOING_OFFLINE), PM_RET_SUCCESS);
+  EXPECT_EQ(next(), Request(Acknowledge{EVENT_PERIPH_GOING_OFFLINE}));
   EXPECT_EQ(run(pm_client_unregister, Unregister{}), PM_RET_SUCCESS);
   EXPECT_TRUE(is_ended());
   EXPECT_EQ(pm_client_unregister(handle_), PM_RET_FAILED);
@@ -143,12 +143,12 @@ TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
 TEST_F(VoterTest, ACallbackMayUseItsHandleAndUnregisterIt) {
   std::vector<int> results;
   callback_ = [&](pm_event) {
-    results = {pm_client_event_acknowledge(handle_, EVENT_PERIPH_GOING_ONLINE), pm_client_connect(handle_),
+    results = {pm_client_event_acknowledge(handle_, EVENT_PERIPH_IS_ONLINE), pm_client_connect(handle_),
                pm_client_disconnect(handle_), pm_client_unregister(handle_), pm_client_connect(handle_)};
   };
   register_voter();
   send(join({to_frame(Event{EVENT_PERIPH_GOING_ONLINE}), to_frame(Event{EVENT_PERIPH_IS_ONLINE})}));
-  EXPECT_EQ(next(), Request(Acknowledge{EVENT_PERIPH_GOING_ONLINE}));
+  EXPECT_EQ(next(), Request(Acknowledge{EVENT_PERIPH_IS_ONLINE}));
   respond(Vote{});
   respond(Withdraw{}, PM_RET_FAILED);
   respond(Unregister{});
