@@ -7,8 +7,6 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "modem_test.h"
 

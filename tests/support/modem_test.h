@@ -10,8 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "modem_api.h"
 #include "pelmar_log.h"

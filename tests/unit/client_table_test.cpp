@@ -2,9 +2,7 @@
 // client was opened and freed.
 #include <unistd.h>
 
-#include <cstring>
-
-#include "golden_log.h"
+#include "library_test.h"
 #include "pelmar_log.h"
 #include "vs_client.h"
 

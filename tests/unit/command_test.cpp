@@ -1,6 +1,6 @@
 // The synchronous commands: the requests and their connections, the refused arguments, and the values that the caller
 // gets.
-#include "golden_log.h"
+#include "library_test.h"
 #include "nas_client.h"
 #include "nas_messages.h"
 #include "qmi_codec.h"

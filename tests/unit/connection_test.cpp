@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "nas_client.h"
 #include "qmi_idl_lib_internal.h"
 #include "sar_client.h"

@@ -1,4 +1,4 @@
-#include "golden_log.h"
+#include "library_test.h"
 
 #include <syslog.h>
 #include <unistd.h>

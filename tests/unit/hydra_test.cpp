@@ -6,7 +6,7 @@
 #include <limits>
 #include <thread>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "pelmar_log.h"
 #include "vs_client.h"
 #include "vs_messages.h"

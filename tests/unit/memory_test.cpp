@@ -1,7 +1,7 @@
 // Operations without enough memory. Sanitizers replace malloc, so their builds omit these tests.
 #include <atomic>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "sar_client.h"
 #include "vs_client.h"
 

@@ -1,7 +1,7 @@
 // The vote for the modem's power, over a scripted peripheral manager.
 #include "modem_api_peripheral_mng.h"
 
-#include "golden_log.h"
+#include "library_test.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "pelmar_string.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The process's name and id, and the search of the process table.
 #include <unistd.h>
 
-#include "golden_log.h"
+#include "library_test.h"
 
 namespace {
 

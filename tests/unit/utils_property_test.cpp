@@ -1,6 +1,6 @@
 // Property access, and the values that the library derives from properties: traits of the build, lists, the modem's
 // restart type. The golden log shows the other results.
-#include "golden_log.h"
+#include "library_test.h"
 #include "pelmar_ssr.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <thread>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "pelmar_string.h"
 
 namespace {

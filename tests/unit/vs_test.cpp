@@ -3,7 +3,7 @@
 // order and the number of messages.
 #include <array>
 
-#include "golden_log.h"
+#include "library_test.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
 #include "vs_client.h"

@@ -5,7 +5,6 @@
 
 #include <iostream>
 #include <list>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
