@@ -53,7 +53,6 @@ TEST_F(ClientTest, ItemsAreWrittenReadAndDeletedAndRefusalsNameTheReason) {
           {"client efs-path write /../x 00", 1, "invalid argument (MODEM_API_ERR_INVALID_PARAM, 5)\n  The modem t"},
           {"client raw 01 >/dev/full", 1, "writing the output failed: No space left"},
           {"client --help >/dev/full", 1, "writing the output failed: No space left"},
-          {"client --complete modem_api_test n >/dev/full", 1, "writing the output failed: No space left"},
           {"client --manual >/dev/full", 1, "writing the output failed: No space left"},
           {"client nv read 1 --trace /dev/full", 1,
            "modem_api_test: writing the trace '/dev/full' failed: No space left on device\n"},

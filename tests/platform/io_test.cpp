@@ -62,30 +62,22 @@ TEST(UnixSocket, ConnectingToAListenerThatDoesNotAcceptTimesOut) {
 TEST_F(DirectoryTest, OnAnAbstractNameOnlyThisUserAndRootAreTrusted) {
   if (::geteuid() != 0) GTEST_SKIP() << "takes another user's identity";
   const std::string abstract = "@io-test-user-" + std::to_string(::getpid()), path = directory_ / "socket";
-  const struct {
-    std::string name;
-    uid_t listener, caller;
-    const char* any_user;
-    int error;
-    bool may_refuse;
-  } cases[] = {
+  // The name, the users of the listener and of the caller, PELMAR_ANY_USER, the error, and whether the other may
+  // refuse.
+  const std::tuple<std::string, uid_t, uid_t, const char*, int, bool> cases[] = {
       {abstract, kUser, 0, "0", EPERM, false}, {abstract, kUser, 0, "1", 0, false},
       {abstract, 0, kUser, "0", 0, true},      {abstract, kUser, kUser + 1, "1", 0, true},
       {path, kUser, 0, "0", 0, false},
   };
-  for (const auto& each : cases) {
-    ::setenv("PELMAR_ANY_USER", each.any_user, 1);
-    const auto listen = [&] {
-      const AsUser listener(each.listener);
-      return listen_on(each.name, 1);
-    };
-    const UniqueFd listener = listen();
-    const AsUser caller(each.caller);
-    const UnixConnection connection = connect_unix(each.name);
-    const std::string refusal = connection.fd ? describe_refusal(connection.fd.get(), each.name) : "";
-    EXPECT_EQ(connection.error, each.error) << each.listener << ' ' << each.caller << ' ' << each.any_user;
-    EXPECT_EQ(connection.problem.find("user 61234") != std::string::npos, each.error != 0) << connection.problem;
-    EXPECT_EQ(!refusal.empty(), each.may_refuse) << refusal;
+  for (const auto& [name, listening, calling, any_user, error, may_refuse] : cases) {
+    ::setenv("PELMAR_ANY_USER", any_user, 1);
+    const UniqueFd listener = (AsUser(listening), listen_on(name, 1));
+    const AsUser caller(calling);
+    const UnixConnection connection = connect_unix(name);
+    const std::string refusal = connection.fd ? describe_refusal(connection.fd.get(), name) : "";
+    EXPECT_EQ(connection.error, error) << listening << ' ' << calling << ' ' << any_user;
+    EXPECT_EQ(connection.problem.find("user 61234") != std::string::npos, error != 0) << connection.problem;
+    EXPECT_EQ(!refusal.empty(), may_refuse) << refusal;
   }
   ::unsetenv("PELMAR_ANY_USER");
 }

@@ -1,8 +1,6 @@
 // The vendor-specific service: its responses byte for byte, its indications and their events, its service object, and a
 // connection that is not restored. The tests of the commands check the requests. The compiler asserts the sizes, the
 // order and the number of messages.
-#include <array>
-
 #include "library_test.h"
 #include "qmi_codec.h"
 #include "qmi_idl_lib_internal.h"
@@ -57,9 +55,8 @@ TEST(VsMessages, DescribesTheServiceAndAcceptsOneVersion) {
   ASSERT_EQ(table.n_types, 4);
   EXPECT_EQ(0, std::memcmp(table.p_types[3].p_encoded_type_data, "\x02\x00\x02\x04\x20", 5));
   EXPECT_EQ(vs_get_service_object_internal_v01(1, 2, 6), kService);
-  using Version = std::array<int32_t, 3>;
-  for (const auto& [major, minor, library] : {Version{1, 2, 5}, {1, 3, 6}, {2, 2, 6}}) {
-    EXPECT_EQ(vs_get_service_object_internal_v01(static_cast<uint32_t>(major), minor, library), nullptr);
+  for (const auto& [major, minor, library] : {std::tuple(1U, 2, 5), {1U, 3, 6}, {2U, 2, 6}}) {
+    EXPECT_EQ(vs_get_service_object_internal_v01(major, minor, library), nullptr);
   }
 }
 
