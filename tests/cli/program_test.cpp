@@ -1,8 +1,6 @@
 // The program as users run it: exit status, output, files, the modem that it starts itself, and the release of the
 // modem's client ids at its end.
 
-#include <filesystem>
-
 #include "client_program.h"
 
 namespace pelmar::cli {

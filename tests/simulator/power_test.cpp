@@ -1,5 +1,4 @@
 // The modem's power: votes, the events that voters get, and crashes.
-#include <filesystem>
 #include <fstream>
 #include <list>
 #include <optional>

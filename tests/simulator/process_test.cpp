@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <signal.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "simulator_test.h"

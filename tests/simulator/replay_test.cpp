@@ -1,7 +1,6 @@
 // Captures that are played, and those that cannot be.
 #include <fcntl.h>
 
-#include <filesystem>
 #include <fstream>
 #include <optional>
 

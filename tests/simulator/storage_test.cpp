@@ -1,7 +1,6 @@
 // Stored items: their files on disk, and paths that must not leave the directory.
 #include <sys/resource.h>
 
-#include <filesystem>
 #include <fstream>
 #include <optional>
 

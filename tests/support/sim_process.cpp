@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
 #include <utility>
 
@@ -39,15 +38,6 @@ std::vector<std::string> serve_arguments(const std::string& socket, const Scratc
 }
 
 }  // namespace
-
-ScratchDirectory::ScratchDirectory() {
-  char pattern[] = "/tmp/modem_sim_test.XXXXXX";
-  path_ = mkdtemp(pattern);
-}
-
-ScratchDirectory::~ScratchDirectory() {
-  std::filesystem::remove_all(path_);
-}
 
 std::string transport() {
   const char* const name = getenv("PELMAR_TEST_TRANSPORT");

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -15,8 +17,11 @@ namespace pelmar::sim::test {
 // A temporary directory, which the destructor removes.
 class ScratchDirectory {
  public:
-  ScratchDirectory();
-  ~ScratchDirectory();
+  ScratchDirectory() {
+    char pattern[] = "/tmp/modem_sim_test.XXXXXX";
+    path_ = mkdtemp(pattern);
+  }
+  ~ScratchDirectory() { std::filesystem::remove_all(path_); }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
   std::string path(const std::string& name) const { return path_ + '/' + name; }
