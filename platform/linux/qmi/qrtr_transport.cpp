@@ -48,8 +48,7 @@ constexpr size_t most_memory_of(size_t length) {
 // Waits for one of the descriptors. A signal may end the wait early.
 void wait_for(std::span<pollfd> descriptors, const Deadline& deadline) {
   if (deadline.has_passed()) return;
-  const auto remaining = deadline.remaining().count();
-  const timespec time = {static_cast<time_t>(remaining / 1000), static_cast<long>(remaining % 1000 * 1000000)};
+  const timespec time = deadline.remaining_time();
   ::ppoll(descriptors.data(), descriptors.size(), deadline.is_none() ? nullptr : &time, nullptr);
 }
 
