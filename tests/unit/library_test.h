@@ -1,5 +1,5 @@
-// What the tests share: a record of the clients' callbacks, a library that is initialised and traces its blocks, and the
-// golden log.
+// What the tests share: a record of the clients' callbacks, a library that is initialised and traces its blocks, and
+// the golden log.
 #pragma once
 
 #include <gmock/gmock.h>
