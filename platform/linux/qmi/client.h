@@ -86,7 +86,7 @@ class Client : public std::enable_shared_from_this<Client> {
     uint16_t transaction = 0;
     size_t place = 0;  // the index in waiters_
     bool is_done = false;
-    bool waits = false;  // its send has ended
+    bool has_sent = false;  // it may become the reader
     int32_t result = QMI_NO_ERR;
     std::condition_variable changed;  // the sender is done, or is the reader now
   };

@@ -170,6 +170,7 @@ void Client::lose() {
     push(lost);
   }
   is_error_due_ = error_function_ != nullptr;
+  send_ended_.notify_all();  // the sends that wait do not depend on the one that is under way
   wake_thread();
 }
 
@@ -181,7 +182,7 @@ void Client::take_reading(Waiter& waiter) {
 void Client::pass_reading() {
   reader_ = nullptr;
   if (is_gone_ || is_stopping_) return;
-  const auto next = std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->waits; });
+  const auto next = std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter* entry) { return entry->has_sent; });
   if (next == waiters_.end()) {
     const bool is_awaited = !transactions_.empty() || is_sending_;
     const auto action = is_awaited ? ReadingPause::Action::kArm : pause_.reader_ended();

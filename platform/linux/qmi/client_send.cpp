@@ -164,7 +164,7 @@ int32_t Client::transmit(Lock& lock, const Request& request, uint16_t transactio
 
 int32_t Client::wait_for_response(Lock& lock, Waiter& waiter) {
   const Deadline& deadline = waiter.deadline;
-  waiter.waits = true;
+  waiter.has_sent = true;
   while (!waiter.is_done) {
     if (reader_ == nullptr && !has_phone_rules_) take_reading(waiter);
     if (reader_ == &waiter) {

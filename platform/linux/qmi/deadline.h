@@ -27,7 +27,7 @@ class Deadline {
     return std::max(Milliseconds(0), std::chrono::ceil<Milliseconds>(at_ - Clock::now()));
   }
 
-  // The same for a system call.
+  // The same for a system call. Without a deadline the caller passes no time.
   timespec remaining_time() const {
     const auto total = remaining().count();
     return {static_cast<time_t>(total / 1000), static_cast<long>(total % 1000 * 1000000)};

@@ -1,4 +1,4 @@
-// The thread of a modem's device, its links, and what they send.
+// The open devices of this process, the thread and the links of each, and what links send.
 #include "modem_device.h"
 
 #include <sys/epoll.h>
@@ -118,8 +118,6 @@ void ModemDevice::write_device() {
   }
   changed_.notify_all();
 }
-
-// --- sending ---
 
 // Each link counts its CTL transactions by itself, so the device gets numbers of our own.
 SendStatus ModemDevice::send(uint64_t link, Bytes frame) {

@@ -1,4 +1,4 @@
-// A modem's open device: its thread, its links, and what waits for them. See modem_device.h.
+// The object behind the functions of modem_device.h: an open device with its thread and its links.
 #pragma once
 
 #include <array>
@@ -53,6 +53,10 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
  private:
   using Lock = std::unique_lock<std::mutex>;
 
+  // The names of descriptors in the thread's poll. The name of a link is kDevice plus its number.
+  static constexpr uint64_t kWakeUp = 0;
+  static constexpr uint64_t kDevice = 1;
+
   struct Link {
     ProcessFd socket;
     std::vector<uint8_t> waiting = {};  // bytes that the link's socket does not take yet
@@ -101,6 +105,9 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   void end_reading();
   bool must_read_at_once() const;
 
+  // Receives from a link's socket without waiting.
+  static ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received);
+
   static Bytes bytes_of(const qmi::Frame& frame) {
     return {frame.message.data() - qmi::kFrameHeaderLength, qmi::kFrameHeaderLength + frame.message.size()};
   }
@@ -126,12 +133,5 @@ class ModemDevice : public std::enable_shared_from_this<ModemDevice> {
   std::array<ControlRequest, UINT8_MAX + 1> control_;       // by the transaction at the device
   uint8_t last_transaction_ = 0;
 };
-
-// The names of descriptors in the thread's poll. The name of a link is kDevice plus its number.
-inline constexpr uint64_t kWakeUp = 0;
-inline constexpr uint64_t kDevice = 1;
-
-// Receives from a link's socket without waiting.
-ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received);
 
 }  // namespace pelmar::platform

@@ -1,4 +1,4 @@
-// Reads a modem's device and passes the frames to its links.
+// Reads a modem's device, passes the frames to its links, and releases ids that no link owns.
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -18,7 +18,7 @@ namespace pelmar::platform {
 // The most bytes that wait for a link whose reader is slow. Further frames for it are dropped.
 constexpr size_t kMostWaitingBytes = size_t{1} << 20;
 
-ReadStatus receive_now(int socket, std::span<uint8_t> room, size_t& received) {
+ReadStatus ModemDevice::receive_now(int socket, std::span<uint8_t> room, size_t& received) {
   const ssize_t count = ::recv(socket, room.data(), room.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) return ReadStatus::kTimedOut;
   if (count <= 0) return ReadStatus::kGone;

@@ -96,7 +96,7 @@ PELMAR_PLATFORM_EXPORT qmi_client_error_type qmi_client_init_instance(qmi_idl_se
       client->start();
     } catch (...) {
       *user_handle = nullptr;
-      qmi_client_release(handle);
+      if (const auto own = clients().remove(handle)) own->release();
       throw;
     }
     return QMI_NO_ERR;

@@ -190,7 +190,7 @@ bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
       wait_for(readable, deadline);
     } else if (packet.kind == Kind::kEndOfList) {
       return true;
-    } else if (packet.kind == Kind::kArrival) {
+    } else if (packet.kind == Kind::kArrival || packet.kind == Kind::kDeparture) {
       take(packet);
     }
   }
@@ -199,7 +199,8 @@ bool QrtrSocket::look_up(uint32_t service, const Deadline& deadline,
 Found QrtrSocket::find(const QrtrQuery& query, const Deadline& deadline, QrtrAddress& address) {
   std::optional<QrtrAddress> found;
   const bool is_complete = look_up(query.service, deadline, [&](const QrtrControl& packet) {
-    if (!found && query.matches(packet)) found = packet.address;
+    if (packet.kind == Kind::kArrival && !found && query.matches(packet)) found = packet.address;
+    if (packet.kind == Kind::kDeparture && found == packet.address) found.reset();
   });
   if (!is_complete) return Found::kNoResponse;
   address = found.value_or(QrtrAddress());
@@ -323,7 +324,7 @@ void QrtrConnection::wait(const Deadline& deadline) const {
 // that memory apart find every drop; those in time find it soon.
 void QrtrConnection::check_for_drops() {
   const bool is_due = unchecked_bytes_ >= unchecked_limit_ || next_count_.has_passed();
-  if (!is_due && !is_check_due_) return;
+  if (!is_due && !is_check_due_ && unreported_drops_ == 0) return;
   unchecked_bytes_ = 0;
   next_count_ = Deadline::after(kCheckInterval);
   const QrtrSocket::Memory memory = socket_.memory();
@@ -414,7 +415,7 @@ void inspect_qrtr(const ModemAddress& address, const Deadline& deadline, ModemRe
     return;
   }
   const bool is_complete = socket.look_up(0, deadline, [&](const QrtrControl& packet) {
-    if (report.services.size() == kMostServices) return;
+    if (packet.kind != Kind::kArrival || report.services.size() == kMostServices) return;
     if (address.node && packet.address.node != *address.node) return;
     report.services.push_back({packet.service, packet.instance, packet.address.node, packet.version, 0});
   });

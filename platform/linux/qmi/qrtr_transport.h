@@ -55,7 +55,8 @@ struct QrtrControl {
   uint32_t instance = 0;
   uint8_t version = 0;
 
-  // Returns whether the packet reports that the peer at the address went away.
+  // Returns whether the packet reports that the peer at the address went away. The service does not matter: a lookup
+  // reports one, and a port has one.
   bool ends(const QrtrAddress& peer) const;
 
   bool operator==(const QrtrControl&) const = default;
@@ -78,7 +79,7 @@ class QrtrSocket {
  public:
   // The kernel sends no longer datagrams. Longer ones from other nodes are dropped.
   static constexpr size_t kMaxDatagram = UINT16_MAX;
-  static constexpr size_t kRoom = kMaxDatagram + 1;
+  static constexpr size_t kRoom = kMaxDatagram + 1;  // shows whether a datagram is longer
 
   // Returns false with errno set if there is no socket. Reports a kernel without QRTR to the system log.
   bool open();
@@ -92,8 +93,8 @@ class QrtrSocket {
   // Sends without waiting. Never returns kTimedOut.
   SendStatus send(const QrtrAddress& to, const void* bytes, size_t length);
 
-  // Receives without waiting. `bytes` is the room, and then the datagram; one that is longer than kMaxDatagram becomes
-  // an empty one if there is kRoom. kTimedOut: there is nothing to receive.
+  // Receives without waiting. `bytes` is the room, and then the datagram, which is cut to the room. With kRoom, one
+  // that is longer than kMaxDatagram becomes an empty one. kTimedOut: there is nothing to receive.
   ReadStatus receive(std::span<uint8_t>& bytes, QrtrAddress& from);
 
   // Receives a control packet of the name service without waiting; kOther stands for any other datagram.
@@ -101,8 +102,9 @@ class QrtrSocket {
 
   bool is_name_service(const QrtrAddress& address) const { return address == name_service_; }
 
-  // Looks up the services of that number, 0 for all, and calls `take` for each arrival until the list ends. The name
-  // service then reports changes to this socket. Returns false if the list does not end before the deadline.
+  // Looks up the services of that number, 0 for all, and calls `take` for each arrival and departure until the list
+  // ends. The name service then reports changes to this socket. Returns false if the list does not end before the
+  // deadline.
   // REQUIRES: the socket has not looked anything up before.
   bool look_up(uint32_t service, const Deadline& deadline, const std::function<void(const QrtrControl&)>& take);
 

@@ -86,7 +86,8 @@ ReadStatus SocketStream::receive(uint8_t* to, size_t room, const Deadline& deadl
       report_refusal();
       return ReadStatus::kGone;
     }
-    if (!wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
+    // A process that was stopped gets EINTR: bytes may have arrived although the deadline has passed.
+    if (errno == EAGAIN && !wait(POLLIN, deadline)) return ReadStatus::kTimedOut;
   }
 }
 
