@@ -36,10 +36,14 @@ void require_fields(const Message& message, const Bytes& wire, bool decodes) {
     require(field.is_described || !has_name || !decodes);
   });
   pelmar::qmi::CapturedMessage captured;
-  captured.frame.service = service;
-  std::string json;
-  pelmar::qmi::append_json(json, {captured, {}, parsed, {}, {}}, true);
-  require(nlohmann::json::accept(json));
+  pelmar::qmi::Message control = parsed;
+  control.id = static_cast<uint16_t>(0x21 + wire.size() % 4);  // of CTL, which has no message of the codec's
+  for (const auto& [number, shown] : {std::pair(service, parsed), {uint8_t{0}, control}}) {
+    captured.frame.service = number;
+    std::string json;
+    pelmar::qmi::append_json(json, {captured, {}, shown, {}, {}}, true);
+    require(nlohmann::json::accept(json));
+  }
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ bogus
 nv read 10 --modem x
 nv 'read
 """
-# By the type of the items, one that is there, and another.
+# {0} is the type of the items, {1} an item that exists, {2} another one.
 ITEM_LINES = """
 {0} write {1} 0a
 {0} read {1}

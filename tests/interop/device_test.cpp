@@ -73,7 +73,7 @@ TEST_F(DeviceTest, ASecondProgramAndAWrongDeviceAreRefusedWithAReason) {
 // qmi-proxy keeps the client ids of programs that were killed, and the modem has ten for each service.
 TEST_F(ProxyTest, TheNextProgramReleasesTheIdsOfKilledOnes) {
   modem_api_free_client(open(MODEM_API_CLIENT_NAS_0));
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "the proxy that it started is no child";
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "the platform waits for the shell that started the proxy";
   for (int i = 0; i < 10; ++i) {
     Process follower = start("events");
     EXPECT_TRUE(prints(follower, "is up"));

@@ -25,6 +25,10 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
     });
   };
   constexpr size_t kValueAt = 10;  // behind the result TLV and the head of the next one
+  const auto list_none = [&](Bytes& tlvs) {
+    tlvs[kValueAt] = 0;
+    ++looks;
+  };
   connect();
   const std::string socket = ::getenv("PELMAR_MODEM");
   const struct {
@@ -34,11 +38,15 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
       {[this] { modem_.client_id_limit = 1; }, QMI_CLIENT_ALLOC_FAILURE},
       {[&] { on(ScriptedModem::kGetVersionInfo, [](Bytes&) { std::this_thread::sleep_for(milliseconds(1200)); }); },
        QMI_TIMEOUT_ERR},
-      {[&] { on(ScriptedModem::kGetVersionInfo, [&](Bytes& tlvs) { tlvs[kValueAt] = 0, ++looks; }); }, QMI_TIMEOUT_ERR},
+      {[&] { on(ScriptedModem::kGetVersionInfo, list_none); }, QMI_TIMEOUT_ERR},
       {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs[kValueAt] = 0x11; }); }, QMI_CLIENT_ALLOC_FAILURE},
       {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs.back() = 0; }); }, QMI_CLIENT_ALLOC_FAILURE},
       {[&] { on(ScriptedModem::kAllocate, [](Bytes& tlvs) { tlvs.clear(); }); }, QMI_CLIENT_ALLOC_FAILURE},
-      {[this] { ::setenv("PELMAR_MODEM", "qrtr:x", 1), create_notifier(); }, QMI_CLIENT_PARAM_ERR},
+      {[this] {
+         ::setenv("PELMAR_MODEM", "qrtr:x", 1);
+         create_notifier();
+       },
+       QMI_CLIENT_PARAM_ERR},
       {[] { ::setenv("PELMAR_MODEM", "@no-such-modem", 1); }, QMI_TIMEOUT_ERR},
       {[] { ::setenv("PELMAR_MODEM", "/dev/no-such-device", 1); }, QMI_TIMEOUT_ERR},
       {[] { ::setenv("PELMAR_MODEM", "proxy:/dev/no-such-device", 1); }, QMI_TIMEOUT_ERR},
@@ -59,7 +67,7 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   }
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2)
-      << "no client id; a wrong address, once; not a modem that may come: " << log;
+      << "a line for the missing client id and one for the wrong address: " << log;
   EXPECT_LE(looks, 10) << "the pauses between the attempts grow";
   EXPECT_EQ(events(0), Events{}) << "no modem has the wrong address";
   auto late = std::async(std::launch::async, [this] {
@@ -70,25 +78,31 @@ TEST_F(ClientTest, ConnectsIfTheModemHasTheServiceAndAnIdWithinTheTimeout) {
   modem_.client_ids.set({});
 }
 
-// At each of an open's requests: to the proxy, for the list, for an id, and to release the id of a dead process.
+// The modem restarts, or revokes an id, at one of the open's four requests: to the proxy, for the list, for an id, and
+// to release the id of a dead process.
 TEST_F(ClientTest, AnOpenUsesNoIdThatTheModemVoidsDuringIt) {
   const Bytes stale = join({{1, 77, 0x22, 0, 12, 0}, kSuccess, {0x01, 2, 0, kNasId, 99}});
   const Bytes others = join({frame(0, 0, {2, 0}), frame(0, 0, stale)});  // no message; an earlier request's response
   uint8_t id = 0;
   for (int event = 0; event < 8; ++event) {
-    std::atomic<int> before = event / 2;
+    const auto before = std::make_shared<std::atomic<int>>(event / 2);  // a late release counts, too
     ++id;
     record_.restore({{kNasId, 99}}, Deadline::none());
-    modem_.on_control.set([&](int connection, uint16_t request, Bytes&) {
+    modem_.on_control.set([=, this](int connection, uint16_t request, Bytes&) {
       if (request == ScriptedModem::kAllocate) modem_.send(connection, others);
-      if (before-- != 0) return true;
-      event % 2 == 0 ? modem_.announce_restart(connection) : modem_.revoke(connection, kNasId, id);
+      if ((*before)-- != 0) return true;
+      if (event % 2 == 0) {
+        modem_.announce_restart(connection);
+      } else {
+        modem_.revoke(connection, kNasId, id);
+      }
       if (event != 4) modem_.client_ids.set({});
       return true;
     });
     const qmi_client_type handle = connect(60'000);
-    if (event >= 4) ++id;  // before the allocation it does not matter
-    EXPECT_EQ(modem_.client_ids.get(), (ScriptedModem::ClientIds{{kNasId, id}}));
+    if (event >= 4) ++id;  // an event before the allocation voids no id
+    const ScriptedModem::ClientIds expected = {{kNasId, id}};
+    EXPECT_TRUE(modem_.client_ids.wait_until([&](const auto& ids) { return ids == expected; }));
     EXPECT_EQ(record_.held(Deadline::none()).size(), 1u);
     qmi_client_release(handle);
   }
@@ -102,7 +116,7 @@ TEST_P(BothRules, RefusesInvalidHandlesMessagesAndCallbacks) {
   ::close(0);
   const qmi_client_type released = connect();
   qmi_client_release(released);
-  EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "the connection leaves its descriptor open";
+  EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "a release closes descriptor 0, too";
   for (const qmi_client_type bad : {qmi_client_type{nullptr}, reinterpret_cast<qmi_client_type>(this), released}) {
     EXPECT_EQ(get_drx(bad).first, QMI_CLIENT_INVALID_CLNT);
     EXPECT_EQ(qmi_client_release(bad), QMI_CLIENT_INVALID_CLNT);
@@ -265,14 +279,17 @@ TEST_P(BothRules, AModemThatReadsNothingDoesNotBlockASendForEver) {
     constexpr int kMany = 300;  // more than a socket takes
     for (int count = 0; count < kMany; ++count) ASSERT_EQ(get_drx(handle, 1), Outcome(QMI_TIMEOUT_ERR, 0));
     std::latch begun(2);
-    const auto send = [&] { return begun.count_down(), get_drx(handle, 0); };
+    const auto send = [&] {
+      begun.count_down();
+      return get_drx(handle, 0);
+    };
     auto blocked = std::async(std::launch::async, send);
     std::this_thread::sleep_for(milliseconds(50));  // it owns the sending side by now
     auto waiting = std::async(std::launch::async, send);
     begun.wait();
     const auto start = Clock::now();
     EXPECT_EQ(get_drx(handle, 50), Outcome(QMI_TIMEOUT_ERR, 0));
-    EXPECT_GE(Clock::now() - start, milliseconds(50)) << "and `waiting` waits by now";
+    EXPECT_GE(Clock::now() - start, milliseconds(50));  // so `waiting` has had the time to wait
     modem_.indicate(connection, kNasId, 0xFF, 1);
     EXPECT_EQ(events(connection + 1u).size(), connection + 1u) << "the modem may have to write before it reads";
     if (connection == 2) {

@@ -140,8 +140,9 @@ class QrtrTest : public HandleTest {
 
   static void on_indication(qmi_client_type, unsigned, void*, unsigned, void* data) {
     auto* const test = static_cast<QrtrTest*>(data);
+    const bool is_held = test->is_held_;
     ++test->indications_;
-    while (test->is_held_) std::this_thread::sleep_for(milliseconds(1));
+    while (is_held && test->is_held_) std::this_thread::sleep_for(milliseconds(1));
     std::this_thread::sleep_for(test->callback_time_);
   }
 
@@ -358,7 +359,10 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
     EXPECT_EQ(service.send(request.from, indication), 0);
     ++sent;
     while (indications_ < sent) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
-    for (size_t refused = 0; refused < 5;) ++(service.send(request.from, indication) == 0 ? sent : refused);
+    for (size_t refused = 0; refused < 5;) {
+      const bool is_taken = service.send(request.from, indication) == 0;
+      is_taken ? ++sent : ++refused;
+    }
   };
   fill();
   std::this_thread::sleep_for(milliseconds(110));  // checks for a loss are less than that apart

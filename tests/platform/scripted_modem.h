@@ -120,6 +120,7 @@ class ScriptedModem {
 
   explicit ScriptedModem(std::set<uint8_t> offered) : services(std::move(offered)) {
     ::setenv("PELMAR_MODEM", path_.c_str(), 1);
+    std::filesystem::remove_all(path_ + ".state");  // of an earlier process that ended by a signal
     ::setenv("XDG_STATE_HOME", (path_ + ".state").c_str(), 1);
     accepting_ = std::async(std::launch::async, [this] { accept_peers(); });
   }

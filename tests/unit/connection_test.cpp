@@ -372,8 +372,14 @@ TEST_P(Reconnect, ReleaseOrStartEndsAReconnectionAtAnyMoment) {
       const std::string service = connection_.name.substr(0, connection_.name.find("_client"));
       const auto release_at_moment = [&](const std::string& moment) {
         if (moment != row.release_at || std::exchange(released, true)) return 0;
-        const auto end = [&] { row.starts ? connection_.init() : (void)connection_.release(); };
-        if (!by_other_thread) return end(), 0;
+        const auto end = [&] {
+          if (row.starts) return connection_.init();
+          connection_.release();
+        };
+        if (!by_other_thread) {
+          end();
+          return 0;
+        }
         set_threads(Threads::kRun);
         other = std::async(std::launch::async, end);
         set_threads(Threads::kHold);

@@ -45,6 +45,8 @@ class TracedAllocation : public testing::Test {
  protected:
   TracedAllocation() {
     properties[kTrace] = "true";
+    setenv("TZ", std::time(nullptr) / 3600 % 24 == 0 ? "X-5" : "X0", 1);  // a record's hour is not 0
+    tzset();
     do {  // until all three blocks have the same second
       time_ = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
       for (size_t i = 0; i < 3; ++i) {
