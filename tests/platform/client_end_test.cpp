@@ -145,11 +145,15 @@ TEST_F(ClientTest, ANotifierReportsAtRegistrationAndEveryChange) {
             (Events{"event 0", "event 0", "event 1", "event 0", "event 1", "event 0", "event 1", "event 0"}));
   modem_.close(0);
   EXPECT_EQ(events(10).size(), 10u);
+  connect();
+  modem_.revoke(2, kNasId, modem_.client_ids.get().begin()->second);
+  modem_.client_ids.set({});
+  EXPECT_EQ(events(12).size(), 12u) << "the handle's link alone has the revocation";
   for (int count = 0; count < 40; ++count) {
     modem_.announce_restart(1);
     std::this_thread::sleep_for(milliseconds(5));
   }
-  EXPECT_LT(events(0).size(), 10u + 40) << "its looks become rarer";
+  EXPECT_LT(events(0).size(), 12u + 40) << "its looks become rarer";
 }
 
 TEST_F(ClientTest, ANotifierReportsNoAbsentServiceAndMayBeReleasedByItsCallback) {
