@@ -37,7 +37,7 @@ void require_fields(const Message& message, const Bytes& wire, bool decodes) {
   });
   pelmar::qmi::CapturedMessage captured;
   pelmar::qmi::Message control = parsed;
-  control.id = static_cast<uint16_t>(0x21 + wire.size() % 4);  // of CTL, which has no message of the codec's
+  control.id = static_cast<uint16_t>(0x21 + wire.size() % 4);  // of CTL, whose messages the codec does not have
   for (const auto& [number, shown] : {std::pair(service, parsed), {uint8_t{0}, control}}) {
     captured.frame.service = number;
     std::string json;

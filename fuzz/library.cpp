@@ -9,7 +9,9 @@
 // decoder returns 1 or 0, and 0 if the response is a failure or does not decode.
 #include <errno.h>
 
+#include <cstring>
 #include <memory>
+#include <utility>
 
 #include "instant_platform.h"
 #include "messages.h"

@@ -59,8 +59,8 @@ TEST_P(BothRules, EverySendEndsWhenTheServiceIsLost) {
       late = std::async(std::launch::async, get_drx, handle, 10'000);
       EXPECT_TRUE(!GetParam() || late.wait_for(milliseconds(20)) == std::future_status::timeout);
     });
-    if (&lose == &losses[2])
-      std::this_thread::sleep_for(milliseconds(150));  // a recv() waits for 100 ms, and the next one sees the end
+    // A recv() waits for 100 ms; the next one finds the end of the stream.
+    if (&lose == &losses[2]) std::this_thread::sleep_for(milliseconds(150));
     lose(connection, client);
     for (Exchange& exchange : exchanges) EXPECT_EQ(exchange.outcome.get(), lost());
     const std::string content = by_rules("1003", "nothing");

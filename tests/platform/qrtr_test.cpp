@@ -360,8 +360,11 @@ TEST_F(QrtrTest, ReportsDropsAndDetectsALossWhoseReportWasDropped) {
     ++sent;
     while (indications_ < sent) std::this_thread::sleep_for(milliseconds(1));  // from then on nothing is read
     for (size_t refused = 0; refused < 5;) {
-      const bool is_taken = service.send(request.from, indication) == 0;
-      is_taken ? ++sent : ++refused;
+      if (service.send(request.from, indication) == 0) {
+        ++sent;
+      } else {
+        ++refused;
+      }
     }
   };
   fill();
