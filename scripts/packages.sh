@@ -31,5 +31,8 @@ configure() {
   if command -v ccache >/dev/null; then
     launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   fi
-  cmake -S . -B "$directory" -G Ninja "${launcher[@]}" "$@" >/dev/null
+  local command=(cmake -S . -B "$directory" -G Ninja "${launcher[@]}" "$@") messages
+  messages=$("${command[@]}" 2>&1 >/dev/null) || { printf '%s\n' "$messages" >&2; return 1; }
+  # If the compiler has changed, CMake drops the other settings, too; the second time it takes them.
+  case $messages in *"require your cache to be deleted"*) "${command[@]}" >/dev/null ;; esac
 }
