@@ -191,6 +191,48 @@ TEST_P(BothRules, SendersGetTheirOwnResponsesInAnyOrder) {
   }
 }
 
+// Threads send on one handle, and each opens and releases handles of its own. After a loss each gets its error
+// callback.
+TEST_P(BothRules, ThreadsShareAHandle) {
+  constexpr int kThreads = 4, kRounds = 30;
+  const qmi_client_type shared = connect();
+  const auto in_threads = [](const std::function<void()>& body) {
+    std::vector<std::future<void>> threads;
+    for (int thread = 0; thread < kThreads; ++thread) threads.push_back(std::async(std::launch::async, body));
+    return threads;
+  };
+  auto senders = in_threads([&] {
+    for (int round = 0; round < kRounds; ++round) {
+      EXPECT_EQ(qmi_client_register_error_cb(shared, on_error, this), QMI_NO_ERR);
+      EXPECT_EQ(get_drx(shared), Outcome(0, 1));
+      qmi_client_type own = nullptr;
+      EXPECT_EQ(open(&own, 60'000), QMI_NO_ERR);
+      uint8_t request = 0;
+      nas::GetDrxResponse response{};
+      EXPECT_EQ(
+          qmi_client_send_msg_async(own, kDrx, &request, 1, &response, sizeof response, on_response, this, nullptr),
+          QMI_NO_ERR);
+      qmi_client_release(own);
+    }
+  });
+  for (int requests = 2 * kThreads * kRounds; requests > 0; --requests) {
+    const ScriptedRequest request = modem_.receive();
+    modem_.indicate(request.connection, kNasId, 0xFF, 1);
+    modem_.respond(request, drx_response(request.client));
+  }
+  for (auto& thread : senders) thread.wait();
+  modem_.close(0);
+  EXPECT_EQ(get_drx(shared).first, QMI_SERVICE_ERR);
+  in_threads([&] {
+    for (int round = 0; round < kRounds; ++round) {
+      EXPECT_EQ(qmi_client_register_error_cb(shared, on_error, this), QMI_SERVICE_ERR);
+    }
+  });
+  const Events all = events(0);
+  EXPECT_GE(std::count(all.begin(), all.end(), "error -2"), kThreads * kRounds);
+  modem_.client_ids.set({});
+}
+
 TEST_P(BothRules, IndicationsAndResponsesAreDeliveredInOrderOnAnotherThread) {
   on_callback_.set([&](qmi_client_type) {
     const size_t count = events(0).size();

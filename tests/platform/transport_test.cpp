@@ -244,6 +244,32 @@ TEST_F(SharedDevice, GivesAClientIdToTheLinkThatRequestedIt) {
   EXPECT_EQ(receive(17), (Bytes{0x01, 16, 0, 0, 0, 0, 0, 4, 0x23, 0, 5, 0, 0x01, 2, 0, 1, 7})) << "it is released";
 }
 
+// The last link to end closes the device, and the next opens it again. The modem's frames go to every link.
+TEST_F(SharedDevice, ThreadsOpenAndEndLinks) {
+  const std::string path = ::ptsname(modem_.get());
+  for (DeviceLink& link : links_) end(link);
+  const Bytes request = frame(1, 0xFF, {0, 1, 0, 1, 0, 0, 0});
+  std::atomic<int> working{3};
+  const auto use = [&] {
+    for (int round = 0; round < 50; ++round) {
+      const DeviceLink link = connect_device(path);
+      EXPECT_EQ(link.problem.text, "");
+      if (link.problem) break;
+      EXPECT_EQ(send_to_device(link, request), SendStatus::kSent);
+      EXPECT_EQ(take(link, request.size()), request);
+    }
+    --working;
+  };
+  std::future<void> threads[] = {std::async(std::launch::async, use), std::async(std::launch::async, use),
+                                 std::async(std::launch::async, use)};
+  while (working > 0) {
+    pollfd arrival = {modem_.get(), POLLIN, 0};
+    if (::poll(&arrival, 1, 1) <= 0 || (arrival.revents & POLLIN) == 0) continue;  // the device may be closed
+    EXPECT_EQ(receive(request.size()), request);
+    send(request);
+  }
+}
+
 TEST(Qrtr, ReadsControlPackets) {
   const Bytes nas = {3, 0, 0, 0, 0x02, 0x01, 0, 0, 5, 0, 0, 0, 0x01, 0x40, 0, 0};  // version 2, instance 1
   const auto packet = [](uint8_t command, Bytes rest) {

@@ -120,6 +120,23 @@ TEST_F(VoterTest, VotesWithdrawsAndUnregisters) {
   EXPECT_EQ(pm_client_connect(handle_), PM_RET_FAILED);
 }
 
+// Responses have no numbers, so a thread's request waits for the response to that of another thread.
+TEST_F(VoterTest, ThreadsVoteOneByOne) {
+  register_voter();
+  const auto vote = [this] {
+    for (int round = 0; round < 50; ++round) EXPECT_EQ(pm_client_connect(handle_), PM_RET_SUCCESS);
+  };
+  std::future<void> threads[] = {std::async(std::launch::async, vote), std::async(std::launch::async, vote)};
+  for (int round = 0; round < 100; ++round) {
+    EXPECT_EQ(next(), Request(Vote{}));
+    uint8_t early;
+    EXPECT_EQ(::recv(connection_.get(), &early, 1, MSG_PEEK | MSG_DONTWAIT), -1);
+    send(to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}));
+  }
+  for (auto& thread : threads) thread.wait();
+  EXPECT_EQ(run(pm_client_unregister, Unregister{}), PM_RET_SUCCESS);
+}
+
 TEST_F(VoterTest, IsNotRegisteredWithoutTheManagersResponse) {
   const Bytes broken_messages[] = {{}, {1, 0x77}, {3, 0x81, 0, 4}, {2, 0x81, 0}, {2, 0x82, 9}, {2, 0x83, 3}};
   for (const Bytes& message : broken_messages) EXPECT_EQ(register_with(message), PM_RET_FAILED) << message.size();

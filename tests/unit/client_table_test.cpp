@@ -2,6 +2,10 @@
 // client was opened and freed.
 #include <unistd.h>
 
+#include <atomic>
+#include <future>
+#include <set>
+
 #include "library_test.h"
 #include "pelmar_log.h"
 #include "vs_client.h"
@@ -119,6 +123,35 @@ TEST_F(ClientTable, FreesAClientWithItsConnection) {
   }
   for (const int32_t id : {-1, 10}) EXPECT_EQ(modem_api_free_client(id), MODEM_API_ERR_INVALID_CLIENT);
   expect_golden_log();
+}
+
+// Threads open clients and free those of the others. A handle is released once, and in the end nothing is left.
+TEST_F(ClientTable, ThreadsOpenAndFreeClients) {
+  constexpr int kRounds = 40;
+  std::atomic<int> opened{0};
+  const auto use = [&](int thread) {
+    for (int i = 0; i < 8; ++i) {
+      int32_t id = 0;
+      const auto type = static_cast<modem_api_client_type>((thread / 2 + i) % 4);
+      if (modem_api_init_client(type, nullptr, nullptr, &id) == MODEM_API_SUCCESS) ++opened;
+      modem_api_free_client(i % 4);
+    }
+  };
+  for (int round = 0; round < kRounds; ++round) {
+    modem_api_init();  // allows one connection of each type
+    std::vector<std::future<void>> threads;
+    for (int thread = 0; thread < 4; ++thread) threads.push_back(std::async(std::launch::async, use, thread));
+    for (auto& thread : threads) thread.wait();
+    for (int32_t id = 0; id < MODEM_API_MAX_CLIENTS; ++id) modem_api_free_client(id);
+    EXPECT_EQ(open_handles(), 0U);
+    EXPECT_THAT(live_blocks(), IsEmpty());
+  }
+  EXPECT_GE(opened, kRounds);
+  std::set<qmi_client_type> released;
+  for (const Call& call : calls()) {
+    if (call.name != "release") continue;
+    EXPECT_TRUE(released.insert(call.handle).second);
+  }
 }
 
 // A second initialisation does not count up but resets the connections' contexts. A release only empties the table.
