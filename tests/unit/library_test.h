@@ -88,19 +88,6 @@ inline void log_one_time_lines() {
   clear_log();
 }
 
-// The lines of one function as "D body" and "E body", without those of entry and exit.
-inline Lines lines_of(const std::string& function) {
-  Lines lines;
-  for (const std::string& line : log_bodies()) {
-    if (line.compare(1, function.size() + 3, " " + function + ": ") != 0) continue;
-    const std::string body = line.substr(function.size() + 4);
-    const bool usual = body == "function entry ------------->" || body == "function exit <-------------" ||
-                       body.starts_with("function exit, ret(");
-    if (!usual) lines.push_back(line.substr(0, 2) + body);
-  }
-  return lines;
-}
-
 class LibraryTest : public testing::Test {
  protected:
   LibraryTest() {
