@@ -71,7 +71,6 @@ struct MessageCase {
   std::string content;  // of the structure: bytes behind each offset, zero elsewhere
 };
 
-// The tests of the library's commands check the other requests.
 const MessageCase kRows[] = {
     {&kMade, kRequest, 0x0020, 1, "", ""},
     {&kMade, kRequest, 0x0021, 36, "01 1300 04030201 7F 11 12 13 14 15 16 17 18 19 1A 1B 02 6869",
@@ -85,7 +84,11 @@ const MessageCase kRows[] = {
      "10 0100 A0 12 0100 A1 13 0100 A2 14 0100 A3 15 0100 A4 17 0100 A5 18 0100 A6 19 0100 A7 1A 0100 A8 1B 0100 A9 "
      "1C 0100 AA 1D 0100 AB 1E 0100 AC 1F 0100 AD 20 0100 AE 21 0200 B1B2",
      "0:01A001A101A201A301A401A501A601A701A801A901AA01AB01AC01AD01AE 30:01B1B2"},
+    {kNas, kRequest, QMI_NAS_SET_SYSTEM_SELECTION_PREFERENCE_V01, 792, "33 0400 A1A2A3A4", "488:01 492:A1A2A3A4"},
     {kNas, kRequest, QMI_NAS_BIND_SUBSCRIPTION_V01, 4, "01 0100 A1", "0:A1"},
+    {kNas, kRequest, QMI_NAS_SET_AVOID_TRM_V01, 1, "01 0100 A1", "0:A1"},
+    {kNas, kRequest, QMI_NAS_SET_LTE_CELL_LOCK_V01, 488, "01 0700 01 A1A2 B1B2B3B4 10 0100 C1",
+     "0:01 4:A1A2 8:B1B2B3B4 484:01C1"},
     {kNas, kResponse, QMI_NAS_GET_CELL_LOCATION_INFO_V01, 3784,
      kFailure + "13 1D00 01 020304 0506 0708090A 0B0C 0D0E 0F 10 11 12 01 1314 15FF 1617 1819 1A1B "
                 "14 1800 01 02 A1A2 A3 A4 A5 00 B1B2 B3 B4 B5 01 C1C2 C3C4 C5C6 C7C8 C9CA "
@@ -94,6 +97,7 @@ const MessageCase kRows[] = {
                       "460:1A1B 532:01 536:01 540:02 544:A1A2A3A4A5 636:B1B2B3B4B5 644:01 648:C1C2C3C4C5C6C7C8C9CA "
                       "3132:01 3136:D1D2D3D4 3148:01 3152:E1E2E3E4"},
     {kNas, kResponse, QMI_NAS_GET_DRX_V01, 16, kFailure + "10 0400 A1A2A3A4", kFailureHeader + "8:01 12:A1A2A3A4"},
+    {kSar, kRequest, QMI_SAR_RF_SET_STATE_V01, 32, "01 0400 A1A2A3A4", "0:A1A2A3A4"},
     {kSar, kResponse, QMI_SAR_RF_GET_STATE_V01, 16, kFailure + "10 0400 A1A2A3A4", kFailureHeader + "8:01 12:A1A2A3A4"},
 };
 
