@@ -31,8 +31,10 @@ configure() {
   if command -v ccache >/dev/null; then
     launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   fi
-  local command=(cmake -S . -B "$directory" -G Ninja "${launcher[@]}" "$@") messages
-  messages=$("${command[@]}" 2>&1 >/dev/null) || { printf '%s\n' "$messages" >&2; return 1; }
+  local command=(cmake -S . -B "$directory" -G Ninja "${launcher[@]}" "$@") messages status=0
+  messages=$("${command[@]}" 2>&1 >/dev/null) || status=$?
+  [ -z "$messages" ] || printf '%s\n' "$messages" >&2
+  [ $status -eq 0 ] || return $status
   # If the compiler has changed, CMake drops the other settings, too; the second time it takes them.
   case $messages in *"require your cache to be deleted"*) "${command[@]}" >/dev/null ;; esac
 }

@@ -191,8 +191,8 @@ TEST_P(BothRules, SendersGetTheirOwnResponsesInAnyOrder) {
   }
 }
 
-// Threads send on one handle, and each opens and releases handles of its own. After a loss each gets its error
-// callback.
+// Threads send on one handle, and each opens and releases handles of its own. After the loss each registration calls
+// the error callback.
 TEST_P(BothRules, ThreadsShareAHandle) {
   constexpr int kThreads = 4, kRounds = 30;
   const qmi_client_type shared = connect();

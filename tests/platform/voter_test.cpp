@@ -130,7 +130,7 @@ TEST_F(VoterTest, ThreadsVoteOneByOne) {
   for (int round = 0; round < 100; ++round) {
     EXPECT_EQ(next(), Request(Vote{}));
     uint8_t early;
-    EXPECT_EQ(::recv(connection_.get(), &early, 1, MSG_PEEK | MSG_DONTWAIT), -1);
+    EXPECT_EQ(::recv(connection_.get(), &early, 1, MSG_PEEK | MSG_DONTWAIT), -1) << "a request before the response";
     send(to_frame(VoterResponse{0, EVENT_PERIPH_IS_OFFLINE}));
   }
   for (auto& thread : threads) thread.wait();

@@ -59,6 +59,7 @@ TEST_F(Callbacks, MayFreeClients) {
     set_threads(Threads::kHold);
     in_callback = [&](modem_api_client_type) {
       const qmi_client_type handle = *kHandles[id];
+      clear_log();
       for (int i = 0; i < 2; ++i) EXPECT_EQ(modem_api_free_client(id), MODEM_API_SUCCESS);
       EXPECT_TRUE(logged("E modem_api_free_client: client already freed"));
       EXPECT_EQ(*kHandles[id], nullptr);
